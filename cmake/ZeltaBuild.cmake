@@ -1,0 +1,53 @@
+# What every target of the project is built with.
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+  set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Build type" FORCE)
+endif()
+
+find_program(ZELTA_CCACHE ccache)
+if(ZELTA_CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${ZELTA_CCACHE})
+endif()
+
+set(ZELTA_SANITIZE "" CACHE STRING "Sanitizers, as the compiler's -fsanitize= takes them")
+find_package(Threads REQUIRED)
+
+add_library(zelta_options INTERFACE)
+target_include_directories(zelta_options INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(zelta_options INTERFACE -Wall -Wextra -Werror -Wshadow -Wformat=2
+                                               -Wnon-virtual-dtor -Wno-error=deprecated-declarations)
+# The framework's interfaces must have no virtual destructor (it would add slots); theirs are
+# protected, which -Wnon-virtual-dtor accepts.
+target_link_libraries(zelta_options INTERFACE Threads::Threads)
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  target_compile_options(zelta_options INTERFACE -Wthread-safety)
+endif()
+if(ZELTA_SANITIZE)
+  target_compile_options(zelta_options INTERFACE -fsanitize=${ZELTA_SANITIZE}
+                                                 -fno-omit-frame-pointer)
+  target_link_options(zelta_options INTERFACE -fsanitize=${ZELTA_SANITIZE})
+  if(ZELTA_SANITIZE MATCHES "undefined")
+    target_compile_options(zelta_options INTERFACE -fno-sanitize-recover=undefined)
+  endif()
+endif()
+if(WIN32)
+  target_compile_definitions(zelta_options INTERFACE UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN
+                                                     _WIN32_WINNT=0x0A00 FMT_HEADER_ONLY
+                                                     __USE_MINGW_ANSI_STDIO=1)
+endif()
+
+# zelta_add_library(NAME SOURCES... LIBRARIES...): a static library of one folder.
+function(zelta_add_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBRARIES" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_link_libraries(${name} PUBLIC zelta_options ${ARG_LIBRARIES})
+endfunction()

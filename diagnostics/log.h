@@ -1,0 +1,41 @@
+// The log calls of the driver. Each formats a printf-style message of at most 255 characters (the
+// rest is cut off) and hands it to the process's logger. They never report a failure.
+//
+// Any thread may call; records of concurrent callers do not mix. Nothing may be logged from a
+// global constructor or destructor.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#if defined(__GNUC__) && defined(__MINGW32__)
+#define ZELTA_PRINTF(format, first) __attribute__((format(gnu_printf, format, first)))
+#elif defined(__GNUC__)
+#define ZELTA_PRINTF(format, first) __attribute__((format(printf, format, first)))
+#else
+#define ZELTA_PRINTF(format, first)
+#endif
+
+namespace zelta {
+
+// A record is written when its level is not above the logger's threshold.
+enum class LogLevel : std::uint8_t { Critical = 0, Error = 1, Info = 2, Debug = 3, Trace = 4 };
+
+// The result code of a failure that has none of its own.
+inline constexpr std::int32_t kNoResultCode = -500;
+
+// Level 3 and level 2, result code 0.
+void logDebug(const char* format, ...) ZELTA_PRINTF(1, 2);
+void logInfo(const char* format, ...) ZELTA_PRINTF(1, 2);
+// Level 1. `code` is a system error number, an HRESULT, or `kNoResultCode`; written as a signed
+// decimal number.
+void logError(std::uint32_t code, const char* format, ...) ZELTA_PRINTF(2, 3);
+inline constexpr std::uint32_t kNoError = static_cast<std::uint32_t>(kNoResultCode);
+// No filter but the line writer's own.
+void logMessage(std::uint8_t level, std::int32_t code, const char* format, ...) ZELTA_PRINTF(3, 4);
+
+// The bytes as lines of hexadecimal values behind a line with their count, at level 3; one dump is
+// never mixed with other records, and nothing is formatted below the threshold.
+void logByteDump(const std::uint8_t* bytes, std::uint64_t length, std::uint64_t bytesPerLine);
+
+}  // namespace zelta

@@ -1,0 +1,27 @@
+// Where the log calls go: the process's logger. The logging facade implements these; a program
+// that wants the records themselves links another implementation in its place.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "diagnostics/log.h"
+
+namespace zelta {
+
+// Through the logger's level test.
+void writeFilteredRecord(LogLevel level, std::int32_t code, const std::string& message);
+// Straight to the line writer.
+void writeRecord(std::uint8_t level, std::int32_t code, const std::string& message);
+
+// The session that the agent announced: starts a new log file whose lines carry the id.
+void setSessionLogId(const std::string& id);
+
+// "No session": the id before the agent has announced one and after the card was removed.
+inline constexpr char kNullSessionLogId[] = "00000000-0000-0000-0000-000000000000";
+
+// Ends the process's logger with its threads and closes its file. A later record makes a new one.
+// Must not be called under the operating system's loader lock, nor while another thread logs.
+void shutDownLogging();
+
+}  // namespace zelta

@@ -1,0 +1,66 @@
+// Server ends of local byte-stream pipes, in the terms of the operating system's named pipes.
+//
+// One pipe end admits one client at a time. Calls block; `cancel` from another thread releases
+// them. A failing call returns false (or `invalidPipe()`) and leaves its reason in the calling
+// thread's last error (platform/error.h). Any call may be made from any thread, also at the same
+// time as others on the same handle, except that nothing may follow or overlap `close`.
+//
+// Where an operation begins just after a `cancel` it is not cancelled: a caller that must not
+// block keeps a flag of its own and cancels until the operation has ended.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace zelta::platform {
+
+// An operating system's pipe handle. Two values stand for none: 0 and all bits set.
+using PipeHandleValue = void*;
+inline PipeHandleValue noPipe() { return nullptr; }
+inline PipeHandleValue invalidPipe() {
+  return reinterpret_cast<PipeHandleValue>(~static_cast<std::uintptr_t>(0));
+}
+
+// A self-relative security descriptor of the system; opaque, never freed.
+using SecurityDescriptor = void*;
+
+// The arguments of the system's pipe creation beside the name.
+struct PipeArguments {
+  std::uint32_t openMode = 0;
+  std::uint32_t pipeMode = 0;
+  std::uint32_t maxInstances = 0;
+  std::uint32_t outBufferSize = 0;   // bytes
+  std::uint32_t inBufferSize = 0;    // bytes
+  std::uint32_t defaultTimeout = 0;  // milliseconds, 0 is the system's default
+  SecurityDescriptor securityDescriptor = nullptr;
+};
+
+class PipeApi {
+ public:
+  virtual ~PipeApi() = default;
+
+  // Converts a security descriptor string (SDDL revision 1). The result is the caller's for good.
+  virtual bool convertSecurityDescriptor(const std::string& sddl, SecurityDescriptor* out) = 0;
+  // Creates the one server end of a name; the name must not be in use (error 5 where it is).
+  virtual PipeHandleValue create(const std::string& name, const PipeArguments& arguments) = 0;
+  // Waits for a client. Fails with 535 where the client was there first (a good connection) and
+  // with 995 when cancelled.
+  virtual bool connect(PipeHandleValue pipe) = 0;
+  // Drops the client with whatever it has not read or been read; the end can be connected again.
+  virtual bool disconnect(PipeHandleValue pipe) = 0;
+  // Releases every operation of the process that is blocked on the pipe; 1168 where none is.
+  virtual bool cancel(PipeHandleValue pipe) = 0;
+  // Reads `size` bytes: 109 the client is gone, 536 there is none, 995 cancelled.
+  virtual bool read(PipeHandleValue pipe, void* data, std::uint32_t size) = 0;
+  // Writes `size` bytes: 109 or 232 the client is gone, 536 there is none, 995 cancelled.
+  virtual bool write(PipeHandleValue pipe, const void* data, std::uint32_t size) = 0;
+  // Returns once the client has read everything written.
+  virtual bool flush(PipeHandleValue pipe) = 0;
+  virtual bool close(PipeHandleValue pipe) = 0;
+};
+
+// The operating system's pipes. On Linux a pipe is a UNIX stream socket below $ZELTA_PIPE_ROOT.
+PipeApi& systemPipes();
+
+}  // namespace zelta::platform
