@@ -1,0 +1,87 @@
+# shellcheck shell=bash
+# What the project's commands share: messages, packages, builds, the running reader's files.
+
+ZELTA_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+ZELTA_RUN_DIR=${ZELTA_RUN_DIR:-/run/zelta/up}
+ZELTA_BUILD_DIR=${ZELTA_BUILD_DIR:-$ZELTA_ROOT/build}
+export ZELTA_RUN_DIR ZELTA_BUILD_DIR
+
+# shellcheck source=scripts/packages.sh
+source "$ZELTA_ROOT/scripts/packages.sh"
+
+say() { printf '%s\n' "$*"; }
+step() { printf '==> %s\n' "$*"; }
+die() {
+  printf 'zelta: %s\n' "$*" >&2
+  exit 1
+}
+die_usage() {
+  printf 'zelta: %s\n' "$*" >&2
+  exit 2
+}
+
+zelta_version() {
+  sed -n 's/^project(zelta_vsc VERSION \([0-9.]*\).*/\1/p' "$ZELTA_ROOT/CMakeLists.txt"
+}
+
+# Runs a command as root and says what for.
+as_root() {
+  local purpose=$1
+  shift
+  if [ "$(id -u)" -eq 0 ]; then
+    "$@"
+  elif command -v sudo >/dev/null; then
+    say "Root is needed $purpose: sudo $*"
+    sudo "$@"
+  else
+    die "root is needed $purpose, and there is no sudo; run as root: $*"
+  fi
+}
+
+# Installs those of the packages that are missing.
+need_packages() {
+  local missing=() package
+  for package in "$@"; do
+    [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)" = installed ] ||
+      missing+=("$package")
+  done
+  [ ${#missing[@]} -eq 0 ] && return
+  step "Installing ${#missing[@]} packages: ${missing[*]}"
+  as_root "to refresh the package lists" apt-get -qq update
+  as_root "to install packages" env DEBIAN_FRONTEND=noninteractive \
+    apt-get -qq -y -o Dpkg::Use-Pty=0 install --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# build_preset PRESET [TARGET...]: configures and builds; quiet unless it fails.
+build_preset() {
+  local preset=$1 log
+  shift
+  log=$(mktemp)
+  step "Building ($preset)"
+  (cd "$ZELTA_ROOT" && cmake --preset "$preset" &&
+    cmake --build --preset "$preset" ${1:+--target "$@"}) >"$log" 2>&1 || {
+    tail -n 60 "$log" >&2
+    rm -f "$log"
+    die "the build failed"
+  }
+  rm -f "$log"
+}
+
+# The files of a running reader.
+pcscd_socket() { cat "$ZELTA_RUN_DIR/pcscd.socket" 2>/dev/null || true; }
+is_up() {
+  local pid
+  pid=$(cat "$ZELTA_RUN_DIR/up.pid" 2>/dev/null) && [ -n "$pid" ] && kill -0 "$pid" 2>/dev/null
+}
+need_up() {
+  is_up || die "no reader is up here; ./zelta up brings one up"
+}
+# The environment of programs that use the running reader.
+use_running_reader() {
+  local socket
+  socket=$(pcscd_socket)
+  [ -z "$socket" ] || export PCSCLITE_CSOCK_NAME=$socket
+}
+newest_log() {
+  find "$1" -maxdepth 1 -name 'zelta_vsc_*.txt' 2>/dev/null | sort | tail -n 1
+}

@@ -1,0 +1,10 @@
+#!/usr/bin/env bash
+# Format, clang's warnings with thread-safety analysis, clang-tidy and shellcheck.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/format.sh --check
+git ls-files -z 'zelta' '*.sh' '.ci/run' | xargs -0 shellcheck -x
+cmake --preset clang >/dev/null
+cmake --build --preset clang
+git ls-files -z '*.cpp' ':!*_win32.cpp' ':!benchmarks' ':!fuzz' |
+  xargs -0 -n 8 -P "$(nproc)" clang-tidy -p build-clang --quiet

@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Reader, state, agent, card and log file of a running reader.
+set -euo pipefail
+# shellcheck source=scripts/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+case "${1:-}" in
+  "") ;;
+  -h | --help)
+    say "Usage: ./zelta status: reader, state, agent, card and log file (exit code 1: not up)."
+    exit 0
+    ;;
+  *) die_usage "status takes no '$1'" ;;
+esac
+
+need_up
+use_running_reader
+readers=$(opensc-tool --list-readers 2>/dev/null || true)
+reader=$(printf '%s\n' "$readers" | sed -n 's/^ *0 *\(Yes\|No\) *//p')
+case $(printf '%s\n' "$readers" | awk '$1 == "0" { print $2 }') in
+  Yes) state="card present" ;;
+  No) state="empty" ;;
+  *) state="not listed by pcscd" ;;
+esac
+say "Reader: ${reader:-none}"
+say "State:  $state"
+agent=$("$ZELTA_BUILD_DIR/bin/zelta-agent" ctl status --control "$ZELTA_RUN_DIR/agent.ctl" 2>&1) ||
+  agent="not running ($agent)"
+printf '%s\n' "$agent" | sed '1s/^/Agent:  /; 2,$s/^/        /'
+say "Log:    $(newest_log "$ZELTA_RUN_DIR/data/Vornhalt/ZeltaAgent/logs")"

@@ -1,0 +1,207 @@
+#!/usr/bin/env bash
+# Brings the reader up under pcscd with an emulated card.
+set -euo pipefail
+# shellcheck source=scripts/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+usage() {
+  cat <<'EOF'
+Usage: ./zelta up [--check]
+
+Installs packages, builds, makes a demo card (three RSA 2048 certificates, PIN 12345678), starts the
+agent and pcscd with the reader, shows reader, ATR and certificates and stays until Ctrl-C.
+
+  --check      sign with every key, verify the signatures, and end (exit code 0: all good)
+  -h, --help   this text
+EOF
+}
+
+check=no
+running_only=no
+for argument in "$@"; do
+  case "$argument" in
+    --check) check=yes ;;
+    --run-only) running_only=yes ;;  # behind sudo, when packages and build are done
+    -h | --help)
+      usage
+      exit 0
+      ;;
+    *) die_usage "up takes no '$argument'; see ./zelta up --help" ;;
+  esac
+done
+
+if [ "$running_only" = no ]; then
+  need_packages "${BUILD_PACKAGES[@]}" "${RUN_PACKAGES[@]}"
+  build_preset release zelta_vsc ifdzelta zelta-agent zelta-logs
+fi
+if [ "$(id -u)" -ne 0 ]; then
+  command -v sudo >/dev/null || die "root is needed to run pcscd with the reader; there is no sudo"
+  say "Root is needed to run pcscd and the agent with the reader: sudo $0 --run-only"
+  exec sudo --preserve-env=ZELTA_RUN_DIR,ZELTA_BUILD_DIR "$0" --run-only "$@"
+fi
+
+readonly PIN=12345678
+readonly CHECK=$check
+readonly LOGS=$ZELTA_RUN_DIR/data/Vornhalt/ZeltaAgent/logs
+agent_pid=
+pcscd_pid=
+made_run_pcscd=no
+
+# Ends a process that this script started and waits for it.
+end_process() {
+  local pid=$1 limit
+  [ -n "$pid" ] || return 0
+  kill -TERM "$pid" 2>/dev/null || return 0
+  (sleep 10 && kill -KILL "$pid") 2>/dev/null &
+  limit=$!
+  wait "$pid" 2>/dev/null || true
+  kill "$limit" 2>/dev/null || true
+  wait "$limit" 2>/dev/null || true
+}
+
+clean_up() {
+  local code=$?
+  trap '' INT TERM
+  trap - EXIT
+  [ "$code" -eq 0 ] || show_logs
+  end_process "$pcscd_pid"
+  end_process "$agent_pid"
+  rm -rf "$ZELTA_RUN_DIR"
+  rmdir "$(dirname "$ZELTA_RUN_DIR")" 2>/dev/null || true
+  if [ "$made_run_pcscd" = yes ]; then rm -rf /run/pcscd; fi
+  exit "$code"
+}
+
+show_logs() {
+  local log
+  for log in "$ZELTA_RUN_DIR/agent.log" "$ZELTA_RUN_DIR/pcscd.log" "$(newest_log "$LOGS")"; do
+    [ -s "$log" ] || continue
+    printf -- '--- %s\n' "$log" >&2
+    tail -n 20 "$log" >&2
+  done
+}
+
+prepare_run_dir() {
+  is_up && die "already up (process $(cat "$ZELTA_RUN_DIR/up.pid")); ./zelta down ends it"
+  rm -rf "$ZELTA_RUN_DIR"
+  mkdir -p "$ZELTA_RUN_DIR"
+  trap clean_up EXIT
+  trap 'exit 130' INT
+  trap 'exit 143' TERM
+  chmod 0755 "$ZELTA_RUN_DIR"
+  echo $$ >"$ZELTA_RUN_DIR/up.pid"
+  mkdir -p "$LOGS" "$ZELTA_RUN_DIR/reader.conf.d"
+  printf '%s' "$PIN" >"$ZELTA_RUN_DIR/pin"
+  chmod 0600 "$ZELTA_RUN_DIR/pin"
+  cat >"$ZELTA_RUN_DIR/reader.conf.d/zelta" <<EOF
+FRIENDLYNAME "Zelta Virtual SmartCard Reader"
+DEVICENAME zelta:0
+LIBPATH $ZELTA_BUILD_DIR/lib/libifdzelta.so
+EOF
+  cat >"$ZELTA_RUN_DIR/registry.reg" <<'EOF'
+Windows Registry Editor Version 5.00
+
+[HKEY_LOCAL_MACHINE\SOFTWARE\Policies\Vornhalt\Zelta\zelta_admin]
+"zelta.event_filter_mode"=dword:00000002
+
+[HKEY_LOCAL_MACHINE\SOFTWARE\Vornhalt\ZeltaAgent]
+"ZeltaLogRotationTime"="60"
+EOF
+  export ZELTA_PIPE_ROOT=$ZELTA_RUN_DIR/pipe
+  export ZELTA_PROGRAM_DATA=$ZELTA_RUN_DIR/data
+  export ZELTA_REGISTRY=$ZELTA_RUN_DIR/registry.reg
+  export ZELTA_MODULE=$ZELTA_BUILD_DIR/lib/libzelta_vsc.so
+}
+
+start_agent() {
+  "$ZELTA_BUILD_DIR/bin/zelta-agent" --backend emulated --db "$ZELTA_RUN_DIR/card" \
+    --pin-file "$ZELTA_RUN_DIR/pin" --control "$ZELTA_RUN_DIR/agent.ctl" \
+    >"$ZELTA_RUN_DIR/agent.log" 2>&1 &
+  agent_pid=$!
+}
+
+# A pcscd of our own: in the system's place where none is there, else in a private mount namespace
+# with a socket of its own.
+start_pcscd() {
+  local options=(--foreground --config "$ZELTA_RUN_DIR/reader.conf.d")
+  if [ -S /run/pcscd/pcscd.comm ]; then
+    mkdir -p "$ZELTA_RUN_DIR/pcscd"
+    echo "$ZELTA_RUN_DIR/pcscd/pcscd.comm" >"$ZELTA_RUN_DIR/pcscd.socket"
+    # shellcheck disable=SC2016  # expanded by the inner shell
+    unshare --mount sh -c 'mount --make-rprivate / && mount --bind "$0" /run/pcscd && exec "$@"' \
+      "$ZELTA_RUN_DIR/pcscd" pcscd "${options[@]}" >"$ZELTA_RUN_DIR/pcscd.log" 2>&1 &
+  else
+    [ -d /run/pcscd ] || made_run_pcscd=yes
+    echo /run/pcscd/pcscd.comm >"$ZELTA_RUN_DIR/pcscd.socket"
+    pcscd "${options[@]}" >"$ZELTA_RUN_DIR/pcscd.log" 2>&1 &
+  fi
+  pcscd_pid=$!
+  use_running_reader
+  local attempt
+  for attempt in $(seq 100); do
+    [ -S "$PCSCLITE_CSOCK_NAME" ] && return
+    kill -0 "$pcscd_pid" 2>/dev/null || die "pcscd ended at once"
+    sleep 0.1
+  done
+  die "pcscd did not open its socket after $attempt attempts"
+}
+
+show_card() {
+  step "Waiting for the card"
+  timeout 30 opensc-tool --wait --atr >"$ZELTA_RUN_DIR/atr" 2>"$ZELTA_RUN_DIR/wait.log" ||
+    die "no card within 30 seconds: $(tail -n 1 "$ZELTA_RUN_DIR/wait.log")"
+  say "Reader: $(opensc-tool --list-readers | sed -n 's/^ *0 *Yes *//p')"
+  say "ATR:    $(tail -n 1 "$ZELTA_RUN_DIR/atr")"
+  say "Card:   $(opensc-tool --name 2>/dev/null | tail -n 1)"
+  step "Certificates on the card"
+  pkcs11-tool --module "$(pkcs11_module)" --list-objects --type cert 2>/dev/null ||
+    die "the certificates could not be read"
+}
+
+hints() {
+  local variable=
+  if [ "$PCSCLITE_CSOCK_NAME" != /run/pcscd/pcscd.comm ]; then
+    variable="export PCSCLITE_CSOCK_NAME=$PCSCLITE_CSOCK_NAME"
+    cat <<EOF
+
+A pcscd of the system is running, so this reader has one of its own. In other terminals, first:
+  $variable
+To add the reader to the system's pcscd instead, copy
+  $ZELTA_RUN_DIR/reader.conf.d/zelta
+to /etc/reader.conf.d/ and restart pcscd (docs/operation.md).
+EOF
+  fi
+  cat <<EOF
+
+The reader is up. The card's PIN is $PIN. Try, in another terminal:
+  pkcs11-tool --module $(pkcs11_module) --login --pin $PIN --test
+  ssh-keygen -D $(pkcs11_module)
+  pcsc_scan
+  ./zelta logs        ./zelta status
+  ./zelta card remove ./zelta card insert
+Ctrl-C ends it.
+EOF
+}
+
+# Sourced for pkcs11_module and check_signatures.
+# shellcheck source=scripts/signatures.sh
+source "$ZELTA_ROOT/scripts/signatures.sh"
+
+prepare_run_dir
+step "Making the demo card"
+"$ZELTA_ROOT/scripts/make-demo-db.sh" "$ZELTA_RUN_DIR/card" "$PIN" >"$ZELTA_RUN_DIR/db.log" 2>&1 ||
+  die "the demo card could not be made: $(tail -n 3 "$ZELTA_RUN_DIR/db.log")"
+step "Starting the agent and pcscd"
+start_agent
+start_pcscd
+show_card
+if [ "$CHECK" = yes ]; then
+  step "Signing with every key and verifying"
+  check_signatures "$PIN" "$ZELTA_RUN_DIR"
+  say "All signatures are good."
+  exit 0
+fi
+hints
+trap 'exit 0' INT TERM
+wait -n "$agent_pid" "$pcscd_pid" || true
+if kill -0 "$agent_pid" 2>/dev/null; then die "pcscd has ended"; else die "the agent has ended"; fi
