@@ -1,0 +1,81 @@
+// The blocking calls on one pipe, and how another thread ends them for certain.
+//
+// The system's cancel releases only what is blocked at that moment: a thread that is just about to
+// enter its call is missed, and would then wait for a client or an agent that may never come; on
+// Windows whoever disconnects the pipe would wait behind it as well. So every blocking call goes
+// through here. Calls belong to a series (one exchange with the agent, one connection's events).
+// Ending a series first refuses its further calls, then cancels the pipe once, and, only as long
+// as one of its calls is still in flight, cancels again after a short wait for it.
+//
+// Ownership: beside the pipe's handle in its reader, and lives as long.
+// Threads: any. No lock is held while a call or a cancel is under way.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+
+#include "platform/error.h"
+#include "platform/pipe.h"
+#include "platform/sync.h"
+
+namespace zelta {
+
+class PipeCalls {
+ public:
+  // Of calls that are ended together.
+  using Series = std::uint64_t;
+
+  // How long a call that a cancel has missed may go on before the next one.
+  static constexpr std::chrono::milliseconds kCancelRetry{5};
+
+  PipeCalls() = default;
+  PipeCalls(const PipeCalls&) = delete;
+  PipeCalls& operator=(const PipeCalls&) = delete;
+
+  Series beginSeries();
+
+  // Runs `call`, which blocks on the pipe and returns whether it succeeded. Where the series has
+  // been ended, or the pipe is closed or stopped, it is not run and the result is false with
+  // the last error 995 (cancelled).
+  template <typename Call>
+  bool run(Series series, Call call) {
+    if (!enter(series)) {
+      platform::setLastError(platform::error::kOperationAborted);
+      return false;
+    }
+    const Leave leave{*this, series};
+    return call();
+  }
+
+  // Ends every series begun so far and returns once none of their calls is in flight. The result
+  // and the last error are those of the first cancel: false and 1168 where nothing was blocked.
+  bool endSeries(platform::PipeHandleValue pipe);
+  // The same, and refuses every call of a later series until `reopen`.
+  bool close(platform::PipeHandleValue pipe);
+  void reopen();
+  // Refuses every call from now on; ends none that is in flight (`close` does).
+  void stop();
+
+ private:
+  struct Leave {
+    PipeCalls& calls;
+    Series series;
+    ~Leave() { calls.leave(series); }
+  };
+
+  bool enter(Series series);
+  void leave(Series series);
+  void endCurrent() ZELTA_REQUIRES(mutex_);
+  bool cancelUntilIdle(platform::PipeHandleValue pipe, platform::MutexLock& lock)
+      ZELTA_REQUIRES(mutex_);
+
+  platform::Mutex mutex_;
+  platform::ConditionVariable idle_;
+  Series current_ ZELTA_GUARDED_BY(mutex_) = 0;
+  int inFlight_ ZELTA_GUARDED_BY(mutex_) = 0;       // calls of the current series
+  int endedInFlight_ ZELTA_GUARDED_BY(mutex_) = 0;  // calls of series that were ended
+  bool closed_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool stopped_ ZELTA_GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace zelta

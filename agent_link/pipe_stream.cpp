@@ -1,0 +1,61 @@
+#include "agent_link/pipe_stream.h"
+
+#include <algorithm>
+#include <new>
+#include <stdexcept>
+
+#include "agent_link/wire.h"
+#include "platform/ports.h"
+
+namespace zelta {
+
+bool PipeStream::writeNumber(std::uint32_t value) {
+  const auto bytes = encodeNumber(value);
+  return write(bytes.data(), static_cast<std::uint32_t>(bytes.size()));
+}
+
+bool PipeStream::write(const std::uint8_t* bytes, std::uint32_t size) {
+  return calls_.run(series_,
+                    [&] { return platform::ports().pipes->write(pipe_, bytes, size); });
+}
+
+void PipeStream::flush() {
+  calls_.run(series_, [&] { return platform::ports().pipes->flush(pipe_); });
+}
+
+bool PipeStream::readNumber(std::uint32_t& value) {
+  std::array<std::uint8_t, 4> bytes{};
+  if (!read(bytes.data(), static_cast<std::uint32_t>(bytes.size()))) return false;
+  value = decodeNumber(bytes);
+  return true;
+}
+
+PipeStream::Payload PipeStream::readPayload(std::uint32_t length,
+                                            std::vector<std::uint8_t>& bytes) {
+  try {
+    return readBlocks(length, bytes) ? Payload::Read : Payload::Failed;
+  } catch (const std::bad_alloc&) {
+    std::vector<std::uint8_t>().swap(bytes);
+  } catch (const std::length_error&) {
+    std::vector<std::uint8_t>().swap(bytes);
+  }
+  platform::setLastError(platform::error::kNotEnoughMemory);
+  return Payload::NoMemory;
+}
+
+bool PipeStream::readBlocks(std::uint32_t length, std::vector<std::uint8_t>& bytes) {
+  bytes.clear();
+  do {
+    const auto done = static_cast<std::uint32_t>(bytes.size());
+    const std::uint32_t block = std::min(length - done, kReadBlock);
+    bytes.resize(bytes.size() + block);
+    if (!read(bytes.data() + done, block)) return false;
+  } while (bytes.size() < length);
+  return true;
+}
+
+bool PipeStream::read(void* data, std::uint32_t size) {
+  return calls_.run(series_, [&] { return platform::ports().pipes->read(pipe_, data, size); });
+}
+
+}  // namespace zelta

@@ -1,0 +1,50 @@
+// Fields of the wire protocol (agent_link/wire.h) written to and read from one pipe, as one series
+// of calls that another thread can end.
+//
+// A failing operation leaves its reason in the calling thread's last error.
+// Ownership: made for one exchange or one connection; the pipe and its calls outlive it.
+// Threads: one at a time.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "agent_link/pipe_calls.h"
+#include "agent_link/pipe_handle.h"
+
+namespace zelta {
+
+class PipeStream {
+ public:
+  // A payload up to this length is read by one call; a longer one in blocks of this size, so that
+  // memory is taken as the bytes arrive and not on the word of the agent. Bytes.
+  static constexpr std::uint32_t kReadBlock = 1024 * 1024;
+
+  enum class Payload { Read, Failed, NoMemory };
+
+  PipeStream(PipeCalls& calls, const PipeHandle& pipe)
+      : calls_(calls), pipe_(pipe.get()), series_(calls.beginSeries()) {}
+
+  bool hasPipe() const { return PipeHandle::isValid(pipe_); }
+
+  bool writeNumber(std::uint32_t value);
+  bool write(const std::uint8_t* bytes, std::uint32_t size);
+  // Returns once the agent has read everything written. Its result is of no use to any caller:
+  // what is wrong with the pipe shows in the read that follows.
+  void flush();
+  bool readNumber(std::uint32_t& value);
+  // `bytes` becomes `length` bytes long and is filled. After a failed read of up to `kReadBlock`
+  // bytes it keeps that length; a longer one keeps what has been made room for. Where there is no
+  // memory for it, it is left empty.
+  Payload readPayload(std::uint32_t length, std::vector<std::uint8_t>& bytes);
+
+ private:
+  bool read(void* data, std::uint32_t size);
+  bool readBlocks(std::uint32_t length, std::vector<std::uint8_t>& bytes);
+
+  PipeCalls& calls_;
+  const platform::PipeHandleValue pipe_;
+  const PipeCalls::Series series_;
+};
+
+}  // namespace zelta
