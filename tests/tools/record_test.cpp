@@ -1,0 +1,96 @@
+#include "tools/logs/record.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/tools/log_lines.h"
+
+namespace zelta::logs {
+namespace {
+
+TEST(Record, LineIsTakenApart) {
+  const auto record = parseRecord(test::kError);
+  ASSERT_TRUE(record);
+  EXPECT_EQ(record->thread, "123456789");
+  EXPECT_EQ(record->time, "2024-03-05T14:07:10.000Z");
+  EXPECT_EQ(record->session, "a1b2c3d4-0000-0000-0000-000000000000");
+  EXPECT_EQ(record->level, Level::Error);
+  EXPECT_EQ(record->message, "[GATT]SCARD_ATTR_ATR_STRING: STATUS_NO_MEDIA");
+}
+
+TEST(Record, PaddedFieldsAreTrimmedAndLeadingBlanksOfTheMessageKept) {
+  const auto record = parseRecord(
+      "[7     ] 2024-03-05T14:07:09.042Z 0        my session 1                         0     "
+      "<CRITICAL> -500          two blanks in front");
+  ASSERT_TRUE(record);
+  EXPECT_EQ(record->thread, "7");
+  EXPECT_EQ(record->session, "my session 1");
+  EXPECT_EQ(record->level, Level::Critical);
+  EXPECT_EQ(record->message, "  two blanks in front");
+}
+
+TEST(Record, EmptyMessageIsARecord) {
+  const auto record = parseRecord(
+      "[7     ] 2024-03-05T14:07:09.042Z 0        x                                    0     "
+      "<INFO>     0           ");
+  ASSERT_TRUE(record);
+  EXPECT_EQ(record->message, "");
+}
+
+TEST(Record, WhatIsNoRecordGivesNone) {
+  for (const char* line :
+       {"", "[", "[1]", test::kHeader, "continued text", "[1     ] yesterday 0 x 0 <INFO> 0 m",
+        "[1     ] 2024-03-05T14:07:09.042Z x s 0 <INFO> 0 m",
+        "[1     ] 2024-03-05T14:07:09.042Z 0 s 0 <LOUD> 0 m",
+        "[1     ] 2024-03-05T14:07:09.042Z 0 s 0 INFO 0 m",
+        "[1     ] 2024-03-05T14:07:09.042Z 0 s zero <INFO> 0 m",
+        "[1     ] 2024-03-05T14:07:09.042Z 0 s 0 <INFO> code m"}) {
+    EXPECT_FALSE(parseRecord(line)) << line;
+  }
+}
+
+TEST(Record, HeaderIsKnown) {
+  EXPECT_TRUE(isHeader(test::kHeader));
+  EXPECT_FALSE(isHeader(test::kInfo));
+  EXPECT_FALSE(isHeader("Thread of mine"));
+}
+
+TEST(Level, NamesInAnyCaseAndNumbersAreKnown) {
+  EXPECT_EQ(parseLevel("error"), Level::Error);
+  EXPECT_EQ(parseLevel("CRITICAL"), Level::Critical);
+  EXPECT_EQ(parseLevel("3"), Level::Debug);
+  EXPECT_FALSE(parseLevel("5"));
+  EXPECT_FALSE(parseLevel(""));
+  EXPECT_FALSE(parseLevel("warning"));
+}
+
+TEST(Tag, IsFoundWithAndWithoutBracketsInAnyCase) {
+  EXPECT_TRUE(hasTag("[TRSM]text", "[TRSM]"));
+  EXPECT_TRUE(hasTag("[TRSM]text", "trsm"));
+  EXPECT_TRUE(hasTag("[A][TRSM]text", "TRSM"));
+  EXPECT_FALSE(hasTag("text [TRSM]", "TRSM"));
+  EXPECT_FALSE(hasTag("[TRSM", "TRSM"));
+  EXPECT_FALSE(hasTag("[TRSMX]text", "TRSM"));
+}
+
+TEST(Since, SpansCountBackFromNow) {
+  constexpr std::int64_t kNow = 1709647629;  // 2024-03-05T14:07:09Z
+  EXPECT_EQ(parseSince("9s", kNow), "2024-03-05T14:07:00");
+  EXPECT_EQ(parseSince("10m", kNow), "2024-03-05T13:57:09");
+  EXPECT_EQ(parseSince("2h", kNow), "2024-03-05T12:07:09");
+  EXPECT_EQ(parseSince("1d", kNow), "2024-03-04T14:07:09");
+}
+
+TEST(Since, TimesMayBeCutShort) {
+  EXPECT_EQ(parseSince("2024-03-05", 0), "2024-03-05");
+  EXPECT_EQ(parseSince("2024-03-05T14:07Z", 0), "2024-03-05T14:07");
+  EXPECT_EQ(parseSince("2024-03-05T14:07:09.042Z", 0), "2024-03-05T14:07:09.042");
+}
+
+TEST(Since, AnythingElseIsRefused) {
+  for (const char* text : {"", "m", "-5m", "yesterday", "2024", "2024-03-05 14:07", "5w"}) {
+    EXPECT_FALSE(parseSince(text, 0)) << text;
+  }
+}
+
+}  // namespace
+}  // namespace zelta::logs

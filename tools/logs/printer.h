@@ -1,0 +1,41 @@
+// Which records are shown, and how. Fed with the lines of the files in their order.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/logs/record.h"
+
+namespace zelta::logs {
+
+struct Filter {
+  Level level = Level::Trace;     // this one and the graver ones
+  std::vector<std::string> tags;  // any of them; empty: all
+  std::string session;            // the id's beginning; empty: all
+  std::string since;              // from this time on; empty: all
+};
+
+bool matches(const Filter& filter, const Record& record);
+
+// Not safe for several threads.
+class Printer {
+ public:
+  using Output = std::function<void(std::string_view)>;
+
+  Printer(Filter filter, bool color, Output output);
+
+  // One line, without its end. The header is shown once; a line that is not a record goes with the
+  // record before it.
+  void line(std::string_view text);
+
+ private:
+  Filter filter_;
+  bool color_;
+  Output output_;
+  bool headerShown_ = false;
+  bool lastShown_ = false;
+};
+
+}  // namespace zelta::logs

@@ -1,0 +1,159 @@
+#include "tools/logs/record.h"
+
+#include <array>
+#include <cctype>
+#include <charconv>
+#include <cstdio>
+#include <ctime>
+
+namespace zelta::logs {
+
+namespace {
+
+constexpr std::array<std::string_view, 5> kLevelNames = {"CRITICAL", "ERROR", "INFO", "DEBUG",
+                                                         "TRACE"};
+constexpr std::size_t kTimeLength = 24;
+
+char upper(char c) { return static_cast<char>(std::toupper(static_cast<unsigned char>(c))); }
+
+bool equalIgnoringCase(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    if (upper(a[i]) != upper(b[i])) return false;
+  }
+  return true;
+}
+
+std::string_view trimRight(std::string_view text) {
+  while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
+  return text;
+}
+
+// Takes the next word and the blanks behind it off the text.
+std::string_view takeWord(std::string_view& text) {
+  const std::size_t end = std::min(text.find(' '), text.size());
+  const std::string_view word = text.substr(0, end);
+  text.remove_prefix(end);
+  text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+  return word;
+}
+
+bool looksLikeTime(std::string_view text) {
+  static constexpr std::string_view kShape = "dddd-dd-ddTdd:dd:dd.dddZ";
+  if (text.size() > kShape.size()) return false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool digit = std::isdigit(static_cast<unsigned char>(text[i])) != 0;
+    if (kShape[i] == 'd' ? !digit : text[i] != kShape[i]) return false;
+  }
+  return true;
+}
+
+bool isNumber(std::string_view text) {
+  std::int64_t value = 0;
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
+  return !text.empty() && result.ec == std::errc() && result.ptr == text.data() + text.size();
+}
+
+// The length of a unit of time in seconds; 0 for none.
+std::int64_t unitSeconds(char unit) {
+  switch (unit) {
+    case 's':
+      return 1;
+    case 'm':
+      return 60;
+    case 'h':
+      return 60 * 60;
+    case 'd':
+      return 24 * 60 * 60;
+    default:
+      return 0;
+  }
+}
+
+std::string timeText(std::int64_t seconds) {
+  const std::time_t time = static_cast<std::time_t>(seconds);
+  std::tm calendar{};
+  if (gmtime_r(&time, &calendar) == nullptr) return {};
+  std::array<char, 32> text{};
+  std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &calendar);
+  return text.data();
+}
+
+}  // namespace
+
+bool isHeader(std::string_view line) {
+  return line.substr(0, 7) == "Thread " && line.find(" Session Log Id ") != line.npos;
+}
+
+std::optional<Record> parseRecord(std::string_view line) {
+  if (line.empty() || line.front() != '[') return std::nullopt;
+  const std::size_t bracket = line.find(']');
+  if (bracket == line.npos || line.substr(bracket, 2) != "] ") return std::nullopt;
+  Record record;
+  record.thread = trimRight(line.substr(1, bracket - 1));
+  std::string_view rest = line.substr(bracket + 2);
+  record.time = takeWord(rest);
+  if (record.time.size() != kTimeLength || !looksLikeTime(record.time)) return std::nullopt;
+  if (!isNumber(takeWord(rest))) return std::nullopt;  // elapsed
+
+  // The session id is the agent's text and may hold blanks: what counts is the level's tag, with
+  // the category in front of it.
+  const std::size_t open = rest.find('<');
+  const std::size_t close = rest.find("> ", open == rest.npos ? 0 : open);
+  if (open == rest.npos || close == rest.npos || close < open) return std::nullopt;
+  const auto level = parseLevel(rest.substr(open + 1, close - open - 1));
+  if (!level) return std::nullopt;
+  record.level = *level;
+  const std::string_view front = trimRight(rest.substr(0, open));
+  const std::size_t categoryAt = front.rfind(' ');
+  if (categoryAt == front.npos || !isNumber(front.substr(categoryAt + 1))) return std::nullopt;
+  record.session = trimRight(front.substr(0, categoryAt));
+
+  rest = rest.substr(close + 1);
+  rest.remove_prefix(std::min(rest.find_first_not_of(' '), rest.size()));
+  const std::size_t codeEnd = std::min(rest.find(' '), rest.size());
+  if (!isNumber(rest.substr(0, codeEnd))) return std::nullopt;
+  constexpr std::size_t kCodeWidth = 11;
+  record.message = rest.substr(std::min(rest.size(), std::max(codeEnd, kCodeWidth) + 1));
+  return record;
+}
+
+std::optional<Level> parseLevel(std::string_view text) {
+  for (std::size_t i = 0; i < kLevelNames.size(); ++i) {
+    const char digit = static_cast<char>('0' + i);
+    if (equalIgnoringCase(text, kLevelNames[i]) || text == std::string_view(&digit, 1)) {
+      return static_cast<Level>(i);
+    }
+  }
+  return std::nullopt;
+}
+
+bool hasTag(std::string_view message, std::string_view tag) {
+  if (tag.size() >= 2 && tag.front() == '[' && tag.back() == ']') {
+    tag = tag.substr(1, tag.size() - 2);
+  }
+  while (!message.empty() && message.front() == '[') {
+    const std::size_t end = message.find(']');
+    if (end == message.npos) return false;
+    if (equalIgnoringCase(message.substr(1, end - 1), tag)) return true;
+    message.remove_prefix(end + 1);
+  }
+  return false;
+}
+
+std::optional<std::string> parseSince(std::string_view text, std::int64_t now) {
+  if (text.empty()) return std::nullopt;
+  const std::int64_t unit = unitSeconds(text.back());
+  const std::string_view number = text.substr(0, text.size() - 1);
+  if (unit != 0 && isNumber(number) && number.front() != '-' && number.size() < 10) {
+    std::int64_t count = 0;
+    std::from_chars(number.data(), number.data() + number.size(), count);
+    return timeText(now - count * unit);
+  }
+  constexpr std::size_t kDateLength = 10;
+  if (text.back() == 'Z') text.remove_suffix(1);
+  if (text.size() < kDateLength || !looksLikeTime(text)) return std::nullopt;
+  return std::string(text);
+}
+
+}  // namespace zelta::logs

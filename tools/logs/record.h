@@ -1,0 +1,39 @@
+// One line of the driver's log, taken apart. Pure; no I/O.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace zelta::logs {
+
+enum class Level { Critical = 0, Error = 1, Info = 2, Debug = 3, Trace = 4 };
+
+// Views into the line that was parsed.
+struct Record {
+  std::string_view thread;
+  std::string_view time;  // UTC, 2024-03-05T14:07:09.042Z; compares as text
+  std::string_view session;
+  Level level = Level::Info;
+  std::string_view message;
+};
+
+// None for a line that is not a record: the header, or the rest of a message of several lines.
+std::optional<Record> parseRecord(std::string_view line);
+
+bool isHeader(std::string_view line);
+
+// "error" or "ERROR" or "1"; none for anything else.
+std::optional<Level> parseLevel(std::string_view text);
+
+// Whether the message has the bracketed tag, "[TRSM]" or "TRSM", in front or behind other tags.
+// Case is ignored.
+bool hasTag(std::string_view message, std::string_view tag);
+
+// A time to compare records with: a time stamp in UTC, whole or cut short (2024-03-05,
+// 2024-03-05T14:07, with or without the Z), or a span before `now` (seconds since 1970): 90s, 10m,
+// 2h, 1d. None for anything else.
+std::optional<std::string> parseSince(std::string_view text, std::int64_t now);
+
+}  // namespace zelta::logs
