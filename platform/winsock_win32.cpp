@@ -1,0 +1,26 @@
+#include <winsock2.h>
+
+#include "platform/winsock.h"
+
+namespace zelta::platform {
+
+namespace {
+
+class Win32Winsock final : public WinsockApi {
+ public:
+  std::int32_t startup(std::uint16_t version) override {
+    WSADATA data;
+    return WSAStartup(version, &data);
+  }
+
+  std::int32_t cleanup() override { return WSACleanup(); }
+};
+
+}  // namespace
+
+WinsockApi& systemWinsock() {
+  static Win32Winsock winsock;
+  return winsock;
+}
+
+}  // namespace zelta::platform
