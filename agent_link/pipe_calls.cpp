@@ -36,16 +36,20 @@ void PipeCalls::endCurrent() {
 }
 
 bool PipeCalls::endSeries(platform::PipeHandleValue pipe) {
-  platform::MutexLock lock(mutex_);
-  endCurrent();
-  return cancelUntilIdle(pipe, lock);
+  {
+    const platform::MutexLock lock(mutex_);
+    endCurrent();
+  }
+  return cancelUntilIdle(pipe);
 }
 
 bool PipeCalls::close(platform::PipeHandleValue pipe) {
-  platform::MutexLock lock(mutex_);
-  closed_ = true;
-  endCurrent();
-  return cancelUntilIdle(pipe, lock);
+  {
+    const platform::MutexLock lock(mutex_);
+    closed_ = true;
+    endCurrent();
+  }
+  return cancelUntilIdle(pipe);
 }
 
 void PipeCalls::reopen() {
@@ -59,20 +63,19 @@ void PipeCalls::stop() {
   endCurrent();
 }
 
-bool PipeCalls::cancelUntilIdle(platform::PipeHandleValue pipe, platform::MutexLock& lock) {
+bool PipeCalls::cancelUntilIdle(platform::PipeHandleValue pipe) {
   platform::PipeApi& pipes = *platform::ports().pipes;
-  lock.unlock();
   const bool cancelled = pipes.cancel(pipe);
   const std::uint32_t error = platform::lastError();
-  lock.lock();
-  const auto idle = [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return endedInFlight_ == 0; };
-  while (!idle_.waitFor(lock, kCancelRetry, idle)) {
-    lock.unlock();
-    pipes.cancel(pipe);
-    lock.lock();
-  }
+  while (!awaitIdle()) pipes.cancel(pipe);
   platform::setLastError(error);
   return cancelled;
+}
+
+bool PipeCalls::awaitIdle() {
+  platform::MutexLock lock(mutex_);
+  return idle_.waitFor(lock, kCancelRetry,
+                       [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return endedInFlight_ == 0; });
 }
 
 }  // namespace zelta

@@ -66,8 +66,8 @@ class PipeCalls {
   bool enter(Series series);
   void leave(Series series);
   void endCurrent() ZELTA_REQUIRES(mutex_);
-  bool cancelUntilIdle(platform::PipeHandleValue pipe, platform::MutexLock& lock)
-      ZELTA_REQUIRES(mutex_);
+  bool cancelUntilIdle(platform::PipeHandleValue pipe) ZELTA_EXCLUDES(mutex_);
+  bool awaitIdle() ZELTA_EXCLUDES(mutex_);
 
   platform::Mutex mutex_;
   platform::ConditionVariable idle_;

@@ -69,23 +69,24 @@ class PipeReader final : public Reader {
   void IoSmartCardGetVendorDefinedAttribute(std::uint32_t tag, IoRequest& request) override;
 
  private:
-  // Endpoints (pipe_reader.cpp). Each result is a system error number, 0 for success.
+  // Endpoints (pipe_reader.cpp). A numeric result is a system error number, 0 for success.
   std::uint32_t createPipes();
-  std::uint32_t createPipe(const std::string& name, void* descriptor, PipeHandle& pipe);
+  static bool createPipe(const std::string& name, platform::SecurityDescriptor descriptor,
+                         PipeHandle& pipe);
   std::uint32_t connectPipes();
-  std::uint32_t connectPipe(PipeCalls& calls, const PipeHandle& pipe, const char* connected,
-                            const char* notConnected);
+  static std::uint32_t connectPipe(PipeCalls& calls, const PipeHandle& pipe, const char* which);
   void disconnectPipes();
   void stopServer();
 
   // Queries (pipe_reader_queries.cpp).
   template <typename Exchange>
-  QueryResult runGuarded(const char* timeoutText, Exchange exchange);
+  QueryResult runGuarded(const char* name, Exchange exchange);
   void cancelQuery();
-  bool exchangeTransmit(PipeStream& pipe, const std::vector<std::uint8_t>& command,
-                        std::vector<std::uint8_t>& response);
-  bool failTransmit(const char* message, const std::vector<std::uint8_t>& command,
-                    std::vector<std::uint8_t>& response);
+  bool askTransmit(PipeStream& pipe, const std::vector<std::uint8_t>& command,
+                   std::vector<std::uint8_t>& response);
+  // What failed, or null; the reason is in the last error.
+  static const char* exchangeApdu(PipeStream& pipe, const std::vector<std::uint8_t>& command,
+                                  std::vector<std::uint8_t>& response);
 
   // Server thread and events (pipe_reader_events.cpp).
   enum class InsertRequest { Waiting, None, Stopped };

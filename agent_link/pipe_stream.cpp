@@ -15,8 +15,7 @@ bool PipeStream::writeNumber(std::uint32_t value) {
 }
 
 bool PipeStream::write(const std::uint8_t* bytes, std::uint32_t size) {
-  return calls_.run(series_,
-                    [&] { return platform::ports().pipes->write(pipe_, bytes, size); });
+  return calls_.run(series_, [&] { return platform::ports().pipes->write(pipe_, bytes, size); });
 }
 
 void PipeStream::flush() {

@@ -9,11 +9,11 @@
 #include <cstdint>
 
 #if defined(__GNUC__) && defined(__MINGW32__)
-#define ZELTA_PRINTF(format, first) __attribute__((format(gnu_printf, format, first)))
+#define ZELTA_PRINTF(text, first) __attribute__((format(gnu_printf, text, first)))
 #elif defined(__GNUC__)
-#define ZELTA_PRINTF(format, first) __attribute__((format(printf, format, first)))
+#define ZELTA_PRINTF(text, first) __attribute__((format(printf, text, first)))
 #else
-#define ZELTA_PRINTF(format, first)
+#define ZELTA_PRINTF(text, first)
 #endif
 
 namespace zelta {
