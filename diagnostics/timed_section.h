@@ -1,4 +1,5 @@
 // Reports the start of an entry point and, at the end of the scope, how many milliseconds it took.
+// Both are debug lines. Any thread; never throws.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +9,8 @@ namespace zelta {
 
 class TimedSection {
  public:
-  explicit TimedSection(const char* name);
+  // `name` is the operation's own ("CMyDevice::OnD0Entry"); it is copied.
+  explicit TimedSection(const char* name) noexcept;
   ~TimedSection();
   TimedSection(const TimedSection&) = delete;
   TimedSection& operator=(const TimedSection&) = delete;

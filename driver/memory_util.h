@@ -4,6 +4,9 @@
 // Deliberate: the result of the copy into the output is not examined. Where the output buffer is
 // smaller than the data nothing is written, and the request is still completed with success and
 // the full byte count; a caller that needs a size check makes it before.
+//
+// Failures: a missing input is a result, a missing output the request's status. std::bad_alloc
+// leaves these operations before the request is completed, never after.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// What a reader needs of the device that owns it.
+// What a reader needs of the device that owns it. The device outlives its readers. Any thread.
 #pragma once
 
 #include "framework/wdf.h"

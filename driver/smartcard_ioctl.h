@@ -54,6 +54,8 @@ inline constexpr std::uint32_t SCARD_ATTR_CHARACTERISTICS = 0x00060150;
 inline constexpr std::uint32_t RPC_TYPE = 0x0007A009;
 inline constexpr std::uint32_t PIPE_NAME = 0x0007A00A;
 inline constexpr std::uint32_t EVENT_PIPE_NAME = 0x0007A00B;
+// The tags that a deriving reader answers, or refuses.
+inline constexpr std::uint32_t kFirstVendorDefinedAttribute = PIPE_NAME;
 inline constexpr std::uint32_t kLastVendorDefinedAttribute = 0x0007A00E;
 inline constexpr std::uint32_t SCARD_ATTR_CURRENT_PROTOCOL_TYPE = 0x00080201;
 inline constexpr std::uint32_t SCARD_ATTR_CURRENT_IFSC = 0x00080207;

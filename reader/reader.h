@@ -3,12 +3,19 @@
 // needs the real card is left to the deriving class.
 //
 // Ownership: the device owns its readers and outlives them. Requests are the framework's; a
-// waiting one is in a list without a reference of the list's own.
+// waiting one is in a list without a reference of the list's own. Requests that still wait when
+// the reader is destroyed are not completed by it; `shutdown` comes first.
+//
+// Failures are statuses in the request. A handler that throws (std::bad_alloc, or what a query
+// throws) has neither completed nor queued its request: the caller completes it.
 //
 // Threads: the handlers run on several dispatch threads at once; `IoCancelRequest` runs with the
 // device lock held. State and values are atomics, written by exchange and read plainly.
-// Locks, in the order in which they nest (docs/threads.md): presence mutex, device lock, request
-// list mutex; the exchange mutex is a leaf.
+//
+// Locks, in the order in which they nest: presence mutex, device lock, request list mutex; the
+// exchange mutex is a leaf, taken last and never held while a request is completed. Cancelling may
+// run on the thread that marks a request cancelable, with the presence mutex held: neither
+// `IoCancelRequest` nor `shutdown` takes that one.
 #pragma once
 
 #include <atomic>
@@ -18,7 +25,9 @@
 
 #include "driver/io_request.h"
 #include "driver/reader_device.h"
+#include "driver/smartcard_ioctl.h"
 #include "platform/sync.h"
+#include "reader/atr.h"
 #include "reader/pending_requests.h"
 
 namespace zelta {
@@ -30,13 +39,15 @@ class Reader {
  public:
   // Throws std::invalid_argument for a null device.
   Reader(std::uint32_t unitNumber, ReaderDevice* device);
-  virtual ~Reader();
   Reader(const Reader&) = delete;
   Reader& operator=(const Reader&) = delete;
 
+  // The virtual operations keep this order.
+  virtual ~Reader();
+
   // Asks the card: the answer to a command APDU; the ATR (with or without a reset of the card);
   // whether a card answers. Each is one exchange with the agent and blocks for at most about five
-  // seconds. Callers hold the exchange mutex: two exchanges of a reader never overlap.
+  // seconds. The handlers hold the exchange mutex: two exchanges of a reader never overlap.
   virtual QueryResult QueryTransmit(const std::vector<std::uint8_t>& command,
                                     std::vector<std::uint8_t>& response) = 0;
   virtual QueryResult QueryAtr(std::vector<std::uint8_t>& atr, bool reset) = 0;
@@ -65,26 +76,98 @@ class Reader {
 
   const std::string& vendorName() const { return vendorName_; }
   const std::string& ifdType() const { return ifdType_; }
+  std::uint32_t unitNumber() const { return unitNumber_; }
   std::uint32_t state() const { return state_.load(std::memory_order_relaxed); }
 
  protected:
   // Reads the ATR and sets protocols, IFSC, clock and data rates from it; false where there was
-  // no usable ATR. Takes the exchange mutex.
-  bool initializeProtocols();
+  // no usable ATR, and then no protocol is available. Takes the exchange mutex.
+  bool initializeProtocols() ZELTA_EXCLUDES(exchangeMutex_);
 
   void setState(std::uint32_t state) { state_.exchange(state); }
   void setCardReady(std::uint32_t ready) { cardReady_.store(ready, std::memory_order_relaxed); }
+  std::uint32_t cardReady() const { return cardReady_.load(std::memory_order_relaxed); }
+  std::uint32_t currentProtocol() const { return currentProtocol_.load(std::memory_order_relaxed); }
 
   ReaderDevice& device() { return *device_; }
 
-  // Held across a presence check with the queueing of its request, and across an agent's event:
-  // an event that comes between check and queueing finds the request in its list.
-  platform::Mutex presenceMutex_;
+ private:
+  using Value = std::atomic<std::uint32_t>;
+  using Bytes = std::vector<std::uint8_t>;
 
+  // The queries, one at a time.
+  QueryResult exchangeTransmit(const Bytes& command, Bytes& response)
+      ZELTA_EXCLUDES(exchangeMutex_);
+  QueryResult exchangeAtr(Bytes& atr, bool reset) ZELTA_EXCLUDES(exchangeMutex_);
+  QueryResult exchangeCheck() ZELTA_EXCLUDES(exchangeMutex_);
+  // Never throws: it follows a completion, after which nobody could answer for the request.
+  void exchangeCardReady() noexcept ZELTA_EXCLUDES(exchangeMutex_);
+
+  // Completes with the status and no output, under the device lock. `handler` is the lock's name.
+  void finish(IoRequest& request, framework::HRESULT status, const char* handler, int line);
+  // True where the request has no input memory or at least four bytes of it; otherwise the
+  // request has been refused.
+  bool hasIntegerInput(IoRequest& request, const char* operation, const char* handler);
+  void refuseShortInput(IoRequest& request, std::size_t size, const char* operation,
+                        const char* handler);
+  // With the device lock held, after the request was put into its list.
+  void markCancelable(IoRequest& request, const char* failureText);
+
+  void powerDown(IoRequest& request);
+  void reset(IoRequest& request, const char* name);
+  void applyAtr(const AtrValues& values);
+  // False where the mask accepts nothing that is offered.
+  bool chooseProtocol(std::uint32_t mask);
+  bool storeProtocol(std::uint32_t protocol);
+  void transmit(IoRequest& request, const Bytes& command);
+
+  // The attributes by kind; false where the tag is none of it. Each completes the request.
+  bool getReaderAttribute(std::uint32_t tag, IoRequest& request);
+  bool getClockAttribute(std::uint32_t tag, IoRequest& request);
+  bool getCardAttribute(std::uint32_t tag, IoRequest& request);
+  void getCurrentProtocol(IoRequest& request);
+  void getAtr(IoRequest& request);
+  // Logs the text and answers with the value.
+  void answerText(IoRequest& request, const char* logText, const std::string& value);
+  void answerNumber(IoRequest& request, const char* logText, std::uint32_t value);
+  // As `answerNumber`, with the value and its unit behind the text.
+  void answerQuantity(IoRequest& request, const char* logText, std::uint32_t value,
+                      const char* unit);
+
+  const std::uint32_t unitNumber_;
+  Value cardReady_{0};  // written only
+  Value state_{SCARD_ABSENT};
+  // Deliberately of two kinds: selecting a protocol stores its mask value (1 for T=0, 2 for T=1)
+  // and power stores 0, but reading an ATR stores the protocol's number (0 for T=0, 1 for T=1).
+  // Whoever reads it takes it as it is.
+  Value currentProtocol_{0};
+  Value availableProtocols_{0};   // bit T for every protocol T of the ATR
+  Value ifsc_{0};                 // bytes
+  Value maxClock_{5000};          // kHz
+  Value defaultDataRate_{10752};  // bit/s
+  Value maxDataRate_{10752};      // bit/s
+  ReaderDevice* const device_;    // not owned
+
+ protected:
   PendingRequests pendingRemove_;     // edited under the device lock
   platform::Mutex requestListMutex_;  // held as well when an insert request is added
   PendingRequests pendingInsert_;     // edited under the device lock
   platform::ConditionVariable insertRequestCondition_;  // broadcast when one is added
+
+  Value rpcType_{0};
+
+ private:
+  const std::string vendorName_;
+  const std::string ifdType_;
+  const std::uint32_t reportedUnitNumber_;  // what the attribute answers
+
+ protected:
+  // Held across a presence check with the queueing of its request, and across an agent's event:
+  // an event that comes between check and queueing finds the request in its list.
+  platform::Mutex presenceMutex_;
+
+ private:
+  platform::Mutex exchangeMutex_;
 };
 
 }  // namespace zelta

@@ -1,0 +1,112 @@
+// Selecting a protocol and passing command APDUs to the card.
+#include "diagnostics/log.h"
+#include "driver/little_endian.h"
+#include "driver/memory_util.h"
+#include "driver/status.h"
+#include "reader/reader.h"
+
+namespace zelta {
+
+namespace {
+
+constexpr char kSetProtocolHandler[] = "Reader::IoSmartCardSetProtocol";
+constexpr char kTransmitHandler[] = "Reader::IoSmartCardTransmit";
+
+// Bits of the available protocols, which go by the protocol's number.
+constexpr std::uint32_t kOffersT0 = 1u << 0;
+constexpr std::uint32_t kOffersT1 = 1u << 1;
+
+}  // namespace
+
+void Reader::IoSmartCardSetProtocol(IoRequest* request, std::size_t /*inLength*/,
+                                    std::size_t /*outLength*/) {
+  if (request == nullptr) {
+    logError(kNoError, "[SPRT]IOCTL_SMARTCARD_SET_PROTOCOL: invalid request");
+    return;
+  }
+  if (!hasIntegerInput(*request, "[SPRT]IOCTL_SMARTCARD_SET_PROTOCOL", kSetProtocolHandler)) {
+    return;
+  }
+  const auto mask = static_cast<std::uint32_t>(MemoryUtil::getInt(*request));
+  logInfo("[SPRT]IOCTL_SMARTCARD_SET_PROTOCOL:%08X", mask);
+  Bytes atr;  // not parsed: the protocols are those of the last initialisation
+  if (exchangeAtr(atr, true) != QueryResult::Success) {
+    setState(SCARD_ABSENT);
+    logError(static_cast<std::uint32_t>(status::kNoMedia), "[SPRT]STATUS_NO_MEDIA");
+    finish(*request, status::kNoMedia, kSetProtocolHandler, __LINE__);
+    return;
+  }
+  setState(SCARD_SPECIFIC);
+  if (!chooseProtocol(mask)) {
+    setState(SCARD_NEGOTIABLE);
+    logError(platform::error::kNotSupported, "[SPRT]ERROR_NOT_SUPPORTED");
+    finish(*request, status::kNotSupported, kSetProtocolHandler, __LINE__);
+    return;
+  }
+  // Deliberate: no output, the caller is not told which protocol was chosen.
+  finish(*request, status::kSuccess, kSetProtocolHandler, __LINE__);
+  exchangeCardReady();  // without the request, which is gone
+}
+
+// T=1 is preferred whenever both are accepted and offered.
+bool Reader::chooseProtocol(std::uint32_t mask) {
+  const std::uint32_t available = availableProtocols_.load(std::memory_order_relaxed);
+  const bool anyProtocol = (mask & SCARD_PROTOCOL_DEFAULT) != 0;
+  const bool offersT1 = (available & kOffersT1) != 0;
+  const bool offersT0 = (available & kOffersT0) != 0;
+  if (offersT1 && (mask & SCARD_PROTOCOL_T1) != 0) return storeProtocol(SCARD_PROTOCOL_T1);
+  if (offersT0 && (mask & SCARD_PROTOCOL_T0) != 0) return storeProtocol(SCARD_PROTOCOL_T0);
+  if (offersT1 && anyProtocol) return storeProtocol(SCARD_PROTOCOL_T1);
+  if (offersT0 && anyProtocol) return storeProtocol(SCARD_PROTOCOL_T0);
+  return false;
+}
+
+bool Reader::storeProtocol(std::uint32_t protocol) {
+  currentProtocol_.store(protocol, std::memory_order_relaxed);
+  logInfo(protocol == SCARD_PROTOCOL_T1 ? "PROTOCOL SET: T1" : "PROTOCOL SET: T0");
+  return true;
+}
+
+void Reader::IoSmartCardTransmit(IoRequest* request, std::size_t /*inLength*/,
+                                 std::size_t /*outLength*/) {
+  if (request == nullptr) {
+    logError(kNoError, "[TRSM]IOCTL_SMARTCARD_TRANSMIT: invalid request");
+    return;
+  }
+  constexpr auto kStateCode = static_cast<std::uint32_t>(status::kInvalidDeviceState);
+  logInfo("[TRSM]IOCTL_SMARTCARD_TRANSMIT");
+  Bytes input;
+  if (!MemoryUtil::getBuffer(*request, input) || input.size() < kTransmitHeaderSize) {
+    logError(kStateCode, "[TRSM]STATUS_INVALID_DEVICE_STATE; failed to get request data");
+    finish(*request, status::kInvalidDeviceState, kTransmitHandler, __LINE__);
+    return;
+  }
+  const std::uint32_t protocol = loadLittleEndian(input.data());
+  if (protocol != currentProtocol()) {
+    logError(kStateCode, "[TRSM]STATUS_INVALID_DEVICE_STATE; protocol:%08X", protocol);
+    finish(*request, status::kInvalidDeviceState, kTransmitHandler, __LINE__);
+    return;
+  }
+  // Deliberate: the header's length field is not consulted.
+  const Bytes command(input.begin() + kTransmitHeaderSize, input.end());
+  transmit(*request, command);
+}
+
+void Reader::transmit(IoRequest& request, const Bytes& command) {
+  Bytes response;
+  if (exchangeTransmit(command, response) != QueryResult::Success) {
+    logError(static_cast<std::uint32_t>(status::kNoMedia), "[TRSM]STATUS_NO_MEDIA");
+    finish(request, status::kNoMedia, kTransmitHandler, __LINE__);
+    return;
+  }
+  Bytes output;
+  output.reserve(kTransmitHeaderSize + response.size());
+  for (const std::uint32_t field : {currentProtocol(), kTransmitHeaderSize}) {
+    const auto bytes = toLittleEndian(field);
+    output.insert(output.end(), bytes.begin(), bytes.end());
+  }
+  output.insert(output.end(), response.begin(), response.end());
+  MemoryUtil::setBuffer(device(), request, output);
+}
+
+}  // namespace zelta
