@@ -20,6 +20,13 @@ inline constexpr std::uint32_t kRegBinary = 3;
 inline constexpr std::uint32_t kRegDword = 4;
 inline constexpr std::uint32_t kRegQword = 11;
 
+namespace error {
+
+inline constexpr std::uint32_t kInvalidData = 13;
+inline constexpr std::uint32_t kUnsupportedType = 1630;
+
+}  // namespace error
+
 class RegistryApi {
  public:
   virtual ~RegistryApi() = default;
