@@ -8,12 +8,12 @@
 //   host->tearDown();
 //
 // Ownership: a `DriverHost` owns the loaded module, the device, its dispatch threads and every
-// request in flight. Files and operations are handles that keep what they need alive; used after
-// `tearDown` they fail with `kDeviceGone`.
-// Threads: every method may be called from any thread, except that `bringUp`, `tearDown` and the
-// destructor are the owner's and do not overlap. Completion callbacks run on a thread of the
-// driver's, under the driver's device lock: they must return at once and must not call back
-// into the host except to submit from another thread.
+// request in flight. Files and operations are handles of the caller's, independent of the host's
+// life: used after `tearDown` they fail with `kDeviceGone`.
+// Threads: every method may be called from any thread, except that `bringUp`, `tearDown`, `unload`
+// and the destructor are the owner's and do not overlap. Nothing else need be stopped before
+// `tearDown`: what is called while it runs is carried out or fails with `kDeviceGone`.
+// Failures: `load` and `bringUp` throw; afterwards statuses only, short of std::bad_alloc.
 #pragma once
 
 #include <chrono>
@@ -50,53 +50,78 @@ struct IoResult {
 class IoOperation {
  public:
   virtual ~IoOperation() = default;
-  // Waits until the request is completed; false when the time ran out.
+  // Waits until the request is completed and its completion callback has returned; false when
+  // the time ran out.
   virtual bool wait(std::chrono::milliseconds limit) = 0;
   // Waits until the driver's dispatch callback has returned (the request is completed or waits in
-  // the driver); false when the time ran out.
+  // the driver) or it is certain that there will be none; false when the time ran out.
   virtual bool waitDispatched(std::chrono::milliseconds limit) = 0;
+  // What `wait` would answer at once.
   virtual bool completed() const = 0;
   // Cancels: a request that waits, marked cancelable, is handed to the driver's cancel callback
   // on this thread; one that is not marked yet is as soon as it is marked; a completed one is
-  // left alone.
+  // left alone. Cancelling again changes nothing. While `tearDown` runs, and after it, nothing
+  // happens: the driver's own shutdown completes what waits.
   virtual void cancel() = 0;
   // Only after completion.
   virtual const IoResult& result() const = 0;
 };
 
+// An open handle of one of the driver's interfaces. Requests under way go on when it is dropped.
 class File {
  public:
   virtual ~File() = default;
+  // Called exactly once per request: on a thread of the driver's, usually under the driver's device
+  // lock, on a thread of the host's, or before `submit` returns. It must return at once, must not
+  // throw, and must not call the host, a file or an operation.
   using Completion = std::function<void(const IoResult&)>;
 
   // Waits for the result; cancels the request when the time runs out and gives `kTimedOut` (what
   // the driver still completes is thrown away).
   virtual IoResult control(std::uint32_t code, const std::vector<std::uint8_t>& input,
                            std::size_t outputCapacity, std::chrono::milliseconds limit) = 0;
-  // Returns at once. `completion` (may be empty) is called exactly once.
+  // Returns at once, never null. The input is copied. `completion` may be empty. A request that
+  // cannot be begun is completed with `kDeviceGone`, with 0x8007000E where there is no memory for
+  // its buffers, or with 0x80070001 where the driver has no queue for I/O controls.
   virtual std::shared_ptr<IoOperation> submit(std::uint32_t code,
                                               const std::vector<std::uint8_t>& input,
                                               std::size_t outputCapacity,
                                               Completion completion) = 0;
 };
 
+struct HostOptions {
+  // Told of what the driver does against the framework's rules (a request completed twice, an
+  // operation that the host does not implement), on the driver's thread, often under its locks.
+  // Empty: one line each on the standard error output.
+  std::function<void(const std::string&)> driverError;
+  // How many dispatch callbacks may run at the same time; further requests wait their turn.
+  std::size_t maximumDispatchThreads = 64;
+};
+
 class DriverHost {
  public:
   // Loads the module and checks its exports and framework version.
-  static std::unique_ptr<DriverHost> load(const std::string& modulePath);
-  virtual ~DriverHost() = default;  // tears down and unloads
+  static std::unique_ptr<DriverHost> load(const std::string& modulePath, HostOptions options = {});
+  // Tears down and unloads. A module that answers that it may not be unloaded stays loaded.
+  virtual ~DriverHost() = default;
 
-  // Class factory to working power state.
+  // Class factory to working power state. What was begun is taken back where a step fails. May
+  // follow a `tearDown`: the driver object is made afresh. Harmless when already up.
   virtual void bringUp() = 0;
-  // Stops taking requests, waits for running dispatch callbacks, takes the device down and
-  // releases it. Whatever the driver did not complete is completed with `kDeviceGone`. Harmless
-  // when already down.
+  // Stops taking requests, waits for running dispatch and cancel callbacks, takes the device down
+  // and releases it. Whatever the driver did not complete is completed with `kDeviceGone`. When it
+  // returns no callback of the driver's is running on a thread of the host's or of its callers'.
+  // Harmless when already down.
   virtual void tearDown() = 0;
-  // Asks the module and unloads it; false (still loaded) when it answered that it may not be.
+  // Asks the module and unloads it; false (still loaded) when it answered that it may not be, and,
+  // without asking, while the device is up. True when it is unloaded already.
   virtual bool unload() = 0;
 
-  // `name` is an interface's reference string, "dev0". Null where the driver published none such.
+  // `name` is an interface's reference string, "dev0". Null where the driver published none such
+  // or is not up.
   virtual std::shared_ptr<File> open(const std::wstring& name) = 0;
+  // The reference strings that can be opened now, in the order in which they were published.
+  virtual std::vector<std::wstring> interfaces() const = 0;
 };
 
 }  // namespace zelta::host

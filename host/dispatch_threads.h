@@ -1,0 +1,50 @@
+// The threads that hand requests to the driver, first in first out.
+//
+// A request never waits behind a slow one while another thread can be made for it: threads are
+// made when more requests wait than threads idle, up to a bound, and kept until `stop`.
+// Threads: `post` from any; `stop` by the owner, once; not from one of these threads.
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "host/wdf_request.h"
+
+namespace zelta::host {
+
+class DispatchThreads {
+ public:
+  using Request = framework::ComPtr<WdfRequest>;
+  using Handler = std::function<void(Request)>;
+  enum class PostResult { kAccepted, kStopped, kNoThread };
+
+  DispatchThreads(std::size_t maximum, Handler handler);
+  ~DispatchThreads();
+  DispatchThreads(const DispatchThreads&) = delete;
+  DispatchThreads& operator=(const DispatchThreads&) = delete;
+
+  // Takes the caller's reference where it accepts the request.
+  PostResult post(Request& request) ZELTA_EXCLUDES(mutex_);
+  // Waits for the requests that are being handled, ends the threads and gives back the requests
+  // that no thread has begun.
+  std::deque<Request> stop() ZELTA_EXCLUDES(mutex_);
+
+ private:
+  void run() ZELTA_EXCLUDES(mutex_);
+  // False where there is no thread at all for the new request.
+  bool growFor(std::size_t waiting) ZELTA_REQUIRES(mutex_);
+
+  const std::size_t maximum_;
+  const Handler handler_;
+  platform::Mutex mutex_;
+  platform::ConditionVariable changed_;
+  bool stopped_ ZELTA_GUARDED_BY(mutex_) = false;
+  std::size_t idle_ ZELTA_GUARDED_BY(mutex_) = 0;
+  std::deque<Request> waiting_ ZELTA_GUARDED_BY(mutex_);
+  std::vector<std::thread> threads_ ZELTA_GUARDED_BY(mutex_);
+};
+
+}  // namespace zelta::host

@@ -1,0 +1,38 @@
+// Where the host reports what a driver does against the framework's rules: a request completed
+// twice, an operation that this host does not have. Shared by every framework object, so that one
+// which the driver keeps for too long can still report.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "host/host_status.h"
+
+namespace zelta::host {
+
+class DriverErrors {
+ public:
+  using Hook = std::function<void(const std::string&)>;
+
+  explicit DriverErrors(Hook hook) : hook_(std::move(hook)) {}
+
+  // On the calling thread, often one of the driver's with its locks held.
+  void report(const std::string& text) const {
+    if (hook_) hook_(text);
+  }
+
+  // For a slot that no driver of ours uses: reports and gives the status to answer with.
+  framework::HRESULT notImplemented(const char* operation) const {
+    report(std::string("driver called ") + operation + ", which this host does not implement");
+    return kNotImplemented;
+  }
+
+ private:
+  const Hook hook_;
+};
+
+using SharedDriverErrors = std::shared_ptr<const DriverErrors>;
+
+}  // namespace zelta::host

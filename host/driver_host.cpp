@@ -1,0 +1,220 @@
+#include "host/driver_host.h"
+
+#include <cstdio>
+#include <utility>
+
+#include "host/driver_module.h"
+#include "host/io_engine.h"
+#include "host/wdf_driver.h"
+
+namespace zelta::host {
+
+using framework::ComPtr;
+using framework::HRESULT;
+using platform::MutexLock;
+
+namespace {
+
+void printDriverError(const std::string& text) {
+  std::fprintf(stderr, "zelta host: %s\n", text.c_str());
+}
+
+class FileHandle final : public File {
+ public:
+  FileHandle(std::shared_ptr<IoEngine> engine, ComPtr<WdfFile> file)
+      : engine_(std::move(engine)), file_(std::move(file)) {}
+
+  ~FileHandle() override {
+    // Letting go of the file may run the driver's cleanup. After the engine's stop the device
+    // still holds the file, or has deleted it.
+    const CallbackGate::Pass pass(engine_->gate());
+    if (pass) {
+      if (const ComPtr<WdfDevice> device = file_->device().get()) device->closeFile(*file_.get());
+    }
+    file_.reset();
+  }
+
+  IoResult control(std::uint32_t code, const std::vector<std::uint8_t>& input,
+                   std::size_t outputCapacity, std::chrono::milliseconds limit) override {
+    const std::shared_ptr<IoOperation> operation = submit(code, input, outputCapacity, nullptr);
+    if (operation->wait(limit)) return operation->result();
+    operation->cancel();
+    IoResult timedOut;
+    timedOut.status = kTimedOut;
+    return timedOut;
+  }
+
+  std::shared_ptr<IoOperation> submit(std::uint32_t code, const std::vector<std::uint8_t>& input,
+                                      std::size_t outputCapacity, Completion completion) override {
+    return engine_->submit(file_, IoControl{code, input, outputCapacity}, std::move(completion));
+  }
+
+ private:
+  const std::shared_ptr<IoEngine> engine_;
+  ComPtr<WdfFile> file_;
+};
+
+class ModuleHost final : public DriverHost {
+ public:
+  ModuleHost(const std::string& modulePath, HostOptions options)
+      : maximumThreads_(options.maximumDispatchThreads == 0 ? 1 : options.maximumDispatchThreads),
+        errors_(std::make_shared<DriverErrors>(options.driverError ? std::move(options.driverError)
+                                                                   : printDriverError)),
+        module_(modulePath) {}
+
+  ~ModuleHost() override {
+    takeDown();
+    module_.unload();
+  }
+
+  void bringUp() override;
+  void tearDown() override { takeDown(); }
+  bool unload() override { return stage_ == Stage::kDown && module_.unload(); }
+  std::shared_ptr<File> open(const std::wstring& name) override ZELTA_EXCLUDES(mutex_);
+  std::vector<std::wstring> interfaces() const override ZELTA_EXCLUDES(mutex_);
+
+ private:
+  // How far up the driver is; taking it down goes back from there.
+  enum class Stage { kDown, kCreated, kInitialized, kPrepared, kWorking };
+
+  void addDevice();
+  void powerUp();
+  void startIo() ZELTA_EXCLUDES(mutex_);
+  void takeDown() ZELTA_EXCLUDES(mutex_);
+  void stopIo() ZELTA_EXCLUDES(mutex_);
+  void powerDown();
+  // Throws HostError where the driver's callback failed.
+  void check(HRESULT result, const char* callback);
+  void note(HRESULT result, const char* callback) const;
+
+  const std::size_t maximumThreads_;
+  const SharedDriverErrors errors_;
+  DriverModule module_;
+
+  // The owner's alone.
+  Stage stage_ = Stage::kDown;
+  ComPtr<framework::IDriverEntry> entry_;
+  ComPtr<WdfDriver> driver_;
+  ComPtr<WdfDevice> device_;
+  std::shared_ptr<IoEngine> stopped_;  // between its stop and the end of the device
+
+  // For callers of `open`: both null unless the device is working.
+  mutable platform::Mutex mutex_;
+  std::shared_ptr<IoEngine> engine_ ZELTA_GUARDED_BY(mutex_);
+  ComPtr<WdfDevice> openDevice_ ZELTA_GUARDED_BY(mutex_);
+};
+
+void ModuleHost::check(HRESULT result, const char* callback) {
+  if (framework::succeeded(result)) return;
+  throw HostError(std::string(callback) + " of the driver failed with code " + codeText(result));
+}
+
+void ModuleHost::note(HRESULT result, const char* callback) const {
+  if (framework::succeeded(result)) return;
+  errors_->report(std::string(callback) + " failed with code " + codeText(result));
+}
+
+void ModuleHost::bringUp() {
+  if (!module_.loaded()) throw HostError("driver module '" + module_.path() + "' is unloaded");
+  if (stage_ != Stage::kDown) return;
+  entry_ = module_.createDriver();
+  stage_ = Stage::kCreated;
+  try {
+    driver_ = makeObject<WdfDriver>(errors_);
+    check(entry_->OnInitialize(driver_.get()), "OnInitialize");
+    stage_ = Stage::kInitialized;
+    addDevice();
+    powerUp();
+    startIo();
+  } catch (...) {
+    takeDown();
+    throw;
+  }
+}
+
+void ModuleHost::addDevice() {
+  const auto init =
+      ComPtr<WdfDeviceInitialize>::adopt(framework::createObject<WdfDeviceInitialize>(errors_));
+  if (!init) throw HostError("no memory for the device initialiser");
+  check(entry_->OnDeviceAdd(driver_.get(), init.get()), "OnDeviceAdd");
+  device_ = driver_->device();
+  if (!device_) throw HostError("OnDeviceAdd of the driver created no device");
+}
+
+void ModuleHost::powerUp() {
+  // Also a driver whose preparation failed is told to release the hardware.
+  stage_ = Stage::kPrepared;
+  if (device_->hardware() != nullptr) {
+    check(device_->hardware()->OnPrepareHardware(device_.get()), "OnPrepareHardware");
+  }
+  if (device_->pnp() != nullptr) {
+    check(device_->pnp()->OnD0Entry(device_.get(), framework::kPowerDeviceD3Final), "OnD0Entry");
+  }
+  stage_ = Stage::kWorking;
+}
+
+void ModuleHost::startIo() {
+  auto engine = std::make_shared<IoEngine>(errors_, device_->defaultQueue(), maximumThreads_);
+  MutexLock lock(mutex_);
+  engine_ = std::move(engine);
+  openDevice_ = device_;
+}
+
+void ModuleHost::stopIo() {
+  ComPtr<WdfDevice> device;
+  {
+    MutexLock lock(mutex_);
+    stopped_ = std::move(engine_);
+    device = std::move(openDevice_);
+  }
+  if (stopped_) stopped_->stop();
+}
+
+void ModuleHost::powerDown() {
+  if (stage_ == Stage::kWorking && device_->pnp() != nullptr) {
+    note(device_->pnp()->OnD0Exit(device_.get(), framework::kPowerDeviceD3Final), "OnD0Exit");
+  }
+  if (stage_ >= Stage::kPrepared && device_->hardware() != nullptr) {
+    note(device_->hardware()->OnReleaseHardware(device_.get()), "OnReleaseHardware");
+  }
+}
+
+void ModuleHost::takeDown() {
+  if (stage_ == Stage::kDown) return;
+  stopIo();
+  if (device_) powerDown();
+  if (stopped_) stopped_->abandon();
+  stopped_.reset();
+  // The device goes before the driver object hears of the end.
+  if (device_) {
+    device_->dispose();
+    device_->detach();
+    device_.reset();
+  }
+  if (stage_ >= Stage::kInitialized) entry_->OnDeinitialize(driver_.get());
+  if (driver_) driver_->dispose();
+  driver_.reset();
+  entry_.reset();
+  stage_ = Stage::kDown;
+}
+
+std::shared_ptr<File> ModuleHost::open(const std::wstring& name) {
+  MutexLock lock(mutex_);
+  if (!openDevice_) return nullptr;
+  ComPtr<WdfFile> file = openDevice_->openFile(name);
+  if (!file) return nullptr;
+  return std::make_shared<FileHandle>(engine_, std::move(file));
+}
+
+std::vector<std::wstring> ModuleHost::interfaces() const {
+  MutexLock lock(mutex_);
+  return openDevice_ ? openDevice_->interfaces() : std::vector<std::wstring>();
+}
+
+}  // namespace
+
+std::unique_ptr<DriverHost> DriverHost::load(const std::string& modulePath, HostOptions options) {
+  return std::make_unique<ModuleHost>(modulePath, std::move(options));
+}
+
+}  // namespace zelta::host

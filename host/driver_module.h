@@ -1,0 +1,56 @@
+// The driver's shared module: loading it, its exports, making its driver object, unloading it.
+//
+// Ownership: a module that is still loaded at destruction stays loaded for good; whoever wants it
+// gone calls `unload`, which asks the module first. Code that may still run is never unmapped.
+// Threads: the owner's.
+#pragma once
+
+#include <string>
+
+#include "framework/wdf.h"
+#include "platform/module_loader.h"
+
+namespace zelta::host {
+
+// The class of the driver object.
+inline constexpr framework::CLSID kDriverClassId = {
+    0xA44A2DF4, 0xDCA4, 0x4767, {0x8E, 0xC4, 0x86, 0xFE, 0x61, 0x1C, 0x2E, 0xA7}};
+
+// The framework version that this host speaks: the same major, no higher minor.
+inline constexpr std::uint32_t kFrameworkMajor = 1;
+inline constexpr std::uint32_t kFrameworkMinor = 11;
+
+class DriverModule {
+ public:
+  // Throws HostError: not loadable, an export is missing, the version is not supported.
+  explicit DriverModule(const std::string& path);
+  ~DriverModule() = default;
+  DriverModule(const DriverModule&) = delete;
+  DriverModule& operator=(const DriverModule&) = delete;
+
+  // Asks the class factory. Throws HostError.
+  framework::ComPtr<framework::IDriverEntry> createDriver() const;
+
+  bool loaded() const { return module_ != nullptr; }
+  const std::string& path() const { return path_; }
+  // False where the module answers that it may not be unloaded, or the system does not do it.
+  bool unload();
+
+ private:
+  using GetClassObject = framework::HRESULT(ZELTA_STDMETHODCALLTYPE*)(framework::REFCLSID,
+                                                                      framework::REFIID, void**);
+  using CanUnloadNow = framework::HRESULT(ZELTA_STDMETHODCALLTYPE*)();
+
+  void* exported(const char* name) const;
+  void checkExports();
+
+  const std::string path_;
+  platform::ModuleHandle module_ = nullptr;
+  GetClassObject getClassObject_ = nullptr;
+  CanUnloadNow canUnloadNow_ = nullptr;
+};
+
+// "0x8007001F".
+std::string codeText(framework::HRESULT code);
+
+}  // namespace zelta::host

@@ -1,0 +1,114 @@
+// One I/O control as a framework request: parameters, memory, completion, cancellation.
+//
+// Lifetime: the engine holds a reference until completion, its dispatch thread one through the
+// dispatch callback; the object goes, with the driver's context, when the last reference does.
+// Memory: a buffer of length 0 has no memory object, as on the operating system's own host; the
+// getters then yield null. Input and output are separate buffers; what the driver has written to
+// the output is copied to the caller at completion.
+// Cancellation: a cancelled request is handed to the callback that it is or becomes marked with,
+// exactly once, on the cancelling or the marking thread, with no lock of the host's held.
+// Threads: any.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "host/io_operation.h"
+#include "host/wdf_file.h"
+#include "host/wdf_memory.h"
+#include "host/wdf_queue.h"
+
+namespace zelta::host {
+
+// What the caller asks for.
+struct IoControl {
+  std::uint32_t code = 0;
+  const std::vector<std::uint8_t>& input;
+  std::size_t outputCapacity = 0;  // bytes
+};
+
+class WdfRequest final : public WdfObject<WdfRequest, framework::IWDFIoRequest> {
+ public:
+  // Throws std::bad_alloc or std::length_error where the buffers cannot be had.
+  WdfRequest(SharedDriverErrors errors, std::shared_ptr<IoEngine> engine,
+             std::shared_ptr<Operation> operation, framework::ComPtr<WdfQueue> queue,
+             framework::ComPtr<WdfFile> file, const IoControl& control);
+
+  // Completes exactly once; what comes later is reported and changes nothing.
+  void ZELTA_STDMETHODCALLTYPE CompleteWithInformation(framework::HRESULT status,
+                                                       framework::SIZE_T information) override;
+  void ZELTA_STDMETHODCALLTYPE SetInformation(framework::ULONG_PTR information) override;
+  void ZELTA_STDMETHODCALLTYPE Complete(framework::HRESULT status) override;
+
+  framework::EnumValue ZELTA_STDMETHODCALLTYPE GetType() override {
+    return framework::kRequestTypeDeviceIoControl;
+  }
+  // Each out argument may be null.
+  void ZELTA_STDMETHODCALLTYPE GetDeviceIoControlParameters(framework::ULONG* code,
+                                                            framework::SIZE_T* inLength,
+                                                            framework::SIZE_T* outLength) override;
+  void ZELTA_STDMETHODCALLTYPE GetOutputMemory(framework::IWDFMemory** memory) override;
+  void ZELTA_STDMETHODCALLTYPE GetInputMemory(framework::IWDFMemory** memory) override;
+  void ZELTA_STDMETHODCALLTYPE GetFileObject(framework::IWDFFile** file) override;
+  void ZELTA_STDMETHODCALLTYPE GetIoQueue(framework::IWDFIoQueue** queue) override;
+
+  // Calls the callback before it returns where the request is cancelled already.
+  void ZELTA_STDMETHODCALLTYPE MarkCancelable(framework::IRequestCallbackCancel* callback) override;
+  // 0x800704C7 once the request was handed to its callback; 0x80070490 where it is not marked.
+  framework::HRESULT ZELTA_STDMETHODCALLTYPE UnmarkCancelable() override;
+
+  void ZELTA_STDMETHODCALLTYPE SetCompletionCallback(framework::IUnknown* callback,
+                                                     void* context) override;
+  void ZELTA_STDMETHODCALLTYPE GetCreateParameters(framework::ULONG* options,
+                                                   std::uint16_t* fileAttributes,
+                                                   std::uint16_t* shareAccess) override;
+  void ZELTA_STDMETHODCALLTYPE GetReadParameters(framework::SIZE_T* length, std::int64_t* offset,
+                                                 framework::ULONG* key) override;
+  void ZELTA_STDMETHODCALLTYPE GetWriteParameters(framework::SIZE_T* length, std::int64_t* offset,
+                                                  framework::ULONG* key) override;
+  framework::BOOL ZELTA_STDMETHODCALLTYPE CancelSentRequest() override;
+  framework::HRESULT ZELTA_STDMETHODCALLTYPE ForwardToIoQueue(framework::IWDFIoQueue*) override;
+  framework::HRESULT ZELTA_STDMETHODCALLTYPE Send(void* target, framework::ULONG flags,
+                                                  std::int64_t timeout) override;
+  void ZELTA_STDMETHODCALLTYPE FormatUsingCurrentType() override;
+  framework::ULONG ZELTA_STDMETHODCALLTYPE GetRequestorProcessId() override;
+  framework::HRESULT ZELTA_STDMETHODCALLTYPE Impersonate(framework::EnumValue level,
+                                                         framework::IUnknown* callback,
+                                                         void* context) override;
+  framework::BOOL ZELTA_STDMETHODCALLTYPE IsFrom32BitProcess() override;
+  void ZELTA_STDMETHODCALLTYPE GetCompletionParams(void** parameters) override;
+
+  // For the host. Hands the request to the queue's callback and waits for its return.
+  void dispatch();
+  // Hands the request to its cancel callback, now or when it is marked.
+  void cancel() ZELTA_EXCLUDES(mutex_);
+  // Completes the request in the driver's place, without output; harmless when it is completed.
+  void completeByHost(framework::HRESULT status);
+  const std::shared_ptr<Operation>& operation() const { return operation_; }
+
+ private:
+  friend class WdfObject<WdfRequest, framework::IWDFIoRequest>;
+  void disposeChildren();
+  // False where the request was completed before. `this` may be gone afterwards.
+  bool finish(framework::HRESULT status, std::size_t information, bool withOutput)
+      ZELTA_EXCLUDES(mutex_);
+
+  const std::weak_ptr<IoEngine> engine_;
+  const std::shared_ptr<Operation> operation_;
+  const framework::ComPtr<WdfQueue> queue_;
+  const framework::ComPtr<WdfFile> file_;
+  const std::uint32_t code_;
+  const std::size_t inLength_;
+  const std::size_t outLength_;
+  framework::ComPtr<WdfMemory> input_;   // null where the length is 0
+  framework::ComPtr<WdfMemory> output_;  // likewise
+
+  mutable platform::Mutex mutex_;
+  bool completed_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool cancelled_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool handedToCallback_ ZELTA_GUARDED_BY(mutex_) = false;
+  std::size_t information_ ZELTA_GUARDED_BY(mutex_) = 0;
+  framework::ComPtr<framework::IRequestCallbackCancel> cancelCallback_ ZELTA_GUARDED_BY(mutex_);
+};
+
+}  // namespace zelta::host
