@@ -16,13 +16,13 @@ namespace zelta::framework {
 template <typename Derived, typename First, typename... Rest>
 class ComObject : public First, public Rest... {
  public:
-  HRESULT ZELTA_STDMETHODCALLTYPE QueryInterface(REFIID iid, void** out) override {
+  HRESULT ZELTA_STDMETHODCALLTYPE QueryInterface(REFIID wanted, void** out) override {
     if (out == nullptr) return kPointer;
     *out = nullptr;
-    if (iid == IUnknown::iid) {
+    if (wanted == IUnknown::iid) {
       *out = static_cast<IUnknown*>(static_cast<First*>(this));
     } else {
-      find<First, Rest...>(iid, out);
+      find<First, Rest...>(wanted, out);
     }
     if (*out == nullptr) return kNoInterface;
     AddRef();
@@ -47,21 +47,26 @@ class ComObject : public First, public Rest... {
 
  private:
   template <typename Interface, typename... More>
-  void find(REFIID iid, void** out) {
-    if (iid == Interface::iid) {
+  void find(REFIID wanted, void** out) {
+    if (wanted == Interface::iid) {
       *out = static_cast<Interface*>(this);
     } else if constexpr (sizeof...(More) > 0) {
-      find<More...>(iid, out);
+      find<More...>(wanted, out);
     }
   }
 
   std::atomic<ULONG> references_{1};
 };
 
-// The new object with its creator's reference, or null when there is no memory.
+// The new object with its creator's reference, or null when there is no memory for it or for what
+// its constructor needs.
 template <typename Object, typename... Arguments>
 Object* createObject(Arguments&&... arguments) {
-  return new (std::nothrow) Object(std::forward<Arguments>(arguments)...);
+  try {
+    return new (std::nothrow) Object(std::forward<Arguments>(arguments)...);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
 }
 
 }  // namespace zelta::framework

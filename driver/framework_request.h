@@ -1,0 +1,41 @@
+// The framework's request, seen as the driver's `IoRequest`.
+//
+// Ownership: there is one adapter per framework request, so that a waiting request is the same
+// object to dispatch and to the cancel callback. `attach` makes it and ties it to its request;
+// the framework's cleanup callback destroys it, when the request is completed and its last
+// reference is gone. The adapter holds no reference on its request.
+//
+// Threads: as `IoRequest`. Completing may destroy the adapter before the call returns.
+#pragma once
+
+#include "driver/io_request.h"
+
+namespace zelta {
+
+class FrameworkRequest final : public IoRequest {
+ public:
+  // `request` is not owned and outlives this. For a request that could not be attached, an adapter
+  // of the caller's own serves to complete it.
+  explicit FrameworkRequest(framework::IWDFIoRequest& request) : request_(&request) {}
+
+  // The request's adapter, made where it has none yet. On failure `adapter` is null and the status
+  // says why; the request is untouched.
+  static framework::HRESULT attach(framework::IWDFIoRequest& request, IoRequest** adapter) noexcept;
+  // The request's adapter; null where none was attached.
+  static IoRequest* attached(framework::IWDFIoRequest& request) noexcept;
+
+  void completeWithInformation(framework::HRESULT status, std::size_t information) override;
+  void complete(framework::HRESULT status) override;
+  std::unique_ptr<IoMemory> inputMemory() override;
+  std::unique_ptr<IoMemory> outputMemory() override;
+  std::unique_ptr<IoFile> fileObject() override;
+  void markCancelable(framework::IRequestCallbackCancel* callback) override;
+  framework::HRESULT unmarkCancelable() override;
+  void addRef() override;
+  void release() override;
+
+ private:
+  framework::IWDFIoRequest* request_;
+};
+
+}  // namespace zelta

@@ -1,0 +1,78 @@
+#include "driver/module.h"
+
+#include <atomic>
+#include <cstdint>
+
+#include "diagnostics/log_output.h"
+#include "driver/class_factory.h"
+#include "driver/entry_point.h"
+#include "driver/identifiers.h"
+#include "framework/com_object.h"
+
+namespace zelta {
+
+namespace {
+
+std::atomic<std::uint32_t> lockCount{0};
+
+using CreateFactory = framework::IClassFactory* (*)();
+
+struct ClassEntry {
+  framework::CLSID classId;
+  CreateFactory createFactory;
+};
+
+framework::IClassFactory* createDriverFactory() { return framework::createObject<ClassFactory>(); }
+
+constexpr ClassEntry kClasses[] = {{kDriverClassId, createDriverFactory}};
+
+framework::HRESULT findClassObject(framework::REFCLSID classId, framework::REFIID iid, void** out) {
+  if (out == nullptr) return framework::kPointer;
+  *out = nullptr;
+  for (const ClassEntry& entry : kClasses) {
+    if (entry.classId != classId) continue;
+    const auto factory = framework::ComPtr<framework::IClassFactory>::adopt(entry.createFactory());
+    if (!factory) return status::kOutOfMemory;
+    return factory->QueryInterface(iid, out);
+  }
+  return framework::kClassNotAvailable;
+}
+
+}  // namespace
+
+ModuleReference::ModuleReference() { module::lock(); }
+
+ModuleReference::~ModuleReference() { module::unlock(); }
+
+namespace module {
+
+void lock() { lockCount.fetch_add(1, std::memory_order_relaxed); }
+
+void unlock() { lockCount.fetch_sub(1, std::memory_order_acq_rel); }
+
+framework::HRESULT getClassObject(framework::REFCLSID classId, framework::REFIID iid, void** out) {
+  return runEntryPoint("DllGetClassObject", [&] { return findClassObject(classId, iid, out); });
+}
+
+framework::HRESULT canUnload() {
+  const framework::HRESULT result = runEntryPoint("DllCanUnloadNow", [] {
+    return lockCount.load(std::memory_order_acquire) == 0 ? framework::kOk : framework::kFalse;
+  });
+  // The logger's threads end here, not in a global destructor: that would run while the system
+  // holds its loader lock, which an ending thread needs, and joining would wait for ever. The
+  // section's last line is written already; a later log call makes a new logger.
+  if (result == framework::kOk) shutDownLogging();
+  return result;
+}
+
+framework::HRESULT registerServer() {
+  return runEntryPoint("DllRegisterServer", [] { return framework::kOk; });
+}
+
+framework::HRESULT unregisterServer() {
+  return runEntryPoint("DllUnregisterServer", [] { return framework::kOk; });
+}
+
+}  // namespace module
+
+}  // namespace zelta

@@ -1,0 +1,38 @@
+// The loaded module: how many of its objects live, and what its exported functions do.
+//
+// Threads: everything may be called from any thread; only `canUnload` must not overlap other calls
+// into the module, as the host sees to. The module's state is an atomic number and constant data,
+// so that nothing is left to be torn down when the process ends with threads still inside.
+#pragma once
+
+#include "framework/com.h"
+
+namespace zelta {
+
+// A member of every object that keeps the module loaded.
+class ModuleReference {
+ public:
+  ModuleReference();
+  ~ModuleReference();
+  ModuleReference(const ModuleReference&) = delete;
+  ModuleReference& operator=(const ModuleReference&) = delete;
+};
+
+namespace module {
+
+// The host's own locks, which count like objects.
+void lock();
+void unlock();
+
+// The factory of the driver object; `kClassNotAvailable` for any other class.
+framework::HRESULT getClassObject(framework::REFCLSID classId, framework::REFIID iid, void** out);
+// `kOk` where no object and no lock is left, and then the process's logger has been shut down;
+// `kFalse` otherwise.
+framework::HRESULT canUnload();
+// Registration is the installation file's business: these do nothing.
+framework::HRESULT registerServer();
+framework::HRESULT unregisterServer();
+
+}  // namespace module
+
+}  // namespace zelta

@@ -1,0 +1,212 @@
+// The device's creation and its power and PnP operations.
+#include "driver/my_device.h"
+
+#include "diagnostics/traced_lock.h"
+#include "driver/entry_point.h"
+#include "driver/identifiers.h"
+#include "driver/my_queue.h"
+#include "driver/narrow_text.h"
+#include "driver/reader_index.h"
+#include "platform/ports.h"
+
+namespace zelta {
+
+namespace {
+
+using framework::ComPtr;
+using framework::HRESULT;
+
+constexpr std::int32_t kReaderCount = 1;
+constexpr std::uint16_t kWinsockVersion = 0x0202;  // 2.2
+
+constexpr char kD0Entry[] = "CMyDevice::OnD0Entry";
+
+constexpr std::uint32_t code(HRESULT result) { return static_cast<std::uint32_t>(result); }
+
+// Gives the device object to the framework; `wdfDevice` stays null where that fails.
+HRESULT registerDevice(CMyDevice& device, framework::IWDFDriver& driver,
+                       framework::IWDFDeviceInitialize& init,
+                       ComPtr<framework::IWDFDevice>& wdfDevice) {
+  logInfo("SetLockingConstraint");
+  init.SetLockingConstraint(framework::kCallbackConstraintNone);
+  logInfo("QueryInterface");
+  ComPtr<framework::IUnknown> unknown;
+  const HRESULT result = device.QueryInterface(framework::IUnknown::iid, unknown.putVoid());
+  if (framework::failed(result)) return result;
+  logInfo("CreateDevice");
+  return driver.CreateDevice(&init, unknown.get(), wdfDevice.put());
+}
+
+void startWinsock() {
+  const std::int32_t result = platform::ports().winsock->startup(kWinsockVersion);
+  if (result != 0) logError(static_cast<std::uint32_t>(result), "Error at WSAStartup");
+}
+
+}  // namespace
+
+CMyDevice::CMyDevice(ReaderFactory readerFactory) : readerFactory_(std::move(readerFactory)) {}
+
+HRESULT CMyDevice::CreateInstance(framework::IWDFDriver* driver,
+                                  framework::IWDFDeviceInitialize* init,
+                                  const ReaderFactory& readerFactory) {
+  return runEntryPoint("CMyDevice::CreateInstance", [&]() -> HRESULT {
+    if (driver == nullptr) {
+      logError(code(status::kInvalidArgument), "[CI]Invalid IWDFDriver");
+      return status::kInvalidArgument;
+    }
+    if (init == nullptr) {
+      logError(code(status::kInvalidArgument), "[CI]Invalid IWDFDeviceInitialize");
+      return status::kInvalidArgument;
+    }
+    const auto device = ComPtr<CMyDevice>::adopt(framework::createObject<CMyDevice>(readerFactory));
+    if (!device) {
+      logError(code(status::kOutOfMemory), "[CI]Device is null");
+      return status::kOutOfMemory;
+    }
+    ComPtr<framework::IWDFDevice> wdfDevice;
+    const HRESULT result = registerDevice(*device.get(), *driver, *init, wdfDevice);
+    device->numReaders_ = kReaderCount;
+    startWinsock();
+    // Without the framework's device there is nothing to publish interfaces on.
+    if (wdfDevice) device->publishInterfaces(*wdfDevice.get());
+    return result;
+  });
+}
+
+void CMyDevice::publishInterfaces(framework::IWDFDevice& wdfDevice) {
+  for (std::int32_t index = 0; index < numReaders_; ++index) {
+    const std::wstring name = readerReferenceString(static_cast<std::uint32_t>(index));
+    logInfo("CreateDeviceInterface [device name: %s]", narrowText(name).c_str());
+    const HRESULT result =
+        wdfDevice.CreateDeviceInterface(&kSmartCardReaderInterface, name.c_str());
+    if (framework::failed(result)) logError(code(result), "CreateDeviceInterface Failed");
+  }
+}
+
+HRESULT CMyDevice::OnPrepareHardware(framework::IWDFDevice* wdfDevice) {
+  return runEntryPoint("CMyDevice::OnPrepareHardware", [&]() -> HRESULT {
+    if (wdfDevice == nullptr) {
+      logError(code(status::kInvalidArgument), "[PrepareHW]Invalid device");
+      return status::kInvalidArgument;
+    }
+    if (wdfDevice != wdfDevice_.get()) wdfDevice_ = ComPtr<framework::IWDFDevice>(wdfDevice);
+    return CMyQueue::CreateInstance(wdfDevice, this);
+  });
+}
+
+HRESULT CMyDevice::OnReleaseHardware(framework::IWDFDevice* wdfDevice) {
+  return runEntryPoint("CMyDevice::OnReleaseHardware", [&]() -> HRESULT {
+    if (wdfDevice == nullptr) {
+      logError(code(status::kInvalidArgument), "[ReleaseHW]Invalid device");
+      return status::kInvalidArgument;
+    }
+    if (wdfDevice == wdfDevice_.get()) wdfDevice_.reset();
+    return status::kSuccess;
+  });
+}
+
+HRESULT CMyDevice::OnD0Entry(framework::IWDFDevice* /*wdfDevice*/,
+                             framework::EnumValue /*previous*/) {
+  return runEntryPoint(kD0Entry, [&] {
+    gate_.closeAndWait();
+    const HRESULT result = createReaders();
+    gate_.open();
+    return result;
+  });
+}
+
+HRESULT CMyDevice::createReaders() {
+  destroyReaders();
+  {
+    const TracedLock lock(kD0Entry, deviceLock_, __LINE__);
+    readers_.reserve(static_cast<std::size_t>(numReaders_));
+  }
+  logInfo("%s: NumReaders[%d]", kD0Entry, numReaders_);
+  for (std::int32_t index = 0; index < numReaders_; ++index) {
+    try {
+      addReader(static_cast<std::uint32_t>(index));
+    } catch (const std::exception& failure) {
+      logError(code(status::kInvalidArgument), "Could not create reader[%d]: %s", index,
+               failure.what());
+      return status::kInvalidArgument;  // those before it stay
+    }
+  }
+  return status::kSuccess;
+}
+
+void CMyDevice::addReader(std::uint32_t index) {
+  std::unique_ptr<Reader> made = readerFactory_(index, this);
+  const Reader& reader = *made;
+  {
+    const TracedLock lock(kD0Entry, deviceLock_, __LINE__);
+    readers_.push_back(std::move(made));  // into reserved room
+  }
+  const int number = static_cast<int>(index);
+  logInfo("%s: reader[%d] initialized, vendor name=%s", kD0Entry, number,
+          reader.vendorName().c_str());
+  logInfo("%s: reader[%d] initialized, vendor Ifd type=%s", kD0Entry, number,
+          reader.ifdType().c_str());
+}
+
+HRESULT CMyDevice::OnD0Exit(framework::IWDFDevice* /*wdfDevice*/, framework::EnumValue /*next*/) {
+  return runEntryPoint("CMyDevice::OnD0Exit", [&] {
+    shutDown();
+    return status::kSuccess;
+  });
+}
+
+void CMyDevice::OnSurpriseRemoval(framework::IWDFDevice* /*wdfDevice*/) {
+  (void)runEntryPoint("CMyDevice::OnSurpriseRemoval", [&] {
+    logInfo("OnSurpriseRemoval");
+    shutDown();
+    return status::kSuccess;
+  });
+}
+
+HRESULT CMyDevice::OnQueryRemove(framework::IWDFDevice* /*wdfDevice*/) {
+  return runEntryPoint("CMyDevice::OnQueryRemove", [&] {
+    logInfo("OnQueryRemove");
+    shutDown();
+    return status::kSuccess;
+  });
+}
+
+HRESULT CMyDevice::OnQueryStop(framework::IWDFDevice* /*wdfDevice*/) {
+  return runEntryPoint("CMyDevice::OnQueryStop", [&] {
+    logInfo("OnQueryStop");
+    shutDown();
+    return status::kSuccess;
+  });
+}
+
+void CMyDevice::shutDown() {
+  const TimedSection section("CMyDevice::shutDown");
+  gate_.closeAndWait();
+  // By the count, deliberately; a reader that could not be made is not there to be told.
+  for (std::int32_t index = 0; index < numReaders_; ++index) {
+    tellReaderToShutDown(static_cast<std::size_t>(index));
+  }
+  destroyReaders();
+  numReaders_ = 0;
+  (void)platform::ports().winsock->cleanup();
+}
+
+void CMyDevice::tellReaderToShutDown(std::size_t index) {
+  if (index >= readers_.size() || readers_[index] == nullptr) return;
+  try {
+    readers_[index]->shutdown();
+  } catch (const std::exception&) {
+    (void)statusOfException("CMyDevice::shutDown");  // the others are told nevertheless
+  }
+}
+
+void CMyDevice::destroyReaders() {
+  std::vector<std::unique_ptr<Reader>> leaving;
+  {
+    const TracedLock lock("CMyDevice::destroyReaders", deviceLock_, __LINE__);
+    leaving.swap(readers_);
+  }
+  for (std::unique_ptr<Reader>& reader : leaving) reader.reset();
+}
+
+}  // namespace zelta

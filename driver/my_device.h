@@ -1,0 +1,117 @@
+// The driver's device: publishes one smart card reader interface per reader, makes the readers when
+// the device enters its working power state, takes them down on every way out of it, and routes
+// I/O controls and cancellations to them.
+//
+// Ownership: the framework keeps the device through its callback interfaces, the queue's callback
+// object keeps it too. The device owns its readers; they live from `OnD0Entry` to the next
+// `shutDown`. It holds the framework's device from `OnPrepareHardware` to `OnReleaseHardware`.
+//
+// Threads: the framework calls the power and PnP operations one at a time, `ProcessIoControl` and
+// `OnCancel` on any threads at the same time, without a lock of its own. An I/O control finds the
+// readers without the device lock, behind the dispatch gate; a cancellation finds them under the
+// device lock; they are made and destroyed with the gate closed and put in place under that lock.
+//
+// Locks: the device lock (recursive) is taken for every completion. The gate is waited for with no
+// lock held, and readers are destroyed with none held: their threads may need the device lock.
+//
+// Failures are HRESULTs and request statuses; exceptions do not leave the operations.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "driver/dispatch_gate.h"
+#include "driver/io_request.h"
+#include "driver/module.h"
+#include "driver/reader_device.h"
+#include "framework/com_object.h"
+#include "framework/wdf.h"
+#include "platform/critical_section.h"
+#include "reader/reader.h"
+
+namespace zelta {
+
+// Makes the reader with an index for its device; throws where it cannot be made.
+using ReaderFactory =
+    std::function<std::unique_ptr<Reader>(std::uint32_t index, ReaderDevice* device)>;
+
+// Readers whose card is at the far end of an agent.
+std::unique_ptr<Reader> createPipeReader(std::uint32_t index, ReaderDevice* device);
+
+class CMyDevice final
+    : public framework::ComObject<CMyDevice, framework::IPnpCallbackHardware,
+                                  framework::IPnpCallback, framework::IRequestCallbackCancel>,
+      public ReaderDevice {
+ public:
+  explicit CMyDevice(ReaderFactory readerFactory);
+
+  // Creates the device, registers it with the framework and publishes its interfaces. Failing to
+  // start the system's sockets or to publish an interface is logged and nothing more.
+  static framework::HRESULT CreateInstance(framework::IWDFDriver* driver,
+                                           framework::IWDFDeviceInitialize* init,
+                                           const ReaderFactory& readerFactory = createPipeReader);
+
+  framework::HRESULT ZELTA_STDMETHODCALLTYPE
+  OnPrepareHardware(framework::IWDFDevice* wdfDevice) override;
+  framework::HRESULT ZELTA_STDMETHODCALLTYPE
+  OnReleaseHardware(framework::IWDFDevice* wdfDevice) override;
+
+  framework::HRESULT ZELTA_STDMETHODCALLTYPE OnD0Entry(framework::IWDFDevice* wdfDevice,
+                                                       framework::EnumValue previous) override;
+  framework::HRESULT ZELTA_STDMETHODCALLTYPE OnD0Exit(framework::IWDFDevice* wdfDevice,
+                                                      framework::EnumValue next) override;
+  void ZELTA_STDMETHODCALLTYPE OnSurpriseRemoval(framework::IWDFDevice* wdfDevice) override;
+  framework::HRESULT ZELTA_STDMETHODCALLTYPE
+  OnQueryRemove(framework::IWDFDevice* wdfDevice) override;
+  framework::HRESULT ZELTA_STDMETHODCALLTYPE OnQueryStop(framework::IWDFDevice* wdfDevice) override;
+
+  // A request that a reader keeps waiting is cancelled.
+  void ZELTA_STDMETHODCALLTYPE OnCancel(framework::IWDFIoRequest* request) override;
+
+  // An I/O control: refuses it, or gives it to its reader's handler. The request is the handler's
+  // from then on.
+  void ProcessIoControl(framework::IWDFIoQueue* queue, framework::IWDFIoRequest* request,
+                        framework::ULONG code, framework::SIZE_T inLength,
+                        framework::SIZE_T outLength) noexcept;
+
+  // Waits for the I/O controls inside, shuts the readers down and destroys them.
+  // Deliberate: the device stays without readers until it is created afresh, and the system's
+  // sockets are cleaned up once per call although they are started once per device.
+  void shutDown();
+
+  platform::CriticalSection& deviceLock() override { return deviceLock_; }
+  framework::HRESULT queryInterface(framework::REFIID iid, void** out) override {
+    return QueryInterface(iid, out);
+  }
+
+ private:
+  // What a handler takes: the request and the lengths of its two buffers.
+  using Handler = void (Reader::*)(IoRequest*, std::size_t, std::size_t);
+  static Handler findHandler(std::uint32_t code);
+
+  void publishInterfaces(framework::IWDFDevice& wdfDevice);
+  framework::HRESULT createReaders();
+  void addReader(std::uint32_t index);
+  void destroyReaders();
+  void tellReaderToShutDown(std::size_t index);
+
+  // In my_device_io.cpp. `route` throws only while the request is neither completed nor waiting.
+  void route(IoRequest& request, std::uint32_t code, std::size_t inLength, std::size_t outLength);
+  Reader* findReader(IoRequest& request, std::uint32_t code);
+  bool getReaderInstanceId(IoRequest& request, std::uint32_t& index) noexcept;
+  void cancel(IoRequest& request) noexcept;
+  void finish(IoRequest& request, framework::HRESULT status, const char* operation, int line);
+
+  framework::ComPtr<framework::IWDFDevice> wdfDevice_;
+  std::vector<std::unique_ptr<Reader>> readers_;  // by reader index
+  std::int32_t numReaders_ = 0;  // how many to make; 1 from creation to the first shutdown
+  platform::CriticalSection deviceLock_;
+
+  DispatchGate gate_;
+  const ReaderFactory readerFactory_;
+  ModuleReference module_;
+};
+
+}  // namespace zelta
