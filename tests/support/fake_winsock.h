@@ -1,0 +1,31 @@
+// Winsock's start and clean-up, counted, with results that a test chooses. Any thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "platform/winsock.h"
+
+namespace zelta::test {
+
+class FakeWinsock final : public platform::WinsockApi {
+ public:
+  // What the calls give from now on; 0 is success.
+  std::atomic<std::int32_t> startupResult{0};
+  std::atomic<std::int32_t> cleanupResult{0};
+
+  int startups() const { return startups_; }
+  int cleanups() const { return cleanups_; }
+  // What the last start asked for; 0 before the first.
+  std::uint16_t version() const { return version_; }
+
+  std::int32_t startup(std::uint16_t version) override;
+  std::int32_t cleanup() override;
+
+ private:
+  std::atomic<int> startups_{0};
+  std::atomic<int> cleanups_{0};
+  std::atomic<std::uint16_t> version_{0};
+};
+
+}  // namespace zelta::test
