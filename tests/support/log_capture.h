@@ -1,0 +1,70 @@
+// The driver's log, kept in memory: takes the logging facade's place at link time. A program that
+// links `zelta_log_capture` has what `diagnostics/log_output.h` declares, and `logByteDump`.
+//
+// One store for the process. Any thread may log and ask.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "diagnostics/log.h"
+
+namespace zelta::test {
+
+struct LogRecord {
+  std::uint8_t level = 0;
+  std::int32_t code = 0;
+  std::string text;
+  bool filtered = true;  // came through the level test; false for `logMessage`
+};
+
+struct ByteDump {
+  std::vector<std::uint8_t> bytes;
+  std::uint64_t bytesPerLine = 0;
+};
+
+bool operator==(const LogRecord& a, const LogRecord& b);
+std::ostream& operator<<(std::ostream& out, const LogRecord& record);
+
+// What the log calls write.
+LogRecord debug(const std::string& text);
+LogRecord info(const std::string& text);
+LogRecord error(std::uint32_t code, const std::string& text);
+
+// Begins with an empty store; one at a time.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  std::vector<LogRecord> records() const;
+  // Those above debug level, which is where timed sections and contended locks report.
+  std::vector<LogRecord> recordsAboveDebug() const;
+  // Only those of error level.
+  std::vector<LogRecord> errors() const;
+  std::size_t count(const std::string& text) const;
+  bool contains(const LogRecord& record) const;
+  // Waits until a record with the text is there; false when the time ran out.
+  bool waitFor(const std::string& text,
+               std::chrono::milliseconds limit = std::chrono::seconds(30)) const;
+  void clear();
+
+  std::vector<std::string> sessionIds() const;
+  // How often the process's logger was shut down.
+  int shutDowns() const;
+  // How many records there were at the last of them.
+  std::size_t recordsAtShutDown() const;
+  std::vector<ByteDump> byteDumps() const;
+
+  // Called on the logging thread for every record, after it was stored. What it throws leaves the
+  // logger, as a failing logger's exceptions do. An empty one ends that.
+  void setHook(std::function<void(const LogRecord&)> hook);
+};
+
+}  // namespace zelta::test
