@@ -14,6 +14,7 @@ namespace error {
 
 inline constexpr std::uint32_t kSuccess = 0;
 inline constexpr std::uint32_t kFileNotFound = 2;
+inline constexpr std::uint32_t kTooManyOpenFiles = 4;
 inline constexpr std::uint32_t kAccessDenied = 5;
 inline constexpr std::uint32_t kInvalidHandle = 6;
 inline constexpr std::uint32_t kNotEnoughMemory = 8;
@@ -21,7 +22,10 @@ inline constexpr std::uint32_t kGenFailure = 31;
 inline constexpr std::uint32_t kNotSupported = 50;
 inline constexpr std::uint32_t kInvalidParameter = 87;
 inline constexpr std::uint32_t kBrokenPipe = 109;
+inline constexpr std::uint32_t kDiskFull = 112;
 inline constexpr std::uint32_t kInsufficientBuffer = 122;
+inline constexpr std::uint32_t kInvalidName = 123;
+inline constexpr std::uint32_t kNameTooLong = 206;
 inline constexpr std::uint32_t kBadPipe = 230;
 inline constexpr std::uint32_t kPipeBusy = 231;
 inline constexpr std::uint32_t kNoData = 232;
@@ -33,6 +37,8 @@ inline constexpr std::uint32_t kOperationAborted = 995;
 inline constexpr std::uint32_t kIoPending = 997;
 inline constexpr std::uint32_t kNotFound = 1168;
 inline constexpr std::uint32_t kCancelled = 1223;
+inline constexpr std::uint32_t kNoneMapped = 1332;
+inline constexpr std::uint32_t kInvalidSecurityDescriptor = 1338;
 inline constexpr std::uint32_t kUnrecognizedMedia = 1785;
 inline constexpr std::uint32_t kInvalidState = 5023;
 

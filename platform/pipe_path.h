@@ -6,8 +6,11 @@
 namespace zelta::platform {
 
 // `\\.\pipe\A\B` becomes `$ZELTA_PIPE_ROOT/A/B` (/run/zelta/pipe where the variable is unset or
-// empty). A name without the prefix, with an empty name after it, or with a component `.` or `..`
-// gives an empty path.
+// empty). The result is an empty path, and the name unusable, where
+//   - the prefix is missing or nothing follows it;
+//   - a component is empty, `.` or `..`;
+//   - a component holds a slash or a zero byte, which would reach another file than the name says;
+//   - the name ends in `~`: the platform binds the socket under such a name before it is ready.
 std::string pipeSocketPath(const std::string& pipeName);
 
 }  // namespace zelta::platform

@@ -52,6 +52,7 @@ class PipeClient {
 
  private:
   bool fail();
+  std::size_t readUpTo(void* data, std::size_t size);
 
   int socket_ = -1;
   int error_ = 0;

@@ -1,0 +1,78 @@
+#include "platform/pipe_folder_linux.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "platform/errno_linux.h"
+#include "platform/error.h"
+
+namespace zelta::platform {
+
+namespace {
+
+constexpr int kPass = O_PATH | O_DIRECTORY | O_CLOEXEC;
+constexpr int kOpen = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+// What a folder is made with until its group is set.
+constexpr mode_t kPrivateFolder = 0700;
+
+// Makes one folder and sets its access; no error where another process was faster.
+bool makeFolder(int parent, const std::string& name, const PipeAccess& access) {
+  if (mkdirat(parent, name.c_str(), kPrivateFolder) != 0) return errno == EEXIST;
+  const ScopedFd made(openat(parent, name.c_str(), kOpen | O_NOFOLLOW));
+  if (!made) return false;
+  return fchmod(made.get(), giveToGroup(made.get(), "", access, access.folderMode())) == 0;
+}
+
+ScopedFd enter(int parent, const std::string& name, int flags, const PipeAccess* access) {
+  ScopedFd entered(openat(parent, name.c_str(), flags));
+  if (entered || errno != ENOENT || access == nullptr) return entered;
+  if (!makeFolder(parent, name, *access)) return ScopedFd();
+  return ScopedFd(openat(parent, name.c_str(), flags));
+}
+
+}  // namespace
+
+std::uint32_t openFolder(const std::string& path, const PipeAccess* access, ScopedFd* out) {
+  ScopedFd folder(open("/", kPass));
+  std::size_t start = path.find_first_not_of('/');
+  while (folder && start != std::string::npos) {
+    const std::size_t end = path.find('/', start);
+    const std::size_t next = path.find_first_not_of('/', end);
+    const int flags = next == std::string::npos ? kOpen : kPass;
+    folder = enter(folder.get(), path.substr(start, end - start), flags, access);
+    start = next;
+  }
+  if (!folder) return errorFromErrno(errno);
+  *out = std::move(folder);
+  return error::kSuccess;
+}
+
+mode_t giveToGroup(int descriptor, const std::string& name, const PipeAccess& access, mode_t mode) {
+  constexpr uid_t kSameUser = static_cast<uid_t>(-1);
+  if (!access.group()) return mode;
+  const int flags = AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH;
+  if (fchownat(descriptor, name.c_str(), kSameUser, *access.group(), flags) == 0) return mode;
+  // Only members of a group and root may give a file to it. The file's own group must not get in
+  // instead of it, unless everyone may.
+  return (mode & S_IRWXO) != 0 ? mode : mode & ~static_cast<mode_t>(S_IRWXG);
+}
+
+FolderLock::FolderLock(int folder) : folder_(folder) {
+  int result = 0;
+  do {
+    result = flock(folder_, LOCK_EX);
+  } while (result != 0 && errno == EINTR);
+  held_ = result == 0;
+}
+
+FolderLock::~FolderLock() {
+  const int kept = errno;
+  // By name: a process forked meanwhile has the descriptor, too, and would keep the lock.
+  if (held_) flock(folder_, LOCK_UN);
+  errno = kept;
+}
+
+}  // namespace zelta::platform

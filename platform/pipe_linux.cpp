@@ -1,0 +1,169 @@
+// Named pipes as UNIX stream sockets: the table of handles and what a call needs of it.
+#include "platform/pipe.h"
+
+#include <exception>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "platform/error.h"
+#include "platform/never_destroyed.h"
+#include "platform/pipe_end_linux.h"
+#include "platform/pipe_path.h"
+#include "platform/sddl.h"
+#include "platform/sync.h"
+
+namespace zelta::platform {
+
+namespace {
+
+using Entries = std::vector<AccessEntry>;
+
+// Numbers of handles lie this far apart, as the system's do elsewhere.
+constexpr std::uintptr_t kHandleStep = 4;
+
+// What a pipe without a security descriptor admits: its maker and the system.
+Entries defaultEntries() {
+  return {{true, Trustee::Owner, true, true}, {true, Trustee::System, true, true}};
+}
+
+bool succeed(std::uint32_t error) {
+  if (error != error::kSuccess) setLastError(error);
+  return error == error::kSuccess;
+}
+
+// A handle is a number that is never given out twice, so that one that was closed is told from
+// every other. Descriptors are never freed; each text has one, however often it is converted.
+class LinuxPipes final : public PipeApi {
+ public:
+  bool convertSecurityDescriptor(const std::string& sddl, SecurityDescriptor* out) override {
+    return guarded([&] {
+      Entries entries;
+      if (const std::uint32_t error = parseSddl(sddl, &entries)) return error;
+      MutexLock lock(mutex_);
+      std::unique_ptr<Entries>& kept = descriptors_[sddl];
+      if (kept == nullptr) kept = std::make_unique<Entries>(std::move(entries));
+      *out = kept.get();
+      return error::kSuccess;
+    });
+  }
+
+  PipeHandleValue create(const std::string& name, const PipeArguments& arguments) override {
+    PipeHandleValue handle = invalidPipe();
+    guarded([&] { return makePipe(name, arguments, &handle); });
+    return handle;
+  }
+
+  bool connect(PipeHandleValue pipe) override {
+    return call(pipe, [](PipeEnd& end) { return end.connect(); });
+  }
+
+  bool disconnect(PipeHandleValue pipe) override {
+    return call(pipe, [](PipeEnd& end) { return end.disconnect(); });
+  }
+
+  bool cancel(PipeHandleValue pipe) override {
+    return call(pipe, [](PipeEnd& end) { return end.cancel(); });
+  }
+
+  bool read(PipeHandleValue pipe, void* data, std::uint32_t size) override {
+    return call(pipe, [&](PipeEnd& end) { return end.read(data, size); });
+  }
+
+  bool write(PipeHandleValue pipe, const void* data, std::uint32_t size) override {
+    return call(pipe, [&](PipeEnd& end) { return end.write(data, size); });
+  }
+
+  bool flush(PipeHandleValue pipe) override {
+    return call(pipe, [](PipeEnd& end) { return end.flush(); });
+  }
+
+  bool close(PipeHandleValue pipe) override {
+    return guarded([&] {
+      std::shared_ptr<PipeEnd> end;
+      {
+        MutexLock lock(mutex_);
+        const auto found = ends_.find(pipe);
+        if (found == ends_.end()) return error::kInvalidHandle;
+        end = std::move(found->second);
+        ends_.erase(found);
+      }
+      end->close();
+      return error::kSuccess;
+    });
+  }
+
+ private:
+  // Exceptions (of memory that ran out) end here.
+  template <typename Call>
+  static bool guarded(Call body) {
+    try {
+      return succeed(body());
+    } catch (const std::exception&) {
+      return succeed(error::kNotEnoughMemory);
+    }
+  }
+
+  template <typename Call>
+  bool call(PipeHandleValue pipe, Call body) {
+    return guarded([&] {
+      std::shared_ptr<PipeEnd> end;
+      {
+        MutexLock lock(mutex_);
+        const auto found = ends_.find(pipe);
+        if (found == ends_.end()) return error::kInvalidHandle;
+        end = found->second;
+      }
+      return body(*end);
+    });
+  }
+
+  std::uint32_t makePipe(const std::string& name, const PipeArguments& arguments,
+                         PipeHandleValue* handle) {
+    const std::string path = pipeSocketPath(name);
+    if (path.empty()) return error::kInvalidName;
+    Entries entries;
+    if (!entriesOf(arguments.securityDescriptor, &entries)) {
+      return error::kInvalidSecurityDescriptor;
+    }
+    const auto end =
+        std::make_shared<PipeEnd>(std::filesystem::absolute(path).string(),
+                                  PipeAccess(std::move(entries), systemPipeAccounts()));
+    if (const std::uint32_t error = end->open()) return error;
+    MutexLock lock(mutex_);
+    lastHandle_ += kHandleStep;
+    *handle = reinterpret_cast<PipeHandleValue>(lastHandle_);
+    ends_.emplace(*handle, end);
+    return error::kSuccess;
+  }
+
+  bool entriesOf(SecurityDescriptor descriptor, Entries* entries) {
+    if (descriptor == nullptr) {
+      *entries = defaultEntries();
+      return true;
+    }
+    MutexLock lock(mutex_);
+    for (const auto& known : descriptors_) {
+      if (known.second.get() != descriptor) continue;
+      *entries = *known.second;
+      return true;
+    }
+    return false;
+  }
+
+  Mutex mutex_;
+  std::uintptr_t lastHandle_ ZELTA_GUARDED_BY(mutex_) = 0;
+  std::map<PipeHandleValue, std::shared_ptr<PipeEnd>> ends_ ZELTA_GUARDED_BY(mutex_);
+  std::map<std::string, std::unique_ptr<Entries>> descriptors_ ZELTA_GUARDED_BY(mutex_);
+};
+
+}  // namespace
+
+PipeApi& systemPipes() {
+  static NeverDestroyed<LinuxPipes> pipes;
+  return pipes.get();
+}
+
+}  // namespace zelta::platform

@@ -1,0 +1,158 @@
+#include "platform/pipe_listener_linux.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "platform/errno_linux.h"
+#include "platform/error.h"
+#include "platform/pipe_folder_linux.h"
+
+namespace zelta::platform {
+
+namespace {
+
+// A socket gets this after its name until it listens.
+constexpr char kUnready[] = "~";
+// How many clients may wait to be accepted; a greater number wakes those blocked on a full queue.
+constexpr int kQueue = 64;
+constexpr int kQueueToWake = kQueue + 1;
+
+// With a name that does not fit, the address is cut off; `fits` tells.
+sockaddr_un addressOf(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  return address;
+}
+
+bool fits(const std::string& path) { return path.size() < sizeof(sockaddr_un::sun_path); }
+
+const sockaddr* generic(const sockaddr_un& address) {
+  return reinterpret_cast<const sockaddr*>(&address);
+}
+
+}  // namespace
+
+PipeListener::PipeListener(std::string path, PipeAccess access)
+    : path_(std::move(path)), access_(std::move(access)) {}
+
+PipeListener::~PipeListener() { close(); }
+
+std::uint32_t PipeListener::open() {
+  const std::string unready = name() + kUnready;
+  if (!fits(path_ + kUnready)) return error::kNameTooLong;
+  ScopedFd folder;
+  if (const std::uint32_t error = openFolder(this->folder(), &access_, &folder)) return error;
+  const FolderLock lock(folder.get());
+  if (!lock.held()) return errorFromErrno(errno);
+  if (look(folder.get()) == Place::Taken) return error::kAccessDenied;
+
+  ScopedFd socket;
+  FileId id{};
+  if (!bindIn(folder.get(), unready, &socket, &id) ||
+      renameat(folder.get(), unready.c_str(), folder.get(), name().c_str()) != 0) {
+    const std::uint32_t error = errorFromErrno(errno);
+    unlinkat(folder.get(), unready.c_str(), 0);
+    return error;
+  }
+  socket_ = std::make_shared<const ScopedFd>(std::move(socket));
+  id_ = id;
+  listening_ = true;
+  return error::kSuccess;
+}
+
+void PipeListener::refuse() {
+  if (!listening_) return;
+  listening_ = false;
+  // From here on the kernel lets nobody into the queue; who is in it already is dropped below.
+  shutdown(socket_->get(), SHUT_RD);
+  listen(socket_->get(), kQueueToWake);
+  while (ScopedFd(::accept(socket_->get(), nullptr, nullptr))) {
+  }
+}
+
+void PipeListener::close() {
+  if (socket_ == nullptr) return;
+  ScopedFd folder;
+  if (openFolder(this->folder(), nullptr, &folder) == error::kSuccess) {
+    const FolderLock lock(folder.get());
+    if (look(folder.get()) == Place::Own) unlinkat(folder.get(), name().c_str(), 0);
+  }
+  // Also for those who share the socket: a thread about to leave its wait, a forked process.
+  refuse();
+  socket_.reset();
+  id_.reset();
+}
+
+std::uint32_t PipeListener::accept(ScopedFd* client) {
+  client->reset();
+  if (!listening_) return error::kSuccess;
+  for (;;) {
+    ScopedFd next(accept4(socket_->get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!next) {
+      if (errno == EINTR || errno == ECONNABORTED) continue;
+      return errno == EAGAIN ? error::kSuccess : errorFromErrno(errno);
+    }
+    PeerIdentity peer;
+    if (peerIdentity(next.get(), &peer) && access_.admits(peer)) {
+      *client = std::move(next);
+      return error::kSuccess;
+    }
+  }
+}
+
+std::string PipeListener::folder() const { return path_.substr(0, path_.rfind('/')); }
+
+std::string PipeListener::name() const { return path_.substr(path_.rfind('/') + 1); }
+
+PipeListener::Place PipeListener::look(int folder) const {
+  struct stat found {};
+  if (fstatat(folder, name().c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
+    return errno == ENOENT ? Place::Free : Place::Taken;
+  }
+  // The file cannot have been replaced by one of the same number: the socket holds it.
+  if (id_ && *id_ == FileId{found.st_dev, found.st_ino}) return Place::Own;
+  if (!S_ISSOCK(found.st_mode)) return Place::Taken;
+  return alive() ? Place::Taken : Place::Stale;
+}
+
+// Asks the kernel whether a socket is bound to the path, without its owner noticing: a connect
+// from a socket of another type is turned away before it reaches the other side, as the wrong
+// type where there is one and as refused where there is none.
+bool PipeListener::alive() const {
+  const ScopedFd probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const sockaddr_un address = addressOf(path_);
+  return !probe || ::connect(probe.get(), generic(address), sizeof(address)) == 0 ||
+         errno != ECONNREFUSED;
+}
+
+bool PipeListener::bindIn(int folder, const std::string& name, ScopedFd* socket, FileId* id) const {
+  // Left over where a process ended between making it and giving it its name.
+  if (unlinkat(folder, name.c_str(), 0) != 0 && errno != ENOENT) return false;
+  ScopedFd made(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  const sockaddr_un address = addressOf(this->folder() + '/' + name);
+  struct stat found {};
+  if (!made || bind(made.get(), generic(address), sizeof(address)) != 0 ||
+      !restrictAccess(folder, name) ||
+      fstatat(folder, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0 ||
+      listen(made.get(), kQueue) != 0) {
+    return false;
+  }
+  *socket = std::move(made);
+  *id = {found.st_dev, found.st_ino};
+  return true;
+}
+
+// Before the socket listens: what the process's umask left open lets nobody in.
+bool PipeListener::restrictAccess(int folder, const std::string& name) const {
+  const mode_t mode = giveToGroup(folder, name, access_, access_.socketMode());
+  return fchmodat(folder, name.c_str(), mode, 0) == 0;
+}
+
+}  // namespace zelta::platform

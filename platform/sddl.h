@@ -1,0 +1,37 @@
+// Access control lists in the security descriptor definition language, as far as they can be
+// honoured for a local pipe away from Windows. Pure text; nothing of the system is asked.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace zelta::platform {
+
+enum class Trustee {
+  System,          // SY, S-1-5-18
+  LocalService,    // LS, S-1-5-19
+  Guests,          // BG, S-1-5-32-546
+  Anonymous,       // AN, S-1-5-7
+  Everyone,        // WD, S-1-1-0
+  Administrators,  // BA, S-1-5-32-544
+  Owner,           // OW, CO, S-1-3-4, S-1-3-0: whoever made the pipe
+};
+
+// One entry that applies to the object itself. Generic all is reading and writing.
+struct AccessEntry {
+  bool allow = false;
+  Trustee trustee = Trustee::System;
+  bool read = false;
+  bool write = false;
+};
+
+// The entries of the discretionary list in their order. `O:`, `G:` and the list's flags are
+// checked and otherwise ignored; an entry that is only inherited (`IO`) is left out. Returns 0 or
+//     87    not a descriptor with a discretionary list, or a malformed one
+//     50    an audit list, or an entry of another type than `A` and `D`
+//     1332  a trustee that has no counterpart here
+// Nothing is guessed: a descriptor that cannot be honoured whole is refused whole.
+std::uint32_t parseSddl(const std::string& sddl, std::vector<AccessEntry>* entries);
+
+}  // namespace zelta::platform
