@@ -8,6 +8,8 @@
 
 namespace zelta::platform {
 
+inline constexpr std::int64_t kClockUnitsPerMillisecond = 10'000;
+
 // Any thread may call.
 class WallClock {
  public:

@@ -1,0 +1,146 @@
+#include "logging/file_logger_windows.h"
+
+#include <fmt/format.h>
+
+#include <exception>
+#include <optional>
+#include <utility>
+
+#include "logging/rotation_time.h"
+#include "platform/ports.h"
+
+namespace zelta::logging {
+
+namespace {
+
+using platform::kClockUnitsPerMillisecond;
+using platform::MutexLock;
+
+constexpr char kRotationTimeKey[] = "SOFTWARE\\Vornhalt\\ZeltaAgent";
+constexpr char kRotationTimeValue[] = "ZeltaLogRotationTime";
+
+constexpr std::int32_t kError = static_cast<std::int32_t>(Level::Error);
+constexpr std::int32_t kInfo = static_cast<std::int32_t>(Level::Info);
+constexpr std::int32_t kDebug = static_cast<std::int32_t>(Level::Debug);
+
+}  // namespace
+
+FileLoggerWindows::FileLoggerWindows(std::uint32_t category, std::uint32_t threshold,
+                                     std::string sessionLogId, std::string basePath,
+                                     std::int64_t initialRotationPeriod)
+    : FileLogger(category, threshold, std::move(sessionLogId), nullptr, std::move(basePath)),
+      rotationPeriod_(initialRotationPeriod) {
+  startNotifier();
+  try {
+    rotationThread_ = std::thread(&FileLoggerWindows::runRotation, this);
+  } catch (...) {
+    notifier_.reset();  // its thread uses the other members
+    throw;
+  }
+}
+
+FileLoggerWindows::~FileLoggerWindows() {
+  try {
+    {
+      MutexLock lock(rotationMutex_);
+      stopRequested_ = true;
+    }
+    rotationCondition_.notifyAll();
+    rotationThread_.join();
+    notifier_.reset();
+  } catch (const std::exception& error) {
+    logErrorOrLose(*this, kOwnErrorCode, [&] {
+      return fmt::format("Unexpected error occurred during logger cleanup: {}", error.what());
+    });
+  }
+}
+
+void FileLoggerWindows::writeLine(const std::string& message, std::uint32_t category,
+                                  std::int32_t level, std::int32_t resultCode,
+                                  const std::string& sessionLogId) {
+  MutexLock lock(writeMutex_);
+  FileLogger::writeLine(message, category, level, resultCode, sessionLogId);
+}
+
+void FileLoggerWindows::startNotifier() {
+  try {
+    // The notifier reports through a child, which belongs to the callback: both are gone only
+    // after the notifier's thread is. The child keeps the threshold of this moment.
+    std::shared_ptr<FileLogger> child = createChildForCategory(category());
+    LoggerBase* const childLogger = child.get();
+    notifier_ = std::make_unique<RegistryChangeNotifier>(
+        kRotationTimeKey, kRotationTimeValue,
+        [this, child = std::move(child)](const std::string& text) { onRotationTimeChanged(text); },
+        childLogger);
+  } catch (const std::exception& error) {
+    LoggerBase::log(kError, kOwnErrorCode, error.what());
+  }
+}
+
+void FileLoggerWindows::onRotationTimeChanged(const std::string& text) {
+  const std::optional<std::int32_t> minutes = rotationMinutes(text);
+  if (!minutes.has_value()) {
+    LoggerBase::log(kError, kOwnErrorCode,
+                    fmt::format("Invalid log rotation time obtained (\"{}\"). Conversion failed. "
+                                "Continue to use existing rotation time.",
+                                text));
+    return;
+  }
+  if (*minutes < 0) {
+    LoggerBase::log(kError, kOwnErrorCode,
+                    fmt::format("Invalid log rotation time obtained (\"{}\") mins. Continue to "
+                                "use existing rotation time.",
+                                *minutes));
+    return;
+  }
+  const std::int64_t period = *minutes * kMillisecondsPerMinute;
+  if (period == rotationPeriod_.load()) {
+    LoggerBase::log(kDebug, 0,
+                    fmt::format("New rotation time is (\"{}\") mins which is the same as the last "
+                                "rotation time",
+                                text));
+    return;
+  }
+  {
+    MutexLock lock(rotationMutex_);
+    LoggerBase::log(kInfo, 0, fmt::format("Setting log rotation time to: {} mins", *minutes));
+    rotationPeriod_.store(period);
+    periodChanged_ = true;
+  }
+  rotationCondition_.notifyAll();
+}
+
+void FileLoggerWindows::runRotation() {
+  MutexLock lock(rotationMutex_);
+  while (!stopRequested_) {
+    if (!waitForRotation(lock)) rotate();
+    periodChanged_ = false;
+  }
+}
+
+// False: the time ran out and nothing else happened.
+bool FileLoggerWindows::waitForRotation(MutexLock& lock) {
+  const auto isWoken = [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return stopRequested_ || periodChanged_;
+  };
+  const std::int64_t period = rotationPeriod_.load();
+  if (period <= 0) {
+    rotationCondition_.wait(lock, isWoken);
+    return true;
+  }
+  // Only this thread replaces the file, so that its creation time can be read here.
+  const std::int64_t deadline = fileCreationTime() + period;
+  return platform::ports().clock->waitUntil(rotationCondition_, lock,
+                                            deadline * kClockUnitsPerMillisecond, isWoken);
+}
+
+void FileLoggerWindows::rotate() noexcept {
+  try {
+    MutexLock lock(writeMutex_);
+    startNewFile();
+  } catch (const std::exception& error) {
+    logErrorOrLose(*this, kOwnErrorCode, [&] { return std::string(error.what()); });
+  }
+}
+
+}  // namespace zelta::logging

@@ -1,0 +1,125 @@
+#include "logging/text_file.h"
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "platform/native_path.h"
+#include "platform/ports.h"
+
+namespace zelta {
+
+namespace {
+
+using platform::MutexLock;
+
+// How often a file is looked for that may have been removed.
+constexpr std::int64_t kLookPeriod = 1000 * platform::kClockUnitsPerMillisecond;
+
+std::string checkedPath(std::string path) {
+  if (path.empty()) throw std::invalid_argument("File path is empty");
+  return path;
+}
+
+// The number of the file's first `size` bytes that whole lines take; -1 where it cannot be read.
+std::int64_t lengthOfWholeLines(const std::filesystem::path& path, std::int64_t size) {
+  std::array<char, 4096> block;
+  std::ifstream file(path, std::ios::binary);
+  for (std::int64_t end = size; end > 0;) {
+    const std::int64_t start =
+        std::max<std::int64_t>(0, end - static_cast<std::int64_t>(block.size()));
+    file.seekg(start);
+    if (!file.read(block.data(), end - start)) return -1;
+    for (std::int64_t i = end; i > start; --i) {
+      if (block[static_cast<std::size_t>(i - start - 1)] == '\n') return i;
+    }
+    end = start;
+  }
+  return 0;
+}
+
+// Removes half a line at the file's end. False where that cannot be done.
+bool cutHalfLine(const std::filesystem::path& path) {
+  std::error_code error;
+  const auto size = static_cast<std::int64_t>(std::filesystem::file_size(path, error));
+  if (error) return error == std::errc::no_such_file_or_directory;
+  const std::int64_t whole = lengthOfWholeLines(path, size);
+  if (whole < 0) return false;
+  if (whole != size) {
+    std::filesystem::resize_file(path, static_cast<std::uintmax_t>(whole), error);
+  }
+  return !error;
+}
+
+}  // namespace
+
+TextFile::TextFile(std::string path)
+    : path_(checkedPath(std::move(path))),
+      creationTime_(platform::ports().clock->now() / platform::kClockUnitsPerMillisecond),
+      stream_(std::make_unique<std::ofstream>()),
+      lastLook_(creationTime_ * platform::kClockUnitsPerMillisecond) {
+  MutexLock lock(fileMutex_);
+  open();
+}
+
+TextFile::~TextFile() {
+  MutexLock lock(fileMutex_);
+  stream_->close();
+}
+
+void TextFile::writeLine(const std::string& text) {
+  MutexLock lock(fileMutex_);
+  const bool isHeading = !heading_.has_value();
+  if (isHeading) heading_ = text;
+  if (!makeWritable()) return;
+  // Handed over in one piece, which no line of another process can split.
+  std::string lines;
+  if (empty_ && !isHeading) lines.append(*heading_).push_back('\n');
+  lines.append(text).push_back('\n');
+  stream_->write(lines.data(), static_cast<std::streamsize>(lines.size()));
+  stream_->flush();
+  if (stream_->good()) {
+    empty_ = false;
+  } else {
+    stream_->close();  // opened anew for the next line
+  }
+}
+
+bool TextFile::makeWritable() {
+  if (stream_->is_open() && lostItsContent()) stream_->close();
+  return stream_->is_open() || open();
+}
+
+bool TextFile::open() {
+  const std::filesystem::path path = platform::nativePath(path_);
+  if (!made_) {
+    made_ = std::ofstream(path, std::ios::out | std::ios::trunc).is_open();
+    if (!made_) return false;
+  } else if (!cutHalfLine(path)) {
+    return false;
+  }
+  // Without a buffer a write that fails leaves nothing behind that would be written later, after
+  // the half that did reach the disk. Appending keeps lines whole even where another process
+  // writes to the same file.
+  stream_ = std::make_unique<std::ofstream>();
+  stream_->rdbuf()->pubsetbuf(nullptr, 0);
+  stream_->open(path, std::ios::out | std::ios::app);
+  std::error_code error;
+  empty_ = std::filesystem::file_size(path, error) == 0;
+  return stream_->is_open();
+}
+
+bool TextFile::lostItsContent() {
+  const std::int64_t now = platform::ports().clock->now();
+  if (now >= lastLook_ && now - lastLook_ < kLookPeriod) return false;
+  lastLook_ = now;
+  std::error_code error;
+  const std::uintmax_t size = std::filesystem::file_size(platform::nativePath(path_), error);
+  if (error) return error == std::errc::no_such_file_or_directory;
+  return size == 0 && !empty_;
+}
+
+}  // namespace zelta
