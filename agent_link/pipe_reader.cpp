@@ -1,8 +1,6 @@
 // The reader's life and its two pipe ends.
 #include "agent_link/pipe_reader.h"
 
-#include <memory>
-
 #include "agent_link/wire.h"
 #include "diagnostics/log.h"
 #include "driver/memory_util.h"
@@ -27,18 +25,6 @@ constexpr char kAllowSystem[] = "(A;OICI;GA;;;SY)";
 constexpr std::uint32_t kPipeAccessDuplex = 0x00000003;
 constexpr std::uint32_t kFirstPipeInstance = 0x00080000;
 constexpr std::uint32_t kByteModeBlocking = 0;
-
-// One descriptor for each reader ever made is never freed, deliberately; it is kept where a leak
-// check finds it.
-void keepForGood(platform::SecurityDescriptor descriptor) {
-  struct Kept {
-    platform::Mutex mutex;
-    std::vector<platform::SecurityDescriptor> descriptors;
-  };
-  static Kept& kept = *std::make_unique<Kept>().release();
-  const platform::MutexLock lock(kept.mutex);
-  kept.descriptors.push_back(descriptor);
-}
 
 void disconnectPipe(PipeCalls& calls, const PipeHandle& pipe, const char* which) {
   if (!calls.close(pipe.get())) {
@@ -90,13 +76,12 @@ void PipeReader::stopServer() {
 std::uint32_t PipeReader::createPipes() {
   const std::string sddl =
       std::string(kDacl) + kDenyGuests + kDenyAnonymous + kAllowLocalService + kAllowSystem;
-  platform::SecurityDescriptor descriptor = nullptr;
+  platform::SecurityDescriptor descriptor = nullptr;  // never freed, deliberately
   if (!platform::ports().pipes->convertSecurityDescriptor(sddl, &descriptor)) {
     const std::uint32_t code = platform::lastError();
     logError(code, "DACL cannot be created");
     return code;
   }
-  keepForGood(descriptor);
 
   const platform::MutexLock lock(pipeMutex_);
   commandPipe_ = PipeHandle();

@@ -1,0 +1,85 @@
+#include "tests/agent_link/link_test.h"
+
+#include <chrono>
+#include <utility>
+
+#include "agent_link/wire.h"
+#include "driver/smartcard_ioctl.h"
+
+namespace zelta::test {
+
+LogWaiter::LogWaiter(LogCapture& log) : log_(log) {
+  log_.setHook([this](const LogRecord&) {
+    { const std::lock_guard<std::mutex> lock(mutex_); }
+    logged_.notify_all();
+  });
+}
+
+LogWaiter::~LogWaiter() { log_.setHook(nullptr); }
+
+bool LogWaiter::waitForCount(const std::string& text, std::size_t count) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return logged_.wait_for(lock, std::chrono::seconds(30),
+                          [&] { return log_.count(text) >= count; });
+}
+
+LinkTest::LinkTest() : root_("ZELTA_PIPE_ROOT", folder_.path().string()), waiter_(log_) {}
+
+LinkTest::~LinkTest() { stop(); }
+
+PipeReader& LinkTest::start(const AgentLinkTimes& times, std::uint32_t index) {
+  reader_ = std::make_unique<PipeReader>(index, &device_, times);
+  device_.setReader(reader_.get());
+  return *reader_;
+}
+
+void LinkTest::stop() {
+  if (reader_ == nullptr) return;
+  reader_->shutdown();
+  device_.setReader(nullptr);
+  reader_.reset();
+}
+
+LinkRequest& LinkTest::makeRequest(Bytes input) {
+  requests_.push_back(std::make_unique<LinkRequest>(device_, std::move(input)));
+  return *requests_.back();
+}
+
+LinkRequest& LinkTest::waitForInsertion() {
+  LinkRequest& request = makeRequest();
+  reader().IoSmartCardIsPresent(&request, 0, 0);
+  EXPECT_TRUE(request.waitUntilMarked()) << "the request does not wait";
+  return request;
+}
+
+LinkRequest& LinkTest::waitForRemoval() {
+  LinkRequest& request = makeRequest();
+  reader().IoSmartCardIsAbsent(&request, 0, 0);
+  EXPECT_TRUE(request.waitUntilMarked()) << "the request does not wait";
+  return request;
+}
+
+void LinkTest::makeCardPresent() {
+  LinkRequest& request = makeRequest(number(SCARD_POWER_DOWN));
+  reader().IoSmartCardPower(&request, 4, 0);
+  ASSERT_EQ(reader().state(), SCARD_SWALLOWED);
+}
+
+std::vector<std::uint8_t> number(std::uint32_t value, const std::vector<std::uint8_t>& tail) {
+  const auto head = encodeNumber(value);
+  std::vector<std::uint8_t> bytes(head.begin(), head.end());
+  bytes.insert(bytes.end(), tail.begin(), tail.end());
+  return bytes;
+}
+
+std::string hex(const std::vector<std::uint8_t>& bytes) {
+  constexpr char kDigits[] = "0123456789ABCDEF";
+  std::string text;
+  for (const std::uint8_t byte : bytes) {
+    text += kDigits[byte >> 4];
+    text += kDigits[byte & 0x0F];
+  }
+  return text;
+}
+
+}  // namespace zelta::test

@@ -1,0 +1,110 @@
+#include "agent_link/query_watchdog.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "tests/support/log_capture.h"
+
+namespace zelta::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+static_assert(QueryWatchdog::kQueryTime == 5s, "how long a query may take");
+
+TEST(QueryWatchdog, EmptyCallbackIsRefused) {
+  try {
+    const QueryWatchdog watchdog(nullptr);
+    FAIL() << "accepted";
+  } catch (const std::runtime_error& failure) {
+    EXPECT_EQ(std::string(failure.what()), "Callback is null");
+  }
+}
+
+TEST(QueryWatchdog, StoppedInTimeItCallsNobodyAndLogsNothing) {
+  const LogCapture log;
+  std::atomic<int> calls{0};
+  {
+    QueryWatchdog watchdog([&] { ++calls; }, 1h);
+    EXPECT_FALSE(watchdog.timedOut());
+  }
+  EXPECT_EQ(calls, 0);
+  EXPECT_TRUE(log.records().empty());
+}
+
+TEST(QueryWatchdog, WhenTimeIsUpItLogsThenCallsOnce) {
+  const LogCapture log;
+  std::promise<std::vector<LogRecord>> atCall;
+  std::atomic<int> calls{0};
+  {
+    QueryWatchdog watchdog(
+        [&] {
+          ++calls;
+          atCall.set_value(log.records());
+        },
+        1ms);
+    const std::vector<LogRecord> before = atCall.get_future().get();
+    EXPECT_EQ(before, std::vector<LogRecord>{error(kNoError, "Query timeout")});
+    EXPECT_TRUE(watchdog.timedOut());
+  }
+  EXPECT_EQ(calls, 1);
+}
+
+TEST(QueryWatchdog, AskingWaitsUntilARunningCallbackIsDone) {
+  std::promise<void> begun;
+  std::promise<void> asking;
+  std::atomic<bool> done{false};
+  QueryWatchdog watchdog(
+      [&] {
+        begun.set_value();
+        asking.get_future().wait();
+        done = true;
+      },
+      1ms);
+  begun.get_future().wait();
+  std::thread asker([&] {
+    asking.set_value();
+    EXPECT_TRUE(watchdog.timedOut());
+    EXPECT_TRUE(done) << "answered before the callback had ended";
+  });
+  asker.join();
+}
+
+TEST(QueryWatchdog, DestructionWaitsUntilARunningCallbackIsDone) {
+  std::promise<void> begun;
+  std::promise<void> ending;
+  std::atomic<bool> done{false};
+  std::optional<QueryWatchdog> watchdog;
+  watchdog.emplace(
+      [&] {
+        begun.set_value();
+        ending.get_future().wait();
+        done = true;
+      },
+      1ms);
+  begun.get_future().wait();
+  ending.set_value();
+  watchdog.reset();
+  EXPECT_TRUE(done);
+}
+
+TEST(QueryWatchdog, StoppingRacesWithTheTimeOutAndStillEnds) {
+  for (int round = 0; round < 300; ++round) {
+    std::atomic<int> calls{0};
+    bool timedOut = false;
+    {
+      QueryWatchdog watchdog([&] { ++calls; }, std::chrono::milliseconds(round % 2));
+      timedOut = watchdog.timedOut();
+    }
+    EXPECT_LE(calls, 1);
+    if (timedOut) EXPECT_EQ(calls, 1);
+  }
+}
+
+}  // namespace
+}  // namespace zelta::test
