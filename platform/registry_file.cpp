@@ -227,7 +227,7 @@ bool Parser::openSection(Text path, bool deletes) {
     return true;
   }
   if (std::none_of(std::begin(kLocalMachine), std::end(kLocalMachine), isRoot)) return false;
-  if (!path.empty() && path.back() == u'\\') path.remove_suffix(1);
+  if (path.size() > 1 && path.back() == u'\\') path.remove_suffix(1);
   const bool valid = path.empty() ? !deletes : isKeyPath(path);
   if (!valid) return false;
   if (deletes) {
