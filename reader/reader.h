@@ -37,6 +37,8 @@ enum class QueryResult : std::uint32_t { Success = 0, Failure = 1, Timeout = 2 }
 
 class Reader {
  public:
+  using Bytes = std::vector<std::uint8_t>;
+
   // Throws std::invalid_argument for a null device.
   Reader(std::uint32_t unitNumber, ReaderDevice* device);
   Reader(const Reader&) = delete;
@@ -48,9 +50,8 @@ class Reader {
   // Asks the card: the answer to a command APDU; the ATR (with or without a reset of the card);
   // whether a card answers. Each is one exchange with the agent and blocks for at most about five
   // seconds. The handlers hold the exchange mutex: two exchanges of a reader never overlap.
-  virtual QueryResult QueryTransmit(const std::vector<std::uint8_t>& command,
-                                    std::vector<std::uint8_t>& response) = 0;
-  virtual QueryResult QueryAtr(std::vector<std::uint8_t>& atr, bool reset) = 0;
+  virtual QueryResult QueryTransmit(const Bytes& command, Bytes& response) = 0;
+  virtual QueryResult QueryAtr(Bytes& atr, bool reset) = 0;
   virtual QueryResult CheckATR() = 0;
   // Tells the agent that a protocol was selected; true when it was sent.
   virtual bool NotifyCardReady() = 0;
@@ -93,7 +94,6 @@ class Reader {
 
  private:
   using Value = std::atomic<std::uint32_t>;
-  using Bytes = std::vector<std::uint8_t>;
 
   // The queries, one at a time.
   QueryResult exchangeTransmit(const Bytes& command, Bytes& response)
