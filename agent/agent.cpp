@@ -1,0 +1,111 @@
+#include "agent/agent.h"
+
+#include <utility>
+
+#include "agent_link/wire.h"
+
+namespace zelta::agent {
+
+namespace {
+
+Connector::Settings connectorSettings(const Agent::Settings& settings) {
+  return {commandPipeName(settings.reader), eventPipeName(settings.reader),
+          settings.timing.firstRetry, settings.timing.longestRetry, settings.timing.hold};
+}
+
+}  // namespace
+
+Agent::Agent(PipeClientPort& port, CardBackend& backend, Settings settings, Log& log)
+    : port_(port),
+      backend_(backend),
+      settings_(std::move(settings)),
+      log_(log),
+      slot_(backend),
+      connector_(port, connectorSettings(settings_), log) {}
+
+void Agent::start() { slot_.start(); }
+
+void Agent::run() {
+  while (!stopping()) {
+    const PipePair pipes = connector_.attempt();
+    if (pipes.commands == nullptr) continue;
+    if (!serve(pipes)) break;
+  }
+  slot_.stop();
+}
+
+bool Agent::serve(const PipePair& pipes) {
+  const DriverConnection::Settings settings{{settings_.sessionId, settings_.timing.grace},
+                                            settings_.timing.answerLimit};
+  bool wasAlive = false;
+  {
+    DriverConnection connection(
+        *pipes.commands, *pipes.events, slot_, settings, [this] { setConnected(true); }, log_);
+    {
+      platform::MutexLock lock(mutex_);
+      if (stopping_) return false;
+      connection_ = &connection;
+    }
+    connection.serve();
+    platform::MutexLock lock(mutex_);
+    connection_ = nullptr;
+    wasAlive = connection.alive();
+  }
+  // Only now none of the connection's threads can say anything else any more.
+  setConnected(false);
+  if (!stopping()) connector_.connectionEnded(wasAlive);
+  return true;
+}
+
+void Agent::stop() {
+  {
+    platform::MutexLock lock(mutex_);
+    stopping_ = true;
+    if (connection_ != nullptr) connection_->stop();
+  }
+  port_.cancel();
+}
+
+bool Agent::stopping() const {
+  platform::MutexLock lock(mutex_);
+  return stopping_;
+}
+
+void Agent::setConnected(bool connected) {
+  {
+    platform::MutexLock lock(mutex_);
+    if (connected_ == connected) return;
+    connected_ = connected;
+  }
+  log_.info(connected ? "Connected to the driver" : "The driver is gone");
+  if (settings_.onConnection) settings_.onConnection(connected);
+}
+
+std::string Agent::insertCard() {
+  const std::string problem = slot_.insert();
+  log_.info(problem.empty() ? "Card inserted" : "Card not inserted: " + problem);
+  return problem;
+}
+
+std::string Agent::removeCard() {
+  const std::string problem = slot_.remove();
+  log_.info(problem.empty() ? "Card removed" : "Card not removed: " + problem);
+  return problem;
+}
+
+Agent::Status Agent::status() const {
+  Status status;
+  {
+    platform::MutexLock lock(mutex_);
+    status.connected = connected_;
+  }
+  const CardSlot::Status card = slot_.status();
+  status.reader = settings_.reader;
+  status.sessionId = settings_.sessionId;
+  status.backend = backend_.name();
+  status.cardIn = card.card != kNoCard;
+  status.atr = card.atr;
+  return status;
+}
+
+}  // namespace zelta::agent

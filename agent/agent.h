@@ -1,0 +1,83 @@
+// The agent: keeps the card and serves the driver of one reader, over any number of connections.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "agent/card_slot.h"
+#include "agent/connector.h"
+#include "agent/driver_connection.h"
+#include "agent/log.h"
+#include "agent/pipe_client_port.h"
+#include "platform/sync.h"
+
+namespace zelta::agent {
+
+// How long things may take.
+struct Timing {
+  // The driver waits 5 seconds for an answer; half a second is left for the way there and back.
+  std::chrono::milliseconds answerLimit{4500};
+  std::chrono::milliseconds grace{500};
+  std::chrono::milliseconds firstRetry{10};
+  std::chrono::milliseconds longestRetry{1000};
+  std::chrono::milliseconds hold{1000};
+};
+
+class Agent {
+ public:
+  struct Settings {
+    std::uint32_t reader = 0;
+    std::string sessionId;
+    Timing timing;
+    // Called on a thread of the agent's when the driver accepts a connection or is lost; may be
+    // empty.
+    std::function<void(bool connected)> onConnection;
+  };
+
+  struct Status {
+    bool connected = false;  // the driver has accepted a connection
+    std::uint32_t reader = 0;
+    std::string sessionId;
+    std::string backend;
+    bool cardIn = false;
+    Bytes atr;  // empty where the card has not been asked yet
+  };
+
+  // Everything passed by reference outlives the agent.
+  Agent(PipeClientPort& port, CardBackend& backend, Settings settings, Log& log);
+  Agent(const Agent&) = delete;
+  Agent& operator=(const Agent&) = delete;
+
+  // Starts the card; throws what the back end throws.
+  void start();
+  // Serves until `stop`. After `start`, once.
+  void run();
+  // Ends `run`, now or as soon as it is called. Any thread.
+  void stop();
+
+  // Any thread, between `start` and the end of `run`. The text says why not; empty is success.
+  std::string insertCard();
+  std::string removeCard();
+  Status status() const;
+
+ private:
+  // False where the agent is stopping; the connection was not served then.
+  bool serve(const PipePair& pipes);
+  bool stopping() const;
+  void setConnected(bool connected);
+
+  PipeClientPort& port_;
+  CardBackend& backend_;
+  const Settings settings_;
+  Log& log_;
+  CardSlot slot_;
+  Connector connector_;
+  mutable platform::Mutex mutex_;
+  bool stopping_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool connected_ ZELTA_GUARDED_BY(mutex_) = false;
+  DriverConnection* connection_ ZELTA_GUARDED_BY(mutex_) = nullptr;  // the one being served
+};
+
+}  // namespace zelta::agent

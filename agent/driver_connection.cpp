@@ -1,0 +1,163 @@
+#include "agent/driver_connection.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "agent_link/wire.h"
+
+namespace zelta::agent {
+
+namespace {
+
+// Status words that the agent answers by itself.
+const Bytes& noPreciseDiagnosis() {
+  static const auto* const bytes = new Bytes{0x6F, 0x00};  // never destroyed
+  return *bytes;
+}
+
+const Bytes& wrongLength() {
+  static const auto* const bytes = new Bytes{0x67, 0x00};  // never destroyed
+  return *bytes;
+}
+
+// What may be logged of an APDU: its header and length, no data.
+std::string describe(const Bytes& apdu) {
+  const std::size_t header = 4;
+  const Bytes shown(apdu.begin(),
+                    apdu.begin() + static_cast<std::ptrdiff_t>(std::min(apdu.size(), header)));
+  return toHex(shown) + " (" + std::to_string(apdu.size()) + " bytes)";
+}
+
+}  // namespace
+
+DriverConnection::DriverConnection(PipeConnection& commands, PipeConnection& events, CardSlot& slot,
+                                   const Settings& settings, std::function<void()> onAlive,
+                                   Log& log)
+    : commands_(commands),
+      events_(events),
+      slot_(slot),
+      settings_(settings),
+      onAlive_(std::move(onAlive)),
+      log_(log),
+      reporter_(
+          events, settings.events, [this] { seenAlive(); }, [this] { stop(); }, log) {}
+
+void DriverConnection::seenAlive() {
+  if (!alive_.exchange(true)) onAlive_();
+}
+
+void DriverConnection::stop() {
+  commands_.cancel();
+  events_.cancel();
+  slot_.setAborted(true);
+}
+
+void DriverConnection::serve() {
+  slot_.setAborted(false);  // by the connection before; cancelled pipes still end this one
+  slot_.observe(&reporter_);
+  reporter_.start();
+  while (serveOne()) {
+  }
+  slot_.observe(nullptr);
+  stop();
+}
+
+bool DriverConnection::serveOne() {
+  std::array<std::uint8_t, 4> code{};
+  if (commands_.read(code.data(), code.size(), std::nullopt) != IoResult::Done) return false;
+  const Deadline deadline = SteadyClock::now() + settings_.answerLimit;
+  seenAlive();
+  reporter_.commandBegan();
+  if (!dispatch(decodeNumber(code), deadline)) return false;
+  reporter_.commandEnded();
+  return true;
+}
+
+bool DriverConnection::dispatch(std::uint32_t code, Deadline deadline) {
+  switch (static_cast<AgentCommand>(code)) {
+    case AgentCommand::QueryAtrReset:
+      return answerAtr(CardSlot::Operation::Reset, deadline);
+    case AgentCommand::QueryAtr:
+      return answerAtr(CardSlot::Operation::Atr, deadline);
+    case AgentCommand::QueryTransmit:
+      return answerTransmit(deadline);
+    case AgentCommand::NotifyCardReady:
+      log_.debug("Card ready");
+      slot_.ready();
+      return true;
+  }
+  log_.error("Unknown command " + std::to_string(code) + "; dropping the connection");
+  return false;
+}
+
+bool DriverConnection::answerAtr(CardSlot::Operation operation, Deadline deadline) {
+  const CardSlot::Answer answer = slot_.ask(operation, {}, deadline);
+  const bool resets = operation == CardSlot::Operation::Reset;
+  const std::string what = resets ? "ATR query with reset" : "ATR query";
+  if (answer.result == CardSlot::Result::Aborted) return false;
+  if (answer.result == CardSlot::Result::Answered && reporter_.answeringAtr(answer.card)) {
+    log_.debug(what + ": " + toHex(answer.data));
+    return writeAnswer(answer.data);
+  }
+  if (answer.result == CardSlot::Result::Late) {
+    log_.warning(what + ": the card is not done in time");
+  } else {
+    log_.debug(what + ": no card");
+    reporter_.waitWritten(deadline);
+  }
+  return writeAnswer({});
+}
+
+bool DriverConnection::answerTransmit(Deadline deadline) {
+  Bytes apdu;
+  if (!readApdu(&apdu, deadline)) return false;
+  if (apdu.empty()) return writeAnswer(wrongLength());
+  const CardSlot::Answer answer = slot_.ask(CardSlot::Operation::Transmit, apdu, deadline);
+  const std::string what = log_.wants(LogLevel::Debug) ? "Transmit " + describe(apdu) : "Transmit";
+  switch (answer.result) {
+    case CardSlot::Result::Aborted:
+      return false;
+    case CardSlot::Result::Answered:
+      log_.debug(what + ": " + std::to_string(answer.data.size()) + " bytes");
+      return writeAnswer(answer.data);
+    case CardSlot::Result::Late:
+      log_.warning(what + ": the card is not done in time");
+      return writeAnswer(noPreciseDiagnosis());
+    case CardSlot::Result::NoCard:
+      break;
+  }
+  log_.debug(what + ": no card");
+  reporter_.waitWritten(deadline);
+  return writeAnswer({});
+}
+
+bool DriverConnection::readApdu(Bytes* apdu, Deadline deadline) {
+  std::array<std::uint8_t, 4> field{};
+  if (!readPart(field.data(), field.size(), deadline)) return false;
+  const std::uint32_t length = decodeNumber(field);
+  if (length > kMaximumApduLength) {
+    log_.error("The driver announced an APDU of " + std::to_string(length) +
+               " bytes; dropping the connection");
+    return false;
+  }
+  apdu->resize(length);
+  return length == 0 || readPart(apdu->data(), length, deadline);
+}
+
+bool DriverConnection::readPart(void* data, std::uint32_t size, Deadline deadline) {
+  const IoResult result = commands_.read(data, size, deadline);
+  if (result == IoResult::TimedOut) {
+    log_.error("The driver's command stopped half-way; dropping the connection");
+  }
+  return result == IoResult::Done;
+}
+
+bool DriverConnection::writeAnswer(const Bytes& answer) {
+  const auto length = static_cast<std::uint32_t>(answer.size());
+  const auto field = encodeNumber(length);
+  if (commands_.write(field.data(), field.size()) != IoResult::Done) return false;
+  return length == 0 || commands_.write(answer.data(), length) == IoResult::Done;
+}
+
+}  // namespace zelta::agent

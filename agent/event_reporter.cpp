@@ -1,0 +1,153 @@
+#include "agent/event_reporter.h"
+
+#include <utility>
+
+#include "agent_link/wire.h"
+
+namespace zelta::agent {
+
+EventReporter::EventReporter(PipeConnection& pipe, Settings settings, std::function<void()> onTaken,
+                             std::function<void()> onLost, Log& log)
+    : pipe_(pipe),
+      settings_(std::move(settings)),
+      onTaken_(std::move(onTaken)),
+      onLost_(std::move(onLost)),
+      log_(log) {}
+
+EventReporter::~EventReporter() {
+  {
+    platform::MutexLock lock(mutex_);
+    ended_ = true;
+    changed_.notifyAll();
+  }
+  pipe_.cancel();
+  if (watcher_.joinable()) watcher_.join();
+  if (writer_.joinable()) writer_.join();
+}
+
+void EventReporter::start() {
+  watcher_ = std::thread([this] { watchPipe(); });
+  writer_ = std::thread([this] { writeEvents(); });
+}
+
+void EventReporter::commandBegan() {
+  platform::MutexLock lock(mutex_);
+  rule_.commandBegan();
+  changed_.notifyAll();
+}
+
+bool EventReporter::answeringAtr(CardId card) {
+  platform::MutexLock lock(mutex_);
+  return rule_.answeringAtr(card);
+}
+
+void EventReporter::commandEnded() {
+  platform::MutexLock lock(mutex_);
+  queue(rule_.commandEnded());
+}
+
+void EventReporter::waitWritten(SteadyClock::time_point deadline) {
+  platform::MutexLock lock(mutex_);
+  changed_.waitFor(lock, deadline - SteadyClock::now(),
+                   [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return events_.empty() || ended_; });
+}
+
+void EventReporter::observing(CardId card) {
+  platform::MutexLock lock(mutex_);
+  rule_ = ReportRule(card);
+}
+
+void EventReporter::cardArrived(CardId card) {
+  platform::MutexLock lock(mutex_);
+  queue(rule_.arrived(card));
+}
+
+void EventReporter::cardDeparted() {
+  platform::MutexLock lock(mutex_);
+  queue(rule_.departed());
+}
+
+void EventReporter::queue(ReportRule::Report report) {
+  if (report == ReportRule::Report::Nothing || ended_) return;
+  events_.push_back(report);
+  changed_.notifyAll();
+}
+
+bool EventReporter::writeNumber(std::uint32_t number) {
+  const auto bytes = encodeNumber(number);
+  return pipe_.write(bytes.data(), bytes.size()) == IoResult::Done;
+}
+
+bool EventReporter::sendSessionId() {
+  const auto length = static_cast<std::uint32_t>(settings_.sessionId.size());
+  return writeNumber(static_cast<std::uint32_t>(AgentEvent::SessionLogId)) && writeNumber(length) &&
+         pipe_.write(settings_.sessionId.data(), length) == IoResult::Done;
+}
+
+void EventReporter::watchPipe() {
+  if (sendSessionId()) {
+    {
+      platform::MutexLock lock(mutex_);
+      sessionSent_ = true;
+      changed_.notifyAll();
+    }
+    if (pipe_.flush() == IoResult::Done) {
+      {
+        platform::MutexLock lock(mutex_);
+        taken_ = true;
+        graceEnd_ = SteadyClock::now() + settings_.grace;
+        changed_.notifyAll();
+      }
+      onTaken_();
+      // The driver never writes here, so this ends with the pipe.
+      std::uint8_t unexpected = 0;
+      if (pipe_.read(&unexpected, sizeof unexpected, std::nullopt) == IoResult::Done) {
+        log_.error("The driver wrote to the event pipe; dropping the connection");
+      }
+    }
+  }
+  ended();
+  onLost_();
+}
+
+void EventReporter::ended() {
+  platform::MutexLock lock(mutex_);
+  ended_ = true;
+  changed_.notifyAll();
+}
+
+bool EventReporter::nextEvent(ReportRule::Report* report) {
+  platform::MutexLock lock(mutex_);
+  const auto due = [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return ended_ || (sessionSent_ && !events_.empty());
+  };
+  const auto graceMatters = [this]()
+                                ZELTA_NO_THREAD_SAFETY_ANALYSIS { return taken_ && rule_.quiet(); };
+  while (!due()) {
+    if (!graceMatters()) {
+      changed_.wait(lock, [&] { return due() || graceMatters(); });
+      continue;
+    }
+    const bool woken = changed_.waitFor(lock, graceEnd_ - SteadyClock::now(),
+                                        [&] { return due() || !graceMatters(); });
+    if (!woken) queue(rule_.graceOver());
+  }
+  if (ended_) return false;
+  *report = events_.front();
+  return true;
+}
+
+void EventReporter::writeEvents() {
+  ReportRule::Report report = ReportRule::Report::Nothing;
+  while (nextEvent(&report)) {
+    const bool inserted = report == ReportRule::Report::Inserted;
+    const AgentEvent event = inserted ? AgentEvent::CardInserted : AgentEvent::CardRemoved;
+    if (!writeNumber(static_cast<std::uint32_t>(event))) return;  // the watcher sees the end, too
+    log_.info(inserted ? "Card insertion reported" : "Card removal reported");
+    platform::MutexLock lock(mutex_);
+    events_.pop_front();
+    changed_.notifyAll();
+  }
+}
+
+}  // namespace zelta::agent

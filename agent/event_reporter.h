@@ -1,0 +1,88 @@
+// Writes one connection's event pipe: the session log id first, then what the report rule decides.
+//
+// Two threads of its own: one hands over the session id, waits until the driver has taken it (which
+// it does once it listens for events; the time of grace counts from then) and from then on watches
+// for the pipe's end; the other writes events, in the order in which they were decided. Both end
+// when the pipe is closed or cancelled.
+//
+// `commandBegan`, `answeringAtr`, `commandEnded` and `waitWritten` come from the thread that
+// answers commands. As the slot's observer it is called under the slot's lock; it never calls the
+// slot.
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "agent/card_slot.h"
+#include "agent/log.h"
+#include "agent/pipe_client_port.h"
+#include "agent/report_rule.h"
+#include "platform/sync.h"
+
+namespace zelta::agent {
+
+class EventReporter final : public CardSlot::Observer {
+ public:
+  struct Settings {
+    std::string sessionId;
+    std::chrono::milliseconds grace;  // without a command, before a card is reported after all
+  };
+
+  // `pipe` and `log` outlive the reporter. `onLost` is called once, from one of its threads, when
+  // the pipe has ended; `onTaken` when the driver has taken the session id. Neither may destroy the
+  // reporter.
+  EventReporter(PipeConnection& pipe, Settings settings, std::function<void()> onTaken,
+                std::function<void()> onLost, Log& log);
+  // Cancels the pipe and joins the threads.
+  ~EventReporter();
+  EventReporter(const EventReporter&) = delete;
+  EventReporter& operator=(const EventReporter&) = delete;
+
+  // After the slot observes this; the pipe is not written before.
+  void start();
+
+  void commandBegan();
+  // Whether the command may be answered with the ATR of `card`.
+  bool answeringAtr(CardId card);
+  void commandEnded();
+  // Until everything decided so far is written, the pipe has ended, or the deadline.
+  void waitWritten(SteadyClock::time_point deadline);
+
+ private:
+  void observing(CardId card) override;
+  void cardArrived(CardId card) override;
+  void cardDeparted() override;
+
+  void queue(ReportRule::Report report) ZELTA_REQUIRES(mutex_);
+  bool sendSessionId();
+  void watchPipe();
+  void writeEvents();
+  // False: no more events, the pipe has ended.
+  bool nextEvent(ReportRule::Report* report);
+  bool writeNumber(std::uint32_t number);
+  void ended();
+
+  PipeConnection& pipe_;
+  const Settings settings_;
+  const std::function<void()> onTaken_;
+  const std::function<void()> onLost_;
+  Log& log_;
+
+  platform::Mutex mutex_;
+  platform::ConditionVariable changed_;
+  ReportRule rule_ ZELTA_GUARDED_BY(mutex_){kNoCard};
+  // Decided and not written; the front one is being written.
+  std::deque<ReportRule::Report> events_ ZELTA_GUARDED_BY(mutex_);
+  bool sessionSent_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool taken_ ZELTA_GUARDED_BY(mutex_) = false;  // the session id, by the driver
+  SteadyClock::time_point graceEnd_ ZELTA_GUARDED_BY(mutex_);
+  bool ended_ ZELTA_GUARDED_BY(mutex_) = false;
+
+  std::thread watcher_;
+  std::thread writer_;
+};
+
+}  // namespace zelta::agent
