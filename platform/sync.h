@@ -42,16 +42,19 @@ class ZELTA_CAPABILITY("mutex") Mutex {
 // Holds a mutex for a scope; may be released early and taken again.
 class ZELTA_SCOPED_CAPABILITY MutexLock {
  public:
-  explicit MutexLock(Mutex& mutex) ZELTA_ACQUIRE(mutex) : lock_(mutex.mutex_) {}
+  explicit MutexLock(Mutex& mutex) ZELTA_ACQUIRE(mutex) : mutex_(mutex), lock_(mutex.mutex_) {}
   ~MutexLock() ZELTA_RELEASE() {}
   MutexLock(const MutexLock&) = delete;
   MutexLock& operator=(const MutexLock&) = delete;
 
   void lock() ZELTA_ACQUIRE() { lock_.lock(); }
   void unlock() ZELTA_RELEASE() { lock_.unlock(); }
+  // For whoever signals a condition that is waited on with this lock.
+  Mutex& mutex() const { return mutex_; }
 
  private:
   friend class ConditionVariable;
+  Mutex& mutex_;
   std::unique_lock<std::mutex> lock_;
 };
 

@@ -1,0 +1,45 @@
+// Reading log files back: the files of a folder, their lines, a line's columns.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace zelta::test {
+
+struct LogLine {
+  std::string thread;
+  std::string time;
+  std::int64_t elapsed = 0;  // milliseconds
+  std::string sessionLogId;
+  std::uint32_t category = 0;
+  std::string level;
+  std::int32_t resultCode = 0;
+  std::string message;
+};
+
+inline constexpr char kHeaderText[] =
+    "Thread   Time                     Elapsed  Session Log Id                       Cat   "
+    "Level      RC          Message";
+
+std::string fileContent(const std::filesystem::path& path);
+// Without their line ends. A last line that has none is a failure of the test.
+std::vector<std::string> fileLines(const std::filesystem::path& path);
+
+// The files of a folder by name, which is by time where they are log files.
+std::vector<std::filesystem::path> filesIn(const std::filesystem::path& folder);
+
+// A record line taken apart; a failure of the test where it is not a whole one.
+LogLine parseLogLine(const std::string& line);
+// The records of a file behind its header, which is a failure of the test where it is missing or
+// comes twice.
+std::vector<LogLine> recordsOf(const std::filesystem::path& path);
+// Those of all files of a folder, one file after the other.
+std::vector<LogLine> recordsIn(const std::filesystem::path& folder);
+std::vector<std::string> messagesOf(const std::vector<LogLine>& lines);
+
+// "LEVEL CODE MESSAGE" of each, for comparing: "<ERROR> -500 text".
+std::vector<std::string> summaries(const std::vector<LogLine>& lines);
+
+}  // namespace zelta::test

@@ -1,0 +1,48 @@
+// A logger that keeps its records. Any thread may log and ask.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "logging/file_logger.h"
+#include "platform/sync.h"
+
+namespace zelta::test {
+
+struct RecordedLine {
+  std::int32_t level = 0;
+  std::int32_t resultCode = 0;
+  std::string message;
+};
+
+bool operator==(const RecordedLine& a, const RecordedLine& b);
+std::ostream& operator<<(std::ostream& out, const RecordedLine& line);
+
+class RecordingLogger final : public logging::LoggerBase {
+ public:
+  explicit RecordingLogger(std::uint32_t threshold = 3) : LoggerBase(threshold) {}
+
+  std::vector<RecordedLine> lines();
+  // Blocks until so many records are there.
+  void awaitLines(std::size_t count);
+
+  // A recording logger has no children: null.
+  std::unique_ptr<logging::FileLogger> createChildForSession(const std::string&) override;
+  std::unique_ptr<logging::FileLogger> createChildForCategory(std::uint32_t) override;
+  using LoggerBase::log;
+  void log(const std::string& message, logging::Level level,
+           const std::int32_t& resultCode) override;
+  void log(const std::string& message, std::int32_t level, std::int32_t resultCode) override;
+  void writeLine(const std::string& message, std::uint32_t category, std::int32_t level,
+                 std::int32_t resultCode, const std::string& sessionLogId) override;
+
+ private:
+  platform::Mutex mutex_;
+  platform::ConditionVariable written_;
+  std::vector<RecordedLine> lines_ ZELTA_GUARDED_BY(mutex_);
+};
+
+}  // namespace zelta::test
