@@ -10,7 +10,10 @@ using platform::MutexLock;
 DispatchThreads::DispatchThreads(std::size_t maximum, Handler handler)
     : maximum_(maximum), handler_(std::move(handler)) {}
 
-DispatchThreads::~DispatchThreads() { stop(); }
+DispatchThreads::~DispatchThreads() {
+  close();
+  join();
+}
 
 DispatchThreads::PostResult DispatchThreads::post(Request& request) {
   MutexLock lock(mutex_);
@@ -48,18 +51,22 @@ void DispatchThreads::run() {
   }
 }
 
-std::deque<DispatchThreads::Request> DispatchThreads::stop() {
-  std::vector<std::thread> threads;
+std::deque<DispatchThreads::Request> DispatchThreads::close() {
   std::deque<Request> unbegun;
+  MutexLock lock(mutex_);
+  stopped_ = true;
+  unbegun.swap(waiting_);
+  changed_.notifyAll();
+  return unbegun;
+}
+
+void DispatchThreads::join() {
+  std::vector<std::thread> threads;
   {
     MutexLock lock(mutex_);
-    stopped_ = true;
     threads.swap(threads_);
-    unbegun.swap(waiting_);
-    changed_.notifyAll();
   }
   for (std::thread& thread : threads) thread.join();
-  return unbegun;
 }
 
 }  // namespace zelta::host

@@ -1,8 +1,8 @@
 // The threads that hand requests to the driver, first in first out.
 //
 // A request never waits behind a slow one while another thread can be made for it: threads are
-// made when more requests wait than threads idle, up to a bound, and kept until `stop`.
-// Threads: `post` from any; `stop` by the owner, once; not from one of these threads.
+// made when more requests wait than threads idle, up to a bound, and kept until `join`.
+// Threads: `post` from any; the rest is the owner's, and not for one of these threads.
 #pragma once
 
 #include <cstddef>
@@ -28,9 +28,10 @@ class DispatchThreads {
 
   // Takes the caller's reference where it accepts the request.
   PostResult post(Request& request) ZELTA_EXCLUDES(mutex_);
-  // Waits for the requests that are being handled, ends the threads and gives back the requests
-  // that no thread has begun.
-  std::deque<Request> stop() ZELTA_EXCLUDES(mutex_);
+  // Nothing is taken or begun any more. Gives back the requests that no thread has begun.
+  std::deque<Request> close() ZELTA_EXCLUDES(mutex_);
+  // After `close`: waits for the requests that are being handled, and ends the threads.
+  void join() ZELTA_EXCLUDES(mutex_);
 
  private:
   void run() ZELTA_EXCLUDES(mutex_);

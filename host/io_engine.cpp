@@ -104,8 +104,10 @@ void IoEngine::stop() {
     MutexLock lock(mutex_);
     taking_ = false;
   }
-  for (const ComPtr<WdfRequest>& request : threads_.stop())
+  for (const ComPtr<WdfRequest>& request : threads_.close()) {
     dropUnbegun(*request.get(), kDeviceGone);
+  }
+  threads_.join();
   gate_.close();
 }
 

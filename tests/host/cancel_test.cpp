@@ -1,0 +1,86 @@
+// Cancellation: exactly one of the driver's release and its cancel callback completes a request.
+#include <thread>
+
+#include "tests/host/host_fixture.h"
+
+namespace zelta::host {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class CancelTest : public HostTest {
+ protected:
+  void SetUp() override { start(); }
+  std::vector<std::uint32_t> releaseWaiting() {
+    return toNumbers(control(fake::kReleaseWaiting, numbers({0})).output);
+  }
+};
+
+TEST_F(CancelTest, MarkedRequestIsHandedToTheCallbackOnTheCancellingThread) {
+  const auto operation = submitWaiting();
+  operation->cancel();
+  ASSERT_TRUE(operation->completed());
+  EXPECT_EQ(operation->result().status, kCancelledStatus);
+  EXPECT_EQ(counter(fake::kCancels), 1u);
+  EXPECT_EQ(counter(fake::kCancelsWhileMarking), 0u);
+}
+
+TEST_F(CancelTest, SecondCancelIsNotHandedOn) {
+  const auto operation = submitWaiting();
+  operation->cancel();
+  operation->cancel();
+  EXPECT_EQ(counter(fake::kCancels), 1u);
+}
+
+TEST_F(CancelTest, CompletedRequestIsLeftAlone) {
+  const auto operation = submit(fake::kEcho, {1});
+  ASSERT_TRUE(operation->wait(kLong));
+  operation->cancel();
+  EXPECT_EQ(operation->result().status, framework::kOk);
+  EXPECT_EQ(counter(fake::kCancels), 0u);
+}
+
+TEST_F(CancelTest, RequestCancelledBeforeItIsMarkedIsCancelledByMarkingIt) {
+  const auto operation = submit(fake::kBlockThenWait);
+  control(fake::kBlocked, numbers({1}));
+  operation->cancel();
+  EXPECT_FALSE(operation->completed());
+  control(fake::kUnblock);
+  ASSERT_TRUE(operation->wait(kLong));
+  EXPECT_EQ(operation->result().status, kCancelledStatus);
+  EXPECT_EQ(counter(fake::kCancelsWhileMarking), 1u);
+  EXPECT_THAT(releaseWaiting(), ElementsAre(0u, 0u));
+}
+
+TEST_F(CancelTest, RequestThatIsNeverMarkedIsCompletedByTheDriver) {
+  const auto operation = submit(fake::kBlock);
+  control(fake::kBlocked, numbers({1}));
+  operation->cancel();
+  control(fake::kUnblock);
+  ASSERT_TRUE(operation->wait(kLong));
+  EXPECT_EQ(operation->result().status, framework::kOk);
+  EXPECT_EQ(counter(fake::kCancels), 0u);
+}
+
+TEST_F(CancelTest, ReleaseRacingWithCancelCompletesEachRequestOnce) {
+  constexpr int kRounds = 2000;
+  std::uint32_t released = 0;
+  for (int round = 0; round < kRounds; ++round) {
+    std::atomic<int> completions{0};
+    const auto operation =
+        file_->submit(fake::kWait, {}, 0, [&](const IoResult&) { ++completions; });
+    std::thread canceller([&] { operation->cancel(); });
+    const auto counts = releaseWaiting();
+    ASSERT_EQ(counts.size(), 2u);
+    released += counts[0];
+    canceller.join();
+    ASSERT_TRUE(operation->wait(kLong));
+    EXPECT_EQ(completions, 1);
+  }
+  EXPECT_EQ(released + counter(fake::kCancels), static_cast<std::uint32_t>(kRounds));
+  EXPECT_THAT(errors(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace zelta::host

@@ -1,0 +1,78 @@
+// Several requests at the same time.
+#include <thread>
+
+#include "tests/host/host_fixture.h"
+
+namespace zelta::host {
+namespace {
+
+using ::testing::IsEmpty;
+
+class ConcurrencyTest : public HostTest {
+ protected:
+  void SetUp() override { start(); }
+};
+
+TEST_F(ConcurrencyTest, BlockedRequestsDoNotHoldUpOthers) {
+  std::vector<std::shared_ptr<IoOperation>> blocked;
+  for (int i = 0; i < 20; ++i) blocked.push_back(submit(fake::kBlock));
+  control(fake::kBlocked, numbers({20}));
+  EXPECT_EQ(control(fake::kEcho, {3}).output, std::vector<std::uint8_t>{3});
+  control(fake::kUnblock);
+  for (const auto& operation : blocked) EXPECT_TRUE(operation->wait(kLong));
+  EXPECT_GE(counter(fake::kMostAtOnce), 21u);
+}
+
+TEST_F(ConcurrencyTest, EachCallerGetsItsOwnAnswer) {
+  std::vector<std::thread> callers;
+  std::atomic<int> wrong{0};
+  for (std::uint8_t caller = 0; caller < 4; ++caller) {
+    callers.emplace_back([this, caller, &wrong] {
+      for (int i = 0; i < 1000; ++i) {
+        const std::vector<std::uint8_t> sent = {caller, static_cast<std::uint8_t>(i)};
+        if (control(fake::kEcho, sent).output != sent) ++wrong;
+      }
+    });
+  }
+  for (std::thread& caller : callers) caller.join();
+  EXPECT_EQ(wrong, 0);
+  EXPECT_THAT(errors(), IsEmpty());
+}
+
+TEST_F(ConcurrencyTest, FilesOpenedAndClosedAllTheTimeDoNotDisturb) {
+  std::vector<std::thread> callers;
+  for (int caller = 0; caller < 3; ++caller) {
+    callers.emplace_back([this] {
+      for (int i = 0; i < 500; ++i) {
+        const auto file = host_->open(L"dev0");
+        ASSERT_NE(file, nullptr);
+        EXPECT_EQ(file->control(fake::kEcho, {1}, 1, kLong).status, framework::kOk);
+      }
+    });
+  }
+  for (std::thread& caller : callers) caller.join();
+}
+
+class BoundedThreadsTest : public HostTest {
+ protected:
+  BoundedThreadsTest() {
+    HostOptions bounded = options();
+    bounded.maximumDispatchThreads = 2;
+    host_ = DriverHost::load(FAKE_DRIVER, bounded);
+  }
+};
+
+TEST_F(BoundedThreadsTest, RequestsBeyondTheBoundWaitTheirTurn) {
+  start();
+  const auto blocked = submit(fake::kBlock);
+  control(fake::kBlocked, numbers({1}));
+  std::vector<std::shared_ptr<IoOperation>> others;
+  for (int i = 0; i < 50; ++i) others.push_back(submit(fake::kEcho, {1}));
+  for (const auto& operation : others) EXPECT_TRUE(operation->wait(kLong));
+  control(fake::kUnblock);
+  EXPECT_TRUE(blocked->wait(kLong));
+  EXPECT_LE(counter(fake::kMostAtOnce), 2u);
+}
+
+}  // namespace
+}  // namespace zelta::host

@@ -1,0 +1,105 @@
+// A host with the fake driver, its trace and what it reported as the driver's errors.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/driver_host.h"
+#include "platform/sync.h"
+#include "tests/support/fake_driver.h"
+#include "tests/support/temp_folder.h"
+
+namespace zelta::host {
+
+namespace fake = test::fake_driver;
+using namespace std::chrono_literals;
+
+// Longer than anything takes that does not hang.
+inline constexpr std::chrono::milliseconds kLong = 60s;
+inline constexpr framework::HRESULT kFakeFailure = framework::hresult(fake::kFailureCode);
+inline constexpr framework::HRESULT kCancelledStatus = framework::hresult(0x800704C7);
+
+inline std::vector<std::uint8_t> numbers(const std::vector<std::uint32_t>& values) {
+  std::vector<std::uint8_t> bytes(values.size() * sizeof(std::uint32_t));
+  if (!bytes.empty()) std::memcpy(bytes.data(), values.data(), bytes.size());
+  return bytes;
+}
+
+inline std::vector<std::uint32_t> toNumbers(const std::vector<std::uint8_t>& bytes) {
+  std::vector<std::uint32_t> values(bytes.size() / sizeof(std::uint32_t));
+  if (!values.empty()) std::memcpy(values.data(), bytes.data(), values.size() * sizeof values[0]);
+  return values;
+}
+
+class HostTest : public ::testing::Test {
+ protected:
+  HostTest() : host_(DriverHost::load(FAKE_DRIVER, options())) {}
+
+  HostOptions options() {
+    HostOptions options;
+    options.driverError = [this](const std::string& text) {
+      platform::MutexLock lock(mutex_);
+      errors_.push_back(text);
+    };
+    return options;
+  }
+
+  // Brings the driver up and opens its reader.
+  void start() {
+    host_->bringUp();
+    file_ = host_->open(L"dev0");
+    ASSERT_NE(file_, nullptr);
+  }
+
+  IoResult control(std::uint32_t code, const std::vector<std::uint8_t>& input = {},
+                   std::size_t capacity = 64) {
+    return file_->control(code, input, capacity, kLong);
+  }
+  std::shared_ptr<IoOperation> submit(std::uint32_t code,
+                                      const std::vector<std::uint8_t>& input = {},
+                                      std::size_t capacity = 64) {
+    return file_->submit(code, input, capacity, nullptr);
+  }
+  // Submits a request that waits in the driver.
+  std::shared_ptr<IoOperation> submitWaiting(std::uint32_t code = fake::kWait) {
+    auto operation = submit(code);
+    EXPECT_TRUE(operation->waitDispatched(kLong));
+    return operation;
+  }
+  std::uint32_t counter(fake::Counter which) {
+    const auto values = toNumbers(control(fake::kCounters).output);
+    return values.size() > which ? values[which] : 0xFFFFFFFFu;
+  }
+  // Waits until that many dispatch callbacks are blocked, then lets them go on.
+  void unblockOnce(std::uint32_t wanted) {
+    control(fake::kBlocked, numbers({wanted}));
+    control(fake::kUnblock);
+  }
+
+  std::vector<std::string> errors() {
+    platform::MutexLock lock(mutex_);
+    return errors_;
+  }
+  std::vector<std::string> trace() const {
+    std::vector<std::string> lines;
+    std::ifstream file(folder_.file("trace"));
+    std::string line;
+    while (std::getline(file, line)) lines.push_back(line);
+    return lines;
+  }
+
+  test::TempFolder folder_;
+  test::ScopedVariable traceFile_{fake::kTraceVariable, folder_.file("trace")};
+  platform::Mutex mutex_;
+  std::vector<std::string> errors_ ZELTA_GUARDED_BY(mutex_);
+  std::unique_ptr<DriverHost> host_;
+  std::shared_ptr<File> file_;
+};
+
+}  // namespace zelta::host

@@ -1,0 +1,40 @@
+#include "platform/module_loader.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/process_state.h"
+
+namespace zelta::platform {
+namespace {
+
+using ::testing::HasSubstr;
+
+TEST(ModuleLoaderTest, MissingFileGivesTheReason) {
+  std::string reason;
+  EXPECT_EQ(openModule("/nonexistent/module.so", &reason), nullptr);
+  EXPECT_THAT(reason, HasSubstr("/nonexistent/module.so"));
+}
+
+TEST(ModuleLoaderTest, ExportsAreFoundByName) {
+  std::string reason;
+  const ModuleHandle module = openModule(FAKE_OLD_DRIVER, &reason);
+  ASSERT_NE(module, nullptr) << reason;
+  EXPECT_NE(moduleSymbol(module, "DllCanUnloadNow"), nullptr);
+  EXPECT_EQ(moduleSymbol(module, "NoSuchExport"), nullptr);
+  EXPECT_TRUE(closeModule(module, &reason)) << reason;
+}
+
+TEST(ModuleLoaderTest, ModuleIsMappedUntilTheLastHandleIsClosed) {
+  std::string reason;
+  const ModuleHandle first = openModule(FAKE_OLD_DRIVER, &reason);
+  const ModuleHandle second = openModule(FAKE_OLD_DRIVER, &reason);
+  ASSERT_TRUE(first != nullptr && second != nullptr) << reason;
+  EXPECT_TRUE(closeModule(first, &reason));
+  EXPECT_TRUE(test::isMapped(FAKE_OLD_DRIVER));
+  EXPECT_TRUE(closeModule(second, &reason));
+  EXPECT_FALSE(test::isMapped(FAKE_OLD_DRIVER));
+}
+
+}  // namespace
+}  // namespace zelta::platform

@@ -1,0 +1,68 @@
+// A driver module for tests of the host: every behaviour that the host has to cope with is asked
+// for by an I/O control. Numbers in its input and output are 32 bits in the machine's order.
+//
+// Environment, read while the module is loaded: $ZELTA_FAKE_DRIVER_TRACE names a file to which one
+// line per callback of the bring-up and the tear-down is appended; $ZELTA_FAKE_DRIVER_FAIL names
+// one thing that is to go wrong (the kFail... texts).
+#pragma once
+
+#include <cstdint>
+
+namespace zelta::test::fake_driver {
+
+inline constexpr char kTraceVariable[] = "ZELTA_FAKE_DRIVER_TRACE";
+inline constexpr char kFailVariable[] = "ZELTA_FAKE_DRIVER_FAIL";
+
+inline constexpr char kFailClass[] = "class";
+inline constexpr char kFailClassObject[] = "class-object";
+inline constexpr char kFailCreateInstance[] = "create-instance";
+inline constexpr char kFailInitialize[] = "initialize";
+inline constexpr char kFailDeviceAdd[] = "device-add";
+inline constexpr char kFailNoDevice[] = "no-device";
+inline constexpr char kFailPrepare[] = "prepare";
+inline constexpr char kFailD0Entry[] = "d0-entry";
+inline constexpr char kFailNoQueue[] = "no-queue";
+inline constexpr char kFailConstraint[] = "constraint";
+inline constexpr char kFailUnload[] = "unload";
+
+// The status that a failing callback gives.
+inline constexpr std::uint32_t kFailureCode = 0x8007001F;
+
+enum Control : std::uint32_t {
+  kEcho = 1,             // the input as output
+  kMemoryShape,          // completes with a byte count made of the kHas... bits
+  kFileName,             // in: capacity; out: status, length, then one number per character
+  kOverrun,              // completes with 100 bytes more than the output holds
+  kCopyTooMuch,          // completes with what copying one byte too many into the output gives
+  kCopyBeyond,           // the same for an offset behind the end of the output
+  kCompleteKeepCount,    // in: status; sets the byte count to 3 and completes with the status
+  kCompleteTwice,        // success, then failure
+  kReadFour,             // out: the four bytes at the start of the input, whatever its length
+  kGetters,              // completes with the count of getters that gave the wrong object
+  kUnimplemented,        // completes with the count of unused operations that did not fail
+  kParameters,           // out: code, input and output length as the request tells them
+  kContexts,             // out: the statuses of four context calls (see fake_driver.cpp)
+  kWait,                 // waits, cancelable
+  kWaitForEver,          // waits, not cancelable, until OnDeinitialize
+  kReleaseWaiting,       // in: status; completes what waits; out: completed, refused
+  kBlock,                // stays in the dispatch callback until kUnblock
+  kBlockThenWait,        // the same, and waits then, cancelable
+  kBlocked,              // in: a number; waits until so many are blocked
+  kUnblock,              // lets all go on that are blocked at that moment
+  kBlockUntilCancelled,  // cancelable; its cancelling ends this and all other blocking for good
+  kCounters,             // out: see Counter
+};
+
+inline constexpr std::size_t kHasInput = 1;
+inline constexpr std::size_t kHasOutput = 2;
+
+// The numbers that kCounters gives, in this order.
+enum Counter : std::size_t {
+  kCleanups,             // cleanup callbacks of request contexts
+  kCancels,              // cancel callbacks
+  kCancelsWhileMarking,  // those that ran before MarkCancelable returned
+  kMostAtOnce,           // dispatch callbacks at the same time, at most
+  kCounterCount
+};
+
+}  // namespace zelta::test::fake_driver

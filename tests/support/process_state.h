@@ -1,0 +1,17 @@
+// What the test's own process holds at this moment, as the operating system tells it.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace zelta::test {
+
+// Threads of the process.
+std::size_t threadCount();
+// What the open file descriptors point to, sorted; the descriptor of the query itself is left out.
+std::vector<std::string> openFiles();
+// Whether a file of that path is mapped into memory.
+bool isMapped(const std::string& path);
+
+}  // namespace zelta::test

@@ -1,0 +1,38 @@
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+
+#include "tests/support/process_state.h"
+
+namespace zelta::test {
+
+namespace fs = std::filesystem;
+
+std::size_t threadCount() {
+  const fs::directory_iterator tasks("/proc/self/task");
+  return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+}
+
+std::vector<std::string> openFiles() {
+  std::vector<std::string> targets;
+  for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    const std::string target = fs::read_symlink(entry.path(), gone).string();
+    // The iteration's own descriptor points to the folder that it lists.
+    if (!gone && fs::path(target).filename() != "fd") targets.push_back(target);
+  }
+  std::sort(targets.begin(), targets.end());
+  return targets;
+}
+
+bool isMapped(const std::string& path) {
+  const std::string wanted = fs::canonical(path).string();
+  std::ifstream maps("/proc/self/maps");
+  std::string line;
+  while (std::getline(maps, line)) {
+    if (line.find(wanted) != std::string::npos) return true;
+  }
+  return false;
+}
+
+}  // namespace zelta::test
