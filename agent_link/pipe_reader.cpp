@@ -136,6 +136,8 @@ std::uint32_t PipeReader::connectPipe(PipeCalls& calls, const PipeHandle& pipe, 
   const std::uint32_t code = platform::lastError();
   if (code == error::kPipeConnected || code == error::kIoPending) return error::kSuccess;
   logError(code, "%s named pipe NOT connected", which);
+  // A client that came and went before it was let in bars the pipe until it is dropped.
+  if (code == error::kNoData) platform::ports().pipes->disconnect(pipe.get());
   return code;
 }
 

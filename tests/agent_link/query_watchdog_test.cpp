@@ -102,7 +102,9 @@ TEST(QueryWatchdog, StoppingRacesWithTheTimeOutAndStillEnds) {
       timedOut = watchdog.timedOut();
     }
     EXPECT_LE(calls, 1);
-    if (timedOut) EXPECT_EQ(calls, 1);
+    if (timedOut) {
+      EXPECT_EQ(calls, 1);
+    }
   }
 }
 

@@ -1,0 +1,67 @@
+#include "tests/agent_link/scripted_link.h"
+
+#include <cstdio>
+
+#include "agent_link/wire.h"
+
+namespace zelta::test {
+
+namespace {
+
+constexpr std::uintptr_t kCommandHandle = 0x1000;
+constexpr std::uintptr_t kEventHandle = 0x1001;
+
+std::string describe(const PipeCall& call) {
+  const std::string pipe = call.text == commandPipeName(0) ? " command" : " event";
+  switch (call.kind) {
+    case PipeCallKind::Connect:
+      return "connect" + pipe;
+    case PipeCallKind::Disconnect:
+      return "disconnect" + pipe;
+    case PipeCallKind::Cancel:
+      return "cancel" + pipe;
+    case PipeCallKind::Read:
+      return "read" + pipe + " " + std::to_string(call.size);
+    case PipeCallKind::Write:
+      return "write" + pipe + " " + hex(call.data);
+    case PipeCallKind::Flush:
+      return "flush" + pipe;
+    case PipeCallKind::Close:
+      return "close" + pipe;
+    case PipeCallKind::Convert:
+    case PipeCallKind::Create:
+      break;
+  }
+  return "create";
+}
+
+}  // namespace
+
+PipeReader& ScriptedLink::startCreated(const AgentLinkTimes& times) {
+  PipeReader& started = start(times);
+  EXPECT_TRUE(log_.waitFor(createdText(false)));
+  log_.clear();
+  forgetCalls();
+  return started;
+}
+
+std::vector<std::string> ScriptedLink::trace() const {
+  const std::vector<PipeCall> calls = pipes_.calls();
+  std::vector<std::string> texts;
+  for (std::size_t i = forgotten_; i < calls.size(); ++i) texts.push_back(describe(calls[i]));
+  return texts;
+}
+
+void ScriptedLink::agentAnswers(const Bytes& bytes) { pipes_.feed(commandPipeName(0), bytes); }
+
+void ScriptedLink::agentReports(const Bytes& bytes) { pipes_.feed(eventPipeName(0), bytes); }
+
+std::string ScriptedLink::createdText(bool command) {
+  char handle[32];
+  std::snprintf(handle, sizeof handle, "%p",
+                reinterpret_cast<void*>(command ? kCommandHandle : kEventHandle));
+  return command ? "Command named pipe created:" + commandPipeName(0) + ":" + handle
+                 : "Event pipe created:" + eventPipeName(0) + ":" + handle;
+}
+
+}  // namespace zelta::test

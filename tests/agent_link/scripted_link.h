@@ -1,0 +1,38 @@
+// A reader on pipes that do as they are told.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tests/agent_link/link_test.h"
+#include "tests/support/scripted_pipes.h"
+
+namespace zelta::test {
+
+class ScriptedLink : public LinkTest {
+ protected:
+  ~ScriptedLink() override { stop(); }
+
+  // Returns when both pipes have been created.
+  PipeReader& startCreated(const AgentLinkTimes& times = {});
+
+  // The calls since `forgetCalls` that concern a pipe's client, as "write command 02000000",
+  // "flush command", "read event 4", "connect event", "cancel command", "disconnect event".
+  std::vector<std::string> trace() const;
+  void forgetCalls() { forgotten_ = pipes_.calls().size(); }
+
+  // What the agent sends, and which of the driver's calls fail. Calls count from the reader's
+  // start.
+  void agentAnswers(const Bytes& bytes);
+  void agentReports(const Bytes& bytes);
+
+  static std::string createdText(bool command);
+
+  ScriptedPipes pipes_;
+  ScopedPipes scoped_{pipes_};
+
+ private:
+  std::size_t forgotten_ = 0;
+};
+
+}  // namespace zelta::test
