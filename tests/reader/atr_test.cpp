@@ -1,0 +1,150 @@
+#include "reader/atr.h"
+
+#include <gtest/gtest.h>
+
+namespace zelta {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+TEST(AtrInitialByte, DirectAndInverseConventionAreValid) {
+  EXPECT_TRUE(hasValidInitialByte({0x3B, 0x00}));
+  EXPECT_TRUE(hasValidInitialByte({0x3F, 0x00}));
+}
+
+TEST(AtrInitialByte, EveryOtherValueIsInvalid) {
+  for (unsigned ts = 0; ts <= 0xFF; ++ts) {
+    if (ts == 0x3B || ts == 0x3F) continue;
+    EXPECT_FALSE(hasValidInitialByte({static_cast<std::uint8_t>(ts), 0x00})) << ts;
+  }
+}
+
+struct RatesRow {
+  std::uint8_t ta1;
+  std::uint32_t fi, di, maxClock, defaultRate, maxRate;
+};
+
+class Ta1 : public testing::TestWithParam<RatesRow> {};
+
+TEST_P(Ta1, GivesTheTableValuesAndTruncatedRates) {
+  const RatesRow& row = GetParam();
+  const AtrRates rates = ratesOfTa1(row.ta1);
+  EXPECT_EQ(rates.fi, row.fi);
+  EXPECT_EQ(rates.di, row.di);
+  EXPECT_EQ(rates.maxClock, row.maxClock);
+  EXPECT_EQ(rates.defaultDataRate, row.defaultRate);
+  EXPECT_EQ(rates.maxDataRate, row.maxRate);
+}
+
+INSTANTIATE_TEST_SUITE_P(ClockRates, Ta1,
+                         testing::Values(RatesRow{0x01, 372, 1, 4000, 10752, 10752},
+                                         RatesRow{0x11, 372, 1, 5000, 10752, 13440},
+                                         RatesRow{0x21, 558, 1, 6000, 7168, 10752},
+                                         RatesRow{0x31, 744, 1, 8000, 5376, 10752},
+                                         RatesRow{0x41, 1116, 1, 12000, 3584, 10752},
+                                         RatesRow{0x51, 1488, 1, 16000, 2688, 10752},
+                                         RatesRow{0x61, 1860, 1, 20000, 2150, 10752},
+                                         RatesRow{0x71, 372, 1, 5000, 10752, 13440},  // reserved
+                                         RatesRow{0x81, 372, 1, 5000, 10752, 13440},  // reserved
+                                         RatesRow{0x91, 512, 1, 5000, 7812, 9765},
+                                         RatesRow{0xA1, 768, 1, 7500, 5208, 9765},
+                                         RatesRow{0xB1, 1024, 1, 10000, 3906, 9765},
+                                         RatesRow{0xC1, 1536, 1, 15000, 2604, 9765},
+                                         RatesRow{0xD1, 2048, 1, 20000, 1953, 9765},
+                                         RatesRow{0xE1, 372, 1, 5000, 10752, 13440},    // reserved
+                                         RatesRow{0xF1, 372, 1, 5000, 10752, 13440}));  // reserved
+
+INSTANTIATE_TEST_SUITE_P(BaudRates, Ta1,
+                         testing::Values(RatesRow{0x10, 372, 1, 5000, 10752, 13440},  // reserved
+                                         RatesRow{0x12, 372, 2, 5000, 21505, 26881},
+                                         RatesRow{0x13, 372, 4, 5000, 43010, 53763},
+                                         RatesRow{0x14, 372, 8, 5000, 86021, 107526},
+                                         RatesRow{0x15, 372, 16, 5000, 172043, 215053},
+                                         RatesRow{0x16, 372, 32, 5000, 344086, 430107},
+                                         RatesRow{0x17, 372, 64, 5000, 688172, 860215},
+                                         RatesRow{0x18, 372, 12, 5000, 129032, 161290},
+                                         RatesRow{0x19, 372, 20, 5000, 215053, 268817},
+                                         RatesRow{0x1A, 372, 1, 5000, 10752, 13440},  // reserved
+                                         RatesRow{0x1B, 372, 1, 5000, 10752, 13440},  // reserved
+                                         RatesRow{0x1C, 372, 1, 5000, 10752, 13440},  // reserved
+                                         RatesRow{0x1D, 372, 1, 5000, 10752, 13440},  // reserved
+                                         RatesRow{0x1E, 372, 1, 5000, 10752, 13440},  // reserved
+                                         RatesRow{0x1F, 372, 1, 5000, 10752, 13440},  // reserved
+                                         RatesRow{0x67, 1860, 64, 20000, 137634, 688172}));
+
+TEST(Atr, WithoutInterfaceBytesOffersT0Alone) {
+  const AtrValues values = parseAtr({0x3B, 0x00});
+  EXPECT_EQ(values.availableProtocols, 1u);
+  EXPECT_FALSE(values.lastProtocol.has_value());
+  EXPECT_FALSE(values.rates.has_value());
+  EXPECT_FALSE(values.ifsc.has_value());
+}
+
+TEST(Atr, WithTa1AndTwoT1BytesGivesRatesAndT1) {
+  const AtrValues values = parseAtr({0x3B, 0x95, 0x13, 0x81, 0x01});
+  ASSERT_TRUE(values.rates.has_value());
+  EXPECT_EQ(values.rates->fi, 372u);
+  EXPECT_EQ(values.rates->di, 4u);
+  EXPECT_EQ(values.rates->maxClock, 5000u);
+  EXPECT_EQ(values.rates->defaultDataRate, 43010u);
+  EXPECT_EQ(values.rates->maxDataRate, 53763u);
+  EXPECT_EQ(values.availableProtocols, 2u);
+  EXPECT_EQ(values.lastProtocol, 1u);
+}
+
+TEST(Atr, SkipsTbAndTc) {
+  // TA(1) TB(1) TC(1) TD(1): TB and TC hold what would be TD values.
+  const AtrValues values = parseAtr({0x3B, 0xF0, 0x11, 0x8F, 0x8F, 0x01});
+  EXPECT_EQ(values.availableProtocols, 2u);
+  EXPECT_EQ(values.lastProtocol, 1u);
+  EXPECT_EQ(values.rates->fi, 372u);
+}
+
+TEST(Atr, Ta2IsNoRateAndNoFieldSize) {
+  const AtrValues values = parseAtr({0x3B, 0x80, 0x10, 0x95});
+  EXPECT_EQ(values.availableProtocols, 1u);
+  EXPECT_FALSE(values.rates.has_value());
+  EXPECT_FALSE(values.ifsc.has_value());
+}
+
+TEST(Atr, Ta3IsTheFieldSize) {
+  const AtrValues values = parseAtr({0x3B, 0x80, 0x80, 0x11, 0xFE});
+  EXPECT_EQ(values.ifsc, 0xFEu);
+  EXPECT_EQ(values.availableProtocols, 3u);
+  EXPECT_EQ(values.lastProtocol, 1u);
+}
+
+TEST(Atr, Ta4IsNoFieldSize) {
+  const AtrValues values = parseAtr({0x3B, 0x80, 0x80, 0x80, 0x11, 0xFE});
+  EXPECT_FALSE(values.ifsc.has_value());
+}
+
+TEST(Atr, LastTdByteDecidesTheProtocolWhileAllAreOffered) {
+  const AtrValues values = parseAtr({0x3B, 0x80, 0x81, 0x8F, 0x00});
+  EXPECT_EQ(values.availableProtocols, 0x8003u);
+  EXPECT_EQ(values.lastProtocol, 0u);
+}
+
+TEST(Atr, EndsWhereTheBytesEndThoughMoreAreAnnounced) {
+  const AtrValues values = parseAtr({0x3B, 0xF0, 0x13});
+  EXPECT_TRUE(values.rates.has_value());
+  EXPECT_FALSE(values.lastProtocol.has_value());
+  EXPECT_EQ(values.availableProtocols, 1u);
+}
+
+TEST(Atr, EndlessTdChainEndsWithTheBytes) {
+  Bytes atr(4096, 0x81);
+  atr[0] = 0x3B;
+  const AtrValues values = parseAtr(atr);
+  EXPECT_EQ(values.lastProtocol, 1u);
+  EXPECT_EQ(values.availableProtocols, 2u);
+}
+
+TEST(Atr, HistoricalBytesAreNotRead) {
+  const AtrValues values = parseAtr({0x3B, 0x03, 0x81, 0x81, 0x81});
+  EXPECT_EQ(values.availableProtocols, 1u);
+  EXPECT_FALSE(values.lastProtocol.has_value());
+}
+
+}  // namespace
+}  // namespace zelta

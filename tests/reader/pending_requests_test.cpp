@@ -1,0 +1,62 @@
+#include "reader/pending_requests.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/fake_request.h"
+
+namespace zelta {
+namespace {
+
+using test::FakeReaderDevice;
+using test::FakeRequest;
+
+class PendingRequestsTest : public testing::Test {
+ protected:
+  FakeReaderDevice device_;
+  FakeRequest first_{device_};
+  FakeRequest second_{device_};
+  FakeRequest third_{device_};
+  PendingRequests list_;
+};
+
+TEST_F(PendingRequestsTest, IsEmptyAtFirst) {
+  EXPECT_TRUE(list_.empty());
+  EXPECT_EQ(list_.newest(), nullptr);
+}
+
+TEST_F(PendingRequestsTest, NewestIsTheOneAppendedLastAndStays) {
+  list_.append(&first_);
+  list_.append(&second_);
+  EXPECT_EQ(list_.newest(), &second_);
+  EXPECT_EQ(list_.newest(), &second_);
+  EXPECT_EQ(list_.size(), 2u);
+  EXPECT_FALSE(list_.empty());
+}
+
+TEST_F(PendingRequestsTest, RemovingKeepsTheOrderOfTheRest) {
+  list_.append(&first_);
+  list_.append(&second_);
+  list_.append(&third_);
+  EXPECT_TRUE(list_.remove(&second_));
+  EXPECT_EQ(list_.newest(), &third_);
+  EXPECT_TRUE(list_.remove(&third_));
+  EXPECT_EQ(list_.newest(), &first_);
+}
+
+TEST_F(PendingRequestsTest, RemovesOnlyTheFirstOfEqualEntries) {
+  list_.append(&first_);
+  list_.append(&second_);
+  list_.append(&first_);
+  EXPECT_TRUE(list_.remove(&first_));
+  EXPECT_EQ(list_.newest(), &first_);
+  EXPECT_EQ(list_.size(), 2u);
+}
+
+TEST_F(PendingRequestsTest, RemovingWhatIsNotThereChangesNothing) {
+  list_.append(&first_);
+  EXPECT_FALSE(list_.remove(&second_));
+  EXPECT_EQ(list_.size(), 1u);
+}
+
+}  // namespace
+}  // namespace zelta

@@ -1,0 +1,204 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "diagnostics/traced_lock.h"
+#include "tests/reader/scripted_reader.h"
+#include "tests/support/fake_request.h"
+#include "tests/support/log_capture.h"
+
+namespace zelta {
+namespace {
+
+using test::error;
+using test::FakeReaderDevice;
+using test::FakeRequest;
+using test::info;
+using test::LogCapture;
+using test::ScriptedReader;
+using testing::ElementsAre;
+
+constexpr std::uint32_t kCancelled = 0x800704C7;
+
+class Presence : public testing::Test {
+ protected:
+  void isPresent(FakeRequest& request) { reader_.IoSmartCardIsPresent(&request, 0, 0); }
+  void isAbsent(FakeRequest& request) { reader_.IoSmartCardIsAbsent(&request, 0, 0); }
+  void cancelDirectly(FakeRequest& request) {
+    const TracedLock lock("test", device_.deviceLock(), __LINE__);
+    reader_.IoCancelRequest(&request);
+  }
+
+  LogCapture log_;
+  FakeReaderDevice device_;
+  ScriptedReader reader_{device_};
+};
+
+TEST_F(Presence, IsPresentWithACardCompletesAtOnce) {
+  FakeRequest request(device_);
+  request.checkingLock();
+  isPresent(request);
+  EXPECT_EQ(request.status(), 0u);
+  EXPECT_EQ(request.information(), 0u);
+  EXPECT_EQ(reader_.checks, 1);
+  EXPECT_TRUE(reader_.pendingInsert_.empty());
+  EXPECT_THAT(log_.records(), ElementsAre(info("[IPRE]IOCTL_SMARTCARD_IS_PRESENT")));
+}
+
+TEST_F(Presence, IsAbsentWithoutACardCompletesAtOnce) {
+  for (const QueryResult result : {QueryResult::Failure, QueryResult::Timeout}) {
+    log_.clear();
+    reader_.checkResult = result;
+    FakeRequest request(device_);
+    request.checkingLock();
+    isAbsent(request);
+    EXPECT_EQ(request.status(), 0u);
+    EXPECT_EQ(request.information(), 0u);
+    EXPECT_TRUE(reader_.pendingRemove_.empty());
+    EXPECT_THAT(log_.records(), ElementsAre(info("[IABS]IOCTL_SMARTCARD_IS_ABSENT")));
+  }
+}
+
+TEST_F(Presence, IsPresentWithoutACardWaitsMarkedCancelable) {
+  for (const QueryResult result : {QueryResult::Failure, QueryResult::Timeout}) {
+    log_.clear();
+    reader_.checkResult = result;
+    FakeRequest request(device_);
+    request.checkingLock();
+    isPresent(request);
+    EXPECT_FALSE(request.completed());
+    EXPECT_TRUE(request.markedCancelable());
+    EXPECT_EQ(reader_.pendingInsert_.newest(), &request);
+    EXPECT_TRUE(reader_.pendingRemove_.empty());
+    EXPECT_EQ(device_.callbackReferences(), 0);
+    request.cancel();
+    EXPECT_EQ(request.status(), kCancelled);
+    EXPECT_EQ(request.information(), 0u);
+    EXPECT_TRUE(reader_.pendingInsert_.empty());
+    EXPECT_THAT(log_.records(),
+                ElementsAre(info("[IPRE]IOCTL_SMARTCARD_IS_PRESENT"), info("[CREQ]Cancel Insert")));
+  }
+}
+
+TEST_F(Presence, IsAbsentWithACardWaitsMarkedCancelable) {
+  FakeRequest request(device_);
+  request.checkingLock();
+  isAbsent(request);
+  EXPECT_FALSE(request.completed());
+  EXPECT_TRUE(request.markedCancelable());
+  EXPECT_EQ(reader_.pendingRemove_.newest(), &request);
+  EXPECT_TRUE(reader_.pendingInsert_.empty());
+  EXPECT_EQ(device_.callbackReferences(), 0);
+  request.cancel();
+  EXPECT_EQ(request.status(), kCancelled);
+  EXPECT_TRUE(reader_.pendingRemove_.empty());
+  EXPECT_THAT(log_.records(),
+              ElementsAre(info("[IABS]IOCTL_SMARTCARD_IS_ABSENT"), info("[CREQ]Cancel Remove")));
+}
+
+TEST_F(Presence, WaitingRequestsKeepTheirOrder) {
+  reader_.checkResult = QueryResult::Failure;
+  FakeRequest first(device_);
+  FakeRequest second(device_);
+  isPresent(first);
+  isPresent(second);
+  EXPECT_EQ(reader_.pendingInsert_.newest(), &second);
+  second.cancel();
+  EXPECT_EQ(reader_.pendingInsert_.newest(), &first);
+  first.cancel();
+}
+
+TEST_F(Presence, QueueingAnInsertRequestWakesTheWaitForOne) {
+  reader_.checkResult = QueryResult::Failure;
+  FakeRequest request(device_);
+  bool found = false;
+  std::thread server([&] {
+    platform::MutexLock lock(reader_.requestListMutex_);
+    found = reader_.insertRequestCondition_.waitFor(
+        lock, std::chrono::seconds(30),
+        [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return !reader_.pendingInsert_.empty(); });
+  });
+  isPresent(request);
+  server.join();
+  EXPECT_TRUE(found);
+  request.cancel();
+}
+
+TEST_F(Presence, IsPresentWithoutACallbackWaitsUncancelable) {
+  reader_.checkResult = QueryResult::Failure;
+  device_.setQueryResult(framework::kNoInterface);
+  FakeRequest request(device_);
+  isPresent(request);
+  EXPECT_FALSE(request.completed());
+  EXPECT_FALSE(request.markedCancelable());
+  EXPECT_EQ(reader_.pendingInsert_.newest(), &request);
+  EXPECT_THAT(log_.errors(),
+              ElementsAre(error(0x80004002, "[IPRE]IOCTL_SMARTCARD_IS_PRESENT: invalid callback")));
+  cancelDirectly(request);
+}
+
+TEST_F(Presence, IsAbsentWithoutACallbackWaitsUncancelable) {
+  device_.setQueryResult(framework::kNoInterface);
+  FakeRequest request(device_);
+  isAbsent(request);
+  EXPECT_FALSE(request.completed());
+  EXPECT_FALSE(request.markedCancelable());
+  EXPECT_EQ(reader_.pendingRemove_.newest(), &request);
+  EXPECT_THAT(log_.errors(),
+              ElementsAre(error(0x80004002, "[IABS]IOCTL_SMARTCARD_IS_ABSENT: invalid callback!")));
+  cancelDirectly(request);
+}
+
+TEST_F(Presence, RequestCancelledBeforeItIsMarkedIsCompletedWhileItIsMarked) {
+  reader_.checkResult = QueryResult::Failure;
+  FakeRequest insert(device_);
+  insert.cancel();
+  EXPECT_FALSE(insert.completed());
+  isPresent(insert);
+  EXPECT_EQ(insert.status(), kCancelled);
+  EXPECT_TRUE(reader_.pendingInsert_.empty());
+
+  reader_.checkResult = QueryResult::Success;
+  FakeRequest remove(device_);
+  remove.cancel();
+  isAbsent(remove);
+  EXPECT_EQ(remove.status(), kCancelled);
+  EXPECT_TRUE(reader_.pendingRemove_.empty());
+}
+
+TEST_F(Presence, CancellingWhatIsInNoListCompletesItAndLogsNothing) {
+  FakeRequest request(device_);
+  request.checkingLock();
+  cancelDirectly(request);
+  EXPECT_EQ(request.status(), kCancelled);
+  EXPECT_EQ(request.information(), 0u);
+  EXPECT_TRUE(log_.records().empty());
+}
+
+TEST_F(Presence, CancellingTakesARequestOutOfBothLists) {
+  FakeRequest request(device_);
+  reader_.pendingRemove_.append(&request);
+  reader_.pendingInsert_.append(&request);
+  cancelDirectly(request);
+  EXPECT_TRUE(reader_.pendingRemove_.empty());
+  EXPECT_TRUE(reader_.pendingInsert_.empty());
+  EXPECT_THAT(log_.records(),
+              ElementsAre(info("[CREQ]Cancel Remove"), info("[CREQ]Cancel Insert")));
+}
+
+TEST_F(Presence, CheckThatThrowsLeavesTheRequestToTheCallerAndTheLocksFree) {
+  reader_.onCheck = [] { throw std::bad_alloc(); };
+  FakeRequest request(device_);
+  EXPECT_THROW(isPresent(request), std::bad_alloc);
+  EXPECT_THROW(isAbsent(request), std::bad_alloc);
+  EXPECT_FALSE(request.completed());
+  EXPECT_TRUE(reader_.pendingInsert_.empty());
+  EXPECT_TRUE(reader_.pendingRemove_.empty());
+  reader_.onCheck = nullptr;
+  isPresent(request);  // would wait for ever where a lock was left held
+  EXPECT_EQ(request.status(), 0u);
+}
+
+}  // namespace
+}  // namespace zelta

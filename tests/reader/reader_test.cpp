@@ -1,0 +1,201 @@
+// Construction, state and the requests that are none.
+#include "reader/reader.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "tests/reader/scripted_reader.h"
+#include "tests/support/fake_request.h"
+#include "tests/support/log_capture.h"
+
+namespace zelta {
+namespace {
+
+using test::error;
+using test::FakeReaderDevice;
+using test::FakeRequest;
+using test::info;
+using test::LogCapture;
+using test::ScriptedReader;
+using testing::ElementsAre;
+using Bytes = std::vector<std::uint8_t>;
+
+class DevicelessReader final : public Reader {
+ public:
+  DevicelessReader() : Reader(0, nullptr) {}
+  QueryResult QueryTransmit(const Bytes&, Bytes&) override { return QueryResult::Failure; }
+  QueryResult QueryAtr(Bytes&, bool) override { return QueryResult::Failure; }
+  QueryResult CheckATR() override { return QueryResult::Failure; }
+  bool NotifyCardReady() override { return false; }
+  void shutdown() override {}
+  std::uint32_t serverThread() override { return 0; }
+};
+
+TEST(ReaderConstruction, WithoutDeviceThrows) {
+  try {
+    const DevicelessReader reader;
+    FAIL() << "a reader without a device";
+  } catch (const std::invalid_argument& failure) {
+    EXPECT_STREQ(failure.what(), "Cannot create reader. Device is invalid.");
+  }
+}
+
+TEST(ReaderConstruction, SetsNamesAndInitialState) {
+  FakeReaderDevice device;
+  const ScriptedReader reader(device, 7);
+  EXPECT_EQ(reader.vendorName(), "Vornhalt");
+  EXPECT_EQ(reader.ifdType(), "Zelta Virtual SmartCard Reader");
+  EXPECT_EQ(reader.unitNumber(), 7u);
+  EXPECT_EQ(reader.state(), 1u);
+  EXPECT_EQ(reader.currentProtocol(), 0u);
+  EXPECT_EQ(reader.cardReady(), 0u);
+  EXPECT_TRUE(reader.pendingInsert_.empty());
+  EXPECT_TRUE(reader.pendingRemove_.empty());
+}
+
+TEST(GetState, OfANewReaderIsAbsentAndLogged) {
+  LogCapture log;
+  FakeReaderDevice device;
+  ScriptedReader reader(device);
+  FakeRequest request(device);
+  request.withOutput(4).checkingLock();
+  reader.IoSmartCardGetState(&request, 0, 4);
+  EXPECT_EQ(request.status(), 0u);
+  EXPECT_EQ(request.information(), 4u);
+  EXPECT_EQ(request.output(), (Bytes{1, 0, 0, 0}));
+  EXPECT_THAT(log.records(),
+              ElementsAre(info("[GSTA]IOCTL_SMARTCARD_GET_STATE"), info("STATE:00000001")));
+}
+
+TEST(GetState, FollowsTheState) {
+  FakeReaderDevice device;
+  ScriptedReader reader(device);
+  for (const std::uint32_t state : {0u, 2u, 3u, 5u, 6u}) {
+    reader.setState(state);
+    FakeRequest request(device);
+    request.withOutput(4);
+    reader.IoSmartCardGetState(&request, 0, 4);
+    EXPECT_EQ(request.output(), (Bytes{static_cast<std::uint8_t>(state), 0, 0, 0}));
+  }
+}
+
+TEST(GetState, WithoutOutputIsAGeneralFailure) {
+  LogCapture log;
+  FakeReaderDevice device;
+  ScriptedReader reader(device);
+  FakeRequest request(device);
+  reader.IoSmartCardGetState(&request, 0, 0);
+  EXPECT_EQ(request.status(), 0x8007001Fu);
+  EXPECT_THAT(log.errors(), ElementsAre(error(31, "GetOutputMemory failed")));
+}
+
+using ReaderHandler = void (Reader::*)(IoRequest*, std::size_t, std::size_t);
+
+struct NullRow {
+  ReaderHandler handler;
+  const char* text;
+};
+
+class NullRequest : public testing::TestWithParam<NullRow> {};
+
+TEST_P(NullRequest, IsLoggedAndNothingElse) {
+  LogCapture log;
+  FakeReaderDevice device;
+  ScriptedReader reader(device);
+  reader.setState(SCARD_SWALLOWED);
+  (reader.*GetParam().handler)(nullptr, 0, 0);
+  const auto noCode = static_cast<std::uint32_t>(-500);
+  EXPECT_THAT(log.records(), ElementsAre(error(noCode, GetParam().text)));
+  EXPECT_EQ(reader.checks, 0);
+  EXPECT_TRUE(reader.resetFlags.empty());
+  EXPECT_TRUE(reader.commands.empty());
+  EXPECT_EQ(reader.state(), SCARD_SWALLOWED);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Handlers, NullRequest,
+    testing::Values(
+        NullRow{&Reader::IoSmartCardGetState, "[GSTA]IOCTL_SMARTCARD_GET_STATE: invalid request"},
+        NullRow{&Reader::IoSmartCardIsPresent, "[IPRE]IOCTL_SMARTCARD_IS_PRESENT: invalid request"},
+        NullRow{&Reader::IoSmartCardIsAbsent, "[IABS]IOCTL_SMARTCARD_IS_ABSENT: invalid request"},
+        NullRow{&Reader::IoSmartCardPower, "[POWR]IOCTL_SMARTCARD_POWER: invalid request"},
+        NullRow{&Reader::IoSmartCardSetProtocol,
+                "[SPRT]IOCTL_SMARTCARD_SET_PROTOCOL: invalid request"},
+        NullRow{&Reader::IoSmartCardTransmit, "[TRSM]IOCTL_SMARTCARD_TRANSMIT: invalid request"},
+        NullRow{&Reader::IoSmartCardGetAttribute, "[GATT]: invalid request"},
+        NullRow{&Reader::IoSmartCardSetAttribute,
+                "[SATT]IOCTL_SMARTCARD_SET_ATTRIBUTE: invalid request"}));
+
+TEST(NullCancel, IsLoggedAndNothingElse) {
+  LogCapture log;
+  FakeReaderDevice device;
+  ScriptedReader reader(device);
+  reader.IoCancelRequest(nullptr);
+  EXPECT_THAT(log.records(),
+              ElementsAre(error(static_cast<std::uint32_t>(-500), "[CREQ]Invalid request")));
+}
+
+struct ShortRow {
+  ReaderHandler handler;
+  const char* text;
+};
+
+class ShortInput : public testing::TestWithParam<ShortRow> {};
+
+TEST_P(ShortInput, IsRefusedAsInvalidArgument) {
+  for (std::size_t size = 0; size < 4; ++size) {
+    LogCapture log;
+    FakeReaderDevice device;
+    ScriptedReader reader(device);
+    FakeRequest request(device);
+    request.withInput(Bytes(size, 0x01)).withOutput(32).checkingLock();
+    (reader.*GetParam().handler)(&request, size, 32);
+    EXPECT_EQ(request.status(), 0x80070057u);
+    EXPECT_EQ(request.information(), 0u);
+    EXPECT_FALSE(request.outputWritten());
+    const std::string text =
+        GetParam().text + (": input too short (" + std::to_string(size)) + " bytes)";
+    EXPECT_THAT(log.errors(), ElementsAre(error(87, text)));
+    EXPECT_TRUE(reader.resetFlags.empty());
+    EXPECT_EQ(reader.state(), SCARD_ABSENT);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Handlers, ShortInput,
+    testing::Values(
+        ShortRow{&Reader::IoSmartCardPower, "[POWR]IOCTL_SMARTCARD_POWER"},
+        ShortRow{&Reader::IoSmartCardSetProtocol, "[SPRT]IOCTL_SMARTCARD_SET_PROTOCOL"},
+        ShortRow{&Reader::IoSmartCardGetAttribute, "[GATT]IOCTL_SMARTCARD_GET_ATTRIBUTE"},
+        ShortRow{&Reader::IoSmartCardSetAttribute, "[SATT]IOCTL_SMARTCARD_SET_ATTRIBUTE"}));
+
+TEST(Exchanges, OfSeveralThreadsNeverOverlap) {
+  LogCapture log;
+  FakeReaderDevice device;
+  ScriptedReader reader(device);  // fails the test where two overlap
+  reader.initializeProtocols();
+  std::vector<std::thread> threads;
+  const auto request = [&](ReaderHandler handler, Bytes input) {
+    FakeRequest one(device);
+    one.withInput(std::move(input)).withOutput(64);
+    (reader.*handler)(&one, 4, 64);
+    EXPECT_TRUE(one.completed());
+  };
+  for (const int kind : {0, 1, 2, 3}) {
+    threads.emplace_back([&, kind] {
+      for (int round = 0; round < 100; ++round) {
+        if (kind == 0) request(&Reader::IoSmartCardPower, {1, 0, 0, 0});
+        if (kind == 1) request(&Reader::IoSmartCardSetProtocol, {1, 0, 0, 0});
+        if (kind == 2) request(&Reader::IoSmartCardIsPresent, {});
+        if (kind == 3) reader.initializeProtocols();
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(reader.checks, 100);
+}
+
+}  // namespace
+}  // namespace zelta
