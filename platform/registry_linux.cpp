@@ -30,8 +30,8 @@ std::uint32_t dwordOf(const RegistryValue* value, std::uint32_t* out) {
 }  // namespace
 
 FileRegistry::FileRegistry(std::function<std::string()> path,
-                           std::function<void(const std::string&)> report)
-    : pathSource_(std::move(path)), reporter_(std::move(report)) {}
+                           std::function<void(const std::string&)> report, WallClock& clock)
+    : pathSource_(std::move(path)), reporter_(std::move(report)), clock_(clock) {}
 
 std::uint32_t FileRegistry::getDword(const std::u16string& key, const std::u16string& value,
                                      std::uint32_t* out) try {
@@ -133,7 +133,7 @@ FileRegistry::Content FileRegistry::content(FileSignature* settled) {
     if (settled != nullptr) *settled = keptSignature_;
     return kept_;
   }
-  const FileRead read = readWholeFile(file);
+  const FileRead read = readWholeFile(file, clock_.now());
   if (!read.problem.empty()) {
     reporter_.report(file + ": cannot be read: " + read.problem);
   }
@@ -178,7 +178,7 @@ void FileRegistry::onFileChange() {
   try {
     now = content(nullptr);
   } catch (const std::exception&) {
-    // Without memory to compare: whoever waits looks for himself.
+    // No means to compare: whoever waits looks for himself.
     for (auto& [number, key] : keys_) {
       if (!key.pending) continue;
       signalEvent(key.pending.get());
@@ -198,13 +198,15 @@ void FileRegistry::reportSkipped(const std::string& file, const ParsedRegistry& 
   }
 }
 
+std::string registryFilePath() {
+  const char* path = std::getenv("ZELTA_REGISTRY");
+  return path == nullptr || *path == '\0' ? "/etc/zelta/registry.reg" : path;
+}
+
 RegistryApi& systemRegistry() {
-  static NeverDestroyed<FileRegistry> registry(
-      [] {
-        const char* path = std::getenv("ZELTA_REGISTRY");
-        return std::string(path == nullptr || *path == '\0' ? "/etc/zelta/registry.reg" : path);
-      },
-      [](const std::string& text) { std::fprintf(stderr, "zelta: %s\n", text.c_str()); });
+  static NeverDestroyed<FileRegistry> registry(registryFilePath, [](const std::string& problem) {
+    std::fprintf(stderr, "zelta: %s\n", problem.c_str());
+  });
   return registry.get();
 }
 

@@ -6,6 +6,8 @@
 //   - The file's path is asked for anew when no key is open, else it stays.
 //   - A key that is deleted while it is open has no values (2) and is there again when it is
 //     written again; deletion and return are changes.
+//   - A file that is there but not readable is an empty registry. Where the system lacks memory or
+//     descriptors the call fails (8), and a pending notification is signalled.
 //   - Changed means: the key and what is below it hold something else. Writing the same value once
 //     more, or a name in other case, is no change.
 //   - While a key with a notification is open, one thread watches the file; closing the last such
@@ -21,6 +23,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/clock.h"
 #include "platform/once_reporter.h"
 #include "platform/registry.h"
 #include "platform/registry_content.h"
@@ -32,12 +35,18 @@
 
 namespace zelta::platform {
 
+// Where the system's registry lies: $ZELTA_REGISTRY, or /etc/zelta/registry.reg where the variable
+// is unset or empty.
+std::string registryFilePath();
+
 class FileRegistry final : public RegistryApi {
  public:
   // `path` gives the file's path. `report` is told, once each, of lines that are not understood
   // and of a file that cannot be read or watched. It is called by one thread at a time, with locks
   // held, and must not call back.
-  FileRegistry(std::function<std::string()> path, std::function<void(const std::string&)> report);
+  // `clock` (non-owning) tells a file that may still change unseen from one that is old.
+  FileRegistry(std::function<std::string()> path, std::function<void(const std::string&)> report,
+               WallClock& clock = systemWallClock());
   // No key may be open.
   ~FileRegistry() override = default;
 
@@ -87,6 +96,7 @@ class FileRegistry final : public RegistryApi {
 
   const std::function<std::string()> pathSource_;
   OnceReporter reporter_;
+  WallClock& clock_;
 
   Mutex mutex_;
   std::uintptr_t lastKey_ ZELTA_GUARDED_BY(mutex_) = 0;

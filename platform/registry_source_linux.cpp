@@ -14,21 +14,16 @@ namespace zelta::platform {
 
 namespace {
 
-constexpr std::int64_t kLargestFile = 64 * 1024 * 1024;
+constexpr std::size_t kLargestFile = 64 * 1024 * 1024;  // bytes
 constexpr std::size_t kChunk = 64 * 1024;
 constexpr int kAttempts = 4;
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+constexpr std::int64_t kNanosecondsPerUnit = 100;  // of the wall clock
 // Longer than the step of any file system's time stamps.
 constexpr std::int64_t kSettlingTime = 2 * kNanosecondsPerSecond;
 
 std::int64_t nanoseconds(const timespec& time) {
   return static_cast<std::int64_t>(time.tv_sec) * kNanosecondsPerSecond + time.tv_nsec;
-}
-
-std::int64_t now() {
-  timespec time{};
-  clock_gettime(CLOCK_REALTIME, &time);
-  return nanoseconds(time);
 }
 
 FileSignature signatureFrom(const struct stat& status) {
@@ -41,43 +36,50 @@ FileSignature signatureFrom(const struct stat& status) {
   return signature;
 }
 
-std::string describe(int error) { return std::generic_category().message(error); }
-
-FileRead nothing(const FileSignature& signature, const std::string& problem) {
-  FileRead read;
-  read.signature = signature;
-  read.problem = problem;
-  return read;
+// What the file is like rather than what the system can do at the moment.
+bool isOfTheFile(int error) {
+  return error == EACCES || error == EPERM || error == ELOOP || error == ENAMETOOLONG ||
+         error == EISDIR || error == ENXIO || error == ENODEV;
 }
 
-// An empty text or why it could not be read.
-std::string readAll(int descriptor, std::string* bytes) {
+[[noreturn]] void fail(int error, const std::string& path) {
+  throw std::system_error(error, std::generic_category(), path);
+}
+
+void readAll(int descriptor, const std::string& path, std::string* bytes) {
   std::size_t length = 0;
   for (;;) {
     bytes->resize(length + kChunk);
     const ssize_t count = read(descriptor, bytes->data() + length, kChunk);
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return describe(errno);
+    if (count < 0) fail(errno, path);
     length += static_cast<std::size_t>(count);
     bytes->resize(length);
-    if (count == 0) return {};
-    if (length > static_cast<std::size_t>(kLargestFile)) return "the file is too large";
+    if (count == 0 || length > kLargestFile) return;
   }
 }
 
-FileRead readOnce(int descriptor) {
-  const std::int64_t start = now();
+FileRead readOnce(int descriptor, const std::string& path, std::int64_t now) {
   struct stat status {};
-  if (fstat(descriptor, &status) != 0) return nothing({}, describe(errno));
-  FileRead read;
-  read.signature = signatureFrom(status);
-  if (!S_ISREG(status.st_mode)) return nothing(read.signature, "not a regular file");
-  if (status.st_size > kLargestFile) return nothing(read.signature, "the file is too large");
-  read.bytes.reserve(static_cast<std::size_t>(status.st_size) + kChunk);
-  const std::string problem = readAll(descriptor, &read.bytes);
-  if (!problem.empty()) return nothing(read.signature, problem);
-  read.settled = start - read.signature.changed > kSettlingTime;
-  return read;
+  if (fstat(descriptor, &status) != 0) fail(errno, path);
+  FileRead file;
+  file.signature = signatureFrom(status);
+  if (!S_ISREG(status.st_mode)) {
+    file.problem = "not a regular file";
+    return file;
+  }
+  const auto size = static_cast<std::size_t>(status.st_size);
+  if (size <= kLargestFile) {
+    file.bytes.reserve(size + kChunk);
+    readAll(descriptor, path, &file.bytes);
+  }
+  if (size > kLargestFile || file.bytes.size() > kLargestFile) {
+    file.bytes.clear();
+    file.problem = "the file is too large";
+    return file;
+  }
+  file.settled = now * kNanosecondsPerUnit - file.signature.changed > kSettlingTime;
+  return file;
 }
 
 }  // namespace
@@ -88,20 +90,24 @@ FileSignature signatureOf(const std::string& path) {
   return signatureFrom(status);
 }
 
-FileRead readWholeFile(const std::string& path) {
-  FileRead read;
+FileRead readWholeFile(const std::string& path, std::int64_t now) {
+  FileRead file;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     // Without blocking: a pipe in the file's place must not stop the driver.
-    const ScopedFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (!file) {
-      if (errno == ENOENT || errno == ENOTDIR) return {};
-      return nothing({}, describe(errno));
+    const ScopedFd opened(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!opened) {
+      const int error = errno;
+      FileRead nothing;
+      if (error == ENOENT || error == ENOTDIR) return nothing;
+      if (!isOfTheFile(error)) fail(error, path);
+      nothing.problem = std::generic_category().message(error);
+      return nothing;
     }
-    read = readOnce(file.get());
-    if (signatureOf(path) == read.signature) return read;
-    read.settled = false;
+    file = readOnce(opened.get(), path, now);
+    if (signatureOf(path) == file.signature) return file;
+    file.settled = false;
   }
-  return read;
+  return file;
 }
 
 }  // namespace zelta::platform

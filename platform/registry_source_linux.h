@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <ctime>
 #include <string>
 
 namespace zelta::platform {
@@ -36,7 +35,9 @@ struct FileRead {
 FileSignature signatureOf(const std::string& path);
 
 // Reads the whole file as it is at the moment; one that changes meanwhile is read anew, a few
-// times. Regular files up to 64 MiB.
-FileRead readWholeFile(const std::string& path);
+// times. Regular files up to 64 MiB. `now` is the time of the call in 100-nanosecond units since
+// 1970. A file that cannot be read for what it is (rights, kind, size) is a `problem`; throws
+// std::system_error where the system lacks the means to read at the moment.
+FileRead readWholeFile(const std::string& path, std::int64_t now);
 
 }  // namespace zelta::platform

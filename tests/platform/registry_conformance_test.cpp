@@ -1,0 +1,376 @@
+// What every registry does: the system's and the double that the other tests use.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/error.h"
+#include "platform/event.h"
+#include "platform/registry.h"
+#include "platform/registry_content.h"
+#include "platform/registry_linux.h"
+#include "platform/utf.h"
+#include "tests/support/fake_registry.h"
+#include "tests/support/temp_folder.h"
+
+namespace zelta::platform {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// A registry and a way to change it.
+class Subject {
+ public:
+  virtual ~Subject() = default;
+  virtual RegistryApi& api() = 0;
+  virtual void createKey(const std::u16string& key) = 0;
+  virtual void setValue(const std::u16string& key, const std::u16string& name, std::uint32_t type,
+                        const Bytes& data) = 0;
+  virtual void deleteValue(const std::u16string& key, const std::u16string& name) = 0;
+  virtual void deleteKey(const std::u16string& key) = 0;
+};
+
+class FakeSubject final : public Subject {
+ public:
+  RegistryApi& api() override { return registry_; }
+  void createKey(const std::u16string& key) override { registry_.createKey(key); }
+  void setValue(const std::u16string& key, const std::u16string& name, std::uint32_t type,
+                const Bytes& data) override {
+    registry_.setValue(key, name, type, data);
+  }
+  void deleteValue(const std::u16string& key, const std::u16string& name) override {
+    registry_.deleteValue(key, name);
+  }
+  void deleteKey(const std::u16string& key) override { registry_.deleteKey(key); }
+
+ private:
+  test::FakeRegistry registry_;
+};
+
+// Each change appends to the file's text and renames the whole over the file.
+class FileSubject final : public Subject {
+ public:
+  FileSubject()
+      : registry_([this] { return folder_.file("registry.reg"); },
+                  [](const std::string& problem) { ADD_FAILURE() << problem; }) {}
+
+  RegistryApi& api() override { return registry_; }
+  void createKey(const std::u16string& key) override { append(section("", key)); }
+  void setValue(const std::u16string& key, const std::u16string& name, std::uint32_t type,
+                const Bytes& data) override {
+    char number[16];
+    std::snprintf(number, sizeof(number), "hex(%x):", type);
+    std::string line = quoted(name) + "=" + number;
+    for (const std::uint8_t byte : data) {
+      std::snprintf(number, sizeof(number), "%02x,", byte);
+      line += number;
+    }
+    append(section("", key) + line + "\n");
+  }
+  void deleteValue(const std::u16string& key, const std::u16string& name) override {
+    append(section("", key) + quoted(name) + "=-\n");
+  }
+  void deleteKey(const std::u16string& key) override { append(section("-", key)); }
+
+ private:
+  static std::string section(const std::string& sign, const std::u16string& key) {
+    return "[" + sign + "HKEY_LOCAL_MACHINE\\" + utf8FromUtf16(key) + "]\n";
+  }
+  static std::string quoted(const std::u16string& name) {
+    return "\"" + utf8FromUtf16(name) + "\"";
+  }
+  void append(const std::string& lines) {
+    text_ += lines;
+    std::ofstream(folder_.file("new"), std::ios::binary) << text_;
+    std::filesystem::rename(folder_.file("new"), folder_.file("registry.reg"));
+  }
+
+  test::TempFolder folder_;
+  std::string text_ = "Windows Registry Editor Version 5.00\n\n";
+  FileRegistry registry_;
+};
+
+struct Kind {
+  const char* name;
+  std::function<std::unique_ptr<Subject>()> make;
+};
+
+class RegistryConformance : public testing::TestWithParam<Kind> {
+ protected:
+  RegistryConformance() : subject_(GetParam().make()), registry_(subject_->api()) {}
+  ~RegistryConformance() override {
+    for (const RegistryKey key : keys_) registry_.closeKey(key);
+    for (const EventHandle event : events_) systemEvents().close(event);
+  }
+
+  void setDword(const std::u16string& key, const std::u16string& name, std::uint32_t value) {
+    subject_->setValue(key, name, kRegDword, registryDword(value));
+  }
+
+  RegistryKey open(const std::u16string& path) {
+    RegistryKey key = nullptr;
+    EXPECT_EQ(registry_.openKey(path, &key), error::kSuccess);
+    EXPECT_NE(key, nullptr);
+    keys_.push_back(key);
+    return key;
+  }
+
+  EventHandle event() {
+    events_.push_back(systemEvents().create());
+    return events_.back();
+  }
+
+  // The first signalled one; waits for it.
+  static std::uint32_t firstOf(const std::vector<EventHandle>& events) {
+    return systemEvents().waitAny(events.data(), events.size());
+  }
+
+  // That `event` is not signalled.
+  static bool isQuiet(EventHandle event) {
+    const EventHandle sentinel = systemEvents().create();
+    systemEvents().set(sentinel);
+    const bool quiet = firstOf({event, sentinel}) == 1;
+    systemEvents().close(sentinel);
+    return quiet;
+  }
+
+  std::unique_ptr<Subject> subject_;
+  RegistryApi& registry_;
+  std::vector<RegistryKey> keys_;
+  std::vector<EventHandle> events_;
+};
+
+TEST_P(RegistryConformance, NumbersAreReadBelowTheMachinesRoot) {
+  setDword(u"SOFTWARE\\K", u"number", 0xFEDCBA98);
+  std::uint32_t value = 0;
+  EXPECT_EQ(registry_.getDword(u"software\\k", u"NUMBER", &value), error::kSuccess);
+  EXPECT_EQ(value, 0xFEDCBA98U);
+}
+
+TEST_P(RegistryConformance, AMissingKeyOrValueIsNotFound) {
+  std::uint32_t value = 7;
+  EXPECT_EQ(registry_.getDword(u"K", u"x", &value), error::kFileNotFound);
+  subject_->createKey(u"K");
+  EXPECT_EQ(registry_.getDword(u"K", u"x", &value), error::kFileNotFound);
+  EXPECT_EQ(value, 7U);
+}
+
+TEST_P(RegistryConformance, AValueOfAnotherTypeIsNoNumber) {
+  subject_->setValue(u"K", u"text", kRegSz, registryText(u"3"));
+  subject_->setValue(u"K", u"bytes", kRegBinary, registryDword(3));
+  subject_->setValue(u"K", u"short", kRegDword, {1});
+  subject_->setValue(u"K", u"long", kRegDword, {1, 0, 0, 0, 0});
+  std::uint32_t value = 7;
+  EXPECT_EQ(registry_.getDword(u"K", u"text", &value), error::kUnsupportedType);
+  EXPECT_EQ(registry_.getDword(u"K", u"bytes", &value), error::kUnsupportedType);
+  EXPECT_EQ(registry_.getDword(u"K", u"short", &value), error::kInvalidData);
+  EXPECT_EQ(registry_.getDword(u"K", u"long", &value), error::kInvalidData);
+  EXPECT_EQ(value, 7U);
+}
+
+TEST_P(RegistryConformance, AChangedNumberIsReadAtOnce) {
+  std::uint32_t value = 0;
+  for (std::uint32_t i = 0; i < 20; ++i) {
+    setDword(u"K", u"x", i);
+    ASSERT_EQ(registry_.getDword(u"K", u"x", &value), error::kSuccess);
+    ASSERT_EQ(value, i);
+  }
+  subject_->deleteValue(u"K", u"x");
+  EXPECT_EQ(registry_.getDword(u"K", u"x", &value), error::kFileNotFound);
+}
+
+TEST_P(RegistryConformance, OnlyAKeyThatExistsIsOpened) {
+  RegistryKey key = this;
+  EXPECT_EQ(registry_.openKey(u"A", &key), error::kFileNotFound);
+  EXPECT_EQ(key, nullptr);
+  subject_->createKey(u"A\\B");
+  open(u"A");
+  open(u"a\\b\\");
+  open(u"");
+  EXPECT_EQ(registry_.openKey(u"A\\B\\C", &key), error::kFileNotFound);
+}
+
+TEST_P(RegistryConformance, ValuesAreCopiedWithTypeAndSize) {
+  subject_->setValue(u"K", u"text", kRegExpandSz, registryText(u"ab"));
+  const RegistryKey key = open(u"K");
+  std::uint32_t type = kRegSz;
+  Bytes data(16, 0xEE);
+  auto size = static_cast<std::uint32_t>(data.size());
+  ASSERT_EQ(registry_.queryValue(key, u"TEXT", &type, data.data(), &size), error::kSuccess);
+  EXPECT_EQ(type, kRegExpandSz);
+  EXPECT_EQ(size, 6U);
+  EXPECT_EQ(Bytes(data.begin(), data.begin() + 7), (Bytes{'a', 0, 'b', 0, 0, 0, 0xEE}));
+}
+
+TEST_P(RegistryConformance, AnEmptyTextHasItsTerminator) {
+  subject_->setValue(u"K", u"text", kRegSz, registryText(u""));
+  subject_->setValue(u"K", u"nothing", kRegSz, {});
+  const RegistryKey key = open(u"K");
+  std::uint32_t type = 0;
+  char16_t text[4] = {u'x', u'x', u'x', u'x'};
+  std::uint32_t size = sizeof(text);
+  ASSERT_EQ(registry_.queryValue(key, u"text", &type, text, &size), error::kSuccess);
+  EXPECT_EQ(size, 2U);
+  EXPECT_EQ(text[0], u'\0');
+  size = sizeof(text);
+  ASSERT_EQ(registry_.queryValue(key, u"nothing", &type, text, &size), error::kSuccess);
+  EXPECT_EQ(size, 0U);
+}
+
+TEST_P(RegistryConformance, ABufferTooSmallGetsNothingButTheSizeNeeded) {
+  subject_->setValue(u"K", u"text", kRegSz, registryText(u"abc"));
+  const RegistryKey key = open(u"K");
+  std::uint32_t type = 99;
+  Bytes data(7, 0xEE);
+  std::uint32_t size = 7;
+  EXPECT_EQ(registry_.queryValue(key, u"text", &type, data.data(), &size), error::kMoreData);
+  EXPECT_EQ(size, 8U);
+  EXPECT_EQ(data, Bytes(7, 0xEE));
+  size = 0;
+  EXPECT_EQ(registry_.queryValue(key, u"text", &type, nullptr, &size), error::kSuccess);
+  EXPECT_EQ(size, 8U);
+  EXPECT_EQ(type, kRegSz);
+}
+
+TEST_P(RegistryConformance, AMissingValueOfAnOpenKeyIsNotFound) {
+  subject_->createKey(u"K");
+  const RegistryKey key = open(u"K");
+  std::uint32_t type = 0;
+  char data[4];
+  std::uint32_t size = sizeof(data);
+  EXPECT_EQ(registry_.queryValue(key, u"x", &type, data, &size), error::kFileNotFound);
+}
+
+TEST_P(RegistryConformance, NoKeyIsAnInvalidHandle) {
+  std::uint32_t type = 0;
+  std::uint32_t size = 0;
+  EXPECT_EQ(registry_.queryValue(nullptr, u"x", &type, nullptr, &size), error::kInvalidHandle);
+  EXPECT_EQ(registry_.notifyChange(nullptr, event()), error::kInvalidHandle);
+  subject_->createKey(u"K");
+  RegistryKey key = nullptr;
+  ASSERT_EQ(registry_.openKey(u"K", &key), error::kSuccess);
+  EXPECT_EQ(registry_.notifyChange(key, nullptr), error::kInvalidHandle);
+  registry_.closeKey(key);
+  EXPECT_EQ(registry_.queryValue(key, u"x", &type, nullptr, &size), error::kInvalidHandle);
+  EXPECT_EQ(registry_.notifyChange(key, event()), error::kInvalidHandle);
+  registry_.closeKey(key);
+  registry_.closeKey(nullptr);
+}
+
+TEST_P(RegistryConformance, EveryKindOfChangeBelowTheKeySignalsOnce) {
+  setDword(u"K", u"x", 1);
+  const RegistryKey key = open(u"K");
+  const EventHandle changed = event();
+  const std::function<void()> changes[] = {
+      [this] { setDword(u"K", u"x", 2); },
+      [this] { setDword(u"K", u"new", 1); },
+      [this] { subject_->deleteValue(u"K", u"new"); },
+      [this] { subject_->setValue(u"K", u"x", kRegBinary, registryDword(2)); },
+      [this] { subject_->createKey(u"K\\Sub\\Subsub"); },
+      [this] { setDword(u"K\\Sub\\Subsub", u"x", 1); },
+      [this] { subject_->deleteKey(u"K\\Sub"); },
+      [this] { subject_->deleteKey(u"K"); },
+      [this] { subject_->createKey(u"K"); },
+  };
+  for (const auto& change : changes) {
+    ASSERT_EQ(registry_.notifyChange(key, changed), error::kSuccess);
+    ASSERT_TRUE(isQuiet(changed));
+    change();
+    ASSERT_EQ(firstOf({changed}), 0U);
+    ASSERT_TRUE(isQuiet(changed));
+  }
+}
+
+TEST_P(RegistryConformance, ChangesElsewhereDoNotSignal) {
+  setDword(u"A\\K", u"x", 1);
+  setDword(u"B", u"x", 1);
+  const RegistryKey watched = open(u"A\\K");
+  const RegistryKey other = open(u"B");
+  const EventHandle changed = event();
+  const EventHandle otherChanged = event();
+  ASSERT_EQ(registry_.notifyChange(watched, changed), error::kSuccess);
+  const std::function<void()> changes[] = {
+      [this] { setDword(u"A", u"x", 2); },
+      [this] { setDword(u"A\\K2", u"x", 2); },
+      [this] { setDword(u"A\\K!", u"x", 2); },
+      [this] { subject_->deleteKey(u"A\\K2"); },
+  };
+  for (const auto& change : changes) {
+    ASSERT_EQ(registry_.notifyChange(other, otherChanged), error::kSuccess);
+    change();
+    static std::uint32_t next = 100;
+    setDword(u"B", u"x", ++next);
+    ASSERT_EQ(firstOf({changed, otherChanged}), 1U);
+  }
+}
+
+TEST_P(RegistryConformance, TheSameValueWrittenAgainDoesNotSignal) {
+  setDword(u"A", u"x", 1);
+  setDword(u"B", u"x", 1);
+  const RegistryKey watched = open(u"A");
+  const RegistryKey other = open(u"B");
+  const EventHandle changed = event();
+  const EventHandle otherChanged = event();
+  ASSERT_EQ(registry_.notifyChange(watched, changed), error::kSuccess);
+  ASSERT_EQ(registry_.notifyChange(other, otherChanged), error::kSuccess);
+  setDword(u"A", u"x", 1);
+  setDword(u"a", u"X", 1);
+  setDword(u"B", u"x", 2);
+  EXPECT_EQ(firstOf({changed, otherChanged}), 1U);
+}
+
+TEST_P(RegistryConformance, AChangeBetweenTwoNotificationsSignalsAtOnce) {
+  setDword(u"K", u"x", 1);
+  const RegistryKey key = open(u"K");
+  const EventHandle changed = event();
+  setDword(u"K", u"x", 2);  // between opening and the first
+  ASSERT_EQ(registry_.notifyChange(key, changed), error::kSuccess);
+  ASSERT_EQ(firstOf({changed}), 0U);
+  setDword(u"K", u"x", 3);  // between the first and the second
+  ASSERT_EQ(registry_.notifyChange(key, changed), error::kSuccess);
+  ASSERT_EQ(firstOf({changed}), 0U);
+  ASSERT_EQ(registry_.notifyChange(key, changed), error::kSuccess);
+  EXPECT_TRUE(isQuiet(changed));
+}
+
+TEST_P(RegistryConformance, EveryKeyHasANotificationOfItsOwn) {
+  setDword(u"K", u"x", 1);
+  const RegistryKey first = open(u"K");
+  const RegistryKey second = open(u"K");
+  const RegistryKey root = open(u"");
+  const EventHandle changed[] = {event(), event(), event()};
+  ASSERT_EQ(registry_.notifyChange(first, changed[0]), error::kSuccess);
+  ASSERT_EQ(registry_.notifyChange(second, changed[1]), error::kSuccess);
+  ASSERT_EQ(registry_.notifyChange(root, changed[2]), error::kSuccess);
+  setDword(u"K", u"x", 2);
+  for (const EventHandle each : changed) EXPECT_EQ(firstOf({each}), 0U);
+}
+
+TEST_P(RegistryConformance, ClosingEndsAPendingNotificationWithoutASignal) {
+  setDword(u"A", u"x", 1);
+  RegistryKey key = nullptr;
+  ASSERT_EQ(registry_.openKey(u"A", &key), error::kSuccess);
+  const RegistryKey other = open(u"A");
+  const EventHandle changed = event();
+  const EventHandle otherChanged = event();
+  ASSERT_EQ(registry_.notifyChange(key, changed), error::kSuccess);
+  ASSERT_EQ(registry_.notifyChange(other, otherChanged), error::kSuccess);
+  registry_.closeKey(key);
+  EXPECT_TRUE(isQuiet(changed));
+  setDword(u"A", u"x", 2);
+  EXPECT_EQ(firstOf({changed, otherChanged}), 1U);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , RegistryConformance,
+    testing::Values(Kind{"File", [] { return std::make_unique<FileSubject>(); }},
+                    Kind{"Fake", [] { return std::make_unique<FakeSubject>(); }}),
+    [](const auto& each) { return std::string(each.param.name); });
+
+}  // namespace
+}  // namespace zelta::platform

@@ -1,0 +1,120 @@
+// The ports that have little to them.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "platform/clock.h"
+#include "platform/critical_section.h"
+#include "platform/native_path.h"
+#include "platform/ports.h"
+#include "platform/winsock.h"
+
+namespace zelta::platform {
+namespace {
+
+TEST(NativePath, BackslashesBecomeSlashes) {
+  EXPECT_EQ(nativePath("/var/log\\Vornhalt\\ZeltaAgent\\logs\\zelta_vsc.log"),
+            "/var/log/Vornhalt/ZeltaAgent/logs/zelta_vsc.log");
+  EXPECT_EQ(nativePath("/tmp/\\zelta_vsc"), "/tmp//zelta_vsc");
+  EXPECT_EQ(nativePath("plain"), "plain");
+  EXPECT_EQ(nativePath(""), "");
+  EXPECT_EQ(nativePath("/sm\xC3\xB8r\\x"), "/sm\xC3\xB8r/x");
+}
+
+TEST(WallClock, CountsHundredNanosecondsSince1970) {
+  using Units = std::chrono::duration<std::int64_t, std::ratio<1, 10'000'000>>;
+  const auto reference = [] {
+    return std::chrono::floor<Units>(std::chrono::system_clock::now().time_since_epoch()).count();
+  };
+  const std::int64_t before = reference();
+  const std::int64_t now = systemWallClock().now();
+  const std::int64_t after = reference();
+  EXPECT_LE(before, now);
+  EXPECT_LE(now, after);
+}
+
+TEST(TickCount, CountsMillisecondsAndWrapsAt32Bits) {
+  using Clock = std::chrono::steady_clock;
+  const auto reference = [] {
+    const auto time = Clock::now().time_since_epoch();
+    return static_cast<std::uint32_t>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(time).count());
+  };
+  const std::uint32_t before = reference();
+  const std::uint32_t now = tickCount();
+  const std::uint32_t after = reference();
+  EXPECT_LE(now - before, after - before);  // also across the wrap
+}
+
+TEST(CriticalSection, TheHolderEntersAgain) {
+  CriticalSection section;
+  section.enter();
+  section.enter();
+  ASSERT_TRUE(section.tryEnter());
+  section.leave();
+  section.leave();
+  section.leave();
+}
+
+TEST(CriticalSection, AnotherThreadGetsInOnceEveryEntryIsLeft) {
+  CriticalSection section;
+  const auto othersTry = [&section] {
+    bool entered = false;
+    std::thread([&] {
+      entered = section.tryEnter();
+      if (entered) section.leave();
+    }).join();
+    return entered;
+  };
+  section.enter();
+  section.enter();
+  EXPECT_FALSE(othersTry());
+  section.leave();
+  EXPECT_FALSE(othersTry());
+  section.leave();
+  EXPECT_TRUE(othersTry());
+}
+
+TEST(CriticalSection, KeepsThreadsApart) {
+  CriticalSection section;
+  int count = 0;
+  const auto work = [&] {
+    for (int i = 0; i < 10000; ++i) {
+      section.enter();
+      ++count;
+      section.leave();
+    }
+  };
+  std::thread first(work);
+  std::thread second(work);
+  first.join();
+  second.join();
+  EXPECT_EQ(count, 20000);
+}
+
+TEST(Winsock, SucceedsWithoutDoingAnything) {
+  EXPECT_EQ(systemWinsock().startup(0x0202), 0);
+  EXPECT_EQ(systemWinsock().cleanup(), 0);
+}
+
+TEST(Ports, AreTheSystemsUnlessReplaced) {
+  EXPECT_EQ(ports().pipes, &systemPipes());
+  EXPECT_EQ(ports().events, &systemEvents());
+  EXPECT_EQ(ports().registry, &systemRegistry());
+  EXPECT_EQ(ports().folders, &systemFolders());
+  EXPECT_EQ(ports().clock, &systemWallClock());
+  EXPECT_EQ(ports().winsock, &systemWinsock());
+
+  Ports others = ports();
+  others.winsock = nullptr;
+  const Ports before = replacePorts(others);
+  EXPECT_EQ(before.winsock, &systemWinsock());
+  EXPECT_EQ(ports().winsock, nullptr);
+  EXPECT_EQ(ports().events, &systemEvents());
+  EXPECT_EQ(replacePorts(before).winsock, nullptr);
+  EXPECT_EQ(ports().winsock, &systemWinsock());
+}
+
+}  // namespace
+}  // namespace zelta::platform
