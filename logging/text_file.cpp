@@ -41,7 +41,8 @@ std::int64_t lengthOfWholeLines(const std::filesystem::path& path, std::int64_t 
   return 0;
 }
 
-// Removes half a line at the file's end. False where that cannot be done.
+// Removes half a line at the file's end. False where that cannot be done; it is tried once more
+// before the next line then.
 bool cutHalfLine(const std::filesystem::path& path) {
   std::error_code error;
   const auto size = static_cast<std::int64_t>(std::filesystem::file_size(path, error));
@@ -85,6 +86,7 @@ void TextFile::writeLine(const std::string& text) {
     empty_ = false;
   } else {
     stream_->close();  // opened anew for the next line
+    cutHalfLine(platform::nativePath(path_));
   }
 }
 
