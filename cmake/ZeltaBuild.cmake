@@ -40,6 +40,16 @@ if(ZELTA_SANITIZE)
   endif()
 endif()
 if(WIN32)
+  # Header-only libraries of the building system, without the rest of its headers.
+  set(ZELTA_HEADERS ${CMAKE_BINARY_DIR}/header-only)
+  file(MAKE_DIRECTORY ${ZELTA_HEADERS})
+  foreach(library fmt CLI)
+    if(NOT EXISTS /usr/include/${library})
+      message(FATAL_ERROR "The headers of ${library} are not installed")
+    endif()
+    file(CREATE_LINK /usr/include/${library} ${ZELTA_HEADERS}/${library} SYMBOLIC)
+  endforeach()
+  target_include_directories(zelta_options SYSTEM INTERFACE ${ZELTA_HEADERS})
   target_compile_definitions(zelta_options INTERFACE UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN
                                                      _WIN32_WINNT=0x0A00 FMT_HEADER_ONLY
                                                      __USE_MINGW_ANSI_STDIO=1)

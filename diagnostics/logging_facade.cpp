@@ -6,13 +6,13 @@
 #include <exception>
 #include <memory>
 #include <thread>
-#include <type_traits>
 #include <utility>
 
 #include "diagnostics/byte_dump.h"
 #include "diagnostics/log.h"
 #include "diagnostics/log_output.h"
 #include "logging/zelta_logging.h"
+#include "platform/never_destroyed.h"
 #include "platform/ports.h"
 #include "platform/sync.h"
 #include "platform/utf.h"
@@ -143,13 +143,12 @@ bool LoggerWrapper::isStoppedAfterWait() {
 // threads may still log, or may be gone already with a lock in their hands. Every line is on disk
 // by then, and the system takes back the rest.
 std::atomic<LoggerWrapper*> theLogger{nullptr};
-platform::Mutex creationMutex;  // NOLINT: trivially destructible
-static_assert(std::is_trivially_destructible_v<platform::Mutex>);
+platform::NeverDestroyed<platform::Mutex> creationMutex;
 
 // Null where it cannot be made; the next log call tries again.
 LoggerWrapper* loggerOfProcess() {
   if (LoggerWrapper* existing = theLogger.load(std::memory_order_acquire)) return existing;
-  MutexLock lock(creationMutex);
+  MutexLock lock(creationMutex.get());
   LoggerWrapper* logger = theLogger.load(std::memory_order_relaxed);
   if (logger != nullptr) return logger;
   try {
@@ -225,7 +224,7 @@ void setSessionLogId(const std::string& id) {
 }
 
 void shutDownLogging() {
-  MutexLock lock(creationMutex);
+  MutexLock lock(creationMutex.get());
   const std::unique_ptr<LoggerWrapper> ended(theLogger.exchange(nullptr));
 }
 

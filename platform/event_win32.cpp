@@ -1,6 +1,7 @@
 #include <windows.h>
 
 #include "platform/event.h"
+#include "platform/never_destroyed.h"
 
 namespace zelta::platform {
 
@@ -24,8 +25,8 @@ static_assert(WAIT_OBJECT_0 == 0 && WAIT_FAILED == kWaitFailed);
 }  // namespace
 
 EventApi& systemEvents() {
-  static Win32Events events;
-  return events;
+  static NeverDestroyed<Win32Events> events;
+  return events.get();
 }
 
 }  // namespace zelta::platform

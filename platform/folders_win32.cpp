@@ -5,6 +5,7 @@
 #include <shlobj.h>
 
 #include "platform/folders.h"
+#include "platform/never_destroyed.h"
 
 namespace zelta::platform {
 
@@ -33,8 +34,8 @@ class Win32Folders final : public FolderApi {
 }  // namespace
 
 FolderApi& systemFolders() {
-  static Win32Folders folders;
-  return folders;
+  static NeverDestroyed<Win32Folders> folders;
+  return folders.get();
 }
 
 }  // namespace zelta::platform

@@ -8,6 +8,7 @@
 // windows.h comes first
 #include <sddl.h>
 
+#include "platform/never_destroyed.h"
 #include "platform/pipe.h"
 
 namespace zelta::platform {
@@ -56,8 +57,8 @@ class Win32Pipes final : public PipeApi {
 }  // namespace
 
 PipeApi& systemPipes() {
-  static Win32Pipes pipes;
-  return pipes;
+  static NeverDestroyed<Win32Pipes> pipes;
+  return pipes.get();
 }
 
 }  // namespace zelta::platform

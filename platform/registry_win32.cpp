@@ -1,5 +1,6 @@
 #include <windows.h>
 
+#include "platform/never_destroyed.h"
 #include "platform/registry.h"
 
 namespace zelta::platform {
@@ -52,8 +53,8 @@ class Win32Registry final : public RegistryApi {
 }  // namespace
 
 RegistryApi& systemRegistry() {
-  static Win32Registry registry;
-  return registry;
+  static NeverDestroyed<Win32Registry> registry;
+  return registry.get();
 }
 
 }  // namespace zelta::platform

@@ -1,5 +1,6 @@
 #include <winsock2.h>
 
+#include "platform/never_destroyed.h"
 #include "platform/winsock.h"
 
 namespace zelta::platform {
@@ -19,8 +20,8 @@ class Win32Winsock final : public WinsockApi {
 }  // namespace
 
 WinsockApi& systemWinsock() {
-  static Win32Winsock winsock;
-  return winsock;
+  static NeverDestroyed<Win32Winsock> winsock;
+  return winsock.get();
 }
 
 }  // namespace zelta::platform
