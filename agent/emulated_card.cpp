@@ -14,6 +14,8 @@ namespace zelta::agent {
 namespace {
 
 constexpr int kLongestAtr = 64;
+constexpr std::size_t kInstructionAt = 1;
+constexpr std::uint8_t kVerify = 0x20;
 // A response with an extended length's worth of data and the status word.
 constexpr int kLongestResponse = 65536 + 2;
 
@@ -56,6 +58,15 @@ std::string optionText(const std::string& database, const std::vector<std::strin
     text += "," + nickname;
   }
   return text + ")";
+}
+
+// The library answers a wrong PIN with "conditions of use not satisfied", which software takes for
+// a broken card. A card says that the verification failed; the PIN has no count of tries.
+void correctWrongPin(const Bytes& command, Bytes* response) {
+  static const auto* const conditionsNotSatisfied = new Bytes{0x69, 0x85};  // never destroyed
+  static const auto* const wrongPin = new Bytes{0x63, 0xCF};                // never destroyed
+  if (command.size() <= kInstructionAt || command[kInstructionAt] != kVerify) return;
+  if (*response == *conditionsNotSatisfied) *response = *wrongPin;
 }
 
 }  // namespace
@@ -132,6 +143,7 @@ Bytes EmulatedCard::transmit(const Bytes& command) {
                         response.data(), &length);
   if (status != VREADER_OK || length <= 0) return {};
   response.resize(static_cast<std::size_t>(length));
+  correctWrongPin(command, &response);
   return response;
 }
 

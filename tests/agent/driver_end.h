@@ -1,0 +1,69 @@
+// The driver's side of the wire, for tests: server ends of both pipes and the exchanges as the
+// driver performs them, on the operating system's real pipes.
+//
+// One thread, except that `transmit` and `readEvent` may run at the same time. Calls block until
+// the agent does what they wait for; a test that it lets down ends by its time-out.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "agent/bytes.h"
+#include "agent_link/wire.h"
+#include "platform/pipe.h"
+
+namespace zelta::test {
+
+class DriverEnd {
+ public:
+  // Creates both pipes; the agent can connect from then on. Throws where one is in use.
+  explicit DriverEnd(std::uint32_t reader = 0);
+  ~DriverEnd();
+  DriverEnd(const DriverEnd&) = delete;
+  DriverEnd& operator=(const DriverEnd&) = delete;
+
+  // Waits for the agent on both pipes, command pipe first.
+  void accept();
+  // `accept`, and takes the session id.
+  std::string acceptSession();
+  void disconnect();
+  void disconnectEvents();
+  // Waits for the agent on the event pipe alone.
+  void acceptEvents();
+
+  // The next event's code; nothing where the agent is gone.
+  std::optional<std::uint32_t> readEvent();
+  std::string readSessionId();
+
+  // Each is nothing where the agent dropped the connection; an empty answer is one of length 0.
+  std::optional<agent::Bytes> queryAtr(AgentCommand command);
+  std::optional<agent::Bytes> transmit(const agent::Bytes& apdu);
+  // The two halves of `transmit`.
+  bool sendTransmit(const agent::Bytes& apdu);
+  std::optional<agent::Bytes> readAnswer();
+  bool notifyReady();
+
+  // What no driver does.
+  bool writeToEventPipe(const agent::Bytes& bytes);
+
+  bool sendNumber(std::uint32_t number);
+  bool sendBytes(const agent::Bytes& bytes);
+  // Waits until the agent has dropped the connection; false where it answered instead.
+  bool waitForDrop();
+
+ private:
+  void connect(platform::PipeHandleValue pipe);
+  std::optional<std::uint32_t> readNumber(platform::PipeHandleValue pipe);
+
+  platform::PipeApi& pipes_;
+  platform::PipeHandleValue commands_;
+  platform::PipeHandleValue events_;
+};
+
+// An event as `readEvent` gives it.
+inline std::optional<std::uint32_t> event(AgentEvent code) {
+  return static_cast<std::uint32_t>(code);
+}
+
+}  // namespace zelta::test
