@@ -1,0 +1,79 @@
+// What pcscd is shown of the card in one reader, between the driver's presence requests on one
+// side and pcscd's calls on the other.
+//
+// A removal counts from the moment that the driver reports it. From then on pcscd is told "no
+// card" until it has come back for the removal: until it enters the polling function again after
+// having left it, or not having been in it, because of the removal. Only then is a card that is
+// back shown, so that no swap is missed however quick, and no half of pcscd sees the new card
+// while the other still works with the old one.
+//
+// Threads: any. The mutex is a leaf: nothing is called while it is held. The driver's side may be
+// called under the driver's locks.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <thread>
+
+#include "platform/sync.h"
+
+namespace zelta::pcsc {
+
+// Counts the cards that pcscd was shown, 1 for the first; a card that is shown again after a
+// removal is another one.
+using CardNumber = std::uint64_t;
+inline constexpr CardNumber kNoCard = 0;
+
+class CardPresence {
+ public:
+  // --- The driver's side ---
+
+  // A request that ends with the next card's removal is about to be made.
+  void expectCard() ZELTA_EXCLUDES(mutex_);
+  // That request waits in the driver: shows the card. False where the card has left already; it
+  // was never shown then.
+  bool cardEntered() ZELTA_EXCLUDES(mutex_);
+  // That request has ended.
+  void cardLeft() ZELTA_EXCLUDES(mutex_);
+
+  // --- pcscd's side ---
+
+  // The card that pcscd may use now.
+  CardNumber card() const ZELTA_EXCLUDES(mutex_);
+  // The same, for pcscd's own question: its polling thread then need not be told of this card.
+  CardNumber reportCard() ZELTA_EXCLUDES(mutex_);
+  // Makes pcscd see `card` leave and, if it is still in, enter once more. Nothing where it is no
+  // longer the card shown.
+  void cycle(CardNumber card) ZELTA_EXCLUDES(mutex_);
+  // The polling function: returns the moment a change is there that the caller has not been told
+  // of, when stopped, or when the time has run out.
+  void awaitChange(std::chrono::milliseconds limit) ZELTA_EXCLUDES(mutex_);
+  // Ends `awaitChange`: the one that waits now, or else the next one.
+  void stopAwaiting() ZELTA_EXCLUDES(mutex_);
+  // Ends every `awaitChange` from now on.
+  void close() ZELTA_EXCLUDES(mutex_);
+
+ private:
+  enum class Removal {
+    kNone,
+    kUntold,  // the polling function has not returned for it yet
+    kTold,    // it has; the next time it is entered pcscd has dealt with the removal
+  };
+
+  void latchRemoval() ZELTA_REQUIRES(mutex_);
+  bool shown() const ZELTA_REQUIRES(mutex_) { return in_ && removal_ == Removal::kNone; }
+  bool untoldCard() const ZELTA_REQUIRES(mutex_);
+
+  mutable platform::Mutex mutex_;
+  platform::ConditionVariable changed_;
+  bool in_ ZELTA_GUARDED_BY(mutex_) = false;         // as the driver has it
+  bool leftEarly_ ZELTA_GUARDED_BY(mutex_) = false;  // before it was shown
+  Removal removal_ ZELTA_GUARDED_BY(mutex_) = Removal::kNone;
+  CardNumber number_ ZELTA_GUARDED_BY(mutex_) = kNoCard;
+  bool cardTold_ ZELTA_GUARDED_BY(mutex_) = false;       // by the polling function
+  std::thread::id cardSeenBy_ ZELTA_GUARDED_BY(mutex_);  // the latest that asked and saw it
+  bool stopped_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool closed_ ZELTA_GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace zelta::pcsc

@@ -1,0 +1,120 @@
+#include "pcsc/channel_table.h"
+
+#include <exception>
+#include <utility>
+
+#include "pcsc/reader_names.h"
+
+namespace zelta::pcsc {
+
+using platform::MutexLock;
+
+ChannelTable::ChannelTable(Surroundings surroundings) : surroundings_(std::move(surroundings)) {}
+
+ChannelTable::Entry* ChannelTable::enter(DWORD lun) {
+  const MutexLock lock(mutex_);
+  const auto found = entries_.find(lun);
+  if (found == entries_.end() || found->second.closing) return nullptr;
+  ++found->second.inside;
+  return &found->second;
+}
+
+void ChannelTable::leave(Entry& entry) {
+  const MutexLock lock(mutex_);
+  if (--entry.inside == 0) left_.notifyAll();
+}
+
+RESPONSECODE ChannelTable::open(DWORD lun, std::uint32_t readerIndex) {
+  const MutexLock openLock(openMutex_);
+  if (isTaken(lun, readerIndex)) return IFD_COMMUNICATION_ERROR;
+  try {
+    if (!host_) bringUpHost();
+    const RESPONSECODE code = openOnHost(lun, readerIndex);
+    dropIdleHost();
+    return code;
+  } catch (const std::exception& failure) {
+    surroundings_.log(LogLevel::kCritical,
+                      "reader " + readerName(readerIndex) + " cannot be had: " + failure.what());
+    dropIdleHost();
+    return IFD_COMMUNICATION_ERROR;
+  }
+}
+
+bool ChannelTable::isTaken(DWORD lun, std::uint32_t readerIndex) {
+  const MutexLock lock(mutex_);
+  if (entries_.count(lun) != 0) {
+    surroundings_.log(LogLevel::kError, "channel " + std::to_string(lun) + " is open already");
+    return true;
+  }
+  for (const auto& [otherLun, entry] : entries_) {
+    if (entry.readerIndex != readerIndex) continue;
+    surroundings_.log(LogLevel::kCritical,
+                      "reader " + readerName(readerIndex) +
+                          " is in use already: two entries of reader.conf name it");
+    return true;
+  }
+  return false;
+}
+
+void ChannelTable::bringUpHost() {
+  host::HostOptions options;
+  options.driverError = [log = surroundings_.log](const std::string& text) {
+    log(LogLevel::kError, text);
+  };
+  std::unique_ptr<host::DriverHost> loaded =
+      surroundings_.loadHost(surroundings_.modulePath(), std::move(options));
+  loaded->bringUp();
+  host_ = std::move(loaded);
+}
+
+RESPONSECODE ChannelTable::openOnHost(DWORD lun, std::uint32_t readerIndex) {
+  std::shared_ptr<host::File> file = host_->open(interfaceName(readerIndex));
+  if (!file) {
+    surroundings_.log(LogLevel::kError, "the driver has no reader " + readerName(readerIndex));
+    return IFD_NO_SUCH_DEVICE;
+  }
+  auto channel = std::make_unique<Channel>(std::move(file), surroundings_.log);
+  const MutexLock lock(mutex_);
+  Entry& entry = entries_[lun];
+  entry.readerIndex = readerIndex;
+  entry.channel = std::move(channel);
+  return IFD_SUCCESS;
+}
+
+void ChannelTable::dropIdleHost() {
+  {
+    const MutexLock lock(mutex_);
+    if (!entries_.empty()) return;
+  }
+  host_.reset();
+}
+
+RESPONSECODE ChannelTable::close(DWORD lun) {
+  const MutexLock openLock(openMutex_);
+  bool last = false;
+  Channel* channel = nullptr;
+  {
+    const MutexLock lock(mutex_);
+    const auto found = entries_.find(lun);
+    if (found == entries_.end()) return IFD_NO_SUCH_DEVICE;
+    found->second.closing = true;
+    channel = found->second.channel.get();
+    last = entries_.size() == 1;
+  }
+  channel->close();
+  // Ends what still runs on the channel; where others need the host it ends by itself.
+  if (last) host_->tearDown();
+  std::unique_ptr<Channel> closed;
+  {
+    MutexLock lock(mutex_);
+    Entry& entry = entries_.at(lun);
+    left_.wait(lock, [&entry] { return entry.inside == 0; });
+    closed = std::move(entry.channel);
+    entries_.erase(lun);
+  }
+  closed.reset();
+  dropIdleHost();
+  return IFD_SUCCESS;
+}
+
+}  // namespace zelta::pcsc

@@ -1,0 +1,90 @@
+// The open channels by pcscd's reader number, and the one driver host that they share.
+//
+// The host is loaded and brought up with the first channel and taken down and unloaded with the
+// last one. A reader of the driver belongs to one channel at a time.
+//
+// Threads: any. Opening and closing are serialised. A use keeps its channel alive; `close` makes
+// the calls inside it end and waits for them. Locks, in order: open mutex, table mutex; neither is
+// held while a channel works, the open mutex alone while the host comes up or goes down.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "host/driver_host.h"
+#include "pcsc/channel.h"
+#include "platform/sync.h"
+
+namespace zelta::pcsc {
+
+// What the table needs of the process around it.
+struct Surroundings {
+  // Loads the driver host; throws HostError.
+  std::function<std::unique_ptr<host::DriverHost>(const std::string& modulePath,
+                                                  host::HostOptions options)>
+      loadHost;
+  std::function<std::string()> modulePath;
+  Log log;
+};
+
+class ChannelTable {
+ private:
+  struct Entry {
+    std::uint32_t readerIndex = 0;
+    std::unique_ptr<Channel> channel;
+    std::size_t inside = 0;  // calls that use the channel now
+    bool closing = false;
+  };
+
+ public:
+  explicit ChannelTable(Surroundings surroundings);
+  ChannelTable(const ChannelTable&) = delete;
+  ChannelTable& operator=(const ChannelTable&) = delete;
+
+  // One call's hold on a channel, for a scope.
+  class Use {
+   public:
+    Use(ChannelTable& table, DWORD lun) : table_(table), entry_(table.enter(lun)) {}
+    ~Use() {
+      if (entry_ != nullptr) table_.leave(*entry_);
+    }
+    Use(const Use&) = delete;
+    Use& operator=(const Use&) = delete;
+
+    // Null where no channel of that number is open.
+    Channel* channel() const { return entry_ == nullptr ? nullptr : entry_->channel.get(); }
+
+   private:
+    ChannelTable& table_;
+    Entry* const entry_;  // the table's, kept by `inside`
+  };
+
+  // IFD_SUCCESS, also with no agent; IFD_NO_SUCH_DEVICE where the driver has no such reader;
+  // IFD_COMMUNICATION_ERROR where the driver does not come up or the reader or number is taken.
+  // Each failure is logged.
+  RESPONSECODE open(DWORD lun, std::uint32_t readerIndex) ZELTA_EXCLUDES(openMutex_, mutex_);
+  // IFD_NO_SUCH_DEVICE where none is open. Takes as long as the driver takes to finish what it
+  // does for this channel.
+  RESPONSECODE close(DWORD lun) ZELTA_EXCLUDES(openMutex_, mutex_);
+
+ private:
+  Entry* enter(DWORD lun) ZELTA_EXCLUDES(mutex_);
+  void leave(Entry& entry) ZELTA_EXCLUDES(mutex_);
+
+  bool isTaken(DWORD lun, std::uint32_t readerIndex) ZELTA_REQUIRES(openMutex_);
+  void bringUpHost() ZELTA_REQUIRES(openMutex_);
+  RESPONSECODE openOnHost(DWORD lun, std::uint32_t readerIndex) ZELTA_REQUIRES(openMutex_);
+  void dropIdleHost() ZELTA_REQUIRES(openMutex_);
+
+  const Surroundings surroundings_;
+  platform::Mutex openMutex_;
+  std::unique_ptr<host::DriverHost> host_ ZELTA_GUARDED_BY(openMutex_);
+  platform::Mutex mutex_;
+  platform::ConditionVariable left_;
+  // Changed with both mutexes held.
+  std::map<DWORD, Entry> entries_ ZELTA_GUARDED_BY(mutex_);
+};
+
+}  // namespace zelta::pcsc

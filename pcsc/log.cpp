@@ -1,0 +1,18 @@
+#include "pcsc/log.h"
+
+#include <cstdio>
+
+// Null where the library is not loaded by pcscd.
+extern "C" __attribute__((weak)) void log_msg(int priority, const char* format, ...);
+
+namespace zelta::pcsc {
+
+void logToDaemon(LogLevel level, const std::string& text) {
+  if (log_msg != nullptr) {
+    log_msg(static_cast<int>(level), "zelta: %s", text.c_str());
+  } else {
+    std::fprintf(stderr, "zelta: %s\n", text.c_str());
+  }
+}
+
+}  // namespace zelta::pcsc

@@ -1,0 +1,19 @@
+// Where the handler's own lines go: pcscd's log, which the daemon offers to the libraries that it
+// loads, or the standard error output where the process offers none.
+//
+// Any thread may call.
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace zelta::pcsc {
+
+// pcscd's numbers.
+enum class LogLevel { kDebug = 0, kInfo = 1, kError = 2, kCritical = 3 };
+
+using Log = std::function<void(LogLevel, const std::string&)>;
+
+void logToDaemon(LogLevel level, const std::string& text);
+
+}  // namespace zelta::pcsc

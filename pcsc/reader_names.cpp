@@ -1,0 +1,47 @@
+#include "pcsc/reader_names.h"
+
+#include <dlfcn.h>
+
+#include <charconv>
+#include <cstdlib>
+
+namespace zelta::pcsc {
+
+namespace {
+
+constexpr char kModuleVariable[] = "ZELTA_MODULE";
+constexpr char kModuleFile[] = "libzelta_vsc.so";
+
+// Its address tells which file this code came from.
+constexpr char kInThisFile = 0;
+
+}  // namespace
+
+std::optional<std::uint32_t> readerIndexOf(const std::string& deviceName) {
+  const std::size_t colon = deviceName.rfind(':');
+  if (colon == std::string::npos) return 0;
+  const char* const begin = deviceName.data() + colon + 1;
+  const char* const end = deviceName.data() + deviceName.size();
+  std::uint32_t index = 0;
+  const auto [parsed, error] = std::from_chars(begin, end, index);
+  if (error != std::errc() || parsed != end) return std::nullopt;
+  return index;
+}
+
+std::wstring interfaceName(std::uint32_t readerIndex) {
+  return L"dev" + std::to_wstring(readerIndex);
+}
+
+std::string readerName(std::uint32_t readerIndex) { return "dev" + std::to_string(readerIndex); }
+
+std::string modulePath() {
+  const char* const named = std::getenv(kModuleVariable);
+  if (named != nullptr && *named != '\0') return named;
+  Dl_info own = {};
+  std::string path;
+  if (dladdr(&kInThisFile, &own) != 0 && own.dli_fname != nullptr) path = own.dli_fname;
+  const std::size_t slash = path.rfind('/');
+  return (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) + kModuleFile;
+}
+
+}  // namespace zelta::pcsc
