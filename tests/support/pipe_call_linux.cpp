@@ -1,0 +1,78 @@
+#include "tests/support/pipe_call.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <ostream>
+#include <string>
+#include <utility>
+
+#include "platform/error.h"
+
+namespace zelta::test {
+
+namespace {
+
+bool waitsForDescriptors(int threadId) {
+  std::ifstream file("/proc/self/task/" + std::to_string(threadId) + "/syscall");
+  long call = -1;
+  // A thread that runs has no number there.
+  if (!(file >> call)) return false;
+#if defined(SYS_poll)
+  if (call == SYS_poll) return true;
+#endif
+#if defined(SYS_epoll_wait)
+  if (call == SYS_epoll_wait) return true;
+#endif
+  return call == SYS_ppoll || call == SYS_epoll_pwait;
+}
+
+}  // namespace
+
+void PrintTo(const PipeOutcome& outcome, std::ostream* stream) {
+  if (outcome.ok) {
+    *stream << "success";
+  } else {
+    *stream << "error " << outcome.error;
+  }
+}
+
+PipeOutcome outcomeOf(const std::function<bool()>& call) {
+  PipeOutcome outcome;
+  outcome.ok = call();
+  outcome.error = outcome.ok ? 0 : platform::lastError();
+  return outcome;
+}
+
+PipeCallThread::PipeCallThread(std::function<bool()> call)
+    : thread_([this, call = std::move(call)] {
+        threadId_ = static_cast<int>(syscall(SYS_gettid));
+        outcome_ = outcomeOf(call);
+        ended_ = true;
+      }) {}
+
+PipeCallThread::~PipeCallThread() {
+  if (thread_.joinable()) thread_.join();
+}
+
+void PipeCallThread::waitUntilBlocked() {
+  while (!ended_ && (threadId_ == 0 || !waitsForDescriptors(threadId_))) std::this_thread::yield();
+}
+
+std::uint64_t PipeCallThread::sleeps() const {
+  std::ifstream file("/proc/self/task/" + std::to_string(threadId_) + "/status");
+  std::string word;
+  std::uint64_t count = 0;
+  while (file >> word && word != "voluntary_ctxt_switches:") {
+  }
+  file >> count;
+  return count;
+}
+
+PipeOutcome PipeCallThread::outcome() {
+  if (thread_.joinable()) thread_.join();
+  return outcome_;
+}
+
+}  // namespace zelta::test

@@ -1,0 +1,46 @@
+// Sockets and processes that do not go through the pipes: what a stranger would do with a path.
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "platform/scoped_fd_linux.h"
+
+namespace zelta::test {
+
+// A stream socket bound to the path; with a queue it listens. None where the path is taken.
+platform::ScopedFd bindSocket(const std::string& path, int queue = -1);
+// One attempt. The error number, 0 where it connected.
+int connectSocket(const std::string& path, platform::ScopedFd* socket, bool blocking = true);
+// True where no client waits to be accepted by a listening socket.
+bool nobodyWaits(const platform::ScopedFd& listening);
+
+// Runs a function in a forked process and returns its result (0 to 255), -1 where it did not end
+// by itself. The process leaves at once, as one that was killed: no destructor runs.
+int inProcess(const std::function<int()>& body);
+
+// Makes the calling process (a forked one) that user with those groups for good. Needs root.
+bool becomeUser(uid_t user, gid_t group, const std::vector<gid_t>& groups = {});
+
+// A forked process that runs `body` and then waits until this object goes.
+class OtherProcess {
+ public:
+  // Returns when `body` has run.
+  explicit OtherProcess(const std::function<bool()>& body);
+  ~OtherProcess();
+  OtherProcess(const OtherProcess&) = delete;
+  OtherProcess& operator=(const OtherProcess&) = delete;
+
+  // What `body` returned.
+  bool ready() const { return ready_; }
+
+ private:
+  platform::ScopedFd release_;
+  pid_t process_ = -1;
+  bool ready_ = false;
+};
+
+}  // namespace zelta::test
