@@ -1,0 +1,276 @@
+// The driver's logger on the real system: registry file, clock, full speed, exit, system calls.
+#include <gtest/gtest.h>
+#include <linux/audit.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <thread>
+
+#include "diagnostics/log.h"
+#include "diagnostics/log_output.h"
+#include "platform/ports.h"
+#include "tests/support/log_files.h"
+#include "tests/support/process_state.h"
+#include "tests/support/small_disk.h"
+#include "tests/support/temp_folder.h"
+
+namespace zelta {
+namespace {
+
+namespace fs = std::filesystem;
+using test::LogLine;
+
+constexpr char kSession[] = "0f8fad5b-d9cb-469f-a165-70867728950e";
+constexpr int kThreads = 16;
+
+class RealLoggingTest : public ::testing::Test {
+ protected:
+  RealLoggingTest() { fs::create_directories(logs()); }
+  ~RealLoggingTest() override { shutDownLogging(); }
+
+  fs::path logs() const { return folder_.path() / "Vornhalt" / "ZeltaAgent" / "logs"; }
+  void writeRegistry(int mode) {
+    std::ofstream(folder_.file("new"))
+        << "Windows Registry Editor Version 5.00\n\n"
+           "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Policies\\Vornhalt\\Zelta\\zelta_admin]\n"
+           "\"zelta.event_filter_mode\"=dword:0000000"
+        << mode
+        << "\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Vornhalt\\ZeltaAgent]\n"
+           "\"ZeltaLogRotationTime\"=\"0\"\n";
+    fs::rename(folder_.file("new"), folder_.file("registry.reg"));
+  }
+
+  test::TempFolder folder_;
+  test::ScopedVariable data_{"ZELTA_PROGRAM_DATA", folder_.path().string()};
+  test::ScopedVariable registry_{"ZELTA_REGISTRY", folder_.file("registry.reg")};
+};
+
+// The system's registry, counting looks at the policy.
+class CountingRegistry final : public platform::RegistryApi {
+ public:
+  explicit CountingRegistry(platform::RegistryApi& real) : real_(real) {}
+
+  void awaitLooks(std::size_t more) {
+    platform::MutexLock lock(mutex_);
+    const std::size_t wanted = looks_ + more;
+    looked_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return looks_ >= wanted; });
+  }
+
+  std::uint32_t getDword(const std::u16string& key, const std::u16string& value,
+                         std::uint32_t* out) override {
+    {
+      platform::MutexLock lock(mutex_);
+      ++looks_;
+    }
+    looked_.notifyAll();
+    return real_.getDword(key, value, out);
+  }
+  std::uint32_t openKey(const std::u16string& key, platform::RegistryKey* out) override {
+    return real_.openKey(key, out);
+  }
+  std::uint32_t queryValue(platform::RegistryKey key, const std::u16string& value,
+                           std::uint32_t* type, void* data, std::uint32_t* size) override {
+    return real_.queryValue(key, value, type, data, size);
+  }
+  std::uint32_t notifyChange(platform::RegistryKey key, platform::EventHandle event) override {
+    return real_.notifyChange(key, event);
+  }
+  void closeKey(platform::RegistryKey key) override { real_.closeKey(key); }
+
+ private:
+  platform::RegistryApi& real_;
+  platform::Mutex mutex_;
+  platform::ConditionVariable looked_;
+  std::size_t looks_ ZELTA_GUARDED_BY(mutex_) = 0;
+};
+
+TEST_F(RealLoggingTest, PolicyOfTheRegistryFileIsFollowedWithinTwoLooks) {
+  CountingRegistry registry(*platform::ports().registry);
+  platform::Ports with = platform::ports();
+  with.registry = &registry;
+  const platform::Ports before = platform::replacePorts(with);
+  writeRegistry(1);
+  logInfo("dropped");
+  logError(1, "written");
+  writeRegistry(3);
+  registry.awaitLooks(2);  // the second one begins when the first one's result is in force
+  logDebug("written");
+  writeRegistry(2);
+  registry.awaitLooks(2);
+  logDebug("dropped");
+  shutDownLogging();
+  platform::replacePorts(before);
+  EXPECT_EQ(test::summaries(test::recordsIn(logs())),
+            (std::vector<std::string>{"<ERROR> 1 written", "<DEBUG> 0 written"}));
+}
+
+// Every message "LABEL/N" comes once, N from 0 to `count` - 1 in order within its label.
+void expectAllLines(const std::vector<std::string>& messages, int labels, int count) {
+  std::map<std::string, int> next;
+  for (const std::string& message : messages) {
+    const std::size_t slash = message.find('/');
+    ASSERT_NE(slash, std::string::npos) << message;
+    ASSERT_EQ(message.substr(slash + 1), std::to_string(next[message.substr(0, slash)]++));
+  }
+  EXPECT_EQ(next.size(), static_cast<std::size_t>(labels));
+  for (const auto& [label, seen] : next) EXPECT_EQ(seen, count) << label;
+}
+
+TEST_F(RealLoggingTest, NewSessionsUnderLoadLoseAndTearNoLine) {
+  constexpr int kLines = 500;
+  constexpr int kSessions = 50;
+  writeRegistry(2);
+  logInfo("main/0");
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([i] {
+      for (int line = 0; line < kLines; ++line) logInfo("t%d/%d", i, line);
+    });
+  }
+  for (int i = 0; i < kSessions; ++i) setSessionLogId(kSession);
+  for (std::thread& thread : threads) thread.join();
+  shutDownLogging();
+  EXPECT_EQ(test::filesIn(logs()).size(), kSessions + 1u);
+  std::vector<std::string> messages = test::messagesOf(test::recordsIn(logs()));
+  ASSERT_FALSE(messages.empty());
+  EXPECT_EQ(messages.front(), "main/0");
+  messages.erase(messages.begin());
+  expectAllLines(messages, kThreads, kLines);
+}
+
+TEST_F(RealLoggingTest, DumpsOfManyThreadsAreNeverMixedWithOtherRecords) {
+  constexpr int kDumps = 40;
+  constexpr std::size_t kDumpLength = 100;  // 7 lines
+  writeRegistry(3);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([i] {
+      const std::vector<std::uint8_t> bytes(kDumpLength, static_cast<std::uint8_t>(i));
+      for (int dump = 0; dump < kDumps; ++dump) {
+        logInfo("between");
+        logByteDump(bytes.data(), bytes.size(), 16);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  shutDownLogging();
+  std::vector<LogLine> records = test::recordsIn(logs());
+  ASSERT_FALSE(records.empty());
+  records.erase(records.begin());  // the rotation time's
+  ASSERT_EQ(records.size(), static_cast<std::size_t>(kThreads * kDumps * 9));
+  for (std::size_t i = 0; i < records.size();) {
+    if (records[i].message == "between") {
+      ++i;
+      continue;
+    }
+    ASSERT_EQ(records[i].message, "100 byte dump:");
+    const std::string value = records[i + 1].message.substr(0, 3);
+    for (std::size_t line = 1; line <= 7; ++line) {
+      std::string expected;
+      for (int byte = 0; byte < (line < 7 ? 16 : 4); ++byte) expected += value;
+      ASSERT_EQ(records[i + line].message, expected);
+      ASSERT_EQ(records[i + line].thread, records[i].thread);
+    }
+    i += 8;
+  }
+}
+
+TEST_F(RealLoggingTest, BeginningAndEndingManyTimesLeavesNothing) {
+  writeRegistry(2);
+  logInfo("text");
+  shutDownLogging();
+  const std::size_t threads = test::threadCount();
+  const std::vector<std::string> open = test::openFiles();
+  for (int i = 0; i < 200; ++i) {
+    logInfo("text");
+    setSessionLogId(kSession);
+    shutDownLogging();
+  }
+  EXPECT_EQ(test::threadCount(), threads);
+  EXPECT_EQ(test::openFiles(), open);
+  EXPECT_EQ(test::filesIn(logs()).size(), 401u);
+}
+
+TEST_F(RealLoggingTest, FullDiskLosesLinesAndNothingElse) {
+  writeRegistry(2);
+  test::onSmallDisk(64 * 1024, [](const fs::path& disk) {
+    const test::ScopedVariable data("ZELTA_PROGRAM_DATA", disk.string());
+    const fs::path folder = disk / "Vornhalt" / "ZeltaAgent" / "logs";
+    fs::create_directories(folder);
+    logInfo("before");
+    test::fillDisk(disk / "other");
+    for (int i = 0; i < 100; ++i) logInfo("%s", std::string(200, 'x').c_str());
+    setSessionLogId(kSession);
+    logInfo("lost");
+    fs::remove(disk / "other");
+    logInfo("after");
+    shutDownLogging();
+    ASSERT_EQ(test::filesIn(folder).size(), 2u);
+    EXPECT_EQ(test::recordsOf(test::filesIn(folder)[0])[0].message, "before");
+    EXPECT_EQ(test::recordsOf(test::filesIn(folder)[1]).back().message, "after");
+  });
+}
+
+// From here on any system call of the thread but the process's end kills the process.
+bool forbidSystemCalls() {
+  std::array<sock_filter, 4> program = {
+      sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_exit_group, 0, 1),
+      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS)};
+  sock_fprog filter = {program.size(), program.data()};
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
+int statusOfChild(void (*run)()) {
+  const pid_t process = fork();
+  if (process == 0) {
+    run();
+    _exit(1);
+  }
+  int status = -1;
+  EXPECT_EQ(waitpid(process, &status, 0), process);
+  return status;
+}
+
+TEST_F(RealLoggingTest, CallBelowTheThresholdTakesNoSystemCall) {
+  writeRegistry(2);
+  const int status = statusOfChild([] {
+    logInfo("the logger is there");
+    logDebug("and everything that is made once");
+    const std::array<std::uint8_t, 64> bytes{};
+    if (!forbidSystemCalls()) _exit(2);
+    for (int i = 0; i < 1'000; ++i) {
+      logDebug("text %d %s", i, "more");
+      logByteDump(bytes.data(), bytes.size(), 16);
+    }
+    _exit(0);
+  });
+  ASSERT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST_F(RealLoggingTest, ForbiddenSystemCallsAreNoticed) {
+  writeRegistry(2);
+  const int status = statusOfChild([] {
+    logInfo("the logger is there");
+    if (!forbidSystemCalls()) _exit(2);
+    logInfo("written");
+    _exit(0);
+  });
+  EXPECT_TRUE(WIFSIGNALED(status));
+}
+
+}  // namespace
+}  // namespace zelta
