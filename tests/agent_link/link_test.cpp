@@ -1,5 +1,6 @@
 #include "tests/agent_link/link_test.h"
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -21,6 +22,16 @@ bool LogWaiter::waitForCount(const std::string& text, std::size_t count) {
   std::unique_lock<std::mutex> lock(mutex_);
   return logged_.wait_for(lock, std::chrono::seconds(30),
                           [&] { return log_.count(text) >= count; });
+}
+
+bool LogWaiter::waitForBeginning(const std::string& beginning) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return logged_.wait_for(lock, std::chrono::seconds(30), [&] {
+    const std::vector<LogRecord> records = log_.records();
+    return std::any_of(records.begin(), records.end(), [&](const LogRecord& record) {
+      return record.text.compare(0, beginning.size(), beginning) == 0;
+    });
+  });
 }
 
 LinkTest::LinkTest() : root_("ZELTA_PIPE_ROOT", folder_.path().string()), waiter_(log_) {}

@@ -34,12 +34,15 @@ class ScopedPipes {
   const platform::Ports before_;
 };
 
-// Waits for a log line to come that many times.
+// Waits for log lines.
 class LogWaiter {
  public:
   explicit LogWaiter(LogCapture& log);
   ~LogWaiter();
+  // For a line to be there that many times.
   bool waitForCount(const std::string& text, std::size_t count);
+  // For a line that begins so.
+  bool waitForBeginning(const std::string& beginning);
 
  private:
   LogCapture& log_;
@@ -70,6 +73,8 @@ class LinkTest : public ::testing::Test {
   bool waitForCount(const std::string& text, std::size_t count) {
     return waiter_.waitForCount(text, count);
   }
+  // Until both pipes are there.
+  bool waitUntilCreated() { return waiter_.waitForBeginning("Event pipe created:"); }
 
   TempFolder folder_;
   ScopedVariable root_;

@@ -1,6 +1,7 @@
 #include "tests/support/link_requests.h"
 
 #include <cstring>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 
@@ -46,6 +47,11 @@ class LinkDevice::Callback final
 LinkDevice::LinkDevice() : callback_(framework::createObject<Callback>()) {}
 
 LinkDevice::~LinkDevice() { callback_->Release(); }
+
+platform::CriticalSection& LinkDevice::deviceLock() {
+  if (failsLock_) throw std::runtime_error("no lock");
+  return lock_;
+}
 
 framework::HRESULT LinkDevice::queryInterface(framework::REFIID iid, void** out) {
   return callback_->QueryInterface(iid, out);
@@ -189,29 +195,29 @@ bool LinkRequest::waitForCompletion() {
   });
 }
 
-framework::HRESULT LinkRequest::status() {
+framework::HRESULT LinkRequest::status() const {
   const platform::MutexLock lock(mutex_);
   return status_;
 }
 
-std::size_t LinkRequest::information() {
+std::size_t LinkRequest::information() const {
   const platform::MutexLock lock(mutex_);
   return information_;
 }
 
-bool LinkRequest::completedPlainly() {
+bool LinkRequest::completedPlainly() const {
   const platform::MutexLock lock(mutex_);
   return plain_;
 }
 
-std::vector<std::uint8_t> LinkRequest::output() { return output_; }
+std::vector<std::uint8_t> LinkRequest::output() const { return output_; }
 
-int LinkRequest::completions() {
+int LinkRequest::completions() const {
   const platform::MutexLock lock(mutex_);
   return completions_;
 }
 
-int LinkRequest::references() {
+int LinkRequest::references() const {
   const platform::MutexLock lock(mutex_);
   return references_;
 }

@@ -4,6 +4,7 @@
 // Any thread may call. A wait that is not fulfilled within 30 seconds gives false.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <vector>
@@ -25,7 +26,8 @@ class LinkDevice final : public ReaderDevice {
   LinkDevice();
   ~LinkDevice();
 
-  platform::CriticalSection& deviceLock() override { return lock_; }
+  // Throws std::runtime_error ("no lock") while it was told to.
+  platform::CriticalSection& deviceLock() override;
   framework::HRESULT queryInterface(framework::REFIID iid, void** out) override;
 
   // The reader whose requests are cancelled; none: cancelled requests are left as they are.
@@ -36,6 +38,7 @@ class LinkDevice final : public ReaderDevice {
   // `watchLock` was called before: each look costs a thread.
   void watchLock() { watchesLock_ = true; }
   bool lockAlwaysHeld();
+  void failLock(bool fail) { failsLock_ = fail; }
 
  private:
   friend class LinkRequest;
@@ -47,6 +50,7 @@ class LinkDevice final : public ReaderDevice {
 
   platform::CriticalSection lock_;
   bool watchesLock_ = false;
+  std::atomic<bool> failsLock_{false};
   platform::Mutex mutex_;
   Reader* reader_ ZELTA_GUARDED_BY(mutex_) = nullptr;
   std::vector<const LinkRequest*> completed_ ZELTA_GUARDED_BY(mutex_);
@@ -81,14 +85,14 @@ class LinkRequest final : public IoRequest {
   bool waitUntilMarked();
   bool waitForCompletion();
   // Only valid after a completion.
-  framework::HRESULT status();
-  std::size_t information();
+  framework::HRESULT status() const;
+  std::size_t information() const;
   // Completed by `complete`, without a byte count.
-  bool completedPlainly();
-  std::vector<std::uint8_t> output();
+  bool completedPlainly() const;
+  std::vector<std::uint8_t> output() const;
 
-  int completions();
-  int references();  // taken and not given back
+  int completions() const;
+  int references() const;  // taken and not given back
 
  private:
   void finish(framework::HRESULT status, std::size_t information, bool plain);
@@ -96,7 +100,7 @@ class LinkRequest final : public IoRequest {
   LinkDevice& device_;
   std::vector<std::uint8_t> input_;
   std::vector<std::uint8_t> output_;
-  platform::Mutex mutex_;
+  mutable platform::Mutex mutex_;
   platform::ConditionVariable changed_;
   bool marked_ ZELTA_GUARDED_BY(mutex_) = false;
   bool wasMarked_ ZELTA_GUARDED_BY(mutex_) = false;

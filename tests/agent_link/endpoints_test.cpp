@@ -1,0 +1,374 @@
+// The two pipe ends: how they are created, connected, disconnected and named.
+#include <gtest/gtest.h>
+
+#include "agent_link/wire.h"
+#include "driver/smartcard_ioctl.h"
+#include "driver/status.h"
+#include "tests/agent_link/scripted_link.h"
+#include "tests/support/link_agent.h"
+
+namespace zelta::test {
+namespace {
+
+using Records = std::vector<LogRecord>;
+using Trace = std::vector<std::string>;
+
+constexpr std::uint32_t kDenied = platform::error::kAccessDenied;
+
+// A failed connect is retried after so long: once per test at most.
+constexpr std::chrono::hours kNever{1};
+
+std::string printed(const void* handle) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%p", handle);
+  return text;
+}
+
+class Endpoints : public ScriptedLink {
+ protected:
+  // Without the lines of requests and queries.
+  Records pipeRecords() const {
+    Records records;
+    for (const LogRecord& record : log_.records()) {
+      if (record.text.front() != '[') records.push_back(record);
+    }
+    return records;
+  }
+};
+
+TEST_F(Endpoints, PipesAreCreatedForTheServiceAccountsOnly) {
+  startCreated();
+  const std::vector<PipeCall> converted = pipes_.calls(PipeCallKind::Convert);
+  ASSERT_EQ(converted.size(), 1u);
+  EXPECT_EQ(converted[0].text,
+            "D:(D;OICI;GA;;;BG)(D;OICI;GA;;;AN)(A;OICI;GA;;;LS)(A;OICI;GA;;;SY)");
+  for (const PipeCall& created : pipes_.calls(PipeCallKind::Create)) {
+    EXPECT_EQ(created.arguments.securityDescriptor, pipes_.descriptor());
+  }
+}
+
+TEST_F(Endpoints, PipesAreCreatedCommandFirstWithTheSameArguments) {
+  startCreated();
+  const std::vector<PipeCall> created = pipes_.calls(PipeCallKind::Create);
+  ASSERT_EQ(created.size(), 2u);
+  EXPECT_EQ(created[0].text, commandPipeName(0));
+  EXPECT_EQ(created[1].text, eventPipeName(0));
+  for (const PipeCall& call : created) {
+    EXPECT_EQ(call.arguments.openMode, 0x00080003u);
+    EXPECT_EQ(call.arguments.pipeMode, 0u);
+    EXPECT_EQ(call.arguments.maxInstances, 1u);
+    EXPECT_EQ(call.arguments.outBufferSize, 0u);
+    EXPECT_EQ(call.arguments.inBufferSize, 0u);
+    EXPECT_EQ(call.arguments.defaultTimeout, 0u);
+  }
+}
+
+TEST_F(Endpoints, CreationIsLoggedWithNamesAndHandles) {
+  start();
+  ASSERT_TRUE(log_.waitFor(createdText(false)));
+  EXPECT_EQ(log_.records(), (Records{info(createdText(true)), info(createdText(false))}));
+}
+
+TEST_F(Endpoints, DescriptorThatCannotBeMadeEndsTheThreadBeforeAnyPipe) {
+  pipes_.fail(PipeCallKind::Convert, 1332);
+  start();
+  ASSERT_TRUE(log_.waitFor("DACL cannot be created"));
+  stop();
+  EXPECT_TRUE(pipes_.calls(PipeCallKind::Create).empty());
+  EXPECT_EQ(log_.records().front(), error(1332, "DACL cannot be created"));
+  EXPECT_EQ(log_.count("Server thread completed"), 0u);
+}
+
+TEST_F(Endpoints, FailedCommandPipeEndsTheThreadBeforeTheEventPipe) {
+  pipes_.fail(PipeCallKind::Create, kDenied);
+  start();
+  const std::string text = "Failed to create command named pipe '" + commandPipeName(0) + "'";
+  ASSERT_TRUE(log_.waitFor(text));
+  stop();
+  EXPECT_EQ(pipes_.calls(PipeCallKind::Create).size(), 1u);
+  EXPECT_EQ(log_.records().front(), error(kDenied, text));
+  EXPECT_EQ(log_.count("Server thread completed"), 0u);
+}
+
+TEST_F(Endpoints, FailedEventPipeEndsTheThreadAndLeavesTheCommandPipe) {
+  pipes_.fail(PipeCallKind::Create, kDenied, 1, 1, eventPipeName(0));
+  start();
+  const std::string text = "Failed to create event named pipe '" + eventPipeName(0) + "'";
+  ASSERT_TRUE(log_.waitFor(text));
+  EXPECT_EQ(log_.records(), (Records{info(createdText(true)), error(kDenied, text)}));
+  EXPECT_TRUE(reader().NotifyCardReady()) << "the command pipe is not there";
+  stop();
+  EXPECT_EQ(log_.count("Server thread completed"), 0u);
+}
+
+TEST_F(Endpoints, ConnectsCommandThenEventAndLogsEach) {
+  pipes_.holdConnect(commandPipeName(0));
+  pipes_.holdConnect(eventPipeName(0));
+  pipes_.fail(PipeCallKind::Write, platform::error::kPipeListening, 1, 9);
+  startCreated();
+  waitForInsertion();
+  ASSERT_TRUE(pipes_.waitUntilBlocked(commandPipeName(0)));
+  EXPECT_TRUE(pipeRecords().empty());
+  pipes_.letConnect(commandPipeName(0));
+  ASSERT_TRUE(pipes_.waitUntilBlocked(eventPipeName(0)));
+  EXPECT_EQ(pipeRecords(), Records{info("Command named pipe connected")});
+  pipes_.letConnect(eventPipeName(0));
+  ASSERT_TRUE(log_.waitFor("Event named pipe connected"));
+  EXPECT_TRUE(log_.contains(info("Event named pipe connected")));
+}
+
+TEST_F(Endpoints, ClientThatWasThereFirstCountsAsConnectedSilently) {
+  pipes_.fail(PipeCallKind::Write, platform::error::kPipeListening, 1, 9);
+  pipes_.fail(PipeCallKind::Connect, platform::error::kPipeConnected, 1, 1, commandPipeName(0));
+  pipes_.fail(PipeCallKind::Connect, platform::error::kIoPending, 1, 1, eventPipeName(0));
+  startCreated();
+  waitForInsertion();
+  ASSERT_TRUE(pipes_.waitUntilBlocked(eventPipeName(0)));
+  EXPECT_EQ(log_.records().back(), debug("Waiting for command..."));
+  EXPECT_EQ(log_.count("Command named pipe connected"), 0u);
+  EXPECT_EQ(log_.count("Event named pipe connected"), 0u);
+}
+
+TEST_F(Endpoints, FailedCommandConnectIsLoggedAndTheEventPipeIsNotTried) {
+  pipes_.fail(PipeCallKind::Write, platform::error::kPipeListening);
+  pipes_.fail(PipeCallKind::Connect, 31);
+  AgentLinkTimes times;
+  times.reconnect = kNever;
+  startCreated(times);
+  waitForInsertion();
+  ASSERT_TRUE(log_.waitFor("Command named pipe NOT connected"));
+  EXPECT_EQ(pipeRecords(), Records{error(31, "Command named pipe NOT connected")});
+  stop();
+  EXPECT_EQ(pipes_.calls(PipeCallKind::Connect).size(), 1u);
+}
+
+TEST_F(Endpoints, FailedEventConnectIsLogged) {
+  pipes_.fail(PipeCallKind::Write, platform::error::kPipeListening);
+  pipes_.fail(PipeCallKind::Connect, 31, 1, 1, eventPipeName(0));
+  AgentLinkTimes times;
+  times.reconnect = kNever;
+  startCreated(times);
+  waitForInsertion();
+  ASSERT_TRUE(log_.waitFor("Event named pipe NOT connected"));
+  EXPECT_EQ(pipeRecords(), (Records{info("Command named pipe connected"),
+                                    error(31, "Event named pipe NOT connected")}));
+}
+
+TEST_F(Endpoints, FailedConnectIsRetried) {
+  pipes_.fail(PipeCallKind::Write, platform::error::kPipeListening, 1, 9);
+  pipes_.fail(PipeCallKind::Connect, 31, 1, 3, commandPipeName(0));
+  startCreated();
+  waitForInsertion();
+  const auto begin = std::chrono::steady_clock::now();
+  ASSERT_TRUE(pipes_.waitUntilBlocked(eventPipeName(0)));
+  EXPECT_EQ(log_.count("Command named pipe NOT connected"), 3u);
+  // Two pauses of the three at least lie behind the beginning.
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(200));
+}
+
+TEST_F(Endpoints, ClientThatCameAndWentIsDroppedBeforeTheNextConnect) {
+  pipes_.fail(PipeCallKind::Write, platform::error::kPipeListening, 1, 9);
+  pipes_.fail(PipeCallKind::Connect, platform::error::kNoData, 1, 1, commandPipeName(0));
+  startCreated();
+  waitForInsertion();
+  ASSERT_TRUE(pipes_.waitUntilBlocked(eventPipeName(0)));
+  EXPECT_TRUE(log_.contains(error(platform::error::kNoData, "Command named pipe NOT connected")));
+  const Trace calls = trace();
+  const Trace expected = {"connect command", "disconnect command", "connect command",
+                          "connect event"};
+  EXPECT_EQ(Trace(calls.begin() + 1, calls.begin() + 5), expected) << "behind the check's write";
+}
+
+// Creation that gives the value 0 instead of a failure.
+class NullHandles : public platform::PipeApi {
+ public:
+  NullHandles(platform::PipeApi& pipes, std::string nullName)
+      : pipes_(pipes), nullName_(std::move(nullName)) {}
+  bool convertSecurityDescriptor(const std::string& sddl,
+                                 platform::SecurityDescriptor* out) override {
+    return pipes_.convertSecurityDescriptor(sddl, out);
+  }
+  platform::PipeHandleValue create(const std::string& name,
+                                   const platform::PipeArguments& arguments) override {
+    return name == nullName_ ? platform::noPipe() : pipes_.create(name, arguments);
+  }
+  bool connect(platform::PipeHandleValue pipe) override { return pipes_.connect(pipe); }
+  bool disconnect(platform::PipeHandleValue pipe) override { return pipes_.disconnect(pipe); }
+  bool cancel(platform::PipeHandleValue pipe) override { return pipes_.cancel(pipe); }
+  bool read(platform::PipeHandleValue pipe, void* data, std::uint32_t size) override {
+    return pipes_.read(pipe, data, size);
+  }
+  bool write(platform::PipeHandleValue pipe, const void* data, std::uint32_t size) override {
+    return pipes_.write(pipe, data, size);
+  }
+  bool flush(platform::PipeHandleValue pipe) override { return pipes_.flush(pipe); }
+  bool close(platform::PipeHandleValue pipe) override { return pipes_.close(pipe); }
+
+ private:
+  platform::PipeApi& pipes_;
+  const std::string nullName_;
+};
+
+TEST_F(Endpoints, EmptyCommandHandleIsNotConnected) {
+  NullHandles nulls(pipes_, commandPipeName(0));
+  const ScopedPipes scoped(nulls);
+  AgentLinkTimes times;
+  times.reconnect = kNever;
+  start(times);
+  waitForInsertion();
+  ASSERT_TRUE(log_.waitFor("Cannot connect to empty command named pipe handle"));
+  EXPECT_TRUE(log_.contains(error(kNoError, "Cannot connect to empty command named pipe handle")));
+  EXPECT_EQ(log_.count("Cannot connect to empty event named pipe handle"), 0u);
+  stop();
+  EXPECT_TRUE(pipes_.calls(PipeCallKind::Connect).empty());
+}
+
+TEST_F(Endpoints, EmptyEventHandleIsNotConnected) {
+  NullHandles nulls(pipes_, eventPipeName(0));
+  const ScopedPipes scoped(nulls);
+  pipes_.fail(PipeCallKind::Write, platform::error::kPipeListening);
+  AgentLinkTimes times;
+  times.reconnect = kNever;
+  start(times);
+  waitForInsertion();
+  ASSERT_TRUE(log_.waitFor("Cannot connect to empty event named pipe handle"));
+  EXPECT_TRUE(log_.contains(error(kNoError, "Cannot connect to empty event named pipe handle")));
+  stop();
+  EXPECT_TRUE(pipes_.calls(PipeCallKind::Connect).empty());
+}
+
+TEST_F(Endpoints, DestructionCancelsAndDisconnectsEventThenCommandAndThenCloses) {
+  startCreated();
+  stop();
+  EXPECT_EQ(trace(), (Trace{"cancel event", "disconnect event", "cancel command",
+                            "disconnect command", "cancel event", "disconnect event", "close event",
+                            "cancel command", "disconnect command", "close command"}));
+}
+
+TEST_F(Endpoints, EveryStepOfDisconnectingIsTakenAndItsFailureLogged) {
+  pipes_.fail(PipeCallKind::Cancel, 1168, 1, 2);
+  pipes_.fail(PipeCallKind::Disconnect, 233, 1, 2);
+  startCreated();
+  stop();
+  const auto failed = [](const std::string& text, int code) {
+    return error(kNoError, text + " named pipe. System error code: " + std::to_string(code));
+  };
+  EXPECT_EQ(log_.errors(), (Records{failed("Failed to cancel IO on the event", 1168),
+                                    failed("Failed to disconnect the event", 233),
+                                    failed("Failed to cancel IO on the command", 1168),
+                                    failed("Failed to disconnect the command", 233)}));
+}
+
+class Attributes : public Endpoints {
+ protected:
+  LinkRequest& ask(std::uint32_t tag) {
+    LinkRequest& request = makeRequest(number(tag));
+    reader().IoSmartCardGetAttribute(&request, 4, 4096);
+    return request;
+  }
+  static std::string text(LinkRequest& request) {
+    const std::vector<std::uint8_t> bytes = request.output();
+    return std::string(bytes.begin(),
+                       bytes.begin() + static_cast<std::ptrdiff_t>(request.information()));
+  }
+};
+
+TEST_F(Attributes, PipeNamesAreAnsweredWithTheirTerminatingZero) {
+  startCreated();
+  LinkRequest& command = ask(0x0007A00A);
+  EXPECT_EQ(command.status(), status::kSuccess);
+  EXPECT_EQ(text(command), commandPipeName(0) + '\0');
+  LinkRequest& event = ask(0x0007A00B);
+  EXPECT_EQ(text(event), eventPipeName(0) + '\0');
+  EXPECT_TRUE(log_.contains(debug("[GATT]PIPE_NAME")));
+  EXPECT_TRUE(log_.contains(debug("[GATT]EVENT_PIPE_NAME")));
+}
+
+TEST_F(Attributes, OtherVendorAttributesAreTheReadersOwn) {
+  startCreated();
+  LinkRequest& rpcType = ask(0x0007A009);
+  EXPECT_EQ(rpcType.status(), status::kSuccess);
+  EXPECT_EQ(rpcType.information(), 4u);
+  const std::vector<std::uint8_t> output = rpcType.output();
+  EXPECT_EQ(std::vector<std::uint8_t>(output.begin(), output.begin() + 4), number(0));
+  EXPECT_EQ(ask(0x0007A00C).status(), status::kNotSupported);
+  EXPECT_TRUE(
+      log_.contains(error(50, "[GATT]SCARD_CLASS_VENDOR_DEFINED: ERROR_NOT_SUPPORTED:0007A00C")));
+}
+
+// On the system's own pipes.
+class RealEndpoints : public LinkTest {
+ protected:
+  ~RealEndpoints() override { stop(); }
+};
+
+TEST_F(RealEndpoints, SecondReaderOfAnIndexCannotBeCreatedAndTheFirstIsUnaffected) {
+  start();
+  LinkAgent agent;
+  waitForInsertion();
+  ASSERT_TRUE(agent.connect([](const LinkAgent::Command&) { return LinkAgent::Bytes{}; }));
+  ASSERT_TRUE(log_.waitFor("Waiting for command..."));
+  {
+    PipeReader second(0, &device_);
+    const std::string text = "Failed to create command named pipe '" + commandPipeName(0) + "'";
+    ASSERT_TRUE(log_.waitFor(text));
+    EXPECT_TRUE(log_.contains(error(kDenied, text)));
+    EXPECT_EQ(second.CheckATR(), QueryResult::Failure);
+  }
+  ASSERT_TRUE(agent.sendEvent(7));
+  EXPECT_TRUE(log_.waitFor("Unknown event received:7"));
+}
+
+TEST_F(RealEndpoints, ReadersOfTheFirstAndLastIndexAreReachedByTheirNumbers) {
+  for (const std::uint32_t index : {0u, 4294967295u}) {
+    start({}, index);
+    waitForInsertion();
+    LinkAgent agent(index);
+    ASSERT_TRUE(agent.connect([](const LinkAgent::Command&) { return LinkAgent::Bytes{}; }));
+    ASSERT_TRUE(log_.waitFor("Waiting for command..."));
+    stop();
+    log_.clear();
+  }
+}
+
+TEST_F(RealEndpoints, AgentThatOpensTheEventPipeFirstIsAcceptedWithoutALineAboutIt) {
+  start();
+  PipeClient events;
+  ASSERT_TRUE(events.connectWhenListening(eventPipeName(0)));
+  waitForInsertion();
+  PipeClient command;
+  ASSERT_TRUE(command.connectWhenListening(commandPipeName(0)));
+  // The driver asks for the ATR because of the waiting request.
+  EXPECT_EQ(command.readNumber(), 0u);
+  ASSERT_TRUE(command.writeNumber(0));
+  ASSERT_TRUE(log_.waitFor("Waiting for command..."));
+  EXPECT_EQ(log_.count("Event named pipe connected"), 0u);
+}
+
+TEST_F(RealEndpoints, IdlePipesAreDisconnectedWithTwoFailedCancels) {
+  start();
+  PipeClient probe;
+  ASSERT_TRUE(probe.connectWhenListening(eventPipeName(0)));
+  log_.clear();
+  stop();
+  EXPECT_EQ(log_.errors(),
+            (Records{error(kNoError,
+                           "Failed to cancel IO on the event named pipe. System error code: 1168"),
+                     error(kNoError,
+                           "Failed to cancel IO on the command named pipe. System error code: "
+                           "1168")}));
+}
+
+TEST_F(RealEndpoints, CreatedPipesAreLoggedWithNonNullHandles) {
+  start();
+  PipeClient probe;
+  ASSERT_TRUE(probe.connectWhenListening(eventPipeName(0)));
+  stop();
+  const std::string prefix = "Command named pipe created:" + commandPipeName(0) + ":";
+  const LogRecord first = log_.records().front();
+  EXPECT_EQ(first.text.substr(0, prefix.size()), prefix);
+  EXPECT_NE(first.text.substr(prefix.size()), printed(nullptr));
+}
+
+}  // namespace
+}  // namespace zelta::test
