@@ -7,7 +7,10 @@ namespace zelta::pcsc {
 namespace {
 
 Bytes entry(std::uint8_t tag, const Bytes& value) {
-  Bytes bytes{tag, static_cast<std::uint8_t>(value.size())};
+  Bytes bytes;
+  bytes.reserve(2 + value.size());
+  bytes.push_back(tag);
+  bytes.push_back(static_cast<std::uint8_t>(value.size()));
   bytes.insert(bytes.end(), value.begin(), value.end());
   return bytes;
 }

@@ -64,7 +64,9 @@ printf 'y\n\ny\n' | nss -S -x -n zelta-ca -s "CN=Zelta Demo CA,O=Zelta" -t CT,C,
 issue zelta-auth 2 "CN=Demo Card Authentication,O=Zelta" digitalSignature,critical \
   --extKeyUsage clientAuth
 issue zelta-sign 3 "CN=Demo Card Signature,O=Zelta" digitalSignature,nonRepudiation,critical
-issue zelta-encrypt 4 "CN=Demo Card Encryption,O=Zelta" keyEncipherment,dataEncipherment,critical
+# Signs as well, so that every key of the card can be tried.
+issue zelta-encrypt 4 "CN=Demo Card Encryption,O=Zelta" \
+  digitalSignature,keyEncipherment,dataEncipherment,critical
 certutil -L -d "sql:$database" -n zelta-ca -a >"$database/ca.pem"
 
 mkdir -p "$folder"

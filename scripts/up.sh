@@ -148,10 +148,10 @@ start_pcscd() {
 
 show_card() {
   step "Waiting for the card"
-  timeout 30 opensc-tool --wait --atr >"$ZELTA_RUN_DIR/atr" 2>"$ZELTA_RUN_DIR/wait.log" ||
+  timeout 30 opensc-tool --wait --atr >"$ZELTA_RUN_DIR/wait.log" 2>&1 ||
     die "no card within 30 seconds: $(tail -n 1 "$ZELTA_RUN_DIR/wait.log")"
   say "Reader: $(opensc-tool --list-readers | sed -n 's/^ *0 *Yes *//p')"
-  say "ATR:    $(tail -n 1 "$ZELTA_RUN_DIR/atr")"
+  say "ATR:    $(opensc-tool --atr 2>/dev/null)"
   say "Card:   $(opensc-tool --name 2>/dev/null | tail -n 1)"
   step "Certificates on the card"
   pkcs11-tool --module "$(pkcs11_module)" --list-objects --type cert 2>/dev/null ||

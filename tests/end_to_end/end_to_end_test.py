@@ -1,0 +1,224 @@
+"""The whole path with the real pcscd and the programs that people use."""
+
+import glob
+import os
+import pathlib
+import re
+import signal
+import subprocess
+import threading
+import unittest
+
+import stack
+from stack import PIN, Stack, run
+
+# pyscard connects to pcscd when it is imported, so its users import it when pcscd is up.
+
+
+def pkcs11(*words, **options):
+    module = glob.glob("/usr/lib/*/opensc-pkcs11.so")[0]
+    return run("pkcs11-tool", "--module", module, *words, **options)
+
+
+def certificate_ids():
+    ids = re.findall(r"^ *ID: *([0-9a-f]+)", pkcs11("-O", "--type", "cert").stdout, re.M)
+    return sorted(set(ids))
+
+
+class EndToEnd(unittest.TestCase):
+    def setUp(self):
+        self.stack = self.enterContext(Stack()) if hasattr(self, "enterContext") else None
+        if self.stack is None:  # before Python 3.11
+            self.stack = Stack()
+            self.addCleanup(self.stack.__exit__, None, None, None)
+
+    def sign_and_verify(self, key):
+        folder = self.stack.folder
+        (folder / "message").write_bytes(os.urandom(200))
+        pkcs11("--read-object", "--type", "cert", "--id", key, "-o", folder / "cert")
+        public = run("openssl", "x509", "-inform", "der", "-in", folder / "cert", "-noout",
+                     "-pubkey").stdout
+        (folder / "public").write_text(public)
+        pkcs11("--login", "--pin", PIN, "--sign", "--id", key, "-m", "SHA256-RSA-PKCS",
+               "-i", folder / "message", "-o", folder / "signature")
+        run("openssl", "dgst", "-sha256", "-verify", folder / "public",
+            "-signature", folder / "signature", folder / "message")
+
+    def test_opensc_tool_shows_atr_and_card_name(self):
+        self.stack.start().wait_for_card()
+        self.assertIn("3b:", run("opensc-tool", "-a").stdout)
+        self.assertIn("CAC", run("opensc-tool", "-n").stdout)
+
+    def test_reader_is_listed_without_an_agent(self):
+        self.stack.start_pcscd()
+        self.assertRegex(run("opensc-tool", "--list-readers").stdout,
+                         r"0 +No +Zelta Virtual SmartCard Reader 00 00")
+
+    def test_three_certificates_are_listed(self):
+        self.stack.start().wait_for_card()
+        self.assertEqual(len(certificate_ids()), 3)
+
+    def test_every_key_signs_and_openssl_verifies(self):
+        self.stack.start().wait_for_card()
+        keys = certificate_ids()
+        self.assertEqual(len(keys), 3)
+        for key in keys:
+            self.sign_and_verify(key)
+
+    def test_wrong_pin_is_refused_and_the_right_one_still_works(self):
+        self.stack.start().wait_for_card()
+        refused = pkcs11("--login", "--pin", "87654321", "-O", check=False)
+        self.assertNotEqual(refused.returncode, 0)
+        self.assertIn("CKR_PIN_INCORRECT", refused.stdout)
+        self.sign_and_verify(certificate_ids()[0])
+
+    def test_ssh_keygen_lists_the_keys(self):
+        self.stack.start().wait_for_card()
+        module = glob.glob("/usr/lib/*/opensc-pkcs11.so")[0]
+        keys = run("ssh-keygen", "-D", module).stdout
+        self.assertEqual(len(re.findall(r"^ssh-rsa ", keys, re.M)), 3)
+
+    def test_scriptor_exchanges_apdus(self):
+        self.stack.start().wait_for_card()
+        answer = run("scriptor", input="reset\n00A4040007A0000000790100\n").stdout
+        self.assertRegex(answer, r"< [0-9A-F ]*90 00")
+
+    def test_card_taken_out_and_put_in_is_seen(self):
+        self.stack.start().wait_for_card()
+        self.stack.ctl("remove")
+        stack.wait_until(lambda: " No " in run("opensc-tool", "-l").stdout, "the removal")
+        self.stack.ctl("insert")
+        self.stack.wait_for_card()
+        self.sign_and_verify(certificate_ids()[0])
+
+    def test_agent_killed_and_started_again(self):
+        self.stack.start().wait_for_card()
+        self.stack.agent.end(signal.SIGKILL)
+        stack.wait_until(lambda: " No " in run("opensc-tool", "-l").stdout, "the removal")
+        self.stack.start_agent()
+        self.stack.wait_for_card()
+        self.sign_and_verify(certificate_ids()[0])
+
+    def test_pcscd_started_again_under_a_running_agent(self):
+        self.stack.start().wait_for_card()
+        for how in (signal.SIGTERM, signal.SIGINT, signal.SIGKILL):
+            code, seconds = self.stack.pcscd.end(how)
+            self.assertLess(seconds, 5, f"end by {how.name}")
+            self.assertIn(code, (0, -how.value), f"end by {how.name}")
+            if os.path.exists("/run/pcscd/pcscd.comm"):
+                os.unlink("/run/pcscd/pcscd.comm")
+            self.stack.start_pcscd()
+            self.stack.wait_for_card()
+        self.assertIsNone(self.stack.agent.process.poll())
+
+    def test_monitor_sees_100_of_100_quick_swaps(self):
+        self.stack.start().wait_for_card()
+        from smartcard.scard import (SCARD_SCOPE_USER, SCARD_STATE_PRESENT, SCARD_STATE_UNAWARE,
+                                     SCardEstablishContext, SCardGetStatusChange, SCardListReaders)
+
+        _, context = SCardEstablishContext(SCARD_SCOPE_USER)
+        _, readers = SCardListReaders(context, [])
+
+        def status(known, limit):
+            result, states = SCardGetStatusChange(context, limit, [(readers[0], known)])
+            self.assertEqual(result, 0, "no change within the limit")
+            return states[0][1]
+
+        # The high half of the state counts insertions and removals.
+        state = status(SCARD_STATE_UNAWARE, 0)
+        for swap in range(1, 101):
+            begin = state >> 16
+            self.stack.ctl("remove")
+            self.stack.ctl("insert")
+            while not (state & SCARD_STATE_PRESENT and (state >> 16) - begin >= 2):
+                state = status(state, 20000)
+            self.assertEqual((state >> 16) - begin, 2, f"swap {swap}")
+
+    def test_log_explains_the_session(self):
+        self.stack.start("--session-id", "11111111-2222-3333-4444-555555555555").wait_for_card()
+        run("opensc-tool", "-n")
+        text = self.stack.log_text()
+        self.assertIn("Vornhalt Virtual Smartcard Reader driver build", text)
+        self.assertIn("Command named pipe connected", text)
+        self.assertRegex(text, r"11111111-2222-3333-4444-555555555555 0 +<INFO> .*\[TRSM\]")
+
+
+class ZeltaCommand(unittest.TestCase):
+    """What `./zelta` does once everything is built."""
+
+    def setUp(self):
+        self.run_dir = pathlib.Path("/run/zelta/up")
+        self.up = None
+        self.lines = []
+
+    def tearDown(self):
+        if self.up is not None and self.up.poll() is None:
+            self.up.send_signal(signal.SIGTERM)
+            self.up.wait(stack.LIMIT)
+
+    def zelta(self, *words, **options):
+        return run(stack.SOURCE / "zelta", *words, **options)
+
+    def start(self):
+        self.up = subprocess.Popen([stack.SOURCE / "zelta", "up", "--run-only"],
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                   stderr=subprocess.STDOUT, text=True)
+        timer = threading.Timer(stack.LIMIT, self.up.kill)
+        timer.start()
+        for line in self.up.stdout:
+            self.lines.append(line)
+            if "Ctrl-C ends it." in line:
+                timer.cancel()
+                return
+        self.fail("up ended:\n" + "".join(self.lines))
+
+    def test_up_check_signs_and_ends_with_nothing_left(self):
+        text = self.zelta("up", "--run-only", "--check").stdout
+        self.assertIn("All signatures are good.", text)
+        self.assertEqual(text.count("good signature"), 3)
+        self.assertEqual(os.listdir("/run"), ["pcscd"])
+
+    def test_up_stays_until_interrupted_and_leaves_nothing(self):
+        self.start()
+        text = "".join(self.lines)
+        self.assertIn("Reader: Zelta Virtual SmartCard Reader 00 00", text)
+        self.assertIn("ATR:    3b:", text)
+        self.assertIn("ssh-keygen -D", text)
+        self.up.send_signal(signal.SIGINT)
+        self.assertEqual(self.up.wait(stack.LIMIT), 0)
+        self.assertEqual(os.listdir("/run"), ["pcscd"])
+        self.assertEqual(subprocess.run(["pgrep", "-s", "0", "zelta-agent"]).returncode, 1)
+
+    def test_status_card_and_down_reach_the_running_reader(self):
+        self.start()
+        self.assertIn("State:  card present", self.zelta("status").stdout)
+        self.zelta("card", "remove")
+        stack.wait_until(lambda: "State:  empty" in self.zelta("status").stdout, "the removal")
+        self.zelta("card", "insert")
+        stack.wait_until(lambda: "State:  card present" in self.zelta("status").stdout,
+                         "the insertion")
+        self.assertIn("[IPRE]", self.zelta("logs", "--no-follow", "--all", "--tag", "IPRE").stdout)
+        second = self.zelta("up", "--run-only", check=False)
+        self.assertEqual(second.returncode, 1)
+        self.assertIn("already up", second.stdout)
+        self.assertIn("Down.", self.zelta("down").stdout)
+        self.assertEqual(self.up.wait(stack.LIMIT), 0)
+
+    def test_commands_without_a_running_reader_say_so(self):
+        for words in (["status"], ["card", "insert"]):
+            result = self.zelta(*words, check=False)
+            self.assertEqual(result.returncode, 1)
+            self.assertIn("no reader is up", result.stdout)
+        self.assertIn("Nothing is up.", self.zelta("down").stdout)
+
+    def test_bad_use_is_refused(self):
+        for words in (["fly"], ["up", "--fast"], ["card", "eat"], ["down", "now"], ["test", "x"]):
+            result = self.zelta(*words, check=False)
+            self.assertEqual(result.returncode, 2, words)
+        self.assertEqual(self.zelta("--help").returncode, 0)
+        self.assertRegex(self.zelta("--version").stdout, r"^zelta \d+\.\d+\.\d+$")
+
+
+if __name__ == "__main__":
+    stack.enter_namespace()
+    unittest.main(verbosity=2)

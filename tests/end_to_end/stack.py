@@ -1,0 +1,149 @@
+"""A pcscd of the test's own with the reader, and an agent behind it.
+
+Runs as root. `enter_namespace` moves the process into a private mount namespace with an empty /run,
+so that tests run beside each other and beside the system's pcscd.
+"""
+
+import contextlib
+import ctypes
+import os
+import pathlib
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+BUILD = pathlib.Path(os.environ["ZELTA_BUILD_DIR"])
+AGENT = BUILD / "bin" / "zelta-agent"
+PIN = "12345678"
+LIMIT = 60  # seconds that anything may take
+
+_CLONE_NEWNS = 0x00020000
+
+
+def enter_namespace():
+    libc = ctypes.CDLL(None, use_errno=True)
+    if libc.unshare(_CLONE_NEWNS) != 0:
+        raise OSError(ctypes.get_errno(), "unshare")
+    subprocess.run(["mount", "--make-rprivate", "/"], check=True)
+    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/run"], check=True)
+    os.makedirs("/run/pcscd")
+
+
+def wait_until(condition, what, limit=LIMIT):
+    """For what has no event to wait on: the start of a program of somebody else's."""
+    end = time.monotonic() + limit
+    while not condition():
+        if time.monotonic() > end:
+            raise AssertionError(f"{what} did not come about within {limit} seconds")
+        time.sleep(0.02)
+
+
+def run(*command, check=True, **options):
+    """Runs a program and gives its output; a failure shows it."""
+    result = subprocess.run(
+        [str(word) for word in command],
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        text=True,
+        timeout=LIMIT,
+        **options,
+    )
+    if check and result.returncode != 0:
+        raise AssertionError(f"{command} ended with {result.returncode}:\n{result.stdout}")
+    return result
+
+
+class Process:
+    """A program in the background, its output in a file."""
+
+    def __init__(self, command, log, environment):
+        self.log = log
+        with open(log, "ab") as output:
+            self.process = subprocess.Popen(
+                [str(word) for word in command],
+                stdin=subprocess.DEVNULL,
+                stdout=output,
+                stderr=subprocess.STDOUT,
+                env=environment,
+            )
+
+    def end(self, how=signal.SIGTERM):
+        """Gives the exit code, and how many seconds the end took."""
+        begin = time.monotonic()
+        if self.process.poll() is None:
+            self.process.send_signal(how)
+        return self.process.wait(LIMIT), time.monotonic() - begin
+
+
+class Stack(contextlib.AbstractContextManager):
+    def __init__(self):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="zelta-e2e-"))
+        self.logs = self.folder / "data" / "Vornhalt" / "ZeltaAgent" / "logs"
+        self.logs.mkdir(parents=True)
+        self.control = self.folder / "agent.ctl"
+        self.environment = dict(
+            os.environ,
+            ZELTA_PROGRAM_DATA=str(self.folder / "data"),
+            ZELTA_REGISTRY=str(self.folder / "registry.reg"),
+            ZELTA_MODULE=str(BUILD / "lib" / "libzelta_vsc.so"),
+        )
+        self.pcscd = None
+        self.agent = None
+        readers = self.folder / "reader.conf.d"
+        readers.mkdir()
+        (readers / "zelta").write_text(
+            'FRIENDLYNAME "Zelta Virtual SmartCard Reader"\n'
+            "DEVICENAME zelta:0\n"
+            f"LIBPATH {BUILD / 'lib' / 'libifdzelta.so'}\n"
+        )
+
+    def __exit__(self, kind, value, traceback):
+        for process in (self.pcscd, self.agent):
+            if process is not None:
+                process.end()
+        if kind is not None:
+            self.show_logs()
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+    def show_logs(self):
+        for log in [*self.folder.glob("*.log"), *sorted(self.logs.glob("*.txt"))]:
+            print(f"--- {log.name}\n{log.read_text(errors='replace')[-8000:]}")
+
+    def start_pcscd(self):
+        self.pcscd = Process(
+            ["pcscd", "--foreground", "--info", "--config", self.folder / "reader.conf.d"],
+            self.folder / "pcscd.log",
+            self.environment,
+        )
+        wait_until(lambda: os.path.exists("/run/pcscd/pcscd.comm"), "pcscd's socket")
+
+    def make_card(self):
+        run(SOURCE / "scripts" / "make-demo-db.sh", self.folder / "card", PIN)
+        (self.folder / "pin").write_text(PIN)
+
+    def start_agent(self, *options):
+        if not (self.folder / "card").exists():
+            self.make_card()
+        self.agent = Process(
+            [AGENT, "--db", self.folder / "card", "--pin-file", self.folder / "pin",
+             "--control", self.control, *options],
+            self.folder / "agent.log",
+            self.environment,
+        )
+
+    def start(self, *agent_options):
+        self.start_pcscd()
+        self.start_agent(*agent_options)
+        return self
+
+    def ctl(self, word):
+        return run(AGENT, "ctl", word, "--control", self.control).stdout
+
+    def wait_for_card(self):
+        run("opensc-tool", "--wait", "--atr")
+
+    def log_text(self):
+        return "".join(path.read_text() for path in sorted(self.logs.glob("*.txt")))
