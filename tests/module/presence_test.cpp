@@ -1,0 +1,119 @@
+// Cards and agents that come and go.
+#include "tests/module/hosted_module.h"
+
+namespace zelta::test {
+namespace {
+
+class PresenceTest : public HostedModuleTest {
+ protected:
+  // What a waiting request ended with.
+  static framework::HRESULT ending(host::IoOperation& operation) {
+    EXPECT_TRUE(operation.wait(kLong));
+    return operation.completed() ? operation.result().status : host::kTimedOut;
+  }
+};
+
+TEST_F(PresenceTest, CardInsertedAndRemovedHundredsOfTimes) {
+  connectAgent();
+  for (int round = 0; round < 300; ++round) {
+    const auto insertion = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
+    card_.insert();
+    ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardInserted));
+    ASSERT_EQ(ending(*insertion), answer::kSuccess);
+    ASSERT_EQ(control(IOCTL_SMARTCARD_POWER, number(SCARD_COLD_RESET), 64).output,
+              TestCard::atrOfT1());
+    const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
+    card_.pull();
+    ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved));
+    ASSERT_EQ(ending(*removal), answer::kSuccess);
+    ASSERT_EQ(state(), SCARD_ABSENT);
+  }
+}
+
+TEST_F(PresenceTest, AgentsComeAndGo) {
+  card_.insert();
+  for (int round = 0; round < 50; ++round) {
+    connectAgent();
+    const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
+    agent_.die();
+    ASSERT_EQ(ending(*removal), answer::kSuccess);
+    ASSERT_EQ(state(), SCARD_ABSENT);
+  }
+}
+
+TEST_F(PresenceTest, LossOfTheAgentCancelsWhoWaitsForACard) {
+  connectAgent();
+  const auto insertion = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
+  agent_.die();
+  EXPECT_EQ(ending(*insertion), answer::kCancelled);
+  EXPECT_EQ(state(), SCARD_ABSENT);
+  expectWorkingReader();
+}
+
+TEST_F(PresenceTest, AgentThatDiesInsideATransmitEndsIt) {
+  card_.insert();
+  const auto waiting = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
+  ASSERT_TRUE(agent_.connectSilently());
+  // The ATR for the protocols, by hand.
+  ASSERT_TRUE(agent_.command().readNumber().has_value());
+  ASSERT_TRUE(agent_.command().writeNumber(2) && agent_.command().write({0x3B, 0x00}));
+  ASSERT_EQ(ending(*waiting), answer::kSuccess);
+  const auto removal = file_->submit(IOCTL_SMARTCARD_IS_ABSENT, {}, 0, nullptr);
+  ASSERT_TRUE(agent_.command().readNumber().has_value());
+  ASSERT_TRUE(agent_.command().writeNumber(2) && agent_.command().write({0x3B, 0x00}));
+  ASSERT_TRUE(removal->waitDispatched(kLong));
+
+  const auto transmit =
+      file_->submit(IOCTL_SMARTCARD_TRANSMIT, transmitBuffer(0, {1, 2, 3}), 64, nullptr);
+  // Code, length and the command's three bytes; then half a length, and gone.
+  ASSERT_EQ(agent_.command().read(11).size(), 11u);
+  ASSERT_TRUE(agent_.command().write({5, 0}));
+  agent_.die();
+  EXPECT_EQ(ending(*removal), answer::kSuccess);
+  const framework::HRESULT status = ending(*transmit);
+  if (status == answer::kSuccess) {
+    // The loss was noticed first: the card counts as removed.
+    EXPECT_EQ(transmit->result().output, transmitBuffer(0, {0x69, 0x01}));
+  } else {
+    EXPECT_EQ(status, answer::kNoMedia);
+  }
+  expectWorkingReader();
+}
+
+TEST_F(PresenceTest, AgentThatDiesInsideAnAtrIsSurvived) {
+  for (int round = 0; round < 20; ++round) {
+    const auto waiting = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
+    ASSERT_TRUE(agent_.connectSilently());
+    ASSERT_TRUE(agent_.command().readNumber().has_value());
+    ASSERT_TRUE(agent_.command().writeNumber(10) && agent_.command().write({0x3B}));
+    agent_.die();
+    ASSERT_EQ(ending(*waiting), answer::kCancelled);
+  }
+  expectWorkingReader();
+}
+
+TEST_F(PresenceTest, AgentThatDiesInsideASessionIdIsSurvived) {
+  card_.insert();
+  for (int round = 0; round < 20; ++round) {
+    connectAgent();
+    const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
+    ASSERT_TRUE(agent_.sendEvent(AgentEvent::SessionLogId));
+    if (round % 2 == 0) {
+      ASSERT_TRUE(agent_.events().writeNumber(36));
+    }
+    ASSERT_TRUE(agent_.events().write({'1', '2'}));
+    agent_.die();
+    ASSERT_EQ(ending(*removal), answer::kSuccess);
+  }
+  expectWorkingReader();
+}
+
+TEST_F(PresenceTest, SecondAgentIsRefusedAndTheFirstNoticesNothing) {
+  connectWithPoweredCard(SCARD_PROTOCOL_T1);
+  PipeClient second;
+  EXPECT_TRUE(!second.connect(commandPipeName(0)) || second.waitForDrop());
+  EXPECT_EQ(transmit({1, 2}), TestCard::responseTo({1, 2}));
+}
+
+}  // namespace
+}  // namespace zelta::test
