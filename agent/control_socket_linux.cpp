@@ -61,6 +61,12 @@ int connectTo(const ScopedFd& client, const std::string& path) {
   return connect(client.get(), generic, sizeof address) == 0 ? 0 : errno;
 }
 
+// Connecting to any other file fails in the same way as to a socket that a dead agent left.
+bool isSocket(const std::string& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
+}
+
 // Whether it became readable in time, as opposed to `cancel` or the deadline.
 bool waitReadable(int fd, int cancel, SteadyClock::time_point deadline) {
   for (;;) {
@@ -121,7 +127,7 @@ class SocketServer : public ControlServer {
     if (answer == 0 || answer == EAGAIN) {
       throw std::runtime_error("another agent is running: it has the control path " + path_);
     }
-    if (answer == ECONNREFUSED) unlink(path_.c_str());
+    if (answer == ECONNREFUSED && isSocket(path_)) unlink(path_.c_str());
     const sockaddr_un address = addressOf(path_);
     const auto* generic = reinterpret_cast<const sockaddr*>(&address);
     // The socket's path takes this mode over, so that it never lies open to others.

@@ -33,6 +33,13 @@ std::size_t LogLines::count(const std::string& text) {
   return countLocked(text);
 }
 
+std::size_t LogLines::matching(const std::regex& form) {
+  MutexLock lock(mutex_);
+  return static_cast<std::size_t>(
+      std::count_if(lines_.begin(), lines_.end(),
+                    [&](const std::string& line) { return std::regex_match(line, form); }));
+}
+
 agent::Timing patientTiming() {
   agent::Timing timing;
   timing.answerLimit = kLong;

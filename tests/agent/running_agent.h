@@ -1,6 +1,7 @@
 // An agent that runs in the test's process, on a thread of its own, over the real pipes.
 #pragma once
 
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,6 +31,8 @@ class LogLines {
   void waitFor(const std::string& text);
   bool has(const std::string& text);
   std::size_t count(const std::string& text);
+  // Lines that are of this form as a whole.
+  std::size_t matching(const std::regex& form);
 
  private:
   std::size_t countLocked(const std::string& text) ZELTA_REQUIRES(mutex_);
