@@ -46,7 +46,9 @@ std::uint32_t FileRegistry::getDword(const std::u16string& key, const std::u16st
     }
   }
   Answer answer;
-  answer.result = dwordOf(content(&answer.signature)->find(key, value), &answer.value);
+  const Content current = content(&answer.signature);
+  if (current == nullptr) return error::kNotEnoughMemory;
+  answer.result = dwordOf(current->find(key, value), &answer.value);
   if (answer.result == error::kSuccess) *out = answer.value;
   if (answer.signature.exists && question.size() <= Answer::kLongest) {
     answer.length = question.size();
@@ -63,6 +65,7 @@ std::uint32_t FileRegistry::openKey(const std::u16string& key, RegistryKey* out)
   *out = nullptr;
   MutexLock lock(mutex_);
   Content now = content(nullptr);
+  if (now == nullptr) return error::kNotEnoughMemory;
   if (!now->hasKey(key)) return error::kFileNotFound;
   if (keys_.empty()) openPath_ = path();
   OpenKey& opened = keys_[lastKey_ + 1];
@@ -80,6 +83,7 @@ std::uint32_t FileRegistry::queryValue(RegistryKey key, const std::u16string& va
   OpenKey* open = find(key);
   if (open == nullptr) return error::kInvalidHandle;
   const Content now = content(nullptr);
+  if (now == nullptr) return error::kNotEnoughMemory;
   // What is read here may be gone again when the file's writer is done: the reader is then told.
   if (!now->sameSubtree(*open->baseline, open->path)) open->changed = true;
   const RegistryValue* found = now->find(open->path, value);
@@ -103,10 +107,12 @@ std::uint32_t FileRegistry::notifyChange(RegistryKey key, EventHandle event) try
   ScopedFd pending = duplicateEvent(event);
   if (!pending) return lastError();
   // Watched first, then read: a change in between is an event.
-  startWatching();
+  if (!startWatching()) return error::kNotEnoughMemory;
   open->watched = true;
+  const Content now = content(nullptr);
+  if (now == nullptr) return error::kNotEnoughMemory;
   open->pending = std::move(pending);
-  signalIfChanged(open, content(nullptr));
+  signalIfChanged(open, now);
   return error::kSuccess;
 } catch (const std::exception&) {
   return error::kNotEnoughMemory;
@@ -137,6 +143,7 @@ FileRegistry::Content FileRegistry::content(FileSignature* settled) {
   if (!read.problem.empty()) {
     reporter_.report(file + ": cannot be read: " + read.problem);
   }
+  if (read.failed) return nullptr;
   ParsedRegistry parsed = parseRegistryFile(read.bytes);
   reportSkipped(file, parsed);
   Content now = std::make_shared<const RegistryContent>(std::move(parsed.content));
@@ -156,11 +163,12 @@ FileRegistry::OpenKey* FileRegistry::find(RegistryKey key) {
   return found == keys_.end() ? nullptr : &found->second;
 }
 
-void FileRegistry::startWatching() {
-  if (watcher_ != nullptr) return;
-  watcher_ = std::make_unique<FileWatcher>(
+bool FileRegistry::startWatching() {
+  if (watcher_ != nullptr) return true;
+  watcher_ = FileWatcher::create(
       openPath_, [this] { onFileChange(); },
       [this](const std::string& problem) { reporter_.report(problem); });
+  return watcher_ != nullptr;
 }
 
 void FileRegistry::signalIfChanged(OpenKey* key, const Content& now) {
@@ -177,17 +185,18 @@ void FileRegistry::onFileChange() {
   Content now;
   try {
     now = content(nullptr);
-  } catch (const std::exception&) {
-    // No means to compare: whoever waits looks for himself.
-    for (auto& [number, key] : keys_) {
-      if (!key.pending) continue;
+  } catch (const std::exception& problem) {
+    reporter_.report(openPath_ + ": cannot be read: " + problem.what());
+  }
+  for (auto& [number, key] : keys_) {
+    if (!key.pending) continue;
+    if (now != nullptr) {
+      signalIfChanged(&key, now);
+    } else {
+      // Nothing to compare: whoever waits looks for himself.
       signalEvent(key.pending.get());
       key.pending.reset();
     }
-    return;
-  }
-  for (auto& [number, key] : keys_) {
-    if (key.pending) signalIfChanged(&key, now);
   }
 }
 

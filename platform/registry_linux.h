@@ -82,15 +82,13 @@ class FileRegistry final : public RegistryApi {
 
   static constexpr std::size_t kAnswers = 4;
 
-  std::uint32_t ask(const std::u16string& key, const std::u16string& value, std::uint32_t* out)
-      ZELTA_REQUIRES(mutex_);
   std::string path() ZELTA_REQUIRES(mutex_);
-  // The file's content now; kept while a key is open. `settled` (may be null): the signature to
-  // which the content belongs for good, where there is one.
+  // The file's content now, kept while a key is open; null where it cannot be known at the moment.
+  // `settled` (may be null): the signature to which the content belongs for good, if any.
   Content content(FileSignature* settled) ZELTA_REQUIRES(mutex_);
   void reportSkipped(const std::string& file, const ParsedRegistry& parsed);
   OpenKey* find(RegistryKey key) ZELTA_REQUIRES(mutex_);
-  void startWatching() ZELTA_REQUIRES(mutex_);
+  bool startWatching() ZELTA_REQUIRES(mutex_);
   void signalIfChanged(OpenKey* key, const Content& now) ZELTA_REQUIRES(mutex_);
   void onFileChange() ZELTA_EXCLUDES(mutex_);
 

@@ -42,26 +42,30 @@ bool isOfTheFile(int error) {
          error == EISDIR || error == ENXIO || error == ENODEV;
 }
 
-[[noreturn]] void fail(int error, const std::string& path) {
-  throw std::system_error(error, std::generic_category(), path);
+FileRead failure(int error) {
+  FileRead file;
+  file.problem = std::generic_category().message(error);
+  file.failed = !isOfTheFile(error);
+  return file;
 }
 
-void readAll(int descriptor, const std::string& path, std::string* bytes) {
+// Zero or the error's number.
+int readAll(int descriptor, std::string* bytes) {
   std::size_t length = 0;
   for (;;) {
     bytes->resize(length + kChunk);
     const ssize_t count = read(descriptor, bytes->data() + length, kChunk);
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) fail(errno, path);
+    if (count < 0) return errno;
     length += static_cast<std::size_t>(count);
     bytes->resize(length);
-    if (count == 0 || length > kLargestFile) return;
+    if (count == 0 || length > kLargestFile) return 0;
   }
 }
 
-FileRead readOnce(int descriptor, const std::string& path, std::int64_t now) {
+FileRead readOnce(int descriptor, std::int64_t now) {
   struct stat status {};
-  if (fstat(descriptor, &status) != 0) fail(errno, path);
+  if (fstat(descriptor, &status) != 0) return failure(errno);
   FileRead file;
   file.signature = signatureFrom(status);
   if (!S_ISREG(status.st_mode)) {
@@ -71,7 +75,8 @@ FileRead readOnce(int descriptor, const std::string& path, std::int64_t now) {
   const auto size = static_cast<std::size_t>(status.st_size);
   if (size <= kLargestFile) {
     file.bytes.reserve(size + kChunk);
-    readAll(descriptor, path, &file.bytes);
+    const int error = readAll(descriptor, &file.bytes);
+    if (error != 0) return failure(error);
   }
   if (size > kLargestFile || file.bytes.size() > kLargestFile) {
     file.bytes.clear();
@@ -95,15 +100,10 @@ FileRead readWholeFile(const std::string& path, std::int64_t now) {
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     // Without blocking: a pipe in the file's place must not stop the driver.
     const ScopedFd opened(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (!opened) {
-      const int error = errno;
-      FileRead nothing;
-      if (error == ENOENT || error == ENOTDIR) return nothing;
-      if (!isOfTheFile(error)) fail(error, path);
-      nothing.problem = std::generic_category().message(error);
-      return nothing;
-    }
-    file = readOnce(opened.get(), path, now);
+    if (!opened && (errno == ENOENT || errno == ENOTDIR)) return {};
+    if (!opened) return failure(errno);
+    file = readOnce(opened.get(), now);
+    if (file.failed) return file;
     if (signatureOf(path) == file.signature) return file;
     file.settled = false;
   }

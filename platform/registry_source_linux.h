@@ -30,14 +30,16 @@ struct FileRead {
   bool settled = false;
   // Why there is nothing, in the system's words; empty where the file was read or is not there.
   std::string problem;
+  // The system lacked the means to read (descriptors, memory, the disk's health): what the file
+  // holds is not known.
+  bool failed = false;
 };
 
 FileSignature signatureOf(const std::string& path);
 
 // Reads the whole file as it is at the moment; one that changes meanwhile is read anew, a few
 // times. Regular files up to 64 MiB. `now` is the time of the call in 100-nanosecond units since
-// 1970. A file that cannot be read for what it is (rights, kind, size) is a `problem`; throws
-// std::system_error where the system lacks the means to read at the moment.
+// 1970.
 FileRead readWholeFile(const std::string& path, std::int64_t now);
 
 }  // namespace zelta::platform

@@ -29,11 +29,6 @@ constexpr std::uint32_t kFileMask =
 constexpr int kMaxLinks = 40;  // as the kernel's own limit
 constexpr std::size_t kEventBuffer = 16 * 1024;
 
-ScopedFd checked(int descriptor, const char* what) {
-  if (descriptor < 0) throw std::system_error(errno, std::generic_category(), what);
-  return ScopedFd(descriptor);
-}
-
 // The thread takes none of the process's signals.
 std::thread startWithoutSignals(std::function<void()> body) {
   sigset_t all;
@@ -57,13 +52,22 @@ void prepend(const fs::path& path, std::deque<std::string>* names) {
 
 }  // namespace
 
-FileWatcher::FileWatcher(std::string path, std::function<void()> onChange,
-                         std::function<void(const std::string&)> onProblem)
+std::unique_ptr<FileWatcher> FileWatcher::create(const std::string& path, OnChange onChange,
+                                                 OnProblem onProblem) {
+  ScopedFd inotify(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+  ScopedFd stop(eventfd(0, EFD_CLOEXEC));
+  if (!inotify || !stop) return nullptr;
+  return std::make_unique<FileWatcher>(path, std::move(onChange), std::move(onProblem),
+                                       std::move(inotify), std::move(stop));
+}
+
+FileWatcher::FileWatcher(const std::string& path, OnChange onChange, OnProblem onProblem,
+                         ScopedFd inotify, ScopedFd stop)
     : path_(fs::absolute(path)),
       onChange_(std::move(onChange)),
       onProblem_(std::move(onProblem)),
-      inotify_(checked(inotify_init1(IN_CLOEXEC | IN_NONBLOCK), "inotify")),
-      stop_(checked(eventfd(0, EFD_CLOEXEC), "eventfd")) {
+      inotify_(std::move(inotify)),
+      stop_(std::move(stop)) {
   watchPath();
   thread_ = startWithoutSignals([this] { run(); });
 }

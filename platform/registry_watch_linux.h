@@ -6,11 +6,12 @@
 // the way. What a writer has written so far goes unnoticed until it closes the file, and so does
 // what is written through a memory mapping.
 //
-// One thread waits (no polling); the constructor starts it and the destructor joins it.
+// One thread waits (no polling); `create` starts it and the destructor joins it.
 #pragma once
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <thread>
@@ -21,12 +22,18 @@ namespace zelta::platform {
 
 class FileWatcher {
  public:
-  // `onChange` is called on the watcher's thread, possibly more often than the file changes. When
-  // the constructor returns, every later change leads to a call. `onProblem` gets, on either
-  // thread, what cannot be watched. Throws std::system_error where the system has no descriptor
-  // or thread left.
-  FileWatcher(std::string path, std::function<void()> onChange,
-              std::function<void(const std::string&)> onProblem);
+  using OnChange = std::function<void()>;
+  using OnProblem = std::function<void(const std::string&)>;
+
+  // `onChange` is called on the watcher's thread, possibly more often than the file changes; every
+  // change after the return leads to a call. `onProblem` gets, on either thread, what cannot be
+  // watched. Null where the system has no descriptor left; throws std::system_error where it has
+  // no thread left.
+  static std::unique_ptr<FileWatcher> create(const std::string& path, OnChange onChange,
+                                             OnProblem onProblem);
+  // As `create`, with its descriptors.
+  FileWatcher(const std::string& path, OnChange onChange, OnProblem onProblem, ScopedFd inotify,
+              ScopedFd stop);
   // Must not be called by `onChange`.
   ~FileWatcher();
   FileWatcher(const FileWatcher&) = delete;
@@ -48,8 +55,8 @@ class FileWatcher {
   bool concerns(const void* event) const;
 
   const std::string path_;
-  const std::function<void()> onChange_;
-  const std::function<void(const std::string&)> onProblem_;
+  const OnChange onChange_;
+  const OnProblem onProblem_;
   ScopedFd inotify_;
   ScopedFd stop_;
   Watches watches_;  // the constructor's, then the thread's

@@ -51,7 +51,7 @@ TEST(FileWatcher, EndsAtOnceWithoutAChangeAndLeavesNothing) {
   const test::TempFolder folder;
   const auto before = test::processResources();
   for (const std::string name : {"file", "no/such/folder/file", ".", "../x", ""}) {
-    const FileWatcher watcher(
+    const auto watcher = FileWatcher::create(
         folder.file(name), [] {}, noProblem);
   }
   EXPECT_EQ(test::processResources(), before);
@@ -60,7 +60,7 @@ TEST(FileWatcher, EndsAtOnceWithoutAChangeAndLeavesNothing) {
 TEST(FileWatcher, EachPartOfThePathThatComesIsNoticed) {
   const test::TempFolder folder;
   Calls calls;
-  const FileWatcher watcher(folder.file("a/b/c/file"), calls.counter(), noProblem);
+  const auto watcher = FileWatcher::create(folder.file("a/b/c/file"), calls.counter(), noProblem);
   for (const char* part : {"a", "a/b", "a/b/c"}) {
     fs::create_directory(folder.file(part));
     calls.waitForNext();
@@ -74,7 +74,8 @@ TEST(FileWatcher, DotsAndDoubledSlashesInThePathAreFollowed) {
   fs::create_directories(folder.path() / "a");
   fs::create_directories(folder.path() / "b");
   Calls calls;
-  const FileWatcher watcher(folder.file("a/./..//b/../b/file"), calls.counter(), noProblem);
+  const auto watcher =
+      FileWatcher::create(folder.file("a/./..//b/../b/file"), calls.counter(), noProblem);
   fs::create_directory(folder.file("b/file"));
   calls.waitForNext();
 }
@@ -85,7 +86,7 @@ TEST(FileWatcher, ARelativePathIsFollowedFromTheCurrentFolder) {
   fs::current_path(folder.path());
   Calls calls;
   {
-    const FileWatcher watcher("file", calls.counter(), noProblem);
+    const auto watcher = FileWatcher::create("file", calls.counter(), noProblem);
     fs::current_path(before);
     std::ofstream(folder.file("file")) << "x";
     calls.waitForNext();
@@ -96,7 +97,7 @@ TEST(FileWatcher, NewAccessRightsAreNoticed) {
   const test::TempFolder folder;
   std::ofstream(folder.file("file")) << "x";
   Calls calls;
-  const FileWatcher watcher(folder.file("file"), calls.counter(), noProblem);
+  const auto watcher = FileWatcher::create(folder.file("file"), calls.counter(), noProblem);
   fs::permissions(folder.file("file"), fs::perms::owner_read);
   calls.waitForNext();
 }
@@ -106,7 +107,7 @@ TEST(FileWatcher, MoreEventsThanTheQueueHoldsAreOneChange) {
   std::ofstream(folder.file("file")) << "x";
   Calls calls;
   Mutex gate;
-  const FileWatcher watcher(
+  const auto watcher = FileWatcher::create(
       folder.file("file"),
       [&, count = calls.counter()] {
         MutexLock lock(gate);
