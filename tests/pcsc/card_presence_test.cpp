@@ -1,0 +1,234 @@
+#include "pcsc/card_presence.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <thread>
+
+namespace zelta::pcsc {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds kShort{30};
+constexpr milliseconds kLong{30000};
+
+class CardPresenceTest : public testing::Test {
+ protected:
+  void enter() {
+    presence_.expectCard();
+    ASSERT_TRUE(presence_.cardEntered());
+  }
+
+  // Whether the polling function comes back before its time has run out.
+  bool returnsAtOnce() {
+    const auto begun = std::chrono::steady_clock::now();
+    presence_.awaitChange(milliseconds(2000));
+    return std::chrono::steady_clock::now() - begun < milliseconds(1900);
+  }
+  bool takesItsTime() {
+    const auto begun = std::chrono::steady_clock::now();
+    presence_.awaitChange(kShort);
+    return std::chrono::steady_clock::now() - begun >= kShort;
+  }
+
+  CardPresence presence_;
+};
+
+TEST_F(CardPresenceTest, ShowsNoCardAtFirst) {
+  EXPECT_EQ(presence_.card(), kNoCard);
+  EXPECT_EQ(presence_.reportCard(), kNoCard);
+  EXPECT_TRUE(takesItsTime());
+}
+
+TEST_F(CardPresenceTest, CardThatEnteredIsShown) {
+  enter();
+  EXPECT_NE(presence_.card(), kNoCard);
+  EXPECT_EQ(presence_.reportCard(), presence_.card());
+}
+
+TEST_F(CardPresenceTest, CardThatLeftBeforeItWasShownNeverIs) {
+  presence_.expectCard();
+  presence_.cardLeft();
+  EXPECT_FALSE(presence_.cardEntered());
+  EXPECT_EQ(presence_.card(), kNoCard);
+  EXPECT_TRUE(takesItsTime());
+  enter();
+  EXPECT_NE(presence_.card(), kNoCard);
+}
+
+TEST_F(CardPresenceTest, InsertionEndsTheWait) {
+  auto polled = std::async(std::launch::async, [this] { presence_.awaitChange(kLong); });
+  enter();
+  EXPECT_EQ(polled.wait_for(kLong / 2), std::future_status::ready);
+}
+
+TEST_F(CardPresenceTest, UnseenCardEndsTheNextWaitAtOnceAndOnlyThat) {
+  enter();
+  EXPECT_TRUE(returnsAtOnce());
+  EXPECT_TRUE(takesItsTime());
+}
+
+TEST_F(CardPresenceTest, CardThatThePollingThreadSawIsNotToldAgain) {
+  enter();
+  presence_.reportCard();
+  EXPECT_TRUE(takesItsTime());
+}
+
+TEST_F(CardPresenceTest, CardThatAnotherThreadSawIsStillTold) {
+  enter();
+  std::thread([this] { presence_.reportCard(); }).join();
+  EXPECT_TRUE(returnsAtOnce());
+}
+
+TEST_F(CardPresenceTest, RemovalEndsTheWaitAndShowsNoCardAtOnce) {
+  enter();
+  presence_.reportCard();
+  auto polled = std::async(std::launch::async, [this] { presence_.awaitChange(kLong); });
+  presence_.cardLeft();
+  EXPECT_EQ(presence_.card(), kNoCard);
+  EXPECT_EQ(polled.wait_for(kLong / 2), std::future_status::ready);
+  EXPECT_TRUE(takesItsTime());
+}
+
+TEST_F(CardPresenceTest, CardThatIsBackIsHiddenUntilPollingIsEnteredAgain) {
+  enter();
+  presence_.reportCard();
+  const CardNumber first = presence_.card();
+  presence_.cardLeft();
+  enter();
+  EXPECT_TRUE(returnsAtOnce());  // for the removal
+  EXPECT_EQ(presence_.reportCard(), kNoCard);
+  EXPECT_EQ(presence_.reportCard(), kNoCard);  // however often it is asked
+  EXPECT_TRUE(returnsAtOnce());                // for the card that is back
+  EXPECT_NE(presence_.reportCard(), kNoCard);
+  EXPECT_NE(presence_.card(), first);
+  EXPECT_TRUE(takesItsTime());
+}
+
+TEST_F(CardPresenceTest, SwapBetweenQuestionAndPollingIsNotLost) {
+  enter();
+  EXPECT_NE(presence_.reportCard(), kNoCard);
+  presence_.cardLeft();
+  enter();
+  EXPECT_TRUE(returnsAtOnce());
+  EXPECT_EQ(presence_.reportCard(), kNoCard);
+  EXPECT_TRUE(returnsAtOnce());
+  EXPECT_NE(presence_.reportCard(), kNoCard);
+}
+
+TEST_F(CardPresenceTest, CardThatCameAndWentWhileHiddenIsNeverShown) {
+  enter();
+  presence_.reportCard();
+  presence_.cardLeft();
+  enter();
+  presence_.cardLeft();
+  EXPECT_TRUE(returnsAtOnce());
+  EXPECT_EQ(presence_.reportCard(), kNoCard);
+  EXPECT_TRUE(takesItsTime());
+  EXPECT_EQ(presence_.reportCard(), kNoCard);
+  enter();
+  EXPECT_TRUE(returnsAtOnce());
+  EXPECT_NE(presence_.reportCard(), kNoCard);
+}
+
+TEST_F(CardPresenceTest, EachOfAHundredSwapsIsSeen) {
+  platform::Mutex mutex;
+  platform::ConditionVariable changed;
+  int removals = 0;
+  int insertions = 0;
+  auto polled = std::async(std::launch::async, [&] {
+    for (bool before = false; insertions < 101;) {
+      presence_.awaitChange(kLong);
+      const bool now = presence_.reportCard() != kNoCard;
+      const platform::MutexLock lock(mutex);
+      if (before && !now) ++removals;
+      if (!before && now) ++insertions;
+      before = now;
+      changed.notifyAll();
+    }
+  });
+  enter();
+  for (int swap = 0; swap < 100; ++swap) {
+    platform::MutexLock lock(mutex);
+    ASSERT_TRUE(changed.waitFor(lock, kLong, [&] { return insertions == swap + 1; }));
+    lock.unlock();
+    presence_.cardLeft();
+    enter();
+  }
+  ASSERT_EQ(polled.wait_for(kLong), std::future_status::ready);
+  EXPECT_EQ(removals, 100);
+  EXPECT_EQ(insertions, 101);
+}
+
+TEST_F(CardPresenceTest, StopBeforeTheWaitEndsItOnce) {
+  presence_.stopAwaiting();
+  EXPECT_TRUE(returnsAtOnce());
+  EXPECT_TRUE(takesItsTime());
+}
+
+TEST_F(CardPresenceTest, StopDuringTheWaitEndsIt) {
+  auto polled = std::async(std::launch::async, [this] { presence_.awaitChange(kLong); });
+  presence_.stopAwaiting();
+  EXPECT_EQ(polled.wait_for(kLong / 2), std::future_status::ready);
+}
+
+TEST_F(CardPresenceTest, StopDoesNotSwallowARemoval) {
+  enter();
+  presence_.reportCard();
+  presence_.stopAwaiting();
+  presence_.cardLeft();
+  EXPECT_TRUE(returnsAtOnce());
+  EXPECT_EQ(presence_.reportCard(), kNoCard);
+}
+
+TEST_F(CardPresenceTest, CloseEndsEveryWait) {
+  auto polled = std::async(std::launch::async, [this] { presence_.awaitChange(kLong); });
+  presence_.close();
+  EXPECT_EQ(polled.wait_for(kLong / 2), std::future_status::ready);
+  EXPECT_TRUE(returnsAtOnce());
+  EXPECT_TRUE(returnsAtOnce());
+}
+
+TEST_F(CardPresenceTest, NegativeTimeReturnsAtOnce) {
+  presence_.awaitChange(milliseconds(-1));
+  SUCCEED();
+}
+
+TEST_F(CardPresenceTest, CycleMakesTheCardLeaveAndEnterOnce) {
+  enter();
+  presence_.reportCard();
+  const CardNumber first = presence_.card();
+  presence_.cycle(first);
+  EXPECT_EQ(presence_.card(), kNoCard);
+  EXPECT_TRUE(returnsAtOnce());
+  EXPECT_EQ(presence_.reportCard(), kNoCard);
+  EXPECT_TRUE(returnsAtOnce());
+  EXPECT_NE(presence_.reportCard(), kNoCard);
+  EXPECT_NE(presence_.card(), first);
+  EXPECT_TRUE(takesItsTime());
+}
+
+TEST_F(CardPresenceTest, CycleOfACardThatIsNoLongerShownDoesNothing) {
+  enter();
+  presence_.reportCard();
+  const CardNumber first = presence_.card();
+  presence_.cycle(first + 1);
+  presence_.cycle(kNoCard);
+  EXPECT_EQ(presence_.card(), first);
+  EXPECT_TRUE(takesItsTime());
+}
+
+TEST_F(CardPresenceTest, CardThatLeavesDuringACycleStaysAway) {
+  enter();
+  presence_.reportCard();
+  presence_.cycle(presence_.card());
+  presence_.cardLeft();
+  EXPECT_TRUE(returnsAtOnce());
+  EXPECT_EQ(presence_.reportCard(), kNoCard);
+  EXPECT_TRUE(takesItsTime());
+  EXPECT_EQ(presence_.reportCard(), kNoCard);
+}
+
+}  // namespace
+}  // namespace zelta::pcsc

@@ -1,0 +1,72 @@
+// A channel on a reader that the test plays.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "pcsc/channel.h"
+#include "tests/support/fake_driver_host.h"
+
+namespace zelta::test {
+
+// Collects log lines as "level text".
+class LogLines {
+ public:
+  pcsc::Log log() {
+    return [this](pcsc::LogLevel level, const std::string& text) {
+      const platform::MutexLock lock(mutex_);
+      lines_.push_back(std::to_string(static_cast<int>(level)) + " " + text);
+    };
+  }
+  std::vector<std::string> lines() const {
+    const platform::MutexLock lock(mutex_);
+    return lines_;
+  }
+
+ private:
+  mutable platform::Mutex mutex_;
+  std::vector<std::string> lines_ ZELTA_GUARDED_BY(mutex_);
+};
+
+class ChannelTest : public testing::Test {
+ protected:
+  static constexpr framework::HRESULT kGenFailure = framework::hresult(0x8007001F);
+  const pcsc::Bytes kAtr{0x3B, 0x95, 0x13, 0x81, 0x01};
+
+  ChannelTest() {
+    answerPower(succeededWith(kAtr));
+    channel_.emplace(reader_->open(), log_->log());
+  }
+
+  void answerPower(host::IoResult result) {
+    reader_->answer(pcsc::kIoctlPower, [result](const auto&) { return result; });
+  }
+
+  // pcscd's polling function, with what it does of its own accord afterwards.
+  void poll() { channel_->awaitChange(FakeReader::kLimit); }
+
+  void insert() {
+    reader_->insertCard();
+    poll();
+    ASSERT_EQ(channel_->presence(), IFD_SUCCESS);
+  }
+  void insertAndPowerUp() {
+    insert();
+    ASSERT_EQ(channel_->power(IFD_POWER_UP).code, IFD_SUCCESS);
+  }
+  void remove() {
+    reader_->removeCard();
+    poll();
+    ASSERT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
+  }
+
+  const std::shared_ptr<FakeReader> reader_ = std::make_shared<FakeReader>();
+  const std::shared_ptr<LogLines> log_ = std::make_shared<LogLines>();
+  std::optional<pcsc::Channel> channel_;
+};
+
+}  // namespace zelta::test

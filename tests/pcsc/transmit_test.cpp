@@ -1,0 +1,269 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "tests/pcsc/channel_fixture.h"
+
+namespace zelta::pcsc {
+namespace {
+
+using test::failedWith;
+using test::succeededWith;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class TransmitTest : public test::ChannelTest {
+ protected:
+  static Bytes answerOf(std::uint32_t protocol, const Bytes& response) {
+    Bytes answer = numberBytes(protocol);
+    appendNumber(answer, 8);
+    answer.insert(answer.end(), response.begin(), response.end());
+    return answer;
+  }
+
+  void answerTransmit(host::IoResult result) {
+    reader_->answer(kIoctlTransmit, [result](const auto&) { return result; });
+  }
+  // Answers like a driver with this current protocol.
+  void answerUnder(std::uint32_t protocol) {
+    reader_->answer(kIoctlTransmit, [protocol](const auto& request) {
+      if (numberAt(request.input, 0) != protocol) return failedWith(kInvalidDeviceState);
+      return succeededWith(answerOf(protocol, {0x90, 0x00}));
+    });
+    reader_->answer(kIoctlGetAttribute,
+                    [protocol](const auto&) { return succeededWith(numberBytes(protocol)); });
+  }
+
+  TransmitReply send(DWORD pci = 1, std::size_t capacity = MAX_BUFFER_SIZE_EXTENDED) {
+    return channel_->transmit({pci, {0x00, 0xA4, 0x04, 0x00}, capacity});
+  }
+
+  void connect(DWORD protocol = SCARD_PROTOCOL_T1) {
+    insertAndPowerUp();
+    ASSERT_EQ(channel_->setProtocol(protocol), IFD_SUCCESS);
+  }
+};
+
+TEST_F(TransmitTest, CommandGoesBehindTheHeaderWithTheChosenMask) {
+  connect(SCARD_PROTOCOL_T1);
+  answerUnder(kProtocolT1);
+  const TransmitReply reply = send();
+  EXPECT_EQ(reply.code, IFD_SUCCESS);
+  EXPECT_EQ(reply.protocol, 1u);
+  EXPECT_THAT(reply.answer, ElementsAre(0x90, 0x00));
+  const auto requests = reader_->requests(kIoctlTransmit);
+  ASSERT_EQ(requests.size(), 1u);
+  EXPECT_THAT(requests[0].input, ElementsAre(2, 0, 0, 0, 8, 0, 0, 0, 0x00, 0xA4, 0x04, 0x00));
+  EXPECT_EQ(requests[0].outputCapacity, MAX_BUFFER_SIZE_EXTENDED + kTransmitHeaderSize);
+}
+
+TEST_F(TransmitTest, T0HasMaskOneAndNumberNought) {
+  connect(SCARD_PROTOCOL_T0);
+  answerUnder(kProtocolT0);
+  const TransmitReply reply = send(0);
+  EXPECT_EQ(reply.code, IFD_SUCCESS);
+  EXPECT_EQ(reply.protocol, 0u);
+  EXPECT_THAT(reader_->requests(kIoctlTransmit)[0].input[0], 1);
+}
+
+TEST_F(TransmitTest, RawCommandsGoUnderTheDriversProtocol) {
+  insertAndPowerUp();
+  answerUnder(0);
+  const TransmitReply reply = send(4);
+  EXPECT_EQ(reply.code, IFD_SUCCESS);
+  EXPECT_EQ(reply.protocol, 4u);
+}
+
+TEST_F(TransmitTest, OtherProtocolNumbersAreRefused) {
+  connect();
+  for (const DWORD protocol : {2, 3, 14, 15}) {
+    EXPECT_EQ(send(protocol).code, IFD_PROTOCOL_NOT_SUPPORTED) << protocol;
+  }
+  EXPECT_EQ(reader_->count(kIoctlTransmit), 0u);
+}
+
+TEST_F(TransmitTest, AfterAPowerUpTheProtocolIsNought) {
+  connect();
+  channel_->power(IFD_RESET);
+  answerUnder(0);
+  EXPECT_EQ(send().code, IFD_SUCCESS);
+  EXPECT_EQ(reader_->count(kIoctlTransmit), 1u);
+}
+
+TEST_F(TransmitTest, RefusedProtocolLeavesTheOneBefore) {
+  connect(SCARD_PROTOCOL_T0);
+  reader_->answer(kIoctlSetProtocol, [](const auto&) { return failedWith(kNotSupported); });
+  EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T1), IFD_PROTOCOL_NOT_SUPPORTED);
+  answerUnder(kProtocolT0);
+  EXPECT_EQ(send().code, IFD_SUCCESS);
+  EXPECT_EQ(reader_->count(kIoctlTransmit), 1u);
+}
+
+TEST_F(TransmitTest, BeforePowerUpTheDriverIsAskedForItsProtocol) {
+  insert();
+  answerUnder(1);  // as its answer to reset says: T=1 by number
+  const TransmitReply reply = send();
+  EXPECT_EQ(reply.code, IFD_SUCCESS);
+  EXPECT_THAT(reply.answer, ElementsAre(0x90, 0x00));
+  const auto requests = reader_->requests(kIoctlTransmit);
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[0].input[0], 0);
+  EXPECT_EQ(requests[1].input[0], 1);
+}
+
+TEST_F(TransmitTest, ProtocolThatTheDriverNamedIsRemembered) {
+  connect(SCARD_PROTOCOL_T1);
+  answerUnder(1);  // the card announced itself anew meanwhile
+  EXPECT_EQ(send().code, IFD_SUCCESS);
+  EXPECT_EQ(send().code, IFD_SUCCESS);
+  EXPECT_EQ(reader_->count(kIoctlTransmit), 3u);
+  EXPECT_EQ(reader_->count(kIoctlGetAttribute), 1u);
+}
+
+TEST_F(TransmitTest, RefusalUnderTheRightProtocolIsAnErrorAndNotRepeated) {
+  connect();
+  answerTransmit(failedWith(kInvalidDeviceState));
+  reader_->answer(kIoctlGetAttribute, [](const auto&) { return succeededWith(numberBytes(2)); });
+  EXPECT_EQ(send().code, IFD_COMMUNICATION_ERROR);
+  EXPECT_EQ(reader_->count(kIoctlTransmit), 1u);
+}
+
+TEST_F(TransmitTest, RefusalIsNotRepeatedForAnotherCard) {
+  connect();
+  reader_->answer(kIoctlTransmit, [this](const auto&) {
+    reader_->removeCard();
+    reader_->insertCard();
+    return failedWith(kInvalidDeviceState);
+  });
+  EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
+  EXPECT_EQ(reader_->count(kIoctlTransmit), 1u);
+  EXPECT_EQ(reader_->count(kIoctlGetAttribute), 0u);
+}
+
+TEST_F(TransmitTest, RefusalIsNotRepeatedForACardSwappedWhileTheProtocolIsAsked) {
+  connect();
+  answerTransmit(failedWith(kInvalidDeviceState));
+  reader_->answer(kIoctlGetAttribute, [this](const auto&) {
+    reader_->removeCard();
+    return succeededWith(numberBytes(1));
+  });
+  EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
+  EXPECT_EQ(reader_->count(kIoctlTransmit), 1u);
+}
+
+TEST_F(TransmitTest, ShortProtocolAnswerIsNotUsed) {
+  connect();
+  answerTransmit(failedWith(kInvalidDeviceState));
+  reader_->answer(kIoctlGetAttribute, [](const auto&) { return succeededWith({1, 0, 0}); });
+  EXPECT_EQ(send().code, IFD_COMMUNICATION_ERROR);
+  EXPECT_EQ(reader_->count(kIoctlTransmit), 1u);
+}
+
+TEST_F(TransmitTest, NoCommandWithoutACard) {
+  EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
+  connect();
+  reader_->removeCard();
+  EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
+  EXPECT_EQ(reader_->count(kIoctlTransmit), 0u);
+}
+
+TEST_F(TransmitTest, AnswerOfACardThatWasPulledMeanwhileIsNotGiven) {
+  connect();
+  reader_->answer(kIoctlTransmit, [this](const auto&) {
+    reader_->removeCard();
+    return succeededWith(answerOf(2, {0x69, 0x01}));
+  });
+  const TransmitReply reply = send();
+  EXPECT_EQ(reply.code, IFD_ICC_NOT_PRESENT);
+  EXPECT_THAT(reply.answer, IsEmpty());
+}
+
+TEST_F(TransmitTest, CommandForTheOldCardEndsAsRemovedWhenAnotherIsInAlready) {
+  connect();
+  std::promise<void> running;
+  std::promise<void> swapped;
+  reader_->answer(kIoctlTransmit, [&](const auto&) {
+    running.set_value();
+    swapped.get_future().wait();
+    return succeededWith(answerOf(2, {0x90, 0x00}));
+  });
+  auto sent = std::async(std::launch::async, [this] { return send(); });
+  running.get_future().wait();
+  reader_->removeCard();
+  reader_->insertCard();
+  ASSERT_NE(reader_->waitForWaiting(kIoctlIsAbsent), nullptr);
+  poll();
+  EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
+  swapped.set_value();
+  EXPECT_EQ(sent.get().code, IFD_ICC_NOT_PRESENT);
+}
+
+TEST_F(TransmitTest, NoMediaIsACardThatLeftAndEntersAgain) {
+  connect();
+  answerTransmit(failedWith(kNoMedia));
+  EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
+  EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
+  EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
+  EXPECT_EQ(reader_->count(kIoctlTransmit), 1u);
+  poll();
+  EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
+  poll();
+  EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
+  EXPECT_EQ(channel_->power(IFD_POWER_UP).code, IFD_SUCCESS);
+}
+
+TEST_F(TransmitTest, OtherFailuresAreErrorsAndTheCardStays) {
+  connect();
+  const std::pair<framework::HRESULT, RESPONSECODE> failures[] = {
+      {kGenFailure, IFD_COMMUNICATION_ERROR},
+      {host::kTimedOut, IFD_RESPONSE_TIMEOUT},
+      {host::kDeviceGone, IFD_COMMUNICATION_ERROR},
+      {framework::hresult(0x8007139F), IFD_COMMUNICATION_ERROR},
+  };
+  for (const auto& [status, code] : failures) {
+    answerTransmit(failedWith(status));
+    EXPECT_EQ(send().code, code) << std::hex << status;
+    EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
+  }
+}
+
+TEST_F(TransmitTest, AnswerLargerThanTheBufferIsInsufficientBuffer) {
+  connect();
+  answerTransmit({framework::kOk, 8 + 11, {}});
+  EXPECT_EQ(send(1, 10).code, IFD_ERROR_INSUFFICIENT_BUFFER);
+  EXPECT_EQ(reader_->requests(kIoctlTransmit)[0].outputCapacity, 18u);
+}
+
+TEST_F(TransmitTest, LongestAnswerIsGiven) {
+  connect();
+  const Bytes response(MAX_BUFFER_SIZE_EXTENDED, 0x5A);
+  answerTransmit(succeededWith(answerOf(2, response)));
+  EXPECT_EQ(send().answer, response);
+}
+
+TEST_F(TransmitTest, AnswersWithoutAValidHeaderAreErrors) {
+  connect();
+  const Bytes answers[] = {
+      {},
+      {2, 0, 0, 0, 8, 0, 0},              // shorter than the header
+      {1, 0, 0, 0, 8, 0, 0, 0, 0x90, 0},  // another protocol
+      {2, 0, 0, 0, 9, 0, 0, 0, 0x90, 0},  // another header length
+  };
+  for (const Bytes& answer : answers) {
+    answerTransmit(succeededWith(answer));
+    EXPECT_EQ(send().code, IFD_COMMUNICATION_ERROR) << answer.size();
+  }
+  ASSERT_EQ(log_->lines().size(), 4u);
+  EXPECT_EQ(log_->lines()[1], "2 the driver's answer to a command has no valid header (7 bytes)");
+}
+
+TEST_F(TransmitTest, EmptyCommandIsTheDriversToAnswer) {
+  connect();
+  answerTransmit(succeededWith(answerOf(2, {0x69, 0x01})));
+  EXPECT_THAT(channel_->transmit({1, {}, 100}).answer, ElementsAre(0x69, 0x01));
+  EXPECT_EQ(reader_->requests(kIoctlTransmit)[0].input.size(), kTransmitHeaderSize);
+}
+
+}  // namespace
+}  // namespace zelta::pcsc
