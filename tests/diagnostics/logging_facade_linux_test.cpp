@@ -1,15 +1,6 @@
-// The driver's logger on the real system: registry file, clock, full speed, exit, system calls.
+// The driver's logger on the real system: registry file, clock, full speed, a full disk.
 #include <gtest/gtest.h>
-#include <linux/audit.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <array>
-#include <atomic>
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
@@ -219,57 +210,6 @@ TEST_F(RealLoggingTest, FullDiskLosesLinesAndNothingElse) {
     EXPECT_EQ(test::recordsOf(test::filesIn(folder)[0])[0].message, "before");
     EXPECT_EQ(test::recordsOf(test::filesIn(folder)[1]).back().message, "after");
   });
-}
-
-// From here on any system call of the thread but the process's end kills the process.
-bool forbidSystemCalls() {
-  std::array<sock_filter, 4> program = {
-      sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_exit_group, 0, 1),
-      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-      sock_filter BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS)};
-  sock_fprog filter = {program.size(), program.data()};
-  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
-}
-
-int statusOfChild(void (*run)()) {
-  const pid_t process = fork();
-  if (process == 0) {
-    run();
-    _exit(1);
-  }
-  int status = -1;
-  EXPECT_EQ(waitpid(process, &status, 0), process);
-  return status;
-}
-
-TEST_F(RealLoggingTest, CallBelowTheThresholdTakesNoSystemCall) {
-  writeRegistry(2);
-  const int status = statusOfChild([] {
-    logInfo("the logger is there");
-    logDebug("and everything that is made once");
-    const std::array<std::uint8_t, 64> bytes{};
-    if (!forbidSystemCalls()) _exit(2);
-    for (int i = 0; i < 1'000; ++i) {
-      logDebug("text %d %s", i, "more");
-      logByteDump(bytes.data(), bytes.size(), 16);
-    }
-    _exit(0);
-  });
-  ASSERT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-}
-
-TEST_F(RealLoggingTest, ForbiddenSystemCallsAreNoticed) {
-  writeRegistry(2);
-  const int status = statusOfChild([] {
-    logInfo("the logger is there");
-    if (!forbidSystemCalls()) _exit(2);
-    logInfo("written");
-    _exit(0);
-  });
-  EXPECT_TRUE(WIFSIGNALED(status));
 }
 
 }  // namespace
