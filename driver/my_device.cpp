@@ -136,16 +136,17 @@ HRESULT CMyDevice::createReaders() {
 
 void CMyDevice::addReader(std::uint32_t index) {
   std::unique_ptr<Reader> made = readerFactory_(index, this);
-  const Reader& reader = *made;
+  const Reader* reader = made.get();
   {
     const TracedLock lock(kD0Entry, deviceLock_, __LINE__);
     readers_.push_back(std::move(made));  // into reserved room
   }
+  if (reader == nullptr) return;  // dispatch refuses what is sent to it
   const int number = static_cast<int>(index);
   logInfo("%s: reader[%d] initialized, vendor name=%s", kD0Entry, number,
-          reader.vendorName().c_str());
+          reader->vendorName().c_str());
   logInfo("%s: reader[%d] initialized, vendor Ifd type=%s", kD0Entry, number,
-          reader.ifdType().c_str());
+          reader->ifdType().c_str());
 }
 
 HRESULT CMyDevice::OnD0Exit(framework::IWDFDevice* /*wdfDevice*/, framework::EnumValue /*next*/) {

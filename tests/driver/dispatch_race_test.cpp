@@ -1,0 +1,111 @@
+// Parallel dispatch from the framework's side, with cancellation racing completion and shutdown.
+// The framework's double fails the test where a request is completed twice, touched afterwards or
+// let go of without completion.
+#include <array>
+#include <atomic>
+
+#include "diagnostics/traced_lock.h"
+#include "driver/smartcard_ioctl.h"
+#include "tests/driver/device_fixture.h"
+
+namespace zelta {
+namespace {
+
+using framework::ComPtr;
+using test::DeviceFixture;
+using test::FakeWdfRequest;
+using test::Outcome;
+using test::RequestSetup;
+
+class DispatchRace : public DeviceFixture {
+ protected:
+  void SetUp() override { bringUp(); }
+
+  ComPtr<FakeWdfRequest> make(const RequestSetup& setup = {}) {
+    return ComPtr<FakeWdfRequest>(new FakeWdfRequest(setup));  // the test's own reference beside
+  }
+
+  // As the agent's events and the reader's shutdown complete what waits.
+  void completeWaiting(PendingRequests& list, framework::HRESULT status) {
+    const TracedLock lock("test", device_->deviceLock(), __LINE__);
+    while (IoRequest* request = list.newest()) {
+      request->addRef();
+      if (framework::succeeded(request->unmarkCancelable())) {
+        request->completeWithInformation(status, 0);
+      }
+      list.remove(request);
+      request->release();
+    }
+  }
+};
+
+TEST_F(DispatchRace, CancelRacesTheEvent) {
+  for (int round = 0; round < 2000; ++round) {
+    log_.clear();
+    const bool insert = round % 2 == 0;
+    story_.checkResult = insert ? QueryResult::Failure : QueryResult::Success;
+    const auto request = make();
+    std::thread canceller([&] { request->cancel(); });
+    std::thread agent(
+        [&] { completeWaiting(insert ? reader_->pendingInsert_ : reader_->pendingRemove_, 0); });
+    dispatch(request.get(), insert ? IOCTL_SMARTCARD_IS_PRESENT : IOCTL_SMARTCARD_IS_ABSENT, {});
+    canceller.join();
+    agent.join();
+    ASSERT_TRUE(request->outcome()->completed());
+    ASSERT_EQ(request->references(), 1u);
+  }
+}
+
+TEST_F(DispatchRace, AllControlsAtOnce) {
+  constexpr std::array kCodes = {
+      IOCTL_SMARTCARD_GET_ATTRIBUTE, IOCTL_SMARTCARD_IS_PRESENT, IOCTL_SMARTCARD_GET_STATE,
+      IOCTL_SMARTCARD_IS_ABSENT,     IOCTL_SMARTCARD_POWER,      IOCTL_SMARTCARD_SET_ATTRIBUTE,
+      IOCTL_SMARTCARD_SET_PROTOCOL,  IOCTL_SMARTCARD_TRANSMIT,   IOCTL_SMARTCARD_EJECT};
+  RequestSetup setup;
+  setup.input = Bytes{1, 0, 0, 0, 8, 0, 0, 0, 0, 0xA4};
+  setup.outputCapacity = 64;
+  std::vector<std::thread> threads;
+  for (unsigned thread = 0; thread < 4; ++thread) {
+    threads.emplace_back([&, thread] {
+      for (unsigned i = 0; i < 400; ++i) {
+        const auto request = make(setup);
+        story_.checkResult = i % 2 == 0 ? QueryResult::Failure : QueryResult::Success;
+        dispatch(request.get(), kCodes[(i + thread) % kCodes.size()], setup);
+        request->cancel();
+        EXPECT_TRUE(request->outcome()->completed());
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_TRUE(reader_->pendingInsert_.empty());
+  EXPECT_TRUE(reader_->pendingRemove_.empty());
+}
+
+TEST_F(DispatchRace, ShutdownRacesDispatchAndCancel) {
+  for (int round = 0; round < 300; ++round) {
+    takeDown();
+    story_.onShutdown = [this] {
+      completeWaiting(reader_->pendingRemove_, framework::hresult(0x800704C7));
+      completeWaiting(reader_->pendingInsert_, framework::hresult(0x800704C7));
+    };
+    bringUp();
+    const auto first = make();
+    const auto second = make();
+    std::thread canceller([&] {
+      first->cancel();
+      second->cancel();
+    });
+    std::thread sender([&] { dispatch(first.get(), IOCTL_SMARTCARD_IS_PRESENT, {}); });
+    std::thread stopper([&] { device_->OnQueryRemove(wdfDevice()); });
+    dispatch(second.get(), IOCTL_SMARTCARD_IS_PRESENT, {});
+    canceller.join();
+    sender.join();
+    stopper.join();
+    ASSERT_TRUE(first->outcome()->completed());
+    ASSERT_TRUE(second->outcome()->completed());
+    story_.onShutdown = nullptr;
+  }
+}
+
+}  // namespace
+}  // namespace zelta

@@ -1,0 +1,76 @@
+#include "tests/support/scarce_memory.h"
+
+#include <cstdlib>
+#include <new>
+
+namespace zelta::test {
+namespace {
+
+// Plain thread-local numbers: allocating must not allocate.
+enum class Shortage { None, Count, Size };
+thread_local Shortage shortage = Shortage::None;
+thread_local std::size_t limit = 0;  // allocations left, or the size that fails
+thread_local bool failed = false;
+
+bool fails(std::size_t size) noexcept {
+  switch (shortage) {
+    case Shortage::Count:
+      if (limit == 0) return true;
+      --limit;
+      return false;
+    case Shortage::Size:
+      return size == limit;
+    default:
+      return false;
+  }
+}
+
+void* allocate(std::size_t size) noexcept {
+  if (fails(size)) {
+    failed = true;
+    return nullptr;
+  }
+  return std::malloc(size == 0 ? 1 : size);
+}
+
+void begin(Shortage kind, std::size_t value) {
+  failed = false;
+  limit = value;
+  shortage = kind;
+}
+
+}  // namespace
+
+ScarceMemory::ScarceMemory(int allocations) {
+  begin(Shortage::Count, static_cast<std::size_t>(allocations));
+}
+
+ScarceMemory ScarceMemory::ofSize(std::size_t size) {
+  begin(Shortage::Size, size);
+  return ScarceMemory();
+}
+
+ScarceMemory::~ScarceMemory() { shortage = Shortage::None; }
+
+bool ScarceMemory::ranOut() const { return failed; }
+
+}  // namespace zelta::test
+
+void* operator new(std::size_t size) {
+  void* memory = zelta::test::allocate(size);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+void* operator new[](std::size_t size) { return operator new(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return zelta::test::allocate(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  return zelta::test::allocate(size);
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete[](void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
+void operator delete[](void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
