@@ -18,6 +18,7 @@ if ! is_up; then
   exit 0
 fi
 pid=$(cat "$ZELTA_RUN_DIR/up.pid")
+exec {lock}<"$ZELTA_RUN_DIR/up.pid"
 as_root "to end process $pid" kill -TERM "$pid"
-timeout 30 tail --pid="$pid" -f /dev/null || die "process $pid does not end"
+flock --shared --timeout 30 "$lock" || die "process $pid does not end"
 say "Down."

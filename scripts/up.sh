@@ -89,7 +89,10 @@ prepare_run_dir() {
   trap 'exit 130' INT
   trap 'exit 143' TERM
   chmod 0755 "$ZELTA_RUN_DIR"
-  echo $$ >"$ZELTA_RUN_DIR/up.pid"
+  # Locked for as long as anything of this runs: `down` waits for it.
+  exec {lock}>"$ZELTA_RUN_DIR/up.pid"
+  flock "$lock"
+  echo $$ >&"$lock"
   mkdir -p "$LOGS" "$ZELTA_RUN_DIR/reader.conf.d"
   printf '%s' "$PIN" >"$ZELTA_RUN_DIR/pin"
   chmod 0600 "$ZELTA_RUN_DIR/pin"
@@ -146,10 +149,19 @@ start_pcscd() {
   die "pcscd did not open its socket after $attempt attempts"
 }
 
+# Ends when a card is in; `opensc-tool --wait` would wait for the next one.
+wait_for_card() {
+  local attempt
+  for attempt in $(seq 150); do
+    opensc-tool --atr >"$ZELTA_RUN_DIR/wait.log" 2>&1 && return
+    sleep 0.2
+  done
+  die "no card after $attempt attempts: $(tail -n 1 "$ZELTA_RUN_DIR/wait.log")"
+}
+
 show_card() {
   step "Waiting for the card"
-  timeout 30 opensc-tool --wait --atr >"$ZELTA_RUN_DIR/wait.log" 2>&1 ||
-    die "no card within 30 seconds: $(tail -n 1 "$ZELTA_RUN_DIR/wait.log")"
+  wait_for_card
   say "Reader: $(opensc-tool --list-readers | sed -n 's/^ *0 *Yes *//p')"
   say "ATR:    $(opensc-tool --atr 2>/dev/null)"
   say "Card:   $(opensc-tool --name 2>/dev/null | tail -n 1)"
@@ -201,7 +213,7 @@ if [ "$CHECK" = yes ]; then
   say "All signatures are good."
   exit 0
 fi
-hints
 trap 'exit 0' INT TERM
+hints
 wait -n "$agent_pid" "$pcscd_pid" || true
 if kill -0 "$agent_pid" 2>/dev/null; then die "pcscd has ended"; else die "the agent has ended"; fi

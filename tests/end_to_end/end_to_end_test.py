@@ -27,10 +27,12 @@ def certificate_ids():
 
 class EndToEnd(unittest.TestCase):
     def setUp(self):
-        self.stack = self.enterContext(Stack()) if hasattr(self, "enterContext") else None
-        if self.stack is None:  # before Python 3.11
-            self.stack = Stack()
-            self.addCleanup(self.stack.__exit__, None, None, None)
+        self.stack = self.enterContext(Stack())
+
+    def tearDown(self):
+        outcome = self._outcome.result
+        if any(test is self for test, _ in outcome.failures + outcome.errors):
+            self.stack.show_logs()
 
     def sign_and_verify(self, key):
         folder = self.stack.folder
@@ -80,8 +82,10 @@ class EndToEnd(unittest.TestCase):
 
     def test_scriptor_exchanges_apdus(self):
         self.stack.start().wait_for_card()
-        answer = run("scriptor", input="reset\n00A4040007A0000000790100\n").stdout
-        self.assertRegex(answer, r"< [0-9A-F ]*90 00")
+        # The card is a T=0 one: what it has to say on a selection is fetched.
+        answer = run("scriptor", input="reset\n00A4040007A0000000790100\n00C000000D\n").stdout
+        self.assertRegex(answer, r"< 61 0D\b")
+        self.assertRegex(answer, r"< ([0-9A-F]{2} ){13}90 00")
 
     def test_card_taken_out_and_put_in_is_seen(self):
         self.stack.start().wait_for_card()
@@ -104,7 +108,8 @@ class EndToEnd(unittest.TestCase):
         for how in (signal.SIGTERM, signal.SIGINT, signal.SIGKILL):
             code, seconds = self.stack.pcscd.end(how)
             self.assertLess(seconds, 5, f"end by {how.name}")
-            self.assertIn(code, (0, -how.value), f"end by {how.name}")
+            # Ended by itself, with whatever code pcscd gives, and not by a crash.
+            self.assertTrue(code >= 0 or code == -how.value, f"end by {how.name}: {code}")
             if os.path.exists("/run/pcscd/pcscd.comm"):
                 os.unlink("/run/pcscd/pcscd.comm")
             self.stack.start_pcscd()

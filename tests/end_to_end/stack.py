@@ -104,8 +104,6 @@ class Stack(contextlib.AbstractContextManager):
         for process in (self.pcscd, self.agent):
             if process is not None:
                 process.end()
-        if kind is not None:
-            self.show_logs()
         shutil.rmtree(self.folder, ignore_errors=True)
 
     def show_logs(self):
@@ -143,7 +141,7 @@ class Stack(contextlib.AbstractContextManager):
         return run(AGENT, "ctl", word, "--control", self.control).stdout
 
     def wait_for_card(self):
-        run("opensc-tool", "--wait", "--atr")
+        wait_until(lambda: run("opensc-tool", "--atr", check=False).returncode == 0, "a card")
 
     def log_text(self):
         return "".join(path.read_text() for path in sorted(self.logs.glob("*.txt")))
