@@ -2,6 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "tests/reader/atr_invariants.h"
+
 namespace zelta {
 namespace {
 
@@ -144,6 +150,28 @@ TEST(Atr, HistoricalBytesAreNotRead) {
   const AtrValues values = parseAtr({0x3B, 0x03, 0x81, 0x81, 0x81});
   EXPECT_EQ(values.availableProtocols, 1u);
   EXPECT_FALSE(values.lastProtocol.has_value());
+}
+
+TEST(Atr, OfTwoInterfaceBytesOfAnyValueBreaksNoRule) {
+  for (unsigned t0 = 0; t0 <= 0xFF; ++t0) {
+    for (unsigned first = 0; first <= 0xFF; ++first) {
+      const Bytes atr{0x3B, static_cast<std::uint8_t>(t0), static_cast<std::uint8_t>(first),
+                      static_cast<std::uint8_t>(~first)};
+      ASSERT_EQ(test::brokenAtrRule(atr), nullptr) << t0 << " " << first;
+    }
+  }
+}
+
+// What the fuzzer starts from, and what it has found.
+TEST(Atr, OfTheCorpusBreaksNoRule) {
+  int files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(ZELTA_CORPUS)) {
+    std::ifstream file(entry.path(), std::ios::binary);
+    const Bytes atr((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(test::brokenAtrRule(atr), nullptr) << entry.path();
+    ++files;
+  }
+  EXPECT_GT(files, 0);
 }
 
 }  // namespace
