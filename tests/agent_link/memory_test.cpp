@@ -1,0 +1,140 @@
+// Lengths for which there is no memory, and threads that cannot be started: a failed query, not an
+// ended process. This program's own operator new refuses blocks above a limit.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <limits>
+#include <new>
+
+#include "driver/smartcard_ioctl.h"
+#include "tests/agent_link/scripted_link.h"
+
+namespace {
+
+constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
+std::atomic<std::size_t> largestBlock{kNoLimit};  // bytes
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  void* const block = size > largestBlock ? nullptr : std::malloc(size);
+  if (block == nullptr) throw std::bad_alloc();
+  return block;
+}
+
+void operator delete(void* block) noexcept { std::free(block); }
+void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+
+namespace zelta::test {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+using Records = std::vector<LogRecord>;
+
+constexpr std::uint32_t kNoMemory = platform::error::kNotEnoughMemory;
+constexpr std::uint32_t kAnnounced = 0xFFFFFFFF;
+
+class Memory : public ScriptedLink {
+ protected:
+  ~Memory() override { largestBlock = kNoLimit; }
+
+  // The agent announces 4 GiB and sends three blocks of them; memory ends after the first.
+  void startWithLittleMemory() {
+    startCreated();
+    agentAnswers(number(kAnnounced, Bytes(3 * PipeStream::kReadBlock)));
+    largestBlock = 3 * PipeStream::kReadBlock / 2;
+  }
+
+  Bytes bytes_;
+};
+
+TEST_F(Memory, AtrThatDoesNotFitFailsTheQuery) {
+  startWithLittleMemory();
+  EXPECT_EQ(reader().QueryAtr(bytes_, true), QueryResult::Failure);
+  EXPECT_TRUE(bytes_.empty());
+  EXPECT_EQ(log_.records(),
+            Records{error(kNoMemory, "[QueryATR]No memory for ATR of size 4294967295")});
+}
+
+TEST_F(Memory, AtrThatDoesNotFitFailsTheCheck) {
+  startWithLittleMemory();
+  EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
+  EXPECT_EQ(log_.records(),
+            Records{error(kNoMemory, "[CheckATR]No memory for ATR of size 4294967295")});
+}
+
+TEST_F(Memory, ResponseThatDoesNotFitFailsTheTransmit) {
+  startWithLittleMemory();
+  makeCardPresent();
+  log_.clear();
+  EXPECT_EQ(reader().QueryTransmit({0, 1, 2, 3}, bytes_), QueryResult::Failure);
+  EXPECT_TRUE(bytes_.empty());
+  EXPECT_EQ(log_.records(),
+            Records{error(kNoMemory, "[QueryTransmit]No memory for APDU response")});
+}
+
+TEST_F(Memory, ResponseThatDoesNotFitIsNotAcceptedOnceTheCardIsGone) {
+  startWithLittleMemory();
+  EXPECT_EQ(reader().QueryTransmit({0, 1, 2, 3}, bytes_), QueryResult::Success);
+  EXPECT_EQ(bytes_, (Bytes{0x69, 0x01}));
+}
+
+TEST_F(Memory, SessionLogIdThatDoesNotFitIsLoggedAndTheIdStays) {
+  pipes_.fail(PipeCallKind::Write, platform::error::kPipeListening, 1, 9);
+  startCreated();
+  Bytes id = number(2, number(kAnnounced, Bytes(PipeStream::kReadBlock)));
+  largestBlock = 3 * PipeStream::kReadBlock / 2;
+  agentReports(id);
+  waitForInsertion();
+  ASSERT_TRUE(log_.waitFor("No memory for session log id of size 4294967295"));
+  EXPECT_TRUE(log_.contains(error(kNoMemory, "No memory for session log id of size 4294967295")));
+  EXPECT_TRUE(log_.sessionIds().empty());
+}
+
+// What has not arrived is not allocated: one block more than what came.
+TEST_F(Memory, AnnouncedLengthIsNotTakenAtItsWord) {
+  startCreated();
+  largestBlock = 3 * PipeStream::kReadBlock / 2;
+  pipes_.fail(PipeCallKind::Read, platform::error::kBrokenPipe, 2, 1);
+  agentAnswers(number(kAnnounced));
+  EXPECT_EQ(reader().QueryAtr(bytes_, true), QueryResult::Failure);
+  EXPECT_EQ(log_.records(),
+            Records{error(platform::error::kBrokenPipe, "[QueryATR]Failed to read ATR data")});
+  EXPECT_EQ(bytes_.size(), PipeStream::kReadBlock);
+}
+
+// Threads with a stack larger than the address space cannot be started.
+class HugeStacks {
+ public:
+  HugeStacks() {
+    pthread_getattr_default_np(&before_);
+    pthread_attr_t huge;
+    pthread_attr_init(&huge);
+    pthread_attr_setstacksize(&huge, std::size_t{1} << 50);
+    pthread_setattr_default_np(&huge);
+    pthread_attr_destroy(&huge);
+  }
+  ~HugeStacks() {
+    pthread_setattr_default_np(&before_);
+    pthread_attr_destroy(&before_);
+  }
+  HugeStacks(const HugeStacks&) = delete;
+  HugeStacks& operator=(const HugeStacks&) = delete;
+
+ private:
+  pthread_attr_t before_;
+};
+
+TEST_F(Memory, WatchdogThatCannotBeStartedFailsTheQuery) {
+  startCreated();
+  const HugeStacks huge;
+  EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
+  EXPECT_EQ(log_.records(), Records{error(EAGAIN, "Failed to start query watchdog")});
+  EXPECT_TRUE(trace().empty());
+}
+
+}  // namespace
+}  // namespace zelta::test
