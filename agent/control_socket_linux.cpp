@@ -48,9 +48,18 @@ sockaddr_un addressOf(const std::string& path) {
   return address;
 }
 
-ScopedFd makeSocket() {
-  ScopedFd made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+ScopedFd makeSocket(int flags) {
+  ScopedFd made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0));
   if (!made.valid()) fail("no socket", errno);
+  return made;
+}
+
+// Waits for its turn where other clients wait, too.
+ScopedFd makeClient() {
+  ScopedFd made = makeSocket(0);
+  timeval limit{};
+  limit.tv_sec = kAnswerLimit.count();
+  setsockopt(made.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
   return made;
 }
 
@@ -97,7 +106,7 @@ class SocketServer : public ControlServer {
       : path_(std::move(path)),
         handler_(std::move(handler)),
         cancel_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-        listener_(makeSocket()) {
+        listener_(makeSocket(SOCK_NONBLOCK)) {
     if (!cancel_.valid()) fail("no event", errno);
     bindExclusively();
     thread_ = std::thread([this] { serve(); });
@@ -122,7 +131,7 @@ class SocketServer : public ControlServer {
     const ScopedFd lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!lock.valid()) fail("the folder of the control path " + path_, errno);
     flock(lock.get(), LOCK_EX);
-    const ScopedFd probe = makeSocket();
+    const ScopedFd probe = makeSocket(SOCK_NONBLOCK);
     const int answer = connectTo(probe, path_);
     if (answer == 0 || answer == EAGAIN) {
       throw std::runtime_error("another agent is running: it has the control path " + path_);
@@ -189,7 +198,7 @@ std::string askAgent(const std::vector<std::string>& paths, const std::string& l
   ScopedFd client;
   int error = ENOENT;
   for (const std::string& path : paths) {
-    client = makeSocket();
+    client = makeClient();
     error = connectTo(client, path);
     if (error == 0) break;
   }
