@@ -5,6 +5,9 @@
 // thread's last error (platform/error.h). Any call may be made from any thread, also at the same
 // time as others on the same handle, except that nothing may follow or overlap `close`.
 //
+// `cancel` fails with 1168 where nothing is blocked. Every call fails with 6 for a handle that is
+// no pipe's.
+//
 // Where an operation begins just after a `cancel` it is not cancelled: a caller that must not
 // block keeps a flag of its own and cancels until the operation has ended.
 #pragma once
@@ -60,7 +63,21 @@ class PipeApi {
   virtual bool close(PipeHandleValue pipe) = 0;
 };
 
-// The operating system's pipes. On Linux a pipe is a UNIX stream socket below $ZELTA_PIPE_ROOT.
+// The operating system's pipes. On Linux a pipe is a UNIX stream socket below $ZELTA_PIPE_ROOT
+// (platform/pipe_path.h), and
+//   - it is duplex and has one instance, whatever the arguments beside the descriptor say; without
+//     a descriptor it admits the process's own user and the system;
+//   - create fails with 123 for a name without a path, 206 for a path too long for a socket, 1338
+//     for a descriptor that was not converted here, 4 where no file descriptor is left;
+//   - it can be reached from create on, and again when disconnect returns; read, write and flush
+//     without a client always fail with 536;
+//   - a client that is connected but was not let in by `connect` yet is nobody's: disconnect lets
+//     it wait on. One that has gone before it was let in is passed over;
+//   - write returns when the bytes are handed to the client's socket. There the client can read
+//     them even after a disconnect, which takes back nothing but what the server did not read;
+//   - disconnect and close end the operations in progress (109, a connect 995) instead of waiting
+//     for them, and return when those have ended;
+//   - connect lets another client in where the one it had has gone.
 PipeApi& systemPipes();
 
 }  // namespace zelta::platform

@@ -4,7 +4,7 @@
 
 #include <thread>
 
-#include "tests/platform/system_pipe_fixture.h"
+#include "tests/platform/system_pipe_fixture_linux.h"
 
 namespace zelta::test {
 

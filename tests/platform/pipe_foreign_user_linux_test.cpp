@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "platform/pipe_listener_linux.h"
-#include "tests/platform/system_pipe_fixture.h"
+#include "tests/platform/system_pipe_fixture_linux.h"
 #include "tests/support/raw_socket_linux.h"
 
 namespace zelta::test {

@@ -7,10 +7,10 @@
 
 #include <cerrno>
 #include <fstream>
-#include <thread>
+#include <memory>
 #include <vector>
 
-#include "tests/platform/system_pipe_fixture.h"
+#include "tests/platform/system_pipe_fixture_linux.h"
 #include "tests/support/raw_socket_linux.h"
 
 namespace zelta::test {
@@ -279,17 +279,20 @@ TEST_F(PipePlaceTest, ClientsBlockedOnAFullQueueAreRefusedWithTheOthers) {
     queued.push_back(std::move(client));
   }
   ASSERT_GT(queued.size(), 1U);
-  std::vector<std::thread> blocked;
-  std::vector<int> errors(4, -1);
+  // More than the queue holds: each accepted client alone would wake one of them.
+  std::vector<int> errors(queued.size() + 10, -1);
+  std::vector<std::unique_ptr<PipeCallThread>> blocked;
   for (int& error : errors) {
-    blocked.emplace_back([this, &error] {
+    blocked.push_back(std::make_unique<PipeCallThread>([this, &error] {
       ScopedFd client;
       error = connectSocket(path(), &client);
-    });
+      return error == 0;
+    }));
   }
+  for (const auto& call : blocked) call->waitUntilBlocked();
   EXPECT_EQ(connectPipe(), pipeError(error::kPipeConnected));
-  for (std::thread& thread : blocked) thread.join();
-  // One may have slipped into the place that the first client left, and was dropped from there.
+  for (const auto& call : blocked) call->outcome();
+  // Some may have slipped into the place that the first client left, and were dropped from there.
   for (const int error : errors) EXPECT_THAT(error, AnyOf(ECONNREFUSED, 0));
   for (std::size_t i = 1; i < queued.size(); ++i) {
     char byte = 0;
@@ -300,14 +303,26 @@ TEST_F(PipePlaceTest, ClientsBlockedOnAFullQueueAreRefusedWithTheOthers) {
   EXPECT_TRUE(readByte());
 }
 
-TEST_F(PipePlaceTest, ProcessOutOfDescriptorsGetsAClearError) {
-  EXPECT_EQ(inProcess([this] {
-              const rlimit none{3, 3};
-              setrlimit(RLIMIT_NOFILE, &none);
-              if (create() != platform::invalidPipe()) return 0;
-              return static_cast<int>(platform::lastError());
-            }),
-            static_cast<int>(error::kTooManyOpenFiles));
+TEST_F(PipePlaceTest, ProcessOutOfDescriptorsGetsAClearErrorAndServesWhenItHasThemAgain) {
+  const int result = inProcess([this] {
+    createPipe();
+    PipeClient client;
+    client.connect(kPipeName);
+    std::vector<ScopedFd> taken;
+    const rlimit few{64, 64};
+    setrlimit(RLIMIT_NOFILE, &few);
+    do {
+      taken.emplace_back(dup(STDERR_FILENO));
+    } while (taken.back());
+    const PipeOutcome full = pipeError(error::kTooManyOpenFiles);
+    if (create("\\\\.\\pipe\\other") != platform::invalidPipe()) return 1;
+    if (platform::lastError() != full.error) return 2;
+    if (!(connectPipe() == full)) return 3;
+    taken.clear();
+    return connectPipe().error == error::kPipeConnected ? 0 : 4;
+  });
+  pipe_ = platform::noPipe();
+  EXPECT_EQ(result, 0);
 }
 
 }  // namespace

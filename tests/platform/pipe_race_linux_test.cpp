@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/platform/system_pipe_fixture.h"
+#include "tests/platform/system_pipe_fixture_linux.h"
 
 namespace zelta::test {
 

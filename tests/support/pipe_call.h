@@ -34,8 +34,8 @@ class PipeCallThread {
   PipeCallThread(const PipeCallThread&) = delete;
   PipeCallThread& operator=(const PipeCallThread&) = delete;
 
-  // Returns when the call waits in the kernel for descriptors (or has ended already), as the
-  // kernel itself says. Real pipes only; does not sleep.
+  // Returns when the call waits in the kernel, for descriptors or in a connect, as the kernel
+  // itself says, or has ended already. Real pipes only; does not sleep.
   void waitUntilBlocked();
   bool ended() const { return ended_; }
   // How often the thread has gone to sleep so far, as the kernel counts; after

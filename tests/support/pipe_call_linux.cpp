@@ -14,7 +14,7 @@ namespace zelta::test {
 
 namespace {
 
-bool waitsForDescriptors(int threadId) {
+bool waitsInKernel(int threadId) {
   std::ifstream file("/proc/self/task/" + std::to_string(threadId) + "/syscall");
   long call = -1;
   // A thread that runs has no number there.
@@ -25,7 +25,7 @@ bool waitsForDescriptors(int threadId) {
 #if defined(SYS_epoll_wait)
   if (call == SYS_epoll_wait) return true;
 #endif
-  return call == SYS_ppoll || call == SYS_epoll_pwait;
+  return call == SYS_ppoll || call == SYS_epoll_pwait || call == SYS_connect;
 }
 
 }  // namespace
@@ -57,7 +57,7 @@ PipeCallThread::~PipeCallThread() {
 }
 
 void PipeCallThread::waitUntilBlocked() {
-  while (!ended_ && (threadId_ == 0 || !waitsForDescriptors(threadId_))) std::this_thread::yield();
+  while (!ended_ && (threadId_ == 0 || !waitsInKernel(threadId_))) std::this_thread::yield();
 }
 
 std::uint64_t PipeCallThread::sleeps() const {
