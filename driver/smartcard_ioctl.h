@@ -1,6 +1,6 @@
 // The smart card reader I/O controls, power operations, states, protocols and attributes, with
-// the system's own numbers (device type 0x31, buffered method, any access; PC/SC part 3 for the
-// attributes).
+// the system's own numbers (device type 0x31, buffered method, any access; the PC/SC standard for
+// the attributes).
 #pragma once
 
 #include <cstdint>
