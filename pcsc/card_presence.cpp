@@ -1,8 +1,28 @@
 #include "pcsc/card_presence.h"
 
+#include <algorithm>
+
 namespace zelta::pcsc {
 
 using platform::MutexLock;
+
+void CardPresence::changed() {
+  ++changes_;
+  condition_.notifyAll();
+}
+
+void CardPresence::renewCard() {
+  ++number_;
+  cardTold_ = false;
+  cardSeenBy_ = std::thread::id();
+}
+
+void CardPresence::latchRemoval() {
+  removal_ = Removal::kUntold;
+  changed();
+}
+
+// --- The driver's side ---
 
 void CardPresence::expectCard() {
   const MutexLock lock(mutex_);
@@ -13,28 +33,20 @@ bool CardPresence::cardEntered() {
   const MutexLock lock(mutex_);
   if (leftEarly_) return false;
   in_ = true;
-  ++number_;
-  cardTold_ = false;
-  cardSeenBy_ = std::thread::id();
-  changed_.notifyAll();
+  renewCard();
+  changed();
   return true;
 }
 
 void CardPresence::cardLeft() {
   const MutexLock lock(mutex_);
-  if (!in_) {
-    leftEarly_ = true;
-    return;
-  }
   const bool wasShown = shown();
+  leftEarly_ = !in_;
   in_ = false;
   if (wasShown) latchRemoval();
 }
 
-void CardPresence::latchRemoval() {
-  removal_ = Removal::kUntold;
-  changed_.notifyAll();
-}
+// --- pcscd's side ---
 
 CardNumber CardPresence::card() const {
   const MutexLock lock(mutex_);
@@ -48,29 +60,43 @@ CardNumber CardPresence::reportCard() {
   return number_;
 }
 
+void CardPresence::refused() {
+  const MutexLock lock(mutex_);
+  // Refusals that go on and on do not keep a card hidden for ever once it is in.
+  if (removal_ == Removal::kSettling && in_) return;
+  settled_ = Clock::now() + kSettlingTime;
+  if (removal_ == Removal::kNone && !in_) removal_ = Removal::kSettling;
+}
+
 void CardPresence::cycle(CardNumber card) {
   const MutexLock lock(mutex_);
   if (shown() && number_ == card) latchRemoval();
 }
 
-bool CardPresence::untoldCard() const {
-  return shown() && !cardTold_ && cardSeenBy_ != std::this_thread::get_id();
+void CardPresence::settle() {
+  if (removal_ != Removal::kSettling || Clock::now() < settled_) return;
+  removal_ = Removal::kNone;
+  // A card that is in by now entered after the removal, or is shown once more.
+  if (in_) renewCard();
+}
+
+bool CardPresence::untold() const {
+  return closed_ || stopped_ || removal_ == Removal::kUntold ||
+         (shown() && !cardTold_ && cardSeenBy_ != std::this_thread::get_id());
+}
+
+void CardPresence::awaitAnything(MutexLock& lock, Clock::time_point end) {
+  if (removal_ == Removal::kSettling && in_) end = std::min(end, settled_);
+  condition_.waitFor(lock, end - Clock::now(),
+                     [this, before = changes_]()
+                         ZELTA_NO_THREAD_SAFETY_ANALYSIS { return changes_ != before; });
 }
 
 void CardPresence::awaitChange(std::chrono::milliseconds limit) {
+  const Clock::time_point end = Clock::now() + limit;
   MutexLock lock(mutex_);
-  if (removal_ == Removal::kTold) {
-    removal_ = Removal::kNone;
-    // A card that is in by now entered after the removal, or is shown once more.
-    if (in_) {
-      ++number_;
-      cardTold_ = false;
-      cardSeenBy_ = std::thread::id();
-    }
-  }
-  changed_.waitFor(lock, limit, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    return closed_ || stopped_ || removal_ == Removal::kUntold || untoldCard();
-  });
+  if (removal_ == Removal::kTold) removal_ = Removal::kSettling;
+  for (settle(); !untold() && Clock::now() < end; settle()) awaitAnything(lock, end);
   stopped_ = false;
   if (removal_ == Removal::kUntold) removal_ = Removal::kTold;
   if (shown()) cardTold_ = true;
@@ -79,13 +105,13 @@ void CardPresence::awaitChange(std::chrono::milliseconds limit) {
 void CardPresence::stopAwaiting() {
   const MutexLock lock(mutex_);
   stopped_ = true;
-  changed_.notifyAll();
+  changed();
 }
 
 void CardPresence::close() {
   const MutexLock lock(mutex_);
   closed_ = true;
-  changed_.notifyAll();
+  changed();
 }
 
 }  // namespace zelta::pcsc

@@ -7,6 +7,11 @@
 // back shown, so that no swap is missed however quick, and no half of pcscd sees the new card
 // while the other still works with the old one.
 //
+// A call of pcscd's that was refused for want of a card has a consequence after its return: that
+// thread of pcscd writes down an empty reader, with no lock held. Were a card shown before it did
+// so, the reader would stay empty for pcscd with the card in it. A card is therefore not shown
+// within `kSettlingTime` of such a refusal.
+//
 // Threads: any. The mutex is a leaf: nothing is called while it is held. The driver's side may be
 // called under the driver's locks.
 #pragma once
@@ -19,13 +24,14 @@
 
 namespace zelta::pcsc {
 
-// Counts the cards that pcscd was shown, 1 for the first; a card that is shown again after a
-// removal is another one.
+// Tells the cards apart that pcscd was shown; one that is shown again after a removal is another.
 using CardNumber = std::uint64_t;
 inline constexpr CardNumber kNoCard = 0;
 
 class CardPresence {
  public:
+  static constexpr std::chrono::milliseconds kSettlingTime{200};
+
   // --- The driver's side ---
 
   // A request that ends with the next card's removal is about to be made.
@@ -42,6 +48,8 @@ class CardPresence {
   CardNumber card() const ZELTA_EXCLUDES(mutex_);
   // The same, for pcscd's own question: its polling thread then need not be told of this card.
   CardNumber reportCard() ZELTA_EXCLUDES(mutex_);
+  // A call is about to be answered with "no card", or with a failure of the card.
+  void refused() ZELTA_EXCLUDES(mutex_);
   // Makes pcscd see `card` leave and, if it is still in, enter once more. Nothing where it is no
   // longer the card shown.
   void cycle(CardNumber card) ZELTA_EXCLUDES(mutex_);
@@ -54,21 +62,30 @@ class CardPresence {
   void close() ZELTA_EXCLUDES(mutex_);
 
  private:
+  using Clock = std::chrono::steady_clock;
+
   enum class Removal {
     kNone,
-    kUntold,  // the polling function has not returned for it yet
-    kTold,    // it has; the next time it is entered pcscd has dealt with the removal
+    kUntold,    // the polling function has not returned for it yet
+    kTold,      // it has; the next time it is entered pcscd has dealt with the removal
+    kSettling,  // pcscd has; no card is shown before `settled_`
   };
 
+  void changed() ZELTA_REQUIRES(mutex_);
   void latchRemoval() ZELTA_REQUIRES(mutex_);
+  void settle() ZELTA_REQUIRES(mutex_);
+  void renewCard() ZELTA_REQUIRES(mutex_);
   bool shown() const ZELTA_REQUIRES(mutex_) { return in_ && removal_ == Removal::kNone; }
-  bool untoldCard() const ZELTA_REQUIRES(mutex_);
+  bool untold() const ZELTA_REQUIRES(mutex_);
+  void awaitAnything(platform::MutexLock& lock, Clock::time_point end) ZELTA_REQUIRES(mutex_);
 
   mutable platform::Mutex mutex_;
-  platform::ConditionVariable changed_;
-  bool in_ ZELTA_GUARDED_BY(mutex_) = false;         // as the driver has it
-  bool leftEarly_ ZELTA_GUARDED_BY(mutex_) = false;  // before it was shown
+  platform::ConditionVariable condition_;
+  std::uint64_t changes_ ZELTA_GUARDED_BY(mutex_) = 0;  // so far
+  bool in_ ZELTA_GUARDED_BY(mutex_) = false;            // as the driver has it
+  bool leftEarly_ ZELTA_GUARDED_BY(mutex_) = false;     // before it was shown
   Removal removal_ ZELTA_GUARDED_BY(mutex_) = Removal::kNone;
+  Clock::time_point settled_ ZELTA_GUARDED_BY(mutex_);
   CardNumber number_ ZELTA_GUARDED_BY(mutex_) = kNoCard;
   bool cardTold_ ZELTA_GUARDED_BY(mutex_) = false;       // by the polling function
   std::thread::id cardSeenBy_ ZELTA_GUARDED_BY(mutex_);  // the latest that asked and saw it

@@ -98,9 +98,9 @@ Reply Channel::powerDown(CardNumber card) {
 }
 
 Reply Channel::reset(CardNumber card, std::uint32_t operation) {
-  if (card == kNoCard) return {IFD_ICC_NOT_PRESENT, {}};
+  if (card == kNoCard) return {refusal(), {}};
   host::IoResult result = control(kIoctlPower, numberBytes(operation), MAX_ATR_SIZE);
-  if (presence_->card() != card) return {IFD_ICC_NOT_PRESENT, {}};
+  if (presence_->card() != card) return {refusal(), {}};
   if (framework::failed(result.status) || result.information == 0 ||
       result.information > result.output.size()) {
     return resetFailed(card, result);
@@ -115,7 +115,7 @@ Reply Channel::resetFailed(CardNumber card, const host::IoResult& result) {
     log_(LogLevel::kError, "the card's answer to reset has " + std::to_string(result.information) +
                                " bytes; 1 to " + std::to_string(MAX_ATR_SIZE) + " are possible");
   }
-  if (sessionOf(card).card == card) presence_->cycle(card);
+  if (sessionOf(card).card == card) cycle(card);
   return {result.status == kNoMedia ? IFD_ICC_NOT_PRESENT : IFD_ERROR_POWER_ACTION, {}};
 }
 
@@ -124,16 +124,16 @@ RESPONSECODE Channel::setProtocol(DWORD protocol) {
     return IFD_PROTOCOL_NOT_SUPPORTED;
   }
   const CardNumber card = presence_->card();
-  if (card == kNoCard) return IFD_ICC_NOT_PRESENT;
+  if (card == kNoCard) return refusal();
   const auto mask = static_cast<std::uint32_t>(protocol);
   const host::IoResult result = control(kIoctlSetProtocol, numberBytes(mask), 0);
-  if (presence_->card() != card) return IFD_ICC_NOT_PRESENT;
+  if (presence_->card() != card) return refusal();
   if (framework::succeeded(result.status)) {
     noteProtocol(card, mask);
     return IFD_SUCCESS;
   }
   if (result.status == kNotSupported) return IFD_PROTOCOL_NOT_SUPPORTED;
-  if (result.status == kNoMedia) presence_->cycle(card);
+  if (result.status == kNoMedia) cycle(card);
   return failureOf(result.status);
 }
 
@@ -142,16 +142,16 @@ TransmitReply Channel::transmit(const Apdu& command) {
     return {IFD_PROTOCOL_NOT_SUPPORTED, 0, {}};
   }
   const CardNumber card = presence_->card();
-  if (card == kNoCard) return {IFD_ICC_NOT_PRESENT, 0, {}};
+  if (card == kNoCard) return {refusal(), 0, {}};
   std::uint32_t protocol = 0;
   host::IoResult result = exchange(card, command, &protocol);
   // Also an answer that came: it may be the driver's own for a card that was pulled.
-  if (presence_->card() != card) return {IFD_ICC_NOT_PRESENT, 0, {}};
+  if (presence_->card() != card) return {refusal(), 0, {}};
   if (framework::succeeded(result.status)) {
     return checkAnswer(command, protocol, std::move(result));
   }
   // pcscd takes the card for absent with this answer, without saying so to anyone.
-  if (result.status == kNoMedia) presence_->cycle(card);
+  if (result.status == kNoMedia) cycle(card);
   return {failureOf(result.status), 0, {}};
 }
 
@@ -213,6 +213,16 @@ RESPONSECODE Channel::setAttribute(DWORD tag, const Bytes& value) {
   const HRESULT status = control(kIoctlSetAttribute, input, 0).status;
   if (framework::succeeded(status)) return IFD_SUCCESS;
   return status == kNotSupported ? IFD_ERROR_TAG : IFD_ERROR_SET_FAILURE;
+}
+
+RESPONSECODE Channel::refusal() {
+  presence_->refused();
+  return IFD_ICC_NOT_PRESENT;
+}
+
+void Channel::cycle(CardNumber card) {
+  presence_->refused();  // first: the cycle wakes the polling function
+  presence_->cycle(card);
 }
 
 Channel::Session Channel::sessionOf(CardNumber card) const {

@@ -89,6 +89,9 @@ class Channel {
   host::IoResult exchange(CardNumber card, const Apdu& command, std::uint32_t* protocol);
   TransmitReply checkAnswer(const Apdu& command, std::uint32_t protocol, host::IoResult result);
 
+  // The answer to a call that needs a card and has none.
+  RESPONSECODE refusal();
+  void cycle(CardNumber card);
   // Of `card`; an empty one where that card has not answered yet.
   Session sessionOf(CardNumber card) const ZELTA_EXCLUDES(mutex_);
   // Nothing where `card` has not answered yet.

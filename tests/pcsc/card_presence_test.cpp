@@ -195,6 +195,63 @@ TEST_F(CardPresenceTest, NegativeTimeReturnsAtOnce) {
   SUCCEED();
 }
 
+// --- Refusals ---
+
+TEST_F(CardPresenceTest, CardThatIsBackIsNotShownSoonAfterARefusal) {
+  enter();
+  presence_.reportCard();
+  presence_.cardLeft();
+  const auto begun = std::chrono::steady_clock::now();
+  presence_.refused();
+  enter();
+  EXPECT_TRUE(returnsAtOnce());
+  EXPECT_EQ(presence_.reportCard(), kNoCard);
+  EXPECT_TRUE(returnsAtOnce());
+  EXPECT_GE(std::chrono::steady_clock::now() - begun, CardPresence::kSettlingTime);
+  EXPECT_NE(presence_.reportCard(), kNoCard);
+}
+
+TEST_F(CardPresenceTest, CardThatEntersSoonAfterARefusalIsShownLater) {
+  const auto begun = std::chrono::steady_clock::now();
+  presence_.refused();
+  auto polled = std::async(std::launch::async, [this] { presence_.awaitChange(kLong); });
+  enter();
+  EXPECT_EQ(presence_.reportCard(), kNoCard);
+  ASSERT_EQ(polled.wait_for(kLong / 2), std::future_status::ready);
+  EXPECT_GE(std::chrono::steady_clock::now() - begun, CardPresence::kSettlingTime);
+  EXPECT_NE(presence_.reportCard(), kNoCard);
+}
+
+TEST_F(CardPresenceTest, RefusalsThatGoOnDoNotHideACardForEver) {
+  presence_.refused();
+  enter();
+  auto polled = std::async(std::launch::async, [this] { presence_.awaitChange(kLong); });
+  while (polled.wait_for(milliseconds(1)) != std::future_status::ready) presence_.refused();
+  EXPECT_NE(presence_.card(), kNoCard);
+}
+
+TEST_F(CardPresenceTest, StopEndsTheWaitForAHiddenCard) {
+  enter();
+  presence_.reportCard();
+  presence_.cardLeft();
+  enter();
+  EXPECT_TRUE(returnsAtOnce());
+  presence_.refused();
+  presence_.stopAwaiting();
+  EXPECT_TRUE(returnsAtOnce());
+  EXPECT_EQ(presence_.reportCard(), kNoCard);
+  EXPECT_TRUE(returnsAtOnce());
+  EXPECT_NE(presence_.reportCard(), kNoCard);
+}
+
+TEST_F(CardPresenceTest, RefusalWhileTheCardIsShownDoesNotHideIt) {
+  enter();
+  presence_.refused();
+  EXPECT_NE(presence_.card(), kNoCard);
+}
+
+// --- Cycles ---
+
 TEST_F(CardPresenceTest, CycleMakesTheCardLeaveAndEnterOnce) {
   enter();
   presence_.reportCard();

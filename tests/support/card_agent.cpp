@@ -1,0 +1,80 @@
+#include "tests/support/card_agent.h"
+
+#include <utility>
+
+namespace zelta::test {
+
+using platform::MutexLock;
+
+bool CardAgent::connect() {
+  return link_.connect([this](const LinkAgent::Command& command) { return answer(command); });
+}
+
+void CardAgent::insert(Bytes atr) {
+  setAtr(std::move(atr));
+  link_.sendEvent(AgentEvent::CardInserted);
+}
+
+void CardAgent::remove() {
+  setAtr({});
+  link_.sendEvent(AgentEvent::CardRemoved);
+}
+
+void CardAgent::swap(Bytes atr) {
+  link_.sendEvent(AgentEvent::CardRemoved);
+  insert(std::move(atr));
+}
+
+void CardAgent::setCardIn(Bytes atr) { setAtr(std::move(atr)); }
+
+void CardAgent::setAtr(Bytes atr) {
+  const MutexLock lock(mutex_);
+  atr_ = std::move(atr);
+}
+
+void CardAgent::respond(Respond respond) {
+  const MutexLock lock(mutex_);
+  respond_ = std::move(respond);
+}
+
+void CardAgent::failResets(int count, int skip) {
+  const MutexLock lock(mutex_);
+  resetsToFail_ = count;
+  resetsToSkip_ = skip;
+}
+
+bool CardAgent::resetFails() {
+  if (resetsToFail_ == 0) return false;
+  if (resetsToSkip_ > 0) {
+    --resetsToSkip_;
+    return false;
+  }
+  --resetsToFail_;
+  return true;
+}
+
+std::optional<CardAgent::Bytes> CardAgent::answer(const LinkAgent::Command& command) {
+  Respond respond;
+  {
+    const MutexLock lock(mutex_);
+    switch (command.code) {
+      case AgentCommand::QueryAtrReset:
+        return resetFails() ? Bytes() : atr_;
+      case AgentCommand::QueryAtr:
+        return atr_;
+      case AgentCommand::NotifyCardReady:
+        return std::nullopt;
+      case AgentCommand::QueryTransmit:
+        break;
+    }
+    if (atr_.empty()) return Bytes();
+    respond = respond_;
+  }
+  if (respond) return respond(command.apdu);
+  Bytes response = command.apdu;
+  response.push_back(0x90);
+  response.push_back(0x00);
+  return response;
+}
+
+}  // namespace zelta::test

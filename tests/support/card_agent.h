@@ -1,0 +1,56 @@
+// An agent with a card that does as the test says, on the driver's pipes.
+//
+// Owned by the test. Any thread may change the card; `connect` and `die` are for one thread at a
+// time.
+#pragma once
+
+#include <functional>
+#include <vector>
+
+#include "platform/sync.h"
+#include "tests/support/link_agent.h"
+
+namespace zelta::test {
+
+class CardAgent {
+ public:
+  using Bytes = LinkAgent::Bytes;
+  // A command's answer, made on the agent's thread; may block.
+  using Respond = std::function<Bytes(const Bytes& apdu)>;
+
+  // T=0 and T=1.
+  static Bytes usualAtr() { return {0x3B, 0x80, 0x80, 0x01, 0x01}; }
+
+  // Waits for the driver's pipes. A card that is in by then is not reported: the driver asks.
+  bool connect();
+  void die() { link_.die(); }
+
+  // With the report to the driver, where it is connected.
+  void insert(Bytes atr = usualAtr());
+  void remove();
+  // One card for another, both reports in a row.
+  void swap(Bytes atr = usualAtr());
+  // Before `connect`: the card is in from the start.
+  void setCardIn(Bytes atr = usualAtr());
+
+  // Default: the command itself and 90 00.
+  void respond(Respond respond);
+  // The next reset queries, after `skip` good ones, are answered with length 0.
+  void failResets(int count, int skip = 0);
+
+  LinkAgent& link() { return link_; }
+
+ private:
+  std::optional<Bytes> answer(const LinkAgent::Command& command);
+  bool resetFails() ZELTA_REQUIRES(mutex_);
+  void setAtr(Bytes atr) ZELTA_EXCLUDES(mutex_);
+
+  platform::Mutex mutex_;
+  Bytes atr_ ZELTA_GUARDED_BY(mutex_);  // empty: no card is in
+  Respond respond_ ZELTA_GUARDED_BY(mutex_);
+  int resetsToSkip_ ZELTA_GUARDED_BY(mutex_) = 0;
+  int resetsToFail_ ZELTA_GUARDED_BY(mutex_) = 0;
+  LinkAgent link_;
+};
+
+}  // namespace zelta::test

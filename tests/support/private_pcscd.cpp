@@ -1,0 +1,174 @@
+#include "tests/support/private_pcscd.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/inotify.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <utility>
+
+#include "tests/support/temp_folder.h"
+
+extern char** environ;
+
+extern "C" {
+#include <sys/pidfd.h>  // says nothing of C linkage itself
+}
+
+namespace zelta::test {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+namespace fs = std::filesystem;
+
+constexpr char kSocketFile[] = "pcscd.comm";
+
+fs::path socketFolder() { return PrivatePcscd::folder() / "run" / "pcscd"; }
+fs::path configurationFolder() { return PrivatePcscd::folder() / "reader.conf.d"; }
+fs::path logFile() { return PrivatePcscd::folder() / "pcscd.log"; }
+
+void setVariable(const char* name, const std::string& value) { setenv(name, value.c_str(), 1); }
+
+std::vector<char*> pointers(std::vector<std::string>& texts) {
+  std::vector<char*> pointers;
+  for (std::string& text : texts) pointers.push_back(text.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+// This process's environment with the module's path, or without one.
+std::vector<std::string> environmentWith(const std::string& modulePath) {
+  const std::string variable = "ZELTA_MODULE=";
+  std::vector<std::string> variables;
+  for (char** each = environ; *each != nullptr; ++each) variables.emplace_back(*each);
+  variables.erase(std::remove_if(variables.begin(), variables.end(),
+                                 [&](const std::string& each) {
+                                   return each.compare(0, variable.size(), variable) == 0;
+                                 }),
+                  variables.end());
+  if (!modulePath.empty()) variables.push_back(variable + modulePath);
+#ifdef ZELTA_PCSCD_PRELOAD
+  variables.emplace_back("PCSCD_PRELOAD=" ZELTA_PCSCD_PRELOAD);
+  // pcscd's own leaks are not ours to report.
+  variables.emplace_back("ASAN_OPTIONS=detect_leaks=0");
+#endif
+  return variables;
+}
+
+}  // namespace
+
+const fs::path& PrivatePcscd::folder() {
+  static const TempFolder folder;
+  static const bool announced = [] {
+    setVariable("PCSCLITE_CSOCK_NAME", (folder.path() / "run" / "pcscd" / kSocketFile).string());
+    setVariable("ZELTA_PIPE_ROOT", (folder.path() / "pipe").string());
+    return true;
+  }();
+  static_cast<void>(announced);
+  return folder.path();
+}
+
+PrivatePcscd::~PrivatePcscd() {
+  if (running()) end(SIGKILL);
+}
+
+bool PrivatePcscd::start(const Options& options) {
+  fs::remove_all(configurationFolder());
+  fs::create_directories(configurationFolder());
+  fs::create_directories(socketFolder());
+  if (!options.readerConfiguration.empty()) {
+    std::ofstream(configurationFolder() / "readers") << options.readerConfiguration;
+  }
+  fs::remove(socketFolder() / kSocketFile);
+  // The socket's mode is set once it listens.
+  const platform::ScopedFd watch(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+  if (inotify_add_watch(watch.get(), socketFolder().c_str(), IN_ATTRIB) < 0) return false;
+  return spawn(options) && waitForSocket(watch);
+}
+
+bool PrivatePcscd::spawn(const Options& options) {
+  std::vector<std::string> words{ZELTA_PRIVATE_PCSCD_SCRIPT, folder().string(), handlerPath_};
+  words.insert(words.end(), options.arguments.begin(), options.arguments.end());
+  std::vector<std::string> variables = environmentWith(options.modulePath);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, logFile().c_str(),
+                                   O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+  pid_t started = 0;
+  const int failed = posix_spawn(&started, words[0].c_str(), &actions, nullptr,
+                                 pointers(words).data(), pointers(variables).data());
+  posix_spawn_file_actions_destroy(&actions);
+  if (failed != 0) return false;
+  process_ = started;
+  processEnd_.reset(pidfd_open(process_, 0));
+  return processEnd_.valid();
+}
+
+bool PrivatePcscd::waitForSocket(const platform::ScopedFd& watch) const {
+  const auto limit = Clock::now() + kLimit;
+  for (;;) {
+    pollfd states[] = {{watch.get(), POLLIN, 0}, {processEnd_.get(), POLLIN, 0}};
+    const auto left = std::chrono::duration_cast<milliseconds>(limit - Clock::now()).count();
+    if (left <= 0 || poll(states, 2, static_cast<int>(left)) <= 0 || states[1].revents != 0) {
+      return false;
+    }
+    alignas(inotify_event) char events[4096];
+    if (read(watch.get(), events, sizeof events) > 0 && fs::exists(socketFolder() / kSocketFile)) {
+      return true;
+    }
+  }
+}
+
+void PrivatePcscd::signal(int signal) const {
+  if (running()) kill(process_, signal);
+}
+
+std::optional<PrivatePcscd::End> PrivatePcscd::end(int how) {
+  signal(how);
+  return waitForEnd();
+}
+
+std::optional<PrivatePcscd::End> PrivatePcscd::waitForEnd() {
+  if (!running()) return std::nullopt;
+  const auto begun = Clock::now();
+  const bool ended = waitReadable(processEnd_.get(), begun + kLimit);
+  if (!ended) kill(process_, SIGKILL);
+  int status = 0;
+  waitpid(process_, &status, 0);
+  process_ = 0;
+  processEnd_.reset();
+  if (!ended) return std::nullopt;
+  End how;
+  if (WIFEXITED(status)) how.exitCode = WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) how.signal = WTERMSIG(status);
+  how.took = std::chrono::duration_cast<milliseconds>(Clock::now() - begun);
+  return how;
+}
+
+bool PrivatePcscd::waitReadable(int descriptor, Clock::time_point end) const {
+  for (;;) {
+    const auto left = std::chrono::duration_cast<milliseconds>(end - Clock::now()).count();
+    pollfd state{descriptor, POLLIN, 0};
+    const int ready = poll(&state, 1, left > 0 ? static_cast<int>(left) : 0);
+    if (ready > 0) return true;
+    if (ready == 0 || errno != EINTR) return false;
+  }
+}
+
+std::string PrivatePcscd::log() const {
+  std::ostringstream text;
+  text << std::ifstream(logFile()).rdbuf();
+  return text.str();
+}
+
+}  // namespace zelta::test
