@@ -1,35 +1,16 @@
 #include "agent/backend_choice.h"
 
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <utility>
 
 #include "agent/emulated_card.h"
 #include "agent/pcsc_card.h"
-#include "agent/script_card.h"
+#include "agent/script_backend.h"
 
 namespace zelta::agent {
 
 namespace {
-
-std::ifstream openFile(const std::string& path) {
-  std::ifstream file(path);
-  if (!file) throw std::runtime_error("cannot read " + path);
-  return file;
-}
-
-std::unique_ptr<CardBackend> makeScriptCard(const Options& options) {
-  std::ostringstream text;
-  text << openFile(options.scriptFile).rdbuf();
-  try {
-    Script script = parseScript(text.str());
-    const bool cardIn = options.cardIn.value_or(script.cardIn);
-    return std::make_unique<ScriptCard>(std::move(script), cardIn);
-  } catch (const ScriptError& error) {
-    throw std::runtime_error(options.scriptFile + ": " + error.what());
-  }
-}
 
 std::unique_ptr<CardBackend> makeEmulatedCard(const Options& options) {
   EmulatedCard::Settings settings;
@@ -38,7 +19,8 @@ std::unique_ptr<CardBackend> makeEmulatedCard(const Options& options) {
   settings.certificates = options.certificates;
   settings.cardIn = options.cardIn.value_or(true);
   if (!options.pinFile.empty()) {
-    std::ifstream file = openFile(options.pinFile);
+    std::ifstream file(options.pinFile);
+    if (!file) throw std::runtime_error("cannot read " + options.pinFile);
     std::string pin;
     std::getline(file, pin);
     settings.pin = pin;
@@ -53,7 +35,7 @@ std::unique_ptr<CardBackend> makeBackend(const Options& options, Log& log) {
     case BackendKind::Pcsc:
       return std::make_unique<PcscCard>(options.pcscReader, log);
     case BackendKind::Script:
-      return makeScriptCard(options);
+      return makeScriptBackend(options);
     case BackendKind::Emulated:
       break;
   }

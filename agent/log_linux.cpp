@@ -4,12 +4,10 @@
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
-#include <array>
-#include <chrono>
-#include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <string>
+
+#include "agent/time_stamp.h"
 
 namespace zelta::agent {
 
@@ -35,20 +33,6 @@ const char* journalMark(LogLevel level) {
       break;
   }
   return SD_DEBUG;
-}
-
-std::string timeStamp() {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  const auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
-  const std::time_t seconds = milliseconds / 1000;
-  std::tm parts{};
-  gmtime_r(&seconds, &parts);
-  std::array<char, 32> date{};
-  std::strftime(date.data(), date.size(), "%Y-%m-%dT%H:%M:%S", &parts);
-  std::array<char, 48> text{};
-  std::snprintf(text.data(), text.size(), "%s.%03dZ", date.data(),
-                static_cast<int>(milliseconds % 1000));
-  return text.data();
 }
 
 // One write a line, so that lines of several processes are not mixed.
