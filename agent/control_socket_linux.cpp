@@ -179,13 +179,14 @@ class SocketServer : public ControlServer {
 }  // namespace
 
 std::vector<std::string> defaultControlPaths(std::uint32_t reader) {
-  const std::string name = "agent" + std::to_string(reader) + ".ctl";
+  const std::string agent = "agent" + std::to_string(reader);
   std::vector<std::string> paths;
   const char* runtime = std::getenv("XDG_RUNTIME_DIR");
   if (runtime != nullptr && *runtime != '\0') {
-    paths.push_back(std::string(runtime) + "/zelta-" + name);
+    paths.push_back(std::string(runtime) + "/zelta-" + agent + ".ctl");
   }
-  paths.push_back("/run/zelta/" + name);
+  paths.push_back("/run/zelta/" + agent + ".ctl");
+  paths.push_back("/run/zelta-" + agent + "/control");
   return paths;
 }
 

@@ -161,7 +161,8 @@ TEST(DefaultControlPaths, runtimeFolderOfTheUserFirst) {
 
 TEST(DefaultControlPaths, systemsFolderWithoutOne) {
   const ScopedVariable set("XDG_RUNTIME_DIR", "");
-  EXPECT_THAT(defaultControlPaths(0), testing::ElementsAre("/run/zelta/agent0.ctl"));
+  EXPECT_THAT(defaultControlPaths(0),
+              testing::ElementsAre("/run/zelta/agent0.ctl", "/run/zelta-agent0/control"));
 }
 
 }  // namespace
