@@ -156,10 +156,11 @@ TEST_F(Control, withoutAnAgentThereIsAMessage) {
 TEST(DefaultControlPaths, runtimeFolderOfTheUserFirst) {
   const ScopedVariable set("XDG_RUNTIME_DIR", "/run/user/7");
   EXPECT_THAT(defaultControlPaths(12),
-              testing::ElementsAre("/run/user/7/zelta-agent12.ctl", "/run/zelta/agent12.ctl"));
+              testing::ElementsAre("/run/user/7/zelta-agent12.ctl", "/run/zelta/agent12.ctl",
+                                   "/run/zelta-agent12/control"));
 }
 
-TEST(DefaultControlPaths, systemsFolderWithoutOne) {
+TEST(DefaultControlPaths, systemsFoldersWithoutOne) {
   const ScopedVariable set("XDG_RUNTIME_DIR", "");
   EXPECT_THAT(defaultControlPaths(0),
               testing::ElementsAre("/run/zelta/agent0.ctl", "/run/zelta-agent0/control"));
