@@ -96,7 +96,7 @@ LONG Client::control(DWORD code, Bytes* answer) {
 PcscdTest::~PcscdTest() {
   client_.reset();
   if (pcscd_.running()) pcscd_.end(SIGTERM);
-  if (HasFailure()) std::cout << "--- pcscd\n" << pcscd_.log();
+  if (HasFailure()) std::cout << "--- pcscd\n" << pcscd_.log() << PrivatePcscd::driverLog();
 }
 
 void PcscdTest::start(PrivatePcscd::Options options) {

@@ -7,7 +7,10 @@ namespace zelta::test {
 using platform::MutexLock;
 
 bool CardAgent::connect() {
-  return link_.connect([this](const LinkAgent::Command& command) { return answer(command); });
+  const int before = link_.commands(AgentCommand::QueryAtrReset);
+  // With both pipes accepted the driver looks for a card.
+  return link_.connect([this](const LinkAgent::Command& command) { return answer(command); }) &&
+         link_.waitForCommands(AgentCommand::QueryAtrReset, before + 1);
 }
 
 void CardAgent::insert(Bytes atr) {

@@ -21,7 +21,8 @@ class CardAgent {
   // T=0 and T=1.
   static Bytes usualAtr() { return {0x3B, 0x80, 0x80, 0x01, 0x01}; }
 
-  // Waits for the driver's pipes. A card that is in by then is not reported: the driver asks.
+  // Waits for the driver's pipes, and until the driver, on which somebody waits for a card, has
+  // taken both. A card that is in by then is not reported: the driver asks.
   bool connect();
   void die() { link_.die(); }
 

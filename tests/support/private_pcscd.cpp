@@ -35,6 +35,12 @@ fs::path socketFolder() { return PrivatePcscd::folder() / "run" / "pcscd"; }
 fs::path configurationFolder() { return PrivatePcscd::folder() / "reader.conf.d"; }
 fs::path logFile() { return PrivatePcscd::folder() / "pcscd.log"; }
 
+// All that the driver can log.
+constexpr char kRegistry[] =
+    "Windows Registry Editor Version 5.00\n\n"
+    "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Policies\\Vornhalt\\Zelta\\zelta_admin]\n"
+    "\"zelta.event_filter_mode\"=dword:00000003\n";
+
 void setVariable(const char* name, const std::string& value) { setenv(name, value.c_str(), 1); }
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
@@ -84,6 +90,7 @@ bool PrivatePcscd::start(const Options& options) {
   fs::remove_all(configurationFolder());
   fs::create_directories(configurationFolder());
   fs::create_directories(socketFolder());
+  std::ofstream(folder() / "registry.reg") << kRegistry;
   if (!options.readerConfiguration.empty()) {
     std::ofstream(configurationFolder() / "readers") << options.readerConfiguration;
   }
@@ -168,6 +175,16 @@ bool PrivatePcscd::waitReadable(int descriptor, Clock::time_point end) const {
 std::string PrivatePcscd::log() const {
   std::ostringstream text;
   text << std::ifstream(logFile()).rdbuf();
+  return text.str();
+}
+
+std::string PrivatePcscd::driverLog() {
+  std::ostringstream text;
+  for (const auto& entry : fs::recursive_directory_iterator(folder() / "data")) {
+    if (!entry.is_regular_file()) continue;
+    text << "--- " << entry.path().filename().string() << '\n'
+         << std::ifstream(entry.path()).rdbuf();
+  }
   return text.str();
 }
 

@@ -53,6 +53,8 @@ class PrivatePcscd {
 
   // What it has printed since its start.
   std::string log() const;
+  // The driver's log files of all instances so far, each behind its name.
+  static std::string driverLog();
   static const std::filesystem::path& folder();
 
  private:
