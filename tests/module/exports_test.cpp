@@ -2,8 +2,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "tests/module/module_world.h"
 #include "tests/support/recording_framework.h"
 
@@ -95,30 +93,6 @@ TEST_F(ExportsTest, ModuleStaysWhileTheDeviceLives) {
   EXPECT_EQ(exports_.canUnload(), framework::kFalse);
   framework.takeDown();
   EXPECT_EQ(exports_.canUnload(), framework::kOk);
-}
-
-// The banner's lines in a log.
-long bannerLines(const std::vector<LogLine>& log) {
-  return std::count_if(log.begin(), log.end(), [](const LogLine& line) {
-    return line.level == "<CRITICAL>" && line.resultCode == 0 &&
-           (line.message == std::string(74, '-') ||
-            line.message.find("Vornhalt Virtual Smartcard Reader driver build ") == 0);
-  });
-}
-
-TEST(BannerTest, IsWrittenOncePerLoadedModule) {
-  const ModuleWorld world;
-  for (long load = 1; load <= 2; ++load) {
-    {
-      const DriverExports exports;
-      for (int driver = 0; driver < 3; ++driver) {
-        RecordingFramework framework(exports.driver());
-        EXPECT_EQ(framework.initialize(), framework::kOk);
-        framework.end();
-      }
-    }
-    EXPECT_EQ(bannerLines(world.log()), 3 * load);
-  }
 }
 
 }  // namespace

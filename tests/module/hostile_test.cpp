@@ -25,8 +25,8 @@ class HostileTest : public HostedModuleTest {
     agent_.die();
     card_.setAtr(std::move(atr));
     connectAgent();
+    const auto insertion = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
     card_.insert();
-    const auto insertion = file_->submit(IOCTL_SMARTCARD_IS_PRESENT, {}, 0, nullptr);
     ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardInserted));
     ASSERT_TRUE(insertion->wait(kLong));
   }

@@ -1,6 +1,9 @@
 // After the module has said that it may go, nothing of it is left.
+#include <algorithm>
+
 #include "tests/module/hosted_module.h"
 #include "tests/support/process_state.h"
+#include "tests/support/recording_framework.h"
 
 namespace zelta::test {
 namespace {
@@ -92,6 +95,30 @@ TEST_F(UnloadTest, CallsWhileTheDriverGoesDownAreCarriedOutOrRefused) {
     agent_.die();
     EXPECT_EQ(wrong, 0);
     ASSERT_NO_FATAL_FAILURE(expectNothingLeft());
+  }
+}
+
+// The banner's lines in a log.
+long bannerLines(const std::vector<LogLine>& log) {
+  return std::count_if(log.begin(), log.end(), [](const LogLine& line) {
+    return line.level == "<CRITICAL>" && line.resultCode == 0 &&
+           (line.message == std::string(74, '-') ||
+            line.message.find("Vornhalt Virtual Smartcard Reader driver build ") == 0);
+  });
+}
+
+TEST(BannerTest, IsWrittenOncePerLoadedModule) {
+  const ModuleWorld world;
+  for (long load = 1; load <= 2; ++load) {
+    {
+      const DriverExports exports;
+      for (int driver = 0; driver < 3; ++driver) {
+        RecordingFramework framework(exports.driver());
+        EXPECT_EQ(framework.initialize(), framework::kOk);
+        framework.end();
+      }
+    }
+    EXPECT_EQ(bannerLines(world.log()), 3 * load);
   }
 }
 

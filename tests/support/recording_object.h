@@ -70,8 +70,7 @@ class RecordingObject : public Interface {
                                                            void* context) override {
     touch("AssignContext");
     if (assigned_.exchange(true)) return framework::hresult(0x800700B7);
-    cleanup_ = cleanup;
-    cleanup_->AddRef();
+    cleanup_ = framework::ComPtr<framework::IObjectCleanup>(cleanup);
     context_ = context;
     return framework::kOk;
   }
@@ -123,12 +122,12 @@ class RecordingObject : public Interface {
  private:
   void remove() {
     if (removed_.exchange(true)) return;
-    if (cleanup_ == nullptr) return;
+    if (!cleanup_) return;
     cleaning_ = true;
     cleanup_->OnCleanup(this);
     cleaning_ = false;
     ++cleanups_;
-    cleanup_->Release();
+    cleanup_.reset();
   }
 
   const char* const name_;
@@ -139,7 +138,7 @@ class RecordingObject : public Interface {
   std::atomic<bool> cleaning_{false};
   std::atomic<bool> assigned_{false};
   std::atomic<int> cleanups_{0};
-  framework::IObjectCleanup* cleanup_ = nullptr;  // one reference, until it has run
+  framework::ComPtr<framework::IObjectCleanup> cleanup_;  // until it has run
   void* context_ = nullptr;
 };
 

@@ -1,0 +1,39 @@
+// For the test programs that look for leaks in the module. What it keeps for the life of the
+// process, a few hundred bytes deliberately never freed, is only found again by a leak checker
+// while the module is mapped; so under one the module stays. Elsewhere it comes and goes with each
+// test.
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "platform/module_loader.h"
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define LEAKS_ARE_CHECKED 1
+#endif
+#elif defined(__SANITIZE_ADDRESS__)
+#define LEAKS_ARE_CHECKED 1
+#endif
+
+#if defined(LEAKS_ARE_CHECKED)
+
+namespace zelta::test {
+namespace {
+
+class PinnedModule final : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    std::string reason;
+    ASSERT_NE(platform::openModule(ZELTA_VSC_MODULE, &reason), nullptr) << reason;
+  }
+};
+
+// The framework of the tests owns it.
+[[maybe_unused]] ::testing::Environment* const pinned =
+    ::testing::AddGlobalTestEnvironment(std::make_unique<PinnedModule>().release());
+
+}  // namespace
+}  // namespace zelta::test
+
+#endif
