@@ -153,7 +153,7 @@ TEST(RegistryRaceOfKeys, WatchersComeAndGoWithTheirKeys) {
   for (int i = 0; i < 3; ++i) {
     users.emplace_back([&] {
       const EventHandle changed = systemEvents().create();
-      for (int round = 0; round < 200; ++round) {
+      for (int round = 0; round < 60; ++round) {
         RegistryKey key = nullptr;
         ASSERT_EQ(registry.openKey(u"", &key), error::kSuccess);
         ASSERT_EQ(registry.notifyChange(key, changed), error::kSuccess);
@@ -162,7 +162,7 @@ TEST(RegistryRaceOfKeys, WatchersComeAndGoWithTheirKeys) {
       systemEvents().close(changed);
     });
   }
-  for (int i = 0; i < 200; ++i) rename(file, i);
+  for (int i = 0; i < 60; ++i) rename(file, i);
   for (std::thread& user : users) user.join();
   EXPECT_EQ(test::processResources(), before);
 }
@@ -243,7 +243,7 @@ TEST(RegistryReading, AYoungFileIsReadForEveryQuestion) {
   FileRegistry registry([&] { return file.string(); }, [](const std::string&) {});
   std::uint32_t value = 0;
   // In place, of the same size, faster than the time stamps' step.
-  for (int i = 0; i < 500; ++i) {
+  for (int i = 0; i < 200; ++i) {
     std::ofstream(file) << "[HKLM\\A]\n\"x\"=dword:" << i % 10 << "\n";
     ASSERT_EQ(registry.getDword(u"A", u"x", &value), error::kSuccess);
     ASSERT_EQ(value, static_cast<std::uint32_t>(i % 10));
