@@ -240,25 +240,48 @@ TEST_F(Dispatch, DeviceLockIsNotHeldAroundTheHandler) {
   EXPECT_FALSE(held);
 }
 
-TEST_F(Dispatch, ShutDownWaitsForAControlInsideAndRefusesLaterOnes) {
-  std::promise<void> inside;
-  std::promise<void> leave;
-  story_.onCheck = [&] {
-    inside.set_value();
-    leave.get_future().wait();
-  };
-  std::thread sender([&] { EXPECT_EQ(send(IOCTL_SMARTCARD_IS_ABSENT)->status(), 0u); });
-  inside.get_future().wait();
-  std::thread stopper([&] { device_->OnQueryStop(wdfDevice()); });
-  EXPECT_TRUE(log_.waitFor("Start section:CMyDevice::shutDown"));
-  // Until the gate is closed a control may still get in; afterwards it is refused.
-  while (send(IOCTL_SMARTCARD_GET_LAST_ERROR)->status() != kInvalidState) {
+// What takes readers away waits for those inside.
+class GateKeeping : public Dispatch {
+ protected:
+  // Runs `operation` while a control is inside; gives the readers' story up to that control's end.
+  template <typename Operation>
+  std::vector<std::string> runWhileInside(const std::string& operationName, Operation operation) {
+    std::promise<void> inside;
+    std::promise<void> leave;
+    story_.onCheck = [&] {
+      inside.set_value();
+      leave.get_future().wait();
+    };
+    std::thread sender([&] { EXPECT_EQ(send(IOCTL_SMARTCARD_IS_ABSENT)->status(), 0u); });
+    inside.get_future().wait();
+    std::thread operating(operation);
+    EXPECT_TRUE(log_.waitFor("Start section:" + operationName));
+    // Until the gate is closed a control may still get in; afterwards it is refused.
+    while (send(IOCTL_SMARTCARD_GET_LAST_ERROR)->status() != kInvalidState) {
+    }
+    const auto before = story_.taken();
+    leave.set_value();
+    sender.join();
+    operating.join();
+    return before;
   }
-  EXPECT_THAT(story_.taken(), testing::IsEmpty());
-  leave.set_value();
-  sender.join();
-  stopper.join();
+};
+
+TEST_F(GateKeeping, ShutDownWaitsForAControlInsideAndRefusesLaterOnes) {
+  const auto before =
+      runWhileInside("CMyDevice::shutDown", [&] { device_->OnQueryStop(wdfDevice()); });
+  EXPECT_THAT(before, testing::IsEmpty());
   EXPECT_THAT(story_.taken(), ElementsAre("shut down 0", "destroyed 0"));
+}
+
+TEST_F(GateKeeping, EnteringTheWorkingStateAgainWaitsForAControlInside) {
+  const auto before = runWhileInside("CMyDevice::OnD0Entry", [&] {
+    EXPECT_EQ(device_->OnD0Entry(wdfDevice(), framework::kPowerDeviceD3Final), 0);
+  });
+  EXPECT_THAT(before, testing::IsEmpty());
+  EXPECT_THAT(story_.taken(), ElementsAre("destroyed 0", "made 0"));
+  story_.onCheck = nullptr;
+  EXPECT_EQ(send(IOCTL_SMARTCARD_IS_ABSENT)->status(), 0u);  // open again
 }
 
 class Cancel : public Dispatch {

@@ -1,6 +1,7 @@
 // Presence requests under parallel dispatch, with cancellation racing completion.
 #include <gtest/gtest.h>
 
+#include <future>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -125,21 +126,30 @@ TEST_F(PresenceRace, EventBetweenCheckAndQueueingIsNotLost) {
 }
 
 TEST_F(PresenceRace, EventWaitsForACheckUnderWayAndItsQueueing) {
-  reader_.checkResult = QueryResult::Failure;
-  FakeRequest request(device_);
-  std::thread agent;
-  std::atomic<bool> eventHandled{false};
-  reader_.onCheck = [&] {
-    agent = std::thread([&] {
-      const platform::MutexLock presence(reader_.presenceMutex_);
-      eventHandled = true;
-      completeWaiting(reader_, device_, reader_.pendingInsert_);
-    });
-    EXPECT_FALSE(eventHandled);
-  };
-  reader_.IoSmartCardIsPresent(&request, 0, 0);
-  agent.join();
-  EXPECT_EQ(request.status(), 0u);
+  for (const bool insert : {true, false}) {
+    reader_.checkResult = insert ? QueryResult::Failure : QueryResult::Success;
+    PendingRequests& list = insert ? reader_.pendingInsert_ : reader_.pendingRemove_;
+    FakeRequest request(device_);
+    std::promise<void> entered;
+    auto eventHandled = entered.get_future();
+    std::thread agent;
+    reader_.onCheck = [&] {
+      agent = std::thread([&] {
+        const platform::MutexLock presence(reader_.presenceMutex_);
+        entered.set_value();
+        completeWaiting(reader_, device_, list);
+      });
+      // Time for an event that nothing holds back.
+      EXPECT_EQ(eventHandled.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    };
+    if (insert) {
+      reader_.IoSmartCardIsPresent(&request, 0, 0);
+    } else {
+      reader_.IoSmartCardIsAbsent(&request, 0, 0);
+    }
+    agent.join();
+    EXPECT_EQ(request.status(), 0u);
+  }
 }
 
 }  // namespace

@@ -1,7 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
 #include <thread>
+#include <utility>
 
 #include "diagnostics/traced_lock.h"
 #include "tests/reader/scripted_reader.h"
@@ -110,18 +113,24 @@ TEST_F(Presence, WaitingRequestsKeepTheirOrder) {
 }
 
 TEST_F(Presence, QueueingAnInsertRequestWakesTheWaitForOne) {
+  constexpr std::chrono::seconds kLimit(30);
   reader_.checkResult = QueryResult::Failure;
   FakeRequest request(device_);
-  bool found = false;
+  std::promise<void> waiting;
+  bool looked = false;
+  const auto start = std::chrono::steady_clock::now();
   std::thread server([&] {
     platform::MutexLock lock(reader_.requestListMutex_);
-    found = reader_.insertRequestCondition_.waitFor(
-        lock, std::chrono::seconds(30),
-        [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return !reader_.pendingInsert_.empty(); });
+    (void)reader_.insertRequestCondition_.waitFor(lock, kLimit, [&]() {
+      if (!std::exchange(looked, true)) waiting.set_value();  // holds the mutex until it waits
+      return !reader_.pendingInsert_.empty();
+    });
   });
+  waiting.get_future().wait();
   isPresent(request);
   server.join();
-  EXPECT_TRUE(found);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, kLimit)
+      << "woken by the time, not by the list";
   request.cancel();
 }
 

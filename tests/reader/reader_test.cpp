@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
 #include <thread>
 
 #include "tests/reader/scripted_reader.h"
@@ -170,6 +172,48 @@ INSTANTIATE_TEST_SUITE_P(
         ShortRow{&Reader::IoSmartCardSetProtocol, "[SPRT]IOCTL_SMARTCARD_SET_PROTOCOL"},
         ShortRow{&Reader::IoSmartCardGetAttribute, "[GATT]IOCTL_SMARTCARD_GET_ATTRIBUTE"},
         ShortRow{&Reader::IoSmartCardSetAttribute, "[SATT]IOCTL_SMARTCARD_SET_ATTRIBUTE"}));
+
+// Runs each kind of exchange while each other kind is under way; the reader's double fails the test
+// where two overlap.
+TEST(Exchanges, WaitForTheOneUnderWay) {
+  const auto ask = [](ScriptedReader& reader, FakeReaderDevice& device, int kind) {
+    FakeRequest request(device);
+    request.withInput({0, 0, 0, 0, 8, 0, 0, 0}).withOutput(64);
+    if (kind == 0) reader.IoSmartCardTransmit(&request, 8, 64);
+    if (kind == 1) reader.initializeProtocols();
+    if (kind == 2) reader.IoSmartCardIsPresent(&request, 0, 0);
+    if (kind == 3) {
+      FakeRequest select(device);
+      select.withInput(1u);
+      reader.IoSmartCardSetProtocol(&select, 4, 0);
+    }
+  };
+  for (int first = 0; first < 4; ++first) {
+    for (const int second : {1, 2}) {
+      FakeReaderDevice device;
+      ScriptedReader reader(device);
+      ASSERT_TRUE(reader.initializeProtocols());
+      std::thread other;
+      const auto hook = [&] {
+        if (other.joinable()) return;
+        std::promise<void> done;
+        auto finished = done.get_future();
+        other = std::thread([&ask, &reader, &device, second, done = std::move(done)]() mutable {
+          ask(reader, device, second);
+          done.set_value();
+        });
+        // Time for an exchange that nothing holds back.
+        EXPECT_EQ(finished.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+      };
+      if (first == 0) reader.onTransmit = hook;
+      if (first == 1) reader.onQueryAtr = hook;
+      if (first == 2) reader.onCheck = hook;
+      if (first == 3) reader.onNotify = hook;
+      ask(reader, device, first);
+      other.join();
+    }
+  }
+}
 
 TEST(Exchanges, OfSeveralThreadsNeverOverlap) {
   LogCapture log;

@@ -64,7 +64,11 @@ framework::ULONG WdfObject<Interface>::Release() {
     if (--references_ > 0) return references_;
     std::swap(cleanup, cleanup_);
   }
-  if (cleanup != nullptr) cleanup->OnCleanup(this);
+  if (cleanup != nullptr) {
+    cleanup->AddRef();
+    cleanup->OnCleanup(this);
+    EXPECT_EQ(cleanup->Release(), 0u) << "the context is still there after its cleanup";
+  }
   delete this;
   return 0;
 }
