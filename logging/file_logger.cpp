@@ -58,7 +58,7 @@ void FileLogger::writeLine(const std::string& message, std::uint32_t category, s
 
 void FileLogger::startNewFile() {
   file_ = std::make_unique<TextFile>(newFilePath());
-  file_->writeLine(headerLine());
+  file_->writeLine(std::string(headerLine()));
 }
 
 std::string FileLogger::newFilePath() const {

@@ -6,7 +6,6 @@
 #include <array>
 #include <ctime>
 #include <locale>
-#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -48,21 +47,32 @@ std::string timeStamp(std::int64_t time) {
   return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", split.calendar, split.milliseconds);
 }
 
-// A thread-local string would have a destructor, which keeps a module from being unloaded.
-struct ThreadText {
-  std::array<char, 40> text;
+// A text without a destructor: a thread-local one with a destructor would keep a module from being
+// unloaded, and one of the process would be gone while the log's threads still write at exit.
+template <std::size_t capacity>
+struct FixedText {
+  explicit FixedText(const std::string& text) : length(text.copy(characters, capacity)) {}
+  std::string_view view() const { return std::string_view(characters, length); }
+
+  char characters[capacity];
   std::size_t length;
 };
-static_assert(std::is_trivially_destructible_v<ThreadText>);
+using HeaderText = FixedText<128>;
+using ThreadText = FixedText<40>;
+static_assert(std::is_trivially_destructible_v<HeaderText>);
 
-ThreadText printCurrentThread() {
+std::string printHeader() {
+  return fmt::format("{:<{}} {:<{}} {:<{}} {:<{}} {:<{}} {:<{}} {:<{}} Message", "Thread",
+                     kThreadWidth, "Time", kTimeWidth, "Elapsed", kElapsedWidth, "Session Log Id",
+                     kSessionLogIdWidth, "Cat", kCategoryWidth, "Level", kLevelWidth, "RC",
+                     kResultCodeWidth);
+}
+
+std::string printCurrentThread() {
   std::ostringstream printed;
   printed.imbue(std::locale::classic());  // no digit grouping
   printed << std::this_thread::get_id();
-  const std::string text = printed.str();
-  ThreadText result{};
-  result.length = text.copy(result.text.data(), result.text.size());
-  return result;
+  return printed.str();
 }
 
 }  // namespace
@@ -74,16 +84,9 @@ std::string logFilePath(const std::string& basePath, std::int64_t time) {
       fmt::format("{:%Y_%m_%dT%H_%M_%S}_{:03}Z", split.calendar, split.milliseconds));
 }
 
-const std::string& headerLine() {
-  // Never destroyed: the log's threads may write while the process exits.
-  static const std::string* const line =
-      std::make_unique<std::string>(
-          fmt::format("{:<{}} {:<{}} {:<{}} {:<{}} {:<{}} {:<{}} {:<{}} Message", "Thread",
-                      kThreadWidth, "Time", kTimeWidth, "Elapsed", kElapsedWidth, "Session Log Id",
-                      kSessionLogIdWidth, "Cat", kCategoryWidth, "Level", kLevelWidth, "RC",
-                      kResultCodeWidth))
-          .release();
-  return *line;
+std::string_view headerLine() {
+  static const HeaderText text(printHeader());
+  return text.view();
 }
 
 std::string recordLine(const Record& record) {
@@ -102,8 +105,8 @@ const char* levelTag(std::int32_t level) {
 }
 
 std::string_view currentThreadText() {
-  thread_local const ThreadText thread = printCurrentThread();
-  return std::string_view(thread.text.data(), thread.length);
+  thread_local const ThreadText text(printCurrentThread());
+  return text.view();
 }
 
 }  // namespace zelta::logging

@@ -25,8 +25,8 @@ struct Record {
 // `basePath`, the time to the millisecond and ".txt": base_2024_03_05T14_07_09_042Z.txt.
 std::string logFilePath(const std::string& basePath, std::int64_t time);
 
-// The first line of every file, without a line end. Built on first use.
-const std::string& headerLine();
+// The first line of every file, without a line end. Built on first use, there for good.
+std::string_view headerLine();
 
 // One record, without a line end. What is longer than its column pushes the rest to the right.
 // Throws `std::out_of_range` for a level outside 0..4.
@@ -36,7 +36,7 @@ std::string recordLine(const Record& record);
 // other level.
 const char* levelTag(std::int32_t level);
 
-// The calling thread as the standard library prints it. Lives as long as the thread.
+// The calling thread as the standard library prints it. There as long as the thread.
 std::string_view currentThreadText();
 
 }  // namespace zelta::logging

@@ -63,7 +63,7 @@ TEST(LineFormat, HeaderHasTheColumnsInTheirWidths) {
   EXPECT_EQ(headerLine(), kHeaderText);
 }
 
-TEST(LineFormat, HeaderIsBuiltOnce) { EXPECT_EQ(&headerLine(), &headerLine()); }
+TEST(LineFormat, HeaderIsBuiltOnce) { EXPECT_EQ(headerLine().data(), headerLine().data()); }
 
 TEST(LineFormat, RecordHasTheColumnsInTheirWidths) {
   EXPECT_EQ(recordLine(exampleRecord()),
