@@ -41,10 +41,13 @@ class HostedModuleTest : public ::testing::Test {
     return operation;
   }
 
-  // The agent comes, as it can once somebody waits for a card.
+  // The agent comes, as it can once somebody waits for a card, and is let in: the driver asks it
+  // for the card's ATR first of all.
   void connectAgent() {
     const auto waiting = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
+    const int asked = agent_.commands(AgentCommand::QueryAtrReset);
     ASSERT_TRUE(agent_.connect(card_.answers()));
+    ASSERT_TRUE(agent_.waitForCommands(AgentCommand::QueryAtrReset, asked + 1));
     if (!card_.present()) return;
     ASSERT_TRUE(waiting->wait(kLong));
     ASSERT_EQ(waiting->result().status, answer::kSuccess);

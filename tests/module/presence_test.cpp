@@ -1,4 +1,6 @@
 // Cards and agents that come and go.
+#include <future>
+
 #include "tests/module/hosted_module.h"
 
 namespace zelta::test {
@@ -10,6 +12,17 @@ class PresenceTest : public HostedModuleTest {
   static framework::HRESULT ending(host::IoOperation& operation) {
     EXPECT_TRUE(operation.wait(kLong));
     return operation.completed() ? operation.result().status : host::kTimedOut;
+  }
+
+  // One attempt of an agent of two raw clients, which gives up where the driver does not ask it
+  // for the card's ATR, and stays until the card is found.
+  static void answerOneAtr(const std::future<framework::HRESULT>& found) {
+    PipeClient events;
+    PipeClient command;
+    if (events.connectWhenListening(eventPipeName(0)) && command.connect(commandPipeName(0)) &&
+        command.readNumber().has_value() && command.writeNumber(2) && command.write({0x3B, 0x00})) {
+      found.wait_for(kLong);
+    }
   }
 };
 
@@ -90,6 +103,25 @@ TEST_F(PresenceTest, AgentThatDiesInsideAnAtrIsSurvived) {
     ASSERT_EQ(ending(*waiting), answer::kCancelled);
   }
   expectWorkingReader();
+}
+
+TEST_F(PresenceTest, AgentThatDiesBeforeItIsLetInIsFollowedByAnother) {
+  for (int round = 0; round < 20; ++round) {
+    // Somebody waits for a card all the time, and asks anew when the loss of an agent ends that.
+    std::future<framework::HRESULT> found = std::async(std::launch::async, [this] {
+      framework::HRESULT result = answer::kCancelled;
+      while (result == answer::kCancelled) result = status(IOCTL_SMARTCARD_IS_PRESENT);
+      return result;
+    });
+    ASSERT_TRUE(agent_.connectSilently());
+    agent_.die();
+    // A dead client may still hold the command pipe when the next agent comes.
+    for (int attempt = 0; attempt < 20 && found.wait_for(0s) != std::future_status::ready;
+         ++attempt) {
+      answerOneAtr(found);
+    }
+    EXPECT_EQ(found.get(), answer::kSuccess);
+  }
 }
 
 TEST_F(PresenceTest, AgentThatDiesInsideASessionIdIsSurvived) {

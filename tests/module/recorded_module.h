@@ -26,10 +26,11 @@ class RecordedModuleTest : public ::testing::Test {
     framework_->takeDown();
   }
 
-  // The agent comes, with a card or without.
+  // The agent comes, with a card or without, and is let in: the driver asks it for the ATR.
   void connectAgent() {
     RecordingRequest& waiting = framework_->dispatch({IOCTL_SMARTCARD_IS_PRESENT, {}, {}});
     ASSERT_TRUE(agent_.connect(card_.answers()));
+    ASSERT_TRUE(agent_.waitForCommands(AgentCommand::QueryAtrReset, 1));
     if (card_.present()) {
       ASSERT_TRUE(waiting.waitCompleted(kLong));
     }
