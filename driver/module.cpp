@@ -61,8 +61,13 @@ framework::HRESULT canUnload() {
   // The logger's threads end here, not in a global destructor: that would run while the system
   // holds its loader lock, which an ending thread needs, and joining would wait for ever. The
   // section's last line is written already; a later log call makes a new logger.
-  if (result == framework::kOk) shutDownLogging();
-  return result;
+  if (result != framework::kOk) return result;
+  try {
+    shutDownLogging();
+  } catch (const std::exception&) {
+    return framework::kFalse;  // its threads may still run: the module has to stay
+  }
+  return framework::kOk;
 }
 
 framework::HRESULT registerServer() {

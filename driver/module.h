@@ -27,7 +27,7 @@ void unlock();
 // The factory of the driver object; `kClassNotAvailable` for any other class.
 framework::HRESULT getClassObject(framework::REFCLSID classId, framework::REFIID iid, void** out);
 // `kOk` where no object and no lock is left, and then the process's logger has been shut down;
-// `kFalse` otherwise.
+// `kFalse` otherwise, also where the logger could not be shut down.
 framework::HRESULT canUnload();
 // Registration is the installation file's business: these do nothing.
 framework::HRESULT registerServer();

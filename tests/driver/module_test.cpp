@@ -148,6 +148,13 @@ TEST_F(Module, MayNotBeUnloadedWhileTheServerIsLocked) {
   EXPECT_EQ(DllCanUnloadNow(), 0);
 }
 
+TEST_F(Module, MayNotBeUnloadedWhereTheLoggerCannotBeShutDown) {
+  log_.failShutDown();
+  EXPECT_EQ(DllCanUnloadNow(), 1);
+  EXPECT_EQ(log_.shutDowns(), 0);
+  log_.clear();
+}
+
 TEST_F(Module, RegistrationDoesNothing) {
   EXPECT_EQ(DllRegisterServer(), 0);
   expectSection("DllRegisterServer");

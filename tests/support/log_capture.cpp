@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <condition_variable>
 #include <mutex>
+#include <stdexcept>
 
 #include "diagnostics/log_output.h"
 
@@ -17,6 +18,7 @@ struct Store {
   std::vector<std::string> sessionIds;
   std::vector<ByteDump> byteDumps;
   int shutDowns = 0;
+  bool shutDownFails = false;
   std::size_t recordsAtShutDown = 0;
   std::function<void(const LogRecord&)> hook;
 };
@@ -34,6 +36,7 @@ void clearStore() {
   all.sessionIds.clear();
   all.byteDumps.clear();
   all.shutDowns = 0;
+  all.shutDownFails = false;
   all.recordsAtShutDown = 0;
 }
 
@@ -135,6 +138,12 @@ std::size_t LogCapture::recordsAtShutDown() const {
   return all.recordsAtShutDown;
 }
 
+void LogCapture::failShutDown() {
+  Store& all = store();
+  const std::lock_guard<std::mutex> lock(all.mutex);
+  all.shutDownFails = true;
+}
+
 std::vector<ByteDump> LogCapture::byteDumps() const {
   Store& all = store();
   const std::lock_guard<std::mutex> lock(all.mutex);
@@ -168,6 +177,7 @@ void setSessionLogId(const std::string& id) {
 void shutDownLogging() {
   test::Store& all = test::store();
   const std::lock_guard<std::mutex> lock(all.mutex);
+  if (all.shutDownFails) throw std::runtime_error("a thread cannot be joined");
   ++all.shutDowns;
   all.recordsAtShutDown = all.records.size();
 }

@@ -60,6 +60,8 @@ class LogCapture {
   int shutDowns() const;
   // How many records there were at the last of them.
   std::size_t recordsAtShutDown() const;
+  // Lets shutting the logger down fail from now on.
+  void failShutDown();
   std::vector<ByteDump> byteDumps() const;
 
   // Called on the logging thread for every record, after it was stored. What it throws leaves the
