@@ -1,13 +1,16 @@
 #include <gtest/gtest.h>
+#include <sys/fsuid.h>
 
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "logging/file_logger.h"
 #include "logging/text_file.h"
 #include "tests/support/log_files.h"
 #include "tests/support/simulated_clock.h"
 #include "tests/support/small_disk.h"
+#include "tests/support/temp_folder.h"
 
 namespace zelta {
 namespace {
@@ -84,6 +87,27 @@ TEST(FullDisk, LoggerGoesOn) {
     EXPECT_EQ(records.front().message, "before");
     EXPECT_EQ(records.back().message, "after");
   });
+}
+
+constexpr uid_t kNobody = 65534;
+
+TEST(NoPermission, LinesAreLostUntilItIsGiven) {
+  const test::TempFolder folder;
+  fs::permissions(folder.path(), fs::perms::owner_all);
+  // The identity for files is the thread's own.
+  std::thread([&] {
+    setfsuid(kNobody);
+    TextFile file(folder.file("log.txt"));
+    file.writeLine("heading");
+    file.writeLine("lost");
+    EXPECT_EQ(setfsuid(0), static_cast<int>(kNobody));
+    EXPECT_FALSE(fs::exists(folder.file("log.txt")));
+    fs::permissions(folder.path(), fs::perms::all);
+    setfsuid(kNobody);
+    file.writeLine("kept");
+    setfsuid(0);
+  }).join();
+  EXPECT_EQ(fileLines(folder.file("log.txt")), (std::vector<std::string>{"heading", "kept"}));
 }
 
 }  // namespace
