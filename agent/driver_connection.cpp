@@ -70,7 +70,7 @@ bool DriverConnection::serveOne() {
   seenAlive();
   reporter_.commandBegan();
   if (!dispatch(decodeNumber(code), deadline)) return false;
-  reporter_.commandEnded();
+  reporter_.endAnswer();
   return true;
 }
 
@@ -85,7 +85,7 @@ bool DriverConnection::dispatch(std::uint32_t code, Deadline deadline) {
     case AgentCommand::NotifyCardReady:
       log_.debug("Card ready");
       slot_.ready();
-      return true;
+      return reporter_.beginAnswer(kNoCard);  // there is none; the command is dealt with
   }
   log_.error("Unknown command " + std::to_string(code) + "; dropping the connection");
   return false;
@@ -96,9 +96,9 @@ bool DriverConnection::answerAtr(CardSlot::Operation operation, Deadline deadlin
   const bool resets = operation == CardSlot::Operation::Reset;
   const std::string what = resets ? "ATR query with reset" : "ATR query";
   if (answer.result == CardSlot::Result::Aborted) return false;
-  if (answer.result == CardSlot::Result::Answered && reporter_.answeringAtr(answer.card)) {
+  if (answer.result == CardSlot::Result::Answered && reporter_.beginAnswer(answer.card)) {
     log_.debug(what + ": " + toHex(answer.data));
-    return writeAnswer(answer.data);
+    return writeFields(answer.data);
   }
   if (answer.result == CardSlot::Result::Late) {
     log_.warning(what + ": the card is not done in time");
@@ -154,6 +154,11 @@ bool DriverConnection::readPart(void* data, std::uint32_t size, Deadline deadlin
 }
 
 bool DriverConnection::writeAnswer(const Bytes& answer) {
+  reporter_.beginAnswer(kNoCard);
+  return writeFields(answer);
+}
+
+bool DriverConnection::writeFields(const Bytes& answer) {
   const auto length = static_cast<std::uint32_t>(answer.size());
   const auto field = encodeNumber(length);
   if (commands_.write(field.data(), field.size()) != IoResult::Done) return false;

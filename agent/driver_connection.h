@@ -53,7 +53,9 @@ class DriverConnection {
   bool answerTransmit(Deadline deadline);
   bool readApdu(Bytes* apdu, Deadline deadline);
   bool readPart(void* data, std::uint32_t size, Deadline deadline);
+  // Any answer but the ATR.
   bool writeAnswer(const Bytes& answer);
+  bool writeFields(const Bytes& answer);
 
   void seenAlive();
 

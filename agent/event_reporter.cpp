@@ -36,14 +36,18 @@ void EventReporter::commandBegan() {
   changed_.notifyAll();
 }
 
-bool EventReporter::answeringAtr(CardId card) {
+bool EventReporter::beginAnswer(CardId atrOf) {
   platform::MutexLock lock(mutex_);
-  return rule_.answeringAtr(card);
+  if (atrOf != kNoCard && !rule_.holds(atrOf)) return false;
+  answering_ = true;
+  queue(atrOf == kNoCard ? rule_.answeredOtherwise() : rule_.answeredWithAtr());
+  return true;
 }
 
-void EventReporter::commandEnded() {
+void EventReporter::endAnswer() {
   platform::MutexLock lock(mutex_);
-  queue(rule_.commandEnded());
+  answering_ = false;
+  changed_.notifyAll();
 }
 
 void EventReporter::waitWritten(SteadyClock::time_point deadline) {
@@ -119,7 +123,7 @@ void EventReporter::ended() {
 bool EventReporter::nextEvent(ReportRule::Report* report) {
   platform::MutexLock lock(mutex_);
   const auto due = [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    return ended_ || (sessionSent_ && !events_.empty());
+    return ended_ || (sessionSent_ && !answering_ && !events_.empty());
   };
   const auto graceMatters = [this]()
                                 ZELTA_NO_THREAD_SAFETY_ANALYSIS { return taken_ && rule_.quiet(); };

@@ -45,9 +45,10 @@ class EventReporter final : public CardSlot::Observer {
   void start();
 
   void commandBegan();
-  // Whether the command may be answered with the ATR of `card`.
-  bool answeringAtr(CardId card);
-  void commandEnded();
+  // The command is to be answered with the ATR of `atrOf`, or otherwise (`kNoCard`). False where
+  // that card is not in any more: nothing has begun, and it must be answered otherwise.
+  bool beginAnswer(CardId atrOf);
+  void endAnswer();
   // Until everything decided so far is written, the pipe has ended, or the deadline.
   void waitWritten(SteadyClock::time_point deadline);
 
@@ -76,6 +77,7 @@ class EventReporter final : public CardSlot::Observer {
   ReportRule rule_ ZELTA_GUARDED_BY(mutex_){kNoCard};
   // Decided and not written; the front one is being written.
   std::deque<ReportRule::Report> events_ ZELTA_GUARDED_BY(mutex_);
+  bool answering_ ZELTA_GUARDED_BY(mutex_) = false;
   bool sessionSent_ ZELTA_GUARDED_BY(mutex_) = false;
   bool taken_ ZELTA_GUARDED_BY(mutex_) = false;  // the session id, by the driver
   SteadyClock::time_point graceEnd_ ZELTA_GUARDED_BY(mutex_);

@@ -25,13 +25,13 @@ void ReportRule::commandBegan() {
   if (stage_ == Stage::Quiet) stage_ = Stage::FirstCommand;
 }
 
-bool ReportRule::answeringAtr(CardId card) {
-  if (card == kNoCard || card != card_) return false;
-  known_ = true;
-  return true;
+ReportRule::Report ReportRule::answeredWithAtr() {
+  stage_ = Stage::Settled;
+  known_ = card_ != kNoCard;
+  return Report::Nothing;
 }
 
-ReportRule::Report ReportRule::commandEnded() {
+ReportRule::Report ReportRule::answeredOtherwise() {
   stage_ = Stage::Settled;
   return reportUnknown();
 }

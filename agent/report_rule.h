@@ -1,17 +1,17 @@
 // Decides which arrivals and departures of a card are reported to the driver on one connection.
 //
 // Each is reported once. The driver asks for the ATR right after it has accepted a connection, and
-// an insertion event behind that answer would reset a card that is in use already. So before the
-// driver's first command has been dealt with, an arrival is kept back:
+// an insertion event behind that answer would reset a card that is in use already. So until the
+// driver's first command is answered, an arrival is kept back:
 //
-//   connection \ what happens   arrival   ATR answered   command ended   grace over   departure
-//   Quiet, no command yet       keep      -              -               report       forget
-//   First command running       keep      learned        report          -            see below
-//   Settled                     report    (known)        nothing         -            see below
+//   stage \ what happens      arrival   answer: its ATR   other answer   grace over   departure
+//   Quiet, no command yet     keep      -                 -              report       see below
+//   First command running     keep      learned           report         -            see below
+//   Settled                   report    (known)           (known)        -            see below
 //
-// A card that was reported or learned through an ATR answer is known to the driver; the departure
-// of a known card is reported, that of an unknown one is not. "Report" applies to an unknown card
-// only. Grace over settles the connection.
+// An answer settles, and so does the end of the time of grace. A card that was reported or learned
+// through its ATR is known to the driver; the departure of a known card is reported, that of an
+// unknown one is not. "Report" applies to an unknown card only.
 //
 // A pure state machine of one connection: no threads, no clock.
 #pragma once
@@ -36,11 +36,11 @@ class ReportRule {
 
   // The driver sent a command.
   void commandBegan();
-  // The command is about to be answered with the ATR of `card`. False where that card is not in any
-  // more: it must not be answered so, and nothing is learned.
-  bool answeringAtr(CardId card);
-  // The command has been dealt with, whatever the answer.
-  Report commandEnded();
+  // Whether `card` is the one that is in, so that a command may be answered with its ATR.
+  bool holds(CardId card) const { return card != kNoCard && card == card_; }
+  // The command is answered from now on: with the ATR of the card that is in, or otherwise.
+  Report answeredWithAtr();
+  Report answeredOtherwise();
 
   // The driver has sent no command for the time of grace. Nothing where it has sent one.
   Report graceOver();

@@ -19,6 +19,7 @@ const Bytes kAtrQuery = {0, 0, 0, 0};
 const Bytes kTransmit = {2, 0, 0, 0, 1, 0, 0, 0, 0x00};
 const Bytes kLengthZero = {0, 0, 0, 0};
 const Bytes kRemoved = {0, 0, 0, 0};
+const Bytes kInserted = {1, 0, 0, 0};
 
 class Connection : public testing::Test {
  protected:
@@ -73,6 +74,21 @@ TEST_F(Connection, removalIsWrittenBeforeTheCommandIsAnswered) {
   events_.letWrites();
   EXPECT_EQ(events_.takeWrites(4).back(), kRemoved);
   EXPECT_EQ(commands_.takeWrites(3).back(), kLengthZero);
+}
+
+TEST_F(Connection, eventsWaitWhileACommandIsAnswered) {
+  events_.takeWrites(3);
+  commands_.holdWrites();
+  commands_.give(kAtrQuery);
+  commands_.waitUntilWriting();
+  EXPECT_EQ(slot_.remove(), "");
+  EXPECT_EQ(slot_.insert(), "");
+  EXPECT_EQ(events_.writes(), 3u);
+  commands_.letWrites();
+  EXPECT_EQ(commands_.takeWrites(2).back(), test::heldAtr());
+  const std::vector<Bytes> written = events_.takeWrites(5);
+  EXPECT_EQ(written[3], kRemoved);
+  EXPECT_EQ(written[4], kInserted);
 }
 
 TEST_F(Connection, secondCommandIsNotReadBeforeTheFirstIsAnswered) {

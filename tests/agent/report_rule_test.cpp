@@ -11,7 +11,7 @@ namespace {
 using Report = ReportRule::Report;
 
 // What happens, and the report that it gives.
-enum class Input { Arrive, Depart, Begin, Atr, End, Grace };
+enum class Input { Arrive, Depart, Begin, Atr, Other, Grace };
 
 struct Step {
   Input input;
@@ -48,10 +48,11 @@ TEST_P(ReportRuleTable, reports) {
         rule.commandBegan();
         break;
       case Input::Atr:
-        EXPECT_TRUE(rule.answeringAtr(card));
+        EXPECT_TRUE(rule.holds(card));
+        report = rule.answeredWithAtr();
         break;
-      case Input::End:
-        report = rule.commandEnded();
+      case Input::Other:
+        report = rule.answeredOtherwise();
         break;
       case Input::Grace:
         report = rule.graceOver();
@@ -62,62 +63,65 @@ TEST_P(ReportRuleTable, reports) {
 }
 
 constexpr Step kArrive{Input::Arrive}, kDepart{Input::Depart}, kBegin{Input::Begin},
-    kAtr{Input::Atr}, kEnd{Input::End}, kGrace{Input::Grace};
+    kAtr{Input::Atr}, kOther{Input::Other}, kGrace{Input::Grace};
 constexpr Step kReportedArrive{Input::Arrive, Report::Inserted},
-    kReportedDepart{Input::Depart, Report::Removed}, kReportedEnd{Input::End, Report::Inserted},
+    kReportedDepart{Input::Depart, Report::Removed}, kReportedOther{Input::Other, Report::Inserted},
     kReportedGrace{Input::Grace, Report::Inserted};
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, ReportRuleTable,
     testing::Values(
-        Case{"CardInLearnedByFirstAtrIsNotReported", true, {kBegin, kAtr, kEnd, kGrace}},
-        Case{"CardInIsReportedAfterFirstCommandWithoutAtr", true, {kBegin, kReportedEnd}},
-        Case{"CardInIsReportedOnceOnly", true, {kBegin, kReportedEnd, kBegin, kEnd, kGrace}},
+        Case{"CardInLearnedByFirstAtrIsNotReported", true, {kBegin, kAtr, kGrace}},
+        Case{"CardInIsReportedAfterFirstCommandWithoutAtr", true, {kBegin, kReportedOther}},
+        Case{"CardInIsReportedOnceOnly", true, {kBegin, kReportedOther, kBegin, kOther, kGrace}},
         Case{"CardInIsReportedWhenGraceIsOver", true, {kReportedGrace, kGrace}},
         Case{"CardReportedByGraceIsNotReportedByCommands",
              true,
-             {kReportedGrace, kBegin, kEnd, kBegin, kAtr, kEnd}},
-        Case{"GraceInsideTheFirstCommandDoesNothing", true, {kBegin, kGrace, kAtr, kEnd}},
-        Case{"ArrivalBeforeFirstCommandIsKeptBack", false, {kArrive, kBegin, kAtr, kEnd}},
-        Case{"ArrivalBeforeFirstCommandIsReportedAfterIt", false, {kArrive, kBegin, kReportedEnd}},
+             {kReportedGrace, kBegin, kOther, kBegin, kAtr}},
+        Case{"GraceInsideTheFirstCommandDoesNothing", true, {kBegin, kGrace, kAtr}},
+        Case{"ArrivalBeforeFirstCommandIsKeptBack", false, {kArrive, kBegin, kAtr}},
+        Case{
+            "ArrivalBeforeFirstCommandIsReportedAfterIt", false, {kArrive, kBegin, kReportedOther}},
         Case{"ArrivalBeforeGraceIsReportedWithIt", false, {kArrive, kReportedGrace}},
         Case{"ArrivalAfterGraceIsReportedAtOnce", false, {kGrace, kReportedArrive}},
-        Case{"ArrivalInsideFirstCommandIsReportedAtItsEnd", false, {kBegin, kArrive, kReportedEnd}},
-        Case{"ArrivalAfterFirstCommandIsReportedAtOnce", false, {kBegin, kEnd, kReportedArrive}},
+        Case{"ArrivalInsideFirstCommandIsReportedAtItsEnd",
+             false,
+             {kBegin, kArrive, kReportedOther}},
+        Case{"ArrivalAfterFirstCommandIsReportedAtOnce", false, {kBegin, kOther, kReportedArrive}},
         Case{"ArrivalInsideALaterCommandIsReportedAtOnce",
              false,
-             {kBegin, kEnd, kBegin, kReportedArrive, kEnd}},
-        Case{"LearnedCardIsReportedGoneOnce", true, {kBegin, kAtr, kEnd, kReportedDepart, kDepart}},
-        Case{"LearnedCardPulledBeforeItsCommandEndsIsReportedGone",
-             true,
-             {kBegin, kAtr, kReportedDepart, kEnd}},
-        Case{"ReportedCardIsReportedGone", false, {kBegin, kEnd, kReportedArrive, kReportedDepart}},
-        Case{"CardThatTheDriverNeverKnewIsNotReportedGone", true, {kDepart, kBegin, kEnd}},
+             {kBegin, kOther, kBegin, kReportedArrive, kOther}},
+        Case{"LearnedCardIsReportedGoneOnce", true, {kBegin, kAtr, kReportedDepart, kDepart}},
+        Case{"LearnedCardPulledAtOnceIsReportedGone", true, {kBegin, kAtr, kReportedDepart}},
+        Case{"ReportedCardIsReportedGone",
+             false,
+             {kBegin, kOther, kReportedArrive, kReportedDepart}},
+        Case{"CardThatTheDriverNeverKnewIsNotReportedGone", true, {kDepart, kBegin, kOther}},
         Case{"CardPulledInsideFirstCommandWithoutAnswerIsNotReportedGone",
              true,
-             {kBegin, kDepart, kEnd}},
-        Case{"SwapBeforeFirstCommandLeavesOneCardToLearn",
-             true,
-             {kDepart, kArrive, kBegin, kAtr, kEnd}},
+             {kBegin, kDepart, kOther}},
+        Case{"SwapBeforeFirstCommandLeavesOneCardToLearn", true, {kDepart, kArrive, kBegin, kAtr}},
         Case{"SwapOfALearnedCardIsReportedTwice",
              true,
-             {kBegin, kAtr, kEnd, kReportedDepart, kReportedArrive}},
+             {kBegin, kAtr, kReportedDepart, kReportedArrive}},
         Case{"SwapInsideFirstCommandIsReportedAtItsEnd",
              true,
-             {kBegin, kAtr, kReportedDepart, kArrive, kReportedEnd}},
+             {kBegin, kDepart, kArrive, kReportedOther}},
         Case{"AtrOfAReportedCardChangesNothing",
              false,
-             {kBegin, kEnd, kReportedArrive, kBegin, kAtr, kEnd, kReportedDepart}}),
+             {kBegin, kOther, kReportedArrive, kBegin, kAtr, kReportedDepart}}),
     [](const testing::TestParamInfo<Case>& tested) { return tested.param.name; });
 
-TEST(ReportRule, atrOfACardThatIsGoneIsNotAnswered) {
+TEST(ReportRule, holdsOnlyTheCardThatIsIn) {
   ReportRule rule(1);
   rule.commandBegan();
+  EXPECT_TRUE(rule.holds(1));
   EXPECT_EQ(rule.departed(), Report::Nothing);
-  EXPECT_FALSE(rule.answeringAtr(1));
+  EXPECT_FALSE(rule.holds(1));
+  EXPECT_FALSE(rule.holds(kNoCard));
   EXPECT_EQ(rule.arrived(2), Report::Nothing);
-  EXPECT_FALSE(rule.answeringAtr(1));
-  EXPECT_EQ(rule.commandEnded(), Report::Inserted);
+  EXPECT_FALSE(rule.holds(1));
+  EXPECT_TRUE(rule.holds(2));
 }
 
 TEST(ReportRule, quietUntilFirstCommandOrGrace) {
