@@ -86,12 +86,9 @@ void dieAt(LinkAgent& agent, Death death) {
 }
 
 TEST_F(Stress, AgentsThatDieInTheMiddleOfAMessageAreReplaced) {
-  start();
-  const std::vector<std::string> files = [&] {
-    EXPECT_TRUE(waitUntilCreated());
-    return openFiles();
-  }();
+  const std::vector<std::string> files = openFiles();
   const std::size_t threads = threadCount();
+  start();
   for (int round = 0; round < 150; ++round) {
     log_.clear();
     LinkRequest& request = waitForInsertion();
@@ -109,9 +106,9 @@ TEST_F(Stress, AgentsThatDieInTheMiddleOfAMessageAreReplaced) {
   ASSERT_TRUE(request.waitForCompletion());
   EXPECT_EQ(request.status(), status::kSuccess);
   agent_.die();
-  waitForInsertion();
+  stop();
   EXPECT_EQ(threadCount(), threads);
-  EXPECT_EQ(openFiles().size(), files.size());
+  EXPECT_EQ(openFiles(), files);
 }
 
 // A card event and the cancellation of the request it fulfils meet.
