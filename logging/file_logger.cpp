@@ -1,11 +1,10 @@
 #include "logging/file_logger.h"
 
-#include <filesystem>
-#include <system_error>
 #include <utility>
 
 #include "logging/line_format.h"
 #include "platform/native_path.h"
+#include "platform/new_file.h"
 #include "platform/ports.h"
 
 namespace zelta::logging {
@@ -63,13 +62,14 @@ void FileLogger::startNewFile() {
 
 std::string FileLogger::newFilePath() const {
   // Two files made within one millisecond would have the same name, and the second would wipe out
-  // the first (an agent may report two sessions in one breath). The second takes the next
-  // millisecond that is free.
+  // the first (an agent may report two sessions in one breath, two processes may begin at once).
+  // The second takes the next millisecond that is free.
   std::int64_t time = platform::ports().clock->now();
   for (;;) {
     std::string path = logFilePath(basePath_, time);
-    std::error_code error;
-    if (!std::filesystem::exists(platform::nativePath(path), error)) return path;
+    if (platform::makeNewFile(platform::nativePath(path)) != platform::NewFile::kExists) {
+      return path;
+    }
     time += kClockUnitsPerMillisecond;
   }
 }
