@@ -76,12 +76,6 @@ class HostTest : public ::testing::Test {
     const auto values = toNumbers(control(fake::kCounters).output);
     return values.size() > which ? values[which] : 0xFFFFFFFFu;
   }
-  // Waits until that many dispatch callbacks are blocked, then lets them go on.
-  void unblockOnce(std::uint32_t wanted) {
-    control(fake::kBlocked, numbers({wanted}));
-    control(fake::kUnblock);
-  }
-
   std::vector<std::string> errors() {
     platform::MutexLock lock(mutex_);
     return errors_;
