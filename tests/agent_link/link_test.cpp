@@ -79,7 +79,7 @@ void LinkTest::makeCardPresent() {
 std::vector<std::uint8_t> number(std::uint32_t value, const std::vector<std::uint8_t>& tail) {
   const auto head = encodeNumber(value);
   std::vector<std::uint8_t> bytes(head.begin(), head.end());
-  bytes.insert(bytes.end(), tail.begin(), tail.end());
+  for (const std::uint8_t byte : tail) bytes.push_back(byte);
   return bytes;
 }
 

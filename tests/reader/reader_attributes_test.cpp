@@ -218,7 +218,7 @@ TEST_F(SetAttribute, DeviceInUseSucceedsWhateverTheValue) {
   for (const Bytes& value : {Bytes{}, Bytes{1}, Bytes{0, 0, 0, 0}, Bytes(500, 0xFF)}) {
     log_.clear();
     Bytes input{0x02, 0x00, 0xFF, 0x7F};
-    input.insert(input.end(), value.begin(), value.end());
+    for (const std::uint8_t byte : value) input.push_back(byte);
     FakeRequest request(device_);
     request.withInput(input).checkingLock();
     reader_.IoSmartCardSetAttribute(&request, input.size(), 0);
