@@ -92,7 +92,11 @@ void PipeReader::awaitReconnect() {
 
 void PipeReader::serveAgent() {
   PipeStream events(eventCalls_, eventPipe_);
-  completeInsertOnConnect();
+  try {
+    completeInsertOnConnect();
+  } catch (const std::exception& failure) {
+    logError(kNoError, "Failed to handle connection: %s", failure.what());
+  }
   while (!stopRequested()) {
     logDebug("Waiting for command...");
     std::uint32_t code = 0;

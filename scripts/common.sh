@@ -31,7 +31,7 @@ as_root() {
   if [ "$(id -u)" -eq 0 ]; then
     "$@"
   elif command -v sudo >/dev/null; then
-    say "Root is needed $purpose: sudo $*"
+    say "Root is needed $purpose: sudo $*" >&2
     sudo "$@"
   else
     die "root is needed $purpose, and there is no sudo; run as root: $*"
@@ -69,9 +69,9 @@ build_preset() {
 
 # The files of a running reader.
 pcscd_socket() { cat "$ZELTA_RUN_DIR/pcscd.socket" 2>/dev/null || true; }
+# `up` holds a lock on the file for as long as anything of it runs.
 is_up() {
-  local pid
-  pid=$(cat "$ZELTA_RUN_DIR/up.pid" 2>/dev/null) && [ -n "$pid" ] && kill -0 "$pid" 2>/dev/null
+  [ -e "$ZELTA_RUN_DIR/up.pid" ] && ! flock --shared --nonblock "$ZELTA_RUN_DIR/up.pid" true
 }
 need_up() {
   is_up || die "no reader is up here; ./zelta up brings one up"

@@ -24,7 +24,8 @@ case $(printf '%s\n' "$readers" | awk '$1 == "0" { print $2 }') in
 esac
 say "Reader: ${reader:-none}"
 say "State:  $state"
-agent=$("$ZELTA_BUILD_DIR/bin/zelta-agent" ctl status --control "$ZELTA_RUN_DIR/agent.ctl" 2>&1) ||
-  agent="not running ($agent)"
+agent=$(as_root "to ask the agent" \
+  "$ZELTA_BUILD_DIR/bin/zelta-agent" ctl status --control "$ZELTA_RUN_DIR/agent.ctl") ||
+  agent="not running"
 printf '%s\n' "$agent" | sed '1s/^/Agent:  /; 2,$s/^/        /'
 say "Log:    $(newest_log "$ZELTA_RUN_DIR/data/Vornhalt/ZeltaAgent/logs")"

@@ -53,7 +53,8 @@ run_suite() {
   log=$(mktemp)
   build_preset "$preset"
   step "Testing ($preset)"
-  (cd "$ZELTA_ROOT" && ctest --preset "$preset" "${filter[@]}") 2>&1 | tee "$log" || true
+  (cd "$ZELTA_ROOT" && as_root "to run pcscd in mount namespaces and clients as other users" \
+    ctest --preset "$preset" "${filter[@]}") 2>&1 | tee "$log" || true
   summary=$(grep -E '^[0-9]+% tests passed, [0-9]+ tests failed out of [0-9]+' "$log" || true)
   rm -f "$log"
   [ -n "$summary" ] || die "the $preset suite ran no tests"

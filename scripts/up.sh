@@ -45,29 +45,33 @@ readonly CHECK=$check
 readonly LOGS=$ZELTA_RUN_DIR/data/Vornhalt/ZeltaAgent/logs
 agent_pid=
 pcscd_pid=
+own_run_pcscd=no
 made_run_pcscd=no
 
-# Ends a process that this script started and waits for it.
+# Ends a process that this script started and waits for it. A pcscd that is just about to wait for
+# signals can lose one, so it is told again.
 end_process() {
-  local pid=$1 limit
+  local pid=$1
   [ -n "$pid" ] || return 0
-  kill -TERM "$pid" 2>/dev/null || return 0
-  (sleep 10 && kill -KILL "$pid") 2>/dev/null &
-  limit=$!
+  for _ in TERM TERM TERM TERM; do
+    kill -TERM "$pid" 2>/dev/null || break
+    timeout 2.5 tail --pid="$pid" -f /dev/null && break
+  done
+  kill -KILL "$pid" 2>/dev/null || true
   wait "$pid" 2>/dev/null || true
-  kill "$limit" 2>/dev/null || true
-  wait "$limit" 2>/dev/null || true
 }
 
 clean_up() {
   local code=$?
   trap '' INT TERM
   trap - EXIT
-  [ "$code" -eq 0 ] || show_logs
+  case "$code" in 0 | 130 | 143) ;; *) show_logs ;; esac
   end_process "$pcscd_pid"
   end_process "$agent_pid"
   rm -rf "$ZELTA_RUN_DIR"
   rmdir "$(dirname "$ZELTA_RUN_DIR")" 2>/dev/null || true
+  # What a pcscd that had to be killed leaves would look like the system's to the next one.
+  if [ "$own_run_pcscd" = yes ]; then rm -f /run/pcscd/pcscd.comm /run/pcscd/pcscd.pid; fi
   if [ "$made_run_pcscd" = yes ]; then rm -rf /run/pcscd; fi
   exit "$code"
 }
@@ -83,7 +87,12 @@ show_logs() {
 
 prepare_run_dir() {
   is_up && die "already up (process $(cat "$ZELTA_RUN_DIR/up.pid")); ./zelta down ends it"
-  rm -rf "$ZELTA_RUN_DIR"
+  # Only a folder of ours is emptied.
+  if [ -e "$ZELTA_RUN_DIR/up.pid" ]; then
+    rm -rf "$ZELTA_RUN_DIR"
+  elif [ -e "$ZELTA_RUN_DIR" ]; then
+    rmdir "$ZELTA_RUN_DIR" 2>/dev/null || die "$ZELTA_RUN_DIR is not empty and not of ./zelta up"
+  fi
   mkdir -p "$ZELTA_RUN_DIR"
   trap clean_up EXIT
   trap 'exit 130' INT
@@ -91,15 +100,18 @@ prepare_run_dir() {
   chmod 0755 "$ZELTA_RUN_DIR"
   # Locked for as long as anything of this runs: `down` waits for it.
   exec {lock}>"$ZELTA_RUN_DIR/up.pid"
+  chmod 0644 "$ZELTA_RUN_DIR/up.pid"
   flock "$lock"
   echo $$ >&"$lock"
   mkdir -p "$LOGS" "$ZELTA_RUN_DIR/reader.conf.d"
+  # pcscd takes few characters in a path; the checkout's may have others.
+  ln -s "$ZELTA_BUILD_DIR/lib" "$ZELTA_RUN_DIR/lib"
   printf '%s' "$PIN" >"$ZELTA_RUN_DIR/pin"
   chmod 0600 "$ZELTA_RUN_DIR/pin"
   cat >"$ZELTA_RUN_DIR/reader.conf.d/zelta" <<EOF
 FRIENDLYNAME "Zelta Virtual SmartCard Reader"
 DEVICENAME zelta:0
-LIBPATH $ZELTA_BUILD_DIR/lib/libifdzelta.so
+LIBPATH $ZELTA_RUN_DIR/lib/libifdzelta.so
 EOF
   cat >"$ZELTA_RUN_DIR/registry.reg" <<'EOF'
 Windows Registry Editor Version 5.00
@@ -134,6 +146,7 @@ start_pcscd() {
     unshare --mount sh -c 'mount --make-rprivate / && mount --bind "$0" /run/pcscd && exec "$@"' \
       "$ZELTA_RUN_DIR/pcscd" pcscd "${options[@]}" >"$ZELTA_RUN_DIR/pcscd.log" 2>&1 &
   else
+    own_run_pcscd=yes
     [ -d /run/pcscd ] || made_run_pcscd=yes
     echo /run/pcscd/pcscd.comm >"$ZELTA_RUN_DIR/pcscd.socket"
     pcscd "${options[@]}" >"$ZELTA_RUN_DIR/pcscd.log" 2>&1 &
@@ -178,9 +191,7 @@ hints() {
 
 A pcscd of the system is running, so this reader has one of its own. In other terminals, first:
   $variable
-To add the reader to the system's pcscd instead, copy
-  $ZELTA_RUN_DIR/reader.conf.d/zelta
-to /etc/reader.conf.d/ and restart pcscd (docs/operation.md).
+To add the reader to the system's pcscd instead, install the package (docs/operation.md).
 EOF
   fi
   cat <<EOF

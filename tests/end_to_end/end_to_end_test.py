@@ -107,7 +107,7 @@ class EndToEnd(unittest.TestCase):
         self.stack.start().wait_for_card()
         for how in (signal.SIGTERM, signal.SIGINT, signal.SIGKILL):
             code, seconds = self.stack.pcscd.end(how)
-            self.assertLess(seconds, 5, f"end by {how.name}")
+            self.assertLess(seconds, 10, f"end by {how.name}")
             # Ended by itself, with whatever code pcscd gives, and not by a crash.
             self.assertTrue(code >= 0 or code == -how.value, f"end by {how.name}: {code}")
             if os.path.exists("/run/pcscd/pcscd.comm"):
@@ -167,7 +167,7 @@ class ZeltaCommand(unittest.TestCase):
     def start(self):
         self.up = subprocess.Popen([stack.SOURCE / "zelta", "up", "--run-only"],
                                    stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                   stderr=subprocess.STDOUT, text=True)
+                                   stderr=subprocess.STDOUT, text=True, start_new_session=True)
         timer = threading.Timer(stack.LIMIT, self.up.kill)
         timer.start()
         for line in self.up.stdout:
@@ -192,7 +192,8 @@ class ZeltaCommand(unittest.TestCase):
         self.up.send_signal(signal.SIGINT)
         self.assertEqual(self.up.wait(stack.LIMIT), 0)
         self.assertEqual(os.listdir("/run"), ["pcscd"])
-        self.assertEqual(subprocess.run(["pgrep", "-s", "0", "zelta-agent"]).returncode, 1)
+        left = run("ps", "-o", "comm=", "-s", str(self.up.pid), check=False)
+        self.assertEqual(left.stdout, "")
 
     def test_status_card_and_down_reach_the_running_reader(self):
         self.start()

@@ -54,7 +54,7 @@ class PipeClient {
   bool fail();
   std::size_t readUpTo(void* data, std::size_t size);
 
-  int socket_ = -1;
+  std::intptr_t socket_ = -1;  // the system's own handle
   int error_ = 0;
 };
 

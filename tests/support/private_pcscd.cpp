@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -30,6 +31,11 @@ using std::chrono::milliseconds;
 namespace fs = std::filesystem;
 
 constexpr char kSocketFile[] = "pcscd.comm";
+
+// pcscd 1.9.9 may lose a signal that asks it to end in good order, with no reader at all: its main
+// thread looks for the request once when the signal interrupts its wait, and another thread may
+// note the request only after that. An orderly end takes it a second.
+constexpr std::chrono::milliseconds kSignalAgain{2500};
 
 fs::path socketFolder() { return PrivatePcscd::folder() / "run" / "pcscd"; }
 fs::path configurationFolder() { return PrivatePcscd::folder() / "reader.conf.d"; }
@@ -67,6 +73,18 @@ std::vector<std::string> environmentWith(const std::string& modulePath) {
   variables.emplace_back("ASAN_OPTIONS=detect_leaks=0");
 #endif
   return variables;
+}
+
+// Whether the socket is among the files that something has happened to.
+bool tellsOfSocket(const platform::ScopedFd& watch) {
+  alignas(inotify_event) char events[4096];
+  const ssize_t size = read(watch.get(), events, sizeof events);
+  for (ssize_t offset = 0; offset < size;) {
+    const auto* const event = reinterpret_cast<const inotify_event*>(events + offset);
+    if (event->len > 0 && std::string(event->name) == kSocketFile) return true;
+    offset += static_cast<ssize_t>(sizeof(inotify_event)) + event->len;
+  }
+  return false;
 }
 
 }  // namespace
@@ -129,26 +147,22 @@ bool PrivatePcscd::waitForSocket(const platform::ScopedFd& watch) const {
     if (left <= 0 || poll(states, 2, static_cast<int>(left)) <= 0 || states[1].revents != 0) {
       return false;
     }
-    alignas(inotify_event) char events[4096];
-    if (read(watch.get(), events, sizeof events) > 0 && fs::exists(socketFolder() / kSocketFile)) {
-      return true;
-    }
+    if (tellsOfSocket(watch)) return true;
   }
 }
 
-void PrivatePcscd::signal(int signal) const {
-  if (running()) kill(process_, signal);
+void PrivatePcscd::signal(int number) const {
+  if (running()) kill(process_, number);
 }
 
-std::optional<PrivatePcscd::End> PrivatePcscd::end(int how) {
-  signal(how);
-  return waitForEnd();
-}
-
-std::optional<PrivatePcscd::End> PrivatePcscd::waitForEnd() {
+std::optional<PrivatePcscd::End> PrivatePcscd::end(int number) {
   if (!running()) return std::nullopt;
   const auto begun = Clock::now();
-  const bool ended = waitReadable(processEnd_.get(), begun + kLimit);
+  bool ended = false;
+  do {
+    signal(number);
+    ended = waitReadable(processEnd_.get(), Clock::now() + kSignalAgain);
+  } while (!ended && Clock::now() - begun < kLimit);
   if (!ended) kill(process_, SIGKILL);
   int status = 0;
   waitpid(process_, &status, 0);

@@ -45,10 +45,10 @@ class PrivatePcscd {
 
   // Returns when clients can connect; false where it ended or nothing happened.
   bool start(const Options& options);
-  // Sends the signal and waits for the end; none where it did not end, which kills it.
-  std::optional<End> end(int signal);
-  void signal(int signal) const;
-  std::optional<End> waitForEnd();
+  // Sends the signal, more than once if need be, and waits for the end; none where it did not
+  // end, which kills it.
+  std::optional<End> end(int number);
+  void signal(int number) const;
   bool running() const { return process_ > 0; }
 
   // What it has printed since its start.
