@@ -1,6 +1,7 @@
 #include "pcsc/channel.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 namespace zelta::pcsc {
@@ -43,6 +44,14 @@ Bytes transmitInput(std::uint32_t protocol, const Bytes& command) {
   appendNumber(input, kTransmitHeaderSize);
   input.insert(input.end(), command.begin(), command.end());
   return input;
+}
+
+// Whether this is the driver's own answer to a command whose card was pulled; a card may give the
+// same.
+bool isNotAccepted(const Bytes& output) {
+  static constexpr std::array<std::uint8_t, 2> kNotAccepted = {0x69, 0x01};
+  return output.size() == kTransmitHeaderSize + kNotAccepted.size() &&
+         std::equal(kNotAccepted.begin(), kNotAccepted.end(), output.begin() + kTransmitHeaderSize);
 }
 
 // What pcscd calls the protocol that the driver answered under.
@@ -148,11 +157,19 @@ TransmitReply Channel::transmit(const Apdu& command) {
   // Also an answer that came: it may be the driver's own for a card that was pulled.
   if (presence_->card() != card) return {refusal(), 0, {}};
   if (framework::succeeded(result.status)) {
+    if (isNotAccepted(result.output) && driverHasNoCard()) return {refusal(), 0, {}};
     return checkAnswer(command, protocol, std::move(result));
   }
   // pcscd takes the card for absent with this answer, without saying so to anyone.
   if (result.status == kNoMedia) cycle(card);
   return {failureOf(result.status), 0, {}};
+}
+
+// Whether the card is gone for the driver already, though it has not said so yet.
+bool Channel::driverHasNoCard() {
+  const host::IoResult state = control(kIoctlGetState, {}, kNumberSize);
+  return framework::succeeded(state.status) && state.output.size() >= kNumberSize &&
+         numberAt(state.output, 0) == kStateAbsent;
 }
 
 host::IoResult Channel::exchange(CardNumber card, const Apdu& command, std::uint32_t* protocol) {

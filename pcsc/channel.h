@@ -86,6 +86,7 @@ class Channel {
   Reply reset(CardNumber card, std::uint32_t operation);
   Reply resetFailed(CardNumber card, const host::IoResult& result);
   // Sends the command with the driver's current protocol, whichever that is; `protocol` says.
+  bool driverHasNoCard();
   host::IoResult exchange(CardNumber card, const Apdu& command, std::uint32_t* protocol);
   TransmitReply checkAnswer(const Apdu& command, std::uint32_t protocol, host::IoResult result);
 

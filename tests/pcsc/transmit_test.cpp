@@ -179,6 +179,24 @@ TEST_F(TransmitTest, AnswerOfACardThatWasPulledMeanwhileIsNotGiven) {
   EXPECT_THAT(reply.answer, IsEmpty());
 }
 
+TEST_F(TransmitTest, DriversOwnAnswerForAPulledCardIsNotGivenBeforeTheRemovalIsKnown) {
+  connect();
+  answerTransmit(succeededWith(answerOf(kProtocolT1, {0x69, 0x01})));
+  reader_->answer(kIoctlGetState, [](const auto&) { return succeededWith(numberBytes(1)); });
+  const TransmitReply reply = send();
+  EXPECT_EQ(reply.code, IFD_ICC_NOT_PRESENT);
+  EXPECT_THAT(reply.answer, IsEmpty());
+}
+
+TEST_F(TransmitTest, TheSameAnswerOfACardThatIsInIsGiven) {
+  connect();
+  answerTransmit(succeededWith(answerOf(kProtocolT1, {0x69, 0x01})));
+  reader_->answer(kIoctlGetState, [](const auto&) { return succeededWith(numberBytes(6)); });
+  const TransmitReply reply = send();
+  EXPECT_EQ(reply.code, IFD_SUCCESS);
+  EXPECT_THAT(reply.answer, ElementsAre(0x69, 0x01));
+}
+
 TEST_F(TransmitTest, CommandForTheOldCardEndsAsRemovedWhenAnotherIsInAlready) {
   connect();
   std::promise<void> running;

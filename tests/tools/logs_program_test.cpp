@@ -22,9 +22,9 @@ struct Outcome {
   std::string text;  // standard output and standard error
 };
 
-Outcome run(const std::string& arguments) {
+Outcome runCommand(const std::string& command) {
   Outcome outcome;
-  FILE* pipe = popen((ZELTA_LOGS_PROGRAM " " + arguments + " 2>&1").c_str(), "r");
+  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
   std::array<char, 4096> buffer;
   for (std::size_t size; (size = fread(buffer.data(), 1, buffer.size(), pipe)) > 0;) {
     outcome.text.append(buffer.data(), size);
@@ -32,6 +32,8 @@ Outcome run(const std::string& arguments) {
   outcome.code = WEXITSTATUS(pclose(pipe));
   return outcome;
 }
+
+Outcome run(const std::string& arguments) { return runCommand(ZELTA_LOGS_PROGRAM " " + arguments); }
 
 class LogsProgram : public ::testing::Test {
  protected:
@@ -70,6 +72,16 @@ TEST_F(LogsProgram, FiltersCombine) {
 
 TEST_F(LogsProgram, ColourCanBeForced) {
   EXPECT_THAT(run(dir() + "--all --color always").text, HasSubstr("\x1b[31m["));
+}
+
+TEST_F(LogsProgram, IsColouredOnATerminalUnlessNoColorIsSet) {
+  // `script` gives its command a terminal of its own.
+  const auto onTerminal = [this](const std::string& variable) {
+    return runCommand(variable + " script -qec '" ZELTA_LOGS_PROGRAM " " + dir() +
+                      "--all' /dev/null");
+  };
+  EXPECT_THAT(onTerminal("NO_COLOR=").text, HasSubstr("\x1b[31m["));
+  EXPECT_THAT(onTerminal("NO_COLOR=1").text, Not(HasSubstr("\x1b[")));
 }
 
 TEST_F(LogsProgram, BadUseIsRefusedWithCode2) {
