@@ -174,6 +174,7 @@ TEST_F(PcscdCardTest, ResetsAndPowerCyclesLeaveAUsableCard) {
 
 TEST_F(PcscdCardTest, RemovalDuringACommandEndsItAndMarksTheHandle) {
   startWithCard();
+  const unsigned before = client_->state().counter;
   std::promise<void> running;
   std::promise<void> removed;
   agent_.respond([&](const Bytes&) {
@@ -191,7 +192,9 @@ TEST_F(PcscdCardTest, RemovalDuringACommandEndsItAndMarksTheHandle) {
   const LONG result = sent.get();
   EXPECT_TRUE(result == SCARD_E_NO_SMARTCARD || result == SCARD_W_REMOVED_CARD)
       << std::hex << result;
-  ASSERT_TRUE(client_->waitForRemoval().has_value());
+  // pcscd shows an empty reader at once after such an answer; the handle is marked by the event.
+  ASSERT_TRUE(client_->waitFor(
+      [&](const Client::State& now) { return !now.present && now.counter == before + 1; }));
   Bytes answer;
   EXPECT_EQ(client_->transmit(kSelect, &answer), SCARD_W_REMOVED_CARD);
   agent_.respond(nullptr);
@@ -278,7 +281,6 @@ TEST_F(PcscdCardTest, AgentThatDiesDuringACommandEndsIt) {
   });
   running.get_future().wait();
   agent_.link().events().close();
-  EXPECT_TRUE(client_->waitForRemoval().has_value() || sent.valid());
   const LONG result = sent.get();
   EXPECT_TRUE(result == SCARD_E_NO_SMARTCARD || result == SCARD_W_REMOVED_CARD)
       << std::hex << result;

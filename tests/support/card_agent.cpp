@@ -7,10 +7,17 @@ namespace zelta::test {
 using platform::MutexLock;
 
 bool CardAgent::connect() {
-  const int before = link_.commands(AgentCommand::QueryAtrReset);
+  {
+    const MutexLock lock(mutex_);
+    askedForCard_ = false;
+  }
+  if (!link_.connect([this](const LinkAgent::Command& command) { return answer(command); })) {
+    return false;
+  }
   // With both pipes accepted the driver looks for a card.
-  return link_.connect([this](const LinkAgent::Command& command) { return answer(command); }) &&
-         link_.waitForCommands(AgentCommand::QueryAtrReset, before + 1);
+  MutexLock lock(mutex_);
+  return changed_.waitFor(lock, PipeClient::kLimit,
+                          [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return askedForCard_; });
 }
 
 void CardAgent::insert(Bytes atr) {
@@ -24,8 +31,10 @@ void CardAgent::remove() {
 }
 
 void CardAgent::swap(Bytes atr) {
+  // The new card is there first: the driver may ask as soon as it knows of the removal.
+  setAtr(std::move(atr));
   link_.sendEvent(AgentEvent::CardRemoved);
-  insert(std::move(atr));
+  link_.sendEvent(AgentEvent::CardInserted);
 }
 
 void CardAgent::setCardIn(Bytes atr) { setAtr(std::move(atr)); }
@@ -62,6 +71,8 @@ std::optional<CardAgent::Bytes> CardAgent::answer(const LinkAgent::Command& comm
     const MutexLock lock(mutex_);
     switch (command.code) {
       case AgentCommand::QueryAtrReset:
+        askedForCard_ = true;
+        changed_.notifyAll();
         return resetFails() ? Bytes() : atr_;
       case AgentCommand::QueryAtr:
         return atr_;

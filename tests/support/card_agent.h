@@ -22,7 +22,8 @@ class CardAgent {
   static Bytes usualAtr() { return {0x3B, 0x80, 0x80, 0x01, 0x01}; }
 
   // Waits for the driver's pipes, and until the driver, on which somebody waits for a card, has
-  // taken both. A card that is in by then is not reported: the driver asks.
+  // taken both and asked for the card: what changes afterwards is no part of that answer. A card
+  // that is in by then is not reported: the driver asks.
   bool connect();
   void die() { link_.die(); }
 
@@ -47,7 +48,9 @@ class CardAgent {
   void setAtr(Bytes atr) ZELTA_EXCLUDES(mutex_);
 
   platform::Mutex mutex_;
-  Bytes atr_ ZELTA_GUARDED_BY(mutex_);  // empty: no card is in
+  platform::ConditionVariable changed_;
+  bool askedForCard_ ZELTA_GUARDED_BY(mutex_) = false;  // since the latest `connect`
+  Bytes atr_ ZELTA_GUARDED_BY(mutex_);                  // empty: no card is in
   Respond respond_ ZELTA_GUARDED_BY(mutex_);
   int resetsToSkip_ ZELTA_GUARDED_BY(mutex_) = 0;
   int resetsToFail_ ZELTA_GUARDED_BY(mutex_) = 0;
