@@ -1,76 +1,20 @@
-// What the agent reports, on the system's pipes: states, requests, session ids and log lines.
+// The cards that the agent reports, on the system's pipes: states, requests and log lines.
 #include <gtest/gtest.h>
 
 #include <atomic>
 
-#include "agent_link/wire.h"
-#include "diagnostics/log_output.h"
 #include "driver/smartcard_ioctl.h"
 #include "driver/status.h"
-#include "tests/agent_link/link_test.h"
-#include "tests/support/link_agent.h"
+#include "tests/agent_link/events_test.h"
 
 namespace zelta::test {
 namespace {
 
-using namespace std::chrono_literals;
 using Bytes = std::vector<std::uint8_t>;
 using Records = std::vector<LogRecord>;
 using Order = std::vector<const LinkRequest*>;
 
-const Bytes kAtr = {0x3B, 0x00};
-constexpr std::uint32_t kBroken = platform::error::kBrokenPipe;
-
-// The written-only flag of the reader.
-struct CardReady : Reader {
-  static std::uint32_t of(const Reader& reader) { return (reader.*(&CardReady::cardReady))(); }
-};
-
-class Events : public LinkTest {
- protected:
-  Events() { device_.watchLock(); }
-  ~Events() override {
-    EXPECT_TRUE(device_.lockAlwaysHeld());
-    stop();
-  }
-
-  // The agent's card: an ATR, or none.
-  void setCard(bool in) { card_.store(in); }
-
-  LinkAgent::Answer answer() {
-    return [this](const LinkAgent::Command&) { return card_.load() ? kAtr : Bytes{}; };
-  }
-
-  // With an insertion request waiting that the connection does not fulfil.
-  LinkRequest& connectWithoutCard(const AgentLinkTimes& times = {}) {
-    start(times);
-    LinkRequest& request = waitForInsertion();
-    EXPECT_TRUE(agent_.connect(answer()));
-    EXPECT_TRUE(log_.waitFor("Waiting for command..."));
-    return request;
-  }
-
-  // With a card in and nothing waiting.
-  void connectWithCard() {
-    setCard(true);
-    start();
-    LinkRequest& request = waitForInsertion();
-    EXPECT_TRUE(agent_.connect(answer()));
-    EXPECT_TRUE(request.waitForCompletion());
-    EXPECT_TRUE(log_.waitFor("Waiting for command..."));
-  }
-
-  // The driver has dealt with everything that was reported before.
-  void settle() {
-    const std::string text = "Unknown event received:77";
-    const std::size_t before = log_.count(text);
-    ASSERT_TRUE(agent_.sendEvent(77));
-    ASSERT_TRUE(waitForCount(text, before + 1));
-  }
-
-  LinkAgent agent_;
-  std::atomic<bool> card_{false};
-};
+class Events : public EventsTest {};
 
 TEST_F(Events, CardThatIsInAtTheConnectionCompletesTheInsertion) {
   connectWithCard();
@@ -164,33 +108,6 @@ TEST_F(Events, RemovalDoesNotCompleteInsertions) {
   EXPECT_EQ(request.completions(), 0);
 }
 
-TEST_F(Events, SessionLogIdGoesToTheLogger) {
-  connectWithoutCard();
-  ASSERT_TRUE(agent_.sendSessionLogId("0f8fad5b-d9cb-469f-a165-70867728950e"));
-  settle();
-  EXPECT_EQ(log_.sessionIds(), std::vector<std::string>{"0f8fad5b-d9cb-469f-a165-70867728950e"});
-}
-
-TEST_F(Events, EveryByteOfASessionLogIdIsOneCharacterUnchanged) {
-  connectWithoutCard();
-  std::string id;
-  for (int byte = 0; byte < 256; ++byte) id += static_cast<char>(byte);
-  ASSERT_TRUE(agent_.sendSessionLogId(id));
-  settle();
-  EXPECT_EQ(log_.sessionIds(), std::vector<std::string>{id});
-}
-
-TEST_F(Events, EmptySessionLogIdIsAnErrorAndConsumesEightBytes) {
-  connectWithoutCard();
-  log_.clear();
-  ASSERT_TRUE(agent_.sendSessionLogId(""));
-  settle();
-  EXPECT_TRUE(log_.contains(
-      error(static_cast<std::uint32_t>(-501), "Session log ID size is 0. Session log ID not set")));
-  EXPECT_TRUE(log_.sessionIds().empty());
-  EXPECT_EQ(log_.errors().size(), 2u) << "this one and the unknown event behind it";
-}
-
 TEST_F(Events, UnknownEventIsLoggedAsASignedNumberAndSkipped) {
   connectWithoutCard();
   log_.clear();
@@ -224,71 +141,6 @@ TEST_F(Events, EventInPiecesIsOneEvent) {
   EXPECT_TRUE(log_.waitFor("Unknown event received:9"));
 }
 
-TEST_F(Events, LostAgentCancelsInsertionsAndSetsAbsent) {
-  LinkRequest& request = connectWithoutCard();
-  makeCardPresent();
-  log_.clear();
-  agent_.events().close();
-  ASSERT_TRUE(request.waitForCompletion());
-  EXPECT_EQ(request.status(), status::kCancelled);
-  EXPECT_FALSE(request.completedPlainly());
-  EXPECT_EQ(reader().state(), SCARD_ABSENT);
-  EXPECT_EQ(log_.records().front(), error(kBroken, "Event named pipe read error"));
-}
-
-TEST_F(Events, LostAgentFulfilsRemovals) {
-  connectWithCard();
-  LinkRequest& request = waitForRemoval();
-  agent_.die();
-  ASSERT_TRUE(request.waitForCompletion());
-  EXPECT_EQ(request.status(), status::kSuccess);
-  EXPECT_EQ(reader().state(), SCARD_ABSENT);
-  EXPECT_EQ(CardReady::of(reader()), 0u);
-}
-
-TEST_F(Events, LostAgentIsDroppedFromBothPipes) {
-  LinkRequest& request = connectWithoutCard();
-  log_.clear();
-  agent_.die();  // returns because the driver drops the command pipe
-  ASSERT_TRUE(request.waitForCompletion());
-  waitForInsertion();
-  LinkAgent next;
-  ASSERT_TRUE(next.connect(answer()));
-  ASSERT_TRUE(log_.waitFor("Waiting for command..."));
-  // Nothing was blocked on either pipe any more.
-  const Records errors = log_.errors();
-  EXPECT_EQ(Records(errors.begin(), errors.begin() + 3),
-            (Records{error(kBroken, "Event named pipe read error"),
-                     error(kNoError,
-                           "Failed to cancel IO on the event named pipe. System error code: 1168"),
-                     error(kNoError,
-                           "Failed to cancel IO on the command named pipe. System error code: "
-                           "1168")}));
-}
-
-TEST_F(Events, AgentThatDiesBehindASessionLogIdsCodeIsNoticed) {
-  connectWithoutCard();
-  log_.clear();
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::SessionLogId));
-  agent_.die();
-  ASSERT_TRUE(log_.waitFor("Event named pipe read error"));
-  const Records records = log_.records();
-  EXPECT_EQ(
-      Records(records.begin(), records.begin() + 4),
-      (Records{debug("Event received"), error(kBroken, "Failed to read session log id size"),
-               debug("Waiting for command..."), error(kBroken, "Event named pipe read error")}));
-}
-
-TEST_F(Events, AgentThatDiesWithinASessionLogIdIsNoticed) {
-  connectWithoutCard();
-  log_.clear();
-  ASSERT_TRUE(agent_.events().write(number(2, number(36, {'a', 'b'}))));
-  agent_.die();
-  ASSERT_TRUE(log_.waitFor("Event named pipe read error"));
-  EXPECT_TRUE(log_.contains(error(kBroken, "Failed to read session log id")));
-  EXPECT_TRUE(log_.sessionIds().empty());
-}
-
 TEST_F(Events, RequestThatIsBeingCancelledOnlyLeavesTheList) {
   LinkRequest& cancelled = connectWithoutCard();
   LinkRequest& other = waitForInsertion();
@@ -302,48 +154,6 @@ TEST_F(Events, RequestThatIsBeingCancelledOnlyLeavesTheList) {
   settle();
   EXPECT_EQ(cancelled.completions(), 0);
   EXPECT_EQ(other.completions(), 1);
-}
-
-TEST_F(Events, ShutdownCancelsRemovalsThenInsertionsNewestFirst) {
-  LinkRequest& insertion1 = connectWithoutCard();
-  LinkRequest& insertion2 = waitForInsertion();
-  setCard(true);
-  LinkRequest& removal1 = waitForRemoval();
-  LinkRequest& removal2 = waitForRemoval();
-  reader().shutdown();
-  EXPECT_EQ(device_.completed(), (Order{&removal2, &removal1, &insertion2, &insertion1}));
-  for (LinkRequest* request : {&insertion1, &insertion2, &removal1, &removal2}) {
-    EXPECT_EQ(request->status(), status::kCancelled);
-    EXPECT_TRUE(request->completedPlainly());
-    EXPECT_EQ(request->references(), 0);
-  }
-  EXPECT_EQ(reader().state(), SCARD_ABSENT);
-}
-
-TEST_F(Events, ShutdownLeavesARequestThatIsBeingCancelledToItsCallback) {
-  LinkRequest& request = connectWithoutCard();
-  request.beginCancel();
-  reader().shutdown();
-  EXPECT_EQ(request.completions(), 0);
-}
-
-TEST_F(Events, ShutdownLeavesPipesAndThreadRunning) {
-  connectWithoutCard();
-  reader().shutdown();
-  settle();
-  EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
-  EXPECT_GE(agent_.commands(AgentCommand::QueryAtr), 1);
-}
-
-// An agent that announces an id and does not send it holds nobody up but itself.
-TEST_F(Events, AnnouncedSessionLogIdDoesNotHoldUpPresenceRequests) {
-  connectWithCard();
-  ASSERT_TRUE(agent_.events().write(number(2, number(36))));
-  LinkRequest& removal = waitForRemoval();
-  EXPECT_EQ(removal.completions(), 0);
-  ASSERT_TRUE(agent_.events().write(std::string(36, 'x').data(), 36));
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved));
-  EXPECT_TRUE(removal.waitForCompletion());
 }
 
 // The event is on its way before the check is answered: it is not lost between the two.
@@ -405,42 +215,6 @@ TEST_F(Events, CardRemovedDuringATransmitAnswersNotAccepted) {
   EXPECT_EQ(response, (Bytes{0x69, 0x01}));
 }
 
-TEST_F(Events, WithoutAnInsertionRequestTheServerThreadEnds) {
-  AgentLinkTimes times;
-  times.insertRequest = 20ms;
-  start(times);
-  ASSERT_TRUE(log_.waitFor("Failed to wait for card insertion request"));
-  EXPECT_TRUE(log_.contains(error(5023, "Failed to wait for card insertion request")));
-  log_.clear();
-  // Deliberately, a request that comes later does not bring it back.
-  waitForInsertion();
-  PipeClient client;
-  ASSERT_TRUE(client.connectWhenListening(commandPipeName(0)));
-  stop();
-  EXPECT_EQ(log_.count("Command named pipe connected"), 0u);
-  EXPECT_EQ(log_.count("Server thread completed"), 0u);
-}
-
-TEST_F(Events, TheInsertionRequestIsWaitedForTenSeconds) {
-  const auto begin = std::chrono::steady_clock::now();
-  start();
-  ASSERT_TRUE(log_.waitFor("Failed to wait for card insertion request"));
-  const auto took = std::chrono::steady_clock::now() - begin;
-  EXPECT_GE(took, 10s);
-  EXPECT_LT(took, 25s);
-}
-
-TEST_F(Events, AfterALostConnectionTheInsertionRequestIsWaitedForAgain) {
-  AgentLinkTimes times;
-  times.insertRequest = 200ms;
-  start(times);
-  waitForInsertion();
-  ASSERT_TRUE(agent_.connect(answer()));
-  ASSERT_TRUE(log_.waitFor("Waiting for command..."));
-  agent_.die();
-  EXPECT_TRUE(log_.waitFor("Failed to wait for card insertion request"));
-}
-
 TEST_F(Events, EventWhoseHandlingThrowsIsLoggedAndTheNextIsHandled) {
   connectWithoutCard();
   device_.failLock(true);
@@ -449,16 +223,6 @@ TEST_F(Events, EventWhoseHandlingThrowsIsLoggedAndTheNextIsHandled) {
   device_.failLock(false);
   EXPECT_TRUE(log_.contains(error(kNoError, "Failed to handle event: no lock")));
   settle();
-}
-
-TEST_F(Events, ServerThreadThatThrowsIsLoggedAndTheProcessGoesOn) {
-  connectWithoutCard();
-  device_.failLock(true);
-  agent_.events().close();
-  ASSERT_TRUE(log_.waitFor("Server thread failed: no lock"));
-  device_.failLock(false);
-  EXPECT_TRUE(log_.contains(error(kNoError, "Server thread failed: no lock")));
-  stop();
 }
 
 }  // namespace
