@@ -12,9 +12,8 @@ configure_file(windows/zelta_vsc.inf.in zelta_vsc.inf @ONLY NEWLINE_STYLE WIN32)
 install(TARGETS zelta_vsc LIBRARY DESTINATION .)
 install(TARGETS zelta-agent RUNTIME DESTINATION .)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelta_vsc.inf DESTINATION .)
-install(FILES ${PROJECT_SOURCE_DIR}/docs/agent.md ${PROJECT_SOURCE_DIR}/docs/logging.md
-              ${PROJECT_SOURCE_DIR}/docs/windows.md ${PROJECT_SOURCE_DIR}/docs/wire-protocol.md
-        DESTINATION docs)
+install(FILES windows/card.txt ${PROJECT_SOURCE_DIR}/README.md DESTINATION .)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs DESTINATION . FILES_MATCHING PATTERN "*.md")
 
 set(CPACK_GENERATOR ZIP)
 set(CPACK_PACKAGE_FILE_NAME "zelta-vsc-${PROJECT_VERSION}-windows-x64")

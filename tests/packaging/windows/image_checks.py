@@ -1,0 +1,61 @@
+"""What has to be true of the Windows binaries. Each check gives the problems that it finds."""
+
+EXPORTS = {
+    "DllCanUnloadNow",
+    "DllGetClassObject",
+    "DllRegisterServer",
+    "DllUnregisterServer",
+    "Microsoft_WDF_UMDF_Version",
+}
+
+# Libraries that every Windows has. A run-time of the compiler's would have to be installed as well.
+WINDOWS_LIBRARIES = {
+    "ADVAPI32.dll",
+    "KERNEL32.dll",
+    "msvcrt.dll",
+    "ole32.dll",
+    "SHELL32.dll",
+    "WS2_32.dll",
+}
+
+FRAMEWORK_VERSION = (1, 11, 0)  # major, minor, service
+
+
+def import_problems(image):
+    return [f"imports {name}" for name in sorted(image.imported_libraries() - WINDOWS_LIBRARIES)]
+
+
+def export_problems(image):
+    found = set(image.exports())
+    problems = [f"does not export {name}" for name in sorted(EXPORTS - found)]
+    return problems + [f"exports {name}" for name in sorted(found - EXPORTS)]
+
+
+def framework_version_problems(image):
+    found = image.exported_numbers("Microsoft_WDF_UMDF_Version", len(FRAMEWORK_VERSION))
+    if found == FRAMEWORK_VERSION:
+        return []
+    return [f"asks for version {found} of the framework"]
+
+
+def version_problems(image, version):
+    """`version` is the project's, of three numbers."""
+    resource = image.version_resource()
+    if resource is None:
+        return ["has no version resource"]
+    wanted = {
+        "file": version + ".0",
+        "product": version + ".0",
+        "FileVersion": version,
+        "ProductVersion": version,
+        "CompanyName": "Vornhalt",
+        "OriginalFilename": image.path.name,
+    }
+    return [f"version resource: {name} is {resource.get(name)}, not {value}"
+            for name, value in wanted.items() if resource.get(name) != value]
+
+
+def module_problems(image, version):
+    """`image` is the driver's finished library."""
+    return (import_problems(image) + export_problems(image) + framework_version_problems(image) +
+            version_problems(image, version))

@@ -1,0 +1,158 @@
+"""The finished INF against the library and the sources, and that what is looked for is found."""
+
+import datetime
+import os
+import pathlib
+import re
+import unittest
+import uuid
+
+import inf_checks
+from image_checks import FRAMEWORK_VERSION
+from inf_file import InfFile
+from pe_image import PeImage
+
+INF = pathlib.Path(os.environ["ZELTA_INF"])
+MODULE = pathlib.Path(os.environ["ZELTA_MODULE"])
+SOURCE = pathlib.Path(os.environ["ZELTA_SOURCE"])
+VERSION = os.environ["ZELTA_VERSION"]
+HARDWARE_ID = r"Root\Vornhalt\ZeltaSmartCardReader"
+
+
+def text_of_inf():
+    return INF.read_bytes().decode()
+
+
+def guid_in_code(name):
+    """The number of that name in driver/identifiers.h."""
+    text = (SOURCE / "driver" / "identifiers.h").read_text()
+    definition = re.search(name + r" = \{(.*?)\};", text, re.S).group(1)
+    parts = [int(part, 16) for part in re.findall(r"0x([0-9A-Fa-f]+)", definition)]
+    assert len(parts) == 11, parts
+    return uuid.UUID(fields=(*parts[:3], parts[3], parts[4],
+                             int.from_bytes(bytes(parts[5:]), "big")))
+
+
+def facts():
+    return inf_checks.Facts(
+        module=MODULE.name,
+        version=VERSION,
+        class_id="{" + str(guid_in_code("kDriverClassId")) + "}",
+        interface_class="{" + str(guid_in_code("kSmartCardReaderInterface")) + "}",
+        hardware_id=HARDWARE_ID,
+        framework_version=".".join(str(number) for number in FRAMEWORK_VERSION),
+    )
+
+
+class Inf(unittest.TestCase):
+    def test_inf_is_as_windows_and_the_library_need_it(self):
+        self.assertEqual(inf_checks.inf_problems(InfFile(text_of_inf()), facts()), [])
+
+    def test_library_has_the_class_id_in_it(self):
+        class_id = InfFile(text_of_inf()).value("ZeltaVsc.Install", "DriverCLSID")
+        image = PeImage(MODULE)
+        self.assertTrue(image.holds(uuid.UUID(class_id).bytes_le))
+        self.assertFalse(image.holds(uuid.UUID("{a44a2df4-dca4-4767-8ec4-86fe611c2ea8}").bytes_le))
+
+    def test_framework_version_is_the_librarys(self):
+        exported = PeImage(MODULE).exported_numbers("Microsoft_WDF_UMDF_Version", 3)
+        inf = InfFile(text_of_inf())
+        self.assertEqual(inf.value("ZeltaVsc.Install", "UmdfLibraryVersion"),
+                         ".".join(str(number) for number in exported))
+
+    def test_documentation_installs_by_the_hardware_id(self):
+        text = (SOURCE / "docs" / "windows.md").read_text()
+        named = set(re.findall(r"Root\\\w+\\\w+", text))
+        self.assertEqual(named, {HARDWARE_ID})
+
+
+DAY_AFTER_TOMORROW = datetime.date.today() + datetime.timedelta(days=2)
+
+# What is changed, into what, and the problem that has to be found.
+SPOILT = [
+    # form
+    ("[Version]\r\n", "[Version]\r\n[version]\r\n", "[version] is there twice"),
+    ("[Version]", "Stray=1\r\n[Version]", "is in no section"),
+    ("Vornhalt\"", "V\u00f6rnhalt\"", "letters beyond ASCII"),
+    ("PnpLockdown=1\r\n", "PnpLockdown=1\n", "do not end as Windows'"),
+    ("DiskName=\"", "DiskName=\"@ZELTA@", "has not filled in"),
+    ("WudfRdName=", "OtherName=", "%wudfrdname% is not in [Strings]"),
+    ("DisplayName=%WudfRdName%", "DisplayName=%DeviceName%", "%wudfrdname% is used nowhere"),
+    # version
+    ("\"$Windows NT$\"", "\"$CHICAGO$\"", "[Version] Signature"),
+    ("Class=SmartCardReader", "Class=Sample", "[Version] Class is Sample"),
+    ("{50DD5230", "{50DD5231", "[Version] ClassGuid"),
+    ("PnpLockdown=1", "PnpLockdown=0", "[Version] PnpLockdown"),
+    ("zelta_vsc.cat", "other.cat", "[Version] CatalogFile"),
+    ("Provider=%ProviderName%", "Provider=", "names no provider"),
+    (f",{VERSION}.0", ",9.8.7.0", "DriverVer has version 9.8.7.0"),
+    ("DriverVer=", "DriverVer=1/", "has not the form"),
+    ("DriverVer=", "DriverVersion=", "has not the form"),
+    # models
+    ("Models,NTamd64", "Models,NTx86", "does not name one device"),
+    ("Root\\Vornhalt\\ZeltaSmartCardReader", "Root\\ZeltaSmartCardReader", "has not the form Root"),
+    ("Root\\Vornhalt\\ZeltaSmartCardReader", "Root\\Vornhalt\\Other", "the hardware id is"),
+    ("[ZeltaReader.NT.Services]", "[ZeltaReader.NT.Service]", "no [ZeltaReader.NT.Services]"),
+    ("[ZeltaReader.NT.hw]", "[ZeltaReader.NT.hw]\r\nAddReg=Filter", "has hardware entries"),
+    # files
+    ("CopyFiles=", "CopyFile=", "copies no files"),
+    ("=12,UMDF", "=12", "[DestinationDirs]"),
+    (",,,0x00004000", "", "with renaming while in use"),
+    ("zelta_vsc.dll=1", "zelta_vsc.dll=2", "is on no disk"),
+    ("1=%DiskName%", "2=%DiskName%", "is on no disk"),
+    # services
+    ("0x000001fa", "0x000001f8", "not the device's service"),
+    ("AddService=WUDFRd", "AddService=WinUsb", "not the device's service"),
+    ("%12%\\WUDFRd.sys", "%12%\\WinUsb.sys", "[WudfRd.Service] ServiceBinary"),
+    ("ServiceType=1", "ServiceType=2", "[WudfRd.Service] ServiceType"),
+    ("StartType=3", "StartType=2", "[WudfRd.Service] StartType"),
+    ("ErrorControl=1", "ErrorControl=0", "[WudfRd.Service] ErrorControl"),
+    # framework
+    ("UmdfService=", "UmdfServices=", "installs no user-mode driver"),
+    ("UmdfServiceOrder=ZeltaVsc", "UmdfServiceOrder=Other", "UmdfServiceOrder"),
+    ("ZeltaVsc", "ZeltaVirtualSmartCardReaderDriver", "longer than 31"),
+    ("=AllowKernelModeClients", "=RejectKernelModeClients", "UmdfKernelModeClientPolicy"),
+    ("UmdfKernelModeClientPolicy=", ";", "UmdfKernelModeClientPolicy is None"),
+    ("=ProcessSharingDisabled", "=ProcessSharingEnabled", "UmdfHostProcessSharing"),
+    ("UmdfServiceOrder=", "UmdfFileObjectPolicy=AllowNullFileObjects\r\nUmdfServiceOrder=",
+     "policy for file objects"),
+    ("=1.11.0", "=1.9.0", "UmdfLibraryVersion is 1.9.0"),
+    ("\\UMDF\\zelta_vsc.dll", "\\UMDF\\other.dll", "[ZeltaVsc.Install] ServiceBinary"),
+    ("{A44A2DF4", "{A44A2DF5", "DriverCLSID"),
+    # the rest
+    ("[Strings]", "[ZeltaReader.NT.CoInstallers]\r\n[Strings]", "has a co-installer"),
+    ("[Strings]", "[Forgotten]\r\n[Strings]", "nothing leads to [forgotten]"),
+]
+
+
+class InfChecks(unittest.TestCase):
+    """Each check fails for an INF that has been spoilt in its respect."""
+
+    def problems(self, original, changed):
+        text = text_of_inf()
+        self.assertIn(original, text)
+        return inf_checks.inf_problems(InfFile(text.replace(original, changed)), facts())
+
+    def test_each_fault_is_found(self):
+        for original, changed, wanted in SPOILT:
+            with self.subTest(original=original, changed=changed):
+                problems = self.problems(original, changed)
+                self.assertTrue(any(wanted in problem for problem in problems), problems)
+
+    def test_day_that_is_none_or_in_the_future_is_found(self):
+        date = re.search(r"DriverVer=([0-9/]+)", text_of_inf()).group(1)
+        self.assertEqual(self.problems(date, "13/32/2020"),
+                         ["[Version] DriverVer is of no day: 13/32/2020"])
+        self.assertEqual(self.problems(date, DAY_AFTER_TOMORROW.strftime("%m/%d/%Y")),
+                         [f"[Version] DriverVer is of the future: {DAY_AFTER_TOMORROW:%m/%d/%Y}"])
+
+    def test_empty_file_is_no_inf(self):
+        self.assertGreater(len(inf_checks.inf_problems(InfFile(""), facts())), 10)
+
+    def test_comments_do_not_count_and_quoted_semicolons_do(self):
+        inf = InfFile("[A]\r\nkey=value ; said\r\n; key=other\r\ntext=\"a;b\"\r\n")
+        self.assertEqual(inf.lines("a"), [("key", "value"), ("text", "\"a;b\"")])
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
