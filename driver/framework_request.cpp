@@ -43,7 +43,7 @@ class FrameworkFile final : public IoFile {
 class RequestContext final
     : public framework::ComObject<RequestContext, framework::IObjectCleanup> {
  public:
-  explicit RequestContext(IWDFIoRequest& request) : adapter_(request) {}
+  explicit RequestContext(IWDFIoRequest& request) : adapter_(request, this) {}
 
   void ZELTA_STDMETHODCALLTYPE OnCleanup(IWDFObject* /*object*/) override { Release(); }
 
@@ -108,9 +108,16 @@ void FrameworkRequest::markCancelable(framework::IRequestCallbackCancel* callbac
 
 HRESULT FrameworkRequest::unmarkCancelable() { return request_->UnmarkCancelable(); }
 
-void FrameworkRequest::addRef() { request_->AddRef(); }
+void FrameworkRequest::addRef() {
+  request_->AddRef();
+  if (home_ != nullptr) home_->AddRef();
+}
 
-// The last reference takes this object with it.
-void FrameworkRequest::release() { request_->Release(); }
+// Either release may take this object with it.
+void FrameworkRequest::release() {
+  framework::IWDFIoRequest* const request = request_;
+  if (home_ != nullptr) home_->Release();
+  request->Release();
+}
 
 }  // namespace zelta

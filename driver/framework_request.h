@@ -2,8 +2,9 @@
 //
 // Ownership: there is one adapter per framework request, so that a waiting request is the same
 // object to dispatch and to the cancel callback. `attach` makes it and ties it to its request;
-// the framework's cleanup callback destroys it, when the request is completed and its last
-// reference is gone. The adapter holds no reference on its request.
+// the framework's cleanup callback gives it up, and it goes then or with the last reference taken
+// by `addRef`: whether the framework cleans up at the completion or only when the request's last
+// reference is gone makes no difference. The adapter holds no reference on its request.
 //
 // Threads: as `IoRequest`. Completing may destroy the adapter before the call returns.
 #pragma once
@@ -16,7 +17,11 @@ class FrameworkRequest final : public IoRequest {
  public:
   // `request` is not owned and outlives this. For a request that could not be attached, an adapter
   // of the caller's own serves to complete it.
-  explicit FrameworkRequest(framework::IWDFIoRequest& request) : request_(&request) {}
+  explicit FrameworkRequest(framework::IWDFIoRequest& request)
+      : FrameworkRequest(request, nullptr) {}
+  // The same, living in `home`: a reference on the request is one on its home, too.
+  FrameworkRequest(framework::IWDFIoRequest& request, framework::IUnknown* home)
+      : request_(&request), home_(home) {}
 
   // The request's adapter, made where it has none yet. On failure `adapter` is null and the status
   // says why; the request is untouched.
@@ -36,6 +41,7 @@ class FrameworkRequest final : public IoRequest {
 
  private:
   framework::IWDFIoRequest* request_;
+  framework::IUnknown* home_;  // not owned: it owns this; null where the caller does
 };
 
 }  // namespace zelta

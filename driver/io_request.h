@@ -53,7 +53,7 @@ class IoRequest {
   // Withdraws the registration; fails where cancellation is under way.
   virtual framework::HRESULT unmarkCancelable() = 0;
 
-  // References on the framework's own object, which keep this one alive as well.
+  // References on the framework's own object and on this one, whichever would go first.
   virtual void addRef() = 0;
   virtual void release() = 0;
 };

@@ -127,6 +127,19 @@ TEST_F(FrameworkRequestTest, ReferencesGoToTheFrameworksObjectAndKeepTheAdapter)
   EXPECT_EQ(livingObjects(), 0);
 }
 
+TEST_F(FrameworkRequestTest, OutlivesACleanupAtTheCompletionWhileItIsReferenced) {
+  setup_.cleanUpAtCompletion = true;
+  FakeWdfRequest* request = make();
+  IoRequest* adapter = nullptr;
+  ASSERT_EQ(FrameworkRequest::attach(*request, &adapter), 0);
+  adapter->addRef();
+  adapter->complete(0);
+  EXPECT_EQ(request->references(), 1u);
+  EXPECT_EQ(FrameworkRequest::attached(*request), nullptr) << "not cleaned up yet";
+  adapter->release();  // the last one: destroys both
+  EXPECT_EQ(livingObjects(), 0);
+}
+
 TEST_F(FrameworkRequestTest, ForwardsMarkAndUnmark) {
   struct Callback final : framework::IRequestCallbackCancel {
     framework::HRESULT ZELTA_STDMETHODCALLTYPE QueryInterface(framework::REFIID, void**) override {

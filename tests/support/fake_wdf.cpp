@@ -57,20 +57,31 @@ framework::ULONG WdfObject<Interface>::AddRef() {
 
 template <typename Interface>
 framework::ULONG WdfObject<Interface>::Release() {
-  framework::IObjectCleanup* cleanup = nullptr;
   {
     const std::lock_guard<std::mutex> lock(countMutex_);
     EXPECT_GT(references_, 0u) << "released too often";
     if (--references_ > 0) return references_;
-    std::swap(cleanup, cleanup_);
   }
-  if (cleanup != nullptr) {
-    cleanup->AddRef();
-    cleanup->OnCleanup(this);
-    EXPECT_EQ(cleanup->Release(), 0u) << "the context is still there after its cleanup";
-  }
+  cleanUp();
   delete this;
   return 0;
+}
+
+template <typename Interface>
+void WdfObject<Interface>::cleanUp() {
+  framework::IObjectCleanup* cleanup = nullptr;
+  bool last = false;
+  {
+    const std::lock_guard<std::mutex> lock(countMutex_);
+    std::swap(cleanup, cleanup_);
+    context_ = nullptr;
+    last = references_ == 0;
+  }
+  if (cleanup == nullptr) return;
+  cleanup->AddRef();
+  cleanup->OnCleanup(this);
+  const framework::ULONG left = cleanup->Release();
+  EXPECT_TRUE(!last || left == 0) << "the context is still there after its cleanup";
 }
 
 template <typename Interface>
@@ -140,7 +151,8 @@ void Outcome::complete(HRESULT status, std::optional<std::size_t> information,
   changed_.notify_all();
 }
 
-FakeWdfRequest::FakeWdfRequest(const RequestSetup& setup) : onComplete_(setup.onComplete) {
+FakeWdfRequest::FakeWdfRequest(const RequestSetup& setup)
+    : onComplete_(setup.onComplete), cleanUpAtCompletion_(setup.cleanUpAtCompletion) {
   assignResult = setup.assignResult;
   if (setup.input.has_value()) input_ = new FakeWdfMemory(*setup.input);
   if (setup.outputCapacity.has_value()) {
@@ -173,6 +185,7 @@ void FakeWdfRequest::finish(HRESULT status, std::optional<std::size_t> informati
     completed_ = true;
     outcome_->complete(status, information, output_);
   }
+  if (cleanUpAtCompletion_) cleanUp();
   Release();
 }
 

@@ -45,6 +45,8 @@ class WdfObject : public Interface {
  protected:
   WdfObject();
   virtual ~WdfObject();
+  // Runs the context's cleanup, if it has one that did not run yet.
+  void cleanUp();
   // For operations that the driver has no reason to call.
   static framework::HRESULT unexpected();
 
@@ -87,6 +89,8 @@ struct RequestSetup {
   std::optional<std::wstring> fileName = L"\\dev0";
   framework::HRESULT fileNameResult = 0;
   framework::HRESULT assignResult = 0;
+  // The context's cleanup runs at the completion, not with the last reference: a framework may.
+  bool cleanUpAtCompletion = false;
   // Run on the completing thread, before anything else of the completion.
   std::function<void()> onComplete;
 };
@@ -140,6 +144,7 @@ class FakeWdfRequest final : public WdfObject<framework::IWDFIoRequest> {
 
   const std::shared_ptr<Outcome> outcome_ = std::make_shared<Outcome>();
   const std::function<void()> onComplete_;
+  const bool cleanUpAtCompletion_;
   FakeWdfMemory* input_ = nullptr;  // each with this request's own reference
   FakeWdfMemory* output_ = nullptr;
   FakeWdfFile* file_ = nullptr;
