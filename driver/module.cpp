@@ -26,6 +26,28 @@ framework::IClassFactory* createDriverFactory() { return framework::createObject
 
 constexpr ClassEntry kClasses[] = {{kDriverClassId, createDriverFactory}};
 
+// The logger's threads end here, not in a global destructor: that would run while the system holds
+// its loader lock, which an ending thread needs, and joining would wait for ever. What the entry
+// point had to say is written already; a later log call makes a new logger. False where the
+// threads may still run, and the module has to stay.
+bool endLogging() {
+  try {
+    shutDownLogging();
+  } catch (const std::exception&) {
+    return false;
+  }
+  return true;
+}
+
+bool unused() { return lockCount.load(std::memory_order_acquire) == 0; }
+
+// Registration tools load the module, call one of these and unload it without asking.
+framework::HRESULT runRegistration(const char* name) {
+  const framework::HRESULT result = runEntryPoint(name, [] { return framework::kOk; });
+  if (unused()) endLogging();
+  return result;
+}
+
 framework::HRESULT findClassObject(framework::REFCLSID classId, framework::REFIID iid, void** out) {
   if (out == nullptr) return framework::kPointer;
   *out = nullptr;
@@ -55,28 +77,15 @@ framework::HRESULT getClassObject(framework::REFCLSID classId, framework::REFIID
 }
 
 framework::HRESULT canUnload() {
-  const framework::HRESULT result = runEntryPoint("DllCanUnloadNow", [] {
-    return lockCount.load(std::memory_order_acquire) == 0 ? framework::kOk : framework::kFalse;
-  });
-  // The logger's threads end here, not in a global destructor: that would run while the system
-  // holds its loader lock, which an ending thread needs, and joining would wait for ever. The
-  // section's last line is written already; a later log call makes a new logger.
+  const framework::HRESULT result = runEntryPoint(
+      "DllCanUnloadNow", [] { return unused() ? framework::kOk : framework::kFalse; });
   if (result != framework::kOk) return result;
-  try {
-    shutDownLogging();
-  } catch (const std::exception&) {
-    return framework::kFalse;  // its threads may still run: the module has to stay
-  }
-  return framework::kOk;
+  return endLogging() ? framework::kOk : framework::kFalse;
 }
 
-framework::HRESULT registerServer() {
-  return runEntryPoint("DllRegisterServer", [] { return framework::kOk; });
-}
+framework::HRESULT registerServer() { return runRegistration("DllRegisterServer"); }
 
-framework::HRESULT unregisterServer() {
-  return runEntryPoint("DllUnregisterServer", [] { return framework::kOk; });
-}
+framework::HRESULT unregisterServer() { return runRegistration("DllUnregisterServer"); }
 
 }  // namespace module
 

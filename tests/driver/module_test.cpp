@@ -163,6 +163,17 @@ TEST_F(Module, RegistrationDoesNothing) {
   expectSection("DllUnregisterServer");
 }
 
+TEST_F(Module, RegistrationLeavesNoLoggerBehindInAModuleThatNobodyUses) {
+  EXPECT_EQ(DllRegisterServer(), 0);
+  EXPECT_EQ(log_.shutDowns(), 1);
+  EXPECT_EQ(log_.recordsAtShutDown(), 2u);
+  EXPECT_EQ(DllUnregisterServer(), 0);
+  EXPECT_EQ(log_.shutDowns(), 2);
+  const auto held = factory();
+  EXPECT_EQ(DllRegisterServer(), 0);
+  EXPECT_EQ(log_.shutDowns(), 2);
+}
+
 TEST_F(Module, SecondInitialisationWritesNoSecondBanner) {
   const auto made = driver();
   EXPECT_EQ(made->OnInitialize(nullptr), 0);  // writes it, if no test before has
