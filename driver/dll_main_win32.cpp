@@ -5,6 +5,9 @@
 // and its threads have ended when DllCanUnloadNow answered that the module may go; at process exit
 // the other threads are gone already and whatever they held stays held, so nothing is torn down.
 // The class table and the lock count are constant data and an atomic: detaching leaves nothing.
+// The thread notifications that are switched off are those to this function. A module with thread
+// local storage, as the linked-in run-time has, goes on getting its own, and needs them: they free
+// what a thread of the host's kept there.
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, void* /*reserved*/) {
   if (reason == DLL_PROCESS_ATTACH) DisableThreadLibraryCalls(instance);
   return TRUE;

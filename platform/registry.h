@@ -44,7 +44,7 @@ class RegistryApi {
   // Signals `event` once when a value or subkey at or below the key next changes. A change
   // between two such calls on the same key is not lost: the second signals at once.
   virtual std::uint32_t notifyChange(RegistryKey key, EventHandle event) = 0;
-  // Ends a pending notification without signalling.
+  // Ends a pending notification; Windows signals its event.
   virtual void closeKey(RegistryKey key) = 0;
 };
 
