@@ -2,6 +2,7 @@
 #include <thread>
 
 #include "tests/host/host_fixture.h"
+#include "tests/support/repetitions.h"
 
 namespace zelta::host {
 namespace {
@@ -64,7 +65,7 @@ TEST_F(CancelTest, RequestThatIsNeverMarkedIsCompletedByTheDriver) {
 }
 
 TEST_F(CancelTest, ReleaseRacingWithCancelCompletesEachRequestOnce) {
-  constexpr int kRounds = 2000;
+  constexpr int kRounds = test::repetitions(2000);
   std::uint32_t released = 0;
   for (int round = 0; round < kRounds; ++round) {
     std::atomic<int> completions{0};

@@ -2,6 +2,7 @@
 #include <thread>
 
 #include "tests/host/host_fixture.h"
+#include "tests/support/repetitions.h"
 
 namespace zelta::host {
 namespace {
@@ -28,7 +29,7 @@ TEST_F(ConcurrencyTest, EachCallerGetsItsOwnAnswer) {
   std::atomic<int> wrong{0};
   for (std::uint8_t caller = 0; caller < 4; ++caller) {
     callers.emplace_back([this, caller, &wrong] {
-      for (int i = 0; i < 1000; ++i) {
+      for (int i = 0; i < test::repetitions(1000); ++i) {
         const std::vector<std::uint8_t> sent = {caller, static_cast<std::uint8_t>(i)};
         if (control(fake::kEcho, sent).output != sent) ++wrong;
       }
@@ -43,7 +44,7 @@ TEST_F(ConcurrencyTest, FilesOpenedAndClosedAllTheTimeDoNotDisturb) {
   std::vector<std::thread> callers;
   for (int caller = 0; caller < 3; ++caller) {
     callers.emplace_back([this] {
-      for (int i = 0; i < 500; ++i) {
+      for (int i = 0; i < test::repetitions(500); ++i) {
         const auto file = host_->open(L"dev0");
         ASSERT_NE(file, nullptr);
         EXPECT_EQ(file->control(fake::kEcho, {1}, 1, kLong).status, framework::kOk);

@@ -8,6 +8,13 @@ namespace {
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 
+// What the system says of a file that is not there.
+#if defined(_WIN32)
+constexpr char kNoSuchFile[] = "(126)";  // ERROR_MOD_NOT_FOUND
+#else
+constexpr char kNoSuchFile[] = "No such file";
+#endif
+
 std::string failureOf(const std::string& path) {
   try {
     DriverHost::load(path);
@@ -20,7 +27,7 @@ std::string failureOf(const std::string& path) {
 TEST(LoadTest, MissingFileIsNamedWithTheSystemsReason) {
   EXPECT_THAT(
       failureOf("/nonexistent/driver.so"),
-      AllOf(HasSubstr("'/nonexistent/driver.so' cannot be loaded: "), HasSubstr("No such file")));
+      AllOf(HasSubstr("'/nonexistent/driver.so' cannot be loaded: "), HasSubstr(kNoSuchFile)));
 }
 
 TEST(LoadTest, FileThatIsNoModuleIsRefused) {

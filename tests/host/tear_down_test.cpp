@@ -3,6 +3,7 @@
 
 #include "tests/host/host_fixture.h"
 #include "tests/support/process_state.h"
+#include "tests/support/repetitions.h"
 
 namespace zelta::host {
 namespace {
@@ -79,7 +80,7 @@ TEST_F(TearDownTest, RunningDispatchIsWaitedForAndWhatIsNotBegunIsRefused) {
 }
 
 TEST_F(TearDownTest, CallersOnAllSidesSurviveTearDownAtAnyMoment) {
-  for (int round = 0; round < 30; ++round) {
+  for (int round = 0; round < test::repetitions(30); ++round) {
     if (round > 0) start();
     std::atomic<bool> stop{false};
     std::atomic<int> submitted{0};
@@ -118,7 +119,7 @@ TEST_F(TearDownTest, NothingIsLeftBehind) {
   host_.reset();
   const std::size_t threads = test::threadCount();
   const auto files = test::openFiles();
-  for (int round = 0; round < 50; ++round) {
+  for (int round = 0; round < test::repetitions(50); ++round) {
     host_ = DriverHost::load(FAKE_DRIVER, options());
     start();
     submitWaiting();
