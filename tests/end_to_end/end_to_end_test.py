@@ -1,6 +1,5 @@
 """The whole path with the real pcscd and the programs that people use."""
 
-import glob
 import os
 import pathlib
 import re
@@ -16,8 +15,7 @@ from stack import PIN, Stack, run
 
 
 def pkcs11(*words, **options):
-    module = glob.glob("/usr/lib/*/opensc-pkcs11.so")[0]
-    return run("pkcs11-tool", "--module", module, *words, **options)
+    return run("pkcs11-tool", "--module", stack.pkcs11_module(), *words, **options)
 
 
 def certificate_ids():
@@ -76,8 +74,7 @@ class EndToEnd(unittest.TestCase):
 
     def test_ssh_keygen_lists_the_keys(self):
         self.stack.start().wait_for_card()
-        module = glob.glob("/usr/lib/*/opensc-pkcs11.so")[0]
-        keys = run("ssh-keygen", "-D", module).stdout
+        keys = run("ssh-keygen", "-D", stack.pkcs11_module()).stdout
         self.assertEqual(len(re.findall(r"^ssh-rsa ", keys, re.M)), 3)
 
     def test_scriptor_exchanges_apdus(self):

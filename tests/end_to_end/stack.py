@@ -6,6 +6,7 @@ so that tests run beside each other and beside the system's pcscd.
 
 import contextlib
 import ctypes
+import glob
 import os
 import pathlib
 import shutil
@@ -23,11 +24,16 @@ LIMIT = 60  # seconds that anything may take
 _CLONE_NEWNS = 0x00020000
 
 
-def enter_namespace():
+def unshare_mounts():
+    """What the process mounts from here on is its own and ends with it."""
     libc = ctypes.CDLL(None, use_errno=True)
     if libc.unshare(_CLONE_NEWNS) != 0:
         raise OSError(ctypes.get_errno(), "unshare")
     subprocess.run(["mount", "--make-rprivate", "/"], check=True)
+
+
+def enter_namespace():
+    unshare_mounts()
     subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/run"], check=True)
     os.makedirs("/run/pcscd")
 
@@ -54,6 +60,10 @@ def run(*command, check=True, **options):
     if check and result.returncode != 0:
         raise AssertionError(f"{command} ended with {result.returncode}:\n{result.stdout}")
     return result
+
+
+def pkcs11_module():
+    return glob.glob("/usr/lib/*/opensc-pkcs11.so")[0]
 
 
 class Process:

@@ -1,0 +1,72 @@
+"""A copy of the running system that may be changed: an overlay in a mount namespace of its own."""
+
+import os
+import pathlib
+import tempfile
+
+import stack
+
+
+# Nothing of the caller's.
+ENVIRONMENT = {
+    "PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+    "HOME": "/root",
+    "LC_ALL": "C",
+    "DEBIAN_FRONTEND": "noninteractive",
+}
+
+
+class CopiedSystem:
+    """Needs root and a process of its own; ends with the process. Its /run and /tmp are empty."""
+
+    def __init__(self):
+        stack.unshare_mounts()
+        base = pathlib.Path(tempfile.mkdtemp(prefix="zelta-system-"))
+        self._mount("-t", "tmpfs", "tmpfs", base)
+        self.changes = base / "changes"
+        self.root = base / "root"
+        work = base / "work"
+        for folder in (self.changes, self.root, work):
+            folder.mkdir()
+        self._mount("-t", "overlay", "overlay", "-o",
+                    f"lowerdir=/,upperdir={self.changes},workdir={work}", self.root)
+        for name in ("proc", "dev"):
+            self._mount("--rbind", f"/{name}", self.root / name)
+        for name in ("run", "tmp"):
+            self._mount("-t", "tmpfs", "tmpfs", self.root / name)
+        self._base = base
+
+    @staticmethod
+    def _mount(*words):
+        stack.run("mount", *words)
+
+    def close(self):
+        stack.run("umount", "--recursive", "--lazy", self._base)
+        self._base.rmdir()
+
+    def path(self, name):
+        return self.root / str(name).lstrip("/")
+
+    def run(self, *command, **options):
+        return stack.run("chroot", self.root, *command, env=ENVIRONMENT, **options)
+
+    def start(self, *command):
+        return stack.Process(["chroot", self.root, *command], self._base / "output.log",
+                             ENVIRONMENT)
+
+    def output(self):
+        """What all programs in the background have written."""
+        return (self._base / "output.log").read_text(errors="replace")
+
+    def new_paths(self):
+        """What there is in the copy and not in the system, outermost only."""
+        found = []
+        for folder, folders, files in os.walk(self.changes):
+            inside = pathlib.Path("/") / pathlib.Path(folder).relative_to(self.changes)
+            for name in [*files, *folders]:
+                path = inside / name
+                # A character device here says that something of the system's was removed.
+                if not os.path.lexists(path) and self.path(path).exists():
+                    found.append(str(path))
+            folders[:] = [name for name in folders if os.path.lexists(inside / name)]
+        return sorted(found)
