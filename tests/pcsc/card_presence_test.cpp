@@ -5,35 +5,14 @@
 #include <future>
 #include <thread>
 
+#include "tests/pcsc/card_presence_fixture.h"
+#include "tests/support/waiting_thread.h"
+
 namespace zelta::pcsc {
 namespace {
 
 using std::chrono::milliseconds;
-
-constexpr milliseconds kShort{30};
-constexpr milliseconds kLong{30000};
-
-class CardPresenceTest : public testing::Test {
- protected:
-  void enter() {
-    presence_.expectCard();
-    ASSERT_TRUE(presence_.cardEntered());
-  }
-
-  // Whether the polling function comes back before its time has run out.
-  bool returnsAtOnce() {
-    const auto begun = std::chrono::steady_clock::now();
-    presence_.awaitChange(milliseconds(2000));
-    return std::chrono::steady_clock::now() - begun < milliseconds(1900);
-  }
-  bool takesItsTime() {
-    const auto begun = std::chrono::steady_clock::now();
-    presence_.awaitChange(kShort);
-    return std::chrono::steady_clock::now() - begun >= kShort;
-  }
-
-  CardPresence presence_;
-};
+using test::WaitingThread;
 
 TEST_F(CardPresenceTest, ShowsNoCardAtFirst) {
   EXPECT_EQ(presence_.card(), kNoCard);
@@ -58,9 +37,10 @@ TEST_F(CardPresenceTest, CardThatLeftBeforeItWasShownNeverIs) {
 }
 
 TEST_F(CardPresenceTest, InsertionEndsTheWait) {
-  auto polled = std::async(std::launch::async, [this] { presence_.awaitChange(kLong); });
+  WaitingThread polling([this] { presence_.awaitChange(kLong); });
+  ASSERT_TRUE(polling.waits());
   enter();
-  EXPECT_EQ(polled.wait_for(kLong / 2), std::future_status::ready);
+  EXPECT_TRUE(polling.ends());
 }
 
 TEST_F(CardPresenceTest, UnseenCardEndsTheNextWaitAtOnceAndOnlyThat) {
@@ -83,11 +63,14 @@ TEST_F(CardPresenceTest, CardThatAnotherThreadSawIsStillTold) {
 
 TEST_F(CardPresenceTest, RemovalEndsTheWaitAndShowsNoCardAtOnce) {
   enter();
-  presence_.reportCard();
-  auto polled = std::async(std::launch::async, [this] { presence_.awaitChange(kLong); });
+  WaitingThread polling([this] {
+    presence_.reportCard();  // it is this thread that need not be told of the card
+    presence_.awaitChange(kLong);
+  });
+  ASSERT_TRUE(polling.waits());
   presence_.cardLeft();
   EXPECT_EQ(presence_.card(), kNoCard);
-  EXPECT_EQ(polled.wait_for(kLong / 2), std::future_status::ready);
+  EXPECT_TRUE(polling.ends());
   EXPECT_TRUE(takesItsTime());
 }
 
@@ -168,9 +151,10 @@ TEST_F(CardPresenceTest, StopBeforeTheWaitEndsItOnce) {
 }
 
 TEST_F(CardPresenceTest, StopDuringTheWaitEndsIt) {
-  auto polled = std::async(std::launch::async, [this] { presence_.awaitChange(kLong); });
+  WaitingThread polling([this] { presence_.awaitChange(kLong); });
+  ASSERT_TRUE(polling.waits());
   presence_.stopAwaiting();
-  EXPECT_EQ(polled.wait_for(kLong / 2), std::future_status::ready);
+  EXPECT_TRUE(polling.ends());
 }
 
 TEST_F(CardPresenceTest, StopDoesNotSwallowARemoval) {
@@ -183,9 +167,10 @@ TEST_F(CardPresenceTest, StopDoesNotSwallowARemoval) {
 }
 
 TEST_F(CardPresenceTest, CloseEndsEveryWait) {
-  auto polled = std::async(std::launch::async, [this] { presence_.awaitChange(kLong); });
+  WaitingThread polling([this] { presence_.awaitChange(kLong); });
+  ASSERT_TRUE(polling.waits());
   presence_.close();
-  EXPECT_EQ(polled.wait_for(kLong / 2), std::future_status::ready);
+  EXPECT_TRUE(polling.ends());
   EXPECT_TRUE(returnsAtOnce());
   EXPECT_TRUE(returnsAtOnce());
 }
@@ -212,12 +197,12 @@ TEST_F(CardPresenceTest, CardThatIsBackIsNotShownSoonAfterARefusal) {
 }
 
 TEST_F(CardPresenceTest, CardThatEntersSoonAfterARefusalIsShownLater) {
+  WaitingThread polling([this] { presence_.awaitChange(kLong); });
+  ASSERT_TRUE(polling.waits());
   const auto begun = std::chrono::steady_clock::now();
   presence_.refused();
-  auto polled = std::async(std::launch::async, [this] { presence_.awaitChange(kLong); });
   enter();
-  EXPECT_EQ(presence_.reportCard(), kNoCard);
-  ASSERT_EQ(polled.wait_for(kLong / 2), std::future_status::ready);
+  ASSERT_TRUE(polling.ends());
   EXPECT_GE(std::chrono::steady_clock::now() - begun, CardPresence::kSettlingTime);
   EXPECT_NE(presence_.reportCard(), kNoCard);
 }

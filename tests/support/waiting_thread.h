@@ -1,0 +1,45 @@
+// A thread of the test's own that runs one function, and whether it waits in there.
+//
+// Owned by the test, whose thread alone calls the methods; the destructor joins. Waits that are not
+// fulfilled within a minute give false.
+#pragma once
+
+#include <sys/types.h>
+
+#include <future>
+#include <thread>
+
+namespace zelta::test {
+
+class WaitingThread {
+ public:
+  template <typename Work>
+  explicit WaitingThread(Work work)
+      : thread_([this, work = std::move(work)]() mutable {
+          begin();
+          work();
+          done_.set_value();
+        }) {}
+  ~WaitingThread() { thread_.join(); }
+  WaitingThread(const WaitingThread&) = delete;
+  WaitingThread& operator=(const WaitingThread&) = delete;
+
+  // Returns when the function waits on a condition variable: the kernel says in which call the
+  // thread is blocked. A wait for a mutex does not count. False also where the function returned.
+  bool waits();
+  // Returns when the function has returned.
+  bool ends();
+
+ private:
+  void begin();
+  bool isInConditionWait() const;
+
+  std::promise<void> done_;
+  std::promise<pid_t> begun_;
+  std::future<void> end_ = done_.get_future();
+  std::future<pid_t> beginning_ = begun_.get_future();
+  pid_t id_ = 0;        // the kernel's number, once it is known
+  std::thread thread_;  // the last: it works on the others
+};
+
+}  // namespace zelta::test
