@@ -19,7 +19,9 @@ void CardPresence::renewCard() {
 
 void CardPresence::latchRemoval() {
   removal_ = Removal::kUntold;
+  hiddenSince_ = Clock::now();
   changed();
+  useEnds_.notifyAll();
 }
 
 // --- The driver's side ---
@@ -33,6 +35,9 @@ bool CardPresence::cardEntered() {
   const MutexLock lock(mutex_);
   if (leftEarly_) return false;
   in_ = true;
+  hiddenSince_ = Clock::now();
+  // A call that found no card is about to say so.
+  if (removal_ == Removal::kNone && uses_ != 0) removal_ = Removal::kSettling;
   renewCard();
   changed();
   return true;
@@ -44,6 +49,18 @@ void CardPresence::cardLeft() {
   leftEarly_ = !in_;
   in_ = false;
   if (wasShown) latchRemoval();
+}
+
+void CardPresence::endRequest(Request& request) {
+  const MutexLock lock(mutex_);
+  request.ended_ = true;
+  release();
+}
+
+void CardPresence::release() {
+  --uses_;
+  useEnds_.notifyAll();
+  if (uses_ == 0 && removal_ == Removal::kSettling) changed();
 }
 
 // --- pcscd's side ---
@@ -62,19 +79,54 @@ CardNumber CardPresence::reportCard() {
 
 void CardPresence::refused() {
   const MutexLock lock(mutex_);
-  // Refusals that go on and on do not keep a card hidden for ever once it is in.
-  if (removal_ == Removal::kSettling && in_) return;
   settled_ = Clock::now() + kSettlingTime;
+  if (in_) settled_ = std::min(settled_, hiddenSince_ + kLongestSettling);
   if (removal_ == Removal::kNone && !in_) removal_ = Removal::kSettling;
+}
+
+CardNumber CardPresence::beginUse() {
+  const MutexLock lock(mutex_);
+  ++uses_;
+  return shown() ? number_ : kNoCard;
+}
+
+void CardPresence::endUse() {
+  const MutexLock lock(mutex_);
+  release();
+}
+
+bool CardPresence::beginRequest(CardNumber card) {
+  const MutexLock lock(mutex_);
+  if (!shows(card)) return false;
+  ++uses_;
+  return true;
+}
+
+CardPresence::RequestEnd CardPresence::awaitEnd(const Request& request, CardNumber card,
+                                                std::chrono::milliseconds limit) {
+  MutexLock lock(mutex_);
+  const bool inTime = useEnds_.waitFor(lock, limit, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return request.ended_ || !shows(card);
+  });
+  if (!shows(card)) return RequestEnd::kCardLeft;
+  if (inTime) return RequestEnd::kEnded;
+  latchRemoval();
+  return RequestEnd::kTimedOut;
+}
+
+bool CardPresence::awaitUnused(std::chrono::milliseconds limit) {
+  MutexLock lock(mutex_);
+  return useEnds_.waitFor(lock, limit,
+                          [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return uses_ == 0; });
 }
 
 void CardPresence::cycle(CardNumber card) {
   const MutexLock lock(mutex_);
-  if (shown() && number_ == card) latchRemoval();
+  if (shows(card)) latchRemoval();
 }
 
 void CardPresence::settle() {
-  if (removal_ != Removal::kSettling || Clock::now() < settled_) return;
+  if (removal_ != Removal::kSettling || uses_ != 0 || Clock::now() < settled_) return;
   removal_ = Removal::kNone;
   // A card that is in by now entered after the removal, or is shown once more.
   if (in_) renewCard();
@@ -86,7 +138,7 @@ bool CardPresence::untold() const {
 }
 
 void CardPresence::awaitAnything(MutexLock& lock, Clock::time_point end) {
-  if (removal_ == Removal::kSettling && in_) end = std::min(end, settled_);
+  if (removal_ == Removal::kSettling && in_ && uses_ == 0) end = std::min(end, settled_);
   condition_.waitFor(lock, end - Clock::now(),
                      [this, before = changes_]()
                          ZELTA_NO_THREAD_SAFETY_ANALYSIS { return changes_ != before; });

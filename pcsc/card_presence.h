@@ -10,13 +10,21 @@
 // A call of pcscd's that was refused for want of a card has a consequence after its return: that
 // thread of pcscd writes down an empty reader, with no lock held. Were a card shown before it did
 // so, the reader would stay empty for pcscd with the card in it. A card is therefore not shown
-// within `kSettlingTime` of such a refusal.
+// within `kSettlingTime` of such a refusal; refusals that go on and on hide it no longer than
+// `kLongestSettling`.
+//
+// A call of pcscd's that works with the card ends the moment that the card leaves, also where the
+// driver goes on with the request that was made for it, as it does for seconds with an agent that
+// stays silent. The request is then abandoned: its answer is for nobody. As long as such a call has
+// not returned, or the driver still has one of its requests, no other card is shown, so that the
+// next card's first exchange never meets the old one's last.
 //
 // Threads: any. The mutex is a leaf: nothing is called while it is held. The driver's side may be
 // called under the driver's locks.
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <thread>
 
@@ -31,6 +39,19 @@ inline constexpr CardNumber kNoCard = 0;
 class CardPresence {
  public:
   static constexpr std::chrono::milliseconds kSettlingTime{200};
+  static constexpr std::chrono::milliseconds kLongestSettling{1000};
+
+  // One request of the driver's that is made for the card that is shown: `beginRequest` before it
+  // is made, then exactly one `endRequest`, by its completion or because it could not be made.
+  class Request {
+    friend class CardPresence;
+    bool ended_ = false;  // the presence's mutex guards it
+  };
+  enum class RequestEnd {
+    kEnded,     // and the card is still shown
+    kCardLeft,  // ended or abandoned
+    kTimedOut,  // abandoned; pcscd is made to see the card leave
+  };
 
   // --- The driver's side ---
 
@@ -41,6 +62,7 @@ class CardPresence {
   bool cardEntered() ZELTA_EXCLUDES(mutex_);
   // That request has ended.
   void cardLeft() ZELTA_EXCLUDES(mutex_);
+  void endRequest(Request& request) ZELTA_EXCLUDES(mutex_);
 
   // --- pcscd's side ---
 
@@ -50,6 +72,17 @@ class CardPresence {
   CardNumber reportCard() ZELTA_EXCLUDES(mutex_);
   // A call is about to be answered with "no card", or with a failure of the card.
   void refused() ZELTA_EXCLUDES(mutex_);
+  // A call that works with the card: the card shown, or `kNoCard`. Exactly one `endUse` follows
+  // either, once the call has said `refused` where it does.
+  CardNumber beginUse() ZELTA_EXCLUDES(mutex_);
+  void endUse() ZELTA_EXCLUDES(mutex_);
+  // Within a use. False where `card` is no longer shown: the request must not be made.
+  bool beginRequest(CardNumber card) ZELTA_EXCLUDES(mutex_);
+  RequestEnd awaitEnd(const Request& request, CardNumber card, std::chrono::milliseconds limit)
+      ZELTA_EXCLUDES(mutex_);
+  // Waits until no call works with the card and the driver has no request for it; false when the
+  // time ran out.
+  bool awaitUnused(std::chrono::milliseconds limit) ZELTA_EXCLUDES(mutex_);
   // Makes pcscd see `card` leave and, if it is still in, enter once more. Nothing where it is no
   // longer the card shown.
   void cycle(CardNumber card) ZELTA_EXCLUDES(mutex_);
@@ -68,7 +101,7 @@ class CardPresence {
     kNone,
     kUntold,    // the polling function has not returned for it yet
     kTold,      // it has; the next time it is entered pcscd has dealt with the removal
-    kSettling,  // pcscd has; no card is shown before `settled_`
+    kSettling,  // pcscd has; no card is shown before `settled_`, nor while the old one is used
   };
 
   void changed() ZELTA_REQUIRES(mutex_);
@@ -76,21 +109,42 @@ class CardPresence {
   void settle() ZELTA_REQUIRES(mutex_);
   void renewCard() ZELTA_REQUIRES(mutex_);
   bool shown() const ZELTA_REQUIRES(mutex_) { return in_ && removal_ == Removal::kNone; }
+  bool shows(CardNumber card) const ZELTA_REQUIRES(mutex_) { return shown() && number_ == card; }
+  void release() ZELTA_REQUIRES(mutex_);
   bool untold() const ZELTA_REQUIRES(mutex_);
   void awaitAnything(platform::MutexLock& lock, Clock::time_point end) ZELTA_REQUIRES(mutex_);
 
   mutable platform::Mutex mutex_;
-  platform::ConditionVariable condition_;
+  platform::ConditionVariable condition_;               // for the polling function
+  platform::ConditionVariable useEnds_;                 // for the calls that work with the card
   std::uint64_t changes_ ZELTA_GUARDED_BY(mutex_) = 0;  // so far
   bool in_ ZELTA_GUARDED_BY(mutex_) = false;            // as the driver has it
   bool leftEarly_ ZELTA_GUARDED_BY(mutex_) = false;     // before it was shown
   Removal removal_ ZELTA_GUARDED_BY(mutex_) = Removal::kNone;
   Clock::time_point settled_ ZELTA_GUARDED_BY(mutex_);
+  Clock::time_point hiddenSince_ ZELTA_GUARDED_BY(mutex_);  // the card that is in
+  std::size_t uses_ ZELTA_GUARDED_BY(mutex_) = 0;  // calls, and requests that the driver has
   CardNumber number_ ZELTA_GUARDED_BY(mutex_) = kNoCard;
   bool cardTold_ ZELTA_GUARDED_BY(mutex_) = false;       // by the polling function
   std::thread::id cardSeenBy_ ZELTA_GUARDED_BY(mutex_);  // the latest that asked and saw it
   bool stopped_ ZELTA_GUARDED_BY(mutex_) = false;
   bool closed_ ZELTA_GUARDED_BY(mutex_) = false;
+};
+
+// One call that works with the card, for a scope. Holds the presence without owning it.
+class CardUse {
+ public:
+  explicit CardUse(CardPresence& presence) : presence_(presence), card_(presence.beginUse()) {}
+  ~CardUse() { presence_.endUse(); }
+  CardUse(const CardUse&) = delete;
+  CardUse& operator=(const CardUse&) = delete;
+
+  // The card that was shown at the beginning, or `kNoCard`.
+  CardNumber card() const { return card_; }
+
+ private:
+  CardPresence& presence_;
+  const CardNumber card_;
 };
 
 }  // namespace zelta::pcsc

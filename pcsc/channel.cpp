@@ -1,7 +1,6 @@
 #include "pcsc/channel.h"
 
-#include <algorithm>
-#include <array>
+#include <new>
 #include <utility>
 
 namespace zelta::pcsc {
@@ -46,28 +45,30 @@ Bytes transmitInput(std::uint32_t protocol, const Bytes& command) {
   return input;
 }
 
-// Whether this is the driver's own answer to a command whose card was pulled; a card may give the
-// same.
-bool isNotAccepted(const Bytes& output) {
-  static constexpr std::array<std::uint8_t, 2> kNotAccepted = {0x69, 0x01};
-  return output.size() == kTransmitHeaderSize + kNotAccepted.size() &&
-         std::equal(kNotAccepted.begin(), kNotAccepted.end(), output.begin() + kTransmitHeaderSize);
+Reply attributeReply(std::uint32_t attribute, host::IoResult result) {
+  if (result.status == kNotSupported) return {IFD_ERROR_TAG, {}};
+  if (framework::failed(result.status)) return {failureOf(result.status), {}};
+  if (result.information > result.output.size()) return {IFD_ERROR_INSUFFICIENT_BUFFER, {}};
+  Bytes& value = result.output;
+  if (isText(attribute) && !value.empty() && value.back() == 0) value.pop_back();
+  return {IFD_SUCCESS, std::move(value)};
 }
 
-// What pcscd calls the protocol that the driver answered under.
-DWORD pciProtocol(std::uint32_t protocol, DWORD asked) {
-  if (protocol == kProtocolT0) return kPciT0;
-  if (protocol == kProtocolT1) return kPciT1;
-  return asked;
-}
+// What a request that has ended without the driver's result is answered with.
+host::IoResult failure(HRESULT status) { return {status, 0, {}}; }
 
 }  // namespace
 
-Channel::Channel(std::shared_ptr<host::File> file, Log log)
+Channel::Channel(std::shared_ptr<host::File> file, Log log, std::chrono::milliseconds controlLimit)
     : file_(std::move(file)),
       log_(std::move(log)),
+      controlLimit_(controlLimit),
       presence_(std::make_shared<CardPresence>()),
       watch_(file_, presence_) {}
+
+// What an abandoned request works on lives as long as the request itself does; the wait is for
+// whoever opens the reader next.
+Channel::~Channel() { presence_->awaitUnused(controlLimit_); }
 
 void Channel::close() {
   presence_->close();
@@ -76,7 +77,38 @@ void Channel::close() {
 
 host::IoResult Channel::control(std::uint32_t code, const Bytes& input,
                                 std::size_t outputCapacity) {
-  return file_->control(code, input, outputCapacity, kControlLimit);
+  return file_->control(code, input, outputCapacity, controlLimit_);
+}
+
+std::shared_ptr<host::IoOperation> Channel::submit(
+    std::uint32_t code, const Bytes& input, std::size_t outputCapacity,
+    const std::shared_ptr<CardPresence::Request>& request) {
+  try {
+    return file_->submit(
+        code, input, outputCapacity,
+        [presence = presence_, request](const host::IoResult&) { presence->endRequest(*request); });
+  } catch (const std::bad_alloc&) {
+    presence_->endRequest(*request);
+    throw;
+  }
+}
+
+host::IoResult Channel::controlCard(CardNumber card, std::uint32_t code, const Bytes& input,
+                                    std::size_t outputCapacity) {
+  const auto request = std::make_shared<CardPresence::Request>();
+  if (!presence_->beginRequest(card)) {
+    presence_->refused();
+    return failure(kNoMedia);
+  }
+  const auto operation = submit(code, input, outputCapacity, request);
+  const CardPresence::RequestEnd end = presence_->awaitEnd(*request, card, controlLimit_);
+  // The completion is about to return, or has.
+  if (end == CardPresence::RequestEnd::kEnded && operation->wait(controlLimit_)) {
+    return operation->result();
+  }
+  presence_->refused();
+  operation->cancel();
+  return failure(end == CardPresence::RequestEnd::kCardLeft ? kNoMedia : host::kTimedOut);
 }
 
 RESPONSECODE Channel::presence() {
@@ -84,14 +116,14 @@ RESPONSECODE Channel::presence() {
 }
 
 Reply Channel::power(DWORD action) {
-  const CardNumber card = presence_->card();
+  const CardUse use(*presence_);
   switch (action) {
     case IFD_POWER_UP:
-      return reset(card, kColdReset);
+      return reset(use.card(), kColdReset);
     case IFD_RESET:
-      return reset(card, kWarmReset);
+      return reset(use.card(), kWarmReset);
     case IFD_POWER_DOWN:
-      return powerDown(card);
+      return powerDown(use.card());
     default:
       return {IFD_NOT_SUPPORTED, {}};
   }
@@ -100,7 +132,8 @@ Reply Channel::power(DWORD action) {
 Reply Channel::powerDown(CardNumber card) {
   // The driver would take a power-down for a card that is in.
   if (card == kNoCard) return {IFD_SUCCESS, {}};
-  const host::IoResult result = control(kIoctlPower, numberBytes(kPowerDown), 0);
+  const host::IoResult result = controlCard(card, kIoctlPower, numberBytes(kPowerDown), 0);
+  if (result.status == kNoMedia) return {IFD_SUCCESS, {}};
   if (framework::failed(result.status)) return {IFD_ERROR_POWER_ACTION, {}};
   noteProtocol(card, 0);
   return {IFD_SUCCESS, {}};
@@ -108,8 +141,7 @@ Reply Channel::powerDown(CardNumber card) {
 
 Reply Channel::reset(CardNumber card, std::uint32_t operation) {
   if (card == kNoCard) return {refusal(), {}};
-  host::IoResult result = control(kIoctlPower, numberBytes(operation), MAX_ATR_SIZE);
-  if (presence_->card() != card) return {refusal(), {}};
+  host::IoResult result = controlCard(card, kIoctlPower, numberBytes(operation), MAX_ATR_SIZE);
   if (framework::failed(result.status) || result.information == 0 ||
       result.information > result.output.size()) {
     return resetFailed(card, result);
@@ -132,94 +164,80 @@ RESPONSECODE Channel::setProtocol(DWORD protocol) {
   if (protocol != SCARD_PROTOCOL_T0 && protocol != SCARD_PROTOCOL_T1) {
     return IFD_PROTOCOL_NOT_SUPPORTED;
   }
-  const CardNumber card = presence_->card();
-  if (card == kNoCard) return refusal();
+  const CardUse use(*presence_);
+  if (use.card() == kNoCard) return refusal();
   const auto mask = static_cast<std::uint32_t>(protocol);
-  const host::IoResult result = control(kIoctlSetProtocol, numberBytes(mask), 0);
-  if (presence_->card() != card) return refusal();
+  const host::IoResult result = controlCard(use.card(), kIoctlSetProtocol, numberBytes(mask), 0);
   if (framework::succeeded(result.status)) {
-    noteProtocol(card, mask);
+    noteProtocol(use.card(), mask);
     return IFD_SUCCESS;
   }
   if (result.status == kNotSupported) return IFD_PROTOCOL_NOT_SUPPORTED;
-  if (result.status == kNoMedia) cycle(card);
+  if (result.status == kNoMedia) cycle(use.card());
   return failureOf(result.status);
 }
 
-TransmitReply Channel::transmit(const Apdu& command) {
+Reply Channel::transmit(const Apdu& command) {
   if (command.protocol != kPciT0 && command.protocol != kPciT1 && command.protocol != kPciRaw) {
-    return {IFD_PROTOCOL_NOT_SUPPORTED, 0, {}};
+    return {IFD_PROTOCOL_NOT_SUPPORTED, {}};
   }
-  const CardNumber card = presence_->card();
-  if (card == kNoCard) return {refusal(), 0, {}};
+  const CardUse use(*presence_);
+  if (use.card() == kNoCard) return {refusal(), {}};
   std::uint32_t protocol = 0;
-  host::IoResult result = exchange(card, command, &protocol);
-  // Also an answer that came: it may be the driver's own for a card that was pulled.
-  if (presence_->card() != card) return {refusal(), 0, {}};
-  if (framework::succeeded(result.status)) {
-    if (isNotAccepted(result.output) && driverHasNoCard()) return {refusal(), 0, {}};
-    return checkAnswer(command, protocol, std::move(result));
-  }
+  host::IoResult result = exchange(use.card(), command, &protocol);
+  if (framework::succeeded(result.status)) return checkAnswer(protocol, std::move(result));
   // pcscd takes the card for absent with this answer, without saying so to anyone.
-  if (result.status == kNoMedia) cycle(card);
-  return {failureOf(result.status), 0, {}};
-}
-
-// Whether the card is gone for the driver already, though it has not said so yet.
-bool Channel::driverHasNoCard() {
-  const host::IoResult state = control(kIoctlGetState, {}, kNumberSize);
-  return framework::succeeded(state.status) && state.output.size() >= kNumberSize &&
-         numberAt(state.output, 0) == kStateAbsent;
+  if (result.status == kNoMedia) cycle(use.card());
+  return {failureOf(result.status), {}};
 }
 
 host::IoResult Channel::exchange(CardNumber card, const Apdu& command, std::uint32_t* protocol) {
   const std::size_t capacity = kTransmitHeaderSize + command.answerCapacity;
   *protocol = sessionOf(card).protocol;
   host::IoResult result =
-      control(kIoctlTransmit, transmitInput(*protocol, command.bytes), capacity);
-  if (result.status != kInvalidDeviceState || presence_->card() != card) return result;
+      controlCard(card, kIoctlTransmit, transmitInput(*protocol, command.bytes), capacity);
+  if (result.status != kInvalidDeviceState) return result;
   // Refused without being sent: the driver has another current protocol. Before one is chosen it
   // may be what the card offered, by the protocol's number and not by its mask.
-  const host::IoResult current =
-      control(kIoctlGetAttribute, numberBytes(kAttributeCurrentProtocol), kNumberSize);
+  host::IoResult current =
+      controlCard(card, kIoctlGetAttribute, numberBytes(kAttributeCurrentProtocol), kNumberSize);
+  if (current.status == kNoMedia) return current;
   if (framework::failed(current.status) || current.output.size() < kNumberSize) return result;
   const std::uint32_t driverProtocol = numberAt(current.output, 0);
-  if (driverProtocol == *protocol || presence_->card() != card) return result;
+  if (driverProtocol == *protocol) return result;
   *protocol = driverProtocol;
   noteProtocol(card, driverProtocol);
-  return control(kIoctlTransmit, transmitInput(driverProtocol, command.bytes), capacity);
+  return controlCard(card, kIoctlTransmit, transmitInput(driverProtocol, command.bytes), capacity);
 }
 
-TransmitReply Channel::checkAnswer(const Apdu& command, std::uint32_t protocol,
-                                   host::IoResult result) {
-  if (result.information > result.output.size()) return {IFD_ERROR_INSUFFICIENT_BUFFER, 0, {}};
+Reply Channel::checkAnswer(std::uint32_t protocol, host::IoResult result) {
+  if (result.information > result.output.size()) return {IFD_ERROR_INSUFFICIENT_BUFFER, {}};
   Bytes& answer = result.output;
   if (answer.size() < kTransmitHeaderSize || numberAt(answer, 0) != protocol ||
       numberAt(answer, kNumberSize) != kTransmitHeaderSize) {
     log_(LogLevel::kError, "the driver's answer to a command has no valid header (" +
                                std::to_string(answer.size()) + " bytes)");
-    return {IFD_COMMUNICATION_ERROR, 0, {}};
+    return {IFD_COMMUNICATION_ERROR, {}};
   }
   answer.erase(answer.begin(), answer.begin() + kTransmitHeaderSize);
-  return {IFD_SUCCESS, pciProtocol(protocol, command.protocol), std::move(answer)};
+  return {IFD_SUCCESS, std::move(answer)};
 }
 
 Reply Channel::attribute(DWORD tag) {
   if (!isAttribute(tag)) return {IFD_ERROR_TAG, {}};
   const auto attribute = static_cast<std::uint32_t>(tag);
-  if (attribute == kAttributeAtr) {
-    const CardNumber card = presence_->card();
-    if (card == kNoCard) return {IFD_ICC_NOT_PRESENT, {}};
-    Bytes atr = sessionOf(card).atr;
-    if (!atr.empty()) return {IFD_SUCCESS, std::move(atr)};
-  }
-  host::IoResult result = control(kIoctlGetAttribute, numberBytes(attribute), kAttributeCapacity);
-  if (result.status == kNotSupported) return {IFD_ERROR_TAG, {}};
-  if (framework::failed(result.status)) return {failureOf(result.status), {}};
-  if (result.information > result.output.size()) return {IFD_ERROR_INSUFFICIENT_BUFFER, {}};
-  Bytes& value = result.output;
-  if (isText(attribute) && !value.empty() && value.back() == 0) value.pop_back();
-  return {IFD_SUCCESS, std::move(value)};
+  if (attribute == kAttributeAtr) return atr();
+  return attributeReply(attribute,
+                        control(kIoctlGetAttribute, numberBytes(attribute), kAttributeCapacity));
+}
+
+Reply Channel::atr() {
+  const CardUse use(*presence_);
+  if (use.card() == kNoCard) return {IFD_ICC_NOT_PRESENT, {}};
+  Bytes atr = sessionOf(use.card()).atr;
+  if (!atr.empty()) return {IFD_SUCCESS, std::move(atr)};
+  return attributeReply(kAttributeAtr, controlCard(use.card(), kIoctlGetAttribute,
+                                                   numberBytes(kAttributeAtr), kAttributeCapacity));
 }
 
 RESPONSECODE Channel::setAttribute(DWORD tag, const Bytes& value) {

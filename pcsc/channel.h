@@ -1,8 +1,12 @@
 // One reader as pcscd works with it: each call becomes one I/O control of the driver, or is
-// answered from what the handler knows already.
+// answered from what the handler knows already. A command takes at most three: where the driver
+// refuses it because it has another current protocol, it is asked for that, once, and the command
+// is sent again, once.
 //
 // A card that was removed, an agent that was lost and a request that the driver answers with "no
-// media" are all IFD_ICC_NOT_PRESENT.
+// media" are all IFD_ICC_NOT_PRESENT. A call that works with the card returns that the moment the
+// card leaves, and nothing that the driver still says to it; card_presence.h has what becomes of
+// the request.
 //
 // Where a card that has answered before no longer does (the driver finds no media, a power-up or
 // reset fails), pcscd is made to see it leave and enter once more: it has no other way back to a
@@ -31,12 +35,6 @@ struct Reply {
   Bytes bytes;  // only with IFD_SUCCESS
 };
 
-struct TransmitReply {
-  RESPONSECODE code = IFD_COMMUNICATION_ERROR;
-  DWORD protocol = 0;  // as in `Apdu`
-  Bytes answer;        // only with IFD_SUCCESS
-};
-
 // A command as pcscd hands it over.
 struct Apdu {
   DWORD protocol = 0;  // 0 for T=0, 1 for T=1, 4 for raw
@@ -48,10 +46,13 @@ class Channel {
  public:
   // The time for one I/O control. The driver ends every exchange with the agent after 5 seconds;
   // a few of them may be made one after the other.
-  static constexpr std::chrono::seconds kControlLimit{40};
+  static constexpr std::chrono::milliseconds kControlLimit{40000};
 
   // Begins to watch for the card at once.
-  Channel(std::shared_ptr<host::File> file, Log log);
+  Channel(std::shared_ptr<host::File> file, Log log,
+          std::chrono::milliseconds controlLimit = kControlLimit);
+  // Waits, no longer than for one I/O control, until the driver is done with the abandoned ones.
+  ~Channel();
   Channel(const Channel&) = delete;
   Channel& operator=(const Channel&) = delete;
 
@@ -61,7 +62,7 @@ class Channel {
   Reply power(DWORD action);
   // SCARD_PROTOCOL_T0 or SCARD_PROTOCOL_T1.
   RESPONSECODE setProtocol(DWORD protocol);
-  TransmitReply transmit(const Apdu& command);
+  Reply transmit(const Apdu& command);
   // Any attribute; numbers are 4 bytes, texts come without a terminating zero.
   Reply attribute(DWORD tag);
   RESPONSECODE setAttribute(DWORD tag, const Bytes& value);
@@ -82,13 +83,20 @@ class Channel {
   };
 
   host::IoResult control(std::uint32_t code, const Bytes& input, std::size_t outputCapacity);
+  // Within a use of `card`. "No media", and no output, also where that card has left, before or
+  // meanwhile; the request may still be in the driver then.
+  host::IoResult controlCard(CardNumber card, std::uint32_t code, const Bytes& input,
+                             std::size_t outputCapacity);
+  std::shared_ptr<host::IoOperation> submit(std::uint32_t code, const Bytes& input,
+                                            std::size_t outputCapacity,
+                                            const std::shared_ptr<CardPresence::Request>& request);
   Reply powerDown(CardNumber card);
   Reply reset(CardNumber card, std::uint32_t operation);
   Reply resetFailed(CardNumber card, const host::IoResult& result);
   // Sends the command with the driver's current protocol, whichever that is; `protocol` says.
-  bool driverHasNoCard();
   host::IoResult exchange(CardNumber card, const Apdu& command, std::uint32_t* protocol);
-  TransmitReply checkAnswer(const Apdu& command, std::uint32_t protocol, host::IoResult result);
+  Reply checkAnswer(std::uint32_t protocol, host::IoResult result);
+  Reply atr();
 
   // The answer to a call that needs a card and has none.
   RESPONSECODE refusal();
@@ -100,6 +108,7 @@ class Channel {
 
   const std::shared_ptr<host::File> file_;
   const Log log_;
+  const std::chrono::milliseconds controlLimit_;
   const std::shared_ptr<CardPresence> presence_;
   mutable platform::Mutex mutex_;
   Session session_ ZELTA_GUARDED_BY(mutex_);

@@ -20,10 +20,6 @@ inline constexpr std::uint32_t kIoctlTransmit = 0x00310014;
 inline constexpr std::uint32_t kIoctlIsPresent = 0x00310028;
 inline constexpr std::uint32_t kIoctlIsAbsent = 0x0031002C;
 inline constexpr std::uint32_t kIoctlSetProtocol = 0x00310030;
-inline constexpr std::uint32_t kIoctlGetState = 0x00310038;
-
-// The one state of kIoctlGetState that the handler names.
-inline constexpr std::uint32_t kStateAbsent = 1;
 
 // Operations of kIoctlPower.
 inline constexpr std::uint32_t kPowerDown = 0;

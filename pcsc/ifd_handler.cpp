@@ -19,7 +19,6 @@ using zelta::pcsc::Channel;
 using zelta::pcsc::ChannelTable;
 using zelta::pcsc::LogLevel;
 using zelta::pcsc::Reply;
-using zelta::pcsc::TransmitReply;
 
 // The process's table. Never destroyed: pcscd may exit while its threads are still in here.
 ChannelTable& table() {
@@ -144,14 +143,14 @@ RESPONSECODE IFDHTransmitToICC(DWORD Lun, SCARD_IO_HEADER SendPci, PUCHAR TxBuff
   }
   if (TxLength > MAX_BUFFER_SIZE_EXTENDED) return IFD_ERROR_INSUFFICIENT_BUFFER;
   return onChannel(Lun, [&](Channel& channel) -> RESPONSECODE {
-    const TransmitReply reply = channel.transmit(
+    const Reply reply = channel.transmit(
         {SendPci.Protocol, TxLength == 0 ? Bytes() : Bytes(TxBuffer, TxBuffer + TxLength),
          capacity});
     if (reply.code != IFD_SUCCESS) return reply.code;
-    const RESPONSECODE copied = copyOut(reply.answer, RxBuffer, &capacity);
+    const RESPONSECODE copied = copyOut(reply.bytes, RxBuffer, &capacity);
     if (copied != IFD_SUCCESS) return copied;
     *RxLength = capacity;
-    if (RecvPci != nullptr) *RecvPci = {reply.protocol, sizeof *RecvPci};
+    if (RecvPci != nullptr) *RecvPci = {SendPci.Protocol, sizeof *RecvPci};
     return IFD_SUCCESS;
   });
 }

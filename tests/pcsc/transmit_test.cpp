@@ -1,8 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <future>
-
 #include "tests/pcsc/channel_fixture.h"
 
 namespace zelta::pcsc {
@@ -35,7 +33,7 @@ class TransmitTest : public test::ChannelTest {
                     [protocol](const auto&) { return succeededWith(numberBytes(protocol)); });
   }
 
-  TransmitReply send(DWORD pci = 1, std::size_t capacity = MAX_BUFFER_SIZE_EXTENDED) {
+  Reply send(DWORD pci = 1, std::size_t capacity = MAX_BUFFER_SIZE_EXTENDED) {
     return channel_->transmit({pci, {0x00, 0xA4, 0x04, 0x00}, capacity});
   }
 
@@ -48,10 +46,9 @@ class TransmitTest : public test::ChannelTest {
 TEST_F(TransmitTest, CommandGoesBehindTheHeaderWithTheChosenMask) {
   connect(SCARD_PROTOCOL_T1);
   answerUnder(kProtocolT1);
-  const TransmitReply reply = send();
+  const Reply reply = send();
   EXPECT_EQ(reply.code, IFD_SUCCESS);
-  EXPECT_EQ(reply.protocol, 1u);
-  EXPECT_THAT(reply.answer, ElementsAre(0x90, 0x00));
+  EXPECT_THAT(reply.bytes, ElementsAre(0x90, 0x00));
   const auto requests = reader_->requests(kIoctlTransmit);
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_THAT(requests[0].input, ElementsAre(2, 0, 0, 0, 8, 0, 0, 0, 0x00, 0xA4, 0x04, 0x00));
@@ -61,18 +58,16 @@ TEST_F(TransmitTest, CommandGoesBehindTheHeaderWithTheChosenMask) {
 TEST_F(TransmitTest, T0HasMaskOneAndNumberNought) {
   connect(SCARD_PROTOCOL_T0);
   answerUnder(kProtocolT0);
-  const TransmitReply reply = send(0);
+  const Reply reply = send(0);
   EXPECT_EQ(reply.code, IFD_SUCCESS);
-  EXPECT_EQ(reply.protocol, 0u);
   EXPECT_THAT(reader_->requests(kIoctlTransmit)[0].input[0], 1);
 }
 
 TEST_F(TransmitTest, RawCommandsGoUnderTheDriversProtocol) {
   insertAndPowerUp();
   answerUnder(0);
-  const TransmitReply reply = send(4);
+  const Reply reply = send(4);
   EXPECT_EQ(reply.code, IFD_SUCCESS);
-  EXPECT_EQ(reply.protocol, 4u);
 }
 
 TEST_F(TransmitTest, OtherProtocolNumbersAreRefused) {
@@ -103,9 +98,9 @@ TEST_F(TransmitTest, RefusedProtocolLeavesTheOneBefore) {
 TEST_F(TransmitTest, BeforePowerUpTheDriverIsAskedForItsProtocol) {
   insert();
   answerUnder(1);  // as its answer to reset says: T=1 by number
-  const TransmitReply reply = send();
+  const Reply reply = send();
   EXPECT_EQ(reply.code, IFD_SUCCESS);
-  EXPECT_THAT(reply.answer, ElementsAre(0x90, 0x00));
+  EXPECT_THAT(reply.bytes, ElementsAre(0x90, 0x00));
   const auto requests = reader_->requests(kIoctlTransmit);
   ASSERT_EQ(requests.size(), 2u);
   EXPECT_EQ(requests[0].input[0], 0);
@@ -168,53 +163,16 @@ TEST_F(TransmitTest, NoCommandWithoutACard) {
   EXPECT_EQ(reader_->count(kIoctlTransmit), 0u);
 }
 
+// The driver's own for a pulled card; it reports the removal first.
 TEST_F(TransmitTest, AnswerOfACardThatWasPulledMeanwhileIsNotGiven) {
   connect();
   reader_->answer(kIoctlTransmit, [this](const auto&) {
     reader_->removeCard();
     return succeededWith(answerOf(2, {0x69, 0x01}));
   });
-  const TransmitReply reply = send();
+  const Reply reply = send();
   EXPECT_EQ(reply.code, IFD_ICC_NOT_PRESENT);
-  EXPECT_THAT(reply.answer, IsEmpty());
-}
-
-TEST_F(TransmitTest, DriversOwnAnswerForAPulledCardIsNotGivenBeforeTheRemovalIsKnown) {
-  connect();
-  answerTransmit(succeededWith(answerOf(kProtocolT1, {0x69, 0x01})));
-  reader_->answer(kIoctlGetState, [](const auto&) { return succeededWith(numberBytes(1)); });
-  const TransmitReply reply = send();
-  EXPECT_EQ(reply.code, IFD_ICC_NOT_PRESENT);
-  EXPECT_THAT(reply.answer, IsEmpty());
-}
-
-TEST_F(TransmitTest, TheSameAnswerOfACardThatIsInIsGiven) {
-  connect();
-  answerTransmit(succeededWith(answerOf(kProtocolT1, {0x69, 0x01})));
-  reader_->answer(kIoctlGetState, [](const auto&) { return succeededWith(numberBytes(6)); });
-  const TransmitReply reply = send();
-  EXPECT_EQ(reply.code, IFD_SUCCESS);
-  EXPECT_THAT(reply.answer, ElementsAre(0x69, 0x01));
-}
-
-TEST_F(TransmitTest, CommandForTheOldCardEndsAsRemovedWhenAnotherIsInAlready) {
-  connect();
-  std::promise<void> running;
-  std::promise<void> swapped;
-  reader_->answer(kIoctlTransmit, [&](const auto&) {
-    running.set_value();
-    swapped.get_future().wait();
-    return succeededWith(answerOf(2, {0x90, 0x00}));
-  });
-  auto sent = std::async(std::launch::async, [this] { return send(); });
-  running.get_future().wait();
-  reader_->removeCard();
-  reader_->insertCard();
-  ASSERT_NE(reader_->waitForWaiting(kIoctlIsAbsent), nullptr);
-  poll();
-  EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
-  swapped.set_value();
-  EXPECT_EQ(sent.get().code, IFD_ICC_NOT_PRESENT);
+  EXPECT_THAT(reply.bytes, IsEmpty());
 }
 
 TEST_F(TransmitTest, NoMediaIsACardThatLeftAndEntersAgain) {
@@ -257,7 +215,7 @@ TEST_F(TransmitTest, LongestAnswerIsGiven) {
   connect();
   const Bytes response(MAX_BUFFER_SIZE_EXTENDED, 0x5A);
   answerTransmit(succeededWith(answerOf(2, response)));
-  EXPECT_EQ(send().answer, response);
+  EXPECT_EQ(send().bytes, response);
 }
 
 TEST_F(TransmitTest, AnswersWithoutAValidHeaderAreErrors) {
@@ -279,7 +237,7 @@ TEST_F(TransmitTest, AnswersWithoutAValidHeaderAreErrors) {
 TEST_F(TransmitTest, EmptyCommandIsTheDriversToAnswer) {
   connect();
   answerTransmit(succeededWith(answerOf(2, {0x69, 0x01})));
-  EXPECT_THAT(channel_->transmit({1, {}, 100}).answer, ElementsAre(0x69, 0x01));
+  EXPECT_THAT(channel_->transmit({1, {}, 100}).bytes, ElementsAre(0x69, 0x01));
   EXPECT_EQ(reader_->requests(kIoctlTransmit)[0].input.size(), kTransmitHeaderSize);
 }
 

@@ -43,8 +43,8 @@ host::IoResult failedWith(HRESULT status) { return {status, 0, {}}; }
 
 // --- FakeOperation ---
 
-FakeOperation::FakeOperation(host::File::Completion completion, bool dispatched)
-    : completion_(std::move(completion)), dispatched_(dispatched) {}
+FakeOperation::FakeOperation(host::File::Completion completion, Kind kind)
+    : completion_(std::move(completion)), kind_(kind), dispatched_(kind == Kind::kWaiting) {}
 
 bool FakeOperation::wait(std::chrono::milliseconds limit) {
   MutexLock lock(mutex_);
@@ -68,7 +68,7 @@ void FakeOperation::cancel() {
     const MutexLock lock(mutex_);
     cancelled_ = true;
   }
-  complete(kCancelled);
+  if (kind_ != Kind::kExchanging) complete(kCancelled);
 }
 
 bool FakeOperation::cancelled() const {
@@ -82,12 +82,12 @@ void FakeOperation::dispatch() {
   changed_.notifyAll();
 }
 
-bool FakeOperation::complete(HRESULT status) {
+bool FakeOperation::complete(host::IoResult result) {
   {
     const MutexLock lock(mutex_);
     if (completing_) return false;
     completing_ = true;
-    result_.status = status;
+    result_ = std::move(result);
   }
   if (completion_) completion_(result_);
   const MutexLock lock(mutex_);
@@ -134,6 +134,12 @@ void FakeReader::completeAll(std::uint32_t code, HRESULT status) {
 void FakeReader::answer(std::uint32_t code, Answer answer) {
   const MutexLock lock(mutex_);
   answers_[code] = std::move(answer);
+  held_.erase(code);
+}
+
+void FakeReader::hold(std::uint32_t code) {
+  const MutexLock lock(mutex_);
+  held_.insert(code);
 }
 
 std::shared_ptr<FakeOperation> FakeReader::newestWaiting(std::uint32_t code) const {
@@ -211,27 +217,61 @@ host::IoResult FakeReader::control(const Request& request) {
 
 std::shared_ptr<host::IoOperation> FakeReader::submit(const Request& request,
                                                       host::File::Completion completion) {
+  if (request.code == kIsPresent || request.code == kIsAbsent) {
+    return submitPresence(request, std::move(completion));
+  }
+  std::shared_ptr<FakeOperation> operation;
+  {
+    const MutexLock lock(mutex_);
+    if (!gone_ && held_.count(request.code) != 0) {
+      requests_.push_back(request);
+      operation = addOperation(request, std::move(completion), FakeOperation::Kind::kExchanging);
+      changed_.notifyAll();
+      return operation;
+    }
+    operation =
+        std::make_shared<FakeOperation>(std::move(completion), FakeOperation::Kind::kExchanging);
+  }
+  operation->complete(control(request));
+  return operation;
+}
+
+std::shared_ptr<FakeOperation> FakeReader::addOperation(const Request& request,
+                                                        host::File::Completion completion,
+                                                        FakeOperation::Kind kind) {
+  auto operation = std::make_shared<FakeOperation>(std::move(completion), kind);
+  submitted_.push_back({request.code, operation});
+  return operation;
+}
+
+std::optional<HRESULT> FakeReader::presenceStatus(std::uint32_t code) {
+  std::deque<HRESULT>& next = next_[code];
+  std::optional<HRESULT> scripted;
+  if (!next.empty()) {
+    scripted = next.front();
+    next.pop_front();
+  }
+  if (gone_) return host::kDeviceGone;
+  if (all_.count(code) != 0) return all_[code];
+  if (scripted) return scripted;
+  if (presence_[code] == Presence::kHoldUndispatched) return std::nullopt;
+  const bool fulfilled = code == kIsPresent ? cardIn_ : !cardIn_;
+  return fulfilled ? std::optional<HRESULT>(framework::kOk) : std::nullopt;
+}
+
+std::shared_ptr<host::IoOperation> FakeReader::submitPresence(const Request& request,
+                                                              host::File::Completion completion) {
   MutexLock lock(mutex_);
   const bool held = presence_[request.code] == Presence::kHoldUndispatched;
-  auto operation = std::make_shared<FakeOperation>(std::move(completion), !held);
   requests_.push_back(request);
-  submitted_.push_back({request.code, operation});
-  bool completes = false;
-  HRESULT status = framework::kOk;
-  std::deque<HRESULT>& next = next_[request.code];
-  if (gone_ || all_.count(request.code) != 0 || !next.empty()) {
-    completes = true;
-    status = gone_                           ? host::kDeviceGone
-             : all_.count(request.code) != 0 ? all_[request.code]
-                                             : next.front();
-    if (!next.empty()) next.pop_front();
-  } else if (!held) {
-    completes = request.code == kIsPresent ? cardIn_ : !cardIn_;
-  }
-  if (!completes) changed_.notifyAll();
+  const auto operation =
+      addOperation(request, std::move(completion),
+                   held ? FakeOperation::Kind::kUndispatched : FakeOperation::Kind::kWaiting);
+  const std::optional<HRESULT> status = presenceStatus(request.code);
+  if (!status) changed_.notifyAll();
   lock.unlock();
-  if (!completes) return operation;
-  operation->complete(status);
+  if (!status) return operation;
+  operation->complete(*status);
   const MutexLock again(mutex_);
   changed_.notifyAll();
   return operation;

@@ -11,6 +11,8 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -22,7 +24,13 @@ namespace zelta::test {
 // A request that was submitted; answers of the test complete it.
 class FakeOperation final : public host::IoOperation {
  public:
-  FakeOperation(host::File::Completion completion, bool dispatched);
+  enum class Kind {
+    kUndispatched,  // cancelable
+    kWaiting,       // in the driver, cancelable
+    kExchanging,    // in the driver's exchange with the agent: a cancel is only noted
+  };
+
+  FakeOperation(host::File::Completion completion, Kind kind);
 
   bool wait(std::chrono::milliseconds limit) override;
   bool waitDispatched(std::chrono::milliseconds limit) override;
@@ -32,11 +40,13 @@ class FakeOperation final : public host::IoOperation {
 
   void dispatch();
   // Runs the completion callback on this thread; false where it is completed already.
-  bool complete(framework::HRESULT status);
+  bool complete(framework::HRESULT status) { return complete({status, 0, {}}); }
+  bool complete(host::IoResult result);
   bool cancelled() const;
 
  private:
   const host::File::Completion completion_;
+  const Kind kind_;
   mutable platform::Mutex mutex_;
   mutable platform::ConditionVariable changed_;
   bool dispatched_ ZELTA_GUARDED_BY(mutex_);
@@ -75,7 +85,11 @@ class FakeReader final : public std::enable_shared_from_this<FakeReader> {
   // The same for all that follow, until `completeNext` or `none`.
   void completeAll(std::uint32_t code, framework::HRESULT status);
 
+  // How requests of this code end that are no presence requests; without: with success and no
+  // output.
   void answer(std::uint32_t code, Answer answer);
+  // They wait for the test to complete them, until `answer` is called.
+  void hold(std::uint32_t code);
 
   // The newest request of this code, as soon as one has been submitted and is not completed.
   std::shared_ptr<FakeOperation> waitForWaiting(std::uint32_t code);
@@ -97,6 +111,13 @@ class FakeReader final : public std::enable_shared_from_this<FakeReader> {
 
  private:
   std::shared_ptr<FakeOperation> newestWaiting(std::uint32_t code) const ZELTA_REQUIRES(mutex_);
+  std::shared_ptr<FakeOperation> addOperation(const Request& request,
+                                              host::File::Completion completion,
+                                              FakeOperation::Kind kind) ZELTA_REQUIRES(mutex_);
+  // What a presence request is completed with at once; none: it waits.
+  std::optional<framework::HRESULT> presenceStatus(std::uint32_t code) ZELTA_REQUIRES(mutex_);
+  std::shared_ptr<host::IoOperation> submitPresence(const Request& request,
+                                                    host::File::Completion completion);
   void completeWaiting(std::uint32_t code, framework::HRESULT status) ZELTA_EXCLUDES(mutex_);
 
   struct Submitted {
@@ -113,6 +134,7 @@ class FakeReader final : public std::enable_shared_from_this<FakeReader> {
   std::map<std::uint32_t, std::deque<framework::HRESULT>> next_ ZELTA_GUARDED_BY(mutex_);
   std::map<std::uint32_t, framework::HRESULT> all_ ZELTA_GUARDED_BY(mutex_);
   std::map<std::uint32_t, Answer> answers_ ZELTA_GUARDED_BY(mutex_);
+  std::set<std::uint32_t> held_ ZELTA_GUARDED_BY(mutex_);
   std::vector<Request> requests_ ZELTA_GUARDED_BY(mutex_);
   std::vector<Submitted> submitted_ ZELTA_GUARDED_BY(mutex_);
 };
