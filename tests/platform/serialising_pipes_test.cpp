@@ -117,6 +117,26 @@ TEST_F(SerialisingPipesTest, WriteIntoABufferReturnsAtOnceAndFlushWaits) {
   EXPECT_EQ(call.outcome(), kPipeOk);
 }
 
+TEST_F(SerialisingPipesTest, PipesCanBeGivenABufferThatTheirCreatorDoesNotAskFor) {
+  const std::string name = "\\\\.\\pipe\\B";
+  pipes_.bufferWrites(2);
+  const PipeHandleValue pipe = pipes_.create(name, {});
+  const SerialisingPipes::Client client = pipes_.connectClient(name);
+  EXPECT_TRUE(pipes_.write(pipe, "ab", 2));
+  PipeCallThread flushing([&] { return pipes_.flush(pipe); });
+  ASSERT_TRUE(pipes_.waitUntilQueued(name));
+  EXPECT_EQ(pipes_.clientRead(client, 2), (Bytes{'a', 'b'}));
+  EXPECT_EQ(flushing.outcome(), kPipeOk);
+}
+
+TEST_F(SerialisingPipesTest, APipeCanBeWaitedForBeforeItIsCreated) {
+  const std::string name = "\\\\.\\pipe\\B";
+  PipeCallThread connecting([&] { return pipes_.connect(pipes_.create(name, {})); });
+  ASSERT_TRUE(pipes_.waitUntilQueued(name));
+  EXPECT_NE(pipes_.connectClient(name), SerialisingPipes::kNoClient);
+  EXPECT_EQ(connecting.outcome(), kPipeOk);
+}
+
 TEST_F(SerialisingPipesTest, DisconnectedPipeTurnsClientsAwayUntilItIsConnected) {
   EXPECT_TRUE(pipes_.disconnect(pipe_));
   EXPECT_EQ(pipes_.connectClient(kName), SerialisingPipes::kNoClient);

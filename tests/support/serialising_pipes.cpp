@@ -29,13 +29,12 @@ std::vector<std::uint8_t> take(std::deque<std::uint8_t>& from, std::size_t size)
 
 SerialisingPipes::Client SerialisingPipes::connectClient(const std::string& name) {
   MutexLock lock(mutex_);
-  const auto found = std::find_if(pipes_.begin(), pipes_.end(),
-                                  [&](const auto& entry) { return entry.second->name == name; });
-  if (found == pipes_.end()) {
+  const SharedPipe found = named(name);
+  if (found == nullptr) {
     finish(error::kFileNotFound);
     return kNoClient;
   }
-  Pipe& pipe = *found->second;
+  Pipe& pipe = *found;
   if (pipe.state != State::Listening) {
     finish(error::kPipeBusy);
     return kNoClient;
@@ -85,10 +84,24 @@ void SerialisingPipes::closeClient(Client client) {
   changed_.notifyAll();
 }
 
-bool SerialisingPipes::waitUntilQueued(PipeHandleValue pipe, std::size_t behind) {
+void SerialisingPipes::bufferWrites(std::uint32_t bytes) {
   MutexLock lock(mutex_);
-  return changed_.waitFor(lock, kLimit, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    const SharedPipe found = find(pipe);
+  leastOutBuffer_ = bytes;
+}
+
+bool SerialisingPipes::waitUntilQueued(PipeHandleValue pipe, std::size_t behind) {
+  return waitUntilQueuedOn([=]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return find(pipe); }, behind);
+}
+
+bool SerialisingPipes::waitUntilQueued(const std::string& name, std::size_t behind) {
+  return waitUntilQueuedOn([&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return named(name); }, behind);
+}
+
+template <typename Find>
+bool SerialisingPipes::waitUntilQueuedOn(Find find, std::size_t behind) {
+  MutexLock lock(mutex_);
+  return changed_.waitFor(lock, kLimit, [&] {
+    const SharedPipe found = find();
     return found != nullptr && found->blocked && found->turns.size() == behind + 1;
   });
 }
@@ -103,15 +116,13 @@ bool SerialisingPipes::convertSecurityDescriptor(const std::string& sddl,
 PipeHandleValue SerialisingPipes::create(const std::string& name,
                                          const platform::PipeArguments& arguments) {
   MutexLock lock(mutex_);
-  const bool taken = std::any_of(pipes_.begin(), pipes_.end(),
-                                 [&](const auto& entry) { return entry.second->name == name; });
-  if (taken) {
+  if (named(name) != nullptr) {
     finish(error::kAccessDenied);
     return platform::invalidPipe();
   }
   const SharedPipe pipe = std::make_shared<Pipe>();
   pipe->name = name;
-  pipe->outBufferSize = arguments.outBufferSize;
+  pipe->outBufferSize = std::max(arguments.outBufferSize, leastOutBuffer_);
   const auto handle = reinterpret_cast<PipeHandleValue>(++lastHandle_);
   pipes_[handle] = pipe;
   return handle;
@@ -229,6 +240,12 @@ bool SerialisingPipes::close(PipeHandleValue pipe) {
 
 SerialisingPipes::SharedPipe SerialisingPipes::find(PipeHandleValue pipe) {
   const auto found = pipes_.find(pipe);
+  return found == pipes_.end() ? nullptr : found->second;
+}
+
+SerialisingPipes::SharedPipe SerialisingPipes::named(const std::string& name) {
+  const auto found = std::find_if(pipes_.begin(), pipes_.end(),
+                                  [&](const auto& entry) { return entry.second->name == name; });
   return found == pipes_.end() ? nullptr : found->second;
 }
 

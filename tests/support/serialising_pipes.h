@@ -50,8 +50,14 @@ class SerialisingPipes final : public platform::PipeApi {
   bool waitForDrop(Client client);
   void closeClient(Client client);
 
+  // Whatever their creator asks for, pipes created from now on take so many bytes without waiting
+  // for the client to read them: it is the flush that waits then.
+  void bufferWrites(std::uint32_t bytes);
+
   // Waits until an operation is blocked on the pipe, and `behind` others wait for their turn.
   bool waitUntilQueued(platform::PipeHandleValue pipe, std::size_t behind = 0);
+  // The same for the pipe of that name, also where it is not created yet.
+  bool waitUntilQueued(const std::string& name, std::size_t behind = 0);
 
   // Fails for an empty text; the entries are not looked at.
   bool convertSecurityDescriptor(const std::string& sddl,
@@ -83,7 +89,10 @@ class SerialisingPipes final : public platform::PipeApi {
   class Turn;
 
   SharedPipe find(platform::PipeHandleValue pipe) ZELTA_REQUIRES(mutex_);
+  SharedPipe named(const std::string& name) ZELTA_REQUIRES(mutex_);
   SharedPipe pipeOf(Client client) ZELTA_REQUIRES(mutex_);
+  template <typename Find>
+  bool waitUntilQueuedOn(Find find, std::size_t behind);
   template <typename Body>
   bool serve(platform::PipeHandleValue pipe, Body body);
   template <typename Ready>
@@ -94,6 +103,7 @@ class SerialisingPipes final : public platform::PipeApi {
   platform::Mutex mutex_;
   platform::ConditionVariable changed_;
   char descriptor_ = 0;
+  std::uint32_t leastOutBuffer_ ZELTA_GUARDED_BY(mutex_) = 0;
   std::uint64_t lastTurn_ ZELTA_GUARDED_BY(mutex_) = 0;
   std::uintptr_t lastHandle_ ZELTA_GUARDED_BY(mutex_) = 0;
   Client lastClient_ ZELTA_GUARDED_BY(mutex_) = kNoClient;
