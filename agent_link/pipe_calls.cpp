@@ -6,25 +6,30 @@ namespace zelta {
 
 PipeCalls::Series PipeCalls::beginSeries() {
   const platform::MutexLock lock(mutex_);
-  return current_;
+  return {current_, true};
 }
 
-bool PipeCalls::enter(Series series) {
+PipeCalls::Series PipeCalls::beginConnect() {
   const platform::MutexLock lock(mutex_);
-  if (closed_ || stopped_ || series != current_) return false;
+  return {current_, false};
+}
+
+bool PipeCalls::enter(const Series& series) {
+  const platform::MutexLock lock(mutex_);
+  if (closed_ || stopped_ || series.number != current_) return false;
+  if (series.exchange && exchangesEnded_) return false;
   ++inFlight_;
+  if (series.exchange) ++exchangesInFlight_;
   return true;
 }
 
-void PipeCalls::leave(Series series) {
+void PipeCalls::leave(const Series& series) {
   const std::uint32_t error = platform::lastError();  // the call's own, for its caller
   {
     const platform::MutexLock lock(mutex_);
-    if (series == current_) {
-      --inFlight_;
-    } else if (--endedInFlight_ == 0) {
-      idle_.notifyAll();
-    }
+    --(series.number == current_ ? inFlight_ : endedInFlight_);
+    if (series.exchange) --exchangesInFlight_;
+    if (endedInFlight_ == 0 || exchangesInFlight_ == 0) idle_.notifyAll();
   }
   platform::setLastError(error);
 }
@@ -61,6 +66,24 @@ void PipeCalls::stop() {
   const platform::MutexLock lock(mutex_);
   stopped_ = true;
   endCurrent();
+}
+
+void PipeCalls::endExchanges(const PipeHandle& pipe) {
+  platform::MutexLock lock(mutex_);
+  exchangesEnded_ = true;
+  while (exchangesInFlight_ > 0) {
+    lock.unlock();
+    // Read here: whoever is in flight has seen this pipe, or none.
+    platform::ports().pipes->cancel(pipe.get());
+    lock.lock();
+    if (awaitNoExchange(lock)) return;
+  }
+}
+
+bool PipeCalls::awaitNoExchange(platform::MutexLock& lock) {
+  return idle_.waitFor(lock, kCancelRetry, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return exchangesInFlight_ == 0;
+  });
 }
 
 bool PipeCalls::cancelUntilIdle(platform::PipeHandleValue pipe) {

@@ -3,9 +3,10 @@
 // The system's cancel releases only what is blocked at that moment: a thread that is just about to
 // enter its call is missed, and would then wait for a client or an agent that may never come; on
 // Windows whoever disconnects the pipe would wait behind it as well. So every blocking call goes
-// through here. Calls belong to a series (one exchange with the agent, one connection's events).
-// Ending a series first refuses its further calls, then cancels the pipe once, and, only as long
-// as one of its calls is still in flight, cancels again after a short wait for it.
+// through here. Calls belong to a series (one exchange with the agent, one connection's events,
+// one wait for a client). Ending a series first refuses its further calls, then cancels the pipe
+// once, and, only as long as one of its calls is still in flight, cancels again after a short wait
+// for it.
 //
 // Ownership: beside the pipe's handle in its reader, and lives as long.
 // Threads: any. No lock is held while a call or a cancel is under way.
@@ -14,6 +15,7 @@
 #include <chrono>
 #include <cstdint>
 
+#include "agent_link/pipe_handle.h"
 #include "platform/error.h"
 #include "platform/pipe.h"
 #include "platform/sync.h"
@@ -23,7 +25,10 @@ namespace zelta {
 class PipeCalls {
  public:
   // Of calls that are ended together.
-  using Series = std::uint64_t;
+  struct Series {
+    std::uint64_t number;
+    bool exchange;  // reads, writes or flushes; false: waits for a client
+  };
 
   // How long a call that a cancel has missed may go on before the next one.
   static constexpr std::chrono::milliseconds kCancelRetry{5};
@@ -32,13 +37,16 @@ class PipeCalls {
   PipeCalls(const PipeCalls&) = delete;
   PipeCalls& operator=(const PipeCalls&) = delete;
 
+  // Of an exchange with the client, or of what it sends unasked.
   Series beginSeries();
+  // Of a wait for a client.
+  Series beginConnect();
 
   // Runs `call`, which blocks on the pipe and returns whether it succeeded. Where the series has
   // been ended, or the pipe is closed or stopped, it is not run and the result is false with
   // the last error 995 (cancelled).
   template <typename Call>
-  bool run(Series series, Call call) {
+  bool run(const Series& series, Call call) {
     if (!enter(series)) {
       platform::setLastError(platform::error::kOperationAborted);
       return false;
@@ -53,27 +61,35 @@ class PipeCalls {
   // The same, and refuses every call of a later series until `reopen`.
   bool close(platform::PipeHandleValue pipe);
   void reopen();
+  // Refuses every call of an exchange for good, and returns once none is in flight. A wait for a
+  // client goes on, unless a call of an exchange is stuck behind it. Cancels nothing where no call
+  // of an exchange is in flight.
+  void endExchanges(const PipeHandle& pipe);
   // Refuses every call from now on; ends none that is in flight (`close` does).
   void stop();
 
  private:
   struct Leave {
     PipeCalls& calls;
-    Series series;
+    const Series& series;
     ~Leave() { calls.leave(series); }
   };
 
-  bool enter(Series series);
-  void leave(Series series);
+  bool enter(const Series& series);
+  void leave(const Series& series);
   void endCurrent() ZELTA_REQUIRES(mutex_);
   bool cancelUntilIdle(platform::PipeHandleValue pipe) ZELTA_EXCLUDES(mutex_);
   bool awaitIdle() ZELTA_EXCLUDES(mutex_);
+  // For a moment; true where none is in flight any more.
+  bool awaitNoExchange(platform::MutexLock& lock) ZELTA_REQUIRES(mutex_);
 
   platform::Mutex mutex_;
   platform::ConditionVariable idle_;
-  Series current_ ZELTA_GUARDED_BY(mutex_) = 0;
-  int inFlight_ ZELTA_GUARDED_BY(mutex_) = 0;       // calls of the current series
-  int endedInFlight_ ZELTA_GUARDED_BY(mutex_) = 0;  // calls of series that were ended
+  std::uint64_t current_ ZELTA_GUARDED_BY(mutex_) = 0;
+  int inFlight_ ZELTA_GUARDED_BY(mutex_) = 0;           // calls of the current series
+  int endedInFlight_ ZELTA_GUARDED_BY(mutex_) = 0;      // calls of series that were ended
+  int exchangesInFlight_ ZELTA_GUARDED_BY(mutex_) = 0;  // of both, those of exchanges
+  bool exchangesEnded_ ZELTA_GUARDED_BY(mutex_) = false;
   bool closed_ ZELTA_GUARDED_BY(mutex_) = false;
   bool stopped_ ZELTA_GUARDED_BY(mutex_) = false;
 };

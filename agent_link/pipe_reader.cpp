@@ -128,7 +128,7 @@ std::uint32_t PipeReader::connectPipes() {
 
 std::uint32_t PipeReader::connectPipe(PipeCalls& calls, const PipeHandle& pipe, const char* which) {
   const bool connected = calls.run(
-      calls.beginSeries(), [&pipe] { return platform::ports().pipes->connect(pipe.get()); });
+      calls.beginConnect(), [&pipe] { return platform::ports().pipes->connect(pipe.get()); });
   if (connected) {
     logInfo("%s named pipe connected", which);
     return error::kSuccess;
@@ -140,6 +140,8 @@ std::uint32_t PipeReader::connectPipe(PipeCalls& calls, const PipeHandle& pipe, 
   if (code == error::kNoData) platform::ports().pipes->disconnect(pipe.get());
   return code;
 }
+
+void PipeReader::endExchanges() noexcept { commandCalls_.endExchanges(commandPipe_); }
 
 void PipeReader::disconnectPipes() {
   const platform::MutexLock lock(pipeMutex_);

@@ -9,8 +9,9 @@
 //
 // Threads: the queries run on the callers' threads, one at a time (the callers hold the
 // exchange mutex); each blocks for at most about five seconds. `NotifyCardReady` has no time limit:
-// it ends with the agent's connection at the latest. `shutdown` may be called from any
-// thread that does not hold a lock below the device lock.
+// it ends with the agent's connection or with `endExchanges`. `endExchanges` may be called from any
+// thread and needs no lock that anybody may hold during an exchange; `shutdown` from any thread
+// that does not hold a lock below the device lock.
 //
 // Locks, in the order in which they nest: presence mutex, device lock, then one of request list
 // mutex, pipe mutex and exchange mutex. The presence mutex is held while a card event or
@@ -67,6 +68,9 @@ class PipeReader final : public Reader {
   std::uint32_t serverThread() override;
   // Answers the names of the two pipes.
   void IoSmartCardGetVendorDefinedAttribute(std::uint32_t tag, IoRequest& request) override;
+  // Cancels the command pipe until no call of an exchange is in flight; those of a later exchange
+  // fail with 995. The server thread goes on listening, or waiting for an agent.
+  void endExchanges() noexcept override;
 
  private:
   // Endpoints (pipe_reader.cpp). A numeric result is a system error number, 0 for success.

@@ -4,8 +4,8 @@
 // The framework stops I/O before it takes a device down, but not before it asks whether the device
 // may be stopped or removed, and the driver takes its readers down at that question already.
 //
-// Threads: any may pass; one at a time opens and closes. The gate's mutex is held for moments only
-// and nothing else is locked under it; closing waits with no other lock held.
+// Threads: any may pass; one at a time opens, closes and waits. The gate's mutex is held for
+// moments only and nothing else is locked under it; waiting is done with no other lock held.
 #pragma once
 
 #include <cstddef>
@@ -39,11 +39,16 @@ class DispatchGate {
     open_ = true;
   }
 
-  // Admits nobody from now on and returns when the last one inside has left. An I/O control is
-  // inside for as long as the agent may take to answer it.
-  void closeAndWait() {
-    platform::MutexLock lock(mutex_);
+  // Admits nobody from now on; who is inside stays there.
+  void close() {
+    const platform::MutexLock lock(mutex_);
     open_ = false;
+  }
+
+  // Returns when nobody is inside; for a gate that is closed. An I/O control is inside until its
+  // exchange with the agent ends, so the exchanges are ended in between.
+  void awaitEmpty() {
+    platform::MutexLock lock(mutex_);
     left_.wait(lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return inside_ == 0; });
   }
 

@@ -108,7 +108,7 @@ HRESULT CMyDevice::OnReleaseHardware(framework::IWDFDevice* wdfDevice) {
 HRESULT CMyDevice::OnD0Entry(framework::IWDFDevice* /*wdfDevice*/,
                              framework::EnumValue /*previous*/) {
   return runEntryPoint(kD0Entry, [&] {
-    gate_.closeAndWait();
+    stopDispatch();
     const HRESULT result = createReaders();
     gate_.open();
     return result;
@@ -182,7 +182,7 @@ HRESULT CMyDevice::OnQueryStop(framework::IWDFDevice* /*wdfDevice*/) {
 
 void CMyDevice::shutDown() {
   const TimedSection section("CMyDevice::shutDown");
-  gate_.closeAndWait();
+  stopDispatch();
   // By the count, deliberately; a reader that could not be made is not there to be told.
   for (std::int32_t index = 0; index < numReaders_; ++index) {
     tellReaderToShutDown(static_cast<std::size_t>(index));
@@ -190,6 +190,14 @@ void CMyDevice::shutDown() {
   destroyReaders();
   numReaders_ = 0;
   (void)platform::ports().winsock->cleanup();
+}
+
+void CMyDevice::stopDispatch() {
+  gate_.close();
+  for (const std::unique_ptr<Reader>& reader : readers_) {
+    if (reader != nullptr) reader->endExchanges();
+  }
+  gate_.awaitEmpty();
 }
 
 void CMyDevice::tellReaderToShutDown(std::size_t index) {

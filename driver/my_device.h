@@ -76,7 +76,8 @@ class CMyDevice final
                         framework::ULONG code, framework::SIZE_T inLength,
                         framework::SIZE_T outLength) noexcept;
 
-  // Waits for the I/O controls inside, shuts the readers down and destroys them.
+  // Lets no further I/O control in, ends what those inside ask of the agent and waits for them;
+  // then shuts the readers down and destroys them.
   // Deliberate: the device stays without readers until it is created afresh, and the system's
   // sockets are cleaned up once per call although they are started once per device.
   void shutDown();
@@ -94,6 +95,9 @@ class CMyDevice final
   void publishInterfaces(framework::IWDFDevice& wdfDevice);
   framework::HRESULT createReaders();
   void addReader(std::uint32_t index);
+  // Afterwards nobody is inside the gate, whatever an agent does or leaves undone. The readers that
+  // are there can do no exchange any more.
+  void stopDispatch();
   void destroyReaders();
   void tellReaderToShutDown(std::size_t index);
 

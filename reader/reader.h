@@ -61,6 +61,10 @@ class Reader {
   virtual std::uint32_t serverThread() = 0;
   // An attribute of the vendor's own; completes the request.
   virtual void IoSmartCardGetVendorDefinedAttribute(std::uint32_t tag, IoRequest& request);
+  // Makes the exchange that is under way fail, wherever it is stuck, and every later one as well;
+  // returns without waiting for a lock that is held during an exchange. The device calls it before
+  // it waits for the handlers and before `shutdown`.
+  virtual void endExchanges() noexcept = 0;
 
   // One handler per I/O control. Each completes the request exactly once, or keeps it waiting,
   // marked cancelable. Lengths are in bytes. A null request is logged and nothing else happens.

@@ -46,6 +46,11 @@ PipeReader& LinkTest::start(const AgentLinkTimes& times, std::uint32_t index) {
 
 void LinkTest::stop() {
   if (reader_ == nullptr) return;
+  reader_->endExchanges();
+  destroy();
+}
+
+void LinkTest::destroy() {
   reader_->shutdown();
   device_.setReader(nullptr);
   reader_.reset();

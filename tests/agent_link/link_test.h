@@ -59,8 +59,10 @@ class LinkTest : public ::testing::Test {
   ~LinkTest() override;
 
   PipeReader& start(const AgentLinkTimes& times = {}, std::uint32_t index = 0);
-  // As the device does it: shut down, then destroyed.
+  // As the device does it: exchanges ended, shut down, then destroyed.
   void stop();
+  // Without the end of exchanges: what is under way is the destructor's to end.
+  void destroy();
   PipeReader& reader() { return *reader_; }
 
   // A waiting insertion (or removal) request; returns when it is in its list.

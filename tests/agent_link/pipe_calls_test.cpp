@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <future>
 #include <thread>
 
@@ -35,11 +36,17 @@ class PipeCallsTest : public ::testing::Test {
     return read ? 0 : platform::lastError();
   }
 
+  std::uint32_t connectOnce() {
+    const bool connected = calls_.run(calls_.beginConnect(), [&] { return gaps_.connect(pipe_); });
+    return connected ? 0 : platform::lastError();
+  }
+
   ScriptedPipes pipes_;
   GapPipes gaps_{pipes_};
   ScopedPipes scoped_{gaps_};
   PipeCalls calls_;
   const platform::PipeHandleValue pipe_;
+  const PipeHandle handle_{pipe_};
 };
 
 TEST_F(PipeCallsTest, TheCallsResultAndLastErrorComeBack) {
@@ -135,6 +142,78 @@ TEST_F(PipeCallsTest, StoppingAloneEndsNoCallAndClosingThenDoes) {
   EXPECT_TRUE(pipes_.calls(PipeCallKind::Cancel).empty());
   EXPECT_TRUE(calls_.close(pipe_));
   EXPECT_EQ(read.get(), kAborted);
+}
+
+TEST_F(PipeCallsTest, EndOfExchangesWithNoneInFlightCancelsNothing) {
+  calls_.endExchanges(handle_);
+  EXPECT_TRUE(pipes_.calls(PipeCallKind::Cancel).empty());
+}
+
+TEST_F(PipeCallsTest, EndOfExchangesRefusesTheOnesBegunBeforeAndTheLaterOnesForGood) {
+  const PipeCalls::Series before = calls_.beginSeries();
+  calls_.endExchanges(handle_);
+  EXPECT_FALSE(runs(before));
+  EXPECT_FALSE(runs(calls_.beginSeries()));
+  calls_.close(pipe_);
+  calls_.reopen();
+  EXPECT_FALSE(runs(calls_.beginSeries()));
+  EXPECT_TRUE(runs(calls_.beginConnect()));
+}
+
+TEST_F(PipeCallsTest, EndOfExchangesLeavesAWaitForAClientAlone) {
+  pipes_.holdConnect("pipe");
+  auto connect = std::async(std::launch::async, [&] { return connectOnce(); });
+  ASSERT_TRUE(pipes_.waitUntilBlocked("pipe"));
+  calls_.endExchanges(handle_);
+  EXPECT_TRUE(pipes_.calls(PipeCallKind::Cancel).empty());
+  EXPECT_TRUE(calls_.endSeries(pipe_));
+  EXPECT_EQ(connect.get(), kAborted);
+}
+
+TEST_F(PipeCallsTest, EndOfExchangesEndsABlockedCall) {
+  const PipeCalls::Series series = calls_.beginSeries();
+  auto read = std::async(std::launch::async, [&] { return readOnce(series); });
+  ASSERT_TRUE(pipes_.waitUntilBlocked("pipe"));
+  calls_.endExchanges(handle_);
+  EXPECT_EQ(read.get(), kAborted);
+}
+
+TEST_F(PipeCallsTest, EndOfExchangesEndsACallInTheGapBeforeItBlocks) {
+  const PipeCalls::Series series = calls_.beginSeries();
+  gaps_.holdNext(GapPipes::Call::Read, "pipe");
+  auto read = std::async(std::launch::async, [&] { return readOnce(series); });
+  ASSERT_TRUE(gaps_.waitUntilHeld());
+  auto end = std::async(std::launch::async, [&] { calls_.endExchanges(handle_); });
+  ASSERT_TRUE(gaps_.waitForMissedCancels("pipe", 2));
+  gaps_.letGo();
+  EXPECT_EQ(read.get(), kAborted);
+  end.get();
+}
+
+// A time-out has ended the series, and its call is still on its way into the pipe.
+TEST_F(PipeCallsTest, EndOfExchangesWaitsForCallsOfEndedSeriesToo) {
+  const PipeCalls::Series series = calls_.beginSeries();
+  gaps_.holdNext(GapPipes::Call::Read, "pipe");
+  std::atomic<bool> left{false};
+  auto read = std::async(std::launch::async, [&] {
+    return calls_.run(series, [&] {
+      char byte = 0;
+      const bool result = gaps_.read(pipe_, &byte, 1);
+      left = true;
+      return result;
+    });
+  });
+  ASSERT_TRUE(gaps_.waitUntilHeld());
+  auto timeOut = std::async(std::launch::async, [&] { return calls_.endSeries(pipe_); });
+  ASSERT_TRUE(gaps_.waitForMissedCancels("pipe", 1));
+  auto end = std::async(std::launch::async, [&] {
+    calls_.endExchanges(handle_);
+    EXPECT_TRUE(left);
+  });
+  gaps_.letGo();
+  EXPECT_FALSE(read.get());
+  EXPECT_FALSE(timeOut.get());
+  end.get();
 }
 
 TEST_F(PipeCallsTest, ACallThatThrowsIsNoLongerInFlight) {

@@ -27,8 +27,9 @@ TEST(DispatchGate, AdmitsSeveralAtOnceWhileOpen) {
 TEST(DispatchGate, ClosedAdmitsNobodyAndMayBeClosedAgain) {
   DispatchGate gate;
   gate.open();
-  gate.closeAndWait();
-  gate.closeAndWait();
+  gate.close();
+  gate.close();
+  gate.awaitEmpty();
   EXPECT_FALSE(DispatchGate::Pass(gate).admitted());
   gate.open();
   EXPECT_TRUE(DispatchGate::Pass(gate).admitted());
@@ -41,13 +42,23 @@ TEST(DispatchGate, PassThatWasRefusedDoesNotLeave) {
     const DispatchGate::Pass inside(gate);
     ASSERT_TRUE(inside.admitted());
   }
-  gate.closeAndWait();
+  gate.close();
   { const DispatchGate::Pass refused(gate); }
   gate.open();
-  gate.closeAndWait();  // would wait for ever where the refused one had been counted
+  gate.close();
+  gate.awaitEmpty();  // would wait for ever where the refused one had been counted
 }
 
-TEST(DispatchGate, ClosingWaitsForTheLastOneInside) {
+TEST(DispatchGate, ClosingDoesNotWaitForThoseInsideAndLetsNobodyElseIn) {
+  DispatchGate gate;
+  gate.open();
+  const DispatchGate::Pass inside(gate);
+  gate.close();  // on the thread that is inside: would wait for ever
+  EXPECT_TRUE(inside.admitted());
+  EXPECT_FALSE(DispatchGate::Pass(gate).admitted());
+}
+
+TEST(DispatchGate, TheLastOneInsideIsAwaited) {
   DispatchGate gate;
   gate.open();
   std::promise<void> inside;
@@ -60,8 +71,9 @@ TEST(DispatchGate, ClosingWaitsForTheLastOneInside) {
     left = true;
   });
   inside.get_future().wait();
+  gate.close();
   std::thread closer([&] {
-    gate.closeAndWait();
+    gate.awaitEmpty();
     EXPECT_TRUE(left);
   });
   leave.set_value();
@@ -86,7 +98,8 @@ TEST(DispatchGate, NobodyIsInsideWhileItIsClosed) {
     });
   }
   for (int round = 0; round < 500; ++round) {
-    gate.closeAndWait();
+    gate.close();
+    gate.awaitEmpty();
     ++shared;
     ++shared;
     gate.open();

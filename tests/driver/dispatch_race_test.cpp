@@ -81,6 +81,38 @@ TEST_F(DispatchRace, AllControlsAtOnce) {
   EXPECT_TRUE(reader_->pendingRemove_.empty());
 }
 
+// Whoever has got in stays until the exchanges are ended, and comes in before, during or after
+// that.
+TEST_F(DispatchRace, ShutdownRacesExchangesThatOnlyItEnds) {
+  for (int round = 0; round < 300; ++round) {
+    takeDown();
+    platform::Mutex mutex;
+    platform::ConditionVariable changed;
+    bool ended = false;
+    story_.onCheck = [&] {
+      platform::MutexLock lock(mutex);
+      changed.wait(lock, [&] { return ended; });
+    };
+    story_.onEndExchanges = [&] {
+      const platform::MutexLock lock(mutex);
+      ended = true;
+      changed.notifyAll();
+    };
+    bringUp();
+    const auto first = make();
+    const auto second = make();
+    std::thread sender([&] { dispatch(first.get(), IOCTL_SMARTCARD_IS_ABSENT, {}); });
+    std::thread stopper([&] { device_->OnQueryRemove(wdfDevice()); });
+    dispatch(second.get(), IOCTL_SMARTCARD_IS_ABSENT, {});
+    sender.join();
+    stopper.join();
+    ASSERT_TRUE(first->outcome()->completed());
+    ASSERT_TRUE(second->outcome()->completed());
+    story_.onCheck = nullptr;
+    story_.onEndExchanges = nullptr;
+  }
+}
+
 TEST_F(DispatchRace, ShutdownRacesDispatchAndCancel) {
   for (int round = 0; round < 300; ++round) {
     takeDown();

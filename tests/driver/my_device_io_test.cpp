@@ -245,42 +245,42 @@ class GateKeeping : public Dispatch {
  protected:
   // Runs `operation` while a control is inside; gives the readers' story up to that control's end.
   template <typename Operation>
-  std::vector<std::string> runWhileInside(const std::string& operationName, Operation operation) {
+  std::vector<std::string> runWhileInside(Operation operation) {
     std::promise<void> inside;
+    std::promise<void> ended;
     std::promise<void> leave;
     story_.onCheck = [&] {
       inside.set_value();
       leave.get_future().wait();
     };
+    story_.onEndExchanges = [&] { ended.set_value(); };
     std::thread sender([&] { EXPECT_EQ(send(IOCTL_SMARTCARD_IS_ABSENT)->status(), 0u); });
     inside.get_future().wait();
     std::thread operating(operation);
-    EXPECT_TRUE(log_.waitFor("Start section:" + operationName));
-    // Until the gate is closed a control may still get in; afterwards it is refused.
-    while (send(IOCTL_SMARTCARD_GET_LAST_ERROR)->status() != kInvalidState) {
-    }
+    ended.get_future().wait();
+    // The gate was closed before: nobody gets in to begin an exchange that is not ended.
+    EXPECT_EQ(send(IOCTL_SMARTCARD_GET_LAST_ERROR)->status(), kInvalidState);
     const auto before = story_.taken();
     leave.set_value();
     sender.join();
     operating.join();
+    story_.onCheck = nullptr;
+    story_.onEndExchanges = nullptr;
     return before;
   }
 };
 
-TEST_F(GateKeeping, ShutDownWaitsForAControlInsideAndRefusesLaterOnes) {
-  const auto before =
-      runWhileInside("CMyDevice::shutDown", [&] { device_->OnQueryStop(wdfDevice()); });
-  EXPECT_THAT(before, testing::IsEmpty());
+TEST_F(GateKeeping, ShutDownEndsExchangesWaitsForAControlInsideAndRefusesLaterOnes) {
+  const auto before = runWhileInside([&] { device_->OnQueryStop(wdfDevice()); });
+  EXPECT_THAT(before, ElementsAre("exchanges ended 0"));
   EXPECT_THAT(story_.taken(), ElementsAre("shut down 0", "destroyed 0"));
 }
 
 TEST_F(GateKeeping, EnteringTheWorkingStateAgainWaitsForAControlInside) {
-  const auto before = runWhileInside("CMyDevice::OnD0Entry", [&] {
-    EXPECT_EQ(device_->OnD0Entry(wdfDevice(), framework::kPowerDeviceD3Final), 0);
-  });
-  EXPECT_THAT(before, testing::IsEmpty());
+  const auto before = runWhileInside(
+      [&] { EXPECT_EQ(device_->OnD0Entry(wdfDevice(), framework::kPowerDeviceD3Final), 0); });
+  EXPECT_THAT(before, ElementsAre("exchanges ended 0"));
   EXPECT_THAT(story_.taken(), ElementsAre("destroyed 0", "made 0"));
-  story_.onCheck = nullptr;
   EXPECT_EQ(send(IOCTL_SMARTCARD_IS_ABSENT)->status(), 0u);  // open again
 }
 

@@ -174,7 +174,7 @@ TEST_F(WorkingState, EnteredCreatesTheReader) {
 TEST_F(WorkingState, EnteredAgainDestroysTheFormerReaderFirst) {
   ASSERT_EQ(enter(), 0);
   EXPECT_EQ(enter(), 0);
-  EXPECT_THAT(story_.taken(), ElementsAre("made 0", "destroyed 0", "made 0"));
+  EXPECT_THAT(story_.taken(), ElementsAre("made 0", "exchanges ended 0", "destroyed 0", "made 0"));
 }
 
 TEST_F(WorkingState, ReaderThatCannotBeMadeIsAnInvalidArgument) {
@@ -208,7 +208,7 @@ TEST_P(WaysOut, ShutTheReadersDownThenDestroyThemThenCleanWinsockUp) {
   log_.clear();
   story_.onShutdown = [&] { EXPECT_EQ(winsock_.cleanups(), 0); };
   EXPECT_EQ(GetParam().call(*device_, wdfDevice()), 0);
-  EXPECT_THAT(story_.taken(), ElementsAre("shut down 0", "destroyed 0"));
+  EXPECT_THAT(story_.taken(), ElementsAre("exchanges ended 0", "shut down 0", "destroyed 0"));
   EXPECT_EQ(winsock_.cleanups(), 1);
   const auto records = log_.records();
   ASSERT_GE(records.size(), 4u);
@@ -250,7 +250,7 @@ TEST_F(WorkingState, QueryStopThenExitShutsDownTwice) {
   story_.taken();
   EXPECT_EQ(device_->OnQueryStop(wdfDevice()), 0);
   EXPECT_EQ(leave(), 0);
-  EXPECT_THAT(story_.taken(), ElementsAre("shut down 0", "destroyed 0"));
+  EXPECT_THAT(story_.taken(), ElementsAre("exchanges ended 0", "shut down 0", "destroyed 0"));
   EXPECT_EQ(winsock_.cleanups(), 2);
   EXPECT_EQ(winsock_.startups(), 1);
 }
@@ -270,7 +270,7 @@ TEST_F(WorkingState, ReaderThatFailsToShutDownIsDestroyedNevertheless) {
   story_.taken();
   story_.onShutdown = [] { throw std::runtime_error("broken"); };
   EXPECT_EQ(leave(), 0);
-  EXPECT_THAT(story_.taken(), ElementsAre("shut down 0", "destroyed 0"));
+  EXPECT_THAT(story_.taken(), ElementsAre("exchanges ended 0", "shut down 0", "destroyed 0"));
   EXPECT_THAT(log_.errors(), ElementsAre(error(0x8007001F, "CMyDevice::shutDown: broken")));
   EXPECT_EQ(winsock_.cleanups(), 1);
 }

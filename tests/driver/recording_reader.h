@@ -28,6 +28,7 @@ struct ReaderStory {
   std::vector<std::string> events;
   std::atomic<QueryResult> checkResult{QueryResult::Failure};
   std::function<void()> onCheck;
+  std::function<void()> onEndExchanges;
   std::function<void()> onShutdown;
   std::function<void()> onDestroy;
   std::function<void()> onTransmit;
@@ -63,6 +64,10 @@ class RecordingReader final : public Reader {
     if (story_.onShutdown) story_.onShutdown();
   }
   std::uint32_t serverThread() override { return 0; }
+  void endExchanges() noexcept override {
+    story_.note("exchanges ended " + std::to_string(unitNumber()));
+    if (story_.onEndExchanges) story_.onEndExchanges();
+  }
 
   using Reader::pendingInsert_;
   using Reader::pendingRemove_;

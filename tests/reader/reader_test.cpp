@@ -33,6 +33,7 @@ class DevicelessReader final : public Reader {
   bool NotifyCardReady() override { return false; }
   void shutdown() override {}
   std::uint32_t serverThread() override { return 0; }
+  void endExchanges() noexcept override {}
 };
 
 TEST(ReaderConstruction, WithoutDeviceThrows) {

@@ -54,6 +54,7 @@ class ScriptedReader final : public Reader {
 
   void shutdown() override {}
   std::uint32_t serverThread() override { return 0; }
+  void endExchanges() noexcept override {}
 
   using Reader::cardReady;
   using Reader::currentProtocol;
