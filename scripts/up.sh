@@ -43,8 +43,6 @@ fi
 readonly PIN=12345678
 readonly CHECK=$check
 readonly LOGS=$ZELTA_RUN_DIR/data/Vornhalt/ZeltaAgent/logs
-agent_pid=
-pcscd_pid=
 own_run_pcscd=no
 made_run_pcscd=no
 
@@ -52,7 +50,6 @@ made_run_pcscd=no
 # signals can lose one, so it is told again.
 end_process() {
   local pid=$1
-  [ -n "$pid" ] || return 0
   for _ in TERM TERM TERM TERM; do
     kill -TERM "$pid" 2>/dev/null || break
     timeout 2.5 tail --pid="$pid" -f /dev/null && break
@@ -62,12 +59,13 @@ end_process() {
 }
 
 clean_up() {
-  local code=$?
+  local code=$? pid
   trap '' INT TERM
   trap - EXIT
   case "$code" in 0 | 130 | 143) ;; *) show_logs ;; esac
-  end_process "$pcscd_pid"
-  end_process "$agent_pid"
+  # The shell's own list: an interruption may come before a variable has a process's id. The last
+  # one first.
+  for pid in $(jobs -p | tac); do end_process "$pid"; done
   rm -rf "$ZELTA_RUN_DIR"
   rmdir "$(dirname "$ZELTA_RUN_DIR")" 2>/dev/null || true
   # What a pcscd that had to be killed leaves would look like the system's to the next one.
@@ -93,10 +91,10 @@ prepare_run_dir() {
   elif [ -e "$ZELTA_RUN_DIR" ]; then
     rmdir "$ZELTA_RUN_DIR" 2>/dev/null || die "$ZELTA_RUN_DIR is not empty and not of ./zelta up"
   fi
-  mkdir -p "$ZELTA_RUN_DIR"
   trap clean_up EXIT
   trap 'exit 130' INT
   trap 'exit 143' TERM
+  mkdir -p "$ZELTA_RUN_DIR"
   chmod 0755 "$ZELTA_RUN_DIR"
   # Locked for as long as anything of this runs: `down` waits for it.
   exec {lock}>"$ZELTA_RUN_DIR/up.pid"

@@ -5,6 +5,7 @@ import pathlib
 import re
 import signal
 import subprocess
+import tempfile
 import threading
 import unittest
 
@@ -154,14 +155,15 @@ class ZeltaCommand(unittest.TestCase):
         self.lines = []
 
     def tearDown(self):
-        if self.up is not None and self.up.poll() is None:
-            self.up.send_signal(signal.SIGTERM)
-            self.up.wait(stack.LIMIT)
+        if self.up is not None:
+            if self.up.poll() is None:
+                self.up.send_signal(signal.SIGTERM)
+            self.up.communicate(timeout=stack.LIMIT)
 
     def zelta(self, *words, **options):
         return run(stack.SOURCE / "zelta", *words, **options)
 
-    def start(self):
+    def start(self, until="Ctrl-C ends it."):
         self.up = subprocess.Popen([stack.SOURCE / "zelta", "up", "--run-only"],
                                    stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                    stderr=subprocess.STDOUT, text=True, start_new_session=True)
@@ -169,16 +171,42 @@ class ZeltaCommand(unittest.TestCase):
         timer.start()
         for line in self.up.stdout:
             self.lines.append(line)
-            if "Ctrl-C ends it." in line:
+            if until in line:
                 timer.cancel()
                 return
         self.fail("up ended:\n" + "".join(self.lines))
+
+    def press_ctrl_c(self):
+        """As a terminal does: the whole process group hears of it. Gives the exit code."""
+        os.killpg(self.up.pid, signal.SIGINT)
+        self.up.communicate(timeout=stack.LIMIT)
+        return self.up.returncode
+
+    def assert_run_is_clean(self):
+        # mount(8) has a folder of its own there.
+        self.assertEqual(set(os.listdir("/run")) - {"mount"}, {"pcscd"})
+
+    def assert_nothing_left(self):
+        self.assert_run_is_clean()
+        processes = run("ps", "-o", "stat=,comm=", "-s", self.up.pid, check=False).stdout
+        # One that has ended may be waiting for the system's first process to notice.
+        self.assertEqual([line for line in processes.splitlines() if line[0] != "Z"], [])
+
+    def start_system_pcscd(self):
+        """One without readers, where the system's is. Ended behind the test."""
+        folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        (folder / "reader.conf.d").mkdir()
+        pcscd = stack.Process(["pcscd", "--foreground", "--config", folder / "reader.conf.d"],
+                              folder / "pcscd.log", dict(os.environ))
+        self.addCleanup(pcscd.end)
+        stack.wait_until(lambda: os.path.exists("/run/pcscd/pcscd.comm"), "pcscd's socket")
+        return pcscd
 
     def test_up_check_signs_and_ends_with_nothing_left(self):
         text = self.zelta("up", "--run-only", "--check").stdout
         self.assertIn("All signatures are good.", text)
         self.assertEqual(text.count("good signature"), 3)
-        self.assertEqual(os.listdir("/run"), ["pcscd"])
+        self.assert_run_is_clean()
 
     def test_up_stays_until_interrupted_and_leaves_nothing(self):
         self.start()
@@ -186,11 +214,36 @@ class ZeltaCommand(unittest.TestCase):
         self.assertIn("Reader: Zelta Virtual SmartCard Reader 00 00", text)
         self.assertIn("ATR:    3b:", text)
         self.assertIn("ssh-keygen -D", text)
-        self.up.send_signal(signal.SIGINT)
-        self.assertEqual(self.up.wait(stack.LIMIT), 0)
-        self.assertEqual(os.listdir("/run"), ["pcscd"])
-        left = run("ps", "-o", "comm=", "-s", str(self.up.pid), check=False)
-        self.assertEqual(left.stdout, "")
+        self.assertEqual(self.press_ctrl_c(), 0)
+        self.assert_nothing_left()
+
+    def test_up_interrupted_on_its_way_leaves_nothing(self):
+        for line in ("Making the demo card", "Starting the agent", "Waiting for the card"):
+            self.start(until=line)
+            self.assertEqual(self.press_ctrl_c(), 130, line)
+            self.assert_nothing_left()
+
+    def test_up_beside_the_systems_pcscd_leaves_that_alone(self):
+        system = self.start_system_pcscd()
+        text = self.zelta("up", "--run-only", "--check").stdout
+        self.assertEqual(text.count("good signature"), 3)
+        self.assert_run_is_clean()
+        self.assertIsNone(system.process.poll())
+        self.assertIn("No smart card readers found.", run("opensc-tool", "-l").stdout)
+
+    def test_reader_beside_the_systems_pcscd_is_reached_as_up_says(self):
+        system = self.start_system_pcscd()
+        self.start()
+        said = re.search(r"export (PCSCLITE_CSOCK_NAME)=(\S+)", "".join(self.lines))
+        reader = "Zelta Virtual SmartCard Reader 00 00"
+        own = run("opensc-tool", "-l", env=dict(os.environ, **{said.group(1): said.group(2)}))
+        self.assertIn(reader, own.stdout)
+        self.assertNotIn(reader, run("opensc-tool", "-l").stdout)
+        self.assertIn("State:  card present", self.zelta("status").stdout)
+        self.assertEqual(self.press_ctrl_c(), 0)
+        self.assert_nothing_left()
+        self.assertIsNone(system.process.poll())
+        self.assertIn("No smart card readers found.", run("opensc-tool", "-l").stdout)
 
     def test_status_card_and_down_reach_the_running_reader(self):
         self.start()
