@@ -3,7 +3,7 @@
 
 ZELTA_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 ZELTA_RUN_DIR=${ZELTA_RUN_DIR:-/run/zelta/up}
-ZELTA_BUILD_DIR=${ZELTA_BUILD_DIR:-$ZELTA_ROOT/build}
+ZELTA_BUILD_DIR=$(realpath --canonicalize-missing "${ZELTA_BUILD_DIR:-$ZELTA_ROOT/build}")
 export ZELTA_RUN_DIR ZELTA_BUILD_DIR
 
 # shellcheck source=scripts/packages.sh
@@ -52,17 +52,36 @@ need_packages() {
     apt-get -qq -y -o Dpkg::Use-Pty=0 install --no-install-recommends "${missing[@]}" >/dev/null
 }
 
+# build_folder PRESET: `build` for the release, `build-<preset>` for the others, or what
+# ZELTA_BUILD_DIR has in the place of `build`.
+build_folder() {
+  case "$1" in
+    release) printf '%s' "$ZELTA_BUILD_DIR" ;;
+    *) printf '%s' "$ZELTA_BUILD_DIR-$1" ;;
+  esac
+}
+
+# configure PRESET: a folder that somebody has configured with another generator keeps it.
+configure() {
+  local folder generator
+  folder=$(build_folder "$1")
+  generator=$(sed -n 's/^CMAKE_GENERATOR:INTERNAL=//p' "$folder/CMakeCache.txt" 2>/dev/null || true)
+  cd "$ZELTA_ROOT" || return
+  cmake --preset "$1" -B "$folder" ${generator:+-G "$generator"}
+}
+
 # build_preset PRESET [TARGET...]: configures and builds; quiet unless it fails.
 build_preset() {
   local preset=$1 log
   shift
   log=$(mktemp)
   step "Building ($preset)"
-  (cd "$ZELTA_ROOT" && cmake --preset "$preset" &&
-    cmake --build --preset "$preset" ${1:+--target "$@"}) >"$log" 2>&1 || {
+  { (configure "$preset") &&
+    cmake --build "$(build_folder "$preset")" --parallel "$(nproc)" ${1:+--target "$@"}
+  } >"$log" 2>&1 || {
     tail -n 60 "$log" >&2
     rm -f "$log"
-    die "the build failed"
+    die "the build in $(build_folder "$preset") failed"
   }
   rm -f "$log"
 }
