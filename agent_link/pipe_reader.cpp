@@ -137,8 +137,16 @@ std::uint32_t PipeReader::connectPipe(PipeCalls& calls, const PipeHandle& pipe, 
   if (code == error::kPipeConnected || code == error::kIoPending) return error::kSuccess;
   logError(code, "%s named pipe NOT connected", which);
   // A client that came and went before it was let in bars the pipe until it is dropped.
-  if (code == error::kNoData) platform::ports().pipes->disconnect(pipe.get());
+  if (code == error::kNoData) dropVanishedClient(calls, pipe);
   return code;
+}
+
+// An exchange that was begun with that client must not go on with the next.
+void PipeReader::dropVanishedClient(PipeCalls& calls, const PipeHandle& pipe) {
+  const platform::MutexLock lock(pipeMutex_);
+  calls.close(pipe.get());
+  platform::ports().pipes->disconnect(pipe.get());
+  calls.reopen();
 }
 
 void PipeReader::endExchanges() noexcept { commandCalls_.endExchanges(commandPipe_); }

@@ -78,7 +78,8 @@ class PipeReader final : public Reader {
   static bool createPipe(const std::string& name, platform::SecurityDescriptor descriptor,
                          PipeHandle& pipe);
   std::uint32_t connectPipes();
-  static std::uint32_t connectPipe(PipeCalls& calls, const PipeHandle& pipe, const char* which);
+  std::uint32_t connectPipe(PipeCalls& calls, const PipeHandle& pipe, const char* which);
+  void dropVanishedClient(PipeCalls& calls, const PipeHandle& pipe);
   void disconnectPipes();
   void stopServer();
 
