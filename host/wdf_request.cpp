@@ -94,19 +94,29 @@ void WdfRequest::GetFileObject(framework::IWDFFile** file) { give(file_, file); 
 void WdfRequest::GetIoQueue(framework::IWDFIoQueue** queue) { give(queue_, queue); }
 
 void WdfRequest::MarkCancelable(framework::IRequestCallbackCancel* callback) {
-  {
-    MutexLock lock(mutex_);
-    if (callback == nullptr || completed_ || cancelCallback_ || handedToCallback_) {
+  switch (mark(callback)) {
+    case Marking::kMarked:
+      break;
+    case Marking::kCancelledBefore:
+      callback->OnCancel(this);
+      break;
+    case Marking::kAgainstTheRules:
       errors().report("driver marked a request cancelable that is completed, marked or cancelled");
-      return;
-    }
-    if (!cancelled_) {
-      cancelCallback_ = ComPtr<framework::IRequestCallbackCancel>(callback);
-      return;
-    }
-    handedToCallback_ = true;
+      break;
   }
-  callback->OnCancel(this);
+}
+
+WdfRequest::Marking WdfRequest::mark(framework::IRequestCallbackCancel* callback) {
+  MutexLock lock(mutex_);
+  if (callback == nullptr || completed_ || cancelCallback_ || handedToCallback_) {
+    return Marking::kAgainstTheRules;
+  }
+  if (cancelled_) {
+    handedToCallback_ = true;
+    return Marking::kCancelledBefore;
+  }
+  cancelCallback_ = ComPtr<framework::IRequestCallbackCancel>(callback);
+  return Marking::kMarked;
 }
 
 HRESULT WdfRequest::UnmarkCancelable() {

@@ -88,7 +88,10 @@ class WdfRequest final : public WdfObject<WdfRequest, framework::IWDFIoRequest> 
 
  private:
   friend class WdfObject<WdfRequest, framework::IWDFIoRequest>;
+  enum class Marking { kMarked, kCancelledBefore, kAgainstTheRules };
+
   void disposeChildren();
+  Marking mark(framework::IRequestCallbackCancel* callback) ZELTA_EXCLUDES(mutex_);
   // False where the request was completed before. `this` may be gone afterwards.
   bool finish(framework::HRESULT status, std::size_t information, bool withOutput)
       ZELTA_EXCLUDES(mutex_);

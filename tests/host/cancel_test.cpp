@@ -1,4 +1,5 @@
 // Cancellation: exactly one of the driver's release and its cancel callback completes a request.
+#include <future>
 #include <thread>
 
 #include "tests/host/host_fixture.h"
@@ -8,6 +9,7 @@ namespace zelta::host {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 class CancelTest : public HostTest {
@@ -62,6 +64,24 @@ TEST_F(CancelTest, RequestThatIsNeverMarkedIsCompletedByTheDriver) {
   ASSERT_TRUE(operation->wait(kLong));
   EXPECT_EQ(operation->result().status, framework::kOk);
   EXPECT_EQ(counter(fake::kCancels), 0u);
+}
+
+TEST_F(CancelTest, SecondMarkIsReportedWithNothingOfTheRequestsHeld) {
+  std::promise<std::shared_ptr<IoOperation>> marked;
+  std::shared_future<std::shared_ptr<IoOperation>> request = marked.get_future();
+  HostOptions cancelling;
+  cancelling.driverError = [this, request](const std::string& text) {
+    request.get()->cancel();  // needs what would be held
+    platform::MutexLock lock(mutex_);
+    errors_.push_back(text);
+  };
+  host_ = DriverHost::load(FAKE_DRIVER, cancelling);
+  start();
+  marked.set_value(submit(fake::kMarkTwice));
+  ASSERT_TRUE(request.get()->wait(kLong));
+  EXPECT_EQ(request.get()->result().status, kCancelledStatus);
+  host_->tearDown();
+  EXPECT_THAT(errors(), ElementsAre(HasSubstr("marked a request cancelable")));
 }
 
 TEST_F(CancelTest, ReleaseRacingWithCancelCompletesEachRequestOnce) {

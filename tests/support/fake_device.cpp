@@ -103,6 +103,7 @@ void FakeDevice::OnDeviceIoControl(framework::IWDFIoQueue* queue, IWDFIoRequest*
       request->CompleteWithInformation(framework::kOk, unexpectedSuccesses(*queue, *request));
       break;
     case kWait:
+    case kMarkTwice:
     case kWaitForEver:
     case kReleaseWaiting:
     case kBlock:
@@ -177,6 +178,11 @@ void FakeDevice::waiting(IWDFIoRequest& request, ULONG code) {
   switch (code) {
     case kWait:
       return wait(request);
+    case kMarkTwice: {
+      const ComPtr<IWDFIoRequest> keep(&request);
+      wait(request);
+      return request.MarkCancelable(this);
+    }
     case kWaitForEver: {
       request.AddRef();
       MutexLock lock(mutex_);

@@ -43,6 +43,7 @@ enum Control : std::uint32_t {
   kParameters,           // out: code, input and output length as the request tells them
   kContexts,             // out: the statuses of four context calls (see fake_driver.cpp)
   kWait,                 // waits, cancelable
+  kMarkTwice,            // waits, cancelable; marks the request once more, against the rules
   kWaitForEver,          // waits, not cancelable, until OnDeinitialize
   kReleaseWaiting,       // in: status; completes what waits; out: completed, refused
   kBlock,                // stays in the dispatch callback until kUnblock
