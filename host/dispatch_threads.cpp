@@ -1,5 +1,6 @@
 #include "host/dispatch_threads.h"
 
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -15,24 +16,34 @@ DispatchThreads::~DispatchThreads() {
   join();
 }
 
-DispatchThreads::PostResult DispatchThreads::post(Request& request) {
+DispatchThreads::PostResult DispatchThreads::post(Request& request) noexcept {
   MutexLock lock(mutex_);
   if (stopped_) return PostResult::kStopped;
-  if (!growFor(waiting_.size() + 1)) return PostResult::kNoThread;
-  waiting_.push_back(std::move(request));
+  if (!growFor(waiting_.size() + 1)) return PostResult::kNoMemory;
+  try {
+    waiting_.push_back(std::move(request));
+  } catch (const std::bad_alloc&) {
+    return PostResult::kNoMemory;
+  }
   changed_.notifyOne();
   return PostResult::kAccepted;
 }
 
-bool DispatchThreads::growFor(std::size_t waiting) {
+bool DispatchThreads::growFor(std::size_t waiting) noexcept {
   if (waiting <= idle_ || threads_.size() >= maximum_) return true;
+  // Without a new one the request waits for one of the threads that there are.
+  return makeThread() || !threads_.empty();
+}
+
+bool DispatchThreads::makeThread() noexcept {
   try {
     threads_.emplace_back([this] { run(); });
+    return true;
   } catch (const std::system_error&) {
-    // The request waits for one of the threads that there are.
-    return !threads_.empty();
+    return false;
+  } catch (const std::bad_alloc&) {
+    return false;
   }
-  return true;
 }
 
 void DispatchThreads::run() {
@@ -51,8 +62,8 @@ void DispatchThreads::run() {
   }
 }
 
-std::deque<DispatchThreads::Request> DispatchThreads::close() {
-  std::deque<Request> unbegun;
+std::list<DispatchThreads::Request> DispatchThreads::close() noexcept {
+  std::list<Request> unbegun;
   MutexLock lock(mutex_);
   stopped_ = true;
   unbegun.swap(waiting_);
@@ -60,7 +71,7 @@ std::deque<DispatchThreads::Request> DispatchThreads::close() {
   return unbegun;
 }
 
-void DispatchThreads::join() {
+void DispatchThreads::join() noexcept {
   std::vector<std::thread> threads;
   {
     MutexLock lock(mutex_);

@@ -6,8 +6,8 @@
 #pragma once
 
 #include <cstddef>
-#include <deque>
 #include <functional>
+#include <list>
 #include <thread>
 #include <vector>
 
@@ -19,24 +19,26 @@ class DispatchThreads {
  public:
   using Request = framework::ComPtr<WdfRequest>;
   using Handler = std::function<void(Request)>;
-  enum class PostResult { kAccepted, kStopped, kNoThread };
+  enum class PostResult { kAccepted, kStopped, kNoMemory };
 
   DispatchThreads(std::size_t maximum, Handler handler);
   ~DispatchThreads();
   DispatchThreads(const DispatchThreads&) = delete;
   DispatchThreads& operator=(const DispatchThreads&) = delete;
 
-  // Takes the caller's reference where it accepts the request.
-  PostResult post(Request& request) ZELTA_EXCLUDES(mutex_);
+  // Takes the caller's reference where it accepts the request. `kNoMemory`: there is none to keep
+  // the request, or there is no thread at all and none can be made.
+  PostResult post(Request& request) noexcept ZELTA_EXCLUDES(mutex_);
   // Nothing is taken or begun any more. Gives back the requests that no thread has begun.
-  std::deque<Request> close() ZELTA_EXCLUDES(mutex_);
+  std::list<Request> close() noexcept ZELTA_EXCLUDES(mutex_);
   // After `close`: waits for the requests that are being handled, and ends the threads.
-  void join() ZELTA_EXCLUDES(mutex_);
+  void join() noexcept ZELTA_EXCLUDES(mutex_);
 
  private:
   void run() ZELTA_EXCLUDES(mutex_);
   // False where there is no thread at all for the new request.
-  bool growFor(std::size_t waiting) ZELTA_REQUIRES(mutex_);
+  bool growFor(std::size_t waiting) noexcept ZELTA_REQUIRES(mutex_);
+  bool makeThread() noexcept ZELTA_REQUIRES(mutex_);
 
   const std::size_t maximum_;
   const Handler handler_;
@@ -44,7 +46,7 @@ class DispatchThreads {
   platform::ConditionVariable changed_;
   bool stopped_ ZELTA_GUARDED_BY(mutex_) = false;
   std::size_t idle_ ZELTA_GUARDED_BY(mutex_) = 0;
-  std::deque<Request> waiting_ ZELTA_GUARDED_BY(mutex_);
+  std::list<Request> waiting_ ZELTA_GUARDED_BY(mutex_);  // an empty one needs no memory
   std::vector<std::thread> threads_ ZELTA_GUARDED_BY(mutex_);
 };
 

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -14,18 +15,24 @@ namespace zelta::host {
 
 class DriverErrors {
  public:
+  // May throw std::bad_alloc, nothing else.
   using Hook = std::function<void(const std::string&)>;
 
   explicit DriverErrors(Hook hook) : hook_(std::move(hook)) {}
 
-  // On the calling thread, often one of the driver's with its locks held.
-  void report(const std::string& text) const {
-    if (hook_) hook_(text);
+  // On the calling thread, often one of the driver's with its locks held. The text is the three
+  // together. An error that there is no memory to tell of is not told.
+  void report(const char* text, const char* more = "", const char* end = "") const noexcept {
+    if (!hook_) return;
+    try {
+      hook_(std::string(text) + more + end);
+    } catch (const std::bad_alloc&) {
+    }
   }
 
   // For a slot that no driver of ours uses: reports and gives the status to answer with.
-  framework::HRESULT notImplemented(const char* operation) const {
-    report(std::string("driver called ") + operation + ", which this host does not implement");
+  framework::HRESULT notImplemented(const char* operation) const noexcept {
+    report("driver called ", operation, ", which this host does not implement");
     return kNotImplemented;
   }
 

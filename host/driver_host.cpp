@@ -1,6 +1,7 @@
 #include "host/driver_host.h"
 
 #include <cstdio>
+#include <new>
 #include <utility>
 
 #include "host/driver_module.h"
@@ -68,7 +69,7 @@ class ModuleHost final : public DriverHost {
   }
 
   void bringUp() override;
-  void tearDown() override { takeDown(); }
+  void tearDown() noexcept override { takeDown(); }
   bool unload() override { return stage_ == Stage::kDown && module_.unload(); }
   std::shared_ptr<File> open(const std::wstring& name) override ZELTA_EXCLUDES(mutex_);
   std::vector<std::wstring> interfaces() const override ZELTA_EXCLUDES(mutex_);
@@ -80,12 +81,12 @@ class ModuleHost final : public DriverHost {
   void addDevice();
   void powerUp();
   void startIo() ZELTA_EXCLUDES(mutex_);
-  void takeDown() ZELTA_EXCLUDES(mutex_);
-  void stopIo() ZELTA_EXCLUDES(mutex_);
-  void powerDown();
+  void takeDown() noexcept ZELTA_EXCLUDES(mutex_);
+  void stopIo() noexcept ZELTA_EXCLUDES(mutex_);
+  void powerDown() noexcept;
   // Throws HostError where the driver's callback failed.
   void check(HRESULT result, const char* callback);
-  void note(HRESULT result, const char* callback) const;
+  void note(HRESULT result, const char* callback) const noexcept;
 
   const std::size_t maximumThreads_;
   const SharedDriverErrors errors_;
@@ -109,9 +110,9 @@ void ModuleHost::check(HRESULT result, const char* callback) {
   throw HostError(std::string(callback) + " of the driver failed with code " + codeText(result));
 }
 
-void ModuleHost::note(HRESULT result, const char* callback) const {
+void ModuleHost::note(HRESULT result, const char* callback) const noexcept {
   if (framework::succeeded(result)) return;
-  errors_->report(std::string(callback) + " failed with code " + codeText(result));
+  errors_->report(callback, " failed with code ", codeText(result).c_str());
 }
 
 void ModuleHost::bringUp() {
@@ -160,7 +161,7 @@ void ModuleHost::startIo() {
   openDevice_ = device_;
 }
 
-void ModuleHost::stopIo() {
+void ModuleHost::stopIo() noexcept {
   ComPtr<WdfDevice> device;
   {
     MutexLock lock(mutex_);
@@ -170,7 +171,7 @@ void ModuleHost::stopIo() {
   if (stopped_) stopped_->stop();
 }
 
-void ModuleHost::powerDown() {
+void ModuleHost::powerDown() noexcept {
   if (stage_ == Stage::kWorking && device_->pnp() != nullptr) {
     note(device_->pnp()->OnD0Exit(device_.get(), framework::kPowerDeviceD3Final), "OnD0Exit");
   }
@@ -179,7 +180,7 @@ void ModuleHost::powerDown() {
   }
 }
 
-void ModuleHost::takeDown() {
+void ModuleHost::takeDown() noexcept {
   if (stage_ == Stage::kDown) return;
   stopIo();
   if (device_) powerDown();
@@ -203,7 +204,12 @@ std::shared_ptr<File> ModuleHost::open(const std::wstring& name) {
   if (!openDevice_) return nullptr;
   ComPtr<WdfFile> file = openDevice_->openFile(name);
   if (!file) return nullptr;
-  return std::make_shared<FileHandle>(engine_, std::move(file));
+  try {
+    return std::make_shared<FileHandle>(engine_, file);
+  } catch (const std::bad_alloc&) {
+    openDevice_->closeFile(*file.get());
+    throw;
+  }
 }
 
 std::vector<std::wstring> ModuleHost::interfaces() const {

@@ -82,7 +82,9 @@ class File {
                            std::size_t outputCapacity, std::chrono::milliseconds limit) = 0;
   // Returns at once, never null. The input is copied. `completion` may be empty. A request that
   // cannot be begun is completed with `kDeviceGone`, with 0x8007000E where there is no memory for
-  // its buffers, or with 0x80070001 where the driver has no queue for I/O controls.
+  // its buffers or for a thread, or with 0x80070001 where the driver has no queue for I/O controls.
+  // Throws std::bad_alloc where there is no memory for the operation itself: nothing is begun then
+  // and nothing will be completed.
   virtual std::shared_ptr<IoOperation> submit(std::uint32_t code,
                                               const std::vector<std::uint8_t>& input,
                                               std::size_t outputCapacity,
@@ -91,7 +93,8 @@ class File {
 
 struct HostOptions {
   // Told of what the driver does against the framework's rules (a request completed twice, an
-  // operation that the host does not implement), on the driver's thread, often under its locks.
+  // operation that the host does not implement), on the driver's thread, often under its locks. May
+  // throw std::bad_alloc, which loses that text, and nothing else.
   // Empty: one line each on the standard error output.
   std::function<void(const std::string&)> driverError;
   // How many dispatch callbacks may run at the same time; further requests wait their turn.
@@ -111,8 +114,8 @@ class DriverHost {
   // Stops taking requests, waits for running dispatch and cancel callbacks, takes the device down
   // and releases it. Whatever the driver did not complete is completed with `kDeviceGone`. When it
   // returns no callback of the driver's is running on a thread of the host's or of its callers'.
-  // Harmless when already down.
-  virtual void tearDown() = 0;
+  // Needs no memory. Harmless when already down.
+  virtual void tearDown() noexcept = 0;
   // Asks the module and unloads it; false (still loaded) when it answered that it may not be, and,
   // without asking, while the device is up. True when it is unloaded already.
   virtual bool unload() = 0;

@@ -1,6 +1,7 @@
 #include "host/driver_module.h"
 
 #include <cstdio>
+#include <new>
 
 #include "host/driver_host.h"
 
@@ -78,11 +79,15 @@ ComPtr<framework::IDriverEntry> DriverModule::createDriver() const {
   return entry;
 }
 
-bool DriverModule::unload() {
+bool DriverModule::unload() noexcept {
   if (module_ == nullptr) return true;
   if (canUnloadNow_() != framework::kOk) return false;
-  std::string reason;
-  if (!platform::closeModule(module_, &reason)) return false;
+  try {
+    std::string reason;
+    if (!platform::closeModule(module_, &reason)) return false;
+  } catch (const std::bad_alloc&) {  // there is a reason
+    return false;
+  }
   module_ = nullptr;
   return true;
 }

@@ -1,7 +1,6 @@
 #include "host/io_engine.h"
 
 #include <utility>
-#include <vector>
 
 namespace zelta::host {
 
@@ -49,12 +48,14 @@ std::shared_ptr<IoOperation> IoEngine::submit(const ComPtr<WdfFile>& file, const
 void IoEngine::begin(const std::shared_ptr<Operation>& operation, const ComPtr<WdfFile>& file,
                      const IoControl& control) {
   ComPtr<WdfRequest> request;
+  bool taken = false;
   try {
     request = makeObject<WdfRequest>(errors_, shared_from_this(), operation, queue_, file, control);
+    taken = addToFlight(request);
   } catch (const std::exception&) {  // the buffers' sizes are the caller's
     return refuse(*operation, kOutOfMemory);
   }
-  if (!addToFlight(request)) return refuse(*operation, kDeviceGone);
+  if (!taken) return refuse(*operation, kDeviceGone);
   if (!served_) return dropUnbegun(*request.get(), kInvalidFunction);
   // An accepted request is not referenced here any more: its last reference may run the driver's
   // cleanup, which must not happen on a thread that nobody waits for.
@@ -64,7 +65,7 @@ void IoEngine::begin(const std::shared_ptr<Operation>& operation, const ComPtr<W
     case DispatchThreads::PostResult::kStopped:
       dropUnbegun(*request.get(), kDeviceGone);
       break;
-    case DispatchThreads::PostResult::kNoThread:
+    case DispatchThreads::PostResult::kNoMemory:
       dropUnbegun(*request.get(), kOutOfMemory);
       break;
   }
@@ -99,7 +100,7 @@ void IoEngine::cancel(const Operation& operation) {
   if (request) request->cancel();
 }
 
-void IoEngine::stop() {
+void IoEngine::stop() noexcept {
   {
     MutexLock lock(mutex_);
     taking_ = false;
@@ -111,13 +112,17 @@ void IoEngine::stop() {
   gate_.close();
 }
 
-void IoEngine::abandon() {
-  std::vector<ComPtr<WdfRequest>> left;
-  {
-    MutexLock lock(mutex_);
-    for (const auto& entry : inFlight_) left.push_back(entry.second);
-  }
-  for (const ComPtr<WdfRequest>& request : left) request->completeByHost(kDeviceGone);
+void IoEngine::abandon() noexcept {
+  while (const ComPtr<WdfRequest> request = takeAny()) request->completeByHost(kDeviceGone);
+}
+
+ComPtr<WdfRequest> IoEngine::takeAny() {
+  MutexLock lock(mutex_);
+  const auto entry = inFlight_.begin();
+  if (entry == inFlight_.end()) return nullptr;
+  ComPtr<WdfRequest> request = std::move(entry->second);
+  inFlight_.erase(entry);
+  return request;
 }
 
 }  // namespace zelta::host

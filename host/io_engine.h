@@ -3,7 +3,7 @@
 // Ownership: the host makes one per bring-up; files share it, so that a file used after tear-down
 // finds a stopped engine. A stopped engine has no threads and no requests.
 // Threads: everything from any thread, except `stop` and `abandon`, which are the host's, in this
-// order, and not from a callback of the driver's.
+// order, and not from a callback of the driver's. Both need no memory.
 #pragma once
 
 #include <memory>
@@ -28,9 +28,9 @@ class IoEngine : public std::enable_shared_from_this<IoEngine> {
 
   // Refuses new requests, completes those not yet dispatched with `kDeviceGone`, and waits until
   // no dispatch or cancel callback of the driver's is running.
-  void stop();
+  void stop() noexcept;
   // Completes whatever the driver still has with `kDeviceGone`.
-  void abandon();
+  void abandon() noexcept;
 
   // Open until `stop`: for other calls into the driver that are made on callers' threads.
   CallbackGate& gate() { return gate_; }
@@ -44,6 +44,8 @@ class IoEngine : public std::enable_shared_from_this<IoEngine> {
   // False once the engine is stopped.
   bool addToFlight(const framework::ComPtr<WdfRequest>& request) ZELTA_EXCLUDES(mutex_);
   framework::ComPtr<WdfRequest> find(const Operation& operation) ZELTA_EXCLUDES(mutex_);
+  // Takes one out of those in flight; null where there is none left.
+  framework::ComPtr<WdfRequest> takeAny() ZELTA_EXCLUDES(mutex_);
 
   const SharedDriverErrors errors_;
   const framework::ComPtr<WdfQueue> queue_;

@@ -24,6 +24,7 @@ using framework::ULONG;
 
 inline constexpr HRESULT kFailure = framework::hresult(kFailureCode);
 inline constexpr HRESULT kCancelled = framework::hresult(0x800704C7);
+inline constexpr HRESULT kNoMemory = framework::hresult(0x8007000E);
 
 // The module's living objects.
 int liveObjects();

@@ -30,13 +30,18 @@ class FakeDriver final : public framework::ComObject<FakeDriver, framework::IDri
     if (failing(kFailNoDevice)) return framework::kOk;
     if (!failing(kFailConstraint)) init->SetLockingConstraint(framework::kCallbackConstraintNone);
     device_ = ComPtr<FakeDevice>::adopt(framework::createObject<FakeDevice>());
+    if (!device_) return kNoMemory;
     ComPtr<IWDFDevice> device;
     const HRESULT result = driver->CreateDevice(
         init, static_cast<framework::IPnpCallback*>(device_.get()), device.put());
     if (framework::failed(result)) return result;
-    device->CreateDeviceInterface(&kReaderInterface, L"dev0");
-    device->CreateDeviceInterface(&kReaderInterface, L"hidden");
-    device->AssignDeviceInterfaceState(&kReaderInterface, L"hidden", 0);
+    const std::array<HRESULT, 3> results = {
+        device->CreateDeviceInterface(&kReaderInterface, L"dev0"),
+        device->CreateDeviceInterface(&kReaderInterface, L"hidden"),
+        device->AssignDeviceInterfaceState(&kReaderInterface, L"hidden", 0)};
+    for (const HRESULT each : results) {
+      if (framework::failed(each)) return each;
+    }
     return device->CreateDeviceInterface(&kReaderInterface, L"dev0") == framework::kOk
                ? kFailure  // published twice
                : framework::kOk;
@@ -61,6 +66,7 @@ class FakeFactory final : public framework::ComObject<FakeFactory, framework::IC
                                                  void** out) override {
     if (failing(kFailCreateInstance)) return kFailure;
     const auto driver = ComPtr<FakeDriver>::adopt(framework::createObject<FakeDriver>());
+    if (!driver) return kNoMemory;
     return driver->QueryInterface(wanted, out);
   }
   HRESULT ZELTA_STDMETHODCALLTYPE LockServer(framework::BOOL) override { return framework::kOk; }
@@ -82,6 +88,7 @@ FAKE_EXPORT HRESULT ZELTA_STDMETHODCALLTYPE DllGetClassObject(zelta::framework::
   if (failing(kFailClassObject)) return kFailure;
   if (failing(kFailClass) || classId != kClassId) return zelta::framework::kClassNotAvailable;
   const auto factory = ComPtr<FakeFactory>::adopt(zelta::framework::createObject<FakeFactory>());
+  if (!factory) return kNoMemory;
   return factory->QueryInterface(wanted, out);
 }
 #endif

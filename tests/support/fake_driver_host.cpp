@@ -192,9 +192,12 @@ void FakeReader::takeDown() {
   MutexLock lock(mutex_);
   gone_ = true;
   changed_.wait(lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return answering_ == 0; });
-  const std::vector<Submitted> waiting = submitted_;
-  lock.unlock();
-  for (const Submitted& each : waiting) each.operation->complete(kCancelled);
+  for (std::size_t i = 0; i < submitted_.size(); ++i) {
+    const std::shared_ptr<FakeOperation> operation = submitted_[i].operation;
+    lock.unlock();
+    operation->complete(kCancelled);
+    lock.lock();
+  }
 }
 
 host::IoResult FakeReader::control(const Request& request) {
@@ -202,17 +205,20 @@ host::IoResult FakeReader::control(const Request& request) {
   {
     const MutexLock lock(mutex_);
     if (gone_) return failedWith(host::kDeviceGone);
-    requests_.push_back(request);
-    ++answering_;
     const auto found = answers_.find(request.code);
     if (found != answers_.end()) answer = found->second;
+    requests_.push_back(request);
+    ++answering_;
     changed_.notifyAll();
   }
-  host::IoResult result = answer ? answer(request) : succeededWith({});
+  const AnswerEnd end{*this};
+  return answer ? answer(request) : succeededWith({});
+}
+
+void FakeReader::endAnswer() {
   const MutexLock lock(mutex_);
   --answering_;
   changed_.notifyAll();
-  return result;
 }
 
 std::shared_ptr<host::IoOperation> FakeReader::submit(const Request& request,
@@ -316,7 +322,7 @@ void FakeDriverHost::bringUp() {
   for (const auto& [name, reader] : readers_) reader->bringUp();
 }
 
-void FakeDriverHost::tearDown() {
+void FakeDriverHost::tearDown() noexcept {
   if (!up_) return;
   up_ = false;
   ++record_->takenDown;

@@ -110,6 +110,13 @@ class FakeReader final : public std::enable_shared_from_this<FakeReader> {
                                             host::File::Completion completion);
 
  private:
+  // Also where an answer throws for want of memory.
+  struct AnswerEnd {
+    FakeReader& reader;
+    ~AnswerEnd() { reader.endAnswer(); }
+  };
+
+  void endAnswer() ZELTA_EXCLUDES(mutex_);
   std::shared_ptr<FakeOperation> newestWaiting(std::uint32_t code) const ZELTA_REQUIRES(mutex_);
   std::shared_ptr<FakeOperation> addOperation(const Request& request,
                                               host::File::Completion completion,
@@ -163,7 +170,7 @@ class FakeDriverHost final : public host::DriverHost {
   ~FakeDriverHost() override;
 
   void bringUp() override;
-  void tearDown() override;
+  void tearDown() noexcept override;
   bool unload() override { return true; }
   std::shared_ptr<host::File> open(const std::wstring& name) override;
   std::vector<std::wstring> interfaces() const override;
