@@ -55,6 +55,18 @@ void CardAgent::failResets(int count, int skip) {
   resetsToSkip_ = skip;
 }
 
+void CardAgent::ignore(AgentCommand code, int count) {
+  const MutexLock lock(mutex_);
+  ignored_ = code;
+  toIgnore_ = count;
+}
+
+bool CardAgent::isIgnored(AgentCommand code) {
+  if (code != ignored_ || toIgnore_ == 0) return false;
+  --toIgnore_;
+  return true;
+}
+
 bool CardAgent::resetFails() {
   if (resetsToFail_ == 0) return false;
   if (resetsToSkip_ > 0) {
@@ -69,6 +81,7 @@ std::optional<CardAgent::Bytes> CardAgent::answer(const LinkAgent::Command& comm
   Respond respond;
   {
     const MutexLock lock(mutex_);
+    if (isIgnored(command.code)) return std::nullopt;
     switch (command.code) {
       case AgentCommand::QueryAtrReset:
         askedForCard_ = true;

@@ -40,11 +40,15 @@ class CardAgent {
   // The next reset queries, after `skip` good ones, are answered with length 0.
   void failResets(int count, int skip = 0);
 
+  // The next commands of this code are left without any answer.
+  void ignore(AgentCommand code, int count);
+
   LinkAgent& link() { return link_; }
 
  private:
   std::optional<Bytes> answer(const LinkAgent::Command& command);
   bool resetFails() ZELTA_REQUIRES(mutex_);
+  bool isIgnored(AgentCommand code) ZELTA_REQUIRES(mutex_);
   void setAtr(Bytes atr) ZELTA_EXCLUDES(mutex_);
 
   platform::Mutex mutex_;
@@ -54,6 +58,8 @@ class CardAgent {
   Respond respond_ ZELTA_GUARDED_BY(mutex_);
   int resetsToSkip_ ZELTA_GUARDED_BY(mutex_) = 0;
   int resetsToFail_ ZELTA_GUARDED_BY(mutex_) = 0;
+  AgentCommand ignored_ ZELTA_GUARDED_BY(mutex_) = AgentCommand::QueryTransmit;
+  int toIgnore_ ZELTA_GUARDED_BY(mutex_) = 0;
   LinkAgent link_;
 };
 
