@@ -43,7 +43,7 @@ bool CardPresence::cardEntered() {
   return true;
 }
 
-void CardPresence::cardLeft() {
+void CardPresence::cardLeft() noexcept {
   const MutexLock lock(mutex_);
   const bool wasShown = shown();
   leftEarly_ = !in_;
@@ -51,7 +51,7 @@ void CardPresence::cardLeft() {
   if (wasShown) latchRemoval();
 }
 
-void CardPresence::endRequest(Request& request) {
+void CardPresence::endRequest(Request& request) noexcept {
   const MutexLock lock(mutex_);
   request.ended_ = true;
   release();
@@ -90,7 +90,7 @@ CardNumber CardPresence::beginUse() {
   return shown() ? number_ : kNoCard;
 }
 
-void CardPresence::endUse() {
+void CardPresence::endUse() noexcept {
   const MutexLock lock(mutex_);
   release();
 }

@@ -20,7 +20,7 @@
 // next card's first exchange never meets the old one's last.
 //
 // Threads: any. The mutex is a leaf: nothing is called while it is held. The driver's side may be
-// called under the driver's locks.
+// called under the driver's locks. Nothing here needs memory.
 #pragma once
 
 #include <chrono>
@@ -61,8 +61,8 @@ class CardPresence {
   // was never shown then.
   bool cardEntered() ZELTA_EXCLUDES(mutex_);
   // That request has ended.
-  void cardLeft() ZELTA_EXCLUDES(mutex_);
-  void endRequest(Request& request) ZELTA_EXCLUDES(mutex_);
+  void cardLeft() noexcept ZELTA_EXCLUDES(mutex_);
+  void endRequest(Request& request) noexcept ZELTA_EXCLUDES(mutex_);
 
   // --- pcscd's side ---
 
@@ -75,7 +75,7 @@ class CardPresence {
   // A call that works with the card: the card shown, or `kNoCard`. Exactly one `endUse` follows
   // either, once the call has said `refused` where it does.
   CardNumber beginUse() ZELTA_EXCLUDES(mutex_);
-  void endUse() ZELTA_EXCLUDES(mutex_);
+  void endUse() noexcept ZELTA_EXCLUDES(mutex_);
   // Within a use. False where `card` is no longer shown: the request must not be made.
   bool beginRequest(CardNumber card) ZELTA_EXCLUDES(mutex_);
   RequestEnd awaitEnd(const Request& request, CardNumber card, std::chrono::milliseconds limit)

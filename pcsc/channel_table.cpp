@@ -1,6 +1,7 @@
 #include "pcsc/channel_table.h"
 
 #include <exception>
+#include <new>
 #include <utility>
 
 #include "pcsc/reader_names.h"
@@ -27,16 +28,22 @@ void ChannelTable::leave(Entry& entry) {
 RESPONSECODE ChannelTable::open(DWORD lun, std::uint32_t readerIndex) {
   const MutexLock openLock(openMutex_);
   if (isTaken(lun, readerIndex)) return IFD_COMMUNICATION_ERROR;
+  RESPONSECODE code = IFD_COMMUNICATION_ERROR;
   try {
     if (!host_) bringUpHost();
-    const RESPONSECODE code = openOnHost(lun, readerIndex);
-    dropIdleHost();
-    return code;
+    code = openOnHost(lun, readerIndex);
   } catch (const std::exception& failure) {
+    logFailure(readerIndex, failure.what());
+  }
+  dropIdleHost();
+  return code;
+}
+
+void ChannelTable::logFailure(std::uint32_t readerIndex, const char* reason) const noexcept {
+  try {
     surroundings_.log(LogLevel::kCritical,
-                      "reader " + readerName(readerIndex) + " cannot be had: " + failure.what());
-    dropIdleHost();
-    return IFD_COMMUNICATION_ERROR;
+                      "reader " + readerName(readerIndex) + " cannot be had: " + reason);
+  } catch (const std::bad_alloc&) {  // no memory to tell of it, which may be the reason itself
   }
 }
 
@@ -81,7 +88,7 @@ RESPONSECODE ChannelTable::openOnHost(DWORD lun, std::uint32_t readerIndex) {
   return IFD_SUCCESS;
 }
 
-void ChannelTable::dropIdleHost() {
+void ChannelTable::dropIdleHost() noexcept {
   {
     const MutexLock lock(mutex_);
     if (!entries_.empty()) return;
@@ -89,7 +96,7 @@ void ChannelTable::dropIdleHost() {
   host_.reset();
 }
 
-RESPONSECODE ChannelTable::close(DWORD lun) {
+RESPONSECODE ChannelTable::close(DWORD lun) noexcept {
   const MutexLock openLock(openMutex_);
   bool last = false;
   Channel* channel = nullptr;

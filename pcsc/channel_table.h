@@ -63,11 +63,11 @@ class ChannelTable {
 
   // IFD_SUCCESS, also with no agent; IFD_NO_SUCH_DEVICE where the driver has no such reader;
   // IFD_COMMUNICATION_ERROR where the driver does not come up or the reader or number is taken.
-  // Each failure is logged.
+  // Each failure is logged. Throws std::bad_alloc; nothing is open then.
   RESPONSECODE open(DWORD lun, std::uint32_t readerIndex) ZELTA_EXCLUDES(openMutex_, mutex_);
   // IFD_NO_SUCH_DEVICE where none is open. Takes as long as the driver takes to finish what it
-  // does for this channel.
-  RESPONSECODE close(DWORD lun) ZELTA_EXCLUDES(openMutex_, mutex_);
+  // does for this channel, and needs no memory.
+  RESPONSECODE close(DWORD lun) noexcept ZELTA_EXCLUDES(openMutex_, mutex_);
 
  private:
   Entry* enter(DWORD lun) ZELTA_EXCLUDES(mutex_);
@@ -76,7 +76,8 @@ class ChannelTable {
   bool isTaken(DWORD lun, std::uint32_t readerIndex) ZELTA_REQUIRES(openMutex_);
   void bringUpHost() ZELTA_REQUIRES(openMutex_);
   RESPONSECODE openOnHost(DWORD lun, std::uint32_t readerIndex) ZELTA_REQUIRES(openMutex_);
-  void dropIdleHost() ZELTA_REQUIRES(openMutex_);
+  void logFailure(std::uint32_t readerIndex, const char* reason) const noexcept;
+  void dropIdleHost() noexcept ZELTA_REQUIRES(openMutex_);
 
   const Surroundings surroundings_;
   platform::Mutex openMutex_;

@@ -31,6 +31,13 @@ ChannelTable& table() {
   return *made;
 }
 
+void logFailure(const char* text) noexcept {
+  try {
+    zelta::pcsc::logToDaemon(LogLevel::kError, text);
+  } catch (const std::bad_alloc&) {  // no memory to tell of it
+  }
+}
+
 template <typename Work>
 RESPONSECODE guarded(Work work) noexcept {
   try {
@@ -38,7 +45,7 @@ RESPONSECODE guarded(Work work) noexcept {
   } catch (const std::bad_alloc&) {
     return IFD_COMMUNICATION_ERROR;
   } catch (const std::exception& failure) {
-    zelta::pcsc::logToDaemon(LogLevel::kError, failure.what());
+    logFailure(failure.what());
     return IFD_COMMUNICATION_ERROR;
   }
 }

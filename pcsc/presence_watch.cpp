@@ -23,7 +23,7 @@ void PresenceWatch::Mailbox::clear() {
   status_.reset();
 }
 
-void PresenceWatch::Mailbox::deliver(HRESULT status) {
+void PresenceWatch::Mailbox::deliver(HRESULT status) noexcept {
   const MutexLock lock(mutex_);
   status_ = status;
   changed_.notifyAll();

@@ -41,7 +41,7 @@ class PresenceWatch {
   class Mailbox {
    public:
     void clear() ZELTA_EXCLUDES(mutex_);
-    void deliver(framework::HRESULT status) ZELTA_EXCLUDES(mutex_);
+    void deliver(framework::HRESULT status) noexcept ZELTA_EXCLUDES(mutex_);
     void stop() ZELTA_EXCLUDES(mutex_);
     // None when stopped.
     std::optional<framework::HRESULT> await() ZELTA_EXCLUDES(mutex_);
