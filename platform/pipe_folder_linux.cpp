@@ -4,7 +4,9 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include <array>
 #include <cerrno>
+#include <climits>
 
 #include "platform/errno_linux.h"
 #include "platform/error.h"
@@ -19,30 +21,43 @@ constexpr int kOpen = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 constexpr mode_t kPrivateFolder = 0700;
 
 // Makes one folder and sets its access; no error where another process was faster.
-bool makeFolder(int parent, const std::string& name, const PipeAccess& access) {
-  if (mkdirat(parent, name.c_str(), kPrivateFolder) != 0) return errno == EEXIST;
-  const ScopedFd made(openat(parent, name.c_str(), kOpen | O_NOFOLLOW));
+bool makeFolder(int parent, const char* name, const PipeAccess& access) {
+  if (mkdirat(parent, name, kPrivateFolder) != 0) return errno == EEXIST;
+  const ScopedFd made(openat(parent, name, kOpen | O_NOFOLLOW));
   if (!made) return false;
   return fchmod(made.get(), giveToGroup(made.get(), "", access, access.folderMode())) == 0;
 }
 
-ScopedFd enter(int parent, const std::string& name, int flags, const PipeAccess* access) {
-  ScopedFd entered(openat(parent, name.c_str(), flags));
+ScopedFd enter(int parent, const char* name, int flags, const PipeAccess* access) {
+  ScopedFd entered(openat(parent, name, flags));
   if (entered || errno != ENOENT || access == nullptr) return entered;
   if (!makeFolder(parent, name, *access)) return ScopedFd();
-  return ScopedFd(openat(parent, name.c_str(), flags));
+  return ScopedFd(openat(parent, name, flags));
+}
+
+// A folder's own name; false where it is longer than the system allows.
+bool copyName(std::string_view name, std::array<char, NAME_MAX + 1>* out) {
+  if (name.size() > NAME_MAX) {
+    errno = ENAMETOOLONG;
+    return false;
+  }
+  out->fill('\0');
+  name.copy(out->data(), NAME_MAX);
+  return true;
 }
 
 }  // namespace
 
-std::uint32_t openFolder(const std::string& path, const PipeAccess* access, ScopedFd* out) {
+std::uint32_t openFolder(std::string_view path, const PipeAccess* access, ScopedFd* out) {
+  std::array<char, NAME_MAX + 1> name;
   ScopedFd folder(open("/", kPass));
   std::size_t start = path.find_first_not_of('/');
-  while (folder && start != std::string::npos) {
+  while (folder && start != std::string_view::npos) {
     const std::size_t end = path.find('/', start);
     const std::size_t next = path.find_first_not_of('/', end);
-    const int flags = next == std::string::npos ? kOpen : kPass;
-    folder = enter(folder.get(), path.substr(start, end - start), flags, access);
+    const int flags = next == std::string_view::npos ? kOpen : kPass;
+    if (!copyName(path.substr(start, end - start), &name)) return errorFromErrno(errno);
+    folder = enter(folder.get(), name.data(), flags, access);
     start = next;
   }
   if (!folder) return errorFromErrno(errno);
@@ -50,11 +65,11 @@ std::uint32_t openFolder(const std::string& path, const PipeAccess* access, Scop
   return error::kSuccess;
 }
 
-mode_t giveToGroup(int descriptor, const std::string& name, const PipeAccess& access, mode_t mode) {
+mode_t giveToGroup(int descriptor, const char* name, const PipeAccess& access, mode_t mode) {
   constexpr uid_t kSameUser = static_cast<uid_t>(-1);
   if (!access.group()) return mode;
   const int flags = AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH;
-  if (fchownat(descriptor, name.c_str(), kSameUser, *access.group(), flags) == 0) return mode;
+  if (fchownat(descriptor, name, kSameUser, *access.group(), flags) == 0) return mode;
   // Only members of a group and root may give a file to it. The file's own group must not get in
   // instead of it, unless everyone may.
   return (mode & S_IRWXO) != 0 ? mode : mode & ~static_cast<mode_t>(S_IRWXG);

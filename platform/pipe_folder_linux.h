@@ -2,7 +2,7 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
+#include <string_view>
 
 #include "platform/pipe_access_linux.h"
 #include "platform/scoped_fd_linux.h"
@@ -11,12 +11,12 @@ namespace zelta::platform {
 
 // Opens a folder by its absolute path. With `access`, missing folders are made on the way, with
 // that access's mode and group; folders that exist are left as they are. Returns 0 or a system
-// error number.
-std::uint32_t openFolder(const std::string& path, const PipeAccess* access, ScopedFd* out);
+// error number. Needs no memory.
+std::uint32_t openFolder(std::string_view path, const PipeAccess* access, ScopedFd* out);
 
 // Gives a file of ours to the group that has access. Returns the mode to set: without the group's
 // part where the file could not be given to the group.
-mode_t giveToGroup(int descriptor, const std::string& name, const PipeAccess& access, mode_t mode);
+mode_t giveToGroup(int descriptor, const char* name, const PipeAccess& access, mode_t mode);
 
 // Holds a folder for this owner alone; waits for others. The descriptor must stay open meanwhile.
 class FolderLock {

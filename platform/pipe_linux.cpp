@@ -42,10 +42,9 @@ class LinuxPipes final : public PipeApi {
     return guarded([&] {
       Entries entries;
       if (const std::uint32_t error = parseSddl(sddl, &entries)) return error;
+      auto made = std::make_unique<Entries>(std::move(entries));
       MutexLock lock(mutex_);
-      std::unique_ptr<Entries>& kept = descriptors_[sddl];
-      if (kept == nullptr) kept = std::make_unique<Entries>(std::move(entries));
-      *out = kept.get();
+      *out = descriptors_.try_emplace(sddl, std::move(made)).first->second.get();
       return error::kSuccess;
     });
   }
@@ -134,8 +133,9 @@ class LinuxPipes final : public PipeApi {
     if (const std::uint32_t error = end->open()) return error;
     MutexLock lock(mutex_);
     lastHandle_ += kHandleStep;
-    *handle = reinterpret_cast<PipeHandleValue>(lastHandle_);
-    ends_.emplace(*handle, end);
+    const auto made = reinterpret_cast<PipeHandleValue>(lastHandle_);
+    ends_.emplace(made, end);  // where it throws, the end goes, and its place with it
+    *handle = made;
     return error::kSuccess;
   }
 

@@ -6,7 +6,7 @@
 #include <sys/un.h>
 
 #include <cerrno>
-#include <cstring>
+#include <new>
 #include <utility>
 
 #include "platform/errno_linux.h"
@@ -33,6 +33,9 @@ sockaddr_un addressOf(const std::string& path) {
 
 bool fits(const std::string& path) { return path.size() < sizeof(sockaddr_un::sun_path); }
 
+// What is behind the path's last slash.
+const char* ownName(const std::string& path) { return path.c_str() + path.rfind('/') + 1; }
+
 const sockaddr* generic(const sockaddr_un& address) {
   return reinterpret_cast<const sockaddr*>(&address);
 }
@@ -45,23 +48,32 @@ PipeListener::PipeListener(std::string path, PipeAccess access)
 PipeListener::~PipeListener() { close(); }
 
 std::uint32_t PipeListener::open() {
-  const std::string unready = name() + kUnready;
-  if (!fits(path_ + kUnready)) return error::kNameTooLong;
+  try {
+    return openPlace();
+  } catch (const std::bad_alloc&) {
+    return error::kNotEnoughMemory;
+  }
+}
+
+std::uint32_t PipeListener::openPlace() {
+  // All the memory that there is need of, before anything appears in the folder.
+  const std::string unready = path_ + kUnready;
+  auto socket = std::make_shared<ScopedFd>();
+  if (!fits(unready)) return error::kNameTooLong;
   ScopedFd folder;
   if (const std::uint32_t error = openFolder(this->folder(), &access_, &folder)) return error;
   const FolderLock lock(folder.get());
   if (!lock.held()) return errorFromErrno(errno);
   if (look(folder.get()) == Place::Taken) return error::kAccessDenied;
 
-  ScopedFd socket;
   FileId id{};
-  if (!bindIn(folder.get(), unready, &socket, &id) ||
-      renameat(folder.get(), unready.c_str(), folder.get(), name().c_str()) != 0) {
+  if (!bindIn(folder.get(), unready, socket.get(), &id) ||
+      renameat(folder.get(), ownName(unready), folder.get(), name()) != 0) {
     const std::uint32_t error = errorFromErrno(errno);
-    unlinkat(folder.get(), unready.c_str(), 0);
+    unlinkat(folder.get(), ownName(unready), 0);
     return error;
   }
-  socket_ = std::make_shared<const ScopedFd>(std::move(socket));
+  socket_ = std::move(socket);
   id_ = id;
   listening_ = true;
   return error::kSuccess;
@@ -82,7 +94,7 @@ void PipeListener::close() {
   ScopedFd folder;
   if (openFolder(this->folder(), nullptr, &folder) == error::kSuccess) {
     const FolderLock lock(folder.get());
-    if (look(folder.get()) == Place::Own) unlinkat(folder.get(), name().c_str(), 0);
+    if (look(folder.get()) == Place::Own) unlinkat(folder.get(), name(), 0);
   }
   // Also for those who share the socket: a thread about to leave its wait, a forked process.
   refuse();
@@ -107,13 +119,15 @@ std::uint32_t PipeListener::accept(ScopedFd* client) {
   }
 }
 
-std::string PipeListener::folder() const { return path_.substr(0, path_.rfind('/')); }
+std::string_view PipeListener::folder() const {
+  return std::string_view(path_).substr(0, path_.rfind('/'));
+}
 
-std::string PipeListener::name() const { return path_.substr(path_.rfind('/') + 1); }
+const char* PipeListener::name() const { return ownName(path_); }
 
 PipeListener::Place PipeListener::look(int folder) const {
   struct stat found {};
-  if (fstatat(folder, name().c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
+  if (fstatat(folder, name(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
     return errno == ENOENT ? Place::Free : Place::Taken;
   }
   // The file cannot have been replaced by one of the same number: the socket holds it.
@@ -132,15 +146,15 @@ bool PipeListener::alive() const {
          errno != ECONNREFUSED;
 }
 
-bool PipeListener::bindIn(int folder, const std::string& name, ScopedFd* socket, FileId* id) const {
+bool PipeListener::bindIn(int folder, const std::string& path, ScopedFd* socket, FileId* id) const {
+  const char* const name = ownName(path);
   // Left over where a process ended between making it and giving it its name.
-  if (unlinkat(folder, name.c_str(), 0) != 0 && errno != ENOENT) return false;
+  if (unlinkat(folder, name, 0) != 0 && errno != ENOENT) return false;
   ScopedFd made(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  const sockaddr_un address = addressOf(this->folder() + '/' + name);
+  const sockaddr_un address = addressOf(path);
   struct stat found {};
   if (!made || bind(made.get(), generic(address), sizeof(address)) != 0 ||
-      !restrictAccess(folder, name) ||
-      fstatat(folder, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0 ||
+      !restrictAccess(folder, name) || fstatat(folder, name, &found, AT_SYMLINK_NOFOLLOW) != 0 ||
       listen(made.get(), kQueue) != 0) {
     return false;
   }
@@ -150,9 +164,9 @@ bool PipeListener::bindIn(int folder, const std::string& name, ScopedFd* socket,
 }
 
 // Before the socket listens: what the process's umask left open lets nobody in.
-bool PipeListener::restrictAccess(int folder, const std::string& name) const {
+bool PipeListener::restrictAccess(int folder, const char* name) const {
   const mode_t mode = giveToGroup(folder, name, access_, access_.socketMode());
-  return fchmodat(folder, name.c_str(), mode, 0) == 0;
+  return fchmodat(folder, name, mode, 0) == 0;
 }
 
 }  // namespace zelta::platform

@@ -19,6 +19,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/pipe_access_linux.h"
 #include "platform/scoped_fd_linux.h"
@@ -37,7 +38,8 @@ class PipeListener {
 
   // Makes missing folders and listens at the path. Returns 0 or a system error number: 5 where
   // something else lives there (a socket in use, or no socket at all; it stays untouched), 206
-  // where the path is longer than a socket's can be. After a failure the state is as before.
+  // where the path is longer than a socket's can be, 8 without memory. After a failure the state is
+  // as before.
   std::uint32_t open();
   // Lets no further client in: from now on a connect fails at once with ECONNREFUSED, and so do
   // those blocked on a full queue; clients that were let in but not accepted are dropped. The
@@ -45,7 +47,8 @@ class PipeListener {
   void refuse();
   // Whether clients are let in.
   bool listening() const { return listening_; }
-  // Removes the path where it is still this pipe's own, and drops whoever was not accepted.
+  // Removes the path where it is still this pipe's own, and drops whoever was not accepted. Needs
+  // no memory.
   void close();
 
   // The next client waiting that may use the pipe, with close-on-exec and non-blocking; none
@@ -67,12 +70,13 @@ class PipeListener {
   };
   enum class Place { Free, Own, Stale, Taken };
 
-  std::string folder() const;
-  std::string name() const;
+  std::string_view folder() const;
+  const char* name() const;
+  std::uint32_t openPlace();
   Place look(int folder) const;
   bool alive() const;
-  bool bindIn(int folder, const std::string& name, ScopedFd* socket, FileId* id) const;
-  bool restrictAccess(int folder, const std::string& name) const;
+  bool bindIn(int folder, const std::string& path, ScopedFd* socket, FileId* id) const;
+  bool restrictAccess(int folder, const char* name) const;
 
   const std::string path_;
   const PipeAccess access_;
