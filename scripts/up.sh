@@ -195,7 +195,7 @@ EOF
   cat <<EOF
 
 The reader is up. The card's PIN is $PIN. Try, in another terminal:
-  pkcs11-tool --module $(pkcs11_module) --login --pin $PIN --test
+  echo hello | pkcs11-tool --login --pin $PIN --sign --id 0001 -m SHA256-RSA-PKCS -o signature
   ssh-keygen -D $(pkcs11_module)
   pcsc_scan
   ./zelta logs        ./zelta status

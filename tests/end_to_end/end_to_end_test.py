@@ -85,6 +85,16 @@ class EndToEnd(unittest.TestCase):
         self.assertRegex(answer, r"< 61 0D\b")
         self.assertRegex(answer, r"< ([0-9A-F]{2} ){13}90 00")
 
+    def test_card_that_comes_with_the_windows_archive_answers(self):
+        self.stack.start_pcscd()
+        self.stack.run_agent("--backend", "script",
+                             "--script", stack.SOURCE / "packaging" / "windows" / "card.txt")
+        self.stack.wait_for_card()
+        answer = run("scriptor", input="00A4040005A000000001\n0084000008\n00B0000000\n").stdout
+        self.assertRegex(answer, r"< 90 00\b")
+        self.assertRegex(answer, r"< 01 23 45 67 89 AB CD EF 90 00\b")
+        self.assertIn("<" + bytes(range(256)).hex().upper() + "9000", re.sub(r"\s", "", answer))
+
     def test_card_taken_out_and_put_in_is_seen(self):
         self.stack.start().wait_for_card()
         self.stack.ctl("remove")
@@ -213,7 +223,12 @@ class ZeltaCommand(unittest.TestCase):
         text = "".join(self.lines)
         self.assertIn("Reader: Zelta Virtual SmartCard Reader 00 00", text)
         self.assertIn("ATR:    3b:", text)
-        self.assertIn("ssh-keygen -D", text)
+        folder = self.enterContext(tempfile.TemporaryDirectory())
+        hints = [line for line in self.lines if re.match("  (echo|ssh-keygen) ", line)]
+        self.assertEqual(len(hints), 2, text)
+        for hint in hints:
+            run("sh", "-e", "-c", hint, cwd=folder)
+        self.assertEqual(os.path.getsize(os.path.join(folder, "signature")), 256)
         self.assertEqual(self.press_ctrl_c(), 0)
         self.assert_nothing_left()
 

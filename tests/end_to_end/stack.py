@@ -139,12 +139,11 @@ class Stack(contextlib.AbstractContextManager):
     def start_agent(self, *options):
         if not (self.folder / "card").exists():
             self.make_card()
-        self.agent = Process(
-            [AGENT, "--db", self.folder / "card", "--pin-file", self.folder / "pin",
-             "--control", self.control, *options],
-            self.folder / "agent.log",
-            self.environment,
-        )
+        self.run_agent("--db", self.folder / "card", "--pin-file", self.folder / "pin", *options)
+
+    def run_agent(self, *options):
+        self.agent = Process([AGENT, "--control", self.control, *options],
+                             self.folder / "agent.log", self.environment)
 
     def start(self, *agent_options):
         self.start_pcscd()
