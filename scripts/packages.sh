@@ -4,6 +4,7 @@
 BUILD_PACKAGES=(
   g++ cmake ninja-build pkg-config git
   libfmt-dev libcli11-dev libpcsclite-dev libcacard-dev libnss3-dev libsystemd-dev
+  dpkg-dev file
 )
 RUN_PACKAGES=(
   pcscd opensc opensc-pkcs11 pcsc-tools libnss3-tools openssl openssh-client util-linux
@@ -12,5 +13,5 @@ TEST_PACKAGES=(
   libgtest-dev libgmock-dev python3 python3-pyscard shellcheck libbenchmark-dev procps
 )
 WINDOWS_PACKAGES=(
-  g++-mingw-w64-x86-64-posix wine wine64 zip unzip
+  g++-mingw-w64-x86-64-posix wine wine64 googletest
 )
