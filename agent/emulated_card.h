@@ -17,7 +17,7 @@
 
 namespace zelta::agent {
 
-class EmulatedCard : public CardBackend {
+class EmulatedCard final : public CardBackend {
  public:
   struct Settings {
     std::string database;            // folder

@@ -15,7 +15,7 @@
 
 namespace zelta::agent {
 
-class PcscCard : public CardBackend {
+class PcscCard final : public CardBackend {
  public:
   // `log` outlives the card.
   PcscCard(std::string readerName, Log& log);

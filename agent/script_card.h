@@ -13,7 +13,7 @@ namespace zelta::agent {
 
 // Timed insertions and removals run on a thread of its own. Removing the card ends the command that
 // it is busy with.
-class ScriptCard : public CardBackend {
+class ScriptCard final : public CardBackend {
  public:
   // `cardIn` overrides the script's.
   ScriptCard(Script script, bool cardIn);
