@@ -11,7 +11,8 @@ namespace zelta::agent {
 
 // Where the control socket of a reader's agent lies, the agent's own choice first:
 // $XDG_RUNTIME_DIR/zelta-agent<reader>.ctl where that variable is set,
-// /run/zelta/agent<reader>.ctl.
+// /run/zelta/agent<reader>.ctl,
+// /run/zelta-agent<reader>/control, where the service's agent has it.
 std::vector<std::string> defaultControlPaths(std::uint32_t reader);
 
 // The agent's end. One thread serves one client after the other; a client that does not ask within
