@@ -20,7 +20,7 @@ Agent::Agent(PipeClientPort& port, CardBackend& backend, Settings settings, Log&
       backend_(backend),
       settings_(std::move(settings)),
       log_(log),
-      slot_(backend),
+      slot_(backend, settings_.onFailure),
       connector_(port, connectorSettings(settings_), log) {}
 
 void Agent::start() { slot_.start(); }
@@ -28,33 +28,49 @@ void Agent::start() { slot_.start(); }
 void Agent::run() {
   while (!stopping()) {
     const PipePair pipes = connector_.attempt();
-    if (pipes.commands == nullptr) continue;
-    if (!serve(pipes)) break;
+    if (pipes.commands != nullptr) serve(pipes);
   }
   slot_.stop();
 }
 
-bool Agent::serve(const PipePair& pipes) {
-  const DriverConnection::Settings settings{{settings_.sessionId, settings_.timing.grace},
-                                            settings_.timing.answerLimit};
+class Agent::Serving {
+ public:
+  Serving(Agent& agent, DriverConnection& connection) : agent_(agent) {
+    platform::MutexLock lock(agent_.mutex_);
+    agent_.connection_ = &connection;
+    // One that is stopped before it is served ends at once.
+    if (agent_.stopping_) connection.stop();
+  }
+  ~Serving() {
+    platform::MutexLock lock(agent_.mutex_);
+    agent_.connection_ = nullptr;
+  }
+  Serving(const Serving&) = delete;
+  Serving& operator=(const Serving&) = delete;
+
+ private:
+  Agent& agent_;
+};
+
+void Agent::serve(const PipePair& pipes) {
+  const Timing& timing = settings_.timing;
+  const DriverConnection::Settings settings{{settings_.sessionId, timing.grace, timing.driverLimit},
+                                            timing.answerLimit,
+                                            timing.driverLimit};
   bool wasAlive = false;
   {
     DriverConnection connection(
-        *pipes.commands, *pipes.events, slot_, settings, [this] { setConnected(true); }, log_);
+        *pipes.commands, *pipes.events, slot_, settings, [this] { setConnected(true); },
+        settings_.onFailure, log_);
     {
-      platform::MutexLock lock(mutex_);
-      if (stopping_) return false;
-      connection_ = &connection;
+      const Serving serving(*this, connection);
+      connection.serve();
     }
-    connection.serve();
-    platform::MutexLock lock(mutex_);
-    connection_ = nullptr;
     wasAlive = connection.alive();
   }
   // Only now none of the connection's threads can say anything else any more.
   setConnected(false);
   if (!stopping()) connector_.connectionEnded(wasAlive);
-  return true;
 }
 
 void Agent::stop() {

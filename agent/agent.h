@@ -9,6 +9,7 @@
 #include "agent/card_slot.h"
 #include "agent/connector.h"
 #include "agent/driver_connection.h"
+#include "agent/failure.h"
 #include "agent/log.h"
 #include "agent/pipe_client_port.h"
 #include "platform/sync.h"
@@ -17,7 +18,9 @@ namespace zelta::agent {
 
 // How long things may take.
 struct Timing {
-  // The driver waits 5 seconds for an answer; half a second is left for the way there and back.
+  // How long the driver waits for an answer, and the card is waited for: half a second is left for
+  // the way there and back. Also how long a pipe that is full may take to take more.
+  std::chrono::milliseconds driverLimit{5000};
   std::chrono::milliseconds answerLimit{4500};
   std::chrono::milliseconds grace{500};
   std::chrono::milliseconds firstRetry{10};
@@ -34,6 +37,9 @@ class Agent {
     // Called on a thread of the agent's when the driver accepts a connection or is lost; may be
     // empty.
     std::function<void(bool connected)> onConnection;
+    // Called on the thread that has ended by an exception: the agent must be stopped, it serves
+    // nobody well any more.
+    OnFailure onFailure;
   };
 
   struct Status {
@@ -52,7 +58,8 @@ class Agent {
 
   // Starts the card; throws what the back end throws.
   void start();
-  // Serves until `stop`. After `start`, once.
+  // Serves until `stop`. After `start`, once. May throw for lack of memory, handles or threads; the
+  // agent may be destroyed then, nothing else.
   void run();
   // Ends `run`, now or as soon as it is called. Any thread.
   void stop();
@@ -63,8 +70,10 @@ class Agent {
   Status status() const;
 
  private:
-  // False where the agent is stopping; the connection was not served then.
-  bool serve(const PipePair& pipes);
+  // Makes a connection known as the one being served, for a scope.
+  class Serving;
+
+  void serve(const PipePair& pipes);
   bool stopping() const;
   void setConnected(bool connected);
 

@@ -20,6 +20,9 @@ class CardListener {
  public:
   virtual void cardInserted() = 0;
   virtual void cardRemoved() = 0;
+  // A thread of the back end's has ended by an exception; the text is gone afterwards. Comes at
+  // any time, and must not throw.
+  virtual void cardFailed(const char* problem) = 0;
 
  protected:
   ~CardListener() = default;

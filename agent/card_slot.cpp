@@ -4,14 +4,20 @@
 
 namespace zelta::agent {
 
-CardSlot::CardSlot(CardBackend& backend) : backend_(backend) {}
+CardSlot::CardSlot(CardBackend& backend, OnFailure onFailure)
+    : backend_(backend), onFailure_(std::move(onFailure)) {}
 
 CardSlot::~CardSlot() { stop(); }
 
 void CardSlot::start() {
   backend_.start(*this);
   started_ = true;
-  worker_ = std::thread([this] { work(); });
+  try {
+    worker_ = std::thread([this] { guarded(onFailure_, [this] { work(); }); });
+  } catch (...) {
+    stop();
+    throw;
+  }
 }
 
 void CardSlot::stop() {
@@ -24,7 +30,7 @@ void CardSlot::stop() {
     changed_.notifyAll();
   }
   backend_.interrupt();
-  worker_.join();
+  if (worker_.joinable()) worker_.join();
   backend_.stop();
 }
 

@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "agent/card_backend.h"
+#include "agent/failure.h"
 #include "agent/report_rule.h"
 #include "platform/sync.h"
 
@@ -55,14 +56,16 @@ class CardSlot final : private CardListener {
     Bytes atr;  // as last seen of the card that is in; may be empty
   };
 
-  // `backend` outlives the slot and is started and stopped by it.
-  explicit CardSlot(CardBackend& backend);
+  // `backend` outlives the slot and is started and stopped by it. `onFailure` learns of a thread of
+  // the slot's or the back end's that has ended by an exception.
+  CardSlot(CardBackend& backend, OnFailure onFailure);
   // Stops first where that has not been done.
   ~CardSlot();
   CardSlot(const CardSlot&) = delete;
   CardSlot& operator=(const CardSlot&) = delete;
 
-  // Throws what the back end throws. Once.
+  // Throws what the back end throws, or std::system_error for lack of threads; nothing is started
+  // then. Once.
   void start();
   // Interrupts the card, ends the worker and stops the back end. Blocks for as long as a card that
   // cannot be interrupted takes.
@@ -71,6 +74,18 @@ class CardSlot final : private CardListener {
   // From now on `observer` (non-owning, null for none) is told; nothing is told to the one before
   // once this returns.
   void observe(Observer* observer);
+
+  // Has an observer told for a scope.
+  class Observation {
+   public:
+    Observation(CardSlot& slot, Observer& observer) : slot_(slot) { slot_.observe(&observer); }
+    ~Observation() { slot_.observe(nullptr); }
+    Observation(const Observation&) = delete;
+    Observation& operator=(const Observation&) = delete;
+
+   private:
+    CardSlot& slot_;
+  };
 
   Answer ask(Operation operation, const Bytes& command, SteadyClock::time_point deadline);
   // While set, `ask` returns Aborted at once, also where it waits already.
@@ -85,6 +100,7 @@ class CardSlot final : private CardListener {
  private:
   void cardInserted() override;
   void cardRemoved() override;
+  void cardFailed(const char* problem) override { onFailure_(problem); }
 
   // Waits until the worker is free or has ended, `card` is not in any more, or the deadline.
   // True: what was waited for.
@@ -95,6 +111,7 @@ class CardSlot final : private CardListener {
   Bytes perform(Operation operation, const Bytes& command);
 
   CardBackend& backend_;
+  const OnFailure onFailure_;
   mutable platform::Mutex mutex_;
   platform::ConditionVariable changed_;
   Observer* observer_ ZELTA_GUARDED_BY(mutex_) = nullptr;

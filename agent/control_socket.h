@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "agent/failure.h"
+
 namespace zelta::agent {
 
 // Where the control socket of a reader's agent lies, the agent's own choice first:
@@ -29,9 +31,11 @@ class ControlServer {
 };
 
 // A socket that a dead agent left is replaced, as are missing folders. Throws std::runtime_error
-// with a message for people, also where a live agent has the path.
+// with a message for people, also where a live agent has the path. `onFailure` learns of it where
+// the server's thread has ended by an exception, what the handler throws included.
 std::unique_ptr<ControlServer> openControlServer(const std::string& path,
-                                                 ControlServer::Handler handler);
+                                                 ControlServer::Handler handler,
+                                                 OnFailure onFailure);
 
 // Asks the agent at the first of the paths at which one listens. Throws std::runtime_error with a
 // message for people where none does or the answer does not come within 10 seconds.

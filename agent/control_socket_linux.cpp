@@ -100,16 +100,53 @@ bool readLine(int fd, int cancel, SteadyClock::time_point deadline, std::string*
   return false;
 }
 
+// Gives the path to the listener, unless a live agent has it. Where it throws, the path is as it
+// was or free.
+void bindExclusively(const std::string& path, const ScopedFd& listener) {
+  const std::filesystem::path folder = std::filesystem::absolute(path).parent_path();
+  std::error_code error;
+  std::filesystem::create_directories(folder, error);
+  // Two agents that start at the same time must not both find the path free.
+  const ScopedFd lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!lock.valid()) fail("the folder of the control path " + path, errno);
+  flock(lock.get(), LOCK_EX);
+  const ScopedFd probe = makeSocket(SOCK_NONBLOCK);
+  const int answer = connectTo(probe, path);
+  if (answer == 0 || answer == EAGAIN) {
+    throw std::runtime_error("another agent is running: it has the control path " + path);
+  }
+  if (answer == ECONNREFUSED && isSocket(path)) unlink(path.c_str());
+  const sockaddr_un address = addressOf(path);
+  const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+  // The socket's path takes this mode over, so that it never lies open to others.
+  fchmod(listener.get(), kOwnerOnly);
+  if (bind(listener.get(), generic, sizeof address) != 0) fail("the control path " + path, errno);
+  if (listen(listener.get(), kWaiting) != 0) {
+    const int reason = errno;
+    unlink(path.c_str());
+    fail("the control path " + path, reason);
+  }
+}
+
+// Errors of accepting a client that are the client's own or have passed.
+bool isPassing(int error) { return error == EAGAIN || error == EINTR || error == ECONNABORTED; }
+
 class SocketServer : public ControlServer {
  public:
-  SocketServer(std::string path, Handler handler)
+  SocketServer(std::string path, Handler handler, OnFailure onFailure)
       : path_(std::move(path)),
         handler_(std::move(handler)),
+        onFailure_(std::move(onFailure)),
         cancel_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
         listener_(makeSocket(SOCK_NONBLOCK)) {
     if (!cancel_.valid()) fail("no event", errno);
-    bindExclusively();
-    thread_ = std::thread([this] { serve(); });
+    bindExclusively(path_, listener_);
+    try {
+      thread_ = std::thread([this] { guarded(onFailure_, [this] { serve(); }); });
+    } catch (...) {
+      removePath();
+      throw;
+    }
   }
 
   ~SocketServer() override {
@@ -123,39 +160,22 @@ class SocketServer : public ControlServer {
   }
 
  private:
-  void bindExclusively() {
-    const std::filesystem::path folder = std::filesystem::absolute(path_).parent_path();
-    std::error_code error;
-    std::filesystem::create_directories(folder, error);
-    // Two agents that start at the same time must not both find the path free.
-    const ScopedFd lock(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!lock.valid()) fail("the folder of the control path " + path_, errno);
-    flock(lock.get(), LOCK_EX);
-    const ScopedFd probe = makeSocket(SOCK_NONBLOCK);
-    const int answer = connectTo(probe, path_);
-    if (answer == 0 || answer == EAGAIN) {
-      throw std::runtime_error("another agent is running: it has the control path " + path_);
-    }
-    if (answer == ECONNREFUSED && isSocket(path_)) unlink(path_.c_str());
-    const sockaddr_un address = addressOf(path_);
-    const auto* generic = reinterpret_cast<const sockaddr*>(&address);
-    // The socket's path takes this mode over, so that it never lies open to others.
-    fchmod(listener_.get(), kOwnerOnly);
-    if (bind(listener_.get(), generic, sizeof address) != 0 ||
-        listen(listener_.get(), kWaiting) != 0) {
-      fail("the control path " + path_, errno);
-    }
-  }
-
   void serve() {
     for (;;) {
       std::array<pollfd, 2> waits{{{cancel_.get(), POLLIN, 0}, {listener_.get(), POLLIN, 0}}};
-      if (poll(waits.data(), waits.size(), -1) < 0 && errno != EINTR) return;
+      if (poll(waits.data(), waits.size(), -1) < 0) {
+        if (errno == EINTR) continue;
+        throw std::system_error(errno, std::generic_category(), "the control socket");
+      }
       if (waits[0].revents != 0) return;
       if (waits[1].revents == 0) continue;
       const ScopedFd client(
           accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-      if (client.valid()) serveClient(client);
+      if (client.valid()) {
+        serveClient(client);
+      } else if (!isPassing(errno)) {
+        throw std::system_error(errno, std::generic_category(), "the control socket");
+      }
     }
   }
 
@@ -170,6 +190,7 @@ class SocketServer : public ControlServer {
 
   const std::string path_;
   const Handler handler_;
+  const OnFailure onFailure_;
   const ScopedFd cancel_;
   const ScopedFd listener_;
   std::atomic<bool> removed_{false};
@@ -191,8 +212,9 @@ std::vector<std::string> defaultControlPaths(std::uint32_t reader) {
 }
 
 std::unique_ptr<ControlServer> openControlServer(const std::string& path,
-                                                 ControlServer::Handler handler) {
-  return std::make_unique<SocketServer>(path, std::move(handler));
+                                                 ControlServer::Handler handler,
+                                                 OnFailure onFailure) {
+  return std::make_unique<SocketServer>(path, std::move(handler), std::move(onFailure));
 }
 
 std::string askAgent(const std::vector<std::string>& paths, const std::string& line) {

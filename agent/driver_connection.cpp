@@ -33,7 +33,7 @@ std::string describe(const Bytes& apdu) {
 
 DriverConnection::DriverConnection(PipeConnection& commands, PipeConnection& events, CardSlot& slot,
                                    const Settings& settings, std::function<void()> onAlive,
-                                   Log& log)
+                                   OnFailure onFailure, Log& log)
     : commands_(commands),
       events_(events),
       slot_(slot),
@@ -41,7 +41,8 @@ DriverConnection::DriverConnection(PipeConnection& commands, PipeConnection& eve
       onAlive_(std::move(onAlive)),
       log_(log),
       reporter_(
-          events, settings.events, [this] { seenAlive(); }, [this] { stop(); }, log) {}
+          events, settings.events, [this] { seenAlive(); }, [this] { stop(); },
+          std::move(onFailure), log) {}
 
 void DriverConnection::seenAlive() {
   if (!alive_.exchange(true)) onAlive_();
@@ -55,33 +56,37 @@ void DriverConnection::stop() {
 
 void DriverConnection::serve() {
   slot_.setAborted(false);  // by the connection before; cancelled pipes still end this one
-  slot_.observe(&reporter_);
-  reporter_.start();
-  while (serveOne()) {
+  {
+    const CardSlot::Observation observation(slot_, reporter_);
+    reporter_.start();
+    while (serveOne()) {
+    }
   }
-  slot_.observe(nullptr);
   stop();
 }
 
 bool DriverConnection::serveOne() {
   std::array<std::uint8_t, 4> code{};
-  if (commands_.read(code.data(), code.size(), std::nullopt) != IoResult::Done) return false;
-  const Deadline deadline = SteadyClock::now() + settings_.answerLimit;
+  // Only a command's first byte may take any time.
+  if (commands_.read(code.data(), 1, std::nullopt) != IoResult::Done) return false;
+  const Deadline begin = SteadyClock::now();
+  const Limits limits{begin + settings_.answerLimit, begin + settings_.driverLimit};
   seenAlive();
   reporter_.commandBegan();
-  if (!dispatch(decodeNumber(code), deadline)) return false;
+  if (!readPart(code.data() + 1, code.size() - 1, limits.card)) return false;
+  if (!dispatch(decodeNumber(code), limits)) return false;
   reporter_.endAnswer();
   return true;
 }
 
-bool DriverConnection::dispatch(std::uint32_t code, Deadline deadline) {
+bool DriverConnection::dispatch(std::uint32_t code, const Limits& limits) {
   switch (static_cast<AgentCommand>(code)) {
     case AgentCommand::QueryAtrReset:
-      return answerAtr(CardSlot::Operation::Reset, deadline);
+      return answerAtr(CardSlot::Operation::Reset, limits);
     case AgentCommand::QueryAtr:
-      return answerAtr(CardSlot::Operation::Atr, deadline);
+      return answerAtr(CardSlot::Operation::Atr, limits);
     case AgentCommand::QueryTransmit:
-      return answerTransmit(deadline);
+      return answerTransmit(limits);
     case AgentCommand::NotifyCardReady:
       log_.debug("Card ready");
       slot_.ready();
@@ -91,45 +96,45 @@ bool DriverConnection::dispatch(std::uint32_t code, Deadline deadline) {
   return false;
 }
 
-bool DriverConnection::answerAtr(CardSlot::Operation operation, Deadline deadline) {
-  const CardSlot::Answer answer = slot_.ask(operation, {}, deadline);
+bool DriverConnection::answerAtr(CardSlot::Operation operation, const Limits& limits) {
+  const CardSlot::Answer answer = slot_.ask(operation, {}, limits.card);
   const bool resets = operation == CardSlot::Operation::Reset;
   const std::string what = resets ? "ATR query with reset" : "ATR query";
   if (answer.result == CardSlot::Result::Aborted) return false;
   if (answer.result == CardSlot::Result::Answered && reporter_.beginAnswer(answer.card)) {
     log_.debug(what + ": " + toHex(answer.data));
-    return writeFields(answer.data);
+    return writeFields(answer.data, limits.driver);
   }
   if (answer.result == CardSlot::Result::Late) {
     log_.warning(what + ": the card is not done in time");
   } else {
     log_.debug(what + ": no card");
-    reporter_.waitWritten(deadline);
+    reporter_.waitWritten(limits.card);
   }
-  return writeAnswer({});
+  return writeAnswer({}, limits.driver);
 }
 
-bool DriverConnection::answerTransmit(Deadline deadline) {
+bool DriverConnection::answerTransmit(const Limits& limits) {
   Bytes apdu;
-  if (!readApdu(&apdu, deadline)) return false;
-  if (apdu.empty()) return writeAnswer(wrongLength());
-  const CardSlot::Answer answer = slot_.ask(CardSlot::Operation::Transmit, apdu, deadline);
+  if (!readApdu(&apdu, limits.card)) return false;
+  if (apdu.empty()) return writeAnswer(wrongLength(), limits.driver);
+  const CardSlot::Answer answer = slot_.ask(CardSlot::Operation::Transmit, apdu, limits.card);
   const std::string what = log_.wants(LogLevel::Debug) ? "Transmit " + describe(apdu) : "Transmit";
   switch (answer.result) {
     case CardSlot::Result::Aborted:
       return false;
     case CardSlot::Result::Answered:
       log_.debug(what + ": " + std::to_string(answer.data.size()) + " bytes");
-      return writeAnswer(answer.data);
+      return writeAnswer(answer.data, limits.driver);
     case CardSlot::Result::Late:
       log_.warning(what + ": the card is not done in time");
-      return writeAnswer(noPreciseDiagnosis());
+      return writeAnswer(noPreciseDiagnosis(), limits.driver);
     case CardSlot::Result::NoCard:
       break;
   }
   log_.debug(what + ": no card");
-  reporter_.waitWritten(deadline);
-  return writeAnswer({});
+  reporter_.waitWritten(limits.card);
+  return writeAnswer({}, limits.driver);
 }
 
 bool DriverConnection::readApdu(Bytes* apdu, Deadline deadline) {
@@ -153,16 +158,29 @@ bool DriverConnection::readPart(void* data, std::uint32_t size, Deadline deadlin
   return result == IoResult::Done;
 }
 
-bool DriverConnection::writeAnswer(const Bytes& answer) {
+bool DriverConnection::writeAnswer(const Bytes& answer, Deadline deadline) {
   reporter_.beginAnswer(kNoCard);
-  return writeFields(answer);
+  return writeFields(answer, deadline);
 }
 
-bool DriverConnection::writeFields(const Bytes& answer) {
+bool DriverConnection::writeFields(const Bytes& answer, Deadline deadline) {
+  // The driver would take it for its next command's.
+  if (SteadyClock::now() >= deadline) {
+    log_.error("The answer comes too late for the driver; dropping the connection");
+    return false;
+  }
   const auto length = static_cast<std::uint32_t>(answer.size());
   const auto field = encodeNumber(length);
-  if (commands_.write(field.data(), field.size()) != IoResult::Done) return false;
-  return length == 0 || commands_.write(answer.data(), length) == IoResult::Done;
+  return writeField(field.data(), field.size(), deadline) &&
+         (length == 0 || writeField(answer.data(), length, deadline));
+}
+
+bool DriverConnection::writeField(const void* data, std::uint32_t size, Deadline deadline) {
+  const IoResult result = commands_.write(data, size, deadline);
+  if (result == IoResult::TimedOut) {
+    log_.error("The driver does not take its answer; dropping the connection");
+  }
+  return result == IoResult::Done;
 }
 
 }  // namespace zelta::agent

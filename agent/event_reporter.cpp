@@ -7,11 +7,12 @@
 namespace zelta::agent {
 
 EventReporter::EventReporter(PipeConnection& pipe, Settings settings, std::function<void()> onTaken,
-                             std::function<void()> onLost, Log& log)
+                             std::function<void()> onLost, OnFailure onFailure, Log& log)
     : pipe_(pipe),
       settings_(std::move(settings)),
       onTaken_(std::move(onTaken)),
       onLost_(std::move(onLost)),
+      onFailure_(std::move(onFailure)),
       log_(log) {}
 
 EventReporter::~EventReporter() {
@@ -26,8 +27,8 @@ EventReporter::~EventReporter() {
 }
 
 void EventReporter::start() {
-  watcher_ = std::thread([this] { watchPipe(); });
-  writer_ = std::thread([this] { writeEvents(); });
+  watcher_ = std::thread([this] { guarded(onFailure_, [this] { watchPipe(); }); });
+  writer_ = std::thread([this] { guarded(onFailure_, [this] { writeEvents(); }); });
 }
 
 void EventReporter::commandBegan() {
@@ -77,15 +78,18 @@ void EventReporter::queue(ReportRule::Report report) {
   changed_.notifyAll();
 }
 
-bool EventReporter::writeNumber(std::uint32_t number) {
+IoResult EventReporter::postNumber(std::uint32_t number,
+                                   std::optional<SteadyClock::time_point> deadline) {
   const auto bytes = encodeNumber(number);
-  return pipe_.write(bytes.data(), bytes.size()) == IoResult::Done;
+  return pipe_.post(bytes.data(), bytes.size(), deadline);
 }
 
 bool EventReporter::sendSessionId() {
   const auto length = static_cast<std::uint32_t>(settings_.sessionId.size());
-  return writeNumber(static_cast<std::uint32_t>(AgentEvent::SessionLogId)) && writeNumber(length) &&
-         pipe_.write(settings_.sessionId.data(), length) == IoResult::Done;
+  const auto code = static_cast<std::uint32_t>(AgentEvent::SessionLogId);
+  return postNumber(code, std::nullopt) == IoResult::Done &&
+         postNumber(length, std::nullopt) == IoResult::Done &&
+         pipe_.post(settings_.sessionId.data(), length, std::nullopt) == IoResult::Done;
 }
 
 void EventReporter::watchPipe() {
@@ -146,7 +150,13 @@ void EventReporter::writeEvents() {
   while (nextEvent(&report)) {
     const bool inserted = report == ReportRule::Report::Inserted;
     const AgentEvent event = inserted ? AgentEvent::CardInserted : AgentEvent::CardRemoved;
-    if (!writeNumber(static_cast<std::uint32_t>(event))) return;  // the watcher sees the end, too
+    const IoResult result =
+        postNumber(static_cast<std::uint32_t>(event), SteadyClock::now() + settings_.limit);
+    if (result == IoResult::TimedOut) {
+      log_.error("The driver does not take its events; dropping the connection");
+      pipe_.cancel();
+    }
+    if (result != IoResult::Done) return;  // the watcher sees the end, too
     log_.info(inserted ? "Card insertion reported" : "Card removal reported");
     platform::MutexLock lock(mutex_);
     events_.pop_front();

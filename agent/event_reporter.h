@@ -2,8 +2,9 @@
 //
 // Two threads of its own: one hands over the session id, waits until the driver has taken it (which
 // it does once it listens for events; the time of grace counts from then) and from then on watches
-// for the pipe's end; the other writes events, in the order in which they were decided. Both end
-// when the pipe is closed or cancelled.
+// for the pipe's end; the other hands over events, in the order in which they were decided and
+// without waiting for the driver to read them. Both end when the pipe is closed or cancelled. A
+// pipe that is full of events that the driver does not read is cancelled when its time is up.
 //
 // `commandBegan`, `answeringAtr`, `commandEnded` and `waitWritten` come from the thread that
 // answers commands. As the slot's observer it is called under the slot's lock; it never calls the
@@ -13,10 +14,12 @@
 #include <chrono>
 #include <deque>
 #include <functional>
+#include <optional>
 #include <string>
 #include <thread>
 
 #include "agent/card_slot.h"
+#include "agent/failure.h"
 #include "agent/log.h"
 #include "agent/pipe_client_port.h"
 #include "agent/report_rule.h"
@@ -29,19 +32,21 @@ class EventReporter final : public CardSlot::Observer {
   struct Settings {
     std::string sessionId;
     std::chrono::milliseconds grace;  // without a command, before a card is reported after all
+    std::chrono::milliseconds limit;  // how long a full pipe is waited for
   };
 
   // `pipe` and `log` outlive the reporter. `onLost` is called once, from one of its threads, when
-  // the pipe has ended; `onTaken` when the driver has taken the session id. Neither may destroy the
-  // reporter.
+  // the pipe has ended; `onTaken` when the driver has taken the session id; `onFailure` when one of
+  // the threads has ended by an exception. None may destroy the reporter.
   EventReporter(PipeConnection& pipe, Settings settings, std::function<void()> onTaken,
-                std::function<void()> onLost, Log& log);
+                std::function<void()> onLost, OnFailure onFailure, Log& log);
   // Cancels the pipe and joins the threads.
   ~EventReporter();
   EventReporter(const EventReporter&) = delete;
   EventReporter& operator=(const EventReporter&) = delete;
 
-  // After the slot observes this; the pipe is not written before.
+  // After the slot observes this; the pipe is not written before. Throws std::system_error for lack
+  // of threads.
   void start();
 
   void commandBegan();
@@ -49,7 +54,7 @@ class EventReporter final : public CardSlot::Observer {
   // that card is not in any more: nothing has begun, and it must be answered otherwise.
   bool beginAnswer(CardId atrOf);
   void endAnswer();
-  // Until everything decided so far is written, the pipe has ended, or the deadline.
+  // Until everything decided so far is handed over, the pipe has ended, or the deadline.
   void waitWritten(SteadyClock::time_point deadline);
 
  private:
@@ -63,19 +68,20 @@ class EventReporter final : public CardSlot::Observer {
   void writeEvents();
   // False: no more events, the pipe has ended.
   bool nextEvent(ReportRule::Report* report);
-  bool writeNumber(std::uint32_t number);
+  IoResult postNumber(std::uint32_t number, std::optional<SteadyClock::time_point> deadline);
   void ended();
 
   PipeConnection& pipe_;
   const Settings settings_;
   const std::function<void()> onTaken_;
   const std::function<void()> onLost_;
+  const OnFailure onFailure_;
   Log& log_;
 
   platform::Mutex mutex_;
   platform::ConditionVariable changed_;
   ReportRule rule_ ZELTA_GUARDED_BY(mutex_){kNoCard};
-  // Decided and not written; the front one is being written.
+  // Decided and not handed over; the front one is being handed over.
   std::deque<ReportRule::Report> events_ ZELTA_GUARDED_BY(mutex_);
   bool answering_ ZELTA_GUARDED_BY(mutex_) = false;
   bool sessionSent_ ZELTA_GUARDED_BY(mutex_) = false;

@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "agent/failure.h"
+
 namespace zelta::agent {
 
 namespace {
@@ -33,7 +35,20 @@ void PcscCard::start(CardListener& listener) {
     throw std::runtime_error("the smart card service cannot be reached: " + describe(result));
   }
   listener_ = &listener;
-  watcher_ = std::thread([this] { watch(); });
+  try {
+    watcher_ = std::thread([this] { runWatcher(); });
+  } catch (...) {
+    SCardReleaseContext(context_);
+    listener_ = nullptr;  // not started
+    throw;
+  }
+}
+
+void PcscCard::runWatcher() {
+  guarded([this](const char* problem) { listener_->cardFailed(problem); }, [this] { watch(); });
+  platform::MutexLock lock(mutex_);
+  watcherEnded_ = true;
+  changed_.notifyAll();
 }
 
 void PcscCard::interrupt() {
@@ -225,10 +240,7 @@ void PcscCard::watch() {
     platform::MutexLock lock(mutex_);
     changed_.waitFor(lock, kServiceRetry,
                      [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return ending_; });
-    if (!ending_) continue;
-    watcherEnded_ = true;
-    changed_.notifyAll();
-    return;
+    if (ending_) return;
   }
 }
 

@@ -42,6 +42,8 @@ class PcscCard final : public CardBackend {
   // Takes the card as gone where `result` says so.
   void noteFailure(LONG result, const char* what);
 
+  // The body of the watching thread.
+  void runWatcher();
   void watch();
   // Follows the reader until the service ends or this does.
   void follow(SCARDCONTEXT context);

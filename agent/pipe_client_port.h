@@ -21,8 +21,10 @@ enum class IoResult {
   TimedOut,
 };
 
-// One connected client end. A read, a write and a flush may run at the same time on three threads;
-// `cancel` may come from any thread. Destroyed when none of them is running.
+// One connected client end. A read, a flush and either a write or a post may run at the same time
+// on three threads; `cancel` may come from any thread. Destroyed when none of them is running.
+//
+// After a write or a post that was not Done, an unknown part of its bytes may be with the driver.
 class PipeConnection {
  public:
   virtual ~PipeConnection() = default;
@@ -30,9 +32,16 @@ class PipeConnection {
   // Blocks until `size` bytes are there, or until `deadline` where one is given.
   virtual IoResult read(void* data, std::uint32_t size,
                         std::optional<SteadyClock::time_point> deadline) = 0;
-  // Hands over `size` bytes as one write.
-  virtual IoResult write(const void* data, std::uint32_t size) = 0;
-  // Blocks until the driver has read everything written.
+  // Hands over `size` bytes as one write: blocks until the pipe has taken them (a pipe without a
+  // buffer: until the driver has read them), or until `deadline` where one is given.
+  virtual IoResult write(const void* data, std::uint32_t size,
+                         std::optional<SteadyClock::time_point> deadline) = 0;
+  // The same, but never waits for the driver to read these bytes: they stand in the pipe, behind
+  // what was posted before, when it returns. Blocks, as `write` does, only while the pipe holds so
+  // much unread that it takes no more. What a thread has posted may be lost with its end.
+  virtual IoResult post(const void* data, std::uint32_t size,
+                        std::optional<SteadyClock::time_point> deadline) = 0;
+  // Blocks until the driver has read everything written and posted.
   virtual IoResult flush() = 0;
   // Releases what is blocked and makes every later operation return Cancelled.
   virtual void cancel() = 0;

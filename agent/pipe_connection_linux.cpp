@@ -87,11 +87,12 @@ IoResult SocketConnection::read(void* data, std::uint32_t size,
   return IoResult::Done;
 }
 
-IoResult SocketConnection::write(const void* data, std::uint32_t size) {
+IoResult SocketConnection::write(const void* data, std::uint32_t size,
+                                 std::optional<SteadyClock::time_point> deadline) {
   const auto* bytes = static_cast<const std::uint8_t*>(data);
   std::uint32_t done = 0;
   while (done < size) {
-    const IoResult ready = waitFor(POLLOUT, std::nullopt);
+    const IoResult ready = waitFor(POLLOUT, deadline);
     if (ready != IoResult::Done) return ready;
     const ssize_t count = send(socket_.get(), bytes + done, size - done, MSG_NOSIGNAL);
     if (count >= 0) {

@@ -13,7 +13,13 @@ class SocketConnection : public PipeConnection {
 
   IoResult read(void* data, std::uint32_t size,
                 std::optional<SteadyClock::time_point> deadline) override;
-  IoResult write(const void* data, std::uint32_t size) override;
+  IoResult write(const void* data, std::uint32_t size,
+                 std::optional<SteadyClock::time_point> deadline) override;
+  // The socket has a buffer, so that a write does not wait for the driver either.
+  IoResult post(const void* data, std::uint32_t size,
+                std::optional<SteadyClock::time_point> deadline) override {
+    return write(data, size, deadline);
+  }
   IoResult flush() override;
   void cancel() override;
 

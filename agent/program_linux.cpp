@@ -1,31 +1,38 @@
 // The program: command line, signals, control socket and readiness around the agent.
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <array>
+#include <cerrno>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <future>
 #include <iostream>
-#include <sstream>
 #include <stdexcept>
-#include <thread>
+#include <string>
+#include <string_view>
+#include <system_error>
 
 #include "agent/agent.h"
 #include "agent/backend_choice.h"
 #include "agent/control.h"
 #include "agent/control_socket.h"
+#include "agent/failure.h"
 #include "agent/log_linux.h"
 #include "agent/options.h"
 #include "agent/session_id.h"
 #include "agent/version.h"
+#include "platform/scoped_fd_linux.h"
 
 namespace zelta::agent {
 
 namespace {
+
+using platform::ScopedFd;
 
 // How long a card that cannot be interrupted may hold up the end.
 constexpr std::chrono::seconds kEndLimit{2};
@@ -51,63 +58,125 @@ int runControl(const Options& options) {
   return kExitFailed;
 }
 
-// Acts on signals until one of them ends the program.
-void followSignals(const sigset_t& signals, Agent& agent, Log& log) {
-  for (;;) {
-    int signal = 0;
-    if (sigwait(&signals, &signal) != 0) continue;
-    if (signal == SIGUSR1) {
-      agent.removeCard();
-    } else if (signal == SIGUSR2) {
-      agent.insertCard();
-    } else {
-      log.info(signal == SIGINT ? "Ending: interrupted" : "Ending: asked to terminate");
-      return;
+ScopedFd opened(int fd, const char* what) {
+  if (fd < 0) throw std::system_error(errno, std::generic_category(), what);
+  return ScopedFd(fd);
+}
+
+// What the program waits for while the agent serves: signals, and a failure of a thread.
+class Endings {
+ public:
+  // Blocks the signals for this thread and those that it makes from now on.
+  Endings()
+      : signals_(blockedSignals()),
+        received_(opened(signalfd(-1, &signals_, SFD_CLOEXEC), "signalfd")),
+        failed_(opened(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")),
+        failure_([this] { eventfd_write(failed_.get(), 1); }) {}
+
+  FailureNote& failure() { return failure_; }
+  const FailureNote& failure() const { return failure_; }
+
+  // Acts on signals until one of them, or a failure, ends the program.
+  void follow(Agent& agent, Log& log) {
+    for (;;) {
+      std::array<pollfd, 2> waits{{{failed_.get(), POLLIN, 0}, {received_.get(), POLLIN, 0}}};
+      if (poll(waits.data(), waits.size(), -1) < 0) {
+        if (errno == EINTR) continue;
+        throw std::system_error(errno, std::generic_category(), "poll");
+      }
+      if (failure_.problem() != nullptr) return;
+      signalfd_siginfo signal{};
+      if (read(received_.get(), &signal, sizeof signal) != sizeof signal) continue;
+      if (signal.ssi_signo == SIGUSR1) {
+        agent.removeCard();
+      } else if (signal.ssi_signo == SIGUSR2) {
+        agent.insertCard();
+      } else {
+        log.info(signal.ssi_signo == SIGINT ? "Ending: interrupted" : "Ending: asked to terminate");
+        return;
+      }
     }
   }
-}
+
+ private:
+  static sigset_t blockedSignals() {
+    const sigset_t signals = waitedSignals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    return signals;
+  }
+
+  const sigset_t signals_;
+  const ScopedFd received_;  // readable when a signal has come
+  const ScopedFd failed_;    // readable from the first failure on
+  FailureNote failure_;
+};
 
 void tellState(bool connected) {
   sd_notify(0, connected ? "STATUS=Connected to the driver" : "STATUS=Waiting for the driver");
 }
 
+// Stops an agent where its scope ends, however that is, so that whoever runs it can be joined.
+class Stopping {
+ public:
+  explicit Stopping(Agent& agent) : agent_(agent) {}
+  ~Stopping() { agent_.stop(); }
+  Stopping(const Stopping&) = delete;
+  Stopping& operator=(const Stopping&) = delete;
+
+ private:
+  Agent& agent_;
+};
+
+// Ends the agent that runs; the program's exit code.
+int endAgent(Agent& agent, std::future<void>& ran, const Endings& endings, Log& log) {
+  agent.stop();
+  const bool ended = ran.wait_for(kEndLimit) == std::future_status::ready;
+  const char* problem = endings.failure().problem();
+  if (problem != nullptr) log.error(std::string("Ending: ") + problem);
+  const int exitCode = problem == nullptr ? kExitDone : kExitFailed;
+  if (!ended) {
+    log.warning("The card does not end its command; leaving it behind");
+    std::_Exit(exitCode);
+  }
+  return exitCode;
+}
+
 int runAgent(const Options& options, Log& log) {
-  const sigset_t signals = waitedSignals();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  Endings endings;  // first: threads take the blocked signals over
+  const OnFailure onFailure = [&endings](const char* problem) { endings.failure().take(problem); };
   const std::string path =
       options.control.empty() ? defaultControlPaths(options.reader).front() : options.control;
   Agent::Settings settings;
   settings.reader = options.reader;
   settings.sessionId = options.sessionId.empty() ? newSessionId() : options.sessionId;
   settings.onConnection = tellState;
+  settings.onFailure = onFailure;
 
   const std::unique_ptr<PipeClientPort> pipes = makeSystemPipeClient();
   const std::unique_ptr<CardBackend> backend = makeBackend(options, log);
   Agent agent(*pipes, *backend, settings, log);
   const std::unique_ptr<ControlServer> control = openControlServer(
-      path, [&agent](const std::string& line) { return answerControl(agent, line); });
+      path, [&agent](const std::string& line) { return answerControl(agent, line); }, onFailure);
   agent.start();
   log.info(std::string("zelta-agent ") + kVersion + ": reader " + std::to_string(options.reader) +
            ", " + backend->name() + " card, session " + settings.sessionId + ", control " + path);
-  std::future<void> ran = std::async(std::launch::async, [&agent] { agent.run(); });
+  std::future<void> ran = std::async(
+      std::launch::async, [&agent, &onFailure] { guarded(onFailure, [&agent] { agent.run(); }); });
+  const Stopping stopping(agent);
   tellState(false);
   sd_notify(0, "READY=1");
 
-  followSignals(signals, agent, log);
+  endings.follow(agent, log);
   sd_notify(0, "STOPPING=1");
   control->removePath();
-  agent.stop();
-  if (ran.wait_for(kEndLimit) != std::future_status::ready) {
-    log.warning("The card does not end its command; leaving it behind");
-    std::_Exit(kExitDone);
-  }
-  ran.get();
-  return kExitDone;
+  return endAgent(agent, ran, endings, log);
 }
 
 }  // namespace
 
-int runProgram(int argc, const char* const* argv) {
+namespace {
+
+int runWithMemory(int argc, const char* const* argv) {
   const ParsedOptions parsed = parseOptions(argc, argv);
   std::cout << parsed.output << std::flush;
   std::cerr << parsed.error << std::flush;
@@ -126,6 +195,20 @@ int runProgram(int argc, const char* const* argv) {
     } else {
       log.error(error.what());
     }
+    return kExitFailed;
+  }
+}
+
+}  // namespace
+
+int runProgram(int argc, const char* const* argv) {
+  try {
+    return runWithMemory(argc, argv);
+  } catch (const std::exception&) {
+    // What went wrong could not even be said.
+    constexpr std::string_view kText = "zelta-agent: out of memory\n";
+    const ssize_t written = write(STDERR_FILENO, kText.data(), kText.size());
+    static_cast<void>(written);
     return kExitFailed;
   }
 }

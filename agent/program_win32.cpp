@@ -2,14 +2,19 @@
 // the scripted card comes and goes as its script says.
 #include <windows.h>
 // windows.h comes first
+#include <array>
 #include <cstdlib>
 #include <future>
 #include <iostream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "agent/agent.h"
+#include "agent/console_end_win32.h"
+#include "agent/failure.h"
 #include "agent/options.h"
+#include "agent/pipe_connection_win32.h"
 #include "agent/program.h"
 #include "agent/script_backend.h"
 #include "agent/session_id.h"
@@ -23,26 +28,47 @@ namespace {
 // How long a card that cannot be interrupted may hold up the end.
 constexpr std::chrono::seconds kEndLimit{2};
 
-// Set by the console's handler, which runs on a thread of the system's.
-HANDLE endRequested = nullptr;
-
-BOOL WINAPI onConsoleEvent(DWORD /*event*/) {
-  SetEvent(endRequested);
-  return TRUE;
-}
-
 Log::Sink standardErrorSink() {
   return [](LogLevel level, const std::string& line) {
     std::cerr << timeStamp() + " " + levelName(level) + ": " + line + "\n" << std::flush;
   };
 }
 
+// Stops an agent where its scope ends, however that is, so that whoever runs it can be joined.
+class Stopping {
+ public:
+  explicit Stopping(Agent& agent) : agent_(agent) {}
+  ~Stopping() { agent_.stop(); }
+  Stopping(const Stopping&) = delete;
+  Stopping& operator=(const Stopping&) = delete;
+
+ private:
+  Agent& agent_;
+};
+
+// Ends the agent that runs; the program's exit code.
+int endAgent(Agent& agent, std::future<void>& ran, const FailureNote& failure, Log& log) {
+  agent.stop();
+  const bool ended = ran.wait_for(kEndLimit) == std::future_status::ready;
+  const char* problem = failure.problem();
+  if (problem != nullptr) log.error(std::string("Ending: ") + problem);
+  const int exitCode = problem == nullptr ? kExitDone : kExitFailed;
+  if (!ended) {
+    log.warning("The card does not end its command; leaving it behind");
+    std::_Exit(exitCode);
+  }
+  return exitCode;
+}
+
 int runAgent(const Options& options, Log& log) {
-  endRequested = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  SetConsoleCtrlHandler(onConsoleEvent, TRUE);
+  const HANDLE endRequested = followConsole();
+  const ScopedHandle failed = makeEvent();
+  FailureNote failure([&failed] { SetEvent(failed.get()); });
+  const OnFailure onFailure = [&failure](const char* problem) { failure.take(problem); };
   Agent::Settings settings;
   settings.reader = options.reader;
   settings.sessionId = options.sessionId.empty() ? newSessionId() : options.sessionId;
+  settings.onFailure = onFailure;
 
   const std::unique_ptr<PipeClientPort> pipes = makeSystemPipeClient();
   const std::unique_ptr<CardBackend> backend = makeScriptBackend(options);
@@ -50,21 +76,16 @@ int runAgent(const Options& options, Log& log) {
   agent.start();
   log.info(std::string("zelta-agent ") + kVersion + ": reader " + std::to_string(options.reader) +
            ", " + backend->name() + " card, session " + settings.sessionId);
-  std::future<void> ran = std::async(std::launch::async, [&agent] { agent.run(); });
-  WaitForSingleObject(endRequested, INFINITE);
-  log.info("Ending: interrupted");
-  agent.stop();
-  if (ran.wait_for(kEndLimit) != std::future_status::ready) {
-    log.warning("The card does not end its command; leaving it behind");
-    std::_Exit(kExitDone);
-  }
-  ran.get();
-  return kExitDone;
+  std::future<void> ran = std::async(
+      std::launch::async, [&agent, &onFailure] { guarded(onFailure, [&agent] { agent.run(); }); });
+  const Stopping stopping(agent);
+  const std::array<HANDLE, 2> endings = {failed.get(), endRequested};
+  WaitForMultipleObjects(static_cast<DWORD>(endings.size()), endings.data(), FALSE, INFINITE);
+  if (failure.problem() == nullptr) log.info("Ending: interrupted");
+  return endAgent(agent, ran, failure, log);
 }
 
-}  // namespace
-
-int runProgram(int argc, const char* const* argv) {
+int runWithMemory(int argc, const char* const* argv) {
   const ParsedOptions parsed = parseOptions(argc, argv);
   std::cout << parsed.output << std::flush;
   std::cerr << parsed.error << std::flush;
@@ -81,6 +102,21 @@ int runProgram(int argc, const char* const* argv) {
     return runAgent(options, log);
   } catch (const std::exception& error) {
     log.error(error.what());
+    return kExitFailed;
+  }
+}
+
+}  // namespace
+
+int runProgram(int argc, const char* const* argv) {
+  try {
+    return runWithMemory(argc, argv);
+  } catch (const std::exception&) {
+    // What went wrong could not even be said.
+    constexpr std::string_view kText = "zelta-agent: out of memory\r\n";
+    DWORD written = 0;
+    WriteFile(GetStdHandle(STD_ERROR_HANDLE), kText.data(), static_cast<DWORD>(kText.size()),
+              &written, nullptr);
     return kExitFailed;
   }
 }

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "agent/failure.h"
+
 namespace zelta::agent {
 
 ScriptCard::ScriptCard(Script script, bool cardIn) : script_(std::move(script)), in_(cardIn) {}
@@ -16,7 +18,10 @@ void ScriptCard::start(CardListener& listener) {
     for (const Script::Timed& timed : script_.timed) due_.emplace(now + timed.at, timed.action);
     if (in_) listener.cardInserted();
   }
-  timer_ = std::thread([this] { runTimed(); });
+  timer_ = std::thread([this] {
+    guarded([this](const char* problem) { listener_->cardFailed(problem); },
+            [this] { runTimed(); });
+  });
 }
 
 void ScriptCard::stop() {

@@ -77,15 +77,6 @@ TEST_F(AgentCommands, muteCardIsAnsweredWithLengthZero) {
   EXPECT_EQ(driver_.transmit(kSelect), kNothing);
 }
 
-TEST_F(AgentCommands, commandsInOneWriteAreAnsweredInOrder) {
-  RunningAgent agent(card_);
-  driver_.acceptSession();
-  const Bytes both = {1, 0, 0, 0, 3, 0, 0, 0, 2, 0, 0, 0, 4, 0, 0, 0, 0x00, 0xA4, 0x04, 0x00};
-  EXPECT_TRUE(driver_.sendBytes(both));
-  EXPECT_EQ(driver_.readAnswer(), heldAtr());
-  EXPECT_EQ(driver_.readAnswer(), heldAnswer(1));
-}
-
 TEST_F(AgentCommands, commandInSingleBytesIsUnderstood) {
   RunningAgent agent(card_);
   driver_.acceptSession();
@@ -149,8 +140,34 @@ TEST_F(AgentCommands, commandThatStopsHalfWayDropsTheConnection) {
 }
 
 TEST(AgentTiming, answersHalfASecondBeforeTheDriverGivesUp) {
+  EXPECT_EQ(agent::Timing().driverLimit, std::chrono::milliseconds(5000));
   EXPECT_EQ(agent::Timing().answerLimit, std::chrono::milliseconds(4500));
   EXPECT_EQ(agent::Timing().grace, std::chrono::milliseconds(500));
+}
+
+// Far more than any pipe holds the answers to. The driver's own write fails where the agent drops
+// the connection before it has read them all.
+TEST_F(AgentCommands, driverThatTakesNoAnswersIsDroppedAndConnectedToAgain) {
+  agent::Timing timing = patientTiming();
+  timing.driverLimit = std::chrono::seconds(3);
+  RunningAgent agent(card_, timing);
+  driver_.acceptSession();
+  Bytes queries;
+  for (int query = 0; query < 5000; ++query) queries.insert(queries.end(), {1, 0, 0, 0});
+  driver_.sendBytes(queries);
+  agent.log().waitFor("error: The driver does not take its answer; dropping the connection");
+  agent.waitConnected(false);
+  driver_.disconnect();
+  EXPECT_EQ(driver_.acceptSession(), kSession);
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), heldAtr());
+}
+
+TEST_F(AgentCommands, commandWhoseCodeStopsHalfWayDropsTheConnection) {
+  RunningAgent agent(card_, hastyTiming());
+  driver_.acceptSession();
+  EXPECT_TRUE(driver_.sendBytes({0, 0}));
+  EXPECT_TRUE(driver_.waitForDrop());
+  EXPECT_TRUE(agent.log().has("error: The driver's command stopped half-way"));
 }
 
 TEST_F(AgentCommands, lateResponseIsThrownAwayAndTheNextCommandGetsItsOwn) {

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -135,6 +136,12 @@ AgentProcess::~AgentProcess() {
 }
 
 void AgentProcess::signal(int number) { kill(process_, number); }
+
+void AgentProcess::refuseHandles() {
+  // The standard streams have these; with fewer, polling two descriptors fails, too.
+  const rlimit few = {3, 3};
+  if (prlimit(process_, RLIMIT_NOFILE, &few, nullptr) != 0) throw std::runtime_error("no limit");
+}
 
 int AgentProcess::wait() {
   if (process_ != 0) exitCode_ = waitFor(process_);

@@ -34,6 +34,8 @@ class AgentProcess {
 
   const std::string& control() const { return control_; }
   void signal(int number);
+  // From now on it gets no further file descriptors.
+  void refuseHandles();
   // Until it has ended; the exit code, or 128 + the signal that ended it.
   int wait();
   // Lines of its standard error, as they come.

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <stdexcept>
+#include <string>
 
 #include "tests/agent/held_card.h"
 #include "tests/agent/running_agent.h"
@@ -19,7 +21,7 @@ SteadyClock::time_point later() { return SteadyClock::now() + test::kLong; }
 
 class Slot : public testing::Test {
  protected:
-  Slot() : slot_(card_) { slot_.start(); }
+  Slot() : slot_(card_, test::failTest) { slot_.start(); }
 
   std::future<CardSlot::Answer> askInBackground() {
     return std::async(std::launch::async,
@@ -97,6 +99,39 @@ TEST_F(Slot, stopEndsTheWaitForGood) {
   EXPECT_EQ(answer.get().result, Result::Aborted);
   slot_.setAborted(false);
   EXPECT_EQ(slot_.ask(Operation::Atr, {}, later()).result, Result::Aborted);
+}
+
+class FailingCard : public HeldCard {
+ public:
+  Bytes transmit(const Bytes&) override { throw std::runtime_error("the card is broken"); }
+};
+
+TEST(FailingSlot, exceptionOfTheCardIsToldAndTheSlotCanBeStopped) {
+  FailingCard card;
+  std::promise<std::string> told;
+  CardSlot slot(card, [&told](const char* problem) { told.set_value(problem); });
+  slot.start();
+  auto answer = std::async(std::launch::async,
+                           [&] { return slot.ask(Operation::Transmit, {0x00}, later()); });
+  EXPECT_EQ(told.get_future().get(), "the card is broken");
+  slot.stop();
+  EXPECT_EQ(answer.get().result, Result::Aborted);
+}
+
+class AbsentCard : public HeldCard {
+ public:
+  void start(CardListener&) override { throw std::runtime_error("no card"); }
+  void stop() override { stopped = true; }
+  bool stopped = false;
+};
+
+TEST(FailingSlot, cardThatDoesNotStartIsNotStopped) {
+  AbsentCard card;
+  {
+    CardSlot slot(card, test::failTest);
+    EXPECT_THROW(slot.start(), std::runtime_error);
+  }
+  EXPECT_FALSE(card.stopped);
 }
 
 class Observed final : public CardSlot::Observer {

@@ -16,6 +16,7 @@
 
 #include "agent/control.h"
 #include "platform/scoped_fd_linux.h"
+#include "tests/agent/fail_test.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::agent {
@@ -62,14 +63,14 @@ class Control : public testing::Test {
 };
 
 TEST_F(Control, answersOneClientAfterTheOther) {
-  const auto server = openControlServer(path_, echo);
+  const auto server = openControlServer(path_, echo, test::failTest);
   EXPECT_EQ(askAgent({path_}, "one\n"), "<one>");
   EXPECT_EQ(askAgent({path_}, "two\n"), "<two>");
 }
 
 TEST_F(Control, socketIsForItsOwnerOnlyAndGoesWithTheServer) {
   {
-    const auto server = openControlServer(path_, echo);
+    const auto server = openControlServer(path_, echo, test::failTest);
     struct stat status {};
     ASSERT_EQ(stat(path_.c_str(), &status), 0);
     EXPECT_TRUE(S_ISSOCK(status.st_mode));
@@ -79,8 +80,8 @@ TEST_F(Control, socketIsForItsOwnerOnlyAndGoesWithTheServer) {
 }
 
 TEST_F(Control, liveSocketIsLeftToItsAgent) {
-  const auto server = openControlServer(path_, echo);
-  EXPECT_EQ(problemOf([&] { openControlServer(path_, echo); }),
+  const auto server = openControlServer(path_, echo, test::failTest);
+  EXPECT_EQ(problemOf([&] { openControlServer(path_, echo, test::failTest); }),
             "another agent is running: it has the control path " + path_);
   EXPECT_EQ(askAgent({path_}, "x\n"), "<x>");
 }
@@ -94,25 +95,26 @@ TEST_F(Control, deadSocketIsReplaced) {
     std::strncpy(address.sun_path, path_.c_str(), sizeof address.sun_path - 1);
     ASSERT_EQ(bind(dead.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   }
-  const auto server = openControlServer(path_, echo);
+  const auto server = openControlServer(path_, echo, test::failTest);
   EXPECT_EQ(askAgent({path_}, "x\n"), "<x>");
 }
 
 TEST_F(Control, fileThatIsNoSocketStays) {
   const std::string file = folder_.file("file");
   std::ofstream(file) << "precious";
-  EXPECT_THAT(problemOf([&] { openControlServer(file, echo); }), testing::HasSubstr(file));
+  EXPECT_THAT(problemOf([&] { openControlServer(file, echo, test::failTest); }),
+              testing::HasSubstr(file));
   EXPECT_TRUE(std::filesystem::is_regular_file(file));
 }
 
 TEST_F(Control, pathThatIsTooLongIsRefused) {
   const std::string longPath = folder_.file(std::string(120, 'x'));
-  EXPECT_THAT(problemOf([&] { openControlServer(longPath, echo); }),
+  EXPECT_THAT(problemOf([&] { openControlServer(longPath, echo, test::failTest); }),
               testing::HasSubstr("cannot be used"));
 }
 
 TEST_F(Control, clientThatAsksForTooMuchIsDropped) {
-  const auto server = openControlServer(path_, echo);
+  const auto server = openControlServer(path_, echo, test::failTest);
   const ScopedFd client = connectTo(path_);
   const std::string much(kLongestControlLine + 1, 'x');
   ASSERT_EQ(send(client.get(), much.data(), much.size(), MSG_NOSIGNAL),
@@ -121,7 +123,7 @@ TEST_F(Control, clientThatAsksForTooMuchIsDropped) {
 }
 
 TEST_F(Control, clientThatOnlyClosesItsSideIsAnswered) {
-  const auto server = openControlServer(path_, echo);
+  const auto server = openControlServer(path_, echo, test::failTest);
   const ScopedFd client = connectTo(path_);
   ASSERT_EQ(send(client.get(), "ab", 2, MSG_NOSIGNAL), 2);
   shutdown(client.get(), SHUT_WR);
@@ -129,7 +131,7 @@ TEST_F(Control, clientThatOnlyClosesItsSideIsAnswered) {
 }
 
 TEST_F(Control, clientThatGoesWithoutWaitingHarmsNothing) {
-  const auto server = openControlServer(path_, echo);
+  const auto server = openControlServer(path_, echo, test::failTest);
   for (int i = 0; i < 20; ++i) {
     const ScopedFd client = connectTo(path_);
     ASSERT_EQ(send(client.get(), "x\n", 2, MSG_NOSIGNAL), 2);
@@ -138,14 +140,14 @@ TEST_F(Control, clientThatGoesWithoutWaitingHarmsNothing) {
 }
 
 TEST_F(Control, serverEndsWhileAClientSaysNothing) {
-  auto server = openControlServer(path_, echo);
+  auto server = openControlServer(path_, echo, test::failTest);
   const ScopedFd client = connectTo(path_);
   server.reset();
   EXPECT_EQ(readAll(client), "");
 }
 
 TEST_F(Control, firstPathWithAnAgentIsAsked) {
-  const auto server = openControlServer(path_, echo);
+  const auto server = openControlServer(path_, echo, test::failTest);
   EXPECT_EQ(askAgent({folder_.file("none"), path_}, "x\n"), "<x>");
 }
 

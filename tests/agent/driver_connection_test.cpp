@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
+#include <stdexcept>
+#include <string>
 #include <thread>
 
 #include "tests/agent/held_card.h"
@@ -23,17 +26,19 @@ const Bytes kInserted = {1, 0, 0, 0};
 
 class Connection : public testing::Test {
  protected:
-  Connection()
+  explicit Connection(std::chrono::milliseconds driverLimit = test::kLong)
       : log_(LogLevel::Debug, lines_.sink()),
-        slot_(card_),
+        slot_(card_, test::failTest),
         connection_(
-            commands_, events_, slot_, {{test::kSession, test::kLong}, test::kLong}, [] {}, log_) {
+            commands_, events_, slot_,
+            {{test::kSession, test::kLong, driverLimit}, test::kLong, driverLimit}, [] {},
+            test::failTest, log_) {
     slot_.start();
     thread_ = std::thread([this] { connection_.serve(); });
   }
   ~Connection() override {
     connection_.stop();
-    thread_.join();
+    if (thread_.joinable()) thread_.join();
     slot_.stop();
   }
 
@@ -52,6 +57,13 @@ TEST_F(Connection, eachFieldOfAnAnswerIsOneWrite) {
   commands_.give(kTransmit);
   const std::vector<Bytes> expected = {{2, 0, 0, 0}, test::heldAtr(), {3, 0, 0, 0}, heldAnswer(1)};
   EXPECT_EQ(commands_.takeWrites(4), expected);
+}
+
+TEST_F(Connection, commandsThatComeTogetherAreAnsweredInOrder) {
+  commands_.give({1, 0, 0, 0, 3, 0, 0, 0, 2, 0, 0, 0, 4, 0, 0, 0, 0x00, 0xA4, 0x04, 0x00});
+  const std::vector<Bytes> expected = {{2, 0, 0, 0}, test::heldAtr(), {3, 0, 0, 0}, heldAnswer(1)};
+  EXPECT_EQ(commands_.takeWrites(4), expected);
+  EXPECT_EQ(card_.readyNotices(), 1);
 }
 
 TEST_F(Connection, eachFieldOfTheSessionIdIsOneWrite) {
@@ -99,6 +111,92 @@ TEST_F(Connection, secondCommandIsNotReadBeforeTheFirstIsAnswered) {
   EXPECT_EQ(commands_.writes(), 0u);
   card_.letGo();
   EXPECT_EQ(commands_.takeWrites(4).back(), heldAnswer(2));
+}
+
+// A pipe whose operations fail as for lack of memory or of handles.
+class BrokenPipe : public MemoryPipe {
+ public:
+  IoResult read(void*, std::uint32_t, std::optional<SteadyClock::time_point>) override {
+    throw std::runtime_error("cannot read");
+  }
+  IoResult post(const void*, std::uint32_t, std::optional<SteadyClock::time_point>) override {
+    throw std::runtime_error("cannot post");
+  }
+};
+
+class FailingConnection : public testing::Test {
+ protected:
+  FailingConnection() : log_(LogLevel::Debug, lines_.sink()), slot_(card_, test::failTest) {
+    slot_.start();
+  }
+
+  // Serves until an exception ends that.
+  void serve(PipeConnection& commands, PipeConnection& events, const OnFailure& onFailure) {
+    DriverConnection connection(
+        commands, events, slot_,
+        {{test::kSession, test::kLong, test::kLong}, test::kLong, test::kLong}, [] {}, onFailure,
+        log_);
+    connection.serve();
+  }
+
+  test::LogLines lines_;
+  Log log_;
+  test::HeldCard card_;
+  CardSlot slot_;
+};
+
+TEST_F(FailingConnection, exceptionOfTheServingThreadLeavesNoObserverBehind) {
+  BrokenPipe commands;
+  MemoryPipe events;
+  EXPECT_THROW(serve(commands, events, test::failTest), std::runtime_error);
+  EXPECT_EQ(slot_.remove(), "");  // what observed it is gone
+  EXPECT_EQ(slot_.insert(), "");
+}
+
+TEST_F(FailingConnection, exceptionOfAnEventThreadIsTold) {
+  MemoryPipe commands;
+  BrokenPipe events;
+  std::promise<std::string> told;
+  std::thread serving(
+      [&] { serve(commands, events, [&told](const char* problem) { told.set_value(problem); }); });
+  EXPECT_EQ(told.get_future().get(), "cannot post");
+  commands.cancel();
+  serving.join();
+}
+
+// Where the driver's time is over before anything has begun.
+class OverdueConnection : public Connection {
+ protected:
+  OverdueConnection() : Connection(std::chrono::milliseconds(0)) {}
+};
+
+TEST_F(OverdueConnection, answerThatComesTooLateIsNotWritten) {
+  commands_.give(kAtrQuery);
+  thread_.join();
+  EXPECT_EQ(commands_.writes(), 0u);
+  EXPECT_TRUE(lines_.has("error: The answer comes too late for the driver"));
+}
+
+TEST_F(OverdueConnection, fullEventPipeEndsTheConnection) {
+  events_.takeWrites(3);
+  events_.holdWrites();
+  commands_.give({3, 0, 0, 0});  // after it the card that is in is reported
+  thread_.join();
+  EXPECT_EQ(events_.writes(), 3u);
+  EXPECT_TRUE(lines_.has("error: The driver does not take its events; dropping the connection"));
+}
+
+class ImpatientConnection : public Connection {
+ protected:
+  ImpatientConnection() : Connection(std::chrono::seconds(3)) {}
+};
+
+TEST_F(ImpatientConnection, answerThatTheDriverDoesNotTakeEndsTheConnection) {
+  commands_.holdWrites();
+  commands_.give(kAtrQuery);
+  thread_.join();
+  EXPECT_EQ(commands_.writes(), 0u);
+  EXPECT_TRUE(lines_.has("error: The driver does not take its answer; dropping the connection"));
 }
 
 }  // namespace

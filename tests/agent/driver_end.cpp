@@ -11,8 +11,18 @@ using agent::Bytes;
 
 namespace {
 
+// The system's numbers.
+constexpr std::uint32_t kDuplex = 0x00000003;
+constexpr std::uint32_t kFirstInstance = 0x00080000;
+constexpr std::uint32_t kBytesBlocking = 0;
+
+// As the driver's, but for who may open it: one instance without a buffer.
 platform::PipeHandleValue createPipe(platform::PipeApi& pipes, const std::string& name) {
-  const platform::PipeHandleValue pipe = pipes.create(name, {});
+  platform::PipeArguments arguments;
+  arguments.openMode = kDuplex | kFirstInstance;
+  arguments.pipeMode = kBytesBlocking;
+  arguments.maxInstances = 1;
+  const platform::PipeHandleValue pipe = pipes.create(name, arguments);
   if (pipe == platform::invalidPipe()) throw std::runtime_error("cannot create " + name);
   return pipe;
 }
@@ -30,8 +40,14 @@ DriverEnd::~DriverEnd() {
 }
 
 void DriverEnd::connect(platform::PipeHandleValue pipe) {
-  if (pipes_.connect(pipe) || platform::lastError() == platform::error::kPipeConnected) return;
-  throw std::runtime_error("connect failed: " + std::to_string(platform::lastError()));
+  while (!pipes_.connect(pipe)) {
+    const std::uint32_t code = platform::lastError();
+    if (code == platform::error::kPipeConnected) return;
+    if (code != platform::error::kNoData) {
+      throw std::runtime_error("connect failed: " + std::to_string(code));
+    }
+    pipes_.disconnect(pipe);  // a client that came and went bars the pipe
+  }
 }
 
 void DriverEnd::accept() {
@@ -40,8 +56,11 @@ void DriverEnd::accept() {
 }
 
 std::string DriverEnd::acceptSession() {
-  accept();
-  return readSessionId();
+  for (;;) {
+    accept();
+    if (const std::optional<std::string> id = takeSessionId()) return *id;
+    disconnect();
+  }
 }
 
 void DriverEnd::disconnect() {
@@ -65,13 +84,21 @@ std::optional<std::uint32_t> DriverEnd::readNumber(platform::PipeHandleValue pip
 
 std::optional<std::uint32_t> DriverEnd::readEvent() { return readNumber(events_); }
 
-std::string DriverEnd::readSessionId() {
-  if (readEvent() != event(AgentEvent::SessionLogId)) throw std::runtime_error("no session id");
+std::optional<std::string> DriverEnd::takeSessionId() {
+  const std::optional<std::uint32_t> code = readEvent();
+  if (!code) return std::nullopt;
+  if (code != event(AgentEvent::SessionLogId)) throw std::runtime_error("no session id");
   const std::optional<std::uint32_t> length = readNumber(events_);
-  if (!length) throw std::runtime_error("no length of the session id");
+  if (!length) return std::nullopt;
   std::string id(*length, '\0');
-  if (!pipes_.read(events_, id.data(), *length)) throw std::runtime_error("session id cut off");
+  if (!pipes_.read(events_, id.data(), *length)) return std::nullopt;
   return id;
+}
+
+std::string DriverEnd::readSessionId() {
+  const std::optional<std::string> id = takeSessionId();
+  if (!id) throw std::runtime_error("the agent is gone");
+  return *id;
 }
 
 bool DriverEnd::sendNumber(std::uint32_t number) {

@@ -25,7 +25,8 @@ class DriverEnd {
 
   // Waits for the agent on both pipes, command pipe first.
   void accept();
-  // `accept`, and takes the session id.
+  // `accept`, and takes the session id. Drops an agent that has gone meanwhile and waits again, as
+  // the driver does.
   std::string acceptSession();
   void disconnect();
   void disconnectEvents();
@@ -34,6 +35,7 @@ class DriverEnd {
 
   // The next event's code; nothing where the agent is gone.
   std::optional<std::uint32_t> readEvent();
+  // Throws where the agent is gone or sends something else.
   std::string readSessionId();
 
   // Each is nothing where the agent dropped the connection; an empty answer is one of length 0.
@@ -55,6 +57,8 @@ class DriverEnd {
  private:
   void connect(platform::PipeHandleValue pipe);
   std::optional<std::uint32_t> readNumber(platform::PipeHandleValue pipe);
+  // Nothing where the agent is gone.
+  std::optional<std::string> takeSessionId();
 
   platform::PipeApi& pipes_;
   platform::PipeHandleValue commands_;

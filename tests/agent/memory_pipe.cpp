@@ -52,13 +52,21 @@ IoResult MemoryPipe::read(void* data, std::uint32_t size,
   return IoResult::Done;
 }
 
-IoResult MemoryPipe::write(const void* data, std::uint32_t size) {
+IoResult MemoryPipe::write(const void* data, std::uint32_t size,
+                           std::optional<agent::SteadyClock::time_point> deadline) {
   MutexLock lock(mutex_);
   writing_ = true;
   changed_.notifyAll();
-  changed_.wait(lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return !held_ || cancelled_; });
+  const auto ready = [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return !held_ || cancelled_; };
+  bool inTime = true;
+  if (deadline) {
+    inTime = changed_.waitFor(lock, *deadline - agent::SteadyClock::now(), ready);
+  } else {
+    changed_.wait(lock, ready);
+  }
   writing_ = false;
   if (cancelled_) return IoResult::Cancelled;
+  if (!inTime) return IoResult::TimedOut;
   const auto* bytes = static_cast<const std::uint8_t*>(data);
   written_.emplace_back(bytes, bytes + size);
   changed_.notifyAll();

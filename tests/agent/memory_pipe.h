@@ -27,7 +27,13 @@ class MemoryPipe : public agent::PipeConnection {
 
   agent::IoResult read(void* data, std::uint32_t size,
                        std::optional<agent::SteadyClock::time_point> deadline) override;
-  agent::IoResult write(const void* data, std::uint32_t size) override;
+  // Deadlines are those of a pipe that holds its writes back.
+  agent::IoResult write(const void* data, std::uint32_t size,
+                        std::optional<agent::SteadyClock::time_point> deadline) override;
+  agent::IoResult post(const void* data, std::uint32_t size,
+                       std::optional<agent::SteadyClock::time_point> deadline) override {
+    return write(data, size, deadline);
+  }
   agent::IoResult flush() override { return agent::IoResult::Done; }
   void cancel() override;
 

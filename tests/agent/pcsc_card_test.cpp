@@ -5,6 +5,7 @@
 
 #include <stdexcept>
 
+#include "tests/agent/failing_listener.h"
 #include "tests/agent/fake_winscard.h"
 #include "tests/agent/running_agent.h"
 
@@ -23,6 +24,7 @@ class Notices final : public CardListener {
  public:
   void cardInserted() override { add("in "); }
   void cardRemoved() override { add("out "); }
+  void cardFailed(const char* problem) override { test::failTest(problem); }
   void waitFor(const std::string& text) {
     platform::MutexLock lock(mutex_);
     changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return text_ == text; });
@@ -61,6 +63,14 @@ class PcscCardTest : public testing::Test {
   Notices notices_;
   PcscCard card_;
 };
+
+TEST_F(PcscCardTest, failureOfItsWatchIsToldAndItCanBeStopped) {
+  service_.insertCard();
+  test::FailingListener listener;
+  card_.start(listener);
+  EXPECT_EQ(listener.told(), "no memory for the card");
+  card_.stop();
+}
 
 TEST_F(PcscCardTest, withoutServiceStartFails) {
   service_.setService(false);

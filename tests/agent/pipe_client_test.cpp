@@ -51,16 +51,16 @@ TEST(PipeConnection, readEndsAtItsDeadline) {
 
 TEST(PipeConnection, readWriteAndFlushEndWithTheDriver) {
   Ends ends;
-  EXPECT_EQ(ends.client->write("a", 1), IoResult::Done);
+  EXPECT_EQ(ends.client->write("a", 1, std::nullopt), IoResult::Done);
   ends.driver.reset();
   std::string text(1, ' ');
   EXPECT_EQ(ends.client->read(text.data(), 1, std::nullopt), IoResult::Closed);
-  EXPECT_EQ(ends.client->write("a", 1), IoResult::Closed);
+  EXPECT_EQ(ends.client->write("a", 1, std::nullopt), IoResult::Closed);
 }
 
 TEST(PipeConnection, flushOfWhatTheDriverNeverReadEndsWithTheDriver) {
   Ends ends;
-  EXPECT_EQ(ends.client->write("a", 1), IoResult::Done);
+  EXPECT_EQ(ends.client->write("a", 1, std::nullopt), IoResult::Done);
   auto flushed = std::async(std::launch::async, [&] { return ends.client->flush(); });
   ends.driver.reset();
   const IoResult result = flushed.get();
@@ -70,8 +70,8 @@ TEST(PipeConnection, flushOfWhatTheDriverNeverReadEndsWithTheDriver) {
 TEST(PipeConnection, flushReturnsWhenTheDriverHasReadEverything) {
   Ends ends;
   for (int round = 0; round < 500; ++round) {
-    ASSERT_EQ(ends.client->write("abc", 3), IoResult::Done);
-    ASSERT_EQ(ends.client->write("d", 1), IoResult::Done);
+    ASSERT_EQ(ends.client->write("abc", 3, std::nullopt), IoResult::Done);
+    ASSERT_EQ(ends.client->write("d", 1, std::nullopt), IoResult::Done);
     auto flushed = std::async(std::launch::async, [&] { return ends.client->flush(); });
     std::array<char, 3> part{};
     ASSERT_EQ(read(ends.driver.get(), part.data(), 3), 3);
@@ -82,7 +82,7 @@ TEST(PipeConnection, flushReturnsWhenTheDriverHasReadEverything) {
 
 TEST(PipeConnection, cancelReleasesEveryOperationAndStays) {
   Ends ends;
-  EXPECT_EQ(ends.client->write("a", 1), IoResult::Done);
+  EXPECT_EQ(ends.client->write("a", 1, std::nullopt), IoResult::Done);
   const std::string much(1 << 22, 'x');
   auto read = std::async(std::launch::async, [&] {
     char c = 0;
@@ -90,20 +90,20 @@ TEST(PipeConnection, cancelReleasesEveryOperationAndStays) {
   });
   auto flushed = std::async(std::launch::async, [&] { return ends.client->flush(); });
   auto written = std::async(std::launch::async, [&] {
-    return ends.client->write(much.data(), static_cast<std::uint32_t>(much.size()));
+    return ends.client->write(much.data(), static_cast<std::uint32_t>(much.size()), std::nullopt);
   });
   ends.client->cancel();
   EXPECT_EQ(read.get(), IoResult::Cancelled);
   EXPECT_EQ(flushed.get(), IoResult::Cancelled);
   EXPECT_EQ(written.get(), IoResult::Cancelled);
-  EXPECT_EQ(ends.client->write("a", 1), IoResult::Cancelled);
+  EXPECT_EQ(ends.client->write("a", 1, std::nullopt), IoResult::Cancelled);
 }
 
 TEST(PipeConnection, writeLargerThanTheSocketTakesWaitsForTheDriver) {
   Ends ends;
   const std::string much(1 << 22, 'x');
   auto written = std::async(std::launch::async, [&] {
-    return ends.client->write(much.data(), static_cast<std::uint32_t>(much.size()));
+    return ends.client->write(much.data(), static_cast<std::uint32_t>(much.size()), std::nullopt);
   });
   SocketConnection driver(std::move(ends.driver));
   std::string received(much.size(), ' ');
@@ -111,6 +111,15 @@ TEST(PipeConnection, writeLargerThanTheSocketTakesWaitsForTheDriver) {
             IoResult::Done);
   EXPECT_EQ(written.get(), IoResult::Done);
   EXPECT_EQ(received, much);
+}
+
+TEST(PipeConnection, writeAndPostEndAtTheirDeadlineWhereTheSocketTakesNoMore) {
+  Ends ends;
+  const std::string much(1 << 22, 'x');
+  const auto size = static_cast<std::uint32_t>(much.size());
+  EXPECT_EQ(ends.client->write(much.data(), size, SteadyClock::now() + milliseconds(20)),
+            IoResult::TimedOut);
+  EXPECT_EQ(ends.client->post("a", 1, SteadyClock::now() + milliseconds(20)), IoResult::TimedOut);
 }
 
 TEST(PollTimeout, roundsUpAndNeverGoesBelowZero) {

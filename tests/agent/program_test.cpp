@@ -251,6 +251,28 @@ TEST_F(Program, controlSocketOfAKilledAgentIsTakenOver) {
   EXPECT_EQ(next.ctl({"status"}).exitCode, 0);
 }
 
+TEST_F(Program, runningOutOfHandlesWhileConnectingEndsWithOneAndAMessage) {
+  DriverEnd driver;
+  AgentProcess process(folder_, script(kPlain));
+  driver.acceptSession();
+  process.refuseHandles();
+  driver.disconnect();
+  EXPECT_EQ(process.wait(), 1);
+  EXPECT_EQ(process.log().count(" error: Ending: inotify_init1: Too many open files"), 1u);
+  EXPECT_FALSE(std::filesystem::exists(process.control()));
+}
+
+TEST_F(Program, runningOutOfHandlesForAControlClientEndsWithOneAndAMessage) {
+  DriverEnd driver;
+  AgentProcess process(folder_, script(kPlain));
+  driver.acceptSession();
+  process.refuseHandles();
+  EXPECT_EQ(process.ctl({"status"}).exitCode, 1);
+  EXPECT_EQ(process.wait(), 1);
+  EXPECT_EQ(process.log().count(" error: Ending: the control socket: Too many open files"), 1u);
+  EXPECT_TRUE(driver.waitForDrop());
+}
+
 TEST_F(Program, logLinesHaveTimeLevelAndText) {
   AgentProcess process(folder_, script(kPlain, {"--session-id", kSession}));
   process.signal(SIGTERM);

@@ -42,6 +42,7 @@ std::size_t LogLines::matching(const std::regex& form) {
 
 agent::Timing patientTiming() {
   agent::Timing timing;
+  timing.driverLimit = kLong;
   timing.answerLimit = kLong;
   timing.grace = kLong;
   return timing;
@@ -57,9 +58,10 @@ RunningAgent::RunningAgent(agent::CardBackend& card, agent::Timing timing)
     connected_ = connected;
     changed_.notifyAll();
   };
+  settings.onFailure = failTest;
   agent_ = std::make_unique<agent::Agent>(*pipes_, card, settings, log_);
   agent_->start();
-  thread_ = std::thread([this] { agent_->run(); });
+  thread_ = std::thread([this] { agent::guarded(failTest, [this] { agent_->run(); }); });
 }
 
 RunningAgent::~RunningAgent() { stop(); }

@@ -8,6 +8,7 @@
 
 #include "agent/agent.h"
 #include "platform/sync.h"
+#include "tests/agent/fail_test.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::test {

@@ -6,6 +6,8 @@
 #include <string>
 
 #include "platform/sync.h"
+#include "tests/agent/fail_test.h"
+#include "tests/agent/failing_listener.h"
 
 namespace zelta::agent {
 namespace {
@@ -15,6 +17,7 @@ class Notices final : public CardListener {
  public:
   void cardInserted() override { add("in "); }
   void cardRemoved() override { add("out "); }
+  void cardFailed(const char* problem) override { test::failTest(problem); }
   void waitFor(const std::string& text) {
     platform::MutexLock lock(mutex_);
     changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return text_ == text; });
@@ -46,6 +49,14 @@ struct Started {
   Notices notices;
   ScriptCard card;
 };
+
+TEST(ScriptCard, failureOfItsTimerIsToldAndItCanBeStopped) {
+  test::FailingListener listener;
+  ScriptCard card(parseScript("atr 3B00\nat 1ms insert\n"), false);
+  card.start(listener);
+  EXPECT_EQ(listener.told(), "no memory for the card");
+  card.stop();
+}
 
 TEST(ScriptCard, answersFromItsScript) {
   Started started("atr 3B00\ncommand 00A4* -> 9000");
