@@ -80,7 +80,6 @@ CardNumber CardPresence::reportCard() {
 void CardPresence::refused() {
   const MutexLock lock(mutex_);
   settled_ = Clock::now() + kSettlingTime;
-  if (in_) settled_ = std::min(settled_, hiddenSince_ + kLongestSettling);
   if (removal_ == Removal::kNone && !in_) removal_ = Removal::kSettling;
 }
 
@@ -125,8 +124,12 @@ void CardPresence::cycle(CardNumber card) {
   if (shows(card)) latchRemoval();
 }
 
+CardPresence::Clock::time_point CardPresence::settlingEnd() const {
+  return in_ ? std::min(settled_, hiddenSince_ + kLongestSettling) : settled_;
+}
+
 void CardPresence::settle() {
-  if (removal_ != Removal::kSettling || uses_ != 0 || Clock::now() < settled_) return;
+  if (removal_ != Removal::kSettling || uses_ != 0 || Clock::now() < settlingEnd()) return;
   removal_ = Removal::kNone;
   // A card that is in by now entered after the removal, or is shown once more.
   if (in_) renewCard();
@@ -138,7 +141,7 @@ bool CardPresence::untold() const {
 }
 
 void CardPresence::awaitAnything(MutexLock& lock, Clock::time_point end) {
-  if (removal_ == Removal::kSettling && in_ && uses_ == 0) end = std::min(end, settled_);
+  if (removal_ == Removal::kSettling && in_ && uses_ == 0) end = std::min(end, settlingEnd());
   condition_.waitFor(lock, end - Clock::now(),
                      [this, before = changes_]()
                          ZELTA_NO_THREAD_SAFETY_ANALYSIS { return changes_ != before; });

@@ -101,12 +101,13 @@ class CardPresence {
     kNone,
     kUntold,    // the polling function has not returned for it yet
     kTold,      // it has; the next time it is entered pcscd has dealt with the removal
-    kSettling,  // pcscd has; no card is shown before `settled_`, nor while the old one is used
+    kSettling,  // pcscd has; no card is shown before `settlingEnd`, nor while the old one is used
   };
 
   void changed() ZELTA_REQUIRES(mutex_);
   void latchRemoval() ZELTA_REQUIRES(mutex_);
   void settle() ZELTA_REQUIRES(mutex_);
+  Clock::time_point settlingEnd() const ZELTA_REQUIRES(mutex_);
   void renewCard() ZELTA_REQUIRES(mutex_);
   bool shown() const ZELTA_REQUIRES(mutex_) { return in_ && removal_ == Removal::kNone; }
   bool shows(CardNumber card) const ZELTA_REQUIRES(mutex_) { return shown() && number_ == card; }
@@ -121,7 +122,7 @@ class CardPresence {
   bool in_ ZELTA_GUARDED_BY(mutex_) = false;            // as the driver has it
   bool leftEarly_ ZELTA_GUARDED_BY(mutex_) = false;     // before it was shown
   Removal removal_ ZELTA_GUARDED_BY(mutex_) = Removal::kNone;
-  Clock::time_point settled_ ZELTA_GUARDED_BY(mutex_);
+  Clock::time_point settled_ ZELTA_GUARDED_BY(mutex_);      // after the latest refusal
   Clock::time_point hiddenSince_ ZELTA_GUARDED_BY(mutex_);  // the card that is in
   std::size_t uses_ ZELTA_GUARDED_BY(mutex_) = 0;  // calls, and requests that the driver has
   CardNumber number_ ZELTA_GUARDED_BY(mutex_) = kNoCard;

@@ -251,6 +251,18 @@ TEST_F(CardPresenceTest, CycleMakesTheCardLeaveAndEnterOnce) {
   EXPECT_TRUE(takesItsTime());
 }
 
+TEST_F(CardPresenceTest, CycleThatFollowsARefusalShowsTheCardLater) {
+  enter();
+  presence_.reportCard();
+  const auto begun = std::chrono::steady_clock::now();
+  presence_.refused();
+  presence_.cycle(presence_.card());
+  EXPECT_TRUE(returnsAtOnce());
+  EXPECT_TRUE(returnsAtOnce());
+  EXPECT_GE(std::chrono::steady_clock::now() - begun, CardPresence::kSettlingTime);
+  EXPECT_NE(presence_.reportCard(), kNoCard);
+}
+
 TEST_F(CardPresenceTest, CycleOfACardThatIsNoLongerShownDoesNothing) {
   enter();
   presence_.reportCard();
