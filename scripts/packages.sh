@@ -1,16 +1,17 @@
 # shellcheck shell=bash disable=SC2034
-# The Debian packages that each command needs.
+# The Debian packages that each command needs. Configuring looks for what the tests are built with.
 
 BUILD_PACKAGES=(
   g++ cmake ninja-build pkg-config git
   libfmt-dev libcli11-dev libpcsclite-dev libcacard-dev libnss3-dev libsystemd-dev
+  libgtest-dev libgmock-dev python3
   dpkg-dev file
 )
 RUN_PACKAGES=(
   pcscd opensc opensc-pkcs11 pcsc-tools libnss3-tools openssl openssh-client util-linux
 )
 TEST_PACKAGES=(
-  libgtest-dev libgmock-dev python3 python3-pyscard shellcheck libbenchmark-dev procps
+  python3-pyscard shellcheck libbenchmark-dev procps
 )
 WINDOWS_PACKAGES=(
   g++-mingw-w64-x86-64-posix wine wine64 googletest
