@@ -122,17 +122,7 @@ TEST_F(Event, AHandleThatIsNoneFailsWithInvalidHandle) {
   }
 }
 
-TEST_F(Event, AClosedHandleIsNotGivenOutAgain) {
-  const EventHandle closed = api_.create();
-  api_.close(closed);
-  for (int i = 0; i < 100; ++i) EXPECT_NE(create(), closed);
-}
-
-TEST_F(Event, NoneOrTooManyFailWithInvalidParameter) {
-  const std::vector<EventHandle> nine(9, create());
-  setLastError(0);
-  EXPECT_EQ(waitAny(nine), kWaitFailed);
-  EXPECT_EQ(lastError(), error::kInvalidParameter);
+TEST_F(Event, NoneFailsWithInvalidParameter) {
   setLastError(0);
   EXPECT_EQ(waitAny({}), kWaitFailed);
   EXPECT_EQ(lastError(), error::kInvalidParameter);

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/error.h"
 #include "platform/pipe.h"
 #include "tests/support/pipe_call.h"
 
@@ -20,6 +21,7 @@ class PipeWorld {
   class Client {
    public:
     virtual ~Client() = default;  // closes
+    // Does not wait for the pipe's reader.
     virtual bool write(const Bytes& bytes) = 0;
     virtual Bytes read(std::size_t size) = 0;
     virtual bool waitForDrop() = 0;
@@ -38,12 +40,39 @@ class PipeWorld {
   virtual bool listensAfterDisconnect() const = 0;
   // What a read, write or flush between disconnect and connect fails with.
   virtual std::uint32_t errorAfterDisconnect() const = 0;
+  // What creating a name that is in use fails with.
+  virtual std::uint32_t errorOfNameInUse() const { return platform::error::kAccessDenied; }
+  // An empty text is refused as a security descriptor; otherwise it is one without entries.
+  virtual bool refusesEmptyDescriptor() const { return true; }
+  // What cancelling and closing the value that stands for a failed creation give.
+  virtual PipeOutcome cancelOfInvalidPipe() const {
+    return pipeError(platform::error::kInvalidHandle);
+  }
+  virtual PipeOutcome closeOfInvalidPipe() const {
+    return pipeError(platform::error::kInvalidHandle);
+  }
+  // What a flush gives where no client has come since the creation, or since a disconnect.
+  virtual PipeOutcome flushWithoutClient() const {
+    return pipeError(platform::error::kPipeListening);
+  }
+  virtual PipeOutcome flushAfterDisconnect() const { return pipeError(errorAfterDisconnect()); }
+  // What a cancel gives where nothing is blocked.
+  virtual PipeOutcome cancelOfNothing() const { return pipeError(platform::error::kNotFound); }
+  // What a disconnect gives where no client has come.
+  virtual PipeOutcome disconnectWithoutClient() const { return kPipeOk; }
+  // A read returns as soon as there are bytes, and waits also where none are asked for; otherwise
+  // it waits for as many as are asked for.
+  virtual bool readReturnsWhatIsThere() const { return false; }
+  // What a client has written and the pipe has not read is lost when the client leaves.
+  virtual bool leavingClientTakesItsBytes() const { return false; }
   // A second disconnect in a row fails; otherwise it does nothing.
   virtual bool secondDisconnectFails() const = 0;
   // Writes return once they have been read; otherwise once they are handed over.
   virtual bool writeWaitsForReader() const = 0;
-  // Disconnect waits for a call that is blocked; otherwise it ends the call with 109 (or 995).
+  // Disconnect waits for a call that is blocked; otherwise it ends the call.
   virtual bool disconnectWaits() const = 0;
+  // What a read fails with that is ended so.
+  virtual std::uint32_t errorOfDroppedRead() const { return platform::error::kBrokenPipe; }
 };
 
 struct PipeWorldMaker {

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <regex>
 #include <sstream>
+#include <string_view>
 
 namespace zelta::test {
 
@@ -23,13 +24,13 @@ std::vector<std::string> fileLines(const fs::path& path) {
   std::vector<std::string> lines;
   std::size_t begin = 0;
   while (begin < content.size()) {
-    const std::size_t end = content.find('\n', begin);
+    const std::size_t end = content.find(kLineEnd, begin);
     if (end == std::string::npos) {
       ADD_FAILURE() << path << " ends in half a line: " << content.substr(begin);
       break;
     }
     lines.push_back(content.substr(begin, end - begin));
-    begin = end + 1;
+    begin = end + std::string_view(kLineEnd).size();
   }
   return lines;
 }

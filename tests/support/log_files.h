@@ -23,8 +23,16 @@ inline constexpr char kHeaderText[] =
     "Thread   Time                     Elapsed  Session Log Id                       Cat   "
     "Level      RC          Message";
 
+// The files are text files: a line ends as the system's lines do.
+#if defined(_WIN32)
+inline constexpr char kLineEnd[] = "\r\n";
+#else
+inline constexpr char kLineEnd[] = "\n";
+#endif
+
+// Byte for byte.
 std::string fileContent(const std::filesystem::path& path);
-// Without their line ends. A last line that has none is a failure of the test.
+// Without their line ends. A line that has another end, or none, is a failure of the test.
 std::vector<std::string> fileLines(const std::filesystem::path& path);
 
 // The files of a folder by name, which is by time where they are log files.

@@ -34,17 +34,19 @@ class PipeCallThread {
   PipeCallThread(const PipeCallThread&) = delete;
   PipeCallThread& operator=(const PipeCallThread&) = delete;
 
-  // Returns when the call waits in the kernel, for descriptors or in a connect, as the kernel
-  // itself says, or has ended already. Real pipes only; does not sleep.
+  // Returns when the call is blocked in the system, as the system itself says, or has ended
+  // already. Real pipes only; does not sleep.
   void waitUntilBlocked();
   bool ended() const { return ended_; }
   // How often the thread has gone to sleep so far, as the kernel counts; after
-  // `waitUntilBlocked`.
+  // `waitUntilBlocked`. On Linux only.
   std::uint64_t sleeps() const;
   // Waits for the end of the call.
   PipeOutcome outcome();
 
  private:
+  static int currentThread();  // as the system numbers it
+
   std::atomic<int> threadId_{0};
   std::atomic<bool> ended_{false};
   PipeOutcome outcome_;

@@ -4,11 +4,8 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <ostream>
 #include <string>
-#include <utility>
-
-#include "platform/error.h"
+#include <thread>
 
 namespace zelta::test {
 
@@ -30,31 +27,7 @@ bool waitsInKernel(int threadId) {
 
 }  // namespace
 
-void PrintTo(const PipeOutcome& outcome, std::ostream* stream) {
-  if (outcome.ok) {
-    *stream << "success";
-  } else {
-    *stream << "error " << outcome.error;
-  }
-}
-
-PipeOutcome outcomeOf(const std::function<bool()>& call) {
-  PipeOutcome outcome;
-  outcome.ok = call();
-  outcome.error = outcome.ok ? 0 : platform::lastError();
-  return outcome;
-}
-
-PipeCallThread::PipeCallThread(std::function<bool()> call)
-    : thread_([this, call = std::move(call)] {
-        threadId_ = static_cast<int>(syscall(SYS_gettid));
-        outcome_ = outcomeOf(call);
-        ended_ = true;
-      }) {}
-
-PipeCallThread::~PipeCallThread() {
-  if (thread_.joinable()) thread_.join();
-}
+int PipeCallThread::currentThread() { return static_cast<int>(syscall(SYS_gettid)); }
 
 void PipeCallThread::waitUntilBlocked() {
   while (!ended_ && (threadId_ == 0 || !waitsInKernel(threadId_))) std::this_thread::yield();
@@ -68,11 +41,6 @@ std::uint64_t PipeCallThread::sleeps() const {
   }
   file >> count;
   return count;
-}
-
-PipeOutcome PipeCallThread::outcome() {
-  if (thread_.joinable()) thread_.join();
-  return outcome_;
 }
 
 }  // namespace zelta::test
