@@ -1,6 +1,9 @@
 // FileLoggerWindows on a simulated clock and a registry in memory.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <memory>
 #include <thread>
@@ -347,15 +350,27 @@ class DestroyingClock final : public platform::WallClock {
   std::unique_ptr<FileLoggerWindows> logger_;
 };
 
+// Where the process that dies has its log files: a death test may run in a process of its own.
+fs::path folderOfTheDying;
+
+[[noreturn]] void showTheLastRecordAndDie() {
+  std::fprintf(stderr, "%s\n", summaries(recordsIn(folderOfTheDying)).back().c_str());
+  std::abort();
+}
+
 TEST_F(RotationTest, ThreadThatCannotBeJoinedIsAnErrorRecord) {
   // No thread of a logger's own may destroy it. It says so before the process ends.
   setTime(u"60");
   DestroyingClock clock;
   test::ScopedClock scope(clock);
-  EXPECT_DEATH(clock.destroy(makeLogger()), "");
-  EXPECT_EQ(lines().back(),
-            "<ERROR> -500 Unexpected error occurred during logger cleanup: Resource deadlock "
-            "avoided");
+  folderOfTheDying = folder_.path();
+  const auto destroy = [&] {
+    std::set_terminate(showTheLastRecordAndDie);
+    clock.destroy(makeLogger());
+  };
+  EXPECT_DEATH(destroy(),
+               "<ERROR> -500 Unexpected error occurred during logger cleanup: Resource deadlock "
+               "avoided");
 }
 
 TEST_F(RotationTest, DestroyingEndsBothThreadsWhateverTheyWaitFor) {
