@@ -6,6 +6,7 @@
 #include "driver/status.h"
 #include "tests/agent_link/scripted_link.h"
 #include "tests/support/link_agent.h"
+#include "tests/support/system.h"
 
 namespace zelta::test {
 namespace {
@@ -311,7 +312,7 @@ TEST_F(RealEndpoints, SecondReaderOfAnIndexCannotBeCreatedAndTheFirstIsUnaffecte
     PipeReader second(0, &device_);
     const std::string text = "Failed to create command named pipe '" + commandPipeName(0) + "'";
     ASSERT_TRUE(log_.waitFor(text));
-    EXPECT_TRUE(log_.contains(error(kDenied, text)));
+    EXPECT_TRUE(log_.contains(error(kPipeNameInUse, text)));
     EXPECT_EQ(second.CheckATR(), QueryResult::Failure);
   }
   ASSERT_TRUE(agent.sendEvent(7));
@@ -344,18 +345,21 @@ TEST_F(RealEndpoints, AgentThatOpensTheEventPipeFirstIsAcceptedWithoutALineAbout
   EXPECT_EQ(log_.count("Event named pipe connected"), 0u);
 }
 
-TEST_F(RealEndpoints, IdlePipesAreDisconnectedWithTwoFailedCancels) {
+// Wine finds something to cancel where there is nothing, but does not disconnect a pipe that nobody
+// has opened.
+TEST_F(RealEndpoints, IdlePipesAreDisconnectedWhateverTheirCancelsGive) {
   start();
   PipeClient probe;
   ASSERT_TRUE(probe.connectWhenListening(eventPipeName(0)));
   log_.clear();
   stop();
-  EXPECT_EQ(log_.errors(),
-            (Records{error(kNoError,
-                           "Failed to cancel IO on the event named pipe. System error code: 1168"),
-                     error(kNoError,
-                           "Failed to cancel IO on the command named pipe. System error code: "
-                           "1168")}));
+  const auto failed = [](const std::string& text, int code) {
+    return error(kNoError, text + " named pipe. System error code: " + std::to_string(code));
+  };
+  EXPECT_EQ(log_.errors(), underWine()
+                               ? Records{failed("Failed to disconnect the command", 536)}
+                               : (Records{failed("Failed to cancel IO on the event", 1168),
+                                          failed("Failed to cancel IO on the command", 1168)}));
 }
 
 TEST_F(RealEndpoints, CreatedPipesAreLoggedWithNonNullHandles) {

@@ -6,6 +6,7 @@
 #include "driver/smartcard_ioctl.h"
 #include "driver/status.h"
 #include "tests/agent_link/events_test.h"
+#include "tests/support/repetitions.h"
 
 namespace zelta::test {
 namespace {
@@ -169,7 +170,7 @@ TEST_F(Events, InsertionBetweenCheckAndQueueingIsNotLost) {
   }));
   ASSERT_TRUE(log_.waitFor("Waiting for command..."));
   report = true;
-  for (int round = 0; round < 200; ++round) {
+  for (int round = 0; round < repetitions(200); ++round) {
     LinkRequest& request = makeRequest();
     reader().IoSmartCardIsPresent(&request, 0, 0);
     ASSERT_TRUE(request.waitForCompletion()) << "lost in round " << round;
@@ -189,7 +190,7 @@ TEST_F(Events, RemovalBetweenCheckAndQueueingIsNotLost) {
     return kAtr;
   }));
   ASSERT_TRUE(first.waitForCompletion());
-  for (int round = 0; round < 200; ++round) {
+  for (int round = 0; round < repetitions(200); ++round) {
     LinkRequest& request = makeRequest();
     reader().IoSmartCardIsAbsent(&request, 0, 0);
     ASSERT_TRUE(request.waitForCompletion()) << "lost in round " << round;

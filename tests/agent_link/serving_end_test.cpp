@@ -5,6 +5,7 @@
 #include "driver/smartcard_ioctl.h"
 #include "driver/status.h"
 #include "tests/agent_link/events_test.h"
+#include "tests/support/system.h"
 
 namespace zelta::test {
 namespace {
@@ -48,13 +49,13 @@ TEST_F(ServingEnd, LostAgentIsDroppedFromBothPipes) {
   ASSERT_TRUE(log_.waitFor("Waiting for command..."));
   // Nothing was blocked on either pipe any more.
   const Records errors = log_.errors();
-  EXPECT_EQ(Records(errors.begin(), errors.begin() + 3),
-            (Records{error(kBroken, "Event named pipe read error"),
-                     error(kNoError,
-                           "Failed to cancel IO on the event named pipe. System error code: 1168"),
-                     error(kNoError,
-                           "Failed to cancel IO on the command named pipe. System error code: "
-                           "1168")}));
+  Records expected = {
+      error(kBroken, "Event named pipe read error"),
+      error(kNoError, "Failed to cancel IO on the event named pipe. System error code: 1168"),
+      error(kNoError, "Failed to cancel IO on the command named pipe. System error code: 1168")};
+  if (underWine()) expected.resize(1);  // it finds something to cancel all the same
+  ASSERT_GE(errors.size(), expected.size());
+  EXPECT_EQ(Records(errors.begin(), errors.begin() + expected.size()), expected);
 }
 
 TEST_F(ServingEnd, ShutdownCancelsRemovalsThenInsertionsNewestFirst) {

@@ -9,6 +9,7 @@
 #include "tests/support/gap_pipes.h"
 #include "tests/support/pipe_client.h"
 #include "tests/support/process_state.h"
+#include "tests/support/repetitions.h"
 #include "tests/support/serialising_pipes.h"
 
 namespace zelta::test {
@@ -85,7 +86,7 @@ class Stop : public LinkTest {
   // `reach` brings a new reader to a state; then it is destroyed.
   template <typename Reach>
   void repeat(Reach reach) {
-    for (int round = 0; round < kRounds; ++round) {
+    for (int round = 0; round < repetitions(kRounds); ++round) {
       log_.clear();
       start(longWaits());
       ASSERT_NO_FATAL_FAILURE(reach());

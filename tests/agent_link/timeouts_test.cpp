@@ -10,6 +10,7 @@
 #include "tests/support/gap_pipes.h"
 #include "tests/support/link_agent.h"
 #include "tests/support/serialising_pipes.h"
+#include "tests/support/system.h"
 
 namespace zelta::test {
 namespace {
@@ -38,8 +39,8 @@ class SilentAgent : public LinkTest {
     start(shortQueries());
     waitForInsertion();
     ASSERT_TRUE(agent_.connectSilently());
-    ASSERT_TRUE(log_.waitFor("Waiting for command..."));
     ASSERT_EQ(agent_.command().readNumber(), 0u);
+    ASSERT_TRUE(log_.waitFor("Waiting for command..."));
     makeCardPresent();
     log_.clear();
   }
@@ -92,14 +93,15 @@ TEST_F(SilentAgent, UnansweredCheckLogsNoTimeOutOfItsOwn) {
                                      error(kAborted, "[CheckATR]Failed to read ATR size")}));
 }
 
-// The time is up in the flush, whose result is ignored: the read behind it must not block.
+// The time is up in the flush, whose result is ignored: the read behind it must not block. Where a
+// pipe keeps nothing, it is up in the first write.
 TEST_F(SilentAgent, AgentThatNeverReadsEndsTheQueryToo) {
   connect();
   EXPECT_EQ(transmit(), QueryResult::Timeout);
-  EXPECT_EQ(log_.records(),
-            (Records{error(kNoError, "Query timeout"),
-                     error(kAborted, "[QueryTransmit]Failed to read APDU response size"),
-                     error(kNoError, "[QueryTransmit]Timeout")}));
+  const char* const step = kPipesKeepBytes ? "[QueryTransmit]Failed to read APDU response size"
+                                           : "[QueryTransmit]Failed to write QueryTransmit command";
+  EXPECT_EQ(log_.records(), (Records{error(kNoError, "Query timeout"), error(kAborted, step),
+                                     error(kNoError, "[QueryTransmit]Timeout")}));
   EXPECT_EQ(reader().CheckATR(), QueryResult::Timeout);
 }
 
@@ -109,6 +111,12 @@ TEST_F(SilentAgent, AnswerThatStopsInTheMiddleEndsTheQuery) {
   EXPECT_EQ(agent_.command().read(12).size(), 12u);
   ASSERT_TRUE(agent_.command().writeNumber(10));
   ASSERT_TRUE(agent_.command().write(Bytes{1, 2, 3}));
+  if (!kReadsWaitForAllBytes) {
+    // The agent has to write each field whole: one that does not is taken at its word.
+    EXPECT_EQ(result.get(), QueryResult::Success);
+    EXPECT_EQ(response_, (Bytes{1, 2, 3, 0, 0, 0, 0, 0, 0, 0}));
+    return;
+  }
   EXPECT_EQ(result.get(), QueryResult::Timeout);
   EXPECT_TRUE(response_.empty());
   EXPECT_TRUE(log_.contains(error(kAborted, "[QueryTransmit]Failed to read APDU response")));
@@ -118,7 +126,9 @@ TEST_F(SilentAgent, AnswerThatStopsInTheMiddleEndsTheQuery) {
 TEST_F(SilentAgent, WriteThatBlocksEndsTheQuery) {
   connect();
   const Bytes big(8 * 1024 * 1024, 0x5A);
+  auto head = std::async(std::launch::async, [&] { return agent_.command().read(8); });
   EXPECT_EQ(reader().QueryTransmit(big, response_), QueryResult::Timeout);
+  EXPECT_EQ(head.get().size(), 8u);
   EXPECT_EQ(log_.records(), (Records{error(kNoError, "Query timeout"),
                                      error(kAborted, "[QueryTransmit]Failed to write APDU request"),
                                      error(kNoError, "[QueryTransmit]Timeout")}));
@@ -136,8 +146,9 @@ TEST_F(SilentAgent, TimeOutWithTheCardGoneIsStillATimeOut) {
 
 TEST_F(SilentAgent, TimeOutLeavesTheConnectionForTheNextQuery) {
   connect();
-  EXPECT_EQ(transmit(), QueryResult::Timeout);
+  auto unanswered = std::async(std::launch::async, [&] { return transmit(); });
   EXPECT_EQ(agent_.command().read(12).size(), 12u);
+  EXPECT_EQ(unanswered.get(), QueryResult::Timeout);
   auto result = std::async(std::launch::async, [&] { return reader().CheckATR(); });
   EXPECT_EQ(agent_.command().readNumber(), 1u);
   ASSERT_TRUE(agent_.command().writeNumber(2));

@@ -4,12 +4,18 @@
 #include <chrono>
 #include <utility>
 
+#include "tests/support/system.h"
+
 namespace zelta::test {
 
 bool LinkAgent::connectSilently() {
   die();
-  return events_.connectWhenListening(eventPipeName(readerIndex_)) &&
-         command_.connectWhenListening(commandPipeName(readerIndex_));
+  // The driver lets the command pipe's client in first.
+  if constexpr (!kPipesListenAfterDisconnect) {
+    if (!command_.connectWhenListening(commandPipeName(readerIndex_))) return false;
+  }
+  if (!events_.connectWhenListening(eventPipeName(readerIndex_))) return false;
+  return command_.connected() || command_.connectWhenListening(commandPipeName(readerIndex_));
 }
 
 bool LinkAgent::connect(Answer answer) {

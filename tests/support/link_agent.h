@@ -35,8 +35,8 @@ class LinkAgent {
   LinkAgent(const LinkAgent&) = delete;
   LinkAgent& operator=(const LinkAgent&) = delete;
 
-  // Opens the event pipe, then the command pipe, and answers from then on. False where the driver
-  // did not take it.
+  // Opens both pipes, the event pipe first where the system allows it, and answers from then on.
+  // False where the driver did not take it.
   bool connect(Answer answer);
   // Opens the pipes without answering anything: the test reads and writes them itself.
   bool connectSilently();

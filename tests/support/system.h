@@ -33,8 +33,4 @@ inline constexpr std::uint32_t kPipeNameInUse = platform::error::kAccessDenied;
 
 #endif
 
-// How often to repeat what may go wrong only now and then. Under Wine everything takes longer, and
-// the code that is repeated is the same.
-inline int rounds(int count) { return underWine() ? count / 5 : count; }
-
 }  // namespace zelta::test
