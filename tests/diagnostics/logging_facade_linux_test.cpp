@@ -9,7 +9,7 @@
 
 #include "diagnostics/log.h"
 #include "diagnostics/log_output.h"
-#include "platform/ports.h"
+#include "tests/support/counting_registry.h"
 #include "tests/support/log_files.h"
 #include "tests/support/process_state.h"
 #include "tests/support/small_disk.h"
@@ -49,50 +49,8 @@ class RealLoggingTest : public ::testing::Test {
   test::ScopedVariable registry_{"ZELTA_REGISTRY", folder_.file("registry.reg")};
 };
 
-// The system's registry, counting looks at the policy.
-class CountingRegistry final : public platform::RegistryApi {
- public:
-  explicit CountingRegistry(platform::RegistryApi& real) : real_(real) {}
-
-  void awaitLooks(std::size_t more) {
-    platform::MutexLock lock(mutex_);
-    const std::size_t wanted = looks_ + more;
-    looked_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return looks_ >= wanted; });
-  }
-
-  std::uint32_t getDword(const std::u16string& key, const std::u16string& value,
-                         std::uint32_t* out) override {
-    {
-      platform::MutexLock lock(mutex_);
-      ++looks_;
-    }
-    looked_.notifyAll();
-    return real_.getDword(key, value, out);
-  }
-  std::uint32_t openKey(const std::u16string& key, platform::RegistryKey* out) override {
-    return real_.openKey(key, out);
-  }
-  std::uint32_t queryValue(platform::RegistryKey key, const std::u16string& value,
-                           std::uint32_t* type, void* data, std::uint32_t* size) override {
-    return real_.queryValue(key, value, type, data, size);
-  }
-  std::uint32_t notifyChange(platform::RegistryKey key, platform::EventHandle event) override {
-    return real_.notifyChange(key, event);
-  }
-  void closeKey(platform::RegistryKey key) override { real_.closeKey(key); }
-
- private:
-  platform::RegistryApi& real_;
-  platform::Mutex mutex_;
-  platform::ConditionVariable looked_;
-  std::size_t looks_ ZELTA_GUARDED_BY(mutex_) = 0;
-};
-
 TEST_F(RealLoggingTest, PolicyOfTheRegistryFileIsFollowedWithinTwoLooks) {
-  CountingRegistry registry(*platform::ports().registry);
-  platform::Ports with = platform::ports();
-  with.registry = &registry;
-  const platform::Ports before = platform::replacePorts(with);
+  test::CountingRegistry registry;
   writeRegistry(1);
   logInfo("dropped");
   logError(1, "written");
@@ -103,7 +61,6 @@ TEST_F(RealLoggingTest, PolicyOfTheRegistryFileIsFollowedWithinTwoLooks) {
   registry.awaitLooks(2);
   logDebug("dropped");
   shutDownLogging();
-  platform::replacePorts(before);
   EXPECT_EQ(test::summaries(test::recordsIn(logs())),
             (std::vector<std::string>{"<ERROR> 1 written", "<DEBUG> 0 written"}));
 }
