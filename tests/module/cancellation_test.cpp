@@ -3,6 +3,7 @@
 
 #include "tests/module/hosted_module.h"
 #include "tests/module/recorded_module.h"
+#include "tests/support/repetitions.h"
 
 namespace zelta::test {
 namespace {
@@ -54,7 +55,7 @@ class Runner {
   std::thread thread_;
 };
 
-constexpr int kRounds = 2000;
+constexpr int kRounds = repetitions(2000);
 
 class HostedCancellationTest : public HostedModuleTest {};
 
@@ -142,7 +143,7 @@ TEST_F(RecordedCancellationTest, RequestsOfFourThreadsAreCompletedOnceEach) {
   std::vector<std::thread> callers;
   for (int caller = 0; caller < 4; ++caller) {
     callers.emplace_back([this, caller] {
-      for (int i = 0; i < 100; ++i) {
+      for (int i = 0; i < repetitions(100); ++i) {
         framework_->dispatch({IOCTL_SMARTCARD_POWER, number(SCARD_COLD_RESET), 64});
         framework_->dispatch({IOCTL_SMARTCARD_GET_STATE, {}, 4});
         RecordingRequest& removal = framework_->dispatch({IOCTL_SMARTCARD_IS_ABSENT, {}, {}});
@@ -150,7 +151,7 @@ TEST_F(RecordedCancellationTest, RequestsOfFourThreadsAreCompletedOnceEach) {
       }
     });
   }
-  for (int i = 0; i < 100; ++i) ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved));
+  for (int i = 0; i < repetitions(100); ++i) ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved));
   for (std::thread& caller : callers) caller.join();
 }
 

@@ -2,6 +2,7 @@
 #include <thread>
 
 #include "tests/module/hosted_module.h"
+#include "tests/support/repetitions.h"
 
 namespace zelta::test {
 namespace {
@@ -36,7 +37,7 @@ TEST_F(ModuleConcurrencyTest, NoAnswerGoesToTheWrongCaller) {
   std::vector<std::thread> callers;
   for (int caller = 0; caller < kCallers; ++caller) {
     callers.emplace_back([&, caller] {
-      for (int i = 0; i < 250; ++i) {
+      for (int i = 0; i < repetitions(250); ++i) {
         const Bytes apdu = commandOf(caller, i);
         if (transmit(apdu, SCARD_PROTOCOL_T0) != TestCard::responseTo(apdu)) ++wrong;
       }
@@ -65,12 +66,20 @@ TEST_F(ModuleConcurrencyTest, EveryKindOfControlAtTheSameTimeWhileAgentsComeAndG
       }
     });
   }
+  // Somebody waits for a card all the time, from before the first agent comes.
+  const auto first = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
+  callers.emplace_back([&] {
+    if (!first->wait(kLong)) ++unfinished;
+    while (!done) {
+      if (status(IOCTL_SMARTCARD_IS_PRESENT) == host::kTimedOut) ++unfinished;
+    }
+  });
   for (int round = 0; round < 30; ++round) {
-    const auto waiting = file_->submit(IOCTL_SMARTCARD_IS_PRESENT, {}, 0, nullptr);
-    ASSERT_TRUE(agent_.connect(card_.answers()));
-    ASSERT_TRUE(waiting->wait(kLong));
-    ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardInserted));
     agent_.die();
+    const int asked = agent_.commands(AgentCommand::QueryAtrReset);
+    EXPECT_TRUE(agent_.connect(card_.answers()));
+    EXPECT_TRUE(agent_.waitForCommands(AgentCommand::QueryAtrReset, asked + 1));
+    EXPECT_TRUE(agent_.sendEvent(AgentEvent::CardInserted));
   }
   done = true;
   for (std::thread& caller : callers) caller.join();

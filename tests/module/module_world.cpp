@@ -2,13 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <array>
-#include <filesystem>
-#include <fstream>
-
-#include "platform/pipe_path.h"
-
 namespace zelta::test {
 
 using framework::ComPtr;
@@ -17,14 +10,6 @@ using framework::HRESULT;
 namespace fs = std::filesystem;
 
 namespace {
-
-// Every level but the last, which the driver never writes.
-constexpr char kRegistryText[] =
-    "Windows Registry Editor Version 5.00\n\n"
-    "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Policies\\Vornhalt\\Zelta\\zelta_admin]\n"
-    "\"zelta.event_filter_mode\"=dword:00000003\n";
-
-constexpr char kLogFolder[] = "Vornhalt/ZeltaAgent/logs";
 
 template <typename Function>
 Function exported(platform::ModuleHandle module, const char* name) {
@@ -37,44 +22,18 @@ using PlainExport = HRESULT(ZELTA_STDMETHODCALLTYPE*)();
 
 }  // namespace
 
-Bytes number(std::uint32_t value) {
-  const auto bytes = encodeNumber(value);
-  return {bytes.begin(), bytes.end()};
-}
+std::vector<LogLine> ModuleWorld::log() const { return recordsIn(logFolder()); }
 
-std::uint32_t toNumber(const Bytes& bytes) {
-  std::array<std::uint8_t, 4> four{};
-  EXPECT_EQ(bytes.size(), four.size());
-  std::copy_n(bytes.begin(), std::min(bytes.size(), four.size()), four.begin());
-  return decodeNumber(four);
-}
-
-Bytes operator+(Bytes front, const Bytes& back) {
-  front.insert(front.end(), back.begin(), back.end());
-  return front;
-}
-
-Bytes transmitBuffer(std::uint32_t protocol, const Bytes& apdu) {
-  return number(protocol) + number(kTransmitHeaderSize) + apdu;
-}
-
-ModuleWorld::ModuleWorld()
-    : programData_("ZELTA_PROGRAM_DATA", folder_.path().string()),
-      pipeRoot_("ZELTA_PIPE_ROOT", folder_.file("p")),
-      registry_("ZELTA_REGISTRY", folder_.file("registry.reg")) {
-  fs::create_directories(folder_.path() / kLogFolder);
-  std::ofstream(folder_.file("registry.reg")) << kRegistryText;
-}
-
-std::vector<LogLine> ModuleWorld::log() const { return recordsIn(folder_.path() / kLogFolder); }
-
-void ModuleWorld::removeFolder() const {
-  std::error_code ignored;
-  fs::remove_all(folder_.path(), ignored);
-}
-
-bool ModuleWorld::pipeExists(const std::string& pipeName) const {
-  return fs::exists(platform::pipeSocketPath(pipeName));
+std::size_t ModuleWorld::countInLog(const std::string& text) const {
+  std::size_t count = 0;
+  for (const fs::path& file : filesIn(logFolder())) {
+    const std::string content = fileContent(file);
+    for (std::size_t at = content.find(text); at != std::string::npos;
+         at = content.find(text, at + text.size())) {
+      ++count;
+    }
+  }
+  return count;
 }
 
 DriverExports::DriverExports() {
@@ -124,13 +83,6 @@ ComPtr<framework::IDriverEntry> DriverExports::driver() const {
   EXPECT_EQ(factory()->CreateInstance(nullptr, framework::IDriverEntry::iid, entry.putVoid()),
             framework::kOk);
   return entry;
-}
-
-LinkAgent::Answer TestCard::answers() {
-  return [this](const LinkAgent::Command& command) -> std::optional<Bytes> {
-    if (!present_) return Bytes();
-    return command.code == AgentCommand::QueryTransmit ? responseTo(command.apdu) : atr_;
-  };
 }
 
 }  // namespace zelta::test

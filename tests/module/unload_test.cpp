@@ -4,16 +4,19 @@
 #include "tests/module/hosted_module.h"
 #include "tests/support/process_state.h"
 #include "tests/support/recording_framework.h"
+#include "tests/support/repetitions.h"
 
 namespace zelta::test {
 namespace {
 
 class UnloadTest : public HostedModuleTest {
  protected:
-  // Loading and unloading once settles what the process itself opens for good.
-  UnloadTest() {
-    file_.reset();
+  // Once settles what the process itself opens for good, GoogleTest's own thread with it.
+  void SetUp() override {
+    ASSERT_NO_FATAL_FAILURE(connectAgent());
     end();
+    agent_.die();
+    file_.reset();
     EXPECT_FALSE(isMapped(ZELTA_VSC_MODULE));
     threads_ = threadCount();
     files_ = openFiles();
@@ -32,7 +35,7 @@ class UnloadTest : public HostedModuleTest {
 };
 
 TEST_F(UnloadTest, NothingIsLeftOfADriverThatWaitsForItsAgent) {
-  for (int round = 0; round < 60; ++round) {
+  for (int round = 0; round < repetitions(60); ++round) {
     bringUp();
     const auto waiting = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
     end();
@@ -43,7 +46,7 @@ TEST_F(UnloadTest, NothingIsLeftOfADriverThatWaitsForItsAgent) {
 
 TEST_F(UnloadTest, NothingIsLeftOfADriverWithAnAgentAndWaitingRequests) {
   card_.insert();
-  for (int round = 0; round < 60; ++round) {
+  for (int round = 0; round < repetitions(60); ++round) {
     bringUp();
     connectAgent();
     const auto waiting = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
@@ -55,7 +58,7 @@ TEST_F(UnloadTest, NothingIsLeftOfADriverWithAnAgentAndWaitingRequests) {
 }
 
 TEST_F(UnloadTest, NothingIsLeftOfADriverThatWasNeverBroughtUp) {
-  for (int round = 0; round < 50; ++round) {
+  for (int round = 0; round < repetitions(50); ++round) {
     host_ = host::DriverHost::load(ZELTA_VSC_MODULE);
     ASSERT_TRUE(host_->unload());
     ASSERT_NO_FATAL_FAILURE(expectNothingLeft());
@@ -74,7 +77,7 @@ TEST_F(UnloadTest, UnloadingReturnsAtOnceWhenTheModuleHasAgreed) {
 
 TEST_F(UnloadTest, CallsWhileTheDriverGoesDownAreCarriedOutOrRefused) {
   card_.insert();
-  for (int round = 0; round < 20; ++round) {
+  for (int round = 0; round < repetitions(20); ++round) {
     bringUp();
     connectAgent();
     std::atomic<int> wrong{0};

@@ -1,0 +1,40 @@
+#include "tests/module/test_card.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+
+#include "driver/smartcard_ioctl.h"
+
+namespace zelta::test {
+
+Bytes number(std::uint32_t value) {
+  const auto bytes = encodeNumber(value);
+  return {bytes.begin(), bytes.end()};
+}
+
+std::uint32_t toNumber(const Bytes& bytes) {
+  std::array<std::uint8_t, 4> four{};
+  EXPECT_EQ(bytes.size(), four.size());
+  std::copy_n(bytes.begin(), std::min(bytes.size(), four.size()), four.begin());
+  return decodeNumber(four);
+}
+
+Bytes operator+(Bytes front, const Bytes& back) {
+  front.insert(front.end(), back.begin(), back.end());
+  return front;
+}
+
+Bytes transmitBuffer(std::uint32_t protocol, const Bytes& apdu) {
+  return number(protocol) + number(kTransmitHeaderSize) + apdu;
+}
+
+LinkAgent::Answer TestCard::answers() {
+  return [this](const LinkAgent::Command& command) -> std::optional<Bytes> {
+    if (!present_) return Bytes();
+    return command.code == AgentCommand::QueryTransmit ? responseTo(command.apdu) : atr_;
+  };
+}
+
+}  // namespace zelta::test
