@@ -1,0 +1,86 @@
+// The programs that tests of the module run as processes of their own.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+
+#include "driver/smartcard_ioctl.h"
+#include "tests/module/test_card.h"
+#include "tests/support/child_process.h"
+
+namespace zelta::test {
+
+// agent_program.cpp: an agent whose card does as it is told.
+class AgentProgram {
+ public:
+  AgentProgram() : process_(ZELTA_AGENT_PROGRAM_OF_TESTS) {}
+
+  // Whether it did.
+  bool does(const std::string& command) {
+    return process_.writeLine(command) && process_.readLine() == "ok";
+  }
+  // It ends as in a crash.
+  void crash() {
+    process_.kill();
+    EXPECT_EQ(process_.wait(), ChildProcess::kKilled);
+  }
+
+ private:
+  ChildProcess process_;
+};
+
+// host_program.cpp: a driver host with the module. A failure of the test where it does not come up.
+class HostProgram {
+ public:
+  HostProgram() : process_(ZELTA_HOST_PROGRAM_OF_TESTS, {ZELTA_VSC_MODULE}) {
+    EXPECT_EQ(process_.readLine(), "up");
+  }
+
+  // "STATUS OUTPUT".
+  std::string control(std::uint32_t code, const Bytes& input = {}) {
+    return ask("control " + hex(code) + " 1024 " + hex(input));
+  }
+  // The response, after the header, of a transmit that succeeds.
+  std::string transmit(std::uint32_t protocol, const Bytes& apdu) {
+    const std::string result = control(IOCTL_SMARTCARD_TRANSMIT, transmitBuffer(protocol, apdu));
+    const std::string good = kDone + hex(transmitBuffer(protocol, {}));
+    return result.rfind(good, 0) == 0 ? result.substr(good.size()) : result;
+  }
+  // A request that waits in the driver, and how it ends.
+  bool submit(std::uint32_t code) { return ask("submit " + hex(code)) == "ok"; }
+  std::string result() { return ask("result"); }
+  bool down() { return ask("down") == "ok"; }
+
+  void askToExit(int code) { process_.writeLine("exit " + std::to_string(code)); }
+  void kill() { process_.kill(); }
+  std::optional<int> wait() { return process_.wait(); }
+
+  static std::string hex(const Bytes& bytes) {
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    std::string text;
+    for (const std::uint8_t byte : bytes) {
+      text += kDigits[byte >> 4];
+      text += kDigits[byte & 15];
+    }
+    return text;
+  }
+  // The beginning of a success.
+  static constexpr char kDone[] = "0x00000000 ";
+
+ private:
+  static std::string hex(std::uint32_t code) {
+    std::ostringstream text;
+    text << std::hex << code;
+    return text.str();
+  }
+  std::string ask(const std::string& command) {
+    process_.writeLine(command);
+    return process_.readLine().value_or("no answer");
+  }
+
+  ChildProcess process_;
+};
+
+}  // namespace zelta::test
