@@ -13,9 +13,7 @@ namespace {
 
 constexpr char kDescription[] =
     "Keeps the smart card of a virtual reader and serves the reader's driver.";
-constexpr char kFooter[] =
-    "Signals: SIGUSR1 removes the card, SIGUSR2 inserts it, SIGINT and SIGTERM end the agent.\n"
-    "Exit codes: 0 ended as asked, 1 failure, 2 wrong usage.";
+constexpr char kExitCodes[] = "Exit codes: 0 ended as asked, 1 failure, 2 wrong usage.";
 
 template <typename Value>
 struct Named {
@@ -160,11 +158,11 @@ ParsedOptions failure(const std::string& problem) {
 
 }  // namespace
 
-ParsedOptions parseOptions(int argc, const char* const* argv) {
+ParsedOptions parseOptions(int argc, const char* const* argv, const std::string& endings) {
   Options options;
   Flags flags;
   CLI::App app(kDescription, "zelta-agent");
-  app.footer(kFooter);
+  app.footer(endings + "\n" + kExitCodes);
   app.set_version_flag("--version", std::string("zelta-agent ") + kVersion);
   addShared(app, options);
   app.add_option("--session-id", options.sessionId, "Id of the session (default a fresh one)")

@@ -45,6 +45,7 @@ struct ParsedOptions {
   std::string error;               // for standard error
 };
 
-ParsedOptions parseOptions(int argc, const char* const* argv);
+// `endings` is a line of the help: what ends the program, and what else it takes while it runs.
+ParsedOptions parseOptions(int argc, const char* const* argv, const std::string& endings);
 
 }  // namespace zelta::agent

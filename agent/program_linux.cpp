@@ -37,6 +37,9 @@ using platform::ScopedFd;
 // How long a card that cannot be interrupted may hold up the end.
 constexpr std::chrono::seconds kEndLimit{2};
 
+constexpr char kSignals[] =
+    "Signals: SIGUSR1 removes the card, SIGUSR2 inserts it, SIGINT and SIGTERM end the agent.";
+
 // The signals that the program waits for; blocked in every thread.
 sigset_t waitedSignals() {
   sigset_t signals;
@@ -177,7 +180,7 @@ int runAgent(const Options& options, Log& log) {
 namespace {
 
 int runWithMemory(int argc, const char* const* argv) {
-  const ParsedOptions parsed = parseOptions(argc, argv);
+  const ParsedOptions parsed = parseOptions(argc, argv, kSignals);
   std::cout << parsed.output << std::flush;
   std::cerr << parsed.error << std::flush;
   if (!parsed.options) return parsed.exitCode;

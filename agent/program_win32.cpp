@@ -28,6 +28,9 @@ namespace {
 // How long a card that cannot be interrupted may hold up the end.
 constexpr std::chrono::seconds kEndLimit{2};
 
+constexpr char kEndings[] =
+    "On Windows only --backend script is available. Ctrl-C and Ctrl-Break end the agent.";
+
 Log::Sink standardErrorSink() {
   return [](LogLevel level, const std::string& line) {
     std::cerr << timeStamp() + " " + levelName(level) + ": " + line + "\n" << std::flush;
@@ -86,7 +89,7 @@ int runAgent(const Options& options, Log& log) {
 }
 
 int runWithMemory(int argc, const char* const* argv) {
-  const ParsedOptions parsed = parseOptions(argc, argv);
+  const ParsedOptions parsed = parseOptions(argc, argv, kEndings);
   std::cout << parsed.output << std::flush;
   std::cerr << parsed.error << std::flush;
   if (!parsed.options) return parsed.exitCode;

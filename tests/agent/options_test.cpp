@@ -12,7 +12,7 @@ using testing::HasSubstr;
 
 ParsedOptions parse(std::vector<const char*> arguments) {
   arguments.insert(arguments.begin(), "zelta-agent");
-  return parseOptions(static_cast<int>(arguments.size()), arguments.data());
+  return parseOptions(static_cast<int>(arguments.size()), arguments.data(), "What ends it.");
 }
 
 Options taken(const std::vector<const char*>& arguments) {
@@ -84,10 +84,10 @@ TEST(Options, helpAndVersionEndWithSuccess) {
   EXPECT_EQ(help.exitCode, kExitDone);
   EXPECT_EQ(help.error, "");
   for (const char* option :
-       {"--reader",      "--control", "--session-id", "--backend",  "--card-inserted",
-        "--no-card",     "--db",      "--pin",        "--pin-file", "--cert",
-        "--pcsc-reader", "--script",  "--log-level",  "--quiet",    "--verbose",
-        "--version",     "--help",    "ctl",          "SIGUSR1",    "Exit codes"}) {
+       {"--reader",      "--control", "--session-id", "--backend",     "--card-inserted",
+        "--no-card",     "--db",      "--pin",        "--pin-file",    "--cert",
+        "--pcsc-reader", "--script",  "--log-level",  "--quiet",       "--verbose",
+        "--version",     "--help",    "ctl",          "What ends it.", "Exit codes"}) {
     EXPECT_THAT(help.output, HasSubstr(option));
   }
   const ParsedOptions version = parse({"--version"});

@@ -44,6 +44,7 @@ TEST_F(Program, helpAndVersionEndWithZero) {
   const Ended help = runProgram({"--help"});
   EXPECT_EQ(help.exitCode, 0);
   EXPECT_THAT(help.output, HasSubstr("Usage: zelta-agent"));
+  EXPECT_THAT(help.output, HasSubstr("\nSignals: SIGUSR1 removes the card, "));
   EXPECT_EQ(help.error, "");
   const Ended version = runProgram({"--version"});
   EXPECT_EQ(version.exitCode, 0);

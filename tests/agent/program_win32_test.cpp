@@ -39,6 +39,7 @@ TEST_F(Program, helpAndVersionEndWithZero) {
   const Ended help = runProgram({"--help"});
   EXPECT_EQ(help.exitCode, 0u);
   EXPECT_THAT(help.output, HasSubstr("Usage: zelta-agent"));
+  EXPECT_THAT(help.output, HasSubstr("\nOn Windows only --backend script is available. "));
   EXPECT_EQ(help.error, "");
   const Ended version = runProgram({"--version"});
   EXPECT_EQ(version.exitCode, 0u);
