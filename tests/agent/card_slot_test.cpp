@@ -60,6 +60,17 @@ TEST_F(Slot, deadlineThatHasPassedIsLateOnlyWhereTheCardWorks) {
   EXPECT_EQ(slot_.ask(Operation::Transmit, {0x00}, SteadyClock::now()).result, Result::NoCard);
 }
 
+TEST_F(Slot, commandThatOnlyWaitedForTheCardNeverReachesIt) {
+  card_.hold();
+  EXPECT_EQ(slot_.ask(Operation::Transmit, {0x00}, SteadyClock::now()).result, Result::Late);
+  card_.waitUntilBusy();
+  EXPECT_EQ(slot_.ask(Operation::Transmit, {0x00}, SteadyClock::now()).result, Result::Late);
+  EXPECT_EQ(slot_.ask(Operation::Reset, {}, SteadyClock::now()).result, Result::Late);
+  card_.letGo();
+  EXPECT_EQ(slot_.ask(Operation::Transmit, {0x00}, later()).data, heldAnswer(2));
+  EXPECT_EQ(card_.resets(), 0);
+}
+
 TEST_F(Slot, removalEndsTheWaitForAnAnswer) {
   card_.hold();
   auto answer = askInBackground();
