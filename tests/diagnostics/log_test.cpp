@@ -61,7 +61,12 @@ TEST(LogCalls, WideTextThatTheLocaleCannotExpressDoesNotLoseTheMessage) {
   LogCapture log;  // the tests run in the C locale
   logInfo("name %ls", L"dev0");
   logError(5, "name %ls", L"\x4E2D");
-  EXPECT_THAT(log.records(), ElementsAre(info("name dev0"), error(5, "name %ls")));
+#if defined(_WIN32)
+  constexpr char kRest[] = "name ";  // the formatter leaves the character out
+#else
+  constexpr char kRest[] = "name %ls";
+#endif
+  EXPECT_THAT(log.records(), ElementsAre(info("name dev0"), error(5, kRest)));
 }
 
 TEST(LogCalls, ReportNoFailureOfTheLogger) {

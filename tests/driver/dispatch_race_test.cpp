@@ -7,6 +7,7 @@
 #include "diagnostics/traced_lock.h"
 #include "driver/smartcard_ioctl.h"
 #include "tests/driver/device_fixture.h"
+#include "tests/support/repetitions.h"
 
 namespace zelta {
 namespace {
@@ -40,7 +41,7 @@ class DispatchRace : public DeviceFixture {
 };
 
 TEST_F(DispatchRace, CancelRacesTheEvent) {
-  for (int round = 0; round < 2000; ++round) {
+  for (int round = 0; round < test::repetitions(2000); ++round) {
     log_.clear();
     const bool insert = round % 2 == 0;
     story_.checkResult = insert ? QueryResult::Failure : QueryResult::Success;
@@ -84,7 +85,7 @@ TEST_F(DispatchRace, AllControlsAtOnce) {
 // Whoever has got in stays until the exchanges are ended, and comes in before, during or after
 // that.
 TEST_F(DispatchRace, ShutdownRacesExchangesThatOnlyItEnds) {
-  for (int round = 0; round < 300; ++round) {
+  for (int round = 0; round < test::repetitions(300); ++round) {
     takeDown();
     platform::Mutex mutex;
     platform::ConditionVariable changed;
@@ -114,7 +115,7 @@ TEST_F(DispatchRace, ShutdownRacesExchangesThatOnlyItEnds) {
 }
 
 TEST_F(DispatchRace, ShutdownRacesDispatchAndCancel) {
-  for (int round = 0; round < 300; ++round) {
+  for (int round = 0; round < test::repetitions(300); ++round) {
     takeDown();
     story_.onShutdown = [this] {
       completeWaiting(reader_->pendingRemove_, framework::hresult(0x800704C7));

@@ -11,6 +11,7 @@
 #include "tests/reader/scripted_reader.h"
 #include "tests/support/fake_request.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/repetitions.h"
 
 namespace zelta {
 namespace {
@@ -43,7 +44,7 @@ class PresenceRace : public testing::Test {
 
 // The requests' double fails the test where one is completed twice or touched afterwards.
 TEST_F(PresenceRace, EveryRequestIsCompletedOnceWhileCancelAndEventRaceIt) {
-  constexpr int kRounds = 2000;
+  constexpr int kRounds = test::repetitions(2000);
   int cancelled = 0;
   for (int round = 0; round < kRounds; ++round) {
     log_.clear();
@@ -72,7 +73,7 @@ TEST_F(PresenceRace, EveryRequestIsCompletedOnceWhileCancelAndEventRaceIt) {
 
 TEST_F(PresenceRace, ParallelDispatchCompletesEveryRequestOnce) {
   constexpr int kThreads = 4;
-  constexpr int kRequestsEach = 500;
+  constexpr int kRequestsEach = test::repetitions(500);
   reader_.checkResult = QueryResult::Failure;
   std::vector<std::unique_ptr<FakeRequest>> requests;
   for (int i = 0; i < kThreads * kRequestsEach; ++i) {
@@ -109,7 +110,7 @@ TEST_F(PresenceRace, ParallelDispatchCompletesEveryRequestOnce) {
 // Events and checks of a card that comes and goes: whatever the order, a request that asks for
 // what is already so does not wait for ever.
 TEST_F(PresenceRace, EventBetweenCheckAndQueueingIsNotLost) {
-  for (int round = 0; round < 1000; ++round) {
+  for (int round = 0; round < test::repetitions(1000); ++round) {
     log_.clear();
     reader_.checkResult = QueryResult::Failure;
     FakeRequest request(device_);
