@@ -9,8 +9,8 @@ namespace zelta::platform {
 class FolderApi {
  public:
   virtual ~FolderApi() = default;
-  // The ProgramData known folder, without a trailing separator. Negative on failure. The text
-  // is released with `taskMemFree`.
+  // The ProgramData known folder, without a trailing separator. Negative on failure, with
+  // a null path. The text is released with `taskMemFree`.
   virtual std::int32_t programData(char16_t** path) = 0;
   virtual void taskMemFree(void* memory) = 0;
   // Copy a path with its terminator into a buffer of `capacity` units. The length without the

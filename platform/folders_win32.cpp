@@ -16,6 +16,10 @@ class Win32Folders final : public FolderApi {
   std::int32_t programData(char16_t** path) override {
     wchar_t* folder = nullptr;
     const HRESULT result = SHGetKnownFolderPath(FOLDERID_ProgramData, 0, nullptr, &folder);
+    if (FAILED(result)) {
+      CoTaskMemFree(folder);  // the caller's in either case
+      folder = nullptr;
+    }
     *path = reinterpret_cast<char16_t*>(folder);
     return result;
   }

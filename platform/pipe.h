@@ -63,7 +63,15 @@ class PipeApi {
   virtual bool close(PipeHandleValue pipe) = 0;
 };
 
-// The operating system's pipes. On Linux a pipe is a UNIX stream socket below $ZELTA_PIPE_ROOT
+// The operating system's pipes. On Windows, with buffer sizes of 0,
+//   - the pipe keeps nothing: write returns when the client has read the bytes, and a client's
+//     write when they have been read here; what nobody has read when its writer leaves is lost;
+//   - read returns with the bytes that are there, which may be fewer than `size`, and is a success;
+//   - after a disconnect a client is turned away (231) until the end is being connected, and read
+//     and write fail with 233;
+//   - create fails with 231 for a name in use that has one instance;
+//   - operations on one pipe wait for each other, except cancel.
+// On Linux a pipe is a UNIX stream socket below $ZELTA_PIPE_ROOT
 // (platform/pipe_path.h), and
 //   - it is duplex and has one instance, whatever the arguments beside the descriptor say; without
 //     a descriptor it admits the process's own user and the system;

@@ -32,7 +32,7 @@ class RegistryApi {
   virtual ~RegistryApi() = default;
 
   // One 32-bit value of a key below HKEY_LOCAL_MACHINE; a value of another type is refused with
-  // a non-zero result.
+  // a non-zero result. On Windows a stored value of fewer bytes fills as many bytes of `out`.
   virtual std::uint32_t getDword(const std::u16string& key, const std::u16string& value,
                                  std::uint32_t* out) = 0;
   // Opens a key for reading; closed by `closeKey`.
@@ -42,7 +42,8 @@ class RegistryApi {
   virtual std::uint32_t queryValue(RegistryKey key, const std::u16string& value,
                                    std::uint32_t* type, void* data, std::uint32_t* size) = 0;
   // Signals `event` once when a value or subkey at or below the key next changes. A change
-  // between two such calls on the same key is not lost: the second signals at once.
+  // between two such calls on the same key is not lost: the second signals at once. On Windows one
+  // between opening the key and the first call is.
   virtual std::uint32_t notifyChange(RegistryKey key, EventHandle event) = 0;
   // Ends a pending notification; Windows signals its event.
   virtual void closeKey(RegistryKey key) = 0;
