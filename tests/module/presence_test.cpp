@@ -103,15 +103,17 @@ TEST_F(PresenceTest, AgentThatDiesInsideATransmitEndsIt) {
 }
 
 TEST_F(PresenceTest, AgentThatDiesInsideAnAtrIsSurvived) {
-  // Where a read takes what there is, the bytes that did not come count as 0.
-  const auto expected = kReadsWaitForAllBytes ? answer::kCancelled : answer::kSuccess;
   for (int round = 0; round < repetitions(20); ++round) {
     const auto waiting = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
     ASSERT_TRUE(agent_.connectSilently());
     ASSERT_TRUE(agent_.command().readNumber().has_value());
-    ASSERT_TRUE(agent_.command().writeNumber(10) && agent_.command().write({0x3B}));
+    ASSERT_TRUE(agent_.command().writeNumber(10));
+    // Where a read takes what there is, the bytes that do not come would count as 0.
+    if (kReadsWaitForAllBytes) {
+      ASSERT_TRUE(agent_.command().write({0x3B}));
+    }
     agent_.die();
-    ASSERT_EQ(ending(*waiting), expected);
+    ASSERT_EQ(ending(*waiting), answer::kCancelled);
   }
   expectWorkingReader();
 }
