@@ -58,11 +58,15 @@ void PrintTo(const CardCall& call, std::ostream* out) { *out << call.name; }
 
 class RemovalTest : public test::ChannelTest, public testing::WithParamInterface<CardCall> {
  protected:
-  // The driver's request, held back; the call waits for it.
-  std::shared_ptr<FakeOperation> begin() {
+  // The driver's request of a call, held back.
+  std::shared_ptr<FakeOperation> call() {
     reader_->hold(GetParam().code);
     caller_.emplace([this] { code_ = GetParam().make(*channel_); });
-    auto request = reader_->waitForWaiting(GetParam().code);
+    return reader_->waitForWaiting(GetParam().code);
+  }
+  // The same, and the call waits for it.
+  std::shared_ptr<FakeOperation> begin() {
+    auto request = call();
     EXPECT_TRUE(request != nullptr && caller_->waits());
     return request;
   }
@@ -139,7 +143,8 @@ TEST_P(RemovalTest, ClosingTheChannelWaitsForTheDriver) {
 TEST_P(RemovalTest, CompletionMayComeAfterTheChannelsEnd) {
   channel_.emplace(reader_->open(), log_->log(), std::chrono::milliseconds(30));
   insertAndPowerUp();
-  const auto request = begin();
+  const auto request = call();  // given up for the removal or for its time
+  ASSERT_NE(request, nullptr);
   reader_->removeCard();
   ASSERT_TRUE(caller_->ends());
   channel_->close();
