@@ -131,7 +131,7 @@ void bindExclusively(const std::string& path, const ScopedFd& listener) {
 // Errors of accepting a client that are the client's own or have passed.
 bool isPassing(int error) { return error == EAGAIN || error == EINTR || error == ECONNABORTED; }
 
-class SocketServer : public ControlServer {
+class SocketServer final : public ControlServer {
  public:
   SocketServer(std::string path, Handler handler, OnFailure onFailure)
       : path_(std::move(path)),
