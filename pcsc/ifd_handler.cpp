@@ -62,7 +62,7 @@ RESPONSECODE onChannel(DWORD lun, Work work) noexcept {
 // `*length` is the buffer's size, then the number of bytes in it.
 RESPONSECODE copyOut(const Bytes& bytes, PUCHAR buffer, PDWORD length) {
   if (bytes.size() > *length) return IFD_ERROR_INSUFFICIENT_BUFFER;
-  if (!bytes.empty()) std::memcpy(buffer, bytes.data(), bytes.size());
+  std::copy(bytes.begin(), bytes.end(), buffer);
   *length = bytes.size();
   return IFD_SUCCESS;
 }
