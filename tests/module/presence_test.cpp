@@ -118,6 +118,16 @@ TEST_F(PresenceTest, AgentThatDiesInsideAnAtrIsSurvived) {
   expectWorkingReader();
 }
 
+TEST_F(PresenceTest, AgentThatIsThereBeforeAnybodyWaitsForACardIsLetInAsAnyOther) {
+  card_.insert();
+  ASSERT_TRUE(agent_.connect(card_.answers()));
+  const auto insertion = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
+  ASSERT_EQ(ending(*insertion), answer::kSuccess);
+  ASSERT_EQ(status(IOCTL_SMARTCARD_POWER, number(SCARD_COLD_RESET), 64), answer::kSuccess);
+  ASSERT_EQ(status(IOCTL_SMARTCARD_SET_PROTOCOL, number(SCARD_PROTOCOL_T1)), answer::kSuccess);
+  EXPECT_EQ(transmit({1, 2}), TestCard::responseTo({1, 2}));
+}
+
 TEST_F(PresenceTest, AgentThatDiesBeforeItIsLetInIsFollowedByAnother) {
   for (int round = 0; round < repetitions(20); ++round) {
     // Somebody waits for a card all the time, and asks anew when the loss of an agent ends that.
