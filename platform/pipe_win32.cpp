@@ -13,6 +13,7 @@
 // windows.h comes first
 #include <sddl.h>
 
+#include <new>
 #include <set>
 
 #include "platform/never_destroyed.h"
@@ -39,8 +40,10 @@ class Win32Pipes final : public PipeApi {
     HANDLE pipe = CreateNamedPipeA(name.c_str(), arguments.openMode, arguments.pipeMode,
                                    arguments.maxInstances, arguments.outBufferSize,
                                    arguments.inBufferSize, arguments.defaultTimeout, &attributes);
-    if (pipe != INVALID_HANDLE_VALUE) neverConnected_.insert(pipe);
-    return pipe;
+    if (pipe == INVALID_HANDLE_VALUE || noteNeverConnected(pipe)) return pipe;
+    CloseHandle(pipe);
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return INVALID_HANDLE_VALUE;
   }
 
   bool connect(PipeHandleValue pipe) override {
@@ -80,6 +83,15 @@ class Win32Pipes final : public PipeApi {
   }
 
  private:
+  bool noteNeverConnected(PipeHandleValue pipe) noexcept ZELTA_REQUIRES(mutex_) {
+    try {
+      neverConnected_.insert(pipe);
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+    return true;
+  }
+
   bool refuses(PipeHandleValue pipe) {
     const MutexLock lock(mutex_);
     if (neverConnected_.count(pipe) == 0) return false;
