@@ -9,8 +9,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdlib>
-#include <future>
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -18,6 +16,7 @@
 #include <system_error>
 
 #include "agent/agent.h"
+#include "agent/agent_run.h"
 #include "agent/backend_choice.h"
 #include "agent/control.h"
 #include "agent/control_socket.h"
@@ -33,9 +32,6 @@ namespace zelta::agent {
 namespace {
 
 using platform::ScopedFd;
-
-// How long a card that cannot be interrupted may hold up the end.
-constexpr std::chrono::seconds kEndLimit{2};
 
 constexpr char kSignals[] =
     "Signals: SIGUSR1 removes the card, SIGUSR2 inserts it, SIGINT and SIGTERM end the agent.";
@@ -77,7 +73,6 @@ class Endings {
         failure_([this] { eventfd_write(failed_.get(), 1); }) {}
 
   FailureNote& failure() { return failure_; }
-  const FailureNote& failure() const { return failure_; }
 
   // Acts on signals until one of them, or a failure, ends the program.
   void follow(Agent& agent, Log& log) {
@@ -118,32 +113,6 @@ void tellState(bool connected) {
   sd_notify(0, connected ? "STATUS=Connected to the driver" : "STATUS=Waiting for the driver");
 }
 
-// Stops an agent where its scope ends, however that is, so that whoever runs it can be joined.
-class Stopping {
- public:
-  explicit Stopping(Agent& agent) : agent_(agent) {}
-  ~Stopping() { agent_.stop(); }
-  Stopping(const Stopping&) = delete;
-  Stopping& operator=(const Stopping&) = delete;
-
- private:
-  Agent& agent_;
-};
-
-// Ends the agent that runs; the program's exit code.
-int endAgent(Agent& agent, std::future<void>& ran, const Endings& endings, Log& log) {
-  agent.stop();
-  const bool ended = ran.wait_for(kEndLimit) == std::future_status::ready;
-  const char* problem = endings.failure().problem();
-  if (problem != nullptr) log.error(std::string("Ending: ") + problem);
-  const int exitCode = problem == nullptr ? kExitDone : kExitFailed;
-  if (!ended) {
-    log.warning("The card does not end its command; leaving it behind");
-    std::_Exit(exitCode);
-  }
-  return exitCode;
-}
-
 int runAgent(const Options& options, Log& log) {
   Endings endings;  // first: threads take the blocked signals over
   const OnFailure onFailure = [&endings](const char* problem) { endings.failure().take(problem); };
@@ -163,16 +132,14 @@ int runAgent(const Options& options, Log& log) {
   agent.start();
   log.info(std::string("zelta-agent ") + kVersion + ": reader " + std::to_string(options.reader) +
            ", " + backend->name() + " card, session " + settings.sessionId + ", control " + path);
-  std::future<void> ran = std::async(
-      std::launch::async, [&agent, &onFailure] { guarded(onFailure, [&agent] { agent.run(); }); });
-  const Stopping stopping(agent);
+  AgentRun run(agent, onFailure);
   tellState(false);
   sd_notify(0, "READY=1");
 
   endings.follow(agent, log);
   sd_notify(0, "STOPPING=1");
   control->removePath();
-  return endAgent(agent, ran, endings, log);
+  return run.end(endings.failure(), log);
 }
 
 }  // namespace

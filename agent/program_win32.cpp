@@ -3,14 +3,13 @@
 #include <windows.h>
 // windows.h comes first
 #include <array>
-#include <cstdlib>
-#include <future>
 #include <iostream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
 #include "agent/agent.h"
+#include "agent/agent_run.h"
 #include "agent/console_end_win32.h"
 #include "agent/failure.h"
 #include "agent/options.h"
@@ -25,9 +24,6 @@ namespace zelta::agent {
 
 namespace {
 
-// How long a card that cannot be interrupted may hold up the end.
-constexpr std::chrono::seconds kEndLimit{2};
-
 constexpr char kEndings[] =
     "On Windows only --backend script is available. Ctrl-C and Ctrl-Break end the agent.";
 
@@ -35,32 +31,6 @@ Log::Sink standardErrorSink() {
   return [](LogLevel level, const std::string& line) {
     std::cerr << timeStamp() + " " + levelName(level) + ": " + line + "\n" << std::flush;
   };
-}
-
-// Stops an agent where its scope ends, however that is, so that whoever runs it can be joined.
-class Stopping {
- public:
-  explicit Stopping(Agent& agent) : agent_(agent) {}
-  ~Stopping() { agent_.stop(); }
-  Stopping(const Stopping&) = delete;
-  Stopping& operator=(const Stopping&) = delete;
-
- private:
-  Agent& agent_;
-};
-
-// Ends the agent that runs; the program's exit code.
-int endAgent(Agent& agent, std::future<void>& ran, const FailureNote& failure, Log& log) {
-  agent.stop();
-  const bool ended = ran.wait_for(kEndLimit) == std::future_status::ready;
-  const char* problem = failure.problem();
-  if (problem != nullptr) log.error(std::string("Ending: ") + problem);
-  const int exitCode = problem == nullptr ? kExitDone : kExitFailed;
-  if (!ended) {
-    log.warning("The card does not end its command; leaving it behind");
-    std::_Exit(exitCode);
-  }
-  return exitCode;
 }
 
 int runAgent(const Options& options, Log& log) {
@@ -79,13 +49,11 @@ int runAgent(const Options& options, Log& log) {
   agent.start();
   log.info(std::string("zelta-agent ") + kVersion + ": reader " + std::to_string(options.reader) +
            ", " + backend->name() + " card, session " + settings.sessionId);
-  std::future<void> ran = std::async(
-      std::launch::async, [&agent, &onFailure] { guarded(onFailure, [&agent] { agent.run(); }); });
-  const Stopping stopping(agent);
+  AgentRun run(agent, onFailure);
   const std::array<HANDLE, 2> endings = {failed.get(), endRequested};
   WaitForMultipleObjects(static_cast<DWORD>(endings.size()), endings.data(), FALSE, INFINITE);
   if (failure.problem() == nullptr) log.info("Ending: interrupted");
-  return endAgent(agent, ran, failure, log);
+  return run.end(failure, log);
 }
 
 int runWithMemory(int argc, const char* const* argv) {

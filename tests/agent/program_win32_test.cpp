@@ -2,11 +2,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
-
 #include "agent/version.h"
 #include "tests/agent/agent_process_win32.h"
 #include "tests/agent/driver_end.h"
+#include "tests/agent/script_arguments.h"
 
 namespace zelta::test {
 namespace {
@@ -14,26 +13,16 @@ namespace {
 using agent::Bytes;
 using testing::HasSubstr;
 
-const Bytes kAtr = {0x3B, 0x00};
-const Bytes kSelect = {0x00, 0xA4, 0x04, 0x00};
-const Bytes kOk = {0x90, 0x00};
-
 class Program : public testing::Test {
  protected:
   // Arguments for a card of this script.
   std::vector<std::string> script(const std::string& text,
                                   const std::vector<std::string>& more = {}) {
-    const std::string path = folder_.file("script");
-    std::ofstream(path) << text;
-    std::vector<std::string> arguments = {"--backend", "script", "--script", path, "-v"};
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    return arguments;
+    return scriptArguments(folder_.file("script"), text, more);
   }
 
   TempFolder folder_;
 };
-
-constexpr char kPlain[] = "atr 3B00\ncommand 00A4* -> 9000\n";
 
 TEST_F(Program, helpAndVersionEndWithZero) {
   const Ended help = runProgram({"--help"});
