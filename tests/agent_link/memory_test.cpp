@@ -1,10 +1,8 @@
-// Lengths for which there is no memory, and threads that cannot be started: a failed query, not an
-// ended process. This program's own operator new refuses blocks above a limit.
+// Lengths for which there is no memory: a failed query, not an ended process. This program's own
+// operator new refuses blocks above a limit.
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
 #include <limits>
 #include <new>
@@ -108,36 +106,6 @@ TEST_F(Memory, AnnouncedLengthIsNotTakenAtItsWord) {
   EXPECT_EQ(log_.records(),
             Records{error(platform::error::kBrokenPipe, "[QueryATR]Failed to read ATR data")});
   EXPECT_EQ(bytes_.size(), PipeStream::kReadBlock);
-}
-
-// Threads with a stack larger than the address space cannot be started.
-class HugeStacks {
- public:
-  HugeStacks() {
-    pthread_getattr_default_np(&before_);
-    pthread_attr_t huge;
-    pthread_attr_init(&huge);
-    pthread_attr_setstacksize(&huge, std::size_t{1} << 50);
-    pthread_setattr_default_np(&huge);
-    pthread_attr_destroy(&huge);
-  }
-  ~HugeStacks() {
-    pthread_setattr_default_np(&before_);
-    pthread_attr_destroy(&before_);
-  }
-  HugeStacks(const HugeStacks&) = delete;
-  HugeStacks& operator=(const HugeStacks&) = delete;
-
- private:
-  pthread_attr_t before_;
-};
-
-TEST_F(Memory, WatchdogThatCannotBeStartedFailsTheQuery) {
-  startCreated();
-  const HugeStacks huge;
-  EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
-  EXPECT_EQ(log_.records(), Records{error(EAGAIN, "Failed to start query watchdog")});
-  EXPECT_TRUE(trace().empty());
 }
 
 }  // namespace

@@ -1,0 +1,46 @@
+// A query for which no thread can be started: a failed query, not an ended process.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <cerrno>
+
+#include "tests/agent_link/scripted_link.h"
+
+namespace zelta::test {
+namespace {
+
+using WatchdogThread = ScriptedLink;
+
+// Threads with a stack larger than the address space cannot be started.
+class HugeStacks {
+ public:
+  HugeStacks() {
+    pthread_getattr_default_np(&before_);
+    pthread_attr_t huge;
+    pthread_attr_init(&huge);
+    pthread_attr_setstacksize(&huge, std::size_t{1} << 50);
+    pthread_setattr_default_np(&huge);
+    pthread_attr_destroy(&huge);
+  }
+  ~HugeStacks() {
+    pthread_setattr_default_np(&before_);
+    pthread_attr_destroy(&before_);
+  }
+  HugeStacks(const HugeStacks&) = delete;
+  HugeStacks& operator=(const HugeStacks&) = delete;
+
+ private:
+  pthread_attr_t before_;
+};
+
+TEST_F(WatchdogThread, ThatCannotBeStartedFailsTheQuery) {
+  startCreated();
+  const HugeStacks huge;
+  EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
+  EXPECT_EQ(log_.records(),
+            std::vector<LogRecord>{error(EAGAIN, "Failed to start query watchdog")});
+  EXPECT_TRUE(trace().empty());
+}
+
+}  // namespace
+}  // namespace zelta::test
