@@ -3,9 +3,15 @@
 
 #include <chrono>
 
-#include "platform/clock.h"
 #include "platform/native_path.h"
 #include "platform/winsock.h"
+#include "tests/platform/system_milliseconds.h"
+
+std::uint64_t zelta::test::systemMilliseconds() {
+  const auto time = std::chrono::steady_clock::now().time_since_epoch();
+  return static_cast<std::uint64_t>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(time).count());
+}
 
 namespace zelta::platform {
 namespace {
@@ -17,19 +23,6 @@ TEST(NativePath, BackslashesBecomeSlashes) {
   EXPECT_EQ(nativePath("plain"), "plain");
   EXPECT_EQ(nativePath(""), "");
   EXPECT_EQ(nativePath("/sm\xC3\xB8r\\x"), "/sm\xC3\xB8r/x");
-}
-
-TEST(TickCount, CountsMillisecondsAndWrapsAt32Bits) {
-  using Clock = std::chrono::steady_clock;
-  const auto reference = [] {
-    const auto time = Clock::now().time_since_epoch();
-    return static_cast<std::uint32_t>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(time).count());
-  };
-  const std::uint32_t before = reference();
-  const std::uint32_t now = tickCount();
-  const std::uint32_t after = reference();
-  EXPECT_LE(now - before, after - before);  // also across the wrap
 }
 
 TEST(Winsock, SucceedsWithoutDoingAnything) {

@@ -1,15 +1,43 @@
 // The ports that have little to them.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <thread>
 
 #include "platform/clock.h"
 #include "platform/critical_section.h"
+#include "platform/error.h"
 #include "platform/ports.h"
+#include "tests/platform/system_milliseconds.h"
 
 namespace zelta::platform {
 namespace {
+
+TEST(LastError, StaysUntilItIsSetAgain) {
+  setLastError(error::kBadPipe);
+  EXPECT_EQ(lastError(), error::kBadPipe);
+  setLastError(error::kSuccess);
+  EXPECT_EQ(lastError(), error::kSuccess);
+}
+
+TEST(LastError, IsEachThreadsOwnAndBeginsAtSuccess) {
+  std::atomic<bool> mineIsSet{false};
+  std::atomic<bool> theirsIsSet{false};
+  std::thread other([&] {
+    EXPECT_EQ(lastError(), error::kSuccess);
+    while (!mineIsSet) std::this_thread::yield();
+    setLastError(error::kNoData);
+    theirsIsSet = true;
+  });
+  // Calls of the system, among them those to do with threads, may set it also where they succeed.
+  setLastError(error::kBadPipe);
+  mineIsSet = true;
+  while (!theirsIsSet) {
+  }
+  EXPECT_EQ(lastError(), error::kBadPipe);
+  other.join();
+}
 
 TEST(WallClock, CountsHundredNanosecondsSince1970) {
   using Units = std::chrono::duration<std::int64_t, std::ratio<1, 10'000'000>>;
@@ -21,6 +49,14 @@ TEST(WallClock, CountsHundredNanosecondsSince1970) {
   const std::int64_t after = reference();
   EXPECT_LE(before, now);
   EXPECT_LE(now, after);
+}
+
+TEST(TickCount, CountsMillisecondsAndWrapsAt32Bits) {
+  const auto reference = [] { return static_cast<std::uint32_t>(test::systemMilliseconds()); };
+  const std::uint32_t before = reference();
+  const std::uint32_t now = tickCount();
+  const std::uint32_t after = reference();
+  EXPECT_LE(now - before, after - before);  // also across the wrap
 }
 
 // The analysis knows no nesting, which is what is tested here.

@@ -1,31 +1,13 @@
-#include "platform/error.h"
+#include "platform/errno_linux.h"
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <thread>
 
-#include "platform/errno_linux.h"
+#include "platform/error.h"
 
 namespace zelta::platform {
-
 namespace {
-
-TEST(LastErrorTest, StaysUntilItIsSetAgain) {
-  setLastError(error::kBadPipe);
-  EXPECT_EQ(lastError(), error::kBadPipe);
-  setLastError(error::kSuccess);
-  EXPECT_EQ(lastError(), error::kSuccess);
-}
-
-TEST(LastErrorTest, IsEachThreadsOwnAndBeginsAtSuccess) {
-  setLastError(error::kBadPipe);
-  std::thread([] {
-    EXPECT_EQ(lastError(), error::kSuccess);
-    setLastError(error::kNoData);
-  }).join();
-  EXPECT_EQ(lastError(), error::kBadPipe);
-}
 
 TEST(ErrnoTest, NumbersHaveTheirNearestCounterpart) {
   const struct {
@@ -56,5 +38,4 @@ TEST(ErrnoTest, NumbersHaveTheirNearestCounterpart) {
 }
 
 }  // namespace
-
 }  // namespace zelta::platform
