@@ -1,4 +1,4 @@
-// What the pipes' security descriptor text becomes.
+// What the system is given for a pipe: its security descriptor, and what the end becomes.
 #include <windows.h>
 // windows.h comes first
 #include <gtest/gtest.h>
@@ -69,6 +69,49 @@ TEST(PipeSecurityWin32, MalformedTextIsRefused) {
     EXPECT_FALSE(systemPipes().convertSecurityDescriptor(text, &descriptor)) << text;
     EXPECT_NE(lastError(), error::kSuccess);
   }
+}
+
+class PipeEndWin32 : public ::testing::Test {
+ protected:
+  PipeEndWin32() {
+    PipeArguments arguments;
+    arguments.openMode = 0x00080003;  // as the driver's pipes
+    arguments.maxInstances = 1;
+    const std::string name = R"(\\.\pipe\zelta_test_)" + std::to_string(GetCurrentProcessId());
+    pipe_ = systemPipes().create(name, arguments);
+  }
+  ~PipeEndWin32() override { systemPipes().close(pipe_); }
+  void SetUp() override { ASSERT_NE(pipe_, invalidPipe()) << lastError(); }
+
+  PipeHandleValue pipe_;
+};
+
+TEST_F(PipeEndWin32, IsTheServersOfOneInstanceForBytesThatKeepsNone) {
+  constexpr DWORD kUnset = 99;
+  DWORD flags = kUnset;
+  DWORD outSize = kUnset;
+  DWORD inSize = kUnset;
+  DWORD maxInstances = kUnset;
+  ASSERT_TRUE(GetNamedPipeInfo(pipe_, &flags, &outSize, &inSize, &maxInstances)) << GetLastError();
+  EXPECT_EQ(flags, DWORD{PIPE_SERVER_END | PIPE_TYPE_BYTE});
+  EXPECT_EQ(outSize, 0u);
+  EXPECT_EQ(inSize, 0u);
+  EXPECT_EQ(maxInstances, 1u);
+}
+
+TEST_F(PipeEndWin32, ReadsBytesAndWaits) {
+  DWORD state = 99;
+  DWORD instances = 99;
+  ASSERT_TRUE(GetNamedPipeHandleStateW(pipe_, &state, &instances, nullptr, nullptr, nullptr, 0))
+      << GetLastError();
+  EXPECT_EQ(state, DWORD{PIPE_READMODE_BYTE | PIPE_WAIT});
+  EXPECT_EQ(instances, 1u);
+}
+
+TEST_F(PipeEndWin32, IsNotInherited) {
+  DWORD flags = 99;
+  ASSERT_TRUE(GetHandleInformation(pipe_, &flags)) << GetLastError();
+  EXPECT_EQ(flags & HANDLE_FLAG_INHERIT, 0u);
 }
 
 }  // namespace
