@@ -26,6 +26,9 @@ class RegistryChangeNotifier {
   // `keyPath` is below HKEY_LOCAL_MACHINE. `logger` is not owned and must outlive this object
   // (it may belong to the callback). Throws `std::invalid_argument` for an empty argument and
   // `std::runtime_error` where the key cannot be opened or the value cannot be read.
+  //
+  // It reads, then calls back, then begins to watch, and this order is kept deliberately: on
+  // Windows, which remembers no change from before, one made in between is seen with the next one.
   RegistryChangeNotifier(std::string keyPath, std::string valueName, Callback callback,
                          logging::LoggerBase* logger);
   // Ends the thread, at once where it waits.
