@@ -18,11 +18,19 @@ WINDOWS_LIBRARIES = {
     "WS2_32.dll",
 }
 
+# Of KERNEL32.dll, which the library is to call.
+CALLS = {"DisableThreadLibraryCalls"}
+
 FRAMEWORK_VERSION = (1, 11, 0)  # major, minor, service
 
 
 def import_problems(image):
     return [f"imports {name}" for name in sorted(image.imported_libraries() - WINDOWS_LIBRARIES)]
+
+
+def call_problems(image):
+    missing = CALLS - image.imported_functions("KERNEL32.dll")
+    return [f"does not import {name}" for name in sorted(missing)]
 
 
 def export_problems(image):
@@ -57,5 +65,5 @@ def version_problems(image, version):
 
 def module_problems(image, version):
     """`image` is the driver's finished library."""
-    return (import_problems(image) + export_problems(image) + framework_version_problems(image) +
-            version_problems(image, version))
+    return (import_problems(image) + call_problems(image) + export_problems(image) +
+            framework_version_problems(image) + version_problems(image, version))

@@ -46,6 +46,14 @@ class WindowsImageChecks(unittest.TestCase):
             spoilt = self.spoilt(b"KERNEL32.dll\0", b"runtime8.dll\0", image)
             self.assertEqual(image_checks.import_problems(spoilt), ["imports runtime8.dll"])
 
+    def test_call_that_is_missing_is_found(self):
+        problems = ["does not import DisableThreadLibraryCalls"]
+        spoilt = self.spoilt(b"DisableThreadLibraryCalls\0", b"DisableThreadLibraryTales\0")
+        self.assertEqual(image_checks.call_problems(spoilt), problems)
+        # From another library it does not count.
+        spoilt = self.spoilt(b"KERNEL32.dll\0", b"KERNEL64.dll\0")
+        self.assertEqual(image_checks.call_problems(spoilt), problems)
+
     def test_export_that_is_missing_or_too_many_is_found(self):
         spoilt = self.spoilt(b"DllCanUnloadNow\0", b"DllCanUnloadAll\0")
         self.assertEqual(image_checks.export_problems(spoilt),

@@ -30,6 +30,13 @@ class PeImage:
     def imported_libraries(self):
         return set(re.findall(r"^\s*DLL Name: (\S+)$", self._headers, re.M))
 
+    def imported_functions(self, library):
+        """The names that are imported from the library of that name."""
+        # "DLL Name: <library>", a heading, a line for each name that ends in it, and an empty line.
+        lists = re.findall(rf"^\s*DLL Name: {re.escape(library)}\n(.*(?:\n.+)*)", self._headers,
+                           re.M)
+        return {line.split()[-1] for names in lists for line in names.splitlines()[1:]}
+
     def exports(self):
         """The exported names and their addresses relative to the image's base."""
         # "[ordinal] +base[ n] <address> Export RVA", then "[ordinal] <name>"; the second part's
