@@ -105,7 +105,10 @@ void EmulatedCard::start(CardListener& listener) {
   }
 }
 
-void EmulatedCard::stop() { reader_.reset(); }
+void EmulatedCard::stop() {
+  platform::MutexLock acting(acting_);
+  reader_.reset();
+}
 
 Bytes EmulatedCard::powerOn() {
   const std::uint64_t insertion = insertions_;
@@ -149,6 +152,7 @@ Bytes EmulatedCard::transmit(const Bytes& command) {
 
 std::string EmulatedCard::insert() {
   platform::MutexLock acting(acting_);
+  if (reader_ == nullptr) return "the card emulation does not run";
   if (in_) return "a card is in already";
   if (vcard_emul_force_card_insert(reader_->reference.get()) != VCARD_EMUL_OK) {
     return "the card emulation refuses the card";
@@ -162,6 +166,7 @@ std::string EmulatedCard::insert() {
 
 std::string EmulatedCard::remove() {
   platform::MutexLock acting(acting_);
+  if (reader_ == nullptr) return "the card emulation does not run";
   if (!in_) return "no card is in";
   // Told first, so that no command finds the card gone before that is known.
   listener_->cardRemoved();

@@ -53,6 +53,7 @@ class EmulatedCard final : public CardBackend {
   // Around the card's calls, which come from one thread; not taken by insertion and removal, so
   // that a card can be pulled while it works.
   platform::Mutex card_;
+  // Taken away with `acting_` held, when no call is in the card.
   std::unique_ptr<Reader> reader_;
   // The ATR since the card was powered, and the insertion that this was in.
   Bytes atr_ ZELTA_GUARDED_BY(card_);

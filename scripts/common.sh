@@ -2,7 +2,7 @@
 # What the project's commands share: messages, packages, builds, the running reader's files.
 
 ZELTA_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-ZELTA_RUN_DIR=${ZELTA_RUN_DIR:-/run/zelta/up}
+ZELTA_RUN_DIR=$(realpath --canonicalize-missing "${ZELTA_RUN_DIR:-/run/zelta/up}")
 ZELTA_BUILD_DIR=$(realpath --canonicalize-missing "${ZELTA_BUILD_DIR:-$ZELTA_ROOT/build}")
 export ZELTA_RUN_DIR ZELTA_BUILD_DIR
 

@@ -58,7 +58,8 @@ log=$(mktemp)
 clean_up() {
   rm -f "$log"
   # A run that is broken off leaves its Wine prefix to be removed here.
-  "$ZELTA_ROOT/tests/wine_prefix.sh" remove "$(build_folder windows)/wine-prefix"
+  [[ " ${presets[*]} " != *" windows "* ]] ||
+    "$ZELTA_ROOT/tests/wine_prefix.sh" remove "$(build_folder windows)/wine-prefix" || true
 }
 trap clean_up EXIT
 
@@ -70,6 +71,8 @@ run_ctest() {
     ctest "${arguments[@]}"
   else
     as_root "to run pcscd in mount namespaces and clients as other users" ctest "${arguments[@]}"
+    [ "$(id -u)" -eq 0 ] ||
+      as_root "to give the build folder back" chown -R "$(id -u):$(id -g)" "$(build_folder "$1")"
   fi
 }
 

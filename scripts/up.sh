@@ -91,15 +91,16 @@ prepare_run_dir() {
   elif [ -e "$ZELTA_RUN_DIR" ]; then
     rmdir "$ZELTA_RUN_DIR" 2>/dev/null || die "$ZELTA_RUN_DIR is not empty and not of ./zelta up"
   fi
-  trap clean_up EXIT
   trap 'exit 130' INT
   trap 'exit 143' TERM
   mkdir -p "$ZELTA_RUN_DIR"
   chmod 0755 "$ZELTA_RUN_DIR"
-  # Locked for as long as anything of this runs: `down` waits for it.
-  exec {lock}>"$ZELTA_RUN_DIR/up.pid"
+  # Locked for as long as anything of this runs: `down` waits for it. Another that comes up at the
+  # same moment has it first, and the folder.
+  exec {lock}>>"$ZELTA_RUN_DIR/up.pid"
+  flock --nonblock "$lock" || die "another ./zelta up is coming up"
+  trap clean_up EXIT
   chmod 0644 "$ZELTA_RUN_DIR/up.pid"
-  flock "$lock"
   echo $$ >&"$lock"
   mkdir -p "$LOGS" "$ZELTA_RUN_DIR/reader.conf.d"
   # pcscd takes few characters in a path; the checkout's may have others.

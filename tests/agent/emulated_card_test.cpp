@@ -12,6 +12,7 @@
 #include <fstream>
 
 #include "agent/control_socket.h"
+#include "agent/emulated_card.h"
 #include "tests/agent/agent_process.h"
 #include "tests/agent/driver_end.h"
 
@@ -81,6 +82,15 @@ class EmulatedCardTest : public testing::Test {
   PipeFolder folder_;
   const std::string database_;
 };
+
+// A control command may come while the agent ends.
+TEST(EmulatedCardAtItsEnd, refusesToBeMoved) {
+  agent::EmulatedCard card({});
+  EXPECT_EQ(card.insert(), "the card emulation does not run");
+  EXPECT_EQ(card.remove(), "the card emulation does not run");
+  card.stop();
+  EXPECT_EQ(card.insert(), "the card emulation does not run");
+}
 
 TEST_F(EmulatedCardTest, verifiesItsPinAndSigns) {
   DriverEnd driver;

@@ -382,6 +382,7 @@ TEST_F(RegistryLinux, NothingIsLeftOnceTheLastKeyIsClosed) {
   key_ = nullptr;
 }
 
+#if !defined(__SANITIZE_ADDRESS__)  // the sanitizers look into memory by a pipe that they open
 TEST_F(RegistryLinux, NoDescriptorLeftFailsTheCallAndLosesNothing) {
   write(file_, content("1"));
   open();
@@ -399,6 +400,7 @@ TEST_F(RegistryLinux, NoDescriptorLeftFailsTheCallAndLosesNothing) {
   waitForChange();
   EXPECT_EQ(number(), 2U);
 }
+#endif
 
 TEST_F(RegistryLinux, AChangeThatCannotBeReadIsSignalledAndFoundLater) {
   write(file_, content("1"));
