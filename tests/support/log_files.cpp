@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <map>
 #include <regex>
 #include <sstream>
 #include <string_view>
@@ -90,6 +91,19 @@ std::vector<std::string> messagesOf(const std::vector<LogLine>& lines) {
   std::vector<std::string> messages;
   for (const LogLine& line : lines) messages.push_back(line.message);
   return messages;
+}
+
+void expectNumberedMessages(const std::vector<std::string>& messages, std::size_t labels,
+                            int count) {
+  std::map<std::string, int> next;
+  for (const std::string& message : messages) {
+    const std::size_t slash = message.find('/');
+    ASSERT_NE(slash, std::string::npos) << message;
+    ASSERT_EQ(message.substr(slash + 1), std::to_string(next[message.substr(0, slash)]++))
+        << message;
+  }
+  EXPECT_EQ(next.size(), labels);
+  for (const auto& [label, seen] : next) EXPECT_EQ(seen, count) << label;
 }
 
 std::vector<std::string> summaries(const std::vector<LogLine>& lines) {

@@ -1,6 +1,7 @@
 // Reading log files back: the files of a folder, their lines, a line's columns.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -46,6 +47,11 @@ std::vector<LogLine> recordsOf(const std::filesystem::path& path);
 // Those of all files of a folder, one file after the other.
 std::vector<LogLine> recordsIn(const std::filesystem::path& folder);
 std::vector<std::string> messagesOf(const std::vector<LogLine>& lines);
+
+// Every message "LABEL/N" comes once, N from 0 to `count` - 1 in order within its label; anything
+// else is a failure of the test.
+void expectNumberedMessages(const std::vector<std::string>& messages, std::size_t labels,
+                            int count);
 
 // "LEVEL CODE MESSAGE" of each, for comparing: "<ERROR> -500 text".
 std::vector<std::string> summaries(const std::vector<LogLine>& lines);
