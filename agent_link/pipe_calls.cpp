@@ -14,13 +14,15 @@ PipeCalls::Series PipeCalls::beginConnect() {
   return {current_, false};
 }
 
-bool PipeCalls::enter(const Series& series) {
+std::uint32_t PipeCalls::enter(const Series& series) {
+  using namespace platform::error;
   const platform::MutexLock lock(mutex_);
-  if (closed_ || stopped_ || series.number != current_) return false;
-  if (series.exchange && exchangesEnded_) return false;
+  if (closed_ || stopped_ || series.number != current_) return kOperationAborted;
+  if (series.exchange && exchangesEnded_) return kOperationAborted;
+  if (series.exchange && !clientLetIn_) return kPipeListening;
   ++inFlight_;
   if (series.exchange) ++exchangesInFlight_;
-  return true;
+  return kSuccess;
 }
 
 void PipeCalls::leave(const Series& series) {
@@ -32,6 +34,11 @@ void PipeCalls::leave(const Series& series) {
     if (endedInFlight_ == 0 || exchangesInFlight_ == 0) idle_.notifyAll();
   }
   platform::setLastError(error);
+}
+
+void PipeCalls::letIn() {
+  const platform::MutexLock lock(mutex_);
+  clientLetIn_ = true;
 }
 
 void PipeCalls::endCurrent() {

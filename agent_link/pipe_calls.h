@@ -8,6 +8,12 @@
 // once, and, only as long as one of its calls is still in flight, cancels again after a short wait
 // for it.
 //
+// Windows lets a client open a pipe that nobody has connected yet, and carries its bytes. The
+// reader would talk to an agent that it has not let in, and then never let it in. So until the
+// first client was let in there is none, whatever the system says: exchanges fail with 536.
+// Later no client comes that is not let in, as a pipe that was disconnected admits nobody until it
+// is being connected.
+//
 // Ownership: beside the pipe's handle in its reader, and lives as long.
 // Threads: any. No lock is held while a call or a cancel is under way.
 #pragma once
@@ -44,16 +50,21 @@ class PipeCalls {
 
   // Runs `call`, which blocks on the pipe and returns whether it succeeded. Where the series has
   // been ended, or the pipe is closed or stopped, it is not run and the result is false with
-  // the last error 995 (cancelled).
+  // the last error 995 (cancelled); else, where it is an exchange and no client has ever been let
+  // in, with 536.
   template <typename Call>
   bool run(const Series& series, Call call) {
-    if (!enter(series)) {
-      platform::setLastError(platform::error::kOperationAborted);
+    const std::uint32_t refusal = enter(series);
+    if (refusal != platform::error::kSuccess) {
+      platform::setLastError(refusal);
       return false;
     }
     const Leave leave{*this, series};
     return call();
   }
+
+  // A connect has let a client in.
+  void letIn();
 
   // Ends every series begun so far and returns once none of their calls is in flight. The result
   // and the last error are those of the first cancel: false and 1168 where nothing was blocked.
@@ -75,7 +86,8 @@ class PipeCalls {
     ~Leave() { calls.leave(series); }
   };
 
-  bool enter(const Series& series);
+  // 0, or the error that the call is refused with.
+  std::uint32_t enter(const Series& series);
   void leave(const Series& series);
   void endCurrent() ZELTA_REQUIRES(mutex_);
   bool cancelUntilIdle(platform::PipeHandleValue pipe) ZELTA_EXCLUDES(mutex_);
@@ -89,6 +101,7 @@ class PipeCalls {
   int inFlight_ ZELTA_GUARDED_BY(mutex_) = 0;           // calls of the current series
   int endedInFlight_ ZELTA_GUARDED_BY(mutex_) = 0;      // calls of series that were ended
   int exchangesInFlight_ ZELTA_GUARDED_BY(mutex_) = 0;  // of both, those of exchanges
+  bool clientLetIn_ ZELTA_GUARDED_BY(mutex_) = false;   // at any time
   bool exchangesEnded_ ZELTA_GUARDED_BY(mutex_) = false;
   bool closed_ ZELTA_GUARDED_BY(mutex_) = false;
   bool stopped_ ZELTA_GUARDED_BY(mutex_) = false;

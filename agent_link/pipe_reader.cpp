@@ -129,12 +129,12 @@ std::uint32_t PipeReader::connectPipes() {
 std::uint32_t PipeReader::connectPipe(PipeCalls& calls, const PipeHandle& pipe, const char* which) {
   const bool connected = calls.run(
       calls.beginConnect(), [&pipe] { return platform::ports().pipes->connect(pipe.get()); });
-  if (connected) {
-    logInfo("%s named pipe connected", which);
+  const std::uint32_t code = connected ? error::kSuccess : platform::lastError();
+  if (connected || code == error::kPipeConnected || code == error::kIoPending) {
+    calls.letIn();
+    if (connected) logInfo("%s named pipe connected", which);
     return error::kSuccess;
   }
-  const std::uint32_t code = platform::lastError();
-  if (code == error::kPipeConnected || code == error::kIoPending) return error::kSuccess;
   logError(code, "%s named pipe NOT connected", which);
   // A client that came and went before it was let in bars the pipe until it is dropped.
   if (code == error::kNoData) dropVanishedClient(calls, pipe);

@@ -70,8 +70,8 @@ class PipeApi {
 //   - after a disconnect a client is turned away (231) until the end is being connected, and read
 //     and write fail with 233;
 //   - create fails with 231 for a name in use that has one instance;
-//   - a client may come from create on, and counts as none (read and write fail with 536) until
-//     connect has let it in;
+//   - a client may come from create on, and is read from and written to though connect has not let
+//     it in yet;
 //   - operations on one pipe wait for each other, except cancel.
 // On Linux a pipe is a UNIX stream socket below $ZELTA_PIPE_ROOT
 // (platform/pipe_path.h), and

@@ -173,9 +173,12 @@ TEST_F(EndOfExchanges, LeavesTheServerThreadWaitingForAnAgent) {
   EXPECT_EQ(log_.count("Command named pipe NOT connected"), 0u);
 }
 
-// An exchange without an agent queues behind the wait for one.
+// An exchange after the loss of an agent queues behind the wait for the next.
 TEST_F(EndOfExchanges, ReleasesAWriteBehindTheWaitForAnAgent) {
-  startAndWait();
+  connect();
+  pipes_.closeClient(event_);
+  ASSERT_TRUE(pipes_.waitForDrop(command_));
+  waitForInsertion();
   ASSERT_TRUE(waitUntilStuck());
   log_.clear();
   auto check = std::async(std::launch::async, [this] { return reader().CheckATR(); });
@@ -183,6 +186,7 @@ TEST_F(EndOfExchanges, ReleasesAWriteBehindTheWaitForAnAgent) {
   reader().endExchanges();
   EXPECT_EQ(check.get(), QueryResult::Failure);
   ASSERT_NE(pipes_.connectClient(commandPipeName(0)), SerialisingPipes::kNoClient);
+  ASSERT_TRUE(pipes_.waitUntilQueued(eventPipeName(0)));
   ASSERT_NE(pipes_.connectClient(eventPipeName(0)), SerialisingPipes::kNoClient);
   EXPECT_TRUE(log_.waitFor("Waiting for command..."));
 }

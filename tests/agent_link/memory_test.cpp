@@ -45,7 +45,7 @@ class Memory : public ScriptedLink {
 
   // The agent announces 4 GiB and sends three blocks of them; memory ends after the first.
   void startWithLittleMemory() {
-    startCreated();
+    startLetIn();
     agentAnswers(number(kAnnounced, Bytes(3 * PipeStream::kReadBlock)));
     largestBlock = 3 * PipeStream::kReadBlock / 2;
   }
@@ -98,7 +98,7 @@ TEST_F(Memory, SessionLogIdThatDoesNotFitIsLoggedAndTheIdStays) {
 
 // What has not arrived is not allocated: one block more than what came.
 TEST_F(Memory, AnnouncedLengthIsNotTakenAtItsWord) {
-  startCreated();
+  startLetIn();
   largestBlock = 3 * PipeStream::kReadBlock / 2;
   pipes_.fail(PipeCallKind::Read, platform::error::kBrokenPipe, 2, 1);
   agentAnswers(number(kAnnounced));

@@ -18,7 +18,7 @@ constexpr std::uint32_t kNotFound = platform::error::kNotFound;
 
 class PipeCallsTest : public ::testing::Test {
  protected:
-  PipeCallsTest() : pipe_(gaps_.create("pipe", {})) {}
+  PipeCallsTest() : pipe_(gaps_.create("pipe", {})) { calls_.letIn(); }
 
   // A call that needs no pipe: whether it was run, and with what last error.
   bool runs(PipeCalls::Series series) {
@@ -57,6 +57,36 @@ TEST_F(PipeCallsTest, TheCallsResultAndLastErrorComeBack) {
     return false;
   }));
   EXPECT_EQ(platform::lastError(), 109u);
+}
+
+TEST_F(PipeCallsTest, ExchangesAreRefusedUntilAClientWasLetIn) {
+  PipeCalls calls;
+  bool run = false;
+  const PipeCalls::Series before = calls.beginSeries();
+  EXPECT_FALSE(calls.run(before, [&] { return run = true; }));
+  EXPECT_EQ(platform::lastError(), platform::error::kPipeListening);
+  EXPECT_FALSE(run);
+  EXPECT_TRUE(calls.run(calls.beginConnect(), [] { return true; }));
+  calls.letIn();
+  EXPECT_TRUE(calls.run(before, [&] { return run = true; }));
+  EXPECT_TRUE(run);
+}
+
+TEST_F(PipeCallsTest, AClientOnceLetInKeepsExchangesOpenWhateverBecomesOfIt) {
+  calls_.close(pipe_);
+  calls_.reopen();
+  EXPECT_TRUE(runs(calls_.beginSeries())) << "now the system refuses";
+}
+
+TEST_F(PipeCallsTest, AnEndIsReportedBeforeThatNoClientWasLetIn) {
+  PipeCalls ended;
+  ended.endExchanges(handle_);
+  EXPECT_FALSE(ended.run(ended.beginSeries(), [] { return true; }));
+  EXPECT_EQ(platform::lastError(), kAborted);
+  PipeCalls stopped;
+  stopped.stop();
+  EXPECT_FALSE(stopped.run(stopped.beginSeries(), [] { return true; }));
+  EXPECT_EQ(platform::lastError(), kAborted);
 }
 
 TEST_F(PipeCallsTest, EndingWithNothingUnderWayCancelsOnceAndSaysSo) {

@@ -31,7 +31,7 @@ class Queries : public ScriptedLink {
 };
 
 TEST_F(Queries, AtrWithResetSendsCommandZero) {
-  startCreated();
+  startLetIn();
   agentAnswers(number(5, kAtr));
   EXPECT_EQ(queryAtr(true), QueryResult::Success);
   EXPECT_EQ(atr_, kAtr);
@@ -41,14 +41,14 @@ TEST_F(Queries, AtrWithResetSendsCommandZero) {
 }
 
 TEST_F(Queries, AtrWithoutResetSendsCommandOne) {
-  startCreated();
+  startLetIn();
   agentAnswers(number(5, kAtr));
   EXPECT_EQ(queryAtr(false), QueryResult::Success);
   EXPECT_EQ(trace().front(), "write command 01000000");
 }
 
 TEST_F(Queries, CheckSendsCommandOne) {
-  startCreated();
+  startLetIn();
   agentAnswers(number(5, kAtr));
   EXPECT_EQ(reader().CheckATR(), QueryResult::Success);
   EXPECT_EQ(trace(),
@@ -57,7 +57,7 @@ TEST_F(Queries, CheckSendsCommandOne) {
 }
 
 TEST_F(Queries, AtrReplacesWhatTheVectorHeld) {
-  startCreated();
+  startLetIn();
   atr_ = Bytes(40, 0xEE);
   agentAnswers(number(5, kAtr));
   EXPECT_EQ(queryAtr(), QueryResult::Success);
@@ -65,7 +65,7 @@ TEST_F(Queries, AtrReplacesWhatTheVectorHeld) {
 }
 
 TEST_F(Queries, TransmitWritesCodeLengthAndApduOnTheirOwn) {
-  startCreated();
+  startLetIn();
   agentAnswers(number(3, {0xAB, 0x90, 0x00}));
   EXPECT_EQ(transmit(kSelect), QueryResult::Success);
   EXPECT_EQ(response_, (Bytes{0xAB, 0x90, 0x00}));
@@ -76,7 +76,7 @@ TEST_F(Queries, TransmitWritesCodeLengthAndApduOnTheirOwn) {
 }
 
 TEST_F(Queries, CardReadyIsOneWriteWithoutFlushOrAnswer) {
-  startCreated();
+  startLetIn();
   EXPECT_TRUE(reader().NotifyCardReady());
   EXPECT_EQ(trace(), Trace{"write command 03000000"});
   EXPECT_EQ(log_.records(), Records{info("[NotifyCardReady]Notification sent")});
@@ -84,13 +84,13 @@ TEST_F(Queries, CardReadyIsOneWriteWithoutFlushOrAnswer) {
 
 TEST_F(Queries, CardReadyThatCannotBeSentIsLoggedWithoutTag) {
   pipes_.fail(PipeCallKind::Write, kNoData);
-  startCreated();
+  startLetIn();
   EXPECT_FALSE(reader().NotifyCardReady());
   EXPECT_EQ(log_.records(), Records{error(kNoData, "Failed to send ready notification")});
 }
 
 TEST_F(Queries, EmptyApduIsAnsweredWithoutTouchingThePipe) {
-  startCreated();
+  startLetIn();
   EXPECT_EQ(transmit({}), QueryResult::Success);
   EXPECT_EQ(response_, kNotAccepted);
   EXPECT_TRUE(trace().empty());
@@ -100,7 +100,7 @@ TEST_F(Queries, EmptyApduIsAnsweredWithoutTouchingThePipe) {
 
 TEST_F(Queries, FailedFlushIsIgnored) {
   pipes_.fail(PipeCallKind::Flush, kBroken, 1, 3);
-  startCreated();
+  startLetIn();
   agentAnswers(number(5, kAtr));
   agentAnswers(number(5, kAtr));
   agentAnswers(number(2, {0x90, 0x00}));
@@ -111,7 +111,7 @@ TEST_F(Queries, FailedFlushIsIgnored) {
 }
 
 TEST_F(Queries, ZeroAtrLengthFailsAndNothingFurtherIsRead) {
-  startCreated();
+  startLetIn();
   agentAnswers(number(0));
   EXPECT_EQ(queryAtr(), QueryResult::Failure);
   EXPECT_EQ(trace(), (Trace{"write command 00000000", "flush command", "read command 4"}));
@@ -119,7 +119,7 @@ TEST_F(Queries, ZeroAtrLengthFailsAndNothingFurtherIsRead) {
 }
 
 TEST_F(Queries, ZeroAtrLengthMeansNoCardToTheCheck) {
-  startCreated();
+  startLetIn();
   agentAnswers(number(0));
   EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
   EXPECT_EQ(trace(), (Trace{"write command 01000000", "flush command", "read command 4"}));
@@ -128,7 +128,7 @@ TEST_F(Queries, ZeroAtrLengthMeansNoCardToTheCheck) {
 
 TEST_F(Queries, FailedAtrReadLeavesTheNewLength) {
   pipes_.fail(PipeCallKind::Read, kBroken, 2, 1, commandPipeName(0));
-  startCreated();
+  startLetIn();
   agentAnswers(number(33));
   EXPECT_EQ(queryAtr(), QueryResult::Failure);
   EXPECT_EQ(atr_.size(), 33u);
@@ -136,7 +136,7 @@ TEST_F(Queries, FailedAtrReadLeavesTheNewLength) {
 }
 
 TEST_F(Queries, LongAtrIsLoggedAsFarAsALineGoes) {
-  startCreated();
+  startLetIn();
   agentAnswers(number(300, Bytes(300, 0xA5)));
   EXPECT_EQ(queryAtr(), QueryResult::Success);
   EXPECT_EQ(atr_.size(), 300u);
@@ -146,7 +146,7 @@ TEST_F(Queries, LongAtrIsLoggedAsFarAsALineGoes) {
 }
 
 TEST_F(Queries, PayloadOfExactlyOneBlockIsReadByOneCall) {
-  startCreated();
+  startLetIn();
   agentAnswers(number(PipeStream::kReadBlock, Bytes(PipeStream::kReadBlock, 7)));
   EXPECT_EQ(transmit(kSelect), QueryResult::Success);
   EXPECT_EQ(trace().back(), "read command 1048576");
@@ -154,7 +154,7 @@ TEST_F(Queries, PayloadOfExactlyOneBlockIsReadByOneCall) {
 }
 
 TEST_F(Queries, LongerPayloadIsReadInBlocks) {
-  startCreated();
+  startLetIn();
   const std::uint32_t length = 2 * PipeStream::kReadBlock + 10;
   Bytes payload(length);
   for (std::size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<std::uint8_t>(i >> 12);
@@ -172,7 +172,7 @@ TEST_F(Queries, LongerPayloadIsReadInBlocks) {
 TEST_F(Queries, WhatIsLeftInThePipeIsReadAsTheNextAnswer) {
   AgentLinkTimes times;
   times.query = std::chrono::milliseconds(1);
-  startCreated(times);
+  startLetIn(times);
   EXPECT_EQ(transmit(kSelect), QueryResult::Timeout);
   agentAnswers(number(2, {0x90, 0x00}));
   agentAnswers(number(2, {0x6A, 0x82}));
@@ -195,7 +195,7 @@ class AtrSteps : public Queries, public ::testing::WithParamInterface<Step> {};
 TEST_P(AtrSteps, FailureIsLoggedWithTheSystemsErrorAndEndsTheExchange) {
   const Step& step = GetParam();
   pipes_.fail(step.kind, kBroken, step.call, 1, commandPipeName(0));
-  startCreated();
+  startLetIn();
   agentAnswers(number(5, kAtr));
   const bool check = std::string(step.text).rfind("[CheckATR]", 0) == 0;
   EXPECT_EQ(check ? reader().CheckATR() : queryAtr(), QueryResult::Failure);
@@ -220,7 +220,7 @@ class TransmitSteps : public Queries, public ::testing::WithParamInterface<Step>
   void prepare() {
     const Step& step = GetParam();
     if (step.call != 0) pipes_.fail(step.kind, kBroken, step.call, 1, commandPipeName(0));
-    startCreated();
+    startLetIn();
     agentAnswers(step.call != 0 ? number(2, {0x90, 0x00}) : number(0));
   }
 };

@@ -45,6 +45,16 @@ PipeReader& ScriptedLink::startCreated(const AgentLinkTimes& times) {
   return started;
 }
 
+PipeReader& ScriptedLink::startLetIn(const AgentLinkTimes& times) {
+  pipes_.holdConnect(eventPipeName(0));
+  PipeReader& started = startCreated(times);
+  waitForInsertion();
+  EXPECT_TRUE(pipes_.waitUntilBlocked(eventPipeName(0)));
+  log_.clear();
+  forgetCalls();
+  return started;
+}
+
 std::vector<std::string> ScriptedLink::trace() const {
   const std::vector<PipeCall> calls = pipes_.calls();
   std::vector<std::string> texts;

@@ -42,6 +42,14 @@ bool GapPipes::waitForMissedCancels(const std::string& nameEnd, std::size_t coun
   });
 }
 
+PipeHandleValue GapPipes::handle(const std::string& name) {
+  const MutexLock lock(mutex_);
+  for (const auto& [pipe, itsName] : names_) {
+    if (itsName == name) return pipe;
+  }
+  return platform::noPipe();
+}
+
 void GapPipes::passGap(Call call, PipeHandleValue pipe) {
   MutexLock lock(mutex_);
   if (call != hold_ || !endsWith(nameOf(pipe), holdName_)) return;

@@ -28,6 +28,8 @@ class GapPipes final : public platform::PipeApi {
   void letGo();
   // Waits until so many cancels of the pipe have ended without finding anything.
   bool waitForMissedCancels(const std::string& nameEnd, std::size_t count);
+  // Null where the name has not been created.
+  platform::PipeHandleValue handle(const std::string& name);
 
   bool convertSecurityDescriptor(const std::string& sddl,
                                  platform::SecurityDescriptor* out) override;
