@@ -77,7 +77,9 @@ class CMyDevice final
                         framework::SIZE_T outLength) noexcept;
 
   // Lets no further I/O control in, ends what those inside ask of the agent and waits for them;
-  // then shuts the readers down and destroys them.
+  // then shuts the readers down and destroys them. The system's driver host is ended, with all of
+  // its devices, where a power, PnP or cancel callback takes longer than 60 seconds; so nothing
+  // in here may wait for an agent.
   // Deliberate: the device stays without readers until it is created afresh, and the system's
   // sockets are cleaned up once per call although they are started once per device.
   void shutDown();

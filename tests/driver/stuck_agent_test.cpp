@@ -22,6 +22,9 @@ using test::SerialisingPipes;
 
 constexpr std::uint32_t kAborted = platform::error::kOperationAborted;
 
+// A driver whose callback takes longer is ended by the system, together with its host.
+constexpr std::chrono::seconds kHostLimit{60};
+
 class StuckAgent : public test::DeviceFixture {
  protected:
   // No query is ended by its own time.
@@ -61,6 +64,14 @@ class StuckAgent : public test::DeviceFixture {
     });
   }
 
+  // A way out of the working state, which is to end in time.
+  template <typename WayOut>
+  static void expectEndsInTime(WayOut wayOut) {
+    const auto start = std::chrono::steady_clock::now();
+    wayOut();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, kHostLimit);
+  }
+
   bool waitUntilStuck() { return pipes_.waitUntilQueued(commandPipeName(0)); }
 
   test::LogWaiter waiter_{log_};
@@ -73,7 +84,7 @@ class StuckAgent : public test::DeviceFixture {
 TEST_F(StuckAgent, InATransmit) {
   auto transmit = begin(IOCTL_SMARTCARD_TRANSMIT, number(0, number(8, {0, 0xA4, 4, 0})));
   ASSERT_TRUE(waitUntilStuck());
-  EXPECT_EQ(device_->OnQueryRemove(wdfDevice()), 0);
+  expectEndsInTime([this] { EXPECT_EQ(device_->OnQueryRemove(wdfDevice()), 0); });
   EXPECT_EQ(transmit.get()->status(), 0xC0000178u);
   EXPECT_TRUE(
       log_.contains(error(kAborted, "[QueryTransmit]Failed to write QueryTransmit command")));
@@ -85,7 +96,7 @@ TEST_F(StuckAgent, InACardReadyNotification) {
   answerAtrQuery(0);
   ASSERT_TRUE(log_.waitFor("PROTOCOL SET: T0"));
   ASSERT_TRUE(waitUntilStuck());
-  EXPECT_EQ(device_->OnQueryStop(wdfDevice()), 0);
+  expectEndsInTime([this] { EXPECT_EQ(device_->OnQueryStop(wdfDevice()), 0); });
   EXPECT_EQ(select.get()->status(), 0u);
   EXPECT_TRUE(log_.contains(error(kAborted, "Failed to send ready notification")));
 }
@@ -98,7 +109,7 @@ TEST_F(StuckAgent, WithOthersWaitingBehindTheExchange) {
   auto absent = begin(IOCTL_SMARTCARD_IS_ABSENT, {});
   ASSERT_TRUE(log_.waitFor("[IPRE]IOCTL_SMARTCARD_IS_PRESENT"));
   ASSERT_TRUE(log_.waitFor("[IABS]IOCTL_SMARTCARD_IS_ABSENT"));
-  device_->OnSurpriseRemoval(wdfDevice());
+  expectEndsInTime([this] { device_->OnSurpriseRemoval(wdfDevice()); });
   EXPECT_EQ(transmit.get()->status(), 0xC0000178u);
   EXPECT_EQ(present.get()->status(), 0x800704C7u) << "queued, and completed by the shutdown";
   EXPECT_EQ(absent.get()->status(), 0u) << "no card answers";
@@ -110,7 +121,8 @@ TEST_F(StuckAgent, InTheQueryForAnInsertedCard) {
   ASSERT_TRUE(waitUntilStuck());
   auto state = begin(IOCTL_SMARTCARD_GET_STATE, {});
   ASSERT_TRUE(waiter_.waitForBeginning("Locking: Function:CMyDevice::getReaderInstanceId"));
-  EXPECT_EQ(device_->OnD0Exit(wdfDevice(), framework::kPowerDeviceD3Final), 0);
+  expectEndsInTime(
+      [this] { EXPECT_EQ(device_->OnD0Exit(wdfDevice(), framework::kPowerDeviceD3Final), 0); });
   EXPECT_EQ(state.get()->status(), 0u) << "it was inside before the gate was closed";
 }
 
