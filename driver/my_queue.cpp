@@ -35,7 +35,7 @@ HRESULT createQueue(framework::IWDFDevice* wdfDevice, CMyDevice* device) {
   }
   ComPtr<framework::IUnknown> unknown;
   const HRESULT result = queue->QueryInterface(framework::IUnknown::iid, unknown.putVoid());
-  if (framework::failed(result)) {
+  if (framework::failed(result)) {  // every object has this interface: not met in practice
     logError(static_cast<std::uint32_t>(result), "QueryInterface failed");
     return result;
   }
