@@ -12,6 +12,10 @@
 //     client there already     connect 535
 //     nothing to cancel        cancel 1168
 //
+// In two ways they differ from Windows: a name in use is refused with 5, there with 231 where it
+// has one instance; and a read waits for all its bytes, where Windows' returns with those that are
+// there.
+//
 // With a buffer size of 0 a write returns once the client has read it. Clients write into a buffer
 // without limit, as no client of a test should have to run on a thread of its own.
 //
