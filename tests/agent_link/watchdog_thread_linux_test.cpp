@@ -34,7 +34,7 @@ class HugeStacks {
 };
 
 TEST_F(WatchdogThread, ThatCannotBeStartedFailsTheQuery) {
-  startCreated();
+  startLetIn();
   const HugeStacks huge;
   EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
   EXPECT_EQ(log_.records(),
