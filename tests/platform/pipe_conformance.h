@@ -40,6 +40,8 @@ class PipeWorld {
   virtual bool listensAfterDisconnect() const = 0;
   // What a read, write or flush between disconnect and connect fails with.
   virtual std::uint32_t errorAfterDisconnect() const = 0;
+  // A client is read from and written to though no connect has let it in; otherwise it is nobody.
+  virtual bool servesBeforeConnect() const = 0;
   // What creating a name that is in use fails with.
   virtual std::uint32_t errorOfNameInUse() const { return platform::error::kAccessDenied; }
   // An empty text is refused as a security descriptor; otherwise it is one without entries.

@@ -154,6 +154,23 @@ TEST_P(PipeConformanceTest, ConnectReportsTheClientItHasAlready) {
   EXPECT_EQ(connectPipe(), pipeError(error::kPipeConnected));
 }
 
+TEST_P(PipeConformanceTest, ClientThatComesBeforeTheConnectLosesNothing) {
+  const auto client = world_->connect(kName);
+  ASSERT_NE(client, nullptr);
+  ASSERT_TRUE(client->write({1, 2}));
+  Bytes first(1);
+  EXPECT_EQ(read(&first),
+            world_->servesBeforeConnect() ? kPipeOk : pipeError(error::kPipeListening));
+  EXPECT_EQ(connectPipe(), pipeError(error::kPipeConnected));
+  if (!world_->servesBeforeConnect()) {
+    EXPECT_EQ(read(&first), kPipeOk);
+  }
+  Bytes second(1);
+  EXPECT_EQ(read(&second), kPipeOk);
+  EXPECT_EQ(first, Bytes{1});
+  EXPECT_EQ(second, Bytes{2});
+}
+
 TEST_P(PipeConformanceTest, SecondClientIsTurnedAwayAndTheFirstNoticesNothing) {
   const auto client = connected();
   for (int attempt = 0; attempt < 3; ++attempt) EXPECT_EQ(world_->connect(kName), nullptr);

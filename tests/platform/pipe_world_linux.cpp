@@ -23,6 +23,7 @@ class SystemWorld final : public PipeWorld {
   }
 
   bool listensAfterDisconnect() const override { return true; }
+  bool servesBeforeConnect() const override { return false; }
   std::uint32_t errorAfterDisconnect() const override { return platform::error::kPipeListening; }
   bool secondDisconnectFails() const override { return false; }
   bool writeWaitsForReader() const override { return false; }

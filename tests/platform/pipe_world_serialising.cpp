@@ -21,6 +21,7 @@ class SerialisingWorld final : public PipeWorld {
   }
 
   bool listensAfterDisconnect() const override { return false; }
+  bool servesBeforeConnect() const override { return true; }
   std::uint32_t errorAfterDisconnect() const override { return platform::error::kPipeNotConnected; }
   bool secondDisconnectFails() const override { return true; }
   bool writeWaitsForReader() const override { return true; }

@@ -109,6 +109,7 @@ class SystemWorld final : public PipeWorld {
   }
 
   bool listensAfterDisconnect() const override { return kPipesListenAfterDisconnect; }
+  bool servesBeforeConnect() const override { return true; }
   std::uint32_t errorAfterDisconnect() const override { return error::kPipeNotConnected; }
   // Where one instance is the limit, before the first-instance flag counts.
   std::uint32_t errorOfNameInUse() const override { return kPipeNameInUse; }
