@@ -59,6 +59,7 @@ bool PipeCalls::close(platform::PipeHandleValue pipe) {
   {
     const platform::MutexLock lock(mutex_);
     closed_ = true;
+    clientLetIn_ = false;
     endCurrent();
   }
   return cancelUntilIdle(pipe);

@@ -9,10 +9,9 @@
 // for it.
 //
 // Windows lets a client open a pipe that nobody has connected yet, and carries its bytes. The
-// reader would talk to an agent that it has not let in, and then never let it in. So until the
-// first client was let in there is none, whatever the system says: exchanges fail with 536.
-// Later no client comes that is not let in, as a pipe that was disconnected admits nobody until it
-// is being connected.
+// reader would talk to an agent that it has not let in, and then never let it in. And while one is
+// waited for, an exchange would wait behind that. So as long as no client was let in there is none,
+// whatever the system says: exchanges fail with 536.
 //
 // Ownership: beside the pipe's handle in its reader, and lives as long.
 // Threads: any. No lock is held while a call or a cancel is under way.
@@ -50,8 +49,8 @@ class PipeCalls {
 
   // Runs `call`, which blocks on the pipe and returns whether it succeeded. Where the series has
   // been ended, or the pipe is closed or stopped, it is not run and the result is false with
-  // the last error 995 (cancelled); else, where it is an exchange and no client has ever been let
-  // in, with 536.
+  // the last error 995 (cancelled); else, where it is an exchange and no client was let in, with
+  // 536.
   template <typename Call>
   bool run(const Series& series, Call call) {
     const std::uint32_t refusal = enter(series);
@@ -73,8 +72,7 @@ class PipeCalls {
   bool close(platform::PipeHandleValue pipe);
   void reopen();
   // Refuses every call of an exchange for good, and returns once none is in flight. A wait for a
-  // client goes on, unless a call of an exchange is stuck behind it. Cancels nothing where no call
-  // of an exchange is in flight.
+  // client goes on. Cancels nothing where no call of an exchange is in flight.
   void endExchanges(const PipeHandle& pipe);
   // Refuses every call from now on; ends none that is in flight (`close` does).
   void stop();
@@ -101,7 +99,7 @@ class PipeCalls {
   int inFlight_ ZELTA_GUARDED_BY(mutex_) = 0;           // calls of the current series
   int endedInFlight_ ZELTA_GUARDED_BY(mutex_) = 0;      // calls of series that were ended
   int exchangesInFlight_ ZELTA_GUARDED_BY(mutex_) = 0;  // of both, those of exchanges
-  bool clientLetIn_ ZELTA_GUARDED_BY(mutex_) = false;   // at any time
+  bool clientLetIn_ ZELTA_GUARDED_BY(mutex_) = false;   // and not closed since
   bool exchangesEnded_ ZELTA_GUARDED_BY(mutex_) = false;
   bool closed_ ZELTA_GUARDED_BY(mutex_) = false;
   bool stopped_ ZELTA_GUARDED_BY(mutex_) = false;

@@ -72,10 +72,13 @@ TEST_F(PipeCallsTest, ExchangesAreRefusedUntilAClientWasLetIn) {
   EXPECT_TRUE(run);
 }
 
-TEST_F(PipeCallsTest, AClientOnceLetInKeepsExchangesOpenWhateverBecomesOfIt) {
+TEST_F(PipeCallsTest, AClosedPipeHasNoClientUntilTheNextWasLetIn) {
   calls_.close(pipe_);
   calls_.reopen();
-  EXPECT_TRUE(runs(calls_.beginSeries())) << "now the system refuses";
+  EXPECT_FALSE(calls_.run(calls_.beginSeries(), [] { return true; }));
+  EXPECT_EQ(platform::lastError(), platform::error::kPipeListening);
+  calls_.letIn();
+  EXPECT_TRUE(runs(calls_.beginSeries()));
 }
 
 TEST_F(PipeCallsTest, AnEndIsReportedBeforeThatNoClientWasLetIn) {
@@ -153,6 +156,7 @@ TEST_F(PipeCallsTest, AClosedPipeRefusesEverySeriesUntilItIsReopened) {
   calls_.close(pipe_);
   EXPECT_FALSE(runs(calls_.beginSeries()));
   calls_.reopen();
+  calls_.letIn();
   EXPECT_TRUE(runs(calls_.beginSeries()));
 }
 
