@@ -1,12 +1,13 @@
 # Running the Windows build's tests under Wine, in a prefix that is made for the run and removed
 # behind it. Its server stays up between the programs, since starting it takes longer than most of
 # them. There is no debugger: a program that crashed under it would end with 0. Nobody has to be
-# there: no display, no windows, no menus, no browser.
+# there: no display, no windows, no menus, no browser. Wine makes file names of the locale's
+# characters, so that is one with all of them.
 find_program(ZELTA_WINE wine REQUIRED)
 find_program(ZELTA_WINESERVER wineserver REQUIRED)
 set(ZELTA_WINE_PREFIX ${CMAKE_BINARY_DIR}/wine-prefix)
 set(ZELTA_WINE_ENVIRONMENT
-    WINEPREFIX=${ZELTA_WINE_PREFIX} WINEARCH=win64 WINEDEBUG=-all
+    WINEPREFIX=${ZELTA_WINE_PREFIX} WINEARCH=win64 WINEDEBUG=-all LC_ALL=C.UTF-8
     WINEDLLOVERRIDES=mscoree,mshtml,winemenubuilder.exe,winedbg.exe=)
 set(ZELTA_WINE_DISPLAY DISPLAY=unset: WAYLAND_DISPLAY=unset:)
 
