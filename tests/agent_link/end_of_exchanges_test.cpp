@@ -45,11 +45,23 @@ class EndOfExchanges : public LinkTest {
 
   bool waitUntilStuck() { return pipes_.waitUntilQueued(commandPipeName(0)); }
 
+  std::future<QueryResult> beginCheck() {
+    return std::async(std::launch::async, [this] { return reader().CheckATR(); });
+  }
+
+  // For a check that is stuck, or about to be, in a call on the command pipe.
+  void expectReleased(std::future<QueryResult> check, const std::string& failure) {
+    ASSERT_TRUE(waitUntilStuck());
+    reader().endExchanges();
+    EXPECT_EQ(check.get(), QueryResult::Failure);
+    EXPECT_EQ(log_.records(), std::vector<LogRecord>{error(kAborted, failure)});
+  }
+
   // Held just before the call that a check makes; `read` is whether the agent reads the command.
   void expectEndHeldBefore(GapPipes::Call call, bool read, const std::string& failure) {
     connect();
     gaps_.holdNext(call, "command0");
-    auto check = std::async(std::launch::async, [this] { return reader().CheckATR(); });
+    std::future<QueryResult> check = beginCheck();
     if (read) {
       EXPECT_EQ(pipes_.clientRead(command_, 4), number(1));
     }
@@ -71,12 +83,7 @@ class EndOfExchanges : public LinkTest {
 
 TEST_F(EndOfExchanges, ReleasesAWrite) {
   connect();
-  auto check = std::async(std::launch::async, [this] { return reader().CheckATR(); });
-  ASSERT_TRUE(waitUntilStuck());
-  reader().endExchanges();
-  EXPECT_EQ(check.get(), QueryResult::Failure);
-  EXPECT_EQ(log_.records(),
-            std::vector<LogRecord>{error(kAborted, "[CheckATR]Failed to write QueryAtr command")});
+  expectReleased(beginCheck(), "[CheckATR]Failed to write QueryAtr command");
 }
 
 // It is the one exchange without a time limit.
@@ -93,27 +100,18 @@ TEST_F(EndOfExchanges, ReleasesTheCardReadyNotification) {
 TEST_F(EndOfExchanges, ReleasesAFlush) {
   pipes_.bufferWrites(4096);
   connect();
-  auto check = std::async(std::launch::async, [this] { return reader().CheckATR(); });
-  ASSERT_TRUE(waitUntilStuck());
-  reader().endExchanges();
-  EXPECT_EQ(check.get(), QueryResult::Failure);
   // The flush's own result is ignored; the read behind it is not begun.
-  EXPECT_EQ(log_.records(),
-            std::vector<LogRecord>{error(kAborted, "[CheckATR]Failed to read ATR size")});
+  expectReleased(beginCheck(), "[CheckATR]Failed to read ATR size");
 }
 
 TEST_F(EndOfExchanges, ReleasesARead) {
   connect();
   gaps_.holdNext(GapPipes::Call::Read, "command0");
-  auto check = std::async(std::launch::async, [this] { return reader().CheckATR(); });
+  std::future<QueryResult> check = beginCheck();
   EXPECT_EQ(pipes_.clientRead(command_, 4), number(1));
   ASSERT_TRUE(gaps_.waitUntilHeld());
   gaps_.letGo();  // what is stuck from here on is the read
-  ASSERT_TRUE(waitUntilStuck());
-  reader().endExchanges();
-  EXPECT_EQ(check.get(), QueryResult::Failure);
-  EXPECT_EQ(log_.records(),
-            std::vector<LogRecord>{error(kAborted, "[CheckATR]Failed to read ATR size")});
+  expectReleased(std::move(check), "[CheckATR]Failed to read ATR size");
 }
 
 TEST_F(EndOfExchanges, ReleasesAWriteThatIsJustAboutToBegin) {
