@@ -20,17 +20,31 @@ Agent::Agent(PipeClientPort& port, CardBackend& backend, Settings settings, Log&
       backend_(backend),
       settings_(std::move(settings)),
       log_(log),
-      slot_(backend, settings_.onFailure),
+      slot_(
+          backend, [this] { threads_.cardDeparted(); }, settings_.onFailure),
+      threads_(slot_, settings_.timing.answerLimit, [this](const char* problem) { fail(problem); }),
       connector_(port, connectorSettings(settings_), log) {}
+
+Agent::~Agent() {
+  threads_.stop();
+  slot_.stop();
+}
 
 void Agent::start() { slot_.start(); }
 
 void Agent::run() {
+  threads_.start();
   while (!stopping()) {
     const PipePair pipes = connector_.attempt();
     if (pipes.commands != nullptr) serve(pipes);
   }
+  threads_.stop();
   slot_.stop();
+}
+
+void Agent::fail(const char* problem) {
+  if (settings_.onFailure) settings_.onFailure(problem);
+  stop();
 }
 
 class Agent::Serving {
@@ -60,7 +74,7 @@ void Agent::serve(const PipePair& pipes) {
   bool wasAlive = false;
   {
     DriverConnection connection(
-        *pipes.commands, *pipes.events, slot_, settings, [this] { setConnected(true); },
+        *pipes.commands, *pipes.events, slot_, threads_, settings, [this] { setConnected(true); },
         settings_.onFailure, log_);
     {
       const Serving serving(*this, connection);

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "agent/card_slot.h"
+#include "agent/command_threads.h"
 #include "agent/connector.h"
 #include "agent/driver_connection.h"
 #include "agent/failure.h"
@@ -23,9 +24,9 @@ struct Timing {
   std::chrono::milliseconds driverLimit{5000};
   std::chrono::milliseconds answerLimit{4500};
   std::chrono::milliseconds grace{500};
-  std::chrono::milliseconds firstRetry{10};
+  std::chrono::milliseconds firstRetry{1};
   std::chrono::milliseconds longestRetry{1000};
-  std::chrono::milliseconds hold{1000};
+  std::chrono::milliseconds hold{10};
 };
 
 class Agent {
@@ -53,6 +54,8 @@ class Agent {
 
   // Everything passed by reference outlives the agent.
   Agent(PipeClientPort& port, CardBackend& backend, Settings settings, Log& log);
+  // Ends what `run` has left if it threw.
+  ~Agent();
   Agent(const Agent&) = delete;
   Agent& operator=(const Agent&) = delete;
 
@@ -74,6 +77,8 @@ class Agent {
   class Serving;
 
   void serve(const PipePair& pipes);
+  // A command thread has ended.
+  void fail(const char* problem);
   bool stopping() const;
   void setConnected(bool connected);
 
@@ -82,6 +87,7 @@ class Agent {
   const Settings settings_;
   Log& log_;
   CardSlot slot_;
+  CommandThreads threads_;
   Connector connector_;
   mutable platform::Mutex mutex_;
   bool stopping_ ZELTA_GUARDED_BY(mutex_) = false;

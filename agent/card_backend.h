@@ -2,9 +2,9 @@
 //
 // A back end is made, started, used and stopped by its owner. Between `start` and `stop` it tells
 // its listener of each insertion and removal, in turns, beginning with an insertion where a card is
-// in at the start. `reset`, `atr` and `transmit` come from one thread, one at a time, and may block
-// for as long as the card takes; the other methods come from any thread, also meanwhile, and return
-// within a moment.
+// in at the start. `reset`, `atr` and `transmit` come one at a time, each on any thread and after
+// the one before has returned, and may block for as long as the card takes; the other methods come
+// from any thread, also meanwhile, and return within a moment.
 //
 // Order: a card answers from its announcement on, and a removal is announced before a call returns
 // empty because of it. The listener returns within a moment and calls nothing of the back end.

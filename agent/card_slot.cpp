@@ -4,33 +4,24 @@
 
 namespace zelta::agent {
 
-CardSlot::CardSlot(CardBackend& backend, OnFailure onFailure)
-    : backend_(backend), onFailure_(std::move(onFailure)) {}
+CardSlot::CardSlot(CardBackend& backend, std::function<void()> onDeparture, OnFailure onFailure)
+    : backend_(backend), onDeparture_(std::move(onDeparture)), onFailure_(std::move(onFailure)) {}
 
 CardSlot::~CardSlot() { stop(); }
 
 void CardSlot::start() {
   backend_.start(*this);
   started_ = true;
-  try {
-    worker_ = std::thread([this] { guarded(onFailure_, [this] { work(); }); });
-  } catch (...) {
-    stop();
-    throw;
-  }
+}
+
+void CardSlot::interrupt() {
+  if (started_) backend_.interrupt();
 }
 
 void CardSlot::stop() {
   if (!started_) return;
+  interrupt();
   started_ = false;
-  {
-    platform::MutexLock lock(mutex_);
-    ending_ = true;
-    aborted_ = true;
-    changed_.notifyAll();
-  }
-  backend_.interrupt();
-  if (worker_.joinable()) worker_.join();
   backend_.stop();
 }
 
@@ -40,10 +31,29 @@ void CardSlot::observe(Observer* observer) {
   if (observer_ != nullptr) observer_->observing(card_);
 }
 
-void CardSlot::setAborted(bool aborted) {
+CardId CardSlot::card() const {
   platform::MutexLock lock(mutex_);
-  aborted_ = aborted || ending_;
-  changed_.notifyAll();
+  return card_;
+}
+
+Outcome CardSlot::perform(const Command& command, CardId card) {
+  Bytes response = call(command);
+  platform::MutexLock lock(mutex_);
+  if (response.empty() || card_ != card) return {Outcome::Result::NoCard};
+  if (command.kind != Command::Kind::Transmit) atr_ = response;
+  return {Outcome::Result::Answered, std::move(response), card};
+}
+
+Bytes CardSlot::call(const Command& command) {
+  switch (command.kind) {
+    case Command::Kind::AtrWithReset:
+      return backend_.reset();
+    case Command::Kind::Atr:
+      return backend_.atr();
+    case Command::Kind::Transmit:
+      break;
+  }
+  return backend_.transmit(command.apdu);
 }
 
 void CardSlot::ready() { backend_.ready(); }
@@ -63,79 +73,17 @@ void CardSlot::cardInserted() {
   card_ = ++lastCard_;
   atr_.clear();
   if (observer_ != nullptr) observer_->cardArrived(card_);
-  changed_.notifyAll();
 }
 
 void CardSlot::cardRemoved() {
-  platform::MutexLock lock(mutex_);
-  if (card_ == kNoCard) return;
-  card_ = kNoCard;
-  atr_.clear();
-  if (observer_ != nullptr) observer_->cardDeparted();
-  changed_.notifyAll();
-}
-
-bool CardSlot::waitForWorker(platform::MutexLock& lock, CardId card,
-                             SteadyClock::time_point deadline) {
-  const auto decided = [this, card]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    return !busy_ || aborted_ || card_ != card;
-  };
-  const bool inTime = changed_.waitFor(lock, deadline - SteadyClock::now(), decided);
-  return inTime && !busy_ && !aborted_ && card_ == card;
-}
-
-CardSlot::Result CardSlot::whyNot(CardId card) const {
-  if (aborted_) return Result::Aborted;
-  return card_ == card ? Result::Late : Result::NoCard;
-}
-
-CardSlot::Answer CardSlot::ask(Operation operation, const Bytes& command,
-                               SteadyClock::time_point deadline) {
-  platform::MutexLock lock(mutex_);
-  if (aborted_) return {Result::Aborted, {}};
-  const CardId card = card_;
-  if (card == kNoCard) return {Result::NoCard, {}};
-  if (!waitForWorker(lock, card, deadline)) return {whyNot(card), {}};
-  busy_ = true;
-  pending_ = true;
-  operation_ = operation;
-  command_ = command;
-  changed_.notifyAll();
-  if (!waitForWorker(lock, card, deadline)) return {whyNot(card), {}};
-  Bytes response = std::move(response_);
-  response_.clear();
-  if (response.empty()) return {Result::NoCard, {}};
-  if (operation != Operation::Transmit) atr_ = response;
-  return {Result::Answered, std::move(response), card};
-}
-
-void CardSlot::work() {
-  platform::MutexLock lock(mutex_);
-  for (;;) {
-    changed_.wait(lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return pending_ || ending_; });
-    if (ending_) return;
-    pending_ = false;
-    const Operation operation = operation_;
-    const Bytes command = std::move(command_);
-    lock.unlock();
-    Bytes response = perform(operation, command);
-    lock.lock();
-    response_ = std::move(response);
-    busy_ = false;
-    changed_.notifyAll();
+  {
+    platform::MutexLock lock(mutex_);
+    if (card_ == kNoCard) return;
+    card_ = kNoCard;
+    atr_.clear();
+    if (observer_ != nullptr) observer_->cardDeparted();
   }
-}
-
-Bytes CardSlot::perform(Operation operation, const Bytes& command) {
-  switch (operation) {
-    case Operation::Reset:
-      return backend_.reset();
-    case Operation::Atr:
-      return backend_.atr();
-    case Operation::Transmit:
-      break;
-  }
-  return backend_.transmit(command);
+  if (onDeparture_) onDeparture_();
 }
 
 }  // namespace zelta::agent

@@ -32,7 +32,11 @@ PipePair Connector::attempt() {
   if (hasOne) {
     const auto now = SteadyClock::now();
     if (hadNone) heldSince_ = now;
-    if (now - heldSince_ >= settings_.hold) held_ = PipePair();
+    if (now - heldSince_ < settings_.hold) {
+      port_.waitForChange(settings_.firstRetry);
+      return PipePair();
+    }
+    held_ = PipePair();
   }
   if (hasOne || failure_.result != OpenResult::Absent) {
     port_.waitForChange(backoff_.next());

@@ -3,8 +3,9 @@
 // Waiting is for the system's notice that something about the pipes has changed. A pipe that is
 // there but refuses gives no such notice when that ends, so there a timer that doubles up to a
 // bound helps. Where one pipe opens and the other does not, the first is held for a moment: the
-// driver is about to create the second. After that it is given back, because the driver may hold a
-// dead client on the other pipe and sees that only when both are taken from it.
+// driver is about to create the second, or to take it back from its last client. After that it is
+// given back, because the driver may hold a dead client on the other pipe and sees that only when
+// the one that opened is lost.
 #pragma once
 
 #include <chrono>

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <utility>
 
 #include "agent_link/wire.h"
@@ -21,22 +22,47 @@ const Bytes& wrongLength() {
   return *bytes;
 }
 
+// What is answered in time if the card is late.
+const Bytes& lateAnswer(Command::Kind kind) {
+  static const auto* const none = new Bytes;  // never destroyed
+  return kind == Command::Kind::Transmit ? noPreciseDiagnosis() : *none;
+}
+
+struct Query {
+  AgentCommand code;
+  Command::Kind kind;
+  const char* name;
+};
+
+constexpr Query kQueries[] = {
+    {AgentCommand::QueryAtrReset, Command::Kind::AtrWithReset, "ATR query with reset"},
+    {AgentCommand::QueryAtr, Command::Kind::Atr, "ATR query"},
+    {AgentCommand::QueryTransmit, Command::Kind::Transmit, "Transmit"},
+};
+
+template <typename Matches>
+const Query* findQuery(Matches matches) {
+  const Query* const found = std::find_if(std::begin(kQueries), std::end(kQueries), matches);
+  return found == std::end(kQueries) ? nullptr : found;
+}
+
 // What may be logged of an APDU: its header and length, no data.
-std::string describe(const Bytes& apdu) {
+std::string describeApdu(const Bytes& apdu) {
   const std::size_t header = 4;
   const Bytes shown(apdu.begin(),
                     apdu.begin() + static_cast<std::ptrdiff_t>(std::min(apdu.size(), header)));
-  return toHex(shown) + " (" + std::to_string(apdu.size()) + " bytes)";
+  return " " + toHex(shown) + " (" + std::to_string(apdu.size()) + " bytes)";
 }
 
 }  // namespace
 
 DriverConnection::DriverConnection(PipeConnection& commands, PipeConnection& events, CardSlot& slot,
-                                   const Settings& settings, std::function<void()> onAlive,
-                                   OnFailure onFailure, Log& log)
+                                   CommandThreads& threads, const Settings& settings,
+                                   std::function<void()> onAlive, OnFailure onFailure, Log& log)
     : commands_(commands),
       events_(events),
       slot_(slot),
+      threads_(threads),
       settings_(settings),
       onAlive_(std::move(onAlive)),
       log_(log),
@@ -45,142 +71,133 @@ DriverConnection::DriverConnection(PipeConnection& commands, PipeConnection& eve
           std::move(onFailure), log) {}
 
 void DriverConnection::seenAlive() {
-  if (!alive_.exchange(true)) onAlive_();
+  if (!alive_ && !alive_.exchange(true)) onAlive_();
 }
 
 void DriverConnection::stop() {
   commands_.cancel();
   events_.cancel();
-  slot_.setAborted(true);
+  threads_.abandon(*this);
 }
 
 void DriverConnection::serve() {
-  slot_.setAborted(false);  // by the connection before; cancelled pipes still end this one
   {
     const CardSlot::Observation observation(slot_, reporter_);
     reporter_.start();
-    while (serveOne()) {
-    }
+    threads_.serve(*this);
   }
   stop();
 }
 
-bool DriverConnection::serveOne() {
-  std::array<std::uint8_t, 4> code{};
-  // Only a command's first byte may take any time.
-  if (commands_.read(code.data(), 1, std::nullopt) != IoResult::Done) return false;
-  const Deadline begin = SteadyClock::now();
-  const Limits limits{begin + settings_.answerLimit, begin + settings_.driverLimit};
-  seenAlive();
-  reporter_.commandBegan();
-  if (!readPart(code.data() + 1, code.size() - 1, limits.card)) return false;
-  if (!dispatch(decodeNumber(code), limits)) return false;
-  reporter_.endAnswer();
-  return true;
-}
-
-bool DriverConnection::dispatch(std::uint32_t code, const Limits& limits) {
-  switch (static_cast<AgentCommand>(code)) {
-    case AgentCommand::QueryAtrReset:
-      return answerAtr(CardSlot::Operation::Reset, limits);
-    case AgentCommand::QueryAtr:
-      return answerAtr(CardSlot::Operation::Atr, limits);
-    case AgentCommand::QueryTransmit:
-      return answerTransmit(limits);
-    case AgentCommand::NotifyCardReady:
+bool DriverConnection::read(Command* command) {
+  std::uint32_t code = 0;
+  while (readCode(command, &code)) {
+    if (code == static_cast<std::uint32_t>(AgentCommand::NotifyCardReady)) {
       log_.debug("Card ready");
       slot_.ready();
-      return reporter_.beginAnswer(kNoCard);  // there is none; the command is dealt with
+      reporter_.beginAnswer(kNoCard);  // there is none; the command is dealt with
+      reporter_.endAnswer();
+      continue;
+    }
+    const Query* const query = findQuery(
+        [code](const Query& known) { return code == static_cast<std::uint32_t>(known.code); });
+    if (query == nullptr) {
+      log_.error("Unknown command " + std::to_string(code) + "; dropping the connection");
+      return false;
+    }
+    command->kind = query->kind;
+    if (query->kind != Command::Kind::Transmit) return true;
+    if (!readApdu(command)) return false;
+    if (!command->apdu.empty()) return true;
+    if (!answerOtherwise(*command, wrongLength())) return false;
   }
-  log_.error("Unknown command " + std::to_string(code) + "; dropping the connection");
   return false;
 }
 
-bool DriverConnection::answerAtr(CardSlot::Operation operation, const Limits& limits) {
-  const CardSlot::Answer answer = slot_.ask(operation, {}, limits.card);
-  const bool resets = operation == CardSlot::Operation::Reset;
-  const std::string what = resets ? "ATR query with reset" : "ATR query";
-  if (answer.result == CardSlot::Result::Aborted) return false;
-  if (answer.result == CardSlot::Result::Answered && reporter_.beginAnswer(answer.card)) {
-    log_.debug(what + ": " + toHex(answer.data));
-    return writeFields(answer.data, limits.driver);
-  }
-  if (answer.result == CardSlot::Result::Late) {
-    log_.warning(what + ": the card is not done in time");
-  } else {
-    log_.debug(what + ": no card");
-    reporter_.waitWritten(limits.card);
-  }
-  return writeAnswer({}, limits.driver);
-}
-
-bool DriverConnection::answerTransmit(const Limits& limits) {
-  Bytes apdu;
-  if (!readApdu(&apdu, limits.card)) return false;
-  if (apdu.empty()) return writeAnswer(wrongLength(), limits.driver);
-  const CardSlot::Answer answer = slot_.ask(CardSlot::Operation::Transmit, apdu, limits.card);
-  const std::string what = log_.wants(LogLevel::Debug) ? "Transmit " + describe(apdu) : "Transmit";
-  switch (answer.result) {
-    case CardSlot::Result::Aborted:
-      return false;
-    case CardSlot::Result::Answered:
-      log_.debug(what + ": " + std::to_string(answer.data.size()) + " bytes");
-      return writeAnswer(answer.data, limits.driver);
-    case CardSlot::Result::Late:
-      log_.warning(what + ": the card is not done in time");
-      return writeAnswer(noPreciseDiagnosis(), limits.driver);
-    case CardSlot::Result::NoCard:
-      break;
-  }
-  log_.debug(what + ": no card");
-  reporter_.waitWritten(limits.card);
-  return writeAnswer({}, limits.driver);
-}
-
-bool DriverConnection::readApdu(Bytes* apdu, Deadline deadline) {
+bool DriverConnection::readCode(Command* command, std::uint32_t* code) {
+  // Only a command's first byte may take any time.
+  if (!check(commands_.awaitCommand(), "")) return false;
+  const SteadyClock::time_point begin = SteadyClock::now();
+  command->cardLimit = begin + settings_.answerLimit;
+  command->driverLimit = begin + settings_.driverLimit;
+  seenAlive();
+  reporter_.commandBegan();
   std::array<std::uint8_t, 4> field{};
-  if (!readPart(field.data(), field.size(), deadline)) return false;
+  if (!readField(field.data(), field.size(), command->cardLimit)) return false;
+  *code = decodeNumber(field);
+  return true;
+}
+
+bool DriverConnection::readApdu(Command* command) {
+  std::array<std::uint8_t, 4> field{};
+  if (!readField(field.data(), field.size(), command->cardLimit)) return false;
   const std::uint32_t length = decodeNumber(field);
   if (length > kMaximumApduLength) {
     log_.error("The driver announced an APDU of " + std::to_string(length) +
                " bytes; dropping the connection");
     return false;
   }
-  apdu->resize(length);
-  return length == 0 || readPart(apdu->data(), length, deadline);
+  command->apdu.resize(length);
+  return length == 0 || readField(command->apdu.data(), length, command->cardLimit);
 }
 
-bool DriverConnection::readPart(void* data, std::uint32_t size, Deadline deadline) {
-  const IoResult result = commands_.read(data, size, deadline);
-  if (result == IoResult::TimedOut) {
-    log_.error("The driver's command stopped half-way; dropping the connection");
+bool DriverConnection::readField(void* data, std::uint32_t size, SteadyClock::time_point deadline) {
+  return check(commands_.read(data, size, deadline), "The driver's command stopped half-way");
+}
+
+bool DriverConnection::check(IoResult result, const char* timedOut) {
+  if (result == IoResult::GivenUp) {
+    log_.error("The driver does not wait for its answer any more; dropping the connection");
+  } else if (result == IoResult::TimedOut) {
+    log_.error(std::string(timedOut) + "; dropping the connection");
   }
   return result == IoResult::Done;
 }
 
-bool DriverConnection::writeAnswer(const Bytes& answer, Deadline deadline) {
-  reporter_.beginAnswer(kNoCard);
-  return writeFields(answer, deadline);
+std::string DriverConnection::describe(const Command& command) const {
+  const Query* const query =
+      findQuery([&command](const Query& known) { return known.kind == command.kind; });
+  const bool showsApdu = command.kind == Command::Kind::Transmit && log_.wants(LogLevel::Debug);
+  return query->name + (showsApdu ? describeApdu(command.apdu) : std::string());
 }
 
-bool DriverConnection::writeFields(const Bytes& answer, Deadline deadline) {
+bool DriverConnection::answer(const Command& command, const Outcome& outcome) {
+  if (outcome.result == Outcome::Result::Late) {
+    log_.warning(describe(command) + ": the card is not done in time");
+    return answerOtherwise(command, lateAnswer(command.kind));
+  }
+  const bool answered = outcome.result == Outcome::Result::Answered;
+  if (answered && command.kind == Command::Kind::Transmit) {
+    if (log_.wants(LogLevel::Debug)) {
+      log_.debug(describe(command) + ": " + std::to_string(outcome.data.size()) + " bytes");
+    }
+    return answerOtherwise(command, outcome.data);
+  }
+  if (answered && reporter_.beginAnswer(outcome.card)) {
+    if (log_.wants(LogLevel::Debug)) log_.debug(describe(command) + ": " + toHex(outcome.data));
+    return write(command, outcome.data);
+  }
+  log_.debug(describe(command) + ": no card");
+  reporter_.waitWritten(command.cardLimit);
+  return answerOtherwise(command, {});
+}
+
+bool DriverConnection::answerOtherwise(const Command& command, const Bytes& bytes) {
+  reporter_.beginAnswer(kNoCard);
+  return write(command, bytes);
+}
+
+bool DriverConnection::write(const Command& command, const Bytes& bytes) {
   // The driver would take it for its next command's.
-  if (SteadyClock::now() >= deadline) {
+  if (SteadyClock::now() >= command.driverLimit) {
     log_.error("The answer comes too late for the driver; dropping the connection");
     return false;
   }
-  const auto length = static_cast<std::uint32_t>(answer.size());
-  const auto field = encodeNumber(length);
-  return writeField(field.data(), field.size(), deadline) &&
-         (length == 0 || writeField(answer.data(), length, deadline));
-}
-
-bool DriverConnection::writeField(const void* data, std::uint32_t size, Deadline deadline) {
-  const IoResult result = commands_.write(data, size, deadline);
-  if (result == IoResult::TimedOut) {
-    log_.error("The driver does not take its answer; dropping the connection");
+  if (!check(commands_.answer(bytes, command.driverLimit), "The driver does not take its answer")) {
+    return false;
   }
-  return result == IoResult::Done;
+  reporter_.endAnswer();
+  return true;
 }
 
 }  // namespace zelta::agent

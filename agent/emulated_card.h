@@ -50,8 +50,8 @@ class EmulatedCard final : public CardBackend {
 
   platform::Mutex acting_;  // around each insertion and removal with its notice
   bool in_ ZELTA_GUARDED_BY(acting_) = false;
-  // Around the card's calls, which come from one thread; not taken by insertion and removal, so
-  // that a card can be pulled while it works.
+  // Around the card's calls; not taken by insertion and removal, so that a card can be pulled while
+  // it works.
   platform::Mutex card_;
   // Taken away with `acting_` held, when no call is in the card.
   std::unique_ptr<Reader> reader_;

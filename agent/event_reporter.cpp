@@ -33,8 +33,7 @@ void EventReporter::start() {
 
 void EventReporter::commandBegan() {
   platform::MutexLock lock(mutex_);
-  rule_.commandBegan();
-  changed_.notifyAll();
+  rule_.commandBegan();  // the writer finds out when the time of grace ends
 }
 
 bool EventReporter::beginAnswer(CardId atrOf) {
@@ -48,13 +47,14 @@ bool EventReporter::beginAnswer(CardId atrOf) {
 void EventReporter::endAnswer() {
   platform::MutexLock lock(mutex_);
   answering_ = false;
-  changed_.notifyAll();
+  if (!events_.empty()) changed_.notifyAll();
 }
 
 void EventReporter::waitWritten(SteadyClock::time_point deadline) {
   platform::MutexLock lock(mutex_);
-  changed_.waitFor(lock, deadline - SteadyClock::now(),
-                   [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return events_.empty() || ended_; });
+  changed_.waitFor(lock, deadline - SteadyClock::now(), [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return events_.empty() || full_ || ended_;
+  });
 }
 
 void EventReporter::observing(CardId card) {
@@ -74,7 +74,13 @@ void EventReporter::cardDeparted() {
 
 void EventReporter::queue(ReportRule::Report report) {
   if (report == ReportRule::Report::Nothing || ended_) return;
-  events_.push_back(report);
+  const std::size_t notBegun = events_.size() - (writing_ ? 1 : 0);
+  if (report == ReportRule::Report::Removed && notBegun > 0 &&
+      events_.back() == ReportRule::Report::Inserted) {
+    events_.pop_back();  // nobody has heard of that card
+  } else {
+    events_.push_back(report);
+  }
   changed_.notifyAll();
 }
 
@@ -142,7 +148,27 @@ bool EventReporter::nextEvent(ReportRule::Report* report) {
   }
   if (ended_) return false;
   *report = events_.front();
+  writing_ = true;
   return true;
+}
+
+// A driver that has left so much unread handles an earlier event, and may need an answer to its
+// command for that: nobody waits for the events then. A post of one number that has timed out has
+// handed nothing over, so it may be made again.
+IoResult EventReporter::postEvent(std::uint32_t event) {
+  const auto now = SteadyClock::now();
+  IoResult result = postNumber(event, now);
+  if (result != IoResult::TimedOut) return result;
+  setFull(true);
+  result = postNumber(event, now + settings_.limit);
+  setFull(false);
+  return result;
+}
+
+void EventReporter::setFull(bool full) {
+  platform::MutexLock lock(mutex_);
+  full_ = full;
+  if (full) changed_.notifyAll();
 }
 
 void EventReporter::writeEvents() {
@@ -150,8 +176,7 @@ void EventReporter::writeEvents() {
   while (nextEvent(&report)) {
     const bool inserted = report == ReportRule::Report::Inserted;
     const AgentEvent event = inserted ? AgentEvent::CardInserted : AgentEvent::CardRemoved;
-    const IoResult result =
-        postNumber(static_cast<std::uint32_t>(event), SteadyClock::now() + settings_.limit);
+    const IoResult result = postEvent(static_cast<std::uint32_t>(event));
     if (result == IoResult::TimedOut) {
       log_.error("The driver does not take its events; dropping the connection");
       pipe_.cancel();
@@ -160,6 +185,7 @@ void EventReporter::writeEvents() {
     log_.info(inserted ? "Card insertion reported" : "Card removal reported");
     platform::MutexLock lock(mutex_);
     events_.pop_front();
+    writing_ = false;
     changed_.notifyAll();
   }
 }

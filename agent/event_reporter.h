@@ -4,11 +4,13 @@
 // it does once it listens for events; the time of grace counts from then) and from then on watches
 // for the pipe's end; the other hands over events, in the order in which they were decided and
 // without waiting for the driver to read them. Both end when the pipe is closed or cancelled. A
-// pipe that is full of events that the driver does not read is cancelled when its time is up.
+// pipe that is full of events that the driver does not read is cancelled when its time is up. A
+// card that comes and goes before its arrival was handed over is not reported at all: cards that
+// change quicker than the driver reads of it leave no backlog.
 //
-// `commandBegan`, `answeringAtr`, `commandEnded` and `waitWritten` come from the thread that
-// answers commands. As the slot's observer it is called under the slot's lock; it never calls the
-// slot.
+// `commandBegan`, `beginAnswer`, `endAnswer` and `waitWritten` come from one thread at a time, for
+// each command; they wake the writer only if there is an event. As the slot's observer it is
+// called under the slot's lock; it never calls the slot.
 #pragma once
 
 #include <chrono>
@@ -54,7 +56,8 @@ class EventReporter final : public CardSlot::Observer {
   // that card is not in any more: nothing has begun, and it must be answered otherwise.
   bool beginAnswer(CardId atrOf);
   void endAnswer();
-  // Until everything decided so far is handed over, the pipe has ended, or the deadline.
+  // Until everything decided so far is handed over, the pipe has ended or takes no more for now, or
+  // the deadline.
   void waitWritten(SteadyClock::time_point deadline);
 
  private:
@@ -68,6 +71,8 @@ class EventReporter final : public CardSlot::Observer {
   void writeEvents();
   // False: no more events, the pipe has ended.
   bool nextEvent(ReportRule::Report* report);
+  IoResult postEvent(std::uint32_t event);
+  void setFull(bool full);
   IoResult postNumber(std::uint32_t number, std::optional<SteadyClock::time_point> deadline);
   void ended();
 
@@ -83,6 +88,8 @@ class EventReporter final : public CardSlot::Observer {
   ReportRule rule_ ZELTA_GUARDED_BY(mutex_){kNoCard};
   // Decided and not handed over; the front one is being handed over.
   std::deque<ReportRule::Report> events_ ZELTA_GUARDED_BY(mutex_);
+  bool writing_ ZELTA_GUARDED_BY(mutex_) = false;  // the front one
+  bool full_ ZELTA_GUARDED_BY(mutex_) = false;     // the pipe, of what the driver has not read
   bool answering_ ZELTA_GUARDED_BY(mutex_) = false;
   bool sessionSent_ ZELTA_GUARDED_BY(mutex_) = false;
   bool taken_ ZELTA_GUARDED_BY(mutex_) = false;  // the session id, by the driver

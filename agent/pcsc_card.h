@@ -34,7 +34,7 @@ class PcscCard final : public CardBackend {
   void interrupt() override;
 
  private:
-  // The calls of the one thread that uses the card.
+  // Used by `reset`, `atr` and `transmit`, which come one at a time, and by `stop` after them.
   bool connected();
   Bytes connectedAtr();
   LONG transmitOnce(const Bytes& command, Bytes* response);
@@ -56,7 +56,9 @@ class PcscCard final : public CardBackend {
   Log& log_;
   CardListener* listener_ = nullptr;  // non-owning; from start to stop
 
-  SCARDCONTEXT context_ = 0;  // the card thread's
+  // Without a lock: the card's calls come one after the other. The service does not mind from which
+  // thread.
+  SCARDCONTEXT context_ = 0;
   SCARDHANDLE handle_ = 0;
   bool hasHandle_ = false;
   DWORD protocol_ = 0;

@@ -12,9 +12,9 @@
 #include <system_error>
 #include <utility>
 
-#include "agent/path_watch_linux.h"
 #include "agent/pipe_client_port.h"
 #include "agent/pipe_connection_linux.h"
+#include "platform/path_watch_linux.h"
 #include "platform/pipe_path.h"
 
 namespace zelta::agent {
@@ -59,7 +59,7 @@ class SocketPipeClient : public PipeClientPort {
       paths.push_back(std::filesystem::absolute(platform::pipeSocketPath(name)).string());
     }
     watch_.reset();
-    watch_.emplace(paths);
+    watch_.emplace(std::move(paths));
   }
 
   OpenedPipe open(const std::string& pipeName) override {
@@ -78,7 +78,7 @@ class SocketPipeClient : public PipeClientPort {
   }
 
   void waitForChange(std::optional<std::chrono::milliseconds> limit) override {
-    if (!watch_->complete()) limit = std::min(limit.value_or(kUnwatched), kUnwatched);
+    if (!watch_->problem().empty()) limit = std::min(limit.value_or(kUnwatched), kUnwatched);
     std::optional<SteadyClock::time_point> deadline;
     if (limit) deadline = SteadyClock::now() + *limit;
     for (;;) {
@@ -93,7 +93,7 @@ class SocketPipeClient : public PipeClientPort {
 
  private:
   platform::ScopedFd cancel_;  // readable from `cancel` on
-  std::optional<PathWatch> watch_;
+  std::optional<platform::PathWatch> watch_;
 };
 
 }  // namespace

@@ -14,6 +14,8 @@
 #include <system_error>
 #include <utility>
 
+#include "agent_link/wire.h"
+
 namespace zelta::agent {
 
 namespace {
@@ -40,6 +42,23 @@ bool nothingUnread(int socket) {
   return ioctl(socket, SIOCOUTQ, &unread) == 0 && unread <= 1;
 }
 
+// Whether more stands in the socket than has been read here.
+bool moreArrived(int socket) {
+  int arrived = 0;
+  return ioctl(socket, FIONREAD, &arrived) == 0 && arrived > 0;
+}
+
+// Takes `size` bytes off the front of `count` parts; how many parts are left, at the end.
+std::size_t advance(iovec* parts, std::size_t count, std::size_t size) {
+  std::size_t done = 0;
+  while (done < count && size >= parts[done].iov_len) size -= parts[done++].iov_len;
+  if (done < count) {
+    parts[done].iov_base = static_cast<char*>(parts[done].iov_base) + size;
+    parts[done].iov_len -= size;
+  }
+  return count - done;
+}
+
 }  // namespace
 
 int pollTimeout(std::optional<SteadyClock::time_point> deadline) {
@@ -57,17 +76,29 @@ SocketConnection::SocketConnection(platform::ScopedFd socket)
   addTo(taken_.get(), cancel_.get(), EPOLLIN);
 }
 
-void SocketConnection::cancel() { eventfd_write(cancel_.get(), 1); }
+void SocketConnection::cancel() {
+  cancelled_ = true;
+  eventfd_write(cancel_.get(), 1);
+}
 
-IoResult SocketConnection::waitFor(short events, std::optional<SteadyClock::time_point> deadline) {
+SocketConnection::Waited SocketConnection::waitFor(
+    short events, std::optional<SteadyClock::time_point> deadline) const {
   for (;;) {
     std::array<pollfd, 2> waits{{{cancel_.get(), POLLIN, 0}, {socket_.get(), events, 0}}};
     const int ready = poll(waits.data(), waits.size(), pollTimeout(deadline));
-    if (ready < 0 && errno != EINTR) return IoResult::Closed;
+    if (ready < 0 && errno != EINTR) return {IoResult::Closed, 0};
     if (ready < 0) continue;
-    if (ready == 0) return IoResult::TimedOut;
-    return waits[0].revents != 0 ? IoResult::Cancelled : IoResult::Done;
+    if (ready == 0) return {IoResult::TimedOut, 0};
+    if (waits[0].revents != 0) return {IoResult::Cancelled, 0};
+    return {IoResult::Done, waits[1].revents};
   }
+}
+
+IoResult SocketConnection::awaitCommand() {
+  const Waited waited = waitFor(POLLIN, std::nullopt);
+  if (waited.result != IoResult::Done) return waited.result;
+  if ((waited.ready & POLLHUP) != 0) return IoResult::Closed;
+  return nothingUnread(socket_.get()) ? IoResult::Done : IoResult::GivenUp;
 }
 
 IoResult SocketConnection::read(void* data, std::uint32_t size,
@@ -75,33 +106,57 @@ IoResult SocketConnection::read(void* data, std::uint32_t size,
   auto* bytes = static_cast<std::uint8_t*>(data);
   std::uint32_t done = 0;
   while (done < size) {
-    const IoResult ready = waitFor(POLLIN, deadline);
-    if (ready != IoResult::Done) return ready;
+    if (cancelled_) return IoResult::Cancelled;
     const ssize_t count = recv(socket_.get(), bytes + done, size - done, 0);
     if (count > 0) {
       done += static_cast<std::uint32_t>(count);
-    } else if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
+    } else if (count < 0 && errno == EAGAIN) {
+      const IoResult waited = waitFor(POLLIN, deadline).result;
+      if (waited != IoResult::Done) return waited;
+    } else if (count == 0 || errno != EINTR) {
       return IoResult::Closed;
     }
   }
   return IoResult::Done;
 }
 
-IoResult SocketConnection::write(const void* data, std::uint32_t size,
-                                 std::optional<SteadyClock::time_point> deadline) {
-  const auto* bytes = static_cast<const std::uint8_t*>(data);
-  std::uint32_t done = 0;
-  while (done < size) {
-    const IoResult ready = waitFor(POLLOUT, deadline);
-    if (ready != IoResult::Done) return ready;
-    const ssize_t count = send(socket_.get(), bytes + done, size - done, MSG_NOSIGNAL);
-    if (count >= 0) {
-      done += static_cast<std::uint32_t>(count);
-    } else if (errno != EAGAIN && errno != EINTR) {
+IoResult SocketConnection::answer(const Bytes& bytes, SteadyClock::time_point deadline) {
+  if (moreArrived(socket_.get())) return IoResult::GivenUp;
+  auto length = encodeNumber(static_cast<std::uint32_t>(bytes.size()));
+  std::array<iovec, 2> parts{
+      {{length.data(), length.size()}, {const_cast<std::uint8_t*>(bytes.data()), bytes.size()}}};
+  return send(parts.data(), parts.size(), deadline, true);
+}
+
+IoResult SocketConnection::post(const void* data, std::uint32_t size,
+                                std::optional<SteadyClock::time_point> deadline) {
+  iovec part{const_cast<void*>(data), size};
+  return send(&part, 1, deadline, false);
+}
+
+IoResult SocketConnection::send(iovec* parts, std::size_t count,
+                                std::optional<SteadyClock::time_point> deadline, bool isAnswer) {
+  const short answered = isAnswer ? POLLIN : 0;
+  for (;;) {
+    if (cancelled_) return IoResult::Cancelled;
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = count;
+    const ssize_t sent = sendmsg(socket_.get(), &message, MSG_NOSIGNAL);
+    if (sent >= 0) {
+      const std::size_t left = advance(parts, count, static_cast<std::size_t>(sent));
+      if (left == 0) return IoResult::Done;
+      parts += count - left;
+      count = left;
+    } else if (errno == EAGAIN) {
+      const Waited waited = waitFor(static_cast<short>(POLLOUT | answered), deadline);
+      if (waited.result != IoResult::Done) return waited.result;
+      if ((waited.ready & answered) == 0) continue;
+      return moreArrived(socket_.get()) ? IoResult::GivenUp : IoResult::Closed;
+    } else if (errno != EINTR) {
       return IoResult::Closed;
     }
   }
-  return IoResult::Done;
 }
 
 IoResult SocketConnection::flush() {

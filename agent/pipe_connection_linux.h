@@ -1,5 +1,13 @@
 // A client end that is a connected UNIX stream socket.
+//
+// The socket has a buffer: an answer that the driver has given up stays in it, until the driver's
+// end of the socket is closed. So whether the last answer was read is looked at before the first
+// byte of a command is taken: the driver's flush holds it back until the command has been read.
 #pragma once
+
+#include <sys/uio.h>
+
+#include <atomic>
 
 #include "agent/pipe_client_port.h"
 #include "platform/scoped_fd_linux.h"
@@ -11,23 +19,27 @@ class SocketConnection : public PipeConnection {
   // Takes a connected, non-blocking socket. Throws std::system_error for lack of handles.
   explicit SocketConnection(platform::ScopedFd socket);
 
+  IoResult awaitCommand() override;
   IoResult read(void* data, std::uint32_t size,
                 std::optional<SteadyClock::time_point> deadline) override;
-  IoResult write(const void* data, std::uint32_t size,
-                 std::optional<SteadyClock::time_point> deadline) override;
-  // The socket has a buffer, so that a write does not wait for the driver either.
+  IoResult answer(const Bytes& bytes, SteadyClock::time_point deadline) override;
   IoResult post(const void* data, std::uint32_t size,
-                std::optional<SteadyClock::time_point> deadline) override {
-    return write(data, size, deadline);
-  }
+                std::optional<SteadyClock::time_point> deadline) override;
   IoResult flush() override;
   void cancel() override;
 
  private:
-  // Done: the socket is ready for `events` or in error; the next call on it tells.
-  IoResult waitFor(short events, std::optional<SteadyClock::time_point> deadline);
+  struct Waited {
+    IoResult result;
+    short ready;  // of Done: of the events waited for, or those of an error
+  };
+  Waited waitFor(short events, std::optional<SteadyClock::time_point> deadline) const;
+  // Writes `count` parts, waiting while the socket takes no more.
+  IoResult send(iovec* parts, std::size_t count, std::optional<SteadyClock::time_point> deadline,
+                bool isAnswer);
 
   platform::ScopedFd socket_;
+  std::atomic<bool> cancelled_{false};
   platform::ScopedFd cancel_;  // readable from `cancel` on
   platform::ScopedFd taken_;   // wakes on each edge of the socket's writability, for `flush`
 };

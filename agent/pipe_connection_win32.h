@@ -1,8 +1,11 @@
 // A client end that is a named pipe. The handle is overlapped, so that a read can run beside a
 // write and a cancel reaches what is blocked.
 //
-// The driver's pipes have no buffer: a write waits until the driver reads. Bytes that are posted
-// wait in writes of their own that nobody waits for, as many as a small buffer would take.
+// The driver's pipes have no buffer: a write waits until the driver reads. So an answer that the
+// driver has given up stands in the way of its next command: the read of that command's first byte
+// is begun before the answer is written, and if it ends first, the write is taken back. Bytes
+// that are posted wait in writes of their own that nobody waits for, as many as a small buffer
+// would take.
 #pragma once
 
 #include <windows.h>
@@ -10,6 +13,7 @@
 #include <deque>
 #include <memory>
 #include <type_traits>
+#include <vector>
 
 #include "agent/pipe_client_port.h"
 #include "platform/sync.h"
@@ -34,10 +38,10 @@ class NamedPipeConnection final : public PipeConnection {
   // What was posted and not read by the driver is lost.
   ~NamedPipeConnection() override;
 
+  IoResult awaitCommand() override;
   IoResult read(void* data, std::uint32_t size,
                 std::optional<SteadyClock::time_point> deadline) override;
-  IoResult write(const void* data, std::uint32_t size,
-                 std::optional<SteadyClock::time_point> deadline) override;
+  IoResult answer(const Bytes& bytes, SteadyClock::time_point deadline) override;
   // May also throw std::system_error for lack of handles. The system ends a thread's operations
   // with the thread, so what it has posted must have been read before it ends.
   IoResult post(const void* data, std::uint32_t size,
@@ -48,14 +52,30 @@ class NamedPipeConnection final : public PipeConnection {
  private:
   struct Post;
 
+  // A command's first byte, whose read is begun before it is waited for.
+  struct FirstByte {
+    FirstByte() : done(makeEvent()) {}
+
+    enum class State { None, Awaited, Kept };  // Kept: read, and not handed over yet
+    const ScopedHandle done;
+    OVERLAPPED operation{};
+    State state = State::None;
+    unsigned char byte = 0;
+  };
+
   bool isCancelled() const;
   // Done: the event is signalled, as opposed to the deadline or `cancel`.
   IoResult waitFor(HANDLE event, std::optional<SteadyClock::time_point> deadline) const;
-  // Begins an operation and waits for it, for the deadline or for `cancel`, whichever is first. An
-  // operation that is not waited for any longer has ended when this returns.
-  template <typename Begin>
-  IoResult finish(HANDLE event, Begin begin, std::optional<SteadyClock::time_point> deadline,
-                  DWORD* count);
+  // Reads up to `size` bytes, at least one.
+  IoResult readSome(void* data, std::uint32_t size, std::optional<SteadyClock::time_point> deadline,
+                    DWORD* count);
+  // Begins to await the first byte, unless that has been done.
+  bool beginFirstByte();
+  // The first byte's read has ended; whether it is there.
+  bool takeFirstByte();
+  void cancelFirstByte();
+  // Whether the answer in `answer_` has been read whole; has ended when this returns.
+  IoResult finishAnswer(OVERLAPPED* operation, SteadyClock::time_point deadline);
   // Takes the posts that the driver has read off the front; Closed where one failed.
   IoResult takeRead() ZELTA_REQUIRES(mutex_);
 
@@ -63,6 +83,8 @@ class NamedPipeConnection final : public PipeConnection {
   const ScopedHandle cancel_;   // stays signalled
   const ScopedHandle read_;     // one reader
   const ScopedHandle written_;  // one writer
+  FirstByte first_;
+  std::vector<unsigned char> answer_;  // the one that is being written
   platform::Mutex mutex_;
   // Not known to be read by the driver, in the order in which it reads them. Shared with whoever
   // waits for one.

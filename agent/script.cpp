@@ -1,5 +1,6 @@
 #include "agent/script.h"
 
+#include <numeric>
 #include <set>
 #include <sstream>
 #include <utility>
@@ -76,6 +77,11 @@ Bytes takeBytes(Line& line, const std::string& what) {
   return *bytes;
 }
 
+void addSuccess(Bytes* response) {
+  response->push_back(kSuccess1);
+  response->push_back(0x00);
+}
+
 ScriptResponse takeResponse(Line& line) {
   ScriptResponse response;
   if (line.takeIf("none")) {
@@ -83,9 +89,11 @@ ScriptResponse takeResponse(Line& line) {
   } else if (line.takeIf("echo")) {
     response.kind = ScriptResponse::Kind::Echo;
   } else if (line.takeIf("fill")) {
-    response.kind = ScriptResponse::Kind::Fill;
-    response.length = takeNumber(line, line.take("a count of bytes"));
-    if (response.length > kLongestFill) line.fail("more than 65536 bytes");
+    const std::uint32_t length = takeNumber(line, line.take("a count of bytes"));
+    if (length > kLongestFill) line.fail("more than 65536 bytes");
+    response.bytes.resize(length);
+    std::iota(response.bytes.begin(), response.bytes.end(), std::uint8_t{0});
+    addSuccess(&response.bytes);
   } else {
     response.bytes = takeBytes(line, "a response");
   }
@@ -224,13 +232,9 @@ bool CommandPattern::matches(const Bytes& command) const {
 }
 
 Bytes ScriptResponse::to(const Bytes& command) const {
-  if (kind == Kind::Fixed || kind == Kind::None) return bytes;
-  Bytes response = kind == Kind::Echo ? command : Bytes(length);
-  if (kind == Kind::Fill) {
-    for (std::size_t i = 0; i < response.size(); ++i) response[i] = static_cast<std::uint8_t>(i);
-  }
-  response.push_back(kSuccess1);
-  response.push_back(0x00);
+  if (kind != Kind::Echo) return bytes;
+  Bytes response = command;
+  addSuccess(&response);
   return response;
 }
 

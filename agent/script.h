@@ -28,10 +28,9 @@ struct CommandPattern {
 };
 
 struct ScriptResponse {
-  enum class Kind { Fixed, None, Echo, Fill };
+  enum class Kind { Fixed, None, Echo };
   Kind kind = Kind::Fixed;
   Bytes bytes{};
-  std::uint32_t length = 0;  // of Fill, without the status word
   std::chrono::milliseconds delay{0};
 
   // The response to `command`; empty for None, a card that is mute.

@@ -59,13 +59,14 @@ void ScriptCard::trigger(On on, const Bytes& command) {
     if (trigger.on != on) continue;
     if (on == On::Command && !trigger.pattern.matches(command)) continue;
     due_.emplace(now + trigger.delay, trigger.action);
+    changed_.notifyAll();
   }
-  changed_.notifyAll();
 }
 
 Bytes ScriptCard::respond(const ScriptResponse& response, const Bytes& command) {
   platform::MutexLock lock(mutex_);
-  if (!in_) return {};
+  if (!in_ || interrupted_) return {};
+  if (response.delay == std::chrono::milliseconds(0)) return response.to(command);
   const std::uint64_t removals = removals_;
   const bool gone = changed_.waitFor(lock, response.delay, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
     return removals_ != removals || interrupted_;

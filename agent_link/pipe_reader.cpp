@@ -1,171 +1,118 @@
-// The reader's life and its two pipe ends.
 #include "agent_link/pipe_reader.h"
 
-#include "agent_link/wire.h"
 #include "diagnostics/log.h"
+#include "diagnostics/traced_lock.h"
 #include "driver/memory_util.h"
 #include "driver/smartcard_ioctl.h"
-#include "platform/error.h"
-#include "platform/ports.h"
+#include "driver/status.h"
 
 namespace zelta {
 
-namespace {
-
-namespace error = platform::error;
-
-// Who may open the pipes: nobody of the guests and no anonymous logon, which has to be said first,
-// but the local service account and the system.
-constexpr char kDacl[] = "D:";
-constexpr char kDenyGuests[] = "(D;OICI;GA;;;BG)";
-constexpr char kDenyAnonymous[] = "(D;OICI;GA;;;AN)";
-constexpr char kAllowLocalService[] = "(A;OICI;GA;;;LS)";
-constexpr char kAllowSystem[] = "(A;OICI;GA;;;SY)";
-
-constexpr std::uint32_t kPipeAccessDuplex = 0x00000003;
-constexpr std::uint32_t kFirstPipeInstance = 0x00080000;
-constexpr std::uint32_t kByteModeBlocking = 0;
-
-void disconnectPipe(PipeCalls& calls, const PipeHandle& pipe, const char* which) {
-  if (!calls.close(pipe.get())) {
-    logError(kNoError, "Failed to cancel IO on the %s named pipe. System error code: %d", which,
-             static_cast<int>(platform::lastError()));
-  }
-  if (!platform::ports().pipes->disconnect(pipe.get())) {
-    logError(kNoError, "Failed to disconnect the %s named pipe. System error code: %d", which,
-             static_cast<int>(platform::lastError()));
-  }
-  calls.reopen();
-}
-
-}  // namespace
-
 PipeReader::PipeReader(std::uint32_t readerIndex, ReaderDevice* owner, const AgentLinkTimes& times)
     : Reader(readerIndex, owner),
-      times_(times),
-      commandPipe_(platform::invalidPipe()),
-      eventPipe_(platform::invalidPipe()),
-      commandPipeName_(commandPipeName(readerIndex)),
-      eventPipeName_(eventPipeName(readerIndex)) {
-  rpcType_.store(0, std::memory_order_relaxed);
-  server_ = std::thread([this] { runServer(); });
-}
+      pipes_(readerIndex),
+      queries_(pipes_.command(), *this, times.query),
+      listener_(pipes_, waiting(), *this, times) {}
 
 PipeReader::~PipeReader() {
-  stopServer();
-  disconnectPipes();
-  server_.join();
+  listener_.requestStop();
+  pipes_.stop();
+  pipes_.disconnect();
+  listener_.join();
 }
 
-void PipeReader::stopServer() {
+void PipeReader::endExchanges() noexcept {
+  markAbsentForGood();
+  pipes_.command().endExchanges();
+}
+
+void PipeReader::shutdown() {
+  setState(SCARD_ABSENT);
+  for (const CardEvent awaited : {CardEvent::Removed, CardEvent::Inserted}) {
+    while (waiting().any(awaited)) {
+      const TracedLock lock("PipeReader::shutdown", waiting().deviceLock(), __LINE__);
+      waiting().cancelNewest(awaited);
+    }
+  }
+}
+
+void PipeReader::agentConnected() {
+  if (waiting().any(CardEvent::Inserted) && initializeProtocols()) {
+    unmarkAndCompleteInsertIrps(status::kSuccess, SCARD_SWALLOWED);
+  }
+}
+
+void PipeReader::cardInserted() {
   {
-    const platform::MutexLock lock(stopMutex_);
-    stop_.exchange(true);
+    // First, so that nobody waits for the device lock until the turn has come.
+    const AgentQueries::Turn turn(queries_);
+    const TracedLock lock("PipeReader::handleEvent", waiting().deviceLock(), __LINE__);
+    waiting().note(CardEvent::Inserted);
+    setState(SCARD_SWALLOWED);
+    // Whatever it gives, the card is there.
+    initializeProtocols(
+        [&](std::vector<std::uint8_t>& atr) { return queries_.atr(atr, true, turn); });
   }
-  stopCondition_.notifyAll();
-  // No call on a pipe begins any more; `disconnectPipes` ends those that have begun.
-  commandCalls_.stop();
-  eventCalls_.stop();
-  {
-    // Whoever has seen the flag clear under this mutex is waiting by now.
-    const platform::MutexLock lock(requestListMutex_);
+  if (waiting().any(CardEvent::Inserted)) {
+    unmarkAndCompleteInsertIrps(status::kSuccess, SCARD_SWALLOWED);
   }
-  insertRequestCondition_.notifyAll();
 }
 
-std::uint32_t PipeReader::createPipes() {
-  const std::string sddl =
-      std::string(kDacl) + kDenyGuests + kDenyAnonymous + kAllowLocalService + kAllowSystem;
-  platform::SecurityDescriptor descriptor = nullptr;  // never freed, deliberately
-  if (!platform::ports().pipes->convertSecurityDescriptor(sddl, &descriptor)) {
-    const std::uint32_t code = platform::lastError();
-    logError(code, "DACL cannot be created");
-    return code;
+void PipeReader::cardRemoved() {
+  setCardReady(0);
+  const TracedLock lock("PipeReader::handleEvent", waiting().deviceLock(), __LINE__);
+  waiting().note(CardEvent::Removed);
+  // Deliberate: with no request waiting for the removal the state stays as it is.
+  if (waiting().any(CardEvent::Removed)) {
+    unmarkAndCompleteRemoveIrps(status::kSuccess, SCARD_ABSENT);
   }
-
-  const platform::MutexLock lock(pipeMutex_);
-  commandPipe_ = PipeHandle();
-  eventPipe_ = PipeHandle();
-  if (!createPipe(commandPipeName_, descriptor, commandPipe_)) {
-    const std::uint32_t code = platform::lastError();
-    logError(code, "Failed to create command named pipe '%s'", commandPipeName_.c_str());
-    return code;
-  }
-  logInfo("Command named pipe created:%s:%p", commandPipeName_.c_str(), commandPipe_.get());
-  if (!createPipe(eventPipeName_, descriptor, eventPipe_)) {
-    const std::uint32_t code = platform::lastError();
-    logError(code, "Failed to create event named pipe '%s'", eventPipeName_.c_str());
-    return code;
-  }
-  logInfo("Event pipe created:%s:%p", eventPipeName_.c_str(), eventPipe_.get());
-  return error::kSuccess;
 }
 
-bool PipeReader::createPipe(const std::string& name, platform::SecurityDescriptor descriptor,
-                            PipeHandle& pipe) {
-  platform::PipeArguments arguments;
-  arguments.openMode = kPipeAccessDuplex | kFirstPipeInstance;
-  arguments.pipeMode = kByteModeBlocking;
-  arguments.maxInstances = 1;
-  arguments.securityDescriptor = descriptor;
-  pipe = PipeHandle(platform::ports().pipes->create(name, arguments));
-  return pipe.get() != platform::invalidPipe();
-}
-
-std::uint32_t PipeReader::connectPipes() {
-  if (commandPipe_.get() == platform::noPipe()) {
-    logError(kNoError, "Cannot connect to empty command named pipe handle");
-    return error::kInvalidHandle;
+void PipeReader::agentLost() {
+  const TracedLock lock("PipeReader::handleEventPipeError", waiting().deviceLock(), __LINE__);
+  waiting().note(CardEvent::Removed);
+  setState(SCARD_ABSENT);
+  setCardReady(0);
+  if (waiting().any(CardEvent::Removed)) {
+    unmarkAndCompleteRemoveIrps(status::kSuccess, SCARD_ABSENT);
   }
-  if (eventPipe_.get() == platform::noPipe()) {
-    logError(kNoError, "Cannot connect to empty event named pipe handle");
-    return error::kInvalidHandle;
+  if (waiting().any(CardEvent::Inserted)) {
+    unmarkAndCompleteInsertIrps(status::kCancelled, SCARD_ABSENT);
   }
-  const std::uint32_t code = connectPipe(commandCalls_, commandPipe_, "Command");
-  if (code != error::kSuccess) return code;
-  return connectPipe(eventCalls_, eventPipe_, "Event");
+  pipes_.disconnect();
 }
 
-std::uint32_t PipeReader::connectPipe(PipeCalls& calls, const PipeHandle& pipe, const char* which) {
-  const bool connected = calls.run(
-      calls.beginConnect(), [&pipe] { return platform::ports().pipes->connect(pipe.get()); });
-  const std::uint32_t code = connected ? error::kSuccess : platform::lastError();
-  if (connected || code == error::kPipeConnected || code == error::kIoPending) {
-    calls.letIn();
-    if (connected) logInfo("%s named pipe connected", which);
-    return error::kSuccess;
-  }
-  logError(code, "%s named pipe NOT connected", which);
-  // A client that came and went before it was let in bars the pipe until it is dropped.
-  if (code == error::kNoData) dropVanishedClient(calls, pipe);
-  return code;
+// The two differ on purpose in when the state is set: after an insertion's requests, before a
+// removal's.
+void PipeReader::unmarkAndCompleteInsertIrps(framework::HRESULT status, std::uint32_t newState) {
+  const TracedLock lock("PipeReader::unmarkAndCompleteInsertIrps", waiting().deviceLock(),
+                        __LINE__);
+  // Counts for a connection, whose card may not be reported again.
+  if (framework::succeeded(status)) waiting().note(CardEvent::Inserted);
+  waiting().completeAll(CardEvent::Inserted, status);
+  setState(newState);
 }
 
-// An exchange that was begun with that client must not go on with the next.
-void PipeReader::dropVanishedClient(PipeCalls& calls, const PipeHandle& pipe) {
-  const platform::MutexLock lock(pipeMutex_);
-  calls.close(pipe.get());
-  platform::ports().pipes->disconnect(pipe.get());
-  calls.reopen();
-}
-
-void PipeReader::endExchanges() noexcept { commandCalls_.endExchanges(commandPipe_); }
-
-void PipeReader::disconnectPipes() {
-  const platform::MutexLock lock(pipeMutex_);
-  disconnectPipe(eventCalls_, eventPipe_, "event");
-  disconnectPipe(commandCalls_, commandPipe_, "command");
+void PipeReader::unmarkAndCompleteRemoveIrps(framework::HRESULT status, std::uint32_t newState) {
+  const TracedLock lock("PipeReader::unmarkAndCompleteRemoveIrps", waiting().deviceLock(),
+                        __LINE__);
+  setState(newState);
+  waiting().completeAll(CardEvent::Removed, status);
 }
 
 void PipeReader::IoSmartCardGetVendorDefinedAttribute(std::uint32_t tag, IoRequest& request) {
   switch (tag) {
     case PIPE_NAME:
       logDebug("[GATT]PIPE_NAME");
-      MemoryUtil::setString(device(), request, commandPipeName_);
+      MemoryUtil::setString(device(), request, pipes_.command().name());
       break;
     case EVENT_PIPE_NAME:
       logDebug("[GATT]EVENT_PIPE_NAME");
-      MemoryUtil::setString(device(), request, eventPipeName_);
+      MemoryUtil::setString(device(), request, pipes_.event().name());
+      break;
+    case SERVER_RESULT:
+      logInfo("[GATT]SERVER_RESULT");
+      MemoryUtil::setInt(device(), request, listener_.result());
       break;
     default:
       Reader::IoSmartCardGetVendorDefinedAttribute(tag, request);

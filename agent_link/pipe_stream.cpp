@@ -15,11 +15,11 @@ bool PipeStream::writeNumber(std::uint32_t value) {
 }
 
 bool PipeStream::write(const std::uint8_t* bytes, std::uint32_t size) {
-  return calls_.run(series_, [&] { return platform::ports().pipes->write(pipe_, bytes, size); });
+  return pipe_.run(epoch_, [&] { return platform::ports().pipes->write(handle_, bytes, size); });
 }
 
 void PipeStream::flush() {
-  calls_.run(series_, [&] { return platform::ports().pipes->flush(pipe_); });
+  pipe_.run(epoch_, [&] { return platform::ports().pipes->flush(handle_); });
 }
 
 bool PipeStream::readNumber(std::uint32_t& value) {
@@ -38,6 +38,7 @@ PipeStream::Payload PipeStream::readPayload(std::uint32_t length,
   } catch (const std::length_error&) {
     std::vector<std::uint8_t>().swap(bytes);
   }
+  pipe_.dropClient(epoch_);
   platform::setLastError(platform::error::kNotEnoughMemory);
   return Payload::NoMemory;
 }
@@ -54,7 +55,7 @@ bool PipeStream::readBlocks(std::uint32_t length, std::vector<std::uint8_t>& byt
 }
 
 bool PipeStream::read(void* data, std::uint32_t size) {
-  return calls_.run(series_, [&] { return platform::ports().pipes->read(pipe_, data, size); });
+  return pipe_.run(epoch_, [&] { return platform::ports().pipes->read(handle_, data, size); });
 }
 
 }  // namespace zelta

@@ -1,16 +1,15 @@
-// Fields of the wire protocol (agent_link/wire.h) written to and read from one pipe, as one series
-// of calls that another thread can end.
+// Fields of the wire protocol (agent_link/wire.h) written to and read from one pipe, as calls of
+// one epoch, which another thread can end.
 //
 // A failing operation leaves its reason in the calling thread's last error.
-// Ownership: made for one exchange or one connection; the pipe and its calls outlive it.
+// Ownership: made for one exchange or one connection; the pipe outlives it.
 // Threads: one at a time.
 #pragma once
 
 #include <cstdint>
 #include <vector>
 
-#include "agent_link/pipe_calls.h"
-#include "agent_link/pipe_handle.h"
+#include "agent_link/cancelable_pipe.h"
 
 namespace zelta {
 
@@ -22,10 +21,8 @@ class PipeStream {
 
   enum class Payload { Read, Failed, NoMemory };
 
-  PipeStream(PipeCalls& calls, const PipeHandle& pipe)
-      : calls_(calls), pipe_(pipe.get()), series_(calls.beginSeries()) {}
-
-  bool hasPipe() const { return PipeHandle::isValid(pipe_); }
+  explicit PipeStream(CancelablePipe& pipe)
+      : pipe_(pipe), handle_(pipe.handle()), epoch_(pipe.epoch()) {}
 
   bool writeNumber(std::uint32_t value);
   bool write(const std::uint8_t* bytes, std::uint32_t size);
@@ -34,17 +31,18 @@ class PipeStream {
   void flush();
   bool readNumber(std::uint32_t& value);
   // `bytes` becomes `length` bytes long and is filled. After a failed read of up to `kReadBlock`
-  // bytes it keeps that length; a longer one keeps what has been made room for. Where there is no
-  // memory for it, it is left empty.
+  // bytes it keeps that length; a longer one keeps what has been made room for. If there is no
+  // memory for it, it is left empty and the client is dropped: what it has sent is still in the
+  // pipe and would be read as its next answer.
   Payload readPayload(std::uint32_t length, std::vector<std::uint8_t>& bytes);
 
  private:
   bool read(void* data, std::uint32_t size);
   bool readBlocks(std::uint32_t length, std::vector<std::uint8_t>& bytes);
 
-  PipeCalls& calls_;
-  const platform::PipeHandleValue pipe_;
-  const PipeCalls::Series series_;
+  CancelablePipe& pipe_;
+  const platform::PipeHandleValue handle_;
+  const CancelablePipe::Epoch epoch_;
 };
 
 }  // namespace zelta

@@ -1,18 +1,16 @@
 // Ends a query that takes too long: calls back once when its time is up, unless it is destroyed
-// before.
+// before. What waits is the reader's watchdog thread, which is parked between the queries.
 //
-// Ownership: on the stack of the query it guards. Owns one thread, which is joined by the
-// destructor.
-// Threads: the callback runs on the watchdog's thread with its mutex held, so that `timedOut` and
-// the destructor wait until a callback that has begun is done. The callback must not call the
-// watchdog.
+// Ownership: on the stack of the query that it guards. The thread outlives it, and guards one query
+// at a time.
+// Threads: the callback runs on the watchdog thread with its mutex held, so that `timedOut` and the
+// destructor wait until a callback that has begun is done. The callback must not call the watchdog.
 #pragma once
 
 #include <chrono>
 #include <functional>
-#include <thread>
 
-#include "platform/sync.h"
+#include "agent_link/watchdog_thread.h"
 
 namespace zelta {
 
@@ -22,25 +20,17 @@ class QueryWatchdog {
   static constexpr std::chrono::milliseconds kQueryTime{5000};
 
   // Throws std::runtime_error ("Callback is null") for an empty callback, and std::system_error
-  // where no thread can be started. The callback must not throw.
-  explicit QueryWatchdog(std::function<void()> callback,
-                         std::chrono::milliseconds time = kQueryTime);
+  // if the thread is not running and cannot be started. The callback must not throw.
+  QueryWatchdog(WatchdogThread& thread, std::function<void()> callback);
   ~QueryWatchdog();
   QueryWatchdog(const QueryWatchdog&) = delete;
   QueryWatchdog& operator=(const QueryWatchdog&) = delete;
 
-  bool timedOut();
+  bool timedOut() { return thread_.expired(); }
 
  private:
-  void run();
-
-  platform::Mutex mutex_;
-  bool armed_ ZELTA_GUARDED_BY(mutex_) = true;
-  bool timedOut_ ZELTA_GUARDED_BY(mutex_) = false;
-  platform::ConditionVariable condition_;
+  WatchdogThread& thread_;
   const std::function<void()> callback_;
-  const std::chrono::milliseconds time_;
-  std::thread thread_;  // last: runs on all of the above
 };
 
 }  // namespace zelta

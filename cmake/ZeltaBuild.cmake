@@ -34,7 +34,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
   target_compile_options(zelta_options INTERFACE -Wno-array-bounds -Wno-stringop-overflow)
 endif()
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
-  target_compile_options(zelta_options INTERFACE -Wthread-safety)
+  target_compile_options(zelta_options INTERFACE -Wthread-safety -Wthread-safety-beta)
 endif()
 if(ZELTA_SANITIZE)
   target_compile_options(zelta_options INTERFACE -fsanitize=${ZELTA_SANITIZE}

@@ -37,6 +37,7 @@ void writeOrLose(Write write) noexcept {
 }  // namespace
 
 void logDebug(const char* format, ...) {
+  if (isDropped(LogLevel::Debug)) return;
   std::va_list arguments;
   va_start(arguments, format);
   writeOrLose([&] { writeFilteredRecord(LogLevel::Debug, 0, formatMessage(format, arguments)); });
@@ -44,6 +45,7 @@ void logDebug(const char* format, ...) {
 }
 
 void logInfo(const char* format, ...) {
+  if (isDropped(LogLevel::Info)) return;
   std::va_list arguments;
   va_start(arguments, format);
   writeOrLose([&] { writeFilteredRecord(LogLevel::Info, 0, formatMessage(format, arguments)); });
@@ -51,6 +53,7 @@ void logInfo(const char* format, ...) {
 }
 
 void logError(std::uint32_t code, const char* format, ...) {
+  if (isDropped(LogLevel::Error)) return;
   std::va_list arguments;
   va_start(arguments, format);
   writeOrLose([&] {

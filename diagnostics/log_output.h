@@ -9,6 +9,10 @@
 
 namespace zelta {
 
+// Whether a record of that level would be dropped by the logger's level test, so that it need not
+// be made. False while there is no logger: the record's call makes one.
+bool isDropped(LogLevel level);
+
 // Through the logger's level test.
 void writeFilteredRecord(LogLevel level, std::int32_t code, const std::string& message);
 // Straight to the line writer.
@@ -21,7 +25,10 @@ void setSessionLogId(const std::string& id);
 inline constexpr char kNullSessionLogId[] = "00000000-0000-0000-0000-000000000000";
 
 // Ends the process's logger with its threads and closes its file. A later record makes a new one.
-// Must not be called under the operating system's loader lock, nor while another thread logs.
+// Any thread, also while others log: each keeps the logger until its record is written. Must not be
+// called under the operating system's loader lock.
 void shutDownLogging();
+// Whether a record has made a logger that was not ended since.
+bool hasLogger();
 
 }  // namespace zelta

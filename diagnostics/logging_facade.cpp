@@ -12,6 +12,7 @@
 #include "diagnostics/log.h"
 #include "diagnostics/log_output.h"
 #include "logging/zelta_logging.h"
+#include "platform/module_loader.h"
 #include "platform/never_destroyed.h"
 #include "platform/ports.h"
 #include "platform/sync.h"
@@ -38,23 +39,40 @@ constexpr std::uint32_t kHighestEventFilterMode = 3;
 constexpr std::chrono::seconds kPolicyPeriod(1);
 constexpr std::uint32_t kCategory = 0;
 
-// The process's logger and the thread that keeps its threshold as the administrator wants it.
-//
-// Any thread may use it. `loggerMutex_` is held for each use and for the logger's replacement, and
-// is taken before the logger's own locks. The logger's threads never take it, so that a logger can
-// be destroyed under it.
+class LoggerWrapper;
+
+// What `currentThreshold` is while there is no logger; above every level.
+constexpr std::uint32_t kNoLogger = 0xFFFFFFFF;
+
+// Held for each use of the process's logger and for its replacement, so that nobody's logger goes
+// while a record is written; taken before the logger's own locks. The file logger's own threads
+// never take it, so that a session's logger can be replaced under it.
+platform::NeverDestroyed<platform::Mutex> loggerMutexStorage;
+platform::Mutex& loggerMutex = loggerMutexStorage.get();
+
+// The process's logger, made by the first log call and ended by `shutDownLogging`. It owns what it
+// points to, and no destructor of the process's globals ends it: while a process exits the other
+// threads may still log, or may be gone already with a lock in their hands. Every line is on disk
+// by then, and the system takes back the rest.
+LoggerWrapper* theLogger ZELTA_GUARDED_BY(loggerMutex) = nullptr;
+
+// The threshold of `theLogger`, for those who do not want to wait for the mutex; changed under it.
+std::atomic<std::uint32_t> currentThreshold{kNoLogger};
+
+// A logger, the thread that keeps its threshold as the administrator wants it, and a hold on this
+// module: the threads' code stays mapped even if the module is unloaded without having been asked.
 class LoggerWrapper {
  public:
   LoggerWrapper();
-  ~LoggerWrapper();
+  // Without `loggerMutex`, which the thread may need to end.
+  ~LoggerWrapper() ZELTA_EXCLUDES(loggerMutex);
   LoggerWrapper(const LoggerWrapper&) = delete;
   LoggerWrapper& operator=(const LoggerWrapper&) = delete;
 
   // Runs `action` on the current logger. What the logger throws goes no further: a log call does
   // not fail, and a record that cannot be written has no other place to go.
   template <typename Action>
-  void use(Action action) {
-    MutexLock lock(loggerMutex_);
+  void use(Action action) ZELTA_REQUIRES(loggerMutex) {
     try {
       action(*logger_);
     } catch (const std::exception&) {
@@ -62,26 +80,29 @@ class LoggerWrapper {
   }
 
   // Starts a new file. The old logger stays where the new one cannot be made.
-  void startSession(const std::string& id);
+  void startSession(const std::string& id) ZELTA_REQUIRES(loggerMutex);
+
+  std::uint32_t eventFilterMode() const { return eventFilterMode_.load(); }
 
  private:
   std::unique_ptr<FileLoggerWindows> makeLogger(const std::string& sessionLogId) const;
   void watchPolicy() noexcept;
-  void applyPolicy();
-  bool isStoppedAfterWait();
+  void applyPolicy() ZELTA_EXCLUDES(loggerMutex);
+  bool isStoppedAfterWait() ZELTA_EXCLUDES(stopMutex_);
 
-  platform::Mutex loggerMutex_;
+  const platform::ScopedModule hold_;  // given up last
   platform::Mutex stopMutex_;
   bool stopRequested_ ZELTA_GUARDED_BY(stopMutex_) = false;
   platform::ConditionVariable stopCondition_;
   const std::string logDirectory_;
-  std::atomic<std::uint32_t> eventFilterMode_;  // changed under `loggerMutex_` only
-  std::unique_ptr<FileLoggerWindows> logger_ ZELTA_GUARDED_BY(loggerMutex_);
+  std::atomic<std::uint32_t> eventFilterMode_;  // changed under `loggerMutex` only
+  std::unique_ptr<FileLoggerWindows> logger_ ZELTA_GUARDED_BY(loggerMutex);
   std::thread policyWatchThread_;
 };
 
 LoggerWrapper::LoggerWrapper()
-    : logDirectory_(platform::utf8FromUtf16(resolveLogDirectory(*ports().folders))),
+    : hold_(platform::openModuleOf(&theLogger)),
+      logDirectory_(platform::utf8FromUtf16(resolveLogDirectory(*ports().folders))),
       eventFilterMode_(readEventFilterMode(*ports().registry)),
       logger_(makeLogger(kNullSessionLogId)) {
   policyWatchThread_ = std::thread(&LoggerWrapper::watchPolicy, this);
@@ -103,7 +124,6 @@ std::unique_ptr<FileLoggerWindows> LoggerWrapper::makeLogger(
 }
 
 void LoggerWrapper::startSession(const std::string& id) {
-  MutexLock lock(loggerMutex_);
   try {
     logger_ = makeLogger(id);
   } catch (const std::exception&) {
@@ -116,6 +136,7 @@ void LoggerWrapper::watchPolicy() noexcept {
     try {
       applyPolicy();
     } catch (const std::exception& error) {
+      MutexLock lock(loggerMutex);
       use([&error](FileLoggerWindows& logger) {
         logger.LoggerBase::log(static_cast<std::int32_t>(LogLevel::Error), kNoResultCode,
                                error.what());
@@ -127,9 +148,10 @@ void LoggerWrapper::watchPolicy() noexcept {
 void LoggerWrapper::applyPolicy() {
   const std::uint32_t mode = readEventFilterMode(*ports().registry);
   if (mode == eventFilterMode_.load()) return;
-  MutexLock lock(loggerMutex_);
+  MutexLock lock(loggerMutex);
   eventFilterMode_.store(mode);
   logger_->setThreshold(mode);
+  if (theLogger == this) currentThreshold.store(mode, std::memory_order_relaxed);
 }
 
 bool LoggerWrapper::isStoppedAfterWait() {
@@ -138,30 +160,27 @@ bool LoggerWrapper::isStoppedAfterWait() {
       lock, kPolicyPeriod, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return stopRequested_; });
 }
 
-// The process's logger, made by the first log call and ended by `shutDownLogging`. It owns what it
-// points to, and no destructor of the process's globals ends it: while a process exits the other
-// threads may still log, or may be gone already with a lock in their hands. Every line is on disk
-// by then, and the system takes back the rest.
-std::atomic<LoggerWrapper*> theLogger{nullptr};
-platform::NeverDestroyed<platform::Mutex> creationMutex;
-
 // Null where it cannot be made; the next log call tries again.
-LoggerWrapper* loggerOfProcess() {
-  if (LoggerWrapper* existing = theLogger.load(std::memory_order_acquire)) return existing;
-  MutexLock lock(creationMutex.get());
-  LoggerWrapper* logger = theLogger.load(std::memory_order_relaxed);
-  if (logger != nullptr) return logger;
+LoggerWrapper* loggerOfProcess() ZELTA_REQUIRES(loggerMutex) {
+  if (theLogger != nullptr) return theLogger;
   try {
-    logger = std::make_unique<LoggerWrapper>().release();
+    theLogger = std::make_unique<LoggerWrapper>().release();
   } catch (const std::exception&) {
     return nullptr;  // no memory, no thread: the record is lost
   }
-  theLogger.store(logger, std::memory_order_release);
-  return logger;
+  currentThreshold.store(theLogger->eventFilterMode(), std::memory_order_relaxed);
+  return theLogger;
+}
+
+std::unique_ptr<LoggerWrapper> takeLogger() ZELTA_EXCLUDES(loggerMutex) {
+  MutexLock lock(loggerMutex);
+  currentThreshold.store(kNoLogger, std::memory_order_relaxed);
+  return std::unique_ptr<LoggerWrapper>(std::exchange(theLogger, nullptr));
 }
 
 template <typename Action>
 void useLogger(Action action) {
+  MutexLock lock(loggerMutex);
   if (LoggerWrapper* logger = loggerOfProcess()) logger->use(action);
 }
 
@@ -203,6 +222,10 @@ std::uint32_t readEventFilterMode(platform::RegistryApi& registry) {
   return kDefaultEventFilterMode;
 }
 
+bool isDropped(LogLevel level) {
+  return static_cast<std::uint32_t>(level) > currentThreshold.load(std::memory_order_relaxed);
+}
+
 void writeFilteredRecord(LogLevel level, std::int32_t code, const std::string& message) {
   useLogger([&](FileLoggerWindows& logger) {
     logger.LoggerBase::log(static_cast<std::int32_t>(level), code, message);
@@ -216,16 +239,17 @@ void writeRecord(std::uint8_t level, std::int32_t code, const std::string& messa
 }
 
 void logByteDump(const std::uint8_t* bytes, std::uint64_t length, std::uint64_t bytesPerLine) {
+  if (isDropped(LogLevel::Debug)) return;
   useLogger([&](FileLoggerWindows& logger) { writeByteDump(logger, bytes, length, bytesPerLine); });
 }
 
 void setSessionLogId(const std::string& id) {
+  MutexLock lock(loggerMutex);
   if (LoggerWrapper* logger = loggerOfProcess()) logger->startSession(id);
 }
 
-void shutDownLogging() {
-  MutexLock lock(creationMutex.get());
-  const std::unique_ptr<LoggerWrapper> ended(theLogger.exchange(nullptr));
-}
+void shutDownLogging() { takeLogger(); }
+
+bool hasLogger() { return currentThreshold.load(std::memory_order_relaxed) != kNoLogger; }
 
 }  // namespace zelta

@@ -1,18 +1,25 @@
 // The copy of a scope's name that the scoped objects of the diagnostics keep.
 #pragma once
 
-#include <new>
-#include <string>
+#include <algorithm>
+#include <array>
+#include <cstring>
 
 namespace zelta {
 
-// Empty where there is no memory: a trace without a name is better than a lock that is not taken.
-inline std::string copyScopeName(const char* name) noexcept {
-  try {
-    return name;
-  } catch (const std::bad_alloc&) {
-    return std::string();
+// Allocates nothing. A name is cut off after as many characters as a log message can have.
+class ScopeName {
+ public:
+  explicit ScopeName(const char* name) noexcept {
+    const std::size_t length = std::min(std::strlen(name), text_.size() - 1);
+    std::memcpy(text_.data(), name, length);
+    text_[length] = '\0';
   }
-}
+
+  const char* c_str() const { return text_.data(); }
+
+ private:
+  std::array<char, 256> text_;
+};
 
 }  // namespace zelta

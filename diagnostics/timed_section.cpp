@@ -1,13 +1,11 @@
 #include "diagnostics/timed_section.h"
 
 #include "diagnostics/log.h"
-#include "diagnostics/scope_name.h"
 #include "platform/clock.h"
 
 namespace zelta {
 
-TimedSection::TimedSection(const char* name) noexcept
-    : start_(platform::tickCount()), name_(copyScopeName(name)) {
+TimedSection::TimedSection(const char* name) noexcept : start_(platform::tickCount()), name_(name) {
   logDebug("Start section:%s", name_.c_str());
 }
 

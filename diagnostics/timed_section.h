@@ -3,7 +3,8 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
+
+#include "diagnostics/scope_name.h"
 
 namespace zelta {
 
@@ -17,7 +18,7 @@ class TimedSection {
 
  private:
   std::uint32_t start_;  // milliseconds
-  std::string name_;
+  ScopeName name_;
 };
 
 }  // namespace zelta

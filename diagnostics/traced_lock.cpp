@@ -4,7 +4,6 @@
 #include <cstdint>
 
 #include "diagnostics/log.h"
-#include "diagnostics/scope_name.h"
 #include "platform/clock.h"
 
 namespace zelta {
@@ -18,7 +17,7 @@ std::atomic<const platform::CriticalSection*> lastContendedLock{nullptr};
 
 TracedLock::TracedLock(const char* function, platform::CriticalSection& lock, int line,
                        const void* object) noexcept
-    : function_(copyScopeName(function)), line_(line), object_(object), lock_(&lock) {
+    : function_(function), line_(line), object_(object), lock_(&lock) {
   const std::uint32_t start = platform::tickCount();
   if (lock.tryEnter()) return;
   logDebug("Locking: Function:%s, Line:%i, Object:%p, Lock:%p", function_.c_str(), line_, object_,

@@ -7,8 +7,7 @@
 // Never throws.
 #pragma once
 
-#include <string>
-
+#include "diagnostics/scope_name.h"
 #include "platform/critical_section.h"
 
 namespace zelta {
@@ -23,7 +22,7 @@ class ZELTA_SCOPED_CAPABILITY TracedLock {
   TracedLock& operator=(const TracedLock&) = delete;
 
  private:
-  std::string function_;
+  ScopeName function_;
   int line_;
   const void* object_;
   platform::CriticalSection* lock_;  // not owned

@@ -5,7 +5,8 @@
 // may be stopped or removed, and the driver takes its readers down at that question already.
 //
 // Threads: any may pass; one at a time opens, closes and waits. The gate's mutex is held for
-// moments only and nothing else is locked under it; waiting is done with no other lock held.
+// moments only and nothing else is locked under it. Whoever waits holds no lock that anybody inside
+// may need.
 #pragma once
 
 #include <cstddef>

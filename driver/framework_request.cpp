@@ -7,37 +7,9 @@ namespace zelta {
 
 namespace {
 
-using framework::ComPtr;
 using framework::HRESULT;
-using framework::IWDFFile;
 using framework::IWDFIoRequest;
-using framework::IWDFMemory;
 using framework::IWDFObject;
-
-class FrameworkMemory final : public IoMemory {
- public:
-  explicit FrameworkMemory(ComPtr<IWDFMemory> memory) : memory_(std::move(memory)) {}
-
-  void* dataBuffer(std::size_t* size) override { return memory_->GetDataBuffer(size); }
-  HRESULT copyFromBuffer(std::size_t offset, const void* source, std::size_t size) override {
-    return memory_->CopyFromBuffer(offset, source, size);
-  }
-
- private:
-  ComPtr<IWDFMemory> memory_;
-};
-
-class FrameworkFile final : public IoFile {
- public:
-  explicit FrameworkFile(ComPtr<IWDFFile> file) : file_(std::move(file)) {}
-
-  HRESULT retrieveFileName(wchar_t* buffer, framework::DWORD* capacity) override {
-    return file_->RetrieveFileName(buffer, capacity);
-  }
-
- private:
-  ComPtr<IWDFFile> file_;
-};
 
 // The adapter's home: its first reference is the attachment's, given back by the cleanup.
 class RequestContext final
@@ -81,25 +53,19 @@ void FrameworkRequest::completeWithInformation(HRESULT status, std::size_t infor
 
 void FrameworkRequest::complete(HRESULT status) { request_->Complete(status); }
 
-std::unique_ptr<IoMemory> FrameworkRequest::inputMemory() {
-  ComPtr<IWDFMemory> memory;
-  request_->GetInputMemory(memory.put());
-  if (!memory) return nullptr;
-  return std::make_unique<FrameworkMemory>(std::move(memory));
+Held<IoMemory> FrameworkRequest::inputMemory() {
+  request_->GetInputMemory(input_.reference().put());
+  return Held<IoMemory>(input_.reference() ? &input_ : nullptr);
 }
 
-std::unique_ptr<IoMemory> FrameworkRequest::outputMemory() {
-  ComPtr<IWDFMemory> memory;
-  request_->GetOutputMemory(memory.put());
-  if (!memory) return nullptr;
-  return std::make_unique<FrameworkMemory>(std::move(memory));
+Held<IoMemory> FrameworkRequest::outputMemory() {
+  request_->GetOutputMemory(output_.reference().put());
+  return Held<IoMemory>(output_.reference() ? &output_ : nullptr);
 }
 
-std::unique_ptr<IoFile> FrameworkRequest::fileObject() {
-  ComPtr<IWDFFile> file;
-  request_->GetFileObject(file.put());
-  if (!file) return nullptr;
-  return std::make_unique<FrameworkFile>(std::move(file));
+Held<IoFile> FrameworkRequest::fileObject() {
+  request_->GetFileObject(file_.reference().put());
+  return Held<IoFile>(file_.reference() ? &file_ : nullptr);
 }
 
 void FrameworkRequest::markCancelable(framework::IRequestCallbackCancel* callback) {

@@ -13,6 +13,33 @@
 
 namespace zelta {
 
+// References on the framework's objects, empty while nobody holds them.
+class FrameworkMemory final : public IoMemory {
+ public:
+  framework::ComPtr<framework::IWDFMemory>& reference() { return memory_; }
+  void* dataBuffer(std::size_t* size) override { return memory_->GetDataBuffer(size); }
+  framework::HRESULT copyFromBuffer(std::size_t offset, const void* source,
+                                    std::size_t size) override {
+    return memory_->CopyFromBuffer(offset, source, size);
+  }
+  void release() noexcept override { memory_.reset(); }
+
+ private:
+  framework::ComPtr<framework::IWDFMemory> memory_;
+};
+
+class FrameworkFile final : public IoFile {
+ public:
+  framework::ComPtr<framework::IWDFFile>& reference() { return file_; }
+  framework::HRESULT retrieveFileName(wchar_t* buffer, framework::DWORD* capacity) override {
+    return file_->RetrieveFileName(buffer, capacity);
+  }
+  void release() noexcept override { file_.reset(); }
+
+ private:
+  framework::ComPtr<framework::IWDFFile> file_;
+};
+
 class FrameworkRequest final : public IoRequest {
  public:
   // `request` is not owned and outlives this. For a request that could not be attached, an adapter
@@ -31,9 +58,9 @@ class FrameworkRequest final : public IoRequest {
 
   void completeWithInformation(framework::HRESULT status, std::size_t information) override;
   void complete(framework::HRESULT status) override;
-  std::unique_ptr<IoMemory> inputMemory() override;
-  std::unique_ptr<IoMemory> outputMemory() override;
-  std::unique_ptr<IoFile> fileObject() override;
+  Held<IoMemory> inputMemory() override;
+  Held<IoMemory> outputMemory() override;
+  Held<IoFile> fileObject() override;
   void markCancelable(framework::IRequestCallbackCancel* callback) override;
   framework::HRESULT unmarkCancelable() override;
   void addRef() override;
@@ -42,6 +69,9 @@ class FrameworkRequest final : public IoRequest {
  private:
   framework::IWDFIoRequest* request_;
   framework::IUnknown* home_;  // not owned: it owns this; null where the caller does
+  FrameworkMemory input_;
+  FrameworkMemory output_;
+  FrameworkFile file_;
 };
 
 }  // namespace zelta

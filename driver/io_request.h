@@ -14,24 +14,42 @@
 
 namespace zelta {
 
-// A buffer of a request. Valid while the request is not completed; the holder releases it.
+// A buffer of a request. Valid while the request is not completed; released before that.
 class IoMemory {
  public:
-  virtual ~IoMemory() = default;
   // The data pointer; `size` in bytes.
   virtual void* dataBuffer(std::size_t* size) = 0;
   // Fails, and copies nothing, where the bytes do not fit.
   virtual framework::HRESULT copyFromBuffer(std::size_t offset, const void* source,
                                             std::size_t size) = 0;
+  virtual void release() noexcept = 0;
+
+ protected:
+  ~IoMemory() = default;
 };
 
 // The file object through which the caller opened the device.
 class IoFile {
  public:
-  virtual ~IoFile() = default;
   // `capacity` is in characters, the terminator included, and is updated.
   virtual framework::HRESULT retrieveFileName(wchar_t* buffer, framework::DWORD* capacity) = 0;
+  virtual void release() noexcept = 0;
+
+ protected:
+  ~IoFile() = default;
 };
+
+struct Releaser {
+  template <typename Object>
+  void operator()(Object* held) const noexcept {
+    held->release();
+  }
+};
+
+// One of a request's objects, released at the end of the scope. The object may live in its request,
+// so that holding it allocates nothing.
+template <typename Object>
+using Held = std::unique_ptr<Object, Releaser>;
 
 class IoRequest {
  public:
@@ -42,10 +60,10 @@ class IoRequest {
   // Finishes the request with a status and no byte count.
   virtual void complete(framework::HRESULT status) = 0;
 
-  // Each a new holder, or none where the request has no such object.
-  virtual std::unique_ptr<IoMemory> inputMemory() = 0;
-  virtual std::unique_ptr<IoMemory> outputMemory() = 0;
-  virtual std::unique_ptr<IoFile> fileObject() = 0;
+  // Each a new reference, or none where the request has no such object. Held once at a time.
+  virtual Held<IoMemory> inputMemory() = 0;
+  virtual Held<IoMemory> outputMemory() = 0;
+  virtual Held<IoFile> fileObject() = 0;
 
   // Registers the cancel callback of a request that is kept waiting. The callback may run before
   // this returns.

@@ -1,7 +1,6 @@
 #include "driver/memory_util.h"
 
 #include <array>
-#include <memory>
 
 #include "diagnostics/log.h"
 #include "diagnostics/traced_lock.h"
@@ -12,15 +11,9 @@ namespace zelta {
 
 namespace {
 
-std::unique_ptr<IoMemory> requireInput(IoRequest& request) {
-  std::unique_ptr<IoMemory> memory = request.inputMemory();
-  if (memory == nullptr) logError(kNoError, "GetInputMemory failed");
-  return memory;
-}
-
 void answer(ReaderDevice& device, IoRequest& request, const void* bytes, std::size_t size,
             const char* operation) {
-  std::unique_ptr<IoMemory> memory = request.outputMemory();
+  Held<IoMemory> memory = request.outputMemory();
   const TracedLock lock(operation, device.deviceLock(), __LINE__);
   if (memory == nullptr) {
     logError(platform::error::kGenFailure, "GetOutputMemory failed");
@@ -35,25 +28,28 @@ void answer(ReaderDevice& device, IoRequest& request, const void* bytes, std::si
 
 }  // namespace
 
+InputBytes::InputBytes(IoRequest& request) : memory_(request.inputMemory()) {
+  if (memory_ == nullptr) {
+    logError(kNoError, "GetInputMemory failed");
+    return;
+  }
+  data_ = static_cast<const std::uint8_t*>(memory_->dataBuffer(&size_));
+}
+
 bool MemoryUtil::getBuffer(IoRequest& request, std::vector<std::uint8_t>& bytes) {
-  const std::unique_ptr<IoMemory> memory = requireInput(request);
-  if (memory == nullptr) return false;
-  std::size_t size = 0;
-  const auto* data = static_cast<const std::uint8_t*>(memory->dataBuffer(&size));
-  if (size == 0) {
+  const InputBytes input(request);
+  if (!input) return false;
+  if (input.size() == 0) {
     bytes.clear();
   } else {
-    bytes.assign(data, data + size);
+    bytes.assign(input.data(), input.data() + input.size());
   }
   return true;
 }
 
 std::int32_t MemoryUtil::getInt(IoRequest& request) {
-  const std::unique_ptr<IoMemory> memory = requireInput(request);
-  if (memory == nullptr) return -1;
-  std::size_t size = 0;
-  const auto* data = static_cast<const std::uint8_t*>(memory->dataBuffer(&size));
-  return static_cast<std::int32_t>(loadLittleEndian(data));
+  const InputBytes input(request);
+  return input ? static_cast<std::int32_t>(loadLittleEndian(input.data())) : -1;
 }
 
 void MemoryUtil::setBuffer(ReaderDevice& device, IoRequest& request,

@@ -18,6 +18,22 @@
 
 namespace zelta {
 
+// A request's input where it lies, for as long as this lives.
+class InputBytes {
+ public:
+  explicit InputBytes(IoRequest& request);
+
+  // False where the request has no input memory.
+  explicit operator bool() const { return memory_ != nullptr; }
+  const std::uint8_t* data() const { return data_; }
+  std::size_t size() const { return size_; }
+
+ private:
+  const Held<IoMemory> memory_;
+  const std::uint8_t* data_ = nullptr;
+  std::size_t size_ = 0;
+};
+
 class MemoryUtil {
  public:
   // The whole input; false where the request has no input memory.

@@ -8,6 +8,8 @@
 #include "driver/entry_point.h"
 #include "driver/identifiers.h"
 #include "framework/com_object.h"
+#include "platform/never_destroyed.h"
+#include "platform/sync.h"
 
 namespace zelta {
 
@@ -26,6 +28,13 @@ framework::IClassFactory* createDriverFactory() { return framework::createObject
 
 constexpr ClassEntry kClasses[] = {{kDriverClassId, createDriverFactory}};
 
+// One question at a time whether the module may go.
+platform::NeverDestroyed<platform::Mutex> unloadMutex;
+
+bool unused() { return lockCount.load(std::memory_order_acquire) == 0; }
+
+framework::HRESULT answerWhetherUnused() { return unused() ? framework::kOk : framework::kFalse; }
+
 // The logger's threads end here, not in a global destructor: that would run while the system holds
 // its loader lock, which an ending thread needs, and joining would wait for ever. What the entry
 // point had to say is written already; a later log call makes a new logger. False where the
@@ -37,15 +46,6 @@ bool endLogging() {
     return false;
   }
   return true;
-}
-
-bool unused() { return lockCount.load(std::memory_order_acquire) == 0; }
-
-// Registration tools load the module, call one of these and unload it without asking.
-framework::HRESULT runRegistration(const char* name) {
-  const framework::HRESULT result = runEntryPoint(name, [] { return framework::kOk; });
-  if (unused()) endLogging();
-  return result;
 }
 
 framework::HRESULT findClassObject(framework::REFCLSID classId, framework::REFIID iid, void** out) {
@@ -77,15 +77,21 @@ framework::HRESULT getClassObject(framework::REFCLSID classId, framework::REFIID
 }
 
 framework::HRESULT canUnload() {
-  const framework::HRESULT result = runEntryPoint(
-      "DllCanUnloadNow", [] { return unused() ? framework::kOk : framework::kFalse; });
+  const platform::MutexLock lock(unloadMutex.get());
+  // Deliberate: no timed section without a logger, which it would make only to be ended again.
+  if (!hasLogger()) return answerWhetherUnused();
+  const framework::HRESULT result = runEntryPoint("DllCanUnloadNow", answerWhetherUnused);
   if (result != framework::kOk) return result;
   return endLogging() ? framework::kOk : framework::kFalse;
 }
 
-framework::HRESULT registerServer() { return runRegistration("DllRegisterServer"); }
+framework::HRESULT registerServer() {
+  return runEntryPoint("DllRegisterServer", [] { return framework::kOk; });
+}
 
-framework::HRESULT unregisterServer() { return runRegistration("DllUnregisterServer"); }
+framework::HRESULT unregisterServer() {
+  return runEntryPoint("DllUnregisterServer", [] { return framework::kOk; });
+}
 
 }  // namespace module
 

@@ -16,7 +16,6 @@ namespace {
 using framework::ComPtr;
 using framework::HRESULT;
 
-constexpr std::int32_t kReaderCount = 1;
 constexpr std::uint16_t kWinsockVersion = 0x0202;  // 2.2
 
 constexpr char kD0Entry[] = "CMyDevice::OnD0Entry";
@@ -65,16 +64,15 @@ HRESULT CMyDevice::CreateInstance(framework::IWDFDriver* driver,
     }
     ComPtr<framework::IWDFDevice> wdfDevice;
     const HRESULT result = registerDevice(*device.get(), *driver, *init, wdfDevice);
-    device->numReaders_ = kReaderCount;
     startWinsock();
     // Without the framework's device there is nothing to publish interfaces on.
-    if (wdfDevice) device->publishInterfaces(*wdfDevice.get());
+    if (wdfDevice) publishInterfaces(*wdfDevice.get());
     return result;
   });
 }
 
 void CMyDevice::publishInterfaces(framework::IWDFDevice& wdfDevice) {
-  for (std::int32_t index = 0; index < numReaders_; ++index) {
+  for (std::int32_t index = 0; index < kReaderCount; ++index) {
     const std::wstring name = readerReferenceString(static_cast<std::uint32_t>(index));
     logInfo("CreateDeviceInterface [device name: %s]", narrowText(name).c_str());
     const HRESULT result =
@@ -89,7 +87,9 @@ HRESULT CMyDevice::OnPrepareHardware(framework::IWDFDevice* wdfDevice) {
       logError(code(status::kInvalidArgument), "[PrepareHW]Invalid device");
       return status::kInvalidArgument;
     }
-    if (wdfDevice != wdfDevice_.get()) wdfDevice_ = ComPtr<framework::IWDFDevice>(wdfDevice);
+    ComPtr<framework::IWDFDevice> device(wdfDevice);  // then the former, let go without the lock
+    const platform::MutexLock lock(powerMutex_);
+    if (wdfDevice != wdfDevice_.get()) std::swap(device, wdfDevice_);
     return CMyQueue::CreateInstance(wdfDevice, this);
   });
 }
@@ -100,7 +100,9 @@ HRESULT CMyDevice::OnReleaseHardware(framework::IWDFDevice* wdfDevice) {
       logError(code(status::kInvalidArgument), "[ReleaseHW]Invalid device");
       return status::kInvalidArgument;
     }
-    if (wdfDevice == wdfDevice_.get()) wdfDevice_.reset();
+    ComPtr<framework::IWDFDevice> released;  // let go without the lock
+    const platform::MutexLock lock(powerMutex_);
+    if (wdfDevice == wdfDevice_.get()) std::swap(released, wdfDevice_);
     return status::kSuccess;
   });
 }
@@ -108,6 +110,7 @@ HRESULT CMyDevice::OnReleaseHardware(framework::IWDFDevice* wdfDevice) {
 HRESULT CMyDevice::OnD0Entry(framework::IWDFDevice* /*wdfDevice*/,
                              framework::EnumValue /*previous*/) {
   return runEntryPoint(kD0Entry, [&] {
+    const platform::MutexLock power(powerMutex_);
     stopDispatch();
     const HRESULT result = createReaders();
     gate_.open();
@@ -150,31 +153,25 @@ void CMyDevice::addReader(std::uint32_t index) {
 }
 
 HRESULT CMyDevice::OnD0Exit(framework::IWDFDevice* /*wdfDevice*/, framework::EnumValue /*next*/) {
-  return runEntryPoint("CMyDevice::OnD0Exit", [&] {
-    shutDown();
-    return status::kSuccess;
-  });
+  return leaveWorkingState("CMyDevice::OnD0Exit", nullptr);
 }
 
 void CMyDevice::OnSurpriseRemoval(framework::IWDFDevice* /*wdfDevice*/) {
-  (void)runEntryPoint("CMyDevice::OnSurpriseRemoval", [&] {
-    logInfo("OnSurpriseRemoval");
-    shutDown();
-    return status::kSuccess;
-  });
+  (void)leaveWorkingState("CMyDevice::OnSurpriseRemoval", "OnSurpriseRemoval");
 }
 
 HRESULT CMyDevice::OnQueryRemove(framework::IWDFDevice* /*wdfDevice*/) {
-  return runEntryPoint("CMyDevice::OnQueryRemove", [&] {
-    logInfo("OnQueryRemove");
-    shutDown();
-    return status::kSuccess;
-  });
+  return leaveWorkingState("CMyDevice::OnQueryRemove", "OnQueryRemove");
 }
 
 HRESULT CMyDevice::OnQueryStop(framework::IWDFDevice* /*wdfDevice*/) {
-  return runEntryPoint("CMyDevice::OnQueryStop", [&] {
-    logInfo("OnQueryStop");
+  return leaveWorkingState("CMyDevice::OnQueryStop", "OnQueryStop");
+}
+
+HRESULT CMyDevice::leaveWorkingState(const char* operation, const char* announcement) {
+  return runEntryPoint(operation, [&] {
+    const platform::MutexLock power(powerMutex_);
+    if (announcement != nullptr) logInfo("%s", announcement);
     shutDown();
     return status::kSuccess;
   });
@@ -184,8 +181,9 @@ void CMyDevice::shutDown() {
   const TimedSection section("CMyDevice::shutDown");
   stopDispatch();
   // By the count, deliberately; a reader that could not be made is not there to be told.
-  for (std::int32_t index = 0; index < numReaders_; ++index) {
-    tellReaderToShutDown(static_cast<std::size_t>(index));
+  const Readers& working = readers();
+  for (std::size_t index = 0; index < static_cast<std::size_t>(numReaders_); ++index) {
+    if (index < working.size() && working[index] != nullptr) tellToShutDown(*working[index]);
   }
   destroyReaders();
   numReaders_ = 0;
@@ -194,23 +192,22 @@ void CMyDevice::shutDown() {
 
 void CMyDevice::stopDispatch() {
   gate_.close();
-  for (const std::unique_ptr<Reader>& reader : readers_) {
+  for (const std::unique_ptr<Reader>& reader : readers()) {
     if (reader != nullptr) reader->endExchanges();
   }
   gate_.awaitEmpty();
 }
 
-void CMyDevice::tellReaderToShutDown(std::size_t index) {
-  if (index >= readers_.size() || readers_[index] == nullptr) return;
+void CMyDevice::tellToShutDown(Reader& reader) {
   try {
-    readers_[index]->shutdown();
+    reader.shutdown();
   } catch (const std::exception&) {
     (void)statusOfException("CMyDevice::shutDown");  // the others are told nevertheless
   }
 }
 
 void CMyDevice::destroyReaders() {
-  std::vector<std::unique_ptr<Reader>> leaving;
+  Readers leaving;
   {
     const TracedLock lock("CMyDevice::destroyReaders", deviceLock_, __LINE__);
     leaving.swap(readers_);

@@ -1,7 +1,7 @@
 // The device's part in I/O: finding the reader of a request, dispatch and cancellation.
 #include <algorithm>
 #include <array>
-#include <string>
+#include <string_view>
 
 #include "diagnostics/traced_lock.h"
 #include "driver/entry_point.h"
@@ -23,17 +23,23 @@ constexpr char kCancel[] = "CMyDevice::OnCancel";
 
 constexpr std::size_t kFileNameCapacity = 300;  // characters, the terminator included
 
-// The file's name up to its terminator.
-HRESULT readFileName(IoFile& file, std::wstring& name) {
-  std::array<wchar_t, kFileNameCapacity> buffer{};
-  auto capacity = static_cast<framework::DWORD>(buffer.size());
-  const HRESULT result = file.retrieveFileName(buffer.data(), &capacity);
-  if (framework::failed(result)) return result;
-  name.assign(buffer.begin(), std::find(buffer.begin(), buffer.end(), L'\0'));
-  return result;
-}
+// A file's name up to its terminator, in place; empty until it is read.
+class FileName {
+ public:
+  HRESULT readFrom(IoFile& file) {
+    auto capacity = static_cast<framework::DWORD>(buffer_.size());
+    return file.retrieveFileName(buffer_.data(), &capacity);
+  }
+  std::wstring_view text() const {
+    const auto* const end = std::find(buffer_.begin(), buffer_.end(), L'\0');
+    return {buffer_.data(), static_cast<std::size_t>(end - buffer_.begin())};
+  }
 
-void logUnusableName(const std::wstring& name, const char* reason) noexcept {
+ private:
+  std::array<wchar_t, kFileNameCapacity> buffer_{};
+};
+
+void logUnusableName(std::wstring_view name, const char* reason) noexcept {
   constexpr char kFormat[] = "Instance ID cannot be retrieved from request [filename:%s]: %s";
   try {
     logError(kNoError, kFormat, narrowText(name).c_str(), reason);
@@ -94,12 +100,12 @@ void CMyDevice::ProcessIoControl(framework::IWDFIoQueue* /*queue*/,
 void CMyDevice::route(IoRequest& request, std::uint32_t code, std::size_t inLength,
                       std::size_t outLength) {
   const DispatchGate::Pass pass(gate_);
-  if (!pass.admitted() || readers_.empty()) {
+  if (!pass.admitted() || readers(pass).empty()) {
     logError(error::kInvalidState, "[IOCT]No reader available: ERROR_INVALID_STATE:%08X", code);
     finish(request, status::kInvalidState, kProcess, __LINE__);
     return;
   }
-  Reader* reader = findReader(request, code);
+  Reader* reader = findReader(readers(pass), request, code);
   if (reader == nullptr) {
     finish(request, status::kInvalidState, kProcess, __LINE__);
     return;
@@ -113,17 +119,17 @@ void CMyDevice::route(IoRequest& request, std::uint32_t code, std::size_t inLeng
   (reader->*handler)(&request, inLength, outLength);
 }
 
-Reader* CMyDevice::findReader(IoRequest& request, std::uint32_t code) {
+Reader* CMyDevice::findReader(const Readers& readers, IoRequest& request, std::uint32_t code) {
   std::uint32_t index = 0;
   if (!getReaderInstanceId(request, index)) {
     logError(error::kInvalidState, "[IOCT]Instance ID cannot be retrieved");
     return nullptr;
   }
-  if (index > readers_.size() - 1) {
+  if (index > readers.size() - 1) {
     logError(error::kInvalidState, "[IOCT]Out of range reader: ERROR_INVALID_STATE:%08X", code);
     return nullptr;
   }
-  Reader* reader = readers_[index].get();
+  Reader* reader = readers[index].get();
   if (reader == nullptr) {
     logError(error::kInvalidState, "[IOCT]Reader is null: ERROR_INVALID_STATE:%08X", code);
   }
@@ -133,22 +139,22 @@ Reader* CMyDevice::findReader(IoRequest& request, std::uint32_t code) {
 bool CMyDevice::getReaderInstanceId(IoRequest& request, std::uint32_t& index) noexcept {
   index = 0;
   const TracedLock lock("CMyDevice::getReaderInstanceId", deviceLock_, __LINE__);
-  std::wstring name;
+  FileName name;
   try {
-    const std::unique_ptr<IoFile> file = request.fileObject();
+    const Held<IoFile> file = request.fileObject();
     if (file == nullptr) {
       logError(kNoError, "Instance ID cannot be retrieved: file object is null");
       return false;
     }
-    const HRESULT result = readFileName(*file, name);
+    const HRESULT result = name.readFrom(*file);
     if (framework::failed(result)) {
       logError(static_cast<std::uint32_t>(result), "Instance ID cannot be retrieved from request");
       return false;
     }
-    index = parseReaderIndex(name);
+    index = parseReaderIndex(name.text());
     return true;
   } catch (const std::exception& failure) {
-    logUnusableName(name, failure.what());
+    logUnusableName(name.text(), failure.what());
     return false;
   }
 }
@@ -167,20 +173,29 @@ void CMyDevice::OnCancel(framework::IWDFIoRequest* request) {
 
 void CMyDevice::cancel(IoRequest& request) noexcept {
   std::uint32_t index = 0;
-  if (!getReaderInstanceId(request, index)) {
-    logError(error::kCancelled, "[OnCancel]Instance ID cannot be retrieved");
-    finish(request, status::kCancelled, kCancel, __LINE__);
+  const bool routed = getReaderInstanceId(request, index);
+  if (!routed) logError(error::kCancelled, "[OnCancel]Instance ID cannot be retrieved");
+  const TracedLock lock(kCancel, deviceLock_, __LINE__);
+  if (!routed) {
+    cancelUnrouted(request);
     return;
   }
-  const TracedLock lock(kCancel, deviceLock_, __LINE__);
   // The reader that marked the request cancelable is there, unless it has been shut down while the
   // framework was on its way here; it has dropped the request from its lists then.
   if (index >= readers_.size() || readers_[index] == nullptr) {
     logError(error::kCancelled, "[OnCancel]The reader is gone");
-    request.completeWithInformation(status::kCancelled, 0);
+    cancelUnrouted(request);
     return;
   }
   readers_[index]->IoCancelRequest(&request);
+}
+
+void CMyDevice::cancelUnrouted(IoRequest& request) {
+  // The name led to a reader when the request was queued; it need not do so again.
+  for (const std::unique_ptr<Reader>& reader : readers_) {
+    if (reader != nullptr && reader->stopWaiting(request)) break;
+  }
+  request.completeWithInformation(status::kCancelled, 0);
 }
 
 void CMyDevice::finish(IoRequest& request, HRESULT status, const char* operation, int line) {

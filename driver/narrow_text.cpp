@@ -20,7 +20,7 @@ void appendPair(std::u16string& units, std::uint32_t character) {
 
 }  // namespace
 
-std::string narrowText(const std::wstring& text) {
+std::string narrowText(std::wstring_view text) {
   std::u16string units;
   units.reserve(text.size());
   for (const wchar_t wide : text) {

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace zelta {
 
@@ -14,6 +15,6 @@ std::wstring readerReferenceString(std::uint32_t index);
 // at least one digit; whatever follows is ignored. A negative number is given as the large unsigned
 // one that it wraps to. Throws std::invalid_argument "Device name prefix not found" and "invalid
 // stoi argument" (no digit), and std::out_of_range "stoi argument out of range" (32 bits, signed).
-std::uint32_t parseReaderIndex(std::wstring fileName);
+std::uint32_t parseReaderIndex(std::wstring_view fileName);
 
 }  // namespace zelta

@@ -57,6 +57,10 @@ inline constexpr std::uint32_t EVENT_PIPE_NAME = 0x0007A00B;
 // The tags that a deriving reader answers, or refuses.
 inline constexpr std::uint32_t kFirstVendorDefinedAttribute = PIPE_NAME;
 inline constexpr std::uint32_t kLastVendorDefinedAttribute = 0x0007A00E;
+// Deliberately added beside the others, outside the vendor-defined range: for a host that brings a
+// reader back which has stopped serving: 0 while the reader's server thread serves, 997 while it
+// still creates its pipes, otherwise the code that the thread has ended with. 32 bits.
+inline constexpr std::uint32_t SERVER_RESULT = 0x0007A010;
 inline constexpr std::uint32_t SCARD_ATTR_CURRENT_PROTOCOL_TYPE = 0x00080201;
 inline constexpr std::uint32_t SCARD_ATTR_CURRENT_IFSC = 0x00080207;
 inline constexpr std::uint32_t SCARD_ATTR_ATR_STRING = 0x00090303;

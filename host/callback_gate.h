@@ -1,4 +1,4 @@
-// Lets threads into the driver's callbacks until it is closed, and then waits for those inside.
+// Lets threads in until it is closed, and then waits for those inside.
 #pragma once
 
 #include <cstddef>
@@ -9,39 +9,48 @@ namespace zelta::host {
 
 class CallbackGate {
  public:
-  // Inside for a scope, where the gate is open.
+  // One thread's way through; inside, if the gate was open, until it leaves.
   class Pass {
    public:
-    explicit Pass(CallbackGate& gate) : gate_(gate), inside_(gate.enter()) {}
-    ~Pass() {
-      if (inside_) gate_.leave();
-    }
+    Pass() = default;
+    explicit Pass(CallbackGate& gate) { enter(gate); }
+    ~Pass() { leave(); }
     Pass(const Pass&) = delete;
     Pass& operator=(const Pass&) = delete;
 
-    explicit operator bool() const { return inside_; }
+    void enter(CallbackGate& gate) {
+      if (gate.admit()) gate_ = &gate;
+    }
+    void leave() {
+      if (gate_ != nullptr) gate_->release();
+      gate_ = nullptr;
+    }
+    explicit operator bool() const { return gate_ != nullptr; }
 
    private:
-    CallbackGate& gate_;
-    const bool inside_;
+    CallbackGate* gate_ = nullptr;  // not owned; null: not inside
   };
 
-  // Nobody enters from now on; returns when everybody has left. Not for a thread that is inside.
+  // Nobody enters from now on; who is inside stays there.
   void close() ZELTA_EXCLUDES(mutex_) {
     platform::MutexLock lock(mutex_);
     open_ = false;
+  }
+  // Returns when everybody has left; for a gate that is closed, and a thread that is not inside.
+  void awaitEmpty() ZELTA_EXCLUDES(mutex_) {
+    platform::MutexLock lock(mutex_);
     empty_.wait(lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return inside_ == 0; });
   }
 
  private:
-  bool enter() ZELTA_EXCLUDES(mutex_) {
+  bool admit() ZELTA_EXCLUDES(mutex_) {
     platform::MutexLock lock(mutex_);
     if (open_) ++inside_;
     return open_;
   }
-  void leave() ZELTA_EXCLUDES(mutex_) {
+  void release() ZELTA_EXCLUDES(mutex_) {
     platform::MutexLock lock(mutex_);
-    if (--inside_ == 0) empty_.notifyAll();
+    if (--inside_ == 0 && !open_) empty_.notifyAll();
   }
 
   platform::Mutex mutex_;

@@ -1,6 +1,8 @@
 #include "host/driver_host.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -20,6 +22,17 @@ void printDriverError(const std::string& text) {
   std::fprintf(stderr, "zelta host: %s\n", text.c_str());
 }
 
+InputParts whole(const std::vector<std::uint8_t>& input) {
+  return {{}, {input.data(), input.size()}};
+}
+
+// How many bytes it was.
+std::size_t copyFront(ConstBytes source, MutableBytes target) {
+  const std::size_t size = std::min(source.size, target.size);
+  if (size > 0) std::memcpy(target.data, source.data, size);
+  return size;
+}
+
 class FileHandle final : public File {
  public:
   FileHandle(std::shared_ptr<IoEngine> engine, ComPtr<WdfFile> file)
@@ -37,17 +50,29 @@ class FileHandle final : public File {
 
   IoResult control(std::uint32_t code, const std::vector<std::uint8_t>& input,
                    std::size_t outputCapacity, std::chrono::milliseconds limit) override {
-    const std::shared_ptr<IoOperation> operation = submit(code, input, outputCapacity, nullptr);
-    if (operation->wait(limit)) return operation->result();
-    operation->cancel();
-    IoResult timedOut;
-    timedOut.status = kTimedOut;
-    return timedOut;
+    const BlockingControl control(*engine_, file_, {code, whole(input), outputCapacity}, limit);
+    IoResult result;
+    result.information = control.end().information;
+    result.status = withoutMemoryErrors([&] {
+      result.output.assign(control.output().data, control.output().data + control.output().size);
+      return control.end().status;
+    });
+    return result;
+  }
+
+  IoEnd controlInParts(std::uint32_t code, const InputParts& input, const OutputParts& output,
+                       std::chrono::milliseconds limit) override {
+    if (output.body.size > SIZE_MAX - output.header.size) return {kOutOfMemory, 0};
+    const std::size_t capacity = output.header.size + output.body.size;
+    const BlockingControl control(*engine_, file_, {code, input, capacity}, limit);
+    const std::size_t inBody = copyFront(control.output(), output.header);
+    copyFront({control.output().data + inBody, control.output().size - inBody}, output.body);
+    return control.end();
   }
 
   std::shared_ptr<IoOperation> submit(std::uint32_t code, const std::vector<std::uint8_t>& input,
                                       std::size_t outputCapacity, Completion completion) override {
-    return engine_->submit(file_, IoControl{code, input, outputCapacity}, std::move(completion));
+    return engine_->submit(file_, {code, whole(input), outputCapacity}, std::move(completion));
   }
 
  private:
@@ -58,8 +83,7 @@ class FileHandle final : public File {
 class ModuleHost final : public DriverHost {
  public:
   ModuleHost(const std::string& modulePath, HostOptions options)
-      : maximumThreads_(options.maximumDispatchThreads == 0 ? 1 : options.maximumDispatchThreads),
-        errors_(std::make_shared<DriverErrors>(options.driverError ? std::move(options.driverError)
+      : errors_(std::make_shared<DriverErrors>(options.driverError ? std::move(options.driverError)
                                                                    : printDriverError)),
         module_(modulePath) {}
 
@@ -88,7 +112,6 @@ class ModuleHost final : public DriverHost {
   void check(HRESULT result, const char* callback);
   void note(HRESULT result, const char* callback) const noexcept;
 
-  const std::size_t maximumThreads_;
   const SharedDriverErrors errors_;
   DriverModule module_;
 
@@ -155,7 +178,7 @@ void ModuleHost::powerUp() {
 }
 
 void ModuleHost::startIo() {
-  auto engine = std::make_shared<IoEngine>(errors_, device_->defaultQueue(), maximumThreads_);
+  auto engine = std::make_shared<IoEngine>(errors_, device_->defaultQueue());
   MutexLock lock(mutex_);
   engine_ = std::move(engine);
   openDevice_ = device_;
@@ -168,13 +191,16 @@ void ModuleHost::stopIo() noexcept {
     stopped_ = std::move(engine_);
     device = std::move(openDevice_);
   }
-  if (stopped_) stopped_->stop();
+  if (stopped_) stopped_->close();
 }
 
+// A queue that is not power-managed delivers I/O until the end, and the driver ends what its
+// handlers do when it leaves its working state: only then are they waited for.
 void ModuleHost::powerDown() noexcept {
   if (stage_ == Stage::kWorking && device_->pnp() != nullptr) {
     note(device_->pnp()->OnD0Exit(device_.get(), framework::kPowerDeviceD3Final), "OnD0Exit");
   }
+  if (stopped_) stopped_->awaitCallbacks();
   if (stage_ >= Stage::kPrepared && device_->hardware() != nullptr) {
     note(device_->hardware()->OnReleaseHardware(device_.get()), "OnReleaseHardware");
   }

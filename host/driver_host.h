@@ -7,8 +7,9 @@
 //   IoResult result = file->control(IOCTL_SMARTCARD_GET_STATE, {}, 4, 2s);
 //   host->tearDown();
 //
-// Ownership: a `DriverHost` owns the loaded module, the device, its dispatch threads and every
-// request in flight. Files and operations are handles of the caller's, independent of the host's
+// Ownership: a `DriverHost` owns the loaded module, the device and every request that waits in the
+// driver. It has no threads: an I/O control is dispatched on its caller's, and callbacks overlap
+// where callers do. Files and operations are handles of the caller's, independent of the host's
 // life: used after `tearDown` they fail with `kDeviceGone`.
 // Threads: every method may be called from any thread, except that `bringUp`, `tearDown`, `unload`
 // and the destructor are the owner's and do not overlap. Nothing else need be stopped before
@@ -38,6 +39,34 @@ class HostError : public std::runtime_error {
 inline constexpr framework::HRESULT kTimedOut = framework::hresult(0x800705B4);    // 1460
 inline constexpr framework::HRESULT kDeviceGone = framework::hresult(0x8007048F);  // 1167
 
+// Bytes of the caller's, which must stay for as long as a call lasts.
+struct ConstBytes {
+  const std::uint8_t* data = nullptr;
+  std::size_t size = 0;  // bytes
+};
+struct MutableBytes {
+  std::uint8_t* data = nullptr;
+  std::size_t size = 0;  // bytes
+};
+
+// An I/O control's buffers in two parts each, one after the other: a header, and what follows it
+// where it is.
+struct InputParts {
+  ConstBytes header;
+  ConstBytes body;
+};
+struct OutputParts {
+  MutableBytes header;
+  MutableBytes body;
+};
+
+// What a request was completed with.
+struct IoEnd {
+  framework::HRESULT status = 0;
+  // The byte count; may exceed the output's capacity.
+  std::size_t information = 0;
+};
+
 struct IoResult {
   framework::HRESULT status = 0;
   // The byte count that the driver completed with; may exceed the output's capacity.
@@ -53,9 +82,6 @@ class IoOperation {
   // Waits until the request is completed and its completion callback has returned; false when
   // the time ran out.
   virtual bool wait(std::chrono::milliseconds limit) = 0;
-  // Waits until the driver's dispatch callback has returned (the request is completed or waits in
-  // the driver) or it is certain that there will be none; false when the time ran out.
-  virtual bool waitDispatched(std::chrono::milliseconds limit) = 0;
   // What `wait` would answer at once.
   virtual bool completed() const = 0;
   // Cancels: a request that waits, marked cancelable, is handed to the driver's cancel callback
@@ -72,19 +98,27 @@ class File {
  public:
   virtual ~File() = default;
   // Called exactly once per request: on a thread of the driver's, usually under the driver's device
-  // lock, on a thread of the host's, or before `submit` returns. It must return at once, must not
+  // lock, on the host's owner's, or before `submit` returns. It must return at once, must not
   // throw, and must not call the host, a file or an operation.
   using Completion = std::function<void(const IoResult&)>;
 
-  // Waits for the result; cancels the request when the time runs out and gives `kTimedOut` (what
-  // the driver still completes is thrown away).
+  // Waits for the result; cancels a request that the driver keeps when the time runs out, and gives
+  // `kTimedOut` (what the driver still completes is thrown away). The time counts from the moment
+  // that the driver's dispatch callback has returned: what that takes is bounded by the driver
+  // alone. A request that cannot be begun ends with `kDeviceGone`, with 0x8007000E where there is
+  // no memory, or with 0x80070001 where the driver has no queue for I/O controls.
   virtual IoResult control(std::uint32_t code, const std::vector<std::uint8_t>& input,
                            std::size_t outputCapacity, std::chrono::milliseconds limit) = 0;
-  // Returns at once, never null. The input is copied. `completion` may be empty. A request that
-  // cannot be begun is completed with `kDeviceGone`, with 0x8007000E where there is no memory for
-  // its buffers or for a thread, or with 0x80070001 where the driver has no queue for I/O controls.
-  // Throws std::bad_alloc where there is no memory for the operation itself: nothing is begun then
-  // and nothing will be completed.
+  // The same between buffers of the caller's. The valid output, no more than there is room, is
+  // written to the two parts of `output`; the rest of them stays as it is. All memory that is
+  // needed is had before the driver is called.
+  virtual IoEnd controlInParts(std::uint32_t code, const InputParts& input,
+                               const OutputParts& output, std::chrono::milliseconds limit) = 0;
+  // Dispatches the request on this thread and returns when the driver's dispatch callback has: the
+  // request is completed by then, or waits in the driver. Never null; the input is copied;
+  // `completion` may be empty. A request that cannot be begun is completed as above. Throws
+  // std::bad_alloc where there is no memory for the operation itself: nothing is begun then and
+  // nothing will be completed.
   virtual std::shared_ptr<IoOperation> submit(std::uint32_t code,
                                               const std::vector<std::uint8_t>& input,
                                               std::size_t outputCapacity,
@@ -97,8 +131,6 @@ struct HostOptions {
   // throw std::bad_alloc, which loses that text, and nothing else.
   // Empty: one line each on the standard error output.
   std::function<void(const std::string&)> driverError;
-  // How many dispatch callbacks may run at the same time; further requests wait their turn.
-  std::size_t maximumDispatchThreads = 64;
 };
 
 class DriverHost {
@@ -111,10 +143,11 @@ class DriverHost {
   // Class factory to working power state. What was begun is taken back where a step fails. May
   // follow a `tearDown`: the driver object is made afresh. Harmless when already up.
   virtual void bringUp() = 0;
-  // Stops taking requests, waits for running dispatch and cancel callbacks, takes the device down
-  // and releases it. Whatever the driver did not complete is completed with `kDeviceGone`. When it
-  // returns no callback of the driver's is running on a thread of the host's or of its callers'.
-  // Needs no memory. Harmless when already down.
+  // Stops taking requests and cancels, has the driver leave its working state, which ends what the
+  // running callbacks do, waits for these and releases the device. Whatever the driver did not
+  // complete is completed with `kDeviceGone`. When it returns no callback of the driver's is
+  // running on a thread of the host's or of its callers'. Needs no memory. Harmless when already
+  // down.
   virtual void tearDown() noexcept = 0;
   // Asks the module and unloads it; false (still loaded) when it answered that it may not be, and,
   // without asking, while the device is up. True when it is unloaded already.

@@ -8,121 +8,117 @@ using framework::ComPtr;
 using framework::HRESULT;
 using platform::MutexLock;
 
-namespace {
-
-// Completes an operation that never became a request.
-void refuse(Operation& operation, HRESULT status) {
-  operation.markDispatched();
-  IoResult result;
-  result.status = status;
-  operation.finish(std::move(result));
-}
-
-void dropUnbegun(WdfRequest& request, HRESULT status) {
-  request.operation()->markDispatched();
-  request.completeByHost(status);
-}
-
-void dispatchOnThread(ComPtr<WdfRequest> request) {
-  const std::shared_ptr<Operation> operation = request->operation();
-  request->dispatch();
-  request.reset();
-  operation->markDispatched();
-}
-
-}  // namespace
-
-IoEngine::IoEngine(SharedDriverErrors errors, ComPtr<WdfQueue> queue, std::size_t maximumThreads)
+IoEngine::IoEngine(SharedDriverErrors errors, ComPtr<WdfQueue> queue)
     : errors_(std::move(errors)),
       queue_(std::move(queue)),
-      served_(queue_ && queue_->deviceIoControl() != nullptr),
-      threads_(maximumThreads, dispatchOnThread) {}
+      served_(queue_ && queue_->deviceIoControl() != nullptr) {}
 
 std::shared_ptr<IoOperation> IoEngine::submit(const ComPtr<WdfFile>& file, const IoControl& control,
                                               File::Completion completion) {
   auto operation = std::make_shared<Operation>(weak_from_this(), std::move(completion));
-  begin(operation, file, control);
+  const CallbackGate::Pass pass(gate_);
+  if (!pass) {
+    operation->finish(kDeviceGone);
+    return operation;
+  }
+  const ComPtr<WdfRequest> request = make(file, control, operation);
+  if (!request) {
+    operation->finish(kOutOfMemory);
+  } else {
+    (void)dispatch(*request.get());
+  }
   return operation;
 }
 
-void IoEngine::begin(const std::shared_ptr<Operation>& operation, const ComPtr<WdfFile>& file,
-                     const IoControl& control) {
-  ComPtr<WdfRequest> request;
-  bool taken = false;
+ComPtr<WdfRequest> IoEngine::make(const ComPtr<WdfFile>& file, const IoControl& control,
+                                  std::shared_ptr<Operation> operation) noexcept {
   try {
-    request = makeObject<WdfRequest>(errors_, shared_from_this(), operation, queue_, file, control);
-    taken = addToFlight(request);
+    return makeObject<WdfRequest>(errors_, *this, queue_, file, control, std::move(operation));
   } catch (const std::exception&) {  // the buffers' sizes are the caller's
-    return refuse(*operation, kOutOfMemory);
-  }
-  if (!taken) return refuse(*operation, kDeviceGone);
-  if (!served_) return dropUnbegun(*request.get(), kInvalidFunction);
-  // An accepted request is not referenced here any more: its last reference may run the driver's
-  // cleanup, which must not happen on a thread that nobody waits for.
-  switch (threads_.post(request)) {
-    case DispatchThreads::PostResult::kAccepted:
-      break;
-    case DispatchThreads::PostResult::kStopped:
-      dropUnbegun(*request.get(), kDeviceGone);
-      break;
-    case DispatchThreads::PostResult::kNoMemory:
-      dropUnbegun(*request.get(), kOutOfMemory);
-      break;
+    return nullptr;
   }
 }
 
-bool IoEngine::addToFlight(const ComPtr<WdfRequest>& request) {
-  MutexLock lock(mutex_);
-  if (taking_) inFlight_.emplace(request->operation().get(), request);
-  return taking_;
-}
-
-ComPtr<WdfRequest> IoEngine::retire(const WdfRequest& request) {
-  MutexLock lock(mutex_);
-  const auto entry = inFlight_.find(request.operation().get());
-  if (entry == inFlight_.end()) return nullptr;
-  ComPtr<WdfRequest> reference = std::move(entry->second);
-  inFlight_.erase(entry);
-  return reference;
-}
-
-ComPtr<WdfRequest> IoEngine::find(const Operation& operation) {
-  MutexLock lock(mutex_);
-  const auto entry = inFlight_.find(&operation);
-  return entry == inFlight_.end() ? nullptr : entry->second;
+bool IoEngine::dispatch(WdfRequest& request) {
+  if (served_) {
+    request.dispatch();
+  } else {
+    request.completeByHost(kInvalidFunction);
+  }
+  return !request.keepUntilCompleted();
 }
 
 void IoEngine::cancel(const Operation& operation) {
   const CallbackGate::Pass pass(gate_);
   if (!pass) return;
   // The reference goes before the pass does: it may be the last, and run the driver's cleanup.
-  const ComPtr<WdfRequest> request = find(operation);
+  const ComPtr<WdfRequest> request = findKept(&operation);
   if (request) request->cancel();
 }
 
-void IoEngine::stop() noexcept {
-  {
-    MutexLock lock(mutex_);
-    taking_ = false;
-  }
-  for (const ComPtr<WdfRequest>& request : threads_.close()) {
-    dropUnbegun(*request.get(), kDeviceGone);
-  }
-  threads_.join();
-  gate_.close();
-}
+void IoEngine::close() noexcept { gate_.close(); }
+
+void IoEngine::awaitCallbacks() noexcept { gate_.awaitEmpty(); }
 
 void IoEngine::abandon() noexcept {
-  while (const ComPtr<WdfRequest> request = takeAny()) request->completeByHost(kDeviceGone);
+  while (const ComPtr<WdfRequest> request = findKept(nullptr)) {
+    request->completeByHost(kDeviceGone);
+  }
+  waiting_.close();
+  waiting_.awaitEmpty();
 }
 
-ComPtr<WdfRequest> IoEngine::takeAny() {
+void IoEngine::keep(WdfRequest& request) {
   MutexLock lock(mutex_);
-  const auto entry = inFlight_.begin();
-  if (entry == inFlight_.end()) return nullptr;
-  ComPtr<WdfRequest> request = std::move(entry->second);
-  inFlight_.erase(entry);
-  return request;
+  request.AddRef();
+  request.nextKept_ = kept_;
+  kept_ = &request;
+}
+
+ComPtr<WdfRequest> IoEngine::release(WdfRequest& request) {
+  MutexLock lock(mutex_);
+  for (WdfRequest** each = &kept_; *each != nullptr; each = &(*each)->nextKept_) {
+    if (*each != &request) continue;
+    *each = request.nextKept_;
+    return ComPtr<WdfRequest>::adopt(&request);
+  }
+  return nullptr;
+}
+
+ComPtr<WdfRequest> IoEngine::findKept(const Operation* operation) {
+  MutexLock lock(mutex_);
+  WdfRequest* found = kept_;
+  while (found != nullptr && operation != nullptr && found->operation() != operation) {
+    found = found->nextKept_;
+  }
+  return ComPtr<WdfRequest>(found);
+}
+
+BlockingControl::BlockingControl(IoEngine& engine, const ComPtr<WdfFile>& file,
+                                 const IoControl& control, std::chrono::milliseconds limit)
+    : inside_(engine.gate_) {
+  end_.status = kDeviceGone;
+  if (!inside_) return;
+  request_ = engine.make(file, control, nullptr);
+  if (!request_) {
+    end_.status = kOutOfMemory;
+    return;
+  }
+  if (!engine.dispatch(*request_.get()) && !awaitCompletion(engine, limit)) {
+    end_.status = kTimedOut;
+    return;
+  }
+  end_ = {request_->status(), request_->information()};
+  output_ = request_->output();
+}
+
+bool BlockingControl::awaitCompletion(IoEngine& engine, std::chrono::milliseconds limit) {
+  waiting_.enter(engine.waiting_);
+  inside_.leave();
+  if (request_->await(limit)) return true;
+  const CallbackGate::Pass pass(engine.gate_);
+  if (pass) request_->cancel();
+  return false;
 }
 
 }  // namespace zelta::host

@@ -1,61 +1,92 @@
-// The I/O of one running device: takes requests, dispatches them, keeps those in flight, cancels.
+// The I/O of one running device: makes requests, dispatches them on their callers' threads, keeps
+// those that wait in the driver, cancels.
 //
 // Ownership: the host makes one per bring-up; files share it, so that a file used after tear-down
-// finds a stopped engine. A stopped engine has no threads and no requests.
-// Threads: everything from any thread, except `stop` and `abandon`, which are the host's, in this
-// order, and not from a callback of the driver's. Both need no memory.
+// finds a stopped engine. A stopped engine has no requests.
+// Threads: everything from any thread, except `close`, `awaitCallbacks` and `abandon`, which are
+// the host's, in this order, and not from a callback of the driver's. They need no memory.
 #pragma once
 
 #include <memory>
-#include <unordered_map>
 
 #include "host/callback_gate.h"
-#include "host/dispatch_threads.h"
+#include "host/wdf_request.h"
 
 namespace zelta::host {
 
 class IoEngine : public std::enable_shared_from_this<IoEngine> {
  public:
   // `queue` may be null: every request is then refused with 0x80070001.
-  IoEngine(SharedDriverErrors errors, framework::ComPtr<WdfQueue> queue,
-           std::size_t maximumThreads);
+  IoEngine(SharedDriverErrors errors, framework::ComPtr<WdfQueue> queue);
 
   // Always gives an operation; one that could not be begun is completed already.
   std::shared_ptr<IoOperation> submit(const framework::ComPtr<WdfFile>& file,
                                       const IoControl& control, File::Completion completion);
-  // Without effect once the engine is stopped: the driver's own shutdown completes what waits.
-  void cancel(const Operation& operation);
+  // Without effect once the engine is closed: the driver's own shutdown completes what waits.
+  void cancel(const Operation& operation) ZELTA_EXCLUDES(mutex_);
 
-  // Refuses new requests, completes those not yet dispatched with `kDeviceGone`, and waits until
-  // no dispatch or cancel callback of the driver's is running.
-  void stop() noexcept;
-  // Completes whatever the driver still has with `kDeviceGone`.
+  // From now on nobody calls the driver through the engine; requests are completed with
+  // `kDeviceGone`.
+  void close() noexcept;
+  // Returns when no dispatch, cancel or cleanup callback is running on a thread of a caller's.
+  void awaitCallbacks() noexcept;
+  // Completes whatever the driver still has with `kDeviceGone`, and returns when everybody who
+  // waited for it is gone.
   void abandon() noexcept;
 
-  // Open until `stop`: for other calls into the driver that are made on callers' threads.
+  // Open until `close`: for calls into the driver on callers' threads.
   CallbackGate& gate() { return gate_; }
 
-  // For the request, which is completed: gives up the reference that kept it in flight.
-  framework::ComPtr<WdfRequest> retire(const WdfRequest& request) ZELTA_EXCLUDES(mutex_);
+  // For the request. Keeps a reference on it until `release`, which gives that back, or null.
+  void keep(WdfRequest& request) ZELTA_EXCLUDES(mutex_);
+  framework::ComPtr<WdfRequest> release(WdfRequest& request) ZELTA_EXCLUDES(mutex_);
 
  private:
-  void begin(const std::shared_ptr<Operation>& operation, const framework::ComPtr<WdfFile>& file,
-             const IoControl& control);
-  // False once the engine is stopped.
-  bool addToFlight(const framework::ComPtr<WdfRequest>& request) ZELTA_EXCLUDES(mutex_);
-  framework::ComPtr<WdfRequest> find(const Operation& operation) ZELTA_EXCLUDES(mutex_);
-  // Takes one out of those in flight; null where there is none left.
-  framework::ComPtr<WdfRequest> takeAny() ZELTA_EXCLUDES(mutex_);
+  friend class BlockingControl;
+
+  // Null where its buffers cannot be had.
+  framework::ComPtr<WdfRequest> make(const framework::ComPtr<WdfFile>& file,
+                                     const IoControl& control,
+                                     std::shared_ptr<Operation> operation) noexcept;
+  // Returns when the driver's callback has. False where the driver keeps the request, and the
+  // engine with it.
+  bool dispatch(WdfRequest& request);
+  // The kept request of that operation, or any; null where there is none.
+  framework::ComPtr<WdfRequest> findKept(const Operation* operation) ZELTA_EXCLUDES(mutex_);
 
   const SharedDriverErrors errors_;
   const framework::ComPtr<WdfQueue> queue_;
-  const bool served_;  // the queue has a callback for I/O controls
-  CallbackGate gate_;
+  const bool served_;     // the queue has a callback for I/O controls
+  CallbackGate gate_;     // who calls the driver
+  CallbackGate waiting_;  // who waits for a request that the driver keeps
   platform::Mutex mutex_;
-  bool taking_ ZELTA_GUARDED_BY(mutex_) = true;
-  std::unordered_map<const Operation*, framework::ComPtr<WdfRequest>> inFlight_
-      ZELTA_GUARDED_BY(mutex_);
-  DispatchThreads threads_;
+  WdfRequest* kept_ ZELTA_GUARDED_BY(mutex_) = nullptr;  // the newest; linked by `nextKept_`
+};
+
+// One I/O control whose caller waits for it, from its making until the caller has taken what it
+// wants of the result: for a scope, on one thread. The result is valid as long.
+class BlockingControl {
+ public:
+  // Cancels where the time runs out before the driver has completed the request.
+  BlockingControl(IoEngine& engine, const framework::ComPtr<WdfFile>& file,
+                  const IoControl& control, std::chrono::milliseconds limit);
+  BlockingControl(const BlockingControl&) = delete;
+  BlockingControl& operator=(const BlockingControl&) = delete;
+
+  const IoEnd& end() const { return end_; }
+  ConstBytes output() const { return output_; }
+
+ private:
+  // False where the time ran out. The thread is outside the driver from here on.
+  bool awaitCompletion(IoEngine& engine, std::chrono::milliseconds limit);
+
+  CallbackGate::Pass inside_;
+  CallbackGate::Pass waiting_;
+  // The reference goes before the thread is outside: it may be the last, and run the driver's
+  // cleanup.
+  framework::ComPtr<WdfRequest> request_;
+  IoEnd end_;
+  ConstBytes output_;
 };
 
 }  // namespace zelta::host

@@ -8,26 +8,15 @@ namespace zelta::host {
 
 using platform::MutexLock;
 
-namespace {
-
-// Keeps "no limit" inside what the clocks can add up.
-std::chrono::milliseconds bounded(std::chrono::milliseconds limit) {
+std::chrono::milliseconds boundedWait(std::chrono::milliseconds limit) {
   constexpr std::chrono::hours kYear(24 * 365);
   return std::min<std::chrono::milliseconds>(limit, kYear);
 }
 
-}  // namespace
-
 bool Operation::wait(std::chrono::milliseconds limit) {
   MutexLock lock(mutex_);
-  return changed_.waitFor(lock, bounded(limit),
+  return changed_.waitFor(lock, boundedWait(limit),
                           [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return completed_; });
-}
-
-bool Operation::waitDispatched(std::chrono::milliseconds limit) {
-  MutexLock lock(mutex_);
-  return changed_.waitFor(lock, bounded(limit),
-                          [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return dispatched_; });
 }
 
 bool Operation::completed() const {
@@ -39,14 +28,13 @@ void Operation::cancel() {
   if (const std::shared_ptr<IoEngine> engine = engine_.lock()) engine->cancel(*this);
 }
 
-void Operation::markDispatched() {
-  MutexLock lock(mutex_);
-  dispatched_ = true;
-  changed_.notifyAll();
-}
-
-void Operation::finish(IoResult result) noexcept {
-  result_ = std::move(result);
+void Operation::finish(framework::HRESULT status, std::size_t information,
+                       ConstBytes output) noexcept {
+  result_.information = information;
+  result_.status = withoutMemoryErrors([&] {
+    result_.output.assign(output.data, output.data + output.size);
+    return status;
+  });
   if (completion_) completion_(result_);
   completion_ = nullptr;
   MutexLock lock(mutex_);

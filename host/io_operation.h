@@ -1,5 +1,5 @@
-// The caller's side of one request. It outlives the framework's request object, which goes as soon
-// as the driver has let go of it.
+// The caller's side of a request that it does not wait for. It outlives the framework's request
+// object, which goes as soon as the driver has let go of it.
 //
 // Threads: any.
 #pragma once
@@ -13,27 +13,27 @@ namespace zelta::host {
 
 class IoEngine;
 
+// Keeps "no limit" inside what the clocks can add up.
+std::chrono::milliseconds boundedWait(std::chrono::milliseconds limit);
+
 class Operation final : public IoOperation {
  public:
   Operation(std::weak_ptr<IoEngine> engine, File::Completion completion)
       : engine_(std::move(engine)), completion_(std::move(completion)) {}
 
   bool wait(std::chrono::milliseconds limit) override ZELTA_EXCLUDES(mutex_);
-  bool waitDispatched(std::chrono::milliseconds limit) override ZELTA_EXCLUDES(mutex_);
   bool completed() const override ZELTA_EXCLUDES(mutex_);
   void cancel() override;
   const IoResult& result() const override { return result_; }
 
-  // The dispatch callback has returned, or there will be none.
-  void markDispatched() ZELTA_EXCLUDES(mutex_);
   // Calls the completion, then wakes those who wait. At most once.
-  void finish(IoResult result) noexcept ZELTA_EXCLUDES(mutex_);
+  void finish(framework::HRESULT status, std::size_t information = 0,
+              ConstBytes output = {}) noexcept ZELTA_EXCLUDES(mutex_);
 
  private:
   const std::weak_ptr<IoEngine> engine_;
   mutable platform::Mutex mutex_;
   platform::ConditionVariable changed_;
-  bool dispatched_ ZELTA_GUARDED_BY(mutex_) = false;
   bool completed_ ZELTA_GUARDED_BY(mutex_) = false;
   // Touched by the finishing thread alone until `completed_` is set, constant afterwards.
   File::Completion completion_;

@@ -12,19 +12,41 @@ namespace {
 
 constexpr std::size_t kGranularity = 16;  // bytes
 
-std::size_t backedSize(std::size_t size) {
-  if (size > SIZE_MAX - kGranularity) throw std::length_error("buffer too large");
-  return (size + kGranularity - 1) / kGranularity * kGranularity;
+void copy(std::uint8_t* target, ConstBytes source) {
+  if (source.size > 0) std::memcpy(target, source.data, source.size);
 }
 
 }  // namespace
 
-WdfMemory::WdfMemory(SharedDriverErrors errors, std::size_t size)
-    : WdfObject(std::move(errors)), size_(size), bytes_(backedSize(size)) {}
+WdfMemory::WdfMemory(const DriverErrors& errors, framework::IUnknown& request)
+    : WdfObject(SharedDriverErrors(SharedDriverErrors(), &errors)), request_(request) {}
 
-WdfMemory::WdfMemory(SharedDriverErrors errors, const std::vector<std::uint8_t>& bytes)
-    : WdfMemory(std::move(errors), bytes.size()) {
-  std::copy(bytes.begin(), bytes.end(), bytes_.begin());
+std::size_t WdfMemory::storageFor(std::size_t size) {
+  if (size > SIZE_MAX - kGranularity) throw std::length_error("buffer too large");
+  return (size + kGranularity - 1) / kGranularity * kGranularity;
+}
+
+void WdfMemory::setStorage(std::uint8_t* storage, std::size_t size) {
+  storage_ = storage;
+  size_ = size;
+}
+
+void WdfMemory::fill(ConstBytes first, ConstBytes second) {
+  copy(storage_, first);
+  copy(storage_ + first.size, second);
+  initialised_ = first.size + second.size;
+}
+
+ConstBytes WdfMemory::front(std::size_t count) {
+  const std::size_t shown = std::min(count, size_);
+  initialiseTo(shown);
+  return {storage_, shown};
+}
+
+void WdfMemory::initialiseTo(std::size_t end) {
+  if (end <= initialised_) return;
+  std::memset(storage_ + initialised_, 0, end - initialised_);
+  initialised_ = end;
 }
 
 HRESULT WdfMemory::CopyFromMemory(framework::IWDFMemory*, void*) {
@@ -36,7 +58,8 @@ HRESULT WdfMemory::CopyToBuffer(framework::ULONG_PTR sourceOffset, void* target,
   if (!holds(sourceOffset, size)) return kInsufficientBuffer;
   if (size == 0) return framework::kOk;
   if (target == nullptr) return framework::kPointer;
-  std::memcpy(target, bytes_.data() + sourceOffset, size);
+  initialiseTo(sourceOffset + size);
+  std::memcpy(target, storage_ + sourceOffset, size);
   return framework::kOk;
 }
 
@@ -45,22 +68,21 @@ HRESULT WdfMemory::CopyFromBuffer(framework::ULONG_PTR destinationOffset, const 
   if (!holds(destinationOffset, size)) return kInsufficientBuffer;
   if (size == 0) return framework::kOk;
   if (source == nullptr) return framework::kPointer;
-  std::memcpy(bytes_.data() + destinationOffset, source, size);
+  initialiseTo(destinationOffset);
+  std::memcpy(storage_ + destinationOffset, source, size);
+  initialised_ = std::max<std::size_t>(initialised_, destinationOffset + size);
   return framework::kOk;
 }
 
 void* WdfMemory::GetDataBuffer(framework::SIZE_T* size) {
+  // What is done with the pointer is not seen here.
+  initialiseTo(storageFor(size_));
   if (size != nullptr) *size = size_;
-  return bytes_.data();
+  return storage_;
 }
 
 void WdfMemory::SetBuffer(void*, framework::SIZE_T) {
   errors().notImplemented("IWDFMemory::SetBuffer");
-}
-
-std::vector<std::uint8_t> WdfMemory::front(std::size_t count) const {
-  const auto end = bytes_.begin() + static_cast<std::ptrdiff_t>(std::min(count, size_));
-  return {bytes_.begin(), end};
 }
 
 }  // namespace zelta::host

@@ -1,21 +1,37 @@
 // One buffer of a request, input or output, as a framework memory object.
 //
+// It is a part of its request: a reference on it is one on the request, and its bytes are in the
+// request's storage. The storage is not initialised; `initialised_` says how much of it is, from
+// its beginning on, and nothing behind that leaves it: whoever is shown more is shown zero bytes.
 // A shorter buffer than the driver's fixed-size reads is backed by zero bytes up to the next
 // multiple of 16, as the operating system's buffers are; they do not count in the size.
+// Threads: as a request's buffer, one at a time.
 #pragma once
 
 #include <cstdint>
-#include <vector>
 
+#include "host/driver_host.h"
 #include "host/wdf_object.h"
 
 namespace zelta::host {
 
 class WdfMemory final : public WdfObject<WdfMemory, framework::IWDFMemory> {
  public:
-  // `size` bytes, zero. Throws std::bad_alloc or std::length_error.
-  WdfMemory(SharedDriverErrors errors, std::size_t size);
-  WdfMemory(SharedDriverErrors errors, const std::vector<std::uint8_t>& bytes);
+  // `errors` and the request outlive this and are not referenced.
+  WdfMemory(const DriverErrors& errors, framework::IUnknown& request);
+
+  // The storage that `size` bytes take. Throws std::length_error where no number can say it.
+  static std::size_t storageFor(std::size_t size);
+  // Before the first use: `storageFor(size)` bytes, owned by the request.
+  void setStorage(std::uint8_t* storage, std::size_t size);
+  // Writes both, one after the other, which must fit.
+  void fill(ConstBytes first, ConstBytes second);
+  // The first `count` bytes, or all where there are fewer.
+  ConstBytes front(std::size_t count);
+  std::size_t size() const { return size_; }
+
+  framework::ULONG ZELTA_STDMETHODCALLTYPE AddRef() override { return request_.AddRef(); }
+  framework::ULONG ZELTA_STDMETHODCALLTYPE Release() override { return request_.Release(); }
 
   framework::HRESULT ZELTA_STDMETHODCALLTYPE CopyFromMemory(framework::IWDFMemory* source,
                                                             void* sourceOffset) override;
@@ -30,16 +46,16 @@ class WdfMemory final : public WdfObject<WdfMemory, framework::IWDFMemory> {
   void* ZELTA_STDMETHODCALLTYPE GetDataBuffer(framework::SIZE_T* size) override;
   void ZELTA_STDMETHODCALLTYPE SetBuffer(void* buffer, framework::SIZE_T size) override;
 
-  // The first `count` bytes, or all where there are fewer.
-  std::vector<std::uint8_t> front(std::size_t count) const;
-
  private:
   bool holds(std::size_t offset, std::size_t size) const {
     return offset <= size_ && size <= size_ - offset;
   }
+  void initialiseTo(std::size_t end);
 
-  const std::size_t size_;  // bytes
-  std::vector<std::uint8_t> bytes_;
+  framework::IUnknown& request_;  // not owned: it owns this
+  std::uint8_t* storage_ = nullptr;
+  std::size_t size_ = 0;         // bytes
+  std::size_t initialised_ = 0;  // bytes, from the storage's beginning on
 };
 
 }  // namespace zelta::host

@@ -1,5 +1,7 @@
 #include "host/wdf_request.h"
 
+#include <stdexcept>
+
 #include "host/io_engine.h"
 
 namespace zelta::host {
@@ -13,30 +15,41 @@ using platform::MutexLock;
 namespace {
 
 template <typename Interface, typename Object>
-void give(const ComPtr<Object>& object, Interface** out) {
+void give(Object* object, Interface** out) {
   if (out != nullptr) *out = ComPtr<Object>(object).detach();
+}
+
+std::size_t sum(std::size_t first, std::size_t second) {
+  if (second > SIZE_MAX - first) throw std::length_error("buffers too large");
+  return first + second;
 }
 
 }  // namespace
 
-WdfRequest::WdfRequest(SharedDriverErrors errors, std::shared_ptr<IoEngine> engine,
-                       std::shared_ptr<Operation> operation, ComPtr<WdfQueue> queue,
-                       ComPtr<WdfFile> file, const IoControl& control)
+WdfRequest::WdfRequest(SharedDriverErrors errors, IoEngine& engine, ComPtr<WdfQueue> queue,
+                       ComPtr<WdfFile> file, const IoControl& control,
+                       std::shared_ptr<Operation> operation)
     : WdfObject(std::move(errors)),
       engine_(engine),
-      operation_(std::move(operation)),
       queue_(std::move(queue)),
       file_(std::move(file)),
+      operation_(std::move(operation)),
       code_(control.code),
-      inLength_(control.input.size()),
-      outLength_(control.outputCapacity) {
-  if (inLength_ > 0) input_ = makeObject<WdfMemory>(sharedErrors(), control.input);
-  if (outLength_ > 0) output_ = makeObject<WdfMemory>(sharedErrors(), outLength_);
+      input_(this->errors(), *this),
+      output_(this->errors(), *this) {
+  const std::size_t inputSize = sum(control.input.header.size, control.input.body.size);
+  const std::size_t inputStorage = WdfMemory::storageFor(inputSize);
+  const std::size_t outputStorage = WdfMemory::storageFor(control.outputCapacity);
+  // Not `make_unique`, which would write zero bytes over all of it.
+  storage_.reset(new std::uint8_t[sum(inputStorage, outputStorage)]);
+  input_.setStorage(storage_.get(), inputSize);
+  input_.fill(control.input.header, control.input.body);
+  output_.setStorage(storage_.get() + inputStorage, control.outputCapacity);
 }
 
 void WdfRequest::disposeChildren() {
-  if (input_) input_->dispose();
-  if (output_) output_->dispose();
+  input_.dispose();
+  output_.dispose();
 }
 
 void WdfRequest::CompleteWithInformation(HRESULT status, SIZE_T information) {
@@ -60,38 +73,69 @@ void WdfRequest::Complete(HRESULT status) {
 void WdfRequest::completeByHost(HRESULT status) { finish(status, 0, false); }
 
 bool WdfRequest::finish(HRESULT status, std::size_t information, bool withOutput) {
-  ComPtr<WdfRequest> keep;  // the engine's reference; the last thing to go
+  // Whoever waits may let go of the request as soon as it is completed.
+  const ComPtr<WdfRequest> self(this);
+  ComPtr<WdfRequest> kept;
   ComPtr<framework::IRequestCallbackCancel> callback;
   {
     MutexLock lock(mutex_);
     if (completed_) return false;
     completed_ = true;
+    status_ = status;
+    information_ = information;
+    valid_ = withOutput ? information : 0;
     callback = std::move(cancelCallback_);
+    kept = engine_.release(*this);
+    ended_.notifyAll();
   }
-  IoResult result;
-  result.information = information;
-  result.status = withoutMemoryErrors([&] {
-    if (withOutput && output_) result.output = output_->front(information);
-    return status;
-  });
-  if (const std::shared_ptr<IoEngine> engine = engine_.lock()) keep = engine->retire(*this);
-  operation_->finish(std::move(result));
+  if (operation_) operation_->finish(status, information, output());
   return true;
+}
+
+bool WdfRequest::keepUntilCompleted() {
+  MutexLock lock(mutex_);
+  if (!completed_) engine_.keep(*this);
+  return !completed_;
+}
+
+bool WdfRequest::await(std::chrono::milliseconds limit) {
+  MutexLock lock(mutex_);
+  return ended_.waitFor(lock, boundedWait(limit),
+                        [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return completed_; });
+}
+
+HRESULT WdfRequest::status() {
+  MutexLock lock(mutex_);
+  return status_;
+}
+
+std::size_t WdfRequest::information() {
+  MutexLock lock(mutex_);
+  return information_;
+}
+
+ConstBytes WdfRequest::output() {
+  MutexLock lock(mutex_);
+  return output_.front(valid_);
 }
 
 void WdfRequest::GetDeviceIoControlParameters(ULONG* code, SIZE_T* inLength, SIZE_T* outLength) {
   if (code != nullptr) *code = code_;
-  if (inLength != nullptr) *inLength = inLength_;
-  if (outLength != nullptr) *outLength = outLength_;
+  if (inLength != nullptr) *inLength = input_.size();
+  if (outLength != nullptr) *outLength = output_.size();
 }
 
-void WdfRequest::GetOutputMemory(framework::IWDFMemory** memory) { give(output_, memory); }
+void WdfRequest::GetOutputMemory(framework::IWDFMemory** memory) {
+  give(output_.size() > 0 ? &output_ : nullptr, memory);
+}
 
-void WdfRequest::GetInputMemory(framework::IWDFMemory** memory) { give(input_, memory); }
+void WdfRequest::GetInputMemory(framework::IWDFMemory** memory) {
+  give(input_.size() > 0 ? &input_ : nullptr, memory);
+}
 
-void WdfRequest::GetFileObject(framework::IWDFFile** file) { give(file_, file); }
+void WdfRequest::GetFileObject(framework::IWDFFile** file) { give(file_.get(), file); }
 
-void WdfRequest::GetIoQueue(framework::IWDFIoQueue** queue) { give(queue_, queue); }
+void WdfRequest::GetIoQueue(framework::IWDFIoQueue** queue) { give(queue_.get(), queue); }
 
 void WdfRequest::MarkCancelable(framework::IRequestCallbackCancel* callback) {
   switch (mark(callback)) {
@@ -142,7 +186,8 @@ void WdfRequest::cancel() {
 }
 
 void WdfRequest::dispatch() {
-  queue_->deviceIoControl()->OnDeviceIoControl(queue_.get(), this, code_, inLength_, outLength_);
+  queue_->deviceIoControl()->OnDeviceIoControl(queue_.get(), this, code_, input_.size(),
+                                               output_.size());
 }
 
 void WdfRequest::SetCompletionCallback(framework::IUnknown*, void*) {

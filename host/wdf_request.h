@@ -1,17 +1,18 @@
 // One I/O control as a framework request: parameters, memory, completion, cancellation.
 //
-// Lifetime: the engine holds a reference until completion, its dispatch thread one through the
-// dispatch callback; the object goes, with the driver's context, when the last reference does.
+// Lifetime: whoever dispatches the request holds a reference until it lets go of the result; one
+// that is not completed when its dispatch callback returns has another of the engine's, until it
+// is. The object goes, with the driver's context, when the last reference does.
 // Memory: a buffer of length 0 has no memory object, as on the operating system's own host; the
-// getters then yield null. Input and output are separate buffers; what the driver has written to
-// the output is copied to the caller at completion.
+// getters then yield null. Input and output are separate buffers in one piece of storage that is
+// not initialised (see wdf_memory.h). Nothing is allocated after the request was made.
 // Cancellation: a cancelled request is handed to the callback that it is or becomes marked with,
 // exactly once, on the cancelling or the marking thread, with no lock of the host's held.
-// Threads: any.
+// Threads: any. Locks: the request's mutex is taken before the engine's.
 #pragma once
 
+#include <chrono>
 #include <memory>
-#include <vector>
 
 #include "host/io_operation.h"
 #include "host/wdf_file.h"
@@ -20,19 +21,23 @@
 
 namespace zelta::host {
 
+class IoEngine;
+
 // What the caller asks for.
 struct IoControl {
   std::uint32_t code = 0;
-  const std::vector<std::uint8_t>& input;
+  InputParts input;
   std::size_t outputCapacity = 0;  // bytes
 };
 
 class WdfRequest final : public WdfObject<WdfRequest, framework::IWDFIoRequest> {
  public:
   // Throws std::bad_alloc or std::length_error where the buffers cannot be had.
-  WdfRequest(SharedDriverErrors errors, std::shared_ptr<IoEngine> engine,
-             std::shared_ptr<Operation> operation, framework::ComPtr<WdfQueue> queue,
-             framework::ComPtr<WdfFile> file, const IoControl& control);
+  // `operation` hears of the completion; null where a thread waits for the request itself.
+  // `engine` lasts as long as the request is not completed.
+  WdfRequest(SharedDriverErrors errors, IoEngine& engine, framework::ComPtr<WdfQueue> queue,
+             framework::ComPtr<WdfFile> file, const IoControl& control,
+             std::shared_ptr<Operation> operation);
 
   // Completes exactly once; what comes later is reported and changes nothing.
   void ZELTA_STDMETHODCALLTYPE CompleteWithInformation(framework::HRESULT status,
@@ -80,34 +85,47 @@ class WdfRequest final : public WdfObject<WdfRequest, framework::IWDFIoRequest> 
 
   // For the host. Hands the request to the queue's callback and waits for its return.
   void dispatch();
+  // After `dispatch`: has the engine keep the request until it is completed. False where it is.
+  bool keepUntilCompleted() ZELTA_EXCLUDES(mutex_);
+  // Waits for the completion; false when the time ran out.
+  bool await(std::chrono::milliseconds limit) ZELTA_EXCLUDES(mutex_);
   // Hands the request to its cancel callback, now or when it is marked.
   void cancel() ZELTA_EXCLUDES(mutex_);
   // Completes the request in the driver's place, without output; harmless when it is completed.
   void completeByHost(framework::HRESULT status);
-  const std::shared_ptr<Operation>& operation() const { return operation_; }
+  // Of a completed request: what it was completed with, and the valid output.
+  framework::HRESULT status() ZELTA_EXCLUDES(mutex_);
+  std::size_t information() ZELTA_EXCLUDES(mutex_);
+  ConstBytes output() ZELTA_EXCLUDES(mutex_);
+  const Operation* operation() const { return operation_.get(); }
 
  private:
   friend class WdfObject<WdfRequest, framework::IWDFIoRequest>;
   enum class Marking { kMarked, kCancelledBefore, kAgainstTheRules };
 
+  friend class IoEngine;
+
   void disposeChildren();
   Marking mark(framework::IRequestCallbackCancel* callback) ZELTA_EXCLUDES(mutex_);
-  // False where the request was completed before. `this` may be gone afterwards.
+  // False where the request was completed before.
   bool finish(framework::HRESULT status, std::size_t information, bool withOutput)
       ZELTA_EXCLUDES(mutex_);
 
-  const std::weak_ptr<IoEngine> engine_;
-  const std::shared_ptr<Operation> operation_;
+  IoEngine& engine_;
   const framework::ComPtr<WdfQueue> queue_;
   const framework::ComPtr<WdfFile> file_;
+  const std::shared_ptr<Operation> operation_;
   const std::uint32_t code_;
-  const std::size_t inLength_;
-  const std::size_t outLength_;
-  framework::ComPtr<WdfMemory> input_;   // null where the length is 0
-  framework::ComPtr<WdfMemory> output_;  // likewise
+  std::unique_ptr<std::uint8_t[]> storage_;  // of both memories
+  WdfMemory input_;
+  WdfMemory output_;
+  WdfRequest* nextKept_ = nullptr;  // the engine's, guarded by its mutex
 
-  mutable platform::Mutex mutex_;
+  platform::Mutex mutex_;
+  platform::ConditionVariable ended_;
   bool completed_ ZELTA_GUARDED_BY(mutex_) = false;
+  framework::HRESULT status_ ZELTA_GUARDED_BY(mutex_) = framework::kOk;
+  std::size_t valid_ ZELTA_GUARDED_BY(mutex_) = 0;  // bytes of the output at completion
   bool cancelled_ ZELTA_GUARDED_BY(mutex_) = false;
   bool handedToCallback_ ZELTA_GUARDED_BY(mutex_) = false;
   std::size_t information_ ZELTA_GUARDED_BY(mutex_) = 0;

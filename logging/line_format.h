@@ -28,8 +28,8 @@ std::string logFilePath(const std::string& basePath, std::int64_t time);
 // The first line of every file, without a line end. Built on first use, there for good.
 std::string_view headerLine();
 
-// One record, without a line end. What is longer than its column pushes the rest to the right.
-// Throws `std::out_of_range` for a level outside 0..4.
+// One record, without a line end. What is longer than its column pushes the rest to the right;
+// widths are in bytes. Throws `std::out_of_range` for a level outside 0..4.
 std::string recordLine(const Record& record);
 
 // "<CRITICAL>" to "<TRACE>" for 0..4; throws `std::out_of_range` ("invalid map<K, T> key") for any

@@ -71,16 +71,15 @@ TextFile::~TextFile() {
   stream_->close();
 }
 
-void TextFile::writeLine(const std::string& text) {
+void TextFile::writeLine(std::string text) {
   MutexLock lock(fileMutex_);
   const bool isHeading = !heading_.has_value();
   if (isHeading) heading_ = text;
   if (!makeWritable()) return;
   // Handed over in one piece, which no line of another process can split.
-  std::string lines;
-  if (empty_ && !isHeading) lines.append(*heading_).push_back('\n');
-  lines.append(text).push_back('\n');
-  stream_->write(lines.data(), static_cast<std::streamsize>(lines.size()));
+  text.push_back('\n');
+  if (empty_ && !isHeading) text.insert(0, *heading_ + '\n');
+  stream_->write(text.data(), static_cast<std::streamsize>(text.size()));
   stream_->flush();
   if (stream_->good()) {
     empty_ = false;

@@ -33,7 +33,7 @@ class TextFile {
   TextFile& operator=(const TextFile&) = delete;
 
   // The text and a line end, then a flush.
-  void writeLine(const std::string& text);
+  void writeLine(std::string text);
 
   // Milliseconds since 1970, when this object was made.
   std::int64_t creationTime() const { return creationTime_; }

@@ -21,7 +21,6 @@ void CardPresence::latchRemoval() {
   removal_ = Removal::kUntold;
   hiddenSince_ = Clock::now();
   changed();
-  useEnds_.notifyAll();
 }
 
 // --- The driver's side ---
@@ -49,18 +48,6 @@ void CardPresence::cardLeft() noexcept {
   leftEarly_ = !in_;
   in_ = false;
   if (wasShown) latchRemoval();
-}
-
-void CardPresence::endRequest(Request& request) noexcept {
-  const MutexLock lock(mutex_);
-  request.ended_ = true;
-  release();
-}
-
-void CardPresence::release() {
-  --uses_;
-  useEnds_.notifyAll();
-  if (uses_ == 0 && removal_ == Removal::kSettling) changed();
 }
 
 // --- pcscd's side ---
@@ -91,32 +78,13 @@ CardNumber CardPresence::beginUse() {
 
 void CardPresence::endUse() noexcept {
   const MutexLock lock(mutex_);
-  release();
+  --uses_;
+  if (uses_ == 0 && removal_ == Removal::kSettling) changed();
 }
 
-bool CardPresence::beginRequest(CardNumber card) {
+bool CardPresence::isShown(CardNumber card) const {
   const MutexLock lock(mutex_);
-  if (!shows(card)) return false;
-  ++uses_;
-  return true;
-}
-
-CardPresence::RequestEnd CardPresence::awaitEnd(const Request& request, CardNumber card,
-                                                std::chrono::milliseconds limit) {
-  MutexLock lock(mutex_);
-  const bool inTime = useEnds_.waitFor(lock, limit, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    return request.ended_ || !shows(card);
-  });
-  if (!shows(card)) return RequestEnd::kCardLeft;
-  if (inTime) return RequestEnd::kEnded;
-  latchRemoval();
-  return RequestEnd::kTimedOut;
-}
-
-bool CardPresence::awaitUnused(std::chrono::milliseconds limit) {
-  MutexLock lock(mutex_);
-  return useEnds_.waitFor(lock, limit,
-                          [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return uses_ == 0; });
+  return shows(card);
 }
 
 void CardPresence::cycle(CardNumber card) {

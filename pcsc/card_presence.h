@@ -13,11 +13,8 @@
 // within `kSettlingTime` of such a refusal; refusals that go on and on hide it no longer than
 // `kLongestSettling`.
 //
-// A call of pcscd's that works with the card ends the moment that the card leaves, also where the
-// driver goes on with the request that was made for it, as it does for seconds with an agent that
-// stays silent. The request is then abandoned: its answer is for nobody. As long as such a call has
-// not returned, or the driver still has one of its requests, no other card is shown, so that the
-// next card's first exchange never meets the old one's last.
+// As long as a call that worked with a card which has left has not returned, no other card is
+// shown.
 //
 // Threads: any. The mutex is a leaf: nothing is called while it is held. The driver's side may be
 // called under the driver's locks. Nothing here needs memory.
@@ -41,18 +38,6 @@ class CardPresence {
   static constexpr std::chrono::milliseconds kSettlingTime{200};
   static constexpr std::chrono::milliseconds kLongestSettling{1000};
 
-  // One request of the driver's that is made for the card that is shown: `beginRequest` before it
-  // is made, then exactly one `endRequest`, by its completion or because it could not be made.
-  class Request {
-    friend class CardPresence;
-    bool ended_ = false;  // the presence's mutex guards it
-  };
-  enum class RequestEnd {
-    kEnded,     // and the card is still shown
-    kCardLeft,  // ended or abandoned
-    kTimedOut,  // abandoned; pcscd is made to see the card leave
-  };
-
   // --- The driver's side ---
 
   // A request that ends with the next card's removal is about to be made.
@@ -62,7 +47,6 @@ class CardPresence {
   bool cardEntered() ZELTA_EXCLUDES(mutex_);
   // That request has ended.
   void cardLeft() noexcept ZELTA_EXCLUDES(mutex_);
-  void endRequest(Request& request) noexcept ZELTA_EXCLUDES(mutex_);
 
   // --- pcscd's side ---
 
@@ -76,13 +60,8 @@ class CardPresence {
   // either, once the call has said `refused` where it does.
   CardNumber beginUse() ZELTA_EXCLUDES(mutex_);
   void endUse() noexcept ZELTA_EXCLUDES(mutex_);
-  // Within a use. False where `card` is no longer shown: the request must not be made.
-  bool beginRequest(CardNumber card) ZELTA_EXCLUDES(mutex_);
-  RequestEnd awaitEnd(const Request& request, CardNumber card, std::chrono::milliseconds limit)
-      ZELTA_EXCLUDES(mutex_);
-  // Waits until no call works with the card and the driver has no request for it; false when the
-  // time ran out.
-  bool awaitUnused(std::chrono::milliseconds limit) ZELTA_EXCLUDES(mutex_);
+  // False where `card` is no longer the card shown.
+  bool isShown(CardNumber card) const ZELTA_EXCLUDES(mutex_);
   // Makes pcscd see `card` leave and, if it is still in, enter once more. Nothing where it is no
   // longer the card shown.
   void cycle(CardNumber card) ZELTA_EXCLUDES(mutex_);
@@ -91,7 +70,7 @@ class CardPresence {
   void awaitChange(std::chrono::milliseconds limit) ZELTA_EXCLUDES(mutex_);
   // Ends `awaitChange`: the one that waits now, or else the next one.
   void stopAwaiting() ZELTA_EXCLUDES(mutex_);
-  // Ends every `awaitChange` from now on.
+  // Ends every `awaitChange` from now on; no card is shown any more.
   void close() ZELTA_EXCLUDES(mutex_);
 
  private:
@@ -109,22 +88,22 @@ class CardPresence {
   void settle() ZELTA_REQUIRES(mutex_);
   Clock::time_point settlingEnd() const ZELTA_REQUIRES(mutex_);
   void renewCard() ZELTA_REQUIRES(mutex_);
-  bool shown() const ZELTA_REQUIRES(mutex_) { return in_ && removal_ == Removal::kNone; }
+  bool shown() const ZELTA_REQUIRES(mutex_) {
+    return in_ && removal_ == Removal::kNone && !closed_;
+  }
   bool shows(CardNumber card) const ZELTA_REQUIRES(mutex_) { return shown() && number_ == card; }
-  void release() ZELTA_REQUIRES(mutex_);
   bool untold() const ZELTA_REQUIRES(mutex_);
   void awaitAnything(platform::MutexLock& lock, Clock::time_point end) ZELTA_REQUIRES(mutex_);
 
   mutable platform::Mutex mutex_;
   platform::ConditionVariable condition_;               // for the polling function
-  platform::ConditionVariable useEnds_;                 // for the calls that work with the card
   std::uint64_t changes_ ZELTA_GUARDED_BY(mutex_) = 0;  // so far
   bool in_ ZELTA_GUARDED_BY(mutex_) = false;            // as the driver has it
   bool leftEarly_ ZELTA_GUARDED_BY(mutex_) = false;     // before it was shown
   Removal removal_ ZELTA_GUARDED_BY(mutex_) = Removal::kNone;
   Clock::time_point settled_ ZELTA_GUARDED_BY(mutex_);      // after the latest refusal
   Clock::time_point hiddenSince_ ZELTA_GUARDED_BY(mutex_);  // the card that is in
-  std::size_t uses_ ZELTA_GUARDED_BY(mutex_) = 0;  // calls, and requests that the driver has
+  std::size_t uses_ ZELTA_GUARDED_BY(mutex_) = 0;           // calls
   CardNumber number_ ZELTA_GUARDED_BY(mutex_) = kNoCard;
   bool cardTold_ ZELTA_GUARDED_BY(mutex_) = false;       // by the polling function
   std::thread::id cardSeenBy_ ZELTA_GUARDED_BY(mutex_);  // the latest that asked and saw it

@@ -1,7 +1,9 @@
 #include "pcsc/channel.h"
 
-#include <new>
+#include <algorithm>
 #include <utility>
+
+#include "pcsc/atr.h"
 
 namespace zelta::pcsc {
 
@@ -29,20 +31,17 @@ bool isText(std::uint32_t tag) {
          tag == kAttributeEventPipeName;
 }
 
+// The driver carries out these requests in its dispatch callback. One that it keeps all the same
+// is given so long.
+constexpr std::chrono::milliseconds kKeptLimit{10000};
+
+bool isNoCard(HRESULT status) { return status == kNoMedia || status == host::kDeviceGone; }
+
 // The answer to a command that the driver did not carry out.
 RESPONSECODE failureOf(HRESULT status) {
-  if (status == kNoMedia) return IFD_ICC_NOT_PRESENT;
+  if (isNoCard(status)) return IFD_ICC_NOT_PRESENT;
   if (status == host::kTimedOut) return IFD_RESPONSE_TIMEOUT;
   return IFD_COMMUNICATION_ERROR;
-}
-
-Bytes transmitInput(std::uint32_t protocol, const Bytes& command) {
-  Bytes input;
-  input.reserve(kTransmitHeaderSize + command.size());
-  appendNumber(input, protocol);
-  appendNumber(input, kTransmitHeaderSize);
-  input.insert(input.end(), command.begin(), command.end());
-  return input;
 }
 
 Reply attributeReply(std::uint32_t attribute, host::IoResult result) {
@@ -54,21 +53,14 @@ Reply attributeReply(std::uint32_t attribute, host::IoResult result) {
   return {IFD_SUCCESS, std::move(value)};
 }
 
-// What a request that has ended without the driver's result is answered with.
-host::IoResult failure(HRESULT status) { return {status, 0, {}}; }
-
 }  // namespace
 
-Channel::Channel(std::shared_ptr<host::File> file, Log log, std::chrono::milliseconds controlLimit)
-    : file_(std::move(file)),
+Channel::Channel(std::string name, std::shared_ptr<host::File> file, ReaderFile::Renew renew,
+                 Log log)
+    : reader_(std::move(name), std::move(file), std::move(renew)),
       log_(std::move(log)),
-      controlLimit_(controlLimit),
       presence_(std::make_shared<CardPresence>()),
-      watch_(file_, presence_) {}
-
-// What an abandoned request works on lives as long as the request itself does; the wait is for
-// whoever opens the reader next.
-Channel::~Channel() { presence_->awaitUnused(controlLimit_); }
+      watch_(reader_, presence_, log_) {}
 
 void Channel::close() {
   presence_->close();
@@ -77,38 +69,32 @@ void Channel::close() {
 
 host::IoResult Channel::control(std::uint32_t code, const Bytes& input,
                                 std::size_t outputCapacity) {
-  return file_->control(code, input, outputCapacity, controlLimit_);
-}
-
-std::shared_ptr<host::IoOperation> Channel::submit(
-    std::uint32_t code, const Bytes& input, std::size_t outputCapacity,
-    const std::shared_ptr<CardPresence::Request>& request) {
-  try {
-    return file_->submit(
-        code, input, outputCapacity,
-        [presence = presence_, request](const host::IoResult&) { presence->endRequest(*request); });
-  } catch (const std::bad_alloc&) {
-    presence_->endRequest(*request);
-    throw;
-  }
+  return reader_.get()->control(code, input, outputCapacity, kKeptLimit);
 }
 
 host::IoResult Channel::controlCard(CardNumber card, std::uint32_t code, const Bytes& input,
                                     std::size_t outputCapacity) {
-  const auto request = std::make_shared<CardPresence::Request>();
-  if (!presence_->beginRequest(card)) {
-    presence_->refused();
-    return failure(kNoMedia);
-  }
-  const auto operation = submit(code, input, outputCapacity, request);
-  const CardPresence::RequestEnd end = presence_->awaitEnd(*request, card, controlLimit_);
-  // The completion is about to return, or has.
-  if (end == CardPresence::RequestEnd::kEnded && operation->wait(controlLimit_)) {
-    return operation->result();
-  }
+  host::IoResult result;
+  if (presence_->isShown(card)) result = control(code, input, outputCapacity);
+  if (presence_->isShown(card)) return result;
   presence_->refused();
-  operation->cancel();
-  return failure(end == CardPresence::RequestEnd::kCardLeft ? kNoMedia : host::kTimedOut);
+  return {kNoMedia, 0, {}};
+}
+
+host::IoEnd Channel::transmitToCard(CardNumber card, const Apdu& command, std::uint32_t protocol,
+                                    TransmitHeader* answerHeader) {
+  TransmitHeader header{};
+  putNumber(header, 0, protocol);
+  putNumber(header, kNumberSize, kTransmitHeaderSize);
+  host::IoEnd end;
+  if (presence_->isShown(card)) {
+    end = reader_.get()->controlInParts(
+        kIoctlTransmit, {{header.data(), header.size()}, command.bytes},
+        {{answerHeader->data(), answerHeader->size()}, command.answer}, kKeptLimit);
+  }
+  if (presence_->isShown(card)) return end;
+  presence_->refused();
+  return {kNoMedia, 0};
 }
 
 RESPONSECODE Channel::presence() {
@@ -133,7 +119,7 @@ Reply Channel::powerDown(CardNumber card) {
   // The driver would take a power-down for a card that is in.
   if (card == kNoCard) return {IFD_SUCCESS, {}};
   const host::IoResult result = controlCard(card, kIoctlPower, numberBytes(kPowerDown), 0);
-  if (result.status == kNoMedia) return {IFD_SUCCESS, {}};
+  if (isNoCard(result.status)) return {IFD_SUCCESS, {}};
   if (framework::failed(result.status)) return {IFD_ERROR_POWER_ACTION, {}};
   noteProtocol(card, 0);
   return {IFD_SUCCESS, {}};
@@ -142,22 +128,26 @@ Reply Channel::powerDown(CardNumber card) {
 Reply Channel::reset(CardNumber card, std::uint32_t operation) {
   if (card == kNoCard) return {refusal(), {}};
   host::IoResult result = controlCard(card, kIoctlPower, numberBytes(operation), MAX_ATR_SIZE);
-  if (framework::failed(result.status) || result.information == 0 ||
-      result.information > result.output.size()) {
-    return resetFailed(card, result);
-  }
+  if (framework::failed(result.status) || !isAtr(result)) return resetFailed(card, result.status);
   const MutexLock lock(mutex_);
   session_ = {card, result.output, 0};
   return {IFD_SUCCESS, std::move(result.output)};
 }
 
-Reply Channel::resetFailed(CardNumber card, const host::IoResult& result) {
-  if (framework::succeeded(result.status)) {
+Reply Channel::resetFailed(CardNumber card, HRESULT status) {
+  if (hasAnswered(card)) cycle(card);
+  return {isNoCard(status) ? IFD_ICC_NOT_PRESENT : IFD_ERROR_POWER_ACTION, {}};
+}
+
+bool Channel::isAtr(const host::IoResult& result) const {
+  if (result.information == 0 || result.information > MAX_ATR_SIZE) {
     log_(LogLevel::kError, "the card's answer to reset has " + std::to_string(result.information) +
                                " bytes; 1 to " + std::to_string(MAX_ATR_SIZE) + " are possible");
+    return false;
   }
-  if (sessionOf(card).card == card) cycle(card);
-  return {result.status == kNoMedia ? IFD_ICC_NOT_PRESENT : IFD_ERROR_POWER_ACTION, {}};
+  if (isPossibleAtr(result.output)) return true;
+  log_(LogLevel::kError, "the card sent no valid ATR: " + hexText(result.output));
+  return false;
 }
 
 RESPONSECODE Channel::setProtocol(DWORD protocol) {
@@ -172,55 +162,66 @@ RESPONSECODE Channel::setProtocol(DWORD protocol) {
     noteProtocol(use.card(), mask);
     return IFD_SUCCESS;
   }
-  if (result.status == kNotSupported) return IFD_PROTOCOL_NOT_SUPPORTED;
-  if (result.status == kNoMedia) cycle(use.card());
+  if (result.status == kNotSupported) {
+    if ((offeredProtocols(atrOf(use.card())) & mask) != 0) watch_.bringUpAnew();
+    return IFD_PROTOCOL_NOT_SUPPORTED;
+  }
+  if (isNoCard(result.status)) cycle(use.card());
   return failureOf(result.status);
 }
 
-Reply Channel::transmit(const Apdu& command) {
+RESPONSECODE Channel::transmit(const Apdu& command, std::size_t* answerSize) {
   if (command.protocol != kPciT0 && command.protocol != kPciT1 && command.protocol != kPciRaw) {
-    return {IFD_PROTOCOL_NOT_SUPPORTED, {}};
+    return IFD_PROTOCOL_NOT_SUPPORTED;
   }
   const CardUse use(*presence_);
-  if (use.card() == kNoCard) return {refusal(), {}};
+  if (use.card() == kNoCard) return refusal();
   std::uint32_t protocol = 0;
-  host::IoResult result = exchange(use.card(), command, &protocol);
-  if (framework::succeeded(result.status)) return checkAnswer(protocol, std::move(result));
-  // pcscd takes the card for absent with this answer, without saying so to anyone.
-  if (result.status == kNoMedia) cycle(use.card());
-  return {failureOf(result.status), {}};
+  TransmitHeader header{};
+  const host::IoEnd end = exchange(use.card(), command, &protocol, &header);
+  if (framework::failed(end.status)) {
+    // pcscd takes the card for absent with this answer, without saying so to anyone.
+    if (isNoCard(end.status)) cycle(use.card());
+    return failureOf(end.status);
+  }
+  const RESPONSECODE code = checkAnswer(end, header, protocol, command.answer.size);
+  if (code == IFD_SUCCESS) *answerSize = end.information - kTransmitHeaderSize;
+  return code;
 }
 
-host::IoResult Channel::exchange(CardNumber card, const Apdu& command, std::uint32_t* protocol) {
-  const std::size_t capacity = kTransmitHeaderSize + command.answerCapacity;
-  *protocol = sessionOf(card).protocol;
-  host::IoResult result =
-      controlCard(card, kIoctlTransmit, transmitInput(*protocol, command.bytes), capacity);
-  if (result.status != kInvalidDeviceState) return result;
+host::IoEnd Channel::exchange(CardNumber card, const Apdu& command, std::uint32_t* protocol,
+                              TransmitHeader* answerHeader) {
+  *protocol = protocolOf(card);
+  const host::IoEnd end = transmitToCard(card, command, *protocol, answerHeader);
+  if (end.status != kInvalidDeviceState) return end;
   // Refused without being sent: the driver has another current protocol. Before one is chosen it
   // may be what the card offered, by the protocol's number and not by its mask.
-  host::IoResult current =
-      controlCard(card, kIoctlGetAttribute, numberBytes(kAttributeCurrentProtocol), kNumberSize);
-  if (current.status == kNoMedia) return current;
-  if (framework::failed(current.status) || current.output.size() < kNumberSize) return result;
-  const std::uint32_t driverProtocol = numberAt(current.output, 0);
-  if (driverProtocol == *protocol) return result;
-  *protocol = driverProtocol;
-  noteProtocol(card, driverProtocol);
-  return controlCard(card, kIoctlTransmit, transmitInput(driverProtocol, command.bytes), capacity);
+  const std::optional<std::uint32_t> other = otherProtocol(card, *protocol);
+  if (!presence_->isShown(card)) return {kNoMedia, 0};
+  if (!other) return end;
+  *protocol = *other;
+  noteProtocol(card, *other);
+  return transmitToCard(card, command, *other, answerHeader);
 }
 
-Reply Channel::checkAnswer(std::uint32_t protocol, host::IoResult result) {
-  if (result.information > result.output.size()) return {IFD_ERROR_INSUFFICIENT_BUFFER, {}};
-  Bytes& answer = result.output;
-  if (answer.size() < kTransmitHeaderSize || numberAt(answer, 0) != protocol ||
-      numberAt(answer, kNumberSize) != kTransmitHeaderSize) {
-    log_(LogLevel::kError, "the driver's answer to a command has no valid header (" +
-                               std::to_string(answer.size()) + " bytes)");
-    return {IFD_COMMUNICATION_ERROR, {}};
+std::optional<std::uint32_t> Channel::otherProtocol(CardNumber card, std::uint32_t known) {
+  const host::IoResult current =
+      controlCard(card, kIoctlGetAttribute, numberBytes(kAttributeCurrentProtocol), kNumberSize);
+  if (framework::failed(current.status) || current.output.size() < kNumberSize) return std::nullopt;
+  const std::uint32_t protocol = numberAt(current.output, 0);
+  return protocol == known ? std::nullopt : std::optional<std::uint32_t>(protocol);
+}
+
+RESPONSECODE Channel::checkAnswer(const host::IoEnd& end, const TransmitHeader& header,
+                                  std::uint32_t protocol, std::size_t capacity) {
+  if (end.information > kTransmitHeaderSize + capacity) return IFD_ERROR_INSUFFICIENT_BUFFER;
+  if (end.information >= kTransmitHeaderSize && numberAt(header, 0) == protocol &&
+      numberAt(header, kNumberSize) == kTransmitHeaderSize) {
+    return IFD_SUCCESS;
   }
-  answer.erase(answer.begin(), answer.begin() + kTransmitHeaderSize);
-  return {IFD_SUCCESS, std::move(answer)};
+  log_(LogLevel::kError, "the driver's answer to a command has no valid header (" +
+                             std::to_string(end.information) + " bytes)");
+  return IFD_COMMUNICATION_ERROR;
 }
 
 Reply Channel::attribute(DWORD tag) {
@@ -234,17 +235,20 @@ Reply Channel::attribute(DWORD tag) {
 Reply Channel::atr() {
   const CardUse use(*presence_);
   if (use.card() == kNoCard) return {IFD_ICC_NOT_PRESENT, {}};
-  Bytes atr = sessionOf(use.card()).atr;
-  if (!atr.empty()) return {IFD_SUCCESS, std::move(atr)};
-  return attributeReply(kAttributeAtr, controlCard(use.card(), kIoctlGetAttribute,
-                                                   numberBytes(kAttributeAtr), kAttributeCapacity));
+  Bytes known = atrOf(use.card());
+  if (!known.empty()) return {IFD_SUCCESS, std::move(known)};
+  const host::IoResult result =
+      controlCard(use.card(), kIoctlGetAttribute, numberBytes(kAttributeAtr), kAttributeCapacity);
+  if (framework::succeeded(result.status) && !isAtr(result)) return {};
+  return attributeReply(kAttributeAtr, result);
 }
 
 RESPONSECODE Channel::setAttribute(DWORD tag, const Bytes& value) {
   if (!isAttribute(tag)) return IFD_ERROR_TAG;
   if (value.size() > kAttributeCapacity) return IFD_ERROR_SET_FAILURE;
-  Bytes input = numberBytes(static_cast<std::uint32_t>(tag));
-  input.insert(input.end(), value.begin(), value.end());
+  Bytes input(kNumberSize + value.size());
+  putNumber(input, 0, static_cast<std::uint32_t>(tag));
+  std::copy(value.begin(), value.end(), input.begin() + kNumberSize);
   const HRESULT status = control(kIoctlSetAttribute, input, 0).status;
   if (framework::succeeded(status)) return IFD_SUCCESS;
   return status == kNotSupported ? IFD_ERROR_TAG : IFD_ERROR_SET_FAILURE;
@@ -260,9 +264,19 @@ void Channel::cycle(CardNumber card) {
   presence_->cycle(card);
 }
 
-Channel::Session Channel::sessionOf(CardNumber card) const {
+bool Channel::hasAnswered(CardNumber card) const {
   const MutexLock lock(mutex_);
-  return session_.card == card ? session_ : Session();
+  return session_.card == card;
+}
+
+Bytes Channel::atrOf(CardNumber card) const {
+  const MutexLock lock(mutex_);
+  return session_.card == card ? session_.atr : Bytes();
+}
+
+std::uint32_t Channel::protocolOf(CardNumber card) const {
+  const MutexLock lock(mutex_);
+  return session_.card == card ? session_.protocol : 0;
 }
 
 void Channel::noteProtocol(CardNumber card, std::uint32_t protocol) {

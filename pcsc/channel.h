@@ -3,23 +3,31 @@
 // refuses it because it has another current protocol, it is asked for that, once, and the command
 // is sent again, once.
 //
-// A card that was removed, an agent that was lost and a request that the driver answers with "no
-// media" are all IFD_ICC_NOT_PRESENT. A call that works with the card returns that the moment the
-// card leaves, and nothing that the driver still says to it; card_presence.h has what becomes of
-// the request.
+// A card that was removed, an agent that was lost, a request that the driver answers with "no
+// media" and a device that is down are all IFD_ICC_NOT_PRESENT. A call whose card left while it ran
+// returns that, whatever the driver answered. How long a call takes is the driver's business: five
+// seconds for an exchange with the agent, and as long again at most until it gets its turn.
+//
+// A card whose ATR is invalid (atr.h) counts as mute, and the log says so.
 //
 // Where a card that has answered before no longer does (the driver finds no media, a power-up or
 // reset fails), pcscd is made to see it leave and enter once more: it has no other way back to a
 // usable card. A card that has not answered since it entered is not cycled; pcscd keeps it as mute
 // and powers it up again with the next connect.
 //
+// The driver reads the card's protocols when the card enters, and not again: if that failed, it
+// refuses what the card offers for as long as the card is in. The reader is then brought up anew.
+//
 // Threads: any, several at once; pcscd makes all calls but `awaitChange`, `stopAwaiting` and
 // `setAttribute` one at a time. Locks: the session's mutex is a leaf and never held while the
 // driver works.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "host/driver_host.h"
 #include "pcsc/card_presence.h"
@@ -27,6 +35,7 @@
 #include "pcsc/ifd_api.h"
 #include "pcsc/log.h"
 #include "pcsc/presence_watch.h"
+#include "pcsc/reader_file.h"
 
 namespace zelta::pcsc {
 
@@ -35,24 +44,17 @@ struct Reply {
   Bytes bytes;  // only with IFD_SUCCESS
 };
 
-// A command as pcscd hands it over.
+// A command as pcscd hands it over, with the place for its answer.
 struct Apdu {
   DWORD protocol = 0;  // 0 for T=0, 1 for T=1, 4 for raw
-  Bytes bytes;
-  std::size_t answerCapacity = 0;  // bytes
+  host::ConstBytes bytes;
+  host::MutableBytes answer;
 };
 
 class Channel {
  public:
-  // The time for one I/O control. The driver ends every exchange with the agent after 5 seconds;
-  // a few of them may be made one after the other.
-  static constexpr std::chrono::milliseconds kControlLimit{40000};
-
   // Begins to watch for the card at once.
-  Channel(std::shared_ptr<host::File> file, Log log,
-          std::chrono::milliseconds controlLimit = kControlLimit);
-  // Waits, no longer than for one I/O control, until the driver is done with the abandoned ones.
-  ~Channel();
+  Channel(std::string name, std::shared_ptr<host::File> file, ReaderFile::Renew renew, Log log);
   Channel(const Channel&) = delete;
   Channel& operator=(const Channel&) = delete;
 
@@ -62,14 +64,16 @@ class Channel {
   Reply power(DWORD action);
   // SCARD_PROTOCOL_T0 or SCARD_PROTOCOL_T1.
   RESPONSECODE setProtocol(DWORD protocol);
-  Reply transmit(const Apdu& command);
+  // `answerSize`, in bytes, is set with IFD_SUCCESS alone.
+  RESPONSECODE transmit(const Apdu& command, std::size_t* answerSize);
   // Any attribute; numbers are 4 bytes, texts come without a terminating zero.
   Reply attribute(DWORD tag);
   RESPONSECODE setAttribute(DWORD tag, const Bytes& value);
 
   void awaitChange(std::chrono::milliseconds limit) { presence_->awaitChange(limit); }
   void stopAwaiting() { presence_->stopAwaiting(); }
-  // Before the end: releases `awaitChange` for good and lets the watch for the card end.
+  // Before the end: releases `awaitChange` for good, shows no card any more and lets the watch for
+  // it end.
   void close();
 
  private:
@@ -82,33 +86,42 @@ class Channel {
     std::uint32_t protocol = 0;
   };
 
+  using TransmitHeader = std::array<std::uint8_t, kTransmitHeaderSize>;
+
   host::IoResult control(std::uint32_t code, const Bytes& input, std::size_t outputCapacity);
   // Within a use of `card`. "No media", and no output, also where that card has left, before or
-  // meanwhile; the request may still be in the driver then.
+  // meanwhile.
   host::IoResult controlCard(CardNumber card, std::uint32_t code, const Bytes& input,
                              std::size_t outputCapacity);
-  std::shared_ptr<host::IoOperation> submit(std::uint32_t code, const Bytes& input,
-                                            std::size_t outputCapacity,
-                                            const std::shared_ptr<CardPresence::Request>& request);
+  // The same for a command, with the answer's header apart.
+  host::IoEnd transmitToCard(CardNumber card, const Apdu& command, std::uint32_t protocol,
+                             TransmitHeader* answerHeader);
   Reply powerDown(CardNumber card);
   Reply reset(CardNumber card, std::uint32_t operation);
-  Reply resetFailed(CardNumber card, const host::IoResult& result);
+  Reply resetFailed(CardNumber card, framework::HRESULT status);
   // Sends the command with the driver's current protocol, whichever that is; `protocol` says.
-  host::IoResult exchange(CardNumber card, const Apdu& command, std::uint32_t* protocol);
-  Reply checkAnswer(std::uint32_t protocol, host::IoResult result);
+  host::IoEnd exchange(CardNumber card, const Apdu& command, std::uint32_t* protocol,
+                       TransmitHeader* answerHeader);
+  // The driver's protocol where it is another than `known`; none where that cannot be said.
+  std::optional<std::uint32_t> otherProtocol(CardNumber card, std::uint32_t known);
+  RESPONSECODE checkAnswer(const host::IoEnd& end, const TransmitHeader& header,
+                           std::uint32_t protocol, std::size_t capacity);
   Reply atr();
+  // Logs what is none.
+  bool isAtr(const host::IoResult& result) const;
 
   // The answer to a call that needs a card and has none.
   RESPONSECODE refusal();
   void cycle(CardNumber card);
-  // Of `card`; an empty one where that card has not answered yet.
-  Session sessionOf(CardNumber card) const ZELTA_EXCLUDES(mutex_);
+  // Of the card: false, no bytes, 0 where it has not answered yet.
+  bool hasAnswered(CardNumber card) const ZELTA_EXCLUDES(mutex_);
+  Bytes atrOf(CardNumber card) const ZELTA_EXCLUDES(mutex_);
+  std::uint32_t protocolOf(CardNumber card) const ZELTA_EXCLUDES(mutex_);
   // Nothing where `card` has not answered yet.
   void noteProtocol(CardNumber card, std::uint32_t protocol) ZELTA_EXCLUDES(mutex_);
 
-  const std::shared_ptr<host::File> file_;
+  ReaderFile reader_;
   const Log log_;
-  const std::chrono::milliseconds controlLimit_;
   const std::shared_ptr<CardPresence> presence_;
   mutable platform::Mutex mutex_;
   Session session_ ZELTA_GUARDED_BY(mutex_);

@@ -30,12 +30,12 @@ RESPONSECODE ChannelTable::open(DWORD lun, std::uint32_t readerIndex) {
   if (isTaken(lun, readerIndex)) return IFD_COMMUNICATION_ERROR;
   RESPONSECODE code = IFD_COMMUNICATION_ERROR;
   try {
-    if (!host_) bringUpHost();
-    code = openOnHost(lun, readerIndex);
+    if (!device_) device_ = bringUpDevice();
+    code = openOnDevice(lun, readerIndex);
   } catch (const std::exception& failure) {
     logFailure(readerIndex, failure.what());
   }
-  dropIdleHost();
+  dropIdleDevice();
   return code;
 }
 
@@ -63,24 +63,28 @@ bool ChannelTable::isTaken(DWORD lun, std::uint32_t readerIndex) {
   return false;
 }
 
-void ChannelTable::bringUpHost() {
+std::shared_ptr<Device> ChannelTable::bringUpDevice() const {
   host::HostOptions options;
   options.driverError = [log = surroundings_.log](const std::string& text) {
     log(LogLevel::kError, text);
   };
-  std::unique_ptr<host::DriverHost> loaded =
-      surroundings_.loadHost(surroundings_.modulePath(), std::move(options));
-  loaded->bringUp();
-  host_ = std::move(loaded);
+  return std::make_shared<Device>(
+      surroundings_.loadHost(surroundings_.modulePath(), std::move(options)));
 }
 
-RESPONSECODE ChannelTable::openOnHost(DWORD lun, std::uint32_t readerIndex) {
-  std::shared_ptr<host::File> file = host_->open(interfaceName(readerIndex));
+RESPONSECODE ChannelTable::openOnDevice(DWORD lun, std::uint32_t readerIndex) {
+  Device::Generation generation = 0;
+  std::shared_ptr<host::File> file = device_->open(readerIndex, &generation);
   if (!file) {
     surroundings_.log(LogLevel::kError, "the driver has no reader " + readerName(readerIndex));
     return IFD_NO_SUCH_DEVICE;
   }
-  auto channel = std::make_unique<Channel>(std::move(file), surroundings_.log);
+  auto channel = std::make_unique<Channel>(
+      readerName(readerIndex), std::move(file),
+      [device = device_, readerIndex, generation]() mutable {
+        return device->renew(readerIndex, &generation);
+      },
+      surroundings_.log);
   const MutexLock lock(mutex_);
   Entry& entry = entries_[lun];
   entry.readerIndex = readerIndex;
@@ -88,12 +92,12 @@ RESPONSECODE ChannelTable::openOnHost(DWORD lun, std::uint32_t readerIndex) {
   return IFD_SUCCESS;
 }
 
-void ChannelTable::dropIdleHost() noexcept {
+void ChannelTable::dropIdleDevice() noexcept {
   {
     const MutexLock lock(mutex_);
     if (!entries_.empty()) return;
   }
-  host_.reset();
+  device_.reset();
 }
 
 RESPONSECODE ChannelTable::close(DWORD lun) noexcept {
@@ -109,8 +113,8 @@ RESPONSECODE ChannelTable::close(DWORD lun) noexcept {
     last = entries_.size() == 1;
   }
   channel->close();
-  // Ends what still runs on the channel; where others need the host it ends by itself.
-  if (last) host_->tearDown();
+  // Ends what still runs on the channel; where others need the device it ends by itself.
+  if (last) device_->shutDown();
   std::unique_ptr<Channel> closed;
   {
     MutexLock lock(mutex_);
@@ -120,7 +124,7 @@ RESPONSECODE ChannelTable::close(DWORD lun) noexcept {
     entries_.erase(lun);
   }
   closed.reset();
-  dropIdleHost();
+  dropIdleDevice();
   return IFD_SUCCESS;
 }
 

@@ -1,11 +1,12 @@
-// The open channels by pcscd's reader number, and the one driver host that they share.
+// The open channels by pcscd's reader number, and the one device of the driver that they share.
 //
-// The host is loaded and brought up with the first channel and taken down and unloaded with the
-// last one. A reader of the driver belongs to one channel at a time.
+// The driver's host is loaded and the device brought up with the first channel; the last one takes
+// the device down and the host with it. A reader of the driver belongs to one channel at a time.
 //
 // Threads: any. Opening and closing are serialised. A use keeps its channel alive; `close` makes
 // the calls inside it end and waits for them. Locks, in order: open mutex, table mutex; neither is
-// held while a channel works, the open mutex alone while the host comes up or goes down.
+// held while a channel works, the open mutex alone while the device comes up or goes down, which
+// has a mutex of its own below it.
 #pragma once
 
 #include <functional>
@@ -15,6 +16,7 @@
 
 #include "host/driver_host.h"
 #include "pcsc/channel.h"
+#include "pcsc/device.h"
 #include "platform/sync.h"
 
 namespace zelta::pcsc {
@@ -74,14 +76,15 @@ class ChannelTable {
   void leave(Entry& entry) ZELTA_EXCLUDES(mutex_);
 
   bool isTaken(DWORD lun, std::uint32_t readerIndex) ZELTA_REQUIRES(openMutex_);
-  void bringUpHost() ZELTA_REQUIRES(openMutex_);
-  RESPONSECODE openOnHost(DWORD lun, std::uint32_t readerIndex) ZELTA_REQUIRES(openMutex_);
+  std::shared_ptr<Device> bringUpDevice() const;
+  RESPONSECODE openOnDevice(DWORD lun, std::uint32_t readerIndex) ZELTA_REQUIRES(openMutex_);
   void logFailure(std::uint32_t readerIndex, const char* reason) const noexcept;
-  void dropIdleHost() noexcept ZELTA_REQUIRES(openMutex_);
+  void dropIdleDevice() noexcept ZELTA_REQUIRES(openMutex_);
 
   const Surroundings surroundings_;
-  platform::Mutex openMutex_;
-  std::unique_ptr<host::DriverHost> host_ ZELTA_GUARDED_BY(openMutex_);
+  platform::Mutex openMutex_ ZELTA_ACQUIRED_BEFORE(mutex_);
+  // Shared with the channels, which have it brought up anew without the table.
+  std::shared_ptr<Device> device_ ZELTA_GUARDED_BY(openMutex_);
   platform::Mutex mutex_;
   platform::ConditionVariable left_;
   // Changed with both mutexes held.

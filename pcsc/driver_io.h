@@ -40,26 +40,31 @@ inline constexpr std::uint32_t kAttributeVendorName = 0x00010100;
 inline constexpr std::uint32_t kAttributeIfdType = 0x00010101;
 inline constexpr std::uint32_t kAttributePipeName = 0x0007A00A;
 inline constexpr std::uint32_t kAttributeEventPipeName = 0x0007A00B;
+// How the reader's server thread is: 0 while it serves, 997 while it still makes its pipes, or the
+// code that it has ended with.
+inline constexpr std::uint32_t kAttributeServerResult = 0x0007A010;
 inline constexpr std::uint32_t kAttributeCurrentProtocol = 0x00080201;
 inline constexpr std::uint32_t kAttributeAtr = 0x00090303;
 
 inline constexpr std::size_t kNumberSize = 4;          // bytes
 inline constexpr std::size_t kTransmitHeaderSize = 8;  // bytes: protocol, header size
 
-inline void appendNumber(Bytes& bytes, std::uint32_t value) {
-  for (unsigned shift = 0; shift < 32; shift += 8) {
-    bytes.push_back(static_cast<std::uint8_t>(value >> shift));
+// `bytes` must hold four bytes from `offset` on.
+template <typename ByteSequence>
+void putNumber(ByteSequence& bytes, std::size_t offset, std::uint32_t value) {
+  for (std::size_t i = 0; i < kNumberSize; ++i) {
+    bytes[offset + i] = static_cast<std::uint8_t>(value >> (8 * i));
   }
 }
 
 inline Bytes numberBytes(std::uint32_t value) {
-  Bytes bytes;
-  appendNumber(bytes, value);
+  Bytes bytes(kNumberSize);
+  putNumber(bytes, 0, value);
   return bytes;
 }
 
-// `bytes` must hold four bytes from `offset` on.
-inline std::uint32_t numberAt(const Bytes& bytes, std::size_t offset) {
+template <typename ByteSequence>
+std::uint32_t numberAt(const ByteSequence& bytes, std::size_t offset) {
   std::uint32_t value = 0;
   for (std::size_t i = 0; i < kNumberSize; ++i) {
     value |= static_cast<std::uint32_t>(bytes[offset + i]) << (8 * i);

@@ -13,7 +13,6 @@
 
 namespace {
 
-using zelta::pcsc::Apdu;
 using zelta::pcsc::Bytes;
 using zelta::pcsc::Channel;
 using zelta::pcsc::ChannelTable;
@@ -143,20 +142,18 @@ RESPONSECODE IFDHPowerICC(DWORD Lun, DWORD Action, PUCHAR Atr, PDWORD AtrLength)
 RESPONSECODE IFDHTransmitToICC(DWORD Lun, SCARD_IO_HEADER SendPci, PUCHAR TxBuffer, DWORD TxLength,
                                PUCHAR RxBuffer, PDWORD RxLength, PSCARD_IO_HEADER RecvPci) {
   if (RxLength == nullptr) return IFD_COMMUNICATION_ERROR;
-  DWORD capacity = std::min<DWORD>(*RxLength, MAX_BUFFER_SIZE_EXTENDED);
+  const DWORD capacity = std::min<DWORD>(*RxLength, MAX_BUFFER_SIZE_EXTENDED);
   *RxLength = 0;
   if (RxBuffer == nullptr || (TxBuffer == nullptr && TxLength != 0)) {
     return IFD_COMMUNICATION_ERROR;
   }
   if (TxLength > MAX_BUFFER_SIZE_EXTENDED) return IFD_ERROR_INSUFFICIENT_BUFFER;
   return onChannel(Lun, [&](Channel& channel) -> RESPONSECODE {
-    const Reply reply = channel.transmit(
-        {SendPci.Protocol, TxLength == 0 ? Bytes() : Bytes(TxBuffer, TxBuffer + TxLength),
-         capacity});
-    if (reply.code != IFD_SUCCESS) return reply.code;
-    const RESPONSECODE copied = copyOut(reply.bytes, RxBuffer, &capacity);
-    if (copied != IFD_SUCCESS) return copied;
-    *RxLength = capacity;
+    std::size_t answerSize = 0;
+    const RESPONSECODE code = channel.transmit(
+        {SendPci.Protocol, {TxBuffer, TxLength}, {RxBuffer, capacity}}, &answerSize);
+    if (code != IFD_SUCCESS) return code;
+    *RxLength = answerSize;
     if (RecvPci != nullptr) *RecvPci = {SendPci.Protocol, sizeof *RecvPci};
     return IFD_SUCCESS;
   });

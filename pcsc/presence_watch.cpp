@@ -1,10 +1,12 @@
 #include "pcsc/presence_watch.h"
 
 #include <algorithm>
+#include <array>
 #include <new>
 #include <utility>
 
 #include "pcsc/driver_io.h"
+#include "pcsc/server_result.h"
 
 namespace zelta::pcsc {
 
@@ -13,14 +15,18 @@ using platform::MutexLock;
 
 namespace {
 
-// How long the driver may take to check for the card before the wait is begun anew.
-constexpr std::chrono::seconds kDispatchLimit{60};
+// The driver answers the question for its server thread at once.
+constexpr std::chrono::milliseconds kAnswerLimit{1000};
+// Between questions while the server thread is starting.
+constexpr std::chrono::milliseconds kFirstStartPause{1};
+constexpr std::chrono::milliseconds kLongestStartPause{100};
 
 }  // namespace
 
 void PresenceWatch::Mailbox::clear() {
   const MutexLock lock(mutex_);
   status_.reset();
+  renewalAsked_ = false;
 }
 
 void PresenceWatch::Mailbox::deliver(HRESULT status) noexcept {
@@ -35,11 +41,23 @@ void PresenceWatch::Mailbox::stop() {
   changed_.notifyAll();
 }
 
+void PresenceWatch::Mailbox::askForRenewal() {
+  const MutexLock lock(mutex_);
+  renewalAsked_ = true;
+  changed_.notifyAll();
+}
+
 std::optional<HRESULT> PresenceWatch::Mailbox::await() {
   MutexLock lock(mutex_);
-  changed_.wait(
-      lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return stopped_ || status_.has_value(); });
+  changed_.wait(lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return stopped_ || renewalAsked_ || status_.has_value();
+  });
   return stopped_ ? std::nullopt : status_;
+}
+
+bool PresenceWatch::Mailbox::stopped() {
+  const MutexLock lock(mutex_);
+  return stopped_;
 }
 
 bool PresenceWatch::Mailbox::pause(std::chrono::milliseconds time) {
@@ -48,10 +66,10 @@ bool PresenceWatch::Mailbox::pause(std::chrono::milliseconds time) {
                            [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return stopped_; });
 }
 
-PresenceWatch::PresenceWatch(std::shared_ptr<host::File> file,
-                             std::shared_ptr<CardPresence> presence)
-    : file_(std::move(file)),
+PresenceWatch::PresenceWatch(ReaderFile& reader, std::shared_ptr<CardPresence> presence, Log log)
+    : reader_(reader),
       presence_(std::move(presence)),
+      log_(std::move(log)),
       mailbox_(std::make_shared<Mailbox>()),
       thread_([this] { run(); }) {}
 
@@ -63,60 +81,152 @@ PresenceWatch::~PresenceWatch() {
 void PresenceWatch::stop() { mailbox_->stop(); }
 
 void PresenceWatch::run() {
-  int failures = 0;  // in a row, each as soon as the request was made
-  auto pause = kFirstPause;
   for (;;) {
     const auto begun = std::chrono::steady_clock::now();
     const Outcome outcome = watchOneCard();
-    if (outcome == Outcome::kEnd) return;
-    if (outcome == Outcome::kShown || std::chrono::steady_clock::now() - begun >= kLasting) {
-      failures = 0;
-      pause = kFirstPause;
-      continue;
-    }
-    if (++failures == 1) continue;
-    if (!mailbox_->pause(pause)) return;
-    pause = std::min(pause * 2, kLongestPause);
+    if (outcome == Outcome::kStopped) return;
+    const bool lasted = std::chrono::steady_clock::now() - begun >= kLasting;
+    const bool goesOn = outcome == Outcome::kNotServing ? revive() : pauseAfter(outcome, lasted);
+    if (!goesOn) return;
   }
+}
+
+bool PresenceWatch::pauseAfter(Outcome outcome, bool lasted) {
+  if (outcome == Outcome::kShown || lasted) {
+    failures_ = 0;
+    pause_ = kFirstPause;
+    return true;
+  }
+  if (++failures_ == 1) return true;
+  const auto longest = outcome == Outcome::kLeftEarly ? kLongestSwapPause : kLongestPause;
+  const auto time = std::min(pause_, longest);
+  pause_ = std::min(pause_ * 2, kLongestPause);
+  return mailbox_->pause(time);
 }
 
 PresenceWatch::Outcome PresenceWatch::watchOneCard() {
   try {
-    const std::optional<HRESULT> status = awaitInsertion();
-    if (!status || *status == host::kDeviceGone) return Outcome::kEnd;
-    return framework::succeeded(*status) ? watchRemoval() : Outcome::kNotShown;
+    const Outcome outcome = awaitInsertion();
+    return outcome == Outcome::kShown ? watchRemoval() : outcome;
   } catch (const std::bad_alloc&) {
-    return Outcome::kNotShown;  // no memory for a request: none is waiting
+    return Outcome::kFailed;  // no memory for a request: none is waiting
   }
 }
 
-std::optional<HRESULT> PresenceWatch::awaitInsertion() {
-  mailbox_->clear();
-  const auto request = file_->submit(
-      kIoctlIsPresent, {}, 0,
-      [mailbox = mailbox_](const host::IoResult& result) { mailbox->deliver(result.status); });
+PresenceWatch::Outcome PresenceWatch::awaitInsertion() {
+  const auto request = submit(kIoctlIsPresent, false);
+  if (!serves(*request)) return Outcome::kNotServing;
   const std::optional<HRESULT> status = mailbox_->await();
-  if (!status) request->cancel();
-  return status;
+  if (!status) return endWait(*request);
+  if (*status == host::kDeviceGone) return Outcome::kNotServing;
+  if (framework::failed(*status)) return Outcome::kFailed;
+  tellServing();
+  return Outcome::kShown;
 }
 
 PresenceWatch::Outcome PresenceWatch::watchRemoval() {
-  mailbox_->clear();
   presence_->expectCard();
-  // However the request ends, the card is out.
-  const auto request =
-      file_->submit(kIoctlIsAbsent, {}, 0,
-                    [mailbox = mailbox_, presence = presence_](const host::IoResult& result) {
-                      presence->cardLeft();
-                      mailbox->deliver(result.status);
-                    });
-  while (!request->waitDispatched(kDispatchLimit)) {
-  }
+  const auto request = submit(kIoctlIsAbsent, true);
   const bool shown = presence_->cardEntered();
   const std::optional<HRESULT> status = mailbox_->await();
-  if (!status) request->cancel();
-  if (!status || *status == host::kDeviceGone) return Outcome::kEnd;
-  return shown ? Outcome::kShown : Outcome::kNotShown;
+  if (!status) return endWait(*request);
+  if (*status == host::kDeviceGone) return Outcome::kNotServing;
+  return shown ? Outcome::kShown : Outcome::kLeftEarly;
+}
+
+PresenceWatch::Outcome PresenceWatch::endWait(host::IoOperation& request) {
+  if (mailbox_->stopped()) {
+    request.cancel();
+    return Outcome::kStopped;
+  }
+  tellNotServing([] { return "the driver refuses a protocol that the card offers"; });
+  return Outcome::kNotServing;  // the request ends with the device
+}
+
+std::shared_ptr<host::IoOperation> PresenceWatch::submit(std::uint32_t code, bool forRemoval) {
+  mailbox_->clear();
+  return reader_.get()->submit(
+      code, {}, 0,
+      [mailbox = mailbox_, presence = presence_, forRemoval](const host::IoResult& result) {
+        // However the request ends, the card is out.
+        if (forRemoval) presence->cardLeft();
+        mailbox->deliver(result.status);
+      });
+}
+
+bool PresenceWatch::serves(const host::IoOperation& request) {
+  auto pause = kFirstStartPause;
+  while (!request.completed()) {
+    const std::uint32_t result = serverResult().value_or(kServing);
+    if (result == kServing) {
+      tellServing();
+      return true;
+    }
+    if (result != kStillStarting) {
+      tellNotServing([result] { return serverResultText(result); });
+      return false;
+    }
+    if (!mailbox_->pause(pause)) return true;
+    pause = std::min(pause * 2, kLongestStartPause);
+  }
+  return true;
+}
+
+std::optional<std::uint32_t> PresenceWatch::serverResult() {
+  std::array<std::uint8_t, kNumberSize> tag{};
+  std::array<std::uint8_t, kNumberSize> number{};
+  putNumber(tag, 0, kAttributeServerResult);
+  const host::IoEnd end =
+      reader_.get()->controlInParts(kIoctlGetAttribute, {{}, {tag.data(), tag.size()}},
+                                    {{}, {number.data(), number.size()}}, kAnswerLimit);
+  if (framework::failed(end.status) || end.information != kNumberSize) return std::nullopt;
+  return numberAt(number, 0);
+}
+
+// The pause grows over bring-ups that follow each other closely, also if the reader serves between.
+bool PresenceWatch::revive() {
+  if (std::chrono::steady_clock::now() - revived_ > kLongestRevivalPause) {
+    revivalPause_ = kFirstRevivalPause;
+  }
+  while (mailbox_->pause(revivalPause_)) {
+    revivalPause_ = std::min(revivalPause_ * 2, kLongestRevivalPause);
+    const std::optional<bool> renewed = renew();
+    revived_ = std::chrono::steady_clock::now();
+    if (renewed) return *renewed;
+  }
+  return false;
+}
+
+std::optional<bool> PresenceWatch::renew() {
+  try {
+    return reader_.renew();
+  } catch (const host::HostError& failure) {
+    tellNotServing([&failure] { return failure.what(); });
+  } catch (const std::bad_alloc&) {  // tried again
+  }
+  return std::nullopt;
+}
+
+template <typename MakeReason>
+void PresenceWatch::tellNotServing(MakeReason makeReason) noexcept {
+  try {
+    const std::string reason = makeReason();
+    if (told_ == reason) return;
+    log_(LogLevel::kError, "reader " + reader_.name() + " does not serve: " + reason +
+                               "; the device is restarted until it serves");
+    told_ = reason;
+  } catch (const std::bad_alloc&) {  // no memory to tell of it
+  }
+}
+
+// At the same level, so that whoever read of the trouble reads of its end.
+void PresenceWatch::tellServing() noexcept {
+  if (told_.empty()) return;
+  try {
+    log_(LogLevel::kError, "reader " + reader_.name() + " serves again");
+  } catch (const std::bad_alloc&) {  // no memory to tell of it
+  }
+  told_.clear();
 }
 
 }  // namespace zelta::pcsc

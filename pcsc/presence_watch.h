@@ -1,23 +1,33 @@
 // Keeps one presence request waiting in the driver at all times: for the insertion while the card
-// is out, for the removal while it is in.
+// is out, for the removal while it is in. Notices when the reader has stopped serving, and brings
+// it back.
 //
 // The request for the removal waits in the driver before the card is shown to pcscd, so that no
 // removal that follows is missed. A request that fails, as insertions do when the agent is lost,
-// is made again at once: the driver stops serving a reader that nobody waits on. Only where
-// requests fail over and over as soon as they are made is there a growing pause between them.
+// is made again at once. Only where requests fail over and over as soon as they are made, or cards
+// leave before they are shown, is there a growing pause between them.
 //
-// Ownership: holds its file and shares `presence`; a request that is still waiting at the end is
+// The driver's server thread ends where nobody asked for a card for a while, or where it cannot
+// make its pipes. After each request for an insertion that waits in the driver it is therefore
+// asked how the thread is: a thread that serves then will serve that request. One that has ended is
+// brought back with the device, after a pause that grows until it serves again; pcscd's log has why
+// and when. So is one that refuses what its card offers. A driver that does not know the question
+// serves.
+//
+// Ownership: holds its reader and shares `presence`; a request that is still waiting at the end is
 // cancelled, and its completion may come later. Threads: one of its own, joined by the destructor,
-// which waits for a presence check that the driver is making.
+// which waits for a presence check that the driver is making, or for the device to come up.
 #pragma once
 
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <string>
 #include <thread>
 
-#include "host/driver_host.h"
 #include "pcsc/card_presence.h"
+#include "pcsc/log.h"
+#include "pcsc/reader_file.h"
 
 namespace zelta::pcsc {
 
@@ -27,14 +37,21 @@ class PresenceWatch {
   static constexpr std::chrono::milliseconds kLasting{100};
   static constexpr std::chrono::milliseconds kFirstPause{10};
   static constexpr std::chrono::milliseconds kLongestPause{1000};
+  // Where cards come and go: the last one must be seen soon.
+  static constexpr std::chrono::milliseconds kLongestSwapPause{40};
+  static constexpr std::chrono::milliseconds kFirstRevivalPause{100};
+  static constexpr std::chrono::milliseconds kLongestRevivalPause{10000};
 
-  PresenceWatch(std::shared_ptr<host::File> file, std::shared_ptr<CardPresence> presence);
+  PresenceWatch(ReaderFile& reader, std::shared_ptr<CardPresence> presence, Log log);
   ~PresenceWatch();
   PresenceWatch(const PresenceWatch&) = delete;
   PresenceWatch& operator=(const PresenceWatch&) = delete;
 
   // Lets the thread end, without waiting for it.
   void stop();
+  // The driver refuses a protocol that the card offers. Has the device brought up anew, without
+  // waiting for that. Any thread.
+  void bringUpAnew() { mailbox_->askForRenewal(); }
 
  private:
   // The request's completion as its callback leaves it, under the driver's locks.
@@ -43,29 +60,62 @@ class PresenceWatch {
     void clear() ZELTA_EXCLUDES(mutex_);
     void deliver(framework::HRESULT status) noexcept ZELTA_EXCLUDES(mutex_);
     void stop() ZELTA_EXCLUDES(mutex_);
-    // None when stopped.
+    void askForRenewal() ZELTA_EXCLUDES(mutex_);
+    // None when stopped, or asked for a renewal.
     std::optional<framework::HRESULT> await() ZELTA_EXCLUDES(mutex_);
     // False when stopped.
     bool pause(std::chrono::milliseconds time) ZELTA_EXCLUDES(mutex_);
+    bool stopped() ZELTA_EXCLUDES(mutex_);
 
    private:
     platform::Mutex mutex_;
     platform::ConditionVariable changed_;
     std::optional<framework::HRESULT> status_ ZELTA_GUARDED_BY(mutex_);
+    bool renewalAsked_ ZELTA_GUARDED_BY(mutex_) = false;  // since `clear`
     bool stopped_ ZELTA_GUARDED_BY(mutex_) = false;
   };
 
-  enum class Outcome { kShown, kNotShown, kEnd };
+  enum class Outcome {
+    kShown,
+    kLeftEarly,  // before it was shown
+    kFailed,
+    kNotServing,
+    kStopped,
+  };
 
   void run();
+  // Pauses as the last outcomes ask for. False when stopped.
+  bool pauseAfter(Outcome outcome, bool lasted);
   Outcome watchOneCard();
+  Outcome awaitInsertion();
   Outcome watchRemoval();
-  // The status that the request for an insertion ended with; none when stopped.
-  std::optional<framework::HRESULT> awaitInsertion();
+  // What becomes of a request that has not ended: it is cancelled when stopped.
+  Outcome endWait(host::IoOperation& request);
+  std::shared_ptr<host::IoOperation> submit(std::uint32_t code, bool forRemoval);
+  // Asks until the answer is final or the request has ended; false where the reader does not serve.
+  bool serves(const host::IoOperation& request);
+  // None where the driver does not know, which counts as serving.
+  std::optional<std::uint32_t> serverResult();
+  // Brings the device up anew, however often that takes. False when stopped, or where the device is
+  // down for good.
+  bool revive();
+  // False where the device is down for good; none where it did not come up.
+  std::optional<bool> renew();
+  // Logs the reason, once however often it is met.
+  template <typename MakeReason>
+  void tellNotServing(MakeReason makeReason) noexcept;
+  void tellServing() noexcept;
 
-  const std::shared_ptr<host::File> file_;
+  ReaderFile& reader_;  // not owned
   const std::shared_ptr<CardPresence> presence_;
+  const Log log_;
   const std::shared_ptr<Mailbox> mailbox_;
+  // The thread's own:
+  int failures_ = 0;  // in a row, each as soon as the request was made
+  std::chrono::milliseconds pause_ = kFirstPause;
+  std::chrono::milliseconds revivalPause_ = kFirstRevivalPause;
+  std::chrono::steady_clock::time_point revived_;  // last
+  std::string told_;  // why the reader does not serve, as the log has it; empty: it serves
   std::thread thread_;
 };
 

@@ -4,6 +4,7 @@
 // code of the module does. Failures are told in the system's own words.
 #pragma once
 
+#include <memory>
 #include <string>
 
 namespace zelta::platform {
@@ -17,8 +18,21 @@ ModuleHandle openModule(const std::string& path, std::string* errorText);
 // The address of an exported function or datum; null where the module exports none of that name.
 void* moduleSymbol(ModuleHandle module, const char* name);
 
+// Opens the module that has `address`, of its code or data, once more: it stays mapped until that
+// handle is closed, whatever becomes of the others. Null if it is the program itself, which stays
+// anyway, and on failure.
+ModuleHandle openModuleOf(const void* address);
+
 // Gives the handle up. The module is unmapped, after its own tear-down, unless someone else in
 // the process has it open. False on failure, with the reason in `errorText`.
 bool closeModule(ModuleHandle module, std::string* errorText);
+
+struct ModuleCloser {
+  void operator()(void* module) const {
+    std::string errorText;  // there is nobody to tell
+    closeModule(module, &errorText);
+  }
+};
+using ScopedModule = std::unique_ptr<void, ModuleCloser>;
 
 }  // namespace zelta::platform

@@ -1,4 +1,5 @@
 #include <dlfcn.h>
+#include <link.h>
 
 #include "platform/module_loader.h"
 
@@ -20,6 +21,15 @@ ModuleHandle openModule(const std::string& path, std::string* errorText) {
 }
 
 void* moduleSymbol(ModuleHandle module, const char* name) { return dlsym(module, name); }
+
+ModuleHandle openModuleOf(const void* address) {
+  Dl_info info{};
+  void* found = nullptr;
+  if (dladdr1(address, &info, &found, RTLD_DL_LINKMAP) == 0) return nullptr;
+  const char* name = static_cast<const link_map*>(found)->l_name;
+  if (*name == '\0') return nullptr;  // the program itself
+  return dlopen(name, RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD);
+}
 
 bool closeModule(ModuleHandle module, std::string* errorText) {
   if (dlclose(module) == 0) return true;

@@ -27,6 +27,13 @@ void* moduleSymbol(ModuleHandle module, const char* name) {
   return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(module), name));
 }
 
+ModuleHandle openModuleOf(const void* address) {
+  HMODULE module = nullptr;
+  GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS, static_cast<const wchar_t*>(address),
+                     &module);
+  return module;
+}
+
 bool closeModule(ModuleHandle module, std::string* errorText) {
   if (FreeLibrary(static_cast<HMODULE>(module)) != FALSE) return true;
   *errorText = lastErrorText("FreeLibrary");

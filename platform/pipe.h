@@ -54,11 +54,16 @@ class PipeApi {
   virtual bool disconnect(PipeHandleValue pipe) = 0;
   // Releases every operation of the process that is blocked on the pipe; 1168 where none is.
   virtual bool cancel(PipeHandleValue pipe) = 0;
-  // Reads `size` bytes: 109 the client is gone, 536 there is none, 995 cancelled.
+  // Reads `size` bytes: 109 the client is gone, 536 there is none, 995 cancelled. What a client
+  // left is read, unless a write or flush has found it gone.
   virtual bool read(PipeHandleValue pipe, void* data, std::uint32_t size) = 0;
   // Writes `size` bytes: 109 or 232 the client is gone, 536 there is none, 995 cancelled.
   virtual bool write(PipeHandleValue pipe, const void* data, std::uint32_t size) = 0;
-  // Returns once the client has read everything written.
+  // Returns once the client has read everything written: 109 if it is gone before, 536 there is
+  // none, 995 cancelled. This is the barrier of an exchange: a client that a write or flush finds
+  // gone stays gone, so that what it left, which answers a command that was given up, is never read
+  // as the answer to the new one. A client that has read everything and then left is not found
+  // gone: its answer may be read. On Linux it is if bytes were unread when the command began.
   virtual bool flush(PipeHandleValue pipe) = 0;
   virtual bool close(PipeHandleValue pipe) = 0;
 };
@@ -85,6 +90,9 @@ class PipeApi {
 //     it wait on. One that has gone before it was let in is passed over;
 //   - write returns when the bytes are handed to the client's socket. There the client can read
 //     them even after a disconnect, which takes back nothing but what the server did not read;
+//   - a client that was found gone stays so until disconnect, or a connect that lets in another:
+//     every later read, write and flush fails with 109, even if bytes from it are left;
+//   - read, write, flush, cancel and a connect's wait need no descriptor and no memory;
 //   - disconnect and close end the operations in progress (109, a connect 995) instead of waiting
 //     for them, and return when those have ended;
 //   - connect lets another client in where the one it had has gone.

@@ -81,20 +81,54 @@ class LinuxPipes final : public PipeApi {
 
   bool close(PipeHandleValue pipe) override {
     return guarded([&] {
-      std::shared_ptr<PipeEnd> end;
-      {
-        MutexLock lock(mutex_);
-        const auto found = ends_.find(pipe);
-        if (found == ends_.end()) return error::kInvalidHandle;
-        end = std::move(found->second);
-        ends_.erase(found);
-      }
-      end->close();
+      std::unique_ptr<Pipe> closing;  // goes when the table is free again
+      MutexLock lock(mutex_);
+      const auto found = pipes_.find(pipe);
+      if (found == pipes_.end()) return error::kInvalidHandle;
+      closing = std::move(found->second);
+      pipes_.erase(found);
+      lock.unlock();
+      closing->end.close();
+      lock.lock();
+      left_.wait(lock, [&] { return closing->calls == 0; });
       return error::kSuccess;
     });
   }
 
  private:
+  struct Pipe {
+    Pipe(std::string path, PipeAccess access) : end(std::move(path), std::move(access)) {}
+    PipeEnd end;
+    // Under way on the end, which lives until they have left. Guarded by the table's mutex.
+    int calls = 0;
+  };
+
+  // A call's stay on the pipe of a handle.
+  class Visit {
+   public:
+    Visit(LinuxPipes& pipes, PipeHandleValue handle) : pipes_(pipes) {
+      const MutexLock lock(pipes_.mutex_);
+      const auto found = pipes_.pipes_.find(handle);
+      if (found == pipes_.pipes_.end()) return;
+      pipe_ = found->second.get();
+      ++pipe_->calls;
+    }
+    ~Visit() {
+      if (pipe_ == nullptr) return;
+      const MutexLock lock(pipes_.mutex_);
+      if (--pipe_->calls == 0) pipes_.left_.notifyAll();
+    }
+    Visit(const Visit&) = delete;
+    Visit& operator=(const Visit&) = delete;
+
+    // Null where the handle is no pipe's.
+    Pipe* pipe() const { return pipe_; }
+
+   private:
+    LinuxPipes& pipes_;
+    Pipe* pipe_ = nullptr;
+  };
+
   // Exceptions (of memory that ran out) end here.
   template <typename Call>
   static bool guarded(Call body) {
@@ -108,14 +142,8 @@ class LinuxPipes final : public PipeApi {
   template <typename Call>
   bool call(PipeHandleValue pipe, Call body) {
     return guarded([&] {
-      std::shared_ptr<PipeEnd> end;
-      {
-        MutexLock lock(mutex_);
-        const auto found = ends_.find(pipe);
-        if (found == ends_.end()) return error::kInvalidHandle;
-        end = found->second;
-      }
-      return body(*end);
+      const Visit visit(*this, pipe);
+      return visit.pipe() == nullptr ? error::kInvalidHandle : body(visit.pipe()->end);
     });
   }
 
@@ -127,14 +155,14 @@ class LinuxPipes final : public PipeApi {
     if (!entriesOf(arguments.securityDescriptor, &entries)) {
       return error::kInvalidSecurityDescriptor;
     }
-    const auto end =
-        std::make_shared<PipeEnd>(std::filesystem::absolute(path).string(),
-                                  PipeAccess(std::move(entries), systemPipeAccounts()));
-    if (const std::uint32_t error = end->open()) return error;
-    MutexLock lock(mutex_);
+    auto pipe = std::make_unique<Pipe>(std::filesystem::absolute(path).string(),
+                                       PipeAccess(std::move(entries), systemPipeAccounts()));
+    if (const std::uint32_t error = pipe->end.open()) return error;
+    const MutexLock lock(mutex_);
     lastHandle_ += kHandleStep;
     const auto made = reinterpret_cast<PipeHandleValue>(lastHandle_);
-    ends_.emplace(made, end);  // where it throws, the end goes, and its place with it
+    // Where it throws, the pipe goes, and its place with it.
+    pipes_.emplace(made, std::move(pipe));
     *handle = made;
     return error::kSuccess;
   }
@@ -154,8 +182,9 @@ class LinuxPipes final : public PipeApi {
   }
 
   Mutex mutex_;
+  ConditionVariable left_;  // the last call under way on a pipe
   std::uintptr_t lastHandle_ ZELTA_GUARDED_BY(mutex_) = 0;
-  std::map<PipeHandleValue, std::shared_ptr<PipeEnd>> ends_ ZELTA_GUARDED_BY(mutex_);
+  std::map<PipeHandleValue, std::unique_ptr<Pipe>> pipes_ ZELTA_GUARDED_BY(mutex_);
   std::map<std::string, std::unique_ptr<Entries>> descriptors_ ZELTA_GUARDED_BY(mutex_);
 };
 

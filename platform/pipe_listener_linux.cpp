@@ -1,6 +1,7 @@
 #include "platform/pipe_listener_linux.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -35,6 +36,11 @@ bool fits(const std::string& path) { return path.size() < sizeof(sockaddr_un::su
 
 // What is behind the path's last slash.
 const char* ownName(const std::string& path) { return path.c_str() + path.rfind('/') + 1; }
+
+bool someoneWaits(int socket) {
+  pollfd state{socket, POLLIN, 0};
+  return poll(&state, 1, 0) == 1;
+}
 
 const sockaddr* generic(const sockaddr_un& address) {
   return reinterpret_cast<const sockaddr*>(&address);
@@ -104,8 +110,8 @@ void PipeListener::close() {
 
 std::uint32_t PipeListener::accept(ScopedFd* client) {
   client->reset();
-  if (!listening_) return error::kSuccess;
-  for (;;) {
+  // Asked first, because accepting nobody needs a descriptor, too.
+  while (listening_ && someoneWaits(socket_->get())) {
     ScopedFd next(accept4(socket_->get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!next) {
       if (errno == EINTR || errno == ECONNABORTED) continue;
@@ -117,6 +123,7 @@ std::uint32_t PipeListener::accept(ScopedFd* client) {
       return error::kSuccess;
     }
   }
+  return error::kSuccess;
 }
 
 std::string_view PipeListener::folder() const {

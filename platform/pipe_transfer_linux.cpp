@@ -5,8 +5,9 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <optional>
+#include <iterator>
 
 #include "platform/errno_linux.h"
 #include "platform/error.h"
@@ -22,43 +23,44 @@ namespace {
 // rest means that everything was read, and waiting for 0 could wait for ever.
 constexpr int kLessThanABuffer = 256;
 
-// The error number that ends a flush, 0 where the peer has read everything; nothing while it has
-// not. The count is asked for first: a peer that closes with bytes unread reports the loss before
-// the bytes vanish from the count.
-std::optional<std::uint32_t> outcome(int client) {
+// How far a client is with what was written to it.
+enum class Progress {
+  Reading,  // it has not read everything
+  Done,     // it has
+  Left,     // it has gone; it left nothing unread that the kernel still knows of
+  Lost      // it has gone with bytes unread
+};
+
+// The count is asked for first: a peer that closes with bytes unread reports the loss before the
+// bytes vanish from the count, and a small count alone does not tell it from one that has read.
+Progress progressOf(int client, bool hungUp) {
   int unread = 0;
-  if (ioctl(client, SIOCOUTQ, &unread) != 0) return errorFromErrno(errno);
+  if (ioctl(client, SIOCOUTQ, &unread) != 0) return Progress::Lost;
+  if (unread >= kLessThanABuffer) return hungUp ? Progress::Lost : Progress::Reading;
   pollfd state{client, 0, 0};
   poll(&state, 1, 0);
-  if ((state.revents & POLLERR) != 0) return error::kBrokenPipe;
-  if (unread < kLessThanABuffer) return error::kSuccess;
-  if ((state.revents & POLLHUP) != 0) return error::kBrokenPipe;
-  return std::nullopt;
-}
-
-bool watch(int poller, int descriptor, std::uint32_t events) {
-  epoll_event event{};
-  event.events = events;
-  return epoll_ctl(poller, EPOLL_CTL_ADD, descriptor, &event) == 0;
+  if ((state.revents & POLLERR) != 0) return Progress::Lost;
+  return (state.revents & POLLHUP) != 0 ? Progress::Left : Progress::Done;
 }
 
 // Edge-triggered, the kernel reports writability anew each time the peer has finished a buffer,
-// as long as the socket is writable then; when the last buffer is finished it always is.
-ScopedFd watchForReading(int client, int wake) {
-  ScopedFd poller(epoll_create1(EPOLL_CLOEXEC));
-  if (poller &&
-      (!watch(poller.get(), client, EPOLLOUT | EPOLLET) || !watch(poller.get(), wake, EPOLLIN))) {
-    poller.reset();
-  }
-  return poller;
+// as long as the socket is writable then; when the last buffer is finished it always is. An edge
+// that nobody has taken stays, so what happens before this sleeps is not missed. Returns whether
+// the client has hung up.
+bool sleepUntilChanged(int poller) {
+  epoll_event events[2] = {};
+  const int count = epoll_wait(poller, events, std::size(events), -1);
+  if (count < 0) return errno != EINTR;
+  return std::any_of(events, events + count, [](const epoll_event& event) {
+    return (event.events & (EPOLLHUP | EPOLLERR)) != 0;
+  });
 }
 
 }  // namespace
 
-std::uint32_t PipeEnd::readAll(Operation& operation, std::uint8_t* data, std::size_t size) {
-  const int client = operation.client->get();
+std::uint32_t PipeEnd::readAll(const Operation& operation, std::uint8_t* data, std::size_t size) {
   while (size > 0) {
-    const ssize_t count = recv(client, data, size, MSG_DONTWAIT);
+    const ssize_t count = recv(operation.client, data, size, MSG_DONTWAIT);
     if (count > 0) {
       data += count;
       size -= static_cast<std::size_t>(count);
@@ -66,44 +68,43 @@ std::uint32_t PipeEnd::readAll(Operation& operation, std::uint8_t* data, std::si
     }
     if (count == 0) return ended(operation, error::kBrokenPipe);
     if (errno == EINTR) continue;
-    if (errno != EAGAIN) return ended(operation, errorFromErrno(errno));
-    if (const std::uint32_t error = wait(operation, client, POLLIN)) return error;
+    if (errno != EAGAIN) return failed(operation, errno);
+    if (const std::uint32_t error = sleep(operation, operation.client, POLLIN)) return error;
   }
   return error::kSuccess;
 }
 
-std::uint32_t PipeEnd::writeAll(Operation& operation, const std::uint8_t* data, std::size_t size) {
-  const int client = operation.client->get();
+std::uint32_t PipeEnd::writeAll(const Operation& operation, const std::uint8_t* data,
+                                std::size_t size) {
   while (size > 0) {
-    const ssize_t count = send(client, data, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+    const ssize_t count = send(operation.client, data, size, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (count >= 0) {
       data += count;
       size -= static_cast<std::size_t>(count);
       continue;
     }
     if (errno == EINTR) continue;
-    if (errno != EAGAIN) return ended(operation, errorFromErrno(errno));
-    if (const std::uint32_t error = wait(operation, client, POLLOUT)) return error;
+    if (errno != EAGAIN) return failed(operation, errno);
+    if (const std::uint32_t error = sleep(operation, operation.client, POLLOUT)) return error;
   }
   return error::kSuccess;
 }
 
-std::uint32_t PipeEnd::waitUntilRead(Operation& operation) {
-  const int client = operation.client->get();
-  ScopedFd poller;
+std::uint32_t PipeEnd::waitUntilRead(const Operation& operation) {
+  bool hungUp = false;
   for (;;) {
-    const std::optional<std::uint32_t> result = outcome(client);
-    if (result == error::kSuccess) return error::kSuccess;
-    if (result) return ended(operation, *result);
-    if (!poller) {
-      // Watched from here on; what was read before that the next look sees.
-      if (const std::uint32_t error = prepareToWait(operation)) return error;
-      poller = watchForReading(client, operation.wake.get());
-      if (!poller) return errorFromErrno(errno);
-      continue;
+    switch (progressOf(operation.client, hungUp)) {
+      case Progress::Done:
+        return error::kSuccess;
+      case Progress::Left:
+        return left(operation);
+      case Progress::Lost:
+        return lost(operation);
+      case Progress::Reading:
+        break;
     }
-    epoll_event event{};
-    if (epoll_wait(poller.get(), &event, 1, -1) < 0 && errno != EINTR) return errorFromErrno(errno);
+    if (const std::uint32_t error = prepareToSleep(operation)) return error;
+    hungUp = sleepUntilChanged(poller_.get()) || hungUp;
     if (const std::uint32_t error = ended(operation, error::kSuccess)) return error;
   }
 }

@@ -1,15 +1,14 @@
 // What HKEY_LOCAL_MACHINE holds at one moment: keys with their values, without input or output.
 //
-// Names compare without case (`foldName`). A key exists where it was created or lies on the way to
-// one that was; "" is HKEY_LOCAL_MACHINE itself and always exists. Not synchronised: one that is
-// shared is shared as constant.
+// Names compare without case, see foldName(). A key exists if it was created or lies on the way to
+// one that was; "" is HKEY_LOCAL_MACHINE itself and always exists. Not synchronised.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace zelta::platform {
@@ -25,8 +24,7 @@ struct RegistryValue {
 
 using RegistryValues = std::map<std::u16string, RegistryValue>;  // by folded name, "" is `@`
 
-// Simple, one unit to one unit, the same on every system: ASCII, Latin-1, Latin Extended-A, Greek
-// and Cyrillic capitals become small; everything else stays.
+// The name with the capitals of ASCII and Latin-1 as small letters; other characters stay.
 std::u16string foldName(std::u16string_view name);
 
 // A text value's data.
@@ -38,22 +36,24 @@ std::vector<std::uint8_t> registryDword(std::uint32_t value);
 // count.
 class RegistryContent {
  public:
-  // The values of the key, which is created where it is not there. Valid until the key is deleted.
+  // Creates the key unless it exists. Its values stay valid until the key is deleted.
   RegistryValues& createKey(std::u16string_view path);
-  // With everything below it; its parent stays. A key that is not there is no error.
+  // Deletes the key with everything below it; its parent stays. A missing key is no error.
   void deleteKey(std::u16string_view path);
 
   bool hasKey(std::u16string_view path) const;
-  // Null where the key or the value is not there.
+  // Null if there is no such key or value.
   const RegistryValue* find(std::u16string_view path, std::u16string_view name) const;
 
-  // True where the key and everything below it are the same in both, or absent from both.
+  // Whether the key and everything below it are the same in both, or absent from both.
   bool sameSubtree(const RegistryContent& other, std::u16string_view path) const;
 
  private:
   using Keys = std::map<std::u16string, RegistryValues>;
+  using Range = std::pair<Keys::const_iterator, Keys::const_iterator>;
 
-  struct Range;
+  // The key `id` and all that is below it.
+  Range subtree(const std::u16string& id) const;
 
   // By folded path with U+0000 between the names, so that all that is below a key follows it.
   Keys keys_;

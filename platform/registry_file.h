@@ -13,37 +13,25 @@
 //   "deleted"=-
 //   [-HKEY_LOCAL_MACHINE\SOFTWARE\Gone]                     with everything below it
 //
-// Later lines override earlier ones. Keys of other roots are skipped with their values.
+// Later lines override earlier ones. Keys of other roots (HKEY_...) are skipped with their values.
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
+#include <functional>
 #include <string_view>
-#include <vector>
 
 #include "platform/registry_content.h"
 
 namespace zelta::platform {
 
-// A line that was not understood.
-struct SkippedLine {
-  std::size_t number = 0;      // from 1; of a continued value the first line's
-  std::uint64_t identity = 0;  // of its text, the same wherever in the file it stands
-};
+// A line that was not understood and its number, from 1; of a continued value the first line's.
+using OnSkippedLine = std::function<void(std::size_t number, std::u16string_view line)>;
 
-struct ParsedRegistry {
-  // At most this many of the skipped lines are listed; all are counted.
-  static constexpr std::size_t kListedLines = 256;
-
-  RegistryContent content;
-  std::vector<SkippedLine> skipped;
-  std::size_t skippedCount = 0;
-};
-
-// Takes any bytes: UTF-16 with a byte order mark, else UTF-8 with or without one; lines end with
-// LF, CR LF or CR. What is not understood (also: a key more than 512 names deep or with a name of
-// more than 255 units, a line with a zero character, a value that is not finished) is skipped.
-// Time and memory are in proportion to the size. Throws std::bad_alloc alone. Pure; any thread.
-ParsedRegistry parseRegistryFile(std::string_view bytes);
+// Takes any bytes: UTF-16 with a byte order mark, else UTF-8 with or without one. A line that is
+// not understood (also: one with a zero character) is skipped and the rest stands; so are the
+// values of a key that is not understood, without being mentioned.
+// Time and memory are in proportion to the size. Throws std::bad_alloc, and what `onSkipped`
+// throws. Any thread.
+RegistryContent parseRegistryFile(std::string_view bytes, const OnSkippedLine& onSkipped);
 
 }  // namespace zelta::platform

@@ -21,6 +21,10 @@
 #define ZELTA_ACQUIRE(...) ZELTA_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define ZELTA_TRY_ACQUIRE(...) ZELTA_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 #define ZELTA_RELEASE(...) ZELTA_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#define ZELTA_ACQUIRED_BEFORE(...) ZELTA_THREAD_ANNOTATION(acquired_before(__VA_ARGS__))
+#define ZELTA_ACQUIRED_AFTER(...) ZELTA_THREAD_ANNOTATION(acquired_after(__VA_ARGS__))
+#define ZELTA_RETURN_CAPABILITY(x) ZELTA_THREAD_ANNOTATION(lock_returned(x))
+#define ZELTA_ASSERT_CAPABILITY(x) ZELTA_THREAD_ANNOTATION(assert_capability(x))
 #define ZELTA_NO_THREAD_SAFETY_ANALYSIS ZELTA_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 namespace zelta::platform {

@@ -26,6 +26,7 @@ ReaderDevice* requireDevice(ReaderDevice* device) {
 Reader::Reader(std::uint32_t unitNumber, ReaderDevice* device)
     : unitNumber_(unitNumber),
       device_(requireDevice(device)),
+      waiting_(*device),
       vendorName_(kVendorName),
       ifdType_(kIfdType),
       reportedUnitNumber_(unitNumber) {}
@@ -52,7 +53,7 @@ void Reader::finish(IoRequest& request, framework::HRESULT status, const char* h
 bool Reader::hasIntegerInput(IoRequest& request, const char* operation, const char* handler) {
   std::size_t size = 0;
   {
-    const std::unique_ptr<IoMemory> memory = request.inputMemory();
+    const Held<IoMemory> memory = request.inputMemory();
     if (memory == nullptr) return true;
     (void)memory->dataBuffer(&size);
   }
@@ -68,24 +69,8 @@ void Reader::refuseShortInput(IoRequest& request, std::size_t size, const char* 
   finish(request, status::kInvalidArgument, handler, __LINE__);
 }
 
-QueryResult Reader::exchangeTransmit(const Bytes& command, Bytes& response) {
-  const platform::MutexLock lock(exchangeMutex_);
-  return QueryTransmit(command, response);
-}
-
-QueryResult Reader::exchangeAtr(Bytes& atr, bool reset) {
-  const platform::MutexLock lock(exchangeMutex_);
-  return QueryAtr(atr, reset);
-}
-
-QueryResult Reader::exchangeCheck() {
-  const platform::MutexLock lock(exchangeMutex_);
-  return CheckATR();
-}
-
-void Reader::exchangeCardReady() noexcept {
+void Reader::notifyCardReady() noexcept {
   try {
-    const platform::MutexLock lock(exchangeMutex_);
     (void)NotifyCardReady();  // logs its own failures; nothing depends on it
   } catch (const std::exception& failure) {
     logError(kNoError, "[SPRT]NotifyCardReady failed: %s", failure.what());

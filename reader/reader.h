@@ -12,14 +12,13 @@
 // Threads: the handlers run on several dispatch threads at once; `IoCancelRequest` runs with the
 // device lock held. State and values are atomics, written by exchange and read plainly.
 //
-// Locks, in the order in which they nest: presence mutex, device lock, request list mutex; the
-// exchange mutex is a leaf, taken last and never held while a request is completed. Cancelling may
-// run on the thread that marks a request cancelable, with the presence mutex held: neither
-// `IoCancelRequest` nor `shutdown` takes that one.
+// Locks: the device lock, and the request list mutex below it (docs/threads.md). No lock is held
+// while a handler asks the agent.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,7 +27,7 @@
 #include "driver/smartcard_ioctl.h"
 #include "platform/sync.h"
 #include "reader/atr.h"
-#include "reader/pending_requests.h"
+#include "reader/waiting_requests.h"
 
 namespace zelta {
 
@@ -48,8 +47,9 @@ class Reader {
   virtual ~Reader();
 
   // Asks the card: the answer to a command APDU; the ATR (with or without a reset of the card);
-  // whether a card answers. Each is one exchange with the agent and blocks for at most about five
-  // seconds. The handlers hold the exchange mutex: two exchanges of a reader never overlap.
+  // whether a card answers. Each is one exchange with the agent. May be called on several threads
+  // at once; the exchanges do not overlap. Each blocks for at most about five seconds, and as long
+  // again while another exchange is under way.
   virtual QueryResult QueryTransmit(const Bytes& command, Bytes& response) = 0;
   virtual QueryResult QueryAtr(Bytes& atr, bool reset) = 0;
   virtual QueryResult CheckATR() = 0;
@@ -61,9 +61,9 @@ class Reader {
   virtual std::uint32_t serverThread() = 0;
   // An attribute of the vendor's own; completes the request.
   virtual void IoSmartCardGetVendorDefinedAttribute(std::uint32_t tag, IoRequest& request);
-  // Makes the exchange that is under way fail, wherever it is stuck, and every later one as well;
-  // returns without waiting for a lock that is held during an exchange. The device calls it before
-  // it waits for the handlers and before `shutdown`.
+  // Marks the card absent for good. Then makes the exchange that is under way fail, wherever it is
+  // stuck, and every later one as well, without waiting for a lock that is held during an exchange.
+  // The device calls it before it waits for the handlers and before `shutdown`.
   virtual void endExchanges() noexcept = 0;
 
   // One handler per I/O control. Each completes the request exactly once, or keeps it waiting,
@@ -78,34 +78,40 @@ class Reader {
   void IoSmartCardTransmit(IoRequest* request, std::size_t inLength, std::size_t outLength);
   // Completes a request that the framework cancels. The caller holds the device lock.
   void IoCancelRequest(IoRequest* request);
+  // Takes a waiting request out of whichever list holds it, without completing it; false if none
+  // does. The caller holds the device lock.
+  bool stopWaiting(IoRequest& request);
 
   const std::string& vendorName() const { return vendorName_; }
   const std::string& ifdType() const { return ifdType_; }
   std::uint32_t unitNumber() const { return unitNumber_; }
-  std::uint32_t state() const { return state_.load(std::memory_order_relaxed); }
+  std::uint32_t state() const {
+    return absentForGood_.load(std::memory_order_acquire) ? SCARD_ABSENT
+                                                          : state_.load(std::memory_order_relaxed);
+  }
 
  protected:
-  // Reads the ATR and sets protocols, IFSC, clock and data rates from it; false where there was
-  // no usable ATR, and then no protocol is available. Takes the exchange mutex.
-  bool initializeProtocols() ZELTA_EXCLUDES(exchangeMutex_);
+  // Reads the ATR and sets protocols, IFSC, clock and data rates from it; false if there was no
+  // usable ATR, and then no protocol is available.
+  bool initializeProtocols();
+  // The same with the ATR, after a reset of the card, asked for by `queryAtr`.
+  bool initializeProtocols(const std::function<QueryResult(Bytes&)>& queryAtr);
 
+  // Whatever a handler that is still running makes of the state, it is absent from now on.
+  void markAbsentForGood() { absentForGood_.store(true, std::memory_order_release); }
   void setState(std::uint32_t state) { state_.exchange(state); }
   void setCardReady(std::uint32_t ready) { cardReady_.store(ready, std::memory_order_relaxed); }
   std::uint32_t cardReady() const { return cardReady_.load(std::memory_order_relaxed); }
   std::uint32_t currentProtocol() const { return currentProtocol_.load(std::memory_order_relaxed); }
 
   ReaderDevice& device() { return *device_; }
+  WaitingRequests& waiting() { return waiting_; }
 
  private:
   using Value = std::atomic<std::uint32_t>;
 
-  // The queries, one at a time.
-  QueryResult exchangeTransmit(const Bytes& command, Bytes& response)
-      ZELTA_EXCLUDES(exchangeMutex_);
-  QueryResult exchangeAtr(Bytes& atr, bool reset) ZELTA_EXCLUDES(exchangeMutex_);
-  QueryResult exchangeCheck() ZELTA_EXCLUDES(exchangeMutex_);
   // Never throws: it follows a completion, after which nobody could answer for the request.
-  void exchangeCardReady() noexcept ZELTA_EXCLUDES(exchangeMutex_);
+  void notifyCardReady() noexcept;
 
   // Completes with the status and no output, under the device lock. `handler` is the lock's name.
   void finish(IoRequest& request, framework::HRESULT status, const char* handler, int line);
@@ -114,8 +120,9 @@ class Reader {
   bool hasIntegerInput(IoRequest& request, const char* operation, const char* handler);
   void refuseShortInput(IoRequest& request, std::size_t size, const char* operation,
                         const char* handler);
-  // With the device lock held, after the request was put into its list.
-  void markCancelable(IoRequest& request, const char* failureText);
+  // After the request was put into its list.
+  void markCancelable(IoRequest& request, const char* failureText)
+      ZELTA_REQUIRES(waiting_.deviceLock());
 
   void powerDown(IoRequest& request);
   void reset(IoRequest& request, const char* name);
@@ -123,6 +130,8 @@ class Reader {
   // False where the mask accepts nothing that is offered.
   bool chooseProtocol(std::uint32_t mask);
   bool storeProtocol(std::uint32_t protocol);
+  // The header's protocol and the APDU after it; false if the request has no such input.
+  static bool readTransmit(IoRequest& request, std::uint32_t& protocol, Bytes& command);
   void transmit(IoRequest& request, const Bytes& command);
 
   // The attributes by kind; false where the tag is none of it. Each completes the request.
@@ -152,26 +161,16 @@ class Reader {
   Value maxDataRate_{10752};      // bit/s
   ReaderDevice* const device_;    // not owned
 
- protected:
-  PendingRequests pendingRemove_;     // edited under the device lock
-  platform::Mutex requestListMutex_;  // held as well when an insert request is added
-  PendingRequests pendingInsert_;     // edited under the device lock
-  platform::ConditionVariable insertRequestCondition_;  // broadcast when one is added
+  WaitingRequests waiting_;
 
+ protected:
   Value rpcType_{0};
 
  private:
   const std::string vendorName_;
   const std::string ifdType_;
   const std::uint32_t reportedUnitNumber_;  // what the attribute answers
-
- protected:
-  // Held across a presence check with the queueing of its request, and across an agent's event:
-  // an event that comes between check and queueing finds the request in its list.
-  platform::Mutex presenceMutex_;
-
- private:
-  platform::Mutex exchangeMutex_;
+  std::atomic<bool> absentForGood_{false};
 };
 
 }  // namespace zelta

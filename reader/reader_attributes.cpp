@@ -21,6 +21,11 @@ constexpr std::uint32_t kNoCharacteristics = 0;
 
 constexpr auto kNoMediaCode = static_cast<std::uint32_t>(status::kNoMedia);
 
+constexpr bool isVendorDefined(std::uint32_t tag) {
+  return (tag >= kFirstVendorDefinedAttribute && tag <= kLastVendorDefinedAttribute) ||
+         tag == SERVER_RESULT;
+}
+
 }  // namespace
 
 void Reader::IoSmartCardGetAttribute(IoRequest* request, std::size_t /*inLength*/,
@@ -32,7 +37,7 @@ void Reader::IoSmartCardGetAttribute(IoRequest* request, std::size_t /*inLength*
   if (!hasIntegerInput(*request, "[GATT]IOCTL_SMARTCARD_GET_ATTRIBUTE", kGetHandler)) return;
   const auto tag = static_cast<std::uint32_t>(MemoryUtil::getInt(*request));
   logInfo("[GATT] - code %0X", tag);
-  if (tag >= kFirstVendorDefinedAttribute && tag <= kLastVendorDefinedAttribute) {
+  if (isVendorDefined(tag)) {
     IoSmartCardGetVendorDefinedAttribute(tag, *request);
     return;
   }
@@ -129,7 +134,7 @@ void Reader::getCurrentProtocol(IoRequest& request) {
 void Reader::getAtr(IoRequest& request) {
   logInfo("[GATT]SCARD_ATTR_ATR_STRING");
   Bytes atr;
-  if (exchangeAtr(atr, false) != QueryResult::Success) {
+  if (QueryAtr(atr, false) != QueryResult::Success) {
     logError(kNoMediaCode, "[GATT]SCARD_ATTR_ATR_STRING: STATUS_NO_MEDIA");
     finish(request, status::kNoMedia, kGetHandler, __LINE__);
     return;
@@ -168,7 +173,7 @@ void Reader::IoSmartCardSetAttribute(IoRequest* request, std::size_t /*inLength*
   logInfo("[SATT]IOCTL_SMARTCARD_SET_ATTRIBUTE");
   std::size_t size = 0;
   std::uint32_t tag = 0;
-  if (const std::unique_ptr<IoMemory> memory = request->inputMemory()) {
+  if (const Held<IoMemory> memory = request->inputMemory()) {
     const auto* data = static_cast<const std::uint8_t*>(memory->dataBuffer(&size));
     if (size >= sizeof tag) tag = loadLittleEndian(data);
   }

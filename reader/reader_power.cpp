@@ -53,7 +53,7 @@ void Reader::reset(IoRequest& request, const char* name) {
   logInfo("[POWR]%s", name);
   currentProtocol_.store(0, std::memory_order_relaxed);
   Bytes atr;
-  const QueryResult result = exchangeAtr(atr, kWithReset);
+  const QueryResult result = QueryAtr(atr, kWithReset);
   if (result == QueryResult::Success) {
     setCardReady(1);
     setState(SCARD_NEGOTIABLE);
@@ -71,10 +71,14 @@ void Reader::reset(IoRequest& request, const char* name) {
 }
 
 bool Reader::initializeProtocols() {
+  return initializeProtocols([this](Bytes& atr) { return QueryAtr(atr, kWithReset); });
+}
+
+bool Reader::initializeProtocols(const std::function<QueryResult(Bytes&)>& queryAtr) {
   logInfo("Initializing protocols...");
   availableProtocols_.store(0, std::memory_order_relaxed);
   Bytes atr;
-  const QueryResult result = exchangeAtr(atr, kWithReset);
+  const QueryResult result = queryAtr(atr);
   if (result != QueryResult::Success || atr.size() < kMinAtrSize) {
     logError(kNoError, "ATR query failed (size = %d). Failed to initialize protocols.",
              static_cast<int>(atr.size()));

@@ -1,4 +1,8 @@
 // Waiting for a card to come or to go.
+//
+// No lock is held while the agent is asked. A card event that comes meanwhile finds the request not
+// waiting yet, and its answer may be older than the event. So if the awaited event has come since
+// just before the question, the request ends as if it had waited already.
 #include "diagnostics/log.h"
 #include "diagnostics/traced_lock.h"
 #include "driver/status.h"
@@ -14,18 +18,18 @@ void Reader::IoSmartCardIsPresent(IoRequest* request, std::size_t /*inLength*/,
     return;
   }
   logInfo("[IPRE]IOCTL_SMARTCARD_IS_PRESENT");
-  const platform::MutexLock presence(presenceMutex_);
-  const QueryResult check = exchangeCheck();
-  if (check == QueryResult::Success) {
+  const std::uint64_t insertions = waiting_.count(CardEvent::Inserted);
+  if (CheckATR() == QueryResult::Success) {
     finish(*request, status::kSuccess, kHandler, __LINE__);
     return;
   }
-  const TracedLock lock(kHandler, device().deviceLock(), __LINE__);
-  {
-    const platform::MutexLock listLock(requestListMutex_);
-    pendingInsert_.append(request);
+  const TracedLock lock(kHandler, waiting_.deviceLock(), __LINE__);
+  // An insertion whose agent was lost meanwhile is over. The request waits for the next agent.
+  if (waiting_.count(CardEvent::Inserted) != insertions && state() != SCARD_ABSENT) {
+    request->completeWithInformation(status::kSuccess, 0);
+    return;
   }
-  insertRequestCondition_.notifyAll();
+  waiting_.add(CardEvent::Inserted, *request);
   markCancelable(*request, "[IPRE]IOCTL_SMARTCARD_IS_PRESENT: invalid callback");
 }
 
@@ -37,14 +41,19 @@ void Reader::IoSmartCardIsAbsent(IoRequest* request, std::size_t /*inLength*/,
     return;
   }
   logInfo("[IABS]IOCTL_SMARTCARD_IS_ABSENT");
-  const platform::MutexLock presence(presenceMutex_);
-  const QueryResult check = exchangeCheck();
-  if (check != QueryResult::Success) {
+  const std::uint64_t removals = waiting_.count(CardEvent::Removed);
+  if (CheckATR() != QueryResult::Success) {
     finish(*request, status::kSuccess, kHandler, __LINE__);
     return;
   }
-  const TracedLock lock(kHandler, device().deviceLock(), __LINE__);
-  pendingRemove_.append(request);
+  const TracedLock lock(kHandler, waiting_.deviceLock(), __LINE__);
+  if (waiting_.count(CardEvent::Removed) != removals) {
+    // The removal has left the state as it was, because nothing seemed to wait for it.
+    if (waiting_.last() == CardEvent::Removed) setState(SCARD_ABSENT);
+    request->completeWithInformation(status::kSuccess, 0);
+    return;
+  }
+  waiting_.add(CardEvent::Removed, *request);
   markCancelable(*request, "[IABS]IOCTL_SMARTCARD_IS_ABSENT: invalid callback!");
 }
 
@@ -57,8 +66,8 @@ void Reader::markCancelable(IoRequest& request, const char* failureText) {
     logError(static_cast<std::uint32_t>(result), "%s", failureText);
     return;
   }
-  // Where the request was cancelled before, the callback runs here and now and completes it:
-  // nothing may touch the request behind this call.
+  // If the request was cancelled before, the callback runs here and now and completes it:
+  // nothing may touch the request after this call.
   request.markCancelable(callback.get());
 }
 
@@ -67,10 +76,17 @@ void Reader::IoCancelRequest(IoRequest* request) {
     logError(kNoError, "[CREQ]Invalid request");
     return;
   }
-  const TracedLock lock("Reader::IoCancelRequest", device().deviceLock(), __LINE__);
-  if (pendingRemove_.remove(request)) logInfo("[CREQ]Cancel Remove");
-  if (pendingInsert_.remove(request)) logInfo("[CREQ]Cancel Insert");
+  const TracedLock lock("Reader::IoCancelRequest", waiting_.deviceLock(), __LINE__);
+  if (waiting_.remove(CardEvent::Removed, *request)) logInfo("[CREQ]Cancel Remove");
+  if (waiting_.remove(CardEvent::Inserted, *request)) logInfo("[CREQ]Cancel Insert");
   request->completeWithInformation(status::kCancelled, 0);
+}
+
+bool Reader::stopWaiting(IoRequest& request) {
+  waiting_.assumeDeviceLock();
+  const bool waitedForRemoval = waiting_.remove(CardEvent::Removed, request);
+  const bool waitedForInsertion = waiting_.remove(CardEvent::Inserted, request);
+  return waitedForRemoval || waitedForInsertion;
 }
 
 }  // namespace zelta

@@ -30,7 +30,7 @@ void Reader::IoSmartCardSetProtocol(IoRequest* request, std::size_t /*inLength*/
   const auto mask = static_cast<std::uint32_t>(MemoryUtil::getInt(*request));
   logInfo("[SPRT]IOCTL_SMARTCARD_SET_PROTOCOL:%08X", mask);
   Bytes atr;  // not parsed: the protocols are those of the last initialisation
-  if (exchangeAtr(atr, true) != QueryResult::Success) {
+  if (QueryAtr(atr, true) != QueryResult::Success) {
     setState(SCARD_ABSENT);
     logError(static_cast<std::uint32_t>(status::kNoMedia), "[SPRT]STATUS_NO_MEDIA");
     finish(*request, status::kNoMedia, kSetProtocolHandler, __LINE__);
@@ -45,7 +45,7 @@ void Reader::IoSmartCardSetProtocol(IoRequest* request, std::size_t /*inLength*/
   }
   // Deliberate: no output, the caller is not told which protocol was chosen.
   finish(*request, status::kSuccess, kSetProtocolHandler, __LINE__);
-  exchangeCardReady();  // without the request, which is gone
+  notifyCardReady();  // without the request, which is gone
 }
 
 // T=1 is preferred whenever both are accepted and offered.
@@ -75,26 +75,34 @@ void Reader::IoSmartCardTransmit(IoRequest* request, std::size_t /*inLength*/,
   }
   constexpr auto kStateCode = static_cast<std::uint32_t>(status::kInvalidDeviceState);
   logInfo("[TRSM]IOCTL_SMARTCARD_TRANSMIT");
-  Bytes input;
-  if (!MemoryUtil::getBuffer(*request, input) || input.size() < kTransmitHeaderSize) {
+  std::uint32_t protocol = 0;
+  Bytes command;
+  if (!readTransmit(*request, protocol, command)) {
     logError(kStateCode, "[TRSM]STATUS_INVALID_DEVICE_STATE; failed to get request data");
     finish(*request, status::kInvalidDeviceState, kTransmitHandler, __LINE__);
     return;
   }
-  const std::uint32_t protocol = loadLittleEndian(input.data());
   if (protocol != currentProtocol()) {
     logError(kStateCode, "[TRSM]STATUS_INVALID_DEVICE_STATE; protocol:%08X", protocol);
     finish(*request, status::kInvalidDeviceState, kTransmitHandler, __LINE__);
     return;
   }
-  // Deliberate: the header's length field is not consulted.
-  const Bytes command(input.begin() + kTransmitHeaderSize, input.end());
   transmit(*request, command);
+}
+
+// Copies the APDU straight out of the request's memory.
+bool Reader::readTransmit(IoRequest& request, std::uint32_t& protocol, Bytes& command) {
+  const InputBytes input(request);
+  if (!input || input.size() < kTransmitHeaderSize) return false;
+  protocol = loadLittleEndian(input.data());
+  // Deliberate: the header's length field is not consulted.
+  command.assign(input.data() + kTransmitHeaderSize, input.data() + input.size());
+  return true;
 }
 
 void Reader::transmit(IoRequest& request, const Bytes& command) {
   Bytes response;
-  if (exchangeTransmit(command, response) != QueryResult::Success) {
+  if (QueryTransmit(command, response) != QueryResult::Success) {
     logError(static_cast<std::uint32_t>(status::kNoMedia), "[TRSM]STATUS_NO_MEDIA");
     finish(request, status::kNoMedia, kTransmitHandler, __LINE__);
     return;

@@ -61,13 +61,16 @@ build_folder() {
   esac
 }
 
+# What else to configure with.
+CONFIGURE_OPTIONS=()
+
 # configure PRESET: a folder that somebody has configured with another generator keeps it.
 configure() {
   local folder generator
   folder=$(build_folder "$1")
   generator=$(sed -n 's/^CMAKE_GENERATOR:INTERNAL=//p' "$folder/CMakeCache.txt" 2>/dev/null || true)
   cd "$ZELTA_ROOT" || return
-  cmake --preset "$1" -B "$folder" ${generator:+-G "$generator"}
+  cmake --preset "$1" -B "$folder" ${generator:+-G "$generator"} "${CONFIGURE_OPTIONS[@]}"
 }
 
 # build_preset PRESET [TARGET...]: configures and builds; quiet unless it fails.

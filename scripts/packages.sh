@@ -13,6 +13,9 @@ RUN_PACKAGES=(
 TEST_PACKAGES=(
   python3-pyscard shellcheck libbenchmark-dev procps
 )
+BENCH_PACKAGES=(
+  strace
+)
 WINDOWS_PACKAGES=(
   g++-mingw-w64-x86-64-posix wine wine64 googletest
 )

@@ -81,6 +81,9 @@ failed=0
 # run_suite PRESET: adds what CTest counted.
 run_suite() {
   local preset=$1 summary total bad
+  # The benchmarks are built with the release, so that they keep up with the code.
+  CONFIGURE_OPTIONS=()
+  [ "$preset" != release ] || CONFIGURE_OPTIONS=(-DZELTA_BUILD_BENCHMARKS=ON)
   build_preset "$preset"
   step "Testing ($preset)"
   (run_ctest "$preset") 2>&1 | tee "$log" || true

@@ -19,7 +19,7 @@ install(PROGRAMS ${PROJECT_SOURCE_DIR}/scripts/make-demo-db.sh DESTINATION share
 install(FILES systemd/zelta-agent@.service DESTINATION lib/systemd/system)
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION share/doc/zelta-vsc)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs DESTINATION share/doc/zelta-vsc
-        FILES_MATCHING PATTERN "*.md")
+        FILES_MATCHING PATTERN "*.md" PATTERN "*.svg")
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)

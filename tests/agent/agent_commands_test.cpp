@@ -146,23 +146,6 @@ TEST(AgentTiming, answersHalfASecondBeforeTheDriverGivesUp) {
   EXPECT_EQ(agent::Timing().grace, std::chrono::milliseconds(500));
 }
 
-// Far more than any pipe holds the answers to. The driver's own write fails where the agent drops
-// the connection before it has read them all.
-TEST_F(AgentCommands, driverThatTakesNoAnswersIsDroppedAndConnectedToAgain) {
-  agent::Timing timing = patientTiming();
-  timing.driverLimit = std::chrono::seconds(3);
-  RunningAgent agent(card_, timing);
-  driver_.acceptSession();
-  Bytes queries;
-  for (int query = 0; query < 5000; ++query) queries.insert(queries.end(), {1, 0, 0, 0});
-  driver_.sendBytes(queries);
-  agent.log().waitFor("error: The driver does not take its answer; dropping the connection");
-  agent.waitConnected(false);
-  driver_.disconnect();
-  EXPECT_EQ(driver_.acceptSession(), kSession);
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), heldAtr());
-}
-
 TEST_F(AgentCommands, commandWhoseCodeStopsHalfWayDropsTheConnection) {
   RunningAgent agent(card_, hastyTiming());
   driver_.acceptSession();

@@ -88,6 +88,14 @@ TEST_F(Connecting, eventPipeIsTriedAlsoWhereTheCommandPipeIsRefused) {
   EXPECT_TRUE(attempt(OpenResult::Opened, OpenResult::Refused));  // the event pipe was held
 }
 
+TEST_F(Connecting, pipeIsHeldAtTheQuickestPaceWhateverWasWaitedBefore) {
+  for (int i = 0; i < 3; ++i) EXPECT_FALSE(attempt(OpenResult::Refused, OpenResult::Refused));
+  EXPECT_FALSE(attempt(OpenResult::Refused, OpenResult::Opened));
+  EXPECT_FALSE(attempt(OpenResult::Refused, OpenResult::Opened));
+  EXPECT_EQ(port_.waits, (Waits{milliseconds(10), milliseconds(20), milliseconds(40),
+                                milliseconds(10), milliseconds(10)}));
+}
+
 TEST_F(Connecting, pipeThatIsHeldTooLongIsGivenBack) {
   Connector hasty(port_, {"c", "e", milliseconds(10), milliseconds(40), milliseconds(0)}, log_);
   port_.results = {{"c", OpenResult::Opened}, {"e", OpenResult::Absent}};

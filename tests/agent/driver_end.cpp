@@ -68,6 +68,8 @@ void DriverEnd::disconnect() {
   pipes_.disconnect(commands_);
 }
 
+void DriverEnd::acceptCommands() { connect(commands_); }
+
 void DriverEnd::acceptEvents() { connect(events_); }
 
 void DriverEnd::disconnectEvents() { pipes_.disconnect(events_); }
@@ -119,6 +121,8 @@ std::optional<Bytes> DriverEnd::readAnswer() {
   return answer;
 }
 
+std::optional<std::uint32_t> DriverEnd::readAnswerLength() { return readNumber(commands_); }
+
 std::optional<Bytes> DriverEnd::queryAtr(AgentCommand command) {
   if (!sendNumber(static_cast<std::uint32_t>(command))) return std::nullopt;
   return readAnswer();
@@ -141,6 +145,13 @@ bool DriverEnd::notifyReady() {
 bool DriverEnd::waitForDrop() {
   std::uint8_t unexpected = 0;
   return !pipes_.read(commands_, &unexpected, sizeof unexpected);
+}
+
+Bytes DriverEnd::takeRest() {
+  pipes_.flush(commands_);
+  Bytes rest;
+  for (std::uint8_t byte = 0; pipes_.read(commands_, &byte, sizeof byte);) rest.push_back(byte);
+  return rest;
 }
 
 }  // namespace zelta::test

@@ -30,7 +30,8 @@ class DriverEnd {
   std::string acceptSession();
   void disconnect();
   void disconnectEvents();
-  // Waits for the agent on the event pipe alone.
+  // Each waits for the agent on one pipe alone.
+  void acceptCommands();
   void acceptEvents();
 
   // The next event's code; nothing where the agent is gone.
@@ -44,6 +45,8 @@ class DriverEnd {
   // The two halves of `transmit`.
   bool sendTransmit(const agent::Bytes& apdu);
   std::optional<agent::Bytes> readAnswer();
+  // The beginning of an answer alone.
+  std::optional<std::uint32_t> readAnswerLength();
   bool notifyReady();
 
   // What no driver does.
@@ -53,6 +56,8 @@ class DriverEnd {
   bool sendBytes(const agent::Bytes& bytes);
   // Waits until the agent has dropped the connection; false where it answered instead.
   bool waitForDrop();
+  // The same, from after a flush on; gives what the agent wrote on the command pipe before.
+  agent::Bytes takeRest();
 
  private:
   void connect(platform::PipeHandleValue pipe);

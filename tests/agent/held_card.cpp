@@ -25,6 +25,11 @@ void HeldCard::waitUntilBusy() {
   changed_.wait(lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return busy_; });
 }
 
+bool HeldCard::isBusy() {
+  MutexLock lock(mutex_);
+  return busy_;
+}
+
 void HeldCard::setMute(bool mute) {
   MutexLock lock(mutex_);
   mute_ = mute;

@@ -20,6 +20,7 @@ class HeldCard : public agent::CardBackend {
   void letGo();
   // Until the card works on a command.
   void waitUntilBusy();
+  bool isBusy();
   // From now on the card answers nothing, though it is in.
   void setMute(bool mute);
   int resets();

@@ -1,6 +1,9 @@
 #include "tests/agent/memory_pipe.h"
 
 #include <algorithm>
+#include <utility>
+
+#include "agent_link/wire.h"
 
 namespace zelta::test {
 
@@ -52,12 +55,34 @@ IoResult MemoryPipe::read(void* data, std::uint32_t size,
   return IoResult::Done;
 }
 
-IoResult MemoryPipe::write(const void* data, std::uint32_t size,
-                           std::optional<agent::SteadyClock::time_point> deadline) {
+IoResult MemoryPipe::awaitCommand() {
+  MutexLock lock(mutex_);
+  changed_.wait(lock,
+                [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return !given_.empty() || cancelled_; });
+  return cancelled_ ? IoResult::Cancelled : IoResult::Done;
+}
+
+IoResult MemoryPipe::answer(const Bytes& bytes, agent::SteadyClock::time_point deadline) {
+  const auto length = encodeNumber(static_cast<std::uint32_t>(bytes.size()));
+  Bytes written(length.begin(), length.end());
+  written.insert(written.end(), bytes.begin(), bytes.end());
+  return write(std::move(written), deadline, true);
+}
+
+IoResult MemoryPipe::post(const void* data, std::uint32_t size,
+                          std::optional<agent::SteadyClock::time_point> deadline) {
+  const auto* bytes = static_cast<const std::uint8_t*>(data);
+  return write(Bytes(bytes, bytes + size), deadline, false);
+}
+
+IoResult MemoryPipe::write(Bytes bytes, std::optional<agent::SteadyClock::time_point> deadline,
+                           bool isAnswer) {
   MutexLock lock(mutex_);
   writing_ = true;
   changed_.notifyAll();
-  const auto ready = [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return !held_ || cancelled_; };
+  const auto ready = [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return !held_ || cancelled_ || (isAnswer && !given_.empty());
+  };
   bool inTime = true;
   if (deadline) {
     inTime = changed_.waitFor(lock, *deadline - agent::SteadyClock::now(), ready);
@@ -66,9 +91,9 @@ IoResult MemoryPipe::write(const void* data, std::uint32_t size,
   }
   writing_ = false;
   if (cancelled_) return IoResult::Cancelled;
+  if (isAnswer && !given_.empty()) return IoResult::GivenUp;
   if (!inTime) return IoResult::TimedOut;
-  const auto* bytes = static_cast<const std::uint8_t*>(data);
-  written_.emplace_back(bytes, bytes + size);
+  written_.push_back(std::move(bytes));
   changed_.notifyAll();
   return IoResult::Done;
 }

@@ -1,5 +1,5 @@
-// A client end of a pipe without a driver: the test plays the driver's part, and can hold a write
-// back.
+// A client end of a pipe without a buffer and without a driver: the test plays the driver's part,
+// and reads what is written at once or not yet.
 //
 // Any thread may call.
 #pragma once
@@ -19,25 +19,28 @@ class MemoryPipe : public agent::PipeConnection {
   // Each write of the agent, in order; waits until there are `count`.
   std::vector<agent::Bytes> takeWrites(std::size_t count);
   std::size_t writes();
-  // From now on writes wait until `letWrites`.
+  // From now on the driver reads nothing until `letWrites`.
   void holdWrites();
   void letWrites();
   // Until a write waits.
   void waitUntilWriting();
 
+  agent::IoResult awaitCommand() override;
+  // Without regard to the deadline.
   agent::IoResult read(void* data, std::uint32_t size,
                        std::optional<agent::SteadyClock::time_point> deadline) override;
-  // Deadlines are those of a pipe that holds its writes back.
-  agent::IoResult write(const void* data, std::uint32_t size,
-                        std::optional<agent::SteadyClock::time_point> deadline) override;
+  agent::IoResult answer(const agent::Bytes& bytes,
+                         agent::SteadyClock::time_point deadline) override;
   agent::IoResult post(const void* data, std::uint32_t size,
-                       std::optional<agent::SteadyClock::time_point> deadline) override {
-    return write(data, size, deadline);
-  }
+                       std::optional<agent::SteadyClock::time_point> deadline) override;
   agent::IoResult flush() override { return agent::IoResult::Done; }
   void cancel() override;
 
  private:
+  // `given` ends the wait if it is an answer. What times out is not written.
+  agent::IoResult write(agent::Bytes bytes, std::optional<agent::SteadyClock::time_point> deadline,
+                        bool isAnswer);
+
   platform::Mutex mutex_;
   platform::ConditionVariable changed_;
   agent::Bytes given_ ZELTA_GUARDED_BY(mutex_);

@@ -3,15 +3,19 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <future>
 #include <string>
 
 #include "tests/agent/driver_end.h"
+#include "tests/agent/running_agent.h"
 
 namespace zelta::agent {
 namespace {
 
 using std::chrono::milliseconds;
+
+const Bytes kAnswer = {0x3B, 0x00, 0x00};
 
 // A connected client end; the test is the driver at the other.
 class NamedPipe : public testing::Test {
@@ -33,6 +37,21 @@ class NamedPipe : public testing::Test {
                 std::optional<SteadyClock::time_point> deadline = std::nullopt) {
     const auto bytes = encodeNumber(code);
     return events_->post(bytes.data(), bytes.size(), deadline);
+  }
+
+  IoResult answer(milliseconds limit = test::kLong) {
+    return commands_->answer(kAnswer, SteadyClock::now() + limit);
+  }
+
+  std::uint32_t readCode() {
+    std::array<std::uint8_t, 4> code{};
+    EXPECT_EQ(commands_->read(code.data(), code.size(), std::nullopt), IoResult::Done);
+    return decodeNumber(code);
+  }
+
+  // The driver's write waits until the agent has read it.
+  std::future<bool> send(std::uint32_t code) {
+    return std::async(std::launch::async, [this, code] { return driver_.sendNumber(code); });
   }
 
   test::DriverEnd driver_;
@@ -86,8 +105,52 @@ TEST_F(NamedPipe, flushWaitsUntilTheDriverHasReadEveryPost) {
   EXPECT_EQ(flushed.get(), IoResult::Done);
 }
 
-TEST_F(NamedPipe, writeEndsAtItsDeadlineWhereTheDriverDoesNotRead) {
-  EXPECT_EQ(commands_->write("abcd", 4, SteadyClock::now() + milliseconds(20)), IoResult::TimedOut);
+TEST_F(NamedPipe, answerEndsAtItsDeadlineWhereTheDriverDoesNotRead) {
+  EXPECT_EQ(answer(milliseconds(20)), IoResult::TimedOut);
+}
+
+TEST_F(NamedPipe, firstByteOfACommandIsReadWithTheOthers) {
+  auto sent = send(0x04030201);
+  EXPECT_EQ(commands_->awaitCommand(), IoResult::Done);
+  EXPECT_EQ(readCode(), 0x04030201u);
+  EXPECT_TRUE(sent.get());
+}
+
+TEST_F(NamedPipe, exchangesInAQuickRowAreNeverTakenForGivenUp) {
+  constexpr int kExchanges = 500;
+  auto driver = std::async(std::launch::async, [this] {
+    int answered = 0;
+    while (answered < kExchanges && driver_.queryAtr(AgentCommand::QueryAtr) == kAnswer) {
+      ++answered;
+    }
+    return answered;
+  });
+  for (int i = 0; i < kExchanges; ++i) {
+    ASSERT_EQ(commands_->awaitCommand(), IoResult::Done);
+    ASSERT_EQ(readCode(), 1u);
+    ASSERT_EQ(answer(), IoResult::Done);
+  }
+  EXPECT_EQ(driver.get(), kExchanges);
+}
+
+// The driver stops waiting before it has read the answer, or after its length.
+TEST_F(NamedPipe, commandBeforeTheAnswerIsReadTakesTheAnswerBack) {
+  auto answered = std::async(std::launch::async, [this] { return answer(); });
+  auto sent = send(1);
+  EXPECT_EQ(answered.get(), IoResult::GivenUp);
+  commands_.reset();
+  EXPECT_FALSE(sent.get());
+  EXPECT_EQ(driver_.readAnswerLength(), std::nullopt);
+}
+
+TEST_F(NamedPipe, commandAfterAPartOfTheAnswerTakesTheRestBack) {
+  auto answered = std::async(std::launch::async, [this] { return answer(); });
+  EXPECT_EQ(driver_.readAnswerLength(), kAnswer.size());
+  auto sent = send(1);
+  EXPECT_EQ(answered.get(), IoResult::GivenUp);
+  commands_.reset();
+  EXPECT_FALSE(sent.get());
+  EXPECT_EQ(driver_.readAnswerLength(), std::nullopt);
 }
 
 TEST_F(NamedPipe, readEndsAtItsDeadline) {
@@ -102,16 +165,16 @@ TEST_F(NamedPipe, cancelReleasesEveryOperationAndStays) {
   });
   EXPECT_EQ(post(1), IoResult::Done);
   auto flushed = std::async(std::launch::async, [this] { return events_->flush(); });
-  auto written =
-      std::async(std::launch::async, [this] { return commands_->write("abcd", 4, std::nullopt); });
+  auto answered = std::async(std::launch::async, [this] { return answer(); });
   events_->cancel();
   commands_->cancel();
   EXPECT_EQ(read.get(), IoResult::Cancelled);
   EXPECT_EQ(flushed.get(), IoResult::Cancelled);
-  EXPECT_EQ(written.get(), IoResult::Cancelled);
+  EXPECT_EQ(answered.get(), IoResult::Cancelled);
   EXPECT_EQ(post(1), IoResult::Cancelled);
   EXPECT_EQ(events_->flush(), IoResult::Cancelled);
-  EXPECT_EQ(commands_->write("abcd", 4, std::nullopt), IoResult::Cancelled);
+  EXPECT_EQ(commands_->awaitCommand(), IoResult::Cancelled);
+  EXPECT_EQ(answer(), IoResult::Cancelled);
 }
 
 TEST_F(NamedPipe, everyOperationEndsWithTheDriver) {
@@ -125,7 +188,8 @@ TEST_F(NamedPipe, everyOperationEndsWithTheDriver) {
   EXPECT_EQ(flushed.get(), IoResult::Closed);
   EXPECT_EQ(read.get(), IoResult::Closed);
   EXPECT_EQ(post(1), IoResult::Closed);
-  EXPECT_EQ(commands_->write("abcd", 4, std::nullopt), IoResult::Closed);
+  EXPECT_EQ(commands_->awaitCommand(), IoResult::Closed);
+  EXPECT_EQ(answer(), IoResult::Closed);
 }
 
 TEST_F(NamedPipe, postsThatTheDriverDidNotReadGoWithTheConnection) {

@@ -36,11 +36,10 @@ TEST_F(ContendedLock, ForInsertionRequestsThatAConnectionFulfils) {
   EXPECT_TRUE(insertion.waitForCompletion());
 }
 
-TEST_F(ContendedLock, ForRemovalRequestsThatAnEventFulfils) {
+TEST_F(ContendedLock, ForACardThatIsReportedOut) {
   connectWithCard();
   LinkRequest& removal = waitForRemoval();
-  expectWait("unmarkAndCompleteRemoveIrps",
-             [this] { EXPECT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved)); });
+  expectWait("handleEvent", [this] { EXPECT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved)); });
   EXPECT_TRUE(removal.waitForCompletion());
 }
 

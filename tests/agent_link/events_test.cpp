@@ -157,14 +157,16 @@ TEST_F(Events, RequestThatIsBeingCancelledOnlyLeavesTheList) {
   EXPECT_EQ(other.completions(), 1);
 }
 
-// The event is on its way before the check is answered: it is not lost between the two.
-TEST_F(Events, InsertionBetweenCheckAndQueueingIsNotLost) {
+// The event is being handled before the check is answered: it is not lost between the two.
+TEST_F(Events, InsertionBetweenCheckAndWaitIsNotLost) {
   start();
   LinkRequest& first = waitForInsertion();
   std::atomic<bool> report{false};
   ASSERT_TRUE(agent_.connect([&](const LinkAgent::Command& command) {
     if (command.code == AgentCommand::QueryAtr && report) {
+      const std::size_t before = log_.count("Card inserted");
       EXPECT_TRUE(agent_.sendEvent(AgentEvent::CardInserted));
+      EXPECT_TRUE(waitForCount("Card inserted", before + 1));
     }
     return Bytes{};
   }));
@@ -175,17 +177,20 @@ TEST_F(Events, InsertionBetweenCheckAndQueueingIsNotLost) {
     reader().IoSmartCardIsPresent(&request, 0, 0);
     ASSERT_TRUE(request.waitForCompletion()) << "lost in round " << round;
     EXPECT_EQ(request.status(), status::kSuccess);
+    EXPECT_EQ(reader().state(), SCARD_SWALLOWED);
   }
   EXPECT_EQ(first.completions(), 1);
 }
 
-TEST_F(Events, RemovalBetweenCheckAndQueueingIsNotLost) {
+// The event has been handled before the check is answered.
+TEST_F(Events, RemovalBetweenCheckAndWaitIsNotLost) {
   setCard(true);
   start();
   LinkRequest& first = waitForInsertion();
   ASSERT_TRUE(agent_.connect([&](const LinkAgent::Command& command) {
     if (command.code == AgentCommand::QueryAtr) {
       EXPECT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved));
+      settle();
     }
     return kAtr;
   }));
@@ -195,6 +200,7 @@ TEST_F(Events, RemovalBetweenCheckAndQueueingIsNotLost) {
     reader().IoSmartCardIsAbsent(&request, 0, 0);
     ASSERT_TRUE(request.waitForCompletion()) << "lost in round " << round;
     EXPECT_EQ(request.status(), status::kSuccess);
+    EXPECT_EQ(reader().state(), SCARD_ABSENT);
   }
 }
 

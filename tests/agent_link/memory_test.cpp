@@ -45,9 +45,20 @@ class Memory : public ScriptedLink {
 
   // The agent announces 4 GiB and sends three blocks of them; memory ends after the first.
   void startWithLittleMemory() {
-    startLetIn();
+    startAccepted();
     agentAnswers(number(kAnnounced, Bytes(3 * PipeStream::kReadBlock)));
     largestBlock = 3 * PipeStream::kReadBlock / 2;
+  }
+
+  // The rest of the answer is still in the pipe. It must not be taken for another one.
+  void expectConnectionEnded() {
+    EXPECT_EQ(pipes_.calls(PipeCallKind::Disconnect).size(), 1u);
+    forgetCalls();
+    log_.clear();
+    EXPECT_EQ(reader().QueryAtr(bytes_, false), QueryResult::Failure);
+    EXPECT_EQ(log_.records(), Records{error(platform::error::kBrokenPipe,
+                                            "[QueryATR]Failed to write ATR request command")});
+    EXPECT_TRUE(trace().empty());
   }
 
   Bytes bytes_;
@@ -59,6 +70,7 @@ TEST_F(Memory, AtrThatDoesNotFitFailsTheQuery) {
   EXPECT_TRUE(bytes_.empty());
   EXPECT_EQ(log_.records(),
             Records{error(kNoMemory, "[QueryATR]No memory for ATR of size 4294967295")});
+  expectConnectionEnded();
 }
 
 TEST_F(Memory, AtrThatDoesNotFitFailsTheCheck) {
@@ -66,6 +78,7 @@ TEST_F(Memory, AtrThatDoesNotFitFailsTheCheck) {
   EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
   EXPECT_EQ(log_.records(),
             Records{error(kNoMemory, "[CheckATR]No memory for ATR of size 4294967295")});
+  expectConnectionEnded();
 }
 
 TEST_F(Memory, ResponseThatDoesNotFitFailsTheTransmit) {
@@ -76,12 +89,14 @@ TEST_F(Memory, ResponseThatDoesNotFitFailsTheTransmit) {
   EXPECT_TRUE(bytes_.empty());
   EXPECT_EQ(log_.records(),
             Records{error(kNoMemory, "[QueryTransmit]No memory for APDU response")});
+  expectConnectionEnded();
 }
 
 TEST_F(Memory, ResponseThatDoesNotFitIsNotAcceptedOnceTheCardIsGone) {
   startWithLittleMemory();
   EXPECT_EQ(reader().QueryTransmit({0, 1, 2, 3}, bytes_), QueryResult::Success);
   EXPECT_EQ(bytes_, (Bytes{0x69, 0x01}));
+  expectConnectionEnded();
 }
 
 TEST_F(Memory, SessionLogIdThatDoesNotFitIsLoggedAndTheIdStays) {
@@ -98,7 +113,7 @@ TEST_F(Memory, SessionLogIdThatDoesNotFitIsLoggedAndTheIdStays) {
 
 // What has not arrived is not allocated: one block more than what came.
 TEST_F(Memory, AnnouncedLengthIsNotTakenAtItsWord) {
-  startLetIn();
+  startAccepted();
   largestBlock = 3 * PipeStream::kReadBlock / 2;
   pipes_.fail(PipeCallKind::Read, platform::error::kBrokenPipe, 2, 1);
   agentAnswers(number(kAnnounced));

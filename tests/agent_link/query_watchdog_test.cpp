@@ -18,8 +18,9 @@ using namespace std::chrono_literals;
 static_assert(QueryWatchdog::kQueryTime == 5s, "how long a query may take");
 
 TEST(QueryWatchdog, EmptyCallbackIsRefused) {
+  WatchdogThread thread(1h);
   try {
-    const QueryWatchdog watchdog(nullptr);
+    const QueryWatchdog watchdog(thread, nullptr);
     FAIL() << "accepted";
   } catch (const std::runtime_error& failure) {
     EXPECT_EQ(std::string(failure.what()), "Callback is null");
@@ -30,7 +31,8 @@ TEST(QueryWatchdog, StoppedInTimeItCallsNobodyAndLogsNothing) {
   const LogCapture log;
   std::atomic<int> calls{0};
   {
-    QueryWatchdog watchdog([&] { ++calls; }, 1h);
+    WatchdogThread thread(1h);
+    QueryWatchdog watchdog(thread, [&] { ++calls; });
     EXPECT_FALSE(watchdog.timedOut());
   }
   EXPECT_EQ(calls, 0);
@@ -42,12 +44,11 @@ TEST(QueryWatchdog, WhenTimeIsUpItLogsThenCallsOnce) {
   std::promise<std::vector<LogRecord>> atCall;
   std::atomic<int> calls{0};
   {
-    QueryWatchdog watchdog(
-        [&] {
-          ++calls;
-          atCall.set_value(log.records());
-        },
-        1ms);
+    WatchdogThread thread(1ms);
+    QueryWatchdog watchdog(thread, [&] {
+      ++calls;
+      atCall.set_value(log.records());
+    });
     const std::vector<LogRecord> before = atCall.get_future().get();
     EXPECT_EQ(before, std::vector<LogRecord>{error(kNoError, "Query timeout")});
     EXPECT_TRUE(watchdog.timedOut());
@@ -59,13 +60,12 @@ TEST(QueryWatchdog, AskingWaitsUntilARunningCallbackIsDone) {
   std::promise<void> begun;
   std::promise<void> asking;
   std::atomic<bool> done{false};
-  QueryWatchdog watchdog(
-      [&] {
-        begun.set_value();
-        asking.get_future().wait();
-        done = true;
-      },
-      1ms);
+  WatchdogThread thread(1ms);
+  QueryWatchdog watchdog(thread, [&] {
+    begun.set_value();
+    asking.get_future().wait();
+    done = true;
+  });
   begun.get_future().wait();
   std::thread asker([&] {
     asking.set_value();
@@ -79,14 +79,13 @@ TEST(QueryWatchdog, DestructionWaitsUntilARunningCallbackIsDone) {
   std::promise<void> begun;
   std::promise<void> ending;
   std::atomic<bool> done{false};
+  WatchdogThread thread(1ms);
   std::optional<QueryWatchdog> watchdog;
-  watchdog.emplace(
-      [&] {
-        begun.set_value();
-        ending.get_future().wait();
-        done = true;
-      },
-      1ms);
+  watchdog.emplace(thread, [&] {
+    begun.set_value();
+    ending.get_future().wait();
+    done = true;
+  });
   begun.get_future().wait();
   ending.set_value();
   watchdog.reset();
@@ -97,8 +96,9 @@ TEST(QueryWatchdog, StoppingRacesWithTheTimeOutAndStillEnds) {
   for (int round = 0; round < 300; ++round) {
     std::atomic<int> calls{0};
     bool timedOut = false;
+    WatchdogThread thread(std::chrono::milliseconds(round % 2));
     {
-      QueryWatchdog watchdog([&] { ++calls; }, std::chrono::milliseconds(round % 2));
+      QueryWatchdog watchdog(thread, [&] { ++calls; });
       timedOut = watchdog.timedOut();
     }
     EXPECT_LE(calls, 1);

@@ -45,7 +45,7 @@ PipeReader& ScriptedLink::startCreated(const AgentLinkTimes& times) {
   return started;
 }
 
-PipeReader& ScriptedLink::startLetIn(const AgentLinkTimes& times) {
+PipeReader& ScriptedLink::startAccepted(const AgentLinkTimes& times) {
   pipes_.holdConnect(eventPipeName(0));
   PipeReader& started = startCreated(times);
   waitForInsertion();

@@ -15,9 +15,9 @@ class ScriptedLink : public LinkTest {
 
   // Returns when both pipes have been created.
   PipeReader& startCreated(const AgentLinkTimes& times = {});
-  // Returns when the command pipe's client has been let in, without an exchange. The server thread
-  // waits for the event pipe's client from then on.
-  PipeReader& startLetIn(const AgentLinkTimes& times = {});
+  // Returns when the command pipe's client has been accepted, without an exchange. The server
+  // thread waits for the event pipe's client from then on.
+  PipeReader& startAccepted(const AgentLinkTimes& times = {});
 
   // The calls since `forgetCalls` that concern a pipe's client, as "write command 02000000",
   // "flush command", "read event 4", "connect event", "cancel command", "disconnect event".

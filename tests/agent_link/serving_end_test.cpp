@@ -2,6 +2,7 @@
 // nobody waits for a card.
 #include <gtest/gtest.h>
 
+#include "driver/little_endian.h"
 #include "driver/smartcard_ioctl.h"
 #include "driver/status.h"
 #include "tests/agent_link/events_test.h"
@@ -43,6 +44,9 @@ TEST_F(ServingEnd, LostAgentIsDroppedFromBothPipes) {
   log_.clear();
   agent_.die();  // returns because the driver drops the command pipe
   ASSERT_TRUE(request.waitForCompletion());
+  ASSERT_TRUE(
+      underWine() ||
+      log_.waitFor("Failed to cancel IO on the command named pipe. System error code: 1168"));
   waitForInsertion();
   LinkAgent next;
   ASSERT_TRUE(next.connect(answer()));
@@ -132,6 +136,15 @@ TEST_F(ServingEnd, ServerThreadThatThrowsIsLoggedAndTheProcessGoesOn) {
   ASSERT_TRUE(log_.waitFor("Server thread failed: no lock"));
   device_.failLock(false);
   EXPECT_TRUE(log_.contains(error(kNoError, "Server thread failed: no lock")));
+  // What it does last is logged before the result is there.
+  std::uint32_t result = 0;
+  for (const auto begin = std::chrono::steady_clock::now();
+       result != platform::error::kGenFailure && std::chrono::steady_clock::now() - begin < 30s;) {
+    LinkRequest request(device_, number(SERVER_RESULT));
+    reader().IoSmartCardGetAttribute(&request, 4, 4);
+    result = loadLittleEndian(request.output().data());
+  }
+  EXPECT_EQ(result, platform::error::kGenFailure);
   stop();
 }
 

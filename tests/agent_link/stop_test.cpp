@@ -282,7 +282,7 @@ TEST_F(StopInTheGap, VanishedClientIsDroppedBehindTheEndOfAQueryOfItsOwn) {
   waitForInsertion();
   command_ = pipes_.connectClient(commandPipeName(0));
   ASSERT_NE(command_, SerialisingPipes::kNoClient);
-  ASSERT_TRUE(pipes_.waitUntilQueued(eventPipeName(0))) << "the command pipe's is not let in";
+  ASSERT_TRUE(pipes_.waitUntilQueued(eventPipeName(0))) << "the command pipe's is not accepted";
   log_.clear();
   gaps_.holdNext(GapPipes::Call::Read, "command0");
   auto check = std::async(std::launch::async, [this] { return reader().CheckATR(); });

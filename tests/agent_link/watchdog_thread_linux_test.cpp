@@ -1,9 +1,10 @@
-// A query for which no thread can be started: a failed query, not an ended process.
+// A query for which no watchdog thread can be started: a failed query, not an ended process.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <cerrno>
 
+#include "agent_link/wire.h"
 #include "tests/agent_link/scripted_link.h"
 
 namespace zelta::test {
@@ -33,13 +34,22 @@ class HugeStacks {
   pthread_attr_t before_;
 };
 
-TEST_F(WatchdogThread, ThatCannotBeStartedFailsTheQuery) {
-  startLetIn();
-  const HugeStacks huge;
-  EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
-  EXPECT_EQ(log_.records(),
-            std::vector<LogRecord>{error(EAGAIN, "Failed to start query watchdog")});
-  EXPECT_TRUE(trace().empty());
+TEST_F(WatchdogThread, ThatCannotBeStartedFailsTheQueryAndTheNextTriesAgain) {
+  pipes_.holdConnect(eventPipeName(0));
+  startCreated();
+  {
+    const HugeStacks huge;
+    waitForInsertion();
+    ASSERT_TRUE(pipes_.waitUntilBlocked(eventPipeName(0))) << "the command pipe has no client";
+    log_.clear();
+    forgetCalls();
+    EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
+    EXPECT_EQ(log_.records(),
+              std::vector<LogRecord>{error(EAGAIN, "Failed to start query watchdog")});
+    EXPECT_TRUE(trace().empty());
+  }
+  agentAnswers(number(2, {0x3B, 0x00}));
+  EXPECT_EQ(reader().CheckATR(), QueryResult::Success);
 }
 
 }  // namespace

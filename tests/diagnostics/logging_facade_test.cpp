@@ -1,6 +1,7 @@
 // The log calls with the process's own logger behind them.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <sstream>
 #include <thread>
@@ -142,6 +143,29 @@ TEST_F(LoggingFacadeTest, ChangedPolicyIsInForceAfterTheNextLook) {
   EXPECT_EQ(lines(), (Texts{"<DEBUG> 0 written", "<ERROR> 1 written"}));
 }
 
+TEST_F(LoggingFacadeTest, PolicyChangedBetweenTwoLoggersHoldsForTheSecond) {
+  logDebug("dropped");
+  shutDownLogging();
+  ports_.registry.setDword(kPolicy, kFilterMode, 3);
+  logDebug("written");
+  EXPECT_EQ(lines(), (Texts{kSameTime, "<DEBUG> 0 written"}));
+}
+
+TEST_F(LoggingFacadeTest, DroppedIsWhatTheLoggerInForceWouldNotWrite) {
+  EXPECT_FALSE(isDropped(LogLevel::Debug)) << "nobody has made the logger";
+  logDebug("dropped");
+  EXPECT_TRUE(isDropped(LogLevel::Debug));
+  EXPECT_FALSE(isDropped(LogLevel::Info));
+  ports_.registry.setDword(kPolicy, kFilterMode, 1);
+  awaitPolicy();
+  EXPECT_TRUE(isDropped(LogLevel::Info));
+  setSessionLogId(kSession);
+  EXPECT_TRUE(isDropped(LogLevel::Info));
+  EXPECT_FALSE(isDropped(LogLevel::Error));
+  shutDownLogging();
+  EXPECT_FALSE(isDropped(LogLevel::Info));
+}
+
 TEST_F(LoggingFacadeTest, SessionStartsAFileWhoseLinesCarryItsId) {
   logInfo("before");
   ports_.clock.advance(1'000);
@@ -207,9 +231,39 @@ TEST_F(LoggingFacadeTest, CallAfterTheEndMakesALoggerAnew) {
 }
 
 TEST_F(LoggingFacadeTest, EndWithoutALoggerIsNoMatter) {
+  EXPECT_FALSE(hasLogger());
   shutDownLogging();
   shutDownLogging();
+  EXPECT_FALSE(hasLogger());
   EXPECT_TRUE(files().empty());
+}
+
+TEST_F(LoggingFacadeTest, LoggerIsThereFromTheFirstCallToTheEnd) {
+  logDebug("dropped");
+  EXPECT_TRUE(hasLogger());
+  EXPECT_EQ(files().size(), 1u);
+  shutDownLogging();
+  EXPECT_FALSE(hasLogger());
+}
+
+TEST_F(LoggingFacadeTest, CallsBesideTheEndKeepTheirLoggerUntilTheirLineIsWritten) {
+  constexpr int kThreads = 4;
+  constexpr int kLines = 100;
+  std::atomic<int> logging{kThreads};
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    threads.emplace_back([thread, &logging] {
+      for (int line = 0; line < kLines; ++line) {
+        logInfo("t%d/%d", thread, line);
+        setSessionLogId(kSession);
+      }
+      --logging;
+    });
+  }
+  while (logging > 0) shutDownLogging();
+  for (std::thread& thread : threads) thread.join();
+  shutDownLogging();
+  EXPECT_EQ(lines().size(), std::size_t{kThreads} * kLines);
 }
 
 TEST_F(LoggingFacadeTest, MissingLogDirectoryIsAwaitedAndNotMade) {

@@ -3,6 +3,8 @@
 // let go of without completion.
 #include <array>
 #include <atomic>
+#include <chrono>
+#include <future>
 
 #include "diagnostics/traced_lock.h"
 #include "driver/smartcard_ioctl.h"
@@ -27,16 +29,9 @@ class DispatchRace : public DeviceFixture {
   }
 
   // As the agent's events and the reader's shutdown complete what waits.
-  void completeWaiting(PendingRequests& list, framework::HRESULT status) {
-    const TracedLock lock("test", device_->deviceLock(), __LINE__);
-    while (IoRequest* request = list.newest()) {
-      request->addRef();
-      if (framework::succeeded(request->unmarkCancelable())) {
-        request->completeWithInformation(status, 0);
-      }
-      list.remove(request);
-      request->release();
-    }
+  void completeWaiting(CardEvent awaited, framework::HRESULT status) {
+    const TracedLock lock("test", reader_->waiting().deviceLock(), __LINE__);
+    reader_->waiting().completeAll(awaited, status);
   }
 };
 
@@ -48,7 +43,7 @@ TEST_F(DispatchRace, CancelRacesTheEvent) {
     const auto request = make();
     std::thread canceller([&] { request->cancel(); });
     std::thread agent(
-        [&] { completeWaiting(insert ? reader_->pendingInsert_ : reader_->pendingRemove_, 0); });
+        [&] { completeWaiting(insert ? CardEvent::Inserted : CardEvent::Removed, 0); });
     dispatch(request.get(), insert ? IOCTL_SMARTCARD_IS_PRESENT : IOCTL_SMARTCARD_IS_ABSENT, {});
     canceller.join();
     agent.join();
@@ -78,8 +73,8 @@ TEST_F(DispatchRace, AllControlsAtOnce) {
     });
   }
   for (std::thread& thread : threads) thread.join();
-  EXPECT_TRUE(reader_->pendingInsert_.empty());
-  EXPECT_TRUE(reader_->pendingRemove_.empty());
+  EXPECT_FALSE(reader_->waiting().any(CardEvent::Inserted));
+  EXPECT_FALSE(reader_->waiting().any(CardEvent::Removed));
 }
 
 // Whoever has got in stays until the exchanges are ended, and comes in before, during or after
@@ -114,12 +109,50 @@ TEST_F(DispatchRace, ShutdownRacesExchangesThatOnlyItEnds) {
   }
 }
 
+// The framework may bring the news of a removal while a power operation is under way.
+TEST_F(DispatchRace, RemovalDuringPowerDownWaitsForItsEnd) {
+  std::future<void> removal;
+  std::atomic<bool> begun{false};
+  story_.onShutdown = [&] {
+    if (begun.exchange(true)) return;
+    removal = std::async(std::launch::async, [&] { device_->OnSurpriseRemoval(wdfDevice()); });
+    EXPECT_TRUE(log_.waitFor("Start section:CMyDevice::OnSurpriseRemoval"));
+    // Long enough for one that does not wait.
+    EXPECT_EQ(removal.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    EXPECT_EQ(log_.count("OnSurpriseRemoval"), 0u);
+  };
+  EXPECT_EQ(device_->OnD0Exit(wdfDevice(), framework::kPowerDeviceD3Final), 0);
+  removal.get();
+  story_.onShutdown = nullptr;
+  EXPECT_THAT(story_.taken(),
+              testing::ElementsAre("exchanges ended 0", "shut down 0", "destroyed 0"));
+  EXPECT_EQ(log_.count("OnSurpriseRemoval"), 1u);
+}
+
+TEST_F(DispatchRace, PowerAndPnpOperationsAtOnceTakeTheReaderDownOnce) {
+  for (int round = 0; round < test::repetitions(200); ++round) {
+    takeDown();
+    bringUp();
+    std::vector<std::thread> threads;
+    const auto start = [&](auto operation) { threads.emplace_back(operation); };
+    start([&] { device_->OnD0Exit(wdfDevice(), framework::kPowerDeviceD3Final); });
+    start([&] { device_->OnSurpriseRemoval(wdfDevice()); });
+    start([&] { device_->OnQueryRemove(wdfDevice()); });
+    start([&] { device_->OnQueryStop(wdfDevice()); });
+    start([&] { device_->OnReleaseHardware(wdfDevice()); });
+    start([&] { device_->OnPrepareHardware(wdfDevice()); });
+    for (std::thread& thread : threads) thread.join();
+    ASSERT_THAT(story_.taken(),
+                testing::ElementsAre("exchanges ended 0", "shut down 0", "destroyed 0"));
+  }
+}
+
 TEST_F(DispatchRace, ShutdownRacesDispatchAndCancel) {
   for (int round = 0; round < test::repetitions(300); ++round) {
     takeDown();
     story_.onShutdown = [this] {
-      completeWaiting(reader_->pendingRemove_, framework::hresult(0x800704C7));
-      completeWaiting(reader_->pendingInsert_, framework::hresult(0x800704C7));
+      completeWaiting(CardEvent::Removed, framework::hresult(0x800704C7));
+      completeWaiting(CardEvent::Inserted, framework::hresult(0x800704C7));
     };
     bringUp();
     const auto first = make();

@@ -287,9 +287,12 @@ TEST_F(GateKeeping, EnteringTheWorkingStateAgainWaitsForAControlInside) {
 class Cancel : public Dispatch {
  protected:
   // A request that waits for a card; the test's own reference beside the framework's.
-  framework::ComPtr<FakeWdfRequest> wait(const RequestSetup& setup = {}) {
+  framework::ComPtr<FakeWdfRequest> wait(const RequestSetup& setup = {},
+                                         std::uint32_t code = IOCTL_SMARTCARD_IS_PRESENT) {
+    story_.checkResult =
+        code == IOCTL_SMARTCARD_IS_ABSENT ? QueryResult::Success : QueryResult::Failure;
     auto request = framework::ComPtr<FakeWdfRequest>(new FakeWdfRequest(setup));
-    dispatch(request.get(), IOCTL_SMARTCARD_IS_PRESENT, setup);
+    dispatch(request.get(), code, setup);
     EXPECT_TRUE(request->markedCancelable());
     log_.clear();
     return request;
@@ -306,7 +309,7 @@ TEST_F(Cancel, OfAWaitingRequestTakesItOutOfItsListAndCompletesIt) {
   request->cancel();
   EXPECT_EQ(request->outcome()->status(), kCancelled);
   EXPECT_EQ(request->outcome()->information(), 0u);
-  EXPECT_TRUE(reader_->pendingInsert_.empty());
+  EXPECT_FALSE(reader_->waiting().any(CardEvent::Inserted));
   EXPECT_THAT(log_.recordsAboveDebug(), ElementsAre(info("[CREQ]Cancel Insert")));
   EXPECT_EQ(log_.records().front().text, "Start section:CMyDevice::OnCancel");
 }
@@ -334,6 +337,29 @@ TEST_F(Cancel, OfARequestWithoutAnIndexCompletesItAsCancelled) {
                                          error(1223, "[OnCancel]Instance ID cannot be retrieved")));
 }
 
+TEST_F(Cancel, OfAWaitingRequestWithoutAnIndexTakesItOutOfItsList) {
+  for (const std::uint32_t code : {IOCTL_SMARTCARD_IS_PRESENT, IOCTL_SMARTCARD_IS_ABSENT}) {
+    const auto request = wait({}, code);
+    request->rename(L"", framework::hresult(0x80070005));
+    request->cancel();
+    expectRefused(*request->outcome(), kCancelled);
+    EXPECT_FALSE(reader_->waiting().any(CardEvent::Inserted));
+    EXPECT_FALSE(reader_->waiting().any(CardEvent::Removed));
+    EXPECT_THAT(log_.recordsAboveDebug(),
+                ElementsAre(error(0x80070005, "Instance ID cannot be retrieved from request"),
+                            error(1223, "[OnCancel]Instance ID cannot be retrieved")));
+  }
+}
+
+TEST_F(Cancel, OfAWaitingRequestWithTheIndexOfNoReaderTakesItOutOfItsList) {
+  const auto request = wait();
+  request->rename(L"\\dev7");
+  request->cancel();
+  expectRefused(*request->outcome(), kCancelled);
+  EXPECT_FALSE(reader_->waiting().any(CardEvent::Inserted));
+  EXPECT_THAT(log_.errors(), ElementsAre(error(1223, "[OnCancel]The reader is gone")));
+}
+
 TEST_F(Cancel, OfARequestWhoseReaderIsGoneCompletesItAsCancelled) {
   ASSERT_EQ(device_->OnQueryStop(wdfDevice()), 0);
   log_.clear();
@@ -349,7 +375,7 @@ TEST_F(Cancel, BeforeTheRequestIsMarkedCompletesItWhileItIsMarked) {
   request->cancel();
   dispatch(request.get(), IOCTL_SMARTCARD_IS_PRESENT, {});
   EXPECT_EQ(request->outcome()->status(), kCancelled);
-  EXPECT_TRUE(reader_->pendingInsert_.empty());
+  EXPECT_FALSE(reader_->waiting().any(CardEvent::Inserted));
 }
 
 }  // namespace

@@ -1,9 +1,11 @@
 // Memory that runs out, at every possible point: no exception leaves an operation that the
 // framework calls, and every request is completed once or waits.
 #include "driver/class_factory.h"
+#include "driver/framework_request.h"
 #include "driver/module.h"
 #include "driver/my_driver.h"
 #include "driver/my_queue.h"
+#include "driver/reader_index.h"
 #include "driver/smartcard_ioctl.h"
 #include "driver/status.h"
 #include "tests/driver/device_fixture.h"
@@ -164,6 +166,22 @@ INSTANTIATE_TEST_SUITE_P(Controls, NoMemoryIo,
                                          IOCTL_SMARTCARD_POWER, IOCTL_SMARTCARD_SET_ATTRIBUTE,
                                          IOCTL_SMARTCARD_SET_PROTOCOL, IOCTL_SMARTCARD_TRANSMIT,
                                          IOCTL_SMARTCARD_EJECT));
+
+TEST_F(NoMemoryForRequests, IsNoMatterForARequestsBuffersAndTheReadersIndex) {
+  const auto request = ComPtr<FakeWdfRequest>(new FakeWdfRequest(setup_));
+  IoRequest* adapter = nullptr;
+  ASSERT_EQ(FrameworkRequest::attach(*request.get(), &adapter), 0);
+  bool all = false;
+  std::uint32_t index = 0;
+  {
+    const ScarceMemory memory(0);
+    all = adapter->inputMemory() && adapter->outputMemory() && adapter->fileObject();
+    index = parseReaderIndex(L"\\\\?\\a-long-name#of-a-reader#DEV3");
+  }
+  EXPECT_TRUE(all);
+  EXPECT_EQ(index, 3u);
+  adapter->complete(0);
+}
 
 TEST_F(NoMemoryForRequests, NeverKeepsACancelledRequest) {
   withEveryShortage([&](int allocations) {

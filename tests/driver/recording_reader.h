@@ -69,8 +69,7 @@ class RecordingReader final : public Reader {
     if (story_.onEndExchanges) story_.onEndExchanges();
   }
 
-  using Reader::pendingInsert_;
-  using Reader::pendingRemove_;
+  using Reader::waiting;
 
  private:
   ReaderStory& story_;

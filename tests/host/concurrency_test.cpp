@@ -2,6 +2,7 @@
 #include <thread>
 
 #include "tests/host/host_fixture.h"
+#include "tests/support/process_state.h"
 #include "tests/support/repetitions.h"
 
 namespace zelta::host {
@@ -14,13 +15,13 @@ class ConcurrencyTest : public HostTest {
   void SetUp() override { start(); }
 };
 
-TEST_F(ConcurrencyTest, BlockedRequestsDoNotHoldUpOthers) {
-  std::vector<std::shared_ptr<IoOperation>> blocked;
-  for (int i = 0; i < 20; ++i) blocked.push_back(submit(fake::kBlock));
+TEST_F(ConcurrencyTest, CallbacksOfBlockedCallersDoNotHoldUpOthers) {
+  std::vector<std::future<IoResult>> blocked;
+  for (int i = 0; i < 20; ++i) blocked.push_back(controlOnThread(fake::kBlock));
   control(fake::kBlocked, numbers({20}));
   EXPECT_EQ(control(fake::kEcho, {3}).output, std::vector<std::uint8_t>{3});
   control(fake::kUnblock);
-  for (const auto& operation : blocked) EXPECT_TRUE(operation->wait(kLong));
+  for (auto& caller : blocked) EXPECT_EQ(caller.get().status, framework::kOk);
   EXPECT_GE(counter(fake::kMostAtOnce), 21u);
 }
 
@@ -54,25 +55,11 @@ TEST_F(ConcurrencyTest, FilesOpenedAndClosedAllTheTimeDoNotDisturb) {
   for (std::thread& caller : callers) caller.join();
 }
 
-class BoundedThreadsTest : public HostTest {
- protected:
-  BoundedThreadsTest() {
-    HostOptions bounded = options();
-    bounded.maximumDispatchThreads = 2;
-    host_ = DriverHost::load(FAKE_DRIVER, bounded);
-  }
-};
-
-TEST_F(BoundedThreadsTest, RequestsBeyondTheBoundWaitTheirTurn) {
-  start();
-  const auto blocked = submit(fake::kBlock);
-  control(fake::kBlocked, numbers({1}));
-  std::vector<std::shared_ptr<IoOperation>> others;
-  for (int i = 0; i < 50; ++i) others.push_back(submit(fake::kEcho, {1}));
-  for (const auto& operation : others) EXPECT_TRUE(operation->wait(kLong));
-  control(fake::kUnblock);
-  EXPECT_TRUE(blocked->wait(kLong));
-  EXPECT_LE(counter(fake::kMostAtOnce), 2u);
+TEST_F(ConcurrencyTest, ControlIsDispatchedOnItsCallersThread) {
+  const std::size_t threads = test::threadCount();
+  for (int i = 0; i < 20; ++i) control(fake::kEcho, {1});
+  file_->submit(fake::kWait, {}, 0, nullptr)->cancel();
+  EXPECT_EQ(test::threadCount(), threads);
 }
 
 }  // namespace

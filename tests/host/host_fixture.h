@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <string>
 #include <vector>
@@ -66,11 +67,10 @@ class HostTest : public ::testing::Test {
                                       std::size_t capacity = 64) {
     return file_->submit(code, input, capacity, nullptr);
   }
-  // Submits a request that waits in the driver.
-  std::shared_ptr<IoOperation> submitWaiting(std::uint32_t code = fake::kWait) {
-    auto operation = submit(code);
-    EXPECT_TRUE(operation->waitDispatched(kLong));
-    return operation;
+  // On a thread of its own, for controls that stay in the driver's callback.
+  std::future<IoResult> controlOnThread(std::uint32_t code,
+                                        const std::vector<std::uint8_t>& input = {}) {
+    return std::async(std::launch::async, [this, code, input] { return control(code, input); });
   }
   std::uint32_t counter(fake::Counter which) {
     const auto values = toNumbers(control(fake::kCounters).output);

@@ -100,7 +100,7 @@ TEST_F(HostTest, UnloadedModuleCannotBeBroughtUp) {
 
 TEST_F(HostTest, DestructionTakesDownAndUnloads) {
   start();
-  const auto waiting = submitWaiting();
+  const auto waiting = submit(fake::kWait);
   host_.reset();
   EXPECT_TRUE(waiting->completed());
   EXPECT_EQ(trace().back(), "DllCanUnloadNow");

@@ -1,8 +1,8 @@
 // Memory that runs out, at every possible point of the callers' side: requests are completed once
 // or not begun at all, what was begun is taken back, and the driver can always be taken down.
+#include <array>
 #include <atomic>
 #include <optional>
-#include <thread>
 
 #include "tests/host/host_fixture.h"
 #include "tests/support/scarce_memory.h"
@@ -45,7 +45,6 @@ class MemoryTest : public HostTest {
     }
     if (operation != nullptr) {
       EXPECT_TRUE(operation->wait(kLong));
-      EXPECT_TRUE(operation->waitDispatched(kLong));
       EXPECT_TRUE(!ranOut || operation->result().status == kOutOfMemoryStatus ||
                   operation->result().status == framework::kOk);
       if (!ranOut) {
@@ -66,15 +65,17 @@ TEST_F(MemoryTest, RequestIsCompletedOnceOrNotBegun) {
   EXPECT_THAT(errors(), IsEmpty());
 }
 
-TEST_F(MemoryTest, FirstRequestWhichNeedsAThreadIsToo) {
-  withEveryShortage([this](int allocations) {
-    start();
-    const bool sufficed = echoWith(allocations);
-    EXPECT_EQ(control(fake::kEcho, {7}).output, std::vector<std::uint8_t>{7});
-    host_->tearDown();
-    return sufficed;
-  });
-  EXPECT_THAT(errors(), IsEmpty());
+// The request and its storage; the third is the fake driver's own.
+TEST_F(MemoryTest, ControlNeedsTwoAllocationsBeforeTheDriverIsCalledAndNoneAfterwards) {
+  start();
+  std::array<std::uint8_t, 4> bytes = {1, 2, 3, 4};
+  const auto echo = [&](int allocations) {
+    const ScarceMemory memory(allocations);
+    return file_->controlInParts(fake::kEcho, {{}, {bytes.data(), 4}}, {{bytes.data(), 4}, {}},
+                                 kLong);
+  };
+  for (const int tooFew : {0, 1}) EXPECT_EQ(echo(tooFew).status, kOutOfMemoryStatus);
+  EXPECT_EQ(echo(3).status, framework::kOk);
 }
 
 TEST_F(MemoryTest, FileIsOpenedOrNot) {
@@ -123,7 +124,7 @@ TEST_F(MemoryTest, BringUpThatFailsIsTakenBackAndCanBeRepeated) {
 
 TEST_F(MemoryTest, CancellingNeedsNone) {
   start();
-  const auto operation = submitWaiting();
+  const auto operation = submit(fake::kWait);
   {
     const ScarceMemory memory(0);
     operation->cancel();
@@ -138,7 +139,6 @@ TEST_F(MemoryTest, TearingDownNeedsNone) {
   std::vector<std::shared_ptr<IoOperation>> operations;
   for (const auto code : {fake::kWait, fake::kWaitForEver, fake::kWait, fake::kWaitForEver}) {
     operations.push_back(file_->submit(code, {}, 8, [&](const IoResult&) { ++completions; }));
-    ASSERT_TRUE(operations.back()->waitDispatched(kLong));
   }
   {
     const ScarceMemory memory(0);
@@ -149,26 +149,6 @@ TEST_F(MemoryTest, TearingDownNeedsNone) {
   // The driver completed what it had kept too late; there was no memory to tell of it.
   EXPECT_THAT(errors(), IsEmpty());
   EXPECT_TRUE(host_->unload());
-}
-
-TEST_F(MemoryTest, RequestsThatWereNotBegunAreRefusedWithoutAny) {
-  HostOptions two = options();
-  two.maximumDispatchThreads = 2;
-  host_ = DriverHost::load(FAKE_DRIVER, two);
-  start();
-  const auto first = submit(fake::kBlockUntilCancelled);
-  control(fake::kBlocked, numbers({1}));
-  const auto second = submit(fake::kBlock);
-  const auto unbegun = submit(fake::kEcho);
-  std::thread owner([this] {
-    const ScarceMemory memory(0);
-    host_->tearDown();
-  });
-  EXPECT_TRUE(unbegun->wait(kLong));
-  EXPECT_EQ(unbegun->result().status, kDeviceGone);
-  first->cancel();
-  owner.join();
-  EXPECT_TRUE(second->completed());
 }
 
 }  // namespace

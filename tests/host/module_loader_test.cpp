@@ -36,5 +36,22 @@ TEST(ModuleLoaderTest, ModuleIsMappedUntilTheLastHandleIsClosed) {
   EXPECT_FALSE(test::isMapped(FAKE_OLD_DRIVER));
 }
 
+TEST(ModuleLoaderTest, ModuleIsFoundByAnAddressInItAndStaysUntilThatHandleIsClosed) {
+  std::string reason;
+  const ModuleHandle module = openModule(FAKE_OLD_DRIVER, &reason);
+  ASSERT_NE(module, nullptr) << reason;
+  ScopedModule again(openModuleOf(moduleSymbol(module, "DllCanUnloadNow")));
+  ASSERT_NE(again, nullptr);
+  EXPECT_TRUE(closeModule(module, &reason)) << reason;
+  EXPECT_TRUE(test::isMapped(FAKE_OLD_DRIVER));
+  again.reset();
+  EXPECT_FALSE(test::isMapped(FAKE_OLD_DRIVER));
+}
+
+TEST(ModuleLoaderTest, NoModuleIsFoundByAnAddressInNone) {
+  int local = 0;
+  EXPECT_EQ(openModuleOf(&local), nullptr);
+}
+
 }  // namespace
 }  // namespace zelta::platform

@@ -18,7 +18,7 @@ class TearDownTest : public HostTest {
 };
 
 TEST_F(TearDownTest, WaitingRequestsAreCompletedByTheDriversShutdown) {
-  const auto operation = submitWaiting();
+  const auto operation = submit(fake::kWait);
   host_->tearDown();
   ASSERT_TRUE(operation->completed());
   EXPECT_EQ(operation->result().status, kCancelledStatus);
@@ -29,7 +29,6 @@ TEST_F(TearDownTest, RequestsThatTheDriverKeepsAreCompletedByTheHost) {
   int completions = 0;
   const auto operation =
       file_->submit(fake::kWaitForEver, {}, 8, [&](const IoResult&) { ++completions; });
-  ASSERT_TRUE(operation->waitDispatched(kLong));
   host_->tearDown();
   ASSERT_TRUE(operation->completed());
   EXPECT_EQ(operation->result().status, kDeviceGone);
@@ -40,13 +39,12 @@ TEST_F(TearDownTest, RequestsThatTheDriverKeepsAreCompletedByTheHost) {
 }
 
 TEST_F(TearDownTest, FilesAndOperationsOutliveTheDevice) {
-  const auto waiting = submitWaiting();
+  const auto waiting = submit(fake::kWait);
   host_->tearDown();
   EXPECT_EQ(control(fake::kEcho).status, kDeviceGone);
   int completions = 0;
   const auto late = file_->submit(fake::kEcho, {}, 0, [&](const IoResult&) { ++completions; });
   EXPECT_TRUE(late->completed());
-  EXPECT_TRUE(late->waitDispatched(0ms));
   EXPECT_EQ(completions, 1);
   waiting->cancel();
   late->cancel();
@@ -56,27 +54,33 @@ TEST_F(TearDownTest, FilesAndOperationsOutliveTheDevice) {
   waiting->cancel();
 }
 
-TEST_F(TearDownTest, RunningDispatchIsWaitedForAndWhatIsNotBegunIsRefused) {
-  HostOptions three = options();
-  three.maximumDispatchThreads = 3;
-  host_ = DriverHost::load(FAKE_DRIVER, three);
-  start();
-  const auto first = submit(fake::kBlockUntilCancelled);
-  const auto second = submit(fake::kBlock);
-  control(fake::kBlocked, numbers({2}));
-  const auto third = submit(fake::kBlock);
-  const auto unbegun = submit(fake::kEcho);
-  std::thread owner([this] { host_->tearDown(); });
-  ASSERT_TRUE(unbegun->wait(kLong));
-  EXPECT_EQ(unbegun->result().status, kDeviceGone);
-  EXPECT_FALSE(second->completed());
-  EXPECT_EQ(trace().back(), "OnD0Entry");
-  first->cancel();
-  owner.join();
-  EXPECT_EQ(first->result().status, kCancelledStatus);
-  EXPECT_EQ(second->result().status, framework::kOk);
-  EXPECT_TRUE(third->completed());
+// The driver ends its running callbacks itself when it leaves the working state.
+TEST_F(TearDownTest, RunningCallbackIsWaitedForOnceTheDriverHasLeftItsWorkingState) {
+  std::promise<void> ending;
+  std::promise<void> goOn;
+  std::thread caller([&] {
+    file_->submit(fake::kBlock, {}, 0, [&](const IoResult&) {
+      ending.set_value();
+      goOn.get_future().wait();
+    });
+  });
+  control(fake::kBlocked, numbers({1}));
+  auto down = std::async(std::launch::async, [this] { host_->tearDown(); });
+  ending.get_future().wait();
+  EXPECT_EQ(down.wait_for(50ms), std::future_status::timeout);
+  EXPECT_EQ(trace().back(), "OnD0Exit");
+  EXPECT_EQ(control(fake::kEcho).status, kDeviceGone);
+  goOn.set_value();
+  down.get();
+  caller.join();
   EXPECT_THAT(errors(), IsEmpty());
+}
+
+TEST_F(TearDownTest, CallerWhoWaitsForARequestThatTheDriverKeepsIsReleased) {
+  auto kept = controlOnThread(fake::kWaitForEver);
+  while (counter(fake::kKeptForEver) == 0) std::this_thread::yield();
+  host_->tearDown();
+  EXPECT_EQ(kept.get().status, kDeviceGone);
 }
 
 TEST_F(TearDownTest, CallersOnAllSidesSurviveTearDownAtAnyMoment) {
@@ -100,7 +104,7 @@ TEST_F(TearDownTest, CallersOnAllSidesSurviveTearDownAtAnyMoment) {
                 }
               });
           if (caller == 1) operation->cancel();
-          if (caller == 2) operation->waitDispatched(kLong);
+          if (caller == 2) file->control(fake::kWait, {}, 0, 1ms);
           if (const auto other = host_->open(L"dev0")) other->control(fake::kEcho, {}, 0, kLong);
         }
       });
@@ -122,7 +126,7 @@ TEST_F(TearDownTest, NothingIsLeftBehind) {
   for (int round = 0; round < test::repetitions(50); ++round) {
     host_ = DriverHost::load(FAKE_DRIVER, options());
     start();
-    submitWaiting();
+    submit(fake::kWait);
     host_->tearDown();
     ASSERT_TRUE(host_->unload());
     ASSERT_FALSE(test::isMapped(FAKE_DRIVER));

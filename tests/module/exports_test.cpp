@@ -2,8 +2,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+#include <vector>
+
 #include "tests/module/module_world.h"
 #include "tests/support/recording_framework.h"
+#include "tests/support/repetitions.h"
 
 namespace zelta::test {
 namespace {
@@ -62,6 +67,40 @@ TEST_F(ExportsTest, DriverObjectIsADriverEntryAndNothingElse) {
 TEST_F(ExportsTest, RegistrationSucceedsAndDoesNothing) {
   EXPECT_EQ(exports_.registerServer(), framework::kOk);
   EXPECT_EQ(exports_.unregisterServer(), framework::kOk);
+}
+
+TEST_F(ExportsTest, RegistrationsShareOneLogFile) {
+  for (int round = 0; round < 4; ++round) {
+    EXPECT_EQ(exports_.registerServer(), framework::kOk);
+    EXPECT_EQ(exports_.unregisterServer(), framework::kOk);
+  }
+  EXPECT_EQ(world_.logFiles(), 1u);
+  EXPECT_EQ(world_.countInLog("Start section:DllUnregisterServer"), 4u);
+}
+
+TEST_F(ExportsTest, AnswerThatAnUnusedModuleMayGoBeginsNoLogFile) {
+  for (int round = 0; round < 7; ++round) EXPECT_EQ(exports_.canUnload(), framework::kOk);
+  EXPECT_EQ(world_.logFiles(), 0u);
+  exports_.factory();
+  for (int round = 0; round < 7; ++round) EXPECT_EQ(exports_.canUnload(), framework::kOk);
+  EXPECT_EQ(world_.logFiles(), 1u);
+  EXPECT_EQ(world_.countInLog("Start section:DllCanUnloadNow"), 1u);
+}
+
+TEST_F(ExportsTest, ModuleMayBeAskedWhetherItMayGoWhileItIsUsed) {
+  std::atomic<int> using_{3};
+  std::vector<std::thread> threads;
+  for (int user = 0; user < 3; ++user) {
+    threads.emplace_back([&] {
+      for (int round = 0; round < repetitions(100); ++round) EXPECT_TRUE(exports_.driver());
+      --using_;
+    });
+  }
+  threads.emplace_back([&] {
+    while (using_ > 0) exports_.canUnload();
+  });
+  while (using_ > 0) exports_.canUnload();
+  for (std::thread& thread : threads) thread.join();
 }
 
 TEST_F(ExportsTest, ModuleStaysWhileAnObjectLives) {

@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <future>
+
 #include "host/driver_host.h"
 #include "tests/module/module_world.h"
 
@@ -36,9 +38,13 @@ class HostedModuleTest : public ::testing::Test {
   }
   // A request that waits for a card to come or go; returned once it is in the driver.
   std::shared_ptr<host::IoOperation> submitWaiting(std::uint32_t code) {
-    auto operation = file_->submit(code, {}, 0, nullptr);
-    EXPECT_TRUE(operation->waitDispatched(kLong));
-    return operation;
+    return file_->submit(code, {}, 0, nullptr);
+  }
+  // One that ends with an exchange which the test takes part in.
+  std::future<host::IoResult> controlOnThread(std::uint32_t code, const Bytes& input,
+                                              std::size_t capacity) {
+    return std::async(std::launch::async,
+                      [this, code, input, capacity] { return control(code, input, capacity); });
   }
 
   // The agent comes, as it can once somebody waits for a card, and is let in: the driver asks it

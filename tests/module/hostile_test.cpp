@@ -220,13 +220,11 @@ TEST_F(HostileTest, SilentAgentHoldsUpNobodyButTheCallers) {
     return TestCard::atrOfT0();
   }));
   ASSERT_TRUE(waiting->wait(kLong));
-  const auto transmit =
-      file_->submit(IOCTL_SMARTCARD_TRANSMIT, transmitBuffer(0, {1, 2}), 64, nullptr);
+  auto transmit = controlOnThread(IOCTL_SMARTCARD_TRANSMIT, transmitBuffer(0, {1, 2}), 64);
   ASSERT_TRUE(agent_.waitForCommands(AgentCommand::QueryTransmit, 1));
   EXPECT_EQ(state(), SCARD_SWALLOWED);
-  EXPECT_FALSE(transmit->completed());
-  ASSERT_TRUE(transmit->wait(kLong));
-  EXPECT_EQ(transmit->result().status, answer::kNoMedia);
+  EXPECT_EQ(transmit.wait_for(0s), std::future_status::timeout);
+  EXPECT_EQ(transmit.get().status, answer::kNoMedia);
   EXPECT_THAT(endAndLog(), Contains("<ERROR> -500 [QueryTransmit]Timeout"));
 }
 

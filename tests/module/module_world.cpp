@@ -24,6 +24,8 @@ using PlainExport = HRESULT(ZELTA_STDMETHODCALLTYPE*)();
 
 std::vector<LogLine> ModuleWorld::log() const { return recordsIn(logFolder()); }
 
+std::size_t ModuleWorld::logFiles() const { return filesIn(logFolder()).size(); }
+
 std::size_t ModuleWorld::countInLog(const std::string& text) const {
   std::size_t count = 0;
   for (const fs::path& file : filesIn(logFolder())) {

@@ -56,6 +56,8 @@ class ModuleWorld {
   std::vector<std::string> logSummaries() const { return summaries(log()); }
   // How often the log has that text by now; also while the module writes.
   std::size_t countInLog(const std::string& text) const;
+  // How many log files there are.
+  std::size_t logFiles() const;
   // Whether a reader's pipe of that name is there.
   bool pipeExists(const std::string& pipeName) const;
   // For a process that ends without destructors.

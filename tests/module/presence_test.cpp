@@ -80,24 +80,24 @@ TEST_F(PresenceTest, AgentThatDiesInsideATransmitEndsIt) {
   ASSERT_TRUE(agent_.command().readNumber().has_value());
   ASSERT_TRUE(agent_.command().writeNumber(2) && agent_.command().write({0x3B, 0x00}));
   ASSERT_EQ(ending(*waiting), answer::kSuccess);
-  const auto removal = file_->submit(IOCTL_SMARTCARD_IS_ABSENT, {}, 0, nullptr);
+  auto asked =
+      std::async(std::launch::async, [this] { return submitWaiting(IOCTL_SMARTCARD_IS_ABSENT); });
   ASSERT_TRUE(agent_.command().readNumber().has_value());
   ASSERT_TRUE(agent_.command().writeNumber(2) && agent_.command().write({0x3B, 0x00}));
-  ASSERT_TRUE(removal->waitDispatched(kLong));
+  const auto removal = asked.get();
 
-  const auto transmit =
-      file_->submit(IOCTL_SMARTCARD_TRANSMIT, transmitBuffer(0, {1, 2, 3}), 64, nullptr);
+  auto transmit = controlOnThread(IOCTL_SMARTCARD_TRANSMIT, transmitBuffer(0, {1, 2, 3}), 64);
   // Code, length and the command's three bytes; then half a length, and gone.
   ASSERT_EQ(agent_.command().read(11).size(), 11u);
   ASSERT_TRUE(agent_.command().write({5, 0}));
   agent_.die();
   EXPECT_EQ(ending(*removal), answer::kSuccess);
-  const framework::HRESULT status = ending(*transmit);
-  if (status == answer::kSuccess) {
+  const host::IoResult result = transmit.get();
+  if (result.status == answer::kSuccess) {
     // The loss was noticed first: the card counts as removed.
-    EXPECT_EQ(transmit->result().output, transmitBuffer(0, {0x69, 0x01}));
+    EXPECT_EQ(result.output, transmitBuffer(0, {0x69, 0x01}));
   } else {
-    EXPECT_EQ(status, answer::kNoMedia);
+    EXPECT_EQ(result.status, answer::kNoMedia);
   }
   expectWorkingReader();
 }

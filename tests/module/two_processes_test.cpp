@@ -89,16 +89,16 @@ TEST_F(TwoProcessesTest, AgentThatCrashesInsideATransmitEndsIt) {
   ASSERT_TRUE(agent->does("mute"));
   const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
   const Bytes command = transmitBuffer(SCARD_PROTOCOL_T1, {1, 2, 3});
-  const auto transmit = file_->submit(IOCTL_SMARTCARD_TRANSMIT, command, 64, nullptr);
+  auto transmit = controlOnThread(IOCTL_SMARTCARD_TRANSMIT, command, 64);
   ASSERT_TRUE(agent->does("transmits 2"));
   agent->crash();
   expectSuccess(*removal);
-  ASSERT_TRUE(transmit->wait(kLong));
-  if (transmit->result().status == answer::kSuccess) {
+  const host::IoResult result = transmit.get();
+  if (result.status == answer::kSuccess) {
     // The loss was noticed first: the card counts as removed.
-    EXPECT_EQ(transmit->result().output, transmitBuffer(SCARD_PROTOCOL_T1, {0x69, 0x01}));
+    EXPECT_EQ(result.output, transmitBuffer(SCARD_PROTOCOL_T1, {0x69, 0x01}));
   } else {
-    EXPECT_EQ(transmit->result().status, answer::kNoMedia);
+    EXPECT_EQ(result.status, answer::kNoMedia);
   }
   agentWithWorkingCard();
 }

@@ -1,5 +1,7 @@
 // After the module has said that it may go, nothing of it is left.
 #include <algorithm>
+#include <cstdlib>
+#include <thread>
 
 #include "tests/module/hosted_module.h"
 #include "tests/support/process_state.h"
@@ -108,6 +110,71 @@ long bannerLines(const std::vector<LogLine>& log) {
            (line.message == std::string(74, '-') ||
             line.message.find("Vornhalt Virtual Smartcard Reader driver build ") == 0);
   });
+}
+
+// Changes the policy and waits until both of the logger's threads that look at the registry have
+// seen it: what one of them says about a rotation time is written at the other's threshold.
+void changePolicy(ModuleWorld& world, std::uint32_t eventFilterMode, const char* written) {
+  world.setPolicy(eventFilterMode);
+  const auto deadline = std::chrono::steady_clock::now() + kLong;
+  for (int i = 2; world.countInLog(written) == 0; ++i) {
+    ASSERT_LT(std::chrono::steady_clock::now(), deadline);
+    // Every second one is the number before, written in another way.
+    world.setRotationTime((i % 2 == 0 ? "" : "0") + std::to_string(i / 2));
+    std::this_thread::sleep_for(20ms);  // between two looks
+  }
+}
+
+// Loads the module, makes an object and lets it go, does what the test wants while the module is
+// loaded, and gives it up without a question.
+template <typename Action>
+void useAndCloseUnasked(Action whileLoaded) {
+  std::string reason;
+  const platform::ModuleHandle module = platform::openModule(ZELTA_VSC_MODULE, &reason);
+  ASSERT_NE(module, nullptr) << reason;
+  using Export =
+      framework::HRESULT(ZELTA_STDMETHODCALLTYPE*)(framework::REFCLSID, framework::REFIID, void**);
+  const auto getClassObject =
+      reinterpret_cast<Export>(platform::moduleSymbol(module, "DllGetClassObject"));
+  framework::ComPtr<framework::IClassFactory> factory;
+  ASSERT_EQ(getClassObject(kDriverClass, framework::IClassFactory::iid, factory.putVoid()), 0);
+  framework::ComPtr<framework::IDriverEntry> entry;
+  ASSERT_EQ(factory->CreateInstance(nullptr, framework::IDriverEntry::iid, entry.putVoid()), 0);
+  entry->OnInitialize(nullptr);
+  entry.reset();
+  factory.reset();
+  whileLoaded();
+  EXPECT_TRUE(platform::closeModule(module, &reason)) << reason;
+}
+
+class UnaskedTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+
+  ModuleWorld world_;
+};
+
+TEST_F(UnaskedTest, ModuleClosedUnaskedRunsItsThreadsOn) {
+  EXPECT_EXIT(
+      {
+        // The first change has been seen before, so that the second is only seen one period later.
+        world_.setPolicy(1);
+        world_.setRotationTime("0");
+        useAndCloseUnasked([&] { changePolicy(world_, 2, "Setting log rotation time"); });
+        changePolicy(world_, 3, "the same as the last rotation time");
+        world_.removeFolder();
+        std::exit(::testing::Test::HasFailure() ? 1 : 0);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(UnaskedTest, ModuleClosedUnaskedIsTheSameAtItsNextLoadAndGoesOnceItIsAsked) {
+  ASSERT_NO_FATAL_FAILURE(useAndCloseUnasked([] {}));
+  ASSERT_NO_FATAL_FAILURE(useAndCloseUnasked([] {}));
+  EXPECT_EQ(world_.logFiles(), 1u);
+  EXPECT_EQ(bannerLines(world_.log()), 3);
+  { const DriverExports asked; }
+  EXPECT_FALSE(isMapped(ZELTA_VSC_MODULE));
 }
 
 TEST(BannerTest, IsWrittenOncePerLoadedModule) {

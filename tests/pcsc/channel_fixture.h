@@ -20,6 +20,7 @@ class LogLines {
     return [this](pcsc::LogLevel level, const std::string& text) {
       const platform::MutexLock lock(mutex_);
       lines_.push_back(std::to_string(static_cast<int>(level)) + " " + text);
+      changed_.notifyAll();
     };
   }
   std::vector<std::string> lines() const {
@@ -27,19 +28,37 @@ class LogLines {
     return lines_;
   }
 
+  bool waitForLines(std::size_t count, std::chrono::milliseconds limit) {
+    platform::MutexLock lock(mutex_);
+    return changed_.waitFor(
+        lock, limit, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return lines_.size() >= count; });
+  }
+
  private:
   mutable platform::Mutex mutex_;
+  platform::ConditionVariable changed_;
   std::vector<std::string> lines_ ZELTA_GUARDED_BY(mutex_);
 };
 
 class ChannelTest : public testing::Test {
  protected:
   static constexpr framework::HRESULT kGenFailure = framework::hresult(0x8007001F);
-  const pcsc::Bytes kAtr{0x3B, 0x95, 0x13, 0x81, 0x01};
+  const pcsc::Bytes kAtr{0x3B, 0x95, 0x13, 0x81, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00};
 
   ChannelTest() {
     answerPower(succeededWith(kAtr));
-    channel_.emplace(reader_->open(), log_->log());
+    channel_.emplace(
+        "dev0", reader_->open(), [] { return nullptr; }, log_->log());
+  }
+
+  // A command as pcscd sends it; the answer is taken into a buffer of that size.
+  pcsc::Reply transmit(DWORD protocol, const pcsc::Bytes& command, std::size_t capacity) {
+    pcsc::Bytes answer(capacity);
+    std::size_t size = 0;
+    const RESPONSECODE code = channel_->transmit(
+        {protocol, {command.data(), command.size()}, {answer.data(), answer.size()}}, &size);
+    answer.resize(size);
+    return {code, std::move(answer)};
   }
 
   void answerPower(host::IoResult result) {

@@ -82,7 +82,10 @@ TEST_F(ChannelPowerTest, UnknownActionIsNotSupported) {
 
 TEST_F(ChannelPowerTest, LongestAtrIsTaken) {
   insert();
-  const Bytes atr(MAX_ATR_SIZE, 0x3B);
+  Bytes atr(MAX_ATR_SIZE, 0xF0);  // four groups of interface bytes and 15 historical ones
+  atr[0] = 0x3B;
+  atr[1] = 0xFF;
+  atr[17] = 0x00;
   answerPower(succeededWith(atr));
   EXPECT_EQ(channel_->power(IFD_POWER_UP).bytes, atr);
 }
@@ -102,6 +105,28 @@ TEST_F(ChannelPowerTest, EmptyAtrIsAFailedPowerUp) {
   EXPECT_EQ(channel_->power(IFD_POWER_UP).code, IFD_ERROR_POWER_ACTION);
   EXPECT_THAT(log_->lines(),
               ElementsAre("2 the card's answer to reset has 0 bytes; 1 to 33 are possible"));
+}
+
+TEST_F(ChannelPowerTest, BytesThatCannotBeAnAtrAreAFailedPowerUpAndAreLogged) {
+  insert();
+  answerPower(succeededWith({0x3B, 0x95, 0x13}));
+  EXPECT_EQ(channel_->power(IFD_POWER_UP).code, IFD_ERROR_POWER_ACTION);
+  EXPECT_EQ(channel_->power(IFD_RESET).code, IFD_ERROR_POWER_ACTION);
+  EXPECT_EQ(channel_->presence(), IFD_SUCCESS);  // mute
+  EXPECT_THAT(log_->lines(), ElementsAre("2 the card sent no valid ATR: 3B 95 13",
+                                         "2 the card sent no valid ATR: 3B 95 13"));
+  answerPower(succeededWith(kAtr));
+  EXPECT_EQ(channel_->power(IFD_POWER_UP).bytes, kAtr);
+}
+
+TEST_F(ChannelPowerTest, CardThatAnsweredBeforeIsCycledByBytesThatCannotBeAnAtr) {
+  insertAndPowerUp();
+  answerPower(succeededWith({0x90, 0x00}));
+  EXPECT_EQ(channel_->power(IFD_RESET).code, IFD_ERROR_POWER_ACTION);
+  EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
+  poll();
+  poll();
+  EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
 }
 
 TEST_F(ChannelPowerTest, MuteCardStaysAndIsPoweredUpByTheNextTry) {
@@ -171,7 +196,7 @@ TEST_F(ChannelProtocolTest, OtherProtocolsAreRefusedWithoutTheDriver) {
 TEST_F(ChannelProtocolTest, ProtocolThatTheCardDoesNotOfferIsRefused) {
   insertAndPowerUp();
   reader_->answer(kIoctlSetProtocol, [](const auto&) { return failedWith(kNotSupported); });
-  EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T1), IFD_PROTOCOL_NOT_SUPPORTED);
+  EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T0), IFD_PROTOCOL_NOT_SUPPORTED);
   EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
 }
 

@@ -29,13 +29,14 @@ static_assert(kAttributeVendorName == SCARD_ATTR_VENDOR_NAME);
 static_assert(kAttributeIfdType == SCARD_ATTR_VENDOR_IFD_TYPE);
 static_assert(kAttributePipeName == PIPE_NAME);
 static_assert(kAttributeEventPipeName == EVENT_PIPE_NAME);
+static_assert(kAttributeServerResult == SERVER_RESULT);
 static_assert(kAttributeCurrentProtocol == SCARD_ATTR_CURRENT_PROTOCOL_TYPE);
 static_assert(kAttributeAtr == SCARD_ATTR_ATR_STRING);
 static_assert(pcsc::kTransmitHeaderSize == zelta::kTransmitHeaderSize);
 
 TEST(DriverIoTest, NumbersTravelLowestByteFirst) {
   EXPECT_EQ(numberBytes(0x01020304), (Bytes{4, 3, 2, 1}));
-  EXPECT_EQ(numberAt({9, 4, 3, 2, 0xF1}, 1), 0xF1020304u);
+  EXPECT_EQ(numberAt(Bytes{9, 4, 3, 2, 0xF1}, 1), 0xF1020304u);
 }
 
 }  // namespace

@@ -46,7 +46,7 @@ class ChannelMemoryTest : public test::ChannelTest {
     return succeededWith(answer);
   }
 
-  Reply send() { return channel_->transmit({1, {0x00, 0xA4}, 258}); }
+  Reply send() { return transmit(1, {0x00, 0xA4}, 258); }
 
   // The card leaves and is back: no call is in its way.
   void changeCard() {

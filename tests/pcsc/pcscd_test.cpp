@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <reader.h>
 
+#include <chrono>
 #include <csignal>
 #include <future>
 
@@ -189,6 +190,23 @@ TEST_F(PcscdCardTest, EachOfAHundredQuickSwapsIsSeen) {
     ASSERT_TRUE(now.has_value()) << swap;
     ASSERT_EQ(now->counter, begin + 2 * swap);
     ASSERT_EQ(now->atr, atr);
+  }
+}
+
+// pcscd itself looks every five seconds.
+TEST_F(PcscdCardTest, CardAfterABurstOfSwapsIsSeenSoon) {
+  start();
+  agent_.setCardIn();
+  ASSERT_TRUE(agent_.connect());
+  ASSERT_TRUE(client_->waitForCard().has_value());
+  const Bytes last{0x3B, 0x01, 0x5A};
+  for (int burst = 0; burst < 5; ++burst) {
+    for (int swap = 0; swap < 200; ++swap) agent_.swap();
+    agent_.swap(last);
+    const auto begun = std::chrono::steady_clock::now();
+    ASSERT_TRUE(client_->waitFor(
+        [&](const Client::State& state) { return state.present && state.atr == last; }));
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(3)) << burst;
   }
 }
 

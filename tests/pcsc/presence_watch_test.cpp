@@ -3,9 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 
 #include "pcsc/driver_io.h"
-#include "tests/support/fake_driver_host.h"
+#include "tests/pcsc/channel_fixture.h"
 
 namespace zelta::pcsc {
 namespace {
@@ -19,7 +20,12 @@ constexpr milliseconds kLong{30000};
 
 class PresenceWatchTest : public testing::Test {
  protected:
-  void start() { watch_.emplace(reader_->open(), presence_); }
+  void start() {
+    file_.emplace("dev0", reader_->open(), [this] { return renew(); });
+    watch_.emplace(*file_, presence_, log_->log());
+  }
+
+  std::shared_ptr<host::File> renew() { return renew_(); }
 
   // Waits, as pcscd's polling thread does, until the card is or is not shown.
   bool waitForCard(bool in) {
@@ -33,6 +39,9 @@ class PresenceWatchTest : public testing::Test {
 
   const std::shared_ptr<FakeReader> reader_ = std::make_shared<FakeReader>();
   const std::shared_ptr<CardPresence> presence_ = std::make_shared<CardPresence>();
+  const std::shared_ptr<test::LogLines> log_ = std::make_shared<test::LogLines>();
+  std::function<std::shared_ptr<host::File>()> renew_ = [] { return nullptr; };
+  std::optional<ReaderFile> file_;
   std::optional<PresenceWatch> watch_;
 };
 
@@ -66,13 +75,12 @@ TEST_F(PresenceWatchTest, InsertionAndRemovalAreShownOverAndOver) {
 }
 
 TEST_F(PresenceWatchTest, CardIsShownOnlyWhenTheRemovalRequestWaitsInTheDriver) {
-  reader_->setPresence(kIoctlIsAbsent, FakeReader::Presence::kHoldUndispatched);
+  reader_->holdDispatch(kIoctlIsAbsent, true);
   start();
   reader_->insertCard();
-  const auto removal = reader_->waitForWaiting(kIoctlIsAbsent);
-  ASSERT_NE(removal, nullptr);
+  ASSERT_TRUE(reader_->waitForCount(kIoctlIsAbsent, 1));
   EXPECT_EQ(presence_->card(), kNoCard);
-  removal->dispatch();
+  reader_->holdDispatch(kIoctlIsAbsent, false);
   EXPECT_TRUE(waitForCard(true));
 }
 
@@ -99,13 +107,10 @@ TEST_F(PresenceWatchTest, AnyEndOfTheRemovalRequestIsARemoval) {
     start();
     reader_->insertCard();
     ASSERT_TRUE(waitForCard(true));
-    reader_->setPresence(kIoctlIsPresent, FakeReader::Presence::kHoldUndispatched);
-    reader_->waitForWaiting(kIoctlIsAbsent)->complete(status);
+    reader_->removeCard(status);
     EXPECT_EQ(presence_->card(), kNoCard);
     ASSERT_TRUE(waitForCard(false));
     watch_.reset();
-    reader_->removeCard();
-    reader_->setPresence(kIoctlIsPresent, FakeReader::Presence::kByCard);
   }
 }
 
@@ -132,12 +137,14 @@ TEST_F(PresenceWatchTest, RequestsThatFailAtOncePauseLongerAndLonger) {
   EXPECT_TRUE(waitForCard(true));
 }
 
-TEST_F(PresenceWatchTest, CardThatIsNeverShownPausesToo) {
+// Less long: the last card of a series of swaps is to be seen soon.
+TEST_F(PresenceWatchTest, CardsThatLeaveBeforeTheyAreShownPauseToo) {
   reader_->insertCard();
   reader_->completeAll(kIoctlIsAbsent, framework::kOk);
   const auto begun = std::chrono::steady_clock::now();
   start();
-  ASSERT_TRUE(reader_->waitForCount(kIoctlIsAbsent, 6));
+  ASSERT_TRUE(reader_->waitForCount(kIoctlIsAbsent, 7));
+  // The second at once, then after 10, 20, 40, 40 and 40 milliseconds.
   EXPECT_GE(std::chrono::steady_clock::now() - begun, milliseconds(150));
   EXPECT_EQ(presence_->card(), kNoCard);
 }

@@ -15,7 +15,7 @@ class TransmitTest : public test::ChannelTest {
  protected:
   static Bytes answerOf(std::uint32_t protocol, const Bytes& response) {
     Bytes answer = numberBytes(protocol);
-    appendNumber(answer, 8);
+    answer.insert(answer.end(), {8, 0, 0, 0});
     answer.insert(answer.end(), response.begin(), response.end());
     return answer;
   }
@@ -34,7 +34,7 @@ class TransmitTest : public test::ChannelTest {
   }
 
   Reply send(DWORD pci = 1, std::size_t capacity = MAX_BUFFER_SIZE_EXTENDED) {
-    return channel_->transmit({pci, {0x00, 0xA4, 0x04, 0x00}, capacity});
+    return transmit(pci, {0x00, 0xA4, 0x04, 0x00}, capacity);
   }
 
   void connect(DWORD protocol = SCARD_PROTOCOL_T1) {
@@ -87,10 +87,10 @@ TEST_F(TransmitTest, AfterAPowerUpTheProtocolIsNought) {
 }
 
 TEST_F(TransmitTest, RefusedProtocolLeavesTheOneBefore) {
-  connect(SCARD_PROTOCOL_T0);
+  connect(SCARD_PROTOCOL_T1);
   reader_->answer(kIoctlSetProtocol, [](const auto&) { return failedWith(kNotSupported); });
-  EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T1), IFD_PROTOCOL_NOT_SUPPORTED);
-  answerUnder(kProtocolT0);
+  EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T0), IFD_PROTOCOL_NOT_SUPPORTED);
+  answerUnder(kProtocolT1);
   EXPECT_EQ(send().code, IFD_SUCCESS);
   EXPECT_EQ(reader_->count(kIoctlTransmit), 1u);
 }
@@ -175,18 +175,21 @@ TEST_F(TransmitTest, AnswerOfACardThatWasPulledMeanwhileIsNotGiven) {
   EXPECT_THAT(reply.bytes, IsEmpty());
 }
 
-TEST_F(TransmitTest, NoMediaIsACardThatLeftAndEntersAgain) {
+TEST_F(TransmitTest, NoMediaAndNoDeviceAreACardThatLeftAndEntersAgain) {
   connect();
-  answerTransmit(failedWith(kNoMedia));
-  EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(reader_->count(kIoctlTransmit), 1u);
-  poll();
-  EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
-  poll();
-  EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
-  EXPECT_EQ(channel_->power(IFD_POWER_UP).code, IFD_SUCCESS);
+  for (const framework::HRESULT status : {kNoMedia, host::kDeviceGone}) {
+    const std::size_t before = reader_->count(kIoctlTransmit);
+    answerTransmit(failedWith(status));
+    EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
+    EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
+    EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
+    EXPECT_EQ(reader_->count(kIoctlTransmit), before + 1);
+    poll();
+    EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
+    poll();
+    EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
+    EXPECT_EQ(channel_->power(IFD_POWER_UP).code, IFD_SUCCESS);
+  }
 }
 
 TEST_F(TransmitTest, OtherFailuresAreErrorsAndTheCardStays) {
@@ -194,7 +197,6 @@ TEST_F(TransmitTest, OtherFailuresAreErrorsAndTheCardStays) {
   const std::pair<framework::HRESULT, RESPONSECODE> failures[] = {
       {kGenFailure, IFD_COMMUNICATION_ERROR},
       {host::kTimedOut, IFD_RESPONSE_TIMEOUT},
-      {host::kDeviceGone, IFD_COMMUNICATION_ERROR},
       {framework::hresult(0x8007139F), IFD_COMMUNICATION_ERROR},
   };
   for (const auto& [status, code] : failures) {
@@ -237,7 +239,7 @@ TEST_F(TransmitTest, AnswersWithoutAValidHeaderAreErrors) {
 TEST_F(TransmitTest, EmptyCommandIsTheDriversToAnswer) {
   connect();
   answerTransmit(succeededWith(answerOf(2, {0x69, 0x01})));
-  EXPECT_THAT(channel_->transmit({1, {}, 100}).bytes, ElementsAre(0x69, 0x01));
+  EXPECT_THAT(transmit(1, {}, 100).bytes, ElementsAre(0x69, 0x01));
   EXPECT_EQ(reader_->requests(kIoctlTransmit)[0].input.size(), kTransmitHeaderSize);
 }
 

@@ -271,6 +271,27 @@ TEST_P(PipeConformanceTest, WriteToAClientThatLeftFails) {
   EXPECT_THAT(outcome.error, AnyOf(error::kNoData, error::kBrokenPipe));
 }
 
+TEST_P(PipeConformanceTest, ClientThatLeavesWithACommandUnread_LeavesNothingToRead) {
+  auto client = connected();
+  ASSERT_TRUE(client->write({1, 2, 3}));
+  PipeCallThread call([this] { return pipes_.write(pipe_, "ab", 2) && pipes_.flush(pipe_); });
+  world_->waitUntilBlocked(pipe_, call);
+  client.reset();
+  EXPECT_FALSE(call.outcome().ok);
+  Bytes bytes(1);
+  EXPECT_EQ(read(&bytes), pipeError(error::kBrokenPipe));
+}
+
+TEST_P(PipeConformanceTest, ClientThatLeavesBeforeTheCommand_LeavesNothingToReadAfterIt) {
+  auto client = connected();
+  ASSERT_TRUE(client->write({1, 2, 3}));
+  client.reset();
+  EXPECT_FALSE(write({1}).ok);
+  flush();
+  Bytes bytes(1);
+  EXPECT_EQ(read(&bytes), pipeError(error::kBrokenPipe));
+}
+
 TEST_P(PipeConformanceTest, WriteWaitsForItsReader) {
   const auto client = connected();
   PipeCallThread call([this] { return pipes_.write(pipe_, "abc", 3); });

@@ -1,6 +1,7 @@
 // Memory that runs out in the system's pipes: a call fails with 8 (not enough memory) or succeeds,
 // what it began is taken back, and closing needs no memory at all.
 #include <algorithm>
+#include <functional>
 
 #include "tests/platform/system_pipe_fixture_linux.h"
 #include "tests/support/scarce_memory.h"
@@ -78,11 +79,6 @@ TEST_F(PipeMemoryTest, ClosingNeedsNone) {
   pipe_ = platform::noPipe();
 }
 
-TEST_F(PipeMemoryTest, CancellingNeedsNone) {
-  createPipe();
-  EXPECT_EQ(withoutMemory([this] { return pipes_.cancel(pipe_); }), pipeError(error::kNotFound));
-}
-
 // The place that the next client comes to needs some; the client that is there is dropped in any
 // case.
 TEST_F(PipeMemoryTest, DisconnectThatFailsDropsTheClientAndTheNextConnectMakesGood) {
@@ -109,18 +105,38 @@ TEST_F(PipeMemoryTest, ConversionThatFailsCanBeTriedAgain) {
   EXPECT_NE(pipe_, platform::invalidPipe());
 }
 
-TEST_F(PipeMemoryTest, TransfersThatFailLeaveThePipeAsItWas) {
+TEST_F(PipeMemoryTest, TransfersAndCancelNeedNone) {
   createPipe();
   PipeClient client = connected();
   const Bytes sent = {1, 2, 3};
-  const auto nothing = [] {};
-  withEveryShortage([&] { return pipes_.write(pipe_, sent.data(), 3); }, nothing);
+  EXPECT_EQ(withoutMemory([&] { return pipes_.write(pipe_, sent.data(), 3); }), kPipeOk);
   EXPECT_EQ(client.read(3), sent);
-  withEveryShortage([&] { return pipes_.flush(pipe_); }, nothing);
+  EXPECT_EQ(withoutMemory([&] { return pipes_.flush(pipe_); }), kPipeOk);
   ASSERT_TRUE(client.write(sent));
   Bytes received(3);
-  withEveryShortage([&] { return pipes_.read(pipe_, received.data(), 3); }, nothing);
+  EXPECT_EQ(withoutMemory([&] { return pipes_.read(pipe_, received.data(), 3); }), kPipeOk);
   EXPECT_EQ(received, sent);
+  EXPECT_EQ(withoutMemory([this] { return pipes_.cancel(pipe_); }), pipeError(error::kNotFound));
+}
+
+TEST_F(PipeMemoryTest, CallsThatWaitAndTheirCancelNeedNone) {
+  createPipe();
+  const auto expectCancelled = [this](const std::function<bool()>& waiting) {
+    PipeCallThread call([&] {
+      const ScarceMemory memory(0);
+      return waiting();
+    });
+    call.waitUntilBlocked();
+    EXPECT_EQ(withoutMemory([this] { return pipes_.cancel(pipe_); }), kPipeOk);
+    EXPECT_EQ(call.outcome(), pipeError(error::kOperationAborted));
+  };
+  const Bytes large(4 * 1024 * 1024);
+  expectCancelled([this] { return pipes_.connect(pipe_); });
+  PipeClient client = connected();
+  expectCancelled([this] { return readByte(); });
+  expectCancelled(
+      [&] { return pipes_.write(pipe_, large.data(), static_cast<std::uint32_t>(large.size())); });
+  expectCancelled([this] { return pipes_.flush(pipe_); });
 }
 
 }  // namespace

@@ -1,13 +1,13 @@
-// Presence requests under parallel dispatch, with cancellation racing completion.
+// Presence requests under parallel dispatch, with cancellation racing completion, and card events
+// at every moment between the question and the waiting.
 #include <gtest/gtest.h>
 
-#include <future>
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <thread>
 #include <vector>
 
-#include "diagnostics/traced_lock.h"
-#include "driver/status.h"
 #include "tests/reader/scripted_reader.h"
 #include "tests/support/fake_request.h"
 #include "tests/support/log_capture.h"
@@ -20,20 +20,6 @@ using test::FakeReaderDevice;
 using test::FakeRequest;
 using test::LogCapture;
 using test::ScriptedReader;
-
-// Completes what waits as an agent's event does.
-void completeWaiting(ScriptedReader& reader, FakeReaderDevice& device, PendingRequests& list) {
-  const TracedLock lock("test", device.deviceLock(), __LINE__);
-  while (IoRequest* request = list.newest()) {
-    request->addRef();
-    if (framework::succeeded(request->unmarkCancelable())) {
-      request->completeWithInformation(status::kSuccess, 0);
-    }
-    list.remove(request);
-    request->release();
-  }
-  reader.setState(SCARD_SWALLOWED);
-}
 
 class PresenceRace : public testing::Test {
  protected:
@@ -50,13 +36,10 @@ TEST_F(PresenceRace, EveryRequestIsCompletedOnceWhileCancelAndEventRaceIt) {
     log_.clear();
     const bool insert = round % 2 == 0;
     reader_.checkResult = insert ? QueryResult::Failure : QueryResult::Success;
-    PendingRequests& list = insert ? reader_.pendingInsert_ : reader_.pendingRemove_;
+    const CardEvent awaited = insert ? CardEvent::Inserted : CardEvent::Removed;
     FakeRequest request(device_);
     std::thread canceller([&] { request.cancel(); });
-    std::thread agent([&] {
-      const platform::MutexLock presence(reader_.presenceMutex_);
-      completeWaiting(reader_, device_, list);
-    });
+    std::thread agent([&] { reader_.report(awaited); });
     if (insert) {
       reader_.IoSmartCardIsPresent(&request, 0, 0);
     } else {
@@ -66,7 +49,7 @@ TEST_F(PresenceRace, EveryRequestIsCompletedOnceWhileCancelAndEventRaceIt) {
     agent.join();
     ASSERT_TRUE(request.completed());  // a cancel is never lost
     if (request.status() != 0) ++cancelled;
-    ASSERT_TRUE(list.empty());
+    ASSERT_FALSE(reader_.waiting().any(awaited));
   }
   EXPECT_GT(cancelled, 0);
 }
@@ -92,18 +75,17 @@ TEST_F(PresenceRace, ParallelDispatchCompletesEveryRequestOnce) {
   }
   std::thread agent([&] {
     while (dispatching) {
-      platform::MutexLock lock(reader_.requestListMutex_);
-      (void)reader_.insertRequestCondition_.waitFor(
-          lock, std::chrono::milliseconds(10),
-          [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return !reader_.pendingInsert_.empty(); });
+      platform::MutexLock lock(reader_.waiting().mutex());
+      (void)reader_.waiting().awaitInsertionRequest(lock, std::chrono::milliseconds(10),
+                                                    [] { return false; });
       lock.unlock();
-      completeWaiting(reader_, device_, reader_.pendingInsert_);
+      reader_.report(CardEvent::Inserted);
     }
   });
   for (std::thread& thread : threads) thread.join();
   dispatching = false;
   agent.join();
-  completeWaiting(reader_, device_, reader_.pendingInsert_);
+  reader_.report(CardEvent::Inserted);
   for (const auto& request : requests) ASSERT_TRUE(request->completed());
 }
 
@@ -116,8 +98,7 @@ TEST_F(PresenceRace, EventBetweenCheckAndQueueingIsNotLost) {
     FakeRequest request(device_);
     std::thread agent([&] {
       reader_.checkResult = QueryResult::Success;  // the card comes ...
-      const platform::MutexLock presence(reader_.presenceMutex_);
-      completeWaiting(reader_, device_, reader_.pendingInsert_);  // ... and is reported
+      reader_.report(CardEvent::Inserted);         // ... and is reported
     });
     reader_.IoSmartCardIsPresent(&request, 0, 0);
     agent.join();
@@ -126,32 +107,91 @@ TEST_F(PresenceRace, EventBetweenCheckAndQueueingIsNotLost) {
   }
 }
 
-TEST_F(PresenceRace, EventWaitsForACheckUnderWayAndItsQueueing) {
-  for (const bool insert : {true, false}) {
-    reader_.checkResult = insert ? QueryResult::Failure : QueryResult::Success;
-    PendingRequests& list = insert ? reader_.pendingInsert_ : reader_.pendingRemove_;
-    FakeRequest request(device_);
-    std::promise<void> entered;
-    auto eventHandled = entered.get_future();
-    std::thread agent;
-    reader_.onCheck = [&] {
-      agent = std::thread([&] {
-        const platform::MutexLock presence(reader_.presenceMutex_);
-        entered.set_value();
-        completeWaiting(reader_, device_, list);
-      });
-      // Time for an event that nothing holds back.
-      EXPECT_EQ(eventHandled.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
-    };
-    if (insert) {
-      reader_.IoSmartCardIsPresent(&request, 0, 0);
-    } else {
-      reader_.IoSmartCardIsAbsent(&request, 0, 0);
+enum class Request { Present, Absent };
+enum class Moment { BeforeTheQuestion, BeforeItWaits, WhileItWaits };
+enum class Event { In, Out, AgentLost };
+using Events = std::vector<Event>;
+constexpr Event kIn = Event::In;
+constexpr Event kOut = Event::Out;
+constexpr Event kLost = Event::AgentLost;
+
+// Events at a moment of a request that the answer lets wait. The state is "specific" before.
+struct Row {
+  const char* name;
+  Request request;
+  Moment moment;
+  Events events;
+  bool completed;
+  std::uint32_t state;
+};
+
+void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
+
+class EventAndRequest : public PresenceRace, public testing::WithParamInterface<Row> {
+ protected:
+  void reportAt(Moment moment) {
+    if (moment != GetParam().moment) return;
+    for (const Event event : GetParam().events) {
+      if (event == Event::AgentLost) {
+        reader_.loseAgent();
+      } else {
+        reader_.report(event == Event::In ? CardEvent::Inserted : CardEvent::Removed);
+      }
     }
-    agent.join();
+  }
+};
+
+TEST_P(EventAndRequest, EndAsIfTheRequestHadWaitedSinceBeforeTheQuestion) {
+  const Row& row = GetParam();
+  const bool present = row.request == Request::Present;
+  reader_.setState(SCARD_SPECIFIC);
+  reader_.checkResult = present ? QueryResult::Failure : QueryResult::Success;
+  reader_.onCheck = [this] { reportAt(Moment::BeforeItWaits); };
+  FakeRequest request(device_);
+  request.checkingLock();
+  reportAt(Moment::BeforeTheQuestion);
+  if (present) {
+    reader_.IoSmartCardIsPresent(&request, 0, 0);
+  } else {
+    reader_.IoSmartCardIsAbsent(&request, 0, 0);
+  }
+  reportAt(Moment::WhileItWaits);
+  EXPECT_EQ(request.completed(), row.completed);
+  EXPECT_EQ(reader_.state(), row.state);
+  if (row.completed) {
     EXPECT_EQ(request.status(), 0u);
+    EXPECT_EQ(request.information(), 0u);
+  } else {
+    request.cancel();
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    All, EventAndRequest,
+    testing::Values(
+        Row{"PresentInsertedBefore", Request::Present, Moment::BeforeTheQuestion, {kIn}, false, 3},
+        Row{"PresentInserted", Request::Present, Moment::BeforeItWaits, {kIn}, true, 3},
+        Row{"PresentInsertedLater", Request::Present, Moment::WhileItWaits, {kIn}, true, 3},
+        Row{"PresentRemovedBefore", Request::Present, Moment::BeforeTheQuestion, {kOut}, false, 6},
+        Row{"PresentRemoved", Request::Present, Moment::BeforeItWaits, {kOut}, false, 6},
+        Row{"PresentRemovedLater", Request::Present, Moment::WhileItWaits, {kOut}, false, 6},
+        Row{"PresentInAndOut", Request::Present, Moment::BeforeItWaits, {kIn, kOut}, true, 3},
+        Row{"PresentOutAndIn", Request::Present, Moment::BeforeItWaits, {kOut, kIn}, true, 3},
+        Row{"PresentInAndLost", Request::Present, Moment::BeforeItWaits, {kIn, kLost}, false, 1},
+        Row{"PresentLostAndIn", Request::Present, Moment::BeforeItWaits, {kLost, kIn}, true, 3},
+        Row{"PresentLost", Request::Present, Moment::BeforeItWaits, {kLost}, false, 1},
+        Row{"AbsentLost", Request::Absent, Moment::BeforeItWaits, {kLost}, true, 1},
+        Row{"AbsentLostLater", Request::Absent, Moment::WhileItWaits, {kLost}, true, 1},
+        Row{"AbsentLostAndIn", Request::Absent, Moment::BeforeItWaits, {kLost, kIn}, true, 3},
+        Row{"AbsentInsertedBefore", Request::Absent, Moment::BeforeTheQuestion, {kIn}, false, 3},
+        Row{"AbsentInserted", Request::Absent, Moment::BeforeItWaits, {kIn}, false, 3},
+        Row{"AbsentInsertedLater", Request::Absent, Moment::WhileItWaits, {kIn}, false, 3},
+        Row{"AbsentRemovedBefore", Request::Absent, Moment::BeforeTheQuestion, {kOut}, false, 6},
+        Row{"AbsentRemoved", Request::Absent, Moment::BeforeItWaits, {kOut}, true, 1},
+        Row{"AbsentRemovedLater", Request::Absent, Moment::WhileItWaits, {kOut}, true, 1},
+        Row{"AbsentInAndOut", Request::Absent, Moment::BeforeItWaits, {kIn, kOut}, true, 1},
+        Row{"AbsentOutAndIn", Request::Absent, Moment::BeforeItWaits, {kOut, kIn}, true, 3}),
+    [](const auto& instance) { return instance.param.name; });
 
 }  // namespace
 }  // namespace zelta

@@ -1,11 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <future>
-#include <thread>
-#include <utility>
-
 #include "diagnostics/traced_lock.h"
 #include "tests/reader/scripted_reader.h"
 #include "tests/support/fake_request.h"
@@ -45,7 +40,7 @@ TEST_F(Presence, IsPresentWithACardCompletesAtOnce) {
   EXPECT_EQ(request.status(), 0u);
   EXPECT_EQ(request.information(), 0u);
   EXPECT_EQ(reader_.checks, 1);
-  EXPECT_TRUE(reader_.pendingInsert_.empty());
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::Inserted));
   EXPECT_THAT(log_.records(), ElementsAre(info("[IPRE]IOCTL_SMARTCARD_IS_PRESENT")));
 }
 
@@ -58,7 +53,7 @@ TEST_F(Presence, IsAbsentWithoutACardCompletesAtOnce) {
     isAbsent(request);
     EXPECT_EQ(request.status(), 0u);
     EXPECT_EQ(request.information(), 0u);
-    EXPECT_TRUE(reader_.pendingRemove_.empty());
+    EXPECT_FALSE(reader_.waiting().any(CardEvent::Removed));
     EXPECT_THAT(log_.records(), ElementsAre(info("[IABS]IOCTL_SMARTCARD_IS_ABSENT")));
   }
 }
@@ -72,13 +67,13 @@ TEST_F(Presence, IsPresentWithoutACardWaitsMarkedCancelable) {
     isPresent(request);
     EXPECT_FALSE(request.completed());
     EXPECT_TRUE(request.markedCancelable());
-    EXPECT_EQ(reader_.pendingInsert_.newest(), &request);
-    EXPECT_TRUE(reader_.pendingRemove_.empty());
+    EXPECT_TRUE(reader_.waiting().any(CardEvent::Inserted));
+    EXPECT_FALSE(reader_.waiting().any(CardEvent::Removed));
     EXPECT_EQ(device_.callbackReferences(), 0);
     request.cancel();
     EXPECT_EQ(request.status(), kCancelled);
     EXPECT_EQ(request.information(), 0u);
-    EXPECT_TRUE(reader_.pendingInsert_.empty());
+    EXPECT_FALSE(reader_.waiting().any(CardEvent::Inserted));
     EXPECT_THAT(log_.records(),
                 ElementsAre(info("[IPRE]IOCTL_SMARTCARD_IS_PRESENT"), info("[CREQ]Cancel Insert")));
   }
@@ -90,48 +85,14 @@ TEST_F(Presence, IsAbsentWithACardWaitsMarkedCancelable) {
   isAbsent(request);
   EXPECT_FALSE(request.completed());
   EXPECT_TRUE(request.markedCancelable());
-  EXPECT_EQ(reader_.pendingRemove_.newest(), &request);
-  EXPECT_TRUE(reader_.pendingInsert_.empty());
+  EXPECT_TRUE(reader_.waiting().any(CardEvent::Removed));
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::Inserted));
   EXPECT_EQ(device_.callbackReferences(), 0);
   request.cancel();
   EXPECT_EQ(request.status(), kCancelled);
-  EXPECT_TRUE(reader_.pendingRemove_.empty());
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::Removed));
   EXPECT_THAT(log_.records(),
               ElementsAre(info("[IABS]IOCTL_SMARTCARD_IS_ABSENT"), info("[CREQ]Cancel Remove")));
-}
-
-TEST_F(Presence, WaitingRequestsKeepTheirOrder) {
-  reader_.checkResult = QueryResult::Failure;
-  FakeRequest first(device_);
-  FakeRequest second(device_);
-  isPresent(first);
-  isPresent(second);
-  EXPECT_EQ(reader_.pendingInsert_.newest(), &second);
-  second.cancel();
-  EXPECT_EQ(reader_.pendingInsert_.newest(), &first);
-  first.cancel();
-}
-
-TEST_F(Presence, QueueingAnInsertRequestWakesTheWaitForOne) {
-  constexpr std::chrono::seconds kLimit(30);
-  reader_.checkResult = QueryResult::Failure;
-  FakeRequest request(device_);
-  std::promise<void> waiting;
-  bool looked = false;
-  const auto start = std::chrono::steady_clock::now();
-  std::thread server([&] {
-    platform::MutexLock lock(reader_.requestListMutex_);
-    (void)reader_.insertRequestCondition_.waitFor(lock, kLimit, [&]() {
-      if (!std::exchange(looked, true)) waiting.set_value();  // holds the mutex until it waits
-      return !reader_.pendingInsert_.empty();
-    });
-  });
-  waiting.get_future().wait();
-  isPresent(request);
-  server.join();
-  EXPECT_LT(std::chrono::steady_clock::now() - start, kLimit)
-      << "woken by the time, not by the list";
-  request.cancel();
 }
 
 TEST_F(Presence, IsPresentWithoutACallbackWaitsUncancelable) {
@@ -141,7 +102,7 @@ TEST_F(Presence, IsPresentWithoutACallbackWaitsUncancelable) {
   isPresent(request);
   EXPECT_FALSE(request.completed());
   EXPECT_FALSE(request.markedCancelable());
-  EXPECT_EQ(reader_.pendingInsert_.newest(), &request);
+  EXPECT_TRUE(reader_.waiting().any(CardEvent::Inserted));
   EXPECT_THAT(log_.errors(),
               ElementsAre(error(0x80004002, "[IPRE]IOCTL_SMARTCARD_IS_PRESENT: invalid callback")));
   cancelDirectly(request);
@@ -153,7 +114,7 @@ TEST_F(Presence, IsAbsentWithoutACallbackWaitsUncancelable) {
   isAbsent(request);
   EXPECT_FALSE(request.completed());
   EXPECT_FALSE(request.markedCancelable());
-  EXPECT_EQ(reader_.pendingRemove_.newest(), &request);
+  EXPECT_TRUE(reader_.waiting().any(CardEvent::Removed));
   EXPECT_THAT(log_.errors(),
               ElementsAre(error(0x80004002, "[IABS]IOCTL_SMARTCARD_IS_ABSENT: invalid callback!")));
   cancelDirectly(request);
@@ -166,14 +127,14 @@ TEST_F(Presence, RequestCancelledBeforeItIsMarkedIsCompletedWhileItIsMarked) {
   EXPECT_FALSE(insert.completed());
   isPresent(insert);
   EXPECT_EQ(insert.status(), kCancelled);
-  EXPECT_TRUE(reader_.pendingInsert_.empty());
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::Inserted));
 
   reader_.checkResult = QueryResult::Success;
   FakeRequest remove(device_);
   remove.cancel();
   isAbsent(remove);
   EXPECT_EQ(remove.status(), kCancelled);
-  EXPECT_TRUE(reader_.pendingRemove_.empty());
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::Removed));
 }
 
 TEST_F(Presence, CancellingWhatIsInNoListCompletesItAndLogsNothing) {
@@ -187,13 +148,40 @@ TEST_F(Presence, CancellingWhatIsInNoListCompletesItAndLogsNothing) {
 
 TEST_F(Presence, CancellingTakesARequestOutOfBothLists) {
   FakeRequest request(device_);
-  reader_.pendingRemove_.append(&request);
-  reader_.pendingInsert_.append(&request);
+  {
+    const TracedLock lock("test", reader_.waiting().deviceLock(), __LINE__);
+    reader_.waiting().add(CardEvent::Removed, request);
+    reader_.waiting().add(CardEvent::Inserted, request);
+  }
   cancelDirectly(request);
-  EXPECT_TRUE(reader_.pendingRemove_.empty());
-  EXPECT_TRUE(reader_.pendingInsert_.empty());
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::Removed));
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::Inserted));
   EXPECT_THAT(log_.records(),
               ElementsAre(info("[CREQ]Cancel Remove"), info("[CREQ]Cancel Insert")));
+}
+
+TEST_F(Presence, StoppingToWaitTakesARequestOutOfItsListUncompleted) {
+  FakeRequest request(device_);
+  isAbsent(request);
+  const auto stopWaiting = [&] {
+    const TracedLock lock("test", device_.deviceLock(), __LINE__);
+    return reader_.stopWaiting(request);
+  };
+  EXPECT_TRUE(stopWaiting());
+  EXPECT_FALSE(request.completed());
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::Removed));
+  EXPECT_FALSE(stopWaiting());
+  request.cancel();
+}
+
+TEST_F(Presence, TheAgentIsAskedWithTheDeviceLockFree) {
+  reader_.onCheck = [this] { EXPECT_FALSE(device_.lockIsHeld()); };
+  FakeRequest present(device_);
+  isPresent(present);
+  FakeRequest absent(device_);
+  isAbsent(absent);
+  EXPECT_EQ(reader_.checks, 2);
+  absent.cancel();
 }
 
 TEST_F(Presence, CheckThatThrowsLeavesTheRequestToTheCallerAndTheLocksFree) {
@@ -202,8 +190,8 @@ TEST_F(Presence, CheckThatThrowsLeavesTheRequestToTheCallerAndTheLocksFree) {
   EXPECT_THROW(isPresent(request), std::bad_alloc);
   EXPECT_THROW(isAbsent(request), std::bad_alloc);
   EXPECT_FALSE(request.completed());
-  EXPECT_TRUE(reader_.pendingInsert_.empty());
-  EXPECT_TRUE(reader_.pendingRemove_.empty());
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::Inserted));
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::Removed));
   reader_.onCheck = nullptr;
   isPresent(request);  // would wait for ever where a lock was left held
   EXPECT_EQ(request.status(), 0u);

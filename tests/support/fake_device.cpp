@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <numeric>
 
 namespace zelta::test::fake_driver {
 
@@ -107,8 +108,9 @@ void FakeDevice::OnDeviceIoControl(framework::IWDFIoQueue* queue, IWDFIoRequest*
     case kWaitForEver:
     case kReleaseWaiting:
     case kBlock:
-    case kBlockThenWait:
-    case kBlockUntilCancelled:
+    case kKeepUnmarked:
+    case kMarkKept:
+    case kCompleteKept:
     case kBlocked:
     case kUnblock:
       waiting(*request, code);
@@ -134,6 +136,20 @@ void FakeDevice::data(IWDFIoRequest& request, ULONG code, SIZE_T inLength, SIZE_
       return answerFileName(request);
     case kOverrun:
       return request.CompleteWithInformation(framework::kOk, outLength + 100);
+    case kWriteAt: {
+      const std::uint8_t byte = 0xAA;
+      outputOf(request)->CopyFromBuffer(inputNumber(request), &byte, sizeof byte);
+      return request.CompleteWithInformation(framework::kOk, outLength);
+    }
+    case kReadOutput: {
+      std::vector<std::uint8_t> bytes(outLength);
+      outputOf(request)->CopyToBuffer(0, bytes.data(), bytes.size());
+      SIZE_T size = 0;
+      const auto* data = static_cast<const std::uint8_t*>(outputOf(request)->GetDataBuffer(&size));
+      bytes.insert(bytes.end(), data, data + size);
+      return request.CompleteWithInformation(framework::kOk,
+                                             std::accumulate(bytes.begin(), bytes.end(), 0u));
+    }
     case kCopyTooMuch: {
       const std::vector<std::uint8_t> bytes(outLength + 1, 0xAA);
       return request.Complete(outputOf(request)->CopyFromBuffer(0, bytes.data(), bytes.size()));
@@ -186,7 +202,9 @@ void FakeDevice::waiting(IWDFIoRequest& request, ULONG code) {
     case kWaitForEver: {
       request.AddRef();
       MutexLock lock(mutex_);
-      return forEver_.push_back(&request);
+      forEver_.push_back(&request);
+      ++counters_[kKeptForEver];
+      return;
     }
     case kReleaseWaiting: {
       const auto counts = releaseWaiting(framework::hresult(inputNumber(request)));
@@ -195,18 +213,20 @@ void FakeDevice::waiting(IWDFIoRequest& request, ULONG code) {
     case kBlock:
       block();
       return request.CompleteWithInformation(framework::kOk, 0);
-    case kBlockThenWait:
-      block();
-      return wait(request);
-    case kBlockUntilCancelled:
-      unblocker_ = &request;
-      wait(request);
-      return block();
+    case kKeepUnmarked:
+      kept_ = &request;
+      return;
+    case kMarkKept:
+      wait(*kept_.load());
+      return request.CompleteWithInformation(framework::kOk, 0);
+    case kCompleteKept:
+      kept_.load()->CompleteWithInformation(framework::kOk, 0);
+      return request.CompleteWithInformation(framework::kOk, 0);
     case kBlocked:
       waitForBlocked(inputNumber(request));
       return request.CompleteWithInformation(framework::kOk, 0);
     default:  // kUnblock
-      unblock(false);
+      unblock();
       return request.CompleteWithInformation(framework::kOk, 0);
   }
 }

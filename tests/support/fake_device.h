@@ -67,6 +67,7 @@ class FakeDevice final
   HRESULT ZELTA_STDMETHODCALLTYPE OnD0Exit(IWDFDevice*, framework::EnumValue) override {
     trace("OnD0Exit");
     releaseWaiting(kCancelled);
+    endBlocking();
     return framework::kOk;
   }
   void ZELTA_STDMETHODCALLTYPE OnSurpriseRemoval(IWDFDevice*) override {}
@@ -75,7 +76,6 @@ class FakeDevice final
 
   void ZELTA_STDMETHODCALLTYPE OnCancel(IWDFIoRequest* request) override {
     ++counters_[kCancels];
-    if (unblocker_ == request) unblock(true);
     if (marking_ == request) ++counters_[kCancelsWhileMarking];
     {
       platform::MutexLock lock(mutex_);
@@ -137,10 +137,15 @@ class FakeDevice final
     changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return blocked_ >= wanted; });
   }
 
-  void unblock(bool forGood) {
+  void unblock() {
     platform::MutexLock lock(mutex_);
     ++unblocks_;
-    if (forGood) blocking_ = false;
+    changed_.notifyAll();
+  }
+
+  void endBlocking() {
+    platform::MutexLock lock(mutex_);
+    blocking_ = false;
     changed_.notifyAll();
   }
 
@@ -169,7 +174,7 @@ class FakeDevice final
   std::atomic<std::uint32_t> atOnce_{0};
   static thread_local IWDFIoRequest* marking_;
 
-  std::atomic<IWDFIoRequest*> unblocker_{nullptr};
+  std::atomic<IWDFIoRequest*> kept_{nullptr};
 
   platform::Mutex mutex_;
   platform::ConditionVariable changed_;

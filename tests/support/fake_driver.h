@@ -29,29 +29,32 @@ inline constexpr char kFailUnload[] = "unload";
 inline constexpr std::uint32_t kFailureCode = 0x8007001F;
 
 enum Control : std::uint32_t {
-  kEcho = 1,             // the input as output
-  kMemoryShape,          // completes with a byte count made of the kHas... bits
-  kFileName,             // in: capacity; out: status, length, then one number per character
-  kOverrun,              // completes with 100 bytes more than the output holds
-  kCopyTooMuch,          // completes with what copying one byte too many into the output gives
-  kCopyBeyond,           // the same for an offset behind the end of the output
-  kCompleteKeepCount,    // in: status; sets the byte count to 3 and completes with the status
-  kCompleteTwice,        // success, then failure
-  kReadFour,             // out: the four bytes at the start of the input, whatever its length
-  kGetters,              // completes with the count of getters that gave the wrong object
-  kUnimplemented,        // completes with the count of unused operations that did not fail
-  kParameters,           // out: code, input and output length as the request tells them
-  kContexts,             // out: the statuses of four context calls (see fake_driver.cpp)
-  kWait,                 // waits, cancelable
-  kMarkTwice,            // waits, cancelable; marks the request once more, against the rules
-  kWaitForEver,          // waits, not cancelable, until OnDeinitialize
-  kReleaseWaiting,       // in: status; completes what waits; out: completed, refused
-  kBlock,                // stays in the dispatch callback until kUnblock
-  kBlockThenWait,        // the same, and waits then, cancelable
-  kBlocked,              // in: a number; waits until so many are blocked
-  kUnblock,              // lets all go on that are blocked at that moment
-  kBlockUntilCancelled,  // cancelable; its cancelling ends this and all other blocking for good
-  kCounters,             // out: see Counter
+  kEcho = 1,           // the input as output
+  kMemoryShape,        // completes with a byte count made of the kHas... bits
+  kFileName,           // in: capacity; out: status, length, then one number per character
+  kOverrun,            // completes with 100 bytes more than the output holds
+  kWriteAt,            // in: offset; writes one byte there and completes with all of the output
+  kReadOutput,         // completes with the sum of the output's bytes before anything is written
+  kCopyTooMuch,        // completes with what copying one byte too many into the output gives
+  kCopyBeyond,         // the same for an offset behind the end of the output
+  kCompleteKeepCount,  // in: status; sets the byte count to 3 and completes with the status
+  kCompleteTwice,      // success, then failure
+  kReadFour,           // out: the four bytes at the start of the input, whatever its length
+  kGetters,            // completes with the count of getters that gave the wrong object
+  kUnimplemented,      // completes with the count of unused operations that did not fail
+  kParameters,         // out: code, input and output length as the request tells them
+  kContexts,           // out: the statuses of four context calls (see fake_driver.cpp)
+  kWait,               // waits, cancelable
+  kMarkTwice,          // waits, cancelable; marks the request once more, against the rules
+  kWaitForEver,        // waits, not cancelable, until OnDeinitialize
+  kReleaseWaiting,     // in: status; completes what waits; out: completed, refused
+  kBlock,              // stays in the dispatch callback until kUnblock or OnD0Exit
+  kKeepUnmarked,       // waits, not cancelable yet; one at a time
+  kMarkKept,           // that one becomes cancelable
+  kCompleteKept,       // that one is completed with success
+  kBlocked,            // in: a number; waits until so many are blocked
+  kUnblock,            // lets all go on that are blocked at that moment
+  kCounters,           // out: see Counter
 };
 
 inline constexpr std::size_t kHasInput = 1;
@@ -63,6 +66,7 @@ enum Counter : std::size_t {
   kCancels,              // cancel callbacks
   kCancelsWhileMarking,  // those that ran before MarkCancelable returned
   kMostAtOnce,           // dispatch callbacks at the same time, at most
+  kKeptForEver,          // requests that wait for ever
   kCounterCount
 };
 

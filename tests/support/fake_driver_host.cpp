@@ -1,5 +1,6 @@
 #include "tests/support/fake_driver_host.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace zelta::test {
@@ -11,25 +12,54 @@ namespace {
 
 constexpr std::uint32_t kIsPresent = 0x00310028;
 constexpr std::uint32_t kIsAbsent = 0x0031002C;
+constexpr std::uint32_t kGetAttribute = 0x00310008;
+const std::vector<std::uint8_t> kServerResultTag{0x10, 0xA0, 0x07, 0x00};
+constexpr HRESULT kNotSupported = framework::hresult(0x80070032);
 constexpr HRESULT kCancelled = framework::hresult(0x800704C7);
+
+std::vector<std::uint8_t> joined(const host::InputParts& parts) {
+  std::vector<std::uint8_t> bytes;
+  for (const host::ConstBytes& part : {parts.header, parts.body}) {
+    bytes.insert(bytes.end(), part.data, part.data + part.size);
+  }
+  return bytes;
+}
+
+void split(const std::vector<std::uint8_t>& bytes, const host::OutputParts& parts) {
+  std::size_t done = 0;
+  for (const host::MutableBytes& part : {parts.header, parts.body}) {
+    const std::size_t size = std::min(bytes.size() - done, part.size);
+    std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(done), size, part.data);
+    done += size;
+  }
+}
 
 class FakeFile final : public host::File {
  public:
-  explicit FakeFile(std::shared_ptr<FakeReader> reader) : reader_(std::move(reader)) {}
+  FakeFile(std::shared_ptr<FakeReader> reader, unsigned bringUp)
+      : reader_(std::move(reader)), bringUp_(bringUp) {}
 
   host::IoResult control(std::uint32_t code, const std::vector<std::uint8_t>& input,
                          std::size_t outputCapacity, std::chrono::milliseconds) override {
-    return reader_->control({code, input, outputCapacity});
+    return reader_->control({code, input, outputCapacity}, bringUp_);
+  }
+  host::IoEnd controlInParts(std::uint32_t code, const host::InputParts& input,
+                             const host::OutputParts& output, std::chrono::milliseconds) override {
+    const host::IoResult result =
+        reader_->control({code, joined(input), output.header.size + output.body.size}, bringUp_);
+    split(result.output, output);
+    return {result.status, result.information};
   }
   std::shared_ptr<host::IoOperation> submit(std::uint32_t code,
                                             const std::vector<std::uint8_t>& input,
                                             std::size_t outputCapacity,
                                             Completion completion) override {
-    return reader_->submit({code, input, outputCapacity}, std::move(completion));
+    return reader_->submit({code, input, outputCapacity}, bringUp_, std::move(completion));
   }
 
  private:
   const std::shared_ptr<FakeReader> reader_;
+  const unsigned bringUp_;
 };
 
 }  // namespace
@@ -43,19 +73,10 @@ host::IoResult failedWith(HRESULT status) { return {status, 0, {}}; }
 
 // --- FakeOperation ---
 
-FakeOperation::FakeOperation(host::File::Completion completion, Kind kind)
-    : completion_(std::move(completion)), kind_(kind), dispatched_(kind == Kind::kWaiting) {}
-
 bool FakeOperation::wait(std::chrono::milliseconds limit) {
   MutexLock lock(mutex_);
   return changed_.waitFor(lock, limit,
                           [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return completed_; });
-}
-
-bool FakeOperation::waitDispatched(std::chrono::milliseconds limit) {
-  MutexLock lock(mutex_);
-  return changed_.waitFor(lock, limit,
-                          [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return dispatched_; });
 }
 
 bool FakeOperation::completed() const {
@@ -68,18 +89,12 @@ void FakeOperation::cancel() {
     const MutexLock lock(mutex_);
     cancelled_ = true;
   }
-  if (kind_ != Kind::kExchanging) complete(kCancelled);
+  complete(kCancelled);
 }
 
 bool FakeOperation::cancelled() const {
   const MutexLock lock(mutex_);
   return cancelled_;
-}
-
-void FakeOperation::dispatch() {
-  const MutexLock lock(mutex_);
-  dispatched_ = true;
-  changed_.notifyAll();
 }
 
 bool FakeOperation::complete(host::IoResult result) {
@@ -92,7 +107,6 @@ bool FakeOperation::complete(host::IoResult result) {
   if (completion_) completion_(result_);
   const MutexLock lock(mutex_);
   completed_ = true;
-  dispatched_ = true;
   changed_.notifyAll();
   return true;
 }
@@ -107,17 +121,33 @@ void FakeReader::insertCard() {
   completeWaiting(kIsPresent, framework::kOk);
 }
 
-void FakeReader::removeCard() {
+void FakeReader::removeCard(HRESULT status) {
   {
     const MutexLock lock(mutex_);
     cardIn_ = false;
   }
-  completeWaiting(kIsAbsent, framework::kOk);
+  completeWaiting(kIsAbsent, status);
 }
 
-void FakeReader::setPresence(std::uint32_t code, Presence presence) {
+void FakeReader::holdDispatch(std::uint32_t code, bool held) {
   const MutexLock lock(mutex_);
-  presence_[code] = presence;
+  if (held) {
+    held_.insert(code);
+  } else {
+    held_.erase(code);
+  }
+  changed_.notifyAll();
+}
+
+void FakeReader::setServerResults(ServerResults results) {
+  const MutexLock lock(mutex_);
+  serverResults_ = std::move(results);
+}
+
+bool FakeReader::waitForServerQuestion() {
+  MutexLock lock(mutex_);
+  return changed_.waitFor(
+      lock, kLimit, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return serverQuestions_ > 0; });
 }
 
 void FakeReader::completeNext(std::uint32_t code, std::vector<HRESULT> statuses) {
@@ -134,12 +164,6 @@ void FakeReader::completeAll(std::uint32_t code, HRESULT status) {
 void FakeReader::answer(std::uint32_t code, Answer answer) {
   const MutexLock lock(mutex_);
   answers_[code] = std::move(answer);
-  held_.erase(code);
-}
-
-void FakeReader::hold(std::uint32_t code) {
-  const MutexLock lock(mutex_);
-  held_.insert(code);
 }
 
 std::shared_ptr<FakeOperation> FakeReader::newestWaiting(std::uint32_t code) const {
@@ -180,17 +204,21 @@ std::vector<FakeReader::Request> FakeReader::requests(std::uint32_t code) const 
 }
 
 std::shared_ptr<host::File> FakeReader::open() {
-  return std::make_shared<FakeFile>(shared_from_this());
+  const MutexLock lock(mutex_);
+  return std::make_shared<FakeFile>(shared_from_this(), bringUp_);
 }
 
 void FakeReader::bringUp() {
   const MutexLock lock(mutex_);
   gone_ = false;
+  ++bringUp_;
+  if (serverResults_.size() > 1) serverResults_.erase(serverResults_.begin());
 }
 
 void FakeReader::takeDown() {
   MutexLock lock(mutex_);
   gone_ = true;
+  changed_.notifyAll();
   changed_.wait(lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return answering_ == 0; });
   for (std::size_t i = 0; i < submitted_.size(); ++i) {
     const std::shared_ptr<FakeOperation> operation = submitted_[i].operation;
@@ -200,11 +228,26 @@ void FakeReader::takeDown() {
   }
 }
 
-host::IoResult FakeReader::control(const Request& request) {
+host::IoResult FakeReader::answerServerResult() {
+  ++serverQuestions_;
+  changed_.notifyAll();
+  if (serverResults_.empty() || serverResults_.front().empty()) return failedWith(kNotSupported);
+  std::vector<std::uint32_t>& results = serverResults_.front();
+  const std::uint32_t result = results.front();
+  if (results.size() > 1) results.erase(results.begin());
+  return succeededWith({static_cast<std::uint8_t>(result), static_cast<std::uint8_t>(result >> 8),
+                        static_cast<std::uint8_t>(result >> 16),
+                        static_cast<std::uint8_t>(result >> 24)});
+}
+
+host::IoResult FakeReader::control(const Request& request, unsigned bringUp) {
   Answer answer;
   {
     const MutexLock lock(mutex_);
-    if (gone_) return failedWith(host::kDeviceGone);
+    if (isGone(bringUp)) return failedWith(host::kDeviceGone);
+    if (request.code == kGetAttribute && request.input == kServerResultTag) {
+      return answerServerResult();
+    }
     const auto found = answers_.find(request.code);
     if (found != answers_.end()) answer = found->second;
     requests_.push_back(request);
@@ -221,66 +264,36 @@ void FakeReader::endAnswer() {
   changed_.notifyAll();
 }
 
-std::shared_ptr<host::IoOperation> FakeReader::submit(const Request& request,
+std::shared_ptr<host::IoOperation> FakeReader::submit(const Request& request, unsigned bringUp,
                                                       host::File::Completion completion) {
-  if (request.code == kIsPresent || request.code == kIsAbsent) {
-    return submitPresence(request, std::move(completion));
-  }
-  std::shared_ptr<FakeOperation> operation;
-  {
-    const MutexLock lock(mutex_);
-    if (!gone_ && held_.count(request.code) != 0) {
-      requests_.push_back(request);
-      operation = addOperation(request, std::move(completion), FakeOperation::Kind::kExchanging);
-      changed_.notifyAll();
-      return operation;
-    }
-    operation =
-        std::make_shared<FakeOperation>(std::move(completion), FakeOperation::Kind::kExchanging);
-  }
-  operation->complete(control(request));
+  const auto operation = std::make_shared<FakeOperation>(std::move(completion));
+  MutexLock lock(mutex_);
+  requests_.push_back(request);
+  changed_.notifyAll();
+  changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return isGone(bringUp) || held_.count(request.code) == 0;
+  });
+  const std::optional<HRESULT> status = presenceStatus(request.code, isGone(bringUp));
+  if (!status) submitted_.push_back({request.code, operation});
+  lock.unlock();
+  if (status) operation->complete(*status);
+  const MutexLock again(mutex_);
+  changed_.notifyAll();
   return operation;
 }
 
-std::shared_ptr<FakeOperation> FakeReader::addOperation(const Request& request,
-                                                        host::File::Completion completion,
-                                                        FakeOperation::Kind kind) {
-  auto operation = std::make_shared<FakeOperation>(std::move(completion), kind);
-  submitted_.push_back({request.code, operation});
-  return operation;
-}
-
-std::optional<HRESULT> FakeReader::presenceStatus(std::uint32_t code) {
+std::optional<HRESULT> FakeReader::presenceStatus(std::uint32_t code, bool gone) {
   std::deque<HRESULT>& next = next_[code];
   std::optional<HRESULT> scripted;
   if (!next.empty()) {
     scripted = next.front();
     next.pop_front();
   }
-  if (gone_) return host::kDeviceGone;
+  if (gone) return host::kDeviceGone;
   if (all_.count(code) != 0) return all_[code];
   if (scripted) return scripted;
-  if (presence_[code] == Presence::kHoldUndispatched) return std::nullopt;
   const bool fulfilled = code == kIsPresent ? cardIn_ : !cardIn_;
   return fulfilled ? std::optional<HRESULT>(framework::kOk) : std::nullopt;
-}
-
-std::shared_ptr<host::IoOperation> FakeReader::submitPresence(const Request& request,
-                                                              host::File::Completion completion) {
-  MutexLock lock(mutex_);
-  const bool held = presence_[request.code] == Presence::kHoldUndispatched;
-  requests_.push_back(request);
-  const auto operation =
-      addOperation(request, std::move(completion),
-                   held ? FakeOperation::Kind::kUndispatched : FakeOperation::Kind::kWaiting);
-  const std::optional<HRESULT> status = presenceStatus(request.code);
-  if (!status) changed_.notifyAll();
-  lock.unlock();
-  if (!status) return operation;
-  operation->complete(*status);
-  const MutexLock again(mutex_);
-  changed_.notifyAll();
-  return operation;
 }
 
 void FakeReader::completeWaiting(std::uint32_t code, HRESULT status) {
@@ -317,6 +330,11 @@ FakeDriverHost::~FakeDriverHost() {
 
 void FakeDriverHost::bringUp() {
   if (!record_->bringUpFailure.empty()) throw host::HostError(record_->bringUpFailure);
+  if (!record_->bringUpFailures.empty()) {
+    const std::string failure = record_->bringUpFailures.front();
+    record_->bringUpFailures.pop_front();
+    if (!failure.empty()) throw host::HostError(failure);
+  }
   ++record_->broughtUp;
   up_ = true;
   for (const auto& [name, reader] : readers_) reader->bringUp();

@@ -5,6 +5,7 @@
 // thread may call. Waits that are not fulfilled within 30 seconds give null or false.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -21,24 +22,16 @@
 
 namespace zelta::test {
 
-// A request that was submitted; answers of the test complete it.
+// A request that waits, cancelable, until the test completes it.
 class FakeOperation final : public host::IoOperation {
  public:
-  enum class Kind {
-    kUndispatched,  // cancelable
-    kWaiting,       // in the driver, cancelable
-    kExchanging,    // in the driver's exchange with the agent: a cancel is only noted
-  };
-
-  FakeOperation(host::File::Completion completion, Kind kind);
+  explicit FakeOperation(host::File::Completion completion) : completion_(std::move(completion)) {}
 
   bool wait(std::chrono::milliseconds limit) override;
-  bool waitDispatched(std::chrono::milliseconds limit) override;
   bool completed() const override;
   void cancel() override;
   const host::IoResult& result() const override { return result_; }
 
-  void dispatch();
   // Runs the completion callback on this thread; false where it is completed already.
   bool complete(framework::HRESULT status) { return complete({status, 0, {}}); }
   bool complete(host::IoResult result);
@@ -46,10 +39,8 @@ class FakeOperation final : public host::IoOperation {
 
  private:
   const host::File::Completion completion_;
-  const Kind kind_;
   mutable platform::Mutex mutex_;
   mutable platform::ConditionVariable changed_;
-  bool dispatched_ ZELTA_GUARDED_BY(mutex_);
   bool completing_ ZELTA_GUARDED_BY(mutex_) = false;
   bool completed_ ZELTA_GUARDED_BY(mutex_) = false;
   bool cancelled_ ZELTA_GUARDED_BY(mutex_) = false;
@@ -68,18 +59,13 @@ class FakeReader final : public std::enable_shared_from_this<FakeReader> {
   // Runs on the caller's thread and may block.
   using Answer = std::function<host::IoResult(const Request&)>;
 
-  // What the driver does with a presence request of this code.
-  enum class Presence {
-    kByCard,            // completes it at once or lets it wait, as the card is in or out
-    kHoldUndispatched,  // neither completes nor dispatches it until the test does
-  };
-
   // --- The test's side ---
 
   // The card, with the driver's completions.
   void insertCard();
-  void removeCard();
-  void setPresence(std::uint32_t code, Presence presence);
+  void removeCard(framework::HRESULT status = framework::kOk);
+  // Whether presence requests of this code stay in their dispatch callback.
+  void holdDispatch(std::uint32_t code, bool held);
   // The next submissions of this code are completed with these, before `submit` returns.
   void completeNext(std::uint32_t code, std::vector<framework::HRESULT> statuses);
   // The same for all that follow, until `completeNext` or `none`.
@@ -88,8 +74,13 @@ class FakeReader final : public std::enable_shared_from_this<FakeReader> {
   // How requests of this code end that are no presence requests; without: with success and no
   // output.
   void answer(std::uint32_t code, Answer answer);
-  // They wait for the test to complete them, until `answer` is called.
-  void hold(std::uint32_t code);
+  // What the question for the server thread is answered with: for each bring-up in turn, the
+  // present one first and the last for good, a list of answers in turn, the last for good. An empty
+  // list: "not supported", which is also the default.
+  using ServerResults = std::vector<std::vector<std::uint32_t>>;
+  void setServerResults(ServerResults results);
+  // Waits until it has been asked.
+  bool waitForServerQuestion();
 
   // The newest request of this code, as soon as one has been submitted and is not completed.
   std::shared_ptr<FakeOperation> waitForWaiting(std::uint32_t code);
@@ -105,8 +96,9 @@ class FakeReader final : public std::enable_shared_from_this<FakeReader> {
   // Completes what waits as cancelled, waits for answers under way; afterwards the device is gone.
   void takeDown();
 
-  host::IoResult control(const Request& request);
-  std::shared_ptr<host::IoOperation> submit(const Request& request,
+  // `bringUp`: the one that the file belongs to.
+  host::IoResult control(const Request& request, unsigned bringUp);
+  std::shared_ptr<host::IoOperation> submit(const Request& request, unsigned bringUp,
                                             host::File::Completion completion);
 
  private:
@@ -118,13 +110,13 @@ class FakeReader final : public std::enable_shared_from_this<FakeReader> {
 
   void endAnswer() ZELTA_EXCLUDES(mutex_);
   std::shared_ptr<FakeOperation> newestWaiting(std::uint32_t code) const ZELTA_REQUIRES(mutex_);
-  std::shared_ptr<FakeOperation> addOperation(const Request& request,
-                                              host::File::Completion completion,
-                                              FakeOperation::Kind kind) ZELTA_REQUIRES(mutex_);
   // What a presence request is completed with at once; none: it waits.
-  std::optional<framework::HRESULT> presenceStatus(std::uint32_t code) ZELTA_REQUIRES(mutex_);
-  std::shared_ptr<host::IoOperation> submitPresence(const Request& request,
-                                                    host::File::Completion completion);
+  std::optional<framework::HRESULT> presenceStatus(std::uint32_t code, bool gone)
+      ZELTA_REQUIRES(mutex_);
+  bool isGone(unsigned bringUp) const ZELTA_REQUIRES(mutex_) {
+    return gone_ || bringUp != bringUp_;
+  }
+  host::IoResult answerServerResult() ZELTA_REQUIRES(mutex_);
   void completeWaiting(std::uint32_t code, framework::HRESULT status) ZELTA_EXCLUDES(mutex_);
 
   struct Submitted {
@@ -137,11 +129,13 @@ class FakeReader final : public std::enable_shared_from_this<FakeReader> {
   bool cardIn_ ZELTA_GUARDED_BY(mutex_) = false;
   bool gone_ ZELTA_GUARDED_BY(mutex_) = false;
   std::size_t answering_ ZELTA_GUARDED_BY(mutex_) = 0;
-  std::map<std::uint32_t, Presence> presence_ ZELTA_GUARDED_BY(mutex_);
+  unsigned bringUp_ ZELTA_GUARDED_BY(mutex_) = 0;
+  std::set<std::uint32_t> held_ ZELTA_GUARDED_BY(mutex_);
+  ServerResults serverResults_ ZELTA_GUARDED_BY(mutex_);
+  std::size_t serverQuestions_ ZELTA_GUARDED_BY(mutex_) = 0;
   std::map<std::uint32_t, std::deque<framework::HRESULT>> next_ ZELTA_GUARDED_BY(mutex_);
   std::map<std::uint32_t, framework::HRESULT> all_ ZELTA_GUARDED_BY(mutex_);
   std::map<std::uint32_t, Answer> answers_ ZELTA_GUARDED_BY(mutex_);
-  std::set<std::uint32_t> held_ ZELTA_GUARDED_BY(mutex_);
   std::vector<Request> requests_ ZELTA_GUARDED_BY(mutex_);
   std::vector<Submitted> submitted_ ZELTA_GUARDED_BY(mutex_);
 };
@@ -149,11 +143,12 @@ class FakeReader final : public std::enable_shared_from_this<FakeReader> {
 // What became of the hosts that a test's table had.
 struct FakeHostRecord {
   std::vector<std::string> loaded;  // paths
-  int broughtUp = 0;
-  int takenDown = 0;
-  int destroyed = 0;
+  std::atomic<int> broughtUp{0};
+  std::atomic<int> takenDown{0};
+  std::atomic<int> destroyed{0};
   std::string loadFailure;                              // not empty: `load` throws it
   std::string bringUpFailure;                           // not empty: `bringUp` throws it
+  std::deque<std::string> bringUpFailures;              // the next ones'; empty: it does not
   std::function<void(const std::string&)> driverError;  // as the latest host was given
 };
 

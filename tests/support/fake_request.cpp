@@ -15,11 +15,6 @@ class FakeRequest::Memory final : public IoMemory {
  public:
   Memory(FakeRequest& request, Bytes& bytes, bool output)
       : request_(request), bytes_(bytes), output_(output) {}
-  ~Memory() override {
-    const std::lock_guard<std::mutex> lock(request_.mutex_);
-    --request_.holders_;
-  }
-
   void* dataBuffer(std::size_t* size) override {
     const std::lock_guard<std::mutex> lock(request_.mutex_);
     request_.touch("dataBuffer");
@@ -38,6 +33,11 @@ class FakeRequest::Memory final : public IoMemory {
     std::copy(from, from + size, bytes_.begin() + static_cast<std::ptrdiff_t>(offset));
     if (output_) request_.outputWritten_ = true;
     return framework::kOk;
+  }
+
+  void release() noexcept override {
+    const std::lock_guard<std::mutex> lock(request_.mutex_);
+    --request_.holders_;
   }
 
  private:
@@ -100,20 +100,22 @@ void FakeRequest::completeWithInformation(framework::HRESULT status, std::size_t
 
 void FakeRequest::complete(framework::HRESULT status) { finish(status, std::nullopt); }
 
-std::unique_ptr<IoMemory> FakeRequest::makeHolder(std::optional<Bytes>& buffer, bool output) {
+Held<IoMemory> FakeRequest::makeHolder(std::optional<Bytes>& buffer, bool output) {
   const std::lock_guard<std::mutex> lock(mutex_);
   touch(output ? "outputMemory" : "inputMemory");
   if (failsHolders_) throw std::bad_alloc();
   if (!buffer.has_value()) return nullptr;
+  std::shared_ptr<Memory>& memory = output ? outputMemory_ : inputMemory_;
+  memory = std::make_shared<Memory>(*this, *buffer, output);
   ++holders_;
-  return std::make_unique<Memory>(*this, *buffer, output);
+  return Held<IoMemory>(memory.get());
 }
 
-std::unique_ptr<IoMemory> FakeRequest::inputMemory() { return makeHolder(input_, false); }
+Held<IoMemory> FakeRequest::inputMemory() { return makeHolder(input_, false); }
 
-std::unique_ptr<IoMemory> FakeRequest::outputMemory() { return makeHolder(output_, true); }
+Held<IoMemory> FakeRequest::outputMemory() { return makeHolder(output_, true); }
 
-std::unique_ptr<IoFile> FakeRequest::fileObject() { return nullptr; }
+Held<IoFile> FakeRequest::fileObject() { return nullptr; }
 
 void FakeRequest::runCancelCallback() {
   const TracedLock lock("FakeRequest::cancel", device_.deviceLock(), __LINE__);

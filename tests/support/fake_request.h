@@ -54,9 +54,9 @@ class FakeRequest final : public IoRequest {
 
   void completeWithInformation(framework::HRESULT status, std::size_t information) override;
   void complete(framework::HRESULT status) override;
-  std::unique_ptr<IoMemory> inputMemory() override;
-  std::unique_ptr<IoMemory> outputMemory() override;
-  std::unique_ptr<IoFile> fileObject() override;
+  Held<IoMemory> inputMemory() override;
+  Held<IoMemory> outputMemory() override;
+  Held<IoFile> fileObject() override;
   void markCancelable(framework::IRequestCallbackCancel* callback) override;
   framework::HRESULT unmarkCancelable() override;
   void addRef() override;
@@ -68,13 +68,15 @@ class FakeRequest final : public IoRequest {
   void touch(const char* operation) const;  // with the mutex held
   void finish(framework::HRESULT status, std::optional<std::size_t> information);
   void runCancelCallback();
-  std::unique_ptr<IoMemory> makeHolder(std::optional<Bytes>& buffer, bool output);
+  Held<IoMemory> makeHolder(std::optional<Bytes>& buffer, bool output);
 
   FakeReaderDevice& device_;
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
   std::optional<Bytes> input_;
   std::optional<Bytes> output_;
+  std::shared_ptr<Memory> inputMemory_;  // what a holder was given last
+  std::shared_ptr<Memory> outputMemory_;
   bool outputWritten_ = false;
   bool checksLock_ = false;
   bool failsHolders_ = false;

@@ -259,6 +259,12 @@ bool FakeWdfRequest::markedCancelable() const {
   return static_cast<bool>(callback_);
 }
 
+void FakeWdfRequest::rename(std::wstring fileName, HRESULT result) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  file_->Release();
+  file_ = new FakeWdfFile(std::move(fileName), result);
+}
+
 void FakeWdfRequest::SetCompletionCallback(framework::IUnknown*, void*) { unexpected(); }
 void FakeWdfRequest::GetCreateParameters(framework::ULONG*, std::uint16_t*, std::uint16_t*) {
   unexpected();

@@ -105,6 +105,8 @@ class FakeWdfRequest final : public WdfObject<framework::IWDFIoRequest> {
   // it is not yet. The caller holds a reference.
   void cancel();
   bool markedCancelable() const;
+  // From now on its file has another name, or none that can be read.
+  void rename(std::wstring fileName, framework::HRESULT result = 0);
 
   void ZELTA_STDMETHODCALLTYPE CompleteWithInformation(framework::HRESULT status,
                                                        framework::SIZE_T information) override;

@@ -12,29 +12,17 @@
 
 namespace zelta::test {
 
-namespace {
+void* LinkMemory::dataBuffer(std::size_t* size) {
+  if (size != nullptr) *size = bytes.size();
+  return bytes.data();
+}
 
-class BytesMemory final : public IoMemory {
- public:
-  explicit BytesMemory(std::vector<std::uint8_t>& bytes) : bytes_(bytes) {}
-
-  void* dataBuffer(std::size_t* size) override {
-    if (size != nullptr) *size = bytes_.size();
-    return bytes_.data();
-  }
-
-  framework::HRESULT copyFromBuffer(std::size_t offset, const void* source,
-                                    std::size_t size) override {
-    if (offset > bytes_.size() || size > bytes_.size() - offset) return status::kInvalidArgument;
-    if (size != 0) std::memcpy(bytes_.data() + offset, source, size);
-    return status::kSuccess;
-  }
-
- private:
-  std::vector<std::uint8_t>& bytes_;
-};
-
-}  // namespace
+framework::HRESULT LinkMemory::copyFromBuffer(std::size_t offset, const void* source,
+                                              std::size_t size) {
+  if (offset > bytes.size() || size > bytes.size() - offset) return status::kInvalidArgument;
+  if (size != 0) std::memcpy(bytes.data() + offset, source, size);
+  return status::kSuccess;
+}
 
 // Only handed through: requests of this kind cancel by their device, not by this.
 class LinkDevice::Callback final
@@ -102,7 +90,10 @@ void LinkDevice::cancel(LinkRequest& request) {
 
 LinkRequest::LinkRequest(LinkDevice& device, std::vector<std::uint8_t> input,
                          std::size_t outputSize)
-    : device_(device), input_(std::move(input)), output_(outputSize) {}
+    : device_(device) {
+  input_.bytes = std::move(input);
+  output_.bytes.resize(outputSize);
+}
 
 void LinkRequest::finish(framework::HRESULT status, std::size_t information, bool plain) {
   device_.noteCompletion(*this);
@@ -122,13 +113,9 @@ void LinkRequest::completeWithInformation(framework::HRESULT status, std::size_t
 
 void LinkRequest::complete(framework::HRESULT status) { finish(status, 0, true); }
 
-std::unique_ptr<IoMemory> LinkRequest::inputMemory() {
-  return std::make_unique<BytesMemory>(input_);
-}
+Held<IoMemory> LinkRequest::inputMemory() { return Held<IoMemory>(&input_); }
 
-std::unique_ptr<IoMemory> LinkRequest::outputMemory() {
-  return std::make_unique<BytesMemory>(output_);
-}
+Held<IoMemory> LinkRequest::outputMemory() { return Held<IoMemory>(&output_); }
 
 void LinkRequest::markCancelable(framework::IRequestCallbackCancel* /*callback*/) {
   {
@@ -210,7 +197,7 @@ bool LinkRequest::completedPlainly() const {
   return plain_;
 }
 
-std::vector<std::uint8_t> LinkRequest::output() const { return output_; }
+std::vector<std::uint8_t> LinkRequest::output() const { return output_.bytes; }
 
 int LinkRequest::completions() const {
   const platform::MutexLock lock(mutex_);

@@ -58,6 +58,16 @@ class LinkDevice final : public ReaderDevice {
   Callback* callback_;
 };
 
+class LinkMemory final : public IoMemory {
+ public:
+  void* dataBuffer(std::size_t* size) override;
+  framework::HRESULT copyFromBuffer(std::size_t offset, const void* source,
+                                    std::size_t size) override;
+  void release() noexcept override {}
+
+  std::vector<std::uint8_t> bytes;
+};
+
 class LinkRequest final : public IoRequest {
  public:
   static constexpr std::chrono::seconds kLimit{30};
@@ -67,9 +77,9 @@ class LinkRequest final : public IoRequest {
 
   void completeWithInformation(framework::HRESULT status, std::size_t information) override;
   void complete(framework::HRESULT status) override;
-  std::unique_ptr<IoMemory> inputMemory() override;
-  std::unique_ptr<IoMemory> outputMemory() override;
-  std::unique_ptr<IoFile> fileObject() override { return nullptr; }
+  Held<IoMemory> inputMemory() override;
+  Held<IoMemory> outputMemory() override;
+  Held<IoFile> fileObject() override { return nullptr; }
   void markCancelable(framework::IRequestCallbackCancel* callback) override;
   framework::HRESULT unmarkCancelable() override;
   void addRef() override;
@@ -98,8 +108,8 @@ class LinkRequest final : public IoRequest {
   void finish(framework::HRESULT status, std::size_t information, bool plain);
 
   LinkDevice& device_;
-  std::vector<std::uint8_t> input_;
-  std::vector<std::uint8_t> output_;
+  LinkMemory input_;
+  LinkMemory output_;
   mutable platform::Mutex mutex_;
   platform::ConditionVariable changed_;
   bool marked_ ZELTA_GUARDED_BY(mutex_) = false;

@@ -17,6 +17,7 @@ struct Store {
   std::vector<LogRecord> records;
   std::vector<std::string> sessionIds;
   std::vector<ByteDump> byteDumps;
+  bool hasLogger = false;
   int shutDowns = 0;
   bool shutDownFails = false;
   std::size_t recordsAtShutDown = 0;
@@ -35,6 +36,7 @@ void clearStore() {
   all.records.clear();
   all.sessionIds.clear();
   all.byteDumps.clear();
+  all.hasLogger = false;
   all.shutDowns = 0;
   all.shutDownFails = false;
   all.recordsAtShutDown = 0;
@@ -46,6 +48,7 @@ void add(LogRecord record) {
   {
     const std::lock_guard<std::mutex> lock(all.mutex);
     all.records.push_back(record);
+    all.hasLogger = true;
     hook = all.hook;
     all.added.notify_all();
   }
@@ -160,6 +163,8 @@ void LogCapture::setHook(std::function<void(const LogRecord&)> hook) {
 
 namespace zelta {
 
+bool isDropped(LogLevel /*level*/) { return false; }
+
 void writeFilteredRecord(LogLevel level, std::int32_t code, const std::string& message) {
   test::add({static_cast<std::uint8_t>(level), code, message, true});
 }
@@ -178,8 +183,15 @@ void shutDownLogging() {
   test::Store& all = test::store();
   const std::lock_guard<std::mutex> lock(all.mutex);
   if (all.shutDownFails) throw std::runtime_error("a thread cannot be joined");
+  all.hasLogger = false;
   ++all.shutDowns;
   all.recordsAtShutDown = all.records.size();
+}
+
+bool hasLogger() {
+  test::Store& all = test::store();
+  const std::lock_guard<std::mutex> lock(all.mutex);
+  return all.hasLogger;
 }
 
 void logByteDump(const std::uint8_t* bytes, std::uint64_t length, std::uint64_t bytesPerLine) {

@@ -80,6 +80,7 @@ void SerialisingPipes::closeClient(Client client) {
   if (pipe == nullptr) return;
   pipe->state = State::ClientGone;
   pipe->client = kNoClient;
+  if (!pipe->out.empty()) pipe->in.clear();
   pipe->out.clear();
   changed_.notifyAll();
 }
@@ -206,6 +207,7 @@ bool SerialisingPipes::read(PipeHandleValue pipe, void* data, std::uint32_t size
 
 bool SerialisingPipes::write(PipeHandleValue pipe, const void* data, std::uint32_t size) {
   return serve(pipe, [&](Pipe& end, MutexLock& lock) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    if (end.state == State::ClientGone) end.in.clear();
     if (end.state != State::Connected) return noClientError(end, error::kNoData);
     const auto* bytes = static_cast<const std::uint8_t*>(data);
     end.out.insert(end.out.end(), bytes, bytes + size);

@@ -7,7 +7,8 @@
 //     no client yet            read, write, flush 536
 //     after a disconnect       read, write, flush, disconnect 233; clients are turned away until
 //                              the next connect
-//     client gone              read 109 (when what it wrote has been read), write 232, flush 109,
+//     client gone              read 109 (when what it wrote has been read; at once if it left with
+//                              bytes unread or a write found it gone), write 232, flush 109,
 //                              connect 232
 //     client there already     connect 535
 //     nothing to cancel        cancel 1168

@@ -31,7 +31,8 @@ class DebianPackage(unittest.TestCase):
         listing = run("dpkg-deb", "--contents", package()).stdout
         files = {line.split(" ./", 1)[1] for line in listing.splitlines() if line[0] == "-"}
         documents = {f"usr/share/doc/zelta-vsc/docs/{path.name}"
-                     for path in (stack.SOURCE / "docs").glob("*.md")}
+                     for pattern in ("*.md", "*.svg")
+                     for path in (stack.SOURCE / "docs").glob(pattern)}
         self.assertEqual(documents - files, set())
         self.assertEqual(files - documents, {
             "usr/bin/zelta-agent",

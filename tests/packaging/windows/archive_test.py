@@ -18,6 +18,10 @@ INF = pathlib.Path(os.environ["ZELTA_INF"])
 BUILT = [pathlib.Path(os.environ["ZELTA_MODULE"]), pathlib.Path(os.environ["ZELTA_AGENT"])]
 
 
+def pictures():
+    return [f"docs/{path.name}" for path in (SOURCE / "docs").glob("*.svg")]
+
+
 def documents():
     """Relative to the sources, and to the archive's folder as well."""
     return ["README.md", *(f"docs/{path.name}" for path in (SOURCE / "docs").glob("*.md"))]
@@ -41,7 +45,7 @@ class WindowsArchive(unittest.TestCase):
         self.unpacked = self.folder / NAME
 
     def test_archive_holds_driver_agent_and_documentation_in_one_folder(self):
-        wanted = {path.name for path in BUILT} | {INF.name, "card.txt", *documents()}
+        wanted = {path.name for path in BUILT} | {INF.name, "card.txt", *documents(), *pictures()}
         self.assertIn("docs/windows.md", wanted)
         self.assertEqual(set(self.names), {f"{NAME}/{name}" for name in wanted})
 

@@ -1,0 +1,248 @@
+#include "agent_link/agent_queries.h"
+
+#include <algorithm>
+#include <array>
+#include <system_error>
+
+#include "agent_link/query_watchdog.h"
+#include "agent_link/wire.h"
+#include "diagnostics/log.h"
+#include "driver/smartcard_ioctl.h"
+#include "platform/error.h"
+
+namespace zelta {
+
+namespace {
+
+// The response to a command that the card could not be given.
+constexpr std::array<std::uint8_t, 2> kCommandNotAccepted{0x69, 0x01};
+
+constexpr std::uint64_t kDumpWidth = 16;  // bytes per line
+
+// Of a log line's 255 characters no more than these can show.
+constexpr std::size_t kShownBytes = 128;
+
+std::string upperHex(const std::vector<std::uint8_t>& bytes) {
+  constexpr char kDigits[] = "0123456789ABCDEF";
+  std::string text;
+  const std::size_t count = std::min(bytes.size(), kShownBytes);
+  text.reserve(2 * count);
+  for (std::size_t i = 0; i < count; ++i) {
+    text += kDigits[bytes[i] >> 4];
+    text += kDigits[bytes[i] & 0x0F];
+  }
+  return text;
+}
+
+// The log lines of an ATR exchange where its two users differ.
+struct AtrTexts {
+  const char* tag;
+  const char* writeFailed;
+  const char* readFailed;
+};
+
+constexpr AtrTexts kQueryAtrTexts{"[QueryATR]", "Failed to write ATR request command",
+                                  "Failed to read ATR data"};
+constexpr AtrTexts kCheckAtrTexts{"[CheckATR]", "Failed to write QueryAtr command",
+                                  "Failed to read ATR"};
+
+bool fail(const AtrTexts& texts, const char* message) {
+  logError(platform::lastError(), "%s%s", texts.tag, message);
+  return false;
+}
+
+bool askAtr(PipeStream& stream, AgentCommand command, const AtrTexts& texts,
+            std::vector<std::uint8_t>& atr) {
+  if (!stream.writeNumber(static_cast<std::uint32_t>(command)))
+    return fail(texts, texts.writeFailed);
+  stream.flush();
+  std::uint32_t size = 0;
+  if (!stream.readNumber(size)) return fail(texts, "Failed to read ATR size");
+  if (size == 0) {
+    logError(kNoError, "%sInvalid ATR size (%u)", texts.tag, size);
+    return false;
+  }
+  switch (stream.readPayload(size, atr)) {
+    case PipeStream::Payload::Read:
+      logInfo("%sATR:%s", texts.tag, upperHex(atr).c_str());
+      return true;
+    case PipeStream::Payload::Failed:
+      return fail(texts, texts.readFailed);
+    case PipeStream::Payload::NoMemory:
+      break;
+  }
+  logError(platform::lastError(), "%sNo memory for ATR of size %u", texts.tag, size);
+  return false;
+}
+
+// What failed, or null; the reason is in the last error.
+const char* exchangeApdu(PipeStream& stream, const std::vector<std::uint8_t>& command,
+                         std::vector<std::uint8_t>& response) {
+  if (!stream.writeNumber(static_cast<std::uint32_t>(AgentCommand::QueryTransmit))) {
+    return "Failed to write QueryTransmit command";
+  }
+  const auto size = static_cast<std::uint32_t>(command.size());
+  if (!stream.writeNumber(size)) return "Failed to write APDU request size";
+  if (!stream.write(command.data(), size)) return "Failed to write APDU request";
+  stream.flush();
+  std::uint32_t responseSize = 0;
+  if (!stream.readNumber(responseSize)) return "Failed to read APDU response size";
+  if (responseSize == 0) return "Invalid APDU response size (0)";
+  switch (stream.readPayload(responseSize, response)) {
+    case PipeStream::Payload::Read:
+      return nullptr;
+    case PipeStream::Payload::Failed:
+      response.clear();
+      return "Failed to read APDU response";
+    case PipeStream::Payload::NoMemory:
+      break;
+  }
+  return "No memory for APDU response";
+}
+
+void answerNotAccepted(std::vector<std::uint8_t>& response) {
+  response.assign(kCommandNotAccepted.begin(), kCommandNotAccepted.end());
+}
+
+}  // namespace
+
+// Marks what is under way as a notification. Its destructor waits until nobody is cancelling it any
+// more: the turn is not given up before.
+class AgentQueries::Notification {
+ public:
+  explicit Notification(AgentQueries& queries) : queries_(queries) { mark(Notifying::UnderWay); }
+  ~Notification() { mark(Notifying::No); }
+  Notification(const Notification&) = delete;
+  Notification& operator=(const Notification&) = delete;
+
+ private:
+  void mark(Notifying notifying) {
+    const platform::MutexLock lock(queries_.notificationMutex_);
+    queries_.notifying_ = notifying;
+  }
+
+  AgentQueries& queries_;
+};
+
+AgentQueries::AgentQueries(CancelablePipe& pipe, const Reader& reader,
+                           std::chrono::milliseconds limit)
+    : pipe_(pipe), reader_(reader), limit_(limit), watchdogThread_(limit) {}
+
+AgentQueries::Turn::Turn(AgentQueries& queries) {
+  const auto endNotification = [&queries] { return queries.cancelNotification(); };
+  if (queries.turn_.take(queries.limit_, endNotification)) holder_.emplace(queries.turn_);
+}
+
+bool AgentQueries::hasPipe(const char* tag) const {
+  if (PipeHandle::isValid(pipe_.handle())) return true;
+  logError(kNoError, "%sInvalid named pipe handle", tag);
+  return false;
+}
+
+QueryResult AgentQueries::timedOut(const Name& name) {
+  if (name.logsTimeout) logError(kNoError, "[%s]Timeout", name.text);
+  return QueryResult::Timeout;
+}
+
+template <typename Exchange>
+QueryResult AgentQueries::runGuarded(const Name& name, const Turn& turn, Exchange exchange) {
+  if (!turn.holder_.has_value()) {
+    logError(kNoError, "[%s]Another exchange did not end in time, nothing was sent", name.text);
+    return timedOut(name);
+  }
+  // Begun before the watchdog, so that its time-out always ends this exchange.
+  PipeStream stream(pipe_);
+  std::optional<QueryWatchdog> watchdog;
+  try {
+    watchdog.emplace(watchdogThread_, [this] { cancel(); });
+  } catch (const std::system_error& failure) {
+    logError(static_cast<std::uint32_t>(failure.code().value()), "Failed to start query watchdog");
+    return QueryResult::Failure;
+  }
+  const bool answered = exchange(stream);
+  if (watchdog->timedOut()) return timedOut(name);
+  return answered ? QueryResult::Success : QueryResult::Failure;
+}
+
+void AgentQueries::cancel() {
+  if (pipe_.handle() == platform::noPipe()) return;
+  if (!pipe_.cancelCalls()) {
+    logError(platform::lastError(), "Failed to cancel IO on the command named pipe");
+  }
+}
+
+bool AgentQueries::cancelNotification() {
+  const platform::MutexLock lock(notificationMutex_);
+  if (notifying_ == Notifying::UnderWay) {
+    notifying_ = Notifying::Cancelled;
+    cancel();
+  }
+  return notifying_ != Notifying::No;
+}
+
+QueryResult AgentQueries::atr(Bytes& atr, bool reset) {
+  if (!hasPipe(kQueryAtrTexts.tag)) return QueryResult::Failure;
+  return this->atr(atr, reset, Turn(*this));
+}
+
+QueryResult AgentQueries::atr(Bytes& atr, bool reset, const Turn& turn) {
+  if (!hasPipe(kQueryAtrTexts.tag)) return QueryResult::Failure;
+  const AgentCommand command = reset ? AgentCommand::QueryAtrReset : AgentCommand::QueryAtr;
+  return runGuarded({"QueryAtr", true}, turn, [&](PipeStream& stream) {
+    return askAtr(stream, command, kQueryAtrTexts, atr);
+  });
+}
+
+QueryResult AgentQueries::check() {
+  if (!hasPipe(kCheckAtrTexts.tag)) return QueryResult::Failure;
+  Bytes atr;
+  return runGuarded({"CheckATR", false}, Turn(*this), [&](PipeStream& stream) {
+    return askAtr(stream, AgentCommand::QueryAtr, kCheckAtrTexts, atr);
+  });
+}
+
+QueryResult AgentQueries::transmit(const Bytes& command, Bytes& response) {
+  if (!hasPipe("[QueryTransmit]")) return QueryResult::Failure;
+  if (command.empty()) {
+    logError(kNoError, "[QueryTransmit]Empty APDU, command not accepted");
+    answerNotAccepted(response);
+    return QueryResult::Success;
+  }
+  return runGuarded({"QueryTransmit", true}, Turn(*this),
+                    [&](PipeStream& stream) { return askTransmit(stream, command, response); });
+}
+
+bool AgentQueries::askTransmit(PipeStream& stream, const Bytes& command, Bytes& response) {
+  const char* const failure = exchangeApdu(stream, command, response);
+  if (failure == nullptr) return true;
+  const std::uint32_t code = platform::lastError();
+  if (reader_.state() != SCARD_ABSENT) {
+    logError(code, "[QueryTransmit]%s", failure);
+    return false;
+  }
+  logInfo("[QueryTransmit]The card was removed, responding request with \"Command Not Accepted\"");
+  answerNotAccepted(response);
+  logByteDump(command.data(), command.size(), kDumpWidth);
+  return true;
+}
+
+bool AgentQueries::notifyCardReady() {
+  if (!hasPipe("[NotifyCardReady]")) return false;
+  if (!turn_.take(limit_, [] { return false; })) {
+    logError(kNoError, "[NotifyCardReady]Another exchange did not end in time, nothing was sent");
+    logError(kNoError, "Failed to send ready notification");
+    return false;
+  }
+  const ExchangeTurn::Holder holder(turn_);
+  // Begun before it is marked, so that whoever cancels a notification always ends this one.
+  PipeStream stream(pipe_);
+  const Notification notification(*this);
+  if (!stream.writeNumber(static_cast<std::uint32_t>(AgentCommand::NotifyCardReady))) {
+    logError(platform::lastError(), "Failed to send ready notification");
+    return false;
+  }
+  logInfo("[NotifyCardReady]Notification sent");
+  return true;
+}
+
+}  // namespace zelta

@@ -1,0 +1,84 @@
+// What a reader asks its agent on the command pipe. A query is one exchange, guarded by a watchdog
+// that ends it when its time is up; a notification is one write without a limit.
+// A query that the agent leaves unanswered does not resynchronise the pipe: a late answer would be
+// read as the next one's beginning, which is why an agent must never send one.
+//
+// One exchange at a time. Whoever finds another one under way waits for its turn, at most the
+// query's limit, and gives up without touching the pipe; once it has its turn, it has its whole
+// limit. Nobody's clock cuts another's exchange short, because the stream could not be followed
+// afterwards. Only a notification is ended by the query that has waited for it in vain.
+//
+// Ownership: the reader's. Pipe and reader outlive it.
+// Threads: any. Failures are logged; the caller learns only success, failure or time-out.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "agent_link/cancelable_pipe.h"
+#include "agent_link/exchange_turn.h"
+#include "agent_link/pipe_stream.h"
+#include "agent_link/watchdog_thread.h"
+#include "platform/sync.h"
+#include "reader/reader.h"
+
+namespace zelta {
+
+class AgentQueries {
+ public:
+  using Bytes = std::vector<std::uint8_t>;
+
+  // `limit` is how long a query may take. Of the reader, only the state is looked at.
+  AgentQueries(CancelablePipe& pipe, const Reader& reader, std::chrono::milliseconds limit);
+
+  // A query's turn, taken before the query itself by a caller that takes a lock in between. Waits
+  // as the query would. Given up on destruction.
+  class Turn {
+   public:
+    explicit Turn(AgentQueries& queries);
+
+   private:
+    friend class AgentQueries;
+    std::optional<ExchangeTurn::Holder> holder_;  // none if it was waited for in vain
+  };
+
+  QueryResult transmit(const Bytes& command, Bytes& response);
+  QueryResult atr(Bytes& atr, bool reset);
+  QueryResult atr(Bytes& atr, bool reset, const Turn& turn);
+  QueryResult check();
+  // True when it was sent.
+  bool notifyCardReady();
+
+ private:
+  class Notification;
+  enum class Notifying { No, UnderWay, Cancelled };
+  // How the log calls a query, and whether it has a line of its own for a time-out.
+  struct Name {
+    const char* text;
+    bool logsTimeout;
+  };
+
+  // Looked at before the turn is taken: without a pipe there is nothing to wait for.
+  bool hasPipe(const char* tag) const;
+  template <typename Exchange>
+  QueryResult runGuarded(const Name& name, const Turn& turn, Exchange exchange);
+  static QueryResult timedOut(const Name& name);
+  // Ends what is under way on the pipe.
+  void cancel();
+  // Ends a notification, once for all who wait for it; false if what is under way is none.
+  bool cancelNotification() ZELTA_EXCLUDES(notificationMutex_);
+  bool askTransmit(PipeStream& stream, const Bytes& command, Bytes& response);
+
+  CancelablePipe& pipe_;
+  const Reader& reader_;
+  const std::chrono::milliseconds limit_;
+  ExchangeTurn turn_;
+  WatchdogThread watchdogThread_;
+  // Held while a notification is cancelled, so that it keeps its turn until that is done.
+  platform::Mutex notificationMutex_;
+  Notifying notifying_ ZELTA_GUARDED_BY(notificationMutex_) = Notifying::No;
+};
+
+}  // namespace zelta

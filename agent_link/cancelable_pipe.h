@@ -1,0 +1,136 @@
+// One server end of a pipe, the blocking calls on it, and how another thread ends them for certain.
+//
+// The system's cancel releases only what is blocked at that moment: a thread that is just about to
+// enter its call is missed, and would then wait for a client or an agent that may never come; on
+// Windows whoever disconnects the pipe would wait for it as well. So every blocking call goes
+// through here. Every call belongs to an epoch. Ending an epoch first refuses further calls in it,
+// then cancels the pipe, and keeps cancelling as long as one of its calls is in flight. It gives up
+// after about two seconds and logs how many calls have not returned.
+//
+// Windows lets a client open a pipe that nobody has connected yet, and carries its bytes. The
+// reader would talk to an agent that it has not accepted, and then never accept it. So as long as
+// no client was accepted there is none, whatever the system says: exchanges fail with
+// `ERROR_PIPE_LISTENING` (536).
+//
+// Ownership: owns the pipe's handle; one of a reader's two pipes, and lives as long.
+// Threads: any, but `hold` and `disconnect` one at a time. No lock is held while a call or a cancel
+// is under way.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <utility>
+
+#include "agent_link/pipe_handle.h"
+#include "platform/error.h"
+#include "platform/pipe.h"
+#include "platform/sync.h"
+
+namespace zelta {
+
+class CancelablePipe {
+ public:
+  // The calls of an epoch are ended together.
+  using Epoch = std::uint64_t;
+
+  // What the two steps of dropping a client have failed with; 0 for success.
+  struct DisconnectErrors {
+    std::uint32_t cancel;
+    std::uint32_t disconnect;
+  };
+
+  // How long a call that a cancel has missed may go on before the next one.
+  static constexpr std::chrono::milliseconds kCancelRetry{5};
+  // How often it is cancelled again: for about two seconds in all.
+  static constexpr int kCancelRetries = 400;
+
+  // `label` says in the log which pipe it is ("command") and is not copied. There is no pipe yet.
+  CancelablePipe(const char* label, std::string name);
+  CancelablePipe(const CancelablePipe&) = delete;
+  CancelablePipe& operator=(const CancelablePipe&) = delete;
+
+  const char* label() const { return label_; }
+  const std::string& name() const { return name_; }
+  platform::PipeHandleValue handle() const { return handle_.get(); }
+
+  // Takes the place of the handle that was held before, which is released.
+  void hold(PipeHandle handle) { handle_ = std::move(handle); }
+
+  // Waits for a client; 0 or the system's error. With 0, `ERROR_PIPE_CONNECTED` (535) and
+  // `ERROR_IO_PENDING` (997) the client is accepted.
+  std::uint32_t connect();
+
+  Epoch epoch();
+  // Runs `call`, which blocks in an exchange with the client and returns whether it succeeded. If
+  // the epoch has ended, or the pipe is stopped, it is not run and the result is false with the
+  // last error `ERROR_OPERATION_ABORTED` (995); else, if no client was accepted, with 536.
+  template <typename Call>
+  bool run(Epoch epoch, Call call) {
+    const std::uint32_t refusal = enter(Use::Exchange, epoch);
+    if (refusal != platform::error::kSuccess) {
+      platform::setLastError(refusal);
+      return false;
+    }
+    const Leave leave{*this, Use::Exchange, epoch};
+    return call();
+  }
+
+  // Ends the epoch, and with it every call that is in flight. The result and the last error are
+  // those of the first cancel: false and `ERROR_NOT_FOUND` (1168) if nothing was blocked.
+  bool cancelCalls();
+  // Ends the epoch and drops the client; no call begins meanwhile. A client whose call could not be
+  // ended is dropped by the next `connect` instead (the step fails with `ERROR_PIPE_BUSY`, 231):
+  // on Windows it would take as long as the call does.
+  DisconnectErrors disconnect();
+  // Drops the client in an exchange that cannot be followed any more. Exchanges fail with
+  // `ERROR_BROKEN_PIPE` (109) until `disconnect` or the next client. Counts as a call of the epoch:
+  // if that has ended, nothing happens. No other exchange may be in flight.
+  void dropClient(Epoch epoch);
+  // Refuses every exchange for good and ends those in flight. A wait for a client goes on. Cancels
+  // nothing if no exchange is in flight.
+  void endExchanges();
+  // Refuses every call from now on; ends none that is in flight (`disconnect` does).
+  void stop();
+
+ private:
+  enum class Use { Exchange, Connect };
+  struct Leave {
+    CancelablePipe& pipe;
+    Use use;
+    Epoch epoch;
+    ~Leave() { pipe.leave(use, epoch); }
+  };
+
+  // 0, or the error that the call is refused with.
+  std::uint32_t enter(Use use, Epoch epoch);
+  void leave(Use use, Epoch epoch);
+  void endEpoch() ZELTA_REQUIRES(mutex_);
+  // Drops the client that `disconnect` has left, once its calls have returned; false if the pipe
+  // was stopped before.
+  bool dropLeftClient();
+  // Cancels until none of the ended calls is in flight; the result is the first cancel's.
+  bool cancelEnded() ZELTA_EXCLUDES(mutex_);
+  // `inFlight` counts calls with the mutex held.
+  template <typename Count>
+  void cancelAgainUntilNone(Count inFlight) ZELTA_EXCLUDES(mutex_);
+
+  const char* const label_;
+  const std::string name_;
+  PipeHandle handle_;
+  platform::Mutex mutex_;
+  platform::ConditionVariable idle_;
+  int idleWaits_ ZELTA_GUARDED_BY(mutex_) = 0;
+  Epoch epoch_ ZELTA_GUARDED_BY(mutex_) = 0;
+  int inFlight_ ZELTA_GUARDED_BY(mutex_) = 0;           // calls of this epoch
+  int endedInFlight_ ZELTA_GUARDED_BY(mutex_) = 0;      // calls of epochs that have ended
+  int exchangesInFlight_ ZELTA_GUARDED_BY(mutex_) = 0;  // of both, those of exchanges
+  bool clientAccepted_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool clientDropped_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool clientLeft_ ZELTA_GUARDED_BY(mutex_) = false;  // to be dropped by the next connect
+  bool exchangesEnded_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool closed_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool stopped_ ZELTA_GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace zelta

@@ -1,0 +1,170 @@
+#include "agent_link/event_listener.h"
+
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "agent_link/wire.h"
+#include "diagnostics/log.h"
+#include "diagnostics/log_output.h"
+
+namespace zelta {
+
+namespace {
+
+namespace error = platform::error;
+
+// The agent sent an empty session log id. There is no system error for it.
+constexpr std::int32_t kEmptySessionLogId = -501;
+
+}  // namespace
+
+EventListener::EventListener(PipePair& pipes, WaitingRequests& waiting, AgentEventHandler& handler,
+                             const AgentLinkTimes& times)
+    : pipes_(pipes), waiting_(waiting), handler_(handler), times_(times) {
+  thread_ = std::thread([this] { run(); });
+}
+
+void EventListener::run() {
+  try {
+    serve();
+  } catch (const std::exception& failure) {
+    logError(kNoError, "Server thread failed: %s", failure.what());
+    publish(error::kGenFailure);
+  }
+}
+
+std::uint32_t EventListener::serve() {
+  const std::uint32_t created = publish(pipes_.create());
+  if (created != error::kSuccess) return created;
+  for (;;) {
+    if (stopRequested()) {
+      logDebug("Server thread completed");
+      return error::kSuccess;
+    }
+    switch (awaitInsertionRequest()) {
+      case Awaited::Stop:
+        break;
+      case Awaited::Nobody:
+        return error::kInvalidState;
+      case Awaited::Request:
+        if (pipes_.connect() == error::kSuccess) {
+          serveAgent();
+        } else {
+          awaitReconnect();
+        }
+        break;
+    }
+  }
+}
+
+std::uint32_t EventListener::result() {
+  const platform::MutexLock lock(waiting_.mutex());
+  return result_;
+}
+
+std::uint32_t EventListener::publish(std::uint32_t code) {
+  const platform::MutexLock lock(waiting_.mutex());
+  return result_ = code;
+}
+
+EventListener::Awaited EventListener::awaitInsertionRequest() {
+  platform::MutexLock lock(waiting_.mutex());
+  const bool came = waiting_.awaitInsertionRequest(lock, times_.insertRequest,
+                                                   [this] { return stopRequested(); });
+  if (stopRequested()) return Awaited::Stop;
+  if (came) return Awaited::Request;
+  // Deliberately the end of the thread: a reader that nobody waits on stops serving. Decided and
+  // published at once, so that no request is added between the two.
+  logError(error::kInvalidState, "Failed to wait for card insertion request");
+  result_ = error::kInvalidState;
+  return Awaited::Nobody;
+}
+
+void EventListener::awaitReconnect() {
+  platform::MutexLock lock(stopMutex_);
+  stopCondition_.waitFor(lock, times_.reconnect, [this] { return stopRequested(); });
+}
+
+void EventListener::serveAgent() {
+  PipeStream events(pipes_.event());
+  try {
+    handler_.agentConnected();
+  } catch (const std::exception& failure) {
+    logError(kNoError, "Failed to handle connection: %s", failure.what());
+  }
+  while (!stopRequested()) {
+    logDebug("Waiting for command...");
+    std::uint32_t code = 0;
+    if (!events.readNumber(code)) {
+      logError(platform::lastError(), "Event named pipe read error");
+      handler_.agentLost();
+      return;
+    }
+    try {
+      handleEvent(events, code);
+    } catch (const std::exception& failure) {
+      // One event that cannot be handled, a log file that cannot be made for one, is no reason to
+      // stop listening.
+      logError(kNoError, "Failed to handle event: %s", failure.what());
+    }
+  }
+}
+
+void EventListener::handleEvent(PipeStream& events, std::uint32_t code) {
+  logDebug("Event received");
+  switch (static_cast<AgentEvent>(code)) {
+    case AgentEvent::CardRemoved:
+      logInfo("Card removed");
+      handler_.cardRemoved();
+      setSessionLogId(kNullSessionLogId);
+      break;
+    case AgentEvent::CardInserted:
+      logInfo("Card inserted");
+      handler_.cardInserted();
+      break;
+    case AgentEvent::SessionLogId:
+      readSessionLogId(events);
+      break;
+    default:
+      logError(kNoError, "Unknown event received:%d", static_cast<std::int32_t>(code));
+      break;
+  }
+}
+
+// Takes no lock: an agent that announces an id and never sends it must not hold up the requests.
+void EventListener::readSessionLogId(PipeStream& events) {
+  std::uint32_t size = 0;
+  if (!events.readNumber(size)) {
+    logError(platform::lastError(), "Failed to read session log id size");
+    return;
+  }
+  if (size == 0) {
+    logError(static_cast<std::uint32_t>(kEmptySessionLogId),
+             "Session log ID size is 0. Session log ID not set");
+    return;
+  }
+  std::vector<std::uint8_t> bytes;
+  switch (events.readPayload(size, bytes)) {
+    case PipeStream::Payload::Read:
+      setSessionLogId(std::string(bytes.begin(), bytes.end()));
+      break;
+    case PipeStream::Payload::Failed:
+      logError(platform::lastError(), "Failed to read session log id");
+      break;
+    case PipeStream::Payload::NoMemory:
+      logError(platform::lastError(), "No memory for session log id of size %u", size);
+      break;
+  }
+}
+
+void EventListener::requestStop() {
+  {
+    const platform::MutexLock lock(stopMutex_);
+    stop_.exchange(true);
+  }
+  stopCondition_.notifyAll();
+  waiting_.wakeInsertionWait();
+}
+
+}  // namespace zelta

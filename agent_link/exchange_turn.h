@@ -1,0 +1,60 @@
+// Whose turn it is to exchange with the agent: one thread's at a time, in the order in which they
+// have asked.
+//
+// Taking and giving up a turn that nobody else wants makes no system call. The mutex is held for a
+// moment only, never during an exchange.
+//
+// Threads: any.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "platform/sync.h"
+
+namespace zelta {
+
+class ExchangeTurn {
+ public:
+  // How long a holder that was ended may take to give its turn up.
+  static constexpr std::chrono::milliseconds kHandOver{1000};
+
+  // Gives a turn up that was taken.
+  class Holder {
+   public:
+    explicit Holder(ExchangeTurn& turn) : turn_(turn) {}
+    ~Holder() { turn_.giveUp(); }
+    Holder(const Holder&) = delete;
+    Holder& operator=(const Holder&) = delete;
+
+   private:
+    ExchangeTurn& turn_;
+  };
+
+  ExchangeTurn() = default;
+  ExchangeTurn(const ExchangeTurn&) = delete;
+  ExchangeTurn& operator=(const ExchangeTurn&) = delete;
+
+  // Waits up to `limit` for the turn; false if the caller did not get it. When the limit is up, it
+  // runs `endHolder` without the mutex, keeping the caller's place in the order. If that returns
+  // true, the holder is about to give the turn up, and the caller waits up to `kHandOver` more.
+  // `endHolder` must not throw. Throws std::bad_alloc before it waits.
+  bool take(std::chrono::milliseconds limit, const std::function<bool()>& endHolder)
+      ZELTA_EXCLUDES(mutex_);
+
+ private:
+  using Ticket = std::uint64_t;
+  static constexpr Ticket kNobody = 0;
+
+  void giveUp() ZELTA_EXCLUDES(mutex_);
+
+  platform::Mutex mutex_;
+  platform::ConditionVariable passedOn_;
+  Ticket lastTicket_ ZELTA_GUARDED_BY(mutex_) = kNobody;
+  Ticket holder_ ZELTA_GUARDED_BY(mutex_) = kNobody;
+  std::vector<Ticket> waiting_ ZELTA_GUARDED_BY(mutex_);  // in order
+};
+
+}  // namespace zelta

@@ -1,0 +1,54 @@
+// The thread that waits until a query of one reader takes too long.
+//
+// Deliberately one thread that is parked between the queries, instead of one that each query starts
+// and joins: that would cost several times what the exchange does.
+//
+// No query is overdue before a full limit has passed since it began. So a parked thread sleeps for
+// one limit, looks whether a query has begun meanwhile, and sleeps until that one's deadline, or
+// for one more limit. Beginning or ending a query wakes no thread.
+//
+// Ownership: the reader's queries; starts its thread with the first query, joins it on destruction.
+// Threads: any, for one query at a time (`QueryWatchdog`). The mutex is held while a query's
+// callback runs, so that nothing of the query ends before.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <thread>
+
+#include "platform/sync.h"
+
+namespace zelta {
+
+class WatchdogThread {
+ public:
+  // `limit` is how long a query may take.
+  explicit WatchdogThread(std::chrono::milliseconds limit) : limit_(limit) {}
+  ~WatchdogThread();
+  WatchdogThread(const WatchdogThread&) = delete;
+  WatchdogThread& operator=(const WatchdogThread&) = delete;
+
+  // A query begins; `callback` is called once if it does not end in time, and is not copied. Throws
+  // std::system_error if the thread is not running and cannot be started.
+  void arm(const std::function<void()>& callback) ZELTA_EXCLUDES(mutex_);
+  // Whether the time of the query that was begun last was up before it ended.
+  bool expired() ZELTA_EXCLUDES(mutex_);
+  // The query ends.
+  void disarm() ZELTA_EXCLUDES(mutex_);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void run();
+
+  const std::chrono::milliseconds limit_;
+  platform::Mutex mutex_;
+  platform::ConditionVariable stopped_;
+  const std::function<void()>* callback_ ZELTA_GUARDED_BY(mutex_) = nullptr;  // of a query
+  Clock::time_point deadline_ ZELTA_GUARDED_BY(mutex_);                       // of that query
+  bool expired_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool stop_ ZELTA_GUARDED_BY(mutex_) = false;
+  std::thread thread_ ZELTA_GUARDED_BY(mutex_);
+};
+
+}  // namespace zelta

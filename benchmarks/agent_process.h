@@ -1,0 +1,63 @@
+// The least agent as a process of its own. Owned and used by one thread.
+#pragma once
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+extern char** environ;
+
+namespace zelta::benchmarks {
+
+class AgentProcess {
+ public:
+  explicit AgentProcess(const char* program) {
+    int commands[2];
+    int answers[2];
+    if (pipe2(commands, O_CLOEXEC) != 0 || pipe2(answers, O_CLOEXEC) != 0) std::abort();
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, commands[0], STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, answers[1], STDOUT_FILENO);
+    std::string name = program;
+    char* words[] = {name.data(), nullptr};
+    if (posix_spawn(&process_, program, &actions, nullptr, words, environ) != 0) std::abort();
+    posix_spawn_file_actions_destroy(&actions);
+    close(commands[0]);
+    close(answers[1]);
+    commands_ = fdopen(commands[1], "w");
+    answers_ = fdopen(answers[0], "r");
+  }
+  ~AgentProcess() {
+    kill(process_, SIGKILL);
+    waitpid(process_, nullptr, 0);
+    std::fclose(commands_);
+    std::fclose(answers_);
+  }
+  AgentProcess(const AgentProcess&) = delete;
+  AgentProcess& operator=(const AgentProcess&) = delete;
+
+  // "insert" or "remove"; gives the time at which the agent began to send the event.
+  std::chrono::steady_clock::time_point move(const char* word) {
+    std::fprintf(commands_, "%s\n", word);
+    std::fflush(commands_);
+    long long nanoseconds = 0;
+    if (std::fscanf(answers_, "%lld", &nanoseconds) != 1) std::abort();
+    return std::chrono::steady_clock::time_point(std::chrono::nanoseconds(nanoseconds));
+  }
+
+ private:
+  pid_t process_ = 0;
+  std::FILE* commands_ = nullptr;
+  std::FILE* answers_ = nullptr;
+};
+
+}  // namespace zelta::benchmarks

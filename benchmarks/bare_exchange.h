@@ -1,0 +1,35 @@
+// The bytes of an exchange over a socket pair and nothing else: what there is no way below.
+//
+// Another process answers, on one thread and at once. Made before the process has threads; owned
+// and used by one.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+
+namespace zelta::benchmarks {
+
+class BareExchange {
+ public:
+  BareExchange();
+  ~BareExchange();
+  BareExchange(const BareExchange&) = delete;
+  BareExchange& operator=(const BareExchange&) = delete;
+
+  // A command as the driver writes it: code, length, bytes; its answer as it reads it: length,
+  // bytes.
+  void run(const void* command, std::size_t size) const;
+  // One byte there and back: two switches between processes.
+  void runByte() const;
+
+ private:
+  int socket_ = -1;
+  pid_t answering_ = 0;
+};
+
+// All bytes asked for, or the end of the program: a measurement without its peer is none.
+void receiveAll(int socket, void* bytes, std::size_t size);
+void sendAll(int socket, const void* bytes, std::size_t size);
+
+}  // namespace zelta::benchmarks

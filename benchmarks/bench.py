@@ -1,0 +1,37 @@
+"""Measures the reader beside what it cannot be quicker than; `./zelta bench` runs it."""
+
+import argparse
+import pathlib
+import sys
+
+import measurements
+import report
+import stack
+
+SIZES = {"whole": (10, 500, 1000), "quick": (2, 100, 50)}  # rounds, commands in each, swaps
+
+
+def measure(rounds, count, swaps):
+    stack.enter_namespace()
+    driver = measurements.driver_alone(rounds, count)
+    ours, movements, calls = measurements.with_our_agent(rounds, count, swaps)
+    least = measurements.with_least_agent(rounds, count)
+    return report.Results(driver, ours, least, movements, calls, measurements.machine())
+
+
+def main(words):
+    parser = argparse.ArgumentParser(prog="./zelta bench")
+    parser.add_argument("--quick", action="store_true")
+    parser.add_argument("--chart", type=pathlib.Path)
+    parser.add_argument("--page", type=pathlib.Path)
+    chosen = parser.parse_args(words)
+    results = measure(*SIZES["quick" if chosen.quick else "whole"])
+    print(report.text(results))
+    if chosen.chart:
+        chosen.chart.write_text(report.chart(results))
+    if chosen.page:
+        chosen.page.write_text(report.rewritten(chosen.page.read_text(), results))
+
+
+if __name__ == "__main__":
+    main(sys.argv[1:])

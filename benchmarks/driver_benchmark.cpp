@@ -1,0 +1,159 @@
+// The driver alone, through its binary interface, with the least agent: an exchange beside the
+// bare exchange of the same bytes, the controls that are answered from the reader's state, and an
+// event until the request that waits for it is completed.
+//
+//   driver_benchmark ROUNDS COUNT
+//
+// Pipes, registry and log folder are those of the environment. Prints lines of samples.h.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "benchmarks/agent_process.h"
+#include "benchmarks/bare_exchange.h"
+#include "benchmarks/samples.h"
+#include "driver/smartcard_ioctl.h"
+#include "host/driver_host.h"
+
+namespace zelta::benchmarks {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr auto kLimit = std::chrono::seconds(30);
+const Bytes kCommand{0x00, 0xA4, 0x04, 0x00, 0x02, 0x3F, 0x00};
+const Bytes kTransmit{SCARD_PROTOCOL_T1,
+                      0,
+                      0,
+                      0,
+                      kTransmitHeaderSize,
+                      0,
+                      0,
+                      0,
+                      0x00,
+                      0xA4,
+                      0x04,
+                      0x00,
+                      0x02,
+                      0x3F,
+                      0x00};
+constexpr std::size_t kCapacity = 264;  // bytes of an answer
+
+Bytes number(std::uint32_t value) {
+  return {static_cast<std::uint8_t>(value), static_cast<std::uint8_t>(value >> 8),
+          static_cast<std::uint8_t>(value >> 16), static_cast<std::uint8_t>(value >> 24)};
+}
+
+// The driver in its host, with a reader that is open.
+class Driver {
+ public:
+  Driver() : host_(host::DriverHost::load(ZELTA_VSC_MODULE)) {
+    host_->bringUp();
+    file_ = host_->open(L"dev0");
+  }
+
+  void control(std::uint32_t code, const Bytes& input) {
+    const host::IoResult result = file_->control(code, input, kCapacity, kLimit);
+    if (framework::succeeded(result.status)) return;
+    std::fprintf(stderr, "control %08X failed: %08X\n", code, static_cast<unsigned>(result.status));
+    std::exit(1);
+  }
+  // Begins a request; when this returns it waits for the card, or is completed. `completed` gets
+  // the time.
+  std::shared_ptr<host::IoOperation> wait(std::uint32_t code, Clock::time_point* completed) {
+    return file_->submit(code, {}, 0,
+                         [completed](const host::IoResult&) { *completed = Clock::now(); });
+  }
+
+ private:
+  const std::unique_ptr<host::DriverHost> host_;
+  std::shared_ptr<host::File> file_;
+};
+
+struct Control {
+  const char* name;
+  std::uint32_t code;
+  Bytes input;
+};
+
+// What the driver answers without asking the agent.
+const std::vector<Control> kFromState{
+    {"GET_STATE", IOCTL_SMARTCARD_GET_STATE, {}},
+    {"GET_ATTRIBUTE, a text", IOCTL_SMARTCARD_GET_ATTRIBUTE, number(SCARD_ATTR_VENDOR_NAME)},
+    {"GET_ATTRIBUTE, a number", IOCTL_SMARTCARD_GET_ATTRIBUTE, number(SCARD_ATTR_MAX_CLK)},
+    {"GET_ATTRIBUTE, the protocol", IOCTL_SMARTCARD_GET_ATTRIBUTE,
+     number(SCARD_ATTR_CURRENT_PROTOCOL_TYPE)},
+    {"GET_ATTRIBUTE, the unit", IOCTL_SMARTCARD_GET_ATTRIBUTE, number(SCARD_ATTR_DEVICE_UNIT)},
+    {"SET_ATTRIBUTE", IOCTL_SMARTCARD_SET_ATTRIBUTE, number(SCARD_ATTR_DEVICE_IN_USE)},
+    {"POWER, down", IOCTL_SMARTCARD_POWER, number(SCARD_POWER_DOWN)},
+};
+
+void measureCommands(Driver& driver, const BareExchange& bare, int rounds, int count) {
+  Samples byteTimes("a byte there and back");
+  Samples bareTimes("bare exchange");
+  Samples transmitTimes("TRANSMIT");
+  Samples resetTimes("POWER, cold reset");
+  std::vector<Samples> stateTimes;
+  for (const Control& each : kFromState) stateTimes.emplace_back(each.name);
+  const Bytes coldReset = number(SCARD_COLD_RESET);
+  for (int round = 0; round < rounds; ++round) {
+    byteTimes.measure(count, [&] { bare.runByte(); });
+    bareTimes.measure(count, [&] { bare.run(kCommand.data(), kCommand.size()); });
+    resetTimes.measure(count, [&] { driver.control(IOCTL_SMARTCARD_POWER, coldReset); });
+    driver.control(IOCTL_SMARTCARD_SET_PROTOCOL, number(SCARD_PROTOCOL_T1));
+    transmitTimes.measure(count, [&] { driver.control(IOCTL_SMARTCARD_TRANSMIT, kTransmit); });
+    for (std::size_t i = 0; i < kFromState.size(); ++i) {
+      const Control& each = kFromState[i];
+      stateTimes[i].measure(count, [&] { driver.control(each.code, each.input); });
+    }
+  }
+  for (Samples* times : {&byteTimes, &bareTimes, &transmitTimes, &resetTimes}) times->print();
+  for (Samples& times : stateTimes) times.print();
+}
+
+// From the agent's event to the completion of the request that waits for it.
+void measureEvents(Driver& driver, AgentProcess& agent, int count) {
+  Samples removals("removal to completion");
+  Samples insertions("insertion to completion");
+  Clock::time_point completed;
+  for (int i = 0; i < count; ++i) {
+    auto operation = driver.wait(IOCTL_SMARTCARD_IS_ABSENT, &completed);
+    Clock::time_point sent = agent.move("remove");
+    operation->wait(kLimit);
+    removals.add(completed - sent);
+    operation = driver.wait(IOCTL_SMARTCARD_IS_PRESENT, &completed);
+    sent = agent.move("insert");
+    operation->wait(kLimit);
+    insertions.add(completed - sent);
+  }
+  insertions.print();
+  removals.print();
+}
+
+void run(int rounds, int count) {
+  const BareExchange bare;
+  AgentProcess agent(ZELTA_LEAST_AGENT);
+  Driver driver;
+  Clock::time_point cardSeen;
+  if (!driver.wait(IOCTL_SMARTCARD_IS_PRESENT, &cardSeen)->wait(kLimit)) {
+    std::fprintf(stderr, "the card did not come in\n");
+    std::exit(1);
+  }
+  measureCommands(driver, bare, rounds, count);
+  measureEvents(driver, agent, rounds * count / 20);
+}
+
+}  // namespace
+}  // namespace zelta::benchmarks
+
+int main(int argc, char** argv) {
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: %s ROUNDS COUNT\n", argv[0]);
+    return 2;
+  }
+  zelta::benchmarks::run(std::atoi(argv[1]), std::atoi(argv[2]));
+}

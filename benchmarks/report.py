@@ -1,0 +1,153 @@
+"""The table and the chart of what was measured. No measuring here: values in, text out."""
+
+import collections
+import html
+
+BEGIN, END = "<!-- measured: begin -->", "<!-- measured: end -->"
+
+# `driver`, `ours` and `least` are times by name, `movements` is what measurements.card_movements
+# gives, `calls` what measurements.system_calls does.
+Results = collections.namedtuple("Results", "driver ours least movements calls machine")
+# `ratio`: whether the bare exchange is what it is compared with.
+Row = collections.namedtuple("Row", "what median p90 limit target ratio",
+                             defaults=(None, "", True))
+
+BARE_FACTOR, LONG_FACTOR = 2.5, 4
+INSERTION, REMOVAL, BURST = 800, 400, 500_000  # microseconds
+
+
+def floor_of(results):
+    return results.ours["bare exchange"].median
+
+
+def pcscd_rows(results):
+    ours, least, moves = results.ours, results.least, results.movements
+    short = ours["null, short"].median + BARE_FACTOR * floor_of(results)
+    long = LONG_FACTOR * ours["null, 65 kB"].median
+
+    def row(what, time, *rest):
+        return Row(what, time.median, time.p90, *rest)
+
+    return [
+        row("bare exchange of the same bytes", ours["bare exchange"]),
+        row("short command, handler that answers at once", ours["null, short"]),
+        row("short command, reader, least agent", least["reader, short"]),
+        row("short command, reader, our agent", ours["reader, short"], short,
+            f"at once + {BARE_FACTOR} x bare"),
+        row("65 kB answer, handler that answers at once", ours["null, 65 kB"]),
+        row("65 kB answer, reader, least agent", least["reader, 65 kB"]),
+        row("65 kB answer, reader, our agent", ours["reader, 65 kB"], long,
+            f"{LONG_FACTOR} x at once"),
+        row("insertion seen by a client", moves["insertion"], INSERTION, "0.8 ms", False),
+        row("removal seen by a client", moves["removal"], REMOVAL, "0.4 ms", False),
+        Row(f"card seen as it is after {moves['swaps']} swaps in a row", moves["after burst"], None,
+            BURST if moves["seen"] else 0, "0.5 s", False),
+        Row(f"quick swaps missed, of {moves['swaps']} one by one", moves["missed"], None, 0, "0",
+            False),
+    ]
+
+
+def driver_rows(results):
+    return [Row(name, time.median, time.p90) for name, time in results.driver.items()]
+
+
+def number(value):
+    if value is None:
+        return ""
+    return f"{value:.0f}" if value >= 100 or value == 0 else f"{value:.1f}"
+
+
+def verdict(row):
+    if row.limit is None:
+        return ""
+    return f"{row.target}: {number(row.limit)}, {'kept' if row.median <= row.limit else 'MISSED'}"
+
+
+def table(head, lines):
+    """Markdown that is aligned, to be read as it is."""
+    widths = [max(len(str(line[i])) for line in (head, *lines)) for i in range(len(head))]
+
+    def text(line):
+        cells = [str(cell).ljust(width) if i == 0 else str(cell).rjust(width)
+                 for i, (cell, width) in enumerate(zip(line, widths))]
+        return f"| {' | '.join(cells)} |"
+
+    rule = "|".join("-" * (width + 1) + ("-" if i == 0 else ":") for i, width in enumerate(widths))
+    return "\n".join([text(head), f"|{rule}|", *map(text, lines)])
+
+
+def times_table(title, rows, floor):
+    lines = [(row.what, number(row.median), number(row.p90),
+              f"{row.median / floor:.1f}" if row.ratio else "",
+              verdict(row)) for row in rows]
+    return table((title, "median", "90 %", "x bare", "target"), lines)
+
+
+def calls_table(calls):
+    if calls is None:
+        return "System calls were not counted: strace is not there or may not trace."
+    names = sorted({name for each in calls.values() for name in each},
+                   key=lambda name: -max(each.get(name, 0) for each in calls.values()))
+    lines = [(name, *(f"{each.get(name, 0):.1f}" for each in calls.values())) for name in names
+             if any(each.get(name, 0) >= 0.05 for each in calls.values())]
+    lines.append(("all", *(f"{sum(each.values()):.1f}" for each in calls.values())))
+    return table(("System calls of a short command", *calls), lines)
+
+
+def text(results):
+    return "\n\n".join([
+        f"Times in microseconds on {results.machine}.",
+        times_table("Through pcscd", pcscd_rows(results), floor_of(results)),
+        times_table("The driver alone, with the least agent", driver_rows(results),
+                    results.driver["bare exchange"].median),
+        calls_table(results.calls)])
+
+
+def rewritten(page, results):
+    """The page with what stands between its marks replaced."""
+    before, begin, rest = page.partition(BEGIN)
+    _, end, after = rest.partition(END)
+    if not begin or not end:
+        raise ValueError(f"the page has no {BEGIN} and {END}")
+    return f"{before}{BEGIN}\n{text(results)}\n{END}{after}"
+
+
+BAR, GAP, LEFT, WIDTH = 22, 8, 250, 760
+
+
+def bars(rows, top):
+    """A group of bars of one scale, with the target as a line on its own bar."""
+    scale = (WIDTH - LEFT - 90) / max(max(row.median, row.limit or 0) for row in rows)
+    parts = []
+    for index, row in enumerate(rows):
+        y = top + index * (BAR + GAP)
+        end = LEFT + row.median * scale
+        colour = "#2a6f97" if row.limit is None or row.median <= row.limit else "#c1121f"
+        parts.append(f'<text x="{LEFT - 10}" y="{y + 16}" text-anchor="end">'
+                     f'{html.escape(row.what.partition(", ")[2] or row.what)}</text>')
+        parts.append(f'<rect x="{LEFT}" y="{y}" width="{end - LEFT:.1f}" height="{BAR}" '
+                     f'fill="{colour}"/>')
+        parts.append(f'<text x="{end + 8:.1f}" y="{y + 16}">{number(row.median)} µs</text>')
+        if row.limit:
+            x = LEFT + row.limit * scale
+            parts.append(f'<line x1="{x:.1f}" x2="{x:.1f}" y1="{y - 3}" y2="{y + BAR + 3}" '
+                         f'stroke="#000" stroke-width="2" stroke-dasharray="3 2"/>')
+    return parts, top + len(rows) * (BAR + GAP)
+
+
+def chart(results):
+    rows = pcscd_rows(results)
+    parts, y = [], 20
+    for title, group in (("A short command through pcscd", rows[:4]),
+                         ("An answer of 65 kB through pcscd", rows[4:7]),
+                         ("Seen by a client", rows[7:9])):
+        parts.append(f'<text x="10" y="{y}" font-weight="bold">{title}</text>')
+        drawn, y = bars(group, y + 12)
+        parts += drawn
+        y += 24
+    parts.append(f'<text x="10" y="{y}" fill="#555">Medians; dashed: the target. '
+                 f'{html.escape(results.machine)}</text>')
+    return "\n".join([
+        f'<svg xmlns="http://www.w3.org/2000/svg" width="{WIDTH}" height="{y + 14}" '
+        f'font-family="sans-serif" font-size="13">',
+        '<rect width="100%" height="100%" fill="#fff"/>', *parts, "</svg>", ""])

@@ -1,0 +1,45 @@
+// The driver's device, which the open channels share: brought up at the beginning, and anew when
+// one of its readers has stopped serving.
+//
+// Ownership: owns the driver host. Threads: any. Locks: the mutex is held while the device comes up
+// or goes down, which may take as long as the driver takes to end what it does; no lock of the
+// module's, the host's or a channel's is held by whoever waits for it.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "host/driver_host.h"
+#include "platform/sync.h"
+
+namespace zelta::pcsc {
+
+class Device {
+ public:
+  // Brings it up. Throws HostError.
+  explicit Device(std::unique_ptr<host::DriverHost> host);
+  Device(const Device&) = delete;
+  Device& operator=(const Device&) = delete;
+
+  // Which bring-up a file belongs to.
+  using Generation = unsigned;
+
+  // Null where the driver has no such reader. `generation` is set in any case.
+  std::shared_ptr<host::File> open(std::uint32_t readerIndex, Generation* generation)
+      ZELTA_EXCLUDES(mutex_);
+  // The same after the device was taken down and brought up, unless that has been done since
+  // `*generation`. Null also after `shutDown`. Throws HostError where the device does not come up;
+  // it is down then.
+  std::shared_ptr<host::File> renew(std::uint32_t readerIndex, Generation* generation)
+      ZELTA_EXCLUDES(mutex_);
+  // Takes the device down for good.
+  void shutDown() noexcept ZELTA_EXCLUDES(mutex_);
+
+ private:
+  platform::Mutex mutex_;
+  const std::unique_ptr<host::DriverHost> host_;  // brought up and down with the mutex held
+  Generation generation_ ZELTA_GUARDED_BY(mutex_) = 0;
+  bool shutDown_ ZELTA_GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace zelta::pcsc

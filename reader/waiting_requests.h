@@ -1,0 +1,89 @@
+// The requests that wait in a reader for a card to come or to go, and how often one has.
+//
+// A presence request is queued here once the agent has answered that it has to wait. A card event
+// that arrives between the question and the queueing does not find the request; the counts reveal
+// such an event (docs/threads.md).
+//
+// Ownership: the reader's. The device outlives it. No reference is held on a request.
+//
+// Threads: what needs the device lock says so. `any` and `count` may be called without it; what
+// `any` gives is then a hint. Adding an insertion request takes the request list mutex below the
+// device lock, and wakes whoever waits for one with that mutex.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+#include "driver/reader_device.h"
+#include "platform/sync.h"
+#include "reader/pending_requests.h"
+
+namespace zelta {
+
+// What a request waits for. A card whose agent is lost counts as removed.
+enum class CardEvent : std::uint8_t { Inserted, Removed };
+
+class WaitingRequests {
+ public:
+  explicit WaitingRequests(ReaderDevice& device) : device_(device) {}
+  WaitingRequests(const WaitingRequests&) = delete;
+  WaitingRequests& operator=(const WaitingRequests&) = delete;
+
+  platform::CriticalSection& deviceLock() ZELTA_RETURN_CAPABILITY(device_.deviceLock()) {
+    return device_.deviceLock();
+  }
+  // For a caller that holds the device lock by another name than `deviceLock`.
+  void assumeDeviceLock() ZELTA_ASSERT_CAPABILITY(device_.deviceLock()) {}
+  // The request list mutex.
+  platform::Mutex& mutex() ZELTA_RETURN_CAPABILITY(mutex_) { return mutex_; }
+
+  // Whether a request waits for the event.
+  bool any(CardEvent awaited) const;
+  // Throws std::bad_alloc, and leaves everything as it was, if there is no memory.
+  void add(CardEvent awaited, IoRequest& request) ZELTA_REQUIRES(device_.deviceLock());
+  // Takes a request out without completing it; false if it does not wait for the event.
+  bool remove(CardEvent awaited, const IoRequest& request) ZELTA_REQUIRES(device_.deviceLock());
+  // Completes what waits for the event, newest first, with the status and no output. A request that
+  // is being cancelled only leaves its list: its cancel callback completes it.
+  void completeAll(CardEvent awaited, framework::HRESULT status)
+      ZELTA_REQUIRES(device_.deviceLock());
+  // The same for the newest alone, as cancelled and without a byte count.
+  void cancelNewest(CardEvent awaited) ZELTA_REQUIRES(device_.deviceLock());
+
+  // An event has come.
+  void note(CardEvent event) ZELTA_REQUIRES(device_.deviceLock());
+  // How often it has.
+  std::uint64_t count(CardEvent event) const;
+  // The last one; removed if there was none.
+  CardEvent last() const ZELTA_REQUIRES(device_.deviceLock()) { return last_; }
+
+  // Waits until an insertion request waits or `stopped`, run with the mutex held, is true; at most
+  // `limit`. False if neither has come about. A request may be cancelled again at any time, so
+  // whoever looks for it afterwards may find none.
+  template <typename Stopped>
+  bool awaitInsertionRequest(platform::MutexLock& lock, std::chrono::milliseconds limit,
+                             Stopped stopped) ZELTA_REQUIRES(mutex_) {
+    return insertionRequestCame_.waitFor(lock, limit,
+                                         [&] { return stopped() || any(CardEvent::Inserted); });
+  }
+  // Lets whoever waits there look at `stopped` again.
+  void wakeInsertionWait() ZELTA_EXCLUDES(mutex_);
+
+ private:
+  PendingRequests& list(CardEvent awaited) ZELTA_REQUIRES(device_.deviceLock()) {
+    return lists_[static_cast<std::size_t>(awaited)];
+  }
+
+  ReaderDevice& device_;
+  std::array<PendingRequests, 2> lists_ ZELTA_GUARDED_BY(device_.deviceLock());
+  std::array<std::atomic<std::uint64_t>, 2> counts_{};  // written with the device lock held
+  CardEvent last_ ZELTA_GUARDED_BY(device_.deviceLock()) = CardEvent::Removed;
+  // Held as well while an insertion request is added.
+  platform::Mutex mutex_ ZELTA_ACQUIRED_AFTER(device_.deviceLock());
+  platform::ConditionVariable insertionRequestCame_;
+};
+
+}  // namespace zelta

@@ -1,0 +1,310 @@
+// The exchanges on the command pipe: their bytes, call by call, their results and log lines.
+#include <gtest/gtest.h>
+
+#include "agent_link/wire.h"
+#include "driver/smartcard_ioctl.h"
+#include "tests/agent_link/scripted_link.h"
+
+namespace zelta::test {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+using Records = std::vector<LogRecord>;
+using Trace = std::vector<std::string>;
+
+constexpr std::uint32_t kNoData = platform::error::kNoData;
+constexpr std::uint32_t kBroken = platform::error::kBrokenPipe;
+
+const Bytes kAtr = {0x3B, 0x95, 0x13, 0x81, 0x01};
+const Bytes kSelect = {0x00, 0xA4, 0x04, 0x00};
+const Bytes kNotAccepted = {0x69, 0x01};
+constexpr char kRemoved[] =
+    "[QueryTransmit]The card was removed, responding request with \"Command Not Accepted\"";
+
+class Queries : public ScriptedLink {
+ protected:
+  QueryResult transmit(const Bytes& command) { return reader().QueryTransmit(command, response_); }
+  QueryResult queryAtr(bool reset = true) { return reader().QueryAtr(atr_, reset); }
+
+  Bytes atr_;
+  Bytes response_;
+};
+
+TEST_F(Queries, AtrWithResetSendsCommandZero) {
+  startAccepted();
+  agentAnswers(number(5, kAtr));
+  EXPECT_EQ(queryAtr(true), QueryResult::Success);
+  EXPECT_EQ(atr_, kAtr);
+  EXPECT_EQ(trace(),
+            (Trace{"write command 00000000", "flush command", "read command 4", "read command 5"}));
+  EXPECT_EQ(log_.records(), Records{info("[QueryATR]ATR:3B95138101")});
+}
+
+TEST_F(Queries, AtrWithoutResetSendsCommandOne) {
+  startAccepted();
+  agentAnswers(number(5, kAtr));
+  EXPECT_EQ(queryAtr(false), QueryResult::Success);
+  EXPECT_EQ(trace().front(), "write command 01000000");
+}
+
+TEST_F(Queries, CheckSendsCommandOne) {
+  startAccepted();
+  agentAnswers(number(5, kAtr));
+  EXPECT_EQ(reader().CheckATR(), QueryResult::Success);
+  EXPECT_EQ(trace(),
+            (Trace{"write command 01000000", "flush command", "read command 4", "read command 5"}));
+  EXPECT_EQ(log_.records(), Records{info("[CheckATR]ATR:3B95138101")});
+}
+
+TEST_F(Queries, AtrReplacesWhatTheVectorHeld) {
+  startAccepted();
+  atr_ = Bytes(40, 0xEE);
+  agentAnswers(number(5, kAtr));
+  EXPECT_EQ(queryAtr(), QueryResult::Success);
+  EXPECT_EQ(atr_, kAtr);
+}
+
+TEST_F(Queries, TransmitWritesCodeLengthAndApduOnTheirOwn) {
+  startAccepted();
+  agentAnswers(number(3, {0xAB, 0x90, 0x00}));
+  EXPECT_EQ(transmit(kSelect), QueryResult::Success);
+  EXPECT_EQ(response_, (Bytes{0xAB, 0x90, 0x00}));
+  EXPECT_EQ(trace(),
+            (Trace{"write command 02000000", "write command 04000000", "write command 00A40400",
+                   "flush command", "read command 4", "read command 3"}));
+  EXPECT_TRUE(log_.records().empty()) << "a response is not logged";
+}
+
+TEST_F(Queries, CardReadyIsOneWriteWithoutFlushOrAnswer) {
+  startAccepted();
+  EXPECT_TRUE(reader().NotifyCardReady());
+  EXPECT_EQ(trace(), Trace{"write command 03000000"});
+  EXPECT_EQ(log_.records(), Records{info("[NotifyCardReady]Notification sent")});
+}
+
+TEST_F(Queries, CardReadyThatCannotBeSentIsLoggedWithoutTag) {
+  pipes_.fail(PipeCallKind::Write, kNoData);
+  startAccepted();
+  EXPECT_FALSE(reader().NotifyCardReady());
+  EXPECT_EQ(log_.records(), Records{error(kNoData, "Failed to send ready notification")});
+}
+
+TEST_F(Queries, EmptyApduIsAnsweredWithoutTouchingThePipe) {
+  startAccepted();
+  EXPECT_EQ(transmit({}), QueryResult::Success);
+  EXPECT_EQ(response_, kNotAccepted);
+  EXPECT_TRUE(trace().empty());
+  EXPECT_EQ(log_.records(),
+            Records{error(kNoError, "[QueryTransmit]Empty APDU, command not accepted")});
+}
+
+TEST_F(Queries, FailedFlushIsIgnored) {
+  pipes_.fail(PipeCallKind::Flush, kBroken, 1, 3);
+  startAccepted();
+  agentAnswers(number(5, kAtr));
+  agentAnswers(number(5, kAtr));
+  agentAnswers(number(2, {0x90, 0x00}));
+  EXPECT_EQ(queryAtr(), QueryResult::Success);
+  EXPECT_EQ(reader().CheckATR(), QueryResult::Success);
+  EXPECT_EQ(transmit(kSelect), QueryResult::Success);
+  EXPECT_TRUE(log_.errors().empty());
+}
+
+TEST_F(Queries, ZeroAtrLengthFailsAndNothingFurtherIsRead) {
+  startAccepted();
+  agentAnswers(number(0));
+  EXPECT_EQ(queryAtr(), QueryResult::Failure);
+  EXPECT_EQ(trace(), (Trace{"write command 00000000", "flush command", "read command 4"}));
+  EXPECT_EQ(log_.records(), Records{error(kNoError, "[QueryATR]Invalid ATR size (0)")});
+}
+
+TEST_F(Queries, ZeroAtrLengthMeansNoCardToTheCheck) {
+  startAccepted();
+  agentAnswers(number(0));
+  EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
+  EXPECT_EQ(trace(), (Trace{"write command 01000000", "flush command", "read command 4"}));
+  EXPECT_EQ(log_.records(), Records{error(kNoError, "[CheckATR]Invalid ATR size (0)")});
+}
+
+TEST_F(Queries, FailedAtrReadLeavesTheNewLength) {
+  pipes_.fail(PipeCallKind::Read, kBroken, 2, 1, commandPipeName(0));
+  startAccepted();
+  agentAnswers(number(33));
+  EXPECT_EQ(queryAtr(), QueryResult::Failure);
+  EXPECT_EQ(atr_.size(), 33u);
+  EXPECT_EQ(log_.records(), Records{error(kBroken, "[QueryATR]Failed to read ATR data")});
+}
+
+TEST_F(Queries, LongAtrIsLoggedAsFarAsALineGoes) {
+  startAccepted();
+  agentAnswers(number(300, Bytes(300, 0xA5)));
+  EXPECT_EQ(queryAtr(), QueryResult::Success);
+  EXPECT_EQ(atr_.size(), 300u);
+  std::string text = "[QueryATR]ATR:";
+  while (text.size() < 255) text += (text.size() % 2 == 0) ? 'A' : '5';
+  EXPECT_EQ(log_.records(), Records{info(text)});
+}
+
+TEST_F(Queries, PayloadOfExactlyOneBlockIsReadByOneCall) {
+  startAccepted();
+  agentAnswers(number(PipeStream::kReadBlock, Bytes(PipeStream::kReadBlock, 7)));
+  EXPECT_EQ(transmit(kSelect), QueryResult::Success);
+  EXPECT_EQ(trace().back(), "read command 1048576");
+  EXPECT_EQ(response_, Bytes(PipeStream::kReadBlock, 7));
+}
+
+TEST_F(Queries, LongerPayloadIsReadInBlocks) {
+  startAccepted();
+  const std::uint32_t length = 2 * PipeStream::kReadBlock + 10;
+  Bytes payload(length);
+  for (std::size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<std::uint8_t>(i >> 12);
+  agentAnswers(number(length, payload));
+  EXPECT_EQ(transmit(kSelect), QueryResult::Success);
+  const Trace calls = trace();
+  ASSERT_GE(calls.size(), 3u);
+  EXPECT_EQ(Trace(calls.end() - 3, calls.end()),
+            (Trace{"read command 1048576", "read command 1048576", "read command 10"}));
+  EXPECT_EQ(response_, payload);
+}
+
+// A late answer stays in the pipe and is read as the next one's beginning: deliberate, and the
+// reason why an agent must not send one.
+TEST_F(Queries, WhatIsLeftInThePipeIsReadAsTheNextAnswer) {
+  AgentLinkTimes times;
+  times.query = std::chrono::milliseconds(1);
+  startAccepted(times);
+  EXPECT_EQ(transmit(kSelect), QueryResult::Timeout);
+  agentAnswers(number(2, {0x90, 0x00}));
+  agentAnswers(number(2, {0x6A, 0x82}));
+  EXPECT_EQ(transmit(kSelect), QueryResult::Success);
+  EXPECT_EQ(response_, (Bytes{0x90, 0x00}));
+}
+
+// One failing call of an exchange: which, how the result and the log look.
+struct Step {
+  const char* name;
+  PipeCallKind kind;
+  unsigned call;  // of its kind on the command pipe
+  const char* text;
+};
+
+void PrintTo(const Step& step, std::ostream* out) { *out << step.name; }
+
+class AtrSteps : public Queries, public ::testing::WithParamInterface<Step> {};
+
+TEST_P(AtrSteps, FailureIsLoggedWithTheSystemsErrorAndEndsTheExchange) {
+  const Step& step = GetParam();
+  pipes_.fail(step.kind, kBroken, step.call, 1, commandPipeName(0));
+  startAccepted();
+  agentAnswers(number(5, kAtr));
+  const bool check = std::string(step.text).rfind("[CheckATR]", 0) == 0;
+  EXPECT_EQ(check ? reader().CheckATR() : queryAtr(), QueryResult::Failure);
+  EXPECT_EQ(log_.records(), Records{error(kBroken, step.text)});
+  const std::string last = trace().back();
+  EXPECT_EQ(last.substr(0, last.find(' ')), step.kind == PipeCallKind::Write ? "write" : "read");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, AtrSteps,
+    ::testing::Values(
+        Step{"QueryWrite", PipeCallKind::Write, 1, "[QueryATR]Failed to write ATR request command"},
+        Step{"QuerySize", PipeCallKind::Read, 1, "[QueryATR]Failed to read ATR size"},
+        Step{"QueryData", PipeCallKind::Read, 2, "[QueryATR]Failed to read ATR data"},
+        Step{"CheckWrite", PipeCallKind::Write, 1, "[CheckATR]Failed to write QueryAtr command"},
+        Step{"CheckSize", PipeCallKind::Read, 1, "[CheckATR]Failed to read ATR size"},
+        Step{"CheckData", PipeCallKind::Read, 2, "[CheckATR]Failed to read ATR"}),
+    [](const auto& instance) { return instance.param.name; });
+
+class TransmitSteps : public Queries, public ::testing::WithParamInterface<Step> {
+ protected:
+  void prepare() {
+    const Step& step = GetParam();
+    if (step.call != 0) pipes_.fail(step.kind, kBroken, step.call, 1, commandPipeName(0));
+    startAccepted();
+    agentAnswers(step.call != 0 ? number(2, {0x90, 0x00}) : number(0));
+  }
+};
+
+TEST_P(TransmitSteps, FailsWhileTheCardIsThere) {
+  prepare();
+  makeCardPresent();
+  log_.clear();
+  response_ = {1, 2, 3};
+  EXPECT_EQ(transmit(kSelect), QueryResult::Failure);
+  const Records errors = log_.records();
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_EQ(errors[0].text, GetParam().text);
+  EXPECT_EQ(errors[0].level, static_cast<std::uint8_t>(LogLevel::Error));
+  // A zero length is no failure of the system's: its code is whatever the last error was.
+  if (GetParam().call != 0) {
+    EXPECT_EQ(errors[0].code, static_cast<std::int32_t>(kBroken));
+  }
+  const bool payloadFailed = std::string(GetParam().name) == "Response";
+  EXPECT_EQ(response_, payloadFailed ? Bytes{} : (Bytes{1, 2, 3}));
+}
+
+TEST_P(TransmitSteps, IsAnsweredNotAcceptedOnceTheCardIsGone) {
+  prepare();
+  ASSERT_EQ(reader().state(), SCARD_ABSENT);
+  EXPECT_EQ(transmit(kSelect), QueryResult::Success);
+  EXPECT_EQ(response_, kNotAccepted);
+  EXPECT_EQ(log_.records(), Records{info(kRemoved)});
+  const std::vector<ByteDump> dumps = log_.byteDumps();
+  ASSERT_EQ(dumps.size(), 1u);
+  EXPECT_EQ(dumps[0].bytes, kSelect);
+  EXPECT_EQ(dumps[0].bytesPerLine, 16u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, TransmitSteps,
+    ::testing::Values(
+        Step{"Command", PipeCallKind::Write, 1,
+             "[QueryTransmit]Failed to write QueryTransmit command"},
+        Step{"Size", PipeCallKind::Write, 2, "[QueryTransmit]Failed to write APDU request size"},
+        Step{"Apdu", PipeCallKind::Write, 3, "[QueryTransmit]Failed to write APDU request"},
+        Step{"ResponseSize", PipeCallKind::Read, 1,
+             "[QueryTransmit]Failed to read APDU response size"},
+        Step{"ZeroSize", PipeCallKind::Read, 0, "[QueryTransmit]Invalid APDU response size (0)"},
+        Step{"Response", PipeCallKind::Read, 2, "[QueryTransmit]Failed to read APDU response"}),
+    [](const auto& instance) { return instance.param.name; });
+
+// A reader whose pipes could not be created.
+class QueriesWithoutPipe : public Queries {
+ protected:
+  void startWithout() {
+    start();
+    ASSERT_TRUE(log_.waitFor("Failed to create command named pipe '" + commandPipeName(0) + "'"));
+    log_.clear();
+    forgetCalls();
+  }
+  void SetUp() override {
+    pipes_.fail(PipeCallKind::Create, platform::error::kAccessDenied);
+    startWithout();
+  }
+  void TearDown() override { EXPECT_TRUE(trace().empty()); }
+};
+
+TEST_F(QueriesWithoutPipe, AtrFails) {
+  EXPECT_EQ(queryAtr(), QueryResult::Failure);
+  EXPECT_EQ(log_.records(), Records{error(kNoError, "[QueryATR]Invalid named pipe handle")});
+}
+
+TEST_F(QueriesWithoutPipe, CheckFails) {
+  EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
+  EXPECT_EQ(log_.records(), Records{error(kNoError, "[CheckATR]Invalid named pipe handle")});
+}
+
+TEST_F(QueriesWithoutPipe, TransmitFailsEvenWithoutACardAndWithAnEmptyApdu) {
+  EXPECT_EQ(transmit({}), QueryResult::Failure);
+  EXPECT_EQ(transmit(kSelect), QueryResult::Failure);
+  const LogRecord expected = error(kNoError, "[QueryTransmit]Invalid named pipe handle");
+  EXPECT_EQ(log_.records(), (Records{expected, expected}));
+}
+
+TEST_F(QueriesWithoutPipe, CardReadyFails) {
+  EXPECT_FALSE(reader().NotifyCardReady());
+  EXPECT_EQ(log_.records(), Records{error(kNoError, "[NotifyCardReady]Invalid named pipe handle")});
+}
+
+}  // namespace
+}  // namespace zelta::test

@@ -1,0 +1,121 @@
+#include "agent_link/exchange_turn.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <optional>
+#include <thread>
+
+namespace zelta::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kLong = 10min;
+
+const auto kNobodyToEnd = [] { return false; };
+
+class ExchangeTurnTest : public ::testing::Test {
+ protected:
+  void take() {
+    ASSERT_TRUE(turn_.take(kLong, kNobodyToEnd));
+    held_.emplace(turn_);
+  }
+  void giveUp() { held_.reset(); }
+
+  ExchangeTurn turn_;
+  std::optional<ExchangeTurn::Holder> held_;
+};
+
+TEST_F(ExchangeTurnTest, ThatNobodyHoldsIsTakenAtOnce) {
+  take();
+  giveUp();
+  take();
+}
+
+TEST_F(ExchangeTurnTest, IsWaitedForUntilItIsGivenUp) {
+  take();
+  std::atomic<bool> gaveUp{false};
+  auto other = std::async(std::launch::async, [&] {
+    const bool mine = turn_.take(kLong, kNobodyToEnd);
+    EXPECT_TRUE(gaveUp);
+    return mine;
+  });
+  gaveUp = true;
+  giveUp();
+  EXPECT_TRUE(other.get());
+}
+
+TEST_F(ExchangeTurnTest, ThatIsNotGivenUpInTimeIsNotTaken) {
+  take();
+  bool asked = false;
+  EXPECT_FALSE(turn_.take(1ms, [&] {
+    asked = true;
+    return false;
+  }));
+  EXPECT_TRUE(asked);
+  giveUp();
+  take();  // whoever gave up waiting is not in the order any more
+}
+
+TEST_F(ExchangeTurnTest, WhoseHolderIsEndedIsTaken) {
+  take();
+  std::thread holder;
+  EXPECT_TRUE(turn_.take(1ms, [&] {
+    holder = std::thread([this] { giveUp(); });
+    return true;
+  }));
+  holder.join();
+}
+
+TEST_F(ExchangeTurnTest, WhoseHolderDoesNotEndInTimeIsNotTaken) {
+  take();
+  EXPECT_FALSE(turn_.take(1ms, [] { return true; }));
+}
+
+// The one that was there first has it, and the other does not wait for that one as well.
+TEST_F(ExchangeTurnTest, OfAnEndedHolderIsTheNextOnesInTheOrder) {
+  take();
+  std::promise<void> firstWaits;
+  std::promise<void> ended;
+  auto first = std::async(std::launch::async, [&] {
+    return turn_.take(1ms, [&] {
+      firstWaits.set_value();
+      ended.get_future().wait();
+      return true;
+    });
+  });
+  firstWaits.get_future().wait();
+  EXPECT_FALSE(turn_.take(1ms, [&] {
+    giveUp();
+    ended.set_value();
+    return true;
+  }));
+  EXPECT_TRUE(first.get());
+}
+
+TEST_F(ExchangeTurnTest, IsNeverTwoThreadsAtOnce) {
+  std::atomic<int> inside{0};
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 4; ++thread) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 500; ++i) {
+        // Some give up waiting.
+        const auto limit = i % 3 == 0 ? std::chrono::microseconds(0) : 10s;
+        if (!turn_.take(std::chrono::duration_cast<std::chrono::milliseconds>(limit),
+                        kNobodyToEnd)) {
+          continue;
+        }
+        const ExchangeTurn::Holder holder(turn_);
+        EXPECT_EQ(++inside, 1);
+        --inside;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  take();
+}
+
+}  // namespace
+}  // namespace zelta::test

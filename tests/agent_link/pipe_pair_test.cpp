@@ -1,0 +1,380 @@
+// The two pipes of a reader: how they are created, connected and disconnected.
+#include <gtest/gtest.h>
+
+#include "agent_link/wire.h"
+#include "driver/status.h"
+#include "tests/agent_link/scripted_link.h"
+#include "tests/support/link_agent.h"
+#include "tests/support/serialising_pipes.h"
+#include "tests/support/system.h"
+
+namespace zelta::test {
+namespace {
+
+using Records = std::vector<LogRecord>;
+using Trace = std::vector<std::string>;
+
+constexpr std::uint32_t kDenied = platform::error::kAccessDenied;
+
+// A failed connect is retried after so long: once per test at most.
+constexpr std::chrono::hours kNever{1};
+
+std::string printed(const void* handle) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%p", handle);
+  return text;
+}
+
+class Pipes : public ScriptedLink {
+ protected:
+  // Without the lines of requests and queries.
+  Records pipeRecords() const {
+    Records records;
+    for (const LogRecord& record : log_.records()) {
+      if (record.text.front() != '[') records.push_back(record);
+    }
+    return records;
+  }
+};
+
+TEST_F(Pipes, PipesAreCreatedForTheServiceAccountsOnly) {
+  startCreated();
+  const std::vector<PipeCall> converted = pipes_.calls(PipeCallKind::Convert);
+  ASSERT_EQ(converted.size(), 1u);
+  EXPECT_EQ(converted[0].text,
+            "D:(D;OICI;GA;;;BG)(D;OICI;GA;;;AN)(A;OICI;GA;;;LS)(A;OICI;GA;;;SY)");
+  for (const PipeCall& created : pipes_.calls(PipeCallKind::Create)) {
+    EXPECT_EQ(created.arguments.securityDescriptor, pipes_.descriptor());
+  }
+}
+
+TEST_F(Pipes, PipesAreCreatedCommandFirstWithTheSameArguments) {
+  startCreated();
+  const std::vector<PipeCall> created = pipes_.calls(PipeCallKind::Create);
+  ASSERT_EQ(created.size(), 2u);
+  EXPECT_EQ(created[0].text, commandPipeName(0));
+  EXPECT_EQ(created[1].text, eventPipeName(0));
+  for (const PipeCall& call : created) {
+    EXPECT_EQ(call.arguments.openMode, 0x00080003u);
+    EXPECT_EQ(call.arguments.pipeMode, 0u);
+    EXPECT_EQ(call.arguments.maxInstances, 1u);
+    EXPECT_EQ(call.arguments.outBufferSize, 0u);
+    EXPECT_EQ(call.arguments.inBufferSize, 0u);
+    EXPECT_EQ(call.arguments.defaultTimeout, 0u);
+  }
+}
+
+TEST_F(Pipes, CreationIsLoggedWithNamesAndHandles) {
+  start();
+  ASSERT_TRUE(log_.waitFor(createdText(false)));
+  EXPECT_EQ(log_.records(), (Records{info(createdText(true)), info(createdText(false))}));
+}
+
+TEST_F(Pipes, DescriptorThatCannotBeMadeEndsTheThreadBeforeAnyPipe) {
+  pipes_.fail(PipeCallKind::Convert, 1332);
+  start();
+  ASSERT_TRUE(log_.waitFor("DACL cannot be created"));
+  stop();
+  EXPECT_TRUE(pipes_.calls(PipeCallKind::Create).empty());
+  EXPECT_EQ(log_.records().front(), error(1332, "DACL cannot be created"));
+  EXPECT_EQ(log_.count("Server thread completed"), 0u);
+}
+
+TEST_F(Pipes, FailedCommandPipeEndsTheThreadBeforeTheEventPipe) {
+  pipes_.fail(PipeCallKind::Create, kDenied);
+  start();
+  const std::string text = "Failed to create command named pipe '" + commandPipeName(0) + "'";
+  ASSERT_TRUE(log_.waitFor(text));
+  stop();
+  EXPECT_EQ(pipes_.calls(PipeCallKind::Create).size(), 1u);
+  EXPECT_EQ(log_.records().front(), error(kDenied, text));
+  EXPECT_EQ(log_.count("Server thread completed"), 0u);
+}
+
+TEST_F(Pipes, FailedEventPipeEndsTheThreadAndLeavesTheCommandPipe) {
+  pipes_.fail(PipeCallKind::Create, kDenied, 1, 1, eventPipeName(0));
+  start();
+  const std::string text = "Failed to create event named pipe '" + eventPipeName(0) + "'";
+  ASSERT_TRUE(log_.waitFor(text));
+  EXPECT_EQ(log_.records(), (Records{info(createdText(true)), error(kDenied, text)}));
+  // The command pipe is there, and nobody at its far end.
+  EXPECT_FALSE(reader().NotifyCardReady());
+  EXPECT_EQ(log_.records().back(),
+            error(platform::error::kPipeListening, "Failed to send ready notification"));
+  stop();
+  EXPECT_EQ(log_.count("Server thread completed"), 0u);
+}
+
+TEST_F(Pipes, ConnectsCommandThenEventAndLogsEach) {
+  pipes_.holdConnect(commandPipeName(0));
+  pipes_.holdConnect(eventPipeName(0));
+  pipes_.fail(PipeCallKind::Write, platform::error::kPipeListening, 1, 9);
+  startCreated();
+  waitForInsertion();
+  ASSERT_TRUE(pipes_.waitUntilBlocked(commandPipeName(0)));
+  EXPECT_TRUE(pipeRecords().empty());
+  pipes_.letConnect(commandPipeName(0));
+  ASSERT_TRUE(pipes_.waitUntilBlocked(eventPipeName(0)));
+  EXPECT_EQ(pipeRecords(), Records{info("Command named pipe connected")});
+  pipes_.letConnect(eventPipeName(0));
+  ASSERT_TRUE(log_.waitFor("Event named pipe connected"));
+  EXPECT_TRUE(log_.contains(info("Event named pipe connected")));
+}
+
+TEST_F(Pipes, ClientThatWasThereFirstCountsAsConnectedSilently) {
+  pipes_.fail(PipeCallKind::Write, platform::error::kPipeListening, 1, 9);
+  pipes_.fail(PipeCallKind::Connect, platform::error::kPipeConnected, 1, 1, commandPipeName(0));
+  pipes_.fail(PipeCallKind::Connect, platform::error::kIoPending, 1, 1, eventPipeName(0));
+  startCreated();
+  waitForInsertion();
+  ASSERT_TRUE(pipes_.waitUntilBlocked(eventPipeName(0)));
+  EXPECT_EQ(log_.records().back(), debug("Waiting for command..."));
+  EXPECT_EQ(log_.count("Command named pipe connected"), 0u);
+  EXPECT_EQ(log_.count("Event named pipe connected"), 0u);
+}
+
+TEST_F(Pipes, FailedCommandConnectIsLoggedAndTheEventPipeIsNotTried) {
+  pipes_.fail(PipeCallKind::Connect, 31);
+  AgentLinkTimes times;
+  times.reconnect = kNever;
+  startCreated(times);
+  waitForInsertion();
+  ASSERT_TRUE(log_.waitFor("Command named pipe NOT connected"));
+  EXPECT_EQ(pipeRecords(), Records{error(31, "Command named pipe NOT connected")});
+  stop();
+  EXPECT_EQ(pipes_.calls(PipeCallKind::Connect).size(), 1u);
+}
+
+TEST_F(Pipes, FailedEventConnectIsLogged) {
+  pipes_.fail(PipeCallKind::Connect, 31, 1, 1, eventPipeName(0));
+  AgentLinkTimes times;
+  times.reconnect = kNever;
+  startCreated(times);
+  waitForInsertion();
+  ASSERT_TRUE(log_.waitFor("Event named pipe NOT connected"));
+  EXPECT_EQ(pipeRecords(), (Records{info("Command named pipe connected"),
+                                    error(31, "Event named pipe NOT connected")}));
+}
+
+TEST_F(Pipes, FailedConnectIsRetried) {
+  pipes_.fail(PipeCallKind::Write, platform::error::kPipeListening, 1, 9);
+  pipes_.fail(PipeCallKind::Connect, 31, 1, 3, commandPipeName(0));
+  startCreated();
+  const auto begin = std::chrono::steady_clock::now();
+  waitForInsertion();
+  ASSERT_TRUE(pipes_.waitUntilBlocked(eventPipeName(0)));
+  EXPECT_EQ(log_.count("Command named pipe NOT connected"), 3u);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(300));
+}
+
+TEST_F(Pipes, ClientThatCameAndWentIsDroppedBeforeTheNextConnect) {
+  pipes_.fail(PipeCallKind::Write, platform::error::kPipeListening, 1, 9);
+  pipes_.fail(PipeCallKind::Connect, platform::error::kNoData, 1, 1, commandPipeName(0));
+  startCreated();
+  waitForInsertion();
+  ASSERT_TRUE(pipes_.waitUntilBlocked(eventPipeName(0)));
+  EXPECT_TRUE(log_.contains(error(platform::error::kNoData, "Command named pipe NOT connected")));
+  Trace calls = trace();
+  ASSERT_GE(calls.size(), 5u);
+  calls.resize(5);
+  EXPECT_EQ(calls, (Trace{"connect command", "cancel command", "disconnect command",
+                          "connect command", "connect event"}));
+}
+
+TEST_F(Pipes, NothingIsExchangedBeforeAClientWasAccepted) {
+  startCreated();
+  constexpr std::uint32_t kNobody = platform::error::kPipeListening;
+  std::vector<std::uint8_t> bytes;
+  EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
+  EXPECT_EQ(reader().QueryAtr(bytes, true), QueryResult::Failure);
+  EXPECT_FALSE(reader().NotifyCardReady());
+  EXPECT_EQ(log_.records(),
+            (Records{error(kNobody, "[CheckATR]Failed to write QueryAtr command"),
+                     error(kNobody, "[QueryATR]Failed to write ATR request command"),
+                     error(kNobody, "Failed to send ready notification")}));
+  EXPECT_TRUE(trace().empty());
+}
+
+// Creation that gives the value 0 instead of a failure.
+class NullHandles : public platform::PipeApi {
+ public:
+  NullHandles(platform::PipeApi& pipes, std::string nullName)
+      : pipes_(pipes), nullName_(std::move(nullName)) {}
+  bool convertSecurityDescriptor(const std::string& sddl,
+                                 platform::SecurityDescriptor* out) override {
+    return pipes_.convertSecurityDescriptor(sddl, out);
+  }
+  platform::PipeHandleValue create(const std::string& name,
+                                   const platform::PipeArguments& arguments) override {
+    return name == nullName_ ? platform::noPipe() : pipes_.create(name, arguments);
+  }
+  bool connect(platform::PipeHandleValue pipe) override { return pipes_.connect(pipe); }
+  bool disconnect(platform::PipeHandleValue pipe) override { return pipes_.disconnect(pipe); }
+  bool cancel(platform::PipeHandleValue pipe) override { return pipes_.cancel(pipe); }
+  bool read(platform::PipeHandleValue pipe, void* data, std::uint32_t size) override {
+    return pipes_.read(pipe, data, size);
+  }
+  bool write(platform::PipeHandleValue pipe, const void* data, std::uint32_t size) override {
+    return pipes_.write(pipe, data, size);
+  }
+  bool flush(platform::PipeHandleValue pipe) override { return pipes_.flush(pipe); }
+  bool close(platform::PipeHandleValue pipe) override { return pipes_.close(pipe); }
+
+ private:
+  platform::PipeApi& pipes_;
+  const std::string nullName_;
+};
+
+TEST_F(Pipes, EmptyCommandHandleIsNotConnected) {
+  NullHandles nulls(pipes_, commandPipeName(0));
+  const ScopedPipes scoped(nulls);
+  AgentLinkTimes times;
+  times.reconnect = kNever;
+  start(times);
+  waitForInsertion();
+  ASSERT_TRUE(log_.waitFor("Cannot connect to empty command named pipe handle"));
+  EXPECT_TRUE(log_.contains(error(kNoError, "Cannot connect to empty command named pipe handle")));
+  EXPECT_EQ(log_.count("Cannot connect to empty event named pipe handle"), 0u);
+  stop();
+  EXPECT_TRUE(pipes_.calls(PipeCallKind::Connect).empty());
+}
+
+TEST_F(Pipes, EmptyEventHandleIsNotConnected) {
+  NullHandles nulls(pipes_, eventPipeName(0));
+  const ScopedPipes scoped(nulls);
+  AgentLinkTimes times;
+  times.reconnect = kNever;
+  start(times);
+  waitForInsertion();
+  ASSERT_TRUE(log_.waitFor("Cannot connect to empty event named pipe handle"));
+  EXPECT_TRUE(log_.contains(error(kNoError, "Cannot connect to empty event named pipe handle")));
+  stop();
+  EXPECT_TRUE(pipes_.calls(PipeCallKind::Connect).empty());
+}
+
+TEST_F(Pipes, DestructionCancelsAndDisconnectsEventThenCommandAndThenCloses) {
+  startCreated();
+  stop();
+  EXPECT_EQ(trace(), (Trace{"cancel event", "disconnect event", "cancel command",
+                            "disconnect command", "cancel event", "disconnect event", "close event",
+                            "cancel command", "disconnect command", "close command"}));
+}
+
+TEST_F(Pipes, EveryStepOfDisconnectingIsTakenAndItsFailureLogged) {
+  pipes_.fail(PipeCallKind::Cancel, 1168, 1, 2);
+  pipes_.fail(PipeCallKind::Disconnect, 233, 1, 2);
+  startCreated();
+  stop();
+  const auto failed = [](const std::string& text, int code) {
+    return error(kNoError, text + " named pipe. System error code: " + std::to_string(code));
+  };
+  EXPECT_EQ(log_.errors(), (Records{failed("Failed to cancel IO on the event", 1168),
+                                    failed("Failed to disconnect the event", 233),
+                                    failed("Failed to cancel IO on the command", 1168),
+                                    failed("Failed to disconnect the command", 233)}));
+}
+
+// On pipes that serve a client that nobody has accepted, as Windows' do.
+class EarlyClients : public LinkTest {
+ protected:
+  ~EarlyClients() override { stop(); }
+
+  SerialisingPipes pipes_;
+  ScopedPipes scoped_{pipes_};
+};
+
+TEST_F(EarlyClients, AreAskedNothingUntilTheyAreAccepted) {
+  start();
+  ASSERT_TRUE(waitUntilCreated());
+  ASSERT_NE(pipes_.connectClient(eventPipeName(0)), SerialisingPipes::kNoClient);
+  const SerialisingPipes::Client command = pipes_.connectClient(commandPipeName(0));
+  ASSERT_NE(command, SerialisingPipes::kNoClient);
+  LinkRequest& insertion = waitForInsertion();
+  EXPECT_TRUE(log_.contains(
+      error(platform::error::kPipeListening, "[CheckATR]Failed to write QueryAtr command")))
+      << "the request's check was sent";
+  EXPECT_EQ(pipes_.clientRead(command, 4), number(0));
+  ASSERT_TRUE(pipes_.clientWrite(command, number(2, {0x3B, 0x00})));
+  ASSERT_TRUE(insertion.waitForCompletion());
+  EXPECT_EQ(insertion.status(), status::kSuccess);
+}
+
+// On the system's own pipes.
+class RealPipes : public LinkTest {
+ protected:
+  ~RealPipes() override { stop(); }
+};
+
+TEST_F(RealPipes, SecondReaderOfAnIndexCannotBeCreatedAndTheFirstIsUnaffected) {
+  start();
+  LinkAgent agent;
+  waitForInsertion();
+  ASSERT_TRUE(agent.connect([](const LinkAgent::Command&) { return LinkAgent::Bytes{}; }));
+  ASSERT_TRUE(log_.waitFor("Waiting for command..."));
+  {
+    PipeReader second(0, &device_);
+    const std::string text = "Failed to create command named pipe '" + commandPipeName(0) + "'";
+    ASSERT_TRUE(log_.waitFor(text));
+    EXPECT_TRUE(log_.contains(error(kPipeNameInUse, text)));
+    EXPECT_EQ(second.CheckATR(), QueryResult::Failure);
+  }
+  ASSERT_TRUE(agent.sendEvent(7));
+  EXPECT_TRUE(log_.waitFor("Unknown event received:7"));
+}
+
+TEST_F(RealPipes, ReadersOfTheFirstAndLastIndexAreReachedByTheirNumbers) {
+  for (const std::uint32_t index : {0u, 4294967295u}) {
+    start({}, index);
+    waitForInsertion();
+    LinkAgent agent(index);
+    ASSERT_TRUE(agent.connect([](const LinkAgent::Command&) { return LinkAgent::Bytes{}; }));
+    ASSERT_TRUE(log_.waitFor("Waiting for command..."));
+    stop();
+    log_.clear();
+  }
+}
+
+TEST_F(RealPipes, AgentThatOpensTheEventPipeFirstIsAcceptedWithoutALineAboutIt) {
+  start();
+  PipeClient events;
+  ASSERT_TRUE(events.connectWhenListening(eventPipeName(0)));
+  waitForInsertion();
+  PipeClient command;
+  ASSERT_TRUE(command.connectWhenListening(commandPipeName(0)));
+  // The driver asks for the ATR because of the waiting request.
+  EXPECT_EQ(command.readNumber(), 0u);
+  ASSERT_TRUE(command.writeNumber(0));
+  ASSERT_TRUE(log_.waitFor("Waiting for command..."));
+  EXPECT_EQ(log_.count("Event named pipe connected"), 0u);
+}
+
+// Wine finds something to cancel where there is nothing, but does not disconnect a pipe that nobody
+// has opened.
+TEST_F(RealPipes, IdlePipesAreDisconnectedWhateverTheirCancelsGive) {
+  start();
+  PipeClient probe;
+  ASSERT_TRUE(probe.connectWhenListening(eventPipeName(0)));
+  log_.clear();
+  stop();
+  const auto failed = [](const std::string& text, int code) {
+    return error(kNoError, text + " named pipe. System error code: " + std::to_string(code));
+  };
+  EXPECT_EQ(log_.errors(), underWine()
+                               ? Records{failed("Failed to disconnect the command", 536)}
+                               : (Records{failed("Failed to cancel IO on the event", 1168),
+                                          failed("Failed to cancel IO on the command", 1168)}));
+}
+
+TEST_F(RealPipes, CreatedPipesAreLoggedWithNonNullHandles) {
+  start();
+  PipeClient probe;
+  ASSERT_TRUE(probe.connectWhenListening(eventPipeName(0)));
+  stop();
+  const std::string prefix = "Command named pipe created:" + commandPipeName(0) + ":";
+  const LogRecord first = log_.records().front();
+  EXPECT_EQ(first.text.substr(0, prefix.size()), prefix);
+  EXPECT_NE(first.text.substr(prefix.size()), printed(nullptr));
+}
+
+}  // namespace
+}  // namespace zelta::test

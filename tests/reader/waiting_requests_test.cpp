@@ -1,0 +1,179 @@
+#include "reader/waiting_requests.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <utility>
+
+#include "diagnostics/traced_lock.h"
+#include "driver/status.h"
+#include "tests/support/fake_request.h"
+
+namespace zelta {
+namespace {
+
+using test::FakeReaderDevice;
+using test::FakeRequest;
+
+constexpr std::uint32_t kCancelled = 0x800704C7;
+constexpr CardEvent kBoth[] = {CardEvent::Inserted, CardEvent::Removed};
+
+class WaitingRequestsTest : public testing::Test {
+ protected:
+  // Marked cancelable, as one that waits is.
+  void add(CardEvent awaited, FakeRequest& request) {
+    const TracedLock lock("test", waiting_.deviceLock(), __LINE__);
+    waiting_.add(awaited, request);
+    framework::ComPtr<framework::IRequestCallbackCancel> callback;
+    ASSERT_EQ(device_.queryInterface(framework::IRequestCallbackCancel::iid, callback.putVoid()),
+              framework::kOk);
+    request.markCancelable(callback.get());
+  }
+
+  bool remove(CardEvent awaited, const FakeRequest& request) {
+    const TracedLock lock("test", waiting_.deviceLock(), __LINE__);
+    return waiting_.remove(awaited, request);
+  }
+
+  FakeReaderDevice device_;
+  WaitingRequests waiting_{device_};
+};
+
+TEST_F(WaitingRequestsTest, EachEventHasItsOwnRequests) {
+  FakeRequest insertion(device_);
+  FakeRequest removal(device_);
+  add(CardEvent::Inserted, insertion);
+  EXPECT_TRUE(waiting_.any(CardEvent::Inserted));
+  EXPECT_FALSE(waiting_.any(CardEvent::Removed));
+  add(CardEvent::Removed, removal);
+  EXPECT_FALSE(remove(CardEvent::Removed, insertion));
+  EXPECT_TRUE(remove(CardEvent::Inserted, insertion));
+  EXPECT_FALSE(waiting_.any(CardEvent::Inserted));
+  EXPECT_TRUE(remove(CardEvent::Removed, removal));
+  EXPECT_FALSE(insertion.completed() || removal.completed());
+}
+
+TEST_F(WaitingRequestsTest, CompletesAllOfAnEventWithTheStatusAndNoOutput) {
+  for (const CardEvent awaited : kBoth) {
+    FakeRequest first(device_);
+    FakeRequest second(device_);
+    add(awaited, first);
+    add(awaited, second);
+    {
+      const TracedLock lock("test", waiting_.deviceLock(), __LINE__);
+      waiting_.completeAll(awaited, status::kSuccess);
+    }
+    for (const FakeRequest* request : {&first, &second}) {
+      EXPECT_EQ(request->status(), 0u);
+      EXPECT_EQ(request->information(), 0u);
+    }
+    EXPECT_FALSE(waiting_.any(awaited));
+  }
+}
+
+TEST_F(WaitingRequestsTest, CancelsTheNewestAloneAndPlainly) {
+  for (const CardEvent awaited : kBoth) {
+    FakeRequest first(device_);
+    FakeRequest second(device_);
+    add(awaited, first);
+    add(awaited, second);
+    {
+      const TracedLock lock("test", waiting_.deviceLock(), __LINE__);
+      waiting_.cancelNewest(awaited);
+    }
+    EXPECT_FALSE(first.completed());
+    EXPECT_EQ(second.status(), kCancelled);
+    EXPECT_FALSE(second.information().has_value());
+    EXPECT_TRUE(remove(awaited, first));
+  }
+}
+
+TEST_F(WaitingRequestsTest, CancellingTheNewestOfNoneDoesNothing) {
+  const TracedLock lock("test", waiting_.deviceLock(), __LINE__);
+  waiting_.cancelNewest(CardEvent::Inserted);
+  waiting_.cancelNewest(CardEvent::Removed);
+}
+
+TEST_F(WaitingRequestsTest, RequestThatIsBeingCancelledOnlyLeavesItsList) {
+  bool cancelling = false;
+  device_.onCancel = [&](IoRequest&) { cancelling = true; };  // completes it later
+  FakeRequest request(device_);
+  add(CardEvent::Inserted, request);
+  request.cancel();
+  ASSERT_TRUE(cancelling);
+  {
+    const TracedLock lock("test", waiting_.deviceLock(), __LINE__);
+    waiting_.completeAll(CardEvent::Inserted, status::kSuccess);
+  }
+  EXPECT_FALSE(request.completed());
+  EXPECT_FALSE(waiting_.any(CardEvent::Inserted));
+  request.completeWithInformation(status::kCancelled, 0);
+}
+
+TEST_F(WaitingRequestsTest, EventsAreCountedByKindAndTheLastIsKnown) {
+  const TracedLock lock("test", waiting_.deviceLock(), __LINE__);
+  EXPECT_EQ(waiting_.last(), CardEvent::Removed);
+  EXPECT_EQ(waiting_.count(CardEvent::Inserted), 0u);
+  waiting_.note(CardEvent::Inserted);
+  waiting_.note(CardEvent::Inserted);
+  EXPECT_EQ(waiting_.last(), CardEvent::Inserted);
+  EXPECT_EQ(waiting_.count(CardEvent::Inserted), 2u);
+  EXPECT_EQ(waiting_.count(CardEvent::Removed), 0u);
+  waiting_.note(CardEvent::Removed);
+  EXPECT_EQ(waiting_.last(), CardEvent::Removed);
+  EXPECT_EQ(waiting_.count(CardEvent::Removed), 1u);
+}
+
+// The wait for an insertion request, and what ends it.
+class InsertionWait : public WaitingRequestsTest {
+ protected:
+  static constexpr std::chrono::seconds kLimit{30};
+
+  // Returns when it waits.
+  std::future<bool> begin() {
+    std::promise<void> looked;
+    std::future<void> waits = looked.get_future();
+    auto wait = std::async(std::launch::async, [this, looked = std::move(looked)]() mutable {
+      bool first = true;
+      platform::MutexLock lock(waiting_.mutex());
+      return waiting_.awaitInsertionRequest(lock, 10 * kLimit, [&] {
+        if (std::exchange(first, false)) looked.set_value();  // holds the mutex until it waits
+        return stopped_.load();
+      });
+    });
+    waits.wait();
+    return wait;
+  }
+
+  // With something that it waited for.
+  static bool ends(std::future<bool>& wait) {
+    return wait.wait_for(kLimit) == std::future_status::ready && wait.get();
+  }
+
+  std::atomic<bool> stopped_{false};
+};
+
+TEST_F(InsertionWait, EndsWithAnInsertionRequest) {
+  auto wait = begin();
+  FakeRequest request(device_);
+  add(CardEvent::Inserted, request);
+  EXPECT_TRUE(ends(wait));
+  EXPECT_TRUE(remove(CardEvent::Inserted, request));
+}
+
+TEST_F(InsertionWait, EndsWhenItIsWokenAndStopped) {
+  auto wait = begin();
+  stopped_ = true;
+  waiting_.wakeInsertionWait();
+  EXPECT_TRUE(ends(wait));
+}
+
+TEST_F(InsertionWait, EndsWithItsLimit) {
+  platform::MutexLock lock(waiting_.mutex());
+  EXPECT_FALSE(
+      waiting_.awaitInsertionRequest(lock, std::chrono::milliseconds(1), [] { return false; }));
+}
+
+}  // namespace
+}  // namespace zelta

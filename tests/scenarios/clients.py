@@ -1,0 +1,246 @@
+"""Clients of the reader that check every answer.
+
+Each client's questions are its own and never the same twice; the scripted card echoes them, so an
+answer that belongs to another question shows itself. A call may fail, with an error code; what
+must never come is a success with other bytes, or an ATR that is not the card's.
+"""
+
+import collections
+import random
+import threading
+import time
+
+# pyscard connects to pcscd when it is imported, so this module is imported when pcscd is up.
+from smartcard import scard
+
+ATR = bytes.fromhex("3B951381018073FF01000B")
+ECHO, SLOW_ECHO = 0xE0, 0xE1  # instructions of the scripted card
+PACE = 0.002  # seconds between two questions of a client
+LONGEST = 20000  # bytes of a question
+PROTOCOLS = scard.SCARD_PROTOCOL_T0 | scard.SCARD_PROTOCOL_T1
+READER = "Zelta Virtual SmartCard Reader 00 00"
+ATTRIBUTES = (scard.SCARD_ATTR_ATR_STRING, scard.SCARD_ATTR_VENDOR_NAME,
+              scard.SCARD_ATTR_CURRENT_PROTOCOL_TYPE)
+
+
+def script(slow=0, atr_after=0):
+    """The card's script: milliseconds that a slow echo and an ATR take."""
+    return (f"atr {ATR.hex()} after {atr_after}ms\n"
+            f"command 80 {SLOW_ECHO:02X} * -> echo after {slow}ms\n"
+            f"command 80 {ECHO:02X} * -> echo\n")
+
+
+def short(data):
+    text = data[:24].hex(" ")
+    return f"{len(data)} bytes, {text}{' ...' if len(data) > 24 else ''}"
+
+
+class Record:
+    """What all clients of a story have seen. Any thread."""
+
+    def __init__(self):
+        self.right = 0
+        self.failures = collections.Counter()  # by call and error
+        self.wrong = []
+        self._asked = {}  # client's name: when its last right answer was asked for
+        self._origin = time.monotonic()
+        self._changed = threading.Condition()
+
+    def note_right(self, name, asked):
+        with self._changed:
+            self.right += 1
+            self._asked[name] = asked
+            self._changed.notify_all()
+
+    def note_failure(self, call, why):
+        with self._changed:
+            self.failures[f"{call}: {why}"] += 1
+
+    def note_wrong(self, text):
+        with self._changed:
+            self.wrong.append(f"{time.monotonic() - self._origin:.3f} s: {text}")
+            self._changed.notify_all()
+
+    def wait_right(self, names, since, limit):
+        """Waits until each client has had the right answer to a question that it asked after
+        `since`; gives the names of those that have not. A wrong answer ends the wait."""
+        def missing():
+            return [name for name in names if self._asked.get(name, 0) < since]
+
+        with self._changed:
+            self._changed.wait_for(lambda: self.wrong or not missing(),
+                                   max(0, limit - time.monotonic()))
+            return missing()
+
+    def summary(self):
+        failures = ", ".join(f"{count} x {what}" for what, count in self.failures.most_common())
+        return f"{self.right} right, {len(self.wrong)} wrong, failed: {failures or 'none'}"
+
+
+class Client:
+    """One application. Used by one thread at a time."""
+
+    def __init__(self, name, record, seed=0):
+        self.name = name
+        self.record = record
+        self.random = random.Random(f"{name} {seed}")
+        self.serial = 0
+        self.card = None
+        self.protocol = 0
+        self.state = "idle"
+        _, self.context = scard.SCardEstablishContext(scard.SCARD_SCOPE_SYSTEM)
+
+    def _call(self, what, function, *arguments):
+        """The rest of a successful call's results, or None."""
+        begun = time.monotonic()
+        self.state = f"in {what} since {begun - self.record._origin:.3f} s"
+        result = function(*arguments)
+        self.state = "idle"
+        error, *values = result if isinstance(result, (list, tuple)) else [result]
+        if error != scard.SCARD_S_SUCCESS:
+            self.record.note_failure(what, scard.SCardGetErrorMessage(error).strip())
+            return None
+        return values
+
+    def connect(self):
+        if self.card is not None:
+            self.disconnect()
+        values = self._call("connect", scard.SCardConnect, self.context, READER,
+                            scard.SCARD_SHARE_SHARED, PROTOCOLS)
+        if values is not None:
+            self.card, self.protocol = values
+        return values is not None
+
+    def connect_in_the_end(self):
+        """Before anything has gone wrong: with the card in, and a right answer."""
+        assert self.await_card(30), "the card did not come in"
+        while not self.connect() or not self.ask():
+            time.sleep(0.05)
+
+    def disconnect(self, disposition=scard.SCARD_LEAVE_CARD):
+        if self.card is not None:
+            self._call("disconnect", scard.SCardDisconnect, self.card, disposition)
+            self.card = None
+
+    def reset(self):
+        values = self._call("reset", scard.SCardReconnect, self.card, scard.SCARD_SHARE_SHARED,
+                            PROTOCOLS, scard.SCARD_RESET_CARD)
+        if values is not None:
+            self.protocol = values[0]
+        return values is not None
+
+    def transaction(self):
+        """Ends with a reset of the card."""
+        if self._call("begin transaction", scard.SCardBeginTransaction, self.card) is None:
+            return False
+        return self._call("end transaction", scard.SCardEndTransaction, self.card,
+                          scard.SCARD_RESET_CARD) is not None
+
+    def ask(self, slow=False):
+        """True for the right answer, False for a failure and for a wrong one."""
+        self.serial += 1
+        size = self.random.randrange(4, 200)
+        if self.random.randrange(20) == 0:
+            size = self.random.randrange(200, LONGEST)
+        data = self.serial.to_bytes(4, "big") + self.random.randbytes(size)
+        instruction = SLOW_ECHO if slow else ECHO
+        question = bytes((0x80, instruction, ord(self.name[0]), 0, size & 0xFF)) + data
+        pci = scard.SCARD_PCI_T0 if self.protocol == scard.SCARD_PROTOCOL_T0 else scard.SCARD_PCI_T1
+        asked = time.monotonic()
+        values = self._call("transmit", scard.SCardTransmit, self.card, pci, list(question))
+        if values is None:
+            return False
+        answer = bytes(value & 0xFF for value in values[0])
+        if answer == question + b"\x90\x00":
+            self.record.note_right(self.name, asked)
+            return True
+        if answer in (b"\x6F\x00", b"\x69\x01"):  # the card's and the driver's own refusals
+            self.record.note_failure("transmit", answer.hex(" "))
+            return False
+        self.record.note_wrong(f"{self.name} asked ({short(question)}) and after "
+                               f"{time.monotonic() - asked:.3f} s was told ({short(answer)})")
+        return False
+
+    def check_atr(self, what, atr):
+        atr = bytes(value & 0xFF for value in atr)
+        if atr and atr != ATR:
+            self.record.note_wrong(f"{self.name} was told by {what} that the ATR is {short(atr)}")
+        return atr == ATR
+
+    def status(self):
+        """Everything that tells of the card; true if it is in, with its ATR."""
+        values = self._call("status change", scard.SCardGetStatusChange, self.context, 0,
+                            [(READER, scard.SCARD_STATE_UNAWARE)])
+        if values is None or not values[0]:
+            return False
+        present = self.check_atr("status change", values[0][0][2])
+        if self.card is None:
+            return present
+        values = self._call("status", scard.SCardStatus, self.card)
+        if values is not None:
+            self.check_atr("status", values[3])
+        for attribute in ATTRIBUTES:
+            values = self._call("attribute", scard.SCardGetAttrib, self.card, attribute)
+            if values is not None and attribute == scard.SCARD_ATTR_ATR_STRING:
+                self.check_atr("attribute", values[0])
+        return present
+
+    def await_card(self, limit):
+        """Waits until the card is in and has told its ATR."""
+        end = time.monotonic() + limit
+        known = scard.SCARD_STATE_UNAWARE
+        while time.monotonic() < end:
+            values = self._call("status change", scard.SCardGetStatusChange, self.context, 200,
+                                [(READER, known)])
+            if values is None:
+                time.sleep(0.02)  # a time-out, or pcscd does not know the reader yet
+                continue
+            known = values[0][0][1] & ~scard.SCARD_STATE_CHANGED
+            if known & scard.SCARD_STATE_PRESENT and self.check_atr("status change",
+                                                                    values[0][0][2]):
+                return True
+        return False
+
+
+# What a client does besides asking, once in a while.
+HABITS = {
+    "asks": lambda client: None,
+    "resets": Client.reset,
+    "begins anew": lambda client: client.disconnect(scard.SCARD_UNPOWER_CARD),
+    "ends transactions": Client.transaction,
+}
+
+
+class Caller(threading.Thread):
+    """A client that goes on asking from `go` until `end`, connecting as need be."""
+
+    def __init__(self, client, habit="asks"):
+        super().__init__(daemon=True)
+        self.client = client
+        self.habit = HABITS[habit]
+        self._go = threading.Event()
+        self._ended = threading.Event()
+        self.start()
+
+    def go(self):
+        self._go.set()
+
+    def end(self):
+        self._ended.set()
+        self._go.set()
+
+    def run(self):
+        self._go.wait()
+        while not self._ended.wait(PACE):
+            self._ask_once()
+
+    def _ask_once(self):
+        client = self.client
+        if client.card is None and not client.connect():
+            time.sleep(10 * PACE)
+        elif not client.ask():
+            client.disconnect()
+        elif client.serial % 10 == 0:
+            client.status()
+        elif client.serial % 25 == 0:
+            self.habit(client)

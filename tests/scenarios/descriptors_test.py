@@ -1,0 +1,78 @@
+"""pcscd runs out of descriptors in the middle of a call: that may fail, and nothing else."""
+
+import itertools
+import os
+import resource
+import threading
+import time
+import unittest
+
+import standstill
+from standstill import USABLE_AGAIN, check_usable, finish
+
+SCARCE = 1.0  # seconds
+# How many descriptors there are left: each step of a call that makes one meets its end.
+LEFT = range(5)
+
+
+def leave(pid, free):
+    """Leaves the process so many free descriptors; gives its limits from before."""
+    used = {int(name) for name in os.listdir(f"/proc/{pid}/fd")}
+    limit = 0
+    while limit - sum(1 for number in used if number < limit) < free or limit in used:
+        limit += 1
+    before = resource.prlimit(pid, resource.RLIMIT_NOFILE)
+    resource.prlimit(pid, resource.RLIMIT_NOFILE, (limit, before[1]))
+    return before
+
+
+def begin_anew(reader, client):
+    from clients import scard
+
+    client.disconnect(scard.SCARD_UNPOWER_CARD)
+    client.connect()
+
+
+CALLS = {
+    "connect": begin_anew,
+    "reset": lambda reader, client: client.reset(),
+    "transmit": lambda reader, client: client.ask(),
+    "presence": lambda reader, client: reader.swap_card(),
+    "the agent's connection": lambda reader, client: reader.lose_agent(),
+}
+
+
+def story(reader, problems, call, free):
+    reader.start_pcscd()
+    import clients
+
+    reader.start_scripted_agent(clients.script())
+    record = clients.Record()
+    actor = clients.Client("actor", record)
+    callers = [clients.Caller(clients.Client(name, record)) for name in ("Alice", "Bob")]
+    actor.connect_in_the_end()
+    for caller in callers:
+        caller.client.connect()
+    pid = reader.pcscd.process.pid
+    before = leave(pid, free)
+    end = time.monotonic() + SCARCE
+    thread = threading.Thread(target=CALLS[call], args=(reader, actor), daemon=True)
+    thread.start()
+    thread.join(SCARCE / 2)
+    for caller in callers:
+        caller.go()
+    time.sleep(max(0, end - time.monotonic()))
+    resource.prlimit(pid, resource.RLIMIT_NOFILE, before)
+    since = time.monotonic()
+    took = check_usable(record, callers, since, USABLE_AGAIN, problems)
+    finish(record, callers, actor, problems, thread)
+    return f"usable after {took:.2f} s; {record.summary()}"
+
+
+class DescriptorsRunOut(unittest.TestCase):
+    def test_at_each_step_of_each_call(self):
+        standstill.assert_good(self, story, list(itertools.product(CALLS, LEFT)))
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
