@@ -3,13 +3,13 @@
 
 #include <chrono>
 
-#include "agent_link/query_watchdog.h"
+#include "contract/wire.h"
 
 namespace zelta {
 
 struct AgentLinkTimes {
   // For the answer to a query, and before that for the query's turn.
-  std::chrono::milliseconds query = QueryWatchdog::kQueryTime;
+  std::chrono::milliseconds query = kQueryTime;
   // For somebody to wait for a card's insertion, before the agent is accepted.
   std::chrono::milliseconds insertRequest{10000};
   // Between a failed connect and the next.

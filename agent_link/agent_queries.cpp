@@ -5,10 +5,11 @@
 #include <system_error>
 
 #include "agent_link/query_watchdog.h"
-#include "agent_link/wire.h"
+#include "contract/bytes.h"
+#include "contract/reader_states.h"
+#include "contract/wire.h"
 #include "diagnostics/log.h"
-#include "driver/smartcard_ioctl.h"
-#include "platform/error.h"
+#include "platform/process/error.h"
 
 namespace zelta {
 
@@ -21,18 +22,6 @@ constexpr std::uint64_t kDumpWidth = 16;  // bytes per line
 
 // Of a log line's 255 characters no more than these can show.
 constexpr std::size_t kShownBytes = 128;
-
-std::string upperHex(const std::vector<std::uint8_t>& bytes) {
-  constexpr char kDigits[] = "0123456789ABCDEF";
-  std::string text;
-  const std::size_t count = std::min(bytes.size(), kShownBytes);
-  text.reserve(2 * count);
-  for (std::size_t i = 0; i < count; ++i) {
-    text += kDigits[bytes[i] >> 4];
-    text += kDigits[bytes[i] & 0x0F];
-  }
-  return text;
-}
 
 // The log lines of an ATR exchange where its two users differ.
 struct AtrTexts {
@@ -64,7 +53,7 @@ bool askAtr(PipeStream& stream, AgentCommand command, const AtrTexts& texts,
   }
   switch (stream.readPayload(size, atr)) {
     case PipeStream::Payload::Read:
-      logInfo("%sATR:%s", texts.tag, upperHex(atr).c_str());
+      logInfo("%sATR:%s", texts.tag, toHex(atr.data(), std::min(atr.size(), kShownBytes)).c_str());
       return true;
     case PipeStream::Payload::Failed:
       return fail(texts, texts.readFailed);

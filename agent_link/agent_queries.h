@@ -21,15 +21,14 @@
 #include "agent_link/exchange_turn.h"
 #include "agent_link/pipe_stream.h"
 #include "agent_link/watchdog_thread.h"
-#include "platform/sync.h"
+#include "contract/bytes.h"
+#include "platform/sync/sync.h"
 #include "reader/reader.h"
 
 namespace zelta {
 
 class AgentQueries {
  public:
-  using Bytes = std::vector<std::uint8_t>;
-
   // `limit` is how long a query may take. Of the reader, only the state is looked at.
   AgentQueries(CancelablePipe& pipe, const Reader& reader, std::chrono::milliseconds limit);
 

@@ -3,7 +3,8 @@
 #include <utility>
 
 #include "diagnostics/log.h"
-#include "platform/ports.h"
+#include "platform/process/error.h"
+#include "platform/process/ports.h"
 
 namespace zelta {
 

@@ -23,9 +23,9 @@
 #include <utility>
 
 #include "agent_link/pipe_handle.h"
-#include "platform/error.h"
-#include "platform/pipe.h"
-#include "platform/sync.h"
+#include "platform/pipe/pipe.h"
+#include "platform/process/error.h"
+#include "platform/sync/sync.h"
 
 namespace zelta {
 

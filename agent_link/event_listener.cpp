@@ -4,9 +4,10 @@
 #include <string>
 #include <vector>
 
-#include "agent_link/wire.h"
+#include "contract/wire.h"
 #include "diagnostics/log.h"
 #include "diagnostics/log_output.h"
+#include "platform/process/error.h"
 
 namespace zelta {
 

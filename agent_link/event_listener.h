@@ -20,8 +20,8 @@
 #include "agent_link/agent_link_times.h"
 #include "agent_link/pipe_pair.h"
 #include "agent_link/pipe_stream.h"
-#include "platform/error.h"
-#include "platform/sync.h"
+#include "platform/process/error.h"
+#include "platform/sync/sync.h"
 #include "reader/waiting_requests.h"
 
 namespace zelta {

@@ -12,7 +12,7 @@
 #include <functional>
 #include <vector>
 
-#include "platform/sync.h"
+#include "platform/sync/sync.h"
 
 namespace zelta {
 

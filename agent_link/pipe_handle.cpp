@@ -1,6 +1,6 @@
 #include "agent_link/pipe_handle.h"
 
-#include "platform/ports.h"
+#include "platform/process/ports.h"
 
 namespace zelta {
 

@@ -10,7 +10,7 @@
 
 #include <atomic>
 
-#include "platform/pipe.h"
+#include "platform/pipe/pipe.h"
 
 namespace zelta {
 

@@ -1,9 +1,9 @@
 #include "agent_link/pipe_pair.h"
 
-#include "agent_link/wire.h"
+#include "contract/wire.h"
 #include "diagnostics/log.h"
-#include "platform/error.h"
-#include "platform/ports.h"
+#include "platform/process/error.h"
+#include "platform/process/ports.h"
 
 namespace zelta {
 

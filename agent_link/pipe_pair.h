@@ -12,8 +12,8 @@
 #include <string>
 
 #include "agent_link/cancelable_pipe.h"
-#include "platform/pipe.h"
-#include "platform/sync.h"
+#include "platform/pipe/pipe.h"
+#include "platform/sync/sync.h"
 
 namespace zelta {
 

@@ -1,10 +1,11 @@
 #include "agent_link/pipe_reader.h"
 
+#include "contract/attributes.h"
+#include "contract/reader_states.h"
+#include "contract/status.h"
 #include "diagnostics/log.h"
 #include "diagnostics/traced_lock.h"
-#include "driver/memory_util.h"
-#include "driver/smartcard_ioctl.h"
-#include "driver/status.h"
+#include "driver/request/memory_util.h"
 
 namespace zelta {
 

@@ -4,13 +4,14 @@
 #include <new>
 #include <stdexcept>
 
-#include "agent_link/wire.h"
-#include "platform/ports.h"
+#include "contract/bytes.h"
+#include "platform/process/error.h"
+#include "platform/process/ports.h"
 
 namespace zelta {
 
 bool PipeStream::writeNumber(std::uint32_t value) {
-  const auto bytes = encodeNumber(value);
+  const auto bytes = toLittleEndian(value);
   return write(bytes.data(), static_cast<std::uint32_t>(bytes.size()));
 }
 
@@ -25,7 +26,7 @@ void PipeStream::flush() {
 bool PipeStream::readNumber(std::uint32_t& value) {
   std::array<std::uint8_t, 4> bytes{};
   if (!read(bytes.data(), static_cast<std::uint32_t>(bytes.size()))) return false;
-  value = decodeNumber(bytes);
+  value = loadLittleEndian(bytes.data());
   return true;
 }
 

@@ -17,7 +17,6 @@ namespace zelta {
 class QueryWatchdog {
  public:
   // How long a query may take.
-  static constexpr std::chrono::milliseconds kQueryTime{5000};
 
   // Throws std::runtime_error ("Callback is null") for an empty callback, and std::system_error
   // if the thread is not running and cannot be started. The callback must not throw.

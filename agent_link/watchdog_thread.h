@@ -16,7 +16,7 @@
 #include <functional>
 #include <thread>
 
-#include "platform/sync.h"
+#include "platform/sync/sync.h"
 
 namespace zelta {
 

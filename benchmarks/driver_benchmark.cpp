@@ -16,13 +16,14 @@
 #include "benchmarks/agent_process.h"
 #include "benchmarks/bare_exchange.h"
 #include "benchmarks/samples.h"
-#include "driver/smartcard_ioctl.h"
+#include "contract/attributes.h"
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
 #include "host/driver_host.h"
 
 namespace zelta::benchmarks {
 namespace {
-
-using Bytes = std::vector<std::uint8_t>;
 
 constexpr auto kLimit = std::chrono::seconds(30);
 const Bytes kCommand{0x00, 0xA4, 0x04, 0x00, 0x02, 0x3F, 0x00};

@@ -19,9 +19,10 @@
 #include <thread>
 #include <vector>
 
-#include "agent_link/wire.h"
 #include "benchmarks/bare_exchange.h"
-#include "platform/pipe_path.h"
+#include "contract/bytes.h"
+#include "contract/wire.h"
+#include "platform/pipe/pipe_path.h"
 
 namespace zelta::benchmarks {
 namespace {
@@ -53,7 +54,7 @@ int openPipe(const std::string& name) {
 std::uint32_t receiveNumber(int pipe) {
   std::array<std::uint8_t, 4> bytes{};
   receiveAll(pipe, bytes.data(), bytes.size());
-  return decodeNumber(bytes);
+  return loadLittleEndian(bytes.data());
 }
 
 // The answer's bytes after the four of its length.
@@ -78,7 +79,7 @@ void serve(int pipe) {
     if (command == AgentCommand::NotifyCardReady) continue;
     answer.resize(4);
     appendAnswer(pipe, command, answer);
-    const auto size = encodeNumber(static_cast<std::uint32_t>(answer.size() - 4));
+    const auto size = toLittleEndian(static_cast<std::uint32_t>(answer.size() - 4));
     std::copy(size.begin(), size.end(), answer.begin());
     sendAll(pipe, answer.data(), answer.size());
   }
@@ -87,7 +88,7 @@ void serve(int pipe) {
 void moveCards() {
   for (std::string line; std::getline(std::cin, line);) {
     const bool in = line == "insert";
-    const auto event = encodeNumber(
+    const auto event = toLittleEndian(
         static_cast<std::uint32_t>(in ? AgentEvent::CardInserted : AgentEvent::CardRemoved));
     cardIn = in;
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
@@ -99,8 +100,8 @@ void moveCards() {
 int run() {
   const int events = openPipe(eventPipeName(0));
   const int commands = openPipe(commandPipeName(0));
-  const auto code = encodeNumber(static_cast<std::uint32_t>(AgentEvent::SessionLogId));
-  const auto size = encodeNumber(sizeof kSessionId - 1);
+  const auto code = toLittleEndian(static_cast<std::uint32_t>(AgentEvent::SessionLogId));
+  const auto size = toLittleEndian(sizeof kSessionId - 1);
   sendAll(events, code.data(), code.size());
   sendAll(events, size.data(), size.size());
   sendAll(events, kSessionId, sizeof kSessionId - 1);

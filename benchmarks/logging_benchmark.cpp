@@ -18,7 +18,7 @@
 #include "diagnostics/log_output.h"
 #include "logging/line_format.h"
 #include "logging/zelta_logging.h"
-#include "platform/ports.h"
+#include "platform/process/ports.h"
 
 namespace zelta {
 namespace {

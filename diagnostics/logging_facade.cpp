@@ -12,11 +12,11 @@
 #include "diagnostics/log.h"
 #include "diagnostics/log_output.h"
 #include "logging/zelta_logging.h"
-#include "platform/module_loader.h"
-#include "platform/never_destroyed.h"
-#include "platform/ports.h"
-#include "platform/sync.h"
-#include "platform/utf.h"
+#include "platform/files/utf.h"
+#include "platform/process/module_loader.h"
+#include "platform/process/never_destroyed.h"
+#include "platform/process/ports.h"
+#include "platform/sync/sync.h"
 
 namespace zelta {
 

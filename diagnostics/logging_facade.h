@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/folders.h"
-#include "platform/registry.h"
+#include "platform/files/folders.h"
+#include "platform/registry/registry.h"
 
 namespace zelta {
 

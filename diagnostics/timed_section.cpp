@@ -1,7 +1,7 @@
 #include "diagnostics/timed_section.h"
 
 #include "diagnostics/log.h"
-#include "platform/clock.h"
+#include "platform/sync/clock.h"
 
 namespace zelta {
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "diagnostics/log.h"
-#include "platform/clock.h"
+#include "platform/sync/clock.h"
 
 namespace zelta {
 

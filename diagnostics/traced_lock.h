@@ -8,7 +8,7 @@
 #pragma once
 
 #include "diagnostics/scope_name.h"
-#include "platform/critical_section.h"
+#include "platform/sync/critical_section.h"
 
 namespace zelta {
 

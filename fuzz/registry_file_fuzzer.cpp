@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "platform/registry_file.h"
+#include "platform/registry/registry_file.h"
 
 namespace {
 

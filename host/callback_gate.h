@@ -3,7 +3,7 @@
 
 #include <cstddef>
 
-#include "platform/sync.h"
+#include "platform/sync/sync.h"
 
 namespace zelta::host {
 

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <new>
 
+#include "contract/class_ids.h"
 #include "host/driver_host.h"
 
 namespace zelta::host {

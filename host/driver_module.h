@@ -8,13 +8,9 @@
 #include <string>
 
 #include "framework/wdf.h"
-#include "platform/module_loader.h"
+#include "platform/process/module_loader.h"
 
 namespace zelta::host {
-
-// The class of the driver object.
-inline constexpr framework::CLSID kDriverClassId = {
-    0xA44A2DF4, 0xDCA4, 0x4767, {0x8E, 0xC4, 0x86, 0xFE, 0x61, 0x1C, 0x2E, 0xA7}};
 
 // The framework version that this host speaks: the same major, no higher minor.
 inline constexpr std::uint32_t kFrameworkMajor = 1;

@@ -15,7 +15,7 @@
 
 #include "framework/wdf.h"
 #include "host/driver_errors.h"
-#include "platform/sync.h"
+#include "platform/sync/sync.h"
 
 namespace zelta::host {
 

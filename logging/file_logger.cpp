@@ -3,9 +3,9 @@
 #include <utility>
 
 #include "logging/line_format.h"
-#include "platform/native_path.h"
-#include "platform/new_file.h"
-#include "platform/ports.h"
+#include "platform/files/native_path.h"
+#include "platform/files/new_file.h"
+#include "platform/process/ports.h"
 
 namespace zelta::logging {
 

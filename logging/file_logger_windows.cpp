@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "logging/rotation_time.h"
-#include "platform/ports.h"
+#include "platform/process/ports.h"
 
 namespace zelta::logging {
 

@@ -9,7 +9,7 @@
 
 #include "logging/file_logger.h"
 #include "logging/registry_change_notifier.h"
-#include "platform/sync.h"
+#include "platform/sync/sync.h"
 
 namespace zelta::logging {
 

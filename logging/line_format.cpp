@@ -12,7 +12,7 @@
 #include <thread>
 #include <type_traits>
 
-#include "platform/clock.h"
+#include "platform/sync/clock.h"
 
 namespace zelta::logging {
 

@@ -9,9 +9,9 @@
 #include <stdexcept>
 #include <utility>
 
-#include "platform/error.h"
-#include "platform/ports.h"
-#include "platform/utf.h"
+#include "platform/files/utf.h"
+#include "platform/process/error.h"
+#include "platform/process/ports.h"
 
 namespace zelta {
 

@@ -7,8 +7,8 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/native_path.h"
-#include "platform/ports.h"
+#include "platform/files/native_path.h"
+#include "platform/process/ports.h"
 
 namespace zelta {
 

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/sync.h"
+#include "platform/sync/sync.h"
 
 namespace zelta {
 

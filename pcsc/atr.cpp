@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <optional>
 
+#include "contract/bytes.h"
+
 namespace zelta::pcsc {
 
 namespace {

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "pcsc/driver_io.h"
+#include "contract/bytes.h"
 
 namespace zelta::pcsc {
 

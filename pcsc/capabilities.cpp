@@ -2,6 +2,9 @@
 
 #include <cstring>
 
+#include "contract/attributes.h"
+#include "contract/bytes.h"
+
 namespace zelta::pcsc {
 
 namespace {
@@ -34,7 +37,7 @@ Reply capability(Channel& channel, DWORD tag, const PollingFunctions& polling) {
     case TAG_IFD_STOP_POLLING_THREAD:
       return address(polling.stop);
     case TAG_IFD_ATR:
-      return channel.attribute(kAttributeAtr);
+      return channel.attribute(SCARD_ATTR_ATR_STRING);
     case SCARD_ATTR_DEVICE_FRIENDLY_NAME_A:
     case SCARD_ATTR_DEVICE_FRIENDLY_NAME_W:
     case SCARD_ATTR_DEVICE_SYSTEM_NAME_A:

@@ -25,7 +25,7 @@
 #include <cstdint>
 #include <thread>
 
-#include "platform/sync.h"
+#include "platform/sync/sync.h"
 
 namespace zelta::pcsc {
 

@@ -3,6 +3,11 @@
 #include <algorithm>
 #include <utility>
 
+#include "contract/attributes.h"
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
+#include "contract/status.h"
 #include "pcsc/atr.h"
 
 namespace zelta::pcsc {
@@ -27,15 +32,15 @@ bool isAttribute(DWORD tag) { return tag > kLastTagWithoutClass && tag <= kLastT
 
 // The driver ends these with a zero byte.
 bool isText(std::uint32_t tag) {
-  return tag == kAttributeVendorName || tag == kAttributeIfdType || tag == kAttributePipeName ||
-         tag == kAttributeEventPipeName;
+  return tag == SCARD_ATTR_VENDOR_NAME || tag == SCARD_ATTR_VENDOR_IFD_TYPE || tag == PIPE_NAME ||
+         tag == EVENT_PIPE_NAME;
 }
 
 // The driver carries out these requests in its dispatch callback. One that it keeps all the same
 // is given so long.
 constexpr std::chrono::milliseconds kKeptLimit{10000};
 
-bool isNoCard(HRESULT status) { return status == kNoMedia || status == host::kDeviceGone; }
+bool isNoCard(HRESULT status) { return status == status::kNoMedia || status == host::kDeviceGone; }
 
 // The answer to a command that the driver did not carry out.
 RESPONSECODE failureOf(HRESULT status) {
@@ -45,7 +50,7 @@ RESPONSECODE failureOf(HRESULT status) {
 }
 
 Reply attributeReply(std::uint32_t attribute, host::IoResult result) {
-  if (result.status == kNotSupported) return {IFD_ERROR_TAG, {}};
+  if (result.status == status::kNotSupported) return {IFD_ERROR_TAG, {}};
   if (framework::failed(result.status)) return {failureOf(result.status), {}};
   if (result.information > result.output.size()) return {IFD_ERROR_INSUFFICIENT_BUFFER, {}};
   Bytes& value = result.output;
@@ -78,23 +83,23 @@ host::IoResult Channel::controlCard(CardNumber card, std::uint32_t code, const B
   if (presence_->isShown(card)) result = control(code, input, outputCapacity);
   if (presence_->isShown(card)) return result;
   presence_->refused();
-  return {kNoMedia, 0, {}};
+  return {status::kNoMedia, 0, {}};
 }
 
 host::IoEnd Channel::transmitToCard(CardNumber card, const Apdu& command, std::uint32_t protocol,
                                     TransmitHeader* answerHeader) {
   TransmitHeader header{};
-  putNumber(header, 0, protocol);
-  putNumber(header, kNumberSize, kTransmitHeaderSize);
+  storeLittleEndian(header.data(), protocol);
+  storeLittleEndian(header.data() + kNumberSize, kTransmitHeaderSize);
   host::IoEnd end;
   if (presence_->isShown(card)) {
     end = reader_.get()->controlInParts(
-        kIoctlTransmit, {{header.data(), header.size()}, command.bytes},
+        IOCTL_SMARTCARD_TRANSMIT, {{header.data(), header.size()}, command.bytes},
         {{answerHeader->data(), answerHeader->size()}, command.answer}, kKeptLimit);
   }
   if (presence_->isShown(card)) return end;
   presence_->refused();
-  return {kNoMedia, 0};
+  return {status::kNoMedia, 0};
 }
 
 RESPONSECODE Channel::presence() {
@@ -105,9 +110,9 @@ Reply Channel::power(DWORD action) {
   const CardUse use(*presence_);
   switch (action) {
     case IFD_POWER_UP:
-      return reset(use.card(), kColdReset);
+      return reset(use.card(), SCARD_COLD_RESET);
     case IFD_RESET:
-      return reset(use.card(), kWarmReset);
+      return reset(use.card(), SCARD_WARM_RESET);
     case IFD_POWER_DOWN:
       return powerDown(use.card());
     default:
@@ -118,7 +123,8 @@ Reply Channel::power(DWORD action) {
 Reply Channel::powerDown(CardNumber card) {
   // The driver would take a power-down for a card that is in.
   if (card == kNoCard) return {IFD_SUCCESS, {}};
-  const host::IoResult result = controlCard(card, kIoctlPower, numberBytes(kPowerDown), 0);
+  const host::IoResult result =
+      controlCard(card, IOCTL_SMARTCARD_POWER, numberBytes(SCARD_POWER_DOWN), 0);
   if (isNoCard(result.status)) return {IFD_SUCCESS, {}};
   if (framework::failed(result.status)) return {IFD_ERROR_POWER_ACTION, {}};
   noteProtocol(card, 0);
@@ -127,7 +133,8 @@ Reply Channel::powerDown(CardNumber card) {
 
 Reply Channel::reset(CardNumber card, std::uint32_t operation) {
   if (card == kNoCard) return {refusal(), {}};
-  host::IoResult result = controlCard(card, kIoctlPower, numberBytes(operation), MAX_ATR_SIZE);
+  host::IoResult result =
+      controlCard(card, IOCTL_SMARTCARD_POWER, numberBytes(operation), MAX_ATR_SIZE);
   if (framework::failed(result.status) || !isAtr(result)) return resetFailed(card, result.status);
   const MutexLock lock(mutex_);
   session_ = {card, result.output, 0};
@@ -157,12 +164,13 @@ RESPONSECODE Channel::setProtocol(DWORD protocol) {
   const CardUse use(*presence_);
   if (use.card() == kNoCard) return refusal();
   const auto mask = static_cast<std::uint32_t>(protocol);
-  const host::IoResult result = controlCard(use.card(), kIoctlSetProtocol, numberBytes(mask), 0);
+  const host::IoResult result =
+      controlCard(use.card(), IOCTL_SMARTCARD_SET_PROTOCOL, numberBytes(mask), 0);
   if (framework::succeeded(result.status)) {
     noteProtocol(use.card(), mask);
     return IFD_SUCCESS;
   }
-  if (result.status == kNotSupported) {
+  if (result.status == status::kNotSupported) {
     if ((offeredProtocols(atrOf(use.card())) & mask) != 0) watch_.bringUpAnew();
     return IFD_PROTOCOL_NOT_SUPPORTED;
   }
@@ -193,11 +201,11 @@ host::IoEnd Channel::exchange(CardNumber card, const Apdu& command, std::uint32_
                               TransmitHeader* answerHeader) {
   *protocol = protocolOf(card);
   const host::IoEnd end = transmitToCard(card, command, *protocol, answerHeader);
-  if (end.status != kInvalidDeviceState) return end;
+  if (end.status != status::kInvalidDeviceState) return end;
   // Refused without being sent: the driver has another current protocol. Before one is chosen it
   // may be what the card offered, by the protocol's number and not by its mask.
   const std::optional<std::uint32_t> other = otherProtocol(card, *protocol);
-  if (!presence_->isShown(card)) return {kNoMedia, 0};
+  if (!presence_->isShown(card)) return {status::kNoMedia, 0};
   if (!other) return end;
   *protocol = *other;
   noteProtocol(card, *other);
@@ -206,17 +214,18 @@ host::IoEnd Channel::exchange(CardNumber card, const Apdu& command, std::uint32_
 
 std::optional<std::uint32_t> Channel::otherProtocol(CardNumber card, std::uint32_t known) {
   const host::IoResult current =
-      controlCard(card, kIoctlGetAttribute, numberBytes(kAttributeCurrentProtocol), kNumberSize);
+      controlCard(card, IOCTL_SMARTCARD_GET_ATTRIBUTE,
+                  numberBytes(SCARD_ATTR_CURRENT_PROTOCOL_TYPE), kNumberSize);
   if (framework::failed(current.status) || current.output.size() < kNumberSize) return std::nullopt;
-  const std::uint32_t protocol = numberAt(current.output, 0);
+  const std::uint32_t protocol = loadLittleEndian(current.output.data());
   return protocol == known ? std::nullopt : std::optional<std::uint32_t>(protocol);
 }
 
 RESPONSECODE Channel::checkAnswer(const host::IoEnd& end, const TransmitHeader& header,
                                   std::uint32_t protocol, std::size_t capacity) {
   if (end.information > kTransmitHeaderSize + capacity) return IFD_ERROR_INSUFFICIENT_BUFFER;
-  if (end.information >= kTransmitHeaderSize && numberAt(header, 0) == protocol &&
-      numberAt(header, kNumberSize) == kTransmitHeaderSize) {
+  if (end.information >= kTransmitHeaderSize && loadLittleEndian(header.data()) == protocol &&
+      loadLittleEndian(header.data() + kNumberSize) == kTransmitHeaderSize) {
     return IFD_SUCCESS;
   }
   log_(LogLevel::kError, "the driver's answer to a command has no valid header (" +
@@ -227,9 +236,9 @@ RESPONSECODE Channel::checkAnswer(const host::IoEnd& end, const TransmitHeader& 
 Reply Channel::attribute(DWORD tag) {
   if (!isAttribute(tag)) return {IFD_ERROR_TAG, {}};
   const auto attribute = static_cast<std::uint32_t>(tag);
-  if (attribute == kAttributeAtr) return atr();
-  return attributeReply(attribute,
-                        control(kIoctlGetAttribute, numberBytes(attribute), kAttributeCapacity));
+  if (attribute == SCARD_ATTR_ATR_STRING) return atr();
+  return attributeReply(attribute, control(IOCTL_SMARTCARD_GET_ATTRIBUTE, numberBytes(attribute),
+                                           kAttributeCapacity));
 }
 
 Reply Channel::atr() {
@@ -237,21 +246,21 @@ Reply Channel::atr() {
   if (use.card() == kNoCard) return {IFD_ICC_NOT_PRESENT, {}};
   Bytes known = atrOf(use.card());
   if (!known.empty()) return {IFD_SUCCESS, std::move(known)};
-  const host::IoResult result =
-      controlCard(use.card(), kIoctlGetAttribute, numberBytes(kAttributeAtr), kAttributeCapacity);
+  const host::IoResult result = controlCard(use.card(), IOCTL_SMARTCARD_GET_ATTRIBUTE,
+                                            numberBytes(SCARD_ATTR_ATR_STRING), kAttributeCapacity);
   if (framework::succeeded(result.status) && !isAtr(result)) return {};
-  return attributeReply(kAttributeAtr, result);
+  return attributeReply(SCARD_ATTR_ATR_STRING, result);
 }
 
 RESPONSECODE Channel::setAttribute(DWORD tag, const Bytes& value) {
   if (!isAttribute(tag)) return IFD_ERROR_TAG;
   if (value.size() > kAttributeCapacity) return IFD_ERROR_SET_FAILURE;
   Bytes input(kNumberSize + value.size());
-  putNumber(input, 0, static_cast<std::uint32_t>(tag));
+  storeLittleEndian(input.data(), static_cast<std::uint32_t>(tag));
   std::copy(value.begin(), value.end(), input.begin() + kNumberSize);
-  const HRESULT status = control(kIoctlSetAttribute, input, 0).status;
+  const HRESULT status = control(IOCTL_SMARTCARD_SET_ATTRIBUTE, input, 0).status;
   if (framework::succeeded(status)) return IFD_SUCCESS;
-  return status == kNotSupported ? IFD_ERROR_TAG : IFD_ERROR_SET_FAILURE;
+  return status == status::kNotSupported ? IFD_ERROR_TAG : IFD_ERROR_SET_FAILURE;
 }
 
 RESPONSECODE Channel::refusal() {

@@ -29,9 +29,10 @@
 #include <optional>
 #include <string>
 
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
 #include "host/driver_host.h"
 #include "pcsc/card_presence.h"
-#include "pcsc/driver_io.h"
 #include "pcsc/ifd_api.h"
 #include "pcsc/log.h"
 #include "pcsc/presence_watch.h"

@@ -17,7 +17,7 @@
 #include "host/driver_host.h"
 #include "pcsc/channel.h"
 #include "pcsc/device.h"
-#include "platform/sync.h"
+#include "platform/sync/sync.h"
 
 namespace zelta::pcsc {
 

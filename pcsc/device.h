@@ -10,7 +10,7 @@
 #include <memory>
 
 #include "host/driver_host.h"
-#include "platform/sync.h"
+#include "platform/sync/sync.h"
 
 namespace zelta::pcsc {
 

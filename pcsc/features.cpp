@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "contract/bytes.h"
+
 namespace zelta::pcsc {
 
 namespace {

@@ -3,7 +3,7 @@
 // Pure functions.
 #pragma once
 
-#include "pcsc/driver_io.h"
+#include "contract/bytes.h"
 #include "pcsc/ifd_api.h"
 
 namespace zelta::pcsc {

@@ -5,6 +5,7 @@
 #include <exception>
 #include <new>
 
+#include "contract/bytes.h"
 #include "pcsc/capabilities.h"
 #include "pcsc/channel_table.h"
 #include "pcsc/features.h"
@@ -13,7 +14,7 @@
 
 namespace {
 
-using zelta::pcsc::Bytes;
+using zelta::Bytes;
 using zelta::pcsc::Channel;
 using zelta::pcsc::ChannelTable;
 using zelta::pcsc::LogLevel;

@@ -5,7 +5,9 @@
 #include <new>
 #include <utility>
 
-#include "pcsc/driver_io.h"
+#include "contract/attributes.h"
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
 #include "pcsc/server_result.h"
 
 namespace zelta::pcsc {
@@ -114,7 +116,7 @@ PresenceWatch::Outcome PresenceWatch::watchOneCard() {
 }
 
 PresenceWatch::Outcome PresenceWatch::awaitInsertion() {
-  const auto request = submit(kIoctlIsPresent, false);
+  const auto request = submit(IOCTL_SMARTCARD_IS_PRESENT, false);
   if (!serves(*request)) return Outcome::kNotServing;
   const std::optional<HRESULT> status = mailbox_->await();
   if (!status) return endWait(*request);
@@ -126,7 +128,7 @@ PresenceWatch::Outcome PresenceWatch::awaitInsertion() {
 
 PresenceWatch::Outcome PresenceWatch::watchRemoval() {
   presence_->expectCard();
-  const auto request = submit(kIoctlIsAbsent, true);
+  const auto request = submit(IOCTL_SMARTCARD_IS_ABSENT, true);
   const bool shown = presence_->cardEntered();
   const std::optional<HRESULT> status = mailbox_->await();
   if (!status) return endWait(*request);
@@ -175,12 +177,12 @@ bool PresenceWatch::serves(const host::IoOperation& request) {
 std::optional<std::uint32_t> PresenceWatch::serverResult() {
   std::array<std::uint8_t, kNumberSize> tag{};
   std::array<std::uint8_t, kNumberSize> number{};
-  putNumber(tag, 0, kAttributeServerResult);
+  storeLittleEndian(tag.data(), SERVER_RESULT);
   const host::IoEnd end =
-      reader_.get()->controlInParts(kIoctlGetAttribute, {{}, {tag.data(), tag.size()}},
+      reader_.get()->controlInParts(IOCTL_SMARTCARD_GET_ATTRIBUTE, {{}, {tag.data(), tag.size()}},
                                     {{}, {number.data(), number.size()}}, kAnswerLimit);
   if (framework::failed(end.status) || end.information != kNumberSize) return std::nullopt;
-  return numberAt(number, 0);
+  return loadLittleEndian(number.data());
 }
 
 // The pause grows over bring-ups that follow each other closely, also if the reader serves between.

@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "host/driver_host.h"
-#include "platform/sync.h"
+#include "platform/sync/sync.h"
 
 namespace zelta::pcsc {
 

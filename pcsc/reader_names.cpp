@@ -1,9 +1,9 @@
 #include "pcsc/reader_names.h"
 
-#include <dlfcn.h>
-
 #include <charconv>
 #include <cstdlib>
+
+#include "platform/process/module_loader.h"
 
 namespace zelta::pcsc {
 
@@ -37,9 +37,7 @@ std::string readerName(std::uint32_t readerIndex) { return "dev" + std::to_strin
 std::string modulePath() {
   const char* const named = std::getenv(kModuleVariable);
   if (named != nullptr && *named != '\0') return named;
-  Dl_info own = {};
-  std::string path;
-  if (dladdr(&kInThisFile, &own) != 0 && own.dli_fname != nullptr) path = own.dli_fname;
+  const std::string path = platform::pathOfModule(&kInThisFile);
   const std::size_t slash = path.rfind('/');
   return (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) + kModuleFile;
 }

@@ -1,6 +1,6 @@
 #include "pcsc/server_result.h"
 
-#include "platform/error.h"
+#include "platform/process/error.h"
 
 namespace zelta::pcsc {
 

@@ -12,7 +12,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "driver/io_request.h"
+#include "driver/request/io_request.h"
 
 namespace zelta {
 

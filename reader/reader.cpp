@@ -2,10 +2,11 @@
 
 #include <stdexcept>
 
+#include "contract/status.h"
 #include "diagnostics/log.h"
 #include "diagnostics/traced_lock.h"
-#include "driver/memory_util.h"
-#include "driver/status.h"
+#include "driver/request/memory_util.h"
+#include "platform/process/error.h"
 
 namespace zelta {
 

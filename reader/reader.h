@@ -22,10 +22,11 @@
 #include <string>
 #include <vector>
 
-#include "driver/io_request.h"
-#include "driver/reader_device.h"
-#include "driver/smartcard_ioctl.h"
-#include "platform/sync.h"
+#include "contract/bytes.h"
+#include "contract/reader_states.h"
+#include "driver/request/io_request.h"
+#include "driver/request/reader_device.h"
+#include "platform/sync/sync.h"
 #include "reader/atr.h"
 #include "reader/waiting_requests.h"
 
@@ -36,8 +37,6 @@ enum class QueryResult : std::uint32_t { Success = 0, Failure = 1, Timeout = 2 }
 
 class Reader {
  public:
-  using Bytes = std::vector<std::uint8_t>;
-
   // Throws std::invalid_argument for a null device.
   Reader(std::uint32_t unitNumber, ReaderDevice* device);
   Reader(const Reader&) = delete;

@@ -1,8 +1,11 @@
 // The reader's attributes.
+#include "contract/attributes.h"
+#include "contract/bytes.h"
+#include "contract/reader_states.h"
+#include "contract/status.h"
 #include "diagnostics/log.h"
-#include "driver/little_endian.h"
-#include "driver/memory_util.h"
-#include "driver/status.h"
+#include "driver/request/memory_util.h"
+#include "platform/process/error.h"
 #include "reader/reader.h"
 
 namespace zelta {

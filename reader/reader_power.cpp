@@ -1,7 +1,10 @@
 // Powering the card, and what its answer to reset sets.
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
+#include "contract/status.h"
 #include "diagnostics/log.h"
-#include "driver/memory_util.h"
-#include "driver/status.h"
+#include "driver/request/memory_util.h"
 #include "reader/atr.h"
 #include "reader/reader.h"
 

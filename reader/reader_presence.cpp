@@ -3,9 +3,10 @@
 // No lock is held while the agent is asked. A card event that comes meanwhile finds the request not
 // waiting yet, and its answer may be older than the event. So if the awaited event has come since
 // just before the question, the request ends as if it had waited already.
+#include "contract/reader_states.h"
+#include "contract/status.h"
 #include "diagnostics/log.h"
 #include "diagnostics/traced_lock.h"
-#include "driver/status.h"
 #include "reader/reader.h"
 
 namespace zelta {

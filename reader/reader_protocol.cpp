@@ -1,8 +1,11 @@
 // Selecting a protocol and passing command APDUs to the card.
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
+#include "contract/status.h"
 #include "diagnostics/log.h"
-#include "driver/little_endian.h"
-#include "driver/memory_util.h"
-#include "driver/status.h"
+#include "driver/request/memory_util.h"
+#include "platform/process/error.h"
 #include "reader/reader.h"
 
 namespace zelta {

@@ -1,6 +1,6 @@
 #include "reader/waiting_requests.h"
 
-#include "driver/status.h"
+#include "contract/status.h"
 
 namespace zelta {
 

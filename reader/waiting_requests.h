@@ -17,8 +17,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "driver/reader_device.h"
-#include "platform/sync.h"
+#include "driver/request/reader_device.h"
+#include "platform/sync/sync.h"
 #include "reader/pending_requests.h"
 
 namespace zelta {

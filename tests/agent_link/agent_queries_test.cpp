@@ -1,14 +1,15 @@
 // The exchanges on the command pipe: their bytes, call by call, their results and log lines.
 #include <gtest/gtest.h>
 
-#include "agent_link/wire.h"
-#include "driver/smartcard_ioctl.h"
+#include "contract/bytes.h"
+#include "contract/reader_states.h"
+#include "contract/wire.h"
+#include "platform/process/error.h"
 #include "tests/agent_link/scripted_link.h"
 
 namespace zelta::test {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
 using Records = std::vector<LogRecord>;
 using Trace = std::vector<std::string>;
 

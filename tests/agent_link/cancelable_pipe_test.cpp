@@ -6,10 +6,11 @@
 #include <future>
 #include <thread>
 
-#include "platform/ports.h"
+#include "platform/process/error.h"
+#include "platform/process/ports.h"
 #include "tests/agent_link/link_test.h"
-#include "tests/support/gap_pipes.h"
-#include "tests/support/scripted_pipes.h"
+#include "tests/doubles/pipes/gap_pipes.h"
+#include "tests/doubles/pipes/scripted_pipes.h"
 
 namespace zelta::test {
 namespace {

@@ -4,6 +4,7 @@
 
 #include <future>
 
+#include "contract/wire.h"
 #include "tests/agent_link/events_test.h"
 
 namespace zelta::test {

@@ -3,15 +3,17 @@
 
 #include <atomic>
 
-#include "driver/smartcard_ioctl.h"
-#include "driver/status.h"
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
+#include "contract/status.h"
+#include "contract/wire.h"
 #include "tests/agent_link/events_test.h"
 #include "tests/support/repetitions.h"
 
 namespace zelta::test {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
 using Records = std::vector<LogRecord>;
 using Order = std::vector<const LinkRequest*>;
 

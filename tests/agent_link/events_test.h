@@ -7,10 +7,10 @@
 #include <atomic>
 #include <vector>
 
-#include "agent_link/wire.h"
-#include "platform/error.h"
+#include "contract/bytes.h"
+#include "platform/process/error.h"
 #include "tests/agent_link/link_test.h"
-#include "tests/support/link_agent.h"
+#include "tests/doubles/agent/link_agent.h"
 
 namespace zelta::test {
 

@@ -5,11 +5,13 @@
 #include <vector>
 
 #include "agent_link/pipe_reader.h"
-#include "driver/smartcard_ioctl.h"
-#include "driver/status.h"
-#include "platform/error.h"
-#include "platform/ports.h"
-#include "tests/support/link_requests.h"
+#include "contract/attributes.h"
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
+#include "platform/process/error.h"
+#include "platform/process/ports.h"
+#include "tests/doubles/request/link_requests.h"
 #include "tests/support/log_capture.h"
 
 namespace zelta::test {
@@ -18,7 +20,6 @@ namespace {
 
 using platform::MutexLock;
 using platform::PipeHandleValue;
-using Bytes = std::vector<std::uint8_t>;
 
 bool fail(std::uint32_t error) {
   platform::setLastError(error);

@@ -4,8 +4,9 @@
 #include <chrono>
 #include <utility>
 
-#include "agent_link/wire.h"
-#include "driver/smartcard_ioctl.h"
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
 
 namespace zelta::test {
 
@@ -82,7 +83,7 @@ void LinkTest::makeCardPresent() {
 }
 
 std::vector<std::uint8_t> number(std::uint32_t value, const std::vector<std::uint8_t>& tail) {
-  const auto head = encodeNumber(value);
+  const auto head = toLittleEndian(value);
   std::vector<std::uint8_t> bytes(head.begin(), head.end());
   for (const std::uint8_t byte : tail) bytes.push_back(byte);
   return bytes;

@@ -11,8 +11,9 @@
 #include <vector>
 
 #include "agent_link/pipe_reader.h"
-#include "platform/ports.h"
-#include "tests/support/link_requests.h"
+#include "contract/bytes.h"
+#include "platform/process/ports.h"
+#include "tests/doubles/request/link_requests.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_folder.h"
 
@@ -53,8 +54,6 @@ class LogWaiter {
 // The parts of a reader's surroundings, with the reader started by the test.
 class LinkTest : public ::testing::Test {
  protected:
-  using Bytes = std::vector<std::uint8_t>;
-
   LinkTest();
   ~LinkTest() override;
 

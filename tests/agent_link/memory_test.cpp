@@ -7,7 +7,8 @@
 #include <limits>
 #include <new>
 
-#include "driver/smartcard_ioctl.h"
+#include "contract/bytes.h"
+#include "platform/process/error.h"
 #include "tests/agent_link/scripted_link.h"
 
 namespace {
@@ -33,7 +34,6 @@ void operator delete(void* block, std::size_t) noexcept { std::free(block); }
 namespace zelta::test {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
 using Records = std::vector<LogRecord>;
 
 constexpr std::uint32_t kNoMemory = platform::error::kNotEnoughMemory;

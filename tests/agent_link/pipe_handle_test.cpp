@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "tests/agent_link/link_test.h"
-#include "tests/support/scripted_pipes.h"
+#include "tests/doubles/pipes/scripted_pipes.h"
 
 namespace zelta::test {
 namespace {

@@ -1,11 +1,13 @@
 // The two pipes of a reader: how they are created, connected and disconnected.
 #include <gtest/gtest.h>
 
-#include "agent_link/wire.h"
-#include "driver/status.h"
+#include "contract/bytes.h"
+#include "contract/status.h"
+#include "contract/wire.h"
+#include "platform/process/error.h"
 #include "tests/agent_link/scripted_link.h"
-#include "tests/support/link_agent.h"
-#include "tests/support/serialising_pipes.h"
+#include "tests/doubles/agent/link_agent.h"
+#include "tests/doubles/pipes/serialising_pipes.h"
 #include "tests/support/system.h"
 
 namespace zelta::test {
@@ -309,7 +311,7 @@ TEST_F(RealPipes, SecondReaderOfAnIndexCannotBeCreatedAndTheFirstIsUnaffected) {
   start();
   LinkAgent agent;
   waitForInsertion();
-  ASSERT_TRUE(agent.connect([](const LinkAgent::Command&) { return LinkAgent::Bytes{}; }));
+  ASSERT_TRUE(agent.connect([](const LinkAgent::Command&) { return Bytes{}; }));
   ASSERT_TRUE(log_.waitFor("Waiting for command..."));
   {
     PipeReader second(0, &device_);
@@ -327,7 +329,7 @@ TEST_F(RealPipes, ReadersOfTheFirstAndLastIndexAreReachedByTheirNumbers) {
     start({}, index);
     waitForInsertion();
     LinkAgent agent(index);
-    ASSERT_TRUE(agent.connect([](const LinkAgent::Command&) { return LinkAgent::Bytes{}; }));
+    ASSERT_TRUE(agent.connect([](const LinkAgent::Command&) { return Bytes{}; }));
     ASSERT_TRUE(log_.waitFor("Waiting for command..."));
     stop();
     log_.clear();

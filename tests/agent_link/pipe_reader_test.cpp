@@ -7,9 +7,10 @@
 #include <future>
 #include <thread>
 
-#include "agent_link/wire.h"
-#include "driver/little_endian.h"
-#include "driver/status.h"
+#include "contract/bytes.h"
+#include "contract/status.h"
+#include "contract/wire.h"
+#include "platform/process/error.h"
 #include "tests/agent_link/scripted_link.h"
 #include "tests/support/repetitions.h"
 

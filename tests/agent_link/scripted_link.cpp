@@ -2,7 +2,8 @@
 
 #include <cstdio>
 
-#include "agent_link/wire.h"
+#include "contract/bytes.h"
+#include "contract/wire.h"
 
 namespace zelta::test {
 

@@ -4,8 +4,9 @@
 #include <string>
 #include <vector>
 
+#include "contract/bytes.h"
 #include "tests/agent_link/link_test.h"
-#include "tests/support/scripted_pipes.h"
+#include "tests/doubles/pipes/scripted_pipes.h"
 
 namespace zelta::test {
 

@@ -2,9 +2,12 @@
 // nobody waits for a card.
 #include <gtest/gtest.h>
 
-#include "driver/little_endian.h"
-#include "driver/smartcard_ioctl.h"
-#include "driver/status.h"
+#include "contract/attributes.h"
+#include "contract/bytes.h"
+#include "contract/reader_states.h"
+#include "contract/status.h"
+#include "contract/wire.h"
+#include "platform/process/error.h"
 #include "tests/agent_link/events_test.h"
 #include "tests/support/system.h"
 

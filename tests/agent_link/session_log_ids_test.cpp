@@ -1,13 +1,13 @@
 // The session log ids that the agent announces.
 #include <gtest/gtest.h>
 
+#include "contract/wire.h"
 #include "tests/agent_link/events_test.h"
 #include "tests/support/system.h"
 
 namespace zelta::test {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
 using Records = std::vector<LogRecord>;
 
 class SessionLogIds : public EventsTest {};

@@ -4,19 +4,19 @@
 
 #include <future>
 
-#include "agent_link/wire.h"
+#include "contract/bytes.h"
+#include "contract/wire.h"
 #include "tests/agent_link/link_test.h"
-#include "tests/support/gap_pipes.h"
+#include "tests/doubles/pipes/gap_pipes.h"
+#include "tests/doubles/pipes/serialising_pipes.h"
 #include "tests/support/pipe_client.h"
 #include "tests/support/process_state.h"
 #include "tests/support/repetitions.h"
-#include "tests/support/serialising_pipes.h"
 
 namespace zelta::test {
 namespace {
 
 using namespace std::chrono_literals;
-using Bytes = std::vector<std::uint8_t>;
 
 // A driver whose way out takes longer is ended by the system, together with its host.
 constexpr std::chrono::seconds kHostLimit{60};

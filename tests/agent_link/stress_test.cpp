@@ -5,18 +5,17 @@
 #include <atomic>
 #include <thread>
 
-#include "agent_link/wire.h"
-#include "driver/smartcard_ioctl.h"
-#include "driver/status.h"
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/status.h"
+#include "contract/wire.h"
 #include "tests/agent_link/link_test.h"
-#include "tests/support/link_agent.h"
+#include "tests/doubles/agent/link_agent.h"
 #include "tests/support/process_state.h"
 #include "tests/support/repetitions.h"
 
 namespace zelta::test {
 namespace {
-
-using Bytes = std::vector<std::uint8_t>;
 
 const Bytes kAtr = {0x3B, 0x00};
 

@@ -4,19 +4,20 @@
 #include <algorithm>
 #include <future>
 
-#include "agent_link/wire.h"
-#include "driver/smartcard_ioctl.h"
+#include "contract/bytes.h"
+#include "contract/reader_states.h"
+#include "contract/wire.h"
+#include "platform/process/error.h"
 #include "tests/agent_link/link_test.h"
-#include "tests/support/gap_pipes.h"
-#include "tests/support/link_agent.h"
-#include "tests/support/serialising_pipes.h"
+#include "tests/doubles/agent/link_agent.h"
+#include "tests/doubles/pipes/gap_pipes.h"
+#include "tests/doubles/pipes/serialising_pipes.h"
 #include "tests/support/system.h"
 
 namespace zelta::test {
 namespace {
 
 using namespace std::chrono_literals;
-using Bytes = std::vector<std::uint8_t>;
 using Records = std::vector<LogRecord>;
 
 constexpr std::uint32_t kAborted = platform::error::kOperationAborted;

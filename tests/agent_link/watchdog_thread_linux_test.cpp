@@ -4,7 +4,7 @@
 
 #include <cerrno>
 
-#include "agent_link/wire.h"
+#include "contract/wire.h"
 #include "tests/agent_link/scripted_link.h"
 
 namespace zelta::test {

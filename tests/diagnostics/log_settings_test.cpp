@@ -4,8 +4,8 @@
 #include <optional>
 
 #include "diagnostics/logging_facade.h"
+#include "tests/doubles/registry/fake_registry.h"
 #include "tests/support/fake_folders.h"
-#include "tests/support/fake_registry.h"
 #include "tests/support/logging_ports.h"
 
 namespace zelta {

@@ -6,7 +6,7 @@
 
 #include "diagnostics/log.h"
 #include "diagnostics/log_output.h"
-#include "tests/support/counting_registry.h"
+#include "tests/doubles/registry/counting_registry.h"
 #include "tests/support/log_files.h"
 #include "tests/support/small_disk.h"
 #include "tests/support/temp_folder.h"

@@ -9,7 +9,7 @@
 #include "diagnostics/log.h"
 #include "diagnostics/log_output.h"
 #include "diagnostics/logging_facade.h"
-#include "platform/utf.h"
+#include "platform/files/utf.h"
 #include "tests/support/log_files.h"
 #include "tests/support/logging_ports.h"
 #include "tests/support/temp_folder.h"

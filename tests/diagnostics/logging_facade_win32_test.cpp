@@ -7,8 +7,8 @@
 
 #include "diagnostics/log.h"
 #include "diagnostics/log_output.h"
-#include "platform/ports.h"
-#include "tests/support/counting_registry.h"
+#include "platform/process/ports.h"
+#include "tests/doubles/registry/counting_registry.h"
 #include "tests/support/log_files.h"
 #include "tests/support/logging_ports.h"
 #include "tests/support/machine_registry_win32.h"

@@ -9,7 +9,7 @@
 
 #include "diagnostics/log.h"
 #include "diagnostics/log_output.h"
-#include "platform/ports.h"
+#include "platform/process/ports.h"
 #include "tests/support/log_files.h"
 #include "tests/support/logging_ports.h"
 #include "tests/support/own_registry.h"

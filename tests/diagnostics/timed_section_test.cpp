@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/clock.h"
+#include "platform/sync/clock.h"
 #include "tests/support/log_capture.h"
 
 namespace zelta {

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <string>
 
-#include "driver/identifiers.h"
+#include "contract/class_ids.h"
 #include "framework/wdf.h"
 
 namespace zelta::framework {

@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "host/driver_host.h"
-#include "platform/sync.h"
-#include "tests/support/fake_driver.h"
+#include "platform/sync/sync.h"
+#include "tests/doubles/framework/fake_driver.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::host {

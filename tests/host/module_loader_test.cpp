@@ -1,4 +1,4 @@
-#include "platform/module_loader.h"
+#include "platform/process/module_loader.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -7,8 +7,8 @@
 #include <thread>
 
 #include "logging/line_format.h"
+#include "tests/doubles/clock/simulated_clock.h"
 #include "tests/support/log_files.h"
-#include "tests/support/simulated_clock.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::logging {

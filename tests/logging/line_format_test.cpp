@@ -8,8 +8,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tests/doubles/clock/simulated_clock.h"
 #include "tests/support/log_files.h"
-#include "tests/support/simulated_clock.h"
 
 namespace zelta::logging {
 namespace {

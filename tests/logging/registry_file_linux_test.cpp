@@ -5,9 +5,9 @@
 #include <fstream>
 
 #include "logging/zelta_logging.h"
+#include "tests/doubles/clock/simulated_clock.h"
 #include "tests/support/log_files.h"
 #include "tests/support/recording_logger.h"
-#include "tests/support/simulated_clock.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta {

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "logging/zelta_logging.h"
-#include "tests/support/counting_registry.h"
+#include "tests/doubles/registry/counting_registry.h"
 #include "tests/support/logging_ports.h"
 #include "tests/support/machine_registry_win32.h"
 #include "tests/support/recording_logger.h"

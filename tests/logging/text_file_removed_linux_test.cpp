@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "logging/text_file.h"
+#include "tests/doubles/clock/simulated_clock.h"
 #include "tests/support/log_files.h"
-#include "tests/support/simulated_clock.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta {

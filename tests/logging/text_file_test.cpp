@@ -8,8 +8,8 @@
 #include <thread>
 #include <type_traits>
 
+#include "tests/doubles/clock/simulated_clock.h"
 #include "tests/support/log_files.h"
-#include "tests/support/simulated_clock.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta {

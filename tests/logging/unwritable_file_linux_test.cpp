@@ -7,8 +7,8 @@
 
 #include "logging/file_logger.h"
 #include "logging/text_file.h"
+#include "tests/doubles/clock/simulated_clock.h"
 #include "tests/support/log_files.h"
-#include "tests/support/simulated_clock.h"
 #include "tests/support/small_disk.h"
 #include "tests/support/temp_folder.h"
 

@@ -13,6 +13,8 @@
 #include <sstream>
 #include <string>
 
+#include "contract/bytes.h"
+#include "contract/wire.h"
 #include "tests/module/test_card.h"
 
 namespace zelta::test {

@@ -1,6 +1,8 @@
 // Cancellation racing with completion: each request is completed by one of the two, once.
 #include <thread>
 
+#include "contract/io_controls.h"
+#include "contract/wire.h"
 #include "tests/module/hosted_module.h"
 #include "tests/module/recorded_module.h"
 #include "tests/support/repetitions.h"

@@ -4,6 +4,9 @@
 
 #include <fstream>
 
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
 #include "tests/module/module_world.h"
 #include "tests/module/programs.h"
 #include "tests/support/temp_folder.h"

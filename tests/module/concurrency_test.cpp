@@ -1,6 +1,10 @@
 // Several callers at the same time, with the agent's events in between.
 #include <thread>
 
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
+#include "contract/wire.h"
 #include "tests/module/hosted_module.h"
 #include "tests/support/repetitions.h"
 

@@ -1,5 +1,9 @@
 // The module against the framework's rules: each request completed once, every reference given
 // back, nothing touched after completion, contexts cleaned.
+#include "contract/attributes.h"
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
 #include "tests/module/recorded_module.h"
 
 namespace zelta::test {

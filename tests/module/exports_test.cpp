@@ -6,8 +6,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/doubles/framework/recording_framework.h"
 #include "tests/module/module_world.h"
-#include "tests/support/recording_framework.h"
 #include "tests/support/repetitions.h"
 
 namespace zelta::test {

@@ -1,6 +1,7 @@
 // The driver in a host of its own that ends without asking it.
 #include <gmock/gmock.h>
 
+#include "contract/io_controls.h"
 #include "tests/module/module_world.h"
 #include "tests/module/programs.h"
 

@@ -6,6 +6,10 @@
 
 #include <future>
 
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
+#include "contract/wire.h"
 #include "host/driver_host.h"
 #include "tests/module/module_world.h"
 

@@ -1,5 +1,10 @@
 // Input that no well-meaning caller or agent sends: it ends in a status, a log line and a reader
 // that goes on working.
+#include "contract/attributes.h"
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
+#include "contract/wire.h"
 #include "tests/module/hosted_module.h"
 
 namespace zelta::test {

@@ -1,6 +1,11 @@
 // Every I/O control through the whole module, over real pipes to an agent.
 #include <algorithm>
 
+#include "contract/attributes.h"
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
+#include "contract/wire.h"
 #include "tests/module/hosted_module.h"
 
 namespace zelta::test {

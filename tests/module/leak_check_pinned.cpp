@@ -6,7 +6,7 @@
 
 #include <memory>
 
-#include "platform/module_loader.h"
+#include "platform/process/module_loader.h"
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)

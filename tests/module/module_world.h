@@ -9,9 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "driver/smartcard_ioctl.h"
 #include "framework/wdf.h"
-#include "platform/module_loader.h"
+#include "platform/process/module_loader.h"
 #include "tests/module/test_card.h"
 #include "tests/support/log_files.h"
 

@@ -1,6 +1,6 @@
 #include <fstream>
 
-#include "platform/pipe_path.h"
+#include "platform/pipe/pipe_path.h"
 #include "tests/module/module_world.h"
 #include "tests/support/temp_folder.h"
 

@@ -1,6 +1,9 @@
 // Cards and agents that come and go.
 #include <future>
 
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
+#include "contract/wire.h"
 #include "tests/module/hosted_module.h"
 #include "tests/support/repetitions.h"
 #include "tests/support/system.h"

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "contract/io_controls.h"
 #include "tests/module/hosted_module.h"
 
 namespace zelta::test {

@@ -6,7 +6,8 @@
 #include <sstream>
 #include <string>
 
-#include "driver/smartcard_ioctl.h"
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
 #include "tests/module/test_card.h"
 #include "tests/support/child_process.h"
 

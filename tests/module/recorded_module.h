@@ -5,8 +5,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "contract/io_controls.h"
+#include "contract/wire.h"
+#include "tests/doubles/framework/recording_framework.h"
 #include "tests/module/module_world.h"
-#include "tests/support/recording_framework.h"
 
 namespace zelta::test {
 

@@ -1,5 +1,5 @@
 // The recording framework itself: it complains about each thing that a driver must not do.
-#include "tests/support/recording_framework.h"
+#include "tests/doubles/framework/recording_framework.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

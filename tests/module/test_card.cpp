@@ -5,12 +5,14 @@
 #include <algorithm>
 #include <array>
 
-#include "driver/smartcard_ioctl.h"
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/wire.h"
 
 namespace zelta::test {
 
 Bytes number(std::uint32_t value) {
-  const auto bytes = encodeNumber(value);
+  const auto bytes = toLittleEndian(value);
   return {bytes.begin(), bytes.end()};
 }
 
@@ -18,7 +20,7 @@ std::uint32_t toNumber(const Bytes& bytes) {
   std::array<std::uint8_t, 4> four{};
   EXPECT_EQ(bytes.size(), four.size());
   std::copy_n(bytes.begin(), std::min(bytes.size(), four.size()), four.begin());
-  return decodeNumber(four);
+  return loadLittleEndian(four.data());
 }
 
 Bytes operator+(Bytes front, const Bytes& back) {

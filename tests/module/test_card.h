@@ -5,11 +5,10 @@
 #include <cstdint>
 #include <vector>
 
-#include "tests/support/link_agent.h"
+#include "contract/bytes.h"
+#include "tests/doubles/agent/link_agent.h"
 
 namespace zelta::test {
-
-using Bytes = std::vector<std::uint8_t>;
 
 // 32-bit little-endian numbers.
 Bytes number(std::uint32_t value);

@@ -1,6 +1,9 @@
 // The driver here, its agent in another process, and the administrator at the registry.
 #include <functional>
 
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
 #include "tests/module/hosted_module.h"
 #include "tests/module/programs.h"
 #include "tests/support/process_state.h"

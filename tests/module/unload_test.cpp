@@ -3,9 +3,11 @@
 #include <cstdlib>
 #include <thread>
 
+#include "contract/io_controls.h"
+#include "contract/wire.h"
+#include "tests/doubles/framework/recording_framework.h"
 #include "tests/module/hosted_module.h"
 #include "tests/support/process_state.h"
-#include "tests/support/recording_framework.h"
 #include "tests/support/repetitions.h"
 
 namespace zelta::test {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "contract/bytes.h"
+
 namespace zelta::pcsc {
 namespace {
 

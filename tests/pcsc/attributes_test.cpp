@@ -1,6 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "contract/attributes.h"
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/status.h"
 #include "pcsc/capabilities.h"
 #include "tests/pcsc/channel_fixture.h"
 
@@ -19,7 +23,7 @@ class AttributesTest : public test::ChannelTest {
  protected:
   Reply get(DWORD tag) { return capability(*channel_, tag, {await, stop}); }
   void answerAttribute(host::IoResult result) {
-    reader_->answer(kIoctlGetAttribute, [result](const auto&) { return result; });
+    reader_->answer(IOCTL_SMARTCARD_GET_ATTRIBUTE, [result](const auto&) { return result; });
   }
   static Bytes text(const std::string& value) { return Bytes(value.begin(), value.end()); }
 };
@@ -30,7 +34,7 @@ TEST_F(AttributesTest, HandlerDescribesItself) {
   EXPECT_THAT(get(TAG_IFD_SLOT_THREAD_SAFE).bytes, ElementsAre(1));
   EXPECT_THAT(get(TAG_IFD_SLOTS_NUMBER).bytes, ElementsAre(1));
   EXPECT_THAT(get(TAG_IFD_POLLING_THREAD_KILLABLE).bytes, ElementsAre(0));
-  EXPECT_EQ(reader_->count(kIoctlGetAttribute), 0u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_GET_ATTRIBUTE), 0u);
 }
 
 TEST_F(AttributesTest, PollingFunctionsAreGivenAsAddresses) {
@@ -52,7 +56,7 @@ TEST_F(AttributesTest, UnusedAndUnknownTagsAreRefusedWithoutTheDriver) {
         DWORD{0}, DWORD{0xFFFF}, DWORD{0x100000000}, ~DWORD{0}}) {
     EXPECT_EQ(get(tag).code, IFD_ERROR_TAG) << tag;
   }
-  EXPECT_EQ(reader_->count(kIoctlGetAttribute), 0u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_GET_ATTRIBUTE), 0u);
 }
 
 TEST_F(AttributesTest, NamesThatPcscdKnowsItselfAreLeftToIt) {
@@ -60,7 +64,7 @@ TEST_F(AttributesTest, NamesThatPcscdKnowsItselfAreLeftToIt) {
                           SCARD_ATTR_DEVICE_SYSTEM_NAME_A, SCARD_ATTR_DEVICE_SYSTEM_NAME_W}) {
     EXPECT_EQ(get(tag).code, IFD_ERROR_TAG) << tag;
   }
-  EXPECT_EQ(reader_->count(kIoctlGetAttribute), 0u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_GET_ATTRIBUTE), 0u);
 }
 
 TEST_F(AttributesTest, TextsLoseTheirTerminatingZero) {
@@ -68,7 +72,7 @@ TEST_F(AttributesTest, TextsLoseTheirTerminatingZero) {
   value.push_back('\0');
   answerAttribute(succeededWith(text(value)));
   for (const DWORD tag : {DWORD{SCARD_ATTR_VENDOR_NAME}, DWORD{SCARD_ATTR_VENDOR_IFD_TYPE},
-                          DWORD{kAttributePipeName}, DWORD{kAttributeEventPipeName}}) {
+                          DWORD{PIPE_NAME}, DWORD{EVENT_PIPE_NAME}}) {
     EXPECT_EQ(get(tag).bytes, text("Vornhalt")) << tag;
   }
 }
@@ -84,19 +88,19 @@ TEST_F(AttributesTest, EmptyTextsAreEmpty) {
 TEST_F(AttributesTest, NumbersAreFourBytesAlsoWithZeroesAtTheirEnd) {
   answerAttribute(succeededWith({0x00, 0x00, 0xF0, 0x00}));
   EXPECT_THAT(get(SCARD_ATTR_CHANNEL_ID).bytes, ElementsAre(0x00, 0x00, 0xF0, 0x00));
-  const auto requests = reader_->requests(kIoctlGetAttribute);
+  const auto requests = reader_->requests(IOCTL_SMARTCARD_GET_ATTRIBUTE);
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_THAT(requests[0].input, ElementsAre(0x10, 0x01, 0x02, 0x00));
   EXPECT_EQ(requests[0].outputCapacity, static_cast<std::size_t>(MAX_BUFFER_SIZE));
 }
 
 TEST_F(AttributesTest, AttributeThatTheDriverRefusesIsAnUnknownTag) {
-  answerAttribute(failedWith(kNotSupported));
+  answerAttribute(failedWith(status::kNotSupported));
   EXPECT_EQ(get(SCARD_ATTR_VENDOR_IFD_VERSION).code, IFD_ERROR_TAG);
 }
 
 TEST_F(AttributesTest, OtherFailuresAreToldApart) {
-  answerAttribute(failedWith(kNoMedia));
+  answerAttribute(failedWith(status::kNoMedia));
   EXPECT_EQ(get(SCARD_ATTR_CURRENT_PROTOCOL_TYPE).code, IFD_ICC_NOT_PRESENT);
   answerAttribute(failedWith(host::kTimedOut));
   EXPECT_EQ(get(SCARD_ATTR_MAX_CLK).code, IFD_RESPONSE_TIMEOUT);
@@ -106,7 +110,7 @@ TEST_F(AttributesTest, OtherFailuresAreToldApart) {
 
 TEST_F(AttributesTest, AttributeTooLongForAnyClientIsInsufficientBuffer) {
   answerAttribute({framework::kOk, MAX_BUFFER_SIZE + 1, {}});
-  EXPECT_EQ(get(kAttributePipeName).code, IFD_ERROR_INSUFFICIENT_BUFFER);
+  EXPECT_EQ(get(PIPE_NAME).code, IFD_ERROR_INSUFFICIENT_BUFFER);
 }
 
 // --- The answer to reset ---
@@ -117,14 +121,15 @@ TEST_F(AttributesTest, AtrOfAPoweredCardIsKnownWithoutAskingTheDriver) {
   EXPECT_EQ(get(SCARD_ATTR_ATR_STRING).bytes, kAtr);
   channel_->power(IFD_POWER_DOWN);
   EXPECT_EQ(get(TAG_IFD_ATR).bytes, kAtr);
-  EXPECT_EQ(reader_->count(kIoctlGetAttribute), 0u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_GET_ATTRIBUTE), 0u);
 }
 
 TEST_F(AttributesTest, AtrOfACardThatWasNotPoweredIsTheDrivers) {
   insert();
   answerAttribute(succeededWith(kAtr));
   EXPECT_EQ(get(TAG_IFD_ATR).bytes, kAtr);
-  EXPECT_THAT(reader_->requests(kIoctlGetAttribute)[0].input, ElementsAre(0x03, 0x03, 0x09, 0x00));
+  EXPECT_THAT(reader_->requests(IOCTL_SMARTCARD_GET_ATTRIBUTE)[0].input,
+              ElementsAre(0x03, 0x03, 0x09, 0x00));
 }
 
 TEST_F(AttributesTest, NoAtrWithoutACard) {
@@ -133,7 +138,7 @@ TEST_F(AttributesTest, NoAtrWithoutACard) {
   remove();
   EXPECT_EQ(get(TAG_IFD_ATR).code, IFD_ICC_NOT_PRESENT);
   EXPECT_EQ(get(SCARD_ATTR_ATR_STRING).code, IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(reader_->count(kIoctlGetAttribute), 0u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_GET_ATTRIBUTE), 0u);
 }
 
 TEST_F(AttributesTest, AtrOfTheCardBeforeIsForgotten) {
@@ -148,23 +153,25 @@ TEST_F(AttributesTest, AtrOfTheCardBeforeIsForgotten) {
 
 TEST_F(AttributesTest, SettingSendsTagAndValue) {
   EXPECT_EQ(channel_->setAttribute(SCARD_ATTR_DEVICE_IN_USE, {1, 2, 3, 4}), IFD_SUCCESS);
-  const auto requests = reader_->requests(kIoctlSetAttribute);
+  const auto requests = reader_->requests(IOCTL_SMARTCARD_SET_ATTRIBUTE);
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_THAT(requests[0].input, ElementsAre(0x02, 0x00, 0xFF, 0x7F, 1, 2, 3, 4));
 }
 
 TEST_F(AttributesTest, SettingMayHaveNoValue) {
   EXPECT_EQ(channel_->setAttribute(SCARD_ATTR_DEVICE_IN_USE, {}), IFD_SUCCESS);
-  EXPECT_EQ(reader_->requests(kIoctlSetAttribute)[0].input.size(), 4u);
+  EXPECT_EQ(reader_->requests(IOCTL_SMARTCARD_SET_ATTRIBUTE)[0].input.size(), 4u);
 }
 
 TEST_F(AttributesTest, SettingWhatTheDriverRefusesIsAnUnknownTag) {
-  reader_->answer(kIoctlSetAttribute, [](const auto&) { return failedWith(kNotSupported); });
+  reader_->answer(IOCTL_SMARTCARD_SET_ATTRIBUTE,
+                  [](const auto&) { return failedWith(status::kNotSupported); });
   EXPECT_EQ(channel_->setAttribute(SCARD_ATTR_VENDOR_NAME, {1}), IFD_ERROR_TAG);
 }
 
 TEST_F(AttributesTest, SettingThatFailsOtherwiseIsASetFailure) {
-  reader_->answer(kIoctlSetAttribute, [](const auto&) { return failedWith(kGenFailure); });
+  reader_->answer(IOCTL_SMARTCARD_SET_ATTRIBUTE,
+                  [](const auto&) { return failedWith(kGenFailure); });
   EXPECT_EQ(channel_->setAttribute(SCARD_ATTR_DEVICE_IN_USE, {1}), IFD_ERROR_SET_FAILURE);
   EXPECT_EQ(channel_->setAttribute(SCARD_ATTR_DEVICE_IN_USE, Bytes(MAX_BUFFER_SIZE + 1)),
             IFD_ERROR_SET_FAILURE);
@@ -173,7 +180,7 @@ TEST_F(AttributesTest, SettingThatFailsOtherwiseIsASetFailure) {
 TEST_F(AttributesTest, SettingHandlerTagsIsRefusedWithoutTheDriver) {
   EXPECT_EQ(channel_->setAttribute(TAG_IFD_DEVICE_REMOVED, {1}), IFD_ERROR_TAG);
   EXPECT_EQ(channel_->setAttribute(~DWORD{0}, {1}), IFD_ERROR_TAG);
-  EXPECT_EQ(reader_->count(kIoctlSetAttribute), 0u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_SET_ATTRIBUTE), 0u);
 }
 
 }  // namespace

@@ -8,8 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
 #include "pcsc/channel.h"
-#include "tests/support/fake_driver_host.h"
+#include "tests/doubles/framework/fake_driver_host.h"
 
 namespace zelta::test {
 
@@ -43,7 +45,7 @@ class LogLines {
 class ChannelTest : public testing::Test {
  protected:
   static constexpr framework::HRESULT kGenFailure = framework::hresult(0x8007001F);
-  const pcsc::Bytes kAtr{0x3B, 0x95, 0x13, 0x81, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00};
+  const Bytes kAtr{0x3B, 0x95, 0x13, 0x81, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00};
 
   ChannelTest() {
     answerPower(succeededWith(kAtr));
@@ -52,8 +54,8 @@ class ChannelTest : public testing::Test {
   }
 
   // A command as pcscd sends it; the answer is taken into a buffer of that size.
-  pcsc::Reply transmit(DWORD protocol, const pcsc::Bytes& command, std::size_t capacity) {
-    pcsc::Bytes answer(capacity);
+  pcsc::Reply transmit(DWORD protocol, const Bytes& command, std::size_t capacity) {
+    Bytes answer(capacity);
     std::size_t size = 0;
     const RESPONSECODE code = channel_->transmit(
         {protocol, {command.data(), command.size()}, {answer.data(), answer.size()}}, &size);
@@ -62,7 +64,7 @@ class ChannelTest : public testing::Test {
   }
 
   void answerPower(host::IoResult result) {
-    reader_->answer(pcsc::kIoctlPower, [result](const auto&) { return result; });
+    reader_->answer(IOCTL_SMARTCARD_POWER, [result](const auto&) { return result; });
   }
 
   // pcscd's polling function, with what it does of its own accord afterwards.

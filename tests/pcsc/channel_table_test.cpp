@@ -5,6 +5,8 @@
 
 #include <future>
 
+#include "contract/attributes.h"
+#include "contract/io_controls.h"
 #include "tests/pcsc/channel_fixture.h"
 
 namespace zelta::pcsc {
@@ -40,7 +42,7 @@ TEST_F(ChannelTableTest, FirstChannelBringsTheDriverUpAndWatchesForTheCard) {
   EXPECT_EQ(table_.open(kLun, 0), IFD_SUCCESS);
   EXPECT_THAT(record_->loaded, ElementsAre("/module.so"));
   EXPECT_EQ(record_->broughtUp, 1);
-  EXPECT_NE(first_->waitForWaiting(kIoctlIsPresent), nullptr);
+  EXPECT_NE(first_->waitForWaiting(IOCTL_SMARTCARD_IS_PRESENT), nullptr);
   EXPECT_THAT(log_->lines(), IsEmpty());
 }
 
@@ -69,7 +71,7 @@ TEST_F(ChannelTableTest, ChannelsShareOneDriver) {
 TEST_F(ChannelTableTest, ChannelCanBeOpenedAgain) {
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(table_.open(kLun, 0), IFD_SUCCESS);
-    EXPECT_NE(first_->waitForWaiting(kIoctlIsPresent), nullptr);
+    EXPECT_NE(first_->waitForWaiting(IOCTL_SMARTCARD_IS_PRESENT), nullptr);
     EXPECT_EQ(table_.close(kLun), IFD_SUCCESS);
   }
   EXPECT_EQ(record_->broughtUp, 3);
@@ -152,7 +154,7 @@ TEST_F(ChannelTableTest, CloseWaitsForTheCallsThatAreInside) {
   ASSERT_EQ(table_.open(kLun, 0), IFD_SUCCESS);
   std::promise<void> inside;
   std::promise<void> goOn;
-  first_->answer(kIoctlSetAttribute, [&](const auto&) {
+  first_->answer(IOCTL_SMARTCARD_SET_ATTRIBUTE, [&](const auto&) {
     inside.set_value();
     goOn.get_future().wait();
     return succeededWith({});

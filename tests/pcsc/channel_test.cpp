@@ -3,6 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "contract/attributes.h"
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
+#include "contract/status.h"
 #include "tests/pcsc/channel_fixture.h"
 
 namespace zelta::pcsc {
@@ -26,7 +31,8 @@ TEST_F(ChannelPowerTest, PresenceIsAnsweredWithoutAskingTheDriver) {
   EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
   reader_->removeCard();
   EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(reader_->count(kIoctlPower) + reader_->count(kIoctlGetAttribute), 0u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_POWER) + reader_->count(IOCTL_SMARTCARD_GET_ATTRIBUTE),
+            0u);
 }
 
 // --- Power ---
@@ -36,7 +42,7 @@ TEST_F(ChannelPowerTest, PowerUpIsAColdResetAndGivesTheAtr) {
   const Reply reply = channel_->power(IFD_POWER_UP);
   EXPECT_EQ(reply.code, IFD_SUCCESS);
   EXPECT_EQ(reply.bytes, kAtr);
-  const auto requests = reader_->requests(kIoctlPower);
+  const auto requests = reader_->requests(IOCTL_SMARTCARD_POWER);
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_THAT(requests[0].input, ElementsAre(1, 0, 0, 0));
   EXPECT_EQ(requests[0].outputCapacity, static_cast<std::size_t>(MAX_ATR_SIZE));
@@ -45,7 +51,7 @@ TEST_F(ChannelPowerTest, PowerUpIsAColdResetAndGivesTheAtr) {
 TEST_F(ChannelPowerTest, ResetIsAWarmResetAlsoOfAnUnpoweredCard) {
   insert();
   EXPECT_EQ(channel_->power(IFD_RESET).bytes, kAtr);
-  EXPECT_THAT(reader_->requests(kIoctlPower)[0].input, ElementsAre(2, 0, 0, 0));
+  EXPECT_THAT(reader_->requests(IOCTL_SMARTCARD_POWER)[0].input, ElementsAre(2, 0, 0, 0));
 }
 
 TEST_F(ChannelPowerTest, PowerDownGivesNoAtr) {
@@ -53,18 +59,18 @@ TEST_F(ChannelPowerTest, PowerDownGivesNoAtr) {
   const Reply reply = channel_->power(IFD_POWER_DOWN);
   EXPECT_EQ(reply.code, IFD_SUCCESS);
   EXPECT_THAT(reply.bytes, IsEmpty());
-  EXPECT_THAT(reader_->requests(kIoctlPower)[1].input, ElementsAre(0, 0, 0, 0));
+  EXPECT_THAT(reader_->requests(IOCTL_SMARTCARD_POWER)[1].input, ElementsAre(0, 0, 0, 0));
 }
 
 TEST_F(ChannelPowerTest, NoCardIsPoweredUpOrReset) {
   EXPECT_EQ(channel_->power(IFD_POWER_UP).code, IFD_ICC_NOT_PRESENT);
   EXPECT_EQ(channel_->power(IFD_RESET).code, IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(reader_->count(kIoctlPower), 0u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_POWER), 0u);
 }
 
 TEST_F(ChannelPowerTest, PowerDownWithoutACardSucceedsAndLeavesTheDriverAlone) {
   EXPECT_EQ(channel_->power(IFD_POWER_DOWN).code, IFD_SUCCESS);
-  EXPECT_EQ(reader_->count(kIoctlPower), 0u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_POWER), 0u);
 }
 
 TEST_F(ChannelPowerTest, PowerDownThatFailsIsTold) {
@@ -77,7 +83,7 @@ TEST_F(ChannelPowerTest, PowerDownThatFailsIsTold) {
 TEST_F(ChannelPowerTest, UnknownActionIsNotSupported) {
   insert();
   EXPECT_EQ(channel_->power(503).code, IFD_NOT_SUPPORTED);
-  EXPECT_EQ(reader_->count(kIoctlPower), 0u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_POWER), 0u);
 }
 
 TEST_F(ChannelPowerTest, LongestAtrIsTaken) {
@@ -131,7 +137,7 @@ TEST_F(ChannelPowerTest, CardThatAnsweredBeforeIsCycledByBytesThatCannotBeAnAtr)
 
 TEST_F(ChannelPowerTest, MuteCardStaysAndIsPoweredUpByTheNextTry) {
   insert();
-  const framework::HRESULT failures[] = {kUnrecognizedMedia, kNoMedia};
+  const framework::HRESULT failures[] = {kUnrecognizedMedia, status::kNoMedia};
   const RESPONSECODE codes[] = {IFD_ERROR_POWER_ACTION, IFD_ICC_NOT_PRESENT};
   for (int i = 0; i < 2; ++i) {
     answerPower(failedWith(failures[i]));
@@ -165,7 +171,7 @@ TEST_F(ChannelPowerTest, CardThatAnsweredBeforeIsCycledOnceWhenItNoLongerDoes) {
 
 TEST_F(ChannelPowerTest, AtrOfACardThatLeftMeanwhileIsNotGiven) {
   insert();
-  reader_->answer(kIoctlPower, [this](const auto&) {
+  reader_->answer(IOCTL_SMARTCARD_POWER, [this](const auto&) {
     reader_->removeCard();
     return succeededWith(kAtr);
   });
@@ -179,7 +185,7 @@ TEST_F(ChannelProtocolTest, ProtocolIsChosenByItsMask) {
   insertAndPowerUp();
   EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T0), IFD_SUCCESS);
   EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T1), IFD_SUCCESS);
-  const auto requests = reader_->requests(kIoctlSetProtocol);
+  const auto requests = reader_->requests(IOCTL_SMARTCARD_SET_PROTOCOL);
   ASSERT_EQ(requests.size(), 2u);
   EXPECT_THAT(requests[0].input, ElementsAre(1, 0, 0, 0));
   EXPECT_THAT(requests[1].input, ElementsAre(2, 0, 0, 0));
@@ -190,19 +196,21 @@ TEST_F(ChannelProtocolTest, OtherProtocolsAreRefusedWithoutTheDriver) {
   for (const DWORD protocol : {0, 3, 4, 0x80}) {
     EXPECT_EQ(channel_->setProtocol(protocol), IFD_PROTOCOL_NOT_SUPPORTED) << protocol;
   }
-  EXPECT_EQ(reader_->count(kIoctlSetProtocol), 0u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_SET_PROTOCOL), 0u);
 }
 
 TEST_F(ChannelProtocolTest, ProtocolThatTheCardDoesNotOfferIsRefused) {
   insertAndPowerUp();
-  reader_->answer(kIoctlSetProtocol, [](const auto&) { return failedWith(kNotSupported); });
+  reader_->answer(IOCTL_SMARTCARD_SET_PROTOCOL,
+                  [](const auto&) { return failedWith(status::kNotSupported); });
   EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T0), IFD_PROTOCOL_NOT_SUPPORTED);
   EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
 }
 
 TEST_F(ChannelProtocolTest, NoMediaIsACardThatLeft) {
   insertAndPowerUp();
-  reader_->answer(kIoctlSetProtocol, [](const auto&) { return failedWith(kNoMedia); });
+  reader_->answer(IOCTL_SMARTCARD_SET_PROTOCOL,
+                  [](const auto&) { return failedWith(status::kNoMedia); });
   EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T1), IFD_ICC_NOT_PRESENT);
   EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
   poll();
@@ -212,12 +220,12 @@ TEST_F(ChannelProtocolTest, NoMediaIsACardThatLeft) {
 
 TEST_F(ChannelProtocolTest, NoProtocolWithoutACard) {
   EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T1), IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(reader_->count(kIoctlSetProtocol), 0u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_SET_PROTOCOL), 0u);
 }
 
 TEST_F(ChannelProtocolTest, CardThatLeavesMeanwhileIsNotPresent) {
   insertAndPowerUp();
-  reader_->answer(kIoctlSetProtocol, [this](const auto&) {
+  reader_->answer(IOCTL_SMARTCARD_SET_PROTOCOL, [this](const auto&) {
     reader_->removeCard();
     return succeededWith({});
   });
@@ -226,9 +234,11 @@ TEST_F(ChannelProtocolTest, CardThatLeavesMeanwhileIsNotPresent) {
 
 TEST_F(ChannelProtocolTest, OtherFailuresAreErrors) {
   insertAndPowerUp();
-  reader_->answer(kIoctlSetProtocol, [](const auto&) { return failedWith(kGenFailure); });
+  reader_->answer(IOCTL_SMARTCARD_SET_PROTOCOL,
+                  [](const auto&) { return failedWith(kGenFailure); });
   EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T1), IFD_COMMUNICATION_ERROR);
-  reader_->answer(kIoctlSetProtocol, [](const auto&) { return failedWith(host::kTimedOut); });
+  reader_->answer(IOCTL_SMARTCARD_SET_PROTOCOL,
+                  [](const auto&) { return failedWith(host::kTimedOut); });
   EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T1), IFD_RESPONSE_TIMEOUT);
 }
 

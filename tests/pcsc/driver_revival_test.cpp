@@ -7,9 +7,11 @@
 #include <memory>
 #include <thread>
 
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
 #include "pcsc/channel_table.h"
+#include "tests/doubles/agent/card_agent.h"
 #include "tests/pcsc/channel_fixture.h"
-#include "tests/support/card_agent.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::pcsc {
@@ -67,7 +69,7 @@ class BarredFile final : public host::File {
   std::shared_ptr<host::IoOperation> submit(std::uint32_t code, const Bytes& input,
                                             std::size_t outputCapacity,
                                             Completion completion) override {
-    if (code == kIoctlIsPresent) barrier_.pass();
+    if (code == IOCTL_SMARTCARD_IS_PRESENT) barrier_.pass();
     return file_->submit(code, input, outputCapacity, std::move(completion));
   }
 

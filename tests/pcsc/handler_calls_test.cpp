@@ -6,6 +6,9 @@
 #include <chrono>
 #include <future>
 
+#include "contract/attributes.h"
+#include "contract/bytes.h"
+#include "contract/reader_states.h"
 #include "tests/pcsc/handler_fixture.h"
 
 namespace zelta::test {

@@ -15,8 +15,6 @@ inline constexpr int kLong = 30000;  // milliseconds
 
 class HandlerFixture : public testing::Test {
  protected:
-  using Bytes = CardAgent::Bytes;
-
   RESPONSECODE open(const char* name = "zelta:0", DWORD lun = kLun) {
     std::string writable = name;
     return handler_->createByName(lun, writable.data());

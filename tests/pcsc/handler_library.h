@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "pcsc/ifd_api.h"
-#include "tests/support/card_agent.h"
+#include "tests/doubles/agent/card_agent.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::test {

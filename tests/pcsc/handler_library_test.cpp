@@ -9,6 +9,8 @@
 #include <sstream>
 #include <thread>
 
+#include "contract/attributes.h"
+#include "contract/reader_states.h"
 #include "tests/pcsc/handler_fixture.h"
 
 namespace zelta::test {

@@ -4,6 +4,9 @@
 #include <array>
 #include <functional>
 
+#include "contract/attributes.h"
+#include "contract/bytes.h"
+#include "contract/reader_states.h"
 #include "tests/pcsc/handler_fixture.h"
 #include "tests/support/scarce_memory.h"
 

@@ -5,6 +5,9 @@
 #include <functional>
 #include <future>
 
+#include "contract/bytes.h"
+#include "contract/reader_states.h"
+#include "contract/wire.h"
 #include "tests/pcsc/handler_fixture.h"
 
 namespace zelta::test {

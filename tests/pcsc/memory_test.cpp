@@ -6,6 +6,10 @@
 #include <functional>
 #include <new>
 
+#include "contract/attributes.h"
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
 #include "pcsc/channel_table.h"
 #include "tests/pcsc/channel_fixture.h"
 #include "tests/support/scarce_memory.h"
@@ -56,7 +60,7 @@ class ChannelMemoryTest : public test::ChannelTest {
   }
 
   void SetUp() override {
-    reader_->answer(kIoctlTransmit, answerTo);
+    reader_->answer(IOCTL_SMARTCARD_TRANSMIT, answerTo);
     insertAndPowerUp();
   }
 };
@@ -80,7 +84,8 @@ TEST_F(ChannelMemoryTest, ProtocolDoesToo) {
 TEST_F(ChannelMemoryTest, AtrDoesToo) {
   remove();
   insert();  // not powered up: the driver has it
-  reader_->answer(kIoctlGetAttribute, [this](const auto&) { return succeededWith(kAtr); });
+  reader_->answer(IOCTL_SMARTCARD_GET_ATTRIBUTE,
+                  [this](const auto&) { return succeededWith(kAtr); });
   withEveryShortage([this] { channel_->attribute(SCARD_ATTR_ATR_STRING); },
                     [this] {
                       remove();

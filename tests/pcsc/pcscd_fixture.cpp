@@ -2,6 +2,8 @@
 
 #include <iostream>
 
+#include "contract/bytes.h"
+
 namespace zelta::test {
 
 namespace {

@@ -9,7 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/card_agent.h"
+#include "contract/bytes.h"
+#include "tests/doubles/agent/card_agent.h"
 #include "tests/support/private_pcscd.h"
 
 namespace zelta::test {
@@ -19,7 +20,6 @@ inline constexpr char kReaderName[] = "Zelta Virtual SmartCard Reader 00 00";
 // A connection of one application.
 class Client {
  public:
-  using Bytes = std::vector<std::uint8_t>;
   static constexpr DWORD kLimit = 60000;  // milliseconds
 
   Client();

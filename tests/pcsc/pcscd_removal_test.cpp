@@ -3,12 +3,11 @@
 
 #include <future>
 
+#include "contract/wire.h"
 #include "tests/pcsc/pcscd_fixture.h"
 
 namespace zelta::test {
 namespace {
-
-using Bytes = Client::Bytes;
 
 const Bytes kSelect{0x00, 0xA4, 0x04, 0x00, 0x01, 0xA0};
 

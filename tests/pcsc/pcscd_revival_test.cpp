@@ -9,6 +9,7 @@
 #include <memory>
 #include <thread>
 
+#include "contract/bytes.h"
 #include "tests/pcsc/pcscd_fixture.h"
 #include "tests/support/child_process.h"
 
@@ -51,7 +52,7 @@ class PcscdRevivalTest : public PcscdTest {
   void expectUsableCard() {
     ASSERT_TRUE(client_->waitForCard().has_value());
     ASSERT_EQ(client_->connect(), SCARD_S_SUCCESS);
-    Client::Bytes answer;
+    Bytes answer;
     EXPECT_EQ(client_->transmit({0x00, 0xA4, 0x04, 0x00}, &answer), SCARD_S_SUCCESS);
     EXPECT_EQ(client_->disconnect(), SCARD_S_SUCCESS);
   }

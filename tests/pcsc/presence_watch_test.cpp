@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <functional>
 
-#include "pcsc/driver_io.h"
+#include "contract/io_controls.h"
 #include "tests/pcsc/channel_fixture.h"
 
 namespace zelta::pcsc {
@@ -47,16 +47,16 @@ class PresenceWatchTest : public testing::Test {
 
 TEST_F(PresenceWatchTest, AsksForAnInsertionAtOnceAndShowsNoCard) {
   start();
-  ASSERT_NE(reader_->waitForWaiting(kIoctlIsPresent), nullptr);
-  EXPECT_EQ(reader_->count(kIoctlIsAbsent), 0u);
+  ASSERT_NE(reader_->waitForWaiting(IOCTL_SMARTCARD_IS_PRESENT), nullptr);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_IS_ABSENT), 0u);
   EXPECT_EQ(presence_->card(), kNoCard);
 }
 
 TEST_F(PresenceWatchTest, RequestsCarryNoData) {
   reader_->insertCard();
   start();
-  ASSERT_NE(reader_->waitForWaiting(kIoctlIsAbsent), nullptr);
-  for (const auto code : {kIoctlIsPresent, kIoctlIsAbsent}) {
+  ASSERT_NE(reader_->waitForWaiting(IOCTL_SMARTCARD_IS_ABSENT), nullptr);
+  for (const auto code : {IOCTL_SMARTCARD_IS_PRESENT, IOCTL_SMARTCARD_IS_ABSENT}) {
     const auto requests = reader_->requests(code);
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_TRUE(requests[0].input.empty());
@@ -75,20 +75,20 @@ TEST_F(PresenceWatchTest, InsertionAndRemovalAreShownOverAndOver) {
 }
 
 TEST_F(PresenceWatchTest, CardIsShownOnlyWhenTheRemovalRequestWaitsInTheDriver) {
-  reader_->holdDispatch(kIoctlIsAbsent, true);
+  reader_->holdDispatch(IOCTL_SMARTCARD_IS_ABSENT, true);
   start();
   reader_->insertCard();
-  ASSERT_TRUE(reader_->waitForCount(kIoctlIsAbsent, 1));
+  ASSERT_TRUE(reader_->waitForCount(IOCTL_SMARTCARD_IS_ABSENT, 1));
   EXPECT_EQ(presence_->card(), kNoCard);
-  reader_->holdDispatch(kIoctlIsAbsent, false);
+  reader_->holdDispatch(IOCTL_SMARTCARD_IS_ABSENT, false);
   EXPECT_TRUE(waitForCard(true));
 }
 
 TEST_F(PresenceWatchTest, CardThatIsGoneWhenTheRemovalIsAskedForIsNeverShown) {
-  reader_->completeNext(kIoctlIsAbsent, {framework::kOk});
+  reader_->completeNext(IOCTL_SMARTCARD_IS_ABSENT, {framework::kOk});
   start();
   reader_->insertCard();
-  ASSERT_TRUE(reader_->waitForCount(kIoctlIsAbsent, 2));
+  ASSERT_TRUE(reader_->waitForCount(IOCTL_SMARTCARD_IS_ABSENT, 2));
   // The second insertion request found the card; only that one is shown.
   ASSERT_TRUE(waitForCard(true));
   EXPECT_EQ(presence_->card(), 1u);
@@ -116,23 +116,23 @@ TEST_F(PresenceWatchTest, AnyEndOfTheRemovalRequestIsARemoval) {
 
 TEST_F(PresenceWatchTest, CancelledInsertionIsAskedForAgainAtOnce) {
   start();
-  ASSERT_NE(reader_->waitForWaiting(kIoctlIsPresent), nullptr);
+  ASSERT_NE(reader_->waitForWaiting(IOCTL_SMARTCARD_IS_PRESENT), nullptr);
   for (std::size_t lost = 1; lost <= 3; ++lost) {
-    reader_->waitForWaiting(kIoctlIsPresent)->complete(kCancelled);
-    ASSERT_TRUE(reader_->waitForCount(kIoctlIsPresent, lost + 1));
+    reader_->waitForWaiting(IOCTL_SMARTCARD_IS_PRESENT)->complete(kCancelled);
+    ASSERT_TRUE(reader_->waitForCount(IOCTL_SMARTCARD_IS_PRESENT, lost + 1));
   }
   reader_->insertCard();
   EXPECT_TRUE(waitForCard(true));
 }
 
 TEST_F(PresenceWatchTest, RequestsThatFailAtOncePauseLongerAndLonger) {
-  reader_->completeAll(kIoctlIsPresent, kGenFailure);
+  reader_->completeAll(IOCTL_SMARTCARD_IS_PRESENT, kGenFailure);
   const auto begun = std::chrono::steady_clock::now();
   start();
-  ASSERT_TRUE(reader_->waitForCount(kIoctlIsPresent, 6));
+  ASSERT_TRUE(reader_->waitForCount(IOCTL_SMARTCARD_IS_PRESENT, 6));
   // The second at once, then after 10, 20, 40 and 80 milliseconds.
   EXPECT_GE(std::chrono::steady_clock::now() - begun, milliseconds(150));
-  reader_->completeNext(kIoctlIsPresent, {});
+  reader_->completeNext(IOCTL_SMARTCARD_IS_PRESENT, {});
   reader_->insertCard();
   EXPECT_TRUE(waitForCard(true));
 }
@@ -140,21 +140,22 @@ TEST_F(PresenceWatchTest, RequestsThatFailAtOncePauseLongerAndLonger) {
 // Less long: the last card of a series of swaps is to be seen soon.
 TEST_F(PresenceWatchTest, CardsThatLeaveBeforeTheyAreShownPauseToo) {
   reader_->insertCard();
-  reader_->completeAll(kIoctlIsAbsent, framework::kOk);
+  reader_->completeAll(IOCTL_SMARTCARD_IS_ABSENT, framework::kOk);
   const auto begun = std::chrono::steady_clock::now();
   start();
-  ASSERT_TRUE(reader_->waitForCount(kIoctlIsAbsent, 7));
+  ASSERT_TRUE(reader_->waitForCount(IOCTL_SMARTCARD_IS_ABSENT, 7));
   // The second at once, then after 10, 20, 40, 40 and 40 milliseconds.
   EXPECT_GE(std::chrono::steady_clock::now() - begun, milliseconds(150));
   EXPECT_EQ(presence_->card(), kNoCard);
 }
 
 TEST_F(PresenceWatchTest, EndsDuringAPauseWithoutWaitingForIt) {
-  reader_->completeAll(kIoctlIsPresent, kGenFailure);
+  reader_->completeAll(IOCTL_SMARTCARD_IS_PRESENT, kGenFailure);
   auto shortest = std::chrono::steady_clock::duration::max();
   for (std::size_t round = 1; round <= 5; ++round) {
     start();
-    ASSERT_TRUE(reader_->waitForCount(kIoctlIsPresent, 9 * round));  // the longest pause begins
+    ASSERT_TRUE(
+        reader_->waitForCount(IOCTL_SMARTCARD_IS_PRESENT, 9 * round));  // the longest pause begins
     const auto begun = std::chrono::steady_clock::now();
     watch_.reset();
     shortest = std::min(shortest, std::chrono::steady_clock::now() - begun);
@@ -164,26 +165,26 @@ TEST_F(PresenceWatchTest, EndsDuringAPauseWithoutWaitingForIt) {
 }
 
 TEST_F(PresenceWatchTest, AsksNoMoreWhenTheDeviceIsGone) {
-  reader_->completeNext(kIoctlIsPresent, {host::kDeviceGone});
+  reader_->completeNext(IOCTL_SMARTCARD_IS_PRESENT, {host::kDeviceGone});
   start();
-  ASSERT_TRUE(reader_->waitForCount(kIoctlIsPresent, 1));
+  ASSERT_TRUE(reader_->waitForCount(IOCTL_SMARTCARD_IS_PRESENT, 1));
   watch_.reset();
-  EXPECT_EQ(reader_->count(kIoctlIsPresent), 1u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_IS_PRESENT), 1u);
 }
 
 TEST_F(PresenceWatchTest, DeviceGoneWhileTheCardIsInIsARemovalAndTheLastRequest) {
   start();
   reader_->insertCard();
   ASSERT_TRUE(waitForCard(true));
-  reader_->waitForWaiting(kIoctlIsAbsent)->complete(host::kDeviceGone);
+  reader_->waitForWaiting(IOCTL_SMARTCARD_IS_ABSENT)->complete(host::kDeviceGone);
   ASSERT_TRUE(waitForCard(false));
   watch_.reset();
-  EXPECT_EQ(reader_->count(kIoctlIsPresent), 1u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_IS_PRESENT), 1u);
 }
 
 TEST_F(PresenceWatchTest, EndCancelsTheRequestThatWaits) {
   start();
-  const auto insertion = reader_->waitForWaiting(kIoctlIsPresent);
+  const auto insertion = reader_->waitForWaiting(IOCTL_SMARTCARD_IS_PRESENT);
   ASSERT_NE(insertion, nullptr);
   watch_.reset();
   EXPECT_TRUE(insertion->cancelled());
@@ -193,15 +194,15 @@ TEST_F(PresenceWatchTest, EndWithTheCardInCancelsTheRemovalRequest) {
   start();
   reader_->insertCard();
   ASSERT_TRUE(waitForCard(true));
-  const auto removal = reader_->waitForWaiting(kIoctlIsAbsent);
+  const auto removal = reader_->waitForWaiting(IOCTL_SMARTCARD_IS_ABSENT);
   watch_.reset();
   EXPECT_TRUE(removal->cancelled());
 }
 
 TEST_F(PresenceWatchTest, MemoryThatIsBackIsUsedAgain) {
-  reader_->completeNext(kIoctlIsPresent, {framework::hresult(0x8007000E)});
+  reader_->completeNext(IOCTL_SMARTCARD_IS_PRESENT, {framework::hresult(0x8007000E)});
   start();
-  ASSERT_TRUE(reader_->waitForCount(kIoctlIsPresent, 2));
+  ASSERT_TRUE(reader_->waitForCount(IOCTL_SMARTCARD_IS_PRESENT, 2));
   reader_->insertCard();
   EXPECT_TRUE(waitForCard(true));
 }

@@ -8,6 +8,10 @@
 #include <ostream>
 #include <string>
 
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
+#include "contract/status.h"
 #include "tests/pcsc/channel_fixture.h"
 
 namespace zelta::pcsc {
@@ -44,14 +48,14 @@ host::IoResult validAnswer(const FakeReader::Request& request) {
 }
 
 const CardCall kCalls[] = {
-    {"transmit", kIoctlTransmit, send, IFD_ICC_NOT_PRESENT},
-    {"power-up", kIoctlPower, [](Channel& channel) { return channel.power(IFD_POWER_UP).code; },
+    {"transmit", IOCTL_SMARTCARD_TRANSMIT, send, IFD_ICC_NOT_PRESENT},
+    {"power-up", IOCTL_SMARTCARD_POWER,
+     [](Channel& channel) { return channel.power(IFD_POWER_UP).code; }, IFD_ICC_NOT_PRESENT},
+    {"reset", IOCTL_SMARTCARD_POWER, [](Channel& channel) { return channel.power(IFD_RESET).code; },
      IFD_ICC_NOT_PRESENT},
-    {"reset", kIoctlPower, [](Channel& channel) { return channel.power(IFD_RESET).code; },
-     IFD_ICC_NOT_PRESENT},
-    {"power-down", kIoctlPower, [](Channel& channel) { return channel.power(IFD_POWER_DOWN).code; },
-     IFD_SUCCESS},
-    {"protocol", kIoctlSetProtocol,
+    {"power-down", IOCTL_SMARTCARD_POWER,
+     [](Channel& channel) { return channel.power(IFD_POWER_DOWN).code; }, IFD_SUCCESS},
+    {"protocol", IOCTL_SMARTCARD_SET_PROTOCOL,
      [](Channel& channel) { return channel.setProtocol(SCARD_PROTOCOL_T1); }, IFD_ICC_NOT_PRESENT},
 };
 
@@ -70,8 +74,8 @@ class RemovalTest : public test::ChannelTest, public testing::WithParamInterface
   void useNextCard() {
     poll();  // for the removal
     answerPower(succeededWith(kAtr));
-    reader_->answer(kIoctlTransmit, validAnswer);
-    reader_->answer(kIoctlSetProtocol, [](const auto&) { return succeededWith({}); });
+    reader_->answer(IOCTL_SMARTCARD_TRANSMIT, validAnswer);
+    reader_->answer(IOCTL_SMARTCARD_SET_PROTOCOL, [](const auto&) { return succeededWith({}); });
     insert();
     EXPECT_EQ(channel_->power(IFD_POWER_UP).bytes, kAtr);
     EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T1), IFD_SUCCESS);
@@ -82,7 +86,7 @@ class RemovalTest : public test::ChannelTest, public testing::WithParamInterface
 TEST_P(RemovalTest, EndsTheCallWithoutACardWhateverTheDriverAnswers) {
   const FakeReader::Answer answers[] = {
       validAnswer,
-      [](const auto&) { return failedWith(kNoMedia); },
+      [](const auto&) { return failedWith(status::kNoMedia); },
       [](const auto&) { return failedWith(kGenFailure); },
       [](const auto&) { return failedWith(host::kDeviceGone); },
   };
@@ -106,7 +110,7 @@ TEST_P(RemovalTest, NextCardIsShownOnceTheCallIsOver) {
   });
   poll();  // for the removal
   reader_->insertCard();
-  ASSERT_NE(reader_->waitForWaiting(kIoctlIsAbsent), nullptr);
+  ASSERT_NE(reader_->waitForWaiting(IOCTL_SMARTCARD_IS_ABSENT), nullptr);
   const std::size_t requests = reader_->count(GetParam().code);
   EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
   EXPECT_EQ(GetParam().make(*channel_), GetParam().whenTheCardLeaves);

@@ -5,6 +5,10 @@
 #include <atomic>
 #include <future>
 
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
+#include "contract/status.h"
 #include "pcsc/channel_table.h"
 #include "pcsc/server_result.h"
 #include "tests/pcsc/channel_fixture.h"
@@ -136,10 +140,11 @@ TEST_F(RevivalTest, DriverThatDoesNotComeUpIsTriedAgain) {
 class RefusedProtocolTest : public RevivalTest {
  protected:
   void SetUp() override {
-    reader_->answer(kIoctlPower, [](const auto&) {
+    reader_->answer(IOCTL_SMARTCARD_POWER, [](const auto&) {
       return succeededWith({0x3B, 0x95, 0x13, 0x81, 0x01, 0, 0, 0, 0, 0});
     });
-    reader_->answer(kIoctlSetProtocol, [](const auto&) { return failedWith(kNotSupported); });
+    reader_->answer(IOCTL_SMARTCARD_SET_PROTOCOL,
+                    [](const auto&) { return failedWith(status::kNotSupported); });
   }
   // A card that has answered, and a protocol that the driver refuses.
   void refuse(DWORD protocol) {
@@ -199,7 +204,7 @@ TEST_F(RevivalTest, CallsSeeNoCardMeanwhileAndAreNotHeldUp) {
 
 TEST_F(RevivalTest, ChannelClosesAtOnceInALongPause) {
   open({{5}});
-  ASSERT_TRUE(reader_->waitForCount(kIoctlIsPresent, 5));  // 1.6 s to the next
+  ASSERT_TRUE(reader_->waitForCount(IOCTL_SMARTCARD_IS_PRESENT, 5));  // 1.6 s to the next
   const auto begun = std::chrono::steady_clock::now();
   EXPECT_EQ(table_.close(0), IFD_SUCCESS);
   EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds(1500));
@@ -208,7 +213,8 @@ TEST_F(RevivalTest, ChannelClosesAtOnceInALongPause) {
 TEST_F(RevivalTest, ChannelClosesWhileTheDeviceIsBroughtUp) {
   for (int round = 0; round < 5; ++round) {
     open({{5}});
-    ASSERT_TRUE(reader_->waitForCount(kIoctlIsPresent, 1 + static_cast<std::size_t>(round)));
+    ASSERT_TRUE(
+        reader_->waitForCount(IOCTL_SMARTCARD_IS_PRESENT, 1 + static_cast<std::size_t>(round)));
     EXPECT_EQ(table_.close(0), IFD_SUCCESS);
     EXPECT_EQ(record_->broughtUp, record_->takenDown);
   }
@@ -217,11 +223,11 @@ TEST_F(RevivalTest, ChannelClosesWhileTheDeviceIsBroughtUp) {
 TEST_F(RevivalTest, OtherReaderOfTheDeviceGoesOnAfterIt) {
   other_->insertCard();
   ASSERT_EQ(table_.open(0x10000, 1), IFD_SUCCESS);
-  ASSERT_NE(other_->waitForWaiting(kIoctlIsAbsent), nullptr);
+  ASSERT_NE(other_->waitForWaiting(IOCTL_SMARTCARD_IS_ABSENT), nullptr);
   reader_->setServerResults({{5023}, {kServing}});
   ASSERT_EQ(table_.open(0, 0), IFD_SUCCESS);
   ASSERT_TRUE(waitForLines(2));
-  ASSERT_TRUE(other_->waitForCount(kIoctlIsAbsent, 2));
+  ASSERT_TRUE(other_->waitForCount(IOCTL_SMARTCARD_IS_ABSENT, 2));
   EXPECT_EQ(table_.close(0), IFD_SUCCESS);
   EXPECT_EQ(table_.close(0x10000), IFD_SUCCESS);
   EXPECT_EQ(record_->broughtUp, 2);

@@ -1,6 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "contract/bytes.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
+#include "contract/status.h"
 #include "tests/pcsc/channel_fixture.h"
 
 namespace zelta::pcsc {
@@ -21,15 +25,16 @@ class TransmitTest : public test::ChannelTest {
   }
 
   void answerTransmit(host::IoResult result) {
-    reader_->answer(kIoctlTransmit, [result](const auto&) { return result; });
+    reader_->answer(IOCTL_SMARTCARD_TRANSMIT, [result](const auto&) { return result; });
   }
   // Answers like a driver with this current protocol.
   void answerUnder(std::uint32_t protocol) {
-    reader_->answer(kIoctlTransmit, [protocol](const auto& request) {
-      if (numberAt(request.input, 0) != protocol) return failedWith(kInvalidDeviceState);
+    reader_->answer(IOCTL_SMARTCARD_TRANSMIT, [protocol](const auto& request) {
+      if (loadLittleEndian(request.input.data()) != protocol)
+        return failedWith(status::kInvalidDeviceState);
       return succeededWith(answerOf(protocol, {0x90, 0x00}));
     });
-    reader_->answer(kIoctlGetAttribute,
+    reader_->answer(IOCTL_SMARTCARD_GET_ATTRIBUTE,
                     [protocol](const auto&) { return succeededWith(numberBytes(protocol)); });
   }
 
@@ -45,11 +50,11 @@ class TransmitTest : public test::ChannelTest {
 
 TEST_F(TransmitTest, CommandGoesBehindTheHeaderWithTheChosenMask) {
   connect(SCARD_PROTOCOL_T1);
-  answerUnder(kProtocolT1);
+  answerUnder(SCARD_PROTOCOL_T1);
   const Reply reply = send();
   EXPECT_EQ(reply.code, IFD_SUCCESS);
   EXPECT_THAT(reply.bytes, ElementsAre(0x90, 0x00));
-  const auto requests = reader_->requests(kIoctlTransmit);
+  const auto requests = reader_->requests(IOCTL_SMARTCARD_TRANSMIT);
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_THAT(requests[0].input, ElementsAre(2, 0, 0, 0, 8, 0, 0, 0, 0x00, 0xA4, 0x04, 0x00));
   EXPECT_EQ(requests[0].outputCapacity, MAX_BUFFER_SIZE_EXTENDED + kTransmitHeaderSize);
@@ -57,10 +62,10 @@ TEST_F(TransmitTest, CommandGoesBehindTheHeaderWithTheChosenMask) {
 
 TEST_F(TransmitTest, T0HasMaskOneAndNumberNought) {
   connect(SCARD_PROTOCOL_T0);
-  answerUnder(kProtocolT0);
+  answerUnder(SCARD_PROTOCOL_T0);
   const Reply reply = send(0);
   EXPECT_EQ(reply.code, IFD_SUCCESS);
-  EXPECT_THAT(reader_->requests(kIoctlTransmit)[0].input[0], 1);
+  EXPECT_THAT(reader_->requests(IOCTL_SMARTCARD_TRANSMIT)[0].input[0], 1);
 }
 
 TEST_F(TransmitTest, RawCommandsGoUnderTheDriversProtocol) {
@@ -75,7 +80,7 @@ TEST_F(TransmitTest, OtherProtocolNumbersAreRefused) {
   for (const DWORD protocol : {2, 3, 14, 15}) {
     EXPECT_EQ(send(protocol).code, IFD_PROTOCOL_NOT_SUPPORTED) << protocol;
   }
-  EXPECT_EQ(reader_->count(kIoctlTransmit), 0u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), 0u);
 }
 
 TEST_F(TransmitTest, AfterAPowerUpTheProtocolIsNought) {
@@ -83,16 +88,17 @@ TEST_F(TransmitTest, AfterAPowerUpTheProtocolIsNought) {
   channel_->power(IFD_RESET);
   answerUnder(0);
   EXPECT_EQ(send().code, IFD_SUCCESS);
-  EXPECT_EQ(reader_->count(kIoctlTransmit), 1u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), 1u);
 }
 
 TEST_F(TransmitTest, RefusedProtocolLeavesTheOneBefore) {
   connect(SCARD_PROTOCOL_T1);
-  reader_->answer(kIoctlSetProtocol, [](const auto&) { return failedWith(kNotSupported); });
+  reader_->answer(IOCTL_SMARTCARD_SET_PROTOCOL,
+                  [](const auto&) { return failedWith(status::kNotSupported); });
   EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T0), IFD_PROTOCOL_NOT_SUPPORTED);
-  answerUnder(kProtocolT1);
+  answerUnder(SCARD_PROTOCOL_T1);
   EXPECT_EQ(send().code, IFD_SUCCESS);
-  EXPECT_EQ(reader_->count(kIoctlTransmit), 1u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), 1u);
 }
 
 TEST_F(TransmitTest, BeforePowerUpTheDriverIsAskedForItsProtocol) {
@@ -101,7 +107,7 @@ TEST_F(TransmitTest, BeforePowerUpTheDriverIsAskedForItsProtocol) {
   const Reply reply = send();
   EXPECT_EQ(reply.code, IFD_SUCCESS);
   EXPECT_THAT(reply.bytes, ElementsAre(0x90, 0x00));
-  const auto requests = reader_->requests(kIoctlTransmit);
+  const auto requests = reader_->requests(IOCTL_SMARTCARD_TRANSMIT);
   ASSERT_EQ(requests.size(), 2u);
   EXPECT_EQ(requests[0].input[0], 0);
   EXPECT_EQ(requests[1].input[0], 1);
@@ -112,47 +118,50 @@ TEST_F(TransmitTest, ProtocolThatTheDriverNamedIsRemembered) {
   answerUnder(1);  // the card announced itself anew meanwhile
   EXPECT_EQ(send().code, IFD_SUCCESS);
   EXPECT_EQ(send().code, IFD_SUCCESS);
-  EXPECT_EQ(reader_->count(kIoctlTransmit), 3u);
-  EXPECT_EQ(reader_->count(kIoctlGetAttribute), 1u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), 3u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_GET_ATTRIBUTE), 1u);
 }
 
 TEST_F(TransmitTest, RefusalUnderTheRightProtocolIsAnErrorAndNotRepeated) {
   connect();
-  answerTransmit(failedWith(kInvalidDeviceState));
-  reader_->answer(kIoctlGetAttribute, [](const auto&) { return succeededWith(numberBytes(2)); });
+  answerTransmit(failedWith(status::kInvalidDeviceState));
+  reader_->answer(IOCTL_SMARTCARD_GET_ATTRIBUTE,
+                  [](const auto&) { return succeededWith(numberBytes(2)); });
   EXPECT_EQ(send().code, IFD_COMMUNICATION_ERROR);
-  EXPECT_EQ(reader_->count(kIoctlTransmit), 1u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), 1u);
 }
 
 TEST_F(TransmitTest, RefusalIsNotRepeatedForAnotherCard) {
   connect();
-  reader_->answer(kIoctlTransmit, [this](const auto&) {
+  reader_->answer(IOCTL_SMARTCARD_TRANSMIT, [this](const auto&) {
     reader_->removeCard();
     reader_->insertCard();
-    return failedWith(kInvalidDeviceState);
+    return failedWith(status::kInvalidDeviceState);
   });
   EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(reader_->count(kIoctlTransmit), 1u);
-  EXPECT_EQ(reader_->count(kIoctlGetAttribute), 0u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), 1u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_GET_ATTRIBUTE), 0u);
 }
 
 TEST_F(TransmitTest, RefusalIsNotRepeatedForACardSwappedWhileTheProtocolIsAsked) {
   connect();
-  answerTransmit(failedWith(kInvalidDeviceState));
-  reader_->answer(kIoctlGetAttribute, [this](const auto&) {
+  answerTransmit(failedWith(status::kInvalidDeviceState));
+  reader_->answer(IOCTL_SMARTCARD_GET_ATTRIBUTE, [this](const auto&) {
     reader_->removeCard();
     return succeededWith(numberBytes(1));
   });
   EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(reader_->count(kIoctlTransmit), 1u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), 1u);
 }
 
 TEST_F(TransmitTest, ShortProtocolAnswerIsNotUsed) {
   connect();
-  answerTransmit(failedWith(kInvalidDeviceState));
-  reader_->answer(kIoctlGetAttribute, [](const auto&) { return succeededWith({1, 0, 0}); });
+  answerTransmit(failedWith(status::kInvalidDeviceState));
+  reader_->answer(IOCTL_SMARTCARD_GET_ATTRIBUTE, [](const auto&) {
+    return succeededWith({1, 0, 0});
+  });
   EXPECT_EQ(send().code, IFD_COMMUNICATION_ERROR);
-  EXPECT_EQ(reader_->count(kIoctlTransmit), 1u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), 1u);
 }
 
 TEST_F(TransmitTest, NoCommandWithoutACard) {
@@ -160,13 +169,13 @@ TEST_F(TransmitTest, NoCommandWithoutACard) {
   connect();
   reader_->removeCard();
   EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(reader_->count(kIoctlTransmit), 0u);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), 0u);
 }
 
 // The driver's own for a pulled card; it reports the removal first.
 TEST_F(TransmitTest, AnswerOfACardThatWasPulledMeanwhileIsNotGiven) {
   connect();
-  reader_->answer(kIoctlTransmit, [this](const auto&) {
+  reader_->answer(IOCTL_SMARTCARD_TRANSMIT, [this](const auto&) {
     reader_->removeCard();
     return succeededWith(answerOf(2, {0x69, 0x01}));
   });
@@ -177,13 +186,13 @@ TEST_F(TransmitTest, AnswerOfACardThatWasPulledMeanwhileIsNotGiven) {
 
 TEST_F(TransmitTest, NoMediaAndNoDeviceAreACardThatLeftAndEntersAgain) {
   connect();
-  for (const framework::HRESULT status : {kNoMedia, host::kDeviceGone}) {
-    const std::size_t before = reader_->count(kIoctlTransmit);
+  for (const framework::HRESULT status : {status::kNoMedia, host::kDeviceGone}) {
+    const std::size_t before = reader_->count(IOCTL_SMARTCARD_TRANSMIT);
     answerTransmit(failedWith(status));
     EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
     EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
     EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
-    EXPECT_EQ(reader_->count(kIoctlTransmit), before + 1);
+    EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), before + 1);
     poll();
     EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
     poll();
@@ -210,7 +219,7 @@ TEST_F(TransmitTest, AnswerLargerThanTheBufferIsInsufficientBuffer) {
   connect();
   answerTransmit({framework::kOk, 8 + 11, {}});
   EXPECT_EQ(send(1, 10).code, IFD_ERROR_INSUFFICIENT_BUFFER);
-  EXPECT_EQ(reader_->requests(kIoctlTransmit)[0].outputCapacity, 18u);
+  EXPECT_EQ(reader_->requests(IOCTL_SMARTCARD_TRANSMIT)[0].outputCapacity, 18u);
 }
 
 TEST_F(TransmitTest, LongestAnswerIsGiven) {
@@ -240,7 +249,7 @@ TEST_F(TransmitTest, EmptyCommandIsTheDriversToAnswer) {
   connect();
   answerTransmit(succeededWith(answerOf(2, {0x69, 0x01})));
   EXPECT_THAT(transmit(1, {}, 100).bytes, ElementsAre(0x69, 0x01));
-  EXPECT_EQ(reader_->requests(kIoctlTransmit)[0].input.size(), kTransmitHeaderSize);
+  EXPECT_EQ(reader_->requests(IOCTL_SMARTCARD_TRANSMIT)[0].input.size(), kTransmitHeaderSize);
 }
 
 }  // namespace

@@ -4,10 +4,10 @@
 #include <string>
 #include <thread>
 
-#include "platform/error.h"
+#include "platform/process/error.h"
+#include "tests/doubles/registry/fake_registry.h"
 #include "tests/support/fake_events.h"
 #include "tests/support/fake_folders.h"
-#include "tests/support/fake_registry.h"
 #include "tests/support/fake_winsock.h"
 
 namespace zelta::test {

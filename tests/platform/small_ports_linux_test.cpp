@@ -3,8 +3,8 @@
 
 #include <chrono>
 
-#include "platform/native_path.h"
-#include "platform/winsock.h"
+#include "platform/files/native_path.h"
+#include "platform/process/winsock.h"
 #include "tests/platform/system_milliseconds.h"
 
 std::uint64_t zelta::test::systemMilliseconds() {

@@ -5,10 +5,10 @@
 #include <chrono>
 #include <thread>
 
-#include "platform/clock.h"
-#include "platform/critical_section.h"
-#include "platform/error.h"
-#include "platform/ports.h"
+#include "platform/process/error.h"
+#include "platform/process/ports.h"
+#include "platform/sync/clock.h"
+#include "platform/sync/critical_section.h"
 #include "tests/platform/system_milliseconds.h"
 
 namespace zelta::platform {

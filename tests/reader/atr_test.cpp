@@ -6,12 +6,11 @@
 #include <fstream>
 #include <iterator>
 
+#include "contract/bytes.h"
 #include "tests/reader/atr_invariants.h"
 
 namespace zelta {
 namespace {
-
-using Bytes = std::vector<std::uint8_t>;
 
 TEST(AtrInitialByte, DirectAndInverseConventionAreValid) {
   EXPECT_TRUE(hasValidInitialByte({0x3B, 0x00}));

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/fake_request.h"
+#include "tests/doubles/request/fake_request.h"
 
 namespace zelta {
 namespace {

@@ -1,8 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "contract/attributes.h"
+#include "contract/bytes.h"
+#include "contract/reader_states.h"
+#include "tests/doubles/request/fake_request.h"
 #include "tests/reader/scripted_reader.h"
-#include "tests/support/fake_request.h"
 #include "tests/support/log_capture.h"
 
 namespace zelta {
@@ -15,7 +18,6 @@ using test::info;
 using test::LogCapture;
 using test::ScriptedReader;
 using testing::ElementsAre;
-using Bytes = Reader::Bytes;
 
 constexpr std::uint32_t kNoMedia = 0xC0000178;
 

@@ -1,8 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "contract/attributes.h"
+#include "contract/bytes.h"
+#include "contract/reader_states.h"
+#include "tests/doubles/request/fake_request.h"
 #include "tests/reader/scripted_reader.h"
-#include "tests/support/fake_request.h"
 #include "tests/support/log_capture.h"
 
 namespace zelta {
@@ -16,7 +19,6 @@ using test::LogCapture;
 using test::ScriptedReader;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using Bytes = Reader::Bytes;
 
 constexpr auto kNoCode = static_cast<std::uint32_t>(-500);
 

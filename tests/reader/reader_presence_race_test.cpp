@@ -8,8 +8,9 @@
 #include <thread>
 #include <vector>
 
+#include "contract/reader_states.h"
+#include "tests/doubles/request/fake_request.h"
 #include "tests/reader/scripted_reader.h"
-#include "tests/support/fake_request.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/repetitions.h"
 

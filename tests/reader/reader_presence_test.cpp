@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include "diagnostics/traced_lock.h"
+#include "tests/doubles/request/fake_request.h"
 #include "tests/reader/scripted_reader.h"
-#include "tests/support/fake_request.h"
 #include "tests/support/log_capture.h"
 
 namespace zelta {

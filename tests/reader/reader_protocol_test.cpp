@@ -1,8 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "contract/bytes.h"
+#include "contract/reader_states.h"
+#include "tests/doubles/request/fake_request.h"
 #include "tests/reader/scripted_reader.h"
-#include "tests/support/fake_request.h"
 #include "tests/support/log_capture.h"
 
 namespace zelta {
@@ -16,7 +18,6 @@ using test::LogCapture;
 using test::ScriptedReader;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using Bytes = Reader::Bytes;
 
 constexpr std::uint32_t kNoMedia = 0xC0000178;
 constexpr std::uint32_t kInvalidDeviceState = 0xC0000184;

@@ -4,8 +4,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "contract/bytes.h"
+#include "contract/reader_states.h"
+#include "tests/doubles/request/fake_request.h"
 #include "tests/reader/scripted_reader.h"
-#include "tests/support/fake_request.h"
 #include "tests/support/log_capture.h"
 
 namespace zelta {
@@ -18,7 +20,6 @@ using test::info;
 using test::LogCapture;
 using test::ScriptedReader;
 using testing::ElementsAre;
-using Bytes = std::vector<std::uint8_t>;
 
 class DevicelessReader final : public Reader {
  public:

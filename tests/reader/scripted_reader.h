@@ -8,17 +8,17 @@
 #include <stdexcept>
 #include <vector>
 
+#include "contract/bytes.h"
+#include "contract/reader_states.h"
+#include "contract/status.h"
 #include "diagnostics/traced_lock.h"
-#include "driver/status.h"
 #include "reader/reader.h"
-#include "tests/support/fake_reader_device.h"
+#include "tests/doubles/request/fake_reader_device.h"
 
 namespace zelta::test {
 
 class ScriptedReader final : public Reader {
  public:
-  using Bytes = std::vector<std::uint8_t>;
-
   explicit ScriptedReader(FakeReaderDevice& owner, std::uint32_t unit = 0) : Reader(unit, &owner) {
     owner.onCancel = [this](IoRequest& request) { IoCancelRequest(&request); };
   }

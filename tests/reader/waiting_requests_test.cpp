@@ -6,9 +6,9 @@
 #include <future>
 #include <utility>
 
+#include "contract/status.h"
 #include "diagnostics/traced_lock.h"
-#include "driver/status.h"
-#include "tests/support/fake_request.h"
+#include "tests/doubles/request/fake_request.h"
 
 namespace zelta {
 namespace {

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/sync.h"
+#include "platform/sync/sync.h"
 
 namespace zelta::test {
 

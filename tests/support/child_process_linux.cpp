@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <stdexcept>
 
-#include "platform/scoped_fd_linux.h"
+#include "platform/files/scoped_fd_linux.h"
 #include "tests/support/child_process.h"
 
 namespace zelta::test {

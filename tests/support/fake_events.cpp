@@ -1,6 +1,6 @@
 #include "tests/support/fake_events.h"
 
-#include "platform/error.h"
+#include "platform/process/error.h"
 
 namespace zelta::test {
 

@@ -6,8 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "platform/event.h"
-#include "platform/sync.h"
+#include "platform/sync/event.h"
+#include "platform/sync/sync.h"
 
 namespace zelta::test {
 

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/folders.h"
+#include "platform/files/folders.h"
 
 namespace zelta::test {
 

@@ -4,7 +4,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "platform/winsock.h"
+#include "platform/process/winsock.h"
 
 namespace zelta::test {
 

@@ -1,11 +1,11 @@
 // The ports that a logger uses, all in the test's hands.
 #pragma once
 
-#include "platform/ports.h"
+#include "platform/process/ports.h"
+#include "tests/doubles/clock/simulated_clock.h"
+#include "tests/doubles/registry/fake_registry.h"
 #include "tests/support/fake_events.h"
 #include "tests/support/fake_folders.h"
-#include "tests/support/fake_registry.h"
-#include "tests/support/simulated_clock.h"
 
 namespace zelta::test {
 

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <system_error>
 
-#include "platform/registry_content.h"
+#include "platform/registry/registry_content.h"
 
 namespace zelta::test {
 

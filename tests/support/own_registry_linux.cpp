@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/utf.h"
+#include "platform/files/utf.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::test {

@@ -3,7 +3,7 @@
 #include <ostream>
 #include <utility>
 
-#include "platform/error.h"
+#include "platform/process/error.h"
 
 namespace zelta::test {
 

@@ -10,8 +10,8 @@
 #include <filesystem>
 #include <utility>
 
-#include "platform/pipe_path.h"
-#include "platform/scoped_fd_linux.h"
+#include "platform/files/scoped_fd_linux.h"
+#include "platform/pipe/pipe_path.h"
 
 namespace zelta::test {
 

@@ -3,7 +3,7 @@
 #include <array>
 #include <utility>
 
-#include "agent_link/wire.h"
+#include "contract/bytes.h"
 #include "tests/support/pipe_client.h"
 
 namespace zelta::test {
@@ -104,14 +104,14 @@ std::vector<std::uint8_t> PipeClient::read(std::size_t size) {
 }
 
 bool PipeClient::writeNumber(std::uint32_t value) {
-  const auto bytes = encodeNumber(value);
+  const auto bytes = toLittleEndian(value);
   return write(bytes.data(), bytes.size());
 }
 
 std::optional<std::uint32_t> PipeClient::readNumber() {
   std::array<std::uint8_t, 4> bytes{};
   if (!read(bytes.data(), bytes.size())) return std::nullopt;
-  return decodeNumber(bytes);
+  return loadLittleEndian(bytes.data());
 }
 
 bool PipeClient::waitForDrop() {

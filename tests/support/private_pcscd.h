@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/scoped_fd_linux.h"
+#include "platform/files/scoped_fd_linux.h"
 
 namespace zelta::test {
 

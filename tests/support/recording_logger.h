@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "logging/file_logger.h"
-#include "platform/sync.h"
+#include "platform/sync/sync.h"
 
 namespace zelta::test {
 

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "platform/error.h"
+#include "platform/process/error.h"
 
 namespace zelta::test {
 

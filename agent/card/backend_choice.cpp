@@ -1,0 +1,45 @@
+#include "agent/card/backend_choice.h"
+
+#include <fstream>
+#include <stdexcept>
+#include <utility>
+
+#include "agent/card/emulated_card.h"
+#include "agent/card/pcsc_card.h"
+#include "agent/card/script_backend.h"
+
+namespace zelta::agent {
+
+namespace {
+
+std::unique_ptr<CardBackend> makeEmulatedCard(const Options& options) {
+  EmulatedCard::Settings settings;
+  settings.database = options.database;
+  settings.pin = options.pin;
+  settings.certificates = options.certificates;
+  settings.cardIn = options.cardIn.value_or(true);
+  if (!options.pinFile.empty()) {
+    std::ifstream file(options.pinFile);
+    if (!file) throw std::runtime_error("cannot read " + options.pinFile);
+    std::string pin;
+    std::getline(file, pin);
+    settings.pin = pin;
+  }
+  return std::make_unique<EmulatedCard>(std::move(settings));
+}
+
+}  // namespace
+
+std::unique_ptr<CardBackend> makeBackend(const Options& options, Log& log) {
+  switch (options.backend) {
+    case BackendKind::Pcsc:
+      return std::make_unique<PcscCard>(options.pcscReader, log);
+    case BackendKind::Script:
+      return makeScriptBackend(options);
+    case BackendKind::Emulated:
+      break;
+  }
+  return makeEmulatedCard(options);
+}
+
+}  // namespace zelta::agent

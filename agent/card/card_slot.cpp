@@ -1,0 +1,91 @@
+#include "agent/card/card_slot.h"
+
+#include <utility>
+
+#include "contract/bytes.h"
+
+namespace zelta::agent {
+
+CardSlot::CardSlot(CardBackend& backend, std::function<void()> onDeparture, OnFailure onFailure)
+    : backend_(backend), onDeparture_(std::move(onDeparture)), onFailure_(std::move(onFailure)) {}
+
+CardSlot::~CardSlot() { stop(); }
+
+void CardSlot::start() {
+  backend_.start(*this);
+  started_ = true;
+}
+
+void CardSlot::interrupt() {
+  if (started_) backend_.interrupt();
+}
+
+void CardSlot::stop() {
+  if (!started_) return;
+  interrupt();
+  started_ = false;
+  backend_.stop();
+}
+
+void CardSlot::observe(Observer* observer) {
+  platform::MutexLock lock(mutex_);
+  observer_ = observer;
+  if (observer_ != nullptr) observer_->observing(card_);
+}
+
+CardId CardSlot::card() const {
+  platform::MutexLock lock(mutex_);
+  return card_;
+}
+
+Outcome CardSlot::perform(const Command& command, CardId card) {
+  Bytes response = call(command);
+  platform::MutexLock lock(mutex_);
+  if (response.empty() || card_ != card) return {Outcome::Result::NoCard};
+  if (command.kind != Command::Kind::Transmit) atr_ = response;
+  return {Outcome::Result::Answered, std::move(response), card};
+}
+
+Bytes CardSlot::call(const Command& command) {
+  switch (command.kind) {
+    case Command::Kind::AtrWithReset:
+      return backend_.reset();
+    case Command::Kind::Atr:
+      return backend_.atr();
+    case Command::Kind::Transmit:
+      break;
+  }
+  return backend_.transmit(command.apdu);
+}
+
+void CardSlot::ready() { backend_.ready(); }
+
+std::string CardSlot::insert() { return backend_.insert(); }
+
+std::string CardSlot::remove() { return backend_.remove(); }
+
+CardSlot::Status CardSlot::status() const {
+  platform::MutexLock lock(mutex_);
+  return {card_, atr_};
+}
+
+void CardSlot::cardInserted() {
+  platform::MutexLock lock(mutex_);
+  if (card_ != kNoCard) return;
+  card_ = ++lastCard_;
+  atr_.clear();
+  if (observer_ != nullptr) observer_->cardArrived(card_);
+}
+
+void CardSlot::cardRemoved() {
+  {
+    platform::MutexLock lock(mutex_);
+    if (card_ == kNoCard) return;
+    card_ = kNoCard;
+    atr_.clear();
+    if (observer_ != nullptr) observer_->cardDeparted();
+  }
+  if (onDeparture_) onDeparture_();
+}
+
+}  // namespace zelta::agent

@@ -1,0 +1,100 @@
+// The place the card is in: knows whether one is there, tells an observer of its coming and going,
+// and passes commands on to the back end.
+//
+// Lives as long as its owner, over any number of connections. `perform` comes one call at a time;
+// everything else from any thread. The observer is called with the slot's lock held, on whatever
+// thread the back end notifies: it must return quickly and must not call the slot.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "agent/card/card_backend.h"
+#include "agent/link/command.h"
+#include "agent/link/report_rule.h"
+#include "agent/program/failure.h"
+#include "contract/bytes.h"
+#include "platform/sync/sync.h"
+
+namespace zelta::agent {
+
+class CardSlot final : private CardListener {
+ public:
+  class Observer {
+   public:
+    // The state at the moment of `observe`; `kNoCard` where none is in.
+    virtual void observing(CardId card) = 0;
+    virtual void cardArrived(CardId card) = 0;
+    virtual void cardDeparted() = 0;
+
+   protected:
+    ~Observer() = default;
+  };
+
+  struct Status {
+    CardId card = kNoCard;
+    Bytes atr;  // as last seen of the card that is in; may be empty
+  };
+
+  // `backend` outlives the slot and is started and stopped by it. `onDeparture` is called after the
+  // observer, without a lock held; may be empty. `onFailure` learns of a thread of the back end's
+  // that has ended by an exception.
+  CardSlot(CardBackend& backend, std::function<void()> onDeparture, OnFailure onFailure);
+  // Stops first where that has not been done.
+  ~CardSlot();
+  CardSlot(const CardSlot&) = delete;
+  CardSlot& operator=(const CardSlot&) = delete;
+
+  // Throws what the back end throws; it is not started then. Once.
+  void start();
+  // Makes the call that is in the card, and every later one, return as soon as the card allows.
+  void interrupt();
+  // Stops the back end. No call is in the card; nothing is told any more when this returns.
+  void stop();
+
+  // From now on `observer` (non-owning, null for none) is told; nothing is told to the one before
+  // once this returns.
+  void observe(Observer* observer);
+
+  // Has an observer told for a scope.
+  class Observation {
+   public:
+    Observation(CardSlot& slot, Observer& observer) : slot_(slot) { slot_.observe(&observer); }
+    ~Observation() { slot_.observe(nullptr); }
+    Observation(const Observation&) = delete;
+    Observation& operator=(const Observation&) = delete;
+
+   private:
+    CardSlot& slot_;
+  };
+
+  // The card that is in.
+  CardId card() const;
+  // What `card` answers, for as long as it takes; NoCard if it left meanwhile.
+  Outcome perform(const Command& command, CardId card);
+  // Passes the driver's notice on.
+  void ready();
+
+  std::string insert();
+  std::string remove();
+  Status status() const;
+
+ private:
+  void cardInserted() override;
+  void cardRemoved() override;
+  void cardFailed(const char* problem) override { onFailure_(problem); }
+
+  Bytes call(const Command& command);
+
+  CardBackend& backend_;
+  const std::function<void()> onDeparture_;
+  const OnFailure onFailure_;
+  mutable platform::Mutex mutex_;
+  Observer* observer_ ZELTA_GUARDED_BY(mutex_) = nullptr;
+  CardId card_ ZELTA_GUARDED_BY(mutex_) = kNoCard;
+  CardId lastCard_ ZELTA_GUARDED_BY(mutex_) = kNoCard;
+  Bytes atr_ ZELTA_GUARDED_BY(mutex_);
+  bool started_ = false;  // the owner's thread only
+};
+
+}  // namespace zelta::agent

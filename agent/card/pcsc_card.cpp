@@ -1,0 +1,248 @@
+#include "agent/card/pcsc_card.h"
+
+#include <array>
+#include <chrono>
+#include <stdexcept>
+#include <utility>
+
+#include "agent/program/failure.h"
+#include "contract/bytes.h"
+
+namespace zelta::agent {
+
+namespace {
+
+constexpr DWORD kProtocols = SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1;
+// The service's special name whose state changes when a reader comes or goes.
+constexpr char kReaderChanges[] = "\\\\?PnP?\\Notification";
+// How often the service is looked for when it has gone; nothing tells when it is back.
+constexpr std::chrono::seconds kServiceRetry{1};
+// A reader that is not there is looked for again after this many milliseconds at the latest.
+constexpr DWORD kReaderRetry = 1000;
+constexpr std::chrono::milliseconds kCancelAgain{50};
+constexpr unsigned kEventCountShift = 16;
+
+std::string describe(LONG result) { return pcsc_stringify_error(result); }
+
+}  // namespace
+
+PcscCard::PcscCard(std::string readerName, Log& log) : reader_(std::move(readerName)), log_(log) {}
+
+PcscCard::~PcscCard() { stop(); }
+
+void PcscCard::start(CardListener& listener) {
+  const LONG result = SCardEstablishContext(SCARD_SCOPE_SYSTEM, nullptr, nullptr, &context_);
+  if (result != SCARD_S_SUCCESS) {
+    throw std::runtime_error("the smart card service cannot be reached: " + describe(result));
+  }
+  listener_ = &listener;
+  try {
+    watcher_ = std::thread([this] { runWatcher(); });
+  } catch (...) {
+    SCardReleaseContext(context_);
+    listener_ = nullptr;  // not started
+    throw;
+  }
+}
+
+void PcscCard::runWatcher() {
+  guarded([this](const char* problem) { listener_->cardFailed(problem); }, [this] { watch(); });
+  platform::MutexLock lock(mutex_);
+  watcherEnded_ = true;
+  changed_.notifyAll();
+}
+
+void PcscCard::interrupt() {
+  platform::MutexLock lock(mutex_);
+  ending_ = true;
+  if (following_) SCardCancel(followContext_);
+  changed_.notifyAll();
+}
+
+void PcscCard::stop() {
+  if (listener_ == nullptr) return;
+  interrupt();
+  {
+    // A cancel that comes just before the wait begins is lost, so it is repeated until it has
+    // taken effect.
+    platform::MutexLock lock(mutex_);
+    const auto ended = [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return watcherEnded_; };
+    while (!changed_.waitFor(lock, kCancelAgain, ended)) {
+      if (following_) SCardCancel(followContext_);
+    }
+  }
+  watcher_.join();
+  dropHandle();
+  SCardReleaseContext(context_);
+  listener_ = nullptr;
+}
+
+std::string PcscCard::insert() { return "the card is in a real reader; put it in by hand"; }
+
+std::string PcscCard::remove() { return "the card is in a real reader; pull it by hand"; }
+
+void PcscCard::dropHandle() {
+  if (hasHandle_) SCardDisconnect(handle_, SCARD_LEAVE_CARD);
+  hasHandle_ = false;
+}
+
+void PcscCard::noteFailure(LONG result, const char* what) {
+  log_.warning(std::string(what) + ": " + describe(result));
+  dropHandle();
+  switch (result) {
+    case SCARD_W_REMOVED_CARD:
+    case SCARD_E_NO_SMARTCARD:
+    case SCARD_E_READER_UNAVAILABLE:
+    case SCARD_E_UNKNOWN_READER:
+      setPresent(false);
+      return;
+    case SCARD_E_NO_SERVICE:
+    case SCARD_E_SERVICE_STOPPED:
+    case SCARD_E_INVALID_HANDLE:
+      setPresent(false);
+      // The context went with the service; where it is back, a new one helps the next call.
+      SCardReleaseContext(context_);
+      SCardEstablishContext(SCARD_SCOPE_SYSTEM, nullptr, nullptr, &context_);
+      return;
+    default:
+      return;
+  }
+}
+
+bool PcscCard::connected() {
+  if (hasHandle_) return true;
+  const LONG result =
+      SCardConnect(context_, reader_.c_str(), SCARD_SHARE_SHARED, kProtocols, &handle_, &protocol_);
+  hasHandle_ = result == SCARD_S_SUCCESS;
+  if (!hasHandle_) noteFailure(result, "Connecting to the card");
+  return hasHandle_;
+}
+
+Bytes PcscCard::connectedAtr() {
+  std::array<BYTE, MAX_ATR_SIZE> buffer{};
+  auto length = static_cast<DWORD>(buffer.size());
+  const LONG result =
+      SCardStatus(handle_, nullptr, nullptr, nullptr, nullptr, buffer.data(), &length);
+  if (result != SCARD_S_SUCCESS) {
+    noteFailure(result, "Reading the ATR");
+    return {};
+  }
+  return Bytes(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(length));
+}
+
+Bytes PcscCard::reset() {
+  if (!connected()) return {};
+  const LONG result =
+      SCardReconnect(handle_, SCARD_SHARE_SHARED, kProtocols, SCARD_RESET_CARD, &protocol_);
+  if (result != SCARD_S_SUCCESS) {
+    noteFailure(result, "Resetting the card");
+    return {};
+  }
+  return connectedAtr();
+}
+
+Bytes PcscCard::atr() { return connected() ? connectedAtr() : Bytes(); }
+
+LONG PcscCard::transmitOnce(const Bytes& command, Bytes* response) {
+  const SCARD_IO_REQUEST* request = protocol_ == SCARD_PROTOCOL_T1 ? SCARD_PCI_T1 : SCARD_PCI_T0;
+  response->assign(MAX_BUFFER_SIZE_EXTENDED, 0);
+  auto length = static_cast<DWORD>(response->size());
+  const LONG result =
+      SCardTransmit(handle_, request, command.data(), static_cast<DWORD>(command.size()), nullptr,
+                    response->data(), &length);
+  response->resize(result == SCARD_S_SUCCESS ? length : 0);
+  return result;
+}
+
+Bytes PcscCard::transmit(const Bytes& command) {
+  if (!connected()) return {};
+  Bytes response;
+  LONG result = transmitOnce(command, &response);
+  if (result == SCARD_W_RESET_CARD) {
+    // Another program has reset the card. The driver cannot be told, so its command goes on.
+    result = SCardReconnect(handle_, SCARD_SHARE_SHARED, kProtocols, SCARD_LEAVE_CARD, &protocol_);
+    if (result == SCARD_S_SUCCESS) result = transmitOnce(command, &response);
+  }
+  if (result != SCARD_S_SUCCESS) noteFailure(result, "Sending a command to the card");
+  return response;
+}
+
+void PcscCard::setPresent(bool present) {
+  platform::MutexLock lock(mutex_);
+  if (ending_ || present_ == present) return;
+  present_ = present;
+  if (present) {
+    listener_->cardInserted();
+  } else {
+    listener_->cardRemoved();
+  }
+}
+
+void PcscCard::takeState(DWORD state) {
+  const bool isIn = (state & SCARD_STATE_PRESENT) != 0;
+  const bool wasIn = (lastState_ & SCARD_STATE_PRESENT) != 0;
+  const bool counted = state >> kEventCountShift != lastState_ >> kEventCountShift;
+  lastState_ = state;
+  // Another count with a card before and after: it was changed in between.
+  if (isIn && wasIn && counted) setPresent(false);
+  // Without a change since, a card that was found gone meanwhile stays gone.
+  if (isIn != wasIn || counted) setPresent(isIn);
+}
+
+bool PcscCard::ending() {
+  platform::MutexLock lock(mutex_);
+  return ending_;
+}
+
+LONG PcscCard::waitForChange(SCARDCONTEXT context, SCARD_READERSTATE* states, DWORD count,
+                             DWORD limit) {
+  {
+    platform::MutexLock lock(mutex_);
+    if (ending_) return SCARD_E_CANCELLED;
+    followContext_ = context;
+    following_ = true;
+  }
+  const LONG result = SCardGetStatusChange(context, limit, states, count);
+  platform::MutexLock lock(mutex_);
+  following_ = false;
+  return result;
+}
+
+void PcscCard::follow(SCARDCONTEXT context) {
+  std::array<SCARD_READERSTATE, 2> states{};
+  states[0].szReader = kReaderChanges;
+  states[1].szReader = reader_.c_str();
+  while (!ending()) {
+    LONG result = waitForChange(context, states.data(), states.size(), INFINITE);
+    if (result == SCARD_E_UNKNOWN_READER) {
+      // Not there (yet): only its coming can be waited for.
+      takeState(SCARD_STATE_UNKNOWN);
+      states[1].dwCurrentState = SCARD_STATE_UNAWARE;
+      result = waitForChange(context, states.data(), 1, kReaderRetry);
+    } else if (result == SCARD_S_SUCCESS) {
+      states[1].dwCurrentState = states[1].dwEventState;
+      takeState(states[1].dwEventState);
+    }
+    states[0].dwCurrentState = states[0].dwEventState;
+    if (result == SCARD_S_SUCCESS || result == SCARD_E_TIMEOUT) continue;
+    if (result != SCARD_E_CANCELLED) log_.warning("Watching the reader: " + describe(result));
+    return;
+  }
+}
+
+void PcscCard::watch() {
+  for (;;) {
+    SCARDCONTEXT context = 0;
+    if (SCardEstablishContext(SCARD_SCOPE_SYSTEM, nullptr, nullptr, &context) == SCARD_S_SUCCESS) {
+      follow(context);
+      SCardReleaseContext(context);
+    }
+    takeState(SCARD_STATE_UNKNOWN);
+    platform::MutexLock lock(mutex_);
+    changed_.waitFor(lock, kServiceRetry,
+                     [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return ending_; });
+    if (ending_) return;
+  }
+}
+
+}  // namespace zelta::agent

@@ -1,0 +1,78 @@
+// Forwards the card in a real reader, through the PC/SC service.
+//
+// A thread of its own follows insertion and removal. The card is shared with other programs; what
+// they do to it is theirs to agree on.
+#pragma once
+
+#include <winscard.h>
+
+#include <string>
+#include <thread>
+
+#include "agent/card/card_backend.h"
+#include "agent/program/log.h"
+#include "contract/bytes.h"
+#include "platform/sync/sync.h"
+
+namespace zelta::agent {
+
+class PcscCard final : public CardBackend {
+ public:
+  // `log` outlives the card.
+  PcscCard(std::string readerName, Log& log);
+  ~PcscCard() override;
+
+  std::string name() const override { return "pcsc"; }
+  // Fails where the service is not there; a missing reader is waited for.
+  void start(CardListener& listener) override;
+  void stop() override;
+  Bytes reset() override;
+  Bytes atr() override;
+  Bytes transmit(const Bytes& command) override;
+  void ready() override {}
+  std::string insert() override;
+  std::string remove() override;
+  void interrupt() override;
+
+ private:
+  // Used by `reset`, `atr` and `transmit`, which come one at a time, and by `stop` after them.
+  bool connected();
+  Bytes connectedAtr();
+  LONG transmitOnce(const Bytes& command, Bytes* response);
+  void dropHandle();
+  // Takes the card as gone where `result` says so.
+  void noteFailure(LONG result, const char* what);
+
+  // The body of the watching thread.
+  void runWatcher();
+  void watch();
+  // Follows the reader until the service ends or this does.
+  void follow(SCARDCONTEXT context);
+  LONG waitForChange(SCARDCONTEXT context, SCARD_READERSTATE* states, DWORD count, DWORD limit);
+  bool ending();
+  void takeState(DWORD state);
+  void setPresent(bool present);
+
+  const std::string reader_;
+  Log& log_;
+  CardListener* listener_ = nullptr;  // non-owning; from start to stop
+
+  // Without a lock: the card's calls come one after the other. The service does not mind from which
+  // thread.
+  SCARDCONTEXT context_ = 0;
+  SCARDHANDLE handle_ = 0;
+  bool hasHandle_ = false;
+  DWORD protocol_ = 0;
+
+  platform::Mutex mutex_;  // also around the listener's calls, so that they stay in turns
+  platform::ConditionVariable changed_;
+  bool present_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool ending_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool following_ ZELTA_GUARDED_BY(mutex_) = false;  // a context may be cancelled
+  SCARDCONTEXT followContext_ ZELTA_GUARDED_BY(mutex_) = 0;
+  bool watcherEnded_ ZELTA_GUARDED_BY(mutex_) = false;
+  DWORD lastState_ = 0;  // the watching thread's
+  std::thread watcher_;
+};
+
+}  // namespace zelta::agent

@@ -1,0 +1,124 @@
+#include "agent/card/script_card.h"
+
+#include <utility>
+
+#include "agent/program/failure.h"
+#include "contract/bytes.h"
+
+namespace zelta::agent {
+
+ScriptCard::ScriptCard(Script script, bool cardIn) : script_(std::move(script)), in_(cardIn) {}
+
+ScriptCard::~ScriptCard() { stop(); }
+
+void ScriptCard::start(CardListener& listener) {
+  listener_ = &listener;
+  {
+    platform::MutexLock lock(mutex_);
+    const auto now = SteadyClock::now();
+    for (const Script::Timed& timed : script_.timed) due_.emplace(now + timed.at, timed.action);
+    if (in_) listener.cardInserted();
+  }
+  timer_ = std::thread([this] {
+    guarded([this](const char* problem) { listener_->cardFailed(problem); },
+            [this] { runTimed(); });
+  });
+}
+
+void ScriptCard::stop() {
+  interrupt();
+  if (timer_.joinable()) timer_.join();
+}
+
+void ScriptCard::interrupt() {
+  platform::MutexLock lock(mutex_);
+  interrupted_ = true;
+  changed_.notifyAll();
+}
+
+Bytes ScriptCard::reset() {
+  trigger(On::Reset, {});
+  return respond(script_.atr, {});
+}
+
+Bytes ScriptCard::atr() {
+  trigger(On::Atr, {});
+  return respond(script_.atr, {});
+}
+
+Bytes ScriptCard::transmit(const Bytes& command) {
+  trigger(On::Command, command);
+  return respond(script_.responseTo(command), command);
+}
+
+void ScriptCard::ready() { trigger(On::Ready, {}); }
+
+void ScriptCard::trigger(On on, const Bytes& command) {
+  platform::MutexLock lock(mutex_);
+  const auto now = SteadyClock::now();
+  for (const Script::Trigger& trigger : script_.triggers) {
+    if (trigger.on != on) continue;
+    if (on == On::Command && !trigger.pattern.matches(command)) continue;
+    due_.emplace(now + trigger.delay, trigger.action);
+    changed_.notifyAll();
+  }
+}
+
+Bytes ScriptCard::respond(const ScriptResponse& response, const Bytes& command) {
+  platform::MutexLock lock(mutex_);
+  if (!in_ || interrupted_) return {};
+  if (response.delay == std::chrono::milliseconds(0)) return response.to(command);
+  const std::uint64_t removals = removals_;
+  const bool gone = changed_.waitFor(lock, response.delay, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return removals_ != removals || interrupted_;
+  });
+  return gone ? Bytes() : response.to(command);
+}
+
+void ScriptCard::runTimed() {
+  platform::MutexLock lock(mutex_);
+  const auto first = [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return due_.empty() ? SteadyClock::time_point::max() : due_.begin()->first;
+  };
+  while (!interrupted_) {
+    const SteadyClock::time_point next = first();
+    const auto earlier = [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+      return interrupted_ || first() < next;
+    };
+    if (due_.empty()) {
+      changed_.wait(lock, earlier);
+      continue;
+    }
+    if (changed_.waitFor(lock, next - SteadyClock::now(), earlier)) continue;
+    const CardAction action = due_.begin()->second;
+    due_.erase(due_.begin());
+    lock.unlock();
+    act(action);  // a script may insert a card that is in; nothing happens then
+    lock.lock();
+  }
+}
+
+std::string ScriptCard::insert() { return act(CardAction::Insert); }
+
+std::string ScriptCard::remove() { return act(CardAction::Remove); }
+
+std::string ScriptCard::act(CardAction action) {
+  const bool wanted = action == CardAction::Insert;
+  platform::MutexLock acting(acting_);
+  {
+    platform::MutexLock lock(mutex_);
+    if (in_ == wanted) return wanted ? "a card is in already" : "no card is in";
+  }
+  // A card answers from its announcement on, and is announced to be gone before it stops.
+  if (!wanted) listener_->cardRemoved();
+  {
+    platform::MutexLock lock(mutex_);
+    in_ = wanted;
+    if (!wanted) ++removals_;
+    changed_.notifyAll();
+  }
+  if (wanted) listener_->cardInserted();
+  return {};
+}
+
+}  // namespace zelta::agent

@@ -1,0 +1,44 @@
+// The local socket through which `zelta-agent ctl` reaches the running agent.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "agent/program/failure.h"
+
+namespace zelta::agent {
+
+// Where the control socket of a reader's agent lies, the agent's own choice first:
+// $XDG_RUNTIME_DIR/zelta-agent<reader>.ctl where that variable is set,
+// /run/zelta/agent<reader>.ctl,
+// /run/zelta-agent<reader>/control, where the service's agent has it.
+std::vector<std::string> defaultControlPaths(std::uint32_t reader);
+
+// The agent's end. One thread serves one client after the other; a client that does not ask within
+// a second is dropped. Only the agent's own user (and root) can connect.
+class ControlServer {
+ public:
+  // Answers one line, on the server's thread.
+  using Handler = std::function<std::string(const std::string& line)>;
+
+  virtual ~ControlServer() = default;  // ends the thread and removes the socket
+
+  // Removes the socket, so that no further client comes. Any thread; may be repeated.
+  virtual void removePath() = 0;
+};
+
+// A socket that a dead agent left is replaced, as are missing folders. Throws std::runtime_error
+// with a message for people, also where a live agent has the path. `onFailure` learns of it where
+// the server's thread has ended by an exception, what the handler throws included.
+std::unique_ptr<ControlServer> openControlServer(const std::string& path,
+                                                 ControlServer::Handler handler,
+                                                 OnFailure onFailure);
+
+// Asks the agent at the first of the paths at which one listens. Throws std::runtime_error with a
+// message for people where none does or the answer does not come within 10 seconds.
+std::string askAgent(const std::vector<std::string>& paths, const std::string& line);
+
+}  // namespace zelta::agent

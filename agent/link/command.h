@@ -1,0 +1,44 @@
+// A command of the driver's for the card, what came of it, and where commands come from.
+#pragma once
+
+#include "agent/card/steady_clock.h"
+#include "agent/link/report_rule.h"
+#include "contract/bytes.h"
+
+namespace zelta::agent {
+
+struct Command {
+  enum class Kind { AtrWithReset, Atr, Transmit };
+
+  Kind kind = Kind::Atr;
+  Bytes apdu;  // of Transmit
+  // When something else is answered if the card is not done, and when the driver gives up.
+  SteadyClock::time_point cardLimit;
+  SteadyClock::time_point driverLimit;
+};
+
+struct Outcome {
+  enum class Result {
+    Answered,  // `data` is not empty
+    NoCard,    // none in, pulled meanwhile, or mute
+    Late,      // not done in time
+  };
+
+  Result result = Result::NoCard;
+  Bytes data{};
+  CardId card = kNoCard;  // the one that answered
+};
+
+// One thread at a time uses it, not always the same one.
+class CommandStream {
+ public:
+  // Blocks until the next command for the card is there. False at the end of the stream.
+  virtual bool read(Command* command) = 0;
+  // Answers the command read last. False at the end of the stream.
+  virtual bool answer(const Command& command, const Outcome& outcome) = 0;
+
+ protected:
+  ~CommandStream() = default;
+};
+
+}  // namespace zelta::agent

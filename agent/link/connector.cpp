@@ -1,0 +1,89 @@
+#include "agent/link/connector.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace zelta::agent {
+
+std::chrono::milliseconds Backoff::next() {
+  const std::chrono::milliseconds wait = next_;
+  next_ = std::min(next_ * 2, most_);
+  return wait;
+}
+
+Connector::Connector(PipeClientPort& port, Settings settings, Log& log)
+    : port_(port),
+      settings_(std::move(settings)),
+      log_(log),
+      backoff_(settings_.firstRetry, settings_.longestRetry) {}
+
+PipePair Connector::attempt() {
+  failed_ = false;
+  port_.watch({settings_.commandPipe, settings_.eventPipe});
+  const bool hadNone = held_.commands == nullptr && held_.events == nullptr;
+  openMissing(&held_.commands, settings_.commandPipe);
+  openMissing(&held_.events, settings_.eventPipe);
+  if (!failed_) {
+    lastNoted_.clear();
+    return std::move(held_);
+  }
+  noteFailure();
+  const bool hasOne = held_.commands != nullptr || held_.events != nullptr;
+  if (hasOne) {
+    const auto now = SteadyClock::now();
+    if (hadNone) heldSince_ = now;
+    if (now - heldSince_ < settings_.hold) {
+      port_.waitForChange(settings_.firstRetry);
+      return PipePair();
+    }
+    held_ = PipePair();
+  }
+  if (hasOne || failure_.result != OpenResult::Absent) {
+    port_.waitForChange(backoff_.next());
+  } else {
+    port_.waitForChange(std::nullopt);
+    backoff_.reset();
+  }
+  return PipePair();
+}
+
+void Connector::connectionEnded(bool wasAlive) {
+  if (wasAlive) {
+    backoff_.reset();
+    return;
+  }
+  port_.watch({settings_.commandPipe, settings_.eventPipe});
+  port_.waitForChange(backoff_.next());
+}
+
+void Connector::openMissing(std::unique_ptr<PipeConnection>* pipe, const std::string& name) {
+  if (*pipe != nullptr) return;
+  OpenedPipe opened = port_.open(name);
+  if (opened.result == OpenResult::Opened) {
+    *pipe = std::move(opened.connection);
+    return;
+  }
+  // What is there and does not open says more than what is not there, and needs the timer.
+  if (failed_ && opened.result == OpenResult::Absent) return;
+  if (failed_ && failure_.result != OpenResult::Absent) return;
+  failed_ = true;
+  failure_ = std::move(opened);
+}
+
+void Connector::noteFailure() {
+  if (failure_.detail == lastNoted_) return;
+  lastNoted_ = failure_.detail;
+  switch (failure_.result) {
+    case OpenResult::Absent:
+      log_.info("Waiting for the driver: " + failure_.detail);
+      return;
+    case OpenResult::Refused:
+      log_.warning("The driver is gone, or serves another agent: " + failure_.detail);
+      return;
+    default:
+      log_.error("Cannot connect to the driver: " + failure_.detail);
+      return;
+  }
+}
+
+}  // namespace zelta::agent

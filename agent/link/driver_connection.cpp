@@ -1,0 +1,204 @@
+#include "agent/link/driver_connection.h"
+
+#include <algorithm>
+#include <array>
+#include <iterator>
+#include <utility>
+
+#include "contract/bytes.h"
+#include "contract/wire.h"
+
+namespace zelta::agent {
+
+namespace {
+
+// Status words that the agent answers by itself.
+const Bytes& noPreciseDiagnosis() {
+  static const auto* const bytes = new Bytes{0x6F, 0x00};  // never destroyed
+  return *bytes;
+}
+
+const Bytes& wrongLength() {
+  static const auto* const bytes = new Bytes{0x67, 0x00};  // never destroyed
+  return *bytes;
+}
+
+// What is answered in time if the card is late.
+const Bytes& lateAnswer(Command::Kind kind) {
+  static const auto* const none = new Bytes;  // never destroyed
+  return kind == Command::Kind::Transmit ? noPreciseDiagnosis() : *none;
+}
+
+struct Query {
+  AgentCommand code;
+  Command::Kind kind;
+  const char* name;
+};
+
+constexpr Query kQueries[] = {
+    {AgentCommand::QueryAtrReset, Command::Kind::AtrWithReset, "ATR query with reset"},
+    {AgentCommand::QueryAtr, Command::Kind::Atr, "ATR query"},
+    {AgentCommand::QueryTransmit, Command::Kind::Transmit, "Transmit"},
+};
+
+template <typename Matches>
+const Query* findQuery(Matches matches) {
+  const Query* const found = std::find_if(std::begin(kQueries), std::end(kQueries), matches);
+  return found == std::end(kQueries) ? nullptr : found;
+}
+
+// What may be logged of an APDU: its header and length, no data.
+std::string describeApdu(const Bytes& apdu) {
+  const std::size_t header = 4;
+  const Bytes shown(apdu.begin(),
+                    apdu.begin() + static_cast<std::ptrdiff_t>(std::min(apdu.size(), header)));
+  return " " + toHex(shown) + " (" + std::to_string(apdu.size()) + " bytes)";
+}
+
+}  // namespace
+
+DriverConnection::DriverConnection(PipeConnection& commands, PipeConnection& events, CardSlot& slot,
+                                   CommandThreads& threads, const Settings& settings,
+                                   std::function<void()> onAlive, OnFailure onFailure, Log& log)
+    : commands_(commands),
+      events_(events),
+      slot_(slot),
+      threads_(threads),
+      settings_(settings),
+      onAlive_(std::move(onAlive)),
+      log_(log),
+      reporter_(
+          events, settings.events, [this] { seenAlive(); }, [this] { stop(); },
+          std::move(onFailure), log) {}
+
+void DriverConnection::seenAlive() {
+  if (!alive_ && !alive_.exchange(true)) onAlive_();
+}
+
+void DriverConnection::stop() {
+  commands_.cancel();
+  events_.cancel();
+  threads_.abandon(*this);
+}
+
+void DriverConnection::serve() {
+  {
+    const CardSlot::Observation observation(slot_, reporter_);
+    reporter_.start();
+    threads_.serve(*this);
+  }
+  stop();
+}
+
+bool DriverConnection::read(Command* command) {
+  std::uint32_t code = 0;
+  while (readCode(command, &code)) {
+    if (code == static_cast<std::uint32_t>(AgentCommand::NotifyCardReady)) {
+      log_.debug("Card ready");
+      slot_.ready();
+      reporter_.beginAnswer(kNoCard);  // there is none; the command is dealt with
+      reporter_.endAnswer();
+      continue;
+    }
+    const Query* const query = findQuery(
+        [code](const Query& known) { return code == static_cast<std::uint32_t>(known.code); });
+    if (query == nullptr) {
+      log_.error("Unknown command " + std::to_string(code) + "; dropping the connection");
+      return false;
+    }
+    command->kind = query->kind;
+    if (query->kind != Command::Kind::Transmit) return true;
+    if (!readApdu(command)) return false;
+    if (!command->apdu.empty()) return true;
+    if (!answerOtherwise(*command, wrongLength())) return false;
+  }
+  return false;
+}
+
+bool DriverConnection::readCode(Command* command, std::uint32_t* code) {
+  // Only a command's first byte may take any time.
+  if (!check(commands_.awaitCommand(), "")) return false;
+  const SteadyClock::time_point begin = SteadyClock::now();
+  command->cardLimit = begin + settings_.answerLimit;
+  command->driverLimit = begin + settings_.driverLimit;
+  seenAlive();
+  reporter_.commandBegan();
+  std::array<std::uint8_t, 4> field{};
+  if (!readField(field.data(), field.size(), command->cardLimit)) return false;
+  *code = loadLittleEndian(field.data());
+  return true;
+}
+
+bool DriverConnection::readApdu(Command* command) {
+  std::array<std::uint8_t, 4> field{};
+  if (!readField(field.data(), field.size(), command->cardLimit)) return false;
+  const std::uint32_t length = loadLittleEndian(field.data());
+  if (length > kMaximumApduLength) {
+    log_.error("The driver announced an APDU of " + std::to_string(length) +
+               " bytes; dropping the connection");
+    return false;
+  }
+  command->apdu.resize(length);
+  return length == 0 || readField(command->apdu.data(), length, command->cardLimit);
+}
+
+bool DriverConnection::readField(void* data, std::uint32_t size, SteadyClock::time_point deadline) {
+  return check(commands_.read(data, size, deadline), "The driver's command stopped half-way");
+}
+
+bool DriverConnection::check(IoResult result, const char* timedOut) {
+  if (result == IoResult::GivenUp) {
+    log_.error("The driver does not wait for its answer any more; dropping the connection");
+  } else if (result == IoResult::TimedOut) {
+    log_.error(std::string(timedOut) + "; dropping the connection");
+  }
+  return result == IoResult::Done;
+}
+
+std::string DriverConnection::describe(const Command& command) const {
+  const Query* const query =
+      findQuery([&command](const Query& known) { return known.kind == command.kind; });
+  const bool showsApdu = command.kind == Command::Kind::Transmit && log_.wants(LogLevel::Debug);
+  return query->name + (showsApdu ? describeApdu(command.apdu) : std::string());
+}
+
+bool DriverConnection::answer(const Command& command, const Outcome& outcome) {
+  if (outcome.result == Outcome::Result::Late) {
+    log_.warning(describe(command) + ": the card is not done in time");
+    return answerOtherwise(command, lateAnswer(command.kind));
+  }
+  const bool answered = outcome.result == Outcome::Result::Answered;
+  if (answered && command.kind == Command::Kind::Transmit) {
+    if (log_.wants(LogLevel::Debug)) {
+      log_.debug(describe(command) + ": " + std::to_string(outcome.data.size()) + " bytes");
+    }
+    return answerOtherwise(command, outcome.data);
+  }
+  if (answered && reporter_.beginAnswer(outcome.card)) {
+    if (log_.wants(LogLevel::Debug)) log_.debug(describe(command) + ": " + toHex(outcome.data));
+    return write(command, outcome.data);
+  }
+  log_.debug(describe(command) + ": no card");
+  reporter_.waitWritten(command.cardLimit);
+  return answerOtherwise(command, {});
+}
+
+bool DriverConnection::answerOtherwise(const Command& command, const Bytes& bytes) {
+  reporter_.beginAnswer(kNoCard);
+  return write(command, bytes);
+}
+
+bool DriverConnection::write(const Command& command, const Bytes& bytes) {
+  // The driver would take it for its next command's.
+  if (SteadyClock::now() >= command.driverLimit) {
+    log_.error("The answer comes too late for the driver; dropping the connection");
+    return false;
+  }
+  if (!check(commands_.answer(bytes, command.driverLimit), "The driver does not take its answer")) {
+    return false;
+  }
+  reporter_.endAnswer();
+  return true;
+}
+
+}  // namespace zelta::agent

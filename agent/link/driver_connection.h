@@ -1,0 +1,85 @@
+// Serves the driver on one connected pair of pipes until it is lost.
+//
+// Each command is answered before the next is read, within the time that the driver waits. The
+// stream cannot be resynchronised, so a command that is not understood, a length that cannot be, a
+// command that stops half-way, an answer that the driver has not taken by the end of its time and
+// one that it has given up end the connection.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <string>
+
+#include "agent/card/card_slot.h"
+#include "agent/link/command.h"
+#include "agent/link/command_threads.h"
+#include "agent/link/event_reporter.h"
+#include "agent/link/pipe_client_port.h"
+#include "agent/program/log.h"
+#include "contract/bytes.h"
+
+namespace zelta::agent {
+
+// The longest command APDU that is taken, in bytes: an extended one (4 header bytes, 3 length
+// bytes, 65,535 of data, 2 of expected length) fits with what callers may add.
+inline constexpr std::uint32_t kMaximumApduLength = 65548;
+
+class DriverConnection final : private CommandStream {
+ public:
+  struct Settings {
+    EventReporter::Settings events;
+    // From a command's first bytes on: how long the card may take to answer, and when the driver
+    // gives up.
+    std::chrono::milliseconds answerLimit;
+    std::chrono::milliseconds driverLimit;
+  };
+
+  // Everything passed by reference outlives the connection. `onAlive` is called once, on a thread
+  // of the connection's or of `threads`, when the driver is known to have accepted it: it has sent
+  // a command or taken the session id. `onFailure` learns of a thread of the connection's that has
+  // ended by an exception.
+  DriverConnection(PipeConnection& commands, PipeConnection& events, CardSlot& slot,
+                   CommandThreads& threads, const Settings& settings, std::function<void()> onAlive,
+                   OnFailure onFailure, Log& log);
+  DriverConnection(const DriverConnection&) = delete;
+  DriverConnection& operator=(const DriverConnection&) = delete;
+
+  // Blocks until the driver is gone, the stream is lost or `stop`; `threads` answer the commands.
+  // May throw for lack of threads; the slot is not observed any more then.
+  void serve();
+  // Ends `serve`, now or as soon as it is called, whatever the card does. Any thread.
+  void stop();
+  // Whether the driver has been seen to accept the connection. Any thread.
+  bool alive() const { return alive_; }
+
+ private:
+  bool read(Command* command) override;
+  bool answer(const Command& command, const Outcome& outcome) override;
+
+  // Each is false where the connection is to end.
+  bool readCode(Command* command, std::uint32_t* code);
+  bool readApdu(Command* command);
+  bool readField(void* data, std::uint32_t size, SteadyClock::time_point deadline);
+  // Any answer but the ATR.
+  bool answerOtherwise(const Command& command, const Bytes& bytes);
+  bool write(const Command& command, const Bytes& bytes);
+  // Logs why the connection ends; `timedOut` is the text for that.
+  bool check(IoResult result, const char* timedOut);
+
+  // What the log calls the command.
+  std::string describe(const Command& command) const;
+  void seenAlive();
+
+  PipeConnection& commands_;
+  PipeConnection& events_;
+  CardSlot& slot_;
+  CommandThreads& threads_;
+  const Settings settings_;
+  const std::function<void()> onAlive_;
+  Log& log_;
+  std::atomic<bool> alive_{false};
+  EventReporter reporter_;
+};
+
+}  // namespace zelta::agent

@@ -1,0 +1,194 @@
+#include "agent/link/event_reporter.h"
+
+#include <utility>
+
+#include "contract/bytes.h"
+#include "contract/wire.h"
+
+namespace zelta::agent {
+
+EventReporter::EventReporter(PipeConnection& pipe, Settings settings, std::function<void()> onTaken,
+                             std::function<void()> onLost, OnFailure onFailure, Log& log)
+    : pipe_(pipe),
+      settings_(std::move(settings)),
+      onTaken_(std::move(onTaken)),
+      onLost_(std::move(onLost)),
+      onFailure_(std::move(onFailure)),
+      log_(log) {}
+
+EventReporter::~EventReporter() {
+  {
+    platform::MutexLock lock(mutex_);
+    ended_ = true;
+    changed_.notifyAll();
+  }
+  pipe_.cancel();
+  if (watcher_.joinable()) watcher_.join();
+  if (writer_.joinable()) writer_.join();
+}
+
+void EventReporter::start() {
+  watcher_ = std::thread([this] { guarded(onFailure_, [this] { watchPipe(); }); });
+  writer_ = std::thread([this] { guarded(onFailure_, [this] { writeEvents(); }); });
+}
+
+void EventReporter::commandBegan() {
+  platform::MutexLock lock(mutex_);
+  rule_.commandBegan();  // the writer finds out when the time of grace ends
+}
+
+bool EventReporter::beginAnswer(CardId atrOf) {
+  platform::MutexLock lock(mutex_);
+  if (atrOf != kNoCard && !rule_.holds(atrOf)) return false;
+  answering_ = true;
+  queue(atrOf == kNoCard ? rule_.answeredOtherwise() : rule_.answeredWithAtr());
+  return true;
+}
+
+void EventReporter::endAnswer() {
+  platform::MutexLock lock(mutex_);
+  answering_ = false;
+  if (!events_.empty()) changed_.notifyAll();
+}
+
+void EventReporter::waitWritten(SteadyClock::time_point deadline) {
+  platform::MutexLock lock(mutex_);
+  changed_.waitFor(lock, deadline - SteadyClock::now(), [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return events_.empty() || full_ || ended_;
+  });
+}
+
+void EventReporter::observing(CardId card) {
+  platform::MutexLock lock(mutex_);
+  rule_ = ReportRule(card);
+}
+
+void EventReporter::cardArrived(CardId card) {
+  platform::MutexLock lock(mutex_);
+  queue(rule_.arrived(card));
+}
+
+void EventReporter::cardDeparted() {
+  platform::MutexLock lock(mutex_);
+  queue(rule_.departed());
+}
+
+void EventReporter::queue(ReportRule::Report report) {
+  if (report == ReportRule::Report::Nothing || ended_) return;
+  const std::size_t notBegun = events_.size() - (writing_ ? 1 : 0);
+  if (report == ReportRule::Report::Removed && notBegun > 0 &&
+      events_.back() == ReportRule::Report::Inserted) {
+    events_.pop_back();  // nobody has heard of that card
+  } else {
+    events_.push_back(report);
+  }
+  changed_.notifyAll();
+}
+
+IoResult EventReporter::postNumber(std::uint32_t number,
+                                   std::optional<SteadyClock::time_point> deadline) {
+  const auto bytes = toLittleEndian(number);
+  return pipe_.post(bytes.data(), bytes.size(), deadline);
+}
+
+bool EventReporter::sendSessionId() {
+  const auto length = static_cast<std::uint32_t>(settings_.sessionId.size());
+  const auto code = static_cast<std::uint32_t>(AgentEvent::SessionLogId);
+  return postNumber(code, std::nullopt) == IoResult::Done &&
+         postNumber(length, std::nullopt) == IoResult::Done &&
+         pipe_.post(settings_.sessionId.data(), length, std::nullopt) == IoResult::Done;
+}
+
+void EventReporter::watchPipe() {
+  if (sendSessionId()) {
+    {
+      platform::MutexLock lock(mutex_);
+      sessionSent_ = true;
+      changed_.notifyAll();
+    }
+    if (pipe_.flush() == IoResult::Done) {
+      {
+        platform::MutexLock lock(mutex_);
+        taken_ = true;
+        graceEnd_ = SteadyClock::now() + settings_.grace;
+        changed_.notifyAll();
+      }
+      onTaken_();
+      // The driver never writes here, so this ends with the pipe.
+      std::uint8_t unexpected = 0;
+      if (pipe_.read(&unexpected, sizeof unexpected, std::nullopt) == IoResult::Done) {
+        log_.error("The driver wrote to the event pipe; dropping the connection");
+      }
+    }
+  }
+  ended();
+  onLost_();
+}
+
+void EventReporter::ended() {
+  platform::MutexLock lock(mutex_);
+  ended_ = true;
+  changed_.notifyAll();
+}
+
+bool EventReporter::nextEvent(ReportRule::Report* report) {
+  platform::MutexLock lock(mutex_);
+  const auto due = [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return ended_ || (sessionSent_ && !answering_ && !events_.empty());
+  };
+  const auto graceMatters = [this]()
+                                ZELTA_NO_THREAD_SAFETY_ANALYSIS { return taken_ && rule_.quiet(); };
+  while (!due()) {
+    if (!graceMatters()) {
+      changed_.wait(lock, [&] { return due() || graceMatters(); });
+      continue;
+    }
+    const bool woken = changed_.waitFor(lock, graceEnd_ - SteadyClock::now(),
+                                        [&] { return due() || !graceMatters(); });
+    if (!woken) queue(rule_.graceOver());
+  }
+  if (ended_) return false;
+  *report = events_.front();
+  writing_ = true;
+  return true;
+}
+
+// A driver that has left so much unread handles an earlier event, and may need an answer to its
+// command for that: nobody waits for the events then. A post of one number that has timed out has
+// handed nothing over, so it may be made again.
+IoResult EventReporter::postEvent(std::uint32_t event) {
+  const auto now = SteadyClock::now();
+  IoResult result = postNumber(event, now);
+  if (result != IoResult::TimedOut) return result;
+  setFull(true);
+  result = postNumber(event, now + settings_.limit);
+  setFull(false);
+  return result;
+}
+
+void EventReporter::setFull(bool full) {
+  platform::MutexLock lock(mutex_);
+  full_ = full;
+  if (full) changed_.notifyAll();
+}
+
+void EventReporter::writeEvents() {
+  ReportRule::Report report = ReportRule::Report::Nothing;
+  while (nextEvent(&report)) {
+    const bool inserted = report == ReportRule::Report::Inserted;
+    const AgentEvent event = inserted ? AgentEvent::CardInserted : AgentEvent::CardRemoved;
+    const IoResult result = postEvent(static_cast<std::uint32_t>(event));
+    if (result == IoResult::TimedOut) {
+      log_.error("The driver does not take its events; dropping the connection");
+      pipe_.cancel();
+    }
+    if (result != IoResult::Done) return;  // the watcher sees the end, too
+    log_.info(inserted ? "Card insertion reported" : "Card removal reported");
+    platform::MutexLock lock(mutex_);
+    events_.pop_front();
+    writing_ = false;
+    changed_.notifyAll();
+  }
+}
+
+}  // namespace zelta::agent

@@ -1,0 +1,103 @@
+// Writes one connection's event pipe: the session log id first, then what the report rule decides.
+//
+// Two threads of its own: one hands over the session id, waits until the driver has taken it (which
+// it does once it listens for events; the time of grace counts from then) and from then on watches
+// for the pipe's end; the other hands over events, in the order in which they were decided and
+// without waiting for the driver to read them. Both end when the pipe is closed or cancelled. A
+// pipe that is full of events that the driver does not read is cancelled when its time is up. A
+// card that comes and goes before its arrival was handed over is not reported at all: cards that
+// change quicker than the driver reads of it leave no backlog.
+//
+// `commandBegan`, `beginAnswer`, `endAnswer` and `waitWritten` come from one thread at a time, for
+// each command; they wake the writer only if there is an event. As the slot's observer it is
+// called under the slot's lock; it never calls the slot.
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "agent/card/card_slot.h"
+#include "agent/link/pipe_client_port.h"
+#include "agent/link/report_rule.h"
+#include "agent/program/failure.h"
+#include "agent/program/log.h"
+#include "platform/sync/sync.h"
+
+namespace zelta::agent {
+
+class EventReporter final : public CardSlot::Observer {
+ public:
+  struct Settings {
+    std::string sessionId;
+    std::chrono::milliseconds grace;  // without a command, before a card is reported after all
+    std::chrono::milliseconds limit;  // how long a full pipe is waited for
+  };
+
+  // `pipe` and `log` outlive the reporter. `onLost` is called once, from one of its threads, when
+  // the pipe has ended; `onTaken` when the driver has taken the session id; `onFailure` when one of
+  // the threads has ended by an exception. None may destroy the reporter.
+  EventReporter(PipeConnection& pipe, Settings settings, std::function<void()> onTaken,
+                std::function<void()> onLost, OnFailure onFailure, Log& log);
+  // Cancels the pipe and joins the threads.
+  ~EventReporter();
+  EventReporter(const EventReporter&) = delete;
+  EventReporter& operator=(const EventReporter&) = delete;
+
+  // After the slot observes this; the pipe is not written before. Throws std::system_error for lack
+  // of threads.
+  void start();
+
+  void commandBegan();
+  // The command is to be answered with the ATR of `atrOf`, or otherwise (`kNoCard`). False where
+  // that card is not in any more: nothing has begun, and it must be answered otherwise.
+  bool beginAnswer(CardId atrOf);
+  void endAnswer();
+  // Until everything decided so far is handed over, the pipe has ended or takes no more for now, or
+  // the deadline.
+  void waitWritten(SteadyClock::time_point deadline);
+
+ private:
+  void observing(CardId card) override;
+  void cardArrived(CardId card) override;
+  void cardDeparted() override;
+
+  void queue(ReportRule::Report report) ZELTA_REQUIRES(mutex_);
+  bool sendSessionId();
+  void watchPipe();
+  void writeEvents();
+  // False: no more events, the pipe has ended.
+  bool nextEvent(ReportRule::Report* report);
+  IoResult postEvent(std::uint32_t event);
+  void setFull(bool full);
+  IoResult postNumber(std::uint32_t number, std::optional<SteadyClock::time_point> deadline);
+  void ended();
+
+  PipeConnection& pipe_;
+  const Settings settings_;
+  const std::function<void()> onTaken_;
+  const std::function<void()> onLost_;
+  const OnFailure onFailure_;
+  Log& log_;
+
+  platform::Mutex mutex_;
+  platform::ConditionVariable changed_;
+  ReportRule rule_ ZELTA_GUARDED_BY(mutex_){kNoCard};
+  // Decided and not handed over; the front one is being handed over.
+  std::deque<ReportRule::Report> events_ ZELTA_GUARDED_BY(mutex_);
+  bool writing_ ZELTA_GUARDED_BY(mutex_) = false;  // the front one
+  bool full_ ZELTA_GUARDED_BY(mutex_) = false;     // the pipe, of what the driver has not read
+  bool answering_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool sessionSent_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool taken_ ZELTA_GUARDED_BY(mutex_) = false;  // the session id, by the driver
+  SteadyClock::time_point graceEnd_ ZELTA_GUARDED_BY(mutex_);
+  bool ended_ ZELTA_GUARDED_BY(mutex_) = false;
+
+  std::thread watcher_;
+  std::thread writer_;
+};
+
+}  // namespace zelta::agent

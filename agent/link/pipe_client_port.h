@@ -1,0 +1,102 @@
+// Client ends of the driver's pipes, and waiting for the driver to offer them.
+//
+// Failures are values; nothing throws but for lack of memory or of handles (std::system_error).
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "agent/card/steady_clock.h"
+#include "contract/bytes.h"
+
+namespace zelta::agent {
+
+enum class IoResult {
+  Done,
+  Closed,     // the driver's end is gone
+  Cancelled,  // by `cancel`
+  TimedOut,
+  GivenUp,  // the driver does not wait for its answer any more
+};
+
+// One connected client end of either pipe. `cancel` may come from any thread, whatever else runs.
+// Destroyed when nothing of it is running.
+class PipeConnection {
+ public:
+  virtual ~PipeConnection() = default;
+
+  // On the command pipe, one call at a time: a command is awaited, read field by field until it is
+  // whole, and answered before the next is awaited.
+  //
+  // A driver that follows the stream begins a command only when it has read the answer before. One
+  // that does otherwise has given that answer up, and would take what is left of it for the next
+  // one's. GivenUp says so; the connection is of no use then and must be dropped at once.
+
+  // Blocks until a command begins. GivenUp if the last answer has not been read whole; no more
+  // than a byte of the command has been read then.
+  virtual IoResult awaitCommand() = 0;
+  // Reads `size` bytes and no byte more; blocks until they are there, or until `deadline` where one
+  // is given.
+  virtual IoResult read(void* data, std::uint32_t size,
+                        std::optional<SteadyClock::time_point> deadline) = 0;
+  // Writes the length of `bytes` and `bytes`, at once. Blocks until the pipe has taken them (a pipe
+  // without a buffer: until the driver has read them) or `deadline`. GivenUp where more stands in
+  // the pipe than the command, or comes before all is written; what was not read is taken back
+  // where the pipe allows.
+  virtual IoResult answer(const Bytes& bytes, SteadyClock::time_point deadline) = 0;
+
+  // On the event pipe; a read, a flush and a post may run at the same time on three threads.
+
+  // Hands over `size` bytes as one write and never waits for the driver to read these bytes: they
+  // stand in the pipe, behind what was posted before, when it returns. Blocks, until `deadline`
+  // where one is given, only while the pipe holds so much unread that it takes no more. Up to 4
+  // bytes are handed over whole or, if it was TimedOut, not at all, so they may be posted again; of
+  // more an unknown part is with the driver if it was not Done. What a thread has posted may be
+  // lost with its end.
+  virtual IoResult post(const void* data, std::uint32_t size,
+                        std::optional<SteadyClock::time_point> deadline) = 0;
+  // Blocks until the driver has read everything posted.
+  virtual IoResult flush() = 0;
+
+  // Releases what is blocked and makes every later operation return Cancelled.
+  virtual void cancel() = 0;
+};
+
+enum class OpenResult {
+  Opened,
+  Absent,   // no such pipe
+  Refused,  // the driver does not listen: it is not running, or serves another client
+  Failed,   // for another reason, which may pass (rights, for example)
+};
+
+struct OpenedPipe {
+  OpenResult result = OpenResult::Failed;
+  std::unique_ptr<PipeConnection> connection;  // where Opened
+  std::string detail;                          // for people: the place, and why not
+};
+
+// One thread uses it; only `cancel` may come from another.
+class PipeClientPort {
+ public:
+  virtual ~PipeClientPort() = default;
+
+  // From now on notes what could make a failing `open` of these pipes succeed. Forgets what was
+  // noted before.
+  virtual void watch(const std::vector<std::string>& pipeNames) = 0;
+  // Tries once, without blocking.
+  virtual OpenedPipe open(const std::string& pipeName) = 0;
+  // Blocks until something has been noted since `watch`, until `limit` has passed where one is
+  // given, or until `cancel`.
+  virtual void waitForChange(std::optional<std::chrono::milliseconds> limit) = 0;
+  // Makes this and every later wait return at once.
+  virtual void cancel() = 0;
+};
+
+// The operating system's pipes. On Linux a pipe is a UNIX stream socket below $ZELTA_PIPE_ROOT.
+std::unique_ptr<PipeClientPort> makeSystemPipeClient();
+
+}  // namespace zelta::agent

@@ -1,3 +1,0 @@
-#include "agent/program.h"
-
-int main(int argc, char** argv) { return zelta::agent::runProgram(argc, argv); }

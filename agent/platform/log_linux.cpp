@@ -1,0 +1,57 @@
+#include "agent/platform/log_linux.h"
+
+#include <sys/stat.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "agent/program/time_stamp.h"
+
+namespace zelta::agent {
+
+namespace {
+
+// Whether standard error goes to the journal, which names the stream in this variable.
+bool toJournal() {
+  const char* stream = std::getenv("JOURNAL_STREAM");
+  struct stat status {};
+  if (stream == nullptr || fstat(STDERR_FILENO, &status) != 0) return false;
+  return stream == std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+}
+
+const char* journalMark(LogLevel level) {
+  switch (level) {
+    case LogLevel::Error:
+      return SD_ERR;
+    case LogLevel::Warning:
+      return SD_WARNING;
+    case LogLevel::Info:
+      return SD_INFO;
+    case LogLevel::Debug:
+      break;
+  }
+  return SD_DEBUG;
+}
+
+// One write a line, so that lines of several processes are not mixed.
+void writeLine(const std::string& line) {
+  const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+  static_cast<void>(written);  // nowhere to say that the log cannot be written
+}
+
+}  // namespace
+
+Log::Sink standardErrorSink() {
+  if (toJournal()) {
+    return [](LogLevel level, const std::string& line) {
+      writeLine(journalMark(level) + line + "\n");
+    };
+  }
+  return [](LogLevel level, const std::string& line) {
+    writeLine(timeStamp() + " " + levelName(level) + ": " + line + "\n");
+  };
+}
+
+}  // namespace zelta::agent

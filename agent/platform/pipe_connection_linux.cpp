@@ -1,0 +1,174 @@
+#include "agent/platform/pipe_connection_linux.h"
+
+#include <linux/sockios.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <limits>
+#include <system_error>
+#include <utility>
+
+#include "contract/bytes.h"
+
+namespace zelta::agent {
+
+namespace {
+
+platform::ScopedFd checked(int fd, const char* what) {
+  if (fd < 0) throw std::system_error(errno, std::generic_category(), what);
+  return platform::ScopedFd(fd);
+}
+
+void addTo(int epoll, int fd, std::uint32_t events) {
+  epoll_event event{};
+  event.events = events;
+  event.data.fd = fd;
+  if (epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) != 0) {
+    throw std::system_error(errno, std::generic_category(), "epoll_ctl");
+  }
+}
+
+// Whether the peer has read everything. The kernel wakes the writer while one unit of the count is
+// still kept, so a count of 1 is what an empty queue looks like then; no queued write counts so
+// low.
+bool nothingUnread(int socket) {
+  int unread = 0;
+  return ioctl(socket, SIOCOUTQ, &unread) == 0 && unread <= 1;
+}
+
+// Whether more stands in the socket than has been read here.
+bool moreArrived(int socket) {
+  int arrived = 0;
+  return ioctl(socket, FIONREAD, &arrived) == 0 && arrived > 0;
+}
+
+// Takes `size` bytes off the front of `count` parts; how many parts are left, at the end.
+std::size_t advance(iovec* parts, std::size_t count, std::size_t size) {
+  std::size_t done = 0;
+  while (done < count && size >= parts[done].iov_len) size -= parts[done++].iov_len;
+  if (done < count) {
+    parts[done].iov_base = static_cast<char*>(parts[done].iov_base) + size;
+    parts[done].iov_len -= size;
+  }
+  return count - done;
+}
+
+}  // namespace
+
+int pollTimeout(std::optional<SteadyClock::time_point> deadline) {
+  if (!deadline) return -1;
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - SteadyClock::now());
+  const auto most = std::chrono::milliseconds(std::numeric_limits<int>::max());
+  return static_cast<int>(std::clamp(left, std::chrono::milliseconds(0), most).count());
+}
+
+SocketConnection::SocketConnection(platform::ScopedFd socket)
+    : socket_(std::move(socket)),
+      cancel_(checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")),
+      taken_(checked(epoll_create1(EPOLL_CLOEXEC), "epoll_create1")) {
+  addTo(taken_.get(), socket_.get(), EPOLLOUT | EPOLLRDHUP | EPOLLET);
+  addTo(taken_.get(), cancel_.get(), EPOLLIN);
+}
+
+void SocketConnection::cancel() {
+  cancelled_ = true;
+  eventfd_write(cancel_.get(), 1);
+}
+
+SocketConnection::Waited SocketConnection::waitFor(
+    short events, std::optional<SteadyClock::time_point> deadline) const {
+  for (;;) {
+    std::array<pollfd, 2> waits{{{cancel_.get(), POLLIN, 0}, {socket_.get(), events, 0}}};
+    const int ready = poll(waits.data(), waits.size(), pollTimeout(deadline));
+    if (ready < 0 && errno != EINTR) return {IoResult::Closed, 0};
+    if (ready < 0) continue;
+    if (ready == 0) return {IoResult::TimedOut, 0};
+    if (waits[0].revents != 0) return {IoResult::Cancelled, 0};
+    return {IoResult::Done, waits[1].revents};
+  }
+}
+
+IoResult SocketConnection::awaitCommand() {
+  const Waited waited = waitFor(POLLIN, std::nullopt);
+  if (waited.result != IoResult::Done) return waited.result;
+  if ((waited.ready & POLLHUP) != 0) return IoResult::Closed;
+  return nothingUnread(socket_.get()) ? IoResult::Done : IoResult::GivenUp;
+}
+
+IoResult SocketConnection::read(void* data, std::uint32_t size,
+                                std::optional<SteadyClock::time_point> deadline) {
+  auto* bytes = static_cast<std::uint8_t*>(data);
+  std::uint32_t done = 0;
+  while (done < size) {
+    if (cancelled_) return IoResult::Cancelled;
+    const ssize_t count = recv(socket_.get(), bytes + done, size - done, 0);
+    if (count > 0) {
+      done += static_cast<std::uint32_t>(count);
+    } else if (count < 0 && errno == EAGAIN) {
+      const IoResult waited = waitFor(POLLIN, deadline).result;
+      if (waited != IoResult::Done) return waited;
+    } else if (count == 0 || errno != EINTR) {
+      return IoResult::Closed;
+    }
+  }
+  return IoResult::Done;
+}
+
+IoResult SocketConnection::answer(const Bytes& bytes, SteadyClock::time_point deadline) {
+  if (moreArrived(socket_.get())) return IoResult::GivenUp;
+  auto length = toLittleEndian(static_cast<std::uint32_t>(bytes.size()));
+  std::array<iovec, 2> parts{
+      {{length.data(), length.size()}, {const_cast<std::uint8_t*>(bytes.data()), bytes.size()}}};
+  return send(parts.data(), parts.size(), deadline, true);
+}
+
+IoResult SocketConnection::post(const void* data, std::uint32_t size,
+                                std::optional<SteadyClock::time_point> deadline) {
+  iovec part{const_cast<void*>(data), size};
+  return send(&part, 1, deadline, false);
+}
+
+IoResult SocketConnection::send(iovec* parts, std::size_t count,
+                                std::optional<SteadyClock::time_point> deadline, bool isAnswer) {
+  const short answered = isAnswer ? POLLIN : 0;
+  for (;;) {
+    if (cancelled_) return IoResult::Cancelled;
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = count;
+    const ssize_t sent = sendmsg(socket_.get(), &message, MSG_NOSIGNAL);
+    if (sent >= 0) {
+      const std::size_t left = advance(parts, count, static_cast<std::size_t>(sent));
+      if (left == 0) return IoResult::Done;
+      parts += count - left;
+      count = left;
+    } else if (errno == EAGAIN) {
+      const Waited waited = waitFor(static_cast<short>(POLLOUT | answered), deadline);
+      if (waited.result != IoResult::Done) return waited.result;
+      if ((waited.ready & answered) == 0) continue;
+      return moreArrived(socket_.get()) ? IoResult::GivenUp : IoResult::Closed;
+    } else if (errno != EINTR) {
+      return IoResult::Closed;
+    }
+  }
+}
+
+IoResult SocketConnection::flush() {
+  for (;;) {
+    if (nothingUnread(socket_.get())) return IoResult::Done;
+    epoll_event event{};
+    const int ready = epoll_wait(taken_.get(), &event, 1, -1);
+    if (ready < 0 && errno != EINTR) return IoResult::Closed;
+    if (ready <= 0) continue;
+    if (event.data.fd == cancel_.get()) return IoResult::Cancelled;
+    if ((event.events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0) return IoResult::Closed;
+  }
+}
+
+}  // namespace zelta::agent

@@ -1,0 +1,95 @@
+// A client end that is a named pipe. The handle is overlapped, so that a read can run beside a
+// write and a cancel reaches what is blocked.
+//
+// The driver's pipes have no buffer: a write waits until the driver reads. So an answer that the
+// driver has given up stands in the way of its next command: the read of that command's first byte
+// is begun before the answer is written, and if it ends first, the write is taken back. Bytes
+// that are posted wait in writes of their own that nobody waits for, as many as a small buffer
+// would take.
+#pragma once
+
+#include <windows.h>
+// windows.h comes first
+#include <deque>
+#include <memory>
+#include <type_traits>
+#include <vector>
+
+#include "agent/link/pipe_client_port.h"
+#include "contract/bytes.h"
+#include "platform/sync/sync.h"
+
+namespace zelta::agent {
+
+struct HandleCloser {
+  void operator()(HANDLE handle) const { CloseHandle(handle); }
+};
+using ScopedHandle = std::unique_ptr<std::remove_pointer_t<HANDLE>, HandleCloser>;
+
+// A manual-reset event; throws std::system_error for lack of handles.
+ScopedHandle makeEvent();
+
+class NamedPipeConnection final : public PipeConnection {
+ public:
+  // The most posts that the driver has not read; one more waits.
+  static constexpr std::size_t kMostPosts = 256;
+
+  // Takes an overlapped handle. Throws std::system_error for lack of handles.
+  explicit NamedPipeConnection(ScopedHandle pipe);
+  // What was posted and not read by the driver is lost.
+  ~NamedPipeConnection() override;
+
+  IoResult awaitCommand() override;
+  IoResult read(void* data, std::uint32_t size,
+                std::optional<SteadyClock::time_point> deadline) override;
+  IoResult answer(const Bytes& bytes, SteadyClock::time_point deadline) override;
+  // May also throw std::system_error for lack of handles. The system ends a thread's operations
+  // with the thread, so what it has posted must have been read before it ends.
+  IoResult post(const void* data, std::uint32_t size,
+                std::optional<SteadyClock::time_point> deadline) override;
+  IoResult flush() override;
+  void cancel() override { SetEvent(cancel_.get()); }
+
+ private:
+  struct Post;
+
+  // A command's first byte, whose read is begun before it is waited for.
+  struct FirstByte {
+    FirstByte() : done(makeEvent()) {}
+
+    enum class State { None, Awaited, Kept };  // Kept: read, and not handed over yet
+    const ScopedHandle done;
+    OVERLAPPED operation{};
+    State state = State::None;
+    unsigned char byte = 0;
+  };
+
+  bool isCancelled() const;
+  // Done: the event is signalled, as opposed to the deadline or `cancel`.
+  IoResult waitFor(HANDLE event, std::optional<SteadyClock::time_point> deadline) const;
+  // Reads up to `size` bytes, at least one.
+  IoResult readSome(void* data, std::uint32_t size, std::optional<SteadyClock::time_point> deadline,
+                    DWORD* count);
+  // Begins to await the first byte, unless that has been done.
+  bool beginFirstByte();
+  // The first byte's read has ended; whether it is there.
+  bool takeFirstByte();
+  void cancelFirstByte();
+  // Whether the answer in `answer_` has been read whole; has ended when this returns.
+  IoResult finishAnswer(OVERLAPPED* operation, SteadyClock::time_point deadline);
+  // Takes the posts that the driver has read off the front; Closed where one failed.
+  IoResult takeRead() ZELTA_REQUIRES(mutex_);
+
+  const ScopedHandle pipe_;
+  const ScopedHandle cancel_;   // stays signalled
+  const ScopedHandle read_;     // one reader
+  const ScopedHandle written_;  // one writer
+  FirstByte first_;
+  std::vector<unsigned char> answer_;  // the one that is being written
+  platform::Mutex mutex_;
+  // Not known to be read by the driver, in the order in which it reads them. Shared with whoever
+  // waits for one.
+  std::deque<std::shared_ptr<Post>> posts_ ZELTA_GUARDED_BY(mutex_);
+};
+
+}  // namespace zelta::agent

@@ -1,0 +1,186 @@
+// The program: command line, signals, control socket and readiness around the agent.
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include "agent/card/backend_choice.h"
+#include "agent/control/control.h"
+#include "agent/control/control_socket.h"
+#include "agent/platform/log_linux.h"
+#include "agent/program/agent.h"
+#include "agent/program/agent_run.h"
+#include "agent/program/failure.h"
+#include "agent/program/options.h"
+#include "agent/program/session_id.h"
+#include "agent/version.h"
+#include "platform/files/scoped_fd_linux.h"
+
+namespace zelta::agent {
+
+namespace {
+
+using platform::ScopedFd;
+
+constexpr char kSignals[] =
+    "Signals: SIGUSR1 removes the card, SIGUSR2 inserts it, SIGINT and SIGTERM end the agent.";
+
+// The signals that the program waits for; blocked in every thread.
+sigset_t waitedSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2}) sigaddset(&signals, signal);
+  return signals;
+}
+
+int runControl(const Options& options) {
+  const std::vector<std::string> paths = options.control.empty()
+                                             ? defaultControlPaths(options.reader)
+                                             : std::vector<std::string>{options.control};
+  const ControlResult result = readControlAnswer(askAgent(paths, controlLine(options)));
+  if (result.success) {
+    std::cout << result.text;
+    return kExitDone;
+  }
+  std::cerr << "zelta-agent: " << result.text;
+  return kExitFailed;
+}
+
+ScopedFd opened(int fd, const char* what) {
+  if (fd < 0) throw std::system_error(errno, std::generic_category(), what);
+  return ScopedFd(fd);
+}
+
+// What the program waits for while the agent serves: signals, and a failure of a thread.
+class Endings {
+ public:
+  // Blocks the signals for this thread and those that it makes from now on.
+  Endings()
+      : signals_(blockedSignals()),
+        received_(opened(signalfd(-1, &signals_, SFD_CLOEXEC), "signalfd")),
+        failed_(opened(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")),
+        failure_([this] { eventfd_write(failed_.get(), 1); }) {}
+
+  FailureNote& failure() { return failure_; }
+
+  // Acts on signals until one of them, or a failure, ends the program.
+  void follow(Agent& agent, Log& log) {
+    for (;;) {
+      std::array<pollfd, 2> waits{{{failed_.get(), POLLIN, 0}, {received_.get(), POLLIN, 0}}};
+      if (poll(waits.data(), waits.size(), -1) < 0) {
+        if (errno == EINTR) continue;
+        throw std::system_error(errno, std::generic_category(), "poll");
+      }
+      if (failure_.problem() != nullptr) return;
+      signalfd_siginfo signal{};
+      if (read(received_.get(), &signal, sizeof signal) != sizeof signal) continue;
+      if (signal.ssi_signo == SIGUSR1) {
+        agent.removeCard();
+      } else if (signal.ssi_signo == SIGUSR2) {
+        agent.insertCard();
+      } else {
+        log.info(signal.ssi_signo == SIGINT ? "Ending: interrupted" : "Ending: asked to terminate");
+        return;
+      }
+    }
+  }
+
+ private:
+  static sigset_t blockedSignals() {
+    const sigset_t signals = waitedSignals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    return signals;
+  }
+
+  const sigset_t signals_;
+  const ScopedFd received_;  // readable when a signal has come
+  const ScopedFd failed_;    // readable from the first failure on
+  FailureNote failure_;
+};
+
+void tellState(bool connected) {
+  sd_notify(0, connected ? "STATUS=Connected to the driver" : "STATUS=Waiting for the driver");
+}
+
+int runAgent(const Options& options, Log& log) {
+  Endings endings;  // first: threads take the blocked signals over
+  const OnFailure onFailure = [&endings](const char* problem) { endings.failure().take(problem); };
+  const std::string path =
+      options.control.empty() ? defaultControlPaths(options.reader).front() : options.control;
+  Agent::Settings settings;
+  settings.reader = options.reader;
+  settings.sessionId = options.sessionId.empty() ? newSessionId() : options.sessionId;
+  settings.onConnection = tellState;
+  settings.onFailure = onFailure;
+
+  const std::unique_ptr<PipeClientPort> pipes = makeSystemPipeClient();
+  const std::unique_ptr<CardBackend> backend = makeBackend(options, log);
+  Agent agent(*pipes, *backend, settings, log);
+  const std::unique_ptr<ControlServer> control = openControlServer(
+      path, [&agent](const std::string& line) { return answerControl(agent, line); }, onFailure);
+  agent.start();
+  log.info(std::string("zelta-agent ") + kVersion + ": reader " + std::to_string(options.reader) +
+           ", " + backend->name() + " card, session " + settings.sessionId + ", control " + path);
+  AgentRun run(agent, onFailure);
+  tellState(false);
+  sd_notify(0, "READY=1");
+
+  endings.follow(agent, log);
+  sd_notify(0, "STOPPING=1");
+  control->removePath();
+  return run.end(endings.failure(), log);
+}
+
+}  // namespace
+
+namespace {
+
+int runWithMemory(int argc, const char* const* argv) {
+  const ParsedOptions parsed = parseOptions(argc, argv, kSignals);
+  std::cout << parsed.output << std::flush;
+  std::cerr << parsed.error << std::flush;
+  if (!parsed.options) return parsed.exitCode;
+  const Options& options = *parsed.options;
+  Log log(options.logLevel, standardErrorSink());
+  try {
+    if (options.action != Options::Action::Run) return runControl(options);
+    if (options.pin) {
+      log.warning("The PIN stands on the command line, where others can read it; use --pin-file");
+    }
+    return runAgent(options, log);
+  } catch (const std::exception& error) {
+    if (options.action != Options::Action::Run) {
+      std::cerr << "zelta-agent: " << error.what() << "\n";
+    } else {
+      log.error(error.what());
+    }
+    return kExitFailed;
+  }
+}
+
+}  // namespace
+
+int runProgram(int argc, const char* const* argv) {
+  try {
+    return runWithMemory(argc, argv);
+  } catch (const std::exception&) {
+    // What went wrong could not even be said.
+    constexpr std::string_view kText = "zelta-agent: out of memory\n";
+    const ssize_t written = write(STDERR_FILENO, kText.data(), kText.size());
+    static_cast<void>(written);
+    return kExitFailed;
+  }
+}
+
+}  // namespace zelta::agent

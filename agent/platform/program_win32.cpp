@@ -1,0 +1,95 @@
+// The program on Windows: command line, console events and the agent. There is no control socket:
+// the scripted card comes and goes as its script says.
+#include <windows.h>
+// windows.h comes first
+#include <array>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "agent/card/script_backend.h"
+#include "agent/platform/console_end_win32.h"
+#include "agent/platform/pipe_connection_win32.h"
+#include "agent/program/agent.h"
+#include "agent/program/agent_run.h"
+#include "agent/program/failure.h"
+#include "agent/program/options.h"
+#include "agent/program/program.h"
+#include "agent/program/session_id.h"
+#include "agent/program/time_stamp.h"
+#include "agent/version.h"
+
+namespace zelta::agent {
+
+namespace {
+
+constexpr char kEndings[] =
+    "On Windows only --backend script is available. Ctrl-C and Ctrl-Break end the agent.";
+
+Log::Sink standardErrorSink() {
+  return [](LogLevel level, const std::string& line) {
+    std::cerr << timeStamp() + " " + levelName(level) + ": " + line + "\n" << std::flush;
+  };
+}
+
+int runAgent(const Options& options, Log& log) {
+  const HANDLE endRequested = followConsole();
+  const ScopedHandle failed = makeEvent();
+  FailureNote failure([&failed] { SetEvent(failed.get()); });
+  const OnFailure onFailure = [&failure](const char* problem) { failure.take(problem); };
+  Agent::Settings settings;
+  settings.reader = options.reader;
+  settings.sessionId = options.sessionId.empty() ? newSessionId() : options.sessionId;
+  settings.onFailure = onFailure;
+
+  const std::unique_ptr<PipeClientPort> pipes = makeSystemPipeClient();
+  const std::unique_ptr<CardBackend> backend = makeScriptBackend(options);
+  Agent agent(*pipes, *backend, settings, log);
+  agent.start();
+  log.info(std::string("zelta-agent ") + kVersion + ": reader " + std::to_string(options.reader) +
+           ", " + backend->name() + " card, session " + settings.sessionId);
+  AgentRun run(agent, onFailure);
+  const std::array<HANDLE, 2> endings = {failed.get(), endRequested};
+  WaitForMultipleObjects(static_cast<DWORD>(endings.size()), endings.data(), FALSE, INFINITE);
+  if (failure.problem() == nullptr) log.info("Ending: interrupted");
+  return run.end(failure, log);
+}
+
+int runWithMemory(int argc, const char* const* argv) {
+  const ParsedOptions parsed = parseOptions(argc, argv, kEndings);
+  std::cout << parsed.output << std::flush;
+  std::cerr << parsed.error << std::flush;
+  if (!parsed.options) return parsed.exitCode;
+  const Options& options = *parsed.options;
+  Log log(options.logLevel, standardErrorSink());
+  try {
+    if (options.action != Options::Action::Run) {
+      throw std::runtime_error("ctl is not available on Windows");
+    }
+    if (options.backend != BackendKind::Script) {
+      throw std::runtime_error("only --backend script is available on Windows");
+    }
+    return runAgent(options, log);
+  } catch (const std::exception& error) {
+    log.error(error.what());
+    return kExitFailed;
+  }
+}
+
+}  // namespace
+
+int runProgram(int argc, const char* const* argv) {
+  try {
+    return runWithMemory(argc, argv);
+  } catch (const std::exception&) {
+    // What went wrong could not even be said.
+    constexpr std::string_view kText = "zelta-agent: out of memory\r\n";
+    DWORD written = 0;
+    WriteFile(GetStdHandle(STD_ERROR_HANDLE), kText.data(), static_cast<DWORD>(kText.size()),
+              &written, nullptr);
+    return kExitFailed;
+  }
+}
+
+}  // namespace zelta::agent

@@ -1,0 +1,100 @@
+// The agent: keeps the card and serves the driver of one reader, over any number of connections.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "agent/card/card_slot.h"
+#include "agent/link/command_threads.h"
+#include "agent/link/connector.h"
+#include "agent/link/driver_connection.h"
+#include "agent/link/pipe_client_port.h"
+#include "agent/program/failure.h"
+#include "agent/program/log.h"
+#include "contract/bytes.h"
+#include "contract/wire.h"
+#include "platform/sync/sync.h"
+
+namespace zelta::agent {
+
+// How long things may take.
+struct Timing {
+  // How long the driver waits for an answer, and the card is waited for: half a second is left for
+  // the way there and back. Also how long a pipe that is full may take to take more.
+  std::chrono::milliseconds driverLimit = kQueryTime;
+  std::chrono::milliseconds answerLimit = kAnswerTime;
+  std::chrono::milliseconds grace{500};
+  std::chrono::milliseconds firstRetry{1};
+  std::chrono::milliseconds longestRetry{1000};
+  std::chrono::milliseconds hold{10};
+};
+
+class Agent {
+ public:
+  struct Settings {
+    std::uint32_t reader = 0;
+    std::string sessionId;
+    Timing timing;
+    // Called on a thread of the agent's when the driver accepts a connection or is lost; may be
+    // empty.
+    std::function<void(bool connected)> onConnection;
+    // Called on the thread that has ended by an exception: the agent must be stopped, it serves
+    // nobody well any more.
+    OnFailure onFailure;
+  };
+
+  struct Status {
+    bool connected = false;  // the driver has accepted a connection
+    std::uint32_t reader = 0;
+    std::string sessionId;
+    std::string backend;
+    bool cardIn = false;
+    Bytes atr;  // empty where the card has not been asked yet
+  };
+
+  // Everything passed by reference outlives the agent.
+  Agent(PipeClientPort& port, CardBackend& backend, Settings settings, Log& log);
+  // Ends what `run` has left if it threw.
+  ~Agent();
+  Agent(const Agent&) = delete;
+  Agent& operator=(const Agent&) = delete;
+
+  // Starts the card; throws what the back end throws.
+  void start();
+  // Serves until `stop`. After `start`, once. May throw for lack of memory, handles or threads; the
+  // agent may be destroyed then, nothing else.
+  void run();
+  // Ends `run`, now or as soon as it is called. Any thread.
+  void stop();
+
+  // Any thread, between `start` and the end of `run`. The text says why not; empty is success.
+  std::string insertCard();
+  std::string removeCard();
+  Status status() const;
+
+ private:
+  // Makes a connection known as the one being served, for a scope.
+  class Serving;
+
+  void serve(const PipePair& pipes);
+  // A command thread has ended.
+  void fail(const char* problem);
+  bool stopping() const;
+  void setConnected(bool connected);
+
+  PipeClientPort& port_;
+  CardBackend& backend_;
+  const Settings settings_;
+  Log& log_;
+  CardSlot slot_;
+  CommandThreads threads_;
+  Connector connector_;
+  mutable platform::Mutex mutex_;
+  bool stopping_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool connected_ ZELTA_GUARDED_BY(mutex_) = false;
+  DriverConnection* connection_ ZELTA_GUARDED_BY(mutex_) = nullptr;  // the one being served
+};
+
+}  // namespace zelta::agent

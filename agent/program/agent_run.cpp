@@ -1,0 +1,38 @@
+#include "agent/program/agent_run.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+
+#include "agent/program/options.h"
+
+namespace zelta::agent {
+
+namespace {
+
+// How long a card that cannot be interrupted may hold up the end.
+constexpr std::chrono::seconds kEndLimit{2};
+
+}  // namespace
+
+AgentRun::AgentRun(Agent& agent, const OnFailure& onFailure)
+    : agent_(agent), ran_(std::async(std::launch::async, [&agent, &onFailure] {
+        guarded(onFailure, [&agent] { agent.run(); });
+      })) {}
+
+AgentRun::~AgentRun() { agent_.stop(); }
+
+int AgentRun::end(const FailureNote& failure, Log& log) {
+  agent_.stop();
+  const bool ended = ran_.wait_for(kEndLimit) == std::future_status::ready;
+  const char* problem = failure.problem();
+  if (problem != nullptr) log.error(std::string("Ending: ") + problem);
+  const int exitCode = problem == nullptr ? kExitDone : kExitFailed;
+  if (!ended) {
+    log.warning("The card does not end its command; leaving it behind");
+    std::_Exit(exitCode);
+  }
+  return exitCode;
+}
+
+}  // namespace zelta::agent

@@ -1,0 +1,187 @@
+#include "agent/program/options.h"
+
+#include <CLI/CLI.hpp>
+#include <limits>
+#include <sstream>
+
+#include "agent/program/session_id.h"
+#include "agent/version.h"
+
+namespace zelta::agent {
+
+namespace {
+
+constexpr char kDescription[] =
+    "Keeps the smart card of a virtual reader and serves the reader's driver.";
+constexpr char kExitCodes[] = "Exit codes: 0 ended as asked, 1 failure, 2 wrong usage.";
+
+template <typename Value>
+struct Named {
+  const char* name;
+  Value value;
+};
+
+constexpr Named<BackendKind> kBackends[] = {{"emulated", BackendKind::Emulated},
+                                            {"pcsc", BackendKind::Pcsc},
+                                            {"script", BackendKind::Script}};
+constexpr Named<LogLevel> kLevels[] = {{"error", LogLevel::Error},
+                                       {"warning", LogLevel::Warning},
+                                       {"info", LogLevel::Info},
+                                       {"debug", LogLevel::Debug}};
+
+template <typename Value, std::size_t kCount>
+std::vector<std::string> names(const Named<Value> (&table)[kCount]) {
+  std::vector<std::string> all;
+  for (const Named<Value>& entry : table) all.push_back(entry.name);
+  return all;
+}
+
+template <typename Value, std::size_t kCount>
+void take(const Named<Value> (&table)[kCount], const std::string& name, Value* value) {
+  for (const Named<Value>& entry : table) {
+    if (name == entry.name) *value = entry.value;
+  }
+}
+
+// What the options set beside `Options` itself.
+struct Flags {
+  bool cardInserted = false;
+  bool noCard = false;
+  bool quiet = false;
+  bool verbose = false;
+  std::string backend;
+  std::string logLevel;
+  std::string pin;
+  CLI::Option* level = nullptr;
+  CLI::App* ctl = nullptr;
+  CLI::App* insert = nullptr;
+  CLI::App* remove = nullptr;
+  CLI::App* status = nullptr;
+};
+
+std::string checkSessionId(const std::string& text) {
+  return isSessionId(text) ? "" : "'" + text + "' is not a GUID";
+}
+
+void addShared(CLI::App& app, Options& options) {
+  app.add_option("--reader", options.reader, "Index of the reader (default 0)")
+      ->check(CLI::Range(std::uint32_t{0}, std::numeric_limits<std::uint32_t>::max()))
+      ->option_text("INDEX");
+  app.add_option("--control", options.control, "Path of the control socket")->option_text("PATH");
+}
+
+void addEmulatedOptions(CLI::App& app, Options& options, Flags& flags) {
+  const std::string group = "Emulated card";
+  const std::string folder = "Folder of the NSS certificate database (default ";
+  app.add_option("--db", options.database, folder + kDefaultDatabase + ")")
+      ->option_text("FOLDER")
+      ->group(group);
+  auto* pin = app.add_option("--pin", flags.pin,
+                             "Check the card's PIN at the start (other users can see it; "
+                             "prefer --pin-file)")
+                  ->option_text("PIN")
+                  ->group(group);
+  app.add_option("--pin-file", options.pinFile, "The same, from the first line of a file")
+      ->option_text("FILE")
+      ->group(group)
+      ->excludes(pin);
+  app.add_option("--cert", options.certificates,
+                 "Nickname of a certificate on the card; repeatable, in the card's order")
+      ->option_text("NICKNAME")
+      ->group(group)
+      ->allow_extra_args(false);
+}
+
+void addCardOptions(CLI::App& app, Options& options, Flags& flags) {
+  app.add_option("--backend", flags.backend, "Where the card comes from (default emulated)")
+      ->check(CLI::IsMember(names(kBackends)))
+      ->option_text("emulated|pcsc|script");
+  auto* inserted = app.add_flag("--card-inserted", flags.cardInserted, "Start with the card in");
+  app.add_flag("--no-card", flags.noCard, "Start without the card")->excludes(inserted);
+  addEmulatedOptions(app, options, flags);
+  app.add_option("--pcsc-reader", options.pcscReader, "Name of the real reader")
+      ->option_text("NAME")
+      ->group("Real card");
+  app.add_option("--script", options.scriptFile, "File that the card answers from")
+      ->option_text("FILE")
+      ->group("Scripted card");
+}
+
+void addLogOptions(CLI::App& app, Flags& flags) {
+  flags.level = app.add_option("--log-level", flags.logLevel, "Least weight of a log line")
+                    ->check(CLI::IsMember(names(kLevels)))
+                    ->option_text("error|warning|info|debug");
+  auto* quiet = app.add_flag("-q,--quiet", flags.quiet, "Log errors only")->excludes(flags.level);
+  app.add_flag("-v,--verbose", flags.verbose, "Log everything")
+      ->excludes(flags.level)
+      ->excludes(quiet);
+}
+
+void addControl(CLI::App& app, Options& options, Flags& flags) {
+  flags.ctl = app.add_subcommand("ctl", "Talk to the running agent");
+  flags.ctl->require_subcommand(1);
+  flags.insert = flags.ctl->add_subcommand("insert", "Put the card in");
+  flags.remove = flags.ctl->add_subcommand("remove", "Pull the card");
+  flags.status = flags.ctl->add_subcommand("status", "Show what the agent is doing");
+  for (CLI::App* command : {flags.insert, flags.remove, flags.status}) {
+    addShared(*command, options);
+  }
+  flags.status->add_flag("--json", options.json, "For programs");
+}
+
+// What stands together or is missing; empty where all is well.
+std::string settle(const CLI::App& app, const Flags& flags, Options* options) {
+  if (flags.cardInserted) options->cardIn = true;
+  if (flags.noCard) options->cardIn = false;
+  take(kBackends, flags.backend, &options->backend);
+  take(kLevels, flags.logLevel, &options->logLevel);
+  if (flags.quiet) options->logLevel = LogLevel::Error;
+  if (flags.verbose) options->logLevel = LogLevel::Debug;
+  if (app.count("--pin") != 0) options->pin = flags.pin;
+  if (flags.insert->parsed()) options->action = Options::Action::CtlInsert;
+  if (flags.remove->parsed()) options->action = Options::Action::CtlRemove;
+  if (flags.status->parsed()) options->action = Options::Action::CtlStatus;
+  if (options->action != Options::Action::Run) return {};
+  const bool script = options->backend == BackendKind::Script;
+  const bool pcsc = options->backend == BackendKind::Pcsc;
+  if (script && options->scriptFile.empty()) return "--backend script needs --script FILE";
+  if (!script && !options->scriptFile.empty()) return "--script needs --backend script";
+  if (pcsc && options->pcscReader.empty()) return "--backend pcsc needs --pcsc-reader NAME";
+  if (!pcsc && !options->pcscReader.empty()) return "--pcsc-reader needs --backend pcsc";
+  if (pcsc && options->cardIn) return "--card-inserted and --no-card are not for a real card";
+  return {};
+}
+
+ParsedOptions failure(const std::string& problem) {
+  return {std::nullopt, kExitUsage, "", problem + "\nRun with --help for more information.\n"};
+}
+
+}  // namespace
+
+ParsedOptions parseOptions(int argc, const char* const* argv, const std::string& endings) {
+  Options options;
+  Flags flags;
+  CLI::App app(kDescription, "zelta-agent");
+  app.footer(endings + "\n" + kExitCodes);
+  app.set_version_flag("--version", std::string("zelta-agent ") + kVersion);
+  addShared(app, options);
+  app.add_option("--session-id", options.sessionId, "Id of the session (default a fresh one)")
+      ->check(checkSessionId)
+      ->option_text("GUID");
+  addCardOptions(app, options, flags);
+  addLogOptions(app, flags);
+  addControl(app, options, flags);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    std::ostringstream output;
+    std::ostringstream problem;
+    const bool wanted = app.exit(error, output, problem) == 0;
+    return {std::nullopt, wanted ? kExitDone : kExitUsage, output.str(), problem.str()};
+  }
+  const std::string problem = settle(app, flags, &options);
+  if (!problem.empty()) return failure(problem);
+  return {options, kExitDone, "", ""};
+}
+
+}  // namespace zelta::agent

@@ -1,0 +1,51 @@
+// The agent's command line.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "agent/program/log.h"
+
+namespace zelta::agent {
+
+enum class BackendKind { Emulated, Pcsc, Script };
+
+// Exit codes of the program.
+inline constexpr int kExitDone = 0;
+inline constexpr int kExitFailed = 1;
+inline constexpr int kExitUsage = 2;
+
+inline constexpr char kDefaultDatabase[] = "/var/lib/zelta/card";
+
+struct Options {
+  enum class Action { Run, CtlInsert, CtlRemove, CtlStatus };
+
+  Action action = Action::Run;
+  std::uint32_t reader = 0;
+  std::string control;    // empty: the default of the reader
+  std::string sessionId;  // empty: a fresh one
+  BackendKind backend = BackendKind::Emulated;
+  std::optional<bool> cardIn;  // at the start; none: as the back end has it
+  LogLevel logLevel = LogLevel::Info;
+  std::string database = kDefaultDatabase;
+  std::optional<std::string> pin;
+  std::string pinFile;
+  std::vector<std::string> certificates;
+  std::string pcscReader;
+  std::string scriptFile;
+  bool json = false;
+};
+
+struct ParsedOptions {
+  std::optional<Options> options;  // nothing: end at once
+  int exitCode = kExitDone;        // where there are no options
+  std::string output;              // for standard output: help or version
+  std::string error;               // for standard error
+};
+
+// `endings` is a line of the help: what ends the program, and what else it takes while it runs.
+ParsedOptions parseOptions(int argc, const char* const* argv, const std::string& endings);
+
+}  // namespace zelta::agent

@@ -1,0 +1,30 @@
+# Which layer may include which. A layer is a folder with everything below it; the longest name that
+# fits counts. `cmake -P cmake/CheckLayers.cmake` holds the sources to this table.
+#
+# layer: the layers whose headers it may include besides its own
+set(ZELTA_LAYERS
+  "contract:"
+  "framework:"
+  "platform:"
+  "logging:platform"
+  "diagnostics:logging platform"
+  "driver/request:diagnostics framework contract platform"
+  "reader:driver/request diagnostics contract platform"
+  "agent_link:reader driver/request diagnostics contract platform"
+  "driver/device:agent_link reader driver/request diagnostics framework contract platform"
+  "driver/module:driver/device driver/request diagnostics framework contract platform"
+  "host:framework contract platform"
+  "pcsc:host framework contract platform"
+  "agent:contract platform"
+  "tools:platform logging"
+)
+
+# Headers in angle brackets that end in .h belong to the operating system or to a library. These
+# folders may include any; the others only what the list after it names.
+set(ZELTA_SYSTEM_FOLDERS platform agent/platform tools)
+set(ZELTA_LIBRARY_HEADERS
+  "logging:fmt/.*"
+  "pcsc:ifdhandler|reader"
+  "agent/card:libcacard|nss|cert|pk11pub|prerror|secerr|winscard"
+  "agent/program:fmt/.*"
+)

@@ -1,0 +1,42 @@
+// The bytes on the agent's two pipes. Every number is an unsigned 32-bit integer, little-endian;
+// a payload is its length followed by exactly that many bytes. See docs/wire-protocol.md.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+namespace zelta {
+
+// Written by the driver on the command pipe.
+enum class AgentCommand : std::uint32_t {
+  QueryAtrReset = 0,    // answered with ATR length, ATR
+  QueryAtr = 1,         // answered with ATR length, ATR
+  QueryTransmit = 2,    // APDU length, APDU; answered with response length, response
+  NotifyCardReady = 3,  // no answer
+};
+
+// Written by the agent on the event pipe.
+enum class AgentEvent : std::uint32_t {
+  CardRemoved = 0,
+  CardInserted = 1,
+  SessionLogId = 2,  // id length, id
+};
+
+// How long the driver waits for an answer, and after how long the agent answers in the card's place
+// if the card is not done: early enough that the answer is there before the driver gives up.
+inline constexpr std::chrono::milliseconds kQueryTime{5000};
+inline constexpr std::chrono::milliseconds kAnswerTime{4500};
+static_assert(kAnswerTime < kQueryTime);
+
+inline constexpr char kPipePrefix[] = "\\\\.\\pipe\\ProtectedPrefix\\LocalService\\";
+
+inline std::string commandPipeName(std::uint32_t readerIndex) {
+  return kPipePrefix + ("zelta_smartcard_command" + std::to_string(readerIndex));
+}
+
+inline std::string eventPipeName(std::uint32_t readerIndex) {
+  return kPipePrefix + ("zelta_smartcard_event" + std::to_string(readerIndex));
+}
+
+}  // namespace zelta

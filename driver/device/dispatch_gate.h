@@ -1,0 +1,75 @@
+// Keeps I/O controls and the readers' lifetime apart: readers are made and destroyed only while
+// the gate is closed and nobody is inside.
+//
+// The framework stops I/O before it takes a device down, but not before it asks whether the device
+// may be stopped or removed, and the driver takes its readers down at that question already.
+//
+// Threads: any may pass; one at a time opens, closes and waits. The gate's mutex is held for
+// moments only and nothing else is locked under it. Whoever waits holds no lock that anybody inside
+// may need.
+#pragma once
+
+#include <cstddef>
+
+#include "platform/sync/sync.h"
+
+namespace zelta {
+
+class DispatchGate {
+ public:
+  // One thread's way through; inside until it is destroyed.
+  class Pass {
+   public:
+    explicit Pass(DispatchGate& gate) : gate_(gate), admitted_(gate.enter()) {}
+    ~Pass() {
+      if (admitted_) gate_.leave();
+    }
+    Pass(const Pass&) = delete;
+    Pass& operator=(const Pass&) = delete;
+
+    // False where the gate was closed.
+    bool admitted() const { return admitted_; }
+
+   private:
+    DispatchGate& gate_;
+    const bool admitted_;
+  };
+
+  void open() {
+    const platform::MutexLock lock(mutex_);
+    open_ = true;
+  }
+
+  // Admits nobody from now on; who is inside stays there.
+  void close() {
+    const platform::MutexLock lock(mutex_);
+    open_ = false;
+  }
+
+  // Returns when nobody is inside; for a gate that is closed. An I/O control is inside until its
+  // exchange with the agent ends, so the exchanges are ended in between.
+  void awaitEmpty() {
+    platform::MutexLock lock(mutex_);
+    left_.wait(lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return inside_ == 0; });
+  }
+
+ private:
+  bool enter() {
+    const platform::MutexLock lock(mutex_);
+    if (open_) ++inside_;
+    return open_;
+  }
+
+  void leave() {
+    const platform::MutexLock lock(mutex_);
+    --inside_;
+    if (inside_ == 0) left_.notifyAll();
+  }
+
+  platform::Mutex mutex_;
+  platform::ConditionVariable left_;
+  bool open_ ZELTA_GUARDED_BY(mutex_) = false;
+  std::size_t inside_ ZELTA_GUARDED_BY(mutex_) = 0;
+};
+
+}  // namespace zelta

@@ -1,0 +1,149 @@
+// The driver's device: publishes one smart card reader interface per reader, makes the readers when
+// the device enters its working power state, takes them down on every way out of it, and routes
+// I/O controls and cancellations to them.
+//
+// Ownership: the framework keeps the device through its callback interfaces, the queue's callback
+// object keeps it too. The device owns its readers; they live from `OnD0Entry` to the next
+// `shutDown`. It holds the framework's device from `OnPrepareHardware` to `OnReleaseHardware`.
+//
+// Threads: the framework calls `ProcessIoControl` and `OnCancel` on any threads at the same time.
+// It promises to call the power and PnP operations one at a time, but not the questions whether the
+// device may be stopped or removed, nor the news of its removal; a mutex puts them all one after
+// another. An I/O control finds the readers inside the dispatch gate, without the device lock; a
+// cancellation finds them under the device lock. They are made and destroyed under the power mutex
+// with the gate closed, and put in place under the device lock.
+//
+// Locks: the power mutex comes before all others. The device lock (recursive) is taken for every
+// completion. The gate is waited for, and readers are destroyed, without the device lock: I/O
+// controls and the readers' threads may need it. None of them takes the power mutex.
+//
+// Failures are HRESULTs and request statuses; exceptions do not leave the operations.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "driver/device/dispatch_gate.h"
+#include "driver/request/io_request.h"
+#include "driver/request/module_reference.h"
+#include "driver/request/reader_device.h"
+#include "framework/com_object.h"
+#include "framework/wdf.h"
+#include "platform/sync/critical_section.h"
+#include "reader/reader.h"
+
+namespace zelta {
+
+// Makes the reader with an index for its device; throws where it cannot be made.
+using ReaderFactory =
+    std::function<std::unique_ptr<Reader>(std::uint32_t index, ReaderDevice* device)>;
+
+// Readers whose card is at the far end of an agent.
+std::unique_ptr<Reader> createPipeReader(std::uint32_t index, ReaderDevice* device);
+
+class CMyDevice final
+    : public framework::ComObject<CMyDevice, framework::IPnpCallbackHardware,
+                                  framework::IPnpCallback, framework::IRequestCallbackCancel>,
+      public ReaderDevice {
+ public:
+  explicit CMyDevice(ReaderFactory readerFactory);
+
+  // Creates the device, registers it with the framework and publishes its interfaces. Failing to
+  // start the system's sockets or to publish an interface is logged and nothing more.
+  static framework::HRESULT CreateInstance(framework::IWDFDriver* driver,
+                                           framework::IWDFDeviceInitialize* init,
+                                           const ReaderFactory& readerFactory = createPipeReader);
+
+  framework::HRESULT ZELTA_STDMETHODCALLTYPE
+  OnPrepareHardware(framework::IWDFDevice* wdfDevice) override;
+  framework::HRESULT ZELTA_STDMETHODCALLTYPE
+  OnReleaseHardware(framework::IWDFDevice* wdfDevice) override;
+
+  framework::HRESULT ZELTA_STDMETHODCALLTYPE OnD0Entry(framework::IWDFDevice* wdfDevice,
+                                                       framework::EnumValue previous) override;
+  framework::HRESULT ZELTA_STDMETHODCALLTYPE OnD0Exit(framework::IWDFDevice* wdfDevice,
+                                                      framework::EnumValue next) override;
+  void ZELTA_STDMETHODCALLTYPE OnSurpriseRemoval(framework::IWDFDevice* wdfDevice) override;
+  framework::HRESULT ZELTA_STDMETHODCALLTYPE
+  OnQueryRemove(framework::IWDFDevice* wdfDevice) override;
+  framework::HRESULT ZELTA_STDMETHODCALLTYPE OnQueryStop(framework::IWDFDevice* wdfDevice) override;
+
+  // A request that a reader keeps waiting is cancelled.
+  void ZELTA_STDMETHODCALLTYPE OnCancel(framework::IWDFIoRequest* request) override;
+
+  // An I/O control: refuses it, or gives it to its reader's handler. The request is the handler's
+  // from then on.
+  void ProcessIoControl(framework::IWDFIoQueue* queue, framework::IWDFIoRequest* request,
+                        framework::ULONG code, framework::SIZE_T inLength,
+                        framework::SIZE_T outLength) noexcept;
+
+  platform::CriticalSection& deviceLock() override ZELTA_RETURN_CAPABILITY(deviceLock_) {
+    return deviceLock_;
+  }
+  framework::HRESULT queryInterface(framework::REFIID iid, void** out) override {
+    return QueryInterface(iid, out);
+  }
+
+ private:
+  // What a handler takes: the request and the lengths of its two buffers.
+  using Handler = void (Reader::*)(IoRequest*, std::size_t, std::size_t);
+  static Handler findHandler(std::uint32_t code);
+
+  static constexpr std::int32_t kReaderCount = 1;
+  using Readers = std::vector<std::unique_ptr<Reader>>;
+
+  static void publishInterfaces(framework::IWDFDevice& wdfDevice);
+  // One of the ways out of the working state; `announcement` is logged, null for none.
+  framework::HRESULT leaveWorkingState(const char* operation, const char* announcement)
+      ZELTA_EXCLUDES(powerMutex_);
+  // Lets no further I/O control in, ends what those inside ask of the agent and waits for them;
+  // then shuts the readers down and destroys them. The system's driver host is ended, with all of
+  // its devices, if a power, PnP or cancel callback takes longer than 60 seconds; so nothing in
+  // here may wait for an agent.
+  // Deliberate: the device stays without readers until it is created afresh, and the system's
+  // sockets are cleaned up once per call although they are started once per device.
+  void shutDown() ZELTA_REQUIRES(powerMutex_) ZELTA_EXCLUDES(deviceLock_);
+  framework::HRESULT createReaders() ZELTA_REQUIRES(powerMutex_) ZELTA_EXCLUDES(deviceLock_);
+  void addReader(std::uint32_t index) ZELTA_REQUIRES(powerMutex_) ZELTA_EXCLUDES(deviceLock_);
+  // Afterwards nobody is inside the gate, whatever an agent does or leaves undone. The readers that
+  // are there can do no exchange any more.
+  void stopDispatch() ZELTA_REQUIRES(powerMutex_) ZELTA_EXCLUDES(deviceLock_);
+  void destroyReaders() ZELTA_REQUIRES(powerMutex_) ZELTA_EXCLUDES(deviceLock_);
+  static void tellToShutDown(Reader& reader);
+
+  // The readers without the device lock. They change under both locks and with nobody inside the
+  // gate, so that either is enough to look at them; the analysis knows one lock per member.
+  const Readers& readers() const ZELTA_REQUIRES(powerMutex_) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return readers_;
+  }
+  const Readers& readers(const DispatchGate::Pass& /*admitted*/) const
+      ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return readers_;
+  }
+
+  // In my_device_io.cpp. `route` throws only while the request is neither completed nor waiting.
+  void route(IoRequest& request, std::uint32_t code, std::size_t inLength, std::size_t outLength);
+  Reader* findReader(const Readers& readers, IoRequest& request, std::uint32_t code);
+  bool getReaderInstanceId(IoRequest& request, std::uint32_t& index) noexcept;
+  // With the device lock or without: a request may be cancelled while its reader marks it.
+  void cancel(IoRequest& request) noexcept;
+  // Completes a request whose reader is not known, after taking it out of the list it may be in.
+  void cancelUnrouted(IoRequest& request) ZELTA_REQUIRES(deviceLock_);
+  void finish(IoRequest& request, framework::HRESULT status, const char* operation, int line);
+
+  // One power or PnP operation at a time.
+  platform::Mutex powerMutex_ ZELTA_ACQUIRED_BEFORE(deviceLock_);
+  platform::CriticalSection deviceLock_;
+  framework::ComPtr<framework::IWDFDevice> wdfDevice_ ZELTA_GUARDED_BY(powerMutex_);
+  Readers readers_ ZELTA_GUARDED_BY(deviceLock_);  // by reader index
+  // How many to make; none after the first shutdown.
+  std::int32_t numReaders_ ZELTA_GUARDED_BY(powerMutex_) = kReaderCount;
+
+  DispatchGate gate_;
+  const ReaderFactory readerFactory_;
+  ModuleReference module_;
+};
+
+}  // namespace zelta

@@ -1,0 +1,89 @@
+#include "driver/module/module.h"
+
+#include <exception>
+
+#include "contract/class_ids.h"
+#include "contract/status.h"
+#include "diagnostics/log_output.h"
+#include "driver/module/class_factory.h"
+#include "driver/request/entry_point.h"
+#include "driver/request/module_reference.h"
+#include "framework/com_object.h"
+#include "platform/process/never_destroyed.h"
+#include "platform/sync/sync.h"
+
+namespace zelta {
+
+namespace {
+
+using CreateFactory = framework::IClassFactory* (*)();
+
+struct ClassEntry {
+  framework::CLSID classId;
+  CreateFactory createFactory;
+};
+
+framework::IClassFactory* createDriverFactory() { return framework::createObject<ClassFactory>(); }
+
+constexpr ClassEntry kClasses[] = {{kDriverClassId, createDriverFactory}};
+
+// One question at a time whether the module may go.
+platform::NeverDestroyed<platform::Mutex> unloadMutex;
+
+framework::HRESULT answerWhetherUnused() {
+  return ModuleReference::any() ? framework::kFalse : framework::kOk;
+}
+
+// The logger's threads end here, not in a global destructor: that would run while the system holds
+// its loader lock, which an ending thread needs, and joining would wait for ever. What the entry
+// point had to say is written already; a later log call makes a new logger. False where the
+// threads may still run, and the module has to stay.
+bool endLogging() {
+  try {
+    shutDownLogging();
+  } catch (const std::exception&) {
+    return false;
+  }
+  return true;
+}
+
+framework::HRESULT findClassObject(framework::REFCLSID classId, framework::REFIID iid, void** out) {
+  if (out == nullptr) return framework::kPointer;
+  *out = nullptr;
+  for (const ClassEntry& entry : kClasses) {
+    if (entry.classId != classId) continue;
+    const auto factory = framework::ComPtr<framework::IClassFactory>::adopt(entry.createFactory());
+    if (!factory) return status::kOutOfMemory;
+    return factory->QueryInterface(iid, out);
+  }
+  return framework::kClassNotAvailable;
+}
+
+}  // namespace
+
+namespace module {
+
+framework::HRESULT getClassObject(framework::REFCLSID classId, framework::REFIID iid, void** out) {
+  return runEntryPoint("DllGetClassObject", [&] { return findClassObject(classId, iid, out); });
+}
+
+framework::HRESULT canUnload() {
+  const platform::MutexLock lock(unloadMutex.get());
+  // Deliberate: no timed section without a logger, which it would make only to be ended again.
+  if (!hasLogger()) return answerWhetherUnused();
+  const framework::HRESULT result = runEntryPoint("DllCanUnloadNow", answerWhetherUnused);
+  if (result != framework::kOk) return result;
+  return endLogging() ? framework::kOk : framework::kFalse;
+}
+
+framework::HRESULT registerServer() {
+  return runEntryPoint("DllRegisterServer", [] { return framework::kOk; });
+}
+
+framework::HRESULT unregisterServer() {
+  return runEntryPoint("DllUnregisterServer", [] { return framework::kOk; });
+}
+
+}  // namespace module
+
+}  // namespace zelta

@@ -1,0 +1,53 @@
+// Reading a request's input and answering a request with data. The answering operations always
+// complete the request, under the device lock.
+//
+// Deliberate: the result of the copy into the output is not examined. Where the output buffer is
+// smaller than the data nothing is written, and the request is still completed with success and
+// the full byte count; a caller that needs a size check makes it before.
+//
+// Failures: a missing input is a result, a missing output the request's status. std::bad_alloc
+// leaves these operations before the request is completed, never after.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "driver/request/io_request.h"
+#include "driver/request/reader_device.h"
+
+namespace zelta {
+
+// A request's input where it lies, for as long as this lives.
+class InputBytes {
+ public:
+  explicit InputBytes(IoRequest& request);
+
+  // False where the request has no input memory.
+  explicit operator bool() const { return memory_ != nullptr; }
+  const std::uint8_t* data() const { return data_; }
+  std::size_t size() const { return size_; }
+
+ private:
+  const Held<IoMemory> memory_;
+  const std::uint8_t* data_ = nullptr;
+  std::size_t size_ = 0;
+};
+
+class MemoryUtil {
+ public:
+  // The whole input; false where the request has no input memory.
+  static bool getBuffer(IoRequest& request, std::vector<std::uint8_t>& bytes);
+  // The input's first four bytes, little-endian; -1 where the request has no input memory. The
+  // input's size is not looked at: the caller has made sure of four bytes.
+  static std::int32_t getInt(IoRequest& request);
+
+  static void setBuffer(ReaderDevice& device, IoRequest& request,
+                        const std::vector<std::uint8_t>& bytes);
+  // Four bytes, little-endian.
+  static void setInt(ReaderDevice& device, IoRequest& request, std::uint32_t value);
+  // The characters and a terminating zero byte.
+  static void setString(ReaderDevice& device, IoRequest& request, const std::string& text);
+};
+
+}  // namespace zelta

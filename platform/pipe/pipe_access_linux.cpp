@@ -1,0 +1,149 @@
+#include "platform/pipe/pipe_access_linux.h"
+
+#include <grp.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace zelta::platform {
+
+namespace {
+
+constexpr char kServiceGroup[] = "zelta";
+constexpr char kNobodyUser[] = "nobody";
+// Where the data base does not name nobody: the kernel's own number for users it cannot map.
+constexpr uid_t kOverflowUser = 65534;
+constexpr uid_t kRoot = 0;
+// A user that is no account of the system; what is open to it is open to everyone.
+constexpr uid_t kStranger = static_cast<uid_t>(-2);
+
+constexpr mode_t kOwnerSocket = 0600;
+constexpr mode_t kGroupSocket = 0060;
+constexpr mode_t kOtherSocket = 0006;
+constexpr mode_t kOwnerFolder = 0700;
+constexpr mode_t kGroupFolder = 0050;
+constexpr mode_t kOtherFolder = 0005;
+
+constexpr std::size_t kFirstBuffer = 1024;
+constexpr std::size_t kLargestBuffer = 1024 * 1024;
+
+// Calls a data base's reentrant lookup with a growing buffer. `lookup` gets buffer and size and
+// returns the error number.
+template <typename Lookup>
+void lookUp(Lookup lookup) {
+  std::vector<char> buffer(kFirstBuffer);
+  while (lookup(buffer.data(), buffer.size()) == ERANGE && buffer.size() < kLargestBuffer) {
+    buffer.resize(buffer.size() * 2);
+  }
+}
+
+std::optional<gid_t> groupNamed(const char* name) {
+  std::optional<gid_t> found;
+  lookUp([&](char* buffer, std::size_t size) {
+    group entry{};
+    group* result = nullptr;
+    const int error = getgrnam_r(name, &entry, buffer, size, &result);
+    if (result != nullptr) found = entry.gr_gid;
+    return error;
+  });
+  return found;
+}
+
+std::optional<uid_t> userNamed(const char* name) {
+  std::optional<uid_t> found;
+  lookUp([&](char* buffer, std::size_t size) {
+    passwd entry{};
+    passwd* result = nullptr;
+    const int error = getpwnam_r(name, &entry, buffer, size, &result);
+    if (result != nullptr) found = entry.pw_uid;
+    return error;
+  });
+  return found;
+}
+
+}  // namespace
+
+PipeAccounts systemPipeAccounts() {
+  PipeAccounts accounts;
+  accounts.self = geteuid();
+  accounts.service = groupNamed(kServiceGroup);
+  accounts.nobody = userNamed(kNobodyUser).value_or(kOverflowUser);
+  return accounts;
+}
+
+bool peerIdentity(int socket, PeerIdentity* out) {
+  ucred credentials{};
+  socklen_t size = sizeof(credentials);
+  if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return false;
+
+  std::vector<gid_t> groups;
+  size = 0;
+  int result = getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, nullptr, &size);
+  if (result != 0 && errno == ERANGE) {
+    groups.resize(size / sizeof(gid_t));
+    result = getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size);
+  }
+  if (result != 0) return false;
+  groups.push_back(credentials.gid);
+  out->user = credentials.uid;
+  out->groups = std::move(groups);
+  return true;
+}
+
+PipeAccess::PipeAccess(std::vector<AccessEntry> entries, PipeAccounts accounts)
+    : entries_(std::move(entries)),
+      accounts_(accounts),
+      socketMode_(kOwnerSocket),
+      folderMode_(kOwnerFolder) {
+  if (accounts_.service && admits({kStranger, {*accounts_.service}})) {
+    group_ = accounts_.service;
+    socketMode_ |= kGroupSocket;
+    folderMode_ |= kGroupFolder;
+  }
+  if (admits({kStranger, {}})) {
+    socketMode_ |= kGroupSocket | kOtherSocket;
+    folderMode_ |= kGroupFolder | kOtherFolder;
+  }
+}
+
+bool PipeAccess::admits(const PeerIdentity& peer) const {
+  bool read = false;
+  bool write = false;
+  for (const AccessEntry& entry : entries_) {
+    if (!applies(entry.trustee, peer)) continue;
+    if (entry.allow) {
+      read = read || entry.read;
+      write = write || entry.write;
+    } else if ((entry.read && !read) || (entry.write && !write)) {
+      return false;
+    }
+    if (read && write) return true;
+  }
+  return false;
+}
+
+bool PipeAccess::applies(Trustee trustee, const PeerIdentity& peer) const {
+  switch (trustee) {
+    case Trustee::System:
+    case Trustee::Administrators:
+      return peer.user == kRoot;
+    case Trustee::LocalService:
+      return peer.user == accounts_.self ||
+             (accounts_.service && std::find(peer.groups.begin(), peer.groups.end(),
+                                             *accounts_.service) != peer.groups.end());
+    case Trustee::Owner:
+      return peer.user == accounts_.self;
+    case Trustee::Guests:
+    case Trustee::Anonymous:
+      return peer.user == accounts_.nobody;
+    case Trustee::Everyone:
+      return true;
+  }
+  return false;
+}
+
+}  // namespace zelta::platform

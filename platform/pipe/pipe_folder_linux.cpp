@@ -1,0 +1,93 @@
+#include "platform/pipe/pipe_folder_linux.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+
+#include "platform/process/errno_linux.h"
+#include "platform/process/error.h"
+
+namespace zelta::platform {
+
+namespace {
+
+constexpr int kPass = O_PATH | O_DIRECTORY | O_CLOEXEC;
+constexpr int kOpen = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+// What a folder is made with until its group is set.
+constexpr mode_t kPrivateFolder = 0700;
+
+// Makes one folder and sets its access; no error where another process was faster.
+bool makeFolder(int parent, const char* name, const PipeAccess& access) {
+  if (mkdirat(parent, name, kPrivateFolder) != 0) return errno == EEXIST;
+  const ScopedFd made(openat(parent, name, kOpen | O_NOFOLLOW));
+  if (!made) return false;
+  return fchmod(made.get(), giveToGroup(made.get(), "", access, access.folderMode())) == 0;
+}
+
+ScopedFd enter(int parent, const char* name, int flags, const PipeAccess* access) {
+  ScopedFd entered(openat(parent, name, flags));
+  if (entered || errno != ENOENT || access == nullptr) return entered;
+  if (!makeFolder(parent, name, *access)) return ScopedFd();
+  return ScopedFd(openat(parent, name, flags));
+}
+
+// A folder's own name; false where it is longer than the system allows.
+bool copyName(std::string_view name, std::array<char, NAME_MAX + 1>* out) {
+  if (name.size() > NAME_MAX) {
+    errno = ENAMETOOLONG;
+    return false;
+  }
+  out->fill('\0');
+  name.copy(out->data(), NAME_MAX);
+  return true;
+}
+
+}  // namespace
+
+std::uint32_t openFolder(std::string_view path, const PipeAccess* access, ScopedFd* out) {
+  std::array<char, NAME_MAX + 1> name;
+  ScopedFd folder(open("/", kPass));
+  std::size_t start = path.find_first_not_of('/');
+  while (folder && start != std::string_view::npos) {
+    const std::size_t end = path.find('/', start);
+    const std::size_t next = path.find_first_not_of('/', end);
+    const int flags = next == std::string_view::npos ? kOpen : kPass;
+    if (!copyName(path.substr(start, end - start), &name)) return errorFromErrno(errno);
+    folder = enter(folder.get(), name.data(), flags, access);
+    start = next;
+  }
+  if (!folder) return errorFromErrno(errno);
+  *out = std::move(folder);
+  return error::kSuccess;
+}
+
+mode_t giveToGroup(int descriptor, const char* name, const PipeAccess& access, mode_t mode) {
+  constexpr uid_t kSameUser = static_cast<uid_t>(-1);
+  if (!access.group()) return mode;
+  const int flags = AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH;
+  if (fchownat(descriptor, name, kSameUser, *access.group(), flags) == 0) return mode;
+  // Only members of a group and root may give a file to it. The file's own group must not get in
+  // instead of it, unless everyone may.
+  return (mode & S_IRWXO) != 0 ? mode : mode & ~static_cast<mode_t>(S_IRWXG);
+}
+
+FolderLock::FolderLock(int folder) : folder_(folder) {
+  int result = 0;
+  do {
+    result = flock(folder_, LOCK_EX);
+  } while (result != 0 && errno == EINTR);
+  held_ = result == 0;
+}
+
+FolderLock::~FolderLock() {
+  const int kept = errno;
+  // By name: a process forked meanwhile has the descriptor, too, and would keep the lock.
+  if (held_) flock(folder_, LOCK_UN);
+  errno = kept;
+}
+
+}  // namespace zelta::platform

@@ -1,0 +1,198 @@
+// Named pipes as UNIX stream sockets: the table of handles and what a call needs of it.
+#include "platform/pipe/pipe.h"
+
+#include <exception>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "platform/pipe/pipe_end_linux.h"
+#include "platform/pipe/pipe_path.h"
+#include "platform/pipe/sddl.h"
+#include "platform/process/error.h"
+#include "platform/process/never_destroyed.h"
+#include "platform/sync/sync.h"
+
+namespace zelta::platform {
+
+namespace {
+
+using Entries = std::vector<AccessEntry>;
+
+// Numbers of handles lie this far apart, as the system's do elsewhere.
+constexpr std::uintptr_t kHandleStep = 4;
+
+// What a pipe without a security descriptor admits: its maker and the system.
+Entries defaultEntries() {
+  return {{true, Trustee::Owner, true, true}, {true, Trustee::System, true, true}};
+}
+
+bool succeed(std::uint32_t error) {
+  if (error != error::kSuccess) setLastError(error);
+  return error == error::kSuccess;
+}
+
+// A handle is a number that is never given out twice, so that one that was closed is told from
+// every other. Descriptors are never freed; each text has one, however often it is converted.
+class LinuxPipes final : public PipeApi {
+ public:
+  bool convertSecurityDescriptor(const std::string& sddl, SecurityDescriptor* out) override {
+    return guarded([&] {
+      Entries entries;
+      if (const std::uint32_t error = parseSddl(sddl, &entries)) return error;
+      auto made = std::make_unique<Entries>(std::move(entries));
+      MutexLock lock(mutex_);
+      *out = descriptors_.try_emplace(sddl, std::move(made)).first->second.get();
+      return error::kSuccess;
+    });
+  }
+
+  PipeHandleValue create(const std::string& name, const PipeArguments& arguments) override {
+    PipeHandleValue handle = invalidPipe();
+    guarded([&] { return makePipe(name, arguments, &handle); });
+    return handle;
+  }
+
+  bool connect(PipeHandleValue pipe) override {
+    return call(pipe, [](PipeEnd& end) { return end.connect(); });
+  }
+
+  bool disconnect(PipeHandleValue pipe) override {
+    return call(pipe, [](PipeEnd& end) { return end.disconnect(); });
+  }
+
+  bool cancel(PipeHandleValue pipe) override {
+    return call(pipe, [](PipeEnd& end) { return end.cancel(); });
+  }
+
+  bool read(PipeHandleValue pipe, void* data, std::uint32_t size) override {
+    return call(pipe, [&](PipeEnd& end) { return end.read(data, size); });
+  }
+
+  bool write(PipeHandleValue pipe, const void* data, std::uint32_t size) override {
+    return call(pipe, [&](PipeEnd& end) { return end.write(data, size); });
+  }
+
+  bool flush(PipeHandleValue pipe) override {
+    return call(pipe, [](PipeEnd& end) { return end.flush(); });
+  }
+
+  bool close(PipeHandleValue pipe) override {
+    return guarded([&] {
+      std::unique_ptr<Pipe> closing;  // goes when the table is free again
+      MutexLock lock(mutex_);
+      const auto found = pipes_.find(pipe);
+      if (found == pipes_.end()) return error::kInvalidHandle;
+      closing = std::move(found->second);
+      pipes_.erase(found);
+      lock.unlock();
+      closing->end.close();
+      lock.lock();
+      left_.wait(lock, [&] { return closing->calls == 0; });
+      return error::kSuccess;
+    });
+  }
+
+ private:
+  struct Pipe {
+    Pipe(std::string path, PipeAccess access) : end(std::move(path), std::move(access)) {}
+    PipeEnd end;
+    // Under way on the end, which lives until they have left. Guarded by the table's mutex.
+    int calls = 0;
+  };
+
+  // A call's stay on the pipe of a handle.
+  class Visit {
+   public:
+    Visit(LinuxPipes& pipes, PipeHandleValue handle) : pipes_(pipes) {
+      const MutexLock lock(pipes_.mutex_);
+      const auto found = pipes_.pipes_.find(handle);
+      if (found == pipes_.pipes_.end()) return;
+      pipe_ = found->second.get();
+      ++pipe_->calls;
+    }
+    ~Visit() {
+      if (pipe_ == nullptr) return;
+      const MutexLock lock(pipes_.mutex_);
+      if (--pipe_->calls == 0) pipes_.left_.notifyAll();
+    }
+    Visit(const Visit&) = delete;
+    Visit& operator=(const Visit&) = delete;
+
+    // Null where the handle is no pipe's.
+    Pipe* pipe() const { return pipe_; }
+
+   private:
+    LinuxPipes& pipes_;
+    Pipe* pipe_ = nullptr;
+  };
+
+  // Exceptions (of memory that ran out) end here.
+  template <typename Call>
+  static bool guarded(Call body) {
+    try {
+      return succeed(body());
+    } catch (const std::exception&) {
+      return succeed(error::kNotEnoughMemory);
+    }
+  }
+
+  template <typename Call>
+  bool call(PipeHandleValue pipe, Call body) {
+    return guarded([&] {
+      const Visit visit(*this, pipe);
+      return visit.pipe() == nullptr ? error::kInvalidHandle : body(visit.pipe()->end);
+    });
+  }
+
+  std::uint32_t makePipe(const std::string& name, const PipeArguments& arguments,
+                         PipeHandleValue* handle) {
+    const std::string path = pipeSocketPath(name);
+    if (path.empty()) return error::kInvalidName;
+    Entries entries;
+    if (!entriesOf(arguments.securityDescriptor, &entries)) {
+      return error::kInvalidSecurityDescriptor;
+    }
+    auto pipe = std::make_unique<Pipe>(std::filesystem::absolute(path).string(),
+                                       PipeAccess(std::move(entries), systemPipeAccounts()));
+    if (const std::uint32_t error = pipe->end.open()) return error;
+    const MutexLock lock(mutex_);
+    lastHandle_ += kHandleStep;
+    const auto made = reinterpret_cast<PipeHandleValue>(lastHandle_);
+    // Where it throws, the pipe goes, and its place with it.
+    pipes_.emplace(made, std::move(pipe));
+    *handle = made;
+    return error::kSuccess;
+  }
+
+  bool entriesOf(SecurityDescriptor descriptor, Entries* entries) {
+    if (descriptor == nullptr) {
+      *entries = defaultEntries();
+      return true;
+    }
+    MutexLock lock(mutex_);
+    for (const auto& known : descriptors_) {
+      if (known.second.get() != descriptor) continue;
+      *entries = *known.second;
+      return true;
+    }
+    return false;
+  }
+
+  Mutex mutex_;
+  ConditionVariable left_;  // the last call under way on a pipe
+  std::uintptr_t lastHandle_ ZELTA_GUARDED_BY(mutex_) = 0;
+  std::map<PipeHandleValue, std::unique_ptr<Pipe>> pipes_ ZELTA_GUARDED_BY(mutex_);
+  std::map<std::string, std::unique_ptr<Entries>> descriptors_ ZELTA_GUARDED_BY(mutex_);
+};
+
+}  // namespace
+
+PipeApi& systemPipes() {
+  static NeverDestroyed<LinuxPipes> pipes;
+  return pipes.get();
+}
+
+}  // namespace zelta::platform

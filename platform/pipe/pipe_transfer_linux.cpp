@@ -1,0 +1,112 @@
+// Moving bytes through a pipe end, and waiting until they have been read.
+#include <linux/sockios.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+
+#include "platform/pipe/pipe_end_linux.h"
+#include "platform/process/errno_linux.h"
+#include "platform/process/error.h"
+
+namespace zelta::platform {
+
+namespace {
+
+// The kernel's count of what the peer has not read is in whole buffers, and each buffer counts
+// some hundred bytes of its own on top. One that the peer has just read counts 1 until it is
+// freed, and the kernel wakes waiters before it takes that last 1 off and not again. So a small
+// rest means that everything was read, and waiting for 0 could wait for ever.
+constexpr int kLessThanABuffer = 256;
+
+// How far a client is with what was written to it.
+enum class Progress {
+  Reading,  // it has not read everything
+  Done,     // it has
+  Left,     // it has gone; it left nothing unread that the kernel still knows of
+  Lost      // it has gone with bytes unread
+};
+
+// The count is asked for first: a peer that closes with bytes unread reports the loss before the
+// bytes vanish from the count, and a small count alone does not tell it from one that has read.
+Progress progressOf(int client, bool hungUp) {
+  int unread = 0;
+  if (ioctl(client, SIOCOUTQ, &unread) != 0) return Progress::Lost;
+  if (unread >= kLessThanABuffer) return hungUp ? Progress::Lost : Progress::Reading;
+  pollfd state{client, 0, 0};
+  poll(&state, 1, 0);
+  if ((state.revents & POLLERR) != 0) return Progress::Lost;
+  return (state.revents & POLLHUP) != 0 ? Progress::Left : Progress::Done;
+}
+
+// Edge-triggered, the kernel reports writability anew each time the peer has finished a buffer,
+// as long as the socket is writable then; when the last buffer is finished it always is. An edge
+// that nobody has taken stays, so what happens before this sleeps is not missed. Returns whether
+// the client has hung up.
+bool sleepUntilChanged(int poller) {
+  epoll_event events[2] = {};
+  const int count = epoll_wait(poller, events, std::size(events), -1);
+  if (count < 0) return errno != EINTR;
+  return std::any_of(events, events + count, [](const epoll_event& event) {
+    return (event.events & (EPOLLHUP | EPOLLERR)) != 0;
+  });
+}
+
+}  // namespace
+
+std::uint32_t PipeEnd::readAll(const Operation& operation, std::uint8_t* data, std::size_t size) {
+  while (size > 0) {
+    const ssize_t count = recv(operation.client, data, size, MSG_DONTWAIT);
+    if (count > 0) {
+      data += count;
+      size -= static_cast<std::size_t>(count);
+      continue;
+    }
+    if (count == 0) return ended(operation, error::kBrokenPipe);
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN) return failed(operation, errno);
+    if (const std::uint32_t error = sleep(operation, operation.client, POLLIN)) return error;
+  }
+  return error::kSuccess;
+}
+
+std::uint32_t PipeEnd::writeAll(const Operation& operation, const std::uint8_t* data,
+                                std::size_t size) {
+  while (size > 0) {
+    const ssize_t count = send(operation.client, data, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (count >= 0) {
+      data += count;
+      size -= static_cast<std::size_t>(count);
+      continue;
+    }
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN) return failed(operation, errno);
+    if (const std::uint32_t error = sleep(operation, operation.client, POLLOUT)) return error;
+  }
+  return error::kSuccess;
+}
+
+std::uint32_t PipeEnd::waitUntilRead(const Operation& operation) {
+  bool hungUp = false;
+  for (;;) {
+    switch (progressOf(operation.client, hungUp)) {
+      case Progress::Done:
+        return error::kSuccess;
+      case Progress::Left:
+        return left(operation);
+      case Progress::Lost:
+        return lost(operation);
+      case Progress::Reading:
+        break;
+    }
+    if (const std::uint32_t error = prepareToSleep(operation)) return error;
+    hungUp = sleepUntilChanged(poller_.get()) || hungUp;
+    if (const std::uint32_t error = ended(operation, error::kSuccess)) return error;
+  }
+}
+
+}  // namespace zelta::platform

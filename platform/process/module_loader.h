@@ -1,0 +1,42 @@
+// Loading a shared module (a dynamic library) into the process by its path.
+//
+// Any thread may call; `closeModule` must not overlap a use of what the module gave, nor run while
+// code of the module does. Failures are told in the system's own words.
+#pragma once
+
+#include <memory>
+#include <string>
+
+namespace zelta::platform {
+
+using ModuleHandle = void*;  // null is none
+
+// Loads the module with everything it needs and runs its initialisers. Its symbols are not offered
+// to other modules. `path` is UTF-8. Null on failure, with the reason in `errorText`.
+ModuleHandle openModule(const std::string& path, std::string* errorText);
+
+// The address of an exported function or datum; null where the module exports none of that name.
+void* moduleSymbol(ModuleHandle module, const char* name);
+
+// Opens the module that has `address`, of its code or data, once more: it stays mapped until that
+// handle is closed, whatever becomes of the others. Null if it is the program itself, which stays
+// anyway, and on failure.
+ModuleHandle openModuleOf(const void* address);
+
+// The path of the file that `address` was loaded from; empty if the system does not say. Linux
+// only.
+std::string pathOfModule(const void* address);
+
+// Gives the handle up. The module is unmapped, after its own tear-down, unless someone else in
+// the process has it open. False on failure, with the reason in `errorText`.
+bool closeModule(ModuleHandle module, std::string* errorText);
+
+struct ModuleCloser {
+  void operator()(void* module) const {
+    std::string errorText;  // there is nobody to tell
+    closeModule(module, &errorText);
+  }
+};
+using ScopedModule = std::unique_ptr<void, ModuleCloser>;
+
+}  // namespace zelta::platform

@@ -1,0 +1,246 @@
+#include "platform/registry/registry_file.h"
+
+#include <algorithm>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "platform/files/utf.h"
+#include "platform/registry/registry.h"
+
+namespace zelta::platform {
+
+namespace {
+
+using Text = std::u16string_view;
+
+constexpr Text kHeader = u"Windows Registry Editor Version 5.00";
+constexpr Text kBlanks = u" \t\r";
+constexpr std::size_t kMaxNumberDigits = 8;
+constexpr std::size_t kMaxByteDigits = 2;
+
+Text trimmed(Text text) {
+  const std::size_t first = text.find_first_not_of(kBlanks);
+  if (first == Text::npos) return {};
+  return text.substr(first, text.find_last_not_of(kBlanks) + 1 - first);
+}
+
+// Whether only a comment follows, if anything.
+bool isEnd(Text text) {
+  text = trimmed(text);
+  return text.empty() || text.front() == u';';
+}
+
+// The take functions move `text` past what they take.
+
+bool takeUnit(char16_t unit, Text* text) {
+  if (text->empty() || text->front() != unit) return false;
+  text->remove_prefix(1);
+  return true;
+}
+
+bool takePrefix(Text folded, Text* text) {
+  if (foldName(text->substr(0, folded.size())) != folded) return false;
+  text->remove_prefix(folded.size());
+  return true;
+}
+
+// One to `most` hexadecimal digits.
+std::optional<std::uint32_t> takeNumber(std::size_t most, Text* text) {
+  constexpr Text digits = u"0123456789abcdefABCDEF";
+  std::uint32_t number = 0;
+  std::size_t count = 0;
+  for (; count < std::min(most, text->size()); ++count) {
+    const std::size_t digit = digits.find((*text)[count]);
+    if (digit == Text::npos) break;
+    number = number << 4 | static_cast<std::uint32_t>(digit < 16 ? digit : digit - 6);
+  }
+  if (count == 0) return std::nullopt;
+  text->remove_prefix(count);
+  return number;
+}
+
+// A text in quotation marks, with \\ and \" for the two that need it; without it `text` may be
+// anywhere afterwards.
+std::optional<std::u16string> takeQuoted(Text* text) {
+  if (!takeUnit(u'"', text)) return std::nullopt;
+  std::u16string out;
+  while (!text->empty()) {
+    if (takeUnit(u'"', text)) return out;
+    const bool escaped = takeUnit(u'\\', text);
+    if (escaped && (text->empty() || Text(u"\\\"").find(text->front()) == Text::npos)) break;
+    out.push_back(text->front());
+    text->remove_prefix(1);
+  }
+  return std::nullopt;
+}
+
+// What follows "hex".
+std::optional<RegistryValue> hexValueOf(Text text) {
+  RegistryValue value;
+  value.type = kRegBinary;
+  if (takeUnit(u'(', &text)) {
+    const std::optional<std::uint32_t> type = takeNumber(kMaxNumberDigits, &text);
+    if (!type || !takeUnit(u')', &text)) return std::nullopt;
+    value.type = *type;
+  }
+  if (!takeUnit(u':', &text)) return std::nullopt;
+  while (!isEnd(text)) {
+    text = trimmed(text);
+    const std::optional<std::uint32_t> byte = takeNumber(kMaxByteDigits, &text);
+    if (!byte) return std::nullopt;
+    value.data.push_back(static_cast<std::uint8_t>(*byte));
+    text = trimmed(text);
+    if (!takeUnit(u',', &text) && !isEnd(text)) return std::nullopt;
+  }
+  return value;
+}
+
+// What follows a value's name and equals sign.
+std::optional<RegistryValue> valueOf(Text text) {
+  if (!text.empty() && text.front() == u'"') {
+    const std::optional<std::u16string> quoted = takeQuoted(&text);
+    if (!quoted || !isEnd(text)) return std::nullopt;
+    return RegistryValue{kRegSz, registryText(*quoted)};
+  }
+  if (takePrefix(u"dword:", &text)) {
+    text = trimmed(text);
+    const std::optional<std::uint32_t> number = takeNumber(kMaxNumberDigits, &text);
+    if (!number || !isEnd(text)) return std::nullopt;
+    return RegistryValue{kRegDword, registryDword(*number)};
+  }
+  return takePrefix(u"hex", &text) ? hexValueOf(text) : std::nullopt;
+}
+
+std::u16string decodeUtf16(std::string_view bytes, bool bigEndian) {
+  std::u16string out;
+  out.reserve(bytes.size() / 2);
+  for (std::size_t at = 0; at + 1 < bytes.size(); at += 2) {
+    const auto first = static_cast<unsigned char>(bytes[at]);
+    const auto second = static_cast<unsigned char>(bytes[at + 1]);
+    out.push_back(static_cast<char16_t>(bigEndian ? first << 8 | second : second << 8 | first));
+  }
+  return out;
+}
+
+std::u16string decode(std::string_view bytes) {
+  if (bytes.substr(0, 2) == "\xFF\xFE") return decodeUtf16(bytes.substr(2), false);
+  if (bytes.substr(0, 2) == "\xFE\xFF") return decodeUtf16(bytes.substr(2), true);
+  return utf16FromUtf8(bytes.substr(0, 3) == "\xEF\xBB\xBF" ? bytes.substr(3) : bytes);
+}
+
+class Parser {
+ public:
+  explicit Parser(Text text) : rest_(text) {}
+
+  RegistryContent parse(const OnSkippedLine& onSkipped) {
+    while (takeLine()) {
+      if (!parseLine()) onSkipped(number_, line_);
+    }
+    return std::move(content_);
+  }
+
+ private:
+  bool takeLine();
+  Text takePhysicalLine();
+  bool continues() const;
+
+  // Whether they have understood it.
+  bool parseLine();
+  bool parseSection(Text text);
+  bool openSection(Text path, bool deletes);
+  bool parseValue(Text text);
+
+  Text rest_;
+  std::size_t physicalLines_ = 0;  // taken so far
+  std::u16string line_;            // with the lines that continue it
+  std::size_t number_ = 0;
+  RegistryContent content_;
+  RegistryValues* values_ = nullptr;  // in `content_`: the current key's; null before the first
+  bool ignoring_ = false;             // values go nowhere, and that is not mentioned
+};
+
+bool Parser::takeLine() {
+  if (rest_.empty()) return false;
+  line_ = takePhysicalLine();
+  number_ = physicalLines_;
+  while (!line_.empty() && line_.back() == u'\\' && continues()) {
+    line_.pop_back();
+    line_ += takePhysicalLine();
+  }
+  return true;
+}
+
+Text Parser::takePhysicalLine() {
+  const Text line = rest_.substr(0, rest_.find(u'\n'));
+  rest_.remove_prefix(std::min(line.size() + 1, rest_.size()));
+  ++physicalLines_;
+  return trimmed(line);
+}
+
+// Whether a line that ends in a backslash goes on with what follows. What begins something else is
+// left alone, so that it stands even if the value before it is unfinished.
+bool Parser::continues() const {
+  const std::size_t first = rest_.find_first_not_of(kBlanks);
+  return first != Text::npos && Text(u"[\"@;\n").find(rest_[first]) == Text::npos;
+}
+
+bool Parser::parseLine() {
+  if (line_.empty() || line_.front() == u';') return true;
+  const bool sound = line_.find(u'\0') == Text::npos;
+  if (line_.front() == u'[') {
+    ignoring_ = true;
+    return sound && parseSection(line_);
+  }
+  if (ignoring_ || line_ == kHeader) return true;
+  return sound && values_ != nullptr && parseValue(line_);
+}
+
+// The name may hold brackets itself: the section ends with the first that nothing follows.
+bool Parser::parseSection(Text text) {
+  text.remove_prefix(1);
+  const bool deletes = takeUnit(u'-', &text);
+  for (std::size_t end = text.find(u']'); end != Text::npos; end = text.find(u']', end + 1)) {
+    if (isEnd(text.substr(end + 1))) return openSection(text.substr(0, end), deletes);
+  }
+  return false;
+}
+
+bool Parser::openSection(Text path, bool deletes) {
+  const std::size_t rootEnd = std::min(path.find(u'\\'), path.size());
+  const std::u16string root = foldName(path.substr(0, rootEnd));
+  if (root != u"hkey_local_machine" && root != u"hklm") return root.rfind(u"hkey_", 0) == 0;
+  if (path.find(u"\\\\") != Text::npos) return false;  // an empty name
+  path.remove_prefix(std::min(rootEnd + 1, path.size()));
+  if (deletes) {
+    content_.deleteKey(path);
+  } else {
+    values_ = &content_.createKey(path);
+    ignoring_ = false;
+  }
+  return true;
+}
+
+bool Parser::parseValue(Text text) {
+  const bool isDefault = takeUnit(u'@', &text);
+  const std::optional<std::u16string> name = isDefault ? std::u16string() : takeQuoted(&text);
+  text = trimmed(text);
+  if (!name || !takeUnit(u'=', &text)) return false;
+  text = trimmed(text);
+  if (takeUnit(u'-', &text)) {
+    if (isEnd(text)) values_->erase(foldName(*name));
+    return isEnd(text);
+  }
+  std::optional<RegistryValue> value = valueOf(text);
+  if (value) (*values_)[foldName(*name)] = std::move(*value);
+  return value.has_value();
+}
+
+}  // namespace
+
+RegistryContent parseRegistryFile(std::string_view bytes, const OnSkippedLine& onSkipped) {
+  const std::u16string text = decode(bytes);
+  return Parser(text).parse(onSkipped);
+}
+
+}  // namespace zelta::platform

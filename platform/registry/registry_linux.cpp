@@ -1,0 +1,241 @@
+#include "platform/registry/registry_linux.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "platform/files/scoped_fd_linux.h"
+#include "platform/process/error.h"
+#include "platform/process/never_destroyed.h"
+#include "platform/registry/registry_file.h"
+#include "platform/sync/event_linux.h"
+
+namespace zelta::platform {
+
+namespace {
+
+constexpr std::size_t kLargestFile = 1024 * 1024;  // bytes
+constexpr std::size_t kChunk = 4096;               // bytes
+constexpr std::size_t kDwordSize = 4;              // bytes
+
+[[noreturn]] void fail(int error) { throw std::system_error(error, std::generic_category()); }
+
+// As it is at the moment. Throws std::system_error.
+std::string readFile(const std::string& path) {
+  // Without blocking: a pipe in the file's place must not stop the driver.
+  const ScopedFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (!file) fail(errno);
+  std::string bytes;
+  std::array<char, kChunk> chunk;
+  for (;;) {
+    const ssize_t count = read(file.get(), chunk.data(), chunk.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) fail(errno);
+    if (count == 0) return bytes;
+    bytes.append(chunk.data(), static_cast<std::size_t>(count));
+    if (bytes.size() > kLargestFile) fail(EFBIG);
+  }
+}
+
+// Whether it is the system that lacks the means, rather than the file that cannot be read.
+bool isShortage(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO;
+}
+
+}  // namespace
+
+struct FileRegistry::OpenKey {
+  ~OpenKey() {
+    if (!watcher.joinable()) return;
+    eventfd_write(stop.get(), 1);
+    watcher.join();
+  }
+
+  std::string file;
+  std::u16string path;
+  RegistryContent baseline;  // what the last notification, or the opening, has taken note of
+  bool changed = false;      // something else was seen since then
+  ScopedFd pending;          // the event to signal
+  ScopedFd stop;
+  std::thread watcher;
+};
+
+FileRegistry::FileRegistry(std::function<std::string()> path,
+                           std::function<void(const std::string&)> report)
+    : path_(std::move(path)), report_(std::move(report)) {}
+
+FileRegistry::~FileRegistry() = default;
+
+std::uint32_t FileRegistry::getDword(const std::u16string& key, const std::u16string& value,
+                                     std::uint32_t* out) try {
+  const RegistryContent now = read(path_());
+  const RegistryValue* found = now.find(key, value);
+  if (found == nullptr) return error::kFileNotFound;
+  if (found->type != kRegDword) return error::kUnsupportedType;
+  if (found->data.size() != kDwordSize) return error::kInvalidData;
+  *out = 0;
+  for (std::size_t i = kDwordSize; i > 0; --i) *out = *out << 8 | found->data[i - 1];
+  return error::kSuccess;
+} catch (const std::exception&) {
+  return error::kNotEnoughMemory;
+}
+
+std::uint32_t FileRegistry::openKey(const std::u16string& key, RegistryKey* out) try {
+  *out = nullptr;
+  auto opened = std::make_unique<OpenKey>();
+  opened->file = std::filesystem::absolute(path_());
+  opened->path = key;
+  opened->baseline = read(opened->file);
+  if (!opened->baseline.hasKey(key)) return error::kFileNotFound;
+  MutexLock lock(mutex_);
+  keys_.emplace(lastKey_ + 1, std::move(opened));
+  *out = reinterpret_cast<RegistryKey>(++lastKey_);
+  return error::kSuccess;
+} catch (const std::exception&) {
+  return error::kNotEnoughMemory;
+}
+
+std::uint32_t FileRegistry::queryValue(RegistryKey key, const std::u16string& value,
+                                       std::uint32_t* type, void* data, std::uint32_t* size) try {
+  MutexLock lock(mutex_);
+  OpenKey* open = find(key);
+  if (open == nullptr) return error::kInvalidHandle;
+  const RegistryContent now = read(open->file);
+  // What is read here may be gone again when the file's writer is done: the reader is then told.
+  if (!now.sameSubtree(open->baseline, open->path)) open->changed = true;
+  const RegistryValue* found = now.find(open->path, value);
+  if (found == nullptr) return error::kFileNotFound;
+  const auto needed = static_cast<std::uint32_t>(found->data.size());
+  const std::uint32_t capacity = std::exchange(*size, needed);
+  if (data != nullptr) {
+    if (capacity < needed) return error::kMoreData;
+    if (needed != 0) std::memcpy(data, found->data.data(), needed);
+  }
+  if (type != nullptr) *type = found->type;
+  return error::kSuccess;
+} catch (const std::exception&) {
+  return error::kNotEnoughMemory;
+}
+
+std::uint32_t FileRegistry::notifyChange(RegistryKey key, EventHandle event) try {
+  MutexLock lock(mutex_);
+  OpenKey* open = find(key);
+  if (open == nullptr) return error::kInvalidHandle;
+  ScopedFd pending = duplicateEvent(event);
+  if (!pending) return lastError();
+  // Watched first, then read: a change in between is news.
+  if (!open->watcher.joinable()) startWatching(open);
+  RegistryContent now = read(open->file);
+  open->pending = std::move(pending);
+  signalIfChanged(open, std::move(now));
+  return error::kSuccess;
+} catch (const std::exception&) {
+  return error::kNotEnoughMemory;
+}
+
+void FileRegistry::closeKey(RegistryKey key) {
+  std::unique_ptr<OpenKey> closed;  // joins its thread after the lock is released
+  MutexLock lock(mutex_);
+  const auto found = keys_.find(reinterpret_cast<std::uintptr_t>(key));
+  if (found == keys_.end()) return;
+  closed = std::move(found->second);
+  keys_.erase(found);
+}
+
+RegistryContent FileRegistry::read(const std::string& file) {
+  std::string bytes;
+  try {
+    bytes = readFile(file);
+  } catch (const std::system_error& error) {
+    const int number = error.code().value();
+    if (isShortage(number)) throw;
+    const bool isMissing = number == ENOENT || number == ENOTDIR;
+    if (!isMissing) report(file + ": cannot be read: " + error.code().message());
+  }
+  std::size_t skipped = 0;
+  return parseRegistryFile(bytes, [&](std::size_t number, std::u16string_view line) {
+    if (++skipped > kMaxReports) return;
+    report(file + ":" + std::to_string(number) + ": not understood, skipped", line);
+  });
+}
+
+void FileRegistry::report(const std::string& problem, std::u16string_view line) {
+  const std::size_t hash =
+      std::hash<std::string>()(problem) ^ std::hash<std::u16string_view>()(line);
+  MutexLock lock(reportMutex_);
+  const auto end = reported_.begin() + static_cast<std::ptrdiff_t>(reports_);
+  if (reports_ == kMaxReports || std::find(reported_.begin(), end, hash) != end) return;
+  reported_[reports_++] = hash;
+  report_(reports_ < kMaxReports ? problem : problem + "; no more is reported from here on");
+}
+
+FileRegistry::OpenKey* FileRegistry::find(RegistryKey key) {
+  const auto found = keys_.find(reinterpret_cast<std::uintptr_t>(key));
+  return found == keys_.end() ? nullptr : found->second.get();
+}
+
+void FileRegistry::startWatching(OpenKey* key) {
+  PathWatch file({key->file});
+  key->stop.reset(eventfd(0, EFD_CLOEXEC));
+  if (!key->stop) fail(errno);
+  if (!file.problem().empty()) report(file.problem());
+  key->watcher =
+      std::thread([this, key, file = std::move(file)]() mutable { watch(key, std::move(file)); });
+}
+
+void FileRegistry::watch(OpenKey* key, PathWatch file) {
+  std::array<pollfd, 2> waits{{{key->stop.get(), POLLIN, 0}, {file.fd(), POLLIN, 0}}};
+  for (;;) {
+    if (poll(waits.data(), waits.size(), -1) < 0) continue;  // interrupted
+    if (waits[0].revents != 0) return;
+    onNews(key, &file);
+  }
+}
+
+void FileRegistry::onNews(OpenKey* key, PathWatch* file) {
+  MutexLock lock(mutex_);
+  try {
+    if (!file->takeNews()) return;
+    if (!file->problem().empty()) report(file->problem());
+    if (key->pending) signalIfChanged(key, read(key->file));
+  } catch (const std::exception&) {
+    // Nothing to compare: whoever waits looks for himself.
+    signalEvent(key->pending.get());
+    key->pending.reset();
+  }
+}
+
+void FileRegistry::signalIfChanged(OpenKey* key, RegistryContent now) {
+  const bool changed = key->changed || !now.sameSubtree(key->baseline, key->path);
+  key->baseline = std::move(now);
+  key->changed = false;
+  if (!changed) return;
+  signalEvent(key->pending.get());
+  key->pending.reset();
+}
+
+std::string registryFilePath() {
+  const char* path = std::getenv("ZELTA_REGISTRY");
+  return path == nullptr || *path == '\0' ? "/etc/zelta/registry.reg" : path;
+}
+
+RegistryApi& systemRegistry() {
+  static NeverDestroyed<FileRegistry> registry(registryFilePath, [](const std::string& problem) {
+    std::fprintf(stderr, "zelta: %s\n", problem.c_str());
+  });
+  return registry.get();
+}
+
+}  // namespace zelta::platform

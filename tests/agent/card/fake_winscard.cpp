@@ -1,0 +1,229 @@
+#include "tests/agent/card/fake_winscard.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+namespace zelta::test {
+
+using platform::MutexLock;
+
+FakeWinscard* current = nullptr;
+
+namespace {
+
+constexpr unsigned kCountShift = 16;
+constexpr BYTE kAtr[] = {0x3B, 0x00};
+
+bool isReaderChanges(const SCARD_READERSTATE& state) {
+  return std::strstr(state.szReader, "PnP") != nullptr;
+}
+
+}  // namespace
+
+FakeWinscard::FakeWinscard() { current = this; }
+FakeWinscard::~FakeWinscard() { current = nullptr; }
+
+void FakeWinscard::changeCard(bool in) {
+  card_ = in;
+  lost_ = false;
+  ++changes_;
+  changed_.notifyAll();
+}
+
+void FakeWinscard::setService(bool up) {
+  MutexLock lock(mutex_);
+  up_ = up;
+  changed_.notifyAll();
+}
+
+void FakeWinscard::setReader(bool there) {
+  MutexLock lock(mutex_);
+  reader_ = there;
+  ++readerChanges_;
+  changed_.notifyAll();
+}
+
+void FakeWinscard::insertCard() {
+  MutexLock lock(mutex_);
+  changeCard(true);
+}
+
+void FakeWinscard::removeCard() {
+  MutexLock lock(mutex_);
+  changeCard(false);
+}
+
+void FakeWinscard::swapCard() {
+  MutexLock lock(mutex_);
+  changeCard(false);
+  changeCard(true);
+}
+
+void FakeWinscard::loseCard() {
+  MutexLock lock(mutex_);
+  lost_ = true;
+}
+
+void FakeWinscard::failTransmits(std::vector<LONG> results) {
+  MutexLock lock(mutex_);
+  transmitResults_.assign(results.begin(), results.end());
+}
+
+std::vector<std::string> FakeWinscard::takeCalls() {
+  MutexLock lock(mutex_);
+  return std::exchange(calls_, {});
+}
+
+std::size_t FakeWinscard::contexts() {
+  MutexLock lock(mutex_);
+  return contexts_;
+}
+
+void FakeWinscard::waitUntilWatched() {
+  MutexLock lock(mutex_);
+  changed_.wait(lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return watched_; });
+}
+
+LONG FakeWinscard::establish(LPSCARDCONTEXT context) {
+  MutexLock lock(mutex_);
+  if (!up_) return SCARD_E_NO_SERVICE;
+  ++contexts_;
+  *context = 1;
+  return SCARD_S_SUCCESS;
+}
+
+LONG FakeWinscard::release(SCARDCONTEXT) {
+  MutexLock lock(mutex_);
+  --contexts_;
+  return SCARD_S_SUCCESS;
+}
+
+LONG FakeWinscard::cancel() {
+  MutexLock lock(mutex_);
+  // As the real one: it reaches a wait that has begun, and no other.
+  cancelled_ = watched_;
+  changed_.notifyAll();
+  return SCARD_S_SUCCESS;
+}
+
+DWORD FakeWinscard::stateLocked() const {
+  return (card_ ? SCARD_STATE_PRESENT : SCARD_STATE_EMPTY) | changes_ << kCountShift;
+}
+
+LONG FakeWinscard::getStatusChange(DWORD limit, SCARD_READERSTATE* states, DWORD count) {
+  MutexLock lock(mutex_);
+  SCARD_READERSTATE* card = nullptr;
+  for (DWORD i = 0; i < count; ++i) {
+    if (!isReaderChanges(states[i])) card = &states[i];
+  }
+  if (!up_) return SCARD_E_NO_SERVICE;
+  if (card != nullptr && !reader_) return SCARD_E_UNKNOWN_READER;
+  const DWORD readerChanges = readerChanges_;
+  const auto done = [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    const bool news =
+        card != nullptr && (card->dwCurrentState == SCARD_STATE_UNAWARE ||
+                            (card->dwCurrentState & ~SCARD_STATE_CHANGED) != stateLocked());
+    return cancelled_ || !up_ || readerChanges_ != readerChanges || news;
+  };
+  watched_ = true;
+  changed_.notifyAll();
+  bool inTime = true;
+  if (limit == INFINITE) {
+    changed_.wait(lock, done);
+  } else {
+    inTime = changed_.waitFor(lock, std::chrono::milliseconds(limit), done);
+  }
+  watched_ = false;
+  if (std::exchange(cancelled_, false)) return SCARD_E_CANCELLED;
+  if (!up_) return SCARD_E_SERVICE_STOPPED;
+  if (!inTime) return SCARD_E_TIMEOUT;
+  if (card != nullptr && !reader_) return SCARD_E_UNKNOWN_READER;
+  if (card != nullptr) card->dwEventState = stateLocked() | SCARD_STATE_CHANGED;
+  return SCARD_S_SUCCESS;
+}
+
+LONG FakeWinscard::cardResult() const {
+  if (!up_) return SCARD_E_NO_SERVICE;
+  if (!reader_) return SCARD_E_READER_UNAVAILABLE;
+  return card_ && !lost_ ? SCARD_S_SUCCESS : SCARD_E_NO_SMARTCARD;
+}
+
+LONG FakeWinscard::connect(const char* reader, SCARDHANDLE* handle, DWORD* protocol) {
+  MutexLock lock(mutex_);
+  calls_.emplace_back("connect");
+  if (std::strcmp(reader, kFakeReader) != 0) return SCARD_E_UNKNOWN_READER;
+  *handle = 1;
+  *protocol = SCARD_PROTOCOL_T1;
+  return cardResult();
+}
+
+LONG FakeWinscard::reconnect(DWORD initialization, DWORD* protocol) {
+  MutexLock lock(mutex_);
+  calls_.emplace_back(initialization == SCARD_RESET_CARD ? "reset" : "leave");
+  *protocol = SCARD_PROTOCOL_T1;
+  return cardResult();
+}
+
+LONG FakeWinscard::disconnect() {
+  MutexLock lock(mutex_);
+  calls_.emplace_back("disconnect");
+  return SCARD_S_SUCCESS;
+}
+
+LONG FakeWinscard::status(BYTE* atr, DWORD* length) {
+  MutexLock lock(mutex_);
+  std::copy(std::begin(kAtr), std::end(kAtr), atr);
+  *length = sizeof kAtr;
+  return cardResult();
+}
+
+LONG FakeWinscard::transmit(const BYTE* command, DWORD size, BYTE* response, DWORD* length) {
+  MutexLock lock(mutex_);
+  calls_.emplace_back("transmit");
+  if (const LONG result = cardResult()) return result;
+  if (!transmitResults_.empty()) {
+    const LONG result = transmitResults_.front();
+    transmitResults_.pop_front();
+    if (result != SCARD_S_SUCCESS) return result;
+  }
+  std::copy(command, command + size, response);
+  *length = size;
+  return SCARD_S_SUCCESS;
+}
+
+}  // namespace zelta::test
+
+using zelta::test::current;
+
+extern "C" {
+
+const SCARD_IO_REQUEST g_rgSCardT0Pci = {SCARD_PROTOCOL_T0, sizeof(SCARD_IO_REQUEST)};
+const SCARD_IO_REQUEST g_rgSCardT1Pci = {SCARD_PROTOCOL_T1, sizeof(SCARD_IO_REQUEST)};
+
+LONG SCardEstablishContext(DWORD, LPCVOID, LPCVOID, LPSCARDCONTEXT context) {
+  return current->establish(context);
+}
+LONG SCardReleaseContext(SCARDCONTEXT context) { return current->release(context); }
+LONG SCardCancel(SCARDCONTEXT) { return current->cancel(); }
+LONG SCardGetStatusChange(SCARDCONTEXT, DWORD limit, SCARD_READERSTATE* states, DWORD count) {
+  return current->getStatusChange(limit, states, count);
+}
+LONG SCardConnect(SCARDCONTEXT, LPCSTR reader, DWORD, DWORD, LPSCARDHANDLE handle,
+                  LPDWORD protocol) {
+  return current->connect(reader, handle, protocol);
+}
+LONG SCardReconnect(SCARDHANDLE, DWORD, DWORD, DWORD initialization, LPDWORD protocol) {
+  return current->reconnect(initialization, protocol);
+}
+LONG SCardDisconnect(SCARDHANDLE, DWORD) { return current->disconnect(); }
+LONG SCardStatus(SCARDHANDLE, LPSTR, LPDWORD, LPDWORD, LPDWORD, LPBYTE atr, LPDWORD length) {
+  return current->status(atr, length);
+}
+LONG SCardTransmit(SCARDHANDLE, const SCARD_IO_REQUEST* request, LPCBYTE command, DWORD size,
+                   SCARD_IO_REQUEST*, LPBYTE response, LPDWORD length) {
+  if (request->dwProtocol != SCARD_PROTOCOL_T1) return SCARD_E_PROTO_MISMATCH;
+  return current->transmit(command, size, response, length);
+}
+const char* pcsc_stringify_error(const LONG) { return "a PC/SC failure"; }
+}

@@ -1,0 +1,172 @@
+#include "agent/control/control_socket.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "agent/control/control.h"
+#include "platform/files/scoped_fd_linux.h"
+#include "tests/agent/program/fail_test.h"
+#include "tests/support/temp_folder.h"
+
+namespace zelta::agent {
+namespace {
+
+using platform::ScopedFd;
+using test::ScopedVariable;
+using test::TempFolder;
+
+std::string echo(const std::string& line) { return "<" + line + ">"; }
+
+// A raw client.
+ScopedFd connectTo(const std::string& path) {
+  ScopedFd client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+  EXPECT_EQ(connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  return client;
+}
+
+std::string readAll(const ScopedFd& client) {
+  std::string text;
+  char c = 0;
+  while (read(client.get(), &c, 1) == 1) text += c;
+  return text;
+}
+
+// What the call throws.
+template <typename Call>
+std::string problemOf(Call call) {
+  try {
+    call();
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+  return "nothing thrown";
+}
+
+class Control : public testing::Test {
+ protected:
+  TempFolder folder_;
+  const std::string path_ = folder_.file("sub/agent.ctl");
+};
+
+TEST_F(Control, answersOneClientAfterTheOther) {
+  const auto server = openControlServer(path_, echo, test::failTest);
+  EXPECT_EQ(askAgent({path_}, "one\n"), "<one>");
+  EXPECT_EQ(askAgent({path_}, "two\n"), "<two>");
+}
+
+TEST_F(Control, socketIsForItsOwnerOnlyAndGoesWithTheServer) {
+  {
+    const auto server = openControlServer(path_, echo, test::failTest);
+    struct stat status {};
+    ASSERT_EQ(stat(path_.c_str(), &status), 0);
+    EXPECT_TRUE(S_ISSOCK(status.st_mode));
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+  }
+  EXPECT_FALSE(std::filesystem::exists(path_));
+}
+
+TEST_F(Control, liveSocketIsLeftToItsAgent) {
+  const auto server = openControlServer(path_, echo, test::failTest);
+  EXPECT_EQ(problemOf([&] { openControlServer(path_, echo, test::failTest); }),
+            "another agent is running: it has the control path " + path_);
+  EXPECT_EQ(askAgent({path_}, "x\n"), "<x>");
+}
+
+TEST_F(Control, deadSocketIsReplaced) {
+  std::filesystem::create_directories(folder_.path() / "sub");
+  {
+    ScopedFd dead(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path_.c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(dead.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  }
+  const auto server = openControlServer(path_, echo, test::failTest);
+  EXPECT_EQ(askAgent({path_}, "x\n"), "<x>");
+}
+
+TEST_F(Control, fileThatIsNoSocketStays) {
+  const std::string file = folder_.file("file");
+  std::ofstream(file) << "precious";
+  EXPECT_THAT(problemOf([&] { openControlServer(file, echo, test::failTest); }),
+              testing::HasSubstr(file));
+  EXPECT_TRUE(std::filesystem::is_regular_file(file));
+}
+
+TEST_F(Control, pathThatIsTooLongIsRefused) {
+  const std::string longPath = folder_.file(std::string(120, 'x'));
+  EXPECT_THAT(problemOf([&] { openControlServer(longPath, echo, test::failTest); }),
+              testing::HasSubstr("cannot be used"));
+}
+
+TEST_F(Control, clientThatAsksForTooMuchIsDropped) {
+  const auto server = openControlServer(path_, echo, test::failTest);
+  const ScopedFd client = connectTo(path_);
+  const std::string much(kLongestControlLine + 1, 'x');
+  ASSERT_EQ(send(client.get(), much.data(), much.size(), MSG_NOSIGNAL),
+            static_cast<ssize_t>(much.size()));
+  EXPECT_EQ(readAll(client), "");
+}
+
+TEST_F(Control, clientThatOnlyClosesItsSideIsAnswered) {
+  const auto server = openControlServer(path_, echo, test::failTest);
+  const ScopedFd client = connectTo(path_);
+  ASSERT_EQ(send(client.get(), "ab", 2, MSG_NOSIGNAL), 2);
+  shutdown(client.get(), SHUT_WR);
+  EXPECT_EQ(readAll(client), "<ab>");
+}
+
+TEST_F(Control, clientThatGoesWithoutWaitingHarmsNothing) {
+  const auto server = openControlServer(path_, echo, test::failTest);
+  for (int i = 0; i < 20; ++i) {
+    const ScopedFd client = connectTo(path_);
+    ASSERT_EQ(send(client.get(), "x\n", 2, MSG_NOSIGNAL), 2);
+  }
+  EXPECT_EQ(askAgent({path_}, "x\n"), "<x>");
+}
+
+TEST_F(Control, serverEndsWhileAClientSaysNothing) {
+  auto server = openControlServer(path_, echo, test::failTest);
+  const ScopedFd client = connectTo(path_);
+  server.reset();
+  EXPECT_EQ(readAll(client), "");
+}
+
+TEST_F(Control, firstPathWithAnAgentIsAsked) {
+  const auto server = openControlServer(path_, echo, test::failTest);
+  EXPECT_EQ(askAgent({folder_.file("none"), path_}, "x\n"), "<x>");
+}
+
+TEST_F(Control, withoutAnAgentThereIsAMessage) {
+  EXPECT_EQ(problemOf([&] { askAgent({path_}, "x\n"); }), "no agent is running at " + path_);
+}
+
+TEST(DefaultControlPaths, runtimeFolderOfTheUserFirst) {
+  const ScopedVariable set("XDG_RUNTIME_DIR", "/run/user/7");
+  EXPECT_THAT(defaultControlPaths(12),
+              testing::ElementsAre("/run/user/7/zelta-agent12.ctl", "/run/zelta/agent12.ctl",
+                                   "/run/zelta-agent12/control"));
+}
+
+TEST(DefaultControlPaths, systemsFoldersWithoutOne) {
+  const ScopedVariable set("XDG_RUNTIME_DIR", "");
+  EXPECT_THAT(defaultControlPaths(0),
+              testing::ElementsAre("/run/zelta/agent0.ctl", "/run/zelta-agent0/control"));
+}
+
+}  // namespace
+}  // namespace zelta::agent

@@ -1,0 +1,77 @@
+#include "agent/control/control.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/agent/card/held_card.h"
+#include "tests/agent/program/running_agent.h"
+
+namespace zelta::agent {
+namespace {
+
+Agent::Status someStatus() {
+  Agent::Status status;
+  status.connected = true;
+  status.reader = 3;
+  status.sessionId = "id";
+  status.backend = "script";
+  status.cardIn = true;
+  status.atr = {0x3B, 0x00};
+  return status;
+}
+
+TEST(Control, statusForPeople) {
+  EXPECT_EQ(statusText(someStatus()),
+            "reader:    3\n"
+            "driver:    connected\n"
+            "back end:  script\n"
+            "card:      in\n"
+            "ATR:       3B00\n"
+            "session:   id\n");
+  EXPECT_EQ(statusText(Agent::Status()),
+            "reader:    0\n"
+            "driver:    not connected\n"
+            "back end:  \n"
+            "card:      out\n"
+            "ATR:       not known\n"
+            "session:   \n");
+}
+
+TEST(Control, statusForPrograms) {
+  EXPECT_EQ(statusJson(someStatus()),
+            "{\"reader\":3,\"connected\":true,\"backend\":\"script\",\"card\":\"in\","
+            "\"atr\":\"3B00\",\"session_id\":\"id\"}\n");
+  Agent::Status odd;
+  odd.sessionId = "a\"b\\c\n";
+  EXPECT_EQ(statusJson(odd),
+            "{\"reader\":0,\"connected\":false,\"backend\":\"\",\"card\":\"out\","
+            "\"atr\":null,\"session_id\":\"a\\\"b\\\\c\\u000A\"}\n");
+}
+
+TEST(Control, linesAreAnswered) {
+  test::PipeFolder folder;
+  test::HeldCard card;
+  test::RunningAgent running(card);
+  Agent& agent = running.agent();
+  EXPECT_EQ(answerControl(agent, "insert"), "error: a card is in already\n");
+  EXPECT_EQ(answerControl(agent, "remove"), "ok\n");
+  EXPECT_FALSE(agent.status().cardIn);
+  EXPECT_EQ(answerControl(agent, "remove"), "error: no card is in\n");
+  EXPECT_EQ(answerControl(agent, "insert"), "ok\n");
+  EXPECT_TRUE(agent.status().cardIn);
+  EXPECT_EQ(answerControl(agent, "status"), "ok\n" + statusText(agent.status()));
+  EXPECT_EQ(answerControl(agent, "status json"), "ok\n" + statusJson(agent.status()));
+  EXPECT_EQ(answerControl(agent, "jump\x01"), "error: not understood: jump?\n");
+  EXPECT_EQ(answerControl(agent, ""), "error: not understood: \n");
+}
+
+TEST(Control, answersAreReadBack) {
+  EXPECT_TRUE(readControlAnswer("ok\nmore\n").success);
+  EXPECT_EQ(readControlAnswer("ok\nmore\n").text, "more\n");
+  EXPECT_FALSE(readControlAnswer("error: no\n").success);
+  EXPECT_EQ(readControlAnswer("error: no\n").text, "no\n");
+  EXPECT_FALSE(readControlAnswer("").success);
+  EXPECT_FALSE(readControlAnswer("o").success);
+}
+
+}  // namespace
+}  // namespace zelta::agent

@@ -1,0 +1,265 @@
+#include "agent/link/command_threads.h"
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <future>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "contract/bytes.h"
+#include "tests/agent/card/held_card.h"
+#include "tests/agent/program/running_agent.h"
+
+namespace zelta::agent {
+namespace {
+
+using Kind = Command::Kind;
+using Result = Outcome::Result;
+using platform::MutexLock;
+using std::chrono::milliseconds;
+using test::heldAnswer;
+
+// Commands of a test's, and what they were answered with. Any thread may call.
+class Commands final : public CommandStream {
+ public:
+  // The card has `limit` for it from now on.
+  void give(milliseconds limit = test::kLong) {
+    Command command;
+    command.kind = Kind::Transmit;
+    command.apdu = {0x00};
+    command.cardLimit = SteadyClock::now() + limit;
+    MutexLock lock(mutex_);
+    given_.push_back(command);
+    changed_.notifyAll();
+  }
+  void end() {
+    MutexLock lock(mutex_);
+    ended_ = true;
+    changed_.notifyAll();
+  }
+  // The answer with this number; waits for it.
+  Outcome answer(std::size_t number) {
+    MutexLock lock(mutex_);
+    changed_.wait(lock,
+                  [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return answers_.size() >= number; });
+    return answers_[number - 1];
+  }
+  std::size_t answers() {
+    MutexLock lock(mutex_);
+    return answers_.size();
+  }
+  // The thread that did it last.
+  std::thread::id reader() {
+    MutexLock lock(mutex_);
+    return reader_;
+  }
+  std::thread::id answerer() {
+    MutexLock lock(mutex_);
+    return answerer_;
+  }
+
+  bool read(Command* command) override {
+    MutexLock lock(mutex_);
+    changed_.wait(lock,
+                  [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return ended_ || !given_.empty(); });
+    if (ended_) return false;
+    reader_ = std::this_thread::get_id();
+    *command = given_.front();
+    given_.pop_front();
+    return true;
+  }
+  bool answer(const Command&, const Outcome& outcome) override {
+    MutexLock lock(mutex_);
+    answerer_ = std::this_thread::get_id();
+    answers_.push_back(outcome);
+    changed_.notifyAll();
+    return true;
+  }
+
+ private:
+  platform::Mutex mutex_;
+  platform::ConditionVariable changed_;
+  std::deque<Command> given_ ZELTA_GUARDED_BY(mutex_);
+  std::vector<Outcome> answers_ ZELTA_GUARDED_BY(mutex_);
+  bool ended_ ZELTA_GUARDED_BY(mutex_) = false;
+  std::thread::id reader_ ZELTA_GUARDED_BY(mutex_);
+  std::thread::id answerer_ ZELTA_GUARDED_BY(mutex_);
+};
+
+constexpr milliseconds kShort{10};
+
+class Threads : public testing::Test {
+ protected:
+  Threads()
+      : slot_(
+            card_, [this] { threads_.cardDeparted(); }, test::failTest),
+        threads_(slot_, test::kLong, test::failTest) {
+    slot_.start();
+    threads_.start();
+    serving_ = serve(commands_);
+  }
+  ~Threads() override {
+    commands_.end();
+    card_.letGo();
+    serving_.get();
+    threads_.stop();
+    slot_.stop();
+  }
+
+  std::future<void> serve(Commands& commands) {
+    return std::async(std::launch::async, [this, &commands] { threads_.serve(commands); });
+  }
+
+  // The leader is in the card, and stays there.
+  void giveAndHold() {
+    card_.hold();
+    commands_.give();
+    card_.waitUntilBusy();
+  }
+  // The card stays at a command that was answered for. How many answers there are then: on a loaded
+  // machine the time of a command may be over before the leader asks the card, and another is
+  // given.
+  std::size_t giveAndHoldUntilLate() {
+    card_.hold();
+    std::size_t number = commands_.answers();
+    do {
+      commands_.give(kShort);
+      EXPECT_EQ(commands_.answer(++number).result, Result::Late);
+    } while (!card_.isBusy());
+    return number;
+  }
+
+  test::HeldCard card_;
+  CardSlot slot_;
+  CommandThreads threads_;
+  Commands commands_;
+  std::future<void> serving_;
+};
+
+TEST_F(Threads, CommandInTime_IsAnsweredByTheThreadThatReadIt) {
+  for (std::uint8_t number = 1; number <= 100; ++number) {
+    commands_.give();
+    const Outcome outcome = commands_.answer(number);
+    EXPECT_EQ(outcome.result, Result::Answered);
+    EXPECT_EQ(outcome.data, heldAnswer(number));
+    EXPECT_EQ(outcome.card, slot_.card());
+    EXPECT_EQ(commands_.answerer(), commands_.reader());
+  }
+}
+
+// The follower sleeps for longer than the late command has.
+TEST_F(Threads, CardThatIsLate_IsAnsweredForAndTheNextCommandGetsItsOwnResult) {
+  const std::size_t late = giveAndHoldUntilLate();
+  commands_.give();
+  card_.letGo();
+  EXPECT_EQ(commands_.answer(late + 1).data, heldAnswer(2));
+  EXPECT_EQ(commands_.answers(), late + 1);
+}
+
+TEST_F(Threads, ThreadsTakeOverFromEachOtherAgainAndAgain) {
+  for (std::uint8_t round = 0; round < 10; ++round) {
+    const std::size_t late = giveAndHoldUntilLate();
+    card_.letGo();
+    commands_.give();
+    EXPECT_EQ(commands_.answer(late + 1).data,
+              heldAnswer(static_cast<std::uint8_t>(2 * round + 2)));
+  }
+}
+
+TEST_F(Threads, CommandThatOnlyWaitedForTheCard_NeverReachesIt) {
+  const std::size_t late = giveAndHoldUntilLate();
+  commands_.give(kShort);
+  commands_.give(kShort);
+  EXPECT_EQ(commands_.answer(late + 2).result, Result::Late);
+  card_.letGo();
+  commands_.give();
+  EXPECT_EQ(commands_.answer(late + 3).data, heldAnswer(2));
+}
+
+TEST_F(Threads, CommandWhoseTimeIsOver_NeverReachesTheCard) {
+  commands_.give(milliseconds(0));
+  EXPECT_EQ(commands_.answer(1).result, Result::Late);
+  commands_.give();
+  EXPECT_EQ(commands_.answer(2).data, heldAnswer(1));
+}
+
+TEST_F(Threads, RemovalDuringACallThatDoesNotReturn_IsAnsweredWithoutACard) {
+  giveAndHold();
+  EXPECT_EQ(slot_.remove(), "");
+  EXPECT_EQ(commands_.answer(1).result, Result::NoCard);
+}
+
+TEST_F(Threads, RemovalWhileACommandWaitsForTheCard_IsAnsweredWithoutACard) {
+  const std::size_t late = giveAndHoldUntilLate();
+  commands_.give();
+  EXPECT_EQ(slot_.remove(), "");
+  EXPECT_EQ(commands_.answer(late + 1).result, Result::NoCard);
+}
+
+TEST_F(Threads, SwapDuringACall_IsAnsweredWithoutACardAndTheNewOneServed) {
+  giveAndHold();
+  EXPECT_EQ(slot_.remove(), "");
+  EXPECT_EQ(slot_.insert(), "");
+  EXPECT_EQ(commands_.answer(1).result, Result::NoCard);
+  card_.letGo();
+  commands_.give();
+  EXPECT_EQ(commands_.answer(2).data, heldAnswer(2));
+}
+
+TEST_F(Threads, AbandonDuringACall_EndsServingAtOnceAndTheNextStreamIsServed) {
+  giveAndHold();
+  threads_.abandon(commands_);
+  serving_.get();
+  Commands next;
+  serving_ = serve(next);
+  next.give(kShort);
+  EXPECT_EQ(next.answer(1).result, Result::Late);  // the card is at the old one's command
+  card_.letGo();
+  next.give();
+  EXPECT_EQ(next.answer(2).data, heldAnswer(2));
+  EXPECT_EQ(commands_.answers(), 0u);
+  next.end();
+  serving_.wait();
+}
+
+TEST_F(Threads, AbandonWhileACommandWaitsForTheCard_EndsServingAtOnce) {
+  const std::size_t late = giveAndHoldUntilLate();
+  commands_.give();
+  threads_.abandon(commands_);
+  commands_.end();  // for a leader that has not asked for the card yet
+  serving_.wait();
+  EXPECT_EQ(commands_.answers(), late);
+}
+
+TEST_F(Threads, StopDuringACall_InterruptsTheCard) {
+  giveAndHold();
+  threads_.abandon(commands_);
+  threads_.stop();
+  EXPECT_EQ(commands_.answers(), 0u);
+}
+
+class FailingCard : public test::HeldCard {
+ public:
+  Bytes transmit(const Bytes&) override { throw std::runtime_error("the card is broken"); }
+};
+
+TEST(FailingThreads, ExceptionOfTheCard_IsToldAndEndsServing) {
+  FailingCard card;
+  CardSlot slot(card, {}, test::failTest);
+  std::promise<std::string> told;
+  CommandThreads threads(slot, test::kLong,
+                         [&told](const char* problem) { told.set_value(problem); });
+  slot.start();
+  threads.start();
+  Commands commands;
+  commands.give();
+  threads.serve(commands);
+  EXPECT_EQ(told.get_future().get(), "the card is broken");
+  threads.stop();
+}
+
+}  // namespace
+}  // namespace zelta::agent

@@ -1,0 +1,118 @@
+#include "agent/link/connector.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "tests/agent/link/memory_pipe.h"
+#include "tests/agent/program/running_agent.h"
+
+namespace zelta::agent {
+namespace {
+
+using std::chrono::milliseconds;
+
+// Opens what the test says, and writes down how long it is to wait.
+class ScriptedPort : public PipeClientPort {
+ public:
+  std::map<std::string, OpenResult> results;
+  std::vector<std::optional<milliseconds>> waits;
+  int watches = 0;
+
+  void watch(const std::vector<std::string>& pipeNames) override {
+    EXPECT_EQ(pipeNames, (std::vector<std::string>{"c", "e"}));
+    ++watches;
+  }
+  OpenedPipe open(const std::string& pipeName) override {
+    OpenedPipe opened;
+    opened.result = results.at(pipeName);
+    opened.detail = pipeName;
+    if (opened.result == OpenResult::Opened) {
+      opened.connection = std::make_unique<test::MemoryPipe>();
+    }
+    return opened;
+  }
+  void waitForChange(std::optional<milliseconds> limit) override { waits.push_back(limit); }
+  void cancel() override {}
+};
+
+class Connecting : public testing::Test {
+ protected:
+  Connecting()
+      : log_(LogLevel::Debug, lines_.sink()),
+        connector_(port_, {"c", "e", milliseconds(10), milliseconds(40), test::kLong}, log_) {}
+
+  bool attempt(OpenResult commands, OpenResult events) {
+    port_.results = {{"c", commands}, {"e", events}};
+    const PipePair pipes = connector_.attempt();
+    EXPECT_EQ(pipes.commands == nullptr, pipes.events == nullptr);
+    return pipes.commands != nullptr;
+  }
+
+  ScriptedPort port_;
+  test::LogLines lines_;
+  Log log_;
+  Connector connector_;
+};
+
+using Waits = std::vector<std::optional<milliseconds>>;
+
+TEST_F(Connecting, bothOpenIsAConnectionWithoutAWait) {
+  EXPECT_TRUE(attempt(OpenResult::Opened, OpenResult::Opened));
+  EXPECT_TRUE(port_.waits.empty());
+}
+
+TEST_F(Connecting, absentPipesAreWaitedForWithoutATimer) {
+  EXPECT_FALSE(attempt(OpenResult::Absent, OpenResult::Absent));
+  EXPECT_FALSE(attempt(OpenResult::Absent, OpenResult::Absent));
+  EXPECT_EQ(port_.waits, (Waits{std::nullopt, std::nullopt}));
+  EXPECT_EQ(port_.watches, 2);
+  EXPECT_EQ(lines_.count("info: Waiting for the driver: c"), 1u);
+}
+
+TEST_F(Connecting, refusalsAreRetriedEverMoreSlowlyAndLoggedOnce) {
+  for (int i = 0; i < 4; ++i) EXPECT_FALSE(attempt(OpenResult::Refused, OpenResult::Refused));
+  EXPECT_EQ(port_.waits,
+            (Waits{milliseconds(10), milliseconds(20), milliseconds(40), milliseconds(40)}));
+  EXPECT_EQ(lines_.count("warning: The driver is gone, or serves another agent: c"), 1u);
+}
+
+TEST_F(Connecting, failureIsLoggedAsAnErrorAndRetried) {
+  EXPECT_FALSE(attempt(OpenResult::Failed, OpenResult::Absent));
+  EXPECT_EQ(port_.waits, (Waits{milliseconds(10)}));
+  EXPECT_EQ(lines_.count("error: Cannot connect to the driver: c"), 1u);
+}
+
+TEST_F(Connecting, eventPipeIsTriedAlsoWhereTheCommandPipeIsRefused) {
+  EXPECT_FALSE(attempt(OpenResult::Refused, OpenResult::Opened));
+  EXPECT_TRUE(attempt(OpenResult::Opened, OpenResult::Refused));  // the event pipe was held
+}
+
+TEST_F(Connecting, pipeIsHeldAtTheQuickestPaceWhateverWasWaitedBefore) {
+  for (int i = 0; i < 3; ++i) EXPECT_FALSE(attempt(OpenResult::Refused, OpenResult::Refused));
+  EXPECT_FALSE(attempt(OpenResult::Refused, OpenResult::Opened));
+  EXPECT_FALSE(attempt(OpenResult::Refused, OpenResult::Opened));
+  EXPECT_EQ(port_.waits, (Waits{milliseconds(10), milliseconds(20), milliseconds(40),
+                                milliseconds(10), milliseconds(10)}));
+}
+
+TEST_F(Connecting, pipeThatIsHeldTooLongIsGivenBack) {
+  Connector hasty(port_, {"c", "e", milliseconds(10), milliseconds(40), milliseconds(0)}, log_);
+  port_.results = {{"c", OpenResult::Opened}, {"e", OpenResult::Absent}};
+  EXPECT_EQ(hasty.attempt().commands, nullptr);
+  EXPECT_EQ(port_.waits, (Waits{milliseconds(10)}));
+  port_.results = {{"c", OpenResult::Refused}, {"e", OpenResult::Opened}};
+  EXPECT_EQ(hasty.attempt().commands, nullptr);
+}
+
+TEST_F(Connecting, connectionThatTheDriverNeverAcceptedIsNotFollowedAtOnce) {
+  connector_.connectionEnded(false);
+  connector_.connectionEnded(false);
+  EXPECT_EQ(port_.waits, (Waits{milliseconds(10), milliseconds(20)}));
+  connector_.connectionEnded(true);
+  EXPECT_FALSE(attempt(OpenResult::Refused, OpenResult::Refused));
+  EXPECT_EQ(port_.waits.back(), milliseconds(10));
+}
+
+}  // namespace
+}  // namespace zelta::agent

@@ -1,0 +1,78 @@
+// The driver's side of the wire, for tests: server ends of both pipes and the exchanges as the
+// driver performs them, on the operating system's real pipes.
+//
+// One thread, except that `transmit` and `readEvent` may run at the same time. Calls block until
+// the agent does what they wait for; a test that it lets down ends by its time-out.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "contract/bytes.h"
+#include "contract/wire.h"
+#include "platform/pipe/pipe.h"
+
+namespace zelta::test {
+
+class DriverEnd {
+ public:
+  // Creates both pipes; the agent can connect from then on. Throws where one is in use.
+  explicit DriverEnd(std::uint32_t reader = 0);
+  ~DriverEnd();
+  DriverEnd(const DriverEnd&) = delete;
+  DriverEnd& operator=(const DriverEnd&) = delete;
+
+  // Waits for the agent on both pipes, command pipe first.
+  void accept();
+  // `accept`, and takes the session id. Drops an agent that has gone meanwhile and waits again, as
+  // the driver does.
+  std::string acceptSession();
+  void disconnect();
+  void disconnectEvents();
+  // Each waits for the agent on one pipe alone.
+  void acceptCommands();
+  void acceptEvents();
+
+  // The next event's code; nothing where the agent is gone.
+  std::optional<std::uint32_t> readEvent();
+  // Throws where the agent is gone or sends something else.
+  std::string readSessionId();
+
+  // Each is nothing where the agent dropped the connection; an empty answer is one of length 0.
+  std::optional<Bytes> queryAtr(AgentCommand command);
+  std::optional<Bytes> transmit(const Bytes& apdu);
+  // The two halves of `transmit`.
+  bool sendTransmit(const Bytes& apdu);
+  std::optional<Bytes> readAnswer();
+  // The beginning of an answer alone.
+  std::optional<std::uint32_t> readAnswerLength();
+  bool notifyReady();
+
+  // What no driver does.
+  bool writeToEventPipe(const Bytes& bytes);
+
+  bool sendNumber(std::uint32_t number);
+  bool sendBytes(const Bytes& bytes);
+  // Waits until the agent has dropped the connection; false where it answered instead.
+  bool waitForDrop();
+  // The same, from after a flush on; gives what the agent wrote on the command pipe before.
+  Bytes takeRest();
+
+ private:
+  void connect(platform::PipeHandleValue pipe);
+  std::optional<std::uint32_t> readNumber(platform::PipeHandleValue pipe);
+  // Nothing where the agent is gone.
+  std::optional<std::string> takeSessionId();
+
+  platform::PipeApi& pipes_;
+  platform::PipeHandleValue commands_;
+  platform::PipeHandleValue events_;
+};
+
+// An event as `readEvent` gives it.
+inline std::optional<std::uint32_t> event(AgentEvent code) {
+  return static_cast<std::uint32_t>(code);
+}
+
+}  // namespace zelta::test

@@ -1,0 +1,106 @@
+#include "tests/agent/link/memory_pipe.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "contract/bytes.h"
+
+namespace zelta::test {
+
+using agent::IoResult;
+using platform::MutexLock;
+
+void MemoryPipe::give(const Bytes& bytes) {
+  MutexLock lock(mutex_);
+  given_.insert(given_.end(), bytes.begin(), bytes.end());
+  changed_.notifyAll();
+}
+
+std::vector<Bytes> MemoryPipe::takeWrites(std::size_t count) {
+  MutexLock lock(mutex_);
+  changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return written_.size() >= count; });
+  return written_;
+}
+
+std::size_t MemoryPipe::writes() {
+  MutexLock lock(mutex_);
+  return written_.size();
+}
+
+void MemoryPipe::holdWrites() {
+  MutexLock lock(mutex_);
+  held_ = true;
+}
+
+void MemoryPipe::letWrites() {
+  MutexLock lock(mutex_);
+  held_ = false;
+  changed_.notifyAll();
+}
+
+void MemoryPipe::waitUntilWriting() {
+  MutexLock lock(mutex_);
+  changed_.wait(lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return writing_; });
+}
+
+IoResult MemoryPipe::read(void* data, std::uint32_t size,
+                          std::optional<agent::SteadyClock::time_point>) {
+  MutexLock lock(mutex_);
+  changed_.wait(
+      lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return given_.size() >= size || cancelled_; });
+  if (cancelled_) return IoResult::Cancelled;
+  std::copy_n(given_.begin(), size, static_cast<std::uint8_t*>(data));
+  given_.erase(given_.begin(), given_.begin() + static_cast<std::ptrdiff_t>(size));
+  return IoResult::Done;
+}
+
+IoResult MemoryPipe::awaitCommand() {
+  MutexLock lock(mutex_);
+  changed_.wait(lock,
+                [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return !given_.empty() || cancelled_; });
+  return cancelled_ ? IoResult::Cancelled : IoResult::Done;
+}
+
+IoResult MemoryPipe::answer(const Bytes& bytes, agent::SteadyClock::time_point deadline) {
+  const auto length = toLittleEndian(static_cast<std::uint32_t>(bytes.size()));
+  Bytes written(length.begin(), length.end());
+  written.insert(written.end(), bytes.begin(), bytes.end());
+  return write(std::move(written), deadline, true);
+}
+
+IoResult MemoryPipe::post(const void* data, std::uint32_t size,
+                          std::optional<agent::SteadyClock::time_point> deadline) {
+  const auto* bytes = static_cast<const std::uint8_t*>(data);
+  return write(Bytes(bytes, bytes + size), deadline, false);
+}
+
+IoResult MemoryPipe::write(Bytes bytes, std::optional<agent::SteadyClock::time_point> deadline,
+                           bool isAnswer) {
+  MutexLock lock(mutex_);
+  writing_ = true;
+  changed_.notifyAll();
+  const auto ready = [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return !held_ || cancelled_ || (isAnswer && !given_.empty());
+  };
+  bool inTime = true;
+  if (deadline) {
+    inTime = changed_.waitFor(lock, *deadline - agent::SteadyClock::now(), ready);
+  } else {
+    changed_.wait(lock, ready);
+  }
+  writing_ = false;
+  if (cancelled_) return IoResult::Cancelled;
+  if (isAnswer && !given_.empty()) return IoResult::GivenUp;
+  if (!inTime) return IoResult::TimedOut;
+  written_.push_back(std::move(bytes));
+  changed_.notifyAll();
+  return IoResult::Done;
+}
+
+void MemoryPipe::cancel() {
+  MutexLock lock(mutex_);
+  cancelled_ = true;
+  changed_.notifyAll();
+}
+
+}  // namespace zelta::test

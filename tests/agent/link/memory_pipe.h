@@ -1,0 +1,52 @@
+// A client end of a pipe without a buffer and without a driver: the test plays the driver's part,
+// and reads what is written at once or not yet.
+//
+// Any thread may call.
+#pragma once
+
+#include <vector>
+
+#include "agent/link/pipe_client_port.h"
+#include "contract/bytes.h"
+#include "platform/sync/sync.h"
+
+namespace zelta::test {
+
+class MemoryPipe : public agent::PipeConnection {
+ public:
+  // What the agent reads from now on.
+  void give(const Bytes& bytes);
+  // Each write of the agent, in order; waits until there are `count`.
+  std::vector<Bytes> takeWrites(std::size_t count);
+  std::size_t writes();
+  // From now on the driver reads nothing until `letWrites`.
+  void holdWrites();
+  void letWrites();
+  // Until a write waits.
+  void waitUntilWriting();
+
+  agent::IoResult awaitCommand() override;
+  // Without regard to the deadline.
+  agent::IoResult read(void* data, std::uint32_t size,
+                       std::optional<agent::SteadyClock::time_point> deadline) override;
+  agent::IoResult answer(const Bytes& bytes, agent::SteadyClock::time_point deadline) override;
+  agent::IoResult post(const void* data, std::uint32_t size,
+                       std::optional<agent::SteadyClock::time_point> deadline) override;
+  agent::IoResult flush() override { return agent::IoResult::Done; }
+  void cancel() override;
+
+ private:
+  // `given` ends the wait if it is an answer. What times out is not written.
+  agent::IoResult write(Bytes bytes, std::optional<agent::SteadyClock::time_point> deadline,
+                        bool isAnswer);
+
+  platform::Mutex mutex_;
+  platform::ConditionVariable changed_;
+  Bytes given_ ZELTA_GUARDED_BY(mutex_);
+  std::vector<Bytes> written_ ZELTA_GUARDED_BY(mutex_);
+  bool held_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool writing_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool cancelled_ ZELTA_GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace zelta::test

@@ -1,0 +1,138 @@
+#include "agent/link/report_rule.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace zelta::agent {
+namespace {
+
+using Report = ReportRule::Report;
+
+// What happens, and the report that it gives.
+enum class Input { Arrive, Depart, Begin, Atr, Other, Grace };
+
+struct Step {
+  Input input;
+  Report report = Report::Nothing;
+};
+
+struct Case {
+  std::string name;
+  bool cardIn;  // when the connection is made
+  std::vector<Step> steps;
+};
+
+void PrintTo(const Case& c, std::ostream* out) { *out << c.name; }
+
+class ReportRuleTable : public testing::TestWithParam<Case> {};
+
+TEST_P(ReportRuleTable, reports) {
+  CardId card = GetParam().cardIn ? 1 : kNoCard;
+  CardId last = 1;
+  ReportRule rule(card);
+  int number = 0;
+  for (const Step& step : GetParam().steps) {
+    Report report = Report::Nothing;
+    switch (step.input) {
+      case Input::Arrive:
+        card = ++last;
+        report = rule.arrived(card);
+        break;
+      case Input::Depart:
+        card = kNoCard;
+        report = rule.departed();
+        break;
+      case Input::Begin:
+        rule.commandBegan();
+        break;
+      case Input::Atr:
+        EXPECT_TRUE(rule.holds(card));
+        report = rule.answeredWithAtr();
+        break;
+      case Input::Other:
+        report = rule.answeredOtherwise();
+        break;
+      case Input::Grace:
+        report = rule.graceOver();
+        break;
+    }
+    EXPECT_EQ(report, step.report) << "step " << ++number;
+  }
+}
+
+constexpr Step kArrive{Input::Arrive}, kDepart{Input::Depart}, kBegin{Input::Begin},
+    kAtr{Input::Atr}, kOther{Input::Other}, kGrace{Input::Grace};
+constexpr Step kReportedArrive{Input::Arrive, Report::Inserted},
+    kReportedDepart{Input::Depart, Report::Removed}, kReportedOther{Input::Other, Report::Inserted},
+    kReportedGrace{Input::Grace, Report::Inserted};
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ReportRuleTable,
+    testing::Values(
+        Case{"CardInLearnedByFirstAtrIsNotReported", true, {kBegin, kAtr, kGrace}},
+        Case{"CardInIsReportedAfterFirstCommandWithoutAtr", true, {kBegin, kReportedOther}},
+        Case{"CardInIsReportedOnceOnly", true, {kBegin, kReportedOther, kBegin, kOther, kGrace}},
+        Case{"CardInIsReportedWhenGraceIsOver", true, {kReportedGrace, kGrace}},
+        Case{"CardReportedByGraceIsNotReportedByCommands",
+             true,
+             {kReportedGrace, kBegin, kOther, kBegin, kAtr}},
+        Case{"GraceInsideTheFirstCommandDoesNothing", true, {kBegin, kGrace, kAtr}},
+        Case{"ArrivalBeforeFirstCommandIsKeptBack", false, {kArrive, kBegin, kAtr}},
+        Case{
+            "ArrivalBeforeFirstCommandIsReportedAfterIt", false, {kArrive, kBegin, kReportedOther}},
+        Case{"ArrivalBeforeGraceIsReportedWithIt", false, {kArrive, kReportedGrace}},
+        Case{"ArrivalAfterGraceIsReportedAtOnce", false, {kGrace, kReportedArrive}},
+        Case{"ArrivalInsideFirstCommandIsReportedAtItsEnd",
+             false,
+             {kBegin, kArrive, kReportedOther}},
+        Case{"ArrivalAfterFirstCommandIsReportedAtOnce", false, {kBegin, kOther, kReportedArrive}},
+        Case{"ArrivalInsideALaterCommandIsReportedAtOnce",
+             false,
+             {kBegin, kOther, kBegin, kReportedArrive, kOther}},
+        Case{"LearnedCardIsReportedGoneOnce", true, {kBegin, kAtr, kReportedDepart, kDepart}},
+        Case{"LearnedCardPulledAtOnceIsReportedGone", true, {kBegin, kAtr, kReportedDepart}},
+        Case{"ReportedCardIsReportedGone",
+             false,
+             {kBegin, kOther, kReportedArrive, kReportedDepart}},
+        Case{"CardThatTheDriverNeverKnewIsNotReportedGone", true, {kDepart, kBegin, kOther}},
+        Case{"CardPulledInsideFirstCommandWithoutAnswerIsNotReportedGone",
+             true,
+             {kBegin, kDepart, kOther}},
+        Case{"SwapBeforeFirstCommandLeavesOneCardToLearn", true, {kDepart, kArrive, kBegin, kAtr}},
+        Case{"SwapOfALearnedCardIsReportedTwice",
+             true,
+             {kBegin, kAtr, kReportedDepart, kReportedArrive}},
+        Case{"SwapInsideFirstCommandIsReportedAtItsEnd",
+             true,
+             {kBegin, kDepart, kArrive, kReportedOther}},
+        Case{"AtrOfAReportedCardChangesNothing",
+             false,
+             {kBegin, kOther, kReportedArrive, kBegin, kAtr, kReportedDepart}}),
+    [](const testing::TestParamInfo<Case>& tested) { return tested.param.name; });
+
+TEST(ReportRule, holdsOnlyTheCardThatIsIn) {
+  ReportRule rule(1);
+  rule.commandBegan();
+  EXPECT_TRUE(rule.holds(1));
+  EXPECT_EQ(rule.departed(), Report::Nothing);
+  EXPECT_FALSE(rule.holds(1));
+  EXPECT_FALSE(rule.holds(kNoCard));
+  EXPECT_EQ(rule.arrived(2), Report::Nothing);
+  EXPECT_FALSE(rule.holds(1));
+  EXPECT_TRUE(rule.holds(2));
+}
+
+TEST(ReportRule, quietUntilFirstCommandOrGrace) {
+  ReportRule first(kNoCard);
+  EXPECT_TRUE(first.quiet());
+  first.commandBegan();
+  EXPECT_FALSE(first.quiet());
+  ReportRule second(kNoCard);
+  EXPECT_EQ(second.graceOver(), Report::Nothing);
+  EXPECT_FALSE(second.quiet());
+}
+
+}  // namespace
+}  // namespace zelta::agent

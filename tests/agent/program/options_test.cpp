@@ -1,0 +1,136 @@
+#include "agent/program/options.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "agent/version.h"
+
+namespace zelta::agent {
+namespace {
+
+using testing::HasSubstr;
+
+ParsedOptions parse(std::vector<const char*> arguments) {
+  arguments.insert(arguments.begin(), "zelta-agent");
+  return parseOptions(static_cast<int>(arguments.size()), arguments.data(), "What ends it.");
+}
+
+Options taken(const std::vector<const char*>& arguments) {
+  const ParsedOptions parsed = parse(arguments);
+  EXPECT_TRUE(parsed.options) << parsed.error;
+  return parsed.options.value_or(Options());
+}
+
+TEST(Options, withoutAnyTheEmulatedCardOfReaderZero) {
+  const Options options = taken({});
+  EXPECT_EQ(options.action, Options::Action::Run);
+  EXPECT_EQ(options.reader, 0u);
+  EXPECT_EQ(options.backend, BackendKind::Emulated);
+  EXPECT_EQ(options.database, "/var/lib/zelta/card");
+  EXPECT_EQ(options.control, "");
+  EXPECT_EQ(options.sessionId, "");
+  EXPECT_FALSE(options.cardIn);
+  EXPECT_FALSE(options.pin);
+  EXPECT_EQ(options.logLevel, LogLevel::Info);
+}
+
+TEST(Options, allOfTheEmulatedCard) {
+  const Options options =
+      taken({"--reader", "4294967295", "--control", "/c", "--session-id",
+             "01234567-89ab-cdef-0123-456789abcdef", "--backend", "emulated", "--no-card", "--db",
+             "/d", "--pin", "", "--cert", "a", "--cert", "b", "--log-level", "warning"});
+  EXPECT_EQ(options.reader, 4294967295u);
+  EXPECT_EQ(options.control, "/c");
+  EXPECT_EQ(options.sessionId, "01234567-89ab-cdef-0123-456789abcdef");
+  EXPECT_EQ(options.cardIn, false);
+  EXPECT_EQ(options.database, "/d");
+  EXPECT_EQ(options.pin, "");
+  EXPECT_THAT(options.certificates, testing::ElementsAre("a", "b"));
+  EXPECT_EQ(options.logLevel, LogLevel::Warning);
+}
+
+TEST(Options, otherBackEnds) {
+  const Options script = taken({"--backend", "script", "--script", "f", "--card-inserted"});
+  EXPECT_EQ(script.backend, BackendKind::Script);
+  EXPECT_EQ(script.scriptFile, "f");
+  EXPECT_EQ(script.cardIn, true);
+  const Options pcsc = taken({"--backend", "pcsc", "--pcsc-reader", "A Reader 00 00"});
+  EXPECT_EQ(pcsc.backend, BackendKind::Pcsc);
+  EXPECT_EQ(pcsc.pcscReader, "A Reader 00 00");
+}
+
+TEST(Options, logLevels) {
+  EXPECT_EQ(taken({"--quiet"}).logLevel, LogLevel::Error);
+  EXPECT_EQ(taken({"-q"}).logLevel, LogLevel::Error);
+  EXPECT_EQ(taken({"-v"}).logLevel, LogLevel::Debug);
+  EXPECT_EQ(taken({"--verbose"}).logLevel, LogLevel::Debug);
+  EXPECT_EQ(taken({"--log-level", "error"}).logLevel, LogLevel::Error);
+  EXPECT_EQ(taken({"--log-level", "info"}).logLevel, LogLevel::Info);
+  EXPECT_EQ(taken({"--log-level", "debug"}).logLevel, LogLevel::Debug);
+}
+
+TEST(Options, ctlTakesItsAgentsPlaceBeforeAndAfter) {
+  EXPECT_EQ(taken({"ctl", "insert"}).action, Options::Action::CtlInsert);
+  EXPECT_EQ(taken({"ctl", "remove", "--reader", "2"}).reader, 2u);
+  const Options status = taken({"--control", "/c", "ctl", "status", "--json"});
+  EXPECT_EQ(status.action, Options::Action::CtlStatus);
+  EXPECT_EQ(status.control, "/c");
+  EXPECT_TRUE(status.json);
+}
+
+TEST(Options, helpAndVersionEndWithSuccess) {
+  const ParsedOptions help = parse({"--help"});
+  EXPECT_FALSE(help.options);
+  EXPECT_EQ(help.exitCode, kExitDone);
+  EXPECT_EQ(help.error, "");
+  for (const char* option :
+       {"--reader",      "--control", "--session-id", "--backend",     "--card-inserted",
+        "--no-card",     "--db",      "--pin",        "--pin-file",    "--cert",
+        "--pcsc-reader", "--script",  "--log-level",  "--quiet",       "--verbose",
+        "--version",     "--help",    "ctl",          "What ends it.", "Exit codes"}) {
+    EXPECT_THAT(help.output, HasSubstr(option));
+  }
+  const ParsedOptions version = parse({"--version"});
+  EXPECT_EQ(version.exitCode, kExitDone);
+  EXPECT_EQ(version.output, std::string("zelta-agent ") + kVersion + "\n");
+}
+
+struct Wrong {
+  std::vector<const char*> arguments;
+  const char* message;
+};
+
+void PrintTo(const Wrong& wrong, std::ostream* out) { *out << wrong.message; }
+
+class WrongOptions : public testing::TestWithParam<Wrong> {};
+
+TEST_P(WrongOptions, areRefusedWithUsageExitCode) {
+  const ParsedOptions parsed = parse(GetParam().arguments);
+  EXPECT_FALSE(parsed.options);
+  EXPECT_EQ(parsed.exitCode, kExitUsage);
+  EXPECT_THAT(parsed.error, HasSubstr(GetParam().message));
+  EXPECT_EQ(parsed.output, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, WrongOptions,
+    testing::Values(Wrong{{"--nonsense"}, "--nonsense"}, Wrong{{"extra"}, "extra"},
+                    Wrong{{"--reader", "-1"}, "-1"},
+                    Wrong{{"--reader", "4294967296"}, "4294967296"}, Wrong{{"--reader", "x"}, "x"},
+                    Wrong{{"--session-id", "x"}, "'x' is not a GUID"},
+                    Wrong{{"--backend", "paper"}, "paper not in {emulated,pcsc,script}"},
+                    Wrong{{"--log-level", "loud"}, "loud not in {error,warning,info,debug}"},
+                    Wrong{{"--card-inserted", "--no-card"}, "--card-inserted excludes --no-card"},
+                    Wrong{{"--pin", "1", "--pin-file", "f"}, "excludes"},
+                    Wrong{{"--quiet", "--verbose"}, "excludes"}, Wrong{{"--cert", "a", "b"}, "b"},
+                    Wrong{{"--backend", "script"}, "--backend script needs --script FILE"},
+                    Wrong{{"--script", "f"}, "--script needs --backend script"},
+                    Wrong{{"--backend", "pcsc"}, "--backend pcsc needs --pcsc-reader NAME"},
+                    Wrong{{"--pcsc-reader", "r"}, "--pcsc-reader needs --backend pcsc"},
+                    Wrong{{"--backend", "pcsc", "--pcsc-reader", "r", "--no-card"},
+                          "not for a real card"},
+                    Wrong{{"ctl"}, "A subcommand is required"},
+                    Wrong{{"ctl", "jump"}, "A subcommand is required"}));
+
+}  // namespace
+}  // namespace zelta::agent

@@ -1,0 +1,79 @@
+#include "tests/agent/program/running_agent.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace zelta::test {
+
+using platform::MutexLock;
+
+agent::Log::Sink LogLines::sink() {
+  return [this](agent::LogLevel level, const std::string& line) {
+    MutexLock lock(mutex_);
+    lines_.push_back(std::string(agent::levelName(level)) + ": " + line);
+    changed_.notifyAll();
+  };
+}
+
+std::size_t LogLines::countLocked(const std::string& text) {
+  return static_cast<std::size_t>(
+      std::count_if(lines_.begin(), lines_.end(),
+                    [&](const std::string& line) { return line.find(text) != std::string::npos; }));
+}
+
+void LogLines::waitFor(const std::string& text) {
+  MutexLock lock(mutex_);
+  changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return countLocked(text) != 0; });
+}
+
+bool LogLines::has(const std::string& text) { return count(text) != 0; }
+
+std::size_t LogLines::count(const std::string& text) {
+  MutexLock lock(mutex_);
+  return countLocked(text);
+}
+
+std::size_t LogLines::matching(const std::regex& form) {
+  MutexLock lock(mutex_);
+  return static_cast<std::size_t>(
+      std::count_if(lines_.begin(), lines_.end(),
+                    [&](const std::string& line) { return std::regex_match(line, form); }));
+}
+
+agent::Timing patientTiming() {
+  agent::Timing timing;
+  timing.driverLimit = kLong;
+  timing.answerLimit = kLong;
+  timing.grace = kLong;
+  return timing;
+}
+
+RunningAgent::RunningAgent(agent::CardBackend& card, agent::Timing timing)
+    : log_(agent::LogLevel::Debug, lines_.sink()), pipes_(agent::makeSystemPipeClient()) {
+  agent::Agent::Settings settings;
+  settings.sessionId = kSession;
+  settings.timing = timing;
+  settings.onConnection = [this](bool connected) {
+    MutexLock lock(mutex_);
+    connected_ = connected;
+    changed_.notifyAll();
+  };
+  settings.onFailure = failTest;
+  agent_ = std::make_unique<agent::Agent>(*pipes_, card, settings, log_);
+  agent_->start();
+  thread_ = std::thread([this] { agent::guarded(failTest, [this] { agent_->run(); }); });
+}
+
+RunningAgent::~RunningAgent() { stop(); }
+
+void RunningAgent::waitConnected(bool connected) {
+  MutexLock lock(mutex_);
+  changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return connected_ == connected; });
+}
+
+void RunningAgent::stop() {
+  agent_->stop();
+  if (thread_.joinable()) thread_.join();
+}
+
+}  // namespace zelta::test

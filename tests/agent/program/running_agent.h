@@ -1,0 +1,78 @@
+// An agent that runs in the test's process, on a thread of its own, over the real pipes.
+#pragma once
+
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent/program/agent.h"
+#include "platform/sync/sync.h"
+#include "tests/agent/program/fail_test.h"
+#include "tests/support/temp_folder.h"
+
+namespace zelta::test {
+
+// The pipes of a test: in a folder of its own, for its lifetime.
+class PipeFolder {
+ public:
+  PipeFolder() : root_("ZELTA_PIPE_ROOT", folder_.file("p")) {}
+  std::string file(const std::string& name) const { return folder_.file(name); }
+
+ private:
+  TempFolder folder_;
+  ScopedVariable root_;
+};
+
+// Lines of the agent's log, as "level: text".
+class LogLines {
+ public:
+  agent::Log::Sink sink();
+  // Until a line contains `text`.
+  void waitFor(const std::string& text);
+  bool has(const std::string& text);
+  std::size_t count(const std::string& text);
+  // Lines that are of this form as a whole.
+  std::size_t matching(const std::regex& form);
+
+ private:
+  std::size_t countLocked(const std::string& text) ZELTA_REQUIRES(mutex_);
+
+  platform::Mutex mutex_;
+  platform::ConditionVariable changed_;
+  std::vector<std::string> lines_ ZELTA_GUARDED_BY(mutex_);
+};
+
+// So long that nothing that is late in a test on a loaded machine takes it for late.
+inline constexpr std::chrono::milliseconds kLong{60000};
+
+// Times with which nothing happens by time alone.
+agent::Timing patientTiming();
+
+class RunningAgent {
+ public:
+  // `card` outlives this.
+  explicit RunningAgent(agent::CardBackend& card, agent::Timing timing = patientTiming());
+  ~RunningAgent();
+
+  agent::Agent& agent() { return *agent_; }
+  LogLines& log() { return lines_; }
+  // Until the driver is known to have accepted a connection, or to be gone.
+  void waitConnected(bool connected);
+  // Ends the agent and joins its thread.
+  void stop();
+
+ private:
+  LogLines lines_;
+  agent::Log log_;
+  std::unique_ptr<agent::PipeClientPort> pipes_;
+  platform::Mutex mutex_;
+  platform::ConditionVariable changed_;
+  bool connected_ ZELTA_GUARDED_BY(mutex_) = false;
+  std::unique_ptr<agent::Agent> agent_;
+  std::thread thread_;
+};
+
+inline constexpr char kSession[] = "01234567-89ab-cdef-0123-456789abcdef";
+
+}  // namespace zelta::test

@@ -1,0 +1,45 @@
+#include "contract/bytes.h"
+
+#include <gtest/gtest.h>
+
+namespace zelta {
+namespace {
+
+struct NumberRow {
+  std::uint32_t number;
+  Bytes bytes;
+};
+
+class LittleEndianTest : public testing::TestWithParam<NumberRow> {};
+
+TEST_P(LittleEndianTest, NumberTravelsLowestByteFirstAndComesBack) {
+  const auto& [number, bytes] = GetParam();
+  EXPECT_EQ(numberBytes(number), bytes);
+  const auto array = toLittleEndian(number);
+  EXPECT_EQ(Bytes(array.begin(), array.end()), bytes);
+  EXPECT_EQ(loadLittleEndian(bytes.data()), number);
+}
+
+INSTANTIATE_TEST_SUITE_P(Numbers, LittleEndianTest,
+                         testing::Values(NumberRow{2, {0x02, 0, 0, 0}},
+                                         NumberRow{0x12345678, {0x78, 0x56, 0x34, 0x12}},
+                                         NumberRow{0xFFFFFFFE, {0xFE, 0xFF, 0xFF, 0xFF}}));
+
+TEST(Hex, WritesTwoUppercaseDigitsAByte) {
+  EXPECT_EQ(toHex({}), "");
+  EXPECT_EQ(toHex({0x00, 0x9A, 0xFF}), "009AFF");
+}
+
+TEST(Hex, ReadsBothCasesWithSpacesBetweenBytes) {
+  EXPECT_EQ(parseHex("00 9a Ff\t01"), (Bytes{0x00, 0x9A, 0xFF, 0x01}));
+  EXPECT_EQ(parseHex(""), Bytes());
+}
+
+TEST(Hex, RefusesWhatIsNoByte) {
+  for (const char* text : {"0", "0 0", "0g", "g0", "00 0", "0x00", "-1"}) {
+    EXPECT_FALSE(parseHex(text)) << text;
+  }
+}
+
+}  // namespace
+}  // namespace zelta

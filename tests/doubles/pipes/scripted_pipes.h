@@ -1,0 +1,130 @@
+// Pipes that record every call and do as they are told: each call succeeds unless it was told to
+// fail; a cancel fails with 1168 where nothing is blocked, a call with an unknown handle with 6.
+// There is no client; what it would have written is fed by the test.
+//
+// Any thread may call. A read without enough bytes, and a connect that is held, block until they
+// are fed or let go, cancelled (995), disconnected or closed (109). Waits of the test itself end
+// with false after `kLimit`.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "platform/pipe/pipe.h"
+#include "platform/sync/sync.h"
+
+namespace zelta::test {
+
+enum class PipeCallKind {
+  Convert,
+  Create,
+  Connect,
+  Disconnect,
+  Cancel,
+  Read,
+  Write,
+  Flush,
+  Close,
+};
+
+struct PipeCall {
+  PipeCallKind kind = PipeCallKind::Convert;
+  std::string text;                          // Convert: the SDDL; else the pipe's name
+  platform::PipeHandleValue pipe = nullptr;  // Create: the result
+  platform::PipeArguments arguments;         // Create
+  std::uint32_t size = 0;                    // Read, Write: bytes asked for
+  std::vector<std::uint8_t> data;            // Write
+  // What the call ended with. A call is recorded when it is entered; until it returns this is
+  // `kRunning`.
+  std::uint32_t error = 0;
+
+  static constexpr std::uint32_t kRunning = 997;
+};
+
+class ScriptedPipes final : public platform::PipeApi {
+ public:
+  static constexpr unsigned kForever = ~0U;
+  static constexpr std::chrono::milliseconds kLimit{30000};
+
+  // The first handle; each further one is one greater.
+  explicit ScriptedPipes(std::uintptr_t firstHandle = 0x1000) : nextHandle_(firstHandle) {}
+
+  // Calls `from` (counted from 1 since the double was made, of this kind and pipe) and the
+  // `count - 1` after it fail with the error. Without a name, the calls on every pipe count.
+  void fail(PipeCallKind kind, std::uint32_t error, unsigned from = 1, unsigned count = 1,
+            const std::string& name = {});
+  // Bytes that the pipe's reads take, in order.
+  void feed(const std::string& name, const std::vector<std::uint8_t>& bytes);
+  // Connects on the pipe block until `letConnect`, which lets one of them succeed.
+  void holdConnect(const std::string& name);
+  void letConnect(const std::string& name);
+
+  std::vector<PipeCall> calls() const;
+  std::vector<PipeCall> calls(PipeCallKind kind) const;
+  // Waits until that many calls of the kind have been entered.
+  bool waitForCalls(PipeCallKind kind, std::size_t count);
+  // Waits until a read or connect is blocked on the pipe.
+  bool waitUntilBlocked(const std::string& name);
+  // Null where the name has not been created.
+  platform::PipeHandleValue handle(const std::string& name) const;
+  // What every conversion gives.
+  platform::SecurityDescriptor descriptor() { return &descriptor_; }
+
+  bool convertSecurityDescriptor(const std::string& sddl,
+                                 platform::SecurityDescriptor* out) override;
+  platform::PipeHandleValue create(const std::string& name,
+                                   const platform::PipeArguments& arguments) override;
+  bool connect(platform::PipeHandleValue pipe) override;
+  bool disconnect(platform::PipeHandleValue pipe) override;
+  bool cancel(platform::PipeHandleValue pipe) override;
+  bool read(platform::PipeHandleValue pipe, void* data, std::uint32_t size) override;
+  bool write(platform::PipeHandleValue pipe, const void* data, std::uint32_t size) override;
+  bool flush(platform::PipeHandleValue pipe) override;
+  bool close(platform::PipeHandleValue pipe) override;
+
+ private:
+  struct Wait {
+    std::uint32_t endedBy = 0;
+  };
+  struct Pipe {
+    std::deque<std::uint8_t> fed;
+    bool held = false;  // connects need a permit
+    unsigned permits = 0;
+    std::vector<Wait*> waits;  // on their callers' stacks
+  };
+  struct Failure {
+    PipeCallKind kind;
+    std::uint32_t error;
+    unsigned from;
+    unsigned count;
+    std::string name;
+  };
+
+  // Records the call; its number, and the error it was told to fail with (6 for a bad handle).
+  std::size_t enter(PipeCall call, std::uint32_t* error) ZELTA_REQUIRES(mutex_);
+  std::uint32_t scriptedError(const PipeCall& call) ZELTA_REQUIRES(mutex_);
+  bool leave(std::size_t number, std::uint32_t error) ZELTA_REQUIRES(mutex_);
+  // A call on a pipe that does not block.
+  bool plainCall(PipeCallKind kind, platform::PipeHandleValue pipe);
+  template <typename Ready>
+  std::uint32_t block(Pipe& pipe, platform::MutexLock& lock, Ready ready) ZELTA_REQUIRES(mutex_);
+  // True where something was blocked.
+  bool endWaits(Pipe& pipe, std::uint32_t error) ZELTA_REQUIRES(mutex_);
+  Pipe& pipeOf(platform::PipeHandleValue pipe) ZELTA_REQUIRES(mutex_);
+  static bool matches(const PipeCall& call, PipeCallKind kind, const std::string& name);
+
+  mutable platform::Mutex mutex_;
+  platform::ConditionVariable changed_;
+  char descriptor_ = 0;
+  std::uintptr_t nextHandle_ ZELTA_GUARDED_BY(mutex_);
+  std::map<std::string, Pipe> pipes_ ZELTA_GUARDED_BY(mutex_);
+  std::map<platform::PipeHandleValue, std::string> handles_ ZELTA_GUARDED_BY(mutex_);
+  std::vector<Failure> failures_ ZELTA_GUARDED_BY(mutex_);
+  std::vector<PipeCall> calls_ ZELTA_GUARDED_BY(mutex_);
+};
+
+}  // namespace zelta::test

@@ -1,0 +1,297 @@
+#include "tests/doubles/pipes/serialising_pipes.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/process/error.h"
+
+namespace zelta::test {
+
+using platform::MutexLock;
+using platform::PipeHandleValue;
+namespace error = platform::error;
+
+namespace {
+
+bool finish(std::uint32_t error) {
+  if (error != error::kSuccess) platform::setLastError(error);
+  return error == error::kSuccess;
+}
+
+std::vector<std::uint8_t> take(std::deque<std::uint8_t>& from, std::size_t size) {
+  const auto end = from.begin() + static_cast<std::ptrdiff_t>(std::min(size, from.size()));
+  std::vector<std::uint8_t> bytes(from.begin(), end);
+  from.erase(from.begin(), end);
+  return bytes;
+}
+
+}  // namespace
+
+SerialisingPipes::Client SerialisingPipes::connectClient(const std::string& name) {
+  MutexLock lock(mutex_);
+  const SharedPipe found = named(name);
+  if (found == nullptr) {
+    finish(error::kFileNotFound);
+    return kNoClient;
+  }
+  Pipe& pipe = *found;
+  if (pipe.state != State::Listening) {
+    finish(error::kPipeBusy);
+    return kNoClient;
+  }
+  pipe.state = State::Connected;
+  pipe.client = ++lastClient_;
+  changed_.notifyAll();
+  return pipe.client;
+}
+
+bool SerialisingPipes::clientWrite(Client client, const std::vector<std::uint8_t>& bytes) {
+  MutexLock lock(mutex_);
+  const SharedPipe pipe = pipeOf(client);
+  if (pipe == nullptr) return finish(error::kPipeNotConnected);
+  pipe->in.insert(pipe->in.end(), bytes.begin(), bytes.end());
+  changed_.notifyAll();
+  return true;
+}
+
+std::vector<std::uint8_t> SerialisingPipes::clientRead(Client client, std::size_t size) {
+  MutexLock lock(mutex_);
+  std::vector<std::uint8_t> bytes;
+  changed_.waitFor(lock, kLimit, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    const SharedPipe pipe = pipeOf(client);
+    if (pipe == nullptr) return true;
+    const std::vector<std::uint8_t> more = take(pipe->out, size - bytes.size());
+    bytes.insert(bytes.end(), more.begin(), more.end());
+    if (!more.empty()) changed_.notifyAll();
+    return bytes.size() == size;
+  });
+  return bytes;
+}
+
+bool SerialisingPipes::waitForDrop(Client client) {
+  MutexLock lock(mutex_);
+  return changed_.waitFor(
+      lock, kLimit, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return pipeOf(client) == nullptr; });
+}
+
+void SerialisingPipes::closeClient(Client client) {
+  MutexLock lock(mutex_);
+  const SharedPipe pipe = pipeOf(client);
+  if (pipe == nullptr) return;
+  pipe->state = State::ClientGone;
+  pipe->client = kNoClient;
+  if (!pipe->out.empty()) pipe->in.clear();
+  pipe->out.clear();
+  changed_.notifyAll();
+}
+
+void SerialisingPipes::bufferWrites(std::uint32_t bytes) {
+  MutexLock lock(mutex_);
+  leastOutBuffer_ = bytes;
+}
+
+bool SerialisingPipes::waitUntilQueued(PipeHandleValue pipe, std::size_t behind) {
+  return waitUntilQueuedOn([=]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return find(pipe); }, behind);
+}
+
+bool SerialisingPipes::waitUntilQueued(const std::string& name, std::size_t behind) {
+  return waitUntilQueuedOn([&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return named(name); }, behind);
+}
+
+template <typename Find>
+bool SerialisingPipes::waitUntilQueuedOn(Find find, std::size_t behind) {
+  MutexLock lock(mutex_);
+  return changed_.waitFor(lock, kLimit, [&] {
+    const SharedPipe found = find();
+    return found != nullptr && found->blocked && found->turns.size() == behind + 1;
+  });
+}
+
+bool SerialisingPipes::convertSecurityDescriptor(const std::string& sddl,
+                                                 platform::SecurityDescriptor* out) {
+  if (sddl.empty()) return finish(error::kInvalidParameter);
+  *out = &descriptor_;
+  return true;
+}
+
+PipeHandleValue SerialisingPipes::create(const std::string& name,
+                                         const platform::PipeArguments& arguments) {
+  MutexLock lock(mutex_);
+  if (named(name) != nullptr) {
+    finish(error::kAccessDenied);
+    return platform::invalidPipe();
+  }
+  const SharedPipe pipe = std::make_shared<Pipe>();
+  pipe->name = name;
+  pipe->outBufferSize = std::max(arguments.outBufferSize, leastOutBuffer_);
+  const auto handle = reinterpret_cast<PipeHandleValue>(++lastHandle_);
+  pipes_[handle] = pipe;
+  return handle;
+}
+
+// A place in the handle's queue, from the call until it returns.
+class SerialisingPipes::Turn {
+ public:
+  Turn(SerialisingPipes& pipes, Pipe& pipe, MutexLock& lock) ZELTA_REQUIRES(pipes.mutex_)
+      : pipes_(pipes), pipe_(pipe) {
+    const std::uint64_t turn = ++pipes.lastTurn_;
+    pipe.turns.push_back(turn);
+    pipes.changed_.notifyAll();
+    pipes.changed_.wait(lock, [&] { return pipe.turns.front() == turn; });
+  }
+  ~Turn() {
+    pipe_.turns.pop_front();
+    pipes_.changed_.notifyAll();
+  }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+
+ private:
+  SerialisingPipes& pipes_;
+  Pipe& pipe_;
+};
+
+template <typename Body>
+bool SerialisingPipes::serve(PipeHandleValue pipe, Body body) {
+  MutexLock lock(mutex_);
+  const SharedPipe found = find(pipe);
+  if (found == nullptr) return finish(error::kInvalidHandle);
+  const Turn turn(*this, *found, lock);
+  if (found->state == State::Closed) return finish(error::kInvalidHandle);
+  return finish(body(*found, lock));
+}
+
+bool SerialisingPipes::connect(PipeHandleValue pipe) {
+  return serve(pipe, [this](Pipe& end, MutexLock& lock) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    if (end.state == State::Connected) return error::kPipeConnected;
+    if (end.state == State::ClientGone) return error::kNoData;
+    end.state = State::Listening;
+    return block(end, lock, [&] { return end.state != State::Listening; });
+  });
+}
+
+bool SerialisingPipes::disconnect(PipeHandleValue pipe) {
+  return serve(pipe, [this](Pipe& end, MutexLock&) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    if (end.state == State::Disconnected) return error::kPipeNotConnected;
+    drop(end, State::Disconnected);
+    return error::kSuccess;
+  });
+}
+
+bool SerialisingPipes::cancel(PipeHandleValue pipe) {
+  MutexLock lock(mutex_);
+  const SharedPipe found = find(pipe);
+  if (found == nullptr) return finish(error::kInvalidHandle);
+  if (!found->blocked || found->cancelled) return finish(error::kNotFound);
+  found->cancelled = true;
+  changed_.notifyAll();
+  return true;
+}
+
+bool SerialisingPipes::read(PipeHandleValue pipe, void* data, std::uint32_t size) {
+  return serve(pipe, [&](Pipe& end, MutexLock& lock) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    const bool leftBytes = end.state == State::ClientGone && !end.in.empty();
+    if (end.state != State::Connected && !leftBytes) return noClientError(end, error::kBrokenPipe);
+    const std::uint32_t error =
+        block(end, lock, [&] { return end.in.size() >= size || end.state != State::Connected; });
+    if (error != error::kSuccess) return error;
+    if (end.in.size() < size) {
+      end.in.clear();
+      return error::kBrokenPipe;
+    }
+    const std::vector<std::uint8_t> bytes = take(end.in, size);
+    std::copy(bytes.begin(), bytes.end(), static_cast<std::uint8_t*>(data));
+    return error::kSuccess;
+  });
+}
+
+bool SerialisingPipes::write(PipeHandleValue pipe, const void* data, std::uint32_t size) {
+  return serve(pipe, [&](Pipe& end, MutexLock& lock) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    if (end.state == State::ClientGone) end.in.clear();
+    if (end.state != State::Connected) return noClientError(end, error::kNoData);
+    const auto* bytes = static_cast<const std::uint8_t*>(data);
+    end.out.insert(end.out.end(), bytes, bytes + size);
+    changed_.notifyAll();
+    const std::uint32_t error = block(end, lock, [&] {
+      return end.out.size() <= end.outBufferSize || end.state != State::Connected;
+    });
+    // What of it the client has not read is taken back.
+    if (error != error::kSuccess) end.out.clear();
+    if (error != error::kSuccess) return error;
+    return end.state == State::Connected ? error::kSuccess : error::kNoData;
+  });
+}
+
+bool SerialisingPipes::flush(PipeHandleValue pipe) {
+  return serve(pipe, [&](Pipe& end, MutexLock& lock) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    if (end.state != State::Connected) return noClientError(end, error::kBrokenPipe);
+    const std::uint32_t error =
+        block(end, lock, [&] { return end.out.empty() || end.state != State::Connected; });
+    if (error != error::kSuccess) return error;
+    return end.state == State::Connected ? error::kSuccess : error::kBrokenPipe;
+  });
+}
+
+bool SerialisingPipes::close(PipeHandleValue pipe) {
+  return serve(pipe, [this, pipe](Pipe& end, MutexLock&) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    drop(end, State::Closed);
+    pipes_.erase(pipe);
+    return error::kSuccess;
+  });
+}
+
+SerialisingPipes::SharedPipe SerialisingPipes::find(PipeHandleValue pipe) {
+  const auto found = pipes_.find(pipe);
+  return found == pipes_.end() ? nullptr : found->second;
+}
+
+SerialisingPipes::SharedPipe SerialisingPipes::named(const std::string& name) {
+  const auto found = std::find_if(pipes_.begin(), pipes_.end(),
+                                  [&](const auto& entry) { return entry.second->name == name; });
+  return found == pipes_.end() ? nullptr : found->second;
+}
+
+SerialisingPipes::SharedPipe SerialisingPipes::pipeOf(Client client) {
+  if (client == kNoClient) return nullptr;
+  for (const auto& entry : pipes_) {
+    if (entry.second->client == client) return entry.second;
+  }
+  return nullptr;
+}
+
+// For the operation that is served. An operation that need not wait is not cancelled.
+template <typename Ready>
+std::uint32_t SerialisingPipes::block(Pipe& pipe, MutexLock& lock, Ready ready) {
+  if (ready()) return error::kSuccess;
+  pipe.blocked = true;
+  pipe.cancelled = false;
+  changed_.notifyAll();
+  changed_.wait(lock, [&] { return pipe.cancelled || ready(); });
+  pipe.blocked = false;
+  return ready() ? error::kSuccess : error::kOperationAborted;
+}
+
+void SerialisingPipes::drop(Pipe& pipe, State next) {
+  pipe.state = next;
+  pipe.client = kNoClient;
+  pipe.in.clear();
+  pipe.out.clear();
+  changed_.notifyAll();
+}
+
+std::uint32_t SerialisingPipes::noClientError(const Pipe& pipe, std::uint32_t whenGone) {
+  switch (pipe.state) {
+    case State::Listening:
+      return error::kPipeListening;
+    case State::Disconnected:
+      return error::kPipeNotConnected;
+    case State::ClientGone:
+      return whenGone;
+    case State::Connected:
+    case State::Closed:
+      break;
+  }
+  return error::kInvalidHandle;
+}
+
+}  // namespace zelta::test

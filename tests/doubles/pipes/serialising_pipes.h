@@ -1,0 +1,118 @@
+// Pipes in memory whose handles behave like synchronous handles on Windows: a handle serves one
+// operation at a time, in the order of arrival, and disconnect, flush, write and close from another
+// thread wait behind a read or connect that is blocked. Only cancel does not wait, and it reaches
+// only the operation that is being served, not those behind it. A way of stopping that would hang
+// on Windows therefore hangs on these pipes, too; `waitUntilQueued` shows it to a test.
+//
+//     no client yet            read, write, flush 536
+//     after a disconnect       read, write, flush, disconnect 233; clients are turned away until
+//                              the next connect
+//     client gone              read 109 (when what it wrote has been read; at once if it left with
+//                              bytes unread or a write found it gone), write 232, flush 109,
+//                              connect 232
+//     client there already     connect 535
+//     nothing to cancel        cancel 1168
+//
+// In two ways they differ from Windows: a name in use is refused with 5, there with 231 where it
+// has one instance; and a read waits for all its bytes, where Windows' returns with those that are
+// there.
+//
+// With a buffer size of 0 a write returns once the client has read it. Clients write into a buffer
+// without limit, as no client of a test should have to run on a thread of its own.
+//
+// Any thread may call anything. Clients' waits end with a failure after `kLimit`, those of the
+// pipe's own operations never do.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/pipe/pipe.h"
+#include "platform/sync/sync.h"
+
+namespace zelta::test {
+
+class SerialisingPipes final : public platform::PipeApi {
+ public:
+  static constexpr std::chrono::milliseconds kLimit{30000};
+
+  using Client = std::uint32_t;
+  static constexpr Client kNoClient = 0;
+
+  // The client's side. Opening fails where the pipe does not exist (last error 2), has a client
+  // or was disconnected and is not being connected (231).
+  Client connectClient(const std::string& name);
+  // False where the server has dropped the client.
+  bool clientWrite(Client client, const std::vector<std::uint8_t>& bytes);
+  // Waits for `size` bytes; fewer where the client was dropped.
+  std::vector<std::uint8_t> clientRead(Client client, std::size_t size);
+  // Waits until the server has dropped the client.
+  bool waitForDrop(Client client);
+  void closeClient(Client client);
+
+  // Whatever their creator asks for, pipes created from now on take so many bytes without waiting
+  // for the client to read them: it is the flush that waits then.
+  void bufferWrites(std::uint32_t bytes);
+
+  // Waits until an operation is blocked on the pipe, and `behind` others wait for their turn.
+  bool waitUntilQueued(platform::PipeHandleValue pipe, std::size_t behind = 0);
+  // The same for the pipe of that name, also where it is not created yet.
+  bool waitUntilQueued(const std::string& name, std::size_t behind = 0);
+
+  // Fails for an empty text; the entries are not looked at.
+  bool convertSecurityDescriptor(const std::string& sddl,
+                                 platform::SecurityDescriptor* out) override;
+  platform::PipeHandleValue create(const std::string& name,
+                                   const platform::PipeArguments& arguments) override;
+  bool connect(platform::PipeHandleValue pipe) override;
+  bool disconnect(platform::PipeHandleValue pipe) override;
+  bool cancel(platform::PipeHandleValue pipe) override;
+  bool read(platform::PipeHandleValue pipe, void* data, std::uint32_t size) override;
+  bool write(platform::PipeHandleValue pipe, const void* data, std::uint32_t size) override;
+  bool flush(platform::PipeHandleValue pipe) override;
+  bool close(platform::PipeHandleValue pipe) override;
+
+ private:
+  enum class State { Listening, Connected, ClientGone, Disconnected, Closed };
+  struct Pipe {
+    std::string name;
+    std::uint32_t outBufferSize = 0;
+    State state = State::Listening;
+    Client client = kNoClient;
+    std::deque<std::uint8_t> in;      // written by the client, not read
+    std::deque<std::uint8_t> out;     // written to the client, not read
+    std::deque<std::uint64_t> turns;  // operations in order; the first is served
+    bool blocked = false;             // the one that is served waits
+    bool cancelled = false;           // and has been cancelled
+  };
+  using SharedPipe = std::shared_ptr<Pipe>;
+  class Turn;
+
+  SharedPipe find(platform::PipeHandleValue pipe) ZELTA_REQUIRES(mutex_);
+  SharedPipe named(const std::string& name) ZELTA_REQUIRES(mutex_);
+  SharedPipe pipeOf(Client client) ZELTA_REQUIRES(mutex_);
+  template <typename Find>
+  bool waitUntilQueuedOn(Find find, std::size_t behind);
+  template <typename Body>
+  bool serve(platform::PipeHandleValue pipe, Body body);
+  template <typename Ready>
+  std::uint32_t block(Pipe& pipe, platform::MutexLock& lock, Ready ready) ZELTA_REQUIRES(mutex_);
+  void drop(Pipe& pipe, State next) ZELTA_REQUIRES(mutex_);
+  static std::uint32_t noClientError(const Pipe& pipe, std::uint32_t whenGone);
+
+  platform::Mutex mutex_;
+  platform::ConditionVariable changed_;
+  char descriptor_ = 0;
+  std::uint32_t leastOutBuffer_ ZELTA_GUARDED_BY(mutex_) = 0;
+  std::uint64_t lastTurn_ ZELTA_GUARDED_BY(mutex_) = 0;
+  std::uintptr_t lastHandle_ ZELTA_GUARDED_BY(mutex_) = 0;
+  Client lastClient_ ZELTA_GUARDED_BY(mutex_) = kNoClient;
+  std::map<platform::PipeHandleValue, SharedPipe> pipes_ ZELTA_GUARDED_BY(mutex_);
+};
+
+}  // namespace zelta::test

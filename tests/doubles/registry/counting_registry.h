@@ -1,0 +1,73 @@
+// The system's registry, counting what is asked of it. In the system's place for its lifetime, in
+// which it must outlive whatever reads the registry. Any thread may wait.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "platform/process/ports.h"
+#include "platform/sync/sync.h"
+
+namespace zelta::test {
+
+class CountingRegistry final : public platform::RegistryApi {
+ public:
+  CountingRegistry() : before_(platform::ports()), real_(*before_.registry) {
+    platform::Ports with = before_;
+    with.registry = this;
+    platform::replacePorts(with);
+  }
+  ~CountingRegistry() override { platform::replacePorts(before_); }
+  CountingRegistry(const CountingRegistry&) = delete;
+  CountingRegistry& operator=(const CountingRegistry&) = delete;
+
+  // Waits until so many more numbers have begun to be read.
+  void awaitLooks(std::size_t more) {
+    platform::MutexLock lock(mutex_);
+    const std::size_t wanted = looks_ + more;
+    counted_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return looks_ >= wanted; });
+  }
+  // Waits until notifications have been asked for so often in all, and are in force.
+  void awaitNotifications(std::size_t count) {
+    platform::MutexLock lock(mutex_);
+    counted_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return notifications_ >= count; });
+  }
+
+  std::uint32_t getDword(const std::u16string& key, const std::u16string& value,
+                         std::uint32_t* out) override {
+    count(&CountingRegistry::looks_);
+    return real_.getDword(key, value, out);
+  }
+  std::uint32_t openKey(const std::u16string& key, platform::RegistryKey* out) override {
+    return real_.openKey(key, out);
+  }
+  std::uint32_t queryValue(platform::RegistryKey key, const std::u16string& value,
+                           std::uint32_t* type, void* data, std::uint32_t* size) override {
+    return real_.queryValue(key, value, type, data, size);
+  }
+  std::uint32_t notifyChange(platform::RegistryKey key, platform::EventHandle event) override {
+    const std::uint32_t result = real_.notifyChange(key, event);
+    count(&CountingRegistry::notifications_);
+    return result;
+  }
+  void closeKey(platform::RegistryKey key) override { real_.closeKey(key); }
+
+ private:
+  void count(std::size_t CountingRegistry::*counter) {
+    {
+      platform::MutexLock lock(mutex_);
+      ++(this->*counter);
+    }
+    counted_.notifyAll();
+  }
+
+  const platform::Ports before_;
+  platform::RegistryApi& real_;
+  platform::Mutex mutex_;
+  platform::ConditionVariable counted_;
+  std::size_t looks_ = 0;  // under the mutex, as the next
+  std::size_t notifications_ = 0;
+};
+
+}  // namespace zelta::test

@@ -1,0 +1,175 @@
+#include "tests/doubles/registry/fake_registry.h"
+
+#include <cstring>
+#include <utility>
+
+#include "platform/process/error.h"
+
+namespace zelta::test {
+
+using platform::MutexLock;
+using platform::RegistryContent;
+using platform::RegistryValue;
+namespace error = platform::error;
+
+FakeRegistry::FakeRegistry(platform::EventApi& events) : events_(events) {}
+
+void FakeRegistry::createKey(const std::u16string& key) {
+  MutexLock lock(mutex_);
+  const RegistryContent before = content_;
+  content_.createKey(key);
+  signalChanges(before);
+}
+
+void FakeRegistry::setDword(const std::u16string& key, const std::u16string& name,
+                            std::uint32_t value) {
+  setValue(key, name, platform::kRegDword, platform::registryDword(value));
+}
+
+void FakeRegistry::setText(const std::u16string& key, const std::u16string& name,
+                           const std::u16string& text, std::uint32_t type) {
+  setValue(key, name, type, platform::registryText(text));
+}
+
+void FakeRegistry::setValue(const std::u16string& key, const std::u16string& name,
+                            std::uint32_t type, std::vector<std::uint8_t> data) {
+  MutexLock lock(mutex_);
+  const RegistryContent before = content_;
+  content_.createKey(key)[platform::foldName(name)] = RegistryValue{type, std::move(data)};
+  signalChanges(before);
+}
+
+void FakeRegistry::deleteValue(const std::u16string& key, const std::u16string& name) {
+  MutexLock lock(mutex_);
+  if (content_.find(key, name) == nullptr) return;
+  const RegistryContent before = content_;
+  content_.createKey(key).erase(platform::foldName(name));
+  signalChanges(before);
+}
+
+void FakeRegistry::deleteKey(const std::u16string& key) {
+  MutexLock lock(mutex_);
+  const RegistryContent before = content_;
+  content_.deleteKey(key);
+  signalChanges(before);
+}
+
+void FakeRegistry::fail(Call call, std::uint32_t code, std::size_t times) {
+  MutexLock lock(mutex_);
+  CallState& state = stateOf(call);
+  state.code = code;
+  state.failures = code == error::kSuccess ? 0 : times;
+}
+
+std::size_t FakeRegistry::calls(Call call) {
+  MutexLock lock(mutex_);
+  return stateOf(call).count;
+}
+
+void FakeRegistry::waitForCalls(Call call, std::size_t count) {
+  MutexLock lock(mutex_);
+  called_.wait(lock,
+               [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return stateOf(call).count >= count; });
+}
+
+std::size_t FakeRegistry::openKeys() {
+  MutexLock lock(mutex_);
+  return keys_.size();
+}
+
+std::size_t FakeRegistry::pendingWatches() {
+  MutexLock lock(mutex_);
+  std::size_t count = 0;
+  for (const auto& [number, key] : keys_) count += key.pending != nullptr ? 1 : 0;
+  return count;
+}
+
+std::uint32_t FakeRegistry::getDword(const std::u16string& key, const std::u16string& value,
+                                     std::uint32_t* out) {
+  MutexLock lock(mutex_);
+  if (const std::uint32_t code = enter(Call::kGetDword)) return code;
+  const RegistryValue* found = content_.find(key, value);
+  if (found == nullptr) return error::kFileNotFound;
+  if (found->type != platform::kRegDword) return error::kUnsupportedType;
+  if (found->data.size() != sizeof(*out)) return error::kInvalidData;
+  *out = 0;
+  for (std::size_t i = found->data.size(); i > 0; --i) *out = *out << 8 | found->data[i - 1];
+  return error::kSuccess;
+}
+
+std::uint32_t FakeRegistry::openKey(const std::u16string& key, platform::RegistryKey* out) {
+  MutexLock lock(mutex_);
+  *out = nullptr;
+  if (const std::uint32_t code = enter(Call::kOpenKey)) return code;
+  if (!content_.hasKey(key)) return error::kFileNotFound;
+  keys_[++lastKey_].path = key;
+  *out = reinterpret_cast<platform::RegistryKey>(lastKey_);
+  return error::kSuccess;
+}
+
+std::uint32_t FakeRegistry::queryValue(platform::RegistryKey key, const std::u16string& value,
+                                       std::uint32_t* type, void* data, std::uint32_t* size) {
+  MutexLock lock(mutex_);
+  if (const std::uint32_t code = enter(Call::kQueryValue)) return code;
+  const OpenKey* open = find(key);
+  if (open == nullptr) return error::kInvalidHandle;
+  const RegistryValue* found = content_.find(open->path, value);
+  if (found == nullptr) return error::kFileNotFound;
+  const std::size_t capacity = *size;
+  *size = static_cast<std::uint32_t>(found->data.size());
+  if (data != nullptr) {
+    if (capacity < found->data.size()) return error::kMoreData;
+    if (!found->data.empty()) std::memcpy(data, found->data.data(), found->data.size());
+  }
+  if (type != nullptr) *type = found->type;
+  return error::kSuccess;
+}
+
+std::uint32_t FakeRegistry::notifyChange(platform::RegistryKey key, platform::EventHandle event) {
+  MutexLock lock(mutex_);
+  if (const std::uint32_t code = enter(Call::kNotifyChange)) return code;
+  OpenKey* open = find(key);
+  if (open == nullptr || event == nullptr) return error::kInvalidHandle;
+  open->pending = event;
+  if (open->changed) signal(events_, open);
+  return error::kSuccess;
+}
+
+void FakeRegistry::closeKey(platform::RegistryKey key) {
+  MutexLock lock(mutex_);
+  enter(Call::kCloseKey);
+  keys_.erase(reinterpret_cast<std::uintptr_t>(key));
+}
+
+FakeRegistry::CallState& FakeRegistry::stateOf(Call call) {
+  return calls_[static_cast<std::size_t>(call)];
+}
+
+std::uint32_t FakeRegistry::enter(Call call) {
+  CallState& state = stateOf(call);
+  ++state.count;
+  called_.notifyAll();
+  if (state.failures == 0) return error::kSuccess;
+  if (state.failures != kForever) --state.failures;
+  return state.code;
+}
+
+FakeRegistry::OpenKey* FakeRegistry::find(platform::RegistryKey key) {
+  const auto found = keys_.find(reinterpret_cast<std::uintptr_t>(key));
+  return found == keys_.end() ? nullptr : &found->second;
+}
+
+void FakeRegistry::signalChanges(const RegistryContent& before) {
+  for (auto& [number, key] : keys_) {
+    if (content_.sameSubtree(before, key.path)) continue;
+    key.changed = true;
+    if (key.pending != nullptr) signal(events_, &key);
+  }
+}
+
+void FakeRegistry::signal(platform::EventApi& events, OpenKey* key) {
+  key->changed = false;
+  events.set(std::exchange(key->pending, nullptr));
+}
+
+}  // namespace zelta::test

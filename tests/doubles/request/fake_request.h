@@ -1,0 +1,91 @@
+// A request without the framework. It keeps the framework's rules and fails the running test where
+// the driver breaks one: completed exactly once, its buffers' holders released before, and not
+// touched afterwards but by the release of a reference taken before.
+//
+// Any thread may call. The object must outlive its completion, as a test's own does.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "contract/bytes.h"
+#include "driver/request/io_request.h"
+#include "tests/doubles/request/fake_reader_device.h"
+
+namespace zelta::test {
+
+class FakeRequest final : public IoRequest {
+ public:
+  // Without buffers and without a file.
+  explicit FakeRequest(FakeReaderDevice& device) : device_(device) {}
+  // Fails the running test where references are still out.
+  ~FakeRequest() override;
+
+  // Before the request is handed over.
+  FakeRequest& withInput(Bytes bytes);
+  FakeRequest& withInput(std::uint32_t number);  // four bytes, little-endian
+  FakeRequest& withOutput(std::size_t capacity);
+  // Checks with each completion that the device lock is held; costs a thread each.
+  FakeRequest& checkingLock();
+  // The request's holders cannot be made: no memory.
+  FakeRequest& failingHolders();
+
+  // The canceller's side: where the request waits, marked, the cancel callback completes it here
+  // and now; where it is not marked yet, as soon as it is.
+  void cancel();
+
+  bool completed() const;
+  // Waits; false when the time ran out.
+  bool waitCompleted(std::chrono::milliseconds limit = std::chrono::seconds(30)) const;
+  bool markedCancelable() const;
+  // Of the completion.
+  std::uint32_t status() const;
+  // The byte count; none where the completion set none.
+  std::optional<std::size_t> information() const;
+  // The whole output buffer with what was written into it.
+  Bytes output() const;
+  bool outputWritten() const;
+
+  void completeWithInformation(framework::HRESULT status, std::size_t information) override;
+  void complete(framework::HRESULT status) override;
+  Held<IoMemory> inputMemory() override;
+  Held<IoMemory> outputMemory() override;
+  Held<IoFile> fileObject() override;
+  void markCancelable(framework::IRequestCallbackCancel* callback) override;
+  framework::HRESULT unmarkCancelable() override;
+  void addRef() override;
+  void release() override;
+
+ private:
+  class Memory;
+
+  void touch(const char* operation) const;  // with the mutex held
+  void finish(framework::HRESULT status, std::optional<std::size_t> information);
+  void runCancelCallback();
+  Held<IoMemory> makeHolder(std::optional<Bytes>& buffer, bool output);
+
+  FakeReaderDevice& device_;
+  mutable std::mutex mutex_;
+  mutable std::condition_variable changed_;
+  std::optional<Bytes> input_;
+  std::optional<Bytes> output_;
+  std::shared_ptr<Memory> inputMemory_;  // what a holder was given last
+  std::shared_ptr<Memory> outputMemory_;
+  bool outputWritten_ = false;
+  bool checksLock_ = false;
+  bool failsHolders_ = false;
+  int holders_ = 0;
+  int references_ = 0;
+  bool marked_ = false;
+  bool cancelled_ = false;  // asked for
+  bool completed_ = false;
+  std::uint32_t status_ = 0;
+  std::optional<std::size_t> information_;
+};
+
+}  // namespace zelta::test

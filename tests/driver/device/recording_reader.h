@@ -1,0 +1,79 @@
+// A reader for tests of the device: notes what the device does with it, and its card answers as the
+// test says.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "contract/bytes.h"
+#include "reader/reader.h"
+
+namespace zelta::test {
+
+// What happened to the readers of a device, in order; and what their cards answer.
+struct ReaderStory {
+  void note(const std::string& event) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    events.push_back(event);
+  }
+  std::vector<std::string> taken() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return std::exchange(events, {});
+  }
+
+  std::mutex mutex;
+  std::vector<std::string> events;
+  std::atomic<QueryResult> checkResult{QueryResult::Failure};
+  std::function<void()> onCheck;
+  std::function<void()> onEndExchanges;
+  std::function<void()> onShutdown;
+  std::function<void()> onDestroy;
+  std::function<void()> onTransmit;
+};
+
+class RecordingReader final : public Reader {
+ public:
+  RecordingReader(std::uint32_t index, ReaderDevice* owner, ReaderStory& story)
+      : Reader(index, owner), story_(story) {
+    story_.note("made " + std::to_string(index));
+  }
+  ~RecordingReader() override {
+    story_.note("destroyed " + std::to_string(unitNumber()));
+    if (story_.onDestroy) story_.onDestroy();
+  }
+
+  QueryResult QueryTransmit(const Bytes&, Bytes& response) override {
+    if (story_.onTransmit) story_.onTransmit();
+    response = {0x90, 0x00};
+    return QueryResult::Success;
+  }
+  QueryResult QueryAtr(Bytes& atr, bool) override {
+    atr = {0x3B, 0x00};
+    return QueryResult::Success;
+  }
+  QueryResult CheckATR() override {
+    if (story_.onCheck) story_.onCheck();
+    return story_.checkResult;
+  }
+  bool NotifyCardReady() override { return true; }
+  void shutdown() override {
+    story_.note("shut down " + std::to_string(unitNumber()));
+    if (story_.onShutdown) story_.onShutdown();
+  }
+  std::uint32_t serverThread() override { return 0; }
+  void endExchanges() noexcept override {
+    story_.note("exchanges ended " + std::to_string(unitNumber()));
+    if (story_.onEndExchanges) story_.onEndExchanges();
+  }
+
+  using Reader::waiting;
+
+ private:
+  ReaderStory& story_;
+};
+
+}  // namespace zelta::test

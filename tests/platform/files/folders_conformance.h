@@ -1,0 +1,49 @@
+// What the conformance suite of the folders needs of an implementation, and the implementations
+// that it runs on.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+
+#include "platform/files/folders.h"
+#include "tests/support/temp_folder.h"
+
+namespace zelta::test {
+
+// Folders that exist, in place for its lifetime.
+class FoldersWorld {
+ public:
+  virtual ~FoldersWorld() = default;
+  virtual platform::FolderApi& api() = 0;
+  // What the calls are to give, without a separator at the end.
+  virtual std::filesystem::path programData() const = 0;
+  std::filesystem::path temporary() const { return folder_.path() / "temporary"; }
+  std::filesystem::path current() const { return folder_.path() / "current"; }
+
+ protected:
+  FoldersWorld() {
+    std::filesystem::create_directory(temporary());
+    std::filesystem::create_directory(current());
+  }
+
+  const TempFolder folder_;
+};
+
+// Makes a folder the current one for its scope.
+class ScopedCurrentPath {
+ public:
+  explicit ScopedCurrentPath(const std::filesystem::path& path) {
+    std::filesystem::current_path(path);
+  }
+  ~ScopedCurrentPath() { std::filesystem::current_path(before_); }
+  ScopedCurrentPath(const ScopedCurrentPath&) = delete;
+  ScopedCurrentPath& operator=(const ScopedCurrentPath&) = delete;
+
+ private:
+  const std::filesystem::path before_ = std::filesystem::current_path();
+};
+
+std::unique_ptr<FoldersWorld> makeFakeFoldersWorld();
+std::unique_ptr<FoldersWorld> makeSystemFoldersWorld();
+
+}  // namespace zelta::test

@@ -1,0 +1,48 @@
+#include "tests/platform/pipe/pipe_worlds.h"
+
+#include "platform/process/error.h"
+#include "tests/support/pipe_client.h"
+#include "tests/support/temp_folder.h"
+
+namespace zelta::test {
+
+namespace {
+
+class SystemWorld final : public PipeWorld {
+ public:
+  platform::PipeApi& pipes() override { return platform::systemPipes(); }
+
+  std::unique_ptr<Client> connect(const std::string& name) override {
+    auto client = std::make_unique<SystemClient>();
+    if (!client->pipe.connect(name)) return nullptr;
+    return client;
+  }
+
+  void waitUntilBlocked(platform::PipeHandleValue, PipeCallThread& call) override {
+    call.waitUntilBlocked();
+  }
+
+  bool listensAfterDisconnect() const override { return true; }
+  bool servesBeforeConnect() const override { return false; }
+  std::uint32_t errorAfterDisconnect() const override { return platform::error::kPipeListening; }
+  bool secondDisconnectFails() const override { return false; }
+  bool writeWaitsForReader() const override { return false; }
+  bool disconnectWaits() const override { return false; }
+
+ private:
+  struct SystemClient final : public Client {
+    bool write(const Bytes& bytes) override { return pipe.write(bytes); }
+    Bytes read(std::size_t size) override { return pipe.read(size); }
+    bool waitForDrop() override { return pipe.waitForDrop(); }
+    PipeClient pipe;
+  };
+
+  TempFolder folder_;
+  ScopedVariable root_{"ZELTA_PIPE_ROOT", folder_.path().string()};
+};
+
+}  // namespace
+
+std::unique_ptr<PipeWorld> makeSystemPipeWorld() { return std::make_unique<SystemWorld>(); }
+
+}  // namespace zelta::test

@@ -1,0 +1,144 @@
+#include "platform/pipe/sddl.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/process/error.h"
+
+namespace zelta::platform {
+
+bool operator==(const AccessEntry& a, const AccessEntry& b) {
+  return a.allow == b.allow && a.trustee == b.trustee && a.read == b.read && a.write == b.write;
+}
+
+void PrintTo(const AccessEntry& entry, std::ostream* stream) {
+  *stream << (entry.allow ? "allow " : "deny ") << static_cast<int>(entry.trustee)
+          << (entry.read ? " read" : "") << (entry.write ? " write" : "");
+}
+
+namespace {
+
+std::vector<AccessEntry> parsed(const std::string& text) {
+  std::vector<AccessEntry> entries;
+  EXPECT_EQ(parseSddl(text, &entries), error::kSuccess) << text;
+  return entries;
+}
+
+std::uint32_t errorOf(const std::string& text) {
+  std::vector<AccessEntry> entries(1);
+  const std::uint32_t error = parseSddl(text, &entries);
+  EXPECT_TRUE(entries.empty() || error == error::kSuccess) << "nothing of a refused list is kept";
+  return error;
+}
+
+using Entries = std::vector<AccessEntry>;
+
+TEST(SddlTest, EntriesComeInTheirOrder) {
+  EXPECT_EQ(parsed("D:(D;OICI;GA;;;BG)(D;OICI;GA;;;AN)(A;OICI;GA;;;LS)(A;OICI;GA;;;SY)"),
+            (Entries{{false, Trustee::Guests, true, true},
+                     {false, Trustee::Anonymous, true, true},
+                     {true, Trustee::LocalService, true, true},
+                     {true, Trustee::System, true, true}}));
+}
+
+TEST(SddlTest, ListWithoutEntriesIsValid) {
+  EXPECT_EQ(parsed("D:"), Entries{});
+  EXPECT_EQ(parsed("D:PAIAR"), Entries{});
+}
+
+TEST(SddlTest, TrusteesAreKnownByAliasAndBySid) {
+  const struct {
+    const char* text;
+    Trustee trustee;
+  } known[] = {{"SY", Trustee::System},         {"S-1-5-18", Trustee::System},
+               {"LS", Trustee::LocalService},   {"S-1-5-19", Trustee::LocalService},
+               {"BG", Trustee::Guests},         {"S-1-5-32-546", Trustee::Guests},
+               {"AN", Trustee::Anonymous},      {"S-1-5-7", Trustee::Anonymous},
+               {"WD", Trustee::Everyone},       {"S-1-1-0", Trustee::Everyone},
+               {"BA", Trustee::Administrators}, {"S-1-5-32-544", Trustee::Administrators},
+               {"OW", Trustee::Owner},          {"S-1-3-4", Trustee::Owner},
+               {"CO", Trustee::Owner},          {"S-1-3-0", Trustee::Owner}};
+  for (const auto& one : known) {
+    EXPECT_EQ(parsed("D:(A;;GA;;;" + std::string(one.text) + ")"),
+              (Entries{{true, one.trustee, true, true}}))
+        << one.text;
+  }
+}
+
+TEST(SddlTest, RightsAreReadAsReadingAndWriting) {
+  const struct {
+    const char* text;
+    bool read;
+    bool write;
+  } known[] = {
+      {"GA", true, true},         {"FA", true, true},          {"GR", true, false},
+      {"FR", true, false},        {"GW", false, true},         {"FW", false, true},
+      {"GRGW", true, true},       {"GX", false, false},        {"RCSDWDWOFX", false, false},
+      {"0x10000000", true, true}, {"0x80000000", true, false}, {"0x40000000", false, true},
+      {"0x1f01ff", true, true},   {"1", true, false},          {"0x2", false, true},
+      {"0x20000", false, false}};
+  for (const auto& one : known) {
+    EXPECT_EQ(parsed("D:(D;;" + std::string(one.text) + ";;;WD)"),
+              (Entries{{false, Trustee::Everyone, one.read, one.write}}))
+        << one.text;
+  }
+}
+
+TEST(SddlTest, OwnerAndGroupAreAcceptedBeforeTheList) {
+  EXPECT_EQ(parsed("O:SYG:BAD:(A;;GA;;;SY)").size(), 1U);
+  EXPECT_EQ(parsed("G:S-1-5-18D:(A;;GA;;;SY)").size(), 1U);
+}
+
+TEST(SddlTest, EntryThatIsOnlyInheritedDoesNotApply) {
+  EXPECT_EQ(parsed("D:(A;OICIIO;GA;;;WD)(A;;GA;;;SY)"),
+            (Entries{{true, Trustee::System, true, true}}));
+}
+
+TEST(SddlTest, MalformedTextIsRefused) {
+  for (const char* text : {"",
+                           "D",
+                           "(A;;GA;;;SY)",
+                           "D:(A;;GA;;;SY",
+                           "D:A;;GA;;;SY)",
+                           "D:()",
+                           "D:(A;;GA;;SY)",
+                           "D:(A;;GA;;;;SY)",
+                           "D:(A;;GA;;;)",
+                           "D:(A;;;;;SY)",
+                           "D:(;;GA;;;SY)",
+                           "D:(A;OIC;GA;;;SY)",
+                           "D:(A;XX;GA;;;SY)",
+                           "D:(A;;G;;;SY)",
+                           "D:(A;;ZZ;;;SY)",
+                           "D:(A;;GAG;;;SY)",
+                           "D:(A;;0xZZ;;;SY)",
+                           "D:(A;;0x1FFFFFFFF;;;SY)",
+                           "D:(A;;GA;guid;;SY)",
+                           "D:(A;;GA;;guid;SY)",
+                           "D:(A;;GA;;;sy)",
+                           "D:(A;;GA;;;SYS)",
+                           "D:(A;;GA;;;S-1-)",
+                           "D:(A;;GA;;;S-1-x)",
+                           "D:(A;;GA;;;SY)x",
+                           "D:(A;;GA;;;SY) (A;;GA;;;LS)",
+                           "D:X(A;;GA;;;SY)",
+                           "O:D:(A;;GA;;;SY)",
+                           "O:SY",
+                           " D:(A;;GA;;;SY)"}) {
+    EXPECT_EQ(errorOf(text), error::kInvalidParameter) << text;
+  }
+}
+
+TEST(SddlTest, WhatCannotBeHonouredIsRefused) {
+  EXPECT_EQ(errorOf("D:(A;;GA;;;SY)S:(AU;SA;GA;;;WD)"), error::kNotSupported);
+  EXPECT_EQ(errorOf("D:(OA;;GA;;;SY)"), error::kNotSupported);
+  EXPECT_EQ(errorOf("D:(A;;GA;;;BU)"), error::kNoneMapped);
+  EXPECT_EQ(errorOf("D:(D;;GA;;;S-1-5-21-1-2-3-500)(A;;GA;;;WD)"), error::kNoneMapped);
+  EXPECT_EQ(errorOf("O:DUD:(A;;GA;;;SY)"), error::kNoneMapped);
+}
+
+}  // namespace
+
+}  // namespace zelta::platform

@@ -1,0 +1,394 @@
+// The registry of a file: how it is read, reported on and watched. In how many ways a file can
+// change is path_watch_linux_test.cpp's concern.
+#include "platform/registry/registry_linux.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/files/scoped_fd_linux.h"
+#include "platform/process/error.h"
+#include "tests/platform/process_resources.h"
+#include "tests/support/scarce_memory.h"
+#include "tests/support/temp_folder.h"
+
+namespace zelta::platform {
+namespace {
+
+namespace fs = std::filesystem;
+using Problems = std::vector<std::string>;
+
+std::string content(std::uint32_t number) {
+  char digits[9];
+  std::snprintf(digits, sizeof(digits), "%08x", number);
+  return std::string("[HKLM\\A]\n\"x\"=dword:") + digits + "\n[HKLM\\B]\n";
+}
+
+void write(const fs::path& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+// No descriptor is left to the process while this is there.
+class DescriptorShortage {
+ public:
+  DescriptorShortage() {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    const rlimit few{std::min<rlim_t>(before_.rlim_cur, 256), before_.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &few);
+    while (ScopedFd one{::open("/dev/null", O_RDONLY | O_CLOEXEC)}) all_.push_back(std::move(one));
+  }
+  ~DescriptorShortage() { setrlimit(RLIMIT_NOFILE, &before_); }
+  DescriptorShortage(const DescriptorShortage&) = delete;
+  DescriptorShortage& operator=(const DescriptorShortage&) = delete;
+
+  void release(std::size_t count) { all_.resize(all_.size() - count); }
+
+ private:
+  rlimit before_{};
+  std::vector<ScopedFd> all_;
+};
+
+class RegistryLinux : public testing::Test {
+ protected:
+  ~RegistryLinux() override {
+    registry_.closeKey(key_);
+    systemEvents().close(changed_);
+  }
+
+  void rename(const std::string& text) {
+    write(folder_.file("new"), text);
+    fs::rename(folder_.file("new"), file_);
+  }
+  void open(const std::u16string& path = u"A") {
+    ASSERT_EQ(registry_.openKey(path, &key_), error::kSuccess);
+  }
+  void arm() { ASSERT_EQ(registry_.notifyChange(key_, changed_), error::kSuccess); }
+  void waitForChange() { ASSERT_EQ(systemEvents().waitAny(&changed_, 1), 0U); }
+
+  bool isQuiet() {
+    const EventHandle both[] = {changed_, systemEvents().create()};
+    systemEvents().set(both[1]);
+    const bool quiet = systemEvents().waitAny(both, 2) == 1;
+    systemEvents().close(both[1]);
+    return quiet;
+  }
+
+  // The key A's value x, or the error.
+  std::uint32_t get(std::uint32_t* value) { return registry_.getDword(u"A", u"x", value); }
+  // The value x of the open key, if it has one.
+  std::optional<std::uint32_t> number() {
+    std::uint32_t value = 0;
+    std::uint32_t size = sizeof(value);
+    const std::uint32_t result = registry_.queryValue(key_, u"x", nullptr, &value, &size);
+    return result == error::kSuccess ? std::optional(value) : std::nullopt;
+  }
+  // As a reader that follows the value does: waits for changes until it is `wanted`.
+  void followUntil(std::optional<std::uint32_t> wanted) {
+    do {
+      arm();
+      waitForChange();
+    } while (number() != wanted);
+  }
+
+  const test::TempFolder folder_;
+  const fs::path file_ = folder_.path() / "registry.reg";
+  const std::string name_ = file_.string();
+  Problems problems_;
+  FileRegistry registry_{[this] { return name_; },
+                         [this](const std::string& problem) { problems_.push_back(problem); }};
+  EventHandle changed_ = systemEvents().create();
+  RegistryKey key_ = nullptr;
+  std::uint32_t value_ = 0;
+};
+
+TEST_F(RegistryLinux, MissingFile_IsAnEmptyRegistry) {
+  EXPECT_EQ(get(&value_), error::kFileNotFound);
+  EXPECT_EQ(registry_.openKey(u"A", &key_), error::kFileNotFound);
+  EXPECT_EQ(problems_, Problems());
+}
+
+TEST_F(RegistryLinux, FileThatCannotBeRead_IsAnEmptyRegistryAndReportedOnce) {
+  const struct {
+    std::function<void()> make;
+    const char* problem;
+  } cases[] = {
+      {[this] { fs::create_directory(file_); }, "Is a directory"},
+      {[this] { ASSERT_EQ(mkfifo(file_.c_str(), 0600), 0); }, nullptr},
+      {[this] { fs::create_symlink("registry.reg", file_); }, "Too many levels of symbolic links"},
+      {[this] { write(file_, content(1) + ";" + std::string(1024 * 1024, 'x')); },
+       "File too large"},
+      {[this] { write(file_, content(1)), fs::resize_file(file_, std::uintmax_t{1} << 40); },
+       nullptr},
+  };
+  Problems expected;
+  for (const auto& each : cases) {
+    each.make();
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(get(&value_), error::kFileNotFound);
+    if (each.problem != nullptr) expected.push_back(name_ + ": cannot be read: " + each.problem);
+    EXPECT_EQ(problems_, expected);
+    fs::remove(file_);
+  }
+}
+
+TEST_F(RegistryLinux, LineNotUnderstood_IsReportedOnce) {
+  const std::string skipped = ": not understood, skipped";
+  write(file_, content(1) + "nonsense\n");
+  open();
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(get(&value_), error::kSuccess);
+  rename(content(2) + "nonsense\n\"torn\n");
+  EXPECT_EQ(number(), 2U);
+  EXPECT_EQ(problems_, (Problems{name_ + ":4" + skipped, name_ + ":5" + skipped}));
+  rename(content(2) + "other nonsense\n");
+  EXPECT_EQ(number(), 2U);
+  EXPECT_EQ(problems_.size(), 3U);
+}
+
+TEST_F(RegistryLinux, ManyBadLines_AreReportedUpToALimitThatTheLastOneMentions) {
+  std::string text;
+  for (int i = 0; i < 1000; ++i) text += "bad\n";
+  write(file_, text + content(1));
+  EXPECT_EQ(get(&value_), error::kSuccess);
+  ASSERT_EQ(problems_.size(), FileRegistry::kMaxReports);
+  EXPECT_EQ(problems_.back(),
+            name_ + ":64: not understood, skipped; no more is reported from here on");
+}
+
+TEST_F(RegistryLinux, FileReplacedOrWrittenInPlace_SignalsAndIsReadAnew) {
+  write(file_, content(1));
+  open();
+  arm();
+  rename(content(2));
+  waitForChange();
+  EXPECT_EQ(number(), 2U);
+  EXPECT_EQ(get(&value_), error::kSuccess);
+  EXPECT_EQ(value_, 2U);
+  write(file_, content(3));  // the new file
+  followUntil(3);
+}
+
+TEST_F(RegistryLinux, KeyWhoseFileGoesAndComesBack_SignalsBothTimes) {
+  write(file_, content(1));
+  open();
+  arm();
+  fs::rename(file_, folder_.file("aside"));
+  waitForChange();
+  EXPECT_EQ(number(), std::nullopt);
+  arm();
+  fs::rename(folder_.file("aside"), file_);
+  waitForChange();
+  EXPECT_EQ(number(), 1U);
+}
+
+TEST_F(RegistryLinux, ReaderOfAHalfWrittenFile_IsToldWhenItIsDone) {
+  write(file_, content(1));
+  open();
+  arm();
+  const ScopedFd half(::open(file_.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+  EXPECT_EQ(number(), std::nullopt);
+  // In the end the file holds what it held before, but the reader has seen something else.
+  const std::string text = content(1);
+  ASSERT_EQ(::write(half.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  ScopedFd(::open(file_.c_str(), O_WRONLY | O_CLOEXEC)).reset();
+  waitForChange();
+  EXPECT_EQ(number(), 1U);
+  arm();
+  EXPECT_TRUE(isQuiet());
+}
+
+TEST_F(RegistryLinux, EventClosedBeforeTheKey_LeavesOthersAlone) {
+  write(file_, content(1));
+  open();
+  const EventHandle gone = systemEvents().create();
+  ASSERT_EQ(registry_.notifyChange(key_, gone), error::kSuccess);
+  systemEvents().close(gone);
+  RegistryKey other = nullptr;
+  ASSERT_EQ(registry_.openKey(u"A", &other), error::kSuccess);
+  ASSERT_EQ(registry_.notifyChange(other, changed_), error::kSuccess);
+  const EventHandle both[] = {systemEvents().create(), changed_};
+  rename(content(2));
+  EXPECT_EQ(systemEvents().waitAny(both, 2), 1U);
+  registry_.closeKey(other);
+  systemEvents().close(both[0]);
+}
+
+TEST_F(RegistryLinux, ClosedKey_LeavesNoThreadOrDescriptor) {
+  write(file_, content(1));
+  const auto before = test::processResources();
+  open();
+  EXPECT_EQ(test::processResources(), before);  // not watched yet
+  arm();
+  arm();
+  EXPECT_EQ(test::processResources().threads, before.threads + 1);
+  registry_.closeKey(key_);
+  EXPECT_EQ(test::processResources(), before);
+}
+
+#if !defined(__SANITIZE_ADDRESS__)  // the sanitizers look into memory by a pipe that they open
+TEST_F(RegistryLinux, NoDescriptorLeft_FailsTheCallAndLosesNothing) {
+  write(file_, content(1));
+  open();
+  {
+    DescriptorShortage shortage;
+    EXPECT_EQ(get(&value_), error::kNotEnoughMemory);
+    EXPECT_EQ(number(), std::nullopt);
+    for (int i = 0; i < 3; ++i) {  // one suffices for the event, two for the watch as well
+      EXPECT_EQ(registry_.notifyChange(key_, changed_), error::kNotEnoughMemory);
+      shortage.release(1);
+    }
+  }
+  arm();
+  rename(content(2));
+  waitForChange();
+  EXPECT_EQ(number(), 2U);
+}
+#endif
+
+TEST_F(RegistryLinux, ChangeThatCannotBeRead_IsSignalledAndFoundLater) {
+  write(file_, content(1));
+  write(folder_.file("new"), content(2));
+  open();
+  arm();
+  {
+    const DescriptorShortage shortage;
+    fs::rename(folder_.file("new"), file_);
+    waitForChange();
+  }
+  arm();
+  waitForChange();
+  EXPECT_EQ(number(), 2U);
+}
+
+TEST_F(RegistryLinux, NoMemoryLeft_FailsTheCallWithoutAnException) {
+  constexpr int kManyAllocations = 500;  // more than any call makes
+  write(file_, content(1) + "\"a text that does not fit into a string itself\"=\"text\"\n");
+  open();
+  RegistryKey opened = nullptr;
+  const std::u16string path = u"A";
+  const std::u16string value = u"x";
+  const std::function<std::uint32_t()> calls[] = {
+      [&] { return registry_.getDword(path, value, &value_); },
+      [&] { return registry_.openKey(path, &opened); },
+      [&] {
+        std::uint32_t size = sizeof(value_);
+        return registry_.queryValue(key_, value, nullptr, &value_, &size);
+      },
+      [&] { return registry_.notifyChange(key_, changed_); },
+  };
+  for (const auto& call : calls) {
+    int allocations = 0;
+    std::uint32_t result = error::kNotEnoughMemory;
+    for (; allocations < kManyAllocations && result == error::kNotEnoughMemory; ++allocations) {
+      const test::ScarceMemory memory(allocations);
+      result = call();
+    }
+    EXPECT_EQ(result, error::kSuccess);
+    EXPECT_GT(allocations, 1) << "the call allocates nothing: nothing was tried";
+  }
+  registry_.closeKey(opened);
+}
+
+TEST_F(RegistryLinux, ReadersWhileTheFileIsReplaced_FindTheOldOrTheNewValue) {
+  rename(content(1));
+  std::atomic<bool> stop{false};
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 2; ++i) {
+    readers.emplace_back([&] {
+      while (!stop) {
+        std::uint32_t number = 0;
+        if (get(&number) != error::kSuccess || number != 1) ++wrong;
+        RegistryKey key = nullptr;
+        if (registry_.openKey(u"A", &key) != error::kSuccess) ++wrong;
+        registry_.closeKey(key);
+      }
+    });
+  }
+  for (int i = 0; i < 300; ++i) rename(content(1));
+  stop = true;
+  for (std::thread& reader : readers) reader.join();
+  EXPECT_EQ(wrong, 0);
+}
+
+// Three readers that each follow the value to its end, and one that comes and goes.
+TEST_F(RegistryLinux, LastOfManyChangesInEveryWay_IsSeenByAllReaders) {
+  constexpr std::uint32_t kChanges = 300;
+  write(file_, content(0));
+  const auto before = test::processResources();
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 3; ++i) {
+    readers.emplace_back([&] {
+      RegistryKey root = nullptr;
+      const EventHandle event = systemEvents().create();
+      EXPECT_EQ(registry_.openKey(u"", &root), error::kSuccess);
+      for (std::uint32_t seen = 0; get(&seen) != error::kSuccess || seen != kChanges;) {
+        EXPECT_EQ(registry_.notifyChange(root, event), error::kSuccess);
+        EXPECT_EQ(systemEvents().waitAny(&event, 1), 0U);
+      }
+      registry_.closeKey(root);
+      systemEvents().close(event);
+    });
+  }
+  readers.emplace_back([&] {
+    while (!stop) {
+      RegistryKey key = nullptr;
+      EXPECT_EQ(registry_.openKey(u"", &key), error::kSuccess);
+      EXPECT_EQ(registry_.notifyChange(key, changed_), error::kSuccess);
+      registry_.closeKey(key);
+    }
+  });
+  for (std::uint32_t i = 1; i <= kChanges; ++i) {
+    if (i % 3 == 1) fs::remove(file_);
+    if (i % 3 == 2) rename(content(i));
+    if (i % 3 != 2) write(file_, content(i));
+  }
+  stop = true;
+  for (std::thread& reader : readers) reader.join();
+  EXPECT_EQ(test::processResources(), before);
+}
+
+TEST(SystemRegistry, ItsFile_IsTheVariablesOrTheDefault) {
+  {
+    const test::ScopedVariable variable("ZELTA_REGISTRY", "");
+    EXPECT_EQ(registryFilePath(), "/etc/zelta/registry.reg");
+  }
+  const test::TempFolder folder;
+  for (const std::uint32_t number : {1U, 2U}) {
+    write(folder.file(std::to_string(number)), content(number));
+    const test::ScopedVariable variable("ZELTA_REGISTRY", folder.file(std::to_string(number)));
+    std::uint32_t value = 0;
+    EXPECT_EQ(systemRegistry().getDword(u"A", u"x", &value), error::kSuccess);
+    EXPECT_EQ(value, number);
+  }
+}
+
+// In a process of its own: what was reported once is not reported again in this one.
+TEST(SystemRegistryDeathTest, LineNotUnderstood_IsReportedToStandardErrorOnce) {
+  const test::TempFolder folder;
+  write(folder.file("registry.reg"), "[HKLM\\A]\nwhat is this\n");
+  const test::ScopedVariable variable("ZELTA_REGISTRY", folder.file("registry.reg"));
+  const auto askThrice = [] {
+    std::uint32_t value = 0;
+    for (int i = 0; i < 3; ++i) systemRegistry().getDword(u"A", u"x", &value);
+    std::_Exit(0);
+  };
+  EXPECT_EXIT(askThrice(), testing::ExitedWithCode(0),
+              "^zelta: .*/registry.reg:2: not understood, skipped\n$");
+}
+
+}  // namespace
+}  // namespace zelta::platform

@@ -1,0 +1,132 @@
+#include "platform/sync/event.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "platform/process/error.h"
+
+namespace zelta::platform {
+namespace {
+
+class Event : public testing::Test {
+ protected:
+  ~Event() override {
+    for (const EventHandle event : events_) api_.close(event);
+  }
+  EventHandle create() {
+    const EventHandle event = api_.create();
+    EXPECT_NE(event, nullptr);
+    events_.push_back(event);
+    return event;
+  }
+  std::uint32_t waitAny(const std::vector<EventHandle>& events) {
+    return api_.waitAny(events.data(), events.size());
+  }
+
+  EventApi& api_ = systemEvents();
+  std::vector<EventHandle> events_;
+};
+
+TEST_F(Event, ASignalIsTakenByOneWait) {
+  const EventHandle first = create();
+  const EventHandle second = create();
+  ASSERT_TRUE(api_.set(first));
+  EXPECT_EQ(waitAny({first, second}), 0U);
+  ASSERT_TRUE(api_.set(second));
+  EXPECT_EQ(waitAny({first, second}), 1U) << "the first was reset";
+}
+
+TEST_F(Event, SeveralSignalsBeforeAWaitAreOne) {
+  const EventHandle first = create();
+  const EventHandle second = create();
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(api_.set(first));
+  ASSERT_TRUE(api_.set(second));
+  EXPECT_EQ(waitAny({first, second}), 0U);
+  EXPECT_EQ(waitAny({first, second}), 1U);
+}
+
+TEST_F(Event, TheFirstOfSeveralSignalledIsTakenAndTheOthersStay) {
+  const std::vector<EventHandle> all = {create(), create(), create()};
+  for (const EventHandle event : all) ASSERT_TRUE(api_.set(event));
+  for (std::uint32_t i = 0; i < all.size(); ++i) EXPECT_EQ(waitAny(all), i);
+}
+
+TEST_F(Event, UpToEightAreWaitedFor) {
+  std::vector<EventHandle> all;
+  for (int i = 0; i < 8; ++i) all.push_back(create());
+  ASSERT_TRUE(api_.set(all.back()));
+  EXPECT_EQ(waitAny(all), 7U);
+}
+
+TEST_F(Event, ABlockedWaitEndsWithASignalFromAnotherThread) {
+  const EventHandle first = create();
+  const EventHandle second = create();
+  std::thread setter([&] { api_.set(second); });
+  EXPECT_EQ(waitAny({first, second}), 1U);
+  setter.join();
+}
+
+TEST_F(Event, OneSignalReleasesOneOfSeveralWaiters) {
+  constexpr int kWaiters = 3;
+  const EventHandle event = create();
+  const EventHandle done = create();
+  std::atomic<int> released{0};
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < kWaiters; ++i) {
+    waiters.emplace_back([&] {
+      waitAny({event});
+      ++released;
+      api_.set(done);
+    });
+  }
+  for (int i = 1; i <= kWaiters; ++i) {
+    ASSERT_TRUE(api_.set(event));
+    ASSERT_EQ(waitAny({done}), 0U);
+    ASSERT_EQ(released, i);
+  }
+  for (std::thread& waiter : waiters) waiter.join();
+}
+
+TEST_F(Event, NoSignalIsLostBetweenTwoThreads) {
+  const EventHandle ping = create();
+  const EventHandle pong = create();
+  constexpr int kRounds = 5000;
+  std::thread other([&] {
+    for (int i = 0; i < kRounds; ++i) {
+      waitAny({ping});
+      api_.set(pong);
+    }
+  });
+  for (int i = 0; i < kRounds; ++i) {
+    ASSERT_TRUE(api_.set(ping));
+    ASSERT_EQ(waitAny({pong}), 0U);
+  }
+  other.join();
+}
+
+TEST_F(Event, AHandleThatIsNoneFailsWithInvalidHandle) {
+  const EventHandle event = create();
+  const EventHandle closed = api_.create();
+  api_.close(closed);
+  for (const EventHandle none : {EventHandle{}, closed}) {
+    setLastError(0);
+    EXPECT_FALSE(api_.set(none));
+    EXPECT_EQ(lastError(), error::kInvalidHandle);
+    setLastError(0);
+    EXPECT_EQ(waitAny({event, none}), kWaitFailed);
+    EXPECT_EQ(lastError(), error::kInvalidHandle);
+    api_.close(none);
+  }
+}
+
+TEST_F(Event, NoneFailsWithInvalidParameter) {
+  setLastError(0);
+  EXPECT_EQ(waitAny({}), kWaitFailed);
+  EXPECT_EQ(lastError(), error::kInvalidParameter);
+}
+
+}  // namespace
+}  // namespace zelta::platform
