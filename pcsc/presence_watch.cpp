@@ -57,6 +57,13 @@ std::optional<HRESULT> PresenceWatch::Mailbox::await() {
   return stopped_ ? std::nullopt : status_;
 }
 
+bool PresenceWatch::Mailbox::hasNewsWithin(std::chrono::milliseconds time) {
+  MutexLock lock(mutex_);
+  return changed_.waitFor(lock, time, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return stopped_ || renewalAsked_ || status_.has_value();
+  });
+}
+
 bool PresenceWatch::Mailbox::stopped() {
   const MutexLock lock(mutex_);
   return stopped_;
@@ -116,8 +123,11 @@ PresenceWatch::Outcome PresenceWatch::watchOneCard() {
 }
 
 PresenceWatch::Outcome PresenceWatch::awaitInsertion() {
+  const auto asked = std::chrono::steady_clock::now();
   const auto request = submit(IOCTL_SMARTCARD_IS_PRESENT, false);
+  const bool prompt = std::chrono::steady_clock::now() - asked < kPromptCheck;
   if (!serves(*request)) return Outcome::kNotServing;
+  if (!prompt && !mailbox_->hasNewsWithin(kRecheckPause)) request->cancel();
   const std::optional<HRESULT> status = mailbox_->await();
   if (!status) return endWait(*request);
   if (*status == host::kDeviceGone) return Outcome::kNotServing;

@@ -7,6 +7,10 @@
 // is made again at once. Only where requests fail over and over as soon as they are made, or cards
 // leave before they are shown, is there a growing pause between them.
 //
+// While the driver takes a request for the insertion it asks the agent for the card. If the agent
+// does not answer that in time, the card may be in, and no event will tell. So a request that took
+// the driver long is cancelled after a while and made again.
+//
 // The driver's server thread ends where nobody asked for a card for a while, or where it cannot
 // make its pipes. After each request for an insertion that waits in the driver it is therefore
 // asked how the thread is: a thread that serves then will serve that request. One that has ended is
@@ -39,6 +43,9 @@ class PresenceWatch {
   static constexpr std::chrono::milliseconds kLongestPause{1000};
   // Where cards come and go: the last one must be seen soon.
   static constexpr std::chrono::milliseconds kLongestSwapPause{40};
+  // The driver asked the agent in vain if it took longer than this to take a request.
+  static constexpr std::chrono::milliseconds kPromptCheck{1000};
+  static constexpr std::chrono::milliseconds kRecheckPause{1000};
   static constexpr std::chrono::milliseconds kFirstRevivalPause{100};
   static constexpr std::chrono::milliseconds kLongestRevivalPause{10000};
 
@@ -63,6 +70,8 @@ class PresenceWatch {
     void askForRenewal() ZELTA_EXCLUDES(mutex_);
     // None when stopped, or asked for a renewal.
     std::optional<framework::HRESULT> await() ZELTA_EXCLUDES(mutex_);
+    // Whether `await` would return now, or within this time.
+    bool hasNewsWithin(std::chrono::milliseconds time) ZELTA_EXCLUDES(mutex_);
     // False when stopped.
     bool pause(std::chrono::milliseconds time) ZELTA_EXCLUDES(mutex_);
     bool stopped() ZELTA_EXCLUDES(mutex_);

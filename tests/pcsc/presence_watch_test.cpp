@@ -74,6 +74,21 @@ TEST_F(PresenceWatchTest, InsertionAndRemovalAreShownOverAndOver) {
   }
 }
 
+// The agent did not answer in time: no event tells of a card that is in.
+TEST_F(PresenceWatchTest, InsertionRequestThatTookTheDriverLongIsCancelledAndMadeAgain) {
+  reader_->holdDispatch(IOCTL_SMARTCARD_IS_PRESENT, true);
+  start();
+  ASSERT_TRUE(reader_->waitForCount(IOCTL_SMARTCARD_IS_PRESENT, 1));
+  EXPECT_FALSE(reader_->waitForServerQuestion(PresenceWatch::kPromptCheck));
+  reader_->holdDispatch(IOCTL_SMARTCARD_IS_PRESENT, false);
+  const auto first = reader_->waitForWaiting(IOCTL_SMARTCARD_IS_PRESENT);
+  ASSERT_TRUE(first->wait(kLong));
+  EXPECT_TRUE(first->cancelled());
+  ASSERT_TRUE(reader_->waitForCount(IOCTL_SMARTCARD_IS_PRESENT, 2));
+  reader_->insertCard();
+  EXPECT_TRUE(waitForCard(true));
+}
+
 TEST_F(PresenceWatchTest, CardIsShownOnlyWhenTheRemovalRequestWaitsInTheDriver) {
   reader_->holdDispatch(IOCTL_SMARTCARD_IS_ABSENT, true);
   start();

@@ -19,6 +19,10 @@ PACE = 0.002  # seconds between two questions of a client
 LONGEST = 20000  # bytes of a question
 PROTOCOLS = scard.SCARD_PROTOCOL_T0 | scard.SCARD_PROTOCOL_T1
 READER = "Zelta Virtual SmartCard Reader 00 00"
+# pcscd (1.9.9) has a race of its own: if a disconnect powers the card down while another client
+# connects or resets it, pcscd may take the card for unpowered and in use, and refuses every connect
+# from then on without asking its handler. So these calls exclude each other here.
+POWER_LOCK = threading.Lock()
 ATTRIBUTES = (scard.SCARD_ATTR_ATR_STRING, scard.SCARD_ATTR_VENDOR_NAME,
               scard.SCARD_ATTR_CURRENT_PROTOCOL_TYPE)
 
@@ -102,11 +106,15 @@ class Client:
             return None
         return values
 
+    def _power_call(self, what, function, *arguments):
+        with POWER_LOCK:
+            return self._call(what, function, *arguments)
+
     def connect(self):
         if self.card is not None:
             self.disconnect()
-        values = self._call("connect", scard.SCardConnect, self.context, READER,
-                            scard.SCARD_SHARE_SHARED, PROTOCOLS)
+        values = self._power_call("connect", scard.SCardConnect, self.context, READER,
+                                  scard.SCARD_SHARE_SHARED, PROTOCOLS)
         if values is not None:
             self.card, self.protocol = values
         return values is not None
@@ -119,22 +127,23 @@ class Client:
 
     def disconnect(self, disposition=scard.SCARD_LEAVE_CARD):
         if self.card is not None:
-            self._call("disconnect", scard.SCardDisconnect, self.card, disposition)
+            self._power_call("disconnect", scard.SCardDisconnect, self.card, disposition)
             self.card = None
 
     def reset(self):
-        values = self._call("reset", scard.SCardReconnect, self.card, scard.SCARD_SHARE_SHARED,
-                            PROTOCOLS, scard.SCARD_RESET_CARD)
+        values = self._power_call("reset", scard.SCardReconnect, self.card,
+                                  scard.SCARD_SHARE_SHARED, PROTOCOLS, scard.SCARD_RESET_CARD)
         if values is not None:
             self.protocol = values[0]
         return values is not None
 
     def transaction(self):
         """Ends with a reset of the card."""
-        if self._call("begin transaction", scard.SCardBeginTransaction, self.card) is None:
-            return False
-        return self._call("end transaction", scard.SCardEndTransaction, self.card,
-                          scard.SCARD_RESET_CARD) is not None
+        with POWER_LOCK:  # a reset waits for the end of the transaction
+            if self._call("begin transaction", scard.SCardBeginTransaction, self.card) is None:
+                return False
+            return self._call("end transaction", scard.SCardEndTransaction, self.card,
+                              scard.SCARD_RESET_CARD) is not None
 
     def ask(self, slow=False):
         """True for the right answer, False for a failure and for a wrong one."""

@@ -144,10 +144,10 @@ void FakeReader::setServerResults(ServerResults results) {
   serverResults_ = std::move(results);
 }
 
-bool FakeReader::waitForServerQuestion() {
+bool FakeReader::waitForServerQuestion(std::chrono::milliseconds limit) {
   MutexLock lock(mutex_);
   return changed_.waitFor(
-      lock, kLimit, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return serverQuestions_ > 0; });
+      lock, limit, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return serverQuestions_ > 0; });
 }
 
 void FakeReader::completeNext(std::uint32_t code, std::vector<HRESULT> statuses) {

@@ -80,7 +80,7 @@ class FakeReader final : public std::enable_shared_from_this<FakeReader> {
   using ServerResults = std::vector<std::vector<std::uint32_t>>;
   void setServerResults(ServerResults results);
   // Waits until it has been asked.
-  bool waitForServerQuestion();
+  bool waitForServerQuestion(std::chrono::milliseconds limit = kLimit);
 
   // The newest request of this code, as soon as one has been submitted and is not completed.
   std::shared_ptr<FakeOperation> waitForWaiting(std::uint32_t code);
