@@ -52,12 +52,12 @@ bool askAtr(PipeStream& stream, AgentCommand command, const AtrTexts& texts,
     return false;
   }
   switch (stream.readPayload(size, atr)) {
-    case PipeStream::Payload::Read:
+    case PipeStream::Payload::kRead:
       logInfo("%sATR:%s", texts.tag, toHex(atr.data(), std::min(atr.size(), kShownBytes)).c_str());
       return true;
-    case PipeStream::Payload::Failed:
+    case PipeStream::Payload::kFailed:
       return fail(texts, texts.readFailed);
-    case PipeStream::Payload::NoMemory:
+    case PipeStream::Payload::kNoMemory:
       break;
   }
   logError(platform::lastError(), "%sNo memory for ATR of size %u", texts.tag, size);
@@ -67,7 +67,7 @@ bool askAtr(PipeStream& stream, AgentCommand command, const AtrTexts& texts,
 // What failed, or null; the reason is in the last error.
 const char* exchangeApdu(PipeStream& stream, const std::vector<std::uint8_t>& command,
                          std::vector<std::uint8_t>& response) {
-  if (!stream.writeNumber(static_cast<std::uint32_t>(AgentCommand::QueryTransmit))) {
+  if (!stream.writeNumber(static_cast<std::uint32_t>(AgentCommand::kQueryTransmit))) {
     return "Failed to write QueryTransmit command";
   }
   const auto size = static_cast<std::uint32_t>(command.size());
@@ -78,12 +78,12 @@ const char* exchangeApdu(PipeStream& stream, const std::vector<std::uint8_t>& co
   if (!stream.readNumber(responseSize)) return "Failed to read APDU response size";
   if (responseSize == 0) return "Invalid APDU response size (0)";
   switch (stream.readPayload(responseSize, response)) {
-    case PipeStream::Payload::Read:
+    case PipeStream::Payload::kRead:
       return nullptr;
-    case PipeStream::Payload::Failed:
+    case PipeStream::Payload::kFailed:
       response.clear();
       return "Failed to read APDU response";
-    case PipeStream::Payload::NoMemory:
+    case PipeStream::Payload::kNoMemory:
       break;
   }
   return "No memory for APDU response";
@@ -99,8 +99,8 @@ void answerNotAccepted(std::vector<std::uint8_t>& response) {
 // more: the turn is not given up before.
 class AgentQueries::Notification {
  public:
-  explicit Notification(AgentQueries& queries) : queries_(queries) { mark(Notifying::UnderWay); }
-  ~Notification() { mark(Notifying::No); }
+  explicit Notification(AgentQueries& queries) : queries_(queries) { mark(Notifying::kUnderWay); }
+  ~Notification() { mark(Notifying::kNo); }
   Notification(const Notification&) = delete;
   Notification& operator=(const Notification&) = delete;
 
@@ -130,7 +130,7 @@ bool AgentQueries::hasPipe(const char* tag) const {
 
 QueryResult AgentQueries::timedOut(const Name& name) {
   if (name.logsTimeout) logError(kNoError, "[%s]Timeout", name.text);
-  return QueryResult::Timeout;
+  return QueryResult::kTimeout;
 }
 
 template <typename Exchange>
@@ -146,11 +146,11 @@ QueryResult AgentQueries::runGuarded(const Name& name, const Turn& turn, Exchang
     watchdog.emplace(watchdogThread_, [this] { cancel(); });
   } catch (const std::system_error& failure) {
     logError(static_cast<std::uint32_t>(failure.code().value()), "Failed to start query watchdog");
-    return QueryResult::Failure;
+    return QueryResult::kFailure;
   }
   const bool answered = exchange(stream);
   if (watchdog->timedOut()) return timedOut(name);
-  return answered ? QueryResult::Success : QueryResult::Failure;
+  return answered ? QueryResult::kSuccess : QueryResult::kFailure;
 }
 
 void AgentQueries::cancel() {
@@ -162,40 +162,40 @@ void AgentQueries::cancel() {
 
 bool AgentQueries::cancelNotification() {
   const platform::MutexLock lock(notificationMutex_);
-  if (notifying_ == Notifying::UnderWay) {
-    notifying_ = Notifying::Cancelled;
+  if (notifying_ == Notifying::kUnderWay) {
+    notifying_ = Notifying::kCancelled;
     cancel();
   }
-  return notifying_ != Notifying::No;
+  return notifying_ != Notifying::kNo;
 }
 
 QueryResult AgentQueries::atr(Bytes& atr, bool reset) {
-  if (!hasPipe(kQueryAtrTexts.tag)) return QueryResult::Failure;
+  if (!hasPipe(kQueryAtrTexts.tag)) return QueryResult::kFailure;
   return this->atr(atr, reset, Turn(*this));
 }
 
 QueryResult AgentQueries::atr(Bytes& atr, bool reset, const Turn& turn) {
-  if (!hasPipe(kQueryAtrTexts.tag)) return QueryResult::Failure;
-  const AgentCommand command = reset ? AgentCommand::QueryAtrReset : AgentCommand::QueryAtr;
+  if (!hasPipe(kQueryAtrTexts.tag)) return QueryResult::kFailure;
+  const AgentCommand command = reset ? AgentCommand::kQueryAtrReset : AgentCommand::kQueryAtr;
   return runGuarded({"QueryAtr", true}, turn, [&](PipeStream& stream) {
     return askAtr(stream, command, kQueryAtrTexts, atr);
   });
 }
 
 QueryResult AgentQueries::check() {
-  if (!hasPipe(kCheckAtrTexts.tag)) return QueryResult::Failure;
+  if (!hasPipe(kCheckAtrTexts.tag)) return QueryResult::kFailure;
   Bytes atr;
   return runGuarded({"CheckATR", false}, Turn(*this), [&](PipeStream& stream) {
-    return askAtr(stream, AgentCommand::QueryAtr, kCheckAtrTexts, atr);
+    return askAtr(stream, AgentCommand::kQueryAtr, kCheckAtrTexts, atr);
   });
 }
 
 QueryResult AgentQueries::transmit(const Bytes& command, Bytes& response) {
-  if (!hasPipe("[QueryTransmit]")) return QueryResult::Failure;
+  if (!hasPipe("[QueryTransmit]")) return QueryResult::kFailure;
   if (command.empty()) {
     logError(kNoError, "[QueryTransmit]Empty APDU, command not accepted");
     answerNotAccepted(response);
-    return QueryResult::Success;
+    return QueryResult::kSuccess;
   }
   return runGuarded({"QueryTransmit", true}, Turn(*this),
                     [&](PipeStream& stream) { return askTransmit(stream, command, response); });
@@ -226,7 +226,7 @@ bool AgentQueries::notifyCardReady() {
   // Begun before it is marked, so that whoever cancels a notification always ends this one.
   PipeStream stream(pipe_);
   const Notification notification(*this);
-  if (!stream.writeNumber(static_cast<std::uint32_t>(AgentCommand::NotifyCardReady))) {
+  if (!stream.writeNumber(static_cast<std::uint32_t>(AgentCommand::kNotifyCardReady))) {
     logError(platform::lastError(), "Failed to send ready notification");
     return false;
   }

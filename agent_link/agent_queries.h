@@ -52,7 +52,7 @@ class AgentQueries {
 
  private:
   class Notification;
-  enum class Notifying { No, UnderWay, Cancelled };
+  enum class Notifying { kNo, kUnderWay, kCancelled };
   // How the log calls a query, and whether it has a line of its own for a time-out.
   struct Name {
     const char* text;
@@ -77,7 +77,7 @@ class AgentQueries {
   WatchdogThread watchdogThread_;
   // Held while a notification is cancelled, so that it keeps its turn until that is done.
   platform::Mutex notificationMutex_;
-  Notifying notifying_ ZELTA_GUARDED_BY(notificationMutex_) = Notifying::No;
+  Notifying notifying_ ZELTA_GUARDED_BY(notificationMutex_) = Notifying::kNo;
 };
 
 }  // namespace zelta

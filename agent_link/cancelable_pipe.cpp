@@ -29,7 +29,7 @@ CancelablePipe::Epoch CancelablePipe::epoch() {
 std::uint32_t CancelablePipe::enter(Use use, Epoch epoch) {
   const platform::MutexLock lock(mutex_);
   if (closed_ || stopped_ || epoch != epoch_) return error::kOperationAborted;
-  if (use == Use::Exchange) {
+  if (use == Use::kExchange) {
     if (exchangesEnded_) return error::kOperationAborted;
     if (!clientAccepted_) return error::kPipeListening;
     if (clientDropped_) return error::kBrokenPipe;
@@ -44,7 +44,7 @@ void CancelablePipe::leave(Use use, Epoch epoch) {
   {
     const platform::MutexLock lock(mutex_);
     --(epoch == epoch_ ? inFlight_ : endedInFlight_);
-    if (use == Use::Exchange) --exchangesInFlight_;
+    if (use == Use::kExchange) --exchangesInFlight_;
     if (idleWaits_ > 0) idle_.notifyAll();
   }
   platform::setLastError(error);
@@ -53,11 +53,11 @@ void CancelablePipe::leave(Use use, Epoch epoch) {
 std::uint32_t CancelablePipe::connect() {
   if (!dropLeftClient()) return error::kOperationAborted;
   const Epoch current = epoch();
-  const std::uint32_t refusal = enter(Use::Connect, current);
+  const std::uint32_t refusal = enter(Use::kConnect, current);
   if (refusal != error::kSuccess) return refusal;
   std::uint32_t code = error::kSuccess;
   {
-    const Leave leave{*this, Use::Connect, current};
+    const Leave leave{*this, Use::kConnect, current};
     code = errorOf(platform::ports().pipes->connect(handle()));
   }
   if (code == error::kSuccess || code == error::kPipeConnected || code == error::kIoPending) {

@@ -67,12 +67,12 @@ class CancelablePipe {
   // last error `ERROR_OPERATION_ABORTED` (995); else, if no client was accepted, with 536.
   template <typename Call>
   bool run(Epoch epoch, Call call) {
-    const std::uint32_t refusal = enter(Use::Exchange, epoch);
+    const std::uint32_t refusal = enter(Use::kExchange, epoch);
     if (refusal != platform::error::kSuccess) {
       platform::setLastError(refusal);
       return false;
     }
-    const Leave leave{*this, Use::Exchange, epoch};
+    const Leave leave{*this, Use::kExchange, epoch};
     return call();
   }
 
@@ -94,7 +94,7 @@ class CancelablePipe {
   void stop();
 
  private:
-  enum class Use { Exchange, Connect };
+  enum class Use { kExchange, kConnect };
   struct Leave {
     CancelablePipe& pipe;
     Use use;

@@ -44,11 +44,11 @@ std::uint32_t EventListener::serve() {
       return error::kSuccess;
     }
     switch (awaitInsertionRequest()) {
-      case Awaited::Stop:
+      case Awaited::kStop:
         break;
-      case Awaited::Nobody:
+      case Awaited::kNobody:
         return error::kInvalidState;
-      case Awaited::Request:
+      case Awaited::kRequest:
         if (pipes_.connect() == error::kSuccess) {
           serveAgent();
         } else {
@@ -73,13 +73,13 @@ EventListener::Awaited EventListener::awaitInsertionRequest() {
   platform::MutexLock lock(waiting_.mutex());
   const bool came = waiting_.awaitInsertionRequest(lock, times_.insertRequest,
                                                    [this] { return stopRequested(); });
-  if (stopRequested()) return Awaited::Stop;
-  if (came) return Awaited::Request;
+  if (stopRequested()) return Awaited::kStop;
+  if (came) return Awaited::kRequest;
   // Deliberately the end of the thread: a reader that nobody waits on stops serving. Decided and
   // published at once, so that no request is added between the two.
   logError(error::kInvalidState, "Failed to wait for card insertion request");
   result_ = error::kInvalidState;
-  return Awaited::Nobody;
+  return Awaited::kNobody;
 }
 
 void EventListener::awaitReconnect() {
@@ -115,16 +115,16 @@ void EventListener::serveAgent() {
 void EventListener::handleEvent(PipeStream& events, std::uint32_t code) {
   logDebug("Event received");
   switch (static_cast<AgentEvent>(code)) {
-    case AgentEvent::CardRemoved:
+    case AgentEvent::kCardRemoved:
       logInfo("Card removed");
       handler_.cardRemoved();
       setSessionLogId(kNullSessionLogId);
       break;
-    case AgentEvent::CardInserted:
+    case AgentEvent::kCardInserted:
       logInfo("Card inserted");
       handler_.cardInserted();
       break;
-    case AgentEvent::SessionLogId:
+    case AgentEvent::kSessionLogId:
       readSessionLogId(events);
       break;
     default:
@@ -147,13 +147,13 @@ void EventListener::readSessionLogId(PipeStream& events) {
   }
   std::vector<std::uint8_t> bytes;
   switch (events.readPayload(size, bytes)) {
-    case PipeStream::Payload::Read:
+    case PipeStream::Payload::kRead:
       setSessionLogId(std::string(bytes.begin(), bytes.end()));
       break;
-    case PipeStream::Payload::Failed:
+    case PipeStream::Payload::kFailed:
       logError(platform::lastError(), "Failed to read session log id");
       break;
-    case PipeStream::Payload::NoMemory:
+    case PipeStream::Payload::kNoMemory:
       logError(platform::lastError(), "No memory for session log id of size %u", size);
       break;
   }

@@ -46,7 +46,7 @@ class EventListener {
   void join() { thread_.join(); }
 
  private:
-  enum class Awaited { Request, Nobody, Stop };
+  enum class Awaited { kRequest, kNobody, kStop };
 
   void run();
   // Makes a code the result and gives it back.

@@ -29,7 +29,7 @@ void PipeReader::endExchanges() noexcept {
 
 void PipeReader::shutdown() {
   setState(SCARD_ABSENT);
-  for (const CardEvent awaited : {CardEvent::Removed, CardEvent::Inserted}) {
+  for (const CardEvent awaited : {CardEvent::kRemoved, CardEvent::kInserted}) {
     while (waiting().any(awaited)) {
       const TracedLock lock("PipeReader::shutdown", waiting().deviceLock(), __LINE__);
       waiting().cancelNewest(awaited);
@@ -38,7 +38,7 @@ void PipeReader::shutdown() {
 }
 
 void PipeReader::agentConnected() {
-  if (waiting().any(CardEvent::Inserted) && initializeProtocols()) {
+  if (waiting().any(CardEvent::kInserted) && initializeProtocols()) {
     unmarkAndCompleteInsertIrps(status::kSuccess, SCARD_SWALLOWED);
   }
 }
@@ -48,13 +48,13 @@ void PipeReader::cardInserted() {
     // First, so that nobody waits for the device lock until the turn has come.
     const AgentQueries::Turn turn(queries_);
     const TracedLock lock("PipeReader::handleEvent", waiting().deviceLock(), __LINE__);
-    waiting().note(CardEvent::Inserted);
+    waiting().note(CardEvent::kInserted);
     setState(SCARD_SWALLOWED);
     // Whatever it gives, the card is there.
     initializeProtocols(
         [&](std::vector<std::uint8_t>& atr) { return queries_.atr(atr, true, turn); });
   }
-  if (waiting().any(CardEvent::Inserted)) {
+  if (waiting().any(CardEvent::kInserted)) {
     unmarkAndCompleteInsertIrps(status::kSuccess, SCARD_SWALLOWED);
   }
 }
@@ -62,22 +62,22 @@ void PipeReader::cardInserted() {
 void PipeReader::cardRemoved() {
   setCardReady(0);
   const TracedLock lock("PipeReader::handleEvent", waiting().deviceLock(), __LINE__);
-  waiting().note(CardEvent::Removed);
+  waiting().note(CardEvent::kRemoved);
   // Deliberate: with no request waiting for the removal the state stays as it is.
-  if (waiting().any(CardEvent::Removed)) {
+  if (waiting().any(CardEvent::kRemoved)) {
     unmarkAndCompleteRemoveIrps(status::kSuccess, SCARD_ABSENT);
   }
 }
 
 void PipeReader::agentLost() {
   const TracedLock lock("PipeReader::handleEventPipeError", waiting().deviceLock(), __LINE__);
-  waiting().note(CardEvent::Removed);
+  waiting().note(CardEvent::kRemoved);
   setState(SCARD_ABSENT);
   setCardReady(0);
-  if (waiting().any(CardEvent::Removed)) {
+  if (waiting().any(CardEvent::kRemoved)) {
     unmarkAndCompleteRemoveIrps(status::kSuccess, SCARD_ABSENT);
   }
-  if (waiting().any(CardEvent::Inserted)) {
+  if (waiting().any(CardEvent::kInserted)) {
     unmarkAndCompleteInsertIrps(status::kCancelled, SCARD_ABSENT);
   }
   pipes_.disconnect();
@@ -89,8 +89,8 @@ void PipeReader::unmarkAndCompleteInsertIrps(framework::HRESULT status, std::uin
   const TracedLock lock("PipeReader::unmarkAndCompleteInsertIrps", waiting().deviceLock(),
                         __LINE__);
   // Counts for a connection, whose card may not be reported again.
-  if (framework::succeeded(status)) waiting().note(CardEvent::Inserted);
-  waiting().completeAll(CardEvent::Inserted, status);
+  if (framework::succeeded(status)) waiting().note(CardEvent::kInserted);
+  waiting().completeAll(CardEvent::kInserted, status);
   setState(newState);
 }
 
@@ -98,7 +98,7 @@ void PipeReader::unmarkAndCompleteRemoveIrps(framework::HRESULT status, std::uin
   const TracedLock lock("PipeReader::unmarkAndCompleteRemoveIrps", waiting().deviceLock(),
                         __LINE__);
   setState(newState);
-  waiting().completeAll(CardEvent::Removed, status);
+  waiting().completeAll(CardEvent::kRemoved, status);
 }
 
 void PipeReader::IoSmartCardGetVendorDefinedAttribute(std::uint32_t tag, IoRequest& request) {

@@ -33,7 +33,7 @@ bool PipeStream::readNumber(std::uint32_t& value) {
 PipeStream::Payload PipeStream::readPayload(std::uint32_t length,
                                             std::vector<std::uint8_t>& bytes) {
   try {
-    return readBlocks(length, bytes) ? Payload::Read : Payload::Failed;
+    return readBlocks(length, bytes) ? Payload::kRead : Payload::kFailed;
   } catch (const std::bad_alloc&) {
     std::vector<std::uint8_t>().swap(bytes);
   } catch (const std::length_error&) {
@@ -41,7 +41,7 @@ PipeStream::Payload PipeStream::readPayload(std::uint32_t length,
   }
   pipe_.dropClient(epoch_);
   platform::setLastError(platform::error::kNotEnoughMemory);
-  return Payload::NoMemory;
+  return Payload::kNoMemory;
 }
 
 bool PipeStream::readBlocks(std::uint32_t length, std::vector<std::uint8_t>& bytes) {

@@ -19,7 +19,7 @@ class PipeStream {
   // memory is taken as the bytes arrive and not on the word of the agent. Bytes.
   static constexpr std::uint32_t kReadBlock = 1024 * 1024;
 
-  enum class Payload { Read, Failed, NoMemory };
+  enum class Payload { kRead, kFailed, kNoMemory };
 
   explicit PipeStream(CancelablePipe& pipe)
       : pipe_(pipe), handle_(pipe.handle()), epoch_(pipe.epoch()) {}

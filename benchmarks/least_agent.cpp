@@ -59,7 +59,7 @@ std::uint32_t receiveNumber(int pipe) {
 
 // The answer's bytes after the four of its length.
 void appendAnswer(int pipe, AgentCommand command, std::vector<std::uint8_t>& answer) {
-  if (command != AgentCommand::QueryTransmit) {
+  if (command != AgentCommand::kQueryTransmit) {
     if (cardIn) answer.insert(answer.end(), kAtr.begin(), kAtr.end());
     return;
   }
@@ -76,7 +76,7 @@ void serve(int pipe) {
   std::vector<std::uint8_t> answer;
   for (;;) {
     const auto command = static_cast<AgentCommand>(receiveNumber(pipe));
-    if (command == AgentCommand::NotifyCardReady) continue;
+    if (command == AgentCommand::kNotifyCardReady) continue;
     answer.resize(4);
     appendAnswer(pipe, command, answer);
     const auto size = toLittleEndian(static_cast<std::uint32_t>(answer.size() - 4));
@@ -89,7 +89,7 @@ void moveCards() {
   for (std::string line; std::getline(std::cin, line);) {
     const bool in = line == "insert";
     const auto event = toLittleEndian(
-        static_cast<std::uint32_t>(in ? AgentEvent::CardInserted : AgentEvent::CardRemoved));
+        static_cast<std::uint32_t>(in ? AgentEvent::kCardInserted : AgentEvent::kCardRemoved));
     cardIn = in;
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     sendAll(eventPipe, event.data(), event.size());
@@ -100,7 +100,7 @@ void moveCards() {
 int run() {
   const int events = openPipe(eventPipeName(0));
   const int commands = openPipe(commandPipeName(0));
-  const auto code = toLittleEndian(static_cast<std::uint32_t>(AgentEvent::SessionLogId));
+  const auto code = toLittleEndian(static_cast<std::uint32_t>(AgentEvent::kSessionLogId));
   const auto size = toLittleEndian(sizeof kSessionId - 1);
   sendAll(events, code.data(), code.size());
   sendAll(events, size.data(), size.size());

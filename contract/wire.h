@@ -10,17 +10,17 @@ namespace zelta {
 
 // Written by the driver on the command pipe.
 enum class AgentCommand : std::uint32_t {
-  QueryAtrReset = 0,    // answered with ATR length, ATR
-  QueryAtr = 1,         // answered with ATR length, ATR
-  QueryTransmit = 2,    // APDU length, APDU; answered with response length, response
-  NotifyCardReady = 3,  // no answer
+  kQueryAtrReset = 0,    // answered with ATR length, ATR
+  kQueryAtr = 1,         // answered with ATR length, ATR
+  kQueryTransmit = 2,    // APDU length, APDU; answered with response length, response
+  kNotifyCardReady = 3,  // no answer
 };
 
 // Written by the agent on the event pipe.
 enum class AgentEvent : std::uint32_t {
-  CardRemoved = 0,
-  CardInserted = 1,
-  SessionLogId = 2,  // id length, id
+  kCardRemoved = 0,
+  kCardInserted = 1,
+  kSessionLogId = 2,  // id length, id
 };
 
 // How long the driver waits for an answer, and after how long the agent answers in the card's place

@@ -6,7 +6,7 @@ namespace zelta {
 
 namespace {
 
-constexpr std::int32_t kDebug = static_cast<std::int32_t>(logging::Level::Debug);
+constexpr std::int32_t kDebug = static_cast<std::int32_t>(logging::Level::kDebug);
 constexpr char kDigits[] = "0123456789abcdef";
 
 }  // namespace

@@ -37,27 +37,27 @@ void writeOrLose(Write write) noexcept {
 }  // namespace
 
 void logDebug(const char* format, ...) {
-  if (isDropped(LogLevel::Debug)) return;
+  if (isDropped(LogLevel::kDebug)) return;
   std::va_list arguments;
   va_start(arguments, format);
-  writeOrLose([&] { writeFilteredRecord(LogLevel::Debug, 0, formatMessage(format, arguments)); });
+  writeOrLose([&] { writeFilteredRecord(LogLevel::kDebug, 0, formatMessage(format, arguments)); });
   va_end(arguments);
 }
 
 void logInfo(const char* format, ...) {
-  if (isDropped(LogLevel::Info)) return;
+  if (isDropped(LogLevel::kInfo)) return;
   std::va_list arguments;
   va_start(arguments, format);
-  writeOrLose([&] { writeFilteredRecord(LogLevel::Info, 0, formatMessage(format, arguments)); });
+  writeOrLose([&] { writeFilteredRecord(LogLevel::kInfo, 0, formatMessage(format, arguments)); });
   va_end(arguments);
 }
 
 void logError(std::uint32_t code, const char* format, ...) {
-  if (isDropped(LogLevel::Error)) return;
+  if (isDropped(LogLevel::kError)) return;
   std::va_list arguments;
   va_start(arguments, format);
   writeOrLose([&] {
-    writeFilteredRecord(LogLevel::Error, static_cast<std::int32_t>(code),
+    writeFilteredRecord(LogLevel::kError, static_cast<std::int32_t>(code),
                         formatMessage(format, arguments));
   });
   va_end(arguments);

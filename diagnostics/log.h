@@ -19,7 +19,7 @@
 namespace zelta {
 
 // A record is written when its level is not above the logger's threshold.
-enum class LogLevel : std::uint8_t { Critical = 0, Error = 1, Info = 2, Debug = 3, Trace = 4 };
+enum class LogLevel : std::uint8_t { kCritical = 0, kError = 1, kInfo = 2, kDebug = 3, kTrace = 4 };
 
 // The result code of a failure that has none of its own.
 inline constexpr std::int32_t kNoResultCode = -500;

@@ -138,7 +138,7 @@ void LoggerWrapper::watchPolicy() noexcept {
     } catch (const std::exception& error) {
       MutexLock lock(loggerMutex);
       use([&error](FileLoggerWindows& logger) {
-        logger.LoggerBase::log(static_cast<std::int32_t>(LogLevel::Error), kNoResultCode,
+        logger.LoggerBase::log(static_cast<std::int32_t>(LogLevel::kError), kNoResultCode,
                                error.what());
       });
     }
@@ -239,7 +239,7 @@ void writeRecord(std::uint8_t level, std::int32_t code, const std::string& messa
 }
 
 void logByteDump(const std::uint8_t* bytes, std::uint64_t length, std::uint64_t bytesPerLine) {
-  if (isDropped(LogLevel::Debug)) return;
+  if (isDropped(LogLevel::kDebug)) return;
   useLogger([&](FileLoggerWindows& logger) { writeByteDump(logger, bytes, length, bytesPerLine); });
 }
 

@@ -19,9 +19,9 @@ using platform::MutexLock;
 constexpr char kRotationTimeKey[] = "SOFTWARE\\Vornhalt\\ZeltaAgent";
 constexpr char kRotationTimeValue[] = "ZeltaLogRotationTime";
 
-constexpr std::int32_t kError = static_cast<std::int32_t>(Level::Error);
-constexpr std::int32_t kInfo = static_cast<std::int32_t>(Level::Info);
-constexpr std::int32_t kDebug = static_cast<std::int32_t>(Level::Debug);
+constexpr std::int32_t kError = static_cast<std::int32_t>(Level::kError);
+constexpr std::int32_t kInfo = static_cast<std::int32_t>(Level::kInfo);
+constexpr std::int32_t kDebug = static_cast<std::int32_t>(Level::kDebug);
 
 }  // namespace
 

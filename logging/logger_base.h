@@ -10,7 +10,7 @@ namespace zelta::logging {
 
 class FileLogger;
 
-enum class Level : std::int32_t { Critical = 0, Error = 1, Info = 2, Debug = 3, Trace = 4 };
+enum class Level : std::int32_t { kCritical = 0, kError = 1, kInfo = 2, kDebug = 3, kTrace = 4 };
 
 // The result code of the library's own error records.
 inline constexpr std::int32_t kOwnErrorCode = -500;
@@ -73,7 +73,7 @@ template <typename MakeMessage>
 void logErrorOrLose(LoggerBase& logger, std::uint32_t resultCode,
                     MakeMessage makeMessage) noexcept {
   try {
-    logger.log(static_cast<std::int32_t>(Level::Error), static_cast<std::int32_t>(resultCode),
+    logger.log(static_cast<std::int32_t>(Level::kError), static_cast<std::int32_t>(resultCode),
                makeMessage());
   } catch (...) {
   }

@@ -33,7 +33,7 @@
 namespace zelta {
 
 // What a query of the agent gives.
-enum class QueryResult : std::uint32_t { Success = 0, Failure = 1, Timeout = 2 };
+enum class QueryResult : std::uint32_t { kSuccess = 0, kFailure = 1, kTimeout = 2 };
 
 class Reader {
  public:

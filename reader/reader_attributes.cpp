@@ -137,7 +137,7 @@ void Reader::getCurrentProtocol(IoRequest& request) {
 void Reader::getAtr(IoRequest& request) {
   logInfo("[GATT]SCARD_ATTR_ATR_STRING");
   Bytes atr;
-  if (QueryAtr(atr, false) != QueryResult::Success) {
+  if (QueryAtr(atr, false) != QueryResult::kSuccess) {
     logError(kNoMediaCode, "[GATT]SCARD_ATTR_ATR_STRING: STATUS_NO_MEDIA");
     finish(request, status::kNoMedia, kGetHandler, __LINE__);
     return;

@@ -57,7 +57,7 @@ void Reader::reset(IoRequest& request, const char* name) {
   currentProtocol_.store(0, std::memory_order_relaxed);
   Bytes atr;
   const QueryResult result = QueryAtr(atr, kWithReset);
-  if (result == QueryResult::Success) {
+  if (result == QueryResult::kSuccess) {
     setCardReady(1);
     setState(SCARD_NEGOTIABLE);
     logInfo("[POWR]State:%08X", SCARD_NEGOTIABLE);
@@ -65,7 +65,7 @@ void Reader::reset(IoRequest& request, const char* name) {
     return;
   }
   setCardReady(0);
-  const bool cardThere = result != QueryResult::Timeout && state() > SCARD_ABSENT;
+  const bool cardThere = result != QueryResult::kTimeout && state() > SCARD_ABSENT;
   const framework::HRESULT status = cardThere ? status::kUnrecognizedMedia : status::kNoMedia;
   const std::uint32_t newState = cardThere ? SCARD_PRESENT : SCARD_ABSENT;
   setState(newState);
@@ -82,7 +82,7 @@ bool Reader::initializeProtocols(const std::function<QueryResult(Bytes&)>& query
   availableProtocols_.store(0, std::memory_order_relaxed);
   Bytes atr;
   const QueryResult result = queryAtr(atr);
-  if (result != QueryResult::Success || atr.size() < kMinAtrSize) {
+  if (result != QueryResult::kSuccess || atr.size() < kMinAtrSize) {
     logError(kNoError, "ATR query failed (size = %d). Failed to initialize protocols.",
              static_cast<int>(atr.size()));
     return false;

@@ -19,18 +19,18 @@ void Reader::IoSmartCardIsPresent(IoRequest* request, std::size_t /*inLength*/,
     return;
   }
   logInfo("[IPRE]IOCTL_SMARTCARD_IS_PRESENT");
-  const std::uint64_t insertions = waiting_.count(CardEvent::Inserted);
-  if (CheckATR() == QueryResult::Success) {
+  const std::uint64_t insertions = waiting_.count(CardEvent::kInserted);
+  if (CheckATR() == QueryResult::kSuccess) {
     finish(*request, status::kSuccess, kHandler, __LINE__);
     return;
   }
   const TracedLock lock(kHandler, waiting_.deviceLock(), __LINE__);
   // An insertion whose agent was lost meanwhile is over. The request waits for the next agent.
-  if (waiting_.count(CardEvent::Inserted) != insertions && state() != SCARD_ABSENT) {
+  if (waiting_.count(CardEvent::kInserted) != insertions && state() != SCARD_ABSENT) {
     request->completeWithInformation(status::kSuccess, 0);
     return;
   }
-  waiting_.add(CardEvent::Inserted, *request);
+  waiting_.add(CardEvent::kInserted, *request);
   markCancelable(*request, "[IPRE]IOCTL_SMARTCARD_IS_PRESENT: invalid callback");
 }
 
@@ -42,19 +42,19 @@ void Reader::IoSmartCardIsAbsent(IoRequest* request, std::size_t /*inLength*/,
     return;
   }
   logInfo("[IABS]IOCTL_SMARTCARD_IS_ABSENT");
-  const std::uint64_t removals = waiting_.count(CardEvent::Removed);
-  if (CheckATR() != QueryResult::Success) {
+  const std::uint64_t removals = waiting_.count(CardEvent::kRemoved);
+  if (CheckATR() != QueryResult::kSuccess) {
     finish(*request, status::kSuccess, kHandler, __LINE__);
     return;
   }
   const TracedLock lock(kHandler, waiting_.deviceLock(), __LINE__);
-  if (waiting_.count(CardEvent::Removed) != removals) {
+  if (waiting_.count(CardEvent::kRemoved) != removals) {
     // The removal has left the state as it was, because nothing seemed to wait for it.
-    if (waiting_.last() == CardEvent::Removed) setState(SCARD_ABSENT);
+    if (waiting_.last() == CardEvent::kRemoved) setState(SCARD_ABSENT);
     request->completeWithInformation(status::kSuccess, 0);
     return;
   }
-  waiting_.add(CardEvent::Removed, *request);
+  waiting_.add(CardEvent::kRemoved, *request);
   markCancelable(*request, "[IABS]IOCTL_SMARTCARD_IS_ABSENT: invalid callback!");
 }
 
@@ -78,15 +78,15 @@ void Reader::IoCancelRequest(IoRequest* request) {
     return;
   }
   const TracedLock lock("Reader::IoCancelRequest", waiting_.deviceLock(), __LINE__);
-  if (waiting_.remove(CardEvent::Removed, *request)) logInfo("[CREQ]Cancel Remove");
-  if (waiting_.remove(CardEvent::Inserted, *request)) logInfo("[CREQ]Cancel Insert");
+  if (waiting_.remove(CardEvent::kRemoved, *request)) logInfo("[CREQ]Cancel Remove");
+  if (waiting_.remove(CardEvent::kInserted, *request)) logInfo("[CREQ]Cancel Insert");
   request->completeWithInformation(status::kCancelled, 0);
 }
 
 bool Reader::stopWaiting(IoRequest& request) {
   waiting_.assumeDeviceLock();
-  const bool waitedForRemoval = waiting_.remove(CardEvent::Removed, request);
-  const bool waitedForInsertion = waiting_.remove(CardEvent::Inserted, request);
+  const bool waitedForRemoval = waiting_.remove(CardEvent::kRemoved, request);
+  const bool waitedForInsertion = waiting_.remove(CardEvent::kInserted, request);
   return waitedForRemoval || waitedForInsertion;
 }
 

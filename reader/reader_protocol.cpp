@@ -33,7 +33,7 @@ void Reader::IoSmartCardSetProtocol(IoRequest* request, std::size_t /*inLength*/
   const auto mask = static_cast<std::uint32_t>(MemoryUtil::getInt(*request));
   logInfo("[SPRT]IOCTL_SMARTCARD_SET_PROTOCOL:%08X", mask);
   Bytes atr;  // not parsed: the protocols are those of the last initialisation
-  if (QueryAtr(atr, true) != QueryResult::Success) {
+  if (QueryAtr(atr, true) != QueryResult::kSuccess) {
     setState(SCARD_ABSENT);
     logError(static_cast<std::uint32_t>(status::kNoMedia), "[SPRT]STATUS_NO_MEDIA");
     finish(*request, status::kNoMedia, kSetProtocolHandler, __LINE__);
@@ -105,7 +105,7 @@ bool Reader::readTransmit(IoRequest& request, std::uint32_t& protocol, Bytes& co
 
 void Reader::transmit(IoRequest& request, const Bytes& command) {
   Bytes response;
-  if (QueryTransmit(command, response) != QueryResult::Success) {
+  if (QueryTransmit(command, response) != QueryResult::kSuccess) {
     logError(static_cast<std::uint32_t>(status::kNoMedia), "[TRSM]STATUS_NO_MEDIA");
     finish(request, status::kNoMedia, kTransmitHandler, __LINE__);
     return;

@@ -35,7 +35,7 @@ bool WaitingRequests::any(CardEvent awaited) const ZELTA_NO_THREAD_SAFETY_ANALYS
 }
 
 void WaitingRequests::add(CardEvent awaited, IoRequest& request) {
-  if (awaited == CardEvent::Removed) {
+  if (awaited == CardEvent::kRemoved) {
     list(awaited).append(&request);
     return;
   }

@@ -24,7 +24,7 @@
 namespace zelta {
 
 // What a request waits for. A card whose agent is lost counts as removed.
-enum class CardEvent : std::uint8_t { Inserted, Removed };
+enum class CardEvent : std::uint8_t { kInserted, kRemoved };
 
 class WaitingRequests {
  public:
@@ -67,7 +67,7 @@ class WaitingRequests {
   bool awaitInsertionRequest(platform::MutexLock& lock, std::chrono::milliseconds limit,
                              Stopped stopped) ZELTA_REQUIRES(mutex_) {
     return insertionRequestCame_.waitFor(lock, limit,
-                                         [&] { return stopped() || any(CardEvent::Inserted); });
+                                         [&] { return stopped() || any(CardEvent::kInserted); });
   }
   // Lets whoever waits there look at `stopped` again.
   void wakeInsertionWait() ZELTA_EXCLUDES(mutex_);
@@ -80,7 +80,7 @@ class WaitingRequests {
   ReaderDevice& device_;
   std::array<PendingRequests, 2> lists_ ZELTA_GUARDED_BY(device_.deviceLock());
   std::array<std::atomic<std::uint64_t>, 2> counts_{};  // written with the device lock held
-  CardEvent last_ ZELTA_GUARDED_BY(device_.deviceLock()) = CardEvent::Removed;
+  CardEvent last_ ZELTA_GUARDED_BY(device_.deviceLock()) = CardEvent::kRemoved;
   // Held as well while an insertion request is added.
   platform::Mutex mutex_ ZELTA_ACQUIRED_AFTER(device_.deviceLock());
   platform::ConditionVariable insertionRequestCame_;

@@ -32,11 +32,11 @@ std::unique_ptr<CardBackend> makeEmulatedCard(const Options& options) {
 
 std::unique_ptr<CardBackend> makeBackend(const Options& options, Log& log) {
   switch (options.backend) {
-    case BackendKind::Pcsc:
+    case BackendKind::kPcsc:
       return std::make_unique<PcscCard>(options.pcscReader, log);
-    case BackendKind::Script:
+    case BackendKind::kScript:
       return makeScriptBackend(options);
-    case BackendKind::Emulated:
+    case BackendKind::kEmulated:
       break;
   }
   return makeEmulatedCard(options);

@@ -41,18 +41,18 @@ CardId CardSlot::card() const {
 Outcome CardSlot::perform(const Command& command, CardId card) {
   Bytes response = call(command);
   platform::MutexLock lock(mutex_);
-  if (response.empty() || card_ != card) return {Outcome::Result::NoCard};
-  if (command.kind != Command::Kind::Transmit) atr_ = response;
-  return {Outcome::Result::Answered, std::move(response), card};
+  if (response.empty() || card_ != card) return {Outcome::Result::kNoAnswer};
+  if (command.kind != Command::Kind::kTransmit) atr_ = response;
+  return {Outcome::Result::kAnswered, std::move(response), card};
 }
 
 Bytes CardSlot::call(const Command& command) {
   switch (command.kind) {
-    case Command::Kind::AtrWithReset:
+    case Command::Kind::kAtrWithReset:
       return backend_.reset();
-    case Command::Kind::Atr:
+    case Command::Kind::kAtr:
       return backend_.atr();
-    case Command::Kind::Transmit:
+    case Command::Kind::kTransmit:
       break;
   }
   return backend_.transmit(command.apdu);

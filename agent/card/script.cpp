@@ -87,9 +87,9 @@ void addSuccess(Bytes* response) {
 ScriptResponse takeResponse(Line& line) {
   ScriptResponse response;
   if (line.takeIf("none")) {
-    response.kind = ScriptResponse::Kind::None;
+    response.kind = ScriptResponse::Kind::kNone;
   } else if (line.takeIf("echo")) {
-    response.kind = ScriptResponse::Kind::Echo;
+    response.kind = ScriptResponse::Kind::kEcho;
   } else if (line.takeIf("fill")) {
     const std::uint32_t length = takeNumber(line, line.take("a count of bytes"));
     if (length > kLongestFill) line.fail("more than 65536 bytes");
@@ -133,9 +133,9 @@ CommandPattern takePattern(Line& line, const std::set<std::string>& ends) {
 
 CardAction takeAction(Line& line) {
   const std::string word = line.take("'insert' or 'remove'");
-  if (word == "insert") return CardAction::Insert;
+  if (word == "insert") return CardAction::kInsert;
   if (word != "remove") line.fail("'" + word + "' is neither 'insert' nor 'remove'");
-  return CardAction::Remove;
+  return CardAction::kRemove;
 }
 
 class Parser {
@@ -180,7 +180,7 @@ class Parser {
 
   void parseAtr(Line& line) {
     if (line.takeIf("none")) {
-      script_.atr.kind = ScriptResponse::Kind::None;
+      script_.atr.kind = ScriptResponse::Kind::kNone;
     } else {
       script_.atr.bytes = takeBytes(line, "an ATR");
     }
@@ -204,13 +204,13 @@ class Parser {
   void parseTrigger(Line& line) {
     Script::Trigger trigger{};
     if (line.takeIf("reset")) {
-      trigger.on = Script::Trigger::On::Reset;
+      trigger.on = Script::Trigger::On::kReset;
     } else if (line.takeIf("atr")) {
-      trigger.on = Script::Trigger::On::Atr;
+      trigger.on = Script::Trigger::On::kAtr;
     } else if (line.takeIf("ready")) {
-      trigger.on = Script::Trigger::On::Ready;
+      trigger.on = Script::Trigger::On::kReady;
     } else {
-      trigger.on = Script::Trigger::On::Command;
+      trigger.on = Script::Trigger::On::kCommand;
       trigger.pattern = takePattern(line, {"insert", "remove"});
     }
     trigger.action = takeAction(line);
@@ -234,7 +234,7 @@ bool CommandPattern::matches(const Bytes& command) const {
 }
 
 Bytes ScriptResponse::to(const Bytes& command) const {
-  if (kind != Kind::Echo) return bytes;
+  if (kind != Kind::kEcho) return bytes;
   Bytes response = command;
   addSuccess(&response);
   return response;

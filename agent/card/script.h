@@ -28,8 +28,8 @@ struct CommandPattern {
 };
 
 struct ScriptResponse {
-  enum class Kind { Fixed, None, Echo };
-  Kind kind = Kind::Fixed;
+  enum class Kind { kFixed, kNone, kEcho };
+  Kind kind = Kind::kFixed;
   Bytes bytes{};
   std::chrono::milliseconds delay{0};
 
@@ -37,7 +37,7 @@ struct ScriptResponse {
   Bytes to(const Bytes& command) const;
 };
 
-enum class CardAction { Insert, Remove };
+enum class CardAction { kInsert, kRemove };
 
 struct Script {
   struct Reply {
@@ -49,7 +49,7 @@ struct Script {
     CardAction action;
   };
   struct Trigger {
-    enum class On { Reset, Atr, Ready, Command };
+    enum class On { kReset, kAtr, kReady, kCommand };
     On on;
     CommandPattern pattern;  // of Command
     CardAction action;

@@ -37,28 +37,28 @@ void ScriptCard::interrupt() {
 }
 
 Bytes ScriptCard::reset() {
-  trigger(On::Reset, {});
+  trigger(On::kReset, {});
   return respond(script_.atr, {});
 }
 
 Bytes ScriptCard::atr() {
-  trigger(On::Atr, {});
+  trigger(On::kAtr, {});
   return respond(script_.atr, {});
 }
 
 Bytes ScriptCard::transmit(const Bytes& command) {
-  trigger(On::Command, command);
+  trigger(On::kCommand, command);
   return respond(script_.responseTo(command), command);
 }
 
-void ScriptCard::ready() { trigger(On::Ready, {}); }
+void ScriptCard::ready() { trigger(On::kReady, {}); }
 
 void ScriptCard::trigger(On on, const Bytes& command) {
   platform::MutexLock lock(mutex_);
   const auto now = SteadyClock::now();
   for (const Script::Trigger& trigger : script_.triggers) {
     if (trigger.on != on) continue;
-    if (on == On::Command && !trigger.pattern.matches(command)) continue;
+    if (on == On::kCommand && !trigger.pattern.matches(command)) continue;
     due_.emplace(now + trigger.delay, trigger.action);
     changed_.notifyAll();
   }
@@ -98,12 +98,12 @@ void ScriptCard::runTimed() {
   }
 }
 
-std::string ScriptCard::insert() { return act(CardAction::Insert); }
+std::string ScriptCard::insert() { return act(CardAction::kInsert); }
 
-std::string ScriptCard::remove() { return act(CardAction::Remove); }
+std::string ScriptCard::remove() { return act(CardAction::kRemove); }
 
 std::string ScriptCard::act(CardAction action) {
-  const bool wanted = action == CardAction::Insert;
+  const bool wanted = action == CardAction::kInsert;
   platform::MutexLock acting(acting_);
   {
     platform::MutexLock lock(mutex_);

@@ -64,9 +64,9 @@ std::string answerControl(Agent& agent, const std::string& line) {
 
 std::string controlLine(const Options& options) {
   switch (options.action) {
-    case Options::Action::CtlInsert:
+    case Options::Action::kCtlInsert:
       return "insert\n";
-    case Options::Action::CtlRemove:
+    case Options::Action::kCtlRemove:
       return "remove\n";
     default:
       return options.json ? "status json\n" : "status\n";

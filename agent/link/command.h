@@ -8,9 +8,9 @@
 namespace zelta::agent {
 
 struct Command {
-  enum class Kind { AtrWithReset, Atr, Transmit };
+  enum class Kind { kAtrWithReset, kAtr, kTransmit };
 
-  Kind kind = Kind::Atr;
+  Kind kind = Kind::kAtr;
   Bytes apdu;  // of Transmit
   // When something else is answered if the card is not done, and when the driver gives up.
   SteadyClock::time_point cardLimit;
@@ -19,12 +19,12 @@ struct Command {
 
 struct Outcome {
   enum class Result {
-    Answered,  // `data` is not empty
-    NoCard,    // none in, pulled meanwhile, or mute
-    Late,      // not done in time
+    kAnswered,  // `data` is not empty
+    kNoAnswer,    // none in, pulled meanwhile, or mute
+    kLate,      // not done in time
   };
 
-  Result result = Result::NoCard;
+  Result result = Result::kNoAnswer;
   Bytes data{};
   CardId card = kNoCard;  // the one that answered
 };

@@ -92,7 +92,7 @@ std::optional<CommandThreads::Duty> CommandThreads::findDuty(Member& self) {
     if (!call_) return std::nullopt;
     const bool departed = slot_.card() != call_->card;
     if (!departed && SteadyClock::now() < call_->command->cardLimit) return std::nullopt;
-    outcome = Outcome{departed ? Outcome::Result::NoCard : Outcome::Result::Late};
+    outcome = Outcome{departed ? Outcome::Result::kNoAnswer : Outcome::Result::kLate};
     // The leader leaves its command as it is while it is in the card.
     self.command = *call_->command;
     call_.reset();
@@ -137,9 +137,9 @@ std::optional<Outcome> CommandThreads::ask(const Member& self) {
     return std::nullopt;
   }
   const CardId card = slot_.card();
-  if (card == kNoCard) return Outcome{Outcome::Result::NoCard};
+  if (card == kNoCard) return Outcome{Outcome::Result::kNoAnswer};
   begin(Call{&self.command, card});
-  Outcome outcome{Outcome::Result::Late};
+  Outcome outcome{Outcome::Result::kLate};
   if (waitForCard(lock, self, card)) {
     cardBusy_ = true;
     lock.unlock();
@@ -150,7 +150,7 @@ std::optional<Outcome> CommandThreads::ask(const Member& self) {
   }
   if (term_ != self.term) return std::nullopt;
   call_.reset();
-  if (slot_.card() != card) return Outcome{Outcome::Result::NoCard};
+  if (slot_.card() != card) return Outcome{Outcome::Result::kNoAnswer};
   return outcome;
 }
 

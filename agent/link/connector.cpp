@@ -38,7 +38,7 @@ PipePair Connector::attempt() {
     }
     held_ = PipePair();
   }
-  if (hasOne || failure_.result != OpenResult::Absent) {
+  if (hasOne || failure_.result != OpenResult::kAbsent) {
     port_.waitForChange(backoff_.next());
   } else {
     port_.waitForChange(std::nullopt);
@@ -59,13 +59,13 @@ void Connector::connectionEnded(bool wasAlive) {
 void Connector::openMissing(std::unique_ptr<PipeConnection>* pipe, const std::string& name) {
   if (*pipe != nullptr) return;
   OpenedPipe opened = port_.open(name);
-  if (opened.result == OpenResult::Opened) {
+  if (opened.result == OpenResult::kOpened) {
     *pipe = std::move(opened.connection);
     return;
   }
   // What is there and does not open says more than what is not there, and needs the timer.
-  if (failed_ && opened.result == OpenResult::Absent) return;
-  if (failed_ && failure_.result != OpenResult::Absent) return;
+  if (failed_ && opened.result == OpenResult::kAbsent) return;
+  if (failed_ && failure_.result != OpenResult::kAbsent) return;
   failed_ = true;
   failure_ = std::move(opened);
 }
@@ -74,10 +74,10 @@ void Connector::noteFailure() {
   if (failure_.detail == lastNoted_) return;
   lastNoted_ = failure_.detail;
   switch (failure_.result) {
-    case OpenResult::Absent:
+    case OpenResult::kAbsent:
       log_.info("Waiting for the driver: " + failure_.detail);
       return;
-    case OpenResult::Refused:
+    case OpenResult::kRefused:
       log_.warning("The driver is gone, or serves another agent: " + failure_.detail);
       return;
     default:

@@ -26,7 +26,7 @@ const Bytes& wrongLength() {
 // What is answered in time if the card is late.
 const Bytes& lateAnswer(Command::Kind kind) {
   static const auto* const none = new Bytes;  // never destroyed
-  return kind == Command::Kind::Transmit ? noPreciseDiagnosis() : *none;
+  return kind == Command::Kind::kTransmit ? noPreciseDiagnosis() : *none;
 }
 
 struct Query {
@@ -36,9 +36,9 @@ struct Query {
 };
 
 constexpr Query kQueries[] = {
-    {AgentCommand::QueryAtrReset, Command::Kind::AtrWithReset, "ATR query with reset"},
-    {AgentCommand::QueryAtr, Command::Kind::Atr, "ATR query"},
-    {AgentCommand::QueryTransmit, Command::Kind::Transmit, "Transmit"},
+    {AgentCommand::kQueryAtrReset, Command::Kind::kAtrWithReset, "ATR query with reset"},
+    {AgentCommand::kQueryAtr, Command::Kind::kAtr, "ATR query"},
+    {AgentCommand::kQueryTransmit, Command::Kind::kTransmit, "Transmit"},
 };
 
 template <typename Matches>
@@ -93,7 +93,7 @@ void DriverConnection::serve() {
 bool DriverConnection::read(Command* command) {
   std::uint32_t code = 0;
   while (readCode(command, &code)) {
-    if (code == static_cast<std::uint32_t>(AgentCommand::NotifyCardReady)) {
+    if (code == static_cast<std::uint32_t>(AgentCommand::kNotifyCardReady)) {
       log_.debug("Card ready");
       slot_.ready();
       reporter_.beginAnswer(kNoCard);  // there is none; the command is dealt with
@@ -107,7 +107,7 @@ bool DriverConnection::read(Command* command) {
       return false;
     }
     command->kind = query->kind;
-    if (query->kind != Command::Kind::Transmit) return true;
+    if (query->kind != Command::Kind::kTransmit) return true;
     if (!readApdu(command)) return false;
     if (!command->apdu.empty()) return true;
     if (!answerOtherwise(*command, wrongLength())) return false;
@@ -147,35 +147,35 @@ bool DriverConnection::readField(void* data, std::uint32_t size, SteadyClock::ti
 }
 
 bool DriverConnection::check(IoResult result, const char* timedOut) {
-  if (result == IoResult::GivenUp) {
+  if (result == IoResult::kGivenUp) {
     log_.error("The driver does not wait for its answer any more; dropping the connection");
-  } else if (result == IoResult::TimedOut) {
+  } else if (result == IoResult::kTimedOut) {
     log_.error(std::string(timedOut) + "; dropping the connection");
   }
-  return result == IoResult::Done;
+  return result == IoResult::kDone;
 }
 
 std::string DriverConnection::describe(const Command& command) const {
   const Query* const query =
       findQuery([&command](const Query& known) { return known.kind == command.kind; });
-  const bool showsApdu = command.kind == Command::Kind::Transmit && log_.wants(LogLevel::Debug);
+  const bool showsApdu = command.kind == Command::Kind::kTransmit && log_.wants(LogLevel::kDebug);
   return query->name + (showsApdu ? describeApdu(command.apdu) : std::string());
 }
 
 bool DriverConnection::answer(const Command& command, const Outcome& outcome) {
-  if (outcome.result == Outcome::Result::Late) {
+  if (outcome.result == Outcome::Result::kLate) {
     log_.warning(describe(command) + ": the card is not done in time");
     return answerOtherwise(command, lateAnswer(command.kind));
   }
-  const bool answered = outcome.result == Outcome::Result::Answered;
-  if (answered && command.kind == Command::Kind::Transmit) {
-    if (log_.wants(LogLevel::Debug)) {
+  const bool answered = outcome.result == Outcome::Result::kAnswered;
+  if (answered && command.kind == Command::Kind::kTransmit) {
+    if (log_.wants(LogLevel::kDebug)) {
       log_.debug(describe(command) + ": " + std::to_string(outcome.data.size()) + " bytes");
     }
     return answerOtherwise(command, outcome.data);
   }
   if (answered && reporter_.beginAnswer(outcome.card)) {
-    if (log_.wants(LogLevel::Debug)) log_.debug(describe(command) + ": " + toHex(outcome.data));
+    if (log_.wants(LogLevel::kDebug)) log_.debug(describe(command) + ": " + toHex(outcome.data));
     return write(command, outcome.data);
   }
   log_.debug(describe(command) + ": no card");

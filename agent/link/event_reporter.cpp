@@ -74,10 +74,10 @@ void EventReporter::cardDeparted() {
 }
 
 void EventReporter::queue(ReportRule::Report report) {
-  if (report == ReportRule::Report::Nothing || ended_) return;
+  if (report == ReportRule::Report::kNothing || ended_) return;
   const std::size_t notBegun = events_.size() - (writing_ ? 1 : 0);
-  if (report == ReportRule::Report::Removed && notBegun > 0 &&
-      events_.back() == ReportRule::Report::Inserted) {
+  if (report == ReportRule::Report::kRemoved && notBegun > 0 &&
+      events_.back() == ReportRule::Report::kInserted) {
     events_.pop_back();  // nobody has heard of that card
   } else {
     events_.push_back(report);
@@ -93,10 +93,10 @@ IoResult EventReporter::postNumber(std::uint32_t number,
 
 bool EventReporter::sendSessionId() {
   const auto length = static_cast<std::uint32_t>(settings_.sessionId.size());
-  const auto code = static_cast<std::uint32_t>(AgentEvent::SessionLogId);
-  return postNumber(code, std::nullopt) == IoResult::Done &&
-         postNumber(length, std::nullopt) == IoResult::Done &&
-         pipe_.post(settings_.sessionId.data(), length, std::nullopt) == IoResult::Done;
+  const auto code = static_cast<std::uint32_t>(AgentEvent::kSessionLogId);
+  return postNumber(code, std::nullopt) == IoResult::kDone &&
+         postNumber(length, std::nullopt) == IoResult::kDone &&
+         pipe_.post(settings_.sessionId.data(), length, std::nullopt) == IoResult::kDone;
 }
 
 void EventReporter::watchPipe() {
@@ -106,7 +106,7 @@ void EventReporter::watchPipe() {
       sessionSent_ = true;
       changed_.notifyAll();
     }
-    if (pipe_.flush() == IoResult::Done) {
+    if (pipe_.flush() == IoResult::kDone) {
       {
         platform::MutexLock lock(mutex_);
         taken_ = true;
@@ -116,7 +116,7 @@ void EventReporter::watchPipe() {
       onTaken_();
       // The driver never writes here, so this ends with the pipe.
       std::uint8_t unexpected = 0;
-      if (pipe_.read(&unexpected, sizeof unexpected, std::nullopt) == IoResult::Done) {
+      if (pipe_.read(&unexpected, sizeof unexpected, std::nullopt) == IoResult::kDone) {
         log_.error("The driver wrote to the event pipe; dropping the connection");
       }
     }
@@ -159,7 +159,7 @@ bool EventReporter::nextEvent(ReportRule::Report* report) {
 IoResult EventReporter::postEvent(std::uint32_t event) {
   const auto now = SteadyClock::now();
   IoResult result = postNumber(event, now);
-  if (result != IoResult::TimedOut) return result;
+  if (result != IoResult::kTimedOut) return result;
   setFull(true);
   result = postNumber(event, now + settings_.limit);
   setFull(false);
@@ -173,16 +173,16 @@ void EventReporter::setFull(bool full) {
 }
 
 void EventReporter::writeEvents() {
-  ReportRule::Report report = ReportRule::Report::Nothing;
+  ReportRule::Report report = ReportRule::Report::kNothing;
   while (nextEvent(&report)) {
-    const bool inserted = report == ReportRule::Report::Inserted;
-    const AgentEvent event = inserted ? AgentEvent::CardInserted : AgentEvent::CardRemoved;
+    const bool inserted = report == ReportRule::Report::kInserted;
+    const AgentEvent event = inserted ? AgentEvent::kCardInserted : AgentEvent::kCardRemoved;
     const IoResult result = postEvent(static_cast<std::uint32_t>(event));
-    if (result == IoResult::TimedOut) {
+    if (result == IoResult::kTimedOut) {
       log_.error("The driver does not take its events; dropping the connection");
       pipe_.cancel();
     }
-    if (result != IoResult::Done) return;  // the watcher sees the end, too
+    if (result != IoResult::kDone) return;  // the watcher sees the end, too
     log_.info(inserted ? "Card insertion reported" : "Card removal reported");
     platform::MutexLock lock(mutex_);
     events_.pop_front();

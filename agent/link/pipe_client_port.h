@@ -16,11 +16,11 @@
 namespace zelta::agent {
 
 enum class IoResult {
-  Done,
-  Closed,     // the driver's end is gone
-  Cancelled,  // by `cancel`
-  TimedOut,
-  GivenUp,  // the driver does not wait for its answer any more
+  kDone,
+  kClosed,     // the driver's end is gone
+  kCancelled,  // by `cancel`
+  kTimedOut,
+  kGivenUp,  // the driver does not wait for its answer any more
 };
 
 // One connected client end of either pipe. `cancel` may come from any thread, whatever else runs.
@@ -67,14 +67,14 @@ class PipeConnection {
 };
 
 enum class OpenResult {
-  Opened,
-  Absent,   // no such pipe
-  Refused,  // the driver does not listen: it is not running, or serves another client
-  Failed,   // for another reason, which may pass (rights, for example)
+  kOpened,
+  kAbsent,   // no such pipe
+  kRefused,  // the driver does not listen: it is not running, or serves another client
+  kFailed,   // for another reason, which may pass (rights, for example)
 };
 
 struct OpenedPipe {
-  OpenResult result = OpenResult::Failed;
+  OpenResult result = OpenResult::kFailed;
   std::unique_ptr<PipeConnection> connection;  // where Opened
   std::string detail;                          // for people: the place, and why not
 };

@@ -3,9 +3,9 @@
 namespace zelta::agent {
 
 ReportRule::Report ReportRule::reportUnknown() {
-  if (stage_ != Stage::Settled || card_ == kNoCard || known_) return Report::Nothing;
+  if (stage_ != Stage::kSettled || card_ == kNoCard || known_) return Report::kNothing;
   known_ = true;
-  return Report::Inserted;
+  return Report::kInserted;
 }
 
 ReportRule::Report ReportRule::arrived(CardId card) {
@@ -15,30 +15,30 @@ ReportRule::Report ReportRule::arrived(CardId card) {
 }
 
 ReportRule::Report ReportRule::departed() {
-  const Report report = known_ ? Report::Removed : Report::Nothing;
+  const Report report = known_ ? Report::kRemoved : Report::kNothing;
   card_ = kNoCard;
   known_ = false;
   return report;
 }
 
 void ReportRule::commandBegan() {
-  if (stage_ == Stage::Quiet) stage_ = Stage::FirstCommand;
+  if (stage_ == Stage::kQuiet) stage_ = Stage::kFirstCommand;
 }
 
 ReportRule::Report ReportRule::answeredWithAtr() {
-  stage_ = Stage::Settled;
+  stage_ = Stage::kSettled;
   known_ = card_ != kNoCard;
-  return Report::Nothing;
+  return Report::kNothing;
 }
 
 ReportRule::Report ReportRule::answeredOtherwise() {
-  stage_ = Stage::Settled;
+  stage_ = Stage::kSettled;
   return reportUnknown();
 }
 
 ReportRule::Report ReportRule::graceOver() {
-  if (stage_ != Stage::Quiet) return Report::Nothing;
-  stage_ = Stage::Settled;
+  if (stage_ != Stage::kQuiet) return Report::kNothing;
+  stage_ = Stage::kSettled;
   return reportUnknown();
 }
 

@@ -26,7 +26,7 @@ inline constexpr CardId kNoCard = 0;
 
 class ReportRule {
  public:
-  enum class Report { Nothing, Inserted, Removed };
+  enum class Report { kNothing, kInserted, kRemoved };
 
   // A connection begins while `card` is in.
   explicit ReportRule(CardId card) : card_(card) {}
@@ -45,14 +45,14 @@ class ReportRule {
   // The driver has sent no command for the time of grace. Nothing where it has sent one.
   Report graceOver();
   // Whether the time of grace still matters.
-  bool quiet() const { return stage_ == Stage::Quiet; }
+  bool quiet() const { return stage_ == Stage::kQuiet; }
 
  private:
-  enum class Stage { Quiet, FirstCommand, Settled };
+  enum class Stage { kQuiet, kFirstCommand, kSettled };
 
   Report reportUnknown();
 
-  Stage stage_ = Stage::Quiet;
+  Stage stage_ = Stage::kQuiet;
   CardId card_;
   bool known_ = false;  // to the driver; false without a card
 };

@@ -15,9 +15,9 @@ HANDLE endRequested = nullptr;  // made once, never closed: the handler may run 
 // Runs on a thread of the system's.
 BOOL WINAPI onConsoleEvent(DWORD event) {
   const ConsoleAnswer answer = consoleAnswer(event);
-  if (answer == ConsoleAnswer::NotOurs) return FALSE;
+  if (answer == ConsoleAnswer::kNotOurs) return FALSE;
   SetEvent(endRequested);
-  if (answer == ConsoleAnswer::EndAndWait) Sleep(INFINITE);  // the program's end ends this thread
+  if (answer == ConsoleAnswer::kEndAndWait) Sleep(INFINITE);  // the program's end ends this thread
   return TRUE;
 }
 
@@ -27,12 +27,12 @@ ConsoleAnswer consoleAnswer(DWORD event) {
   switch (event) {
     case CTRL_C_EVENT:
     case CTRL_BREAK_EVENT:
-      return ConsoleAnswer::End;
+      return ConsoleAnswer::kEnd;
     case CTRL_CLOSE_EVENT:
     case CTRL_SHUTDOWN_EVENT:
-      return ConsoleAnswer::EndAndWait;
+      return ConsoleAnswer::kEndAndWait;
     default:
-      return ConsoleAnswer::NotOurs;
+      return ConsoleAnswer::kNotOurs;
   }
 }
 

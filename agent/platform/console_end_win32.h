@@ -7,9 +7,9 @@
 namespace zelta::agent {
 
 enum class ConsoleAnswer {
-  NotOurs,     // left to the system
-  End,         // the program ends
-  EndAndWait,  // the same; the system kills the process as soon as it has its answer
+  kNotOurs,     // left to the system
+  kEnd,         // the program ends
+  kEndAndWait,  // the same; the system kills the process as soon as it has its answer
 };
 
 // What a control event (CTRL_C_EVENT and so on) means. A user's logoff is left to the system: it

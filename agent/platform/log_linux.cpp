@@ -23,13 +23,13 @@ bool toJournal() {
 
 const char* journalMark(LogLevel level) {
   switch (level) {
-    case LogLevel::Error:
+    case LogLevel::kError:
       return SD_ERR;
-    case LogLevel::Warning:
+    case LogLevel::kWarning:
       return SD_WARNING;
-    case LogLevel::Info:
+    case LogLevel::kInfo:
       return SD_INFO;
-    case LogLevel::Debug:
+    case LogLevel::kDebug:
       break;
   }
   return SD_DEBUG;

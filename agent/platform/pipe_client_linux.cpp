@@ -28,12 +28,12 @@ OpenResult resultOf(int error) {
   switch (error) {
     case ENOENT:
     case ENOTDIR:
-      return OpenResult::Absent;
+      return OpenResult::kAbsent;
     case ECONNREFUSED:
     case EAGAIN:  // more clients wait than the driver admits
-      return OpenResult::Refused;
+      return OpenResult::kRefused;
     default:
-      return OpenResult::Failed;
+      return OpenResult::kFailed;
   }
 }
 
@@ -73,7 +73,7 @@ class SocketPipeClient : public PipeClientPort {
       return opened;
     }
     opened.connection = std::make_unique<SocketConnection>(std::move(socket));
-    opened.result = OpenResult::Opened;
+    opened.result = OpenResult::kOpened;
     return opened;
   }
 

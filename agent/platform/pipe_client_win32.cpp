@@ -15,11 +15,11 @@ constexpr std::chrono::milliseconds kLongestWait{500};
 OpenResult resultOf(DWORD error) {
   switch (error) {
     case ERROR_FILE_NOT_FOUND:
-      return OpenResult::Absent;
+      return OpenResult::kAbsent;
     case ERROR_PIPE_BUSY:
-      return OpenResult::Refused;
+      return OpenResult::kRefused;
     default:
-      return OpenResult::Failed;
+      return OpenResult::kFailed;
   }
 }
 
@@ -41,7 +41,7 @@ class NamedPipeClient final : public PipeClientPort {
       opened.detail = pipeName + ": " + std::system_category().message(static_cast<int>(error));
       return opened;
     }
-    opened.result = OpenResult::Opened;
+    opened.result = OpenResult::kOpened;
     opened.connection = std::make_unique<NamedPipeConnection>(ScopedHandle(pipe));
     return opened;
   }

@@ -86,19 +86,19 @@ SocketConnection::Waited SocketConnection::waitFor(
   for (;;) {
     std::array<pollfd, 2> waits{{{cancel_.get(), POLLIN, 0}, {socket_.get(), events, 0}}};
     const int ready = poll(waits.data(), waits.size(), pollTimeout(deadline));
-    if (ready < 0 && errno != EINTR) return {IoResult::Closed, 0};
+    if (ready < 0 && errno != EINTR) return {IoResult::kClosed, 0};
     if (ready < 0) continue;
-    if (ready == 0) return {IoResult::TimedOut, 0};
-    if (waits[0].revents != 0) return {IoResult::Cancelled, 0};
-    return {IoResult::Done, waits[1].revents};
+    if (ready == 0) return {IoResult::kTimedOut, 0};
+    if (waits[0].revents != 0) return {IoResult::kCancelled, 0};
+    return {IoResult::kDone, waits[1].revents};
   }
 }
 
 IoResult SocketConnection::awaitCommand() {
   const Waited waited = waitFor(POLLIN, std::nullopt);
-  if (waited.result != IoResult::Done) return waited.result;
-  if ((waited.ready & POLLHUP) != 0) return IoResult::Closed;
-  return nothingUnread(socket_.get()) ? IoResult::Done : IoResult::GivenUp;
+  if (waited.result != IoResult::kDone) return waited.result;
+  if ((waited.ready & POLLHUP) != 0) return IoResult::kClosed;
+  return nothingUnread(socket_.get()) ? IoResult::kDone : IoResult::kGivenUp;
 }
 
 IoResult SocketConnection::read(void* data, std::uint32_t size,
@@ -106,22 +106,22 @@ IoResult SocketConnection::read(void* data, std::uint32_t size,
   auto* bytes = static_cast<std::uint8_t*>(data);
   std::uint32_t done = 0;
   while (done < size) {
-    if (cancelled_) return IoResult::Cancelled;
+    if (cancelled_) return IoResult::kCancelled;
     const ssize_t count = recv(socket_.get(), bytes + done, size - done, 0);
     if (count > 0) {
       done += static_cast<std::uint32_t>(count);
     } else if (count < 0 && errno == EAGAIN) {
       const IoResult waited = waitFor(POLLIN, deadline).result;
-      if (waited != IoResult::Done) return waited;
+      if (waited != IoResult::kDone) return waited;
     } else if (count == 0 || errno != EINTR) {
-      return IoResult::Closed;
+      return IoResult::kClosed;
     }
   }
-  return IoResult::Done;
+  return IoResult::kDone;
 }
 
 IoResult SocketConnection::answer(const Bytes& bytes, SteadyClock::time_point deadline) {
-  if (moreArrived(socket_.get())) return IoResult::GivenUp;
+  if (moreArrived(socket_.get())) return IoResult::kGivenUp;
   auto length = toLittleEndian(static_cast<std::uint32_t>(bytes.size()));
   std::array<iovec, 2> parts{
       {{length.data(), length.size()}, {const_cast<std::uint8_t*>(bytes.data()), bytes.size()}}};
@@ -138,36 +138,36 @@ IoResult SocketConnection::send(iovec* parts, std::size_t count,
                                 std::optional<SteadyClock::time_point> deadline, bool isAnswer) {
   const short answered = isAnswer ? POLLIN : 0;
   for (;;) {
-    if (cancelled_) return IoResult::Cancelled;
+    if (cancelled_) return IoResult::kCancelled;
     msghdr message{};
     message.msg_iov = parts;
     message.msg_iovlen = count;
     const ssize_t sent = sendmsg(socket_.get(), &message, MSG_NOSIGNAL);
     if (sent >= 0) {
       const std::size_t left = advance(parts, count, static_cast<std::size_t>(sent));
-      if (left == 0) return IoResult::Done;
+      if (left == 0) return IoResult::kDone;
       parts += count - left;
       count = left;
     } else if (errno == EAGAIN) {
       const Waited waited = waitFor(static_cast<short>(POLLOUT | answered), deadline);
-      if (waited.result != IoResult::Done) return waited.result;
+      if (waited.result != IoResult::kDone) return waited.result;
       if ((waited.ready & answered) == 0) continue;
-      return moreArrived(socket_.get()) ? IoResult::GivenUp : IoResult::Closed;
+      return moreArrived(socket_.get()) ? IoResult::kGivenUp : IoResult::kClosed;
     } else if (errno != EINTR) {
-      return IoResult::Closed;
+      return IoResult::kClosed;
     }
   }
 }
 
 IoResult SocketConnection::flush() {
   for (;;) {
-    if (nothingUnread(socket_.get())) return IoResult::Done;
+    if (nothingUnread(socket_.get())) return IoResult::kDone;
     epoll_event event{};
     const int ready = epoll_wait(taken_.get(), &event, 1, -1);
-    if (ready < 0 && errno != EINTR) return IoResult::Closed;
+    if (ready < 0 && errno != EINTR) return IoResult::kClosed;
     if (ready <= 0) continue;
-    if (event.data.fd == cancel_.get()) return IoResult::Cancelled;
-    if ((event.events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0) return IoResult::Closed;
+    if (event.data.fd == cancel_.get()) return IoResult::kCancelled;
+    if ((event.events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0) return IoResult::kClosed;
   }
 }
 

@@ -66,12 +66,12 @@ IoResult NamedPipeConnection::waitFor(HANDLE event,
   const std::array<HANDLE, 2> events = {event, cancel_.get()};
   const DWORD reason = WaitForMultipleObjects(static_cast<DWORD>(events.size()), events.data(),
                                               FALSE, milliseconds(deadline));
-  if (reason == WAIT_OBJECT_0) return IoResult::Done;
-  return reason == WAIT_TIMEOUT ? IoResult::TimedOut : IoResult::Cancelled;
+  if (reason == WAIT_OBJECT_0) return IoResult::kDone;
+  return reason == WAIT_TIMEOUT ? IoResult::kTimedOut : IoResult::kCancelled;
 }
 
 bool NamedPipeConnection::beginFirstByte() {
-  if (first_.state != FirstByte::State::None) return true;
+  if (first_.state != FirstByte::State::kNone) return true;
   first_.operation = OVERLAPPED{};
   first_.operation.hEvent = first_.done.get();
   ResetEvent(first_.done.get());
@@ -79,74 +79,74 @@ bool NamedPipeConnection::beginFirstByte() {
       GetLastError() != ERROR_IO_PENDING) {
     return false;
   }
-  first_.state = FirstByte::State::Awaited;
+  first_.state = FirstByte::State::kAwaited;
   return true;
 }
 
 bool NamedPipeConnection::takeFirstByte() {
   DWORD count = 0;
   const bool read = GetOverlappedResult(pipe_.get(), &first_.operation, &count, TRUE) != 0;
-  first_.state = read ? FirstByte::State::Kept : FirstByte::State::None;
+  first_.state = read ? FirstByte::State::kKept : FirstByte::State::kNone;
   return read;
 }
 
 void NamedPipeConnection::cancelFirstByte() {
-  if (first_.state != FirstByte::State::Awaited) return;
+  if (first_.state != FirstByte::State::kAwaited) return;
   CancelIoEx(pipe_.get(), &first_.operation);
   takeFirstByte();
 }
 
 IoResult NamedPipeConnection::awaitCommand() {
-  if (isCancelled()) return IoResult::Cancelled;
-  if (!beginFirstByte()) return IoResult::Closed;
+  if (isCancelled()) return IoResult::kCancelled;
+  if (!beginFirstByte()) return IoResult::kClosed;
   const IoResult waited = waitFor(first_.done.get(), std::nullopt);
-  if (waited != IoResult::Done) {
+  if (waited != IoResult::kDone) {
     cancelFirstByte();
     return waited;
   }
-  return takeFirstByte() ? IoResult::Done : IoResult::Closed;
+  return takeFirstByte() ? IoResult::kDone : IoResult::kClosed;
 }
 
 IoResult NamedPipeConnection::read(void* data, std::uint32_t size,
                                    std::optional<SteadyClock::time_point> deadline) {
   auto* bytes = static_cast<unsigned char*>(data);
-  if (size > 0 && first_.state == FirstByte::State::Kept) {
-    first_.state = FirstByte::State::None;
+  if (size > 0 && first_.state == FirstByte::State::kKept) {
+    first_.state = FirstByte::State::kNone;
     *bytes++ = first_.byte;
     --size;
   }
   while (size > 0) {
     DWORD count = 0;
     const IoResult result = readSome(bytes, size, deadline, &count);
-    if (result != IoResult::Done) return result;
+    if (result != IoResult::kDone) return result;
     bytes += count;
     size -= count;
   }
-  return IoResult::Done;
+  return IoResult::kDone;
 }
 
 IoResult NamedPipeConnection::readSome(void* data, std::uint32_t size,
                                        std::optional<SteadyClock::time_point> deadline,
                                        DWORD* count) {
-  if (isCancelled()) return IoResult::Cancelled;
+  if (isCancelled()) return IoResult::kCancelled;
   OVERLAPPED operation{};
   operation.hEvent = read_.get();
   ResetEvent(read_.get());
   if (!ReadFile(pipe_.get(), data, size, nullptr, &operation) &&
       GetLastError() != ERROR_IO_PENDING) {
-    return IoResult::Closed;
+    return IoResult::kClosed;
   }
   const IoResult waited = waitFor(read_.get(), deadline);
-  if (waited != IoResult::Done) CancelIoEx(pipe_.get(), &operation);
-  if (GetOverlappedResult(pipe_.get(), &operation, count, TRUE)) return IoResult::Done;
-  return waited == IoResult::Done ? IoResult::Closed : waited;
+  if (waited != IoResult::kDone) CancelIoEx(pipe_.get(), &operation);
+  if (GetOverlappedResult(pipe_.get(), &operation, count, TRUE)) return IoResult::kDone;
+  return waited == IoResult::kDone ? IoResult::kClosed : waited;
 }
 
 IoResult NamedPipeConnection::answer(const Bytes& bytes, SteadyClock::time_point deadline) {
-  if (isCancelled()) return IoResult::Cancelled;
-  if (!beginFirstByte()) return IoResult::Closed;
+  if (isCancelled()) return IoResult::kCancelled;
+  if (!beginFirstByte()) return IoResult::kClosed;
   if (isSignalled(first_.done.get())) {
-    return takeFirstByte() ? IoResult::GivenUp : IoResult::Closed;
+    return takeFirstByte() ? IoResult::kGivenUp : IoResult::kClosed;
   }
   const auto length = toLittleEndian(static_cast<std::uint32_t>(bytes.size()));
   answer_.assign(length.begin(), length.end());
@@ -157,7 +157,7 @@ IoResult NamedPipeConnection::answer(const Bytes& bytes, SteadyClock::time_point
   if (!WriteFile(pipe_.get(), answer_.data(), static_cast<DWORD>(answer_.size()), nullptr,
                  &operation) &&
       GetLastError() != ERROR_IO_PENDING) {
-    return IoResult::Closed;
+    return IoResult::kClosed;
   }
   return finishAnswer(&operation, deadline);
 }
@@ -173,11 +173,11 @@ IoResult NamedPipeConnection::finishAnswer(OVERLAPPED* operation,
   DWORD count = 0;
   // The write may have ended just before the next command came: then all is well.
   if (GetOverlappedResult(pipe_.get(), operation, &count, TRUE) && count == answer_.size()) {
-    return IoResult::Done;
+    return IoResult::kDone;
   }
-  if (reason == WAIT_TIMEOUT) return IoResult::TimedOut;
-  if (reason == kNextCommand) return takeFirstByte() ? IoResult::GivenUp : IoResult::Closed;
-  return reason == kWritten ? IoResult::Closed : IoResult::Cancelled;
+  if (reason == WAIT_TIMEOUT) return IoResult::kTimedOut;
+  if (reason == kNextCommand) return takeFirstByte() ? IoResult::kGivenUp : IoResult::kClosed;
+  return reason == kWritten ? IoResult::kClosed : IoResult::kCancelled;
 }
 
 IoResult NamedPipeConnection::takeRead() {
@@ -185,10 +185,11 @@ IoResult NamedPipeConnection::takeRead() {
     Post& first = *posts_.front();
     if (!isSignalled(first.done.get())) break;
     DWORD count = 0;
-    if (!GetOverlappedResult(pipe_.get(), &first.operation, &count, FALSE)) return IoResult::Closed;
+    if (!GetOverlappedResult(pipe_.get(), &first.operation, &count, FALSE))
+      return IoResult::kClosed;
     posts_.pop_front();
   }
-  return IoResult::Done;
+  return IoResult::kDone;
 }
 
 IoResult NamedPipeConnection::post(const void* data, std::uint32_t size,
@@ -196,36 +197,36 @@ IoResult NamedPipeConnection::post(const void* data, std::uint32_t size,
   auto made = std::make_shared<Post>(data, size);
   platform::MutexLock lock(mutex_);
   for (;;) {
-    if (isCancelled()) return IoResult::Cancelled;
-    if (takeRead() != IoResult::Done) return IoResult::Closed;
+    if (isCancelled()) return IoResult::kCancelled;
+    if (takeRead() != IoResult::kDone) return IoResult::kClosed;
     if (posts_.size() < kMostPosts) break;
     const std::shared_ptr<Post> first = posts_.front();
     lock.unlock();
     const IoResult waited = waitFor(first->done.get(), deadline);
     lock.lock();
-    if (waited != IoResult::Done) return waited;
+    if (waited != IoResult::kDone) return waited;
   }
   // Noted before it begins: the system must not be left with memory that is gone.
   posts_.push_back(made);
   if (WriteFile(pipe_.get(), made->bytes.data(), size, nullptr, &made->operation) ||
       GetLastError() == ERROR_IO_PENDING) {
-    return IoResult::Done;
+    return IoResult::kDone;
   }
   posts_.pop_back();
-  return IoResult::Closed;
+  return IoResult::kClosed;
 }
 
 IoResult NamedPipeConnection::flush() {
   platform::MutexLock lock(mutex_);
   for (;;) {
-    if (isCancelled()) return IoResult::Cancelled;
-    if (takeRead() != IoResult::Done) return IoResult::Closed;
-    if (posts_.empty()) return IoResult::Done;
+    if (isCancelled()) return IoResult::kCancelled;
+    if (takeRead() != IoResult::kDone) return IoResult::kClosed;
+    if (posts_.empty()) return IoResult::kDone;
     const std::shared_ptr<Post> last = posts_.back();
     lock.unlock();
     const IoResult waited = waitFor(last->done.get(), std::nullopt);
     lock.lock();
-    if (waited != IoResult::Done) return waited;
+    if (waited != IoResult::kDone) return waited;
   }
 }
 

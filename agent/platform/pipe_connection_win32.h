@@ -57,10 +57,10 @@ class NamedPipeConnection final : public PipeConnection {
   struct FirstByte {
     FirstByte() : done(makeEvent()) {}
 
-    enum class State { None, Awaited, Kept };  // Kept: read, and not handed over yet
+    enum class State { kNone, kAwaited, kKept };  // Kept: read, and not handed over yet
     const ScopedHandle done;
     OVERLAPPED operation{};
-    State state = State::None;
+    State state = State::kNone;
     unsigned char byte = 0;
   };
 

@@ -154,13 +154,13 @@ int runWithMemory(int argc, const char* const* argv) {
   const Options& options = *parsed.options;
   Log log(options.logLevel, standardErrorSink());
   try {
-    if (options.action != Options::Action::Run) return runControl(options);
+    if (options.action != Options::Action::kRun) return runControl(options);
     if (options.pin) {
       log.warning("The PIN stands on the command line, where others can read it; use --pin-file");
     }
     return runAgent(options, log);
   } catch (const std::exception& error) {
-    if (options.action != Options::Action::Run) {
+    if (options.action != Options::Action::kRun) {
       std::cerr << "zelta-agent: " << error.what() << "\n";
     } else {
       log.error(error.what());

@@ -64,10 +64,10 @@ int runWithMemory(int argc, const char* const* argv) {
   const Options& options = *parsed.options;
   Log log(options.logLevel, standardErrorSink());
   try {
-    if (options.action != Options::Action::Run) {
+    if (options.action != Options::Action::kRun) {
       throw std::runtime_error("ctl is not available on Windows");
     }
-    if (options.backend != BackendKind::Script) {
+    if (options.backend != BackendKind::kScript) {
       throw std::runtime_error("only --backend script is available on Windows");
     }
     return runAgent(options, log);

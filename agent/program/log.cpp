@@ -6,13 +6,13 @@ namespace zelta::agent {
 
 const char* levelName(LogLevel level) {
   switch (level) {
-    case LogLevel::Error:
+    case LogLevel::kError:
       return "error";
-    case LogLevel::Warning:
+    case LogLevel::kWarning:
       return "warning";
-    case LogLevel::Info:
+    case LogLevel::kInfo:
       return "info";
-    case LogLevel::Debug:
+    case LogLevel::kDebug:
       break;
   }
   return "debug";

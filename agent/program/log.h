@@ -11,7 +11,7 @@
 
 namespace zelta::agent {
 
-enum class LogLevel { Error, Warning, Info, Debug };
+enum class LogLevel { kError, kWarning, kInfo, kDebug };
 
 // "error", "warning", "info" or "debug".
 const char* levelName(LogLevel level);
@@ -28,10 +28,10 @@ class Log {
 
   bool wants(LogLevel level) const { return level <= least_; }
   void write(LogLevel level, const std::string& line);
-  void error(const std::string& line) { write(LogLevel::Error, line); }
-  void warning(const std::string& line) { write(LogLevel::Warning, line); }
-  void info(const std::string& line) { write(LogLevel::Info, line); }
-  void debug(const std::string& line) { write(LogLevel::Debug, line); }
+  void error(const std::string& line) { write(LogLevel::kError, line); }
+  void warning(const std::string& line) { write(LogLevel::kWarning, line); }
+  void info(const std::string& line) { write(LogLevel::kInfo, line); }
+  void debug(const std::string& line) { write(LogLevel::kDebug, line); }
 
  private:
   const LogLevel least_;

@@ -21,13 +21,13 @@ struct Named {
   Value value;
 };
 
-constexpr Named<BackendKind> kBackends[] = {{"emulated", BackendKind::Emulated},
-                                            {"pcsc", BackendKind::Pcsc},
-                                            {"script", BackendKind::Script}};
-constexpr Named<LogLevel> kLevels[] = {{"error", LogLevel::Error},
-                                       {"warning", LogLevel::Warning},
-                                       {"info", LogLevel::Info},
-                                       {"debug", LogLevel::Debug}};
+constexpr Named<BackendKind> kBackends[] = {{"emulated", BackendKind::kEmulated},
+                                            {"pcsc", BackendKind::kPcsc},
+                                            {"script", BackendKind::kScript}};
+constexpr Named<LogLevel> kLevels[] = {{"error", LogLevel::kError},
+                                       {"warning", LogLevel::kWarning},
+                                       {"info", LogLevel::kInfo},
+                                       {"debug", LogLevel::kDebug}};
 
 template <typename Value, std::size_t kCount>
 std::vector<std::string> names(const Named<Value> (&table)[kCount]) {
@@ -135,15 +135,15 @@ std::string settle(const CLI::App& app, const Flags& flags, Options* options) {
   if (flags.noCard) options->cardIn = false;
   take(kBackends, flags.backend, &options->backend);
   take(kLevels, flags.logLevel, &options->logLevel);
-  if (flags.quiet) options->logLevel = LogLevel::Error;
-  if (flags.verbose) options->logLevel = LogLevel::Debug;
+  if (flags.quiet) options->logLevel = LogLevel::kError;
+  if (flags.verbose) options->logLevel = LogLevel::kDebug;
   if (app.count("--pin") != 0) options->pin = flags.pin;
-  if (flags.insert->parsed()) options->action = Options::Action::CtlInsert;
-  if (flags.remove->parsed()) options->action = Options::Action::CtlRemove;
-  if (flags.status->parsed()) options->action = Options::Action::CtlStatus;
-  if (options->action != Options::Action::Run) return {};
-  const bool script = options->backend == BackendKind::Script;
-  const bool pcsc = options->backend == BackendKind::Pcsc;
+  if (flags.insert->parsed()) options->action = Options::Action::kCtlInsert;
+  if (flags.remove->parsed()) options->action = Options::Action::kCtlRemove;
+  if (flags.status->parsed()) options->action = Options::Action::kCtlStatus;
+  if (options->action != Options::Action::kRun) return {};
+  const bool script = options->backend == BackendKind::kScript;
+  const bool pcsc = options->backend == BackendKind::kPcsc;
   if (script && options->scriptFile.empty()) return "--backend script needs --script FILE";
   if (!script && !options->scriptFile.empty()) return "--script needs --backend script";
   if (pcsc && options->pcscReader.empty()) return "--backend pcsc needs --pcsc-reader NAME";

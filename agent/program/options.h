@@ -10,7 +10,7 @@
 
 namespace zelta::agent {
 
-enum class BackendKind { Emulated, Pcsc, Script };
+enum class BackendKind { kEmulated, kPcsc, kScript };
 
 // Exit codes of the program.
 inline constexpr int kExitDone = 0;
@@ -20,15 +20,15 @@ inline constexpr int kExitUsage = 2;
 inline constexpr char kDefaultDatabase[] = "/var/lib/zelta/card";
 
 struct Options {
-  enum class Action { Run, CtlInsert, CtlRemove, CtlStatus };
+  enum class Action { kRun, kCtlInsert, kCtlRemove, kCtlStatus };
 
-  Action action = Action::Run;
+  Action action = Action::kRun;
   std::uint32_t reader = 0;
   std::string control;    // empty: the default of the reader
   std::string sessionId;  // empty: a fresh one
-  BackendKind backend = BackendKind::Emulated;
+  BackendKind backend = BackendKind::kEmulated;
   std::optional<bool> cardIn;  // at the start; none: as the back end has it
-  LogLevel logLevel = LogLevel::Info;
+  LogLevel logLevel = LogLevel::kInfo;
   std::string database = kDefaultDatabase;
   std::optional<std::string> pin;
   std::string pinFile;

@@ -7,7 +7,7 @@ namespace zelta {
 
 namespace {
 
-constexpr auto kLevel = static_cast<std::uint8_t>(LogLevel::Critical);  // passes every threshold
+constexpr auto kLevel = static_cast<std::uint8_t>(LogLevel::kCritical);  // passes every threshold
 
 constexpr char kRule[] =
     "--------------------------------------------------------------------------";

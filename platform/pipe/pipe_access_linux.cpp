@@ -128,19 +128,19 @@ bool PipeAccess::admits(const PeerIdentity& peer) const {
 
 bool PipeAccess::applies(Trustee trustee, const PeerIdentity& peer) const {
   switch (trustee) {
-    case Trustee::System:
-    case Trustee::Administrators:
+    case Trustee::kSystem:
+    case Trustee::kAdministrators:
       return peer.user == kRoot;
-    case Trustee::LocalService:
+    case Trustee::kLocalService:
       return peer.user == accounts_.self ||
              (accounts_.service && std::find(peer.groups.begin(), peer.groups.end(),
                                              *accounts_.service) != peer.groups.end());
-    case Trustee::Owner:
+    case Trustee::kOwner:
       return peer.user == accounts_.self;
-    case Trustee::Guests:
-    case Trustee::Anonymous:
+    case Trustee::kGuests:
+    case Trustee::kAnonymous:
       return peer.user == accounts_.nobody;
-    case Trustee::Everyone:
+    case Trustee::kEveryone:
       return true;
   }
   return false;

@@ -76,7 +76,7 @@ std::uint32_t PipeEnd::open() {
 }
 
 std::uint32_t PipeEnd::connect() {
-  Operation operation(Kind::Connect);
+  Operation operation(Kind::kConnect);
   const Entry entry(*this, operation);
   std::uint32_t error = entry.error();
   for (bool waited = false; error == error::kSuccess; waited = true) {
@@ -115,21 +115,21 @@ std::uint32_t PipeEnd::cancel() {
 }
 
 std::uint32_t PipeEnd::read(void* data, std::size_t size) {
-  Operation operation(Kind::Read);
+  Operation operation(Kind::kRead);
   const Entry entry(*this, operation);
   if (entry.error() != error::kSuccess) return entry.error();
   return readAll(operation, static_cast<std::uint8_t*>(data), size);
 }
 
 std::uint32_t PipeEnd::write(const void* data, std::size_t size) {
-  Operation operation(Kind::Write);
+  Operation operation(Kind::kWrite);
   const Entry entry(*this, operation);
   if (entry.error() != error::kSuccess) return entry.error();
   return writeAll(operation, static_cast<const std::uint8_t*>(data), size);
 }
 
 std::uint32_t PipeEnd::flush() {
-  Operation operation(Kind::Flush);
+  Operation operation(Kind::kFlush);
   const Entry entry(*this, operation);
   if (entry.error() != error::kSuccess) return entry.error();
   return waitUntilRead(operation);
@@ -162,8 +162,8 @@ void PipeEnd::remove(Operation& operation) {
   }
   // An edge wakes one flush, and is then gone. One that leaves puts it back if others may need it:
   // those that wait as well, and after a cancel the next.
-  if (operation.kind == Kind::Flush && operation.client != ScopedFd::kNone &&
-      (wasEnded || any([](const Operation& other) { return other.kind == Kind::Flush; }))) {
+  if (operation.kind == Kind::kFlush && operation.client != ScopedFd::kNone &&
+      (wasEnded || any([](const Operation& other) { return other.kind == Kind::kFlush; }))) {
     watch(poller_.get(), EPOLL_CTL_MOD, operation.client, kClientEvents);
   }
   changed_.notifyAll();
@@ -179,7 +179,7 @@ bool PipeEnd::any(Condition condition) const {
 // The operation is in the list already.
 std::uint32_t PipeEnd::begin(Operation& operation, MutexLock& lock) {
   if (closed_) return error::kInvalidHandle;
-  if (operation.kind == Kind::Connect) return error::kSuccess;
+  if (operation.kind == Kind::kConnect) return error::kSuccess;
   if (!client_) return error::kPipeListening;
   operation.client = client_.get();
   changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
@@ -191,13 +191,13 @@ std::uint32_t PipeEnd::begin(Operation& operation, MutexLock& lock) {
 }
 
 void PipeEnd::noteCommand(const Operation& operation) {
-  const bool writes = operation.kind == Kind::Write;
+  const bool writes = operation.kind == Kind::kWrite;
   if (writes && !inCommand_) answerUnread_ = hasUnread(operation.client);
   inCommand_ = writes;
 }
 
 bool PipeEnd::turnOf(const Operation& operation) const {
-  if (operation.kind == Kind::Flush) return true;
+  if (operation.kind == Kind::kFlush) return true;
   const Operation* first = first_;
   while (first->kind != operation.kind) first = first->next;
   return first == &operation;
@@ -207,7 +207,7 @@ bool PipeEnd::endOperations(std::uint32_t connectError, std::uint32_t clientErro
   const int before = ending_;
   for (Operation* each = first_; each != nullptr; each = each->next) {
     if (each->endedBy != error::kSuccess) continue;
-    each->endedBy = each->kind == Kind::Connect ? connectError : clientError;
+    each->endedBy = each->kind == Kind::kConnect ? connectError : clientError;
     if (each->endedBy != error::kSuccess) ++ending_;
   }
   if (ending_ == before) return false;
@@ -316,7 +316,7 @@ std::uint32_t PipeEnd::left(const Operation& operation) {
   MutexLock lock(mutex_);
   changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
     return !any([&](const Operation& each) {
-      return each.kind == Kind::Write && each.client == operation.client;
+      return each.kind == Kind::kWrite && each.client == operation.client;
     });
   });
   if (answerUnread_) noteGone(operation);

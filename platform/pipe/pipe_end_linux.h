@@ -56,7 +56,7 @@ class PipeEnd {
   void close() ZELTA_EXCLUDES(mutex_);
 
  private:
-  enum class Kind { Connect, Read, Write, Flush };
+  enum class Kind { kConnect, kRead, kWrite, kFlush };
 
   // On its caller's stack. All but `kind` and `client` are guarded by the end's mutex.
   struct Operation {

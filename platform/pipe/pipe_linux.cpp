@@ -26,7 +26,7 @@ constexpr std::uintptr_t kHandleStep = 4;
 
 // What a pipe without a security descriptor admits: its maker and the system.
 Entries defaultEntries() {
-  return {{true, Trustee::Owner, true, true}, {true, Trustee::System, true, true}};
+  return {{true, Trustee::kOwner, true, true}, {true, Trustee::kSystem, true, true}};
 }
 
 bool succeed(std::uint32_t error) {

@@ -70,7 +70,7 @@ std::uint32_t PipeListener::openPlace() {
   if (const std::uint32_t error = openFolder(this->folder(), &access_, &folder)) return error;
   const FolderLock lock(folder.get());
   if (!lock.held()) return errorFromErrno(errno);
-  if (look(folder.get()) == Place::Taken) return error::kAccessDenied;
+  if (look(folder.get()) == Place::kTaken) return error::kAccessDenied;
 
   FileId id{};
   if (!bindIn(folder.get(), unready, socket.get(), &id) ||
@@ -100,7 +100,7 @@ void PipeListener::close() {
   ScopedFd folder;
   if (openFolder(this->folder(), nullptr, &folder) == error::kSuccess) {
     const FolderLock lock(folder.get());
-    if (look(folder.get()) == Place::Own) unlinkat(folder.get(), name(), 0);
+    if (look(folder.get()) == Place::kOwn) unlinkat(folder.get(), name(), 0);
   }
   // Also for those who share the socket: a thread about to leave its wait, a forked process.
   refuse();
@@ -135,12 +135,12 @@ const char* PipeListener::name() const { return ownName(path_); }
 PipeListener::Place PipeListener::look(int folder) const {
   struct stat found {};
   if (fstatat(folder, name(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
-    return errno == ENOENT ? Place::Free : Place::Taken;
+    return errno == ENOENT ? Place::kFree : Place::kTaken;
   }
   // The file cannot have been replaced by one of the same number: the socket holds it.
-  if (id_ && *id_ == FileId{found.st_dev, found.st_ino}) return Place::Own;
-  if (!S_ISSOCK(found.st_mode)) return Place::Taken;
-  return alive() ? Place::Taken : Place::Stale;
+  if (id_ && *id_ == FileId{found.st_dev, found.st_ino}) return Place::kOwn;
+  if (!S_ISSOCK(found.st_mode)) return Place::kTaken;
+  return alive() ? Place::kTaken : Place::kStale;
 }
 
 // Asks the kernel whether a socket is bound to the path, without its owner noticing: a connect

@@ -68,7 +68,7 @@ class PipeListener {
       return device == other.device && inode == other.inode;
     }
   };
-  enum class Place { Free, Own, Stale, Taken };
+  enum class Place { kFree, kOwn, kStale, kTaken };
 
   std::string_view folder() const;
   const char* name() const;

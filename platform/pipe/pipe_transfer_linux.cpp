@@ -25,22 +25,22 @@ constexpr int kLessThanABuffer = 256;
 
 // How far a client is with what was written to it.
 enum class Progress {
-  Reading,  // it has not read everything
-  Done,     // it has
-  Left,     // it has gone; it left nothing unread that the kernel still knows of
-  Lost      // it has gone with bytes unread
+  kReading,  // it has not read everything
+  kDone,     // it has
+  kLeft,     // it has gone; it left nothing unread that the kernel still knows of
+  kLost      // it has gone with bytes unread
 };
 
 // The count is asked for first: a peer that closes with bytes unread reports the loss before the
 // bytes vanish from the count, and a small count alone does not tell it from one that has read.
 Progress progressOf(int client, bool hungUp) {
   int unread = 0;
-  if (ioctl(client, SIOCOUTQ, &unread) != 0) return Progress::Lost;
-  if (unread >= kLessThanABuffer) return hungUp ? Progress::Lost : Progress::Reading;
+  if (ioctl(client, SIOCOUTQ, &unread) != 0) return Progress::kLost;
+  if (unread >= kLessThanABuffer) return hungUp ? Progress::kLost : Progress::kReading;
   pollfd state{client, 0, 0};
   poll(&state, 1, 0);
-  if ((state.revents & POLLERR) != 0) return Progress::Lost;
-  return (state.revents & POLLHUP) != 0 ? Progress::Left : Progress::Done;
+  if ((state.revents & POLLERR) != 0) return Progress::kLost;
+  return (state.revents & POLLHUP) != 0 ? Progress::kLeft : Progress::kDone;
 }
 
 // Edge-triggered, the kernel reports writability anew each time the peer has finished a buffer,
@@ -94,13 +94,13 @@ std::uint32_t PipeEnd::waitUntilRead(const Operation& operation) {
   bool hungUp = false;
   for (;;) {
     switch (progressOf(operation.client, hungUp)) {
-      case Progress::Done:
+      case Progress::kDone:
         return error::kSuccess;
-      case Progress::Left:
+      case Progress::kLeft:
         return left(operation);
-      case Progress::Lost:
+      case Progress::kLost:
         return lost(operation);
-      case Progress::Reading:
+      case Progress::kReading:
         break;
     }
     if (const std::uint32_t error = prepareToSleep(operation)) return error;

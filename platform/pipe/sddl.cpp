@@ -17,14 +17,14 @@ struct TrusteeName {
 };
 
 constexpr TrusteeName kTrustees[] = {
-    {"SY", Trustee::System},         {"S-1-5-18", Trustee::System},
-    {"LS", Trustee::LocalService},   {"S-1-5-19", Trustee::LocalService},
-    {"BG", Trustee::Guests},         {"S-1-5-32-546", Trustee::Guests},
-    {"AN", Trustee::Anonymous},      {"S-1-5-7", Trustee::Anonymous},
-    {"WD", Trustee::Everyone},       {"S-1-1-0", Trustee::Everyone},
-    {"BA", Trustee::Administrators}, {"S-1-5-32-544", Trustee::Administrators},
-    {"OW", Trustee::Owner},          {"S-1-3-4", Trustee::Owner},
-    {"CO", Trustee::Owner},          {"S-1-3-0", Trustee::Owner},
+    {"SY", Trustee::kSystem},         {"S-1-5-18", Trustee::kSystem},
+    {"LS", Trustee::kLocalService},   {"S-1-5-19", Trustee::kLocalService},
+    {"BG", Trustee::kGuests},         {"S-1-5-32-546", Trustee::kGuests},
+    {"AN", Trustee::kAnonymous},      {"S-1-5-7", Trustee::kAnonymous},
+    {"WD", Trustee::kEveryone},       {"S-1-1-0", Trustee::kEveryone},
+    {"BA", Trustee::kAdministrators}, {"S-1-5-32-544", Trustee::kAdministrators},
+    {"OW", Trustee::kOwner},          {"S-1-3-4", Trustee::kOwner},
+    {"CO", Trustee::kOwner},          {"S-1-3-0", Trustee::kOwner},
 };
 
 struct Rights {
@@ -116,7 +116,7 @@ class Parser {
     entry.allow = fields[kType] == "A";
     const bool applies = parseFlags(fields[kFlags]);
     parseRights(fields[kRightsField], &entry);
-    entry.trustee = trustee(fields[kTrustee]).value_or(Trustee::System);
+    entry.trustee = trustee(fields[kTrustee]).value_or(Trustee::kSystem);
     if (error_ == error::kSuccess && applies) entries->push_back(entry);
   }
 

@@ -9,19 +9,19 @@
 namespace zelta::platform {
 
 enum class Trustee {
-  System,          // SY, S-1-5-18
-  LocalService,    // LS, S-1-5-19
-  Guests,          // BG, S-1-5-32-546
-  Anonymous,       // AN, S-1-5-7
-  Everyone,        // WD, S-1-1-0
-  Administrators,  // BA, S-1-5-32-544
-  Owner,           // OW, CO, S-1-3-4, S-1-3-0: whoever made the pipe
+  kSystem,          // SY, S-1-5-18
+  kLocalService,    // LS, S-1-5-19
+  kGuests,          // BG, S-1-5-32-546
+  kAnonymous,       // AN, S-1-5-7
+  kEveryone,        // WD, S-1-1-0
+  kAdministrators,  // BA, S-1-5-32-544
+  kOwner,           // OW, CO, S-1-3-4, S-1-3-0: whoever made the pipe
 };
 
 // One entry that applies to the object itself. Generic all is reading and writing.
 struct AccessEntry {
   bool allow = false;
-  Trustee trustee = Trustee::System;
+  Trustee trustee = Trustee::kSystem;
   bool read = false;
   bool write = false;
 };

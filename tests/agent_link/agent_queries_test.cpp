@@ -34,7 +34,7 @@ class Queries : public ScriptedLink {
 TEST_F(Queries, AtrWithResetSendsCommandZero) {
   startAccepted();
   agentAnswers(number(5, kAtr));
-  EXPECT_EQ(queryAtr(true), QueryResult::Success);
+  EXPECT_EQ(queryAtr(true), QueryResult::kSuccess);
   EXPECT_EQ(atr_, kAtr);
   EXPECT_EQ(trace(),
             (Trace{"write command 00000000", "flush command", "read command 4", "read command 5"}));
@@ -44,14 +44,14 @@ TEST_F(Queries, AtrWithResetSendsCommandZero) {
 TEST_F(Queries, AtrWithoutResetSendsCommandOne) {
   startAccepted();
   agentAnswers(number(5, kAtr));
-  EXPECT_EQ(queryAtr(false), QueryResult::Success);
+  EXPECT_EQ(queryAtr(false), QueryResult::kSuccess);
   EXPECT_EQ(trace().front(), "write command 01000000");
 }
 
 TEST_F(Queries, CheckSendsCommandOne) {
   startAccepted();
   agentAnswers(number(5, kAtr));
-  EXPECT_EQ(reader().CheckATR(), QueryResult::Success);
+  EXPECT_EQ(reader().CheckATR(), QueryResult::kSuccess);
   EXPECT_EQ(trace(),
             (Trace{"write command 01000000", "flush command", "read command 4", "read command 5"}));
   EXPECT_EQ(log_.records(), Records{info("[CheckATR]ATR:3B95138101")});
@@ -61,14 +61,14 @@ TEST_F(Queries, AtrReplacesWhatTheVectorHeld) {
   startAccepted();
   atr_ = Bytes(40, 0xEE);
   agentAnswers(number(5, kAtr));
-  EXPECT_EQ(queryAtr(), QueryResult::Success);
+  EXPECT_EQ(queryAtr(), QueryResult::kSuccess);
   EXPECT_EQ(atr_, kAtr);
 }
 
 TEST_F(Queries, TransmitWritesCodeLengthAndApduOnTheirOwn) {
   startAccepted();
   agentAnswers(number(3, {0xAB, 0x90, 0x00}));
-  EXPECT_EQ(transmit(kSelect), QueryResult::Success);
+  EXPECT_EQ(transmit(kSelect), QueryResult::kSuccess);
   EXPECT_EQ(response_, (Bytes{0xAB, 0x90, 0x00}));
   EXPECT_EQ(trace(),
             (Trace{"write command 02000000", "write command 04000000", "write command 00A40400",
@@ -84,7 +84,7 @@ TEST_F(Queries, CardReadyIsOneWriteWithoutFlushOrAnswer) {
 }
 
 TEST_F(Queries, CardReadyThatCannotBeSentIsLoggedWithoutTag) {
-  pipes_.fail(PipeCallKind::Write, kNoData);
+  pipes_.fail(PipeCallKind::kWrite, kNoData);
   startAccepted();
   EXPECT_FALSE(reader().NotifyCardReady());
   EXPECT_EQ(log_.records(), Records{error(kNoData, "Failed to send ready notification")});
@@ -92,7 +92,7 @@ TEST_F(Queries, CardReadyThatCannotBeSentIsLoggedWithoutTag) {
 
 TEST_F(Queries, EmptyApduIsAnsweredWithoutTouchingThePipe) {
   startAccepted();
-  EXPECT_EQ(transmit({}), QueryResult::Success);
+  EXPECT_EQ(transmit({}), QueryResult::kSuccess);
   EXPECT_EQ(response_, kNotAccepted);
   EXPECT_TRUE(trace().empty());
   EXPECT_EQ(log_.records(),
@@ -100,21 +100,21 @@ TEST_F(Queries, EmptyApduIsAnsweredWithoutTouchingThePipe) {
 }
 
 TEST_F(Queries, FailedFlushIsIgnored) {
-  pipes_.fail(PipeCallKind::Flush, kBroken, 1, 3);
+  pipes_.fail(PipeCallKind::kFlush, kBroken, 1, 3);
   startAccepted();
   agentAnswers(number(5, kAtr));
   agentAnswers(number(5, kAtr));
   agentAnswers(number(2, {0x90, 0x00}));
-  EXPECT_EQ(queryAtr(), QueryResult::Success);
-  EXPECT_EQ(reader().CheckATR(), QueryResult::Success);
-  EXPECT_EQ(transmit(kSelect), QueryResult::Success);
+  EXPECT_EQ(queryAtr(), QueryResult::kSuccess);
+  EXPECT_EQ(reader().CheckATR(), QueryResult::kSuccess);
+  EXPECT_EQ(transmit(kSelect), QueryResult::kSuccess);
   EXPECT_TRUE(log_.errors().empty());
 }
 
 TEST_F(Queries, ZeroAtrLengthFailsAndNothingFurtherIsRead) {
   startAccepted();
   agentAnswers(number(0));
-  EXPECT_EQ(queryAtr(), QueryResult::Failure);
+  EXPECT_EQ(queryAtr(), QueryResult::kFailure);
   EXPECT_EQ(trace(), (Trace{"write command 00000000", "flush command", "read command 4"}));
   EXPECT_EQ(log_.records(), Records{error(kNoError, "[QueryATR]Invalid ATR size (0)")});
 }
@@ -122,16 +122,16 @@ TEST_F(Queries, ZeroAtrLengthFailsAndNothingFurtherIsRead) {
 TEST_F(Queries, ZeroAtrLengthMeansNoCardToTheCheck) {
   startAccepted();
   agentAnswers(number(0));
-  EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
+  EXPECT_EQ(reader().CheckATR(), QueryResult::kFailure);
   EXPECT_EQ(trace(), (Trace{"write command 01000000", "flush command", "read command 4"}));
   EXPECT_EQ(log_.records(), Records{error(kNoError, "[CheckATR]Invalid ATR size (0)")});
 }
 
 TEST_F(Queries, FailedAtrReadLeavesTheNewLength) {
-  pipes_.fail(PipeCallKind::Read, kBroken, 2, 1, commandPipeName(0));
+  pipes_.fail(PipeCallKind::kRead, kBroken, 2, 1, commandPipeName(0));
   startAccepted();
   agentAnswers(number(33));
-  EXPECT_EQ(queryAtr(), QueryResult::Failure);
+  EXPECT_EQ(queryAtr(), QueryResult::kFailure);
   EXPECT_EQ(atr_.size(), 33u);
   EXPECT_EQ(log_.records(), Records{error(kBroken, "[QueryATR]Failed to read ATR data")});
 }
@@ -139,7 +139,7 @@ TEST_F(Queries, FailedAtrReadLeavesTheNewLength) {
 TEST_F(Queries, LongAtrIsLoggedAsFarAsALineGoes) {
   startAccepted();
   agentAnswers(number(300, Bytes(300, 0xA5)));
-  EXPECT_EQ(queryAtr(), QueryResult::Success);
+  EXPECT_EQ(queryAtr(), QueryResult::kSuccess);
   EXPECT_EQ(atr_.size(), 300u);
   std::string text = "[QueryATR]ATR:";
   while (text.size() < 255) text += (text.size() % 2 == 0) ? 'A' : '5';
@@ -149,7 +149,7 @@ TEST_F(Queries, LongAtrIsLoggedAsFarAsALineGoes) {
 TEST_F(Queries, PayloadOfExactlyOneBlockIsReadByOneCall) {
   startAccepted();
   agentAnswers(number(PipeStream::kReadBlock, Bytes(PipeStream::kReadBlock, 7)));
-  EXPECT_EQ(transmit(kSelect), QueryResult::Success);
+  EXPECT_EQ(transmit(kSelect), QueryResult::kSuccess);
   EXPECT_EQ(trace().back(), "read command 1048576");
   EXPECT_EQ(response_, Bytes(PipeStream::kReadBlock, 7));
 }
@@ -160,7 +160,7 @@ TEST_F(Queries, LongerPayloadIsReadInBlocks) {
   Bytes payload(length);
   for (std::size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<std::uint8_t>(i >> 12);
   agentAnswers(number(length, payload));
-  EXPECT_EQ(transmit(kSelect), QueryResult::Success);
+  EXPECT_EQ(transmit(kSelect), QueryResult::kSuccess);
   const Trace calls = trace();
   ASSERT_GE(calls.size(), 3u);
   EXPECT_EQ(Trace(calls.end() - 3, calls.end()),
@@ -174,10 +174,10 @@ TEST_F(Queries, WhatIsLeftInThePipeIsReadAsTheNextAnswer) {
   AgentLinkTimes times;
   times.query = std::chrono::milliseconds(1);
   startAccepted(times);
-  EXPECT_EQ(transmit(kSelect), QueryResult::Timeout);
+  EXPECT_EQ(transmit(kSelect), QueryResult::kTimeout);
   agentAnswers(number(2, {0x90, 0x00}));
   agentAnswers(number(2, {0x6A, 0x82}));
-  EXPECT_EQ(transmit(kSelect), QueryResult::Success);
+  EXPECT_EQ(transmit(kSelect), QueryResult::kSuccess);
   EXPECT_EQ(response_, (Bytes{0x90, 0x00}));
 }
 
@@ -199,21 +199,22 @@ TEST_P(AtrSteps, FailureIsLoggedWithTheSystemsErrorAndEndsTheExchange) {
   startAccepted();
   agentAnswers(number(5, kAtr));
   const bool check = std::string(step.text).rfind("[CheckATR]", 0) == 0;
-  EXPECT_EQ(check ? reader().CheckATR() : queryAtr(), QueryResult::Failure);
+  EXPECT_EQ(check ? reader().CheckATR() : queryAtr(), QueryResult::kFailure);
   EXPECT_EQ(log_.records(), Records{error(kBroken, step.text)});
   const std::string last = trace().back();
-  EXPECT_EQ(last.substr(0, last.find(' ')), step.kind == PipeCallKind::Write ? "write" : "read");
+  EXPECT_EQ(last.substr(0, last.find(' ')), step.kind == PipeCallKind::kWrite ? "write" : "read");
 }
 
 INSTANTIATE_TEST_SUITE_P(
     All, AtrSteps,
     ::testing::Values(
-        Step{"QueryWrite", PipeCallKind::Write, 1, "[QueryATR]Failed to write ATR request command"},
-        Step{"QuerySize", PipeCallKind::Read, 1, "[QueryATR]Failed to read ATR size"},
-        Step{"QueryData", PipeCallKind::Read, 2, "[QueryATR]Failed to read ATR data"},
-        Step{"CheckWrite", PipeCallKind::Write, 1, "[CheckATR]Failed to write QueryAtr command"},
-        Step{"CheckSize", PipeCallKind::Read, 1, "[CheckATR]Failed to read ATR size"},
-        Step{"CheckData", PipeCallKind::Read, 2, "[CheckATR]Failed to read ATR"}),
+        Step{"QueryWrite", PipeCallKind::kWrite, 1,
+             "[QueryATR]Failed to write ATR request command"},
+        Step{"QuerySize", PipeCallKind::kRead, 1, "[QueryATR]Failed to read ATR size"},
+        Step{"QueryData", PipeCallKind::kRead, 2, "[QueryATR]Failed to read ATR data"},
+        Step{"CheckWrite", PipeCallKind::kWrite, 1, "[CheckATR]Failed to write QueryAtr command"},
+        Step{"CheckSize", PipeCallKind::kRead, 1, "[CheckATR]Failed to read ATR size"},
+        Step{"CheckData", PipeCallKind::kRead, 2, "[CheckATR]Failed to read ATR"}),
     [](const auto& instance) { return instance.param.name; });
 
 class TransmitSteps : public Queries, public ::testing::WithParamInterface<Step> {
@@ -231,11 +232,11 @@ TEST_P(TransmitSteps, FailsWhileTheCardIsThere) {
   makeCardPresent();
   log_.clear();
   response_ = {1, 2, 3};
-  EXPECT_EQ(transmit(kSelect), QueryResult::Failure);
+  EXPECT_EQ(transmit(kSelect), QueryResult::kFailure);
   const Records errors = log_.records();
   ASSERT_EQ(errors.size(), 1u);
   EXPECT_EQ(errors[0].text, GetParam().text);
-  EXPECT_EQ(errors[0].level, static_cast<std::uint8_t>(LogLevel::Error));
+  EXPECT_EQ(errors[0].level, static_cast<std::uint8_t>(LogLevel::kError));
   // A zero length is no failure of the system's: its code is whatever the last error was.
   if (GetParam().call != 0) {
     EXPECT_EQ(errors[0].code, static_cast<std::int32_t>(kBroken));
@@ -247,7 +248,7 @@ TEST_P(TransmitSteps, FailsWhileTheCardIsThere) {
 TEST_P(TransmitSteps, IsAnsweredNotAcceptedOnceTheCardIsGone) {
   prepare();
   ASSERT_EQ(reader().state(), SCARD_ABSENT);
-  EXPECT_EQ(transmit(kSelect), QueryResult::Success);
+  EXPECT_EQ(transmit(kSelect), QueryResult::kSuccess);
   EXPECT_EQ(response_, kNotAccepted);
   EXPECT_EQ(log_.records(), Records{info(kRemoved)});
   const std::vector<ByteDump> dumps = log_.byteDumps();
@@ -259,14 +260,14 @@ TEST_P(TransmitSteps, IsAnsweredNotAcceptedOnceTheCardIsGone) {
 INSTANTIATE_TEST_SUITE_P(
     All, TransmitSteps,
     ::testing::Values(
-        Step{"Command", PipeCallKind::Write, 1,
+        Step{"Command", PipeCallKind::kWrite, 1,
              "[QueryTransmit]Failed to write QueryTransmit command"},
-        Step{"Size", PipeCallKind::Write, 2, "[QueryTransmit]Failed to write APDU request size"},
-        Step{"Apdu", PipeCallKind::Write, 3, "[QueryTransmit]Failed to write APDU request"},
-        Step{"ResponseSize", PipeCallKind::Read, 1,
+        Step{"Size", PipeCallKind::kWrite, 2, "[QueryTransmit]Failed to write APDU request size"},
+        Step{"Apdu", PipeCallKind::kWrite, 3, "[QueryTransmit]Failed to write APDU request"},
+        Step{"ResponseSize", PipeCallKind::kRead, 1,
              "[QueryTransmit]Failed to read APDU response size"},
-        Step{"ZeroSize", PipeCallKind::Read, 0, "[QueryTransmit]Invalid APDU response size (0)"},
-        Step{"Response", PipeCallKind::Read, 2, "[QueryTransmit]Failed to read APDU response"}),
+        Step{"ZeroSize", PipeCallKind::kRead, 0, "[QueryTransmit]Invalid APDU response size (0)"},
+        Step{"Response", PipeCallKind::kRead, 2, "[QueryTransmit]Failed to read APDU response"}),
     [](const auto& instance) { return instance.param.name; });
 
 // A reader whose pipes could not be created.
@@ -279,25 +280,25 @@ class QueriesWithoutPipe : public Queries {
     forgetCalls();
   }
   void SetUp() override {
-    pipes_.fail(PipeCallKind::Create, platform::error::kAccessDenied);
+    pipes_.fail(PipeCallKind::kCreate, platform::error::kAccessDenied);
     startWithout();
   }
   void TearDown() override { EXPECT_TRUE(trace().empty()); }
 };
 
 TEST_F(QueriesWithoutPipe, AtrFails) {
-  EXPECT_EQ(queryAtr(), QueryResult::Failure);
+  EXPECT_EQ(queryAtr(), QueryResult::kFailure);
   EXPECT_EQ(log_.records(), Records{error(kNoError, "[QueryATR]Invalid named pipe handle")});
 }
 
 TEST_F(QueriesWithoutPipe, CheckFails) {
-  EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
+  EXPECT_EQ(reader().CheckATR(), QueryResult::kFailure);
   EXPECT_EQ(log_.records(), Records{error(kNoError, "[CheckATR]Invalid named pipe handle")});
 }
 
 TEST_F(QueriesWithoutPipe, TransmitFailsEvenWithoutACardAndWithAnEmptyApdu) {
-  EXPECT_EQ(transmit({}), QueryResult::Failure);
-  EXPECT_EQ(transmit(kSelect), QueryResult::Failure);
+  EXPECT_EQ(transmit({}), QueryResult::kFailure);
+  EXPECT_EQ(transmit(kSelect), QueryResult::kFailure);
   const LogRecord expected = error(kNoError, "[QueryTransmit]Invalid named pipe handle");
   EXPECT_EQ(log_.records(), (Records{expected, expected}));
 }

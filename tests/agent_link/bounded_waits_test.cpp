@@ -107,7 +107,7 @@ TEST_F(BoundedWaits, NotificationThatIsNotReadHoldsUpNobodyForEver) {
   reader().endExchanges();  // for one that hangs
   resetting.get();
   asking.get();
-  EXPECT_EQ(transmitting.get(), QueryResult::Timeout);
+  EXPECT_EQ(transmitting.get(), QueryResult::kTimeout);
   EXPECT_EQ(select.status(), status::kSuccess);
   EXPECT_EQ(reset.status(), status::kNoMedia);
   EXPECT_EQ(present.status(), status::kCancelled);
@@ -157,19 +157,19 @@ TEST_F(BoundedWaits, QueryThatHasEndedANotificationHasItsWholeLimit) {
   EXPECT_FALSE(notifying.get());
   EXPECT_TRUE(log_.contains(error(kAborted, "Failed to send ready notification")));
   answerAtr(1);  // what the agent has not read of the notification is gone
-  EXPECT_EQ(checking.get(), QueryResult::Success);
+  EXPECT_EQ(checking.get(), QueryResult::kSuccess);
   EXPECT_EQ(log_.count("Query timeout"), 0u);
 }
 
 TEST_F(BoundedWaits, NotificationThatTwoQueriesWaitForIsCancelledOnce) {
   connect(100ms);
-  gaps_.holdNext(GapPipes::Call::Write, "command0");  // where no cancel reaches it
+  gaps_.holdNext(GapPipes::Call::kWrite, "command0");  // where no cancel reaches it
   auto notifying = std::async(std::launch::async, [this] { return reader().NotifyCardReady(); });
   ASSERT_TRUE(gaps_.waitUntilHeld());
   auto first = std::async(std::launch::async, [this] { return reader().CheckATR(); });
   auto second = std::async(std::launch::async, [this] { return reader().CheckATR(); });
-  EXPECT_EQ(first.get(), QueryResult::Timeout);
-  EXPECT_EQ(second.get(), QueryResult::Timeout);
+  EXPECT_EQ(first.get(), QueryResult::kTimeout);
+  EXPECT_EQ(second.get(), QueryResult::kTimeout);
   EXPECT_EQ(log_.count("Failed to cancel IO on the command named pipe"), 1u);
   gaps_.letGo();
   reader().endExchanges();
@@ -179,13 +179,13 @@ TEST_F(BoundedWaits, NotificationThatTwoQueriesWaitForIsCancelledOnce) {
 TEST_F(BoundedWaits, CheckWithoutATurnIsATimeOutThatTouchesNothing) {
   connect(100ms);
   log_.clear();
-  gaps_.holdNext(GapPipes::Call::Write, "command0");  // beyond its time, which is up
+  gaps_.holdNext(GapPipes::Call::kWrite, "command0");  // beyond its time, which is up
   auto first = std::async(std::launch::async, [this] { return reader().CheckATR(); });
   ASSERT_TRUE(gaps_.waitUntilHeld());
-  EXPECT_EQ(reader().CheckATR(), QueryResult::Timeout);
+  EXPECT_EQ(reader().CheckATR(), QueryResult::kTimeout);
   EXPECT_EQ(log_.count(std::string("[CheckATR]") + kGaveUp), 1u);
   gaps_.letGo();
-  EXPECT_EQ(first.get(), QueryResult::Timeout);
+  EXPECT_EQ(first.get(), QueryResult::kTimeout);
   EXPECT_EQ(log_.count("[CheckATR]Failed to write QueryAtr command"), 1u);
 }
 
@@ -197,7 +197,7 @@ TEST_F(BoundedWaits, EmptyApduNeedsNoTurn) {
   auto empty = std::async(std::launch::async, [&] { return reader().QueryTransmit({}, response); });
   EXPECT_TRUE(isReady(empty)) << "waits for its turn";
   ASSERT_TRUE(pipes_.clientWrite(command_, number(0)));
-  EXPECT_EQ(empty.get(), QueryResult::Success);
+  EXPECT_EQ(empty.get(), QueryResult::kSuccess);
   EXPECT_EQ(response, kNotAccepted);
   first.get();
 }
@@ -310,7 +310,7 @@ TEST_F(BoundedWaits, EndOfExchangesLeavesAResetUnderWayWithoutMedia) {
 TEST_F(BoundedWaits, CallThatNeverReturnsKeepsTheDeviceLockForAMomentOnlyWhenTheAgentIsLost) {
   connect(10min);
   LinkRequest& present = makeRequest();
-  gaps_.holdNext(GapPipes::Call::Read, "command0");
+  gaps_.holdNext(GapPipes::Call::kRead, "command0");
   auto asking = dispatch(&Reader::IoSmartCardIsPresent, present);
   EXPECT_EQ(pipes_.clientRead(command_, 4), number(1));
   EXPECT_TRUE(gaps_.waitUntilHeld());

@@ -48,7 +48,7 @@ class CancelablePipeTest : public ::testing::Test {
 
   // Held just before it blocks.
   std::future<std::uint32_t> beginReadInGap() {
-    gaps_.holdNext(GapPipes::Call::Read, "pipe");
+    gaps_.holdNext(GapPipes::Call::kRead, "pipe");
     auto read = beginRead();
     EXPECT_TRUE(gaps_.waitUntilHeld());
     return read;
@@ -61,8 +61,8 @@ class CancelablePipeTest : public ::testing::Test {
     return connect;
   }
 
-  std::size_t cancels() const { return scripted_.calls(PipeCallKind::Cancel).size(); }
-  std::size_t disconnects() const { return scripted_.calls(PipeCallKind::Disconnect).size(); }
+  std::size_t cancels() const { return scripted_.calls(PipeCallKind::kCancel).size(); }
+  std::size_t disconnects() const { return scripted_.calls(PipeCallKind::kDisconnect).size(); }
 
   LogCapture log_;
   ScriptedPipes scripted_;
@@ -83,8 +83,8 @@ TEST_F(CancelablePipeTest, TheCallsResultAndLastErrorComeBack) {
 TEST_F(CancelablePipeTest, ExchangesAreRefusedUntilAClientWasAccepted) {
   for (const std::uint32_t accepted : {0u, 535u, 997u}) {
     CancelablePipe pipe("test", "other");
-    scripted_.fail(PipeCallKind::Connect, 31, 1, 1, "other");
-    if (accepted != 0) scripted_.fail(PipeCallKind::Connect, accepted, 2, 1, "other");
+    scripted_.fail(PipeCallKind::kConnect, 31, 1, 1, "other");
+    if (accepted != 0) scripted_.fail(PipeCallKind::kConnect, accepted, 2, 1, "other");
     pipe.hold(PipeHandle(gaps_.create("other", {})));
     const Epoch before = pipe.epoch();
     const auto runs = [&] { return pipe.run(before, [] { return true; }); };
@@ -197,7 +197,7 @@ TEST_F(CancelablePipeTest, DisconnectEndsCallsThenDropsTheClient) {
 }
 
 TEST_F(CancelablePipeTest, DisconnectReportsWhatEachStepFailedWith) {
-  scripted_.fail(PipeCallKind::Disconnect, 233);
+  scripted_.fail(PipeCallKind::kDisconnect, 233);
   const CancelablePipe::DisconnectErrors errors = pipe_.disconnect();
   EXPECT_EQ(errors.cancel, kNotFound);
   EXPECT_EQ(errors.disconnect, 233u);
@@ -262,7 +262,7 @@ TEST_F(CancelablePipeTest, EndOfExchangesEndsACallInTheGapBeforeItBlocks) {
 // A time-out has ended the epoch, and its call is still on its way into the pipe.
 TEST_F(CancelablePipeTest, EndOfExchangesWaitsForCallsOfEndedEpochsToo) {
   const Epoch epoch = pipe_.epoch();
-  gaps_.holdNext(GapPipes::Call::Read, "pipe");
+  gaps_.holdNext(GapPipes::Call::kRead, "pipe");
   std::atomic<bool> left{false};
   auto read = std::async(std::launch::async, [&] {
     return pipe_.run(epoch, [&] {
@@ -337,8 +337,8 @@ TEST_F(CallThatNeverReturns, KeepsItsClientUntilTheNextConnectWhichWaitsForIt) {
   letReturn();
   EXPECT_EQ(connect.get(), 0u);
   const std::vector<PipeCall> calls = scripted_.calls();
-  EXPECT_EQ(calls[calls.size() - 2].kind, PipeCallKind::Disconnect);
-  EXPECT_EQ(calls.back().kind, PipeCallKind::Connect);
+  EXPECT_EQ(calls[calls.size() - 2].kind, PipeCallKind::kDisconnect);
+  EXPECT_EQ(calls.back().kind, PipeCallKind::kConnect);
 }
 
 TEST_F(CallThatNeverReturns, DoesNotKeepAConnectFromBeingStopped) {

@@ -25,7 +25,7 @@ class ContendedLock : public EventsTest {
 
 TEST_F(ContendedLock, ForACardThatIsReportedIn) {
   LinkRequest& insertion = connectWithoutCard();
-  expectWait("handleEvent", [this] { EXPECT_TRUE(agent_.sendEvent(AgentEvent::CardInserted)); });
+  expectWait("handleEvent", [this] { EXPECT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted)); });
   EXPECT_TRUE(insertion.waitForCompletion());
 }
 
@@ -40,7 +40,7 @@ TEST_F(ContendedLock, ForInsertionRequestsThatAConnectionFulfils) {
 TEST_F(ContendedLock, ForACardThatIsReportedOut) {
   connectWithCard();
   LinkRequest& removal = waitForRemoval();
-  expectWait("handleEvent", [this] { EXPECT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved)); });
+  expectWait("handleEvent", [this] { EXPECT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved)); });
   EXPECT_TRUE(removal.waitForCompletion());
 }
 

@@ -54,7 +54,7 @@ class EndOfExchanges : public LinkTest {
   void expectReleased(std::future<QueryResult> check, const std::string& failure) {
     ASSERT_TRUE(waitUntilStuck());
     reader().endExchanges();
-    EXPECT_EQ(check.get(), QueryResult::Failure);
+    EXPECT_EQ(check.get(), QueryResult::kFailure);
     EXPECT_EQ(log_.records(), std::vector<LogRecord>{error(kAborted, failure)});
   }
 
@@ -70,7 +70,7 @@ class EndOfExchanges : public LinkTest {
     auto end = std::async(std::launch::async, [this] { reader().endExchanges(); });
     ASSERT_TRUE(gaps_.waitForMissedCancels("command0", 2));
     gaps_.letGo();
-    EXPECT_EQ(check.get(), QueryResult::Failure);
+    EXPECT_EQ(check.get(), QueryResult::kFailure);
     end.get();
     EXPECT_EQ(log_.records(), std::vector<LogRecord>{error(kAborted, failure)});
   }
@@ -107,7 +107,7 @@ TEST_F(EndOfExchanges, ReleasesAFlush) {
 
 TEST_F(EndOfExchanges, ReleasesARead) {
   connect();
-  gaps_.holdNext(GapPipes::Call::Read, "command0");
+  gaps_.holdNext(GapPipes::Call::kRead, "command0");
   std::future<QueryResult> check = beginCheck();
   EXPECT_EQ(pipes_.clientRead(command_, 4), number(1));
   ASSERT_TRUE(gaps_.waitUntilHeld());
@@ -116,24 +116,24 @@ TEST_F(EndOfExchanges, ReleasesARead) {
 }
 
 TEST_F(EndOfExchanges, ReleasesAWriteThatIsJustAboutToBegin) {
-  expectEndHeldBefore(GapPipes::Call::Write, false, "[CheckATR]Failed to write QueryAtr command");
+  expectEndHeldBefore(GapPipes::Call::kWrite, false, "[CheckATR]Failed to write QueryAtr command");
 }
 
 TEST_F(EndOfExchanges, ReleasesAFlushThatIsJustAboutToBegin) {
-  expectEndHeldBefore(GapPipes::Call::Flush, true, "[CheckATR]Failed to read ATR size");
+  expectEndHeldBefore(GapPipes::Call::kFlush, true, "[CheckATR]Failed to read ATR size");
 }
 
 TEST_F(EndOfExchanges, ReleasesAReadThatIsJustAboutToBegin) {
-  expectEndHeldBefore(GapPipes::Call::Read, true, "[CheckATR]Failed to read ATR size");
+  expectEndHeldBefore(GapPipes::Call::kRead, true, "[CheckATR]Failed to read ATR size");
 }
 
 TEST_F(EndOfExchanges, RefusesLaterOnes) {
   connect();
   reader().endExchanges();
   Bytes bytes;
-  EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
-  EXPECT_EQ(reader().QueryAtr(bytes, true), QueryResult::Failure);
-  EXPECT_EQ(reader().QueryTransmit({0, 1, 2, 3}, bytes), QueryResult::Success);
+  EXPECT_EQ(reader().CheckATR(), QueryResult::kFailure);
+  EXPECT_EQ(reader().QueryAtr(bytes, true), QueryResult::kFailure);
+  EXPECT_EQ(reader().QueryTransmit({0, 1, 2, 3}, bytes), QueryResult::kSuccess);
   EXPECT_EQ(bytes, (Bytes{0x69, 0x01})) << "the card is absent for good";
   EXPECT_FALSE(reader().NotifyCardReady());
   EXPECT_EQ(log_.errors(), (std::vector<LogRecord>{
@@ -176,7 +176,7 @@ TEST_F(EndOfExchanges, IsNotNeededByAnExchangeAfterTheLossOfAnAgent) {
   waitForInsertion();
   ASSERT_TRUE(waitUntilStuck());
   log_.clear();
-  EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
+  EXPECT_EQ(reader().CheckATR(), QueryResult::kFailure);
   EXPECT_EQ(log_.records(),
             std::vector<LogRecord>{error(platform::error::kPipeListening,
                                          "[CheckATR]Failed to write QueryAtr command")});

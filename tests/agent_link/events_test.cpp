@@ -24,7 +24,7 @@ TEST_F(Events, CardThatIsInAtTheConnectionCompletesTheInsertion) {
   EXPECT_EQ(device_.completed().size(), 1u);
   EXPECT_EQ(device_.completed()[0]->status(), status::kSuccess);
   EXPECT_EQ(reader().state(), SCARD_SWALLOWED);
-  EXPECT_EQ(agent_.commands(AgentCommand::QueryAtrReset), 1);
+  EXPECT_EQ(agent_.commands(AgentCommand::kQueryAtrReset), 1);
 }
 
 TEST_F(Events, NoCardAtTheConnectionLeavesTheInsertionWaiting) {
@@ -38,7 +38,7 @@ TEST_F(Events, InsertionCompletesEveryWaitingRequestNewestFirst) {
   LinkRequest& second = waitForInsertion();
   log_.clear();
   setCard(true);
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardInserted));
+  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
   ASSERT_TRUE(first.waitForCompletion());
   EXPECT_EQ(device_.completed(), (Order{&second, &first}));
   for (LinkRequest* request : {&first, &second}) {
@@ -57,7 +57,7 @@ TEST_F(Events, InsertionCompletesEveryWaitingRequestNewestFirst) {
 
 TEST_F(Events, InsertionCompletesRequestsWhateverTheAtr) {
   LinkRequest& request = connectWithoutCard();
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardInserted));
+  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
   ASSERT_TRUE(request.waitForCompletion());
   EXPECT_EQ(request.status(), status::kSuccess);
   settle();
@@ -68,7 +68,7 @@ TEST_F(Events, InsertionWithNobodyWaitingSetsTheState) {
   LinkRequest& request = connectWithoutCard();
   request.cancel();
   ASSERT_EQ(request.status(), status::kCancelled);
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardInserted));
+  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
   settle();
   EXPECT_EQ(reader().state(), SCARD_SWALLOWED);
 }
@@ -78,7 +78,7 @@ TEST_F(Events, RemovalCompletesEveryWaitingRequestNewestFirst) {
   LinkRequest& first = waitForRemoval();
   LinkRequest& second = waitForRemoval();
   log_.clear();
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved));
+  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
   ASSERT_TRUE(first.waitForCompletion());
   const Order completed = device_.completed();
   EXPECT_EQ(Order(completed.begin() + 1, completed.end()), (Order{&second, &first}));
@@ -97,7 +97,7 @@ TEST_F(Events, RemovalWithNobodyWaitingLeavesTheState) {
   reader().IoSmartCardPower(&reset, 4, 64);
   ASSERT_EQ(reader().state(), SCARD_NEGOTIABLE);
   ASSERT_EQ(CardReady::of(reader()), 1u);
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved));
+  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
   settle();
   EXPECT_EQ(reader().state(), SCARD_NEGOTIABLE);
   EXPECT_EQ(CardReady::of(reader()), 0u);
@@ -106,7 +106,7 @@ TEST_F(Events, RemovalWithNobodyWaitingLeavesTheState) {
 
 TEST_F(Events, RemovalDoesNotCompleteInsertions) {
   LinkRequest& request = connectWithoutCard();
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved));
+  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
   settle();
   EXPECT_EQ(request.completions(), 0);
 }
@@ -148,12 +148,12 @@ TEST_F(Events, RequestThatIsBeingCancelledOnlyLeavesTheList) {
   LinkRequest& cancelled = connectWithoutCard();
   LinkRequest& other = waitForInsertion();
   cancelled.beginCancel();
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardInserted));
+  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
   ASSERT_TRUE(other.waitForCompletion());
   settle();
   EXPECT_EQ(cancelled.completions(), 0);
   EXPECT_EQ(cancelled.references(), 0);
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardInserted));
+  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
   settle();
   EXPECT_EQ(cancelled.completions(), 0);
   EXPECT_EQ(other.completions(), 1);
@@ -165,9 +165,9 @@ TEST_F(Events, InsertionBetweenCheckAndWaitIsNotLost) {
   LinkRequest& first = waitForInsertion();
   std::atomic<bool> report{false};
   ASSERT_TRUE(agent_.connect([&](const LinkAgent::Command& command) {
-    if (command.code == AgentCommand::QueryAtr && report) {
+    if (command.code == AgentCommand::kQueryAtr && report) {
       const std::size_t before = log_.count("Card inserted");
-      EXPECT_TRUE(agent_.sendEvent(AgentEvent::CardInserted));
+      EXPECT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
       EXPECT_TRUE(waitForCount("Card inserted", before + 1));
     }
     return Bytes{};
@@ -190,8 +190,8 @@ TEST_F(Events, RemovalBetweenCheckAndWaitIsNotLost) {
   start();
   LinkRequest& first = waitForInsertion();
   ASSERT_TRUE(agent_.connect([&](const LinkAgent::Command& command) {
-    if (command.code == AgentCommand::QueryAtr) {
-      EXPECT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved));
+    if (command.code == AgentCommand::kQueryAtr) {
+      EXPECT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
       settle();
     }
     return kAtr;
@@ -212,22 +212,22 @@ TEST_F(Events, CardRemovedDuringATransmitAnswersNotAccepted) {
   start();
   LinkRequest& insertion = waitForInsertion();
   ASSERT_TRUE(agent_.connect([&](const LinkAgent::Command& command) {
-    if (command.code != AgentCommand::QueryTransmit) return kAtr;
-    EXPECT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved));
+    if (command.code != AgentCommand::kQueryTransmit) return kAtr;
+    EXPECT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
     EXPECT_TRUE(removal.load()->waitForCompletion());
     return Bytes{};
   }));
   ASSERT_TRUE(insertion.waitForCompletion());
   removal = &waitForRemoval();
   Bytes response;
-  EXPECT_EQ(reader().QueryTransmit({0, 1, 2, 3}, response), QueryResult::Success);
+  EXPECT_EQ(reader().QueryTransmit({0, 1, 2, 3}, response), QueryResult::kSuccess);
   EXPECT_EQ(response, (Bytes{0x69, 0x01}));
 }
 
 TEST_F(Events, EventWhoseHandlingThrowsIsLoggedAndTheNextIsHandled) {
   connectWithoutCard();
   device_.failLock(true);
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardInserted));
+  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
   ASSERT_TRUE(log_.waitFor("Failed to handle event: no lock"));
   device_.failLock(false);
   EXPECT_TRUE(log_.contains(error(kNoError, "Failed to handle event: no lock")));

@@ -52,10 +52,10 @@ class Memory : public ScriptedLink {
 
   // The rest of the answer is still in the pipe. It must not be taken for another one.
   void expectConnectionEnded() {
-    EXPECT_EQ(pipes_.calls(PipeCallKind::Disconnect).size(), 1u);
+    EXPECT_EQ(pipes_.calls(PipeCallKind::kDisconnect).size(), 1u);
     forgetCalls();
     log_.clear();
-    EXPECT_EQ(reader().QueryAtr(bytes_, false), QueryResult::Failure);
+    EXPECT_EQ(reader().QueryAtr(bytes_, false), QueryResult::kFailure);
     EXPECT_EQ(log_.records(), Records{error(platform::error::kBrokenPipe,
                                             "[QueryATR]Failed to write ATR request command")});
     EXPECT_TRUE(trace().empty());
@@ -66,7 +66,7 @@ class Memory : public ScriptedLink {
 
 TEST_F(Memory, AtrThatDoesNotFitFailsTheQuery) {
   startWithLittleMemory();
-  EXPECT_EQ(reader().QueryAtr(bytes_, true), QueryResult::Failure);
+  EXPECT_EQ(reader().QueryAtr(bytes_, true), QueryResult::kFailure);
   EXPECT_TRUE(bytes_.empty());
   EXPECT_EQ(log_.records(),
             Records{error(kNoMemory, "[QueryATR]No memory for ATR of size 4294967295")});
@@ -75,7 +75,7 @@ TEST_F(Memory, AtrThatDoesNotFitFailsTheQuery) {
 
 TEST_F(Memory, AtrThatDoesNotFitFailsTheCheck) {
   startWithLittleMemory();
-  EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
+  EXPECT_EQ(reader().CheckATR(), QueryResult::kFailure);
   EXPECT_EQ(log_.records(),
             Records{error(kNoMemory, "[CheckATR]No memory for ATR of size 4294967295")});
   expectConnectionEnded();
@@ -85,7 +85,7 @@ TEST_F(Memory, ResponseThatDoesNotFitFailsTheTransmit) {
   startWithLittleMemory();
   makeCardPresent();
   log_.clear();
-  EXPECT_EQ(reader().QueryTransmit({0, 1, 2, 3}, bytes_), QueryResult::Failure);
+  EXPECT_EQ(reader().QueryTransmit({0, 1, 2, 3}, bytes_), QueryResult::kFailure);
   EXPECT_TRUE(bytes_.empty());
   EXPECT_EQ(log_.records(),
             Records{error(kNoMemory, "[QueryTransmit]No memory for APDU response")});
@@ -94,13 +94,13 @@ TEST_F(Memory, ResponseThatDoesNotFitFailsTheTransmit) {
 
 TEST_F(Memory, ResponseThatDoesNotFitIsNotAcceptedOnceTheCardIsGone) {
   startWithLittleMemory();
-  EXPECT_EQ(reader().QueryTransmit({0, 1, 2, 3}, bytes_), QueryResult::Success);
+  EXPECT_EQ(reader().QueryTransmit({0, 1, 2, 3}, bytes_), QueryResult::kSuccess);
   EXPECT_EQ(bytes_, (Bytes{0x69, 0x01}));
   expectConnectionEnded();
 }
 
 TEST_F(Memory, SessionLogIdThatDoesNotFitIsLoggedAndTheIdStays) {
-  pipes_.fail(PipeCallKind::Write, platform::error::kPipeListening, 1, 9);
+  pipes_.fail(PipeCallKind::kWrite, platform::error::kPipeListening, 1, 9);
   startCreated();
   Bytes id = number(2, number(kAnnounced, Bytes(PipeStream::kReadBlock)));
   largestBlock = 3 * PipeStream::kReadBlock / 2;
@@ -115,9 +115,9 @@ TEST_F(Memory, SessionLogIdThatDoesNotFitIsLoggedAndTheIdStays) {
 TEST_F(Memory, AnnouncedLengthIsNotTakenAtItsWord) {
   startAccepted();
   largestBlock = 3 * PipeStream::kReadBlock / 2;
-  pipes_.fail(PipeCallKind::Read, platform::error::kBrokenPipe, 2, 1);
+  pipes_.fail(PipeCallKind::kRead, platform::error::kBrokenPipe, 2, 1);
   agentAnswers(number(kAnnounced));
-  EXPECT_EQ(reader().QueryAtr(bytes_, true), QueryResult::Failure);
+  EXPECT_EQ(reader().QueryAtr(bytes_, true), QueryResult::kFailure);
   EXPECT_EQ(log_.records(),
             Records{error(platform::error::kBrokenPipe, "[QueryATR]Failed to read ATR data")});
   EXPECT_EQ(bytes_.size(), PipeStream::kReadBlock);

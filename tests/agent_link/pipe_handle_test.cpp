@@ -18,9 +18,9 @@ class PipeHandleTest : public ::testing::Test {
   std::string released() const {
     std::string text;
     for (const PipeCall& call : pipes_.calls()) {
-      if (call.kind == PipeCallKind::Cancel) text += "cancel " + call.text + ", ";
-      if (call.kind == PipeCallKind::Disconnect) text += "disconnect " + call.text + ", ";
-      if (call.kind == PipeCallKind::Close) text += "close " + call.text + ", ";
+      if (call.kind == PipeCallKind::kCancel) text += "cancel " + call.text + ", ";
+      if (call.kind == PipeCallKind::kDisconnect) text += "disconnect " + call.text + ", ";
+      if (call.kind == PipeCallKind::kClose) text += "close " + call.text + ", ";
     }
     return text;
   }
@@ -35,9 +35,9 @@ TEST_F(PipeHandleTest, DestructionCancelsDisconnectsAndCloses) {
 }
 
 TEST_F(PipeHandleTest, EveryStepIsTakenWhateverThePreviousOneGave) {
-  pipes_.fail(PipeCallKind::Cancel, 1168);
-  pipes_.fail(PipeCallKind::Disconnect, 233);
-  pipes_.fail(PipeCallKind::Close, 6);
+  pipes_.fail(PipeCallKind::kCancel, 1168);
+  pipes_.fail(PipeCallKind::kDisconnect, 233);
+  pipes_.fail(PipeCallKind::kClose, 6);
   { const PipeHandle pipe(create("a")); }
   EXPECT_EQ(released(), "cancel a, disconnect a, close a, ");
 }

@@ -41,18 +41,18 @@ class Pipes : public ScriptedLink {
 
 TEST_F(Pipes, PipesAreCreatedForTheServiceAccountsOnly) {
   startCreated();
-  const std::vector<PipeCall> converted = pipes_.calls(PipeCallKind::Convert);
+  const std::vector<PipeCall> converted = pipes_.calls(PipeCallKind::kConvert);
   ASSERT_EQ(converted.size(), 1u);
   EXPECT_EQ(converted[0].text,
             "D:(D;OICI;GA;;;BG)(D;OICI;GA;;;AN)(A;OICI;GA;;;LS)(A;OICI;GA;;;SY)");
-  for (const PipeCall& created : pipes_.calls(PipeCallKind::Create)) {
+  for (const PipeCall& created : pipes_.calls(PipeCallKind::kCreate)) {
     EXPECT_EQ(created.arguments.securityDescriptor, pipes_.descriptor());
   }
 }
 
 TEST_F(Pipes, PipesAreCreatedCommandFirstWithTheSameArguments) {
   startCreated();
-  const std::vector<PipeCall> created = pipes_.calls(PipeCallKind::Create);
+  const std::vector<PipeCall> created = pipes_.calls(PipeCallKind::kCreate);
   ASSERT_EQ(created.size(), 2u);
   EXPECT_EQ(created[0].text, commandPipeName(0));
   EXPECT_EQ(created[1].text, eventPipeName(0));
@@ -73,28 +73,28 @@ TEST_F(Pipes, CreationIsLoggedWithNamesAndHandles) {
 }
 
 TEST_F(Pipes, DescriptorThatCannotBeMadeEndsTheThreadBeforeAnyPipe) {
-  pipes_.fail(PipeCallKind::Convert, 1332);
+  pipes_.fail(PipeCallKind::kConvert, 1332);
   start();
   ASSERT_TRUE(log_.waitFor("DACL cannot be created"));
   stop();
-  EXPECT_TRUE(pipes_.calls(PipeCallKind::Create).empty());
+  EXPECT_TRUE(pipes_.calls(PipeCallKind::kCreate).empty());
   EXPECT_EQ(log_.records().front(), error(1332, "DACL cannot be created"));
   EXPECT_EQ(log_.count("Server thread completed"), 0u);
 }
 
 TEST_F(Pipes, FailedCommandPipeEndsTheThreadBeforeTheEventPipe) {
-  pipes_.fail(PipeCallKind::Create, kDenied);
+  pipes_.fail(PipeCallKind::kCreate, kDenied);
   start();
   const std::string text = "Failed to create command named pipe '" + commandPipeName(0) + "'";
   ASSERT_TRUE(log_.waitFor(text));
   stop();
-  EXPECT_EQ(pipes_.calls(PipeCallKind::Create).size(), 1u);
+  EXPECT_EQ(pipes_.calls(PipeCallKind::kCreate).size(), 1u);
   EXPECT_EQ(log_.records().front(), error(kDenied, text));
   EXPECT_EQ(log_.count("Server thread completed"), 0u);
 }
 
 TEST_F(Pipes, FailedEventPipeEndsTheThreadAndLeavesTheCommandPipe) {
-  pipes_.fail(PipeCallKind::Create, kDenied, 1, 1, eventPipeName(0));
+  pipes_.fail(PipeCallKind::kCreate, kDenied, 1, 1, eventPipeName(0));
   start();
   const std::string text = "Failed to create event named pipe '" + eventPipeName(0) + "'";
   ASSERT_TRUE(log_.waitFor(text));
@@ -110,7 +110,7 @@ TEST_F(Pipes, FailedEventPipeEndsTheThreadAndLeavesTheCommandPipe) {
 TEST_F(Pipes, ConnectsCommandThenEventAndLogsEach) {
   pipes_.holdConnect(commandPipeName(0));
   pipes_.holdConnect(eventPipeName(0));
-  pipes_.fail(PipeCallKind::Write, platform::error::kPipeListening, 1, 9);
+  pipes_.fail(PipeCallKind::kWrite, platform::error::kPipeListening, 1, 9);
   startCreated();
   waitForInsertion();
   ASSERT_TRUE(pipes_.waitUntilBlocked(commandPipeName(0)));
@@ -124,9 +124,9 @@ TEST_F(Pipes, ConnectsCommandThenEventAndLogsEach) {
 }
 
 TEST_F(Pipes, ClientThatWasThereFirstCountsAsConnectedSilently) {
-  pipes_.fail(PipeCallKind::Write, platform::error::kPipeListening, 1, 9);
-  pipes_.fail(PipeCallKind::Connect, platform::error::kPipeConnected, 1, 1, commandPipeName(0));
-  pipes_.fail(PipeCallKind::Connect, platform::error::kIoPending, 1, 1, eventPipeName(0));
+  pipes_.fail(PipeCallKind::kWrite, platform::error::kPipeListening, 1, 9);
+  pipes_.fail(PipeCallKind::kConnect, platform::error::kPipeConnected, 1, 1, commandPipeName(0));
+  pipes_.fail(PipeCallKind::kConnect, platform::error::kIoPending, 1, 1, eventPipeName(0));
   startCreated();
   waitForInsertion();
   ASSERT_TRUE(pipes_.waitUntilBlocked(eventPipeName(0)));
@@ -136,7 +136,7 @@ TEST_F(Pipes, ClientThatWasThereFirstCountsAsConnectedSilently) {
 }
 
 TEST_F(Pipes, FailedCommandConnectIsLoggedAndTheEventPipeIsNotTried) {
-  pipes_.fail(PipeCallKind::Connect, 31);
+  pipes_.fail(PipeCallKind::kConnect, 31);
   AgentLinkTimes times;
   times.reconnect = kNever;
   startCreated(times);
@@ -144,11 +144,11 @@ TEST_F(Pipes, FailedCommandConnectIsLoggedAndTheEventPipeIsNotTried) {
   ASSERT_TRUE(log_.waitFor("Command named pipe NOT connected"));
   EXPECT_EQ(pipeRecords(), Records{error(31, "Command named pipe NOT connected")});
   stop();
-  EXPECT_EQ(pipes_.calls(PipeCallKind::Connect).size(), 1u);
+  EXPECT_EQ(pipes_.calls(PipeCallKind::kConnect).size(), 1u);
 }
 
 TEST_F(Pipes, FailedEventConnectIsLogged) {
-  pipes_.fail(PipeCallKind::Connect, 31, 1, 1, eventPipeName(0));
+  pipes_.fail(PipeCallKind::kConnect, 31, 1, 1, eventPipeName(0));
   AgentLinkTimes times;
   times.reconnect = kNever;
   startCreated(times);
@@ -159,8 +159,8 @@ TEST_F(Pipes, FailedEventConnectIsLogged) {
 }
 
 TEST_F(Pipes, FailedConnectIsRetried) {
-  pipes_.fail(PipeCallKind::Write, platform::error::kPipeListening, 1, 9);
-  pipes_.fail(PipeCallKind::Connect, 31, 1, 3, commandPipeName(0));
+  pipes_.fail(PipeCallKind::kWrite, platform::error::kPipeListening, 1, 9);
+  pipes_.fail(PipeCallKind::kConnect, 31, 1, 3, commandPipeName(0));
   startCreated();
   const auto begin = std::chrono::steady_clock::now();
   waitForInsertion();
@@ -170,8 +170,8 @@ TEST_F(Pipes, FailedConnectIsRetried) {
 }
 
 TEST_F(Pipes, ClientThatCameAndWentIsDroppedBeforeTheNextConnect) {
-  pipes_.fail(PipeCallKind::Write, platform::error::kPipeListening, 1, 9);
-  pipes_.fail(PipeCallKind::Connect, platform::error::kNoData, 1, 1, commandPipeName(0));
+  pipes_.fail(PipeCallKind::kWrite, platform::error::kPipeListening, 1, 9);
+  pipes_.fail(PipeCallKind::kConnect, platform::error::kNoData, 1, 1, commandPipeName(0));
   startCreated();
   waitForInsertion();
   ASSERT_TRUE(pipes_.waitUntilBlocked(eventPipeName(0)));
@@ -187,8 +187,8 @@ TEST_F(Pipes, NothingIsExchangedBeforeAClientWasAccepted) {
   startCreated();
   constexpr std::uint32_t kNobody = platform::error::kPipeListening;
   std::vector<std::uint8_t> bytes;
-  EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
-  EXPECT_EQ(reader().QueryAtr(bytes, true), QueryResult::Failure);
+  EXPECT_EQ(reader().CheckATR(), QueryResult::kFailure);
+  EXPECT_EQ(reader().QueryAtr(bytes, true), QueryResult::kFailure);
   EXPECT_FALSE(reader().NotifyCardReady());
   EXPECT_EQ(log_.records(),
             (Records{error(kNobody, "[CheckATR]Failed to write QueryAtr command"),
@@ -238,7 +238,7 @@ TEST_F(Pipes, EmptyCommandHandleIsNotConnected) {
   EXPECT_TRUE(log_.contains(error(kNoError, "Cannot connect to empty command named pipe handle")));
   EXPECT_EQ(log_.count("Cannot connect to empty event named pipe handle"), 0u);
   stop();
-  EXPECT_TRUE(pipes_.calls(PipeCallKind::Connect).empty());
+  EXPECT_TRUE(pipes_.calls(PipeCallKind::kConnect).empty());
 }
 
 TEST_F(Pipes, EmptyEventHandleIsNotConnected) {
@@ -251,7 +251,7 @@ TEST_F(Pipes, EmptyEventHandleIsNotConnected) {
   ASSERT_TRUE(log_.waitFor("Cannot connect to empty event named pipe handle"));
   EXPECT_TRUE(log_.contains(error(kNoError, "Cannot connect to empty event named pipe handle")));
   stop();
-  EXPECT_TRUE(pipes_.calls(PipeCallKind::Connect).empty());
+  EXPECT_TRUE(pipes_.calls(PipeCallKind::kConnect).empty());
 }
 
 TEST_F(Pipes, DestructionCancelsAndDisconnectsEventThenCommandAndThenCloses) {
@@ -263,8 +263,8 @@ TEST_F(Pipes, DestructionCancelsAndDisconnectsEventThenCommandAndThenCloses) {
 }
 
 TEST_F(Pipes, EveryStepOfDisconnectingIsTakenAndItsFailureLogged) {
-  pipes_.fail(PipeCallKind::Cancel, 1168, 1, 2);
-  pipes_.fail(PipeCallKind::Disconnect, 233, 1, 2);
+  pipes_.fail(PipeCallKind::kCancel, 1168, 1, 2);
+  pipes_.fail(PipeCallKind::kDisconnect, 233, 1, 2);
   startCreated();
   stop();
   const auto failed = [](const std::string& text, int code) {
@@ -318,7 +318,7 @@ TEST_F(RealPipes, SecondReaderOfAnIndexCannotBeCreatedAndTheFirstIsUnaffected) {
     const std::string text = "Failed to create command named pipe '" + commandPipeName(0) + "'";
     ASSERT_TRUE(log_.waitFor(text));
     EXPECT_TRUE(log_.contains(error(kPipeNameInUse, text)));
-    EXPECT_EQ(second.CheckATR(), QueryResult::Failure);
+    EXPECT_EQ(second.CheckATR(), QueryResult::kFailure);
   }
   ASSERT_TRUE(agent.sendEvent(7));
   EXPECT_TRUE(log_.waitFor("Unknown event received:7"));

@@ -122,7 +122,7 @@ TEST_F(ServerResult, IsPendingUntilThePipesAreCreatedAndThenZero) {
 }
 
 TEST_F(ServerResult, OfAFailedCreationIsItsError) {
-  pipes_.fail(PipeCallKind::Create, platform::error::kAccessDenied);
+  pipes_.fail(PipeCallKind::kCreate, platform::error::kAccessDenied);
   start();
   EXPECT_TRUE(becomes(platform::error::kAccessDenied));
 }
@@ -137,14 +137,14 @@ TEST_F(ServerResult, OfAThreadThatNobodyNeededIsInvalidState) {
 
 // The request is gone again when the thread that it has woken looks for it.
 TEST_F(ServerResult, OfAThreadWhoseRequestIsCancelledAsItWakesIsZero) {
-  pipes_.fail(PipeCallKind::Connect, platform::error::kGenFailure, 1, ScriptedPipes::kForever);
+  pipes_.fail(PipeCallKind::kConnect, platform::error::kGenFailure, 1, ScriptedPipes::kForever);
   AgentLinkTimes times;
   times.insertRequest = std::chrono::minutes(10);
   times.reconnect = 0ms;
   startCreated(times);
   ASSERT_TRUE(becomes(0));
   const auto wakes = static_cast<std::size_t>(repetitions(1000));
-  while (pipes_.calls(PipeCallKind::Connect).size() < wakes) {
+  while (pipes_.calls(PipeCallKind::kConnect).size() < wakes) {
     for (int i = 0; i < 10; ++i) {
       LinkRequest request(device_);
       reader().IoSmartCardIsPresent(&request, 0, 0);

@@ -15,22 +15,22 @@ constexpr std::uintptr_t kEventHandle = 0x1001;
 std::string describe(const PipeCall& call) {
   const std::string pipe = call.text == commandPipeName(0) ? " command" : " event";
   switch (call.kind) {
-    case PipeCallKind::Connect:
+    case PipeCallKind::kConnect:
       return "connect" + pipe;
-    case PipeCallKind::Disconnect:
+    case PipeCallKind::kDisconnect:
       return "disconnect" + pipe;
-    case PipeCallKind::Cancel:
+    case PipeCallKind::kCancel:
       return "cancel" + pipe;
-    case PipeCallKind::Read:
+    case PipeCallKind::kRead:
       return "read" + pipe + " " + std::to_string(call.size);
-    case PipeCallKind::Write:
+    case PipeCallKind::kWrite:
       return "write" + pipe + " " + hex(call.data);
-    case PipeCallKind::Flush:
+    case PipeCallKind::kFlush:
       return "flush" + pipe;
-    case PipeCallKind::Close:
+    case PipeCallKind::kClose:
       return "close" + pipe;
-    case PipeCallKind::Convert:
-    case PipeCallKind::Create:
+    case PipeCallKind::kConvert:
+    case PipeCallKind::kCreate:
       break;
   }
   return "create";

@@ -92,8 +92,8 @@ TEST_F(ServingEnd, ShutdownLeavesPipesAndThreadRunning) {
   connectWithoutCard();
   reader().shutdown();
   settle();
-  EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
-  EXPECT_GE(agent_.commands(AgentCommand::QueryAtr), 1);
+  EXPECT_EQ(reader().CheckATR(), QueryResult::kFailure);
+  EXPECT_GE(agent_.commands(AgentCommand::kQueryAtr), 1);
 }
 
 TEST_F(ServingEnd, WithoutAnInsertionRequestTheServerThreadEnds) {

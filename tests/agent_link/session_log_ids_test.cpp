@@ -42,7 +42,7 @@ TEST_F(SessionLogIds, EmptySessionLogIdIsAnErrorAndConsumesEightBytes) {
 TEST_F(SessionLogIds, AgentThatDiesBehindASessionLogIdsCodeIsNoticed) {
   connectWithoutCard();
   log_.clear();
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::SessionLogId));
+  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kSessionLogId));
   agent_.die();
   ASSERT_TRUE(log_.waitFor("Event named pipe read error"));
   const Records records = log_.records();
@@ -70,7 +70,7 @@ TEST_F(SessionLogIds, AnnouncedSessionLogIdDoesNotHoldUpPresenceRequests) {
   LinkRequest& removal = waitForRemoval();
   EXPECT_EQ(removal.completions(), 0);
   ASSERT_TRUE(agent_.events().write(std::string(36, 'x').data(), 36));
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved));
+  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
   EXPECT_TRUE(removal.waitForCompletion());
 }
 

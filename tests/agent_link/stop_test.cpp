@@ -227,19 +227,19 @@ class StopInTheGap : public LinkTest {
 };
 
 TEST_F(StopInTheGap, BeforeTheCommandPipeIsConnected) {
-  begin(GapPipes::Call::Connect, "command0");
+  begin(GapPipes::Call::kConnect, "command0");
   expectStopHeldIn("command0");
 }
 
 TEST_F(StopInTheGap, BeforeTheEventPipeIsConnected) {
-  begin(GapPipes::Call::Connect, "event0");
+  begin(GapPipes::Call::kConnect, "event0");
   command_ = pipes_.connectClient(commandPipeName(0));
   ASSERT_NE(command_, SerialisingPipes::kNoClient);
   expectStopHeldIn("event0");
 }
 
 TEST_F(StopInTheGap, BeforeAnEventIsRead) {
-  begin(GapPipes::Call::Read, "event0");
+  begin(GapPipes::Call::kRead, "event0");
   connectClients();
   ASSERT_EQ(pipes_.clientRead(command_, 4), number(0));
   ASSERT_TRUE(pipes_.clientWrite(command_, number(0)));
@@ -247,7 +247,7 @@ TEST_F(StopInTheGap, BeforeAnEventIsRead) {
 }
 
 TEST_F(StopInTheGap, BeforeTheAnswerOfAQueryIsRead) {
-  begin(GapPipes::Call::Read, "command0");
+  begin(GapPipes::Call::kRead, "command0");
   connectClients();
   ASSERT_EQ(pipes_.clientRead(command_, 4), number(0));
   expectStopHeldIn("command0");
@@ -262,7 +262,7 @@ TEST_F(StopInTheGap, LostEventPipeEndsAQueryThatIsAboutToRead) {
   ASSERT_EQ(pipes_.clientRead(command_, 4), number(0));
   ASSERT_TRUE(pipes_.clientWrite(command_, number(0)));
   ASSERT_TRUE(log_.waitFor("Waiting for command..."));
-  gaps_.holdNext(GapPipes::Call::Read, "command0");
+  gaps_.holdNext(GapPipes::Call::kRead, "command0");
   auto check = std::async(std::launch::async, [this] { return reader().CheckATR(); });
   ASSERT_EQ(pipes_.clientRead(command_, 4), number(1));
   ASSERT_TRUE(gaps_.waitUntilHeld());
@@ -270,7 +270,7 @@ TEST_F(StopInTheGap, LostEventPipeEndsAQueryThatIsAboutToRead) {
   ASSERT_TRUE(gaps_.waitForMissedCancels("command0", 2));
   gaps_.letGo();
   ASSERT_EQ(check.wait_for(30s), std::future_status::ready) << "the query hangs";
-  EXPECT_EQ(check.get(), QueryResult::Failure) << "ended by the loss, not by its time";
+  EXPECT_EQ(check.get(), QueryResult::kFailure) << "ended by the loss, not by its time";
   EXPECT_TRUE(pipes_.waitForDrop(command_));
 }
 
@@ -284,7 +284,7 @@ TEST_F(StopInTheGap, VanishedClientIsDroppedBehindTheEndOfAQueryOfItsOwn) {
   ASSERT_NE(command_, SerialisingPipes::kNoClient);
   ASSERT_TRUE(pipes_.waitUntilQueued(eventPipeName(0))) << "the command pipe's is not accepted";
   log_.clear();
-  gaps_.holdNext(GapPipes::Call::Read, "command0");
+  gaps_.holdNext(GapPipes::Call::kRead, "command0");
   auto check = std::async(std::launch::async, [this] { return reader().CheckATR(); });
   ASSERT_EQ(pipes_.clientRead(command_, 4), number(1));
   ASSERT_TRUE(gaps_.waitUntilHeld());
@@ -293,7 +293,7 @@ TEST_F(StopInTheGap, VanishedClientIsDroppedBehindTheEndOfAQueryOfItsOwn) {
   ASSERT_TRUE(gaps_.cancel(gaps_.handle(eventPipeName(0))));
   ASSERT_TRUE(gaps_.waitForMissedCancels("command0", 2));
   gaps_.letGo();
-  EXPECT_EQ(check.get(), QueryResult::Failure);
+  EXPECT_EQ(check.get(), QueryResult::kFailure);
   ASSERT_TRUE(pipes_.waitUntilQueued(commandPipeName(0)));
   ASSERT_NE(pipes_.connectClient(commandPipeName(0)), SerialisingPipes::kNoClient);
   EXPECT_TRUE(log_.waitFor("Command named pipe connected"));

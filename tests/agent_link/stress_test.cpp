@@ -26,7 +26,7 @@ class Stress : public LinkTest {
   LinkAgent::Answer answer() {
     return [this](const LinkAgent::Command& command) -> Bytes {
       if (!card_) return {};
-      if (command.code != AgentCommand::QueryTransmit) return kAtr;
+      if (command.code != AgentCommand::kQueryTransmit) return kAtr;
       Bytes echo(command.apdu.rbegin(), command.apdu.rend());
       echo.insert(echo.end(), {0x90, 0x00});
       return echo;
@@ -38,7 +38,7 @@ class Stress : public LinkTest {
 
   bool reportCard(bool in) {
     card_ = in;
-    return agent_.sendEvent(in ? AgentEvent::CardInserted : AgentEvent::CardRemoved);
+    return agent_.sendEvent(in ? AgentEvent::kCardInserted : AgentEvent::kCardRemoved);
   }
 
   LinkAgent agent_;
@@ -64,23 +64,29 @@ TEST_F(Stress, CardInsertedAndRemovedHundredsOfTimes) {
 
 // Where in the exchange or the event the agent dies. Where a read returns with what is there, a
 // part of an ATR or of an event passes for the whole: these are none of a card.
-enum class Death { BeforeTheAnswer, WithinASize, WithinAnAtr, WithinAnEvent, WithinASessionId };
+enum class Death {
+  kBeforeTheAnswer,
+  kWithinASize,
+  kWithinAnAtr,
+  kWithinAnEvent,
+  kWithinASessionId
+};
 
 void dieAt(LinkAgent& agent, Death death) {
   switch (death) {
-    case Death::BeforeTheAnswer:
+    case Death::kBeforeTheAnswer:
       break;
-    case Death::WithinASize:
+    case Death::kWithinASize:
       EXPECT_TRUE(agent.command().write(Bytes{2, 0}));
       break;
-    case Death::WithinAnAtr:
+    case Death::kWithinAnAtr:
       EXPECT_TRUE(agent.command().write(number(20, {0x00, 0x95})));
       break;
-    case Death::WithinAnEvent:
+    case Death::kWithinAnEvent:
       EXPECT_TRUE(agent.command().writeNumber(0));  // an event may have to wait for its reader
       EXPECT_TRUE(agent.events().write(Bytes{77, 0}));
       break;
-    case Death::WithinASessionId:
+    case Death::kWithinASessionId:
       EXPECT_TRUE(agent.command().writeNumber(0));
       EXPECT_TRUE(agent.events().write(number(2, number(36, {'a'}))));
       break;
@@ -176,13 +182,13 @@ TEST_F(Stress, FourThreadsTransmitWhileEventsArriveAndEachGetsItsOwnAnswer) {
   }
   int reported = 0;
   for (int i = 0; i < 200; ++i) {
-    ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardInserted));
+    ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
     ASSERT_TRUE(agent_.sendSessionLogId("0f8fad5b-d9cb-469f-a165-70867728950e"));
     ++reported;
   }
   for (std::thread& caller : callers) caller.join();
   EXPECT_EQ(wrong, 0);
-  EXPECT_EQ(agent_.commands(AgentCommand::QueryTransmit), kThreads * kTransmits);
+  EXPECT_EQ(agent_.commands(AgentCommand::kQueryTransmit), kThreads * kTransmits);
   ASSERT_TRUE(waitForCount("Card inserted", static_cast<std::size_t>(reported)));
   ASSERT_TRUE(agent_.sendEvent(77));
   ASSERT_TRUE(log_.waitFor("Unknown event received:77"));

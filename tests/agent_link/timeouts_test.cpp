@@ -64,7 +64,7 @@ TEST_F(SilentAgent, UnansweredTransmitEndsAfterFiveSeconds) {
   const auto begin = std::chrono::steady_clock::now();
   auto result = std::async(std::launch::async, [&] { return transmit(); });
   EXPECT_EQ(agent_.command().read(12).size(), 12u);
-  EXPECT_EQ(result.get(), QueryResult::Timeout);
+  EXPECT_EQ(result.get(), QueryResult::kTimeout);
   const auto took = std::chrono::steady_clock::now() - begin;
   EXPECT_GE(took, 5s);
   EXPECT_LT(took, 20s);
@@ -79,7 +79,7 @@ TEST_F(SilentAgent, UnansweredAtrQueryIsLoggedUnderItsOwnTag) {
   Bytes atr;
   auto result = std::async(std::launch::async, [&] { return reader().QueryAtr(atr, true); });
   EXPECT_EQ(agent_.command().read(4).size(), 4u);
-  EXPECT_EQ(result.get(), QueryResult::Timeout);
+  EXPECT_EQ(result.get(), QueryResult::kTimeout);
   EXPECT_EQ(log_.records(), (Records{error(kNoError, "Query timeout"),
                                      error(kAborted, "[QueryATR]Failed to read ATR size"),
                                      error(kNoError, "[QueryAtr]Timeout")}));
@@ -89,7 +89,7 @@ TEST_F(SilentAgent, UnansweredCheckLogsNoTimeOutOfItsOwn) {
   connect();
   auto result = std::async(std::launch::async, [&] { return reader().CheckATR(); });
   EXPECT_EQ(agent_.command().read(4).size(), 4u);
-  EXPECT_EQ(result.get(), QueryResult::Timeout);
+  EXPECT_EQ(result.get(), QueryResult::kTimeout);
   EXPECT_EQ(log_.records(), (Records{error(kNoError, "Query timeout"),
                                      error(kAborted, "[CheckATR]Failed to read ATR size")}));
 }
@@ -98,12 +98,12 @@ TEST_F(SilentAgent, UnansweredCheckLogsNoTimeOutOfItsOwn) {
 // pipe keeps nothing, it is up in the first write.
 TEST_F(SilentAgent, AgentThatNeverReadsEndsTheQueryToo) {
   connect();
-  EXPECT_EQ(transmit(), QueryResult::Timeout);
+  EXPECT_EQ(transmit(), QueryResult::kTimeout);
   const char* const step = kPipesKeepBytes ? "[QueryTransmit]Failed to read APDU response size"
                                            : "[QueryTransmit]Failed to write QueryTransmit command";
   EXPECT_EQ(log_.records(), (Records{error(kNoError, "Query timeout"), error(kAborted, step),
                                      error(kNoError, "[QueryTransmit]Timeout")}));
-  EXPECT_EQ(reader().CheckATR(), QueryResult::Timeout);
+  EXPECT_EQ(reader().CheckATR(), QueryResult::kTimeout);
 }
 
 TEST_F(SilentAgent, AnswerThatStopsInTheMiddleEndsTheQuery) {
@@ -114,11 +114,11 @@ TEST_F(SilentAgent, AnswerThatStopsInTheMiddleEndsTheQuery) {
   ASSERT_TRUE(agent_.command().write(Bytes{1, 2, 3}));
   if (!kReadsWaitForAllBytes) {
     // The agent has to write each field whole: one that does not is taken at its word.
-    EXPECT_EQ(result.get(), QueryResult::Success);
+    EXPECT_EQ(result.get(), QueryResult::kSuccess);
     EXPECT_EQ(response_, (Bytes{1, 2, 3, 0, 0, 0, 0, 0, 0, 0}));
     return;
   }
-  EXPECT_EQ(result.get(), QueryResult::Timeout);
+  EXPECT_EQ(result.get(), QueryResult::kTimeout);
   EXPECT_TRUE(response_.empty());
   EXPECT_TRUE(log_.contains(error(kAborted, "[QueryTransmit]Failed to read APDU response")));
 }
@@ -128,7 +128,7 @@ TEST_F(SilentAgent, WriteThatBlocksEndsTheQuery) {
   connect();
   const Bytes big(8 * 1024 * 1024, 0x5A);
   auto head = std::async(std::launch::async, [&] { return agent_.command().read(8); });
-  EXPECT_EQ(reader().QueryTransmit(big, response_), QueryResult::Timeout);
+  EXPECT_EQ(reader().QueryTransmit(big, response_), QueryResult::kTimeout);
   EXPECT_EQ(head.get().size(), 8u);
   EXPECT_EQ(log_.records(), (Records{error(kNoError, "Query timeout"),
                                      error(kAborted, "[QueryTransmit]Failed to write APDU request"),
@@ -141,7 +141,7 @@ TEST_F(SilentAgent, TimeOutWithTheCardGoneIsStillATimeOut) {
   ASSERT_TRUE(agent_.connectSilently());
   ASSERT_TRUE(log_.waitFor("Waiting for command..."));
   ASSERT_EQ(reader().state(), SCARD_ABSENT);
-  EXPECT_EQ(transmit(), QueryResult::Timeout);
+  EXPECT_EQ(transmit(), QueryResult::kTimeout);
   EXPECT_EQ(response_, (Bytes{0x69, 0x01}));
 }
 
@@ -149,12 +149,12 @@ TEST_F(SilentAgent, TimeOutLeavesTheConnectionForTheNextQuery) {
   connect();
   auto unanswered = std::async(std::launch::async, [&] { return transmit(); });
   EXPECT_EQ(agent_.command().read(12).size(), 12u);
-  EXPECT_EQ(unanswered.get(), QueryResult::Timeout);
+  EXPECT_EQ(unanswered.get(), QueryResult::kTimeout);
   auto result = std::async(std::launch::async, [&] { return reader().CheckATR(); });
   EXPECT_EQ(agent_.command().readNumber(), 1u);
   ASSERT_TRUE(agent_.command().writeNumber(2));
   ASSERT_TRUE(agent_.command().write(Bytes{0x3B, 0x00}));
-  EXPECT_EQ(result.get(), QueryResult::Success);
+  EXPECT_EQ(result.get(), QueryResult::kSuccess);
 }
 
 // The time is up just before a call is entered: nothing is there to cancel yet. On pipes that
@@ -184,7 +184,7 @@ class TimeOutInTheGap : public LinkTest {
     ASSERT_TRUE(gaps_.waitForMissedCancels("command0", 2));
     gaps_.letGo();
     ASSERT_EQ(result.wait_for(30s), std::future_status::ready) << "the query hangs";
-    EXPECT_EQ(result.get(), QueryResult::Timeout);
+    EXPECT_EQ(result.get(), QueryResult::kTimeout);
     // One failed cancel is reported, those that follow are not.
     EXPECT_EQ(log_.count("Failed to cancel IO on the command named pipe"), 1u);
     EXPECT_TRUE(log_.contains(
@@ -200,20 +200,20 @@ class TimeOutInTheGap : public LinkTest {
 
 TEST_F(TimeOutInTheGap, BeforeAWrite) {
   connect();
-  expectTimeOutHeldIn(GapPipes::Call::Write);
+  expectTimeOutHeldIn(GapPipes::Call::kWrite);
 }
 
 TEST_F(TimeOutInTheGap, BeforeAFlush) {
   connect();
   auto agent = std::async(std::launch::async, [&] { return pipes_.clientRead(command_, 4); });
-  expectTimeOutHeldIn(GapPipes::Call::Flush);
+  expectTimeOutHeldIn(GapPipes::Call::kFlush);
   EXPECT_EQ(agent.get(), number(1));
 }
 
 TEST_F(TimeOutInTheGap, BeforeARead) {
   connect();
   auto agent = std::async(std::launch::async, [&] { return pipes_.clientRead(command_, 4); });
-  expectTimeOutHeldIn(GapPipes::Call::Read);
+  expectTimeOutHeldIn(GapPipes::Call::kRead);
   EXPECT_EQ(agent.get(), number(1));
 }
 

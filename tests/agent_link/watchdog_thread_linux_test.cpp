@@ -43,13 +43,13 @@ TEST_F(WatchdogThread, ThatCannotBeStartedFailsTheQueryAndTheNextTriesAgain) {
     ASSERT_TRUE(pipes_.waitUntilBlocked(eventPipeName(0))) << "the command pipe has no client";
     log_.clear();
     forgetCalls();
-    EXPECT_EQ(reader().CheckATR(), QueryResult::Failure);
+    EXPECT_EQ(reader().CheckATR(), QueryResult::kFailure);
     EXPECT_EQ(log_.records(),
               std::vector<LogRecord>{error(EAGAIN, "Failed to start query watchdog")});
     EXPECT_TRUE(trace().empty());
   }
   agentAnswers(number(2, {0x3B, 0x00}));
-  EXPECT_EQ(reader().CheckATR(), QueryResult::Success);
+  EXPECT_EQ(reader().CheckATR(), QueryResult::kSuccess);
 }
 
 }  // namespace

@@ -12,16 +12,16 @@ static_assert(kQueryTime == std::chrono::seconds(5));
 static_assert(kAnswerTime == std::chrono::milliseconds(4500));
 
 TEST(Wire, CommandCodesHaveTheirNumbers) {
-  EXPECT_EQ(static_cast<std::uint32_t>(AgentCommand::QueryAtrReset), 0u);
-  EXPECT_EQ(static_cast<std::uint32_t>(AgentCommand::QueryAtr), 1u);
-  EXPECT_EQ(static_cast<std::uint32_t>(AgentCommand::QueryTransmit), 2u);
-  EXPECT_EQ(static_cast<std::uint32_t>(AgentCommand::NotifyCardReady), 3u);
+  EXPECT_EQ(static_cast<std::uint32_t>(AgentCommand::kQueryAtrReset), 0u);
+  EXPECT_EQ(static_cast<std::uint32_t>(AgentCommand::kQueryAtr), 1u);
+  EXPECT_EQ(static_cast<std::uint32_t>(AgentCommand::kQueryTransmit), 2u);
+  EXPECT_EQ(static_cast<std::uint32_t>(AgentCommand::kNotifyCardReady), 3u);
 }
 
 TEST(Wire, EventCodesHaveTheirNumbers) {
-  EXPECT_EQ(static_cast<std::uint32_t>(AgentEvent::CardRemoved), 0u);
-  EXPECT_EQ(static_cast<std::uint32_t>(AgentEvent::CardInserted), 1u);
-  EXPECT_EQ(static_cast<std::uint32_t>(AgentEvent::SessionLogId), 2u);
+  EXPECT_EQ(static_cast<std::uint32_t>(AgentEvent::kCardRemoved), 0u);
+  EXPECT_EQ(static_cast<std::uint32_t>(AgentEvent::kCardInserted), 1u);
+  EXPECT_EQ(static_cast<std::uint32_t>(AgentEvent::kSessionLogId), 2u);
 }
 
 TEST(Wire, PipeNamesOfReaderZero) {

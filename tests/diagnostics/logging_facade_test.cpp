@@ -152,18 +152,18 @@ TEST_F(LoggingFacadeTest, PolicyChangedBetweenTwoLoggersHoldsForTheSecond) {
 }
 
 TEST_F(LoggingFacadeTest, DroppedIsWhatTheLoggerInForceWouldNotWrite) {
-  EXPECT_FALSE(isDropped(LogLevel::Debug)) << "nobody has made the logger";
+  EXPECT_FALSE(isDropped(LogLevel::kDebug)) << "nobody has made the logger";
   logDebug("dropped");
-  EXPECT_TRUE(isDropped(LogLevel::Debug));
-  EXPECT_FALSE(isDropped(LogLevel::Info));
+  EXPECT_TRUE(isDropped(LogLevel::kDebug));
+  EXPECT_FALSE(isDropped(LogLevel::kInfo));
   ports_.registry.setDword(kPolicy, kFilterMode, 1);
   awaitPolicy();
-  EXPECT_TRUE(isDropped(LogLevel::Info));
+  EXPECT_TRUE(isDropped(LogLevel::kInfo));
   setSessionLogId(kSession);
-  EXPECT_TRUE(isDropped(LogLevel::Info));
-  EXPECT_FALSE(isDropped(LogLevel::Error));
+  EXPECT_TRUE(isDropped(LogLevel::kInfo));
+  EXPECT_FALSE(isDropped(LogLevel::kError));
   shutDownLogging();
-  EXPECT_FALSE(isDropped(LogLevel::Info));
+  EXPECT_FALSE(isDropped(LogLevel::kInfo));
 }
 
 TEST_F(LoggingFacadeTest, SessionStartsAFileWhoseLinesCarryItsId) {

@@ -86,11 +86,11 @@ TEST_F(FileLoggerTest, EveryOperationTestsTheLevelInTheLineWriter) {
   FileLogger logger(0, 1, kSession, nullptr, base_);
   const std::int32_t code = 5;
   logger.log("dropped", 2, 5);
-  logger.log("dropped", Level::Info, code);
+  logger.log("dropped", Level::kInfo, code);
   logger.writeLine("dropped", 0, 2, 5, kSession);
   logger.log(2, 5, "dropped");
   logger.log("by value", 1, 5);
-  logger.log("by reference", Level::Error, code);
+  logger.log("by reference", Level::kError, code);
   logger.writeLine("direct", 9, 0, 5, kOtherSession);
   logger.log(1, 5, "filtered");
   EXPECT_EQ(summaries(records()), (Texts{"<ERROR> 5 by value", "<ERROR> 5 by reference",

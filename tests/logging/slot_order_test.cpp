@@ -69,7 +69,7 @@ TEST(SlotOrder, CallsThroughTheBaseReachTheirOperation) {
   const std::int32_t code = 0;
   logger->createChildForSession("id");
   logger->createChildForCategory(0);
-  logger->log("text", Level::Info, code);
+  logger->log("text", Level::kInfo, code);
   logger->log("text", 2, 0);
   logger->writeLine("text", 0, 2, 0, "id");
   logger.reset();

@@ -28,25 +28,26 @@ class AgentProgram {
     command >> verb >> object;
     if (verb == "connect") return connect();
     if (verb == "card") return move(object == "in");
-    if (verb == "insert") return move(true) && agent_.sendEvent(AgentEvent::CardInserted);
-    if (verb == "remove") return move(false) && agent_.sendEvent(AgentEvent::CardRemoved);
+    if (verb == "insert") return move(true) && agent_.sendEvent(AgentEvent::kCardInserted);
+    if (verb == "remove") return move(false) && agent_.sendEvent(AgentEvent::kCardRemoved);
     if (verb == "session") return agent_.sendSessionLogId(object);
     if (verb == "mute") return mute_ = true;
     if (verb == "transmits") {
-      return agent_.waitForCommands(AgentCommand::QueryTransmit, std::stoi(object));
+      return agent_.waitForCommands(AgentCommand::kQueryTransmit, std::stoi(object));
     }
     return false;
   }
 
  private:
   bool connect() {
-    const int asked = agent_.commands(AgentCommand::QueryAtrReset);
+    const int asked = agent_.commands(AgentCommand::kQueryAtrReset);
     const auto answer = [this, answers = card_.answers()](
                             const LinkAgent::Command& command) -> std::optional<Bytes> {
-      if (mute_ && command.code == AgentCommand::QueryTransmit) return std::nullopt;
+      if (mute_ && command.code == AgentCommand::kQueryTransmit) return std::nullopt;
       return answers(command);
     };
-    return agent_.connect(answer) && agent_.waitForCommands(AgentCommand::QueryAtrReset, asked + 1);
+    return agent_.connect(answer) &&
+           agent_.waitForCommands(AgentCommand::kQueryAtrReset, asked + 1);
   }
 
   bool move(bool in) {

@@ -70,7 +70,7 @@ TEST_F(HostedCancellationTest, CancelRacingWithTheCardsArrivalCompletesOnce) {
     const auto operation = file_->submit(IOCTL_SMARTCARD_IS_PRESENT, {}, 0,
                                          [&](const host::IoResult&) { ++completions; });
     canceller.start([&] { operation->cancel(); });
-    ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardInserted));
+    ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
     canceller.finish();
     ASSERT_TRUE(operation->wait(kLong));
     ASSERT_EQ(completions, 1);
@@ -104,7 +104,7 @@ TEST_F(RecordedCancellationTest, CancelRacingWithTheCardsArrivalKeepsTheRules) {
   for (int round = 0; round < kRounds; ++round) {
     RecordingRequest& request = framework_->dispatch({IOCTL_SMARTCARD_IS_PRESENT, {}, {}});
     canceller.start([&] { request.cancel(); });
-    ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardInserted));
+    ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
     canceller.finish();
     ASSERT_TRUE(request.waitCompleted(kLong));
   }
@@ -152,7 +152,8 @@ TEST_F(RecordedCancellationTest, RequestsOfFourThreadsAreCompletedOnceEach) {
       }
     });
   }
-  for (int i = 0; i < repetitions(100); ++i) ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved));
+  for (int i = 0; i < repetitions(100); ++i)
+    ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
   for (std::thread& caller : callers) caller.join();
 }
 

@@ -32,8 +32,8 @@ TEST_F(ModuleConcurrencyTest, NoAnswerGoesToTheWrongCaller) {
     const std::string session = "12345678-9abc-def0-1234-56789abcdef0";
     for (int i = 0; !done; ++i) {
       const bool sent = i % 5 == 4   ? agent_.sendSessionLogId(session)
-                        : i % 2 == 0 ? agent_.sendEvent(AgentEvent::CardInserted)
-                                     : agent_.sendEvent(AgentEvent::CardRemoved);
+                        : i % 2 == 0 ? agent_.sendEvent(AgentEvent::kCardInserted)
+                                     : agent_.sendEvent(AgentEvent::kCardRemoved);
       // Each is behind the reader before the next is sent: a check takes its turn with it.
       if (!sent || status(IOCTL_SMARTCARD_IS_PRESENT) != answer::kSuccess) ++wrong;
     }
@@ -80,10 +80,10 @@ TEST_F(ModuleConcurrencyTest, EveryKindOfControlAtTheSameTimeWhileAgentsComeAndG
   });
   for (int round = 0; round < 30; ++round) {
     agent_.die();
-    const int asked = agent_.commands(AgentCommand::QueryAtrReset);
+    const int asked = agent_.commands(AgentCommand::kQueryAtrReset);
     EXPECT_TRUE(agent_.connect(card_.answers()));
-    EXPECT_TRUE(agent_.waitForCommands(AgentCommand::QueryAtrReset, asked + 1));
-    EXPECT_TRUE(agent_.sendEvent(AgentEvent::CardInserted));
+    EXPECT_TRUE(agent_.waitForCommands(AgentCommand::kQueryAtrReset, asked + 1));
+    EXPECT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
   }
   done = true;
   for (std::thread& caller : callers) caller.join();

@@ -55,9 +55,9 @@ class HostedModuleTest : public ::testing::Test {
   // for the card's ATR first of all.
   void connectAgent() {
     const auto waiting = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
-    const int asked = agent_.commands(AgentCommand::QueryAtrReset);
+    const int asked = agent_.commands(AgentCommand::kQueryAtrReset);
     ASSERT_TRUE(agent_.connect(card_.answers()));
-    ASSERT_TRUE(agent_.waitForCommands(AgentCommand::QueryAtrReset, asked + 1));
+    ASSERT_TRUE(agent_.waitForCommands(AgentCommand::kQueryAtrReset, asked + 1));
     if (!card_.present()) return;
     ASSERT_TRUE(waiting->wait(kLong));
     ASSERT_EQ(waiting->result().status, answer::kSuccess);

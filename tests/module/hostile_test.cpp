@@ -32,7 +32,7 @@ class HostileTest : public HostedModuleTest {
     connectAgent();
     const auto insertion = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
     card_.insert();
-    ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardInserted));
+    ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
     ASSERT_TRUE(insertion->wait(kLong));
   }
 };
@@ -173,7 +173,7 @@ TEST_F(HostileTest, SessionIdsThatAreNoneAreSkipped) {
   ASSERT_TRUE(agent_.sendSessionLogId(std::string("\0\n%s{}", 6)));
   ASSERT_TRUE(agent_.sendSessionLogId("last"));
   const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved));
+  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
   ASSERT_TRUE(removal->wait(kLong));
   expectWorkingReader();
 }
@@ -183,7 +183,7 @@ TEST_F(HostileTest, EmptySessionIdIsLogged) {
   connectAgent();
   ASSERT_TRUE(agent_.sendSessionLogId(""));
   const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved));
+  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
   ASSERT_TRUE(removal->wait(kLong));
   EXPECT_THAT(endAndLog(),
               Contains("<ERROR> -501 Session log ID size is 0. Session log ID not set"));
@@ -193,7 +193,7 @@ TEST_F(HostileTest, FourGibibytesOfSessionIdEndWithTheAgent) {
   card_.insert();
   connectAgent();
   const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::SessionLogId));
+  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kSessionLogId));
   ASSERT_TRUE(agent_.events().writeNumber(kAllOnes));
   ASSERT_TRUE(agent_.events().write(Bytes(100000, 'x')));
   agent_.die();
@@ -209,7 +209,7 @@ TEST_F(HostileTest, UnknownEventsAreSkipped) {
     ASSERT_TRUE(agent_.sendEvent(code));
   }
   const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved));
+  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
   ASSERT_TRUE(removal->wait(kLong));
   expectWorkingReader();
   const auto log = endAndLog();
@@ -221,12 +221,12 @@ TEST_F(HostileTest, SilentAgentHoldsUpNobodyButTheCallers) {
   card_.insert();
   const auto waiting = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
   ASSERT_TRUE(agent_.connect([](const LinkAgent::Command& command) -> std::optional<Bytes> {
-    if (command.code == AgentCommand::QueryTransmit) return std::nullopt;
+    if (command.code == AgentCommand::kQueryTransmit) return std::nullopt;
     return TestCard::atrOfT0();
   }));
   ASSERT_TRUE(waiting->wait(kLong));
   auto transmit = controlOnThread(IOCTL_SMARTCARD_TRANSMIT, transmitBuffer(0, {1, 2}), 64);
-  ASSERT_TRUE(agent_.waitForCommands(AgentCommand::QueryTransmit, 1));
+  ASSERT_TRUE(agent_.waitForCommands(AgentCommand::kQueryTransmit, 1));
   EXPECT_EQ(state(), SCARD_SWALLOWED);
   EXPECT_EQ(transmit.wait_for(0s), std::future_status::timeout);
   EXPECT_EQ(transmit.get().status, answer::kNoMedia);

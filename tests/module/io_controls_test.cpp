@@ -100,7 +100,7 @@ TEST_F(IoControlsTest, CardComesAndWorks) {
   EXPECT_EQ(set.status, answer::kSuccess);
   EXPECT_EQ(set.information, 0u);
   EXPECT_EQ(state(), SCARD_SPECIFIC);
-  EXPECT_TRUE(agent_.waitForCommands(AgentCommand::NotifyCardReady, 1));
+  EXPECT_TRUE(agent_.waitForCommands(AgentCommand::kNotifyCardReady, 1));
   EXPECT_EQ(numberAttribute(SCARD_ATTR_CURRENT_PROTOCOL_TYPE), SCARD_PROTOCOL_T1);
 
   const Bytes apdu = {0x00, 0xA4, 0x04, 0x00};
@@ -125,7 +125,7 @@ TEST_F(IoControlsTest, CardGoesWhileItsRemovalIsWaitedFor) {
   const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
   EXPECT_FALSE(removal->completed());
   card_.pull();
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved));
+  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
   ASSERT_TRUE(removal->wait(kLong));
   EXPECT_EQ(removal->result().status, answer::kSuccess);
   EXPECT_EQ(state(), SCARD_ABSENT);
@@ -143,7 +143,7 @@ TEST_F(IoControlsTest, ResetOfACardThatFailsIsUnrecognisedMedia) {
 TEST_F(IoControlsTest, EmptyCommandIsAnsweredWithoutTheAgent) {
   connectWithPoweredCard(SCARD_PROTOCOL_T1);
   EXPECT_THAT(transmit({}), ElementsAre(0x69, 0x01));
-  EXPECT_EQ(agent_.commands(AgentCommand::QueryTransmit), 0);
+  EXPECT_EQ(agent_.commands(AgentCommand::kQueryTransmit), 0);
 }
 
 TEST_F(IoControlsTest, LongCommandAndResponsePass) {
@@ -160,7 +160,7 @@ TEST_F(IoControlsTest, SessionOfTheAgentIsInTheLogUntilTheCardGoes) {
   connectAgent();
   ASSERT_TRUE(agent_.sendSessionLogId(session));
   const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved));
+  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
   ASSERT_TRUE(removal->wait(kLong));
   end();
   const std::vector<LogLine> log = world_.log();

@@ -43,13 +43,13 @@ TEST_F(PresenceTest, CardInsertedAndRemovedHundredsOfTimes) {
   for (int round = 0; round < repetitions(300); ++round) {
     const auto insertion = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
     card_.insert();
-    ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardInserted));
+    ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
     ASSERT_EQ(ending(*insertion), answer::kSuccess);
     ASSERT_EQ(control(IOCTL_SMARTCARD_POWER, number(SCARD_COLD_RESET), 64).output,
               TestCard::atrOfT1());
     const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
     card_.pull();
-    ASSERT_TRUE(agent_.sendEvent(AgentEvent::CardRemoved));
+    ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
     ASSERT_EQ(ending(*removal), answer::kSuccess);
     ASSERT_EQ(state(), SCARD_ABSENT);
   }
@@ -155,7 +155,7 @@ TEST_F(PresenceTest, AgentThatDiesInsideASessionIdIsSurvived) {
   for (int round = 0; round < repetitions(20); ++round) {
     connectAgent();
     const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
-    ASSERT_TRUE(agent_.sendEvent(AgentEvent::SessionLogId));
+    ASSERT_TRUE(agent_.sendEvent(AgentEvent::kSessionLogId));
     if (round % 2 == 0) {
       ASSERT_TRUE(agent_.events().writeNumber(36));
     }

@@ -32,7 +32,7 @@ class RecordedModuleTest : public ::testing::Test {
   void connectAgent() {
     RecordingRequest& waiting = framework_->dispatch({IOCTL_SMARTCARD_IS_PRESENT, {}, {}});
     ASSERT_TRUE(agent_.connect(card_.answers()));
-    ASSERT_TRUE(agent_.waitForCommands(AgentCommand::QueryAtrReset, 1));
+    ASSERT_TRUE(agent_.waitForCommands(AgentCommand::kQueryAtrReset, 1));
     if (card_.present()) {
       ASSERT_TRUE(waiting.waitCompleted(kLong));
     }

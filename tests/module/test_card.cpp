@@ -35,7 +35,7 @@ Bytes transmitBuffer(std::uint32_t protocol, const Bytes& apdu) {
 LinkAgent::Answer TestCard::answers() {
   return [this](const LinkAgent::Command& command) -> std::optional<Bytes> {
     if (!present_) return Bytes();
-    return command.code == AgentCommand::QueryTransmit ? responseTo(command.apdu) : atr_;
+    return command.code == AgentCommand::kQueryTransmit ? responseTo(command.apdu) : atr_;
   };
 }
 

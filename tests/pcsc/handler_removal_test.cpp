@@ -50,7 +50,7 @@ class HandlerRemovalTest : public HandlerFixture {
 
 TEST_F(HandlerRemovalTest, CommandEndsWithoutACardAndTheNextCardWorks) {
   Bytes answer;
-  EXPECT_EQ(callAndPull(AgentCommand::QueryTransmit,
+  EXPECT_EQ(callAndPull(AgentCommand::kQueryTransmit,
                         [&] {
                           return transmit({0, 1, 2, 3}, &answer);
                         }),
@@ -63,7 +63,7 @@ TEST_F(HandlerRemovalTest, CommandEndsWithoutACardAndTheNextCardWorks) {
 TEST_F(HandlerRemovalTest, PowerUpDoesToo) {
   Bytes atr;
   ASSERT_EQ(power(IFD_POWER_DOWN, &atr), IFD_SUCCESS);
-  EXPECT_EQ(callAndPull(AgentCommand::QueryAtrReset, [&] { return power(IFD_POWER_UP, &atr); }),
+  EXPECT_EQ(callAndPull(AgentCommand::kQueryAtrReset, [&] { return power(IFD_POWER_UP, &atr); }),
             IFD_ICC_NOT_PRESENT);
   EXPECT_THAT(atr, IsEmpty());
   EXPECT_EQ(power(IFD_POWER_UP, &atr), IFD_ICC_NOT_PRESENT);
@@ -72,7 +72,7 @@ TEST_F(HandlerRemovalTest, PowerUpDoesToo) {
 
 TEST_F(HandlerRemovalTest, ResetDoesToo) {
   Bytes atr;
-  EXPECT_EQ(callAndPull(AgentCommand::QueryAtrReset, [&] { return power(IFD_RESET, &atr); }),
+  EXPECT_EQ(callAndPull(AgentCommand::kQueryAtrReset, [&] { return power(IFD_RESET, &atr); }),
             IFD_ICC_NOT_PRESENT);
   EXPECT_THAT(atr, IsEmpty());
   useNextCard();
@@ -80,7 +80,7 @@ TEST_F(HandlerRemovalTest, ResetDoesToo) {
 
 TEST_F(HandlerRemovalTest, ChannelClosesWhileTheDriverStillWaits) {
   Bytes answer;
-  EXPECT_EQ(callAndPull(AgentCommand::QueryTransmit,
+  EXPECT_EQ(callAndPull(AgentCommand::kQueryTransmit,
                         [&] {
                           return transmit({0, 1, 2, 3}, &answer);
                         }),

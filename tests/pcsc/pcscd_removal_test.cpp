@@ -49,12 +49,12 @@ TEST_F(PcscdRemovalTest, RemovalDuringACommandEndsItAndMarksTheHandle) {
 TEST_F(PcscdRemovalTest, CommandThatAnAgentLeavesUnansweredEndsWithTheRemovalToo) {
   startWithCard();
   const unsigned before = client_->state().counter;
-  agent_.ignore(AgentCommand::QueryTransmit, 1);
+  agent_.ignore(AgentCommand::kQueryTransmit, 1);
   auto sent = std::async(std::launch::async, [this] {
     Bytes answer;
     return client_->transmit(kSelect, &answer);
   });
-  ASSERT_TRUE(agent_.link().waitForCommands(AgentCommand::QueryTransmit, 1));
+  ASSERT_TRUE(agent_.link().waitForCommands(AgentCommand::kQueryTransmit, 1));
   agent_.remove();
   const LONG result = sent.get();
   EXPECT_TRUE(result == SCARD_E_NO_SMARTCARD || result == SCARD_W_REMOVED_CARD)

@@ -158,7 +158,7 @@ TEST_F(Attributes, AtrIsAskedForWithoutReset) {
 }
 
 TEST_F(Attributes, AtrThatTheCardDoesNotGiveIsNoMedia) {
-  for (const QueryResult result : {QueryResult::Failure, QueryResult::Timeout}) {
+  for (const QueryResult result : {QueryResult::kFailure, QueryResult::kTimeout}) {
     reader_.atrResult = result;
     const Answer answer = get(0x00090303);
     EXPECT_EQ(answer.status, kNoMedia);

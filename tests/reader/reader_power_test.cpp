@@ -109,13 +109,13 @@ constexpr char kAbsent[] = "[POWR]Status:C0000178 State:00000001";
 
 INSTANTIATE_TEST_SUITE_P(
     Outcomes, FailedReset,
-    testing::Values(FailureRow{QueryResult::Failure, 2, 0x800706F9, 2, kUnrecognized},
-                    FailureRow{QueryResult::Failure, 3, 0x800706F9, 2, kUnrecognized},
-                    FailureRow{QueryResult::Failure, 6, 0x800706F9, 2, kUnrecognized},
-                    FailureRow{QueryResult::Failure, 1, 0xC0000178, 1, kAbsent},
-                    FailureRow{QueryResult::Failure, 0, 0xC0000178, 1, kAbsent},
-                    FailureRow{QueryResult::Timeout, 6, 0xC0000178, 1, kAbsent},
-                    FailureRow{QueryResult::Timeout, 1, 0xC0000178, 1, kAbsent}));
+    testing::Values(FailureRow{QueryResult::kFailure, 2, 0x800706F9, 2, kUnrecognized},
+                    FailureRow{QueryResult::kFailure, 3, 0x800706F9, 2, kUnrecognized},
+                    FailureRow{QueryResult::kFailure, 6, 0x800706F9, 2, kUnrecognized},
+                    FailureRow{QueryResult::kFailure, 1, 0xC0000178, 1, kAbsent},
+                    FailureRow{QueryResult::kFailure, 0, 0xC0000178, 1, kAbsent},
+                    FailureRow{QueryResult::kTimeout, 6, 0xC0000178, 1, kAbsent},
+                    FailureRow{QueryResult::kTimeout, 1, 0xC0000178, 1, kAbsent}));
 
 TEST_F(Power, OperationsThatThereAreNotSucceedAndDoNothing) {
   reader_.setState(SCARD_SPECIFIC);
@@ -152,7 +152,7 @@ class Initialisation : public Power {
     FakeRequest request(device_);
     request.withInput(mask);
     const Bytes atr = std::exchange(reader_.atr, {0x3B, 0x00});
-    const QueryResult result = std::exchange(reader_.atrResult, QueryResult::Success);
+    const QueryResult result = std::exchange(reader_.atrResult, QueryResult::kSuccess);
     reader_.IoSmartCardSetProtocol(&request, 4, 0);
     reader_.atr = atr;
     reader_.atrResult = result;
@@ -201,7 +201,7 @@ TEST_F(Initialisation, LogsTa1BeforeTa3) {
 }
 
 TEST_F(Initialisation, OfAFailedQueryOffersNothing) {
-  for (const QueryResult result : {QueryResult::Failure, QueryResult::Timeout}) {
+  for (const QueryResult result : {QueryResult::kFailure, QueryResult::kTimeout}) {
     log_.clear();
     ASSERT_TRUE(reader_.initializeProtocols());
     log_.clear();
@@ -214,7 +214,7 @@ TEST_F(Initialisation, OfAFailedQueryOffersNothing) {
                                   "ATR query failed (size = 3). Failed to initialize protocols.")));
     EXPECT_FALSE(accepts(3));
     EXPECT_FALSE(accepts(SCARD_PROTOCOL_DEFAULT));
-    reader_.atrResult = QueryResult::Success;
+    reader_.atrResult = QueryResult::kSuccess;
   }
 }
 

@@ -36,8 +36,8 @@ TEST_F(PresenceRace, EveryRequestIsCompletedOnceWhileCancelAndEventRaceIt) {
   for (int round = 0; round < kRounds; ++round) {
     log_.clear();
     const bool insert = round % 2 == 0;
-    reader_.checkResult = insert ? QueryResult::Failure : QueryResult::Success;
-    const CardEvent awaited = insert ? CardEvent::Inserted : CardEvent::Removed;
+    reader_.checkResult = insert ? QueryResult::kFailure : QueryResult::kSuccess;
+    const CardEvent awaited = insert ? CardEvent::kInserted : CardEvent::kRemoved;
     FakeRequest request(device_);
     std::thread canceller([&] { request.cancel(); });
     std::thread agent([&] { reader_.report(awaited); });
@@ -58,7 +58,7 @@ TEST_F(PresenceRace, EveryRequestIsCompletedOnceWhileCancelAndEventRaceIt) {
 TEST_F(PresenceRace, ParallelDispatchCompletesEveryRequestOnce) {
   constexpr int kThreads = 4;
   constexpr int kRequestsEach = test::repetitions(500);
-  reader_.checkResult = QueryResult::Failure;
+  reader_.checkResult = QueryResult::kFailure;
   std::vector<std::unique_ptr<FakeRequest>> requests;
   for (int i = 0; i < kThreads * kRequestsEach; ++i) {
     requests.push_back(std::make_unique<FakeRequest>(device_));
@@ -80,13 +80,13 @@ TEST_F(PresenceRace, ParallelDispatchCompletesEveryRequestOnce) {
       (void)reader_.waiting().awaitInsertionRequest(lock, std::chrono::milliseconds(10),
                                                     [] { return false; });
       lock.unlock();
-      reader_.report(CardEvent::Inserted);
+      reader_.report(CardEvent::kInserted);
     }
   });
   for (std::thread& thread : threads) thread.join();
   dispatching = false;
   agent.join();
-  reader_.report(CardEvent::Inserted);
+  reader_.report(CardEvent::kInserted);
   for (const auto& request : requests) ASSERT_TRUE(request->completed());
 }
 
@@ -95,11 +95,11 @@ TEST_F(PresenceRace, ParallelDispatchCompletesEveryRequestOnce) {
 TEST_F(PresenceRace, EventBetweenCheckAndQueueingIsNotLost) {
   for (int round = 0; round < test::repetitions(1000); ++round) {
     log_.clear();
-    reader_.checkResult = QueryResult::Failure;
+    reader_.checkResult = QueryResult::kFailure;
     FakeRequest request(device_);
     std::thread agent([&] {
-      reader_.checkResult = QueryResult::Success;  // the card comes ...
-      reader_.report(CardEvent::Inserted);         // ... and is reported
+      reader_.checkResult = QueryResult::kSuccess;  // the card comes ...
+      reader_.report(CardEvent::kInserted);         // ... and is reported
     });
     reader_.IoSmartCardIsPresent(&request, 0, 0);
     agent.join();
@@ -108,13 +108,13 @@ TEST_F(PresenceRace, EventBetweenCheckAndQueueingIsNotLost) {
   }
 }
 
-enum class Request { Present, Absent };
-enum class Moment { BeforeTheQuestion, BeforeItWaits, WhileItWaits };
-enum class Event { In, Out, AgentLost };
+enum class Request { kPresent, kAbsent };
+enum class Moment { kBeforeTheQuestion, kBeforeItWaits, kWhileItWaits };
+enum class Event { kIn, kOut, kAgentLost };
 using Events = std::vector<Event>;
-constexpr Event kIn = Event::In;
-constexpr Event kOut = Event::Out;
-constexpr Event kLost = Event::AgentLost;
+constexpr Event kIn = Event::kIn;
+constexpr Event kOut = Event::kOut;
+constexpr Event kLost = Event::kAgentLost;
 
 // Events at a moment of a request that the answer lets wait. The state is "specific" before.
 struct Row {
@@ -133,10 +133,10 @@ class EventAndRequest : public PresenceRace, public testing::WithParamInterface<
   void reportAt(Moment moment) {
     if (moment != GetParam().moment) return;
     for (const Event event : GetParam().events) {
-      if (event == Event::AgentLost) {
+      if (event == Event::kAgentLost) {
         reader_.loseAgent();
       } else {
-        reader_.report(event == Event::In ? CardEvent::Inserted : CardEvent::Removed);
+        reader_.report(event == Event::kIn ? CardEvent::kInserted : CardEvent::kRemoved);
       }
     }
   }
@@ -144,19 +144,19 @@ class EventAndRequest : public PresenceRace, public testing::WithParamInterface<
 
 TEST_P(EventAndRequest, EndAsIfTheRequestHadWaitedSinceBeforeTheQuestion) {
   const Row& row = GetParam();
-  const bool present = row.request == Request::Present;
+  const bool present = row.request == Request::kPresent;
   reader_.setState(SCARD_SPECIFIC);
-  reader_.checkResult = present ? QueryResult::Failure : QueryResult::Success;
-  reader_.onCheck = [this] { reportAt(Moment::BeforeItWaits); };
+  reader_.checkResult = present ? QueryResult::kFailure : QueryResult::kSuccess;
+  reader_.onCheck = [this] { reportAt(Moment::kBeforeItWaits); };
   FakeRequest request(device_);
   request.checkingLock();
-  reportAt(Moment::BeforeTheQuestion);
+  reportAt(Moment::kBeforeTheQuestion);
   if (present) {
     reader_.IoSmartCardIsPresent(&request, 0, 0);
   } else {
     reader_.IoSmartCardIsAbsent(&request, 0, 0);
   }
-  reportAt(Moment::WhileItWaits);
+  reportAt(Moment::kWhileItWaits);
   EXPECT_EQ(request.completed(), row.completed);
   EXPECT_EQ(reader_.state(), row.state);
   if (row.completed) {
@@ -170,28 +170,38 @@ TEST_P(EventAndRequest, EndAsIfTheRequestHadWaitedSinceBeforeTheQuestion) {
 INSTANTIATE_TEST_SUITE_P(
     All, EventAndRequest,
     testing::Values(
-        Row{"PresentInsertedBefore", Request::Present, Moment::BeforeTheQuestion, {kIn}, false, 3},
-        Row{"PresentInserted", Request::Present, Moment::BeforeItWaits, {kIn}, true, 3},
-        Row{"PresentInsertedLater", Request::Present, Moment::WhileItWaits, {kIn}, true, 3},
-        Row{"PresentRemovedBefore", Request::Present, Moment::BeforeTheQuestion, {kOut}, false, 6},
-        Row{"PresentRemoved", Request::Present, Moment::BeforeItWaits, {kOut}, false, 6},
-        Row{"PresentRemovedLater", Request::Present, Moment::WhileItWaits, {kOut}, false, 6},
-        Row{"PresentInAndOut", Request::Present, Moment::BeforeItWaits, {kIn, kOut}, true, 3},
-        Row{"PresentOutAndIn", Request::Present, Moment::BeforeItWaits, {kOut, kIn}, true, 3},
-        Row{"PresentInAndLost", Request::Present, Moment::BeforeItWaits, {kIn, kLost}, false, 1},
-        Row{"PresentLostAndIn", Request::Present, Moment::BeforeItWaits, {kLost, kIn}, true, 3},
-        Row{"PresentLost", Request::Present, Moment::BeforeItWaits, {kLost}, false, 1},
-        Row{"AbsentLost", Request::Absent, Moment::BeforeItWaits, {kLost}, true, 1},
-        Row{"AbsentLostLater", Request::Absent, Moment::WhileItWaits, {kLost}, true, 1},
-        Row{"AbsentLostAndIn", Request::Absent, Moment::BeforeItWaits, {kLost, kIn}, true, 3},
-        Row{"AbsentInsertedBefore", Request::Absent, Moment::BeforeTheQuestion, {kIn}, false, 3},
-        Row{"AbsentInserted", Request::Absent, Moment::BeforeItWaits, {kIn}, false, 3},
-        Row{"AbsentInsertedLater", Request::Absent, Moment::WhileItWaits, {kIn}, false, 3},
-        Row{"AbsentRemovedBefore", Request::Absent, Moment::BeforeTheQuestion, {kOut}, false, 6},
-        Row{"AbsentRemoved", Request::Absent, Moment::BeforeItWaits, {kOut}, true, 1},
-        Row{"AbsentRemovedLater", Request::Absent, Moment::WhileItWaits, {kOut}, true, 1},
-        Row{"AbsentInAndOut", Request::Absent, Moment::BeforeItWaits, {kIn, kOut}, true, 1},
-        Row{"AbsentOutAndIn", Request::Absent, Moment::BeforeItWaits, {kOut, kIn}, true, 3}),
+        Row{"PresentInsertedBefore",
+            Request::kPresent,
+            Moment::kBeforeTheQuestion,
+            {kIn},
+            false,
+            3},
+        Row{"PresentInserted", Request::kPresent, Moment::kBeforeItWaits, {kIn}, true, 3},
+        Row{"PresentInsertedLater", Request::kPresent, Moment::kWhileItWaits, {kIn}, true, 3},
+        Row{"PresentRemovedBefore",
+            Request::kPresent,
+            Moment::kBeforeTheQuestion,
+            {kOut},
+            false,
+            6},
+        Row{"PresentRemoved", Request::kPresent, Moment::kBeforeItWaits, {kOut}, false, 6},
+        Row{"PresentRemovedLater", Request::kPresent, Moment::kWhileItWaits, {kOut}, false, 6},
+        Row{"PresentInAndOut", Request::kPresent, Moment::kBeforeItWaits, {kIn, kOut}, true, 3},
+        Row{"PresentOutAndIn", Request::kPresent, Moment::kBeforeItWaits, {kOut, kIn}, true, 3},
+        Row{"PresentInAndLost", Request::kPresent, Moment::kBeforeItWaits, {kIn, kLost}, false, 1},
+        Row{"PresentLostAndIn", Request::kPresent, Moment::kBeforeItWaits, {kLost, kIn}, true, 3},
+        Row{"PresentLost", Request::kPresent, Moment::kBeforeItWaits, {kLost}, false, 1},
+        Row{"AbsentLost", Request::kAbsent, Moment::kBeforeItWaits, {kLost}, true, 1},
+        Row{"AbsentLostLater", Request::kAbsent, Moment::kWhileItWaits, {kLost}, true, 1},
+        Row{"AbsentLostAndIn", Request::kAbsent, Moment::kBeforeItWaits, {kLost, kIn}, true, 3},
+        Row{"AbsentInsertedBefore", Request::kAbsent, Moment::kBeforeTheQuestion, {kIn}, false, 3},
+        Row{"AbsentInserted", Request::kAbsent, Moment::kBeforeItWaits, {kIn}, false, 3},
+        Row{"AbsentInsertedLater", Request::kAbsent, Moment::kWhileItWaits, {kIn}, false, 3},
+        Row{"AbsentRemovedBefore", Request::kAbsent, Moment::kBeforeTheQuestion, {kOut}, false, 6},
+        Row{"AbsentRemoved", Request::kAbsent, Moment::kBeforeItWaits, {kOut}, true, 1},
+        Row{"AbsentRemovedLater", Request::kAbsent, Moment::kWhileItWaits, {kOut}, true, 1},
+        Row{"AbsentInAndOut", Request::kAbsent, Moment::kBeforeItWaits, {kIn, kOut}, true, 1},
+        Row{"AbsentOutAndIn", Request::kAbsent, Moment::kBeforeItWaits, {kOut, kIn}, true, 3}),
     [](const auto& instance) { return instance.param.name; });
 
 }  // namespace

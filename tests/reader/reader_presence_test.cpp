@@ -40,12 +40,12 @@ TEST_F(Presence, IsPresentWithACardCompletesAtOnce) {
   EXPECT_EQ(request.status(), 0u);
   EXPECT_EQ(request.information(), 0u);
   EXPECT_EQ(reader_.checks, 1);
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::Inserted));
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::kInserted));
   EXPECT_THAT(log_.records(), ElementsAre(info("[IPRE]IOCTL_SMARTCARD_IS_PRESENT")));
 }
 
 TEST_F(Presence, IsAbsentWithoutACardCompletesAtOnce) {
-  for (const QueryResult result : {QueryResult::Failure, QueryResult::Timeout}) {
+  for (const QueryResult result : {QueryResult::kFailure, QueryResult::kTimeout}) {
     log_.clear();
     reader_.checkResult = result;
     FakeRequest request(device_);
@@ -53,13 +53,13 @@ TEST_F(Presence, IsAbsentWithoutACardCompletesAtOnce) {
     isAbsent(request);
     EXPECT_EQ(request.status(), 0u);
     EXPECT_EQ(request.information(), 0u);
-    EXPECT_FALSE(reader_.waiting().any(CardEvent::Removed));
+    EXPECT_FALSE(reader_.waiting().any(CardEvent::kRemoved));
     EXPECT_THAT(log_.records(), ElementsAre(info("[IABS]IOCTL_SMARTCARD_IS_ABSENT")));
   }
 }
 
 TEST_F(Presence, IsPresentWithoutACardWaitsMarkedCancelable) {
-  for (const QueryResult result : {QueryResult::Failure, QueryResult::Timeout}) {
+  for (const QueryResult result : {QueryResult::kFailure, QueryResult::kTimeout}) {
     log_.clear();
     reader_.checkResult = result;
     FakeRequest request(device_);
@@ -67,13 +67,13 @@ TEST_F(Presence, IsPresentWithoutACardWaitsMarkedCancelable) {
     isPresent(request);
     EXPECT_FALSE(request.completed());
     EXPECT_TRUE(request.markedCancelable());
-    EXPECT_TRUE(reader_.waiting().any(CardEvent::Inserted));
-    EXPECT_FALSE(reader_.waiting().any(CardEvent::Removed));
+    EXPECT_TRUE(reader_.waiting().any(CardEvent::kInserted));
+    EXPECT_FALSE(reader_.waiting().any(CardEvent::kRemoved));
     EXPECT_EQ(device_.callbackReferences(), 0);
     request.cancel();
     EXPECT_EQ(request.status(), kCancelled);
     EXPECT_EQ(request.information(), 0u);
-    EXPECT_FALSE(reader_.waiting().any(CardEvent::Inserted));
+    EXPECT_FALSE(reader_.waiting().any(CardEvent::kInserted));
     EXPECT_THAT(log_.records(),
                 ElementsAre(info("[IPRE]IOCTL_SMARTCARD_IS_PRESENT"), info("[CREQ]Cancel Insert")));
   }
@@ -85,24 +85,24 @@ TEST_F(Presence, IsAbsentWithACardWaitsMarkedCancelable) {
   isAbsent(request);
   EXPECT_FALSE(request.completed());
   EXPECT_TRUE(request.markedCancelable());
-  EXPECT_TRUE(reader_.waiting().any(CardEvent::Removed));
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::Inserted));
+  EXPECT_TRUE(reader_.waiting().any(CardEvent::kRemoved));
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::kInserted));
   EXPECT_EQ(device_.callbackReferences(), 0);
   request.cancel();
   EXPECT_EQ(request.status(), kCancelled);
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::Removed));
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::kRemoved));
   EXPECT_THAT(log_.records(),
               ElementsAre(info("[IABS]IOCTL_SMARTCARD_IS_ABSENT"), info("[CREQ]Cancel Remove")));
 }
 
 TEST_F(Presence, IsPresentWithoutACallbackWaitsUncancelable) {
-  reader_.checkResult = QueryResult::Failure;
+  reader_.checkResult = QueryResult::kFailure;
   device_.setQueryResult(framework::kNoInterface);
   FakeRequest request(device_);
   isPresent(request);
   EXPECT_FALSE(request.completed());
   EXPECT_FALSE(request.markedCancelable());
-  EXPECT_TRUE(reader_.waiting().any(CardEvent::Inserted));
+  EXPECT_TRUE(reader_.waiting().any(CardEvent::kInserted));
   EXPECT_THAT(log_.errors(),
               ElementsAre(error(0x80004002, "[IPRE]IOCTL_SMARTCARD_IS_PRESENT: invalid callback")));
   cancelDirectly(request);
@@ -114,27 +114,27 @@ TEST_F(Presence, IsAbsentWithoutACallbackWaitsUncancelable) {
   isAbsent(request);
   EXPECT_FALSE(request.completed());
   EXPECT_FALSE(request.markedCancelable());
-  EXPECT_TRUE(reader_.waiting().any(CardEvent::Removed));
+  EXPECT_TRUE(reader_.waiting().any(CardEvent::kRemoved));
   EXPECT_THAT(log_.errors(),
               ElementsAre(error(0x80004002, "[IABS]IOCTL_SMARTCARD_IS_ABSENT: invalid callback!")));
   cancelDirectly(request);
 }
 
 TEST_F(Presence, RequestCancelledBeforeItIsMarkedIsCompletedWhileItIsMarked) {
-  reader_.checkResult = QueryResult::Failure;
+  reader_.checkResult = QueryResult::kFailure;
   FakeRequest insert(device_);
   insert.cancel();
   EXPECT_FALSE(insert.completed());
   isPresent(insert);
   EXPECT_EQ(insert.status(), kCancelled);
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::Inserted));
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::kInserted));
 
-  reader_.checkResult = QueryResult::Success;
+  reader_.checkResult = QueryResult::kSuccess;
   FakeRequest remove(device_);
   remove.cancel();
   isAbsent(remove);
   EXPECT_EQ(remove.status(), kCancelled);
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::Removed));
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::kRemoved));
 }
 
 TEST_F(Presence, CancellingWhatIsInNoListCompletesItAndLogsNothing) {
@@ -150,12 +150,12 @@ TEST_F(Presence, CancellingTakesARequestOutOfBothLists) {
   FakeRequest request(device_);
   {
     const TracedLock lock("test", reader_.waiting().deviceLock(), __LINE__);
-    reader_.waiting().add(CardEvent::Removed, request);
-    reader_.waiting().add(CardEvent::Inserted, request);
+    reader_.waiting().add(CardEvent::kRemoved, request);
+    reader_.waiting().add(CardEvent::kInserted, request);
   }
   cancelDirectly(request);
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::Removed));
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::Inserted));
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::kRemoved));
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::kInserted));
   EXPECT_THAT(log_.records(),
               ElementsAre(info("[CREQ]Cancel Remove"), info("[CREQ]Cancel Insert")));
 }
@@ -169,7 +169,7 @@ TEST_F(Presence, StoppingToWaitTakesARequestOutOfItsListUncompleted) {
   };
   EXPECT_TRUE(stopWaiting());
   EXPECT_FALSE(request.completed());
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::Removed));
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::kRemoved));
   EXPECT_FALSE(stopWaiting());
   request.cancel();
 }
@@ -190,8 +190,8 @@ TEST_F(Presence, CheckThatThrowsLeavesTheRequestToTheCallerAndTheLocksFree) {
   EXPECT_THROW(isPresent(request), std::bad_alloc);
   EXPECT_THROW(isAbsent(request), std::bad_alloc);
   EXPECT_FALSE(request.completed());
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::Inserted));
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::Removed));
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::kInserted));
+  EXPECT_FALSE(reader_.waiting().any(CardEvent::kRemoved));
   reader_.onCheck = nullptr;
   isPresent(request);  // would wait for ever where a lock was left held
   EXPECT_EQ(request.status(), 0u);

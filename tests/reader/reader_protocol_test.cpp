@@ -97,7 +97,7 @@ INSTANTIATE_TEST_SUITE_P(
                     ChoiceRow{kBothAtr, 0x7FFFFFFC, 0}));
 
 TEST_F(SetProtocol, WithoutAnAtrIsNoMedia) {
-  for (const QueryResult result : {QueryResult::Failure, QueryResult::Timeout}) {
+  for (const QueryResult result : {QueryResult::kFailure, QueryResult::kTimeout}) {
     insert(kBothAtr);
     reader_.atrResult = result;
     EXPECT_EQ(select(3), kNoMedia);
@@ -105,7 +105,7 @@ TEST_F(SetProtocol, WithoutAnAtrIsNoMedia) {
     EXPECT_EQ(reader_.notifications, 0);
     EXPECT_THAT(log_.records(), ElementsAre(info("[SPRT]IOCTL_SMARTCARD_SET_PROTOCOL:00000003"),
                                             error(kNoMedia, "[SPRT]STATUS_NO_MEDIA")));
-    reader_.atrResult = QueryResult::Success;
+    reader_.atrResult = QueryResult::kSuccess;
   }
 }
 
@@ -269,7 +269,7 @@ TEST_F(Transmit, WithoutInputMemoryIsAnInvalidDeviceState) {
 }
 
 TEST_F(Transmit, ThatTheAgentDoesNotAnswerIsNoMedia) {
-  for (const QueryResult result : {QueryResult::Failure, QueryResult::Timeout}) {
+  for (const QueryResult result : {QueryResult::kFailure, QueryResult::kTimeout}) {
     log_.clear();
     reader_.transmitResult = result;
     const Answer answer = transmit(join(header(0), {0x00}));

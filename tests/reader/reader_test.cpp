@@ -24,9 +24,9 @@ using testing::ElementsAre;
 class DevicelessReader final : public Reader {
  public:
   DevicelessReader() : Reader(0, nullptr) {}
-  QueryResult QueryTransmit(const Bytes&, Bytes&) override { return QueryResult::Failure; }
-  QueryResult QueryAtr(Bytes&, bool) override { return QueryResult::Failure; }
-  QueryResult CheckATR() override { return QueryResult::Failure; }
+  QueryResult QueryTransmit(const Bytes&, Bytes&) override { return QueryResult::kFailure; }
+  QueryResult QueryAtr(Bytes&, bool) override { return QueryResult::kFailure; }
+  QueryResult CheckATR() override { return QueryResult::kFailure; }
   bool NotifyCardReady() override { return false; }
   void shutdown() override {}
   std::uint32_t serverThread() override { return 0; }
@@ -51,8 +51,8 @@ TEST(ReaderConstruction, SetsNamesAndInitialState) {
   EXPECT_EQ(reader.state(), 1u);
   EXPECT_EQ(reader.currentProtocol(), 0u);
   EXPECT_EQ(reader.cardReady(), 0u);
-  EXPECT_FALSE(reader.waiting().any(CardEvent::Inserted));
-  EXPECT_FALSE(reader.waiting().any(CardEvent::Removed));
+  EXPECT_FALSE(reader.waiting().any(CardEvent::kInserted));
+  EXPECT_FALSE(reader.waiting().any(CardEvent::kRemoved));
 }
 
 TEST(GetState, OfANewReaderIsAbsentAndLogged) {

@@ -66,7 +66,7 @@ class ScriptedReader final : public Reader {
   void report(CardEvent event) {
     const TracedLock lock("test", waiting().deviceLock(), __LINE__);
     waiting().note(event);
-    if (event == CardEvent::Inserted) {
+    if (event == CardEvent::kInserted) {
       setState(SCARD_SWALLOWED);
     } else if (waiting().any(event)) {
       setState(SCARD_ABSENT);
@@ -77,18 +77,18 @@ class ScriptedReader final : public Reader {
   // The same for the loss of the agent.
   void loseAgent() {
     const TracedLock lock("test", waiting().deviceLock(), __LINE__);
-    waiting().note(CardEvent::Removed);
+    waiting().note(CardEvent::kRemoved);
     setState(SCARD_ABSENT);
-    waiting().completeAll(CardEvent::Removed, status::kSuccess);
-    waiting().completeAll(CardEvent::Inserted, status::kCancelled);
+    waiting().completeAll(CardEvent::kRemoved, status::kSuccess);
+    waiting().completeAll(CardEvent::kInserted, status::kCancelled);
   }
 
   // What the card answers; set while no query runs, or from within one.
-  QueryResult transmitResult = QueryResult::Success;
+  QueryResult transmitResult = QueryResult::kSuccess;
   Bytes transmitResponse;
-  QueryResult atrResult = QueryResult::Success;
+  QueryResult atrResult = QueryResult::kSuccess;
   Bytes atr{0x3B, 0x00};
-  std::atomic<QueryResult> checkResult{QueryResult::Success};
+  std::atomic<QueryResult> checkResult{QueryResult::kSuccess};
   bool notifyResult = true;
 
   // Run within the queries.

@@ -17,7 +17,7 @@ using test::FakeReaderDevice;
 using test::FakeRequest;
 
 constexpr std::uint32_t kCancelled = 0x800704C7;
-constexpr CardEvent kBoth[] = {CardEvent::Inserted, CardEvent::Removed};
+constexpr CardEvent kBoth[] = {CardEvent::kInserted, CardEvent::kRemoved};
 
 class WaitingRequestsTest : public testing::Test {
  protected:
@@ -43,14 +43,14 @@ class WaitingRequestsTest : public testing::Test {
 TEST_F(WaitingRequestsTest, EachEventHasItsOwnRequests) {
   FakeRequest insertion(device_);
   FakeRequest removal(device_);
-  add(CardEvent::Inserted, insertion);
-  EXPECT_TRUE(waiting_.any(CardEvent::Inserted));
-  EXPECT_FALSE(waiting_.any(CardEvent::Removed));
-  add(CardEvent::Removed, removal);
-  EXPECT_FALSE(remove(CardEvent::Removed, insertion));
-  EXPECT_TRUE(remove(CardEvent::Inserted, insertion));
-  EXPECT_FALSE(waiting_.any(CardEvent::Inserted));
-  EXPECT_TRUE(remove(CardEvent::Removed, removal));
+  add(CardEvent::kInserted, insertion);
+  EXPECT_TRUE(waiting_.any(CardEvent::kInserted));
+  EXPECT_FALSE(waiting_.any(CardEvent::kRemoved));
+  add(CardEvent::kRemoved, removal);
+  EXPECT_FALSE(remove(CardEvent::kRemoved, insertion));
+  EXPECT_TRUE(remove(CardEvent::kInserted, insertion));
+  EXPECT_FALSE(waiting_.any(CardEvent::kInserted));
+  EXPECT_TRUE(remove(CardEvent::kRemoved, removal));
   EXPECT_FALSE(insertion.completed() || removal.completed());
 }
 
@@ -91,38 +91,38 @@ TEST_F(WaitingRequestsTest, CancelsTheNewestAloneAndPlainly) {
 
 TEST_F(WaitingRequestsTest, CancellingTheNewestOfNoneDoesNothing) {
   const TracedLock lock("test", waiting_.deviceLock(), __LINE__);
-  waiting_.cancelNewest(CardEvent::Inserted);
-  waiting_.cancelNewest(CardEvent::Removed);
+  waiting_.cancelNewest(CardEvent::kInserted);
+  waiting_.cancelNewest(CardEvent::kRemoved);
 }
 
 TEST_F(WaitingRequestsTest, RequestThatIsBeingCancelledOnlyLeavesItsList) {
   bool cancelling = false;
   device_.onCancel = [&](IoRequest&) { cancelling = true; };  // completes it later
   FakeRequest request(device_);
-  add(CardEvent::Inserted, request);
+  add(CardEvent::kInserted, request);
   request.cancel();
   ASSERT_TRUE(cancelling);
   {
     const TracedLock lock("test", waiting_.deviceLock(), __LINE__);
-    waiting_.completeAll(CardEvent::Inserted, status::kSuccess);
+    waiting_.completeAll(CardEvent::kInserted, status::kSuccess);
   }
   EXPECT_FALSE(request.completed());
-  EXPECT_FALSE(waiting_.any(CardEvent::Inserted));
+  EXPECT_FALSE(waiting_.any(CardEvent::kInserted));
   request.completeWithInformation(status::kCancelled, 0);
 }
 
 TEST_F(WaitingRequestsTest, EventsAreCountedByKindAndTheLastIsKnown) {
   const TracedLock lock("test", waiting_.deviceLock(), __LINE__);
-  EXPECT_EQ(waiting_.last(), CardEvent::Removed);
-  EXPECT_EQ(waiting_.count(CardEvent::Inserted), 0u);
-  waiting_.note(CardEvent::Inserted);
-  waiting_.note(CardEvent::Inserted);
-  EXPECT_EQ(waiting_.last(), CardEvent::Inserted);
-  EXPECT_EQ(waiting_.count(CardEvent::Inserted), 2u);
-  EXPECT_EQ(waiting_.count(CardEvent::Removed), 0u);
-  waiting_.note(CardEvent::Removed);
-  EXPECT_EQ(waiting_.last(), CardEvent::Removed);
-  EXPECT_EQ(waiting_.count(CardEvent::Removed), 1u);
+  EXPECT_EQ(waiting_.last(), CardEvent::kRemoved);
+  EXPECT_EQ(waiting_.count(CardEvent::kInserted), 0u);
+  waiting_.note(CardEvent::kInserted);
+  waiting_.note(CardEvent::kInserted);
+  EXPECT_EQ(waiting_.last(), CardEvent::kInserted);
+  EXPECT_EQ(waiting_.count(CardEvent::kInserted), 2u);
+  EXPECT_EQ(waiting_.count(CardEvent::kRemoved), 0u);
+  waiting_.note(CardEvent::kRemoved);
+  EXPECT_EQ(waiting_.last(), CardEvent::kRemoved);
+  EXPECT_EQ(waiting_.count(CardEvent::kRemoved), 1u);
 }
 
 // The wait for an insertion request, and what ends it.
@@ -157,9 +157,9 @@ class InsertionWait : public WaitingRequestsTest {
 TEST_F(InsertionWait, EndsWithAnInsertionRequest) {
   auto wait = begin();
   FakeRequest request(device_);
-  add(CardEvent::Inserted, request);
+  add(CardEvent::kInserted, request);
   EXPECT_TRUE(ends(wait));
-  EXPECT_TRUE(remove(CardEvent::Inserted, request));
+  EXPECT_TRUE(remove(CardEvent::kInserted, request));
 }
 
 TEST_F(InsertionWait, EndsWhenItIsWokenAndStopped) {

@@ -64,9 +64,9 @@ std::vector<LogRecord> select(Predicate predicate) {
   return selected;
 }
 
-constexpr auto kError = static_cast<std::uint8_t>(LogLevel::Error);
-constexpr auto kInfo = static_cast<std::uint8_t>(LogLevel::Info);
-constexpr auto kDebug = static_cast<std::uint8_t>(LogLevel::Debug);
+constexpr auto kError = static_cast<std::uint8_t>(LogLevel::kError);
+constexpr auto kInfo = static_cast<std::uint8_t>(LogLevel::kInfo);
+constexpr auto kDebug = static_cast<std::uint8_t>(LogLevel::kDebug);
 
 }  // namespace
 

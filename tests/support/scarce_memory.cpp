@@ -7,18 +7,18 @@ namespace zelta::test {
 namespace {
 
 // Plain thread-local numbers: allocating must not allocate.
-enum class Shortage { None, Count, Size };
-thread_local Shortage shortage = Shortage::None;
+enum class Shortage { kNone, kCount, kSize };
+thread_local Shortage shortage = Shortage::kNone;
 thread_local std::size_t limit = 0;  // allocations left, or the size that fails
 thread_local bool failed = false;
 
 bool fails(std::size_t size) noexcept {
   switch (shortage) {
-    case Shortage::Count:
+    case Shortage::kCount:
       if (limit == 0) return true;
       --limit;
       return false;
-    case Shortage::Size:
+    case Shortage::kSize:
       return size == limit;
     default:
       return false;
@@ -42,15 +42,15 @@ void begin(Shortage kind, std::size_t value) {
 }  // namespace
 
 ScarceMemory::ScarceMemory(int allocations) {
-  begin(Shortage::Count, static_cast<std::size_t>(allocations));
+  begin(Shortage::kCount, static_cast<std::size_t>(allocations));
 }
 
 ScarceMemory ScarceMemory::ofSize(std::size_t size) {
-  begin(Shortage::Size, size);
+  begin(Shortage::kSize, size);
   return ScarceMemory();
 }
 
-ScarceMemory::~ScarceMemory() { shortage = Shortage::None; }
+ScarceMemory::~ScarceMemory() { shortage = Shortage::kNone; }
 
 bool ScarceMemory::ranOut() const { return failed; }
 

@@ -30,7 +30,7 @@ TEST(Printer, HeaderOfASecondFileIsNotRepeated) {
 
 TEST(Printer, LevelShowsItAndTheGraverOnes) {
   Filter filter;
-  filter.level = Level::Error;
+  filter.level = Level::kError;
   EXPECT_THAT(shown(filter, kLines), ElementsAre(test::kHeader, test::kError));
 }
 
@@ -54,7 +54,7 @@ TEST(Printer, SinceIsInclusive) {
 
 TEST(Printer, RestOfAMessageGoesWithItsRecord) {
   Filter filter;
-  filter.level = Level::Error;
+  filter.level = Level::kError;
   EXPECT_THAT(shown(filter, {test::kInfo, "hidden rest", test::kError, "shown rest"}),
               ElementsAre(test::kError, "shown rest"));
 }

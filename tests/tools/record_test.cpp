@@ -13,7 +13,7 @@ TEST(Record, LineIsTakenApart) {
   EXPECT_EQ(record->thread, "123456789");
   EXPECT_EQ(record->time, "2024-03-05T14:07:10.000Z");
   EXPECT_EQ(record->session, "a1b2c3d4-0000-0000-0000-000000000000");
-  EXPECT_EQ(record->level, Level::Error);
+  EXPECT_EQ(record->level, Level::kError);
   EXPECT_EQ(record->message, "[GATT]SCARD_ATTR_ATR_STRING: STATUS_NO_MEDIA");
 }
 
@@ -24,7 +24,7 @@ TEST(Record, PaddedFieldsAreTrimmedAndLeadingBlanksOfTheMessageKept) {
   ASSERT_TRUE(record);
   EXPECT_EQ(record->thread, "7");
   EXPECT_EQ(record->session, "my session 1");
-  EXPECT_EQ(record->level, Level::Critical);
+  EXPECT_EQ(record->level, Level::kCritical);
   EXPECT_EQ(record->message, "  two blanks in front");
 }
 
@@ -55,9 +55,9 @@ TEST(Record, HeaderIsKnown) {
 }
 
 TEST(Level, NamesInAnyCaseAndNumbersAreKnown) {
-  EXPECT_EQ(parseLevel("error"), Level::Error);
-  EXPECT_EQ(parseLevel("CRITICAL"), Level::Critical);
-  EXPECT_EQ(parseLevel("3"), Level::Debug);
+  EXPECT_EQ(parseLevel("error"), Level::kError);
+  EXPECT_EQ(parseLevel("CRITICAL"), Level::kCritical);
+  EXPECT_EQ(parseLevel("3"), Level::kDebug);
   EXPECT_FALSE(parseLevel("5"));
   EXPECT_FALSE(parseLevel(""));
   EXPECT_FALSE(parseLevel("warning"));

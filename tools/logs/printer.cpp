@@ -9,14 +9,14 @@ namespace {
 
 const char* colorOf(Level level) {
   switch (level) {
-    case Level::Critical:
+    case Level::kCritical:
       return "\x1b[1;31m";
-    case Level::Error:
+    case Level::kError:
       return "\x1b[31m";
-    case Level::Info:
+    case Level::kInfo:
       return "";
-    case Level::Debug:
-    case Level::Trace:
+    case Level::kDebug:
+    case Level::kTrace:
       return "\x1b[2m";
   }
   return "";

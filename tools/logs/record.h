@@ -8,14 +8,14 @@
 
 namespace zelta::logs {
 
-enum class Level { Critical = 0, Error = 1, Info = 2, Debug = 3, Trace = 4 };
+enum class Level { kCritical = 0, kError = 1, kInfo = 2, kDebug = 3, kTrace = 4 };
 
 // Views into the line that was parsed.
 struct Record {
   std::string_view thread;
   std::string_view time;  // UTC, 2024-03-05T14:07:09.042Z; compares as text
   std::string_view session;
-  Level level = Level::Info;
+  Level level = Level::kInfo;
   std::string_view message;
 };
 

@@ -33,8 +33,8 @@ class Slot : public testing::Test {
 };
 
 TEST_F(Slot, answersWithTheCardThatAnswered) {
-  const Outcome outcome = slot_.perform(commandOf(Command::Kind::Transmit), slot_.card());
-  EXPECT_EQ(outcome.result, Outcome::Result::Answered);
+  const Outcome outcome = slot_.perform(commandOf(Command::Kind::kTransmit), slot_.card());
+  EXPECT_EQ(outcome.result, Outcome::Result::kAnswered);
   EXPECT_EQ(outcome.data, test::heldAnswer(1));
   EXPECT_EQ(outcome.card, slot_.card());
 }
@@ -43,13 +43,13 @@ TEST_F(Slot, answerOfACardThatWasSwappedIsNone) {
   const CardId first = slot_.card();
   EXPECT_EQ(slot_.remove(), "");
   EXPECT_EQ(slot_.insert(), "");
-  EXPECT_EQ(slot_.perform(commandOf(Command::Kind::Atr), first).result, Outcome::Result::NoCard);
+  EXPECT_EQ(slot_.perform(commandOf(Command::Kind::kAtr), first).result, Outcome::Result::kNoAnswer);
   EXPECT_EQ(slot_.status().atr, Bytes());
 }
 
 TEST_F(Slot, statusHasTheAtrOfTheCardThatIsIn) {
   EXPECT_EQ(slot_.status().atr, Bytes());
-  EXPECT_EQ(slot_.perform(commandOf(Command::Kind::Atr), slot_.card()).data, test::heldAtr());
+  EXPECT_EQ(slot_.perform(commandOf(Command::Kind::kAtr), slot_.card()).data, test::heldAtr());
   EXPECT_EQ(slot_.status().atr, test::heldAtr());
   const CardId first = slot_.status().card;
   EXPECT_EQ(slot_.remove(), "");

@@ -96,7 +96,7 @@ TEST_F(EmulatedCardTest, verifiesItsPinAndSigns) {
   DriverEnd driver;
   AgentProcess process(folder_, arguments());
   driver.acceptSession();
-  EXPECT_EQ(driver.queryAtr(AgentCommand::QueryAtrReset), kCardAtr);
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kCardAtr);
   EXPECT_EQ(driver.transmit(kSelectAuthentication), hex("610D"));
   const Bytes block = paddedBlock();
   Bytes first = hex("8042800080");
@@ -124,11 +124,11 @@ TEST_F(EmulatedCardTest, resetAndRemovalForgetThePin) {
   DriverEnd driver;
   AgentProcess process(folder_, arguments());
   driver.acceptSession();
-  EXPECT_EQ(driver.queryAtr(AgentCommand::QueryAtrReset), kCardAtr);
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kCardAtr);
   EXPECT_EQ(driver.transmit(kVerify), hex("9000"));
-  EXPECT_EQ(driver.queryAtr(AgentCommand::QueryAtr), kCardAtr);
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtr), kCardAtr);
   EXPECT_EQ(driver.transmit(kIsVerified), hex("9000"));  // no reset, nothing forgotten
-  EXPECT_EQ(driver.queryAtr(AgentCommand::QueryAtrReset), kCardAtr);
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kCardAtr);
   EXPECT_NE(driver.transmit(kIsVerified), hex("9000"));
   EXPECT_EQ(driver.transmit(kVerify), hex("9000"));
   EXPECT_EQ(process.ctl({"remove"}).exitCode, 0);
@@ -140,7 +140,7 @@ TEST_F(EmulatedCardTest, oddCommandsAreAnsweredAndHarmNothing) {
   DriverEnd driver;
   AgentProcess process(folder_, arguments());
   driver.acceptSession();
-  EXPECT_EQ(driver.queryAtr(AgentCommand::QueryAtrReset), kCardAtr);
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kCardAtr);
   for (const char* text :
        {"00", "0000", "000000", "00A404", "00A40400FF", "00A4040007A0", "FFFFFFFF",
         "00000000000000", "0000000000FFFF", "8052000002", "805200000401"}) {
@@ -162,14 +162,14 @@ TEST_F(EmulatedCardTest, hundredsOfSwapsLeaveAWorkingCard) {
   DriverEnd driver;
   AgentProcess process(folder_, arguments());
   driver.acceptSession();
-  EXPECT_EQ(driver.queryAtr(AgentCommand::QueryAtrReset), kCardAtr);
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kCardAtr);
   for (int swap = 0; swap < 300; ++swap) {
     ASSERT_EQ(agent::askAgent({process.control()}, "remove\n"), "ok\n");
-    ASSERT_EQ(driver.readEvent(), event(AgentEvent::CardRemoved));
-    ASSERT_EQ(driver.queryAtr(AgentCommand::QueryAtr), Bytes());
+    ASSERT_EQ(driver.readEvent(), event(AgentEvent::kCardRemoved));
+    ASSERT_EQ(driver.queryAtr(AgentCommand::kQueryAtr), Bytes());
     ASSERT_EQ(agent::askAgent({process.control()}, "insert\n"), "ok\n");
-    ASSERT_EQ(driver.readEvent(), event(AgentEvent::CardInserted));
-    ASSERT_EQ(driver.queryAtr(AgentCommand::QueryAtrReset), kCardAtr);
+    ASSERT_EQ(driver.readEvent(), event(AgentEvent::kCardInserted));
+    ASSERT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kCardAtr);
   }
   EXPECT_EQ(driver.transmit(kVerify), hex("9000"));
   process.signal(SIGTERM);
@@ -182,11 +182,11 @@ TEST_F(EmulatedCardTest, startsWithoutTheCardWhereAsked) {
   options.emplace_back("--no-card");
   AgentProcess process(folder_, options);
   driver.acceptSession();
-  EXPECT_EQ(driver.queryAtr(AgentCommand::QueryAtrReset), Bytes());
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), Bytes());
   EXPECT_EQ(driver.transmit(kSelectAuthentication), Bytes());
   EXPECT_EQ(process.ctl({"insert"}).exitCode, 0);
-  EXPECT_EQ(driver.readEvent(), event(AgentEvent::CardInserted));
-  EXPECT_EQ(driver.queryAtr(AgentCommand::QueryAtrReset), kCardAtr);
+  EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardInserted));
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kCardAtr);
 }
 
 TEST_F(EmulatedCardTest, whatIsWrongWithTheDatabaseIsSaidAtTheStart) {

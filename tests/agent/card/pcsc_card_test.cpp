@@ -49,7 +49,7 @@ class Notices final : public CardListener {
 
 class PcscCardTest : public testing::Test {
  protected:
-  PcscCardTest() : log_(LogLevel::Debug, lines_.sink()), card_(kFakeReader, log_) {}
+  PcscCardTest() : log_(LogLevel::kDebug, lines_.sink()), card_(kFakeReader, log_) {}
   ~PcscCardTest() override { card_.stop(); }
 
   void startWithCard() {

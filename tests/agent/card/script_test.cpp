@@ -73,18 +73,18 @@ TEST(Script, eventsAtTimesAndOnCommands) {
       "on ready remove\n");
   ASSERT_EQ(script.timed.size(), 2u);
   EXPECT_EQ(script.timed[0].at, milliseconds(2000));
-  EXPECT_EQ(script.timed[0].action, CardAction::Remove);
+  EXPECT_EQ(script.timed[0].action, CardAction::kRemove);
   EXPECT_EQ(script.timed[1].at, milliseconds(2500));
-  EXPECT_EQ(script.timed[1].action, CardAction::Insert);
+  EXPECT_EQ(script.timed[1].action, CardAction::kInsert);
   ASSERT_EQ(script.triggers.size(), 4u);
-  EXPECT_EQ(script.triggers[0].on, Script::Trigger::On::Command);
+  EXPECT_EQ(script.triggers[0].on, Script::Trigger::On::kCommand);
   EXPECT_TRUE(script.triggers[0].pattern.matches({0x00, 0xA4, 0x04}));
   EXPECT_FALSE(script.triggers[0].pattern.matches({0x00, 0xB0}));
-  EXPECT_EQ(script.triggers[1].on, Script::Trigger::On::Reset);
+  EXPECT_EQ(script.triggers[1].on, Script::Trigger::On::kReset);
   EXPECT_EQ(script.triggers[1].delay, milliseconds(10));
-  EXPECT_EQ(script.triggers[2].on, Script::Trigger::On::Atr);
-  EXPECT_EQ(script.triggers[2].action, CardAction::Insert);
-  EXPECT_EQ(script.triggers[3].on, Script::Trigger::On::Ready);
+  EXPECT_EQ(script.triggers[2].on, Script::Trigger::On::kAtr);
+  EXPECT_EQ(script.triggers[2].action, CardAction::kInsert);
+  EXPECT_EQ(script.triggers[3].on, Script::Trigger::On::kReady);
 }
 
 struct Bad {

@@ -36,14 +36,14 @@ class AgentCommands : public testing::Test {
 TEST_F(AgentCommands, queryAtrResetResetsTheCardAndAnswersItsAtr) {
   RunningAgent agent(card_);
   driver_.acceptSession();
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), heldAtr());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), heldAtr());
   EXPECT_EQ(card_.resets(), 1);
 }
 
 TEST_F(AgentCommands, queryAtrAnswersTheAtrWithoutReset) {
   RunningAgent agent(card_);
   driver_.acceptSession();
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtr), heldAtr());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtr), heldAtr());
   EXPECT_EQ(card_.resets(), 0);
 }
 
@@ -66,8 +66,8 @@ TEST_F(AgentCommands, withoutCardEveryAnswerHasLengthZero) {
   RunningAgent agent(card_);
   driver_.acceptSession();
   EXPECT_EQ(agent.agent().removeCard(), "");
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), kNothing);
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtr), kNothing);
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), kNothing);
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtr), kNothing);
   EXPECT_EQ(driver_.transmit(kSelect), kNothing);
 }
 
@@ -75,7 +75,7 @@ TEST_F(AgentCommands, muteCardIsAnsweredWithLengthZero) {
   card_.setMute(true);
   RunningAgent agent(card_);
   driver_.acceptSession();
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), kNothing);
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), kNothing);
   EXPECT_EQ(driver_.transmit(kSelect), kNothing);
 }
 
@@ -106,7 +106,7 @@ class HostileLength : public AgentCommands, public testing::WithParamInterface<s
 TEST_P(HostileLength, dropsTheConnectionAndConnectsAgain) {
   RunningAgent agent(card_);
   driver_.acceptSession();
-  EXPECT_TRUE(driver_.sendNumber(static_cast<std::uint32_t>(AgentCommand::QueryTransmit)));
+  EXPECT_TRUE(driver_.sendNumber(static_cast<std::uint32_t>(AgentCommand::kQueryTransmit)));
   EXPECT_TRUE(driver_.sendNumber(GetParam()));
   EXPECT_TRUE(driver_.waitForDrop());
   EXPECT_TRUE(agent.log().has("error: The driver announced an APDU of " +
@@ -128,13 +128,13 @@ TEST_F(AgentCommands, unknownCommandDropsTheConnectionAndConnectsAgain) {
   EXPECT_TRUE(agent.log().has("error: Unknown command 4; dropping the connection"));
   driver_.disconnect();
   EXPECT_EQ(driver_.acceptSession(), kSession);
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), heldAtr());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), heldAtr());
 }
 
 TEST_F(AgentCommands, commandThatStopsHalfWayDropsTheConnection) {
   RunningAgent agent(card_, hastyTiming());
   driver_.acceptSession();
-  EXPECT_TRUE(driver_.sendNumber(static_cast<std::uint32_t>(AgentCommand::QueryTransmit)));
+  EXPECT_TRUE(driver_.sendNumber(static_cast<std::uint32_t>(AgentCommand::kQueryTransmit)));
   EXPECT_TRUE(driver_.sendNumber(5));
   EXPECT_TRUE(driver_.sendBytes({0x00, 0xA4}));
   EXPECT_TRUE(driver_.waitForDrop());
@@ -170,16 +170,16 @@ TEST_F(AgentCommands, lateAtrIsAnsweredWithLengthZeroAndTheCardReported) {
   card_.hold();
   RunningAgent agent(card_, hastyTiming());
   driver_.acceptSession();
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), kNothing);
-  EXPECT_EQ(driver_.readEvent(), event(AgentEvent::CardInserted));
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), kNothing);
+  EXPECT_EQ(driver_.readEvent(), event(AgentEvent::kCardInserted));
   card_.letGo();
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), heldAtr());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), heldAtr());
 }
 
 TEST_F(AgentCommands, lateCardPulledAndPutInAgainAnswersTheNewOnesCommand) {
   RunningAgent agent(card_, hastyTiming());
   driver_.acceptSession();
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), heldAtr());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), heldAtr());
   card_.hold();
   EXPECT_EQ(driver_.transmit(kSelect), kLateResponse);
   EXPECT_EQ(agent.agent().removeCard(), "");
@@ -192,20 +192,20 @@ TEST_F(AgentCommands, lateCardPulledAndPutInAgainAnswersTheNewOnesCommand) {
 TEST_F(AgentCommands, cardPulledWhileACommandRunsIsReportedAndAnsweredWithLengthZero) {
   RunningAgent agent(card_);
   driver_.acceptSession();
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), heldAtr());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), heldAtr());
   card_.hold();
   EXPECT_TRUE(driver_.sendTransmit(kSelect));
   card_.waitUntilBusy();
   EXPECT_EQ(agent.agent().removeCard(), "");
   EXPECT_EQ(driver_.readAnswer(), kNothing);
-  EXPECT_EQ(driver_.readEvent(), event(AgentEvent::CardRemoved));
+  EXPECT_EQ(driver_.readEvent(), event(AgentEvent::kCardRemoved));
 }
 
 TEST_F(AgentCommands, cardPulledWhileItsAtrIsAskedIsAnsweredWithLengthZero) {
   card_.hold();
   RunningAgent agent(card_);
   driver_.acceptSession();
-  EXPECT_TRUE(driver_.sendNumber(static_cast<std::uint32_t>(AgentCommand::QueryAtrReset)));
+  EXPECT_TRUE(driver_.sendNumber(static_cast<std::uint32_t>(AgentCommand::kQueryAtrReset)));
   card_.waitUntilBusy();
   EXPECT_EQ(agent.agent().removeCard(), "");
   EXPECT_EQ(driver_.readAnswer(), kNothing);

@@ -19,8 +19,8 @@ namespace {
 
 const Bytes kSelect = {0x00, 0xA4, 0x04, 0x00};
 
-constexpr auto kTransmitCode = static_cast<std::uint32_t>(AgentCommand::QueryTransmit);
-constexpr auto kResetCode = static_cast<std::uint32_t>(AgentCommand::QueryAtrReset);
+constexpr auto kTransmitCode = static_cast<std::uint32_t>(AgentCommand::kQueryTransmit);
+constexpr auto kResetCode = static_cast<std::uint32_t>(AgentCommand::kQueryAtrReset);
 
 class AgentConnection : public testing::Test {
  protected:
@@ -30,7 +30,7 @@ class AgentConnection : public testing::Test {
 
 void expectServed(DriverEnd& driver) {
   EXPECT_EQ(driver.acceptSession(), kSession);
-  EXPECT_EQ(driver.queryAtr(AgentCommand::QueryAtrReset), heldAtr());
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), heldAtr());
 }
 
 TEST_F(AgentConnection, waitsForADriverWhoseFoldersDoNotExistYet) {
@@ -213,7 +213,7 @@ TEST_F(AgentConnection, agentsThatStartTogetherDoNotKeepEachOtherOut) {
     RunningAgent first(card_);
     RunningAgent second(otherCard);
     EXPECT_EQ(driver.acceptSession(), kSession);
-    while (driver.queryAtr(AgentCommand::QueryAtrReset) != heldAtr()) {
+    while (driver.queryAtr(AgentCommand::kQueryAtrReset) != heldAtr()) {
       driver.disconnect();
       EXPECT_EQ(driver.acceptSession(), kSession);
     }
@@ -229,7 +229,7 @@ TEST_F(AgentConnection, agentWhoseCardThrowsStopsItself) {
   DriverEnd driver;
   BrokenCard card;
   LogLines lines;
-  agent::Log log(agent::LogLevel::Debug, lines.sink());
+  agent::Log log(agent::LogLevel::kDebug, lines.sink());
   const std::unique_ptr<agent::PipeClientPort> pipes = agent::makeSystemPipeClient();
   std::string problem;
   agent::Agent::Settings settings;

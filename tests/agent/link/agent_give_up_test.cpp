@@ -28,16 +28,16 @@ struct Query {
 void PrintTo(const Query& query, std::ostream* out) { *out << query.name; }
 
 const Query kQueries[] = {
-    {"AtrWithReset", AgentCommand::QueryAtrReset, {2, 0, 0, 0, 0x3B, 0x00}},
-    {"Atr", AgentCommand::QueryAtr, {2, 0, 0, 0, 0x3B, 0x00}},
-    {"Transmit", AgentCommand::QueryTransmit, {3, 0, 0, 0, 0x01, 0x90, 0x00}},
+    {"AtrWithReset", AgentCommand::kQueryAtrReset, {2, 0, 0, 0, 0x3B, 0x00}},
+    {"Atr", AgentCommand::kQueryAtr, {2, 0, 0, 0, 0x3B, 0x00}},
+    {"Transmit", AgentCommand::kQueryTransmit, {3, 0, 0, 0, 0x01, 0x90, 0x00}},
 };
 
 class GivenUp : public testing::TestWithParam<Query> {
  protected:
   // False where the agent has dropped the connection.
   bool send() {
-    if (GetParam().command == AgentCommand::QueryTransmit) return driver_.sendTransmit(kSelect);
+    if (GetParam().command == AgentCommand::kQueryTransmit) return driver_.sendTransmit(kSelect);
     return driver_.sendNumber(static_cast<std::uint32_t>(GetParam().command));
   }
 
@@ -50,7 +50,7 @@ class GivenUp : public testing::TestWithParam<Query> {
     EXPECT_TRUE(agent.log().has(kNoticed));
     driver_.disconnect();
     EXPECT_EQ(driver_.acceptSession(), kSession);
-    EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), heldAtr());
+    EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), heldAtr());
   }
 
   PipeFolder folder_;

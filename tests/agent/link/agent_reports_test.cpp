@@ -14,8 +14,8 @@
 namespace zelta::test {
 namespace {
 
-const auto kInserted = event(AgentEvent::CardInserted);
-const auto kRemoved = event(AgentEvent::CardRemoved);
+const auto kInserted = event(AgentEvent::kCardInserted);
+const auto kRemoved = event(AgentEvent::kCardRemoved);
 
 agent::Timing graceless() {
   agent::Timing timing = patientTiming();
@@ -69,7 +69,7 @@ TEST_F(AgentReports, sessionIdComesFirstOnEachConnection) {
 TEST_F(AgentReports, cardLearnedThroughItsAtrIsNotReported) {
   RunningAgent agent(card_);
   driver_.acceptSession();
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), heldAtr());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), heldAtr());
   EXPECT_TRUE(driver_.notifyReady());
   EXPECT_EQ(agent.agent().removeCard(), "");
   EXPECT_EQ(driver_.readEvent(), kRemoved);
@@ -86,7 +86,7 @@ TEST_F(AgentReports, cardThatWasMuteAtTheFirstCommandIsReported) {
   card_.setMute(true);
   RunningAgent agent(card_);
   driver_.acceptSession();
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), Bytes());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), Bytes());
   EXPECT_EQ(driver_.readEvent(), kInserted);
 }
 
@@ -99,7 +99,7 @@ TEST_F(AgentReports, cardIsReportedWhenNoCommandComesAtAll) {
 TEST_F(AgentReports, graceDoesNotBeginBeforeTheDriverListensForEvents) {
   RunningAgent agent(card_, graceless());
   driver_.accept();
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), heldAtr());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), heldAtr());
   EXPECT_EQ(driver_.readSessionId(), kSession);
   EXPECT_EQ(agent.agent().removeCard(), "");
   EXPECT_EQ(driver_.readEvent(), kRemoved);
@@ -110,7 +110,7 @@ TEST_F(AgentReports, cardThatArrivesBeforeTheFirstCommandIsLearnedByIt) {
   RunningAgent agent(outside);
   driver_.acceptSession();
   EXPECT_EQ(agent.agent().insertCard(), "");
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), heldAtr());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), heldAtr());
   EXPECT_EQ(agent.agent().removeCard(), "");
   EXPECT_EQ(driver_.readEvent(), kRemoved);
 }
@@ -119,10 +119,10 @@ TEST_F(AgentReports, arrivalAfterTheFirstCommandIsReportedAtOnce) {
   HeldCard outside(false);
   RunningAgent agent(outside);
   driver_.acceptSession();
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), Bytes());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), Bytes());
   EXPECT_EQ(agent.agent().insertCard(), "");
   EXPECT_EQ(driver_.readEvent(), kInserted);
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), heldAtr());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), heldAtr());
   EXPECT_EQ(agent.agent().removeCard(), "");
   EXPECT_EQ(driver_.readEvent(), kRemoved);
 }
@@ -131,7 +131,7 @@ TEST_F(AgentReports, cardThatTheDriverNeverKnewIsNotReportedGone) {
   RunningAgent agent(card_);
   driver_.acceptSession();
   EXPECT_EQ(agent.agent().removeCard(), "");
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), Bytes());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), Bytes());
   EXPECT_EQ(agent.agent().insertCard(), "");
   EXPECT_EQ(driver_.readEvent(), kInserted);
 }
@@ -139,7 +139,7 @@ TEST_F(AgentReports, cardThatTheDriverNeverKnewIsNotReportedGone) {
 TEST_F(AgentReports, everyConnectionLearnsAnew) {
   RunningAgent agent(card_);
   driver_.acceptSession();
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), heldAtr());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), heldAtr());
   driver_.disconnect();
   driver_.acceptSession();
   EXPECT_TRUE(driver_.notifyReady());
@@ -149,12 +149,12 @@ TEST_F(AgentReports, everyConnectionLearnsAnew) {
 TEST_F(AgentReports, cardPulledBetweenConnectionsIsNotReported) {
   RunningAgent agent(card_);
   driver_.acceptSession();
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), heldAtr());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), heldAtr());
   driver_.disconnect();
   agent.waitConnected(false);
   EXPECT_EQ(agent.agent().removeCard(), "");
   driver_.acceptSession();
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), Bytes());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), Bytes());
   EXPECT_EQ(agent.agent().insertCard(), "");
   EXPECT_EQ(driver_.readEvent(), kInserted);
 }
@@ -162,7 +162,7 @@ TEST_F(AgentReports, cardPulledBetweenConnectionsIsNotReported) {
 TEST_F(AgentReports, hundredsOfSwapsAreReportedInTurns) {
   RunningAgent agent(card_);
   driver_.acceptSession();
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), heldAtr());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), heldAtr());
   for (int swap = 0; swap < 300; ++swap) {
     ASSERT_EQ(agent.agent().removeCard(), "");
     ASSERT_EQ(agent.agent().insertCard(), "");
@@ -174,16 +174,16 @@ TEST_F(AgentReports, hundredsOfSwapsAreReportedInTurns) {
 TEST_F(AgentReports, cardsThatChangeQuickerThanTheDriverReadsAreReportedInTurnsToTheLast) {
   RunningAgent agent(card_);
   driver_.acceptSession();
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), heldAtr());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), heldAtr());
   swapAndRemove(agent, 50);
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtr), Bytes());  // after all events
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtr), Bytes());  // after all events
   expectTurnsThatEndWithARemoval(agent);
 }
 
 TEST_F(AgentReports, commandsAreAnsweredWhileTheDriverReadsNoEvents) {
   RunningAgent agent(card_);
   driver_.accept();
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), heldAtr());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), heldAtr());
   EXPECT_EQ(agent.agent().removeCard(), "");
   EXPECT_EQ(driver_.transmit({0x00, 0xA4, 0x04, 0x00}), Bytes());
   EXPECT_EQ(driver_.readSessionId(), kSession);
@@ -194,7 +194,7 @@ TEST_F(AgentReports, commandsAreAnsweredWhileTheDriverReadsNoEvents) {
 TEST_F(AgentReports, commandsAreAnsweredWhileTheEventPipeTakesNoMore) {
   RunningAgent agent(card_);
   driver_.acceptSession();
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), heldAtr());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), heldAtr());
   for (std::size_t swaps = 1;; ++swaps) {
     ASSERT_EQ(agent.agent().removeCard(), "");
     if (!isReported(agent, "Card removal reported", swaps)) break;
@@ -203,7 +203,7 @@ TEST_F(AgentReports, commandsAreAnsweredWhileTheEventPipeTakesNoMore) {
   }
   const auto begin = std::chrono::steady_clock::now();
   const bool isOut = !agent.agent().status().cardIn;
-  EXPECT_EQ(driver_.queryAtr(AgentCommand::QueryAtrReset), isOut ? Bytes() : heldAtr());
+  EXPECT_EQ(driver_.queryAtr(AgentCommand::kQueryAtrReset), isOut ? Bytes() : heldAtr());
   EXPECT_LT(std::chrono::steady_clock::now() - begin, kLong / 2);
   EXPECT_EQ(driver_.readEvent(), kRemoved);
   EXPECT_EQ(driver_.readEvent(), kInserted);

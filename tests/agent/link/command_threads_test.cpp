@@ -28,7 +28,7 @@ class Commands final : public CommandStream {
   // The card has `limit` for it from now on.
   void give(milliseconds limit = test::kLong) {
     Command command;
-    command.kind = Kind::Transmit;
+    command.kind = Kind::kTransmit;
     command.apdu = {0x00};
     command.cardLimit = SteadyClock::now() + limit;
     MutexLock lock(mutex_);
@@ -127,7 +127,7 @@ class Threads : public testing::Test {
     std::size_t number = commands_.answers();
     do {
       commands_.give(kShort);
-      EXPECT_EQ(commands_.answer(++number).result, Result::Late);
+      EXPECT_EQ(commands_.answer(++number).result, Result::kLate);
     } while (!card_.isBusy());
     return number;
   }
@@ -143,7 +143,7 @@ TEST_F(Threads, CommandInTime_IsAnsweredByTheThreadThatReadIt) {
   for (std::uint8_t number = 1; number <= 100; ++number) {
     commands_.give();
     const Outcome outcome = commands_.answer(number);
-    EXPECT_EQ(outcome.result, Result::Answered);
+    EXPECT_EQ(outcome.result, Result::kAnswered);
     EXPECT_EQ(outcome.data, heldAnswer(number));
     EXPECT_EQ(outcome.card, slot_.card());
     EXPECT_EQ(commands_.answerer(), commands_.reader());
@@ -173,7 +173,7 @@ TEST_F(Threads, CommandThatOnlyWaitedForTheCard_NeverReachesIt) {
   const std::size_t late = giveAndHoldUntilLate();
   commands_.give(kShort);
   commands_.give(kShort);
-  EXPECT_EQ(commands_.answer(late + 2).result, Result::Late);
+  EXPECT_EQ(commands_.answer(late + 2).result, Result::kLate);
   card_.letGo();
   commands_.give();
   EXPECT_EQ(commands_.answer(late + 3).data, heldAnswer(2));
@@ -181,7 +181,7 @@ TEST_F(Threads, CommandThatOnlyWaitedForTheCard_NeverReachesIt) {
 
 TEST_F(Threads, CommandWhoseTimeIsOver_NeverReachesTheCard) {
   commands_.give(milliseconds(0));
-  EXPECT_EQ(commands_.answer(1).result, Result::Late);
+  EXPECT_EQ(commands_.answer(1).result, Result::kLate);
   commands_.give();
   EXPECT_EQ(commands_.answer(2).data, heldAnswer(1));
 }
@@ -189,21 +189,21 @@ TEST_F(Threads, CommandWhoseTimeIsOver_NeverReachesTheCard) {
 TEST_F(Threads, RemovalDuringACallThatDoesNotReturn_IsAnsweredWithoutACard) {
   giveAndHold();
   EXPECT_EQ(slot_.remove(), "");
-  EXPECT_EQ(commands_.answer(1).result, Result::NoCard);
+  EXPECT_EQ(commands_.answer(1).result, Result::kNoAnswer);
 }
 
 TEST_F(Threads, RemovalWhileACommandWaitsForTheCard_IsAnsweredWithoutACard) {
   const std::size_t late = giveAndHoldUntilLate();
   commands_.give();
   EXPECT_EQ(slot_.remove(), "");
-  EXPECT_EQ(commands_.answer(late + 1).result, Result::NoCard);
+  EXPECT_EQ(commands_.answer(late + 1).result, Result::kNoAnswer);
 }
 
 TEST_F(Threads, SwapDuringACall_IsAnsweredWithoutACardAndTheNewOneServed) {
   giveAndHold();
   EXPECT_EQ(slot_.remove(), "");
   EXPECT_EQ(slot_.insert(), "");
-  EXPECT_EQ(commands_.answer(1).result, Result::NoCard);
+  EXPECT_EQ(commands_.answer(1).result, Result::kNoAnswer);
   card_.letGo();
   commands_.give();
   EXPECT_EQ(commands_.answer(2).data, heldAnswer(2));
@@ -216,7 +216,7 @@ TEST_F(Threads, AbandonDuringACall_EndsServingAtOnceAndTheNextStreamIsServed) {
   Commands next;
   serving_ = serve(next);
   next.give(kShort);
-  EXPECT_EQ(next.answer(1).result, Result::Late);  // the card is at the old one's command
+  EXPECT_EQ(next.answer(1).result, Result::kLate);  // the card is at the old one's command
   card_.letGo();
   next.give();
   EXPECT_EQ(next.answer(2).data, heldAnswer(2));

@@ -27,7 +27,7 @@ class ScriptedPort : public PipeClientPort {
     OpenedPipe opened;
     opened.result = results.at(pipeName);
     opened.detail = pipeName;
-    if (opened.result == OpenResult::Opened) {
+    if (opened.result == OpenResult::kOpened) {
       opened.connection = std::make_unique<test::MemoryPipe>();
     }
     return opened;
@@ -39,7 +39,7 @@ class ScriptedPort : public PipeClientPort {
 class Connecting : public testing::Test {
  protected:
   Connecting()
-      : log_(LogLevel::Debug, lines_.sink()),
+      : log_(LogLevel::kDebug, lines_.sink()),
         connector_(port_, {"c", "e", milliseconds(10), milliseconds(40), test::kLong}, log_) {}
 
   bool attempt(OpenResult commands, OpenResult events) {
@@ -58,50 +58,50 @@ class Connecting : public testing::Test {
 using Waits = std::vector<std::optional<milliseconds>>;
 
 TEST_F(Connecting, bothOpenIsAConnectionWithoutAWait) {
-  EXPECT_TRUE(attempt(OpenResult::Opened, OpenResult::Opened));
+  EXPECT_TRUE(attempt(OpenResult::kOpened, OpenResult::kOpened));
   EXPECT_TRUE(port_.waits.empty());
 }
 
 TEST_F(Connecting, absentPipesAreWaitedForWithoutATimer) {
-  EXPECT_FALSE(attempt(OpenResult::Absent, OpenResult::Absent));
-  EXPECT_FALSE(attempt(OpenResult::Absent, OpenResult::Absent));
+  EXPECT_FALSE(attempt(OpenResult::kAbsent, OpenResult::kAbsent));
+  EXPECT_FALSE(attempt(OpenResult::kAbsent, OpenResult::kAbsent));
   EXPECT_EQ(port_.waits, (Waits{std::nullopt, std::nullopt}));
   EXPECT_EQ(port_.watches, 2);
   EXPECT_EQ(lines_.count("info: Waiting for the driver: c"), 1u);
 }
 
 TEST_F(Connecting, refusalsAreRetriedEverMoreSlowlyAndLoggedOnce) {
-  for (int i = 0; i < 4; ++i) EXPECT_FALSE(attempt(OpenResult::Refused, OpenResult::Refused));
+  for (int i = 0; i < 4; ++i) EXPECT_FALSE(attempt(OpenResult::kRefused, OpenResult::kRefused));
   EXPECT_EQ(port_.waits,
             (Waits{milliseconds(10), milliseconds(20), milliseconds(40), milliseconds(40)}));
   EXPECT_EQ(lines_.count("warning: The driver is gone, or serves another agent: c"), 1u);
 }
 
 TEST_F(Connecting, failureIsLoggedAsAnErrorAndRetried) {
-  EXPECT_FALSE(attempt(OpenResult::Failed, OpenResult::Absent));
+  EXPECT_FALSE(attempt(OpenResult::kFailed, OpenResult::kAbsent));
   EXPECT_EQ(port_.waits, (Waits{milliseconds(10)}));
   EXPECT_EQ(lines_.count("error: Cannot connect to the driver: c"), 1u);
 }
 
 TEST_F(Connecting, eventPipeIsTriedAlsoWhereTheCommandPipeIsRefused) {
-  EXPECT_FALSE(attempt(OpenResult::Refused, OpenResult::Opened));
-  EXPECT_TRUE(attempt(OpenResult::Opened, OpenResult::Refused));  // the event pipe was held
+  EXPECT_FALSE(attempt(OpenResult::kRefused, OpenResult::kOpened));
+  EXPECT_TRUE(attempt(OpenResult::kOpened, OpenResult::kRefused));  // the event pipe was held
 }
 
 TEST_F(Connecting, pipeIsHeldAtTheQuickestPaceWhateverWasWaitedBefore) {
-  for (int i = 0; i < 3; ++i) EXPECT_FALSE(attempt(OpenResult::Refused, OpenResult::Refused));
-  EXPECT_FALSE(attempt(OpenResult::Refused, OpenResult::Opened));
-  EXPECT_FALSE(attempt(OpenResult::Refused, OpenResult::Opened));
+  for (int i = 0; i < 3; ++i) EXPECT_FALSE(attempt(OpenResult::kRefused, OpenResult::kRefused));
+  EXPECT_FALSE(attempt(OpenResult::kRefused, OpenResult::kOpened));
+  EXPECT_FALSE(attempt(OpenResult::kRefused, OpenResult::kOpened));
   EXPECT_EQ(port_.waits, (Waits{milliseconds(10), milliseconds(20), milliseconds(40),
                                 milliseconds(10), milliseconds(10)}));
 }
 
 TEST_F(Connecting, pipeThatIsHeldTooLongIsGivenBack) {
   Connector hasty(port_, {"c", "e", milliseconds(10), milliseconds(40), milliseconds(0)}, log_);
-  port_.results = {{"c", OpenResult::Opened}, {"e", OpenResult::Absent}};
+  port_.results = {{"c", OpenResult::kOpened}, {"e", OpenResult::kAbsent}};
   EXPECT_EQ(hasty.attempt().commands, nullptr);
   EXPECT_EQ(port_.waits, (Waits{milliseconds(10)}));
-  port_.results = {{"c", OpenResult::Refused}, {"e", OpenResult::Opened}};
+  port_.results = {{"c", OpenResult::kRefused}, {"e", OpenResult::kOpened}};
   EXPECT_EQ(hasty.attempt().commands, nullptr);
 }
 
@@ -110,7 +110,7 @@ TEST_F(Connecting, connectionThatTheDriverNeverAcceptedIsNotFollowedAtOnce) {
   connector_.connectionEnded(false);
   EXPECT_EQ(port_.waits, (Waits{milliseconds(10), milliseconds(20)}));
   connector_.connectionEnded(true);
-  EXPECT_FALSE(attempt(OpenResult::Refused, OpenResult::Refused));
+  EXPECT_FALSE(attempt(OpenResult::kRefused, OpenResult::kRefused));
   EXPECT_EQ(port_.waits.back(), milliseconds(10));
 }
 

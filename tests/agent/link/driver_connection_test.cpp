@@ -29,7 +29,7 @@ const Bytes kInserted = {1, 0, 0, 0};
 class Connection : public testing::Test {
  protected:
   explicit Connection(std::chrono::milliseconds driverLimit = test::kLong)
-      : log_(LogLevel::Debug, lines_.sink()),
+      : log_(LogLevel::kDebug, lines_.sink()),
         slot_(
             card_, [this] { threads_.cardDeparted(); }, test::failTest),
         threads_(slot_, test::kLong, test::failTest),
@@ -133,9 +133,9 @@ TEST_F(Connection, commandBeforeTheAnswerIsReadTakesTheAnswerBack) {
 TEST(EventsOfADouble, eventThatTimedOutIsNotHandedOverInPart) {
   MemoryPipe pipe;
   pipe.holdWrites();
-  EXPECT_EQ(pipe.post(kInserted.data(), 4, SteadyClock::now()), IoResult::TimedOut);
+  EXPECT_EQ(pipe.post(kInserted.data(), 4, SteadyClock::now()), IoResult::kTimedOut);
   pipe.letWrites();
-  EXPECT_EQ(pipe.post(kRemoved.data(), 4, SteadyClock::now()), IoResult::Done);
+  EXPECT_EQ(pipe.post(kRemoved.data(), 4, SteadyClock::now()), IoResult::kDone);
   EXPECT_EQ(pipe.takeWrites(1), std::vector<Bytes>{kRemoved});
 }
 
@@ -151,7 +151,7 @@ class BrokenPipe : public MemoryPipe {
 class FailingConnection : public testing::Test {
  protected:
   FailingConnection()
-      : log_(LogLevel::Debug, lines_.sink()),
+      : log_(LogLevel::kDebug, lines_.sink()),
         slot_(card_, {}, test::failTest),
         threads_(slot_, test::kLong, [this](const char* problem) { told_.set_value(problem); }) {
     slot_.start();

@@ -89,7 +89,7 @@ std::optional<std::uint32_t> DriverEnd::readEvent() { return readNumber(events_)
 std::optional<std::string> DriverEnd::takeSessionId() {
   const std::optional<std::uint32_t> code = readEvent();
   if (!code) return std::nullopt;
-  if (code != event(AgentEvent::SessionLogId)) throw std::runtime_error("no session id");
+  if (code != event(AgentEvent::kSessionLogId)) throw std::runtime_error("no session id");
   const std::optional<std::uint32_t> length = readNumber(events_);
   if (!length) return std::nullopt;
   std::string id(*length, '\0');
@@ -129,7 +129,7 @@ std::optional<Bytes> DriverEnd::queryAtr(AgentCommand command) {
 }
 
 bool DriverEnd::sendTransmit(const Bytes& apdu) {
-  return sendNumber(static_cast<std::uint32_t>(AgentCommand::QueryTransmit)) &&
+  return sendNumber(static_cast<std::uint32_t>(AgentCommand::kQueryTransmit)) &&
          sendNumber(static_cast<std::uint32_t>(apdu.size())) && sendBytes(apdu);
 }
 
@@ -139,7 +139,7 @@ std::optional<Bytes> DriverEnd::transmit(const Bytes& apdu) {
 }
 
 bool DriverEnd::notifyReady() {
-  return sendNumber(static_cast<std::uint32_t>(AgentCommand::NotifyCardReady));
+  return sendNumber(static_cast<std::uint32_t>(AgentCommand::kNotifyCardReady));
 }
 
 bool DriverEnd::waitForDrop() {

@@ -48,17 +48,17 @@ IoResult MemoryPipe::read(void* data, std::uint32_t size,
   MutexLock lock(mutex_);
   changed_.wait(
       lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return given_.size() >= size || cancelled_; });
-  if (cancelled_) return IoResult::Cancelled;
+  if (cancelled_) return IoResult::kCancelled;
   std::copy_n(given_.begin(), size, static_cast<std::uint8_t*>(data));
   given_.erase(given_.begin(), given_.begin() + static_cast<std::ptrdiff_t>(size));
-  return IoResult::Done;
+  return IoResult::kDone;
 }
 
 IoResult MemoryPipe::awaitCommand() {
   MutexLock lock(mutex_);
   changed_.wait(lock,
                 [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return !given_.empty() || cancelled_; });
-  return cancelled_ ? IoResult::Cancelled : IoResult::Done;
+  return cancelled_ ? IoResult::kCancelled : IoResult::kDone;
 }
 
 IoResult MemoryPipe::answer(const Bytes& bytes, agent::SteadyClock::time_point deadline) {
@@ -89,12 +89,12 @@ IoResult MemoryPipe::write(Bytes bytes, std::optional<agent::SteadyClock::time_p
     changed_.wait(lock, ready);
   }
   writing_ = false;
-  if (cancelled_) return IoResult::Cancelled;
-  if (isAnswer && !given_.empty()) return IoResult::GivenUp;
-  if (!inTime) return IoResult::TimedOut;
+  if (cancelled_) return IoResult::kCancelled;
+  if (isAnswer && !given_.empty()) return IoResult::kGivenUp;
+  if (!inTime) return IoResult::kTimedOut;
   written_.push_back(std::move(bytes));
   changed_.notifyAll();
-  return IoResult::Done;
+  return IoResult::kDone;
 }
 
 void MemoryPipe::cancel() {

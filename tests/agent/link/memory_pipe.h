@@ -32,7 +32,7 @@ class MemoryPipe : public agent::PipeConnection {
   agent::IoResult answer(const Bytes& bytes, agent::SteadyClock::time_point deadline) override;
   agent::IoResult post(const void* data, std::uint32_t size,
                        std::optional<agent::SteadyClock::time_point> deadline) override;
-  agent::IoResult flush() override { return agent::IoResult::Done; }
+  agent::IoResult flush() override { return agent::IoResult::kDone; }
   void cancel() override;
 
  private:

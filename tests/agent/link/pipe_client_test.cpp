@@ -36,7 +36,7 @@ TEST(PipeConnection, readsExactlyWhatIsAskedFor) {
   Ends ends;
   ASSERT_EQ(write(ends.driver.get(), "abcdef", 6), 6);
   std::string text(4, ' ');
-  EXPECT_EQ(ends.client->read(text.data(), 4, std::nullopt), IoResult::Done);
+  EXPECT_EQ(ends.client->read(text.data(), 4, std::nullopt), IoResult::kDone);
   EXPECT_EQ(text, "abcd");
 }
 
@@ -44,7 +44,7 @@ TEST(PipeConnection, readEndsAtItsDeadline) {
   Ends ends;
   ASSERT_EQ(write(ends.driver.get(), "ab", 2), 2);
   std::string text(4, ' ');
-  EXPECT_EQ(ends.client->read(text.data(), 4, SteadyClock::now()), IoResult::TimedOut);
+  EXPECT_EQ(ends.client->read(text.data(), 4, SteadyClock::now()), IoResult::kTimedOut);
 }
 
 IoResult answer(Ends& ends, const std::string& text) {
@@ -63,24 +63,24 @@ TEST(PipeConnection, commandIsAwaitedAndNotTouched) {
   Ends ends;
   auto awaited = std::async(std::launch::async, [&] { return ends.client->awaitCommand(); });
   ASSERT_EQ(write(ends.driver.get(), "abcd", 4), 4);
-  EXPECT_EQ(awaited.get(), IoResult::Done);
+  EXPECT_EQ(awaited.get(), IoResult::kDone);
   std::string text(4, ' ');
-  EXPECT_EQ(ends.client->read(text.data(), 4, std::nullopt), IoResult::Done);
+  EXPECT_EQ(ends.client->read(text.data(), 4, std::nullopt), IoResult::kDone);
   EXPECT_EQ(text, "abcd");
 }
 
 TEST(PipeConnection, answerIsItsLengthAndItsBytes) {
   Ends ends;
-  EXPECT_EQ(answer(ends, "ab"), IoResult::Done);
+  EXPECT_EQ(answer(ends, "ab"), IoResult::kDone);
   EXPECT_EQ(takeArrived(ends), std::string("\2\0\0\0ab", 6));
-  EXPECT_EQ(answer(ends, ""), IoResult::Done);
+  EXPECT_EQ(answer(ends, ""), IoResult::kDone);
   EXPECT_EQ(takeArrived(ends), std::string("\0\0\0\0", 4));
 }
 
 TEST(PipeConnection, bytesBehindACommandGiveItsAnswerUp) {
   Ends ends;
   ASSERT_EQ(write(ends.driver.get(), "x", 1), 1);
-  EXPECT_EQ(answer(ends, "ab"), IoResult::GivenUp);
+  EXPECT_EQ(answer(ends, "ab"), IoResult::kGivenUp);
   EXPECT_EQ(takeArrived(ends), "");
 }
 
@@ -88,13 +88,13 @@ TEST(PipeConnection, bytesBehindACommandGiveItsAnswerUp) {
 TEST(PipeConnection, commandBeforeTheAnswerIsReadGivesItUpUntouched) {
   for (const std::size_t part : {0u, 1u, 4u, 5u}) {
     Ends ends;
-    EXPECT_EQ(answer(ends, "ab"), IoResult::Done);
+    EXPECT_EQ(answer(ends, "ab"), IoResult::kDone);
     std::string text(part, ' ');
     ASSERT_EQ(read(ends.driver.get(), text.data(), part), static_cast<ssize_t>(part));
     ASSERT_EQ(write(ends.driver.get(), "x", 1), 1);
-    EXPECT_EQ(ends.client->awaitCommand(), IoResult::GivenUp);
+    EXPECT_EQ(ends.client->awaitCommand(), IoResult::kGivenUp);
     std::string command(1, ' ');
-    EXPECT_EQ(ends.client->read(command.data(), 1, std::nullopt), IoResult::Done);  // still there
+    EXPECT_EQ(ends.client->read(command.data(), 1, std::nullopt), IoResult::kDone);  // still there
   }
 }
 
@@ -105,7 +105,7 @@ TEST(PipeConnection, commandWhileTheAnswerDoesNotFitGivesItUp) {
   pollfd begun{ends.driver.get(), POLLIN, 0};
   ASSERT_EQ(poll(&begun, 1, -1), 1);
   ASSERT_EQ(write(ends.driver.get(), "x", 1), 1);
-  EXPECT_EQ(answered.get(), IoResult::GivenUp);
+  EXPECT_EQ(answered.get(), IoResult::kGivenUp);
 }
 
 // The kernel counts what the driver has read a moment late, but never so late that the next command
@@ -118,69 +118,69 @@ TEST(PipeConnection, quickExchangesAreNeverTakenForGivenUp) {
     std::array<char, 8> bytes{};
     bool good = true;
     for (int i = 0; i < kExchanges && good; ++i) {
-      good = end.post("abcd", 4, std::nullopt) == IoResult::Done &&
-             end.read(bytes.data(), 4, std::nullopt) == IoResult::Done &&
-             end.read(bytes.data(), 2, std::nullopt) == IoResult::Done;
+      good = end.post("abcd", 4, std::nullopt) == IoResult::kDone &&
+             end.read(bytes.data(), 4, std::nullopt) == IoResult::kDone &&
+             end.read(bytes.data(), 2, std::nullopt) == IoResult::kDone;
     }
     return good;
   });
   std::array<char, 4> command{};
   for (int i = 0; i < kExchanges; ++i) {
-    ASSERT_EQ(ends.client->awaitCommand(), IoResult::Done);
-    ASSERT_EQ(ends.client->read(command.data(), 4, std::nullopt), IoResult::Done);
-    ASSERT_EQ(answer(ends, "ab"), IoResult::Done);
+    ASSERT_EQ(ends.client->awaitCommand(), IoResult::kDone);
+    ASSERT_EQ(ends.client->read(command.data(), 4, std::nullopt), IoResult::kDone);
+    ASSERT_EQ(answer(ends, "ab"), IoResult::kDone);
   }
   EXPECT_TRUE(driver.get());
 }
 
 TEST(PipeConnection, everyOperationEndsWithTheDriver) {
   Ends ends;
-  EXPECT_EQ(answer(ends, "a"), IoResult::Done);
+  EXPECT_EQ(answer(ends, "a"), IoResult::kDone);
   ends.driver.reset();
   std::string text(1, ' ');
-  EXPECT_EQ(ends.client->awaitCommand(), IoResult::Closed);
-  EXPECT_EQ(ends.client->read(text.data(), 1, std::nullopt), IoResult::Closed);
-  EXPECT_EQ(ends.client->post("a", 1, std::nullopt), IoResult::Closed);
-  EXPECT_EQ(answer(ends, "a"), IoResult::Closed);
+  EXPECT_EQ(ends.client->awaitCommand(), IoResult::kClosed);
+  EXPECT_EQ(ends.client->read(text.data(), 1, std::nullopt), IoResult::kClosed);
+  EXPECT_EQ(ends.client->post("a", 1, std::nullopt), IoResult::kClosed);
+  EXPECT_EQ(answer(ends, "a"), IoResult::kClosed);
 }
 
 TEST(PipeConnection, flushOfWhatTheDriverNeverReadEndsWithTheDriver) {
   Ends ends;
-  EXPECT_EQ(ends.client->post("a", 1, std::nullopt), IoResult::Done);
+  EXPECT_EQ(ends.client->post("a", 1, std::nullopt), IoResult::kDone);
   auto flushed = std::async(std::launch::async, [&] { return ends.client->flush(); });
   ends.driver.reset();
   const IoResult result = flushed.get();
-  EXPECT_TRUE(result == IoResult::Closed || result == IoResult::Done);
+  EXPECT_TRUE(result == IoResult::kClosed || result == IoResult::kDone);
 }
 
 TEST(PipeConnection, flushReturnsWhenTheDriverHasReadEverything) {
   Ends ends;
   for (int round = 0; round < 500; ++round) {
-    ASSERT_EQ(ends.client->post("abc", 3, std::nullopt), IoResult::Done);
-    ASSERT_EQ(ends.client->post("d", 1, std::nullopt), IoResult::Done);
+    ASSERT_EQ(ends.client->post("abc", 3, std::nullopt), IoResult::kDone);
+    ASSERT_EQ(ends.client->post("d", 1, std::nullopt), IoResult::kDone);
     auto flushed = std::async(std::launch::async, [&] { return ends.client->flush(); });
     std::array<char, 3> part{};
     ASSERT_EQ(read(ends.driver.get(), part.data(), 3), 3);
     ASSERT_EQ(read(ends.driver.get(), part.data(), 3), 1);
-    ASSERT_EQ(flushed.get(), IoResult::Done);
+    ASSERT_EQ(flushed.get(), IoResult::kDone);
   }
 }
 
 TEST(PipeConnection, cancelReleasesEveryOperationAndStays) {
   Ends ends;
-  EXPECT_EQ(ends.client->post("a", 1, std::nullopt), IoResult::Done);
+  EXPECT_EQ(ends.client->post("a", 1, std::nullopt), IoResult::kDone);
   const std::string much(1 << 22, 'x');
   auto awaited = std::async(std::launch::async, [&] { return ends.client->awaitCommand(); });
   auto flushed = std::async(std::launch::async, [&] { return ends.client->flush(); });
   auto answered = std::async(std::launch::async, [&] { return answer(ends, much); });
   ends.client->cancel();
-  EXPECT_EQ(awaited.get(), IoResult::Cancelled);
-  EXPECT_EQ(flushed.get(), IoResult::Cancelled);
-  EXPECT_EQ(answered.get(), IoResult::Cancelled);
+  EXPECT_EQ(awaited.get(), IoResult::kCancelled);
+  EXPECT_EQ(flushed.get(), IoResult::kCancelled);
+  EXPECT_EQ(answered.get(), IoResult::kCancelled);
   char c = 0;
-  EXPECT_EQ(ends.client->read(&c, 1, std::nullopt), IoResult::Cancelled);
-  EXPECT_EQ(ends.client->post("a", 1, std::nullopt), IoResult::Cancelled);
-  EXPECT_EQ(answer(ends, "a"), IoResult::Cancelled);
+  EXPECT_EQ(ends.client->read(&c, 1, std::nullopt), IoResult::kCancelled);
+  EXPECT_EQ(ends.client->post("a", 1, std::nullopt), IoResult::kCancelled);
+  EXPECT_EQ(answer(ends, "a"), IoResult::kCancelled);
 }
 
 TEST(PipeConnection, answerLargerThanTheSocketTakesWaitsForTheDriver) {
@@ -190,16 +190,16 @@ TEST(PipeConnection, answerLargerThanTheSocketTakesWaitsForTheDriver) {
   SocketConnection driver(std::move(ends.driver));
   std::string received(4 + much.size(), ' ');
   EXPECT_EQ(driver.read(received.data(), static_cast<std::uint32_t>(received.size()), std::nullopt),
-            IoResult::Done);
-  EXPECT_EQ(answered.get(), IoResult::Done);
+            IoResult::kDone);
+  EXPECT_EQ(answered.get(), IoResult::kDone);
   EXPECT_EQ(received.substr(4), much);
 }
 
 TEST(PipeConnection, answerAndPostEndAtTheirDeadlineWhereTheSocketTakesNoMore) {
   Ends ends;
   const Bytes much(1 << 22);
-  EXPECT_EQ(ends.client->answer(much, SteadyClock::now() + milliseconds(20)), IoResult::TimedOut);
-  EXPECT_EQ(ends.client->post("a", 1, SteadyClock::now() + milliseconds(20)), IoResult::TimedOut);
+  EXPECT_EQ(ends.client->answer(much, SteadyClock::now() + milliseconds(20)), IoResult::kTimedOut);
+  EXPECT_EQ(ends.client->post("a", 1, SteadyClock::now() + milliseconds(20)), IoResult::kTimedOut);
 }
 
 // Single bytes before the events shift the point at which the socket is full.
@@ -210,10 +210,10 @@ TEST(PipeConnection, eventThatTimedOutIsNotHandedOverInPart) {
       return ends.client->post(data, size, SteadyClock::now() - milliseconds(1));
     };
     const auto postEvent = [&](std::uint32_t number) { return post(&number, sizeof number); };
-    for (std::uint32_t i = 0; i < shift; ++i) ASSERT_EQ(post("x", 1), IoResult::Done);
+    for (std::uint32_t i = 0; i < shift; ++i) ASSERT_EQ(post("x", 1), IoResult::kDone);
     std::uint32_t posted = 0;
-    while (postEvent(posted) == IoResult::Done) ++posted;
-    ASSERT_EQ(postEvent(posted), IoResult::TimedOut);
+    while (postEvent(posted) == IoResult::kDone) ++posted;
+    ASSERT_EQ(postEvent(posted), IoResult::kTimedOut);
     std::array<char, 4> single{};
     ASSERT_EQ(read(ends.driver.get(), single.data(), shift), static_cast<ssize_t>(shift));
     for (std::uint32_t expected = 0; expected < posted; ++expected) {
@@ -234,15 +234,15 @@ TEST(PollTimeout, roundsUpAndNeverGoesBelowZero) {
 TEST(PipeClient, tellsAbsentRefusedAndOpened) {
   test::PipeFolder folder;
   const std::unique_ptr<PipeClientPort> port = makeSystemPipeClient();
-  EXPECT_EQ(port->open(commandPipeName(0)).result, OpenResult::Absent);
+  EXPECT_EQ(port->open(commandPipeName(0)).result, OpenResult::kAbsent);
   test::DriverEnd driver;
   const OpenedPipe opened = port->open(commandPipeName(0));
-  EXPECT_EQ(opened.result, OpenResult::Opened);
+  EXPECT_EQ(opened.result, OpenResult::kOpened);
   EXPECT_NE(opened.connection, nullptr);
   const OpenedPipe events = port->open(eventPipeName(0));
   driver.accept();
   const OpenedPipe refused = port->open(commandPipeName(0));
-  EXPECT_EQ(refused.result, OpenResult::Refused);
+  EXPECT_EQ(refused.result, OpenResult::kRefused);
   EXPECT_EQ(refused.connection, nullptr);
   EXPECT_NE(refused.detail.find("zelta_smartcard_command0: "), std::string::npos);
 }

@@ -47,7 +47,7 @@ class NamedPipe : public testing::Test {
 
   std::uint32_t readCode() {
     std::array<std::uint8_t, 4> code{};
-    EXPECT_EQ(commands_->read(code.data(), code.size(), std::nullopt), IoResult::Done);
+    EXPECT_EQ(commands_->read(code.data(), code.size(), std::nullopt), IoResult::kDone);
     return loadLittleEndian(code.data());
   }
 
@@ -64,56 +64,56 @@ class NamedPipe : public testing::Test {
 
 TEST_F(NamedPipe, postsDoNotWaitForTheDriverAndKeepTheirOrder) {
   for (std::uint32_t code = 0; code < NamedPipeConnection::kMostPosts; ++code) {
-    ASSERT_EQ(post(code), IoResult::Done);
+    ASSERT_EQ(post(code), IoResult::kDone);
   }
   expectEvents(0, NamedPipeConnection::kMostPosts);
 }
 
 TEST_F(NamedPipe, fullPipeIsWaitedForUntilTheDeadline) {
   for (std::uint32_t code = 0; code < NamedPipeConnection::kMostPosts; ++code) {
-    ASSERT_EQ(post(code), IoResult::Done);
+    ASSERT_EQ(post(code), IoResult::kDone);
   }
-  EXPECT_EQ(post(9999, SteadyClock::now() + milliseconds(20)), IoResult::TimedOut);
+  EXPECT_EQ(post(9999, SteadyClock::now() + milliseconds(20)), IoResult::kTimedOut);
   auto posted = std::async(std::launch::async, [this] {
     const IoResult result = post(1000);
     // The thread's end would take back what the driver has not read.
-    return result == IoResult::Done ? events_->flush() : result;
+    return result == IoResult::kDone ? events_->flush() : result;
   });
   expectEvents(0, NamedPipeConnection::kMostPosts);
   expectEvents(1000, 1);
-  EXPECT_EQ(posted.get(), IoResult::Done);
+  EXPECT_EQ(posted.get(), IoResult::kDone);
 }
 
 TEST_F(NamedPipe, readRunsBesidePosts) {
   auto read = std::async(std::launch::async, [this] {
     std::uint8_t byte = 0;
     const IoResult result = events_->read(&byte, 1, std::nullopt);
-    return result == IoResult::Done ? byte : std::uint8_t{0};
+    return result == IoResult::kDone ? byte : std::uint8_t{0};
   });
-  EXPECT_EQ(post(1), IoResult::Done);
+  EXPECT_EQ(post(1), IoResult::kDone);
   EXPECT_TRUE(driver_.writeToEventPipe({42}));
   EXPECT_EQ(read.get(), 42);
   expectEvents(1, 1);
 }
 
 TEST_F(NamedPipe, flushWaitsUntilTheDriverHasReadEveryPost) {
-  EXPECT_EQ(events_->flush(), IoResult::Done);  // nothing posted
-  EXPECT_EQ(post(1), IoResult::Done);
-  EXPECT_EQ(post(2), IoResult::Done);
+  EXPECT_EQ(events_->flush(), IoResult::kDone);  // nothing posted
+  EXPECT_EQ(post(1), IoResult::kDone);
+  EXPECT_EQ(post(2), IoResult::kDone);
   auto flushed = std::async(std::launch::async, [this] { return events_->flush(); });
   expectEvents(1, 1);
   EXPECT_NE(flushed.wait_for(milliseconds(20)), std::future_status::ready);
   expectEvents(2, 1);
-  EXPECT_EQ(flushed.get(), IoResult::Done);
+  EXPECT_EQ(flushed.get(), IoResult::kDone);
 }
 
 TEST_F(NamedPipe, answerEndsAtItsDeadlineWhereTheDriverDoesNotRead) {
-  EXPECT_EQ(answer(milliseconds(20)), IoResult::TimedOut);
+  EXPECT_EQ(answer(milliseconds(20)), IoResult::kTimedOut);
 }
 
 TEST_F(NamedPipe, firstByteOfACommandIsReadWithTheOthers) {
   auto sent = send(0x04030201);
-  EXPECT_EQ(commands_->awaitCommand(), IoResult::Done);
+  EXPECT_EQ(commands_->awaitCommand(), IoResult::kDone);
   EXPECT_EQ(readCode(), 0x04030201u);
   EXPECT_TRUE(sent.get());
 }
@@ -122,15 +122,15 @@ TEST_F(NamedPipe, exchangesInAQuickRowAreNeverTakenForGivenUp) {
   constexpr int kExchanges = 500;
   auto driver = std::async(std::launch::async, [this] {
     int answered = 0;
-    while (answered < kExchanges && driver_.queryAtr(AgentCommand::QueryAtr) == kAnswer) {
+    while (answered < kExchanges && driver_.queryAtr(AgentCommand::kQueryAtr) == kAnswer) {
       ++answered;
     }
     return answered;
   });
   for (int i = 0; i < kExchanges; ++i) {
-    ASSERT_EQ(commands_->awaitCommand(), IoResult::Done);
+    ASSERT_EQ(commands_->awaitCommand(), IoResult::kDone);
     ASSERT_EQ(readCode(), 1u);
-    ASSERT_EQ(answer(), IoResult::Done);
+    ASSERT_EQ(answer(), IoResult::kDone);
   }
   EXPECT_EQ(driver.get(), kExchanges);
 }
@@ -139,7 +139,7 @@ TEST_F(NamedPipe, exchangesInAQuickRowAreNeverTakenForGivenUp) {
 TEST_F(NamedPipe, commandBeforeTheAnswerIsReadTakesTheAnswerBack) {
   auto answered = std::async(std::launch::async, [this] { return answer(); });
   auto sent = send(1);
-  EXPECT_EQ(answered.get(), IoResult::GivenUp);
+  EXPECT_EQ(answered.get(), IoResult::kGivenUp);
   commands_.reset();
   EXPECT_FALSE(sent.get());
   EXPECT_EQ(driver_.readAnswerLength(), std::nullopt);
@@ -149,7 +149,7 @@ TEST_F(NamedPipe, commandAfterAPartOfTheAnswerTakesTheRestBack) {
   auto answered = std::async(std::launch::async, [this] { return answer(); });
   EXPECT_EQ(driver_.readAnswerLength(), kAnswer.size());
   auto sent = send(1);
-  EXPECT_EQ(answered.get(), IoResult::GivenUp);
+  EXPECT_EQ(answered.get(), IoResult::kGivenUp);
   commands_.reset();
   EXPECT_FALSE(sent.get());
   EXPECT_EQ(driver_.readAnswerLength(), std::nullopt);
@@ -157,7 +157,7 @@ TEST_F(NamedPipe, commandAfterAPartOfTheAnswerTakesTheRestBack) {
 
 TEST_F(NamedPipe, readEndsAtItsDeadline) {
   char c = 0;
-  EXPECT_EQ(commands_->read(&c, 1, SteadyClock::now() + milliseconds(20)), IoResult::TimedOut);
+  EXPECT_EQ(commands_->read(&c, 1, SteadyClock::now() + milliseconds(20)), IoResult::kTimedOut);
 }
 
 TEST_F(NamedPipe, cancelReleasesEveryOperationAndStays) {
@@ -165,51 +165,51 @@ TEST_F(NamedPipe, cancelReleasesEveryOperationAndStays) {
     char c = 0;
     return events_->read(&c, 1, std::nullopt);
   });
-  EXPECT_EQ(post(1), IoResult::Done);
+  EXPECT_EQ(post(1), IoResult::kDone);
   auto flushed = std::async(std::launch::async, [this] { return events_->flush(); });
   auto answered = std::async(std::launch::async, [this] { return answer(); });
   events_->cancel();
   commands_->cancel();
-  EXPECT_EQ(read.get(), IoResult::Cancelled);
-  EXPECT_EQ(flushed.get(), IoResult::Cancelled);
-  EXPECT_EQ(answered.get(), IoResult::Cancelled);
-  EXPECT_EQ(post(1), IoResult::Cancelled);
-  EXPECT_EQ(events_->flush(), IoResult::Cancelled);
-  EXPECT_EQ(commands_->awaitCommand(), IoResult::Cancelled);
-  EXPECT_EQ(answer(), IoResult::Cancelled);
+  EXPECT_EQ(read.get(), IoResult::kCancelled);
+  EXPECT_EQ(flushed.get(), IoResult::kCancelled);
+  EXPECT_EQ(answered.get(), IoResult::kCancelled);
+  EXPECT_EQ(post(1), IoResult::kCancelled);
+  EXPECT_EQ(events_->flush(), IoResult::kCancelled);
+  EXPECT_EQ(commands_->awaitCommand(), IoResult::kCancelled);
+  EXPECT_EQ(answer(), IoResult::kCancelled);
 }
 
 TEST_F(NamedPipe, everyOperationEndsWithTheDriver) {
-  EXPECT_EQ(post(1), IoResult::Done);
+  EXPECT_EQ(post(1), IoResult::kDone);
   auto flushed = std::async(std::launch::async, [this] { return events_->flush(); });
   auto read = std::async(std::launch::async, [this] {
     char c = 0;
     return events_->read(&c, 1, std::nullopt);
   });
   driver_.disconnect();
-  EXPECT_EQ(flushed.get(), IoResult::Closed);
-  EXPECT_EQ(read.get(), IoResult::Closed);
-  EXPECT_EQ(post(1), IoResult::Closed);
-  EXPECT_EQ(commands_->awaitCommand(), IoResult::Closed);
-  EXPECT_EQ(answer(), IoResult::Closed);
+  EXPECT_EQ(flushed.get(), IoResult::kClosed);
+  EXPECT_EQ(read.get(), IoResult::kClosed);
+  EXPECT_EQ(post(1), IoResult::kClosed);
+  EXPECT_EQ(commands_->awaitCommand(), IoResult::kClosed);
+  EXPECT_EQ(answer(), IoResult::kClosed);
 }
 
 TEST_F(NamedPipe, postsThatTheDriverDidNotReadGoWithTheConnection) {
-  EXPECT_EQ(post(1), IoResult::Done);
-  EXPECT_EQ(post(2), IoResult::Done);
+  EXPECT_EQ(post(1), IoResult::kDone);
+  EXPECT_EQ(post(2), IoResult::kDone);
   events_.reset();
   EXPECT_EQ(driver_.readEvent(), std::nullopt);
 }
 
 TEST(PipeClient, tellsAbsentRefusedAndOpened) {
   const std::unique_ptr<PipeClientPort> port = makeSystemPipeClient();
-  EXPECT_EQ(port->open(commandPipeName(0)).result, OpenResult::Absent);
+  EXPECT_EQ(port->open(commandPipeName(0)).result, OpenResult::kAbsent);
   test::DriverEnd driver;
   const OpenedPipe opened = port->open(commandPipeName(0));
-  EXPECT_EQ(opened.result, OpenResult::Opened);
+  EXPECT_EQ(opened.result, OpenResult::kOpened);
   EXPECT_NE(opened.connection, nullptr);
   const OpenedPipe refused = port->open(commandPipeName(0));
-  EXPECT_EQ(refused.result, OpenResult::Refused);
+  EXPECT_EQ(refused.result, OpenResult::kRefused);
   EXPECT_EQ(refused.connection, nullptr);
   EXPECT_NE(refused.detail.find("zelta_smartcard_command0: "), std::string::npos);
 }

@@ -11,11 +11,11 @@ namespace {
 using Report = ReportRule::Report;
 
 // What happens, and the report that it gives.
-enum class Input { Arrive, Depart, Begin, Atr, Other, Grace };
+enum class Input { kArrive, kDepart, kBegin, kAtr, kOther, kGrace };
 
 struct Step {
   Input input;
-  Report report = Report::Nothing;
+  Report report = Report::kNothing;
 };
 
 struct Case {
@@ -34,27 +34,27 @@ TEST_P(ReportRuleTable, reports) {
   ReportRule rule(card);
   int number = 0;
   for (const Step& step : GetParam().steps) {
-    Report report = Report::Nothing;
+    Report report = Report::kNothing;
     switch (step.input) {
-      case Input::Arrive:
+      case Input::kArrive:
         card = ++last;
         report = rule.arrived(card);
         break;
-      case Input::Depart:
+      case Input::kDepart:
         card = kNoCard;
         report = rule.departed();
         break;
-      case Input::Begin:
+      case Input::kBegin:
         rule.commandBegan();
         break;
-      case Input::Atr:
+      case Input::kAtr:
         EXPECT_TRUE(rule.holds(card));
         report = rule.answeredWithAtr();
         break;
-      case Input::Other:
+      case Input::kOther:
         report = rule.answeredOtherwise();
         break;
-      case Input::Grace:
+      case Input::kGrace:
         report = rule.graceOver();
         break;
     }
@@ -62,11 +62,12 @@ TEST_P(ReportRuleTable, reports) {
   }
 }
 
-constexpr Step kArrive{Input::Arrive}, kDepart{Input::Depart}, kBegin{Input::Begin},
-    kAtr{Input::Atr}, kOther{Input::Other}, kGrace{Input::Grace};
-constexpr Step kReportedArrive{Input::Arrive, Report::Inserted},
-    kReportedDepart{Input::Depart, Report::Removed}, kReportedOther{Input::Other, Report::Inserted},
-    kReportedGrace{Input::Grace, Report::Inserted};
+constexpr Step kArrive{Input::kArrive}, kDepart{Input::kDepart}, kBegin{Input::kBegin},
+    kAtr{Input::kAtr}, kOther{Input::kOther}, kGrace{Input::kGrace};
+constexpr Step kReportedArrive{Input::kArrive, Report::kInserted},
+    kReportedDepart{Input::kDepart, Report::kRemoved},
+    kReportedOther{Input::kOther, Report::kInserted},
+    kReportedGrace{Input::kGrace, Report::kInserted};
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, ReportRuleTable,
@@ -116,10 +117,10 @@ TEST(ReportRule, holdsOnlyTheCardThatIsIn) {
   ReportRule rule(1);
   rule.commandBegan();
   EXPECT_TRUE(rule.holds(1));
-  EXPECT_EQ(rule.departed(), Report::Nothing);
+  EXPECT_EQ(rule.departed(), Report::kNothing);
   EXPECT_FALSE(rule.holds(1));
   EXPECT_FALSE(rule.holds(kNoCard));
-  EXPECT_EQ(rule.arrived(2), Report::Nothing);
+  EXPECT_EQ(rule.arrived(2), Report::kNothing);
   EXPECT_FALSE(rule.holds(1));
   EXPECT_TRUE(rule.holds(2));
 }
@@ -130,7 +131,7 @@ TEST(ReportRule, quietUntilFirstCommandOrGrace) {
   first.commandBegan();
   EXPECT_FALSE(first.quiet());
   ReportRule second(kNoCard);
-  EXPECT_EQ(second.graceOver(), Report::Nothing);
+  EXPECT_EQ(second.graceOver(), Report::kNothing);
   EXPECT_FALSE(second.quiet());
 }
 

@@ -105,7 +105,7 @@ void AgentProcess::readError() {
       line += c;
       continue;
     }
-    sink(agent::LogLevel::Info, line);
+    sink(agent::LogLevel::kInfo, line);
     line.clear();
   }
 }

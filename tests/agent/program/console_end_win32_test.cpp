@@ -6,11 +6,11 @@ namespace zelta::agent {
 namespace {
 
 TEST(ConsoleAnswer, everyEventButALogoffEndsTheProgram) {
-  EXPECT_EQ(consoleAnswer(CTRL_C_EVENT), ConsoleAnswer::End);
-  EXPECT_EQ(consoleAnswer(CTRL_BREAK_EVENT), ConsoleAnswer::End);
-  EXPECT_EQ(consoleAnswer(CTRL_CLOSE_EVENT), ConsoleAnswer::EndAndWait);
-  EXPECT_EQ(consoleAnswer(CTRL_SHUTDOWN_EVENT), ConsoleAnswer::EndAndWait);
-  EXPECT_EQ(consoleAnswer(CTRL_LOGOFF_EVENT), ConsoleAnswer::NotOurs);
+  EXPECT_EQ(consoleAnswer(CTRL_C_EVENT), ConsoleAnswer::kEnd);
+  EXPECT_EQ(consoleAnswer(CTRL_BREAK_EVENT), ConsoleAnswer::kEnd);
+  EXPECT_EQ(consoleAnswer(CTRL_CLOSE_EVENT), ConsoleAnswer::kEndAndWait);
+  EXPECT_EQ(consoleAnswer(CTRL_SHUTDOWN_EVENT), ConsoleAnswer::kEndAndWait);
+  EXPECT_EQ(consoleAnswer(CTRL_LOGOFF_EVENT), ConsoleAnswer::kNotOurs);
 }
 
 }  // namespace

@@ -23,15 +23,15 @@ Options taken(const std::vector<const char*>& arguments) {
 
 TEST(Options, withoutAnyTheEmulatedCardOfReaderZero) {
   const Options options = taken({});
-  EXPECT_EQ(options.action, Options::Action::Run);
+  EXPECT_EQ(options.action, Options::Action::kRun);
   EXPECT_EQ(options.reader, 0u);
-  EXPECT_EQ(options.backend, BackendKind::Emulated);
+  EXPECT_EQ(options.backend, BackendKind::kEmulated);
   EXPECT_EQ(options.database, "/var/lib/zelta/card");
   EXPECT_EQ(options.control, "");
   EXPECT_EQ(options.sessionId, "");
   EXPECT_FALSE(options.cardIn);
   EXPECT_FALSE(options.pin);
-  EXPECT_EQ(options.logLevel, LogLevel::Info);
+  EXPECT_EQ(options.logLevel, LogLevel::kInfo);
 }
 
 TEST(Options, allOfTheEmulatedCard) {
@@ -46,34 +46,34 @@ TEST(Options, allOfTheEmulatedCard) {
   EXPECT_EQ(options.database, "/d");
   EXPECT_EQ(options.pin, "");
   EXPECT_THAT(options.certificates, testing::ElementsAre("a", "b"));
-  EXPECT_EQ(options.logLevel, LogLevel::Warning);
+  EXPECT_EQ(options.logLevel, LogLevel::kWarning);
 }
 
 TEST(Options, otherBackEnds) {
   const Options script = taken({"--backend", "script", "--script", "f", "--card-inserted"});
-  EXPECT_EQ(script.backend, BackendKind::Script);
+  EXPECT_EQ(script.backend, BackendKind::kScript);
   EXPECT_EQ(script.scriptFile, "f");
   EXPECT_EQ(script.cardIn, true);
   const Options pcsc = taken({"--backend", "pcsc", "--pcsc-reader", "A Reader 00 00"});
-  EXPECT_EQ(pcsc.backend, BackendKind::Pcsc);
+  EXPECT_EQ(pcsc.backend, BackendKind::kPcsc);
   EXPECT_EQ(pcsc.pcscReader, "A Reader 00 00");
 }
 
 TEST(Options, logLevels) {
-  EXPECT_EQ(taken({"--quiet"}).logLevel, LogLevel::Error);
-  EXPECT_EQ(taken({"-q"}).logLevel, LogLevel::Error);
-  EXPECT_EQ(taken({"-v"}).logLevel, LogLevel::Debug);
-  EXPECT_EQ(taken({"--verbose"}).logLevel, LogLevel::Debug);
-  EXPECT_EQ(taken({"--log-level", "error"}).logLevel, LogLevel::Error);
-  EXPECT_EQ(taken({"--log-level", "info"}).logLevel, LogLevel::Info);
-  EXPECT_EQ(taken({"--log-level", "debug"}).logLevel, LogLevel::Debug);
+  EXPECT_EQ(taken({"--quiet"}).logLevel, LogLevel::kError);
+  EXPECT_EQ(taken({"-q"}).logLevel, LogLevel::kError);
+  EXPECT_EQ(taken({"-v"}).logLevel, LogLevel::kDebug);
+  EXPECT_EQ(taken({"--verbose"}).logLevel, LogLevel::kDebug);
+  EXPECT_EQ(taken({"--log-level", "error"}).logLevel, LogLevel::kError);
+  EXPECT_EQ(taken({"--log-level", "info"}).logLevel, LogLevel::kInfo);
+  EXPECT_EQ(taken({"--log-level", "debug"}).logLevel, LogLevel::kDebug);
 }
 
 TEST(Options, ctlTakesItsAgentsPlaceBeforeAndAfter) {
-  EXPECT_EQ(taken({"ctl", "insert"}).action, Options::Action::CtlInsert);
+  EXPECT_EQ(taken({"ctl", "insert"}).action, Options::Action::kCtlInsert);
   EXPECT_EQ(taken({"ctl", "remove", "--reader", "2"}).reader, 2u);
   const Options status = taken({"--control", "/c", "ctl", "status", "--json"});
-  EXPECT_EQ(status.action, Options::Action::CtlStatus);
+  EXPECT_EQ(status.action, Options::Action::kCtlStatus);
   EXPECT_EQ(status.control, "/c");
   EXPECT_TRUE(status.json);
 }

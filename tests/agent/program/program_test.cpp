@@ -78,8 +78,8 @@ TEST_F(Program, servesTheDriver) {
   DriverEnd driver;
   AgentProcess process(folder_, script(kPlain, {"--session-id", kSession}));
   EXPECT_EQ(driver.acceptSession(), kSession);
-  EXPECT_EQ(driver.queryAtr(AgentCommand::QueryAtrReset), kAtr);
-  EXPECT_EQ(driver.queryAtr(AgentCommand::QueryAtr), kAtr);
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kAtr);
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtr), kAtr);
   EXPECT_TRUE(driver.notifyReady());
   EXPECT_EQ(driver.transmit(kSelect), kOk);
 }
@@ -89,7 +89,7 @@ TEST_F(Program, servesTheReaderOfItsIndex) {
   DriverEnd driver(4294967295u);
   AgentProcess process(folder_, script(kPlain, {"--reader", "4294967295"}));
   driver.acceptSession();
-  EXPECT_EQ(driver.queryAtr(AgentCommand::QueryAtrReset), kAtr);
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kAtr);
 }
 
 TEST_F(Program, sessionIdIsFreshEachTime) {
@@ -111,7 +111,7 @@ TEST_F(Program, slowCardIsAnsweredForAfterFourAndAHalfSeconds) {
                                        "command 01 -> 010203 after 1000s\n"
                                        "command 02 -> 9000\n"));
   driver.acceptSession();
-  EXPECT_EQ(driver.queryAtr(AgentCommand::QueryAtrReset), kAtr);
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kAtr);
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(driver.transmit({0x01}), (Bytes{0x6F, 0x00}));
   EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(4400));
@@ -126,7 +126,7 @@ TEST_F(Program, cardIsReportedWithoutACommandAfterHalfASecond) {
   AgentProcess process(folder_, script(kPlain));
   driver.acceptSession();
   const auto begin = std::chrono::steady_clock::now();
-  EXPECT_EQ(driver.readEvent(), event(AgentEvent::CardInserted));
+  EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardInserted));
   EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(400));
 }
 
@@ -134,9 +134,9 @@ TEST_F(Program, scriptedRemovalEndsACommand) {
   DriverEnd driver;
   AgentProcess process(folder_, script("atr 3B00\ncommand 01 -> 9000 after 1000s\non 01 remove\n"));
   driver.acceptSession();
-  EXPECT_EQ(driver.queryAtr(AgentCommand::QueryAtrReset), kAtr);
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kAtr);
   EXPECT_EQ(driver.transmit({0x01}), Bytes());
-  EXPECT_EQ(driver.readEvent(), event(AgentEvent::CardRemoved));
+  EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardRemoved));
 }
 
 TEST_F(Program, largestResponseReachesTheDriver) {
@@ -153,11 +153,11 @@ TEST_F(Program, ctlMovesTheCardAndTellsTheState) {
   DriverEnd driver;
   AgentProcess process(folder_, script(kPlain, {"--no-card", "--session-id", kSession}));
   driver.acceptSession();
-  EXPECT_EQ(driver.queryAtr(AgentCommand::QueryAtrReset), Bytes());
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), Bytes());
   Ended ended = process.ctl({"insert"});
   EXPECT_EQ(ended.exitCode, 0) << ended.error;
-  EXPECT_EQ(driver.readEvent(), event(AgentEvent::CardInserted));
-  EXPECT_EQ(driver.queryAtr(AgentCommand::QueryAtrReset), kAtr);
+  EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardInserted));
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kAtr);
   ended = process.ctl({"status", "--json"});
   EXPECT_EQ(ended.exitCode, 0);
   EXPECT_EQ(ended.output, std::string("{\"reader\":0,\"connected\":true,\"backend\":\"script\","
@@ -167,7 +167,7 @@ TEST_F(Program, ctlMovesTheCardAndTellsTheState) {
   EXPECT_EQ(ended.exitCode, 1);
   EXPECT_EQ(ended.error, "zelta-agent: a card is in already\n");
   EXPECT_EQ(process.ctl({"remove"}).exitCode, 0);
-  EXPECT_EQ(driver.readEvent(), event(AgentEvent::CardRemoved));
+  EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardRemoved));
   ended = process.ctl({"status"});
   EXPECT_THAT(ended.output, HasSubstr("driver:    connected\n"));
   EXPECT_THAT(ended.output, HasSubstr("card:      out\n"));
@@ -183,11 +183,11 @@ TEST_F(Program, signalsMoveTheCard) {
   DriverEnd driver;
   AgentProcess process(folder_, script(kPlain));
   driver.acceptSession();
-  EXPECT_EQ(driver.queryAtr(AgentCommand::QueryAtrReset), kAtr);
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kAtr);
   process.signal(SIGUSR1);
-  EXPECT_EQ(driver.readEvent(), event(AgentEvent::CardRemoved));
+  EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardRemoved));
   process.signal(SIGUSR2);
-  EXPECT_EQ(driver.readEvent(), event(AgentEvent::CardInserted));
+  EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardInserted));
 }
 
 class EndingSignal : public Program, public testing::WithParamInterface<int> {};

@@ -66,7 +66,7 @@ TEST_F(Program, servesTheDriverWithAScriptOfWindowsLines) {
   DriverEnd driver;
   AgentProcess process(script("atr 3B00\r\ncommand 00A4* -> 9000\r\n", {"--session-id", kSession}));
   EXPECT_EQ(driver.acceptSession(), kSession);
-  EXPECT_EQ(driver.queryAtr(AgentCommand::QueryAtrReset), kAtr);
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kAtr);
   EXPECT_TRUE(driver.notifyReady());
   EXPECT_EQ(driver.transmit(kSelect), kOk);
 }
@@ -75,9 +75,9 @@ TEST_F(Program, scriptedRemovalEndsACommand) {
   DriverEnd driver;
   AgentProcess process(script("atr 3B00\ncommand 01 -> 9000 after 1000s\non 01 remove\n"));
   driver.acceptSession();
-  EXPECT_EQ(driver.queryAtr(AgentCommand::QueryAtrReset), kAtr);
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kAtr);
   EXPECT_EQ(driver.transmit({0x01}), Bytes());
-  EXPECT_EQ(driver.readEvent(), event(AgentEvent::CardRemoved));
+  EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardRemoved));
 }
 
 TEST_F(Program, largestResponseReachesTheDriver) {

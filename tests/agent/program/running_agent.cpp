@@ -49,7 +49,7 @@ agent::Timing patientTiming() {
 }
 
 RunningAgent::RunningAgent(agent::CardBackend& card, agent::Timing timing)
-    : log_(agent::LogLevel::Debug, lines_.sink()), pipes_(agent::makeSystemPipeClient()) {
+    : log_(agent::LogLevel::kDebug, lines_.sink()), pipes_(agent::makeSystemPipeClient()) {
   agent::Agent::Settings settings;
   settings.sessionId = kSession;
   settings.timing = timing;

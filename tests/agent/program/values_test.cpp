@@ -34,7 +34,7 @@ TEST(SessionId, formIsChecked) {
 
 TEST(Log, dropsWhatIsBelowItsLevel) {
   std::vector<std::string> lines;
-  Log log(LogLevel::Warning, [&](LogLevel level, const std::string& line) {
+  Log log(LogLevel::kWarning, [&](LogLevel level, const std::string& line) {
     lines.push_back(std::string(levelName(level)) + " " + line);
   });
   log.error("1");
@@ -42,7 +42,7 @@ TEST(Log, dropsWhatIsBelowItsLevel) {
   log.info("3");
   log.debug("4");
   EXPECT_EQ(lines, (std::vector<std::string>{"error 1", "warning 2"}));
-  EXPECT_FALSE(log.wants(LogLevel::Info));
+  EXPECT_FALSE(log.wants(LogLevel::kInfo));
 }
 
 TEST(Log, controlCharactersAreMadeVisible) {

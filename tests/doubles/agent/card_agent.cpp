@@ -25,19 +25,19 @@ bool CardAgent::connect() {
 
 void CardAgent::insert(Bytes atr) {
   setAtr(std::move(atr));
-  link_.sendEvent(AgentEvent::CardInserted);
+  link_.sendEvent(AgentEvent::kCardInserted);
 }
 
 void CardAgent::remove() {
   setAtr({});
-  link_.sendEvent(AgentEvent::CardRemoved);
+  link_.sendEvent(AgentEvent::kCardRemoved);
 }
 
 void CardAgent::swap(Bytes atr) {
   // The new card is there first: the driver may ask as soon as it knows of the removal.
   setAtr(std::move(atr));
-  link_.sendEvent(AgentEvent::CardRemoved);
-  link_.sendEvent(AgentEvent::CardInserted);
+  link_.sendEvent(AgentEvent::kCardRemoved);
+  link_.sendEvent(AgentEvent::kCardInserted);
 }
 
 void CardAgent::setCardIn(Bytes atr) { setAtr(std::move(atr)); }
@@ -86,15 +86,15 @@ std::optional<Bytes> CardAgent::answer(const LinkAgent::Command& command) {
     const MutexLock lock(mutex_);
     if (isIgnored(command.code)) return std::nullopt;
     switch (command.code) {
-      case AgentCommand::QueryAtrReset:
+      case AgentCommand::kQueryAtrReset:
         askedForCard_ = true;
         changed_.notifyAll();
         return resetFails() ? Bytes() : atr_;
-      case AgentCommand::QueryAtr:
+      case AgentCommand::kQueryAtr:
         return atr_;
-      case AgentCommand::NotifyCardReady:
+      case AgentCommand::kNotifyCardReady:
         return std::nullopt;
-      case AgentCommand::QueryTransmit:
+      case AgentCommand::kQueryTransmit:
         break;
     }
     if (atr_.empty()) return Bytes();

@@ -59,7 +59,7 @@ class CardAgent {
   Respond respond_ ZELTA_GUARDED_BY(mutex_);
   int resetsToSkip_ ZELTA_GUARDED_BY(mutex_) = 0;
   int resetsToFail_ ZELTA_GUARDED_BY(mutex_) = 0;
-  AgentCommand ignored_ ZELTA_GUARDED_BY(mutex_) = AgentCommand::QueryTransmit;
+  AgentCommand ignored_ ZELTA_GUARDED_BY(mutex_) = AgentCommand::kQueryTransmit;
   int toIgnore_ ZELTA_GUARDED_BY(mutex_) = 0;
   LinkAgent link_;
 };

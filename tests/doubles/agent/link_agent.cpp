@@ -34,7 +34,7 @@ void LinkAgent::die() {
 }
 
 bool LinkAgent::sendSessionLogId(const std::string& id) {
-  return sendEvent(AgentEvent::SessionLogId) &&
+  return sendEvent(AgentEvent::kSessionLogId) &&
          events_.writeNumber(static_cast<std::uint32_t>(id.size())) &&
          events_.write(id.data(), id.size());
 }
@@ -42,7 +42,7 @@ bool LinkAgent::sendSessionLogId(const std::string& id) {
 void LinkAgent::serve(const Answer& answer) {
   while (const std::optional<Command> command = readCommand()) {
     const std::optional<Bytes> payload = answer(*command);
-    if (command->code == AgentCommand::NotifyCardReady || !payload.has_value()) continue;
+    if (command->code == AgentCommand::kNotifyCardReady || !payload.has_value()) continue;
     if (!writePayload(*payload)) return;
   }
 }
@@ -51,7 +51,7 @@ std::optional<LinkAgent::Command> LinkAgent::readCommand() {
   const std::optional<std::uint32_t> code = command_.readNumber();
   if (!code.has_value()) return std::nullopt;
   Command command{static_cast<AgentCommand>(*code), {}};
-  if (command.code == AgentCommand::QueryTransmit) {
+  if (command.code == AgentCommand::kQueryTransmit) {
     const std::optional<std::uint32_t> size = command_.readNumber();
     if (!size.has_value()) return std::nullopt;
     command.apdu = command_.read(*size);

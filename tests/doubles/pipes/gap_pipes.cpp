@@ -53,7 +53,7 @@ PipeHandleValue GapPipes::handle(const std::string& name) {
 void GapPipes::passGap(Call call, PipeHandleValue pipe) {
   MutexLock lock(mutex_);
   if (call != hold_ || !endsWith(nameOf(pipe), holdName_)) return;
-  hold_ = Call::None;
+  hold_ = Call::kNone;
   held_ = true;
   changed_.notifyAll();
   changed_.wait(lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return !held_; });
@@ -78,7 +78,7 @@ PipeHandleValue GapPipes::create(const std::string& name,
 }
 
 bool GapPipes::connect(PipeHandleValue pipe) {
-  passGap(Call::Connect, pipe);
+  passGap(Call::kConnect, pipe);
   return pipes_.connect(pipe);
 }
 
@@ -97,17 +97,17 @@ bool GapPipes::cancel(PipeHandleValue pipe) {
 }
 
 bool GapPipes::read(PipeHandleValue pipe, void* data, std::uint32_t size) {
-  passGap(Call::Read, pipe);
+  passGap(Call::kRead, pipe);
   return pipes_.read(pipe, data, size);
 }
 
 bool GapPipes::write(PipeHandleValue pipe, const void* data, std::uint32_t size) {
-  passGap(Call::Write, pipe);
+  passGap(Call::kWrite, pipe);
   return pipes_.write(pipe, data, size);
 }
 
 bool GapPipes::flush(PipeHandleValue pipe) {
-  passGap(Call::Flush, pipe);
+  passGap(Call::kFlush, pipe);
   return pipes_.flush(pipe);
 }
 

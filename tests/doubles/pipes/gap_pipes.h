@@ -16,7 +16,7 @@ namespace zelta::test {
 
 class GapPipes final : public platform::PipeApi {
  public:
-  enum class Call { None, Connect, Read, Write, Flush };
+  enum class Call { kNone, kConnect, kRead, kWrite, kFlush };
 
   static constexpr std::chrono::seconds kLimit{30};
 
@@ -50,7 +50,7 @@ class GapPipes final : public platform::PipeApi {
   platform::PipeApi& pipes_;
   platform::Mutex mutex_;
   platform::ConditionVariable changed_;
-  Call hold_ ZELTA_GUARDED_BY(mutex_) = Call::None;
+  Call hold_ ZELTA_GUARDED_BY(mutex_) = Call::kNone;
   std::string holdName_ ZELTA_GUARDED_BY(mutex_);
   bool held_ ZELTA_GUARDED_BY(mutex_) = false;
   std::map<platform::PipeHandleValue, std::string> names_ ZELTA_GUARDED_BY(mutex_);

@@ -75,7 +75,7 @@ bool ScriptedPipes::convertSecurityDescriptor(const std::string& sddl,
                                               platform::SecurityDescriptor* out) {
   MutexLock lock(mutex_);
   PipeCall call;
-  call.kind = PipeCallKind::Convert;
+  call.kind = PipeCallKind::kConvert;
   call.text = sddl;
   std::uint32_t error = error::kSuccess;
   const std::size_t number = enter(std::move(call), &error);
@@ -87,7 +87,7 @@ PipeHandleValue ScriptedPipes::create(const std::string& name,
                                       const platform::PipeArguments& arguments) {
   MutexLock lock(mutex_);
   PipeCall call;
-  call.kind = PipeCallKind::Create;
+  call.kind = PipeCallKind::kCreate;
   call.text = name;
   call.arguments = arguments;
   std::uint32_t error = error::kSuccess;
@@ -105,7 +105,7 @@ PipeHandleValue ScriptedPipes::create(const std::string& name,
 bool ScriptedPipes::connect(PipeHandleValue pipe) {
   MutexLock lock(mutex_);
   PipeCall call;
-  call.kind = PipeCallKind::Connect;
+  call.kind = PipeCallKind::kConnect;
   call.pipe = pipe;
   std::uint32_t error = error::kSuccess;
   const std::size_t number = enter(std::move(call), &error);
@@ -118,15 +118,15 @@ bool ScriptedPipes::connect(PipeHandleValue pipe) {
 }
 
 bool ScriptedPipes::disconnect(PipeHandleValue pipe) {
-  return plainCall(PipeCallKind::Disconnect, pipe);
+  return plainCall(PipeCallKind::kDisconnect, pipe);
 }
 
-bool ScriptedPipes::cancel(PipeHandleValue pipe) { return plainCall(PipeCallKind::Cancel, pipe); }
+bool ScriptedPipes::cancel(PipeHandleValue pipe) { return plainCall(PipeCallKind::kCancel, pipe); }
 
 bool ScriptedPipes::read(PipeHandleValue pipe, void* data, std::uint32_t size) {
   MutexLock lock(mutex_);
   PipeCall call;
-  call.kind = PipeCallKind::Read;
+  call.kind = PipeCallKind::kRead;
   call.pipe = pipe;
   call.size = size;
   std::uint32_t error = error::kSuccess;
@@ -146,7 +146,7 @@ bool ScriptedPipes::read(PipeHandleValue pipe, void* data, std::uint32_t size) {
 bool ScriptedPipes::write(PipeHandleValue pipe, const void* data, std::uint32_t size) {
   MutexLock lock(mutex_);
   PipeCall call;
-  call.kind = PipeCallKind::Write;
+  call.kind = PipeCallKind::kWrite;
   call.pipe = pipe;
   call.size = size;
   const auto* bytes = static_cast<const std::uint8_t*>(data);
@@ -156,9 +156,9 @@ bool ScriptedPipes::write(PipeHandleValue pipe, const void* data, std::uint32_t 
   return leave(number, error);
 }
 
-bool ScriptedPipes::flush(PipeHandleValue pipe) { return plainCall(PipeCallKind::Flush, pipe); }
+bool ScriptedPipes::flush(PipeHandleValue pipe) { return plainCall(PipeCallKind::kFlush, pipe); }
 
-bool ScriptedPipes::close(PipeHandleValue pipe) { return plainCall(PipeCallKind::Close, pipe); }
+bool ScriptedPipes::close(PipeHandleValue pipe) { return plainCall(PipeCallKind::kClose, pipe); }
 
 bool ScriptedPipes::plainCall(PipeCallKind kind, PipeHandleValue pipe) {
   MutexLock lock(mutex_);
@@ -169,18 +169,18 @@ bool ScriptedPipes::plainCall(PipeCallKind kind, PipeHandleValue pipe) {
   const std::size_t number = enter(std::move(call), &error);
   if (error == error::kSuccess) {
     Pipe& state = pipeOf(pipe);
-    if (kind == PipeCallKind::Cancel) {
+    if (kind == PipeCallKind::kCancel) {
       if (!endWaits(state, error::kOperationAborted)) error = error::kNotFound;
-    } else if (kind == PipeCallKind::Disconnect || kind == PipeCallKind::Close) {
+    } else if (kind == PipeCallKind::kDisconnect || kind == PipeCallKind::kClose) {
       endWaits(state, error::kBrokenPipe);
     }
-    if (kind == PipeCallKind::Close) handles_.erase(pipe);
+    if (kind == PipeCallKind::kClose) handles_.erase(pipe);
   }
   return leave(number, error);
 }
 
 std::size_t ScriptedPipes::enter(PipeCall call, std::uint32_t* error) {
-  if (call.kind != PipeCallKind::Convert && call.kind != PipeCallKind::Create) {
+  if (call.kind != PipeCallKind::kConvert && call.kind != PipeCallKind::kCreate) {
     const auto found = handles_.find(call.pipe);
     if (found == handles_.end()) *error = error::kInvalidHandle;
     if (found != handles_.end()) call.text = found->second;

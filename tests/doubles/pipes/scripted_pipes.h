@@ -20,19 +20,19 @@
 namespace zelta::test {
 
 enum class PipeCallKind {
-  Convert,
-  Create,
-  Connect,
-  Disconnect,
-  Cancel,
-  Read,
-  Write,
-  Flush,
-  Close,
+  kConvert,
+  kCreate,
+  kConnect,
+  kDisconnect,
+  kCancel,
+  kRead,
+  kWrite,
+  kFlush,
+  kClose,
 };
 
 struct PipeCall {
-  PipeCallKind kind = PipeCallKind::Convert;
+  PipeCallKind kind = PipeCallKind::kConvert;
   std::string text;                          // Convert: the SDDL; else the pipe's name
   platform::PipeHandleValue pipe = nullptr;  // Create: the result
   platform::PipeArguments arguments;         // Create

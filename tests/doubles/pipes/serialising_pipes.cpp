@@ -35,11 +35,11 @@ SerialisingPipes::Client SerialisingPipes::connectClient(const std::string& name
     return kNoClient;
   }
   Pipe& pipe = *found;
-  if (pipe.state != State::Listening) {
+  if (pipe.state != State::kListening) {
     finish(error::kPipeBusy);
     return kNoClient;
   }
-  pipe.state = State::Connected;
+  pipe.state = State::kConnected;
   pipe.client = ++lastClient_;
   changed_.notifyAll();
   return pipe.client;
@@ -78,7 +78,7 @@ void SerialisingPipes::closeClient(Client client) {
   MutexLock lock(mutex_);
   const SharedPipe pipe = pipeOf(client);
   if (pipe == nullptr) return;
-  pipe->state = State::ClientGone;
+  pipe->state = State::kClientGone;
   pipe->client = kNoClient;
   if (!pipe->out.empty()) pipe->in.clear();
   pipe->out.clear();
@@ -157,23 +157,23 @@ bool SerialisingPipes::serve(PipeHandleValue pipe, Body body) {
   const SharedPipe found = find(pipe);
   if (found == nullptr) return finish(error::kInvalidHandle);
   const Turn turn(*this, *found, lock);
-  if (found->state == State::Closed) return finish(error::kInvalidHandle);
+  if (found->state == State::kClosed) return finish(error::kInvalidHandle);
   return finish(body(*found, lock));
 }
 
 bool SerialisingPipes::connect(PipeHandleValue pipe) {
   return serve(pipe, [this](Pipe& end, MutexLock& lock) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    if (end.state == State::Connected) return error::kPipeConnected;
-    if (end.state == State::ClientGone) return error::kNoData;
-    end.state = State::Listening;
-    return block(end, lock, [&] { return end.state != State::Listening; });
+    if (end.state == State::kConnected) return error::kPipeConnected;
+    if (end.state == State::kClientGone) return error::kNoData;
+    end.state = State::kListening;
+    return block(end, lock, [&] { return end.state != State::kListening; });
   });
 }
 
 bool SerialisingPipes::disconnect(PipeHandleValue pipe) {
   return serve(pipe, [this](Pipe& end, MutexLock&) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    if (end.state == State::Disconnected) return error::kPipeNotConnected;
-    drop(end, State::Disconnected);
+    if (end.state == State::kDisconnected) return error::kPipeNotConnected;
+    drop(end, State::kDisconnected);
     return error::kSuccess;
   });
 }
@@ -190,10 +190,10 @@ bool SerialisingPipes::cancel(PipeHandleValue pipe) {
 
 bool SerialisingPipes::read(PipeHandleValue pipe, void* data, std::uint32_t size) {
   return serve(pipe, [&](Pipe& end, MutexLock& lock) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    const bool leftBytes = end.state == State::ClientGone && !end.in.empty();
-    if (end.state != State::Connected && !leftBytes) return noClientError(end, error::kBrokenPipe);
+    const bool leftBytes = end.state == State::kClientGone && !end.in.empty();
+    if (end.state != State::kConnected && !leftBytes) return noClientError(end, error::kBrokenPipe);
     const std::uint32_t error =
-        block(end, lock, [&] { return end.in.size() >= size || end.state != State::Connected; });
+        block(end, lock, [&] { return end.in.size() >= size || end.state != State::kConnected; });
     if (error != error::kSuccess) return error;
     if (end.in.size() < size) {
       end.in.clear();
@@ -207,34 +207,34 @@ bool SerialisingPipes::read(PipeHandleValue pipe, void* data, std::uint32_t size
 
 bool SerialisingPipes::write(PipeHandleValue pipe, const void* data, std::uint32_t size) {
   return serve(pipe, [&](Pipe& end, MutexLock& lock) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    if (end.state == State::ClientGone) end.in.clear();
-    if (end.state != State::Connected) return noClientError(end, error::kNoData);
+    if (end.state == State::kClientGone) end.in.clear();
+    if (end.state != State::kConnected) return noClientError(end, error::kNoData);
     const auto* bytes = static_cast<const std::uint8_t*>(data);
     end.out.insert(end.out.end(), bytes, bytes + size);
     changed_.notifyAll();
     const std::uint32_t error = block(end, lock, [&] {
-      return end.out.size() <= end.outBufferSize || end.state != State::Connected;
+      return end.out.size() <= end.outBufferSize || end.state != State::kConnected;
     });
     // What of it the client has not read is taken back.
     if (error != error::kSuccess) end.out.clear();
     if (error != error::kSuccess) return error;
-    return end.state == State::Connected ? error::kSuccess : error::kNoData;
+    return end.state == State::kConnected ? error::kSuccess : error::kNoData;
   });
 }
 
 bool SerialisingPipes::flush(PipeHandleValue pipe) {
   return serve(pipe, [&](Pipe& end, MutexLock& lock) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    if (end.state != State::Connected) return noClientError(end, error::kBrokenPipe);
+    if (end.state != State::kConnected) return noClientError(end, error::kBrokenPipe);
     const std::uint32_t error =
-        block(end, lock, [&] { return end.out.empty() || end.state != State::Connected; });
+        block(end, lock, [&] { return end.out.empty() || end.state != State::kConnected; });
     if (error != error::kSuccess) return error;
-    return end.state == State::Connected ? error::kSuccess : error::kBrokenPipe;
+    return end.state == State::kConnected ? error::kSuccess : error::kBrokenPipe;
   });
 }
 
 bool SerialisingPipes::close(PipeHandleValue pipe) {
   return serve(pipe, [this, pipe](Pipe& end, MutexLock&) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    drop(end, State::Closed);
+    drop(end, State::kClosed);
     pipes_.erase(pipe);
     return error::kSuccess;
   });
@@ -281,14 +281,14 @@ void SerialisingPipes::drop(Pipe& pipe, State next) {
 
 std::uint32_t SerialisingPipes::noClientError(const Pipe& pipe, std::uint32_t whenGone) {
   switch (pipe.state) {
-    case State::Listening:
+    case State::kListening:
       return error::kPipeListening;
-    case State::Disconnected:
+    case State::kDisconnected:
       return error::kPipeNotConnected;
-    case State::ClientGone:
+    case State::kClientGone:
       return whenGone;
-    case State::Connected:
-    case State::Closed:
+    case State::kConnected:
+    case State::kClosed:
       break;
   }
   return error::kInvalidHandle;

@@ -78,11 +78,11 @@ class SerialisingPipes final : public platform::PipeApi {
   bool close(platform::PipeHandleValue pipe) override;
 
  private:
-  enum class State { Listening, Connected, ClientGone, Disconnected, Closed };
+  enum class State { kListening, kConnected, kClientGone, kDisconnected, kClosed };
   struct Pipe {
     std::string name;
     std::uint32_t outBufferSize = 0;
-    State state = State::Listening;
+    State state = State::kListening;
     Client client = kNoClient;
     std::deque<std::uint8_t> in;      // written by the client, not read
     std::deque<std::uint8_t> out;     // written to the client, not read

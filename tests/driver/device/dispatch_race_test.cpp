@@ -40,11 +40,11 @@ TEST_F(DispatchRace, CancelRacesTheEvent) {
   for (int round = 0; round < test::repetitions(2000); ++round) {
     log_.clear();
     const bool insert = round % 2 == 0;
-    story_.checkResult = insert ? QueryResult::Failure : QueryResult::Success;
+    story_.checkResult = insert ? QueryResult::kFailure : QueryResult::kSuccess;
     const auto request = make();
     std::thread canceller([&] { request->cancel(); });
     std::thread agent(
-        [&] { completeWaiting(insert ? CardEvent::Inserted : CardEvent::Removed, 0); });
+        [&] { completeWaiting(insert ? CardEvent::kInserted : CardEvent::kRemoved, 0); });
     dispatch(request.get(), insert ? IOCTL_SMARTCARD_IS_PRESENT : IOCTL_SMARTCARD_IS_ABSENT, {});
     canceller.join();
     agent.join();
@@ -66,7 +66,7 @@ TEST_F(DispatchRace, AllControlsAtOnce) {
     threads.emplace_back([&, thread] {
       for (unsigned i = 0; i < 400; ++i) {
         const auto request = make(setup);
-        story_.checkResult = i % 2 == 0 ? QueryResult::Failure : QueryResult::Success;
+        story_.checkResult = i % 2 == 0 ? QueryResult::kFailure : QueryResult::kSuccess;
         dispatch(request.get(), kCodes[(i + thread) % kCodes.size()], setup);
         request->cancel();
         EXPECT_TRUE(request->outcome()->completed());
@@ -74,8 +74,8 @@ TEST_F(DispatchRace, AllControlsAtOnce) {
     });
   }
   for (std::thread& thread : threads) thread.join();
-  EXPECT_FALSE(reader_->waiting().any(CardEvent::Inserted));
-  EXPECT_FALSE(reader_->waiting().any(CardEvent::Removed));
+  EXPECT_FALSE(reader_->waiting().any(CardEvent::kInserted));
+  EXPECT_FALSE(reader_->waiting().any(CardEvent::kRemoved));
 }
 
 // Whoever has got in stays until the exchanges are ended, and comes in before, during or after
@@ -152,8 +152,8 @@ TEST_F(DispatchRace, ShutdownRacesDispatchAndCancel) {
   for (int round = 0; round < test::repetitions(300); ++round) {
     takeDown();
     story_.onShutdown = [this] {
-      completeWaiting(CardEvent::Removed, framework::hresult(0x800704C7));
-      completeWaiting(CardEvent::Inserted, framework::hresult(0x800704C7));
+      completeWaiting(CardEvent::kRemoved, framework::hresult(0x800704C7));
+      completeWaiting(CardEvent::kInserted, framework::hresult(0x800704C7));
     };
     bringUp();
     const auto first = make();

@@ -80,7 +80,7 @@ TEST_P(Codes, ReachTheirHandler) {
   setup.input = Bytes{0x02, 0x00, 0xFF, 0x7F};
   setup.outputCapacity = 64;
   story_.checkResult =
-      GetParam().code == IOCTL_SMARTCARD_IS_PRESENT ? QueryResult::Success : QueryResult::Failure;
+      GetParam().code == IOCTL_SMARTCARD_IS_PRESENT ? QueryResult::kSuccess : QueryResult::kFailure;
   const auto outcome = send(GetParam().code, setup);
   EXPECT_TRUE(outcome->completed());
   const auto records = log_.recordsAboveDebug();
@@ -291,7 +291,7 @@ class Cancel : public Dispatch {
   framework::ComPtr<FakeWdfRequest> wait(const RequestSetup& setup = {},
                                          std::uint32_t code = IOCTL_SMARTCARD_IS_PRESENT) {
     story_.checkResult =
-        code == IOCTL_SMARTCARD_IS_ABSENT ? QueryResult::Success : QueryResult::Failure;
+        code == IOCTL_SMARTCARD_IS_ABSENT ? QueryResult::kSuccess : QueryResult::kFailure;
     auto request = framework::ComPtr<FakeWdfRequest>(new FakeWdfRequest(setup));
     dispatch(request.get(), code, setup);
     EXPECT_TRUE(request->markedCancelable());
@@ -310,7 +310,7 @@ TEST_F(Cancel, OfAWaitingRequestTakesItOutOfItsListAndCompletesIt) {
   request->cancel();
   EXPECT_EQ(request->outcome()->status(), kCancelled);
   EXPECT_EQ(request->outcome()->information(), 0u);
-  EXPECT_FALSE(reader_->waiting().any(CardEvent::Inserted));
+  EXPECT_FALSE(reader_->waiting().any(CardEvent::kInserted));
   EXPECT_THAT(log_.recordsAboveDebug(), ElementsAre(info("[CREQ]Cancel Insert")));
   EXPECT_EQ(log_.records().front().text, "Start section:CMyDevice::OnCancel");
 }
@@ -344,8 +344,8 @@ TEST_F(Cancel, OfAWaitingRequestWithoutAnIndexTakesItOutOfItsList) {
     request->rename(L"", framework::hresult(0x80070005));
     request->cancel();
     expectRefused(*request->outcome(), kCancelled);
-    EXPECT_FALSE(reader_->waiting().any(CardEvent::Inserted));
-    EXPECT_FALSE(reader_->waiting().any(CardEvent::Removed));
+    EXPECT_FALSE(reader_->waiting().any(CardEvent::kInserted));
+    EXPECT_FALSE(reader_->waiting().any(CardEvent::kRemoved));
     EXPECT_THAT(log_.recordsAboveDebug(),
                 ElementsAre(error(0x80070005, "Instance ID cannot be retrieved from request"),
                             error(1223, "[OnCancel]Instance ID cannot be retrieved")));
@@ -357,7 +357,7 @@ TEST_F(Cancel, OfAWaitingRequestWithTheIndexOfNoReaderTakesItOutOfItsList) {
   request->rename(L"\\dev7");
   request->cancel();
   expectRefused(*request->outcome(), kCancelled);
-  EXPECT_FALSE(reader_->waiting().any(CardEvent::Inserted));
+  EXPECT_FALSE(reader_->waiting().any(CardEvent::kInserted));
   EXPECT_THAT(log_.errors(), ElementsAre(error(1223, "[OnCancel]The reader is gone")));
 }
 
@@ -376,7 +376,7 @@ TEST_F(Cancel, BeforeTheRequestIsMarkedCompletesItWhileItIsMarked) {
   request->cancel();
   dispatch(request.get(), IOCTL_SMARTCARD_IS_PRESENT, {});
   EXPECT_EQ(request->outcome()->status(), kCancelled);
-  EXPECT_FALSE(reader_->waiting().any(CardEvent::Inserted));
+  EXPECT_FALSE(reader_->waiting().any(CardEvent::kInserted));
 }
 
 }  // namespace

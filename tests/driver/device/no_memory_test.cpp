@@ -142,7 +142,7 @@ class NoMemoryForRequests : public NoMemory {
 class NoMemoryIo : public NoMemoryForRequests, public testing::WithParamInterface<std::uint32_t> {};
 
 TEST_P(NoMemoryIo, CompletesTheRequestOnceOrLeavesItWaiting) {
-  for (const QueryResult check : {QueryResult::Success, QueryResult::Failure}) {
+  for (const QueryResult check : {QueryResult::kSuccess, QueryResult::kFailure}) {
     story_.checkResult = check;
     withEveryShortage([&](int allocations) {
       log_.clear();

@@ -27,7 +27,7 @@ struct ReaderStory {
 
   std::mutex mutex;
   std::vector<std::string> events;
-  std::atomic<QueryResult> checkResult{QueryResult::Failure};
+  std::atomic<QueryResult> checkResult{QueryResult::kFailure};
   std::function<void()> onCheck;
   std::function<void()> onEndExchanges;
   std::function<void()> onShutdown;
@@ -49,11 +49,11 @@ class RecordingReader final : public Reader {
   QueryResult QueryTransmit(const Bytes&, Bytes& response) override {
     if (story_.onTransmit) story_.onTransmit();
     response = {0x90, 0x00};
-    return QueryResult::Success;
+    return QueryResult::kSuccess;
   }
   QueryResult QueryAtr(Bytes& atr, bool) override {
     atr = {0x3B, 0x00};
-    return QueryResult::Success;
+    return QueryResult::kSuccess;
   }
   QueryResult CheckATR() override {
     if (story_.onCheck) story_.onCheck();

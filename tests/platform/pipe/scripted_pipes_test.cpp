@@ -48,9 +48,9 @@ TEST_F(ScriptedPipesTest, RecordsEveryCallWithItsArgumentsInOrder) {
 
   const std::vector<PipeCall> calls = pipes.calls();
   ASSERT_EQ(calls.size(), 8U);
-  EXPECT_EQ(calls[0].kind, PipeCallKind::Convert);
+  EXPECT_EQ(calls[0].kind, PipeCallKind::kConvert);
   EXPECT_EQ(calls[0].text, "D:");
-  EXPECT_EQ(calls[1].kind, PipeCallKind::Create);
+  EXPECT_EQ(calls[1].kind, PipeCallKind::kCreate);
   EXPECT_EQ(calls[1].text, kFirst);
   EXPECT_EQ(calls[1].pipe, pipe);
   EXPECT_EQ(calls[1].arguments.openMode, 1U);
@@ -60,23 +60,23 @@ TEST_F(ScriptedPipesTest, RecordsEveryCallWithItsArgumentsInOrder) {
   EXPECT_EQ(calls[1].arguments.inBufferSize, 5U);
   EXPECT_EQ(calls[1].arguments.defaultTimeout, 6U);
   EXPECT_EQ(calls[1].arguments.securityDescriptor, pipes.descriptor());
-  EXPECT_EQ(calls[2].kind, PipeCallKind::Connect);
-  EXPECT_EQ(calls[3].kind, PipeCallKind::Write);
+  EXPECT_EQ(calls[2].kind, PipeCallKind::kConnect);
+  EXPECT_EQ(calls[3].kind, PipeCallKind::kWrite);
   EXPECT_EQ(calls[3].text, kFirst);
   EXPECT_EQ(calls[3].size, 2U);
   EXPECT_EQ(calls[3].data, (Bytes{'a', 'b'}));
-  EXPECT_EQ(calls[4].kind, PipeCallKind::Flush);
-  EXPECT_EQ(calls[5].kind, PipeCallKind::Cancel);
+  EXPECT_EQ(calls[4].kind, PipeCallKind::kFlush);
+  EXPECT_EQ(calls[5].kind, PipeCallKind::kCancel);
   EXPECT_EQ(calls[5].error, error::kNotFound);
-  EXPECT_EQ(calls[6].kind, PipeCallKind::Disconnect);
-  EXPECT_EQ(calls[7].kind, PipeCallKind::Close);
+  EXPECT_EQ(calls[6].kind, PipeCallKind::kDisconnect);
+  EXPECT_EQ(calls[7].kind, PipeCallKind::kClose);
   EXPECT_EQ(calls[7].error, error::kSuccess);
 }
 
 TEST_F(ScriptedPipesTest, CallsFailAsToldByNumberAndName) {
   const PipeHandleValue second = pipes_.create(kSecond, {});
-  pipes_.fail(PipeCallKind::Connect, error::kBadPipe, 2, 2);
-  pipes_.fail(PipeCallKind::Flush, error::kGenFailure, 1, ScriptedPipes::kForever, kSecond);
+  pipes_.fail(PipeCallKind::kConnect, error::kBadPipe, 2, 2);
+  pipes_.fail(PipeCallKind::kFlush, error::kGenFailure, 1, ScriptedPipes::kForever, kSecond);
   EXPECT_EQ(connect(first_), kPipeOk);
   EXPECT_EQ(connect(first_), pipeError(error::kBadPipe));
   EXPECT_EQ(connect(second), pipeError(error::kBadPipe));
@@ -88,8 +88,8 @@ TEST_F(ScriptedPipesTest, CallsFailAsToldByNumberAndName) {
 }
 
 TEST_F(ScriptedPipesTest, ConversionAndCreationFailAsTold) {
-  pipes_.fail(PipeCallKind::Convert, error::kInvalidParameter);
-  pipes_.fail(PipeCallKind::Create, error::kAccessDenied, 1, 1, kSecond);
+  pipes_.fail(PipeCallKind::kConvert, error::kInvalidParameter);
+  pipes_.fail(PipeCallKind::kCreate, error::kAccessDenied, 1, 1, kSecond);
   platform::SecurityDescriptor descriptor = nullptr;
   EXPECT_FALSE(pipes_.convertSecurityDescriptor("D:", &descriptor));
   EXPECT_EQ(descriptor, nullptr);
@@ -106,7 +106,7 @@ TEST_F(ScriptedPipesTest, ReadsTakeWhatIsFedAndWaitForTheRest) {
   EXPECT_EQ(bytes, (Bytes{1, 2}));
   PipeCallThread call([&] { return pipes_.read(first_, bytes.data(), 2); });
   ASSERT_TRUE(pipes_.waitUntilBlocked(kFirst));
-  EXPECT_EQ(pipes_.calls(PipeCallKind::Read).back().error, PipeCall::kRunning);
+  EXPECT_EQ(pipes_.calls(PipeCallKind::kRead).back().error, PipeCall::kRunning);
   pipes_.feed(kFirst, {4});
   EXPECT_EQ(call.outcome(), kPipeOk);
   EXPECT_EQ(bytes, (Bytes{3, 4}));
@@ -136,7 +136,7 @@ TEST_F(ScriptedPipesTest, BlockedReadIsReleasedByCancelDisconnectAndClose) {
 TEST_F(ScriptedPipesTest, HeldConnectWaitsUntilItIsLet) {
   pipes_.holdConnect(kFirst);
   PipeCallThread call([this] { return pipes_.connect(first_); });
-  ASSERT_TRUE(pipes_.waitForCalls(PipeCallKind::Connect, 1));
+  ASSERT_TRUE(pipes_.waitForCalls(PipeCallKind::kConnect, 1));
   ASSERT_TRUE(pipes_.waitUntilBlocked(kFirst));
   pipes_.letConnect(kFirst);
   EXPECT_EQ(call.outcome(), kPipeOk);

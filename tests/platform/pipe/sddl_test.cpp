@@ -37,10 +37,10 @@ using Entries = std::vector<AccessEntry>;
 
 TEST(SddlTest, EntriesComeInTheirOrder) {
   EXPECT_EQ(parsed("D:(D;OICI;GA;;;BG)(D;OICI;GA;;;AN)(A;OICI;GA;;;LS)(A;OICI;GA;;;SY)"),
-            (Entries{{false, Trustee::Guests, true, true},
-                     {false, Trustee::Anonymous, true, true},
-                     {true, Trustee::LocalService, true, true},
-                     {true, Trustee::System, true, true}}));
+            (Entries{{false, Trustee::kGuests, true, true},
+                     {false, Trustee::kAnonymous, true, true},
+                     {true, Trustee::kLocalService, true, true},
+                     {true, Trustee::kSystem, true, true}}));
 }
 
 TEST(SddlTest, ListWithoutEntriesIsValid) {
@@ -52,14 +52,14 @@ TEST(SddlTest, TrusteesAreKnownByAliasAndBySid) {
   const struct {
     const char* text;
     Trustee trustee;
-  } known[] = {{"SY", Trustee::System},         {"S-1-5-18", Trustee::System},
-               {"LS", Trustee::LocalService},   {"S-1-5-19", Trustee::LocalService},
-               {"BG", Trustee::Guests},         {"S-1-5-32-546", Trustee::Guests},
-               {"AN", Trustee::Anonymous},      {"S-1-5-7", Trustee::Anonymous},
-               {"WD", Trustee::Everyone},       {"S-1-1-0", Trustee::Everyone},
-               {"BA", Trustee::Administrators}, {"S-1-5-32-544", Trustee::Administrators},
-               {"OW", Trustee::Owner},          {"S-1-3-4", Trustee::Owner},
-               {"CO", Trustee::Owner},          {"S-1-3-0", Trustee::Owner}};
+  } known[] = {{"SY", Trustee::kSystem},         {"S-1-5-18", Trustee::kSystem},
+               {"LS", Trustee::kLocalService},   {"S-1-5-19", Trustee::kLocalService},
+               {"BG", Trustee::kGuests},         {"S-1-5-32-546", Trustee::kGuests},
+               {"AN", Trustee::kAnonymous},      {"S-1-5-7", Trustee::kAnonymous},
+               {"WD", Trustee::kEveryone},       {"S-1-1-0", Trustee::kEveryone},
+               {"BA", Trustee::kAdministrators}, {"S-1-5-32-544", Trustee::kAdministrators},
+               {"OW", Trustee::kOwner},          {"S-1-3-4", Trustee::kOwner},
+               {"CO", Trustee::kOwner},          {"S-1-3-0", Trustee::kOwner}};
   for (const auto& one : known) {
     EXPECT_EQ(parsed("D:(A;;GA;;;" + std::string(one.text) + ")"),
               (Entries{{true, one.trustee, true, true}}))
@@ -81,7 +81,7 @@ TEST(SddlTest, RightsAreReadAsReadingAndWriting) {
       {"0x20000", false, false}};
   for (const auto& one : known) {
     EXPECT_EQ(parsed("D:(D;;" + std::string(one.text) + ";;;WD)"),
-              (Entries{{false, Trustee::Everyone, one.read, one.write}}))
+              (Entries{{false, Trustee::kEveryone, one.read, one.write}}))
         << one.text;
   }
 }
@@ -93,7 +93,7 @@ TEST(SddlTest, OwnerAndGroupAreAcceptedBeforeTheList) {
 
 TEST(SddlTest, EntryThatIsOnlyInheritedDoesNotApply) {
   EXPECT_EQ(parsed("D:(A;OICIIO;GA;;;WD)(A;;GA;;;SY)"),
-            (Entries{{true, Trustee::System, true, true}}));
+            (Entries{{true, Trustee::kSystem, true, true}}));
 }
 
 TEST(SddlTest, MalformedTextIsRefused) {
