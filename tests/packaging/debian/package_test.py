@@ -69,11 +69,19 @@ class DebianPackage(unittest.TestCase):
             "usr/share/doc/zelta-vsc/README.md",
             "usr/share/doc/zelta-vsc/changelog",
             "usr/share/doc/zelta-vsc/copyright",
+            "usr/share/bash-completion/completions/zelta",
+            "usr/share/bash-completion/completions/zelta-agent",
+            "usr/share/bash-completion/completions/zelta-logs",
             "usr/share/man/man1/zelta.1",
             "usr/share/man/man1/zelta-agent.1",
             "usr/share/man/man1/zelta-logs.1",
+            "usr/share/man/man5/zelta-agent.conf.5",
+            "usr/share/man/man5/zelta-card-script.5",
+            "usr/share/man/man5/zelta-registry.5",
+            "usr/share/man/man8/libifdzelta.8",
             "usr/share/zelta/first-card.sh",
             "usr/share/zelta/make-demo-db.sh",
+            "usr/share/zsh/vendor-completions/_zelta",
         })
 
     def test_everyone_may_read_and_root_alone_write(self):
