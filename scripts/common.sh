@@ -24,6 +24,16 @@ zelta_version() {
   sed -n 's/^project(zelta_vsc VERSION \([0-9.]*\).*/\1/p' "$ZELTA_ROOT/CMakeLists.txt"
 }
 
+# The package's version: that of the commit's tag, if it has one.
+package_version() {
+  local tag
+  if tag=$(git -C "$ZELTA_ROOT" describe --exact-match --match 'v[0-9]*' 2>/dev/null); then
+    printf '%s' "${tag#v}"
+  else
+    printf '%s~git%s' "$(zelta_version)" "$(git -C "$ZELTA_ROOT" rev-list --count HEAD)"
+  fi
+}
+
 # Runs a command as root and says what for.
 as_root() {
   local purpose=$1

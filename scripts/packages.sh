@@ -11,7 +11,11 @@ RUN_PACKAGES=(
   pcscd opensc opensc-pkcs11 pcsc-tools libnss3-tools openssl openssh-client util-linux
 )
 TEST_PACKAGES=(
-  python3-pyscard shellcheck libbenchmark-dev procps
+  debhelper lintian python3-pyscard shellcheck libbenchmark-dev procps
+)
+# What the Debian package is made with.
+PACKAGE_PACKAGES=(
+  "${BUILD_PACKAGES[@]}" debhelper dpkg-dev
 )
 BENCH_PACKAGES=(
   strace

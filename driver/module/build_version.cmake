@@ -1,8 +1,13 @@
 # Writes the header with the build's version; leaves it untouched where nothing has changed.
-#   cmake -DSOURCE=<checkout> -DVERSION=<project version> -DHEADER=<file> -P build_version.cmake
+#   cmake -DSOURCE=<checkout> -DVERSION=<project version> -DHEADER=<file> [-DCOMMIT=<commit>]
+#         -P build_version.cmake
+# Without a commit it is the checkout's.
 set(commit "unknown")
+if(COMMIT)
+  set(commit "${COMMIT}")
+endif()
 # Only the project's own checkout counts, not one that the sources happen to lie in.
-if(EXISTS "${SOURCE}/.git")
+if(NOT COMMIT AND EXISTS "${SOURCE}/.git")
   find_program(GIT git)
   if(GIT)
     execute_process(COMMAND "${GIT}" -C "${SOURCE}" rev-parse --short HEAD

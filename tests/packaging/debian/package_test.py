@@ -7,66 +7,99 @@ import tempfile
 import unittest
 
 import stack
+from booted_system import BootedSystem
 from copied_system import CopiedSystem
 from stack import PIN, run, wait_until
 
-VERSION = os.environ["ZELTA_VERSION"]
 READER = "Zelta Virtual SmartCard Reader 00 00"
 ENTRY = "/etc/reader.conf.d/zelta"
+CONFFILES = (ENTRY, "/etc/zelta/agent0.conf", "/etc/zelta/registry.reg")
 CARD = "/var/lib/zelta/card"
 LOGS = "/var/log/Vornhalt/ZeltaAgent/logs"
+AGENT = "zelta-agent@0.service"
 ACCOUNTS = ("/etc/passwd", "/etc/group", "/etc/shadow", "/etc/gshadow")
-# What the package manager and its triggers keep for themselves.
-OF_THE_SYSTEM = re.compile(r"/var/(lib/dpkg|cache|log/(dpkg|alternatives)\.log)(/|$)|/etc/[a-z]+-$")
+# What the package manager and its triggers keep for themselves, and systemd of its services.
+OF_THE_SYSTEM = re.compile(r"/var/(lib/(dpkg|systemd)|cache|log/((dpkg|alternatives)\.log|journal))(/|$)"
+                           r"|/etc/[a-z]+-$|/etc/systemd/system/[a-z-]+\.(service|socket|automount)$")
 
 
 def package():
-    architecture = run("dpkg", "--print-architecture").stdout.strip()
-    return pathlib.Path(os.environ["ZELTA_PACKAGE_FOLDER"],
-                        f"zelta-vsc_{VERSION}_{architecture}.deb")
+    found = list(pathlib.Path(os.environ["ZELTA_PACKAGE_FOLDER"]).glob("zelta-vsc_*.deb"))
+    assert len(found) == 1, found
+    return found[0]
+
+
+def field(name):
+    return run("dpkg-deb", "--field", package(), name).stdout.strip()
+
+
+def later_package(folder):
+    """The same package with a later version."""
+    content = pathlib.Path(folder, "content")
+    run("dpkg-deb", "--raw-extract", package(), content)
+    control = content / "DEBIAN" / "control"
+    control.write_text(re.sub(r"(?m)^(Version: .*)$", r"\1+later", control.read_text()))
+    later = pathlib.Path(folder, "later.deb")
+    run("dpkg-deb", "--root-owner-group", "-Znone", "--build", content, later)
+    return later
 
 
 class DebianPackage(unittest.TestCase):
     def test_package_holds_what_is_used(self):
         listing = run("dpkg-deb", "--contents", package()).stdout
-        files = {line.split(" ./", 1)[1] for line in listing.splitlines() if line[0] == "-"}
+        files = {line.split(" ./", 1)[1].removesuffix(".gz")
+                 for line in listing.splitlines() if line[0] == "-"}
         documents = {f"usr/share/doc/zelta-vsc/docs/{path.name}"
                      for pattern in ("*.md", "*.svg")
                      for path in (stack.SOURCE / "docs").glob(pattern)}
         self.assertEqual(documents - files, set())
         self.assertEqual(files - documents, {
+            "etc/reader.conf.d/zelta",
+            "etc/zelta/agent0.conf",
+            "etc/zelta/registry.reg",
+            "lib/systemd/system/zelta-agent@.service",
+            "lib/systemd/system/zelta-agents.target",
+            "usr/bin/zelta",
             "usr/bin/zelta-agent",
             "usr/bin/zelta-logs",
-            "usr/lib/systemd/system/zelta-agent@.service",
+            "usr/lib/sysusers.d/zelta-vsc.conf",
+            "usr/lib/tmpfiles.d/zelta-vsc.conf",
             "usr/lib/zelta/libifdzelta.so",
             "usr/lib/zelta/libzelta_vsc.so",
             "usr/share/doc/zelta-vsc/README.md",
-            "usr/share/man/man1/zelta-agent.1.gz",
-            "usr/share/man/man1/zelta-logs.1.gz",
+            "usr/share/doc/zelta-vsc/changelog",
+            "usr/share/doc/zelta-vsc/copyright",
+            "usr/share/bash-completion/completions/zelta",
+            "usr/share/bash-completion/completions/zelta-agent",
+            "usr/share/bash-completion/completions/zelta-logs",
+            "usr/share/man/man1/zelta.1",
+            "usr/share/man/man1/zelta-agent.1",
+            "usr/share/man/man1/zelta-logs.1",
+            "usr/share/man/man5/zelta-agent.conf.5",
+            "usr/share/man/man5/zelta-card-script.5",
+            "usr/share/man/man5/zelta-registry.5",
+            "usr/share/man/man8/libifdzelta.8",
+            "usr/share/zelta/first-card.sh",
             "usr/share/zelta/make-demo-db.sh",
-            "usr/share/zelta/reader.conf",
+            "usr/share/zsh/vendor-completions/_zelta",
         })
 
     def test_everyone_may_read_and_root_alone_write(self):
         for line in run("dpkg-deb", "--contents", package()).stdout.splitlines():
             self.assertRegex(line, r"^(drwxr-xr-x|-rwxr-xr-x|-rw-r--r--) root/root ")
 
-    def test_control_fields_and_scripts(self):
-        def field(name):
-            return run("dpkg-deb", "--field", package(), name).stdout.strip()
-
+    def test_control_fields_and_conffiles(self):
         self.assertEqual(field("Package"), "zelta-vsc")
-        self.assertEqual(field("Version"), VERSION)
+        self.assertRegex(field("Version"), r"^\d+\.\d+\.\d+(~git\d+)?$")
         depends = {word.split()[0] for word in field("Depends").split(", ")}
-        needed = {"pcscd", "passwd", "libc6", "libcacard0", "libnss3", "libpcsclite1"}
+        needed = {"pcscd", "libnss3-tools", "libc6", "libcacard0", "libnss3", "libpcsclite1"}
         self.assertEqual(needed - depends, set())
-        folder = self.enterContext(tempfile.TemporaryDirectory())
-        run("dpkg-deb", "--control", package(), folder)
-        self.assertEqual(set(os.listdir(folder)),
-                         {"control", "md5sums", "postinst", "prerm", "postrm"})
-        for name in ("postinst", "prerm", "postrm"):
-            self.assertEqual(pathlib.Path(folder, name).read_text(),
-                             (stack.SOURCE / "packaging" / "debian" / name).read_text())
+        conffiles = run("dpkg-deb", "--info", package(), "conffiles").stdout.split()
+        self.assertEqual(set(conffiles), set(CONFFILES))
+
+    def test_lintian_finds_neither_errors_nor_warnings(self):
+        found = run("lintian", "--allow-root", "--fail-on", "error,warning", package()).stdout
+        self.assertEqual(found, "")
 
 
 class DebianInstallation(unittest.TestCase):
@@ -127,16 +160,12 @@ class DebianInstallation(unittest.TestCase):
         log = self.system.run("zelta-logs", "--no-follow", "--all").stdout
         self.assertIn("Command named pipe connected", log)
 
-    def test_installing_again_leaves_settings_as_they_are(self):
-        settings = {"/etc/zelta/registry.reg": "Windows Registry Editor Version 5.00\n",
-                    "/etc/zelta/agent0.conf": "ZELTA_AGENT_OPTIONS=--no-card\n"}
-        for name, text in settings.items():
-            self.system.path(name).write_text(text)
-        self.system.path(ENTRY).write_text("# of an earlier release\n")
-        self.dpkg("--install", "/tmp/zelta.deb")
-        for name, text in settings.items():
-            self.assertEqual(self.system.path(name).read_text(), text)
-        self.assertIn(READER[:-6], self.system.path(ENTRY).read_text())
+    def test_first_log_has_no_error_about_the_registry(self):
+        self.start_pcscd()
+        self.readers()
+        wait_until(lambda: list(self.system.path(LOGS).iterdir()), "a log")
+        for log in self.system.path(LOGS).iterdir():
+            self.assertNotIn("registry", log.read_text())
 
     def test_removed_package_leaves_a_pcscd_that_starts_and_the_logs(self):
         log = self.system.path(LOGS) / "zelta_vsc_2024_03_05T14_07_09_042Z.txt"
@@ -153,15 +182,99 @@ class DebianInstallation(unittest.TestCase):
         self.start_pcscd()
         self.start_agent()
         self.end_processes()
-        wants = self.system.path("/etc/systemd/system/multi-user.target.wants")
-        wants.mkdir(parents=True, exist_ok=True)
-        (wants / "zelta-agent@0.service").symlink_to("/lib/systemd/system/zelta-agent@.service")
-        self.system.path("/etc/zelta/registry.reg").write_text("")
         self.dpkg("--purge", "zelta-vsc")
         left = [path for path in self.system.new_paths() if not OF_THE_SYSTEM.search(path)]
         self.assertEqual(left, [])
         for name, content in self.accounts.items():
             self.assertEqual(self.system.path(name).read_bytes(), content, name)
+
+
+class DebianService(unittest.TestCase):
+    """In a copy of the system that systemd has started."""
+
+    def setUp(self):
+        self.system = BootedSystem()
+        self.addCleanup(self.system.close)
+        if self.system.problem:
+            self.skipTest(f"systemd does not start here: {self.system.problem}")
+        self.system.path("/zelta.deb").write_bytes(package().read_bytes())
+        self.system.run("systemctl", "start", "pcscd.socket")
+        self.dpkg("--install", "/zelta.deb")
+
+    def dpkg(self, *words):
+        return self.system.run("dpkg", "--force-unsafe-io", *words)
+
+    def upgrade(self):
+        with tempfile.TemporaryDirectory() as folder:
+            self.system.path("/later.deb").write_bytes(later_package(folder).read_bytes())
+        self.dpkg("--install", "/later.deb")
+
+    def edit_conffiles(self):
+        for name in CONFFILES:
+            with self.system.path(name).open("a") as file:
+                file.write("# edited\n" if name != CONFFILES[2] else "; edited\n")
+
+    def assert_edits_are_there(self):
+        for name in CONFFILES:
+            self.assertIn("edited", self.system.path(name).read_text(), name)
+
+    def wait_for_card(self):
+        def has_card():
+            return self.system.run("opensc-tool", "--name", check=False).returncode == 0
+        wait_until(has_card, "the card")
+
+    def test_agent_serves_a_demo_card_right_after_the_installation(self):
+        self.assertTrue(self.system.is_active(AGENT))
+        self.wait_for_card()
+        self.assertIn("Common Access Card", self.system.run("opensc-tool", "--name").stdout)
+        self.assertIn("connected", self.system.run("zelta", "status").stdout)
+        self.system.run("zelta", "card", "remove")
+        self.assertNotEqual(self.system.run("opensc-tool", "--name", check=False).returncode, 0)
+
+    def test_upgrade_restarts_the_agent_and_keeps_edits(self):
+        self.edit_conffiles()
+        before = self.system.main_pid(AGENT)
+        self.upgrade()
+        self.assertTrue(self.system.is_active(AGENT))
+        self.assertNotEqual(self.system.main_pid(AGENT), before)
+        self.assert_edits_are_there()
+        self.wait_for_card()
+
+    def test_upgrade_leaves_a_stopped_agent_stopped(self):
+        self.system.run("systemctl", "stop", AGENT)
+        self.upgrade()
+        self.assertFalse(self.system.is_active(AGENT))
+
+    def test_agent_runs_again_with_edits_if_installed_again_after_a_removal(self):
+        self.edit_conffiles()
+        self.dpkg("--remove", "zelta-vsc")
+        self.assertFalse(self.system.is_active(AGENT))
+        self.assertFalse(self.system.path(ENTRY).exists())
+        self.dpkg("--install", "/zelta.deb")
+        self.assertTrue(self.system.is_active(AGENT))
+        self.assert_edits_are_there()
+        self.wait_for_card()
+
+    def test_agent_that_was_disabled_stays_so_if_installed_again(self):
+        self.system.run("systemctl", "disable", "--now", AGENT)
+        self.dpkg("--remove", "zelta-vsc")
+        self.dpkg("--install", "/zelta.deb")
+        self.assertFalse(self.system.is_active(AGENT))
+
+    def test_wrong_options_are_not_tried_again(self):
+        self.system.path("/etc/zelta/agent0.conf").write_text(
+            "ZELTA_AGENT_OPTIONS=--no-such-option\n")
+        self.system.run("systemctl", "restart", AGENT, check=False)
+        show = self.system.run("systemctl", "show", "--property", "NRestarts,SubState,ExecMainStatus",
+                               AGENT).stdout
+        self.assertEqual(set(show.split()), {"NRestarts=0", "SubState=failed", "ExecMainStatus=2"})
+
+    def test_purge_leaves_nothing_behind(self):
+        self.wait_for_card()
+        self.dpkg("--purge", "zelta-vsc")
+        left = [path for path in self.system.new_paths()
+                if "zelta" in path.lower() or "vornhalt" in path.lower()]
+        self.assertEqual(left, ["/zelta.deb"])
 
 
 if __name__ == "__main__":

@@ -1,0 +1,13 @@
+#!/bin/sh
+# Run before the agent's service starts, with the agent's options: makes the demo card if the agent
+# is to bring the emulated card of the usual folder and there is none yet.
+set -e
+folder=/var/lib/zelta/card
+for word in "$@"; do
+  case "$word" in
+    pcsc | script | --backend=pcsc | --backend=script | --db | --db=* | --help | --version) exit 0 ;;
+  esac
+done
+[ ! -e "$folder" ] || exit 0
+echo "There is no card in $folder: making the demo card, with the PIN 12345678."
+exec /usr/share/zelta/make-demo-db.sh "$folder" 12345678
