@@ -13,6 +13,9 @@ RUN_PACKAGES=(
 TEST_PACKAGES=(
   python3-pyscard shellcheck libbenchmark-dev procps
 )
+LINT_PACKAGES=(
+  clang clang-tidy clang-format shellcheck
+)
 BENCH_PACKAGES=(
   strace
 )
