@@ -1,6 +1,7 @@
 #include "driver/device/narrow_text.h"
 
 #include <cstdint>
+#include <type_traits>
 
 #include "platform/files/utf.h"
 
@@ -25,7 +26,7 @@ std::string narrowText(std::wstring_view text) {
   units.reserve(text.size());
   for (const wchar_t wide : text) {
     // A wide character is a UTF-16 unit on some systems and a whole character on others.
-    const auto character = static_cast<std::uint32_t>(wide);
+    const std::uint32_t character = static_cast<std::make_unsigned_t<wchar_t>>(wide);
     if (character <= kLastSingleUnit) {
       units += static_cast<char16_t>(character);
     } else if (character <= kLastCharacter) {
