@@ -5,7 +5,6 @@
 #include "contract/status.h"
 #include "diagnostics/log.h"
 #include "diagnostics/traced_lock.h"
-#include "driver/request/memory_util.h"
 
 namespace zelta {
 
@@ -101,24 +100,28 @@ void PipeReader::unmarkAndCompleteRemoveIrps(framework::HRESULT status, std::uin
   waiting().completeAll(CardEvent::kRemoved, status);
 }
 
+struct PipeReader::AttributeSource {
+  std::uint32_t tag;
+  LogLevel level;
+  AttributeValue (*value)(PipeReader& reader);
+};
+
+const PipeReader::AttributeSource PipeReader::kAttributeSources[] = {
+    {PIPE_NAME, LogLevel::kDebug,
+     [](PipeReader& reader) -> AttributeValue { return reader.pipes_.command().name(); }},
+    {EVENT_PIPE_NAME, LogLevel::kDebug,
+     [](PipeReader& reader) -> AttributeValue { return reader.pipes_.event().name(); }},
+    {SERVER_RESULT, LogLevel::kInfo,
+     [](PipeReader& reader) -> AttributeValue { return reader.listener_.result(); }},
+};
+
 void PipeReader::IoSmartCardGetVendorDefinedAttribute(std::uint32_t tag, IoRequest& request) {
-  switch (tag) {
-    case PIPE_NAME:
-      logDebug("[GATT]PIPE_NAME");
-      MemoryUtil::setString(device(), request, pipes_.command().name());
-      break;
-    case EVENT_PIPE_NAME:
-      logDebug("[GATT]EVENT_PIPE_NAME");
-      MemoryUtil::setString(device(), request, pipes_.event().name());
-      break;
-    case SERVER_RESULT:
-      logInfo("[GATT]SERVER_RESULT");
-      MemoryUtil::setInt(device(), request, listener_.result());
-      break;
-    default:
-      Reader::IoSmartCardGetVendorDefinedAttribute(tag, request);
-      break;
+  for (const AttributeSource& source : kAttributeSources) {
+    if (source.tag != tag) continue;
+    answerAttribute(request, *findAttribute(tag), source.value(*this), source.level);
+    return;
   }
+  Reader::IoSmartCardGetVendorDefinedAttribute(tag, request);
 }
 
 }  // namespace zelta

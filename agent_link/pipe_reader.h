@@ -61,6 +61,9 @@ class PipeReader final : public Reader, private AgentEventHandler {
   void endExchanges() noexcept override;
 
  private:
+  struct AttributeSource;
+  static const AttributeSource kAttributeSources[];
+
   void agentConnected() override;
   void cardInserted() override;
   void cardRemoved() override;

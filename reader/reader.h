@@ -20,10 +20,12 @@
 #include <cstdint>
 #include <functional>
 #include <string>
-#include <vector>
+#include <variant>
 
+#include "contract/attributes.h"
 #include "contract/bytes.h"
 #include "contract/reader_states.h"
+#include "diagnostics/log.h"
 #include "driver/request/io_request.h"
 #include "driver/request/reader_device.h"
 #include "platform/sync/sync.h"
@@ -31,6 +33,9 @@
 #include "reader/waiting_requests.h"
 
 namespace zelta {
+
+// The value of an attribute that is a number or a text.
+using AttributeValue = std::variant<std::uint32_t, std::string>;
 
 // What a query of the agent gives.
 enum class QueryResult : std::uint32_t { kSuccess = 0, kFailure = 1, kTimeout = 2 };
@@ -96,6 +101,10 @@ class Reader {
   // The same with the ATR, after a reset of the card, asked for by `queryAtr`.
   bool initializeProtocols(const std::function<QueryResult(Bytes&)>& queryAtr);
 
+  // Logs and answers an attribute as its kind says; completes the request.
+  void answerAttribute(IoRequest& request, const Attribute& attribute, const AttributeValue& value,
+                       LogLevel level = LogLevel::kInfo);
+
   // Whatever a handler that is still running makes of the state, it is absent from now on.
   void markAbsentForGood() { absentForGood_.store(true, std::memory_order_release); }
   void setState(std::uint32_t state) { state_.exchange(state); }
@@ -133,18 +142,10 @@ class Reader {
   static bool readTransmit(IoRequest& request, std::uint32_t& protocol, Bytes& command);
   void transmit(IoRequest& request, const Bytes& command);
 
-  // The attributes by kind; false where the tag is none of it. Each completes the request.
-  bool getReaderAttribute(std::uint32_t tag, IoRequest& request);
-  bool getClockAttribute(std::uint32_t tag, IoRequest& request);
-  bool getCardAttribute(std::uint32_t tag, IoRequest& request);
-  void getCurrentProtocol(IoRequest& request);
-  void getAtr(IoRequest& request);
-  // Logs the text and answers with the value.
-  void answerText(IoRequest& request, const char* logText, const std::string& value);
-  void answerNumber(IoRequest& request, const char* logText, std::uint32_t value);
-  // As `answerNumber`, with the value and its unit behind the text.
-  void answerQuantity(IoRequest& request, const char* logText, std::uint32_t value,
-                      const char* unit);
+  struct AttributeSource;
+  static const AttributeSource kAttributeSources[];
+  void answerCurrentProtocol(IoRequest& request);
+  void answerAtr(IoRequest& request);
 
   const std::uint32_t unitNumber_;
   Value cardReady_{0};  // written only
@@ -168,7 +169,7 @@ class Reader {
  private:
   const std::string vendorName_;
   const std::string ifdType_;
-  const std::uint32_t reportedUnitNumber_;  // what the attribute answers
+  const Value reportedUnitNumber_;  // what the attribute answers
   std::atomic<bool> absentForGood_{false};
 };
 
