@@ -44,14 +44,14 @@ void PipeReader::agentConnected() {
 
 void PipeReader::cardInserted() {
   {
-    // First, so that nobody waits for the device lock until the turn has come.
+    // Taken before the device lock, which nobody then waits for until the turn has come.
     const AgentQueries::Turn turn(queries_);
     const TracedLock lock("PipeReader::handleEvent", waiting().deviceLock(), __LINE__);
     waiting().note(CardEvent::kInserted);
     setState(SCARD_SWALLOWED);
     // Whatever it gives, the card is there.
     initializeProtocols(
-        [&](std::vector<std::uint8_t>& atr) { return queries_.atr(atr, true, turn); });
+        [&](std::vector<std::uint8_t>& atr) { return queries_.queryAtr(atr, true, turn); });
   }
   if (waiting().any(CardEvent::kInserted)) {
     unmarkAndCompleteInsertIrps(status::kSuccess, SCARD_SWALLOWED);
@@ -62,7 +62,7 @@ void PipeReader::cardRemoved() {
   setCardReady(0);
   const TracedLock lock("PipeReader::handleEvent", waiting().deviceLock(), __LINE__);
   waiting().note(CardEvent::kRemoved);
-  // Deliberate: with no request waiting for the removal the state stays as it is.
+  // Intentional: the state stays as it is if no request waits for the removal.
   if (waiting().any(CardEvent::kRemoved)) {
     unmarkAndCompleteRemoveIrps(status::kSuccess, SCARD_ABSENT);
   }

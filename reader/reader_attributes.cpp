@@ -22,7 +22,7 @@ constexpr char kGetHandler[] = "Reader::IoSmartCardGetAttribute";
 constexpr char kSetHandler[] = "Reader::IoSmartCardSetAttribute";
 
 constexpr std::uint32_t kChannelId = 0x00F00000;  // channel type 0x00F0, channel 0
-// Deliberate: both, whatever the card offers.
+// Intentional: both, whatever the card offers.
 constexpr std::uint32_t kProtocolTypes = SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1;
 constexpr std::uint32_t kDefaultClock = 4000;  // kHz
 constexpr std::uint32_t kMaxIfsd = 254;        // bytes
