@@ -311,55 +311,5 @@ TEST_F(BoundedWaits, CardPulledWhileACheckIsUnanswered_CompletesTheRemovalAtOnce
   expectNotAccepted(transmit);
 }
 
-TEST_F(BoundedWaits, AgentLostWhileACheckIsUnanswered_EndsItAtOnce) {
-  connect();
-  FakeRequest& absent = makeRequest();
-  auto asking = dispatch(&Reader::IoSmartCardIsAbsent, absent);
-  expectCommand(AgentCommand::kQueryAtr);
-  pipes_.closeClient(event_);
-  EXPECT_TRUE(absent.waitCompleted());
-  EXPECT_EQ(absent.status(), kSucceeded);
-  EXPECT_EQ(reader().state(), SCARD_ABSENT);
-  reader().endExchanges();  // for one that hangs
-  asking.get();
-}
-
-// It is not cancelled with those that waited before the loss.
-TEST_F(BoundedWaits, RequestWhoseCheckEndsWithItsAgent_WaitsForTheNext) {
-  connect();
-  FakeRequest& present = makeRequest();
-  auto asking = dispatch(&Reader::IoSmartCardIsPresent, present);
-  expectCommand(AgentCommand::kQueryAtr);
-  pipes_.closeClient(event_);
-  ASSERT_TRUE(isReady(asking));
-  ASSERT_TRUE(waitUntilStuck());
-  ASSERT_NE(command_ = pipes_.connectClient(commandPipeName(0)), SerialisingPipes::kNoClient);
-  ASSERT_TRUE(pipes_.waitUntilQueued(eventPipeName(0)));
-  ASSERT_NE(event_ = pipes_.connectClient(eventPipeName(0)), SerialisingPipes::kNoClient);
-  answerAtr(AgentCommand::kQueryAtrReset);
-  EXPECT_TRUE(present.waitCompleted());
-  EXPECT_EQ(present.status(), kSucceeded);
-}
-
-// A call that no cancel reaches, until the test lets it go.
-TEST_F(BoundedWaits, CallThatNeverReturns_KeepsTheDeviceLockForAMomentOnlyWhenTheAgentIsLost) {
-  connect();
-  FakeRequest& present = makeRequest();
-  gaps_.holdNext(Call::kRead, "command0");
-  auto asking = dispatch(&Reader::IoSmartCardIsPresent, present);
-  expectCommand(AgentCommand::kQueryAtr);
-  EXPECT_TRUE(gaps_.waitUntilHeld());
-  pipes_.closeClient(event_);
-  EXPECT_TRUE(log_.waitFor("Event named pipe read error"));
-  EXPECT_TRUE(
-      log_.waitFor("Gave up cancelling IO on the command named pipe: 1 calls have not returned"));
-  FakeRequest& state = makeRequest();
-  auto getting = dispatch(&Reader::IoSmartCardGetState, state);
-  EXPECT_TRUE(isReady(getting)) << "the device lock is held";
-  pipes_.closeClient(command_);
-  gaps_.letGo();
-  asking.get();
-}
-
 }  // namespace
 }  // namespace zelta::test

@@ -3,7 +3,6 @@
 #include "agent_link/pipe_reader.h"
 
 #include "contract/io_controls.h"
-#include "contract/reader_states.h"
 #include "platform/process/error.h"
 #include "tests/agent_link/serialising_link.h"
 #include "tests/doubles/agent/link_agent.h"
@@ -275,17 +274,6 @@ TEST_F(EndOfExchanges, DuringATransmit_Answers6901) {
   reader().endExchanges();
   transmitting.get();
   EXPECT_EQ(transmit.answer(), number(0, number(kTransmitHeaderSize, {0x69, 0x01})));
-}
-
-TEST_F(EndOfExchanges, DuringAReset_LeavesNoMedia) {
-  connect();
-  FakeRequest& reset = makeRequest(number(SCARD_WARM_RESET));
-  auto resetting = dispatch(&Reader::IoSmartCardPower, reset);
-  expectCommand(AgentCommand::kQueryAtrReset);
-  reader().endExchanges();
-  resetting.get();
-  EXPECT_EQ(reset.status(), kNoMedia);
-  EXPECT_EQ(reader().state(), SCARD_ABSENT);
 }
 
 TEST_F(EndOfExchanges, RefusesLaterOnesAndLeavesTheServerThreadListening) {
