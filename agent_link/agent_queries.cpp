@@ -23,7 +23,7 @@ constexpr std::uint64_t kDumpWidth = 16;  // bytes per line
 // Of a log line's 255 characters no more than these can show.
 constexpr std::size_t kShownBytes = 128;
 
-// The log lines of an ATR exchange where its two users differ.
+// The log lines in which the two users of an ATR exchange differ.
 struct AtrTexts {
   const char* tag;
   const char* writeFailed;
@@ -45,13 +45,13 @@ bool askAtr(PipeStream& stream, AgentCommand command, const AtrTexts& texts,
   if (!stream.writeNumber(static_cast<std::uint32_t>(command)))
     return fail(texts, texts.writeFailed);
   stream.flush();
-  std::uint32_t size = 0;
-  if (!stream.readNumber(size)) return fail(texts, "Failed to read ATR size");
-  if (size == 0) {
-    logError(kNoError, "%sInvalid ATR size (%u)", texts.tag, size);
+  const std::optional<std::uint32_t> size = stream.readNumber();
+  if (!size.has_value()) return fail(texts, "Failed to read ATR size");
+  if (*size == 0) {
+    logError(kNoError, "%sInvalid ATR size (%u)", texts.tag, *size);
     return false;
   }
-  switch (stream.readPayload(size, atr)) {
+  switch (stream.readPayload(*size, atr)) {
     case PipeStream::Payload::kRead:
       logInfo("%sATR:%s", texts.tag, toHex(atr.data(), std::min(atr.size(), kShownBytes)).c_str());
       return true;
@@ -60,7 +60,7 @@ bool askAtr(PipeStream& stream, AgentCommand command, const AtrTexts& texts,
     case PipeStream::Payload::kNoMemory:
       break;
   }
-  logError(platform::lastError(), "%sNo memory for ATR of size %u", texts.tag, size);
+  logError(platform::lastError(), "%sNo memory for ATR of size %u", texts.tag, *size);
   return false;
 }
 
@@ -74,10 +74,10 @@ const char* exchangeApdu(PipeStream& stream, const std::vector<std::uint8_t>& co
   if (!stream.writeNumber(size)) return "Failed to write APDU request size";
   if (!stream.write(command.data(), size)) return "Failed to write APDU request";
   stream.flush();
-  std::uint32_t responseSize = 0;
-  if (!stream.readNumber(responseSize)) return "Failed to read APDU response size";
-  if (responseSize == 0) return "Invalid APDU response size (0)";
-  switch (stream.readPayload(responseSize, response)) {
+  const std::optional<std::uint32_t> responseSize = stream.readNumber();
+  if (!responseSize.has_value()) return "Failed to read APDU response size";
+  if (*responseSize == 0) return "Invalid APDU response size (0)";
+  switch (stream.readPayload(*responseSize, response)) {
     case PipeStream::Payload::kRead:
       return nullptr;
     case PipeStream::Payload::kFailed:
@@ -99,15 +99,17 @@ void answerNotAccepted(std::vector<std::uint8_t>& response) {
 // more: the turn is not given up before.
 class AgentQueries::Notification {
  public:
-  explicit Notification(AgentQueries& queries) : queries_(queries) { mark(Notifying::kUnderWay); }
-  ~Notification() { mark(Notifying::kNo); }
+  explicit Notification(AgentQueries& queries) : queries_(queries) {
+    mark(NotificationState::kUnderWay);
+  }
+  ~Notification() { mark(NotificationState::kNone); }
   Notification(const Notification&) = delete;
   Notification& operator=(const Notification&) = delete;
 
  private:
-  void mark(Notifying notifying) {
+  void mark(NotificationState state) {
     const platform::MutexLock lock(queries_.notificationMutex_);
-    queries_.notifying_ = notifying;
+    queries_.notification_ = state;
   }
 
   AgentQueries& queries_;
@@ -162,19 +164,19 @@ void AgentQueries::cancel() {
 
 bool AgentQueries::cancelNotification() {
   const platform::MutexLock lock(notificationMutex_);
-  if (notifying_ == Notifying::kUnderWay) {
-    notifying_ = Notifying::kCancelled;
+  if (notification_ == NotificationState::kUnderWay) {
+    notification_ = NotificationState::kCancelled;
     cancel();
   }
-  return notifying_ != Notifying::kNo;
+  return notification_ != NotificationState::kNone;
 }
 
-QueryResult AgentQueries::atr(Bytes& atr, bool reset) {
+QueryResult AgentQueries::queryAtr(Bytes& atr, bool reset) {
   if (!hasPipe(kQueryAtrTexts.tag)) return QueryResult::kFailure;
-  return this->atr(atr, reset, Turn(*this));
+  return queryAtr(atr, reset, Turn(*this));
 }
 
-QueryResult AgentQueries::atr(Bytes& atr, bool reset, const Turn& turn) {
+QueryResult AgentQueries::queryAtr(Bytes& atr, bool reset, const Turn& turn) {
   if (!hasPipe(kQueryAtrTexts.tag)) return QueryResult::kFailure;
   const AgentCommand command = reset ? AgentCommand::kQueryAtrReset : AgentCommand::kQueryAtr;
   return runGuarded({"QueryAtr", true}, turn, [&](PipeStream& stream) {
@@ -182,7 +184,7 @@ QueryResult AgentQueries::atr(Bytes& atr, bool reset, const Turn& turn) {
   });
 }
 
-QueryResult AgentQueries::check() {
+QueryResult AgentQueries::checkAtr() {
   if (!hasPipe(kCheckAtrTexts.tag)) return QueryResult::kFailure;
   Bytes atr;
   return runGuarded({"CheckATR", false}, Turn(*this), [&](PipeStream& stream) {

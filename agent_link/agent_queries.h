@@ -3,10 +3,10 @@
 // A query that the agent leaves unanswered does not resynchronise the pipe: a late answer would be
 // read as the next one's beginning, which is why an agent must never send one.
 //
-// One exchange at a time. Whoever finds another one under way waits for its turn, at most the
-// query's limit, and gives up without touching the pipe; once it has its turn, it has its whole
-// limit. Nobody's clock cuts another's exchange short, because the stream could not be followed
-// afterwards. Only a notification is ended by the query that has waited for it in vain.
+// Exchanges take turns. A query waits for its turn for at most its limit, then gives up without
+// touching the pipe; once it has its turn, it has its whole limit. No query's limit cuts another
+// exchange short, because the stream could not be followed afterwards. Only a notification is ended
+// by a query that has waited for it in vain.
 //
 // Ownership: the reader's. Pipe and reader outlive it.
 // Threads: any. Failures are logged; the caller learns only success, failure or time-out.
@@ -44,15 +44,15 @@ class AgentQueries {
   };
 
   QueryResult transmit(const Bytes& command, Bytes& response);
-  QueryResult atr(Bytes& atr, bool reset);
-  QueryResult atr(Bytes& atr, bool reset, const Turn& turn);
-  QueryResult check();
+  QueryResult queryAtr(Bytes& atr, bool reset);
+  QueryResult queryAtr(Bytes& atr, bool reset, const Turn& turn);
+  QueryResult checkAtr();
   // True when it was sent.
   bool notifyCardReady();
 
  private:
   class Notification;
-  enum class Notifying { kNo, kUnderWay, kCancelled };
+  enum class NotificationState { kNone, kUnderWay, kCancelled };
   // How the log calls a query, and whether it has a line of its own for a time-out.
   struct Name {
     const char* text;
@@ -76,8 +76,8 @@ class AgentQueries {
   ExchangeTurn turn_;
   WatchdogThread watchdogThread_;
   // Held while a notification is cancelled, so that it keeps its turn until that is done.
-  platform::Mutex notificationMutex_;
-  Notifying notifying_ ZELTA_GUARDED_BY(notificationMutex_) = Notifying::kNo;
+  platform::Mutex notificationMutex_ ZELTA_ACQUIRED_BEFORE(pipe_.mutex());
+  NotificationState notification_ ZELTA_GUARDED_BY(notificationMutex_) = NotificationState::kNone;
 };
 
 }  // namespace zelta

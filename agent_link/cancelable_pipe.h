@@ -1,16 +1,13 @@
 // One server end of a pipe, the blocking calls on it, and how another thread ends them for certain.
 //
-// The system's cancel releases only what is blocked at that moment: a thread that is just about to
-// enter its call is missed, and would then wait for a client or an agent that may never come; on
-// Windows whoever disconnects the pipe would wait for it as well. So every blocking call goes
-// through here. Every call belongs to an epoch. Ending an epoch first refuses further calls in it,
-// then cancels the pipe, and keeps cancelling as long as one of its calls is in flight. It gives up
-// after about two seconds and logs how many calls have not returned.
+// The system's cancel releases only what is blocked at that moment. It misses a thread that is just
+// about to enter its call, which might then wait for ever, and on Windows hold up a disconnect. So
+// every blocking call goes through here and belongs to an epoch. Ending an epoch refuses further
+// calls in it, then cancels the pipe again and again as long as one of its calls is in flight. It
+// gives up after about two seconds and logs how many calls have not returned.
 //
-// Windows lets a client open a pipe that nobody has connected yet, and carries its bytes. The
-// reader would talk to an agent that it has not accepted, and then never accept it. So as long as
-// no client was accepted there is none, whatever the system says: exchanges fail with
-// `ERROR_PIPE_LISTENING` (536).
+// Until `connect` has accepted a client, the pipe counts as having none, and exchanges fail with
+// `ERROR_PIPE_LISTENING` (536). Otherwise Windows would exchange data with an early client.
 //
 // Ownership: owns the pipe's handle; one of a reader's two pipes, and lives as long.
 // Threads: any, but `hold` and `disconnect` one at a time. No lock is held while a call or a cancel
@@ -50,6 +47,9 @@ class CancelablePipe {
   CancelablePipe(const CancelablePipe&) = delete;
   CancelablePipe& operator=(const CancelablePipe&) = delete;
 
+  // For the order in which it is taken; nobody else takes it.
+  platform::Mutex& mutex() ZELTA_RETURN_CAPABILITY(mutex_) { return mutex_; }
+
   const char* label() const { return label_; }
   const std::string& name() const { return name_; }
   platform::PipeHandleValue handle() const { return handle_.get(); }
@@ -87,8 +87,8 @@ class CancelablePipe {
   // `ERROR_BROKEN_PIPE` (109) until `disconnect` or the next client. Counts as a call of the epoch:
   // if that has ended, nothing happens. No other exchange may be in flight.
   void dropClient(Epoch epoch);
-  // Refuses every exchange for good and ends those in flight. A wait for a client goes on. Cancels
-  // nothing if no exchange is in flight.
+  // Refuses every exchange from now on and ends those in flight. A wait for a client goes on.
+  // Cancels nothing if no exchange is in flight.
   void endExchanges();
   // Refuses every call from now on; ends none that is in flight (`disconnect` does).
   void stop();

@@ -1,6 +1,7 @@
 #include "agent_link/event_listener.h"
 
 #include <exception>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -75,8 +76,8 @@ EventListener::Awaited EventListener::awaitInsertionRequest() {
                                                    [this] { return stopRequested(); });
   if (stopRequested()) return Awaited::kStop;
   if (came) return Awaited::kRequest;
-  // Deliberately the end of the thread: a reader that nobody waits on stops serving. Decided and
-  // published at once, so that no request is added between the two.
+  // Intentional: a reader without an insertion request stops serving. Decided and published under
+  // one lock, so that no request is added in between.
   logError(error::kInvalidState, "Failed to wait for card insertion request");
   result_ = error::kInvalidState;
   return Awaited::kNobody;
@@ -96,17 +97,17 @@ void EventListener::serveAgent() {
   }
   while (!stopRequested()) {
     logDebug("Waiting for command...");
-    std::uint32_t code = 0;
-    if (!events.readNumber(code)) {
+    const std::optional<std::uint32_t> code = events.readNumber();
+    if (!code.has_value()) {
       logError(platform::lastError(), "Event named pipe read error");
       handler_.agentLost();
       return;
     }
     try {
-      handleEvent(events, code);
+      handleEvent(events, *code);
     } catch (const std::exception& failure) {
-      // One event that cannot be handled, a log file that cannot be made for one, is no reason to
-      // stop listening.
+      // An event that cannot be handled, for example because no log file can be made, is no reason
+      // to stop listening.
       logError(kNoError, "Failed to handle event: %s", failure.what());
     }
   }
@@ -135,18 +136,18 @@ void EventListener::handleEvent(PipeStream& events, std::uint32_t code) {
 
 // Takes no lock: an agent that announces an id and never sends it must not hold up the requests.
 void EventListener::readSessionLogId(PipeStream& events) {
-  std::uint32_t size = 0;
-  if (!events.readNumber(size)) {
+  const std::optional<std::uint32_t> size = events.readNumber();
+  if (!size.has_value()) {
     logError(platform::lastError(), "Failed to read session log id size");
     return;
   }
-  if (size == 0) {
+  if (*size == 0) {
     logError(static_cast<std::uint32_t>(kEmptySessionLogId),
              "Session log ID size is 0. Session log ID not set");
     return;
   }
   std::vector<std::uint8_t> bytes;
-  switch (events.readPayload(size, bytes)) {
+  switch (events.readPayload(*size, bytes)) {
     case PipeStream::Payload::kRead:
       setSessionLogId(std::string(bytes.begin(), bytes.end()));
       break;
@@ -154,7 +155,7 @@ void EventListener::readSessionLogId(PipeStream& events) {
       logError(platform::lastError(), "Failed to read session log id");
       break;
     case PipeStream::Payload::kNoMemory:
-      logError(platform::lastError(), "No memory for session log id of size %u", size);
+      logError(platform::lastError(), "No memory for session log id of size %u", *size);
       break;
   }
 }

@@ -7,9 +7,8 @@
 //
 // Ownership: the reader's; pipes, waiting requests and handler outlive it. `requestStop`, then the
 // end of the calls on the pipes, then `join` come before its destruction, in this order.
-// Threads: `serve` is the server thread's; the others are for any.
-// Locks: the stop mutex is a leaf. The request list mutex is held while the thread waits for an
-// insertion request.
+// Threads: `serve` is the server thread's; the others are for any. docs/threads.md has the locks'
+// order.
 #pragma once
 
 #include <atomic>
@@ -49,7 +48,7 @@ class EventListener {
   enum class Awaited { kRequest, kNobody, kStop };
 
   void run();
-  // Makes a code the result and gives it back.
+  // Makes a code the result and returns it.
   std::uint32_t publish(std::uint32_t code) ZELTA_EXCLUDES(waiting_.mutex());
   Awaited awaitInsertionRequest() ZELTA_EXCLUDES(waiting_.mutex());
   void awaitReconnect() ZELTA_EXCLUDES(stopMutex_);

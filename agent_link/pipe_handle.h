@@ -1,8 +1,9 @@
 // The owner of one server end of a pipe.
 //
-// Two values stand for no pipe: 0, left behind by a move, and all bits set, what a failed creation
-// gives. Releasing a pipe cancels what is under way on it, drops its client and closes it, in this
-// order and whatever each gives; it happens on destruction and when another handle is moved in.
+// Two values stand for no pipe: 0, which a move leaves, and all bits set, the result of a failed
+// creation. Releasing a pipe cancels what is under way on it, drops its client and closes it, in
+// this order and whatever each gives; it happens on destruction and when another handle is moved
+// in.
 //
 // Threads: `get` and `valid` may be called while another thread moves a handle in; what was
 // got must not be used any more once the holder is destroyed or holds another pipe.

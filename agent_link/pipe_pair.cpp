@@ -11,8 +11,8 @@ namespace {
 
 namespace error = platform::error;
 
-// Who may open the pipes: nobody of the guests and no anonymous logon, which has to be said first,
-// but the local service account and the system.
+// Who may open the pipes: the local service account and the system, but no guest and no anonymous
+// logon. The denials must come first to take effect.
 constexpr char kDacl[] = "D:";
 constexpr char kDenyGuests[] = "(D;OICI;GA;;;BG)";
 constexpr char kDenyAnonymous[] = "(D;OICI;GA;;;AN)";
@@ -23,7 +23,7 @@ constexpr std::uint32_t kPipeAccessDuplex = 0x00000003;
 constexpr std::uint32_t kFirstPipeInstance = 0x00080000;
 constexpr std::uint32_t kByteModeBlocking = 0;
 
-// Only 0 counts as no pipe here; what a failed creation gives fails in the connect.
+// Only 0 counts as no pipe here; the result of a failed creation fails in the connect.
 bool isEmpty(const CancelablePipe& pipe) {
   if (pipe.handle() != platform::noPipe()) return false;
   logError(kNoError, "Cannot connect to empty %s named pipe handle", pipe.label());
@@ -39,7 +39,7 @@ PipePair::PipePair(std::uint32_t readerIndex)
 std::uint32_t PipePair::create() {
   const std::string sddl =
       std::string(kDacl) + kDenyGuests + kDenyAnonymous + kAllowLocalService + kAllowSystem;
-  platform::SecurityDescriptor descriptor = nullptr;  // never freed, deliberately
+  platform::SecurityDescriptor descriptor = nullptr;  // Intentional: never freed.
   if (!platform::ports().pipes->convertSecurityDescriptor(sddl, &descriptor)) {
     const std::uint32_t code = platform::lastError();
     logError(code, "DACL cannot be created");

@@ -39,7 +39,7 @@ class PipePair {
   std::uint32_t connectPipe(CancelablePipe& pipe, const char* title);
   static void disconnectPipe(CancelablePipe& pipe);
 
-  platform::Mutex mutex_;
+  platform::Mutex mutex_ ZELTA_ACQUIRED_BEFORE(command_.mutex(), event_.mutex());
   CancelablePipe command_;
   CancelablePipe event_;
 };

@@ -5,7 +5,6 @@
 #include "contract/status.h"
 #include "diagnostics/log.h"
 #include "diagnostics/traced_lock.h"
-#include "driver/request/memory_util.h"
 
 namespace zelta {
 
@@ -45,14 +44,14 @@ void PipeReader::agentConnected() {
 
 void PipeReader::cardInserted() {
   {
-    // First, so that nobody waits for the device lock until the turn has come.
+    // Taken before the device lock, which nobody then waits for until the turn has come.
     const AgentQueries::Turn turn(queries_);
     const TracedLock lock("PipeReader::handleEvent", waiting().deviceLock(), __LINE__);
     waiting().note(CardEvent::kInserted);
     setState(SCARD_SWALLOWED);
     // Whatever it gives, the card is there.
     initializeProtocols(
-        [&](std::vector<std::uint8_t>& atr) { return queries_.atr(atr, true, turn); });
+        [&](std::vector<std::uint8_t>& atr) { return queries_.queryAtr(atr, true, turn); });
   }
   if (waiting().any(CardEvent::kInserted)) {
     unmarkAndCompleteInsertIrps(status::kSuccess, SCARD_SWALLOWED);
@@ -63,7 +62,7 @@ void PipeReader::cardRemoved() {
   setCardReady(0);
   const TracedLock lock("PipeReader::handleEvent", waiting().deviceLock(), __LINE__);
   waiting().note(CardEvent::kRemoved);
-  // Deliberate: with no request waiting for the removal the state stays as it is.
+  // Intentional: the state stays as it is if no request waits for the removal.
   if (waiting().any(CardEvent::kRemoved)) {
     unmarkAndCompleteRemoveIrps(status::kSuccess, SCARD_ABSENT);
   }
@@ -101,24 +100,28 @@ void PipeReader::unmarkAndCompleteRemoveIrps(framework::HRESULT status, std::uin
   waiting().completeAll(CardEvent::kRemoved, status);
 }
 
+struct PipeReader::AttributeSource {
+  std::uint32_t tag;
+  LogLevel level;
+  AttributeValue (*value)(PipeReader& reader);
+};
+
+const PipeReader::AttributeSource PipeReader::kAttributeSources[] = {
+    {PIPE_NAME, LogLevel::kDebug,
+     [](PipeReader& reader) -> AttributeValue { return reader.pipes_.command().name(); }},
+    {EVENT_PIPE_NAME, LogLevel::kDebug,
+     [](PipeReader& reader) -> AttributeValue { return reader.pipes_.event().name(); }},
+    {SERVER_RESULT, LogLevel::kInfo,
+     [](PipeReader& reader) -> AttributeValue { return reader.listener_.result(); }},
+};
+
 void PipeReader::IoSmartCardGetVendorDefinedAttribute(std::uint32_t tag, IoRequest& request) {
-  switch (tag) {
-    case PIPE_NAME:
-      logDebug("[GATT]PIPE_NAME");
-      MemoryUtil::setString(device(), request, pipes_.command().name());
-      break;
-    case EVENT_PIPE_NAME:
-      logDebug("[GATT]EVENT_PIPE_NAME");
-      MemoryUtil::setString(device(), request, pipes_.event().name());
-      break;
-    case SERVER_RESULT:
-      logInfo("[GATT]SERVER_RESULT");
-      MemoryUtil::setInt(device(), request, listener_.result());
-      break;
-    default:
-      Reader::IoSmartCardGetVendorDefinedAttribute(tag, request);
-      break;
+  for (const AttributeSource& source : kAttributeSources) {
+    if (source.tag != tag) continue;
+    answerAttribute(request, *findAttribute(tag), source.value(*this), source.level);
+    return;
   }
+  Reader::IoSmartCardGetVendorDefinedAttribute(tag, request);
 }
 
 }  // namespace zelta

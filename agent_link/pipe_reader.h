@@ -17,8 +17,9 @@
 // lock below the device lock. docs/threads.md has the locks' order.
 //
 // Failures are logged where they happen; a query's caller learns only success, failure or
-// time-out. A reader whose pipes could not be created, or that nobody asked for a card within ten
-// seconds of its start or of the loss of its agent, stays dead, deliberately: its queries fail.
+// time-out. Intentional: if the pipes could not be created, or no insertion request came within ten
+// seconds of the start or of the loss of the agent, the reader never serves again and its queries
+// fail.
 #pragma once
 
 #include <cstdint>
@@ -45,9 +46,9 @@ class PipeReader final : public Reader, private AgentEventHandler {
     return queries_.transmit(command, response);
   }
   QueryResult QueryAtr(std::vector<std::uint8_t>& atr, bool reset) override {
-    return queries_.atr(atr, reset);
+    return queries_.queryAtr(atr, reset);
   }
-  QueryResult CheckATR() override { return queries_.check(); }
+  QueryResult CheckATR() override { return queries_.checkAtr(); }
   bool NotifyCardReady() override { return queries_.notifyCardReady(); }
   void shutdown() override;
   // 0 if it ended because the reader is being destroyed, the system error of a failed creation of
@@ -61,6 +62,9 @@ class PipeReader final : public Reader, private AgentEventHandler {
   void endExchanges() noexcept override;
 
  private:
+  struct AttributeSource;
+  static const AttributeSource kAttributeSources[];
+
   void agentConnected() override;
   void cardInserted() override;
   void cardRemoved() override;

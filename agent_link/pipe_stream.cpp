@@ -23,11 +23,10 @@ void PipeStream::flush() {
   pipe_.run(epoch_, [&] { return platform::ports().pipes->flush(handle_); });
 }
 
-bool PipeStream::readNumber(std::uint32_t& value) {
+std::optional<std::uint32_t> PipeStream::readNumber() {
   std::array<std::uint8_t, 4> bytes{};
-  if (!read(bytes.data(), static_cast<std::uint32_t>(bytes.size()))) return false;
-  value = loadLittleEndian(bytes.data());
-  return true;
+  if (!read(bytes.data(), static_cast<std::uint32_t>(bytes.size()))) return std::nullopt;
+  return loadLittleEndian(bytes.data());
 }
 
 PipeStream::Payload PipeStream::readPayload(std::uint32_t length,

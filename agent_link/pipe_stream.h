@@ -1,5 +1,5 @@
-// Fields of the wire protocol (agent_link/wire.h) written to and read from one pipe, as calls of
-// one epoch, which another thread can end.
+// Fields of the wire protocol (docs/wire-protocol.md) written to and read from one pipe, as calls
+// of one epoch, which another thread can end.
 //
 // A failing operation leaves its reason in the calling thread's last error.
 // Ownership: made for one exchange or one connection; the pipe outlives it.
@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "agent_link/cancelable_pipe.h"
@@ -29,7 +30,8 @@ class PipeStream {
   // Returns once the agent has read everything written. Its result is of no use to any caller:
   // what is wrong with the pipe shows in the read that follows.
   void flush();
-  bool readNumber(std::uint32_t& value);
+  // None if the read failed.
+  std::optional<std::uint32_t> readNumber();
   // `bytes` becomes `length` bytes long and is filled. After a failed read of up to `kReadBlock`
   // bytes it keeps that length; a longer one keeps what has been made room for. If there is no
   // memory for it, it is left empty and the client is dropped: what it has sent is still in the

@@ -7,7 +7,6 @@
 // destructor wait until a callback that has begun is done. The callback must not call the watchdog.
 #pragma once
 
-#include <chrono>
 #include <functional>
 
 #include "agent_link/watchdog_thread.h"
@@ -16,8 +15,6 @@ namespace zelta {
 
 class QueryWatchdog {
  public:
-  // How long a query may take.
-
   // Throws std::runtime_error ("Callback is null") for an empty callback, and std::system_error
   // if the thread is not running and cannot be started. The callback must not throw.
   QueryWatchdog(WatchdogThread& thread, std::function<void()> callback);

@@ -1,11 +1,11 @@
 // The thread that waits until a query of one reader takes too long.
 //
-// Deliberately one thread that is parked between the queries, instead of one that each query starts
-// and joins: that would cost several times what the exchange does.
+// Intentional: one thread is parked between the queries. One that each query starts and joins would
+// cost several times what the exchange does.
 //
 // No query is overdue before a full limit has passed since it began. So a parked thread sleeps for
-// one limit, looks whether a query has begun meanwhile, and sleeps until that one's deadline, or
-// for one more limit. Beginning or ending a query wakes no thread.
+// one limit. Then, if a query has begun, it sleeps until that one's deadline, otherwise for one
+// more limit. Beginning or ending a query wakes no thread.
 //
 // Ownership: the reader's queries; starts its thread with the first query, joins it on destruction.
 // Threads: any, for one query at a time (`QueryWatchdog`). The mutex is held while a query's

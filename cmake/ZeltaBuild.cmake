@@ -15,7 +15,10 @@ endif()
 
 find_program(ZELTA_CCACHE ccache)
 if(ZELTA_CCACHE)
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${ZELTA_CCACHE})
+  # Otherwise it takes nothing from its cache that was compiled with precompiled headers.
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env
+      CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_ctime,include_file_mtime
+      ${ZELTA_CCACHE})
 endif()
 
 set(ZELTA_SANITIZE "" CACHE STRING "Sanitizers, as the compiler's -fsanitize= takes them")

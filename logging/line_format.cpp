@@ -72,12 +72,12 @@ void appendNumber(std::string& line, Number number, std::size_t width) {
 
 // A text without a destructor: a thread-local one with a destructor would keep a module from being
 // unloaded, and one of the process would be gone while the log's threads still write at exit.
-template <std::size_t capacity>
+template <std::size_t kCapacity>
 struct FixedText {
-  explicit FixedText(const std::string& text) : length(text.copy(characters, capacity)) {}
+  explicit FixedText(const std::string& text) : length(text.copy(characters, kCapacity)) {}
   std::string_view view() const { return std::string_view(characters, length); }
 
-  char characters[capacity];
+  char characters[kCapacity];
   std::size_t length;
 };
 using HeaderText = FixedText<128>;

@@ -17,13 +17,13 @@ struct AtrRates {
 };
 
 struct AtrValues {
-  // Bit T is set for each protocol T that a TD byte names; T=0 alone where none does. Never 0.
+  // Bit T is set for each protocol T that a TD byte names; T=0 alone if none does. Never 0.
   std::uint32_t availableProtocols = 0;
   // T of the last TD byte; none without a TD byte.
   std::optional<std::uint32_t> lastProtocol;
-  // TA(1); none where it is absent.
+  // TA(1); none if it is absent.
   std::optional<AtrRates> rates;
-  // TA(3), the card's information field size in bytes; none where it is absent.
+  // TA(3), the card's information field size in bytes; none if it is absent.
   std::optional<std::uint32_t> ifsc;
 };
 

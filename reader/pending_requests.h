@@ -21,16 +21,16 @@ class PendingRequests {
   bool empty() const { return size() == 0; }
   std::size_t size() const { return count_.load(std::memory_order_relaxed); }
 
-  // Throws std::bad_alloc, and leaves the list as it was, where there is no memory.
+  // Throws std::bad_alloc, and leaves the list as it was, if there is no memory.
   void append(IoRequest* request) {
     requests_.push_back(request);
     publishCount();
   }
 
-  // The request that came last; null where the list is empty. It stays in the list.
+  // The request that came last; null if the list is empty. It stays in the list.
   IoRequest* newest() const { return requests_.empty() ? nullptr : requests_.back(); }
 
-  // Takes the first entry equal to the request out; the order of the rest is kept. False where
+  // Takes the first entry equal to the request out; the order of the rest is kept. False if
   // there is none.
   bool remove(const IoRequest* request) {
     const auto found = std::find(requests_.begin(), requests_.end(), request);

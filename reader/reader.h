@@ -12,18 +12,20 @@
 // Threads: the handlers run on several dispatch threads at once; `IoCancelRequest` runs with the
 // device lock held. State and values are atomics, written by exchange and read plainly.
 //
-// Locks: the device lock, and the request list mutex below it (docs/threads.md). No lock is held
-// while a handler asks the agent.
+// Locks: docs/threads.md has their order. No lock is held while a handler asks the agent.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
-#include <vector>
+#include <variant>
 
+#include "contract/attributes.h"
 #include "contract/bytes.h"
 #include "contract/reader_states.h"
+#include "diagnostics/log.h"
 #include "driver/request/io_request.h"
 #include "driver/request/reader_device.h"
 #include "platform/sync/sync.h"
@@ -31,6 +33,9 @@
 #include "reader/waiting_requests.h"
 
 namespace zelta {
+
+// The value of an attribute that is a number or a text.
+using AttributeValue = std::variant<std::uint32_t, std::string>;
 
 // What a query of the agent gives.
 enum class QueryResult : std::uint32_t { kSuccess = 0, kFailure = 1, kTimeout = 2 };
@@ -60,9 +65,9 @@ class Reader {
   virtual std::uint32_t serverThread() = 0;
   // An attribute of the vendor's own; completes the request.
   virtual void IoSmartCardGetVendorDefinedAttribute(std::uint32_t tag, IoRequest& request);
-  // Marks the card absent for good. Then makes the exchange that is under way fail, wherever it is
-  // stuck, and every later one as well, without waiting for a lock that is held during an exchange.
-  // The device calls it before it waits for the handlers and before `shutdown`.
+  // Marks the card absent for good. Then makes the exchange that is under way fail, in whatever
+  // call it is stuck, and every later one, without waiting for a lock that is held during an
+  // exchange. The device calls it before it waits for the handlers and before `shutdown`.
   virtual void endExchanges() noexcept = 0;
 
   // One handler per I/O control. Each completes the request exactly once, or keeps it waiting,
@@ -96,6 +101,10 @@ class Reader {
   // The same with the ATR, after a reset of the card, asked for by `queryAtr`.
   bool initializeProtocols(const std::function<QueryResult(Bytes&)>& queryAtr);
 
+  // Logs and answers an attribute as its kind says; completes the request.
+  void answerAttribute(IoRequest& request, const Attribute& attribute, const AttributeValue& value,
+                       LogLevel level = LogLevel::kInfo);
+
   // Whatever a handler that is still running makes of the state, it is absent from now on.
   void markAbsentForGood() { absentForGood_.store(true, std::memory_order_release); }
   void setState(std::uint32_t state) { state_.exchange(state); }
@@ -114,8 +123,8 @@ class Reader {
 
   // Completes with the status and no output, under the device lock. `handler` is the lock's name.
   void finish(IoRequest& request, framework::HRESULT status, const char* handler, int line);
-  // True where the request has no input memory or at least four bytes of it; otherwise the
-  // request has been refused.
+  // True if the request has no input memory or at least four bytes of it; otherwise the request has
+  // been refused.
   bool hasIntegerInput(IoRequest& request, const char* operation, const char* handler);
   void refuseShortInput(IoRequest& request, std::size_t size, const char* operation,
                         const char* handler);
@@ -126,32 +135,28 @@ class Reader {
   void powerDown(IoRequest& request);
   void reset(IoRequest& request, const char* name);
   void applyAtr(const AtrValues& values);
-  // False where the mask accepts nothing that is offered.
+  // False if the mask accepts nothing that is offered.
   bool chooseProtocol(std::uint32_t mask);
   bool storeProtocol(std::uint32_t protocol);
-  // The header's protocol and the APDU after it; false if the request has no such input.
-  static bool readTransmit(IoRequest& request, std::uint32_t& protocol, Bytes& command);
+  struct TransmitInput {
+    std::uint32_t protocol;  // of the header
+    Bytes command;           // the APDU after it
+  };
+  // None if the request has no such input.
+  static std::optional<TransmitInput> readTransmit(IoRequest& request);
   void transmit(IoRequest& request, const Bytes& command);
 
-  // The attributes by kind; false where the tag is none of it. Each completes the request.
-  bool getReaderAttribute(std::uint32_t tag, IoRequest& request);
-  bool getClockAttribute(std::uint32_t tag, IoRequest& request);
-  bool getCardAttribute(std::uint32_t tag, IoRequest& request);
-  void getCurrentProtocol(IoRequest& request);
-  void getAtr(IoRequest& request);
-  // Logs the text and answers with the value.
-  void answerText(IoRequest& request, const char* logText, const std::string& value);
-  void answerNumber(IoRequest& request, const char* logText, std::uint32_t value);
-  // As `answerNumber`, with the value and its unit behind the text.
-  void answerQuantity(IoRequest& request, const char* logText, std::uint32_t value,
-                      const char* unit);
+  struct AttributeSource;
+  static const AttributeSource kAttributeSources[];
+  void answerCurrentProtocol(IoRequest& request);
+  void answerAtr(IoRequest& request);
 
   const std::uint32_t unitNumber_;
   Value cardReady_{0};  // written only
   Value state_{SCARD_ABSENT};
-  // Deliberately of two kinds: selecting a protocol stores its mask value (1 for T=0, 2 for T=1)
+  // Intentionally of two kinds: selecting a protocol stores its mask value (1 for T=0, 2 for T=1)
   // and power stores 0, but reading an ATR stores the protocol's number (0 for T=0, 1 for T=1).
-  // Whoever reads it takes it as it is.
+  // Every reader of the value uses it as stored.
   Value currentProtocol_{0};
   Value availableProtocols_{0};   // bit T for every protocol T of the ATR
   Value ifsc_{0};                 // bytes
@@ -168,7 +173,7 @@ class Reader {
  private:
   const std::string vendorName_;
   const std::string ifdType_;
-  const std::uint32_t reportedUnitNumber_;  // what the attribute answers
+  const Value reportedUnitNumber_;  // what the attribute answers
   std::atomic<bool> absentForGood_{false};
 };
 

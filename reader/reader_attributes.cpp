@@ -1,5 +1,11 @@
-// The reader's attributes.
+// The reader's attributes. An attribute is a row in the table of contract/attributes.h, which says
+// how it is answered and logged, and one here (or in a deriving reader), which says with what.
 #include "contract/attributes.h"
+
+#include <algorithm>
+#include <iterator>
+#include <type_traits>
+
 #include "contract/bytes.h"
 #include "contract/reader_states.h"
 #include "contract/status.h"
@@ -16,7 +22,7 @@ constexpr char kGetHandler[] = "Reader::IoSmartCardGetAttribute";
 constexpr char kSetHandler[] = "Reader::IoSmartCardSetAttribute";
 
 constexpr std::uint32_t kChannelId = 0x00F00000;  // channel type 0x00F0, channel 0
-// Deliberate: both, whatever the card offers.
+// Intentional: both, whatever the card offers.
 constexpr std::uint32_t kProtocolTypes = SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1;
 constexpr std::uint32_t kDefaultClock = 4000;  // kHz
 constexpr std::uint32_t kMaxIfsd = 254;        // bytes
@@ -31,6 +37,32 @@ constexpr bool isVendorDefined(std::uint32_t tag) {
 
 }  // namespace
 
+// Where the value of an attribute comes from: a constant, a member, or a handler of its own.
+struct Reader::AttributeSource {
+  std::uint32_t tag;
+  std::variant<std::uint32_t, const Value Reader::*, const std::string Reader::*,
+               void (Reader::*)(IoRequest&)>
+      from;
+};
+
+const Reader::AttributeSource Reader::kAttributeSources[] = {
+    {SCARD_ATTR_VENDOR_NAME, &Reader::vendorName_},
+    {SCARD_ATTR_VENDOR_IFD_TYPE, &Reader::ifdType_},
+    {SCARD_ATTR_CHANNEL_ID, kChannelId},
+    {SCARD_ATTR_PROTOCOL_TYPES, kProtocolTypes},
+    {SCARD_ATTR_DEFAULT_CLK, kDefaultClock},
+    {SCARD_ATTR_MAX_CLK, &Reader::maxClock_},
+    {SCARD_ATTR_DEFAULT_DATA_RATE, &Reader::defaultDataRate_},
+    {SCARD_ATTR_MAX_DATA_RATE, &Reader::maxDataRate_},
+    {SCARD_ATTR_MAX_IFSD, kMaxIfsd},
+    {SCARD_ATTR_CHARACTERISTICS, kNoCharacteristics},
+    {RPC_TYPE, &Reader::rpcType_},
+    {SCARD_ATTR_CURRENT_PROTOCOL_TYPE, &Reader::answerCurrentProtocol},
+    {SCARD_ATTR_CURRENT_IFSC, &Reader::ifsc_},
+    {SCARD_ATTR_ATR_STRING, &Reader::answerAtr},
+    {SCARD_ATTR_DEVICE_UNIT, &Reader::reportedUnitNumber_},
+};
+
 void Reader::IoSmartCardGetAttribute(IoRequest* request, std::size_t /*inLength*/,
                                      std::size_t /*outLength*/) {
   if (request == nullptr) {
@@ -44,84 +76,49 @@ void Reader::IoSmartCardGetAttribute(IoRequest* request, std::size_t /*inLength*
     IoSmartCardGetVendorDefinedAttribute(tag, *request);
     return;
   }
-  if (getReaderAttribute(tag, *request) || getClockAttribute(tag, *request) ||
-      getCardAttribute(tag, *request)) {
+  const auto* const source =
+      std::find_if(std::begin(kAttributeSources), std::end(kAttributeSources),
+                   [tag](const AttributeSource& candidate) { return candidate.tag == tag; });
+  const Attribute* const attribute = findAttribute(tag);
+  if (attribute == nullptr || source == std::end(kAttributeSources)) {
+    logError(platform::error::kNotSupported, "[GATT]ERROR_NOT_SUPPORTED:%08X", tag);
+    finish(*request, status::kNotSupported, kGetHandler, __LINE__);
     return;
   }
-  logError(platform::error::kNotSupported, "[GATT]ERROR_NOT_SUPPORTED:%08X", tag);
-  finish(*request, status::kNotSupported, kGetHandler, __LINE__);
+  std::visit(
+      [&](auto from) {
+        if constexpr (std::is_same_v<decltype(from), std::uint32_t>) {
+          answerAttribute(*request, *attribute, from);
+        } else if constexpr (std::is_same_v<decltype(from), const Value Reader::*>) {
+          answerAttribute(*request, *attribute, (this->*from).load(std::memory_order_relaxed));
+        } else if constexpr (std::is_same_v<decltype(from), const std::string Reader::*>) {
+          answerAttribute(*request, *attribute, this->*from);
+        } else {
+          (this->*from)(*request);
+        }
+      },
+      source->from);
 }
 
-bool Reader::getReaderAttribute(std::uint32_t tag, IoRequest& request) {
-  switch (tag) {
-    case SCARD_ATTR_VENDOR_NAME:
-      answerText(request, "[GATT]SCARD_ATTR_VENDOR_NAME", vendorName_);
-      return true;
-    case SCARD_ATTR_VENDOR_IFD_TYPE:
-      answerText(request, "[GATT]SCARD_ATTR_VENDOR_IFD_TYPE", ifdType_);
-      return true;
-    case SCARD_ATTR_CHANNEL_ID:
-      answerQuantity(request, "[GATT]SCARD_ATTR_CHANNEL_ID", kChannelId, "");
-      return true;
-    case SCARD_ATTR_PROTOCOL_TYPES:
-      answerQuantity(request, "[GATT]SCARD_ATTR_PROTOCOL_TYPES", kProtocolTypes, "");
-      return true;
-    case SCARD_ATTR_CHARACTERISTICS:
-      answerNumber(request, "[GATT]SCARD_ATTR_CHARACTERISTICS", kNoCharacteristics);
-      return true;
-    case RPC_TYPE:
-      answerNumber(request, "[GATT]RPC_TYPE", rpcType_.load(std::memory_order_relaxed));
-      return true;
-    case SCARD_ATTR_DEVICE_UNIT:
-      answerNumber(request, "[GATT]SCARD_ATTR_DEVICE_UNIT", reportedUnitNumber_);
-      return true;
-    default:
-      return false;
+void Reader::answerAttribute(IoRequest& request, const Attribute& attribute,
+                             const AttributeValue& value, LogLevel level) {
+  const auto* const text = std::get_if<std::string>(&value);
+  const std::uint32_t number = text != nullptr ? 0 : std::get<std::uint32_t>(value);
+  if (attribute.kind == AttributeKind::kQuantity) {
+    logInfo("[GATT]%s: %d%s", attribute.name, static_cast<int>(number), attribute.unit);
+  } else if (level == LogLevel::kDebug) {
+    logDebug("[GATT]%s", attribute.name);
+  } else {
+    logInfo("[GATT]%s", attribute.name);
+  }
+  if (text != nullptr) {
+    MemoryUtil::setString(device(), request, *text);
+  } else {
+    MemoryUtil::setInt(device(), request, number);
   }
 }
 
-bool Reader::getClockAttribute(std::uint32_t tag, IoRequest& request) {
-  constexpr auto kRelaxed = std::memory_order_relaxed;
-  switch (tag) {
-    case SCARD_ATTR_DEFAULT_CLK:
-      answerQuantity(request, "[GATT]SCARD_ATTR_DEFAULT_CLK", kDefaultClock, "kHz");
-      return true;
-    case SCARD_ATTR_MAX_CLK:
-      answerQuantity(request, "[GATT]SCARD_ATTR_MAX_CLK", maxClock_.load(kRelaxed), "kHz");
-      return true;
-    case SCARD_ATTR_DEFAULT_DATA_RATE:
-      answerQuantity(request, "[GATT]SCARD_ATTR_DEFAULT_DATA_RATE", defaultDataRate_.load(kRelaxed),
-                     "bps");
-      return true;
-    case SCARD_ATTR_MAX_DATA_RATE:
-      answerQuantity(request, "[GATT]SCARD_ATTR_MAX_DATA_RATE", maxDataRate_.load(kRelaxed), "bps");
-      return true;
-    default:
-      return false;
-  }
-}
-
-bool Reader::getCardAttribute(std::uint32_t tag, IoRequest& request) {
-  switch (tag) {
-    case SCARD_ATTR_MAX_IFSD:
-      answerQuantity(request, "[GATT]SCARD_ATTR_MAX_IFSD", kMaxIfsd, "");
-      return true;
-    case SCARD_ATTR_CURRENT_IFSC:
-      answerQuantity(request, "[GATT]SCARD_ATTR_CURRENT_IFSC",
-                     ifsc_.load(std::memory_order_relaxed), "");
-      return true;
-    case SCARD_ATTR_CURRENT_PROTOCOL_TYPE:
-      getCurrentProtocol(request);
-      return true;
-    case SCARD_ATTR_ATR_STRING:
-      getAtr(request);
-      return true;
-    default:
-      return false;
-  }
-}
-
-void Reader::getCurrentProtocol(IoRequest& request) {
+void Reader::answerCurrentProtocol(IoRequest& request) {
   const std::uint32_t current = state();
   if (current <= SCARD_ABSENT) {
     logError(kNoMediaCode, "[GATT]SCARD_ATTR_CURRENT_PROTOCOL_TYPE: STATUS_NO_MEDIA");
@@ -134,7 +131,7 @@ void Reader::getCurrentProtocol(IoRequest& request) {
   MemoryUtil::setInt(device(), request, protocol);
 }
 
-void Reader::getAtr(IoRequest& request) {
+void Reader::answerAtr(IoRequest& request) {
   logInfo("[GATT]SCARD_ATTR_ATR_STRING");
   Bytes atr;
   if (QueryAtr(atr, false) != QueryResult::kSuccess) {
@@ -143,22 +140,6 @@ void Reader::getAtr(IoRequest& request) {
     return;
   }
   MemoryUtil::setBuffer(device(), request, atr);
-}
-
-void Reader::answerText(IoRequest& request, const char* logText, const std::string& value) {
-  logInfo("%s", logText);
-  MemoryUtil::setString(device(), request, value);
-}
-
-void Reader::answerNumber(IoRequest& request, const char* logText, std::uint32_t value) {
-  logInfo("%s", logText);
-  MemoryUtil::setInt(device(), request, value);
-}
-
-void Reader::answerQuantity(IoRequest& request, const char* logText, std::uint32_t value,
-                            const char* unit) {
-  logInfo("%s: %d%s", logText, static_cast<int>(value), unit);
-  MemoryUtil::setInt(device(), request, value);
 }
 
 void Reader::IoSmartCardGetVendorDefinedAttribute(std::uint32_t tag, IoRequest& request) {

@@ -38,7 +38,7 @@ void Reader::IoSmartCardPower(IoRequest* request, std::size_t /*inLength*/,
       reset(*request, "SCARD_WARM_RESET");
       break;
     default:
-      // Deliberate: an operation that there is not succeeds and does nothing.
+      // Intentional: an unknown operation succeeds and does nothing.
       finish(*request, status::kSuccess, kPowerHandler, __LINE__);
       break;
   }
@@ -109,7 +109,7 @@ void Reader::applyAtr(const AtrValues& values) {
     logInfo("TA(3): IFSC: %d", static_cast<int>(*values.ifsc));
   }
   if (values.lastProtocol.has_value()) {
-    // Deliberate: the protocol's number, not its mask value.
+    // Intentional: the protocol's number, not its mask value.
     currentProtocol_.store(*values.lastProtocol, std::memory_order_relaxed);
   }
   availableProtocols_.store(values.availableProtocols, std::memory_order_relaxed);

@@ -1,8 +1,8 @@
 // Waiting for a card to come or to go.
 //
-// No lock is held while the agent is asked. A card event that comes meanwhile finds the request not
-// waiting yet, and its answer may be older than the event. So if the awaited event has come since
-// just before the question, the request ends as if it had waited already.
+// No lock is held while the agent is asked, so a card event may be handled before the request is in
+// its list. If the awaited event has come since just before the question, the request is therefore
+// completed as if it had been waiting.
 #include "contract/reader_states.h"
 #include "contract/status.h"
 #include "diagnostics/log.h"
@@ -67,8 +67,8 @@ void Reader::markCancelable(IoRequest& request, const char* failureText) {
     logError(static_cast<std::uint32_t>(result), "%s", failureText);
     return;
   }
-  // If the request was cancelled before, the callback runs here and now and completes it:
-  // nothing may touch the request after this call.
+  // If the request was cancelled before, the callback completes it during this call: nothing may
+  // touch the request afterwards.
   request.markCancelable(callback.get());
 }
 

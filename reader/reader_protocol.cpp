@@ -46,9 +46,9 @@ void Reader::IoSmartCardSetProtocol(IoRequest* request, std::size_t /*inLength*/
     finish(*request, status::kNotSupported, kSetProtocolHandler, __LINE__);
     return;
   }
-  // Deliberate: no output, the caller is not told which protocol was chosen.
+  // Intentional: no output. The caller is not told which protocol was chosen.
   finish(*request, status::kSuccess, kSetProtocolHandler, __LINE__);
-  notifyCardReady();  // without the request, which is gone
+  notifyCardReady();  // must not use the request, which is completed
 }
 
 // T=1 is preferred whenever both are accepted and offered.
@@ -78,29 +78,27 @@ void Reader::IoSmartCardTransmit(IoRequest* request, std::size_t /*inLength*/,
   }
   constexpr auto kStateCode = static_cast<std::uint32_t>(status::kInvalidDeviceState);
   logInfo("[TRSM]IOCTL_SMARTCARD_TRANSMIT");
-  std::uint32_t protocol = 0;
-  Bytes command;
-  if (!readTransmit(*request, protocol, command)) {
+  const std::optional<TransmitInput> input = readTransmit(*request);
+  if (!input.has_value()) {
     logError(kStateCode, "[TRSM]STATUS_INVALID_DEVICE_STATE; failed to get request data");
     finish(*request, status::kInvalidDeviceState, kTransmitHandler, __LINE__);
     return;
   }
-  if (protocol != currentProtocol()) {
-    logError(kStateCode, "[TRSM]STATUS_INVALID_DEVICE_STATE; protocol:%08X", protocol);
+  if (input->protocol != currentProtocol()) {
+    logError(kStateCode, "[TRSM]STATUS_INVALID_DEVICE_STATE; protocol:%08X", input->protocol);
     finish(*request, status::kInvalidDeviceState, kTransmitHandler, __LINE__);
     return;
   }
-  transmit(*request, command);
+  transmit(*request, input->command);
 }
 
 // Copies the APDU straight out of the request's memory.
-bool Reader::readTransmit(IoRequest& request, std::uint32_t& protocol, Bytes& command) {
+std::optional<Reader::TransmitInput> Reader::readTransmit(IoRequest& request) {
   const InputBytes input(request);
-  if (!input || input.size() < kTransmitHeaderSize) return false;
-  protocol = loadLittleEndian(input.data());
-  // Deliberate: the header's length field is not consulted.
-  command.assign(input.data() + kTransmitHeaderSize, input.data() + input.size());
-  return true;
+  if (!input || input.size() < kTransmitHeaderSize) return std::nullopt;
+  // Intentional: the header's length field is not consulted.
+  return TransmitInput{loadLittleEndian(input.data()),
+                       Bytes(input.data() + kTransmitHeaderSize, input.data() + input.size())};
 }
 
 void Reader::transmit(IoRequest& request, const Bytes& command) {

@@ -29,7 +29,7 @@ void completeNewest(PendingRequests& pending, Complete complete) {
 
 }  // namespace
 
-// The list's count is an atomic.
+// No lock is needed: the list's count is an atomic.
 bool WaitingRequests::any(CardEvent awaited) const ZELTA_NO_THREAD_SAFETY_ANALYSIS {
   return !lists_[static_cast<std::size_t>(awaited)].empty();
 }

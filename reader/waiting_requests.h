@@ -7,8 +7,8 @@
 // Ownership: the reader's. The device outlives it. No reference is held on a request.
 //
 // Threads: what needs the device lock says so. `any` and `count` may be called without it; what
-// `any` gives is then a hint. Adding an insertion request takes the request list mutex below the
-// device lock, and wakes whoever waits for one with that mutex.
+// `any` gives is then a hint. Adding an insertion request takes the request list mutex and wakes
+// whoever waits for one with that mutex.
 #pragma once
 
 #include <array>
@@ -35,7 +35,7 @@ class WaitingRequests {
   platform::CriticalSection& deviceLock() ZELTA_RETURN_CAPABILITY(device_.deviceLock()) {
     return device_.deviceLock();
   }
-  // For a caller that holds the device lock by another name than `deviceLock`.
+  // Tells the compiler that the caller holds the device lock by another name than `deviceLock`.
   void assumeDeviceLock() ZELTA_ASSERT_CAPABILITY(device_.deviceLock()) {}
   // The request list mutex.
   platform::Mutex& mutex() ZELTA_RETURN_CAPABILITY(mutex_) { return mutex_; }

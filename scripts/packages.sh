@@ -17,6 +17,9 @@ TEST_PACKAGES=(
 PACKAGE_PACKAGES=(
   "${BUILD_PACKAGES[@]}" debhelper dpkg-dev
 )
+LINT_PACKAGES=(
+  clang clang-tidy clang-format shellcheck
+)
 BENCH_PACKAGES=(
   strace
 )

@@ -12,13 +12,14 @@ Installs what the tests need, builds, runs the whole suite and prints "N passed,
 
   --preset NAME     run this preset's suite only; may be repeated (release, windows, debug, clang,
                     asan-ubsan, tsan); default: release and windows, the latter under Wine
-  --sanitizers      the default and the suites under asan-ubsan and tsan
+  --folder NAME     build and run only the tests in tests/NAME; may be repeated
   --filter REGEX    only tests whose names match
   -h, --help        this text
 EOF
 }
 
 presets=()
+folders=()
 filter=()
 while [ $# -gt 0 ]; do
   case "$1" in
@@ -27,7 +28,12 @@ while [ $# -gt 0 ]; do
       presets+=("$2")
       shift
       ;;
-    --sanitizers) presets+=(release windows asan-ubsan tsan) ;;
+    --folder)
+      [ $# -ge 2 ] || die_usage "--folder needs a name"
+      [ -e "$ZELTA_ROOT/tests/$2/CMakeLists.txt" ] || die_usage "there is no folder tests/$2"
+      folders+=("$2")
+      shift
+      ;;
     --filter)
       [ $# -ge 2 ] || die_usage "--filter needs a regular expression"
       filter=(--tests-regex "$2")
@@ -48,6 +54,12 @@ for preset in "${presets[@]}"; do
     *) die_usage "there is no preset '$preset'; see ./zelta test --help" ;;
   esac
 done
+
+targets=("${folders[@]/#/tests/}")
+targets=("${targets[@]/%//all}")
+if [ ${#folders[@]} -gt 0 ]; then
+  filter+=(--label-regex "^($(IFS='|'; echo "${folders[*]}"))\$")
+fi
 
 packages=("${BUILD_PACKAGES[@]}" "${RUN_PACKAGES[@]}" "${TEST_PACKAGES[@]}")
 [[ " ${presets[*]} " != *" windows "* ]] || packages+=("${WINDOWS_PACKAGES[@]}")
@@ -84,7 +96,7 @@ run_suite() {
   # The benchmarks are built with the release, so that they keep up with the code.
   CONFIGURE_OPTIONS=()
   [ "$preset" != release ] || CONFIGURE_OPTIONS=(-DZELTA_BUILD_BENCHMARKS=ON)
-  build_preset "$preset"
+  build_preset "$preset" "${targets[@]}"
   step "Testing ($preset)"
   (run_ctest "$preset") 2>&1 | tee "$log" || true
   summary=$(grep -E '^[0-9]+% tests passed, [0-9]+ tests failed out of [0-9]+' "$log" || true)

@@ -55,6 +55,7 @@ class SocketPipeClient : public PipeClientPort {
 
   void watch(const std::vector<std::string>& pipeNames) override {
     std::vector<std::string> paths;
+    paths.reserve(pipeNames.size());
     for (const std::string& name : pipeNames) {
       paths.push_back(std::filesystem::absolute(platform::pipeSocketPath(name)).string());
     }

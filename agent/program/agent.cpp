@@ -112,13 +112,13 @@ void Agent::setConnected(bool connected) {
 }
 
 std::string Agent::insertCard() {
-  const std::string problem = slot_.insert();
+  std::string problem = slot_.insert();
   log_.info(problem.empty() ? "Card inserted" : "Card not inserted: " + problem);
   return problem;
 }
 
 std::string Agent::removeCard() {
-  const std::string problem = slot_.remove();
+  std::string problem = slot_.remove();
   log_.info(problem.empty() ? "Card removed" : "Card not removed: " + problem);
   return problem;
 }

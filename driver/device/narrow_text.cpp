@@ -25,7 +25,8 @@ std::string narrowText(std::wstring_view text) {
   units.reserve(text.size());
   for (const wchar_t wide : text) {
     // A wide character is a UTF-16 unit on some systems and a whole character on others.
-    const auto character = static_cast<std::uint32_t>(wide);
+    // No char, whatever clang-tidy takes it for.
+    const auto character = static_cast<std::uint32_t>(wide);  // NOLINT(bugprone-signed-char-misuse)
     if (character <= kLastSingleUnit) {
       units += static_cast<char16_t>(character);
     } else if (character <= kLastCharacter) {

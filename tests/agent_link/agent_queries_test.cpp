@@ -1,7 +1,6 @@
 // The exchanges on the command pipe: their bytes, call by call, their results and log lines.
 #include <gtest/gtest.h>
 
-#include "contract/bytes.h"
 #include "contract/reader_states.h"
 #include "contract/wire.h"
 #include "platform/process/error.h"
@@ -31,31 +30,54 @@ class Queries : public ScriptedLink {
   Bytes response_;
 };
 
-TEST_F(Queries, AtrWithResetSendsCommandZero) {
+// The three queries of an ATR. All but their codes and tags are the same.
+struct AtrQuery {
+  const char* name;
+  QueryResult (*ask)(PipeReader& reader, Bytes& atr);
+  const char* code;
+  const char* tag;
+};
+
+void PrintTo(const AtrQuery& query, std::ostream* out) { *out << query.name; }
+
+class AtrQueries : public Queries, public ::testing::WithParamInterface<AtrQuery> {
+ protected:
+  QueryResult ask() { return GetParam().ask(reader(), atr_); }
+  const Trace sent_{std::string("write command ") + GetParam().code, "flush command",
+                    "read command 4"};
+};
+
+TEST_P(AtrQueries, WritesItsCodeAndLogsTheAtr) {
   startAccepted();
   agentAnswers(number(5, kAtr));
-  EXPECT_EQ(queryAtr(true), QueryResult::kSuccess);
-  EXPECT_EQ(atr_, kAtr);
-  EXPECT_EQ(trace(),
-            (Trace{"write command 00000000", "flush command", "read command 4", "read command 5"}));
-  EXPECT_EQ(log_.records(), Records{info("[QueryATR]ATR:3B95138101")});
+  EXPECT_EQ(ask(), QueryResult::kSuccess);
+  Trace expected = sent_;
+  expected.push_back("read command 5");
+  EXPECT_EQ(trace(), expected);
+  EXPECT_EQ(log_.records(), Records{info(GetParam().tag + std::string("ATR:3B95138101"))});
 }
 
-TEST_F(Queries, AtrWithoutResetSendsCommandOne) {
+TEST_P(AtrQueries, ZeroLength_FailsAndNothingFurtherIsRead) {
   startAccepted();
-  agentAnswers(number(5, kAtr));
-  EXPECT_EQ(queryAtr(false), QueryResult::kSuccess);
-  EXPECT_EQ(trace().front(), "write command 01000000");
+  agentAnswers(number(0));
+  EXPECT_EQ(ask(), QueryResult::kFailure);
+  EXPECT_EQ(trace(), sent_);
+  EXPECT_EQ(log_.records(),
+            Records{error(kNoError, GetParam().tag + std::string("Invalid ATR size (0)"))});
 }
 
-TEST_F(Queries, CheckSendsCommandOne) {
-  startAccepted();
-  agentAnswers(number(5, kAtr));
-  EXPECT_EQ(reader().CheckATR(), QueryResult::kSuccess);
-  EXPECT_EQ(trace(),
-            (Trace{"write command 01000000", "flush command", "read command 4", "read command 5"}));
-  EXPECT_EQ(log_.records(), Records{info("[CheckATR]ATR:3B95138101")});
-}
+INSTANTIATE_TEST_SUITE_P(
+    All, AtrQueries,
+    ::testing::Values(
+        AtrQuery{"WithReset",
+                 [](PipeReader& reader, Bytes& atr) { return reader.QueryAtr(atr, true); },
+                 "00000000", "[QueryATR]"},
+        AtrQuery{"WithoutReset",
+                 [](PipeReader& reader, Bytes& atr) { return reader.QueryAtr(atr, false); },
+                 "01000000", "[QueryATR]"},
+        AtrQuery{"Check", [](PipeReader& reader, Bytes&) { return reader.CheckATR(); }, "01000000",
+                 "[CheckATR]"}),
+    [](const auto& instance) { return instance.param.name; });
 
 TEST_F(Queries, AtrReplacesWhatTheVectorHeld) {
   startAccepted();
@@ -65,7 +87,7 @@ TEST_F(Queries, AtrReplacesWhatTheVectorHeld) {
   EXPECT_EQ(atr_, kAtr);
 }
 
-TEST_F(Queries, TransmitWritesCodeLengthAndApduOnTheirOwn) {
+TEST_F(Queries, Transmit_WritesCodeLengthAndApduOnTheirOwn) {
   startAccepted();
   agentAnswers(number(3, {0xAB, 0x90, 0x00}));
   EXPECT_EQ(transmit(kSelect), QueryResult::kSuccess);
@@ -76,21 +98,21 @@ TEST_F(Queries, TransmitWritesCodeLengthAndApduOnTheirOwn) {
   EXPECT_TRUE(log_.records().empty()) << "a response is not logged";
 }
 
-TEST_F(Queries, CardReadyIsOneWriteWithoutFlushOrAnswer) {
+TEST_F(Queries, CardReady_IsOneWriteWithoutFlushOrAnswer) {
   startAccepted();
   EXPECT_TRUE(reader().NotifyCardReady());
   EXPECT_EQ(trace(), Trace{"write command 03000000"});
   EXPECT_EQ(log_.records(), Records{info("[NotifyCardReady]Notification sent")});
 }
 
-TEST_F(Queries, CardReadyThatCannotBeSentIsLoggedWithoutTag) {
+TEST_F(Queries, CardReadyThatCannotBeSent_IsLoggedWithoutTag) {
   pipes_.fail(PipeCallKind::kWrite, kNoData);
   startAccepted();
   EXPECT_FALSE(reader().NotifyCardReady());
   EXPECT_EQ(log_.records(), Records{error(kNoData, "Failed to send ready notification")});
 }
 
-TEST_F(Queries, EmptyApduIsAnsweredWithoutTouchingThePipe) {
+TEST_F(Queries, EmptyApdu_Answers6901WithoutTouchingThePipe) {
   startAccepted();
   EXPECT_EQ(transmit({}), QueryResult::kSuccess);
   EXPECT_EQ(response_, kNotAccepted);
@@ -99,7 +121,7 @@ TEST_F(Queries, EmptyApduIsAnsweredWithoutTouchingThePipe) {
             Records{error(kNoError, "[QueryTransmit]Empty APDU, command not accepted")});
 }
 
-TEST_F(Queries, FailedFlushIsIgnored) {
+TEST_F(Queries, FailedFlush_IsIgnored) {
   pipes_.fail(PipeCallKind::kFlush, kBroken, 1, 3);
   startAccepted();
   agentAnswers(number(5, kAtr));
@@ -111,23 +133,7 @@ TEST_F(Queries, FailedFlushIsIgnored) {
   EXPECT_TRUE(log_.errors().empty());
 }
 
-TEST_F(Queries, ZeroAtrLengthFailsAndNothingFurtherIsRead) {
-  startAccepted();
-  agentAnswers(number(0));
-  EXPECT_EQ(queryAtr(), QueryResult::kFailure);
-  EXPECT_EQ(trace(), (Trace{"write command 00000000", "flush command", "read command 4"}));
-  EXPECT_EQ(log_.records(), Records{error(kNoError, "[QueryATR]Invalid ATR size (0)")});
-}
-
-TEST_F(Queries, ZeroAtrLengthMeansNoCardToTheCheck) {
-  startAccepted();
-  agentAnswers(number(0));
-  EXPECT_EQ(reader().CheckATR(), QueryResult::kFailure);
-  EXPECT_EQ(trace(), (Trace{"write command 01000000", "flush command", "read command 4"}));
-  EXPECT_EQ(log_.records(), Records{error(kNoError, "[CheckATR]Invalid ATR size (0)")});
-}
-
-TEST_F(Queries, FailedAtrReadLeavesTheNewLength) {
+TEST_F(Queries, FailedAtrRead_LeavesTheNewLength) {
   pipes_.fail(PipeCallKind::kRead, kBroken, 2, 1, commandPipeName(0));
   startAccepted();
   agentAnswers(number(33));
@@ -136,7 +142,7 @@ TEST_F(Queries, FailedAtrReadLeavesTheNewLength) {
   EXPECT_EQ(log_.records(), Records{error(kBroken, "[QueryATR]Failed to read ATR data")});
 }
 
-TEST_F(Queries, LongAtrIsLoggedAsFarAsALineGoes) {
+TEST_F(Queries, LongAtr_IsLoggedAsFarAsALineGoes) {
   startAccepted();
   agentAnswers(number(300, Bytes(300, 0xA5)));
   EXPECT_EQ(queryAtr(), QueryResult::kSuccess);
@@ -146,16 +152,12 @@ TEST_F(Queries, LongAtrIsLoggedAsFarAsALineGoes) {
   EXPECT_EQ(log_.records(), Records{info(text)});
 }
 
-TEST_F(Queries, PayloadOfExactlyOneBlockIsReadByOneCall) {
+TEST_F(Queries, PayloadOfMoreThanOneBlock_IsReadInBlocks) {
   startAccepted();
   agentAnswers(number(PipeStream::kReadBlock, Bytes(PipeStream::kReadBlock, 7)));
   EXPECT_EQ(transmit(kSelect), QueryResult::kSuccess);
   EXPECT_EQ(trace().back(), "read command 1048576");
   EXPECT_EQ(response_, Bytes(PipeStream::kReadBlock, 7));
-}
-
-TEST_F(Queries, LongerPayloadIsReadInBlocks) {
-  startAccepted();
   const std::uint32_t length = 2 * PipeStream::kReadBlock + 10;
   Bytes payload(length);
   for (std::size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<std::uint8_t>(i >> 12);
@@ -170,7 +172,7 @@ TEST_F(Queries, LongerPayloadIsReadInBlocks) {
 
 // A late answer stays in the pipe and is read as the next one's beginning: deliberate, and the
 // reason why an agent must not send one.
-TEST_F(Queries, WhatIsLeftInThePipeIsReadAsTheNextAnswer) {
+TEST_F(Queries, WhatIsLeftInThePipe_IsReadAsTheNextAnswer) {
   AgentLinkTimes times;
   times.query = std::chrono::milliseconds(1);
   startAccepted(times);
@@ -227,7 +229,7 @@ class TransmitSteps : public Queries, public ::testing::WithParamInterface<Step>
   }
 };
 
-TEST_P(TransmitSteps, FailsWhileTheCardIsThere) {
+TEST_P(TransmitSteps, WhileTheCardIsThere_Fails) {
   prepare();
   makeCardPresent();
   log_.clear();
@@ -245,7 +247,7 @@ TEST_P(TransmitSteps, FailsWhileTheCardIsThere) {
   EXPECT_EQ(response_, payloadFailed ? Bytes{} : (Bytes{1, 2, 3}));
 }
 
-TEST_P(TransmitSteps, IsAnsweredNotAcceptedOnceTheCardIsGone) {
+TEST_P(TransmitSteps, OnceTheCardIsGone_Answers6901) {
   prepare();
   ASSERT_EQ(reader().state(), SCARD_ABSENT);
   EXPECT_EQ(transmit(kSelect), QueryResult::kSuccess);
@@ -270,42 +272,24 @@ INSTANTIATE_TEST_SUITE_P(
         Step{"Response", PipeCallKind::kRead, 2, "[QueryTransmit]Failed to read APDU response"}),
     [](const auto& instance) { return instance.param.name; });
 
-// A reader whose pipes could not be created.
-class QueriesWithoutPipe : public Queries {
- protected:
-  void startWithout() {
-    start();
-    ASSERT_TRUE(log_.waitFor("Failed to create command named pipe '" + commandPipeName(0) + "'"));
-    log_.clear();
-    forgetCalls();
-  }
-  void SetUp() override {
-    pipes_.fail(PipeCallKind::kCreate, platform::error::kAccessDenied);
-    startWithout();
-  }
-  void TearDown() override { EXPECT_TRUE(trace().empty()); }
-};
-
-TEST_F(QueriesWithoutPipe, AtrFails) {
+TEST_F(Queries, WithoutPipes_FailEvenWithoutACardAndWithAnEmptyApdu) {
+  pipes_.fail(PipeCallKind::kCreate, platform::error::kAccessDenied);
+  start();
+  ASSERT_TRUE(log_.waitFor("Failed to create command named pipe '" + commandPipeName(0) + "'"));
+  log_.clear();
+  forgetCalls();
   EXPECT_EQ(queryAtr(), QueryResult::kFailure);
-  EXPECT_EQ(log_.records(), Records{error(kNoError, "[QueryATR]Invalid named pipe handle")});
-}
-
-TEST_F(QueriesWithoutPipe, CheckFails) {
   EXPECT_EQ(reader().CheckATR(), QueryResult::kFailure);
-  EXPECT_EQ(log_.records(), Records{error(kNoError, "[CheckATR]Invalid named pipe handle")});
-}
-
-TEST_F(QueriesWithoutPipe, TransmitFailsEvenWithoutACardAndWithAnEmptyApdu) {
   EXPECT_EQ(transmit({}), QueryResult::kFailure);
   EXPECT_EQ(transmit(kSelect), QueryResult::kFailure);
-  const LogRecord expected = error(kNoError, "[QueryTransmit]Invalid named pipe handle");
-  EXPECT_EQ(log_.records(), (Records{expected, expected}));
-}
-
-TEST_F(QueriesWithoutPipe, CardReadyFails) {
   EXPECT_FALSE(reader().NotifyCardReady());
-  EXPECT_EQ(log_.records(), Records{error(kNoError, "[NotifyCardReady]Invalid named pipe handle")});
+  EXPECT_EQ(log_.records(),
+            (Records{error(kNoError, "[QueryATR]Invalid named pipe handle"),
+                     error(kNoError, "[CheckATR]Invalid named pipe handle"),
+                     error(kNoError, "[QueryTransmit]Invalid named pipe handle"),
+                     error(kNoError, "[QueryTransmit]Invalid named pipe handle"),
+                     error(kNoError, "[NotifyCardReady]Invalid named pipe handle")}));
+  EXPECT_TRUE(trace().empty());
 }
 
 }  // namespace

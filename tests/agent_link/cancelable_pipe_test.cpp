@@ -170,8 +170,8 @@ TEST_F(CancelablePipeTest, CancellingDoesNotWaitForCallsOfTheNextEpoch) {
   auto oldRead = beginReadInGap();
   auto end = std::async(std::launch::async, [&] { return pipe_.cancelCalls(); });
   ASSERT_TRUE(gaps_.waitForMissedCancels("pipe", 1));
-  // A call of the next epoch is in flight until the end, outside the pipe, where no cancel
-  // reaches it.
+  // A call of the next epoch is in flight until the end, outside the pipe, so that no
+  // cancel reaches it.
   std::promise<void> finish;
   auto next = std::async(std::launch::async, [&] {
     return pipe_.run(pipe_.epoch(), [&] {

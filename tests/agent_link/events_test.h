@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <vector>
 
 #include "contract/bytes.h"
 #include "platform/process/error.h"
@@ -14,7 +13,7 @@
 
 namespace zelta::test {
 
-inline const std::vector<std::uint8_t> kAtr = {0x3B, 0x00};
+inline const Bytes kAtr = {0x3B, 0x00};
 inline constexpr std::uint32_t kBroken = platform::error::kBrokenPipe;
 
 // The written-only flag of the reader.
@@ -24,11 +23,7 @@ struct CardReady : Reader {
 
 class EventsTest : public LinkTest {
  protected:
-  EventsTest() { device_.watchLock(); }
-  ~EventsTest() override {
-    EXPECT_TRUE(device_.lockAlwaysHeld());
-    stop();
-  }
+  ~EventsTest() override { stop(); }
 
   // The agent's card: an ATR, or none.
   void setCard(bool in) { card_.store(in); }
@@ -38,9 +33,9 @@ class EventsTest : public LinkTest {
   }
 
   // With an insertion request waiting that the connection does not fulfil.
-  LinkRequest& connectWithoutCard(const AgentLinkTimes& times = {}) {
+  FakeRequest& connectWithoutCard(const AgentLinkTimes& times = {}) {
     start(times);
-    LinkRequest& request = waitForInsertion();
+    FakeRequest& request = waitForInsertion();
     EXPECT_TRUE(agent_.connect(answer()));
     EXPECT_TRUE(log_.waitFor("Waiting for command..."));
     return request;
@@ -50,9 +45,9 @@ class EventsTest : public LinkTest {
   void connectWithCard() {
     setCard(true);
     start();
-    LinkRequest& request = waitForInsertion();
+    FakeRequest& request = waitForInsertion();
     EXPECT_TRUE(agent_.connect(answer()));
-    EXPECT_TRUE(request.waitForCompletion());
+    EXPECT_TRUE(request.waitCompleted());
     EXPECT_TRUE(log_.waitFor("Waiting for command..."));
   }
 

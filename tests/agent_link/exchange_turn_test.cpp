@@ -28,13 +28,13 @@ class ExchangeTurnTest : public ::testing::Test {
   std::optional<ExchangeTurn::Holder> held_;
 };
 
-TEST_F(ExchangeTurnTest, ThatNobodyHoldsIsTakenAtOnce) {
+TEST_F(ExchangeTurnTest, HeldByNobody_IsTakenAtOnce) {
   take();
   giveUp();
   take();
 }
 
-TEST_F(ExchangeTurnTest, IsWaitedForUntilItIsGivenUp) {
+TEST_F(ExchangeTurnTest, HeldByAnother_IsWaitedFor) {
   take();
   std::atomic<bool> gaveUp{false};
   auto other = std::async(std::launch::async, [&] {
@@ -47,7 +47,7 @@ TEST_F(ExchangeTurnTest, IsWaitedForUntilItIsGivenUp) {
   EXPECT_TRUE(other.get());
 }
 
-TEST_F(ExchangeTurnTest, ThatIsNotGivenUpInTimeIsNotTaken) {
+TEST_F(ExchangeTurnTest, NotGivenUpInTime_IsNotTaken) {
   take();
   bool asked = false;
   EXPECT_FALSE(turn_.take(1ms, [&] {
@@ -59,7 +59,7 @@ TEST_F(ExchangeTurnTest, ThatIsNotGivenUpInTimeIsNotTaken) {
   take();  // whoever gave up waiting is not in the order any more
 }
 
-TEST_F(ExchangeTurnTest, WhoseHolderIsEndedIsTaken) {
+TEST_F(ExchangeTurnTest, HolderIsEnded_IsTaken) {
   take();
   std::thread holder;
   EXPECT_TRUE(turn_.take(1ms, [&] {
@@ -69,13 +69,13 @@ TEST_F(ExchangeTurnTest, WhoseHolderIsEndedIsTaken) {
   holder.join();
 }
 
-TEST_F(ExchangeTurnTest, WhoseHolderDoesNotEndInTimeIsNotTaken) {
+TEST_F(ExchangeTurnTest, HolderDoesNotEndInTime_IsNotTaken) {
   take();
   EXPECT_FALSE(turn_.take(1ms, [] { return true; }));
 }
 
 // The one that was there first has it, and the other does not wait for that one as well.
-TEST_F(ExchangeTurnTest, OfAnEndedHolderIsTheNextOnesInTheOrder) {
+TEST_F(ExchangeTurnTest, HolderIsEnded_TheNextInTheOrderHasIt) {
   take();
   std::promise<void> firstWaits;
   std::promise<void> ended;
@@ -95,7 +95,7 @@ TEST_F(ExchangeTurnTest, OfAnEndedHolderIsTheNextOnesInTheOrder) {
   EXPECT_TRUE(first.get());
 }
 
-TEST_F(ExchangeTurnTest, IsNeverTwoThreadsAtOnce) {
+TEST_F(ExchangeTurnTest, TakenOnManyThreads_IsNeverTwoThreadsAtOnce) {
   std::atomic<int> inside{0};
   std::vector<std::thread> threads;
   for (int thread = 0; thread < 4; ++thread) {

@@ -1,18 +1,22 @@
 #include "tests/agent_link/hostile_agent.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "agent_link/pipe_reader.h"
 #include "contract/attributes.h"
-#include "contract/bytes.h"
 #include "contract/io_controls.h"
 #include "contract/reader_states.h"
 #include "platform/process/error.h"
-#include "platform/process/ports.h"
-#include "tests/doubles/request/link_requests.h"
+#include "tests/doubles/pipes/forwarding_pipes.h"
+#include "tests/doubles/request/fake_request.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/numbers.h"
 
 namespace zelta::test {
 
@@ -37,9 +41,9 @@ class HostilePipes final : public platform::PipeApi {
   // Until the reader has dropped the agent because its event pipe broke.
   bool waitUntilDropped() {
     MutexLock lock(mutex_);
-    return changed_.waitFor(lock, LinkRequest::kLimit, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-      return ends_[kCommand].dropped;
-    });
+    return changed_.waitFor(
+        lock, std::chrono::seconds(30),
+        [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return ends_[kCommand].dropped; });
   }
 
   bool convertSecurityDescriptor(const std::string&, platform::SecurityDescriptor* out) override {
@@ -113,72 +117,43 @@ class HostilePipes final : public platform::PipeApi {
   End ends_[kEnds];
 };
 
-// The system's pipes are put back at the end.
-class PipesForNow {
- public:
-  explicit PipesForNow(platform::PipeApi& pipes) : before_(platform::ports()) {
-    platform::Ports ports = before_;
-    ports.pipes = &pipes;
-    platform::replacePorts(ports);
-  }
-  ~PipesForNow() { platform::replacePorts(before_); }
-  PipesForNow(const PipesForNow&) = delete;
-  PipesForNow& operator=(const PipesForNow&) = delete;
-
- private:
-  const platform::Ports before_;
-};
-
-Bytes inputOf(std::uint32_t first, std::uint32_t second) {
-  Bytes bytes(8);
-  std::memcpy(bytes.data(), &first, 4);
-  std::memcpy(bytes.data() + 4, &second, 4);
-  return bytes;
-}
-
 // Every handler that asks the agent, on what is left of its bytes.
-std::string ask(PipeReader& reader, LinkDevice& device) {
-  LinkRequest reset(device, inputOf(SCARD_COLD_RESET, 0));
-  LinkRequest attribute(device, inputOf(SCARD_ATTR_ATR_STRING, 0));
-  LinkRequest protocol(device, inputOf(SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1, 0));
-  Bytes transmitInput = inputOf(0, kTransmitHeaderSize);
-  transmitInput.insert(transmitInput.end(), {0x00, 0xA4, 0x04, 0x00});
-  LinkRequest transmit(device, transmitInput);
-  LinkRequest present(device);
-  reader.IoSmartCardPower(&reset, 4, 4096);
-  reader.IoSmartCardTransmit(&transmit, transmitInput.size(), 4096);
-  reader.IoSmartCardGetAttribute(&attribute, 4, 4096);
-  reader.IoSmartCardSetProtocol(&protocol, 4, 0);
-  reader.IoSmartCardIsPresent(&present, 0, 0);
+void ask(PipeReader& reader, FakeReaderDevice& device) {
+  std::vector<std::unique_ptr<FakeRequest>> requests;
+  const auto handle = [&](void (Reader::*handler)(IoRequest*, std::size_t, std::size_t),
+                          const Bytes& input) {
+    requests.push_back(std::make_unique<FakeRequest>(device));
+    requests.back()->withInput(input).withOutput(4096);
+    (reader.*handler)(requests.back().get(), input.size(), 4096);
+  };
+  handle(&Reader::IoSmartCardPower, number(SCARD_COLD_RESET));
+  handle(&Reader::IoSmartCardTransmit, number(0, number(kTransmitHeaderSize, {0, 0xA4, 4, 0})));
+  handle(&Reader::IoSmartCardGetAttribute, number(SCARD_ATTR_ATR_STRING));
+  handle(&Reader::IoSmartCardSetProtocol, number(SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1));
+  handle(&Reader::IoSmartCardIsPresent, {});
   reader.shutdown();
-  for (const LinkRequest* request : {&reset, &attribute, &protocol, &transmit, &present}) {
-    if (request->completions() != 1) return "a request was not completed exactly once";
-    if (request->references() != 0) return "a reference on a request was kept";
-  }
-  return {};
+  for (const auto& request : requests) EXPECT_TRUE(request->completed());
 }
 
 }  // namespace
 
-std::string playHostileAgent(const std::uint8_t* data, std::size_t size) {
-  if (size < 2) return {};
+void playHostileAgent(const std::uint8_t* data, std::size_t size) {
+  if (size < 2) return;
   const std::size_t announced = data[0] | std::size_t{data[1]} << 8;
   const std::size_t events = std::min(announced, size - 2);
   const std::uint8_t* const command = data + 2 + events;
   HostilePipes pipes(Bytes(data + 2, command), Bytes(command, data + size));
-  const PipesForNow scoped(pipes);
+  const ScopedPipes scoped(pipes);
   const LogCapture log;
-  LinkDevice device;
-  LinkRequest insertion(device);
+  FakeReaderDevice device;
+  FakeRequest insertion(device);
   PipeReader reader(0, &device);
-  device.setReader(&reader);
+  device.onCancel = [&reader](IoRequest& request) { reader.IoCancelRequest(&request); };
   // Queued, as there is no agent yet, and so lets it in.
   reader.IoSmartCardIsPresent(&insertion, 0, 0);
-  if (!pipes.waitUntilDropped()) return "the agent was not dropped";
-  std::string violated = ask(reader, device);
-  if (violated.empty() && insertion.completions() != 1) violated = "the insertion request hangs";
-  device.setReader(nullptr);
-  return violated;
+  EXPECT_TRUE(pipes.waitUntilDropped()) << "the agent was not dropped";
+  ask(reader, device);
+  EXPECT_TRUE(insertion.completed());
 }
 
 }  // namespace zelta::test

@@ -10,14 +10,13 @@
 namespace zelta::test {
 namespace {
 
-TEST(HostileAgent, NothingInTheCorpusViolatesAnything) {
+TEST(HostileAgent, OfTheCorpus_LeavesEveryRequestCompletedOnce) {
   int played = 0;
   for (const auto& entry : std::filesystem::directory_iterator(ZELTA_LINK_CORPUS)) {
     std::ifstream file(entry.path(), std::ios::binary);
     const std::string bytes{std::istreambuf_iterator<char>(file), {}};
-    EXPECT_EQ(playHostileAgent(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()),
-              "")
-        << entry.path();
+    SCOPED_TRACE(entry.path());
+    playHostileAgent(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
     ++played;
   }
   EXPECT_GE(played, 10);

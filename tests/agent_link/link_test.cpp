@@ -4,7 +4,6 @@
 #include <chrono>
 #include <utility>
 
-#include "contract/bytes.h"
 #include "contract/io_controls.h"
 #include "contract/reader_states.h"
 
@@ -41,7 +40,7 @@ LinkTest::~LinkTest() { stop(); }
 
 PipeReader& LinkTest::start(const AgentLinkTimes& times, std::uint32_t index) {
   reader_ = std::make_unique<PipeReader>(index, &device_, times);
-  device_.setReader(reader_.get());
+  device_.onCancel = [this](IoRequest& request) { reader_->IoCancelRequest(&request); };
   return *reader_;
 }
 
@@ -53,40 +52,33 @@ void LinkTest::stop() {
 
 void LinkTest::destroy() {
   reader_->shutdown();
-  device_.setReader(nullptr);
+  device_.onCancel = nullptr;
   reader_.reset();
 }
 
-LinkRequest& LinkTest::makeRequest(Bytes input) {
-  requests_.push_back(std::make_unique<LinkRequest>(device_, std::move(input)));
-  return *requests_.back();
+FakeRequest& LinkTest::makeRequest(Bytes input) {
+  requests_.push_back(std::make_unique<FakeRequest>(device_));
+  return requests_.back()->withInput(std::move(input)).withOutput(4096).checkingLock();
 }
 
-LinkRequest& LinkTest::waitForInsertion() {
-  LinkRequest& request = makeRequest();
+FakeRequest& LinkTest::waitForInsertion() {
+  FakeRequest& request = makeRequest();
   reader().IoSmartCardIsPresent(&request, 0, 0);
-  EXPECT_TRUE(request.waitUntilMarked()) << "the request does not wait";
+  EXPECT_TRUE(request.waitMarked()) << "the request does not wait";
   return request;
 }
 
-LinkRequest& LinkTest::waitForRemoval() {
-  LinkRequest& request = makeRequest();
+FakeRequest& LinkTest::waitForRemoval() {
+  FakeRequest& request = makeRequest();
   reader().IoSmartCardIsAbsent(&request, 0, 0);
-  EXPECT_TRUE(request.waitUntilMarked()) << "the request does not wait";
+  EXPECT_TRUE(request.waitMarked()) << "the request does not wait";
   return request;
 }
 
 void LinkTest::makeCardPresent() {
-  LinkRequest& request = makeRequest(number(SCARD_POWER_DOWN));
+  FakeRequest& request = makeRequest(number(SCARD_POWER_DOWN));
   reader().IoSmartCardPower(&request, 4, 0);
   ASSERT_EQ(reader().state(), SCARD_SWALLOWED);
-}
-
-std::vector<std::uint8_t> number(std::uint32_t value, const std::vector<std::uint8_t>& tail) {
-  const auto head = toLittleEndian(value);
-  std::vector<std::uint8_t> bytes(head.begin(), head.end());
-  for (const std::uint8_t byte : tail) bytes.push_back(byte);
-  return bytes;
 }
 
 std::string hex(const std::vector<std::uint8_t>& bytes) {

@@ -12,28 +12,13 @@
 
 #include "agent_link/pipe_reader.h"
 #include "contract/bytes.h"
-#include "platform/process/ports.h"
-#include "tests/doubles/request/link_requests.h"
+#include "tests/doubles/pipes/forwarding_pipes.h"
+#include "tests/doubles/request/fake_request.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/numbers.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::test {
-
-// Puts other pipes in the system's place for a scope.
-class ScopedPipes {
- public:
-  explicit ScopedPipes(platform::PipeApi& pipes) : before_(platform::ports()) {
-    platform::Ports ports = before_;
-    ports.pipes = &pipes;
-    platform::replacePorts(ports);
-  }
-  ~ScopedPipes() { platform::replacePorts(before_); }
-  ScopedPipes(const ScopedPipes&) = delete;
-  ScopedPipes& operator=(const ScopedPipes&) = delete;
-
- private:
-  const platform::Ports before_;
-};
 
 // Waits for log lines.
 class LogWaiter {
@@ -65,10 +50,11 @@ class LinkTest : public ::testing::Test {
   PipeReader& reader() { return *reader_; }
 
   // A waiting insertion (or removal) request; returns when it is in its list.
-  LinkRequest& waitForInsertion();
-  LinkRequest& waitForRemoval();
-  // A request of this test that lives as long.
-  LinkRequest& makeRequest(Bytes input = {});
+  FakeRequest& waitForInsertion();
+  FakeRequest& waitForRemoval();
+  // A request of this test that lives as long. Checks that the device lock is held when it is
+  // completed.
+  FakeRequest& makeRequest(Bytes input = {});
   // Leaves the state at "swallowed", as after a power down.
   void makeCardPresent();
   bool waitForCount(const std::string& text, std::size_t count) {
@@ -81,15 +67,13 @@ class LinkTest : public ::testing::Test {
   ScopedVariable root_;
   LogCapture log_;
   LogWaiter waiter_;
-  LinkDevice device_;
+  FakeReaderDevice device_;
 
  private:
-  std::vector<std::unique_ptr<LinkRequest>> requests_;
+  std::vector<std::unique_ptr<FakeRequest>> requests_;
   std::unique_ptr<PipeReader> reader_;
 };
 
-// A number as four bytes in front of others, or alone.
-std::vector<std::uint8_t> number(std::uint32_t value, const std::vector<std::uint8_t>& tail = {});
 std::string hex(const std::vector<std::uint8_t>& bytes);
 
 }  // namespace zelta::test

@@ -7,8 +7,6 @@
 #include <future>
 #include <thread>
 
-#include "contract/bytes.h"
-#include "contract/status.h"
 #include "contract/wire.h"
 #include "platform/process/error.h"
 #include "tests/agent_link/scripted_link.h"
@@ -19,51 +17,42 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class Attributes : public ScriptedLink {
+class PipeReaderAttributes : public ScriptedLink {
  protected:
-  LinkRequest& ask(std::uint32_t tag) {
-    LinkRequest& request = makeRequest(number(tag));
+  FakeRequest& ask(std::uint32_t tag) {
+    FakeRequest& request = makeRequest(number(tag));
     reader().IoSmartCardGetAttribute(&request, 4, 4096);
     return request;
   }
-  static std::string text(LinkRequest& request) {
-    const std::vector<std::uint8_t> bytes = request.output();
-    return std::string(bytes.begin(),
-                       bytes.begin() + static_cast<std::ptrdiff_t>(request.information()));
+  std::string text(std::uint32_t tag) {
+    const Bytes bytes = ask(tag).answer();
+    return std::string(bytes.begin(), bytes.end());
   }
 };
 
-TEST_F(Attributes, PipeNamesAreAnsweredWithTheirTerminatingZero) {
+TEST_F(PipeReaderAttributes, PipeNames_AreAnsweredWithTheirTerminatingZero) {
   startCreated();
-  LinkRequest& command = ask(0x0007A00A);
-  EXPECT_EQ(command.status(), status::kSuccess);
-  EXPECT_EQ(text(command), commandPipeName(0) + '\0');
-  LinkRequest& event = ask(0x0007A00B);
-  EXPECT_EQ(text(event), eventPipeName(0) + '\0');
+  EXPECT_EQ(text(0x0007A00A), commandPipeName(0) + '\0');
+  EXPECT_EQ(text(0x0007A00B), eventPipeName(0) + '\0');
   EXPECT_TRUE(log_.contains(debug("[GATT]PIPE_NAME")));
   EXPECT_TRUE(log_.contains(debug("[GATT]EVENT_PIPE_NAME")));
 }
 
-TEST_F(Attributes, OtherVendorAttributesAreTheReadersOwn) {
+TEST_F(PipeReaderAttributes, OtherVendorAttributes_AreTheReadersOwn) {
   startCreated();
-  LinkRequest& rpcType = ask(0x0007A009);
-  EXPECT_EQ(rpcType.status(), status::kSuccess);
-  EXPECT_EQ(rpcType.information(), 4u);
-  const std::vector<std::uint8_t> output = rpcType.output();
-  EXPECT_EQ(std::vector<std::uint8_t>(output.begin(), output.begin() + 4), number(0));
-  EXPECT_EQ(ask(0x0007A00C).status(), status::kNotSupported);
+  EXPECT_EQ(ask(0x0007A009).answer(), number(0));
+  EXPECT_EQ(ask(0x0007A00C).status(), kNotSupported);
   EXPECT_TRUE(
       log_.contains(error(50, "[GATT]SCARD_CLASS_VENDOR_DEFINED: ERROR_NOT_SUPPORTED:0007A00C")));
 }
 
-class ServerResult : public Attributes {
+class ServerResult : public PipeReaderAttributes {
  protected:
-  static constexpr std::uint32_t kServerResult = 0x0007A010;
-
   std::uint32_t result() {
-    LinkRequest& request = ask(kServerResult);
-    EXPECT_EQ(request.status(), status::kSuccess);
-    EXPECT_EQ(request.information(), 4u);
+    FakeRequest request(device_);
+    request.withInput(0x0007A010u).withOutput(4);
+    reader().IoSmartCardGetAttribute(&request, 4, 4);
+    EXPECT_EQ(request.answer().size(), 4u);
     return loadLittleEndian(request.output().data());
   }
 
@@ -78,34 +67,18 @@ class ServerResult : public Attributes {
 };
 
 // The creation of the pipes, held up.
-class SlowCreation : public platform::PipeApi {
+class SlowCreation : public ForwardingPipes {
  public:
-  explicit SlowCreation(platform::PipeApi& pipes) : pipes_(pipes) {}
+  using ForwardingPipes::ForwardingPipes;
   void letGo() { go_.set_value(); }
 
   bool convertSecurityDescriptor(const std::string& sddl,
                                  platform::SecurityDescriptor* out) override {
     goes_.wait();
-    return pipes_.convertSecurityDescriptor(sddl, out);
+    return ForwardingPipes::convertSecurityDescriptor(sddl, out);
   }
-  platform::PipeHandleValue create(const std::string& name,
-                                   const platform::PipeArguments& arguments) override {
-    return pipes_.create(name, arguments);
-  }
-  bool connect(platform::PipeHandleValue pipe) override { return pipes_.connect(pipe); }
-  bool disconnect(platform::PipeHandleValue pipe) override { return pipes_.disconnect(pipe); }
-  bool cancel(platform::PipeHandleValue pipe) override { return pipes_.cancel(pipe); }
-  bool read(platform::PipeHandleValue pipe, void* data, std::uint32_t size) override {
-    return pipes_.read(pipe, data, size);
-  }
-  bool write(platform::PipeHandleValue pipe, const void* data, std::uint32_t size) override {
-    return pipes_.write(pipe, data, size);
-  }
-  bool flush(platform::PipeHandleValue pipe) override { return pipes_.flush(pipe); }
-  bool close(platform::PipeHandleValue pipe) override { return pipes_.close(pipe); }
 
  private:
-  platform::PipeApi& pipes_;
   std::promise<void> go_;
   std::shared_future<void> goes_ = go_.get_future().share();
 };
@@ -121,13 +94,13 @@ TEST_F(ServerResult, IsPendingUntilThePipesAreCreatedAndThenZero) {
   stop();
 }
 
-TEST_F(ServerResult, OfAFailedCreationIsItsError) {
+TEST_F(ServerResult, OfAFailedCreation_IsItsError) {
   pipes_.fail(PipeCallKind::kCreate, platform::error::kAccessDenied);
   start();
   EXPECT_TRUE(becomes(platform::error::kAccessDenied));
 }
 
-TEST_F(ServerResult, OfAThreadThatNobodyNeededIsInvalidState) {
+TEST_F(ServerResult, OfAThreadThatNobodyNeeded_IsInvalidState) {
   AgentLinkTimes times;
   times.insertRequest = 1ms;
   start(times);
@@ -136,7 +109,7 @@ TEST_F(ServerResult, OfAThreadThatNobodyNeededIsInvalidState) {
 }
 
 // The request is gone again when the thread that it has woken looks for it.
-TEST_F(ServerResult, OfAThreadWhoseRequestIsCancelledAsItWakesIsZero) {
+TEST_F(ServerResult, OfAThreadWhoseRequestIsCancelledAsItWakes_IsZero) {
   pipes_.fail(PipeCallKind::kConnect, platform::error::kGenFailure, 1, ScriptedPipes::kForever);
   AgentLinkTimes times;
   times.insertRequest = std::chrono::minutes(10);
@@ -146,10 +119,10 @@ TEST_F(ServerResult, OfAThreadWhoseRequestIsCancelledAsItWakesIsZero) {
   const auto wakes = static_cast<std::size_t>(repetitions(1000));
   while (pipes_.calls(PipeCallKind::kConnect).size() < wakes) {
     for (int i = 0; i < 10; ++i) {
-      LinkRequest request(device_);
+      FakeRequest request(device_);
       reader().IoSmartCardIsPresent(&request, 0, 0);
       request.cancel();
-      ASSERT_EQ(request.status(), status::kCancelled);
+      ASSERT_EQ(request.status(), kCancelled);
     }
     log_.clear();
     ASSERT_EQ(result(), 0u);
@@ -168,7 +141,7 @@ TEST_F(ServerResult, ZeroMeansThatAWaitingRequestIsServed) {
     if (inTime) {
       ASSERT_TRUE(waitUntilCreated());
     }
-    LinkRequest& insertion = makeRequest();
+    FakeRequest& insertion = makeRequest();
     reader().IoSmartCardIsPresent(&insertion, 0, 0);
     if (result() == 0) {
       ++served;

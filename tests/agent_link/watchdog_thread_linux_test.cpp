@@ -10,7 +10,7 @@
 namespace zelta::test {
 namespace {
 
-using WatchdogThread = ScriptedLink;
+class WatchdogThreadStart : public ScriptedLink {};
 
 // Threads with a stack larger than the address space cannot be started.
 class HugeStacks {
@@ -34,7 +34,7 @@ class HugeStacks {
   pthread_attr_t before_;
 };
 
-TEST_F(WatchdogThread, ThatCannotBeStartedFailsTheQueryAndTheNextTriesAgain) {
+TEST_F(WatchdogThreadStart, ThatFails_FailsTheQueryAndTheNextTriesAgain) {
   pipes_.holdConnect(eventPipeName(0));
   startCreated();
   {

@@ -19,12 +19,9 @@ class PendingRequestsTest : public testing::Test {
   PendingRequests list_;
 };
 
-TEST_F(PendingRequestsTest, IsEmptyAtFirst) {
+TEST_F(PendingRequestsTest, NewestIsTheOneAppendedLastAndStays) {
   EXPECT_TRUE(list_.empty());
   EXPECT_EQ(list_.newest(), nullptr);
-}
-
-TEST_F(PendingRequestsTest, NewestIsTheOneAppendedLastAndStays) {
   list_.append(&first_);
   list_.append(&second_);
   EXPECT_EQ(list_.newest(), &second_);
@@ -33,28 +30,14 @@ TEST_F(PendingRequestsTest, NewestIsTheOneAppendedLastAndStays) {
   EXPECT_FALSE(list_.empty());
 }
 
-TEST_F(PendingRequestsTest, RemovingKeepsTheOrderOfTheRest) {
-  list_.append(&first_);
-  list_.append(&second_);
-  list_.append(&third_);
-  EXPECT_TRUE(list_.remove(&second_));
-  EXPECT_EQ(list_.newest(), &third_);
+TEST_F(PendingRequestsTest, RemovingTakesTheFirstOfEqualEntriesAndKeepsTheOrderOfTheRest) {
+  for (FakeRequest* request : {&first_, &second_, &first_, &third_}) list_.append(request);
+  EXPECT_TRUE(list_.remove(&first_));
   EXPECT_TRUE(list_.remove(&third_));
   EXPECT_EQ(list_.newest(), &first_);
-}
-
-TEST_F(PendingRequestsTest, RemovesOnlyTheFirstOfEqualEntries) {
-  list_.append(&first_);
-  list_.append(&second_);
-  list_.append(&first_);
   EXPECT_TRUE(list_.remove(&first_));
-  EXPECT_EQ(list_.newest(), &first_);
-  EXPECT_EQ(list_.size(), 2u);
-}
-
-TEST_F(PendingRequestsTest, RemovingWhatIsNotThereChangesNothing) {
-  list_.append(&first_);
-  EXPECT_FALSE(list_.remove(&second_));
+  EXPECT_EQ(list_.newest(), &second_);
+  EXPECT_FALSE(list_.remove(&third_));
   EXPECT_EQ(list_.size(), 1u);
 }
 

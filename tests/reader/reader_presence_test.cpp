@@ -1,152 +1,126 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <atomic>
+#include <memory>
+#include <thread>
 
-#include "diagnostics/traced_lock.h"
-#include "tests/doubles/request/fake_request.h"
-#include "tests/reader/scripted_reader.h"
-#include "tests/support/log_capture.h"
+#include "tests/reader/reader_fixture.h"
+#include "tests/support/repetitions.h"
 
-namespace zelta {
+namespace zelta::test {
 namespace {
 
-using test::error;
-using test::FakeReaderDevice;
-using test::FakeRequest;
-using test::info;
-using test::LogCapture;
-using test::ScriptedReader;
 using testing::ElementsAre;
 
-constexpr std::uint32_t kCancelled = 0x800704C7;
-
-class Presence : public testing::Test {
+class Presence : public ReaderFixture {
  protected:
-  void isPresent(FakeRequest& request) { reader_.IoSmartCardIsPresent(&request, 0, 0); }
-  void isAbsent(FakeRequest& request) { reader_.IoSmartCardIsAbsent(&request, 0, 0); }
+  static constexpr Handler kIsPresent = &Reader::IoSmartCardIsPresent;
+  static constexpr Handler kIsAbsent = &Reader::IoSmartCardIsAbsent;
+
   void cancelDirectly(FakeRequest& request) {
     const TracedLock lock("test", device_.deviceLock(), __LINE__);
     reader_.IoCancelRequest(&request);
   }
-
-  LogCapture log_;
-  FakeReaderDevice device_;
-  ScriptedReader reader_{device_};
+  bool waitsFor(CardEvent event) { return reader_.waiting().any(event); }
+  bool anyWaits() { return waitsFor(CardEvent::kInserted) || waitsFor(CardEvent::kRemoved); }
 };
 
-TEST_F(Presence, IsPresentWithACardCompletesAtOnce) {
-  FakeRequest request(device_);
-  request.checkingLock();
-  isPresent(request);
-  EXPECT_EQ(request.status(), 0u);
-  EXPECT_EQ(request.information(), 0u);
-  EXPECT_EQ(reader_.checks, 1);
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::kInserted));
+TEST_F(Presence, RequestForWhatIsSo_CompletesAtOnce) {
+  EXPECT_EQ(ask(kIsPresent, std::nullopt), answered({}));
   EXPECT_THAT(log_.records(), ElementsAre(info("[IPRE]IOCTL_SMARTCARD_IS_PRESENT")));
-}
-
-TEST_F(Presence, IsAbsentWithoutACardCompletesAtOnce) {
   for (const QueryResult result : {QueryResult::kFailure, QueryResult::kTimeout}) {
-    log_.clear();
     reader_.checkResult = result;
-    FakeRequest request(device_);
-    request.checkingLock();
-    isAbsent(request);
-    EXPECT_EQ(request.status(), 0u);
-    EXPECT_EQ(request.information(), 0u);
-    EXPECT_FALSE(reader_.waiting().any(CardEvent::kRemoved));
+    EXPECT_EQ(ask(kIsAbsent, std::nullopt), answered({}));
     EXPECT_THAT(log_.records(), ElementsAre(info("[IABS]IOCTL_SMARTCARD_IS_ABSENT")));
   }
+  EXPECT_EQ(reader_.checks, 3);
+  EXPECT_FALSE(anyWaits());
 }
 
-TEST_F(Presence, IsPresentWithoutACardWaitsMarkedCancelable) {
-  for (const QueryResult result : {QueryResult::kFailure, QueryResult::kTimeout}) {
-    log_.clear();
-    reader_.checkResult = result;
-    FakeRequest request(device_);
-    request.checkingLock();
-    isPresent(request);
-    EXPECT_FALSE(request.completed());
-    EXPECT_TRUE(request.markedCancelable());
-    EXPECT_TRUE(reader_.waiting().any(CardEvent::kInserted));
-    EXPECT_FALSE(reader_.waiting().any(CardEvent::kRemoved));
-    EXPECT_EQ(device_.callbackReferences(), 0);
-    request.cancel();
-    EXPECT_EQ(request.status(), kCancelled);
-    EXPECT_EQ(request.information(), 0u);
-    EXPECT_FALSE(reader_.waiting().any(CardEvent::kInserted));
-    EXPECT_THAT(log_.records(),
-                ElementsAre(info("[IPRE]IOCTL_SMARTCARD_IS_PRESENT"), info("[CREQ]Cancel Insert")));
-  }
-}
+// A request that has to wait, and the texts of its log.
+struct WaitRow {
+  bool present;
+  QueryResult check;
+  const char *begin, *cancel, *noCallback;
+};
 
-TEST_F(Presence, IsAbsentWithACardWaitsMarkedCancelable) {
+class WaitingRequest : public Presence, public testing::WithParamInterface<WaitRow> {
+ protected:
+  WaitingRequest() { reader_.checkResult = GetParam().check; }
+  void ask(FakeRequest& request) { run(GetParam().present ? kIsPresent : kIsAbsent, request); }
+  const CardEvent awaited_ = GetParam().present ? CardEvent::kInserted : CardEvent::kRemoved;
+  const CardEvent other_ = GetParam().present ? CardEvent::kRemoved : CardEvent::kInserted;
+};
+
+TEST_P(WaitingRequest, IsMarkedCancelableAndEndsCancelled) {
   FakeRequest request(device_);
-  request.checkingLock();
-  isAbsent(request);
+  ask(request.checkingLock());
   EXPECT_FALSE(request.completed());
   EXPECT_TRUE(request.markedCancelable());
-  EXPECT_TRUE(reader_.waiting().any(CardEvent::kRemoved));
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::kInserted));
+  EXPECT_TRUE(waitsFor(awaited_));
+  EXPECT_FALSE(waitsFor(other_));
   EXPECT_EQ(device_.callbackReferences(), 0);
   request.cancel();
   EXPECT_EQ(request.status(), kCancelled);
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::kRemoved));
-  EXPECT_THAT(log_.records(),
-              ElementsAre(info("[IABS]IOCTL_SMARTCARD_IS_ABSENT"), info("[CREQ]Cancel Remove")));
+  EXPECT_EQ(request.information(), 0u);
+  EXPECT_FALSE(anyWaits());
+  EXPECT_THAT(log_.records(), ElementsAre(info(GetParam().begin), info(GetParam().cancel)));
 }
 
-TEST_F(Presence, IsPresentWithoutACallbackWaitsUncancelable) {
-  reader_.checkResult = QueryResult::kFailure;
+TEST_P(WaitingRequest, WithoutACallback_WaitsUncancelable) {
   device_.setQueryResult(framework::kNoInterface);
   FakeRequest request(device_);
-  isPresent(request);
+  ask(request);
   EXPECT_FALSE(request.completed());
   EXPECT_FALSE(request.markedCancelable());
-  EXPECT_TRUE(reader_.waiting().any(CardEvent::kInserted));
-  EXPECT_THAT(log_.errors(),
-              ElementsAre(error(0x80004002, "[IPRE]IOCTL_SMARTCARD_IS_PRESENT: invalid callback")));
+  EXPECT_TRUE(waitsFor(awaited_));
+  EXPECT_THAT(log_.errors(), ElementsAre(error(0x80004002, GetParam().noCallback)));
   cancelDirectly(request);
 }
 
-TEST_F(Presence, IsAbsentWithoutACallbackWaitsUncancelable) {
-  device_.setQueryResult(framework::kNoInterface);
+TEST_P(WaitingRequest, CancelledBeforeItIsMarked_IsCompletedWhileItIsMarked) {
   FakeRequest request(device_);
-  isAbsent(request);
+  request.cancel();
   EXPECT_FALSE(request.completed());
-  EXPECT_FALSE(request.markedCancelable());
-  EXPECT_TRUE(reader_.waiting().any(CardEvent::kRemoved));
-  EXPECT_THAT(log_.errors(),
-              ElementsAre(error(0x80004002, "[IABS]IOCTL_SMARTCARD_IS_ABSENT: invalid callback!")));
-  cancelDirectly(request);
+  ask(request);
+  EXPECT_EQ(request.status(), kCancelled);
+  EXPECT_FALSE(anyWaits());
 }
 
-TEST_F(Presence, RequestCancelledBeforeItIsMarkedIsCompletedWhileItIsMarked) {
-  reader_.checkResult = QueryResult::kFailure;
-  FakeRequest insert(device_);
-  insert.cancel();
-  EXPECT_FALSE(insert.completed());
-  isPresent(insert);
-  EXPECT_EQ(insert.status(), kCancelled);
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::kInserted));
-
-  reader_.checkResult = QueryResult::kSuccess;
-  FakeRequest remove(device_);
-  remove.cancel();
-  isAbsent(remove);
-  EXPECT_EQ(remove.status(), kCancelled);
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::kRemoved));
-}
-
-TEST_F(Presence, CancellingWhatIsInNoListCompletesItAndLogsNothing) {
+TEST_P(WaitingRequest, ToldToStopWaiting_LeavesItsListUncompleted) {
   FakeRequest request(device_);
-  request.checkingLock();
-  cancelDirectly(request);
+  ask(request);
+  const auto stopWaiting = [&] {
+    const TracedLock lock("test", device_.deviceLock(), __LINE__);
+    return reader_.stopWaiting(request);
+  };
+  EXPECT_TRUE(stopWaiting());
+  EXPECT_FALSE(request.completed());
+  EXPECT_FALSE(anyWaits());
+  EXPECT_FALSE(stopWaiting());
+  request.cancel();
+}
+
+constexpr char kPresentBegin[] = "[IPRE]IOCTL_SMARTCARD_IS_PRESENT";
+constexpr char kPresentNoCallback[] = "[IPRE]IOCTL_SMARTCARD_IS_PRESENT: invalid callback";
+
+INSTANTIATE_TEST_SUITE_P(
+    All, WaitingRequest,
+    testing::Values(WaitRow{true, QueryResult::kFailure, kPresentBegin, "[CREQ]Cancel Insert",
+                            kPresentNoCallback},
+                    WaitRow{true, QueryResult::kTimeout, kPresentBegin, "[CREQ]Cancel Insert",
+                            kPresentNoCallback},
+                    WaitRow{false, QueryResult::kSuccess, "[IABS]IOCTL_SMARTCARD_IS_ABSENT",
+                            "[CREQ]Cancel Remove",
+                            "[IABS]IOCTL_SMARTCARD_IS_ABSENT: invalid callback!"}));
+
+TEST_F(Presence, CancellingWhatIsInNoList_CompletesItAndLogsNothing) {
+  FakeRequest request(device_);
+  cancelDirectly(request.checkingLock());
   EXPECT_EQ(request.status(), kCancelled);
   EXPECT_EQ(request.information(), 0u);
   EXPECT_TRUE(log_.records().empty());
 }
 
-TEST_F(Presence, CancellingTakesARequestOutOfBothLists) {
+TEST_F(Presence, CancellingWhatIsInBothLists_TakesItOutOfBoth) {
   FakeRequest request(device_);
   {
     const TracedLock lock("test", reader_.waiting().deviceLock(), __LINE__);
@@ -154,48 +128,165 @@ TEST_F(Presence, CancellingTakesARequestOutOfBothLists) {
     reader_.waiting().add(CardEvent::kInserted, request);
   }
   cancelDirectly(request);
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::kRemoved));
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::kInserted));
+  EXPECT_FALSE(anyWaits());
   EXPECT_THAT(log_.records(),
               ElementsAre(info("[CREQ]Cancel Remove"), info("[CREQ]Cancel Insert")));
 }
 
-TEST_F(Presence, StoppingToWaitTakesARequestOutOfItsListUncompleted) {
-  FakeRequest request(device_);
-  isAbsent(request);
-  const auto stopWaiting = [&] {
-    const TracedLock lock("test", device_.deviceLock(), __LINE__);
-    return reader_.stopWaiting(request);
-  };
-  EXPECT_TRUE(stopWaiting());
-  EXPECT_FALSE(request.completed());
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::kRemoved));
-  EXPECT_FALSE(stopWaiting());
-  request.cancel();
-}
-
-TEST_F(Presence, TheAgentIsAskedWithTheDeviceLockFree) {
+TEST_F(Presence, AgentIsAskedWithTheDeviceLockFree) {
   reader_.onCheck = [this] { EXPECT_FALSE(device_.lockIsHeld()); };
   FakeRequest present(device_);
-  isPresent(present);
+  run(kIsPresent, present);
   FakeRequest absent(device_);
-  isAbsent(absent);
+  run(kIsAbsent, absent);
   EXPECT_EQ(reader_.checks, 2);
   absent.cancel();
 }
 
-TEST_F(Presence, CheckThatThrowsLeavesTheRequestToTheCallerAndTheLocksFree) {
+TEST_F(Presence, CheckThatThrows_LeavesTheRequestToTheCallerAndTheLocksFree) {
   reader_.onCheck = [] { throw std::bad_alloc(); };
   FakeRequest request(device_);
-  EXPECT_THROW(isPresent(request), std::bad_alloc);
-  EXPECT_THROW(isAbsent(request), std::bad_alloc);
+  EXPECT_THROW(run(kIsPresent, request), std::bad_alloc);
+  EXPECT_THROW(run(kIsAbsent, request), std::bad_alloc);
   EXPECT_FALSE(request.completed());
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::kInserted));
-  EXPECT_FALSE(reader_.waiting().any(CardEvent::kRemoved));
+  EXPECT_FALSE(anyWaits());
   reader_.onCheck = nullptr;
-  isPresent(request);  // would wait for ever where a lock was left held
+  run(kIsPresent, request);  // would wait for ever if a lock was left held
   EXPECT_EQ(request.status(), 0u);
 }
 
+// A card event meets a request that the agent's answer lets wait.
+enum class Ask { kPresent, kAbsent };
+enum class Moment { kBefore, kMeanwhile, kLater };  // the question, until it waits, while it waits
+enum class Event { kIn, kOut, kLost };
+constexpr Ask kPresent = Ask::kPresent;
+constexpr Ask kAbsent = Ask::kAbsent;
+constexpr Moment kBefore = Moment::kBefore;
+constexpr Moment kMeanwhile = Moment::kMeanwhile;
+constexpr Moment kLater = Moment::kLater;
+constexpr Event kIn = Event::kIn;
+constexpr Event kOut = Event::kOut;
+constexpr Event kLost = Event::kLost;
+
+// The state is "specific" before.
+struct EventRow {
+  const char* name;
+  Ask ask;
+  Moment moment;
+  std::vector<Event> events;
+  bool completed;
+  std::uint32_t state;
+};
+
+void PrintTo(const EventRow& row, std::ostream* out) { *out << row.name; }
+
+class EventAndRequest : public Presence, public testing::WithParamInterface<EventRow> {
+ protected:
+  void reportAt(Moment moment) {
+    if (moment != GetParam().moment) return;
+    for (const Event event : GetParam().events) {
+      if (event == kLost) {
+        reader_.loseAgent();
+      } else {
+        reader_.report(event == kIn ? CardEvent::kInserted : CardEvent::kRemoved);
+      }
+    }
+  }
+};
+
+TEST_P(EventAndRequest, EndAsIfTheRequestHadWaitedSinceBeforeTheQuestion) {
+  const EventRow& row = GetParam();
+  const bool present = row.ask == kPresent;
+  reader_.setState(SCARD_SPECIFIC);
+  reader_.checkResult = present ? QueryResult::kFailure : QueryResult::kSuccess;
+  reader_.onCheck = [this] { reportAt(kMeanwhile); };
+  FakeRequest request(device_);
+  request.checkingLock();
+  reportAt(kBefore);
+  run(present ? kIsPresent : kIsAbsent, request);
+  reportAt(kLater);
+  ASSERT_EQ(request.completed(), row.completed);
+  EXPECT_EQ(reader_.state(), row.state);
+  request.cancel();
+  EXPECT_EQ(request.status(), row.completed ? 0u : kCancelled);
+  EXPECT_EQ(request.information(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, EventAndRequest,
+    testing::Values(EventRow{"PresentInsertedBefore", kPresent, kBefore, {kIn}, false, 3},
+                    EventRow{"PresentInserted", kPresent, kMeanwhile, {kIn}, true, 3},
+                    EventRow{"PresentInsertedLater", kPresent, kLater, {kIn}, true, 3},
+                    EventRow{"PresentRemovedBefore", kPresent, kBefore, {kOut}, false, 6},
+                    EventRow{"PresentRemoved", kPresent, kMeanwhile, {kOut}, false, 6},
+                    EventRow{"PresentRemovedLater", kPresent, kLater, {kOut}, false, 6},
+                    EventRow{"PresentInAndOut", kPresent, kMeanwhile, {kIn, kOut}, true, 3},
+                    EventRow{"PresentOutAndIn", kPresent, kMeanwhile, {kOut, kIn}, true, 3},
+                    EventRow{"PresentInAndLost", kPresent, kMeanwhile, {kIn, kLost}, false, 1},
+                    EventRow{"PresentLostAndIn", kPresent, kMeanwhile, {kLost, kIn}, true, 3},
+                    EventRow{"PresentLost", kPresent, kMeanwhile, {kLost}, false, 1},
+                    EventRow{"AbsentLost", kAbsent, kMeanwhile, {kLost}, true, 1},
+                    EventRow{"AbsentLostLater", kAbsent, kLater, {kLost}, true, 1},
+                    EventRow{"AbsentLostAndIn", kAbsent, kMeanwhile, {kLost, kIn}, true, 3},
+                    EventRow{"AbsentInsertedBefore", kAbsent, kBefore, {kIn}, false, 3},
+                    EventRow{"AbsentInserted", kAbsent, kMeanwhile, {kIn}, false, 3},
+                    EventRow{"AbsentInsertedLater", kAbsent, kLater, {kIn}, false, 3},
+                    EventRow{"AbsentRemovedBefore", kAbsent, kBefore, {kOut}, false, 6},
+                    EventRow{"AbsentRemoved", kAbsent, kMeanwhile, {kOut}, true, 1},
+                    EventRow{"AbsentRemovedLater", kAbsent, kLater, {kOut}, true, 1},
+                    EventRow{"AbsentInAndOut", kAbsent, kMeanwhile, {kIn, kOut}, true, 1},
+                    EventRow{"AbsentOutAndIn", kAbsent, kMeanwhile, {kOut, kIn}, true, 3}),
+    [](const auto& instance) { return instance.param.name; });
+
+// The request's double fails the test if a request is completed twice or touched afterwards.
+TEST_F(Presence, CancelAndEventAtOnce_CompleteEveryRequestOnce) {
+  int cancelled = 0;
+  for (int round = 0; round < repetitions(2000); ++round) {
+    log_.clear();
+    const bool insert = round % 2 == 0;
+    reader_.checkResult = insert ? QueryResult::kFailure : QueryResult::kSuccess;
+    const CardEvent awaited = insert ? CardEvent::kInserted : CardEvent::kRemoved;
+    FakeRequest request(device_);
+    std::thread canceller([&] { request.cancel(); });
+    std::thread agent([&] { reader_.report(awaited); });
+    run(insert ? kIsPresent : kIsAbsent, request);
+    canceller.join();
+    agent.join();
+    ASSERT_TRUE(request.completed());  // a cancel is never lost
+    if (request.status() != 0) ++cancelled;
+    ASSERT_FALSE(waitsFor(awaited));
+  }
+  EXPECT_GT(cancelled, 0);
+}
+
+TEST_F(Presence, ParallelDispatch_CompletesEveryRequestOnce) {
+  constexpr int kThreads = 4;
+  constexpr int kRequestsEach = repetitions(500);
+  reader_.checkResult = QueryResult::kFailure;
+  std::vector<std::unique_ptr<FakeRequest>> requests;
+  for (int i = 0; i < kThreads * kRequestsEach; ++i) {
+    requests.push_back(std::make_unique<FakeRequest>(device_));
+  }
+  std::atomic<bool> dispatching{true};
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    threads.emplace_back([&, thread] {
+      for (int i = 0; i < kRequestsEach; ++i) {
+        FakeRequest& request = *requests[static_cast<std::size_t>(thread * kRequestsEach + i)];
+        run(kIsPresent, request);
+        if (i % 3 == 0) request.cancel();
+      }
+    });
+  }
+  std::thread agent([&] {
+    while (dispatching) reader_.report(CardEvent::kInserted);
+  });
+  for (std::thread& thread : threads) thread.join();
+  dispatching = false;
+  agent.join();
+  reader_.report(CardEvent::kInserted);
+  for (const auto& request : requests) ASSERT_TRUE(request->completed());
+}
+
 }  // namespace
-}  // namespace zelta
+}  // namespace zelta::test

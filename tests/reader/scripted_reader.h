@@ -1,11 +1,8 @@
 // A reader whose card answers as a test says.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <functional>
-#include <stdexcept>
 #include <vector>
 
 #include "contract/bytes.h"
@@ -19,8 +16,8 @@ namespace zelta::test {
 
 class ScriptedReader final : public Reader {
  public:
-  explicit ScriptedReader(FakeReaderDevice& owner, std::uint32_t unit = 0) : Reader(unit, &owner) {
-    owner.onCancel = [this](IoRequest& request) { IoCancelRequest(&request); };
+  explicit ScriptedReader(FakeReaderDevice* owner, std::uint32_t unit = 0) : Reader(unit, owner) {
+    owner->onCancel = [this](IoRequest& request) { IoCancelRequest(&request); };
   }
 
   QueryResult QueryTransmit(const Bytes& command, Bytes& response) override {

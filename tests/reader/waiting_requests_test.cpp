@@ -1,22 +1,16 @@
 #include "reader/waiting_requests.h"
 
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <future>
 #include <utility>
 
 #include "contract/status.h"
 #include "diagnostics/traced_lock.h"
-#include "tests/doubles/request/fake_request.h"
+#include "tests/reader/reader_fixture.h"
 
-namespace zelta {
+namespace zelta::test {
 namespace {
 
-using test::FakeReaderDevice;
-using test::FakeRequest;
-
-constexpr std::uint32_t kCancelled = 0x800704C7;
 constexpr CardEvent kBoth[] = {CardEvent::kInserted, CardEvent::kRemoved};
 
 class WaitingRequestsTest : public testing::Test {
@@ -54,6 +48,7 @@ TEST_F(WaitingRequestsTest, EachEventHasItsOwnRequests) {
   EXPECT_FALSE(insertion.completed() || removal.completed());
 }
 
+// Newest first.
 TEST_F(WaitingRequestsTest, CompletesAllOfAnEventWithTheStatusAndNoOutput) {
   for (const CardEvent awaited : kBoth) {
     FakeRequest first(device_);
@@ -68,6 +63,9 @@ TEST_F(WaitingRequestsTest, CompletesAllOfAnEventWithTheStatusAndNoOutput) {
       EXPECT_EQ(request->status(), 0u);
       EXPECT_EQ(request->information(), 0u);
     }
+    const std::vector<const IoRequest*> completed = device_.completed();
+    EXPECT_EQ(completed[completed.size() - 2], &second);
+    EXPECT_EQ(completed.back(), &first);
     EXPECT_FALSE(waiting_.any(awaited));
   }
 }
@@ -86,29 +84,19 @@ TEST_F(WaitingRequestsTest, CancelsTheNewestAloneAndPlainly) {
     EXPECT_EQ(second.status(), kCancelled);
     EXPECT_FALSE(second.information().has_value());
     EXPECT_TRUE(remove(awaited, first));
+    const TracedLock lock("test", waiting_.deviceLock(), __LINE__);
+    waiting_.cancelNewest(awaited);  // of none
   }
 }
 
-TEST_F(WaitingRequestsTest, CancellingTheNewestOfNoneDoesNothing) {
-  const TracedLock lock("test", waiting_.deviceLock(), __LINE__);
-  waiting_.cancelNewest(CardEvent::kInserted);
-  waiting_.cancelNewest(CardEvent::kRemoved);
-}
-
-TEST_F(WaitingRequestsTest, RequestThatIsBeingCancelledOnlyLeavesItsList) {
-  bool cancelling = false;
-  device_.onCancel = [&](IoRequest&) { cancelling = true; };  // completes it later
+TEST_F(WaitingRequestsTest, RequestThatIsBeingCancelled_OnlyLeavesItsList) {
   FakeRequest request(device_);
   add(CardEvent::kInserted, request);
-  request.cancel();
-  ASSERT_TRUE(cancelling);
-  {
-    const TracedLock lock("test", waiting_.deviceLock(), __LINE__);
-    waiting_.completeAll(CardEvent::kInserted, status::kSuccess);
-  }
+  request.beginCancel();
+  const TracedLock lock("test", waiting_.deviceLock(), __LINE__);
+  waiting_.completeAll(CardEvent::kInserted, status::kSuccess);
   EXPECT_FALSE(request.completed());
   EXPECT_FALSE(waiting_.any(CardEvent::kInserted));
-  request.completeWithInformation(status::kCancelled, 0);
 }
 
 TEST_F(WaitingRequestsTest, EventsAreCountedByKindAndTheLastIsKnown) {
@@ -176,4 +164,4 @@ TEST_F(InsertionWait, EndsWithItsLimit) {
 }
 
 }  // namespace
-}  // namespace zelta
+}  // namespace zelta::test

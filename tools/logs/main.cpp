@@ -93,7 +93,7 @@ int show(const Options& options) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   CLI::App app("Shows and follows the log files of the virtual smart card reader's driver.",
                "zelta-logs");
   Options options;
@@ -104,10 +104,8 @@ int main(int argc, char** argv) {
     constexpr int kUsage = 2;
     return app.exit(error) == 0 ? EXIT_SUCCESS : kUsage;
   }
-  try {
-    return show(options);
-  } catch (const std::exception& error) {
-    std::cerr << "zelta-logs: " << error.what() << "\n";
-    return EXIT_FAILURE;
-  }
+  return show(options);
+} catch (const std::exception& error) {
+  std::cerr << "zelta-logs: " << error.what() << "\n";
+  return EXIT_FAILURE;
 }

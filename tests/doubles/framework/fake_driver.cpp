@@ -3,9 +3,9 @@
 #include "tests/doubles/framework/fake_device.h"
 
 #if defined(_WIN32)
-#define FAKE_EXPORT extern "C" __declspec(dllexport)
+#define ZELTA_FAKE_EXPORT extern "C" __declspec(dllexport)
 #else
-#define FAKE_EXPORT extern "C" __attribute__((visibility("default")))
+#define ZELTA_FAKE_EXPORT extern "C" __attribute__((visibility("default")))
 #endif
 
 namespace zelta::test::fake_driver {
@@ -82,9 +82,8 @@ class FakeFactory final : public framework::ComObject<FakeFactory, framework::IC
 using namespace zelta::test::fake_driver;
 
 #if !defined(FAKE_WITHOUT_CLASS_OBJECT)
-FAKE_EXPORT HRESULT ZELTA_STDMETHODCALLTYPE DllGetClassObject(zelta::framework::REFCLSID classId,
-                                                              zelta::framework::REFIID wanted,
-                                                              void** out) {
+ZELTA_FAKE_EXPORT HRESULT ZELTA_STDMETHODCALLTYPE
+DllGetClassObject(zelta::framework::REFCLSID classId, zelta::framework::REFIID wanted, void** out) {
   if (failing(kFailClassObject)) return kFailure;
   if (failing(kFailClass) || classId != kClassId) return zelta::framework::kClassNotAvailable;
   const auto factory = ComPtr<FakeFactory>::adopt(zelta::framework::createObject<FakeFactory>());
@@ -93,13 +92,13 @@ FAKE_EXPORT HRESULT ZELTA_STDMETHODCALLTYPE DllGetClassObject(zelta::framework::
 }
 #endif
 
-FAKE_EXPORT HRESULT ZELTA_STDMETHODCALLTYPE DllCanUnloadNow() {
+ZELTA_FAKE_EXPORT HRESULT ZELTA_STDMETHODCALLTYPE DllCanUnloadNow() {
   trace("DllCanUnloadNow");
   return liveObjects() == 0 && !failing(kFailUnload) ? zelta::framework::kOk
                                                      : zelta::framework::kFalse;
 }
 
 #if defined(FAKE_VERSION_MAJOR)
-FAKE_EXPORT const std::uint32_t Microsoft_WDF_UMDF_Version[2];
+ZELTA_FAKE_EXPORT const std::uint32_t Microsoft_WDF_UMDF_Version[2];
 const std::uint32_t Microsoft_WDF_UMDF_Version[2] = {FAKE_VERSION_MAJOR, FAKE_VERSION_MINOR};
 #endif

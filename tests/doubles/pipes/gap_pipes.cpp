@@ -1,5 +1,7 @@
 #include "tests/doubles/pipes/gap_pipes.h"
 
+#include <chrono>
+
 #include "platform/process/error.h"
 
 namespace zelta::test {
@@ -8,6 +10,8 @@ using platform::MutexLock;
 using platform::PipeHandleValue;
 
 namespace {
+
+constexpr std::chrono::seconds kLimit{30};
 
 bool endsWith(const std::string& text, const std::string& end) {
   return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
@@ -64,14 +68,9 @@ std::string GapPipes::nameOf(PipeHandleValue pipe) const {
   return found == names_.end() ? std::string() : found->second;
 }
 
-bool GapPipes::convertSecurityDescriptor(const std::string& sddl,
-                                         platform::SecurityDescriptor* out) {
-  return pipes_.convertSecurityDescriptor(sddl, out);
-}
-
 PipeHandleValue GapPipes::create(const std::string& name,
                                  const platform::PipeArguments& arguments) {
-  const PipeHandleValue pipe = pipes_.create(name, arguments);
+  const PipeHandleValue pipe = ForwardingPipes::create(name, arguments);
   const MutexLock lock(mutex_);
   if (pipe != platform::invalidPipe()) names_[pipe] = name;
   return pipe;
@@ -79,13 +78,11 @@ PipeHandleValue GapPipes::create(const std::string& name,
 
 bool GapPipes::connect(PipeHandleValue pipe) {
   passGap(Call::kConnect, pipe);
-  return pipes_.connect(pipe);
+  return ForwardingPipes::connect(pipe);
 }
 
-bool GapPipes::disconnect(PipeHandleValue pipe) { return pipes_.disconnect(pipe); }
-
 bool GapPipes::cancel(PipeHandleValue pipe) {
-  if (pipes_.cancel(pipe)) return true;
+  if (ForwardingPipes::cancel(pipe)) return true;
   const std::uint32_t error = platform::lastError();
   {
     const MutexLock lock(mutex_);
@@ -98,19 +95,17 @@ bool GapPipes::cancel(PipeHandleValue pipe) {
 
 bool GapPipes::read(PipeHandleValue pipe, void* data, std::uint32_t size) {
   passGap(Call::kRead, pipe);
-  return pipes_.read(pipe, data, size);
+  return ForwardingPipes::read(pipe, data, size);
 }
 
 bool GapPipes::write(PipeHandleValue pipe, const void* data, std::uint32_t size) {
   passGap(Call::kWrite, pipe);
-  return pipes_.write(pipe, data, size);
+  return ForwardingPipes::write(pipe, data, size);
 }
 
 bool GapPipes::flush(PipeHandleValue pipe) {
   passGap(Call::kFlush, pipe);
-  return pipes_.flush(pipe);
+  return ForwardingPipes::flush(pipe);
 }
-
-bool GapPipes::close(PipeHandleValue pipe) { return pipes_.close(pipe); }
 
 }  // namespace zelta::test

@@ -2,12 +2,28 @@
 
 #include <gtest/gtest.h>
 
+#include <stdexcept>
 #include <thread>
 
 namespace zelta::test {
 
 FakeReaderDevice::~FakeReaderDevice() {
   EXPECT_EQ(callback_.references, 0) << "cancel callback not released";
+}
+
+platform::CriticalSection& FakeReaderDevice::deviceLock() {
+  if (failsLock_) throw std::runtime_error("no lock");
+  return lock_;
+}
+
+void FakeReaderDevice::noteCompletion(const IoRequest& request) {
+  const platform::MutexLock lock(mutex_);
+  completed_.push_back(&request);
+}
+
+std::vector<const IoRequest*> FakeReaderDevice::completed() {
+  const platform::MutexLock lock(mutex_);
+  return completed_;
 }
 
 framework::HRESULT FakeReaderDevice::queryInterface(framework::REFIID iid, void** out) {
@@ -19,7 +35,7 @@ framework::HRESULT FakeReaderDevice::queryInterface(framework::REFIID iid, void*
 
 bool FakeReaderDevice::lockIsHeld() {
   bool held = true;
-  std::thread([&] {
+  std::thread([&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
     if (!lock_.tryEnter()) return;
     held = false;
     lock_.leave();

@@ -1,33 +1,43 @@
-// A reader's device without the framework: the device lock and a cancel callback that counts its
-// references and hands a cancelled request to the reader.
+// A reader's device without the framework: the device lock, a cancel callback that counts its
+// references, and the order in which requests were completed.
+//
+// Any thread may call; `onCancel` is set while no request is cancelled.
 #pragma once
 
 #include <atomic>
 #include <functional>
+#include <vector>
 
 #include "driver/request/io_request.h"
 #include "driver/request/reader_device.h"
+#include "platform/sync/sync.h"
 
 namespace zelta::test {
 
 class FakeReaderDevice final : public ReaderDevice {
  public:
   FakeReaderDevice() = default;
-  // Fails the running test where a reference on the cancel callback is still out.
+  // Fails the running test if a reference on the cancel callback is still out.
   ~FakeReaderDevice();
   FakeReaderDevice(const FakeReaderDevice&) = delete;
   FakeReaderDevice& operator=(const FakeReaderDevice&) = delete;
 
-  platform::CriticalSection& deviceLock() override { return lock_; }
+  // Throws std::runtime_error ("no lock") while it was told to.
+  platform::CriticalSection& deviceLock() override;
   framework::HRESULT queryInterface(framework::REFIID iid, void** out) override;
 
   // What `queryInterface` gives from now on; 0 gives the callback.
   void setQueryResult(framework::HRESULT result) { queryResult_ = result; }
+  void failLock(bool fail) { failsLock_ = fail; }
   // Whether some thread holds the device lock. Costs a thread.
   bool lockIsHeld();
   int callbackReferences() const { return callback_.references; }
 
-  // What the cancel callback does, with the device lock held.
+  // Requests in the order of their completion.
+  void noteCompletion(const IoRequest& request);
+  std::vector<const IoRequest*> completed();
+
+  // What the cancel callback does, with the device lock held. Empty: nothing.
   std::function<void(IoRequest&)> onCancel;
 
  private:
@@ -44,6 +54,9 @@ class FakeReaderDevice final : public ReaderDevice {
 
   platform::CriticalSection lock_;
   std::atomic<framework::HRESULT> queryResult_{0};
+  std::atomic<bool> failsLock_{false};
+  platform::Mutex mutex_;
+  std::vector<const IoRequest*> completed_ ZELTA_GUARDED_BY(mutex_);
   Callback callback_;
 };
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <new>
 
 #include "contract/bytes.h"
@@ -85,6 +86,7 @@ void FakeRequest::finish(framework::HRESULT status, std::optional<std::size_t> i
   if (checksLock_) {
     EXPECT_TRUE(device_.lockIsHeld()) << "completed without the device lock";
   }
+  device_.noteCompletion(*this);
   const std::lock_guard<std::mutex> lock(mutex_);
   EXPECT_FALSE(completed_) << "completed twice";
   EXPECT_FALSE(marked_) << "completed while marked cancelable";
@@ -120,7 +122,7 @@ Held<IoFile> FakeRequest::fileObject() { return nullptr; }
 
 void FakeRequest::runCancelCallback() {
   const TracedLock lock("FakeRequest::cancel", device_.deviceLock(), __LINE__);
-  device_.onCancel(*this);
+  if (device_.onCancel) device_.onCancel(*this);
 }
 
 void FakeRequest::markCancelable(framework::IRequestCallbackCancel* callback) {
@@ -129,9 +131,10 @@ void FakeRequest::markCancelable(framework::IRequestCallbackCancel* callback) {
     touch("markCancelable");
     EXPECT_NE(callback, nullptr);
     EXPECT_FALSE(marked_) << "marked twice";
+    wasMarked_ = true;
+    changed_.notify_all();
     if (!cancelled_) {
       marked_ = true;
-      changed_.notify_all();
       return;
     }
   }
@@ -157,6 +160,12 @@ void FakeRequest::cancel() {
   runCancelCallback();
 }
 
+void FakeRequest::beginCancel() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  cancelled_ = true;
+  marked_ = false;
+}
+
 void FakeRequest::addRef() {
   const std::lock_guard<std::mutex> lock(mutex_);
   touch("addRef");
@@ -167,6 +176,7 @@ void FakeRequest::release() {
   const std::lock_guard<std::mutex> lock(mutex_);
   EXPECT_GT(references_, 0) << "a reference released that was not taken";
   --references_;
+  changed_.notify_all();
 }
 
 bool FakeRequest::completed() const {
@@ -174,9 +184,18 @@ bool FakeRequest::completed() const {
   return completed_;
 }
 
-bool FakeRequest::waitCompleted(std::chrono::milliseconds limit) const {
+template <typename Reached>
+bool FakeRequest::waitUntil(Reached reached) const {
   std::unique_lock<std::mutex> lock(mutex_);
-  return changed_.wait_for(lock, limit, [this] { return completed_; });
+  return changed_.wait_for(lock, std::chrono::seconds(30), reached);
+}
+
+bool FakeRequest::waitMarked() const {
+  return waitUntil([this] { return wasMarked_; });
+}
+
+bool FakeRequest::waitCompleted() const {
+  return waitUntil([this] { return completed_ && references_ == 0; });
 }
 
 bool FakeRequest::markedCancelable() const {
@@ -204,6 +223,13 @@ Bytes FakeRequest::output() const {
 bool FakeRequest::outputWritten() const {
   const std::lock_guard<std::mutex> lock(mutex_);
   return outputWritten_;
+}
+
+Bytes FakeRequest::answer() const {
+  if (!outputWritten()) return {};
+  Bytes bytes = output();
+  bytes.resize(information().value_or(0));
+  return bytes;
 }
 
 }  // namespace zelta::test

@@ -1,0 +1,119 @@
+#!/usr/bin/env bash
+# Runs the checks, each as a stage of its own, with the time that it took.
+set -euo pipefail
+# shellcheck source=scripts/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+STAGES=(format layers shellcheck test clang fuzz asan-ubsan tsan tidy)
+# The folders whose classes are used by several threads.
+THREADED=(reader agent_link driver host pcsc agent platform)
+
+usage() {
+  cat <<EOT
+Usage: ./zelta check [OPTION...]
+
+Installs what the checks need, runs them, and prints the time of each and "N passed, N failed". A
+stage that fails does not keep the later ones from running.
+
+  format        clang-format would change nothing
+  layers        no source includes what its layer may not
+  shellcheck    the scripts
+  test          ./zelta test: the release suite, and the Windows suite under Wine
+  clang         clang builds everything, with thread-safety analysis
+  fuzz          each fuzzer for 20 seconds
+  asan-ubsan    the suite under the address and undefined-behaviour sanitizers, but for what runs
+  tsan          pcscd; the same under the thread sanitizer
+  tidy          clang-tidy on every source
+
+  --quick       what CI runs: tidy looks at product code only, and the sanitizers at the tests of
+                ${THREADED[*]}
+  --stage NAME  run this stage only; may be repeated
+  -h, --help    this text
+EOT
+}
+
+stages=()
+quick=
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --quick) quick=1 ;;
+    --stage)
+      [ $# -ge 2 ] || die_usage "--stage needs a name"
+      [[ " ${STAGES[*]} " == *" $2 "* ]] || die_usage "there is no stage '$2'"
+      stages+=("$2")
+      shift
+      ;;
+    -h | --help)
+      usage
+      exit 0
+      ;;
+    *) die_usage "check takes no '$1'; see ./zelta check --help" ;;
+  esac
+  shift
+done
+[ ${#stages[@]} -gt 0 ] || stages=("${STAGES[@]}")
+
+cd "$ZELTA_ROOT"
+sanitized=()
+looked_at=()
+if [ -n "$quick" ]; then
+  for folder in "${THREADED[@]}"; do sanitized+=(--folder "$folder"); done
+  looked_at=(--product)
+fi
+
+# run_stage NAME
+run_stage() {
+  case "$1" in
+    format) scripts/format.sh --check ;;
+    layers) cmake -DSOURCE="$ZELTA_ROOT" -P cmake/CheckLayers.cmake ;;
+    shellcheck) git ls-files -z zelta '*.sh' .ci/run packaging/zelta 'packaging/debian/*.p[or]*' |
+      xargs -0 shellcheck -x ;;
+    test) ./zelta test ;;
+    clang) build_preset clang ;;
+    fuzz) scripts/fuzz.sh ;;
+    asan-ubsan | tsan) ./zelta test --preset "$1" "${sanitized[@]}" ;;
+    tidy) scripts/lint.sh "${looked_at[@]}" ;;
+  esac
+}
+
+step "Installing"
+need_packages "${BUILD_PACKAGES[@]}" "${RUN_PACKAGES[@]}" "${TEST_PACKAGES[@]}" \
+  "${WINDOWS_PACKAGES[@]}" "${LINT_PACKAGES[@]}"
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+passed=0
+failed=0
+summary=()
+# note_stage NAME RESULT SECONDS: adds up what the suites counted; the others count as one.
+note_stage() {
+  local name=$1 result=$2 seconds=$3 good=1 bad=0 verdict=passed
+  if [[ $(tail -n 1 "$log") =~ ^([0-9]+)\ passed,\ ([0-9]+)\ failed$ ]]; then
+    good=${BASH_REMATCH[1]}
+    bad=${BASH_REMATCH[2]}
+    verdict="$good passed, $bad failed"
+  fi
+  if [ "$result" -ne 0 ] && [ "$bad" -eq 0 ]; then
+    [ "$good" -gt 1 ] || good=0
+    bad=1
+    verdict=failed
+  fi
+  passed=$((passed + good))
+  failed=$((failed + bad))
+  summary+=("$(printf 'Stage %-11s %5d s  %s' "$name" "$seconds" "$verdict")")
+  say "${summary[-1]}"
+}
+
+for stage in "${stages[@]}"; do
+  step "Stage $stage"
+  begin=$SECONDS
+  result=0
+  # A stage ends its own shell only.
+  (run_stage "$stage") 2>&1 | tee "$log" || result=$?
+  note_stage "$stage" "$result" $((SECONDS - begin))
+done
+
+step "Stages"
+printf '%s\n' "${summary[@]}"
+say "Time: $((SECONDS / 60)) min $((SECONDS % 60)) s"
+printf '%d passed, %d failed\n' "$passed" "$failed"
+[ "$failed" -eq 0 ]

@@ -1,0 +1,55 @@
+#!/usr/bin/env bash
+# Builds the fuzzers and runs each for a while, from its corpus.
+set -euo pipefail
+# shellcheck source=scripts/common.sh
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+usage() {
+  cat <<'EOT'
+Usage: scripts/fuzz.sh [--seconds N]
+
+Builds the fuzzers and runs each for N seconds (20), from its folder in fuzz/corpus. What breaks one
+is kept in build-fuzz/findings.
+
+Exit code 1: a fuzzer has found something.
+EOT
+}
+
+seconds=20
+case "${1:-}" in
+  "") ;;
+  --seconds)
+    [[ "${2:-}" =~ ^[1-9][0-9]{0,5}$ ]] || die_usage "--seconds needs a number above 0"
+    seconds=$2
+    ;;
+  -h | --help)
+    usage
+    exit 0
+    ;;
+  *) die_usage "fuzz takes no '$1'; see scripts/fuzz.sh --help" ;;
+esac
+
+need_packages "${BUILD_PACKAGES[@]}" "${LINT_PACKAGES[@]}"
+build_preset fuzz zelta_fuzzers
+folder=$(build_folder fuzz)
+findings=$folder/findings
+mkdir -p "$findings"
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+broken=0
+for source in "$ZELTA_ROOT"/fuzz/*_fuzzer.cpp; do
+  name=$(basename "$source" _fuzzer.cpp)
+  # New inputs go to the first folder; an announced length must not be taken at its word.
+  mkdir "$work/$name"
+  if "$folder/bin/${name}_fuzzer" -max_total_time="$seconds" -rss_limit_mb=512 \
+    -artifact_prefix="$findings/${name}-" "$work/$name" "$ZELTA_ROOT/fuzz/corpus/$name" \
+    >"$work/log" 2>&1; then
+    say "$name: $(grep -E '^Done [0-9]+ runs' "$work/log")"
+  else
+    tail -n 60 "$work/log" >&2
+    say "$name: broken; the input is in $findings"
+    broken=1
+  fi
+done
+exit "$broken"

@@ -1,0 +1,316 @@
+// A reader is destroyed promptly whatever its threads are doing, and the end of exchanges releases
+// whoever is stuck with an agent that does nothing.
+#include "agent_link/pipe_reader.h"
+
+#include "contract/io_controls.h"
+#include "platform/process/error.h"
+#include "tests/agent_link/serialising_link.h"
+#include "tests/doubles/agent/link_agent.h"
+#include "tests/support/process_state.h"
+#include "tests/support/repetitions.h"
+
+namespace zelta::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::uint32_t kAborted = platform::error::kOperationAborted;
+
+// A driver whose way out takes longer is ended by the system, together with its host.
+constexpr std::chrono::seconds kHostLimit{60};
+
+// What the server thread is doing when the reader is destroyed.
+enum class Doing {
+  kStarting,
+  kAwaitingARequest,
+  kWaking,
+  kConnecting,
+  kQueryingAConnection,
+  kListening,
+  kQueryingACard,
+  kReadingASessionId,
+  kLosingItsAgent,
+};
+
+struct DoingRow {
+  const char* name;
+  Doing doing;
+};
+
+void PrintTo(const DoingRow& row, std::ostream* out) { *out << row.name; }
+
+// On the system's pipes. Nothing of what a stop ends is ended by its own time.
+class Stop : public LinkTest, public ::testing::WithParamInterface<DoingRow> {
+ protected:
+  ~Stop() override { stop(); }
+
+  void reach(Doing doing) {
+    if (doing == Doing::kStarting) return;
+    if (doing != Doing::kWaking) {
+      ASSERT_TRUE(waitUntilCreated());
+    }
+    if (doing == Doing::kAwaitingARequest) return;
+    waitForInsertion();
+    if (doing == Doing::kWaking) return;
+    if (doing == Doing::kConnecting) {
+      ASSERT_TRUE(agent_.command().connectWhenListening(commandPipeName(0)));
+      return;
+    }
+    ASSERT_TRUE(agent_.connectSilently());
+    ASSERT_EQ(agent_.command().readNumber(), 0u);
+    if (doing == Doing::kQueryingAConnection) return;
+    ASSERT_TRUE(agent_.command().writeNumber(0));
+    ASSERT_TRUE(log_.waitFor("Waiting for command..."));
+    if (doing == Doing::kQueryingACard) {
+      // The device lock is held during this query, and shutting down needs it if a request waits.
+      ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
+      ASSERT_EQ(agent_.command().readNumber(), 0u);
+    } else if (doing == Doing::kReadingASessionId) {
+      ASSERT_TRUE(agent_.events().write(number(2, number(36))));
+      ASSERT_TRUE(log_.waitFor("Event received"));
+    } else if (doing == Doing::kLosingItsAgent) {
+      agent_.events().close();
+    }
+  }
+
+  LinkAgent agent_;
+};
+
+TEST_P(Stop, IsPromptAndLeaksNothing) {
+  AgentLinkTimes times;
+  times.query = times.insertRequest = 10min;
+  std::vector<std::string> files;
+  std::size_t threads = 0;
+  for (int round = 0; round < repetitions(100); ++round) {
+    log_.clear();
+    start(times);
+    ASSERT_NO_FATAL_FAILURE(reach(GetParam().doing));
+    const auto begin = std::chrono::steady_clock::now();
+    stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, kHostLimit) << "round " << round;
+    EXPECT_EQ(log_.count("Server thread completed"), 1u) << "round " << round;
+    agent_.events().close();
+    agent_.command().close();
+    if (round == 0) {
+      files = openFiles();
+      threads = threadCount();
+    }
+  }
+  EXPECT_EQ(openFiles(), files);
+  EXPECT_EQ(threadCount(), threads);
+}
+
+INSTANTIATE_TEST_SUITE_P(Server, Stop,
+                         ::testing::Values(DoingRow{"Starting", Doing::kStarting},
+                                           DoingRow{"AwaitingARequest", Doing::kAwaitingARequest},
+                                           DoingRow{"Waking", Doing::kWaking},
+                                           DoingRow{"Connecting", Doing::kConnecting},
+                                           DoingRow{"QueryingAConnection",
+                                                    Doing::kQueryingAConnection},
+                                           DoingRow{"Listening", Doing::kListening},
+                                           DoingRow{"QueryingACard", Doing::kQueryingACard},
+                                           DoingRow{"ReadingASessionId", Doing::kReadingASessionId},
+                                           DoingRow{"LosingItsAgent", Doing::kLosingItsAgent}),
+                         [](const auto& instance) { return instance.param.name; });
+
+// The stop comes just before the server thread enters a call: nothing is there to cancel, and on
+// these pipes a disconnect waits for a call that has begun.
+struct GapRow {
+  const char* name;
+  GapPipes::Call call;
+  const char* pipe;
+  std::size_t failures;  // disconnects that find nothing to cancel
+};
+
+void PrintTo(const GapRow& row, std::ostream* out) { *out << row.name; }
+
+class StopInTheGap : public SerialisingLink, public ::testing::WithParamInterface<GapRow> {};
+
+TEST_P(StopInTheGap, EndsTheCallAllTheSame) {
+  const GapRow& row = GetParam();
+  const std::string pipe = row.pipe;
+  gaps_.holdNext(row.call, pipe + "0");
+  startAndWait();
+  if (row.call == Call::kRead) {
+    openPipes();
+    expectCommand(AgentCommand::kQueryAtrReset);
+    if (pipe == "event") answer({});
+  } else if (pipe == "event") {
+    ASSERT_NE(pipes_.connectClient(commandPipeName(0)), SerialisingPipes::kNoClient);
+  }
+  ASSERT_TRUE(gaps_.waitUntilHeld());
+  auto stopped = begin([this] { destroy(); });
+  ASSERT_TRUE(gaps_.waitForMissedCancels(pipe + "0", 2));
+  gaps_.letGo();
+  ASSERT_TRUE(isReady(stopped)) << "the reader hangs";
+  EXPECT_EQ(log_.count("Server thread completed"), 1u);
+  // Of one disconnect's cancels only the first is reported.
+  EXPECT_EQ(
+      log_.count("Failed to cancel IO on the " + pipe + " named pipe. System error code: 1168"),
+      row.failures);
+}
+
+// If the stop breaks the event pipe, the server thread disconnects as well.
+INSTANTIATE_TEST_SUITE_P(
+    Before, StopInTheGap,
+    ::testing::Values(GapRow{"ConnectOfTheCommandPipe", GapPipes::Call::kConnect, "command", 1},
+                      GapRow{"ConnectOfTheEventPipe", GapPipes::Call::kConnect, "event", 1},
+                      GapRow{"ReadOfAnEvent", GapPipes::Call::kRead, "event", 2},
+                      GapRow{"ReadOfAnAnswer", GapPipes::Call::kRead, "command", 1}),
+    [](const auto& instance) { return instance.param.name; });
+
+class ClientLoss : public SerialisingLink {};
+
+// The loss of the event pipe disconnects the command pipe, which must not wait for a query.
+TEST_F(ClientLoss, OfTheEventPipe_EndsAQueryThatIsAboutToRead) {
+  connect();
+  gaps_.holdNext(Call::kRead, "command0");
+  auto check = beginCheck();
+  expectCommand(AgentCommand::kQueryAtr);
+  ASSERT_TRUE(gaps_.waitUntilHeld());
+  pipes_.closeClient(event_);
+  ASSERT_TRUE(gaps_.waitForMissedCancels("command0", 2));
+  gaps_.letGo();
+  ASSERT_TRUE(isReady(check)) << "the query hangs";
+  EXPECT_EQ(check.get(), QueryResult::kFailure) << "ended by the loss, not by its time";
+  EXPECT_TRUE(pipes_.waitForDrop(command_));
+}
+
+// A client that has gone when it is looked for anew is dropped only when no exchange with it is
+// under way: what is left of one must not reach the next client.
+TEST_F(ClientLoss, OfTheCommandPipeAlone_IsHandledAfterTheEndOfAQuery) {
+  startAndWait();
+  command_ = pipes_.connectClient(commandPipeName(0));
+  ASSERT_NE(command_, SerialisingPipes::kNoClient);
+  ASSERT_TRUE(pipes_.waitUntilQueued(eventPipeName(0))) << "the command pipe's is not accepted";
+  log_.clear();
+  gaps_.holdNext(Call::kRead, "command0");
+  auto check = beginCheck();
+  expectCommand(AgentCommand::kQueryAtr);
+  ASSERT_TRUE(gaps_.waitUntilHeld());
+  pipes_.closeClient(command_);
+  // The wait for the other client fails, and the server thread looks for both anew.
+  ASSERT_TRUE(gaps_.cancel(gaps_.handle(eventPipeName(0))));
+  ASSERT_TRUE(gaps_.waitForMissedCancels("command0", 2));
+  gaps_.letGo();
+  EXPECT_EQ(check.get(), QueryResult::kFailure);
+  ASSERT_TRUE(waitUntilStuck());
+  ASSERT_NE(pipes_.connectClient(commandPipeName(0)), SerialisingPipes::kNoClient);
+  EXPECT_TRUE(log_.waitFor("Command named pipe connected"));
+}
+
+// Without a client there is no exchange that the system would queue until the next agent comes.
+TEST_F(ClientLoss, LeavesNothingToExchangeWithUntilTheNextAgent) {
+  connect();
+  pipes_.closeClient(event_);
+  ASSERT_TRUE(pipes_.waitForDrop(command_));
+  waitForInsertion();
+  ASSERT_TRUE(waitUntilStuck());
+  log_.clear();
+  EXPECT_EQ(reader().CheckATR(), QueryResult::kFailure);
+  EXPECT_EQ(log_.records(),
+            std::vector<LogRecord>{error(platform::error::kPipeListening,
+                                         "[CheckATR]Failed to write QueryAtr command")});
+  ASSERT_NE(pipes_.connectClient(commandPipeName(0)), SerialisingPipes::kNoClient);
+  ASSERT_TRUE(pipes_.waitUntilQueued(eventPipeName(0)));
+  ASSERT_NE(pipes_.connectClient(eventPipeName(0)), SerialisingPipes::kNoClient);
+  EXPECT_TRUE(log_.waitFor("Event named pipe connected"));
+}
+
+// No query is ended by its own time here.
+class EndOfExchanges : public SerialisingLink {};
+
+struct CallRow {
+  const char* name;
+  GapPipes::Call call;
+  const char* failure;
+};
+
+void PrintTo(const CallRow& row, std::ostream* out) { *out << row.name; }
+
+class EndOfExchangesInTheGap : public EndOfExchanges,
+                               public ::testing::WithParamInterface<CallRow> {};
+
+TEST_P(EndOfExchangesInTheGap, ReleasesACallThatIsJustAboutToBegin) {
+  const CallRow& row = GetParam();
+  connect();
+  gaps_.holdNext(row.call, "command0");
+  auto check = beginCheck();
+  if (row.call != Call::kWrite) expectCommand(AgentCommand::kQueryAtr);
+  ASSERT_TRUE(gaps_.waitUntilHeld());
+  auto end = begin([this] { reader().endExchanges(); });
+  ASSERT_TRUE(gaps_.waitForMissedCancels("command0", 2));
+  gaps_.letGo();
+  EXPECT_EQ(check.get(), QueryResult::kFailure);
+  end.get();
+  EXPECT_EQ(log_.records(), std::vector<LogRecord>{error(kAborted, row.failure)});
+}
+
+// The flush's own result is ignored; the read after it is not begun.
+INSTANTIATE_TEST_SUITE_P(
+    Calls, EndOfExchangesInTheGap,
+    ::testing::Values(CallRow{"Write", GapPipes::Call::kWrite,
+                              "[CheckATR]Failed to write QueryAtr command"},
+                      CallRow{"Flush", GapPipes::Call::kFlush, "[CheckATR]Failed to read ATR size"},
+                      CallRow{"Read", GapPipes::Call::kRead, "[CheckATR]Failed to read ATR size"}),
+    [](const auto& instance) { return instance.param.name; });
+
+// It is the one exchange without a time limit.
+TEST_F(EndOfExchanges, ReleasesTheCardReadyNotification) {
+  connect();
+  auto notification = beginNotification();
+  ASSERT_TRUE(waitUntilStuck());
+  reader().endExchanges();
+  EXPECT_FALSE(notification.get());
+  EXPECT_EQ(log_.records(),
+            std::vector<LogRecord>{error(kAborted, "Failed to send ready notification")});
+}
+
+TEST_F(EndOfExchanges, DuringATransmit_Answers6901) {
+  connect();
+  FakeRequest& transmit = makeRequest(number(0, number(kTransmitHeaderSize, {0, 0xA4, 4, 0})));
+  auto transmitting = dispatch(&Reader::IoSmartCardTransmit, transmit);
+  ASSERT_EQ(pipes_.clientRead(command_, 12).size(), 12u);
+  reader().endExchanges();
+  transmitting.get();
+  EXPECT_EQ(transmit.answer(), number(0, number(kTransmitHeaderSize, {0x69, 0x01})));
+}
+
+TEST_F(EndOfExchanges, RefusesLaterOnesAndLeavesTheServerThreadListening) {
+  connect();
+  reader().endExchanges();
+  Bytes bytes;
+  EXPECT_EQ(reader().CheckATR(), QueryResult::kFailure);
+  EXPECT_EQ(reader().QueryAtr(bytes, true), QueryResult::kFailure);
+  EXPECT_EQ(reader().QueryTransmit({0, 1, 2, 3}, bytes), QueryResult::kSuccess);
+  EXPECT_EQ(bytes, (Bytes{0x69, 0x01})) << "the card is absent for good";
+  EXPECT_FALSE(reader().NotifyCardReady());
+  EXPECT_EQ(log_.errors(), (std::vector<LogRecord>{
+                               error(kAborted, "[CheckATR]Failed to write QueryAtr command"),
+                               error(kAborted, "[QueryATR]Failed to write ATR request command"),
+                               error(kAborted, "Failed to send ready notification")}));
+  ASSERT_TRUE(pipes_.clientWrite(event_, number(7)));
+  EXPECT_TRUE(log_.waitFor("Unknown event received:7"));
+}
+
+// The server thread holds the device lock during its own query.
+TEST_F(EndOfExchanges, DuringAnInsertedCardsQuery_ReleasesTheDeviceLock) {
+  FakeRequest& waiting = connect(10min, {});
+  ASSERT_TRUE(report(AgentEvent::kCardInserted));
+  ASSERT_TRUE(waitUntilStuck());
+  reader().endExchanges();
+  ASSERT_TRUE(waiting.waitCompleted());
+  EXPECT_EQ(waiting.status(), kSucceeded) << "whatever the ATR query gives";
+}
+
+TEST_F(EndOfExchanges, DuringTheWaitForAnAgent_LeavesTheServerThreadWaiting) {
+  startAndWait();
+  ASSERT_TRUE(waitUntilStuck());
+  reader().endExchanges();
+  ASSERT_NE(pipes_.connectClient(commandPipeName(0)), SerialisingPipes::kNoClient);
+  EXPECT_TRUE(log_.waitFor("Command named pipe connected"));
+  EXPECT_EQ(log_.count("Command named pipe NOT connected"), 0u);
+}
+
+}  // namespace
+}  // namespace zelta::test

@@ -1,0 +1,57 @@
+// Pipes that hand every call on to others, for a double that changes some of the calls only; and
+// the one way to put pipes in the system's place.
+#pragma once
+
+#include <string>
+
+#include "platform/pipe/pipe.h"
+#include "platform/process/ports.h"
+
+namespace zelta::test {
+
+// The other pipes are the test's and outlive this. Any thread may call.
+class ForwardingPipes : public platform::PipeApi {
+ public:
+  explicit ForwardingPipes(platform::PipeApi& pipes) : pipes_(pipes) {}
+
+  bool convertSecurityDescriptor(const std::string& sddl,
+                                 platform::SecurityDescriptor* out) override {
+    return pipes_.convertSecurityDescriptor(sddl, out);
+  }
+  platform::PipeHandleValue create(const std::string& name,
+                                   const platform::PipeArguments& arguments) override {
+    return pipes_.create(name, arguments);
+  }
+  bool connect(platform::PipeHandleValue pipe) override { return pipes_.connect(pipe); }
+  bool disconnect(platform::PipeHandleValue pipe) override { return pipes_.disconnect(pipe); }
+  bool cancel(platform::PipeHandleValue pipe) override { return pipes_.cancel(pipe); }
+  bool read(platform::PipeHandleValue pipe, void* data, std::uint32_t size) override {
+    return pipes_.read(pipe, data, size);
+  }
+  bool write(platform::PipeHandleValue pipe, const void* data, std::uint32_t size) override {
+    return pipes_.write(pipe, data, size);
+  }
+  bool flush(platform::PipeHandleValue pipe) override { return pipes_.flush(pipe); }
+  bool close(platform::PipeHandleValue pipe) override { return pipes_.close(pipe); }
+
+ private:
+  platform::PipeApi& pipes_;
+};
+
+// Puts other pipes in the system's place for a scope.
+class ScopedPipes {
+ public:
+  explicit ScopedPipes(platform::PipeApi& pipes) : before_(platform::ports()) {
+    platform::Ports ports = before_;
+    ports.pipes = &pipes;
+    platform::replacePorts(ports);
+  }
+  ~ScopedPipes() { platform::replacePorts(before_); }
+  ScopedPipes(const ScopedPipes&) = delete;
+  ScopedPipes& operator=(const ScopedPipes&) = delete;
+
+ private:
+  const platform::Ports before_;
+};
+
+}  // namespace zelta::test

@@ -1,0 +1,1 @@
+// Carries the headers that all test programs share; they are compiled once.

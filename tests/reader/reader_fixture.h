@@ -1,0 +1,70 @@
+// What the tests of a reader share: a reader whose card answers as the test says, its log, and
+// requests that are handed to it as the dispatch does it.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <ostream>
+
+#include "contract/reader_states.h"
+#include "tests/doubles/request/fake_request.h"
+#include "tests/reader/scripted_reader.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/numbers.h"
+
+namespace zelta::test {
+
+// How a request was completed.
+struct Answer {
+  std::uint32_t status;
+  std::optional<std::size_t> information;
+  Bytes output;
+};
+
+inline bool operator==(const Answer& a, const Answer& b) {
+  return a.status == b.status && a.information == b.information && a.output == b.output;
+}
+
+inline std::ostream& operator<<(std::ostream& out, const Answer& answer) {
+  return out << std::hex << answer.status << ", " << testing::PrintToString(answer.information)
+             << ", " << testing::PrintToString(answer.output);
+}
+
+inline Answer refused(std::uint32_t status) { return {status, 0, {}}; }
+inline Answer answered(const Bytes& bytes) { return {0, bytes.size(), bytes}; }
+
+class ReaderFixture : public testing::Test {
+ protected:
+  using Records = std::vector<LogRecord>;
+  using Handler = void (Reader::*)(IoRequest*, std::size_t, std::size_t);
+
+  void run(Handler handler, FakeRequest& request) { (reader_.*handler)(&request, 0, 0); }
+
+  // Runs a handler that completes its request at once, and checks that the device lock is held. The
+  // log begins anew.
+  Answer ask(Handler handler, const std::optional<Bytes>& input, std::size_t capacity = 64) {
+    log_.clear();
+    FakeRequest request(device_);
+    request.withOutput(capacity).checkingLock();
+    if (input.has_value()) request.withInput(*input);
+    run(handler, request);
+    EXPECT_EQ(request.outputWritten(), !request.answer().empty());
+    return {request.status(), request.information(), request.answer()};
+  }
+
+  // Lets the reader read the ATR as an inserted card makes it do.
+  void insert(const Bytes& atr) {
+    reader_.atr = atr;
+    ASSERT_TRUE(reader_.initializeProtocols());
+    reader_.setState(SCARD_SWALLOWED);
+    reader_.resetFlags.clear();
+  }
+
+  LogCapture log_;
+  FakeReaderDevice device_;
+  ScriptedReader reader_{&device_, 3};
+};
+
+}  // namespace zelta::test
