@@ -10,8 +10,8 @@
 #include <iterator>
 #include <utility>
 
-#include "platform/process/errno_linux.h"
 #include "platform/process/error.h"
+#include "platform/process/error_linux.h"
 
 namespace zelta::platform {
 
@@ -162,7 +162,7 @@ void PipeEnd::remove(Operation& operation) {
   }
   // An edge wakes one flush, and is then gone. One that leaves puts it back if others may need it:
   // those that wait as well, and after a cancel the next.
-  if (operation.kind == Kind::kFlush && operation.client != ScopedFd::kNone &&
+  if (operation.kind == Kind::kFlush && operation.client != kNoFd &&
       (wasEnded || any([](const Operation& other) { return other.kind == Kind::kFlush; }))) {
     watch(poller_.get(), EPOLL_CTL_MOD, operation.client, kClientEvents);
   }

@@ -62,9 +62,9 @@ class PipeEnd {
   struct Operation {
     explicit Operation(Kind kindOf) : kind(kindOf) {}
     const Kind kind;
-    int client = ScopedFd::kNone;  // what it works on; none for a connect
-    std::uint32_t endedBy = 0;     // the error number it has to return; 0: it goes on
-    Operation* next = nullptr;     // the one that began after it
+    int client = kNoFd;         // what it works on; none for a connect
+    std::uint32_t endedBy = 0;  // the error number it has to return; 0: it goes on
+    Operation* next = nullptr;  // the one that began after it
   };
   // Enters the list on construction, leaves it on destruction.
   class Entry;

@@ -8,8 +8,8 @@
 #include <cerrno>
 #include <climits>
 
-#include "platform/process/errno_linux.h"
 #include "platform/process/error.h"
+#include "platform/process/error_linux.h"
 
 namespace zelta::platform {
 

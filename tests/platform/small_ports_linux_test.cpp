@@ -3,7 +3,7 @@
 
 #include <chrono>
 
-#include "platform/files/native_path.h"
+#include "platform/files/file.h"
 #include "platform/process/winsock.h"
 #include "tests/platform/system_milliseconds.h"
 

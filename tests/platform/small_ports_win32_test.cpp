@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "platform/files/native_path.h"
+#include "platform/files/file.h"
 #include "platform/process/winsock.h"
 #include "tests/platform/system_milliseconds.h"
 

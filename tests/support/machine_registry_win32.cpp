@@ -5,7 +5,7 @@
 #include <atomic>
 #include <system_error>
 
-#include "platform/registry/registry_content.h"
+#include "platform/registry/registry_file.h"
 
 namespace zelta::test {
 

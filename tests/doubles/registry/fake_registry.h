@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "platform/registry/registry.h"
-#include "platform/registry/registry_content.h"
+#include "platform/registry/registry_file.h"
 #include "platform/sync/event.h"
 #include "platform/sync/sync.h"
 

@@ -1,4 +1,4 @@
-#include "platform/files/new_file.h"
+#include "platform/files/file.h"
 
 #include <gtest/gtest.h>
 

@@ -11,7 +11,7 @@
 
 #include "platform/process/error.h"
 #include "platform/registry/registry.h"
-#include "platform/registry/registry_content.h"
+#include "platform/registry/registry_file.h"
 #include "platform/sync/event.h"
 #include "tests/platform/registry/registry_conformance.h"
 

@@ -1,4 +1,4 @@
-#include "platform/registry/registry_content.h"
+#include "platform/registry/registry_file.h"
 
 #include <gtest/gtest.h>
 

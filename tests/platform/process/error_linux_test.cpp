@@ -1,4 +1,4 @@
-#include "platform/process/errno_linux.h"
+#include "platform/process/error_linux.h"
 
 #include <gtest/gtest.h>
 

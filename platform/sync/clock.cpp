@@ -1,5 +1,9 @@
 #include "platform/sync/clock.h"
 
+#if defined(_WIN32)
+#include <windows.h>
+#endif
+
 #include <algorithm>
 #include <chrono>
 #include <ratio>
@@ -12,7 +16,7 @@ namespace {
 
 using HundredNanoseconds = std::chrono::duration<std::int64_t, std::ratio<1, 10'000'000>>;
 
-// A wall clock that is set tells nobody; a wait looks at it again after this long.
+// Nobody is told when the wall clock is set, so a wait looks at it again after this long.
 constexpr HundredNanoseconds kLongestWait = std::chrono::minutes(1);
 
 HundredNanoseconds steadyNow() {
@@ -45,6 +49,16 @@ class SystemWallClock final : public WallClock {
 WallClock& systemWallClock() {
   static NeverDestroyed<SystemWallClock> clock;
   return clock.get();
+}
+
+std::uint32_t tickCount() {
+#if defined(_WIN32)
+  return GetTickCount();
+#else
+  const auto sinceStart = std::chrono::steady_clock::now().time_since_epoch();
+  return static_cast<std::uint32_t>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(sinceStart).count());
+#endif
 }
 
 }  // namespace zelta::platform

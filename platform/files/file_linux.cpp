@@ -1,18 +1,25 @@
+#include "platform/files/file.h"
+
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 
-#include "platform/files/new_file.h"
 #include "platform/files/scoped_fd_linux.h"
 
 namespace zelta::platform {
 
 namespace {
 
-// What the process's mask leaves of it, as for any stream.
-constexpr mode_t kMode = 0666;
+constexpr mode_t kMode = 0666;  // before the process's mask, as for any stream
 
 }  // namespace
+
+std::filesystem::path nativePath(const std::string& path) {
+  std::string native = path;
+  std::replace(native.begin(), native.end(), '\\', '/');
+  return native;
+}
 
 NewFile makeNewFile(const std::filesystem::path& path) {
   const ScopedFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kMode));

@@ -5,7 +5,7 @@
 
 namespace zelta::platform {
 
-// The nearest of Windows' numbers; 31 (general failure) where there is none.
+// The nearest of Windows' numbers, ERROR_GEN_FAILURE (31) if there is none.
 std::uint32_t errorFromErrno(int number);
 
 }  // namespace zelta::platform
