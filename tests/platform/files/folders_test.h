@@ -1,5 +1,4 @@
-// What the conformance suite of the folders needs of an implementation, and the implementations
-// that it runs on.
+// The folders that the suite of the folders runs on, in place for its lifetime.
 #pragma once
 
 #include <filesystem>
@@ -10,13 +9,12 @@
 
 namespace zelta::test {
 
-// Folders that exist, in place for its lifetime.
 class FoldersWorld {
  public:
   virtual ~FoldersWorld() = default;
   virtual platform::FolderApi& api() = 0;
   // What the calls are to give, without a separator at the end.
-  virtual std::filesystem::path programData() const = 0;
+  virtual std::filesystem::path programData() const { return folder_.path(); }
   std::filesystem::path temporary() const { return folder_.path() / "temporary"; }
   std::filesystem::path current() const { return folder_.path() / "current"; }
 
@@ -43,7 +41,6 @@ class ScopedCurrentPath {
   const std::filesystem::path before_ = std::filesystem::current_path();
 };
 
-std::unique_ptr<FoldersWorld> makeFakeFoldersWorld();
 std::unique_ptr<FoldersWorld> makeSystemFoldersWorld();
 
 }  // namespace zelta::test

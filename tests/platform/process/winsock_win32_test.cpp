@@ -1,28 +1,12 @@
-// The small ports where this system has its own.
 #include <winsock2.h>
 // winsock2.h comes before windows.h
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include <string>
-
-#include "platform/files/file.h"
 #include "platform/process/winsock.h"
-#include "tests/platform/system_milliseconds.h"
-
-std::uint64_t zelta::test::systemMilliseconds() { return GetTickCount64(); }
 
 namespace zelta::platform {
 namespace {
-
-TEST(NativePath, IsTheTextInUtf16) {
-  EXPECT_EQ(nativePath("C:\\ProgramData\\Vornhalt\\logs\\zelta_vsc.txt").native(),
-            L"C:\\ProgramData\\Vornhalt\\logs\\zelta_vsc.txt");
-  EXPECT_EQ(nativePath("X:\\T\\\\zelta_vsc").native(), L"X:\\T\\\\zelta_vsc");
-  EXPECT_EQ(nativePath("plain").native(), L"plain");
-  EXPECT_EQ(nativePath("").native(), L"");
-  EXPECT_EQ(nativePath("C:\\sm\xC3\xB8r\\\xF0\x9F\x98\x80").native(), L"C:\\sm\u00F8r\\\U0001F600");
-}
 
 // That the process may use sockets; a socket is closed by its caller.
 SOCKET newSocket() { return socket(AF_INET, SOCK_STREAM, IPPROTO_TCP); }

@@ -15,25 +15,32 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST(NewFile, IsMadeEmpty) {
+TEST(NativePath, Text_IsTheSystemsPathWithItsOwnSeparators) {
+#if defined(_WIN32)
+  EXPECT_EQ(nativePath("C:\\ProgramData\\zelta_vsc.txt").native(),
+            L"C:\\ProgramData\\zelta_vsc.txt");
+  EXPECT_EQ(nativePath("X:\\T\\\\zelta_vsc").native(), L"X:\\T\\\\zelta_vsc");
+  EXPECT_EQ(nativePath("C:\\sm\xC3\xB8r\\\xF0\x9F\x98\x80").native(), L"C:\\sm\u00F8r\\\U0001F600");
+#else
+  EXPECT_EQ(nativePath("/var/log\\Vornhalt\\ZeltaAgent"), "/var/log/Vornhalt/ZeltaAgent");
+  EXPECT_EQ(nativePath("/tmp/\\zelta_vsc"), "/tmp//zelta_vsc");
+  EXPECT_EQ(nativePath("/sm\xC3\xB8r\\x"), "/sm\xC3\xB8r/x");
+#endif
+  EXPECT_EQ(nativePath("plain"), "plain");
+  EXPECT_EQ(nativePath(""), "");
+}
+
+TEST(NewFile, MissingFile_IsMadeEmptyAndExistingOneLeftAlone) {
   const test::TempFolder folder;
   EXPECT_EQ(makeNewFile(folder.path() / "new"), NewFile::kMade);
   EXPECT_EQ(fs::file_size(folder.path() / "new"), 0u);
-}
-
-TEST(NewFile, FileThatIsThereIsLeftAlone) {
-  const test::TempFolder folder;
   std::ofstream(folder.path() / "old") << "content";
   EXPECT_EQ(makeNewFile(folder.path() / "old"), NewFile::kExists);
   EXPECT_EQ(fs::file_size(folder.path() / "old"), 7u);
-}
-
-TEST(NewFile, MissingFolderIsAFailure) {
-  const test::TempFolder folder;
   EXPECT_EQ(makeNewFile(folder.path() / "missing" / "new"), NewFile::kFailed);
 }
 
-TEST(NewFile, OneOfManyMakesIt) {
+TEST(NewFile, SeveralAtOnce_OneMakesIt) {
   const test::TempFolder folder;
   for (int round = 0; round < 50; ++round) {
     std::atomic<int> made{0};
