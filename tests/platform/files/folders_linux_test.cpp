@@ -1,4 +1,4 @@
-// Where the folders of this system come from, and what they promise beyond the others'.
+// The origin of this system's folders, and what they promise beyond the others'.
 #include <gtest/gtest.h>
 
 #include <filesystem>
