@@ -4,21 +4,11 @@
 
 namespace zelta {
 
-PipeHandle& PipeHandle::operator=(PipeHandle&& other) noexcept {
-  if (this != &other) {
-    release(value_.exchange(other.take(), std::memory_order_acq_rel));
-  }
-  return *this;
-}
-
-PipeHandle::~PipeHandle() { release(take()); }
-
-void PipeHandle::release(platform::PipeHandleValue value) {
-  if (!isValid(value)) return;
+void PipeHandleTraits::close(Value pipe) {
   platform::PipeApi& pipes = *platform::ports().pipes;
-  pipes.cancel(value);
-  pipes.disconnect(value);
-  pipes.close(value);
+  pipes.cancel(pipe);
+  pipes.disconnect(pipe);
+  pipes.close(pipe);
 }
 
 }  // namespace zelta

@@ -12,32 +12,19 @@
 #include <atomic>
 
 #include "platform/pipe/pipe.h"
+#include "platform/process/scoped_handle.h"
 
 namespace zelta {
 
-class PipeHandle {
- public:
-  explicit PipeHandle(platform::PipeHandleValue value = platform::noPipe()) : value_(value) {}
-  PipeHandle(PipeHandle&& other) noexcept : value_(other.take()) {}
-  PipeHandle& operator=(PipeHandle&& other) noexcept;
-  PipeHandle(const PipeHandle&) = delete;
-  PipeHandle& operator=(const PipeHandle&) = delete;
-  ~PipeHandle();
-
-  platform::PipeHandleValue get() const { return value_.load(std::memory_order_acquire); }
-  bool valid() const { return isValid(get()); }
-
-  static bool isValid(platform::PipeHandleValue value) {
-    return value != platform::noPipe() && value != platform::invalidPipe();
+struct PipeHandleTraits {
+  using Value = platform::PipeHandleValue;
+  using Storage = std::atomic<Value>;
+  static Value none() { return platform::noPipe(); }
+  static bool isValid(Value pipe) {
+    return pipe != platform::noPipe() && pipe != platform::invalidPipe();
   }
-
- private:
-  platform::PipeHandleValue take() {
-    return value_.exchange(platform::noPipe(), std::memory_order_acq_rel);
-  }
-  static void release(platform::PipeHandleValue value);
-
-  std::atomic<platform::PipeHandleValue> value_;
+  static void close(Value pipe);
 };
+using PipeHandle = platform::ScopedHandle<PipeHandleTraits>;
 
 }  // namespace zelta

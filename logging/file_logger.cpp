@@ -3,8 +3,7 @@
 #include <utility>
 
 #include "logging/line_format.h"
-#include "platform/files/native_path.h"
-#include "platform/files/new_file.h"
+#include "platform/files/file.h"
 #include "platform/process/ports.h"
 
 namespace zelta::logging {

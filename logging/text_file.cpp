@@ -7,7 +7,7 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/files/native_path.h"
+#include "platform/files/file.h"
 #include "platform/process/ports.h"
 
 namespace zelta {

@@ -13,8 +13,8 @@ class FolderApi {
   // a null path. The text is released with `taskMemFree`.
   virtual std::int32_t programData(char16_t** path) = 0;
   virtual void taskMemFree(void* memory) = 0;
-  // Copy a path with its terminator into a buffer of `capacity` units. The length without the
-  // terminator; 0 on failure; the size needed where the buffer is too small.
+  // Each copies a path with its terminator into a buffer of `capacity` units. Returns the length
+  // without the terminator, 0 on failure, or the size needed if the buffer is too small.
   virtual std::uint32_t tempPath(char16_t* buffer, std::uint32_t capacity) = 0;
   virtual std::uint32_t currentDirectory(char16_t* buffer, std::uint32_t capacity) = 0;
 };

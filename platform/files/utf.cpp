@@ -57,7 +57,7 @@ Lead leadOf(unsigned char byte) {
   return {0, 0, 0, 0, false};
 }
 
-// One code point from `*at` on, which is moved behind it.
+// One code point from `*at` on, which is moved past it.
 char32_t decodeUtf8(std::string_view text, std::size_t* at) {
   Lead lead = leadOf(static_cast<unsigned char>(text[(*at)++]));
   if (!lead.valid) return kReplacementCharacter;

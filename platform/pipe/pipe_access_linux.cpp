@@ -15,7 +15,7 @@ namespace {
 
 constexpr char kServiceGroup[] = "zelta";
 constexpr char kNobodyUser[] = "nobody";
-// Where the data base does not name nobody: the kernel's own number for users it cannot map.
+// If the data base does not name nobody: the kernel's own number for users it cannot map.
 constexpr uid_t kOverflowUser = 65534;
 constexpr uid_t kRoot = 0;
 // A user that is no account of the system; what is open to it is open to everyone.

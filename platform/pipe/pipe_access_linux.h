@@ -14,7 +14,7 @@ namespace zelta::platform {
 // The accounts that trustees stand for. System and the administrators are uid 0.
 struct PipeAccounts {
   uid_t self = 0;                // the process's own user: local service, owner
-  std::optional<gid_t> service;  // the group `zelta`, where it exists: local service
+  std::optional<gid_t> service;  // the group `zelta`, if it exists: local service
   uid_t nobody = 0;              // guests and anonymous
 };
 
@@ -26,8 +26,8 @@ struct PeerIdentity {
   std::vector<gid_t> groups;  // the primary group and the supplementary ones
 };
 
-// Who connected a UNIX stream socket, as the kernel recorded it at that moment. Returns false
-// where the kernel does not say.
+// Who connected a UNIX stream socket, as the kernel recorded it at that moment. Returns false if
+// the kernel does not say.
 bool peerIdentity(int socket, PeerIdentity* out);
 
 // Immutable; any thread may ask.
@@ -43,7 +43,7 @@ class PipeAccess {
   // always among them; `admits` judges it when it connects.
   mode_t socketMode() const { return socketMode_; }
   mode_t folderMode() const { return folderMode_; }
-  // The group that the socket and its folders belong to; none where the group has no access.
+  // The group that the socket and its folders belong to; none if the group has no access.
   std::optional<gid_t> group() const { return group_; }
 
  private:

@@ -10,8 +10,8 @@
 #include <iterator>
 #include <utility>
 
-#include "platform/process/errno_linux.h"
 #include "platform/process/error.h"
+#include "platform/process/error_linux.h"
 
 namespace zelta::platform {
 
@@ -51,7 +51,7 @@ class PipeEnd::Entry {
   Entry(const Entry&) = delete;
   Entry& operator=(const Entry&) = delete;
 
-  // Why the operation cannot go on; 0 where it can.
+  // Why the operation cannot go on; 0 if it can.
   std::uint32_t error() const { return error_; }
 
  private:
@@ -160,9 +160,9 @@ void PipeEnd::remove(Operation& operation) {
     eventfd_t count = 0;
     eventfd_read(wake_.get(), &count);
   }
-  // An edge wakes one flush, and is then gone. One that leaves puts it back if others may need it:
-  // those that wait as well, and after a cancel the next.
-  if (operation.kind == Kind::kFlush && operation.client != ScopedFd::kNone &&
+  // An edge wakes one flush and is then gone. A flush that leaves puts it back if another may need
+  // it: one that also waits, or, after a cancel, the next one.
+  if (operation.kind == Kind::kFlush && operation.client != kNoFd &&
       (wasEnded || any([](const Operation& other) { return other.kind == Kind::kFlush; }))) {
     watch(poller_.get(), EPOLL_CTL_MOD, operation.client, kClientEvents);
   }
@@ -222,7 +222,7 @@ void PipeEnd::waitUntilEnded(MutexLock& lock) {
 
 bool PipeEnd::clientHasGone() const { return client_ && (foundGone_ || hungUp(client_.get())); }
 
-// 997 where no client is there.
+// ERROR_IO_PENDING (997) if no client is there.
 std::uint32_t PipeEnd::admit(bool waited) {
   if (client_) return error::kPipeConnected;
   if (const std::uint32_t error = listen()) return error;
@@ -238,7 +238,7 @@ std::uint32_t PipeEnd::admit(bool waited) {
 }
 
 // The first of the waiting clients that is still there. Without one, the first that has gone: any
-// where it came during the wait, else one that left bytes.
+// client if it came during the wait, else one that left bytes.
 std::uint32_t PipeEnd::nextClient(bool waited, ScopedFd* client) {
   ScopedFd left;
   for (;;) {

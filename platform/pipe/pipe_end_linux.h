@@ -33,26 +33,30 @@ class PipeEnd {
   // Listens; before every other method, once.
   std::uint32_t open() ZELTA_EXCLUDES(mutex_);
 
-  // 0: a client came while this waited. 535: there is one already, or one was waiting to be let
-  // in. A client that has gone in the meantime counts as none: one that was let in is dropped and
-  // what still works on it ends with 109; one that waits is passed over unless it left bytes to
-  // read.
+  // 0: a client came while this waited. ERROR_PIPE_CONNECTED (535): there is one already, or one
+  // was waiting to be let in. A client that has gone in the meantime counts as none: one that was
+  // let in is dropped and what still works on it ends with ERROR_BROKEN_PIPE (109); one that waits
+  // is passed over unless it left bytes to read.
   std::uint32_t connect() ZELTA_EXCLUDES(mutex_);
-  // Drops the client and ends the operations in progress: reads, writes and flushes with 109,
-  // connects with 995. When it returns they have ended and the path takes the next client. A
-  // client that `connect` has not let in yet goes on waiting.
+  // Drops the client and ends the operations in progress: reads, writes and flushes with
+  // ERROR_BROKEN_PIPE (109), connects with ERROR_OPERATION_ABORTED (995). When it returns they have
+  // ended and the path takes the next client. A client that `connect` has not let in yet goes on
+  // waiting.
   std::uint32_t disconnect() ZELTA_EXCLUDES(mutex_);
-  // Ends the operations in progress with 995; 1168 where there is none.
+  // Ends the operations in progress with ERROR_OPERATION_ABORTED (995). ERROR_NOT_FOUND (1168) if
+  // there are none.
   std::uint32_t cancel() ZELTA_EXCLUDES(mutex_);
   std::uint32_t read(void* data, std::size_t size) ZELTA_EXCLUDES(mutex_);
   // A client that it finds gone stays gone: reads, writes and flushes that begin later fail with
-  // 109, even if bytes from it are left.
+  // ERROR_BROKEN_PIPE (109), even if bytes from it are left.
   std::uint32_t write(const void* data, std::size_t size) ZELTA_EXCLUDES(mutex_);
-  // 109 if the client went before it had read everything; it stays gone, as with `write`. A client
-  // that read everything and then left is not found gone: what it left is read, unless bytes were
-  // unread when the command began, the first write after a read or flush. Those cannot answer it.
+  // ERROR_BROKEN_PIPE (109) if the client went before it had read everything; it stays gone. A
+  // client that read everything and then left is not found gone: what it left is read, unless bytes
+  // were unread when the command began, the first write after a read or flush. Those cannot answer
+  // it.
   std::uint32_t flush() ZELTA_EXCLUDES(mutex_);
-  // As `disconnect`, for good: the path is removed, every later call fails with 6.
+  // As `disconnect`, for good: the path is removed, every later call fails with
+  // ERROR_INVALID_HANDLE (6).
   void close() ZELTA_EXCLUDES(mutex_);
 
  private:
@@ -62,9 +66,9 @@ class PipeEnd {
   struct Operation {
     explicit Operation(Kind kindOf) : kind(kindOf) {}
     const Kind kind;
-    int client = ScopedFd::kNone;  // what it works on; none for a connect
-    std::uint32_t endedBy = 0;     // the error number it has to return; 0: it goes on
-    Operation* next = nullptr;     // the one that began after it
+    int client = kNoFd;         // what it works on; none for a connect
+    std::uint32_t endedBy = 0;  // the error number it has to return; 0: it goes on
+    Operation* next = nullptr;  // the one that began after it
   };
   // Enters the list on construction, leaves it on destruction.
   class Entry;
@@ -78,7 +82,7 @@ class PipeEnd {
   // A read or flush ends a command, and the next write begins one.
   void noteCommand(const Operation& operation) ZELTA_REQUIRES(mutex_);
   bool turnOf(const Operation& operation) const ZELTA_REQUIRES(mutex_);
-  // Ends those in progress with the error for their kind, 0 leaves them. False where it ended none.
+  // Ends those in progress with the error for their kind, 0 leaves them. False if it ended none.
   bool endOperations(std::uint32_t connectError, std::uint32_t clientError) ZELTA_REQUIRES(mutex_);
   void waitUntilEnded(MutexLock& lock) ZELTA_REQUIRES(mutex_);
 
@@ -98,7 +102,7 @@ class PipeEnd {
   std::uint32_t prepareToSleep(const Operation& operation) ZELTA_EXCLUDES(mutex_);
   std::uint32_t sleep(const Operation& operation, int descriptor, short events)
       ZELTA_EXCLUDES(mutex_);
-  // The number that the operation was ended by from outside; `otherwise` where it was not.
+  // The number that the operation was ended by from outside; `otherwise` if it was not.
   std::uint32_t ended(const Operation& operation, std::uint32_t otherwise) ZELTA_EXCLUDES(mutex_);
   // The same for a call that failed with that errno; it may say that the client has gone.
   std::uint32_t failed(const Operation& operation, int number) ZELTA_EXCLUDES(mutex_);

@@ -8,8 +8,8 @@
 #include <cerrno>
 #include <climits>
 
-#include "platform/process/errno_linux.h"
 #include "platform/process/error.h"
+#include "platform/process/error_linux.h"
 
 namespace zelta::platform {
 
@@ -20,7 +20,7 @@ constexpr int kOpen = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 // What a folder is made with until its group is set.
 constexpr mode_t kPrivateFolder = 0700;
 
-// Makes one folder and sets its access; no error where another process was faster.
+// Makes one folder and sets its access; no error if another process was faster.
 bool makeFolder(int parent, const char* name, const PipeAccess& access) {
   if (mkdirat(parent, name, kPrivateFolder) != 0) return errno == EEXIST;
   const ScopedFd made(openat(parent, name, kOpen | O_NOFOLLOW));
@@ -35,7 +35,7 @@ ScopedFd enter(int parent, const char* name, int flags, const PipeAccess* access
   return ScopedFd(openat(parent, name, flags));
 }
 
-// A folder's own name; false where it is longer than the system allows.
+// A folder's own name; false if it is longer than the system allows.
 bool copyName(std::string_view name, std::array<char, NAME_MAX + 1>* out) {
   if (name.size() > NAME_MAX) {
     errno = ENAMETOOLONG;

@@ -15,7 +15,7 @@ namespace zelta::platform {
 std::uint32_t openFolder(std::string_view path, const PipeAccess* access, ScopedFd* out);
 
 // Gives a file of ours to the group that has access. Returns the mode to set: without the group's
-// part where the file could not be given to the group.
+// part if the file could not be given to the group.
 mode_t giveToGroup(int descriptor, const char* name, const PipeAccess& access, mode_t mode);
 
 // Holds a folder for this owner alone; waits for others. The descriptor must stay open meanwhile.

@@ -21,7 +21,7 @@ namespace {
 
 using Entries = std::vector<AccessEntry>;
 
-// Numbers of handles lie this far apart, as the system's do elsewhere.
+// The distance between the numbers of two handles, as on Windows.
 constexpr std::uintptr_t kHandleStep = 4;
 
 // What a pipe without a security descriptor admits: its maker and the system.
@@ -34,8 +34,8 @@ bool succeed(std::uint32_t error) {
   return error == error::kSuccess;
 }
 
-// A handle is a number that is never given out twice, so that one that was closed is told from
-// every other. Descriptors are never freed; each text has one, however often it is converted.
+// A handle is a number that is never given out twice, so that a closed one is not mistaken for
+// another. Descriptors are never freed; each text has one, however often it is converted.
 class LinuxPipes final : public PipeApi {
  public:
   bool convertSecurityDescriptor(const std::string& sddl, SecurityDescriptor* out) override {
@@ -43,7 +43,7 @@ class LinuxPipes final : public PipeApi {
       Entries entries;
       if (const std::uint32_t error = parseSddl(sddl, &entries)) return error;
       auto made = std::make_unique<Entries>(std::move(entries));
-      MutexLock lock(mutex_);
+      const MutexLock lock(mutex_);
       *out = descriptors_.try_emplace(sddl, std::move(made)).first->second.get();
       return error::kSuccess;
     });
@@ -121,7 +121,7 @@ class LinuxPipes final : public PipeApi {
     Visit(const Visit&) = delete;
     Visit& operator=(const Visit&) = delete;
 
-    // Null where the handle is no pipe's.
+    // Null if the handle is no pipe's.
     Pipe* pipe() const { return pipe_; }
 
    private:
@@ -161,7 +161,7 @@ class LinuxPipes final : public PipeApi {
     const MutexLock lock(mutex_);
     lastHandle_ += kHandleStep;
     const auto made = reinterpret_cast<PipeHandleValue>(lastHandle_);
-    // Where it throws, the pipe goes, and its place with it.
+    // If this throws, the pipe goes and its place with it.
     pipes_.emplace(made, std::move(pipe));
     *handle = made;
     return error::kSuccess;
@@ -172,7 +172,7 @@ class LinuxPipes final : public PipeApi {
       *entries = defaultEntries();
       return true;
     }
-    MutexLock lock(mutex_);
+    const MutexLock lock(mutex_);
     for (const auto& known : descriptors_) {
       if (known.second.get() != descriptor) continue;
       *entries = *known.second;

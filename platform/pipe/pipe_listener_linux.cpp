@@ -11,8 +11,8 @@
 #include <utility>
 
 #include "platform/pipe/pipe_folder_linux.h"
-#include "platform/process/errno_linux.h"
 #include "platform/process/error.h"
+#include "platform/process/error_linux.h"
 
 namespace zelta::platform {
 
@@ -34,7 +34,7 @@ sockaddr_un addressOf(const std::string& path) {
 
 bool fits(const std::string& path) { return path.size() < sizeof(sockaddr_un::sun_path); }
 
-// What is behind the path's last slash.
+// What follows the path's last slash.
 const char* ownName(const std::string& path) { return path.c_str() + path.rfind('/') + 1; }
 
 bool someoneWaits(int socket) {
@@ -144,8 +144,8 @@ PipeListener::Place PipeListener::look(int folder) const {
 }
 
 // Asks the kernel whether a socket is bound to the path, without its owner noticing: a connect
-// from a socket of another type is turned away before it reaches the other side, as the wrong
-// type where there is one and as refused where there is none.
+// from a socket of another type is turned away before it reaches the other side: as the wrong type
+// if a socket is bound, as refused if none is.
 bool PipeListener::alive() const {
   const ScopedFd probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   const sockaddr_un address = addressOf(path_);
@@ -155,7 +155,7 @@ bool PipeListener::alive() const {
 
 bool PipeListener::bindIn(int folder, const std::string& path, ScopedFd* socket, FileId* id) const {
   const char* const name = ownName(path);
-  // Left over where a process ended between making it and giving it its name.
+  // Left over if a process ended between making it and giving it its name.
   if (unlinkat(folder, name, 0) != 0 && errno != ENOENT) return false;
   ScopedFd made(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const sockaddr_un address = addressOf(path);

@@ -36,10 +36,10 @@ class PipeListener {
   PipeListener(const PipeListener&) = delete;
   PipeListener& operator=(const PipeListener&) = delete;
 
-  // Makes missing folders and listens at the path. Returns 0 or a system error number: 5 where
-  // something else lives there (a socket in use, or no socket at all; it stays untouched), 206
-  // where the path is longer than a socket's can be, 8 without memory. After a failure the state is
-  // as before.
+  // Makes missing folders and listens at the path. Returns 0 or a system error number:
+  // ERROR_ACCESS_DENIED (5) if something else lives there (a socket in use, or no socket at all; it
+  // stays untouched), ERROR_FILENAME_EXCED_RANGE (206) if the path is longer than a socket's can
+  // be, ERROR_NOT_ENOUGH_MEMORY (8) without memory. After a failure the state is as before.
   std::uint32_t open();
   // Lets no further client in: from now on a connect fails at once with ECONNREFUSED, and so do
   // those blocked on a full queue; clients that were let in but not accepted are dropped. The
@@ -47,12 +47,12 @@ class PipeListener {
   void refuse();
   // Whether clients are let in.
   bool listening() const { return listening_; }
-  // Removes the path where it is still this pipe's own, and drops whoever was not accepted. Needs
+  // Removes the path if it is still this pipe's own, and drops whoever was not accepted. Needs
   // no memory.
   void close();
 
   // The next client waiting that may use the pipe, with close-on-exec and non-blocking; none
-  // where there is no other. Clients that may not are dropped on the way. Returns 0 or a system
+  // if there is no other. Clients that may not are dropped on the way. Returns 0 or a system
   // error number.
   std::uint32_t accept(ScopedFd* client);
 

@@ -1,12 +1,12 @@
-// Where a pipe's name lies on a system whose pipes are sockets.
+// The path of a pipe's socket, on a system whose pipes are sockets.
 #pragma once
 
 #include <string>
 
 namespace zelta::platform {
 
-// `\\.\pipe\A\B` becomes `$ZELTA_PIPE_ROOT/A/B` (/run/zelta/pipe where the variable is unset or
-// empty). The result is an empty path, and the name unusable, where
+// `\\.\pipe\A\B` becomes `$ZELTA_PIPE_ROOT/A/B` (/run/zelta/pipe if the variable is unset or
+// empty). The result is an empty path, and the name unusable, if
 //   - the prefix is missing or nothing follows it;
 //   - a component is empty, `.` or `..`;
 //   - a component holds a slash or a zero byte, which would reach another file than the name says;

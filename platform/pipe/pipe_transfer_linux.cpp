@@ -10,8 +10,8 @@
 #include <iterator>
 
 #include "platform/pipe/pipe_end_linux.h"
-#include "platform/process/errno_linux.h"
 #include "platform/process/error.h"
+#include "platform/process/error_linux.h"
 
 namespace zelta::platform {
 

@@ -1,9 +1,10 @@
 // Named pipes by Windows' own calls, one call per operation.
 //
 // A synchronous handle serialises its operations: disconnect, flush and write from another thread
-// wait behind a blocked read or connect, and only CancelIoEx does not. Wine does not serialise, so
-// a stop that runs clean there proves nothing about this. Callers cancel before they disconnect.
-// CancelIoEx with nothing pending fails with 1168 on Windows and succeeds under Wine.
+// wait until a blocked read or connect has ended. Only CancelIoEx does not wait, so callers cancel
+// before they disconnect. Wine does not serialise: a stop that works there proves nothing about
+// this. CancelIoEx with nothing pending fails with ERROR_NOT_FOUND (1168) on Windows and succeeds
+// under Wine.
 #include <windows.h>
 // windows.h comes first
 #include <sddl.h>

@@ -132,7 +132,7 @@ class Parser {
     return true;
   }
 
-  // False where the entry is for objects below this one only.
+  // False if the entry is for objects below this one only.
   bool parseFlags(const std::string& text) {
     bool applies = true;
     for (std::size_t at = 0; at < text.size(); at += 2) {

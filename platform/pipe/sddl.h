@@ -28,9 +28,9 @@ struct AccessEntry {
 
 // The entries of the discretionary list in their order. `O:`, `G:` and the list's flags are
 // checked and otherwise ignored; an entry that is only inherited (`IO`) is left out. Returns 0 or
-//     87    not a descriptor with a discretionary list, or a malformed one
-//     50    an audit list, or an entry of another type than `A` and `D`
-//     1332  a trustee that has no counterpart here
+//     ERROR_INVALID_PARAMETER (87)  not a descriptor with a discretionary list, or a malformed one
+//     ERROR_NOT_SUPPORTED (50)      an audit list, or an entry of another type than `A` and `D`
+//     ERROR_NONE_MAPPED (1332)      a trustee that has no counterpart here
 // Nothing is guessed: a descriptor that cannot be honoured whole is refused whole.
 std::uint32_t parseSddl(const std::string& sddl, std::vector<AccessEntry>* entries);
 

@@ -4,8 +4,9 @@
 // code of the module does. Failures are told in the system's own words.
 #pragma once
 
-#include <memory>
 #include <string>
+
+#include "platform/process/scoped_handle.h"
 
 namespace zelta::platform {
 
@@ -15,7 +16,7 @@ using ModuleHandle = void*;  // null is none
 // to other modules. `path` is UTF-8. Null on failure, with the reason in `errorText`.
 ModuleHandle openModule(const std::string& path, std::string* errorText);
 
-// The address of an exported function or datum; null where the module exports none of that name.
+// The address of an exported function or datum; null if the module exports none of that name.
 void* moduleSymbol(ModuleHandle module, const char* name);
 
 // Opens the module that has `address`, of its code or data, once more: it stays mapped until that
@@ -31,12 +32,16 @@ std::string pathOfModule(const void* address);
 // the process has it open. False on failure, with the reason in `errorText`.
 bool closeModule(ModuleHandle module, std::string* errorText);
 
-struct ModuleCloser {
-  void operator()(void* module) const {
+struct ModuleTraits {
+  using Value = ModuleHandle;
+  using Storage = ModuleHandle;
+  static Value none() { return nullptr; }
+  static bool isValid(Value module) { return module != nullptr; }
+  static void close(Value module) {
     std::string errorText;  // there is nobody to tell
     closeModule(module, &errorText);
   }
 };
-using ScopedModule = std::unique_ptr<void, ModuleCloser>;
+using ScopedModule = ScopedHandle<ModuleTraits>;
 
 }  // namespace zelta::platform

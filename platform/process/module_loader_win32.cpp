@@ -2,7 +2,7 @@
 
 #include <system_error>
 
-#include "platform/files/native_path.h"
+#include "platform/files/file.h"
 #include "platform/process/module_loader.h"
 
 namespace zelta::platform {

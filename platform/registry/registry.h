@@ -1,7 +1,8 @@
 // Reading and watching the machine's registry (HKEY_LOCAL_MACHINE).
 //
-// Every call returns a system error number, 0 for success (2: no such key or value). Any thread
-// may call. Text data are UTF-16LE with a terminating zero unit, as stored.
+// Every call returns a system error number: 0 for success, ERROR_FILE_NOT_FOUND (2) if there is no
+// such key or value. Any thread may call. Text data are UTF-16LE with a terminating zero unit, as
+// stored.
 #pragma once
 
 #include <cstdint>
@@ -37,13 +38,13 @@ class RegistryApi {
                                  std::uint32_t* out) = 0;
   // Opens a key for reading; closed by `closeKey`.
   virtual std::uint32_t openKey(const std::u16string& key, RegistryKey* out) = 0;
-  // Copies a value. `type` and `size` (bytes, the buffer's on entry) are set on success; a too
-  // small buffer gives 234 and the size needed.
+  // Copies a value. `type` and `size` (bytes, the buffer's on entry) are set on success. If
+  // the buffer is too small, the result is ERROR_MORE_DATA (234) and `size` is the size needed.
   virtual std::uint32_t queryValue(RegistryKey key, const std::u16string& value,
                                    std::uint32_t* type, void* data, std::uint32_t* size) = 0;
   // Signals `event` once when a value or subkey at or below the key next changes. A change
-  // between two such calls on the same key is not lost: the second signals at once. On Windows one
-  // between opening the key and the first call is.
+  // between two such calls on the same key is not lost: the second signals at once. On Windows a
+  // change between opening the key and the first call is lost.
   virtual std::uint32_t notifyChange(RegistryKey key, EventHandle event) = 0;
   // Ends a pending notification; Windows signals its event.
   virtual void closeKey(RegistryKey key) = 0;

@@ -19,7 +19,6 @@
 #include "platform/files/scoped_fd_linux.h"
 #include "platform/process/error.h"
 #include "platform/process/never_destroyed.h"
-#include "platform/registry/registry_file.h"
 #include "platform/sync/event_linux.h"
 
 namespace zelta::platform {
@@ -27,31 +26,22 @@ namespace zelta::platform {
 namespace {
 
 constexpr std::size_t kLargestFile = 1024 * 1024;  // bytes
-constexpr std::size_t kChunk = 4096;               // bytes
-constexpr std::size_t kDwordSize = 4;              // bytes
 
 [[noreturn]] void fail(int error) { throw std::system_error(error, std::generic_category()); }
 
-// As it is at the moment. Throws std::system_error.
-std::string readFile(const std::string& path) {
+// The file's bytes at this moment; the errno if it cannot be read.
+int readFile(const std::string& path, std::string* bytes) {
   // Without blocking: a pipe in the file's place must not stop the driver.
   const ScopedFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  if (!file) fail(errno);
-  std::string bytes;
-  std::array<char, kChunk> chunk;
-  for (;;) {
+  if (!file) return errno;
+  std::array<char, 4096> chunk;
+  while (bytes->size() <= kLargestFile) {
     const ssize_t count = read(file.get(), chunk.data(), chunk.size());
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) fail(errno);
-    if (count == 0) return bytes;
-    bytes.append(chunk.data(), static_cast<std::size_t>(count));
-    if (bytes.size() > kLargestFile) fail(EFBIG);
+    if (count <= 0) return count < 0 ? errno : 0;
+    bytes->append(chunk.data(), static_cast<std::size_t>(count));
   }
-}
-
-// Whether it is the system that lacks the means, rather than the file that cannot be read.
-bool isShortage(int error) {
-  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO;
+  return EFBIG;
 }
 
 }  // namespace
@@ -84,9 +74,9 @@ std::uint32_t FileRegistry::getDword(const std::u16string& key, const std::u16st
   const RegistryValue* found = now.find(key, value);
   if (found == nullptr) return error::kFileNotFound;
   if (found->type != kRegDword) return error::kUnsupportedType;
-  if (found->data.size() != kDwordSize) return error::kInvalidData;
+  if (found->data.size() != sizeof(*out)) return error::kInvalidData;
   *out = 0;
-  for (std::size_t i = kDwordSize; i > 0; --i) *out = *out << 8 | found->data[i - 1];
+  for (std::size_t i = sizeof(*out); i > 0; --i) *out = *out << 8 | found->data[i - 1];
   return error::kSuccess;
 } catch (const std::exception&) {
   return error::kNotEnoughMemory;
@@ -99,7 +89,7 @@ std::uint32_t FileRegistry::openKey(const std::u16string& key, RegistryKey* out)
   opened->path = key;
   opened->baseline = read(opened->file);
   if (!opened->baseline.hasKey(key)) return error::kFileNotFound;
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   keys_.emplace(lastKey_ + 1, std::move(opened));
   *out = reinterpret_cast<RegistryKey>(++lastKey_);
   return error::kSuccess;
@@ -109,11 +99,11 @@ std::uint32_t FileRegistry::openKey(const std::u16string& key, RegistryKey* out)
 
 std::uint32_t FileRegistry::queryValue(RegistryKey key, const std::u16string& value,
                                        std::uint32_t* type, void* data, std::uint32_t* size) try {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   OpenKey* open = find(key);
   if (open == nullptr) return error::kInvalidHandle;
   const RegistryContent now = read(open->file);
-  // What is read here may be gone again when the file's writer is done: the reader is then told.
+  // If the file's writer is not done, what is read here may not last: the reader is then told.
   if (!now.sameSubtree(open->baseline, open->path)) open->changed = true;
   const RegistryValue* found = now.find(open->path, value);
   if (found == nullptr) return error::kFileNotFound;
@@ -130,7 +120,7 @@ std::uint32_t FileRegistry::queryValue(RegistryKey key, const std::u16string& va
 }
 
 std::uint32_t FileRegistry::notifyChange(RegistryKey key, EventHandle event) try {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   OpenKey* open = find(key);
   if (open == nullptr) return error::kInvalidHandle;
   ScopedFd pending = duplicateEvent(event);
@@ -147,7 +137,7 @@ std::uint32_t FileRegistry::notifyChange(RegistryKey key, EventHandle event) try
 
 void FileRegistry::closeKey(RegistryKey key) {
   std::unique_ptr<OpenKey> closed;  // joins its thread after the lock is released
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = keys_.find(reinterpret_cast<std::uintptr_t>(key));
   if (found == keys_.end()) return;
   closed = std::move(found->second);
@@ -156,13 +146,12 @@ void FileRegistry::closeKey(RegistryKey key) {
 
 RegistryContent FileRegistry::read(const std::string& file) {
   std::string bytes;
-  try {
-    bytes = readFile(file);
-  } catch (const std::system_error& error) {
-    const int number = error.code().value();
-    if (isShortage(number)) throw;
-    const bool isMissing = number == ENOENT || number == ENOTDIR;
-    if (!isMissing) report(file + ": cannot be read: " + error.code().message());
+  if (const int error = readFile(file, &bytes)) {
+    bytes.clear();
+    if (error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO) fail(error);
+    if (error != ENOENT && error != ENOTDIR) {
+      report(file + ": cannot be read: " + std::generic_category().message(error));
+    }
   }
   std::size_t skipped = 0;
   return parseRegistryFile(bytes, [&](std::size_t number, std::u16string_view line) {
@@ -174,7 +163,7 @@ RegistryContent FileRegistry::read(const std::string& file) {
 void FileRegistry::report(const std::string& problem, std::u16string_view line) {
   const std::size_t hash =
       std::hash<std::string>()(problem) ^ std::hash<std::u16string_view>()(line);
-  MutexLock lock(reportMutex_);
+  const MutexLock lock(reportMutex_);
   const auto end = reported_.begin() + static_cast<std::ptrdiff_t>(reports_);
   if (reports_ == kMaxReports || std::find(reported_.begin(), end, hash) != end) return;
   reported_[reports_++] = hash;
@@ -198,22 +187,24 @@ void FileRegistry::startWatching(OpenKey* key) {
 void FileRegistry::watch(OpenKey* key, PathWatch file) {
   std::array<pollfd, 2> waits{{{key->stop.get(), POLLIN, 0}, {file.fd(), POLLIN, 0}}};
   for (;;) {
-    if (poll(waits.data(), waits.size(), -1) < 0) continue;  // interrupted
-    if (waits[0].revents != 0) return;
-    onNews(key, &file);
+    if (poll(waits.data(), waits.size(), -1) >= 0) {
+      if (waits[0].revents != 0) return;
+      onNews(key, &file);
+    } else if (errno != EINTR) {
+      const MutexLock lock(mutex_);
+      return signal(key);  // no longer watched: whoever waits has to look
+    }
   }
 }
 
 void FileRegistry::onNews(OpenKey* key, PathWatch* file) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   try {
     if (!file->takeNews()) return;
     if (!file->problem().empty()) report(file->problem());
     if (key->pending) signalIfChanged(key, read(key->file));
   } catch (const std::exception&) {
-    // Nothing to compare: whoever waits looks for himself.
-    signalEvent(key->pending.get());
-    key->pending.reset();
+    signal(key);  // there is nothing to compare: whoever waits has to look
   }
 }
 
@@ -221,8 +212,11 @@ void FileRegistry::signalIfChanged(OpenKey* key, RegistryContent now) {
   const bool changed = key->changed || !now.sameSubtree(key->baseline, key->path);
   key->baseline = std::move(now);
   key->changed = false;
-  if (!changed) return;
-  signalEvent(key->pending.get());
+  if (changed) signal(key);
+}
+
+void FileRegistry::signal(OpenKey* key) {
+  if (key->pending) signalEvent(key->pending.get());
   key->pending.reset();
 }
 

@@ -1,18 +1,18 @@
-// The registry of one file in the export format (platform/registry_file.h).
+// The registry of one file in the export format (registry_file.h).
 //
 // Beyond registry.h:
 //   - The file is read anew for every call. A program that writes it in place may be seen half-way;
 //     one that renames a finished file over it is not.
-//   - A key stays with the file that it was opened in. If it is deleted while it is open it has no
-//     values (2) until it is written again; deletion and return are changes.
+//   - A key stays with the file that it was opened in. An open key that is deleted has no values
+//     until it is written again (ERROR_FILE_NOT_FOUND (2)); both are changes.
 //   - A file that cannot be read, or is larger than 1 MiB, is an empty registry. If the system
-//     lacks memory or descriptors the call fails with ERROR_NOT_ENOUGH_MEMORY (8), and a pending
+//     lacks memory or descriptors, the call fails with ERROR_NOT_ENOUGH_MEMORY (8) and a pending
 //     notification is signalled.
 //   - Writing the same value once more, or a name in other case, is no change.
 //   - The event of a notification may be closed before the key.
-// From its first notification on a key has a thread that watches the file; closing the key joins
-// it. Without open keys the object holds no memory, thread or descriptor. Its lock is held while
-// an open key's file is read; only the report's lock is taken under it.
+// From its first notification on, a key has a thread that watches the file; closing the key joins
+// it. Without open keys the object holds no memory, thread or descriptor. An open key's file is
+// read under the object's lock.
 #pragma once
 
 #include <array>
@@ -26,13 +26,12 @@
 
 #include "platform/files/path_watch_linux.h"
 #include "platform/registry/registry.h"
-#include "platform/registry/registry_content.h"
+#include "platform/registry/registry_file.h"
 #include "platform/sync/sync.h"
 
 namespace zelta::platform {
 
-// The file of the system's registry: $ZELTA_REGISTRY, or /etc/zelta/registry.reg if the variable
-// is unset or empty.
+// $ZELTA_REGISTRY, or /etc/zelta/registry.reg if the variable is unset or empty.
 std::string registryFilePath();
 
 class FileRegistry final : public RegistryApi {
@@ -44,8 +43,7 @@ class FileRegistry final : public RegistryApi {
   // and of a file that cannot be read or watched. It is called by one thread at a time, with locks
   // held, and must not call back.
   FileRegistry(std::function<std::string()> path, std::function<void(const std::string&)> report);
-  // No key may be open.
-  ~FileRegistry() override;
+  ~FileRegistry() override;  // no key may be open
 
   std::uint32_t getDword(const std::u16string& key, const std::u16string& value,
                          std::uint32_t* out) override;
@@ -68,15 +66,16 @@ class FileRegistry final : public RegistryApi {
   void watch(OpenKey* key, PathWatch file) ZELTA_EXCLUDES(mutex_);
   void onNews(OpenKey* key, PathWatch* file) ZELTA_EXCLUDES(mutex_);
   void signalIfChanged(OpenKey* key, RegistryContent now) ZELTA_REQUIRES(mutex_);
+  static void signal(OpenKey* key);
 
   const std::function<std::string()> path_;
   const std::function<void(const std::string&)> report_;
 
-  Mutex mutex_;
+  Mutex mutex_ ZELTA_ACQUIRED_BEFORE(reportMutex_);
   std::uintptr_t lastKey_ ZELTA_GUARDED_BY(mutex_) = 0;
   std::map<std::uintptr_t, std::unique_ptr<OpenKey>> keys_ ZELTA_GUARDED_BY(mutex_);
 
-  Mutex reportMutex_ ZELTA_ACQUIRED_AFTER(mutex_);
+  Mutex reportMutex_;
   // Hashes rather than texts, so that nothing is allocated.
   std::array<std::size_t, kMaxReports> reported_ ZELTA_GUARDED_BY(reportMutex_){};
   std::size_t reports_ ZELTA_GUARDED_BY(reportMutex_) = 0;

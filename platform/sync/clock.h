@@ -18,8 +18,9 @@ class WallClock {
   virtual std::int64_t now() = 0;
   // Waits on `condition` until `predicate` (run with the lock held) is true or the clock reaches
   // `deadline` (as `now` counts); the wait lasts no longer than the deadline was away when it
-  // began, however the clock is set meanwhile. What the predicate gives at the end: false, the
-  // time ran out. A signal of `condition` must be preceded by taking the lock's mutex.
+  // began, however the clock is set meanwhile. Returns what the predicate returns at the
+  // end; false means that the time ran out. A signal of `condition` must be preceded by taking the
+  // lock's mutex.
   virtual bool waitUntil(ConditionVariable& condition, MutexLock& lock, std::int64_t deadline,
                          const std::function<bool()>& predicate) = 0;
 };

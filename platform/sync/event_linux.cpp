@@ -22,14 +22,14 @@ constexpr std::size_t kMaxWaits = 8;
 
 using SharedFd = std::shared_ptr<const ScopedFd>;
 
-// Resets the event: true where it was signalled and no other waiter was faster.
+// Resets the event: true if it was signalled and no other waiter was faster.
 bool consume(int descriptor) {
   eventfd_t count = 0;
   return eventfd_read(descriptor, &count) == 0;
 }
 
-// A handle is a number that is never given out twice, so that one that was closed is told from
-// every other. Whoever waits on an event or signals it shares its descriptor meanwhile.
+// A handle is a number that is never given out twice, so that a closed one is not mistaken for
+// another. Whoever waits on an event or signals it shares its descriptor meanwhile.
 class LinuxEvents final : public EventApi {
  public:
   EventHandle create() override;
@@ -53,7 +53,7 @@ EventHandle LinuxEvents::create() {
   }
   try {
     SharedFd shared = std::make_shared<const ScopedFd>(std::move(descriptor));
-    MutexLock lock(mutex_);
+    const MutexLock lock(mutex_);
     events_.emplace(lastHandle_ + 1, std::move(shared));
     return reinterpret_cast<EventHandle>(++lastHandle_);
   } catch (const std::exception&) {
@@ -63,7 +63,7 @@ EventHandle LinuxEvents::create() {
 }
 
 SharedFd LinuxEvents::find(EventHandle event) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = events_.find(reinterpret_cast<std::uintptr_t>(event));
   if (found != events_.end()) return found->second;
   setLastError(error::kInvalidHandle);
@@ -104,7 +104,7 @@ std::uint32_t LinuxEvents::waitAny(const EventHandle* events, std::size_t count)
 }
 
 void LinuxEvents::close(EventHandle event) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   events_.erase(reinterpret_cast<std::uintptr_t>(event));
 }
 

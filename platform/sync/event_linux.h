@@ -6,7 +6,7 @@
 
 namespace zelta::platform {
 
-// A descriptor of the event's own kind that stays valid when the event is closed; none where the
+// A descriptor of the event's own kind that stays valid when the event is closed; none if the
 // handle is no event or no descriptor is left.
 ScopedFd duplicateEvent(EventHandle event);
 

@@ -62,8 +62,8 @@ class ZELTA_SCOPED_CAPABILITY MutexLock {
   std::unique_lock<std::mutex> lock_;
 };
 
-// Predicates run with the lock held; clang cannot see that, so they carry
-// ZELTA_NO_THREAD_SAFETY_ANALYSIS where they read guarded members.
+// Predicates run with the lock held. Clang cannot see that, so those that read guarded members
+// carry ZELTA_NO_THREAD_SAFETY_ANALYSIS.
 class ConditionVariable {
  public:
   void notifyOne() { condition_.notify_one(); }
@@ -73,7 +73,7 @@ class ConditionVariable {
   void wait(MutexLock& lock, Predicate predicate) {
     condition_.wait(lock.lock_, std::move(predicate));
   }
-  // What the predicate gives at the end: false, the time ran out.
+  // What the predicate returns at the end; false means that the time ran out.
   template <typename Rep, typename Period, typename Predicate>
   bool waitFor(MutexLock& lock, std::chrono::duration<Rep, Period> limit, Predicate predicate) {
     return condition_.wait_for(lock.lock_, limit, std::move(predicate));

@@ -11,7 +11,7 @@
 #include "tests/doubles/registry/counting_registry.h"
 #include "tests/support/log_files.h"
 #include "tests/support/logging_ports.h"
-#include "tests/support/machine_registry_win32.h"
+#include "tests/support/own_registry.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta {
@@ -40,7 +40,7 @@ class RealRegistryTest : public ::testing::Test {
 
   test::TempFolder folder_;
   test::FakeFolders folders_;
-  test::MachineRegistry machine_;
+  test::OwnRegistry machine_;
   const platform::Ports before_;
 };
 

@@ -41,7 +41,7 @@ TEST(ModuleLoaderTest, ModuleIsFoundByAnAddressInItAndStaysUntilThatHandleIsClos
   const ModuleHandle module = openModule(FAKE_OLD_DRIVER, &reason);
   ASSERT_NE(module, nullptr) << reason;
   ScopedModule again(openModuleOf(moduleSymbol(module, "DllCanUnloadNow")));
-  ASSERT_NE(again, nullptr);
+  ASSERT_TRUE(again);
   EXPECT_TRUE(closeModule(module, &reason)) << reason;
   EXPECT_TRUE(test::isMapped(FAKE_OLD_DRIVER));
   again.reset();

@@ -7,7 +7,7 @@
 #include "logging/zelta_logging.h"
 #include "tests/doubles/registry/counting_registry.h"
 #include "tests/support/logging_ports.h"
-#include "tests/support/machine_registry_win32.h"
+#include "tests/support/own_registry.h"
 #include "tests/support/recording_logger.h"
 #include "tests/support/temp_folder.h"
 
@@ -22,7 +22,7 @@ class RealRegistryNotifierTest : public ::testing::Test {
     return [this](const std::string& text) { received_.log(text, 0, 0); };
   }
 
-  test::MachineRegistry machine_;
+  test::OwnRegistry machine_;
   test::CountingRegistry registry_;
   test::RecordingLogger logger_;
   test::RecordingLogger received_;

@@ -1,14 +1,13 @@
 // The doubles do what the tests that use them rely on.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
-#include <thread>
 
 #include "platform/process/error.h"
 #include "tests/doubles/registry/fake_registry.h"
 #include "tests/support/fake_events.h"
 #include "tests/support/fake_folders.h"
-#include "tests/support/fake_winsock.h"
 
 namespace zelta::test {
 namespace {
@@ -17,71 +16,38 @@ namespace error = platform::error;
 using platform::EventHandle;
 using platform::RegistryKey;
 
-TEST(FakeRegistry, CallsFailOnCommandAsOftenAsAskedFor) {
+TEST(FakeRegistry, Call_FailsAsOftenAsToldAndIsCounted) {
+  using Call = FakeRegistry::Call;
   FakeRegistry registry;
   registry.setDword(u"K", u"x", 3);
+  const EventHandle event = platform::systemEvents().create();
   std::uint32_t value = 0;
-  registry.fail(FakeRegistry::Call::kGetDword, error::kAccessDenied, 2);
-  EXPECT_EQ(registry.getDword(u"K", u"x", &value), error::kAccessDenied);
-  EXPECT_EQ(registry.getDword(u"K", u"x", &value), error::kAccessDenied);
-  EXPECT_EQ(registry.getDword(u"K", u"x", &value), error::kSuccess);
-
-  RegistryKey key = nullptr;
-  registry.fail(FakeRegistry::Call::kOpenKey, error::kAccessDenied);
-  EXPECT_EQ(registry.openKey(u"K", &key), error::kAccessDenied);
-  EXPECT_EQ(key, nullptr);
-  EXPECT_EQ(registry.openKey(u"K", &key), error::kAccessDenied);
-  registry.fail(FakeRegistry::Call::kOpenKey, error::kSuccess);
-  EXPECT_EQ(registry.openKey(u"K", &key), error::kSuccess);
-  EXPECT_EQ(registry.openKeys(), 1U);
-
   std::uint32_t type = 0;
   std::uint32_t size = sizeof(value);
-  registry.fail(FakeRegistry::Call::kQueryValue, error::kMoreData, 1);
-  EXPECT_EQ(registry.queryValue(key, u"x", &type, &value, &size), error::kMoreData);
-  EXPECT_EQ(registry.queryValue(key, u"x", &type, &value, &size), error::kSuccess);
-
-  registry.fail(FakeRegistry::Call::kNotifyChange, error::kInvalidHandle, 1);
-  const EventHandle event = platform::systemEvents().create();
-  EXPECT_EQ(registry.notifyChange(key, event), error::kInvalidHandle);
-  EXPECT_EQ(registry.pendingWatches(), 0U);
-  EXPECT_EQ(registry.notifyChange(key, event), error::kSuccess);
+  RegistryKey key = nullptr;
+  const std::pair<Call, std::function<std::uint32_t()>> calls[] = {
+      {Call::kGetDword, [&] { return registry.getDword(u"K", u"x", &value); }},
+      {Call::kOpenKey, [&] { return registry.openKey(u"K", &key); }},
+      {Call::kQueryValue, [&] { return registry.queryValue(key, u"x", &type, &value, &size); }},
+      {Call::kNotifyChange, [&] { return registry.notifyChange(key, event); }},
+  };
+  for (const auto& [kind, call] : calls) {
+    registry.fail(kind, error::kAccessDenied, 2);
+    EXPECT_EQ(call(), error::kAccessDenied);
+    EXPECT_EQ(call(), error::kAccessDenied);
+    EXPECT_EQ(call(), error::kSuccess);
+    registry.waitForCalls(kind, 3);
+    EXPECT_EQ(registry.calls(kind), 3U);
+  }
+  EXPECT_EQ(registry.openKeys(), 1U);
   EXPECT_EQ(registry.pendingWatches(), 1U);
   registry.closeKey(key);
   EXPECT_EQ(registry.openKeys(), 0U);
   EXPECT_EQ(registry.pendingWatches(), 0U);
-  EXPECT_EQ(registry.calls(FakeRegistry::Call::kOpenKey), 3U);
-  EXPECT_EQ(registry.calls(FakeRegistry::Call::kCloseKey), 1U);
   platform::systemEvents().close(event);
 }
 
-TEST(FakeRegistry, CallsCanBeWaitedFor) {
-  FakeRegistry registry;
-  std::thread caller([&] {
-    std::uint32_t value = 0;
-    for (int i = 0; i < 3; ++i) registry.getDword(u"K", u"x", &value);
-  });
-  registry.waitForCalls(FakeRegistry::Call::kGetDword, 3);
-  caller.join();
-  EXPECT_EQ(registry.calls(FakeRegistry::Call::kGetDword), 3U);
-}
-
-TEST(FakeRegistry, WatchesAreSignalledThroughTheEventsItIsGiven) {
-  FakeEvents events;
-  FakeRegistry registry(events);
-  registry.createKey(u"K");
-  RegistryKey key = nullptr;
-  ASSERT_EQ(registry.openKey(u"K", &key), error::kSuccess);
-  const EventHandle event = events.create();
-  ASSERT_EQ(registry.notifyChange(key, event), error::kSuccess);
-  registry.setText(u"K", u"x", u"60");
-  EXPECT_EQ(events.calls(FakeEvents::Call::kSet), 1U);
-  EXPECT_EQ(events.waitAny(&event, 1), 0U);
-  registry.closeKey(key);
-  events.close(event);
-}
-
-TEST(FakeEvents, CallsFailOnCommandAfterThoseThatAreToSucceed) {
+TEST(FakeEvents, Call_FailsAfterThoseThatAreToSucceed) {
   FakeEvents events;
   events.fail(FakeEvents::Call::kCreate, error::kNotEnoughMemory, 1, 1);
   const EventHandle event = events.create();
@@ -109,17 +75,7 @@ TEST(FakeEvents, CallsFailOnCommandAfterThoseThatAreToSucceed) {
   EXPECT_EQ(events.calls(FakeEvents::Call::kWaitAny), 3U);
 }
 
-TEST(FakeEvents, AWaitCountsWhenItBegins) {
-  FakeEvents events;
-  const EventHandle event = events.create();
-  std::thread waiter([&] { EXPECT_EQ(events.waitAny(&event, 1), 0U); });
-  events.waitForCalls(FakeEvents::Call::kWaitAny, 1);
-  events.set(event);
-  waiter.join();
-  events.close(event);
-}
-
-TEST(FakeFolders, GiveWhatTheTestHasSetAndElseFail) {
+TEST(FakeFolders, Path_IsWhatTheTestHasSetOrTheCallFails) {
   FakeFolders folders;
   char16_t* path = nullptr;
   char16_t buffer[8] = {};
@@ -143,18 +99,6 @@ TEST(FakeFolders, GiveWhatTheTestHasSetAndElseFail) {
   EXPECT_EQ(folders.programDataCalls(), 2U);
   EXPECT_EQ(folders.tempPathCalls(), 2U);
   EXPECT_EQ(folders.currentDirectoryCalls(), 2U);
-}
-
-TEST(FakeWinsock, CountsAndFailsOnCommand) {
-  FakeWinsock winsock;
-  EXPECT_EQ(winsock.startup(0x0202), 0);
-  winsock.startupResult = 10091;
-  winsock.cleanupResult = -1;
-  EXPECT_EQ(winsock.startup(0x0101), 10091);
-  EXPECT_EQ(winsock.cleanup(), -1);
-  EXPECT_EQ(winsock.startups(), 2);
-  EXPECT_EQ(winsock.cleanups(), 1);
-  EXPECT_EQ(winsock.version(), 0x0101);
 }
 
 }  // namespace

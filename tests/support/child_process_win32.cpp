@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <type_traits>
 
-#include "platform/files/native_path.h"
+#include "platform/files/file.h"
 #include "tests/support/child_process.h"
 
 namespace zelta::test {

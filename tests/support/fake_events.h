@@ -43,7 +43,7 @@ class FakeEvents final : public platform::EventApi {
   static constexpr std::size_t kCalls = 4;
 
   CallState& stateOf(Call call) ZELTA_REQUIRES(mutex_);
-  // Counts the call; false, with the last error set, where it is to fail.
+  // Counts the call; false, with the last error set, if it is to fail.
   bool enter(Call call) ZELTA_EXCLUDES(mutex_);
 
   platform::Mutex mutex_;

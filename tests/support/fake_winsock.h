@@ -19,8 +19,15 @@ class FakeWinsock final : public platform::WinsockApi {
   // What the last start asked for; 0 before the first.
   std::uint16_t version() const { return version_; }
 
-  std::int32_t startup(std::uint16_t version) override;
-  std::int32_t cleanup() override;
+  std::int32_t startup(std::uint16_t version) override {
+    ++startups_;
+    version_ = version;
+    return startupResult;
+  }
+  std::int32_t cleanup() override {
+    ++cleanups_;
+    return cleanupResult;
+  }
 
  private:
   std::atomic<int> startups_{0};

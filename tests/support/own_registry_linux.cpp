@@ -1,20 +1,32 @@
-#include "tests/support/own_registry.h"
-
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 
 #include "platform/files/utf.h"
+#include "platform/registry/registry.h"
+#include "platform/registry/registry_file.h"
+#include "tests/support/own_registry.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::test {
 
+namespace {
+
+std::string section(const std::string& sign, const std::u16string& key) {
+  return "[" + sign + "HKEY_LOCAL_MACHINE\\" + platform::utf8FromUtf16(key) + "]\n";
+}
+
+std::string quoted(const std::u16string& name) {
+  return "\"" + platform::utf8FromUtf16(name) + "\"";
+}
+
+}  // namespace
+
 // Each change appends to the file's text and renames the whole over the file.
 class OwnRegistry::System {
  public:
-  void set(const std::u16string& key, const std::u16string& name, const std::string& data) {
-    text_ += "[HKEY_LOCAL_MACHINE\\" + platform::utf8FromUtf16(key) + "]\n\"" +
-             platform::utf8FromUtf16(name) + "\"=" + data + "\n";
+  void append(const std::string& lines) {
+    text_ += lines;
     std::ofstream file;
     file.exceptions(std::ios::failbit | std::ios::badbit);
     file.open(folder_.file("new"));
@@ -33,16 +45,34 @@ OwnRegistry::OwnRegistry() : system_(std::make_unique<System>()) {}
 
 OwnRegistry::~OwnRegistry() = default;
 
+void OwnRegistry::createKey(const std::u16string& key) { system_->append(section("", key)); }
+
 void OwnRegistry::setDword(const std::u16string& key, const std::u16string& name,
                            std::uint32_t value) {
-  char number[16];
-  std::snprintf(number, sizeof(number), "dword:%08x", value);
-  system_->set(key, name, number);
+  setValue(key, name, platform::kRegDword, platform::registryDword(value));
 }
 
 void OwnRegistry::setText(const std::u16string& key, const std::u16string& name,
                           const std::u16string& text) {
-  system_->set(key, name, "\"" + platform::utf8FromUtf16(text) + "\"");
+  setValue(key, name, platform::kRegSz, platform::registryText(text));
+}
+
+void OwnRegistry::setValue(const std::u16string& key, const std::u16string& name,
+                           std::uint32_t type, const std::vector<std::uint8_t>& data) {
+  char number[16];
+  std::snprintf(number, sizeof(number), "hex(%x):", type);
+  std::string line = quoted(name) + "=" + number;
+  for (const std::uint8_t byte : data) {
+    std::snprintf(number, sizeof(number), "%02x,", byte);
+    line += number;
+  }
+  system_->append(section("", key) + line + "\n");
+}
+
+void OwnRegistry::deleteKey(const std::u16string& key) { system_->append(section("-", key)); }
+
+void OwnRegistry::deleteValue(const std::u16string& key, const std::u16string& name) {
+  system_->append(section("", key) + quoted(name) + "=-\n");
 }
 
 }  // namespace zelta::test

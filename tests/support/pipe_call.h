@@ -14,7 +14,7 @@ namespace zelta::test {
 
 struct PipeOutcome {
   bool ok = false;
-  std::uint32_t error = 0;  // 0 where the call succeeded
+  std::uint32_t error = 0;  // 0 if the call succeeded
 
   bool operator==(const PipeOutcome& other) const { return ok == other.ok && error == other.error; }
 };

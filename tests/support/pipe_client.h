@@ -12,49 +12,67 @@
 #include <string>
 #include <vector>
 
+#include "contract/bytes.h"
+#if defined(_WIN32)
+#include "platform/process/scoped_handle_win32.h"
+#else
+#include "platform/files/scoped_fd_linux.h"
+#endif
+
 namespace zelta::test {
 
 class PipeClient {
  public:
   static constexpr std::chrono::milliseconds kLimit{30000};
 
-  PipeClient() = default;
-  ~PipeClient();
-  PipeClient(PipeClient&& other) noexcept;
-  PipeClient& operator=(PipeClient&& other) noexcept;
-
   // Opens the pipe of that name (`\\.\pipe\A\B`), closing what was open before. One attempt:
-  // false where the pipe is not there or refuses; `error()` has the system's number then.
+  // false if the pipe is not there or refuses; `error()` has the system's number then.
   bool connect(const std::string& pipeName);
   // The same, but goes on until the pipe is there and takes the client. Waits on the file
   // system's events, it does not poll.
   bool connectWhenListening(const std::string& pipeName, std::chrono::milliseconds limit = kLimit);
-  bool connected() const { return socket_ >= 0; }
+  bool connected() const { return pipe_.valid(); }
   // The system's own number (errno) of the last call that failed; 0 for an end of the stream.
   int error() const { return error_; }
 
   // All the bytes or false.
   bool write(const void* data, std::size_t size);
-  bool write(const std::vector<std::uint8_t>& bytes);
-  bool read(void* data, std::size_t size);
-  // `size` bytes; fewer where the stream ended or failed before.
-  std::vector<std::uint8_t> read(std::size_t size);
+  bool write(const Bytes& bytes) { return write(bytes.data(), bytes.size()); }
+  bool read(void* data, std::size_t size) { return readUpTo(data, size) == size; }
+  // `size` bytes; fewer if the stream ended or failed before.
+  Bytes read(std::size_t size) {
+    Bytes bytes(size);
+    bytes.resize(readUpTo(bytes.data(), size));
+    return bytes;
+  }
 
   // Unsigned 32-bit numbers, little-endian.
-  bool writeNumber(std::uint32_t value);
-  std::optional<std::uint32_t> readNumber();
+  bool writeNumber(std::uint32_t value) { return write(numberBytes(value)); }
+  std::optional<std::uint32_t> readNumber() {
+    std::uint8_t bytes[kNumberSize];
+    if (!read(bytes, sizeof(bytes))) return std::nullopt;
+    return loadLittleEndian(bytes);
+  }
 
-  // Waits until the server has dropped this client. False where a byte came instead (it is
-  // consumed) or nothing happened within the limit.
+  // Waits until the server has dropped this client. False if a byte came instead (it is consumed)
+  // or nothing happened within the limit.
   bool waitForDrop();
 
-  void close();
+  void close() { pipe_.reset(); }
 
  private:
+#if defined(_WIN32)
+  using Handle = platform::ScopedKernelHandle;
+#else
+  using Handle = platform::ScopedFd;
+#endif
+
+  // False, with the reason as `error()`.
   bool fail();
+  // The number of bytes read; if they are fewer, `error()` says why.
   std::size_t readUpTo(void* data, std::size_t size);
 
-  std::intptr_t socket_ = -1;  // the system's own handle
+  Handle pipe_;
   int error_ = 0;
 };
 

@@ -1,7 +1,6 @@
 #include "tests/support/pipe_client.h"
 
 #include <poll.h>
-#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -10,7 +9,7 @@
 #include <filesystem>
 #include <utility>
 
-#include "platform/files/scoped_fd_linux.h"
+#include "platform/files/path_watch_linux.h"
 #include "platform/pipe/pipe_path.h"
 
 namespace zelta::test {
@@ -26,49 +25,17 @@ timeval asTimeval(std::chrono::milliseconds time) {
   return value;
 }
 
-std::filesystem::path deepestFolder(const std::string& path) {
-  std::filesystem::path folder = std::filesystem::path(path).parent_path();
-  while (!std::filesystem::is_directory(folder)) folder = folder.parent_path();
-  return folder;
-}
-
-// Watches the deepest folder of the path that exists, and goes on where a deeper one appeared
-// before the watch stood.
-platform::ScopedFd watchFor(const std::string& path) {
-  for (;;) {
-    platform::ScopedFd watch(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    const std::filesystem::path folder = deepestFolder(path);
-    const bool watched = inotify_add_watch(watch.get(), folder.c_str(),
-                                           IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF) >= 0;
-    if (deepestFolder(path) != folder) continue;
-    return watched ? std::move(watch) : platform::ScopedFd();
-  }
-}
-
-bool waitForChange(const platform::ScopedFd& watch, Clock::time_point end) {
+bool waitForChange(const platform::PathWatch& watch, Clock::time_point end) {
   for (;;) {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
-    pollfd state{watch.get(), POLLIN, 0};
+    pollfd state{watch.fd(), POLLIN, 0};
     const int ready = poll(&state, 1, left > 0 ? static_cast<int>(left) : 0);
     if (ready >= 0 || errno != EINTR) return ready > 0;
   }
 }
 
 }  // namespace
-
-PipeClient::~PipeClient() { close(); }
-
-PipeClient::PipeClient(PipeClient&& other) noexcept
-    : socket_(std::exchange(other.socket_, -1)), error_(other.error_) {}
-
-PipeClient& PipeClient::operator=(PipeClient&& other) noexcept {
-  if (this == &other) return *this;
-  close();
-  socket_ = std::exchange(other.socket_, -1);
-  error_ = other.error_;
-  return *this;
-}
 
 bool PipeClient::connect(const std::string& pipeName) {
   close();
@@ -87,7 +54,7 @@ bool PipeClient::connect(const std::string& pipeName) {
   if (::connect(made.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
     return fail();
   }
-  socket_ = made.release();
+  pipe_ = std::move(made);
   return true;
 }
 
@@ -96,18 +63,19 @@ bool PipeClient::connectWhenListening(const std::string& pipeName,
   const Clock::time_point end = Clock::now() + limit;
   const std::string path = platform::pipeSocketPath(pipeName);
   if (path.empty()) return connect(pipeName);
-  for (;;) {
-    // The watch stands before the attempt, so that what happens after it is seen.
-    const platform::ScopedFd watch = watchFor(path);
-    if (connect(pipeName)) return true;
-    if (!watch || !waitForChange(watch, end)) return false;
+  // The watch stands before the attempt, so that what happens after it is seen.
+  platform::PathWatch watch({std::filesystem::absolute(path).string()});
+  while (!connect(pipeName)) {
+    if (!waitForChange(watch, end)) return false;
+    watch.takeNews();
   }
+  return true;
 }
 
 bool PipeClient::write(const void* data, std::size_t size) {
   const auto* bytes = static_cast<const std::uint8_t*>(data);
   while (size > 0) {
-    const ssize_t count = send(socket_, bytes, size, MSG_NOSIGNAL);
+    const ssize_t count = send(pipe_.get(), bytes, size, MSG_NOSIGNAL);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return fail();
     bytes += count;
@@ -116,23 +84,11 @@ bool PipeClient::write(const void* data, std::size_t size) {
   return true;
 }
 
-bool PipeClient::write(const std::vector<std::uint8_t>& bytes) {
-  return write(bytes.data(), bytes.size());
-}
-
-bool PipeClient::read(void* data, std::size_t size) { return readUpTo(data, size) == size; }
-
-std::vector<std::uint8_t> PipeClient::read(std::size_t size) {
-  std::vector<std::uint8_t> bytes(size);
-  bytes.resize(readUpTo(bytes.data(), size));
-  return bytes;
-}
-
 std::size_t PipeClient::readUpTo(void* data, std::size_t size) {
   auto* bytes = static_cast<std::uint8_t*>(data);
   std::size_t done = 0;
   while (done < size) {
-    const ssize_t count = recv(socket_, bytes + done, size - done, 0);
+    const ssize_t count = recv(pipe_.get(), bytes + done, size - done, 0);
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) {
       error_ = count < 0 ? errno : 0;
@@ -143,30 +99,11 @@ std::size_t PipeClient::readUpTo(void* data, std::size_t size) {
   return done;
 }
 
-bool PipeClient::writeNumber(std::uint32_t value) {
-  const std::uint8_t bytes[] = {
-      static_cast<std::uint8_t>(value), static_cast<std::uint8_t>(value >> 8),
-      static_cast<std::uint8_t>(value >> 16), static_cast<std::uint8_t>(value >> 24)};
-  return write(bytes, sizeof(bytes));
-}
-
-std::optional<std::uint32_t> PipeClient::readNumber() {
-  std::uint8_t bytes[4];
-  if (!read(bytes, sizeof(bytes))) return std::nullopt;
-  return static_cast<std::uint32_t>(bytes[0]) | static_cast<std::uint32_t>(bytes[1]) << 8 |
-         static_cast<std::uint32_t>(bytes[2]) << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
-}
-
 bool PipeClient::waitForDrop() {
   std::uint8_t byte = 0;
   if (read(&byte, 1)) return false;
   // An end of the stream, or the loss of bytes that the server had not read.
   return error_ == 0 || error_ == ECONNRESET;
-}
-
-void PipeClient::close() {
-  if (socket_ >= 0) ::close(socket_);
-  socket_ = -1;
 }
 
 bool PipeClient::fail() {

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <thread>
 
 #include "tests/support/process_state.h"
@@ -9,12 +10,32 @@ namespace zelta::test {
 
 namespace fs = std::filesystem;
 
+namespace {
+
+// Whether the thread is on its way out: one that was joined may be listed a moment longer.
+bool isExiting(const fs::path& task) {
+  constexpr unsigned long exiting = 0x4;  // PF_EXITING of the kernel
+  constexpr int fieldsBeforeFlags = 6;    // after the name: state up to the terminal's group
+  std::ifstream file(task / "stat");
+  std::string line;
+  if (!std::getline(file, line)) return true;
+  std::istringstream fields(line.substr(line.rfind(')') + 1));
+  std::string skipped;
+  for (int i = 0; i < fieldsBeforeFlags; ++i) fields >> skipped;
+  unsigned long flags = 0;
+  fields >> flags;
+  return (flags & exiting) != 0;
+}
+
+}  // namespace
+
 std::size_t threadCount() {
   // A sanitizer's own thread begins with the program's first: it is there from now on.
   static const bool begun = (std::thread([] {}).join(), true);
   static_cast<void>(begun);
   const fs::directory_iterator tasks("/proc/self/task");
-  return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+  return static_cast<std::size_t>(std::count_if(
+      begin(tasks), end(tasks), [](const auto& task) { return !isExiting(task.path()); }));
 }
 
 std::vector<std::string> openFiles() {

@@ -11,14 +11,14 @@
 
 namespace zelta::test {
 
-// A stream socket bound to the path; with a queue it listens. None where the path is taken.
+// A stream socket bound to the path; with a queue it listens. None if the path is taken.
 platform::ScopedFd bindSocket(const std::string& path, int queue = -1);
-// One attempt. The error number, 0 where it connected.
+// One attempt. The error number, 0 if it connected.
 int connectSocket(const std::string& path, platform::ScopedFd* socket, bool blocking = true);
-// True where no client waits to be accepted by a listening socket.
+// True if no client waits to be accepted by a listening socket.
 bool nobodyWaits(const platform::ScopedFd& listening);
 
-// Runs a function in a forked process and returns its result (0 to 255), -1 where it did not end
+// Runs a function in a forked process and returns its result (0 to 255), -1 if it did not end
 // by itself. The process leaves at once, as one that was killed: no destructor runs.
 int inProcess(const std::function<int()>& body);
 

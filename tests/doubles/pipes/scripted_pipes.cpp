@@ -13,7 +13,7 @@ namespace error = platform::error;
 
 void ScriptedPipes::fail(PipeCallKind kind, std::uint32_t error, unsigned from, unsigned count,
                          const std::string& name) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   failures_.push_back({kind, error, from, count, name});
 }
 
@@ -73,123 +73,105 @@ PipeHandleValue ScriptedPipes::handle(const std::string& name) const {
 
 bool ScriptedPipes::convertSecurityDescriptor(const std::string& sddl,
                                               platform::SecurityDescriptor* out) {
-  MutexLock lock(mutex_);
-  PipeCall call;
-  call.kind = PipeCallKind::kConvert;
+  PipeCall call(PipeCallKind::kConvert);
   call.text = sddl;
-  std::uint32_t error = error::kSuccess;
-  const std::size_t number = enter(std::move(call), &error);
-  if (error == error::kSuccess) *out = &descriptor_;
-  return leave(number, error);
+  return run(std::move(call), [&](MutexLock&, PipeCall&) {
+    *out = &descriptor_;
+    return error::kSuccess;
+  });
 }
 
 PipeHandleValue ScriptedPipes::create(const std::string& name,
                                       const platform::PipeArguments& arguments) {
-  MutexLock lock(mutex_);
-  PipeCall call;
-  call.kind = PipeCallKind::kCreate;
+  PipeCall call(PipeCallKind::kCreate, platform::invalidPipe());
   call.text = name;
   call.arguments = arguments;
-  std::uint32_t error = error::kSuccess;
-  const std::size_t number = enter(std::move(call), &error);
   PipeHandleValue handle = platform::invalidPipe();
-  if (error == error::kSuccess) {
-    handle = reinterpret_cast<PipeHandleValue>(nextHandle_++);
+  run(std::move(call), [&](MutexLock&, PipeCall& recorded) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    recorded.pipe = handle = reinterpret_cast<PipeHandleValue>(nextHandle_++);
     handles_[handle] = name;
-  }
-  calls_[number].pipe = handle;
-  leave(number, error);
+    return error::kSuccess;
+  });
   return handle;
 }
 
 bool ScriptedPipes::connect(PipeHandleValue pipe) {
-  MutexLock lock(mutex_);
-  PipeCall call;
-  call.kind = PipeCallKind::kConnect;
-  call.pipe = pipe;
-  std::uint32_t error = error::kSuccess;
-  const std::size_t number = enter(std::move(call), &error);
-  if (error == error::kSuccess && pipeOf(pipe).held) {
-    Pipe& state = pipeOf(pipe);
-    error = block(state, lock, [&] { return state.permits > 0; });
-    if (error == error::kSuccess) --state.permits;
-  }
-  return leave(number, error);
+  return run({PipeCallKind::kConnect, pipe},
+             [&](MutexLock& lock, PipeCall&) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+               Pipe& state = pipeOf(pipe);
+               if (!state.held) return error::kSuccess;
+               const std::uint32_t error = block(state, lock, [&] { return state.permits > 0; });
+               if (error == error::kSuccess) --state.permits;
+               return error;
+             });
 }
 
 bool ScriptedPipes::disconnect(PipeHandleValue pipe) {
-  return plainCall(PipeCallKind::kDisconnect, pipe);
+  return run({PipeCallKind::kDisconnect, pipe},
+             [&](MutexLock&, PipeCall&) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+               endWaits(pipeOf(pipe), error::kBrokenPipe);
+               return error::kSuccess;
+             });
 }
 
-bool ScriptedPipes::cancel(PipeHandleValue pipe) { return plainCall(PipeCallKind::kCancel, pipe); }
+bool ScriptedPipes::cancel(PipeHandleValue pipe) {
+  return run({PipeCallKind::kCancel, pipe}, [&](MutexLock&,
+                                                PipeCall&) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return endWaits(pipeOf(pipe), error::kOperationAborted) ? error::kSuccess : error::kNotFound;
+  });
+}
 
 bool ScriptedPipes::read(PipeHandleValue pipe, void* data, std::uint32_t size) {
-  MutexLock lock(mutex_);
-  PipeCall call;
-  call.kind = PipeCallKind::kRead;
-  call.pipe = pipe;
-  call.size = size;
-  std::uint32_t error = error::kSuccess;
-  const std::size_t number = enter(std::move(call), &error);
-  if (error == error::kSuccess) {
-    Pipe& state = pipeOf(pipe);
-    error = block(state, lock, [&] { return state.fed.size() >= size; });
-    if (error == error::kSuccess) {
-      const auto end = state.fed.begin() + size;
-      std::copy(state.fed.begin(), end, static_cast<std::uint8_t*>(data));
-      state.fed.erase(state.fed.begin(), end);
-    }
-  }
-  return leave(number, error);
+  return run({PipeCallKind::kRead, pipe, size}, [&](MutexLock& lock,
+                                                    PipeCall&) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    std::deque<std::uint8_t>& fed = pipeOf(pipe).fed;
+    const std::uint32_t error = block(pipeOf(pipe), lock, [&] { return fed.size() >= size; });
+    if (error != error::kSuccess) return error;
+    std::copy_n(fed.begin(), size, static_cast<std::uint8_t*>(data));
+    fed.erase(fed.begin(), fed.begin() + size);
+    return error::kSuccess;
+  });
 }
 
 bool ScriptedPipes::write(PipeHandleValue pipe, const void* data, std::uint32_t size) {
-  MutexLock lock(mutex_);
-  PipeCall call;
-  call.kind = PipeCallKind::kWrite;
-  call.pipe = pipe;
-  call.size = size;
+  PipeCall call(PipeCallKind::kWrite, pipe, size);
   const auto* bytes = static_cast<const std::uint8_t*>(data);
   call.data.assign(bytes, bytes + size);
-  std::uint32_t error = error::kSuccess;
-  const std::size_t number = enter(std::move(call), &error);
-  return leave(number, error);
+  return run(std::move(call), [](MutexLock&, PipeCall&) { return error::kSuccess; });
 }
 
-bool ScriptedPipes::flush(PipeHandleValue pipe) { return plainCall(PipeCallKind::kFlush, pipe); }
+bool ScriptedPipes::flush(PipeHandleValue pipe) {
+  return run({PipeCallKind::kFlush, pipe}, [](MutexLock&, PipeCall&) { return error::kSuccess; });
+}
 
-bool ScriptedPipes::close(PipeHandleValue pipe) { return plainCall(PipeCallKind::kClose, pipe); }
+bool ScriptedPipes::close(PipeHandleValue pipe) {
+  return run({PipeCallKind::kClose, pipe},
+             [&](MutexLock&, PipeCall&) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+               endWaits(pipeOf(pipe), error::kBrokenPipe);
+               handles_.erase(pipe);
+               return error::kSuccess;
+             });
+}
 
-bool ScriptedPipes::plainCall(PipeCallKind kind, PipeHandleValue pipe) {
+template <typename Body>
+bool ScriptedPipes::run(PipeCall call, Body body) {
   MutexLock lock(mutex_);
-  PipeCall call;
-  call.kind = kind;
-  call.pipe = pipe;
   std::uint32_t error = error::kSuccess;
-  const std::size_t number = enter(std::move(call), &error);
-  if (error == error::kSuccess) {
-    Pipe& state = pipeOf(pipe);
-    if (kind == PipeCallKind::kCancel) {
-      if (!endWaits(state, error::kOperationAborted)) error = error::kNotFound;
-    } else if (kind == PipeCallKind::kDisconnect || kind == PipeCallKind::kClose) {
-      endWaits(state, error::kBrokenPipe);
-    }
-    if (kind == PipeCallKind::kClose) handles_.erase(pipe);
-  }
-  return leave(number, error);
-}
-
-std::size_t ScriptedPipes::enter(PipeCall call, std::uint32_t* error) {
   if (call.kind != PipeCallKind::kConvert && call.kind != PipeCallKind::kCreate) {
     const auto found = handles_.find(call.pipe);
-    if (found == handles_.end()) *error = error::kInvalidHandle;
+    if (found == handles_.end()) error = error::kInvalidHandle;
     if (found != handles_.end()) call.text = found->second;
   }
   call.error = PipeCall::kRunning;
+  const std::size_t number = calls_.size();
   calls_.push_back(std::move(call));
-  if (const std::uint32_t scripted = scriptedError(calls_.back())) *error = scripted;
+  if (const std::uint32_t scripted = scriptedError(calls_.back())) error = scripted;
   changed_.notifyAll();
-  return calls_.size() - 1;
+  if (error == error::kSuccess) error = body(lock, calls_[number]);
+  calls_[number].error = error;
+  if (error != error::kSuccess) platform::setLastError(error);
+  changed_.notifyAll();
+  return error == error::kSuccess;
 }
 
 // The call has been recorded.
@@ -202,13 +184,6 @@ std::uint32_t ScriptedPipes::scriptedError(const PipeCall& call) {
     if (number >= failure.from && number - failure.from < failure.count) return failure.error;
   }
   return error::kSuccess;
-}
-
-bool ScriptedPipes::leave(std::size_t number, std::uint32_t error) {
-  calls_[number].error = error;
-  if (error != error::kSuccess) platform::setLastError(error);
-  changed_.notifyAll();
-  return error == error::kSuccess;
 }
 
 template <typename Ready>

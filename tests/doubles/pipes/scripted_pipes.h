@@ -1,5 +1,5 @@
 // Pipes that record every call and do as they are told: each call succeeds unless it was told to
-// fail; a cancel fails with 1168 where nothing is blocked, a call with an unknown handle with 6.
+// fail; a cancel fails with 1168 if nothing is blocked, a call with an unknown handle with 6.
 // There is no client; what it would have written is fed by the test.
 //
 // Any thread may call. A read without enough bytes, and a connect that is held, block until they
@@ -32,12 +32,15 @@ enum class PipeCallKind {
 };
 
 struct PipeCall {
-  PipeCallKind kind = PipeCallKind::kConvert;
-  std::string text;                          // Convert: the SDDL; else the pipe's name
-  platform::PipeHandleValue pipe = nullptr;  // Create: the result
-  platform::PipeArguments arguments;         // Create
-  std::uint32_t size = 0;                    // Read, Write: bytes asked for
-  std::vector<std::uint8_t> data;            // Write
+  PipeCall(PipeCallKind which, platform::PipeHandleValue handle = nullptr, std::uint32_t bytes = 0)
+      : kind(which), pipe(handle), size(bytes) {}
+
+  PipeCallKind kind;
+  std::string text;                   // Convert: the SDDL; else the pipe's name
+  platform::PipeHandleValue pipe;     // Create: the result
+  platform::PipeArguments arguments;  // Create
+  std::uint32_t size;                 // Read, Write: bytes asked for
+  std::vector<std::uint8_t> data;     // Write
   // What the call ended with. A call is recorded when it is entered; until it returns this is
   // `kRunning`.
   std::uint32_t error = 0;
@@ -69,7 +72,7 @@ class ScriptedPipes final : public platform::PipeApi {
   bool waitForCalls(PipeCallKind kind, std::size_t count);
   // Waits until a read or connect is blocked on the pipe.
   bool waitUntilBlocked(const std::string& name);
-  // Null where the name has not been created.
+  // Null if the name has not been created.
   platform::PipeHandleValue handle(const std::string& name) const;
   // What every conversion gives.
   platform::SecurityDescriptor descriptor() { return &descriptor_; }
@@ -104,15 +107,14 @@ class ScriptedPipes final : public platform::PipeApi {
     std::string name;
   };
 
-  // Records the call; its number, and the error it was told to fail with (6 for a bad handle).
-  std::size_t enter(PipeCall call, std::uint32_t* error) ZELTA_REQUIRES(mutex_);
+  // Records the call and makes it: `body` returns its error, unless it was told to fail (or the
+  // handle is bad: 6).
+  template <typename Body>
+  bool run(PipeCall call, Body body) ZELTA_EXCLUDES(mutex_);
   std::uint32_t scriptedError(const PipeCall& call) ZELTA_REQUIRES(mutex_);
-  bool leave(std::size_t number, std::uint32_t error) ZELTA_REQUIRES(mutex_);
-  // A call on a pipe that does not block.
-  bool plainCall(PipeCallKind kind, platform::PipeHandleValue pipe);
   template <typename Ready>
   std::uint32_t block(Pipe& pipe, platform::MutexLock& lock, Ready ready) ZELTA_REQUIRES(mutex_);
-  // True where something was blocked.
+  // True if something was blocked.
   bool endWaits(Pipe& pipe, std::uint32_t error) ZELTA_REQUIRES(mutex_);
   Pipe& pipeOf(platform::PipeHandleValue pipe) ZELTA_REQUIRES(mutex_);
   static bool matches(const PipeCall& call, PipeCallKind kind, const std::string& name);

@@ -90,20 +90,20 @@ void SerialisingPipes::bufferWrites(std::uint32_t bytes) {
   leastOutBuffer_ = bytes;
 }
 
-bool SerialisingPipes::waitUntilQueued(PipeHandleValue pipe, std::size_t behind) {
-  return waitUntilQueuedOn([=]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return find(pipe); }, behind);
+bool SerialisingPipes::waitUntilQueued(PipeHandleValue pipe, std::size_t waiting) {
+  return waitUntilQueuedOn([=]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return find(pipe); }, waiting);
 }
 
-bool SerialisingPipes::waitUntilQueued(const std::string& name, std::size_t behind) {
-  return waitUntilQueuedOn([&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return named(name); }, behind);
+bool SerialisingPipes::waitUntilQueued(const std::string& name, std::size_t waiting) {
+  return waitUntilQueuedOn([&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return named(name); }, waiting);
 }
 
 template <typename Find>
-bool SerialisingPipes::waitUntilQueuedOn(Find find, std::size_t behind) {
+bool SerialisingPipes::waitUntilQueuedOn(Find find, std::size_t waiting) {
   MutexLock lock(mutex_);
   return changed_.waitFor(lock, kLimit, [&] {
     const SharedPipe found = find();
-    return found != nullptr && found->blocked && found->turns.size() == behind + 1;
+    return found != nullptr && found->blocked && found->turns.size() == waiting + 1;
   });
 }
 

@@ -1,8 +1,8 @@
 // Pipes in memory whose handles behave like synchronous handles on Windows: a handle serves one
 // operation at a time, in the order of arrival, and disconnect, flush, write and close from another
-// thread wait behind a read or connect that is blocked. Only cancel does not wait, and it reaches
-// only the operation that is being served, not those behind it. A way of stopping that would hang
-// on Windows therefore hangs on these pipes, too; `waitUntilQueued` shows it to a test.
+// thread wait until a blocked read or connect has ended. Only cancel does not wait, and it reaches
+// only the operation that is being served, not those that wait for their turn. A way of stopping
+// that would hang on Windows therefore hangs on these pipes, too; `waitUntilQueued` shows it.
 //
 //     no client yet            read, write, flush 536
 //     after a disconnect       read, write, flush, disconnect 233; clients are turned away until
@@ -13,9 +13,9 @@
 //     client there already     connect 535
 //     nothing to cancel        cancel 1168
 //
-// In two ways they differ from Windows: a name in use is refused with 5, there with 231 where it
-// has one instance; and a read waits for all its bytes, where Windows' returns with those that are
-// there.
+// They differ from Windows in two ways. A name in use is refused with ERROR_ACCESS_DENIED (5), on
+// Windows with ERROR_PIPE_BUSY (231) if it has one instance. And a read waits for all its bytes; on
+// Windows it returns with those that are there.
 //
 // With a buffer size of 0 a write returns once the client has read it. Clients write into a buffer
 // without limit, as no client of a test should have to run on a thread of its own.
@@ -44,12 +44,12 @@ class SerialisingPipes final : public platform::PipeApi {
   using Client = std::uint32_t;
   static constexpr Client kNoClient = 0;
 
-  // The client's side. Opening fails where the pipe does not exist (last error 2), has a client
+  // The client's side. Opening fails if the pipe does not exist (last error 2), has a client
   // or was disconnected and is not being connected (231).
   Client connectClient(const std::string& name);
-  // False where the server has dropped the client.
+  // False if the server has dropped the client.
   bool clientWrite(Client client, const std::vector<std::uint8_t>& bytes);
-  // Waits for `size` bytes; fewer where the client was dropped.
+  // Waits for `size` bytes; fewer if the client was dropped.
   std::vector<std::uint8_t> clientRead(Client client, std::size_t size);
   // Waits until the server has dropped the client.
   bool waitForDrop(Client client);
@@ -59,10 +59,10 @@ class SerialisingPipes final : public platform::PipeApi {
   // for the client to read them: it is the flush that waits then.
   void bufferWrites(std::uint32_t bytes);
 
-  // Waits until an operation is blocked on the pipe, and `behind` others wait for their turn.
-  bool waitUntilQueued(platform::PipeHandleValue pipe, std::size_t behind = 0);
-  // The same for the pipe of that name, also where it is not created yet.
-  bool waitUntilQueued(const std::string& name, std::size_t behind = 0);
+  // Waits until an operation is blocked on the pipe, and `waiting` others wait for their turn.
+  bool waitUntilQueued(platform::PipeHandleValue pipe, std::size_t waiting = 0);
+  // The same for the pipe of that name, even if it is not created yet.
+  bool waitUntilQueued(const std::string& name, std::size_t waiting = 0);
 
   // Fails for an empty text; the entries are not looked at.
   bool convertSecurityDescriptor(const std::string& sddl,
@@ -97,7 +97,7 @@ class SerialisingPipes final : public platform::PipeApi {
   SharedPipe named(const std::string& name) ZELTA_REQUIRES(mutex_);
   SharedPipe pipeOf(Client client) ZELTA_REQUIRES(mutex_);
   template <typename Find>
-  bool waitUntilQueuedOn(Find find, std::size_t behind);
+  bool waitUntilQueuedOn(Find find, std::size_t waiting);
   template <typename Body>
   bool serve(platform::PipeHandleValue pipe, Body body);
   template <typename Ready>

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "platform/registry/registry.h"
-#include "platform/registry/registry_content.h"
+#include "platform/registry/registry_file.h"
 #include "platform/sync/event.h"
 #include "platform/sync/sync.h"
 
@@ -69,7 +69,7 @@ class FakeRegistry final : public platform::RegistryApi {
   static constexpr std::size_t kCalls = 5;
 
   CallState& stateOf(Call call) ZELTA_REQUIRES(mutex_);
-  // Counts the call; non-zero where it is to fail.
+  // Counts the call; non-zero if it is to fail.
   std::uint32_t enter(Call call) ZELTA_REQUIRES(mutex_);
   OpenKey* find(platform::RegistryKey key) ZELTA_REQUIRES(mutex_);
   // Tells the keys below which something is now other than in `before`.

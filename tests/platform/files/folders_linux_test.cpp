@@ -1,10 +1,31 @@
-// Where the folders of this system come from, and what they promise beyond the others'.
+// The origin of this system's folders, and what they promise beyond the others'.
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <string>
 
-#include "tests/platform/files/folders_conformance.h"
+#include "tests/platform/files/folders_test.h"
+
+namespace zelta::test {
+namespace {
+
+class SystemFoldersWorld final : public FoldersWorld {
+ public:
+  platform::FolderApi& api() override { return platform::systemFolders(); }
+
+ private:
+  const ScopedVariable programDataVariable_{"ZELTA_PROGRAM_DATA", programData().string()};
+  const ScopedVariable temporaryVariable_{"TMPDIR", temporary().string()};
+  const ScopedCurrentPath current_{current()};
+};
+
+}  // namespace
+
+std::unique_ptr<FoldersWorld> makeSystemFoldersWorld() {
+  return std::make_unique<SystemFoldersWorld>();
+}
+
+}  // namespace zelta::test
 
 namespace zelta::platform {
 namespace {
@@ -29,7 +50,7 @@ std::u16string tempPath() {
   return {buffer, length};
 }
 
-TEST(FoldersLinux, ProgramDataIsTheVariablesFolderWithoutATrailingSlash) {
+TEST(FoldersLinux, ProgramData_IsTheVariablesFolderOrTheDefault) {
   const std::pair<std::string, std::u16string> cases[] = {
       {"", u"/var/log"},
       {"/srv/data", u"/srv/data"},
@@ -47,7 +68,7 @@ TEST(FoldersLinux, ProgramDataIsTheVariablesFolderWithoutATrailingSlash) {
   }
 }
 
-TEST(FoldersLinux, TheTemporaryPathEndsInOneSlash) {
+TEST(FoldersLinux, TemporaryPath_EndsInOneSlash) {
   const std::pair<std::string, std::u16string> cases[] = {
       {"", u"/tmp/"},
       {"/var/tmp", u"/var/tmp/"},
@@ -61,14 +82,14 @@ TEST(FoldersLinux, TheTemporaryPathEndsInOneSlash) {
   }
 }
 
-TEST(FoldersLinux, ABufferTooSmallIsLeftAsItIs) {
+TEST(FoldersLinux, BufferTooSmall_IsLeftAsItIs) {
   const ScopedVariable variable("TMPDIR", "/abc");
   char16_t buffer[8] = {u'x'};
   EXPECT_EQ(systemFolders().tempPath(buffer, 5), 6U);
   EXPECT_EQ(buffer[0], u'x');
 }
 
-TEST(FoldersLinux, ACurrentDirectoryThatWasRemovedIsNone) {
+TEST(FoldersLinux, CurrentDirectoryThatWasRemoved_IsNone) {
   const test::TempFolder folder;
   const test::ScopedCurrentPath inside(folder.path());
   std::filesystem::remove(folder.path());

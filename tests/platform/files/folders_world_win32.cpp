@@ -1,6 +1,6 @@
 #include <windows.h>
 // windows.h comes first
-#include "tests/platform/files/folders_conformance.h"
+#include "tests/platform/files/folders_test.h"
 
 namespace zelta::test {
 
@@ -8,7 +8,7 @@ namespace {
 
 constexpr DWORD kCapacity = 261;
 
-// Sets the variable that the temporary path is taken from; the C library's own copy would not do.
+// Sets the variable that the temporary path is taken from; the C library sets only its own copy.
 class ScopedTemporaryPath {
  public:
   explicit ScopedTemporaryPath(const std::filesystem::path& path) {

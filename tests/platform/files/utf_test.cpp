@@ -9,20 +9,11 @@ namespace {
 
 using namespace std::string_literals;
 
-TEST(Utf, EmptyTextsStayEmpty) {
-  EXPECT_EQ(utf16FromUtf8(""), u"");
-  EXPECT_EQ(utf8FromUtf16(u""), "");
-}
-
-TEST(Utf, EveryLengthOfSequenceConvertsBothWays) {
-  const std::string utf8 = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z";
-  const std::u16string utf16 = u"a\u00E9\u20AC\U0001F600z";
-  EXPECT_EQ(utf16FromUtf8(utf8), utf16);
-  EXPECT_EQ(utf8FromUtf16(utf16), utf8);
-}
-
-TEST(Utf, BoundariesOfEveryLengthConvertBothWays) {
+TEST(Utf, EveryLengthAndItsBoundaries_ConvertBothWays) {
   const std::pair<std::string, std::u16string> boundaries[] = {
+      {"", u""},
+      {"a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z", u"a\u00E9\u20AC\U0001F600z"},
+      {"\xEF\xBB\xBF", u"\uFEFF"},  // a byte order mark is passed through
       {"\0"s, u"\0"s},
       {"\x7F", u"\u007F"},
       {"\xC2\x80", u"\u0080"},
@@ -40,12 +31,7 @@ TEST(Utf, BoundariesOfEveryLengthConvertBothWays) {
   }
 }
 
-TEST(Utf, ByteOrderMarkIsPassedThrough) {
-  EXPECT_EQ(utf16FromUtf8("\xEF\xBB\xBF"), u"\uFEFF");
-  EXPECT_EQ(utf8FromUtf16(u"\uFEFF"), "\xEF\xBB\xBF");
-}
-
-TEST(Utf, EachMaximalPartOfABrokenSequenceIsReplacedOnce) {
+TEST(Utf, EachMaximalPartOfABrokenSequence_IsReplacedOnce) {
   const std::pair<std::string, std::u16string> broken[] = {
       {"\x80", u"\uFFFD"},                      // continuation without a lead
       {"\xBF\xBF", u"\uFFFD\uFFFD"},            // two of them
@@ -67,7 +53,7 @@ TEST(Utf, EachMaximalPartOfABrokenSequenceIsReplacedOnce) {
   for (const auto& [utf8, utf16] : broken) EXPECT_EQ(utf16FromUtf8(utf8), utf16);
 }
 
-TEST(Utf, EachLoneSurrogateIsReplaced) {
+TEST(Utf, EachLoneSurrogate_IsReplaced) {
   const std::string replacement = "\xEF\xBF\xBD";
   const char16_t high = 0xD83D;
   const char16_t low = 0xDE00;
@@ -78,7 +64,7 @@ TEST(Utf, EachLoneSurrogateIsReplaced) {
   EXPECT_EQ(utf8FromUtf16(std::u16string{high, high, low}), replacement + "\xF0\x9F\x98\x80");
 }
 
-TEST(Utf, EveryCodePointSurvivesTheWayThereAndBack) {
+TEST(Utf, EveryCodePoint_SurvivesTheWayThereAndBack) {
   for (char32_t point = 1; point <= 0x10FFFF; ++point) {
     if (point >= 0xD800 && point <= 0xDFFF) continue;
     std::u16string utf16;

@@ -27,57 +27,46 @@ PipeAccess accessOf(const std::string& sddl, std::optional<gid_t> service = kSer
   return PipeAccess(entries, {kSelf, service, kNobody});
 }
 
-TEST(PipeAccessTest, AgentsDescriptorAdmitsRootTheOwnUserAndTheServiceGroup) {
-  const PipeAccess access = accessOf(kAgentsOnly);
-  EXPECT_TRUE(access.admits({0, {}}));
-  EXPECT_TRUE(access.admits({kSelf, {}}));
-  EXPECT_TRUE(access.admits({kOther, {kService}}));
-  EXPECT_TRUE(access.admits({kOther, {kOtherGroup, kService}}));
-  EXPECT_FALSE(access.admits({kOther, {}}));
-  EXPECT_FALSE(access.admits({kOther, {kOtherGroup, 0}}));
+const PeerIdentity kRootUser{0, {}};
+const PeerIdentity kOwnUser{kSelf, {}};
+const PeerIdentity kMember{kOther, {kOtherGroup, kService}};
+const PeerIdentity kStranger{kOther, {kOtherGroup, 0}};
+const PeerIdentity kNobodyInTheGroup{kNobody, {kService}};
+
+// Who is admitted, one letter each: R root, S the own user, M a member of the service's group, X a
+// stranger, N nobody (who is in that group).
+std::string admittedBy(const PipeAccess& access) {
+  std::string admitted;
+  if (access.admits(kRootUser)) admitted += 'R';
+  if (access.admits(kOwnUser)) admitted += 'S';
+  if (access.admits(kMember)) admitted += 'M';
+  if (access.admits(kStranger)) admitted += 'X';
+  if (access.admits(kNobodyInTheGroup)) admitted += 'N';
+  return admitted;
 }
 
-TEST(PipeAccessTest, NobodyIsDeniedEvenInTheServiceGroup) {
-  const PipeAccess access = accessOf(kAgentsOnly);
-  EXPECT_FALSE(access.admits({kNobody, {}}));
-  EXPECT_FALSE(access.admits({kNobody, {kService}}));
+TEST(PipeAccessTest, Entries_AreHonouredInTheirOrder) {
+  const std::pair<const char*, const char*> cases[] = {
+      {kAgentsOnly, "RSM"},
+      {"D:", ""},
+      {"D:(A;;GA;;;WD)", "RSMXN"},
+      {"D:(A;;GA;;;OW)", "S"},
+      {"D:(A;;GA;;;LS)", "SMN"},
+      {"D:(A;;GA;;;BA)", "R"},
+      {"D:(D;;GA;;;SY)(A;;GA;;;SY)", ""},
+      {"D:(A;;GA;;;SY)(D;;GA;;;SY)", "R"},
+      // Reading and writing must both be granted.
+      {"D:(A;;GR;;;SY)", ""},
+      {"D:(A;;GR;;;SY)(A;;GW;;;WD)", "R"},
+      {"D:(A;;GR;;;SY)(D;;GW;;;SY)(A;;GA;;;SY)", ""},
+      {"D:(A;;GR;;;SY)(D;;GR;;;SY)(A;;GW;;;SY)", "R"},
+  };
+  for (const auto& [sddl, admitted] : cases)
+    EXPECT_EQ(admittedBy(accessOf(sddl)), admitted) << sddl;
+  EXPECT_EQ(admittedBy(accessOf(kAgentsOnly, std::nullopt)), "RS") << "without the group";
 }
 
-TEST(PipeAccessTest, WithoutTheServiceGroupLocalServiceIsTheOwnUserAlone) {
-  const PipeAccess access = accessOf(kAgentsOnly, std::nullopt);
-  EXPECT_TRUE(access.admits({kSelf, {}}));
-  EXPECT_FALSE(access.admits({kOther, {kService}}));
-}
-
-TEST(PipeAccessTest, EntriesAreHonouredInTheirOrder) {
-  EXPECT_FALSE(accessOf("D:(D;;GA;;;SY)(A;;GA;;;SY)").admits({0, {}}));
-  EXPECT_TRUE(accessOf("D:(A;;GA;;;SY)(D;;GA;;;SY)").admits({0, {}}));
-  EXPECT_FALSE(accessOf("D:(A;;GR;;;SY)(D;;GW;;;SY)(A;;GA;;;SY)").admits({0, {}}));
-  EXPECT_TRUE(accessOf("D:(A;;GR;;;SY)(D;;GR;;;SY)(A;;GW;;;SY)").admits({0, {}}));
-}
-
-TEST(PipeAccessTest, ReadingAndWritingMustBothBeGranted) {
-  EXPECT_FALSE(accessOf("D:(A;;GR;;;SY)").admits({0, {}}));
-  EXPECT_TRUE(accessOf("D:(A;;GR;;;SY)(A;;GW;;;WD)").admits({0, {}}));
-}
-
-TEST(PipeAccessTest, EmptyListAdmitsNobody) {
-  EXPECT_FALSE(accessOf("D:").admits({0, {}}));
-  EXPECT_FALSE(accessOf("D:").admits({kSelf, {kService}}));
-}
-
-TEST(PipeAccessTest, RootIsNotAdmittedWhereTheSystemIsNot) {
-  EXPECT_FALSE(accessOf("D:(A;;GA;;;LS)").admits({0, {}}));
-  EXPECT_TRUE(accessOf("D:(A;;GA;;;BA)").admits({0, {}}));
-}
-
-TEST(PipeAccessTest, OwnerIsTheOwnUserOnly) {
-  const PipeAccess access = accessOf("D:(A;;GA;;;OW)");
-  EXPECT_TRUE(access.admits({kSelf, {}}));
-  EXPECT_FALSE(access.admits({kOther, {kService}}));
-}
-
-TEST(PipeAccessTest, ModesLetInNobodyElse) {
+TEST(PipeAccessTest, Modes_LetInNobodyElse) {
   const PipeAccess group = accessOf(kAgentsOnly);
   EXPECT_EQ(group.socketMode(), 0660U);
   EXPECT_EQ(group.folderMode(), 0750U);
@@ -95,7 +84,7 @@ TEST(PipeAccessTest, ModesLetInNobodyElse) {
   EXPECT_EQ(everyone.folderMode(), 0755U);
 }
 
-TEST(PipeAccessTest, PeerIdentityIsWhatTheKernelRecorded) {
+TEST(PipeAccessTest, PeerIdentity_IsWhatTheKernelRecorded) {
   int ends[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
   const ScopedFd first(ends[0]);
@@ -106,12 +95,12 @@ TEST(PipeAccessTest, PeerIdentityIsWhatTheKernelRecorded) {
   EXPECT_NE(std::find(peer.groups.begin(), peer.groups.end(), getegid()), peer.groups.end());
 }
 
-TEST(PipeAccessTest, DescriptorThatIsNoSocketHasNoIdentity) {
+TEST(PipeAccessTest, DescriptorThatIsNoSocket_HasNoIdentity) {
   PeerIdentity peer;
   EXPECT_FALSE(peerIdentity(-1, &peer));
 }
 
-TEST(PipeAccessTest, SystemAccountsAreThisProcesss) {
+TEST(PipeAccessTest, SystemAccounts_AreThisProcesss) {
   EXPECT_EQ(systemPipeAccounts().self, geteuid());
   EXPECT_NE(systemPipeAccounts().nobody, 0U);
 }

@@ -1,6 +1,4 @@
-#include "tests/platform/pipe/pipe_worlds.h"
-
-#include "platform/process/error.h"
+#include "tests/platform/pipe/pipe_conformance.h"
 #include "tests/support/pipe_client.h"
 #include "tests/support/temp_folder.h"
 
@@ -21,13 +19,6 @@ class SystemWorld final : public PipeWorld {
   void waitUntilBlocked(platform::PipeHandleValue, PipeCallThread& call) override {
     call.waitUntilBlocked();
   }
-
-  bool listensAfterDisconnect() const override { return true; }
-  bool servesBeforeConnect() const override { return false; }
-  std::uint32_t errorAfterDisconnect() const override { return platform::error::kPipeListening; }
-  bool secondDisconnectFails() const override { return false; }
-  bool writeWaitsForReader() const override { return false; }
-  bool disconnectWaits() const override { return false; }
 
  private:
   struct SystemClient final : public Client {

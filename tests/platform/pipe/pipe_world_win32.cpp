@@ -2,16 +2,13 @@
 // windows.h comes first
 #include <list>
 
-#include "platform/process/error.h"
-#include "tests/platform/pipe/pipe_worlds.h"
+#include "tests/platform/pipe/pipe_conformance.h"
 #include "tests/support/pipe_client.h"
 #include "tests/support/system.h"
 
 namespace zelta::test {
 
 namespace {
-
-namespace error = platform::error;
 
 // A client whose writes stand until the pipe's end reads them or the client leaves.
 class SystemClient final : public PipeWorld::Client {
@@ -66,7 +63,7 @@ class SystemClient final : public PipeWorld::Client {
     OVERLAPPED overlapped{};
   };
 
-  // Waits for at most `PipeClient::kLimit`; the bytes are as many as came then.
+  // Waits for at most `PipeClient::kLimit`; gives the bytes that have come by then.
   bool readPart(Operation& part) {
     if (!ReadFile(pipe_, part.bytes.data(), static_cast<DWORD>(part.bytes.size()), nullptr,
                   &part.overlapped) &&
@@ -95,6 +92,29 @@ class SystemClient final : public PipeWorld::Client {
 // there is nothing, and does not disconnect a pipe that no client has opened.
 class SystemWorld final : public PipeWorld {
  public:
+  SystemWorld() {
+    const bool wine = underWine();
+    differences.listensAfterDisconnect = kPipesListenAfterDisconnect;
+    differences.servesBeforeConnect = true;
+    differences.readReturnsWhatIsThere = !kReadsWaitForAllBytes;
+    differences.leavingClientTakesItsBytes = true;
+    differences.writeWaitsForReader = !kPipesKeepBytes;
+    differences.disconnectWaits = !wine;
+    differences.refusesEmptyDescriptor = false;
+    // If one instance is the limit, that counts before the first-instance flag does.
+    differences.nameInUse = kPipeNameInUse;
+    differences.transferAfterDisconnect = error::kPipeNotConnected;
+    differences.readThatDisconnectEnds = error::kPipeNotConnected;
+    // The value is the number of the process itself, too.
+    differences.cancelOfInvalidPipe = wine ? kPipeOk : pipeError(error::kInvalidHandle);
+    differences.closeOfInvalidPipe = kPipeOk;
+    differences.cancelOfNothing = wine ? kPipeOk : pipeError(error::kNotFound);
+    differences.flushWithoutClient = wine ? kPipeOk : pipeError(error::kPipeListening);
+    differences.flushAfterDisconnect = wine ? kPipeOk : pipeError(error::kPipeNotConnected);
+    differences.disconnectWithoutClient = wine ? pipeError(error::kPipeListening) : kPipeOk;
+    differences.secondDisconnect = pipeError(error::kPipeNotConnected);
+  }
+
   platform::PipeApi& pipes() override { return platform::systemPipes(); }
 
   std::unique_ptr<Client> connect(const std::string& name) override {
@@ -107,39 +127,6 @@ class SystemWorld final : public PipeWorld {
   void waitUntilBlocked(platform::PipeHandleValue, PipeCallThread& call) override {
     call.waitUntilBlocked();
   }
-
-  bool listensAfterDisconnect() const override { return kPipesListenAfterDisconnect; }
-  bool servesBeforeConnect() const override { return true; }
-  std::uint32_t errorAfterDisconnect() const override { return error::kPipeNotConnected; }
-  // Where one instance is the limit, before the first-instance flag counts.
-  std::uint32_t errorOfNameInUse() const override { return kPipeNameInUse; }
-  bool refusesEmptyDescriptor() const override { return false; }
-  // It is the number of the process itself, too.
-  PipeOutcome cancelOfInvalidPipe() const override {
-    return wine_ ? kPipeOk : pipeError(error::kInvalidHandle);
-  }
-  PipeOutcome closeOfInvalidPipe() const override { return kPipeOk; }
-  PipeOutcome flushWithoutClient() const override {
-    return wine_ ? kPipeOk : pipeError(error::kPipeListening);
-  }
-  PipeOutcome flushAfterDisconnect() const override {
-    return wine_ ? kPipeOk : pipeError(error::kPipeNotConnected);
-  }
-  PipeOutcome cancelOfNothing() const override {
-    return wine_ ? kPipeOk : pipeError(error::kNotFound);
-  }
-  PipeOutcome disconnectWithoutClient() const override {
-    return wine_ ? pipeError(error::kPipeListening) : kPipeOk;
-  }
-  bool readReturnsWhatIsThere() const override { return !kReadsWaitForAllBytes; }
-  bool leavingClientTakesItsBytes() const override { return true; }
-  bool secondDisconnectFails() const override { return true; }
-  bool writeWaitsForReader() const override { return !kPipesKeepBytes; }
-  bool disconnectWaits() const override { return !wine_; }
-  std::uint32_t errorOfDroppedRead() const override { return error::kPipeNotConnected; }
-
- private:
-  const bool wine_ = underWine();
 };
 
 }  // namespace

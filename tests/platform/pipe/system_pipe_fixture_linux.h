@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -24,15 +23,7 @@ using platform::PipeHandleValue;
 inline constexpr char kPipeName[] = "\\\\.\\pipe\\Prefix\\Service\\pipe0";
 inline constexpr char kPipeSddl[] =
     "D:(D;OICI;GA;;;BG)(D;OICI;GA;;;AN)(A;OICI;GA;;;LS)(A;OICI;GA;;;SY)";
-
-inline std::size_t openDescriptors() {
-  std::size_t count = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    static_cast<void>(entry);
-    ++count;
-  }
-  return count;
-}
+inline constexpr std::uint32_t kLargerThanSocket = 4 * 1024 * 1024;  // bytes
 
 class SystemPipeTest : public testing::Test {
  protected:
@@ -51,6 +42,10 @@ class SystemPipeTest : public testing::Test {
     pipe_ = create();
     ASSERT_NE(pipe_, platform::invalidPipe()) << platform::lastError();
   }
+  void closePipe() {
+    EXPECT_TRUE(pipes_.close(pipe_));
+    pipe_ = platform::noPipe();
+  }
   // Fails the test unless creation fails with the error.
   void expectRefused(std::uint32_t error, const std::string& name = kPipeName) {
     EXPECT_EQ(create(name), platform::invalidPipe());
@@ -61,21 +56,29 @@ class SystemPipeTest : public testing::Test {
   PipeClient connected() {
     PipeClient client;
     EXPECT_TRUE(client.connect(kPipeName)) << client.error();
-    EXPECT_EQ(connectPipe(), pipeError(error::kPipeConnected));
+    EXPECT_EQ(outcomeOf(connect_), pipeError(error::kPipeConnected));
     return client;
   }
-
-  PipeOutcome connectPipe() {
-    return outcomeOf([this] { return pipes_.connect(pipe_); });
+  // Whether the pipe takes a new client while `connecting` waits for it, and reads from it.
+  void expectServed(PipeCallThread& connecting) {
+    PipeClient client;
+    ASSERT_TRUE(client.connectWhenListening(kPipeName));
+    const std::uint32_t outcome = connecting.outcome().error;
+    EXPECT_TRUE(outcome == error::kSuccess || outcome == error::kPipeConnected) << outcome;
+    expectRead(client);
   }
+  void expectRead(PipeClient& client) {
+    ASSERT_TRUE(client.write({0x5A}));
+    Bytes byte(1);
+    EXPECT_EQ(read(&byte), kPipeOk);
+    EXPECT_EQ(byte, Bytes{0x5A});
+  }
+
   PipeOutcome disconnect() {
     return outcomeOf([this] { return pipes_.disconnect(pipe_); });
   }
   PipeOutcome cancel() {
     return outcomeOf([this] { return pipes_.cancel(pipe_); });
-  }
-  PipeOutcome flush() {
-    return outcomeOf([this] { return pipes_.flush(pipe_); });
   }
   PipeOutcome read(Bytes* bytes) {
     return outcomeOf([&] {
@@ -87,17 +90,24 @@ class SystemPipeTest : public testing::Test {
       return pipes_.write(pipe_, bytes.data(), static_cast<std::uint32_t>(bytes.size()));
     });
   }
-  bool readByte() {
-    std::uint8_t byte = 0;
-    return pipes_.read(pipe_, &byte, 1);
-  }
-
+  PipeOutcome flush() { return outcomeOf(flush_); }
   std::string path(const std::string& name = kPipeName) { return platform::pipeSocketPath(name); }
 
   platform::PipeApi& pipes_ = platform::systemPipes();
   TempFolder folder_;
   ScopedVariable root_{"ZELTA_PIPE_ROOT", folder_.file("root/pipe")};
   PipeHandleValue pipe_ = platform::noPipe();
+
+  // Calls that can block, for threads of their own.
+  const std::function<bool()> connect_ = [this] { return pipes_.connect(pipe_); };
+  const std::function<bool()> readByte_ = [this] {
+    std::uint8_t byte = 0;
+    return pipes_.read(pipe_, &byte, 1);
+  };
+  const std::function<bool()> writeLarge_ = [this, large = Bytes(kLargerThanSocket)] {
+    return pipes_.write(pipe_, large.data(), kLargerThanSocket);
+  };
+  const std::function<bool()> flush_ = [this] { return pipes_.flush(pipe_); };
 };
 
 }  // namespace zelta::test

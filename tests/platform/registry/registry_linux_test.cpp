@@ -4,11 +4,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -22,8 +20,8 @@
 
 #include "platform/files/scoped_fd_linux.h"
 #include "platform/process/error.h"
-#include "tests/platform/process_resources.h"
-#include "tests/support/scarce_memory.h"
+#include "tests/platform/descriptor_shortage_linux.h"
+#include "tests/support/process_state.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::platform {
@@ -42,24 +40,13 @@ void write(const fs::path& path, const std::string& text) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
-// No descriptor is left to the process while this is there.
-class DescriptorShortage {
- public:
-  DescriptorShortage() {
-    getrlimit(RLIMIT_NOFILE, &before_);
-    const rlimit few{std::min<rlim_t>(before_.rlim_cur, 256), before_.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &few);
-    while (ScopedFd one{::open("/dev/null", O_RDONLY | O_CLOEXEC)}) all_.push_back(std::move(one));
+struct Resources {
+  std::size_t threads = test::threadCount();
+  std::size_t files = test::openFiles().size();
+
+  friend bool operator==(const Resources& a, const Resources& b) {
+    return a.threads == b.threads && a.files == b.files;
   }
-  ~DescriptorShortage() { setrlimit(RLIMIT_NOFILE, &before_); }
-  DescriptorShortage(const DescriptorShortage&) = delete;
-  DescriptorShortage& operator=(const DescriptorShortage&) = delete;
-
-  void release(std::size_t count) { all_.resize(all_.size() - count); }
-
- private:
-  rlimit before_{};
-  std::vector<ScopedFd> all_;
 };
 
 class RegistryLinux : public testing::Test {
@@ -87,7 +74,7 @@ class RegistryLinux : public testing::Test {
     return quiet;
   }
 
-  // The key A's value x, or the error.
+  // Reads the key A's value x.
   std::uint32_t get(std::uint32_t* value) { return registry_.getDword(u"A", u"x", value); }
   // The value x of the open key, if it has one.
   std::optional<std::uint32_t> number() {
@@ -227,14 +214,14 @@ TEST_F(RegistryLinux, EventClosedBeforeTheKey_LeavesOthersAlone) {
 
 TEST_F(RegistryLinux, ClosedKey_LeavesNoThreadOrDescriptor) {
   write(file_, content(1));
-  const auto before = test::processResources();
+  const auto before = Resources();
   open();
-  EXPECT_EQ(test::processResources(), before);  // not watched yet
+  EXPECT_EQ(Resources(), before);  // not watched yet
   arm();
   arm();
-  EXPECT_EQ(test::processResources().threads, before.threads + 1);
+  EXPECT_EQ(Resources().threads, before.threads + 1);
   registry_.closeKey(key_);
-  EXPECT_EQ(test::processResources(), before);
+  EXPECT_EQ(Resources(), before);
 }
 
 #if !defined(__SANITIZE_ADDRESS__)  // the sanitizers look into memory by a pipe that they open
@@ -242,7 +229,7 @@ TEST_F(RegistryLinux, NoDescriptorLeft_FailsTheCallAndLosesNothing) {
   write(file_, content(1));
   open();
   {
-    DescriptorShortage shortage;
+    test::DescriptorShortage shortage;
     EXPECT_EQ(get(&value_), error::kNotEnoughMemory);
     EXPECT_EQ(number(), std::nullopt);
     for (int i = 0; i < 3; ++i) {  // one suffices for the event, two for the watch as well
@@ -263,7 +250,7 @@ TEST_F(RegistryLinux, ChangeThatCannotBeRead_IsSignalledAndFoundLater) {
   open();
   arm();
   {
-    const DescriptorShortage shortage;
+    const test::DescriptorShortage shortage;
     fs::rename(folder_.file("new"), file_);
     waitForChange();
   }
@@ -272,62 +259,11 @@ TEST_F(RegistryLinux, ChangeThatCannotBeRead_IsSignalledAndFoundLater) {
   EXPECT_EQ(number(), 2U);
 }
 
-TEST_F(RegistryLinux, NoMemoryLeft_FailsTheCallWithoutAnException) {
-  constexpr int kManyAllocations = 500;  // more than any call makes
-  write(file_, content(1) + "\"a text that does not fit into a string itself\"=\"text\"\n");
-  open();
-  RegistryKey opened = nullptr;
-  const std::u16string path = u"A";
-  const std::u16string value = u"x";
-  const std::function<std::uint32_t()> calls[] = {
-      [&] { return registry_.getDword(path, value, &value_); },
-      [&] { return registry_.openKey(path, &opened); },
-      [&] {
-        std::uint32_t size = sizeof(value_);
-        return registry_.queryValue(key_, value, nullptr, &value_, &size);
-      },
-      [&] { return registry_.notifyChange(key_, changed_); },
-  };
-  for (const auto& call : calls) {
-    int allocations = 0;
-    std::uint32_t result = error::kNotEnoughMemory;
-    for (; allocations < kManyAllocations && result == error::kNotEnoughMemory; ++allocations) {
-      const test::ScarceMemory memory(allocations);
-      result = call();
-    }
-    EXPECT_EQ(result, error::kSuccess);
-    EXPECT_GT(allocations, 1) << "the call allocates nothing: nothing was tried";
-  }
-  registry_.closeKey(opened);
-}
-
-TEST_F(RegistryLinux, ReadersWhileTheFileIsReplaced_FindTheOldOrTheNewValue) {
-  rename(content(1));
-  std::atomic<bool> stop{false};
-  std::atomic<int> wrong{0};
-  std::vector<std::thread> readers;
-  for (int i = 0; i < 2; ++i) {
-    readers.emplace_back([&] {
-      while (!stop) {
-        std::uint32_t number = 0;
-        if (get(&number) != error::kSuccess || number != 1) ++wrong;
-        RegistryKey key = nullptr;
-        if (registry_.openKey(u"A", &key) != error::kSuccess) ++wrong;
-        registry_.closeKey(key);
-      }
-    });
-  }
-  for (int i = 0; i < 300; ++i) rename(content(1));
-  stop = true;
-  for (std::thread& reader : readers) reader.join();
-  EXPECT_EQ(wrong, 0);
-}
-
 // Three readers that each follow the value to its end, and one that comes and goes.
 TEST_F(RegistryLinux, LastOfManyChangesInEveryWay_IsSeenByAllReaders) {
   constexpr std::uint32_t kChanges = 300;
   write(file_, content(0));
-  const auto before = test::processResources();
+  const auto before = Resources();
   std::atomic<bool> stop{false};
   std::vector<std::thread> readers;
   for (int i = 0; i < 3; ++i) {
@@ -358,7 +294,7 @@ TEST_F(RegistryLinux, LastOfManyChangesInEveryWay_IsSeenByAllReaders) {
   }
   stop = true;
   for (std::thread& reader : readers) reader.join();
-  EXPECT_EQ(test::processResources(), before);
+  EXPECT_EQ(Resources(), before);
 }
 
 TEST(SystemRegistry, ItsFile_IsTheVariablesOrTheDefault) {
