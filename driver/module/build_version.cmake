@@ -1,4 +1,4 @@
-# Writes the header with the build's version; leaves it untouched where nothing has changed.
+# Writes the header with the build's version; leaves it untouched if nothing has changed.
 #   cmake -DSOURCE=<checkout> -DVERSION=<project version> -DHEADER=<file> -P build_version.cmake
 set(commit "unknown")
 # Only the project's own checkout counts, not one that the sources happen to lie in.

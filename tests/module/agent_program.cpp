@@ -13,7 +13,6 @@
 #include <sstream>
 #include <string>
 
-#include "contract/bytes.h"
 #include "contract/wire.h"
 #include "tests/module/test_card.h"
 
