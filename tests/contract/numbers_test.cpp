@@ -23,16 +23,23 @@ constexpr bool areGolden(const Number (&rows)[kSize]) {
 
 constexpr std::uint32_t number(std::int32_t value) { return static_cast<std::uint32_t>(value); }
 
-constexpr Number kControls[] = {
-    {IOCTL_SMARTCARD_POWER, 0x00310004},          {IOCTL_SMARTCARD_GET_ATTRIBUTE, 0x00310008},
-    {IOCTL_SMARTCARD_SET_ATTRIBUTE, 0x0031000C},  {IOCTL_SMARTCARD_CONFISCATE, 0x00310010},
-    {IOCTL_SMARTCARD_TRANSMIT, 0x00310014},       {IOCTL_SMARTCARD_EJECT, 0x00310018},
-    {IOCTL_SMARTCARD_SWALLOW, 0x0031001C},        {IOCTL_SMARTCARD_IS_PRESENT, 0x00310028},
-    {IOCTL_SMARTCARD_IS_ABSENT, 0x0031002C},      {IOCTL_SMARTCARD_SET_PROTOCOL, 0x00310030},
-    {IOCTL_SMARTCARD_GET_STATE, 0x00310038},      {IOCTL_SMARTCARD_GET_LAST_ERROR, 0x0031003C},
-    {IOCTL_SMARTCARD_GET_PERF_CNTR, 0x00310040},  {number(SCARD_POWER_DOWN), 0},
-    {number(SCARD_COLD_RESET), 1},                {number(SCARD_WARM_RESET), 2},
-    {kTransmitHeaderSize, 8}};
+constexpr Number kControls[] = {{IOCTL_SMARTCARD_POWER, 0x00310004},
+                                {IOCTL_SMARTCARD_GET_ATTRIBUTE, 0x00310008},
+                                {IOCTL_SMARTCARD_SET_ATTRIBUTE, 0x0031000C},
+                                {IOCTL_SMARTCARD_CONFISCATE, 0x00310010},
+                                {IOCTL_SMARTCARD_TRANSMIT, 0x00310014},
+                                {IOCTL_SMARTCARD_EJECT, 0x00310018},
+                                {IOCTL_SMARTCARD_SWALLOW, 0x0031001C},
+                                {IOCTL_SMARTCARD_IS_PRESENT, 0x00310028},
+                                {IOCTL_SMARTCARD_IS_ABSENT, 0x0031002C},
+                                {IOCTL_SMARTCARD_SET_PROTOCOL, 0x00310030},
+                                {IOCTL_SMARTCARD_GET_STATE, 0x00310038},
+                                {IOCTL_SMARTCARD_GET_LAST_ERROR, 0x0031003C},
+                                {IOCTL_SMARTCARD_GET_PERF_CNTR, 0x00310040},
+                                {number(SCARD_POWER_DOWN), 0},
+                                {number(SCARD_COLD_RESET), 1},
+                                {number(SCARD_WARM_RESET), 2},
+                                {kTransmitHeaderSize, 8}};
 static_assert(areGolden(kControls));
 
 constexpr Number kStates[] = {{SCARD_UNKNOWN, 0},     {SCARD_ABSENT, 1},

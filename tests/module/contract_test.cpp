@@ -3,16 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "contract/attributes.h"
-#include "contract/class_ids.h"
 #include "contract/io_controls.h"
 #include "contract/reader_states.h"
 #include "contract/wire.h"
 #include "tests/doubles/framework/fake_framework.h"
 #include "tests/module/module_world.h"
-#include "tests/support/repetitions.h"
 
 namespace zelta::test {
 namespace {
@@ -87,37 +83,6 @@ TEST_F(ContractTest, WaitingRequests_AreCancelledByTheShutdown) {
   EXPECT_EQ(removal.status(), status::kCancelled);
   EXPECT_EQ(insertion.status(), status::kCancelled);
   EXPECT_EQ(statusOf({IOCTL_SMARTCARD_GET_STATE, {}, 4}), status::kInvalidState);
-}
-
-TEST_F(ContractTest, CancelRacingTheCardsArrival_KeepsTheRules) {
-  connectAgent();
-  for (int round = 0; round < repetitions(500); ++round) {
-    FakeWdfRequest& request = framework_.dispatch({IOCTL_SMARTCARD_IS_PRESENT, {}, {}});
-    std::thread canceller([&] { request.cancel(); });
-    EXPECT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
-    canceller.join();
-    ASSERT_TRUE(request.waitCompleted(kLong));
-  }
-}
-
-TEST_F(ContractTest, RequestsOfFourThreadsWhileCardsGo_KeepTheRules) {
-  card_.insert();
-  connectAgent();
-  std::vector<std::thread> callers;
-  for (int caller = 0; caller < 4; ++caller) {
-    callers.emplace_back([this, caller] {
-      for (int i = 0; i < repetitions(100); ++i) {
-        framework_.dispatch({IOCTL_SMARTCARD_POWER, numberBytes(SCARD_COLD_RESET), 64});
-        framework_.dispatch({IOCTL_SMARTCARD_GET_STATE, {}, 4});
-        FakeWdfRequest& removal = framework_.dispatch({IOCTL_SMARTCARD_IS_ABSENT, {}, {}});
-        if (caller % 2 == 0) removal.cancel();
-      }
-    });
-  }
-  for (int i = 0; i < repetitions(100); ++i) {
-    EXPECT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
-  }
-  for (std::thread& caller : callers) caller.join();
 }
 
 }  // namespace

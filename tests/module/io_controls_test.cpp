@@ -2,8 +2,6 @@
 #include <algorithm>
 
 #include "tests/module/hosted_module.h"
-#include "tests/support/repetitions.h"
-#include "tests/support/system.h"
 
 namespace zelta::test {
 namespace {
@@ -71,18 +69,6 @@ TEST_F(IoControlsTest, CardThatComes_WorksAndGoes) {
   ASSERT_TRUE(removal->wait(kLong));
   EXPECT_EQ(removal->result().status, status::kSuccess);
   EXPECT_EQ(state(), SCARD_ABSENT);
-}
-
-TEST_F(IoControlsTest, AgentsThatComeAndGo_TakeTheirCardAlong) {
-  card_.insert();
-  for (int round = 0; round < repetitions(20); ++round) {
-    connectAgent();
-    const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
-    agent_.die();
-    ASSERT_TRUE(removal->wait(kLong));
-    ASSERT_EQ(removal->result().status, status::kSuccess);
-    ASSERT_EQ(state(), SCARD_ABSENT);
-  }
 }
 
 TEST_F(IoControlsTest, SecondAgent_IsRefusedAndTheFirstNoticesNothing) {

@@ -21,8 +21,7 @@ class Cleanup final : public framework::ComObject<Cleanup, framework::IObjectCle
 };
 
 // Completes what is cancelled, after a try to withdraw it.
-class Canceller final
-    : public framework::ComObject<Canceller, framework::IRequestCallbackCancel> {
+class Canceller final : public framework::ComObject<Canceller, framework::IRequestCallbackCancel> {
  public:
   void ZELTA_STDMETHODCALLTYPE OnCancel(IWDFIoRequest* request) override {
     unmarked = request->UnmarkCancelable();

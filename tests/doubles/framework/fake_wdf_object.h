@@ -14,8 +14,8 @@
 #include "platform/sync/sync.h"
 
 // An operation that the driver has no reason to call.
-#define ZELTA_UNEXPECTED(Result, operation, ...)                         \
-  Result ZELTA_STDMETHODCALLTYPE operation(__VA_ARGS__) override {       \
+#define ZELTA_UNEXPECTED(Result, operation, ...)                          \
+  Result ZELTA_STDMETHODCALLTYPE operation(__VA_ARGS__) override {        \
     return zelta::test::unexpected<Result>(this->violations, #operation); \
   }
 
