@@ -1,4 +1,4 @@
-// The card behind the agent of a test.
+// The card of a test's agent.
 #pragma once
 
 #include <atomic>
