@@ -22,7 +22,7 @@ inline constexpr std::uint32_t EVENT_PIPE_NAME = 0x0007A00B;
 // The tags that a deriving reader answers, or refuses.
 inline constexpr std::uint32_t kFirstVendorDefinedAttribute = PIPE_NAME;
 inline constexpr std::uint32_t kLastVendorDefinedAttribute = 0x0007A00E;
-// Deliberately added beside the others, outside the vendor-defined range, for a host that restarts
+// Intentional: an addition outside the vendor-defined range, for a host that restarts
 // a reader which has stopped serving: 0 while the reader's server thread serves, 997
 // (ERROR_IO_PENDING) while it still creates its pipes, otherwise the code that it has ended with.
 inline constexpr std::uint32_t SERVER_RESULT = 0x0007A010;

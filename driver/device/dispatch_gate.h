@@ -4,9 +4,8 @@
 // The framework stops I/O before it takes a device down, but not before it asks whether the device
 // may be stopped or removed, and the driver takes its readers down at that question already.
 //
-// Threads: any may pass; one at a time opens, closes and waits. The gate's mutex is held for
-// moments only and nothing else is locked under it. Whoever waits holds no lock that anybody inside
-// may need.
+// Threads: any may pass; one at a time opens, closes and waits. Whoever waits holds no lock that
+// anybody inside may need.
 #pragma once
 
 #include <cstddef>
@@ -27,7 +26,7 @@ class DispatchGate {
     Pass(const Pass&) = delete;
     Pass& operator=(const Pass&) = delete;
 
-    // False where the gate was closed.
+    // False if the gate was closed.
     bool admitted() const { return admitted_; }
 
    private:
@@ -35,32 +34,32 @@ class DispatchGate {
     const bool admitted_;
   };
 
-  void open() {
+  void open() ZELTA_EXCLUDES(mutex_) {
     const platform::MutexLock lock(mutex_);
     open_ = true;
   }
 
-  // Admits nobody from now on; who is inside stays there.
-  void close() {
+  // Admits nobody from now on; whoever is inside stays there.
+  void close() ZELTA_EXCLUDES(mutex_) {
     const platform::MutexLock lock(mutex_);
     open_ = false;
   }
 
-  // Returns when nobody is inside; for a gate that is closed. An I/O control is inside until its
-  // exchange with the agent ends, so the exchanges are ended in between.
-  void awaitEmpty() {
+  // Returns when nobody is inside. The gate is closed already. An I/O control is inside until its
+  // exchange with the agent ends, so the exchanges are ended between closing and waiting.
+  void awaitEmpty() ZELTA_EXCLUDES(mutex_) {
     platform::MutexLock lock(mutex_);
     left_.wait(lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return inside_ == 0; });
   }
 
  private:
-  bool enter() {
+  bool enter() ZELTA_EXCLUDES(mutex_) {
     const platform::MutexLock lock(mutex_);
     if (open_) ++inside_;
     return open_;
   }
 
-  void leave() {
+  void leave() ZELTA_EXCLUDES(mutex_) {
     const platform::MutexLock lock(mutex_);
     --inside_;
     if (inside_ == 0) left_.notifyAll();

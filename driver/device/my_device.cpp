@@ -1,6 +1,7 @@
 // The device's creation and its power and PnP operations.
 #include "driver/device/my_device.h"
 
+#include "agent_link/pipe_reader.h"
 #include "contract/class_ids.h"
 #include "contract/status.h"
 #include "diagnostics/traced_lock.h"
@@ -23,7 +24,7 @@ constexpr char kD0Entry[] = "CMyDevice::OnD0Entry";
 
 constexpr std::uint32_t code(HRESULT result) { return static_cast<std::uint32_t>(result); }
 
-// Gives the device object to the framework; `wdfDevice` stays null where that fails.
+// Gives the device object to the framework. If that fails, `wdfDevice` stays null.
 HRESULT registerDevice(CMyDevice& device, framework::IWDFDriver& driver,
                        framework::IWDFDeviceInitialize& init,
                        ComPtr<framework::IWDFDevice>& wdfDevice) {
@@ -43,6 +44,10 @@ void startWinsock() {
 }
 
 }  // namespace
+
+std::unique_ptr<Reader> createPipeReader(std::uint32_t index, ReaderDevice* device) {
+  return std::make_unique<PipeReader>(index, device);
+}
 
 CMyDevice::CMyDevice(ReaderFactory readerFactory) : readerFactory_(std::move(readerFactory)) {}
 
@@ -88,7 +93,7 @@ HRESULT CMyDevice::OnPrepareHardware(framework::IWDFDevice* wdfDevice) {
       logError(code(status::kInvalidArgument), "[PrepareHW]Invalid device");
       return status::kInvalidArgument;
     }
-    ComPtr<framework::IWDFDevice> device(wdfDevice);  // then the former, let go without the lock
+    ComPtr<framework::IWDFDevice> device(wdfDevice);  // the former in the end, released unlocked
     const platform::MutexLock lock(powerMutex_);
     if (wdfDevice != wdfDevice_.get()) std::swap(device, wdfDevice_);
     return CMyQueue::CreateInstance(wdfDevice, this);
@@ -101,7 +106,7 @@ HRESULT CMyDevice::OnReleaseHardware(framework::IWDFDevice* wdfDevice) {
       logError(code(status::kInvalidArgument), "[ReleaseHW]Invalid device");
       return status::kInvalidArgument;
     }
-    ComPtr<framework::IWDFDevice> released;  // let go without the lock
+    ComPtr<framework::IWDFDevice> released;  // unlocked
     const platform::MutexLock lock(powerMutex_);
     if (wdfDevice == wdfDevice_.get()) std::swap(released, wdfDevice_);
     return status::kSuccess;
@@ -181,10 +186,10 @@ HRESULT CMyDevice::leaveWorkingState(const char* operation, const char* announce
 void CMyDevice::shutDown() {
   const TimedSection section("CMyDevice::shutDown");
   stopDispatch();
-  // By the count, deliberately; a reader that could not be made is not there to be told.
+  // Intentional: by the count. A reader that could not be made is missing from the vector.
   const Readers& working = readers();
   for (std::size_t index = 0; index < static_cast<std::size_t>(numReaders_); ++index) {
-    if (index < working.size() && working[index] != nullptr) tellToShutDown(*working[index]);
+    if (index < working.size() && working[index] != nullptr) shutDownReader(*working[index]);
   }
   destroyReaders();
   numReaders_ = 0;
@@ -199,11 +204,11 @@ void CMyDevice::stopDispatch() {
   gate_.awaitEmpty();
 }
 
-void CMyDevice::tellToShutDown(Reader& reader) {
+void CMyDevice::shutDownReader(Reader& reader) {
   try {
     reader.shutdown();
   } catch (const std::exception&) {
-    (void)statusOfException("CMyDevice::shutDown");  // the others are told nevertheless
+    (void)statusOfException("CMyDevice::shutDown");  // the others are shut down nevertheless
   }
 }
 

@@ -8,14 +8,10 @@
 //
 // Threads: the framework calls `ProcessIoControl` and `OnCancel` on any threads at the same time.
 // It promises to call the power and PnP operations one at a time, but not the questions whether the
-// device may be stopped or removed, nor the news of its removal; a mutex puts them all one after
-// another. An I/O control finds the readers inside the dispatch gate, without the device lock; a
+// device may be stopped or removed, nor the news of its removal; the power mutex serialises them
+// all. An I/O control finds the readers inside the dispatch gate, without the device lock; a
 // cancellation finds them under the device lock. They are made and destroyed under the power mutex
 // with the gate closed, and put in place under the device lock.
-//
-// Locks: the power mutex comes before all others. The device lock (recursive) is taken for every
-// completion. The gate is waited for, and readers are destroyed, without the device lock: I/O
-// controls and the readers' threads may need it. None of them takes the power mutex.
 //
 // Failures are HRESULTs and request statuses; exceptions do not leave the operations.
 #pragma once
@@ -23,6 +19,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "driver/device/dispatch_gate.h"
@@ -36,7 +33,7 @@
 
 namespace zelta {
 
-// Makes the reader with an index for its device; throws where it cannot be made.
+// Makes the reader with an index for its device; throws if it cannot be made.
 using ReaderFactory =
     std::function<std::unique_ptr<Reader>(std::uint32_t index, ReaderDevice* device)>;
 
@@ -52,9 +49,9 @@ class CMyDevice final
 
   // Creates the device, registers it with the framework and publishes its interfaces. Failing to
   // start the system's sockets or to publish an interface is logged and nothing more.
-  static framework::HRESULT CreateInstance(framework::IWDFDriver* driver,
-                                           framework::IWDFDeviceInitialize* init,
-                                           const ReaderFactory& readerFactory = createPipeReader);
+  [[nodiscard]] static framework::HRESULT CreateInstance(
+      framework::IWDFDriver* driver, framework::IWDFDeviceInitialize* init,
+      const ReaderFactory& readerFactory = createPipeReader);
 
   framework::HRESULT ZELTA_STDMETHODCALLTYPE
   OnPrepareHardware(framework::IWDFDevice* wdfDevice) override;
@@ -73,8 +70,8 @@ class CMyDevice final
   // A request that a reader keeps waiting is cancelled.
   void ZELTA_STDMETHODCALLTYPE OnCancel(framework::IWDFIoRequest* request) override;
 
-  // An I/O control: refuses it, or gives it to its reader's handler. The request is the handler's
-  // from then on.
+  // Refuses an I/O control, or gives it to its reader's handler, which owns the request from then
+  // on.
   void ProcessIoControl(framework::IWDFIoQueue* queue, framework::IWDFIoRequest* request,
                         framework::ULONG code, framework::SIZE_T inLength,
                         framework::SIZE_T outLength) noexcept;
@@ -96,25 +93,27 @@ class CMyDevice final
 
   static void publishInterfaces(framework::IWDFDevice& wdfDevice);
   // One of the ways out of the working state; `announcement` is logged, null for none.
-  framework::HRESULT leaveWorkingState(const char* operation, const char* announcement)
+  [[nodiscard]] framework::HRESULT leaveWorkingState(const char* operation,
+                                                     const char* announcement)
       ZELTA_EXCLUDES(powerMutex_);
-  // Lets no further I/O control in, ends what those inside ask of the agent and waits for them;
-  // then shuts the readers down and destroys them. The system's driver host is ended, with all of
-  // its devices, if a power, PnP or cancel callback takes longer than 60 seconds; so nothing in
-  // here may wait for an agent.
-  // Deliberate: the device stays without readers until it is created afresh, and the system's
-  // sockets are cleaned up once per call although they are started once per device.
+  // Stops dispatch, then shuts the readers down and destroys them. The system ends its driver host,
+  // with all devices in it, if a power, PnP or cancel callback takes longer than 60 seconds; so
+  // nothing in here may wait for an agent.
+  // Intentional: the device stays without readers until it is created afresh, and Winsock is
+  // cleaned up once per call although it is started once per device.
   void shutDown() ZELTA_REQUIRES(powerMutex_) ZELTA_EXCLUDES(deviceLock_);
-  framework::HRESULT createReaders() ZELTA_REQUIRES(powerMutex_) ZELTA_EXCLUDES(deviceLock_);
+  [[nodiscard]] framework::HRESULT createReaders() ZELTA_REQUIRES(powerMutex_)
+      ZELTA_EXCLUDES(deviceLock_);
   void addReader(std::uint32_t index) ZELTA_REQUIRES(powerMutex_) ZELTA_EXCLUDES(deviceLock_);
-  // Afterwards nobody is inside the gate, whatever an agent does or leaves undone. The readers that
-  // are there can do no exchange any more.
+  // Lets no further I/O control in, ends the exchanges of those inside and waits until they have
+  // left. The readers cannot exchange anything any more. A cancel is given up after about two
+  // seconds, but that does not bound this wait: a pipe call that never returns keeps it waiting.
   void stopDispatch() ZELTA_REQUIRES(powerMutex_) ZELTA_EXCLUDES(deviceLock_);
   void destroyReaders() ZELTA_REQUIRES(powerMutex_) ZELTA_EXCLUDES(deviceLock_);
-  static void tellToShutDown(Reader& reader);
+  static void shutDownReader(Reader& reader);
 
-  // The readers without the device lock. They change under both locks and with nobody inside the
-  // gate, so that either is enough to look at them; the analysis knows one lock per member.
+  // The readers without the device lock. They change under both locks with nobody inside the gate,
+  // so the power mutex or a pass suffices to read them; the analysis knows one lock per member.
   const Readers& readers() const ZELTA_REQUIRES(powerMutex_) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
     return readers_;
   }
@@ -126,14 +125,15 @@ class CMyDevice final
   // In my_device_io.cpp. `route` throws only while the request is neither completed nor waiting.
   void route(IoRequest& request, std::uint32_t code, std::size_t inLength, std::size_t outLength);
   Reader* findReader(const Readers& readers, IoRequest& request, std::uint32_t code);
-  bool getReaderInstanceId(IoRequest& request, std::uint32_t& index) noexcept;
-  // With the device lock or without: a request may be cancelled while its reader marks it.
+  // None if the request's file does not say; the log has the reason.
+  std::optional<std::uint32_t> getReaderInstanceId(IoRequest& request) noexcept;
+  // With the device lock held or free: a request may be cancelled while its reader marks it.
   void cancel(IoRequest& request) noexcept;
-  // Completes a request whose reader is not known, after taking it out of the list it may be in.
+  // Takes a request whose reader is not known out of the list that it may be in and completes it.
   void cancelUnrouted(IoRequest& request) ZELTA_REQUIRES(deviceLock_);
   void finish(IoRequest& request, framework::HRESULT status, const char* operation, int line);
 
-  // One power or PnP operation at a time.
+  // Serialises the power and PnP operations.
   platform::Mutex powerMutex_ ZELTA_ACQUIRED_BEFORE(deviceLock_);
   platform::CriticalSection deviceLock_;
   framework::ComPtr<framework::IWDFDevice> wdfDevice_ ZELTA_GUARDED_BY(powerMutex_);

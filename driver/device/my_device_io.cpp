@@ -25,9 +25,12 @@ constexpr char kCancel[] = "CMyDevice::OnCancel";
 
 constexpr std::size_t kFileNameCapacity = 300;  // characters, the terminator included
 
-// A file's name up to its terminator, in place; empty until it is read.
+// A file's name up to its terminator, in place; empty until it is read. The buffer is not cleared,
+// since every I/O control reads a name.
 class FileName {
  public:
+  FileName() { buffer_[0] = L'\0'; }
+
   HRESULT readFrom(IoFile& file) {
     auto capacity = static_cast<framework::DWORD>(buffer_.size());
     return file.retrieveFileName(buffer_.data(), &capacity);
@@ -38,7 +41,7 @@ class FileName {
   }
 
  private:
-  std::array<wchar_t, kFileNameCapacity> buffer_{};
+  std::array<wchar_t, kFileNameCapacity> buffer_;
 };
 
 void logUnusableName(std::wstring_view name, const char* reason) noexcept {
@@ -83,11 +86,10 @@ void CMyDevice::ProcessIoControl(framework::IWDFIoQueue* /*queue*/,
   }
   logInfo("[IOCT]IOCTL %08X - In %i Out %i", code, static_cast<int>(inLength),
           static_cast<int>(outLength));
-  IoRequest* adapter = nullptr;
-  const HRESULT attached = FrameworkRequest::attach(*request, &adapter);
+  const auto [adapter, attached] = FrameworkRequest::attach(*request);
   if (adapter == nullptr) {
     logError(static_cast<std::uint32_t>(attached), "[IOCT]Request cannot be attached:%08X", code);
-    // It cannot be kept waiting; an adapter for this one completion is enough.
+    // The request cannot be kept waiting, so an adapter for its completion suffices.
     FrameworkRequest unattached(*request);
     finish(unattached, attached, kProcess, __LINE__);
     return;
@@ -122,42 +124,40 @@ void CMyDevice::route(IoRequest& request, std::uint32_t code, std::size_t inLeng
 }
 
 Reader* CMyDevice::findReader(const Readers& readers, IoRequest& request, std::uint32_t code) {
-  std::uint32_t index = 0;
-  if (!getReaderInstanceId(request, index)) {
+  const std::optional<std::uint32_t> index = getReaderInstanceId(request);
+  if (!index) {
     logError(error::kInvalidState, "[IOCT]Instance ID cannot be retrieved");
     return nullptr;
   }
-  if (index > readers.size() - 1) {
+  if (*index > readers.size() - 1) {
     logError(error::kInvalidState, "[IOCT]Out of range reader: ERROR_INVALID_STATE:%08X", code);
     return nullptr;
   }
-  Reader* reader = readers[index].get();
+  Reader* reader = readers[*index].get();
   if (reader == nullptr) {
     logError(error::kInvalidState, "[IOCT]Reader is null: ERROR_INVALID_STATE:%08X", code);
   }
   return reader;
 }
 
-bool CMyDevice::getReaderInstanceId(IoRequest& request, std::uint32_t& index) noexcept {
-  index = 0;
+std::optional<std::uint32_t> CMyDevice::getReaderInstanceId(IoRequest& request) noexcept {
   const TracedLock lock("CMyDevice::getReaderInstanceId", deviceLock_, __LINE__);
   FileName name;
   try {
     const Held<IoFile> file = request.fileObject();
     if (file == nullptr) {
       logError(kNoError, "Instance ID cannot be retrieved: file object is null");
-      return false;
+      return std::nullopt;
     }
     const HRESULT result = name.readFrom(*file);
     if (framework::failed(result)) {
       logError(static_cast<std::uint32_t>(result), "Instance ID cannot be retrieved from request");
-      return false;
+      return std::nullopt;
     }
-    index = parseReaderIndex(name.text());
-    return true;
+    return parseReaderIndex(name.text());
   } catch (const std::exception& failure) {
     logUnusableName(name.text(), failure.what());
-    return false;
+    return std::nullopt;
   }
 }
 
@@ -167,33 +167,32 @@ void CMyDevice::OnCancel(framework::IWDFIoRequest* request) {
     return;
   }
   const TimedSection section(kCancel);
-  // One that was never attached is in no list; all there is to do is to complete it.
+  // A request that was never attached is in no list and only has to be completed.
   FrameworkRequest unattached(*request);
   IoRequest* adapter = FrameworkRequest::attached(*request);
   cancel(adapter != nullptr ? *adapter : unattached);
 }
 
 void CMyDevice::cancel(IoRequest& request) noexcept {
-  std::uint32_t index = 0;
-  const bool routed = getReaderInstanceId(request, index);
-  if (!routed) logError(error::kCancelled, "[OnCancel]Instance ID cannot be retrieved");
+  const std::optional<std::uint32_t> index = getReaderInstanceId(request);
+  if (!index) logError(error::kCancelled, "[OnCancel]Instance ID cannot be retrieved");
   const TracedLock lock(kCancel, deviceLock_, __LINE__);
-  if (!routed) {
+  if (!index) {
     cancelUnrouted(request);
     return;
   }
-  // The reader that marked the request cancelable is there, unless it has been shut down while the
-  // framework was on its way here; it has dropped the request from its lists then.
-  if (index >= readers_.size() || readers_[index] == nullptr) {
+  // The reader that marked the request cancelable is there unless it has been shut down meanwhile,
+  // and then it has dropped the request from its lists.
+  if (*index >= readers_.size() || readers_[*index] == nullptr) {
     logError(error::kCancelled, "[OnCancel]The reader is gone");
     cancelUnrouted(request);
     return;
   }
-  readers_[index]->IoCancelRequest(&request);
+  readers_[*index]->IoCancelRequest(&request);
 }
 
 void CMyDevice::cancelUnrouted(IoRequest& request) {
-  // The name led to a reader when the request was queued; it need not do so again.
+  // Its file name led to a reader when the request was queued, but need not do so again.
   for (const std::unique_ptr<Reader>& reader : readers_) {
     if (reader != nullptr && reader->stopWaiting(request)) break;
   }

@@ -15,7 +15,7 @@ constexpr framework::BOOL kNotPowerManaged = 0;
 constexpr framework::BOOL kAllowZeroLength = 1;
 
 HRESULT createFrameworkQueue(framework::IWDFDevice& wdfDevice, framework::IUnknown* callback) {
-  ComPtr<framework::IWDFIoQueue> queue;  // let go at once: the framework keeps it with the device
+  ComPtr<framework::IWDFIoQueue> queue;  // released at once: the framework keeps its own reference
   const HRESULT result =
       wdfDevice.CreateIoQueue(callback, kDefaultQueue, framework::kDispatchParallel,
                               kNotPowerManaged, kAllowZeroLength, queue.put());
@@ -36,7 +36,7 @@ HRESULT createQueue(framework::IWDFDevice* wdfDevice, CMyDevice* device) {
   }
   ComPtr<framework::IUnknown> unknown;
   const HRESULT result = queue->QueryInterface(framework::IUnknown::iid, unknown.putVoid());
-  if (framework::failed(result)) {  // every object has this interface: not met in practice
+  if (framework::failed(result)) {  // does not happen: every object has this interface
     logError(static_cast<std::uint32_t>(result), "QueryInterface failed");
     return result;
   }

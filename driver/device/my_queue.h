@@ -14,12 +14,13 @@ namespace zelta {
 class CMyQueue final
     : public framework::ComObject<CMyQueue, framework::IQueueCallbackDeviceIoControl> {
  public:
-  // `device` gets a reference of the queue's own.
+  // Takes a reference on the device.
   explicit CMyQueue(CMyDevice* device) : device_(device) {}
 
   // Creates the default queue of the framework's device with a callback object for `device`.
-  // Without a framework's device there is no queue, deliberately with a status of success.
-  static framework::HRESULT CreateInstance(framework::IWDFDevice* wdfDevice, CMyDevice* device);
+  // Intentional: without a framework's device it makes no queue and succeeds.
+  [[nodiscard]] static framework::HRESULT CreateInstance(framework::IWDFDevice* wdfDevice,
+                                                         CMyDevice* device);
 
   // Neither logs nor completes anything itself.
   void ZELTA_STDMETHODCALLTYPE OnDeviceIoControl(framework::IWDFIoQueue* queue,

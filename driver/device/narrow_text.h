@@ -6,8 +6,8 @@
 
 namespace zelta {
 
-// The C library's own conversion of wide text gives up where the locale lacks a character. What is
-// not well-formed becomes U+FFFD.
+// The C library's own conversion gives up on a character that the locale lacks. Whatever is not
+// well-formed becomes U+FFFD.
 std::string narrowText(std::wstring_view text);
 
 }  // namespace zelta

@@ -1,4 +1,4 @@
-# Writes the header with the build's version; leaves it untouched where nothing has changed.
+# Writes the header with the build's version; leaves it untouched if nothing has changed.
 #   cmake -DSOURCE=<checkout> -DVERSION=<project version> -DHEADER=<file> [-DCOMMIT=<commit>]
 #         -P build_version.cmake
 # Without a commit it is the checkout's.

@@ -27,17 +27,16 @@ framework::IClassFactory* createDriverFactory() { return framework::createObject
 
 constexpr ClassEntry kClasses[] = {{kDriverClassId, createDriverFactory}};
 
-// One question at a time whether the module may go.
+// Serialises the questions whether the module may go: two must not shut the logger down at once.
 platform::NeverDestroyed<platform::Mutex> unloadMutex;
 
 framework::HRESULT answerWhetherUnused() {
   return ModuleReference::any() ? framework::kFalse : framework::kOk;
 }
 
-// The logger's threads end here, not in a global destructor: that would run while the system holds
-// its loader lock, which an ending thread needs, and joining would wait for ever. What the entry
-// point had to say is written already; a later log call makes a new logger. False where the
-// threads may still run, and the module has to stay.
+// The logger's threads end here, not in a global destructor, which would run under the system's
+// loader lock: an ending thread needs that lock, and joining it would deadlock. A later log call
+// makes a new logger. False if the threads may still run, so that the module has to stay.
 bool endLogging() {
   try {
     shutDownLogging();
@@ -69,7 +68,7 @@ framework::HRESULT getClassObject(framework::REFCLSID classId, framework::REFIID
 
 framework::HRESULT canUnload() {
   const platform::MutexLock lock(unloadMutex.get());
-  // Deliberate: no timed section without a logger, which it would make only to be ended again.
+  // Intentional: no timed section without a logger, since it would make one only to be shut down.
   if (!hasLogger()) return answerWhetherUnused();
   const framework::HRESULT result = runEntryPoint("DllCanUnloadNow", answerWhetherUnused);
   if (result != framework::kOk) return result;

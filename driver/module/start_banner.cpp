@@ -1,7 +1,7 @@
 #include "driver/module/start_banner.h"
 
 #include "diagnostics/log.h"
-#include "driver/module/build_version.h"
+#include "zelta_build_version.h"
 
 namespace zelta {
 
@@ -14,6 +14,8 @@ constexpr char kRule[] =
 static_assert(sizeof kRule - 1 == 74, "the rule's length is part of the log's format");
 
 }  // namespace
+
+const char* buildVersion() { return kBuildVersion; }
 
 void StartBanner::writeOnce() {
   if (written_.exchange(true)) return;

@@ -1,5 +1,5 @@
-// What every operation that the framework calls is wrapped in: its timed section, and a stop for
-// exceptions, which must not cross the framework's binary interface.
+// Wraps every operation that the framework calls: opens its timed section and stops exceptions,
+// which must not cross the framework's binary interface.
 #pragma once
 
 #include <exception>
@@ -12,7 +12,7 @@
 namespace zelta {
 
 // Logs the exception that is being handled and gives the status that stands for it.
-inline framework::HRESULT statusOfException(const char* operation) noexcept {
+[[nodiscard]] inline framework::HRESULT statusOfException(const char* operation) noexcept {
   try {
     throw;
   } catch (const std::bad_alloc&) {

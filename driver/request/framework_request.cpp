@@ -11,7 +11,7 @@ using framework::HRESULT;
 using framework::IWDFIoRequest;
 using framework::IWDFObject;
 
-// The adapter's home: its first reference is the attachment's, given back by the cleanup.
+// The adapter's home. Its first reference is the attachment's, which the cleanup gives back.
 class RequestContext final
     : public framework::ComObject<RequestContext, framework::IObjectCleanup> {
  public:
@@ -27,18 +27,16 @@ class RequestContext final
 
 }  // namespace
 
-HRESULT FrameworkRequest::attach(IWDFIoRequest& request, IoRequest** adapter) noexcept {
-  *adapter = attached(request);
-  if (*adapter != nullptr) return status::kSuccess;
+FrameworkRequest::Attachment FrameworkRequest::attach(IWDFIoRequest& request) noexcept {
+  if (IoRequest* const adapter = attached(request)) return {adapter, status::kSuccess};
   auto* context = framework::createObject<RequestContext>(request);
-  if (context == nullptr) return status::kOutOfMemory;
+  if (context == nullptr) return {nullptr, status::kOutOfMemory};
   const HRESULT result = request.AssignContext(context, context->adapter());
   if (framework::failed(result)) {
     context->Release();
-    return result;
+    return {nullptr, result};
   }
-  *adapter = context->adapter();
-  return status::kSuccess;
+  return {context->adapter(), status::kSuccess};
 }
 
 IoRequest* FrameworkRequest::attached(IWDFIoRequest& request) noexcept {
@@ -79,7 +77,7 @@ void FrameworkRequest::addRef() {
   if (home_ != nullptr) home_->AddRef();
 }
 
-// Either release may take this object with it.
+// Either release may destroy this object.
 void FrameworkRequest::release() {
   framework::IWDFIoRequest* const request = request_;
   if (home_ != nullptr) home_->Release();

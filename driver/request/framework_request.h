@@ -3,8 +3,8 @@
 // Ownership: there is one adapter per framework request, so that a waiting request is the same
 // object to dispatch and to the cancel callback. `attach` makes it and ties it to its request;
 // the framework's cleanup callback gives it up, and it goes then or with the last reference taken
-// by `addRef`: whether the framework cleans up at the completion or only when the request's last
-// reference is gone makes no difference. The adapter holds no reference on its request.
+// by `addRef`. So the framework may clean up at the completion or with the request's last
+// reference. The adapter holds no reference on its request.
 //
 // Threads: as `IoRequest`. Completing may destroy the adapter before the call returns.
 #pragma once
@@ -50,10 +50,13 @@ class FrameworkRequest final : public IoRequest {
   FrameworkRequest(framework::IWDFIoRequest& request, framework::IUnknown* home)
       : request_(&request), home_(home) {}
 
-  // The request's adapter, made where it has none yet. On failure `adapter` is null and the status
-  // says why; the request is untouched.
-  static framework::HRESULT attach(framework::IWDFIoRequest& request, IoRequest** adapter) noexcept;
-  // The request's adapter; null where none was attached.
+  struct Attachment {
+    IoRequest* adapter;         // not owned; null on failure
+    framework::HRESULT status;  // why
+  };
+  // The request's adapter, made if it has none yet. A failure leaves the request untouched.
+  [[nodiscard]] static Attachment attach(framework::IWDFIoRequest& request) noexcept;
+  // The request's adapter; null if none was attached.
   static IoRequest* attached(framework::IWDFIoRequest& request) noexcept;
 
   void completeWithInformation(framework::HRESULT status, std::size_t information) override;
@@ -68,7 +71,7 @@ class FrameworkRequest final : public IoRequest {
 
  private:
   framework::IWDFIoRequest* request_;
-  framework::IUnknown* home_;  // not owned: it owns this; null where the caller does
+  framework::IUnknown* home_;  // not owned: it owns this; null if the caller does
   FrameworkMemory input_;
   FrameworkMemory output_;
   FrameworkFile file_;

@@ -19,7 +19,7 @@ class IoMemory {
  public:
   // The data pointer; `size` in bytes.
   virtual void* dataBuffer(std::size_t* size) = 0;
-  // Fails, and copies nothing, where the bytes do not fit.
+  // Fails and copies nothing if the bytes do not fit.
   virtual framework::HRESULT copyFromBuffer(std::size_t offset, const void* source,
                                             std::size_t size) = 0;
   virtual void release() noexcept = 0;
@@ -60,7 +60,7 @@ class IoRequest {
   // Finishes the request with a status and no byte count.
   virtual void complete(framework::HRESULT status) = 0;
 
-  // Each a new reference, or none where the request has no such object. Held once at a time.
+  // Each a new reference, or none if the request has no such object. Held once at a time.
   virtual Held<IoMemory> inputMemory() = 0;
   virtual Held<IoMemory> outputMemory() = 0;
   virtual Held<IoFile> fileObject() = 0;
@@ -68,10 +68,10 @@ class IoRequest {
   // Registers the cancel callback of a request that is kept waiting. The callback may run before
   // this returns.
   virtual void markCancelable(framework::IRequestCallbackCancel* callback) = 0;
-  // Withdraws the registration; fails where cancellation is under way.
-  virtual framework::HRESULT unmarkCancelable() = 0;
+  // Withdraws the registration; fails if a cancellation is under way.
+  [[nodiscard]] virtual framework::HRESULT unmarkCancelable() = 0;
 
-  // References on the framework's own object and on this one, whichever would go first.
+  // References on the framework's own object and on this one.
   virtual void addRef() = 0;
   virtual void release() = 0;
 };

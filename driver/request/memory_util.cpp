@@ -21,7 +21,7 @@ void answer(ReaderDevice& device, IoRequest& request, const void* bytes, std::si
     request.complete(status::kGenFailure);
     return;
   }
-  // Deliberately not examined: too small an output stays unwritten, the status is success.
+  // Intentional: too small an output stays unwritten, and the status is success.
   (void)memory->copyFromBuffer(0, bytes, size);
   memory.reset();
   request.completeWithInformation(status::kSuccess, size);

@@ -1,9 +1,9 @@
 // Reading a request's input and answering a request with data. The answering operations always
 // complete the request, under the device lock.
 //
-// Deliberate: the result of the copy into the output is not examined. Where the output buffer is
-// smaller than the data nothing is written, and the request is still completed with success and
-// the full byte count; a caller that needs a size check makes it before.
+// Intentional: the result of the copy into the output is not examined. If the output buffer is
+// smaller than the data, nothing is written, and the request is still completed with success and
+// the full byte count. A caller that needs a size check makes it first.
 //
 // Failures: a missing input is a result, a missing output the request's status. std::bad_alloc
 // leaves these operations before the request is completed, never after.
@@ -18,12 +18,12 @@
 
 namespace zelta {
 
-// A request's input where it lies, for as long as this lives.
+// A request's input in place, for as long as this lives.
 class InputBytes {
  public:
   explicit InputBytes(IoRequest& request);
 
-  // False where the request has no input memory.
+  // False if the request has no input memory.
   explicit operator bool() const { return memory_ != nullptr; }
   const std::uint8_t* data() const { return data_; }
   std::size_t size() const { return size_; }
@@ -36,10 +36,10 @@ class InputBytes {
 
 class MemoryUtil {
  public:
-  // The whole input; false where the request has no input memory.
-  static bool getBuffer(IoRequest& request, std::vector<std::uint8_t>& bytes);
-  // The input's first four bytes, little-endian; -1 where the request has no input memory. The
-  // input's size is not looked at: the caller has made sure of four bytes.
+  // The whole input; false if the request has no input memory.
+  [[nodiscard]] static bool getBuffer(IoRequest& request, std::vector<std::uint8_t>& bytes);
+  // The input's first four bytes, little-endian; -1 if the request has no input memory. Ignores the
+  // input's size: the caller has made sure of four bytes.
   static std::int32_t getInt(IoRequest& request);
 
   static void setBuffer(ReaderDevice& device, IoRequest& request,

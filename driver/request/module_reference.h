@@ -1,7 +1,7 @@
 // What keeps the module loaded: its objects and the host's locks, which count alike.
 //
-// Any thread. The count is a constant-initialised number, so that nothing is left to be torn down
-// when the process ends with threads still inside.
+// Any thread. The count is a constant-initialised number, so there is nothing to tear down if the
+// process ends with threads inside.
 #pragma once
 
 #include <atomic>

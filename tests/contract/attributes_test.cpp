@@ -7,7 +7,7 @@
 namespace zelta {
 namespace {
 
-TEST(Attributes, EveryTagIsListedOnce) {
+TEST(Attributes, EveryTag_IsListedOnceAndFound) {
   std::set<std::uint32_t> tags;
   for (const Attribute& attribute : kAttributes) {
     EXPECT_TRUE(tags.insert(attribute.tag).second) << attribute.name;
@@ -15,12 +15,12 @@ TEST(Attributes, EveryTagIsListedOnce) {
   }
 }
 
-TEST(Attributes, UnknownTagIsNotFound) {
+TEST(Attributes, UnknownTag_IsNotFound) {
   EXPECT_EQ(findAttribute(0), nullptr);
   EXPECT_EQ(findAttribute(SCARD_ATTR_DEVICE_IN_USE), nullptr);
 }
 
-TEST(Attributes, OnlyQuantitiesHaveAUnit) {
+TEST(Attributes, AttributesThatAreNoQuantities_HaveNoUnit) {
   for (const Attribute& attribute : kAttributes) {
     if (attribute.kind != AttributeKind::kQuantity) {
       EXPECT_STREQ(attribute.unit, "") << attribute.name;

@@ -12,7 +12,7 @@ struct NumberRow {
 
 class LittleEndianTest : public testing::TestWithParam<NumberRow> {};
 
-TEST_P(LittleEndianTest, NumberTravelsLowestByteFirstAndComesBack) {
+TEST_P(LittleEndianTest, Number_TravelsLowestByteFirstAndComesBack) {
   const auto& [number, bytes] = GetParam();
   EXPECT_EQ(numberBytes(number), bytes);
   const auto array = toLittleEndian(number);
@@ -25,17 +25,17 @@ INSTANTIATE_TEST_SUITE_P(Numbers, LittleEndianTest,
                                          NumberRow{0x12345678, {0x78, 0x56, 0x34, 0x12}},
                                          NumberRow{0xFFFFFFFE, {0xFE, 0xFF, 0xFF, 0xFF}}));
 
-TEST(Hex, WritesTwoUppercaseDigitsAByte) {
+TEST(Hex, Bytes_AreWrittenAsTwoUppercaseDigitsEach) {
   EXPECT_EQ(toHex({}), "");
   EXPECT_EQ(toHex({0x00, 0x9A, 0xFF}), "009AFF");
 }
 
-TEST(Hex, ReadsBothCasesWithSpacesBetweenBytes) {
+TEST(Hex, TextInBothCasesWithSpacesBetweenBytes_IsRead) {
   EXPECT_EQ(parseHex("00 9a Ff\t01"), (Bytes{0x00, 0x9A, 0xFF, 0x01}));
   EXPECT_EQ(parseHex(""), Bytes());
 }
 
-TEST(Hex, RefusesWhatIsNoByte) {
+TEST(Hex, TextThatIsNotHexadecimal_IsRefused) {
   for (const char* text : {"0", "0 0", "0g", "g0", "00 0", "0x00", "-1"}) {
     EXPECT_FALSE(parseHex(text)) << text;
   }

@@ -3,43 +3,44 @@
 
 #include <gtest/gtest.h>
 
-#include <limits>
-
 namespace zelta {
 namespace {
 
 static_assert(kQueryTime == std::chrono::seconds(5));
 static_assert(kAnswerTime == std::chrono::milliseconds(4500));
 
-TEST(Wire, CommandCodesHaveTheirNumbers) {
-  EXPECT_EQ(static_cast<std::uint32_t>(AgentCommand::kQueryAtrReset), 0u);
-  EXPECT_EQ(static_cast<std::uint32_t>(AgentCommand::kQueryAtr), 1u);
-  EXPECT_EQ(static_cast<std::uint32_t>(AgentCommand::kQueryTransmit), 2u);
-  EXPECT_EQ(static_cast<std::uint32_t>(AgentCommand::kNotifyCardReady), 3u);
+static_assert(static_cast<std::uint32_t>(AgentCommand::kQueryAtrReset) == 0);
+static_assert(static_cast<std::uint32_t>(AgentCommand::kQueryAtr) == 1);
+static_assert(static_cast<std::uint32_t>(AgentCommand::kQueryTransmit) == 2);
+static_assert(static_cast<std::uint32_t>(AgentCommand::kNotifyCardReady) == 3);
+
+static_assert(static_cast<std::uint32_t>(AgentEvent::kCardRemoved) == 0);
+static_assert(static_cast<std::uint32_t>(AgentEvent::kCardInserted) == 1);
+static_assert(static_cast<std::uint32_t>(AgentEvent::kSessionLogId) == 2);
+
+static_assert(sizeof kPipePrefix - 1 == 38);
+
+struct NameRow {
+  std::uint32_t index;
+  const char* command;
+  const char* event;
+};
+
+class PipeNames : public testing::TestWithParam<NameRow> {};
+
+TEST_P(PipeNames, Reader_HasNamesThatEndWithItsUnsignedIndex) {
+  EXPECT_EQ(commandPipeName(GetParam().index), GetParam().command);
+  EXPECT_EQ(eventPipeName(GetParam().index), GetParam().event);
 }
 
-TEST(Wire, EventCodesHaveTheirNumbers) {
-  EXPECT_EQ(static_cast<std::uint32_t>(AgentEvent::kCardRemoved), 0u);
-  EXPECT_EQ(static_cast<std::uint32_t>(AgentEvent::kCardInserted), 1u);
-  EXPECT_EQ(static_cast<std::uint32_t>(AgentEvent::kSessionLogId), 2u);
-}
-
-TEST(Wire, PipeNamesOfReaderZero) {
-  EXPECT_EQ(commandPipeName(0),
-            R"(\\.\pipe\ProtectedPrefix\LocalService\zelta_smartcard_command0)");
-  EXPECT_EQ(eventPipeName(0), R"(\\.\pipe\ProtectedPrefix\LocalService\zelta_smartcard_event0)");
-}
-
-TEST(Wire, PipeNamesEndWithTheUnsignedIndex) {
-  EXPECT_EQ(eventPipeName(12), R"(\\.\pipe\ProtectedPrefix\LocalService\zelta_smartcard_event12)");
-  const std::uint32_t last = std::numeric_limits<std::uint32_t>::max();
-  EXPECT_EQ(commandPipeName(last),
-            R"(\\.\pipe\ProtectedPrefix\LocalService\zelta_smartcard_command4294967295)");
-  EXPECT_EQ(eventPipeName(last),
-            R"(\\.\pipe\ProtectedPrefix\LocalService\zelta_smartcard_event4294967295)");
-}
-
-TEST(Wire, PipePrefixHas38Characters) { EXPECT_EQ(std::string(kPipePrefix).size(), 38u); }
+INSTANTIATE_TEST_SUITE_P(
+    Readers, PipeNames,
+    testing::Values(
+        NameRow{0, R"(\\.\pipe\ProtectedPrefix\LocalService\zelta_smartcard_command0)",
+                R"(\\.\pipe\ProtectedPrefix\LocalService\zelta_smartcard_event0)"},
+        NameRow{4294967295,
+                R"(\\.\pipe\ProtectedPrefix\LocalService\zelta_smartcard_command4294967295)",
+                R"(\\.\pipe\ProtectedPrefix\LocalService\zelta_smartcard_event4294967295)"}));
 
 }  // namespace
 }  // namespace zelta

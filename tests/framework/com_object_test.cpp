@@ -31,7 +31,7 @@ class Memoryless final : public ComObject<Memoryless, IObjectCleanup> {
   void ZELTA_STDMETHODCALLTYPE OnCleanup(IWDFObject*) override {}
 };
 
-TEST(ComObject, BelongsToItsCreatorFirst) {
+TEST(ComObject, NewObject_BelongsToItsCreator) {
   int living = 0;
   TwoFaced* object = createObject<TwoFaced>(living);
   ASSERT_NE(object, nullptr);
@@ -42,7 +42,7 @@ TEST(ComObject, BelongsToItsCreatorFirst) {
   EXPECT_EQ(living, 0);
 }
 
-TEST(ComObject, AnswersForItsInterfacesWithANewReference) {
+TEST(ComObject, QueryInterface_GivesANewReferenceOnEachInterface) {
   int living = 0;
   const auto object = ComPtr<TwoFaced>::adopt(createObject<TwoFaced>(living));
   ComPtr<IObjectCleanup> cleanup;
@@ -57,7 +57,7 @@ TEST(ComObject, AnswersForItsInterfacesWithANewReference) {
   EXPECT_EQ(object->last, "OnCancel");
 }
 
-TEST(ComObject, HasOneIdentity) {
+TEST(ComObject, EveryInterface_HasTheSameIdentity) {
   int living = 0;
   const auto object = ComPtr<TwoFaced>::adopt(createObject<TwoFaced>(living));
   ComPtr<IRequestCallbackCancel> cancel;
@@ -69,7 +69,7 @@ TEST(ComObject, HasOneIdentity) {
   EXPECT_EQ(first.get(), second.get());
 }
 
-TEST(ComObject, RefusesOtherInterfacesAndClearsTheResult) {
+TEST(ComObject, OtherInterfaces_AreRefusedAndTheResultCleared) {
   int living = 0;
   const auto object = ComPtr<TwoFaced>::adopt(createObject<TwoFaced>(living));
   void* out = &living;
@@ -80,11 +80,9 @@ TEST(ComObject, RefusesOtherInterfacesAndClearsTheResult) {
   object->Release();
 }
 
-TEST(ComObject, WithoutMemoryForItsMembersIsNull) {
-  EXPECT_EQ(createObject<Memoryless>(), nullptr);
-}
+TEST(ComObject, NoMemoryForItsMembers_IsNull) { EXPECT_EQ(createObject<Memoryless>(), nullptr); }
 
-TEST(ComObject, CountsReferencesOfSeveralThreads) {
+TEST(ComObject, ReferencesOfSeveralThreads_AreCounted) {
   int living = 0;
   TwoFaced* object = createObject<TwoFaced>(living);
   std::vector<std::thread> threads;
@@ -104,7 +102,7 @@ TEST(ComObject, CountsReferencesOfSeveralThreads) {
   EXPECT_EQ(living, 0);
 }
 
-TEST(ComPtr, TakesGivesUpAndReleases) {
+TEST(ComPtr, CopiedMovedAndDetached_OwnsOneReferenceEach) {
   int living = 0;
   TwoFaced* object = createObject<TwoFaced>(living);
   {

@@ -2,10 +2,6 @@
 // and answers each with a line, "ok" or "failed"; ends with its input.
 //
 //   connect       opens the pipes and serves the driver; done when that has asked for the card
-//   card in|out   moves the card without a report
-//   insert        moves the card and reports it
-//   remove        the same
-//   session ID    reports the session
 //   mute          from now on transmits are not answered
 //   transmits N   waits until so many have come
 #include <atomic>
@@ -13,7 +9,6 @@
 #include <sstream>
 #include <string>
 
-#include "contract/bytes.h"
 #include "contract/wire.h"
 #include "tests/module/test_card.h"
 
@@ -22,18 +17,16 @@ namespace {
 
 class AgentProgram {
  public:
+  AgentProgram() { card_.insert(); }
+
   bool obey(std::istringstream command) {
     std::string verb;
-    std::string object;
-    command >> verb >> object;
+    int count = 0;
+    command >> verb >> count;
     if (verb == "connect") return connect();
-    if (verb == "card") return move(object == "in");
-    if (verb == "insert") return move(true) && agent_.sendEvent(AgentEvent::kCardInserted);
-    if (verb == "remove") return move(false) && agent_.sendEvent(AgentEvent::kCardRemoved);
-    if (verb == "session") return agent_.sendSessionLogId(object);
     if (verb == "mute") return mute_ = true;
     if (verb == "transmits") {
-      return agent_.waitForCommands(AgentCommand::kQueryTransmit, std::stoi(object));
+      return agent_.waitForCommands(AgentCommand::kQueryTransmit, count);
     }
     return false;
   }
@@ -48,15 +41,6 @@ class AgentProgram {
     };
     return agent_.connect(answer) &&
            agent_.waitForCommands(AgentCommand::kQueryAtrReset, asked + 1);
-  }
-
-  bool move(bool in) {
-    if (in) {
-      card_.insert();
-    } else {
-      card_.pull();
-    }
-    return true;
   }
 
   std::atomic<bool> mute_{false};

@@ -10,11 +10,11 @@
 //
 // CODE of a control, STATUS, OUTPUT and HEX are hexadecimal.
 #include <cstdlib>
-#include <iomanip>
 #include <iostream>
 #include <sstream>
 #include <string>
 
+#include "contract/bytes.h"
 #include "host/driver_host.h"
 #include "host/driver_module.h"
 
@@ -25,19 +25,8 @@ using namespace std::chrono_literals;
 
 constexpr std::chrono::milliseconds kLong = 60s;
 
-std::vector<std::uint8_t> fromHex(const std::string& text) {
-  std::vector<std::uint8_t> bytes;
-  for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
-    bytes.push_back(static_cast<std::uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
-  }
-  return bytes;
-}
-
 std::string textOf(const host::IoResult& result) {
-  std::ostringstream text;
-  text << host::codeText(result.status) << " " << std::hex << std::uppercase << std::setfill('0');
-  for (const std::uint8_t byte : result.output) text << std::setw(2) << unsigned{byte};
-  return text.str();
+  return host::codeText(result.status) + " " + toHex(result.output);
 }
 
 class HostProgram {
@@ -71,7 +60,7 @@ class HostProgram {
     std::size_t capacity = 0;
     std::string input;
     arguments >> std::hex >> code >> std::dec >> capacity >> input;
-    return textOf(file_->control(code, fromHex(input), capacity, kLong));
+    return textOf(file_->control(code, parseHex(input).value_or(Bytes()), capacity, kLong));
   }
 
   std::string submit(std::istringstream& arguments) {

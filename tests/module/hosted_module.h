@@ -6,7 +6,7 @@
 
 #include <future>
 
-#include "contract/bytes.h"
+#include "contract/attributes.h"
 #include "contract/io_controls.h"
 #include "contract/reader_states.h"
 #include "contract/wire.h"
@@ -37,7 +37,7 @@ class HostedModuleTest : public ::testing::Test {
   host::IoResult control(std::uint32_t code, const Bytes& input = {}, std::size_t capacity = 0) {
     return file_->control(code, input, capacity, kLong);
   }
-  framework::HRESULT status(std::uint32_t code, const Bytes& input = {}, std::size_t capacity = 0) {
+  Status statusOf(std::uint32_t code, const Bytes& input = {}, std::size_t capacity = 0) {
     return control(code, input, capacity).status;
   }
   // A request that waits for a card to come or go; returned once it is in the driver.
@@ -60,32 +60,32 @@ class HostedModuleTest : public ::testing::Test {
     ASSERT_TRUE(agent_.waitForCommands(AgentCommand::kQueryAtrReset, asked + 1));
     if (!card_.present()) return;
     ASSERT_TRUE(waiting->wait(kLong));
-    ASSERT_EQ(waiting->result().status, answer::kSuccess);
+    ASSERT_EQ(waiting->result().status, status::kSuccess);
   }
-  // With a card that is ready for commands.
-  void connectWithPoweredCard(std::uint32_t protocol) {
+  // Makes a card that is in ready for commands.
+  void powerCard() {
+    EXPECT_EQ(control(IOCTL_SMARTCARD_POWER, numberBytes(SCARD_COLD_RESET), 64).output,
+              TestCard::atrOfT1());
+    EXPECT_EQ(statusOf(IOCTL_SMARTCARD_SET_PROTOCOL, numberBytes(SCARD_PROTOCOL_T1)),
+              status::kSuccess);
+  }
+  void connectWithPoweredCard() {
     card_.insert();
     connectAgent();
-    ASSERT_EQ(status(IOCTL_SMARTCARD_POWER, number(SCARD_COLD_RESET), 64), answer::kSuccess);
-    ASSERT_EQ(status(IOCTL_SMARTCARD_SET_PROTOCOL, number(protocol)), answer::kSuccess);
-  }
-  // The reader serves a new agent and its card.
-  void expectWorkingReader() {
-    agent_.die();
-    card_.setAtr(TestCard::atrOfT1());
-    connectWithPoweredCard(SCARD_PROTOCOL_T1);
-    EXPECT_EQ(transmit({0x00, 0xB0, 0x01}), TestCard::responseTo({0x00, 0xB0, 0x01}));
+    powerCard();
   }
 
-  std::uint32_t state() { return toNumber(control(IOCTL_SMARTCARD_GET_STATE, {}, 4).output); }
-  host::IoResult attribute(std::uint32_t tag) {
-    return control(IOCTL_SMARTCARD_GET_ATTRIBUTE, number(tag), 256);
+  std::uint32_t state() {
+    const Bytes output = control(IOCTL_SMARTCARD_GET_STATE, {}, kNumberSize).output;
+    EXPECT_EQ(output.size(), kNumberSize);
+    return output.size() == kNumberSize ? loadLittleEndian(output.data()) : SCARD_UNKNOWN;
   }
-  // The card's response, without the header; empty where the transmit fails.
-  Bytes transmit(const Bytes& apdu, std::uint32_t protocol = SCARD_PROTOCOL_T1) {
-    const host::IoResult result = control(IOCTL_SMARTCARD_TRANSMIT, transmitBuffer(protocol, apdu),
-                                          apdu.size() + 2 * kTransmitHeaderSize);
-    if (result.status != answer::kSuccess) return {};
+  // The card's response, without the header; empty if the transmit fails.
+  Bytes transmit(const Bytes& apdu) {
+    const host::IoResult result =
+        control(IOCTL_SMARTCARD_TRANSMIT, transmitBuffer(SCARD_PROTOCOL_T1, apdu),
+                apdu.size() + 2 * kTransmitHeaderSize);
+    if (result.status != status::kSuccess) return {};
     EXPECT_EQ(result.output.size(), result.information);
     return {result.output.begin() + kTransmitHeaderSize, result.output.end()};
   }

@@ -1,6 +1,6 @@
-// For the test programs that prove that the module goes: what it keeps for the life of the process
-// cannot be found again then (leak_check_pinned.cpp), so a leak checker would report it. Leaks of
-// the same code are looked for by the other programs of this folder.
+// For the test program that shows that the module goes. What that keeps for the life of the process
+// cannot be found again once it is unmapped (leak_check_pinned.cpp), so a leak checker would report
+// it. The tests of the folders look for leaks of the same code.
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
 #define LEAKS_ARE_CHECKED 1

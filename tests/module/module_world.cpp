@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "contract/class_ids.h"
+
 namespace zelta::test {
 
 using framework::ComPtr;
@@ -17,8 +19,6 @@ Function exported(platform::ModuleHandle module, const char* name) {
   EXPECT_NE(address, nullptr) << name;
   return reinterpret_cast<Function>(address);
 }
-
-using PlainExport = HRESULT(ZELTA_STDMETHODCALLTYPE*)();
 
 }  // namespace
 
@@ -38,44 +38,29 @@ std::size_t ModuleWorld::countInLog(const std::string& text) const {
   return count;
 }
 
-DriverExports::DriverExports() {
+DriverExports::DriverExports(AtTheEnd end) : end_(end) {
   std::string reason;
   module_ = platform::openModule(ZELTA_VSC_MODULE, &reason);
   EXPECT_NE(module_, nullptr) << reason;
 }
 
 DriverExports::~DriverExports() {
-  EXPECT_EQ(canUnload(), framework::kOk);
+  if (end_ == AtTheEnd::kMustGo) {
+    EXPECT_EQ(canUnload(), framework::kOk);
+  }
   std::string reason;
   EXPECT_TRUE(platform::closeModule(module_, &reason)) << reason;
 }
 
-HRESULT DriverExports::getClassObject(const framework::CLSID& classId, const framework::IID& wanted,
-                                      void** out) const {
-  using Export = HRESULT(ZELTA_STDMETHODCALLTYPE*)(framework::REFCLSID, framework::REFIID, void**);
-  return exported<Export>(module_, "DllGetClassObject")(classId, wanted, out);
-}
-
-HRESULT DriverExports::canUnload() const {
-  return exported<PlainExport>(module_, "DllCanUnloadNow")();
-}
-
-HRESULT DriverExports::registerServer() const {
-  return exported<PlainExport>(module_, "DllRegisterServer")();
-}
-
-HRESULT DriverExports::unregisterServer() const {
-  return exported<PlainExport>(module_, "DllUnregisterServer")();
-}
-
-const std::uint32_t* DriverExports::version() const {
-  return static_cast<const std::uint32_t*>(
-      platform::moduleSymbol(module_, "Microsoft_WDF_UMDF_Version"));
+HRESULT DriverExports::call(const char* name) const {
+  return exported<HRESULT(ZELTA_STDMETHODCALLTYPE*)()>(module_, name)();
 }
 
 ComPtr<framework::IClassFactory> DriverExports::factory() const {
+  using Export = HRESULT(ZELTA_STDMETHODCALLTYPE*)(framework::REFCLSID, framework::REFIID, void**);
   ComPtr<framework::IClassFactory> factory;
-  EXPECT_EQ(getClassObject(kDriverClass, framework::IClassFactory::iid, factory.putVoid()),
+  EXPECT_EQ(exported<Export>(module_, "DllGetClassObject")(
+                kDriverClassId, framework::IClassFactory::iid, factory.putVoid()),
             framework::kOk);
   return factory;
 }

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "contract/status.h"
 #include "framework/wdf.h"
 #include "platform/process/module_loader.h"
 #include "tests/module/test_card.h"
@@ -20,20 +21,6 @@ using namespace std::chrono_literals;
 
 // Longer than anything takes that does not hang.
 inline constexpr std::chrono::milliseconds kLong = 60s;
-
-namespace answer {
-
-inline constexpr framework::HRESULT kSuccess = 0;
-inline constexpr framework::HRESULT kInvalidArgument = framework::hresult(0x80070057);
-inline constexpr framework::HRESULT kInvalidState = framework::hresult(0x8007139F);
-inline constexpr framework::HRESULT kNotSupported = framework::hresult(0x80070032);
-inline constexpr framework::HRESULT kCancelled = framework::hresult(0x800704C7);
-inline constexpr framework::HRESULT kGenFailure = framework::hresult(0x8007001F);
-inline constexpr framework::HRESULT kUnrecognizedMedia = framework::hresult(0x800706F9);
-inline constexpr framework::HRESULT kNoMedia = framework::hresult(0xC0000178);
-inline constexpr framework::HRESULT kInvalidDeviceState = framework::hresult(0xC0000184);
-
-}  // namespace answer
 
 // The policy that writes every level but the last, which the driver never writes.
 inline constexpr std::uint32_t kEveryLevel = 3;
@@ -77,30 +64,23 @@ class ModuleWorld {
 // The module under test, loaded by this object and used through its exports alone.
 class DriverExports {
  public:
-  DriverExports();
-  // Unloads; a failure of the test where the module does not let go.
+  enum class AtTheEnd { kMustGo, kIsNotAsked };
+
+  explicit DriverExports(AtTheEnd end = AtTheEnd::kMustGo);
+  // Unloads; a failure of the test if the module is to let go and does not.
   ~DriverExports();
   DriverExports(const DriverExports&) = delete;
   DriverExports& operator=(const DriverExports&) = delete;
 
-  framework::HRESULT getClassObject(const framework::CLSID& classId, const framework::IID& wanted,
-                                    void** out) const;
-  framework::HRESULT canUnload() const;
-  framework::HRESULT registerServer() const;
-  framework::HRESULT unregisterServer() const;
-  // Major and minor.
-  const std::uint32_t* version() const;
-
+  // An exported function without arguments.
+  framework::HRESULT call(const char* name) const;
+  framework::HRESULT canUnload() const { return call("DllCanUnloadNow"); }
   framework::ComPtr<framework::IClassFactory> factory() const;
   framework::ComPtr<framework::IDriverEntry> driver() const;
 
  private:
+  const AtTheEnd end_;
   platform::ModuleHandle module_ = nullptr;
 };
-
-inline constexpr framework::CLSID kDriverClass = {
-    0xA44A2DF4, 0xDCA4, 0x4767, {0x8E, 0xC4, 0x86, 0xFE, 0x61, 0x1C, 0x2E, 0xA7}};
-inline constexpr framework::GUID kReaderInterfaceClass = {
-    0x50DD5230, 0xBA8A, 0x11D1, {0xBF, 0x5D, 0x00, 0x00, 0xF8, 0x05, 0xF5, 0x30}};
 
 }  // namespace zelta::test

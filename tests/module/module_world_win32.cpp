@@ -1,6 +1,6 @@
 #include "tests/module/module_world.h"
 
-// behind the framework's names, some of which are macros in here
+// after the framework's names, some of which are macros in here
 #include <windows.h>
 // windows.h comes first
 #include <shlobj.h>

@@ -8,6 +8,7 @@
 
 #include "contract/bytes.h"
 #include "contract/io_controls.h"
+#include "contract/reader_states.h"
 #include "tests/module/test_card.h"
 #include "tests/support/child_process.h"
 
@@ -32,7 +33,7 @@ class AgentProgram {
   ChildProcess process_;
 };
 
-// host_program.cpp: a driver host with the module. A failure of the test where it does not come up.
+// host_program.cpp: a driver host with the module. A failure of the test if it does not come up.
 class HostProgram {
  public:
   HostProgram() : process_(ZELTA_HOST_PROGRAM_OF_TESTS, {ZELTA_VSC_MODULE}) {
@@ -41,16 +42,22 @@ class HostProgram {
 
   // "STATUS OUTPUT".
   std::string control(std::uint32_t code, const Bytes& input = {}) {
-    return ask("control " + hex(code) + " 1024 " + hex(input));
+    return ask("control " + hexCode(code) + " 1024 " + toHex(input));
+  }
+  // The ATR after a reset; none if that fails.
+  std::optional<Bytes> reset() {
+    return parseHex(control(IOCTL_SMARTCARD_POWER, numberBytes(SCARD_COLD_RESET))
+                        .substr(std::string(kDone).size()));
   }
   // The response, after the header, of a transmit that succeeds.
-  std::string transmit(std::uint32_t protocol, const Bytes& apdu) {
-    const std::string result = control(IOCTL_SMARTCARD_TRANSMIT, transmitBuffer(protocol, apdu));
-    const std::string good = kDone + hex(transmitBuffer(protocol, {}));
+  std::string transmit(const Bytes& apdu) {
+    const std::string result =
+        control(IOCTL_SMARTCARD_TRANSMIT, transmitBuffer(SCARD_PROTOCOL_T1, apdu));
+    const std::string good = kDone + toHex(transmitBuffer(SCARD_PROTOCOL_T1, {}));
     return result.rfind(good, 0) == 0 ? result.substr(good.size()) : result;
   }
   // A request that waits in the driver, and how it ends.
-  bool submit(std::uint32_t code) { return ask("submit " + hex(code)) == "ok"; }
+  bool submit(std::uint32_t code) { return ask("submit " + hexCode(code)) == "ok"; }
   std::string result() { return ask("result"); }
   bool down() { return ask("down") == "ok"; }
 
@@ -58,20 +65,11 @@ class HostProgram {
   void kill() { process_.kill(); }
   std::optional<int> wait() { return process_.wait(); }
 
-  static std::string hex(const Bytes& bytes) {
-    constexpr char kDigits[] = "0123456789ABCDEF";
-    std::string text;
-    for (const std::uint8_t byte : bytes) {
-      text += kDigits[byte >> 4];
-      text += kDigits[byte & 15];
-    }
-    return text;
-  }
   // The beginning of a success.
   static constexpr char kDone[] = "0x00000000 ";
 
  private:
-  static std::string hex(std::uint32_t code) {
+  static std::string hexCode(std::uint32_t code) {
     std::ostringstream text;
     text << std::hex << code;
     return text.str();

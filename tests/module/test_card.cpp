@@ -1,41 +1,30 @@
 #include "tests/module/test_card.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <array>
 
-#include "contract/bytes.h"
 #include "contract/io_controls.h"
 #include "contract/wire.h"
 
 namespace zelta::test {
 
-Bytes number(std::uint32_t value) {
-  const auto bytes = toLittleEndian(value);
-  return {bytes.begin(), bytes.end()};
-}
-
-std::uint32_t toNumber(const Bytes& bytes) {
-  std::array<std::uint8_t, 4> four{};
-  EXPECT_EQ(bytes.size(), four.size());
-  std::copy_n(bytes.begin(), std::min(bytes.size(), four.size()), four.begin());
-  return loadLittleEndian(four.data());
-}
-
-Bytes operator+(Bytes front, const Bytes& back) {
-  front.insert(front.end(), back.begin(), back.end());
-  return front;
-}
-
 Bytes transmitBuffer(std::uint32_t protocol, const Bytes& apdu) {
-  return number(protocol) + number(kTransmitHeaderSize) + apdu;
+  Bytes buffer(kTransmitHeaderSize + apdu.size());
+  storeLittleEndian(buffer.data(), protocol);
+  storeLittleEndian(buffer.data() + kNumberSize, kTransmitHeaderSize);
+  std::copy(apdu.begin(), apdu.end(), buffer.begin() + kTransmitHeaderSize);
+  return buffer;
+}
+
+Bytes TestCard::responseTo(Bytes apdu) {
+  apdu.push_back(0x90);
+  apdu.push_back(0x00);
+  return apdu;
 }
 
 LinkAgent::Answer TestCard::answers() {
   return [this](const LinkAgent::Command& command) -> std::optional<Bytes> {
     if (!present_) return Bytes();
-    return command.code == AgentCommand::kQueryTransmit ? responseTo(command.apdu) : atr_;
+    return command.code == AgentCommand::kQueryTransmit ? responseTo(command.apdu) : atrOfT1();
   };
 }
 

@@ -23,23 +23,23 @@ class ChildProcess {
   // The exit code of a process that `kill` ended.
   static constexpr int kKilled = 137;
 
-  // Throws std::runtime_error where it cannot be started. Arguments hold no quotation marks.
+  // Throws std::runtime_error if it cannot be started. Arguments hold no quotation marks.
   explicit ChildProcess(const std::string& program, const std::vector<std::string>& arguments = {});
   // Kills what still runs.
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  // To its standard input. False where it has ended.
+  // Writes to its standard input. False if it has ended.
   bool writeLine(const std::string& line) { return system_->write(line + "\n"); }
-  // The next line without its end; none where the output has ended or the limit has passed.
+  // The next line without its end; none if the output has ended or the limit has passed.
   std::optional<std::string> readLine() ZELTA_EXCLUDES(mutex_);
-  // Reads on to a line with that text in it. False where there is none.
+  // Reads on to a line with that text in it. False if there is none.
   bool readLineWith(const std::string& text) ZELTA_EXCLUDES(mutex_);
 
   // Ends it as a crash does: nothing of the program's own runs any more.
   void kill() { system_->kill(); }
-  // Its exit code, when it has ended; none where it runs on beyond the limit.
+  // Waits for its end and gives its exit code; none if it runs on beyond the limit.
   std::optional<int> wait() ZELTA_EXCLUDES(mutex_);
 
  private:
@@ -50,7 +50,7 @@ class ChildProcess {
     virtual bool write(const std::string& bytes) = 0;
     // What there is, at least a byte; empty at the end.
     virtual std::string read() = 0;
-    // Nothing where it has ended.
+    // Does nothing if it has ended.
     virtual void kill() = 0;
     // Waits; the exit code.
     virtual int wait() = 0;

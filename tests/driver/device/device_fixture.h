@@ -5,17 +5,24 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <thread>
 
 #include "contract/bytes.h"
+#include "contract/status.h"
 #include "driver/device/my_device.h"
 #include "platform/process/ports.h"
-#include "tests/doubles/framework/fake_wdf_device.h"
+#include "tests/doubles/framework/fake_framework.h"
 #include "tests/driver/device/recording_reader.h"
 #include "tests/support/fake_winsock.h"
 #include "tests/support/log_capture.h"
 
 namespace zelta::test {
+
+// The log's code if there is none.
+inline constexpr auto kNoCode = static_cast<std::uint32_t>(-500);
+
+constexpr std::uint32_t logCode(Status status) { return static_cast<std::uint32_t>(status); }
 
 class DeviceFixture : public testing::Test {
  protected:
@@ -27,12 +34,12 @@ class DeviceFixture : public testing::Test {
 
   ~DeviceFixture() override {
     takeDown();
-    wdf_.reset();
-    EXPECT_EQ(livingObjects(), 0) << "references on the framework's objects not released";
+    framework_.driver.giveUp();
+    EXPECT_THAT(framework_.complaints(), testing::IsEmpty());
     platform::replacePorts(systemPorts_);
   }
 
-  // The readers that the device makes; the test may change it before.
+  // The readers that the device makes; a test may change it first.
   ReaderFactory factory_ = [this](std::uint32_t index,
                                   ReaderDevice* device) -> std::unique_ptr<Reader> {
     auto made = std::make_unique<RecordingReader>(index, device, story_);
@@ -41,51 +48,33 @@ class DeviceFixture : public testing::Test {
   };
 
   framework::HRESULT create() {
-    const framework::HRESULT result = CMyDevice::CreateInstance(wdf_.get(), &init_, factory_);
-    if (wdf_->device) {
-      framework::ComPtr<framework::IPnpCallbackHardware> hardware;
-      wdf_->device->deviceCallback->QueryInterface(framework::IPnpCallbackHardware::iid,
-                                                   hardware.putVoid());
-      device_ = static_cast<CMyDevice*>(hardware.get());  // the framework keeps it
-    }
+    const framework::HRESULT result =
+        CMyDevice::CreateInstance(&framework_.driver, &framework_.init, factory_);
+    if (wdfDevice() != nullptr) device_ = static_cast<CMyDevice*>(framework_.hardware().get());
     return result;
   }
 
   void bringUp() {
-    ASSERT_EQ(create(), 0);
-    ASSERT_EQ(device_->OnPrepareHardware(wdfDevice()), 0);
-    ASSERT_EQ(device_->OnD0Entry(wdfDevice(), framework::kPowerDeviceD3Final), 0);
+    ASSERT_EQ(create(), status::kSuccess);
+    ASSERT_EQ(framework_.prepareHardware(), status::kSuccess);
+    ASSERT_EQ(framework_.enterD0(), status::kSuccess);
     story_.taken();
     log_.clear();
   }
 
-  // Down as the framework does it; harmless where nothing is up.
+  // As the framework does it; harmless if nothing is up.
   void takeDown() {
-    if (device_ == nullptr) return;
-    device_->OnD0Exit(wdfDevice(), framework::kPowerDeviceD3Final);
-    device_->OnReleaseHardware(wdfDevice());
+    framework_.takeDown();
     device_ = nullptr;
-    wdf_->device->letGo();
   }
 
-  FakeWdfDevice* wdfDevice() { return wdf_->device.get(); }
+  FakeWdfDevice* wdfDevice() { return framework_.device(); }
 
-  // A request that is handed to the device through its queue, as the framework does it.
-  std::shared_ptr<Outcome> send(std::uint32_t code, RequestSetup setup = {}) {
+  // Hands a request to the device through its queue. It has to be completed under the device lock.
+  FakeWdfRequest& send(std::uint32_t code, RequestSetup setup = {}) {
+    setup.code = code;
     setup.onComplete = [this] { EXPECT_TRUE(lockIsHeld()) << "completed without the device lock"; };
-    auto* request = new FakeWdfRequest(setup);
-    const std::shared_ptr<Outcome> outcome = request->outcome();
-    dispatch(request, code, setup);
-    return outcome;
-  }
-
-  // Takes over the framework's reference.
-  void dispatch(FakeWdfRequest* request, std::uint32_t code, const RequestSetup& setup) {
-    framework::ComPtr<framework::IQueueCallbackDeviceIoControl> queue;
-    wdfDevice()->queueCallback->QueryInterface(framework::IQueueCallbackDeviceIoControl::iid,
-                                               queue.putVoid());
-    queue->OnDeviceIoControl(nullptr, request, code, setup.input.value_or(Bytes{}).size(),
-                             setup.outputCapacity.value_or(0));
+    return framework_.dispatch(setup);
   }
 
   bool lockIsHeld() {
@@ -98,20 +87,21 @@ class DeviceFixture : public testing::Test {
     return held;
   }
 
+  // The references on the device beside the one that is asked for.
+  framework::ULONG referencesOnDevice() {
+    device_->AddRef();
+    return device_->Release();
+  }
+
   LogCapture log_;
   FakeWinsock winsock_;
   ReaderStory story_;
-  FakeWdfDeviceInitialize init_;
-  framework::ComPtr<FakeWdfDriver> wdf_ =
-      framework::ComPtr<FakeWdfDriver>::adopt(new FakeWdfDriver);
+  FakeFramework framework_;
   CMyDevice* device_ = nullptr;        // the framework's
   RecordingReader* reader_ = nullptr;  // the device's
 
  private:
   const platform::Ports systemPorts_;
 };
-
-// Codes and names of the tests' expectations.
-inline constexpr auto kNoCode = static_cast<std::uint32_t>(-500);
 
 }  // namespace zelta::test

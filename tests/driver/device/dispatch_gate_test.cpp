@@ -4,28 +4,16 @@
 
 #include <atomic>
 #include <future>
+#include <optional>
 #include <thread>
 #include <vector>
 
 namespace zelta {
 namespace {
 
-TEST(DispatchGate, IsClosedAtFirst) {
+TEST(DispatchGate, Closed_AdmitsNobodyAndMayBeClosedAgain) {
   DispatchGate gate;
-  EXPECT_FALSE(DispatchGate::Pass(gate).admitted());
-}
-
-TEST(DispatchGate, AdmitsSeveralAtOnceWhileOpen) {
-  DispatchGate gate;
-  gate.open();
-  const DispatchGate::Pass first(gate);
-  const DispatchGate::Pass second(gate);
-  EXPECT_TRUE(first.admitted());
-  EXPECT_TRUE(second.admitted());
-}
-
-TEST(DispatchGate, ClosedAdmitsNobodyAndMayBeClosedAgain) {
-  DispatchGate gate;
+  EXPECT_FALSE(DispatchGate::Pass(gate).admitted()) << "closed at first";
   gate.open();
   gate.close();
   gate.close();
@@ -35,30 +23,28 @@ TEST(DispatchGate, ClosedAdmitsNobodyAndMayBeClosedAgain) {
   EXPECT_TRUE(DispatchGate::Pass(gate).admitted());
 }
 
-TEST(DispatchGate, PassThatWasRefusedDoesNotLeave) {
+TEST(DispatchGate, Open_AdmitsSeveralAtOnceAndClosingDoesNotWaitForThem) {
   DispatchGate gate;
   gate.open();
-  {
-    const DispatchGate::Pass inside(gate);
-    ASSERT_TRUE(inside.admitted());
-  }
-  gate.close();
-  { const DispatchGate::Pass refused(gate); }
-  gate.open();
-  gate.close();
-  gate.awaitEmpty();  // would wait for ever where the refused one had been counted
-}
-
-TEST(DispatchGate, ClosingDoesNotWaitForThoseInsideAndLetsNobodyElseIn) {
-  DispatchGate gate;
-  gate.open();
-  const DispatchGate::Pass inside(gate);
-  gate.close();  // on the thread that is inside: would wait for ever
-  EXPECT_TRUE(inside.admitted());
+  const DispatchGate::Pass first(gate);
+  const DispatchGate::Pass second(gate);
+  EXPECT_TRUE(first.admitted());
+  EXPECT_TRUE(second.admitted());
+  gate.close();  // on the thread that is inside
   EXPECT_FALSE(DispatchGate::Pass(gate).admitted());
 }
 
-TEST(DispatchGate, TheLastOneInsideIsAwaited) {
+TEST(DispatchGate, RefusedPass_IsNotCounted) {
+  DispatchGate gate;
+  gate.open();
+  std::optional<DispatchGate::Pass> inside(std::in_place, gate);
+  gate.close();
+  { const DispatchGate::Pass refused(gate); }
+  inside.reset();
+  gate.awaitEmpty();  // would wait for ever if the refused one had been counted
+}
+
+TEST(DispatchGate, LastOneInside_IsAwaited) {
   DispatchGate gate;
   gate.open();
   std::promise<void> inside;
@@ -81,7 +67,7 @@ TEST(DispatchGate, TheLastOneInsideIsAwaited) {
   visitor.join();
 }
 
-TEST(DispatchGate, NobodyIsInsideWhileItIsClosed) {
+TEST(DispatchGate, ClosedAndEmpty_HasNobodyInside) {
   DispatchGate gate;
   gate.open();
   int shared = 0;  // written only while the gate is closed

@@ -1,12 +1,10 @@
 // Parallel dispatch from the framework's side, with cancellation racing completion and shutdown.
-// The framework's double fails the test where a request is completed twice, touched afterwards or
-// let go of without completion.
+// The framework's double complains if a request is not completed exactly once, or touched after.
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <future>
 
-#include "contract/bytes.h"
 #include "contract/io_controls.h"
 #include "diagnostics/traced_lock.h"
 #include "tests/driver/device/device_fixture.h"
@@ -15,61 +13,69 @@
 namespace zelta {
 namespace {
 
-using framework::ComPtr;
-using test::DeviceFixture;
 using test::FakeWdfRequest;
-using test::Outcome;
+using test::repetitions;
 using test::RequestSetup;
 
-class DispatchRace : public DeviceFixture {
+class DispatchRace : public test::DeviceFixture {
  protected:
   void SetUp() override { bringUp(); }
 
-  ComPtr<FakeWdfRequest> make(const RequestSetup& setup = {}) {
-    return ComPtr<FakeWdfRequest>(new FakeWdfRequest(setup));  // the test's own reference beside
-  }
+  FakeWdfRequest& make(std::uint32_t code) { return framework_.makeRequest({code, {}, {}}); }
 
   // As the agent's events and the reader's shutdown complete what waits.
-  void completeWaiting(CardEvent awaited, framework::HRESULT status) {
+  void completeWaiting(CardEvent awaited, Status status) {
     const TracedLock lock("test", reader_->waiting().deviceLock(), __LINE__);
     reader_->waiting().completeAll(awaited, status);
   }
+
+  // Two requests on two threads while `race` and the shutdown run on two others.
+  template <typename Race>
+  void raceShutdown(std::uint32_t code, Race race) {
+    FakeWdfRequest& first = make(code);
+    FakeWdfRequest& second = make(code);
+    std::thread racer([&] { race(first, second); });
+    std::thread sender([&] { framework_.dispatch(first); });
+    std::thread stopper([&] { device_->OnQueryRemove(wdfDevice()); });
+    framework_.dispatch(second);
+    racer.join();
+    sender.join();
+    stopper.join();
+    ASSERT_TRUE(first.completed() && second.completed());
+  }
 };
 
-TEST_F(DispatchRace, CancelRacesTheEvent) {
-  for (int round = 0; round < test::repetitions(2000); ++round) {
+TEST_F(DispatchRace, CancelRacingTheEvent_CompletesTheRequestOnce) {
+  for (int round = 0; round < repetitions(2000); ++round) {
     log_.clear();
     const bool insert = round % 2 == 0;
     story_.checkResult = insert ? QueryResult::kFailure : QueryResult::kSuccess;
-    const auto request = make();
-    std::thread canceller([&] { request->cancel(); });
+    FakeWdfRequest& request = make(insert ? IOCTL_SMARTCARD_IS_PRESENT : IOCTL_SMARTCARD_IS_ABSENT);
+    std::thread canceller([&] { request.cancel(); });
     std::thread agent(
         [&] { completeWaiting(insert ? CardEvent::kInserted : CardEvent::kRemoved, 0); });
-    dispatch(request.get(), insert ? IOCTL_SMARTCARD_IS_PRESENT : IOCTL_SMARTCARD_IS_ABSENT, {});
+    framework_.dispatch(request);
     canceller.join();
     agent.join();
-    ASSERT_TRUE(request->outcome()->completed());
-    ASSERT_EQ(request->references(), 1u);
+    ASSERT_TRUE(request.completed());
+    ASSERT_EQ(request.driversReferencesInAll(), 0);
   }
 }
 
-TEST_F(DispatchRace, AllControlsAtOnce) {
+TEST_F(DispatchRace, AllControlsAtOnce_AreCompletedAndLeaveNothingWaiting) {
   constexpr std::array kCodes = {
       IOCTL_SMARTCARD_GET_ATTRIBUTE, IOCTL_SMARTCARD_IS_PRESENT, IOCTL_SMARTCARD_GET_STATE,
       IOCTL_SMARTCARD_IS_ABSENT,     IOCTL_SMARTCARD_POWER,      IOCTL_SMARTCARD_SET_ATTRIBUTE,
       IOCTL_SMARTCARD_SET_PROTOCOL,  IOCTL_SMARTCARD_TRANSMIT,   IOCTL_SMARTCARD_EJECT};
-  RequestSetup setup;
-  setup.input = Bytes{1, 0, 0, 0, 8, 0, 0, 0, 0, 0xA4};
-  setup.outputCapacity = 64;
   std::vector<std::thread> threads;
   for (unsigned thread = 0; thread < 4; ++thread) {
     threads.emplace_back([&, thread] {
       for (unsigned i = 0; i < 400; ++i) {
-        const auto request = make(setup);
         story_.checkResult = i % 2 == 0 ? QueryResult::kFailure : QueryResult::kSuccess;
-        dispatch(request.get(), kCodes[(i + thread) % kCodes.size()], setup);
-        request->cancel();
-        EXPECT_TRUE(request->outcome()->completed());
+        FakeWdfRequest& request = framework_.dispatch(
+            {kCodes[(i + thread) % kCodes.size()], Bytes{1, 0, 0, 0, 8, 0, 0, 0, 0, 0xA4}, 64});
+        request.cancel();
+        EXPECT_TRUE(request.completed());
       }
     });
   }
@@ -80,38 +86,38 @@ TEST_F(DispatchRace, AllControlsAtOnce) {
 
 // Whoever has got in stays until the exchanges are ended, and comes in before, during or after
 // that.
-TEST_F(DispatchRace, ShutdownRacesExchangesThatOnlyItEnds) {
-  for (int round = 0; round < test::repetitions(300); ++round) {
+TEST_F(DispatchRace, ShutdownRacingExchangesThatOnlyItEnds_EndsThemAll) {
+  for (int round = 0; round < repetitions(300); ++round) {
     takeDown();
-    platform::Mutex mutex;
-    platform::ConditionVariable changed;
-    bool ended = false;
-    story_.onCheck = [&] {
-      platform::MutexLock lock(mutex);
-      changed.wait(lock, [&] { return ended; });
-    };
-    story_.onEndExchanges = [&] {
-      const platform::MutexLock lock(mutex);
-      ended = true;
-      changed.notifyAll();
-    };
+    std::promise<void> ended;
+    const std::shared_future<void> end = ended.get_future().share();
+    story_.onCheck = [end] { end.wait(); };
+    story_.onEndExchanges = [&] { ended.set_value(); };
     bringUp();
-    const auto first = make();
-    const auto second = make();
-    std::thread sender([&] { dispatch(first.get(), IOCTL_SMARTCARD_IS_ABSENT, {}); });
-    std::thread stopper([&] { device_->OnQueryRemove(wdfDevice()); });
-    dispatch(second.get(), IOCTL_SMARTCARD_IS_ABSENT, {});
-    sender.join();
-    stopper.join();
-    ASSERT_TRUE(first->outcome()->completed());
-    ASSERT_TRUE(second->outcome()->completed());
+    raceShutdown(IOCTL_SMARTCARD_IS_ABSENT, [](auto&, auto&) {});
     story_.onCheck = nullptr;
     story_.onEndExchanges = nullptr;
   }
 }
 
+TEST_F(DispatchRace, ShutdownRacingDispatchAndCancel_CompletesEachRequestOnce) {
+  for (int round = 0; round < repetitions(300); ++round) {
+    takeDown();
+    story_.onShutdown = [this] {
+      completeWaiting(CardEvent::kRemoved, status::kCancelled);
+      completeWaiting(CardEvent::kInserted, status::kCancelled);
+    };
+    bringUp();
+    raceShutdown(IOCTL_SMARTCARD_IS_PRESENT, [](FakeWdfRequest& first, FakeWdfRequest& second) {
+      first.cancel();
+      second.cancel();
+    });
+    story_.onShutdown = nullptr;
+  }
+}
+
 // The framework may bring the news of a removal while a power operation is under way.
-TEST_F(DispatchRace, RemovalDuringPowerDownWaitsForItsEnd) {
+TEST_F(DispatchRace, RemovalDuringPowerDown_WaitsForItsEnd) {
   std::future<void> removal;
   std::atomic<bool> begun{false};
   story_.onShutdown = [&] {
@@ -122,7 +128,7 @@ TEST_F(DispatchRace, RemovalDuringPowerDownWaitsForItsEnd) {
     EXPECT_EQ(removal.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
     EXPECT_EQ(log_.count("OnSurpriseRemoval"), 0u);
   };
-  EXPECT_EQ(device_->OnD0Exit(wdfDevice(), framework::kPowerDeviceD3Final), 0);
+  EXPECT_EQ(framework_.exitD0(), status::kSuccess);
   removal.get();
   story_.onShutdown = nullptr;
   EXPECT_THAT(story_.taken(),
@@ -130,47 +136,21 @@ TEST_F(DispatchRace, RemovalDuringPowerDownWaitsForItsEnd) {
   EXPECT_EQ(log_.count("OnSurpriseRemoval"), 1u);
 }
 
-TEST_F(DispatchRace, PowerAndPnpOperationsAtOnceTakeTheReaderDownOnce) {
-  for (int round = 0; round < test::repetitions(200); ++round) {
+TEST_F(DispatchRace, PowerAndPnpOperationsAtOnce_TakeTheReaderDownOnce) {
+  for (int round = 0; round < repetitions(200); ++round) {
     takeDown();
     bringUp();
     std::vector<std::thread> threads;
     const auto start = [&](auto operation) { threads.emplace_back(operation); };
-    start([&] { device_->OnD0Exit(wdfDevice(), framework::kPowerDeviceD3Final); });
+    start([&] { framework_.exitD0(); });
     start([&] { device_->OnSurpriseRemoval(wdfDevice()); });
     start([&] { device_->OnQueryRemove(wdfDevice()); });
     start([&] { device_->OnQueryStop(wdfDevice()); });
-    start([&] { device_->OnReleaseHardware(wdfDevice()); });
-    start([&] { device_->OnPrepareHardware(wdfDevice()); });
+    start([&] { framework_.releaseHardware(); });
+    start([&] { framework_.prepareHardware(); });
     for (std::thread& thread : threads) thread.join();
     ASSERT_THAT(story_.taken(),
                 testing::ElementsAre("exchanges ended 0", "shut down 0", "destroyed 0"));
-  }
-}
-
-TEST_F(DispatchRace, ShutdownRacesDispatchAndCancel) {
-  for (int round = 0; round < test::repetitions(300); ++round) {
-    takeDown();
-    story_.onShutdown = [this] {
-      completeWaiting(CardEvent::kRemoved, framework::hresult(0x800704C7));
-      completeWaiting(CardEvent::kInserted, framework::hresult(0x800704C7));
-    };
-    bringUp();
-    const auto first = make();
-    const auto second = make();
-    std::thread canceller([&] {
-      first->cancel();
-      second->cancel();
-    });
-    std::thread sender([&] { dispatch(first.get(), IOCTL_SMARTCARD_IS_PRESENT, {}); });
-    std::thread stopper([&] { device_->OnQueryRemove(wdfDevice()); });
-    dispatch(second.get(), IOCTL_SMARTCARD_IS_PRESENT, {});
-    canceller.join();
-    sender.join();
-    stopper.join();
-    ASSERT_TRUE(first->outcome()->completed());
-    ASSERT_TRUE(second->outcome()->completed());
-    story_.onShutdown = nullptr;
   }
 }
 

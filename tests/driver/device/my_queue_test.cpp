@@ -1,27 +1,26 @@
 #include "driver/device/my_queue.h"
 
+#include "contract/io_controls.h"
 #include "tests/driver/device/device_fixture.h"
 
 namespace zelta {
 namespace {
 
-using test::DeviceFixture;
 using test::error;
 using test::info;
-using test::kNoCode;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class Queue : public DeviceFixture {
+class Queue : public test::DeviceFixture {
  protected:
   void SetUp() override {
-    ASSERT_EQ(create(), 0);
+    ASSERT_EQ(create(), status::kSuccess);
     log_.clear();
   }
 };
 
-TEST_F(Queue, WithoutADeviceIsAnInvalidArgumentAndNotLogged) {
-  EXPECT_EQ(CMyQueue::CreateInstance(wdfDevice(), nullptr), framework::hresult(0x80070057));
+TEST_F(Queue, MissingDevice_IsInvalidAndNotLogged) {
+  EXPECT_EQ(CMyQueue::CreateInstance(wdfDevice(), nullptr), status::kInvalidArgument);
   EXPECT_THAT(log_.recordsAboveDebug(), IsEmpty());
   const auto records = log_.records();
   ASSERT_EQ(records.size(), 2u);
@@ -30,62 +29,45 @@ TEST_F(Queue, WithoutADeviceIsAnInvalidArgumentAndNotLogged) {
               testing::StartsWith("End section:CMyQueue::CreateInstance elapsed:"));
 }
 
-TEST_F(Queue, WithoutAFrameworkDeviceSucceedsWithoutAQueue) {
-  EXPECT_EQ(CMyQueue::CreateInstance(nullptr, device_), 0);
-  EXPECT_THAT(log_.recordsAboveDebug(), ElementsAre(error(kNoCode, "Invalid WDF Device")));
-  EXPECT_EQ(device_->AddRef(), 2u);  // the callback object is gone with its reference
-  device_->Release();
+TEST_F(Queue, MissingFrameworkDevice_SucceedsWithoutAQueue) {
+  EXPECT_EQ(CMyQueue::CreateInstance(nullptr, device_), status::kSuccess);
+  EXPECT_THAT(log_.recordsAboveDebug(), ElementsAre(error(test::kNoCode, "Invalid WDF Device")));
+  EXPECT_EQ(referencesOnDevice(), 1u) << "the callback object is gone with its reference";
 }
 
-TEST_F(Queue, IsTheParallelDefaultQueue) {
-  EXPECT_EQ(CMyQueue::CreateInstance(wdfDevice(), device_), 0);
+TEST_F(Queue, Created_IsTheParallelDefaultQueueAndTheFrameworksAlone) {
+  EXPECT_EQ(CMyQueue::CreateInstance(wdfDevice(), device_), status::kSuccess);
   ASSERT_EQ(wdfDevice()->queues.size(), 1u);
-  EXPECT_EQ(wdfDevice()->queues[0].defaultQueue, 1);
-  EXPECT_EQ(wdfDevice()->queues[0].dispatchType, 2);
-  EXPECT_EQ(wdfDevice()->queues[0].powerManaged, 0);
-  EXPECT_EQ(wdfDevice()->queues[0].allowZeroLength, 1);
+  const auto& settings = framework_.queue().settings;
+  EXPECT_EQ(settings.defaultQueue, 1);
+  EXPECT_EQ(settings.dispatchType, 2);
+  EXPECT_EQ(settings.powerManaged, 0);
+  EXPECT_EQ(settings.allowZeroLength, 1);
+  EXPECT_EQ(framework_.queue().driversReferences(), 0);
+  EXPECT_EQ(referencesOnDevice(), 2u) << "the framework's and the queue's";
+  auto* const callback = framework_.queue().callback.get();
+  EXPECT_EQ(callback->AddRef(), 2u) << "one is the framework's";
+  callback->Release();
+  framework::ComPtr<framework::IUnknown> found;
+  EXPECT_EQ(callback->QueryInterface(framework::IPnpCallback::iid, found.putVoid()),
+            framework::kNoInterface);
   EXPECT_THAT(log_.recordsAboveDebug(), ElementsAre(info("IoQueue Created.")));
 }
 
-TEST_F(Queue, KeepsItsDeviceAndIsTheFrameworksAlone) {
-  ASSERT_EQ(CMyQueue::CreateInstance(wdfDevice(), device_), 0);
-  EXPECT_EQ(device_->AddRef(), 3u);  // the framework's, the queue's
-  device_->Release();
-  framework::IUnknown* callback = wdfDevice()->queueCallback.get();
-  EXPECT_EQ(callback->AddRef(), 2u);
-  callback->Release();
-  EXPECT_EQ(test::livingObjects(), 2);  // driver and device: the framework's queue was released
-}
-
-TEST_F(Queue, RefusedByTheFrameworkIsLoggedAndReturned) {
-  wdfDevice()->createQueueResult = framework::hresult(0x8007001F);
-  EXPECT_EQ(CMyQueue::CreateInstance(wdfDevice(), device_), framework::hresult(0x8007001F));
+TEST_F(Queue, RefusedByTheFramework_IsLoggedAndReturned) {
+  framework_.results.createQueue = status::kGenFailure;
+  EXPECT_EQ(CMyQueue::CreateInstance(wdfDevice(), device_), status::kGenFailure);
   EXPECT_THAT(log_.errors(), ElementsAre(error(0x8007001F, "IoQueue NOT Created")));
-  EXPECT_EQ(device_->AddRef(), 2u);
-  device_->Release();
+  EXPECT_EQ(referencesOnDevice(), 1u);
 }
 
-TEST_F(Queue, AnswersForItsInterfaceOnly) {
-  ASSERT_EQ(CMyQueue::CreateInstance(wdfDevice(), device_), 0);
-  framework::ComPtr<framework::IUnknown> found;
-  EXPECT_EQ(wdfDevice()->queueCallback->QueryInterface(
-                framework::IQueueCallbackDeviceIoControl::iid, found.putVoid()),
-            0);
-  EXPECT_EQ(
-      wdfDevice()->queueCallback->QueryInterface(framework::IPnpCallback::iid, found.putVoid()),
-      framework::kNoInterface);
-}
-
-TEST_F(Queue, ForwardsEveryArgumentAndLogsNothingItself) {
-  ASSERT_EQ(CMyQueue::CreateInstance(wdfDevice(), device_), 0);
+TEST_F(Queue, Control_IsForwardedWithAllArgumentsAndNothingElseIsLogged) {
+  ASSERT_EQ(CMyQueue::CreateInstance(wdfDevice(), device_), status::kSuccess);
   log_.clear();
-  framework::ComPtr<framework::IQueueCallbackDeviceIoControl> queue;
-  wdfDevice()->queueCallback->QueryInterface(framework::IQueueCallbackDeviceIoControl::iid,
-                                             queue.putVoid());
-  auto* request = new test::FakeWdfRequest(test::RequestSetup{});
-  const auto outcome = request->outcome();
-  queue->OnDeviceIoControl(nullptr, request, 0x00310014, 261, 258);
-  EXPECT_TRUE(outcome->completed());
+  auto& request = framework_.makeRequest();
+  framework_.queue().callback->OnDeviceIoControl(nullptr, &request, IOCTL_SMARTCARD_TRANSMIT, 261,
+                                                 258);
+  EXPECT_TRUE(request.completed());
   const auto records = log_.records();
   ASSERT_EQ(records.size(), 4u);
   EXPECT_EQ(records[0], test::debug("Start section:CMyDevice::ProcessIoControl"));

@@ -1,8 +1,7 @@
 // Memory that runs out, at every possible point: no exception leaves an operation that the
 // framework calls, and every request is completed once or waits.
-#include "contract/bytes.h"
+#include "contract/class_ids.h"
 #include "contract/io_controls.h"
-#include "contract/status.h"
 #include "driver/device/my_queue.h"
 #include "driver/device/reader_index.h"
 #include "driver/module/class_factory.h"
@@ -16,19 +15,18 @@ namespace zelta {
 namespace {
 
 using framework::ComPtr;
-using test::DeviceFixture;
 using test::error;
 using test::FakeWdfRequest;
 using test::RequestSetup;
 using test::ScarceMemory;
 using testing::ElementsAre;
 
-constexpr auto kOutOfMemory = framework::hresult(0x8007000E);
 constexpr int kManyAllocations = 500;  // more than any operation makes
 
-class NoMemory : public DeviceFixture {
+class NoMemory : public test::DeviceFixture {
  protected:
-  // Runs `operation` with 0, 1, 2 ... allocations until they suffice. It says whether they did not.
+  // Runs `operation` with memory for 0, 1, 2 ... allocations until they suffice. It says whether
+  // they did not.
   template <typename Operation>
   static void withEveryShortage(Operation operation) {
     int allocations = 0;
@@ -38,140 +36,134 @@ class NoMemory : public DeviceFixture {
     EXPECT_GT(allocations, 0) << "the operation allocates nothing: nothing was tried";
   }
 
-  void forgetDevice() {
-    device_ = nullptr;
-    if (wdf_->device) wdf_->device->letGo();
-    wdf_->device.reset();
+  // Whether the memory ran out during `operation`.
+  template <typename Operation>
+  static bool runScarce(int allocations, Operation operation) {
+    const ScarceMemory memory(allocations);
+    operation();
+    return memory.ranOut();
   }
 };
 
-TEST_F(NoMemory, ForTheDeviceObjectIsLoggedAndReturned) {
+TEST_F(NoMemory, DeviceOrQueueObjectCannotBeMade_IsLoggedAndReturned) {
   framework::HRESULT result = 0;
   {
     const auto memory = ScarceMemory::ofSize(sizeof(CMyDevice));
-    result = CMyDevice::CreateInstance(wdf_.get(), &init_, createPipeReader);
-    EXPECT_TRUE(memory.ranOut());
+    result = CMyDevice::CreateInstance(&framework_.driver, &framework_.init, createPipeReader);
   }
-  EXPECT_EQ(result, kOutOfMemory);
-  EXPECT_THAT(log_.errors(), ElementsAre(error(0x8007000E, "[CI]Device is null")));
-}
-
-TEST_F(NoMemory, ForTheQueueObjectIsLoggedAndReturned) {
-  ASSERT_EQ(create(), 0);
-  framework::HRESULT result = 0;
+  EXPECT_EQ(result, status::kOutOfMemory);
+  ASSERT_EQ(create(), status::kSuccess);
   {
     const auto memory = ScarceMemory::ofSize(sizeof(CMyQueue));
     result = CMyQueue::CreateInstance(wdfDevice(), device_);
-    EXPECT_TRUE(memory.ranOut());
   }
-  EXPECT_EQ(result, kOutOfMemory);
-  EXPECT_THAT(log_.errors(), ElementsAre(error(0x8007000E, "CreateInstance failed")));
+  EXPECT_EQ(result, status::kOutOfMemory);
+  EXPECT_THAT(log_.errors(), ElementsAre(error(0x8007000E, "[CI]Device is null"),
+                                         error(0x8007000E, "CreateInstance failed")));
 }
 
-TEST_F(NoMemory, ForTheFactoryAndTheDriverIsReturned) {
+TEST_F(NoMemory, FactoryOrDriverCannotBeMade_IsReturned) {
   void* out = this;
   {
     const auto memory = ScarceMemory::ofSize(sizeof(ClassFactory));
-    EXPECT_EQ(module::getClassObject(
-                  {0xA44A2DF4, 0xDCA4, 0x4767, {0x8E, 0xC4, 0x86, 0xFE, 0x61, 0x1C, 0x2E, 0xA7}},
-                  framework::IClassFactory::iid, &out),
-              kOutOfMemory);
+    EXPECT_EQ(module::getClassObject(kDriverClassId, framework::IClassFactory::iid, &out),
+              status::kOutOfMemory);
   }
   EXPECT_EQ(out, nullptr);
   const auto factory = ComPtr<ClassFactory>::adopt(framework::createObject<ClassFactory>());
   {
     const auto memory = ScarceMemory::ofSize(sizeof(CMyDriver));
-    EXPECT_EQ(factory->CreateInstance(nullptr, framework::IDriverEntry::iid, &out), kOutOfMemory);
+    EXPECT_EQ(factory->CreateInstance(nullptr, framework::IDriverEntry::iid, &out),
+              status::kOutOfMemory);
   }
   EXPECT_EQ(out, nullptr);
 }
 
-TEST_F(NoMemory, NeverLeavesTheDevicesCreation) {
+TEST_F(NoMemory, DevicesCreation_LetsNoExceptionOut) {
   withEveryShortage([&](int allocations) {
-    bool ranOut = false;
-    {
-      const ScarceMemory memory(allocations);
-      (void)CMyDevice::CreateInstance(wdf_.get(), &init_, createPipeReader);
-      ranOut = memory.ranOut();
-    }
-    forgetDevice();
+    const bool ranOut = runScarce(allocations, [&] {
+      (void)CMyDevice::CreateInstance(&framework_.driver, &framework_.init, createPipeReader);
+    });
+    if (wdfDevice() != nullptr) framework_.removeDevice();
     return ranOut;
   });
 }
 
-TEST_F(NoMemory, NeverLeavesPreparingTheHardware) {
-  ASSERT_EQ(create(), 0);
+TEST_F(NoMemory, HardwaresPreparation_LetsNoExceptionOut) {
+  ASSERT_EQ(create(), status::kSuccess);
   withEveryShortage([&](int allocations) {
-    const ScarceMemory memory(allocations);
-    (void)device_->OnPrepareHardware(wdfDevice());
-    (void)device_->OnReleaseHardware(wdfDevice());
-    return memory.ranOut();
+    return runScarce(allocations, [&] {
+      (void)framework_.prepareHardware();
+      (void)framework_.releaseHardware();
+    });
   });
 }
 
-TEST_F(NoMemory, NeverLeavesEnteringTheWorkingState) {
+TEST_F(NoMemory, EntryIntoTheWorkingState_SucceedsOrSaysWhyNot) {
   withEveryShortage([&](int allocations) {
-    EXPECT_EQ(create(), 0);
-    bool ranOut = false;
+    EXPECT_EQ(create(), status::kSuccess);
     framework::HRESULT result = 0;
-    {
-      const ScarceMemory memory(allocations);
-      result = device_->OnD0Entry(wdfDevice(), framework::kPowerDeviceD3Final);
-      ranOut = memory.ranOut();
-    }
+    const bool ranOut = runScarce(allocations, [&] { result = framework_.enterD0(); });
     // A lost log record is no failure; a reader that could not be made is.
-    EXPECT_TRUE(result == 0 || result == kOutOfMemory || result == status::kInvalidArgument)
-        << result;
-    EXPECT_EQ(device_->OnD0Exit(wdfDevice(), framework::kPowerDeviceD3Final), 0);
-    forgetDevice();
+    EXPECT_THAT(result,
+                testing::AnyOf(status::kSuccess, status::kOutOfMemory, status::kInvalidArgument));
+    EXPECT_EQ(framework_.exitD0(), status::kSuccess);
+    framework_.removeDevice();
     return ranOut;
   });
+  device_ = nullptr;
 }
 
-class NoMemoryForRequests : public NoMemory {
- protected:
-  void SetUp() override {
-    bringUp();
-    setup_.input = Bytes{1, 0, 0, 0, 8, 0, 0, 0, 0x00, 0xA4};
-    setup_.outputCapacity = 64;
-  }
+const RequestSetup kTransmit = {IOCTL_SMARTCARD_TRANSMIT, Bytes{1, 0, 0, 0, 8, 0, 0, 0, 0x00, 0xA4},
+                                64};
 
-  RequestSetup setup_;
+class NoMemoryForRequests : public NoMemory, public testing::WithParamInterface<std::uint32_t> {
+ protected:
+  void SetUp() override { bringUp(); }
+
+  FakeWdfRequest& make(std::uint32_t code) {
+    RequestSetup setup = kTransmit;
+    setup.code = code;
+    return framework_.makeRequest(setup);
+  }
 };
 
-class NoMemoryIo : public NoMemoryForRequests, public testing::WithParamInterface<std::uint32_t> {};
-
-TEST_P(NoMemoryIo, CompletesTheRequestOnceOrLeavesItWaiting) {
+TEST_P(NoMemoryForRequests, Control_IsCompletedOnceOrWaits) {
   for (const QueryResult check : {QueryResult::kSuccess, QueryResult::kFailure}) {
     story_.checkResult = check;
     withEveryShortage([&](int allocations) {
       log_.clear();
-      const auto request = ComPtr<FakeWdfRequest>(new FakeWdfRequest(setup_));
-      bool ranOut = false;
-      {
-        const ScarceMemory memory(allocations);
-        device_->ProcessIoControl(nullptr, request.get(), GetParam(), 10, 64);
-        ranOut = memory.ranOut();
-      }
-      EXPECT_NE(request->outcome()->completed(), request->markedCancelable());
-      request->cancel();
-      EXPECT_TRUE(request->outcome()->completed());
+      FakeWdfRequest& request = make(GetParam());
+      const bool ranOut = runScarce(allocations, [&] { framework_.dispatch(request); });
+      EXPECT_NE(request.completed(), request.markedCancelable());
+      request.cancel();
+      EXPECT_TRUE(request.completed());
       return ranOut;
     });
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Controls, NoMemoryIo,
+INSTANTIATE_TEST_SUITE_P(Controls, NoMemoryForRequests,
                          testing::Values(IOCTL_SMARTCARD_GET_ATTRIBUTE, IOCTL_SMARTCARD_IS_PRESENT,
                                          IOCTL_SMARTCARD_GET_STATE, IOCTL_SMARTCARD_IS_ABSENT,
                                          IOCTL_SMARTCARD_POWER, IOCTL_SMARTCARD_SET_ATTRIBUTE,
                                          IOCTL_SMARTCARD_SET_PROTOCOL, IOCTL_SMARTCARD_TRANSMIT,
                                          IOCTL_SMARTCARD_EJECT));
 
-TEST_F(NoMemoryForRequests, IsNoMatterForARequestsBuffersAndTheReadersIndex) {
-  const auto request = ComPtr<FakeWdfRequest>(new FakeWdfRequest(setup_));
-  IoRequest* adapter = nullptr;
-  ASSERT_EQ(FrameworkRequest::attach(*request.get(), &adapter), 0);
+TEST_F(NoMemoryForRequests, CancelledRequest_IsNeverKept) {
+  withEveryShortage([&](int allocations) {
+    FakeWdfRequest& request = make(IOCTL_SMARTCARD_IS_PRESENT);
+    framework_.dispatch(request);
+    const bool ranOut = runScarce(allocations, [&] { request.cancel(); });
+    EXPECT_EQ(request.status(), status::kCancelled);
+    return ranOut;
+  });
+}
+
+TEST_F(NoMemoryForRequests, RequestsBuffersAndTheReadersIndex_NeedNone) {
+  FakeWdfRequest& request = make(IOCTL_SMARTCARD_TRANSMIT);
+  IoRequest* const adapter = FrameworkRequest::attach(request).adapter;
+  ASSERT_NE(adapter, nullptr);
   bool all = false;
   std::uint32_t index = 0;
   {
@@ -181,22 +173,7 @@ TEST_F(NoMemoryForRequests, IsNoMatterForARequestsBuffersAndTheReadersIndex) {
   }
   EXPECT_TRUE(all);
   EXPECT_EQ(index, 3u);
-  adapter->complete(0);
-}
-
-TEST_F(NoMemoryForRequests, NeverKeepsACancelledRequest) {
-  withEveryShortage([&](int allocations) {
-    const auto request = ComPtr<FakeWdfRequest>(new FakeWdfRequest(setup_));
-    device_->ProcessIoControl(nullptr, request.get(), IOCTL_SMARTCARD_IS_PRESENT, 10, 64);
-    bool ranOut = false;
-    {
-      const ScarceMemory memory(allocations);
-      request->cancel();
-      ranOut = memory.ranOut();
-    }
-    EXPECT_EQ(request->outcome()->status(), 0x800704C7u);
-    return ranOut;
-  });
+  adapter->complete(status::kSuccess);
 }
 
 }  // namespace

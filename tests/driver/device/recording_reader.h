@@ -1,5 +1,5 @@
-// A reader for tests of the device: notes what the device does with it, and its card answers as the
-// test says.
+// A reader for tests of the device: notes what the device does with it, and its card answers what
+// the test says.
 #pragma once
 
 #include <atomic>
@@ -32,7 +32,6 @@ struct ReaderStory {
   std::function<void()> onEndExchanges;
   std::function<void()> onShutdown;
   std::function<void()> onDestroy;
-  std::function<void()> onTransmit;
 };
 
 class RecordingReader final : public Reader {
@@ -47,7 +46,6 @@ class RecordingReader final : public Reader {
   }
 
   QueryResult QueryTransmit(const Bytes&, Bytes& response) override {
-    if (story_.onTransmit) story_.onTransmit();
     response = {0x90, 0x00};
     return QueryResult::kSuccess;
   }

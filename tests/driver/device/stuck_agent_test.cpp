@@ -4,12 +4,10 @@
 #include <future>
 
 #include "agent_link/pipe_reader.h"
-#include "contract/bytes.h"
 #include "contract/io_controls.h"
 #include "contract/reader_states.h"
 #include "contract/wire.h"
 #include "platform/process/error.h"
-#include "tests/agent_link/link_test.h"
 #include "tests/doubles/pipes/serialising_pipes.h"
 #include "tests/driver/device/device_fixture.h"
 
@@ -18,121 +16,124 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::error;
-using test::number;
-using test::RequestSetup;
-using test::ScopedPipes;
+using test::FakeWdfRequest;
 using test::SerialisingPipes;
 
-constexpr std::uint32_t kAborted = platform::error::kOperationAborted;
+Bytes number(std::uint32_t value, const Bytes& tail = {}) {
+  Bytes bytes = tail;
+  const auto front = toLittleEndian(value);
+  bytes.insert(bytes.begin(), front.begin(), front.end());
+  return bytes;
+}
 
-// A driver whose callback takes longer is ended by the system, together with its host.
-constexpr std::chrono::seconds kHostLimit{60};
+const Bytes kTransmit = number(0, number(8, {0, 0xA4, 4, 0}));
 
 class StuckAgent : public test::DeviceFixture {
  protected:
   // No query is ended by its own time.
   StuckAgent() {
+    platform::Ports ports = platform::ports();
+    ports.pipes = &pipes_;
+    platform::replacePorts(ports);
     factory_ = [](std::uint32_t index, ReaderDevice* device) -> std::unique_ptr<Reader> {
       AgentLinkTimes times;
       times.query = 10min;
       return std::make_unique<PipeReader>(index, device, times);
     };
   }
-  ~StuckAgent() override { takeDown(); }
+  ~StuckAgent() override {
+    takeDown();
+    log_.setHook(nullptr);
+  }
 
   // Up, with an agent connected whose card was powered.
   void SetUp() override {
     bringUp();
-    const auto insertion = send(IOCTL_SMARTCARD_IS_PRESENT);
-    ASSERT_TRUE(pipes_.waitUntilQueued(commandPipeName(0))) << "the driver awaits no agent";
+    FakeWdfRequest& insertion = send(IOCTL_SMARTCARD_IS_PRESENT);
+    ASSERT_TRUE(waitUntilStuck()) << "the driver awaits no agent";
     ASSERT_NE(event_ = pipes_.connectClient(eventPipeName(0)), SerialisingPipes::kNoClient);
     ASSERT_NE(command_ = pipes_.connectClient(commandPipeName(0)), SerialisingPipes::kNoClient);
-    answerAtrQuery(0);
-    ASSERT_TRUE(insertion->wait());
+    answerAtrQuery();
+    ASSERT_TRUE(insertion.waitCompleted());
     log_.clear();
   }
 
-  void answerAtrQuery(std::uint32_t command) {
-    EXPECT_EQ(pipes_.clientRead(command_, 4), number(command));
+  void answerAtrQuery() {
+    EXPECT_EQ(pipes_.clientRead(command_, 4), number(0));
     EXPECT_TRUE(pipes_.clientWrite(command_, number(2, {0x3B, 0x00})));
   }
 
   // What the framework would run on a thread of its own.
-  std::future<std::shared_ptr<test::Outcome>> begin(std::uint32_t code, const Bytes& input) {
+  std::future<FakeWdfRequest*> begin(std::uint32_t code, const Bytes& input = {}) {
     return std::async(std::launch::async, [this, code, input] {
-      RequestSetup setup;
-      setup.input = input;
-      setup.outputCapacity = 64;
-      return send(code, setup);
+      return &send(code, {0, input, 64});
     });
   }
 
-  // A way out of the working state, which is to end in time.
+  // The system ends a driver whose callback takes longer than 60 seconds, together with its host.
   template <typename WayOut>
   static void expectEndsInTime(WayOut wayOut) {
     const auto start = std::chrono::steady_clock::now();
     wayOut();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, kHostLimit);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 60s);
   }
 
   // The card is gone when the transmit fails.
-  static void expectNotAccepted(const test::Outcome& transmit) {
-    EXPECT_EQ(transmit.status(), 0u);
-    std::vector<std::uint8_t> output = transmit.output();
+  static void expectNotAccepted(const FakeWdfRequest& transmit) {
+    EXPECT_EQ(transmit.status(), status::kSuccess);
+    Bytes output = transmit.output();
     output.resize(transmit.information().value_or(0));
     EXPECT_EQ(output, number(0, number(8, {0x69, 0x01})));
   }
 
   bool waitUntilStuck() { return pipes_.waitUntilQueued(commandPipeName(0)); }
 
-  test::LogWaiter waiter_{log_};
   SerialisingPipes pipes_;
-  ScopedPipes scoped_{pipes_};
   SerialisingPipes::Client event_ = SerialisingPipes::kNoClient;
   SerialisingPipes::Client command_ = SerialisingPipes::kNoClient;
 };
 
-TEST_F(StuckAgent, InATransmit) {
-  auto transmit = begin(IOCTL_SMARTCARD_TRANSMIT, number(0, number(8, {0, 0xA4, 4, 0})));
-  ASSERT_TRUE(waitUntilStuck());
-  expectEndsInTime([this] { EXPECT_EQ(device_->OnQueryRemove(wdfDevice()), 0); });
-  expectNotAccepted(*transmit.get());
-}
-
-// It follows the request's completion and has no time limit.
-TEST_F(StuckAgent, InACardReadyNotification) {
+// A card ready notification follows the request's completion and has no time limit.
+TEST_F(StuckAgent, DuringACardReadyNotification_DeviceIsTakenDownInTime) {
   auto select = begin(IOCTL_SMARTCARD_SET_PROTOCOL, number(SCARD_PROTOCOL_T0));
-  answerAtrQuery(0);
+  answerAtrQuery();
   ASSERT_TRUE(log_.waitFor("PROTOCOL SET: T0"));
   ASSERT_TRUE(waitUntilStuck());
-  expectEndsInTime([this] { EXPECT_EQ(device_->OnQueryStop(wdfDevice()), 0); });
-  EXPECT_EQ(select.get()->status(), 0u);
-  EXPECT_TRUE(log_.contains(error(kAborted, "Failed to send ready notification")));
+  expectEndsInTime([this] { EXPECT_EQ(device_->OnQueryStop(wdfDevice()), status::kSuccess); });
+  EXPECT_EQ(select.get()->status(), status::kSuccess);
+  EXPECT_TRUE(log_.contains(
+      error(platform::error::kOperationAborted, "Failed to send ready notification")));
 }
 
-// One is in the exchange, and two wait for their turn.
-TEST_F(StuckAgent, WithOthersWaitingBehindTheExchange) {
-  auto transmit = begin(IOCTL_SMARTCARD_TRANSMIT, number(0, number(8, {0, 0xA4, 4, 0})));
+TEST_F(StuckAgent, DuringATransmitWithOthersWaitingForTheirTurn_DeviceIsTakenDownInTime) {
+  auto transmit = begin(IOCTL_SMARTCARD_TRANSMIT, kTransmit);
   ASSERT_TRUE(waitUntilStuck());
-  auto present = begin(IOCTL_SMARTCARD_IS_PRESENT, {});
-  auto absent = begin(IOCTL_SMARTCARD_IS_ABSENT, {});
+  auto present = begin(IOCTL_SMARTCARD_IS_PRESENT);
+  auto absent = begin(IOCTL_SMARTCARD_IS_ABSENT);
   ASSERT_TRUE(log_.waitFor("[IPRE]IOCTL_SMARTCARD_IS_PRESENT"));
   ASSERT_TRUE(log_.waitFor("[IABS]IOCTL_SMARTCARD_IS_ABSENT"));
   expectEndsInTime([this] { device_->OnSurpriseRemoval(wdfDevice()); });
   expectNotAccepted(*transmit.get());
-  EXPECT_EQ(present.get()->status(), 0x800704C7u) << "queued, and completed by the shutdown";
-  EXPECT_EQ(absent.get()->status(), 0u) << "no card answers";
+  EXPECT_EQ(present.get()->status(), status::kCancelled) << "queued, and completed by the shutdown";
+  EXPECT_EQ(absent.get()->status(), status::kSuccess) << "no card answers";
 }
 
 // The server thread asks for the ATR with the device lock held, which every control needs.
-TEST_F(StuckAgent, InTheQueryForAnInsertedCard) {
+TEST_F(StuckAgent, DuringTheQueryForAnInsertedCard_DeviceIsTakenDownInTime) {
+  std::promise<void> locking;
+  std::atomic<bool> told{false};
+  log_.setHook([&](const test::LogRecord& record) {
+    const bool waits =
+        record.text.rfind("Locking: Function:CMyDevice::getReaderInstanceId", 0) == 0;
+    if (waits && !told.exchange(true)) locking.set_value();
+  });
   ASSERT_TRUE(pipes_.clientWrite(event_, number(1)));
   ASSERT_TRUE(waitUntilStuck());
-  auto state = begin(IOCTL_SMARTCARD_GET_STATE, {});
-  ASSERT_TRUE(waiter_.waitForBeginning("Locking: Function:CMyDevice::getReaderInstanceId"));
-  expectEndsInTime(
-      [this] { EXPECT_EQ(device_->OnD0Exit(wdfDevice(), framework::kPowerDeviceD3Final), 0); });
-  EXPECT_EQ(state.get()->status(), 0u) << "it was inside before the gate was closed";
+  auto state = begin(IOCTL_SMARTCARD_GET_STATE);
+  ASSERT_EQ(locking.get_future().wait_for(30s), std::future_status::ready);
+  expectEndsInTime([this] { EXPECT_EQ(framework_.exitD0(), status::kSuccess); });
+  EXPECT_EQ(state.get()->status(), status::kSuccess) << "it was inside before the gate was closed";
+  log_.setHook(nullptr);
 }
 
 }  // namespace

@@ -5,112 +5,88 @@
 #include <gtest/gtest.h>
 
 #include "contract/class_ids.h"
-#include "driver/module/build_version.h"
-#include "driver/module/start_banner.h"
+#include "contract/status.h"
 #include "platform/process/ports.h"
-#include "tests/doubles/framework/fake_wdf_device.h"
+#include "tests/doubles/framework/fake_framework.h"
 #include "tests/support/fake_winsock.h"
 #include "tests/support/log_capture.h"
-
-// The exported names, whose source is linked into this program.
-extern "C" {
-struct FrameworkVersion {
-  std::uint32_t major;
-  std::uint32_t minor;
-  std::uint32_t service;
-};
-extern const FrameworkVersion Microsoft_WDF_UMDF_Version;
-zelta::framework::HRESULT ZELTA_STDMETHODCALLTYPE DllGetClassObject(zelta::framework::REFCLSID,
-                                                                    zelta::framework::REFIID,
-                                                                    void**);
-zelta::framework::HRESULT ZELTA_STDMETHODCALLTYPE DllCanUnloadNow();
-zelta::framework::HRESULT ZELTA_STDMETHODCALLTYPE DllRegisterServer();
-zelta::framework::HRESULT ZELTA_STDMETHODCALLTYPE DllUnregisterServer();
-}
 
 namespace zelta {
 namespace {
 
 using framework::ComPtr;
+using framework::HRESULT;
 using framework::IClassFactory;
 using framework::IDriverEntry;
+using module::canUnload;
+using module::getClassObject;
 using test::LogCapture;
-using test::LogRecord;
-using testing::ElementsAre;
 using testing::StartsWith;
 
 class Module : public testing::Test {
  protected:
-  ~Module() override { EXPECT_EQ(DllCanUnloadNow(), 0) << "an object of the module is left"; }
+  ~Module() override { EXPECT_EQ(canUnload(), framework::kOk) << "an object is left"; }
 
-  ComPtr<IClassFactory> factory() {
+  static ComPtr<IClassFactory> factory() {
     ComPtr<IClassFactory> found;
-    EXPECT_EQ(DllGetClassObject(kDriverClassId, IClassFactory::iid, found.putVoid()), 0);
+    EXPECT_EQ(getClassObject(kDriverClassId, IClassFactory::iid, found.putVoid()), framework::kOk);
     return found;
   }
 
-  ComPtr<IDriverEntry> driver() {
+  static ComPtr<IDriverEntry> driver() {
     ComPtr<IDriverEntry> made;
-    EXPECT_EQ(factory()->CreateInstance(nullptr, IDriverEntry::iid, made.putVoid()), 0);
+    EXPECT_EQ(factory()->CreateInstance(nullptr, IDriverEntry::iid, made.putVoid()),
+              framework::kOk);
     return made;
   }
 
+  // The log since the last time is this section and nothing else.
   void expectSection(const std::string& name) {
     const auto records = log_.records();
     ASSERT_EQ(records.size(), 2u);
     EXPECT_EQ(records[0], test::debug("Start section:" + name));
     EXPECT_THAT(records[1].text, StartsWith("End section:" + name + " elapsed:"));
+    log_.clear();
   }
 
   LogCapture log_;
 };
 
-TEST_F(Module, HasTheFrameworkVersionWithAThirdNumber) {
-  EXPECT_EQ(Microsoft_WDF_UMDF_Version.major, 1u);
-  EXPECT_EQ(Microsoft_WDF_UMDF_Version.minor, 11u);
-  EXPECT_EQ(Microsoft_WDF_UMDF_Version.service, 0u);
-}
-
-TEST_F(Module, GivesTheDriversClassFactory) {
-  ComPtr<IClassFactory> found;
-  EXPECT_EQ(DllGetClassObject(kDriverClassId, IClassFactory::iid, found.putVoid()), 0);
-  EXPECT_TRUE(found);
+TEST_F(Module, DriversClass_HasAFactoryWithNoOtherInterface) {
+  EXPECT_TRUE(factory());
   expectSection("DllGetClassObject");
+  void* out = this;
+  EXPECT_EQ(getClassObject(kDriverClassId, IDriverEntry::iid, &out), framework::kNoInterface);
+  EXPECT_EQ(out, nullptr);
+  EXPECT_EQ(getClassObject(kDriverClassId, IClassFactory::iid, nullptr), framework::kPointer);
 }
 
-TEST_F(Module, HasNoOtherClass) {
+TEST_F(Module, AnyOtherClass_IsNotAvailable) {
   framework::CLSID other = kDriverClassId;
   other.data1 ^= 1;
   void* out = &other;
-  EXPECT_EQ(DllGetClassObject(other, IClassFactory::iid, &out), framework::hresult(0x80040111));
+  EXPECT_EQ(getClassObject(other, IClassFactory::iid, &out), framework::kClassNotAvailable);
   EXPECT_EQ(out, nullptr);
   expectSection("DllGetClassObject");
 }
 
-TEST_F(Module, FactoryHasNoOtherInterface) {
-  void* out = this;
-  EXPECT_EQ(DllGetClassObject(kDriverClassId, IDriverEntry::iid, &out), framework::kNoInterface);
-  EXPECT_EQ(out, nullptr);
-  EXPECT_EQ(DllGetClassObject(kDriverClassId, IClassFactory::iid, nullptr), framework::kPointer);
-}
-
-TEST_F(Module, FactoryMakesTheDriverWithItsOnlyInterface) {
+TEST_F(Module, Factory_MakesTheDriverWithItsOnlyInterface) {
   const auto made = driver();
   ASSERT_TRUE(made);
   EXPECT_EQ(made->AddRef(), 2u);
   made->Release();
   ComPtr<framework::IUnknown> found;
-  EXPECT_EQ(made->QueryInterface(framework::IUnknown::iid, found.putVoid()), 0);
-  EXPECT_EQ(made->QueryInterface(framework::IPnpCallback::iid, found.putVoid()),
-            framework::kNoInterface);
+  EXPECT_EQ(made->QueryInterface(framework::IUnknown::iid, found.putVoid()), framework::kOk);
+  for (const framework::IID* iid : {&framework::IPnpCallback::iid, &IClassFactory::iid}) {
+    EXPECT_EQ(made->QueryInterface(*iid, found.putVoid()), framework::kNoInterface);
+  }
   EXPECT_EQ(log_.count("Start section:CMyDriver::CMyDriver"), 1u);
 }
 
-TEST_F(Module, FactoryRefusesAggregationAndBadArguments) {
+TEST_F(Module, FactorysBadArguments_AreRefused) {
   const auto made = factory();
   void* out = this;
-  EXPECT_EQ(made->CreateInstance(made.get(), IDriverEntry::iid, &out),
-            framework::hresult(0x80040110));
+  EXPECT_EQ(made->CreateInstance(made.get(), IDriverEntry::iid, &out), framework::kNoAggregation);
   EXPECT_EQ(out, nullptr);
   EXPECT_EQ(made->CreateInstance(nullptr, IDriverEntry::iid, nullptr), framework::kPointer);
   out = this;
@@ -118,131 +94,95 @@ TEST_F(Module, FactoryRefusesAggregationAndBadArguments) {
   EXPECT_EQ(out, nullptr);
 }
 
-TEST_F(Module, MayBeUnloadedWithoutObjectsAndShutsTheLoggerDownLast) {
+TEST_F(Module, WithoutObjects_MayBeUnloadedAndShutsTheLoggerDownLast) {
   logInfo("a logger");
-  EXPECT_EQ(DllCanUnloadNow(), 0);
+  EXPECT_EQ(canUnload(), framework::kOk);
   const auto records = log_.records();
   ASSERT_EQ(records.size(), 3u);
   EXPECT_EQ(records[1], test::debug("Start section:DllCanUnloadNow"));
   EXPECT_THAT(records[2].text, StartsWith("End section:DllCanUnloadNow elapsed:"));
   EXPECT_EQ(log_.shutDowns(), 1);
-  EXPECT_EQ(log_.recordsAtShutDown(), 3u);  // the section's end line was written before
+  EXPECT_EQ(log_.recordsAtShutDown(), 3u) << "the section's end line is written before";
 }
 
-TEST_F(Module, AskedWithoutALoggerAnswersAndLogsNothing) {
-  EXPECT_EQ(DllCanUnloadNow(), 0);
+TEST_F(Module, WithoutALogger_AnswersAndLogsNothing) {
+  EXPECT_EQ(canUnload(), framework::kOk);
   const auto held = factory();
   log_.clear();
-  EXPECT_EQ(DllCanUnloadNow(), 1);
+  EXPECT_EQ(canUnload(), framework::kFalse);
   EXPECT_TRUE(log_.records().empty());
   EXPECT_EQ(log_.shutDowns(), 0);
 }
 
-TEST_F(Module, MayNotBeUnloadedWhileAnObjectLives) {
+TEST_F(Module, WhileAnObjectLivesOrTheServerIsLocked_StaysLoaded) {
   {
     const auto held = factory();
-    EXPECT_EQ(DllCanUnloadNow(), 1);
+    EXPECT_EQ(canUnload(), framework::kFalse);
   }
   {
     const auto held = driver();
-    EXPECT_EQ(DllCanUnloadNow(), 1);
+    EXPECT_EQ(canUnload(), framework::kFalse);
   }
+  for (const framework::BOOL lock : {1, 1, 0}) EXPECT_EQ(factory()->LockServer(lock), 0);
+  EXPECT_EQ(canUnload(), framework::kFalse);
+  EXPECT_EQ(factory()->LockServer(0), framework::kOk);
   EXPECT_EQ(log_.shutDowns(), 0);
-  EXPECT_EQ(DllCanUnloadNow(), 0);
+  EXPECT_EQ(canUnload(), framework::kOk);
   EXPECT_EQ(log_.shutDowns(), 1);
 }
 
-TEST_F(Module, MayNotBeUnloadedWhileTheServerIsLocked) {
-  EXPECT_EQ(factory()->LockServer(1), 0);
-  EXPECT_EQ(factory()->LockServer(1), 0);
-  EXPECT_EQ(factory()->LockServer(0), 0);
-  EXPECT_EQ(DllCanUnloadNow(), 1);
-  EXPECT_EQ(factory()->LockServer(0), 0);
-  EXPECT_EQ(DllCanUnloadNow(), 0);
-}
-
-TEST_F(Module, MayNotBeUnloadedWhereTheLoggerCannotBeShutDown) {
+TEST_F(Module, LoggerThatCannotBeShutDown_KeepsTheModuleLoaded) {
   logInfo("a logger");
   log_.failShutDown();
-  EXPECT_EQ(DllCanUnloadNow(), 1);
+  EXPECT_EQ(canUnload(), framework::kFalse);
   EXPECT_EQ(log_.shutDowns(), 0);
   log_.clear();
 }
 
-TEST_F(Module, RegistrationDoesNothing) {
-  EXPECT_EQ(DllRegisterServer(), 0);
+TEST_F(Module, Registration_IsASectionAndNothingElse) {
+  EXPECT_EQ(module::registerServer(), framework::kOk);
   expectSection("DllRegisterServer");
-  log_.clear();
-  EXPECT_EQ(DllUnregisterServer(), 0);
+  EXPECT_EQ(module::unregisterServer(), framework::kOk);
   expectSection("DllUnregisterServer");
   EXPECT_EQ(log_.shutDowns(), 0);
 }
 
-TEST_F(Module, SecondInitialisationWritesNoSecondBanner) {
+TEST_F(Module, SecondInitialisation_WritesNoSecondBanner) {
   const auto made = driver();
-  EXPECT_EQ(made->OnInitialize(nullptr), 0);  // writes it, if no test before has
+  EXPECT_EQ(made->OnInitialize(nullptr), framework::kOk);  // writes it, if no test before has
   log_.clear();
-  EXPECT_EQ(made->OnInitialize(nullptr), 0);
+  EXPECT_EQ(made->OnInitialize(nullptr), framework::kOk);
   expectSection("CMyDriver::OnInitialize");
-}
-
-TEST_F(Module, DeinitialisationIsASectionAndNothingElse) {
-  const auto made = driver();
-  log_.clear();
   made->OnDeinitialize(nullptr);
   expectSection("CMyDriver::OnDeinitialize");
 }
 
-TEST_F(Module, DeviceIsAddedWithTheResultOfItsCreation) {
+TEST_F(Module, DeviceThatCannotBeCreated_IsAddedWithTheResultOfItsCreation) {
   const auto made = driver();
   log_.clear();
-  EXPECT_EQ(made->OnDeviceAdd(nullptr, nullptr), framework::hresult(0x80070057));
+  EXPECT_EQ(made->OnDeviceAdd(nullptr, nullptr), status::kInvalidArgument);
   EXPECT_EQ(log_.records().front().text, "Start section:CMyDriver::OnDeviceAdd");
   EXPECT_EQ(log_.count("[CI]Invalid IWDFDriver"), 1u);
 }
 
-TEST_F(Module, DeviceAndQueueKeepTheModuleLoaded) {
+TEST_F(Module, DeviceAndQueue_KeepTheModuleLoaded) {
   test::FakeWinsock winsock;
   const platform::Ports system = platform::ports();
   platform::Ports ports = system;
   ports.winsock = &winsock;
   platform::replacePorts(ports);
-  {
-    const auto wdf = ComPtr<test::FakeWdfDriver>::adopt(new test::FakeWdfDriver);
-    test::FakeWdfDeviceInitialize init;
-    ASSERT_EQ(driver()->OnDeviceAdd(wdf.get(), &init), 0);
-    EXPECT_EQ(DllCanUnloadNow(), 1);
-    ComPtr<framework::IPnpCallbackHardware> hardware;
-    wdf->device->deviceCallback->QueryInterface(framework::IPnpCallbackHardware::iid,
-                                                hardware.putVoid());
-    ASSERT_EQ(hardware->OnPrepareHardware(wdf->device.get()), 0);
-    ASSERT_EQ(hardware->OnReleaseHardware(wdf->device.get()), 0);
-    hardware.reset();
-    wdf->device->letGo();
-    EXPECT_EQ(DllCanUnloadNow(), 0);
-  }
-  EXPECT_EQ(test::livingObjects(), 0);
+  test::FakeFramework framework(driver());
+  ASSERT_EQ(framework.addDevice(), framework::kOk);
+  ASSERT_EQ(framework.prepareHardware(), framework::kOk);
+  ASSERT_EQ(framework.releaseHardware(), framework::kOk);
+  auto queue = framework.queue().callback;
+  framework.removeDevice();
+  framework.deinitialize();
+  EXPECT_EQ(canUnload(), framework::kFalse);
+  queue.reset();  // and with it the device
+  EXPECT_EQ(canUnload(), framework::kOk);
+  EXPECT_THAT(framework.complaints(), testing::IsEmpty());
   platform::replacePorts(system);
-}
-
-TEST(StartBanner, IsThreeLinesThatPassEveryThreshold) {
-  LogCapture log;
-  StartBanner banner;
-  banner.writeOnce();
-  const std::string rule(74, '-');
-  const std::string build =
-      std::string("Vornhalt Virtual Smartcard Reader driver build ") + buildVersion();
-  EXPECT_THAT(log.records(),
-              ElementsAre(LogRecord{0, 0, rule, false}, LogRecord{0, 0, build, false},
-                          LogRecord{0, 0, rule, false}));
-}
-
-TEST(StartBanner, IsWrittenOnce) {
-  LogCapture log;
-  StartBanner banner;
-  banner.writeOnce();
-  banner.writeOnce();
-  EXPECT_EQ(log.records().size(), 3u);
 }
 
 }  // namespace

@@ -3,160 +3,125 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/doubles/framework/fake_wdf.h"
+#include "contract/status.h"
+#include "framework/com_object.h"
+#include "tests/doubles/framework/fake_framework.h"
 
 namespace zelta {
 namespace {
 
-using framework::ComPtr;
 using test::FakeWdfRequest;
-using test::livingObjects;
 using test::RequestSetup;
 using testing::ElementsAre;
 
 class FrameworkRequestTest : public testing::Test {
  protected:
-  FrameworkRequestTest() {
-    setup_.input = std::vector<std::uint8_t>{1, 2, 3};
-    setup_.outputCapacity = 4;
+  ~FrameworkRequestTest() override { EXPECT_THAT(framework_.complaints(), testing::IsEmpty()); }
+
+  FakeWdfRequest& make(const RequestSetup& setup = {}) { return framework_.makeRequest(setup); }
+
+  static IoRequest* attach(FakeWdfRequest& request) {
+    const auto attachment = FrameworkRequest::attach(request);
+    EXPECT_EQ(attachment.status, status::kSuccess);
+    return attachment.adapter;
   }
-  ~FrameworkRequestTest() override { EXPECT_EQ(livingObjects(), 0) << "references not released"; }
 
-  // With the framework's reference only, which the completion gives up.
-  FakeWdfRequest* make() { return new FakeWdfRequest(setup_); }
-
-  RequestSetup setup_;
+  test::FakeFramework framework_;
 };
 
-TEST_F(FrameworkRequestTest, IsTheSameForDispatchAndCancel) {
-  FakeWdfRequest* request = make();
-  EXPECT_EQ(FrameworkRequest::attached(*request), nullptr);
-  IoRequest* adapter = nullptr;
-  ASSERT_EQ(FrameworkRequest::attach(*request, &adapter), 0);
+TEST_F(FrameworkRequestTest, AttachedTwice_IsTheSameAdapterAndHoldsNoReference) {
+  FakeWdfRequest& request = make();
+  EXPECT_EQ(FrameworkRequest::attached(request), nullptr);
+  IoRequest* adapter = attach(request);
   ASSERT_NE(adapter, nullptr);
-  EXPECT_EQ(FrameworkRequest::attached(*request), adapter);
-  IoRequest* again = nullptr;
-  EXPECT_EQ(FrameworkRequest::attach(*request, &again), 0);
-  EXPECT_EQ(again, adapter);
-  adapter->complete(0);
+  EXPECT_EQ(FrameworkRequest::attached(request), adapter);
+  EXPECT_EQ(attach(request), adapter);
+  EXPECT_EQ(request.driversReferences(), 0);
+  adapter->completeWithInformation(status::kSuccess, 2);  // destroys both
 }
 
-TEST_F(FrameworkRequestTest, HoldsNoReferenceOnItsRequest) {
-  FakeWdfRequest* request = make();
-  IoRequest* adapter = nullptr;
-  ASSERT_EQ(FrameworkRequest::attach(*request, &adapter), 0);
-  EXPECT_EQ(request->references(), 1u);
-  adapter->completeWithInformation(0, 2);  // destroys both
+TEST_F(FrameworkRequestTest, ContextRefused_MakesNoAdapter) {
+  RequestSetup setup;
+  setup.assignResult = status::kNotSupported;
+  FakeWdfRequest& request = make(setup);
+  const auto attachment = FrameworkRequest::attach(request);
+  EXPECT_EQ(attachment.status, status::kNotSupported);
+  EXPECT_EQ(attachment.adapter, nullptr);
+  FrameworkRequest(request).completeWithInformation(status::kNotSupported, 0);
 }
 
-TEST_F(FrameworkRequestTest, IsNotMadeWhereTheContextIsRefused) {
-  setup_.assignResult = framework::hresult(0x80070032);
-  FakeWdfRequest* request = make();
-  IoRequest* adapter = nullptr;
-  EXPECT_EQ(FrameworkRequest::attach(*request, &adapter), framework::hresult(0x80070032));
-  EXPECT_EQ(adapter, nullptr);
-  const auto outcome = request->outcome();
-  FrameworkRequest(*request).completeWithInformation(framework::hresult(0x80070032), 0);
-  EXPECT_EQ(outcome->status(), 0x80070032u);
+TEST_F(FrameworkRequestTest, Completion_PassesStatusAndInformationOn) {
+  FakeWdfRequest& with = make();
+  FakeWdfRequest& without = make();
+  FrameworkRequest(with).completeWithInformation(status::kNoMedia, 12);
+  FrameworkRequest(without).complete(status::kGenFailure);
+  EXPECT_EQ(with.status(), status::kNoMedia);
+  EXPECT_EQ(with.information(), 12u);
+  EXPECT_EQ(without.status(), status::kGenFailure);
+  EXPECT_EQ(without.information(), std::nullopt);
 }
 
-TEST_F(FrameworkRequestTest, CompletesWithAndWithoutInformation) {
-  FakeWdfRequest* first = make();
-  FakeWdfRequest* second = make();
-  const auto with = first->outcome();
-  const auto without = second->outcome();
-  FrameworkRequest(*first).completeWithInformation(framework::hresult(0xC0000178), 12);
-  FrameworkRequest(*second).complete(framework::hresult(0x8007001F));
-  EXPECT_EQ(with->status(), 0xC0000178u);
-  EXPECT_EQ(with->information(), 12u);
-  EXPECT_EQ(without->status(), 0x8007001Fu);
-  EXPECT_EQ(without->information(), std::nullopt);
-}
-
-TEST_F(FrameworkRequestTest, ReadsInputAndWritesOutput) {
-  FakeWdfRequest* request = make();
-  const auto outcome = request->outcome();
-  FrameworkRequest adapter(*request);
+TEST_F(FrameworkRequestTest, InputOutputAndFileName_AreTheRequests) {
+  FakeWdfRequest& request = make({0, Bytes{1, 2, 3}, 4, L"\\dev5"});
+  FrameworkRequest adapter(request);
   {
     const auto input = adapter.inputMemory();
     std::size_t size = 0;
     const auto* data = static_cast<const std::uint8_t*>(input->dataBuffer(&size));
-    EXPECT_THAT(std::vector<std::uint8_t>(data, data + size), ElementsAre(1, 2, 3));
+    EXPECT_THAT(Bytes(data, data + size), ElementsAre(1, 2, 3));
     const auto output = adapter.outputMemory();
     const std::uint8_t bytes[] = {7, 8};
-    EXPECT_EQ(output->copyFromBuffer(1, bytes, 2), 0);
+    EXPECT_EQ(output->copyFromBuffer(1, bytes, 2), status::kSuccess);
     EXPECT_TRUE(framework::failed(output->copyFromBuffer(3, bytes, 2)));
   }
-  adapter.completeWithInformation(0, 4);
-  EXPECT_THAT(outcome->output(), ElementsAre(0, 7, 8, 0));
-}
-
-TEST_F(FrameworkRequestTest, GivesNoHolderOfWhatIsNotThere) {
-  setup_ = RequestSetup{};
-  setup_.fileName.reset();
-  FakeWdfRequest* request = make();
-  FrameworkRequest adapter(*request);
-  EXPECT_EQ(adapter.inputMemory(), nullptr);
-  EXPECT_EQ(adapter.outputMemory(), nullptr);
-  EXPECT_EQ(adapter.fileObject(), nullptr);
-  adapter.complete(0);
-}
-
-TEST_F(FrameworkRequestTest, ReadsTheFileName) {
-  setup_.fileName = L"\\dev5";
-  FakeWdfRequest* request = make();
-  FrameworkRequest adapter(*request);
   wchar_t name[10] = {};
   framework::DWORD capacity = 10;
-  EXPECT_EQ(adapter.fileObject()->retrieveFileName(name, &capacity), 0);
+  EXPECT_EQ(adapter.fileObject()->retrieveFileName(name, &capacity), status::kSuccess);
   EXPECT_STREQ(name, L"\\dev5");
   capacity = 5;
   EXPECT_TRUE(framework::failed(adapter.fileObject()->retrieveFileName(name, &capacity)));
-  adapter.complete(0);
+  adapter.completeWithInformation(status::kSuccess, 4);
+  EXPECT_THAT(request.output(), ElementsAre(0, 7, 8, 0));
 }
 
-TEST_F(FrameworkRequestTest, ReferencesGoToTheFrameworksObjectAndKeepTheAdapter) {
-  FakeWdfRequest* request = make();
-  IoRequest* adapter = nullptr;
-  ASSERT_EQ(FrameworkRequest::attach(*request, &adapter), 0);
-  adapter->addRef();
-  EXPECT_EQ(request->references(), 2u);
-  adapter->complete(0);
-  EXPECT_EQ(request->references(), 1u);
-  adapter->release();  // the last one: destroys both
-  EXPECT_EQ(livingObjects(), 0);
+TEST_F(FrameworkRequestTest, MissingParts_HaveNoHolder) {
+  FrameworkRequest adapter(make({0, {}, {}, std::nullopt}));
+  EXPECT_EQ(adapter.inputMemory(), nullptr);
+  EXPECT_EQ(adapter.outputMemory(), nullptr);
+  EXPECT_EQ(adapter.fileObject(), nullptr);
+  adapter.complete(status::kSuccess);
 }
 
-TEST_F(FrameworkRequestTest, OutlivesACleanupAtTheCompletionWhileItIsReferenced) {
-  setup_.cleanUpAtCompletion = true;
-  FakeWdfRequest* request = make();
-  IoRequest* adapter = nullptr;
-  ASSERT_EQ(FrameworkRequest::attach(*request, &adapter), 0);
-  adapter->addRef();
-  adapter->complete(0);
-  EXPECT_EQ(request->references(), 1u);
-  EXPECT_EQ(FrameworkRequest::attached(*request), nullptr) << "not cleaned up yet";
-  adapter->release();  // the last one: destroys both
-  EXPECT_EQ(livingObjects(), 0);
+TEST_F(FrameworkRequestTest, Reference_KeepsRequestAndAdapterWheneverTheFrameworkCleansUp) {
+  for (const bool cleanUpAtCompletion : {false, true}) {
+    RequestSetup setup;
+    setup.cleanUpAtCompletion = cleanUpAtCompletion;
+    FakeWdfRequest& request = make(setup);
+    IoRequest* adapter = attach(request);
+    adapter->addRef();
+    EXPECT_EQ(request.driversReferences(), 1);
+    adapter->complete(status::kSuccess);
+    EXPECT_EQ(request.driversReferences(), 1);
+    EXPECT_EQ(request.cleanups(), cleanUpAtCompletion ? 1 : 0);
+    adapter->release();  // the last one: destroys both
+    EXPECT_EQ(request.driversReferences(), 0);
+  }
 }
 
-TEST_F(FrameworkRequestTest, ForwardsMarkAndUnmark) {
-  struct Callback final : framework::IRequestCallbackCancel {
-    framework::HRESULT ZELTA_STDMETHODCALLTYPE QueryInterface(framework::REFIID, void**) override {
-      return framework::kNoInterface;
-    }
-    framework::ULONG ZELTA_STDMETHODCALLTYPE AddRef() override { return 1; }
-    framework::ULONG ZELTA_STDMETHODCALLTYPE Release() override { return 1; }
+TEST_F(FrameworkRequestTest, MarkAndUnmark_AreForwarded) {
+  class Callback final : public framework::ComObject<Callback, framework::IRequestCallbackCancel> {
+   public:
     void ZELTA_STDMETHODCALLTYPE OnCancel(framework::IWDFIoRequest*) override {}
-  } callback;
-  FakeWdfRequest* request = make();
-  FrameworkRequest adapter(*request);
-  EXPECT_EQ(adapter.unmarkCancelable(), framework::hresult(0x800704C7));
-  adapter.markCancelable(&callback);
-  EXPECT_TRUE(request->markedCancelable());
-  EXPECT_EQ(adapter.unmarkCancelable(), 0);
-  EXPECT_FALSE(request->markedCancelable());
-  adapter.complete(0);
+  };
+  const auto callback = framework::ComPtr<Callback>::adopt(framework::createObject<Callback>());
+  FakeWdfRequest& request = make();
+  FrameworkRequest adapter(request);
+  EXPECT_EQ(adapter.unmarkCancelable(), status::kCancelled);
+  adapter.markCancelable(callback.get());
+  EXPECT_TRUE(request.markedCancelable());
+  EXPECT_EQ(adapter.unmarkCancelable(), status::kSuccess);
+  EXPECT_FALSE(request.markedCancelable());
+  adapter.complete(status::kSuccess);
 }
 
 }  // namespace
