@@ -8,6 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "logging/level.h"
+
 #if defined(__GNUC__) && defined(__MINGW32__)
 #define ZELTA_PRINTF(text, first) __attribute__((format(gnu_printf, text, first)))
 #elif defined(__GNUC__)
@@ -18,8 +20,8 @@
 
 namespace zelta {
 
-// A record is written when its level is not above the logger's threshold.
-enum class LogLevel : std::uint8_t { kCritical = 0, kError = 1, kInfo = 2, kDebug = 3, kTrace = 4 };
+// A record is written if its level is not above the logger's threshold.
+using LogLevel = logging::Level;
 
 // The result code of a failure that has none of its own.
 inline constexpr std::int32_t kNoResultCode = -500;

@@ -3,7 +3,6 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
-#include <array>
 #include <ctime>
 #include <iterator>
 #include <locale>
@@ -12,6 +11,7 @@
 #include <thread>
 #include <type_traits>
 
+#include "logging/level.h"
 #include "platform/sync/clock.h"
 
 namespace zelta::logging {
@@ -33,9 +33,6 @@ constexpr std::size_t kBracketedThreadWidth = kThreadWidth - 2;
 
 // Room for the columns before the message, a longer thread and a line end.
 constexpr std::size_t kUsualPrefixWidth = 128;
-
-constexpr std::array<const char*, 5> kLevelTags = {"<CRITICAL>", "<ERROR>", "<INFO>", "<DEBUG>",
-                                                   "<TRACE>"};
 
 struct SplitTime {
   explicit SplitTime(std::int64_t time)
@@ -134,7 +131,7 @@ std::string recordLine(const Record& record) {
   return line;
 }
 
-const char* levelTag(std::int32_t level) {
+std::string_view levelTag(std::int32_t level) {
   // A negative level is beyond the table as well.
   const auto index = static_cast<std::uint32_t>(level);
   if (index >= kLevelTags.size()) throw std::out_of_range("invalid map<K, T> key");

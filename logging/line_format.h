@@ -34,7 +34,7 @@ std::string recordLine(const Record& record);
 
 // "<CRITICAL>" to "<TRACE>" for 0..4; throws `std::out_of_range` ("invalid map<K, T> key") for any
 // other level.
-const char* levelTag(std::int32_t level);
+std::string_view levelTag(std::int32_t level);
 
 // The calling thread as the standard library prints it. There as long as the thread.
 std::string_view currentThreadText();

@@ -6,11 +6,11 @@
 #include <memory>
 #include <string>
 
+#include "logging/level.h"
+
 namespace zelta::logging {
 
 class FileLogger;
-
-enum class Level : std::int32_t { kCritical = 0, kError = 1, kInfo = 2, kDebug = 3, kTrace = 4 };
 
 // The result code of the library's own error records.
 inline constexpr std::int32_t kOwnErrorCode = -500;

@@ -14,6 +14,7 @@
 
 #include "logging/file_logger.h"               // IWYU pragma: export
 #include "logging/file_logger_windows.h"       // IWYU pragma: export
+#include "logging/level.h"                     // IWYU pragma: export
 #include "logging/line_format.h"               // IWYU pragma: export
 #include "logging/logger_base.h"               // IWYU pragma: export
 #include "logging/registry_change_notifier.h"  // IWYU pragma: export

@@ -144,11 +144,11 @@ TEST(LineFormat, EmptyMessageEndsTheLineBehindItsSeparator) {
 }
 
 TEST(LineFormat, EveryLevelHasItsTag) {
-  EXPECT_STREQ(levelTag(0), "<CRITICAL>");
-  EXPECT_STREQ(levelTag(1), "<ERROR>");
-  EXPECT_STREQ(levelTag(2), "<INFO>");
-  EXPECT_STREQ(levelTag(3), "<DEBUG>");
-  EXPECT_STREQ(levelTag(4), "<TRACE>");
+  EXPECT_EQ(levelTag(0), "<CRITICAL>");
+  EXPECT_EQ(levelTag(1), "<ERROR>");
+  EXPECT_EQ(levelTag(2), "<INFO>");
+  EXPECT_EQ(levelTag(3), "<DEBUG>");
+  EXPECT_EQ(levelTag(4), "<TRACE>");
 }
 
 TEST(LineFormat, LevelWithoutTagIsOutOfRange) {

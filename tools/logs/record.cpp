@@ -10,8 +10,6 @@ namespace zelta::logs {
 
 namespace {
 
-constexpr std::array<std::string_view, 5> kLevelNames = {"CRITICAL", "ERROR", "INFO", "DEBUG",
-                                                         "TRACE"};
 constexpr std::size_t kTimeLength = 24;
 
 char upper(char c) { return static_cast<char>(std::toupper(static_cast<unsigned char>(c))); }
@@ -119,9 +117,11 @@ std::optional<Record> parseRecord(std::string_view line) {
 }
 
 std::optional<Level> parseLevel(std::string_view text) {
-  for (std::size_t i = 0; i < kLevelNames.size(); ++i) {
+  for (std::size_t i = 0; i < logging::kLevelTags.size(); ++i) {
+    const std::string_view tag = logging::kLevelTags[i];
     const char digit = static_cast<char>('0' + i);
-    if (equalIgnoringCase(text, kLevelNames[i]) || text == std::string_view(&digit, 1)) {
+    if (equalIgnoringCase(text, tag.substr(1, tag.size() - 2)) ||
+        text == std::string_view(&digit, 1)) {
       return static_cast<Level>(i);
     }
   }

@@ -6,9 +6,11 @@
 #include <string>
 #include <string_view>
 
+#include "logging/level.h"
+
 namespace zelta::logs {
 
-enum class Level { kCritical = 0, kError = 1, kInfo = 2, kDebug = 3, kTrace = 4 };
+using logging::Level;
 
 // Views into the line that was parsed.
 struct Record {
