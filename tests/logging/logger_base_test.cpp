@@ -1,10 +1,12 @@
 // The virtual operations are called by slot, so their order is part of the interface.
+#include "logging/logger_base.h"
+
 #include <gtest/gtest.h>
 
 #include <cstddef>
 #include <cstring>
 
-#include "logging/zelta_logging.h"
+#include "logging/file_logger_windows.h"
 
 namespace zelta::logging {
 namespace {
@@ -12,8 +14,8 @@ namespace {
 using ByReference = void (LoggerBase::*)(const std::string&, Level, const std::int32_t&);
 using ByValue = void (LoggerBase::*)(const std::string&, std::int32_t, std::int32_t);
 
-// A pointer to a virtual member function holds its offset in the table of functions, marked by
-// the lowest bit on some processors.
+// A pointer to a virtual member function holds its offset in the table of functions. Some
+// processors mark it by the lowest bit.
 template <typename Member>
 std::size_t slotOf(Member member) {
   std::ptrdiff_t offset = 0;
@@ -24,18 +26,15 @@ std::size_t slotOf(Member member) {
 // This compiler's destructor has two entries.
 constexpr std::size_t kDestructorEntries = 2;
 
-TEST(SlotOrder, OperationsFollowTheDestructorInOrder) {
+TEST(LoggerBase, VirtualOperations_FollowTheDestructorInOrder) {
   EXPECT_EQ(slotOf(&LoggerBase::createChildForSession), kDestructorEntries);
   EXPECT_EQ(slotOf(&LoggerBase::createChildForCategory), kDestructorEntries + 1);
   EXPECT_EQ(slotOf(static_cast<ByReference>(&LoggerBase::log)), kDestructorEntries + 2);
   EXPECT_EQ(slotOf(static_cast<ByValue>(&LoggerBase::log)), kDestructorEntries + 3);
   EXPECT_EQ(slotOf(&LoggerBase::writeLine), kDestructorEntries + 4);
-}
-
-TEST(SlotOrder, DerivedLoggersKeepTheSlots) {
+  EXPECT_EQ(slotOf(&FileLogger::createChildForSession), kDestructorEntries);
   EXPECT_EQ(slotOf(&FileLogger::writeLine), kDestructorEntries + 4);
   EXPECT_EQ(slotOf(&FileLoggerWindows::writeLine), kDestructorEntries + 4);
-  EXPECT_EQ(slotOf(&FileLogger::createChildForSession), kDestructorEntries);
 }
 
 // Notes which operation was reached.
@@ -63,7 +62,7 @@ class Probe : public LoggerBase {
   std::string* reached_;
 };
 
-TEST(SlotOrder, CallsThroughTheBaseReachTheirOperation) {
+TEST(LoggerBase, CallThroughTheBase_ReachesItsOperation) {
   std::string reached;
   std::unique_ptr<LoggerBase> logger = std::make_unique<Probe>(&reached);
   const std::int32_t code = 0;
@@ -76,12 +75,16 @@ TEST(SlotOrder, CallsThroughTheBaseReachTheirOperation) {
   EXPECT_EQ(reached, "123450");
 }
 
-TEST(SlotOrder, FilteredLogCallsTheOperationThatTakesTheCodeByValue) {
+TEST(LoggerBase, FilteredLog_CallsTheOperationThatTakesTheCodeByValue) {
   std::string reached;
   Probe logger(&reached);
   logger.log(4, 0, "text");
   logger.log(5, 0, "dropped");
   EXPECT_EQ(reached, "4");
+}
+
+TEST(StringFormatter, AnyMessage_StaysAsItIs) {
+  EXPECT_EQ(StringFormatter().format("{} %s \n \xFF"), "{} %s \n \xFF");
 }
 
 }  // namespace
