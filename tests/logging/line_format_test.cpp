@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <limits>
 #include <locale>
 #include <sstream>
@@ -54,72 +53,65 @@ Record exampleRecord() {
   return record;
 }
 
+template <typename Value, typename Given>
+Record with(Value Record::*member, Given value) {
+  Record record = exampleRecord();
+  record.*member = value;
+  return record;
+}
+
+Record recordOfLongValues() {
+  Record record = with(&Record::elapsed, 1234567890123);
+  record.category = 4294967295;
+  record.sessionLogId = "0f8fad5b-d9cb-469f-a165-70867728950e {} %s and more";
+  record.resultCode = std::numeric_limits<std::int32_t>::min();
+  record.level = 0;
+  return record;
+}
+
 struct LineCase {
   const char* name;
-  std::function<void(Record&)> change;  // of the example
+  Record record;
   std::string line;
 };
 
 class RecordLine : public testing::TestWithParam<LineCase> {};
 
-TEST_P(RecordLine, IsThisLine) {
-  Record record = exampleRecord();
-  GetParam().change(record);
-  EXPECT_EQ(recordLine(record), GetParam().line);
-}
+TEST_P(RecordLine, IsThisLine) { EXPECT_EQ(recordLine(GetParam().record), GetParam().line); }
 
-INSTANTIATE_TEST_SUITE_P(
-    LineFormat, RecordLine,
-    testing::Values(
-        LineCase{"UsualValues_FillTheirColumns", [](Record&) {},
-                 "[4711  ] 2024-03-05T14:07:09.042Z 42       0f8fad5b-d9cb-469f-a165-70867728950e "
-                 "0     <INFO>     0           hello"},
-        LineCase{"FailureCode_FillsItsColumnExactly",
-                 [](Record& record) {
-                   record.level = 1;
-                   record.resultCode = static_cast<std::int32_t>(0x8007000E);
-                 },
-                 "[4711  ] 2024-03-05T14:07:09.042Z 42       0f8fad5b-d9cb-469f-a165-70867728950e "
-                 "0     <ERROR>    -2147024882 hello"},
-        LineCase{"OwnErrorCode_IsPadded", [](Record& record) { record.resultCode = -500; },
-                 "[4711  ] 2024-03-05T14:07:09.042Z 42       0f8fad5b-d9cb-469f-a165-70867728950e "
-                 "0     <INFO>     -500        hello"},
-        LineCase{"ThreadOfSixDigits_FillsItsColumn",
-                 [](Record& record) { record.thread = "123456"; },
-                 "[123456] 2024-03-05T14:07:09.042Z 42       0f8fad5b-d9cb-469f-a165-70867728950e "
-                 "0     <INFO>     0           hello"},
-        LineCase{"LongThread_ShiftsTheRest",
-                 [](Record& record) { record.thread = "140123456789012"; },
-                 "[140123456789012] 2024-03-05T14:07:09.042Z 42       "
-                 "0f8fad5b-d9cb-469f-a165-70867728950e 0     <INFO>     0           hello"},
-        LineCase{"LongValues_AreWrittenWhole",
-                 [](Record& record) {
-                   record.elapsed = 1234567890123;
-                   record.category = 4294967295;
-                   record.sessionLogId = "0f8fad5b-d9cb-469f-a165-70867728950e-and-more";
-                   record.resultCode = std::numeric_limits<std::int32_t>::min();
-                   record.level = 0;
-                 },
-                 "[4711  ] 2024-03-05T14:07:09.042Z 1234567890123 "
-                 "0f8fad5b-d9cb-469f-a165-70867728950e-and-more 4294967295 <CRITICAL> -2147483648 "
-                 "hello"},
-        LineCase{"ClockSetBack_GivesANegativeElapsedTime",
-                 [](Record& record) { record.elapsed = -3'600'000; },
-                 "[4711  ] 2024-03-05T14:07:09.042Z -3600000 0f8fad5b-d9cb-469f-a165-70867728950e "
-                 "0     <INFO>     0           hello"},
-        LineCase{"BracesInTheMessage_AreText",
-                 [](Record& record) { record.message = "{} {0} {{ }} %s %n \\n }"; },
-                 "[4711  ] 2024-03-05T14:07:09.042Z 42       0f8fad5b-d9cb-469f-a165-70867728950e "
-                 "0     <INFO>     0           {} {0} {{ }} %s %n \\n }"},
-        LineCase{"BytesOfTheMessage_AreKept",
-                 [](Record& record) { record.message = "K\xC3\xA4rtchen \xF0\x9F\x83\x8F \xFF "; },
-                 "[4711  ] 2024-03-05T14:07:09.042Z 42       0f8fad5b-d9cb-469f-a165-70867728950e "
-                 "0     <INFO>     0           K\xC3\xA4rtchen \xF0\x9F\x83\x8F \xFF "},
-        LineCase{"EmptyMessage_EndsTheLineAfterItsSeparator",
-                 [](Record& record) { record.message = ""; },
-                 "[4711  ] 2024-03-05T14:07:09.042Z 42       0f8fad5b-d9cb-469f-a165-70867728950e "
-                 "0     <INFO>     0           "}),
-    [](const auto& each) { return each.param.name; });
+const std::string kTimeText = "2024-03-05T14:07:09.042Z ";
+const std::string kRest = kTimeText + "42       0f8fad5b-d9cb-469f-a165-70867728950e 0     ";
+const std::string kUsual = "[4711  ] " + kRest + "<INFO>     0           ";
+
+const LineCase kLines[] = {
+    {"UsualValues_FillTheirColumns", exampleRecord(),
+     "[4711  ] 2024-03-05T14:07:09.042Z 42       0f8fad5b-d9cb-469f-a165-70867728950e 0     "
+     "<INFO>     0           hello"},
+    {"FailureCode_FillsItsColumnExactly",
+     with(&Record::resultCode, static_cast<std::int32_t>(0x8007000E)),
+     "[4711  ] " + kRest + "<INFO>     -2147024882 hello"},
+    {"OwnErrorCode_IsPadded", with(&Record::resultCode, -500),
+     "[4711  ] " + kRest + "<INFO>     -500        hello"},
+    {"ThreadOfSixDigits_FillsItsColumn", with(&Record::thread, "123456"),
+     "[123456] " + kRest + "<INFO>     0           hello"},
+    {"LongThread_ShiftsTheRest", with(&Record::thread, "140123456789012"),
+     "[140123456789012] " + kRest + "<INFO>     0           hello"},
+    {"LongValues_AreWrittenWhole", recordOfLongValues(),
+     "[4711  ] " + kTimeText +
+         "1234567890123 0f8fad5b-d9cb-469f-a165-70867728950e {} %s and more 4294967295 "
+         "<CRITICAL> -2147483648 hello"},
+    {"ClockSetBack_GivesANegativeElapsedTime", with(&Record::elapsed, -3'600'000),
+     "[4711  ] " + kTimeText +
+         "-3600000 0f8fad5b-d9cb-469f-a165-70867728950e 0     <INFO>     0           hello"},
+    {"BracesInTheMessage_AreText", with(&Record::message, "{} {0} {{ }} %s %n \\n }"),
+     kUsual + "{} {0} {{ }} %s %n \\n }"},
+    {"BytesOfTheMessage_AreKept", with(&Record::message, "K\xC3\xA4 \xF0\x9F\x83\x8F \xFF "),
+     kUsual + "K\xC3\xA4 \xF0\x9F\x83\x8F \xFF "},
+    {"EmptyMessage_EndsTheLineAfterItsSeparator", with(&Record::message, ""), kUsual},
+};
+
+INSTANTIATE_TEST_SUITE_P(LineFormat, RecordLine, testing::ValuesIn(kLines),
+                         [](const auto& each) { return each.param.name; });
 
 TEST(LevelTag, NumbersZeroToFour_HaveTheirTags) {
   const char* const tags[] = {"<CRITICAL>", "<ERROR>", "<INFO>", "<DEBUG>", "<TRACE>"};

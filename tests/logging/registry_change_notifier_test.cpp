@@ -207,37 +207,50 @@ TEST_F(RegistryChangeNotifierTest, ChangeWhileAChangeIsDealtWith_IsNotLost) {
   EXPECT_EQ(received_.await(3), (Texts{"60", "1", "2"}));
 }
 
-TEST_F(RegistryChangeNotifierTest, FailingRead_IsAnErrorRecordAndTheThreadGoesOn) {
+struct FailureCase {
+  const char* name;
+  std::function<void(test::LoggingPorts&)> fail;  // two times
+  RecordedLine line;
+};
+
+class FailureOfTheThread : public RegistryChangeNotifierTest,
+                           public testing::WithParamInterface<FailureCase> {};
+
+TEST_P(FailureOfTheThread, IsAnErrorRecordEachTimeAndTheThreadGoesOn) {
+  GetParam().fail(ports_);
   const auto notifier = make();
-  registry().waitForCalls(FakeRegistry::Call::kNotifyChange, 1);
-  registry().deleteValue(kWideKey, kWideValue);
-  logger_.awaitLines(1);
-  registry().waitForCalls(FakeRegistry::Call::kNotifyChange, 2);
+  logger_.awaitLines(2);
   change(u"5");
   EXPECT_EQ(received_.await(2), (Texts{"60", "5"}));
-  EXPECT_EQ(logger_.lines(), (Lines{{1, -500, "Failed to query (2) registry value: Period"}}));
+  EXPECT_EQ(logger_.lines(), Lines(2, GetParam().line));
 }
 
-TEST_F(RegistryChangeNotifierTest, ExceptionOfTheCallback_IsAnErrorRecordAndTheThreadGoesOn) {
+INSTANTIATE_TEST_SUITE_P(
+    RegistryChangeNotifier, FailureOfTheThread,
+    testing::Values(
+        FailureCase{
+            "Subscription",
+            [](auto& ports) { ports.registry.fail(FakeRegistry::Call::kNotifyChange, 1018, 2); },
+            {1, 1018,
+             "Failed to subscribe to change notification on registry key: SOFTWARE\\Test"}},
+        FailureCase{"Wait",
+                    [](auto& ports) { ports.events.fail(FakeEvents::Call::kWaitAny, 6, 2); },
+                    {1, 6, "Failed to wait for event: SOFTWARE\\Test\\Period"}}),
+    [](const auto& each) { return each.param.name; });
+
+TEST_F(RegistryChangeNotifierTest, FailingReadAndCallback_AreErrorRecordsAndTheThreadGoesOn) {
   const auto notifier = make([&](const std::string& text) {
     if (text == "bad") throw std::runtime_error("refused {}");
     received_.add(text);
   });
   change(u"bad");
+  registry().deleteValue(kWideKey, kWideValue);
+  logger_.awaitLines(2);
+  registry().waitForCalls(FakeRegistry::Call::kNotifyChange, 3);
   change(u"5");
   EXPECT_EQ(received_.await(2), (Texts{"60", "5"}));
-  EXPECT_EQ(logger_.lines(), (Lines{{1, -500, "refused {}"}}));
-}
-
-TEST_F(RegistryChangeNotifierTest, FailingSubscription_IsAnErrorRecordEachTimeItIsTried) {
-  registry().fail(FakeRegistry::Call::kNotifyChange, 1018, 3);
-  const auto notifier = make();
-  registry().waitForCalls(FakeRegistry::Call::kNotifyChange, 4);
-  change(u"5");
-  EXPECT_EQ(received_.await(2), (Texts{"60", "5"}));
-  EXPECT_EQ(logger_.lines(), Lines(3, {1, 1018,
-                                       "Failed to subscribe to change notification on registry "
-                                       "key: SOFTWARE\\Test"}));
+  EXPECT_EQ(logger_.lines(), (Lines{{1, -500, "refused {}"},
+                                    {1, -500, "Failed to query (2) registry value: Period"}}));
 }
 
 TEST_F(RegistryChangeNotifierTest, SubscriptionThatNeverSucceeds_DoesNotKeepItFromEnding) {
@@ -246,15 +259,6 @@ TEST_F(RegistryChangeNotifierTest, SubscriptionThatNeverSucceeds_DoesNotKeepItFr
   logger_.awaitLines(10);
   notifier.reset();
   expectAllClosed();
-}
-
-TEST_F(RegistryChangeNotifierTest, FailingWait_IsAnErrorRecordAndTheThreadGoesOn) {
-  events().fail(FakeEvents::Call::kWaitAny, 6, 2);
-  const auto notifier = make();
-  logger_.awaitLines(2);
-  change(u"5");
-  EXPECT_EQ(received_.await(2), (Texts{"60", "5"}));
-  EXPECT_EQ(logger_.lines(), Lines(2, {1, 6, "Failed to wait for event: SOFTWARE\\Test\\Period"}));
 }
 
 TEST_F(RegistryChangeNotifierTest, FailingStopEvent_IsAnErrorRecord) {
