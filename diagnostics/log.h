@@ -33,11 +33,11 @@ void logInfo(const char* format, ...) ZELTA_PRINTF(1, 2);
 // decimal number.
 void logError(std::uint32_t code, const char* format, ...) ZELTA_PRINTF(2, 3);
 inline constexpr std::uint32_t kNoError = static_cast<std::uint32_t>(kNoResultCode);
-// No filter but the line writer's own.
+// Tested by the line writer only, not by the logger's filter.
 void logMessage(std::uint8_t level, std::int32_t code, const char* format, ...) ZELTA_PRINTF(3, 4);
 
-// The bytes as lines of hexadecimal values behind a line with their count, at level 3; one dump is
-// never mixed with other records, and nothing is formatted below the threshold.
+// The bytes as lines of hexadecimal values after a line with their count, at level 3. A dump is
+// never mixed with other records, and nothing is formatted if the level is dropped.
 void logByteDump(const std::uint8_t* bytes, std::uint64_t length, std::uint64_t bytesPerLine);
 
 }  // namespace zelta

@@ -49,7 +49,7 @@ void appendTimeStamp(std::string& line, std::int64_t time) {
                  split.milliseconds);
 }
 
-// The columns by hand: {fmt} pads a text ten times as slowly as it copies one.
+// By hand: {fmt} takes ten times as long to pad a text as to copy it.
 void appendPadded(std::string& line, std::string_view text, std::size_t width) {
   line.append(text);
   if (text.size() < width) line.append(width - text.size(), ' ');
@@ -67,8 +67,8 @@ void appendNumber(std::string& line, Number number, std::size_t width) {
   appendColumn(line, {text.data(), text.size()}, width);
 }
 
-// A text without a destructor: a thread-local one with a destructor would keep a module from being
-// unloaded, and one of the process would be gone while the log's threads still write at exit.
+// A text without a destructor. A thread-local text with one would keep a module from being
+// unloaded, and a global one would be gone while the log's threads still write at exit.
 template <std::size_t capacity>
 struct FixedText {
   explicit FixedText(const std::string& text) : length(text.copy(characters, capacity)) {}
@@ -132,7 +132,7 @@ std::string recordLine(const Record& record) {
 }
 
 std::string_view levelTag(std::int32_t level) {
-  // A negative level is beyond the table as well.
+  // Unsigned, so that a negative level is out of range as well.
   const auto index = static_cast<std::uint32_t>(level);
   if (index >= kLevelTags.size()) throw std::out_of_range("invalid map<K, T> key");
   return kLevelTags[index];
