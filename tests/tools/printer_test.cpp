@@ -25,7 +25,7 @@ TEST_P(PrinterTest, Shows) {
   Lines shown;
   Printer printer(GetParam().filter, GetParam().color,
                   [&](std::string_view line) { shown.emplace_back(line); });
-  for (const std::string& line : GetParam().given) printer.line(line);
+  for (const std::string& line : GetParam().given) printer.print(line);
   EXPECT_EQ(shown, GetParam().shown);
 }
 
