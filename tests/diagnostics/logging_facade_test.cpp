@@ -1,4 +1,4 @@
-// The log calls with the process's own logger behind them.
+// The log calls, with the process's own logger.
 #include "diagnostics/logging_facade.h"
 
 #include <gtest/gtest.h>
