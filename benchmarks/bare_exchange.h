@@ -1,4 +1,4 @@
-// The bytes of an exchange over a socket pair and nothing else: what there is no way below.
+// The bytes of an exchange over a socket pair and nothing else: the least that it can cost.
 //
 // Another process answers, on one thread and at once. Made before the process has threads; owned
 // and used by one.

@@ -1,6 +1,6 @@
-// The driver alone, through its binary interface, with the least agent: an exchange beside the
-// bare exchange of the same bytes, the controls that are answered from the reader's state, and an
-// event until the request that waits for it is completed.
+// The driver alone, through its binary interface, with the least agent: an exchange and the bare
+// exchange of the same bytes, the controls that are answered from the reader's state, and the time
+// from an event to the completion of the request that waits for it.
 //
 //   driver_benchmark ROUNDS COUNT
 //
@@ -27,26 +27,17 @@ namespace {
 
 constexpr auto kLimit = std::chrono::seconds(30);
 const Bytes kCommand{0x00, 0xA4, 0x04, 0x00, 0x02, 0x3F, 0x00};
-const Bytes kTransmit{SCARD_PROTOCOL_T1,
-                      0,
-                      0,
-                      0,
-                      kTransmitHeaderSize,
-                      0,
-                      0,
-                      0,
-                      0x00,
-                      0xA4,
-                      0x04,
-                      0x00,
-                      0x02,
-                      0x3F,
-                      0x00};
+// The command after a transmit's header: the protocol and the header's length.
+const Bytes kTransmit = [] {
+  Bytes bytes{SCARD_PROTOCOL_T1, 0, 0, 0, kTransmitHeaderSize, 0, 0, 0};
+  bytes.insert(bytes.end(), kCommand.begin(), kCommand.end());
+  return bytes;
+}();
 constexpr std::size_t kCapacity = 264;  // bytes of an answer
 
 Bytes number(std::uint32_t value) {
-  return {static_cast<std::uint8_t>(value), static_cast<std::uint8_t>(value >> 8),
-          static_cast<std::uint8_t>(value >> 16), static_cast<std::uint8_t>(value >> 24)};
+  const auto bytes = toLittleEndian(value);
+  return {bytes.begin(), bytes.end()};
 }
 
 // The driver in its host, with a reader that is open.
@@ -60,8 +51,7 @@ class Driver {
   void control(std::uint32_t code, const Bytes& input) {
     const host::IoResult result = file_->control(code, input, kCapacity, kLimit);
     if (framework::succeeded(result.status)) return;
-    std::fprintf(stderr, "control %08X failed: %08X\n", code, static_cast<unsigned>(result.status));
-    std::exit(1);
+    fail("control " + std::to_string(code) + " failed: " + std::to_string(result.status));
   }
   // Begins a request; when this returns it waits for the card, or is completed. `completed` gets
   // the time.
@@ -141,8 +131,7 @@ void run(int rounds, int count) {
   Driver driver;
   Clock::time_point cardSeen;
   if (!driver.wait(IOCTL_SMARTCARD_IS_PRESENT, &cardSeen)->wait(kLimit)) {
-    std::fprintf(stderr, "the card did not come in\n");
-    std::exit(1);
+    fail("the card did not come in");
   }
   measureCommands(driver, bare, rounds, count);
   measureEvents(driver, agent, rounds * count / 20);
@@ -152,9 +141,5 @@ void run(int rounds, int count) {
 }  // namespace zelta::benchmarks
 
 int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::fprintf(stderr, "usage: %s ROUNDS COUNT\n", argv[0]);
-    return 2;
-  }
-  zelta::benchmarks::run(std::atoi(argv[1]), std::atoi(argv[2]));
+  return zelta::benchmarks::runWithCounts(argc, argv, zelta::benchmarks::run);
 }

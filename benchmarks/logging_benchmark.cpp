@@ -1,5 +1,5 @@
-// What a line of the driver's log costs, beside the same bytes written and flushed by the bare C
-// library in the same run; and what a call costs that is below the threshold.
+// What a line of the driver's log costs, what the same bytes cost if the bare C library writes and
+// flushes them in the same run, and what a call below the threshold costs.
 //
 //   logging_benchmark [--benchmark_filter=REGEX ...]
 //

@@ -201,7 +201,7 @@ def counted_calls(pid, operation):
 
 def system_calls(measured):
     """Of a short command: pcscd with the handler that answers at once, pcscd with the reader, the
-    agent. None where they cannot be counted."""
+    agent. None if they cannot be counted."""
     from smartcard import scard
 
     def transmit_to(reader):

@@ -1,5 +1,5 @@
-// A handler for pcscd that answers everything at once: what a command through pcscd costs with
-// nothing behind it.
+// A handler for pcscd that answers everything at once. It shows what a command through pcscd costs
+// by itself.
 #include <algorithm>
 #include <array>
 #include <cstring>

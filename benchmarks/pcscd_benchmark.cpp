@@ -1,5 +1,6 @@
-// A command through pcscd to a handler that answers at once and to the reader, beside the bare
-// exchange of the same bytes; in turns, so that whatever else the machine does meets all of them.
+// A command through pcscd to a handler that answers at once and to the reader, and the bare
+// exchange of the same bytes. They take turns, so that whatever else the machine does meets all of
+// them.
 //
 //   pcscd_benchmark ROUNDS COUNT
 //
@@ -9,8 +10,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -28,9 +28,10 @@ constexpr std::array<BYTE, 7> kLong{0x00, 0xB0, 0x00, 0x00, 0x00, 0xFF, 0xF0};
 constexpr int kLongCommands = 10;  // a round
 constexpr auto kPatience = std::chrono::seconds(30);
 
-[[noreturn]] void fail(const char* what, LONG error) {
-  std::fprintf(stderr, "%s failed: %s\n", what, pcsc_stringify_error(error));
-  std::exit(1);
+void expectSuccess(const char* what, LONG error) {
+  if (error != SCARD_S_SUCCESS) {
+    fail(std::string(what) + " failed: " + pcsc_stringify_error(error));
+  }
 }
 
 class Connection {
@@ -38,14 +39,14 @@ class Connection {
   // Waits for the reader's card.
   explicit Connection(const char* reader) {
     LONG error = SCardEstablishContext(SCARD_SCOPE_SYSTEM, nullptr, nullptr, &context_);
-    if (error != SCARD_S_SUCCESS) fail("establishing a context", error);
+    expectSuccess("establishing a context", error);
     const auto end = Clock::now() + kPatience;
     error = connect(reader);
     while (error != SCARD_S_SUCCESS && Clock::now() < end) {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
       error = connect(reader);
     }
-    if (error != SCARD_S_SUCCESS) fail(reader, error);
+    expectSuccess(reader, error);
   }
   ~Connection() {
     SCardDisconnect(card_, SCARD_LEAVE_CARD);
@@ -58,11 +59,8 @@ class Connection {
     DWORD length = answer_.size();
     const LONG error = SCardTransmit(card_, SCARD_PCI_T1, command.data(), command.size(), nullptr,
                                      answer_.data(), &length);
-    if (error != SCARD_S_SUCCESS) fail("a transmit", error);
-    if (length != expected) {
-      std::fprintf(stderr, "%lu bytes were answered, not %zu\n", length, expected);
-      std::exit(1);
-    }
+    expectSuccess("a transmit", error);
+    if (length != expected) fail(std::to_string(length) + " bytes were answered");
   }
 
  private:
@@ -101,9 +99,5 @@ void run(int rounds, int count) {
 }  // namespace zelta::benchmarks
 
 int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::fprintf(stderr, "usage: %s ROUNDS COUNT\n", argv[0]);
-    return 2;
-  }
-  zelta::benchmarks::run(std::atoi(argv[1]), std::atoi(argv[2]));
+  return zelta::benchmarks::runWithCounts(argc, argv, zelta::benchmarks::run);
 }

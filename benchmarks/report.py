@@ -8,7 +8,7 @@ BEGIN, END = "<!-- measured: begin -->", "<!-- measured: end -->"
 # `driver`, `ours` and `least` are times by name, `movements` is what measurements.card_movements
 # gives, `calls` what measurements.system_calls does.
 Results = collections.namedtuple("Results", "driver ours least movements calls machine")
-# `ratio`: whether the bare exchange is what it is compared with.
+# `ratio`: whether it is compared with the bare exchange.
 Row = collections.namedtuple("Row", "what median p90 limit target ratio",
                              defaults=(None, "", True))
 
@@ -57,10 +57,19 @@ def number(value):
     return f"{value:.0f}" if value >= 100 or value == 0 else f"{value:.1f}"
 
 
+def is_missed(row):
+    return row.limit is not None and row.median > row.limit
+
+
+def missed(results):
+    """The names of the rows that miss their target."""
+    return [row.what for row in pcscd_rows(results) if is_missed(row)]
+
+
 def verdict(row):
     if row.limit is None:
         return ""
-    return f"{row.target}: {number(row.limit)}, {'kept' if row.median <= row.limit else 'MISSED'}"
+    return f"{row.target}: {number(row.limit)}, {'MISSED' if is_missed(row) else 'kept'}"
 
 
 def table(head, lines):
@@ -122,7 +131,7 @@ def bars(rows, top):
     for index, row in enumerate(rows):
         y = top + index * (BAR + GAP)
         end = LEFT + row.median * scale
-        colour = "#2a6f97" if row.limit is None or row.median <= row.limit else "#c1121f"
+        colour = "#c1121f" if is_missed(row) else "#2a6f97"
         parts.append(f'<text x="{LEFT - 10}" y="{y + 16}" text-anchor="end">'
                      f'{html.escape(row.what.partition(", ")[2] or row.what)}</text>')
         parts.append(f'<rect x="{LEFT}" y="{y}" width="{end - LEFT:.1f}" height="{BAR}" '

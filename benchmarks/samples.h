@@ -1,10 +1,13 @@
-// Times of one operation, and what is printed of them: a line of tab-separated fields for the
-// program that makes the table (bench.py): name, median and 90th percentile in microseconds, count.
+// What the benchmark programs share: times of one operation, their options, their end.
+//
+// Each operation is printed as a line of tab-separated fields for bench.py, which makes the table:
+// name, median and 90th percentile in microseconds, count.
 #pragma once
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
@@ -44,5 +47,21 @@ class Samples {
   const std::string name_;
   std::vector<double> microseconds_;
 };
+
+// The main function of a program that is called with ROUNDS COUNT.
+inline int runWithCounts(int argc, char** argv, void (*run)(int rounds, int count)) {
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: %s ROUNDS COUNT\n", argv[0]);
+    return 2;
+  }
+  run(std::atoi(argv[1]), std::atoi(argv[2]));
+  return 0;
+}
+
+// Ends the program: a measurement without its peer is none.
+[[noreturn]] inline void fail(const std::string& why) {
+  std::fprintf(stderr, "%s\n", why.c_str());
+  std::exit(1);
+}
 
 }  // namespace zelta::benchmarks

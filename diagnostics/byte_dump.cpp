@@ -14,7 +14,7 @@ constexpr char kDigits[] = "0123456789abcdef";
 std::uint64_t byteDumpLineCount(std::uint64_t length, std::uint64_t bytesPerLine) {
   if (length == 0) return 0;
   const std::uint64_t divisor = bytesPerLine >= 2 ? bytesPerLine : 1;
-  // Unsigned: a bytesPerLine near the highest number wraps round to no line at all.
+  // Intentional: a bytesPerLine near the highest number wraps round and gives no line.
   return (length - 1 + bytesPerLine) / divisor;
 }
 

@@ -12,13 +12,12 @@ namespace zelta {
 // length - 1 (empty ones) for 0 bytes per line. 0 for an empty buffer.
 std::uint64_t byteDumpLineCount(std::uint64_t length, std::uint64_t bytesPerLine);
 
-// Line `line`, from 0: two lower-case digits and a blank for each byte, "0a ff ".
+// The line with that number, from 0: two lower-case digits and a blank for each byte, "0a ff ".
 std::string byteDumpLine(const std::uint8_t* bytes, std::uint64_t length,
                          std::uint64_t bytesPerLine, std::uint64_t line);
 
-// A record with the length, then one for each line, all at the debug level. Does and formats
-// nothing where the logger drops that level. The caller sees to it that nothing else is written
-// between the records.
+// A record with the length, then one for each line, all at the debug level. Formats nothing if the
+// logger drops that level. The caller makes sure that nothing else is written between the records.
 void writeByteDump(logging::LoggerBase& logger, const std::uint8_t* bytes, std::uint64_t length,
                    std::uint64_t bytesPerLine);
 

@@ -18,8 +18,8 @@ std::string formatMessage(const char* format, std::va_list arguments) {
   std::array<char, kMessageBufferSize> buffer{};
   const int length = std::vsnprintf(buffer.data(), buffer.size(), format, arguments);
   buffer.back() = '\0';
-  // The formatter gives up on a wide character that the process's locale cannot express. What
-  // happened is still worth a line.
+  // The formatter gives up on a wide character that the process's locale cannot express. The
+  // format itself is still worth a line.
   if (length < 0) return std::string(format).substr(0, kMessageBufferSize - 1);
   return buffer.data();
 }
@@ -29,8 +29,8 @@ void writeOrLose(Write write) noexcept {
   try {
     write();
   } catch (...) {
-    // A log call reports no failure to its caller: a record that cannot be made or written (no
-    // memory, a logger that fails) is lost, and there is no other place to say so.
+    // A log call reports no failure to its caller. A record that cannot be made or written (no
+    // memory, a failing logger) is lost: there is no other place to report it.
   }
 }
 

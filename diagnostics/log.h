@@ -8,6 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "logging/level.h"
+
 #if defined(__GNUC__) && defined(__MINGW32__)
 #define ZELTA_PRINTF(text, first) __attribute__((format(gnu_printf, text, first)))
 #elif defined(__GNUC__)
@@ -18,8 +20,8 @@
 
 namespace zelta {
 
-// A record is written when its level is not above the logger's threshold.
-enum class LogLevel : std::uint8_t { kCritical = 0, kError = 1, kInfo = 2, kDebug = 3, kTrace = 4 };
+// A record is written if its level is not above the logger's threshold.
+using LogLevel = logging::Level;
 
 // The result code of a failure that has none of its own.
 inline constexpr std::int32_t kNoResultCode = -500;
@@ -31,11 +33,11 @@ void logInfo(const char* format, ...) ZELTA_PRINTF(1, 2);
 // decimal number.
 void logError(std::uint32_t code, const char* format, ...) ZELTA_PRINTF(2, 3);
 inline constexpr std::uint32_t kNoError = static_cast<std::uint32_t>(kNoResultCode);
-// No filter but the line writer's own.
+// Tested by the line writer only, not by the logger's filter.
 void logMessage(std::uint8_t level, std::int32_t code, const char* format, ...) ZELTA_PRINTF(3, 4);
 
-// The bytes as lines of hexadecimal values behind a line with their count, at level 3; one dump is
-// never mixed with other records, and nothing is formatted below the threshold.
+// The bytes as lines of hexadecimal values after a line with their count, at level 3. A dump is
+// never mixed with other records, and nothing is formatted if the level is dropped.
 void logByteDump(const std::uint8_t* bytes, std::uint64_t length, std::uint64_t bytesPerLine);
 
 }  // namespace zelta

@@ -1,5 +1,5 @@
-// Where the log calls go: the process's logger. The logging facade implements these; a program
-// that wants the records themselves links another implementation in its place.
+// The process's logger, to which the log calls go. The logging facade implements these functions; a
+// program that wants the records themselves links another implementation instead.
 #pragma once
 
 #include <cstdint>
@@ -9,8 +9,8 @@
 
 namespace zelta {
 
-// Whether a record of that level would be dropped by the logger's level test, so that it need not
-// be made. False while there is no logger: the record's call makes one.
+// Whether the logger's level test would drop a record of that level, so that it need not be made.
+// False if there is no logger: the record's call makes one.
 bool isDropped(LogLevel level);
 
 // Through the logger's level test.
@@ -25,10 +25,10 @@ void setSessionLogId(const std::string& id);
 inline constexpr char kNullSessionLogId[] = "00000000-0000-0000-0000-000000000000";
 
 // Ends the process's logger with its threads and closes its file. A later record makes a new one.
-// Any thread, also while others log: each keeps the logger until its record is written. Must not be
-// called under the operating system's loader lock.
+// Any thread, also while others log: a thread that is writing keeps the logger until it has
+// written. Must not be called under the operating system's loader lock.
 void shutDownLogging();
-// Whether a record has made a logger that was not ended since.
+// Whether there is a logger: a record has made one, and it was not ended since.
 bool hasLogger();
 
 }  // namespace zelta

@@ -44,33 +44,32 @@ class LoggerWrapper;
 // What `currentThreshold` is while there is no logger; above every level.
 constexpr std::uint32_t kNoLogger = 0xFFFFFFFF;
 
-// Held for each use of the process's logger and for its replacement, so that nobody's logger goes
-// while a record is written; taken before the logger's own locks. The file logger's own threads
-// never take it, so that a session's logger can be replaced under it.
+// Held for each use of the process's logger and for its replacement, so that no logger goes while a
+// record is written. The file logger's own threads never take it, so that a session's logger can be
+// replaced under it.
 platform::NeverDestroyed<platform::Mutex> loggerMutexStorage;
 platform::Mutex& loggerMutex = loggerMutexStorage.get();
 
-// The process's logger, made by the first log call and ended by `shutDownLogging`. It owns what it
-// points to, and no destructor of the process's globals ends it: while a process exits the other
-// threads may still log, or may be gone already with a lock in their hands. Every line is on disk
-// by then, and the system takes back the rest.
+// The process's logger, made by the first log call and ended by `shutDownLogging`. An owning
+// pointer that no destructor of a global ends: while a process exits, other threads may still log,
+// or may be gone already and have left a lock held. Every line is on disk by then.
 LoggerWrapper* theLogger ZELTA_GUARDED_BY(loggerMutex) = nullptr;
 
-// The threshold of `theLogger`, for those who do not want to wait for the mutex; changed under it.
+// The threshold of `theLogger`, for reading without the mutex; changed under it.
 std::atomic<std::uint32_t> currentThreshold{kNoLogger};
 
-// A logger, the thread that keeps its threshold as the administrator wants it, and a hold on this
-// module: the threads' code stays mapped even if the module is unloaded without having been asked.
+// A logger, the thread that keeps its threshold as the administrator wants it, and a reference to
+// this module: the threads' code stays mapped even if the module is unloaded without being asked.
 class LoggerWrapper {
  public:
   LoggerWrapper();
-  // Without `loggerMutex`, which the thread may need to end.
+  // Not under `loggerMutex`, which the thread may need in order to end.
   ~LoggerWrapper() ZELTA_EXCLUDES(loggerMutex);
   LoggerWrapper(const LoggerWrapper&) = delete;
   LoggerWrapper& operator=(const LoggerWrapper&) = delete;
 
-  // Runs `action` on the current logger. What the logger throws goes no further: a log call does
-  // not fail, and a record that cannot be written has no other place to go.
+  // Runs `action` on the current logger. Exceptions of the logger go no further: a log call does
+  // not fail, and there is no other place for a record that cannot be written.
   template <typename Action>
   void use(Action action) ZELTA_REQUIRES(loggerMutex) {
     try {
@@ -79,7 +78,7 @@ class LoggerWrapper {
     }
   }
 
-  // Starts a new file. The old logger stays where the new one cannot be made.
+  // Starts a new file. The old logger stays if the new one cannot be made.
   void startSession(const std::string& id) ZELTA_REQUIRES(loggerMutex);
 
   std::uint32_t eventFilterMode() const { return eventFilterMode_.load(); }
@@ -110,7 +109,7 @@ LoggerWrapper::LoggerWrapper()
 
 LoggerWrapper::~LoggerWrapper() {
   {
-    MutexLock lock(stopMutex_);
+    const MutexLock lock(stopMutex_);
     stopRequested_ = true;
   }
   stopCondition_.notifyAll();
@@ -136,7 +135,7 @@ void LoggerWrapper::watchPolicy() noexcept {
     try {
       applyPolicy();
     } catch (const std::exception& error) {
-      MutexLock lock(loggerMutex);
+      const MutexLock lock(loggerMutex);
       use([&error](FileLoggerWindows& logger) {
         logger.LoggerBase::log(static_cast<std::int32_t>(LogLevel::kError), kNoResultCode,
                                error.what());
@@ -148,7 +147,7 @@ void LoggerWrapper::watchPolicy() noexcept {
 void LoggerWrapper::applyPolicy() {
   const std::uint32_t mode = readEventFilterMode(*ports().registry);
   if (mode == eventFilterMode_.load()) return;
-  MutexLock lock(loggerMutex);
+  const MutexLock lock(loggerMutex);
   eventFilterMode_.store(mode);
   logger_->setThreshold(mode);
   if (theLogger == this) currentThreshold.store(mode, std::memory_order_relaxed);
@@ -160,7 +159,7 @@ bool LoggerWrapper::isStoppedAfterWait() {
       lock, kPolicyPeriod, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return stopRequested_; });
 }
 
-// Null where it cannot be made; the next log call tries again.
+// Null if it cannot be made; the next log call tries again.
 LoggerWrapper* loggerOfProcess() ZELTA_REQUIRES(loggerMutex) {
   if (theLogger != nullptr) return theLogger;
   try {
@@ -173,14 +172,14 @@ LoggerWrapper* loggerOfProcess() ZELTA_REQUIRES(loggerMutex) {
 }
 
 std::unique_ptr<LoggerWrapper> takeLogger() ZELTA_EXCLUDES(loggerMutex) {
-  MutexLock lock(loggerMutex);
+  const MutexLock lock(loggerMutex);
   currentThreshold.store(kNoLogger, std::memory_order_relaxed);
   return std::unique_ptr<LoggerWrapper>(std::exchange(theLogger, nullptr));
 }
 
 template <typename Action>
 void useLogger(Action action) {
-  MutexLock lock(loggerMutex);
+  const MutexLock lock(loggerMutex);
   if (LoggerWrapper* logger = loggerOfProcess()) logger->use(action);
 }
 
@@ -205,7 +204,7 @@ std::u16string resolveLogDirectory(platform::FolderApi& folders) {
     buffer.fill(0);
     length = folders.currentDirectory(buffer.data(), kPathBufferSize);
   }
-  // The backslash follows even a path that ends in one; a doubled separator does no harm.
+  // Intentional: the backslash follows even a path that ends in one; a doubled one does no harm.
   return pathInBuffer(buffer, length);
 }
 
@@ -244,7 +243,7 @@ void logByteDump(const std::uint8_t* bytes, std::uint64_t length, std::uint64_t 
 }
 
 void setSessionLogId(const std::string& id) {
-  MutexLock lock(loggerMutex);
+  const MutexLock lock(loggerMutex);
   if (LoggerWrapper* logger = loggerOfProcess()) logger->startSession(id);
 }
 

@@ -1,5 +1,5 @@
-// What the process's logger is made of: where its files go and which records it writes. The
-// logger itself is behind log_output.h.
+// Where the files of the process's logger go and which records it writes. log_output.h has the
+// logger itself.
 #pragma once
 
 #include <cstdint>
@@ -13,13 +13,13 @@ namespace zelta {
 // Follows the log directory in a log file's path.
 inline constexpr char kLogBaseName[] = "zelta_vsc";
 
-// The threshold where the registry says nothing else: information and above.
+// The threshold if the registry has none: information and above.
 inline constexpr std::uint32_t kDefaultEventFilterMode = 2;
 
-// The directory of the log files with a backslash at its end: the agent's below the ProgramData
-// folder; where there is none the temporary path or the current directory, with another backslash
-// after whatever it ends in; empty where that fails, too, or is 260 characters or longer. The
-// directory may not exist; it is never created.
+// The directory of the log files with a backslash at its end: the agent's, below the ProgramData
+// folder. If there is no such folder: the temporary path, or else the current directory, always
+// with another backslash. Empty if that fails, too, or has 260 characters or more. The directory
+// may not exist; it is never created.
 std::u16string resolveLogDirectory(platform::FolderApi& folders);
 
 // The administrator's level threshold, 0 to 3: the policy key's, else the defaults key's, else

@@ -7,7 +7,7 @@
 
 namespace zelta {
 
-// Allocates nothing. A name is cut off after as many characters as a log message can have.
+// Allocates nothing. A name is cut off at the greatest length of a log message.
 class ScopeName {
  public:
   explicit ScopeName(const char* name) noexcept {

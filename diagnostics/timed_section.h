@@ -10,7 +10,7 @@ namespace zelta {
 
 class TimedSection {
  public:
-  // `name` is the operation's own ("CMyDevice::OnD0Entry"); it is copied.
+  // `name` is the operation's name ("CMyDevice::OnD0Entry"); it is copied.
   explicit TimedSection(const char* name) noexcept;
   ~TimedSection();
   TimedSection(const TimedSection&) = delete;

@@ -1,10 +1,9 @@
-// A scoped lock of a critical section that reports contention to the log, and only that: where
-// the lock is free, nothing is written. The only way in which the driver takes the device lock.
+// A scoped lock of a critical section that reports contention to the log. If the lock is free,
+// nothing is written. The driver takes the device lock in no other way.
 //
-// Threads: the lock is its holder thread's and may be nested by it. Which lock was contended last
-// is one value for the process, shared without synchronisation of its own: a release may go
-// unreported, or be reported by another lock's holder of the same critical section.
-// Never throws.
+// Threads: the thread that holds the lock may take it again. Which lock was contended last is one
+// value for the process, shared without synchronisation: a release may go unreported, or another
+// holder of the same critical section may report it. Never throws.
 #pragma once
 
 #include "diagnostics/scope_name.h"

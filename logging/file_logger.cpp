@@ -60,9 +60,9 @@ void FileLogger::startNewFile() {
 }
 
 std::string FileLogger::newFilePath() const {
-  // Two files made within one millisecond would have the same name, and the second would wipe out
-  // the first (an agent may report two sessions in one breath, two processes may begin at once).
-  // The second takes the next millisecond that is free.
+  // Two files made within one millisecond (by two sessions, or by two processes) would have the
+  // same name, and the second would wipe out the first. So the second takes the name of the next
+  // millisecond that is free.
   std::int64_t time = platform::ports().clock->now();
   for (;;) {
     std::string path = logFilePath(basePath_, time);

@@ -1,4 +1,4 @@
-// A logger that writes to a file, or through another logger to that one's file.
+// A logger that writes to its own file, or to the file of the logger it was made from.
 #pragma once
 
 #include <cstdint>
@@ -10,14 +10,14 @@
 
 namespace zelta::logging {
 
-// A top-level logger owns its file and is its own root; a child has a root's file to write to. A
-// top-level FileLogger is to be used by one thread at a time (FileLoggerWindows adds the lock);
-// its children take no lock of their own.
+// A top-level logger owns its file and is its own root; a child writes to its root's file. One
+// thread at a time may use a top-level FileLogger (FileLoggerWindows adds the lock). Its children
+// take no lock of their own.
 class FileLogger : public LoggerBase {
  public:
-  // `root` is the logger that owns the file, this one itself (or null) for a top-level logger,
-  // which then makes its first file. It is not owned and must outlive this logger. `basePath` is
-  // UTF-8, what file names begin with.
+  // `root` is the logger that owns the file. It is not owned and must outlive this logger. If it is
+  // null or this logger itself, this one is top-level and makes its first file. `basePath` (UTF-8)
+  // is what file names begin with.
   FileLogger(std::uint32_t category, std::uint32_t threshold, std::string sessionLogId,
              FileLogger* root, std::string basePath);
   ~FileLogger() override;
@@ -27,8 +27,8 @@ class FileLogger : public LoggerBase {
   using LoggerBase::log;
   void log(const std::string& message, Level level, const std::int32_t& resultCode) override;
   void log(const std::string& message, std::int32_t level, std::int32_t resultCode) override;
-  // Does nothing in a child and above the threshold. Throws `std::out_of_range` for a level that
-  // has no tag.
+  // Does nothing in a child, nor if the level is above the threshold. Throws `std::out_of_range`
+  // for a level that has no tag.
   void writeLine(const std::string& message, std::uint32_t category, std::int32_t level,
                  std::int32_t resultCode, const std::string& sessionLogId) override;
 
@@ -36,7 +36,7 @@ class FileLogger : public LoggerBase {
   const std::string& sessionLogId() const { return sessionLogId_; }
 
  protected:
-  // Top-level loggers only. Makes a new file with a heading and closes the one before.
+  // Top-level loggers only. Makes a new file with a header and closes the one before.
   void startNewFile();
   // Milliseconds since 1970.
   std::int64_t fileCreationTime() const { return file_->creationTime(); }

@@ -42,7 +42,7 @@ FileLoggerWindows::FileLoggerWindows(std::uint32_t category, std::uint32_t thres
 FileLoggerWindows::~FileLoggerWindows() {
   try {
     {
-      MutexLock lock(rotationMutex_);
+      const MutexLock lock(rotationMutex_);
       stopRequested_ = true;
     }
     rotationCondition_.notifyAll();
@@ -58,14 +58,14 @@ FileLoggerWindows::~FileLoggerWindows() {
 void FileLoggerWindows::writeLine(const std::string& message, std::uint32_t category,
                                   std::int32_t level, std::int32_t resultCode,
                                   const std::string& sessionLogId) {
-  MutexLock lock(writeMutex_);
+  const MutexLock lock(writeMutex_);
   FileLogger::writeLine(message, category, level, resultCode, sessionLogId);
 }
 
 void FileLoggerWindows::startNotifier() {
   try {
-    // The notifier reports through a child, which belongs to the callback: both are gone only
-    // after the notifier's thread is. The child keeps the threshold of this moment.
+    // The notifier reports through a child, which the callback owns: both outlive the notifier's
+    // thread. The child keeps the threshold of this moment.
     std::shared_ptr<FileLogger> child = createChildForCategory(category());
     LoggerBase* const childLogger = child.get();
     notifier_ = std::make_unique<RegistryChangeNotifier>(
@@ -102,7 +102,7 @@ void FileLoggerWindows::onRotationTimeChanged(const std::string& text) {
     return;
   }
   {
-    MutexLock lock(rotationMutex_);
+    const MutexLock lock(rotationMutex_);
     LoggerBase::log(kInfo, 0, fmt::format("Setting log rotation time to: {} mins", *minutes));
     rotationPeriod_.store(period);
     periodChanged_ = true;
@@ -118,7 +118,7 @@ void FileLoggerWindows::runRotation() {
   }
 }
 
-// False: the time ran out and nothing else happened.
+// False if the time ran out and nothing else happened.
 bool FileLoggerWindows::waitForRotation(MutexLock& lock) {
   const auto isWoken = [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
     return stopRequested_ || periodChanged_;
@@ -128,7 +128,7 @@ bool FileLoggerWindows::waitForRotation(MutexLock& lock) {
     rotationCondition_.wait(lock, isWoken);
     return true;
   }
-  // Only this thread replaces the file, so that its creation time can be read here.
+  // Only this thread replaces the file, so its creation time can be read here.
   const std::int64_t deadline = fileCreationTime() + period;
   return platform::ports().clock->waitUntil(rotationCondition_, lock,
                                             deadline * kClockUnitsPerMillisecond, isWoken);
@@ -136,7 +136,7 @@ bool FileLoggerWindows::waitForRotation(MutexLock& lock) {
 
 void FileLoggerWindows::rotate() noexcept {
   try {
-    MutexLock lock(writeMutex_);
+    const MutexLock lock(writeMutex_);
     startNewFile();
   } catch (const std::exception& error) {
     logErrorOrLose(*this, kOwnErrorCode, [&] { return std::string(error.what()); });

@@ -1,4 +1,4 @@
-// The file logger of a process with several threads, whose file is replaced after a period.
+// The file logger of a process with several threads, which starts a new file after a period.
 #pragma once
 
 #include <atomic>
@@ -16,16 +16,14 @@ namespace zelta::logging {
 // Any thread may log. A rotation thread starts a new file when the current one has been open for
 // the rotation period (old files are kept). The period follows a registry value,
 // SOFTWARE\Vornhalt\ZeltaAgent "ZeltaLogRotationTime": a number of minutes as text, 0 for no
-// rotation by time. Until a valid one has been read the period given here holds.
-//
-// Locks: the rotation mutex is taken before the write mutex, and that before the file's own.
+// rotation by time. Until a valid one has been read, the period given here holds.
 class FileLoggerWindows : public FileLogger {
  public:
-  // The period is in milliseconds; 0 or less: no rotation by time. A registry value that cannot
-  // be read or watched is an Error record in the new file, not a failure.
+  // The period is in milliseconds; 0 or less means no rotation by time. If the registry value
+  // cannot be read or watched, that is an Error record in the new file and no failure.
   FileLoggerWindows(std::uint32_t category, std::uint32_t threshold, std::string sessionLogId,
                     std::string basePath, std::int64_t initialRotationPeriod);
-  // Ends both threads and closes the file. No thread may log any more, children included.
+  // Ends both threads and closes the file. From now on no thread may log, nor use a child.
   ~FileLoggerWindows() override;
 
   void writeLine(const std::string& message, std::uint32_t category, std::int32_t level,
@@ -44,7 +42,7 @@ class FileLoggerWindows : public FileLogger {
   std::unique_ptr<RegistryChangeNotifier> notifier_;  // may be empty
   std::atomic<std::int64_t> rotationPeriod_;          // milliseconds
   platform::Mutex writeMutex_;                        // line writes and the file's replacement
-  platform::Mutex rotationMutex_;
+  platform::Mutex rotationMutex_ ZELTA_ACQUIRED_BEFORE(writeMutex_);
   bool periodChanged_ ZELTA_GUARDED_BY(rotationMutex_) = false;
   bool stopRequested_ ZELTA_GUARDED_BY(rotationMutex_) = false;
   platform::ConditionVariable rotationCondition_;

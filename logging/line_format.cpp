@@ -3,7 +3,6 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
-#include <array>
 #include <ctime>
 #include <iterator>
 #include <locale>
@@ -12,6 +11,7 @@
 #include <thread>
 #include <type_traits>
 
+#include "logging/level.h"
 #include "platform/sync/clock.h"
 
 namespace zelta::logging {
@@ -34,9 +34,6 @@ constexpr std::size_t kBracketedThreadWidth = kThreadWidth - 2;
 // Room for the columns before the message, a longer thread and a line end.
 constexpr std::size_t kUsualPrefixWidth = 128;
 
-constexpr std::array<const char*, 5> kLevelTags = {"<CRITICAL>", "<ERROR>", "<INFO>", "<DEBUG>",
-                                                   "<TRACE>"};
-
 struct SplitTime {
   explicit SplitTime(std::int64_t time)
       : calendar(fmt::gmtime(static_cast<std::time_t>(time / kClockUnitsPerSecond))),
@@ -52,7 +49,7 @@ void appendTimeStamp(std::string& line, std::int64_t time) {
                  split.milliseconds);
 }
 
-// The columns by hand: {fmt} pads a text ten times as slowly as it copies one.
+// By hand: {fmt} takes ten times as long to pad a text as to copy it.
 void appendPadded(std::string& line, std::string_view text, std::size_t width) {
   line.append(text);
   if (text.size() < width) line.append(width - text.size(), ' ');
@@ -70,8 +67,8 @@ void appendNumber(std::string& line, Number number, std::size_t width) {
   appendColumn(line, {text.data(), text.size()}, width);
 }
 
-// A text without a destructor: a thread-local one with a destructor would keep a module from being
-// unloaded, and one of the process would be gone while the log's threads still write at exit.
+// A text without a destructor. A thread-local text with one would keep a module from being
+// unloaded, and a global one would be gone while the log's threads still write at exit.
 template <std::size_t kCapacity>
 struct FixedText {
   explicit FixedText(const std::string& text) : length(text.copy(characters, kCapacity)) {}
@@ -134,8 +131,8 @@ std::string recordLine(const Record& record) {
   return line;
 }
 
-const char* levelTag(std::int32_t level) {
-  // A negative level is beyond the table as well.
+std::string_view levelTag(std::int32_t level) {
+  // Unsigned, so that a negative level is out of range as well.
   const auto index = static_cast<std::uint32_t>(level);
   if (index >= kLevelTags.size()) throw std::out_of_range("invalid map<K, T> key");
   return kLevelTags[index];

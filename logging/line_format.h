@@ -25,18 +25,18 @@ struct Record {
 // `basePath`, the time to the millisecond and ".txt": base_2024_03_05T14_07_09_042Z.txt.
 std::string logFilePath(const std::string& basePath, std::int64_t time);
 
-// The first line of every file, without a line end. Built on first use, there for good.
+// The first line of every file, without a line end. Built on first use; never destroyed.
 std::string_view headerLine();
 
-// One record, without a line end. What is longer than its column pushes the rest to the right;
-// widths are in bytes. Throws `std::out_of_range` for a level outside 0..4.
+// One record, without a line end. A value that is longer than its column pushes the rest to the
+// right; widths are in bytes. Throws `std::out_of_range` for a level outside 0..4.
 std::string recordLine(const Record& record);
 
 // "<CRITICAL>" to "<TRACE>" for 0..4; throws `std::out_of_range` ("invalid map<K, T> key") for any
 // other level.
-const char* levelTag(std::int32_t level);
+std::string_view levelTag(std::int32_t level);
 
-// The calling thread as the standard library prints it. There as long as the thread.
+// The calling thread as the standard library prints it. Valid as long as the thread lives.
 std::string_view currentThreadText();
 
 }  // namespace zelta::logging

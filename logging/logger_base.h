@@ -6,26 +6,26 @@
 #include <memory>
 #include <string>
 
+#include "logging/level.h"
+
 namespace zelta::logging {
 
 class FileLogger;
 
-enum class Level : std::int32_t { kCritical = 0, kError = 1, kInfo = 2, kDebug = 3, kTrace = 4 };
-
 // The result code of the library's own error records.
 inline constexpr std::int32_t kOwnErrorCode = -500;
-// As a category of a child: the parent's own.
+// As a child's category: the parent's.
 inline constexpr std::uint32_t kSameCategory = 0xFFFFFFFF;
 
-// Shapes a message before it is written. This one leaves it as it is.
+// Formats a message before it is written. This one leaves it as it is.
 class StringFormatter {
  public:
   std::string format(const std::string& message) const { return message; }
 };
 
-// Any thread may call, where the concrete logger says nothing else. A record whose level is above
-// the threshold is dropped; levels compare unsigned, so a negative one is above every threshold
-// but the highest.
+// Any thread may call unless the concrete logger says otherwise. A record whose level is above the
+// threshold is dropped. Levels compare unsigned, so a negative one is above every threshold but the
+// highest.
 class LoggerBase {
  public:
   explicit LoggerBase(std::uint32_t threshold);
@@ -34,12 +34,12 @@ class LoggerBase {
 
   // The virtual operations are called by slot; their order is part of the interface.
   virtual ~LoggerBase();
-  // A logger that writes through this one's root: with another session log id, or with another
-  // category (`kSameCategory` keeps it). The threshold is copied now and stays the child's own
-  // from then on. A child must not outlive its root.
+  // A child writes through this logger's root, with another session log id or another category
+  // (`kSameCategory` keeps it). It begins with a copy of the threshold, which is its own from then
+  // on. A child must not outlive its root.
   virtual std::unique_ptr<FileLogger> createChildForSession(const std::string& sessionLogId) = 0;
   virtual std::unique_ptr<FileLogger> createChildForCategory(std::uint32_t category) = 0;
-  // Straight to the line writer, without this logger's own level test.
+  // Straight to the line writer, without this logger's level test.
   virtual void log(const std::string& message, Level level, const std::int32_t& resultCode) = 0;
   virtual void log(const std::string& message, std::int32_t level, std::int32_t resultCode) = 0;
   // Formats and writes one line.
@@ -66,9 +66,9 @@ class LoggerBase {
   std::unique_ptr<StringFormatter> formatter_;
 };
 
-// For threads and destructors, which must not let an exception out: writes the message that
-// `makeMessage` gives as an Error record. A record that cannot be made or written is lost, since
-// there is no other place to report it to.
+// Writes the message that `makeMessage` gives as an Error record. For threads and destructors,
+// which must not let an exception out: a record that cannot be made or written is lost, since there
+// is no other place to report it.
 template <typename MakeMessage>
 void logErrorOrLose(LoggerBase& logger, std::uint32_t resultCode,
                     MakeMessage makeMessage) noexcept {

@@ -11,13 +11,12 @@
 
 namespace zelta {
 
-// Hands the value's text to a callback: once while it is constructed, on the constructing thread,
-// and then on a thread of its own after every change at or below the key, so perhaps with an
-// unchanged text. It takes no lock; the callback guards what it changes. The callback must not
-// destroy the notifier.
+// Hands the value's text to a callback: once on the constructing thread, and then on a thread of
+// its own after every change at or below the key, which may leave the text unchanged. It takes no
+// lock; the callback guards what it changes. The callback must not destroy the notifier.
 //
-// Failures of the thread are Error records in the given logger; the thread goes on. Where
-// subscribing to changes keeps failing it tries again without a pause.
+// Failures of the thread are Error records in the given logger; the thread goes on. If subscribing
+// to changes keeps failing, it tries again without a pause.
 class RegistryChangeNotifier {
  public:
   // UTF-8, without a terminator; environment references are not expanded.
@@ -25,13 +24,13 @@ class RegistryChangeNotifier {
 
   // `keyPath` is below HKEY_LOCAL_MACHINE. `logger` is not owned and must outlive this object
   // (it may belong to the callback). Throws `std::invalid_argument` for an empty argument and
-  // `std::runtime_error` where the key cannot be opened or the value cannot be read.
+  // `std::runtime_error` if the key cannot be opened or the value cannot be read.
   //
-  // It reads, then calls back, then begins to watch, and this order is kept deliberately: on
-  // Windows, which remembers no change from before, one made in between is seen with the next one.
+  // Intentional: it reads, calls back, and only then begins to watch. Windows remembers no change
+  // from before, so one made in between is seen with the next one.
   RegistryChangeNotifier(std::string keyPath, std::string valueName, Callback callback,
                          logging::LoggerBase* logger);
-  // Ends the thread, at once where it waits.
+  // Ends the thread, at once if it waits.
   ~RegistryChangeNotifier();
   RegistryChangeNotifier(const RegistryChangeNotifier&) = delete;
   RegistryChangeNotifier& operator=(const RegistryChangeNotifier&) = delete;
@@ -61,7 +60,7 @@ class RegistryChangeNotifier {
   ScopedEvent changeEvent_;
   ScopedEvent stopEvent_;
   std::thread watchThread_;
-  // Set before `stopEvent_`, for a thread that cannot get as far as waiting for that.
+  // Set before `stopEvent_`, for a thread that never gets as far as waiting for that.
   std::atomic<bool> stopRequested_{false};
 };
 

@@ -28,7 +28,7 @@ std::optional<double> readUnsigned(std::string_view text) {
   return number;
 }
 
-// What lies outside the range gives the lowest number, as the processor's own conversion does.
+// A number out of range gives the lowest one, as the processor's own conversion does.
 std::int64_t cutTowardZero(double number) {
   const bool fits = number >= -kTwoToThe63 && number < kTwoToThe63;
   return fits ? static_cast<std::int64_t>(number) : std::numeric_limits<std::int64_t>::min();

@@ -16,7 +16,7 @@ namespace {
 
 using platform::MutexLock;
 
-// How often a file is looked for that may have been removed.
+// How often a write looks whether the file was removed.
 constexpr std::int64_t kLookPeriod = 1000 * platform::kClockUnitsPerMillisecond;
 
 std::string checkedPath(std::string path) {
@@ -24,7 +24,7 @@ std::string checkedPath(std::string path) {
   return path;
 }
 
-// The number of the file's first `size` bytes that whole lines take; -1 where it cannot be read.
+// How many of the file's first `size` bytes are whole lines; -1 if it cannot be read.
 std::int64_t lengthOfWholeLines(const std::filesystem::path& path, std::int64_t size) {
   std::array<char, 4096> block;
   std::ifstream file(path, std::ios::binary);
@@ -41,8 +41,7 @@ std::int64_t lengthOfWholeLines(const std::filesystem::path& path, std::int64_t 
   return 0;
 }
 
-// Removes half a line at the file's end. False where that cannot be done; it is tried once more
-// before the next line then.
+// Removes half a line at the file's end. False if that cannot be done; the next line tries again.
 bool cutHalfLine(const std::filesystem::path& path) {
   std::error_code error;
   const auto size = static_cast<std::int64_t>(std::filesystem::file_size(path, error));
@@ -62,21 +61,21 @@ TextFile::TextFile(std::string path)
       creationTime_(platform::ports().clock->now() / platform::kClockUnitsPerMillisecond),
       stream_(std::make_unique<std::ofstream>()),
       lastLook_(creationTime_ * platform::kClockUnitsPerMillisecond) {
-  MutexLock lock(fileMutex_);
+  const MutexLock lock(fileMutex_);
   open();
 }
 
 TextFile::~TextFile() {
-  MutexLock lock(fileMutex_);
+  const MutexLock lock(fileMutex_);
   stream_->close();
 }
 
 void TextFile::writeLine(std::string text) {
-  MutexLock lock(fileMutex_);
+  const MutexLock lock(fileMutex_);
   const bool isHeading = !heading_.has_value();
   if (isHeading) heading_ = text;
   if (!makeWritable()) return;
-  // Handed over in one piece, which no line of another process can split.
+  // In one piece, which no line of another process can split.
   text.push_back('\n');
   if (empty_ && !isHeading) text.insert(0, *heading_ + '\n');
   stream_->write(text.data(), static_cast<std::streamsize>(text.size()));
@@ -102,9 +101,8 @@ bool TextFile::open() {
   } else if (!cutHalfLine(path)) {
     return false;
   }
-  // Without a buffer a write that fails leaves nothing behind that would be written later, after
-  // the half that did reach the disk. Appending keeps lines whole even where another process
-  // writes to the same file.
+  // Without a buffer, a failed write leaves nothing to be written later, after the half that did
+  // reach the disk. Appending keeps lines whole even if another process writes to the same file.
   stream_ = std::make_unique<std::ofstream>();
   stream_->rdbuf()->pubsetbuf(nullptr, 0);
   stream_->open(path, std::ios::out | std::ios::app);

@@ -11,22 +11,21 @@
 
 namespace zelta {
 
-// Any thread may write; the file's own mutex keeps lines whole. It is a leaf: nothing else is
-// locked under it.
+// Any thread may write; the file's own mutex keeps lines whole.
 //
-// A file that cannot be opened or written is no failure to the caller. The line at hand is lost;
-// the next one tries once more, so that whatever can be written later is:
-// - a file that could not be made (no folder, no permission) is made then;
-// - half a line that a full disk has left at the file's end is cut off before the next one;
-// - a file that was removed or emptied meanwhile is made anew (looked for once a second, when a
-//   line is written).
-// The first line ever written is the file's heading: a file made later than the first line, or
-// made anew, begins with it as well.
+// A file that cannot be opened or written is no failure to the caller. The line is lost, and the
+// next one tries again:
+// - A file that could not be made (no folder, no permission) is made then.
+// - Half a line that a full disk has left at the file's end is cut off first.
+// - A file that was removed or emptied meanwhile is made anew. A write looks for it, at most once a
+//   second.
+// The first line ever written is the file's heading: a file that is made later, or anew, begins
+// with it, too.
 class TextFile {
  public:
   // Takes the creation time and opens the file, which replaces an older one of that name. `path`
   // is UTF-8 with either separator. Throws `std::invalid_argument` ("File path is empty") for an
-  // empty path, and for nothing else that concerns the file.
+  // empty path; no other failure of the file is reported.
   explicit TextFile(std::string path);
   virtual ~TextFile();
   TextFile(const TextFile&) = delete;
@@ -48,7 +47,7 @@ class TextFile {
   platform::Mutex fileMutex_;
   std::unique_ptr<std::ofstream> stream_ ZELTA_GUARDED_BY(fileMutex_);
   std::optional<std::string> heading_ ZELTA_GUARDED_BY(fileMutex_);
-  bool made_ ZELTA_GUARDED_BY(fileMutex_) = false;      // opened once, an older content is gone
+  bool made_ ZELTA_GUARDED_BY(fileMutex_) = false;      // opened once; older content is gone
   bool empty_ ZELTA_GUARDED_BY(fileMutex_) = true;      // the heading is still to be written
   std::int64_t lastLook_ ZELTA_GUARDED_BY(fileMutex_);  // wall clock units
 };

@@ -1,5 +1,5 @@
-// The logging library: a log file with levels, categories and session ids, replaced after a period
-// that follows a registry value. This one header is all that a program needs.
+// The logging library: log files with levels, categories and session ids. A new file is started
+// after a period that follows a registry value. This header is all that a program needs.
 //
 //   #include "logging/zelta_logging.h"
 //
@@ -8,12 +8,13 @@
 //   log.LoggerBase::log(2, 0, "started");
 //
 // Line format and file names: docs/logging.md. Failures at construction are exceptions
-// (`std::invalid_argument` for arguments, `std::runtime_error` for the system's refusals); a file
+// (`std::invalid_argument` for arguments, `std::runtime_error` for the system's refusals). A file
 // that cannot be written is not a failure: lines are lost until it can be.
 #pragma once
 
 #include "logging/file_logger.h"               // IWYU pragma: export
 #include "logging/file_logger_windows.h"       // IWYU pragma: export
+#include "logging/level.h"                     // IWYU pragma: export
 #include "logging/line_format.h"               // IWYU pragma: export
 #include "logging/logger_base.h"               // IWYU pragma: export
 #include "logging/registry_change_notifier.h"  // IWYU pragma: export

@@ -8,34 +8,40 @@ usage() {
   cat <<'EOT'
 Usage: ./zelta bench [OPTION...]
 
-Builds the reader and its benchmarks and prints what a command, a movement of the card and a control
-of the driver cost, beside the bare exchange of the same bytes and a handler that answers at once,
-with the targets, and the system calls of a command. Takes about a minute; the machine should have
-nothing else to do.
+Builds the reader and its benchmarks. Prints what a command, a movement of the card and a control of
+the driver cost, compared with the bare exchange of the same bytes and with a handler that answers at
+once; which targets are kept; and the system calls of a command. Takes about a minute. The machine
+should have nothing else to do.
 
   --quick        fewer rounds: a look, not a result
+  --check        exit code 1 if a target was missed
   --page FILE    replace the tables in this page (docs/performance.md)
   --chart FILE   draw the chart, as SVG
   -h, --help     this text
 EOT
 }
 
+# can_write FILE: whether the file can be written or made; leaves everything as it is.
+can_write() {
+  if [ -e "$1" ]; then
+    [ -f "$1" ] && [ -w "$1" ]
+  else
+    [ -d "$(dirname "$1")" ] && [ -w "$(dirname "$1")" ]
+  fi
+}
+
 options=()
 while [ $# -gt 0 ]; do
   case "$1" in
-    --quick) options+=("$1") ;;
+    --quick | --check) options+=("$1") ;;
     --page | --chart)
-      [ $# -ge 2 ] || die_usage "$1 needs a file"
+      need_value "a file" "$@"
       [ "$1" != --page ] || [ -f "$2" ] || die_usage "there is no page '$2'"
-      { : >>"$2"; } 2>/dev/null || die_usage "'$2' cannot be written"
+      can_write "$2" || die_usage "'$2' cannot be written"
       options+=("$1" "$(realpath --canonicalize-missing "$2")")
       shift
       ;;
-    -h | --help)
-      usage
-      exit 0
-      ;;
-    *) die_usage "bench takes no '$1'; see ./zelta bench --help" ;;
+    *) help_or_die bench "$1" ;;
   esac
   shift
 done

@@ -20,6 +20,22 @@ die_usage() {
   exit 2
 }
 
+# For the loop in which a command reads its options.
+# need_value WHAT OPTION [VALUE...]: bad use if the option is the last word.
+need_value() {
+  [ $# -ge 3 ] || die_usage "$2 needs $1"
+}
+# help_or_die COMMAND WORD: shows the command's usage for -h and --help; any other word is bad use.
+help_or_die() {
+  case "$2" in
+    -h | --help)
+      usage
+      exit 0
+      ;;
+    *) die_usage "$1 takes no '$2'; see ./zelta $1 --help" ;;
+  esac
+}
+
 zelta_version() {
   sed -n 's/^project(zelta_vsc VERSION \([0-9.]*\).*/\1/p' "$ZELTA_ROOT/CMakeLists.txt"
 }

@@ -34,11 +34,7 @@ while [ $# -gt 0 ]; do
       fi
       shift
       ;;
-    -h | --help)
-      usage
-      exit 0
-      ;;
-    *) die_usage "soak takes no '$1'; see ./zelta soak --help" ;;
+    *) help_or_die soak "$1" ;;
   esac
   shift
 done

@@ -24,7 +24,7 @@ filter=()
 while [ $# -gt 0 ]; do
   case "$1" in
     --preset)
-      [ $# -ge 2 ] || die_usage "--preset needs a name"
+      need_value "a name" "$@"
       presets+=("$2")
       shift
       ;;
@@ -35,15 +35,11 @@ while [ $# -gt 0 ]; do
       shift
       ;;
     --filter)
-      [ $# -ge 2 ] || die_usage "--filter needs a regular expression"
+      need_value "a regular expression" "$@"
       filter=(--tests-regex "$2")
       shift
       ;;
-    -h | --help)
-      usage
-      exit 0
-      ;;
-    *) die_usage "test takes no '$1'; see ./zelta test --help" ;;
+    *) help_or_die test "$1" ;;
   esac
   shift
 done
@@ -75,7 +71,7 @@ clean_up() {
 }
 trap clean_up EXIT
 
-# run_ctest PRESET: the suite; as root where it needs that.
+# run_ctest PRESET: the suite, as root if it needs that.
 run_ctest() {
   local arguments=(--preset "$1" --test-dir "$(build_folder "$1")" "${filter[@]}")
   cd "$ZELTA_ROOT"

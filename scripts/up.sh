@@ -22,11 +22,7 @@ for argument in "$@"; do
   case "$argument" in
     --check) check=yes ;;
     --run-only) running_only=yes ;;  # behind sudo, when packages and build are done
-    -h | --help)
-      usage
-      exit 0
-      ;;
-    *) die_usage "up takes no '$argument'; see ./zelta up --help" ;;
+    *) help_or_die up "$argument" ;;
   esac
 done
 

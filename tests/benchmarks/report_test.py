@@ -38,6 +38,10 @@ class Report(unittest.TestCase):
         self.assertIn("kept", verdicts["card seen as it is after 1000 swaps in a row"])
         self.assertIn("kept", verdicts["quick swaps missed, of 1000 one by one"])
 
+    def test_missed_targets_are_named(self):
+        self.assertEqual(report.missed(results(short=45)),
+                         ["65 kB answer, reader, our agent", "removal seen by a client"])
+
     def test_times_are_shown_beside_the_bare_exchange(self):
         self.assertRegex(report.text(results(short=45)),
                          r"\| short command, reader, our agent +\| +45\.0 \| +90\.0 \| +4\.5 \|")

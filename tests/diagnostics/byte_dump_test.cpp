@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
-#include <numeric>
+#include <string>
 #include <vector>
 
 #include "tests/support/recording_logger.h"
@@ -11,68 +11,62 @@
 namespace zelta {
 namespace {
 
-using test::RecordedLine;
-using Lines = std::vector<RecordedLine>;
+using Bytes = std::vector<std::uint8_t>;
+using Texts = std::vector<std::string>;
+using Lines = std::vector<test::RecordedLine>;
 
-std::vector<std::uint8_t> counting(std::size_t length) {
-  std::vector<std::uint8_t> bytes(length);
-  std::iota(bytes.begin(), bytes.end(), static_cast<std::uint8_t>(0));
-  return bytes;
-}
+struct Case {
+  const char* name;
+  Bytes bytes;
+  std::uint64_t bytesPerLine;
+  Texts lines;
+};
 
-Lines dump(const std::vector<std::uint8_t>& bytes, std::uint64_t bytesPerLine = 16) {
+class ByteDump : public testing::TestWithParam<Case> {};
+
+TEST_P(ByteDump, IsTheseRecordsAtDebugLevel) {
   test::RecordingLogger logger;
-  writeByteDump(logger, bytes.data(), bytes.size(), bytesPerLine);
-  return logger.lines();
+  writeByteDump(logger, GetParam().bytes.data(), GetParam().bytes.size(), GetParam().bytesPerLine);
+  Lines expected;
+  for (const std::string& line : GetParam().lines) expected.push_back({3, 0, line});
+  EXPECT_EQ(logger.lines(), expected);
 }
 
-TEST(ByteDump, EmptyBufferIsItsLengthOnly) {
-  EXPECT_EQ(dump({}), (Lines{{3, 0, "0 byte dump:"}}));
-  EXPECT_EQ(dump({}, 1), (Lines{{3, 0, "0 byte dump:"}}));
-  EXPECT_EQ(dump({}, 0), (Lines{{3, 0, "0 byte dump:"}}));
-}
+const Case kCases[] = {
+    {"EmptyBuffer_ItsLengthOnly", {}, 16, {"0 byte dump:"}},
+    {"EmptyBufferWithNoBytesPerLine_ItsLengthOnly", {}, 0, {"0 byte dump:"}},
+    {"Bytes_TwoLowerCaseDigitsAndABlank",
+     {0, 10, 255, 0x7F, 0xA0},
+     16,
+     {"5 byte dump:", "00 0a ff 7f a0 "}},
+    {"SixteenBytes_OneLine",
+     Bytes(16, 0x0B),
+     16,
+     {"16 byte dump:", "0b 0b 0b 0b 0b 0b 0b 0b 0b 0b 0b 0b 0b 0b 0b 0b "}},
+    {"SeventeenBytes_TwoLines",
+     Bytes(17, 0x0B),
+     16,
+     {"17 byte dump:", "0b 0b 0b 0b 0b 0b 0b 0b 0b 0b 0b 0b 0b 0b 0b 0b ", "0b "}},
+    {"OneBytePerLine", {1, 2, 3}, 1, {"3 byte dump:", "01 ", "02 ", "03 "}},
+    {"TwoBytesPerLine", {1, 2, 3}, 2, {"3 byte dump:", "01 02 ", "03 "}},
+    {"MoreBytesPerLineThanThereAre", {1, 2, 3}, 1'000, {"3 byte dump:", "01 02 03 "}},
+    {"NoBytesPerLine_EmptyLines", {1, 2, 3}, 0, {"3 byte dump:", "", ""}},
+};
 
-TEST(ByteDump, BytesAreTwoLowerCaseDigitsAndABlank) {
-  EXPECT_EQ(dump({0, 10, 255, 0x7F, 0xA0}),
-            (Lines{{3, 0, "5 byte dump:"}, {3, 0, "00 0a ff 7f a0 "}}));
-}
+INSTANTIATE_TEST_SUITE_P(Diagnostics, ByteDump, testing::ValuesIn(kCases),
+                         [](const auto& each) { return each.param.name; });
 
-TEST(ByteDump, SixteenBytesAreOneLine) {
-  EXPECT_EQ(
-      dump(counting(16)),
-      (Lines{{3, 0, "16 byte dump:"}, {3, 0, "00 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f "}}));
-}
-
-TEST(ByteDump, SeventeenBytesAreTwoLines) {
-  EXPECT_EQ(dump(counting(17)), (Lines{{3, 0, "17 byte dump:"},
-                                       {3, 0, "00 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f "},
-                                       {3, 0, "10 "}}));
-}
-
-TEST(ByteDump, LinesAreAsLongAsAsked) {
-  EXPECT_EQ(dump(counting(3), 1),
-            (Lines{{3, 0, "3 byte dump:"}, {3, 0, "00 "}, {3, 0, "01 "}, {3, 0, "02 "}}));
-  EXPECT_EQ(dump(counting(3), 2), (Lines{{3, 0, "3 byte dump:"}, {3, 0, "00 01 "}, {3, 0, "02 "}}));
-  EXPECT_EQ(dump(counting(3), 1'000), (Lines{{3, 0, "3 byte dump:"}, {3, 0, "00 01 02 "}}));
-}
-
-TEST(ByteDump, NoBytesPerLineGiveEmptyLines) {
-  EXPECT_EQ(dump(counting(3), 0), (Lines{{3, 0, "3 byte dump:"}, {3, 0, ""}, {3, 0, ""}}));
-}
-
-TEST(ByteDump, LineCountIsUnsigned64BitArithmetic) {
+TEST(ByteDumpLineCount, HighNumbers_AreUnsigned64BitArithmetic) {
   constexpr std::uint64_t kHighest = std::numeric_limits<std::uint64_t>::max();
-  EXPECT_EQ(byteDumpLineCount(16, 16), 1u);
-  EXPECT_EQ(byteDumpLineCount(17, 16), 2u);
   EXPECT_EQ(byteDumpLineCount(0x100000001, 16), 0x10000001u);
   EXPECT_EQ(byteDumpLineCount(kHighest - 15, 16), 0x0FFFFFFFFFFFFFFFu);
   EXPECT_EQ(byteDumpLineCount(2, kHighest), 0u);
 }
 
-TEST(ByteDump, BelowTheDebugLevelNothingIsDoneOrFormatted) {
+TEST(ByteDumpBelowItsLevel, ThresholdBelowDebug_NothingIsWrittenOrFormatted) {
   for (std::uint32_t threshold = 0; threshold < 3; ++threshold) {
     test::RecordingLogger logger(threshold);
-    // Whoever looked at the bytes would not come back.
+    // A look at the bytes would not come back.
     writeByteDump(logger, nullptr, std::numeric_limits<std::uint64_t>::max() / 2, 16);
     EXPECT_EQ(logger.lines(), Lines());
   }

@@ -1,4 +1,4 @@
-// What a log call below the threshold asks of the system: nothing.
+// A log call below the threshold asks nothing of the system.
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -29,7 +29,7 @@ class SystemCallsTest : public ::testing::Test {
   test::ScopedVariable registry_{"ZELTA_REGISTRY", folder_.file("none.reg")};
 };
 
-// From here on any system call of the thread but the process's end kills the process.
+// From now on any system call of the thread, except the process's end, kills the process.
 bool forbidSystemCalls() {
   std::array<sock_filter, 4> program = {
       sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
@@ -52,7 +52,7 @@ int statusOfChild(void (*run)()) {
   return status;
 }
 
-TEST_F(SystemCallsTest, CallBelowTheThresholdTakesNoSystemCall) {
+TEST_F(SystemCallsTest, LogCallBelowTheThreshold_MakesNoSystemCall) {
   const int status = statusOfChild([] {
     logInfo("the logger is there");
     logDebug("and everything that is made once");
@@ -68,7 +68,7 @@ TEST_F(SystemCallsTest, CallBelowTheThresholdTakesNoSystemCall) {
   EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
-TEST_F(SystemCallsTest, ForbiddenSystemCallsAreNoticed) {
+TEST_F(SystemCallsTest, LogCallThatWrites_IsKilledByItsSystemCalls) {
   const int status = statusOfChild([] {
     logInfo("the logger is there");
     if (!forbidSystemCalls()) _exit(2);

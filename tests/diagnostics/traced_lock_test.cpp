@@ -1,6 +1,5 @@
 #include "diagnostics/traced_lock.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -31,7 +30,7 @@ bool isElapsed(const LogRecord& record) {
   return record.level == 3 && std::regex_match(record.text, std::regex("Elapsed:[0-9]+ ms"));
 }
 
-// Holds a lock until somebody has to wait for it; takes part in no trace of its own.
+// Holds a lock, without a trace, until another thread has to wait for it.
 class Holder {
  public:
   Holder(LogCapture& log, CriticalSection& lock, const std::string& untilRecord)
@@ -50,14 +49,14 @@ class Holder {
   std::thread thread_;
 };
 
-TEST(TracedLock, UncontendedWritesNothing) {
+TEST(TracedLock, Uncontended_WritesNothing) {
   LogCapture log;
   CriticalSection lock;
   { const TracedLock held("CMyDevice::OnCancel", lock, 1); }
   EXPECT_TRUE(log.records().empty());
 }
 
-TEST(TracedLock, NestedByItsHolderWritesNothing) {
+TEST(TracedLock, NestedByItsHolder_WritesNothing) {
   LogCapture log;
   CriticalSection lock;
   CriticalSection* again = &lock;
@@ -74,7 +73,7 @@ TEST(TracedLock, NestedByItsHolderWritesNothing) {
   EXPECT_TRUE(log.records().empty());
 }
 
-TEST(TracedLock, ContendedReportsLockingElapsedAndUnlocking) {
+TEST(TracedLock, Contended_ReportsLockingElapsedAndUnlocking) {
   LogCapture log;
   CriticalSection lock;
   const int object = 0;
@@ -91,18 +90,7 @@ TEST(TracedLock, ContendedReportsLockingElapsedAndUnlocking) {
   EXPECT_EQ(records[2], debug(trace("Unlocking", "Reader::IoSmartCardPower", 17, &object, lock)));
 }
 
-TEST(TracedLock, PrintsNoObjectAsANullPointer) {
-  LogCapture log;
-  CriticalSection lock;
-  const std::string locking = trace("Locking", "f", 1, nullptr, lock);
-  {
-    const Holder holder(log, lock, locking);
-    const TracedLock contender("f", lock, 1);
-  }
-  EXPECT_EQ(log.records().front(), debug(locking));
-}
-
-TEST(TracedLock, ReportsTheReleaseOfTheMostRecentlyContendedLockOnly) {
+TEST(TracedLock, TwoContendedLocks_OnlyTheLaterOnesReleaseIsReported) {
   LogCapture log;
   CriticalSection earlier;
   CriticalSection later;
@@ -118,19 +106,21 @@ TEST(TracedLock, ReportsTheReleaseOfTheMostRecentlyContendedLockOnly) {
   EXPECT_EQ(records[0], debug(trace("Unlocking", "second", 2, nullptr, later)));
 }
 
-TEST(TracedLock, ReportedReleaseIsNotReportedAgain) {
+TEST(TracedLock, ContendedWithoutAnObject_ReportsANullPointerAndNothingTheNextTime) {
   LogCapture log;
   CriticalSection lock;
+  const std::string locking = trace("Locking", "f", 1, nullptr, lock);
   {
-    const Holder holder(log, lock, trace("Locking", "f", 1, nullptr, lock));
+    const Holder holder(log, lock, locking);
     const TracedLock contender("f", lock, 1);
   }
+  EXPECT_EQ(log.records().front(), debug(locking));
   log.clear();
   { const TracedLock later("f", lock, 2); }
   EXPECT_TRUE(log.records().empty());
 }
 
-TEST(TracedLock, ExcludesOtherThreads) {
+TEST(TracedLock, Held_ExcludesOtherThreads) {
   LogCapture log;
   CriticalSection lock;
   int counter = 0;
@@ -145,7 +135,7 @@ TEST(TracedLock, ExcludesOtherThreads) {
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(counter, 2000);
-  // A release that goes unreported leaves the lock noted as contended; the next one ends that.
+  // A release that goes unreported leaves the lock noted as contended, which the next one ends.
   { const TracedLock last("f", lock, __LINE__); }
 }
 

@@ -203,7 +203,7 @@ class ZeltaCommand(unittest.TestCase):
         self.assertEqual([line for line in processes.splitlines() if line[0] != "Z"], [])
 
     def start_system_pcscd(self):
-        """One without readers, where the system's is. Ended behind the test."""
+        """One without readers, where the system's is. Ended after the test."""
         folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
         (folder / "reader.conf.d").mkdir()
         pcscd = stack.Process(["pcscd", "--foreground", "--config", folder / "reader.conf.d"],

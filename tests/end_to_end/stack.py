@@ -1,7 +1,7 @@
-"""A pcscd of the test's own with the reader, and an agent behind it.
+"""A pcscd of the test's own with the reader, and its agent.
 
 Runs as root. `enter_namespace` moves the process into a private mount namespace with an empty /run,
-so that tests run beside each other and beside the system's pcscd.
+so that tests disturb neither each other nor the system's pcscd.
 """
 
 import contextlib
@@ -39,7 +39,7 @@ def enter_namespace():
 
 
 def wait_until(condition, what, limit=LIMIT):
-    """For what has no event to wait on: the start of a program of somebody else's."""
+    """For conditions without an event to wait on, such as the start of another's program."""
     end = time.monotonic() + limit
     while not condition():
         if time.monotonic() > end:
@@ -48,7 +48,7 @@ def wait_until(condition, what, limit=LIMIT):
 
 
 def run(*command, check=True, **options):
-    """Runs a program and gives its output; a failure shows it."""
+    """Runs a program and gives its output, which a failure shows."""
     result = subprocess.run(
         [str(word) for word in command],
         stdout=subprocess.PIPE,

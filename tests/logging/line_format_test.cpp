@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <clocale>
+#include <limits>
 #include <locale>
 #include <sstream>
 #include <stdexcept>
@@ -14,10 +14,33 @@
 namespace zelta::logging {
 namespace {
 
-using test::kHeaderText;
 using test::kMarchTime;
 
 constexpr char kSession[] = "0f8fad5b-d9cb-469f-a165-70867728950e";
+
+TEST(LogFilePath, TimeOfAnyUnit_IsCutToTheMillisecondAndPadded) {
+  EXPECT_EQ(logFilePath("C:\\logs\\zelta_vsc", kMarchTime),
+            "C:\\logs\\zelta_vsc_2024_03_05T14_07_09_042Z.txt");
+  EXPECT_EQ(logFilePath("a", kMarchTime + 9'999), "a_2024_03_05T14_07_09_042Z.txt");
+  EXPECT_EQ(logFilePath("a", kMarchTime + 10'000), "a_2024_03_05T14_07_09_043Z.txt");
+  EXPECT_EQ(logFilePath("a", 0), "a_1970_01_01T00_00_00_000Z.txt");
+  EXPECT_EQ(logFilePath("a", 70'000), "a_1970_01_01T00_00_00_007Z.txt");
+}
+
+TEST(LogFilePath, BasePathThatIsEmptyOrLooksLikeAFormat_IsTakenAsItIs) {
+  EXPECT_EQ(logFilePath("", kMarchTime), "_2024_03_05T14_07_09_042Z.txt");
+  EXPECT_EQ(logFilePath("{}%d", kMarchTime), "{}%d_2024_03_05T14_07_09_042Z.txt");
+}
+
+TEST(HeaderLine, ColumnsHaveTheirWidths) {
+  EXPECT_EQ(headerLine(), "Thread" + std::string(3, ' ') + "Time" + std::string(21, ' ') +
+                              "Elapsed" + std::string(2, ' ') + "Session Log Id" +
+                              std::string(23, ' ') + "Cat" + std::string(3, ' ') + "Level" +
+                              std::string(6, ' ') + "RC" + std::string(10, ' ') + "Message");
+  EXPECT_EQ(headerLine(), test::kHeaderText);
+}
+
+TEST(HeaderLine, AskedForTwice_IsBuiltOnce) { EXPECT_EQ(headerLine().data(), headerLine().data()); }
 
 Record exampleRecord() {
   Record record;
@@ -25,133 +48,77 @@ Record exampleRecord() {
   record.time = kMarchTime;
   record.elapsed = 42;
   record.sessionLogId = kSession;
-  record.category = 0;
   record.level = 2;
-  record.resultCode = 0;
   record.message = "hello";
   return record;
 }
 
-TEST(LineFormat, FileNameCarriesTheTimeToTheMillisecond) {
-  EXPECT_EQ(logFilePath("C:\\logs\\zelta_vsc", kMarchTime),
-            "C:\\logs\\zelta_vsc_2024_03_05T14_07_09_042Z.txt");
-}
-
-TEST(LineFormat, FileNameCutsBelowTheMillisecond) {
-  EXPECT_EQ(logFilePath("a", kMarchTime + 9'999), "a_2024_03_05T14_07_09_042Z.txt");
-  EXPECT_EQ(logFilePath("a", kMarchTime + 10'000), "a_2024_03_05T14_07_09_043Z.txt");
-}
-
-TEST(LineFormat, EmptyBasePathGivesARelativeFileName) {
-  EXPECT_EQ(logFilePath("", kMarchTime), "_2024_03_05T14_07_09_042Z.txt");
-}
-
-TEST(LineFormat, BasePathIsNoFormat) {
-  EXPECT_EQ(logFilePath("{}%d", kMarchTime), "{}%d_2024_03_05T14_07_09_042Z.txt");
-}
-
-TEST(LineFormat, FileNamePadsTheMilliseconds) {
-  EXPECT_EQ(logFilePath("a", 0), "a_1970_01_01T00_00_00_000Z.txt");
-  EXPECT_EQ(logFilePath("a", 70'000), "a_1970_01_01T00_00_00_007Z.txt");
-}
-
-TEST(LineFormat, HeaderHasTheColumnsInTheirWidths) {
-  EXPECT_EQ(headerLine(), "Thread" + std::string(3, ' ') + "Time" + std::string(21, ' ') +
-                              "Elapsed" + std::string(2, ' ') + "Session Log Id" +
-                              std::string(23, ' ') + "Cat" + std::string(3, ' ') + "Level" +
-                              std::string(6, ' ') + "RC" + std::string(10, ' ') + "Message");
-  EXPECT_EQ(headerLine(), kHeaderText);
-}
-
-TEST(LineFormat, HeaderIsBuiltOnce) { EXPECT_EQ(headerLine().data(), headerLine().data()); }
-
-TEST(LineFormat, RecordHasTheColumnsInTheirWidths) {
-  EXPECT_EQ(recordLine(exampleRecord()),
-            "[4711  ] 2024-03-05T14:07:09.042Z 42       0f8fad5b-d9cb-469f-a165-70867728950e "
-            "0     <INFO>     0           hello");
-}
-
-TEST(LineFormat, ColumnsOfRecordsStandBelowThoseOfTheHeader) {
-  const std::string line = recordLine(exampleRecord());
-  EXPECT_EQ(line.find("2024-"), headerLine().find("Time"));
-  EXPECT_EQ(line.find("42 "), headerLine().find("Elapsed"));
-  EXPECT_EQ(line.find(kSession), headerLine().find("Session"));
-  EXPECT_EQ(line.find("<INFO>"), headerLine().find("Level"));
-  EXPECT_EQ(line.find("hello"), headerLine().find("Message"));
-}
-
-TEST(LineFormat, FailureCodeIsNegativeAndFillsItsColumn) {
+template <typename Value, typename Given>
+Record with(Value Record::*member, Given value) {
   Record record = exampleRecord();
-  record.level = 1;
-  record.resultCode = static_cast<std::int32_t>(0x8007000E);
-  EXPECT_EQ(recordLine(record),
-            "[4711  ] 2024-03-05T14:07:09.042Z 42       0f8fad5b-d9cb-469f-a165-70867728950e "
-            "0     <ERROR>    -2147024882 hello");
-  record.resultCode = static_cast<std::int32_t>(0x80070057);
-  EXPECT_NE(recordLine(record).find(" -2147024809 hello"), std::string::npos);
-  record.resultCode = -500;
-  EXPECT_NE(recordLine(record).find(" -500        hello"), std::string::npos);
+  record.*member = value;
+  return record;
 }
 
-TEST(LineFormat, LongThreadShiftsTheRest) {
-  Record record = exampleRecord();
-  record.thread = "123456";
-  EXPECT_EQ(recordLine(record).find("2024-"), headerLine().find("Time"));
-  record.thread = "140123456789012";
-  EXPECT_EQ(recordLine(record),
-            "[140123456789012] 2024-03-05T14:07:09.042Z 42       "
-            "0f8fad5b-d9cb-469f-a165-70867728950e 0     <INFO>     0           hello");
-}
-
-TEST(LineFormat, LongValuesAreWrittenWhole) {
-  Record record = exampleRecord();
-  record.elapsed = 1234567890123;
+Record recordOfLongValues() {
+  Record record = with(&Record::elapsed, 1234567890123);
   record.category = 4294967295;
-  record.sessionLogId = "0f8fad5b-d9cb-469f-a165-70867728950e-and-more";
+  record.sessionLogId = "0f8fad5b-d9cb-469f-a165-70867728950e {} %s and more";
   record.resultCode = std::numeric_limits<std::int32_t>::min();
   record.level = 0;
-  EXPECT_EQ(recordLine(record),
-            "[4711  ] 2024-03-05T14:07:09.042Z 1234567890123 "
-            "0f8fad5b-d9cb-469f-a165-70867728950e-and-more 4294967295 <CRITICAL> -2147483648 "
-            "hello");
+  return record;
 }
 
-TEST(LineFormat, NegativeElapsedIsWrittenAsItIs) {
-  Record record = exampleRecord();
-  record.elapsed = -3600000;  // the clock was set back
-  EXPECT_NE(recordLine(record).find("Z -3600000 0f8f"), std::string::npos);
+struct LineCase {
+  const char* name;
+  Record record;
+  std::string line;
+};
+
+class RecordLine : public testing::TestWithParam<LineCase> {};
+
+TEST_P(RecordLine, IsThisLine) { EXPECT_EQ(recordLine(GetParam().record), GetParam().line); }
+
+const std::string kTimeText = "2024-03-05T14:07:09.042Z ";
+const std::string kRest = kTimeText + "42       0f8fad5b-d9cb-469f-a165-70867728950e 0     ";
+const std::string kUsual = "[4711  ] " + kRest + "<INFO>     0           ";
+
+const LineCase kLines[] = {
+    {"UsualValues_FillTheirColumns", exampleRecord(),
+     "[4711  ] 2024-03-05T14:07:09.042Z 42       0f8fad5b-d9cb-469f-a165-70867728950e 0     "
+     "<INFO>     0           hello"},
+    {"FailureCode_FillsItsColumnExactly",
+     with(&Record::resultCode, static_cast<std::int32_t>(0x8007000E)),
+     "[4711  ] " + kRest + "<INFO>     -2147024882 hello"},
+    {"OwnErrorCode_IsPadded", with(&Record::resultCode, -500),
+     "[4711  ] " + kRest + "<INFO>     -500        hello"},
+    {"ThreadOfSixDigits_FillsItsColumn", with(&Record::thread, "123456"),
+     "[123456] " + kRest + "<INFO>     0           hello"},
+    {"LongThread_ShiftsTheRest", with(&Record::thread, "140123456789012"),
+     "[140123456789012] " + kRest + "<INFO>     0           hello"},
+    {"LongValues_AreWrittenWhole", recordOfLongValues(),
+     "[4711  ] " + kTimeText +
+         "1234567890123 0f8fad5b-d9cb-469f-a165-70867728950e {} %s and more 4294967295 "
+         "<CRITICAL> -2147483648 hello"},
+    {"ClockSetBack_GivesANegativeElapsedTime", with(&Record::elapsed, -3'600'000),
+     "[4711  ] " + kTimeText +
+         "-3600000 0f8fad5b-d9cb-469f-a165-70867728950e 0     <INFO>     0           hello"},
+    {"BracesInTheMessage_AreText", with(&Record::message, "{} {0} {{ }} %s %n \\n }"),
+     kUsual + "{} {0} {{ }} %s %n \\n }"},
+    {"BytesOfTheMessage_AreKept", with(&Record::message, "K\xC3\xA4 \xF0\x9F\x83\x8F \xFF "),
+     kUsual + "K\xC3\xA4 \xF0\x9F\x83\x8F \xFF "},
+    {"EmptyMessage_EndsTheLineAfterItsSeparator", with(&Record::message, ""), kUsual},
+};
+
+INSTANTIATE_TEST_SUITE_P(LineFormat, RecordLine, testing::ValuesIn(kLines),
+                         [](const auto& each) { return each.param.name; });
+
+TEST(LevelTag, NumbersZeroToFour_HaveTheirTags) {
+  const char* const tags[] = {"<CRITICAL>", "<ERROR>", "<INFO>", "<DEBUG>", "<TRACE>"};
+  for (std::int32_t level = 0; level < 5; ++level) EXPECT_EQ(levelTag(level), tags[level]);
 }
 
-TEST(LineFormat, MessageIsNoFormat) {
-  Record record = exampleRecord();
-  record.message = "{} {0} {{ }} %s %n \\n }";
-  const std::string line = recordLine(record);
-  EXPECT_EQ(line.substr(line.size() - record.message.size()), record.message);
-}
-
-TEST(LineFormat, MessageIsWrittenByteForByte) {
-  Record record = exampleRecord();
-  record.message = "K\xC3\xA4rtchen \xF0\x9F\x83\x8F \xFF\xFE end ";
-  const std::string line = recordLine(record);
-  EXPECT_EQ(line.substr(line.find("K\xC3")), record.message);
-}
-
-TEST(LineFormat, EmptyMessageEndsTheLineBehindItsSeparator) {
-  Record record = exampleRecord();
-  record.message = "";
-  const std::string line = recordLine(record);
-  EXPECT_EQ(line.substr(line.size() - 12), "0           ");
-}
-
-TEST(LineFormat, EveryLevelHasItsTag) {
-  EXPECT_STREQ(levelTag(0), "<CRITICAL>");
-  EXPECT_STREQ(levelTag(1), "<ERROR>");
-  EXPECT_STREQ(levelTag(2), "<INFO>");
-  EXPECT_STREQ(levelTag(3), "<DEBUG>");
-  EXPECT_STREQ(levelTag(4), "<TRACE>");
-}
-
-TEST(LineFormat, LevelWithoutTagIsOutOfRange) {
+TEST(LevelTag, AnyOtherNumber_IsOutOfRange) {
   for (const std::int32_t level : {5, 255, -1, std::numeric_limits<std::int32_t>::min()}) {
     Record record = exampleRecord();
     record.level = level;
@@ -164,14 +131,11 @@ TEST(LineFormat, LevelWithoutTagIsOutOfRange) {
   }
 }
 
-TEST(LineFormat, ThreadIsPrintedAsTheStandardLibraryDoes) {
+TEST(CurrentThreadText, EachThread_HasItsNumberAsTheStandardLibraryPrintsIt) {
   std::ostringstream expected;
   expected << std::this_thread::get_id();
   EXPECT_EQ(currentThreadText(), expected.str());
   EXPECT_EQ(currentThreadText().find_first_not_of("0123456789"), std::string::npos);
-}
-
-TEST(LineFormat, EveryThreadHasItsOwnText) {
   std::string other;
   std::thread([&] { other = currentThreadText(); }).join();
   EXPECT_FALSE(other.empty());
@@ -185,7 +149,7 @@ class Grouping : public std::numpunct<char> {
   std::string do_grouping() const override { return "\3"; }
 };
 
-TEST(LineFormat, GlobalLocaleChangesNothing) {
+TEST(LineFormat, GlobalLocaleWithDigitGroups_ChangesNothing) {
   const std::locale before = std::locale::global(std::locale(std::locale(), new Grouping));
   std::string thread;
   std::thread([&] { thread = currentThreadText(); }).join();

@@ -29,7 +29,7 @@ class Received {
  public:
   void add(const std::string& text) {
     {
-      platform::MutexLock lock(mutex_);
+      const platform::MutexLock lock(mutex_);
       texts_.push_back(text);
     }
     added_.notifyAll();
@@ -55,16 +55,18 @@ class RegistryChangeNotifierTest : public ::testing::Test {
   RegistryChangeNotifier::Callback callback() {
     return [this](const std::string& text) { received_.add(text); };
   }
-  std::unique_ptr<RegistryChangeNotifier> make() {
-    return std::make_unique<RegistryChangeNotifier>(kKey, kValue, callback(), &logger_);
+  std::unique_ptr<RegistryChangeNotifier> make(RegistryChangeNotifier::Callback callback) {
+    return std::make_unique<RegistryChangeNotifier>(kKey, kValue, std::move(callback), &logger_);
   }
-  std::string runtimeError() {
+  std::unique_ptr<RegistryChangeNotifier> make() { return make(callback()); }
+  void expectRefused(const std::string& text) {
     try {
       make();
+      ADD_FAILURE() << "made, though: " << text;
     } catch (const std::runtime_error& error) {
-      return error.what();
+      EXPECT_EQ(error.what(), text);
     }
-    return "no exception";
+    expectAllClosed();
   }
   // Changes the value and waits until the thread has dealt with it.
   void change(const std::u16string& text) {
@@ -83,122 +85,92 @@ class RegistryChangeNotifierTest : public ::testing::Test {
   Received received_;
 };
 
-std::string invalidArgument(const std::function<void()>& make) {
-  try {
-    make();
-  } catch (const std::invalid_argument& error) {
-    return error.what();
-  }
-  return "no exception";
-}
-
-TEST_F(RegistryChangeNotifierTest, MissingArgumentsAreRefusedInOrder) {
+TEST_F(RegistryChangeNotifierTest, MissingArguments_AreRefusedInOrder) {
   using Notifier = RegistryChangeNotifier;
-  EXPECT_EQ(invalidArgument([] { Notifier("", "", nullptr, nullptr); }),
-            "Empty registry key provided: ");
-  EXPECT_EQ(invalidArgument([] { Notifier(kKey, "", nullptr, nullptr); }),
-            "Empty registry value name provided: SOFTWARE\\Test");
-  EXPECT_EQ(invalidArgument([] { Notifier(kKey, kValue, nullptr, nullptr); }),
-            "Null update callback provided: SOFTWARE\\Test\\Period");
-  EXPECT_EQ(invalidArgument([this] { Notifier(kKey, kValue, callback(), nullptr); }),
-            "Null logger provided: SOFTWARE\\Test\\Period");
+  const auto expectInvalid = [](const std::function<void()>& construct, const char* text) {
+    try {
+      construct();
+      ADD_FAILURE() << text;
+    } catch (const std::invalid_argument& error) {
+      EXPECT_STREQ(error.what(), text);
+    }
+  };
+  expectInvalid([] { Notifier("", "", nullptr, nullptr); }, "Empty registry key provided: ");
+  expectInvalid([] { Notifier(kKey, "", nullptr, nullptr); },
+                "Empty registry value name provided: SOFTWARE\\Test");
+  expectInvalid([] { Notifier(kKey, kValue, nullptr, nullptr); },
+                "Null update callback provided: SOFTWARE\\Test\\Period");
+  expectInvalid([this] { Notifier(kKey, kValue, callback(), nullptr); },
+                "Null logger provided: SOFTWARE\\Test\\Period");
   EXPECT_EQ(registry().calls(FakeRegistry::Call::kOpenKey), 0u);
 }
 
-TEST_F(RegistryChangeNotifierTest, MissingKeyIsRefused) {
+TEST_F(RegistryChangeNotifierTest, MissingKey_IsRefused) {
   registry().deleteKey(kWideKey);
-  EXPECT_EQ(runtimeError(), "Failed to open registry key: SOFTWARE\\Test");
+  expectRefused("Failed to open registry key: SOFTWARE\\Test");
   EXPECT_EQ(events().calls(FakeEvents::Call::kCreate), 0u);
-  expectAllClosed();
 }
 
-TEST_F(RegistryChangeNotifierTest, FailingFirstEventClosesTheKey) {
+TEST_F(RegistryChangeNotifierTest, EventThatCannotBeMade_ClosesWhatWasOpened) {
   events().fail(FakeEvents::Call::kCreate, 8, 1);
-  EXPECT_EQ(runtimeError(),
-            "Failed to create an event object for receiving change notifications on registry key: "
-            "SOFTWARE\\Test");
-  expectAllClosed();
-}
-
-TEST_F(RegistryChangeNotifierTest, FailingSecondEventClosesTheKeyAndTheFirst) {
+  expectRefused(
+      "Failed to create an event object for receiving change notifications on registry key: "
+      "SOFTWARE\\Test");
   events().fail(FakeEvents::Call::kCreate, 8, 1, 1);
-  EXPECT_EQ(runtimeError(),
-            "Failed to create an event object for stopping thread: SOFTWARE\\Test\\Period");
-  EXPECT_EQ(events().calls(FakeEvents::Call::kCreate), 2u);
-  expectAllClosed();
+  expectRefused("Failed to create an event object for stopping thread: SOFTWARE\\Test\\Period");
 }
 
-TEST_F(RegistryChangeNotifierTest, MissingValueIsRefused) {
+TEST_F(RegistryChangeNotifierTest, ValueThatIsNoShortText_IsRefused) {
   registry().deleteValue(kWideKey, kWideValue);
-  EXPECT_EQ(runtimeError(), "Failed to query (2) registry value: Period");
-  expectAllClosed();
-}
-
-TEST_F(RegistryChangeNotifierTest, ValueOfAnotherTypeIsRefused) {
+  expectRefused("Failed to query (2) registry value: Period");
   registry().setDword(kWideKey, kWideValue, 60);
-  EXPECT_EQ(runtimeError(), "Unexpected value type \"4\" from registry value: Period");
+  expectRefused("Unexpected value type \"4\" from registry value: Period");
   registry().setValue(kWideKey, kWideValue, platform::kRegBinary, {0x36, 0x00});
-  EXPECT_EQ(runtimeError(), "Unexpected value type \"3\" from registry value: Period");
-  expectAllClosed();
-}
-
-TEST_F(RegistryChangeNotifierTest, ValueWithoutAByteIsRefused) {
+  expectRefused("Unexpected value type \"3\" from registry value: Period");
   registry().setValue(kWideKey, kWideValue, platform::kRegSz, {});
-  EXPECT_EQ(runtimeError(), "Unexpected value size of \"0\" from registry value: Period");
-}
-
-TEST_F(RegistryChangeNotifierTest, ValueBeyondTheBufferIsRefused) {
+  expectRefused("Unexpected value size of \"0\" from registry value: Period");
   registry().setText(kWideKey, kWideValue, std::u16string(256, u'1'));  // 514 bytes
-  EXPECT_EQ(runtimeError(), "Failed to query (234) registry value: Period");
+  expectRefused("Failed to query (234) registry value: Period");
 }
 
-TEST_F(RegistryChangeNotifierTest, ExceptionOfTheCallbackLeavesTheConstructor) {
-  const auto fail = [](const std::string&) { throw std::runtime_error("refused"); };
-  EXPECT_THROW(RegistryChangeNotifier(kKey, kValue, fail, &logger_), std::runtime_error);
+TEST_F(RegistryChangeNotifierTest, ExceptionOfTheFirstCallback_LeavesTheConstructor) {
+  EXPECT_THROW(make([](const std::string&) { throw std::runtime_error("refused"); }),
+               std::runtime_error);
   expectAllClosed();
 }
 
-TEST_F(RegistryChangeNotifierTest, ValueIsDeliveredWhileConstructing) {
+struct TextCase {
+  const char* name;
+  std::u16string value;
+  std::string text;
+  std::uint32_t type = platform::kRegSz;
+};
+
+class TextOfTheValue : public RegistryChangeNotifierTest,
+                       public testing::WithParamInterface<TextCase> {};
+
+TEST_P(TextOfTheValue, IsDeliveredByTheConstructingThread) {
+  registry().setText(kWideKey, kWideValue, GetParam().value, GetParam().type);
   std::thread::id thread;
-  const RegistryChangeNotifier notifier(
-      kKey, kValue,
-      [&](const std::string& text) {
-        thread = std::this_thread::get_id();
-        received_.add(text);
-      },
-      &logger_);
-  EXPECT_EQ(received_.await(1), Texts{"60"});
+  const auto notifier = make([&](const std::string& text) {
+    thread = std::this_thread::get_id();
+    received_.add(text);
+  });
+  EXPECT_EQ(received_.await(1), Texts{GetParam().text});
   EXPECT_EQ(thread, std::this_thread::get_id());
 }
 
-TEST_F(RegistryChangeNotifierTest, EmptyTextIsATextOfItsOwn) {
-  registry().setText(kWideKey, kWideValue, u"");
-  const auto notifier = make();
-  EXPECT_EQ(received_.await(1), Texts{""});
-}
+INSTANTIATE_TEST_SUITE_P(
+    RegistryChangeNotifier, TextOfTheValue,
+    testing::Values(TextCase{"Number", u"60", "60"}, TextCase{"Nothing", u"", ""},
+                    TextCase{"EnvironmentReference_Unexpanded", u"%PATH%", "%PATH%",
+                             platform::kRegExpandSz},
+                    TextCase{"OtherAlphabets_AsUtf8", u"\u00C4 \u20AC \U0001F0CF",
+                             "\xC3\x84 \xE2\x82\xAC \xF0\x9F\x83\x8F"},
+                    TextCase{"ZeroUnit_EndsIt", std::u16string(u"12\0003", 4), "12"}),
+    [](const auto& each) { return each.param.name; });
 
-TEST_F(RegistryChangeNotifierTest, ExpandableTextIsNotExpanded) {
-  registry().setText(kWideKey, kWideValue, u"%PATH%", platform::kRegExpandSz);
-  const auto notifier = make();
-  EXPECT_EQ(received_.await(1), Texts{"%PATH%"});
-}
-
-TEST_F(RegistryChangeNotifierTest, TextIsUtf8) {
-  registry().setText(kWideKey, kWideValue, u"\u00C4 \u20AC \U0001F0CF");
-  const auto notifier = make();
-  EXPECT_EQ(received_.await(1), Texts{"\xC3\x84 \xE2\x82\xAC \xF0\x9F\x83\x8F"});
-}
-
-TEST_F(RegistryChangeNotifierTest, TextEndsAtItsFirstZeroUnit) {
-  registry().setText(kWideKey, kWideValue,
-                     std::u16string(u"12\0"
-                                    u"34",
-                                    5));
-  const auto notifier = make();
-  EXPECT_EQ(received_.await(1), Texts{"12"});
-}
-
-TEST_F(RegistryChangeNotifierTest, TextWithoutATerminatorEndsWithTheBuffer) {
+TEST_F(RegistryChangeNotifierTest, TextWithoutATerminator_EndsWithTheBuffer) {
   std::vector<std::uint8_t> data;
   for (int i = 0; i < 256; ++i) data.insert(data.end(), {'7', 0});
   registry().setValue(kWideKey, kWideValue, platform::kRegSz, data);
@@ -206,7 +178,7 @@ TEST_F(RegistryChangeNotifierTest, TextWithoutATerminatorEndsWithTheBuffer) {
   EXPECT_EQ(received_.await(1), Texts{std::string(256, '7')});
 }
 
-TEST_F(RegistryChangeNotifierTest, ChangesAreDelivered) {
+TEST_F(RegistryChangeNotifierTest, Changes_AreDelivered) {
   const auto notifier = make();
   change(u"1");
   change(u"2");
@@ -214,7 +186,7 @@ TEST_F(RegistryChangeNotifierTest, ChangesAreDelivered) {
   EXPECT_EQ(logger_.lines(), Lines());
 }
 
-TEST_F(RegistryChangeNotifierTest, ChangeOfAnotherValueOrSubkeyDeliversTheUnchangedText) {
+TEST_F(RegistryChangeNotifierTest, ChangeOfAnotherValueOrSubkey_DeliversTheUnchangedText) {
   const auto notifier = make();
   registry().waitForCalls(FakeRegistry::Call::kNotifyChange, 1);
   registry().setDword(kWideKey, u"Other", 1);
@@ -224,58 +196,64 @@ TEST_F(RegistryChangeNotifierTest, ChangeOfAnotherValueOrSubkeyDeliversTheUnchan
   EXPECT_EQ(received_.await(3), (Texts{"60", "60", "60"}));
 }
 
-TEST_F(RegistryChangeNotifierTest, ChangeWhileAChangeIsDealtWithIsNotLost) {
+TEST_F(RegistryChangeNotifierTest, ChangeWhileAChangeIsDealtWith_IsNotLost) {
   // The callback itself changes the value once more.
-  const RegistryChangeNotifier notifier(
-      kKey, kValue,
-      [&](const std::string& text) {
-        received_.add(text);
-        if (text == "1") registry().setText(kWideKey, kWideValue, u"2");
-      },
-      &logger_);
+  const auto notifier = make([&](const std::string& text) {
+    received_.add(text);
+    if (text == "1") registry().setText(kWideKey, kWideValue, u"2");
+  });
   registry().waitForCalls(FakeRegistry::Call::kNotifyChange, 1);
   registry().setText(kWideKey, kWideValue, u"1");
   EXPECT_EQ(received_.await(3), (Texts{"60", "1", "2"}));
 }
 
-TEST_F(RegistryChangeNotifierTest, FailingReadIsAnErrorRecordAndTheThreadGoesOn) {
+struct FailureCase {
+  const char* name;
+  std::function<void(test::LoggingPorts&)> fail;  // two times
+  RecordedLine line;
+};
+
+class FailureOfTheThread : public RegistryChangeNotifierTest,
+                           public testing::WithParamInterface<FailureCase> {};
+
+TEST_P(FailureOfTheThread, IsAnErrorRecordEachTimeAndTheThreadGoesOn) {
+  GetParam().fail(ports_);
   const auto notifier = make();
-  registry().waitForCalls(FakeRegistry::Call::kNotifyChange, 1);
-  registry().deleteValue(kWideKey, kWideValue);
-  logger_.awaitLines(1);
-  registry().waitForCalls(FakeRegistry::Call::kNotifyChange, 2);
+  logger_.awaitLines(2);
   change(u"5");
   EXPECT_EQ(received_.await(2), (Texts{"60", "5"}));
-  EXPECT_EQ(logger_.lines(), (Lines{{1, -500, "Failed to query (2) registry value: Period"}}));
+  EXPECT_EQ(logger_.lines(), Lines(2, GetParam().line));
 }
 
-TEST_F(RegistryChangeNotifierTest, ExceptionOfTheCallbackIsAnErrorRecordAndTheThreadGoesOn) {
-  const RegistryChangeNotifier notifier(
-      kKey, kValue,
-      [&](const std::string& text) {
-        if (text == "bad") throw std::runtime_error("refused {}");
-        received_.add(text);
-      },
-      &logger_);
+INSTANTIATE_TEST_SUITE_P(
+    RegistryChangeNotifier, FailureOfTheThread,
+    testing::Values(
+        FailureCase{
+            "Subscription",
+            [](auto& ports) { ports.registry.fail(FakeRegistry::Call::kNotifyChange, 1018, 2); },
+            {1, 1018,
+             "Failed to subscribe to change notification on registry key: SOFTWARE\\Test"}},
+        FailureCase{"Wait",
+                    [](auto& ports) { ports.events.fail(FakeEvents::Call::kWaitAny, 6, 2); },
+                    {1, 6, "Failed to wait for event: SOFTWARE\\Test\\Period"}}),
+    [](const auto& each) { return each.param.name; });
+
+TEST_F(RegistryChangeNotifierTest, FailingReadAndCallback_AreErrorRecordsAndTheThreadGoesOn) {
+  const auto notifier = make([&](const std::string& text) {
+    if (text == "bad") throw std::runtime_error("refused {}");
+    received_.add(text);
+  });
   change(u"bad");
+  registry().deleteValue(kWideKey, kWideValue);
+  logger_.awaitLines(2);
+  registry().waitForCalls(FakeRegistry::Call::kNotifyChange, 3);
   change(u"5");
   EXPECT_EQ(received_.await(2), (Texts{"60", "5"}));
-  EXPECT_EQ(logger_.lines(), (Lines{{1, -500, "refused {}"}}));
+  EXPECT_EQ(logger_.lines(), (Lines{{1, -500, "refused {}"},
+                                    {1, -500, "Failed to query (2) registry value: Period"}}));
 }
 
-TEST_F(RegistryChangeNotifierTest, FailingSubscriptionIsAnErrorRecordEachTimeItIsTried) {
-  registry().fail(FakeRegistry::Call::kNotifyChange, 1018, 3);
-  const auto notifier = make();
-  logger_.awaitLines(3);
-  registry().waitForCalls(FakeRegistry::Call::kNotifyChange, 4);
-  change(u"5");
-  EXPECT_EQ(received_.await(2), (Texts{"60", "5"}));
-  const RecordedLine line{
-      1, 1018, "Failed to subscribe to change notification on registry key: SOFTWARE\\Test"};
-  EXPECT_EQ(logger_.lines(), (Lines{line, line, line}));
-}
-
-TEST_F(RegistryChangeNotifierTest, SubscriptionThatNeverSucceedsDoesNotKeepItFromEnding) {
+TEST_F(RegistryChangeNotifierTest, SubscriptionThatNeverSucceeds_DoesNotKeepItFromEnding) {
   registry().fail(FakeRegistry::Call::kNotifyChange, 1018);
   auto notifier = make();
   logger_.awaitLines(10);
@@ -283,17 +261,7 @@ TEST_F(RegistryChangeNotifierTest, SubscriptionThatNeverSucceedsDoesNotKeepItFro
   expectAllClosed();
 }
 
-TEST_F(RegistryChangeNotifierTest, FailingWaitIsAnErrorRecordAndTheThreadGoesOn) {
-  events().fail(FakeEvents::Call::kWaitAny, 6, 2);
-  const auto notifier = make();
-  logger_.awaitLines(2);
-  change(u"5");
-  EXPECT_EQ(received_.await(2), (Texts{"60", "5"}));
-  const RecordedLine line{1, 6, "Failed to wait for event: SOFTWARE\\Test\\Period"};
-  EXPECT_EQ(logger_.lines(), (Lines{line, line}));
-}
-
-TEST_F(RegistryChangeNotifierTest, FailingStopEventIsAnErrorRecord) {
+TEST_F(RegistryChangeNotifierTest, FailingStopEvent_IsAnErrorRecord) {
   auto notifier = make();
   registry().waitForCalls(FakeRegistry::Call::kNotifyChange, 1);
   events().waitForCalls(FakeEvents::Call::kWaitAny, 1);
@@ -308,7 +276,7 @@ TEST_F(RegistryChangeNotifierTest, FailingStopEventIsAnErrorRecord) {
   expectAllClosed();
 }
 
-TEST_F(RegistryChangeNotifierTest, DestroyingEndsAWaitingThreadAtOnce) {
+TEST_F(RegistryChangeNotifierTest, DestroyedWhileItWaits_EndsAtOnce) {
   for (int i = 0; i < 200; ++i) {
     auto notifier = make();
     if (i % 2 == 0) events().waitForCalls(FakeEvents::Call::kWaitAny, 1);
@@ -318,43 +286,21 @@ TEST_F(RegistryChangeNotifierTest, DestroyingEndsAWaitingThreadAtOnce) {
   EXPECT_EQ(logger_.lines(), Lines());
 }
 
-// Says on the standard error what was logged, where a dying process is read.
-class PrintingLogger final : public logging::LoggerBase {
- public:
-  PrintingLogger() : LoggerBase(3) {}
-  std::unique_ptr<logging::FileLogger> createChildForSession(const std::string&) override {
-    return nullptr;
-  }
-  std::unique_ptr<logging::FileLogger> createChildForCategory(std::uint32_t) override {
-    return nullptr;
-  }
-  void log(const std::string&, logging::Level, const std::int32_t&) override {}
-  void log(const std::string& message, std::int32_t level, std::int32_t resultCode) override {
-    std::fprintf(stderr, "%d %d %s\n", level, resultCode, message.c_str());
-  }
-  void writeLine(const std::string&, std::uint32_t, std::int32_t, std::int32_t,
-                 const std::string&) override {}
-};
-
-TEST_F(RegistryChangeNotifierTest, ThreadThatCannotBeJoinedIsAnErrorRecord) {
-  // A callback must not destroy its notifier. It is told so before the process ends.
-  PrintingLogger logger;
+TEST_F(RegistryChangeNotifierTest, DestroyedByItsOwnCallback_SaysSoBeforeTheProcessEnds) {
   const auto destroyFromTheCallback = [&] {
+    logger_.printLines();  // where a dying process is read
     std::unique_ptr<RegistryChangeNotifier> notifier;
-    notifier = std::make_unique<RegistryChangeNotifier>(
-        kKey, kValue,
-        [&](const std::string& text) {
-          if (text == "end") notifier.reset();
-        },
-        &logger);
+    notifier = make([&](const std::string& text) {
+      if (text == "end") notifier.reset();
+    });
     registry().waitForCalls(FakeRegistry::Call::kNotifyChange, 1);
     registry().setText(kWideKey, kWideValue, u"end");
     registry().waitForCalls(FakeRegistry::Call::kCloseKey, 1);
     received_.await(1);
   };
   EXPECT_DEATH(destroyFromTheCallback(),
-               "1 -500 Unexpected error occurred during thread cleanup: Resource deadlock "
-               "avoided");
+               "level 1 code -500 \"Unexpected error occurred during thread cleanup: Resource "
+               "deadlock avoided\"");
 }
 
 }  // namespace

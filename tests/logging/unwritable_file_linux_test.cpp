@@ -1,3 +1,4 @@
+// Files on a full disk, and in a folder that may not be written to.
 #include <gtest/gtest.h>
 #include <sys/fsuid.h>
 
@@ -6,8 +7,6 @@
 #include <thread>
 
 #include "logging/file_logger.h"
-#include "logging/text_file.h"
-#include "tests/doubles/clock/simulated_clock.h"
 #include "tests/support/log_files.h"
 #include "tests/support/small_disk.h"
 #include "tests/support/temp_folder.h"
@@ -17,6 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using test::fileLines;
+using Lines = std::vector<std::string>;
 
 constexpr std::size_t kDisk = 64 * 1024;
 constexpr std::size_t kLineLength = 299;  // divides no page
@@ -31,36 +31,32 @@ TEST(FullDisk, LinesStayWholeAndGoOnWhenThereIsSpace) {
   test::onSmallDisk(kDisk, [](const fs::path& disk) {
     std::ofstream(disk / "other") << std::string(kDisk / 2, 'x');
     TextFile file((disk / "log.txt").string());
+    Lines expected;
     int number = 0;
     for (; number < 400; ++number) file.writeLine(numberedLine(number));
-    const std::vector<std::string> before = fileLines(disk / "log.txt");
-    ASSERT_GT(before.size(), 50u);
-    ASSERT_LT(before.size(), 400u) << "the disk was not full";
+    const std::size_t before = fileLines(disk / "log.txt").size();
+    ASSERT_GT(before, 50u);
+    ASSERT_LT(before, 400u) << "the disk was not full";
     fs::remove(disk / "other");
     for (; number < 410; ++number) file.writeLine(numberedLine(number));
-    const std::vector<std::string> after = fileLines(disk / "log.txt");
-    ASSERT_EQ(after.size(), before.size() + 10);
-    for (std::size_t i = 0; i < before.size(); ++i) {
-      EXPECT_EQ(after[i], numberedLine(static_cast<int>(i)));
-    }
-    for (int i = 0; i < 10; ++i) {
-      EXPECT_EQ(after[before.size() + static_cast<std::size_t>(i)], numberedLine(400 + i));
-    }
+    for (int i = 0; i < static_cast<int>(before); ++i) expected.push_back(numberedLine(i));
+    for (int i = 400; i < 410; ++i) expected.push_back(numberedLine(i));
+    EXPECT_EQ(fileLines(disk / "log.txt"), expected);
   });
 }
 
-TEST(FullDisk, ShorterLinesAreWrittenWhereALongOneDidNotFit) {
+TEST(FullDisk, LineThatDoesNotFit_KeepsNoShorterOneOut) {
   test::onSmallDisk(kDisk, [](const fs::path& disk) {
     TextFile file((disk / "log.txt").string());
     file.writeLine("heading");
     file.writeLine(std::string(2 * kDisk, 'x'));
-    EXPECT_EQ(fileLines(disk / "log.txt"), std::vector<std::string>{"heading"});
+    EXPECT_EQ(fileLines(disk / "log.txt"), Lines{"heading"});
     file.writeLine("short");
-    EXPECT_EQ(fileLines(disk / "log.txt"), (std::vector<std::string>{"heading", "short"}));
+    EXPECT_EQ(fileLines(disk / "log.txt"), (Lines{"heading", "short"}));
   });
 }
 
-TEST(FullDisk, FileMadeOnAFullDiskGetsItsHeadingLater) {
+TEST(FullDisk, FileMadeOnAFullDisk_GetsItsHeadingLater) {
   test::onSmallDisk(kDisk, [](const fs::path& disk) {
     test::fillDisk(disk / "other");
     TextFile file((disk / "log.txt").string());
@@ -68,30 +64,13 @@ TEST(FullDisk, FileMadeOnAFullDiskGetsItsHeadingLater) {
     file.writeLine("lost");
     fs::remove(disk / "other");
     file.writeLine("kept");
-    EXPECT_EQ(fileLines(disk / "log.txt"), (std::vector<std::string>{"heading", "kept"}));
-  });
-}
-
-TEST(FullDisk, LoggerGoesOn) {
-  test::onSmallDisk(kDisk, [](const fs::path& disk) {
-    logging::FileLogger logger(0, 2, "00000000-0000-0000-0000-000000000000", nullptr,
-                               (disk / "zelta_vsc").string());
-    logger.log("before", 2, 0);
-    test::fillDisk(disk / "other");
-    for (int i = 0; i < 200; ++i) logger.log(std::string(150, 'x'), 2, 0);
-    fs::remove(disk / "other");
-    logger.log("after", 2, 0);
-    ASSERT_EQ(test::filesIn(disk).size(), 1u);
-    const auto records = test::recordsOf(test::filesIn(disk)[0]);
-    ASSERT_LT(records.size(), 200u);
-    EXPECT_EQ(records.front().message, "before");
-    EXPECT_EQ(records.back().message, "after");
+    EXPECT_EQ(fileLines(disk / "log.txt"), (Lines{"heading", "kept"}));
   });
 }
 
 constexpr uid_t kNobody = 65534;
 
-TEST(NoPermission, LinesAreLostUntilItIsGiven) {
+TEST(NoPermission, LosesLinesUntilItIsGiven) {
   const test::TempFolder folder;
   fs::permissions(folder.path(), fs::perms::owner_all);
   // The identity for files is the thread's own.
@@ -107,7 +86,7 @@ TEST(NoPermission, LinesAreLostUntilItIsGiven) {
     file.writeLine("kept");
     setfsuid(0);
   }).join();
-  EXPECT_EQ(fileLines(folder.file("log.txt")), (std::vector<std::string>{"heading", "kept"}));
+  EXPECT_EQ(fileLines(folder.file("log.txt")), (Lines{"heading", "kept"}));
 }
 
 }  // namespace

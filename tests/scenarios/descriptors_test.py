@@ -8,15 +8,15 @@ import time
 import unittest
 
 import standstill
-from standstill import USABLE_AGAIN, check_usable, finish
+from standstill import USABLE_AGAIN, Cast
 
 SCARCE = 1.0  # seconds
-# How many descriptors there are left: each step of a call that makes one meets its end.
+# How many descriptors are left, so that each step of a call that makes one finds none.
 LEFT = range(5)
 
 
 def leave(pid, free):
-    """Leaves the process so many free descriptors; gives its limits from before."""
+    """Leaves the process so many free descriptors. Gives its limits from before."""
     used = {int(name) for name in os.listdir(f"/proc/{pid}/fd")}
     limit = 0
     while limit - sum(1 for number in used if number < limit) < free or limit in used:
@@ -43,30 +43,21 @@ CALLS = {
 
 
 def story(reader, problems, call, free):
-    reader.start_pcscd()
-    import clients
-
-    reader.start_scripted_agent(clients.script())
-    record = clients.Record()
-    actor = clients.Client("actor", record)
-    callers = [clients.Caller(clients.Client(name, record)) for name in ("Alice", "Bob")]
-    actor.connect_in_the_end()
-    for caller in callers:
+    reader.start_all()
+    cast = Cast()
+    cast.actor.connect_in_the_end()
+    for caller in cast.callers:
         caller.client.connect()
     pid = reader.pcscd.process.pid
     before = leave(pid, free)
     end = time.monotonic() + SCARCE
-    thread = threading.Thread(target=CALLS[call], args=(reader, actor), daemon=True)
+    thread = threading.Thread(target=CALLS[call], args=(reader, cast.actor), daemon=True)
     thread.start()
     thread.join(SCARCE / 2)
-    for caller in callers:
-        caller.go()
+    cast.go()
     time.sleep(max(0, end - time.monotonic()))
     resource.prlimit(pid, resource.RLIMIT_NOFILE, before)
-    since = time.monotonic()
-    took = check_usable(record, callers, since, USABLE_AGAIN, problems)
-    finish(record, callers, actor, problems, thread)
-    return f"usable after {took:.2f} s; {record.summary()}"
+    return cast.conclude(time.monotonic(), USABLE_AGAIN, problems, thread)
 
 
 class DescriptorsRunOut(unittest.TestCase):

@@ -9,34 +9,26 @@ import unittest
 
 import stack
 import standstill
-from standstill import USABLE_AGAIN, Standstill, check_usable, finish
+from standstill import USABLE_AGAIN, Cast, Standstill
 
 STANDSTILL = 11.0  # seconds: longer than the driver serves without anybody asking for a card
-BACK_OFF = 8.0  # seconds that a reader may take besides, if it was brought up anew
+BACK_OFF = 8.0  # more seconds that a reader may take if it was brought up anew
 SWAPS = 200
 PIPES = pathlib.Path("/run/zelta/pipe/ProtectedPrefix/LocalService")
 
 
-def use(reader, problems, since, allowed):
-    """Two callers from now on; gives the line about how it went."""
-    import clients
-
-    record = clients.Record()
-    actor = clients.Client("actor", record)
-    callers = [clients.Caller(clients.Client(name, record)) for name in ("Alice", "Bob")]
-    for caller in callers:
-        caller.go()
-    took = check_usable(record, callers, since, allowed, problems)
-    finish(record, callers, actor, problems)
-    return f"usable after {took:.2f} s; {record.summary()}"
+def use(problems, since, allowed):
+    """By two callers from now on; gives the line about how it went."""
+    cast = Cast()
+    cast.go()
+    return cast.conclude(since, allowed, problems)
 
 
 def start(reader):
-    """With a card that a client has used."""
-    reader.start_pcscd()
+    """With a card that a client has used, which this gives."""
+    reader.start_all()
     import clients
 
-    reader.start_scripted_agent(clients.script())
     client = clients.Client("first", clients.Record())
     client.connect_in_the_end()
     return client
@@ -53,21 +45,19 @@ def agent_lost_and_pcscd_still(reader, problems, seconds_between):
     still.begin()
     still.last(STANDSTILL)
     reader.start_agent_again()
-    return use(reader, problems, still.ended, BACK_OFF + USABLE_AGAIN)
+    return use(problems, still.ended, BACK_OFF + USABLE_AGAIN)
 
 
 def pipes_could_not_be_made(reader, problems):
     os.makedirs("/run/zelta")
     pathlib.Path("/run/zelta/pipe").touch()  # in the place of the folder
     reader.start_pcscd()
-    import clients
-
     stack.wait_until(lambda: "zelta:" in reader.pcscd.log.read_text(errors="replace"),
                      "a line about the pipes in pcscd's log", 20)
     os.unlink("/run/zelta/pipe")
     since = time.monotonic()
-    reader.start_scripted_agent(clients.script())
-    return use(reader, problems, since, BACK_OFF + USABLE_AGAIN)
+    reader.start_clients_card()
+    return use(problems, since, BACK_OFF + USABLE_AGAIN)
 
 
 def client_of_the_command_pipe_alone(reader, problems):
@@ -78,8 +68,6 @@ def client_of_the_command_pipe_alone(reader, problems):
     plain_start = time.monotonic() - begun  # on this machine, with its load
     reader.agent.end(signal.SIGKILL)
     reader.start_pcscd()
-    import clients
-
     pipe = PIPES / "zelta_smartcard_command0"
     stack.wait_until(pipe.exists, "the command pipe")
     with socket.socket(socket.AF_UNIX) as other:
@@ -87,15 +75,15 @@ def client_of_the_command_pipe_alone(reader, problems):
         stack.wait_until(lambda: "Command named pipe connected" in reader.log_text(),
                          "the driver's taking the client")
     since = time.monotonic()
-    reader.start_scripted_agent(clients.script())
-    return use(reader, problems, since, plain_start + USABLE_AGAIN / 4)
+    reader.start_clients_card()
+    return use(problems, since, plain_start + USABLE_AGAIN / 4)
 
 
 def burst_of_swaps(reader, problems):
-    client = start(reader)
+    _client = start(reader)  # connected meanwhile
     for _ in range(SWAPS):
         reader.swap_card()
-    return use(reader, problems, time.monotonic(), USABLE_AGAIN / 2)
+    return use(problems, time.monotonic(), USABLE_AGAIN / 2)
 
 
 class ReaderComesBack(unittest.TestCase):

@@ -96,10 +96,9 @@ def soak(chosen):
     """Gives the exit code."""
     stack.enter_namespace()
     with Reader() as reader:
-        reader.start_pcscd()
+        reader.start_all()
         import clients
 
-        reader.start_scripted_agent(clients.script())
         record = clients.Record()
         clients.Client("first", record).connect_in_the_end()
         callers = [clients.Caller(clients.Client(name, record, chosen.seed), habit)

@@ -1,7 +1,7 @@
 """The reader with a scripted card, one of its processes stopped for a while, and what follows.
 
-A story is one such run in a process and a mount namespace of its own; `tell_all` runs many beside
-each other, since they mostly wait.
+A story is one such run in a process and a mount namespace of its own. `tell_all` runs many at the
+same time, since they mostly wait.
 """
 
 import collections
@@ -20,7 +20,7 @@ from stack import Stack
 USABLE_AGAIN = 2.0  # seconds that the reader has after a standstill
 RIGHT_ANSWERS = 40  # of each caller, once it is usable
 STORY_LIMIT = 120  # seconds
-AT_ONCE = 32  # stories beside each other
+AT_ONCE = 32  # stories at the same time
 
 
 class Reader(Stack):
@@ -30,6 +30,16 @@ class Reader(Stack):
         # One that was killed leaves its socket, which would look like the new one's.
         pathlib.Path("/run/pcscd/pcscd.comm").unlink(missing_ok=True)
         super().start_pcscd()
+
+    def start_all(self, **times):
+        """pcscd, and the agent with the clients' card."""
+        self.start_pcscd()
+        self.start_clients_card(**times)
+
+    def start_clients_card(self, **times):
+        import clients
+
+        self.start_scripted_agent(clients.script(**times))
 
     def start_scripted_agent(self, script):
         (self.folder / "card.txt").write_text(script)
@@ -97,7 +107,7 @@ Outcome = collections.namedtuple("Outcome", "problems summary")
 
 def check_usable(record, callers, since, allowed, problems):
     """Each caller must have a right answer to something it asked after `since`, in the time
-    allowed. Says when one came late, and when none came at all."""
+    allowed (seconds). A late answer is a problem, and so is none at all."""
     names = [caller.client.name for caller in callers]
     late = record.wait_right(names, since, since + allowed)
     if not late:
@@ -113,23 +123,44 @@ def check_usable(record, callers, since, allowed, problems):
     return took
 
 
-def finish(record, callers, actor, problems, *threads):
-    """A while of ordinary use, and the card's state at its end."""
-    limit = time.monotonic() + USABLE_AGAIN
-    enough = [caller.client.serial + RIGHT_ANSWERS for caller in callers]
-    while (time.monotonic() < limit and not record.wrong and
-           any(caller.client.serial < count for caller, count in zip(callers, enough))):
-        time.sleep(0.05)
-    for caller in callers:
-        caller.end()
-    for thread in (*threads, *callers):
-        thread.join(3 * USABLE_AGAIN)
-    states = {client.name: client.state for client in (actor, *(each.client for each in callers))}
-    if any(state != "idle" for state in states.values()):
-        problems.append(f"a call has not ended: {states}")
-    elif not actor.status():
-        problems.append("the card's ATR is not there at the end")
-    problems.extend(record.wrong[:5])
+class Cast:
+    """The clients of a story: one that acts, and two that ask from `go` on."""
+
+    def __init__(self):
+        import clients
+
+        self.record = clients.Record()
+        self.actor = clients.Client("actor", self.record)
+        self.callers = [clients.Caller(clients.Client(name, self.record))
+                        for name in ("Alice", "Bob")]
+
+    def go(self):
+        for caller in self.callers:
+            caller.go()
+
+    def conclude(self, since, allowed, problems, *threads):
+        """The reader must be usable in time, and stay so. Gives the line about how it went."""
+        took = check_usable(self.record, self.callers, since, allowed, problems)
+        self._use_for_a_while()
+        for thread in (*threads, *self.callers):
+            thread.join(3 * USABLE_AGAIN)
+        states = {client.name: client.state
+                  for client in (self.actor, *(each.client for each in self.callers))}
+        if any(state != "idle" for state in states.values()):
+            problems.append(f"a call has not ended: {states}")
+        elif not self.actor.status():
+            problems.append("the card's ATR is not there at the end")
+        problems.extend(self.record.wrong[:5])
+        return f"usable after {took:.2f} s; {self.record.summary()}"
+
+    def _use_for_a_while(self):
+        limit = time.monotonic() + USABLE_AGAIN
+        enough = [caller.client.serial + RIGHT_ANSWERS for caller in self.callers]
+        while (time.monotonic() < limit and not self.record.wrong and
+               any(caller.client.serial < count for caller, count in zip(self.callers, enough))):
+            time.sleep(0.05)
+        for caller in self.callers:
+            caller.end()
 
 
 def _tell(story, arguments):
@@ -141,7 +172,7 @@ def _tell(story, arguments):
         try:
             reader = ends.enter_context(Reader())
             summary = story(reader, problems, *arguments)
-        except Exception:  # whatever it is, it belongs into the report of this story
+        except Exception:  # any failure belongs in the report of this story
             problems.append(traceback.format_exc())
         if problems:
             problems.append(reader.log_tails())

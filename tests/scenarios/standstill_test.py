@@ -7,12 +7,12 @@ import time
 import unittest
 
 import standstill
-from standstill import USABLE_AGAIN, Standstill, check_usable, finish
+from standstill import USABLE_AGAIN, Cast, Standstill
 
 DURATIONS = (1.5, 4.5, 6.0, 8.0)  # seconds; the agent's limit is 4.5 s, the driver's 5 s
 CARD_TIME = 0.2  # seconds that the card takes for the call under test
 
-# Whether others ask at the same time: a query that waits for its turn after the one that stands
+# Whether others ask at the same time. A query that waits for its turn after the one that stands
 # still meets other rules than one that comes later.
 COMPANIES = ("alone", "with others")
 
@@ -23,7 +23,7 @@ def status_for_a_while(client):
         client.status()
 
 
-# name: (how the client is left before, the call, whether it is the ATR that takes the card's time)
+# name: (the client's state before, the call, whether it is the ATR that takes the card's time)
 CALLS = {
     "connect": ("unpowered", lambda reader, client: client.connect(), True),
     "reset": ("connected", lambda reader, client: client.reset(), True),
@@ -61,70 +61,32 @@ def stop_within(reader, still, client, call, moment):
 
 def story(reader, problems, who, call, moment, seconds, company, card_time):
     """`moment`: when the standstill begins, "before" the call, "after" it or seconds into it."""
-    reader.start_pcscd()
-    import clients
-
     _, _, is_atr = CALLS[call]
-    milliseconds = int(1000 * card_time)
-    reader.start_scripted_agent(clients.script(atr_after=milliseconds) if is_atr else
-                                clients.script(slow=milliseconds))
-    record = clients.Record()
-    actor = clients.Client("actor", record)
-    callers = [clients.Caller(clients.Client(name, record)) for name in ("Alice", "Bob")]
-    prepare(actor, call)
+    reader.start_all(**{"atr_after" if is_atr else "slow": int(1000 * card_time)})
+    cast = Cast()
+    prepare(cast.actor, call)
     still = Standstill(getattr(reader, who))
-    thread = stop_within(reader, still, actor, call, moment)
+    thread = stop_within(reader, still, cast.actor, call, moment)
     if company == "with others":
-        for caller in callers:
-            caller.go()
+        cast.go()
     still.last(seconds)
-    for caller in callers:
-        caller.go()
-    # A card that is still at its work, or whose ATR is needed: for the presence, the power-up, the
+    cast.go()
+    # The card may still be at its work, or its ATR is needed: for the presence, the power-up, the
     # protocol and the reset.
     needed = card_time * (4 if is_atr else 1)
-    took = check_usable(record, callers, still.ended, USABLE_AGAIN + needed, problems)
-    finish(record, callers, actor, problems, thread)
-    return f"usable after {took:.2f} s; {record.summary()}"
+    return cast.conclude(still.ended, USABLE_AGAIN + needed, problems, thread)
 
 
-class Standstills(unittest.TestCase):
-    """`who` stands still in each of its calls: each moment, duration and company."""
-
-    who = None
+class AgentOrPcscdStandsStill(unittest.TestCase):
+    """In each of their calls, at each moment, for each duration and in each company."""
 
     def tell(self, call):
         # Another moment each time, within 2 ms of the card's answer.
-        rows = [(self.who, call, moment, seconds, company, CARD_TIME)
+        rows = [(who, call, moment, seconds, company, CARD_TIME)
+                for who in ("agent", "pcscd")
                 for index, (seconds, company) in enumerate(itertools.product(DURATIONS, COMPANIES))
                 for moment in ("before", CARD_TIME / 2, CARD_TIME + (index - 3.5) / 2000, "after")]
         standstill.assert_good(self, story, rows)
-
-
-class AgentStandsStill(Standstills):
-    who = "agent"
-
-    def test_in_a_connect(self):
-        self.tell("connect")
-
-    def test_in_a_reset(self):
-        self.tell("reset")
-
-    def test_in_a_transaction_that_ends_with_a_reset(self):
-        self.tell("transaction")
-
-    def test_in_a_transmit(self):
-        self.tell("transmit")
-
-    def test_in_a_swap_of_the_card(self):
-        self.tell("presence")
-
-    def test_in_a_question_for_the_status(self):
-        self.tell("status")
-
-
-class PcscdStandsStill(Standstills):
-    who = "pcscd"
 
     def test_in_a_connect(self):
         self.tell("connect")

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <functional>
+#include <iterator>
 #include <mutex>
 #include <stdexcept>
 
@@ -11,9 +13,8 @@ namespace zelta::test {
 
 namespace {
 
-struct Store {
-  std::mutex mutex;
-  std::condition_variable added;
+// What is captured, and forgotten by `clear`.
+struct Captured {
   std::vector<LogRecord> records;
   std::vector<std::string> sessionIds;
   std::vector<ByteDump> byteDumps;
@@ -21,6 +22,12 @@ struct Store {
   int shutDowns = 0;
   bool shutDownFails = false;
   std::size_t recordsAtShutDown = 0;
+};
+
+struct Store {
+  std::mutex mutex;
+  std::condition_variable added;
+  Captured captured;
   std::function<void(const LogRecord&)> hook;
 };
 
@@ -30,38 +37,30 @@ Store& store() {
   return instance;
 }
 
-void clearStore() {
-  Store& all = store();
-  const std::lock_guard<std::mutex> lock(all.mutex);
-  all.records.clear();
-  all.sessionIds.clear();
-  all.byteDumps.clear();
-  all.hasLogger = false;
-  all.shutDowns = 0;
-  all.shutDownFails = false;
-  all.recordsAtShutDown = 0;
+template <typename Action>
+auto withCaptured(Action action) {
+  const std::lock_guard<std::mutex> lock(store().mutex);
+  return action(store().captured);
 }
 
-void add(LogRecord record) {
-  Store& all = store();
+void add(const LogRecord& record) {
   std::function<void(const LogRecord&)> hook;
-  {
-    const std::lock_guard<std::mutex> lock(all.mutex);
-    all.records.push_back(record);
-    all.hasLogger = true;
-    hook = all.hook;
-    all.added.notify_all();
-  }
+  withCaptured([&](Captured& captured) {
+    captured.records.push_back(record);
+    captured.hasLogger = true;
+    hook = store().hook;
+    store().added.notify_all();
+  });
   if (hook) hook(record);
 }
 
 template <typename Predicate>
 std::vector<LogRecord> select(Predicate predicate) {
-  Store& all = store();
-  const std::lock_guard<std::mutex> lock(all.mutex);
-  std::vector<LogRecord> selected;
-  std::copy_if(all.records.begin(), all.records.end(), std::back_inserter(selected), predicate);
-  return selected;
+  return withCaptured([&](Captured& all) {
+    std::vector<LogRecord> selected;
+    std::copy_if(all.records.begin(), all.records.end(), std::back_inserter(selected), predicate);
+    return selected;
+  });
 }
 
 constexpr auto kError = static_cast<std::uint8_t>(LogLevel::kError);
@@ -85,11 +84,11 @@ LogRecord error(std::uint32_t code, const std::string& text) {
   return {kError, static_cast<std::int32_t>(code), text, true};
 }
 
-LogCapture::LogCapture() { clearStore(); }
+LogCapture::LogCapture() { clear(); }
 
 LogCapture::~LogCapture() {
   setHook(nullptr);
-  clearStore();
+  clear();
 }
 
 std::vector<LogRecord> LogCapture::records() const {
@@ -113,55 +112,42 @@ bool LogCapture::contains(const LogRecord& wanted) const {
 }
 
 bool LogCapture::waitFor(const std::string& text, std::chrono::milliseconds limit) const {
-  Store& all = store();
-  std::unique_lock<std::mutex> lock(all.mutex);
-  return all.added.wait_for(lock, limit, [&] {
-    return std::any_of(all.records.begin(), all.records.end(),
+  std::unique_lock<std::mutex> lock(store().mutex);
+  return store().added.wait_for(lock, limit, [&] {
+    const std::vector<LogRecord>& records = store().captured.records;
+    return std::any_of(records.begin(), records.end(),
                        [&](const LogRecord& record) { return record.text == text; });
   });
 }
 
-void LogCapture::clear() { clearStore(); }
-
+void LogCapture::clear() {
+  withCaptured([](Captured& all) { all = Captured(); });
+}
 std::vector<std::string> LogCapture::sessionIds() const {
-  Store& all = store();
-  const std::lock_guard<std::mutex> lock(all.mutex);
-  return all.sessionIds;
+  return withCaptured([](Captured& all) { return all.sessionIds; });
 }
-
 int LogCapture::shutDowns() const {
-  Store& all = store();
-  const std::lock_guard<std::mutex> lock(all.mutex);
-  return all.shutDowns;
+  return withCaptured([](Captured& all) { return all.shutDowns; });
 }
-
 std::size_t LogCapture::recordsAtShutDown() const {
-  Store& all = store();
-  const std::lock_guard<std::mutex> lock(all.mutex);
-  return all.recordsAtShutDown;
+  return withCaptured([](Captured& all) { return all.recordsAtShutDown; });
 }
-
 void LogCapture::failShutDown() {
-  Store& all = store();
-  const std::lock_guard<std::mutex> lock(all.mutex);
-  all.shutDownFails = true;
+  withCaptured([](Captured& all) { all.shutDownFails = true; });
 }
-
 std::vector<ByteDump> LogCapture::byteDumps() const {
-  Store& all = store();
-  const std::lock_guard<std::mutex> lock(all.mutex);
-  return all.byteDumps;
+  return withCaptured([](Captured& all) { return all.byteDumps; });
 }
-
 void LogCapture::setHook(std::function<void(const LogRecord&)> hook) {
-  Store& all = store();
-  const std::lock_guard<std::mutex> lock(all.mutex);
-  all.hook = std::move(hook);
+  withCaptured([&](Captured&) { store().hook = std::move(hook); });
 }
 
 }  // namespace zelta::test
 
 namespace zelta {
+
+using test::Captured;
+using test::withCaptured;
 
 bool isDropped(LogLevel /*level*/) { return false; }
 
@@ -174,30 +160,26 @@ void writeRecord(std::uint8_t level, std::int32_t code, const std::string& messa
 }
 
 void setSessionLogId(const std::string& id) {
-  test::Store& all = test::store();
-  const std::lock_guard<std::mutex> lock(all.mutex);
-  all.sessionIds.push_back(id);
+  withCaptured([&](Captured& all) { all.sessionIds.push_back(id); });
 }
 
 void shutDownLogging() {
-  test::Store& all = test::store();
-  const std::lock_guard<std::mutex> lock(all.mutex);
-  if (all.shutDownFails) throw std::runtime_error("a thread cannot be joined");
-  all.hasLogger = false;
-  ++all.shutDowns;
-  all.recordsAtShutDown = all.records.size();
+  withCaptured([](Captured& all) {
+    if (all.shutDownFails) throw std::runtime_error("a thread cannot be joined");
+    all.hasLogger = false;
+    ++all.shutDowns;
+    all.recordsAtShutDown = all.records.size();
+  });
 }
 
 bool hasLogger() {
-  test::Store& all = test::store();
-  const std::lock_guard<std::mutex> lock(all.mutex);
-  return all.hasLogger;
+  return withCaptured([](Captured& all) { return all.hasLogger; });
 }
 
 void logByteDump(const std::uint8_t* bytes, std::uint64_t length, std::uint64_t bytesPerLine) {
-  test::Store& all = test::store();
-  const std::lock_guard<std::mutex> lock(all.mutex);
-  all.byteDumps.push_back({{bytes, bytes + length}, bytesPerLine});
+  withCaptured([&](Captured& all) {
+    all.byteDumps.push_back({{bytes, bytes + length}, bytesPerLine});
+  });
 }
 
 }  // namespace zelta

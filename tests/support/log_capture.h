@@ -44,13 +44,13 @@ class LogCapture {
   LogCapture& operator=(const LogCapture&) = delete;
 
   std::vector<LogRecord> records() const;
-  // Those above debug level, which is where timed sections and contended locks report.
+  // Those above debug level, at which timed sections and contended locks report.
   std::vector<LogRecord> recordsAboveDebug() const;
-  // Only those of error level.
+  // Those of error level only.
   std::vector<LogRecord> errors() const;
   std::size_t count(const std::string& text) const;
   bool contains(const LogRecord& record) const;
-  // Waits until a record with the text is there; false when the time ran out.
+  // Waits until a record with the text is there; false if the time ran out.
   bool waitFor(const std::string& text,
                std::chrono::milliseconds limit = std::chrono::seconds(30)) const;
   void clear();
@@ -64,8 +64,8 @@ class LogCapture {
   void failShutDown();
   std::vector<ByteDump> byteDumps() const;
 
-  // Called on the logging thread for every record, after it was stored. What it throws leaves the
-  // logger, as a failing logger's exceptions do. An empty one ends that.
+  // Called on the logging thread for every record, after it was stored. Its exceptions leave the
+  // logger, as a failing logger's do. An empty hook ends that.
   void setHook(std::function<void(const LogRecord&)> hook);
 };
 

@@ -36,13 +36,12 @@ std::string fileContent(const std::filesystem::path& path);
 // Without their line ends. A line that has another end, or none, is a failure of the test.
 std::vector<std::string> fileLines(const std::filesystem::path& path);
 
-// The files of a folder by name, which is by time where they are log files.
+// The files of a folder by name, so log files are in the order of their times.
 std::vector<std::filesystem::path> filesIn(const std::filesystem::path& folder);
 
-// A record line taken apart; a failure of the test where it is not a whole one.
+// A record line taken apart. If it is not a whole one, the test fails.
 LogLine parseLogLine(const std::string& line);
-// The records of a file behind its header, which is a failure of the test where it is missing or
-// comes twice.
+// The records of a file after its header. If the header is missing or comes twice, the test fails.
 std::vector<LogLine> recordsOf(const std::filesystem::path& path);
 // Those of all files of a folder, one file after the other.
 std::vector<LogLine> recordsIn(const std::filesystem::path& folder);

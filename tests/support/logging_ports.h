@@ -16,7 +16,7 @@ inline constexpr char16_t kPolicyDefaults[] =
     u"SOFTWARE\\Policies\\Vornhalt\\Zelta\\zelta_admin_defaults";
 inline constexpr char16_t kFilterMode[] = u"zelta.event_filter_mode";
 
-// In place for its scope, in which it must outlive whatever logs.
+// In the system's place for its scope; must outlive everything that logs.
 class LoggingPorts {
  public:
   LoggingPorts() : before_(platform::ports()) {

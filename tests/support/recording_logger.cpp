@@ -1,6 +1,6 @@
 #include "tests/support/recording_logger.h"
 
-#include <ostream>
+#include <iostream>
 #include <tuple>
 
 namespace zelta::test {
@@ -17,7 +17,7 @@ std::ostream& operator<<(std::ostream& out, const RecordedLine& line) {
 }
 
 std::vector<RecordedLine> RecordingLogger::lines() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   return lines_;
 }
 
@@ -45,10 +45,12 @@ void RecordingLogger::log(const std::string& message, std::int32_t level, std::i
 
 void RecordingLogger::writeLine(const std::string& message, std::uint32_t, std::int32_t level,
                                 std::int32_t resultCode, const std::string&) {
+  const RecordedLine line{level, resultCode, message};
   {
-    MutexLock lock(mutex_);
-    lines_.push_back({level, resultCode, message});
+    const MutexLock lock(mutex_);
+    lines_.push_back(line);
   }
+  if (prints_) std::cerr << line << std::endl;
   written_.notifyAll();
 }
 

@@ -1,6 +1,7 @@
 // A logger that keeps its records. Any thread may log and ask.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -28,8 +29,10 @@ class RecordingLogger final : public logging::LoggerBase {
   std::vector<RecordedLine> lines();
   // Blocks until so many records are there.
   void awaitLines(std::size_t count);
+  // Prints each record to the standard error as well, from now on.
+  void printLines() { prints_ = true; }
 
-  // A recording logger has no children: null.
+  // Null: a recording logger has no children.
   std::unique_ptr<logging::FileLogger> createChildForSession(const std::string&) override;
   std::unique_ptr<logging::FileLogger> createChildForCategory(std::uint32_t) override;
   using LoggerBase::log;
@@ -43,6 +46,7 @@ class RecordingLogger final : public logging::LoggerBase {
   platform::Mutex mutex_;
   platform::ConditionVariable written_;
   std::vector<RecordedLine> lines_ ZELTA_GUARDED_BY(mutex_);
+  std::atomic<bool> prints_{false};
 };
 
 }  // namespace zelta::test

@@ -1,12 +1,16 @@
 #include "tests/support/scarce_memory.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <new>
 
 namespace zelta::test {
 namespace {
 
-// Plain thread-local numbers: allocating must not allocate.
+constexpr int kManyAllocations = 500;  // more than any action makes
+
+// Plain thread-local numbers, since allocating must not allocate.
 enum class Shortage { kNone, kCount, kSize };
 thread_local Shortage shortage = Shortage::kNone;
 thread_local std::size_t limit = 0;  // allocations left, or the size that fails
@@ -53,6 +57,19 @@ ScarceMemory ScarceMemory::ofSize(std::size_t size) {
 ScarceMemory::~ScarceMemory() { shortage = Shortage::kNone; }
 
 bool ScarceMemory::ranOut() const { return failed; }
+
+bool MemorySweep::next() {
+  if (!ranOut_) {
+    EXPECT_GT(allocations_, 0) << "the action allocates nothing: nothing was tried";
+    return false;
+  }
+  if (++allocations_ == kManyAllocations) {
+    ADD_FAILURE() << "never enough memory";
+    return false;
+  }
+  ranOut_ = false;
+  return true;
+}
 
 }  // namespace zelta::test
 

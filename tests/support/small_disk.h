@@ -8,11 +8,11 @@
 namespace zelta::test {
 
 // Runs `action` with the root of an empty file system of that size (bytes, rounded up to pages).
-// It runs on a thread of its own, which alone, with the threads that it starts, sees that file
-// system; it is gone when they are. Needs root; a failure of the test without.
+// The action has a thread of its own. Only this thread and those that it starts see the file
+// system, which is gone when they are. Without root the test fails.
 void onSmallDisk(std::size_t size, const std::function<void(const std::filesystem::path&)>& action);
 
-// Takes all the space that is left on the disk with a file of that name.
+// Fills the disk with a file of that name.
 void fillDisk(const std::filesystem::path& file);
 
 }  // namespace zelta::test

@@ -1,4 +1,4 @@
-// What tests have to know of the system that they run on.
+// What tests have to know about the system that they run on.
 #pragma once
 
 #include <cstdint>
@@ -9,18 +9,16 @@ namespace zelta::test {
 
 #if defined(_WIN32)
 
-// Wine stands for Windows in the tests, and differs from it in places.
+// The tests for Windows run under Wine, which differs from it in places.
 bool underWine();
 
-// A write to a pipe returns when its bytes have been read; otherwise when the pipe has taken them.
+// Whether a write to a pipe returns when the pipe has taken its bytes, not when they were read.
 inline constexpr bool kPipesKeepBytes = false;
-// A read of a pipe returns with the first bytes that are there; otherwise with as many as were
-// asked for.
+// Whether a read of a pipe waits for all bytes asked for, not only for the first that are there.
 inline constexpr bool kReadsWaitForAllBytes = false;
-// A pipe that was disconnected takes a client only once it is being connected again; otherwise at
-// once.
+// Whether a disconnected pipe takes a client at once, not only when it is being connected again.
 inline constexpr bool kPipesListenAfterDisconnect = false;
-// What creating a pipe fails with whose name is in use and has one instance.
+// The error of creating a pipe whose name is in use and has one instance.
 inline constexpr std::uint32_t kPipeNameInUse = platform::error::kPipeBusy;
 
 #else

@@ -1,7 +1,7 @@
 // A thread of the test's own that runs one function, and whether it waits in there.
 //
-// Owned by the test, whose thread alone calls the methods; the destructor joins. Waits that are not
-// fulfilled within a minute give false.
+// Owned by the test; only the test's thread calls the methods. The destructor joins. Waits give
+// false after a minute.
 #pragma once
 
 #include <sys/types.h>
@@ -25,7 +25,7 @@ class WaitingThread {
   WaitingThread& operator=(const WaitingThread&) = delete;
 
   // Returns when the function waits on a condition variable: the kernel says in which call the
-  // thread is blocked. A wait for a mutex does not count. False also where the function returned.
+  // thread is blocked. A wait for a mutex does not count. False also if the function has returned.
   bool waits();
   // Returns when the function has returned.
   bool ends();

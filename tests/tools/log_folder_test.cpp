@@ -10,7 +10,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class LogFolder : public ::testing::Test {
+class LogReaderTest : public ::testing::Test {
  protected:
   void write(const std::string& name, const std::string& text) {
     std::ofstream(folder_.path() / name, std::ios::app | std::ios::binary) << text;
@@ -26,7 +26,7 @@ class LogFolder : public ::testing::Test {
   test::TempFolder folder_;
 };
 
-TEST_F(LogFolder, FilesAreReadInTheOrderOfTheirTimes) {
+TEST_F(LogReaderTest, FromTheOldest_FilesAreReadInTheOrderOfTheirTimes) {
   write(kSecond, "second\n");
   write(kFirst, "first\n");
   write("other.txt", "other\n");
@@ -35,14 +35,14 @@ TEST_F(LogFolder, FilesAreReadInTheOrderOfTheirTimes) {
   EXPECT_EQ(reader.current(), folder_.path() / kSecond);
 }
 
-TEST_F(LogFolder, NewestOnlyStartsWithTheLastFile) {
+TEST_F(LogReaderTest, FromTheNewest_OlderFilesAreLeftOut) {
   write(kFirst, "first\n");
   write(kSecond, "second\n");
   LogReader reader(folder_.path(), false);
   EXPECT_THAT(read(reader), ElementsAre("second"));
 }
 
-TEST_F(LogFolder, ALineWithoutItsEndWaitsForTheRest) {
+TEST_F(LogReaderTest, LineWithoutItsEnd_WaitsForTheRest) {
   write(kFirst, "one\ntw");
   LogReader reader(folder_.path(), false);
   EXPECT_THAT(read(reader), ElementsAre("one"));
@@ -51,7 +51,7 @@ TEST_F(LogFolder, ALineWithoutItsEndWaitsForTheRest) {
   EXPECT_THAT(read(reader), ElementsAre("two", "three"));
 }
 
-TEST_F(LogFolder, RotationIsFollowedThroughSeveralFiles) {
+TEST_F(LogReaderTest, Rotation_IsFollowedThroughSeveralFiles) {
   write(kFirst, "one\n");
   LogReader reader(folder_.path(), false);
   EXPECT_THAT(read(reader), ElementsAre("one"));
@@ -61,7 +61,7 @@ TEST_F(LogFolder, RotationIsFollowedThroughSeveralFiles) {
   EXPECT_THAT(read(reader), ElementsAre("two", "cut", "three", "four"));
 }
 
-TEST_F(LogFolder, AnEmptyFolderGivesNothingUntilAFileComes) {
+TEST_F(LogReaderTest, EmptyFolder_GivesNothingUntilAFileComes) {
   LogReader reader(folder_.path(), false);
   EXPECT_THAT(read(reader), IsEmpty());
   EXPECT_TRUE(reader.current().empty());

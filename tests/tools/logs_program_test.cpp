@@ -52,29 +52,29 @@ class LogsProgram : public ::testing::Test {
   test::TempFolder folder_;
 };
 
-TEST_F(LogsProgram, ShowsTheNewestFilePlainWhenPiped) {
+TEST_F(LogsProgram, Piped_ShowsTheNewestFilePlain) {
   const Outcome outcome = run(dir());
   EXPECT_EQ(outcome.code, 0);
   EXPECT_EQ(outcome.text, std::string(test::kHeader) + "\n" + test::kDebug + "\n");
 }
 
-TEST_F(LogsProgram, AllReadsRotatedFilesInOrder) {
+TEST_F(LogsProgram, All_ReadsRotatedFilesInOrder) {
   EXPECT_EQ(run(dir() + "--all").text, std::string(test::kHeader) + "\n" + test::kInfo + "\n" +
                                            test::kError + "\n" + test::kDebug + "\n");
 }
 
-TEST_F(LogsProgram, FiltersCombine) {
+TEST_F(LogsProgram, SeveralFilters_Combine) {
   const std::string text = run(dir() + "--all --level error --tag GATT --session a1").text;
   EXPECT_THAT(text, HasSubstr(test::kError));
   EXPECT_THAT(text, Not(HasSubstr(test::kInfo)));
   EXPECT_THAT(run(dir() + "--since 2024-03-05T14:08").text, Not(HasSubstr(test::kError)));
 }
 
-TEST_F(LogsProgram, ColourCanBeForced) {
+TEST_F(LogsProgram, ColorAlways_ColoursAPipe) {
   EXPECT_THAT(run(dir() + "--all --color always").text, HasSubstr("\x1b[31m["));
 }
 
-TEST_F(LogsProgram, IsColouredOnATerminalUnlessNoColorIsSet) {
+TEST_F(LogsProgram, OnATerminal_IsColouredUnlessNoColorIsSet) {
   // `script` gives its command a terminal of its own.
   const auto onTerminal = [this](const std::string& variable) {
     return runCommand(variable + " script -qec '" ZELTA_LOGS_PROGRAM " " + dir() +
@@ -84,7 +84,7 @@ TEST_F(LogsProgram, IsColouredOnATerminalUnlessNoColorIsSet) {
   EXPECT_THAT(onTerminal("NO_COLOR=1").text, Not(HasSubstr("\x1b[")));
 }
 
-TEST_F(LogsProgram, BadUseIsRefusedWithCode2) {
+TEST_F(LogsProgram, BadUse_IsRefusedWithCode2) {
   for (const char* option : {"--level loud", "--since yesterday", "--color blue", "--nonsense"}) {
     const Outcome outcome = run(dir() + option);
     EXPECT_EQ(outcome.code, 2) << option;
@@ -92,7 +92,7 @@ TEST_F(LogsProgram, BadUseIsRefusedWithCode2) {
   }
 }
 
-TEST_F(LogsProgram, MissingFolderAndEmptyFolderAreErrors) {
+TEST_F(LogsProgram, MissingOrEmptyFolder_IsAnError) {
   Outcome outcome = run("--dir " + folder_.file("none"));
   EXPECT_EQ(outcome.code, 1);
   EXPECT_THAT(outcome.text, HasSubstr("there is no folder"));
@@ -102,12 +102,12 @@ TEST_F(LogsProgram, MissingFolderAndEmptyFolderAreErrors) {
   EXPECT_THAT(outcome.text, HasSubstr("no log file"));
 }
 
-TEST_F(LogsProgram, HelpAndVersionSucceed) {
+TEST_F(LogsProgram, HelpAndVersion_Succeed) {
   EXPECT_EQ(run("--help").code, 0);
   EXPECT_THAT(run("--version").text, HasSubstr("zelta-logs "));
 }
 
-TEST_F(LogsProgram, FollowsIntoANewFileAndEndsCleanlyOnInterrupt) {
+TEST_F(LogsProgram, Following_GoesOnInANewFileAndEndsCleanlyOnInterrupt) {
   std::array<int, 2> out{};
   ASSERT_EQ(pipe(out.data()), 0);
   const pid_t child = fork();

@@ -1,75 +1,78 @@
 #include "tools/logs/printer.h"
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "tests/tools/log_lines.h"
 
 namespace zelta::logs {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
+using Lines = std::vector<std::string>;
 
-std::vector<std::string> shown(const Filter& filter, const std::vector<std::string>& lines,
-                               bool color = false) {
-  std::vector<std::string> result;
-  Printer printer(filter, color, [&](std::string_view line) { result.emplace_back(line); });
-  for (const auto& line : lines) printer.line(line);
-  return result;
-}
+const Lines kLines = {test::kHeader, test::kInfo, test::kError, test::kDebug};
 
-const std::vector<std::string> kLines = {test::kHeader, test::kInfo, test::kError, test::kDebug};
-
-TEST(Printer, WithoutFilterEverythingIsShownAsItStands) { EXPECT_EQ(shown({}, kLines), kLines); }
-
-TEST(Printer, HeaderOfASecondFileIsNotRepeated) {
-  EXPECT_THAT(shown({}, {test::kHeader, test::kInfo, test::kHeader, test::kDebug}),
-              ElementsAre(test::kHeader, test::kInfo, test::kDebug));
-}
-
-TEST(Printer, LevelShowsItAndTheGraverOnes) {
+struct Case {
+  const char* name;
   Filter filter;
-  filter.level = Level::kError;
-  EXPECT_THAT(shown(filter, kLines), ElementsAre(test::kHeader, test::kError));
+  bool color;
+  Lines given;
+  Lines shown;
+};
+
+class PrinterTest : public testing::TestWithParam<Case> {};
+
+TEST_P(PrinterTest, Shows) {
+  Lines shown;
+  Printer printer(GetParam().filter, GetParam().color,
+                  [&](std::string_view line) { shown.emplace_back(line); });
+  for (const std::string& line : GetParam().given) printer.print(line);
+  EXPECT_EQ(shown, GetParam().shown);
 }
 
-TEST(Printer, TagsAreAlternatives) {
-  Filter filter;
-  filter.tags = {"[TRSM]", "gatt"};
-  EXPECT_THAT(shown(filter, kLines), ElementsAre(test::kHeader, test::kInfo, test::kError));
-}
+const Filter kErrors{Level::kError, {}, "", ""};
 
-TEST(Printer, SessionIsComparedByItsBeginning) {
-  Filter filter;
-  filter.session = "a1b2";
-  EXPECT_THAT(shown(filter, kLines), ElementsAre(test::kHeader, test::kError));
-}
+const Case kCases[] = {
+    {"WithoutAFilter_EverythingAsItStands", {}, false, kLines, kLines},
+    {"HeaderOfASecondFile_Once",
+     {},
+     false,
+     {test::kHeader, test::kInfo, test::kHeader, test::kDebug},
+     {test::kHeader, test::kInfo, test::kDebug}},
+    {"Level_ItAndTheGraverOnes", kErrors, false, kLines, {test::kHeader, test::kError}},
+    {"Tags_AnyOfThem",
+     {Level::kTrace, {"[TRSM]", "gatt"}, "", ""},
+     false,
+     kLines,
+     {test::kHeader, test::kInfo, test::kError}},
+    {"Session_ByItsBeginning",
+     {Level::kTrace, {}, "a1b2", ""},
+     false,
+     kLines,
+     {test::kHeader, test::kError}},
+    {"Since_FromThatTimeOn",
+     {Level::kTrace, {}, "", "2024-03-05T14:07:10"},
+     false,
+     kLines,
+     {test::kHeader, test::kError, test::kDebug}},
+    {"RestOfAMessage_WithItsRecord",
+     kErrors,
+     false,
+     {test::kInfo, "hidden rest", test::kError, "shown rest"},
+     {test::kError, "shown rest"}},
+    {"Colours_ErrorsMarked",
+     {},
+     true,
+     {test::kInfo, test::kError},
+     {test::kInfo, std::string("\x1b[31m") + test::kError + "\x1b[0m"}},
+    {"ControlCharactersOnATerminal_Replaced",
+     {},
+     true,
+     {std::string(test::kInfo) + "\x1b[2J"},
+     {std::string(test::kInfo) + "?[2J"}},
+};
 
-TEST(Printer, SinceIsInclusive) {
-  Filter filter;
-  filter.since = "2024-03-05T14:07:10";
-  EXPECT_THAT(shown(filter, kLines), ElementsAre(test::kHeader, test::kError, test::kDebug));
-}
-
-TEST(Printer, RestOfAMessageGoesWithItsRecord) {
-  Filter filter;
-  filter.level = Level::kError;
-  EXPECT_THAT(shown(filter, {test::kInfo, "hidden rest", test::kError, "shown rest"}),
-              ElementsAre(test::kError, "shown rest"));
-}
-
-TEST(Printer, ColoursMarkErrorsOnly) {
-  const auto lines = shown({}, {test::kInfo, test::kError}, true);
-  EXPECT_EQ(lines[0], test::kInfo);
-  EXPECT_EQ(lines[1], std::string("\x1b[31m") + test::kError + "\x1b[0m");
-}
-
-TEST(Printer, ControlCharactersDoNotReachATerminal) {
-  const auto lines = shown({}, {std::string(test::kInfo) + "\x1b[2J"}, true);
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0], std::string(test::kInfo) + "?[2J");
-}
+INSTANTIATE_TEST_SUITE_P(Tools, PrinterTest, testing::ValuesIn(kCases),
+                         [](const auto& each) { return each.param.name; });
 
 }  // namespace
 }  // namespace zelta::logs

@@ -7,7 +7,7 @@
 namespace zelta::logs {
 namespace {
 
-TEST(Record, LineIsTakenApart) {
+TEST(ParseRecord, RecordLine_IsTakenApart) {
   const auto record = parseRecord(test::kError);
   ASSERT_TRUE(record);
   EXPECT_EQ(record->thread, "123456789");
@@ -17,7 +17,7 @@ TEST(Record, LineIsTakenApart) {
   EXPECT_EQ(record->message, "[GATT]SCARD_ATTR_ATR_STRING: STATUS_NO_MEDIA");
 }
 
-TEST(Record, PaddedFieldsAreTrimmedAndLeadingBlanksOfTheMessageKept) {
+TEST(ParseRecord, PaddedFields_AreTrimmedAndTheMessagesLeadingBlanksKept) {
   const auto record = parseRecord(
       "[7     ] 2024-03-05T14:07:09.042Z 0        my session 1                         0     "
       "<CRITICAL> -500          two blanks in front");
@@ -28,7 +28,7 @@ TEST(Record, PaddedFieldsAreTrimmedAndLeadingBlanksOfTheMessageKept) {
   EXPECT_EQ(record->message, "  two blanks in front");
 }
 
-TEST(Record, EmptyMessageIsARecord) {
+TEST(ParseRecord, EmptyMessage_IsARecord) {
   const auto record = parseRecord(
       "[7     ] 2024-03-05T14:07:09.042Z 0        x                                    0     "
       "<INFO>     0           ");
@@ -36,7 +36,7 @@ TEST(Record, EmptyMessageIsARecord) {
   EXPECT_EQ(record->message, "");
 }
 
-TEST(Record, WhatIsNoRecordGivesNone) {
+TEST(ParseRecord, AnyOtherLine_IsNone) {
   for (const char* line :
        {"", "[", "[1]", test::kHeader, "continued text", "[1     ] yesterday 0 x 0 <INFO> 0 m",
         "[1     ] 2024-03-05T14:07:09.042Z x s 0 <INFO> 0 m",
@@ -48,31 +48,30 @@ TEST(Record, WhatIsNoRecordGivesNone) {
   }
 }
 
-TEST(Record, HeaderIsKnown) {
+TEST(IsHeader, HeaderLine_IsKnown) {
   EXPECT_TRUE(isHeader(test::kHeader));
   EXPECT_FALSE(isHeader(test::kInfo));
   EXPECT_FALSE(isHeader("Thread of mine"));
 }
 
-TEST(Level, NamesInAnyCaseAndNumbersAreKnown) {
+TEST(ParseLevel, NamesInAnyCaseAndNumbers_AreKnown) {
   EXPECT_EQ(parseLevel("error"), Level::kError);
   EXPECT_EQ(parseLevel("CRITICAL"), Level::kCritical);
+  EXPECT_EQ(parseLevel("Trace"), Level::kTrace);
   EXPECT_EQ(parseLevel("3"), Level::kDebug);
-  EXPECT_FALSE(parseLevel("5"));
-  EXPECT_FALSE(parseLevel(""));
-  EXPECT_FALSE(parseLevel("warning"));
+  for (const char* text : {"5", "", "warning", "<ERROR>"}) EXPECT_FALSE(parseLevel(text)) << text;
 }
 
-TEST(Tag, IsFoundWithAndWithoutBracketsInAnyCase) {
+TEST(HasTag, TagWithOrWithoutBracketsInAnyCase_IsFoundBeforeTheText) {
   EXPECT_TRUE(hasTag("[TRSM]text", "[TRSM]"));
   EXPECT_TRUE(hasTag("[TRSM]text", "trsm"));
   EXPECT_TRUE(hasTag("[A][TRSM]text", "TRSM"));
-  EXPECT_FALSE(hasTag("text [TRSM]", "TRSM"));
-  EXPECT_FALSE(hasTag("[TRSM", "TRSM"));
-  EXPECT_FALSE(hasTag("[TRSMX]text", "TRSM"));
+  for (const char* message : {"text [TRSM]", "[TRSM", "[TRSMX]text"}) {
+    EXPECT_FALSE(hasTag(message, "TRSM")) << message;
+  }
 }
 
-TEST(Since, SpansCountBackFromNow) {
+TEST(ParseSince, Spans_CountBackFromNow) {
   constexpr std::int64_t kNow = 1709647629;  // 2024-03-05T14:07:09Z
   EXPECT_EQ(parseSince("9s", kNow), "2024-03-05T14:07:00");
   EXPECT_EQ(parseSince("10m", kNow), "2024-03-05T13:57:09");
@@ -80,13 +79,13 @@ TEST(Since, SpansCountBackFromNow) {
   EXPECT_EQ(parseSince("1d", kNow), "2024-03-04T14:07:09");
 }
 
-TEST(Since, TimesMayBeCutShort) {
+TEST(ParseSince, Times_MayBeCutShort) {
   EXPECT_EQ(parseSince("2024-03-05", 0), "2024-03-05");
   EXPECT_EQ(parseSince("2024-03-05T14:07Z", 0), "2024-03-05T14:07");
   EXPECT_EQ(parseSince("2024-03-05T14:07:09.042Z", 0), "2024-03-05T14:07:09.042");
 }
 
-TEST(Since, AnythingElseIsRefused) {
+TEST(ParseSince, AnythingElse_IsRefused) {
   for (const char* text : {"", "m", "-5m", "yesterday", "2024", "2024-03-05 14:07", "5w"}) {
     EXPECT_FALSE(parseSince(text, 0)) << text;
   }

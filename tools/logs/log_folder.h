@@ -21,11 +21,11 @@ class LogReader {
   // Starts with the folder's oldest file, or with its newest.
   LogReader(std::filesystem::path folder, bool fromOldest);
 
-  // Hands over every whole line that has come since, of this file and of newer ones. A last line
-  // without its end waits for the rest of it while its file is the newest.
+  // Hands over every new whole line of this file and of newer ones. A last line without its end
+  // waits for the rest of it as long as its file is the newest.
   void readNew(const Line& line);
 
-  // The file that is being read; empty where there is none yet.
+  // The file that is being read; empty if there is none yet.
   const std::filesystem::path& current() const { return current_; }
 
  private:
@@ -47,7 +47,7 @@ class FolderWatch {
   FolderWatch(const FolderWatch&) = delete;
   FolderWatch& operator=(const FolderWatch&) = delete;
 
-  // False when SIGINT or SIGTERM came (blocked by the constructor), or the folder is gone.
+  // False if SIGINT or SIGTERM came (which the constructor blocks), or the folder is gone.
   bool wait();
 
  private:

@@ -76,17 +76,17 @@ int show(const Options& options) {
     std::fputc('\n', stdout);
   });
   LogReader reader(options.folder, options.all || !options.filter.since.empty());
-  const auto print = [&printer](std::string_view line) { printer.line(line); };
+  const auto print = [&printer](std::string_view line) { printer.print(line); };
   if (!options.follow) {
     reader.readNew(print);
     if (!reader.current().empty()) return EXIT_SUCCESS;
     std::cerr << "zelta-logs: no log file in " << options.folder << "\n";
     return EXIT_FAILURE;
   }
-  FolderWatch watch(options.folder);  // before the first reading, so that nothing is missed
+  FolderWatch watch(options.folder);  // before the first read, so that nothing is missed
   do {
     reader.readNew(print);
-    if (std::fflush(stdout) != 0) return EXIT_FAILURE;  // whoever read this is gone
+    if (std::fflush(stdout) != 0) return EXIT_FAILURE;  // nobody reads this any more
   } while (watch.wait());
   return EXIT_SUCCESS;
 }

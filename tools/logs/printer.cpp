@@ -25,7 +25,7 @@ const char* colorOf(Level level) {
 constexpr char kHeaderColor[] = "\x1b[1m";
 constexpr char kPlain[] = "\x1b[0m";
 
-// Control characters of a message (an agent's text may be in it) must not reach a terminal.
+// Control characters of a message, which may hold an agent's text, must not reach a terminal.
 std::string harmless(std::string_view text) {
   std::string result(text);
   std::replace_if(
@@ -48,22 +48,22 @@ bool matches(const Filter& filter, const Record& record) {
 Printer::Printer(Filter filter, bool color, Output output)
     : filter_(std::move(filter)), color_(color), output_(std::move(output)) {}
 
-void Printer::line(std::string_view text) {
+void Printer::print(std::string_view line) {
   const char* color = "";
-  if (const auto record = parseRecord(text)) {
+  if (const auto record = parseRecord(line)) {
     lastShown_ = matches(filter_, *record);
     color = colorOf(record->level);
-  } else if (isHeader(text)) {
+  } else if (isHeader(line)) {
     lastShown_ = !std::exchange(headerShown_, true);
     color = kHeaderColor;
   }
   if (!lastShown_) return;
   if (!color_) {
-    output_(text);
+    output_(line);
   } else if (*color == '\0') {
-    output_(harmless(text));
+    output_(harmless(line));
   } else {
-    output_(color + harmless(text) + kPlain);
+    output_(color + harmless(line) + kPlain);
   }
 }
 

@@ -26,9 +26,9 @@ class Printer {
 
   Printer(Filter filter, bool color, Output output);
 
-  // One line, without its end. The header is shown once; a line that is not a record goes with the
-  // record before it.
-  void line(std::string_view text);
+  // Takes one line, without its end. The header is shown once. A line that is no record belongs to
+  // the record before it.
+  void print(std::string_view line);
 
  private:
   Filter filter_;

@@ -10,8 +10,6 @@ namespace zelta::logs {
 
 namespace {
 
-constexpr std::array<std::string_view, 5> kLevelNames = {"CRITICAL", "ERROR", "INFO", "DEBUG",
-                                                         "TRACE"};
 constexpr std::size_t kTimeLength = 24;
 
 char upper(char c) { return static_cast<char>(std::toupper(static_cast<unsigned char>(c))); }
@@ -29,7 +27,7 @@ std::string_view trimRight(std::string_view text) {
   return text;
 }
 
-// Takes the next word and the blanks behind it off the text.
+// Takes the next word and the blanks after it off the text.
 std::string_view takeWord(std::string_view& text) {
   const std::size_t end = std::min(text.find(' '), text.size());
   const std::string_view word = text.substr(0, end);
@@ -96,8 +94,8 @@ std::optional<Record> parseRecord(std::string_view line) {
   if (record.time.size() != kTimeLength || !looksLikeTime(record.time)) return std::nullopt;
   if (!isNumber(takeWord(rest))) return std::nullopt;  // elapsed
 
-  // The session id is the agent's text and may hold blanks: what counts is the level's tag, with
-  // the category in front of it.
+  // The session id is the agent's text and may hold blanks, so it ends before the category, the
+  // last word before the level's tag.
   const std::size_t open = rest.find('<');
   const std::size_t close = rest.find("> ", open == rest.npos ? 0 : open);
   if (open == rest.npos || close == rest.npos || close < open) return std::nullopt;
@@ -119,9 +117,11 @@ std::optional<Record> parseRecord(std::string_view line) {
 }
 
 std::optional<Level> parseLevel(std::string_view text) {
-  for (std::size_t i = 0; i < kLevelNames.size(); ++i) {
+  for (std::size_t i = 0; i < logging::kLevelTags.size(); ++i) {
+    const std::string_view tag = logging::kLevelTags[i];
     const char digit = static_cast<char>('0' + i);
-    if (equalIgnoringCase(text, kLevelNames[i]) || text == std::string_view(&digit, 1)) {
+    if (equalIgnoringCase(text, tag.substr(1, tag.size() - 2)) ||
+        text == std::string_view(&digit, 1)) {
       return static_cast<Level>(i);
     }
   }

@@ -6,9 +6,11 @@
 #include <string>
 #include <string_view>
 
+#include "logging/level.h"
+
 namespace zelta::logs {
 
-enum class Level { kCritical = 0, kError = 1, kInfo = 2, kDebug = 3, kTrace = 4 };
+using logging::Level;
 
 // Views into the line that was parsed.
 struct Record {
@@ -27,7 +29,7 @@ bool isHeader(std::string_view line);
 // "error" or "ERROR" or "1"; none for anything else.
 std::optional<Level> parseLevel(std::string_view text);
 
-// Whether the message has the bracketed tag, "[TRSM]" or "TRSM", in front or behind other tags.
+// Whether the message begins with the bracketed tag, "[TRSM]" or "TRSM", alone or among others.
 // Case is ignored.
 bool hasTag(std::string_view message, std::string_view tag);
 

@@ -12,7 +12,7 @@ bool SimulatedClock::waitUntil(platform::ConditionVariable& condition, MutexLock
   // The waiter's mutex is let go of while the list is changed: `set` takes it under its own.
   lock.unlock();
   {
-    MutexLock own(mutex_);
+    const MutexLock own(mutex_);
     waiters_.push_back(&waiter);
     ++begun_;
   }
@@ -21,7 +21,7 @@ bool SimulatedClock::waitUntil(platform::ConditionVariable& condition, MutexLock
   condition.wait(lock, [&] { return predicate() || now() >= deadline; });
   lock.unlock();
   {
-    MutexLock own(mutex_);
+    const MutexLock own(mutex_);
     waiters_.erase(std::find(waiters_.begin(), waiters_.end(), &waiter));
   }
   changed_.notifyAll();
@@ -30,11 +30,11 @@ bool SimulatedClock::waitUntil(platform::ConditionVariable& condition, MutexLock
 }
 
 void SimulatedClock::set(std::int64_t time) {
-  MutexLock own(mutex_);
+  const MutexLock own(mutex_);
   now_ = time;
   for (Waiter* waiter : waiters_) {
-    // Whoever has looked at the time before is now waiting for the signal.
-    { MutexLock lock(*waiter->mutex); }
+    // A waiter that looked at the time before is now waiting for the signal.
+    { const MutexLock lock(*waiter->mutex); }
     waiter->condition->notifyAll();
   }
 }
@@ -51,13 +51,8 @@ void SimulatedClock::awaitDeadline(std::int64_t deadline) {
   });
 }
 
-void SimulatedClock::awaitNoWaits() {
-  MutexLock own(mutex_);
-  changed_.wait(own, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return waiters_.empty(); });
-}
-
 std::size_t SimulatedClock::waits() {
-  MutexLock own(mutex_);
+  const MutexLock own(mutex_);
   return begun_;
 }
 

@@ -27,14 +27,12 @@ class SimulatedClock final : public platform::WallClock {
                  std::int64_t deadline,
                  const std::function<bool()>& predicate) override ZELTA_NO_THREAD_SAFETY_ANALYSIS;
 
-  // Moves the clock, backwards too, and wakes whoever waits for that time.
+  // Moves the clock, backwards too, and wakes those who wait for that time.
   void set(std::int64_t time);
   void advance(std::int64_t milliseconds);
 
   // Blocks until a wait with this deadline is under way.
   void awaitDeadline(std::int64_t deadline);
-  // Blocks until no wait with a deadline is under way.
-  void awaitNoWaits();
   // Waits with a deadline that have begun.
   std::size_t waits();
 
@@ -46,7 +44,6 @@ class SimulatedClock final : public platform::WallClock {
   };
 
   std::atomic<std::int64_t> now_;
-  // Taken before the mutexes of the waiters.
   platform::Mutex mutex_;
   platform::ConditionVariable changed_;
   std::vector<Waiter*> waiters_ ZELTA_GUARDED_BY(mutex_);
