@@ -20,7 +20,7 @@ struct Command {
 struct Outcome {
   enum class Result {
     kAnswered,  // `data` is not empty
-    kNoAnswer,    // none in, pulled meanwhile, or mute
+    kNoAnswer,  // none in, pulled meanwhile, or mute
     kLate,      // not done in time
   };
 

@@ -1,150 +1,204 @@
-// pcscd's calls on an open channel.
-#include <gmock/gmock.h>
-
+// The functions that pcscd calls, on the real driver.
 #include <array>
-#include <atomic>
-#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <future>
+#include <memory>
+#include <sstream>
+#include <thread>
 
-#include "contract/attributes.h"
 #include "contract/bytes.h"
-#include "contract/reader_states.h"
 #include "tests/pcsc/handler_fixture.h"
 
 namespace zelta::test {
 namespace {
 
 using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
 using Clock = std::chrono::steady_clock;
-using HandlerCallsTest = HandlerFixture;
+using IfdHandlerTest = HandlerFixture;
 
-TEST_F(HandlerCallsTest, MissingPointersAreRefused) {
-  openWithCard();
-  std::array<UCHAR, 64> bytes{};
-  DWORD length = bytes.size();
-  EXPECT_EQ(handler_->power(kLun, IFD_POWER_UP, nullptr, &length), IFD_COMMUNICATION_ERROR);
-  EXPECT_EQ(handler_->power(kLun, IFD_POWER_UP, bytes.data(), nullptr), IFD_COMMUNICATION_ERROR);
-  EXPECT_EQ(handler_->getCapabilities(kLun, TAG_IFD_ATR, nullptr, bytes.data()),
-            IFD_COMMUNICATION_ERROR);
-  EXPECT_EQ(handler_->getCapabilities(kLun, TAG_IFD_ATR, &length, nullptr),
-            IFD_COMMUNICATION_ERROR);
-  EXPECT_EQ(handler_->setCapabilities(kLun, SCARD_ATTR_DEVICE_IN_USE, 1, nullptr),
-            IFD_COMMUNICATION_ERROR);
-  EXPECT_EQ(handler_->transmit(kLun, {1, 16}, bytes.data(), 4, bytes.data(), nullptr, nullptr),
-            IFD_COMMUNICATION_ERROR);
-  EXPECT_EQ(handler_->transmit(kLun, {1, 16}, nullptr, 4, bytes.data(), &length, nullptr),
-            IFD_COMMUNICATION_ERROR);
-  EXPECT_EQ(length, 0u);
-  length = bytes.size();
-  EXPECT_EQ(handler_->transmit(kLun, {1, 16}, bytes.data(), 4, nullptr, &length, nullptr),
-            IFD_COMMUNICATION_ERROR);
-  EXPECT_EQ(handler_->control(kLun, 0, nullptr, 0, bytes.data(), 8, nullptr),
-            IFD_COMMUNICATION_ERROR);
-  EXPECT_EQ(handler_->control(kLun, 0, nullptr, 0, nullptr, 8, &length), IFD_COMMUNICATION_ERROR);
-  EXPECT_EQ(handler_->control(kLun, 0, nullptr, 8, bytes.data(), 8, &length),
-            IFD_COMMUNICATION_ERROR);
+struct ClosePipe {
+  void operator()(FILE* pipe) const { pclose(pipe); }
+};
+
+TEST_F(IfdHandlerTest, Exports_AreTheHandlersFunctionsAndNothingElse) {
+  const std::unique_ptr<FILE, ClosePipe> listing(
+      popen("nm -D --defined-only --format=posix " ZELTA_HANDLER, "r"));
+  ASSERT_NE(listing, nullptr);
+  std::vector<std::string> names;
+  std::array<char, 256> line{};
+  while (fgets(line.data(), line.size(), listing.get()) != nullptr) {
+    std::istringstream(line.data()) >> names.emplace_back();
+  }
+  EXPECT_THAT(names, testing::UnorderedElementsAre(
+                         "IFDHCreateChannelByName", "IFDHCreateChannel", "IFDHCloseChannel",
+                         "IFDHGetCapabilities", "IFDHSetCapabilities", "IFDHSetProtocolParameters",
+                         "IFDHPowerICC", "IFDHTransmitToICC", "IFDHControl", "IFDHICCPresence"));
+}
+
+TEST_F(IfdHandlerTest, ChannelWithoutAnAgent_OpensByNameOrNumberAndShowsNoCard) {
+  const std::function<RESPONSECODE()> ways[] = {
+      [this] { return open(); }, [this] { return handler_->create(kLun, 0); },
+      [this] {
+        const ScopedVariable inItsOwnFolder("ZELTA_MODULE", "");
+        return open();
+      }};
+  for (const auto& way : ways) {
+    ASSERT_EQ(way(), IFD_SUCCESS);
+    EXPECT_EQ(handler_->presence(kLun), IFD_ICC_NOT_PRESENT);
+    EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
+    EXPECT_EQ(handler_->presence(kLun), IFD_NO_SUCH_DEVICE);
+  }
+}
+
+TEST_F(IfdHandlerTest, ModuleThatCannotBeLoaded_IsACommunicationErrorOnStandardError) {
+  for (const char* module : {"/nowhere/module.so", ZELTA_HANDLER}) {  // not there; no driver
+    const ScopedVariable wrong("ZELTA_MODULE", module);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(open(), IFD_COMMUNICATION_ERROR);
+    EXPECT_THAT(
+        testing::internal::GetCapturedStderr(),
+        testing::AllOf(StartsWith("zelta: reader dev0 cannot be had: "), HasSubstr(module)));
+  }
+}
+
+TEST_F(IfdHandlerTest, NamesAndNumbersOfNoReader_AreRefused) {
+  EXPECT_EQ(handler_->createByName(kLun, nullptr), IFD_COMMUNICATION_ERROR);
+  EXPECT_EQ(handler_->create(kLun, 1), IFD_NO_SUCH_DEVICE);
+  EXPECT_EQ(handler_->create(kLun, ~DWORD{0}), IFD_NO_SUCH_DEVICE);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(open("zelta:one"), IFD_NO_SUCH_DEVICE);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "zelta: DEVICENAME 'zelta:one' has no reader index after its colon\n");
+  EXPECT_EQ(handler_->close(kLun), IFD_NO_SUCH_DEVICE);
+}
+
+TEST_F(IfdHandlerTest, NumberThatIsNotOpen_IsRefusedByEveryFunction) {
+  ASSERT_EQ(open(), IFD_SUCCESS);
+  std::array<UCHAR, 8> bytes{};
+  for (const DWORD lun : {DWORD{1}, kOtherLun, ~DWORD{0}}) {
+    DWORD length = bytes.size();
+    EXPECT_EQ(handler_->close(lun), IFD_NO_SUCH_DEVICE);
+    EXPECT_EQ(handler_->presence(lun), IFD_NO_SUCH_DEVICE);
+    EXPECT_EQ(handler_->power(lun, IFD_POWER_UP, bytes.data(), &length), IFD_NO_SUCH_DEVICE);
+    EXPECT_EQ(handler_->setProtocol(lun, SCARD_PROTOCOL_T1, 0, 0, 0, 0), IFD_NO_SUCH_DEVICE);
+    EXPECT_EQ(handler_->getCapabilities(lun, TAG_IFD_ATR, &length, bytes.data()),
+              IFD_NO_SUCH_DEVICE);
+    EXPECT_EQ(handler_->setCapabilities(lun, SCARD_ATTR_DEVICE_IN_USE, 0, nullptr),
+              IFD_NO_SUCH_DEVICE);
+    EXPECT_EQ(handler_->control(lun, CM_IOCTL_GET_FEATURE_REQUEST, nullptr, 0, bytes.data(),
+                                bytes.size(), &length),
+              IFD_NO_SUCH_DEVICE);
+    length = bytes.size();
+    EXPECT_EQ(handler_->transmit(lun, {1, 16}, bytes.data(), 4, bytes.data(), &length, nullptr),
+              IFD_NO_SUCH_DEVICE);
+    EXPECT_EQ(length, 0u);
+  }
+  const auto poll =
+      handler_->function<HandlerLibrary::PollFunction>(kLun, TAG_IFD_POLLING_THREAD_WITH_TIMEOUT);
+  EXPECT_EQ(poll(kOtherLun, kLong), IFD_SUCCESS);  // at once, and never anything else
   EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
 }
 
-TEST_F(HandlerCallsTest, CardIsPoweredSpokenToAndRemoved) {
+TEST_F(IfdHandlerTest, MissingPointers_AreRefused) {
+  ASSERT_EQ(open(), IFD_SUCCESS);
+  std::array<UCHAR, 64> bytes{};
+  PUCHAR const some = bytes.data();
+  DWORD length = bytes.size();
+  const RESPONSECODE codes[] = {
+      handler_->power(kLun, IFD_POWER_UP, nullptr, &length),
+      handler_->power(kLun, IFD_POWER_UP, some, nullptr),
+      handler_->getCapabilities(kLun, TAG_IFD_ATR, nullptr, some),
+      handler_->getCapabilities(kLun, TAG_IFD_ATR, &length, nullptr),
+      handler_->setCapabilities(kLun, SCARD_ATTR_DEVICE_IN_USE, 1, nullptr),
+      handler_->transmit(kLun, {1, 16}, some, 4, some, nullptr, nullptr),
+      handler_->transmit(kLun, {1, 16}, nullptr, 4, some, &length, nullptr),
+      handler_->transmit(kLun, {1, 16}, some, 4, nullptr, &length, nullptr),
+      handler_->control(kLun, 0, nullptr, 0, some, 8, nullptr),
+      handler_->control(kLun, 0, nullptr, 0, nullptr, 8, &length),
+      handler_->control(kLun, 0, nullptr, 8, some, 8, &length)};
+  EXPECT_THAT(codes, testing::Each(IFD_COMMUNICATION_ERROR));
+  EXPECT_EQ(length, 0u);
+  EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
+}
+
+TEST_F(IfdHandlerTest, Card_IsPoweredSpokenToAndRemoved) {
   openWithCard();
-  Bytes atr;
-  EXPECT_EQ(power(IFD_POWER_UP, &atr), IFD_SUCCESS);
-  EXPECT_EQ(atr, CardAgent::usualAtr());
-  Bytes answer;
+  Bytes bytes;
+  EXPECT_EQ(transmit({0, 1, 2, 3}, &bytes), IFD_SUCCESS);  // before any power-up
+  EXPECT_THAT(bytes, ElementsAre(0, 1, 2, 3, 0x90, 0x00));
+  EXPECT_EQ(power(IFD_POWER_UP, &bytes), IFD_SUCCESS);
+  EXPECT_EQ(bytes, CardAgent::usualAtr());
   for (const DWORD protocol : {SCARD_PROTOCOL_T0, SCARD_PROTOCOL_T1}) {
     const DWORD number = protocol == SCARD_PROTOCOL_T0 ? 0 : 1;
     EXPECT_EQ(handler_->setProtocol(kLun, protocol, 0, 0, 0, 0), IFD_SUCCESS);
-    EXPECT_EQ(transmit({0, 1, 2, 3}, &answer, number), IFD_SUCCESS);
-    EXPECT_THAT(answer, ElementsAre(0, 1, 2, 3, 0x90, 0x00));
+    EXPECT_EQ(transmit({0, 1, 2, 3}, &bytes, number), IFD_SUCCESS);
+    EXPECT_THAT(bytes, ElementsAre(0, 1, 2, 3, 0x90, 0x00));
     EXPECT_EQ(received_.Protocol, number);
     EXPECT_EQ(received_.Length, sizeof(SCARD_IO_HEADER));
   }
-  EXPECT_EQ(power(IFD_RESET, &atr), IFD_SUCCESS);
-  EXPECT_EQ(power(IFD_POWER_DOWN, &atr), IFD_SUCCESS);
-  EXPECT_TRUE(atr.empty());
+  EXPECT_EQ(power(IFD_RESET, &bytes), IFD_SUCCESS);
+  EXPECT_EQ(power(IFD_POWER_DOWN, &bytes), IFD_SUCCESS);
+  EXPECT_TRUE(bytes.empty());
   agent_.remove();
   waitForPresence(IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(transmit({0, 1, 2, 3}, &answer), IFD_ICC_NOT_PRESENT);
-  EXPECT_TRUE(answer.empty());
-  EXPECT_EQ(power(IFD_POWER_UP, &atr), IFD_ICC_NOT_PRESENT);
-  EXPECT_TRUE(atr.empty());
+  EXPECT_EQ(transmit({0, 1, 2, 3}, &bytes), IFD_ICC_NOT_PRESENT);
+  EXPECT_TRUE(bytes.empty());
+  EXPECT_EQ(power(IFD_POWER_UP, &bytes), IFD_ICC_NOT_PRESENT);
+  EXPECT_TRUE(bytes.empty());
   EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
 }
 
-TEST_F(HandlerCallsTest, CommandBeforeAnyPowerUpIsAnswered) {
+TEST_F(IfdHandlerTest, BuffersThatAreTooSmall_AreTold) {
   openWithCard();
-  Bytes answer;
-  EXPECT_EQ(transmit({0, 1, 2, 3}, &answer), IFD_SUCCESS);
-  EXPECT_EQ(answer.size(), 6u);
-  EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
-}
-
-TEST_F(HandlerCallsTest, ProtocolThatTheCardDoesNotOfferIsRefusedAndTheOtherWorks) {
-  ASSERT_EQ(open(), IFD_SUCCESS);
-  agent_.setCardIn({0x3B, 0x80, 0x01, 0x81});  // T=1 alone
-  ASSERT_TRUE(agent_.connect());
-  waitForPresence(IFD_SUCCESS);
-  Bytes bytes;
-  ASSERT_EQ(power(IFD_POWER_UP, &bytes), IFD_SUCCESS);
-  EXPECT_EQ(handler_->setProtocol(kLun, SCARD_PROTOCOL_T0, 0, 0, 0, 0), IFD_PROTOCOL_NOT_SUPPORTED);
-  EXPECT_EQ(transmit({0, 1, 2, 3}, &bytes), IFD_SUCCESS);
-  EXPECT_EQ(handler_->setProtocol(kLun, SCARD_PROTOCOL_T1, 0, 0, 0, 0), IFD_SUCCESS);
-  EXPECT_EQ(transmit({0, 1, 2, 3}, &bytes), IFD_SUCCESS);
-  EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
-}
-
-TEST_F(HandlerCallsTest, BuffersThatAreTooSmallAreTold) {
-  openWithCard();
-  Bytes bytes(4);
-  DWORD length = bytes.size();
+  std::array<UCHAR, 16> bytes{};
+  UCHAR command[] = {0, 1, 2, 3};
+  DWORD length = 4;
   EXPECT_EQ(handler_->power(kLun, IFD_POWER_UP, bytes.data(), &length),
             IFD_ERROR_INSUFFICIENT_BUFFER);
   EXPECT_EQ(length, 0u);
-  EXPECT_EQ(attribute(SCARD_ATTR_VENDOR_NAME, &bytes, 7), IFD_ERROR_INSUFFICIENT_BUFFER);
-  EXPECT_EQ(attribute(SCARD_ATTR_VENDOR_NAME, &bytes, 8), IFD_SUCCESS);
-  EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "Vornhalt");
-  EXPECT_EQ(attribute(SCARD_ATTR_MAX_IFSD, &bytes, 3), IFD_ERROR_INSUFFICIENT_BUFFER);
-  EXPECT_EQ(attribute(SCARD_ATTR_MAX_IFSD, &bytes, 4), IFD_SUCCESS);
-  EXPECT_THAT(bytes, ElementsAre(254, 0, 0, 0));
-  EXPECT_EQ(attribute(TAG_IFD_SLOTS_NUMBER, &bytes, 0), IFD_ERROR_INSUFFICIENT_BUFFER);
-  EXPECT_EQ(attribute(TAG_IFD_POLLING_THREAD_WITH_TIMEOUT, &bytes, 7),
-            IFD_ERROR_INSUFFICIENT_BUFFER);
-  std::array<UCHAR, 5> answer{};
-  UCHAR command[] = {0, 1, 2, 3};
-  length = answer.size();
-  EXPECT_EQ(handler_->transmit(kLun, {1, 16}, command, 4, answer.data(), &length, nullptr),
+  length = 5;
+  EXPECT_EQ(handler_->transmit(kLun, {1, 16}, command, 4, bytes.data(), &length, nullptr),
             IFD_ERROR_INSUFFICIENT_BUFFER);
   EXPECT_EQ(length, 0u);
   EXPECT_EQ(
-      handler_->control(kLun, CM_IOCTL_GET_FEATURE_REQUEST, nullptr, 0, answer.data(), 5, &length),
+      handler_->control(kLun, CM_IOCTL_GET_FEATURE_REQUEST, nullptr, 0, bytes.data(), 5, &length),
       IFD_ERROR_INSUFFICIENT_BUFFER);
-  EXPECT_EQ(length, 0u);
   EXPECT_EQ(handler_->control(kLun, CM_IOCTL_GET_FEATURE_REQUEST, nullptr, 0, nullptr, 0, &length),
             IFD_ERROR_INSUFFICIENT_BUFFER);
+  EXPECT_EQ(length, 0u);
+  const std::pair<DWORD, DWORD> sizes[] = {{SCARD_ATTR_VENDOR_NAME, 8},
+                                           {SCARD_ATTR_MAX_IFSD, 4},
+                                           {TAG_IFD_SLOTS_NUMBER, 1},
+                                           {TAG_IFD_POLLING_THREAD_WITH_TIMEOUT, 8}};
+  for (const auto& [tag, size] : sizes) {
+    length = size - 1;
+    EXPECT_EQ(handler_->getCapabilities(kLun, tag, &length, bytes.data()),
+              IFD_ERROR_INSUFFICIENT_BUFFER);
+    length = size;
+    EXPECT_EQ(handler_->getCapabilities(kLun, tag, &length, bytes.data()), IFD_SUCCESS);
+    EXPECT_EQ(length, size);
+  }
   EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
 }
 
-TEST_F(HandlerCallsTest, CommandsThatAreTooLongAreRefused) {
+TEST_F(IfdHandlerTest, CommandsAndValuesThatAreTooLong_AreRefused) {
   openWithCard();
-  Bytes answer;
-  EXPECT_EQ(transmit(Bytes(MAX_BUFFER_SIZE_EXTENDED + 1), &answer), IFD_ERROR_INSUFFICIENT_BUFFER);
-  EXPECT_EQ(transmit(Bytes(MAX_BUFFER_SIZE_EXTENDED - 2), &answer), IFD_SUCCESS);
-  EXPECT_EQ(answer.size(), static_cast<std::size_t>(MAX_BUFFER_SIZE_EXTENDED));
-  EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
-}
-
-TEST_F(HandlerCallsTest, AttributesCanBeSetWhereTheDriverTakesThem) {
-  ASSERT_EQ(open(), IFD_SUCCESS);
+  Bytes bytes;
+  EXPECT_EQ(transmit(Bytes(MAX_BUFFER_SIZE_EXTENDED + 1), &bytes), IFD_ERROR_INSUFFICIENT_BUFFER);
+  EXPECT_EQ(transmit(Bytes(MAX_BUFFER_SIZE_EXTENDED - 2), &bytes), IFD_SUCCESS);
+  EXPECT_EQ(bytes.size(), static_cast<std::size_t>(MAX_BUFFER_SIZE_EXTENDED));
   UCHAR value[] = {1, 0, 0, 0};
-  EXPECT_EQ(handler_->setCapabilities(kLun, SCARD_ATTR_DEVICE_IN_USE, 4, value), IFD_SUCCESS);
-  EXPECT_EQ(handler_->setCapabilities(kLun, SCARD_ATTR_VENDOR_NAME, 4, value), IFD_ERROR_TAG);
   EXPECT_EQ(handler_->setCapabilities(kLun, SCARD_ATTR_DEVICE_IN_USE, ~DWORD{0}, value),
             IFD_ERROR_SET_FAILURE);
+  EXPECT_EQ(handler_->setCapabilities(kLun, SCARD_ATTR_DEVICE_IN_USE, 4, value), IFD_SUCCESS);
+  EXPECT_EQ(handler_->setCapabilities(kLun, SCARD_ATTR_VENDOR_NAME, 4, value), IFD_ERROR_TAG);
   EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
 }
 
-TEST_F(HandlerCallsTest, StopFunctionEndsThePollThatIsYetToCome) {
+TEST_F(IfdHandlerTest, StopFunction_EndsThePollThatIsYetToCome) {
   ASSERT_EQ(open(), IFD_SUCCESS);
   const auto poll =
       handler_->function<HandlerLibrary::PollFunction>(kLun, TAG_IFD_POLLING_THREAD_WITH_TIMEOUT);
@@ -157,7 +211,7 @@ TEST_F(HandlerCallsTest, StopFunctionEndsThePollThatIsYetToCome) {
   EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
 }
 
-TEST_F(HandlerCallsTest, ClosesDuringACommandOnceTheAgentHasAnswered) {
+TEST_F(IfdHandlerTest, CloseDuringACommand_SucceedsAndEndsIt) {
   openWithCard();
   std::promise<void> running;
   std::promise<void> goOn;
@@ -178,30 +232,37 @@ TEST_F(HandlerCallsTest, ClosesDuringACommandOnceTheAgentHasAnswered) {
   agent_.die();
 }
 
-TEST_F(HandlerCallsTest, CallsFromManyThreadsAtOnce) {
-  openWithCard();
-  std::atomic<int> failures{0};
-  std::vector<std::future<void>> callers;
-  for (int i = 0; i < 4; ++i) {
-    callers.push_back(std::async(std::launch::async, [this, &failures] {
-      Bytes bytes(MAX_BUFFER_SIZE);
-      UCHAR value[] = {1, 0, 0, 0};
-      for (int round = 0; round < 50; ++round) {
-        DWORD length = bytes.size();
-        if (handler_->presence(kLun) != IFD_SUCCESS) ++failures;
-        if (handler_->setCapabilities(kLun, SCARD_ATTR_DEVICE_IN_USE, 4, value) != IFD_SUCCESS) {
-          ++failures;
-        }
-        if (handler_->getCapabilities(kLun, SCARD_ATTR_MAX_IFSD, &length, bytes.data()) !=
-            IFD_SUCCESS) {
-          ++failures;
-        }
-      }
-    }));
+TEST_F(IfdHandlerTest, OpeningClosingAndUnloadingOverAndOver_IsSwift) {
+  const auto begun = Clock::now();
+  for (int i = 0; i < 20; ++i) {
+    ASSERT_EQ(open(), IFD_SUCCESS);
+    ASSERT_EQ(handler_->close(kLun), IFD_SUCCESS);
+    handler_.reset();
+    handler_.emplace();
   }
-  for (auto& caller : callers) caller.get();
-  EXPECT_EQ(failures, 0);
-  EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
+  EXPECT_LT(Clock::now() - begun, std::chrono::seconds(15));
+}
+
+// pcscd, ended by a signal, exits with all its threads where they are.
+TEST(IfdHandlerProcessTest, ExitWithAChannelOpenAndThreadsInside_IsClean) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  EXPECT_EXIT(
+      {
+        HandlerWorld world;
+        HandlerLibrary handler;
+        char name[] = "zelta:0";
+        CardAgent agent;
+        agent.setCardIn();
+        if (handler.createByName(0, name) != IFD_SUCCESS || !agent.connect()) std::_Exit(2);
+        const auto poll =
+            handler.function<HandlerLibrary::PollFunction>(0, TAG_IFD_POLLING_THREAD_WITH_TIMEOUT);
+        poll(0, 30000);
+        std::thread([&] { poll(0, 30000); }).detach();
+        const bool in = handler.presence(0) == IFD_SUCCESS;
+        world.removeFolder();
+        std::exit(in ? 0 : 3);
+      },
+      testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -43,7 +43,8 @@ TEST_F(Slot, answerOfACardThatWasSwappedIsNone) {
   const CardId first = slot_.card();
   EXPECT_EQ(slot_.remove(), "");
   EXPECT_EQ(slot_.insert(), "");
-  EXPECT_EQ(slot_.perform(commandOf(Command::Kind::kAtr), first).result, Outcome::Result::kNoAnswer);
+  EXPECT_EQ(slot_.perform(commandOf(Command::Kind::kAtr), first).result,
+            Outcome::Result::kNoAnswer);
   EXPECT_EQ(slot_.status().atr, Bytes());
 }
 
