@@ -44,12 +44,12 @@ class CallbackGate {
 
  private:
   bool admit() ZELTA_EXCLUDES(mutex_) {
-    platform::MutexLock lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     if (open_) ++inside_;
     return open_;
   }
   void release() ZELTA_EXCLUDES(mutex_) {
-    platform::MutexLock lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     if (--inside_ == 0 && !open_) empty_.notifyAll();
   }
 

@@ -1,4 +1,4 @@
-// Where the host reports what a driver does against the framework's rules: a request completed
+// Reports what a driver does against the framework's rules: a request completed
 // twice, an operation that this host does not have. Shared by every framework object, so that one
 // which the driver keeps for too long can still report.
 #pragma once

@@ -52,22 +52,22 @@ class FileHandle final : public File {
                    std::size_t outputCapacity, std::chrono::milliseconds limit) override {
     const BlockingControl control(*engine_, file_, {code, whole(input), outputCapacity}, limit);
     IoResult result;
-    result.information = control.end().information;
+    result.information = control.completion().information;
     result.status = withoutMemoryErrors([&] {
       result.output.assign(control.output().data, control.output().data + control.output().size);
-      return control.end().status;
+      return control.completion().status;
     });
     return result;
   }
 
-  IoEnd controlInParts(std::uint32_t code, const InputParts& input, const OutputParts& output,
-                       std::chrono::milliseconds limit) override {
+  IoStatus controlInParts(std::uint32_t code, const InputParts& input, const OutputParts& output,
+                          std::chrono::milliseconds limit) override {
     if (output.body.size > SIZE_MAX - output.header.size) return {kOutOfMemory, 0};
     const std::size_t capacity = output.header.size + output.body.size;
     const BlockingControl control(*engine_, file_, {code, input, capacity}, limit);
     const std::size_t inBody = copyFront(control.output(), output.header);
     copyFront({control.output().data + inBody, control.output().size - inBody}, output.body);
-    return control.end();
+    return control.completion();
   }
 
   std::shared_ptr<IoOperation> submit(std::uint32_t code, const std::vector<std::uint8_t>& input,
@@ -108,7 +108,7 @@ class ModuleHost final : public DriverHost {
   void takeDown() noexcept ZELTA_EXCLUDES(mutex_);
   void stopIo() noexcept ZELTA_EXCLUDES(mutex_);
   void powerDown() noexcept;
-  // Throws HostError where the driver's callback failed.
+  // Throws HostError if the driver's callback failed.
   void check(HRESULT result, const char* callback);
   void note(HRESULT result, const char* callback) const noexcept;
 
@@ -179,7 +179,7 @@ void ModuleHost::powerUp() {
 
 void ModuleHost::startIo() {
   auto engine = std::make_shared<IoEngine>(errors_, device_->defaultQueue());
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   engine_ = std::move(engine);
   openDevice_ = device_;
 }
@@ -187,7 +187,7 @@ void ModuleHost::startIo() {
 void ModuleHost::stopIo() noexcept {
   ComPtr<WdfDevice> device;
   {
-    MutexLock lock(mutex_);
+    const MutexLock lock(mutex_);
     stopped_ = std::move(engine_);
     device = std::move(openDevice_);
   }
@@ -226,7 +226,7 @@ void ModuleHost::takeDown() noexcept {
 }
 
 std::shared_ptr<File> ModuleHost::open(const std::wstring& name) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   if (!openDevice_) return nullptr;
   ComPtr<WdfFile> file = openDevice_->openFile(name);
   if (!file) return nullptr;
@@ -239,7 +239,7 @@ std::shared_ptr<File> ModuleHost::open(const std::wstring& name) {
 }
 
 std::vector<std::wstring> ModuleHost::interfaces() const {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   return openDevice_ ? openDevice_->interfaces() : std::vector<std::wstring>();
 }
 

@@ -9,7 +9,7 @@
 //
 // Ownership: a `DriverHost` owns the loaded module, the device and every request that waits in the
 // driver. It has no threads: an I/O control is dispatched on its caller's, and callbacks overlap
-// where callers do. Files and operations are handles of the caller's, independent of the host's
+// if callers do. Files and operations are handles of the caller's, independent of the host's
 // life: used after `tearDown` they fail with `kDeviceGone`.
 // Threads: every method may be called from any thread, except that `bringUp`, `tearDown`, `unload`
 // and the destructor are the owner's and do not overlap. Nothing else need be stopped before
@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "contract/status.h"
 #include "framework/com.h"
 
 namespace zelta::host {
@@ -36,8 +37,9 @@ class HostError : public std::runtime_error {
 };
 
 // Statuses of the host's own.
-inline constexpr framework::HRESULT kTimedOut = framework::hresult(0x800705B4);    // 1460
-inline constexpr framework::HRESULT kDeviceGone = framework::hresult(0x8007048F);  // 1167
+inline constexpr framework::HRESULT kTimedOut = hresultFromError(1460);  // ERROR_TIMEOUT
+inline constexpr framework::HRESULT kDeviceGone =
+    hresultFromError(1167);  // ERROR_DEVICE_NOT_CONNECTED
 
 // Bytes of the caller's, which must stay for as long as a call lasts.
 struct ConstBytes {
@@ -49,8 +51,8 @@ struct MutableBytes {
   std::size_t size = 0;  // bytes
 };
 
-// An I/O control's buffers in two parts each, one after the other: a header, and what follows it
-// where it is.
+// An I/O control's buffers in two parts each: a header, and the body that follows it, which need
+// not be copied together.
 struct InputParts {
   ConstBytes header;
   ConstBytes body;
@@ -61,7 +63,7 @@ struct OutputParts {
 };
 
 // What a request was completed with.
-struct IoEnd {
+struct IoStatus {
   framework::HRESULT status = 0;
   // The byte count; may exceed the output's capacity.
   std::size_t information = 0;
@@ -105,19 +107,19 @@ class File {
   // Waits for the result; cancels a request that the driver keeps when the time runs out, and gives
   // `kTimedOut` (what the driver still completes is thrown away). The time counts from the moment
   // that the driver's dispatch callback has returned: what that takes is bounded by the driver
-  // alone. A request that cannot be begun ends with `kDeviceGone`, with 0x8007000E where there is
-  // no memory, or with 0x80070001 where the driver has no queue for I/O controls.
+  // alone. A request that cannot be begun ends with `kDeviceGone`, with E_OUTOFMEMORY if there is
+  // no memory, or with ERROR_INVALID_FUNCTION (1) if the driver has no queue for I/O controls.
   virtual IoResult control(std::uint32_t code, const std::vector<std::uint8_t>& input,
                            std::size_t outputCapacity, std::chrono::milliseconds limit) = 0;
   // The same between buffers of the caller's. The valid output, no more than there is room, is
   // written to the two parts of `output`; the rest of them stays as it is. All memory that is
   // needed is had before the driver is called.
-  virtual IoEnd controlInParts(std::uint32_t code, const InputParts& input,
-                               const OutputParts& output, std::chrono::milliseconds limit) = 0;
+  virtual IoStatus controlInParts(std::uint32_t code, const InputParts& input,
+                                  const OutputParts& output, std::chrono::milliseconds limit) = 0;
   // Dispatches the request on this thread and returns when the driver's dispatch callback has: the
   // request is completed by then, or waits in the driver. Never null; the input is copied;
   // `completion` may be empty. A request that cannot be begun is completed as above. Throws
-  // std::bad_alloc where there is no memory for the operation itself: nothing is begun then and
+  // std::bad_alloc if there is no memory for the operation itself: nothing is begun then and
   // nothing will be completed.
   virtual std::shared_ptr<IoOperation> submit(std::uint32_t code,
                                               const std::vector<std::uint8_t>& input,
@@ -140,7 +142,7 @@ class DriverHost {
   // Tears down and unloads. A module that answers that it may not be unloaded stays loaded.
   virtual ~DriverHost() = default;
 
-  // Class factory to working power state. What was begun is taken back where a step fails. May
+  // Class factory to working power state. What was begun is taken back if a step fails. May
   // follow a `tearDown`: the driver object is made afresh. Harmless when already up.
   virtual void bringUp() = 0;
   // Stops taking requests and cancels, has the driver leave its working state, which ends what the
@@ -153,7 +155,7 @@ class DriverHost {
   // without asking, while the device is up. True when it is unloaded already.
   virtual bool unload() = 0;
 
-  // `name` is an interface's reference string, "dev0". Null where the driver published none such
+  // `name` is an interface's reference string, "dev0". Null if the driver published none such
   // or is not up.
   virtual std::shared_ptr<File> open(const std::wstring& name) = 0;
   // The reference strings that can be opened now, in the order in which they were published.

@@ -29,7 +29,7 @@ class DriverModule {
 
   bool loaded() const { return module_ != nullptr; }
   const std::string& path() const { return path_; }
-  // False where the module answers that it may not be unloaded, or the system does not do it.
+  // False if the module answers that it may not be unloaded, or the system does not do it.
   bool unload() noexcept;
 
  private:

@@ -1,19 +1,22 @@
 // The statuses that the host's framework objects answer with.
 #pragma once
 
+#include "contract/status.h"
 #include "framework/com.h"
+#include "platform/process/error.h"
 
 namespace zelta::host {
 
-inline constexpr framework::HRESULT kNotImplemented = framework::hresult(0x80004001);
-inline constexpr framework::HRESULT kOutOfMemory = framework::hresult(0x8007000E);
-inline constexpr framework::HRESULT kInvalidArgument = framework::hresult(0x80070057);
-// The rest are made of system error numbers: 1, 50, 122, 183, 1168, 1223.
-inline constexpr framework::HRESULT kInvalidFunction = framework::hresult(0x80070001);
-inline constexpr framework::HRESULT kNotSupported = framework::hresult(0x80070032);
-inline constexpr framework::HRESULT kInsufficientBuffer = framework::hresult(0x8007007A);
-inline constexpr framework::HRESULT kAlreadyExists = framework::hresult(0x800700B7);
-inline constexpr framework::HRESULT kNotFound = framework::hresult(0x80070490);
-inline constexpr framework::HRESULT kCancelled = framework::hresult(0x800704C7);
+using status::kCancelled;
+using status::kInvalidArgument;
+using status::kOutOfMemory;
+
+inline constexpr framework::HRESULT kNotImplemented = framework::hresult(0x80004001);  // E_NOTIMPL
+inline constexpr framework::HRESULT kInvalidFunction =
+    hresultFromError(1);  // ERROR_INVALID_FUNCTION
+inline constexpr framework::HRESULT kInsufficientBuffer =
+    hresultFromError(platform::error::kInsufficientBuffer);
+inline constexpr framework::HRESULT kAlreadyExists = hresultFromError(183);  // ERROR_ALREADY_EXISTS
+inline constexpr framework::HRESULT kNotFound = hresultFromError(platform::error::kNotFound);
 
 }  // namespace zelta::host

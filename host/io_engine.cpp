@@ -69,14 +69,14 @@ void IoEngine::abandon() noexcept {
 }
 
 void IoEngine::keep(WdfRequest& request) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   request.AddRef();
   request.nextKept_ = kept_;
   kept_ = &request;
 }
 
 ComPtr<WdfRequest> IoEngine::release(WdfRequest& request) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   for (WdfRequest** each = &kept_; *each != nullptr; each = &(*each)->nextKept_) {
     if (*each != &request) continue;
     *each = request.nextKept_;
@@ -86,7 +86,7 @@ ComPtr<WdfRequest> IoEngine::release(WdfRequest& request) {
 }
 
 ComPtr<WdfRequest> IoEngine::findKept(const Operation* operation) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   WdfRequest* found = kept_;
   while (found != nullptr && operation != nullptr && found->operation() != operation) {
     found = found->nextKept_;
@@ -97,18 +97,18 @@ ComPtr<WdfRequest> IoEngine::findKept(const Operation* operation) {
 BlockingControl::BlockingControl(IoEngine& engine, const ComPtr<WdfFile>& file,
                                  const IoControl& control, std::chrono::milliseconds limit)
     : inside_(engine.gate_) {
-  end_.status = kDeviceGone;
+  completion_.status = kDeviceGone;
   if (!inside_) return;
   request_ = engine.make(file, control, nullptr);
   if (!request_) {
-    end_.status = kOutOfMemory;
+    completion_.status = kOutOfMemory;
     return;
   }
   if (!engine.dispatch(*request_.get()) && !awaitCompletion(engine, limit)) {
-    end_.status = kTimedOut;
+    completion_.status = kTimedOut;
     return;
   }
-  end_ = {request_->status(), request_->information()};
+  completion_ = {request_->status(), request_->information()};
   output_ = request_->output();
 }
 

@@ -16,7 +16,7 @@ namespace zelta::host {
 
 class IoEngine : public std::enable_shared_from_this<IoEngine> {
  public:
-  // `queue` may be null: every request is then refused with 0x80070001.
+  // `queue` may be null: every request is then refused with ERROR_INVALID_FUNCTION (1).
   IoEngine(SharedDriverErrors errors, framework::ComPtr<WdfQueue> queue);
 
   // Always gives an operation; one that could not be begun is completed already.
@@ -44,14 +44,14 @@ class IoEngine : public std::enable_shared_from_this<IoEngine> {
  private:
   friend class BlockingControl;
 
-  // Null where its buffers cannot be had.
+  // Null if its buffers cannot be had.
   framework::ComPtr<WdfRequest> make(const framework::ComPtr<WdfFile>& file,
                                      const IoControl& control,
                                      std::shared_ptr<Operation> operation) noexcept;
-  // Returns when the driver's callback has. False where the driver keeps the request, and the
+  // Returns when the driver's callback has. False if the driver keeps the request, and the
   // engine with it.
   bool dispatch(WdfRequest& request);
-  // The kept request of that operation, or any; null where there is none.
+  // The kept request of that operation, or any; null if there is none.
   framework::ComPtr<WdfRequest> findKept(const Operation* operation) ZELTA_EXCLUDES(mutex_);
 
   const SharedDriverErrors errors_;
@@ -67,17 +67,17 @@ class IoEngine : public std::enable_shared_from_this<IoEngine> {
 // wants of the result: for a scope, on one thread. The result is valid as long.
 class BlockingControl {
  public:
-  // Cancels where the time runs out before the driver has completed the request.
+  // Cancels if the time runs out before the driver has completed the request.
   BlockingControl(IoEngine& engine, const framework::ComPtr<WdfFile>& file,
                   const IoControl& control, std::chrono::milliseconds limit);
   BlockingControl(const BlockingControl&) = delete;
   BlockingControl& operator=(const BlockingControl&) = delete;
 
-  const IoEnd& end() const { return end_; }
+  const IoStatus& completion() const { return completion_; }
   ConstBytes output() const { return output_; }
 
  private:
-  // False where the time ran out. The thread is outside the driver from here on.
+  // False if the time ran out. The thread is outside the driver from here on.
   bool awaitCompletion(IoEngine& engine, std::chrono::milliseconds limit);
 
   CallbackGate::Pass inside_;
@@ -85,7 +85,7 @@ class BlockingControl {
   // The reference goes before the thread is outside: it may be the last, and run the driver's
   // cleanup.
   framework::ComPtr<WdfRequest> request_;
-  IoEnd end_;
+  IoStatus completion_;
   ConstBytes output_;
 };
 

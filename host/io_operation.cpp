@@ -20,7 +20,7 @@ bool Operation::wait(std::chrono::milliseconds limit) {
 }
 
 bool Operation::completed() const {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   return completed_;
 }
 
@@ -37,7 +37,7 @@ void Operation::finish(framework::HRESULT status, std::size_t information,
   });
   if (completion_) completion_(result_);
   completion_ = nullptr;
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   completed_ = true;
   changed_.notifyAll();
 }

@@ -41,7 +41,7 @@ HRESULT WdfDevice::CreateIoQueue(framework::IUnknown* callback, BOOL defaultQueu
   }
   return withoutMemoryErrors([&] {
     ComPtr<WdfQueue> made = makeObject<WdfQueue>(sharedErrors(), this, callback);
-    MutexLock lock(mutex_);
+    const MutexLock lock(mutex_);
     if (queue_) return kAlreadyExists;
     queue_ = made;
     *queue = made.detach();
@@ -63,7 +63,7 @@ HRESULT WdfDevice::CreateDeviceInterface(const GUID* interfaceClass,
   if (interfaceClass == nullptr) return framework::kPointer;
   return withoutMemoryErrors([&] {
     const std::wstring name = referenceString == nullptr ? L"" : referenceString;
-    MutexLock lock(mutex_);
+    const MutexLock lock(mutex_);
     if (findInterface(*interfaceClass, name) != nullptr) return kAlreadyExists;
     interfaces_.push_back({*interfaceClass, name, true});
     return framework::kOk;
@@ -75,7 +75,7 @@ HRESULT WdfDevice::AssignDeviceInterfaceState(const GUID* interfaceClass,
   if (interfaceClass == nullptr) return framework::kPointer;
   return withoutMemoryErrors([&] {
     const std::wstring name = referenceString == nullptr ? L"" : referenceString;
-    MutexLock lock(mutex_);
+    const MutexLock lock(mutex_);
     PublishedInterface* published = findInterface(*interfaceClass, name);
     if (published == nullptr) return kNotFound;
     published->enabled = enable != 0;
@@ -84,13 +84,13 @@ HRESULT WdfDevice::AssignDeviceInterfaceState(const GUID* interfaceClass,
 }
 
 ComPtr<WdfQueue> WdfDevice::defaultQueue() const {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   return queue_;
 }
 
 std::vector<std::wstring> WdfDevice::interfaces() const {
   std::vector<std::wstring> names;
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   for (const PublishedInterface& published : interfaces_) {
     if (published.enabled) names.push_back(published.name);
   }
@@ -98,7 +98,7 @@ std::vector<std::wstring> WdfDevice::interfaces() const {
 }
 
 ComPtr<WdfFile> WdfDevice::openFile(const std::wstring& name) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   const bool published = std::any_of(
       interfaces_.begin(), interfaces_.end(),
       [&](const PublishedInterface& entry) { return entry.enabled && entry.name == name; });
@@ -110,7 +110,7 @@ ComPtr<WdfFile> WdfDevice::openFile(const std::wstring& name) {
 
 void WdfDevice::closeFile(const WdfFile& file) {
   ComPtr<WdfFile> closed;  // released without the lock held
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto entry = std::find_if(files_.begin(), files_.end(),
                                   [&](const ComPtr<WdfFile>& open) { return open.get() == &file; });
   if (entry == files_.end()) return;
@@ -122,7 +122,7 @@ void WdfDevice::disposeChildren() {
   ComPtr<WdfQueue> queue;
   std::vector<ComPtr<WdfFile>> files;
   {
-    MutexLock lock(mutex_);
+    const MutexLock lock(mutex_);
     interfaces_.clear();
     queue = std::move(queue_);
     files.swap(files_);

@@ -57,10 +57,10 @@ class WdfDevice final : public WdfObject<WdfDevice, framework::IWDFDevice> {
                                                            framework::BOOL powerManaged,
                                                            framework::BOOL allowZeroLength,
                                                            framework::IWDFIoQueue** queue) override;
-  // 0x800700B7 where the device has published the same interface before.
+  // ERROR_ALREADY_EXISTS (183) if the device has published the same interface before.
   framework::HRESULT ZELTA_STDMETHODCALLTYPE CreateDeviceInterface(
       const framework::GUID* interfaceClass, const wchar_t* referenceString) override;
-  // 0x80070490 where there is no such interface.
+  // ERROR_NOT_FOUND (1168) if there is no such interface.
   framework::HRESULT ZELTA_STDMETHODCALLTYPE
   AssignDeviceInterfaceState(const framework::GUID* interfaceClass, const wchar_t* referenceString,
                              framework::BOOL enable) override;
@@ -90,13 +90,13 @@ class WdfDevice final : public WdfObject<WdfDevice, framework::IWDFDevice> {
                 framework::IWDFIoRequest** request) override;
   framework::HRESULT ZELTA_STDMETHODCALLTYPE CreateSymbolicLink(const wchar_t* link) override;
 
-  // For the host. The driver's callbacks, each null where its object does not have it.
+  // For the host. The driver's callbacks, each null if its object does not have it.
   framework::IPnpCallback* pnp() const { return pnp_.get(); }
   framework::IPnpCallbackHardware* hardware() const { return hardware_.get(); }
   framework::ComPtr<WdfQueue> defaultQueue() const ZELTA_EXCLUDES(mutex_);
   // The reference strings of the enabled interfaces, in the order of their creation.
   std::vector<std::wstring> interfaces() const ZELTA_EXCLUDES(mutex_);
-  // A file of an enabled interface; null where there is none of that reference string.
+  // A file of an enabled interface; null if there is none of that reference string.
   framework::ComPtr<WdfFile> openFile(const std::wstring& name) ZELTA_EXCLUDES(mutex_);
   // The device lets go of the file.
   void closeFile(const WdfFile& file) ZELTA_EXCLUDES(mutex_);

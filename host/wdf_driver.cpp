@@ -17,7 +17,7 @@ HRESULT WdfDriver::CreateDevice(framework::IWDFDeviceInitialize* init,
     return errors().notImplemented("IWDFDriver::CreateDevice with a locking constraint");
   }
   return withoutMemoryErrors([&] {
-    MutexLock lock(mutex_);
+    const MutexLock lock(mutex_);
     if (device_) return kAlreadyExists;
     device_ = makeObject<WdfDevice>(sharedErrors(), this, callback);
     *device = ComPtr<WdfDevice>(device_).detach();
@@ -26,14 +26,14 @@ HRESULT WdfDriver::CreateDevice(framework::IWDFDeviceInitialize* init,
 }
 
 ComPtr<WdfDevice> WdfDriver::device() const {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   return device_;
 }
 
 void WdfDriver::disposeChildren() {
   ComPtr<WdfDevice> device;
   {
-    MutexLock lock(mutex_);
+    const MutexLock lock(mutex_);
     device = std::move(device_);
   }
   if (!device) return;

@@ -14,7 +14,7 @@ class WdfDriver final : public WdfObject<WdfDriver, framework::IWDFDriver> {
 
   // `init` is the initialiser that the host gave to OnDeviceAdd. The callback object is referenced
   // until the device goes. Only devices without a locking constraint are implemented, and one
-  // device at a time: 0x800700B7 for a second.
+  // device at a time: ERROR_ALREADY_EXISTS (183) for a second.
   framework::HRESULT ZELTA_STDMETHODCALLTYPE CreateDevice(framework::IWDFDeviceInitialize* init,
                                                           framework::IUnknown* callback,
                                                           framework::IWDFDevice** device) override;

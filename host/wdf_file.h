@@ -14,8 +14,9 @@ class WdfFile final : public WdfObject<WdfFile, framework::IWDFFile> {
   // `name` is the file's name with its leading backslash.
   WdfFile(SharedDriverErrors errors, WdfDevice* device, std::wstring name);
 
-  // `lengthInCharacters` counts the terminator: the buffer's on entry, the name's on return. Where
-  // the buffer is absent or too small nothing is copied and the call fails with 0x8007007A.
+  // `lengthInCharacters` counts the terminator: the buffer's on entry, the name's on return. If
+  // the buffer is absent or too small nothing is copied and the call fails with
+  // ERROR_INSUFFICIENT_BUFFER (122).
   framework::HRESULT ZELTA_STDMETHODCALLTYPE
   RetrieveFileName(wchar_t* name, framework::DWORD* lengthInCharacters) override;
   // Null once the device is gone.

@@ -2,7 +2,7 @@
 //
 // It is a part of its request: a reference on it is one on the request, and its bytes are in the
 // request's storage. The storage is not initialised; `initialised_` says how much of it is, from
-// its beginning on, and nothing behind that leaves it: whoever is shown more is shown zero bytes.
+// its beginning on. Nothing beyond that is ever shown: a reader of more gets zero bytes.
 // A shorter buffer than the driver's fixed-size reads is backed by zero bytes up to the next
 // multiple of 16, as the operating system's buffers are; they do not count in the size.
 // Threads: as a request's buffer, one at a time.
@@ -20,13 +20,13 @@ class WdfMemory final : public WdfObject<WdfMemory, framework::IWDFMemory> {
   // `errors` and the request outlive this and are not referenced.
   WdfMemory(const DriverErrors& errors, framework::IUnknown& request);
 
-  // The storage that `size` bytes take. Throws std::length_error where no number can say it.
+  // The storage that `size` bytes take. Throws std::length_error if no number can say it.
   static std::size_t storageFor(std::size_t size);
   // Before the first use: `storageFor(size)` bytes, owned by the request.
   void setStorage(std::uint8_t* storage, std::size_t size);
   // Writes both, one after the other, which must fit.
   void fill(ConstBytes first, ConstBytes second);
-  // The first `count` bytes, or all where there are fewer.
+  // The first `count` bytes, or all if there are fewer.
   ConstBytes front(std::size_t count);
   std::size_t size() const { return size_; }
 
@@ -35,7 +35,7 @@ class WdfMemory final : public WdfObject<WdfMemory, framework::IWDFMemory> {
 
   framework::HRESULT ZELTA_STDMETHODCALLTYPE CopyFromMemory(framework::IWDFMemory* source,
                                                             void* sourceOffset) override;
-  // Each copies all or, where the range is not inside the memory, nothing.
+  // Each copies all or, if the range is not inside the memory, nothing.
   framework::HRESULT ZELTA_STDMETHODCALLTYPE CopyToBuffer(framework::ULONG_PTR sourceOffset,
                                                           void* target,
                                                           framework::SIZE_T size) override;

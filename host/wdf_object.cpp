@@ -6,7 +6,7 @@ using framework::HRESULT;
 using platform::MutexLock;
 
 HRESULT ObjectContext::assign(framework::IObjectCleanup* cleanup, void* context) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   if (assigned_ || cleaned_) return kAlreadyExists;
   assigned_ = true;
   context_ = context;
@@ -17,7 +17,7 @@ HRESULT ObjectContext::assign(framework::IObjectCleanup* cleanup, void* context)
 HRESULT ObjectContext::retrieve(void** context) const {
   if (context == nullptr) return framework::kPointer;
   *context = nullptr;
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   if (!assigned_) return kNotFound;
   *context = context_;
   return framework::kOk;
@@ -26,7 +26,7 @@ HRESULT ObjectContext::retrieve(void** context) const {
 void ObjectContext::cleanUp(framework::IWDFObject* object) {
   framework::ComPtr<framework::IObjectCleanup> cleanup;
   {
-    MutexLock lock(mutex_);
+    const MutexLock lock(mutex_);
     if (cleaned_) return;
     cleaned_ = true;
     cleanup = std::move(cleanup_);

@@ -139,12 +139,12 @@ class ParentLink {
 
   // A new reference, or null.
   framework::ComPtr<Parent> get() const ZELTA_EXCLUDES(mutex_) {
-    platform::MutexLock lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     return framework::ComPtr<Parent>(parent_);
   }
   // Called by the parent, while it lives.
   void cut() ZELTA_EXCLUDES(mutex_) {
-    platform::MutexLock lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     parent_ = nullptr;
   }
 

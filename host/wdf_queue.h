@@ -32,7 +32,7 @@ class WdfQueue final : public WdfObject<WdfQueue, framework::IWDFIoQueue> {
   void ZELTA_STDMETHODCALLTYPE Purge(framework::IUnknown* callback) override;
   void ZELTA_STDMETHODCALLTYPE PurgeSynchronously() override;
 
-  // For the host. The callback for I/O controls, or null where the driver's object has none.
+  // For the host. The callback for I/O controls, or null if the driver's object has none.
   framework::IQueueCallbackDeviceIoControl* deviceIoControl() const {
     return deviceIoControl_.get();
   }

@@ -57,14 +57,14 @@ void WdfRequest::CompleteWithInformation(HRESULT status, SIZE_T information) {
 }
 
 void WdfRequest::SetInformation(framework::ULONG_PTR information) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   information_ = information;
 }
 
 void WdfRequest::Complete(HRESULT status) {
   std::size_t information = 0;
   {
-    MutexLock lock(mutex_);
+    const MutexLock lock(mutex_);
     information = information_;
   }
   CompleteWithInformation(status, information);
@@ -78,7 +78,7 @@ bool WdfRequest::finish(HRESULT status, std::size_t information, bool withOutput
   ComPtr<WdfRequest> kept;
   ComPtr<framework::IRequestCallbackCancel> callback;
   {
-    MutexLock lock(mutex_);
+    const MutexLock lock(mutex_);
     if (completed_) return false;
     completed_ = true;
     status_ = status;
@@ -105,17 +105,17 @@ bool WdfRequest::await(std::chrono::milliseconds limit) {
 }
 
 HRESULT WdfRequest::status() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   return status_;
 }
 
 std::size_t WdfRequest::information() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   return information_;
 }
 
 ConstBytes WdfRequest::output() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   return output_.front(valid_);
 }
 
@@ -151,7 +151,7 @@ void WdfRequest::MarkCancelable(framework::IRequestCallbackCancel* callback) {
 }
 
 WdfRequest::Marking WdfRequest::mark(framework::IRequestCallbackCancel* callback) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   if (callback == nullptr || completed_ || cancelCallback_ || handedToCallback_) {
     return Marking::kAgainstTheRules;
   }
@@ -165,7 +165,7 @@ WdfRequest::Marking WdfRequest::mark(framework::IRequestCallbackCancel* callback
 
 HRESULT WdfRequest::UnmarkCancelable() {
   ComPtr<framework::IRequestCallbackCancel> callback;
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   if (handedToCallback_) return kCancelled;
   if (!cancelCallback_) return kNotFound;
   callback = std::move(cancelCallback_);
@@ -175,7 +175,7 @@ HRESULT WdfRequest::UnmarkCancelable() {
 void WdfRequest::cancel() {
   ComPtr<framework::IRequestCallbackCancel> callback;
   {
-    MutexLock lock(mutex_);
+    const MutexLock lock(mutex_);
     if (completed_ || cancelled_) return;
     cancelled_ = true;
     if (!cancelCallback_) return;

@@ -8,7 +8,7 @@
 // not initialised (see wdf_memory.h). Nothing is allocated after the request was made.
 // Cancellation: a cancelled request is handed to the callback that it is or becomes marked with,
 // exactly once, on the cancelling or the marking thread, with no lock of the host's held.
-// Threads: any. Locks: the request's mutex is taken before the engine's.
+// Threads: any.
 #pragma once
 
 #include <chrono>
@@ -32,8 +32,8 @@ struct IoControl {
 
 class WdfRequest final : public WdfObject<WdfRequest, framework::IWDFIoRequest> {
  public:
-  // Throws std::bad_alloc or std::length_error where the buffers cannot be had.
-  // `operation` hears of the completion; null where a thread waits for the request itself.
+  // Throws std::bad_alloc or std::length_error if the buffers cannot be had.
+  // `operation` hears of the completion; null if a thread waits for the request itself.
   // `engine` lasts as long as the request is not completed.
   WdfRequest(SharedDriverErrors errors, IoEngine& engine, framework::ComPtr<WdfQueue> queue,
              framework::ComPtr<WdfFile> file, const IoControl& control,
@@ -57,9 +57,10 @@ class WdfRequest final : public WdfObject<WdfRequest, framework::IWDFIoRequest> 
   void ZELTA_STDMETHODCALLTYPE GetFileObject(framework::IWDFFile** file) override;
   void ZELTA_STDMETHODCALLTYPE GetIoQueue(framework::IWDFIoQueue** queue) override;
 
-  // Calls the callback before it returns where the request is cancelled already.
+  // Calls the callback before it returns if the request is cancelled already.
   void ZELTA_STDMETHODCALLTYPE MarkCancelable(framework::IRequestCallbackCancel* callback) override;
-  // 0x800704C7 once the request was handed to its callback; 0x80070490 where it is not marked.
+  // ERROR_CANCELLED (1223) once the request was handed to its callback; ERROR_NOT_FOUND (1168)
+  // if it is not marked.
   framework::HRESULT ZELTA_STDMETHODCALLTYPE UnmarkCancelable() override;
 
   void ZELTA_STDMETHODCALLTYPE SetCompletionCallback(framework::IUnknown* callback,
@@ -85,7 +86,7 @@ class WdfRequest final : public WdfObject<WdfRequest, framework::IWDFIoRequest> 
 
   // For the host. Hands the request to the queue's callback and waits for its return.
   void dispatch();
-  // After `dispatch`: has the engine keep the request until it is completed. False where it is.
+  // After `dispatch`: has the engine keep the request until it is completed. False if it is.
   bool keepUntilCompleted() ZELTA_EXCLUDES(mutex_);
   // Waits for the completion; false when the time ran out.
   bool await(std::chrono::milliseconds limit) ZELTA_EXCLUDES(mutex_);
@@ -107,7 +108,7 @@ class WdfRequest final : public WdfObject<WdfRequest, framework::IWDFIoRequest> 
 
   void disposeChildren();
   Marking mark(framework::IRequestCallbackCancel* callback) ZELTA_EXCLUDES(mutex_);
-  // False where the request was completed before.
+  // False if the request was completed before.
   bool finish(framework::HRESULT status, std::size_t information, bool withOutput)
       ZELTA_EXCLUDES(mutex_);
 

@@ -6,7 +6,7 @@ namespace zelta::pcsc {
 
 using platform::MutexLock;
 
-void CardPresence::changed() {
+void CardPresence::notifyChange() {
   ++changes_;
   condition_.notifyAll();
 }
@@ -20,7 +20,7 @@ void CardPresence::renewCard() {
 void CardPresence::latchRemoval() {
   removal_ = Removal::kUntold;
   hiddenSince_ = Clock::now();
-  changed();
+  notifyChange();
 }
 
 // --- The driver's side ---
@@ -38,7 +38,7 @@ bool CardPresence::cardEntered() {
   // A call that found no card is about to say so.
   if (removal_ == Removal::kNone && uses_ != 0) removal_ = Removal::kSettling;
   renewCard();
-  changed();
+  notifyChange();
   return true;
 }
 
@@ -64,7 +64,7 @@ CardNumber CardPresence::reportCard() {
   return number_;
 }
 
-void CardPresence::refused() {
+void CardPresence::noteRefusal() {
   const MutexLock lock(mutex_);
   settled_ = Clock::now() + kSettlingTime;
   if (removal_ == Removal::kNone && !in_) removal_ = Removal::kSettling;
@@ -79,7 +79,7 @@ CardNumber CardPresence::beginUse() {
 void CardPresence::endUse() noexcept {
   const MutexLock lock(mutex_);
   --uses_;
-  if (uses_ == 0 && removal_ == Removal::kSettling) changed();
+  if (uses_ == 0 && removal_ == Removal::kSettling) notifyChange();
 }
 
 bool CardPresence::isShown(CardNumber card) const {
@@ -87,7 +87,7 @@ bool CardPresence::isShown(CardNumber card) const {
   return shows(card);
 }
 
-void CardPresence::cycle(CardNumber card) {
+void CardPresence::reinsert(CardNumber card) {
   const MutexLock lock(mutex_);
   if (shows(card)) latchRemoval();
 }
@@ -103,12 +103,12 @@ void CardPresence::settle() {
   if (in_) renewCard();
 }
 
-bool CardPresence::untold() const {
+bool CardPresence::hasNews() const {
   return closed_ || stopped_ || removal_ == Removal::kUntold ||
          (shown() && !cardTold_ && cardSeenBy_ != std::this_thread::get_id());
 }
 
-void CardPresence::awaitAnything(MutexLock& lock, Clock::time_point end) {
+void CardPresence::awaitNews(MutexLock& lock, Clock::time_point end) {
   if (removal_ == Removal::kSettling && in_ && uses_ == 0) end = std::min(end, settlingEnd());
   condition_.waitFor(lock, end - Clock::now(),
                      [this, before = changes_]()
@@ -119,7 +119,7 @@ void CardPresence::awaitChange(std::chrono::milliseconds limit) {
   const Clock::time_point end = Clock::now() + limit;
   MutexLock lock(mutex_);
   if (removal_ == Removal::kTold) removal_ = Removal::kSettling;
-  for (settle(); !untold() && Clock::now() < end; settle()) awaitAnything(lock, end);
+  for (settle(); !hasNews() && Clock::now() < end; settle()) awaitNews(lock, end);
   stopped_ = false;
   if (removal_ == Removal::kUntold) removal_ = Removal::kTold;
   if (shown()) cardTold_ = true;
@@ -128,13 +128,13 @@ void CardPresence::awaitChange(std::chrono::milliseconds limit) {
 void CardPresence::stopAwaiting() {
   const MutexLock lock(mutex_);
   stopped_ = true;
-  changed();
+  notifyChange();
 }
 
 void CardPresence::close() {
   const MutexLock lock(mutex_);
   closed_ = true;
-  changed();
+  notifyChange();
 }
 
 }  // namespace zelta::pcsc

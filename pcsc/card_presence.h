@@ -16,8 +16,14 @@
 // As long as a call that worked with a card which has left has not returned, no other card is
 // shown.
 //
-// Threads: any. The mutex is a leaf: nothing is called while it is held. The driver's side may be
-// called under the driver's locks. Nothing here needs memory.
+// Which thread was told of a card matters: pcscd's polling thread keeps the reader's state in a
+// variable of its own, and pcscd asks for the presence from its clients' threads, too, before each
+// power-up and reset. Were the polling call to wait because a client's thread has seen the card,
+// pcscd would miss an insertion; were it to end although its own thread has, the card would lose
+// its power at once.
+//
+// Threads: any. The driver's side may be called under the driver's locks. Nothing here needs
+// memory.
 #pragma once
 
 #include <chrono>
@@ -42,7 +48,7 @@ class CardPresence {
 
   // A request that ends with the next card's removal is about to be made.
   void expectCard() ZELTA_EXCLUDES(mutex_);
-  // That request waits in the driver: shows the card. False where the card has left already; it
+  // That request waits in the driver: shows the card. False if the card has left already; it
   // was never shown then.
   bool cardEntered() ZELTA_EXCLUDES(mutex_);
   // That request has ended.
@@ -55,16 +61,16 @@ class CardPresence {
   // The same, for pcscd's own question: its polling thread then need not be told of this card.
   CardNumber reportCard() ZELTA_EXCLUDES(mutex_);
   // A call is about to be answered with "no card", or with a failure of the card.
-  void refused() ZELTA_EXCLUDES(mutex_);
+  void noteRefusal() ZELTA_EXCLUDES(mutex_);
   // A call that works with the card: the card shown, or `kNoCard`. Exactly one `endUse` follows
-  // either, once the call has said `refused` where it does.
+  // either, once the call has said `noteRefusal` if it does.
   CardNumber beginUse() ZELTA_EXCLUDES(mutex_);
   void endUse() noexcept ZELTA_EXCLUDES(mutex_);
-  // False where `card` is no longer the card shown.
+  // False if `card` is no longer the card shown.
   bool isShown(CardNumber card) const ZELTA_EXCLUDES(mutex_);
-  // Makes pcscd see `card` leave and, if it is still in, enter once more. Nothing where it is no
+  // Makes pcscd see `card` leave and, if it is still in, enter once more. Nothing if it is no
   // longer the card shown.
-  void cycle(CardNumber card) ZELTA_EXCLUDES(mutex_);
+  void reinsert(CardNumber card) ZELTA_EXCLUDES(mutex_);
   // The polling function: returns the moment a change is there that the caller has not been told
   // of, when stopped, or when the time has run out.
   void awaitChange(std::chrono::milliseconds limit) ZELTA_EXCLUDES(mutex_);
@@ -83,7 +89,7 @@ class CardPresence {
     kSettling,  // pcscd has; no card is shown before `settlingEnd`, nor while the old one is used
   };
 
-  void changed() ZELTA_REQUIRES(mutex_);
+  void notifyChange() ZELTA_REQUIRES(mutex_);
   void latchRemoval() ZELTA_REQUIRES(mutex_);
   void settle() ZELTA_REQUIRES(mutex_);
   Clock::time_point settlingEnd() const ZELTA_REQUIRES(mutex_);
@@ -92,8 +98,8 @@ class CardPresence {
     return in_ && removal_ == Removal::kNone && !closed_;
   }
   bool shows(CardNumber card) const ZELTA_REQUIRES(mutex_) { return shown() && number_ == card; }
-  bool untold() const ZELTA_REQUIRES(mutex_);
-  void awaitAnything(platform::MutexLock& lock, Clock::time_point end) ZELTA_REQUIRES(mutex_);
+  bool hasNews() const ZELTA_REQUIRES(mutex_);
+  void awaitNews(platform::MutexLock& lock, Clock::time_point end) ZELTA_REQUIRES(mutex_);
 
   mutable platform::Mutex mutex_;
   platform::ConditionVariable condition_;               // for the polling function
@@ -106,7 +112,7 @@ class CardPresence {
   std::size_t uses_ ZELTA_GUARDED_BY(mutex_) = 0;           // calls
   CardNumber number_ ZELTA_GUARDED_BY(mutex_) = kNoCard;
   bool cardTold_ ZELTA_GUARDED_BY(mutex_) = false;       // by the polling function
-  std::thread::id cardSeenBy_ ZELTA_GUARDED_BY(mutex_);  // the latest that asked and saw it
+  std::thread::id cardSeenBy_ ZELTA_GUARDED_BY(mutex_);  // the latest to ask and see it
   bool stopped_ ZELTA_GUARDED_BY(mutex_) = false;
   bool closed_ ZELTA_GUARDED_BY(mutex_) = false;
 };

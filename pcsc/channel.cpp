@@ -30,10 +30,10 @@ constexpr DWORD kLastTag = 0xFFFFFFFF;
 
 bool isAttribute(DWORD tag) { return tag > kLastTagWithoutClass && tag <= kLastTag; }
 
-// The driver ends these with a zero byte.
+// The driver ends a text with a zero byte.
 bool isText(std::uint32_t tag) {
-  return tag == SCARD_ATTR_VENDOR_NAME || tag == SCARD_ATTR_VENDOR_IFD_TYPE || tag == PIPE_NAME ||
-         tag == EVENT_PIPE_NAME;
+  const Attribute* const attribute = findAttribute(tag);
+  return attribute != nullptr && attribute->kind == AttributeKind::kText;
 }
 
 // The driver carries out these requests in its dispatch callback. One that it keeps all the same
@@ -82,24 +82,26 @@ host::IoResult Channel::controlCard(CardNumber card, std::uint32_t code, const B
   host::IoResult result;
   if (presence_->isShown(card)) result = control(code, input, outputCapacity);
   if (presence_->isShown(card)) return result;
-  presence_->refused();
+  presence_->noteRefusal();
   return {status::kNoMedia, 0, {}};
 }
 
-host::IoEnd Channel::transmitToCard(CardNumber card, const Apdu& command, std::uint32_t protocol,
-                                    TransmitHeader* answerHeader) {
-  TransmitHeader header{};
+Channel::Exchange Channel::transmitToCard(CardNumber card, const Apdu& command,
+                                          std::uint32_t protocol) {
+  Exchange exchange;
+  exchange.protocol = protocol;
+  std::array<std::uint8_t, kTransmitHeaderSize> header{};
   storeLittleEndian(header.data(), protocol);
   storeLittleEndian(header.data() + kNumberSize, kTransmitHeaderSize);
-  host::IoEnd end;
   if (presence_->isShown(card)) {
-    end = reader_.get()->controlInParts(
+    exchange.end = reader_.get()->controlInParts(
         IOCTL_SMARTCARD_TRANSMIT, {{header.data(), header.size()}, command.bytes},
-        {{answerHeader->data(), answerHeader->size()}, command.answer}, kKeptLimit);
+        {{exchange.answerHeader.data(), exchange.answerHeader.size()}, command.answer}, kKeptLimit);
   }
-  if (presence_->isShown(card)) return end;
-  presence_->refused();
-  return {status::kNoMedia, 0};
+  if (presence_->isShown(card)) return exchange;
+  presence_->noteRefusal();
+  exchange.end = {status::kNoMedia, 0};
+  return exchange;
 }
 
 RESPONSECODE Channel::presence() {
@@ -142,7 +144,7 @@ Reply Channel::reset(CardNumber card, std::uint32_t operation) {
 }
 
 Reply Channel::resetFailed(CardNumber card, HRESULT status) {
-  if (hasAnswered(card)) cycle(card);
+  if (hasAnswered(card)) reinsert(card);
   return {isNoCard(status) ? IFD_ICC_NOT_PRESENT : IFD_ERROR_POWER_ACTION, {}};
 }
 
@@ -174,42 +176,40 @@ RESPONSECODE Channel::setProtocol(DWORD protocol) {
     if ((offeredProtocols(atrOf(use.card())) & mask) != 0) watch_.bringUpAnew();
     return IFD_PROTOCOL_NOT_SUPPORTED;
   }
-  if (isNoCard(result.status)) cycle(use.card());
+  if (isNoCard(result.status)) reinsert(use.card());
   return failureOf(result.status);
 }
 
-RESPONSECODE Channel::transmit(const Apdu& command, std::size_t* answerSize) {
+TransmitReply Channel::transmit(const Apdu& command) {
   if (command.protocol != kPciT0 && command.protocol != kPciT1 && command.protocol != kPciRaw) {
-    return IFD_PROTOCOL_NOT_SUPPORTED;
+    return {IFD_PROTOCOL_NOT_SUPPORTED};
   }
   const CardUse use(*presence_);
-  if (use.card() == kNoCard) return refusal();
-  std::uint32_t protocol = 0;
-  TransmitHeader header{};
-  const host::IoEnd end = exchange(use.card(), command, &protocol, &header);
-  if (framework::failed(end.status)) {
-    // pcscd takes the card for absent with this answer, without saying so to anyone.
-    if (isNoCard(end.status)) cycle(use.card());
-    return failureOf(end.status);
+  if (use.card() == kNoCard) return {refusal()};
+  const Exchange done = exchange(use.card(), command);
+  if (framework::failed(done.end.status)) {
+    // pcscd takes the card for absent after this answer, without saying so to anyone.
+    if (isNoCard(done.end.status)) reinsert(use.card());
+    return {failureOf(done.end.status)};
   }
-  const RESPONSECODE code = checkAnswer(end, header, protocol, command.answer.size);
-  if (code == IFD_SUCCESS) *answerSize = end.information - kTransmitHeaderSize;
-  return code;
+  const RESPONSECODE code = checkAnswer(done, command.answer.size);
+  if (code != IFD_SUCCESS) return {code};
+  return {IFD_SUCCESS, done.end.information - kTransmitHeaderSize};
 }
 
-host::IoEnd Channel::exchange(CardNumber card, const Apdu& command, std::uint32_t* protocol,
-                              TransmitHeader* answerHeader) {
-  *protocol = protocolOf(card);
-  const host::IoEnd end = transmitToCard(card, command, *protocol, answerHeader);
-  if (end.status != status::kInvalidDeviceState) return end;
+Channel::Exchange Channel::exchange(CardNumber card, const Apdu& command) {
+  Exchange first = transmitToCard(card, command, protocolOf(card));
+  if (first.end.status != status::kInvalidDeviceState) return first;
   // Refused without being sent: the driver has another current protocol. Before one is chosen it
   // may be what the card offered, by the protocol's number and not by its mask.
-  const std::optional<std::uint32_t> other = otherProtocol(card, *protocol);
-  if (!presence_->isShown(card)) return {status::kNoMedia, 0};
-  if (!other) return end;
-  *protocol = *other;
+  const std::optional<std::uint32_t> other = otherProtocol(card, first.protocol);
+  if (!presence_->isShown(card)) {
+    first.end = {status::kNoMedia, 0};
+    return first;
+  }
+  if (!other) return first;
   noteProtocol(card, *other);
-  return transmitToCard(card, command, *other, answerHeader);
+  return transmitToCard(card, command, *other);
 }
 
 std::optional<std::uint32_t> Channel::otherProtocol(CardNumber card, std::uint32_t known) {
@@ -221,15 +221,16 @@ std::optional<std::uint32_t> Channel::otherProtocol(CardNumber card, std::uint32
   return protocol == known ? std::nullopt : std::optional<std::uint32_t>(protocol);
 }
 
-RESPONSECODE Channel::checkAnswer(const host::IoEnd& end, const TransmitHeader& header,
-                                  std::uint32_t protocol, std::size_t capacity) {
-  if (end.information > kTransmitHeaderSize + capacity) return IFD_ERROR_INSUFFICIENT_BUFFER;
-  if (end.information >= kTransmitHeaderSize && loadLittleEndian(header.data()) == protocol &&
-      loadLittleEndian(header.data() + kNumberSize) == kTransmitHeaderSize) {
+RESPONSECODE Channel::checkAnswer(const Exchange& exchange, std::size_t capacity) {
+  const std::size_t size = exchange.end.information;
+  if (size > kTransmitHeaderSize + capacity) return IFD_ERROR_INSUFFICIENT_BUFFER;
+  const std::uint8_t* const header = exchange.answerHeader.data();
+  if (size >= kTransmitHeaderSize && loadLittleEndian(header) == exchange.protocol &&
+      loadLittleEndian(header + kNumberSize) == kTransmitHeaderSize) {
     return IFD_SUCCESS;
   }
-  log_(LogLevel::kError, "the driver's answer to a command has no valid header (" +
-                             std::to_string(end.information) + " bytes)");
+  log_(LogLevel::kError,
+       "the driver's answer to a command has no valid header (" + std::to_string(size) + " bytes)");
   return IFD_COMMUNICATION_ERROR;
 }
 
@@ -264,13 +265,13 @@ RESPONSECODE Channel::setAttribute(DWORD tag, const Bytes& value) {
 }
 
 RESPONSECODE Channel::refusal() {
-  presence_->refused();
+  presence_->noteRefusal();
   return IFD_ICC_NOT_PRESENT;
 }
 
-void Channel::cycle(CardNumber card) {
-  presence_->refused();  // first: the cycle wakes the polling function
-  presence_->cycle(card);
+void Channel::reinsert(CardNumber card) {
+  presence_->noteRefusal();  // first: what follows wakes the polling function
+  presence_->reinsert(card);
 }
 
 bool Channel::hasAnswered(CardNumber card) const {

@@ -1,5 +1,5 @@
 // One reader as pcscd works with it: each call becomes one I/O control of the driver, or is
-// answered from what the handler knows already. A command takes at most three: where the driver
+// answered from what the handler knows already. A command takes at most three: if the driver
 // refuses it because it has another current protocol, it is asked for that, once, and the command
 // is sent again, once.
 //
@@ -10,17 +10,16 @@
 //
 // A card whose ATR is invalid (atr.h) counts as mute, and the log says so.
 //
-// Where a card that has answered before no longer does (the driver finds no media, a power-up or
+// If a card that has answered before no longer does (the driver finds no media, a power-up or
 // reset fails), pcscd is made to see it leave and enter once more: it has no other way back to a
-// usable card. A card that has not answered since it entered is not cycled; pcscd keeps it as mute
+// usable card. A card that has not answered since it entered is left in; pcscd keeps it as mute
 // and powers it up again with the next connect.
 //
 // The driver reads the card's protocols when the card enters, and not again: if that failed, it
 // refuses what the card offers for as long as the card is in. The reader is then brought up anew.
 //
 // Threads: any, several at once; pcscd makes all calls but `awaitChange`, `stopAwaiting` and
-// `setAttribute` one at a time. Locks: the session's mutex is a leaf and never held while the
-// driver works.
+// `setAttribute` one at a time.
 #pragma once
 
 #include <array>
@@ -52,6 +51,11 @@ struct Apdu {
   host::MutableBytes answer;
 };
 
+struct TransmitReply {
+  RESPONSECODE code = IFD_COMMUNICATION_ERROR;
+  std::size_t answerSize = 0;  // bytes; only with IFD_SUCCESS
+};
+
 class Channel {
  public:
   // Begins to watch for the card at once.
@@ -65,8 +69,7 @@ class Channel {
   Reply power(DWORD action);
   // SCARD_PROTOCOL_T0 or SCARD_PROTOCOL_T1.
   RESPONSECODE setProtocol(DWORD protocol);
-  // `answerSize`, in bytes, is set with IFD_SUCCESS alone.
-  RESPONSECODE transmit(const Apdu& command, std::size_t* answerSize);
+  TransmitReply transmit(const Apdu& command);
   // Any attribute; numbers are 4 bytes, texts come without a terminating zero.
   Reply attribute(DWORD tag);
   RESPONSECODE setAttribute(DWORD tag, const Bytes& value);
@@ -81,44 +84,46 @@ class Channel {
   // What is known of the card that is in, since it first answered.
   struct Session {
     CardNumber card = kNoCard;
-    Bytes atr;  // of the latest power-up or reset; empty where that failed
+    Bytes atr;  // of the latest power-up or reset; empty if that failed
     // The driver's current protocol, as far as is known: 0 after a power-up, then the mask that
     // was chosen.
     std::uint32_t protocol = 0;
   };
 
-  using TransmitHeader = std::array<std::uint8_t, kTransmitHeaderSize>;
+  // What became of a command that was sent under a protocol.
+  struct Exchange {
+    std::uint32_t protocol = 0;
+    host::IoStatus end;
+    std::array<std::uint8_t, kTransmitHeaderSize> answerHeader{};
+  };
 
   host::IoResult control(std::uint32_t code, const Bytes& input, std::size_t outputCapacity);
-  // Within a use of `card`. "No media", and no output, also where that card has left, before or
+  // Within a use of `card`. "No media", and no output, also if that card has left, before or
   // meanwhile.
   host::IoResult controlCard(CardNumber card, std::uint32_t code, const Bytes& input,
                              std::size_t outputCapacity);
   // The same for a command, with the answer's header apart.
-  host::IoEnd transmitToCard(CardNumber card, const Apdu& command, std::uint32_t protocol,
-                             TransmitHeader* answerHeader);
+  Exchange transmitToCard(CardNumber card, const Apdu& command, std::uint32_t protocol);
   Reply powerDown(CardNumber card);
   Reply reset(CardNumber card, std::uint32_t operation);
   Reply resetFailed(CardNumber card, framework::HRESULT status);
-  // Sends the command with the driver's current protocol, whichever that is; `protocol` says.
-  host::IoEnd exchange(CardNumber card, const Apdu& command, std::uint32_t* protocol,
-                       TransmitHeader* answerHeader);
-  // The driver's protocol where it is another than `known`; none where that cannot be said.
+  // Sends the command under the driver's current protocol, whichever that is.
+  Exchange exchange(CardNumber card, const Apdu& command);
+  // The driver's protocol if it is another than `known`; none if that cannot be said.
   std::optional<std::uint32_t> otherProtocol(CardNumber card, std::uint32_t known);
-  RESPONSECODE checkAnswer(const host::IoEnd& end, const TransmitHeader& header,
-                           std::uint32_t protocol, std::size_t capacity);
+  RESPONSECODE checkAnswer(const Exchange& exchange, std::size_t capacity);
   Reply atr();
   // Logs what is none.
   bool isAtr(const host::IoResult& result) const;
 
   // The answer to a call that needs a card and has none.
   RESPONSECODE refusal();
-  void cycle(CardNumber card);
-  // Of the card: false, no bytes, 0 where it has not answered yet.
+  void reinsert(CardNumber card);
+  // Of the card: false, no bytes, 0 if it has not answered yet.
   bool hasAnswered(CardNumber card) const ZELTA_EXCLUDES(mutex_);
   Bytes atrOf(CardNumber card) const ZELTA_EXCLUDES(mutex_);
   std::uint32_t protocolOf(CardNumber card) const ZELTA_EXCLUDES(mutex_);
-  // Nothing where `card` has not answered yet.
+  // Nothing if `card` has not answered yet.
   void noteProtocol(CardNumber card, std::uint32_t protocol) ZELTA_EXCLUDES(mutex_);
 
   ReaderFile reader_;

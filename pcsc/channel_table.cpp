@@ -113,7 +113,7 @@ RESPONSECODE ChannelTable::close(DWORD lun) noexcept {
     last = entries_.size() == 1;
   }
   channel->close();
-  // Ends what still runs on the channel; where others need the device it ends by itself.
+  // Ends what still runs on the channel; if others need the device it ends by itself.
   if (last) device_->shutDown();
   std::unique_ptr<Channel> closed;
   {

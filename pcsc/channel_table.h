@@ -4,9 +4,7 @@
 // the device down and the host with it. A reader of the driver belongs to one channel at a time.
 //
 // Threads: any. Opening and closing are serialised. A use keeps its channel alive; `close` makes
-// the calls inside it end and waits for them. Locks, in order: open mutex, table mutex; neither is
-// held while a channel works, the open mutex alone while the device comes up or goes down, which
-// has a mutex of its own below it.
+// the calls inside it end and waits for them.
 #pragma once
 
 #include <functional>
@@ -55,7 +53,7 @@ class ChannelTable {
     Use(const Use&) = delete;
     Use& operator=(const Use&) = delete;
 
-    // Null where no channel of that number is open.
+    // Null if no channel of that number is open.
     Channel* channel() const { return entry_ == nullptr ? nullptr : entry_->channel.get(); }
 
    private:
@@ -63,11 +61,11 @@ class ChannelTable {
     Entry* const entry_;  // the table's, kept by `inside`
   };
 
-  // IFD_SUCCESS, also with no agent; IFD_NO_SUCH_DEVICE where the driver has no such reader;
-  // IFD_COMMUNICATION_ERROR where the driver does not come up or the reader or number is taken.
+  // IFD_SUCCESS, also with no agent; IFD_NO_SUCH_DEVICE if the driver has no such reader;
+  // IFD_COMMUNICATION_ERROR if the driver does not come up or the reader or number is taken.
   // Each failure is logged. Throws std::bad_alloc; nothing is open then.
   RESPONSECODE open(DWORD lun, std::uint32_t readerIndex) ZELTA_EXCLUDES(openMutex_, mutex_);
-  // IFD_NO_SUCH_DEVICE where none is open. Takes as long as the driver takes to finish what it
+  // IFD_NO_SUCH_DEVICE if none is open. Takes as long as the driver takes to finish what it
   // does for this channel, and needs no memory.
   RESPONSECODE close(DWORD lun) noexcept ZELTA_EXCLUDES(openMutex_, mutex_);
 

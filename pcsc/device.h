@@ -1,9 +1,8 @@
 // The driver's device, which the open channels share: brought up at the beginning, and anew when
 // one of its readers has stopped serving.
 //
-// Ownership: owns the driver host. Threads: any. Locks: the mutex is held while the device comes up
-// or goes down, which may take as long as the driver takes to end what it does; no lock of the
-// module's, the host's or a channel's is held by whoever waits for it.
+// Ownership: owns the driver host. Threads: any. Bringing the device up or down may take as long as
+// the driver takes to end what it does, and every other call waits for that.
 #pragma once
 
 #include <cstdint>
@@ -24,11 +23,11 @@ class Device {
   // Which bring-up a file belongs to.
   using Generation = unsigned;
 
-  // Null where the driver has no such reader. `generation` is set in any case.
+  // Null if the driver has no such reader. `generation` is set in any case.
   std::shared_ptr<host::File> open(std::uint32_t readerIndex, Generation* generation)
       ZELTA_EXCLUDES(mutex_);
   // The same after the device was taken down and brought up, unless that has been done since
-  // `*generation`. Null also after `shutDown`. Throws HostError where the device does not come up;
+  // `*generation`. Null also after `shutDown`. Throws HostError if the device does not come up;
   // it is down then.
   std::shared_ptr<host::File> renew(std::uint32_t readerIndex, Generation* generation)
       ZELTA_EXCLUDES(mutex_);

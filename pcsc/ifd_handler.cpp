@@ -150,11 +150,10 @@ RESPONSECODE IFDHTransmitToICC(DWORD Lun, SCARD_IO_HEADER SendPci, PUCHAR TxBuff
   }
   if (TxLength > MAX_BUFFER_SIZE_EXTENDED) return IFD_ERROR_INSUFFICIENT_BUFFER;
   return onChannel(Lun, [&](Channel& channel) -> RESPONSECODE {
-    std::size_t answerSize = 0;
-    const RESPONSECODE code = channel.transmit(
-        {SendPci.Protocol, {TxBuffer, TxLength}, {RxBuffer, capacity}}, &answerSize);
-    if (code != IFD_SUCCESS) return code;
-    *RxLength = answerSize;
+    const zelta::pcsc::TransmitReply reply =
+        channel.transmit({SendPci.Protocol, {TxBuffer, TxLength}, {RxBuffer, capacity}});
+    if (reply.code != IFD_SUCCESS) return reply.code;
+    *RxLength = reply.answerSize;
     if (RecvPci != nullptr) *RecvPci = {SendPci.Protocol, sizeof *RecvPci};
     return IFD_SUCCESS;
   });

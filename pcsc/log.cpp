@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-// Null where the library is not loaded by pcscd.
+// Null if the library is not loaded by pcscd.
 extern "C" __attribute__((weak)) void log_msg(int priority, const char* format, ...);
 
 namespace zelta::pcsc {

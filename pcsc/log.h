@@ -1,5 +1,5 @@
 // Where the handler's own lines go: pcscd's log, which the daemon offers to the libraries that it
-// loads, or the standard error output where the process offers none.
+// loads, or the standard error output if the process offers none.
 //
 // Any thread may call.
 #pragma once

@@ -129,7 +129,7 @@ PresenceWatch::Outcome PresenceWatch::awaitInsertion() {
   if (!serves(*request)) return Outcome::kNotServing;
   if (!prompt && !mailbox_->hasNewsWithin(kRecheckPause)) request->cancel();
   const std::optional<HRESULT> status = mailbox_->await();
-  if (!status) return endWait(*request);
+  if (!status) return abandonWait(*request);
   if (*status == host::kDeviceGone) return Outcome::kNotServing;
   if (framework::failed(*status)) return Outcome::kFailed;
   tellServing();
@@ -141,12 +141,12 @@ PresenceWatch::Outcome PresenceWatch::watchRemoval() {
   const auto request = submit(IOCTL_SMARTCARD_IS_ABSENT, true);
   const bool shown = presence_->cardEntered();
   const std::optional<HRESULT> status = mailbox_->await();
-  if (!status) return endWait(*request);
+  if (!status) return abandonWait(*request);
   if (*status == host::kDeviceGone) return Outcome::kNotServing;
   return shown ? Outcome::kShown : Outcome::kLeftEarly;
 }
 
-PresenceWatch::Outcome PresenceWatch::endWait(host::IoOperation& request) {
+PresenceWatch::Outcome PresenceWatch::abandonWait(host::IoOperation& request) {
   if (mailbox_->stopped()) {
     request.cancel();
     return Outcome::kStopped;
@@ -188,10 +188,10 @@ std::optional<std::uint32_t> PresenceWatch::serverResult() {
   std::array<std::uint8_t, kNumberSize> tag{};
   std::array<std::uint8_t, kNumberSize> number{};
   storeLittleEndian(tag.data(), SERVER_RESULT);
-  const host::IoEnd end =
+  const host::IoStatus answer =
       reader_.get()->controlInParts(IOCTL_SMARTCARD_GET_ATTRIBUTE, {{}, {tag.data(), tag.size()}},
                                     {{}, {number.data(), number.size()}}, kAnswerLimit);
-  if (framework::failed(end.status) || end.information != kNumberSize) return std::nullopt;
+  if (framework::failed(answer.status) || answer.information != kNumberSize) return std::nullopt;
   return loadLittleEndian(number.data());
 }
 

@@ -4,14 +4,14 @@
 //
 // The request for the removal waits in the driver before the card is shown to pcscd, so that no
 // removal that follows is missed. A request that fails, as insertions do when the agent is lost,
-// is made again at once. Only where requests fail over and over as soon as they are made, or cards
+// is made again at once. Only if requests fail over and over as soon as they are made, or cards
 // leave before they are shown, is there a growing pause between them.
 //
 // While the driver takes a request for the insertion it asks the agent for the card. If the agent
 // does not answer that in time, the card may be in, and no event will tell. So a request that took
 // the driver long is cancelled after a while and made again.
 //
-// The driver's server thread ends where nobody asked for a card for a while, or where it cannot
+// The driver's server thread ends if nobody asked for a card for a while, or if it cannot
 // make its pipes. After each request for an insertion that waits in the driver it is therefore
 // asked how the thread is: a thread that serves then will serve that request. One that has ended is
 // brought back with the device, after a pause that grows until it serves again; pcscd's log has why
@@ -41,7 +41,7 @@ class PresenceWatch {
   static constexpr std::chrono::milliseconds kLasting{100};
   static constexpr std::chrono::milliseconds kFirstPause{10};
   static constexpr std::chrono::milliseconds kLongestPause{1000};
-  // Where cards come and go: the last one must be seen soon.
+  // If cards come and go: the last one must be seen soon.
   static constexpr std::chrono::milliseconds kLongestSwapPause{40};
   // The driver asked the agent in vain if it took longer than this to take a request.
   static constexpr std::chrono::milliseconds kPromptCheck{1000};
@@ -99,16 +99,16 @@ class PresenceWatch {
   Outcome awaitInsertion();
   Outcome watchRemoval();
   // What becomes of a request that has not ended: it is cancelled when stopped.
-  Outcome endWait(host::IoOperation& request);
+  Outcome abandonWait(host::IoOperation& request);
   std::shared_ptr<host::IoOperation> submit(std::uint32_t code, bool forRemoval);
-  // Asks until the answer is final or the request has ended; false where the reader does not serve.
+  // Asks until the answer is final or the request has ended; false if the reader does not serve.
   bool serves(const host::IoOperation& request);
-  // None where the driver does not know, which counts as serving.
+  // None if the driver does not know, which counts as serving.
   std::optional<std::uint32_t> serverResult();
-  // Brings the device up anew, however often that takes. False when stopped, or where the device is
+  // Brings the device up anew, however often that takes. False when stopped, or if the device is
   // down for good.
   bool revive();
-  // False where the device is down for good; none where it did not come up.
+  // False if the device is down for good; none if it did not come up.
   std::optional<bool> renew();
   // Logs the reason, once however often it is met.
   template <typename MakeReason>

@@ -1,8 +1,7 @@
 // A reader of the driver as its channel works with it: its name, the file under which it is open
 // now, and how to get another when the device went down.
 //
-// Ownership: the channel's. Threads: any; `renew` is for one thread at a time. Locks: the mutex is
-// a leaf, held neither while the driver works nor while the device is renewed.
+// Ownership: the channel's. Threads: any; `renew` is for one thread at a time.
 #pragma once
 
 #include <functional>
@@ -17,8 +16,8 @@ namespace zelta::pcsc {
 
 class ReaderFile {
  public:
-  // A file of the device brought up anew; null where the device is down for good. Throws HostError
-  // where it does not come up, and std::bad_alloc.
+  // A file of the device brought up anew; null if the device is down for good. Throws HostError
+  // if it does not come up, and std::bad_alloc.
   using Renew = std::function<std::shared_ptr<host::File>()>;
 
   // `file` is not null. `renew` is called with no lock held.
@@ -33,7 +32,7 @@ class ReaderFile {
     return file_;
   }
 
-  // False, and the file stays, where the device is down for good. Throws as `Renew` does.
+  // False, and the file stays, if the device is down for good. Throws as `Renew` does.
   bool renew() ZELTA_EXCLUDES(mutex_) {
     std::shared_ptr<host::File> file = renew_();
     if (!file) return false;

@@ -1,7 +1,5 @@
 #include "pcsc/server_result.h"
 
-#include "platform/process/error.h"
-
 namespace zelta::pcsc {
 
 namespace {

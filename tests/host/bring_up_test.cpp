@@ -51,81 +51,77 @@ TEST_F(HostTest, EnabledInterfacesCanBeOpenedWhileTheDeviceIsUp) {
   EXPECT_EQ(host_->open(L"dev0"), nullptr);
 }
 
-class BringUpFailureTest : public HostTest {
- protected:
-  // What bring-up fails with when that thing goes wrong.
-  std::string failureOf(const char* what) {
-    test::ScopedVariable fail(fake::kFailVariable, what);
-    try {
-      host_->bringUp();
-    } catch (const HostError& error) {
-      return error.what();
-    }
-    return "no failure";
-  }
-
-  // Whatever failed, the host works once the reason is gone, and leaves no object behind.
-  void TearDown() override {
-    start();
-    EXPECT_EQ(control(fake::kEcho, {9}).output, std::vector<std::uint8_t>{9});
-    host_->tearDown();
-    EXPECT_TRUE(host_->unload());
-  }
+struct BringUpFailure {
+  const char* name;
+  const char* what;  // goes wrong
+  const char* text;
+  std::vector<std::string> trace;
+  const char* error = nullptr;  // of the driver's, if any
 };
 
-TEST_F(BringUpFailureTest, UnknownClassIsTold) {
-  EXPECT_THAT(failureOf(fake::kFailClass), HasSubstr("does not have the driver class"));
+const BringUpFailure kBringUpFailures[] = {
+    {"UnknownClass", fake::kFailClass, "does not have the driver class", {}},
+    {"ClassObject",
+     fake::kFailClassObject,
+     "DllGetClassObject of '" FAKE_DRIVER "' failed with code 0x8007001F",
+     {}},
+    {"CreateInstance",
+     fake::kFailCreateInstance,
+     "CreateInstance of the driver object failed with code 0x8007001F",
+     {}},
+    {"OnInitialize",
+     fake::kFailInitialize,
+     "OnInitialize of the driver failed with code 0x8007001F",
+     {"OnInitialize", "driver destroyed"}},
+    {"OnDeviceAdd",
+     fake::kFailDeviceAdd,
+     "OnDeviceAdd of the driver failed with code 0x8007001F",
+     {"OnInitialize", "OnDeviceAdd", "OnDeinitialize", "driver destroyed"}},
+    {"DriverWithoutDevice",
+     fake::kFailNoDevice,
+     "created no device",
+     {"OnInitialize", "OnDeviceAdd", "OnDeinitialize", "driver destroyed"}},
+    {"LockingConstraint",
+     fake::kFailConstraint,
+     "OnDeviceAdd of the driver failed with code 0x80004001",
+     {"OnInitialize", "OnDeviceAdd", "OnDeinitialize", "device destroyed", "driver destroyed"},
+     "CreateDevice with a locking constraint"},
+    {"OnPrepareHardware",
+     fake::kFailPrepare,
+     "OnPrepareHardware of the driver failed with code 0x8007001F",
+     {"OnInitialize", "OnDeviceAdd", "OnPrepareHardware", "OnReleaseHardware", "OnDeinitialize",
+      "device destroyed", "driver destroyed"}},
+    {"OnD0Entry",
+     fake::kFailD0Entry,
+     "OnD0Entry of the driver failed with code 0x8007001F",
+     {"OnInitialize", "OnDeviceAdd", "OnPrepareHardware", "OnD0Entry", "OnReleaseHardware",
+      "OnDeinitialize", "device destroyed", "driver destroyed"}},
+};
+
+class BringUpFailureTest : public HostTest, public ::testing::WithParamInterface<BringUpFailure> {};
+
+TEST_P(BringUpFailureTest, IsToldTakenBackAndTheHostWorksOnceItsReasonIsGone) {
+  {
+    const test::ScopedVariable fail(fake::kFailVariable, GetParam().what);
+    try {
+      host_->bringUp();
+      ADD_FAILURE() << "no failure";
+    } catch (const HostError& error) {
+      EXPECT_THAT(error.what(), HasSubstr(GetParam().text));
+    }
+  }
+  EXPECT_EQ(trace(), GetParam().trace);
+  if (GetParam().error != nullptr) {
+    EXPECT_THAT(errors(), ElementsAre(HasSubstr(GetParam().error)));
+  }
+  start();
+  EXPECT_EQ(control(fake::kEcho, {9}).output, std::vector<std::uint8_t>{9});
+  host_->tearDown();
+  EXPECT_TRUE(host_->unload());
 }
 
-TEST_F(BringUpFailureTest, OtherClassObjectFailureIsToldWithItsCode) {
-  EXPECT_THAT(failureOf(fake::kFailClassObject),
-              ::testing::AllOf(HasSubstr("DllGetClassObject of '"),
-                               HasSubstr("failed with code 0x8007001F")));
-}
-
-TEST_F(BringUpFailureTest, CreateInstanceFailureIsToldWithItsCode) {
-  EXPECT_THAT(failureOf(fake::kFailCreateInstance),
-              HasSubstr("CreateInstance of the driver object failed with code 0x8007001F"));
-}
-
-TEST_F(BringUpFailureTest, InitializeFailureReleasesTheDriver) {
-  EXPECT_THAT(failureOf(fake::kFailInitialize),
-              HasSubstr("OnInitialize of the driver failed with code 0x8007001F"));
-  EXPECT_THAT(trace(), ElementsAre("OnInitialize", "driver destroyed"));
-}
-
-TEST_F(BringUpFailureTest, DeviceAddFailureDeinitializes) {
-  EXPECT_THAT(failureOf(fake::kFailDeviceAdd),
-              HasSubstr("OnDeviceAdd of the driver failed with code 0x8007001F"));
-  EXPECT_THAT(trace(),
-              ElementsAre("OnInitialize", "OnDeviceAdd", "OnDeinitialize", "driver destroyed"));
-}
-
-TEST_F(BringUpFailureTest, DriverWithoutDeviceIsRefused) {
-  EXPECT_THAT(failureOf(fake::kFailNoDevice), HasSubstr("created no device"));
-}
-
-TEST_F(BringUpFailureTest, LockingConstraintIsNotImplemented) {
-  EXPECT_THAT(failureOf(fake::kFailConstraint),
-              HasSubstr("OnDeviceAdd of the driver failed with code 0x80004001"));
-  EXPECT_THAT(errors(), ElementsAre(HasSubstr("CreateDevice with a locking constraint")));
-}
-
-TEST_F(BringUpFailureTest, PrepareFailureStillReleasesTheHardware) {
-  EXPECT_THAT(failureOf(fake::kFailPrepare),
-              HasSubstr("OnPrepareHardware of the driver failed with code 0x8007001F"));
-  EXPECT_THAT(trace(),
-              ElementsAre("OnInitialize", "OnDeviceAdd", "OnPrepareHardware", "OnReleaseHardware",
-                          "OnDeinitialize", "device destroyed", "driver destroyed"));
-}
-
-TEST_F(BringUpFailureTest, D0EntryFailureIsNotFollowedByD0Exit) {
-  EXPECT_THAT(failureOf(fake::kFailD0Entry),
-              HasSubstr("OnD0Entry of the driver failed with code 0x8007001F"));
-  EXPECT_THAT(trace(), ElementsAre("OnInitialize", "OnDeviceAdd", "OnPrepareHardware", "OnD0Entry",
-                                   "OnReleaseHardware", "OnDeinitialize", "device destroyed",
-                                   "driver destroyed"));
-}
+INSTANTIATE_TEST_SUITE_P(Steps, BringUpFailureTest, ::testing::ValuesIn(kBringUpFailures),
+                         [](const auto& each) { return each.param.name; });
 
 TEST_F(HostTest, RequestsOfADeviceWithoutQueueAreRefused) {
   test::ScopedVariable fail(fake::kFailVariable, fake::kFailNoQueue);

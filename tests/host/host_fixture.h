@@ -24,7 +24,7 @@ using namespace std::chrono_literals;
 // Longer than anything takes that does not hang.
 inline constexpr std::chrono::milliseconds kLong = 60s;
 inline constexpr framework::HRESULT kFakeFailure = framework::hresult(fake::kFailureCode);
-inline constexpr framework::HRESULT kCancelledStatus = framework::hresult(0x800704C7);
+inline constexpr framework::HRESULT kCancelledStatus = status::kCancelled;
 
 inline std::vector<std::uint8_t> numbers(const std::vector<std::uint32_t>& values) {
   std::vector<std::uint8_t> bytes(values.size() * sizeof(std::uint32_t));
@@ -45,7 +45,7 @@ class HostTest : public ::testing::Test {
   HostOptions options() {
     HostOptions options;
     options.driverError = [this](const std::string& text) {
-      platform::MutexLock lock(mutex_);
+      const platform::MutexLock lock(mutex_);
       errors_.push_back(text);
     };
     return options;
@@ -77,7 +77,7 @@ class HostTest : public ::testing::Test {
     return values.size() > which ? values[which] : 0xFFFFFFFFu;
   }
   std::vector<std::string> errors() {
-    platform::MutexLock lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     return errors_;
   }
   std::vector<std::string> trace() const {

@@ -71,7 +71,7 @@ TEST_F(IoControlTest, BuffersInPartsAreFilledOneAfterTheOther) {
         fake::kEcho, {first, second},
         {{outHeader.data(), outHeader.size()}, {outBody.data(), outBody.size()}}, kLong);
   };
-  const IoEnd whole = echo({header.data(), 3}, {body.data(), 4});
+  const IoStatus whole = echo({header.data(), 3}, {body.data(), 4});
   EXPECT_EQ(whole.status, framework::kOk);
   EXPECT_EQ(whole.information, 7u);
   EXPECT_THAT(outHeader, ElementsAre(1, 2));
@@ -84,7 +84,7 @@ TEST_F(IoControlTest, BuffersInPartsAreFilledOneAfterTheOther) {
 TEST_F(IoControlTest, PartsThatAreTooLongTogetherAreCut) {
   std::array<std::uint8_t, 3> header{};
   std::array<std::uint8_t, 2> body{};
-  const IoEnd end =
+  const IoStatus end =
       file_->controlInParts(fake::kOverrun, {}, {{header.data(), 3}, {body.data(), 2}}, kLong);
   EXPECT_EQ(end.information, 105u);
   EXPECT_EQ(

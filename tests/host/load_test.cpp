@@ -24,38 +24,40 @@ std::string failureOf(const std::string& path) {
   return "no failure";
 }
 
-TEST(LoadTest, MissingFileIsNamedWithTheSystemsReason) {
+struct LoadFailure {
+  const char* name;
+  const char* module;
+  const char* reason;
+};
+
+const LoadFailure kLoadFailures[] = {
+    {"ModuleWithoutClassObject", FAKE_WITHOUT_CLASS,
+     "is not a driver module: it does not export DllGetClassObject"},
+    {"ModuleWithoutVersion", FAKE_WITHOUT_VERSION,
+     "is not a driver module: it does not export Microsoft_WDF_UMDF_Version"},
+    {"HigherMinorVersion", FAKE_NEWER_DRIVER,
+     "was built for framework version 1.12; this host supports 1.0 to 1.11"},
+    {"OtherMajorVersion", FAKE_OTHER_DRIVER,
+     "was built for framework version 2.0; this host supports 1.0 to 1.11"},
+};
+
+class LoadFailureTest : public ::testing::TestWithParam<LoadFailure> {};
+
+TEST_P(LoadFailureTest, IsToldAndTheModuleUnmapped) {
+  EXPECT_THAT(failureOf(GetParam().module), HasSubstr(GetParam().reason));
+  EXPECT_FALSE(test::isMapped(GetParam().module));
+}
+
+INSTANTIATE_TEST_SUITE_P(Modules, LoadFailureTest, ::testing::ValuesIn(kLoadFailures),
+                         [](const auto& each) { return each.param.name; });
+
+TEST(LoadTest, FileThatIsMissingOrNoModule_IsNamedWithTheSystemsReason) {
   EXPECT_THAT(
       failureOf("/nonexistent/driver.so"),
       AllOf(HasSubstr("'/nonexistent/driver.so' cannot be loaded: "), HasSubstr(kNoSuchFile)));
-}
-
-TEST(LoadTest, FileThatIsNoModuleIsRefused) {
-  test::TempFolder folder;
+  const test::TempFolder folder;
   std::ofstream(folder.file("text.so")) << "not a module";
   EXPECT_THAT(failureOf(folder.file("text.so")), HasSubstr("cannot be loaded: "));
-}
-
-TEST(LoadTest, ModuleWithoutClassObjectIsNotADriver) {
-  EXPECT_THAT(failureOf(FAKE_WITHOUT_CLASS),
-              HasSubstr("is not a driver module: it does not export DllGetClassObject"));
-  EXPECT_FALSE(test::isMapped(FAKE_WITHOUT_CLASS));
-}
-
-TEST(LoadTest, ModuleWithoutVersionIsNotADriver) {
-  EXPECT_THAT(failureOf(FAKE_WITHOUT_VERSION),
-              HasSubstr("is not a driver module: it does not export Microsoft_WDF_UMDF_Version"));
-  EXPECT_FALSE(test::isMapped(FAKE_WITHOUT_VERSION));
-}
-
-TEST(LoadTest, HigherMinorVersionIsNotSupported) {
-  EXPECT_THAT(failureOf(FAKE_NEWER_DRIVER),
-              HasSubstr("was built for framework version 1.12; this host supports 1.0 to 1.11"));
-}
-
-TEST(LoadTest, OtherMajorVersionIsNotSupported) {
-  EXPECT_THAT(failureOf(FAKE_OTHER_DRIVER),
-              HasSubstr("was built for framework version 2.0; this host supports 1.0 to 1.11"));
 }
 
 TEST(LoadTest, LowerMinorVersionIsSupported) {

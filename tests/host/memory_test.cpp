@@ -2,7 +2,6 @@
 // or not begun at all, what was begun is taken back, and the driver can always be taken down.
 #include <array>
 #include <atomic>
-#include <optional>
 
 #include "tests/host/host_fixture.h"
 #include "tests/support/scarce_memory.h"
@@ -10,63 +9,38 @@
 namespace zelta::host {
 namespace {
 
+using test::MemorySweep;
 using test::ScarceMemory;
 using ::testing::IsEmpty;
 
-constexpr auto kOutOfMemoryStatus = framework::hresult(0x8007000E);
-constexpr int kManyAllocations = 500;  // more than any operation makes
+class MemoryTest : public HostTest {};
 
-class MemoryTest : public HostTest {
- protected:
-  // Runs `operation` with 0, 1, 2 ... allocations until it says that they sufficed.
-  template <typename Operation>
-  static void withEveryShortage(Operation operation) {
-    int allocations = 0;
-    while (!operation(allocations)) {
-      ASSERT_LT(++allocations, kManyAllocations) << "never enough memory";
-    }
-    EXPECT_GT(allocations, 0) << "the operation allocates nothing: nothing was tried";
-  }
-
-  // One request with no more than so many allocations; whether they sufficed.
-  bool echoWith(int allocations) {
-    std::atomic<int> completions{0};
-    const File::Completion completion = [&](const IoResult&) { ++completions; };
-    const std::vector<std::uint8_t> input = {1, 2, 3};
-    std::shared_ptr<IoOperation> operation;
-    bool ranOut = false;
-    {
-      const ScarceMemory memory(allocations);
-      try {
-        operation = file_->submit(fake::kEcho, input, 8, completion);
-      } catch (const std::bad_alloc&) {
-      }
-      ranOut = memory.ranOut();
-    }
-    if (operation != nullptr) {
-      EXPECT_TRUE(operation->wait(kLong));
-      EXPECT_TRUE(!ranOut || operation->result().status == kOutOfMemoryStatus ||
-                  operation->result().status == framework::kOk);
-      if (!ranOut) {
-        EXPECT_EQ(operation->result().output, input);
-      }
-    }
-    EXPECT_EQ(completions, operation == nullptr ? 0 : 1);
-    return !ranOut;
-  }
-};
-
-TEST_F(MemoryTest, RequestIsCompletedOnceOrNotBegun) {
+TEST_F(MemoryTest, RequestWithoutMemory_IsCompletedOnceOrNotBegun) {
   start();
   control(fake::kEcho);
-  withEveryShortage([this](int allocations) { return echoWith(allocations); });
+  const std::vector<std::uint8_t> input = {1, 2, 3};
+  for (MemorySweep sweep; sweep.next();) {
+    std::atomic<int> completions{0};
+    const File::Completion completion = [&](const IoResult&) { ++completions; };
+    std::shared_ptr<IoOperation> operation;
+    sweep.run([&] { operation = file_->submit(fake::kEcho, input, 8, completion); });
+    EXPECT_EQ(completions, operation == nullptr ? 0 : 1);
+    if (operation == nullptr) continue;
+    EXPECT_TRUE(operation->wait(kLong));
+    const IoResult& result = operation->result();
+    EXPECT_TRUE(result.status == framework::kOk ||
+                (sweep.ranOut() && result.status == status::kOutOfMemory));
+    if (!sweep.ranOut()) {
+      EXPECT_EQ(result.output, input);
+    }
+  }
   EXPECT_EQ(control(fake::kEcho, {7}).output, std::vector<std::uint8_t>{7});
   host_->tearDown();
   EXPECT_THAT(errors(), IsEmpty());
 }
 
 // The request and its storage; the third is the fake driver's own.
-TEST_F(MemoryTest, ControlNeedsTwoAllocationsBeforeTheDriverIsCalledAndNoneAfterwards) {
+TEST_F(MemoryTest, Control_NeedsTwoAllocationsBeforeTheDriverIsCalledAndNoneAfterwards) {
   start();
   std::array<std::uint8_t, 4> bytes = {1, 2, 3, 4};
   const auto echo = [&](int allocations) {
@@ -74,55 +48,40 @@ TEST_F(MemoryTest, ControlNeedsTwoAllocationsBeforeTheDriverIsCalledAndNoneAfter
     return file_->controlInParts(fake::kEcho, {{}, {bytes.data(), 4}}, {{bytes.data(), 4}, {}},
                                  kLong);
   };
-  for (const int tooFew : {0, 1}) EXPECT_EQ(echo(tooFew).status, kOutOfMemoryStatus);
+  for (const int tooFew : {0, 1}) EXPECT_EQ(echo(tooFew).status, status::kOutOfMemory);
   EXPECT_EQ(echo(3).status, framework::kOk);
 }
 
-TEST_F(MemoryTest, FileIsOpenedOrNot) {
+TEST_F(MemoryTest, FileWithoutMemory_IsOpenedOrNot) {
   start();
   const std::wstring name = L"dev0";
-  withEveryShortage([&](int allocations) {
+  for (MemorySweep sweep; sweep.next();) {
     std::shared_ptr<File> file;
-    bool ranOut = false;
-    {
-      const ScarceMemory memory(allocations);
-      try {
-        file = host_->open(name);
-      } catch (const std::bad_alloc&) {
-      }
-      ranOut = memory.ranOut();
-    }
-    EXPECT_EQ(file == nullptr, ranOut);
-    return !ranOut;
-  });
+    sweep.run([&] { file = host_->open(name); });
+    EXPECT_EQ(file == nullptr, sweep.ranOut());
+  }
 }
 
-TEST_F(MemoryTest, BringUpThatFailsIsTakenBackAndCanBeRepeated) {
-  withEveryShortage([this](int allocations) {
-    bool failed = false;
-    bool ranOut = false;
-    {
-      const ScarceMemory memory(allocations);
+TEST_F(MemoryTest, BringUpWithoutMemory_IsTakenBackAndCanBeRepeated) {
+  for (MemorySweep sweep; sweep.next();) {
+    bool failed = true;
+    sweep.run([&] {
       try {
         host_->bringUp();
+        failed = false;
       } catch (const HostError&) {
-        failed = true;
-      } catch (const std::bad_alloc&) {
-        failed = true;
       }
-      ranOut = memory.ranOut();
-    }
-    EXPECT_EQ(failed, ranOut);
+    });
+    EXPECT_EQ(failed, sweep.ranOut());
     EXPECT_EQ(host_->open(L"dev0") == nullptr, failed);
-    return !ranOut;
-  });
+  }
   start();
   EXPECT_EQ(control(fake::kEcho, {7}).output, std::vector<std::uint8_t>{7});
   host_->tearDown();
   EXPECT_TRUE(host_->unload());
 }
 
-TEST_F(MemoryTest, CancellingNeedsNone) {
+TEST_F(MemoryTest, Cancelling_NeedsNoMemory) {
   start();
   const auto operation = submit(fake::kWait);
   {
@@ -133,7 +92,7 @@ TEST_F(MemoryTest, CancellingNeedsNone) {
   EXPECT_EQ(operation->result().status, kCancelledStatus);
 }
 
-TEST_F(MemoryTest, TearingDownNeedsNone) {
+TEST_F(MemoryTest, TearingDown_NeedsNoMemory) {
   start();
   std::atomic<int> completions{0};
   std::vector<std::shared_ptr<IoOperation>> operations;

@@ -2,120 +2,200 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <future>
+#include <map>
+#include <optional>
+#include <sstream>
+#include <string>
 #include <thread>
 
-#include "tests/pcsc/card_presence_fixture.h"
 #include "tests/support/waiting_thread.h"
 
 namespace zelta::pcsc {
 namespace {
 
 using std::chrono::milliseconds;
-using test::WaitingThread;
+using Clock = std::chrono::steady_clock;
 
-TEST_F(CardPresenceTest, ShowsNoCardAtFirst) {
-  EXPECT_EQ(presence_.card(), kNoCard);
-  EXPECT_EQ(presence_.reportCard(), kNoCard);
-  EXPECT_TRUE(takesItsTime());
-}
+constexpr milliseconds kShort{30};
+constexpr milliseconds kLong{120000};
 
-TEST_F(CardPresenceTest, CardThatEnteredIsShown) {
-  enter();
-  EXPECT_NE(presence_.card(), kNoCard);
-  EXPECT_EQ(presence_.reportCard(), presence_.card());
-}
+// Each test tells a story in words, with pcscd's polling thread played by the test's own.
+class CardPresenceTest : public testing::Test {
+ protected:
+  void tell(const std::string& story) {
+    std::istringstream words(story);
+    std::string told;
+    for (std::string word; words >> word;) {
+      told += word + " ";
+      SCOPED_TRACE("at the end of: " + told);
+      const auto found = words_.find(word);
+      ASSERT_NE(found, words_.end()) << "no such word";
+      found->second();
+    }
+  }
+  bool pollEndsWithin(milliseconds limit, milliseconds bound) {
+    const auto begun = Clock::now();
+    presence_.awaitChange(limit);
+    return Clock::now() - begun < bound;
+  }
 
-TEST_F(CardPresenceTest, CardThatLeftBeforeItWasShownNeverIs) {
-  presence_.expectCard();
-  presence_.cardLeft();
-  EXPECT_FALSE(presence_.cardEntered());
-  EXPECT_EQ(presence_.card(), kNoCard);
-  EXPECT_TRUE(takesItsTime());
-  enter();
-  EXPECT_NE(presence_.card(), kNoCard);
-}
+  CardPresence presence_;
+  CardNumber seen_ = kNoCard;  // the latest card of "card" and "new"
+  std::optional<CardUse> use_;
+  Clock::time_point refused_;
 
-TEST_F(CardPresenceTest, InsertionEndsTheWait) {
-  WaitingThread polling([this] { presence_.awaitChange(kLong); });
+ private:
+  void see() {
+    seen_ = presence_.reportCard();
+    EXPECT_NE(seen_, kNoCard);
+    EXPECT_EQ(presence_.card(), seen_);
+  }
+
+  const std::map<std::string, std::function<void()>> words_{
+      // What the driver reports.
+      {"enter",
+       [this] {
+         presence_.expectCard();
+         EXPECT_TRUE(presence_.cardEntered());
+       }},
+      {"leaves-early",
+       [this] {
+         presence_.expectCard();
+         presence_.cardLeft();
+         EXPECT_FALSE(presence_.cardEntered());
+       }},
+      {"leave", [this] { presence_.cardLeft(); }},
+      // What pcscd's calls do.
+      {"stop", [this] { presence_.stopAwaiting(); }},
+      {"close", [this] { presence_.close(); }},
+      {"refuse",
+       [this] {
+         refused_ = Clock::now();
+         presence_.noteRefusal();
+       }},
+      {"reinsert", [this] { presence_.reinsert(presence_.card()); }},
+      {"reinsert-another",
+       [this] {
+         presence_.reinsert(presence_.card() + 1);
+         presence_.reinsert(kNoCard);
+       }},
+      {"client-asks", [this] { std::thread([this] { presence_.reportCard(); }).join(); }},
+      {"use", [this] { use_.emplace(presence_); }},
+      {"used", [this] { use_.reset(); }},
+      // What the polling thread sees.
+      {"told", [this] { EXPECT_TRUE(pollEndsWithin(kLong, kLong / 2)); }},
+      {"quiet", [this] { EXPECT_FALSE(pollEndsWithin(kShort, kShort)); }},
+      {"past-limit", [this] { EXPECT_TRUE(pollEndsWithin(milliseconds(-1), kLong)); }},
+      {"none", [this] { EXPECT_EQ(presence_.reportCard(), kNoCard); }},
+      {"card", [this] { see(); }},
+      {"same", [this] { EXPECT_EQ(presence_.reportCard(), seen_); }},
+      {"new",
+       [this] {
+         const CardNumber before = seen_;
+         see();
+         EXPECT_NE(seen_, before);
+       }},
+      {"late", [this] { EXPECT_GE(Clock::now() - refused_, CardPresence::kSettlingTime); }},
+      // What a call that works with the card finds.
+      {"usable",
+       [this] {
+         EXPECT_TRUE(presence_.isShown(seen_));
+         EXPECT_FALSE(presence_.isShown(seen_ + 1));
+         EXPECT_FALSE(presence_.isShown(kNoCard));
+       }},
+      {"unusable",
+       [this] {
+         EXPECT_FALSE(presence_.isShown(seen_));
+         EXPECT_EQ(presence_.card(), kNoCard);
+       }},
+  };
+};
+
+struct Story {
+  const char* name;
+  const char* words;
+};
+
+const Story kStories[] = {
+    {"AtFirst_NoCardIsShown", "none quiet"},
+    {"CardThatEntered_IsShown", "enter card"},
+    {"CardThatLeftBeforeItWasShown_NeverIs", "leaves-early none quiet enter card"},
+    {"CardNotAskedFor_EndsOnePoll", "enter told quiet"},
+    {"CardSeenByThePollingThread_EndsNoPoll", "enter card quiet"},
+    {"CardSeenByAClientsThread_StillEndsAPoll", "enter client-asks told quiet"},
+    {"Removal_HidesTheCardAtOnce", "enter card leave unusable told quiet"},
+    {"CardThatIsBack_IsHiddenUntilPollingIsEnteredAgain",
+     "enter card leave enter told none none told new quiet"},
+    {"CardThatCameAndWentWhileHidden_IsNeverShown",
+     "enter card leave enter leave told none quiet none enter told card"},
+    {"StopBeforeThePoll_EndsOne", "stop told quiet"},
+    {"StopBeforeARemoval_DoesNotSwallowIt", "enter card stop leave told none"},
+    {"StopWhileTheCardIsHidden_EndsThePoll",
+     "enter card leave enter told refuse stop told none told card"},
+    {"AfterClose_EveryPollEnds", "close told told"},
+    {"NegativeLimit_EndsThePollAtOnce", "past-limit"},
+    {"RefusalAfterARemoval_ShowsTheNextCardLater",
+     "enter card leave refuse enter told none told late new"},
+    {"RefusalBeforeTheInsertion_ShowsTheCardLater", "refuse enter told late card"},
+    {"RefusalWhileTheCardIsShown_DoesNotHideIt", "enter refuse card"},
+    {"Reinsertion_MakesTheCardLeaveAndEnterOnce",
+     "enter card reinsert unusable told none told new quiet"},
+    {"ReinsertionAfterARefusal_ShowsTheCardLater",
+     "enter card refuse reinsert told told late card"},
+    {"ReinsertionOfACardNoLongerShown_DoesNothing", "enter card reinsert-another same quiet"},
+    {"RemovalDuringAReinsertion_LeavesNoCard", "enter card reinsert leave told none quiet none"},
+    {"CardInUse_IsUsableUntilItLeaves", "enter card use usable same quiet leave unusable"},
+    {"CardInUse_IsUsableUntilTheChannelCloses", "enter card use usable close unusable"},
+    {"NextCard_IsShownAfterTheCallWithTheOldOne",
+     "enter card use leave enter told none quiet none used told new"},
+    {"CardThatEntersDuringARefusedCall_IsShownAfterIt",
+     "use enter quiet none refuse used told late card"},
+};
+
+class CardPresenceStoryTest : public CardPresenceTest, public testing::WithParamInterface<Story> {};
+
+TEST_P(CardPresenceStoryTest, IsAsTold) { tell(GetParam().words); }
+
+INSTANTIATE_TEST_SUITE_P(Stories, CardPresenceStoryTest, testing::ValuesIn(kStories),
+                         [](const auto& each) { return each.param.name; });
+
+struct Wake {
+  const char* name;
+  const char* before;
+  const char* event;  // ends a poll that waits
+};
+
+const Wake kWakes[] = {
+    {"Insertion", "", "enter"},
+    {"Removal", "enter told", "leave"},
+    {"Stop", "", "stop"},
+    {"Close", "", "close"},
+    {"EndOfTheLastUseOfARemovedCard", "enter card use leave enter told", "used"},
+};
+
+class CardPresenceWakeTest : public CardPresenceTest, public testing::WithParamInterface<Wake> {};
+
+TEST_P(CardPresenceWakeTest, EndsAPollThatWaits) {
+  tell(GetParam().before);
+  test::WaitingThread polling([this] { presence_.awaitChange(kLong); });
   ASSERT_TRUE(polling.waits());
-  enter();
+  tell(GetParam().event);
   EXPECT_TRUE(polling.ends());
 }
 
-TEST_F(CardPresenceTest, UnseenCardEndsTheNextWaitAtOnceAndOnlyThat) {
-  enter();
-  EXPECT_TRUE(returnsAtOnce());
-  EXPECT_TRUE(takesItsTime());
+INSTANTIATE_TEST_SUITE_P(Events, CardPresenceWakeTest, testing::ValuesIn(kWakes),
+                         [](const auto& each) { return each.param.name; });
+
+TEST_F(CardPresenceTest, RefusalsThatGoOn_DoNotHideACardForEver) {
+  tell("refuse enter");
+  auto polled = std::async(std::launch::async, [this] { presence_.awaitChange(kLong); });
+  while (polled.wait_for(milliseconds(1)) != std::future_status::ready) presence_.noteRefusal();
+  EXPECT_NE(presence_.card(), kNoCard);
 }
 
-TEST_F(CardPresenceTest, CardThatThePollingThreadSawIsNotToldAgain) {
-  enter();
-  presence_.reportCard();
-  EXPECT_TRUE(takesItsTime());
-}
-
-TEST_F(CardPresenceTest, CardThatAnotherThreadSawIsStillTold) {
-  enter();
-  std::thread([this] { presence_.reportCard(); }).join();
-  EXPECT_TRUE(returnsAtOnce());
-}
-
-TEST_F(CardPresenceTest, RemovalEndsTheWaitAndShowsNoCardAtOnce) {
-  enter();
-  WaitingThread polling([this] {
-    presence_.reportCard();  // it is this thread that need not be told of the card
-    presence_.awaitChange(kLong);
-  });
-  ASSERT_TRUE(polling.waits());
-  presence_.cardLeft();
-  EXPECT_EQ(presence_.card(), kNoCard);
-  EXPECT_TRUE(polling.ends());
-  EXPECT_TRUE(takesItsTime());
-}
-
-TEST_F(CardPresenceTest, CardThatIsBackIsHiddenUntilPollingIsEnteredAgain) {
-  enter();
-  presence_.reportCard();
-  const CardNumber first = presence_.card();
-  presence_.cardLeft();
-  enter();
-  EXPECT_TRUE(returnsAtOnce());  // for the removal
-  EXPECT_EQ(presence_.reportCard(), kNoCard);
-  EXPECT_EQ(presence_.reportCard(), kNoCard);  // however often it is asked
-  EXPECT_TRUE(returnsAtOnce());                // for the card that is back
-  EXPECT_NE(presence_.reportCard(), kNoCard);
-  EXPECT_NE(presence_.card(), first);
-  EXPECT_TRUE(takesItsTime());
-}
-
-TEST_F(CardPresenceTest, SwapBetweenQuestionAndPollingIsNotLost) {
-  enter();
-  EXPECT_NE(presence_.reportCard(), kNoCard);
-  presence_.cardLeft();
-  enter();
-  EXPECT_TRUE(returnsAtOnce());
-  EXPECT_EQ(presence_.reportCard(), kNoCard);
-  EXPECT_TRUE(returnsAtOnce());
-  EXPECT_NE(presence_.reportCard(), kNoCard);
-}
-
-TEST_F(CardPresenceTest, CardThatCameAndWentWhileHiddenIsNeverShown) {
-  enter();
-  presence_.reportCard();
-  presence_.cardLeft();
-  enter();
-  presence_.cardLeft();
-  EXPECT_TRUE(returnsAtOnce());
-  EXPECT_EQ(presence_.reportCard(), kNoCard);
-  EXPECT_TRUE(takesItsTime());
-  EXPECT_EQ(presence_.reportCard(), kNoCard);
-  enter();
-  EXPECT_TRUE(returnsAtOnce());
-  EXPECT_NE(presence_.reportCard(), kNoCard);
-}
-
-TEST_F(CardPresenceTest, EachOfAHundredSwapsIsSeen) {
+TEST_F(CardPresenceTest, AHundredSwapsBesideThePollingThread_AreEachSeen) {
   platform::Mutex mutex;
   platform::ConditionVariable changed;
   int removals = 0;
@@ -131,157 +211,16 @@ TEST_F(CardPresenceTest, EachOfAHundredSwapsIsSeen) {
       changed.notifyAll();
     }
   });
-  enter();
+  tell("enter");
   for (int swap = 0; swap < 100; ++swap) {
     platform::MutexLock lock(mutex);
     ASSERT_TRUE(changed.waitFor(lock, kLong, [&] { return insertions == swap + 1; }));
     lock.unlock();
-    presence_.cardLeft();
-    enter();
+    tell("leave enter");
   }
   ASSERT_EQ(polled.wait_for(kLong), std::future_status::ready);
   EXPECT_EQ(removals, 100);
   EXPECT_EQ(insertions, 101);
-}
-
-TEST_F(CardPresenceTest, StopBeforeTheWaitEndsItOnce) {
-  presence_.stopAwaiting();
-  EXPECT_TRUE(returnsAtOnce());
-  EXPECT_TRUE(takesItsTime());
-}
-
-TEST_F(CardPresenceTest, StopDuringTheWaitEndsIt) {
-  WaitingThread polling([this] { presence_.awaitChange(kLong); });
-  ASSERT_TRUE(polling.waits());
-  presence_.stopAwaiting();
-  EXPECT_TRUE(polling.ends());
-}
-
-TEST_F(CardPresenceTest, StopDoesNotSwallowARemoval) {
-  enter();
-  presence_.reportCard();
-  presence_.stopAwaiting();
-  presence_.cardLeft();
-  EXPECT_TRUE(returnsAtOnce());
-  EXPECT_EQ(presence_.reportCard(), kNoCard);
-}
-
-TEST_F(CardPresenceTest, CloseEndsEveryWait) {
-  WaitingThread polling([this] { presence_.awaitChange(kLong); });
-  ASSERT_TRUE(polling.waits());
-  presence_.close();
-  EXPECT_TRUE(polling.ends());
-  EXPECT_TRUE(returnsAtOnce());
-  EXPECT_TRUE(returnsAtOnce());
-}
-
-TEST_F(CardPresenceTest, NegativeTimeReturnsAtOnce) {
-  presence_.awaitChange(milliseconds(-1));
-  SUCCEED();
-}
-
-// --- Refusals ---
-
-TEST_F(CardPresenceTest, CardThatIsBackIsNotShownSoonAfterARefusal) {
-  enter();
-  presence_.reportCard();
-  presence_.cardLeft();
-  const auto begun = std::chrono::steady_clock::now();
-  presence_.refused();
-  enter();
-  EXPECT_TRUE(returnsAtOnce());
-  EXPECT_EQ(presence_.reportCard(), kNoCard);
-  EXPECT_TRUE(returnsAtOnce());
-  EXPECT_GE(std::chrono::steady_clock::now() - begun, CardPresence::kSettlingTime);
-  EXPECT_NE(presence_.reportCard(), kNoCard);
-}
-
-TEST_F(CardPresenceTest, CardThatEntersSoonAfterARefusalIsShownLater) {
-  WaitingThread polling([this] { presence_.awaitChange(kLong); });
-  ASSERT_TRUE(polling.waits());
-  const auto begun = std::chrono::steady_clock::now();
-  presence_.refused();
-  enter();
-  ASSERT_TRUE(polling.ends());
-  EXPECT_GE(std::chrono::steady_clock::now() - begun, CardPresence::kSettlingTime);
-  EXPECT_NE(presence_.reportCard(), kNoCard);
-}
-
-TEST_F(CardPresenceTest, RefusalsThatGoOnDoNotHideACardForEver) {
-  presence_.refused();
-  enter();
-  auto polled = std::async(std::launch::async, [this] { presence_.awaitChange(kLong); });
-  while (polled.wait_for(milliseconds(1)) != std::future_status::ready) presence_.refused();
-  EXPECT_NE(presence_.card(), kNoCard);
-}
-
-TEST_F(CardPresenceTest, StopEndsTheWaitForAHiddenCard) {
-  enter();
-  presence_.reportCard();
-  presence_.cardLeft();
-  enter();
-  EXPECT_TRUE(returnsAtOnce());
-  presence_.refused();
-  presence_.stopAwaiting();
-  EXPECT_TRUE(returnsAtOnce());
-  EXPECT_EQ(presence_.reportCard(), kNoCard);
-  EXPECT_TRUE(returnsAtOnce());
-  EXPECT_NE(presence_.reportCard(), kNoCard);
-}
-
-TEST_F(CardPresenceTest, RefusalWhileTheCardIsShownDoesNotHideIt) {
-  enter();
-  presence_.refused();
-  EXPECT_NE(presence_.card(), kNoCard);
-}
-
-// --- Cycles ---
-
-TEST_F(CardPresenceTest, CycleMakesTheCardLeaveAndEnterOnce) {
-  enter();
-  presence_.reportCard();
-  const CardNumber first = presence_.card();
-  presence_.cycle(first);
-  EXPECT_EQ(presence_.card(), kNoCard);
-  EXPECT_TRUE(returnsAtOnce());
-  EXPECT_EQ(presence_.reportCard(), kNoCard);
-  EXPECT_TRUE(returnsAtOnce());
-  EXPECT_NE(presence_.reportCard(), kNoCard);
-  EXPECT_NE(presence_.card(), first);
-  EXPECT_TRUE(takesItsTime());
-}
-
-TEST_F(CardPresenceTest, CycleThatFollowsARefusalShowsTheCardLater) {
-  enter();
-  presence_.reportCard();
-  const auto begun = std::chrono::steady_clock::now();
-  presence_.refused();
-  presence_.cycle(presence_.card());
-  EXPECT_TRUE(returnsAtOnce());
-  EXPECT_TRUE(returnsAtOnce());
-  EXPECT_GE(std::chrono::steady_clock::now() - begun, CardPresence::kSettlingTime);
-  EXPECT_NE(presence_.reportCard(), kNoCard);
-}
-
-TEST_F(CardPresenceTest, CycleOfACardThatIsNoLongerShownDoesNothing) {
-  enter();
-  presence_.reportCard();
-  const CardNumber first = presence_.card();
-  presence_.cycle(first + 1);
-  presence_.cycle(kNoCard);
-  EXPECT_EQ(presence_.card(), first);
-  EXPECT_TRUE(takesItsTime());
-}
-
-TEST_F(CardPresenceTest, CardThatLeavesDuringACycleStaysAway) {
-  enter();
-  presence_.reportCard();
-  presence_.cycle(presence_.card());
-  presence_.cardLeft();
-  EXPECT_TRUE(returnsAtOnce());
-  EXPECT_EQ(presence_.reportCard(), kNoCard);
-  EXPECT_TRUE(takesItsTime());
-  EXPECT_EQ(presence_.reportCard(), kNoCard);
 }
 
 }  // namespace

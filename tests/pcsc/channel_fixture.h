@@ -1,6 +1,7 @@
-// A channel on a reader that the test plays.
+// Channels on readers that the test plays.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -10,7 +11,8 @@
 
 #include "contract/bytes.h"
 #include "contract/io_controls.h"
-#include "pcsc/channel.h"
+#include "contract/status.h"
+#include "pcsc/channel_table.h"
 #include "tests/doubles/framework/fake_driver_host.h"
 
 namespace zelta::test {
@@ -29,11 +31,11 @@ class LogLines {
     const platform::MutexLock lock(mutex_);
     return lines_;
   }
-
-  bool waitForLines(std::size_t count, std::chrono::milliseconds limit) {
+  bool waitForLines(std::size_t count) {
     platform::MutexLock lock(mutex_);
-    return changed_.waitFor(
-        lock, limit, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return lines_.size() >= count; });
+    return changed_.waitFor(lock, FakeReader::kLimit, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+      return lines_.size() >= count;
+    });
   }
 
  private:
@@ -42,29 +44,25 @@ class LogLines {
   std::vector<std::string> lines_ ZELTA_GUARDED_BY(mutex_);
 };
 
+inline constexpr framework::HRESULT kGenFailure = status::kGenFailure;
+inline const Bytes kAtr{0x3B, 0x95, 0x13, 0x81, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00};
+
+// A command as pcscd sends it; the answer is taken into a buffer of that size.
+inline pcsc::Reply transmit(pcsc::Channel& channel, DWORD protocol, const Bytes& command,
+                            std::size_t capacity) {
+  Bytes answer(capacity);
+  const pcsc::TransmitReply reply = channel.transmit(
+      {protocol, {command.data(), command.size()}, {answer.data(), answer.size()}});
+  answer.resize(reply.answerSize);
+  return {reply.code, std::move(answer)};
+}
+
 class ChannelTest : public testing::Test {
  protected:
-  static constexpr framework::HRESULT kGenFailure = framework::hresult(0x8007001F);
-  const Bytes kAtr{0x3B, 0x95, 0x13, 0x81, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00};
-
   ChannelTest() {
-    answerPower(succeededWith(kAtr));
+    reader_->answerWith(IOCTL_SMARTCARD_POWER, succeededWith(kAtr));
     channel_.emplace(
         "dev0", reader_->open(), [] { return nullptr; }, log_->log());
-  }
-
-  // A command as pcscd sends it; the answer is taken into a buffer of that size.
-  pcsc::Reply transmit(DWORD protocol, const Bytes& command, std::size_t capacity) {
-    Bytes answer(capacity);
-    std::size_t size = 0;
-    const RESPONSECODE code = channel_->transmit(
-        {protocol, {command.data(), command.size()}, {answer.data(), answer.size()}}, &size);
-    answer.resize(size);
-    return {code, std::move(answer)};
-  }
-
-  void answerPower(host::IoResult result) {
-    reader_->answer(IOCTL_SMARTCARD_POWER, [result](const auto&) { return result; });
   }
 
   // pcscd's polling function, with what it does of its own accord afterwards.
@@ -84,10 +82,35 @@ class ChannelTest : public testing::Test {
     poll();
     ASSERT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
   }
+  // The card, which has not moved, left for pcscd; it comes back by itself.
+  void expectReinsertion() {
+    EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
+    poll();  // for the removal
+    EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
+    poll();  // for the card that is back
+    EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
+  }
 
   const std::shared_ptr<FakeReader> reader_ = std::make_shared<FakeReader>();
   const std::shared_ptr<LogLines> log_ = std::make_shared<LogLines>();
   std::optional<pcsc::Channel> channel_;
+};
+
+// A table of channels over a host with two readers.
+class TableTest : public testing::Test {
+ protected:
+  static constexpr DWORD kLun = 0;
+  static constexpr DWORD kOtherLun = 0x10000;
+
+  const std::shared_ptr<FakeHostRecord> record_ = std::make_shared<FakeHostRecord>();
+  const std::shared_ptr<FakeReader> reader_ = std::make_shared<FakeReader>();  // dev0
+  const std::shared_ptr<FakeReader> other_ = std::make_shared<FakeReader>();   // dev1
+  const std::shared_ptr<LogLines> log_ = std::make_shared<LogLines>();
+  pcsc::ChannelTable table_{{[this](const std::string& path, host::HostOptions options) {
+                               return FakeDriverHost::load(path, std::move(options), record_,
+                                                           {{L"dev0", reader_}, {L"dev1", other_}});
+                             },
+                             [] { return std::string("/module.so"); }, log_->log()}};
 };
 
 }  // namespace zelta::test

@@ -1,31 +1,23 @@
 #include "pcsc/channel.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "contract/attributes.h"
-#include "contract/bytes.h"
-#include "contract/io_controls.h"
 #include "contract/reader_states.h"
-#include "contract/status.h"
 #include "tests/pcsc/channel_fixture.h"
 
 namespace zelta::pcsc {
 namespace {
 
 using test::failedWith;
+using test::kAtr;
+using test::kGenFailure;
 using test::succeededWith;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using ChannelTest = test::ChannelTest;
 
-constexpr framework::HRESULT kUnrecognizedMedia = framework::hresult(0x800706F9);
+constexpr framework::HRESULT kMute = status::kUnrecognizedMedia;
 
-using ChannelPowerTest = test::ChannelTest;
-using ChannelProtocolTest = test::ChannelTest;
-
-// --- Presence ---
-
-TEST_F(ChannelPowerTest, PresenceIsAnsweredWithoutAskingTheDriver) {
+TEST_F(ChannelTest, Presence_IsAnsweredWithoutAskingTheDriver) {
   EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
   insert();
   EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
@@ -37,161 +29,121 @@ TEST_F(ChannelPowerTest, PresenceIsAnsweredWithoutAskingTheDriver) {
 
 // --- Power ---
 
-TEST_F(ChannelPowerTest, PowerUpIsAColdResetAndGivesTheAtr) {
+TEST_F(ChannelTest, PowerActions_BecomeTheDriversOperations) {
   insert();
-  const Reply reply = channel_->power(IFD_POWER_UP);
-  EXPECT_EQ(reply.code, IFD_SUCCESS);
-  EXPECT_EQ(reply.bytes, kAtr);
-  const auto requests = reader_->requests(IOCTL_SMARTCARD_POWER);
-  ASSERT_EQ(requests.size(), 1u);
-  EXPECT_THAT(requests[0].input, ElementsAre(1, 0, 0, 0));
-  EXPECT_EQ(requests[0].outputCapacity, static_cast<std::size_t>(MAX_ATR_SIZE));
+  struct {
+    DWORD action;
+    std::uint8_t operation;
+    std::size_t capacity;
+    Bytes bytes;
+  } const rows[] = {{IFD_RESET, 2, MAX_ATR_SIZE, kAtr},  // of an unpowered card
+                    {IFD_POWER_UP, 1, MAX_ATR_SIZE, kAtr},
+                    {IFD_POWER_DOWN, 0, 0, {}}};
+  for (const auto& row : rows) {
+    const Reply reply = channel_->power(row.action);
+    EXPECT_EQ(reply.code, IFD_SUCCESS);
+    EXPECT_EQ(reply.bytes, row.bytes);
+    const auto request = reader_->requests(IOCTL_SMARTCARD_POWER).back();
+    EXPECT_THAT(request.input, ElementsAre(row.operation, 0, 0, 0));
+    EXPECT_EQ(request.outputCapacity, row.capacity);
+  }
+  EXPECT_EQ(channel_->power(503).code, IFD_NOT_SUPPORTED);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_POWER), 3u);
 }
 
-TEST_F(ChannelPowerTest, ResetIsAWarmResetAlsoOfAnUnpoweredCard) {
-  insert();
-  EXPECT_EQ(channel_->power(IFD_RESET).bytes, kAtr);
-  EXPECT_THAT(reader_->requests(IOCTL_SMARTCARD_POWER)[0].input, ElementsAre(2, 0, 0, 0));
-}
-
-TEST_F(ChannelPowerTest, PowerDownGivesNoAtr) {
-  insertAndPowerUp();
-  const Reply reply = channel_->power(IFD_POWER_DOWN);
-  EXPECT_EQ(reply.code, IFD_SUCCESS);
-  EXPECT_THAT(reply.bytes, IsEmpty());
-  EXPECT_THAT(reader_->requests(IOCTL_SMARTCARD_POWER)[1].input, ElementsAre(0, 0, 0, 0));
-}
-
-TEST_F(ChannelPowerTest, NoCardIsPoweredUpOrReset) {
+TEST_F(ChannelTest, PowerActionsWithoutACard_LeaveTheDriverAlone) {
   EXPECT_EQ(channel_->power(IFD_POWER_UP).code, IFD_ICC_NOT_PRESENT);
   EXPECT_EQ(channel_->power(IFD_RESET).code, IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_POWER), 0u);
-}
-
-TEST_F(ChannelPowerTest, PowerDownWithoutACardSucceedsAndLeavesTheDriverAlone) {
   EXPECT_EQ(channel_->power(IFD_POWER_DOWN).code, IFD_SUCCESS);
   EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_POWER), 0u);
 }
 
-TEST_F(ChannelPowerTest, PowerDownThatFailsIsTold) {
-  insertAndPowerUp();
-  answerPower(failedWith(kGenFailure));
-  EXPECT_EQ(channel_->power(IFD_POWER_DOWN).code, IFD_ERROR_POWER_ACTION);
-  EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
-}
-
-TEST_F(ChannelPowerTest, UnknownActionIsNotSupported) {
-  insert();
-  EXPECT_EQ(channel_->power(503).code, IFD_NOT_SUPPORTED);
-  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_POWER), 0u);
-}
-
-TEST_F(ChannelPowerTest, LongestAtrIsTaken) {
+TEST_F(ChannelTest, LongestAtr_IsGiven) {
   insert();
   Bytes atr(MAX_ATR_SIZE, 0xF0);  // four groups of interface bytes and 15 historical ones
   atr[0] = 0x3B;
   atr[1] = 0xFF;
   atr[17] = 0x00;
-  answerPower(succeededWith(atr));
+  reader_->answerWith(IOCTL_SMARTCARD_POWER, succeededWith(atr));
   EXPECT_EQ(channel_->power(IFD_POWER_UP).bytes, atr);
 }
 
-TEST_F(ChannelPowerTest, AtrThatIsTooLongIsAFailedPowerUp) {
-  insert();
-  // The driver writes nothing then and says how much there would have been.
-  answerPower({framework::kOk, MAX_ATR_SIZE + 1, {}});
-  EXPECT_EQ(channel_->power(IFD_POWER_UP).code, IFD_ERROR_POWER_ACTION);
-  EXPECT_THAT(log_->lines(),
-              ElementsAre("2 the card's answer to reset has 34 bytes; 1 to 33 are possible"));
-}
+struct PowerFailure {
+  const char* name;
+  bool answeredBefore;  // the card, since it entered
+  DWORD action;
+  host::IoResult answer;
+  RESPONSECODE code;
+  bool isReinserted;
+  const char* line;  // in the log; empty: none
+};
 
-TEST_F(ChannelPowerTest, EmptyAtrIsAFailedPowerUp) {
-  insert();
-  answerPower(succeededWith({}));
-  EXPECT_EQ(channel_->power(IFD_POWER_UP).code, IFD_ERROR_POWER_ACTION);
-  EXPECT_THAT(log_->lines(),
-              ElementsAre("2 the card's answer to reset has 0 bytes; 1 to 33 are possible"));
-}
+constexpr char kNoAtr[] = "2 the card sent no valid ATR: 3B 95 13";
 
-TEST_F(ChannelPowerTest, BytesThatCannotBeAnAtrAreAFailedPowerUpAndAreLogged) {
-  insert();
-  answerPower(succeededWith({0x3B, 0x95, 0x13}));
-  EXPECT_EQ(channel_->power(IFD_POWER_UP).code, IFD_ERROR_POWER_ACTION);
-  EXPECT_EQ(channel_->power(IFD_RESET).code, IFD_ERROR_POWER_ACTION);
-  EXPECT_EQ(channel_->presence(), IFD_SUCCESS);  // mute
-  EXPECT_THAT(log_->lines(), ElementsAre("2 the card sent no valid ATR: 3B 95 13",
-                                         "2 the card sent no valid ATR: 3B 95 13"));
-  answerPower(succeededWith(kAtr));
-  EXPECT_EQ(channel_->power(IFD_POWER_UP).bytes, kAtr);
-}
+const PowerFailure kPowerFailures[] = {
+    {"MuteNewCard", false, IFD_POWER_UP, failedWith(kMute), IFD_ERROR_POWER_ACTION, false, ""},
+    {"NewCardWithoutMedia", false, IFD_POWER_UP, failedWith(status::kNoMedia), IFD_ICC_NOT_PRESENT,
+     false, ""},
+    // The driver writes nothing then and says how much there would have been.
+    {"AtrThatIsTooLong",
+     false,
+     IFD_POWER_UP,
+     {framework::kOk, MAX_ATR_SIZE + 1, {}},
+     IFD_ERROR_POWER_ACTION,
+     false,
+     "2 the card's answer to reset has 34 bytes; 1 to 33 are possible"},
+    {"EmptyAtr", false, IFD_POWER_UP, succeededWith({}), IFD_ERROR_POWER_ACTION, false,
+     "2 the card's answer to reset has 0 bytes; 1 to 33 are possible"},
+    {"BytesThatAreNoAtr", false, IFD_POWER_UP, succeededWith({0x3B, 0x95, 0x13}),
+     IFD_ERROR_POWER_ACTION, false, kNoAtr},
+    {"BytesThatAreNoAtrAfterAReset", false, IFD_RESET, succeededWith({0x3B, 0x95, 0x13}),
+     IFD_ERROR_POWER_ACTION, false, kNoAtr},
+    {"CardThatNoLongerPowersUp", true, IFD_POWER_UP, failedWith(kMute), IFD_ERROR_POWER_ACTION,
+     true, ""},
+    {"CardThatNoLongerResets", true, IFD_RESET, failedWith(kMute), IFD_ERROR_POWER_ACTION, true,
+     ""},
+    {"CardThatNoLongerSendsAnAtr", true, IFD_RESET, succeededWith({0x3B, 0x95, 0x13}),
+     IFD_ERROR_POWER_ACTION, true, kNoAtr},
+    {"PowerDownThatFails", true, IFD_POWER_DOWN, failedWith(kGenFailure), IFD_ERROR_POWER_ACTION,
+     false, ""},
+};
 
-TEST_F(ChannelPowerTest, CardThatAnsweredBeforeIsCycledByBytesThatCannotBeAnAtr) {
-  insertAndPowerUp();
-  answerPower(succeededWith({0x90, 0x00}));
-  EXPECT_EQ(channel_->power(IFD_RESET).code, IFD_ERROR_POWER_ACTION);
-  EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
-  poll();
-  poll();
+class PowerFailureTest : public ChannelTest, public testing::WithParamInterface<PowerFailure> {};
+
+TEST_P(PowerFailureTest, IsToldAndTheCardIsPoweredUpByALaterTry) {
+  const PowerFailure& failure = GetParam();
+  insert();
+  if (failure.answeredBefore) channel_->power(IFD_POWER_UP);
+  reader_->answerWith(IOCTL_SMARTCARD_POWER, failure.answer);
+  EXPECT_EQ(channel_->power(failure.action).code, failure.code);
+  const auto lines = log_->lines();
+  EXPECT_EQ(lines.empty() ? "" : lines[0], failure.line);
+  if (failure.isReinserted) {
+    expectReinsertion();
+    // Still mute, it stays in: it has not answered since it is back.
+    EXPECT_EQ(channel_->power(IFD_POWER_UP).code, failure.code);
+  }
   EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
-}
-
-TEST_F(ChannelPowerTest, MuteCardStaysAndIsPoweredUpByTheNextTry) {
-  insert();
-  const framework::HRESULT failures[] = {kUnrecognizedMedia, status::kNoMedia};
-  const RESPONSECODE codes[] = {IFD_ERROR_POWER_ACTION, IFD_ICC_NOT_PRESENT};
-  for (int i = 0; i < 2; ++i) {
-    answerPower(failedWith(failures[i]));
-    EXPECT_EQ(channel_->power(IFD_POWER_UP).code, codes[i]);
-    EXPECT_EQ(channel_->presence(), IFD_SUCCESS);  // no cycle: it had never answered
-  }
-  answerPower(succeededWith(kAtr));
+  reader_->answerWith(IOCTL_SMARTCARD_POWER, succeededWith(kAtr));
   EXPECT_EQ(channel_->power(IFD_POWER_UP).bytes, kAtr);
 }
 
-TEST_F(ChannelPowerTest, CardThatAnsweredBeforeIsCycledOnceWhenItNoLongerDoes) {
-  for (const DWORD action : {IFD_POWER_UP, IFD_RESET}) {
-    answerPower(succeededWith(kAtr));
-    insertAndPowerUp();
-    channel_->power(IFD_POWER_DOWN);
-    answerPower(failedWith(kUnrecognizedMedia));
-    EXPECT_EQ(channel_->power(action).code, IFD_ERROR_POWER_ACTION);
-    EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
-    poll();  // for the removal
-    EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
-    poll();  // for the card that is back
-    EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
-    // Still mute: it stays so, until it answers again.
-    EXPECT_EQ(channel_->power(IFD_POWER_UP).code, IFD_ERROR_POWER_ACTION);
-    EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
-    answerPower(succeededWith(kAtr));
-    EXPECT_EQ(channel_->power(IFD_POWER_UP).bytes, kAtr);
-    remove();
-  }
-}
-
-TEST_F(ChannelPowerTest, AtrOfACardThatLeftMeanwhileIsNotGiven) {
-  insert();
-  reader_->answer(IOCTL_SMARTCARD_POWER, [this](const auto&) {
-    reader_->removeCard();
-    return succeededWith(kAtr);
-  });
-  EXPECT_EQ(channel_->power(IFD_POWER_UP).code, IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(channel_->attribute(SCARD_ATTR_ATR_STRING).code, IFD_ICC_NOT_PRESENT);
-}
+INSTANTIATE_TEST_SUITE_P(Answers, PowerFailureTest, testing::ValuesIn(kPowerFailures),
+                         [](const auto& each) { return each.param.name; });
 
 // --- Protocol ---
 
-TEST_F(ChannelProtocolTest, ProtocolIsChosenByItsMask) {
+TEST_F(ChannelTest, Protocol_IsChosenByItsMask) {
   insertAndPowerUp();
-  EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T0), IFD_SUCCESS);
-  EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T1), IFD_SUCCESS);
-  const auto requests = reader_->requests(IOCTL_SMARTCARD_SET_PROTOCOL);
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_THAT(requests[0].input, ElementsAre(1, 0, 0, 0));
-  EXPECT_THAT(requests[1].input, ElementsAre(2, 0, 0, 0));
+  for (const DWORD protocol : {SCARD_PROTOCOL_T0, SCARD_PROTOCOL_T1}) {
+    EXPECT_EQ(channel_->setProtocol(protocol), IFD_SUCCESS);
+    EXPECT_THAT(reader_->requests(IOCTL_SMARTCARD_SET_PROTOCOL).back().input,
+                ElementsAre(protocol, 0, 0, 0));
+  }
 }
 
-TEST_F(ChannelProtocolTest, OtherProtocolsAreRefusedWithoutTheDriver) {
+TEST_F(ChannelTest, OtherProtocolsOrNoCard_LeaveTheDriverAlone) {
+  EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T1), IFD_ICC_NOT_PRESENT);
   insertAndPowerUp();
   for (const DWORD protocol : {0, 3, 4, 0x80}) {
     EXPECT_EQ(channel_->setProtocol(protocol), IFD_PROTOCOL_NOT_SUPPORTED) << protocol;
@@ -199,48 +151,51 @@ TEST_F(ChannelProtocolTest, OtherProtocolsAreRefusedWithoutTheDriver) {
   EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_SET_PROTOCOL), 0u);
 }
 
-TEST_F(ChannelProtocolTest, ProtocolThatTheCardDoesNotOfferIsRefused) {
+// --- Failures of calls that work with the card ---
+
+struct Failure {
+  const char* name;
+  framework::HRESULT status;
+  RESPONSECODE whenChosen;  // a protocol
+  RESPONSECODE whenSent;    // a command
+};
+
+const Failure kFailures[] = {
+    {"NoMedia", status::kNoMedia, IFD_ICC_NOT_PRESENT, IFD_ICC_NOT_PRESENT},
+    {"DeviceGone", host::kDeviceGone, IFD_ICC_NOT_PRESENT, IFD_ICC_NOT_PRESENT},
+    {"NotSupported", status::kNotSupported, IFD_PROTOCOL_NOT_SUPPORTED, IFD_COMMUNICATION_ERROR},
+    {"TimedOut", host::kTimedOut, IFD_RESPONSE_TIMEOUT, IFD_RESPONSE_TIMEOUT},
+    {"InvalidState", status::kInvalidState, IFD_COMMUNICATION_ERROR, IFD_COMMUNICATION_ERROR},
+    {"GenFailure", kGenFailure, IFD_COMMUNICATION_ERROR, IFD_COMMUNICATION_ERROR},
+};
+
+class CallFailureTest : public ChannelTest, public testing::WithParamInterface<Failure> {
+ protected:
+  void expectCard(RESPONSECODE code) {
+    if (code != IFD_ICC_NOT_PRESENT) {
+      EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
+      return;
+    }
+    EXPECT_EQ(test::transmit(*channel_, 1, {0x00}, 64).code, IFD_ICC_NOT_PRESENT);
+    expectReinsertion();
+    EXPECT_EQ(channel_->power(IFD_POWER_UP).code, IFD_SUCCESS);
+  }
+};
+
+TEST_P(CallFailureTest, IsTold_AndNoCardIsOneThatIsInsertedAgain) {
   insertAndPowerUp();
-  reader_->answer(IOCTL_SMARTCARD_SET_PROTOCOL,
-                  [](const auto&) { return failedWith(status::kNotSupported); });
-  EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T0), IFD_PROTOCOL_NOT_SUPPORTED);
-  EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
+  reader_->answerWith(IOCTL_SMARTCARD_SET_PROTOCOL, failedWith(GetParam().status));
+  EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T0), GetParam().whenChosen);
+  expectCard(GetParam().whenChosen);
+  const std::size_t before = reader_->count(IOCTL_SMARTCARD_TRANSMIT);
+  reader_->answerWith(IOCTL_SMARTCARD_TRANSMIT, failedWith(GetParam().status));
+  EXPECT_EQ(test::transmit(*channel_, 1, {0x00}, 64).code, GetParam().whenSent);
+  expectCard(GetParam().whenSent);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), before + 1);
 }
 
-TEST_F(ChannelProtocolTest, NoMediaIsACardThatLeft) {
-  insertAndPowerUp();
-  reader_->answer(IOCTL_SMARTCARD_SET_PROTOCOL,
-                  [](const auto&) { return failedWith(status::kNoMedia); });
-  EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T1), IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
-  poll();
-  poll();
-  EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
-}
-
-TEST_F(ChannelProtocolTest, NoProtocolWithoutACard) {
-  EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T1), IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_SET_PROTOCOL), 0u);
-}
-
-TEST_F(ChannelProtocolTest, CardThatLeavesMeanwhileIsNotPresent) {
-  insertAndPowerUp();
-  reader_->answer(IOCTL_SMARTCARD_SET_PROTOCOL, [this](const auto&) {
-    reader_->removeCard();
-    return succeededWith({});
-  });
-  EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T1), IFD_ICC_NOT_PRESENT);
-}
-
-TEST_F(ChannelProtocolTest, OtherFailuresAreErrors) {
-  insertAndPowerUp();
-  reader_->answer(IOCTL_SMARTCARD_SET_PROTOCOL,
-                  [](const auto&) { return failedWith(kGenFailure); });
-  EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T1), IFD_COMMUNICATION_ERROR);
-  reader_->answer(IOCTL_SMARTCARD_SET_PROTOCOL,
-                  [](const auto&) { return failedWith(host::kTimedOut); });
-  EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T1), IFD_RESPONSE_TIMEOUT);
-}
+INSTANTIATE_TEST_SUITE_P(Statuses, CallFailureTest, testing::ValuesIn(kFailures),
+                         [](const auto& each) { return each.param.name; });
 
 }  // namespace
 }  // namespace zelta::pcsc

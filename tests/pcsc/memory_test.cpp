@@ -1,100 +1,69 @@
 // Memory that runs out, at every possible point of pcscd's calls: they fail, nothing is left
 // behind, and the next call and the next card work.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
+#include <algorithm>
+#include <array>
 #include <functional>
-#include <new>
 
 #include "contract/attributes.h"
-#include "contract/bytes.h"
-#include "contract/io_controls.h"
 #include "contract/reader_states.h"
-#include "pcsc/channel_table.h"
 #include "tests/pcsc/channel_fixture.h"
+#include "tests/pcsc/handler_fixture.h"
 #include "tests/support/scarce_memory.h"
 
-namespace zelta::pcsc {
+namespace zelta::test {
 namespace {
 
-using test::ScarceMemory;
-using test::succeededWith;
+using pcsc::Channel;
 using testing::ElementsAre;
 
-constexpr int kManyAllocations = 500;  // more than any operation makes
+struct CardCall {
+  const char* name;
+  std::function<void(Channel&)> make;
+  bool poweredUp = true;  // the card; otherwise the driver has its ATR
+};
 
-// Runs `operation` with 0, 1, 2 ... allocations until they suffice; what it throws is
-// std::bad_alloc. `after` follows each time.
-void withEveryShortage(const std::function<void()>& operation, const std::function<void()>& after) {
-  bool ranOut = true;
-  for (int allocations = 0; ranOut; ++allocations) {
-    ASSERT_LT(allocations, kManyAllocations) << "never enough memory";
-    {
-      const ScarceMemory memory(allocations);
-      try {
-        operation();
-        ranOut = memory.ranOut();
-      } catch (const std::bad_alloc&) {
-      }
-    }
-    EXPECT_TRUE(allocations > 0 || ranOut) << "the operation allocates nothing";
-    after();
-  }
-}
+const CardCall kCardCalls[] = {
+    {"Command",
+     [](Channel& channel) {
+       transmit(channel, 1, {0x00, 0xA4}, 258);
+     }},
+    {"Reset", [](Channel& channel) { channel.power(IFD_RESET); }},
+    {"PowerDown", [](Channel& channel) { channel.power(IFD_POWER_DOWN); }},
+    {"Protocol", [](Channel& channel) { channel.setProtocol(SCARD_PROTOCOL_T1); }},
+    {"Atr", [](Channel& channel) { channel.attribute(SCARD_ATTR_ATR_STRING); }, false},
+};
 
-class ChannelMemoryTest : public test::ChannelTest {
+class ChannelMemoryTest : public ChannelTest, public testing::WithParamInterface<CardCall> {
  protected:
-  static host::IoResult answerTo(const test::FakeReader::Request& request) {
-    Bytes answer(request.input.begin(), request.input.begin() + kTransmitHeaderSize);
-    answer.insert(answer.end(), {0x90, 0x00});
-    return succeededWith(answer);
-  }
-
-  Reply send() { return transmit(1, {0x00, 0xA4}, 258); }
-
-  // The card leaves and is back: no call is in its way.
-  void changeCard() {
-    remove();
-    insertAndPowerUp();
-    EXPECT_THAT(send().bytes, ElementsAre(0x90, 0x00));
-  }
-
   void SetUp() override {
-    reader_->answer(IOCTL_SMARTCARD_TRANSMIT, answerTo);
-    insertAndPowerUp();
+    reader_->answer(IOCTL_SMARTCARD_TRANSMIT, [](const FakeReader::Request& request) {
+      Bytes answer(request.input.begin(), request.input.begin() + kTransmitHeaderSize);
+      answer.insert(answer.end(), {0x90, 0x00});
+      return succeededWith(answer);
+    });
+    reader_->answer(IOCTL_SMARTCARD_GET_ATTRIBUTE, [](const auto&) { return succeededWith(kAtr); });
   }
 };
 
-TEST_F(ChannelMemoryTest, CommandFailsAndTheNextOneWorks) {
-  withEveryShortage([this] { send(); }, [this] { changeCard(); });
+TEST_P(ChannelMemoryTest, RunsOut_AndTheNextCardWorks) {
+  for (MemorySweep sweep; sweep.next();) {
+    insert();
+    if (GetParam().poweredUp) channel_->power(IFD_POWER_UP);
+    sweep.run([&] { GetParam().make(*channel_); });
+    remove();
+    insertAndPowerUp();
+    EXPECT_THAT(transmit(*channel_, 1, {0x00, 0xA4}, 258).bytes, ElementsAre(0x90, 0x00));
+    remove();
+  }
 }
 
-TEST_F(ChannelMemoryTest, ResetDoesToo) {
-  withEveryShortage([this] { channel_->power(IFD_RESET); }, [this] { changeCard(); });
-}
+INSTANTIATE_TEST_SUITE_P(Calls, ChannelMemoryTest, testing::ValuesIn(kCardCalls),
+                         [](const auto& each) { return each.param.name; });
 
-TEST_F(ChannelMemoryTest, PowerDownDoesToo) {
-  withEveryShortage([this] { channel_->power(IFD_POWER_DOWN); }, [this] { changeCard(); });
-}
+using ChannelWithoutMemoryTest = ChannelTest;
 
-TEST_F(ChannelMemoryTest, ProtocolDoesToo) {
-  withEveryShortage([this] { channel_->setProtocol(SCARD_PROTOCOL_T1); }, [this] { changeCard(); });
-}
-
-TEST_F(ChannelMemoryTest, AtrDoesToo) {
-  remove();
-  insert();  // not powered up: the driver has it
-  reader_->answer(IOCTL_SMARTCARD_GET_ATTRIBUTE,
-                  [this](const auto&) { return succeededWith(kAtr); });
-  withEveryShortage([this] { channel_->attribute(SCARD_ATTR_ATR_STRING); },
-                    [this] {
-                      remove();
-                      insert();
-                      EXPECT_EQ(channel_->attribute(SCARD_ATTR_ATR_STRING).bytes, kAtr);
-                    });
-}
-
-TEST_F(ChannelMemoryTest, WhatNeedsNoDriverNeedsNoMemory) {
+TEST_F(ChannelWithoutMemoryTest, WhatNeedsNoDriver_NeedsNoMemory) {
+  insert();
   const ScarceMemory memory(0);
   EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
   channel_->stopAwaiting();
@@ -105,28 +74,116 @@ TEST_F(ChannelMemoryTest, WhatNeedsNoDriverNeedsNoMemory) {
   EXPECT_FALSE(memory.ranOut());
 }
 
-TEST(TableMemoryTest, ChannelIsOpenedOrNothingIsLeft) {
-  const auto reader = std::make_shared<test::FakeReader>();
-  const auto record = std::make_shared<test::FakeHostRecord>();
-  ChannelTable table(
-      {[&](const std::string& path, host::HostOptions options) {
-         return test::FakeDriverHost::load(path, std::move(options), record, {{L"dev0", reader}});
-       },
-       [] { return std::string("/module.so"); }, [](auto, const auto&) {}});
+using TableMemoryTest = TableTest;
+
+TEST_F(TableMemoryTest, RunsOut_AndAChannelIsOpenOrNothingIsLeft) {
   RESPONSECODE code = IFD_COMMUNICATION_ERROR;
-  withEveryShortage(
-      [&] {
-        code = IFD_COMMUNICATION_ERROR;
-        code = table.open(0, 0);
-      },
-      [&] {
-        EXPECT_EQ(table.close(0), code == IFD_SUCCESS ? IFD_SUCCESS : IFD_NO_SUCH_DEVICE);
-        EXPECT_EQ(record->broughtUp, record->takenDown);
-      });
+  for (MemorySweep sweep; sweep.next();) {
+    code = IFD_COMMUNICATION_ERROR;
+    sweep.run([&] { code = table_.open(kLun, 0); });
+    EXPECT_EQ(table_.close(kLun), code == IFD_SUCCESS ? IFD_SUCCESS : IFD_NO_SUCH_DEVICE);
+    EXPECT_EQ(record_->broughtUp, record_->takenDown);
+  }
   EXPECT_EQ(code, IFD_SUCCESS);
-  ASSERT_EQ(table.open(0, 0), IFD_SUCCESS);
-  EXPECT_EQ(table.close(0), IFD_SUCCESS);
 }
 
+// --- The functions that pcscd calls, on the real driver ---
+
+// The test's own buffers, made before memory is scarce.
+struct Buffers {
+  std::array<UCHAR, 4> command{0, 1, 2, 0};
+  std::array<UCHAR, 512> bytes{};
+  DWORD length = 0;
+};
+
+constexpr DWORD kLun = 0;
+constexpr RESPONSECODE kForeignAnswer = 1;  // no code of the handler's
+
+RESPONSECODE send(const HandlerLibrary& handler, Buffers& buffers) {
+  ++buffers.command[3];  // an answer to an earlier one would show
+  const RESPONSECODE code = handler.transmit(kLun, {1, 16}, buffers.command.data(), 4,
+                                             buffers.bytes.data(), &buffers.length, nullptr);
+  const bool own = buffers.length == 6 && std::equal(buffers.command.begin(), buffers.command.end(),
+                                                     buffers.bytes.begin());
+  return code == IFD_SUCCESS && !own ? kForeignAnswer : code;
+}
+
+struct HandlerCall {
+  const char* name;
+  RESPONSECODE (*make)(const HandlerLibrary& handler, Buffers& buffers);
+  RESPONSECODE failure;  // if the driver's host found no memory
+};
+
+const HandlerCall kHandlerCalls[] = {
+    {"Command", send, IFD_COMMUNICATION_ERROR},
+    {"Attribute",
+     [](const HandlerLibrary& handler, Buffers& buffers) {
+       return handler.getCapabilities(kLun, SCARD_ATTR_VENDOR_NAME, &buffers.length,
+                                      buffers.bytes.data());
+     },
+     IFD_COMMUNICATION_ERROR},
+    {"SettingAnAttribute",
+     [](const HandlerLibrary& handler, Buffers& buffers) {
+       return handler.setCapabilities(kLun, SCARD_ATTR_DEVICE_IN_USE, 4, buffers.bytes.data());
+     },
+     IFD_ERROR_SET_FAILURE},
+    {"Protocol",
+     [](const HandlerLibrary& handler, Buffers&) {
+       return handler.setProtocol(kLun, SCARD_PROTOCOL_T1, 0, 0, 0, 0);
+     },
+     IFD_COMMUNICATION_ERROR},
+    {"Control",
+     [](const HandlerLibrary& handler, Buffers& buffers) {
+       return handler.control(kLun, CM_IOCTL_GET_FEATURE_REQUEST, nullptr, 0, buffers.bytes.data(),
+                              buffers.bytes.size(), &buffers.length);
+     },
+     IFD_COMMUNICATION_ERROR},
+};
+
+class HandlerMemoryTest : public HandlerFixture, public testing::WithParamInterface<HandlerCall> {
+ protected:
+  RESPONSECODE call() {
+    buffers_.length = buffers_.bytes.size();
+    return GetParam().make(*handler_, buffers_);
+  }
+  void powerUp() {
+    Bytes atr;
+    ASSERT_EQ(power(IFD_POWER_UP, &atr), IFD_SUCCESS);
+  }
+  // After an exchange with the agent that broke off in its middle.
+  void reconnect() {
+    agent_.die();
+    waitForPresence(IFD_ICC_NOT_PRESENT);
+    ASSERT_TRUE(agent_.connect());
+    waitForPresence(IFD_SUCCESS);
+    powerUp();
+  }
+
+  Buffers buffers_;
+};
+
+TEST_P(HandlerMemoryTest, RunsOut_AndTheCallGivesACodeAndWorksAgain) {
+  openWithCard();
+  powerUp();
+  for (MemorySweep sweep; sweep.next();) {
+    RESPONSECODE code = IFD_SUCCESS;
+    sweep.run([&] { code = call(); });
+    // The driver itself may find no memory in the middle of an exchange: the card counts as gone.
+    const bool broken = code == IFD_ICC_NOT_PRESENT;
+    // A shortage that only kept a further thread from being made is none for the call.
+    EXPECT_TRUE(code == IFD_SUCCESS || (sweep.ranOut() && (code == IFD_COMMUNICATION_ERROR ||
+                                                           code == GetParam().failure || broken)))
+        << code << " with " << sweep.allocations();
+    if (broken) {
+      ASSERT_NO_FATAL_FAILURE(reconnect());
+    }
+    EXPECT_EQ(call(), IFD_SUCCESS) << sweep.allocations();
+  }
+  EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
+}
+
+INSTANTIATE_TEST_SUITE_P(Calls, HandlerMemoryTest, testing::ValuesIn(kHandlerCalls),
+                         [](const auto& each) { return each.param.name; });
+
 }  // namespace
-}  // namespace zelta::pcsc
+}  // namespace zelta::test

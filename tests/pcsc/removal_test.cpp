@@ -1,17 +1,9 @@
 // A card that leaves while the driver works on a request for it.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <functional>
 #include <future>
-#include <ostream>
 #include <string>
 
-#include "contract/bytes.h"
-#include "contract/io_controls.h"
 #include "contract/reader_states.h"
-#include "contract/status.h"
 #include "tests/pcsc/channel_fixture.h"
 
 namespace zelta::pcsc {
@@ -19,6 +11,8 @@ namespace {
 
 using test::failedWith;
 using test::FakeReader;
+using test::kAtr;
+using test::kGenFailure;
 using test::succeededWith;
 using testing::ElementsAre;
 
@@ -30,36 +24,30 @@ struct CardCall {
 };
 
 RESPONSECODE send(Channel& channel) {
-  const Bytes command = {0x00, 0xA4, 0x04, 0x00};
-  Bytes answer(64);
-  std::size_t size = 0;
-  return channel.transmit({1, {command.data(), command.size()}, {answer.data(), answer.size()}},
-                          &size);
+  const Reply reply = test::transmit(channel, 1, {0x00, 0xA4, 0x04, 0x00}, 64);
+  EXPECT_TRUE(reply.bytes.empty() || reply.code == IFD_SUCCESS);
+  return reply.code;
 }
 
 // What the driver may say of a card that has just left, or of the next one.
 host::IoResult validAnswer(const FakeReader::Request& request) {
-  Bytes answer(request.input.begin(),
-               request.input.begin() +
-                   std::min<std::ptrdiff_t>(kTransmitHeaderSize,
-                                            static_cast<std::ptrdiff_t>(request.input.size())));
+  Bytes answer = request.input;
+  if (answer.size() > kTransmitHeaderSize) answer.resize(kTransmitHeaderSize);
   answer.insert(answer.end(), {0x90, 0x00});
   return succeededWith(answer);
 }
 
 const CardCall kCalls[] = {
-    {"transmit", IOCTL_SMARTCARD_TRANSMIT, send, IFD_ICC_NOT_PRESENT},
-    {"power-up", IOCTL_SMARTCARD_POWER,
+    {"Transmit", IOCTL_SMARTCARD_TRANSMIT, send, IFD_ICC_NOT_PRESENT},
+    {"PowerUp", IOCTL_SMARTCARD_POWER,
      [](Channel& channel) { return channel.power(IFD_POWER_UP).code; }, IFD_ICC_NOT_PRESENT},
-    {"reset", IOCTL_SMARTCARD_POWER, [](Channel& channel) { return channel.power(IFD_RESET).code; },
+    {"Reset", IOCTL_SMARTCARD_POWER, [](Channel& channel) { return channel.power(IFD_RESET).code; },
      IFD_ICC_NOT_PRESENT},
-    {"power-down", IOCTL_SMARTCARD_POWER,
+    {"PowerDown", IOCTL_SMARTCARD_POWER,
      [](Channel& channel) { return channel.power(IFD_POWER_DOWN).code; }, IFD_SUCCESS},
-    {"protocol", IOCTL_SMARTCARD_SET_PROTOCOL,
+    {"Protocol", IOCTL_SMARTCARD_SET_PROTOCOL,
      [](Channel& channel) { return channel.setProtocol(SCARD_PROTOCOL_T1); }, IFD_ICC_NOT_PRESENT},
 };
-
-void PrintTo(const CardCall& call, std::ostream* out) { *out << call.name; }
 
 class RemovalTest : public test::ChannelTest, public testing::WithParamInterface<CardCall> {
  protected:
@@ -73,17 +61,17 @@ class RemovalTest : public test::ChannelTest, public testing::WithParamInterface
   }
   void useNextCard() {
     poll();  // for the removal
-    answerPower(succeededWith(kAtr));
+    reader_->answerWith(IOCTL_SMARTCARD_POWER, succeededWith(kAtr));
     reader_->answer(IOCTL_SMARTCARD_TRANSMIT, validAnswer);
-    reader_->answer(IOCTL_SMARTCARD_SET_PROTOCOL, [](const auto&) { return succeededWith({}); });
+    reader_->answerWith(IOCTL_SMARTCARD_SET_PROTOCOL, succeededWith({}));
     insert();
     EXPECT_EQ(channel_->power(IFD_POWER_UP).bytes, kAtr);
     EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T1), IFD_SUCCESS);
-    EXPECT_THAT(transmit(1, {0x00, 0xA4}, 64).bytes, ElementsAre(0x90, 0x00));
+    EXPECT_THAT(test::transmit(*channel_, 1, {0x00, 0xA4}, 64).bytes, ElementsAre(0x90, 0x00));
   }
 };
 
-TEST_P(RemovalTest, EndsTheCallWithoutACardWhateverTheDriverAnswers) {
+TEST_P(RemovalTest, DuringACall_EndsItWithoutACardWhateverTheDriverAnswers) {
   const FakeReader::Answer answers[] = {
       validAnswer,
       [](const auto&) { return failedWith(status::kNoMedia); },
@@ -99,7 +87,7 @@ TEST_P(RemovalTest, EndsTheCallWithoutACardWhateverTheDriverAnswers) {
   }
 }
 
-TEST_P(RemovalTest, NextCardIsShownOnceTheCallIsOver) {
+TEST_P(RemovalTest, DuringACall_ShowsTheNextCardAfterIt) {
   insertAndPowerUp();
   std::promise<void> goOn;
   auto called = std::async(std::launch::async, [&] {
@@ -121,11 +109,8 @@ TEST_P(RemovalTest, NextCardIsShownOnceTheCallIsOver) {
   EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
 }
 
-INSTANTIATE_TEST_SUITE_P(Calls, RemovalTest, testing::ValuesIn(kCalls), [](const auto& instance) {
-  std::string name = instance.param.name;
-  name.erase(std::remove(name.begin(), name.end(), '-'), name.end());
-  return name;
-});
+INSTANTIATE_TEST_SUITE_P(Calls, RemovalTest, testing::ValuesIn(kCalls),
+                         [](const auto& each) { return each.param.name; });
 
 }  // namespace
 }  // namespace zelta::pcsc

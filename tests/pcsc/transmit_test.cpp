@@ -1,10 +1,5 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "contract/bytes.h"
-#include "contract/io_controls.h"
+// Commands: under which protocol they are sent, and what becomes of their answers.
 #include "contract/reader_states.h"
-#include "contract/status.h"
 #include "tests/pcsc/channel_fixture.h"
 
 namespace zelta::pcsc {
@@ -23,115 +18,98 @@ class TransmitTest : public test::ChannelTest {
     answer.insert(answer.end(), response.begin(), response.end());
     return answer;
   }
-
   void answerTransmit(host::IoResult result) {
-    reader_->answer(IOCTL_SMARTCARD_TRANSMIT, [result](const auto&) { return result; });
+    reader_->answerWith(IOCTL_SMARTCARD_TRANSMIT, std::move(result));
+  }
+  void answerProtocol(const Bytes& value) {
+    reader_->answerWith(IOCTL_SMARTCARD_GET_ATTRIBUTE, succeededWith(value));
   }
   // Answers like a driver with this current protocol.
   void answerUnder(std::uint32_t protocol) {
     reader_->answer(IOCTL_SMARTCARD_TRANSMIT, [protocol](const auto& request) {
-      if (loadLittleEndian(request.input.data()) != protocol)
+      if (loadLittleEndian(request.input.data()) != protocol) {
         return failedWith(status::kInvalidDeviceState);
+      }
       return succeededWith(answerOf(protocol, {0x90, 0x00}));
     });
-    reader_->answer(IOCTL_SMARTCARD_GET_ATTRIBUTE,
-                    [protocol](const auto&) { return succeededWith(numberBytes(protocol)); });
+    answerProtocol(numberBytes(protocol));
   }
-
   Reply send(DWORD pci = 1, std::size_t capacity = MAX_BUFFER_SIZE_EXTENDED) {
-    return transmit(pci, {0x00, 0xA4, 0x04, 0x00}, capacity);
+    return test::transmit(*channel_, pci, {0x00, 0xA4, 0x04, 0x00}, capacity);
   }
-
   void connect(DWORD protocol = SCARD_PROTOCOL_T1) {
     insertAndPowerUp();
     ASSERT_EQ(channel_->setProtocol(protocol), IFD_SUCCESS);
   }
+  std::size_t sent() const { return reader_->count(IOCTL_SMARTCARD_TRANSMIT); }
 };
 
-TEST_F(TransmitTest, CommandGoesBehindTheHeaderWithTheChosenMask) {
+TEST_F(TransmitTest, Command_FollowsAHeaderWithTheChosenMask) {
   connect(SCARD_PROTOCOL_T1);
   answerUnder(SCARD_PROTOCOL_T1);
-  const Reply reply = send();
-  EXPECT_EQ(reply.code, IFD_SUCCESS);
-  EXPECT_THAT(reply.bytes, ElementsAre(0x90, 0x00));
+  EXPECT_THAT(send().bytes, ElementsAre(0x90, 0x00));
   const auto requests = reader_->requests(IOCTL_SMARTCARD_TRANSMIT);
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_THAT(requests[0].input, ElementsAre(2, 0, 0, 0, 8, 0, 0, 0, 0x00, 0xA4, 0x04, 0x00));
   EXPECT_EQ(requests[0].outputCapacity, MAX_BUFFER_SIZE_EXTENDED + kTransmitHeaderSize);
 }
 
-TEST_F(TransmitTest, T0HasMaskOneAndNumberNought) {
+TEST_F(TransmitTest, ProtocolOfTheHeader_FollowsWhatWasChosenAndReset) {
   connect(SCARD_PROTOCOL_T0);
-  answerUnder(SCARD_PROTOCOL_T0);
-  const Reply reply = send(0);
-  EXPECT_EQ(reply.code, IFD_SUCCESS);
-  EXPECT_THAT(reader_->requests(IOCTL_SMARTCARD_TRANSMIT)[0].input[0], 1);
+  const auto expectSentUnder = [this](std::uint8_t protocol, DWORD pci) {
+    const std::size_t before = sent();
+    answerUnder(protocol);
+    EXPECT_EQ(send(pci).code, IFD_SUCCESS);
+    EXPECT_EQ(sent(), before + 1) << "sent at once";
+  };
+  expectSentUnder(1, 0);
+  ASSERT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T1), IFD_SUCCESS);
+  reader_->answerWith(IOCTL_SMARTCARD_SET_PROTOCOL, failedWith(status::kNotSupported));
+  EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T0), IFD_PROTOCOL_NOT_SUPPORTED);
+  expectSentUnder(2, 1);
+  channel_->power(IFD_RESET);
+  expectSentUnder(0, 1);
+  expectSentUnder(0, 4);  // raw
 }
 
-TEST_F(TransmitTest, RawCommandsGoUnderTheDriversProtocol) {
-  insertAndPowerUp();
-  answerUnder(0);
-  const Reply reply = send(4);
-  EXPECT_EQ(reply.code, IFD_SUCCESS);
-}
-
-TEST_F(TransmitTest, OtherProtocolNumbersAreRefused) {
+TEST_F(TransmitTest, OtherProtocolNumbers_AreRefused) {
   connect();
   for (const DWORD protocol : {2, 3, 14, 15}) {
     EXPECT_EQ(send(protocol).code, IFD_PROTOCOL_NOT_SUPPORTED) << protocol;
   }
-  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), 0u);
+  EXPECT_EQ(sent(), 0u);
 }
 
-TEST_F(TransmitTest, AfterAPowerUpTheProtocolIsNought) {
-  connect();
-  channel_->power(IFD_RESET);
-  answerUnder(0);
-  EXPECT_EQ(send().code, IFD_SUCCESS);
-  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), 1u);
-}
-
-TEST_F(TransmitTest, RefusedProtocolLeavesTheOneBefore) {
-  connect(SCARD_PROTOCOL_T1);
-  reader_->answer(IOCTL_SMARTCARD_SET_PROTOCOL,
-                  [](const auto&) { return failedWith(status::kNotSupported); });
-  EXPECT_EQ(channel_->setProtocol(SCARD_PROTOCOL_T0), IFD_PROTOCOL_NOT_SUPPORTED);
-  answerUnder(SCARD_PROTOCOL_T1);
-  EXPECT_EQ(send().code, IFD_SUCCESS);
-  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), 1u);
-}
-
-TEST_F(TransmitTest, BeforePowerUpTheDriverIsAskedForItsProtocol) {
+TEST_F(TransmitTest, BeforePowerUp_TheDriverIsAskedForItsProtocol) {
   insert();
   answerUnder(1);  // as its answer to reset says: T=1 by number
-  const Reply reply = send();
-  EXPECT_EQ(reply.code, IFD_SUCCESS);
-  EXPECT_THAT(reply.bytes, ElementsAre(0x90, 0x00));
+  EXPECT_THAT(send().bytes, ElementsAre(0x90, 0x00));
   const auto requests = reader_->requests(IOCTL_SMARTCARD_TRANSMIT);
   ASSERT_EQ(requests.size(), 2u);
   EXPECT_EQ(requests[0].input[0], 0);
   EXPECT_EQ(requests[1].input[0], 1);
 }
 
-TEST_F(TransmitTest, ProtocolThatTheDriverNamedIsRemembered) {
+TEST_F(TransmitTest, ProtocolThatTheDriverNamed_IsRemembered) {
   connect(SCARD_PROTOCOL_T1);
   answerUnder(1);  // the card announced itself anew meanwhile
   EXPECT_EQ(send().code, IFD_SUCCESS);
   EXPECT_EQ(send().code, IFD_SUCCESS);
-  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), 3u);
+  EXPECT_EQ(sent(), 3u);
   EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_GET_ATTRIBUTE), 1u);
 }
 
-TEST_F(TransmitTest, RefusalUnderTheRightProtocolIsAnErrorAndNotRepeated) {
+TEST_F(TransmitTest, RefusalUnderTheRightProtocol_IsAnErrorAndNotRepeated) {
   connect();
   answerTransmit(failedWith(status::kInvalidDeviceState));
-  reader_->answer(IOCTL_SMARTCARD_GET_ATTRIBUTE,
-                  [](const auto&) { return succeededWith(numberBytes(2)); });
-  EXPECT_EQ(send().code, IFD_COMMUNICATION_ERROR);
-  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), 1u);
+  for (const Bytes& protocol : {numberBytes(2), Bytes{1, 0, 0}}) {
+    answerProtocol(protocol);
+    EXPECT_EQ(send().code, IFD_COMMUNICATION_ERROR);
+  }
+  EXPECT_EQ(sent(), 2u);
 }
 
-TEST_F(TransmitTest, RefusalIsNotRepeatedForAnotherCard) {
+TEST_F(TransmitTest, RefusalOfACardThatWasSwapped_IsNotRepeatedForTheNext) {
   connect();
   reader_->answer(IOCTL_SMARTCARD_TRANSMIT, [this](const auto&) {
     reader_->removeCard();
@@ -139,11 +117,11 @@ TEST_F(TransmitTest, RefusalIsNotRepeatedForAnotherCard) {
     return failedWith(status::kInvalidDeviceState);
   });
   EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), 1u);
+  EXPECT_EQ(sent(), 1u);
   EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_GET_ATTRIBUTE), 0u);
 }
 
-TEST_F(TransmitTest, RefusalIsNotRepeatedForACardSwappedWhileTheProtocolIsAsked) {
+TEST_F(TransmitTest, RefusalOfACardThatLeavesWhileTheProtocolIsAsked_IsNotRepeated) {
   connect();
   answerTransmit(failedWith(status::kInvalidDeviceState));
   reader_->answer(IOCTL_SMARTCARD_GET_ATTRIBUTE, [this](const auto&) {
@@ -151,85 +129,32 @@ TEST_F(TransmitTest, RefusalIsNotRepeatedForACardSwappedWhileTheProtocolIsAsked)
     return succeededWith(numberBytes(1));
   });
   EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), 1u);
+  EXPECT_EQ(sent(), 1u);
 }
 
-TEST_F(TransmitTest, ShortProtocolAnswerIsNotUsed) {
-  connect();
-  answerTransmit(failedWith(status::kInvalidDeviceState));
-  reader_->answer(IOCTL_SMARTCARD_GET_ATTRIBUTE, [](const auto&) {
-    return succeededWith({1, 0, 0});
-  });
-  EXPECT_EQ(send().code, IFD_COMMUNICATION_ERROR);
-  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), 1u);
-}
-
-TEST_F(TransmitTest, NoCommandWithoutACard) {
+TEST_F(TransmitTest, WithoutACard_NothingIsSent) {
   EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
   connect();
   reader_->removeCard();
   EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), 0u);
+  EXPECT_EQ(sent(), 0u);
 }
 
-// The driver's own for a pulled card; it reports the removal first.
-TEST_F(TransmitTest, AnswerOfACardThatWasPulledMeanwhileIsNotGiven) {
-  connect();
-  reader_->answer(IOCTL_SMARTCARD_TRANSMIT, [this](const auto&) {
-    reader_->removeCard();
-    return succeededWith(answerOf(2, {0x69, 0x01}));
-  });
-  const Reply reply = send();
-  EXPECT_EQ(reply.code, IFD_ICC_NOT_PRESENT);
-  EXPECT_THAT(reply.bytes, IsEmpty());
-}
-
-TEST_F(TransmitTest, NoMediaAndNoDeviceAreACardThatLeftAndEntersAgain) {
-  connect();
-  for (const framework::HRESULT status : {status::kNoMedia, host::kDeviceGone}) {
-    const std::size_t before = reader_->count(IOCTL_SMARTCARD_TRANSMIT);
-    answerTransmit(failedWith(status));
-    EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
-    EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
-    EXPECT_EQ(send().code, IFD_ICC_NOT_PRESENT);
-    EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_TRANSMIT), before + 1);
-    poll();
-    EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
-    poll();
-    EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
-    EXPECT_EQ(channel_->power(IFD_POWER_UP).code, IFD_SUCCESS);
-  }
-}
-
-TEST_F(TransmitTest, OtherFailuresAreErrorsAndTheCardStays) {
-  connect();
-  const std::pair<framework::HRESULT, RESPONSECODE> failures[] = {
-      {kGenFailure, IFD_COMMUNICATION_ERROR},
-      {host::kTimedOut, IFD_RESPONSE_TIMEOUT},
-      {framework::hresult(0x8007139F), IFD_COMMUNICATION_ERROR},
-  };
-  for (const auto& [status, code] : failures) {
-    answerTransmit(failedWith(status));
-    EXPECT_EQ(send().code, code) << std::hex << status;
-    EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
-  }
-}
-
-TEST_F(TransmitTest, AnswerLargerThanTheBufferIsInsufficientBuffer) {
+TEST_F(TransmitTest, AnswerLargerThanTheBuffer_IsInsufficientBuffer) {
   connect();
   answerTransmit({framework::kOk, 8 + 11, {}});
   EXPECT_EQ(send(1, 10).code, IFD_ERROR_INSUFFICIENT_BUFFER);
   EXPECT_EQ(reader_->requests(IOCTL_SMARTCARD_TRANSMIT)[0].outputCapacity, 18u);
 }
 
-TEST_F(TransmitTest, LongestAnswerIsGiven) {
+TEST_F(TransmitTest, LongestAnswer_IsGiven) {
   connect();
   const Bytes response(MAX_BUFFER_SIZE_EXTENDED, 0x5A);
   answerTransmit(succeededWith(answerOf(2, response)));
   EXPECT_EQ(send().bytes, response);
 }
 
-TEST_F(TransmitTest, AnswersWithoutAValidHeaderAreErrors) {
+TEST_F(TransmitTest, AnswersWithoutAValidHeader_AreErrors) {
   connect();
   const Bytes answers[] = {
       {},
@@ -245,10 +170,10 @@ TEST_F(TransmitTest, AnswersWithoutAValidHeaderAreErrors) {
   EXPECT_EQ(log_->lines()[1], "2 the driver's answer to a command has no valid header (7 bytes)");
 }
 
-TEST_F(TransmitTest, EmptyCommandIsTheDriversToAnswer) {
+TEST_F(TransmitTest, EmptyCommand_IsTheDriversToAnswer) {
   connect();
   answerTransmit(succeededWith(answerOf(2, {0x69, 0x01})));
-  EXPECT_THAT(transmit(1, {}, 100).bytes, ElementsAre(0x69, 0x01));
+  EXPECT_THAT(test::transmit(*channel_, 1, {}, 100).bytes, ElementsAre(0x69, 0x01));
   EXPECT_EQ(reader_->requests(IOCTL_SMARTCARD_TRANSMIT)[0].input.size(), kTransmitHeaderSize);
 }
 

@@ -47,8 +47,6 @@ constexpr char kRegistry[] =
     "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Policies\\Vornhalt\\Zelta\\zelta_admin]\n"
     "\"zelta.event_filter_mode\"=dword:00000003\n";
 
-void setVariable(const char* name, const std::string& value) { setenv(name, value.c_str(), 1); }
-
 std::vector<char*> pointers(std::vector<std::string>& texts) {
   std::vector<char*> pointers;
   for (std::string& text : texts) pointers.push_back(text.data());
@@ -91,12 +89,9 @@ bool tellsOfSocket(const platform::ScopedFd& watch) {
 
 const fs::path& PrivatePcscd::folder() {
   static const TempFolder folder;
-  static const bool announced = [] {
-    setVariable("PCSCLITE_CSOCK_NAME", (folder.path() / "run" / "pcscd" / kSocketFile).string());
-    setVariable("ZELTA_PIPE_ROOT", (folder.path() / "pipe").string());
-    return true;
-  }();
-  static_cast<void>(announced);
+  static const ScopedVariable socket("PCSCLITE_CSOCK_NAME",
+                                     (folder.path() / "run" / "pcscd" / kSocketFile).string());
+  static const ScopedVariable pipes("ZELTA_PIPE_ROOT", (folder.path() / "pipe").string());
   return folder.path();
 }
 
@@ -151,17 +146,13 @@ bool PrivatePcscd::waitForSocket(const platform::ScopedFd& watch) const {
   }
 }
 
-void PrivatePcscd::signal(int number) const {
-  if (running()) kill(process_, number);
-}
-
 std::optional<PrivatePcscd::End> PrivatePcscd::end(int number) {
   if (!running()) return std::nullopt;
   const auto begun = Clock::now();
   bool ended = false;
   do {
-    signal(number);
-    ended = waitReadable(processEnd_.get(), Clock::now() + kSignalAgain);
+    kill(process_, number);
+    ended = waitForEnd(kSignalAgain);
   } while (!ended && Clock::now() - begun < kLimit);
   if (!ended) kill(process_, SIGKILL);
   int status = 0;
@@ -176,14 +167,17 @@ std::optional<PrivatePcscd::End> PrivatePcscd::end(int number) {
   return how;
 }
 
-bool PrivatePcscd::waitReadable(int descriptor, Clock::time_point end) const {
-  for (;;) {
-    const auto left = std::chrono::duration_cast<milliseconds>(end - Clock::now()).count();
-    pollfd state{descriptor, POLLIN, 0};
-    const int ready = poll(&state, 1, left > 0 ? static_cast<int>(left) : 0);
-    if (ready > 0) return true;
-    if (ready == 0 || errno != EINTR) return false;
+bool PrivatePcscd::waitForEnd(milliseconds limit) const {
+  pollfd state{processEnd_.get(), POLLIN, 0};
+  return poll(&state, 1, static_cast<int>(limit.count())) > 0;
+}
+
+bool PrivatePcscd::waitForLog(const std::string& text) const {
+  const auto begun = Clock::now();
+  while (log().find(text) == std::string::npos) {
+    if (Clock::now() - begun > kLimit || waitForEnd(milliseconds(20))) return false;
   }
+  return true;
 }
 
 std::string PrivatePcscd::log() const {

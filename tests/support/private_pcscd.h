@@ -43,24 +43,25 @@ class PrivatePcscd {
   PrivatePcscd(const PrivatePcscd&) = delete;
   PrivatePcscd& operator=(const PrivatePcscd&) = delete;
 
-  // Returns when clients can connect; false where it ended or nothing happened.
+  // Returns when clients can connect; false if it ended or nothing happened.
   bool start(const Options& options);
-  // Sends the signal, more than once if need be, and waits for the end; none where it did not
+  // Sends the signal, more than once if need be, and waits for the end; none if it did not
   // end, which kills it.
   std::optional<End> end(int number);
-  void signal(int number) const;
   bool running() const { return process_ > 0; }
 
   // What it has printed since its start.
   std::string log() const;
-  // The driver's log files of all instances so far, each behind its name.
+  // Waits until it has printed that; false if it has not by the limit or has ended.
+  bool waitForLog(const std::string& text) const;
+  // The driver's log files of all instances so far, each after its name.
   static std::string driverLog();
   static const std::filesystem::path& folder();
 
  private:
   bool spawn(const Options& options);
   bool waitForSocket(const platform::ScopedFd& watch) const;
-  bool waitReadable(int descriptor, std::chrono::steady_clock::time_point end) const;
+  bool waitForEnd(std::chrono::milliseconds limit) const;
 
   const std::string handlerPath_;
   pid_t process_ = 0;

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "contract/status.h"
 #include "framework/com_object.h"
 #include "framework/wdf.h"
 #include "platform/sync/sync.h"
@@ -23,8 +24,8 @@ using framework::SIZE_T;
 using framework::ULONG;
 
 inline constexpr HRESULT kFailure = framework::hresult(kFailureCode);
-inline constexpr HRESULT kCancelled = framework::hresult(0x800704C7);
-inline constexpr HRESULT kNoMemory = framework::hresult(0x8007000E);
+inline constexpr HRESULT kCancelled = status::kCancelled;
+inline constexpr HRESULT kNoMemory = status::kOutOfMemory;
 
 // The module's living objects.
 int liveObjects();

@@ -1,5 +1,6 @@
 #include "tests/doubles/framework/fake_driver.h"
 
+#include "contract/class_ids.h"
 #include "tests/doubles/framework/fake_device.h"
 
 #if defined(_WIN32)
@@ -12,10 +13,8 @@ namespace zelta::test::fake_driver {
 
 namespace {
 
-[[maybe_unused]] constexpr framework::CLSID kClassId = {
-    0xA44A2DF4, 0xDCA4, 0x4767, {0x8E, 0xC4, 0x86, 0xFE, 0x61, 0x1C, 0x2E, 0xA7}};
-constexpr framework::GUID kReaderInterface = {
-    0x50DD5230, 0xBA8A, 0x11D1, {0xBF, 0x5D, 0x00, 0x00, 0xF8, 0x05, 0xF5, 0x30}};
+[[maybe_unused]] constexpr framework::CLSID kClassId = kDriverClassId;
+constexpr framework::GUID kReaderInterface = kSmartCardReaderInterface;
 
 class FakeDriver final : public framework::ComObject<FakeDriver, framework::IDriverEntry> {
  public:

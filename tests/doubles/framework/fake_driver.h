@@ -26,7 +26,7 @@ inline constexpr char kFailConstraint[] = "constraint";
 inline constexpr char kFailUnload[] = "unload";
 
 // The status that a failing callback gives.
-inline constexpr std::uint32_t kFailureCode = 0x8007001F;
+inline constexpr std::uint32_t kFailureCode = 0x8007001F;  // ERROR_GEN_FAILURE (31)
 
 enum Control : std::uint32_t {
   kEcho = 1,           // the input as output
@@ -36,7 +36,7 @@ enum Control : std::uint32_t {
   kWriteAt,            // in: offset; writes one byte there and completes with all of the output
   kReadOutput,         // completes with the sum of the output's bytes before anything is written
   kCopyTooMuch,        // completes with what copying one byte too many into the output gives
-  kCopyBeyond,         // the same for an offset behind the end of the output
+  kCopyBeyond,         // the same for an offset beyond the end of the output
   kCompleteKeepCount,  // in: status; sets the byte count to 3 and completes with the status
   kCompleteTwice,      // success, then failure
   kReadFour,           // out: the four bytes at the start of the input, whatever its length

@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <utility>
 
+#include "contract/attributes.h"
+#include "contract/io_controls.h"
+#include "contract/status.h"
+
 namespace zelta::test {
 
 using framework::HRESULT;
@@ -10,48 +14,32 @@ using platform::MutexLock;
 
 namespace {
 
-constexpr std::uint32_t kIsPresent = 0x00310028;
-constexpr std::uint32_t kIsAbsent = 0x0031002C;
-constexpr std::uint32_t kGetAttribute = 0x00310008;
-const std::vector<std::uint8_t> kServerResultTag{0x10, 0xA0, 0x07, 0x00};
-constexpr HRESULT kNotSupported = framework::hresult(0x80070032);
-constexpr HRESULT kCancelled = framework::hresult(0x800704C7);
-
-std::vector<std::uint8_t> joined(const host::InputParts& parts) {
-  std::vector<std::uint8_t> bytes;
-  for (const host::ConstBytes& part : {parts.header, parts.body}) {
-    bytes.insert(bytes.end(), part.data, part.data + part.size);
-  }
-  return bytes;
-}
-
-void split(const std::vector<std::uint8_t>& bytes, const host::OutputParts& parts) {
-  std::size_t done = 0;
-  for (const host::MutableBytes& part : {parts.header, parts.body}) {
-    const std::size_t size = std::min(bytes.size() - done, part.size);
-    std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(done), size, part.data);
-    done += size;
-  }
-}
-
 class FakeFile final : public host::File {
  public:
   FakeFile(std::shared_ptr<FakeReader> reader, unsigned bringUp)
       : reader_(std::move(reader)), bringUp_(bringUp) {}
 
-  host::IoResult control(std::uint32_t code, const std::vector<std::uint8_t>& input,
-                         std::size_t outputCapacity, std::chrono::milliseconds) override {
+  host::IoResult control(std::uint32_t code, const Bytes& input, std::size_t outputCapacity,
+                         std::chrono::milliseconds) override {
     return reader_->control({code, input, outputCapacity}, bringUp_);
   }
-  host::IoEnd controlInParts(std::uint32_t code, const host::InputParts& input,
-                             const host::OutputParts& output, std::chrono::milliseconds) override {
+  host::IoStatus controlInParts(std::uint32_t code, const host::InputParts& input,
+                                const host::OutputParts& output,
+                                std::chrono::milliseconds) override {
+    Bytes joined(input.header.data, input.header.data + input.header.size);
+    joined.insert(joined.end(), input.body.data, input.body.data + input.body.size);
     const host::IoResult result =
-        reader_->control({code, joined(input), output.header.size + output.body.size}, bringUp_);
-    split(result.output, output);
+        reader_->control({code, joined, output.header.size + output.body.size}, bringUp_);
+    auto next = result.output.begin();
+    for (const host::MutableBytes& part : {output.header, output.body}) {
+      const auto size = std::min<std::ptrdiff_t>(result.output.end() - next,
+                                                 static_cast<std::ptrdiff_t>(part.size));
+      std::copy_n(next, size, part.data);
+      next += size;
+    }
     return {result.status, result.information};
   }
-  std::shared_ptr<host::IoOperation> submit(std::uint32_t code,
-                                            const std::vector<std::uint8_t>& input,
+  std::shared_ptr<host::IoOperation> submit(std::uint32_t code, const Bytes& input,
                                             std::size_t outputCapacity,
                                             Completion completion) override {
     return reader_->submit({code, input, outputCapacity}, bringUp_, std::move(completion));
@@ -64,7 +52,7 @@ class FakeFile final : public host::File {
 
 }  // namespace
 
-host::IoResult succeededWith(std::vector<std::uint8_t> output) {
+host::IoResult succeededWith(Bytes output) {
   const std::size_t size = output.size();
   return {framework::kOk, size, std::move(output)};
 }
@@ -85,58 +73,55 @@ bool FakeOperation::completed() const {
 }
 
 void FakeOperation::cancel() {
-  {
-    const MutexLock lock(mutex_);
-    cancelled_ = true;
-  }
-  complete(kCancelled);
+  cancelled_ = true;
+  complete(status::kCancelled);
 }
 
-bool FakeOperation::cancelled() const {
-  const MutexLock lock(mutex_);
-  return cancelled_;
-}
-
-bool FakeOperation::complete(host::IoResult result) {
-  {
-    const MutexLock lock(mutex_);
-    if (completing_) return false;
-    completing_ = true;
-    result_ = std::move(result);
-  }
+void FakeOperation::complete(HRESULT status) {
+  if (completing_.exchange(true)) return;
+  result_.status = status;
   if (completion_) completion_(result_);
   const MutexLock lock(mutex_);
   completed_ = true;
   changed_.notifyAll();
-  return true;
 }
 
 // --- FakeReader ---
 
-void FakeReader::insertCard() {
+void FakeReader::setCard(bool in, std::uint32_t completedCode, HRESULT status) {
+  std::shared_ptr<FakeOperation> waiting;
   {
     const MutexLock lock(mutex_);
-    cardIn_ = true;
+    cardIn_ = in;
+    waiting = newestWaiting(completedCode);
   }
-  completeWaiting(kIsPresent, framework::kOk);
+  if (waiting) waiting->complete(status);
 }
 
-void FakeReader::removeCard(HRESULT status) {
-  {
-    const MutexLock lock(mutex_);
-    cardIn_ = false;
-  }
-  completeWaiting(kIsAbsent, status);
-}
+void FakeReader::insertCard() { setCard(true, IOCTL_SMARTCARD_IS_PRESENT, framework::kOk); }
+
+void FakeReader::removeCard(HRESULT status) { setCard(false, IOCTL_SMARTCARD_IS_ABSENT, status); }
 
 void FakeReader::holdDispatch(std::uint32_t code, bool held) {
   const MutexLock lock(mutex_);
-  if (held) {
-    held_.insert(code);
-  } else {
-    held_.erase(code);
-  }
+  presence_[code].held = held;
   changed_.notifyAll();
+}
+
+void FakeReader::completeNext(std::uint32_t code, std::vector<HRESULT> statuses) {
+  const MutexLock lock(mutex_);
+  presence_[code].all.reset();
+  presence_[code].next.assign(statuses.begin(), statuses.end());
+}
+
+void FakeReader::completeAll(std::uint32_t code, HRESULT status) {
+  const MutexLock lock(mutex_);
+  presence_[code].all = status;
+}
+
+void FakeReader::answer(std::uint32_t code, Answer answer) {
+  const MutexLock lock(mutex_);
+  answers_[code] = std::move(answer);
 }
 
 void FakeReader::setServerResults(ServerResults results) {
@@ -145,25 +130,8 @@ void FakeReader::setServerResults(ServerResults results) {
 }
 
 bool FakeReader::waitForServerQuestion(std::chrono::milliseconds limit) {
-  MutexLock lock(mutex_);
-  return changed_.waitFor(
-      lock, limit, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return serverQuestions_ > 0; });
-}
-
-void FakeReader::completeNext(std::uint32_t code, std::vector<HRESULT> statuses) {
-  const MutexLock lock(mutex_);
-  all_.erase(code);
-  next_[code].assign(statuses.begin(), statuses.end());
-}
-
-void FakeReader::completeAll(std::uint32_t code, HRESULT status) {
-  const MutexLock lock(mutex_);
-  all_[code] = status;
-}
-
-void FakeReader::answer(std::uint32_t code, Answer answer) {
-  const MutexLock lock(mutex_);
-  answers_[code] = std::move(answer);
+  return waitUntil(limit,
+                   [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return serverQuestions_ > 0; });
 }
 
 std::shared_ptr<FakeOperation> FakeReader::newestWaiting(std::uint32_t code) const {
@@ -174,9 +142,8 @@ std::shared_ptr<FakeOperation> FakeReader::newestWaiting(std::uint32_t code) con
 }
 
 std::shared_ptr<FakeOperation> FakeReader::waitForWaiting(std::uint32_t code) {
-  MutexLock lock(mutex_);
   std::shared_ptr<FakeOperation> found;
-  changed_.waitFor(lock, kLimit, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+  waitUntil(kLimit, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
     found = newestWaiting(code);
     return found != nullptr;
   });
@@ -184,22 +151,18 @@ std::shared_ptr<FakeOperation> FakeReader::waitForWaiting(std::uint32_t code) {
 }
 
 bool FakeReader::waitForCount(std::uint32_t code, std::size_t count) {
-  MutexLock lock(mutex_);
-  return changed_.waitFor(lock, kLimit, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    std::size_t made = 0;
-    for (const Request& request : requests_) made += request.code == code ? 1 : 0;
-    return made >= count;
+  return waitUntil(kLimit, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    const auto made = std::count_if(requests_.begin(), requests_.end(),
+                                    [code](const Request& each) { return each.code == code; });
+    return static_cast<std::size_t>(made) >= count;
   });
 }
-
-std::size_t FakeReader::count(std::uint32_t code) const { return requests(code).size(); }
 
 std::vector<FakeReader::Request> FakeReader::requests(std::uint32_t code) const {
   const MutexLock lock(mutex_);
   std::vector<Request> found;
-  for (const Request& request : requests_) {
-    if (request.code == code) found.push_back(request);
-  }
+  std::copy_if(requests_.begin(), requests_.end(), std::back_inserter(found),
+               [code](const Request& each) { return each.code == code; });
   return found;
 }
 
@@ -223,7 +186,7 @@ void FakeReader::takeDown() {
   for (std::size_t i = 0; i < submitted_.size(); ++i) {
     const std::shared_ptr<FakeOperation> operation = submitted_[i].operation;
     lock.unlock();
-    operation->complete(kCancelled);
+    operation->complete(status::kCancelled);
     lock.lock();
   }
 }
@@ -231,21 +194,31 @@ void FakeReader::takeDown() {
 host::IoResult FakeReader::answerServerResult() {
   ++serverQuestions_;
   changed_.notifyAll();
-  if (serverResults_.empty() || serverResults_.front().empty()) return failedWith(kNotSupported);
+  if (serverResults_.empty() || serverResults_.front().empty()) {
+    return failedWith(status::kNotSupported);
+  }
   std::vector<std::uint32_t>& results = serverResults_.front();
   const std::uint32_t result = results.front();
   if (results.size() > 1) results.erase(results.begin());
-  return succeededWith({static_cast<std::uint8_t>(result), static_cast<std::uint8_t>(result >> 8),
-                        static_cast<std::uint8_t>(result >> 16),
-                        static_cast<std::uint8_t>(result >> 24)});
+  return succeededWith(numberBytes(result));
 }
 
 host::IoResult FakeReader::control(const Request& request, unsigned bringUp) {
+  // The answer may throw for want of memory.
+  struct EndOfAnswer {
+    FakeReader& reader;
+    ~EndOfAnswer() {
+      const MutexLock lock(reader.mutex_);
+      --reader.answering_;
+      reader.changed_.notifyAll();
+    }
+  };
   Answer answer;
   {
     const MutexLock lock(mutex_);
     if (isGone(bringUp)) return failedWith(host::kDeviceGone);
-    if (request.code == kGetAttribute && request.input == kServerResultTag) {
+    if (request.code == IOCTL_SMARTCARD_GET_ATTRIBUTE && request.input.size() == kNumberSize &&
+        loadLittleEndian(request.input.data()) == SERVER_RESULT) {
       return answerServerResult();
     }
     const auto found = answers_.find(request.code);
@@ -254,14 +227,8 @@ host::IoResult FakeReader::control(const Request& request, unsigned bringUp) {
     ++answering_;
     changed_.notifyAll();
   }
-  const AnswerEnd end{*this};
+  const EndOfAnswer end{*this};
   return answer ? answer(request) : succeededWith({});
-}
-
-void FakeReader::endAnswer() {
-  const MutexLock lock(mutex_);
-  --answering_;
-  changed_.notifyAll();
 }
 
 std::shared_ptr<host::IoOperation> FakeReader::submit(const Request& request, unsigned bringUp,
@@ -271,57 +238,41 @@ std::shared_ptr<host::IoOperation> FakeReader::submit(const Request& request, un
   requests_.push_back(request);
   changed_.notifyAll();
   changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    return isGone(bringUp) || held_.count(request.code) == 0;
+    return isGone(bringUp) || !presence_[request.code].held;
   });
   const std::optional<HRESULT> status = presenceStatus(request.code, isGone(bringUp));
   if (!status) submitted_.push_back({request.code, operation});
+  changed_.notifyAll();
   lock.unlock();
   if (status) operation->complete(*status);
-  const MutexLock again(mutex_);
-  changed_.notifyAll();
   return operation;
 }
 
 std::optional<HRESULT> FakeReader::presenceStatus(std::uint32_t code, bool gone) {
-  std::deque<HRESULT>& next = next_[code];
+  Presence& presence = presence_[code];
   std::optional<HRESULT> scripted;
-  if (!next.empty()) {
-    scripted = next.front();
-    next.pop_front();
+  if (!presence.next.empty()) {
+    scripted = presence.next.front();
+    presence.next.pop_front();
   }
   if (gone) return host::kDeviceGone;
-  if (all_.count(code) != 0) return all_[code];
+  if (presence.all) return presence.all;
   if (scripted) return scripted;
-  const bool fulfilled = code == kIsPresent ? cardIn_ : !cardIn_;
+  const bool fulfilled = cardIn_ == (code == IOCTL_SMARTCARD_IS_PRESENT);
   return fulfilled ? std::optional<HRESULT>(framework::kOk) : std::nullopt;
-}
-
-void FakeReader::completeWaiting(std::uint32_t code, HRESULT status) {
-  std::shared_ptr<FakeOperation> waiting;
-  {
-    const MutexLock lock(mutex_);
-    waiting = newestWaiting(code);
-  }
-  if (waiting) waiting->complete(status);
-  const MutexLock lock(mutex_);
-  changed_.notifyAll();
 }
 
 // --- FakeDriverHost ---
 
-std::unique_ptr<host::DriverHost> FakeDriverHost::load(
-    const std::string& modulePath, host::HostOptions options,
-    std::shared_ptr<FakeHostRecord> record,
-    std::map<std::wstring, std::shared_ptr<FakeReader>> readers) {
+std::unique_ptr<host::DriverHost> FakeDriverHost::load(const std::string& modulePath,
+                                                       host::HostOptions options,
+                                                       std::shared_ptr<FakeHostRecord> record,
+                                                       Readers readers) {
   if (!record->loadFailure.empty()) throw host::HostError(record->loadFailure);
   record->loaded.push_back(modulePath);
   record->driverError = std::move(options.driverError);
   return std::make_unique<FakeDriverHost>(std::move(record), std::move(readers));
 }
-
-FakeDriverHost::FakeDriverHost(std::shared_ptr<FakeHostRecord> record,
-                               std::map<std::wstring, std::shared_ptr<FakeReader>> readers)
-    : record_(std::move(record)), readers_(std::move(readers)) {}
 
 FakeDriverHost::~FakeDriverHost() {
   tearDown();
@@ -329,7 +280,6 @@ FakeDriverHost::~FakeDriverHost() {
 }
 
 void FakeDriverHost::bringUp() {
-  if (!record_->bringUpFailure.empty()) throw host::HostError(record_->bringUpFailure);
   if (!record_->bringUpFailures.empty()) {
     const std::string failure = record_->bringUpFailures.front();
     record_->bringUpFailures.pop_front();
@@ -350,13 +300,6 @@ void FakeDriverHost::tearDown() noexcept {
 std::shared_ptr<host::File> FakeDriverHost::open(const std::wstring& name) {
   const auto found = readers_.find(name);
   return up_ && found != readers_.end() ? found->second->open() : nullptr;
-}
-
-std::vector<std::wstring> FakeDriverHost::interfaces() const {
-  std::vector<std::wstring> names;
-  if (!up_) return names;
-  for (const auto& [name, reader] : readers_) names.push_back(name);
-  return names;
 }
 
 }  // namespace zelta::test
