@@ -164,7 +164,7 @@ TEST_F(Events, InsertionBetweenCheckAndWaitIsNotLost) {
   start();
   LinkRequest& first = waitForInsertion();
   std::atomic<bool> report{false};
-  ASSERT_TRUE(agent_.connect([&](const LinkAgent::Command& command) {
+  ASSERT_TRUE(agent_.connect([&](const CardAgent::Command& command) {
     if (command.code == AgentCommand::kQueryAtr && report) {
       const std::size_t before = log_.count("Card inserted");
       EXPECT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
@@ -189,7 +189,7 @@ TEST_F(Events, RemovalBetweenCheckAndWaitIsNotLost) {
   setCard(true);
   start();
   LinkRequest& first = waitForInsertion();
-  ASSERT_TRUE(agent_.connect([&](const LinkAgent::Command& command) {
+  ASSERT_TRUE(agent_.connect([&](const CardAgent::Command& command) {
     if (command.code == AgentCommand::kQueryAtr) {
       EXPECT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
       settle();
@@ -211,7 +211,7 @@ TEST_F(Events, CardRemovedDuringATransmitAnswersNotAccepted) {
   setCard(true);
   start();
   LinkRequest& insertion = waitForInsertion();
-  ASSERT_TRUE(agent_.connect([&](const LinkAgent::Command& command) {
+  ASSERT_TRUE(agent_.connect([&](const CardAgent::Command& command) {
     if (command.code != AgentCommand::kQueryTransmit) return kAtr;
     EXPECT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
     EXPECT_TRUE(removal.load()->waitForCompletion());

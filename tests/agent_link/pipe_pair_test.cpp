@@ -6,7 +6,7 @@
 #include "contract/wire.h"
 #include "platform/process/error.h"
 #include "tests/agent_link/scripted_link.h"
-#include "tests/doubles/agent/link_agent.h"
+#include "tests/doubles/agent/card_agent.h"
 #include "tests/doubles/pipes/serialising_pipes.h"
 #include "tests/support/system.h"
 
@@ -309,9 +309,9 @@ class RealPipes : public LinkTest {
 
 TEST_F(RealPipes, SecondReaderOfAnIndexCannotBeCreatedAndTheFirstIsUnaffected) {
   start();
-  LinkAgent agent;
+  CardAgent agent;
   waitForInsertion();
-  ASSERT_TRUE(agent.connect([](const LinkAgent::Command&) { return Bytes{}; }));
+  ASSERT_TRUE(agent.connect([](const CardAgent::Command&) { return Bytes{}; }));
   ASSERT_TRUE(log_.waitFor("Waiting for command..."));
   {
     PipeReader second(0, &device_);
@@ -328,8 +328,8 @@ TEST_F(RealPipes, ReadersOfTheFirstAndLastIndexAreReachedByTheirNumbers) {
   for (const std::uint32_t index : {0u, 4294967295u}) {
     start({}, index);
     waitForInsertion();
-    LinkAgent agent(index);
-    ASSERT_TRUE(agent.connect([](const LinkAgent::Command&) { return Bytes{}; }));
+    CardAgent agent(index);
+    ASSERT_TRUE(agent.connect([](const CardAgent::Command&) { return Bytes{}; }));
     ASSERT_TRUE(log_.waitFor("Waiting for command..."));
     stop();
     log_.clear();

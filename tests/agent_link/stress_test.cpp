@@ -10,7 +10,7 @@
 #include "contract/status.h"
 #include "contract/wire.h"
 #include "tests/agent_link/link_test.h"
-#include "tests/doubles/agent/link_agent.h"
+#include "tests/doubles/agent/card_agent.h"
 #include "tests/support/process_state.h"
 #include "tests/support/repetitions.h"
 
@@ -23,8 +23,8 @@ class Stress : public LinkTest {
  protected:
   ~Stress() override { stop(); }
 
-  LinkAgent::Answer answer() {
-    return [this](const LinkAgent::Command& command) -> Bytes {
+  CardAgent::Answer answer() {
+    return [this](const CardAgent::Command& command) -> Bytes {
       if (!card_) return {};
       if (command.code != AgentCommand::kQueryTransmit) return kAtr;
       Bytes echo(command.apdu.rbegin(), command.apdu.rend());
@@ -41,7 +41,7 @@ class Stress : public LinkTest {
     return agent_.sendEvent(in ? AgentEvent::kCardInserted : AgentEvent::kCardRemoved);
   }
 
-  LinkAgent agent_;
+  CardAgent agent_;
   std::atomic<bool> card_{false};
 };
 
@@ -72,7 +72,7 @@ enum class Death {
   kWithinASessionId
 };
 
-void dieAt(LinkAgent& agent, Death death) {
+void dieAt(CardAgent& agent, Death death) {
   switch (death) {
     case Death::kBeforeTheAnswer:
       break;

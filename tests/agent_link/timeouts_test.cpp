@@ -9,7 +9,7 @@
 #include "contract/wire.h"
 #include "platform/process/error.h"
 #include "tests/agent_link/link_test.h"
-#include "tests/doubles/agent/link_agent.h"
+#include "tests/doubles/agent/card_agent.h"
 #include "tests/doubles/pipes/gap_pipes.h"
 #include "tests/doubles/pipes/serialising_pipes.h"
 #include "tests/support/system.h"
@@ -48,7 +48,7 @@ class SilentAgent : public LinkTest {
 
   QueryResult transmit() { return reader().QueryTransmit(kSelect, response_); }
 
-  LinkAgent agent_;
+  CardAgent agent_;
   Bytes response_;
 };
 

@@ -8,14 +8,13 @@
 //   session ID    reports the session
 //   mute          from now on transmits are not answered
 //   transmits N   waits until so many have come
-#include <atomic>
 #include <iostream>
+#include <limits>
 #include <sstream>
 #include <string>
 
-#include "contract/bytes.h"
 #include "contract/wire.h"
-#include "tests/module/test_card.h"
+#include "tests/doubles/agent/card_agent.h"
 
 namespace zelta::test {
 namespace {
@@ -26,12 +25,12 @@ class AgentProgram {
     std::string verb;
     std::string object;
     command >> verb >> object;
-    if (verb == "connect") return connect();
-    if (verb == "card") return move(object == "in");
-    if (verb == "insert") return move(true) && agent_.sendEvent(AgentEvent::kCardInserted);
-    if (verb == "remove") return move(false) && agent_.sendEvent(AgentEvent::kCardRemoved);
+    if (verb == "connect") return agent_.connect();
+    if (verb == "card") return moveCard(object == "in");
+    if (verb == "insert") return agent_.insert(CardAgent::atrOfT1());
+    if (verb == "remove") return agent_.remove();
     if (verb == "session") return agent_.sendSessionLogId(object);
-    if (verb == "mute") return mute_ = true;
+    if (verb == "mute") return mute();
     if (verb == "transmits") {
       return agent_.waitForCommands(AgentCommand::kQueryTransmit, std::stoi(object));
     }
@@ -39,29 +38,21 @@ class AgentProgram {
   }
 
  private:
-  bool connect() {
-    const int asked = agent_.commands(AgentCommand::kQueryAtrReset);
-    const auto answer = [this, answers = card_.answers()](
-                            const LinkAgent::Command& command) -> std::optional<Bytes> {
-      if (mute_ && command.code == AgentCommand::kQueryTransmit) return std::nullopt;
-      return answers(command);
-    };
-    return agent_.connect(answer) &&
-           agent_.waitForCommands(AgentCommand::kQueryAtrReset, asked + 1);
-  }
-
-  bool move(bool in) {
+  bool moveCard(bool in) {
     if (in) {
-      card_.insert();
+      agent_.setCardIn(CardAgent::atrOfT1());
     } else {
-      card_.pull();
+      agent_.setCardOut();
     }
     return true;
   }
 
-  std::atomic<bool> mute_{false};
-  TestCard card_;
-  LinkAgent agent_;
+  bool mute() {
+    agent_.ignore(AgentCommand::kQueryTransmit, std::numeric_limits<int>::max());
+    return true;
+  }
+
+  CardAgent agent_;
 };
 
 }  // namespace

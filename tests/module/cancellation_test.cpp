@@ -79,7 +79,7 @@ TEST_F(HostedCancellationTest, CancelRacingWithTheCardsArrivalCompletesOnce) {
     if (operation->result().status == answer::kCancelled) ++cancelled;
   }
   RecordProperty("cancelled", cancelled);
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   EXPECT_EQ(status(IOCTL_SMARTCARD_IS_PRESENT), answer::kSuccess);
 }
 
@@ -139,7 +139,7 @@ TEST_F(RecordedCancellationTest, CancelRacingWithTheShutdownKeepsTheRules) {
 }
 
 TEST_F(RecordedCancellationTest, RequestsOfFourThreadsAreCompletedOnceEach) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   connectAgent();
   std::vector<std::thread> callers;
   for (int caller = 0; caller < 4; ++caller) {

@@ -44,7 +44,7 @@ class CommandLineTest : public ::testing::Test {
   static void expectCard(HostProgram& host) {
     ASSERT_THAT(host.result(), StartsWith(HostProgram::kDone));
     EXPECT_EQ(host.control(IOCTL_SMARTCARD_POWER, number(SCARD_COLD_RESET)),
-              HostProgram::kDone + HostProgram::hex(TestCard::atrOfT1()));
+              HostProgram::kDone + HostProgram::hex(CardAgent::atrOfT1()));
     EXPECT_EQ(host.control(IOCTL_SMARTCARD_SET_PROTOCOL, number(SCARD_PROTOCOL_T1)),
               HostProgram::kDone);
     EXPECT_EQ(transmit(host, {0x80, 0x20, 0x01}), "8020019000");
@@ -120,7 +120,7 @@ TEST_F(CommandLineTest, HostThatIsStartedAgainIsServedByTheSameAgent) {
     if (!agent) agent = startAgent();
     ASSERT_THAT(host.result(), StartsWith(HostProgram::kDone));
     EXPECT_EQ(host.control(IOCTL_SMARTCARD_POWER, number(SCARD_COLD_RESET)),
-              HostProgram::kDone + HostProgram::hex(TestCard::atrOfT1()));
+              HostProgram::kDone + HostProgram::hex(CardAgent::atrOfT1()));
     host.askToExit(0);
     EXPECT_EQ(host.wait(), 0);
   }

@@ -24,8 +24,7 @@ Bytes commandOf(int caller, int index) {
 
 TEST_F(ModuleConcurrencyTest, NoAnswerGoesToTheWrongCaller) {
   // An ATR that leaves the selected protocol alone when the events read it again.
-  card_.setAtr(TestCard::atrOfT0());
-  connectWithPoweredCard(SCARD_PROTOCOL_T0);
+  connectWithPoweredCard(SCARD_PROTOCOL_T0, CardAgent::atrOfT0());
   std::atomic<int> wrong{0};
   std::atomic<bool> done{false};
   std::thread events([&] {
@@ -43,7 +42,7 @@ TEST_F(ModuleConcurrencyTest, NoAnswerGoesToTheWrongCaller) {
     callers.emplace_back([&, caller] {
       for (int i = 0; i < repetitions(250); ++i) {
         const Bytes apdu = commandOf(caller, i);
-        if (transmit(apdu, SCARD_PROTOCOL_T0) != TestCard::responseTo(apdu)) ++wrong;
+        if (transmit(apdu, SCARD_PROTOCOL_T0) != CardAgent::responseTo(apdu)) ++wrong;
       }
     });
   }
@@ -54,7 +53,7 @@ TEST_F(ModuleConcurrencyTest, NoAnswerGoesToTheWrongCaller) {
 }
 
 TEST_F(ModuleConcurrencyTest, EveryKindOfControlAtTheSameTimeWhileAgentsComeAndGo) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   std::atomic<bool> done{false};
   std::atomic<int> unfinished{0};
   std::vector<std::thread> callers;
@@ -80,9 +79,7 @@ TEST_F(ModuleConcurrencyTest, EveryKindOfControlAtTheSameTimeWhileAgentsComeAndG
   });
   for (int round = 0; round < 30; ++round) {
     agent_.die();
-    const int asked = agent_.commands(AgentCommand::kQueryAtrReset);
-    EXPECT_TRUE(agent_.connect(card_.answers()));
-    EXPECT_TRUE(agent_.waitForCommands(AgentCommand::kQueryAtrReset, asked + 1));
+    EXPECT_TRUE(agent_.connect());
     EXPECT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
   }
   done = true;

@@ -45,7 +45,7 @@ TEST_F(ContractTest, EveryControlKeepsTheRulesWithoutAnAgent) {
 }
 
 TEST_F(ContractTest, EveryControlKeepsTheRulesWithACard) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   connectAgent();
   const auto protocol = SCARD_PROTOCOL_T1;
   EXPECT_EQ(statusOf({IOCTL_SMARTCARD_POWER, number(SCARD_COLD_RESET), 64}), answer::kSuccess);
@@ -96,10 +96,10 @@ TEST_F(ContractTest, UnknownControlIsRefusedOnceTheReaderIsFound) {
 }
 
 TEST_F(ContractTest, WaitingRequestsAreCancelledByTheShutdown) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   connectAgent();
   RecordingRequest& removal = framework_->dispatch({IOCTL_SMARTCARD_IS_ABSENT, {}, {}});
-  card_.pull();
+  agent_.setCardOut();
   RecordingRequest& insertion = framework_->dispatch({IOCTL_SMARTCARD_IS_PRESENT, {}, {}});
   EXPECT_EQ(removal.completions() + insertion.completions(), 0);
   takeDown();

@@ -19,7 +19,7 @@ class HostProcessTest : public ::testing::Test {
     ASSERT_TRUE(agent_.does("connect"));
     ASSERT_THAT(host.result(), StartsWith(HostProgram::kDone));
     EXPECT_EQ(host.control(IOCTL_SMARTCARD_POWER, number(SCARD_COLD_RESET)),
-              HostProgram::kDone + HostProgram::hex(TestCard::atrOfT1()));
+              HostProgram::kDone + HostProgram::hex(CardAgent::atrOfT1()));
     ASSERT_TRUE(host.submit(IOCTL_SMARTCARD_IS_ABSENT));
   }
 

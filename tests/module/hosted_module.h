@@ -55,16 +55,14 @@ class HostedModuleTest : public ::testing::Test {
   // for the card's ATR first of all.
   void connectAgent() {
     const auto waiting = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
-    const int asked = agent_.commands(AgentCommand::kQueryAtrReset);
-    ASSERT_TRUE(agent_.connect(card_.answers()));
-    ASSERT_TRUE(agent_.waitForCommands(AgentCommand::kQueryAtrReset, asked + 1));
-    if (!card_.present()) return;
+    ASSERT_TRUE(agent_.connect());
+    if (!agent_.isCardIn()) return;
     ASSERT_TRUE(waiting->wait(kLong));
     ASSERT_EQ(waiting->result().status, answer::kSuccess);
   }
   // With a card that is ready for commands.
-  void connectWithPoweredCard(std::uint32_t protocol) {
-    card_.insert();
+  void connectWithPoweredCard(std::uint32_t protocol, const Bytes& atr = CardAgent::atrOfT1()) {
+    agent_.setCardIn(atr);
     connectAgent();
     ASSERT_EQ(status(IOCTL_SMARTCARD_POWER, number(SCARD_COLD_RESET), 64), answer::kSuccess);
     ASSERT_EQ(status(IOCTL_SMARTCARD_SET_PROTOCOL, number(protocol)), answer::kSuccess);
@@ -72,9 +70,8 @@ class HostedModuleTest : public ::testing::Test {
   // The reader serves a new agent and its card.
   void expectWorkingReader() {
     agent_.die();
-    card_.setAtr(TestCard::atrOfT1());
     connectWithPoweredCard(SCARD_PROTOCOL_T1);
-    EXPECT_EQ(transmit({0x00, 0xB0, 0x01}), TestCard::responseTo({0x00, 0xB0, 0x01}));
+    EXPECT_EQ(transmit({0x00, 0xB0, 0x01}), CardAgent::responseTo({0x00, 0xB0, 0x01}));
   }
 
   std::uint32_t state() { return toNumber(control(IOCTL_SMARTCARD_GET_STATE, {}, 4).output); }
@@ -91,10 +88,9 @@ class HostedModuleTest : public ::testing::Test {
   }
 
   ModuleWorld world_;
-  TestCard card_;
   std::unique_ptr<host::DriverHost> host_;
   std::shared_ptr<host::File> file_;
-  LinkAgent agent_;
+  CardAgent agent_;
 };
 
 }  // namespace zelta::test

@@ -26,13 +26,11 @@ class HostileTest : public HostedModuleTest {
   }
   // The reader after a card came whose ATR is this.
   void connectCardWithAtr(Bytes atr) {
-    card_.pull();
+    agent_.setCardOut();
     agent_.die();
-    card_.setAtr(std::move(atr));
     connectAgent();
     const auto insertion = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
-    card_.insert();
-    ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
+    ASSERT_TRUE(agent_.insert(std::move(atr)));
     ASSERT_TRUE(insertion->wait(kLong));
   }
 };
@@ -89,7 +87,7 @@ TEST_F(HostileTest, TransmitForAnotherProtocolIsRefused) {
     EXPECT_EQ(status(IOCTL_SMARTCARD_TRANSMIT, transmitBuffer(protocol, {1, 2}), 64),
               answer::kInvalidDeviceState);
   }
-  EXPECT_EQ(transmit({1, 2}), TestCard::responseTo({1, 2}));
+  EXPECT_EQ(transmit({1, 2}), CardAgent::responseTo({1, 2}));
   EXPECT_THAT(endAndLog(), Contains("<ERROR> -1073741436 [TRSM]STATUS_INVALID_DEVICE_STATE; "
                                     "protocol:FFFFFFFF"));
 }
@@ -100,7 +98,8 @@ TEST_F(HostileTest, HeaderLengthOfATransmitIsNotBelieved) {
     const host::IoResult result =
         control(IOCTL_SMARTCARD_TRANSMIT,
                 number(SCARD_PROTOCOL_T1) + number(length) + Bytes{0x10, 0x20}, 64);
-    EXPECT_EQ(result.output, transmitBuffer(SCARD_PROTOCOL_T1, TestCard::responseTo({0x10, 0x20})));
+    EXPECT_EQ(result.output,
+              transmitBuffer(SCARD_PROTOCOL_T1, CardAgent::responseTo({0x10, 0x20})));
   }
 }
 
@@ -140,12 +139,12 @@ TEST_F(HostileTest, AtrsThatAreNoneAreRefusedByTheParserAlone) {
 
 TEST_F(HostileTest, AnswersOfLengthZeroFail) {
   connectWithPoweredCard(SCARD_PROTOCOL_T1);
-  card_.pull();
+  agent_.setCardOut();
   EXPECT_EQ(status(IOCTL_SMARTCARD_TRANSMIT, transmitBuffer(SCARD_PROTOCOL_T1, {1}), 64),
             answer::kNoMedia);
   EXPECT_EQ(attribute(SCARD_ATTR_ATR_STRING).status, answer::kNoMedia);
-  card_.insert();
-  EXPECT_EQ(transmit({1}), TestCard::responseTo({1}));
+  agent_.setCardIn(CardAgent::atrOfT1());
+  EXPECT_EQ(transmit({1}), CardAgent::responseTo({1}));
   const auto log = endAndLog();
   EXPECT_THAT(log, Contains(HasSubstr("[QueryTransmit]Invalid APDU response size (0)")));
   EXPECT_THAT(log, Contains("<ERROR> -500 [QueryATR]Invalid ATR size (0)"));
@@ -166,7 +165,7 @@ TEST_F(HostileTest, FourGibibytesAnnouncedByAnAgentThatGoesFailTheQuery) {
 }
 
 TEST_F(HostileTest, SessionIdsThatAreNoneAreSkipped) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   connectAgent();
   ASSERT_TRUE(agent_.sendSessionLogId(""));
   ASSERT_TRUE(agent_.sendSessionLogId(std::string(100000, 'x')));
@@ -179,7 +178,7 @@ TEST_F(HostileTest, SessionIdsThatAreNoneAreSkipped) {
 }
 
 TEST_F(HostileTest, EmptySessionIdIsLogged) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   connectAgent();
   ASSERT_TRUE(agent_.sendSessionLogId(""));
   const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
@@ -190,7 +189,7 @@ TEST_F(HostileTest, EmptySessionIdIsLogged) {
 }
 
 TEST_F(HostileTest, FourGibibytesOfSessionIdEndWithTheAgent) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   connectAgent();
   const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
   ASSERT_TRUE(agent_.sendEvent(AgentEvent::kSessionLogId));
@@ -203,7 +202,7 @@ TEST_F(HostileTest, FourGibibytesOfSessionIdEndWithTheAgent) {
 }
 
 TEST_F(HostileTest, UnknownEventsAreSkipped) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   connectAgent();
   for (const std::uint32_t code : {3u, 7u, 0x80000000u, kAllOnes}) {
     ASSERT_TRUE(agent_.sendEvent(code));
@@ -218,11 +217,11 @@ TEST_F(HostileTest, UnknownEventsAreSkipped) {
 }
 
 TEST_F(HostileTest, SilentAgentHoldsUpNobodyButTheCallers) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   const auto waiting = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
-  ASSERT_TRUE(agent_.connect([](const LinkAgent::Command& command) -> std::optional<Bytes> {
+  ASSERT_TRUE(agent_.connect([](const CardAgent::Command& command) -> std::optional<Bytes> {
     if (command.code == AgentCommand::kQueryTransmit) return std::nullopt;
-    return TestCard::atrOfT0();
+    return CardAgent::atrOfT0();
   }));
   ASSERT_TRUE(waiting->wait(kLong));
   auto transmit = controlOnThread(IOCTL_SMARTCARD_TRANSMIT, transmitBuffer(0, {1, 2}), 64);

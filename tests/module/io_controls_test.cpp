@@ -83,14 +83,14 @@ TEST_F(IoControlsTest, OtherControlsAreNotSupported) {
 }
 
 TEST_F(IoControlsTest, CardComesAndWorks) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   connectAgent();
   EXPECT_EQ(state(), SCARD_SWALLOWED);
   EXPECT_EQ(status(IOCTL_SMARTCARD_IS_PRESENT), answer::kSuccess);
 
   const host::IoResult reset = control(IOCTL_SMARTCARD_POWER, number(SCARD_COLD_RESET), 64);
   EXPECT_EQ(reset.status, answer::kSuccess);
-  EXPECT_EQ(reset.output, TestCard::atrOfT1());
+  EXPECT_EQ(reset.output, CardAgent::atrOfT1());
   EXPECT_EQ(state(), SCARD_NEGOTIABLE);
 
   EXPECT_EQ(status(IOCTL_SMARTCARD_SET_PROTOCOL, number(SCARD_PROTOCOL_T0)), answer::kNotSupported);
@@ -106,25 +106,25 @@ TEST_F(IoControlsTest, CardComesAndWorks) {
   const Bytes apdu = {0x00, 0xA4, 0x04, 0x00};
   const host::IoResult sent =
       control(IOCTL_SMARTCARD_TRANSMIT, transmitBuffer(SCARD_PROTOCOL_T1, apdu), 64);
-  EXPECT_EQ(sent.output, transmitBuffer(SCARD_PROTOCOL_T1, TestCard::responseTo(apdu)));
+  EXPECT_EQ(sent.output, transmitBuffer(SCARD_PROTOCOL_T1, CardAgent::responseTo(apdu)));
   EXPECT_EQ(sent.information, sent.output.size());
 
-  EXPECT_EQ(attribute(SCARD_ATTR_ATR_STRING).output, TestCard::atrOfT1());
+  EXPECT_EQ(attribute(SCARD_ATTR_ATR_STRING).output, CardAgent::atrOfT1());
   EXPECT_EQ(numberAttribute(SCARD_ATTR_DEFAULT_DATA_RATE), 43010u);
   EXPECT_EQ(numberAttribute(SCARD_ATTR_MAX_DATA_RATE), 53763u);
 
   EXPECT_EQ(control(IOCTL_SMARTCARD_POWER, number(SCARD_WARM_RESET), 64).output,
-            TestCard::atrOfT1());
+            CardAgent::atrOfT1());
   EXPECT_EQ(status(IOCTL_SMARTCARD_POWER, number(SCARD_POWER_DOWN)), answer::kSuccess);
   EXPECT_EQ(state(), SCARD_SWALLOWED);
 }
 
 TEST_F(IoControlsTest, CardGoesWhileItsRemovalIsWaitedFor) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   connectAgent();
   const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
   EXPECT_FALSE(removal->completed());
-  card_.pull();
+  agent_.setCardOut();
   ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
   ASSERT_TRUE(removal->wait(kLong));
   EXPECT_EQ(removal->result().status, answer::kSuccess);
@@ -132,9 +132,9 @@ TEST_F(IoControlsTest, CardGoesWhileItsRemovalIsWaitedFor) {
 }
 
 TEST_F(IoControlsTest, ResetOfACardThatFailsIsUnrecognisedMedia) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   connectAgent();
-  card_.pull();
+  agent_.setCardOut();
   EXPECT_EQ(status(IOCTL_SMARTCARD_POWER, number(SCARD_COLD_RESET), 64),
             answer::kUnrecognizedMedia);
   EXPECT_EQ(state(), SCARD_PRESENT);
@@ -150,13 +150,13 @@ TEST_F(IoControlsTest, LongCommandAndResponsePass) {
   connectWithPoweredCard(SCARD_PROTOCOL_T1);
   Bytes apdu(1 << 20);
   for (std::size_t i = 0; i < apdu.size(); ++i) apdu[i] = static_cast<std::uint8_t>(i * 7);
-  EXPECT_EQ(transmit(apdu), TestCard::responseTo(apdu));
+  EXPECT_EQ(transmit(apdu), CardAgent::responseTo(apdu));
 }
 
 TEST_F(IoControlsTest, SessionOfTheAgentIsInTheLogUntilTheCardGoes) {
   const std::string session = "12345678-9abc-def0-1234-56789abcdef0";
   const std::string none = "00000000-0000-0000-0000-000000000000";
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   connectAgent();
   ASSERT_TRUE(agent_.sendSessionLogId(session));
   const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);

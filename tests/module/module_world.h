@@ -11,7 +11,8 @@
 
 #include "framework/wdf.h"
 #include "platform/process/module_loader.h"
-#include "tests/module/test_card.h"
+#include "tests/doubles/agent/card_agent.h"
+#include "tests/module/wire_bytes.h"
 #include "tests/support/log_files.h"
 
 namespace zelta::test {

@@ -42,13 +42,13 @@ TEST_F(PresenceTest, CardInsertedAndRemovedHundredsOfTimes) {
   connectAgent();
   for (int round = 0; round < repetitions(300); ++round) {
     const auto insertion = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
-    card_.insert();
+    agent_.setCardIn(CardAgent::atrOfT1());
     ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
     ASSERT_EQ(ending(*insertion), answer::kSuccess);
     ASSERT_EQ(control(IOCTL_SMARTCARD_POWER, number(SCARD_COLD_RESET), 64).output,
-              TestCard::atrOfT1());
+              CardAgent::atrOfT1());
     const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
-    card_.pull();
+    agent_.setCardOut();
     ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
     ASSERT_EQ(ending(*removal), answer::kSuccess);
     ASSERT_EQ(state(), SCARD_ABSENT);
@@ -56,7 +56,7 @@ TEST_F(PresenceTest, CardInsertedAndRemovedHundredsOfTimes) {
 }
 
 TEST_F(PresenceTest, AgentsComeAndGo) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   for (int round = 0; round < repetitions(50); ++round) {
     connectAgent();
     const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
@@ -76,7 +76,7 @@ TEST_F(PresenceTest, LossOfTheAgentCancelsWhoWaitsForACard) {
 }
 
 TEST_F(PresenceTest, AgentThatDiesInsideATransmitEndsIt) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   const auto waiting = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
   ASSERT_TRUE(agent_.connectSilently());
   // The ATR for the protocols, by hand.
@@ -122,13 +122,13 @@ TEST_F(PresenceTest, AgentThatDiesInsideAnAtrIsSurvived) {
 }
 
 TEST_F(PresenceTest, AgentThatIsThereBeforeAnybodyWaitsForACardIsLetInAsAnyOther) {
-  card_.insert();
-  ASSERT_TRUE(agent_.connect(card_.answers()));
+  agent_.setCardIn(CardAgent::atrOfT1());
+  ASSERT_TRUE(agent_.connectUnasked());
   const auto insertion = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
   ASSERT_EQ(ending(*insertion), answer::kSuccess);
   ASSERT_EQ(status(IOCTL_SMARTCARD_POWER, number(SCARD_COLD_RESET), 64), answer::kSuccess);
   ASSERT_EQ(status(IOCTL_SMARTCARD_SET_PROTOCOL, number(SCARD_PROTOCOL_T1)), answer::kSuccess);
-  EXPECT_EQ(transmit({1, 2}), TestCard::responseTo({1, 2}));
+  EXPECT_EQ(transmit({1, 2}), CardAgent::responseTo({1, 2}));
 }
 
 TEST_F(PresenceTest, AgentThatDiesBeforeItIsLetInIsFollowedByAnother) {
@@ -151,7 +151,7 @@ TEST_F(PresenceTest, AgentThatDiesBeforeItIsLetInIsFollowedByAnother) {
 }
 
 TEST_F(PresenceTest, AgentThatDiesInsideASessionIdIsSurvived) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   for (int round = 0; round < repetitions(20); ++round) {
     connectAgent();
     const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
@@ -170,7 +170,7 @@ TEST_F(PresenceTest, SecondAgentIsRefusedAndTheFirstNoticesNothing) {
   connectWithPoweredCard(SCARD_PROTOCOL_T1);
   PipeClient second;
   EXPECT_TRUE(!second.connect(commandPipeName(0)) || second.waitForDrop());
-  EXPECT_EQ(transmit({1, 2}), TestCard::responseTo({1, 2}));
+  EXPECT_EQ(transmit({1, 2}), CardAgent::responseTo({1, 2}));
 }
 
 }  // namespace

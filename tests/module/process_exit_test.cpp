@@ -36,7 +36,7 @@ TEST_F(ProcessExitTest, ExitFromAnotherThreadWithTheDriverUpEndsTheProcess) {
   EXPECT_EXIT(
       {
         bringUp();
-        card_.insert();
+        agent_.setCardIn(CardAgent::atrOfT1());
         connectAgent();
         exitUnderLoad(*file_, world_);
       },

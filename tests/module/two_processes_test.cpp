@@ -32,9 +32,9 @@ class TwoProcessesTest : public HostedModuleTest {
   }
   void expectWorkingCard() {
     EXPECT_EQ(control(IOCTL_SMARTCARD_POWER, number(SCARD_COLD_RESET), 64).output,
-              TestCard::atrOfT1());
+              CardAgent::atrOfT1());
     EXPECT_EQ(status(IOCTL_SMARTCARD_SET_PROTOCOL, number(SCARD_PROTOCOL_T1)), answer::kSuccess);
-    EXPECT_EQ(transmit({0x00, 0xB0, 0x01}), TestCard::responseTo({0x00, 0xB0, 0x01}));
+    EXPECT_EQ(transmit({0x00, 0xB0, 0x01}), CardAgent::responseTo({0x00, 0xB0, 0x01}));
   }
   void expectSuccess(host::IoOperation& operation) {
     ASSERT_TRUE(operation.wait(kLong));

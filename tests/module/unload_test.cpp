@@ -49,7 +49,7 @@ TEST_F(UnloadTest, NothingIsLeftOfADriverThatWaitsForItsAgent) {
 }
 
 TEST_F(UnloadTest, NothingIsLeftOfADriverWithAnAgentAndWaitingRequests) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   for (int round = 0; round < repetitions(60); ++round) {
     bringUp();
     connectAgent();
@@ -80,7 +80,7 @@ TEST_F(UnloadTest, UnloadingReturnsAtOnceWhenTheModuleHasAgreed) {
 }
 
 TEST_F(UnloadTest, CallsWhileTheDriverGoesDownAreCarriedOutOrRefused) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   for (int round = 0; round < repetitions(20); ++round) {
     bringUp();
     connectAgent();

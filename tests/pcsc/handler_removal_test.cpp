@@ -27,10 +27,10 @@ class HandlerRemovalTest : public HandlerFixture {
 
   // The call reaches the agent, which then reports the removal instead of an answer.
   RESPONSECODE callAndPull(AgentCommand command, const std::function<RESPONSECODE()>& call) {
-    const int before = agent_.link().commands(command);
+    const int before = agent_.commands(command);
     agent_.ignore(command, 1);
     auto caller = std::async(std::launch::async, call);
-    EXPECT_TRUE(agent_.link().waitForCommands(command, before + 1));
+    EXPECT_TRUE(agent_.waitForCommands(command, before + 1));
     agent_.remove();
     return caller.get();
   }

@@ -54,7 +54,7 @@ TEST_F(PcscdRemovalTest, CommandThatAnAgentLeavesUnansweredEndsWithTheRemovalToo
     Bytes answer;
     return client_->transmit(kSelect, &answer);
   });
-  ASSERT_TRUE(agent_.link().waitForCommands(AgentCommand::kQueryTransmit, 1));
+  ASSERT_TRUE(agent_.waitForCommands(AgentCommand::kQueryTransmit, 1));
   agent_.remove();
   const LONG result = sent.get();
   EXPECT_TRUE(result == SCARD_E_NO_SMARTCARD || result == SCARD_W_REMOVED_CARD)
@@ -83,7 +83,7 @@ TEST_F(PcscdRemovalTest, AgentThatDiesDuringACommandEndsIt) {
     return client_->transmit(kSelect, &answer);
   });
   running.get_future().wait();
-  agent_.link().events().close();
+  agent_.events().close();
   const LONG result = sent.get();
   EXPECT_TRUE(result == SCARD_E_NO_SMARTCARD || result == SCARD_W_REMOVED_CARD)
       << std::hex << result;

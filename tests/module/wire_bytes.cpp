@@ -1,4 +1,4 @@
-#include "tests/module/test_card.h"
+#include "tests/module/wire_bytes.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,6 @@
 
 #include "contract/bytes.h"
 #include "contract/io_controls.h"
-#include "contract/wire.h"
 
 namespace zelta::test {
 
@@ -30,13 +29,6 @@ Bytes operator+(Bytes front, const Bytes& back) {
 
 Bytes transmitBuffer(std::uint32_t protocol, const Bytes& apdu) {
   return number(protocol) + number(kTransmitHeaderSize) + apdu;
-}
-
-LinkAgent::Answer TestCard::answers() {
-  return [this](const LinkAgent::Command& command) -> std::optional<Bytes> {
-    if (!present_) return Bytes();
-    return command.code == AgentCommand::kQueryTransmit ? responseTo(command.apdu) : atr_;
-  };
 }
 
 }  // namespace zelta::test
