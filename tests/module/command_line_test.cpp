@@ -9,6 +9,7 @@
 #include "contract/reader_states.h"
 #include "tests/module/module_world.h"
 #include "tests/module/programs.h"
+#include "tests/support/system.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::test {
@@ -31,10 +32,12 @@ class CommandLineTest : public ::testing::Test {
   CommandLineTest() { std::ofstream(folder_.file("card.txt")) << kScript; }
 
   std::unique_ptr<ChildProcess> startAgent() const {
-    auto agent = std::make_unique<ChildProcess>(
-        ZELTA_AGENT_PROGRAM,
-        std::vector<std::string>{"--backend", "script", "--script", folder_.file("card.txt"),
-                                 "--control", folder_.file("ctl"), "--session-id", kSession});
+    std::vector<std::string> arguments = {
+        "--backend", "script", "--script", folder_.file("card.txt"), "--session-id", kSession};
+    if (kAgentHasControl) {
+      arguments.insert(arguments.end(), {"--control", folder_.file("ctl")});
+    }
+    auto agent = std::make_unique<ChildProcess>(ZELTA_AGENT_PROGRAM, arguments);
     EXPECT_TRUE(agent->readLineWith("reader 0, script card, session"));
     return agent;
   }

@@ -168,20 +168,21 @@ TEST_P(RefusedCommands, EndTheConnectionUnanswered) {
 
 INSTANTIATE_TEST_SUITE_P(
     Commands, RefusedCommands,
-    testing::Values(Refused{"UnknownCode", {4, 0, 0, 0}, "error: Unknown command 4; dropping the"},
-                    Refused{"ApduOneByteTooLong",
-                            {2, 0, 0, 0, 0x0D, 0x00, 0x01, 0x00},
-                            "error: The driver announced an APDU of 65549 bytes; dropping the"},
-                    Refused{"ApduOf2GiB",
-                            {2, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0x7F},
-                            "error: The driver announced an APDU of 2147483647 bytes"},
-                    Refused{"ApduOf4GiB",
-                            {2, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF},
-                            "error: The driver announced an APDU of 4294967295 bytes"},
-                    Refused{"HalfACode", {0, 0}, "error: The driver's command stopped half-way"},
-                    Refused{"HalfAnApdu",
-                            {2, 0, 0, 0, 5, 0, 0, 0, 0x00, 0xA4},
-                            "error: The driver's command stopped half-way; dropping the"}),
+    testing::Values(
+        Refused{"UnknownCode", {4, 0, 0, 0}, "error: Unknown command 4; dropping the connection"},
+        Refused{"ApduOneByteTooLong",
+                {2, 0, 0, 0, 0x0D, 0x00, 0x01, 0x00},
+                "error: The driver announced an APDU of 65549 bytes; dropping the connection"},
+        Refused{"ApduOf2GiB",
+                {2, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0x7F},
+                "error: The driver announced an APDU of 2147483647 bytes"},
+        Refused{"ApduOf4GiB",
+                {2, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF},
+                "error: The driver announced an APDU of 4294967295 bytes"},
+        Refused{"HalfACode", {0, 0}, "error: The driver's command stopped half-way"},
+        Refused{"HalfAnApdu",
+                {2, 0, 0, 0, 5, 0, 0, 0, 0x00, 0xA4},
+                "error: The driver's command stopped half-way; dropping the connection"}),
     [](const testing::TestParamInfo<Refused>& tested) { return tested.param.name; });
 
 // --- The card is late ---

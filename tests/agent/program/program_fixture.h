@@ -35,7 +35,7 @@ class Program : public testing::Test {
     return withControl(std::move(arguments));
   }
   std::vector<std::string> withControl(std::vector<std::string> arguments) const {
-    if (kHasControl) arguments.insert(arguments.end(), {"--control", control()});
+    if (kAgentHasControl) arguments.insert(arguments.end(), {"--control", control()});
     return arguments;
   }
   std::string control() const { return folder_.file("ctl"); }
@@ -50,9 +50,6 @@ class Program : public testing::Test {
   }
 
   PipeFolder folder_;
-
- private:
-  static constexpr bool kHasControl = kPipesKeepBytes;  // only on Linux
 };
 
 }  // namespace zelta::test

@@ -12,8 +12,8 @@ TEST_F(Program, HelpAndVersion_EndWithZero) {
   EXPECT_EQ(help.exitCode, 0);
   EXPECT_THAT(help.text, HasSubstr("Usage: zelta-agent"));
   EXPECT_THAT(help.text,
-              HasSubstr(kPipesKeepBytes ? "\nSignals: SIGUSR1 removes the card, "
-                                        : "\nOn Windows only --backend script is available. "));
+              HasSubstr(kAgentHasControl ? "\nSignals: SIGUSR1 removes the card, "
+                                         : "\nOn Windows only --backend script is available. "));
   const Ended version = runProgram({"--version"});
   EXPECT_EQ(version.exitCode, 0);
   EXPECT_EQ(version.text, std::string("zelta-agent ") + agent::kVersion + "\n");
