@@ -6,7 +6,7 @@
 
 #include "agent/card/emulated_card.h"
 #include "agent/card/pcsc_card.h"
-#include "agent/card/script_backend.h"
+#include "agent/card/script_card.h"
 
 namespace zelta::agent {
 
@@ -35,7 +35,7 @@ std::unique_ptr<CardBackend> makeBackend(const Options& options, Log& log) {
     case BackendKind::kPcsc:
       return std::make_unique<PcscCard>(options.pcscReader, log);
     case BackendKind::kScript:
-      return makeScriptBackend(options);
+      return loadScriptCard(options.scriptFile, options.cardIn);
     case BackendKind::kEmulated:
       break;
   }

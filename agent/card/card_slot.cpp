@@ -28,19 +28,19 @@ void CardSlot::stop() {
 }
 
 void CardSlot::observe(Observer* observer) {
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   observer_ = observer;
   if (observer_ != nullptr) observer_->observing(card_);
 }
 
 CardId CardSlot::card() const {
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   return card_;
 }
 
 Outcome CardSlot::perform(const Command& command, CardId card) {
   Bytes response = call(command);
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   if (response.empty() || card_ != card) return {Outcome::Result::kNoAnswer};
   if (command.kind != Command::Kind::kTransmit) atr_ = response;
   return {Outcome::Result::kAnswered, std::move(response), card};
@@ -65,12 +65,12 @@ std::string CardSlot::insert() { return backend_.insert(); }
 std::string CardSlot::remove() { return backend_.remove(); }
 
 CardSlot::Status CardSlot::status() const {
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   return {card_, atr_};
 }
 
 void CardSlot::cardInserted() {
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   if (card_ != kNoCard) return;
   card_ = ++lastCard_;
   atr_.clear();
@@ -79,7 +79,7 @@ void CardSlot::cardInserted() {
 
 void CardSlot::cardRemoved() {
   {
-    platform::MutexLock lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     if (card_ == kNoCard) return;
     card_ = kNoCard;
     atr_.clear();

@@ -1,5 +1,5 @@
-// The place the card is in: knows whether one is there, tells an observer of its coming and going,
-// and passes commands on to the back end.
+// The card's place: knows whether a card is in, tells an observer of its arrival and departure, and
+// passes commands on to the back end.
 //
 // Lives as long as its owner, over any number of connections. `perform` comes one call at a time;
 // everything else from any thread. The observer is called with the slot's lock held, on whatever
@@ -22,7 +22,7 @@ class CardSlot final : private CardListener {
  public:
   class Observer {
    public:
-    // The state at the moment of `observe`; `kNoCard` where none is in.
+    // The state at the moment of `observe`; `kNoCard` if none is in.
     virtual void observing(CardId card) = 0;
     virtual void cardArrived(CardId card) = 0;
     virtual void cardDeparted() = 0;
@@ -37,10 +37,10 @@ class CardSlot final : private CardListener {
   };
 
   // `backend` outlives the slot and is started and stopped by it. `onDeparture` is called after the
-  // observer, without a lock held; may be empty. `onFailure` learns of a thread of the back end's
+  // observer, without a lock held; may be empty. `onFailure` learns of a thread of the back end
   // that has ended by an exception.
   CardSlot(CardBackend& backend, std::function<void()> onDeparture, OnFailure onFailure);
-  // Stops first where that has not been done.
+  // Stops first if that has not been done.
   ~CardSlot();
   CardSlot(const CardSlot&) = delete;
   CardSlot& operator=(const CardSlot&) = delete;
@@ -49,14 +49,14 @@ class CardSlot final : private CardListener {
   void start();
   // Makes the call that is in the card, and every later one, return as soon as the card allows.
   void interrupt();
-  // Stops the back end. No call is in the card; nothing is told any more when this returns.
+  // Stops the back end. Comes when no call is in the card; nobody is told anything afterwards.
   void stop();
 
-  // From now on `observer` (non-owning, null for none) is told; nothing is told to the one before
-  // once this returns.
+  // From now on `observer` (not owned, null for none) is told. The previous one is told nothing any
+  // more when this returns.
   void observe(Observer* observer);
 
-  // Has an observer told for a scope.
+  // Lets an observer observe for a scope.
   class Observation {
    public:
     Observation(CardSlot& slot, Observer& observer) : slot_(slot) { slot_.observe(&observer); }
@@ -70,9 +70,9 @@ class CardSlot final : private CardListener {
 
   // The card that is in.
   CardId card() const;
-  // What `card` answers, for as long as it takes; NoCard if it left meanwhile.
+  // What `card` answers, for as long as it takes; kNoAnswer if it has left meanwhile.
   Outcome perform(const Command& command, CardId card);
-  // Passes the driver's notice on.
+  // Tells the back end that the driver uses the card from now on.
   void ready();
 
   std::string insert();

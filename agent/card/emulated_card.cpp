@@ -63,11 +63,10 @@ std::string optionText(const std::string& database, const std::vector<std::strin
 
 // The library answers a wrong PIN with "conditions of use not satisfied", which software takes for
 // a broken card. A card says that the verification failed; the PIN has no count of tries.
-void correctWrongPin(const Bytes& command, Bytes* response) {
-  static const auto* const conditionsNotSatisfied = new Bytes{0x69, 0x85};  // never destroyed
-  static const auto* const wrongPin = new Bytes{0x63, 0xCF};                // never destroyed
-  if (command.size() <= kInstructionAt || command[kInstructionAt] != kVerify) return;
-  if (*response == *conditionsNotSatisfied) *response = *wrongPin;
+Bytes correctWrongPin(const Bytes& command, Bytes response) {
+  const bool verifies = command.size() > kInstructionAt && command[kInstructionAt] == kVerify;
+  const bool refused = response == Bytes{0x69, 0x85};
+  return verifies && refused ? Bytes{0x63, 0xCF} : std::move(response);
 }
 
 }  // namespace
@@ -95,7 +94,7 @@ void EmulatedCard::start(CardListener& listener) {
                              settings_.database);
   }
   listener_ = &listener;
-  platform::MutexLock acting(acting_);
+  const platform::MutexLock acting(acting_);
   in_ = settings_.cardIn;
   if (in_) {
     ++insertions_;
@@ -107,7 +106,7 @@ void EmulatedCard::start(CardListener& listener) {
 }
 
 void EmulatedCard::stop() {
-  platform::MutexLock acting(acting_);
+  const platform::MutexLock acting(acting_);
   reader_.reset();
 }
 
@@ -125,18 +124,18 @@ Bytes EmulatedCard::powerOn() {
 }
 
 Bytes EmulatedCard::reset() {
-  platform::MutexLock lock(card_);
+  const platform::MutexLock lock(card_);
   return powerOn();
 }
 
 Bytes EmulatedCard::atr() {
-  platform::MutexLock lock(card_);
+  const platform::MutexLock lock(card_);
   if (atr_.empty() || poweredIn_ != insertions_) return powerOn();
   return atr_;
 }
 
 Bytes EmulatedCard::transmit(const Bytes& command) {
-  platform::MutexLock lock(card_);
+  const platform::MutexLock lock(card_);
   // A card that was put in anew has no power yet, and would still know its PIN as given.
   if (poweredIn_ != insertions_ && powerOn().empty()) return {};
   Bytes sent = command;
@@ -147,12 +146,11 @@ Bytes EmulatedCard::transmit(const Bytes& command) {
                         response.data(), &length);
   if (status != VREADER_OK || length <= 0) return {};
   response.resize(static_cast<std::size_t>(length));
-  correctWrongPin(command, &response);
-  return response;
+  return correctWrongPin(command, std::move(response));
 }
 
 std::string EmulatedCard::insert() {
-  platform::MutexLock acting(acting_);
+  const platform::MutexLock acting(acting_);
   if (reader_ == nullptr) return "the card emulation does not run";
   if (in_) return "a card is in already";
   if (vcard_emul_force_card_insert(reader_->reference.get()) != VCARD_EMUL_OK) {
@@ -166,7 +164,7 @@ std::string EmulatedCard::insert() {
 }
 
 std::string EmulatedCard::remove() {
-  platform::MutexLock acting(acting_);
+  const platform::MutexLock acting(acting_);
   if (reader_ == nullptr) return "the card emulation does not run";
   if (!in_) return "no card is in";
   // Told first, so that no command finds the card gone before that is known.

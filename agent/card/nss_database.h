@@ -1,4 +1,4 @@
-// Looking into the NSS certificate database of an emulated card before the card is made of it.
+// Checks the NSS certificate database of an emulated card before the card is made of it.
 #pragma once
 
 #include <optional>
@@ -7,9 +7,9 @@
 
 namespace zelta::agent {
 
-// Checks that `folder` holds a database, that its password is `pin` where one is given, and that it
+// Checks that `folder` holds a database, that its password is `pin` if one is given, and that it
 // has the certificates `nicknames`; without any, looks for those of the demo database. Returns the
-// nicknames that the card is to be made of, at least one. Throws std::runtime_error with a message
+// nicknames of the card's certificates, at least one. Throws std::runtime_error with a message
 // for people. Not while an emulated card runs in the process.
 std::vector<std::string> checkCardDatabase(const std::string& folder,
                                            const std::optional<std::string>& pin,

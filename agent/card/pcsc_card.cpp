@@ -47,13 +47,13 @@ void PcscCard::start(CardListener& listener) {
 
 void PcscCard::runWatcher() {
   guarded([this](const char* problem) { listener_->cardFailed(problem); }, [this] { watch(); });
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   watcherEnded_ = true;
   changed_.notifyAll();
 }
 
 void PcscCard::interrupt() {
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   ending_ = true;
   if (following_) SCardCancel(followContext_);
   changed_.notifyAll();
@@ -100,7 +100,7 @@ void PcscCard::noteFailure(LONG result, const char* what) {
     case SCARD_E_SERVICE_STOPPED:
     case SCARD_E_INVALID_HANDLE:
       setPresent(false);
-      // The context went with the service; where it is back, a new one helps the next call.
+      // The context went with the service. If that is back, a new context helps the next call.
       SCardReleaseContext(context_);
       SCardEstablishContext(SCARD_SCOPE_SYSTEM, nullptr, nullptr, &context_);
       return;
@@ -109,7 +109,7 @@ void PcscCard::noteFailure(LONG result, const char* what) {
   }
 }
 
-bool PcscCard::connected() {
+bool PcscCard::connect() {
   if (hasHandle_) return true;
   const LONG result =
       SCardConnect(context_, reader_.c_str(), SCARD_SHARE_SHARED, kProtocols, &handle_, &protocol_);
@@ -118,7 +118,7 @@ bool PcscCard::connected() {
   return hasHandle_;
 }
 
-Bytes PcscCard::connectedAtr() {
+Bytes PcscCard::readAtr() {
   std::array<BYTE, MAX_ATR_SIZE> buffer{};
   auto length = static_cast<DWORD>(buffer.size());
   const LONG result =
@@ -131,44 +131,46 @@ Bytes PcscCard::connectedAtr() {
 }
 
 Bytes PcscCard::reset() {
-  if (!connected()) return {};
+  if (!connect()) return {};
   const LONG result =
       SCardReconnect(handle_, SCARD_SHARE_SHARED, kProtocols, SCARD_RESET_CARD, &protocol_);
   if (result != SCARD_S_SUCCESS) {
     noteFailure(result, "Resetting the card");
     return {};
   }
-  return connectedAtr();
+  return readAtr();
 }
 
-Bytes PcscCard::atr() { return connected() ? connectedAtr() : Bytes(); }
+Bytes PcscCard::atr() { return connect() ? readAtr() : Bytes(); }
 
-LONG PcscCard::transmitOnce(const Bytes& command, Bytes* response) {
+PcscCard::Response PcscCard::transmitOnce(const Bytes& command) {
   const SCARD_IO_REQUEST* request = protocol_ == SCARD_PROTOCOL_T1 ? SCARD_PCI_T1 : SCARD_PCI_T0;
-  response->assign(MAX_BUFFER_SIZE_EXTENDED, 0);
-  auto length = static_cast<DWORD>(response->size());
-  const LONG result =
+  Response response{SCARD_S_SUCCESS, Bytes(MAX_BUFFER_SIZE_EXTENDED)};
+  auto length = static_cast<DWORD>(response.bytes.size());
+  response.result =
       SCardTransmit(handle_, request, command.data(), static_cast<DWORD>(command.size()), nullptr,
-                    response->data(), &length);
-  response->resize(result == SCARD_S_SUCCESS ? length : 0);
-  return result;
-}
-
-Bytes PcscCard::transmit(const Bytes& command) {
-  if (!connected()) return {};
-  Bytes response;
-  LONG result = transmitOnce(command, &response);
-  if (result == SCARD_W_RESET_CARD) {
-    // Another program has reset the card. The driver cannot be told, so its command goes on.
-    result = SCardReconnect(handle_, SCARD_SHARE_SHARED, kProtocols, SCARD_LEAVE_CARD, &protocol_);
-    if (result == SCARD_S_SUCCESS) result = transmitOnce(command, &response);
-  }
-  if (result != SCARD_S_SUCCESS) noteFailure(result, "Sending a command to the card");
+                    response.bytes.data(), &length);
+  response.bytes.resize(response.result == SCARD_S_SUCCESS ? length : 0);
   return response;
 }
 
+Bytes PcscCard::transmit(const Bytes& command) {
+  if (!connect()) return {};
+  Response response = transmitOnce(command);
+  if (response.result == SCARD_W_RESET_CARD) {
+    // Another program has reset the card. The driver cannot be told, so its command goes on.
+    response.result =
+        SCardReconnect(handle_, SCARD_SHARE_SHARED, kProtocols, SCARD_LEAVE_CARD, &protocol_);
+    if (response.result == SCARD_S_SUCCESS) response = transmitOnce(command);
+  }
+  if (response.result != SCARD_S_SUCCESS) {
+    noteFailure(response.result, "Sending a command to the card");
+  }
+  return response.bytes;
+}
+
 void PcscCard::setPresent(bool present) {
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   if (ending_ || present_ == present) return;
   present_ = present;
   if (present) {
@@ -190,20 +192,20 @@ void PcscCard::takeState(DWORD state) {
 }
 
 bool PcscCard::ending() {
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   return ending_;
 }
 
 LONG PcscCard::waitForChange(SCARDCONTEXT context, SCARD_READERSTATE* states, DWORD count,
                              DWORD limit) {
   {
-    platform::MutexLock lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     if (ending_) return SCARD_E_CANCELLED;
     followContext_ = context;
     following_ = true;
   }
   const LONG result = SCardGetStatusChange(context, limit, states, count);
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   following_ = false;
   return result;
 }

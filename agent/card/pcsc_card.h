@@ -23,7 +23,7 @@ class PcscCard final : public CardBackend {
   ~PcscCard() override;
 
   std::string name() const override { return "pcsc"; }
-  // Fails where the service is not there; a missing reader is waited for.
+  // Fails if the service is not there; a missing reader is waited for.
   void start(CardListener& listener) override;
   void stop() override;
   Bytes reset() override;
@@ -36,11 +36,16 @@ class PcscCard final : public CardBackend {
 
  private:
   // Used by `reset`, `atr` and `transmit`, which come one at a time, and by `stop` after them.
-  bool connected();
-  Bytes connectedAtr();
-  LONG transmitOnce(const Bytes& command, Bytes* response);
+  // Whether there is a handle on the card now.
+  bool connect();
+  Bytes readAtr();
+  struct Response {
+    LONG result;
+    Bytes bytes;  // empty unless the result is success
+  };
+  Response transmitOnce(const Bytes& command);
   void dropHandle();
-  // Takes the card as gone where `result` says so.
+  // Logs it, and takes the card as gone if `result` says so.
   void noteFailure(LONG result, const char* what);
 
   // The body of the watching thread.

@@ -35,7 +35,7 @@ class Line {
     ++next_;
     return true;
   }
-  void end() const {
+  void finish() const {
     if (!atEnd()) fail("'" + words_[next_] + "' is too much");
   }
   [[noreturn]] void fail(const std::string& problem) const { throw ScriptError(number_, problem); }
@@ -79,9 +79,10 @@ Bytes takeBytes(Line& line, const std::string& what) {
   return *bytes;
 }
 
-void addSuccess(Bytes* response) {
-  response->push_back(kSuccess1);
-  response->push_back(0x00);
+Bytes withSuccess(Bytes response) {
+  response.push_back(kSuccess1);
+  response.push_back(0x00);
+  return response;
 }
 
 ScriptResponse takeResponse(Line& line) {
@@ -93,40 +94,40 @@ ScriptResponse takeResponse(Line& line) {
   } else if (line.takeIf("fill")) {
     const std::uint32_t length = takeNumber(line, line.take("a count of bytes"));
     if (length > kLongestFill) line.fail("more than 65536 bytes");
-    response.bytes.resize(length);
-    std::iota(response.bytes.begin(), response.bytes.end(), std::uint8_t{0});
-    addSuccess(&response.bytes);
+    Bytes bytes(length);
+    std::iota(bytes.begin(), bytes.end(), std::uint8_t{0});
+    response.bytes = withSuccess(std::move(bytes));
   } else {
     response.bytes = takeBytes(line, "a response");
   }
   response.delay = takeDelay(line);
-  line.end();
+  line.finish();
   return response;
 }
 
 // One word of a pattern: pairs of digits or question marks, "*" at the end.
-void addToPattern(const Line& line, const std::string& word, CommandPattern* pattern) {
+void addToPattern(const Line& line, const std::string& word, CommandPattern& pattern) {
   for (std::size_t i = 0; i < word.size(); i += 2) {
-    if (pattern->open) line.fail("'*' stands only at the end of a pattern");
+    if (pattern.open) line.fail("'*' stands only at the end of a pattern");
     const std::string pair = word.substr(i, 2);
     if (pair == "*") {
-      pattern->open = true;
+      pattern.open = true;
     } else if (pair == "??") {
-      pattern->bytes.push_back(std::nullopt);
+      pattern.bytes.push_back(std::nullopt);
     } else {
       const std::optional<Bytes> byte = pair.size() == 2 ? parseHex(pair) : std::nullopt;
       if (!byte || byte->size() != 1) line.fail("'" + word + "' is not a pattern of bytes");
-      pattern->bytes.push_back(byte->front());
+      pattern.bytes.push_back(byte->front());
     }
   }
 }
 
-// Up to one of the words in `ends`, which is left.
+// The words up to one of those in `ends`, which is left.
 CommandPattern takePattern(Line& line, const std::set<std::string>& ends) {
   CommandPattern pattern;
   if (line.atEnd() || ends.count(line.peek()) != 0) line.fail("a pattern is missing");
   while (!line.atEnd() && ends.count(line.peek()) == 0) {
-    addToPattern(line, line.take("a pattern"), &pattern);
+    addToPattern(line, line.take("a pattern"), pattern);
   }
   return pattern;
 }
@@ -158,7 +159,7 @@ class Parser {
     } else if (word == "at") {
       const std::chrono::milliseconds time = takeTime(line);
       script_.timed.push_back({time, takeAction(line)});
-      line.end();
+      line.finish();
     } else if (word == "on") {
       parseTrigger(line);
     } else {
@@ -185,14 +186,14 @@ class Parser {
       script_.atr.bytes = takeBytes(line, "an ATR");
     }
     script_.atr.delay = takeDelay(line);
-    line.end();
+    line.finish();
   }
 
   void parseCard(Line& line) {
     const std::string word = line.take("'in' or 'out'");
     if (word != "in" && word != "out") line.fail("'" + word + "' is neither 'in' nor 'out'");
     script_.cardIn = word == "in";
-    line.end();
+    line.finish();
   }
 
   void parseCommand(Line& line) {
@@ -215,7 +216,7 @@ class Parser {
     }
     trigger.action = takeAction(line);
     trigger.delay = takeDelay(line);
-    line.end();
+    line.finish();
     script_.triggers.push_back(std::move(trigger));
   }
 
@@ -234,10 +235,7 @@ bool CommandPattern::matches(const Bytes& command) const {
 }
 
 Bytes ScriptResponse::to(const Bytes& command) const {
-  if (kind != Kind::kEcho) return bytes;
-  Bytes response = command;
-  addSuccess(&response);
-  return response;
+  return kind == Kind::kEcho ? withSuccess(command) : bytes;
 }
 
 const ScriptResponse& Script::responseTo(const Bytes& command) const {

@@ -12,14 +12,14 @@
 
 namespace zelta::agent {
 
-// A script that is not one. The message begins with the line: "line 3: ...".
+// A mistake in a script. The message begins with the line: "line 3: ...".
 class ScriptError : public std::runtime_error {
  public:
   ScriptError(std::size_t line, const std::string& problem)
       : std::runtime_error("line " + std::to_string(line) + ": " + problem) {}
 };
 
-// What a command must look like: byte by byte, with gaps, and possibly with anything behind.
+// What a command must look like: byte by byte, with gaps, and possibly with more bytes after it.
 struct CommandPattern {
   std::vector<std::optional<std::uint8_t>> bytes;
   bool open = false;  // more bytes may follow
@@ -33,7 +33,7 @@ struct ScriptResponse {
   Bytes bytes{};
   std::chrono::milliseconds delay{0};
 
-  // The response to `command`; empty for None, a card that is mute.
+  // The response to `command`; empty for kNone, a card that is mute.
   Bytes to(const Bytes& command) const;
 };
 
@@ -51,7 +51,7 @@ struct Script {
   struct Trigger {
     enum class On { kReset, kAtr, kReady, kCommand };
     On on;
-    CommandPattern pattern;  // of Command
+    CommandPattern pattern;  // of kCommand
     CardAction action;
     std::chrono::milliseconds delay;
   };

@@ -1,5 +1,8 @@
 #include "agent/card/script_card.h"
 
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
 #include <utility>
 
 #include "agent/program/failure.h"
@@ -14,8 +17,8 @@ ScriptCard::~ScriptCard() { stop(); }
 void ScriptCard::start(CardListener& listener) {
   listener_ = &listener;
   {
-    platform::MutexLock lock(mutex_);
-    const auto now = SteadyClock::now();
+    const platform::MutexLock lock(mutex_);
+    const auto now = Clock::now();
     for (const Script::Timed& timed : script_.timed) due_.emplace(now + timed.at, timed.action);
     if (in_) listener.cardInserted();
   }
@@ -31,7 +34,7 @@ void ScriptCard::stop() {
 }
 
 void ScriptCard::interrupt() {
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   interrupted_ = true;
   changed_.notifyAll();
 }
@@ -54,8 +57,8 @@ Bytes ScriptCard::transmit(const Bytes& command) {
 void ScriptCard::ready() { trigger(On::kReady, {}); }
 
 void ScriptCard::trigger(On on, const Bytes& command) {
-  platform::MutexLock lock(mutex_);
-  const auto now = SteadyClock::now();
+  const platform::MutexLock lock(mutex_);
+  const auto now = Clock::now();
   for (const Script::Trigger& trigger : script_.triggers) {
     if (trigger.on != on) continue;
     if (on == On::kCommand && !trigger.pattern.matches(command)) continue;
@@ -78,10 +81,10 @@ Bytes ScriptCard::respond(const ScriptResponse& response, const Bytes& command) 
 void ScriptCard::runTimed() {
   platform::MutexLock lock(mutex_);
   const auto first = [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    return due_.empty() ? SteadyClock::time_point::max() : due_.begin()->first;
+    return due_.empty() ? Clock::time_point::max() : due_.begin()->first;
   };
   while (!interrupted_) {
-    const SteadyClock::time_point next = first();
+    const Clock::time_point next = first();
     const auto earlier = [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
       return interrupted_ || first() < next;
     };
@@ -89,7 +92,7 @@ void ScriptCard::runTimed() {
       changed_.wait(lock, earlier);
       continue;
     }
-    if (changed_.waitFor(lock, next - SteadyClock::now(), earlier)) continue;
+    if (changed_.waitFor(lock, next - Clock::now(), earlier)) continue;
     const CardAction action = due_.begin()->second;
     due_.erase(due_.begin());
     lock.unlock();
@@ -104,21 +107,35 @@ std::string ScriptCard::remove() { return act(CardAction::kRemove); }
 
 std::string ScriptCard::act(CardAction action) {
   const bool wanted = action == CardAction::kInsert;
-  platform::MutexLock acting(acting_);
+  const platform::MutexLock acting(acting_);
   {
-    platform::MutexLock lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     if (in_ == wanted) return wanted ? "a card is in already" : "no card is in";
   }
   // A card answers from its announcement on, and is announced to be gone before it stops.
   if (!wanted) listener_->cardRemoved();
   {
-    platform::MutexLock lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     in_ = wanted;
     if (!wanted) ++removals_;
     changed_.notifyAll();
   }
   if (wanted) listener_->cardInserted();
   return {};
+}
+
+std::unique_ptr<CardBackend> loadScriptCard(const std::string& file, std::optional<bool> cardIn) {
+  std::ifstream stream(file);
+  if (!stream) throw std::runtime_error("cannot read " + file);
+  std::ostringstream text;
+  text << stream.rdbuf();
+  try {
+    Script script = parseScript(text.str());
+    const bool in = cardIn.value_or(script.cardIn);
+    return std::make_unique<ScriptCard>(std::move(script), in);
+  } catch (const ScriptError& error) {
+    throw std::runtime_error(file + ": " + error.what());
+  }
 }
 
 }  // namespace zelta::agent

@@ -1,22 +1,26 @@
-// A card that answers from a script. For tests: every delay, removal and insertion is written down.
+// A card that answers from a script, for tests: every delay, removal and insertion is in the
+// script.
 #pragma once
 
+#include <chrono>
 #include <map>
+#include <memory>
+#include <optional>
+#include <string>
 #include <thread>
 
 #include "agent/card/card_backend.h"
 #include "agent/card/script.h"
-#include "agent/link/pipe_client_port.h"
 #include "contract/bytes.h"
 #include "platform/sync/sync.h"
 
 namespace zelta::agent {
 
-// Timed insertions and removals run on a thread of its own. Removing the card ends the command that
-// it is busy with.
+// A thread of its own does the timed insertions and removals. Removing the card ends the command
+// that it is busy with.
 class ScriptCard final : public CardBackend {
  public:
-  // `cardIn` overrides the script's.
+  // `cardIn` is whether the card is in at the start, whatever the script says.
   ScriptCard(Script script, bool cardIn);
   ~ScriptCard() override;
 
@@ -33,9 +37,10 @@ class ScriptCard final : public CardBackend {
 
  private:
   using On = Script::Trigger::On;
+  using Clock = std::chrono::steady_clock;
 
   void trigger(On on, const Bytes& command);
-  // The response after its delay; empty where the card goes meanwhile.
+  // The response after its delay; empty if the card goes meanwhile.
   Bytes respond(const ScriptResponse& response, const Bytes& command);
   void runTimed();
   std::string act(CardAction action);
@@ -43,14 +48,19 @@ class ScriptCard final : public CardBackend {
   const Script script_;
   CardListener* listener_ = nullptr;  // non-owning; from start to stop
 
-  platform::Mutex acting_;  // around each insertion and removal with its notice; before mutex_
+  // Around each insertion and removal with its notice.
+  platform::Mutex acting_ ZELTA_ACQUIRED_BEFORE(mutex_);
   platform::Mutex mutex_;
   platform::ConditionVariable changed_;
   bool in_ ZELTA_GUARDED_BY(mutex_);
   std::uint64_t removals_ ZELTA_GUARDED_BY(mutex_) = 0;
   bool interrupted_ ZELTA_GUARDED_BY(mutex_) = false;
-  std::multimap<SteadyClock::time_point, CardAction> due_ ZELTA_GUARDED_BY(mutex_);
+  std::multimap<Clock::time_point, CardAction> due_ ZELTA_GUARDED_BY(mutex_);
   std::thread timer_;
 };
+
+// The card of the script in `file`; `cardIn` overrides the script's. Throws std::runtime_error with
+// a message for people if the file cannot be read or has an error in it.
+std::unique_ptr<CardBackend> loadScriptCard(const std::string& file, std::optional<bool> cardIn);
 
 }  // namespace zelta::agent

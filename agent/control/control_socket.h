@@ -11,10 +11,10 @@
 
 namespace zelta::agent {
 
-// Where the control socket of a reader's agent lies, the agent's own choice first:
-// $XDG_RUNTIME_DIR/zelta-agent<reader>.ctl where that variable is set,
+// Paths at which the control socket of a reader's agent may be, the agent's own choice first:
+// $XDG_RUNTIME_DIR/zelta-agent<reader>.ctl if that variable is set,
 // /run/zelta/agent<reader>.ctl,
-// /run/zelta-agent<reader>/control, where the service's agent has it.
+// /run/zelta-agent<reader>/control, the one of the agent that runs as a service.
 std::vector<std::string> defaultControlPaths(std::uint32_t reader);
 
 // The agent's end. One thread serves one client after the other; a client that does not ask within
@@ -30,15 +30,15 @@ class ControlServer {
   virtual void removePath() = 0;
 };
 
-// A socket that a dead agent left is replaced, as are missing folders. Throws std::runtime_error
-// with a message for people, also where a live agent has the path. `onFailure` learns of it where
-// the server's thread has ended by an exception, what the handler throws included.
+// Makes missing folders and replaces a socket that a dead agent left. Throws std::runtime_error
+// with a message for people, for example if a live agent has the path. `onFailure` learns of it if
+// the server's thread ends by an exception, for example by one of the handler.
 std::unique_ptr<ControlServer> openControlServer(const std::string& path,
                                                  ControlServer::Handler handler,
                                                  OnFailure onFailure);
 
 // Asks the agent at the first of the paths at which one listens. Throws std::runtime_error with a
-// message for people where none does or the answer does not come within 10 seconds.
+// message for people if none does or the answer does not come within 10 seconds.
 std::string askAgent(const std::vector<std::string>& paths, const std::string& line);
 
 }  // namespace zelta::agent

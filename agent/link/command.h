@@ -1,7 +1,9 @@
-// A command of the driver's for the card, what came of it, and where commands come from.
+// A command of the driver's for the card, its outcome, and where commands come from.
 #pragma once
 
-#include "agent/card/steady_clock.h"
+#include <optional>
+
+#include "agent/link/pipe_client_port.h"
 #include "agent/link/report_rule.h"
 #include "contract/bytes.h"
 
@@ -11,7 +13,7 @@ struct Command {
   enum class Kind { kAtrWithReset, kAtr, kTransmit };
 
   Kind kind = Kind::kAtr;
-  Bytes apdu;  // of Transmit
+  Bytes apdu;  // of kTransmit
   // When something else is answered if the card is not done, and when the driver gives up.
   SteadyClock::time_point cardLimit;
   SteadyClock::time_point driverLimit;
@@ -32,9 +34,9 @@ struct Outcome {
 // One thread at a time uses it, not always the same one.
 class CommandStream {
  public:
-  // Blocks until the next command for the card is there. False at the end of the stream.
-  virtual bool read(Command* command) = 0;
-  // Answers the command read last. False at the end of the stream.
+  // Blocks until the next command for the card is there. None at the end of the stream.
+  virtual std::optional<Command> read() = 0;
+  // Answers the command that was read last. False at the end of the stream.
   virtual bool answer(const Command& command, const Outcome& outcome) = 0;
 
  protected:

@@ -18,7 +18,7 @@ void CommandThreads::start() {
 
 void CommandThreads::stop() {
   {
-    platform::MutexLock lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     ending_ = true;
     follow_.notifyAll();
   }
@@ -38,7 +38,7 @@ void CommandThreads::serve(CommandStream& stream) {
 }
 
 void CommandThreads::abandon(const CommandStream& stream) {
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   if (stream_ != &stream) return;
   abandoned_ = true;
   // A leader that uses the stream ends it itself, at the latest when it would ask the card.
@@ -46,7 +46,7 @@ void CommandThreads::abandon(const CommandStream& stream) {
 }
 
 void CommandThreads::cardDeparted() {
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   if (!call_) return;
   follow_.notifyAll();
   cardFree_.notifyAll();
@@ -69,7 +69,7 @@ void CommandThreads::run(Member& self) {
   });
   if (!failed) return;
   // Whoever serves must not wait for this thread, and one thread alone serves nobody well.
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   ending_ = true;
   follow_.notifyAll();
   if (led_ && term_ == self.term) endStream();
@@ -120,13 +120,16 @@ void CommandThreads::sleep(platform::MutexLock& lock) {
 
 void CommandThreads::lead(Member& self, const Duty& duty) {
   CommandStream& stream = duty.stream;
-  bool going = !duty.outcome || stream.answer(self.command, *duty.outcome);
-  while (going && stream.read(&self.command)) {
+  bool open = !duty.outcome || stream.answer(self.command, *duty.outcome);
+  while (open) {
+    std::optional<Command> command = stream.read();
+    if (!command) break;
+    self.command = std::move(*command);
     const std::optional<Outcome> outcome = ask(self);
     if (!outcome) return;
-    going = stream.answer(self.command, *outcome);
+    open = stream.answer(self.command, *outcome);
   }
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   endStream();
 }
 
@@ -138,7 +141,7 @@ std::optional<Outcome> CommandThreads::ask(const Member& self) {
   }
   const CardId card = slot_.card();
   if (card == kNoCard) return Outcome{Outcome::Result::kNoAnswer};
-  begin(Call{&self.command, card});
+  noteCall(Call{&self.command, card});
   Outcome outcome{Outcome::Result::kLate};
   if (waitForCard(lock, self, card)) {
     cardBusy_ = true;
@@ -154,7 +157,7 @@ std::optional<Outcome> CommandThreads::ask(const Member& self) {
   return outcome;
 }
 
-void CommandThreads::begin(const Call& call) {
+void CommandThreads::noteCall(const Call& call) {
   call_ = call;
   if (call.command->cardLimit >= asleepUntil_) return;
   asleepUntil_ = call.command->cardLimit;

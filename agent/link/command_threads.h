@@ -6,13 +6,12 @@
 // it comes, and follows. So a card that hangs holds up neither the answer nor the connection, and
 // the next command waits for it within its own time.
 //
-// A command costs no hand-over and no system call here: its time limit is only written down. The
-// follower looks again when the next command could be overdue at the earliest; it is woken only for
-// one that is overdue before that.
+// A command costs no hand-over and no system call here: its time limit is only noted. The follower
+// checks again when the next command could be overdue at the earliest. It is woken only for a
+// command that is overdue earlier.
 //
-// Both threads live as long as this, over any number of connections, because a call in the card may
-// outlast the connection it came by. The mutex is held while the slot is asked which card is in,
-// never while a stream or the card is used.
+// Both threads live as long as this object, over any number of connections, because a call in the
+// card may outlast its connection. No lock is held while a stream or the card is used.
 #pragma once
 
 #include <array>
@@ -74,17 +73,17 @@ class CommandThreads {
   };
 
   void run(Member& self);
-  // Blocks until there is something to lead; nothing at the end.
+  // Blocks until there is something to lead; none at the end.
   std::optional<Duty> follow(Member& self);
   std::optional<Duty> findDuty(Member& self) ZELTA_REQUIRES(mutex_);
   void sleep(platform::MutexLock& lock) ZELTA_REQUIRES(mutex_);
   void lead(Member& self, const Duty& duty);
-  // Nothing: this thread leads no longer, and must not touch the stream.
+  // None: this thread leads no longer and must not touch the stream.
   std::optional<Outcome> ask(const Member& self);
   // Notes the call; wakes the follower only if it would look too late.
-  void begin(const Call& call) ZELTA_REQUIRES(mutex_);
-  // Waits until no call is in the card, this thread leads no longer, the card has left, or the
-  // deadline. Whether the card may be called.
+  void noteCall(const Call& call) ZELTA_REQUIRES(mutex_);
+  // Waits until no call is in the card. Whether the card may be called: not if this thread leads no
+  // longer, the card has left or the command's time is over.
   bool waitForCard(platform::MutexLock& lock, const Member& self, CardId card)
       ZELTA_REQUIRES(mutex_);
   // No thread leads, and the stream is not used any more.
@@ -96,7 +95,7 @@ class CommandThreads {
 
   platform::Mutex mutex_;
   platform::ConditionVariable follow_;    // something to lead, an earlier deadline, or the end
-  platform::ConditionVariable cardFree_;  // or waiting for it makes no sense any more
+  platform::ConditionVariable cardFree_;  // or nobody should wait for it any more
   platform::ConditionVariable ended_;     // the stream
   bool ending_ ZELTA_GUARDED_BY(mutex_) = false;
   CommandStream* stream_ ZELTA_GUARDED_BY(mutex_) = nullptr;  // being served

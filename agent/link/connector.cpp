@@ -21,8 +21,8 @@ PipePair Connector::attempt() {
   failed_ = false;
   port_.watch({settings_.commandPipe, settings_.eventPipe});
   const bool hadNone = held_.commands == nullptr && held_.events == nullptr;
-  openMissing(&held_.commands, settings_.commandPipe);
-  openMissing(&held_.events, settings_.eventPipe);
+  held_.commands = openMissing(std::move(held_.commands), settings_.commandPipe);
+  held_.events = openMissing(std::move(held_.events), settings_.eventPipe);
   if (!failed_) {
     lastNoted_.clear();
     return std::move(held_);
@@ -56,18 +56,18 @@ void Connector::connectionEnded(bool wasAlive) {
   port_.waitForChange(backoff_.next());
 }
 
-void Connector::openMissing(std::unique_ptr<PipeConnection>* pipe, const std::string& name) {
-  if (*pipe != nullptr) return;
+std::unique_ptr<PipeConnection> Connector::openMissing(std::unique_ptr<PipeConnection> held,
+                                                       const std::string& name) {
+  if (held != nullptr) return held;
   OpenedPipe opened = port_.open(name);
-  if (opened.result == OpenResult::kOpened) {
-    *pipe = std::move(opened.connection);
-    return;
-  }
-  // What is there and does not open says more than what is not there, and needs the timer.
-  if (failed_ && opened.result == OpenResult::kAbsent) return;
-  if (failed_ && failure_.result != OpenResult::kAbsent) return;
+  if (opened.result == OpenResult::kOpened) return std::move(opened.connection);
+  // A pipe that is there and does not open says more than one that is not there, and needs the
+  // timer.
+  const bool saysMore =
+      opened.result != OpenResult::kAbsent && failure_.result == OpenResult::kAbsent;
+  if (!failed_ || saysMore) failure_ = std::move(opened);
   failed_ = true;
-  failure_ = std::move(opened);
+  return nullptr;
 }
 
 void Connector::noteFailure() {

@@ -1,11 +1,10 @@
 // Gets both of the driver's pipes opened, for as long as that takes.
 //
-// Waiting is for the system's notice that something about the pipes has changed. A pipe that is
-// there but refuses gives no such notice when that ends, so there a timer that doubles up to a
-// bound helps. Where one pipe opens and the other does not, the first is held for a moment: the
-// driver is about to create the second, or to take it back from its last client. After that it is
-// given back, because the driver may hold a dead client on the other pipe and sees that only when
-// the one that opened is lost.
+// The connector waits for the system's notice that something about the pipes has changed. Nobody
+// tells when a pipe that refuses would no longer do so: it is tried again after growing waits. If
+// one pipe opens and the other does not, the first is held for a moment: the driver is about to
+// create the second, or to take it back from its last client. Then it is given back, because the
+// driver may hold a dead client on the other pipe and notices that only when it loses this one.
 #pragma once
 
 #include <chrono>
@@ -50,15 +49,17 @@ class Connector {
   // `port` and `log` outlive the connector.
   Connector(PipeClientPort& port, Settings settings, Log& log);
 
-  // One attempt at both pipes. Where it fails, waits until another attempt makes sense and returns
+  // Attempts to open both pipes. If that fails, waits until another attempt makes sense and returns
   // an empty pair.
   PipePair attempt();
-  // Tells how the last connection went: one that the driver never accepted must not be followed
-  // by the next at once.
+  // Takes note of a connection's end: one that the driver never accepted must not be followed by
+  // the next at once.
   void connectionEnded(bool wasAlive);
 
  private:
-  void openMissing(std::unique_ptr<PipeConnection>* pipe, const std::string& name);
+  // `held`, or the pipe if it opens; notes a failure.
+  std::unique_ptr<PipeConnection> openMissing(std::unique_ptr<PipeConnection> held,
+                                              const std::string& name);
   // Logs why the attempt failed, unless the one before failed for the same reason.
   void noteFailure();
 

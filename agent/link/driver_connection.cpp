@@ -90,56 +90,65 @@ void DriverConnection::serve() {
   stop();
 }
 
-bool DriverConnection::read(Command* command) {
-  std::uint32_t code = 0;
-  while (readCode(command, &code)) {
-    if (code == static_cast<std::uint32_t>(AgentCommand::kNotifyCardReady)) {
-      log_.debug("Card ready");
-      slot_.ready();
-      reporter_.beginAnswer(kNoCard);  // there is none; the command is dealt with
-      reporter_.endAnswer();
+std::optional<Command> DriverConnection::read() {
+  Command command;
+  while (const std::optional<std::uint32_t> code = beginCommand(command)) {
+    if (*code == static_cast<std::uint32_t>(AgentCommand::kNotifyCardReady)) {
+      passReady();
       continue;
     }
     const Query* const query = findQuery(
-        [code](const Query& known) { return code == static_cast<std::uint32_t>(known.code); });
+        [code](const Query& known) { return *code == static_cast<std::uint32_t>(known.code); });
     if (query == nullptr) {
-      log_.error("Unknown command " + std::to_string(code) + "; dropping the connection");
-      return false;
+      log_.error("Unknown command " + std::to_string(*code) + "; dropping the connection");
+      return std::nullopt;
     }
-    command->kind = query->kind;
-    if (query->kind != Command::Kind::kTransmit) return true;
-    if (!readApdu(command)) return false;
-    if (!command->apdu.empty()) return true;
-    if (!answerOtherwise(*command, wrongLength())) return false;
+    command.kind = query->kind;
+    if (query->kind != Command::Kind::kTransmit) return command;
+    std::optional<Bytes> apdu = readApdu(command.cardLimit);
+    if (!apdu) return std::nullopt;
+    command.apdu = std::move(*apdu);
+    if (!command.apdu.empty()) return command;
+    if (!answerOtherwise(command, wrongLength())) return std::nullopt;
   }
-  return false;
+  return std::nullopt;
 }
 
-bool DriverConnection::readCode(Command* command, std::uint32_t* code) {
+std::optional<std::uint32_t> DriverConnection::beginCommand(Command& command) {
   // Only a command's first byte may take any time.
-  if (!check(commands_.awaitCommand(), "")) return false;
+  if (!check(commands_.awaitCommand(), "")) return std::nullopt;
   const SteadyClock::time_point begin = SteadyClock::now();
-  command->cardLimit = begin + settings_.answerLimit;
-  command->driverLimit = begin + settings_.driverLimit;
+  command.cardLimit = begin + settings_.answerLimit;
+  command.driverLimit = begin + settings_.driverLimit;
   seenAlive();
   reporter_.commandBegan();
-  std::array<std::uint8_t, 4> field{};
-  if (!readField(field.data(), field.size(), command->cardLimit)) return false;
-  *code = loadLittleEndian(field.data());
-  return true;
+  return readNumber(command.cardLimit);
 }
 
-bool DriverConnection::readApdu(Command* command) {
-  std::array<std::uint8_t, 4> field{};
-  if (!readField(field.data(), field.size(), command->cardLimit)) return false;
-  const std::uint32_t length = loadLittleEndian(field.data());
-  if (length > kMaximumApduLength) {
-    log_.error("The driver announced an APDU of " + std::to_string(length) +
+void DriverConnection::passReady() {
+  log_.debug("Card ready");
+  slot_.ready();
+  reporter_.beginAnswer(kNoCard);  // there is none; the command is dealt with
+  reporter_.endAnswer();
+}
+
+std::optional<Bytes> DriverConnection::readApdu(SteadyClock::time_point deadline) {
+  const std::optional<std::uint32_t> length = readNumber(deadline);
+  if (!length) return std::nullopt;
+  if (*length > kMaximumApduLength) {
+    log_.error("The driver announced an APDU of " + std::to_string(*length) +
                " bytes; dropping the connection");
-    return false;
+    return std::nullopt;
   }
-  command->apdu.resize(length);
-  return length == 0 || readField(command->apdu.data(), length, command->cardLimit);
+  Bytes apdu(*length);
+  if (*length != 0 && !readField(apdu.data(), *length, deadline)) return std::nullopt;
+  return apdu;
+}
+
+std::optional<std::uint32_t> DriverConnection::readNumber(SteadyClock::time_point deadline) {
+  std::array<std::uint8_t, 4> field{};
+  if (!readField(field.data(), field.size(), deadline)) return std::nullopt;
+  return loadLittleEndian(field.data());
 }
 
 bool DriverConnection::readField(void* data, std::uint32_t size, SteadyClock::time_point deadline) {
@@ -158,7 +167,7 @@ bool DriverConnection::check(IoResult result, const char* timedOut) {
 std::string DriverConnection::describe(const Command& command) const {
   const Query* const query =
       findQuery([&command](const Query& known) { return known.kind == command.kind; });
-  const bool showsApdu = command.kind == Command::Kind::kTransmit && log_.wants(LogLevel::kDebug);
+  const bool showsApdu = command.kind == Command::Kind::kTransmit && log_.wants(Severity::kDebug);
   return query->name + (showsApdu ? describeApdu(command.apdu) : std::string());
 }
 
@@ -169,13 +178,13 @@ bool DriverConnection::answer(const Command& command, const Outcome& outcome) {
   }
   const bool answered = outcome.result == Outcome::Result::kAnswered;
   if (answered && command.kind == Command::Kind::kTransmit) {
-    if (log_.wants(LogLevel::kDebug)) {
+    if (log_.wants(Severity::kDebug)) {
       log_.debug(describe(command) + ": " + std::to_string(outcome.data.size()) + " bytes");
     }
     return answerOtherwise(command, outcome.data);
   }
   if (answered && reporter_.beginAnswer(outcome.card)) {
-    if (log_.wants(LogLevel::kDebug)) log_.debug(describe(command) + ": " + toHex(outcome.data));
+    if (log_.wants(Severity::kDebug)) log_.debug(describe(command) + ": " + toHex(outcome.data));
     return write(command, outcome.data);
   }
   log_.debug(describe(command) + ": no card");

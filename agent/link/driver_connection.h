@@ -1,14 +1,15 @@
 // Serves the driver on one connected pair of pipes until it is lost.
 //
 // Each command is answered before the next is read, within the time that the driver waits. The
-// stream cannot be resynchronised, so a command that is not understood, a length that cannot be, a
-// command that stops half-way, an answer that the driver has not taken by the end of its time and
-// one that it has given up end the connection.
+// stream cannot be resynchronised. The connection therefore ends with a command that is not
+// understood or stops half-way, with a length that no APDU has, and with an answer that the driver
+// has given up or not taken in time.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "agent/card/card_slot.h"
@@ -54,12 +55,15 @@ class DriverConnection final : private CommandStream {
   bool alive() const { return alive_; }
 
  private:
-  bool read(Command* command) override;
+  std::optional<Command> read() override;
   bool answer(const Command& command, const Outcome& outcome) override;
 
-  // Each is false where the connection is to end.
-  bool readCode(Command* command, std::uint32_t* code);
-  bool readApdu(Command* command);
+  // Each is none or false if the connection is to end.
+  std::optional<std::uint32_t> readNumber(SteadyClock::time_point deadline);
+  std::optional<Bytes> readApdu(SteadyClock::time_point deadline);
+  // A command's code; `command` gets its time limits.
+  std::optional<std::uint32_t> beginCommand(Command& command);
+  void passReady();
   bool readField(void* data, std::uint32_t size, SteadyClock::time_point deadline);
   // Any answer but the ATR.
   bool answerOtherwise(const Command& command, const Bytes& bytes);

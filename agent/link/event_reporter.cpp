@@ -18,7 +18,7 @@ EventReporter::EventReporter(PipeConnection& pipe, Settings settings, std::funct
 
 EventReporter::~EventReporter() {
   {
-    platform::MutexLock lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     ended_ = true;
     changed_.notifyAll();
   }
@@ -33,12 +33,12 @@ void EventReporter::start() {
 }
 
 void EventReporter::commandBegan() {
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   rule_.commandBegan();  // the writer finds out when the time of grace ends
 }
 
 bool EventReporter::beginAnswer(CardId atrOf) {
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   if (atrOf != kNoCard && !rule_.holds(atrOf)) return false;
   answering_ = true;
   queue(atrOf == kNoCard ? rule_.answeredOtherwise() : rule_.answeredWithAtr());
@@ -46,7 +46,7 @@ bool EventReporter::beginAnswer(CardId atrOf) {
 }
 
 void EventReporter::endAnswer() {
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   answering_ = false;
   if (!events_.empty()) changed_.notifyAll();
 }
@@ -59,17 +59,17 @@ void EventReporter::waitWritten(SteadyClock::time_point deadline) {
 }
 
 void EventReporter::observing(CardId card) {
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   rule_ = ReportRule(card);
 }
 
 void EventReporter::cardArrived(CardId card) {
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   queue(rule_.arrived(card));
 }
 
 void EventReporter::cardDeparted() {
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   queue(rule_.departed());
 }
 
@@ -102,13 +102,13 @@ bool EventReporter::sendSessionId() {
 void EventReporter::watchPipe() {
   if (sendSessionId()) {
     {
-      platform::MutexLock lock(mutex_);
+      const platform::MutexLock lock(mutex_);
       sessionSent_ = true;
       changed_.notifyAll();
     }
     if (pipe_.flush() == IoResult::kDone) {
       {
-        platform::MutexLock lock(mutex_);
+        const platform::MutexLock lock(mutex_);
         taken_ = true;
         graceEnd_ = SteadyClock::now() + settings_.grace;
         changed_.notifyAll();
@@ -121,17 +121,17 @@ void EventReporter::watchPipe() {
       }
     }
   }
-  ended();
+  noteEnd();
   onLost_();
 }
 
-void EventReporter::ended() {
-  platform::MutexLock lock(mutex_);
+void EventReporter::noteEnd() {
+  const platform::MutexLock lock(mutex_);
   ended_ = true;
   changed_.notifyAll();
 }
 
-bool EventReporter::nextEvent(ReportRule::Report* report) {
+std::optional<ReportRule::Report> EventReporter::awaitEvent() {
   platform::MutexLock lock(mutex_);
   const auto due = [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
     return ended_ || (sessionSent_ && !answering_ && !events_.empty());
@@ -147,15 +147,14 @@ bool EventReporter::nextEvent(ReportRule::Report* report) {
                                         [&] { return due() || !graceMatters(); });
     if (!woken) queue(rule_.graceOver());
   }
-  if (ended_) return false;
-  *report = events_.front();
+  if (ended_) return std::nullopt;
   writing_ = true;
-  return true;
+  return events_.front();
 }
 
-// A driver that has left so much unread handles an earlier event, and may need an answer to its
+// A driver that has left so much unread is handling an earlier event, and may need an answer to its
 // command for that: nobody waits for the events then. A post of one number that has timed out has
-// handed nothing over, so it may be made again.
+// handed nothing over, so it may be repeated.
 IoResult EventReporter::postEvent(std::uint32_t event) {
   const auto now = SteadyClock::now();
   IoResult result = postNumber(event, now);
@@ -167,15 +166,14 @@ IoResult EventReporter::postEvent(std::uint32_t event) {
 }
 
 void EventReporter::setFull(bool full) {
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   full_ = full;
   if (full) changed_.notifyAll();
 }
 
 void EventReporter::writeEvents() {
-  ReportRule::Report report = ReportRule::Report::kNothing;
-  while (nextEvent(&report)) {
-    const bool inserted = report == ReportRule::Report::kInserted;
+  while (const std::optional<ReportRule::Report> report = awaitEvent()) {
+    const bool inserted = *report == ReportRule::Report::kInserted;
     const AgentEvent event = inserted ? AgentEvent::kCardInserted : AgentEvent::kCardRemoved;
     const IoResult result = postEvent(static_cast<std::uint32_t>(event));
     if (result == IoResult::kTimedOut) {
@@ -184,7 +182,7 @@ void EventReporter::writeEvents() {
     }
     if (result != IoResult::kDone) return;  // the watcher sees the end, too
     log_.info(inserted ? "Card insertion reported" : "Card removal reported");
-    platform::MutexLock lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     events_.pop_front();
     writing_ = false;
     changed_.notifyAll();

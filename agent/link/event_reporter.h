@@ -1,12 +1,12 @@
 // Writes one connection's event pipe: the session log id first, then what the report rule decides.
 //
-// Two threads of its own: one hands over the session id, waits until the driver has taken it (which
-// it does once it listens for events; the time of grace counts from then) and from then on watches
-// for the pipe's end; the other hands over events, in the order in which they were decided and
-// without waiting for the driver to read them. Both end when the pipe is closed or cancelled. A
-// pipe that is full of events that the driver does not read is cancelled when its time is up. A
-// card that comes and goes before its arrival was handed over is not reported at all: cards that
-// change quicker than the driver reads of it leave no backlog.
+// It has two threads. One hands over the session id and waits until the driver has taken it, which
+// the driver does once it listens for events. The time of grace counts from then; from then on the
+// thread watches for the pipe's end. The other thread hands over events in the order in which they
+// were decided, without waiting for the driver to read them. Both end when the pipe is closed or
+// cancelled. A pipe that is full of events that the driver does not read is cancelled when its time
+// is up. A card that comes and goes before its arrival was handed over is not reported at all:
+// cards that change quicker than the driver reads of them leave no backlog.
 //
 // `commandBegan`, `beginAnswer`, `endAnswer` and `waitWritten` come from one thread at a time, for
 // each command; they wake the writer only if there is an event. As the slot's observer it is
@@ -52,12 +52,12 @@ class EventReporter final : public CardSlot::Observer {
   void start();
 
   void commandBegan();
-  // The command is to be answered with the ATR of `atrOf`, or otherwise (`kNoCard`). False where
-  // that card is not in any more: nothing has begun, and it must be answered otherwise.
+  // The command is to be answered with the ATR of `atrOf`, or otherwise (`kNoCard`). False if that
+  // card is not in any more: nothing has begun, and the command must be answered otherwise.
   bool beginAnswer(CardId atrOf);
   void endAnswer();
-  // Until everything decided so far is handed over, the pipe has ended or takes no more for now, or
-  // the deadline.
+  // Waits until everything decided so far is handed over, the pipe has ended or takes no more for
+  // now, or until the deadline.
   void waitWritten(SteadyClock::time_point deadline);
 
  private:
@@ -69,12 +69,12 @@ class EventReporter final : public CardSlot::Observer {
   bool sendSessionId();
   void watchPipe();
   void writeEvents();
-  // False: no more events, the pipe has ended.
-  bool nextEvent(ReportRule::Report* report);
+  // Waits for the next event. None: the pipe has ended.
+  std::optional<ReportRule::Report> awaitEvent();
   IoResult postEvent(std::uint32_t event);
   void setFull(bool full);
   IoResult postNumber(std::uint32_t number, std::optional<SteadyClock::time_point> deadline);
-  void ended();
+  void noteEnd();
 
   PipeConnection& pipe_;
   const Settings settings_;

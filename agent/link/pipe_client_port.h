@@ -1,6 +1,6 @@
 // Client ends of the driver's pipes, and waiting for the driver to offer them.
 //
-// Failures are values; nothing throws but for lack of memory or of handles (std::system_error).
+// Failures are values. Lack of memory or of handles throws (std::system_error).
 #pragma once
 
 #include <chrono>
@@ -10,10 +10,12 @@
 #include <string>
 #include <vector>
 
-#include "agent/card/steady_clock.h"
 #include "contract/bytes.h"
 
 namespace zelta::agent {
+
+// The clock of every time limit.
+using SteadyClock = std::chrono::steady_clock;
 
 enum class IoResult {
   kDone,
@@ -32,37 +34,37 @@ class PipeConnection {
   // On the command pipe, one call at a time: a command is awaited, read field by field until it is
   // whole, and answered before the next is awaited.
   //
-  // A driver that follows the stream begins a command only when it has read the answer before. One
-  // that does otherwise has given that answer up, and would take what is left of it for the next
-  // one's. GivenUp says so; the connection is of no use then and must be dropped at once.
+  // A driver that follows the stream begins a command only after it has read the previous answer. A
+  // driver that begins one earlier has given that answer up, and would take what is left of it for
+  // the next one. This is kGivenUp: the connection must be dropped at once.
 
-  // Blocks until a command begins. GivenUp if the last answer has not been read whole; no more
+  // Blocks until a command begins. kGivenUp if the last answer has not been read whole; no more
   // than a byte of the command has been read then.
   virtual IoResult awaitCommand() = 0;
-  // Reads `size` bytes and no byte more; blocks until they are there, or until `deadline` where one
-  // is given.
+  // Reads `size` bytes and no byte more; blocks until they are there, or until `deadline` if there
+  // is one.
   virtual IoResult read(void* data, std::uint32_t size,
                         std::optional<SteadyClock::time_point> deadline) = 0;
   // Writes the length of `bytes` and `bytes`, at once. Blocks until the pipe has taken them (a pipe
-  // without a buffer: until the driver has read them) or `deadline`. GivenUp where more stands in
-  // the pipe than the command, or comes before all is written; what was not read is taken back
-  // where the pipe allows.
+  // without a buffer: until the driver has read them) or `deadline`. kGivenUp if the pipe holds
+  // more than the command, or if more comes before all is written; what the driver has not read is
+  // taken back if the pipe allows that.
   virtual IoResult answer(const Bytes& bytes, SteadyClock::time_point deadline) = 0;
 
   // On the event pipe; a read, a flush and a post may run at the same time on three threads.
 
-  // Hands over `size` bytes as one write and never waits for the driver to read these bytes: they
-  // stand in the pipe, behind what was posted before, when it returns. Blocks, until `deadline`
-  // where one is given, only while the pipe holds so much unread that it takes no more. Up to 4
-  // bytes are handed over whole or, if it was TimedOut, not at all, so they may be posted again; of
-  // more an unknown part is with the driver if it was not Done. What a thread has posted may be
-  // lost with its end.
+  // Hands over `size` bytes as one write and never waits for the driver to read them: on return
+  // they are in the pipe, after what was posted before. Blocks only while the pipe holds so much
+  // unread that it takes no more, at most until `deadline` if there is one. Up to 4 bytes are
+  // handed over whole or, after kTimedOut, not at all, so that they may be posted again. Of more
+  // bytes an unknown part is handed over if the result is not kDone. What a thread has posted may
+  // be lost when the thread ends.
   virtual IoResult post(const void* data, std::uint32_t size,
                         std::optional<SteadyClock::time_point> deadline) = 0;
   // Blocks until the driver has read everything posted.
   virtual IoResult flush() = 0;
 
-  // Releases what is blocked and makes every later operation return Cancelled.
+  // Releases what is blocked and makes every later operation return kCancelled.
   virtual void cancel() = 0;
 };
 
@@ -75,7 +77,7 @@ enum class OpenResult {
 
 struct OpenedPipe {
   OpenResult result = OpenResult::kFailed;
-  std::unique_ptr<PipeConnection> connection;  // where Opened
+  std::unique_ptr<PipeConnection> connection;  // if kOpened
   std::string detail;                          // for people: the place, and why not
 };
 
@@ -89,8 +91,8 @@ class PipeClientPort {
   virtual void watch(const std::vector<std::string>& pipeNames) = 0;
   // Tries once, without blocking.
   virtual OpenedPipe open(const std::string& pipeName) = 0;
-  // Blocks until something has been noted since `watch`, until `limit` has passed where one is
-  // given, or until `cancel`.
+  // Blocks until something has been noted since `watch`, until `limit` has passed if there
+  // is one, or until `cancel`.
   virtual void waitForChange(std::optional<std::chrono::milliseconds> limit) = 0;
   // Makes this and every later wait return at once.
   virtual void cancel() = 0;

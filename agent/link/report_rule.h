@@ -1,7 +1,7 @@
 // Decides which arrivals and departures of a card are reported to the driver on one connection.
 //
 // Each is reported once. The driver asks for the ATR right after it has accepted a connection, and
-// an insertion event behind that answer would reset a card that is in use already. So until the
+// an insertion event after that answer would reset a card that is in use already. So until the
 // driver's first command is answered, an arrival is kept back:
 //
 //   stage \ what happens      arrival   answer: its ATR   other answer   grace over   departure
@@ -42,7 +42,7 @@ class ReportRule {
   Report answeredWithAtr();
   Report answeredOtherwise();
 
-  // The driver has sent no command for the time of grace. Nothing where it has sent one.
+  // The time of grace is over. Does nothing if the driver has sent a command.
   Report graceOver();
   // Whether the time of grace still matters.
   bool quiet() const { return stage_ == Stage::kQuiet; }

@@ -7,8 +7,6 @@
 #include <cstdlib>
 #include <string>
 
-#include "agent/program/time_stamp.h"
-
 namespace zelta::agent {
 
 namespace {
@@ -21,15 +19,15 @@ bool toJournal() {
   return stream == std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
 }
 
-const char* journalMark(LogLevel level) {
+const char* journalMark(Severity level) {
   switch (level) {
-    case LogLevel::kError:
+    case Severity::kError:
       return SD_ERR;
-    case LogLevel::kWarning:
+    case Severity::kWarning:
       return SD_WARNING;
-    case LogLevel::kInfo:
+    case Severity::kInfo:
       return SD_INFO;
-    case LogLevel::kDebug:
+    case Severity::kDebug:
       break;
   }
   return SD_DEBUG;
@@ -45,12 +43,12 @@ void writeLine(const std::string& line) {
 
 Log::Sink standardErrorSink() {
   if (toJournal()) {
-    return [](LogLevel level, const std::string& line) {
+    return [](Severity level, const std::string& line) {
       writeLine(journalMark(level) + line + "\n");
     };
   }
-  return [](LogLevel level, const std::string& line) {
-    writeLine(timeStamp() + " " + levelName(level) + ": " + line + "\n");
+  return [](Severity level, const std::string& line) {
+    writeLine(timeStamp() + " " + severityName(level) + ": " + line + "\n");
   };
 }
 

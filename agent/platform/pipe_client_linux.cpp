@@ -1,12 +1,8 @@
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <system_error>
@@ -16,12 +12,13 @@
 #include "agent/platform/pipe_connection_linux.h"
 #include "platform/files/path_watch_linux.h"
 #include "platform/pipe/pipe_path.h"
+#include "platform/pipe/socket_place_linux.h"
 
 namespace zelta::agent {
 
 namespace {
 
-// How long to wait where the system will not say that something has changed.
+// How long to wait if the system will not say that something has changed.
 constexpr std::chrono::milliseconds kUnwatched{1000};
 
 OpenResult resultOf(int error) {
@@ -37,22 +34,8 @@ OpenResult resultOf(int error) {
   }
 }
 
-// 0 or the error number.
-int connectTo(const platform::ScopedFd& socket, const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) return ENAMETOOLONG;
-  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  const auto* generic = reinterpret_cast<const sockaddr*>(&address);
-  return connect(socket.get(), generic, sizeof address) == 0 ? 0 : errno;
-}
-
 class SocketPipeClient : public PipeClientPort {
  public:
-  SocketPipeClient() : cancel_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (!cancel_.valid()) throw std::system_error(errno, std::generic_category(), "eventfd");
-  }
-
   void watch(const std::vector<std::string>& pipeNames) override {
     std::vector<std::string> paths;
     paths.reserve(pipeNames.size());
@@ -67,7 +50,7 @@ class SocketPipeClient : public PipeClientPort {
     OpenedPipe opened;
     const std::string path = platform::pipeSocketPath(pipeName);
     platform::ScopedFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const int error = socket.valid() ? connectTo(socket, path) : errno;
+    const int error = socket.valid() ? platform::connectToPath(socket, path) : errno;
     if (error != 0) {
       opened.result = resultOf(error);
       opened.detail = path + ": " + std::generic_category().message(error);
@@ -83,17 +66,15 @@ class SocketPipeClient : public PipeClientPort {
     std::optional<SteadyClock::time_point> deadline;
     if (limit) deadline = SteadyClock::now() + *limit;
     for (;;) {
-      std::array<pollfd, 2> waits{{{cancel_.get(), POLLIN, 0}, {watch_->fd(), POLLIN, 0}}};
-      const int ready = poll(waits.data(), waits.size(), pollTimeout(deadline));
-      if (ready < 0 && errno == EINTR) continue;
-      if (ready <= 0 || waits[0].revents != 0 || watch_->takeNews()) return;
+      const StopEvent::Waited waited = cancel_.waitFor(watch_->fd(), POLLIN, deadline);
+      if (waited.reason != StopEvent::Reason::kReady || watch_->takeNews()) return;
     }
   }
 
-  void cancel() override { eventfd_write(cancel_.get(), 1); }
+  void cancel() override { cancel_.stop(); }
 
  private:
-  platform::ScopedFd cancel_;  // readable from `cancel` on
+  const StopEvent cancel_;
   std::optional<platform::PathWatch> watch_;
 };
 

@@ -3,14 +3,11 @@
 #include <linux/sockios.h>
 #include <poll.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <limits>
 #include <system_error>
 #include <utility>
 
@@ -19,11 +16,6 @@
 namespace zelta::agent {
 
 namespace {
-
-platform::ScopedFd checked(int fd, const char* what) {
-  if (fd < 0) throw std::system_error(errno, std::generic_category(), what);
-  return platform::ScopedFd(fd);
-}
 
 void addTo(int epoll, int fd, std::uint32_t events) {
   epoll_event event{};
@@ -61,37 +53,31 @@ std::size_t advance(iovec* parts, std::size_t count, std::size_t size) {
 
 }  // namespace
 
-int pollTimeout(std::optional<SteadyClock::time_point> deadline) {
-  if (!deadline) return -1;
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - SteadyClock::now());
-  const auto most = std::chrono::milliseconds(std::numeric_limits<int>::max());
-  return static_cast<int>(std::clamp(left, std::chrono::milliseconds(0), most).count());
-}
-
 SocketConnection::SocketConnection(platform::ScopedFd socket)
-    : socket_(std::move(socket)),
-      cancel_(checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")),
-      taken_(checked(epoll_create1(EPOLL_CLOEXEC), "epoll_create1")) {
+    : socket_(std::move(socket)), taken_(checkedFd(epoll_create1(EPOLL_CLOEXEC), "epoll_create1")) {
   addTo(taken_.get(), socket_.get(), EPOLLOUT | EPOLLRDHUP | EPOLLET);
-  addTo(taken_.get(), cancel_.get(), EPOLLIN);
+  addTo(taken_.get(), cancel_.fd(), EPOLLIN);
 }
 
 void SocketConnection::cancel() {
   cancelled_ = true;
-  eventfd_write(cancel_.get(), 1);
+  cancel_.stop();
 }
 
 SocketConnection::Waited SocketConnection::waitFor(
     short events, std::optional<SteadyClock::time_point> deadline) const {
-  for (;;) {
-    std::array<pollfd, 2> waits{{{cancel_.get(), POLLIN, 0}, {socket_.get(), events, 0}}};
-    const int ready = poll(waits.data(), waits.size(), pollTimeout(deadline));
-    if (ready < 0 && errno != EINTR) return {IoResult::kClosed, 0};
-    if (ready < 0) continue;
-    if (ready == 0) return {IoResult::kTimedOut, 0};
-    if (waits[0].revents != 0) return {IoResult::kCancelled, 0};
-    return {IoResult::kDone, waits[1].revents};
+  const StopEvent::Waited waited = cancel_.waitFor(socket_.get(), events, deadline);
+  switch (waited.reason) {
+    case StopEvent::Reason::kReady:
+      return {IoResult::kDone, waited.ready};
+    case StopEvent::Reason::kStopped:
+      return {IoResult::kCancelled, 0};
+    case StopEvent::Reason::kTimedOut:
+      return {IoResult::kTimedOut, 0};
+    case StopEvent::Reason::kFailed:
+      break;
   }
+  return {IoResult::kClosed, 0};
 }
 
 IoResult SocketConnection::awaitCommand() {
@@ -166,7 +152,7 @@ IoResult SocketConnection::flush() {
     const int ready = epoll_wait(taken_.get(), &event, 1, -1);
     if (ready < 0 && errno != EINTR) return IoResult::kClosed;
     if (ready <= 0) continue;
-    if (event.data.fd == cancel_.get()) return IoResult::kCancelled;
+    if (event.data.fd == cancel_.fd()) return IoResult::kCancelled;
     if ((event.events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0) return IoResult::kClosed;
   }
 }

@@ -1,8 +1,8 @@
 // A client end that is a connected UNIX stream socket.
 //
-// The socket has a buffer: an answer that the driver has given up stays in it, until the driver's
-// end of the socket is closed. So whether the last answer was read is looked at before the first
-// byte of a command is taken: the driver's flush holds it back until the command has been read.
+// The socket has a buffer: an answer that the driver has given up stays in it until the driver's
+// end of the socket is closed. Therefore the agent checks whether the last answer was read before
+// it takes the first byte of a command. The driver's flush waits until the command has been read.
 #pragma once
 
 #include <sys/uio.h>
@@ -10,6 +10,7 @@
 #include <atomic>
 
 #include "agent/link/pipe_client_port.h"
+#include "agent/platform/stop_event_linux.h"
 #include "contract/bytes.h"
 #include "platform/files/scoped_fd_linux.h"
 
@@ -32,7 +33,7 @@ class SocketConnection : public PipeConnection {
  private:
   struct Waited {
     IoResult result;
-    short ready;  // of Done: of the events waited for, or those of an error
+    short ready;  // if kDone: those of the events waited for that came, or of an error
   };
   Waited waitFor(short events, std::optional<SteadyClock::time_point> deadline) const;
   // Writes `count` parts, waiting while the socket takes no more.
@@ -41,11 +42,8 @@ class SocketConnection : public PipeConnection {
 
   platform::ScopedFd socket_;
   std::atomic<bool> cancelled_{false};
-  platform::ScopedFd cancel_;  // readable from `cancel` on
-  platform::ScopedFd taken_;   // wakes on each edge of the socket's writability, for `flush`
+  StopEvent cancel_;
+  platform::ScopedFd taken_;  // wakes on each edge of the socket's writability, for `flush`
 };
-
-// Milliseconds until `deadline` as poll takes them: rounded up, -1 for none.
-int pollTimeout(std::optional<SteadyClock::time_point> deadline);
 
 }  // namespace zelta::agent

@@ -51,7 +51,7 @@ NamedPipeConnection::NamedPipeConnection(ScopedHandle pipe)
 
 NamedPipeConnection::~NamedPipeConnection() {
   cancelFirstByte();
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   for (const std::shared_ptr<Post>& post : posts_) {
     CancelIoEx(pipe_.get(), &post->operation);
     DWORD count = 0;
@@ -116,30 +116,29 @@ IoResult NamedPipeConnection::read(void* data, std::uint32_t size,
     --size;
   }
   while (size > 0) {
-    DWORD count = 0;
-    const IoResult result = readSome(bytes, size, deadline, &count);
-    if (result != IoResult::kDone) return result;
-    bytes += count;
-    size -= count;
+    const Read some = readSome(bytes, size, deadline);
+    if (some.result != IoResult::kDone) return some.result;
+    bytes += some.count;
+    size -= some.count;
   }
   return IoResult::kDone;
 }
 
-IoResult NamedPipeConnection::readSome(void* data, std::uint32_t size,
-                                       std::optional<SteadyClock::time_point> deadline,
-                                       DWORD* count) {
-  if (isCancelled()) return IoResult::kCancelled;
+NamedPipeConnection::Read NamedPipeConnection::readSome(
+    void* data, std::uint32_t size, std::optional<SteadyClock::time_point> deadline) {
+  if (isCancelled()) return {IoResult::kCancelled};
   OVERLAPPED operation{};
   operation.hEvent = read_.get();
   ResetEvent(read_.get());
   if (!ReadFile(pipe_.get(), data, size, nullptr, &operation) &&
       GetLastError() != ERROR_IO_PENDING) {
-    return IoResult::kClosed;
+    return {IoResult::kClosed};
   }
   const IoResult waited = waitFor(read_.get(), deadline);
   if (waited != IoResult::kDone) CancelIoEx(pipe_.get(), &operation);
-  if (GetOverlappedResult(pipe_.get(), &operation, count, TRUE)) return IoResult::kDone;
-  return waited == IoResult::kDone ? IoResult::kClosed : waited;
+  DWORD count = 0;
+  if (GetOverlappedResult(pipe_.get(), &operation, &count, TRUE)) return {IoResult::kDone, count};
+  return {waited == IoResult::kDone ? IoResult::kClosed : waited};
 }
 
 IoResult NamedPipeConnection::answer(const Bytes& bytes, SteadyClock::time_point deadline) {
@@ -180,13 +179,14 @@ IoResult NamedPipeConnection::finishAnswer(OVERLAPPED* operation,
   return reason == kWritten ? IoResult::kClosed : IoResult::kCancelled;
 }
 
-IoResult NamedPipeConnection::takeRead() {
+IoResult NamedPipeConnection::dropRead() {
   while (!posts_.empty()) {
     Post& first = *posts_.front();
     if (!isSignalled(first.done.get())) break;
     DWORD count = 0;
-    if (!GetOverlappedResult(pipe_.get(), &first.operation, &count, FALSE))
+    if (!GetOverlappedResult(pipe_.get(), &first.operation, &count, FALSE)) {
       return IoResult::kClosed;
+    }
     posts_.pop_front();
   }
   return IoResult::kDone;
@@ -198,7 +198,7 @@ IoResult NamedPipeConnection::post(const void* data, std::uint32_t size,
   platform::MutexLock lock(mutex_);
   for (;;) {
     if (isCancelled()) return IoResult::kCancelled;
-    if (takeRead() != IoResult::kDone) return IoResult::kClosed;
+    if (dropRead() != IoResult::kDone) return IoResult::kClosed;
     if (posts_.size() < kMostPosts) break;
     const std::shared_ptr<Post> first = posts_.front();
     lock.unlock();
@@ -220,7 +220,7 @@ IoResult NamedPipeConnection::flush() {
   platform::MutexLock lock(mutex_);
   for (;;) {
     if (isCancelled()) return IoResult::kCancelled;
-    if (takeRead() != IoResult::kDone) return IoResult::kClosed;
+    if (dropRead() != IoResult::kDone) return IoResult::kClosed;
     if (posts_.empty()) return IoResult::kDone;
     const std::shared_ptr<Post> last = posts_.back();
     lock.unlock();

@@ -1,11 +1,10 @@
-// A client end that is a named pipe. The handle is overlapped, so that a read can run beside a
-// write and a cancel reaches what is blocked.
+// A client end that is a named pipe. The handle is overlapped, so that a read and a write can run
+// at the same time and a cancel reaches what is blocked.
 //
-// The driver's pipes have no buffer: a write waits until the driver reads. So an answer that the
-// driver has given up stands in the way of its next command: the read of that command's first byte
-// is begun before the answer is written, and if it ends first, the write is taken back. Bytes
-// that are posted wait in writes of their own that nobody waits for, as many as a small buffer
-// would take.
+// The driver's pipes have no buffer: a write waits until the driver reads, and an answer that the
+// driver has given up would block for ever. Therefore the read of the next command's first byte is
+// begun before the answer is written; if that read ends first, the write is taken back. Each post
+// is a write of its own that nobody waits for, up to as many as a small buffer would hold.
 #pragma once
 
 #include <windows.h>
@@ -36,7 +35,7 @@ class NamedPipeConnection final : public PipeConnection {
 
   // Takes an overlapped handle. Throws std::system_error for lack of handles.
   explicit NamedPipeConnection(ScopedHandle pipe);
-  // What was posted and not read by the driver is lost.
+  // What was posted and has not been read by the driver is lost.
   ~NamedPipeConnection() override;
 
   IoResult awaitCommand() override;
@@ -57,7 +56,7 @@ class NamedPipeConnection final : public PipeConnection {
   struct FirstByte {
     FirstByte() : done(makeEvent()) {}
 
-    enum class State { kNone, kAwaited, kKept };  // Kept: read, and not handed over yet
+    enum class State { kNone, kAwaited, kKept };  // kKept: read, and not handed over yet
     const ScopedHandle done;
     OVERLAPPED operation{};
     State state = State::kNone;
@@ -65,11 +64,14 @@ class NamedPipeConnection final : public PipeConnection {
   };
 
   bool isCancelled() const;
-  // Done: the event is signalled, as opposed to the deadline or `cancel`.
+  // kDone: the event is signalled.
   IoResult waitFor(HANDLE event, std::optional<SteadyClock::time_point> deadline) const;
+  struct Read {
+    IoResult result;
+    DWORD count = 0;  // bytes
+  };
   // Reads up to `size` bytes, at least one.
-  IoResult readSome(void* data, std::uint32_t size, std::optional<SteadyClock::time_point> deadline,
-                    DWORD* count);
+  Read readSome(void* data, std::uint32_t size, std::optional<SteadyClock::time_point> deadline);
   // Begins to await the first byte, unless that has been done.
   bool beginFirstByte();
   // The first byte's read has ended; whether it is there.
@@ -77,8 +79,8 @@ class NamedPipeConnection final : public PipeConnection {
   void cancelFirstByte();
   // Whether the answer in `answer_` has been read whole; has ended when this returns.
   IoResult finishAnswer(OVERLAPPED* operation, SteadyClock::time_point deadline);
-  // Takes the posts that the driver has read off the front; Closed where one failed.
-  IoResult takeRead() ZELTA_REQUIRES(mutex_);
+  // Removes the posts that the driver has read from the front; kClosed if one failed.
+  IoResult dropRead() ZELTA_REQUIRES(mutex_);
 
   const ScopedHandle pipe_;
   const ScopedHandle cancel_;   // stays signalled

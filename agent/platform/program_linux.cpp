@@ -2,12 +2,10 @@
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <iostream>
 #include <stdexcept>
@@ -19,6 +17,7 @@
 #include "agent/control/control.h"
 #include "agent/control/control_socket.h"
 #include "agent/platform/log_linux.h"
+#include "agent/platform/stop_event_linux.h"
 #include "agent/program/agent.h"
 #include "agent/program/agent_run.h"
 #include "agent/program/failure.h"
@@ -33,8 +32,8 @@ namespace {
 
 using platform::ScopedFd;
 
-constexpr char kSignals[] =
-    "Signals: SIGUSR1 removes the card, SIGUSR2 inserts it, SIGINT and SIGTERM end the agent.";
+constexpr Edition kEdition = {
+    "Signals: SIGUSR1 removes the card, SIGUSR2 inserts it, SIGINT and SIGTERM end the agent."};
 
 // The signals that the program waits for; blocked in every thread.
 sigset_t waitedSignals() {
@@ -57,29 +56,21 @@ int runControl(const Options& options) {
   return kExitFailed;
 }
 
-ScopedFd opened(int fd, const char* what) {
-  if (fd < 0) throw std::system_error(errno, std::generic_category(), what);
-  return ScopedFd(fd);
-}
-
 // What the program waits for while the agent serves: signals, and a failure of a thread.
 class Endings {
  public:
   // Blocks the signals for this thread and those that it makes from now on.
   Endings()
       : signals_(blockedSignals()),
-        received_(opened(signalfd(-1, &signals_, SFD_CLOEXEC), "signalfd")),
-        failed_(opened(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")),
-        failure_([this] { eventfd_write(failed_.get(), 1); }) {}
+        received_(checkedFd(signalfd(-1, &signals_, SFD_CLOEXEC), "signalfd")),
+        failure_([this] { failed_.stop(); }) {}
 
   FailureNote& failure() { return failure_; }
 
   // Acts on signals until one of them, or a failure, ends the program.
   void follow(Agent& agent, Log& log) {
     for (;;) {
-      std::array<pollfd, 2> waits{{{failed_.get(), POLLIN, 0}, {received_.get(), POLLIN, 0}}};
-      if (poll(waits.data(), waits.size(), -1) < 0) {
-        if (errno == EINTR) continue;
+      if (failed_.waitFor(received_.get(), POLLIN).reason == StopEvent::Reason::kFailed) {
         throw std::system_error(errno, std::generic_category(), "poll");
       }
       if (failure_.problem() != nullptr) return;
@@ -105,7 +96,7 @@ class Endings {
 
   const sigset_t signals_;
   const ScopedFd received_;  // readable when a signal has come
-  const ScopedFd failed_;    // readable from the first failure on
+  const StopEvent failed_;   // from the first failure on
   FailureNote failure_;
 };
 
@@ -139,15 +130,11 @@ int runAgent(const Options& options, Log& log) {
   endings.follow(agent, log);
   sd_notify(0, "STOPPING=1");
   control->removePath();
-  return run.end(endings.failure(), log);
+  return run.stop(endings.failure(), log);
 }
 
-}  // namespace
-
-namespace {
-
 int runWithMemory(int argc, const char* const* argv) {
-  const ParsedOptions parsed = parseOptions(argc, argv, kSignals);
+  const ParsedOptions parsed = parseOptions(argc, argv, kEdition);
   std::cout << parsed.output << std::flush;
   std::cerr << parsed.error << std::flush;
   if (!parsed.options) return parsed.exitCode;

@@ -8,28 +8,28 @@
 #include <string>
 #include <string_view>
 
-#include "agent/card/script_backend.h"
+#include "agent/card/script_card.h"
 #include "agent/platform/console_end_win32.h"
 #include "agent/platform/pipe_connection_win32.h"
 #include "agent/program/agent.h"
 #include "agent/program/agent_run.h"
 #include "agent/program/failure.h"
+#include "agent/program/log.h"
 #include "agent/program/options.h"
 #include "agent/program/program.h"
 #include "agent/program/session_id.h"
-#include "agent/program/time_stamp.h"
 #include "agent/version.h"
 
 namespace zelta::agent {
 
 namespace {
 
-constexpr char kEndings[] =
-    "On Windows only --backend script is available. Ctrl-C and Ctrl-Break end the agent.";
+constexpr Edition kEdition = {
+    "On Windows only --backend script is available. Ctrl-C and Ctrl-Break end the agent.", true};
 
 Log::Sink standardErrorSink() {
-  return [](LogLevel level, const std::string& line) {
-    std::cerr << timeStamp() + " " + levelName(level) + ": " + line + "\n" << std::flush;
+  return [](Severity level, const std::string& line) {
+    std::cerr << timeStamp() + " " + severityName(level) + ": " + line + "\n" << std::flush;
   };
 }
 
@@ -44,7 +44,7 @@ int runAgent(const Options& options, Log& log) {
   settings.onFailure = onFailure;
 
   const std::unique_ptr<PipeClientPort> pipes = makeSystemPipeClient();
-  const std::unique_ptr<CardBackend> backend = makeScriptBackend(options);
+  const std::unique_ptr<CardBackend> backend = loadScriptCard(options.scriptFile, options.cardIn);
   Agent agent(*pipes, *backend, settings, log);
   agent.start();
   log.info(std::string("zelta-agent ") + kVersion + ": reader " + std::to_string(options.reader) +
@@ -53,11 +53,11 @@ int runAgent(const Options& options, Log& log) {
   const std::array<HANDLE, 2> endings = {failed.get(), endRequested};
   WaitForMultipleObjects(static_cast<DWORD>(endings.size()), endings.data(), FALSE, INFINITE);
   if (failure.problem() == nullptr) log.info("Ending: interrupted");
-  return run.end(failure, log);
+  return run.stop(failure, log);
 }
 
 int runWithMemory(int argc, const char* const* argv) {
-  const ParsedOptions parsed = parseOptions(argc, argv, kEndings);
+  const ParsedOptions parsed = parseOptions(argc, argv, kEdition);
   std::cout << parsed.output << std::flush;
   std::cerr << parsed.error << std::flush;
   if (!parsed.options) return parsed.exitCode;

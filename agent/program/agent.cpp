@@ -50,13 +50,13 @@ void Agent::fail(const char* problem) {
 class Agent::Serving {
  public:
   Serving(Agent& agent, DriverConnection& connection) : agent_(agent) {
-    platform::MutexLock lock(agent_.mutex_);
+    const platform::MutexLock lock(agent_.mutex_);
     agent_.connection_ = &connection;
     // One that is stopped before it is served ends at once.
     if (agent_.stopping_) connection.stop();
   }
   ~Serving() {
-    platform::MutexLock lock(agent_.mutex_);
+    const platform::MutexLock lock(agent_.mutex_);
     agent_.connection_ = nullptr;
   }
   Serving(const Serving&) = delete;
@@ -89,7 +89,7 @@ void Agent::serve(const PipePair& pipes) {
 
 void Agent::stop() {
   {
-    platform::MutexLock lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     stopping_ = true;
     if (connection_ != nullptr) connection_->stop();
   }
@@ -97,13 +97,13 @@ void Agent::stop() {
 }
 
 bool Agent::stopping() const {
-  platform::MutexLock lock(mutex_);
+  const platform::MutexLock lock(mutex_);
   return stopping_;
 }
 
 void Agent::setConnected(bool connected) {
   {
-    platform::MutexLock lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     if (connected_ == connected) return;
     connected_ = connected;
   }
@@ -126,7 +126,7 @@ std::string Agent::removeCard() {
 Agent::Status Agent::status() const {
   Status status;
   {
-    platform::MutexLock lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     status.connected = connected_;
   }
   const CardSlot::Status card = slot_.status();

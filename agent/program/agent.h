@@ -19,10 +19,10 @@
 
 namespace zelta::agent {
 
-// How long things may take.
+// Time limits.
 struct Timing {
-  // How long the driver waits for an answer, and the card is waited for: half a second is left for
-  // the way there and back. Also how long a pipe that is full may take to take more.
+  // How long the driver waits for an answer, and how long the agent waits for the card: half a
+  // second is left for the way there and back. Also how long a pipe may stay full.
   std::chrono::milliseconds driverLimit = kQueryTime;
   std::chrono::milliseconds answerLimit = kAnswerTime;
   std::chrono::milliseconds grace{500};
@@ -40,8 +40,8 @@ class Agent {
     // Called on a thread of the agent's when the driver accepts a connection or is lost; may be
     // empty.
     std::function<void(bool connected)> onConnection;
-    // Called on the thread that has ended by an exception: the agent must be stopped, it serves
-    // nobody well any more.
+    // Called on a thread that ends by an exception: the agent must be stopped, because it can serve
+    // nobody any more.
     OnFailure onFailure;
   };
 
@@ -51,7 +51,7 @@ class Agent {
     std::string sessionId;
     std::string backend;
     bool cardIn = false;
-    Bytes atr;  // empty where the card has not been asked yet
+    Bytes atr;  // empty if the card has not been asked yet
   };
 
   // Everything passed by reference outlives the agent.

@@ -22,7 +22,7 @@ AgentRun::AgentRun(Agent& agent, const OnFailure& onFailure)
 
 AgentRun::~AgentRun() { agent_.stop(); }
 
-int AgentRun::end(const FailureNote& failure, Log& log) {
+int AgentRun::stop(const FailureNote& failure, Log& log) {
   agent_.stop();
   const bool ended = ran_.wait_for(kEndLimit) == std::future_status::ready;
   const char* problem = failure.problem();

@@ -18,9 +18,9 @@ class AgentRun {
   AgentRun(const AgentRun&) = delete;
   AgentRun& operator=(const AgentRun&) = delete;
 
-  // Stops the agent; the program's exit code, which `failure` decides. Ends the process where a
-  // card that cannot be interrupted holds up the end.
-  int end(const FailureNote& failure, Log& log);
+  // Stops the agent and returns the program's exit code, which `failure` decides. Ends the process
+  // itself if a card that cannot be interrupted holds up the agent's end.
+  int stop(const FailureNote& failure, Log& log);
 
  private:
   Agent& agent_;

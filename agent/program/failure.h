@@ -1,5 +1,5 @@
-// What a thread of the agent's does with an exception that it cannot deal with, for lack of memory
-// or of handles for example: it tells the program, which ends.
+// What a thread of the agent does with an exception that it cannot handle, for example for lack of
+// memory or of handles: it tells the program, which ends.
 #pragma once
 
 #include <array>

@@ -11,36 +11,40 @@
 
 namespace zelta::agent {
 
-enum class LogLevel { kError, kWarning, kInfo, kDebug };
+// How serious a line is, as the system's log has it; the most serious first.
+enum class Severity { kError, kWarning, kInfo, kDebug };
 
 // "error", "warning", "info" or "debug".
-const char* levelName(LogLevel level);
+const char* severityName(Severity severity);
 
 class Log {
  public:
   // Gets one line without its line break, one call at a time. Must not throw.
-  using Sink = std::function<void(LogLevel level, const std::string& line)>;
+  using Sink = std::function<void(Severity severity, const std::string& line)>;
 
-  // Lines below `least` in weight are dropped.
-  Log(LogLevel least, Sink sink);
+  // Lines less serious than `least` are dropped.
+  Log(Severity least, Sink sink);
   Log(const Log&) = delete;
   Log& operator=(const Log&) = delete;
 
-  bool wants(LogLevel level) const { return level <= least_; }
-  void write(LogLevel level, const std::string& line);
-  void error(const std::string& line) { write(LogLevel::kError, line); }
-  void warning(const std::string& line) { write(LogLevel::kWarning, line); }
-  void info(const std::string& line) { write(LogLevel::kInfo, line); }
-  void debug(const std::string& line) { write(LogLevel::kDebug, line); }
+  bool wants(Severity severity) const { return severity <= least_; }
+  void write(Severity severity, const std::string& line);
+  void error(const std::string& line) { write(Severity::kError, line); }
+  void warning(const std::string& line) { write(Severity::kWarning, line); }
+  void info(const std::string& line) { write(Severity::kInfo, line); }
+  void debug(const std::string& line) { write(Severity::kDebug, line); }
 
  private:
-  const LogLevel least_;
+  const Severity least_;
   platform::Mutex mutex_;
   const Sink sink_ ZELTA_GUARDED_BY(mutex_);
 };
 
-// Line breaks and other control characters of `text` made visible, so that text from outside cannot
-// pass for a line of the agent's.
+// Now, in UTC: 2024-03-05T14:07:09.042Z.
+std::string timeStamp();
+
+// `text` with line breaks and other control characters replaced by question marks, so that text
+// from outside cannot pass for a line of the agent's.
 std::string printable(const std::string& text);
 
 }  // namespace zelta::agent

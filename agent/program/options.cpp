@@ -24,10 +24,10 @@ struct Named {
 constexpr Named<BackendKind> kBackends[] = {{"emulated", BackendKind::kEmulated},
                                             {"pcsc", BackendKind::kPcsc},
                                             {"script", BackendKind::kScript}};
-constexpr Named<LogLevel> kLevels[] = {{"error", LogLevel::kError},
-                                       {"warning", LogLevel::kWarning},
-                                       {"info", LogLevel::kInfo},
-                                       {"debug", LogLevel::kDebug}};
+constexpr Named<Severity> kLevels[] = {{"error", Severity::kError},
+                                       {"warning", Severity::kWarning},
+                                       {"info", Severity::kInfo},
+                                       {"debug", Severity::kDebug}};
 
 template <typename Value, std::size_t kCount>
 std::vector<std::string> names(const Named<Value> (&table)[kCount]) {
@@ -36,14 +36,20 @@ std::vector<std::string> names(const Named<Value> (&table)[kCount]) {
   return all;
 }
 
+// The value of that name, else `fallback`.
 template <typename Value, std::size_t kCount>
-void take(const Named<Value> (&table)[kCount], const std::string& name, Value* value) {
+Value valueOf(const Named<Value> (&table)[kCount], const std::string& name, Value fallback) {
   for (const Named<Value>& entry : table) {
-    if (name == entry.name) *value = entry.value;
+    if (name == entry.name) return entry.value;
   }
+  return fallback;
 }
 
-// What the options set beside `Options` itself.
+// Options of what only Linux has: the control socket, the emulated card and a real reader's card.
+constexpr const char* kLinuxOptions[] = {"--control",  "--db",   "--pin",
+                                         "--pin-file", "--cert", "--pcsc-reader"};
+
+// What the command line sets besides `Options` itself.
 struct Flags {
   bool cardInserted = false;
   bool noCard = false;
@@ -129,40 +135,52 @@ void addControl(CLI::App& app, Options& options, Flags& flags) {
   flags.status->add_flag("--json", options.json, "For programs");
 }
 
-// What stands together or is missing; empty where all is well.
-std::string settle(const CLI::App& app, const Flags& flags, Options* options) {
-  if (flags.cardInserted) options->cardIn = true;
-  if (flags.noCard) options->cardIn = false;
-  take(kBackends, flags.backend, &options->backend);
-  take(kLevels, flags.logLevel, &options->logLevel);
-  if (flags.quiet) options->logLevel = LogLevel::kError;
-  if (flags.verbose) options->logLevel = LogLevel::kDebug;
-  if (app.count("--pin") != 0) options->pin = flags.pin;
-  if (flags.insert->parsed()) options->action = Options::Action::kCtlInsert;
-  if (flags.remove->parsed()) options->action = Options::Action::kCtlRemove;
-  if (flags.status->parsed()) options->action = Options::Action::kCtlStatus;
-  if (options->action != Options::Action::kRun) return {};
-  const bool script = options->backend == BackendKind::kScript;
-  const bool pcsc = options->backend == BackendKind::kPcsc;
-  if (script && options->scriptFile.empty()) return "--backend script needs --script FILE";
-  if (!script && !options->scriptFile.empty()) return "--script needs --backend script";
-  if (pcsc && options->pcscReader.empty()) return "--backend pcsc needs --pcsc-reader NAME";
-  if (!pcsc && !options->pcscReader.empty()) return "--pcsc-reader needs --backend pcsc";
-  if (pcsc && options->cardIn) return "--card-inserted and --no-card are not for a real card";
+void applyFlags(const CLI::App& app, const Flags& flags, Options& options) {
+  if (flags.cardInserted) options.cardIn = true;
+  if (flags.noCard) options.cardIn = false;
+  options.backend = valueOf(kBackends, flags.backend, options.backend);
+  options.logLevel = valueOf(kLevels, flags.logLevel, options.logLevel);
+  if (flags.quiet) options.logLevel = Severity::kError;
+  if (flags.verbose) options.logLevel = Severity::kDebug;
+  if (app.count("--pin") != 0) options.pin = flags.pin;
+  if (flags.insert->parsed()) options.action = Options::Action::kCtlInsert;
+  if (flags.remove->parsed()) options.action = Options::Action::kCtlRemove;
+  if (flags.status->parsed()) options.action = Options::Action::kCtlStatus;
+}
+
+// Which options contradict each other or are missing; empty if none.
+std::string findConflict(const Options& options) {
+  if (options.action != Options::Action::kRun) return {};
+  const bool script = options.backend == BackendKind::kScript;
+  const bool pcsc = options.backend == BackendKind::kPcsc;
+  if (script && options.scriptFile.empty()) return "--backend script needs --script FILE";
+  if (!script && !options.scriptFile.empty()) return "--script needs --backend script";
+  if (pcsc && options.pcscReader.empty()) return "--backend pcsc needs --pcsc-reader NAME";
+  if (!pcsc && !options.pcscReader.empty()) return "--pcsc-reader needs --backend pcsc";
+  if (pcsc && options.cardIn) return "--card-inserted and --no-card are not for a real card";
   return {};
 }
 
-ParsedOptions failure(const std::string& problem) {
+// Which option this edition does not have; empty if none.
+std::string findUnavailable(const CLI::App& app, const Edition& edition) {
+  if (!edition.scriptOnly) return {};
+  for (const char* option : kLinuxOptions) {
+    if (app.count(option) != 0) return std::string(option) + " is not available on Windows";
+  }
+  return {};
+}
+
+ParsedOptions refuse(const std::string& problem) {
   return {std::nullopt, kExitUsage, "", problem + "\nRun with --help for more information.\n"};
 }
 
 }  // namespace
 
-ParsedOptions parseOptions(int argc, const char* const* argv, const std::string& endings) {
+ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edition) {
   Options options;
   Flags flags;
   CLI::App app(kDescription, "zelta-agent");
-  app.footer(endings + "\n" + kExitCodes);
+  app.footer(std::string(edition.endings) + "\n" + kExitCodes);
   app.set_version_flag("--version", std::string("zelta-agent ") + kVersion);
   addShared(app, options);
   app.add_option("--session-id", options.sessionId, "Id of the session (default a fresh one)")
@@ -179,8 +197,10 @@ ParsedOptions parseOptions(int argc, const char* const* argv, const std::string&
     const bool wanted = app.exit(error, output, problem) == 0;
     return {std::nullopt, wanted ? kExitDone : kExitUsage, output.str(), problem.str()};
   }
-  const std::string problem = settle(app, flags, &options);
-  if (!problem.empty()) return failure(problem);
+  applyFlags(app, flags, options);
+  std::string problem = findUnavailable(app, edition);
+  if (problem.empty()) problem = findConflict(options);
+  if (!problem.empty()) return refuse(problem);
   return {options, kExitDone, "", ""};
 }
 

@@ -27,8 +27,8 @@ struct Options {
   std::string control;    // empty: the default of the reader
   std::string sessionId;  // empty: a fresh one
   BackendKind backend = BackendKind::kEmulated;
-  std::optional<bool> cardIn;  // at the start; none: as the back end has it
-  LogLevel logLevel = LogLevel::kInfo;
+  std::optional<bool> cardIn;  // at the start; none: the back end's default
+  Severity logLevel = Severity::kInfo;
   std::string database = kDefaultDatabase;
   std::optional<std::string> pin;
   std::string pinFile;
@@ -39,13 +39,19 @@ struct Options {
 };
 
 struct ParsedOptions {
-  std::optional<Options> options;  // nothing: end at once
-  int exitCode = kExitDone;        // where there are no options
+  std::optional<Options> options;  // none: end at once
+  int exitCode = kExitDone;        // if there are no options
   std::string output;              // for standard output: help or version
   std::string error;               // for standard error
 };
 
-// `endings` is a line of the help: what ends the program, and what else it takes while it runs.
-ParsedOptions parseOptions(int argc, const char* const* argv, const std::string& endings);
+// The program on one system.
+struct Edition {
+  const char* endings;  // a line of the help: what ends the program, and what it obeys meanwhile
+  // Whether only --backend script and its options are available, as on Windows.
+  bool scriptOnly = false;
+};
+
+ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edition);
 
 }  // namespace zelta::agent

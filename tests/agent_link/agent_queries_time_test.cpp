@@ -7,7 +7,7 @@
 #include "contract/reader_states.h"
 #include "platform/process/error.h"
 #include "tests/agent_link/serialising_link.h"
-#include "tests/doubles/agent/link_agent.h"
+#include "tests/doubles/agent/card_agent.h"
 #include "tests/support/system.h"
 
 namespace zelta::test {
@@ -63,7 +63,7 @@ class SilentAgent : public LinkTest {
     EXPECT_EQ(log_.records(), expected);
   }
 
-  LinkAgent agent_;
+  CardAgent agent_;
   Bytes response_;
 };
 

@@ -143,7 +143,7 @@ TEST_F(EventListenerTest, LostAgent_IsDroppedFromBothPipesAndTheNextIsAccepted) 
       underWine() ||
       log_.waitFor("Failed to cancel IO on the command named pipe. System error code: 1168"));
   waitForInsertion();
-  LinkAgent next;
+  CardAgent next;
   ASSERT_TRUE(next.connect(answer()));
   ASSERT_TRUE(log_.waitFor("Waiting for command..."));
   // Nothing was blocked on either pipe any more.

@@ -9,7 +9,7 @@
 #include "contract/bytes.h"
 #include "platform/process/error.h"
 #include "tests/agent_link/link_test.h"
-#include "tests/doubles/agent/link_agent.h"
+#include "tests/doubles/agent/card_agent.h"
 
 namespace zelta::test {
 
@@ -28,8 +28,8 @@ class EventsTest : public LinkTest {
   // The agent's card: an ATR, or none.
   void setCard(bool in) { card_.store(in); }
 
-  LinkAgent::Answer answer() {
-    return [this](const LinkAgent::Command&) { return card_.load() ? kAtr : Bytes{}; };
+  CardAgent::Answer answer() {
+    return [this](const CardAgent::Command&) { return card_.load() ? kAtr : Bytes{}; };
   }
 
   // With an insertion request waiting that the connection does not fulfil.
@@ -59,7 +59,7 @@ class EventsTest : public LinkTest {
     ASSERT_TRUE(waitForCount(text, before + 1));
   }
 
-  LinkAgent agent_;
+  CardAgent agent_;
   std::atomic<bool> card_{false};
 };
 

@@ -4,7 +4,7 @@
 #include "contract/wire.h"
 #include "platform/process/error.h"
 #include "tests/agent_link/scripted_link.h"
-#include "tests/doubles/agent/link_agent.h"
+#include "tests/doubles/agent/card_agent.h"
 #include "tests/doubles/pipes/serialising_pipes.h"
 #include "tests/support/system.h"
 
@@ -273,9 +273,9 @@ class RealPipes : public LinkTest {
 
 TEST_F(RealPipes, SecondReaderOfAnIndex_CannotBeCreatedAndTheFirstIsUnaffected) {
   start();
-  LinkAgent agent;
+  CardAgent agent;
   waitForInsertion();
-  ASSERT_TRUE(agent.connect([](const LinkAgent::Command&) { return Bytes{}; }));
+  ASSERT_TRUE(agent.connect([](const CardAgent::Command&) { return Bytes{}; }));
   ASSERT_TRUE(log_.waitFor("Waiting for command..."));
   {
     PipeReader second(0, &device_);
@@ -292,8 +292,8 @@ TEST_F(RealPipes, ReadersOfTheFirstAndLastIndex_AreReachedByTheirNumbers) {
   for (const std::uint32_t index : {0u, 4294967295u}) {
     start({}, index);
     waitForInsertion();
-    LinkAgent agent(index);
-    ASSERT_TRUE(agent.connect([](const LinkAgent::Command&) { return Bytes{}; }));
+    CardAgent agent(index);
+    ASSERT_TRUE(agent.connect([](const CardAgent::Command&) { return Bytes{}; }));
     ASSERT_TRUE(log_.waitFor("Waiting for command..."));
     stop();
     log_.clear();

@@ -128,7 +128,7 @@ TEST_F(CardEvents, InsertionBetweenCheckAndWait_IsNotLost) {
   start();
   FakeRequest& first = waitForInsertion();
   std::atomic<bool> report{false};
-  ASSERT_TRUE(agent_.connect([&](const LinkAgent::Command& command) {
+  ASSERT_TRUE(agent_.connect([&](const CardAgent::Command& command) {
     if (command.code == AgentCommand::kQueryAtr && report) {
       const std::size_t before = log_.count("Card inserted");
       EXPECT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
@@ -153,7 +153,7 @@ TEST_F(CardEvents, RemovalBetweenCheckAndWait_IsNotLost) {
   setCard(true);
   start();
   FakeRequest& first = waitForInsertion();
-  ASSERT_TRUE(agent_.connect([&](const LinkAgent::Command& command) {
+  ASSERT_TRUE(agent_.connect([&](const CardAgent::Command& command) {
     if (command.code == AgentCommand::kQueryAtr) {
       EXPECT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
       settle();
@@ -175,7 +175,7 @@ TEST_F(CardEvents, RemovalDuringTransmit_Answers6901) {
   setCard(true);
   start();
   FakeRequest& insertion = waitForInsertion();
-  ASSERT_TRUE(agent_.connect([&](const LinkAgent::Command& command) {
+  ASSERT_TRUE(agent_.connect([&](const CardAgent::Command& command) {
     if (command.code != AgentCommand::kQueryTransmit) return kAtr;
     EXPECT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
     EXPECT_TRUE(removal.load()->waitCompleted());

@@ -5,7 +5,7 @@
 #include "contract/io_controls.h"
 #include "platform/process/error.h"
 #include "tests/agent_link/serialising_link.h"
-#include "tests/doubles/agent/link_agent.h"
+#include "tests/doubles/agent/card_agent.h"
 #include "tests/support/process_state.h"
 #include "tests/support/repetitions.h"
 
@@ -73,7 +73,7 @@ class Stop : public LinkTest, public ::testing::WithParamInterface<DoingRow> {
     }
   }
 
-  LinkAgent agent_;
+  CardAgent agent_;
 };
 
 TEST_P(Stop, IsPromptAndLeaksNothing) {

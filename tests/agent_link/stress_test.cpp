@@ -8,7 +8,7 @@
 #include "contract/io_controls.h"
 #include "contract/wire.h"
 #include "tests/agent_link/link_test.h"
-#include "tests/doubles/agent/link_agent.h"
+#include "tests/doubles/agent/card_agent.h"
 #include "tests/support/process_state.h"
 
 namespace zelta::test {
@@ -20,8 +20,8 @@ class Stress : public LinkTest {
  protected:
   ~Stress() override { stop(); }
 
-  LinkAgent::Answer answer() {
-    return [this](const LinkAgent::Command& command) -> Bytes {
+  CardAgent::Answer answer() {
+    return [this](const CardAgent::Command& command) -> Bytes {
       if (!card_) return {};
       if (command.code != AgentCommand::kQueryTransmit) return kAtr;
       Bytes echo(command.apdu.rbegin(), command.apdu.rend());
@@ -30,7 +30,7 @@ class Stress : public LinkTest {
     };
   }
 
-  LinkAgent agent_;
+  CardAgent agent_;
   std::atomic<bool> card_{false};
 };
 

@@ -2,50 +2,57 @@
 // and answers each with a line, "ok" or "failed"; ends with its input.
 //
 //   connect       opens the pipes and serves the driver; done when that has asked for the card
+//   card in|out   moves the card without a report
+//   insert        moves the card and reports it
+//   remove        the same
+//   session ID    reports the session
 //   mute          from now on transmits are not answered
 //   transmits N   waits until so many have come
-#include <atomic>
 #include <iostream>
+#include <limits>
 #include <sstream>
 #include <string>
 
 #include "contract/wire.h"
-#include "tests/module/test_card.h"
+#include "tests/doubles/agent/card_agent.h"
 
 namespace zelta::test {
 namespace {
 
 class AgentProgram {
  public:
-  AgentProgram() { card_.insert(); }
-
   bool obey(std::istringstream command) {
     std::string verb;
-    int count = 0;
-    command >> verb >> count;
-    if (verb == "connect") return connect();
-    if (verb == "mute") return mute_ = true;
+    std::string object;
+    command >> verb >> object;
+    if (verb == "connect") return agent_.connect();
+    if (verb == "card") return moveCard(object == "in");
+    if (verb == "insert") return agent_.insert(CardAgent::atrOfT1());
+    if (verb == "remove") return agent_.remove();
+    if (verb == "session") return agent_.sendSessionLogId(object);
+    if (verb == "mute") return mute();
     if (verb == "transmits") {
-      return agent_.waitForCommands(AgentCommand::kQueryTransmit, count);
+      return agent_.waitForCommands(AgentCommand::kQueryTransmit, std::stoi(object));
     }
     return false;
   }
 
  private:
-  bool connect() {
-    const int asked = agent_.commands(AgentCommand::kQueryAtrReset);
-    const auto answer = [this, answers = card_.answers()](
-                            const LinkAgent::Command& command) -> std::optional<Bytes> {
-      if (mute_ && command.code == AgentCommand::kQueryTransmit) return std::nullopt;
-      return answers(command);
-    };
-    return agent_.connect(answer) &&
-           agent_.waitForCommands(AgentCommand::kQueryAtrReset, asked + 1);
+  bool moveCard(bool in) {
+    if (in) {
+      agent_.setCardIn(CardAgent::atrOfT1());
+    } else {
+      agent_.setCardOut();
+    }
+    return true;
   }
 
-  std::atomic<bool> mute_{false};
-  TestCard card_;
-  LinkAgent agent_;
+  bool mute() {
+    agent_.ignore(AgentCommand::kQueryTransmit, std::numeric_limits<int>::max());
+    return true;
+  }
+
+  CardAgent agent_;
 };
 
 }  // namespace

@@ -26,9 +26,8 @@ class ContractTest : public ::testing::Test {
   // The agent comes, with a card or without, and is let in: the driver asks it for the ATR.
   void connectAgent() {
     FakeWdfRequest& waiting = framework_.dispatch({IOCTL_SMARTCARD_IS_PRESENT, {}, {}});
-    ASSERT_TRUE(agent_.connect(card_.answers()));
-    ASSERT_TRUE(agent_.waitForCommands(AgentCommand::kQueryAtrReset, 1));
-    if (card_.present()) {
+    ASSERT_TRUE(agent_.connect());
+    if (agent_.isCardIn()) {
       ASSERT_TRUE(waiting.waitCompleted(kLong));
     }
   }
@@ -43,8 +42,7 @@ class ContractTest : public ::testing::Test {
   ModuleWorld world_;
   DriverExports exports_;
   FakeFramework framework_{exports_.driver()};
-  TestCard card_;
-  LinkAgent agent_;
+  CardAgent agent_;
 };
 
 TEST_F(ContractTest, EveryControlWithoutAnAgent_KeepsTheRules) {
@@ -59,7 +57,7 @@ TEST_F(ContractTest, EveryControlWithoutAnAgent_KeepsTheRules) {
 }
 
 TEST_F(ContractTest, EveryControlWithACard_KeepsTheRules) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   connectAgent();
   const RequestSetup setups[] = {
       {IOCTL_SMARTCARD_POWER, numberBytes(SCARD_COLD_RESET), 64},
@@ -73,10 +71,10 @@ TEST_F(ContractTest, EveryControlWithACard_KeepsTheRules) {
 }
 
 TEST_F(ContractTest, WaitingRequests_AreCancelledByTheShutdown) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   connectAgent();
   FakeWdfRequest& removal = framework_.dispatch({IOCTL_SMARTCARD_IS_ABSENT, {}, {}});
-  card_.pull();
+  agent_.setCardOut();
   FakeWdfRequest& insertion = framework_.dispatch({IOCTL_SMARTCARD_IS_PRESENT, {}, {}});
   EXPECT_EQ(removal.completions() + insertion.completions(), 0);
   framework_.exitD0();

@@ -55,22 +55,20 @@ class HostedModuleTest : public ::testing::Test {
   // for the card's ATR first of all.
   void connectAgent() {
     const auto waiting = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
-    const int asked = agent_.commands(AgentCommand::kQueryAtrReset);
-    ASSERT_TRUE(agent_.connect(card_.answers()));
-    ASSERT_TRUE(agent_.waitForCommands(AgentCommand::kQueryAtrReset, asked + 1));
-    if (!card_.present()) return;
+    ASSERT_TRUE(agent_.connect());
+    if (!agent_.isCardIn()) return;
     ASSERT_TRUE(waiting->wait(kLong));
     ASSERT_EQ(waiting->result().status, status::kSuccess);
   }
   // Makes a card that is in ready for commands.
   void powerCard() {
     EXPECT_EQ(control(IOCTL_SMARTCARD_POWER, numberBytes(SCARD_COLD_RESET), 64).output,
-              TestCard::atrOfT1());
+              CardAgent::atrOfT1());
     EXPECT_EQ(statusOf(IOCTL_SMARTCARD_SET_PROTOCOL, numberBytes(SCARD_PROTOCOL_T1)),
               status::kSuccess);
   }
   void connectWithPoweredCard() {
-    card_.insert();
+    agent_.setCardIn(CardAgent::atrOfT1());
     connectAgent();
     powerCard();
   }
@@ -91,10 +89,9 @@ class HostedModuleTest : public ::testing::Test {
   }
 
   ModuleWorld world_;
-  TestCard card_;
   std::unique_ptr<host::DriverHost> host_;
   std::shared_ptr<host::File> file_;
-  LinkAgent agent_;
+  CardAgent agent_;
 };
 
 }  // namespace zelta::test

@@ -33,14 +33,14 @@ TEST_F(IoControlsTest, FreshReader_HasNoCard) {
 }
 
 TEST_F(IoControlsTest, CardThatComes_WorksAndGoes) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   connectAgent();
   EXPECT_EQ(state(), SCARD_SWALLOWED);
   EXPECT_EQ(statusOf(IOCTL_SMARTCARD_IS_PRESENT), status::kSuccess);
   const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
 
   EXPECT_EQ(control(IOCTL_SMARTCARD_POWER, numberBytes(SCARD_COLD_RESET), 64).output,
-            TestCard::atrOfT1());
+            CardAgent::atrOfT1());
   EXPECT_EQ(state(), SCARD_NEGOTIABLE);
   EXPECT_EQ(statusOf(IOCTL_SMARTCARD_SET_PROTOCOL, numberBytes(SCARD_PROTOCOL_T0)),
             status::kNotSupported);
@@ -51,20 +51,20 @@ TEST_F(IoControlsTest, CardThatComes_WorksAndGoes) {
   EXPECT_EQ(state(), SCARD_SPECIFIC);
   EXPECT_TRUE(agent_.waitForCommands(AgentCommand::kNotifyCardReady, 1));
   EXPECT_EQ(attribute(SCARD_ATTR_CURRENT_PROTOCOL_TYPE), numberBytes(SCARD_PROTOCOL_T1));
-  EXPECT_EQ(attribute(SCARD_ATTR_ATR_STRING), TestCard::atrOfT1());
+  EXPECT_EQ(attribute(SCARD_ATTR_ATR_STRING), CardAgent::atrOfT1());
   EXPECT_EQ(attribute(SCARD_ATTR_DEFAULT_DATA_RATE), numberBytes(43010));
 
-  EXPECT_EQ(transmit({0x00, 0xA4, 0x04, 0x00}), TestCard::responseTo({0x00, 0xA4, 0x04, 0x00}));
+  EXPECT_EQ(transmit({0x00, 0xA4, 0x04, 0x00}), CardAgent::responseTo({0x00, 0xA4, 0x04, 0x00}));
   Bytes apdu(1 << 20);
   for (std::size_t i = 0; i < apdu.size(); ++i) apdu[i] = static_cast<std::uint8_t>(i * 7);
-  EXPECT_EQ(transmit(apdu), TestCard::responseTo(apdu));
+  EXPECT_EQ(transmit(apdu), CardAgent::responseTo(apdu));
 
   EXPECT_EQ(control(IOCTL_SMARTCARD_POWER, numberBytes(SCARD_WARM_RESET), 64).output,
-            TestCard::atrOfT1());
+            CardAgent::atrOfT1());
   EXPECT_EQ(statusOf(IOCTL_SMARTCARD_POWER, numberBytes(SCARD_POWER_DOWN)), status::kSuccess);
   EXPECT_EQ(state(), SCARD_SWALLOWED);
   EXPECT_FALSE(removal->completed());
-  card_.pull();
+  agent_.setCardOut();
   ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
   ASSERT_TRUE(removal->wait(kLong));
   EXPECT_EQ(removal->result().status, status::kSuccess);
@@ -75,7 +75,7 @@ TEST_F(IoControlsTest, SecondAgent_IsRefusedAndTheFirstNoticesNothing) {
   connectWithPoweredCard();
   PipeClient second;
   EXPECT_TRUE(!second.connect(commandPipeName(0)) || second.waitForDrop());
-  EXPECT_EQ(transmit({1, 2}), TestCard::responseTo({1, 2}));
+  EXPECT_EQ(transmit({1, 2}), CardAgent::responseTo({1, 2}));
 }
 
 TEST_F(IoControlsTest, EveryShortInputAndOutputOfEveryControl_EndsInAStatus) {
@@ -92,13 +92,13 @@ TEST_F(IoControlsTest, EveryShortInputAndOutputOfEveryControl_EndsInAStatus) {
   }
   agent_.die();
   connectWithPoweredCard();
-  EXPECT_EQ(transmit({1, 2}), TestCard::responseTo({1, 2}));
+  EXPECT_EQ(transmit({1, 2}), CardAgent::responseTo({1, 2}));
 }
 
 TEST_F(IoControlsTest, SilentAgent_HoldsUpNobodyButItsCaller) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   const auto waiting = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
-  ASSERT_TRUE(agent_.connect([](const LinkAgent::Command& command) -> std::optional<Bytes> {
+  ASSERT_TRUE(agent_.connect([](const CardAgent::Command& command) -> std::optional<Bytes> {
     if (command.code == AgentCommand::kQueryTransmit) return std::nullopt;
     return Bytes{0x3B, 0x00};
   }));
@@ -115,7 +115,7 @@ TEST_F(IoControlsTest, SilentAgent_HoldsUpNobodyButItsCaller) {
 TEST_F(IoControlsTest, SessionOfTheAgent_IsInTheLogUntilTheCardGoes) {
   const std::string session = "12345678-9abc-def0-1234-56789abcdef0";
   const std::string none = "00000000-0000-0000-0000-000000000000";
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   connectAgent();
   ASSERT_TRUE(agent_.sendSessionLogId(session));
   const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);

@@ -49,7 +49,7 @@ TEST_F(UnloadTest, DriverThatWaitsForItsAgent_LeavesNothing) {
 }
 
 TEST_F(UnloadTest, DriverWithAnAgentAndAWaitingRequest_LeavesNothing) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   for (int round = 0; round < repetitions(40); ++round) {
     bringUp();
     connectAgent();
@@ -68,7 +68,7 @@ TEST_F(UnloadTest, DriverThatWasNeverBroughtUp_LeavesNothing) {
 }
 
 TEST_F(UnloadTest, CallsWhileTheDriverGoesDown_AreCarriedOutOrRefused) {
-  card_.insert();
+  agent_.setCardIn(CardAgent::atrOfT1());
   for (int round = 0; round < repetitions(20); ++round) {
     bringUp();
     connectAgent();
@@ -231,7 +231,7 @@ TEST_F(ProcessExitTest, ExitFromAnotherThreadUnderLoad_EndsTheProcess) {
   EXPECT_EXIT(
       {
         bringUp();
-        card_.insert();
+        agent_.setCardIn(CardAgent::atrOfT1());
         connectAgent();
         exitUnderLoad();
       },

@@ -12,7 +12,7 @@
 #include "contract/status.h"
 #include "framework/wdf.h"
 #include "platform/process/module_loader.h"
-#include "tests/module/test_card.h"
+#include "tests/doubles/agent/card_agent.h"
 #include "tests/support/log_files.h"
 
 namespace zelta::test {

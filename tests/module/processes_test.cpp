@@ -24,7 +24,7 @@ class AgentProcessTest : public HostedModuleTest {
     EXPECT_TRUE(agent->does("connect"));
     EXPECT_TRUE(insertion->wait(kLong));
     powerCard();
-    EXPECT_EQ(transmit({0x00, 0xB0, 0x01}), TestCard::responseTo({0x00, 0xB0, 0x01}));
+    EXPECT_EQ(transmit({0x00, 0xB0, 0x01}), CardAgent::responseTo({0x00, 0xB0, 0x01}));
     return agent;
   }
   static void expectSuccess(host::IoOperation& operation) {
@@ -121,7 +121,7 @@ class HostProcessTest : public ::testing::Test {
     ASSERT_TRUE(host.submit(IOCTL_SMARTCARD_IS_PRESENT));
     ASSERT_TRUE(agent_.does("connect"));
     ASSERT_THAT(host.result(), StartsWith(HostProgram::kDone));
-    EXPECT_EQ(host.reset(), TestCard::atrOfT1());
+    EXPECT_EQ(host.reset(), CardAgent::atrOfT1());
     ASSERT_TRUE(host.submit(IOCTL_SMARTCARD_IS_ABSENT));
   }
 
@@ -182,7 +182,7 @@ class CommandLineTest : public ::testing::Test {
   // The card that is awaited comes and is made ready.
   static void expectCard(HostProgram& host) {
     ASSERT_THAT(host.result(), StartsWith(HostProgram::kDone));
-    EXPECT_EQ(host.reset(), TestCard::atrOfT1());
+    EXPECT_EQ(host.reset(), CardAgent::atrOfT1());
     EXPECT_EQ(host.control(IOCTL_SMARTCARD_SET_PROTOCOL, numberBytes(SCARD_PROTOCOL_T1)),
               HostProgram::kDone);
     EXPECT_EQ(host.transmit({0x80, 0x20, 0x01}), "8020019000");
@@ -252,7 +252,7 @@ TEST_F(CommandLineTest, HostThatIsStartedAgain_IsServedByTheSameAgent) {
     ASSERT_TRUE(awaitCard(host));
     if (!agent) agent = startAgent();
     ASSERT_THAT(host.result(), StartsWith(HostProgram::kDone));
-    EXPECT_EQ(host.reset(), TestCard::atrOfT1());
+    EXPECT_EQ(host.reset(), CardAgent::atrOfT1());
     host.askToExit(0);
     EXPECT_EQ(host.wait(), 0);
   }

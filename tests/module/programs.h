@@ -9,7 +9,8 @@
 #include "contract/bytes.h"
 #include "contract/io_controls.h"
 #include "contract/reader_states.h"
-#include "tests/module/test_card.h"
+#include "tests/doubles/agent/card_agent.h"
+#include "tests/module/wire_bytes.h"
 #include "tests/support/child_process.h"
 
 namespace zelta::test {

@@ -225,9 +225,9 @@ TEST_P(PcscdRemovalTest, DuringACommand_EndsItAndMarksTheHandle) {
     return Bytes();  // as an agent answers for a card that was pulled
   });
   auto sent = std::async(std::launch::async, [this] { return client_->transmit(kSelect).result; });
-  ASSERT_TRUE(agent_.link().waitForCommands(AgentCommand::kQueryTransmit, 1));
+  ASSERT_TRUE(agent_.waitForCommands(AgentCommand::kQueryTransmit, 1));
   if (GetParam() == Loss::kAgentThatDies) {
-    agent_.link().events().close();
+    agent_.events().close();
   } else {
     agent_.remove();
   }

@@ -37,6 +37,8 @@ class ChildProcess {
   // Reads on to a line with that text in it. False if there is none.
   bool readLineWith(const std::string& text) ZELTA_EXCLUDES(mutex_);
 
+  // The system's number of the process.
+  unsigned long id() const { return system_->id(); }
   // Ends it as a crash does: nothing of the program's own runs any more.
   void kill() { system_->kill(); }
   // Waits for its end and gives its exit code; none if it runs on beyond the limit.
@@ -47,6 +49,7 @@ class ChildProcess {
   class System {
    public:
     virtual ~System() = default;
+    virtual unsigned long id() const = 0;
     virtual bool write(const std::string& bytes) = 0;
     // What there is, at least a byte; empty at the end.
     virtual std::string read() = 0;

@@ -19,6 +19,8 @@ class ChildProcess::LinuxSystem final : public ChildProcess::System {
  public:
   LinuxSystem(pid_t process, ScopedFd stream) : process_(process), stream_(std::move(stream)) {}
 
+  unsigned long id() const override { return static_cast<unsigned long>(process_); }
+
   bool write(const std::string& bytes) override {
     return send(stream_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
            static_cast<ssize_t>(bytes.size());

@@ -47,6 +47,8 @@ class ChildProcess::Win32System final : public ChildProcess::System {
   Win32System(ScopedHandle process, ScopedHandle input, ScopedHandle output)
       : process_(std::move(process)), input_(std::move(input)), output_(std::move(output)) {}
 
+  unsigned long id() const override { return GetProcessId(process_.get()); }
+
   bool write(const std::string& bytes) override {
     DWORD count = 0;
     return WriteFile(input_.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &count,
@@ -92,8 +94,8 @@ std::unique_ptr<ChildProcess::System> ChildProcess::start(
   startup.hStdError = output.writeEnd.get();
   std::wstring line = commandLine(program, arguments);
   PROCESS_INFORMATION started{};
-  if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
-                      &started)) {
+  if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr,
+                      nullptr, &startup, &started)) {
     throw std::runtime_error("cannot start " + program + ": " + std::to_string(GetLastError()));
   }
   CloseHandle(started.hThread);

@@ -20,6 +20,8 @@ inline constexpr bool kReadsWaitForAllBytes = false;
 inline constexpr bool kPipesListenAfterDisconnect = false;
 // The error of creating a pipe whose name is in use and has one instance.
 inline constexpr std::uint32_t kPipeNameInUse = platform::error::kPipeBusy;
+// Whether the agent has a control socket, and so the option for its path.
+inline constexpr bool kAgentHasControl = false;
 
 #else
 
@@ -28,6 +30,7 @@ inline constexpr bool kPipesKeepBytes = true;
 inline constexpr bool kReadsWaitForAllBytes = true;
 inline constexpr bool kPipesListenAfterDisconnect = true;
 inline constexpr std::uint32_t kPipeNameInUse = platform::error::kAccessDenied;
+inline constexpr bool kAgentHasControl = true;
 
 #endif
 

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "contract/bytes.h"
-#include "tests/agent/card/held_card.h"
-#include "tests/agent/program/fail_test.h"
+#include "tests/agent/running_agent.h"
+#include "tests/doubles/agent/held_card.h"
 
 namespace zelta::agent {
 namespace {
@@ -32,14 +32,14 @@ class Slot : public testing::Test {
   CardSlot slot_;
 };
 
-TEST_F(Slot, answersWithTheCardThatAnswered) {
+TEST_F(Slot, Answer_NamesTheCardThatGaveIt) {
   const Outcome outcome = slot_.perform(commandOf(Command::Kind::kTransmit), slot_.card());
   EXPECT_EQ(outcome.result, Outcome::Result::kAnswered);
   EXPECT_EQ(outcome.data, test::heldAnswer(1));
   EXPECT_EQ(outcome.card, slot_.card());
 }
 
-TEST_F(Slot, answerOfACardThatWasSwappedIsNone) {
+TEST_F(Slot, AnswerOfACardThatWasSwapped_IsNone) {
   const CardId first = slot_.card();
   EXPECT_EQ(slot_.remove(), "");
   EXPECT_EQ(slot_.insert(), "");
@@ -48,7 +48,7 @@ TEST_F(Slot, answerOfACardThatWasSwappedIsNone) {
   EXPECT_EQ(slot_.status().atr, Bytes());
 }
 
-TEST_F(Slot, statusHasTheAtrOfTheCardThatIsIn) {
+TEST_F(Slot, Status_HasTheAtrOfTheCardThatIsIn) {
   EXPECT_EQ(slot_.status().atr, Bytes());
   EXPECT_EQ(slot_.perform(commandOf(Command::Kind::kAtr), slot_.card()).data, test::heldAtr());
   EXPECT_EQ(slot_.status().atr, test::heldAtr());
@@ -68,7 +68,7 @@ class AbsentCard : public test::HeldCard {
   bool stopped = false;
 };
 
-TEST(AbsentSlot, cardThatDoesNotStartIsNotStopped) {
+TEST(AbsentSlot, CardThatDoesNotStart_IsNotStopped) {
   AbsentCard card;
   {
     CardSlot slot(card, {}, test::failTest);
@@ -85,7 +85,7 @@ class Observed final : public CardSlot::Observer {
   std::string text;
 };
 
-TEST_F(Slot, observerLearnsTheStateAndEachChangeWhileItObserves) {
+TEST_F(Slot, Observer_LearnsTheStateAndEachChangeWhileItObserves) {
   Observed observed;
   slot_.observe(&observed);
   EXPECT_EQ(slot_.remove(), "");

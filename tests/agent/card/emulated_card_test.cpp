@@ -1,7 +1,5 @@
 // The program with its emulated card and the demo database, by the card's own commands.
 #include <cert.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <keyhi.h>
 #include <nss.h>
 #include <pk11pub.h>
@@ -15,8 +13,7 @@
 #include "agent/control/control_socket.h"
 #include "contract/bytes.h"
 #include "contract/wire.h"
-#include "tests/agent/link/driver_end.h"
-#include "tests/agent/program/agent_process.h"
+#include "tests/agent/program/program_fixture.h"
 
 namespace zelta::test {
 namespace {
@@ -60,7 +57,7 @@ Bytes recover(const std::string& folder, const char* nickname, const Bytes& sign
   return block;
 }
 
-class EmulatedCardTest : public testing::Test {
+class EmulatedCardTest : public Program {
  protected:
   EmulatedCardTest() : database_(folder_.file("db")) {
     const std::string make = std::string(ZELTA_SOURCE_DIR) + "/scripts/make-demo-db.sh " +
@@ -70,21 +67,19 @@ class EmulatedCardTest : public testing::Test {
   }
 
   std::vector<std::string> arguments() {
-    return {"--db", database_, "--pin-file", folder_.file("pin"), "-v"};
+    return withControl({"--db", database_, "--pin-file", folder_.file("pin"), "-v"});
   }
-  std::string problemOf(std::vector<std::string> options) {
-    options.insert(options.end(), {"--control", folder_.file("ctl")});
-    const Ended ended = runProgram(options);
+  std::string problemOf(const std::vector<std::string>& options) {
+    const Ended ended = runProgram(withControl(options));
     EXPECT_EQ(ended.exitCode, 1);
-    return ended.error;
+    return ended.text;
   }
 
-  PipeFolder folder_;
   const std::string database_;
 };
 
 // A control command may come while the agent ends.
-TEST(EmulatedCardAtItsEnd, refusesToBeMoved) {
+TEST(EmulatedCardAtItsEnd, WithoutALibrary_RefusesToBeMoved) {
   agent::EmulatedCard card({});
   EXPECT_EQ(card.insert(), "the card emulation does not run");
   EXPECT_EQ(card.remove(), "the card emulation does not run");
@@ -92,9 +87,9 @@ TEST(EmulatedCardAtItsEnd, refusesToBeMoved) {
   EXPECT_EQ(card.insert(), "the card emulation does not run");
 }
 
-TEST_F(EmulatedCardTest, verifiesItsPinAndSigns) {
+TEST_F(EmulatedCardTest, PinVerified_Signs) {
   DriverEnd driver;
-  AgentProcess process(folder_, arguments());
+  AgentProcess process(arguments());
   driver.acceptSession();
   EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kCardAtr);
   EXPECT_EQ(driver.transmit(kSelectAuthentication), hex("610D"));
@@ -120,9 +115,9 @@ TEST_F(EmulatedCardTest, verifiesItsPinAndSigns) {
   EXPECT_EQ(recover(database_, "zelta-auth", *signature), block);
 }
 
-TEST_F(EmulatedCardTest, resetAndRemovalForgetThePin) {
+TEST_F(EmulatedCardTest, ResetAndRemoval_ForgetThePin) {
   DriverEnd driver;
-  AgentProcess process(folder_, arguments());
+  AgentProcess process(arguments());
   driver.acceptSession();
   EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kCardAtr);
   EXPECT_EQ(driver.transmit(kVerify), hex("9000"));
@@ -131,14 +126,14 @@ TEST_F(EmulatedCardTest, resetAndRemovalForgetThePin) {
   EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kCardAtr);
   EXPECT_NE(driver.transmit(kIsVerified), hex("9000"));
   EXPECT_EQ(driver.transmit(kVerify), hex("9000"));
-  EXPECT_EQ(process.ctl({"remove"}).exitCode, 0);
-  EXPECT_EQ(process.ctl({"insert"}).exitCode, 0);
+  EXPECT_EQ(ctl({"remove"}).exitCode, 0);
+  EXPECT_EQ(ctl({"insert"}).exitCode, 0);
   EXPECT_NE(driver.transmit(kIsVerified), hex("9000"));
 }
 
-TEST_F(EmulatedCardTest, oddCommandsAreAnsweredAndHarmNothing) {
+TEST_F(EmulatedCardTest, OddCommands_AreAnsweredAndHarmNothing) {
   DriverEnd driver;
-  AgentProcess process(folder_, arguments());
+  AgentProcess process(arguments());
   driver.acceptSession();
   EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kCardAtr);
   for (const char* text :
@@ -158,38 +153,38 @@ TEST_F(EmulatedCardTest, oddCommandsAreAnsweredAndHarmNothing) {
   EXPECT_EQ(driver.transmit(kVerify), hex("9000"));
 }
 
-TEST_F(EmulatedCardTest, hundredsOfSwapsLeaveAWorkingCard) {
+TEST_F(EmulatedCardTest, HundredsOfSwaps_LeaveAWorkingCard) {
   DriverEnd driver;
-  AgentProcess process(folder_, arguments());
+  AgentProcess process(arguments());
   driver.acceptSession();
   EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kCardAtr);
   for (int swap = 0; swap < 300; ++swap) {
-    ASSERT_EQ(agent::askAgent({process.control()}, "remove\n"), "ok\n");
+    ASSERT_EQ(agent::askAgent({control()}, "remove\n"), "ok\n");
     ASSERT_EQ(driver.readEvent(), event(AgentEvent::kCardRemoved));
     ASSERT_EQ(driver.queryAtr(AgentCommand::kQueryAtr), Bytes());
-    ASSERT_EQ(agent::askAgent({process.control()}, "insert\n"), "ok\n");
+    ASSERT_EQ(agent::askAgent({control()}, "insert\n"), "ok\n");
     ASSERT_EQ(driver.readEvent(), event(AgentEvent::kCardInserted));
     ASSERT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kCardAtr);
   }
   EXPECT_EQ(driver.transmit(kVerify), hex("9000"));
-  process.signal(SIGTERM);
+  ::kill(static_cast<pid_t>(process.id()), SIGTERM);
   EXPECT_EQ(process.wait(), 0);
 }
 
-TEST_F(EmulatedCardTest, startsWithoutTheCardWhereAsked) {
+TEST_F(EmulatedCardTest, NoCardAsked_StartsWithoutTheCard) {
   DriverEnd driver;
   std::vector<std::string> options = arguments();
   options.emplace_back("--no-card");
-  AgentProcess process(folder_, options);
+  AgentProcess process(options);
   driver.acceptSession();
   EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), Bytes());
   EXPECT_EQ(driver.transmit(kSelectAuthentication), Bytes());
-  EXPECT_EQ(process.ctl({"insert"}).exitCode, 0);
+  EXPECT_EQ(ctl({"insert"}).exitCode, 0);
   EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardInserted));
   EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kCardAtr);
 }
 
-TEST_F(EmulatedCardTest, whatIsWrongWithTheDatabaseIsSaidAtTheStart) {
+TEST_F(EmulatedCardTest, WrongDatabase_IsSaidAtTheStart) {
   using testing::HasSubstr;
   EXPECT_THAT(problemOf({"--db", database_, "--pin", "9999"}),
               HasSubstr("error: the PIN is not the card database's password"));
@@ -198,7 +193,7 @@ TEST_F(EmulatedCardTest, whatIsWrongWithTheDatabaseIsSaidAtTheStart) {
   EXPECT_THAT(problemOf({"--db", database_, "--cert", "a,b"}), HasSubstr("error: "));
 }
 
-TEST_F(EmulatedCardTest, demoDatabaseIsMadeOnceAndOnlyWithItsPin) {
+TEST_F(EmulatedCardTest, DemoDatabase_IsMadeOnceAndOnlyWithItsPin) {
   const auto before = std::filesystem::last_write_time(database_ + "/key4.db");
   const std::string make = std::string(ZELTA_SOURCE_DIR) + "/scripts/make-demo-db.sh " + database_;
   EXPECT_EQ(std::system((make + " " + kPin).c_str()), 0);

@@ -6,9 +6,9 @@
 #include <stdexcept>
 
 #include "contract/bytes.h"
-#include "tests/agent/card/fake_winscard.h"
-#include "tests/agent/link/failing_listener.h"
-#include "tests/agent/program/running_agent.h"
+#include "tests/agent/running_agent.h"
+#include "tests/doubles/agent/card_notices.h"
+#include "tests/doubles/agent/fake_winscard.h"
 
 namespace zelta::agent {
 namespace {
@@ -20,36 +20,9 @@ using testing::ElementsAre;
 const Bytes kAtr = {0x3B, 0x00};
 const Bytes kCommand = {0x00, 0xA4, 0x04, 0x00};
 
-// Notices as they come: "in", "out".
-class Notices final : public CardListener {
- public:
-  void cardInserted() override { add("in "); }
-  void cardRemoved() override { add("out "); }
-  void cardFailed(const char* problem) override { test::failTest(problem); }
-  void waitFor(const std::string& text) {
-    platform::MutexLock lock(mutex_);
-    changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return text_ == text; });
-  }
-  std::string text() {
-    platform::MutexLock lock(mutex_);
-    return text_;
-  }
-
- private:
-  void add(const std::string& word) {
-    platform::MutexLock lock(mutex_);
-    text_ += word;
-    changed_.notifyAll();
-  }
-
-  platform::Mutex mutex_;
-  platform::ConditionVariable changed_;
-  std::string text_ ZELTA_GUARDED_BY(mutex_);
-};
-
 class PcscCardTest : public testing::Test {
  protected:
-  PcscCardTest() : log_(LogLevel::kDebug, lines_.sink()), card_(kFakeReader, log_) {}
+  PcscCardTest() : log_(Severity::kDebug, lines_.sink()), card_(kFakeReader, log_) {}
   ~PcscCardTest() override { card_.stop(); }
 
   void startWithCard() {
@@ -61,24 +34,24 @@ class PcscCardTest : public testing::Test {
   FakeWinscard service_;
   test::LogLines lines_;
   Log log_;
-  Notices notices_;
+  test::CardNotices notices_;
   PcscCard card_;
 };
 
-TEST_F(PcscCardTest, failureOfItsWatchIsToldAndItCanBeStopped) {
+TEST_F(PcscCardTest, FailureOfItsWatch_IsToldAndItCanBeStopped) {
   service_.insertCard();
-  test::FailingListener listener;
+  test::FailingNotices listener;
   card_.start(listener);
   EXPECT_EQ(listener.told(), "no memory for the card");
   card_.stop();
 }
 
-TEST_F(PcscCardTest, withoutServiceStartFails) {
+TEST_F(PcscCardTest, WithoutService_StartFails) {
   service_.setService(false);
   EXPECT_THROW(card_.start(notices_), std::runtime_error);
 }
 
-TEST_F(PcscCardTest, cardOfTheRealReaderAnswers) {
+TEST_F(PcscCardTest, CardOfTheRealReader_Answers) {
   startWithCard();
   EXPECT_EQ(card_.name(), "pcsc");
   EXPECT_EQ(card_.atr(), kAtr);
@@ -88,7 +61,7 @@ TEST_F(PcscCardTest, cardOfTheRealReaderAnswers) {
   EXPECT_THAT(service_.takeCalls(), ElementsAre("transmit", "reset"));
 }
 
-TEST_F(PcscCardTest, insertionAndRemovalAreFollowed) {
+TEST_F(PcscCardTest, InsertionAndRemoval_AreFollowed) {
   card_.start(notices_);
   service_.insertCard();
   notices_.waitFor("in ");
@@ -98,13 +71,13 @@ TEST_F(PcscCardTest, insertionAndRemovalAreFollowed) {
   notices_.waitFor("in out in ");
 }
 
-TEST_F(PcscCardTest, cardThatWasChangedWithoutBeingSeenIsTwoNotices) {
+TEST_F(PcscCardTest, CardChangedUnseen_IsTwoNotices) {
   startWithCard();
   service_.swapCard();
   notices_.waitFor("in out in ");
 }
 
-TEST_F(PcscCardTest, cardThatACommandFindsGoneIsToldBeforeTheCommandReturns) {
+TEST_F(PcscCardTest, CardThatACommandFindsGone_IsToldBeforeTheCommandReturns) {
   startWithCard();
   EXPECT_EQ(card_.reset(), kAtr);
   service_.loseCard();
@@ -117,7 +90,7 @@ TEST_F(PcscCardTest, cardThatACommandFindsGoneIsToldBeforeTheCommandReturns) {
   EXPECT_EQ(card_.transmit(kCommand), kCommand);
 }
 
-TEST_F(PcscCardTest, resetByAnotherProgramIsTakenAndTheCommandRepeated) {
+TEST_F(PcscCardTest, ResetByAnotherProgram_IsAcceptedAndTheCommandRepeated) {
   startWithCard();
   EXPECT_EQ(card_.atr(), kAtr);
   service_.takeCalls();
@@ -126,7 +99,7 @@ TEST_F(PcscCardTest, resetByAnotherProgramIsTakenAndTheCommandRepeated) {
   EXPECT_THAT(service_.takeCalls(), ElementsAre("transmit", "leave", "transmit"));
 }
 
-TEST_F(PcscCardTest, commandThatFailsIsNotAnsweredAndTheNextConnectsAnew) {
+TEST_F(PcscCardTest, CommandThatFails_IsNotAnsweredAndTheNextConnectsAnew) {
   startWithCard();
   EXPECT_EQ(card_.atr(), kAtr);
   service_.failTransmits({SCARD_E_NOT_TRANSACTED});
@@ -138,7 +111,7 @@ TEST_F(PcscCardTest, commandThatFailsIsNotAnsweredAndTheNextConnectsAnew) {
               ElementsAre("connect", "transmit", "disconnect", "connect", "transmit"));
 }
 
-TEST_F(PcscCardTest, readerMayComeLater) {
+TEST_F(PcscCardTest, ReaderThatComesLater_IsFound) {
   service_.setReader(false);
   service_.insertCard();
   card_.start(notices_);
@@ -147,7 +120,7 @@ TEST_F(PcscCardTest, readerMayComeLater) {
   notices_.waitFor("in ");
 }
 
-TEST_F(PcscCardTest, readerThatGoesTakesItsCardAlong) {
+TEST_F(PcscCardTest, ReaderThatGoes_TakesItsCardAlong) {
   startWithCard();
   service_.setReader(false);
   notices_.waitFor("in out ");
@@ -155,7 +128,7 @@ TEST_F(PcscCardTest, readerThatGoesTakesItsCardAlong) {
   notices_.waitFor("in out in ");
 }
 
-TEST_F(PcscCardTest, serviceThatGoesTakesTheCardAlongAndIsFoundAgain) {
+TEST_F(PcscCardTest, ServiceThatGoes_TakesTheCardAlongAndIsFoundAgain) {
   startWithCard();
   EXPECT_EQ(card_.atr(), kAtr);
   service_.setService(false);
@@ -166,13 +139,13 @@ TEST_F(PcscCardTest, serviceThatGoesTakesTheCardAlongAndIsFoundAgain) {
   EXPECT_EQ(card_.transmit(kCommand), kCommand);
 }
 
-TEST_F(PcscCardTest, realCardIsNotMovedByTheAgent) {
+TEST_F(PcscCardTest, RealCard_IsNotMovedByTheAgent) {
   startWithCard();
   EXPECT_THAT(card_.insert(), testing::HasSubstr("by hand"));
   EXPECT_THAT(card_.remove(), testing::HasSubstr("by hand"));
 }
 
-TEST_F(PcscCardTest, stopEndsTheWatchAndLetsGoOfEverything) {
+TEST_F(PcscCardTest, Stop_EndsTheWatchAndReleasesEverything) {
   startWithCard();
   EXPECT_EQ(card_.atr(), kAtr);
   card_.stop();

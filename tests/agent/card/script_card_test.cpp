@@ -6,39 +6,10 @@
 #include <string>
 
 #include "contract/bytes.h"
-#include "platform/sync/sync.h"
-#include "tests/agent/link/failing_listener.h"
-#include "tests/agent/program/fail_test.h"
+#include "tests/doubles/agent/card_notices.h"
 
 namespace zelta::agent {
 namespace {
-
-// Notices as they come: "in", "out".
-class Notices final : public CardListener {
- public:
-  void cardInserted() override { add("in "); }
-  void cardRemoved() override { add("out "); }
-  void cardFailed(const char* problem) override { test::failTest(problem); }
-  void waitFor(const std::string& text) {
-    platform::MutexLock lock(mutex_);
-    changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return text_ == text; });
-  }
-  std::string text() {
-    platform::MutexLock lock(mutex_);
-    return text_;
-  }
-
- private:
-  void add(const std::string& word) {
-    platform::MutexLock lock(mutex_);
-    text_ += word;
-    changed_.notifyAll();
-  }
-
-  platform::Mutex mutex_;
-  platform::ConditionVariable changed_;
-  std::string text_ ZELTA_GUARDED_BY(mutex_);
-};
 
 // A card of a script, started.
 struct Started {
@@ -47,19 +18,19 @@ struct Started {
   }
   ~Started() { card.stop(); }
 
-  Notices notices;
+  test::CardNotices notices;
   ScriptCard card;
 };
 
-TEST(ScriptCard, failureOfItsTimerIsToldAndItCanBeStopped) {
-  test::FailingListener listener;
+TEST(ScriptCard, FailureOfItsTimer_IsToldAndItCanBeStopped) {
+  test::FailingNotices listener;
   ScriptCard card(parseScript("atr 3B00\nat 1ms insert\n"), false);
   card.start(listener);
   EXPECT_EQ(listener.told(), "no memory for the card");
   card.stop();
 }
 
-TEST(ScriptCard, answersFromItsScript) {
+TEST(ScriptCard, Commands_AreAnsweredFromTheScript) {
   Started started("atr 3B00\ncommand 00A4* -> 9000");
   EXPECT_EQ(started.card.name(), "script");
   EXPECT_EQ(started.card.reset(), (Bytes{0x3B, 0x00}));
@@ -69,14 +40,14 @@ TEST(ScriptCard, answersFromItsScript) {
   EXPECT_EQ(started.notices.text(), "in ");
 }
 
-TEST(ScriptCard, withoutCardAnswersNothing) {
+TEST(ScriptCard, WithoutACard_NothingIsAnswered) {
   Started started("atr 3B00", false);
   EXPECT_EQ(started.notices.text(), "");
   EXPECT_EQ(started.card.reset(), Bytes());
   EXPECT_EQ(started.card.transmit({0x01}), Bytes());
 }
 
-TEST(ScriptCard, insertionAndRemovalAreToldInTurnsAndOnce) {
+TEST(ScriptCard, InsertionAndRemoval_AreToldInTurnsAndOnce) {
   Started started("atr 3B00");
   EXPECT_EQ(started.card.insert(), "a card is in already");
   EXPECT_EQ(started.card.remove(), "");
@@ -85,25 +56,25 @@ TEST(ScriptCard, insertionAndRemovalAreToldInTurnsAndOnce) {
   EXPECT_EQ(started.notices.text(), "in out in ");
 }
 
-TEST(ScriptCard, removalEndsACommandAtOnce) {
+TEST(ScriptCard, Removal_EndsACommandAtOnce) {
   Started started("atr 3B00\ncommand 01 -> 9000 after 1000s\non 01 remove");
   EXPECT_EQ(started.card.transmit({0x01}), Bytes());
   EXPECT_EQ(started.notices.text(), "in out ");
 }
 
-TEST(ScriptCard, interruptEndsACommandAtOnce) {
+TEST(ScriptCard, Interrupt_EndsACommandAtOnce) {
   Started started("atr 3B00 after 1000s");
   std::future<Bytes> atr = std::async(std::launch::async, [&] { return started.card.reset(); });
   started.card.interrupt();
   EXPECT_EQ(atr.get(), Bytes());
 }
 
-TEST(ScriptCard, timedEventsHappenInOrderOfTime) {
+TEST(ScriptCard, TimedEvents_HappenInOrderOfTime) {
   Started started("atr 3B00\nat 20ms insert\nat 1ms remove\nat 30ms remove");
   started.notices.waitFor("in out in out ");
 }
 
-TEST(ScriptCard, triggersOnResetAtrAndReady) {
+TEST(ScriptCard, ResetAtrAndReady_TriggerEvents) {
   Started started("atr 3B00\non reset remove\non ready insert\non atr remove after 1ms");
   started.card.reset();
   started.notices.waitFor("in out ");

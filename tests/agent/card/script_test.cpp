@@ -15,7 +15,7 @@ Bytes responseOf(const Script& script, const Bytes& command) {
   return script.responseTo(command).to(command);
 }
 
-TEST(Script, smallestHasAnAtrOnly) {
+TEST(Script, SmallestScript_HasAnAtrOnly) {
   const Script script = parseScript("atr 3B 00\n");
   EXPECT_EQ(script.atr.bytes, (Bytes{0x3B, 0x00}));
   EXPECT_EQ(script.atr.delay, milliseconds(0));
@@ -23,19 +23,19 @@ TEST(Script, smallestHasAnAtrOnly) {
   EXPECT_EQ(responseOf(script, {0x00, 0xA4}), (Bytes{0x6D, 0x00}));
 }
 
-TEST(Script, commentsBlankLinesAndLineEndsAreOverlooked) {
+TEST(Script, CommentsBlankLinesAndLineEnds_AreIgnored) {
   const Script script = parseScript("# a card\r\n\n  atr 3b00 # short\r\n\t\ncard out\r\n");
   EXPECT_EQ(script.atr.bytes, (Bytes{0x3B, 0x00}));
   EXPECT_FALSE(script.cardIn);
 }
 
-TEST(Script, atrMayBeLateOrNone) {
+TEST(Script, Atr_MayBeLateOrNone) {
   EXPECT_EQ(parseScript("atr 3B00 after 250ms").atr.delay, milliseconds(250));
   EXPECT_EQ(parseScript("atr none after 3s").atr.delay, milliseconds(3000));
   EXPECT_EQ(parseScript("atr none").atr.to({}), Bytes());
 }
 
-TEST(Script, firstReplyThatMatchesAnswers) {
+TEST(Script, FirstReplyThatMatches_Answers) {
   const Script script = parseScript(
       "atr 3B00\n"
       "command 00A40400 -> 9000\n"
@@ -57,12 +57,12 @@ TEST(Script, firstReplyThatMatchesAnswers) {
   EXPECT_EQ(script.otherwise.delay, milliseconds(1000));
 }
 
-TEST(Script, longestFillIsTheLongestResponseOfACard) {
+TEST(Script, LongestFill_IsTheLongestResponseOfACard) {
   const Script script = parseScript("atr 3B00\ncommand * -> fill 65536");
   EXPECT_EQ(responseOf(script, {}).size(), 65538u);
 }
 
-TEST(Script, eventsAtTimesAndOnCommands) {
+TEST(Script, Events_AreAtTimesAndOnCommands) {
   const Script script = parseScript(
       "atr 3B00\n"
       "at 2s remove\n"
@@ -96,7 +96,7 @@ void PrintTo(const Bad& bad, std::ostream* out) { *out << bad.text; }
 
 class BadScript : public testing::TestWithParam<Bad> {};
 
-TEST_P(BadScript, isRefusedWithItsLine) {
+TEST_P(BadScript, IsRefusedWithItsLine) {
   try {
     parseScript(GetParam().text);
     FAIL() << "taken";

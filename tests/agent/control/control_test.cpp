@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/agent/card/held_card.h"
-#include "tests/agent/program/running_agent.h"
+#include "tests/agent/running_agent.h"
+#include "tests/doubles/agent/held_card.h"
 
 namespace zelta::agent {
 namespace {
@@ -19,7 +19,7 @@ Agent::Status someStatus() {
   return status;
 }
 
-TEST(Control, statusForPeople) {
+TEST(Control, StatusForPeople_IsALineEach) {
   EXPECT_EQ(statusText(someStatus()),
             "reader:    3\n"
             "driver:    connected\n"
@@ -36,7 +36,7 @@ TEST(Control, statusForPeople) {
             "session:   \n");
 }
 
-TEST(Control, statusForPrograms) {
+TEST(Control, StatusForPrograms_IsOneJsonObject) {
   EXPECT_EQ(statusJson(someStatus()),
             "{\"reader\":3,\"connected\":true,\"backend\":\"script\",\"card\":\"in\","
             "\"atr\":\"3B00\",\"session_id\":\"id\"}\n");
@@ -47,7 +47,7 @@ TEST(Control, statusForPrograms) {
             "\"atr\":null,\"session_id\":\"a\\\"b\\\\c\\u000A\"}\n");
 }
 
-TEST(Control, linesAreAnswered) {
+TEST(Control, Lines_AreAnswered) {
   test::PipeFolder folder;
   test::HeldCard card;
   test::RunningAgent running(card);
@@ -64,7 +64,7 @@ TEST(Control, linesAreAnswered) {
   EXPECT_EQ(answerControl(agent, ""), "error: not understood: \n");
 }
 
-TEST(Control, answersAreReadBack) {
+TEST(Control, Answers_AreReadBack) {
   EXPECT_TRUE(readControlAnswer("ok\nmore\n").success);
   EXPECT_EQ(readControlAnswer("ok\nmore\n").text, "more\n");
   EXPECT_FALSE(readControlAnswer("error: no\n").success);

@@ -4,14 +4,13 @@
 
 #include <deque>
 #include <future>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "contract/bytes.h"
-#include "tests/agent/card/held_card.h"
-#include "tests/agent/program/running_agent.h"
+#include "tests/agent/running_agent.h"
+#include "tests/doubles/agent/held_card.h"
 
 namespace zelta::agent {
 namespace {
@@ -51,25 +50,21 @@ class Commands final : public CommandStream {
     MutexLock lock(mutex_);
     return answers_.size();
   }
-  // The thread that did it last.
-  std::thread::id reader() {
-    MutexLock lock(mutex_);
-    return reader_;
-  }
-  std::thread::id answerer() {
-    MutexLock lock(mutex_);
-    return answerer_;
+  // Whether the same thread has read the last command and answered it.
+  bool isAnsweredByReader() {
+    const MutexLock lock(mutex_);
+    return reader_ == answerer_;
   }
 
-  bool read(Command* command) override {
+  std::optional<Command> read() override {
     MutexLock lock(mutex_);
     changed_.wait(lock,
                   [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return ended_ || !given_.empty(); });
-    if (ended_) return false;
+    if (ended_) return std::nullopt;
     reader_ = std::this_thread::get_id();
-    *command = given_.front();
+    Command command = given_.front();
     given_.pop_front();
-    return true;
+    return command;
   }
   bool answer(const Command&, const Outcome& outcome) override {
     MutexLock lock(mutex_);
@@ -146,7 +141,7 @@ TEST_F(Threads, CommandInTime_IsAnsweredByTheThreadThatReadIt) {
     EXPECT_EQ(outcome.result, Result::kAnswered);
     EXPECT_EQ(outcome.data, heldAnswer(number));
     EXPECT_EQ(outcome.card, slot_.card());
-    EXPECT_EQ(commands_.answerer(), commands_.reader());
+    EXPECT_TRUE(commands_.isAnsweredByReader());
   }
 }
 
@@ -159,7 +154,7 @@ TEST_F(Threads, CardThatIsLate_IsAnsweredForAndTheNextCommandGetsItsOwnResult) {
   EXPECT_EQ(commands_.answers(), late + 1);
 }
 
-TEST_F(Threads, ThreadsTakeOverFromEachOtherAgainAndAgain) {
+TEST_F(Threads, LateCardAgainAndAgain_IsAnsweredForByEachThreadInTurn) {
   for (std::uint8_t round = 0; round < 10; ++round) {
     const std::size_t late = giveAndHoldUntilLate();
     card_.letGo();
@@ -241,13 +236,9 @@ TEST_F(Threads, StopDuringACall_InterruptsTheCard) {
   EXPECT_EQ(commands_.answers(), 0u);
 }
 
-class FailingCard : public test::HeldCard {
- public:
-  Bytes transmit(const Bytes&) override { throw std::runtime_error("the card is broken"); }
-};
-
 TEST(FailingThreads, ExceptionOfTheCard_IsToldAndEndsServing) {
-  FailingCard card;
+  test::HeldCard card;
+  card.breakDown();
   CardSlot slot(card, {}, test::failTest);
   std::promise<std::string> told;
   CommandThreads threads(slot, test::kLong,

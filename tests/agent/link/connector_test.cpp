@@ -4,8 +4,8 @@
 
 #include <map>
 
-#include "tests/agent/link/memory_pipe.h"
-#include "tests/agent/program/running_agent.h"
+#include "tests/agent/running_agent.h"
+#include "tests/doubles/agent/memory_pipe.h"
 
 namespace zelta::agent {
 namespace {
@@ -39,7 +39,7 @@ class ScriptedPort : public PipeClientPort {
 class Connecting : public testing::Test {
  protected:
   Connecting()
-      : log_(LogLevel::kDebug, lines_.sink()),
+      : log_(Severity::kDebug, lines_.sink()),
         connector_(port_, {"c", "e", milliseconds(10), milliseconds(40), test::kLong}, log_) {}
 
   bool attempt(OpenResult commands, OpenResult events) {
@@ -57,12 +57,12 @@ class Connecting : public testing::Test {
 
 using Waits = std::vector<std::optional<milliseconds>>;
 
-TEST_F(Connecting, bothOpenIsAConnectionWithoutAWait) {
+TEST_F(Connecting, BothPipesOpen_ConnectsWithoutAWait) {
   EXPECT_TRUE(attempt(OpenResult::kOpened, OpenResult::kOpened));
   EXPECT_TRUE(port_.waits.empty());
 }
 
-TEST_F(Connecting, absentPipesAreWaitedForWithoutATimer) {
+TEST_F(Connecting, AbsentPipes_AreWaitedForWithoutATimer) {
   EXPECT_FALSE(attempt(OpenResult::kAbsent, OpenResult::kAbsent));
   EXPECT_FALSE(attempt(OpenResult::kAbsent, OpenResult::kAbsent));
   EXPECT_EQ(port_.waits, (Waits{std::nullopt, std::nullopt}));
@@ -70,25 +70,25 @@ TEST_F(Connecting, absentPipesAreWaitedForWithoutATimer) {
   EXPECT_EQ(lines_.count("info: Waiting for the driver: c"), 1u);
 }
 
-TEST_F(Connecting, refusalsAreRetriedEverMoreSlowlyAndLoggedOnce) {
+TEST_F(Connecting, Refusals_AreRetriedEverMoreSlowlyAndLoggedOnce) {
   for (int i = 0; i < 4; ++i) EXPECT_FALSE(attempt(OpenResult::kRefused, OpenResult::kRefused));
   EXPECT_EQ(port_.waits,
             (Waits{milliseconds(10), milliseconds(20), milliseconds(40), milliseconds(40)}));
   EXPECT_EQ(lines_.count("warning: The driver is gone, or serves another agent: c"), 1u);
 }
 
-TEST_F(Connecting, failureIsLoggedAsAnErrorAndRetried) {
+TEST_F(Connecting, Failure_IsLoggedAsAnErrorAndRetried) {
   EXPECT_FALSE(attempt(OpenResult::kFailed, OpenResult::kAbsent));
   EXPECT_EQ(port_.waits, (Waits{milliseconds(10)}));
   EXPECT_EQ(lines_.count("error: Cannot connect to the driver: c"), 1u);
 }
 
-TEST_F(Connecting, eventPipeIsTriedAlsoWhereTheCommandPipeIsRefused) {
+TEST_F(Connecting, EventPipeThatOpensAlone_IsHeldForTheCommandPipe) {
   EXPECT_FALSE(attempt(OpenResult::kRefused, OpenResult::kOpened));
   EXPECT_TRUE(attempt(OpenResult::kOpened, OpenResult::kRefused));  // the event pipe was held
 }
 
-TEST_F(Connecting, pipeIsHeldAtTheQuickestPaceWhateverWasWaitedBefore) {
+TEST_F(Connecting, HeldPipe_IsTriedAtTheQuickestPace) {
   for (int i = 0; i < 3; ++i) EXPECT_FALSE(attempt(OpenResult::kRefused, OpenResult::kRefused));
   EXPECT_FALSE(attempt(OpenResult::kRefused, OpenResult::kOpened));
   EXPECT_FALSE(attempt(OpenResult::kRefused, OpenResult::kOpened));
@@ -96,7 +96,7 @@ TEST_F(Connecting, pipeIsHeldAtTheQuickestPaceWhateverWasWaitedBefore) {
                                 milliseconds(10), milliseconds(10)}));
 }
 
-TEST_F(Connecting, pipeThatIsHeldTooLongIsGivenBack) {
+TEST_F(Connecting, PipeHeldTooLong_IsGivenBack) {
   Connector hasty(port_, {"c", "e", milliseconds(10), milliseconds(40), milliseconds(0)}, log_);
   port_.results = {{"c", OpenResult::kOpened}, {"e", OpenResult::kAbsent}};
   EXPECT_EQ(hasty.attempt().commands, nullptr);
@@ -105,13 +105,20 @@ TEST_F(Connecting, pipeThatIsHeldTooLongIsGivenBack) {
   EXPECT_EQ(hasty.attempt().commands, nullptr);
 }
 
-TEST_F(Connecting, connectionThatTheDriverNeverAcceptedIsNotFollowedAtOnce) {
+TEST_F(Connecting, ConnectionThatWasNeverAccepted_IsNotFollowedAtOnce) {
   connector_.connectionEnded(false);
   connector_.connectionEnded(false);
   EXPECT_EQ(port_.waits, (Waits{milliseconds(10), milliseconds(20)}));
   connector_.connectionEnded(true);
   EXPECT_FALSE(attempt(OpenResult::kRefused, OpenResult::kRefused));
   EXPECT_EQ(port_.waits.back(), milliseconds(10));
+}
+
+TEST(BackoffTest, Waits_DoubleUpToTheLongest) {
+  Backoff backoff(milliseconds(10), milliseconds(50));
+  for (const int wait : {10, 20, 40, 50, 50}) EXPECT_EQ(backoff.next(), milliseconds(wait));
+  backoff.reset();
+  EXPECT_EQ(backoff.next(), milliseconds(10));
 }
 
 }  // namespace

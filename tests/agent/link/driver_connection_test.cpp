@@ -1,51 +1,85 @@
-// What the real pipes do not show: the order across both pipes, and what is one write.
+// Commands, answers and events byte by byte, on pipes in memory.
 #include "agent/link/driver_connection.h"
 
 #include <gtest/gtest.h>
 
 #include <future>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <thread>
 
-#include "contract/bytes.h"
-#include "tests/agent/card/held_card.h"
-#include "tests/agent/link/memory_pipe.h"
-#include "tests/agent/program/running_agent.h"
+#include "tests/agent/running_agent.h"
+#include "tests/doubles/agent/held_card.h"
+#include "tests/doubles/agent/memory_pipe.h"
 
 namespace zelta::agent {
 namespace {
 
+using std::chrono::milliseconds;
 using test::MemoryPipe;
 
 const Bytes kAtrQuery = {0, 0, 0, 0};
+const Bytes kAtrQueryWithoutReset = {1, 0, 0, 0};
 const Bytes kTransmit = {2, 0, 0, 0, 1, 0, 0, 0, 0x00};
+const Bytes kReady = {3, 0, 0, 0};
 const Bytes kAtrAnswer = {2, 0, 0, 0, 0x3B, 0x00};
-constexpr char kGivenUp[] = "error: The driver does not wait for its answer any more; dropping";
+const Bytes kTransmitAnswer = {3, 0, 0, 0, 0x01, 0x90, 0x00};
 const Bytes kLengthZero = {0, 0, 0, 0};
 const Bytes kRemoved = {0, 0, 0, 0};
 const Bytes kInserted = {1, 0, 0, 0};
+constexpr char kGivenUp[] = "error: The driver does not wait for its answer any more; dropping";
+constexpr std::size_t kSessionWrites = 3;
+
+Bytes operator+(Bytes front, const Bytes& back) {
+  front.insert(front.end(), back.begin(), back.end());
+  return front;
+}
+
+struct Limits {
+  milliseconds answer = test::kLong;
+  milliseconds driver = test::kLong;
+  milliseconds grace = test::kLong;
+};
 
 class Connection : public testing::Test {
  protected:
-  explicit Connection(std::chrono::milliseconds driverLimit = test::kLong)
-      : log_(LogLevel::kDebug, lines_.sink()),
+  explicit Connection(Limits limits = {}, bool cardIn = true)
+      : log_(Severity::kDebug, lines_.sink()),
+        card_(cardIn),
         slot_(
             card_, [this] { threads_.cardDeparted(); }, test::failTest),
         threads_(slot_, test::kLong, test::failTest),
         connection_(
             commands_, events_, slot_, threads_,
-            {{test::kSession, test::kLong, driverLimit}, test::kLong, driverLimit}, [] {},
+            {{test::kSession, limits.grace, limits.driver}, limits.answer, limits.driver}, [] {},
             test::failTest, log_) {
     slot_.start();
     threads_.start();
     thread_ = std::thread([this] { connection_.serve(); });
   }
   ~Connection() override {
+    card_.letGo();
     connection_.stop();
     if (thread_.joinable()) thread_.join();
     threads_.stop();
     slot_.stop();
+  }
+
+  // What the command is answered with, after `before` other answers.
+  Bytes answerTo(const Bytes& command, std::size_t before = 0) {
+    commands_.give(command);
+    return commands_.takeWrites(before + 1)[before];
+  }
+  // The event with this number, from 1.
+  Bytes event(std::size_t number) {
+    return events_.takeWrites(kSessionWrites + number)[kSessionWrites + number - 1];
+  }
+  // The connection ends by itself.
+  void expectEnd(const std::string& line) {
+    thread_.join();
+    EXPECT_EQ(commands_.writes(), 0u);
+    EXPECT_TRUE(lines_.has(line));
   }
 
   test::LogLines lines_;
@@ -59,29 +93,129 @@ class Connection : public testing::Test {
   std::thread thread_;
 };
 
-TEST_F(Connection, answerIsOneWrite) {
-  commands_.give(kAtrQuery);
-  EXPECT_EQ(commands_.takeWrites(1).back(), kAtrAnswer);
-  commands_.give(kTransmit);
-  EXPECT_EQ(commands_.takeWrites(2).back(), (Bytes{3, 0, 0, 0, 0x01, 0x90, 0x00}));
+// One exchange: what the driver writes, and the agent's one write.
+struct Exchange {
+  const char* name;
+  Bytes command;
+  Bytes answer;
+  enum class Card { kIn, kMute, kOut } card = Card::kIn;
+  int resets = 0;
+  int readyNotices = 0;
+};
+
+void PrintTo(const Exchange& exchange, std::ostream* out) { *out << exchange.name; }
+
+class Exchanges : public Connection, public testing::WithParamInterface<Exchange> {};
+
+TEST_P(Exchanges, CommandGetsItsAnswerInOneWrite) {
+  if (GetParam().card == Exchange::Card::kOut) {
+    EXPECT_EQ(slot_.remove(), "");
+  }
+  card_.setMute(GetParam().card == Exchange::Card::kMute);
+  EXPECT_EQ(answerTo(GetParam().command), GetParam().answer);
+  EXPECT_EQ(card_.resets(), GetParam().resets);
+  EXPECT_EQ(card_.readyNotices(), GetParam().readyNotices);
 }
 
-TEST_F(Connection, commandRightBehindANotificationIsAnswered) {
-  commands_.give({3, 0, 0, 0, 2, 0, 0, 0, 4, 0, 0, 0, 0x00, 0xA4, 0x04, 0x00});
-  EXPECT_EQ(commands_.takeWrites(1).back(), (Bytes{3, 0, 0, 0, 0x01, 0x90, 0x00}));
-  EXPECT_EQ(card_.readyNotices(), 1);
+using Card = Exchange::Card;
+
+INSTANTIATE_TEST_SUITE_P(
+    Commands, Exchanges,
+    testing::Values(
+        Exchange{"AtrWithReset", kAtrQuery, kAtrAnswer, Card::kIn, 1},
+        Exchange{"AtrWithoutReset", kAtrQueryWithoutReset, kAtrAnswer},
+        Exchange{"Transmit", kTransmit, kTransmitAnswer},
+        Exchange{"EmptyApduNeedsNoCard", {2, 0, 0, 0, 0, 0, 0, 0}, {2, 0, 0, 0, 0x67, 0x00}},
+        Exchange{"LongestApdu", Bytes{2, 0, 0, 0, 0x0C, 0x00, 0x01, 0x00} + Bytes(65548),
+                 kTransmitAnswer},
+        Exchange{"NotificationHasNoAnswer", kReady + kTransmit, kTransmitAnswer, Card::kIn, 0, 1},
+        Exchange{"NoCardAtrWithReset", kAtrQuery, kLengthZero, Card::kOut},
+        Exchange{"NoCardAtr", kAtrQueryWithoutReset, kLengthZero, Card::kOut},
+        Exchange{"NoCardTransmit", kTransmit, kLengthZero, Card::kOut},
+        Exchange{"MuteCardAtr", kAtrQuery, kLengthZero, Card::kMute},
+        Exchange{"MuteCardTransmit", kTransmit, kLengthZero, Card::kMute}),
+    [](const testing::TestParamInfo<Exchange>& tested) { return tested.param.name; });
+
+TEST_F(Connection, CommandInSingleBytes_IsUnderstood) {
+  for (const std::uint8_t byte : kTransmit) commands_.give({byte});
+  EXPECT_EQ(commands_.takeWrites(1).back(), kTransmitAnswer);
 }
 
-TEST_F(Connection, eachFieldOfTheSessionIdIsOneWrite) {
+TEST_F(Connection, CommandAfterCommand_GetsItsOwnAnswer) {
+  EXPECT_EQ(answerTo(kTransmit), kTransmitAnswer);
+  EXPECT_EQ(answerTo(kTransmit, 1), (Bytes{3, 0, 0, 0, 0x02, 0x90, 0x00}));
+}
+
+// What is no command: it ends the connection without an answer.
+struct Refused {
+  const char* name;
+  Bytes bytes;
+  const char* line;
+};
+
+void PrintTo(const Refused& refused, std::ostream* out) { *out << refused.name; }
+
+class RefusedCommands : public Connection, public testing::WithParamInterface<Refused> {
+ protected:
+  // Half-way commands wait for their rest that long.
+  RefusedCommands() : Connection({milliseconds(50), test::kLong, test::kLong}) {}
+};
+
+TEST_P(RefusedCommands, EndTheConnectionUnanswered) {
+  commands_.give(GetParam().bytes);
+  expectEnd(GetParam().line);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Commands, RefusedCommands,
+    testing::Values(
+        Refused{"UnknownCode", {4, 0, 0, 0}, "error: Unknown command 4; dropping the connection"},
+        Refused{"ApduOneByteTooLong",
+                {2, 0, 0, 0, 0x0D, 0x00, 0x01, 0x00},
+                "error: The driver announced an APDU of 65549 bytes; dropping the connection"},
+        Refused{"ApduOf2GiB",
+                {2, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0x7F},
+                "error: The driver announced an APDU of 2147483647 bytes"},
+        Refused{"ApduOf4GiB",
+                {2, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF},
+                "error: The driver announced an APDU of 4294967295 bytes"},
+        Refused{"HalfACode", {0, 0}, "error: The driver's command stopped half-way"},
+        Refused{"HalfAnApdu",
+                {2, 0, 0, 0, 5, 0, 0, 0, 0x00, 0xA4},
+                "error: The driver's command stopped half-way; dropping the connection"}),
+    [](const testing::TestParamInfo<Refused>& tested) { return tested.param.name; });
+
+// --- The card is late ---
+
+class HastyConnection : public Connection {
+ protected:
+  HastyConnection() : Connection({milliseconds(50), test::kLong, test::kLong}) {}
+};
+
+TEST_F(HastyConnection, LateTransmit_IsAnswered6F00) {
+  card_.hold();
+  EXPECT_EQ(answerTo(kTransmit), (Bytes{2, 0, 0, 0, 0x6F, 0x00}));
+  EXPECT_TRUE(lines_.has("warning: Transmit 00 (1 bytes): the card is not done in time"));
+}
+
+TEST_F(HastyConnection, LateAtr_IsAnsweredWithLengthZeroAndTheCardReported) {
+  card_.hold();
+  EXPECT_EQ(answerTo(kAtrQuery), kLengthZero);
+  EXPECT_TRUE(lines_.has("warning: ATR query with reset: the card is not done in time"));
+  EXPECT_EQ(event(1), kInserted);
+}
+
+// --- Events ---
+
+TEST_F(Connection, SessionId_ComesFirstWithEachFieldAsOneWrite) {
   const std::string id = test::kSession;
   const std::vector<Bytes> expected = {{2, 0, 0, 0}, {36, 0, 0, 0}, Bytes(id.begin(), id.end())};
-  EXPECT_EQ(events_.takeWrites(3), expected);
+  EXPECT_EQ(events_.takeWrites(kSessionWrites), expected);
 }
 
-TEST_F(Connection, removalIsWrittenBeforeTheCommandIsAnswered) {
-  commands_.give(kAtrQuery);
-  commands_.takeWrites(1);
-  events_.takeWrites(3);
+TEST_F(Connection, RemovalDuringACommand_IsWrittenBeforeItsAnswerOfLengthZero) {
+  EXPECT_EQ(answerTo(kAtrQuery), kAtrAnswer);
+  events_.takeWrites(kSessionWrites);
   card_.hold();
   commands_.give(kTransmit);
   card_.waitUntilBusy();
@@ -90,56 +224,123 @@ TEST_F(Connection, removalIsWrittenBeforeTheCommandIsAnswered) {
   events_.waitUntilWriting();
   EXPECT_EQ(commands_.writes(), 1u);  // no answer while the event is not handed over
   events_.letWrites();
-  EXPECT_EQ(events_.takeWrites(4).back(), kRemoved);
+  EXPECT_EQ(event(1), kRemoved);
   EXPECT_EQ(commands_.takeWrites(2).back(), kLengthZero);
 }
 
-TEST_F(Connection, eventsWaitWhileACommandIsAnswered) {
-  events_.takeWrites(3);
+TEST_F(Connection, SwapWhileAnAnswerIsWritten_IsReportedAfterIt) {
+  events_.takeWrites(kSessionWrites);
   commands_.holdWrites();
   commands_.give(kAtrQuery);
   commands_.waitUntilWriting();
   EXPECT_EQ(slot_.remove(), "");
   EXPECT_EQ(slot_.insert(), "");
-  EXPECT_EQ(events_.writes(), 3u);
+  EXPECT_EQ(events_.writes(), kSessionWrites);
   commands_.letWrites();
   EXPECT_EQ(commands_.takeWrites(1).back(), kAtrAnswer);
-  const std::vector<Bytes> written = events_.takeWrites(5);
-  EXPECT_EQ(written[3], kRemoved);
-  EXPECT_EQ(written[4], kInserted);
+  EXPECT_EQ(event(1), kRemoved);  // the card itself was learned through its ATR
+  EXPECT_EQ(event(2), kInserted);
 }
 
-TEST_F(Connection, commandBehindTheOneThatTheCardIsAtEndsTheConnectionUnanswered) {
+TEST_F(Connection, FirstCommandThatDoesNotAskForTheAtr_ReportsTheCard) {
+  commands_.give(kReady);
+  EXPECT_EQ(event(1), kInserted);
+}
+
+// That nothing is reported of the first card shows in the event of the second.
+TEST_F(Connection, CardThatTheDriverNeverKnew_IsNotReportedGone) {
+  EXPECT_EQ(slot_.remove(), "");
+  EXPECT_EQ(answerTo(kAtrQuery), kLengthZero);
+  EXPECT_EQ(slot_.insert(), "");
+  EXPECT_EQ(event(1), kInserted);
+}
+
+class EmptyConnection : public Connection {
+ protected:
+  EmptyConnection() : Connection({}, false) {}
+};
+
+TEST_F(EmptyConnection, ArrivalBeforeTheFirstCommand_IsLearnedByIt) {
+  EXPECT_EQ(slot_.insert(), "");
+  EXPECT_EQ(answerTo(kAtrQuery), kAtrAnswer);
+  EXPECT_EQ(slot_.remove(), "");
+  EXPECT_EQ(event(1), kRemoved);
+}
+
+TEST_F(EmptyConnection, ArrivalAfterTheFirstCommand_IsReportedAtOnce) {
+  EXPECT_EQ(answerTo(kAtrQuery), kLengthZero);
+  EXPECT_EQ(slot_.insert(), "");
+  EXPECT_EQ(event(1), kInserted);
+  EXPECT_EQ(answerTo(kAtrQuery, 1), kAtrAnswer);
+  EXPECT_EQ(slot_.remove(), "");
+  EXPECT_EQ(event(2), kRemoved);
+}
+
+class GracelessConnection : public Connection {
+ protected:
+  GracelessConnection() : Connection({test::kLong, test::kLong, milliseconds(0)}) {}
+};
+
+TEST_F(GracelessConnection, NoCommandInTheTimeOfGrace_ReportsTheCard) {
+  EXPECT_EQ(event(1), kInserted);
+}
+
+// --- A driver that does not take what it gets ---
+
+TEST_F(Connection, CommandAfterTheOneThatTheCardIsAt_EndsTheConnectionUnanswered) {
   card_.hold();
   commands_.give(kTransmit);
   card_.waitUntilBusy();
   commands_.give(kTransmit);
   card_.letGo();
-  thread_.join();
-  EXPECT_EQ(commands_.writes(), 0u);
-  EXPECT_TRUE(lines_.has(kGivenUp));
+  expectEnd(kGivenUp);
 }
 
-TEST_F(Connection, commandBeforeTheAnswerIsReadTakesTheAnswerBack) {
+TEST_F(Connection, CommandBeforeTheAnswerIsRead_TakesTheAnswerBack) {
   commands_.holdWrites();
   commands_.give(kAtrQuery);
   commands_.waitUntilWriting();
   commands_.give(kTransmit);
+  expectEnd(kGivenUp);
+}
+
+class ImpatientConnection : public Connection {
+ protected:
+  ImpatientConnection() : Connection({test::kLong, milliseconds(50), test::kLong}) {}
+};
+
+TEST_F(ImpatientConnection, AnswerThatTheDriverDoesNotTake_EndsTheConnection) {
+  commands_.holdWrites();
+  card_.hold();
+  commands_.give(kAtrQuery);
+  card_.letGo();
   thread_.join();
   EXPECT_EQ(commands_.writes(), 0u);
-  EXPECT_TRUE(lines_.has(kGivenUp));
+  // A loaded machine may come too late for even beginning the answer.
+  EXPECT_TRUE(lines_.has("error: The driver does not take its answer; dropping the connection") ||
+              lines_.has("error: The answer comes too late for the driver"));
 }
 
-TEST(EventsOfADouble, eventThatTimedOutIsNotHandedOverInPart) {
-  MemoryPipe pipe;
-  pipe.holdWrites();
-  EXPECT_EQ(pipe.post(kInserted.data(), 4, SteadyClock::now()), IoResult::kTimedOut);
-  pipe.letWrites();
-  EXPECT_EQ(pipe.post(kRemoved.data(), 4, SteadyClock::now()), IoResult::kDone);
-  EXPECT_EQ(pipe.takeWrites(1), std::vector<Bytes>{kRemoved});
+class OverdueConnection : public Connection {
+ protected:
+  OverdueConnection() : Connection({test::kLong, milliseconds(0), test::kLong}) {}
+};
+
+TEST_F(OverdueConnection, AnswerThatComesTooLate_IsNotWritten) {
+  commands_.give(kAtrQuery);
+  expectEnd("error: The answer comes too late for the driver; dropping the connection");
 }
 
-// A pipe whose operations fail as for lack of memory or of handles.
+TEST_F(OverdueConnection, EventPipeThatStaysFull_EndsTheConnection) {
+  events_.takeWrites(kSessionWrites);
+  events_.holdWrites();
+  commands_.give(kReady);  // after it the card that is in is reported
+  expectEnd("error: The driver does not take its events; dropping the connection");
+  EXPECT_EQ(events_.writes(), kSessionWrites);
+}
+
+// --- Lack of memory or of handles ---
+
 class BrokenPipe : public MemoryPipe {
  public:
   IoResult awaitCommand() override { throw std::runtime_error("cannot read"); }
@@ -151,9 +352,9 @@ class BrokenPipe : public MemoryPipe {
 class FailingConnection : public testing::Test {
  protected:
   FailingConnection()
-      : log_(LogLevel::kDebug, lines_.sink()),
+      : log_(Severity::kDebug, lines_.sink()),
         slot_(card_, {}, test::failTest),
-        threads_(slot_, test::kLong, [this](const char* problem) { told_.set_value(problem); }) {
+        threads_(slot_, test::kLong, tell_) {
     slot_.start();
     threads_.start();
   }
@@ -168,15 +369,16 @@ class FailingConnection : public testing::Test {
     connection.serve();
   }
 
+  std::promise<std::string> told_;
+  const OnFailure tell_ = [this](const char* problem) { told_.set_value(problem); };
   test::LogLines lines_;
   Log log_;
   test::HeldCard card_;
-  std::promise<std::string> told_;
   CardSlot slot_;
   CommandThreads threads_;
 };
 
-TEST_F(FailingConnection, exceptionOfACommandThreadIsToldAndLeavesNoObserverBehind) {
+TEST_F(FailingConnection, ExceptionOfACommandThread_IsToldAndLeavesNoObserver) {
   BrokenPipe commands;
   MemoryPipe events;
   serve(commands, events, test::failTest);
@@ -185,49 +387,13 @@ TEST_F(FailingConnection, exceptionOfACommandThreadIsToldAndLeavesNoObserverBehi
   EXPECT_EQ(slot_.insert(), "");
 }
 
-TEST_F(FailingConnection, exceptionOfAnEventThreadIsTold) {
+TEST_F(FailingConnection, ExceptionOfAnEventThread_IsTold) {
   MemoryPipe commands;
   BrokenPipe events;
-  std::thread serving(
-      [&] { serve(commands, events, [this](const char* problem) { told_.set_value(problem); }); });
+  std::thread serving([&] { serve(commands, events, tell_); });
   EXPECT_EQ(told_.get_future().get(), "cannot post");
   commands.cancel();
   serving.join();
-}
-
-// Where the driver's time is over before anything has begun.
-class OverdueConnection : public Connection {
- protected:
-  OverdueConnection() : Connection(std::chrono::milliseconds(0)) {}
-};
-
-TEST_F(OverdueConnection, answerThatComesTooLateIsNotWritten) {
-  commands_.give(kAtrQuery);
-  thread_.join();
-  EXPECT_EQ(commands_.writes(), 0u);
-  EXPECT_TRUE(lines_.has("error: The answer comes too late for the driver"));
-}
-
-TEST_F(OverdueConnection, fullEventPipeEndsTheConnection) {
-  events_.takeWrites(3);
-  events_.holdWrites();
-  commands_.give({3, 0, 0, 0});  // after it the card that is in is reported
-  thread_.join();
-  EXPECT_EQ(events_.writes(), 3u);
-  EXPECT_TRUE(lines_.has("error: The driver does not take its events; dropping the connection"));
-}
-
-class ImpatientConnection : public Connection {
- protected:
-  ImpatientConnection() : Connection(std::chrono::seconds(3)) {}
-};
-
-TEST_F(ImpatientConnection, answerThatTheDriverDoesNotTakeEndsTheConnection) {
-  commands_.holdWrites();
-  commands_.give(kAtrQuery);
-  thread_.join();
-  EXPECT_EQ(commands_.writes(), 0u);
-  EXPECT_TRUE(lines_.has("error: The driver does not take its answer; dropping the connection"));
 }
 
 }  // namespace

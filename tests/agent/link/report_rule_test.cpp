@@ -28,7 +28,7 @@ void PrintTo(const Case& c, std::ostream* out) { *out << c.name; }
 
 class ReportRuleTable : public testing::TestWithParam<Case> {};
 
-TEST_P(ReportRuleTable, reports) {
+TEST_P(ReportRuleTable, ReportsAsTheTableSays) {
   CardId card = GetParam().cardIn ? 1 : kNoCard;
   CardId last = 1;
   ReportRule rule(card);
@@ -113,7 +113,7 @@ INSTANTIATE_TEST_SUITE_P(
              {kBegin, kOther, kReportedArrive, kBegin, kAtr, kReportedDepart}}),
     [](const testing::TestParamInfo<Case>& tested) { return tested.param.name; });
 
-TEST(ReportRule, holdsOnlyTheCardThatIsIn) {
+TEST(ReportRule, CardThatIsIn_IsTheOnlyOneHeld) {
   ReportRule rule(1);
   rule.commandBegan();
   EXPECT_TRUE(rule.holds(1));
@@ -125,7 +125,7 @@ TEST(ReportRule, holdsOnlyTheCardThatIsIn) {
   EXPECT_TRUE(rule.holds(2));
 }
 
-TEST(ReportRule, quietUntilFirstCommandOrGrace) {
+TEST(ReportRule, FirstCommandOrGrace_EndsTheQuiet) {
   ReportRule first(kNoCard);
   EXPECT_TRUE(first.quiet());
   first.commandBegan();

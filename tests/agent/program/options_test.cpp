@@ -10,9 +10,10 @@ namespace {
 
 using testing::HasSubstr;
 
-ParsedOptions parse(std::vector<const char*> arguments) {
+ParsedOptions parse(std::vector<const char*> arguments, bool scriptOnly = false) {
   arguments.insert(arguments.begin(), "zelta-agent");
-  return parseOptions(static_cast<int>(arguments.size()), arguments.data(), "What ends it.");
+  return parseOptions(static_cast<int>(arguments.size()), arguments.data(),
+                      {"What ends it.", scriptOnly});
 }
 
 Options taken(const std::vector<const char*>& arguments) {
@@ -21,7 +22,7 @@ Options taken(const std::vector<const char*>& arguments) {
   return parsed.options.value_or(Options());
 }
 
-TEST(Options, withoutAnyTheEmulatedCardOfReaderZero) {
+TEST(Options, None_MeansTheEmulatedCardOfReaderZero) {
   const Options options = taken({});
   EXPECT_EQ(options.action, Options::Action::kRun);
   EXPECT_EQ(options.reader, 0u);
@@ -31,10 +32,10 @@ TEST(Options, withoutAnyTheEmulatedCardOfReaderZero) {
   EXPECT_EQ(options.sessionId, "");
   EXPECT_FALSE(options.cardIn);
   EXPECT_FALSE(options.pin);
-  EXPECT_EQ(options.logLevel, LogLevel::kInfo);
+  EXPECT_EQ(options.logLevel, Severity::kInfo);
 }
 
-TEST(Options, allOfTheEmulatedCard) {
+TEST(Options, EmulatedCard_TakesAllOfItsOptions) {
   const Options options =
       taken({"--reader", "4294967295", "--control", "/c", "--session-id",
              "01234567-89ab-cdef-0123-456789abcdef", "--backend", "emulated", "--no-card", "--db",
@@ -46,10 +47,10 @@ TEST(Options, allOfTheEmulatedCard) {
   EXPECT_EQ(options.database, "/d");
   EXPECT_EQ(options.pin, "");
   EXPECT_THAT(options.certificates, testing::ElementsAre("a", "b"));
-  EXPECT_EQ(options.logLevel, LogLevel::kWarning);
+  EXPECT_EQ(options.logLevel, Severity::kWarning);
 }
 
-TEST(Options, otherBackEnds) {
+TEST(Options, OtherBackEnds_TakeTheirOptions) {
   const Options script = taken({"--backend", "script", "--script", "f", "--card-inserted"});
   EXPECT_EQ(script.backend, BackendKind::kScript);
   EXPECT_EQ(script.scriptFile, "f");
@@ -59,17 +60,17 @@ TEST(Options, otherBackEnds) {
   EXPECT_EQ(pcsc.pcscReader, "A Reader 00 00");
 }
 
-TEST(Options, logLevels) {
-  EXPECT_EQ(taken({"--quiet"}).logLevel, LogLevel::kError);
-  EXPECT_EQ(taken({"-q"}).logLevel, LogLevel::kError);
-  EXPECT_EQ(taken({"-v"}).logLevel, LogLevel::kDebug);
-  EXPECT_EQ(taken({"--verbose"}).logLevel, LogLevel::kDebug);
-  EXPECT_EQ(taken({"--log-level", "error"}).logLevel, LogLevel::kError);
-  EXPECT_EQ(taken({"--log-level", "info"}).logLevel, LogLevel::kInfo);
-  EXPECT_EQ(taken({"--log-level", "debug"}).logLevel, LogLevel::kDebug);
+TEST(Options, LogLevels_AreTakenByNameAndByFlag) {
+  EXPECT_EQ(taken({"--quiet"}).logLevel, Severity::kError);
+  EXPECT_EQ(taken({"-q"}).logLevel, Severity::kError);
+  EXPECT_EQ(taken({"-v"}).logLevel, Severity::kDebug);
+  EXPECT_EQ(taken({"--verbose"}).logLevel, Severity::kDebug);
+  EXPECT_EQ(taken({"--log-level", "error"}).logLevel, Severity::kError);
+  EXPECT_EQ(taken({"--log-level", "info"}).logLevel, Severity::kInfo);
+  EXPECT_EQ(taken({"--log-level", "debug"}).logLevel, Severity::kDebug);
 }
 
-TEST(Options, ctlTakesItsAgentsPlaceBeforeAndAfter) {
+TEST(Options, Ctl_TakesItsAgentsPlaceBeforeAndAfter) {
   EXPECT_EQ(taken({"ctl", "insert"}).action, Options::Action::kCtlInsert);
   EXPECT_EQ(taken({"ctl", "remove", "--reader", "2"}).reader, 2u);
   const Options status = taken({"--control", "/c", "ctl", "status", "--json"});
@@ -78,7 +79,7 @@ TEST(Options, ctlTakesItsAgentsPlaceBeforeAndAfter) {
   EXPECT_TRUE(status.json);
 }
 
-TEST(Options, helpAndVersionEndWithSuccess) {
+TEST(Options, HelpAndVersion_EndWithSuccess) {
   const ParsedOptions help = parse({"--help"});
   EXPECT_FALSE(help.options);
   EXPECT_EQ(help.exitCode, kExitDone);
@@ -104,7 +105,7 @@ void PrintTo(const Wrong& wrong, std::ostream* out) { *out << wrong.message; }
 
 class WrongOptions : public testing::TestWithParam<Wrong> {};
 
-TEST_P(WrongOptions, areRefusedWithUsageExitCode) {
+TEST_P(WrongOptions, AreRefusedWithTheUsageExitCode) {
   const ParsedOptions parsed = parse(GetParam().arguments);
   EXPECT_FALSE(parsed.options);
   EXPECT_EQ(parsed.exitCode, kExitUsage);
@@ -131,6 +132,29 @@ INSTANTIATE_TEST_SUITE_P(
                           "not for a real card"},
                     Wrong{{"ctl"}, "A subcommand is required"},
                     Wrong{{"ctl", "jump"}, "A subcommand is required"}));
+
+// On Windows.
+class OptionsOfLinux : public testing::TestWithParam<const char*> {};
+
+TEST_P(OptionsOfLinux, AreRefusedByTheEditionWithoutThem) {
+  const std::vector<const char*> arguments = {"--backend", "script",   "--script",
+                                              "f",         GetParam(), "value"};
+  const ParsedOptions parsed = parse(arguments, true);
+  EXPECT_FALSE(parsed.options);
+  EXPECT_EQ(parsed.exitCode, kExitUsage);
+  EXPECT_EQ(parsed.error, std::string(GetParam()) +
+                              " is not available on Windows\nRun with --help for more "
+                              "information.\n");
+  EXPECT_THAT(parse(arguments).error, testing::Not(HasSubstr("Windows")));
+}
+
+INSTANTIATE_TEST_SUITE_P(Options, OptionsOfLinux,
+                         testing::Values("--control", "--db", "--pin", "--pin-file", "--cert",
+                                         "--pcsc-reader"));
+
+TEST(OptionsOfTheScript, AreTakenByTheEditionWithoutOtherCards) {
+  EXPECT_TRUE(parse({"--backend", "script", "--script", "f", "--no-card", "-v"}, true).options);
+}
 
 }  // namespace
 }  // namespace zelta::agent

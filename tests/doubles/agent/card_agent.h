@@ -1,67 +1,117 @@
-// An agent with a card that does as the test says, on the driver's pipes.
+// An agent with a card, for tests of the driver's side: opens both pipes of a reader and answers
+// its commands on a thread of its own, as a card would or as the test says.
 //
-// Owned by the test. Any thread may change the card; `connect` and `die` are for one thread at a
-// time.
+// Owned by the test. `connect`, `connectSilently`, `die` and the events are for one thread at a
+// time; the card may be changed from any thread. Answers are made on the agent's thread.
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <optional>
+#include <string>
+#include <thread>
 #include <vector>
 
 #include "contract/bytes.h"
 #include "contract/wire.h"
 #include "platform/sync/sync.h"
-#include "tests/doubles/agent/link_agent.h"
+#include "tests/support/pipe_client.h"
 
 namespace zelta::test {
 
 class CardAgent {
  public:
-  // A command's answer, made on the agent's thread; may block.
+  // A command as it came.
+  struct Command {
+    AgentCommand code;
+    Bytes apdu;  // of a transmit
+  };
+  // The answer's payload; empty is answered with length 0. None: the agent does not answer at all.
+  using Answer = std::function<std::optional<Bytes>(const Command&)>;
+  // The card's response to a command; may block.
   using Respond = std::function<Bytes(const Bytes& apdu)>;
 
   // T=0 and T=1.
   static Bytes usualAtr() { return {0x3B, 0x80, 0x80, 0x01, 0x01}; }
+  // T=1 with TA(1) = 13, as the parser's examples have it.
+  static Bytes atrOfT1() { return {0x3B, 0x95, 0x13, 0x81, 0x01, 0x80, 0x73, 0xFF, 0x01, 0x00}; }
+  // Names no protocol: T=0, and the current protocol stays what was selected.
+  static Bytes atrOfT0() { return {0x3B, 0x00}; }
+  // What the card answers unless `respond` says otherwise: the command and 90 00.
+  static Bytes responseTo(const Bytes& apdu);
 
-  // Waits for the driver's pipes, and until the driver, on which somebody waits for a card, has
-  // taken both and asked for the card: what changes afterwards is no part of that answer. A card
-  // that is in by then is not reported: the driver asks.
+  explicit CardAgent(std::uint32_t readerIndex = 0) : readerIndex_(readerIndex) {}
+  ~CardAgent() { die(); }
+  CardAgent(const CardAgent&) = delete;
+  CardAgent& operator=(const CardAgent&) = delete;
+
+  // Opens both pipes, the event pipe first if the system allows it, and answers for the card from
+  // then on. Returns when the driver, in which somebody waits for a card, has asked for the card:
+  // what changes afterwards is no part of that answer. False if the driver did not accept the
+  // agent. A card that is in by then is not reported: the driver asks.
   bool connect();
-  void die() { link_.die(); }
+  // Answers as the test says instead, and does not wait for the driver to ask.
+  bool connect(Answer answer);
+  // `connect` without waiting for the driver to ask.
+  bool connectUnasked();
+  // Opens the pipes without answering anything: the test reads and writes them itself.
+  bool connectSilently();
+  // The driver sees it gone; returns when its thread has ended.
+  void die();
+  // Waits until the driver has dropped the agent.
+  bool waitForDrop() { return events_.waitForDrop(); }
 
-  // With the report to the driver, where it is connected.
-  void insert(Bytes atr = usualAtr());
-  void remove();
+  // Move the card without a report.
+  void setCardIn(Bytes atr = usualAtr()) { setAtr(std::move(atr)); }
+  void setCardOut() { setAtr({}); }
+  bool isCardIn();
+  // Move the card and report it.
+  bool insert(Bytes atr = usualAtr());
+  bool remove();
   // One card for another, both reports in a row.
   void swap(Bytes atr = usualAtr());
-  // Before `connect`: the card is in from the start.
-  void setCardIn(Bytes atr = usualAtr());
-
-  // Default: the command itself and 90 00.
   void respond(Respond respond);
-  // The next reset queries, after `skip` good ones, are answered with length 0.
+  // The next `count` reset queries, after `skip` good ones, are answered with length 0.
   void failResets(int count, int skip = 0);
-
-  // The next commands of this code are left without any answer.
+  // The next `count` commands of this code are left without any answer.
   void ignore(AgentCommand code, int count);
 
-  LinkAgent& link() { return link_; }
+  bool sendEvent(AgentEvent event) { return sendEvent(static_cast<std::uint32_t>(event)); }
+  bool sendEvent(std::uint32_t code) { return events_.writeNumber(code); }
+  bool sendSessionLogId(const std::string& id);
+
+  PipeClient& events() { return events_; }
+  // Only while the agent answers nothing itself.
+  PipeClient& command() { return command_; }
+
+  // How often a command came, over all connections.
+  int commands(AgentCommand code);
+  bool waitForCommands(AgentCommand code, int count);
 
  private:
-  std::optional<Bytes> answer(const LinkAgent::Command& command);
+  void serve(const Answer& answer);
+  std::optional<Command> readCommand();
+  bool writePayload(const Bytes& bytes);
+  // The card's own answer.
+  std::optional<Bytes> answer(const Command& command) ZELTA_EXCLUDES(mutex_);
   bool resetFails() ZELTA_REQUIRES(mutex_);
   bool isIgnored(AgentCommand code) ZELTA_REQUIRES(mutex_);
   void setAtr(Bytes atr) ZELTA_EXCLUDES(mutex_);
 
+  const std::uint32_t readerIndex_;
+  PipeClient events_;
+  PipeClient command_;
+  std::thread thread_;
   platform::Mutex mutex_;
-  platform::ConditionVariable changed_;
-  bool askedForCard_ ZELTA_GUARDED_BY(mutex_) = false;  // since the latest `connect`
-  Bytes atr_ ZELTA_GUARDED_BY(mutex_);                  // empty: no card is in
+  platform::ConditionVariable came_;
+  std::vector<AgentCommand> seen_ ZELTA_GUARDED_BY(mutex_);
+  int resetsAsked_ ZELTA_GUARDED_BY(mutex_) = 0;  // of the card
+  Bytes atr_ ZELTA_GUARDED_BY(mutex_);            // empty: no card is in
   Respond respond_ ZELTA_GUARDED_BY(mutex_);
   int resetsToSkip_ ZELTA_GUARDED_BY(mutex_) = 0;
   int resetsToFail_ ZELTA_GUARDED_BY(mutex_) = 0;
   AgentCommand ignored_ ZELTA_GUARDED_BY(mutex_) = AgentCommand::kQueryTransmit;
   int toIgnore_ ZELTA_GUARDED_BY(mutex_) = 0;
-  LinkAgent link_;
 };
 
 }  // namespace zelta::test

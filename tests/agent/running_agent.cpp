@@ -1,4 +1,4 @@
-#include "tests/agent/program/running_agent.h"
+#include "tests/agent/running_agent.h"
 
 #include <algorithm>
 #include <utility>
@@ -8,9 +8,9 @@ namespace zelta::test {
 using platform::MutexLock;
 
 agent::Log::Sink LogLines::sink() {
-  return [this](agent::LogLevel level, const std::string& line) {
-    MutexLock lock(mutex_);
-    lines_.push_back(std::string(agent::levelName(level)) + ": " + line);
+  return [this](agent::Severity severity, const std::string& line) {
+    const MutexLock lock(mutex_);
+    lines_.push_back(std::string(agent::severityName(severity)) + ": " + line);
     changed_.notifyAll();
   };
 }
@@ -26,18 +26,9 @@ void LogLines::waitFor(const std::string& text) {
   changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return countLocked(text) != 0; });
 }
 
-bool LogLines::has(const std::string& text) { return count(text) != 0; }
-
 std::size_t LogLines::count(const std::string& text) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   return countLocked(text);
-}
-
-std::size_t LogLines::matching(const std::regex& form) {
-  MutexLock lock(mutex_);
-  return static_cast<std::size_t>(
-      std::count_if(lines_.begin(), lines_.end(),
-                    [&](const std::string& line) { return std::regex_match(line, form); }));
 }
 
 agent::Timing patientTiming() {
@@ -48,23 +39,22 @@ agent::Timing patientTiming() {
   return timing;
 }
 
-RunningAgent::RunningAgent(agent::CardBackend& card, agent::Timing timing)
-    : log_(agent::LogLevel::kDebug, lines_.sink()), pipes_(agent::makeSystemPipeClient()) {
+RunningAgent::RunningAgent(agent::CardBackend& card, agent::Timing timing,
+                           agent::OnFailure onFailure)
+    : log_(agent::Severity::kDebug, lines_.sink()), pipes_(agent::makeSystemPipeClient()) {
   agent::Agent::Settings settings;
   settings.sessionId = kSession;
   settings.timing = timing;
   settings.onConnection = [this](bool connected) {
-    MutexLock lock(mutex_);
+    const MutexLock lock(mutex_);
     connected_ = connected;
     changed_.notifyAll();
   };
-  settings.onFailure = failTest;
+  settings.onFailure = std::move(onFailure);
   agent_ = std::make_unique<agent::Agent>(*pipes_, card, settings, log_);
   agent_->start();
   thread_ = std::thread([this] { agent::guarded(failTest, [this] { agent_->run(); }); });
 }
-
-RunningAgent::~RunningAgent() { stop(); }
 
 void RunningAgent::waitConnected(bool connected) {
   MutexLock lock(mutex_);

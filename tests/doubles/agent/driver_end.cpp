@@ -1,4 +1,4 @@
-#include "tests/agent/link/driver_end.h"
+#include "tests/doubles/agent/driver_end.h"
 
 #include <array>
 #include <stdexcept>
@@ -86,6 +86,12 @@ std::optional<std::uint32_t> DriverEnd::readNumber(platform::PipeHandleValue pip
 
 std::optional<std::uint32_t> DriverEnd::readEvent() { return readNumber(events_); }
 
+std::optional<std::uint8_t> DriverEnd::readEventByte() {
+  std::uint8_t byte = 0;
+  if (!pipes_.read(events_, &byte, sizeof byte)) return std::nullopt;
+  return byte;
+}
+
 std::optional<std::string> DriverEnd::takeSessionId() {
   const std::optional<std::uint32_t> code = readEvent();
   if (!code) return std::nullopt;
@@ -114,6 +120,10 @@ bool DriverEnd::sendBytes(const Bytes& bytes) {
 
 std::optional<Bytes> DriverEnd::readAnswer() {
   pipes_.flush(commands_);
+  return takeAnswer();
+}
+
+std::optional<Bytes> DriverEnd::takeAnswer() {
   const std::optional<std::uint32_t> length = readNumber(commands_);
   if (!length) return std::nullopt;
   Bytes answer(*length);

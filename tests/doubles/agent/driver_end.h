@@ -17,7 +17,7 @@ namespace zelta::test {
 
 class DriverEnd {
  public:
-  // Creates both pipes; the agent can connect from then on. Throws where one is in use.
+  // Creates both pipes; the agent can connect from then on. Throws if one is in use.
   explicit DriverEnd(std::uint32_t reader = 0);
   ~DriverEnd();
   DriverEnd(const DriverEnd&) = delete;
@@ -34,17 +34,21 @@ class DriverEnd {
   void acceptCommands();
   void acceptEvents();
 
-  // The next event's code; nothing where the agent is gone.
+  // The next event's code; none if the agent is gone.
   std::optional<std::uint32_t> readEvent();
-  // Throws where the agent is gone or sends something else.
+  // The next byte of the event pipe; none if the agent is gone.
+  std::optional<std::uint8_t> readEventByte();
+  // Throws if the agent is gone or sends something else.
   std::string readSessionId();
 
-  // Each is nothing where the agent dropped the connection; an empty answer is one of length 0.
+  // Each is none if the agent dropped the connection; an empty answer is one of length 0.
   std::optional<Bytes> queryAtr(AgentCommand command);
   std::optional<Bytes> transmit(const Bytes& apdu);
   // The two halves of `transmit`.
   bool sendTransmit(const Bytes& apdu);
   std::optional<Bytes> readAnswer();
+  // The same without a flush, after one.
+  std::optional<Bytes> takeAnswer();
   // The beginning of an answer alone.
   std::optional<std::uint32_t> readAnswerLength();
   bool notifyReady();
@@ -54,7 +58,9 @@ class DriverEnd {
 
   bool sendNumber(std::uint32_t number);
   bool sendBytes(const Bytes& bytes);
-  // Waits until the agent has dropped the connection; false where it answered instead.
+  // Waits until the agent has read everything sent.
+  bool flush() { return pipes_.flush(commands_); }
+  // Waits until the agent has dropped the connection; false if it answered instead.
   bool waitForDrop();
   // The same, from after a flush on; gives what the agent wrote on the command pipe before.
   Bytes takeRest();
@@ -62,7 +68,7 @@ class DriverEnd {
  private:
   void connect(platform::PipeHandleValue pipe);
   std::optional<std::uint32_t> readNumber(platform::PipeHandleValue pipe);
-  // Nothing where the agent is gone.
+  // None if the agent is gone.
   std::optional<std::string> takeSessionId();
 
   platform::PipeApi& pipes_;

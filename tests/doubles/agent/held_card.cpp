@@ -1,6 +1,6 @@
-#include "tests/agent/card/held_card.h"
+#include "tests/doubles/agent/held_card.h"
 
-#include "contract/bytes.h"
+#include <stdexcept>
 
 namespace zelta::test {
 
@@ -11,12 +11,12 @@ Bytes heldAnswer(std::uint8_t number) { return {number, 0x90, 0x00}; }
 Bytes heldAtr() { return {0x3B, 0x00}; }
 
 void HeldCard::hold() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   held_ = true;
 }
 
 void HeldCard::letGo() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   held_ = false;
   changed_.notifyAll();
 }
@@ -27,22 +27,27 @@ void HeldCard::waitUntilBusy() {
 }
 
 bool HeldCard::isBusy() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   return busy_;
 }
 
 void HeldCard::setMute(bool mute) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   mute_ = mute;
 }
 
+void HeldCard::breakDown() {
+  const MutexLock lock(mutex_);
+  broken_ = true;
+}
+
 int HeldCard::resets() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   return resets_;
 }
 
 int HeldCard::readyNotices() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   return readyNotices_;
 }
 
@@ -50,7 +55,7 @@ void HeldCard::start(agent::CardListener& listener) {
   listener_ = &listener;
   bool in = false;
   {
-    MutexLock lock(mutex_);
+    const MutexLock lock(mutex_);
     in = in_;
   }
   if (in) listener.cardInserted();
@@ -67,7 +72,7 @@ bool HeldCard::work() {
 
 Bytes HeldCard::reset() {
   if (!work()) return {};
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   ++resets_;
   return heldAtr();
 }
@@ -76,18 +81,19 @@ Bytes HeldCard::atr() { return work() ? heldAtr() : Bytes(); }
 
 Bytes HeldCard::transmit(const Bytes&) {
   if (!work()) return {};
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
+  if (broken_) throw std::runtime_error("the card is broken");
   return heldAnswer(++answers_);
 }
 
 void HeldCard::ready() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   ++readyNotices_;
 }
 
 std::string HeldCard::insert() {
   {
-    MutexLock lock(mutex_);
+    const MutexLock lock(mutex_);
     if (in_) return "a card is in already";
     in_ = true;
   }
@@ -97,17 +103,17 @@ std::string HeldCard::insert() {
 
 std::string HeldCard::remove() {
   {
-    MutexLock lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!in_) return "no card is in";
   }
   listener_->cardRemoved();
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   in_ = false;
   return {};
 }
 
 void HeldCard::interrupt() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   interrupted_ = true;
   changed_.notifyAll();
 }

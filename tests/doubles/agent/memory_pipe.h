@@ -4,6 +4,8 @@
 // Any thread may call.
 #pragma once
 
+#include <functional>
+#include <optional>
 #include <vector>
 
 #include "agent/link/pipe_client_port.h"
@@ -19,26 +21,29 @@ class MemoryPipe : public agent::PipeConnection {
   // Each write of the agent, in order; waits until there are `count`.
   std::vector<Bytes> takeWrites(std::size_t count);
   std::size_t writes();
-  // From now on the driver reads nothing until `letWrites`.
+  // From now on the driver reads nothing until `letWrites`; a flush waits for that, too.
   void holdWrites();
   void letWrites();
   // Until a write waits.
   void waitUntilWriting();
 
   agent::IoResult awaitCommand() override;
-  // Without regard to the deadline.
   agent::IoResult read(void* data, std::uint32_t size,
                        std::optional<agent::SteadyClock::time_point> deadline) override;
   agent::IoResult answer(const Bytes& bytes, agent::SteadyClock::time_point deadline) override;
   agent::IoResult post(const void* data, std::uint32_t size,
                        std::optional<agent::SteadyClock::time_point> deadline) override;
-  agent::IoResult flush() override { return agent::IoResult::kDone; }
+  agent::IoResult flush() override;
   void cancel() override;
 
  private:
-  // `given` ends the wait if it is an answer. What times out is not written.
+  // Bytes given meanwhile end the wait if it is an answer. What times out is not written.
   agent::IoResult write(Bytes bytes, std::optional<agent::SteadyClock::time_point> deadline,
                         bool isAnswer);
+
+  // Whether `ready` came before the deadline, if there is one.
+  bool waitUntil(platform::MutexLock& lock, std::optional<agent::SteadyClock::time_point> deadline,
+                 const std::function<bool()>& ready) ZELTA_REQUIRES(mutex_);
 
   platform::Mutex mutex_;
   platform::ConditionVariable changed_;

@@ -1,17 +1,26 @@
-// An agent that runs in the test's process, on a thread of its own, over the real pipes.
+// An agent that runs in the test's process, on a thread of its own, over the real pipes; and what
+// tests of its parts share with it.
 #pragma once
 
-#include <regex>
+#include <gtest/gtest.h>
+
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "agent/program/agent.h"
 #include "platform/sync/sync.h"
-#include "tests/agent/program/fail_test.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::test {
+
+// So long that nothing that is late in a test on a loaded machine takes it for late.
+inline constexpr std::chrono::milliseconds kLong{60000};
+inline constexpr char kSession[] = "01234567-89ab-cdef-0123-456789abcdef";
+
+// The `agent::OnFailure` of threads that must not fail in a test.
+inline void failTest(const char* problem) { ADD_FAILURE() << problem; }
 
 // The pipes of a test: in a folder of its own, for its lifetime.
 class PipeFolder {
@@ -24,16 +33,14 @@ class PipeFolder {
   ScopedVariable root_;
 };
 
-// Lines of the agent's log, as "level: text".
+// Lines of the agent's log, as "severity: text".
 class LogLines {
  public:
   agent::Log::Sink sink();
   // Until a line contains `text`.
   void waitFor(const std::string& text);
-  bool has(const std::string& text);
+  bool has(const std::string& text) { return count(text) != 0; }
   std::size_t count(const std::string& text);
-  // Lines that are of this form as a whole.
-  std::size_t matching(const std::regex& form);
 
  private:
   std::size_t countLocked(const std::string& text) ZELTA_REQUIRES(mutex_);
@@ -43,17 +50,15 @@ class LogLines {
   std::vector<std::string> lines_ ZELTA_GUARDED_BY(mutex_);
 };
 
-// So long that nothing that is late in a test on a loaded machine takes it for late.
-inline constexpr std::chrono::milliseconds kLong{60000};
-
 // Times with which nothing happens by time alone.
 agent::Timing patientTiming();
 
 class RunningAgent {
  public:
   // `card` outlives this.
-  explicit RunningAgent(agent::CardBackend& card, agent::Timing timing = patientTiming());
-  ~RunningAgent();
+  explicit RunningAgent(agent::CardBackend& card, agent::Timing timing = patientTiming(),
+                        agent::OnFailure onFailure = failTest);
+  ~RunningAgent() { stop(); }
 
   agent::Agent& agent() { return *agent_; }
   LogLines& log() { return lines_; }
@@ -61,6 +66,8 @@ class RunningAgent {
   void waitConnected(bool connected);
   // Ends the agent and joins its thread.
   void stop();
+  // Until the agent has ended by itself.
+  void join() { thread_.join(); }
 
  private:
   LogLines lines_;
@@ -72,7 +79,5 @@ class RunningAgent {
   std::unique_ptr<agent::Agent> agent_;
   std::thread thread_;
 };
-
-inline constexpr char kSession[] = "01234567-89ab-cdef-0123-456789abcdef";
 
 }  // namespace zelta::test

@@ -1,4 +1,4 @@
-#include "tests/agent/link/memory_pipe.h"
+#include "tests/doubles/agent/memory_pipe.h"
 
 #include <algorithm>
 #include <utility>
@@ -11,7 +11,7 @@ using agent::IoResult;
 using platform::MutexLock;
 
 void MemoryPipe::give(const Bytes& bytes) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   given_.insert(given_.end(), bytes.begin(), bytes.end());
   changed_.notifyAll();
 }
@@ -23,17 +23,17 @@ std::vector<Bytes> MemoryPipe::takeWrites(std::size_t count) {
 }
 
 std::size_t MemoryPipe::writes() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   return written_.size();
 }
 
 void MemoryPipe::holdWrites() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   held_ = true;
 }
 
 void MemoryPipe::letWrites() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   held_ = false;
   changed_.notifyAll();
 }
@@ -44,11 +44,14 @@ void MemoryPipe::waitUntilWriting() {
 }
 
 IoResult MemoryPipe::read(void* data, std::uint32_t size,
-                          std::optional<agent::SteadyClock::time_point>) {
+                          std::optional<agent::SteadyClock::time_point> deadline) {
   MutexLock lock(mutex_);
-  changed_.wait(
-      lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return given_.size() >= size || cancelled_; });
+  const auto ready = [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return given_.size() >= size || cancelled_;
+  };
+  const bool inTime = waitUntil(lock, deadline, ready);
   if (cancelled_) return IoResult::kCancelled;
+  if (!inTime) return IoResult::kTimedOut;
   std::copy_n(given_.begin(), size, static_cast<std::uint8_t*>(data));
   given_.erase(given_.begin(), given_.begin() + static_cast<std::ptrdiff_t>(size));
   return IoResult::kDone;
@@ -82,12 +85,7 @@ IoResult MemoryPipe::write(Bytes bytes, std::optional<agent::SteadyClock::time_p
   const auto ready = [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
     return !held_ || cancelled_ || (isAnswer && !given_.empty());
   };
-  bool inTime = true;
-  if (deadline) {
-    inTime = changed_.waitFor(lock, *deadline - agent::SteadyClock::now(), ready);
-  } else {
-    changed_.wait(lock, ready);
-  }
+  const bool inTime = waitUntil(lock, deadline, ready);
   writing_ = false;
   if (cancelled_) return IoResult::kCancelled;
   if (isAnswer && !given_.empty()) return IoResult::kGivenUp;
@@ -97,8 +95,21 @@ IoResult MemoryPipe::write(Bytes bytes, std::optional<agent::SteadyClock::time_p
   return IoResult::kDone;
 }
 
-void MemoryPipe::cancel() {
+IoResult MemoryPipe::flush() {
   MutexLock lock(mutex_);
+  changed_.wait(lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return !held_ || cancelled_; });
+  return cancelled_ ? IoResult::kCancelled : IoResult::kDone;
+}
+
+bool MemoryPipe::waitUntil(MutexLock& lock, std::optional<agent::SteadyClock::time_point> deadline,
+                           const std::function<bool()>& ready) {
+  if (deadline) return changed_.waitFor(lock, *deadline - agent::SteadyClock::now(), ready);
+  changed_.wait(lock, ready);
+  return true;
+}
+
+void MemoryPipe::cancel() {
+  const MutexLock lock(mutex_);
   cancelled_ = true;
   changed_.notifyAll();
 }

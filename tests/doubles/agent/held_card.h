@@ -24,6 +24,8 @@ class HeldCard : public agent::CardBackend {
   bool isBusy();
   // From now on the card answers nothing, though it is in.
   void setMute(bool mute);
+  // From now on transmits throw "the card is broken".
+  void breakDown();
   int resets();
   int readyNotices();
 
@@ -39,7 +41,7 @@ class HeldCard : public agent::CardBackend {
   void interrupt() override;
 
  private:
-  // False where the card does not answer.
+  // False if the card does not answer.
   bool work();
 
   agent::CardListener* listener_ = nullptr;
@@ -48,6 +50,7 @@ class HeldCard : public agent::CardBackend {
   bool in_ ZELTA_GUARDED_BY(mutex_);
   bool held_ ZELTA_GUARDED_BY(mutex_) = false;
   bool busy_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool broken_ ZELTA_GUARDED_BY(mutex_) = false;
   bool mute_ ZELTA_GUARDED_BY(mutex_) = false;
   bool interrupted_ ZELTA_GUARDED_BY(mutex_) = false;
   int resets_ ZELTA_GUARDED_BY(mutex_) = 0;

@@ -1,4 +1,4 @@
-#include "tests/agent/card/fake_winscard.h"
+#include "tests/doubles/agent/fake_winscard.h"
 
 #include <algorithm>
 #include <cstring>
@@ -32,51 +32,51 @@ void FakeWinscard::changeCard(bool in) {
 }
 
 void FakeWinscard::setService(bool up) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   up_ = up;
   changed_.notifyAll();
 }
 
 void FakeWinscard::setReader(bool there) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   reader_ = there;
   ++readerChanges_;
   changed_.notifyAll();
 }
 
 void FakeWinscard::insertCard() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   changeCard(true);
 }
 
 void FakeWinscard::removeCard() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   changeCard(false);
 }
 
 void FakeWinscard::swapCard() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   changeCard(false);
   changeCard(true);
 }
 
 void FakeWinscard::loseCard() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   lost_ = true;
 }
 
 void FakeWinscard::failTransmits(std::vector<LONG> results) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   transmitResults_.assign(results.begin(), results.end());
 }
 
 std::vector<std::string> FakeWinscard::takeCalls() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   return std::exchange(calls_, {});
 }
 
 std::size_t FakeWinscard::contexts() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   return contexts_;
 }
 
@@ -86,7 +86,7 @@ void FakeWinscard::waitUntilWatched() {
 }
 
 LONG FakeWinscard::establish(LPSCARDCONTEXT context) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   if (!up_) return SCARD_E_NO_SERVICE;
   ++contexts_;
   *context = 1;
@@ -94,13 +94,13 @@ LONG FakeWinscard::establish(LPSCARDCONTEXT context) {
 }
 
 LONG FakeWinscard::release(SCARDCONTEXT) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   --contexts_;
   return SCARD_S_SUCCESS;
 }
 
 LONG FakeWinscard::cancel() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   // As the real one: it reaches a wait that has begun, and no other.
   cancelled_ = watched_;
   changed_.notifyAll();
@@ -150,7 +150,7 @@ LONG FakeWinscard::cardResult() const {
 }
 
 LONG FakeWinscard::connect(const char* reader, SCARDHANDLE* handle, DWORD* protocol) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   calls_.emplace_back("connect");
   if (std::strcmp(reader, kFakeReader) != 0) return SCARD_E_UNKNOWN_READER;
   *handle = 1;
@@ -159,27 +159,27 @@ LONG FakeWinscard::connect(const char* reader, SCARDHANDLE* handle, DWORD* proto
 }
 
 LONG FakeWinscard::reconnect(DWORD initialization, DWORD* protocol) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   calls_.emplace_back(initialization == SCARD_RESET_CARD ? "reset" : "leave");
   *protocol = SCARD_PROTOCOL_T1;
   return cardResult();
 }
 
 LONG FakeWinscard::disconnect() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   calls_.emplace_back("disconnect");
   return SCARD_S_SUCCESS;
 }
 
 LONG FakeWinscard::status(BYTE* atr, DWORD* length) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   std::copy(std::begin(kAtr), std::end(kAtr), atr);
   *length = sizeof kAtr;
   return cardResult();
 }
 
 LONG FakeWinscard::transmit(const BYTE* command, DWORD size, BYTE* response, DWORD* length) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   calls_.emplace_back("transmit");
   if (const LONG result = cardResult()) return result;
   if (!transmitResults_.empty()) {

@@ -1,0 +1,59 @@
+// A card's listener that writes down what it is told: "in " and "out ".
+//
+// Any thread may call.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <stdexcept>
+#include <string>
+
+#include "agent/card/card_backend.h"
+#include "platform/sync/sync.h"
+
+namespace zelta::test {
+
+class CardNotices : public agent::CardListener {
+ public:
+  virtual ~CardNotices() = default;
+
+  void cardInserted() override { add("in "); }
+  void cardRemoved() override { add("out "); }
+  void cardFailed(const char* problem) override { ADD_FAILURE() << problem; }
+
+  // Until exactly this has been told.
+  void waitFor(const std::string& text) {
+    platform::MutexLock lock(mutex_);
+    changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return text_ == text; });
+  }
+  std::string text() {
+    const platform::MutexLock lock(mutex_);
+    return text_;
+  }
+
+ private:
+  void add(const std::string& word) {
+    const platform::MutexLock lock(mutex_);
+    text_ += word;
+    changed_.notifyAll();
+  }
+
+  platform::Mutex mutex_;
+  platform::ConditionVariable changed_;
+  std::string text_ ZELTA_GUARDED_BY(mutex_);
+};
+
+// One that cannot handle a card, so that the back end's thread that tells it fails.
+class FailingNotices final : public CardNotices {
+ public:
+  void cardInserted() override { throw std::runtime_error("no memory for the card"); }
+  void cardFailed(const char* problem) override { told_.set_value(problem); }
+  // Waits for the failure.
+  std::string told() { return told_.get_future().get(); }
+
+ private:
+  std::promise<std::string> told_;
+};
+
+}  // namespace zelta::test
