@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "platform/pipe/pipe_folder_linux.h"
-#include "platform/process/errno_linux.h"
 #include "platform/process/error.h"
+#include "platform/process/error_linux.h"
 
 namespace zelta::platform {
 

@@ -9,6 +9,7 @@
 #include "contract/wire.h"
 #include "tests/doubles/framework/fake_framework.h"
 #include "tests/module/module_world.h"
+#include "tests/module/wire_bytes.h"
 
 namespace zelta::test {
 namespace {
