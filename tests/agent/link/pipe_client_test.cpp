@@ -21,7 +21,8 @@ namespace {
 using std::chrono::milliseconds;
 
 const Bytes kAnswer = {0x3B, 0x00, 0x00};
-const Bytes kMuch(std::size_t{1} << 22, 0x5A);  // more than any pipe takes without a reader
+// More than the pipe takes without a reader.
+const Bytes kMuch(test::kPipesKeepBytes ? std::size_t{1} << 22 : 1000, 0x5A);
 
 class ConnectedPipes : public testing::Test {
  protected:
@@ -100,12 +101,18 @@ TEST_F(ConnectedPipes, CommandAwaited_IsReadFieldByFieldAndNoFurther) {
   EXPECT_TRUE(sent.get());
 }
 
+// One thread gives them all: Windows ends what a thread has begun with the thread.
 TEST_F(ConnectedPipes, Answer_IsItsLengthAndItsBytes) {
-  for (const Bytes& bytes : {kAnswer, Bytes(), kMuch}) {
-    auto answered = answerOnThread(bytes);
-    EXPECT_EQ(driver_.readAnswer(), bytes);
-    EXPECT_EQ(answered.get(), IoResult::kDone);
-  }
+  const std::array<Bytes, 3> answers = {kAnswer, Bytes(), kMuch};
+  auto answered = std::async(std::launch::async, [&] {
+    IoResult result = IoResult::kDone;
+    for (const Bytes& bytes : answers) {
+      if (result == IoResult::kDone) result = answer(bytes);
+    }
+    return result;
+  });
+  for (const Bytes& bytes : answers) EXPECT_EQ(driver_.readAnswer(), bytes);
+  EXPECT_EQ(answered.get(), IoResult::kDone);
 }
 
 TEST_F(ConnectedPipes, ExchangesInAQuickRow_AreNeverTakenForGivenUp) {
