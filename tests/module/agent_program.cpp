@@ -2,10 +2,6 @@
 // and answers each with a line, "ok" or "failed"; ends with its input.
 //
 //   connect       opens the pipes and serves the driver; done when that has asked for the card
-//   card in|out   moves the card without a report
-//   insert        moves the card and reports it
-//   remove        the same
-//   session ID    reports the session
 //   mute          from now on transmits are not answered
 //   transmits N   waits until so many have come
 #include <iostream>
@@ -21,32 +17,21 @@ namespace {
 
 class AgentProgram {
  public:
+  AgentProgram() { agent_.setCardIn(CardAgent::atrOfT1()); }
+
   bool obey(std::istringstream command) {
     std::string verb;
-    std::string object;
-    command >> verb >> object;
+    int count = 0;
+    command >> verb >> count;
     if (verb == "connect") return agent_.connect();
-    if (verb == "card") return moveCard(object == "in");
-    if (verb == "insert") return agent_.insert(CardAgent::atrOfT1());
-    if (verb == "remove") return agent_.remove();
-    if (verb == "session") return agent_.sendSessionLogId(object);
     if (verb == "mute") return mute();
     if (verb == "transmits") {
-      return agent_.waitForCommands(AgentCommand::kQueryTransmit, std::stoi(object));
+      return agent_.waitForCommands(AgentCommand::kQueryTransmit, count);
     }
     return false;
   }
 
  private:
-  bool moveCard(bool in) {
-    if (in) {
-      agent_.setCardIn(CardAgent::atrOfT1());
-    } else {
-      agent_.setCardOut();
-    }
-    return true;
-  }
-
   bool mute() {
     agent_.ignore(AgentCommand::kQueryTransmit, std::numeric_limits<int>::max());
     return true;
