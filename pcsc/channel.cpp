@@ -40,6 +40,10 @@ bool isText(std::uint32_t tag) {
 // is given so long.
 constexpr std::chrono::milliseconds kKeptLimit{10000};
 
+// The driver refuses every protocol while it reads those of a card that has just entered. Each try
+// asks the card after that, so it is over by the second.
+constexpr int kProtocolTries = 3;
+
 bool isNoCard(HRESULT status) { return status == status::kNoMedia || status == host::kDeviceGone; }
 
 // The answer to a command that the driver did not carry out.
@@ -166,18 +170,26 @@ RESPONSECODE Channel::setProtocol(DWORD protocol) {
   const CardUse use(*presence_);
   if (use.card() == kNoCard) return refusal();
   const auto mask = static_cast<std::uint32_t>(protocol);
-  const host::IoResult result =
-      controlCard(use.card(), IOCTL_SMARTCARD_SET_PROTOCOL, numberBytes(mask), 0);
-  if (framework::succeeded(result.status)) {
+  const bool offered = (offeredProtocols(atrOf(use.card())) & mask) != 0;
+  framework::HRESULT status = selectProtocol(use.card(), mask);
+  for (int tries = 1; status == status::kNotSupported && offered && tries < kProtocolTries;
+       ++tries) {
+    status = selectProtocol(use.card(), mask);
+  }
+  if (framework::succeeded(status)) {
     noteProtocol(use.card(), mask);
     return IFD_SUCCESS;
   }
-  if (result.status == status::kNotSupported) {
-    if ((offeredProtocols(atrOf(use.card())) & mask) != 0) watch_.bringUpAnew();
+  if (status == status::kNotSupported) {
+    if (offered) watch_.bringUpAnew();
     return IFD_PROTOCOL_NOT_SUPPORTED;
   }
-  if (isNoCard(result.status)) reinsert(use.card());
-  return failureOf(result.status);
+  if (isNoCard(status)) reinsert(use.card());
+  return failureOf(status);
+}
+
+framework::HRESULT Channel::selectProtocol(CardNumber card, std::uint32_t mask) {
+  return controlCard(card, IOCTL_SMARTCARD_SET_PROTOCOL, numberBytes(mask), 0).status;
 }
 
 TransmitReply Channel::transmit(const Apdu& command) {
@@ -194,6 +206,10 @@ TransmitReply Channel::transmit(const Apdu& command) {
   }
   const RESPONSECODE code = checkAnswer(done, command.answer.size);
   if (code != IFD_SUCCESS) return {code};
+  // Another protocol than the command's if the driver, late to hear of the card's insertion, has
+  // read its ATR meanwhile. The answer is the command's all the same.
+  const std::uint32_t current = loadLittleEndian(done.answerHeader.data());
+  if (current != done.protocol) noteProtocol(use.card(), current);
   return {IFD_SUCCESS, done.end.information - kTransmitHeaderSize};
 }
 
@@ -224,9 +240,8 @@ std::optional<std::uint32_t> Channel::otherProtocol(CardNumber card, std::uint32
 RESPONSECODE Channel::checkAnswer(const Exchange& exchange, std::size_t capacity) {
   const std::size_t size = exchange.end.information;
   if (size > kTransmitHeaderSize + capacity) return IFD_ERROR_INSUFFICIENT_BUFFER;
-  const std::uint8_t* const header = exchange.answerHeader.data();
-  if (size >= kTransmitHeaderSize && loadLittleEndian(header) == exchange.protocol &&
-      loadLittleEndian(header + kNumberSize) == kTransmitHeaderSize) {
+  const std::uint8_t* const length = exchange.answerHeader.data() + kNumberSize;
+  if (size >= kTransmitHeaderSize && loadLittleEndian(length) == kTransmitHeaderSize) {
     return IFD_SUCCESS;
   }
   log_(LogLevel::kError,

@@ -16,7 +16,8 @@
 // and powers it up again with the next connect.
 //
 // The driver reads the card's protocols when the card enters, and not again: if that failed, it
-// refuses what the card offers for as long as the card is in. The reader is then brought up anew.
+// refuses what the card offers for as long as the card is in. A protocol that is refused although
+// the card offers it is asked for again, and if that does not help the reader is brought up anew.
 //
 // Threads: any, several at once; pcscd makes all calls but `awaitChange`, `stopAwaiting` and
 // `setAttribute` one at a time.
@@ -104,6 +105,7 @@ class Channel {
                              std::size_t outputCapacity);
   // The same for a command, with the answer's header apart.
   Exchange transmitToCard(CardNumber card, const Apdu& command, std::uint32_t protocol);
+  framework::HRESULT selectProtocol(CardNumber card, std::uint32_t mask);
   Reply powerDown(CardNumber card);
   Reply reset(CardNumber card, std::uint32_t operation);
   Reply resetFailed(CardNumber card, framework::HRESULT status);

@@ -32,6 +32,7 @@ trap 'rm -rf "$work"' EXIT
 source=$work/zelta-vsc
 mkdir "$source"
 cd "$ZELTA_ROOT"
+# shellcheck disable=SC2016  # the inner shell expands it
 git ls-files -z --cached --others --exclude-standard |
   xargs -0 sh -c 'for f; do [ ! -e "$f" ] || printf "%s\0" "$f"; done' _ |
   tar --create --null --files-from=- | tar --extract --directory "$source"

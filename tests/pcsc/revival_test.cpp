@@ -118,6 +118,23 @@ class RefusedProtocolTest : public RevivalTest {
   }
 };
 
+// The driver refuses every protocol while it reads those of a card that has just entered.
+TEST_F(RefusedProtocolTest, ProtocolRefusedForAMoment_IsAskedForAgainWithoutARestart) {
+  open({{kServing}});
+  reader_->insertCard();
+  ASSERT_TRUE(waitForCard());
+  const ChannelTable::Use use(table_, kLun);
+  ASSERT_EQ(use.channel()->power(IFD_POWER_UP).code, IFD_SUCCESS);
+  reader_->answer(IOCTL_SMARTCARD_SET_PROTOCOL, [this](const auto&) {
+    return reader_->count(IOCTL_SMARTCARD_SET_PROTOCOL) < 3 ? failedWith(status::kNotSupported)
+                                                            : test::succeededWith({});
+  });
+  EXPECT_EQ(use.channel()->setProtocol(SCARD_PROTOCOL_T1), IFD_SUCCESS);
+  EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_SET_PROTOCOL), 3u);
+  EXPECT_EQ(record_->broughtUp, 1);
+  EXPECT_THAT(log_->lines(), IsEmpty());
+}
+
 TEST_F(RefusedProtocolTest, ProtocolThatTheCardOffers_RestartsTheDeviceAfterGrowingPauses) {
   open({{kServing}, {kServing}, {kServing}, {kServing}});
   const auto begun = Clock::now();

@@ -159,15 +159,25 @@ TEST_F(TransmitTest, AnswersWithoutAValidHeader_AreErrors) {
   const Bytes answers[] = {
       {},
       {2, 0, 0, 0, 8, 0, 0},              // shorter than the header
-      {1, 0, 0, 0, 8, 0, 0, 0, 0x90, 0},  // another protocol
       {2, 0, 0, 0, 9, 0, 0, 0, 0x90, 0},  // another header length
   };
   for (const Bytes& answer : answers) {
     answerTransmit(succeededWith(answer));
     EXPECT_EQ(send().code, IFD_COMMUNICATION_ERROR) << answer.size();
   }
-  ASSERT_EQ(log_->lines().size(), 4u);
+  ASSERT_EQ(log_->lines().size(), 3u);
   EXPECT_EQ(log_->lines()[1], "2 the driver's answer to a command has no valid header (7 bytes)");
+}
+
+TEST_F(TransmitTest, AnswerWithAnotherProtocol_IsGivenAndTheNextCommandSentWithThat) {
+  connect();
+  answerTransmit(succeededWith({1, 0, 0, 0, 8, 0, 0, 0, 0x90, 0}));
+  EXPECT_THAT(send().bytes, ElementsAre(0x90, 0));
+  EXPECT_THAT(send().bytes, ElementsAre(0x90, 0));
+  const auto requests = reader_->requests(IOCTL_SMARTCARD_TRANSMIT);
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(loadLittleEndian(requests[0].input.data()), SCARD_PROTOCOL_T1);
+  EXPECT_EQ(loadLittleEndian(requests[1].input.data()), 1u);
 }
 
 TEST_F(TransmitTest, EmptyCommand_IsTheDriversToAnswer) {

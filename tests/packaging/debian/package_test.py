@@ -235,7 +235,8 @@ class DebianService(unittest.TestCase):
         self.edit_conffiles()
         before = self.system.main_pid(AGENT)
         self.upgrade()
-        self.assertTrue(self.system.is_active(AGENT))
+        # The restart of all agents together does not wait for each.
+        wait_until(lambda: self.system.is_active(AGENT), "the agent")
         self.assertNotEqual(self.system.main_pid(AGENT), before)
         self.assert_edits_are_there()
         self.wait_for_card()
