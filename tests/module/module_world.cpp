@@ -13,6 +13,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// The identifiers' own references are macros of the Windows headers.
+using GetClassObject = HRESULT(ZELTA_STDMETHODCALLTYPE*)(const framework::GUID&,
+                                                         const framework::GUID&, void**);
+
 template <typename Function>
 Function exported(platform::ModuleHandle module, const char* name) {
   void* address = platform::moduleSymbol(module, name);
@@ -57,9 +61,8 @@ HRESULT DriverExports::call(const char* name) const {
 }
 
 ComPtr<framework::IClassFactory> DriverExports::factory() const {
-  using Export = HRESULT(ZELTA_STDMETHODCALLTYPE*)(framework::REFCLSID, framework::REFIID, void**);
   ComPtr<framework::IClassFactory> factory;
-  EXPECT_EQ(exported<Export>(module_, "DllGetClassObject")(
+  EXPECT_EQ(exported<GetClassObject>(module_, "DllGetClassObject")(
                 kDriverClassId, framework::IClassFactory::iid, factory.putVoid()),
             framework::kOk);
   return factory;
