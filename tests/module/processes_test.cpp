@@ -5,6 +5,7 @@
 
 #include "tests/module/hosted_module.h"
 #include "tests/module/programs.h"
+#include "tests/support/system.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::test {
@@ -171,10 +172,10 @@ class CommandLineTest : public ::testing::Test {
   }
 
   std::unique_ptr<ChildProcess> startAgent() const {
-    auto agent = std::make_unique<ChildProcess>(
-        ZELTA_AGENT_PROGRAM,
-        std::vector<std::string>{"--backend", "script", "--script", folder_.file("card.txt"),
-                                 "--control", folder_.file("ctl"), "--session-id", kSession});
+    std::vector<std::string> options{"--backend",    "script", "--script", folder_.file("card.txt"),
+                                     "--session-id", kSession};
+    if (kAgentHasControl) options.insert(options.end(), {"--control", folder_.file("ctl")});
+    auto agent = std::make_unique<ChildProcess>(ZELTA_AGENT_PROGRAM, options);
     EXPECT_TRUE(agent->readLineWith("reader 0, script card, session"));
     return agent;
   }

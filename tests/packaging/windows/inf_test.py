@@ -25,7 +25,7 @@ def text_of_inf():
 
 def guid_in_code(name):
     """The number of that name in contract/class_ids.h."""
-    text = (SOURCE / "driver" / "identifiers.h").read_text()
+    text = (SOURCE / "contract" / "class_ids.h").read_text()
     definition = re.search(name + r" = \{(.*?)\};", text, re.S).group(1)
     parts = [int(part, 16) for part in re.findall(r"0x([0-9A-Fa-f]+)", definition)]
     assert len(parts) == 11, parts
