@@ -1,5 +1,5 @@
-// The reader's attributes: tags (PC/SC part 3 and the system's own), names as the log has them,
-// kinds and units.
+// The reader's attributes: tags (the PC/SC standard's and the system's own), names as the log has
+// them, kinds and units.
 #pragma once
 
 #include <cstdint>

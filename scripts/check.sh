@@ -5,6 +5,8 @@ set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 STAGES=(format layers shellcheck test tsan asan-ubsan clang fuzz tidy)
+# What CI runs.
+QUICK_STAGES=(format layers shellcheck test tsan)
 # The folders whose classes are used by several threads.
 THREADED=(reader agent_link driver host pcsc agent platform)
 # CI has 50 minutes: no stage begins later than this. The longest takes about ten.
@@ -27,9 +29,11 @@ stage that fails does not keep the later ones from running.
   fuzz          each fuzzer for 20 seconds
   tidy          clang-tidy on every source
 
-  --quick       what CI runs: tidy looks at product code only, and the sanitizers at the tests of
-                ${THREADED[*]};
-                a stage that could not begin within $((QUICK_LIMIT / 60)) minutes is named and left out
+  --quick       what CI runs: ${QUICK_STAGES[*]}.
+                The sanitizers look at the tests of
+                ${THREADED[*]} only,
+                tidy at product code only; a stage that could not begin within
+                $((QUICK_LIMIT / 60)) minutes is named and left out
   --stage NAME  run this stage only; may be repeated
   -h, --help    this text
 EOT
@@ -54,7 +58,10 @@ while [ $# -gt 0 ]; do
   esac
   shift
 done
-[ ${#stages[@]} -gt 0 ] || stages=("${STAGES[@]}")
+if [ ${#stages[@]} -eq 0 ]; then
+  stages=("${STAGES[@]}")
+  [ -z "$quick" ] || stages=("${QUICK_STAGES[@]}")
+fi
 
 cd "$ZELTA_ROOT"
 sanitized=()
