@@ -6,6 +6,9 @@ ZELTA_RUN_DIR=$(realpath --canonicalize-missing "${ZELTA_RUN_DIR:-/run/zelta/up}
 ZELTA_BUILD_DIR=$(realpath --canonicalize-missing "${ZELTA_BUILD_DIR:-$ZELTA_ROOT/build}")
 export ZELTA_RUN_DIR ZELTA_BUILD_DIR
 
+# git refuses a checkout of another user's, which root works in here on that user's behalf.
+export GIT_CONFIG_COUNT=1 GIT_CONFIG_KEY_0=safe.directory GIT_CONFIG_VALUE_0=$ZELTA_ROOT
+
 # shellcheck source=scripts/packages.sh
 source "$ZELTA_ROOT/scripts/packages.sh"
 
