@@ -65,8 +65,7 @@ bool askAtr(PipeStream& stream, AgentCommand command, const AtrTexts& texts,
 }
 
 // What failed, or null; the reason is in the last error.
-const char* exchangeApdu(PipeStream& stream, const std::vector<std::uint8_t>& command,
-                         std::vector<std::uint8_t>& response) {
+const char* exchangeApdu(PipeStream& stream, const Bytes& command, ResponseBuffer& response) {
   if (!stream.writeNumber(static_cast<std::uint32_t>(AgentCommand::kQueryTransmit))) {
     return "Failed to write QueryTransmit command";
   }
@@ -89,8 +88,8 @@ const char* exchangeApdu(PipeStream& stream, const std::vector<std::uint8_t>& co
   return "No memory for APDU response";
 }
 
-void answerNotAccepted(std::vector<std::uint8_t>& response) {
-  response.assign(kCommandNotAccepted.begin(), kCommandNotAccepted.end());
+void answerNotAccepted(ResponseBuffer& response) {
+  response.assign(kCommandNotAccepted.data(), kCommandNotAccepted.size());
 }
 
 }  // namespace
@@ -192,7 +191,7 @@ QueryResult AgentQueries::checkAtr() {
   });
 }
 
-QueryResult AgentQueries::transmit(const Bytes& command, Bytes& response) {
+QueryResult AgentQueries::transmit(const Bytes& command, ResponseBuffer& response) {
   if (!hasPipe("[QueryTransmit]")) return QueryResult::kFailure;
   if (command.empty()) {
     logError(kNoError, "[QueryTransmit]Empty APDU, command not accepted");
@@ -203,7 +202,8 @@ QueryResult AgentQueries::transmit(const Bytes& command, Bytes& response) {
                     [&](PipeStream& stream) { return askTransmit(stream, command, response); });
 }
 
-bool AgentQueries::askTransmit(PipeStream& stream, const Bytes& command, Bytes& response) {
+bool AgentQueries::askTransmit(PipeStream& stream, const Bytes& command,
+                               ResponseBuffer& response) {
   const char* const failure = exchangeApdu(stream, command, response);
   if (failure == nullptr) return true;
   const std::uint32_t code = platform::lastError();

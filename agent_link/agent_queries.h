@@ -43,7 +43,7 @@ class AgentQueries {
     std::optional<ExchangeTurn::Holder> holder_;  // none if it was waited for in vain
   };
 
-  QueryResult transmit(const Bytes& command, Bytes& response);
+  QueryResult transmit(const Bytes& command, ResponseBuffer& response);
   QueryResult queryAtr(Bytes& atr, bool reset);
   QueryResult queryAtr(Bytes& atr, bool reset, const Turn& turn);
   QueryResult checkAtr();
@@ -68,7 +68,7 @@ class AgentQueries {
   void cancel();
   // Ends a notification, once for all who wait for it; false if what is under way is none.
   bool cancelNotification() ZELTA_EXCLUDES(notificationMutex_);
-  bool askTransmit(PipeStream& stream, const Bytes& command, Bytes& response);
+  bool askTransmit(PipeStream& stream, const Bytes& command, ResponseBuffer& response);
 
   CancelablePipe& pipe_;
   const Reader& reader_;

@@ -41,8 +41,7 @@ class PipeReader final : public Reader, private AgentEventHandler {
   PipeReader(std::uint32_t readerIndex, ReaderDevice* owner, const AgentLinkTimes& times = {});
   ~PipeReader() override;
 
-  QueryResult QueryTransmit(const std::vector<std::uint8_t>& command,
-                            std::vector<std::uint8_t>& response) override {
+  QueryResult QueryTransmit(const Bytes& command, ResponseBuffer& response) override {
     return queries_.transmit(command, response);
   }
   QueryResult QueryAtr(std::vector<std::uint8_t>& atr, bool reset) override {

@@ -29,30 +29,54 @@ std::optional<std::uint32_t> PipeStream::readNumber() {
   return loadLittleEndian(bytes.data());
 }
 
-PipeStream::Payload PipeStream::readPayload(std::uint32_t length,
-                                            std::vector<std::uint8_t>& bytes) {
+namespace {
+
+// Ends with the first block that fails.
+template <typename Read>
+bool forBlocks(std::uint32_t length, Read read) {
+  for (std::uint32_t done = 0; done < length;) {
+    const std::uint32_t block = std::min(length - done, PipeStream::kReadBlock);
+    if (!read(done, block)) return false;
+    done += block;
+  }
+  return true;
+}
+
+}  // namespace
+
+template <typename Read>
+PipeStream::Payload PipeStream::withMemory(Read read) {
   try {
-    return readBlocks(length, bytes) ? Payload::kRead : Payload::kFailed;
+    return read() ? Payload::kRead : Payload::kFailed;
   } catch (const std::bad_alloc&) {
-    std::vector<std::uint8_t>().swap(bytes);
   } catch (const std::length_error&) {
-    std::vector<std::uint8_t>().swap(bytes);
   }
   pipe_.dropClient(epoch_);
   platform::setLastError(platform::error::kNotEnoughMemory);
   return Payload::kNoMemory;
 }
 
-bool PipeStream::readBlocks(std::uint32_t length, std::vector<std::uint8_t>& bytes) {
+PipeStream::Payload PipeStream::readPayload(std::uint32_t length, Bytes& bytes) {
   bytes.clear();
-  do {
-    const auto done = static_cast<std::uint32_t>(bytes.size());
-    const std::uint32_t block = std::min(length - done, kReadBlock);
-    bytes.resize(bytes.size() + block);
-    if (!read(bytes.data() + done, block)) return false;
-  } while (bytes.size() < length);
-  return true;
+  const Payload result = withMemory([&] {
+    return forBlocks(length, [&](std::uint32_t done, std::uint32_t block) {
+      bytes.resize(bytes.size() + block);
+      return read(bytes.data() + done, block);
+    });
+  });
+  if (result == Payload::kNoMemory) Bytes().swap(bytes);
+  return result;
 }
+
+PipeStream::Payload PipeStream::readPayload(std::uint32_t length, ResponseBuffer& response) {
+  return withMemory([&] {
+    std::uint8_t* const bytes = response.allocate(length);
+    return forBlocks(length, [&](std::uint32_t done, std::uint32_t block) {
+      return read(bytes + done, block);
+    });
+  });
+}
+
 
 bool PipeStream::read(void* data, std::uint32_t size) {
   return pipe_.run(epoch_, [&] { return platform::ports().pipes->read(handle_, data, size); });

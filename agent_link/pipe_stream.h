@@ -8,16 +8,17 @@
 
 #include <cstdint>
 #include <optional>
-#include <vector>
 
 #include "agent_link/cancelable_pipe.h"
+#include "contract/bytes.h"
+#include "reader/response_buffer.h"
 
 namespace zelta {
 
 class PipeStream {
  public:
-  // A payload up to this length is read by one call; a longer one in blocks of this size, so that
-  // memory is taken as the bytes arrive and not on the word of the agent. Bytes.
+  // A payload up to this length is read by one call, a longer one in blocks of this size. So memory
+  // is used as the bytes arrive and not on the word of the agent. Bytes.
   static constexpr std::uint32_t kReadBlock = 1024 * 1024;
 
   enum class Payload { kRead, kFailed, kNoMemory };
@@ -36,11 +37,15 @@ class PipeStream {
   // bytes it keeps that length; a longer one keeps what has been made room for. If there is no
   // memory for it, it is left empty and the client is dropped: what it has sent is still in the
   // pipe and would be read as its next answer.
-  Payload readPayload(std::uint32_t length, std::vector<std::uint8_t>& bytes);
+  Payload readPayload(std::uint32_t length, Bytes& bytes);
+  // The same for a response. After a failed read it keeps its length.
+  Payload readPayload(std::uint32_t length, ResponseBuffer& response);
 
  private:
   bool read(void* data, std::uint32_t size);
-  bool readBlocks(std::uint32_t length, std::vector<std::uint8_t>& bytes);
+  // Runs `read`, and drops the client if there is no memory for it; the last error says so.
+  template <typename Read>
+  Payload withMemory(Read read);
 
   CancelablePipe& pipe_;
   const platform::PipeHandleValue handle_;

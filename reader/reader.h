@@ -30,6 +30,7 @@
 #include "driver/request/reader_device.h"
 #include "platform/sync/sync.h"
 #include "reader/atr.h"
+#include "reader/response_buffer.h"
 #include "reader/waiting_requests.h"
 
 namespace zelta {
@@ -54,7 +55,7 @@ class Reader {
   // whether a card answers. Each is one exchange with the agent. May be called on several threads
   // at once; the exchanges do not overlap. Each blocks for at most about five seconds, and as long
   // again while another exchange is under way.
-  virtual QueryResult QueryTransmit(const Bytes& command, Bytes& response) = 0;
+  virtual QueryResult QueryTransmit(const Bytes& command, ResponseBuffer& response) = 0;
   virtual QueryResult QueryAtr(Bytes& atr, bool reset) = 0;
   virtual QueryResult CheckATR() = 0;
   // Tells the agent that a protocol was selected; true when it was sent.

@@ -102,20 +102,16 @@ std::optional<Reader::TransmitInput> Reader::readTransmit(IoRequest& request) {
 }
 
 void Reader::transmit(IoRequest& request, const Bytes& command) {
-  Bytes response;
+  ResponseBuffer response;
   if (QueryTransmit(command, response) != QueryResult::kSuccess) {
     logError(static_cast<std::uint32_t>(status::kNoMedia), "[TRSM]STATUS_NO_MEDIA");
     finish(request, status::kNoMedia, kTransmitHandler, __LINE__);
     return;
   }
-  Bytes output;
-  output.reserve(kTransmitHeaderSize + response.size());
-  for (const std::uint32_t field : {currentProtocol(), kTransmitHeaderSize}) {
-    const auto bytes = toLittleEndian(field);
-    output.insert(output.end(), bytes.begin(), bytes.end());
-  }
-  output.insert(output.end(), response.begin(), response.end());
-  MemoryUtil::setBuffer(device(), request, output);
+  storeLittleEndian(response.header(), currentProtocol());
+  storeLittleEndian(response.header() + kNumberSize, kTransmitHeaderSize);
+  MemoryUtil::setBuffer(device(), request, response.header(),
+                        kTransmitHeaderSize + response.size());
 }
 
 }  // namespace zelta

@@ -54,8 +54,8 @@ std::int32_t MemoryUtil::getInt(IoRequest& request) {
 }
 
 void MemoryUtil::setBuffer(ReaderDevice& device, IoRequest& request,
-                           const std::vector<std::uint8_t>& bytes) {
-  answer(device, request, bytes.data(), bytes.size(), "MemoryUtil::setBuffer");
+                           const std::uint8_t* bytes, std::size_t size) {
+  answer(device, request, bytes, size, "MemoryUtil::setBuffer");
 }
 
 void MemoryUtil::setInt(ReaderDevice& device, IoRequest& request, std::uint32_t value) {

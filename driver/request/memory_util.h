@@ -9,6 +9,7 @@
 // leaves these operations before the request is completed, never after.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -43,7 +44,11 @@ class MemoryUtil {
   static std::int32_t getInt(IoRequest& request);
 
   static void setBuffer(ReaderDevice& device, IoRequest& request,
-                        const std::vector<std::uint8_t>& bytes);
+                        const std::vector<std::uint8_t>& bytes) {
+    setBuffer(device, request, bytes.data(), bytes.size());
+  }
+  static void setBuffer(ReaderDevice& device, IoRequest& request, const std::uint8_t* bytes,
+                        std::size_t size);
   // Four bytes, little-endian.
   static void setInt(ReaderDevice& device, IoRequest& request, std::uint32_t value);
   // The characters and a terminating zero byte.

@@ -58,7 +58,8 @@ class PipeApi {
   // with ERROR_NO_DATA (232)), with ERROR_PIPE_LISTENING (536) if there is none, and with
   // ERROR_OPERATION_ABORTED (995) when cancelled.
   //
-  // Reads `size` bytes. What a client left is read, unless a write or flush has found it gone.
+  // Reads `size` bytes. What a client left is read, unless a write or flush has found it gone. On
+  // Windows a read also ends with the client's write; what was not sent is zero.
   virtual bool read(PipeHandleValue pipe, void* data, std::uint32_t size) = 0;
   // Writes `size` bytes.
   virtual bool write(PipeHandleValue pipe, const void* data, std::uint32_t size) = 0;

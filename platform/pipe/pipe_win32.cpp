@@ -9,6 +9,8 @@
 // windows.h comes first
 #include <sddl.h>
 
+#include <algorithm>
+
 #include "platform/pipe/pipe.h"
 #include "platform/process/never_destroyed.h"
 
@@ -42,7 +44,10 @@ class Win32Pipes final : public PipeApi {
   bool read(PipeHandleValue pipe, void* data, std::uint32_t size) override {
     // The count is not looked at: the other end writes each field whole.
     DWORD transferred = 0;
-    return ReadFile(pipe, data, size, &transferred, nullptr) != FALSE;
+    const bool read = ReadFile(pipe, data, size, &transferred, nullptr) != FALSE;
+    // Callers do not initialise what they read into.
+    if (read) std::fill_n(static_cast<std::uint8_t*>(data) + transferred, size - transferred, 0);
+    return read;
   }
 
   bool write(PipeHandleValue pipe, const void* data, std::uint32_t size) override {

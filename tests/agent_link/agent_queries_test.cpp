@@ -23,7 +23,7 @@ constexpr char kRemoved[] =
 
 class Queries : public ScriptedLink {
  protected:
-  QueryResult transmit(const Bytes& command) { return reader().QueryTransmit(command, response_); }
+  QueryResult transmit(const Bytes& command) { return queryTransmit(command, response_); }
   QueryResult queryAtr(bool reset = true) { return reader().QueryAtr(atr_, reset); }
 
   Bytes atr_;
@@ -161,13 +161,20 @@ TEST_F(Queries, PayloadOfMoreThanOneBlock_IsReadInBlocks) {
   const std::uint32_t length = 2 * PipeStream::kReadBlock + 10;
   Bytes payload(length);
   for (std::size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<std::uint8_t>(i >> 12);
+  const Trace inBlocks{"read command 1048576", "read command 1048576", "read command 10"};
   agentAnswers(number(length, payload));
   EXPECT_EQ(transmit(kSelect), QueryResult::kSuccess);
-  const Trace calls = trace();
+  Trace calls = trace();
   ASSERT_GE(calls.size(), 3u);
-  EXPECT_EQ(Trace(calls.end() - 3, calls.end()),
-            (Trace{"read command 1048576", "read command 1048576", "read command 10"}));
+  EXPECT_EQ(Trace(calls.end() - 3, calls.end()), inBlocks);
   EXPECT_EQ(response_, payload);
+  Bytes atr;
+  agentAnswers(number(length, payload));
+  EXPECT_EQ(reader().QueryAtr(atr, false), QueryResult::kSuccess);
+  calls = trace();
+  ASSERT_GE(calls.size(), 3u);
+  EXPECT_EQ(Trace(calls.end() - 3, calls.end()), inBlocks);
+  EXPECT_EQ(atr, payload);
 }
 
 // A late answer stays in the pipe and is read as the next one's beginning: deliberate, and the

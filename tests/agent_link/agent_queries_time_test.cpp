@@ -45,7 +45,7 @@ class SilentAgent : public LinkTest {
   }
 
   QueryResult transmit(const Bytes& command = kSelect) {
-    return reader().QueryTransmit(command, response_);
+    return queryTransmit(command, response_);
   }
 
   // The result of a query of which the agent reads so many bytes, and no more.
@@ -184,7 +184,7 @@ TEST_F(BoundedWaits, NotificationThatIsNotRead_HoldsUpNobodyForEver) {
   FakeRequest& present = makeRequest();
   auto resetting = dispatch(&Reader::IoSmartCardPower, reset);
   Bytes response;
-  auto transmitting = begin([&] { return reader().QueryTransmit({0, 1}, response); });
+  auto transmitting = begin([&] { return queryTransmit({0, 1}, response); });
   auto asking = dispatch(&Reader::IoSmartCardIsPresent, present);
   auto cancelling = begin([&] { present.cancel(); });
   EXPECT_TRUE(isReady(resetting)) << "the reset hangs";
@@ -282,7 +282,7 @@ TEST_F(BoundedWaits, EmptyApdu_NeedsNoTurn) {
   auto first = beginCheck();
   expectCommand(AgentCommand::kQueryAtr);
   Bytes response;
-  auto empty = begin([&] { return reader().QueryTransmit({}, response); });
+  auto empty = begin([&] { return queryTransmit({}, response); });
   EXPECT_TRUE(isReady(empty)) << "waits for its turn";
   answer({});
   EXPECT_EQ(empty.get(), QueryResult::kSuccess);

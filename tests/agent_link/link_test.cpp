@@ -38,6 +38,14 @@ LinkTest::LinkTest() : root_("ZELTA_PIPE_ROOT", folder_.path().string()), waiter
 
 LinkTest::~LinkTest() { stop(); }
 
+QueryResult LinkTest::queryTransmit(const Bytes& command, Bytes& response) {
+  ResponseBuffer buffer;
+  if (!response.empty()) buffer.assign(response.data(), response.size());
+  const QueryResult result = reader().QueryTransmit(command, buffer);
+  response.assign(buffer.data(), buffer.data() + buffer.size());
+  return result;
+}
+
 PipeReader& LinkTest::start(const AgentLinkTimes& times, std::uint32_t index) {
   reader_ = std::make_unique<PipeReader>(index, &device_, times);
   device_.onCancel = [this](IoRequest& request) { reader_->IoCancelRequest(&request); };

@@ -48,6 +48,8 @@ class LinkTest : public ::testing::Test {
   // Without the end of exchanges: what is under way is the destructor's to end.
   void destroy();
   PipeReader& reader() { return *reader_; }
+  // `QueryTransmit`; `response` is what the buffer held and holds.
+  QueryResult queryTransmit(const Bytes& command, Bytes& response);
 
   // A waiting insertion (or removal) request; returns when it is in its list.
   FakeRequest& waitForInsertion();

@@ -85,7 +85,7 @@ TEST_F(Memory, ResponseThatDoesNotFitFailsTheTransmit) {
   startWithLittleMemory();
   makeCardPresent();
   log_.clear();
-  EXPECT_EQ(reader().QueryTransmit({0, 1, 2, 3}, bytes_), QueryResult::kFailure);
+  EXPECT_EQ(queryTransmit({0, 1, 2, 3}, bytes_), QueryResult::kFailure);
   EXPECT_TRUE(bytes_.empty());
   EXPECT_EQ(log_.records(),
             Records{error(kNoMemory, "[QueryTransmit]No memory for APDU response")});
@@ -94,7 +94,7 @@ TEST_F(Memory, ResponseThatDoesNotFitFailsTheTransmit) {
 
 TEST_F(Memory, ResponseThatDoesNotFitIsNotAcceptedOnceTheCardIsGone) {
   startWithLittleMemory();
-  EXPECT_EQ(reader().QueryTransmit({0, 1, 2, 3}, bytes_), QueryResult::kSuccess);
+  EXPECT_EQ(queryTransmit({0, 1, 2, 3}, bytes_), QueryResult::kSuccess);
   EXPECT_EQ(bytes_, (Bytes{0x69, 0x01}));
   expectConnectionEnded();
 }

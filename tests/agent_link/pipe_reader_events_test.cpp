@@ -184,7 +184,7 @@ TEST_F(CardEvents, RemovalDuringTransmit_Answers6901) {
   ASSERT_TRUE(insertion.waitCompleted());
   removal = &waitForRemoval();
   Bytes response;
-  EXPECT_EQ(reader().QueryTransmit({0, 1, 2, 3}, response), QueryResult::kSuccess);
+  EXPECT_EQ(queryTransmit({0, 1, 2, 3}, response), QueryResult::kSuccess);
   EXPECT_EQ(response, (Bytes{0x69, 0x01}));
 }
 

@@ -282,7 +282,7 @@ TEST_F(EndOfExchanges, RefusesLaterOnesAndLeavesTheServerThreadListening) {
   Bytes bytes;
   EXPECT_EQ(reader().CheckATR(), QueryResult::kFailure);
   EXPECT_EQ(reader().QueryAtr(bytes, true), QueryResult::kFailure);
-  EXPECT_EQ(reader().QueryTransmit({0, 1, 2, 3}, bytes), QueryResult::kSuccess);
+  EXPECT_EQ(queryTransmit({0, 1, 2, 3}, bytes), QueryResult::kSuccess);
   EXPECT_EQ(bytes, (Bytes{0x69, 0x01})) << "the card is absent for good";
   EXPECT_FALSE(reader().NotifyCardReady());
   EXPECT_EQ(log_.errors(), (std::vector<LogRecord>{

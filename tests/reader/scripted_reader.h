@@ -20,9 +20,9 @@ class ScriptedReader final : public Reader {
     owner->onCancel = [this](IoRequest& request) { IoCancelRequest(&request); };
   }
 
-  QueryResult QueryTransmit(const Bytes& command, Bytes& response) override {
+  QueryResult QueryTransmit(const Bytes& command, ResponseBuffer& response) override {
     commands.push_back(command);
-    response = transmitResponse;
+    response.assign(transmitResponse.data(), transmitResponse.size());
     if (onTransmit) onTransmit();
     return transmitResult;
   }

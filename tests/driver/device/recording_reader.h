@@ -2,6 +2,7 @@
 // the test says.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <functional>
 #include <memory>
@@ -45,8 +46,9 @@ class RecordingReader final : public Reader {
     if (story_.onDestroy) story_.onDestroy();
   }
 
-  QueryResult QueryTransmit(const Bytes&, Bytes& response) override {
-    response = {0x90, 0x00};
+  QueryResult QueryTransmit(const Bytes&, ResponseBuffer& response) override {
+    constexpr std::array<std::uint8_t, 2> kDone{0x90, 0x00};
+    response.assign(kDone.data(), kDone.size());
     return QueryResult::kSuccess;
   }
   QueryResult QueryAtr(Bytes& atr, bool) override {
