@@ -202,8 +202,7 @@ QueryResult AgentQueries::transmit(const Bytes& command, ResponseBuffer& respons
                     [&](PipeStream& stream) { return askTransmit(stream, command, response); });
 }
 
-bool AgentQueries::askTransmit(PipeStream& stream, const Bytes& command,
-                               ResponseBuffer& response) {
+bool AgentQueries::askTransmit(PipeStream& stream, const Bytes& command, ResponseBuffer& response) {
   const char* const failure = exchangeApdu(stream, command, response);
   if (failure == nullptr) return true;
   const std::uint32_t code = platform::lastError();

@@ -18,6 +18,8 @@ namespace zelta {
 
 class ExchangeTurn {
  public:
+  using Clock = std::chrono::steady_clock;
+
   // How long a holder that was ended may take to give its turn up.
   static constexpr std::chrono::milliseconds kHandOver{1000};
 
@@ -31,6 +33,30 @@ class ExchangeTurn {
 
    private:
     ExchangeTurn& turn_;
+  };
+
+  // Made by a request's handler, on its thread, for as long as it runs.
+  //
+  // What the handler has waited before it asks for a turn, for the device lock for example, is part
+  // of its wait for the turn. And a turn that it gives up is kept until it takes another or ends:
+  // an insertion, which asks the agent under the device lock, cannot come between the answer and
+  // the request's completion. So no request waits for more than two limits.
+  class RequestScope {
+   public:
+    // Inside another scope of the thread's it changes nothing.
+    explicit RequestScope(Clock::time_point begun = Clock::now());
+    ~RequestScope();
+    RequestScope(const RequestScope&) = delete;
+    RequestScope& operator=(const RequestScope&) = delete;
+
+   private:
+    friend class ExchangeTurn;
+
+    // What is left of `limit` for the wait that begins now. Passes on what is kept.
+    std::chrono::milliseconds beginWait(std::chrono::milliseconds limit);
+
+    Clock::time_point waitingSince_;
+    ExchangeTurn* kept_ = nullptr;
   };
 
   ExchangeTurn() = default;
@@ -48,7 +74,9 @@ class ExchangeTurn {
   using Ticket = std::uint64_t;
   static constexpr Ticket kNobody = 0;
 
+  // For a request it is `passOn` later.
   void giveUp() ZELTA_EXCLUDES(mutex_);
+  void passOn() ZELTA_EXCLUDES(mutex_);
 
   platform::Mutex mutex_;
   platform::ConditionVariable passedOn_;

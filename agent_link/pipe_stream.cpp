@@ -71,12 +71,10 @@ PipeStream::Payload PipeStream::readPayload(std::uint32_t length, Bytes& bytes) 
 PipeStream::Payload PipeStream::readPayload(std::uint32_t length, ResponseBuffer& response) {
   return withMemory([&] {
     std::uint8_t* const bytes = response.allocate(length);
-    return forBlocks(length, [&](std::uint32_t done, std::uint32_t block) {
-      return read(bytes + done, block);
-    });
+    return forBlocks(
+        length, [&](std::uint32_t done, std::uint32_t block) { return read(bytes + done, block); });
   });
 }
-
 
 bool PipeStream::read(void* data, std::uint32_t size) {
   return pipe_.run(epoch_, [&] { return platform::ports().pipes->read(handle_, data, size); });

@@ -34,7 +34,9 @@ class ResponseBuffer {
   }
 
   // The response alone; null if it is empty.
-  const std::uint8_t* data() const { return size_ == 0 ? nullptr : memory_.get() + kTransmitHeaderSize; }
+  const std::uint8_t* data() const {
+    return size_ == 0 ? nullptr : memory_.get() + kTransmitHeaderSize;
+  }
   std::size_t size() const { return size_; }
 
   // The `kTransmitHeaderSize` bytes before the response. Only after `allocate` or `assign`.

@@ -3,6 +3,7 @@
 #include <array>
 #include <string_view>
 
+#include "agent_link/exchange_turn.h"
 #include "contract/io_controls.h"
 #include "contract/status.h"
 #include "diagnostics/traced_lock.h"
@@ -94,6 +95,7 @@ void CMyDevice::ProcessIoControl(framework::IWDFIoQueue* /*queue*/,
     finish(unattached, attached, kProcess, __LINE__);
     return;
   }
+  const ExchangeTurn::RequestScope scope;
   try {
     route(*adapter, code, inLength, outLength);
   } catch (const std::exception&) {

@@ -53,8 +53,8 @@ std::int32_t MemoryUtil::getInt(IoRequest& request) {
   return input ? static_cast<std::int32_t>(loadLittleEndian(input.data())) : -1;
 }
 
-void MemoryUtil::setBuffer(ReaderDevice& device, IoRequest& request,
-                           const std::uint8_t* bytes, std::size_t size) {
+void MemoryUtil::setBuffer(ReaderDevice& device, IoRequest& request, const std::uint8_t* bytes,
+                           std::size_t size) {
   answer(device, request, bytes, size, "MemoryUtil::setBuffer");
 }
 

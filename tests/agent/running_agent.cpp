@@ -40,8 +40,8 @@ agent::Timing patientTiming() {
 }
 
 RunningAgent::RunningAgent(agent::CardBackend& card, agent::Timing timing,
-                           agent::OnFailure onFailure)
-    : log_(agent::Severity::kDebug, lines_.sink()), pipes_(agent::makeSystemPipeClient()) {
+                           agent::OnFailure onFailure, std::unique_ptr<agent::PipeClientPort> pipes)
+    : log_(agent::Severity::kDebug, lines_.sink()), pipes_(std::move(pipes)) {
   agent::Agent::Settings settings;
   settings.sessionId = kSession;
   settings.timing = timing;

@@ -56,8 +56,10 @@ agent::Timing patientTiming();
 class RunningAgent {
  public:
   // `card` outlives this.
-  explicit RunningAgent(agent::CardBackend& card, agent::Timing timing = patientTiming(),
-                        agent::OnFailure onFailure = failTest);
+  explicit RunningAgent(
+      agent::CardBackend& card, agent::Timing timing = patientTiming(),
+      agent::OnFailure onFailure = failTest,
+      std::unique_ptr<agent::PipeClientPort> pipes = agent::makeSystemPipeClient());
   ~RunningAgent() { stop(); }
 
   agent::Agent& agent() { return *agent_; }

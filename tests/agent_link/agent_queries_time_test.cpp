@@ -44,9 +44,7 @@ class SilentAgent : public LinkTest {
     return times;
   }
 
-  QueryResult transmit(const Bytes& command = kSelect) {
-    return queryTransmit(command, response_);
-  }
+  QueryResult transmit(const Bytes& command = kSelect) { return queryTransmit(command, response_); }
 
   // The result of a query of which the agent reads so many bytes, and no more.
   template <typename Query>

@@ -47,6 +47,51 @@ TEST_F(ExchangeTurnTest, HeldByAnother_IsWaitedFor) {
   EXPECT_TRUE(other.get());
 }
 
+TEST_F(ExchangeTurnTest, GivenUpByARequest_IsPassedOnWhenTheRequestEnds) {
+  std::optional<ExchangeTurn::RequestScope> request(std::in_place);
+  take();
+  giveUp();
+  std::promise<bool> early;
+  auto other = std::async(std::launch::async, [&] {
+    early.set_value(turn_.take(1ms, kNobodyToEnd));
+    return turn_.take(kLong, kNobodyToEnd);
+  });
+  EXPECT_FALSE(early.get_future().get());
+  request.reset();
+  EXPECT_TRUE(other.get());
+}
+
+TEST_F(ExchangeTurnTest, RequestThatTakesAnotherTurn_PassesTheFirstOn) {
+  const ExchangeTurn::RequestScope request;
+  const ExchangeTurn::RequestScope inside;
+  for (int round = 0; round < 2; ++round) {
+    take();
+    giveUp();
+  }
+}
+
+TEST_F(ExchangeTurnTest, RequestThatHasWaitedItsLimitAlready_TakesOnlyAFreeTurn) {
+  take();
+  const ExchangeTurn::RequestScope request(ExchangeTurn::Clock::now() - kLong);
+  EXPECT_FALSE(turn_.take(kLong, kNobodyToEnd));
+  giveUp();
+  EXPECT_TRUE(turn_.take(kLong, kNobodyToEnd));
+}
+
+// What comes after an exchange, a notification for example, has its limit for itself.
+TEST_F(ExchangeTurnTest, RequestThatTakesAnotherTurn_WaitsForItAnew) {
+  const ExchangeTurn::RequestScope request(ExchangeTurn::Clock::now() - kLong);
+  take();
+  giveUp();
+  auto other = std::async(std::launch::async, [&] {
+    EXPECT_TRUE(turn_.take(kLong, kNobodyToEnd));
+    const ExchangeTurn::Holder held(turn_);
+    std::this_thread::sleep_for(10ms);
+  });
+  std::this_thread::sleep_for(10ms);
+  EXPECT_TRUE(turn_.take(kLong, kNobodyToEnd));
+}
+
 TEST_F(ExchangeTurnTest, NotGivenUpInTime_IsNotTaken) {
   take();
   bool asked = false;

@@ -130,6 +130,7 @@ int FakeWdfRequest::driversReferencesInAll() const {
 
 void FakeWdfRequest::GetOutputMemory(framework::IWDFMemory** memory) {
   touch("GetOutputMemory");
+  if (setup_.onOutput) setup_.onOutput();
   *memory = output_ ? output_->reference() : nullptr;
 }
 

@@ -29,6 +29,8 @@ struct RequestSetup {
   framework::HRESULT assignResult = 0;
   // The context's cleanup runs at the completion, not with the last reference: a framework may.
   bool cleanUpAtCompletion = false;
+  // Runs when the driver asks for the output memory.
+  std::function<void()> onOutput = nullptr;
   // Runs on the completing thread before anything else of the completion.
   std::function<void()> onComplete = nullptr;
 };

@@ -85,6 +85,28 @@ void SerialisingPipes::closeClient(Client client) {
   changed_.notifyAll();
 }
 
+bool SerialisingPipes::waitForClient(Client client,
+                                     const std::function<bool(const Unread&)>& ready) {
+  MutexLock lock(mutex_);
+  SharedPipe pipe;
+  changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    pipe = pipeOf(client);
+    return pipe == nullptr || ready({pipe->in.size(), pipe->out.size()});
+  });
+  return pipe != nullptr;
+}
+
+void SerialisingPipes::wakeClients() {
+  const MutexLock lock(mutex_);
+  changed_.notifyAll();
+}
+
+void SerialisingPipes::takeBack(Client client) {
+  const MutexLock lock(mutex_);
+  const SharedPipe pipe = pipeOf(client);
+  if (pipe != nullptr) pipe->in.clear();
+}
+
 void SerialisingPipes::bufferWrites(std::uint32_t bytes) {
   MutexLock lock(mutex_);
   leastOutBuffer_ = bytes;

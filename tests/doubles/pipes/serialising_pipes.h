@@ -27,6 +27,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -54,6 +55,17 @@ class SerialisingPipes final : public platform::PipeApi {
   // Waits until the server has dropped the client.
   bool waitForDrop(Client client);
   void closeClient(Client client);
+  // What is in a client's pipe, in bytes.
+  struct Unread {
+    std::size_t byDriver = 0;
+    std::size_t byClient = 0;
+  };
+  // Waits, without a limit, until `ready` holds; false if the server has dropped the client.
+  bool waitForClient(Client client, const std::function<bool(const Unread&)>& ready);
+  // Makes these waits look again.
+  void wakeClients();
+  // Takes back what the client wrote and the driver has not read.
+  void takeBack(Client client);
 
   // Whatever their creator asks for, pipes created from now on take so many bytes without waiting
   // for the client to read them: it is the flush that waits then.

@@ -118,6 +118,27 @@ TEST_F(StuckAgent, DuringATransmitWithOthersWaitingForTheirTurn_DeviceIsTakenDow
   EXPECT_EQ(absent.get()->status(), status::kSuccess) << "no card answers";
 }
 
+// An insertion asks for the ATR with the device lock held, which the transmit needs for its
+// completion.
+TEST_F(StuckAgent, RequestWhoseAnswerIsThere_IsCompletedBeforeAnInsertionAsks) {
+  test::RequestSetup setup{0, kTransmit, 64};
+  setup.onOutput = [this] {
+    std::this_thread::sleep_for(50ms);  // time in which the insertion could ask
+    EXPECT_TRUE(pipes_.waitForClient(command_, [](const SerialisingPipes::Unread& unread) {
+      EXPECT_EQ(unread.byClient, 0u);
+      return true;
+    }));
+  };
+  auto transmit =
+      std::async(std::launch::async, [&] { return &send(IOCTL_SMARTCARD_TRANSMIT, setup); });
+  ASSERT_EQ(pipes_.clientRead(command_, 12), number(2, number(4, {0, 0xA4, 4, 0})));
+  ASSERT_TRUE(pipes_.clientWrite(event_, number(1)));
+  ASSERT_TRUE(log_.waitFor("Card inserted"));
+  ASSERT_TRUE(pipes_.clientWrite(command_, number(2, {0x90, 0x00})));
+  EXPECT_EQ(transmit.get()->status(), status::kSuccess);
+  answerAtrQuery();
+}
+
 // The server thread asks for the ATR with the device lock held, which every control needs.
 TEST_F(StuckAgent, DuringTheQueryForAnInsertedCard_DeviceIsTakenDownInTime) {
   std::promise<void> locking;
