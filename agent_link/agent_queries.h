@@ -53,7 +53,7 @@ class AgentQueries {
  private:
   class Notification;
   enum class NotificationState { kNone, kUnderWay, kCancelled };
-  // How the log calls a query, and whether it has a line of its own for a time-out.
+  // A query's name in the log, and whether the log has a line for its time-out.
   struct Name {
     const char* text;
     bool logsTimeout;

@@ -10,11 +10,12 @@
 // a query runs.
 //
 // Threads: the queries may be called from several threads at once; they take turns. Each is done
-// within twice its limit of about five seconds. `NotifyCardReady` waits as long for its turn and
-// has no limit of its own: it ends with the agent's connection, with `endExchanges`, or when a
-// query has waited for its turn in vain. `endExchanges` may be called from any thread and needs no
-// lock that anybody may hold during an exchange; `shutdown` from any thread that does not hold a
-// lock below the device lock. docs/threads.md has the locks' order.
+// within twice its limit of about five seconds. `NotifyCardReady` waits as long for its turn. The
+// notification itself has no limit: it ends when the agent reads it or disconnects, by
+// `endExchanges`, or when a query has waited its whole limit for a turn. `endExchanges` may be
+// called from any thread and needs no lock that anybody may hold during an exchange; `shutdown`
+// from any thread that does not hold a lock below the device lock. docs/threads.md has the locks'
+// order.
 //
 // Failures are logged where they happen; a query's caller learns only success, failure or
 // time-out. Intentional: if the pipes could not be created, or no insertion request came within ten

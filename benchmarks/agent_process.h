@@ -1,4 +1,4 @@
-// The least agent as a process of its own. Owned and used by one thread.
+// Starts the least agent as a child process. Used by one thread.
 #pragma once
 
 #include <fcntl.h>

@@ -1,5 +1,5 @@
-// Where the files of the process's logger go and which records it writes. log_output.h has the
-// logger itself.
+// Settings of the process's logger: the folder of its files and the filter of its records.
+// log_output.h has the logger itself.
 #pragma once
 
 #include <cstdint>

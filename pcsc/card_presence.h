@@ -16,11 +16,11 @@
 // As long as a call that worked with a card which has left has not returned, no other card is
 // shown.
 //
-// Which thread was told of a card matters: pcscd's polling thread keeps the reader's state in a
-// variable of its own, and pcscd asks for the presence from its clients' threads, too, before each
-// power-up and reset. Were the polling call to wait because a client's thread has seen the card,
-// pcscd would miss an insertion; were it to end although its own thread has, the card would lose
-// its power at once.
+// What the polling thread was told and what clients' threads were told is kept apart. pcscd's
+// polling thread remembers the reader's state in a variable of its own, and clients' threads ask
+// for the presence before each power-up and reset. If the polling call waited because a client's
+// thread had seen the card, pcscd would miss the insertion. If it returned although the polling
+// thread knew of the card, pcscd would power the card down at once.
 //
 // Threads: any. The driver's side may be called under the driver's locks. Nothing here needs
 // memory.

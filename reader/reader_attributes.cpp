@@ -37,7 +37,7 @@ constexpr bool isVendorDefined(std::uint32_t tag) {
 
 }  // namespace
 
-// Where the value of an attribute comes from: a constant, a member, or a handler of its own.
+// The source of an attribute's value: a constant, a member, or a handler.
 struct Reader::AttributeSource {
   std::uint32_t tag;
   std::variant<std::uint32_t, const Value Reader::*, const std::string Reader::*,

@@ -3,8 +3,8 @@
 //
 // The driver's pipes have no buffer: a write waits until the driver reads, and an answer that the
 // driver has given up would block for ever. Therefore the read of the next command's first byte is
-// begun before the answer is written; if that read ends first, the write is taken back. Each post
-// is a write of its own that nobody waits for, up to as many as a small buffer would hold.
+// begun before the answer is written; if that read ends first, the write is taken back. Posts
+// are separate writes that nobody waits for, up to `kMostPosts` at a time.
 #pragma once
 
 #include <windows.h>

@@ -41,7 +41,8 @@ std::uint32_t PipeListener::open() {
 }
 
 std::uint32_t PipeListener::openPlace() {
-  // All the memory that there is need of, before anything appears in the folder.
+  // Allocates everything first: once something appears in the folder, nothing may fail for lack of
+  // memory.
   auto socket = std::make_shared<ScopedFd>();
   if (!place_.fits()) return error::kNameTooLong;
   ScopedFd folder;

@@ -17,10 +17,10 @@ namespace zelta::platform {
 
 namespace {
 
-// The kernel's count of what the peer has not read is in whole buffers, and each buffer counts
-// some hundred bytes of its own on top. One that the peer has just read counts 1 until it is
-// freed, and the kernel wakes waiters before it takes that last 1 off and not again. So a small
-// rest means that everything was read, and waiting for 0 could wait for ever.
+// The kernel counts unread data in whole buffers, each with some hundred bytes of overhead. A
+// buffer that was just read counts 1 until it is freed. The kernel wakes waiters before that 1 is
+// taken off and not again afterwards, so waiting for 0 could last for ever. A count below one
+// buffer means that everything was read.
 constexpr int kLessThanABuffer = 256;
 
 // How far a client is with what was written to it.

@@ -1,5 +1,5 @@
-// An agent that runs in the test's process, on a thread of its own, over the real pipes; and what
-// tests of its parts share with it.
+// Runs an agent in the test's process, on its own thread, over the system's pipes or a double's;
+// and helpers shared with the tests of its classes.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -13,8 +13,7 @@ using Unread = SerialisingPipes::Unread;
 
 class SerialisingPort::Connection final : public agent::PipeConnection {
  public:
-  Connection(SerialisingPipes& pipes, SerialisingPipes::Client client,
-             std::atomic<bool>& answering)
+  Connection(SerialisingPipes& pipes, SerialisingPipes::Client client, std::atomic<bool>& answering)
       : pipes_(pipes), client_(client), answering_(answering) {}
   ~Connection() override { pipes_.closeClient(client_); }
 
@@ -93,7 +92,8 @@ void SerialisingPort::waitUntilAnswering() {
 
 agent::OpenedPipe SerialisingPort::open(const std::string& pipeName) {
   const SerialisingPipes::Client client = pipes_.connectClient(pipeName);
-  if (client == SerialisingPipes::kNoClient) return {agent::OpenResult::kRefused, nullptr, pipeName};
+  if (client == SerialisingPipes::kNoClient)
+    return {agent::OpenResult::kRefused, nullptr, pipeName};
   return {agent::OpenResult::kOpened, std::make_unique<Connection>(pipes_, client, answering_),
           pipeName};
 }

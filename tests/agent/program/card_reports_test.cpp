@@ -1,0 +1,130 @@
+// The whole agent tells the driver, and whoever asks for its status, of the card.
+#include <thread>
+
+#include "tests/agent/program/agent_fixture.h"
+
+namespace zelta::test {
+namespace {
+
+constexpr auto kInserted = static_cast<std::uint32_t>(AgentEvent::kCardInserted);
+constexpr auto kRemoved = static_cast<std::uint32_t>(AgentEvent::kCardRemoved);
+
+TEST_F(AgentTest, CardPulledBetweenConnections_IsNotReported) {
+  DriverEnd driver;
+  RunningAgent agent(card_);
+  expectServed(driver);
+  driver.disconnect();
+  agent.waitConnected(false);
+  EXPECT_EQ(agent.agent().removeCard(), "");
+  driver.acceptSession();
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), Bytes());
+  EXPECT_EQ(agent.agent().insertCard(), "");
+  EXPECT_EQ(driver.readEvent(), kInserted);
+}
+
+TEST_F(AgentTest, EveryConnection_LearnsOfTheCardAnew) {
+  DriverEnd driver;
+  RunningAgent agent(card_);
+  expectServed(driver);
+  driver.disconnect();
+  driver.acceptSession();
+  EXPECT_TRUE(driver.notifyReady());
+  EXPECT_EQ(driver.readEvent(), kInserted);
+}
+
+TEST_F(AgentTest, Grace_DoesNotBeginBeforeTheDriverListensForEvents) {
+  agent::Timing timing = patientTiming();
+  timing.grace = std::chrono::milliseconds(0);
+  DriverEnd driver;
+  RunningAgent agent(card_, timing);
+  driver.accept();
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), heldAtr());
+  EXPECT_EQ(driver.readSessionId(), kSession);
+  EXPECT_EQ(agent.agent().removeCard(), "");
+  EXPECT_EQ(driver.readEvent(), kRemoved);
+}
+
+TEST_F(AgentTest, HundredsOfSwaps_AreReportedInTurns) {
+  DriverEnd driver;
+  RunningAgent agent(card_);
+  expectServed(driver);
+  for (int swap = 0; swap < 300; ++swap) {
+    ASSERT_EQ(agent.agent().removeCard(), "");
+    ASSERT_EQ(agent.agent().insertCard(), "");
+    ASSERT_EQ(driver.readEvent(), kRemoved);
+    ASSERT_EQ(driver.readEvent(), kInserted);
+  }
+}
+
+TEST_F(AgentTest, SwapsQuickerThanTheDriverReads_AreReportedInTurnsToTheLast) {
+  DriverEnd driver;
+  RunningAgent agent(card_);
+  expectServed(driver);
+  for (int swap = 0; swap < 50; ++swap) {
+    ASSERT_EQ(agent.agent().removeCard(), "");
+    ASSERT_EQ(agent.agent().insertCard(), "");
+  }
+  ASSERT_EQ(agent.agent().removeCard(), "");
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtr), Bytes());  // after all events
+  std::size_t events =
+      agent.log().count("Card removal reported") + agent.log().count("Card insertion reported");
+  EXPECT_EQ(events % 2, 1u);
+  for (std::uint32_t expected = kRemoved; events > 0; --events) {
+    ASSERT_EQ(driver.readEvent(), expected);
+    expected = expected == kRemoved ? kInserted : kRemoved;
+  }
+}
+
+// A driver that handles an insertion asks for the ATR before it reads the next event.
+TEST_F(AgentTest, EventPipeThatTakesNoMore_DoesNotHoldUpCommands) {
+  // False if the pipe takes no more.
+  const auto isReported = [](RunningAgent& agent, const char* line, std::size_t times) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    while (agent.log().count(line) < times) {
+      if (std::chrono::steady_clock::now() > end) return false;
+      std::this_thread::yield();
+    }
+    return true;
+  };
+  DriverEnd driver;
+  RunningAgent agent(card_);
+  expectServed(driver);
+  for (std::size_t swaps = 1;; ++swaps) {
+    ASSERT_EQ(agent.agent().removeCard(), "");
+    if (!isReported(agent, "Card removal reported", swaps)) break;
+    ASSERT_EQ(agent.agent().insertCard(), "");
+    if (!isReported(agent, "Card insertion reported", swaps)) break;
+  }
+  const auto begin = std::chrono::steady_clock::now();
+  const bool isOut = !agent.agent().status().cardIn;
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), isOut ? Bytes() : heldAtr());
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, kLong / 2);
+  EXPECT_EQ(driver.readEvent(), kRemoved);
+  EXPECT_EQ(driver.readEvent(), kInserted);
+}
+
+TEST_F(AgentTest, Status_TellsOfDriverAndCard) {
+  RunningAgent agent(card_);
+  agent::Agent::Status status = agent.agent().status();
+  EXPECT_FALSE(status.connected);
+  EXPECT_TRUE(status.cardIn);
+  EXPECT_EQ(status.atr, Bytes());
+  EXPECT_EQ(status.backend, "held");
+  EXPECT_EQ(status.sessionId, kSession);
+  DriverEnd driver;
+  expectServed(driver);
+  agent.waitConnected(true);
+  status = agent.agent().status();
+  EXPECT_TRUE(status.connected);
+  EXPECT_EQ(status.atr, heldAtr());
+  EXPECT_EQ(agent.agent().removeCard(), "");
+  EXPECT_EQ(agent.agent().removeCard(), "no card is in");
+  status = agent.agent().status();
+  EXPECT_FALSE(status.cardIn);
+  EXPECT_EQ(status.atr, Bytes());
+  driver.disconnect();
+  agent.waitConnected(false);
+}
+
+}  // namespace
+}  // namespace zelta::test
