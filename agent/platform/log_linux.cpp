@@ -1,4 +1,4 @@
-#include "agent/platform/log_linux.h"
+#include "agent/program/program.h"
 
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>

@@ -16,24 +16,23 @@
 #include "agent/card/backend_choice.h"
 #include "agent/control/control.h"
 #include "agent/control/control_socket.h"
-#include "agent/platform/log_linux.h"
 #include "agent/platform/stop_event_linux.h"
 #include "agent/program/agent.h"
 #include "agent/program/agent_run.h"
 #include "agent/program/failure.h"
-#include "agent/program/options.h"
+#include "agent/program/program.h"
 #include "agent/program/session_id.h"
 #include "agent/version.h"
 #include "platform/files/scoped_fd_linux.h"
 
 namespace zelta::agent {
 
+const Edition kEdition = {
+    "Signals: SIGUSR1 removes the card, SIGUSR2 inserts it, SIGINT and SIGTERM end the agent."};
+
 namespace {
 
 using platform::ScopedFd;
-
-constexpr Edition kEdition = {
-    "Signals: SIGUSR1 removes the card, SIGUSR2 inserts it, SIGINT and SIGTERM end the agent."};
 
 // The signals that the program waits for; blocked in every thread.
 sigset_t waitedSignals() {
@@ -41,19 +40,6 @@ sigset_t waitedSignals() {
   sigemptyset(&signals);
   for (const int signal : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2}) sigaddset(&signals, signal);
   return signals;
-}
-
-int runControl(const Options& options) {
-  const std::vector<std::string> paths = options.control.empty()
-                                             ? defaultControlPaths(options.reader)
-                                             : std::vector<std::string>{options.control};
-  const ControlResult result = readControlAnswer(askAgent(paths, controlLine(options)));
-  if (result.success) {
-    std::cout << result.text;
-    return kExitDone;
-  }
-  std::cerr << "zelta-agent: " << result.text;
-  return kExitFailed;
 }
 
 // What the program waits for while the agent serves: signals, and a failure of a thread.
@@ -104,6 +90,21 @@ void tellState(bool connected) {
   sd_notify(0, connected ? "STATUS=Connected to the driver" : "STATUS=Waiting for the driver");
 }
 
+}  // namespace
+
+int runControl(const Options& options) {
+  const std::vector<std::string> paths = options.control.empty()
+                                             ? defaultControlPaths(options.reader)
+                                             : std::vector<std::string>{options.control};
+  const ControlResult result = readControlAnswer(askAgent(paths, controlLine(options)));
+  if (result.success) {
+    std::cout << result.text;
+    return kExitDone;
+  }
+  std::cerr << "zelta-agent: " << result.text;
+  return kExitFailed;
+}
+
 int runAgent(const Options& options, Log& log) {
   Endings endings;  // first: threads take the blocked signals over
   const OnFailure onFailure = [&endings](const char* problem) { endings.failure().take(problem); };
@@ -133,41 +134,9 @@ int runAgent(const Options& options, Log& log) {
   return run.stop(endings.failure(), log);
 }
 
-int runWithMemory(int argc, const char* const* argv) {
-  const ParsedOptions parsed = parseOptions(argc, argv, kEdition);
-  std::cout << parsed.output << std::flush;
-  std::cerr << parsed.error << std::flush;
-  if (!parsed.options) return parsed.exitCode;
-  const Options& options = *parsed.options;
-  Log log(options.logLevel, standardErrorSink());
-  try {
-    if (options.action != Options::Action::kRun) return runControl(options);
-    if (options.pin) {
-      log.warning("The PIN stands on the command line, where others can read it; use --pin-file");
-    }
-    return runAgent(options, log);
-  } catch (const std::exception& error) {
-    if (options.action != Options::Action::kRun) {
-      std::cerr << "zelta-agent: " << error.what() << "\n";
-    } else {
-      log.error(error.what());
-    }
-    return kExitFailed;
-  }
-}
-
-}  // namespace
-
-int runProgram(int argc, const char* const* argv) {
-  try {
-    return runWithMemory(argc, argv);
-  } catch (const std::exception&) {
-    // What went wrong could not even be said.
-    constexpr std::string_view kText = "zelta-agent: out of memory\n";
-    const ssize_t written = write(STDERR_FILENO, kText.data(), kText.size());
-    static_cast<void>(written);
-    return kExitFailed;
-  }
+void writeStandardError(std::string_view text) {
+  const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
+  static_cast<void>(written);
 }
 
 }  // namespace zelta::agent

@@ -15,16 +15,13 @@
 #include "agent/program/agent_run.h"
 #include "agent/program/failure.h"
 #include "agent/program/log.h"
-#include "agent/program/options.h"
 #include "agent/program/program.h"
 #include "agent/program/session_id.h"
 #include "agent/version.h"
 
 namespace zelta::agent {
 
-namespace {
-
-constexpr Edition kEdition = {
+const Edition kEdition = {
     "On Windows only --backend script is available. Ctrl-C and Ctrl-Break end the agent.", true};
 
 Log::Sink standardErrorSink() {
@@ -34,6 +31,9 @@ Log::Sink standardErrorSink() {
 }
 
 int runAgent(const Options& options, Log& log) {
+  if (options.backend != BackendKind::kScript) {
+    throw std::runtime_error("only --backend script is available on Windows");
+  }
   const HANDLE endRequested = followConsole();
   const ScopedHandle failed = makeEvent();
   FailureNote failure([&failed] { SetEvent(failed.get()); });
@@ -56,40 +56,12 @@ int runAgent(const Options& options, Log& log) {
   return run.stop(failure, log);
 }
 
-int runWithMemory(int argc, const char* const* argv) {
-  const ParsedOptions parsed = parseOptions(argc, argv, kEdition);
-  std::cout << parsed.output << std::flush;
-  std::cerr << parsed.error << std::flush;
-  if (!parsed.options) return parsed.exitCode;
-  const Options& options = *parsed.options;
-  Log log(options.logLevel, standardErrorSink());
-  try {
-    if (options.action != Options::Action::kRun) {
-      throw std::runtime_error("ctl is not available on Windows");
-    }
-    if (options.backend != BackendKind::kScript) {
-      throw std::runtime_error("only --backend script is available on Windows");
-    }
-    return runAgent(options, log);
-  } catch (const std::exception& error) {
-    log.error(error.what());
-    return kExitFailed;
-  }
-}
+int runControl(const Options&) { throw std::runtime_error("ctl is not available on Windows"); }
 
-}  // namespace
-
-int runProgram(int argc, const char* const* argv) {
-  try {
-    return runWithMemory(argc, argv);
-  } catch (const std::exception&) {
-    // What went wrong could not even be said.
-    constexpr std::string_view kText = "zelta-agent: out of memory\r\n";
-    DWORD written = 0;
-    WriteFile(GetStdHandle(STD_ERROR_HANDLE), kText.data(), static_cast<DWORD>(kText.size()),
-              &written, nullptr);
-    return kExitFailed;
-  }
+void writeStandardError(std::string_view text) {
+  DWORD written = 0;
+  WriteFile(GetStdHandle(STD_ERROR_HANDLE), text.data(), static_cast<DWORD>(text.size()), &written,
+            nullptr);
 }
 
 }  // namespace zelta::agent

@@ -1,8 +1,28 @@
+// The program around the agent. `runProgram` is the same on every system; the rest differs.
 #pragma once
+
+#include <string_view>
+
+#include "agent/program/log.h"
+#include "agent/program/options.h"
 
 namespace zelta::agent {
 
 // The whole program; returns its exit code.
 int runProgram(int argc, const char* const* argv);
+
+// The system's part:
+
+extern const Edition kEdition;
+
+// Where the agent's log goes.
+Log::Sink standardErrorSink();
+// Runs the agent until it is ended; returns the program's exit code. What it throws ends the
+// program with a line in the log.
+int runAgent(const Options& options, Log& log);
+// Runs a control command; returns the program's exit code.
+int runControl(const Options& options);
+// Needs no memory.
+void writeStandardError(std::string_view text);
 
 }  // namespace zelta::agent

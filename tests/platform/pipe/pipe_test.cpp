@@ -7,6 +7,7 @@
 #include <string>
 
 #include "tests/doubles/pipes/serialising_pipes.h"
+#include "tests/platform/pipe/pipe_calls.h"
 #include "tests/platform/pipe/pipe_conformance.h"
 
 namespace zelta::test {
@@ -68,13 +69,15 @@ struct PipeWorldMaker {
   std::unique_ptr<PipeWorld> (*make)();
 };
 
-class PipeTest : public testing::TestWithParam<PipeWorldMaker> {
+struct WorldOfTest {
+  const std::unique_ptr<PipeWorld> world_;
+};
+
+class PipeTest : public testing::TestWithParam<PipeWorldMaker>,
+                 private WorldOfTest,
+                 protected PipeCalls {
  protected:
-  ~PipeTest() override {
-    if (pipe_ == platform::noPipe()) return;
-    pipes_.cancel(pipe_);
-    pipes_.close(pipe_);
-  }
+  PipeTest() : WorldOfTest{GetParam().make()}, PipeCalls(world_->pipes()) {}
 
   void SetUp() override {
     pipe_ = create();
@@ -96,25 +99,6 @@ class PipeTest : public testing::TestWithParam<PipeWorldMaker> {
     return client;
   }
 
-  PipeOutcome disconnect() {
-    return outcomeOf([this] { return pipes_.disconnect(pipe_); });
-  }
-  PipeOutcome cancel() {
-    return outcomeOf([this] { return pipes_.cancel(pipe_); });
-  }
-  PipeOutcome flush() {
-    return outcomeOf([this] { return pipes_.flush(pipe_); });
-  }
-  PipeOutcome read(Bytes* bytes) {
-    return outcomeOf([&] {
-      return pipes_.read(pipe_, bytes->data(), static_cast<std::uint32_t>(bytes->size()));
-    });
-  }
-  PipeOutcome write(const Bytes& bytes) {
-    return outcomeOf([&] {
-      return pipes_.write(pipe_, bytes.data(), static_cast<std::uint32_t>(bytes.size()));
-    });
-  }
   void expectRead(PipeWorld::Client& client, const Bytes& sent) {
     ASSERT_TRUE(client.write(sent));
     Bytes bytes(sent.size());
@@ -122,17 +106,8 @@ class PipeTest : public testing::TestWithParam<PipeWorldMaker> {
     EXPECT_EQ(bytes, sent);
   }
 
-  const std::unique_ptr<PipeWorld> world_ = GetParam().make();
+  using WorldOfTest::world_;
   const PipeDifferences& differs_ = world_->differences;
-  platform::PipeApi& pipes_ = world_->pipes();
-  PipeHandleValue pipe_ = platform::noPipe();
-
-  // Calls that can block, for threads of their own.
-  const std::function<bool()> connect_ = [this] { return pipes_.connect(pipe_); };
-  const std::function<bool()> readByte_ = [this] {
-    char byte = 0;
-    return pipes_.read(pipe_, &byte, 1);
-  };
 };
 
 TEST_P(PipeTest, EmptyDescriptor_IsRefusedOrHasNoEntries) {

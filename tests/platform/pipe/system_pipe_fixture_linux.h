@@ -10,14 +10,13 @@
 #include "platform/pipe/pipe.h"
 #include "platform/pipe/pipe_path.h"
 #include "platform/process/error.h"
-#include "tests/support/pipe_call.h"
+#include "tests/platform/pipe/pipe_calls.h"
 #include "tests/support/pipe_client.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::test {
 
 namespace error = platform::error;
-using Bytes = std::vector<std::uint8_t>;
 using platform::PipeHandleValue;
 
 inline constexpr char kPipeName[] = "\\\\.\\pipe\\Prefix\\Service\\pipe0";
@@ -25,13 +24,9 @@ inline constexpr char kPipeSddl[] =
     "D:(D;OICI;GA;;;BG)(D;OICI;GA;;;AN)(A;OICI;GA;;;LS)(A;OICI;GA;;;SY)";
 inline constexpr std::uint32_t kLargerThanSocket = 4 * 1024 * 1024;  // bytes
 
-class SystemPipeTest : public testing::Test {
+class SystemPipeTest : public testing::Test, protected PipeCalls {
  protected:
-  ~SystemPipeTest() override {
-    if (pipe_ == platform::noPipe()) return;
-    pipes_.cancel(pipe_);
-    pipes_.close(pipe_);
-  }
+  SystemPipeTest() : PipeCalls(platform::systemPipes()) {}
 
   PipeHandleValue create(const std::string& name = kPipeName, const char* sddl = kPipeSddl) {
     platform::PipeArguments arguments;
@@ -74,40 +69,15 @@ class SystemPipeTest : public testing::Test {
     EXPECT_EQ(byte, Bytes{0x5A});
   }
 
-  PipeOutcome disconnect() {
-    return outcomeOf([this] { return pipes_.disconnect(pipe_); });
-  }
-  PipeOutcome cancel() {
-    return outcomeOf([this] { return pipes_.cancel(pipe_); });
-  }
-  PipeOutcome read(Bytes* bytes) {
-    return outcomeOf([&] {
-      return pipes_.read(pipe_, bytes->data(), static_cast<std::uint32_t>(bytes->size()));
-    });
-  }
-  PipeOutcome write(const Bytes& bytes) {
-    return outcomeOf([&] {
-      return pipes_.write(pipe_, bytes.data(), static_cast<std::uint32_t>(bytes.size()));
-    });
-  }
-  PipeOutcome flush() { return outcomeOf(flush_); }
   std::string path(const std::string& name = kPipeName) { return platform::pipeSocketPath(name); }
 
-  platform::PipeApi& pipes_ = platform::systemPipes();
   TempFolder folder_;
   ScopedVariable root_{"ZELTA_PIPE_ROOT", folder_.file("root/pipe")};
-  PipeHandleValue pipe_ = platform::noPipe();
 
-  // Calls that can block, for threads of their own.
-  const std::function<bool()> connect_ = [this] { return pipes_.connect(pipe_); };
-  const std::function<bool()> readByte_ = [this] {
-    std::uint8_t byte = 0;
-    return pipes_.read(pipe_, &byte, 1);
-  };
+  // A call that can block.
   const std::function<bool()> writeLarge_ = [this, large = Bytes(kLargerThanSocket)] {
     return pipes_.write(pipe_, large.data(), kLargerThanSocket);
   };
-  const std::function<bool()> flush_ = [this] { return pipes_.flush(pipe_); };
 };
 
 }  // namespace zelta::test
