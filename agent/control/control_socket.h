@@ -1,7 +1,6 @@
 // The local socket through which `zelta-agent ctl` reaches the running agent.
 #pragma once
 
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -10,12 +9,6 @@
 #include "agent/program/failure.h"
 
 namespace zelta::agent {
-
-// Paths at which the control socket of a reader's agent may be, the agent's own choice first:
-// $XDG_RUNTIME_DIR/zelta-agent<reader>.ctl if that variable is set,
-// /run/zelta/agent<reader>.ctl,
-// /run/zelta-agent<reader>/control, the one of the agent that runs as a service.
-std::vector<std::string> defaultControlPaths(std::uint32_t reader);
 
 // The agent's end. One thread serves one client after the other; a client that does not ask within
 // a second is dropped. Only the agent's own user (and root) can connect.

@@ -4,20 +4,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
 #include <utility>
 
-#include "agent/control/control.h"
 #include "agent/control/control_socket.h"
 #include "agent/platform/stop_event_linux.h"
+#include "contract/control.h"
 #include "platform/files/scoped_fd_linux.h"
+#include "platform/pipe/ask_socket_linux.h"
 #include "platform/pipe/socket_place_linux.h"
 
 namespace zelta::agent {
@@ -37,16 +36,6 @@ constexpr std::chrono::seconds kAnswerLimit{10};
 
 [[noreturn]] void failForPath(const std::string& path) {
   fail("the control path '" + path + "' cannot be used", ENAMETOOLONG);
-}
-
-// A connect waits for its turn if other clients wait, too.
-ScopedFd makeClient() {
-  ScopedFd made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (!made.valid()) fail("no socket", errno);
-  timeval limit{};
-  limit.tv_sec = kAnswerLimit.count();
-  setsockopt(made.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-  return made;
 }
 
 bool isPassing(int error) { return error == EAGAIN || error == EINTR; }
@@ -159,18 +148,6 @@ class SocketServer final : public ControlServer {
 
 }  // namespace
 
-std::vector<std::string> defaultControlPaths(std::uint32_t reader) {
-  const std::string agent = "agent" + std::to_string(reader);
-  std::vector<std::string> paths;
-  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-  if (runtime != nullptr && *runtime != '\0') {
-    paths.push_back(std::string(runtime) + "/zelta-" + agent + ".ctl");
-  }
-  paths.push_back("/run/zelta/" + agent + ".ctl");
-  paths.push_back("/run/zelta-" + agent + "/control");
-  return paths;
-}
-
 std::unique_ptr<ControlServer> openControlServer(const std::string& path,
                                                  ControlServer::Handler handler,
                                                  OnFailure onFailure) {
@@ -178,31 +155,21 @@ std::unique_ptr<ControlServer> openControlServer(const std::string& path,
 }
 
 std::string askAgent(const std::vector<std::string>& paths, const std::string& line) {
-  ScopedFd client;
-  int error = ENOENT;
-  for (const std::string& path : paths) {
-    client = makeClient();
-    error = platform::connectToPath(client, path);
-    if (error == ENAMETOOLONG) failForPath(path);
-    if (error == 0) break;
-  }
-  if (error == ENOENT || error == ECONNREFUSED) {
-    throw std::runtime_error("no agent is running at " + paths.front());
-  }
-  if (error != 0) fail("the agent at " + paths.front(), error);
-  if (send(client.get(), line.data(), line.size(), MSG_NOSIGNAL) < 0) fail("the agent", errno);
-  const StopEvent never;
-  const auto deadline = SteadyClock::now() + kAnswerLimit;
-  std::string answer;
-  for (;;) {
-    if (never.waitFor(client.get(), POLLIN, deadline).reason != StopEvent::Reason::kReady) {
+  platform::SocketAnswer answer =
+      platform::askSocket(paths, line, SteadyClock::now() + kAnswerLimit, kLongestControlAnswer);
+  switch (answer.error) {
+    case 0:
+    case ECONNRESET:  // an agent that has ended
+      return std::move(answer.text);
+    case ENOENT:
+    case ECONNREFUSED:
+      throw std::runtime_error("no agent is running at " + paths.front());
+    case ENAMETOOLONG:
+      failForPath(paths.front());
+    case ETIMEDOUT:
       throw std::runtime_error("the agent gave no answer in time");
-    }
-    std::array<char, 1024> buffer{};
-    const ssize_t count = recv(client.get(), buffer.data(), buffer.size(), 0);
-    if (count == 0) return answer;
-    if (count > 0) answer.append(buffer.data(), static_cast<std::size_t>(count));
-    if (count < 0 && !isPassing(errno)) return answer;
+    default:
+      fail("the agent at " + paths.front(), answer.error);
   }
 }
 

@@ -24,6 +24,7 @@
 #include "agent/program/options.h"
 #include "agent/program/session_id.h"
 #include "agent/version.h"
+#include "contract/control.h"
 #include "platform/files/scoped_fd_linux.h"
 
 namespace zelta::agent {
