@@ -28,6 +28,10 @@ std::vector<std::string> defaultControlPaths(std::uint32_t reader) {
   return paths;
 }
 
+std::string controlLinkPath(const std::string& pipeRoot, std::uint32_t reader) {
+  return pipeRoot + "-agent" + std::to_string(reader);
+}
+
 bool saysCardIsIn(const std::string& answer, std::uint32_t reader) {
   const std::string ok = kControlOk;
   return answer.compare(0, ok.size(), ok) == 0 &&

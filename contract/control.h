@@ -28,6 +28,10 @@ inline constexpr std::size_t kLongestControlAnswer = 65536;
 // /run/zelta-agent<reader>/control, the one of the agent that runs as a service.
 std::vector<std::string> defaultControlPaths(std::uint32_t reader);
 
+// Where an agent that may write there leaves a link to its control socket, wherever that is: beside
+// the folder of its pipes.
+std::string controlLinkPath(const std::string& pipeRoot, std::uint32_t reader);
+
 // Whether this answer to `kControlStatusJson` is of that reader's agent and says that a card is in.
 bool saysCardIsIn(const std::string& answer, std::uint32_t reader);
 

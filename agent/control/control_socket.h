@@ -19,16 +19,19 @@ class ControlServer {
 
   virtual ~ControlServer() = default;  // ends the thread and removes the socket
 
-  // Removes the socket, so that no further client comes. Any thread; may be repeated.
+  // Removes the socket and its link, so that no further client comes. Any thread; may be repeated.
   virtual void removePath() = 0;
 };
 
 // Makes missing folders and replaces a socket that a dead agent left. Throws std::runtime_error
 // with a message for people, for example if a live agent has the path. `onFailure` learns of it if
 // the server's thread ends by an exception, for example by one of the handler.
+//
+// With `link`, leaves a symbolic link to the socket there, in the place of another agent's. An
+// agent that may not write there goes without.
 std::unique_ptr<ControlServer> openControlServer(const std::string& path,
                                                  ControlServer::Handler handler,
-                                                 OnFailure onFailure);
+                                                 OnFailure onFailure, const std::string& link = {});
 
 // Asks the agent at the first of the paths at which one listens. Throws std::runtime_error with a
 // message for people if none does or the answer does not come within 10 seconds.

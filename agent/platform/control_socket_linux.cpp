@@ -23,9 +23,11 @@ namespace zelta::agent {
 
 namespace {
 
+namespace fs = std::filesystem;
 using platform::ScopedFd;
 
 constexpr mode_t kOwnerOnly = S_IRUSR | S_IWUSR;
+constexpr fs::perms kOpenFolder{0755};
 constexpr int kQueue = 8;  // clients that wait
 constexpr std::chrono::seconds kAskLimit{1};
 constexpr std::chrono::seconds kAnswerLimit{10};
@@ -60,22 +62,54 @@ std::optional<std::string> readLine(const ScopedFd& client, const StopEvent& sto
 
 // The folder of the control socket, made if it is missing.
 ScopedFd openFolderOf(const std::string& path) {
-  const std::filesystem::path folder = std::filesystem::absolute(path).parent_path();
+  const fs::path folder = fs::absolute(path).parent_path();
   std::error_code ignored;
-  std::filesystem::create_directories(folder, ignored);
+  fs::create_directories(folder, ignored);
   ScopedFd opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!opened.valid()) fail("the folder of the control path " + path, errno);
   return opened;
 }
 
+// A symbolic link to `target`, for this object's life; none if the link cannot be made.
+class ScopedLink {
+ public:
+  ScopedLink(std::string path, const fs::path& target)
+      : path_(std::move(path)), target_(fs::absolute(target)) {
+    if (path_.empty()) return;
+    std::error_code failed;
+    const std::string unready = path_ + "~";
+    const fs::path folder = fs::path(path_).parent_path();
+    // The driver's pipes will be in there, whatever this process's umask keeps from others.
+    if (fs::create_directories(folder, failed)) fs::permissions(folder, kOpenFolder, failed);
+    fs::remove(unready, failed);
+    fs::create_symlink(target_, unready, failed);
+    if (!failed) fs::rename(unready, path_, failed);
+  }
+  ~ScopedLink() { remove(); }
+  ScopedLink(const ScopedLink&) = delete;
+  ScopedLink& operator=(const ScopedLink&) = delete;
+
+  // If it is still this one's. May be repeated.
+  void remove() const {
+    std::error_code failed;
+    if (fs::read_symlink(path_, failed) == target_) fs::remove(path_, failed);
+  }
+
+ private:
+  const std::string path_;
+  const fs::path target_;
+};
+
 class SocketServer final : public ControlServer {
  public:
-  SocketServer(const std::string& path, Handler handler, OnFailure onFailure)
+  SocketServer(const std::string& path, Handler handler, OnFailure onFailure,
+               const std::string& link)
       : place_(path),
         handler_(std::move(handler)),
         onFailure_(std::move(onFailure)),
         stop_("no event"),
-        listener_(listenAt(path)) {
+        listener_(listenAt(path)),
+        link_(link, path) {
     try {
       thread_ = std::thread([this] { guarded(onFailure_, [this] { serve(); }); });
     } catch (...) {
@@ -91,7 +125,9 @@ class SocketServer final : public ControlServer {
   }
 
   void removePath() override {
-    if (!removed_.exchange(true)) place_.release(folder_.get());
+    if (removed_.exchange(true)) return;
+    link_.remove();
+    place_.release(folder_.get());
   }
 
  private:
@@ -142,6 +178,7 @@ class SocketServer final : public ControlServer {
   const StopEvent stop_;
   ScopedFd folder_;
   const ScopedFd listener_;
+  const ScopedLink link_;
   std::atomic<bool> removed_{false};
   std::thread thread_;
 };
@@ -150,8 +187,8 @@ class SocketServer final : public ControlServer {
 
 std::unique_ptr<ControlServer> openControlServer(const std::string& path,
                                                  ControlServer::Handler handler,
-                                                 OnFailure onFailure) {
-  return std::make_unique<SocketServer>(path, std::move(handler), std::move(onFailure));
+                                                 OnFailure onFailure, const std::string& link) {
+  return std::make_unique<SocketServer>(path, std::move(handler), std::move(onFailure), link);
 }
 
 std::string askAgent(const std::vector<std::string>& paths, const std::string& line) {

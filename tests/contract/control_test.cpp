@@ -23,6 +23,10 @@ TEST(DefaultControlPaths, NoRuntimeFolder_LeavesTheSystemsFolders) {
               testing::ElementsAre("/run/zelta/agent0.ctl", "/run/zelta-agent0/control"));
 }
 
+TEST(ControlLinkPath, IsBesideThePipes) {
+  EXPECT_EQ(controlLinkPath("/run/zelta/pipe", 0), "/run/zelta/pipe-agent0");
+}
+
 struct AnswerRow {
   const char* name;
   const char* answer;

@@ -147,6 +147,32 @@ TEST_F(ControlSocket, FirstPathWithAnAgent_IsAsked) {
   EXPECT_EQ(askAgent({folder_.file("none"), path_}, "x\n"), "<x>");
 }
 
+TEST_F(ControlSocket, Link_LeadsToTheSocketAndGoesWithTheServer) {
+  const std::string link = folder_.file("other/link");
+  {
+    const auto server = openControlServer(path_, echo, test::failTest, link);
+    EXPECT_EQ(askAgent({link}, "x\n"), "<x>");
+  }
+  EXPECT_FALSE(std::filesystem::is_symlink(link));
+}
+
+TEST_F(ControlSocket, LinkOfAnotherAgent_IsReplacedAndThenItsOwn) {
+  const std::string link = folder_.file("link");
+  std::filesystem::create_symlink(folder_.file("dead"), link);
+  auto first = openControlServer(path_, echo, test::failTest, link);
+  EXPECT_EQ(askAgent({link}, "x\n"), "<x>");
+  const std::string path = folder_.file("second.ctl");
+  const auto second = openControlServer(path, echo, test::failTest, link);
+  first.reset();
+  EXPECT_EQ(std::filesystem::read_symlink(link), path);
+}
+
+TEST_F(ControlSocket, LinkThatCannotBeMade_IsGoneWithout) {
+  std::ofstream(folder_.file("file")) << "precious";
+  const auto server = openControlServer(path_, echo, test::failTest, folder_.file("file/link"));
+  EXPECT_EQ(askAgent({path_}, "x\n"), "<x>");
+}
+
 TEST_F(ControlSocket, NoAgent_IsAMessage) {
   EXPECT_EQ(problemOf([&] { askAgent({path_}, "x\n"); }), "no agent is running at " + path_);
 }
