@@ -125,6 +125,13 @@ void CardPresence::awaitChange(std::chrono::milliseconds limit) {
   if (shown()) cardTold_ = true;
 }
 
+bool CardPresence::awaitCard(Clock::time_point deadline) {
+  MutexLock lock(mutex_);
+  return condition_.waitFor(lock, deadline - Clock::now(),
+                            [this]()
+                                ZELTA_NO_THREAD_SAFETY_ANALYSIS { return shown() || closed_; });
+}
+
 void CardPresence::stopAwaiting() {
   const MutexLock lock(mutex_);
   stopped_ = true;

@@ -41,6 +41,8 @@ inline constexpr CardNumber kNoCard = 0;
 
 class CardPresence {
  public:
+  using Clock = std::chrono::steady_clock;
+
   static constexpr std::chrono::milliseconds kSettlingTime{200};
   static constexpr std::chrono::milliseconds kLongestSettling{1000};
 
@@ -74,14 +76,15 @@ class CardPresence {
   // The polling function: returns the moment a change is there that the caller has not been told
   // of, when stopped, or when the time has run out.
   void awaitChange(std::chrono::milliseconds limit) ZELTA_EXCLUDES(mutex_);
+  // Waits until a card is shown or this is closed; false if neither has come about by `deadline`.
+  // The polling function is told of the card all the same.
+  bool awaitCard(Clock::time_point deadline) ZELTA_EXCLUDES(mutex_);
   // Ends `awaitChange`: the one that waits now, or else the next one.
   void stopAwaiting() ZELTA_EXCLUDES(mutex_);
   // Ends every `awaitChange` from now on; no card is shown any more.
   void close() ZELTA_EXCLUDES(mutex_);
 
  private:
-  using Clock = std::chrono::steady_clock;
-
   enum class Removal {
     kNone,
     kUntold,    // the polling function has not returned for it yet
@@ -102,7 +105,7 @@ class CardPresence {
   void awaitNews(platform::MutexLock& lock, Clock::time_point end) ZELTA_REQUIRES(mutex_);
 
   mutable platform::Mutex mutex_;
-  platform::ConditionVariable condition_;               // for the polling function
+  platform::ConditionVariable condition_;               // for those who wait
   std::uint64_t changes_ ZELTA_GUARDED_BY(mutex_) = 0;  // so far
   bool in_ ZELTA_GUARDED_BY(mutex_) = false;            // as the driver has it
   bool leftEarly_ ZELTA_GUARDED_BY(mutex_) = false;     // before it was shown

@@ -76,9 +76,13 @@ class Channel {
   RESPONSECODE setAttribute(DWORD tag, const Bytes& value);
 
   void awaitChange(std::chrono::milliseconds limit) { presence_->awaitChange(limit); }
+  // Returns when a card is there, or at `close`; false if neither has come about by `deadline`.
+  bool awaitCard(CardPresence::Clock::time_point deadline) {
+    return presence_->awaitCard(deadline);
+  }
   void stopAwaiting() { presence_->stopAwaiting(); }
-  // Before the end: releases `awaitChange` for good, shows no card any more and lets the watch for
-  // it end.
+  // Before the end: releases `awaitChange` and `awaitCard` for good, shows no card any more and
+  // lets the watch for it end.
   void close();
 
  private:

@@ -1,5 +1,6 @@
 #include "pcsc/channel_table.h"
 
+#include <algorithm>
 #include <exception>
 #include <new>
 #include <utility>
@@ -26,6 +27,25 @@ void ChannelTable::leave(Entry& entry) {
 }
 
 RESPONSECODE ChannelTable::open(DWORD lun, std::uint32_t readerIndex) {
+  const RESPONSECODE code = openChannel(lun, readerIndex);
+  if (code == IFD_SUCCESS) awaitFirstCard(lun, readerIndex);
+  return code;
+}
+
+void ChannelTable::awaitFirstCard(DWORD lun, std::uint32_t readerIndex) noexcept {
+  using Clock = CardPresence::Clock;
+  const Use use(*this, lun);
+  if (use.channel() == nullptr || !surroundings_.agentHasCard) return;
+  const Clock::time_point deadline = Clock::now() + kFirstCardLimit;
+  try {
+    while (Clock::now() < deadline && surroundings_.agentHasCard(readerIndex, deadline)) {
+      if (use.channel()->awaitCard(std::min(deadline, Clock::now() + kAskAgentPause))) return;
+    }
+  } catch (const std::bad_alloc&) {  // no memory to ask the agent: as if there were none
+  }
+}
+
+RESPONSECODE ChannelTable::openChannel(DWORD lun, std::uint32_t readerIndex) {
   const MutexLock openLock(openMutex_);
   if (isTaken(lun, readerIndex)) return IFD_COMMUNICATION_ERROR;
   RESPONSECODE code = IFD_COMMUNICATION_ERROR;

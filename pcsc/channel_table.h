@@ -3,10 +3,14 @@
 // The driver's host is loaded and the device brought up with the first channel; the last one takes
 // the device down and the host with it. A reader of the driver belongs to one channel at a time.
 //
-// Threads: any. Opening and closing are serialised. A use keeps its channel alive; `close` makes
-// the calls inside it end and waits for them.
+// pcscd asks for the card as soon as a channel is open, and the agent connects only after the
+// device has been brought up. So opening waits for the card of an agent that says it has one.
+//
+// Threads: any. Opening and closing are serialised, but for that wait. A use keeps its channel
+// alive; `close` makes the calls inside it end and waits for them.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -27,6 +31,10 @@ struct Surroundings {
       loadHost;
   std::function<std::string()> modulePath;
   Log log;
+  // Whether the reader's agent says that it has a card; returns by the deadline. May throw
+  // std::bad_alloc. Empty: there are no agents.
+  std::function<bool(std::uint32_t readerIndex, CardPresence::Clock::time_point deadline)>
+      agentHasCard = nullptr;
 };
 
 class ChannelTable {
@@ -39,6 +47,11 @@ class ChannelTable {
   };
 
  public:
+  // How long opening waits for the card of an agent.
+  static constexpr std::chrono::milliseconds kFirstCardLimit{500};
+  // The agent is asked again so often whether it still has the card.
+  static constexpr std::chrono::milliseconds kAskAgentPause{50};
+
   explicit ChannelTable(Surroundings surroundings);
   ChannelTable(const ChannelTable&) = delete;
   ChannelTable& operator=(const ChannelTable&) = delete;
@@ -63,7 +76,9 @@ class ChannelTable {
 
   // IFD_SUCCESS, also with no agent; IFD_NO_SUCH_DEVICE if the driver has no such reader;
   // IFD_COMMUNICATION_ERROR if the driver does not come up or the reader or number is taken.
-  // Each failure is logged. Throws std::bad_alloc; nothing is open then.
+  // Each failure is logged. Throws std::bad_alloc; nothing is open then. A channel that is open is
+  // returned with its card, or without one at once if no agent has one, or after
+  // `kFirstCardLimit`; other calls for it are let in meanwhile.
   RESPONSECODE open(DWORD lun, std::uint32_t readerIndex) ZELTA_EXCLUDES(openMutex_, mutex_);
   // IFD_NO_SUCH_DEVICE if none is open. Takes as long as the driver takes to finish what it
   // does for this channel, and needs no memory.
@@ -73,6 +88,9 @@ class ChannelTable {
   Entry* enter(DWORD lun) ZELTA_EXCLUDES(mutex_);
   void leave(Entry& entry) ZELTA_EXCLUDES(mutex_);
 
+  RESPONSECODE openChannel(DWORD lun, std::uint32_t readerIndex) ZELTA_EXCLUDES(openMutex_, mutex_);
+  void awaitFirstCard(DWORD lun, std::uint32_t readerIndex) noexcept
+      ZELTA_EXCLUDES(openMutex_, mutex_);
   bool isTaken(DWORD lun, std::uint32_t readerIndex) ZELTA_REQUIRES(openMutex_);
   std::shared_ptr<Device> bringUpDevice() const;
   RESPONSECODE openOnDevice(DWORD lun, std::uint32_t readerIndex) ZELTA_REQUIRES(openMutex_);

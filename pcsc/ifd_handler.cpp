@@ -6,6 +6,7 @@
 #include <new>
 
 #include "contract/bytes.h"
+#include "pcsc/agent_status.h"
 #include "pcsc/capabilities.h"
 #include "pcsc/channel_table.h"
 #include "pcsc/features.h"
@@ -23,11 +24,11 @@ using zelta::pcsc::Reply;
 // The process's table. Never destroyed: pcscd may exit while its threads are still in here.
 ChannelTable& table() {
   alignas(ChannelTable) static unsigned char storage[sizeof(ChannelTable)];
-  static ChannelTable* const made =
-      new (storage) ChannelTable({[](const std::string& path, zelta::host::HostOptions options) {
-                                    return zelta::host::DriverHost::load(path, std::move(options));
-                                  },
-                                  zelta::pcsc::modulePath, zelta::pcsc::logToDaemon});
+  static ChannelTable* const made = new (storage)
+      ChannelTable({[](const std::string& path, zelta::host::HostOptions options) {
+                      return zelta::host::DriverHost::load(path, std::move(options));
+                    },
+                    zelta::pcsc::modulePath, zelta::pcsc::logToDaemon, zelta::pcsc::agentHasCard});
   return *made;
 }
 

@@ -6,11 +6,8 @@ namespace zelta::agent {
 
 namespace {
 
-constexpr char kOk[] = "ok\n";
-constexpr char kError[] = "error: ";
-
 std::string answerAction(const std::string& problem) {
-  return problem.empty() ? kOk : kError + problem + "\n";
+  return problem.empty() ? kControlOk : kControlError + problem + "\n";
 }
 
 // As a JSON string. What is not ASCII is passed on as it is.
@@ -55,27 +52,27 @@ std::string statusJson(const Agent::Status& status) {
 }
 
 std::string answerControl(Agent& agent, const std::string& line) {
-  if (line == "insert") return answerAction(agent.insertCard());
-  if (line == "remove") return answerAction(agent.removeCard());
-  if (line == "status") return kOk + statusText(agent.status());
-  if (line == "status json") return kOk + statusJson(agent.status());
-  return kError + ("not understood: " + printable(line)) + "\n";
+  if (line == kControlInsert) return answerAction(agent.insertCard());
+  if (line == kControlRemove) return answerAction(agent.removeCard());
+  if (line == kControlStatus) return kControlOk + statusText(agent.status());
+  if (line == kControlStatusJson) return kControlOk + statusJson(agent.status());
+  return kControlError + ("not understood: " + printable(line)) + "\n";
 }
 
 std::string controlLine(const Options& options) {
   switch (options.action) {
     case Options::Action::kCtlInsert:
-      return "insert\n";
+      return kControlInsert + std::string("\n");
     case Options::Action::kCtlRemove:
-      return "remove\n";
+      return kControlRemove + std::string("\n");
     default:
-      return options.json ? "status json\n" : "status\n";
+      return (options.json ? kControlStatusJson : kControlStatus) + std::string("\n");
   }
 }
 
 ControlResult readControlAnswer(const std::string& answer) {
-  const std::string ok = kOk;
-  const std::string error = kError;
+  const std::string ok = kControlOk;
+  const std::string error = kControlError;
   if (answer.compare(0, ok.size(), ok) == 0) return {true, answer.substr(ok.size())};
   if (answer.compare(0, error.size(), error) == 0) return {false, answer.substr(error.size())};
   return {false, "the agent gave no answer\n"};

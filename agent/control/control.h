@@ -1,19 +1,14 @@
-// What the control socket's two ends say to each other: one line to ask, one answer, then the end.
-//
-// Asked is "insert", "remove", "status" or "status json". The answer's first line is "ok" or
-// "error: " with the reason; text for the user may follow.
+// The words of the control socket's two ends: what the agent answers, and what `zelta-agent ctl`
+// asks and makes of the answer.
 #pragma once
 
-#include <cstdint>
 #include <string>
 
 #include "agent/program/agent.h"
 #include "agent/program/options.h"
+#include "contract/control.h"
 
 namespace zelta::agent {
-
-// The longest line that is read, in bytes.
-inline constexpr std::size_t kLongestControlLine = 256;
 
 // `line` is what a client sent, without its line break.
 std::string answerControl(Agent& agent, const std::string& line);

@@ -1,7 +1,6 @@
 // The local socket through which `zelta-agent ctl` reaches the running agent.
 #pragma once
 
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -10,12 +9,6 @@
 #include "agent/program/failure.h"
 
 namespace zelta::agent {
-
-// Paths at which the control socket of a reader's agent may be, the agent's own choice first:
-// $XDG_RUNTIME_DIR/zelta-agent<reader>.ctl if that variable is set,
-// /run/zelta/agent<reader>.ctl,
-// /run/zelta-agent<reader>/control, the one of the agent that runs as a service.
-std::vector<std::string> defaultControlPaths(std::uint32_t reader);
 
 // The agent's end. One thread serves one client after the other; a client that does not ask within
 // a second is dropped. Only the agent's own user (and root) can connect.
@@ -26,16 +19,19 @@ class ControlServer {
 
   virtual ~ControlServer() = default;  // ends the thread and removes the socket
 
-  // Removes the socket, so that no further client comes. Any thread; may be repeated.
+  // Removes the socket and its link, so that no further client comes. Any thread; may be repeated.
   virtual void removePath() = 0;
 };
 
 // Makes missing folders and replaces a socket that a dead agent left. Throws std::runtime_error
 // with a message for people, for example if a live agent has the path. `onFailure` learns of it if
 // the server's thread ends by an exception, for example by one of the handler.
+//
+// With `link`, leaves a symbolic link to the socket there, in the place of another agent's. An
+// agent that may not write there goes without.
 std::unique_ptr<ControlServer> openControlServer(const std::string& path,
                                                  ControlServer::Handler handler,
-                                                 OnFailure onFailure);
+                                                 OnFailure onFailure, const std::string& link = {});
 
 // Asks the agent at the first of the paths at which one listens. Throws std::runtime_error with a
 // message for people if none does or the answer does not come within 10 seconds.

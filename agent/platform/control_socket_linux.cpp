@@ -4,29 +4,30 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
 #include <utility>
 
-#include "agent/control/control.h"
 #include "agent/control/control_socket.h"
 #include "agent/platform/stop_event_linux.h"
+#include "contract/control.h"
 #include "platform/files/scoped_fd_linux.h"
+#include "platform/pipe/ask_socket_linux.h"
 #include "platform/pipe/socket_place_linux.h"
 
 namespace zelta::agent {
 
 namespace {
 
+namespace fs = std::filesystem;
 using platform::ScopedFd;
 
 constexpr mode_t kOwnerOnly = S_IRUSR | S_IWUSR;
+constexpr fs::perms kOpenFolder{0755};
 constexpr int kQueue = 8;  // clients that wait
 constexpr std::chrono::seconds kAskLimit{1};
 constexpr std::chrono::seconds kAnswerLimit{10};
@@ -37,16 +38,6 @@ constexpr std::chrono::seconds kAnswerLimit{10};
 
 [[noreturn]] void failForPath(const std::string& path) {
   fail("the control path '" + path + "' cannot be used", ENAMETOOLONG);
-}
-
-// A connect waits for its turn if other clients wait, too.
-ScopedFd makeClient() {
-  ScopedFd made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (!made.valid()) fail("no socket", errno);
-  timeval limit{};
-  limit.tv_sec = kAnswerLimit.count();
-  setsockopt(made.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-  return made;
 }
 
 bool isPassing(int error) { return error == EAGAIN || error == EINTR; }
@@ -71,22 +62,54 @@ std::optional<std::string> readLine(const ScopedFd& client, const StopEvent& sto
 
 // The folder of the control socket, made if it is missing.
 ScopedFd openFolderOf(const std::string& path) {
-  const std::filesystem::path folder = std::filesystem::absolute(path).parent_path();
+  const fs::path folder = fs::absolute(path).parent_path();
   std::error_code ignored;
-  std::filesystem::create_directories(folder, ignored);
+  fs::create_directories(folder, ignored);
   ScopedFd opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!opened.valid()) fail("the folder of the control path " + path, errno);
   return opened;
 }
 
+// A symbolic link to `target`, for this object's life; none if the link cannot be made.
+class ScopedLink {
+ public:
+  ScopedLink(std::string path, const fs::path& target)
+      : path_(std::move(path)), target_(fs::absolute(target)) {
+    if (path_.empty()) return;
+    std::error_code failed;
+    const std::string unready = path_ + "~";
+    const fs::path folder = fs::path(path_).parent_path();
+    // The driver's pipes will be in there, whatever this process's umask keeps from others.
+    if (fs::create_directories(folder, failed)) fs::permissions(folder, kOpenFolder, failed);
+    fs::remove(unready, failed);
+    fs::create_symlink(target_, unready, failed);
+    if (!failed) fs::rename(unready, path_, failed);
+  }
+  ~ScopedLink() { remove(); }
+  ScopedLink(const ScopedLink&) = delete;
+  ScopedLink& operator=(const ScopedLink&) = delete;
+
+  // If it is still this one's. May be repeated.
+  void remove() const {
+    std::error_code failed;
+    if (fs::read_symlink(path_, failed) == target_) fs::remove(path_, failed);
+  }
+
+ private:
+  const std::string path_;
+  const fs::path target_;
+};
+
 class SocketServer final : public ControlServer {
  public:
-  SocketServer(const std::string& path, Handler handler, OnFailure onFailure)
+  SocketServer(const std::string& path, Handler handler, OnFailure onFailure,
+               const std::string& link)
       : place_(path),
         handler_(std::move(handler)),
         onFailure_(std::move(onFailure)),
         stop_("no event"),
-        listener_(listenAt(path)) {
+        listener_(listenAt(path)),
+        link_(link, path) {
     try {
       thread_ = std::thread([this] { guarded(onFailure_, [this] { serve(); }); });
     } catch (...) {
@@ -102,7 +125,9 @@ class SocketServer final : public ControlServer {
   }
 
   void removePath() override {
-    if (!removed_.exchange(true)) place_.release(folder_.get());
+    if (removed_.exchange(true)) return;
+    link_.remove();
+    place_.release(folder_.get());
   }
 
  private:
@@ -153,56 +178,35 @@ class SocketServer final : public ControlServer {
   const StopEvent stop_;
   ScopedFd folder_;
   const ScopedFd listener_;
+  const ScopedLink link_;
   std::atomic<bool> removed_{false};
   std::thread thread_;
 };
 
 }  // namespace
 
-std::vector<std::string> defaultControlPaths(std::uint32_t reader) {
-  const std::string agent = "agent" + std::to_string(reader);
-  std::vector<std::string> paths;
-  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-  if (runtime != nullptr && *runtime != '\0') {
-    paths.push_back(std::string(runtime) + "/zelta-" + agent + ".ctl");
-  }
-  paths.push_back("/run/zelta/" + agent + ".ctl");
-  paths.push_back("/run/zelta-" + agent + "/control");
-  return paths;
-}
-
 std::unique_ptr<ControlServer> openControlServer(const std::string& path,
                                                  ControlServer::Handler handler,
-                                                 OnFailure onFailure) {
-  return std::make_unique<SocketServer>(path, std::move(handler), std::move(onFailure));
+                                                 OnFailure onFailure, const std::string& link) {
+  return std::make_unique<SocketServer>(path, std::move(handler), std::move(onFailure), link);
 }
 
 std::string askAgent(const std::vector<std::string>& paths, const std::string& line) {
-  ScopedFd client;
-  int error = ENOENT;
-  for (const std::string& path : paths) {
-    client = makeClient();
-    error = platform::connectToPath(client, path);
-    if (error == ENAMETOOLONG) failForPath(path);
-    if (error == 0) break;
-  }
-  if (error == ENOENT || error == ECONNREFUSED) {
-    throw std::runtime_error("no agent is running at " + paths.front());
-  }
-  if (error != 0) fail("the agent at " + paths.front(), error);
-  if (send(client.get(), line.data(), line.size(), MSG_NOSIGNAL) < 0) fail("the agent", errno);
-  const StopEvent never;
-  const auto deadline = SteadyClock::now() + kAnswerLimit;
-  std::string answer;
-  for (;;) {
-    if (never.waitFor(client.get(), POLLIN, deadline).reason != StopEvent::Reason::kReady) {
+  platform::SocketAnswer answer =
+      platform::askSocket(paths, line, SteadyClock::now() + kAnswerLimit, kLongestControlAnswer);
+  switch (answer.error) {
+    case 0:
+    case ECONNRESET:  // an agent that has ended
+      return std::move(answer.text);
+    case ENOENT:
+    case ECONNREFUSED:
+      throw std::runtime_error("no agent is running at " + paths.front());
+    case ENAMETOOLONG:
+      failForPath(paths.front());
+    case ETIMEDOUT:
       throw std::runtime_error("the agent gave no answer in time");
-    }
-    std::array<char, 1024> buffer{};
-    const ssize_t count = recv(client.get(), buffer.data(), buffer.size(), 0);
-    if (count == 0) return answer;
-    if (count > 0) answer.append(buffer.data(), static_cast<std::size_t>(count));
-    if (count < 0 && !isPassing(errno)) return answer;
+    default:
+      fail("the agent at " + paths.front(), answer.error);
   }
 }
 

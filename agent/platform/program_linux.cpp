@@ -23,7 +23,9 @@
 #include "agent/program/program.h"
 #include "agent/program/session_id.h"
 #include "agent/version.h"
+#include "contract/control.h"
 #include "platform/files/scoped_fd_linux.h"
+#include "platform/pipe/pipe_path.h"
 
 namespace zelta::agent {
 
@@ -120,7 +122,8 @@ int runAgent(const Options& options, Log& log) {
   const std::unique_ptr<CardBackend> backend = makeBackend(options, log);
   Agent agent(*pipes, *backend, settings, log);
   const std::unique_ptr<ControlServer> control = openControlServer(
-      path, [&agent](const std::string& line) { return answerControl(agent, line); }, onFailure);
+      path, [&agent](const std::string& line) { return answerControl(agent, line); }, onFailure,
+      controlLinkPath(platform::pipeRoot(), options.reader));
   agent.start();
   log.info(std::string("zelta-agent ") + kVersion + ": reader " + std::to_string(options.reader) +
            ", " + backend->name() + " card, session " + settings.sessionId + ", control " + path);

@@ -10,11 +10,6 @@ namespace {
 constexpr char kPrefix[] = "\\\\.\\pipe\\";
 constexpr char kDefaultRoot[] = "/run/zelta/pipe";
 
-std::string root() {
-  const char* set = std::getenv("ZELTA_PIPE_ROOT");
-  return set == nullptr || *set == '\0' ? kDefaultRoot : set;
-}
-
 bool usableComponent(const std::string& component) {
   return !component.empty() && component != "." && component != ".." &&
          component.find('/') == std::string::npos && component.find('\0') == std::string::npos;
@@ -22,10 +17,15 @@ bool usableComponent(const std::string& component) {
 
 }  // namespace
 
+std::string pipeRoot() {
+  const char* set = std::getenv("ZELTA_PIPE_ROOT");
+  return set == nullptr || *set == '\0' ? kDefaultRoot : set;
+}
+
 std::string pipeSocketPath(const std::string& pipeName) {
   const std::string prefix = kPrefix;
   if (pipeName.compare(0, prefix.size(), prefix) != 0 || pipeName.back() == '~') return {};
-  std::string path = root();
+  std::string path = pipeRoot();
   std::size_t start = prefix.size();
   while (start <= pipeName.size()) {
     const std::size_t end = std::min(pipeName.find('\\', start), pipeName.size());

@@ -5,8 +5,11 @@
 
 namespace zelta::platform {
 
-// `\\.\pipe\A\B` becomes `$ZELTA_PIPE_ROOT/A/B` (/run/zelta/pipe if the variable is unset or
-// empty). The result is an empty path, and the name unusable, if
+// The folder of all pipes: $ZELTA_PIPE_ROOT, or /run/zelta/pipe if the variable is unset or empty.
+std::string pipeRoot();
+
+// `\\.\pipe\A\B` becomes `A/B` below the root. The result is an empty path, and the name unusable,
+// if
 //   - the prefix is missing or nothing follows it;
 //   - a component is empty, `.` or `..`;
 //   - a component holds a slash or a zero byte, which would reach another file than the name says;

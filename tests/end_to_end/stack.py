@@ -69,7 +69,7 @@ def pkcs11_module():
 class Process:
     """A program in the background, its output in a file."""
 
-    def __init__(self, command, log, environment):
+    def __init__(self, command, log, environment, **options):
         self.log = log
         with open(log, "ab") as output:
             self.process = subprocess.Popen(
@@ -78,6 +78,7 @@ class Process:
                 stdout=output,
                 stderr=subprocess.STDOUT,
                 env=environment,
+                **options,
             )
 
     def end(self, how=signal.SIGTERM):

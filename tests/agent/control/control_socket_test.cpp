@@ -1,6 +1,5 @@
 #include "agent/control/control_socket.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -14,7 +13,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "agent/control/control.h"
+#include "contract/control.h"
 #include "platform/files/scoped_fd_linux.h"
 #include "platform/pipe/socket_place_linux.h"
 #include "tests/agent/running_agent.h"
@@ -24,7 +23,6 @@ namespace zelta::agent {
 namespace {
 
 using platform::ScopedFd;
-using test::ScopedVariable;
 using test::TempFolder;
 
 std::string echo(const std::string& line) { return "<" + line + ">"; }
@@ -149,21 +147,34 @@ TEST_F(ControlSocket, FirstPathWithAnAgent_IsAsked) {
   EXPECT_EQ(askAgent({folder_.file("none"), path_}, "x\n"), "<x>");
 }
 
+TEST_F(ControlSocket, Link_LeadsToTheSocketAndGoesWithTheServer) {
+  const std::string link = folder_.file("other/link");
+  {
+    const auto server = openControlServer(path_, echo, test::failTest, link);
+    EXPECT_EQ(askAgent({link}, "x\n"), "<x>");
+  }
+  EXPECT_FALSE(std::filesystem::is_symlink(link));
+}
+
+TEST_F(ControlSocket, LinkOfAnotherAgent_IsReplacedAndThenItsOwn) {
+  const std::string link = folder_.file("link");
+  std::filesystem::create_symlink(folder_.file("dead"), link);
+  auto first = openControlServer(path_, echo, test::failTest, link);
+  EXPECT_EQ(askAgent({link}, "x\n"), "<x>");
+  const std::string path = folder_.file("second.ctl");
+  const auto second = openControlServer(path, echo, test::failTest, link);
+  first.reset();
+  EXPECT_EQ(std::filesystem::read_symlink(link), path);
+}
+
+TEST_F(ControlSocket, LinkThatCannotBeMade_IsGoneWithout) {
+  std::ofstream(folder_.file("file")) << "precious";
+  const auto server = openControlServer(path_, echo, test::failTest, folder_.file("file/link"));
+  EXPECT_EQ(askAgent({path_}, "x\n"), "<x>");
+}
+
 TEST_F(ControlSocket, NoAgent_IsAMessage) {
   EXPECT_EQ(problemOf([&] { askAgent({path_}, "x\n"); }), "no agent is running at " + path_);
-}
-
-TEST(DefaultControlPaths, RuntimeFolderOfTheUser_IsFirst) {
-  const ScopedVariable set("XDG_RUNTIME_DIR", "/run/user/7");
-  EXPECT_THAT(defaultControlPaths(12),
-              testing::ElementsAre("/run/user/7/zelta-agent12.ctl", "/run/zelta/agent12.ctl",
-                                   "/run/zelta-agent12/control"));
-}
-
-TEST(DefaultControlPaths, NoRuntimeFolder_LeavesTheSystemsFolders) {
-  const ScopedVariable set("XDG_RUNTIME_DIR", "");
-  EXPECT_THAT(defaultControlPaths(0),
-              testing::ElementsAre("/run/zelta/agent0.ctl", "/run/zelta-agent0/control"));
 }
 
 }  // namespace

@@ -47,6 +47,13 @@ TEST(Control, StatusForPrograms_IsOneJsonObject) {
             "\"atr\":null,\"session_id\":\"a\\\"b\\\\c\\u000A\"}\n");
 }
 
+TEST(Control, StatusForPrograms_SaysToWhomReadsItWhetherACardIsIn) {
+  Agent::Status status = someStatus();
+  EXPECT_TRUE(saysCardIsIn(kControlOk + statusJson(status), status.reader));
+  status.cardIn = false;
+  EXPECT_FALSE(saysCardIsIn(kControlOk + statusJson(status), status.reader));
+}
+
 TEST(Control, Lines_AreAnswered) {
   test::PipeFolder folder;
   test::HeldCard card;

@@ -1,0 +1,38 @@
+// What the agent's control socket and its clients say to each other, and where the socket is. A
+// client sends a line, and reads the answer until the agent ends the connection. See docs/agent.md.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace zelta {
+
+inline constexpr char kControlInsert[] = "insert";
+inline constexpr char kControlRemove[] = "remove";
+inline constexpr char kControlStatus[] = "status";
+inline constexpr char kControlStatusJson[] = "status json";
+
+// An answer begins with one of these. The reason follows the second, and ends with a line break.
+inline constexpr char kControlOk[] = "ok\n";
+inline constexpr char kControlError[] = "error: ";
+
+// The longest line, and the longest answer, that are read; in bytes.
+inline constexpr std::size_t kLongestControlLine = 256;
+inline constexpr std::size_t kLongestControlAnswer = 65536;
+
+// Paths at which the control socket of a reader's agent may be, the agent's own choice first:
+// $XDG_RUNTIME_DIR/zelta-agent<reader>.ctl if that variable is set,
+// /run/zelta/agent<reader>.ctl,
+// /run/zelta-agent<reader>/control, the one of the agent that runs as a service.
+std::vector<std::string> defaultControlPaths(std::uint32_t reader);
+
+// Where an agent that may write there leaves a link to its control socket, wherever that is: beside
+// the folder of its pipes.
+std::string controlLinkPath(const std::string& pipeRoot, std::uint32_t reader);
+
+// Whether this answer to `kControlStatusJson` is of that reader's agent and says that a card is in.
+bool saysCardIsIn(const std::string& answer, std::uint32_t reader);
+
+}  // namespace zelta

@@ -1,0 +1,80 @@
+#include "platform/pipe/ask_socket_linux.h"
+
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <array>
+#include <cerrno>
+
+#include "platform/files/scoped_fd_linux.h"
+#include "platform/pipe/socket_place_linux.h"
+
+namespace zelta::platform {
+
+namespace {
+
+using Deadline = std::chrono::steady_clock::time_point;
+
+// Repeats a call on the socket that a signal interrupts. The call ends at the deadline, for which
+// `option` is the socket's time limit: with EAGAIN, which becomes ETIMEDOUT. -1 with errno.
+template <typename Call>
+ssize_t callUntil(Deadline deadline, const ScopedFd& socket, int option, Call call) {
+  for (;;) {
+    const auto left =
+        std::chrono::ceil<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+      errno = ETIMEDOUT;
+      return -1;
+    }
+    timeval limit{};
+    limit.tv_sec = std::chrono::floor<std::chrono::seconds>(left).count();
+    limit.tv_usec = (left % std::chrono::seconds(1)).count();
+    setsockopt(socket.get(), SOL_SOCKET, option, &limit, sizeof limit);
+    const ssize_t result = call();
+    if (result >= 0 || (errno != EINTR && errno != EAGAIN)) return result;
+  }
+}
+
+// Connects to the first path at which somebody listens; the error number of the last one.
+int connectToFirst(const std::vector<std::string>& paths, Deadline deadline, ScopedFd* client) {
+  int error = ENOENT;
+  for (const std::string& path : paths) {
+    *client = ScopedFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!client->valid()) return errno;
+    const ssize_t connected = callUntil(deadline, *client, SO_SNDTIMEO, [&]() -> ssize_t {
+      errno = connectToPath(*client, path);
+      return errno == 0 ? 0 : -1;
+    });
+    if (connected == 0) return 0;
+    error = errno;
+    if (error == ENAMETOOLONG || error == ETIMEDOUT) break;
+  }
+  return error;
+}
+
+}  // namespace
+
+SocketAnswer askSocket(const std::vector<std::string>& paths, const std::string& question,
+                       Deadline deadline, std::size_t longestAnswer) {
+  ScopedFd client;
+  const int error = connectToFirst(paths, deadline, &client);
+  if (error != 0) return {error, {}};
+  // Far shorter than what a socket takes without a reader.
+  if (send(client.get(), question.data(), question.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
+    return {errno, {}};
+  }
+  SocketAnswer answer;
+  for (;;) {
+    std::array<char, 1024> buffer;
+    const ssize_t count = callUntil(deadline, client, SO_RCVTIMEO, [&] {
+      return recv(client.get(), buffer.data(), buffer.size(), 0);
+    });
+    if (count == 0) return answer;
+    if (count < 0) return {errno, {}};
+    const auto size = static_cast<std::size_t>(count);
+    if (size > longestAnswer - answer.text.size()) return {EMSGSIZE, {}};
+    answer.text.append(buffer.data(), size);
+  }
+}
+
+}  // namespace zelta::platform
