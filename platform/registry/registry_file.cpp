@@ -63,11 +63,11 @@ bool takePrefix(Text folded, Text* text) {
 
 // One to `most` hexadecimal digits.
 std::optional<std::uint32_t> takeNumber(std::size_t most, Text* text) {
-  constexpr Text digits = u"0123456789abcdefABCDEF";
+  constexpr Text kDigits = u"0123456789abcdefABCDEF";
   std::uint32_t number = 0;
   std::size_t count = 0;
   for (; count < std::min(most, text->size()); ++count) {
-    const std::size_t digit = digits.find((*text)[count]);
+    const std::size_t digit = kDigits.find((*text)[count]);
     if (digit == Text::npos) break;
     number = number << 4 | static_cast<std::uint32_t>(digit < 16 ? digit : digit - 6);
   }

@@ -1,0 +1,141 @@
+#!/usr/bin/python3
+"""Breaks the product in one place after another, and shows whether the suite notices.
+
+    run_mutations.py FOLDER [--list] [NAME...]
+
+Works on a copy of the tracked sources in FOLDER/source, which is built in FOLDER/build and kept for
+the next run. Ends with "N passed, N failed": a mutation that survives has failed."""
+import argparse
+import os
+import shutil
+import subprocess
+import sys
+import time
+
+from mutations import MUTATIONS
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+LIMIT = 180  # seconds that a program's tests may take; mutations may hang
+
+
+def read(path):
+    with open(path, encoding="utf-8") as file:
+        return file.read()
+
+
+def write(path, text):
+    with open(path, "w", encoding="utf-8") as file:
+        file.write(text)
+
+
+class Copy:
+    """The copy that is broken, and its build."""
+
+    def __init__(self, folder):
+        self.source = os.path.join(folder, "source")
+        self.build = os.path.join(folder, "build")
+
+    def update(self):
+        listed = subprocess.run(["git", "-C", ROOT, "ls-files", "-z"], check=True,
+                                stdout=subprocess.PIPE).stdout.decode().split("\0")
+        tracked = {name for name in listed if os.path.isfile(os.path.join(ROOT, name))}
+        for name in tracked:
+            origin, copied = os.path.join(ROOT, name), os.path.join(self.source, name)
+            os.makedirs(os.path.dirname(copied), exist_ok=True)
+            if os.path.exists(copied):
+                with open(origin, "rb") as left, open(copied, "rb") as right:
+                    if left.read() == right.read():
+                        continue
+            shutil.copy(origin, copied)
+        for folder, _, names in os.walk(self.source):
+            for name in names:
+                path = os.path.join(folder, name)
+                if os.path.relpath(path, self.source) not in tracked:
+                    os.remove(path)
+
+    def configure(self):
+        self.run(["cmake", "-G", "Ninja", "-S", self.source, "-B", self.build,
+                  "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O1 -g0"])
+
+    def compile(self, programs):
+        self.run(["ninja", "-C", self.build, *sorted(programs)])
+
+    @staticmethod
+    def run(command):
+        done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        if done.returncode != 0:
+            raise RuntimeError(done.stdout.decode(errors="replace")[-3000:])
+
+    def failed_tests(self, program, tests):
+        """What failed; empty if everything passed. Raises if no test ran."""
+        command = [os.path.join(self.build, "bin", program), f"--gtest_filter={tests}",
+                   "--gtest_fail_fast", "--gtest_brief=1"]
+        try:
+            done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                  timeout=LIMIT)
+        except subprocess.TimeoutExpired:
+            return "the tests do not end"
+        lines = done.stdout.decode(errors="replace").splitlines()
+        if "[==========] 0 tests from 0 test suites ran." in "\n".join(lines):
+            raise RuntimeError(f"{program} has no test {tests}")
+        if done.returncode == 0:
+            return ""
+        failed = [line.split("]")[1].split("(")[0].strip() for line in lines
+                  if line.startswith("[  FAILED  ]") and "." in line]
+        return failed[0].rstrip(",") if failed else f"{program} ended with {done.returncode}"
+
+
+def try_mutation(copy, mutation):
+    """What the suite noticed; empty if nothing."""
+    path = os.path.join(copy.source, mutation.file)
+    original = read(path)
+    if original.count(mutation.old) != 1:
+        raise RuntimeError(f"{mutation.file} has the text to replace "
+                           f"{original.count(mutation.old)} times")
+    write(path, original.replace(mutation.old, mutation.new))
+    try:
+        copy.compile([mutation.program])
+        return copy.failed_tests(mutation.program, mutation.tests)
+    finally:
+        write(path, original)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("folder")
+    parser.add_argument("--list", action="store_true")
+    parser.add_argument("names", nargs="*")
+    arguments = parser.parse_args()
+    known = {mutation.name: mutation for mutation in MUTATIONS}
+    unknown = [name for name in arguments.names if name not in known]
+    if unknown:
+        sys.exit(f"there is no mutation '{unknown[0]}'; --list shows them")
+    chosen = [known[name] for name in arguments.names] or list(MUTATIONS)
+    if arguments.list:
+        for mutation in chosen:
+            print(f"{mutation.name:32} {mutation.rule}")
+        return
+    copy = Copy(arguments.folder)
+    copy.update()
+    copy.configure()
+    copy.compile({mutation.program for mutation in chosen})
+    for program, tests in sorted({(mutation.program, mutation.tests) for mutation in chosen}):
+        noticed = copy.failed_tests(program, tests)
+        if noticed:
+            sys.exit(f"{program}, not broken: {noticed}")
+    failed = 0
+    for mutation in chosen:
+        begin = time.monotonic()
+        try:
+            noticed = try_mutation(copy, mutation)
+            verdict = f"caught by {noticed}" if noticed else f"SURVIVED: {mutation.rule}"
+        except RuntimeError as problem:
+            noticed, verdict = "", f"not tried: {problem}"
+        failed += not noticed
+        print(f"{mutation.name:32} {time.monotonic() - begin:4.0f} s  {verdict}", flush=True)
+    print(f"{len(chosen) - failed} passed, {failed} failed")
+    sys.exit(1 if failed else 0)
+
+
+if __name__ == "__main__":
+    main()
