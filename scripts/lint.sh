@@ -8,7 +8,8 @@ usage() {
   cat <<'EOT'
 Usage: scripts/lint.sh [--product | FILE...]
 
-Runs clang-tidy on every source, those for Windows included, or only on those that are named.
+Runs clang-tidy on every source, those for Windows included, or only on those
+that are named.
 
   --product      no tests, benchmarks or fuzzers
   -h, --help     this text
@@ -52,9 +53,8 @@ tidy() {
   xargs -r -n 1 -P "$(nproc)" clang-tidy --quiet -p "$folder" "$@" <"$folder/sources" 2>/dev/null
 }
 
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-/usr/bin/python3 - "$work" "$(build_folder clang)" "$(build_folder windows-lint)" \
+make_work
+/usr/bin/python3 - "$WORK" "$(build_folder clang)" "$(build_folder windows-lint)" \
   "${sources[@]}" <<'PYTHON'
 # Sorts the sources by the build that compiles them, whose options clang is told as it knows them.
 import json, os, sys
@@ -80,8 +80,8 @@ with open(os.path.join(work, "left"), "w") as file:
     file.writelines(source + "\n" for source in left)
 PYTHON
 failed=0
-tidy "$work/linux" || failed=1
-tidy "$work/windows" "${windows[@]}" || failed=1
+tidy "$WORK/linux" || failed=1
+tidy "$WORK/windows" "${windows[@]}" || failed=1
 # The fuzzers' sources need no options that others do not have.
 while read -r source; do
   case "$source" in
@@ -93,6 +93,6 @@ while read -r source; do
       failed=1
       ;;
   esac
-done <"$work/left"
+done <"$WORK/left"
 say "${#sources[@]} sources looked at"
 exit "$failed"
