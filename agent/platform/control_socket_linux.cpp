@@ -79,6 +79,24 @@ ScopedFd openFolderOf(const std::string& path) {
   return opened;
 }
 
+// Connects to the first of the paths at which an agent listens.
+ScopedFd connectToAgent(const std::vector<std::string>& paths) {
+  std::string tried;
+  std::string denied;
+  for (const std::string& path : paths) {
+    ScopedFd client = makeClient();
+    const int error = platform::connectToPath(client, path);
+    if (error == 0) return client;
+    if (error == ENAMETOOLONG) failForPath(path);
+    if (error == EACCES) denied = path;
+    if (error == EAGAIN) fail("the agent at " + path, error);
+    tried += (tried.empty() ? "" : ", ") + path;
+  }
+  if (denied.empty()) throw NoAgentError("no agent is running at " + tried);
+  throw std::runtime_error("permission denied at " + denied +
+                           ": an agent answers its own user and root only; run this with sudo");
+}
+
 class SocketServer final : public ControlServer {
  public:
   SocketServer(const std::string& path, Handler handler, OnFailure onFailure)
@@ -178,18 +196,7 @@ std::unique_ptr<ControlServer> openControlServer(const std::string& path,
 }
 
 std::string askAgent(const std::vector<std::string>& paths, const std::string& line) {
-  ScopedFd client;
-  int error = ENOENT;
-  for (const std::string& path : paths) {
-    client = makeClient();
-    error = platform::connectToPath(client, path);
-    if (error == ENAMETOOLONG) failForPath(path);
-    if (error == 0) break;
-  }
-  if (error == ENOENT || error == ECONNREFUSED) {
-    throw std::runtime_error("no agent is running at " + paths.front());
-  }
-  if (error != 0) fail("the agent at " + paths.front(), error);
+  const ScopedFd client = connectToAgent(paths);
   if (send(client.get(), line.data(), line.size(), MSG_NOSIGNAL) < 0) fail("the agent", errno);
   const StopEvent never;
   const auto deadline = SteadyClock::now() + kAnswerLimit;

@@ -33,7 +33,8 @@ namespace {
 using platform::ScopedFd;
 
 constexpr Edition kEdition = {
-    "Signals: SIGUSR1 removes the card, SIGUSR2 inserts it, SIGINT and SIGTERM end the agent."};
+    "Signals: SIGUSR1 removes the card, SIGUSR2 inserts it, SIGINT and SIGTERM end\n"
+    "the agent."};
 
 // The signals that the program waits for; blocked in every thread.
 sigset_t waitedSignals() {
@@ -43,11 +44,20 @@ sigset_t waitedSignals() {
   return signals;
 }
 
+std::string ask(const Options& options) {
+  const std::string line = controlLine(options);
+  if (!options.control.empty()) return askAgent({options.control}, line);
+  try {
+    return askAgent(defaultControlPaths(options.reader), line);
+  } catch (const NoAgentError& error) {
+    throw std::runtime_error(std::string(error.what()) +
+                             "; to start the service: sudo systemctl start zelta-agent@" +
+                             std::to_string(options.reader));
+  }
+}
+
 int runControl(const Options& options) {
-  const std::vector<std::string> paths = options.control.empty()
-                                             ? defaultControlPaths(options.reader)
-                                             : std::vector<std::string>{options.control};
-  const ControlResult result = readControlAnswer(askAgent(paths, controlLine(options)));
+  const ControlResult result = readControlAnswer(ask(options));
   if (result.success) {
     std::cout << result.text;
     return kExitDone;
