@@ -15,6 +15,10 @@ from stack import PIN, Stack, run
 # pyscard connects to pcscd when it is imported, so its users import it when pcscd is up.
 
 
+def setUpModule():
+    stack.enter_namespace()
+
+
 def pkcs11(*words, **options):
     return run("pkcs11-tool", "--module", stack.pkcs11_module(), *words, **options)
 
@@ -160,7 +164,7 @@ class ZeltaCommand(unittest.TestCase):
     """What `./zelta` does once everything is built."""
 
     def setUp(self):
-        self.run_dir = pathlib.Path("/run/zelta/up")
+        self.run_dir = pathlib.Path("/run/zelta-up")
         self.up = None
         self.lines = []
 
@@ -293,5 +297,4 @@ class ZeltaCommand(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    stack.enter_namespace()
     unittest.main(verbosity=2)
