@@ -154,7 +154,7 @@ build_progress() {
 # apt_progress LOG SECONDS: "pmstatus:PACKAGE:PERCENT:TEXT", as apt-get says; dlstatus for downloads.
 apt_progress() {
   local line percent
-  line=$(grep -aE '^(pm|dl)status:' "$1" | tail -n 1)
+  line=$(grep -aE '^(pm|dl)status:' "$1" | tail -n 1 || true)
   percent=$(cut -d: -f3 <<<"$line")
   percent=${percent%%.*}
   [ -n "$percent" ] || percent=0
@@ -164,7 +164,7 @@ apt_progress() {
 # follow PROGRESS LOG: shows it in one line on a terminal, else in a line every PROGRESS_PERIOD.
 follow() {
   local begun=$SECONDS told=$SECONDS text columns=80
-  [ ! -t 1 ] || columns=$(stty size <&1 | cut -d' ' -f2)
+  [ ! -t 1 ] || { columns=$(stty size <&3 | cut -d' ' -f2); } 3>&1
   while sleep 1 >/dev/null 2>&1 && kill -0 $$ 2>/dev/null; do
     text="    $("$1" "$2" $((SECONDS - begun)))"
     if [ -t 1 ]; then
@@ -183,7 +183,8 @@ with_progress() {
   : >"$log"
   follow "$progress" "$log" &
   follower=$!
-  "$@" >"$log" 2>&1 || result=$?
+  # In a shell of its own, so that an interruption is told here and not in the log.
+  ("$@") >"$log" 2>&1 || result=$?
   end_follower
   return "$result"
 }
@@ -192,7 +193,7 @@ with_progress() {
 show_failure() {
   local line
   line=$(grep -anEm 1 '^FAILED: |^CMake Error|^E: |^dpkg: error|(^|[: ])error: |: \*\*\* ' "$1" |
-    cut -d: -f1)
+    cut -d: -f1 || true)
   if [ -n "$line" ]; then
     tail -n "+$line" "$1" | head -n 60 >&2
   else

@@ -95,7 +95,8 @@ prepare_run_dir() {
   if [ -e "$ZELTA_RUN_DIR/up.pid" ]; then
     rm -rf "$ZELTA_RUN_DIR"
   elif [ -e "$ZELTA_RUN_DIR" ]; then
-    rmdir "$ZELTA_RUN_DIR" 2>/dev/null || die "$ZELTA_RUN_DIR is not empty and not of ./zelta up"
+    rmdir "$ZELTA_RUN_DIR" 2>/dev/null ||
+      die "$ZELTA_RUN_DIR is not empty and not of ./zelta up; set ZELTA_RUN_DIR to another folder"
   fi
   mkdir -p "$ZELTA_RUN_DIR"
   chmod 0755 "$ZELTA_RUN_DIR"

@@ -79,6 +79,13 @@ ScopedFd openFolderOf(const std::string& path) {
   return opened;
 }
 
+// Whether the path is a file's that is seen to be no socket.
+bool isOtherFile(const std::string& path) {
+  std::error_code unseen;
+  const auto status = std::filesystem::status(path, unseen);
+  return exists(status) && !is_socket(status);
+}
+
 // Connects to the first of the paths at which an agent listens.
 ScopedFd connectToAgent(const std::vector<std::string>& paths) {
   std::string tried;
@@ -88,7 +95,7 @@ ScopedFd connectToAgent(const std::vector<std::string>& paths) {
     const int error = platform::connectToPath(client, path);
     if (error == 0) return client;
     if (error == ENAMETOOLONG) failForPath(path);
-    if (error == EACCES) denied = path;
+    if (error == EACCES && !isOtherFile(path)) denied = path;
     if (error == EAGAIN) fail("the agent at " + path, error);
     tried += (tried.empty() ? "" : ", ") + path;
   }

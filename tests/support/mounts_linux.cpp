@@ -10,8 +10,7 @@
 namespace zelta::test {
 
 std::string unshareMounts() {
-  if (unshare(CLONE_NEWNS) == 0 &&
-      mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0) {
+  if (unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0) {
     return {};
   }
   const std::string what = "no mounts are possible here: ";

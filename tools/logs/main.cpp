@@ -76,6 +76,9 @@ void declareOptions(CLI::App& app, Options& options) {
 // Why the folder cannot be read, and what to do; empty if it can be.
 std::string findProblem(const std::string& folder) {
   const bool isSystems = folder == defaultFolder();
+  std::error_code unseen;
+  const auto status = std::filesystem::status(folder, unseen);
+  if (exists(status) && !is_directory(status)) return folder + " is not a folder";
   if (access(folder.c_str(), R_OK | X_OK) != 0) {
     if (errno == EACCES) {
       return "permission denied: " + folder +
@@ -87,7 +90,7 @@ std::string findProblem(const std::string& folder) {
            (isSystems ? "; is the package zelta-vsc installed? The log of another folder: --dir"
                       : "");
   }
-  return std::filesystem::is_directory(folder) ? "" : folder + " is not a folder";
+  return "";
 }
 
 int show(const Options& options) {
