@@ -165,6 +165,7 @@ apt_progress() {
 follow() {
   local begun=$SECONDS told=$SECONDS text columns=80
   [ ! -t 1 ] || { columns=$(stty size <&3 | cut -d' ' -f2); } 3>&1
+  [ "$columns" -gt 0 ] || columns=80
   while sleep 1 >/dev/null 2>&1 && kill -0 $$ 2>/dev/null; do
     text="    $("$1" "$2" $((SECONDS - begun)))"
     if [ -t 1 ]; then

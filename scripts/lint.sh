@@ -49,8 +49,16 @@ done
 tidy() {
   local folder=$1
   shift
-  # Where it counts the warnings that it does not show; those that it shows are elsewhere.
-  xargs -r -n 1 -P "$(nproc)" clang-tidy --quiet -p "$folder" "$@" <"$folder/sources" 2>/dev/null
+  # It counts the warnings that it does not show on standard error; those that it shows are elsewhere.
+  # shellcheck disable=SC2016  # the inner shell expands it
+  xargs -r -n 1 -P "$(nproc)" sh -c 'clang-tidy --quiet "$@" 2>/dev/null; result=$?
+    echo >>"$0"; exit "$result"' "$WORK/done" -p "$folder" "$@" <"$folder/sources"
+}
+# tidy_progress FILE SECONDS: a line for each source that has been looked at.
+tidy_progress() {
+  local count total=${#sources[@]}
+  count=$(wc -l <"$1")
+  printf '%d of %d sources%s' "$count" "$total" "$(eta $((100 * count / total)) "$2")"
 }
 
 make_work
@@ -80,6 +88,10 @@ with open(os.path.join(work, "left"), "w") as file:
     file.writelines(source + "\n" for source in left)
 PYTHON
 failed=0
+step "Looking at ${#sources[@]} sources"
+: >"$WORK/done"
+follow tidy_progress "$WORK/done" &
+follower=$!
 tidy "$WORK/linux" || failed=1
 tidy "$WORK/windows" "${windows[@]}" || failed=1
 # The fuzzers' sources need no options that others do not have.
@@ -94,5 +106,6 @@ while read -r source; do
       ;;
   esac
 done <"$WORK/left"
+end_follower
 say "${#sources[@]} sources looked at"
 exit "$failed"

@@ -145,6 +145,9 @@ start_agent() {
 start_pcscd() {
   local options=(--foreground --config "$ZELTA_RUN_DIR/reader.conf.d")
   if [ -S /run/pcscd/pcscd.comm ]; then
+    unshare --mount true 2>/dev/null ||
+      die "a pcscd runs already, and this system does not permit a second one beside it (no mounts" \
+        "are possible here); end the first: sudo systemctl stop pcscd.socket pcscd.service"
     mkdir -p "$ZELTA_RUN_DIR/pcscd"
     echo "$ZELTA_RUN_DIR/pcscd/pcscd.comm" >"$ZELTA_RUN_DIR/pcscd.socket"
     # shellcheck disable=SC2016  # expanded by the inner shell

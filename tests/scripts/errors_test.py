@@ -115,6 +115,24 @@ class OrdinaryUser(CheckoutTest):
                                             code=1),
                              f"zelta-agent: no agent is running at {path}\n")
 
+    def test_files_that_make_no_card_are_named_with_the_reason(self):
+        closed = self.folder / "closed"
+        closed.mkdir(0o700)
+        none = self.folder / "none"
+        script = ["--backend", "script", "--script"]
+        for words, problem in (
+                (["--pin-file", none], f"cannot read {none}: No such file or directory"),
+                (["--pin-file", closed / "pin"], f"cannot read {closed}/pin: Permission denied"),
+                ([*script, none], f"cannot read {none}: No such file or directory"),
+                ([*script, self.folder], f"cannot read {self.folder}: Is a directory"),
+                (["--db", none],
+                 f"no card database in {none} (make one with scripts/make-demo-db.sh)"),
+                (["--db", closed], f"the card database in {closed}: Permission denied")):
+            self.temporary.chmod(0o777)
+            output = self.as_nobody("zelta-agent", "--control", self.temporary / "control", *words,
+                                    code=1)
+            self.assertTrue(output.endswith(f"Z error: {problem}\n"), output)
+
     def test_systems_logs_without_the_group_are_explained(self):
         logs = self.folder / "data" / LOGS
         logs.mkdir(parents=True)
