@@ -48,7 +48,8 @@ end_work() {
   trap '' INT TERM
   end_follower
   [ -n "$WORK" ] || return 0
-  rm -rf "$WORK" 2>/dev/null || run_as_root rm -rf "$WORK"
+  # A password that is no longer good is not asked for here.
+  rm -rf "$WORK" 2>/dev/null || [ "$(id -u)" -eq 0 ] || sudo -n rm -rf "$WORK" || true
   WORK=
 }
 
@@ -96,6 +97,7 @@ package_version() {
 # Seconds after which sudo is told again that the password is still good.
 SUDO_PERIOD=50
 root_asked=
+root_told= # what for
 
 # Until this script is gone, or the program that it has become.
 keep_sudo() {
@@ -108,6 +110,7 @@ ask_root() {
   [ "$(id -u)" -ne 0 ] && [ -z "$root_asked" ] || return 0
   command -v sudo >/dev/null || die "root is needed $1, and there is no sudo: run this as root"
   if ! sudo -n true 2>/dev/null; then
+    root_told=$1
     say "Root is needed $1." >&2
     sudo -v || die "root is needed $1, and sudo does not allow it: run this as root"
   fi
@@ -124,7 +127,8 @@ as_root() {
   local purpose=$1
   shift
   ask_root "$purpose"
-  [ "$(id -u)" -eq 0 ] || say "Root is needed $purpose: sudo $*" >&2
+  [ "$(id -u)" -eq 0 ] || [ "$purpose" = "$root_told" ] ||
+    say "Root is needed $purpose: sudo $*" >&2
   run_as_root "$@"
 }
 

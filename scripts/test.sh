@@ -76,11 +76,12 @@ give_back() {
   lent=
 }
 clean_up() {
-  end_work
-  give_back
-  # A run that is broken off leaves its Wine prefix to be removed here.
+  trap '' INT TERM
+  # A run that is broken off leaves its Wine prefix to be removed here, before its folder goes.
   [[ " ${presets[*]} " != *" windows "* ]] ||
     "$ZELTA_ROOT/tests/wine_prefix.sh" remove "$(build_folder windows)/wine-prefix" || true
+  end_work
+  give_back
 }
 trap clean_up EXIT
 

@@ -32,7 +32,7 @@ if [ "$now" -gt "$until" ]; then
   [ ! -e "$state.refuses" ] || exit 1
   echo asked >>"$state.asked"
 fi
-echo $((now + ${SUDO_MEMORY:-1000} * 1000000000 / 10)) >"$state.until"
+echo $((now + ${SUDO_MEMORY:-1000} * 1000000000)) >"$state.until"
 echo "$*" >>"$state.commands"
 [ $# -eq 0 ] || exec "$@"
 """

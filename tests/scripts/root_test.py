@@ -15,13 +15,13 @@ class Root(CheckoutTest):
         self.assertEqual(self.asked(), 1)
 
     def test_password_is_kept_alive_while_a_command_runs(self):
-        self.environment["SUDO_MEMORY"] = "10"  # tenths of a second
-        self.shell('SUDO_PERIOD=0.2; ask_root "to try"; sleep 2; as_root "to try" true')
+        self.environment["SUDO_MEMORY"] = "2"  # seconds
+        self.shell('SUDO_PERIOD=0.2; ask_root "to try"; sleep 4; as_root "to try" true')
         self.assertEqual(self.asked(), 1)
 
     def test_password_that_is_not_kept_alive_is_asked_for_again(self):
-        self.environment["SUDO_MEMORY"] = "10"
-        self.shell('SUDO_PERIOD=100; ask_root "to try"; sleep 2; as_root "to try" true')
+        self.environment["SUDO_MEMORY"] = "2"
+        self.shell('SUDO_PERIOD=100; ask_root "to try"; sleep 4; as_root "to try" true')
         self.assertEqual(self.asked(), 2)
 
     def test_password_is_kept_alive_no_longer_than_the_command_runs(self):
