@@ -26,7 +26,12 @@ def main(words):
     parser.add_argument("--chart", type=pathlib.Path)
     parser.add_argument("--page", type=pathlib.Path)
     chosen = parser.parse_args(words)
-    results = measure(*SIZES["quick" if chosen.quick else "whole"])
+    try:
+        results = measure(*SIZES["quick" if chosen.quick else "whole"])
+    except stack.NoMounts as problem:
+        sys.exit(f"zelta: {problem}")
+    except KeyboardInterrupt:
+        return 130
     print(report.text(results))
     missed = report.missed(results)
     if missed:

@@ -8,10 +8,11 @@ usage() {
   cat <<'EOT'
 Usage: ./zelta bench [OPTION...]
 
-Builds the reader and its benchmarks. Prints what a command, a movement of the card and a control of
-the driver cost, compared with the bare exchange of the same bytes and with a handler that answers at
-once; which targets are kept; and the system calls of a command. Takes about a minute. The machine
-should have nothing else to do.
+Builds the reader and its benchmarks. Prints what a command, a movement of the
+card and a control of the driver cost, compared with the bare exchange of the
+same bytes and with a handler that answers at once; which targets are kept; and
+the system calls of a command. Takes about a minute. The machine should have
+nothing else to do.
 
   --quick        fewer rounds: a look, not a result
   --check        exit code 1 if a target was missed
@@ -46,11 +47,14 @@ while [ $# -gt 0 ]; do
   shift
 done
 
+ask_root "to run pcscd in a mount namespace of its own, and to trace it"
 need_packages "${BUILD_PACKAGES[@]}" "${RUN_PACKAGES[@]}" "${TEST_PACKAGES[@]}" \
   "${BENCH_PACKAGES[@]}"
 CONFIGURE_OPTIONS=(-DZELTA_BUILD_BENCHMARKS=ON)
 build_preset release zelta_benchmarks
+make_work
+step "Measuring"
 as_root "to run pcscd in a mount namespace of its own, and to trace it" \
-  env PYTHONPATH="$ZELTA_ROOT/tests/end_to_end:$ZELTA_ROOT/tests/scenarios" \
+  env TMPDIR="$WORK" PYTHONPATH="$ZELTA_ROOT/tests/end_to_end:$ZELTA_ROOT/tests/scenarios" \
   PYTHONDONTWRITEBYTECODE=1 ZELTA_BUILD_DIR="$ZELTA_BUILD_DIR" \
   /usr/bin/python3 "$ZELTA_ROOT/benchmarks/bench.py" "${options[@]}"

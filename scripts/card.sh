@@ -10,7 +10,7 @@ case "${1:-}" in
     say "Usage: ./zelta card insert|remove"
     exit 0
     ;;
-  *) die_usage "card takes 'insert' or 'remove'" ;;
+  *) die_usage "card takes 'insert' or 'remove'; see ./zelta --help" ;;
 esac
 [ $# -eq 1 ] || die_usage "card takes one word"
 need_up

@@ -16,13 +16,13 @@ usage() {
   cat <<EOT
 Usage: ./zelta check [OPTION...]
 
-Installs what the checks need, runs them, and prints the time of each and "N passed, N failed". A
-stage that fails does not keep the later ones from running.
+Installs what the checks need, runs them, and prints the time of each and "N
+passed, N failed". A stage that fails does not keep the later ones from running.
 
   format        clang-format would change nothing
   layers        no source includes what its layer may not
   shellcheck    the scripts
-  test          ./zelta test: the release suite, and the Windows suite under Wine
+  test          ./zelta test: the release suite, the Windows suite under Wine
   tsan          the suite under the thread sanitizer, but for what runs pcscd
   asan-ubsan    the same under the address and undefined-behaviour sanitizers
   clang         clang builds everything, with thread-safety analysis
@@ -86,11 +86,13 @@ run_stage() {
   esac
 }
 
-step "Installing"
+for stage in "${stages[@]}"; do
+  case "$stage" in test | tsan | asan-ubsan) ask_root "to run pcscd in the tests" ;; esac
+done
 need_packages "${BUILD_PACKAGES[@]}" "${RUN_PACKAGES[@]}" "${TEST_PACKAGES[@]}" \
   "${WINDOWS_PACKAGES[@]}" "${LINT_PACKAGES[@]}"
-log=$(mktemp)
-trap 'rm -f "$log"' EXIT
+make_work
+log=$WORK/stage.log
 passed=0
 failed=0
 summary=()
@@ -122,7 +124,7 @@ for stage in "${stages[@]}"; do
   begin=$SECONDS
   result=0
   # A stage ends its own shell only.
-  (run_stage "$stage") 2>&1 | tee "$log" || result=$?
+  (run_stage "$stage") 2>&1 | tee -i "$log" || result=$?
   note_stage "$stage" "$result" $((SECONDS - begin))
 done
 

@@ -2,7 +2,7 @@
 # What the project's commands share: messages, packages, builds, the running reader's files.
 
 ZELTA_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-ZELTA_RUN_DIR=$(realpath --canonicalize-missing "${ZELTA_RUN_DIR:-/run/zelta/up}")
+ZELTA_RUN_DIR=$(realpath --canonicalize-missing "${ZELTA_RUN_DIR:-/run/zelta-up}")
 ZELTA_BUILD_DIR=$(realpath --canonicalize-missing "${ZELTA_BUILD_DIR:-$ZELTA_ROOT/build}")
 export ZELTA_RUN_DIR ZELTA_BUILD_DIR
 
@@ -13,7 +13,11 @@ export GIT_CONFIG_COUNT=1 GIT_CONFIG_KEY_0=safe.directory GIT_CONFIG_VALUE_0=$ZE
 source "$ZELTA_ROOT/scripts/packages.sh"
 
 say() { printf '%s\n' "$*"; }
-step() { printf '==> %s\n' "$*"; }
+# step WHAT: what the command does from here on; an interruption names it.
+step() {
+  doing=$*
+  printf '==> %s\n' "$*"
+}
 die() {
   printf 'zelta: %s\n' "$*" >&2
   exit 1
@@ -22,6 +26,43 @@ die_usage() {
   printf 'zelta: %s\n' "$*" >&2
   exit 2
 }
+
+# What the command is at, and the process that shows how far it is.
+doing=
+follower=
+# The command's temporary files; removed when it ends, whoever they belong to.
+WORK=
+make_work() {
+  [ -n "$WORK" ] || WORK=$(mktemp -d "${TMPDIR:-/tmp}/zelta.XXXXXX")
+}
+
+end_follower() {
+  [ -n "$follower" ] || return 0
+  kill "$follower" 2>/dev/null || true
+  wait "$follower" 2>/dev/null || true
+  follower=
+  [ ! -t 1 ] || printf '\r\033[K'
+}
+
+end_work() {
+  trap '' INT TERM
+  end_follower
+  [ -n "$WORK" ] || return 0
+  # A password that is no longer good is not asked for here.
+  rm -rf "$WORK" 2>/dev/null || [ "$(id -u)" -eq 0 ] || sudo -n rm -rf "$WORK" || true
+  WORK=
+}
+
+# interrupted EXIT-CODE: once what runs in the foreground, which hears of the signal too, has ended.
+interrupted() {
+  trap '' INT TERM
+  end_follower
+  printf '\nzelta: interrupted%s\n' "${doing:+; ended: $doing}" >&2
+  exit "$1"
+}
+trap end_work EXIT
+trap 'interrupted 130' INT
+trap 'interrupted 143' TERM
 
 # For the loop in which a command reads its options.
 # need_value WHAT OPTION [VALUE...]: bad use if the option is the last word.
@@ -53,32 +94,144 @@ package_version() {
   fi
 }
 
-# Runs a command as root and says what for.
+# Seconds after which sudo is told again that the password is still good.
+SUDO_PERIOD=50
+root_asked=
+root_told= # what for
+
+# Until this script is gone, or the program that it has become.
+keep_sudo() {
+  while ! timeout "$SUDO_PERIOD" tail --pid=$$ -f /dev/null; do sudo -n -v || return 0; done
+}
+
+# ask_root PURPOSE: has sudo ask for the password, at most once for all that the command does.
+# Commands that need root late call it first.
+ask_root() {
+  [ "$(id -u)" -ne 0 ] && [ -z "$root_asked" ] || return 0
+  command -v sudo >/dev/null || die "root is needed $1, and there is no sudo: run this as root"
+  if ! sudo -n true 2>/dev/null; then
+    root_told=$1
+    say "Root is needed $1." >&2
+    sudo -v || die "root is needed $1, and sudo does not allow it: run this as root"
+  fi
+  root_asked=yes
+  keep_sudo </dev/null >/dev/null 2>&1 &
+}
+
+run_as_root() {
+  if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
+}
+
+# as_root PURPOSE COMMAND...: runs it as root and says what for.
 as_root() {
   local purpose=$1
   shift
-  if [ "$(id -u)" -eq 0 ]; then
-    "$@"
-  elif command -v sudo >/dev/null; then
+  ask_root "$purpose"
+  [ "$(id -u)" -eq 0 ] || [ "$purpose" = "$root_told" ] ||
     say "Root is needed $purpose: sudo $*" >&2
-    sudo "$@"
+  run_as_root "$@"
+}
+
+# Seconds between two lines of progress if there is no terminal.
+PROGRESS_PERIOD=10
+
+# eta PERCENT SECONDS: how long it takes from here on if it goes on as before.
+eta() {
+  local left
+  [ "$1" -gt 0 ] && [ "$2" -ge 5 ] || return 0
+  left=$(($2 * (100 - $1) / $1))
+  if [ "$left" -ge 90 ]; then
+    printf ', about %d min left' $(((left + 30) / 60))
   else
-    die "root is needed $purpose, and there is no sudo; run as root: $*"
+    printf ', about %d s left' "$left"
   fi
+}
+
+# How far it is, by what the log says last, after so many seconds.
+# build_progress LOG SECONDS: "[ 42%] Building ...", as ninja and make say.
+build_progress() {
+  local percent
+  percent=$(tail -c 100000 "$1" | sed -n 's/^ *\[ *\([0-9]\{1,3\}\)%\].*/\1/p' | tail -n 1)
+  [ -n "$percent" ] || percent=0
+  printf '%d %% built%s' "$percent" "$(eta "$percent" "$2")"
+}
+# apt_progress LOG SECONDS: "pmstatus:PACKAGE:PERCENT:TEXT", as apt-get says; dlstatus for downloads.
+apt_progress() {
+  local line percent
+  line=$(grep -aE '^(pm|dl)status:' "$1" | tail -n 1 || true)
+  percent=$(cut -d: -f3 <<<"$line")
+  percent=${percent%%.*}
+  [ -n "$percent" ] || percent=0
+  printf '%d %%%s %s' "$percent" "$(eta "$percent" "$2")" "$(cut -d: -f4- <<<"$line")"
+}
+
+# follow PROGRESS LOG: shows it in one line on a terminal, else in a line every PROGRESS_PERIOD.
+follow() {
+  local begun=$SECONDS told=$SECONDS text columns=80
+  [ ! -t 1 ] || { columns=$(stty size <&3 | cut -d' ' -f2); } 3>&1
+  [ "$columns" -gt 0 ] || columns=80
+  while sleep 1 >/dev/null 2>&1 && kill -0 $$ 2>/dev/null; do
+    text="    $("$1" "$2" $((SECONDS - begun)))"
+    if [ -t 1 ]; then
+      printf '\r\033[K%s' "${text:0:columns-1}"
+    elif [ $((SECONDS - told)) -ge "$PROGRESS_PERIOD" ]; then
+      told=$SECONDS
+      say "$text"
+    fi
+  done
+}
+
+# with_progress PROGRESS LOG COMMAND...: the command's output goes to the log.
+with_progress() {
+  local progress=$1 log=$2 result=0
+  shift 2
+  : >"$log"
+  follow "$progress" "$log" &
+  follower=$!
+  # In a shell of its own, so that an interruption is told here and not in the log.
+  ("$@") >"$log" 2>&1 || result=$?
+  end_follower
+  return "$result"
+}
+
+# show_failure LOG: the first error in it and what follows; the log's end if nothing looks like one.
+show_failure() {
+  local line
+  line=$(grep -anEm 1 '^FAILED: |^CMake Error|^E: |^dpkg: error|(^|[: ])error: |: \*\*\* ' "$1" |
+    cut -d: -f1 || true)
+  if [ -n "$line" ]; then
+    tail -n "+$line" "$1" | head -n 60 >&2
+  else
+    tail -n 60 "$1" >&2
+  fi
+}
+
+# missing_packages PACKAGE...: those that are not installed.
+missing_packages() {
+  local package
+  for package in "$@"; do
+    [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)" = installed ] ||
+      printf '%s\n' "$package"
+  done
 }
 
 # Installs those of the packages that are missing.
 need_packages() {
-  local missing=() package
-  for package in "$@"; do
-    [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)" = installed ] ||
-      missing+=("$package")
-  done
-  [ ${#missing[@]} -eq 0 ] && return
+  local missing log
+  command -v apt-get >/dev/null || die "the packages are Debian's, and there is no apt-get here"
+  mapfile -t missing < <(missing_packages "$@")
+  [ ${#missing[@]} -gt 0 ] || return 0
   step "Installing ${#missing[@]} packages: ${missing[*]}"
-  as_root "to refresh the package lists" apt-get -qq update
-  as_root "to install packages" env DEBIAN_FRONTEND=noninteractive \
-    apt-get -qq -y -o Dpkg::Use-Pty=0 install --no-install-recommends "${missing[@]}" >/dev/null
+  ask_root "to install packages"
+  make_work
+  log=$WORK/install.log
+  if ! with_progress apt_progress "$log" run_as_root apt-get -q -o APT::Status-Fd=1 update ||
+    ! with_progress apt_progress "$log" run_as_root env DEBIAN_FRONTEND=noninteractive \
+      apt-get -q -y -o Dpkg::Use-Pty=0 -o APT::Status-Fd=1 \
+      install --no-install-recommends "${missing[@]}"; then
+    show_failure "$log"
+    die "the packages could not be installed; try: sudo apt-get install ${missing[*]}"
+  fi
 }
 
 # build_folder PRESET: `build` for the release, `build-<preset>` for the others, or what
@@ -102,20 +255,29 @@ configure() {
   cmake --preset "$1" -B "$folder" ${generator:+-G "$generator"} "${CONFIGURE_OPTIONS[@]}"
 }
 
-# build_preset PRESET [TARGET...]: configures and builds; quiet unless it fails.
-build_preset() {
-  local preset=$1 log
+# build PRESET [TARGET...]
+build() {
+  local preset=$1
   shift
-  log=$(mktemp)
+  (configure "$preset") &&
+    NINJA_STATUS='[%p] ' cmake --build "$(build_folder "$preset")" --parallel "$(nproc)" \
+      ${1:+--target "$@"}
+}
+
+# build_preset PRESET [TARGET...]: configures and builds; says how far it is, and shows the error.
+build_preset() {
+  local preset=$1 folder log
+  folder=$(build_folder "$preset")
+  [ ! -e "$folder" ] || [ -w "$folder" ] ||
+    die "$folder belongs to $(stat -c %U "$folder"); take it over (sudo chown -R $(id -un) $folder)" \
+      "or set ZELTA_BUILD_DIR to another folder"
   step "Building ($preset)"
-  { (configure "$preset") &&
-    cmake --build "$(build_folder "$preset")" --parallel "$(nproc)" ${1:+--target "$@"}
-  } >"$log" 2>&1 || {
-    tail -n 60 "$log" >&2
-    rm -f "$log"
-    die "the build in $(build_folder "$preset") failed"
+  make_work
+  log=$WORK/build.log
+  with_progress build_progress "$log" build "$@" || {
+    show_failure "$log"
+    die "the build in $folder failed"
   }
-  rm -f "$log"
 }
 
 # The files of a running reader.
@@ -124,8 +286,11 @@ pcscd_socket() { cat "$ZELTA_RUN_DIR/pcscd.socket" 2>/dev/null || true; }
 is_up() {
   [ -e "$ZELTA_RUN_DIR/up.pid" ] && ! flock --shared --nonblock "$ZELTA_RUN_DIR/up.pid" true
 }
+# The file `stage` says what is going on while the reader comes up and goes down.
 need_up() {
   is_up || die "no reader is up here; ./zelta up brings one up"
+  [ ! -e "$ZELTA_RUN_DIR/stage" ] ||
+    die "the reader is $(cat "$ZELTA_RUN_DIR/stage" 2>/dev/null || true); try again in a few seconds"
 }
 # The environment of programs that use the running reader.
 use_running_reader() {

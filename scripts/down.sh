@@ -7,10 +7,11 @@ source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 case "${1:-}" in
   "") ;;
   -h | --help)
-    say "Usage: ./zelta down: ends the reader, agent and pcscd that ./zelta up started."
+    say "Usage: ./zelta down
+Ends the reader, the agent and the pcscd that ./zelta up started."
     exit 0
     ;;
-  *) die_usage "down takes no '$1'" ;;
+  *) die_usage "down takes no '$1'; see ./zelta down --help" ;;
 esac
 
 if ! is_up; then

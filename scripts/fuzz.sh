@@ -8,8 +8,8 @@ usage() {
   cat <<'EOT'
 Usage: scripts/fuzz.sh [--seconds N]
 
-Builds the fuzzers and runs each for N seconds (20), from its folder in fuzz/corpus. What breaks one
-is kept in build-fuzz/findings.
+Builds the fuzzers and runs each for N seconds (20), from its folder in
+fuzz/corpus. What breaks one is kept in build-fuzz/findings.
 
 Exit code 1: a fuzzer has found something.
 EOT
@@ -34,20 +34,19 @@ build_preset fuzz zelta_fuzzers
 folder=$(build_folder fuzz)
 findings=$folder/findings
 mkdir -p "$findings"
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+make_work
 
 broken=0
 for source in "$ZELTA_ROOT"/fuzz/*_fuzzer.cpp; do
   name=$(basename "$source" _fuzzer.cpp)
   # New inputs go to the first folder; an announced length must not be taken at its word.
-  mkdir "$work/$name"
+  mkdir "$WORK/$name"
   if "$folder/bin/${name}_fuzzer" -max_total_time="$seconds" -rss_limit_mb=512 \
-    -artifact_prefix="$findings/${name}-" "$work/$name" "$ZELTA_ROOT/fuzz/corpus/$name" \
-    >"$work/log" 2>&1; then
-    say "$name: $(grep -E '^Done [0-9]+ runs' "$work/log")"
+    -artifact_prefix="$findings/${name}-" "$WORK/$name" "$ZELTA_ROOT/fuzz/corpus/$name" \
+    >"$WORK/log" 2>&1; then
+    say "$name: $(grep -E '^Done [0-9]+ runs' "$WORK/log")"
   else
-    tail -n 60 "$work/log" >&2
+    tail -n 60 "$WORK/log" >&2
     say "$name: broken; the input is in $findings"
     broken=1
   fi

@@ -8,7 +8,8 @@ usage() {
   cat <<'EOT'
 Usage: scripts/lint.sh [--product | FILE...]
 
-Runs clang-tidy on every source, those for Windows included, or only on those that are named.
+Runs clang-tidy on every source, those for Windows included, or only on those
+that are named.
 
   --product      no tests, benchmarks or fuzzers
   -h, --help     this text
@@ -48,13 +49,20 @@ done
 tidy() {
   local folder=$1
   shift
-  # Where it counts the warnings that it does not show; those that it shows are elsewhere.
-  xargs -r -n 1 -P "$(nproc)" clang-tidy --quiet -p "$folder" "$@" <"$folder/sources" 2>/dev/null
+  # It counts the warnings that it does not show on standard error; those that it shows are elsewhere.
+  # shellcheck disable=SC2016  # the inner shell expands it
+  xargs -r -n 1 -P "$(nproc)" sh -c 'clang-tidy --quiet "$@" 2>/dev/null; result=$?
+    echo >>"$0"; exit "$result"' "$WORK/done" -p "$folder" "$@" <"$folder/sources"
+}
+# tidy_progress FILE SECONDS: a line for each source that has been looked at.
+tidy_progress() {
+  local count total=${#sources[@]}
+  count=$(wc -l <"$1")
+  printf '%d of %d sources%s' "$count" "$total" "$(eta $((100 * count / total)) "$2")"
 }
 
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-/usr/bin/python3 - "$work" "$(build_folder clang)" "$(build_folder windows-lint)" \
+make_work
+/usr/bin/python3 - "$WORK" "$(build_folder clang)" "$(build_folder windows-lint)" \
   "${sources[@]}" <<'PYTHON'
 # Sorts the sources by the build that compiles them, whose options clang is told as it knows them.
 import json, os, sys
@@ -80,8 +88,12 @@ with open(os.path.join(work, "left"), "w") as file:
     file.writelines(source + "\n" for source in left)
 PYTHON
 failed=0
-tidy "$work/linux" || failed=1
-tidy "$work/windows" "${windows[@]}" || failed=1
+step "Looking at ${#sources[@]} sources"
+: >"$WORK/done"
+follow tidy_progress "$WORK/done" &
+follower=$!
+tidy "$WORK/linux" || failed=1
+tidy "$WORK/windows" "${windows[@]}" || failed=1
 # The fuzzers' sources need no options that others do not have.
 while read -r source; do
   case "$source" in
@@ -93,6 +105,7 @@ while read -r source; do
       failed=1
       ;;
   esac
-done <"$work/left"
+done <"$WORK/left"
+end_follower
 say "${#sources[@]} sources looked at"
 exit "$failed"

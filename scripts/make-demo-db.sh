@@ -9,14 +9,15 @@
 set -euo pipefail
 
 usage() {
-  echo "Usage: $(basename "$0") FOLDER PIN   (PIN: 4 to 8 digits)" >&2
-  exit 2
+  echo "Usage: $(basename "$0") FOLDER PIN   (PIN: 4 to 8 digits)"
+  exit "$1"
 }
 
-[ $# -eq 2 ] || usage
+[[ ${1:-} != -h && ${1:-} != --help ]] || usage 0
+[ $# -eq 2 ] || usage 2 >&2
 folder=$1
 pin=$2
-[[ $pin =~ ^[0-9]{4,8}$ ]] || usage
+[[ $pin =~ ^[0-9]{4,8}$ ]] || usage 2 >&2
 command -v certutil >/dev/null || { echo "certutil is missing (package libnss3-tools)" >&2; exit 1; }
 
 complete=$folder/complete

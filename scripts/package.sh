@@ -8,9 +8,12 @@ usage() {
   cat <<'EOF'
 Usage: ./zelta package [FOLDER]
 
-Installs what the build needs and makes zelta-vsc_<version>_<architecture>.deb in the folder (dist).
-The version is the tag's, v1.0.0, if the commit has one, else 1.0.0~git and the number of commits,
-so that a later commit's package upgrades an earlier one's.
+Installs what the build needs and makes zelta-vsc_<version>_<architecture>.deb
+in the folder (dist). The version is the tag's, v1.0.0, if the commit has one,
+else 1.0.0~git and the number of commits, so that a later commit's package
+upgrades an earlier one's.
+
+  -h, --help     this text
 EOF
 }
 
@@ -24,12 +27,12 @@ esac
 [ $# -le 1 ] || die_usage "package takes one folder"
 folder=${1:-$ZELTA_ROOT/dist}
 need_packages "${PACKAGE_PACKAGES[@]}"
-mkdir -p "$folder"
+{ mkdir -p "$folder" && [ -w "$folder" ]; } ||
+  die "the package cannot be put into $folder; name another folder: ./zelta package FOLDER"
 folder=$(realpath "$folder")
 
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-source=$work/zelta-vsc
+make_work
+source=$WORK/zelta-vsc
 mkdir "$source"
 cd "$ZELTA_ROOT"
 # shellcheck disable=SC2016  # the inner shell expands it
@@ -46,12 +49,13 @@ zelta-vsc ($(package_version)) unstable; urgency=medium
  -- Vornhalt <zelta@vornhalt.example>  $(git log -1 --format=%cD)
 EOF
 
-log=$work/log
+log=$WORK/package.log
 step "Making the package (version $(package_version))"
-(cd "$source" && ZELTA_COMMIT=$commit DEB_BUILD_OPTIONS="parallel=$(nproc) noautodbgsym" \
-  dpkg-buildpackage --build=binary --no-sign) >"$log" 2>&1 || {
-  tail -n 60 "$log" >&2
+cd "$source"
+with_progress build_progress "$log" env ZELTA_COMMIT="$commit" NINJA_STATUS='[%p] ' \
+  DEB_BUILD_OPTIONS="parallel=$(nproc) noautodbgsym" dpkg-buildpackage --build=binary --no-sign || {
+  show_failure "$log"
   die "the package could not be made"
 }
-cp "$work"/zelta-vsc_*.deb "$folder"
-say "$folder/$(basename "$work"/zelta-vsc_*.deb)"
+cp "$WORK"/zelta-vsc_*.deb "$folder"
+say "$folder/$(basename "$WORK"/zelta-vsc_*.deb)"

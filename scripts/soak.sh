@@ -8,9 +8,10 @@ usage() {
   cat <<'EOT'
 Usage: ./zelta soak [--stops N | --minutes N] [--seed S]
 
-Builds the reader and stops its agent or pcscd at random moments for 0.05 to 8 seconds while four
-clients use it. Every answer is checked, and every client must have a right one within 2 seconds
-after each stop. Ctrl-C ends it with the summary.
+Builds the reader and stops its agent or pcscd at random moments for 0.05 to 8
+seconds while four clients use it. Every answer is checked, and every client
+must have a right one within 2 seconds after each stop. Ctrl-C ends it with the
+summary.
 
   --stops N      end after N stops; default: 200
   --minutes N    end after N minutes
@@ -39,9 +40,13 @@ while [ $# -gt 0 ]; do
   shift
 done
 
+ask_root "to run pcscd in a mount namespace of its own"
 need_packages "${BUILD_PACKAGES[@]}" "${RUN_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
 build_preset release zelta_vsc ifdzelta zelta-agent
+make_work
+step "Stopping agent and pcscd under load"
+trap : INT # the soak ends with its summary, and its exit code counts
 as_root "to run pcscd in a mount namespace of its own" \
-  env PYTHONPATH="$ZELTA_ROOT/tests/end_to_end" PYTHONDONTWRITEBYTECODE=1 \
+  env TMPDIR="$WORK" PYTHONPATH="$ZELTA_ROOT/tests/end_to_end" PYTHONDONTWRITEBYTECODE=1 \
   ZELTA_BUILD_DIR="$ZELTA_BUILD_DIR" \
   /usr/bin/python3 "$ZELTA_ROOT/tests/scenarios/soak.py" "${options[@]}"

@@ -7,13 +7,15 @@ source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 case "${1:-}" in
   "") ;;
   -h | --help)
-    say "Usage: ./zelta status: reader, state, agent, card and log file (exit code 1: not up)."
+    say "Usage: ./zelta status
+Shows reader, state, agent, card and log file. Exit code 1: no reader is up."
     exit 0
     ;;
-  *) die_usage "status takes no '$1'" ;;
+  *) die_usage "status takes no '$1'; see ./zelta status --help" ;;
 esac
 
 need_up
+ask_root "to ask the agent"
 use_running_reader
 readers=$(opensc-tool --list-readers 2>/dev/null || true)
 reader=$(printf '%s\n' "$readers" | sed -n 's/^ *0 *\(Yes\|No\) *//p')

@@ -8,10 +8,13 @@ usage() {
   cat <<'EOF'
 Usage: ./zelta test [OPTION...]
 
-Installs what the tests need, builds, runs the whole suite and prints "N passed, N failed".
+Installs what the tests need, builds, runs the whole suite and prints "N passed,
+N failed". Tests that this machine does not let run are counted before, with the
+reason.
 
-  --preset NAME     run this preset's suite only; may be repeated (release, windows, debug, clang,
-                    asan-ubsan, tsan); default: release and windows, the latter under Wine
+  --preset NAME     run this preset's suite only; may be repeated (release,
+                    windows, debug, clang, asan-ubsan, tsan); default: release
+                    and windows, the latter under Wine
   --folder NAME     build and run only the tests in tests/NAME; may be repeated
   --filter REGEX    only tests whose names match
   -h, --help        this text
@@ -60,41 +63,61 @@ fi
 packages=("${BUILD_PACKAGES[@]}" "${RUN_PACKAGES[@]}" "${TEST_PACKAGES[@]}")
 [[ " ${presets[*]} " != *" windows "* ]] || packages+=("${WINDOWS_PACKAGES[@]}")
 [[ " ${presets[*]} " != *" clang "* ]] || packages+=(clang)
+readonly FOR_ROOT="to run pcscd in mount namespaces and clients as other users"
+[ "${presets[*]}" = windows ] || ask_root "$FOR_ROOT"
 need_packages "${packages[@]}"
 
-log=$(mktemp)
+make_work
+chmod 0711 "$WORK" # for the clients that are other users
+log=$WORK/suite.log
+lent= # the build folder that root is working in
+give_back() {
+  [ -z "$lent" ] || run_as_root chown -R "$(id -u):$(id -g)" "$lent"
+  lent=
+}
 clean_up() {
-  rm -f "$log"
-  # A run that is broken off leaves its Wine prefix to be removed here.
+  trap '' INT TERM
+  # A run that is broken off leaves its Wine prefix to be removed here, before its folder goes.
   [[ " ${presets[*]} " != *" windows "* ]] ||
     "$ZELTA_ROOT/tests/wine_prefix.sh" remove "$(build_folder windows)/wine-prefix" || true
+  end_work
+  give_back
 }
 trap clean_up EXIT
 
-# run_ctest PRESET: the suite, as root if it needs that.
+# run_ctest PRESET: the suite, as root if it needs that. What a test that is broken off leaves goes
+# with the folder of temporary files.
 run_ctest() {
   local arguments=(--preset "$1" --test-dir "$(build_folder "$1")" "${filter[@]}")
   cd "$ZELTA_ROOT"
   if [ "$1" = windows ]; then
-    ctest "${arguments[@]}"
+    TMPDIR=$WORK ctest "${arguments[@]}"
   else
-    as_root "to run pcscd in mount namespaces and clients as other users" ctest "${arguments[@]}"
-    [ "$(id -u)" -eq 0 ] ||
-      as_root "to give the build folder back" chown -R "$(id -u):$(id -g)" "$(build_folder "$1")"
+    as_root "$FOR_ROOT" env TMPDIR="$WORK" ctest "${arguments[@]}"
   fi
+}
+
+# skipped_tests FOLDER: why, and how many for that reason, in a line each.
+skipped_tests() {
+  sed -n -e "s/.* \.\.\. skipped ['\"]\(.*\)['\"]\$/\1/p" -e '/: Skipped$/{n;p}' \
+    "$1/Testing/Temporary/LastTest.log" | sort | uniq -c |
+    sed 's/^ *\([0-9]*\) \(.*\)/\1 skipped: \2/'
 }
 
 passed=0
 failed=0
+skipped=()
 # run_suite PRESET: adds what CTest counted.
 run_suite() {
-  local preset=$1 summary total bad
+  local preset=$1 summary total bad left_out
   # The benchmarks are built with the release, so that they keep up with the code.
   CONFIGURE_OPTIONS=()
   [ "$preset" != release ] || CONFIGURE_OPTIONS=(-DZELTA_BUILD_BENCHMARKS=ON)
   build_preset "$preset" "${targets[@]}"
   step "Testing ($preset)"
-  (run_ctest "$preset") 2>&1 | tee "$log" || true
+  [ "$preset" = windows ] || [ "$(id -u)" -eq 0 ] || lent=$(build_folder "$preset")
+  (run_ctest "$preset") 2>&1 | tee -i "$log" || true
+  give_back
   summary=$(grep -E '^[0-9]+% tests passed, [0-9]+ tests failed out of [0-9]+' "$log" || true)
   if [ -z "$summary" ]; then
     [ ${#filter[@]} -gt 0 ] || die "the $preset suite ran no tests"
@@ -102,11 +125,14 @@ run_suite() {
   fi
   bad=$(awk '{ print $4 }' <<<"$summary")
   total=$(awk '{ print $NF }' <<<"$summary")
-  passed=$((passed + total - bad))
+  left_out=$(grep -c ' (Skipped)$' "$log" || true)
+  [ "$left_out" -eq 0 ] || mapfile -t -O ${#skipped[@]} skipped < <(skipped_tests "$(build_folder "$preset")")
+  passed=$((passed + total - bad - left_out))
   failed=$((failed + bad))
 }
 
 for preset in "${presets[@]}"; do run_suite "$preset"; done
-[ $((passed + failed)) -gt 0 ] || die "no tests were run"
+[ $((passed + failed)) -gt 0 ] || [ ${#skipped[@]} -gt 0 ] || die "no tests were run"
+[ ${#skipped[@]} -eq 0 ] || printf '%s\n' "${skipped[@]}"
 printf '%d passed, %d failed\n' "$passed" "$failed"
 [ "$failed" -eq 0 ]

@@ -8,10 +8,12 @@ usage() {
   cat <<'EOF'
 Usage: ./zelta up [--check]
 
-Installs packages, builds, makes a demo card (three RSA 2048 certificates, PIN 12345678), starts the
-agent and pcscd with the reader, shows reader, ATR and certificates and stays until Ctrl-C.
+Installs packages, builds, makes a demo card (three RSA 2048 certificates, PIN
+12345678), starts the agent and pcscd with the reader, shows reader, ATR and
+certificates and stays until Ctrl-C.
 
-  --check      sign with every key, verify the signatures, and end (exit code 0: all good)
+  --check      sign with every key, verify the signatures, and end (exit code 0:
+               all good)
   -h, --help   this text
 EOF
 }
@@ -27,12 +29,13 @@ for argument in "$@"; do
 done
 
 if [ "$running_only" = no ]; then
+  ask_root "to run pcscd and the agent with the reader"
   need_packages "${BUILD_PACKAGES[@]}" "${RUN_PACKAGES[@]}"
   build_preset release zelta_vsc ifdzelta zelta-agent zelta-logs
 fi
 if [ "$(id -u)" -ne 0 ]; then
-  command -v sudo >/dev/null || die "root is needed to run pcscd with the reader; there is no sudo"
   say "Root is needed to run pcscd and the agent with the reader: sudo $0 --run-only"
+  end_work
   exec sudo --preserve-env=ZELTA_RUN_DIR,ZELTA_BUILD_DIR "$0" --run-only "$@"
 fi
 
@@ -58,12 +61,13 @@ clean_up() {
   local code=$? pid
   trap '' INT TERM
   trap - EXIT
+  end_work
+  echo "going down" >"$ZELTA_RUN_DIR/stage"
   case "$code" in 0 | 130 | 143) ;; *) show_logs ;; esac
   # The shell's own list: an interruption may come before a variable has a process's id. The last
   # one first.
   for pid in $(jobs -p | tac); do end_process "$pid"; done
   rm -rf "$ZELTA_RUN_DIR"
-  rmdir "$(dirname "$ZELTA_RUN_DIR")" 2>/dev/null || true
   # What a pcscd that had to be killed leaves would look like the system's to the next one.
   if [ "$own_run_pcscd" = yes ]; then rm -f /run/pcscd/pcscd.comm /run/pcscd/pcscd.pid; fi
   if [ "$made_run_pcscd" = yes ]; then rm -rf /run/pcscd; fi
@@ -79,16 +83,21 @@ show_logs() {
   done
 }
 
+# stage WHAT: a step of coming up, which `status` names.
+stage() {
+  step "$1"
+  echo "still coming up ($1)" >"$ZELTA_RUN_DIR/stage"
+}
+
 prepare_run_dir() {
   is_up && die "already up (process $(cat "$ZELTA_RUN_DIR/up.pid")); ./zelta down ends it"
   # Only a folder of ours is emptied.
   if [ -e "$ZELTA_RUN_DIR/up.pid" ]; then
     rm -rf "$ZELTA_RUN_DIR"
   elif [ -e "$ZELTA_RUN_DIR" ]; then
-    rmdir "$ZELTA_RUN_DIR" 2>/dev/null || die "$ZELTA_RUN_DIR is not empty and not of ./zelta up"
+    rmdir "$ZELTA_RUN_DIR" 2>/dev/null ||
+      die "$ZELTA_RUN_DIR is not empty and not of ./zelta up; set ZELTA_RUN_DIR to another folder"
   fi
-  trap 'exit 130' INT
-  trap 'exit 143' TERM
   mkdir -p "$ZELTA_RUN_DIR"
   chmod 0755 "$ZELTA_RUN_DIR"
   # Locked for as long as anything of this runs: `down` waits for it. Another that comes up at the
@@ -97,6 +106,7 @@ prepare_run_dir() {
   flock --nonblock "$lock" || die "another ./zelta up is coming up"
   trap clean_up EXIT
   chmod 0644 "$ZELTA_RUN_DIR/up.pid"
+  stage "Making the demo card"
   echo $$ >&"$lock"
   mkdir -p "$LOGS" "$ZELTA_RUN_DIR/reader.conf.d"
   # pcscd takes few characters in a path; the checkout's may have others.
@@ -135,6 +145,9 @@ start_agent() {
 start_pcscd() {
   local options=(--foreground --config "$ZELTA_RUN_DIR/reader.conf.d")
   if [ -S /run/pcscd/pcscd.comm ]; then
+    unshare --mount true 2>/dev/null ||
+      die "a pcscd runs already, and this system does not permit a second one beside it (no mounts" \
+        "are possible here); end the first: sudo systemctl stop pcscd.socket pcscd.service"
     mkdir -p "$ZELTA_RUN_DIR/pcscd"
     echo "$ZELTA_RUN_DIR/pcscd/pcscd.comm" >"$ZELTA_RUN_DIR/pcscd.socket"
     # shellcheck disable=SC2016  # expanded by the inner shell
@@ -168,7 +181,7 @@ wait_for_card() {
 }
 
 show_card() {
-  step "Waiting for the card"
+  stage "Waiting for the card"
   wait_for_card
   say "Reader: $(opensc-tool --list-readers | sed -n 's/^ *0 *Yes *//p')"
   say "ATR:    $(opensc-tool --atr 2>/dev/null)"
@@ -206,20 +219,20 @@ EOF
 source "$ZELTA_ROOT/scripts/signatures.sh"
 
 prepare_run_dir
-step "Making the demo card"
 "$ZELTA_ROOT/scripts/make-demo-db.sh" "$ZELTA_RUN_DIR/card" "$PIN" >"$ZELTA_RUN_DIR/db.log" 2>&1 ||
   die "the demo card could not be made: $(tail -n 3 "$ZELTA_RUN_DIR/db.log")"
-step "Starting the agent and pcscd"
+stage "Starting the agent and pcscd"
 start_agent
 start_pcscd
 show_card
+rm -f "$ZELTA_RUN_DIR/stage"
 if [ "$CHECK" = yes ]; then
   step "Signing with every key and verifying"
   check_signatures "$PIN" "$ZELTA_RUN_DIR"
   say "All signatures are good."
   exit 0
 fi
-trap 'exit 0' INT TERM
+trap 'say; say "Ending the agent and pcscd."; exit 0' INT TERM
 hints
 wait -n "$agent_pid" "$pcscd_pid" || true
 if kill -0 "$agent_pid" 2>/dev/null; then die "pcscd has ended"; else die "the agent has ended"; fi

@@ -2,7 +2,7 @@
 find_program(ZELTA_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)
 
 # zelta_add_python_tests(SCRIPT [ENVIRONMENT NAME=VALUE...] [PROPERTIES NAME VALUE...]): each test
-# method of the script is a test of its own to CTest, named Class.method.
+# method of the script is a test of its own to CTest, named Class.method; skipped if it says so.
 function(zelta_add_python_tests script)
   cmake_parse_arguments(ARG "" "" "ENVIRONMENT;PROPERTIES" ${ARGN})
   set(source ${CMAKE_CURRENT_SOURCE_DIR}/${script})
@@ -15,6 +15,7 @@ function(zelta_add_python_tests script)
       set(name ${class}.${CMAKE_MATCH_1})
       add_test(NAME ${name} COMMAND ${ZELTA_PYTHON} ${source} ${name})
       set_tests_properties(${name} PROPERTIES ${ARG_PROPERTIES}
+                           SKIP_REGULAR_EXPRESSION "\\.\\.\\. skipped ['\"]"
                            ENVIRONMENT "${ARG_ENVIRONMENT};PYTHONDONTWRITEBYTECODE=1")
     endif()
   endforeach()

@@ -1,9 +1,9 @@
 #include "agent/card/backend_choice.h"
 
 #include <fstream>
-#include <stdexcept>
 #include <utility>
 
+#include "agent/card/card_file.h"
 #include "agent/card/emulated_card.h"
 #include "agent/card/pcsc_card.h"
 #include "agent/card/script_card.h"
@@ -19,8 +19,7 @@ std::unique_ptr<CardBackend> makeEmulatedCard(const Options& options) {
   settings.certificates = options.certificates;
   settings.cardIn = options.cardIn.value_or(true);
   if (!options.pinFile.empty()) {
-    std::ifstream file(options.pinFile);
-    if (!file) throw std::runtime_error("cannot read " + options.pinFile);
+    std::ifstream file = openCardFile(options.pinFile);
     std::string pin;
     std::getline(file, pin);
     settings.pin = pin;

@@ -54,8 +54,9 @@ bool hasCertificate(const std::string& nickname) {
 std::vector<std::string> checkCardDatabase(const std::string& folder,
                                            const std::optional<std::string>& pin,
                                            const std::vector<std::string>& nicknames) {
-  std::error_code ignored;
-  if (!std::filesystem::exists(std::filesystem::path(folder) / "cert9.db", ignored)) {
+  std::error_code problem;
+  if (!std::filesystem::exists(std::filesystem::path(folder) / "cert9.db", problem)) {
+    if (problem) fail("the card database in " + folder + ": " + problem.message());
     fail("no card database in " + folder + " (make one with scripts/make-demo-db.sh)");
   }
   NSSInitParameters parameters{};

@@ -33,7 +33,8 @@ PcscCard::~PcscCard() { stop(); }
 void PcscCard::start(CardListener& listener) {
   const LONG result = SCardEstablishContext(SCARD_SCOPE_SYSTEM, nullptr, nullptr, &context_);
   if (result != SCARD_S_SUCCESS) {
-    throw std::runtime_error("the smart card service cannot be reached: " + describe(result));
+    throw std::runtime_error("the smart card service cannot be reached: " + describe(result) +
+                             " (to start it: sudo systemctl start pcscd.socket)");
   }
   listener_ = &listener;
   try {

@@ -1,10 +1,10 @@
 #include "agent/card/script_card.h"
 
-#include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
 
+#include "agent/card/card_file.h"
 #include "agent/program/failure.h"
 #include "contract/bytes.h"
 
@@ -125,10 +125,8 @@ std::string ScriptCard::act(CardAction action) {
 }
 
 std::unique_ptr<CardBackend> loadScriptCard(const std::string& file, std::optional<bool> cardIn) {
-  std::ifstream stream(file);
-  if (!stream) throw std::runtime_error("cannot read " + file);
   std::ostringstream text;
-  text << stream.rdbuf();
+  text << openCardFile(file).rdbuf();
   try {
     Script script = parseScript(text.str());
     const bool in = cardIn.value_or(script.cardIn);

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -33,8 +34,15 @@ std::unique_ptr<ControlServer> openControlServer(const std::string& path,
                                                  ControlServer::Handler handler,
                                                  OnFailure onFailure, const std::string& link = {});
 
-// Asks the agent at the first of the paths at which one listens. Throws std::runtime_error with a
-// message for people if none does or the answer does not come within 10 seconds.
+// No agent listens; the message says at which paths.
+class NoAgentError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Asks the agent at the first of the paths at which one listens. Throws NoAgentError if none does,
+// and std::runtime_error with a message for people if one must not be asked or the answer does not
+// come within 10 seconds.
 std::string askAgent(const std::vector<std::string>& paths, const std::string& line);
 
 }  // namespace zelta::agent

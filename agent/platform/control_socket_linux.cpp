@@ -100,6 +100,13 @@ class ScopedLink {
   const fs::path target_;
 };
 
+// Whether the path is a file's that is seen to be no socket.
+bool isOtherFile(const std::string& path) {
+  std::error_code unseen;
+  const auto status = fs::status(path, unseen);
+  return exists(status) && !is_socket(status);
+}
+
 class SocketServer final : public ControlServer {
  public:
   SocketServer(const std::string& path, Handler handler, OnFailure onFailure,
@@ -192,22 +199,34 @@ std::unique_ptr<ControlServer> openControlServer(const std::string& path,
 }
 
 std::string askAgent(const std::vector<std::string>& paths, const std::string& line) {
-  platform::SocketAnswer answer =
-      platform::askSocket(paths, line, SteadyClock::now() + kAnswerLimit, kLongestControlAnswer);
-  switch (answer.error) {
-    case 0:
-    case ECONNRESET:  // an agent that has ended
-      return std::move(answer.text);
-    case ENOENT:
-    case ECONNREFUSED:
-      throw std::runtime_error("no agent is running at " + paths.front());
-    case ENAMETOOLONG:
-      failForPath(paths.front());
-    case ETIMEDOUT:
-      throw std::runtime_error("the agent gave no answer in time");
-    default:
-      fail("the agent at " + paths.front(), answer.error);
+  std::string tried;
+  std::string denied;
+  const auto deadline = SteadyClock::now() + kAnswerLimit;
+  for (const std::string& path : paths) {
+    platform::SocketAnswer answer =
+        platform::askSocket({path}, line, deadline, kLongestControlAnswer);
+    switch (answer.error) {
+      case 0:
+      case ECONNRESET:  // an agent that has ended
+        return std::move(answer.text);
+      case ENAMETOOLONG:
+        failForPath(path);
+      case ETIMEDOUT:
+        throw std::runtime_error("the agent gave no answer in time");
+      case EPIPE:
+      case EMSGSIZE:
+        fail("the agent at " + path, answer.error);
+      case EACCES:
+        if (!isOtherFile(path)) denied = path;
+        break;
+      default:
+        break;
+    }
+    tried += (tried.empty() ? "" : ", ") + path;
   }
+  if (denied.empty()) throw NoAgentError("no agent is running at " + tried);
+  throw std::runtime_error("permission denied at " + denied +
+                           ": an agent answers its own user and root only; run this with sudo");
 }
 
 }  // namespace zelta::agent

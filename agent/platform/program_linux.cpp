@@ -30,7 +30,8 @@
 namespace zelta::agent {
 
 const Edition kEdition = {
-    "Signals: SIGUSR1 removes the card, SIGUSR2 inserts it, SIGINT and SIGTERM end the agent."};
+    "Signals: SIGUSR1 removes the card, SIGUSR2 inserts it, SIGINT and SIGTERM end\n"
+    "the agent."};
 
 namespace {
 
@@ -42,6 +43,18 @@ sigset_t waitedSignals() {
   sigemptyset(&signals);
   for (const int signal : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2}) sigaddset(&signals, signal);
   return signals;
+}
+
+std::string ask(const Options& options) {
+  const std::string line = controlLine(options);
+  if (!options.control.empty()) return askAgent({options.control}, line);
+  try {
+    return askAgent(defaultControlPaths(options.reader), line);
+  } catch (const NoAgentError& error) {
+    throw std::runtime_error(std::string(error.what()) +
+                             "; to start the service: sudo systemctl start zelta-agent@" +
+                             std::to_string(options.reader));
+  }
 }
 
 // What the program waits for while the agent serves: signals, and a failure of a thread.
@@ -95,10 +108,7 @@ void tellState(bool connected) {
 }  // namespace
 
 int runControl(const Options& options) {
-  const std::vector<std::string> paths = options.control.empty()
-                                             ? defaultControlPaths(options.reader)
-                                             : std::vector<std::string>{options.control};
-  const ControlResult result = readControlAnswer(askAgent(paths, controlLine(options)));
+  const ControlResult result = readControlAnswer(ask(options));
   if (result.success) {
     std::cout << result.text;
     return kExitDone;

@@ -22,7 +22,9 @@
 namespace zelta::agent {
 
 const Edition kEdition = {
-    "On Windows only --backend script is available. Ctrl-C and Ctrl-Break end the agent.", true};
+    "On Windows only --backend script is available. Ctrl-C and Ctrl-Break end the\n"
+    "agent.",
+    true};
 
 Log::Sink standardErrorSink() {
   return [](Severity level, const std::string& line) {

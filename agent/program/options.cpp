@@ -78,13 +78,13 @@ void addShared(CLI::App& app, Options& options) {
 
 void addEmulatedOptions(CLI::App& app, Options& options, Flags& flags) {
   const std::string group = "Emulated card";
-  const std::string folder = "Folder of the NSS certificate database (default ";
+  const std::string folder = "Folder of the NSS certificate database\n(default ";
   app.add_option("--db", options.database, folder + kDefaultDatabase + ")")
       ->option_text("FOLDER")
       ->group(group);
   auto* pin = app.add_option("--pin", flags.pin,
-                             "Check the card's PIN at the start (other users can see it; "
-                             "prefer --pin-file)")
+                             "Check the card's PIN at the start (other users\n"
+                             "can see it; prefer --pin-file)")
                   ->option_text("PIN")
                   ->group(group);
   app.add_option("--pin-file", options.pinFile, "The same, from the first line of a file")
@@ -92,7 +92,8 @@ void addEmulatedOptions(CLI::App& app, Options& options, Flags& flags) {
       ->group(group)
       ->excludes(pin);
   app.add_option("--cert", options.certificates,
-                 "Nickname of a certificate on the card; repeatable, in the card's order")
+                 "Nickname of a certificate on the card;\n"
+                 "repeatable, in the card's order")
       ->option_text("NICKNAME")
       ->group(group)
       ->allow_extra_args(false);
@@ -125,6 +126,7 @@ void addLogOptions(CLI::App& app, Flags& flags) {
 
 void addControl(CLI::App& app, Options& options, Flags& flags) {
   flags.ctl = app.add_subcommand("ctl", "Talk to the running agent");
+  flags.ctl->footer(kExitCodes);
   flags.ctl->require_subcommand(1);
   flags.insert = flags.ctl->add_subcommand("insert", "Put the card in");
   flags.remove = flags.ctl->add_subcommand("remove", "Pull the card");

@@ -15,6 +15,10 @@ from stack import PIN, Stack, run
 # pyscard connects to pcscd when it is imported, so its users import it when pcscd is up.
 
 
+def setUpModule():
+    stack.enter_namespace()
+
+
 def pkcs11(*words, **options):
     return run("pkcs11-tool", "--module", stack.pkcs11_module(), *words, **options)
 
@@ -160,7 +164,7 @@ class ZeltaCommand(unittest.TestCase):
     """What `./zelta` does once everything is built."""
 
     def setUp(self):
-        self.run_dir = pathlib.Path("/run/zelta/up")
+        self.run_dir = pathlib.Path("/run/zelta-up")
         self.up = None
         self.lines = []
 
@@ -189,7 +193,7 @@ class ZeltaCommand(unittest.TestCase):
     def press_ctrl_c(self):
         """As a terminal does: the whole process group hears of it. Gives the exit code."""
         os.killpg(self.up.pid, signal.SIGINT)
-        self.up.communicate(timeout=stack.LIMIT)
+        self.lines.append(self.up.communicate(timeout=stack.LIMIT)[0])
         return self.up.returncode
 
     def assert_run_is_clean(self):
@@ -230,12 +234,14 @@ class ZeltaCommand(unittest.TestCase):
             run("sh", "-e", "-c", hint, cwd=folder)
         self.assertEqual(os.path.getsize(os.path.join(folder, "signature")), 256)
         self.assertEqual(self.press_ctrl_c(), 0)
+        self.assertIn("Ending the agent and pcscd.", "".join(self.lines))
         self.assert_nothing_left()
 
     def test_up_interrupted_on_its_way_leaves_nothing(self):
         for line in ("Making the demo card", "Starting the agent", "Waiting for the card"):
             self.start(until=line)
             self.assertEqual(self.press_ctrl_c(), 130, line)
+            self.assertIn("interrupted; ended: ", self.lines[-1])
             self.assert_nothing_left()
 
     def test_up_beside_the_systems_pcscd_leaves_that_alone(self):
@@ -259,6 +265,18 @@ class ZeltaCommand(unittest.TestCase):
         self.assert_nothing_left()
         self.assertIsNone(system.process.poll())
         self.assertIn("No smart card readers found.", run("opensc-tool", "-l").stdout)
+
+    def test_up_beside_an_installed_reader_is_found_by_users(self):
+        os.mkdir("/run/zelta", 0o700)  # the installed driver's
+        self.addCleanup(os.rmdir, "/run/zelta")
+        self.start()
+        user = ("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups")
+        self.assertEqual(run(*user, "cat", self.run_dir / "pcscd.socket").stdout,
+                         "/run/pcscd/pcscd.comm\n")
+        taken = run(*user, "flock", "--shared", "--nonblock", self.run_dir / "up.pid", "true",
+                    check=False)
+        self.assertEqual((taken.returncode, taken.stdout), (1, ""))
+        run(*user, "sh", "-c", f"cat {self.run_dir}/data/Vornhalt/ZeltaAgent/logs/*.txt")
 
     def test_status_card_and_down_reach_the_running_reader(self):
         self.start()
@@ -293,5 +311,4 @@ class ZeltaCommand(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    stack.enter_namespace()
     unittest.main(verbosity=2)

@@ -6,6 +6,7 @@ so that tests disturb neither each other nor the system's pcscd.
 
 import contextlib
 import ctypes
+import errno
 import glob
 import os
 import pathlib
@@ -14,6 +15,7 @@ import signal
 import subprocess
 import tempfile
 import time
+import unittest
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ["ZELTA_BUILD_DIR"])
@@ -22,19 +24,40 @@ PIN = "12345678"
 LIMIT = 60  # seconds that anything may take
 
 _CLONE_NEWNS = 0x00020000
+_MS_REC = 0x4000
+_MS_PRIVATE = 1 << 18
+
+
+class NoMounts(unittest.SkipTest):
+    """The system does not permit what the test has to mount; skips the test."""
+
+    def __init__(self, reason):
+        super().__init__(f"no mounts are possible here: {reason}")
+        self.reason = reason
+
+    def __reduce__(self):
+        return NoMounts, (self.reason,)
 
 
 def unshare_mounts():
     """What the process mounts from here on is its own and ends with it."""
     libc = ctypes.CDLL(None, use_errno=True)
-    if libc.unshare(_CLONE_NEWNS) != 0:
-        raise OSError(ctypes.get_errno(), "unshare")
-    subprocess.run(["mount", "--make-rprivate", "/"], check=True)
+    if (libc.unshare(_CLONE_NEWNS) != 0
+            or libc.mount(b"none", b"/", None, ctypes.c_ulong(_MS_REC | _MS_PRIVATE), None) != 0):
+        number = ctypes.get_errno()
+        raise NoMounts("the root is not a mount point, as in a plain chroot"
+                       if number == errno.EINVAL else os.strerror(number))
+
+
+def mount(*words):
+    result = run("mount", *words, check=False)
+    if result.returncode != 0:
+        raise NoMounts(result.stdout.strip().splitlines()[0])
 
 
 def enter_namespace():
     unshare_mounts()
-    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/run"], check=True)
+    mount("-t", "tmpfs", "tmpfs", "/run")
     os.makedirs("/run/pcscd")
 
 

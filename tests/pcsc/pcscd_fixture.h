@@ -14,6 +14,7 @@
 
 #include "contract/bytes.h"
 #include "tests/doubles/agent/card_agent.h"
+#include "tests/support/mounts_linux.h"
 #include "tests/support/private_pcscd.h"
 
 namespace zelta::test {
@@ -146,6 +147,10 @@ class PcscdTest : public testing::Test {
   const Bytes kSelect{0x00, 0xA4, 0x04, 0x00, 0x01, 0xA0};
   const Bytes kSelectAnswer{0x00, 0xA4, 0x04, 0x00, 0x01, 0xA0, 0x90, 0x00};
 
+  void SetUp() override {
+    const std::string reason = whyNoMounts();
+    if (!reason.empty()) GTEST_SKIP() << reason;
+  }
   ~PcscdTest() override {
     client_.reset();
     if (pcscd_.running()) pcscd_.end(SIGTERM);

@@ -124,7 +124,10 @@ def main(words):
     chosen = options(words)
     signal.signal(signal.SIGTERM, interrupt)
     print(f"Seed {chosen.seed}", flush=True)
-    return soak(chosen)
+    try:
+        return soak(chosen)
+    except stack.NoMounts as problem:
+        sys.exit(f"zelta: {problem}")
 
 
 if __name__ == "__main__":

@@ -6,7 +6,13 @@ import subprocess
 import sys
 import unittest
 
+import stack
+
 SOAK = pathlib.Path(__file__).with_name("soak.py")
+
+
+def setUpModule():
+    stack.unshare_mounts()  # as the soak does
 
 
 class Soak(unittest.TestCase):

@@ -9,6 +9,9 @@ namespace zelta::test {
 
 // Threads of the process.
 std::size_t threadCount();
+// Threads of the process as soon as there are no more than expected, else after ten seconds: the
+// system may list a thread a moment longer than it takes to join it.
+std::size_t threadsLeft(std::size_t expected);
 // What the open file descriptors point to, sorted; the descriptor of the query itself is left out.
 std::vector<std::string> openFiles();
 // Whether a file of that path is mapped into memory.

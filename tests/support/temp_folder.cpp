@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <random>
+#include <sstream>
 #include <stdexcept>
 
 namespace zelta::test {
@@ -25,8 +26,10 @@ void setVariable(const std::string& name, const char* value) {
 TempFolder::TempFolder() {
   std::random_device random;
   for (int attempt = 0; attempt < 100; ++attempt) {
-    path_ = std::filesystem::temp_directory_path() /
-            ("zelta-test-" + std::to_string(random()) + std::to_string(random()));
+    // Short: a socket's path takes 107 characters.
+    std::ostringstream name;
+    name << "zelta-test-" << std::hex << random();
+    path_ = std::filesystem::temp_directory_path() / name.str();
     if (std::filesystem::create_directory(path_)) return;
   }
   throw std::runtime_error("no temporary folder");

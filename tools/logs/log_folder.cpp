@@ -30,6 +30,13 @@ std::vector<std::filesystem::path> logFiles(const std::filesystem::path& folder)
 LogReader::LogReader(std::filesystem::path folder, bool fromOldest)
     : folder_(std::move(folder)), fromOldest_(fromOldest) {}
 
+void LogReader::open() {
+  stream_ = std::ifstream(current_, std::ios::binary);
+  if (!stream_.is_open() && errno == EACCES) {
+    throw std::system_error(errno, std::generic_category(), current_.string());
+  }
+}
+
 void LogReader::readFile(const Line& line) {
   stream_.clear();
   std::string text;
@@ -48,14 +55,14 @@ void LogReader::readNew(const Line& line) {
   if (current_.empty()) {
     if (files.empty()) return;
     current_ = fromOldest_ ? files.front() : files.back();
-    stream_.open(current_, std::ios::binary);
+    open();
   }
   readFile(line);
   for (auto next = std::upper_bound(files.begin(), files.end(), current_); next != files.end();
        ++next) {
     if (!partial_.empty()) line(std::exchange(partial_, {}));
-    stream_ = std::ifstream(*next, std::ios::binary);
     current_ = *next;
+    open();
     readFile(line);
   }
 }

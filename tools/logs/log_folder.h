@@ -22,13 +22,15 @@ class LogReader {
   LogReader(std::filesystem::path folder, bool fromOldest);
 
   // Hands over every new whole line of this file and of newer ones. A last line without its end
-  // waits for the rest of it as long as its file is the newest.
+  // waits for the rest of it as long as its file is the newest. Throws std::system_error if a file
+  // may not be read.
   void readNew(const Line& line);
 
   // The file that is being read; empty if there is none yet.
   const std::filesystem::path& current() const { return current_; }
 
  private:
+  void open();  // the current file
   void readFile(const Line& line);
 
   std::filesystem::path folder_;

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -25,7 +26,7 @@ std::string defaultFolder() {
 struct Options {
   std::string folder = defaultFolder();
   bool all = false;
-  bool follow = true;
+  bool noFollow = false;
   std::string color = "auto";
   Filter filter;
 };
@@ -38,37 +39,64 @@ bool wantsColor(const std::string& choice) {
 
 void declareOptions(CLI::App& app, Options& options) {
   app.set_version_flag("-V,--version", "zelta-logs " ZELTA_VERSION);
-  app.add_option("--dir", options.folder, "The folder of the log files")->capture_default_str();
+  app.add_option("--dir", options.folder,
+                 "Folder of the log files (default\n" + options.folder + ")")
+      ->option_text("FOLDER");
   app.add_flag("-a,--all", options.all, "From the oldest file on (with --since: always)");
-  app.add_flag("!--no-follow", options.follow, "End with the last record instead of waiting");
+  app.add_flag("--no-follow", options.noFollow, "End with the last record instead of waiting");
   app.add_option_function<std::string>(
          "-l,--level",
          [&options](const std::string& text) { options.filter.level = *parseLevel(text); },
-         "Records of this level and graver: critical, error, info, debug, trace")
+         "Records of this level and graver: critical,\nerror, info, debug, trace")
+      ->option_text("LEVEL")
       ->check([](const std::string& text) {
         return parseLevel(text) ? std::string() : "no level is called '" + text + "'";
       });
   app.add_option("-t,--tag", options.filter.tags,
-                 "Records whose message has this tag, such as [TRSM]; may be repeated");
+                 "Records whose message has this tag, such as\n[TRSM]; may be repeated")
+      ->option_text("TAG");
   app.add_option("-s,--session", options.filter.session,
-                 "Records of the session whose id begins so");
+                 "Records of the session whose id begins so")
+      ->option_text("ID");
   app.add_option_function<std::string>(
          "--since",
          [&options](const std::string& text) {
            options.filter.since = *parseSince(text, std::time(nullptr));
          },
-         "Records from a time on: 2024-03-05T14:07 (UTC), or 90s, 10m, 2h, 1d ago")
+         "Records from a time on: 2024-03-05T14:07 (UTC),\nor 90s, 10m, 2h, 1d ago")
+      ->option_text("TIME")
       ->check([](const std::string& text) {
         return parseSince(text, 0) ? std::string() : "'" + text + "' is not a time";
       });
-  app.add_option("--color", options.color, "Colours: auto, always, never")
+  app.add_option("--color", options.color, "Colours (default auto)")
       ->check(CLI::IsMember({"auto", "always", "never"}))
-      ->capture_default_str();
+      ->option_text("auto|always|never");
+}
+
+// Why the folder cannot be read, and what to do; empty if it can be.
+std::string findProblem(const std::string& folder) {
+  const bool isSystems = folder == defaultFolder();
+  std::error_code unseen;
+  const auto status = std::filesystem::status(folder, unseen);
+  if (exists(status) && !is_directory(status)) return folder + " is not a folder";
+  if (access(folder.c_str(), R_OK | X_OK) != 0) {
+    if (errno == EACCES) {
+      return "permission denied: " + folder +
+             (isSystems ? "; the logs are for root and the group adm: use sudo, or join the group "
+                          "(sudo usermod -aG adm $USER) and log in again"
+                        : "");
+    }
+    return "there is no folder " + folder +
+           (isSystems ? "; is the package zelta-vsc installed? The log of another folder: --dir"
+                      : "");
+  }
+  return "";
 }
 
 int show(const Options& options) {
-  if (!std::filesystem::is_directory(options.folder)) {
-    std::cerr << "zelta-logs: there is no folder " << options.folder << "\n";
+  const std::string problem = findProblem(options.folder);
+  if (!problem.empty()) {
+    std::cerr << "zelta-logs: " << problem << "\n";
     return EXIT_FAILURE;
   }
   Printer printer(options.filter, wantsColor(options.color), [](std::string_view line) {
@@ -77,7 +105,7 @@ int show(const Options& options) {
   });
   LogReader reader(options.folder, options.all || !options.filter.since.empty());
   const auto print = [&printer](std::string_view line) { printer.print(line); };
-  if (!options.follow) {
+  if (options.noFollow) {
     reader.readNew(print);
     if (!reader.current().empty()) return EXIT_SUCCESS;
     std::cerr << "zelta-logs: no log file in " << options.folder << "\n";

@@ -17,8 +17,8 @@ class BootedSystem(CopiedSystem):
     """Commands run inside, beside systemd. `problem` says why it did not start, or is empty."""
 
     def __init__(self):
+        self._first = None
         super().__init__()
-        self._mount("--rbind", "/sys", self.root / "sys")
         for name in MASKED:
             unit = self.path("/etc/systemd/system") / name
             unit.unlink(missing_ok=True)
@@ -33,6 +33,10 @@ class BootedSystem(CopiedSystem):
              "sh", "-c", script], self._base / "systemd.log", {**ENVIRONMENT, "container": "other"})
         self.problem = self._wait_until_up()
 
+    def _mount_all(self, work):
+        super()._mount_all(work)
+        stack.mount("--rbind", "/sys", self.root / "sys")
+
     def _wait_until_up(self):
         def is_up():
             if self._first.process.poll() is not None:
@@ -45,7 +49,8 @@ class BootedSystem(CopiedSystem):
             return str(failure)
         if self._first.process.poll() is None:
             return ""
-        return (self._base / "systemd.log").read_text(errors="replace").strip()[-200:]
+        lines = (self._base / "systemd.log").read_text(errors="replace").split("\n")
+        return next((line.strip() for line in reversed(lines) if line.strip()), "it ended")
 
     def _first_pid(self):
         pid = self._first.process.pid
@@ -64,6 +69,7 @@ class BootedSystem(CopiedSystem):
         return self.run("systemctl", "is-active", service, check=False).stdout.strip() == "active"
 
     def close(self):
-        self._first.process.kill()
-        self._first.process.wait()
+        if self._first is not None:
+            self._first.process.kill()
+            self._first.process.wait()
         super().close()

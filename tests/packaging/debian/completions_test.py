@@ -1,4 +1,4 @@
-"""The shells complete every option that the programs have."""
+"""The shells complete every option that the programs have, and the manual pages name it."""
 
 import os
 import pathlib
@@ -10,12 +10,25 @@ SOURCE = pathlib.Path(__file__).resolve().parents[3]
 BUILD = pathlib.Path(os.environ["ZELTA_BUILD_DIR"])
 BASH = SOURCE / "packaging" / "completions" / "zelta"
 ZSH = SOURCE / "packaging" / "completions" / "_zelta"
+MANUAL = SOURCE / "packaging" / "man"
+AGENT = str(BUILD / "bin" / "zelta-agent")
+LOGS = str(BUILD / "bin" / "zelta-logs")
+ZELTA = str(SOURCE / "zelta")
+INSTALLED = str(SOURCE / "packaging" / "zelta")
+CHECKOUT_COMMANDS = {"up", "down", "status", "card", "logs", "test", "check", "mutate", "package",
+                     "soak", "bench"}
+
+
+def help_of(*command):
+    return subprocess.run(command + ("--help",), capture_output=True, text=True, check=True).stdout
 
 
 def options_of(*command):
-    help_text = subprocess.run(command + ("--help",), capture_output=True, text=True,
-                               check=True).stdout
-    return set(re.findall(r"(?m)^  (?:-\w,)?(--[a-z-]+)", help_text))
+    return set(re.findall(r"(?m)^  (?:-\w, ?)?(--[a-z-]+)", help_of(*command)))
+
+
+def manual_options(page):
+    return set(re.findall(r"--[a-z-]+", (MANUAL / page).read_text().replace("\\-", "-")))
 
 
 def complete(function, *words):
@@ -29,24 +42,60 @@ def complete(function, *words):
 
 class Completions(unittest.TestCase):
     def test_bash_offers_every_option_of_each_program(self):
-        agent = str(BUILD / "bin" / "zelta-agent")
-        logs = str(BUILD / "bin" / "zelta-logs")
-        self.assertEqual(complete("_zelta_agent", "zelta-agent", "--"), options_of(agent))
-        self.assertEqual(complete("_zelta_logs", "zelta-logs", "--"), options_of(logs))
-        self.assertEqual(complete("_zelta", "zelta", "logs", "--"), options_of(logs))
-        self.assertEqual(complete("_zelta_agent", "zelta-agent", "ctl", "status", "--"),
-                         options_of(agent, "ctl", "status"))
+        self.assertEqual(complete("_zelta_agent", "zelta-agent", "--"), options_of(AGENT))
+        self.assertEqual(complete("_zelta_logs", "zelta-logs", "--"), options_of(LOGS))
+        self.assertEqual(complete("_zelta", "zelta", "logs", "--"), options_of(LOGS))
+        self.assertEqual(complete("_zelta", "/usr/bin/zelta", "logs", "--"), options_of(LOGS))
+        for command in ("insert", "remove", "status"):
+            self.assertEqual(complete("_zelta_agent", "zelta-agent", "ctl", command, "--"),
+                             options_of(AGENT, "ctl", command))
+        self.assertEqual(complete("_zelta", "zelta", "--"), options_of(INSTALLED))
+
+    def test_bash_offers_every_command_and_option_of_a_checkout(self):
+        self.assertEqual(complete("_zelta", ZELTA, ""), CHECKOUT_COMMANDS | options_of(ZELTA))
+        for command in CHECKOUT_COMMANDS:
+            options = options_of(ZELTA, command) | {"--help"}
+            self.assertEqual(complete("_zelta", ZELTA, command, "--"), options, command)
+        self.assertEqual(complete("_zelta", ZELTA, "test", "--folder", "pac"), {"packaging"})
+        self.assertEqual(complete("_zelta", ZELTA, "check", "--stage", "t"), {"test", "tsan", "tidy"})
 
     def test_bash_offers_commands_and_values(self):
         self.assertEqual(complete("_zelta", "zelta", "st"), {"status"})
-        self.assertEqual(complete("_zelta", "zelta", "card", ""), {"insert", "remove"})
+        self.assertEqual(complete("_zelta", "zelta", "card", ""), {"insert", "remove", "--help"})
         self.assertEqual(complete("_zelta_agent", "zelta-agent", "c"), {"ctl"})
         self.assertEqual(complete("_zelta_agent", "zelta-agent", "--backend", "p"), {"pcsc"})
 
-    def test_zsh_knows_every_option_of_each_program(self):
-        known = set(re.findall(r"--[a-z-]+", ZSH.read_text()))
-        for program in ("zelta-agent", "zelta-logs"):
-            self.assertEqual(options_of(str(BUILD / "bin" / program)) - known, set())
+    def test_zsh_knows_every_command_and_option(self):
+        text = ZSH.read_text()
+        known = set(re.findall(r"--[a-z-]+", text))
+        programs = [(AGENT,), (AGENT, "ctl", "status"), (LOGS,), (INSTALLED,), (ZELTA,),
+                    *((ZELTA, command) for command in CHECKOUT_COMMANDS)]
+        for program in programs:
+            self.assertEqual(options_of(*program) - known, set(), program)
+        for command in CHECKOUT_COMMANDS:
+            self.assertRegex(text, rf"'{command}\[")
+
+    def test_help_names_every_command_of_a_checkout(self):
+        self.assertEqual(set(re.findall(r"(?m)^  ([a-z]+) ", help_of(ZELTA))), CHECKOUT_COMMANDS)
+
+
+class Manual(unittest.TestCase):
+    def test_pages_name_every_option_of_each_program(self):
+        ctl = options_of(AGENT, "ctl", "status")
+        for page, options in (("zelta-agent.1", options_of(AGENT) | ctl),
+                              ("zelta-logs.1", options_of(LOGS)),
+                              ("zelta.1", options_of(INSTALLED) | ctl - {"--control"})):
+            self.assertEqual(options - manual_options(page), set(), page)
+
+    def test_pages_name_no_option_that_is_not_there(self):
+        known = options_of(AGENT) | options_of(AGENT, "ctl", "status") | options_of(LOGS)
+        for page in MANUAL.iterdir():
+            self.assertEqual(manual_options(page.name) - known, set(), page.name)
+
+    def test_pages_name_every_command_of_the_installed_reader(self):
+        text = (MANUAL / "zelta.1").read_text()
+        for command in re.findall(r"(?m)^  ([a-z]+) ", help_of(INSTALLED)):
+            self.assertIn(f"\n.B zelta {command}\n", text)
 
 
 if __name__ == "__main__":

@@ -22,26 +22,28 @@ class CopiedSystem:
     def __init__(self):
         stack.unshare_mounts()
         base = pathlib.Path(tempfile.mkdtemp(prefix="zelta-system-"))
-        self._mount("-t", "tmpfs", "tmpfs", base)
+        self._base = base
         self.changes = base / "changes"
         self.root = base / "root"
-        work = base / "work"
+        try:
+            self._mount_all(base / "work")
+        except stack.NoMounts:
+            self.close()
+            raise
+
+    def _mount_all(self, work):
+        stack.mount("-t", "tmpfs", "tmpfs", self._base)
         for folder in (self.changes, self.root, work):
             folder.mkdir()
-        self._mount("-t", "overlay", "overlay", "-o",
+        stack.mount("-t", "overlay", "overlay", "-o",
                     f"lowerdir=/,upperdir={self.changes},workdir={work}", self.root)
         for name in ("proc", "dev"):
-            self._mount("--rbind", f"/{name}", self.root / name)
+            stack.mount("--rbind", f"/{name}", self.root / name)
         for name in ("run", "tmp"):
-            self._mount("-t", "tmpfs", "tmpfs", self.root / name)
-        self._base = base
-
-    @staticmethod
-    def _mount(*words):
-        stack.run("mount", *words)
+            stack.mount("-t", "tmpfs", "tmpfs", self.root / name)
 
     def close(self):
-        stack.run("umount", "--recursive", "--lazy", self._base)
+        stack.run("umount", "--recursive", "--lazy", self._base, check=False)
         self._base.rmdir()
 
     def path(self, name):

@@ -97,7 +97,10 @@ class DebianPackage(unittest.TestCase):
         self.assertEqual(set(conffiles), set(CONFFILES))
 
     def test_lintian_finds_neither_errors_nor_warnings(self):
-        found = run("lintian", "--allow-root", "--fail-on", "error,warning", package()).stdout
+        # It leaves a file among the temporary ones.
+        folder = self.enterContext(tempfile.TemporaryDirectory())
+        found = run("lintian", "--allow-root", "--fail-on", "error,warning", package(),
+                    env=dict(os.environ, TMPDIR=folder)).stdout
         self.assertEqual(found, "")
 
 

@@ -1,0 +1,38 @@
+"""Every command's help fits a terminal of 80 columns and says what the command is for."""
+
+import os
+import pathlib
+import subprocess
+import unittest
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+BIN = pathlib.Path(os.environ["ZELTA_BUILD_DIR"]) / "bin"
+ZELTA = SOURCE / "zelta"
+COMMANDS = [
+    [ZELTA],
+    *([ZELTA, word] for word in ("up", "down", "status", "card", "logs", "test", "check", "package",
+                                 "soak", "bench")),
+    [SOURCE / "scripts" / "fuzz.sh"],
+    [SOURCE / "scripts" / "lint.sh"],
+    [SOURCE / "scripts" / "make-demo-db.sh"],
+    [SOURCE / "packaging" / "zelta"],
+    [SOURCE / "packaging" / "zelta", "card"],
+    [BIN / "zelta-agent"],
+    *([BIN / "zelta-agent", "ctl", *words] for words in ([], ["insert"], ["remove"], ["status"])),
+    [BIN / "zelta-logs"],
+]
+
+
+class Help(unittest.TestCase):
+    def test_every_help_fits_80_columns(self):
+        for command in COMMANDS:
+            shown = subprocess.run([*command, "--help"], capture_output=True, text=True,
+                                   check=False)
+            with self.subTest(command=[str(word) for word in command]):
+                self.assertEqual(shown.returncode, 0, shown.stderr)
+                self.assertIn("Usage: ", shown.stdout)
+                self.assertEqual([line for line in shown.stdout.splitlines() if len(line) > 80], [])
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

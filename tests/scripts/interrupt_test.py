@@ -1,0 +1,65 @@
+"""Ctrl-C says what it ends, and leaves neither processes nor temporary files."""
+
+import os
+import signal
+import unittest
+
+from checkout import SOURCE, CheckoutTest, wait_until
+
+
+class Interrupt(CheckoutTest):
+    def setUp(self):
+        super().setUp()
+        self.pretend_to_build()
+
+    def interrupt(self, *words):
+        """As a terminal does: the whole process group hears of it."""
+        process = self.start(SOURCE / "zelta", *words)
+        wait_until((self.folder / "begun").exists, "the long step")
+        os.killpg(process.pid, signal.SIGINT)
+        output, _ = process.communicate(timeout=30)
+        self.assertEqual(process.returncode, 130, output)
+        self.assert_nothing_left(process)
+        (self.folder / "begun").unlink()
+        return output
+
+    def test_build_of_each_command(self):
+        self.fake("cmake", '[ "$1" != --build ] || { touch "$FAKE/begun"; sleep 20; }')
+        for words in (("up",), ("soak",), ("bench",), ("test", "--preset", "release"),
+                      ("check", "--stage", "clang")):
+            with self.subTest(words=words):
+                self.assertRegex(self.interrupt(*words),
+                                 r"zelta: interrupted; ended: (Building \((release|clang)\)|Stage clang)")
+
+    def test_suite_takes_what_its_tests_have_left_along(self):
+        self.fake("ctest", 'mkdir "$TMPDIR/zelta-test-1"; touch "$FAKE/begun"; sleep 20')
+        output = self.interrupt("test", "--preset", "release")
+        self.assertIn("zelta: interrupted; ended: Testing (release)", output)
+
+    def test_package(self):
+        self.fake("dpkg-buildpackage", 'touch "$FAKE/begun"; sleep 20')
+        self.assertRegex(self.interrupt("package", self.folder / "dist"),
+                         r"zelta: interrupted; ended: Making the package \(version ")
+
+    def test_installation(self):
+        self.fake("dpkg-query", "")
+        self.pretend_to_be_a_user()
+        self.fake("apt-get", 'touch "$FAKE/begun"; sleep 20')
+        self.assertIn("zelta: interrupted; ended: Installing", self.interrupt("up"))
+
+    def test_suite_that_a_stage_runs(self):
+        self.fake("ctest", 'mkdir "$TMPDIR/zelta-test-1"; touch "$FAKE/begun"; sleep 20')
+        self.assertIn("zelta: interrupted; ended: Stage tsan",
+                      self.interrupt("check", "--stage", "tsan"))
+
+    def test_end_without_an_interruption_leaves_nothing_either(self):
+        self.fake("ctest", 'echo "100% tests passed, 0 tests failed out of 3"')
+        process = self.start(SOURCE / "zelta", "test", "--preset", "release")
+        output, _ = process.communicate(timeout=30)
+        self.assertEqual(process.returncode, 0, output)
+        self.assertEqual(output.splitlines()[-1], "3 passed, 0 failed")
+        self.assert_nothing_left(process)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
