@@ -14,6 +14,7 @@ import signal
 import subprocess
 import tempfile
 import time
+import unittest
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ["ZELTA_BUILD_DIR"])
@@ -158,3 +159,39 @@ class Stack(contextlib.AbstractContextManager):
 
     def log_text(self):
         return "".join(path.read_text() for path in sorted(self.logs.glob("*.txt")))
+
+
+class StackTest(unittest.TestCase):
+    """A test with a stack of its own, whose logs are shown if it fails."""
+
+    def setUp(self):
+        self.stack = self.enterContext(Stack())
+
+    def tearDown(self):
+        outcome = self._outcome.result
+        if any(test is self for test, _ in outcome.failures + outcome.errors):
+            self.stack.show_logs()
+
+
+class CardTest(StackTest):
+    """A test with the demo card in the reader. It works in the stack's folder, which is also its
+    programs' home."""
+
+    def setUp(self):
+        super().setUp()
+        self.stack.start().wait_for_card()
+        self.folder = self.stack.folder
+        # What programs leave in their caller's home is left here.
+        self.home = dict(os.environ, HOME=str(self.folder), LC_ALL="C.UTF-8")
+
+    def run_here(self, *command, **options):
+        return run(*command, cwd=self.folder, env=options.pop("env", self.home), **options)
+
+    def nss_database(self, name):
+        """A new certificate database that knows the card's PKCS#11 module."""
+        folder = self.folder / name
+        folder.mkdir()
+        self.run_here("certutil", "-N", "-d", f"sql:{folder}", "--empty-password")
+        self.run_here("modutil", "-dbdir", f"sql:{folder}", "-force", "-add", "zelta",
+                      "-libfile", pkcs11_module())
+        return folder
