@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Makes docs/up.svg, the picture of a terminal in which `./zelta up` has brought the reader up.
+"""Makes docs/up.svg, a picture of the terminal in which `./zelta up` has brought the reader up.
 
 Runs it, as root, in a mount namespace of its own with an empty /run: a reader or a pcscd that the
 system has is left alone.
@@ -16,8 +16,8 @@ ROOT = pathlib.Path(__file__).resolve().parents[1]
 PICTURE = ROOT / "docs" / "up.svg"
 COMMAND = "./zelta up"
 LAST_LINE = "Ctrl-C ends it."
-NAMESPACE = ("mount --make-rprivate / && mount -t tmpfs -o mode=755 tmpfs /run && mkdir /run/pcscd && "
-             f"exec {COMMAND}")
+NAMESPACE = ("mount --make-rprivate / && mount -t tmpfs -o mode=755 tmpfs /run && "
+             f"mkdir /run/pcscd && exec {COMMAND}")
 # In pixels.
 COLUMN, LINE, MARGIN, BAR = 7.8, 18, 16, 28
 
@@ -53,8 +53,9 @@ def render(lines):
         style = style_of(line)
         rows.append(f'<text x="{MARGIN}" y="{BAR + MARGIN + (number + 1) * LINE - 5}"'
                     + (f' class="{style}"' if style else "") + f">{html.escape(line)}</text>")
-    lights = "".join(f'<circle cx="{MARGIN + 4 + 18 * place}" cy="{BAR / 2:g}" r="5" fill="{colour}"/>'
-                     for place, colour in enumerate(("#e0645c", "#dfae4b", "#62b35a")))
+    lights = "".join(
+        f'<circle cx="{MARGIN + 4 + 18 * place}" cy="{BAR / 2:g}" r="5" fill="{colour}"/>'
+        for place, colour in enumerate(("#e0645c", "#dfae4b", "#62b35a")))
     return "\n".join([
         f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width} {height}" width="{width}">',
         f"<title>{COMMAND} in a terminal</title>",

@@ -49,7 +49,8 @@ class TlsServer:
                 client.recv(4096)
                 subject = dict(part[0] for part in client.getpeercert()["subject"])
                 self.clients.append(subject["commonName"])
-                client.sendall(b"HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Type: text/plain\r\n"
-                               b"Content-Length: %d\r\n\r\n%s" % (len(PAGE), PAGE.encode()))
+                client.sendall(b"HTTP/1.1 200 OK\r\nConnection: close\r\n"
+                               b"Content-Type: text/plain\r\nContent-Length: %d\r\n\r\n%s"
+                               % (len(PAGE), PAGE.encode()))
         except OSError as error:
             self.refusals.append(str(error))

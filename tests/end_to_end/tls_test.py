@@ -25,8 +25,8 @@ class TlsTest(CardTest):
 
 class Curl(TlsTest):
     def curl(self, *words, **options):
-        return self.run_here("curl", "--silent", "--show-error", "--cacert", "authority.pem", *words,
-                             self.server.url, **options)
+        return self.run_here("curl", "--silent", "--show-error", "--cacert", "authority.pem",
+                             *words, self.server.url, **options)
 
     def with_card(self, pin, **options):
         return self.curl("--engine", "pkcs11", "--cert-type", "ENG", "--key-type", "ENG",

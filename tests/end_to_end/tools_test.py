@@ -81,7 +81,8 @@ class P11tool(CardTest):
     def test_token_and_certificates_are_listed(self):
         self.assertIn("token=Demo%20Card%20Authentication",
                       self.run_here("p11tool", "--list-token-urls").stdout)
-        text = self.run_here("p11tool", "--list-all-certs", "pkcs11:model=PKCS%2315%20emulated").stdout
+        text = self.run_here("p11tool", "--list-all-certs",
+                             "pkcs11:model=PKCS%2315%20emulated").stdout
         self.assertEqual(re.findall(r"(?m)^\tLabel: (.*)$", text), list(LABELS))
 
     def test_key_signs(self):
