@@ -67,7 +67,7 @@ LISTED = {
         "--key-type ENG --key 'pkcs11:id=%00%01;type=private' https://HOST/":
             ("needs a server", TLS, "class Curl"),
         f"modutil -dbdir sql:PROFILE -force -add OpenSC -libfile {OPENSC}":
-            ("needs a profile", TLS, "test_firefox_asks_for_the_pin"),
+            ("needs a profile", TLS, "test_it_asks_for_the_pin"),
     },
     "docs/troubleshooting.md": {
         "sudo dpkg --force-confmiss --install zelta-vsc_*.deb":
@@ -113,7 +113,7 @@ def is_run(command):
                 or command.text in LISTED.get(command.page, {}))
 
 
-class Commands(unittest.TestCase):
+class DocumentedCommands(unittest.TestCase):
     def test_listed_commands_are_in_the_docs_and_covered(self):
         found = {(command.page, command.text) for command in docs_commands.every_command()}
         for page, commands in LISTED.items():
@@ -181,7 +181,7 @@ class PagesTest(unittest.TestCase):
         for number, command in enumerate(block):
             source = command.source
             if command.text in STAYS:
-                source = f"status=0; timeout 3 {command.text} || status=$?; [ $status -eq 124 ]"
+                source = f"status=0; timeout 1 {command.text} || status=$?; [ $status -eq 124 ]"
             script += [FIRST.get(command.text, ""), f"printf '<<{number}>>\\n'", source]
         result = run("bash", "-c", "\n".join(script), check=False, cwd=self.checkout,
                      env=self.environment, stdin=subprocess.DEVNULL, errors="backslashreplace")
@@ -211,7 +211,7 @@ def pattern_of(lines):
     return r"\A" + "".join(parts) + r"\Z"
 
 
-class InstalledPages(PagesTest):
+class DocumentedPages(PagesTest):
     """All pages but the README, with everything where the package puts it."""
 
     def setUp(self):
@@ -225,7 +225,7 @@ class InstalledPages(PagesTest):
         for name in ("agent0.conf", "registry.reg"):
             shutil.copy(SOURCE / "packaging" / name, "/etc/zelta")
         os.makedirs("/var/log/Vornhalt/ZeltaAgent/logs", exist_ok=True)
-        run(SOURCE / "scripts" / "make-demo-db.sh", "/var/lib/zelta/card", stack.PIN)
+        stack.make_demo_card("/var/lib/zelta/card")
         os.makedirs("/run/zelta-agent0")
         self.start("pcscd", "--foreground")
         stack.wait_until(lambda: os.path.exists("/run/pcscd/pcscd.comm"), "pcscd's socket")
@@ -239,7 +239,7 @@ class InstalledPages(PagesTest):
             self.assertGreater(counts[name], 0, name)
 
 
-class Readme(PagesTest):
+class ReadmePage(PagesTest):
     """While `./zelta up` is up."""
 
     def setUp(self):

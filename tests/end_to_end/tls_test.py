@@ -59,8 +59,8 @@ class Tstclnt(TlsTest):
         self.assertEqual(self.server.clients, [OWNER])
 
 
-class Browser(TlsTest):
-    def test_firefox_asks_for_the_pin_and_shows_the_page(self):
+class FirefoxTls(TlsTest):
+    def test_it_asks_for_the_pin_and_shows_the_page(self):
         firefox = Firefox(self.database_with_authority("profile"), self.folder)
         self.addCleanup(firefox.close)
         firefox.answer_prompts(PIN)
