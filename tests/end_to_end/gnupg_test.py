@@ -75,7 +75,7 @@ class GnupgPkcs11Scd(GnuPgTest):
         (self.folder / "message").write_text("signed with the card\n")
         self.run_here("gpgsm", "--local-user", "CN=Demo Card Signature", "--output", "signed",
                       "--sign", "message")
-        # By gpgsm itself: it leaves out a signature's leading zeros, which openssl wants to see.
+        # By gpgsm itself: openssl refuses the zero that it puts before some signatures.
         verified = self.run_here("gpgsm", "--verify", "signed").stdout
         self.assertIn('Good signature from "/CN=Demo Card Signature/O=Zelta"', verified)
 
