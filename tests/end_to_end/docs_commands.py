@@ -69,9 +69,13 @@ def blocks(page):
             for language, text in _BLOCK.findall(page.read_text()) if language in _READERS]
 
 
+def without_blocks(page):
+    return _BLOCK.sub("", page.read_text())
+
+
 def inline(page):
-    text = _BLOCK.sub("", page.read_text())
-    found = dict.fromkeys(" ".join(match.split()) for match in _INLINE.findall(text))
+    commands = _INLINE.findall(without_blocks(page))
+    found = dict.fromkeys(" ".join(command.split()) for command in commands)
     return [Command(name_of(page), command, command, None) for command in found]
 
 

@@ -102,6 +102,15 @@ LISTED = {
 # Run by the package's tests, beside systemd.
 FOR_SYSTEMD = (PACKAGE, "is_for_systemd")
 
+# What the troubleshooting page quotes of other programs.
+MESSAGES_OF_OTHERS = {
+    "Error with library", "No such file or directory", "invalid directory",  # pcscd
+    "Permission denied", "PIN code or key incorrect", "PIN length out of range",
+    "Will attempt key", "Offering public key", "agent refused operation", "CAC ID Certificate",
+    "OpenPGP card not available",
+}
+PRODUCT = ("agent", "agent_link", "driver", "host", "pcsc", "reader")
+
 # Follows until it is interrupted.
 STAYS = {"./zelta logs --level error", "sudo zelta-logs"}
 # What the text before a command supposes.
@@ -128,6 +137,15 @@ class DocumentedCommands(unittest.TestCase):
             if page.name != "windows.md":
                 self.assertLessEqual(docs_commands.languages(page),
                                      {"", "sh", "console", "mermaid"}, page)
+
+    def test_messages_that_troubleshooting_quotes_exist(self):
+        page = docs_commands.without_blocks(SOURCE / "docs" / "troubleshooting.md")
+        parts = {part.strip() for quoted in re.findall(r'"([^"]+)"', " ".join(page.split()))
+                 for part in re.split(r"\.\.\.|: |:$|dev0", quoted)} - {""}
+        sources = "".join(file.read_text() for folder in PRODUCT
+                          for file in (SOURCE / folder).rglob("*.cpp"))
+        self.assertGreater(len(parts), 20)
+        self.assertEqual({part for part in parts if part not in sources}, MESSAGES_OF_OTHERS)
 
     def test_no_command_stands_in_a_block_of_another_kind(self):
         """Indented text and blocks without a language are for bytes, files and pictures."""
