@@ -12,6 +12,9 @@ RUN_PACKAGES=(
 )
 TEST_PACKAGES=(
   debhelper lintian python3-pyscard shellcheck libbenchmark-dev procps
+  # Programs whose way to the card is tested.
+  curl firefox-esr gnupg-pkcs11-scd gnutls-bin gpg gpg-agent gpgsm libengine-pkcs11-openssl
+  openssh-server scdaemon
 )
 # What the Debian package is made with.
 PACKAGE_PACKAGES=(

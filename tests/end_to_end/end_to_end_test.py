@@ -10,7 +10,7 @@ import threading
 import unittest
 
 import stack
-from stack import PIN, Stack, run
+from stack import PIN, StackTest, run
 
 # pyscard connects to pcscd when it is imported, so its users import it when pcscd is up.
 
@@ -28,15 +28,7 @@ def certificate_ids():
     return sorted(set(ids))
 
 
-class EndToEnd(unittest.TestCase):
-    def setUp(self):
-        self.stack = self.enterContext(Stack())
-
-    def tearDown(self):
-        outcome = self._outcome.result
-        if any(test is self for test, _ in outcome.failures + outcome.errors):
-            self.stack.show_logs()
-
+class EndToEnd(StackTest):
     def sign_and_verify(self, key):
         folder = self.stack.folder
         (folder / "message").write_bytes(os.urandom(200))

@@ -85,6 +85,15 @@ def run(*command, check=True, **options):
     return result
 
 
+def make_demo_card(folder):
+    """A copy of $ZELTA_DEMO_CARD, if there is one: making the keys takes a second."""
+    made = os.environ.get("ZELTA_DEMO_CARD")
+    if made:
+        shutil.copytree(made, folder)
+    else:
+        run(SOURCE / "scripts" / "make-demo-db.sh", folder, PIN)
+
+
 def pkcs11_module():
     return glob.glob("/usr/lib/*/opensc-pkcs11.so")[0]
 
@@ -157,7 +166,7 @@ class Stack(contextlib.AbstractContextManager):
         wait_until(lambda: os.path.exists("/run/pcscd/pcscd.comm"), "pcscd's socket")
 
     def make_card(self):
-        run(SOURCE / "scripts" / "make-demo-db.sh", self.folder / "card", PIN)
+        make_demo_card(self.folder / "card")
         (self.folder / "pin").write_text(PIN)
 
     def start_agent(self, *options):
@@ -182,3 +191,39 @@ class Stack(contextlib.AbstractContextManager):
 
     def log_text(self):
         return "".join(path.read_text() for path in sorted(self.logs.glob("*.txt")))
+
+
+class StackTest(unittest.TestCase):
+    """A test with a stack of its own, whose logs are shown if it fails."""
+
+    def setUp(self):
+        self.stack = self.enterContext(Stack())
+
+    def tearDown(self):
+        outcome = self._outcome.result
+        if any(test is self for test, _ in outcome.failures + outcome.errors):
+            self.stack.show_logs()
+
+
+class CardTest(StackTest):
+    """A test with the demo card in the reader. It works in the stack's folder, which is also its
+    programs' home."""
+
+    def setUp(self):
+        super().setUp()
+        self.stack.start().wait_for_card()
+        self.folder = self.stack.folder
+        # What programs leave in their caller's home is left here.
+        self.home = dict(os.environ, HOME=str(self.folder), LC_ALL="C.UTF-8")
+
+    def run_here(self, *command, **options):
+        return run(*command, cwd=self.folder, env=options.pop("env", self.home), **options)
+
+    def nss_database(self, name):
+        """A new certificate database that knows the card's PKCS#11 module."""
+        folder = self.folder / name
+        folder.mkdir()
+        self.run_here("certutil", "-N", "-d", f"sql:{folder}", "--empty-password")
+        self.run_here("modutil", "-dbdir", f"sql:{folder}", "-force", "-add", "zelta",
+                      "-libfile", pkcs11_module())
+        return folder

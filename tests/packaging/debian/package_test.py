@@ -6,6 +6,7 @@ import re
 import tempfile
 import unittest
 
+import docs_commands
 import stack
 from booted_system import BootedSystem
 from copied_system import CopiedSystem
@@ -169,6 +170,14 @@ class DebianInstallation(unittest.TestCase):
         for log in self.system.path(LOGS).iterdir():
             self.assertNotIn("registry", log.read_text())
 
+    def test_entry_that_was_lost_comes_back_as_the_docs_say(self):
+        entry = self.system.path(ENTRY).read_text()
+        self.system.path(ENTRY).unlink()
+        self.dpkg("--install", "/tmp/zelta.deb")
+        self.assertFalse(self.system.path(ENTRY).exists())
+        self.dpkg("--force-confmiss", "--install", "/tmp/zelta.deb")
+        self.assertEqual(self.system.path(ENTRY).read_text(), entry)
+
     def test_removed_package_leaves_a_pcscd_that_starts_and_the_logs(self):
         log = self.system.path(LOGS) / "zelta_vsc_2024_03_05T14_07_09_042Z.txt"
         log.write_text("kept\n")
@@ -270,6 +279,19 @@ class DebianService(unittest.TestCase):
         show = self.system.run("systemctl", "show", "--property", "NRestarts,SubState,ExecMainStatus",
                                AGENT).stdout
         self.assertEqual(set(show.split()), {"NRestarts=0", "SubState=failed", "ExecMainStatus=2"})
+
+    def test_commands_of_the_docs_for_systemd_work(self):
+        self.wait_for_card()
+        commands = {command.text.removeprefix("sudo ")
+                    for command in docs_commands.every_command()
+                    if docs_commands.is_for_systemd(command)}
+        self.assertGreater(len(commands), 4)
+        for command in sorted(commands):
+            result = self.system.run("sh", "-c", f"SYSTEMD_PAGER= {command}", check=False)
+            # `systemctl status` says with 3 that one of them does not run at the moment.
+            self.assertIn(result.returncode, (0, 3) if "status" in command else (0,),
+                          f"{command}: {result.stdout}")
+        self.wait_for_card()
 
     def test_purge_leaves_nothing_behind(self):
         self.wait_for_card()
