@@ -87,98 +87,98 @@ RESPONSECODE stopAwaiting(DWORD lun) {
 
 extern "C" {
 
-RESPONSECODE IFDHCreateChannelByName(DWORD Lun, LPSTR DeviceName) {
-  if (DeviceName == nullptr) return IFD_COMMUNICATION_ERROR;
+RESPONSECODE IFDHCreateChannelByName(DWORD lun, LPSTR deviceName) {
+  if (deviceName == nullptr) return IFD_COMMUNICATION_ERROR;
   return guarded([&]() -> RESPONSECODE {
-    const auto index = zelta::pcsc::readerIndexOf(DeviceName);
-    if (index) return table().open(Lun, *index);
-    zelta::pcsc::logToDaemon(LogLevel::kError, std::string("DEVICENAME '") + DeviceName +
+    const auto index = zelta::pcsc::readerIndexOf(deviceName);
+    if (index) return table().open(lun, *index);
+    zelta::pcsc::logToDaemon(LogLevel::kError, std::string("DEVICENAME '") + deviceName +
                                                    "' has no reader index after its colon");
     return IFD_NO_SUCH_DEVICE;
   });
 }
 
-RESPONSECODE IFDHCreateChannel(DWORD Lun, DWORD Channel) {
-  if (Channel > UINT32_MAX) return IFD_NO_SUCH_DEVICE;
-  return guarded([&] { return table().open(Lun, static_cast<std::uint32_t>(Channel)); });
+RESPONSECODE IFDHCreateChannel(DWORD lun, DWORD number) {
+  if (number > UINT32_MAX) return IFD_NO_SUCH_DEVICE;
+  return guarded([&] { return table().open(lun, static_cast<std::uint32_t>(number)); });
 }
 
-RESPONSECODE IFDHCloseChannel(DWORD Lun) {
-  return guarded([&] { return table().close(Lun); });
+RESPONSECODE IFDHCloseChannel(DWORD lun) {
+  return guarded([&] { return table().close(lun); });
 }
 
-RESPONSECODE IFDHGetCapabilities(DWORD Lun, DWORD Tag, PDWORD Length, PUCHAR Value) {
-  if (Length == nullptr || Value == nullptr) return IFD_COMMUNICATION_ERROR;
-  return onChannel(Lun, [&](Channel& channel) -> RESPONSECODE {
-    const Reply reply = zelta::pcsc::capability(channel, Tag, {awaitChange, stopAwaiting});
-    return reply.code == IFD_SUCCESS ? copyOut(reply.bytes, Value, Length) : reply.code;
+RESPONSECODE IFDHGetCapabilities(DWORD lun, DWORD tag, PDWORD length, PUCHAR value) {
+  if (length == nullptr || value == nullptr) return IFD_COMMUNICATION_ERROR;
+  return onChannel(lun, [&](Channel& channel) -> RESPONSECODE {
+    const Reply reply = zelta::pcsc::capability(channel, tag, {awaitChange, stopAwaiting});
+    return reply.code == IFD_SUCCESS ? copyOut(reply.bytes, value, length) : reply.code;
   });
 }
 
-RESPONSECODE IFDHSetCapabilities(DWORD Lun, DWORD Tag, DWORD Length, PUCHAR Value) {
-  if (Value == nullptr && Length != 0) return IFD_COMMUNICATION_ERROR;
-  if (Length > MAX_BUFFER_SIZE) return IFD_ERROR_SET_FAILURE;
-  return onChannel(Lun, [&](Channel& channel) -> RESPONSECODE {
-    return channel.setAttribute(Tag, Length == 0 ? Bytes() : Bytes(Value, Value + Length));
+RESPONSECODE IFDHSetCapabilities(DWORD lun, DWORD tag, DWORD length, PUCHAR value) {
+  if (value == nullptr && length != 0) return IFD_COMMUNICATION_ERROR;
+  if (length > MAX_BUFFER_SIZE) return IFD_ERROR_SET_FAILURE;
+  return onChannel(lun, [&](Channel& channel) -> RESPONSECODE {
+    return channel.setAttribute(tag, length == 0 ? Bytes() : Bytes(value, value + length));
   });
 }
 
 // No negotiation of its own: the card is far away.
-RESPONSECODE IFDHSetProtocolParameters(DWORD Lun, DWORD Protocol, UCHAR, UCHAR, UCHAR, UCHAR) {
-  return onChannel(Lun, [&](Channel& channel) { return channel.setProtocol(Protocol); });
+RESPONSECODE IFDHSetProtocolParameters(DWORD lun, DWORD protocol, UCHAR, UCHAR, UCHAR, UCHAR) {
+  return onChannel(lun, [&](Channel& channel) { return channel.setProtocol(protocol); });
 }
 
-RESPONSECODE IFDHPowerICC(DWORD Lun, DWORD Action, PUCHAR Atr, PDWORD AtrLength) {
-  if (Atr == nullptr || AtrLength == nullptr) return IFD_COMMUNICATION_ERROR;
-  DWORD capacity = std::min<DWORD>(*AtrLength, MAX_ATR_SIZE);
-  *AtrLength = 0;
-  return onChannel(Lun, [&](Channel& channel) -> RESPONSECODE {
-    const Reply reply = channel.power(Action);
+RESPONSECODE IFDHPowerICC(DWORD lun, DWORD action, PUCHAR atr, PDWORD atrLength) {
+  if (atr == nullptr || atrLength == nullptr) return IFD_COMMUNICATION_ERROR;
+  DWORD capacity = std::min<DWORD>(*atrLength, MAX_ATR_SIZE);
+  *atrLength = 0;
+  return onChannel(lun, [&](Channel& channel) -> RESPONSECODE {
+    const Reply reply = channel.power(action);
     if (reply.code != IFD_SUCCESS) return reply.code;
-    const RESPONSECODE copied = copyOut(reply.bytes, Atr, &capacity);
-    if (copied == IFD_SUCCESS) *AtrLength = capacity;
+    const RESPONSECODE copied = copyOut(reply.bytes, atr, &capacity);
+    if (copied == IFD_SUCCESS) *atrLength = capacity;
     return copied;
   });
 }
 
-RESPONSECODE IFDHTransmitToICC(DWORD Lun, SCARD_IO_HEADER SendPci, PUCHAR TxBuffer, DWORD TxLength,
-                               PUCHAR RxBuffer, PDWORD RxLength, PSCARD_IO_HEADER RecvPci) {
-  if (RxLength == nullptr) return IFD_COMMUNICATION_ERROR;
-  const DWORD capacity = std::min<DWORD>(*RxLength, MAX_BUFFER_SIZE_EXTENDED);
-  *RxLength = 0;
-  if (RxBuffer == nullptr || (TxBuffer == nullptr && TxLength != 0)) {
+RESPONSECODE IFDHTransmitToICC(DWORD lun, SCARD_IO_HEADER sendPci, PUCHAR txBuffer, DWORD txLength,
+                               PUCHAR rxBuffer, PDWORD rxLength, PSCARD_IO_HEADER recvPci) {
+  if (rxLength == nullptr) return IFD_COMMUNICATION_ERROR;
+  const DWORD capacity = std::min<DWORD>(*rxLength, MAX_BUFFER_SIZE_EXTENDED);
+  *rxLength = 0;
+  if (rxBuffer == nullptr || (txBuffer == nullptr && txLength != 0)) {
     return IFD_COMMUNICATION_ERROR;
   }
-  if (TxLength > MAX_BUFFER_SIZE_EXTENDED) return IFD_ERROR_INSUFFICIENT_BUFFER;
-  return onChannel(Lun, [&](Channel& channel) -> RESPONSECODE {
+  if (txLength > MAX_BUFFER_SIZE_EXTENDED) return IFD_ERROR_INSUFFICIENT_BUFFER;
+  return onChannel(lun, [&](Channel& channel) -> RESPONSECODE {
     const zelta::pcsc::TransmitReply reply =
-        channel.transmit({SendPci.Protocol, {TxBuffer, TxLength}, {RxBuffer, capacity}});
+        channel.transmit({sendPci.Protocol, {txBuffer, txLength}, {rxBuffer, capacity}});
     if (reply.code != IFD_SUCCESS) return reply.code;
-    *RxLength = reply.answerSize;
-    if (RecvPci != nullptr) *RecvPci = {SendPci.Protocol, sizeof *RecvPci};
+    *rxLength = reply.answerSize;
+    if (recvPci != nullptr) *recvPci = {sendPci.Protocol, sizeof *recvPci};
     return IFD_SUCCESS;
   });
 }
 
-RESPONSECODE IFDHControl(DWORD Lun, DWORD dwControlCode, PUCHAR TxBuffer, DWORD TxLength,
-                         PUCHAR RxBuffer, DWORD RxLength, LPDWORD pdwBytesReturned) {
-  if (pdwBytesReturned == nullptr) return IFD_COMMUNICATION_ERROR;
-  *pdwBytesReturned = 0;
-  if ((RxBuffer == nullptr && RxLength != 0) || (TxBuffer == nullptr && TxLength != 0)) {
+RESPONSECODE IFDHControl(DWORD lun, DWORD code, PUCHAR txBuffer, DWORD txLength, PUCHAR rxBuffer,
+                         DWORD rxLength, LPDWORD bytesReturned) {
+  if (bytesReturned == nullptr) return IFD_COMMUNICATION_ERROR;
+  *bytesReturned = 0;
+  if ((rxBuffer == nullptr && rxLength != 0) || (txBuffer == nullptr && txLength != 0)) {
     return IFD_COMMUNICATION_ERROR;
   }
-  return onChannel(Lun, [&](Channel&) -> RESPONSECODE {
-    const zelta::pcsc::ControlReply reply = zelta::pcsc::answerControl(dwControlCode);
+  return onChannel(lun, [&](Channel&) -> RESPONSECODE {
+    const zelta::pcsc::ControlReply reply = zelta::pcsc::answerControl(code);
     if (reply.code != IFD_SUCCESS) return reply.code;
-    DWORD length = RxLength;
-    const RESPONSECODE copied = copyOut(reply.bytes, RxBuffer, &length);
-    if (copied == IFD_SUCCESS) *pdwBytesReturned = length;
+    DWORD length = rxLength;
+    const RESPONSECODE copied = copyOut(reply.bytes, rxBuffer, &length);
+    if (copied == IFD_SUCCESS) *bytesReturned = length;
     return copied;
   });
 }
 
-RESPONSECODE IFDHICCPresence(DWORD Lun) {
-  return onChannel(Lun, [](Channel& channel) { return channel.presence(); });
+RESPONSECODE IFDHICCPresence(DWORD lun) {
+  return onChannel(lun, [](Channel& channel) { return channel.presence(); });
 }
 
 }  // extern "C"

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 // Null if the library is not loaded by pcscd.
+// NOLINTNEXTLINE(readability-identifier-naming): pcscd's name.
 extern "C" __attribute__((weak)) void log_msg(int priority, const char* format, ...);
 
 namespace zelta::pcsc {

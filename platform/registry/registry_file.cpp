@@ -17,10 +17,10 @@ using Text = std::u16string_view;
 constexpr char16_t kIdSeparator = u'\0';  // sorts before every character of a name, is in none
 
 char16_t foldUnit(char16_t unit) {
-  constexpr char16_t distance = u'a' - u'A';  // in Latin-1 too
+  constexpr char16_t kDistance = u'a' - u'A';  // in Latin-1 too
   const bool isAscii = unit >= u'A' && unit <= u'Z';
   const bool isLatin1 = unit >= 0x00C0 && unit <= 0x00DE && unit != 0x00D7;  // multiplication sign
-  return isAscii || isLatin1 ? static_cast<char16_t>(unit + distance) : unit;
+  return isAscii || isLatin1 ? static_cast<char16_t>(unit + kDistance) : unit;
 }
 
 std::u16string idOf(std::u16string_view path) {

@@ -33,46 +33,46 @@ void expectSlots(std::size_t first, std::initializer_list<Operation> operations)
 }
 
 // An operation of the interface `I`.
-#define SLOT(operation) \
+#define ZELTA_SLOT(operation) \
   Operation { slotOf(&I::operation), #operation }
 
 // As every interface inherits them.
 template <typename I>
 void expectUnknownFirst() {
-  expectSlots(0, {SLOT(QueryInterface), SLOT(AddRef), SLOT(Release)});
+  expectSlots(0, {ZELTA_SLOT(QueryInterface), ZELTA_SLOT(AddRef), ZELTA_SLOT(Release)});
   EXPECT_EQ(sizeof(I), sizeof(void*)) << "an interface is a pointer to its table";
 }
 
 template <typename I>
 void expectObjectFirst() {
   expectUnknownFirst<I>();
-  expectSlots(3, {SLOT(DeleteWdfObject), SLOT(AssignContext), SLOT(RetrieveContext),
-                  SLOT(AcquireLock), SLOT(ReleaseLock)});
+  expectSlots(3, {ZELTA_SLOT(DeleteWdfObject), ZELTA_SLOT(AssignContext),
+                  ZELTA_SLOT(RetrieveContext), ZELTA_SLOT(AcquireLock), ZELTA_SLOT(ReleaseLock)});
 }
 
 TEST(Slots, ClassFactory_IsInOrder) {
   using I = IClassFactory;
   expectUnknownFirst<I>();
-  expectSlots(3, {SLOT(CreateInstance), SLOT(LockServer)});
+  expectSlots(3, {ZELTA_SLOT(CreateInstance), ZELTA_SLOT(LockServer)});
 }
 
 TEST(Slots, DriverEntry_IsInOrder) {
   using I = IDriverEntry;
   expectUnknownFirst<I>();
-  expectSlots(3, {SLOT(OnInitialize), SLOT(OnDeviceAdd), SLOT(OnDeinitialize)});
+  expectSlots(3, {ZELTA_SLOT(OnInitialize), ZELTA_SLOT(OnDeviceAdd), ZELTA_SLOT(OnDeinitialize)});
 }
 
 TEST(Slots, PnpCallbackHardware_IsInOrder) {
   using I = IPnpCallbackHardware;
   expectUnknownFirst<I>();
-  expectSlots(3, {SLOT(OnPrepareHardware), SLOT(OnReleaseHardware)});
+  expectSlots(3, {ZELTA_SLOT(OnPrepareHardware), ZELTA_SLOT(OnReleaseHardware)});
 }
 
 TEST(Slots, PnpCallback_IsInOrder) {
   using I = IPnpCallback;
   expectUnknownFirst<I>();
-  expectSlots(3, {SLOT(OnD0Entry), SLOT(OnD0Exit), SLOT(OnSurpriseRemoval), SLOT(OnQueryRemove),
-                  SLOT(OnQueryStop)});
+  expectSlots(3, {ZELTA_SLOT(OnD0Entry), ZELTA_SLOT(OnD0Exit), ZELTA_SLOT(OnSurpriseRemoval),
+                  ZELTA_SLOT(OnQueryRemove), ZELTA_SLOT(OnQueryStop)});
 }
 
 TEST(Slots, CallbacksWithOneOperation_HaveItThird) {
@@ -88,77 +88,82 @@ TEST(Slots, Driver_IsInOrder) {
   using I = IWDFDriver;
   expectObjectFirst<IWDFObject>();
   expectObjectFirst<I>();
-  expectSlots(8, {SLOT(CreateDevice), SLOT(CreateWdfObject), SLOT(CreatePreallocatedWdfMemory),
-                  SLOT(CreateWdfMemory), SLOT(IsVersionAvailable), SLOT(RetrieveVersionString)});
+  expectSlots(8, {ZELTA_SLOT(CreateDevice), ZELTA_SLOT(CreateWdfObject),
+                  ZELTA_SLOT(CreatePreallocatedWdfMemory), ZELTA_SLOT(CreateWdfMemory),
+                  ZELTA_SLOT(IsVersionAvailable), ZELTA_SLOT(RetrieveVersionString)});
 }
 
 TEST(Slots, DeviceInitialize_IsInOrder) {
   using I = IWDFDeviceInitialize;
   expectUnknownFirst<I>();
-  expectSlots(3, {SLOT(SetFilter), SLOT(SetLockingConstraint), SLOT(RetrieveDevicePropertyStore),
-                  SLOT(SetPowerPolicyOwnership), SLOT(AutoForwardCreateCleanupClose),
-                  SLOT(RetrieveDeviceInstanceId), SLOT(SetPnpCapability), SLOT(GetPnpCapability)});
+  expectSlots(3, {ZELTA_SLOT(SetFilter), ZELTA_SLOT(SetLockingConstraint),
+                  ZELTA_SLOT(RetrieveDevicePropertyStore), ZELTA_SLOT(SetPowerPolicyOwnership),
+                  ZELTA_SLOT(AutoForwardCreateCleanupClose), ZELTA_SLOT(RetrieveDeviceInstanceId),
+                  ZELTA_SLOT(SetPnpCapability), ZELTA_SLOT(GetPnpCapability)});
 }
 
 TEST(Slots, Device_IsInOrder) {
   using I = IWDFDevice;
   expectObjectFirst<I>();
-  expectSlots(8, {SLOT(RetrieveDevicePropertyStore), SLOT(GetDriver),
-                  SLOT(RetrieveDeviceInstanceId), SLOT(GetDefaultIoTarget), SLOT(CreateWdfFile),
-                  SLOT(GetDefaultIoQueue), SLOT(CreateIoQueue), SLOT(CreateDeviceInterface),
-                  SLOT(AssignDeviceInterfaceState), SLOT(RetrieveDeviceName), SLOT(PostEvent),
-                  SLOT(ConfigureRequestDispatching), SLOT(SetPnpState), SLOT(GetPnpState),
-                  SLOT(CommitPnpState), SLOT(CreateRequest), SLOT(CreateSymbolicLink)});
+  expectSlots(
+      8, {ZELTA_SLOT(RetrieveDevicePropertyStore), ZELTA_SLOT(GetDriver),
+          ZELTA_SLOT(RetrieveDeviceInstanceId), ZELTA_SLOT(GetDefaultIoTarget),
+          ZELTA_SLOT(CreateWdfFile), ZELTA_SLOT(GetDefaultIoQueue), ZELTA_SLOT(CreateIoQueue),
+          ZELTA_SLOT(CreateDeviceInterface), ZELTA_SLOT(AssignDeviceInterfaceState),
+          ZELTA_SLOT(RetrieveDeviceName), ZELTA_SLOT(PostEvent),
+          ZELTA_SLOT(ConfigureRequestDispatching), ZELTA_SLOT(SetPnpState), ZELTA_SLOT(GetPnpState),
+          ZELTA_SLOT(CommitPnpState), ZELTA_SLOT(CreateRequest), ZELTA_SLOT(CreateSymbolicLink)});
 }
 
 TEST(Slots, File_IsInOrder) {
   using I = IWDFFile;
   expectObjectFirst<I>();
-  expectSlots(8, {SLOT(RetrieveFileName), SLOT(GetDevice)});
+  expectSlots(8, {ZELTA_SLOT(RetrieveFileName), ZELTA_SLOT(GetDevice)});
 }
 
 TEST(Slots, Request_IsInOrder) {
   using I = IWDFIoRequest;
   expectObjectFirst<I>();
-  expectSlots(8, {SLOT(CompleteWithInformation),
-                  SLOT(SetInformation),
-                  SLOT(Complete),
-                  SLOT(SetCompletionCallback),
-                  SLOT(GetType),
-                  SLOT(GetCreateParameters),
-                  SLOT(GetReadParameters),
-                  SLOT(GetWriteParameters),
-                  SLOT(GetDeviceIoControlParameters),
-                  SLOT(GetOutputMemory),
-                  SLOT(GetInputMemory),
-                  SLOT(MarkCancelable),
-                  SLOT(UnmarkCancelable),
-                  SLOT(CancelSentRequest),
-                  SLOT(ForwardToIoQueue),
-                  SLOT(Send),
-                  SLOT(GetFileObject),
-                  SLOT(FormatUsingCurrentType),
-                  SLOT(GetRequestorProcessId),
-                  SLOT(GetIoQueue),
-                  SLOT(Impersonate),
-                  SLOT(IsFrom32BitProcess),
-                  SLOT(GetCompletionParams)});
+  expectSlots(8, {ZELTA_SLOT(CompleteWithInformation),
+                  ZELTA_SLOT(SetInformation),
+                  ZELTA_SLOT(Complete),
+                  ZELTA_SLOT(SetCompletionCallback),
+                  ZELTA_SLOT(GetType),
+                  ZELTA_SLOT(GetCreateParameters),
+                  ZELTA_SLOT(GetReadParameters),
+                  ZELTA_SLOT(GetWriteParameters),
+                  ZELTA_SLOT(GetDeviceIoControlParameters),
+                  ZELTA_SLOT(GetOutputMemory),
+                  ZELTA_SLOT(GetInputMemory),
+                  ZELTA_SLOT(MarkCancelable),
+                  ZELTA_SLOT(UnmarkCancelable),
+                  ZELTA_SLOT(CancelSentRequest),
+                  ZELTA_SLOT(ForwardToIoQueue),
+                  ZELTA_SLOT(Send),
+                  ZELTA_SLOT(GetFileObject),
+                  ZELTA_SLOT(FormatUsingCurrentType),
+                  ZELTA_SLOT(GetRequestorProcessId),
+                  ZELTA_SLOT(GetIoQueue),
+                  ZELTA_SLOT(Impersonate),
+                  ZELTA_SLOT(IsFrom32BitProcess),
+                  ZELTA_SLOT(GetCompletionParams)});
 }
 
 TEST(Slots, Memory_IsInOrder) {
   using I = IWDFMemory;
   expectObjectFirst<I>();
-  expectSlots(8, {SLOT(CopyFromMemory), SLOT(CopyToBuffer), SLOT(CopyFromBuffer), SLOT(GetSize),
-                  SLOT(GetDataBuffer), SLOT(SetBuffer)});
+  expectSlots(8, {ZELTA_SLOT(CopyFromMemory), ZELTA_SLOT(CopyToBuffer), ZELTA_SLOT(CopyFromBuffer),
+                  ZELTA_SLOT(GetSize), ZELTA_SLOT(GetDataBuffer), ZELTA_SLOT(SetBuffer)});
 }
 
 TEST(Slots, Queue_IsInOrder) {
   using I = IWDFIoQueue;
   expectObjectFirst<I>();
-  expectSlots(8, {SLOT(GetDevice), SLOT(ConfigureRequestDispatching), SLOT(GetState),
-                  SLOT(RetrieveNextRequest), SLOT(RetrieveNextRequestByFileObject), SLOT(Start),
-                  SLOT(Stop), SLOT(StopSynchronously), SLOT(Drain), SLOT(DrainSynchronously),
-                  SLOT(Purge), SLOT(PurgeSynchronously)});
+  expectSlots(
+      8, {ZELTA_SLOT(GetDevice), ZELTA_SLOT(ConfigureRequestDispatching), ZELTA_SLOT(GetState),
+          ZELTA_SLOT(RetrieveNextRequest), ZELTA_SLOT(RetrieveNextRequestByFileObject),
+          ZELTA_SLOT(Start), ZELTA_SLOT(Stop), ZELTA_SLOT(StopSynchronously), ZELTA_SLOT(Drain),
+          ZELTA_SLOT(DrainSynchronously), ZELTA_SLOT(Purge), ZELTA_SLOT(PurgeSynchronously)});
 }
 
 }  // namespace

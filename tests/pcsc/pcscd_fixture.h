@@ -58,7 +58,7 @@ class Client {
   };
   State state() {
     DWORD known = SCARD_STATE_UNAWARE;
-    const std::optional<State> now = change(&known);
+    std::optional<State> now = change(&known);
     EXPECT_TRUE(now.has_value());
     return now.value_or(State());
   }
@@ -67,7 +67,7 @@ class Client {
   std::optional<State> waitFor(Wanted wanted) {
     DWORD known = SCARD_STATE_UNAWARE;
     for (;;) {
-      const std::optional<State> now = change(&known);
+      std::optional<State> now = change(&known);
       if (!now || wanted(*now)) return now;
     }
   }
@@ -141,12 +141,12 @@ class Client {
   DWORD protocol_ = 0;
 };
 
+inline const Bytes kSelect{0x00, 0xA4, 0x04, 0x00, 0x01, 0xA0};
+inline const Bytes kSelectAnswer{0x00, 0xA4, 0x04, 0x00, 0x01, 0xA0, 0x90, 0x00};
+
 // Each test starts pcscd itself.
 class PcscdTest : public testing::Test {
  protected:
-  const Bytes kSelect{0x00, 0xA4, 0x04, 0x00, 0x01, 0xA0};
-  const Bytes kSelectAnswer{0x00, 0xA4, 0x04, 0x00, 0x01, 0xA0, 0x90, 0x00};
-
   void SetUp() override {
     const std::string reason = whyNoMounts();
     if (!reason.empty()) GTEST_SKIP() << reason;

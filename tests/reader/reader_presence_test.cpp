@@ -272,7 +272,8 @@ TEST_F(Presence, ParallelDispatch_CompletesEveryRequestOnce) {
   for (int thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&, thread] {
       for (int i = 0; i < kRequestsEach; ++i) {
-        FakeRequest& request = *requests[static_cast<std::size_t>(thread * kRequestsEach + i)];
+        FakeRequest& request = *requests[static_cast<std::size_t>(thread) * kRequestsEach +
+                                         static_cast<std::size_t>(i)];
         run(kIsPresent, request);
         if (i % 3 == 0) request.cancel();
       }

@@ -14,17 +14,17 @@ namespace {
 
 // Whether the thread is on its way out: one that was joined may be listed a moment longer.
 bool isExiting(const fs::path& task) {
-  constexpr unsigned long exiting = 0x4;  // PF_EXITING of the kernel
-  constexpr int fieldsBeforeFlags = 6;    // after the name: state up to the terminal's group
+  constexpr unsigned long kExiting = 0x4;  // PF_EXITING of the kernel
+  constexpr int kFieldsBeforeFlags = 6;    // after the name: state up to the terminal's group
   std::ifstream file(task / "stat");
   std::string line;
   if (!std::getline(file, line)) return true;
   std::istringstream fields(line.substr(line.rfind(')') + 1));
   std::string skipped;
-  for (int i = 0; i < fieldsBeforeFlags; ++i) fields >> skipped;
+  for (int i = 0; i < kFieldsBeforeFlags; ++i) fields >> skipped;
   unsigned long flags = 0;
   fields >> flags;
-  return (flags & exiting) != 0;
+  return (flags & kExiting) != 0;
 }
 
 }  // namespace

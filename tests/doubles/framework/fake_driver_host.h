@@ -72,7 +72,7 @@ class FakeReader final : public std::enable_shared_from_this<FakeReader> {
 
   // How other requests of this code end; by default with success and no output.
   void answer(std::uint32_t code, Answer answer);
-  void answerWith(std::uint32_t code, host::IoResult result) {
+  void answerWith(std::uint32_t code, const host::IoResult& result) {
     answer(code, [result](const Request&) { return result; });
   }
   // What SERVER_RESULT is answered with: for each bring-up in turn, the present one first and the

@@ -244,7 +244,7 @@ class GateKeeping : public Dispatch {
     ended.get_future().wait();
     // The gate was closed before: nobody gets in to begin an exchange that is not ended.
     EXPECT_EQ(send(IOCTL_SMARTCARD_GET_LAST_ERROR).status(), status::kInvalidState);
-    const auto before = story_.taken();
+    auto before = story_.taken();
     leave.set_value();
     sender.join();
     operating.join();

@@ -80,7 +80,7 @@ struct Answer {
   Bytes output;  // untouched bytes are 0xCC
 };
 
-Answer bufferAnswer(const char* name, Bytes bytes, std::size_t capacity, Bytes output) {
+Answer bufferAnswer(const char* name, const Bytes& bytes, std::size_t capacity, Bytes output) {
   const std::size_t size = bytes.size();
   return {name,
           [bytes](ReaderDevice& device, IoRequest& request) {

@@ -37,7 +37,7 @@ constexpr std::uint32_t kCapacity = 261;
 std::u16string programData() {
   char16_t* path = nullptr;
   EXPECT_EQ(systemFolders().programData(&path), 0);
-  const std::u16string text = path;
+  std::u16string text = path;
   systemFolders().taskMemFree(path);
   return text;
 }
