@@ -71,6 +71,28 @@ TEST(HasTag, TagWithOrWithoutBracketsInAnyCase_IsFoundBeforeTheText) {
   }
 }
 
+TEST(ParseSpan, NumberAndUnit_AreSeconds) {
+  EXPECT_EQ(parseSpan("90s"), 90);
+  EXPECT_EQ(parseSpan("10m"), 600);
+  EXPECT_EQ(parseSpan("12h"), 12 * 3600);
+  EXPECT_EQ(parseSpan("999999999d"), std::int64_t{999'999'999} * 24 * 3600);
+  for (const char* text :
+       {"", "d", "30", "-1d", "+1d", "1.5h", "1dd", "30 d", "1w", "1000000000d"}) {
+    EXPECT_FALSE(parseSpan(text)) << text;
+  }
+}
+
+TEST(ParseSize, NumberAndUnit_AreBytes) {
+  EXPECT_EQ(parseSize("0"), 0u);
+  EXPECT_EQ(parseSize("4096"), 4096u);
+  EXPECT_EQ(parseSize("64K"), 64u * 1024);
+  EXPECT_EQ(parseSize("200M"), 200u * 1024 * 1024);
+  EXPECT_EQ(parseSize("999999999G"), std::uint64_t{999'999'999} << 30);
+  for (const char* text : {"", "M", "-1M", "1.5G", "1MB", "200 M", "1T", "1000000000"}) {
+    EXPECT_FALSE(parseSize(text)) << text;
+  }
+}
+
 TEST(ParseSince, Spans_CountBackFromNow) {
   constexpr std::int64_t kNow = 1709647629;  // 2024-03-05T14:07:09Z
   EXPECT_EQ(parseSince("9s", kNow), "2024-03-05T14:07:00");

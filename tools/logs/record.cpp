@@ -141,15 +141,39 @@ bool hasTag(std::string_view message, std::string_view tag) {
   return false;
 }
 
-std::optional<std::string> parseSince(std::string_view text, std::int64_t now) {
+std::optional<std::uint32_t> parseCount(std::string_view text) {
+  constexpr std::size_t kMaxDigits = 9;  // whatever the unit, nothing overflows
+  std::uint32_t count = 0;
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), count);
+  const bool isWhole = result.ec == std::errc() && result.ptr == text.data() + text.size();
+  if (text.empty() || text.size() > kMaxDigits || !isWhole) return std::nullopt;
+  return count;
+}
+
+std::optional<std::int64_t> parseSpan(std::string_view text) {
   if (text.empty()) return std::nullopt;
   const std::int64_t unit = unitSeconds(text.back());
-  const std::string_view number = text.substr(0, text.size() - 1);
-  if (unit != 0 && isNumber(number) && number.front() != '-' && number.size() < 10) {
-    std::int64_t count = 0;
-    std::from_chars(number.data(), number.data() + number.size(), count);
-    return timeText(now - count * unit);
+  const auto count = parseCount(text.substr(0, text.size() - 1));
+  if (unit == 0 || !count) return std::nullopt;
+  return static_cast<std::int64_t>(*count) * unit;
+}
+
+std::optional<std::uint64_t> parseSize(std::string_view text) {
+  static constexpr std::string_view kUnits = "KMG";
+  int shift = 0;
+  if (const std::size_t unit = text.empty() ? kUnits.npos : kUnits.find(text.back());
+      unit != kUnits.npos) {
+    shift = 10 * (static_cast<int>(unit) + 1);
+    text.remove_suffix(1);
   }
+  const auto count = parseCount(text);
+  if (!count) return std::nullopt;
+  return std::uint64_t{*count} << shift;
+}
+
+std::optional<std::string> parseSince(std::string_view text, std::int64_t now) {
+  if (const auto span = parseSpan(text)) return timeText(now - *span);
+  if (text.empty()) return std::nullopt;
   constexpr std::size_t kDateLength = 10;
   if (text.back() == 'Z') text.remove_suffix(1);
   if (text.size() < kDateLength || !looksLikeTime(text)) return std::nullopt;

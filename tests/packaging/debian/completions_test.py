@@ -34,6 +34,8 @@ class Completions(unittest.TestCase):
         self.assertEqual(complete("_zelta_agent", "zelta-agent", "--"), options_of(agent))
         self.assertEqual(complete("_zelta_logs", "zelta-logs", "--"), options_of(logs))
         self.assertEqual(complete("_zelta", "zelta", "logs", "--"), options_of(logs))
+        for words in ("_zelta_logs", "zelta-logs"), ("_zelta", "zelta", "logs"):
+            self.assertEqual(complete(*words, "prune", "--"), options_of(logs, "prune"))
         self.assertEqual(complete("_zelta_agent", "zelta-agent", "ctl", "status", "--"),
                          options_of(agent, "ctl", "status"))
 
@@ -41,12 +43,14 @@ class Completions(unittest.TestCase):
         self.assertEqual(complete("_zelta", "zelta", "st"), {"status"})
         self.assertEqual(complete("_zelta", "zelta", "card", ""), {"insert", "remove"})
         self.assertEqual(complete("_zelta_agent", "zelta-agent", "c"), {"ctl"})
+        self.assertEqual(complete("_zelta_logs", "zelta-logs", "p"), {"prune"})
         self.assertEqual(complete("_zelta_agent", "zelta-agent", "--backend", "p"), {"pcsc"})
 
     def test_zsh_knows_every_option_of_each_program(self):
         known = set(re.findall(r"--[a-z-]+", ZSH.read_text()))
-        for program in ("zelta-agent", "zelta-logs"):
-            self.assertEqual(options_of(str(BUILD / "bin" / program)) - known, set())
+        for command in ("zelta-agent",), ("zelta-logs",), ("zelta-logs", "prune"):
+            program = str(BUILD / "bin" / command[0])
+            self.assertEqual(options_of(program, *command[1:]) - known, set())
 
 
 if __name__ == "__main__":
