@@ -106,7 +106,7 @@ TEST_F(EventListenerTest, AgentThatDiesWithinALongSessionLogId_IsNoticed) {
   ASSERT_TRUE(agent_.events().write(number(2, number(2048, {'a', 'b'}))));
   agent_.die();
   ASSERT_TRUE(log_.waitFor("Event named pipe read error"));
-  EXPECT_TRUE(log_.contains(error(kBroken, "Failed to read session log id")));
+  EXPECT_EQ(log_.contains(error(kBroken, "Failed to read session log id")), kReadsWaitForAllBytes);
   EXPECT_TRUE(log_.sessionIds().empty());
 }
 
