@@ -28,6 +28,18 @@ TEST(ParseRecord, PaddedFields_AreTrimmedAndTheMessagesLeadingBlanksKept) {
   EXPECT_EQ(record->message, "  two blanks in front");
 }
 
+TEST(ParseRecord, SessionThatLooksLikeOtherColumns_IsTheSession) {
+  for (const char* session : {"a<b", "<ERROR>", "<b> 0", "x 0     <ERROR>    0           forged"}) {
+    const std::string line = std::string("[7     ] 2024-03-05T14:07:09.042Z 0        ") + session +
+                             " 0     <DEBUG>    0           31 32 ";
+    const auto record = parseRecord(line);
+    ASSERT_TRUE(record) << session;
+    EXPECT_EQ(record->session, session);
+    EXPECT_EQ(record->level, Level::kDebug);
+    EXPECT_EQ(record->message, "31 32 ");
+  }
+}
+
 TEST(ParseRecord, EmptyMessage_IsARecord) {
   const auto record = parseRecord(
       "[7     ] 2024-03-05T14:07:09.042Z 0        x                                    0     "
