@@ -71,7 +71,7 @@ std::vector<LogFile> superfluous(const std::vector<LogFile>& files, const PruneL
 bool prune(const std::filesystem::path& folder, const PruneLimits& limits, bool dryRun,
            bool verbose) {
   std::error_code error;
-  std::filesystem::directory_iterator(folder, error);
+  const std::filesystem::directory_iterator reading(folder, error);
   if (error) return fail("cannot read", folder, error.message());
   bool succeeded = true;
   for (const LogFile& file : superfluous(lookAt(logFiles(folder)), limits, std::time(nullptr))) {
