@@ -16,8 +16,10 @@ namespace {
 
 namespace error = platform::error;
 
-// The agent sent an empty session log id. There is no system error for it.
-constexpr std::int32_t kEmptySessionLogId = -501;
+// The agent sent a session log id that is empty or too long. There is no system error for it.
+constexpr std::int32_t kBadSessionLogId = -501;
+// Each line of the log carries the id. Bytes.
+constexpr std::uint32_t kLongestSessionLogId = 1024;
 
 }  // namespace
 
@@ -141,22 +143,18 @@ void EventListener::readSessionLogId(PipeStream& events) {
     logError(platform::lastError(), "Failed to read session log id size");
     return;
   }
-  if (*size == 0) {
-    logError(static_cast<std::uint32_t>(kEmptySessionLogId),
-             "Session log ID size is 0. Session log ID not set");
+  if (*size == 0 || *size > kLongestSessionLogId) {
+    logError(static_cast<std::uint32_t>(kBadSessionLogId),
+             "Session log ID size is %u. Session log ID not set", *size);
+    // The next event comes after its bytes.
+    if (!events.skip(*size)) logError(platform::lastError(), "Failed to read session log id");
     return;
   }
   std::vector<std::uint8_t> bytes;
-  switch (events.readPayload(*size, bytes)) {
-    case PipeStream::Payload::kRead:
-      setSessionLogId(std::string(bytes.begin(), bytes.end()));
-      break;
-    case PipeStream::Payload::kFailed:
-      logError(platform::lastError(), "Failed to read session log id");
-      break;
-    case PipeStream::Payload::kNoMemory:
-      logError(platform::lastError(), "No memory for session log id of size %u", *size);
-      break;
+  if (events.readPayload(*size, bytes) == PipeStream::Payload::kRead) {
+    setSessionLogId(std::string(bytes.begin(), bytes.end()));
+  } else {
+    logError(platform::lastError(), "Failed to read session log id");
   }
 }
 

@@ -1,6 +1,7 @@
 #include "agent_link/pipe_stream.h"
 
 #include <algorithm>
+#include <array>
 #include <new>
 #include <stdexcept>
 
@@ -74,6 +75,16 @@ PipeStream::Payload PipeStream::readPayload(std::uint32_t length, ResponseBuffer
     return forBlocks(
         length, [&](std::uint32_t done, std::uint32_t block) { return read(bytes + done, block); });
   });
+}
+
+bool PipeStream::skip(std::uint32_t length) {
+  std::array<std::uint8_t, 4096> bytes;
+  while (length > 0) {
+    const std::uint32_t block = std::min<std::uint32_t>(length, bytes.size());
+    if (!read(bytes.data(), block)) return false;
+    length -= block;
+  }
+  return true;
 }
 
 bool PipeStream::read(void* data, std::uint32_t size) {

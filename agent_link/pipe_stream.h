@@ -40,6 +40,8 @@ class PipeStream {
   Payload readPayload(std::uint32_t length, Bytes& bytes);
   // The same for a response. After a failed read it keeps its length.
   Payload readPayload(std::uint32_t length, ResponseBuffer& response);
+  // Reads that many bytes and throws them away. Uses no memory for them.
+  bool skip(std::uint32_t length);
 
  private:
   bool read(void* data, std::uint32_t size);

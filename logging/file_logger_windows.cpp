@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <exception>
+#include <limits>
 #include <optional>
 #include <utility>
 
@@ -18,6 +19,10 @@ using platform::MutexLock;
 
 constexpr char kRotationTimeKey[] = "SOFTWARE\\Vornhalt\\ZeltaAgent";
 constexpr char kRotationTimeValue[] = "ZeltaLogRotationTime";
+
+// Of the clock, which counts in smaller units. A file whose time is up later is never replaced.
+constexpr std::int64_t kLastMillisecond =
+    std::numeric_limits<std::int64_t>::max() / kClockUnitsPerMillisecond;
 
 constexpr std::int32_t kError = static_cast<std::int32_t>(Level::kError);
 constexpr std::int32_t kInfo = static_cast<std::int32_t>(Level::kInfo);
@@ -123,15 +128,15 @@ bool FileLoggerWindows::waitForRotation(MutexLock& lock) {
   const auto isWoken = [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
     return stopRequested_ || periodChanged_;
   };
+  // Only this thread replaces the file, so its creation time can be read here.
+  const std::int64_t begin = fileCreationTime();
   const std::int64_t period = rotationPeriod_.load();
-  if (period <= 0) {
+  if (period <= 0 || period > kLastMillisecond - begin) {
     rotationCondition_.wait(lock, isWoken);
     return true;
   }
-  // Only this thread replaces the file, so its creation time can be read here.
-  const std::int64_t deadline = fileCreationTime() + period;
   return platform::ports().clock->waitUntil(rotationCondition_, lock,
-                                            deadline * kClockUnitsPerMillisecond, isWoken);
+                                            (begin + period) * kClockUnitsPerMillisecond, isWoken);
 }
 
 void FileLoggerWindows::rotate() noexcept {

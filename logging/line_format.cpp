@@ -3,6 +3,7 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <ctime>
 #include <iterator>
 #include <locale>
@@ -47,6 +48,24 @@ void appendTimeStamp(std::string& line, std::int64_t time) {
   const SplitTime split(time);
   fmt::format_to(std::back_inserter(line), "{:%Y-%m-%dT%H:%M:%S}.{:03}Z", split.calendar,
                  split.milliseconds);
+}
+
+bool isControl(char character) {
+  const auto byte = static_cast<unsigned char>(character);
+  return byte < 0x20 || byte == 0x7F;
+}
+
+// A record is one line, whatever texts it is made of: their control characters are written as
+// `\xNN`. Everything else stays as it is.
+void appendEscaped(std::string& line, std::string_view text) {
+  while (!text.empty()) {
+    const auto* const control = std::find_if(text.begin(), text.end(), isControl);
+    line.append(text.begin(), control);
+    text.remove_prefix(static_cast<std::size_t>(control - text.begin()));
+    if (text.empty()) return;
+    fmt::format_to(std::back_inserter(line), "\\x{:02x}", static_cast<unsigned char>(text.front()));
+    text.remove_prefix(1);
+  }
 }
 
 // By hand: {fmt} takes ten times as long to pad a text as to copy it.
@@ -123,11 +142,13 @@ std::string recordLine(const Record& record) {
   appendTimeStamp(line, record.time);
   line.push_back(' ');
   appendNumber(line, record.elapsed, kElapsedWidth);
-  appendColumn(line, record.sessionLogId, kSessionLogIdWidth);
+  std::string session;
+  appendEscaped(session, record.sessionLogId);
+  appendColumn(line, session, kSessionLogIdWidth);
   appendNumber(line, record.category, kCategoryWidth);
   appendColumn(line, levelTag(record.level), kLevelWidth);
   appendNumber(line, record.resultCode, kResultCodeWidth);
-  line.append(record.message);
+  appendEscaped(line, record.message);
   return line;
 }
 

@@ -29,7 +29,9 @@ std::string logFilePath(const std::string& basePath, std::int64_t time);
 std::string_view headerLine();
 
 // One record, without a line end. A value that is longer than its column pushes the rest to the
-// right; widths are in bytes. Throws `std::out_of_range` for a level outside 0..4.
+// right; widths are in bytes. Control characters of the session id and the message (below 0x20, and
+// 0x7F) are written as `\xNN`, so that no agent's text can forge a record. Throws
+// `std::out_of_range` for a level outside 0..4.
 std::string recordLine(const Record& record);
 
 // "<CRITICAL>" to "<TRACE>" for 0..4; throws `std::out_of_range` ("invalid map<K, T> key") for any

@@ -77,7 +77,19 @@ void TextFile::writeLine(std::string text) {
   if (!makeWritable()) return;
   // In one piece, which no line of another process can split.
   text.push_back('\n');
-  if (empty_ && !isHeading) text.insert(0, *heading_ + '\n');
+  const auto writeWithHeading = [&]()
+                                    ZELTA_REQUIRES(fileMutex_) { write(*heading_ + '\n' + text); };
+  if (empty_ && !isHeading) return writeWithHeading();
+  write(text);
+  if (!isHeading && stream_->is_open() && endsBefore(heading_->size() + text.size())) {
+    // Somebody has emptied the file: the line has become its first.
+    std::error_code ignored;
+    std::filesystem::resize_file(platform::nativePath(path_), 0, ignored);
+    writeWithHeading();
+  }
+}
+
+void TextFile::write(const std::string& text) {
   stream_->write(text.data(), static_cast<std::streamsize>(text.size()));
   stream_->flush();
   if (stream_->good()) {
@@ -88,13 +100,20 @@ void TextFile::writeLine(std::string text) {
   }
 }
 
+// Of the position after the last write. What is no ordinary file has none.
+bool TextFile::endsBefore(std::size_t size) {
+  const std::streamoff end = stream_->tellp();
+  return end > 0 && static_cast<std::uint64_t>(end) < size;
+}
+
 bool TextFile::makeWritable() {
-  if (stream_->is_open() && lostItsContent()) stream_->close();
+  if (stream_->is_open() && wasRemoved()) stream_->close();
   return stream_->is_open() || open();
 }
 
 bool TextFile::open() {
   const std::filesystem::path path = platform::nativePath(path_);
+  platform::makeNewFile(path);  // if there is none, with a log file's access rights
   if (!made_) {
     made_ = std::ofstream(path, std::ios::out | std::ios::trunc).is_open();
     if (!made_) return false;
@@ -111,14 +130,12 @@ bool TextFile::open() {
   return stream_->is_open();
 }
 
-bool TextFile::lostItsContent() {
+bool TextFile::wasRemoved() {
   const std::int64_t now = platform::ports().clock->now();
   if (now >= lastLook_ && now - lastLook_ < kLookPeriod) return false;
   lastLook_ = now;
   std::error_code error;
-  const std::uintmax_t size = std::filesystem::file_size(platform::nativePath(path_), error);
-  if (error) return error == std::errc::no_such_file_or_directory;
-  return size == 0 && !empty_;
+  return !std::filesystem::exists(platform::nativePath(path_), error) && !error;
 }
 
 }  // namespace zelta

@@ -1,6 +1,7 @@
 // One log file: whole lines, on disk as soon as they are written.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <fstream>
 #include <memory>
@@ -17,10 +18,9 @@ namespace zelta {
 // next one tries again:
 // - A file that could not be made (no folder, no permission) is made then.
 // - Half a line that a full disk has left at the file's end is cut off first.
-// - A file that was removed or emptied meanwhile is made anew. A write looks for it, at most once a
-//   second.
-// The first line ever written is the file's heading: a file that is made later, or anew, begins
-// with it, too.
+// - A file that was removed meanwhile is made anew. A write looks for it, at most once a second.
+// The first line ever written is the file's heading: a file that is made later or anew, or was
+// emptied meanwhile, begins with it, too.
 class TextFile {
  public:
   // Takes the creation time and opens the file, which replaces an older one of that name. `path`
@@ -40,7 +40,9 @@ class TextFile {
  private:
   bool makeWritable() ZELTA_REQUIRES(fileMutex_);
   bool open() ZELTA_REQUIRES(fileMutex_);
-  bool lostItsContent() ZELTA_REQUIRES(fileMutex_);
+  void write(const std::string& text) ZELTA_REQUIRES(fileMutex_);
+  bool endsBefore(std::size_t size) ZELTA_REQUIRES(fileMutex_);
+  bool wasRemoved() ZELTA_REQUIRES(fileMutex_);
 
   const std::string path_;
   const std::int64_t creationTime_;

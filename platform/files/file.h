@@ -12,8 +12,9 @@ std::filesystem::path nativePath(const std::string& path);
 
 enum class NewFile { kMade, kExists, kFailed };
 
-// Makes an empty file and leaves nothing open. If several callers try at once, in whatever
-// processes, one of them makes it and the others find that it exists.
+// Makes an empty file and leaves nothing open. Away from Windows others may not read it. If several
+// callers try at once, in whatever processes, one of them makes it and the others find that it
+// exists.
 NewFile makeNewFile(const std::filesystem::path& path);
 
 }  // namespace zelta::platform

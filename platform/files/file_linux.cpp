@@ -11,7 +11,9 @@ namespace zelta::platform {
 
 namespace {
 
-constexpr mode_t kMode = 0666;  // before the process's mask, as for any stream
+// For its owner and its group alone, whatever the process's mask leaves of that: at the debug level
+// there may be a PIN in a log.
+constexpr mode_t kMode = 0640;
 
 }  // namespace
 

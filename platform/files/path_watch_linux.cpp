@@ -18,9 +18,8 @@ namespace fs = std::filesystem;
 // What happens to a folder itself is seen in the one above it.
 constexpr std::uint32_t kFolderMask =
     IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ATTRIB | IN_ONLYDIR;
-// Not IN_MODIFY: a file is looked at when its writer is done.
 constexpr std::uint32_t kFileMask =
-    IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_DONT_FOLLOW;
+    IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_DONT_FOLLOW;
 constexpr int kMaxLinks = 40;  // as the kernel's own limit
 constexpr std::size_t kEventBuffer = 4096;
 
@@ -85,7 +84,11 @@ bool PathWatch::takeNews() {
     for (ssize_t at = 0; at < length;) {
       const auto* event = reinterpret_cast<const inotify_event*>(buffer.data() + at);
       const bool wereLost = (event->mask & IN_Q_OVERFLOW) != 0;
-      found = found || wereLost || concerns(event->wd, event->len == 0 ? "" : event->name);
+      if (wereLost || concerns(event->wd, event->len == 0 ? "" : event->name)) {
+        // A file is looked at when its writer is done.
+        isBeingWritten_ = (event->mask & IN_MODIFY) != 0;
+        found = found || !isBeingWritten_;
+      }
       at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
     }
   }

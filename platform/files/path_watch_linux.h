@@ -3,8 +3,8 @@
 // The path need not exist, nor the folders that lead to it. Noticed are: a writer that closes the
 // file (also one that opened it by another name), another file renamed or linked in its place, its
 // removal and creation, new access rights, and the same for every folder and symbolic link on the
-// way. What a writer has written goes unnoticed until it closes the file, and so does what is
-// written through a memory mapping.
+// way. A writer that keeps the file open is noticed as well, but when it is done is for the caller
+// to say. What is written through a memory mapping goes unnoticed until the file is closed.
 //
 // Armed from construction on: a change after that is news. One thread at a time.
 #pragma once
@@ -31,6 +31,10 @@ class PathWatch {
   // Takes the news. If any concern one of the paths, they are followed anew and the result is true:
   // whatever changes from then on is news again. Does not block.
   bool takeNews();
+  // Whether the last thing to be taken was a writer's, which has not closed the file since. That is
+  // no news yet. If nothing more comes for a while, the caller takes the writer to be done.
+  bool isBeingWritten() const { return isBeingWritten_; }
+  void settle() { isBeingWritten_ = false; }
 
  private:
   // For each watch descriptor the names that matter in that folder; "" is the file itself.
@@ -49,6 +53,7 @@ class PathWatch {
   ScopedFd inotify_;
   Awaited awaited_;
   std::string problem_;
+  bool isBeingWritten_ = false;
 };
 
 }  // namespace zelta::platform

@@ -63,8 +63,9 @@ struct FileRegistry::OpenKey {
 };
 
 FileRegistry::FileRegistry(std::function<std::string()> path,
-                           std::function<void(const std::string&)> report)
-    : path_(std::move(path)), report_(std::move(report)) {}
+                           std::function<void(const std::string&)> report,
+                           std::chrono::milliseconds quietTime)
+    : path_(std::move(path)), report_(std::move(report)), quietTime_(quietTime) {}
 
 FileRegistry::~FileRegistry() = default;
 
@@ -187,9 +188,10 @@ void FileRegistry::startWatching(OpenKey* key) {
 void FileRegistry::watch(OpenKey* key, PathWatch file) {
   std::array<pollfd, 2> waits{{{key->stop.get(), POLLIN, 0}, {file.fd(), POLLIN, 0}}};
   for (;;) {
-    if (poll(waits.data(), waits.size(), -1) >= 0) {
+    const int limit = file.isBeingWritten() ? static_cast<int>(quietTime_.count()) : -1;
+    if (const int ready = poll(waits.data(), waits.size(), limit); ready >= 0) {
       if (waits[0].revents != 0) return;
-      onNews(key, &file);
+      onNews(key, &file, ready == 0);
     } else if (errno != EINTR) {
       const MutexLock lock(mutex_);
       return signal(key);  // no longer watched: whoever waits has to look
@@ -197,10 +199,14 @@ void FileRegistry::watch(OpenKey* key, PathWatch file) {
   }
 }
 
-void FileRegistry::onNews(OpenKey* key, PathWatch* file) {
+void FileRegistry::onNews(OpenKey* key, PathWatch* file, bool isQuiet) {
   const MutexLock lock(mutex_);
   try {
-    if (!file->takeNews()) return;
+    if (isQuiet) {
+      file->settle();
+    } else if (!file->takeNews()) {
+      return;
+    }
     if (!file->problem().empty()) report(file->problem());
     if (key->pending) signalIfChanged(key, read(key->file));
   } catch (const std::exception&) {

@@ -16,6 +16,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -38,11 +39,15 @@ class FileRegistry final : public RegistryApi {
  public:
   // Maximum number of distinct problems reported; the last report says that it is the last.
   static constexpr std::size_t kMaxReports = 64;
+  static constexpr std::chrono::milliseconds kQuietTime{200};
 
   // `path` gives the file's path. `report` is told, once each, of lines that are not understood
   // and of a file that cannot be read or watched. It is called by one thread at a time, with locks
   // held, and must not call back.
-  FileRegistry(std::function<std::string()> path, std::function<void(const std::string&)> report);
+  //
+  // A writer that keeps the file open counts as done when it has not written for `quietTime`.
+  FileRegistry(std::function<std::string()> path, std::function<void(const std::string&)> report,
+               std::chrono::milliseconds quietTime = kQuietTime);
   ~FileRegistry() override;  // no key may be open
 
   std::uint32_t getDword(const std::u16string& key, const std::u16string& value,
@@ -64,12 +69,13 @@ class FileRegistry final : public RegistryApi {
   void startWatching(OpenKey* key) ZELTA_REQUIRES(mutex_);
   // The key's thread, until the key is closed.
   void watch(OpenKey* key, PathWatch file) ZELTA_EXCLUDES(mutex_);
-  void onNews(OpenKey* key, PathWatch* file) ZELTA_EXCLUDES(mutex_);
+  void onNews(OpenKey* key, PathWatch* file, bool isQuiet) ZELTA_EXCLUDES(mutex_);
   void signalIfChanged(OpenKey* key, RegistryContent now) ZELTA_REQUIRES(mutex_);
   static void signal(OpenKey* key);
 
   const std::function<std::string()> path_;
   const std::function<void(const std::string&)> report_;
+  const std::chrono::milliseconds quietTime_;
 
   Mutex mutex_ ZELTA_ACQUIRED_BEFORE(reportMutex_);
   std::uintptr_t lastKey_ ZELTA_GUARDED_BY(mutex_) = 0;

@@ -78,6 +78,38 @@ TEST_F(EventListenerTest, EmptySessionLogId_IsAnErrorAndConsumesEightBytes) {
   EXPECT_EQ(log_.errors().size(), 2u) << "this one and the unknown event after it";
 }
 
+TEST_F(EventListenerTest, SessionLogIdOfOneKibibyte_IsTaken) {
+  connectWithoutCard();
+  const std::string id(1024, 'x');
+  ASSERT_TRUE(agent_.sendSessionLogId(id));
+  settle();
+  EXPECT_EQ(log_.sessionIds(), std::vector<std::string>{id});
+}
+
+TEST_F(EventListenerTest, LongerSessionLogId_IsAnErrorAndTheNextEventIsHandled) {
+  connectWithoutCard();
+  for (const std::uint32_t size : {1025u, 4096u + 7, 8u * 1024 * 1024}) {
+    log_.clear();
+    ASSERT_TRUE(agent_.sendSessionLogId(std::string(size, 'x')));
+    settle();
+    EXPECT_TRUE(log_.contains(
+        error(static_cast<std::uint32_t>(-501),
+              "Session log ID size is " + std::to_string(size) + ". Session log ID not set")));
+    EXPECT_EQ(log_.errors().size(), 2u) << "this one and the unknown event after it";
+  }
+  EXPECT_TRUE(log_.sessionIds().empty());
+}
+
+TEST_F(EventListenerTest, AgentThatDiesWithinALongSessionLogId_IsNoticed) {
+  connectWithoutCard();
+  log_.clear();
+  ASSERT_TRUE(agent_.events().write(number(2, number(2048, {'a', 'b'}))));
+  agent_.die();
+  ASSERT_TRUE(log_.waitFor("Event named pipe read error"));
+  EXPECT_EQ(log_.contains(error(kBroken, "Failed to read session log id")), kReadsWaitForAllBytes);
+  EXPECT_TRUE(log_.sessionIds().empty());
+}
+
 TEST_F(EventListenerTest, AgentThatDiesAfterASessionLogIdsCode_IsNoticed) {
   connectWithoutCard();
   log_.clear();

@@ -99,15 +99,17 @@ TEST_F(Memory, ResponseThatDoesNotFitIsNotAcceptedOnceTheCardIsGone) {
   expectConnectionEnded();
 }
 
-TEST_F(Memory, SessionLogIdThatDoesNotFitIsLoggedAndTheIdStays) {
+TEST_F(Memory, LongSessionLogIdIsReadWithLittleMemory) {
   pipes_.fail(PipeCallKind::kWrite, platform::error::kPipeListening, 1, 9);
   startCreated();
-  Bytes id = number(2, number(kAnnounced, Bytes(PipeStream::kReadBlock)));
-  largestBlock = 3 * PipeStream::kReadBlock / 2;
+  const Bytes id = number(2, number(PipeStream::kReadBlock, Bytes(PipeStream::kReadBlock)));
   agentReports(id);
+  agentReports(number(7));
+  largestBlock = 64 * 1024;
   waitForInsertion();
-  ASSERT_TRUE(log_.waitFor("No memory for session log id of size 4294967295"));
-  EXPECT_TRUE(log_.contains(error(kNoMemory, "No memory for session log id of size 4294967295")));
+  ASSERT_TRUE(log_.waitFor("Unknown event received:7"));
+  EXPECT_TRUE(log_.contains(error(static_cast<std::uint32_t>(-501),
+                                  "Session log ID size is 1048576. Session log ID not set")));
   EXPECT_TRUE(log_.sessionIds().empty());
 }
 

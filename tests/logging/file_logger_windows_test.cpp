@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -68,6 +69,24 @@ TEST_F(FileLoggerWindowsTest, PeriodOfZeroOrLess_NeverRotates) {
   }
   EXPECT_EQ(files().size(), 2u);
   EXPECT_EQ(ports_.clock.waits(), 0u);
+}
+
+// The clock counts in smaller units than the period.
+TEST_F(FileLoggerWindowsTest, PeriodThatEndsAfterTheClocksEnd_NeverRotates) {
+  constexpr std::int64_t kUnits = platform::kClockUnitsPerMillisecond;
+  constexpr std::int64_t kLastTime = std::numeric_limits<std::int64_t>::max() / kUnits;
+  for (const std::int64_t period :
+       {kLastTime - kMarchTime / kUnits + 1, std::numeric_limits<std::int64_t>::max()}) {
+    setTime(u"");  // leaves the period as it is
+    auto logger = makeLogger(period);
+    changeTime(u"0");
+    logger.reset();
+  }
+  EXPECT_EQ(files().size(), 2u);
+  EXPECT_EQ(ports_.clock.waits(), 0u);
+  setTime(u"");
+  auto logger = makeLogger(kLastTime - kMarchTime / kUnits);
+  ports_.clock.awaitDeadline(kLastTime * kUnits);
 }
 
 TEST_F(FileLoggerWindowsTest, FileOpenForOnePeriod_IsReplaced) {

@@ -107,6 +107,13 @@ const LineCase kLines[] = {
      kUsual + "{} {0} {{ }} %s %n \\n }"},
     {"BytesOfTheMessage_AreKept", with(&Record::message, "K\xC3\xA4 \xF0\x9F\x83\x8F \xFF "),
      kUsual + "K\xC3\xA4 \xF0\x9F\x83\x8F \xFF "},
+    {"ControlCharactersOfTheMessage_AreEscaped",
+     with(&Record::message, std::string_view("a\n\r\t\x1b[2J\x7f\0 \\x0a \xC2\x9B", 18)),
+     kUsual + "a\\x0a\\x0d\\x09\\x1b[2J\\x7f\\x00 \\x0a \xC2\x9B"},
+    {"ControlCharactersOfTheSession_AreEscapedAndCountInItsColumn",
+     with(&Record::sessionLogId, "one\n[1]"),
+     "[4711  ] " + kTimeText + "42       one\\x0a[1]" + std::string(27, ' ') +
+         "0     <INFO>     0           hello"},
     {"EmptyMessage_EndsTheLineAfterItsSeparator", with(&Record::message, ""), kUsual},
 };
 

@@ -140,6 +140,19 @@ TEST_P(LostFileTest, Emptied_BeginsWithItsHeading) {
   EXPECT_EQ(fileLines(path_), (Lines{"heading", "kept"}));
 }
 
+TEST_F(TextFileTest, EmptiedLessThanASecondAgo_BeginsWithItsHeadingAllTheSame) {
+  TextFile file(path_);
+  file.writeLine("heading");
+  for (int i = 0; i < 2; ++i) {
+    file.writeLine("gone");
+    fs::resize_file(path_, 0);
+    file.writeLine("a line that is longer than the heading");
+    file.writeLine("kept");
+    EXPECT_EQ(fileLines(path_),
+              (Lines{"heading", "a line that is longer than the heading", "kept"}));
+  }
+}
+
 #if !defined(_WIN32)  // which keeps an open file from being removed
 
 TEST_P(LostFileTest, Removed_IsMadeAnewWithItsHeading) {

@@ -1,12 +1,14 @@
-// Files on a full disk, and in a folder that may not be written to.
+// Files on a full disk, in a folder that may not be written to, and who may read them.
 #include <gtest/gtest.h>
 #include <sys/fsuid.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
 #include <thread>
 
 #include "logging/file_logger.h"
+#include "tests/doubles/clock/simulated_clock.h"
 #include "tests/support/log_files.h"
 #include "tests/support/small_disk.h"
 #include "tests/support/temp_folder.h"
@@ -87,6 +89,23 @@ TEST(NoPermission, LosesLinesUntilItIsGiven) {
     setfsuid(0);
   }).join();
   EXPECT_EQ(fileLines(folder.file("log.txt")), (Lines{"heading", "kept"}));
+}
+
+TEST(FileMode, NewFileAndOneThatWasRemoved_AreForOwnerAndGroupOnly) {
+  constexpr fs::perms kExpected =
+      fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read;
+  const test::TempFolder folder;
+  test::SimulatedClock clock;
+  const test::ScopedClock scope(clock);
+  const mode_t before = umask(0);
+  logging::FileLogger logger(0, 2, "session", nullptr, folder.file("log"));
+  const fs::path file = test::filesIn(folder.path()).at(0);
+  EXPECT_EQ(fs::status(file).permissions(), kExpected);
+  fs::remove(file);
+  clock.advance(1'000);
+  logger.log("made again", 2, 0);
+  EXPECT_EQ(fs::status(file).permissions(), kExpected);
+  umask(before);
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include <fstream>
+
 #include "tests/support/temp_folder.h"
 
 namespace zelta::logs {
@@ -59,6 +61,62 @@ TEST_F(LogReaderTest, Rotation_IsFollowedThroughSeveralFiles) {
   write(kSecond, "three\n");
   write("zelta_vsc_2024_03_06T00_00_00_000Z.txt", "four\n");
   EXPECT_THAT(read(reader), ElementsAre("two", "cut", "three", "four"));
+}
+
+TEST_F(LogReaderTest, FilesOfSeveralProcesses_AreAllFollowed) {
+  write(kFirst, "shown before\n");
+  write(kSecond, "one\n");
+  LogReader reader(folder_.path(), false);
+  EXPECT_THAT(read(reader), ElementsAre("one"));
+  write(kFirst, "of the first\n");
+  write(kSecond, "of the second\n");
+  EXPECT_THAT(read(reader), ElementsAre("of the first", "of the second"));
+  write(kFirst, "more\n");
+  EXPECT_THAT(read(reader), ElementsAre("more"));
+}
+
+TEST_F(LogReaderTest, OlderFileThatIsBeingWritten_IsShownFromItsBeginning) {
+  write(kFirst, "one\n");
+  write(kSecond, "two\n");
+  const std::ofstream writer(folder_.path() / kFirst, std::ios::app);
+  LogReader reader(folder_.path(), false);
+  EXPECT_THAT(read(reader), ElementsAre("one", "two"));
+}
+
+TEST_F(LogReaderTest, FileThatWasRemovedAndMadeAgain_BeginsAnew) {
+  write(kFirst, "one\n");
+  LogReader reader(folder_.path(), false);
+  EXPECT_THAT(read(reader), ElementsAre("one"));
+  for (const char* text : {"1", "one", "a longer line than before"}) {
+    std::filesystem::remove(folder_.path() / kFirst);
+    write(kFirst, text + std::string("\n"));
+    EXPECT_THAT(read(reader), ElementsAre(text));
+  }
+  std::filesystem::remove(folder_.path() / kFirst);
+  EXPECT_THAT(read(reader), IsEmpty());
+  write(kFirst, "back\n");
+  EXPECT_THAT(read(reader), ElementsAre("back"));
+}
+
+TEST_F(LogReaderTest, FileThatWasEmptied_BeginsAnew) {
+  write(kFirst, "one\ntwo\n");
+  LogReader reader(folder_.path(), false);
+  EXPECT_THAT(read(reader), ElementsAre("one", "two"));
+  std::filesystem::resize_file(folder_.path() / kFirst, 0);
+  write(kFirst, "three\n");
+  EXPECT_THAT(read(reader), ElementsAre("three"));
+}
+
+TEST_F(LogReaderTest, WriterOfAFile_IsKnown) {
+  write(kFirst, "one\n");
+  const std::filesystem::path file = folder_.path() / kFirst;
+  EXPECT_EQ(isBeingWritten(file), false);
+  std::ofstream writer(file, std::ios::app);
+  EXPECT_EQ(isBeingWritten(file), true);
+  writer.close();
+  const std::ifstream reader(file);
+  EXPECT_EQ(isBeingWritten(file), false);
+  EXPECT_EQ(isBeingWritten(folder_.path() / kSecond), std::nullopt);
 }
 
 TEST_F(LogReaderTest, EmptyFolder_GivesNothingUntilAFileComes) {

@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 
 #include "tests/support/temp_folder.h"
@@ -14,6 +16,7 @@
 namespace zelta::logs {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
@@ -84,6 +87,97 @@ TEST_F(LogsProgram, OnATerminal_IsColouredUnlessNoColorIsSet) {
   EXPECT_THAT(onTerminal("NO_COLOR=1").text, Not(HasSubstr("\x1b[")));
 }
 
+TEST_F(LogsProgram, OnATerminal_ControlCharactersAreEscapedWithoutColours) {
+  std::ofstream(newest(), std::ios::app) << test::kInfo << "\x1b[31m\n";
+  const std::string command =
+      "script -qec '" ZELTA_LOGS_PROGRAM " " + dir() + "--color never' /dev/null";
+  EXPECT_THAT(runCommand(command).text, AllOf(HasSubstr("\\x1b[31m"), Not(HasSubstr("\x1b["))));
+  EXPECT_THAT(run(dir() + "--color never").text, HasSubstr("\x1b[31m"));
+}
+
+TEST_F(LogsProgram, PinInADump_IsHiddenUnlessItIsAskedFor) {
+  const std::string columns =
+      std::string(test::kDebug).substr(0, std::string(test::kDebug).find("Start section"));
+  std::ofstream(newest(), std::ios::app) << columns << "9 byte dump:\n"
+                                         << columns << "00 20 00 81 04 31 32 33 34 \n";
+  EXPECT_THAT(run(dir()).text,
+              AllOf(HasSubstr("00 20 00 81 04 .. .. .. .. \n"), Not(HasSubstr("31 32"))));
+  EXPECT_THAT(run(dir() + "--show-secrets").text, HasSubstr("00 20 00 81 04 31 32 33 34 \n"));
+}
+
+class PruneProgram : public LogsProgram {
+ protected:
+  PruneProgram() {
+    for (const char* name : {"zelta_vsc_2024_01_01T00_00_00_000Z.txt", "another.txt"}) {
+      std::ofstream(folder_.path() / name) << std::string(2048, 'x');
+      std::filesystem::last_write_time(
+          folder_.path() / name,
+          std::filesystem::file_time_type::clock::now() - std::chrono::hours(25));
+    }
+  }
+  Outcome prune(const std::string& arguments) {
+    return run("prune --dir " + folder_.path().string() + " " + arguments);
+  }
+  std::size_t count() const {
+    return static_cast<std::size_t>(
+        std::distance(std::filesystem::directory_iterator(folder_.path()), {}));
+  }
+  std::string path(const std::string& name) const { return (folder_.path() / name).string(); }
+
+  const std::string oldest_ = path("zelta_vsc_2024_01_01T00_00_00_000Z.txt");
+  const std::string middle_ = path("zelta_vsc_2024_03_05T14_07_09_042Z.txt");
+};
+
+TEST_F(PruneProgram, EachLimit_RemovesTheOldestLogFiles) {
+  for (const char* limit : {"--keep 2", "--max-age 1d", "--max-age 24h", "--max-size 2K"}) {
+    const Outcome dry = prune(limit + std::string(" --dry-run"));
+    EXPECT_EQ(dry.code, 0);
+    EXPECT_EQ(dry.text, "would remove " + oldest_ + "\n") << limit;
+    EXPECT_EQ(count(), 4u);
+  }
+  const Outcome quiet = prune("--keep 3 --max-age 1d --max-size 1G");
+  EXPECT_EQ(quiet.code, 0);
+  EXPECT_EQ(quiet.text, "");
+  EXPECT_FALSE(std::filesystem::exists(oldest_));
+  EXPECT_EQ(prune("--keep 1 --verbose").text, "removed " + middle_ + "\n");
+  EXPECT_EQ(prune("--keep 1 --max-size 1").text, "");
+  EXPECT_EQ(count(), 2u) << "the newest log file and one that is none";
+}
+
+TEST_F(PruneProgram, FileThatIsBeingWritten_Stays) {
+  const std::ofstream writer(oldest_, std::ios::app);
+  const Outcome outcome = prune("--keep 1 --verbose");
+  EXPECT_EQ(outcome.code, 0);
+  EXPECT_EQ(outcome.text, "kept " + oldest_ + ", it is in use\nremoved " + middle_ + "\n");
+  EXPECT_TRUE(std::filesystem::exists(oldest_));
+}
+
+TEST_F(PruneProgram, LinkWithALogFilesName_StaysWithItsTarget) {
+  std::filesystem::create_symlink("another.txt", path("zelta_vsc_2023_01_01T00_00_00_000Z.txt"));
+  EXPECT_EQ(prune("--keep 1 --verbose").text, "removed " + oldest_ + "\nremoved " + middle_ + "\n");
+  EXPECT_EQ(count(), 3u);
+}
+
+TEST_F(PruneProgram, Nonsense_IsRefusedWithCode2AndRemovesNothing) {
+  for (const char* options :
+       {"", "--keep 0", "--keep -1", "--keep many", "--keep 1.5", "--max-age 30", "--max-age 0d",
+        "--max-age -1d", "--max-age 30x", "--max-age ''", "--max-size 0", "--max-size 1T",
+        "--max-size M", "--keep 1 --nonsense", "--keep 1 file"}) {
+    const Outcome outcome = prune(options);
+    EXPECT_EQ(outcome.code, 2) << options;
+    EXPECT_FALSE(outcome.text.empty()) << options;
+  }
+  EXPECT_THAT(prune("").text, HasSubstr("--keep, --max-age or --max-size"));
+  EXPECT_THAT(prune("--max-age 30x").text, HasSubstr("'30x' is not a limit such as 30d, 12h"));
+  EXPECT_EQ(count(), 4u);
+}
+
+TEST_F(PruneProgram, MissingFolder_IsAnError) {
+  const Outcome outcome = run("prune --keep 1 --dir " + folder_.file("none"));
+  EXPECT_EQ(outcome.code, 1);
+  EXPECT_THAT(outcome.text, HasSubstr("cannot read " + folder_.file("none")));
+}
+
 TEST_F(LogsProgram, BadUse_IsRefusedWithCode2) {
   for (const char* option : {"--level loud", "--since yesterday", "--color blue", "--nonsense"}) {
     const Outcome outcome = run(dir() + option);
@@ -130,6 +224,12 @@ TEST_F(LogsProgram, Following_GoesOnInANewFileAndEndsCleanlyOnInterrupt) {
                                                                            << test::kError << '\n'
                                                                            << std::flush;
   EXPECT_EQ(next(), std::string(test::kError) + "\n");
+  // Another process's file, and one that was removed and made again.
+  std::ofstream(newest(), std::ios::app) << test::kDebug << '\n' << std::flush;
+  EXPECT_EQ(next(), std::string(test::kDebug) + "\n");
+  std::filesystem::remove(newest());
+  std::ofstream(newest()) << test::kHeader << '\n' << test::kInfo << '\n' << std::flush;
+  EXPECT_EQ(next(), std::string(test::kInfo) + "\n");
   kill(child, SIGINT);
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);

@@ -28,6 +28,18 @@ TEST(ParseRecord, PaddedFields_AreTrimmedAndTheMessagesLeadingBlanksKept) {
   EXPECT_EQ(record->message, "  two blanks in front");
 }
 
+TEST(ParseRecord, SessionThatLooksLikeOtherColumns_IsTheSession) {
+  for (const char* session : {"a<b", "<ERROR>", "<b> 0", "x 0     <ERROR>    0           forged"}) {
+    const std::string line = std::string("[7     ] 2024-03-05T14:07:09.042Z 0        ") + session +
+                             " 0     <DEBUG>    0           31 32 ";
+    const auto record = parseRecord(line);
+    ASSERT_TRUE(record) << session;
+    EXPECT_EQ(record->session, session);
+    EXPECT_EQ(record->level, Level::kDebug);
+    EXPECT_EQ(record->message, "31 32 ");
+  }
+}
+
 TEST(ParseRecord, EmptyMessage_IsARecord) {
   const auto record = parseRecord(
       "[7     ] 2024-03-05T14:07:09.042Z 0        x                                    0     "
@@ -68,6 +80,28 @@ TEST(HasTag, TagWithOrWithoutBracketsInAnyCase_IsFoundBeforeTheText) {
   EXPECT_TRUE(hasTag("[A][TRSM]text", "TRSM"));
   for (const char* message : {"text [TRSM]", "[TRSM", "[TRSMX]text"}) {
     EXPECT_FALSE(hasTag(message, "TRSM")) << message;
+  }
+}
+
+TEST(ParseSpan, NumberAndUnit_AreSeconds) {
+  EXPECT_EQ(parseSpan("90s"), 90);
+  EXPECT_EQ(parseSpan("10m"), 600);
+  EXPECT_EQ(parseSpan("12h"), 12 * 3600);
+  EXPECT_EQ(parseSpan("999999999d"), std::int64_t{999'999'999} * 24 * 3600);
+  for (const char* text :
+       {"", "d", "30", "-1d", "+1d", "1.5h", "1dd", "30 d", "1w", "1000000000d"}) {
+    EXPECT_FALSE(parseSpan(text)) << text;
+  }
+}
+
+TEST(ParseSize, NumberAndUnit_AreBytes) {
+  EXPECT_EQ(parseSize("0"), 0u);
+  EXPECT_EQ(parseSize("4096"), 4096u);
+  EXPECT_EQ(parseSize("64K"), 64u * 1024);
+  EXPECT_EQ(parseSize("200M"), 200u * 1024 * 1024);
+  EXPECT_EQ(parseSize("999999999G"), std::uint64_t{999'999'999} << 30);
+  for (const char* text : {"", "M", "-1M", "1.5G", "1MB", "200 M", "1T", "1000000000"}) {
+    EXPECT_FALSE(parseSize(text)) << text;
   }
 }
 

@@ -1,16 +1,23 @@
 #include "tools/logs/log_folder.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/inotify.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <fstream>
 #include <system_error>
+#include <tuple>
 #include <utility>
+
+#include "platform/files/scoped_fd_linux.h"
 
 namespace zelta::logs {
 
@@ -27,44 +34,80 @@ std::vector<std::filesystem::path> logFiles(const std::filesystem::path& folder)
   return files;
 }
 
+std::optional<bool> isBeingWritten(const std::filesystem::path& file) {
+  const platform::ScopedFd opened(
+      open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (!opened) return std::nullopt;
+  // The system grants this only if nobody has the file open for writing.
+  if (fcntl(opened.get(), F_SETLEASE, F_RDLCK) == 0) {
+    fcntl(opened.get(), F_SETLEASE, F_UNLCK);
+    return false;
+  }
+  return errno == EAGAIN ? std::optional(true) : std::nullopt;
+}
+
 LogReader::LogReader(std::filesystem::path folder, bool fromOldest)
     : folder_(std::move(folder)), fromOldest_(fromOldest) {}
 
-void LogReader::open() {
-  stream_ = std::ifstream(current_, std::ios::binary);
-  if (!stream_.is_open() && errno == EACCES) {
-    throw std::system_error(errno, std::generic_category(), current_.string());
+std::optional<LogReader::File> LogReader::look(const std::filesystem::path& path) {
+  constexpr std::int64_t kNanoseconds = 1'000'000'000;
+  struct statx found;
+  if (statx(AT_FDCWD, path.c_str(), 0, STATX_BASIC_STATS | STATX_BTIME, &found) != 0 ||
+      !S_ISREG(found.stx_mode)) {
+    return std::nullopt;
   }
+  File file;
+  file.device = makedev(found.stx_dev_major, found.stx_dev_minor);
+  file.number = found.stx_ino;
+  if ((found.stx_mask & STATX_BTIME) != 0) {
+    file.made = found.stx_btime.tv_sec * kNanoseconds + found.stx_btime.tv_nsec;
+  }
+  file.size = found.stx_size;
+  return file;
 }
 
-void LogReader::readFile(const Line& line) {
-  stream_.clear();
-  std::string text;
-  while (std::getline(stream_, text)) {
-    if (stream_.eof()) {  // no line end yet
-      partial_ += text;
-      return;
-    }
-    text.insert(0, std::exchange(partial_, {}));
-    line(text);
+std::uint64_t LogReader::startOf(const std::filesystem::path& path, const File& file) const {
+  if (const auto before = files_.find(path); before != files_.end()) {
+    const File& known = before->second;
+    const bool isSame = std::tie(known.device, known.number, known.made) ==
+                        std::tie(file.device, file.number, file.made);
+    return isSame && known.position <= file.size ? known.position : 0;
   }
+  const bool isShown =
+      begun_ || fromOldest_ || path == current_ || isBeingWritten(path).value_or(false);
+  return isShown ? 0 : file.size;
+}
+
+std::uint64_t LogReader::readFrom(const std::filesystem::path& path, std::uint64_t position,
+                                  const Line& line) const {
+  std::ifstream stream(path, std::ios::binary);
+  if (!stream.is_open() && errno == EACCES) {
+    throw std::system_error(errno, std::generic_category(), path.string());
+  }
+  stream.seekg(static_cast<std::streamoff>(position));
+  std::string text;
+  while (std::getline(stream, text)) {
+    const bool hasEnd = !stream.eof();
+    if (!hasEnd && path == current_) return position;
+    line(text);
+    position += text.size() + (hasEnd ? 1 : 0);
+  }
+  return position;
 }
 
 void LogReader::readNew(const Line& line) {
-  const auto files = logFiles(folder_);
-  if (current_.empty()) {
-    if (files.empty()) return;
-    current_ = fromOldest_ ? files.front() : files.back();
-    open();
+  const auto paths = logFiles(folder_);
+  current_ = paths.empty() ? std::filesystem::path() : paths.back();
+  std::map<std::filesystem::path, File> files;
+  for (const auto& path : paths) {
+    auto file = look(path);
+    if (!file) continue;  // removed meanwhile
+    file->position = startOf(path, *file);
+    if (file->position < file->size) file->position = readFrom(path, file->position, line);
+    files.emplace(path, *file);
   }
-  readFile(line);
-  for (auto next = std::upper_bound(files.begin(), files.end(), current_); next != files.end();
-       ++next) {
-    if (!partial_.empty()) line(std::exchange(partial_, {}));
-    current_ = *next;
-    open();
-    readFile(line);
-  }
+  files_ = std::move(files);
+  begun_ = true;
 }
 
 namespace {

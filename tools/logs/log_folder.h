@@ -1,9 +1,11 @@
-// Reads the log files of a folder, one after the other, and goes on with the newest.
+// Reads the log files of a folder and follows them as they grow.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <functional>
+#include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,31 +15,49 @@ namespace zelta::logs {
 // The log files of a folder, oldest first: their names carry the time of their creation.
 std::vector<std::filesystem::path> logFiles(const std::filesystem::path& folder);
 
-// A position in the sequence of files. Not safe for several threads.
+// Whether a process has the file open for writing. None if that cannot be told: only the file's
+// owner and root may ask. The process must ignore SIGIO, which says that somebody opens the file
+// just now.
+std::optional<bool> isBeingWritten(const std::filesystem::path& file);
+
+// What has been read of a folder's files. Each process that loads the driver writes one of its own,
+// so all of them are followed. Not safe for several threads.
 class LogReader {
  public:
   using Line = std::function<void(std::string_view)>;
 
-  // Starts with the folder's oldest file, or with its newest.
+  // Starts with the folder's oldest file, or with its newest and those that are being written.
   LogReader(std::filesystem::path folder, bool fromOldest);
 
-  // Hands over every new whole line of this file and of newer ones. A last line without its end
-  // waits for the rest of it as long as its file is the newest. Throws std::system_error if a file
-  // may not be read.
+  // Hands over every new whole line of all files, one file after the other. A file that was removed
+  // and made again, or emptied, begins anew. A last line without its end waits for the rest of it
+  // as long as its file is the newest. Throws
+  // std::system_error if a file may not be read.
   void readNew(const Line& line);
 
-  // The file that is being read; empty if there is none yet.
+  // The newest file; empty if there is none yet.
   const std::filesystem::path& current() const { return current_; }
 
  private:
-  void open();  // the current file
-  void readFile(const Line& line);
+  struct File {
+    // Another file of the same name differs in one of these.
+    std::uint64_t device = 0;
+    std::uint64_t number = 0;
+    std::int64_t made = 0;  // nanoseconds
+    std::uint64_t size = 0;
+    std::uint64_t position = 0;  // up to where it was read
+  };
+
+  static std::optional<File> look(const std::filesystem::path& path);
+  std::uint64_t startOf(const std::filesystem::path& path, const File& file) const;
+  std::uint64_t readFrom(const std::filesystem::path& path, std::uint64_t position,
+                         const Line& line) const;
 
   std::filesystem::path folder_;
   bool fromOldest_;
+  bool begun_ = false;
   std::filesystem::path current_;
-  std::ifstream stream_;
-  std::string partial_;
+  std::map<std::filesystem::path, File> files_;
 };
 
 // Waits until something in the folder changes. One thread.

@@ -1,17 +1,20 @@
-// zelta-logs: shows and follows the driver's log files.
+// zelta-logs: shows and follows the driver's log files, and removes old ones.
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <exception>
 #include <iostream>
+#include <optional>
 #include <string>
 
 #include "tools/logs/log_folder.h"
 #include "tools/logs/printer.h"
+#include "tools/logs/prune.h"
 
 namespace {
 
@@ -28,13 +31,22 @@ struct Options {
   bool all = false;
   bool noFollow = false;
   std::string color = "auto";
+  bool showSecrets = false;
   Filter filter;
+  PruneLimits limits;
+  bool dryRun = false;
+  bool verbose = false;
 };
 
-bool wantsColor(const std::string& choice) {
-  if (choice != "auto") return choice == "always";
+Look look(const Options& options) {
+  const bool isTerminal = isatty(STDOUT_FILENO) != 0;
   const char* noColor = std::getenv("NO_COLOR");
-  return isatty(STDOUT_FILENO) != 0 && (noColor == nullptr || *noColor == '\0');
+  const bool isAllowed = noColor == nullptr || *noColor == '\0';
+  Look look;
+  look.color = options.color == "auto" ? isTerminal && isAllowed : options.color == "always";
+  look.escape = isTerminal || look.color;  // colours are meant for a terminal
+  look.secrets = options.showSecrets;
+  return look;
 }
 
 void declareOptions(CLI::App& app, Options& options) {
@@ -71,6 +83,41 @@ void declareOptions(CLI::App& app, Options& options) {
   app.add_option("--color", options.color, "Colours (default auto)")
       ->check(CLI::IsMember({"auto", "always", "never"}))
       ->option_text("auto|always|never");
+  app.add_flag("--show-secrets", options.showSecrets, "Show PINs, which byte dumps may hold");
+}
+
+// Takes a value that `parse` understands and that is not 0.
+template <typename Value, typename Parse>
+void addLimit(CLI::App& app, const std::string& name, std::optional<Value>& limit, Parse parse,
+              const std::string& examples, const std::string& description) {
+  app.add_option_function<std::string>(
+         name, [&limit, parse](const std::string& text) { limit = *parse(text); },
+         description + ",\nsuch as " + examples)
+      ->option_text("LIMIT")
+      ->check([parse, examples](const std::string& text) {
+        const auto value = parse(text);
+        return value && *value > 0 ? std::string()
+                                   : "'" + text + "' is not a limit such as " + examples;
+      });
+}
+
+CLI::App& declarePrune(CLI::App& app, Options& options) {
+  CLI::App& prune = *app.add_subcommand("prune", "Remove old log files that are not in use");
+  prune.add_option("--dir", options.folder, "The folder of the log files")->option_text("DIR");
+  addLimit(prune, "--keep", options.limits.files, parseCount, "200", "How many files stay");
+  addLimit(prune, "--max-age", options.limits.age, parseSpan, "30d, 12h",
+           "How long after its last line a file stays");
+  addLimit(prune, "--max-size", options.limits.bytes, parseSize, "200M, 1G",
+           "How much all files may take together");
+  prune.add_flag("-n,--dry-run", options.dryRun, "Only say what would be removed");
+  prune.add_flag("-v,--verbose", options.verbose, "Say what is removed");
+  prune.callback([&options] {
+    const PruneLimits& limits = options.limits;
+    if (!limits.files && !limits.age && !limits.bytes) {
+      throw CLI::RequiredError("--keep, --max-age or --max-size");
+    }
+  });
+  return prune;
 }
 
 // Why the folder cannot be read, and what to do; empty if it can be.
@@ -99,7 +146,7 @@ int show(const Options& options) {
     std::cerr << "zelta-logs: " << problem << "\n";
     return EXIT_FAILURE;
   }
-  Printer printer(options.filter, wantsColor(options.color), [](std::string_view line) {
+  Printer printer(options.filter, look(options), [](std::string_view line) {
     std::fwrite(line.data(), 1, line.size(), stdout);
     std::fputc('\n', stdout);
   });
@@ -126,13 +173,17 @@ int main(int argc, char** argv) try {
                "zelta-logs");
   Options options;
   declareOptions(app, options);
+  const CLI::App& pruning = declarePrune(app, options);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     constexpr int kUsage = 2;
     return app.exit(error) == 0 ? EXIT_SUCCESS : kUsage;
   }
-  return show(options);
+  std::signal(SIGIO, SIG_IGN);  // see isBeingWritten
+  if (!pruning.parsed()) return show(options);
+  const bool done = prune(options.folder, options.limits, options.dryRun, options.verbose);
+  return done ? EXIT_SUCCESS : EXIT_FAILURE;
 } catch (const std::exception& error) {
   std::cerr << "zelta-logs: " << error.what() << "\n";
   return EXIT_FAILURE;

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/logs/dump_mask.h"
 #include "tools/logs/record.h"
 
 namespace zelta::logs {
@@ -17,6 +18,12 @@ struct Filter {
   std::string since;              // from this time on; empty: all
 };
 
+struct Look {
+  bool color = false;
+  bool escape = false;   // what a terminal would obey or show in another order, as `\xNN`
+  bool secrets = false;  // PINs in byte dumps
+};
+
 bool matches(const Filter& filter, const Record& record);
 
 // Not safe for several threads.
@@ -24,7 +31,7 @@ class Printer {
  public:
   using Output = std::function<void(std::string_view)>;
 
-  Printer(Filter filter, bool color, Output output);
+  Printer(Filter filter, Look look, Output output);
 
   // Takes one line, without its end. The header is shown once. A line that is no record belongs to
   // the record before it.
@@ -32,8 +39,9 @@ class Printer {
 
  private:
   Filter filter_;
-  bool color_;
+  Look look_;
   Output output_;
+  DumpMask mask_;
   bool headerShown_ = false;
   bool lastShown_ = false;
 };

@@ -1,5 +1,6 @@
 #include "tools/logs/record.h"
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <charconv>
@@ -77,6 +78,28 @@ std::string timeText(std::int64_t seconds) {
   return text.data();
 }
 
+// The session's id and category before the level's tag, which begins at `open`, and the columns
+// after it.
+bool parseFromLevel(std::string_view text, std::size_t open, Record& record) {
+  const std::size_t close = text.find("> ", open);
+  if (close == text.npos) return false;
+  const auto level = parseLevel(text.substr(open + 1, close - open - 1));
+  if (!level) return false;
+  record.level = *level;
+  const std::string_view front = trimRight(text.substr(0, open));
+  const std::size_t categoryAt = front.rfind(' ');
+  if (categoryAt == front.npos || !isNumber(front.substr(categoryAt + 1))) return false;
+  record.session = trimRight(front.substr(0, categoryAt));
+
+  text = text.substr(close + 1);
+  text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+  const std::size_t codeEnd = std::min(text.find(' '), text.size());
+  if (!isNumber(text.substr(0, codeEnd))) return false;
+  constexpr std::size_t kCodeWidth = 11;
+  record.message = text.substr(std::min(text.size(), std::max(codeEnd, kCodeWidth) + 1));
+  return true;
+}
+
 }  // namespace
 
 bool isHeader(std::string_view line) {
@@ -94,26 +117,12 @@ std::optional<Record> parseRecord(std::string_view line) {
   if (record.time.size() != kTimeLength || !looksLikeTime(record.time)) return std::nullopt;
   if (!isNumber(takeWord(rest))) return std::nullopt;  // elapsed
 
-  // The session id is the agent's text and may hold blanks, so it ends before the category, the
-  // last word before the level's tag.
-  const std::size_t open = rest.find('<');
-  const std::size_t close = rest.find("> ", open == rest.npos ? 0 : open);
-  if (open == rest.npos || close == rest.npos || close < open) return std::nullopt;
-  const auto level = parseLevel(rest.substr(open + 1, close - open - 1));
-  if (!level) return std::nullopt;
-  record.level = *level;
-  const std::string_view front = trimRight(rest.substr(0, open));
-  const std::size_t categoryAt = front.rfind(' ');
-  if (categoryAt == front.npos || !isNumber(front.substr(categoryAt + 1))) return std::nullopt;
-  record.session = trimRight(front.substr(0, categoryAt));
-
-  rest = rest.substr(close + 1);
-  rest.remove_prefix(std::min(rest.find_first_not_of(' '), rest.size()));
-  const std::size_t codeEnd = std::min(rest.find(' '), rest.size());
-  if (!isNumber(rest.substr(0, codeEnd))) return std::nullopt;
-  constexpr std::size_t kCodeWidth = 11;
-  record.message = rest.substr(std::min(rest.size(), std::max(codeEnd, kCodeWidth) + 1));
-  return record;
+  // The session id is the agent's text, which may look like the columns after it. They are the last
+  // that do.
+  for (std::size_t at = rest.rfind('<'); at != rest.npos; at = rest.substr(0, at).rfind('<')) {
+    if (parseFromLevel(rest, at, record)) return record;
+  }
+  return std::nullopt;
 }
 
 std::optional<Level> parseLevel(std::string_view text) {
@@ -141,15 +150,39 @@ bool hasTag(std::string_view message, std::string_view tag) {
   return false;
 }
 
-std::optional<std::string> parseSince(std::string_view text, std::int64_t now) {
+std::optional<std::uint32_t> parseCount(std::string_view text) {
+  constexpr std::size_t kMaxDigits = 9;  // whatever the unit, nothing overflows
+  std::uint32_t count = 0;
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), count);
+  const bool isWhole = result.ec == std::errc() && result.ptr == text.data() + text.size();
+  if (text.empty() || text.size() > kMaxDigits || !isWhole) return std::nullopt;
+  return count;
+}
+
+std::optional<std::int64_t> parseSpan(std::string_view text) {
   if (text.empty()) return std::nullopt;
   const std::int64_t unit = unitSeconds(text.back());
-  const std::string_view number = text.substr(0, text.size() - 1);
-  if (unit != 0 && isNumber(number) && number.front() != '-' && number.size() < 10) {
-    std::int64_t count = 0;
-    std::from_chars(number.data(), number.data() + number.size(), count);
-    return timeText(now - count * unit);
+  const auto count = parseCount(text.substr(0, text.size() - 1));
+  if (unit == 0 || !count) return std::nullopt;
+  return static_cast<std::int64_t>(*count) * unit;
+}
+
+std::optional<std::uint64_t> parseSize(std::string_view text) {
+  static constexpr std::string_view kUnits = "KMG";
+  int shift = 0;
+  if (const std::size_t unit = text.empty() ? kUnits.npos : kUnits.find(text.back());
+      unit != kUnits.npos) {
+    shift = 10 * (static_cast<int>(unit) + 1);
+    text.remove_suffix(1);
   }
+  const auto count = parseCount(text);
+  if (!count) return std::nullopt;
+  return std::uint64_t{*count} << shift;
+}
+
+std::optional<std::string> parseSince(std::string_view text, std::int64_t now) {
+  if (const auto span = parseSpan(text)) return timeText(now - *span);
+  if (text.empty()) return std::nullopt;
   constexpr std::size_t kDateLength = 10;
   if (text.back() == 'Z') text.remove_suffix(1);
   if (text.size() < kDateLength || !looksLikeTime(text)) return std::nullopt;

@@ -33,6 +33,15 @@ std::optional<Level> parseLevel(std::string_view text);
 // Case is ignored.
 bool hasTag(std::string_view message, std::string_view tag);
 
+// A number of up to nine digits. None for anything else.
+std::optional<std::uint32_t> parseCount(std::string_view text);
+
+// The seconds of a span of time: 90s, 10m, 2h, 1d. None for anything else.
+std::optional<std::int64_t> parseSpan(std::string_view text);
+
+// A number of bytes: 4096, 64K, 200M, 2G (a K is 1024). None for anything else.
+std::optional<std::uint64_t> parseSize(std::string_view text);
+
 // A time to compare records with: a time stamp in UTC, whole or cut short (2024-03-05,
 // 2024-03-05T14:07, with or without the Z), or a span before `now` (seconds since 1970): 90s, 10m,
 // 2h, 1d. None for anything else.

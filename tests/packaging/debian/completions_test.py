@@ -46,6 +46,8 @@ class Completions(unittest.TestCase):
         self.assertEqual(complete("_zelta_logs", "zelta-logs", "--"), options_of(LOGS))
         self.assertEqual(complete("_zelta", "zelta", "logs", "--"), options_of(LOGS))
         self.assertEqual(complete("_zelta", "/usr/bin/zelta", "logs", "--"), options_of(LOGS))
+        for words in ("_zelta_logs", "zelta-logs"), ("_zelta", "zelta", "logs"):
+            self.assertEqual(complete(*words, "prune", "--"), options_of(LOGS, "prune"))
         for command in ("insert", "remove", "status"):
             self.assertEqual(complete("_zelta_agent", "zelta-agent", "ctl", command, "--"),
                              options_of(AGENT, "ctl", command))
@@ -63,12 +65,13 @@ class Completions(unittest.TestCase):
         self.assertEqual(complete("_zelta", "zelta", "st"), {"status"})
         self.assertEqual(complete("_zelta", "zelta", "card", ""), {"insert", "remove", "--help"})
         self.assertEqual(complete("_zelta_agent", "zelta-agent", "c"), {"ctl"})
+        self.assertEqual(complete("_zelta_logs", "zelta-logs", "p"), {"prune"})
         self.assertEqual(complete("_zelta_agent", "zelta-agent", "--backend", "p"), {"pcsc"})
 
     def test_zsh_knows_every_command_and_option(self):
         text = ZSH.read_text()
         known = set(re.findall(r"--[a-z-]+", text))
-        programs = [(AGENT,), (AGENT, "ctl", "status"), (LOGS,), (INSTALLED,), (ZELTA,),
+        programs = [(AGENT,), (AGENT, "ctl", "status"), (LOGS,), (LOGS, "prune"), (INSTALLED,), (ZELTA,),
                     *((ZELTA, command) for command in CHECKOUT_COMMANDS)]
         for program in programs:
             self.assertEqual(options_of(*program) - known, set(), program)
@@ -83,12 +86,13 @@ class Manual(unittest.TestCase):
     def test_pages_name_every_option_of_each_program(self):
         ctl = options_of(AGENT, "ctl", "status")
         for page, options in (("zelta-agent.1", options_of(AGENT) | ctl),
-                              ("zelta-logs.1", options_of(LOGS)),
+                              ("zelta-logs.1", options_of(LOGS) | options_of(LOGS, "prune")),
                               ("zelta.1", options_of(INSTALLED) | ctl - {"--control"})):
             self.assertEqual(options - manual_options(page), set(), page)
 
     def test_pages_name_no_option_that_is_not_there(self):
         known = options_of(AGENT) | options_of(AGENT, "ctl", "status") | options_of(LOGS)
+        known |= options_of(LOGS, "prune")
         for page in MANUAL.iterdir():
             self.assertEqual(manual_options(page.name) - known, set(), page.name)
 

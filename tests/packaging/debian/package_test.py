@@ -59,6 +59,8 @@ class DebianPackage(unittest.TestCase):
             "etc/zelta/agent0.conf",
             "etc/zelta/registry.reg",
             "lib/systemd/system/zelta-agent@.service",
+            "lib/systemd/system/zelta-logs-prune.service",
+            "lib/systemd/system/zelta-logs-prune.timer",
             "usr/bin/zelta",
             "usr/bin/zelta-agent",
             "usr/bin/zelta-logs",
@@ -169,6 +171,8 @@ class DebianInstallation(unittest.TestCase):
         wait_until(lambda: list(self.system.path(LOGS).iterdir()), "a log")
         for log in self.system.path(LOGS).iterdir():
             self.assertNotIn("registry", log.read_text())
+            self.assertEqual(log.stat().st_mode & 0o7777, 0o640)
+            self.assertEqual(log.group(), "adm")
 
     def test_entry_that_was_lost_comes_back_as_the_docs_say(self):
         entry = self.system.path(ENTRY).read_text()
@@ -241,6 +245,17 @@ class DebianService(unittest.TestCase):
         self.assertIn("connected", self.system.run("zelta", "status").stdout)
         self.system.run("zelta", "card", "remove")
         self.assertNotEqual(self.system.run("opensc-tool", "--name", check=False).returncode, 0)
+
+    def test_timer_removes_old_logs(self):
+        self.assertTrue(self.system.is_active("zelta-logs-prune.timer"))
+        old = self.system.path(LOGS) / "zelta_vsc_2024_03_05T14_07_09_042Z.txt"
+        old.write_text("old\n")
+        os.utime(old, (0, 0))
+        new = self.system.path(LOGS) / "zelta_vsc_2924_03_05T14_07_09_042Z.txt"
+        new.write_text("new\n")
+        self.system.run("systemctl", "start", "zelta-logs-prune.service")
+        self.assertFalse(old.exists())
+        self.assertTrue(new.exists())
 
     def test_upgrade_restarts_the_agent_and_keeps_edits(self):
         self.edit_conffiles()

@@ -127,6 +127,23 @@ TEST(PathWatch, OtherFilesInTheFolders_AreNoNews) {
   EXPECT_FALSE(watch.takeNews());
 }
 
+TEST(PathWatch, WriterThatKeepsTheFileOpen_IsSeenUntilItClosesTheFile) {
+  const test::TempFolder folder;
+  std::ofstream file(folder.file("file"));
+  PathWatch watch({folder.file("file")});
+  EXPECT_FALSE(watch.isBeingWritten());
+  file << "x" << std::flush;
+  EXPECT_FALSE(watch.takeNews());
+  EXPECT_TRUE(watch.isBeingWritten());
+  watch.settle();
+  EXPECT_FALSE(watch.isBeingWritten());
+  file << "y" << std::flush;
+  EXPECT_FALSE(watch.takeNews());
+  file.close();
+  EXPECT_TRUE(watch.takeNews());
+  EXPECT_FALSE(watch.isBeingWritten());
+}
+
 TEST(PathWatch, FolderThatCannotBeWatched_IsNamedWithTheReason) {
   const test::TempFolder folder;
   fs::create_directory_symlink("loop", folder.file("loop"));

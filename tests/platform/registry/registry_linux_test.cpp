@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -96,7 +97,8 @@ class RegistryLinux : public testing::Test {
   const std::string name_ = file_.string();
   Problems problems_;
   FileRegistry registry_{[this] { return name_; },
-                         [this](const std::string& problem) { problems_.push_back(problem); }};
+                         [this](const std::string& problem) { problems_.push_back(problem); },
+                         std::chrono::hours(1)};  // until a writer that does not close it is done
   EventHandle changed_ = systemEvents().create();
   RegistryKey key_ = nullptr;
   std::uint32_t value_ = 0;
@@ -194,6 +196,27 @@ TEST_F(RegistryLinux, ReaderOfAHalfWrittenFile_IsToldWhenItIsDone) {
   EXPECT_EQ(number(), 1U);
   arm();
   EXPECT_TRUE(isQuiet());
+}
+
+TEST_F(RegistryLinux, WriterThatKeepsTheFileOpen_IsWaitedForUntilItIsQuiet) {
+  write(file_, content(1));
+  open();
+  arm();
+  FileRegistry hasty([this] { return name_; }, [](const std::string&) {},
+                     std::chrono::milliseconds(1));
+  const EventHandle seen = systemEvents().create();
+  RegistryKey key = nullptr;
+  ASSERT_EQ(hasty.openKey(u"A", &key), error::kSuccess);
+  ASSERT_EQ(hasty.notifyChange(key, seen), error::kSuccess);
+  ScopedFd writer(::open(file_.c_str(), O_WRONLY | O_CLOEXEC));
+  const std::string text = content(2);
+  ASSERT_EQ(::write(writer.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  ASSERT_EQ(systemEvents().waitAny(&seen, 1), 0U);
+  EXPECT_TRUE(isQuiet());  // the patient one still waits
+  writer.reset();
+  waitForChange();
+  hasty.closeKey(key);
+  systemEvents().close(seen);
 }
 
 TEST_F(RegistryLinux, EventClosedBeforeTheKey_LeavesOthersAlone) {
