@@ -3,6 +3,7 @@
 #include <cstdio>
 
 // Null if the library is not loaded by pcscd.
+// NOLINTNEXTLINE(readability-identifier-naming): the name is the daemon's
 extern "C" __attribute__((weak)) void log_msg(int priority, const char* format, ...);
 
 namespace zelta::pcsc {
@@ -11,7 +12,7 @@ void logToDaemon(LogLevel level, const std::string& text) {
   if (log_msg != nullptr) {
     log_msg(static_cast<int>(level), "zelta: %s", text.c_str());
   } else {
-    std::fprintf(stderr, "zelta: %s\n", text.c_str());
+    (void)std::fprintf(stderr, "zelta: %s\n", text.c_str());
   }
 }
 

@@ -49,7 +49,7 @@ class HandlerLibrary {
 
  public:
 #define ZELTA_HANDLER_FUNCTION(name, symbol) \
-  const decltype(&(symbol)) name = find<decltype(&(symbol))>(#symbol)
+  const decltype(&(symbol)) name = find<decltype(&(symbol))>(#symbol)  // NOLINT: declares it
   ZELTA_HANDLER_FUNCTION(createByName, IFDHCreateChannelByName);
   ZELTA_HANDLER_FUNCTION(create, IFDHCreateChannel);
   ZELTA_HANDLER_FUNCTION(close, IFDHCloseChannel);
