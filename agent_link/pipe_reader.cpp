@@ -106,7 +106,7 @@ struct PipeReader::AttributeSource {
   AttributeValue (*value)(PipeReader& reader);
 };
 
-const PipeReader::AttributeSource PipeReader::kAttributeSources[] = {
+constexpr PipeReader::AttributeSource PipeReader::kAttributeSources[] = {
     {PIPE_NAME, LogLevel::kDebug,
      [](PipeReader& reader) -> AttributeValue { return reader.pipes_.command().name(); }},
     {EVENT_PIPE_NAME, LogLevel::kDebug,

@@ -32,6 +32,16 @@ std::optional<std::uint32_t> PipeStream::readNumber() {
 
 namespace {
 
+// Makes room for all of a long payload, if there is any, so that it is not copied as it grows.
+void reserve(Bytes& bytes, std::uint32_t length) {
+  if (length <= PipeStream::kReadBlock) return;
+  try {
+    bytes.reserve(length);
+  } catch (const std::bad_alloc&) {     // then it grows as its bytes arrive
+  } catch (const std::length_error&) {  // the same
+  }
+}
+
 // Ends with the first block that fails.
 template <typename Read>
 bool forBlocks(std::uint32_t length, Read read) {
@@ -60,6 +70,7 @@ PipeStream::Payload PipeStream::withMemory(Read read) {
 PipeStream::Payload PipeStream::readPayload(std::uint32_t length, Bytes& bytes) {
   bytes.clear();
   const Payload result = withMemory([&] {
+    reserve(bytes, length);
     return forBlocks(length, [&](std::uint32_t done, std::uint32_t block) {
       bytes.resize(bytes.size() + block);
       return read(bytes.data() + done, block);
@@ -71,9 +82,10 @@ PipeStream::Payload PipeStream::readPayload(std::uint32_t length, Bytes& bytes) 
 
 PipeStream::Payload PipeStream::readPayload(std::uint32_t length, ResponseBuffer& response) {
   return withMemory([&] {
-    std::uint8_t* const bytes = response.allocate(length);
-    return forBlocks(
-        length, [&](std::uint32_t done, std::uint32_t block) { return read(bytes + done, block); });
+    response.begin(length);
+    return forBlocks(length, [&](std::uint32_t /*done*/, std::uint32_t block) {
+      return read(response.next(block), block);
+    });
   });
 }
 

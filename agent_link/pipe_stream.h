@@ -19,7 +19,7 @@ class PipeStream {
  public:
   // A payload up to this length is read by one call, a longer one in blocks of this size. So memory
   // is used as the bytes arrive and not on the word of the agent. Bytes.
-  static constexpr std::uint32_t kReadBlock = 1024 * 1024;
+  static constexpr std::uint32_t kReadBlock = ResponseBuffer::kBlock;
 
   enum class Payload { kRead, kFailed, kNoMemory };
 

@@ -36,6 +36,9 @@ void writeOrLose(Write write) noexcept {
 
 }  // namespace
 
+// The compiler checks the arguments by the format.
+// NOLINTBEGIN(cert-dcl50-cpp)
+
 void logDebug(const char* format, ...) {
   if (isDropped(LogLevel::kDebug)) return;
   std::va_list arguments;
@@ -69,5 +72,7 @@ void logMessage(std::uint8_t level, std::int32_t code, const char* format, ...) 
   writeOrLose([&] { writeRecord(level, code, formatMessage(format, arguments)); });
   va_end(arguments);
 }
+
+// NOLINTEND(cert-dcl50-cpp)
 
 }  // namespace zelta

@@ -9,7 +9,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const char* broken = zelta::test::brokenAtrRule({data, data + size});
   if (broken != nullptr) {
-    std::fprintf(stderr, "violated: %s\n", broken);
+    (void)std::fprintf(stderr, "violated: %s\n", broken);
     std::abort();
   }
   return 0;

@@ -11,7 +11,7 @@ namespace {
 
 void require(bool condition, const char* what) {
   if (condition) return;
-  std::fprintf(stderr, "violated: %s\n", what);
+  (void)std::fprintf(stderr, "violated: %s\n", what);
   std::abort();
 }
 

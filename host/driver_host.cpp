@@ -19,7 +19,7 @@ using platform::MutexLock;
 namespace {
 
 void printDriverError(const std::string& text) {
-  std::fprintf(stderr, "zelta host: %s\n", text.c_str());
+  (void)std::fprintf(stderr, "zelta host: %s\n", text.c_str());
 }
 
 InputParts whole(const std::vector<std::uint8_t>& input) {

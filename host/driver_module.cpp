@@ -23,7 +23,7 @@ struct FrameworkVersion {
 
 std::string codeText(HRESULT code) {
   char text[16];
-  std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(code));
+  (void)std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(code));
   return text;
 }
 

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "host/driver_host.h"
+#include "platform/process/wipe.h"
 #include "platform/sync/sync.h"
 
 namespace zelta::host {
@@ -20,6 +21,8 @@ class Operation final : public IoOperation {
  public:
   Operation(std::weak_ptr<IoEngine> engine, File::Completion completion)
       : engine_(std::move(engine)), completion_(std::move(completion)) {}
+
+  ~Operation() override { platform::wipe(result_.output.data(), result_.output.size()); }
 
   bool wait(std::chrono::milliseconds limit) override ZELTA_EXCLUDES(mutex_);
   bool completed() const override ZELTA_EXCLUDES(mutex_);

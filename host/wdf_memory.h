@@ -5,6 +5,7 @@
 // its beginning on. Nothing beyond that is ever shown: a reader of more gets zero bytes.
 // A shorter buffer than the driver's fixed-size reads is backed by zero bytes up to the next
 // multiple of 16, as the operating system's buffers are; they do not count in the size.
+// What was written to it, a command for example, is wiped at the end.
 // Threads: as a request's buffer, one at a time.
 #pragma once
 
@@ -12,6 +13,7 @@
 
 #include "host/driver_host.h"
 #include "host/wdf_object.h"
+#include "platform/process/wipe.h"
 
 namespace zelta::host {
 
@@ -19,6 +21,7 @@ class WdfMemory final : public WdfObject<WdfMemory, framework::IWDFMemory> {
  public:
   // `errors` and the request outlive this and are not referenced.
   WdfMemory(const DriverErrors& errors, framework::IUnknown& request);
+  ~WdfMemory() { platform::wipe(storage_, initialised_); }
 
   // The storage that `size` bytes take. Throws std::length_error if no number can say it.
   static std::size_t storageFor(std::size_t size);

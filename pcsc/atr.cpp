@@ -1,6 +1,5 @@
 #include "pcsc/atr.h"
 
-#include <cstdio>
 #include <optional>
 
 #include "contract/bytes.h"
@@ -66,9 +65,8 @@ std::uint32_t offeredProtocols(const Bytes& bytes) {
 std::string hexText(const Bytes& bytes) {
   std::string text;
   for (const std::uint8_t byte : bytes) {
-    char digits[4];
-    std::snprintf(digits, sizeof digits, text.empty() ? "%02X" : " %02X", byte);
-    text += digits;
+    if (!text.empty()) text += ' ';
+    text += toHex(&byte, 1);
   }
   return text;
 }

@@ -12,7 +12,7 @@ void logToDaemon(LogLevel level, const std::string& text) {
   if (log_msg != nullptr) {
     log_msg(static_cast<int>(level), "zelta: %s", text.c_str());
   } else {
-    std::fprintf(stderr, "zelta: %s\n", text.c_str());
+    (void)std::fprintf(stderr, "zelta: %s\n", text.c_str());
   }
 }
 

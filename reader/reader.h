@@ -28,6 +28,7 @@
 #include "diagnostics/log.h"
 #include "driver/request/io_request.h"
 #include "driver/request/reader_device.h"
+#include "platform/process/wipe.h"
 #include "platform/sync/sync.h"
 #include "reader/atr.h"
 #include "reader/response_buffer.h"
@@ -140,12 +141,13 @@ class Reader {
   bool chooseProtocol(std::uint32_t mask);
   bool storeProtocol(std::uint32_t protocol);
   struct TransmitInput {
-    std::uint32_t protocol;  // of the header
-    Bytes command;           // the APDU after it
+    std::uint32_t protocol;         // of the header
+    platform::SecretBytes command;  // the APDU after it
   };
   // None if the request has no such input.
   static std::optional<TransmitInput> readTransmit(IoRequest& request);
-  void transmit(IoRequest& request, const Bytes& command);
+  // The request's output takes `outLength` bytes; 0 if that is not known.
+  void transmit(IoRequest& request, const Bytes& command, std::size_t outLength);
 
   struct AttributeSource;
   static const AttributeSource kAttributeSources[];

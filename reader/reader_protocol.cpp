@@ -71,7 +71,7 @@ bool Reader::storeProtocol(std::uint32_t protocol) {
 }
 
 void Reader::IoSmartCardTransmit(IoRequest* request, std::size_t /*inLength*/,
-                                 std::size_t /*outLength*/) {
+                                 std::size_t outLength) {
   if (request == nullptr) {
     logError(kNoError, "[TRSM]IOCTL_SMARTCARD_TRANSMIT: invalid request");
     return;
@@ -89,7 +89,7 @@ void Reader::IoSmartCardTransmit(IoRequest* request, std::size_t /*inLength*/,
     finish(*request, status::kInvalidDeviceState, kTransmitHandler, __LINE__);
     return;
   }
-  transmit(*request, input->command);
+  transmit(*request, input->command.get(), outLength);
 }
 
 // Copies the APDU straight out of the request's memory.
@@ -101,8 +101,9 @@ std::optional<Reader::TransmitInput> Reader::readTransmit(IoRequest& request) {
                        Bytes(input.data() + kTransmitHeaderSize, input.data() + input.size())};
 }
 
-void Reader::transmit(IoRequest& request, const Bytes& command) {
-  ResponseBuffer response;
+void Reader::transmit(IoRequest& request, const Bytes& command, std::size_t outLength) {
+  // What does not fit into the output is not written to it, so it need not be kept.
+  ResponseBuffer response(outLength == 0 ? ResponseBuffer::kNoLimit : outLength);
   if (QueryTransmit(command, response) != QueryResult::kSuccess) {
     logError(static_cast<std::uint32_t>(status::kNoMedia), "[TRSM]STATUS_NO_MEDIA");
     finish(request, status::kNoMedia, kTransmitHandler, __LINE__);

@@ -2,44 +2,67 @@
 // that both reach the caller in one copy.
 //
 // The room for a response is not initialised: a long response is written once, and memory that an
-// agent only announces is reserved but never touched.
+// agent only announces is reserved but never touched. A response that its caller has no room for is
+// not kept at all, only its length is. What was written is wiped before it is given back.
 #pragma once
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <new>
 
 #include "contract/io_controls.h"
+#include "platform/process/wipe.h"
 
 namespace zelta {
 
 class ResponseBuffer {
  public:
-  // Replaces the response by `size` bytes that the caller writes. Throws std::bad_alloc, and is
-  // empty then.
-  std::uint8_t* allocate(std::size_t size) {
+  // Of a response that is not kept, as much is written at a time at most. Bytes.
+  static constexpr std::size_t kBlock = 1024 * 1024;
+  static constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
+
+  // `limit` is how much the caller takes, header and response together. Bytes.
+  explicit ResponseBuffer(std::size_t limit = kNoLimit) : limit_(limit) {}
+  ~ResponseBuffer() { clear(); }
+  ResponseBuffer(const ResponseBuffer&) = delete;
+  ResponseBuffer& operator=(const ResponseBuffer&) = delete;
+
+  // Replaces the response by one of `size` bytes, which `next` then takes. Throws std::bad_alloc,
+  // and is empty then.
+  void begin(std::size_t size) {
     clear();
-    memory_.reset(static_cast<std::uint8_t*>(::operator new(kTransmitHeaderSize + size)));
+    const std::size_t room = isKept(size) ? size : std::min(size, kBlock);
+    memory_.reset(static_cast<std::uint8_t*>(::operator new(kTransmitHeaderSize + room)));
     size_ = size;
-    return memory_.get() + kTransmitHeaderSize;
   }
+  // The place for the next `count` bytes, `kBlock` at most.
+  std::uint8_t* next(std::size_t count) {
+    const std::size_t before = isKept(size_) ? written_ : 0;
+    written_ = std::max(written_, before + count);
+    return memory_.get() + kTransmitHeaderSize + before;
+  }
+  // `size` is `kBlock` at most.
   void assign(const std::uint8_t* bytes, std::size_t size) {
-    std::copy_n(bytes, size, allocate(size));
+    begin(size);
+    std::copy_n(bytes, size, next(size));
   }
   void clear() {
+    if (written_ > 0) platform::wipe(memory_.get() + kTransmitHeaderSize, written_);
     memory_.reset();
     size_ = 0;
+    written_ = 0;
   }
 
-  // The response alone; null if it is empty.
+  // The response alone, if it is kept; null if it is empty.
   const std::uint8_t* data() const {
     return size_ == 0 ? nullptr : memory_.get() + kTransmitHeaderSize;
   }
   std::size_t size() const { return size_; }
 
-  // The `kTransmitHeaderSize` bytes before the response. Only after `allocate` or `assign`.
+  // The `kTransmitHeaderSize` bytes before the response. Only after `begin` or `assign`.
   std::uint8_t* header() { return memory_.get(); }
 
  private:
@@ -47,8 +70,14 @@ class ResponseBuffer {
     void operator()(std::uint8_t* memory) const { ::operator delete(memory); }
   };
 
+  bool isKept(std::size_t size) const {
+    return size <= limit_ && kTransmitHeaderSize <= limit_ - size;
+  }
+
+  const std::size_t limit_;
   std::unique_ptr<std::uint8_t, Free> memory_;  // header and response
   std::size_t size_ = 0;                        // of the response
+  std::size_t written_ = 0;                     // bytes of it that are in the memory
 };
 
 }  // namespace zelta

@@ -39,10 +39,10 @@ CardId CardSlot::card() const {
 }
 
 Outcome CardSlot::perform(const Command& command, CardId card) {
-  Bytes response = call(command);
+  platform::SecretBytes response(call(command));
   const platform::MutexLock lock(mutex_);
-  if (response.empty() || card_ != card) return {Outcome::Result::kNoAnswer};
-  if (command.kind != Command::Kind::kTransmit) atr_ = response;
+  if (response.size() == 0 || card_ != card) return {Outcome::Result::kNoAnswer};
+  if (command.kind != Command::Kind::kTransmit) atr_ = response.get();
   return {Outcome::Result::kAnswered, std::move(response), card};
 }
 
@@ -55,7 +55,7 @@ Bytes CardSlot::call(const Command& command) {
     case Command::Kind::kTransmit:
       break;
   }
-  return backend_.transmit(command.apdu);
+  return backend_.transmit(command.apdu.get());
 }
 
 void CardSlot::ready() { backend_.ready(); }

@@ -9,6 +9,7 @@
 
 #include "agent/card/nss_database.h"
 #include "contract/bytes.h"
+#include "platform/process/wipe.h"
 
 namespace zelta::agent {
 
@@ -138,7 +139,7 @@ Bytes EmulatedCard::transmit(const Bytes& command) {
   const platform::MutexLock lock(card_);
   // A card that was put in anew has no power yet, and would still know its PIN as given.
   if (poweredIn_ != insertions_ && powerOn().empty()) return {};
-  Bytes sent = command;
+  platform::SecretBytes sent(command);
   Bytes response(kLongestResponse);
   int length = kLongestResponse;
   const VReaderStatus status =

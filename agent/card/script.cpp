@@ -1,5 +1,6 @@
 #include "agent/card/script.h"
 
+#include <algorithm>
 #include <numeric>
 #include <set>
 #include <sstream>
@@ -79,9 +80,11 @@ Bytes takeBytes(Line& line, const std::string& what) {
   return *bytes;
 }
 
-Bytes withSuccess(Bytes response) {
-  response.push_back(kSuccess1);
-  response.push_back(0x00);
+// Made at its full length: growing would leave a copy of an echoed command behind.
+Bytes withSuccess(const Bytes& data) {
+  Bytes response(data.size() + 2);
+  std::copy(data.begin(), data.end(), response.begin());
+  response[data.size()] = kSuccess1;
   return response;
 }
 
@@ -96,7 +99,7 @@ ScriptResponse takeResponse(Line& line) {
     if (length > kLongestFill) line.fail("more than 65536 bytes");
     Bytes bytes(length);
     std::iota(bytes.begin(), bytes.end(), std::uint8_t{0});
-    response.bytes = withSuccess(std::move(bytes));
+    response.bytes = withSuccess(bytes);
   } else {
     response.bytes = takeBytes(line, "a response");
   }

@@ -5,7 +5,7 @@
 
 #include "agent/link/pipe_client_port.h"
 #include "agent/link/report_rule.h"
-#include "contract/bytes.h"
+#include "platform/process/wipe.h"
 
 namespace zelta::agent {
 
@@ -13,7 +13,7 @@ struct Command {
   enum class Kind { kAtrWithReset, kAtr, kTransmit };
 
   Kind kind = Kind::kAtr;
-  Bytes apdu;  // of kTransmit
+  platform::SecretBytes apdu;  // of kTransmit
   // When something else is answered if the card is not done, and when the driver gives up.
   SteadyClock::time_point cardLimit;
   SteadyClock::time_point driverLimit;
@@ -27,7 +27,7 @@ struct Outcome {
   };
 
   Result result = Result::kNoAnswer;
-  Bytes data{};
+  platform::SecretBytes data{};
   CardId card = kNoCard;  // the one that answered
 };
 

@@ -105,10 +105,10 @@ std::optional<Command> DriverConnection::read() {
     }
     command.kind = query->kind;
     if (query->kind != Command::Kind::kTransmit) return command;
-    std::optional<Bytes> apdu = readApdu(command.cardLimit);
+    std::optional<platform::SecretBytes> apdu = readApdu(command.cardLimit);
     if (!apdu) return std::nullopt;
     command.apdu = std::move(*apdu);
-    if (!command.apdu.empty()) return command;
+    if (command.apdu.size() > 0) return command;
     if (!answerOtherwise(command, wrongLength())) return std::nullopt;
   }
   return std::nullopt;
@@ -132,7 +132,7 @@ void DriverConnection::passReady() {
   reporter_.endAnswer();
 }
 
-std::optional<Bytes> DriverConnection::readApdu(SteadyClock::time_point deadline) {
+std::optional<platform::SecretBytes> DriverConnection::readApdu(SteadyClock::time_point deadline) {
   const std::optional<std::uint32_t> length = readNumber(deadline);
   if (!length) return std::nullopt;
   if (*length > kMaximumApduLength) {
@@ -140,7 +140,7 @@ std::optional<Bytes> DriverConnection::readApdu(SteadyClock::time_point deadline
                " bytes; dropping the connection");
     return std::nullopt;
   }
-  Bytes apdu(*length);
+  platform::SecretBytes apdu{Bytes(*length)};
   if (*length != 0 && !readField(apdu.data(), *length, deadline)) return std::nullopt;
   return apdu;
 }
@@ -168,7 +168,7 @@ std::string DriverConnection::describe(const Command& command) const {
   const Query* const query =
       findQuery([&command](const Query& known) { return known.kind == command.kind; });
   const bool showsApdu = command.kind == Command::Kind::kTransmit && log_.wants(Severity::kDebug);
-  return query->name + (showsApdu ? describeApdu(command.apdu) : std::string());
+  return query->name + (showsApdu ? describeApdu(command.apdu.get()) : std::string());
 }
 
 bool DriverConnection::answer(const Command& command, const Outcome& outcome) {
@@ -181,11 +181,12 @@ bool DriverConnection::answer(const Command& command, const Outcome& outcome) {
     if (log_.wants(Severity::kDebug)) {
       log_.debug(describe(command) + ": " + std::to_string(outcome.data.size()) + " bytes");
     }
-    return answerOtherwise(command, outcome.data);
+    return answerOtherwise(command, outcome.data.get());
   }
   if (answered && reporter_.beginAnswer(outcome.card)) {
-    if (log_.wants(Severity::kDebug)) log_.debug(describe(command) + ": " + toHex(outcome.data));
-    return write(command, outcome.data);
+    if (log_.wants(Severity::kDebug))
+      log_.debug(describe(command) + ": " + toHex(outcome.data.get()));
+    return write(command, outcome.data.get());
   }
   log_.debug(describe(command) + ": no card");
   reporter_.waitWritten(command.cardLimit);

@@ -60,7 +60,7 @@ class DriverConnection final : private CommandStream {
 
   // Each is none or false if the connection is to end.
   std::optional<std::uint32_t> readNumber(SteadyClock::time_point deadline);
-  std::optional<Bytes> readApdu(SteadyClock::time_point deadline);
+  std::optional<platform::SecretBytes> readApdu(SteadyClock::time_point deadline);
   // A command's code; `command` gets its time limits.
   std::optional<std::uint32_t> beginCommand(Command& command);
   void passReady();

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "contract/bytes.h"
+#include "platform/process/wipe.h"
 
 namespace zelta::agent {
 
@@ -158,7 +159,9 @@ IoResult NamedPipeConnection::answer(const Bytes& bytes, SteadyClock::time_point
       GetLastError() != ERROR_IO_PENDING) {
     return IoResult::kClosed;
   }
-  return finishAnswer(&operation, deadline);
+  const IoResult result = finishAnswer(&operation, deadline);
+  platform::wipe(answer_.data(), answer_.size());
+  return result;
 }
 
 IoResult NamedPipeConnection::finishAnswer(OVERLAPPED* operation,

@@ -26,7 +26,8 @@ std::string narrowText(std::wstring_view text) {
   for (const wchar_t wide : text) {
     // A wide character is a UTF-16 unit on some systems and a whole character on others.
     // No char, whatever clang-tidy takes it for.
-    const auto character = static_cast<std::uint32_t>(wide);  // NOLINT(bugprone-signed-char-misuse)
+    // NOLINTNEXTLINE(bugprone-signed-char-misuse, cert-str34-c)
+    const auto character = static_cast<std::uint32_t>(wide);
     if (character <= kLastSingleUnit) {
       units += static_cast<char16_t>(character);
     } else if (character <= kLastCharacter) {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <new>
+#include <type_traits>
 #include <utility>
 
 namespace zelta::platform {
@@ -14,12 +15,13 @@ template <typename T>
 class NeverDestroyed {
  public:
   template <typename... Arguments>
-  explicit NeverDestroyed(Arguments&&... arguments)
+  explicit NeverDestroyed(Arguments&&... arguments) noexcept(
+      std::is_nothrow_constructible_v<T, Arguments...>)
       : object_(::new (static_cast<void*>(storage_)) T(std::forward<Arguments>(arguments)...)) {}
   NeverDestroyed(const NeverDestroyed&) = delete;
   NeverDestroyed& operator=(const NeverDestroyed&) = delete;
 
-  T& get() { return *object_; }
+  T& get() noexcept { return *object_; }
 
  private:
   alignas(T) unsigned char storage_[sizeof(T)];

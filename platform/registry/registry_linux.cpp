@@ -233,7 +233,7 @@ std::string registryFilePath() {
 
 RegistryApi& systemRegistry() {
   static NeverDestroyed<FileRegistry> registry(registryFilePath, [](const std::string& problem) {
-    std::fprintf(stderr, "zelta: %s\n", problem.c_str());
+    (void)std::fprintf(stderr, "zelta: %s\n", problem.c_str());
   });
   return registry.get();
 }

@@ -48,10 +48,8 @@ class HandlerLibrary {
   void* const library_ = dlopen(ZELTA_HANDLER, RTLD_LAZY);
 
  public:
-// NOLINTBEGIN(bugprone-macro-parentheses): a name that is declared
 #define ZELTA_HANDLER_FUNCTION(name, symbol) \
-  const decltype(&(symbol)) name = find<decltype(&(symbol))>(#symbol)
-  // NOLINTEND(bugprone-macro-parentheses)
+  const decltype(&(symbol)) name = find<decltype(&(symbol))>(#symbol)  // NOLINT: declares it
   ZELTA_HANDLER_FUNCTION(createByName, IFDHCreateChannelByName);
   ZELTA_HANDLER_FUNCTION(create, IFDHCreateChannel);
   ZELTA_HANDLER_FUNCTION(close, IFDHCloseChannel);

@@ -147,8 +147,8 @@ int show(const Options& options) {
     return EXIT_FAILURE;
   }
   Printer printer(options.filter, look(options), [](std::string_view line) {
-    std::fwrite(line.data(), 1, line.size(), stdout);
-    std::fputc('\n', stdout);
+    (void)std::fwrite(line.data(), 1, line.size(), stdout);
+    (void)std::fputc('\n', stdout);
   });
   LogReader reader(options.folder, options.all || !options.filter.since.empty());
   const auto print = [&printer](std::string_view line) { printer.print(line); };

@@ -74,8 +74,9 @@ std::string timeText(std::int64_t seconds) {
   std::tm calendar{};
   if (gmtime_r(&time, &calendar) == nullptr) return {};
   std::array<char, 32> text{};
-  std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &calendar);
-  return text.data();
+  const std::size_t length =
+      std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &calendar);
+  return std::string(text.data(), length);
 }
 
 // The session's id and category before the level's tag, which begins at `open`, and the columns

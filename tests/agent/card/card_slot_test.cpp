@@ -15,7 +15,7 @@ namespace {
 Command commandOf(Command::Kind kind) {
   Command command;
   command.kind = kind;
-  command.apdu = {0x00};
+  command.apdu = Bytes{0x00};
   return command;
 }
 
@@ -35,7 +35,7 @@ class Slot : public testing::Test {
 TEST_F(Slot, Answer_NamesTheCardThatGaveIt) {
   const Outcome outcome = slot_.perform(commandOf(Command::Kind::kTransmit), slot_.card());
   EXPECT_EQ(outcome.result, Outcome::Result::kAnswered);
-  EXPECT_EQ(outcome.data, test::heldAnswer(1));
+  EXPECT_EQ(outcome.data.get(), test::heldAnswer(1));
   EXPECT_EQ(outcome.card, slot_.card());
 }
 
@@ -50,7 +50,8 @@ TEST_F(Slot, AnswerOfACardThatWasSwapped_IsNone) {
 
 TEST_F(Slot, Status_HasTheAtrOfTheCardThatIsIn) {
   EXPECT_EQ(slot_.status().atr, Bytes());
-  EXPECT_EQ(slot_.perform(commandOf(Command::Kind::kAtr), slot_.card()).data, test::heldAtr());
+  EXPECT_EQ(slot_.perform(commandOf(Command::Kind::kAtr), slot_.card()).data.get(),
+            test::heldAtr());
   EXPECT_EQ(slot_.status().atr, test::heldAtr());
   const CardId first = slot_.status().card;
   EXPECT_EQ(slot_.remove(), "");

@@ -28,7 +28,7 @@ class Commands final : public CommandStream {
   void give(milliseconds limit = test::kLong) {
     Command command;
     command.kind = Kind::kTransmit;
-    command.apdu = {0x00};
+    command.apdu = Bytes{0x00};
     command.cardLimit = SteadyClock::now() + limit;
     MutexLock lock(mutex_);
     given_.push_back(command);
@@ -139,7 +139,7 @@ TEST_F(Threads, CommandInTime_IsAnsweredByTheThreadThatReadIt) {
     commands_.give();
     const Outcome outcome = commands_.answer(number);
     EXPECT_EQ(outcome.result, Result::kAnswered);
-    EXPECT_EQ(outcome.data, heldAnswer(number));
+    EXPECT_EQ(outcome.data.get(), heldAnswer(number));
     EXPECT_EQ(outcome.card, slot_.card());
     EXPECT_TRUE(commands_.isAnsweredByReader());
   }
@@ -150,7 +150,7 @@ TEST_F(Threads, CardThatIsLate_IsAnsweredForAndTheNextCommandGetsItsOwnResult) {
   const std::size_t late = giveAndHoldUntilLate();
   commands_.give();
   card_.letGo();
-  EXPECT_EQ(commands_.answer(late + 1).data, heldAnswer(2));
+  EXPECT_EQ(commands_.answer(late + 1).data.get(), heldAnswer(2));
   EXPECT_EQ(commands_.answers(), late + 1);
 }
 
@@ -159,7 +159,7 @@ TEST_F(Threads, LateCardAgainAndAgain_IsAnsweredForByEachThreadInTurn) {
     const std::size_t late = giveAndHoldUntilLate();
     card_.letGo();
     commands_.give();
-    EXPECT_EQ(commands_.answer(late + 1).data,
+    EXPECT_EQ(commands_.answer(late + 1).data.get(),
               heldAnswer(static_cast<std::uint8_t>(2 * round + 2)));
   }
 }
@@ -171,14 +171,14 @@ TEST_F(Threads, CommandThatOnlyWaitedForTheCard_NeverReachesIt) {
   EXPECT_EQ(commands_.answer(late + 2).result, Result::kLate);
   card_.letGo();
   commands_.give();
-  EXPECT_EQ(commands_.answer(late + 3).data, heldAnswer(2));
+  EXPECT_EQ(commands_.answer(late + 3).data.get(), heldAnswer(2));
 }
 
 TEST_F(Threads, CommandWhoseTimeIsOver_NeverReachesTheCard) {
   commands_.give(milliseconds(0));
   EXPECT_EQ(commands_.answer(1).result, Result::kLate);
   commands_.give();
-  EXPECT_EQ(commands_.answer(2).data, heldAnswer(1));
+  EXPECT_EQ(commands_.answer(2).data.get(), heldAnswer(1));
 }
 
 TEST_F(Threads, RemovalDuringACallThatDoesNotReturn_IsAnsweredWithoutACard) {
@@ -201,7 +201,7 @@ TEST_F(Threads, SwapDuringACall_IsAnsweredWithoutACardAndTheNewOneServed) {
   EXPECT_EQ(commands_.answer(1).result, Result::kNoAnswer);
   card_.letGo();
   commands_.give();
-  EXPECT_EQ(commands_.answer(2).data, heldAnswer(2));
+  EXPECT_EQ(commands_.answer(2).data.get(), heldAnswer(2));
 }
 
 TEST_F(Threads, AbandonDuringACall_EndsServingAtOnceAndTheNextStreamIsServed) {
@@ -214,7 +214,7 @@ TEST_F(Threads, AbandonDuringACall_EndsServingAtOnceAndTheNextStreamIsServed) {
   EXPECT_EQ(next.answer(1).result, Result::kLate);  // the card is at the old one's command
   card_.letGo();
   next.give();
-  EXPECT_EQ(next.answer(2).data, heldAnswer(2));
+  EXPECT_EQ(next.answer(2).data.get(), heldAnswer(2));
   EXPECT_EQ(commands_.answers(), 0u);
   next.end();
   serving_.wait();

@@ -18,6 +18,7 @@ CONFFILES = (ENTRY, "/etc/zelta/agent0.conf", "/etc/zelta/registry.reg")
 CARD = "/var/lib/zelta/card"
 LOGS = "/var/log/Vornhalt/ZeltaAgent/logs"
 AGENT = "zelta-agent@0.service"
+AGENT_UNIT = "lib/systemd/system/zelta-agent@.service"
 ACCOUNTS = ("/etc/passwd", "/etc/group", "/etc/shadow", "/etc/gshadow")
 # What the package manager and its triggers keep for themselves, and systemd of its services.
 OF_THE_SYSTEM = re.compile(r"/var/(lib/(dpkg|systemd)|cache|log/((dpkg|alternatives)\.log|journal))(/|$)"
@@ -58,6 +59,7 @@ class DebianPackage(unittest.TestCase):
             "etc/reader.conf.d/zelta",
             "etc/zelta/agent0.conf",
             "etc/zelta/registry.reg",
+            "lib/systemd/system/pcscd.service.d/zelta.conf",
             "lib/systemd/system/zelta-agent@.service",
             "lib/systemd/system/zelta-logs-prune.service",
             "lib/systemd/system/zelta-logs-prune.timer",
@@ -99,6 +101,16 @@ class DebianPackage(unittest.TestCase):
         conffiles = run("dpkg-deb", "--info", package(), "conffiles").stdout.split()
         self.assertEqual(set(conffiles), set(CONFFILES))
 
+    def test_agent_service_is_confined(self):
+        with tempfile.TemporaryDirectory() as folder:
+            run("dpkg-deb", "--extract", package(), folder)
+            unit = pathlib.Path(folder, "zelta-agent@0.service")
+            unit.write_bytes(pathlib.Path(folder, AGENT_UNIT).read_bytes())
+            # In tenths; ends with an error if the exposure is higher.
+            review = run("systemd-analyze", "security", "--offline=true", "--no-pager",
+                         "--threshold=25", unit).stdout
+        self.assertIn("Overall exposure level for zelta-agent@0.service", review)
+
     def test_lintian_finds_neither_errors_nor_warnings(self):
         # It leaves a file among the temporary ones.
         folder = self.enterContext(tempfile.TemporaryDirectory())
@@ -134,9 +146,9 @@ class DebianInstallation(unittest.TestCase):
         while self.processes:
             self.processes.pop().end()
 
-    def start_pcscd(self):
+    def start_pcscd(self, *as_user):
         self.system.path("/run/pcscd").mkdir(exist_ok=True)
-        pcscd = self.start("pcscd", "--foreground", "--info")
+        pcscd = self.start(*as_user, "pcscd", "--foreground", "--info")
         wait_until(lambda: self.system.path("/run/pcscd/pcscd.comm").exists(), "pcscd's socket")
         return pcscd
 
@@ -165,6 +177,34 @@ class DebianInstallation(unittest.TestCase):
         log = self.system.run("zelta-logs", "--no-follow", "--all").stdout
         self.assertIn("Command named pipe connected", log)
 
+    def test_pcscd_of_another_user_serves_the_card_and_writes_the_log(self):
+        self.system.run("useradd", "--system", "--no-create-home", "some-pcscd")
+        self.system.path("/run/pcscd").mkdir()
+        self.system.run("chown", "some-pcscd", "/run/pcscd")
+        # As the package's drop-in has systemd start it.
+        self.start_pcscd("setpriv", "--reuid=some-pcscd", "--regid=some-pcscd", "--groups=zelta",
+                         "--no-new-privs")
+        self.start_agent()
+        folder = "/run/zelta/pipe/ProtectedPrefix/LocalService/"
+        owners = self.system.run("stat", "--format=%U:%G %a", folder + "zelta_smartcard_command0",
+                                 folder + "zelta_smartcard_event0").stdout.split("\n")
+        self.assertEqual(owners, ["some-pcscd:zelta 660"] * 2 + [""])
+        logs = self.system.run("find", LOGS, "-type", "f", "-printf", "%u:%g\n").stdout.split()
+        self.assertEqual(set(logs), {"some-pcscd:zelta"})
+        log = self.system.run("zelta-logs", "--no-follow", "--all").stdout
+        self.assertIn("Command named pipe connected", log)
+
+    def test_group_adm_alone_reads_logs_and_group_zelta_writes_them(self):
+        def can(user, group, *command):
+            return self.system.run("setpriv", f"--reuid={user}", f"--regid={group}",
+                                   "--clear-groups", *command, check=False).returncode == 0
+
+        log = LOGS + "/zelta_vsc_2024_03_05T14_07_09_042Z.txt"
+        self.assertTrue(can("games", "zelta", "touch", log))
+        self.assertTrue(can("nobody", "adm", "cat", log))
+        self.assertFalse(can("nobody", "adm", "touch", log))
+        self.assertFalse(can("nobody", "nogroup", "cat", log))
+
     def test_first_log_has_no_error_about_the_registry(self):
         self.start_pcscd()
         self.readers()
@@ -172,7 +212,8 @@ class DebianInstallation(unittest.TestCase):
         for log in self.system.path(LOGS).iterdir():
             self.assertNotIn("registry", log.read_text())
             self.assertEqual(log.stat().st_mode & 0o7777, 0o640)
-            self.assertEqual(log.group(), "adm")
+        groups = self.system.run("find", LOGS, "-type", "f", "-printf", "%g\n").stdout.split()
+        self.assertEqual(set(groups), {"zelta"})
 
     def test_entry_that_was_lost_comes_back_as_the_docs_say(self):
         entry = self.system.path(ENTRY).read_text()
@@ -257,6 +298,50 @@ class DebianService(unittest.TestCase):
         self.assertFalse(old.exists())
         self.assertTrue(new.exists())
 
+    def sign(self):
+        self.system.path("/root/message").write_bytes(os.urandom(100))
+        self.system.run("pkcs11-tool", "--module", stack.pkcs11_module(), "--login", "--pin", PIN,
+                        "--sign", "--id", "0001", "--mechanism", "SHA256-RSA-PKCS",
+                        "--input-file", "/root/message", "--output-file", "/root/signature")
+        return self.system.path("/root/signature").stat().st_size
+
+    def test_confined_agent_signs(self):
+        self.wait_for_card()
+        self.assertEqual(self.sign(), 256)
+        control = self.system.run("stat", "--format=%U:%G %a", "/run/zelta-agent0/control").stdout
+        self.assertEqual(control, "zelta-agent:zelta 660\n")
+        state = self.process_file(AGENT, "status")
+        for line in ("CapPrm:\t0000000000000000", "CapBnd:\t0000000000000000", "NoNewPrivs:\t1",
+                     "Seccomp:\t2", "Umask:\t0077"):
+            self.assertIn(line + "\n", state)
+
+    def test_confined_agent_reaches_the_card_of_a_real_reader(self):
+        self.system.path("/etc/zelta/agent0.conf").write_text(
+            "ZELTA_AGENT_OPTIONS=\"--backend pcsc --pcsc-reader 'Not there'\"\n")
+        # It does not start without an answer of pcscd.
+        self.system.run("systemctl", "restart", AGENT)
+        self.assertTrue(self.system.is_active(AGENT))
+
+    def test_neither_service_dumps_core_and_pcscd_has_the_group(self):
+        self.wait_for_card()
+        for service in (AGENT, "pcscd.service"):
+            self.assertRegex(self.process_file(service, "limits"), r"Max core file size +0 +0 ")
+        groups = re.search("Groups:(.*)", self.process_file("pcscd.service", "status")).group(1)
+        zelta = self.system.run("getent", "group", "zelta").stdout.split(":")[2]
+        self.assertIn(zelta, groups.split())
+
+    def test_killed_agent_is_started_again_without_end(self):
+        show = self.system.run("systemctl", "show", "--property",
+                               "RestartUSec,StartLimitIntervalUSec", AGENT).stdout
+        self.assertEqual(set(show.split()), {"RestartUSec=2s", "StartLimitIntervalUSec=0"})
+        before = self.system.main_pid(AGENT)
+        self.system.run("systemctl", "kill", "--signal=KILL", AGENT)
+        wait_until(lambda: self.system.main_pid(AGENT) not in (0, before), "the next agent")
+        self.wait_for_card()
+
+    def process_file(self, service, name):
+        return self.system.run("cat", f"/proc/{self.system.main_pid(service)}/{name}").stdout
+
     def test_upgrade_restarts_the_agent_and_keeps_edits(self):
         self.edit_conffiles()
         before = self.system.main_pid(AGENT)
@@ -314,6 +399,10 @@ class DebianService(unittest.TestCase):
         left = [path for path in self.system.new_paths()
                 if "zelta" in path.lower() or "vornhalt" in path.lower()]
         self.assertEqual(left, ["/zelta.deb"])
+        # With a drop-in that names a group which has gone, pcscd would not start.
+        show = self.system.run("systemctl", "show", "--property", "SupplementaryGroups", "--value",
+                               "pcscd.service").stdout
+        self.assertEqual(show.strip(), "")
 
 
 if __name__ == "__main__":

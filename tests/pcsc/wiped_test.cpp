@@ -1,0 +1,61 @@
+// A command on its way through handler, host and driver, and its response on the way back: nothing
+// of them is left in memory that was given back. The agent works on threads of its own.
+#include <algorithm>
+#include <array>
+
+#include "tests/pcsc/handler_fixture.h"
+#include "tests/support/freed_memory.h"
+
+namespace zelta::test {
+namespace {
+
+constexpr std::size_t kVerifyHeader = 5;
+
+class Wiped : public HandlerFixture {
+ protected:
+  void SetUp() override {
+    openWithCard();
+    Bytes atr;
+    ASSERT_EQ(power(IFD_POWER_UP, &atr), IFD_SUCCESS);
+  }
+  // With buffers that are never given back.
+  RESPONSECODE verify() {
+    static std::array<UCHAR, kVerifyHeader + kSecret.size()> command{0x00, 0x20, 0x00, 0x80,
+                                                                     kSecret.size()};
+    std::copy(kSecret.begin(), kSecret.end(), command.begin() + kVerifyHeader);
+    length_ = capacity_;
+    return handler_->transmit(kLun, {1, sizeof(SCARD_IO_HEADER)}, command.data(), command.size(),
+                              answer_.data(), &length_, nullptr);
+  }
+
+  DWORD capacity_ = 258;
+  DWORD length_ = 0;
+  std::array<UCHAR, 258> answer_{};
+};
+
+TEST_F(Wiped, AnsweredCommand) {
+  const FreedMemoryWatch watch(FreedMemoryWatch::Threads::kOwn);
+  EXPECT_EQ(verify(), IFD_SUCCESS);
+  EXPECT_EQ(length_, kVerifyHeader + kSecret.size() + 2);  // the command and 90 00
+  EXPECT_EQ(watch.found(), 0);
+  EXPECT_GT(watch.freed(), 0);
+}
+
+TEST_F(Wiped, CommandWhoseResponseIsTooLong) {
+  capacity_ = 4;
+  const FreedMemoryWatch watch(FreedMemoryWatch::Threads::kOwn);
+  EXPECT_EQ(verify(), IFD_ERROR_INSUFFICIENT_BUFFER);
+  EXPECT_EQ(watch.found(), 0);
+  EXPECT_GT(watch.freed(), 0);
+}
+
+TEST_F(Wiped, CommandThatTheAgentDoesNotAnswer) {
+  agent_.respond([](const Bytes&) { return Bytes(); });
+  const FreedMemoryWatch watch(FreedMemoryWatch::Threads::kOwn);
+  EXPECT_NE(verify(), IFD_SUCCESS);
+  EXPECT_EQ(watch.found(), 0);
+  EXPECT_GT(watch.freed(), 0);
+}
+
+}  // namespace
+}  // namespace zelta::test

@@ -1,0 +1,31 @@
+// Looks for a secret in the memory that operator delete gives back.
+//
+// The program that links this has an operator new and delete of its own.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+namespace zelta::test {
+
+// No bytes that come about by chance.
+inline constexpr std::array<std::uint8_t, 12> kSecret = {0x9E, 0x37, 0x79, 0xB9, 0x7F, 0x4A,
+                                                         0x7C, 0x15, 0xF3, 0x9C, 0xC0, 0x60};
+
+// One at a time; made by the thread that `kOwn` is about.
+class FreedMemoryWatch {
+ public:
+  enum class Threads { kOwn, kOthers };
+
+  explicit FreedMemoryWatch(Threads threads);
+  ~FreedMemoryWatch();
+  FreedMemoryWatch(const FreedMemoryWatch&) = delete;
+  FreedMemoryWatch& operator=(const FreedMemoryWatch&) = delete;
+
+  // How many blocks those threads have given back with the secret in them, and at all.
+  int found() const;
+  int freed() const;
+};
+
+}  // namespace zelta::test
