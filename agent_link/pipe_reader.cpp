@@ -70,7 +70,6 @@ void PipeReader::cardRemoved() {
 
 void PipeReader::agentLost() {
   const TracedLock lock("PipeReader::handleEventPipeError", waiting().deviceLock(), __LINE__);
-  waiting().note(CardEvent::kRemoved);
   setState(SCARD_ABSENT);
   setCardReady(0);
   if (waiting().any(CardEvent::kRemoved)) {
@@ -80,6 +79,8 @@ void PipeReader::agentLost() {
     unmarkAndCompleteInsertIrps(status::kCancelled, SCARD_ABSENT);
   }
   pipes_.disconnect();
+  // Not before: until then the agent may still answer that its card is in.
+  waiting().note(CardEvent::kRemoved);
 }
 
 // The two differ on purpose in when the state is set: after an insertion's requests, before a

@@ -10,8 +10,11 @@ BUILD_PACKAGES=(
 RUN_PACKAGES=(
   pcscd opensc opensc-pkcs11 pcsc-tools libnss3-tools openssl openssh-client util-linux
 )
+MODEL_PACKAGES=(
+  spin gcc libc6-dev
+)
 TEST_PACKAGES=(
-  debhelper lintian python3-pyscard shellcheck libbenchmark-dev procps
+  debhelper lintian python3-pyscard shellcheck libbenchmark-dev procps "${MODEL_PACKAGES[@]}"
   # Programs whose way to the card is tested.
   curl firefox-esr gnupg-pkcs11-scd gnutls-bin gpg gpg-agent gpgsm libengine-pkcs11-openssl
   openssh-server scdaemon

@@ -2,7 +2,9 @@
 // lost, or the reader is shut down. On the system's pipes.
 #include "agent_link/pipe_reader.h"
 
+#include <functional>
 #include <future>
+#include <utility>
 
 #include "contract/io_controls.h"
 #include "contract/reader_states.h"
@@ -207,6 +209,42 @@ TEST_F(CardEvents, LossOfTheAgent_FulfilsRemovals) {
   EXPECT_EQ(request.status(), kSucceeded);
   EXPECT_EQ(reader().state(), SCARD_ABSENT);
   EXPECT_EQ(CardReady::of(reader()), 0u);
+}
+
+// Does something while the reader drops a client for the first time: the event pipe's, before the
+// command pipe's.
+class DroppingPipes final : public ForwardingPipes {
+ public:
+  DroppingPipes() : ForwardingPipes(*platform::ports().pipes) {}
+
+  bool disconnect(platform::PipeHandleValue pipe) override {
+    if (const auto act = std::exchange(meanwhile, nullptr)) act();
+    return ForwardingPipes::disconnect(pipe);
+  }
+
+  std::function<void()> meanwhile;
+};
+
+class LossOfTheEventPipe : public CardEvents {
+ protected:
+  ~LossOfTheEventPipe() override { stop(); }
+
+  DroppingPipes pipes_;
+  const ScopedPipes inPlace_{pipes_};
+};
+
+// The agent still answers on the command pipe.
+TEST_F(LossOfTheEventPipe, BetweenCheckAndWait_FulfilsTheRemoval) {
+  connectWithCard();
+  FakeRequest& request = makeRequest();
+  std::future<void> handler;
+  pipes_.meanwhile = [&] {
+    handler = std::async(std::launch::async, [&] { reader().IoSmartCardIsAbsent(&request, 0, 0); });
+    EXPECT_TRUE(log_.waitFor("[CheckATR]ATR:3B00"));
+  };
+  agent_.events().close();
+  EXPECT_TRUE(request.waitCompleted()) << "waits for the removal of a card that nobody has";
+  EXPECT_EQ(request.status(), kSucceeded);
 }
 
 TEST_F(CardEvents, Shutdown_CancelsRemovalsThenInsertionsNewestFirst) {

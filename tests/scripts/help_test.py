@@ -11,7 +11,7 @@ ZELTA = SOURCE / "zelta"
 COMMANDS = [
     [ZELTA],
     *([ZELTA, word] for word in ("up", "down", "status", "card", "logs", "test", "check", "mutate",
-                                 "package", "soak", "bench")),
+                                 "models", "package", "soak", "bench")),
     [SOURCE / "scripts" / "fuzz.sh"],
     [SOURCE / "scripts" / "lint.sh"],
     [SOURCE / "scripts" / "make-demo-db.sh"],

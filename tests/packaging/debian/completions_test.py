@@ -15,8 +15,8 @@ AGENT = str(BUILD / "bin" / "zelta-agent")
 LOGS = str(BUILD / "bin" / "zelta-logs")
 ZELTA = str(SOURCE / "zelta")
 INSTALLED = str(SOURCE / "packaging" / "zelta")
-CHECKOUT_COMMANDS = {"up", "down", "status", "card", "logs", "test", "check", "mutate", "package",
-                     "soak", "bench"}
+CHECKOUT_COMMANDS = {"up", "down", "status", "card", "logs", "test", "check", "mutate", "models",
+                     "package", "soak", "bench"}
 
 
 def help_of(*command):
