@@ -109,6 +109,9 @@ prepare_run_dir() {
   stage "Making the demo card"
   echo $$ >&"$lock"
   mkdir -p "$LOGS" "$ZELTA_RUN_DIR/reader.conf.d"
+  # A log is readable for its owner and its group: for whoever called sudo.
+  chgrp "${SUDO_GID:-0}" "$LOGS"
+  chmod 2750 "$LOGS"
   # pcscd takes few characters in a path; the checkout's may have others.
   ln -s "$ZELTA_BUILD_DIR/lib" "$ZELTA_RUN_DIR/lib"
   printf '%s' "$PIN" >"$ZELTA_RUN_DIR/pin"

@@ -136,7 +136,7 @@ class DocumentedCommands(unittest.TestCase):
         for page in docs_commands.pages():
             if page.name != "windows.md":
                 self.assertLessEqual(docs_commands.languages(page),
-                                     {"", "sh", "console", "mermaid"}, page)
+                                     {"", "sh", "console", "ini", "mermaid"}, page)
 
     def test_messages_that_troubleshooting_quotes_exist(self):
         page = docs_commands.without_blocks(SOURCE / "docs" / "troubleshooting.md")

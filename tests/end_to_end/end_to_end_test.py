@@ -8,6 +8,7 @@ import subprocess
 import tempfile
 import threading
 import unittest
+import unittest.mock
 
 import stack
 from stack import PIN, StackTest, run
@@ -261,7 +262,8 @@ class ZeltaCommand(unittest.TestCase):
     def test_up_beside_an_installed_reader_is_found_by_users(self):
         os.mkdir("/run/zelta", 0o700)  # the installed driver's
         self.addCleanup(os.rmdir, "/run/zelta")
-        self.start()
+        with unittest.mock.patch.dict(os.environ, SUDO_GID="65534"):
+            self.start()
         user = ("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups")
         self.assertEqual(run(*user, "cat", self.run_dir / "pcscd.socket").stdout,
                          "/run/pcscd/pcscd.comm\n")
