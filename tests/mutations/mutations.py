@@ -28,7 +28,7 @@ MUTATIONS = (
              "explicit RequestReference(IoRequest& request) : request_(request) { request_.addRef(); }\n"
              "  ~RequestReference() { request_.release(); }",
              "explicit RequestReference(IoRequest& request) : request_(request) {}",
-             "driver_test"),
+             "agent_link_test", "CardEvents*"),
     Mutation("oldest-first", "waiting requests are completed newest first",
              "reader/pending_requests.h",
              "return requests_.empty() ? nullptr : requests_.back();",

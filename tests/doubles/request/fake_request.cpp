@@ -144,6 +144,7 @@ void FakeRequest::markCancelable(framework::IRequestCallbackCancel* callback) {
 framework::HRESULT FakeRequest::unmarkCancelable() {
   const std::lock_guard<std::mutex> lock(mutex_);
   touch("unmarkCancelable");
+  EXPECT_GT(references_, 0) << "unmarked by somebody who holds no reference";
   if (!marked_) return status::kCancelled;
   marked_ = false;
   return framework::kOk;
