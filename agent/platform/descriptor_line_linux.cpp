@@ -21,8 +21,8 @@ namespace {
 
 using platform::ScopedFd;
 
-constexpr std::size_t kReadSize = 65536;           // bytes at once
-constexpr std::size_t kMostUnsent = 4UL << 20U;    // bytes; an end that reads never leaves so many
+constexpr std::size_t kReadSize = 65536;         // bytes at once
+constexpr std::size_t kMostUnsent = 4UL << 20U;  // bytes; an end that reads never leaves so many
 constexpr short kGone = POLLERR | POLLHUP | POLLNVAL;
 
 void makeNonBlocking(int fd) {

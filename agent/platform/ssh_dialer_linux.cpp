@@ -31,18 +31,21 @@ constexpr std::chrono::milliseconds kEndTime{1000};
 constexpr std::chrono::milliseconds kTerminateTime{500};
 constexpr int kEndedBySignal = 128;  // and the signal's number, as a shell has it
 
-// Attributes of a child that begins as a program of its user's would: no signal is blocked or
-// ignored. And `line` is its standard input and output.
+// How a child begins: with `line` as its standard input and output, and with signals as a program
+// of its user's has them. Except that Ctrl-C is for its parent alone, which ends it in good order.
 class SpawnSetup {
  public:
   explicit SpawnSetup(int line) {
     posix_spawnattr_init(&attributes_);
     posix_spawn_file_actions_init(&actions_);
-    sigset_t signals;
-    sigemptyset(&signals);
-    posix_spawnattr_setsigmask(&attributes_, &signals);
-    sigaddset(&signals, SIGPIPE);
-    posix_spawnattr_setsigdefault(&attributes_, &signals);
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGINT);
+    posix_spawnattr_setsigmask(&attributes_, &blocked);
+    sigset_t restored;
+    sigemptyset(&restored);
+    sigaddset(&restored, SIGPIPE);
+    posix_spawnattr_setsigdefault(&attributes_, &restored);
     posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     posix_spawn_file_actions_adddup2(&actions_, line, STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions_, line, STDOUT_FILENO);
@@ -65,8 +68,7 @@ class SpawnSetup {
 // A child process, which is ended and reaped at the latest with this object.
 class Child {
  public:
-  explicit Child(pid_t id)
-      : id_(id), ended_(static_cast<int>(syscall(SYS_pidfd_open, id, 0))) {}
+  explicit Child(pid_t id) : id_(id), ended_(static_cast<int>(syscall(SYS_pidfd_open, id, 0))) {}
   ~Child() { end(); }
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;

@@ -177,8 +177,7 @@ std::string findRemoteConflict(const Options& options) {
   if (remote && options.cardIn) return "--card-inserted and --no-card are not for a remote card";
   if (!options.to) return {};
   if (remote) return "--to needs a card here; --backend remote is what it starts there";
-  if (options.reader != 0)
-    return "--to names the reader: ssh://host/" + std::to_string(options.reader);
+  if (options.reader != 0) return "--reader is not for --to, which names it: ssh://host/INDEX";
   if (!options.control.empty()) return "--control is not for --to";
   if (!options.sessionId.empty()) return "--session-id is not for --to";
   return {};
@@ -200,8 +199,8 @@ std::string findConflict(const Options& options) {
 // Which option this edition does not have; empty if none.
 std::string findUnavailable(const CLI::App& app, const Options& options, const Edition& edition) {
   if (!edition.scriptOnly) return {};
-  if (options.backend == BackendKind::kRemote)
-    return "--backend remote is not available on Windows";
+  const bool remote = options.backend == BackendKind::kRemote;
+  if (remote) return "--backend remote is not available on Windows";
   for (const char* option : kLinuxOptions) {
     if (app.count(option) != 0) return std::string(option) + " is not available on Windows";
   }

@@ -14,8 +14,8 @@ class DialedCall {
 
   virtual Line& line() = 0;
   // Hangs up and waits for the program that made the call, which is ended if it does not end within
-  // a moment. Its exit code: of the agent there, or of ssh itself. Nothing but the destructor may be
-  // called afterwards.
+  // a moment. Its exit code: of the agent there, or of ssh itself. Nothing but the destructor may
+  // be called afterwards.
   virtual int hangUp() = 0;
 };
 
@@ -36,8 +36,8 @@ inline constexpr int kSshFailed = 255;
 // terminal, where it may ask, and standard error with this program.
 std::unique_ptr<Dialer> makeSshDialer(std::vector<std::string> command);
 
-// A line on two descriptors, which may be the same; it closes them and makes them non-blocking. From
-// now on the process ignores SIGPIPE. Throws std::system_error for lack of handles.
+// A line on two descriptors, which may be the same; it closes them and makes them non-blocking.
+// From now on the process ignores SIGPIPE. Throws std::system_error for lack of handles.
 std::unique_ptr<Line> makeDescriptorLine(int input, int output);
 
 }  // namespace zelta::agent

@@ -1,8 +1,8 @@
 // One end of a line: frames both ways, the check of versions at the start, and keep-alive.
 //
-// Both ends ping each other from their hellos on. A line on which nothing has come for a while is dead: a broken network
-// shows in no other way. Only what is received counts as life, and only while somebody waits in
-// `next` or `greet`.
+// Both ends ping each other from their hellos on. A line on which nothing has come for a while is
+// dead: a broken network shows in no other way. Only what is received counts as life, and only
+// while somebody waits in `next` or `greet`.
 #pragma once
 
 #include <chrono>

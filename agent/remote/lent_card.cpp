@@ -86,9 +86,8 @@ std::optional<Command> LentCard::read() {
 }
 
 bool LentCard::answer(const Command& command, const Outcome& outcome) {
-  const std::string name = findRequest([&command](const Request& known) {
-                             return known.command == command.kind;
-                           })->name;
+  const std::string name =
+      findRequest([&command](const Request& known) { return known.command == command.kind; })->name;
   Bytes data;
   if (outcome.result == Outcome::Result::kLate) {
     log_.warning(name + ": the card is not done in time");
@@ -97,7 +96,8 @@ bool LentCard::answer(const Command& command, const Outcome& outcome) {
   } else {
     data = outcome.data;
   }
-  if (log_.wants(Severity::kDebug)) log_.debug(name + ": " + std::to_string(data.size()) + " bytes");
+  if (log_.wants(Severity::kDebug))
+    log_.debug(name + ": " + std::to_string(data.size()) + " bytes");
   channel_.send(FrameKind::kAnswer, number_, std::move(data));
   return true;
 }

@@ -26,8 +26,7 @@ class LentCard final : private CommandStream, private CardSlot::Observer {
     std::chrono::milliseconds answerLimit;
   };
   // What is known of the other end when it has said hello.
-  using OnGreeted =
-      std::function<void(const Hello& peer, std::chrono::microseconds roundTrip)>;
+  using OnGreeted = std::function<void(const Hello& peer, std::chrono::microseconds roundTrip)>;
 
   // Everything passed by reference outlives this object. `onGreeted` is called from `serve`.
   LentCard(Line& line, CardSlot& slot, CommandThreads& threads, const Settings& settings,
@@ -50,7 +49,6 @@ class LentCard final : private CommandStream, private CardSlot::Observer {
   void observing(CardId card) override;
   void cardArrived(CardId card) override;
   void cardDeparted() override;
-
 
   Line& line_;
   CardSlot& slot_;

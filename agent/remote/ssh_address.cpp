@@ -79,10 +79,10 @@ std::vector<std::string> sshCommand(const std::string& program, const SshAddress
                                     Severity level) {
   std::vector<std::string> command = {program, "-T"};
   if (!address.port.empty()) command.insert(command.end(), {"-p", address.port});
-  command.insert(command.end(), {"--", address.place(),
-                                 "zelta-agent --backend remote --reader " +
-                                     std::to_string(address.reader) + " --log-level " +
-                                     severityName(level)});
+  command.insert(command.end(),
+                 {"--", address.place(),
+                  "zelta-agent --backend remote --reader " + std::to_string(address.reader) +
+                      " --log-level " + severityName(level)});
   return command;
 }
 

@@ -3,6 +3,7 @@
 Both machines are this one. The user at the driver is no more than a member of the group zelta.
 """
 
+import os
 import pathlib
 import shutil
 import signal
@@ -74,7 +75,7 @@ class RemoteTest(StackTest):
             [AGENT, "--to", f"ssh://{user}@127.0.0.1:{self.sshd.port}/0",
              "--ssh", self.folder / "ssh", "--db", self.folder / "card",
              "--pin-file", self.folder / "pin", "--verbose", *options],
-            self.folder / "near.log", self.stack.environment)
+            self.folder / "near.log", self.stack.environment, start_new_session=True)
 
     def near_log(self):
         return self.near.log.read_text()
@@ -114,10 +115,12 @@ class Card(RemoteTest):
 
     def test_interrupt_ends_both_ends(self):
         self.start()
-        code, _ = self.near.end(signal.SIGINT)
-        self.assertEqual(code, 0)
+        # As from a terminal: everything that the agent has started gets it, too.
+        os.killpg(self.near.process.pid, signal.SIGINT)
+        self.assertEqual(self.near.process.wait(stack.LIMIT), 0)
         wait_until(lambda: not far_agents(), "the end of the agent at the driver")
         self.assertIn("info: Ending: interrupted", self.near_log())
+        self.assertNotIn("calling again", self.near_log())
         wait_until(lambda: run("opensc-tool", "--atr", check=False).returncode != 0, "no card")
 
     def test_user_outside_the_group_is_told_so(self):

@@ -143,7 +143,7 @@ INSTANTIATE_TEST_SUITE_P(
         Wrong{{"--to", "host"}, "'host' is not ssh://[user@]host[:port][/reader]"},
         Wrong{{"--ssh", "s"}, "--ssh requires --to"},
         Wrong{{"--to", "ssh://h", "--backend", "remote"}, "--to needs a card here"},
-        Wrong{{"--to", "ssh://h", "--reader", "2"}, "ssh://host/2"},
+        Wrong{{"--to", "ssh://h", "--reader", "2"}, "--reader is not for --to"},
         Wrong{{"--to", "ssh://h", "--control", "c"}, "--control is not for --to"},
         Wrong{{"--to", "ssh://h", "--session-id", "01234567-89ab-cdef-0123-456789abcdef"},
               "--session-id is not for --to"},

@@ -21,9 +21,8 @@ class Listener final : public CardListener {
 
   void waitFor(const std::vector<std::string>& expected) {
     platform::MutexLock lock(mutex_);
-    changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-      return events_.size() >= expected.size();
-    });
+    changed_.wait(
+        lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return events_.size() >= expected.size(); });
     EXPECT_EQ(events_, expected);
   }
   std::vector<std::string> events() {

@@ -34,12 +34,33 @@ TEST(SshAddress, PartsAreTakenAsFarAsGiven) {
 }
 
 TEST(SshAddress, OtherTexts_AreNone) {
-  for (const char* text :
-       {"", "host", "ssh:/host", "http://host", "ssh://", "ssh:///1", "ssh://@host", "ssh://me@",
-        "ssh://-oProxyCommand=x", "ssh://-l@host", "ssh://me@-host", "ssh://ho st", "ssh://ho;st",
-        "ssh://$(id)", "ssh://host:0", "ssh://host:65536", "ssh://host:", "ssh://host:22x",
-        "ssh://host/x", "ssh://host/-1", "ssh://host/4294967296", "ssh://host/1/2", "ssh://[::1",
-        "ssh://[::1]x", "ssh://[]", "ssh://::1", "ssh://me@you@host"}) {
+  for (const char* text : {"",
+                           "host",
+                           "ssh:/host",
+                           "http://host",
+                           "ssh://",
+                           "ssh:///1",
+                           "ssh://@host",
+                           "ssh://me@",
+                           "ssh://-oProxyCommand=x",
+                           "ssh://-l@host",
+                           "ssh://me@-host",
+                           "ssh://ho st",
+                           "ssh://ho;st",
+                           "ssh://$(id)",
+                           "ssh://host:0",
+                           "ssh://host:65536",
+                           "ssh://host:",
+                           "ssh://host:22x",
+                           "ssh://host/x",
+                           "ssh://host/-1",
+                           "ssh://host/4294967296",
+                           "ssh://host/1/2",
+                           "ssh://[::1",
+                           "ssh://[::1]x",
+                           "ssh://[]",
+                           "ssh://::1",
+                           "ssh://me@you@host"}) {
     EXPECT_FALSE(parseSshAddress(text)) << text;
   }
 }
