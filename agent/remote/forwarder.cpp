@@ -114,6 +114,18 @@ void Forwarder::stop() {
   changed_.notifyAll();
 }
 
+std::string Forwarder::insertCard() {
+  std::string problem = slot_.insert();
+  log_.info(problem.empty() ? "Card inserted" : "Card not inserted: " + problem);
+  return problem;
+}
+
+std::string Forwarder::removeCard() {
+  std::string problem = slot_.remove();
+  log_.info(problem.empty() ? "Card removed" : "Card not removed: " + problem);
+  return problem;
+}
+
 bool Forwarder::stopping() {
   const platform::MutexLock lock(mutex_);
   return stopping_;

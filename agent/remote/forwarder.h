@@ -43,8 +43,8 @@ class Forwarder final : public Service {
   // cure.
   void run() override;
   void stop() override;
-  std::string insertCard() override { return slot_.insert(); }
-  std::string removeCard() override { return slot_.remove(); }
+  std::string insertCard() override;
+  std::string removeCard() override;
 
  private:
   // Lends the card once. Returns why the line has ended.

@@ -154,6 +154,9 @@ TEST_F(Forwarding, RequestForACardThatHasLeft_DoesNotReachTheNext) {
   far.greet(1);
   EXPECT_EQ(forwarder_->removeCard(), "");
   EXPECT_EQ(forwarder_->insertCard(), "");
+  EXPECT_NE(forwarder_->insertCard(), "");
+  EXPECT_TRUE(lines_.has("info: Card removed"));
+  EXPECT_TRUE(lines_.has("info: Card not inserted: a card is in already"));
   EXPECT_EQ(nextOf(far.channel).kind, FrameKind::kCardOut);
   EXPECT_EQ(nextOf(far.channel).number, 2u);
   far.ask(FrameKind::kTransmit, 1, 1, kApdu);
