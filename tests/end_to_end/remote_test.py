@@ -104,7 +104,7 @@ class RemoteTest(StackTest):
         self.assertFalse((self.folder / "cut").exists())
 
 
-class Card(RemoteTest):
+class CardElsewhere(RemoteTest):
     def test_opensc_signs_with_it_through_an_agent_without_root(self):
         self.start()
         self.expect_signature()
@@ -137,7 +137,7 @@ class Card(RemoteTest):
         self.assertIn("zelta-agent is not installed there, or not in the PATH", self.near_log())
 
 
-class BrokenLine(RemoteTest):
+class BrokenRemoteLine(RemoteTest):
     def test_in_the_middle_of_an_apdu_the_card_leaves_and_comes_back(self):
         self.start()
         # It connects to pcscd when it is imported.
