@@ -1,6 +1,7 @@
 #include "agent/card/backend_choice.h"
 
 #include <fstream>
+#include <stdexcept>
 #include <utility>
 
 #include "agent/card/card_file.h"
@@ -35,6 +36,8 @@ std::unique_ptr<CardBackend> makeBackend(const Options& options, Log& log) {
       return std::make_unique<PcscCard>(options.pcscReader, log);
     case BackendKind::kScript:
       return loadScriptCard(options.scriptFile, options.cardIn);
+    case BackendKind::kRemote:  // the program's, which has the line
+      throw std::logic_error("a remote card is no back end of this machine");
     case BackendKind::kEmulated:
       break;
   }

@@ -20,6 +20,7 @@ namespace {
 
 // How long to wait if the system will not say that something has changed.
 constexpr std::chrono::milliseconds kUnwatched{1000};
+constexpr char kWhoMay[] = " (only root and members of the group zelta may connect)";
 
 OpenResult resultOf(int error) {
   switch (error) {
@@ -54,6 +55,7 @@ class SocketPipeClient : public PipeClientPort {
     if (error != 0) {
       opened.result = resultOf(error);
       opened.detail = path + ": " + std::generic_category().message(error);
+      if (error == EACCES) opened.detail += kWhoMay;
       return opened;
     }
     opened.connection = std::make_unique<SocketConnection>(std::move(socket));

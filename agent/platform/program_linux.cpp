@@ -1,4 +1,5 @@
 // The program: command line, signals, control socket and readiness around the agent.
+#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
@@ -6,12 +7,15 @@
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <functional>
 #include <iostream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "agent/card/backend_choice.h"
 #include "agent/control/control.h"
@@ -22,6 +26,8 @@
 #include "agent/program/failure.h"
 #include "agent/program/program.h"
 #include "agent/program/session_id.h"
+#include "agent/remote/forwarder.h"
+#include "agent/remote/remote_card.h"
 #include "agent/version.h"
 #include "contract/control.h"
 #include "platform/files/scoped_fd_linux.h"
@@ -68,19 +74,25 @@ class Endings {
 
   FailureNote& failure() { return failure_; }
 
-  // Acts on signals until one of them, or a failure, ends the program.
-  void follow(Agent& agent, Log& log) {
+  // Ends the program as a signal does. Any thread.
+  void end() {
+    ended_ = true;
+    failed_.stop();
+  }
+
+  // Acts on signals until one of them, a failure or `end` ends the program.
+  void follow(Service& service, Log& log) {
     for (;;) {
       if (failed_.waitFor(received_.get(), POLLIN).reason == StopEvent::Reason::kFailed) {
         throw std::system_error(errno, std::generic_category(), "poll");
       }
-      if (failure_.problem() != nullptr) return;
+      if (failure_.problem() != nullptr || ended_) return;
       signalfd_siginfo signal{};
       if (read(received_.get(), &signal, sizeof signal) != sizeof signal) continue;
       if (signal.ssi_signo == SIGUSR1) {
-        agent.removeCard();
+        service.removeCard();
       } else if (signal.ssi_signo == SIGUSR2) {
-        agent.insertCard();
+        service.insertCard();
       } else {
         log.info(signal.ssi_signo == SIGINT ? "Ending: interrupted" : "Ending: asked to terminate");
         return;
@@ -97,12 +109,94 @@ class Endings {
 
   const sigset_t signals_;
   const ScopedFd received_;  // readable when a signal has come
-  const StopEvent failed_;   // from the first failure on
+  const StopEvent failed_;   // from the first failure or `end` on
+  std::atomic<bool> ended_{false};
   FailureNote failure_;
 };
 
 void tellState(bool connected) {
   sd_notify(0, connected ? "STATUS=Connected to the driver" : "STATUS=Waiting for the driver");
+}
+
+OnFailure noteIn(Endings& endings) {
+  return [&endings](const char* problem) { endings.failure().take(problem); };
+}
+
+// The card of the agent that has started this one. Nothing but its frames may get to standard
+// output, so what else is written there goes to standard error.
+std::unique_ptr<CardBackend> makeRemoteCard(std::function<void()> onEnd, Log& log) {
+  if (isatty(STDIN_FILENO) != 0) {
+    throw std::runtime_error("--backend remote is for zelta-agent --to, which starts it over ssh");
+  }
+  ScopedFd output(checkedFd(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0), "fcntl"));
+  ScopedFd input(checkedFd(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0), "fcntl"));
+  dup2(STDERR_FILENO, STDOUT_FILENO);
+  return std::make_unique<RemoteCard>(makeDescriptorLine(input.release(), output.release()),
+                                      LineTimes{}, std::move(onEnd), log);
+}
+
+// A remote card's agent, which any user may be, does without a control socket if it has no place
+// for one; others need theirs.
+std::unique_ptr<ControlServer> openControl(const Options& options, const std::string& path,
+                                           Agent& agent, const OnFailure& onFailure, Log& log) {
+  try {
+    return openControlServer(
+        path, [&agent](const std::string& line) { return answerControl(agent, line); }, onFailure,
+        controlLinkPath(platform::pipeRoot(), options.reader));
+  } catch (const std::runtime_error& error) {
+    if (options.backend != BackendKind::kRemote || !options.control.empty()) throw;
+    log.info(std::string("No control socket: ") + error.what());
+    return nullptr;
+  }
+}
+
+int runAtDriver(const Options& options, Endings& endings, Log& log) {
+  const OnFailure onFailure = noteIn(endings);
+  const std::string path =
+      options.control.empty() ? defaultControlPaths(options.reader).front() : options.control;
+  Agent::Settings settings;
+  settings.reader = options.reader;
+  settings.sessionId = options.sessionId.empty() ? newSessionId() : options.sessionId;
+  settings.onConnection = tellState;
+  settings.onFailure = onFailure;
+
+  const std::unique_ptr<PipeClientPort> pipes = makeSystemPipeClient();
+  const std::unique_ptr<CardBackend> backend =
+      options.backend == BackendKind::kRemote ? makeRemoteCard([&endings] { endings.end(); }, log)
+                                              : makeBackend(options, log);
+  Agent agent(*pipes, *backend, settings, log);
+  const std::unique_ptr<ControlServer> control = openControl(options, path, agent, onFailure, log);
+  agent.start();
+  log.info(std::string("zelta-agent ") + kVersion + ": reader " + std::to_string(options.reader) +
+           ", " + backend->name() + " card, session " + settings.sessionId + ", control " + path);
+  AgentRun run(agent, onFailure);
+  tellState(false);
+  sd_notify(0, "READY=1");
+
+  endings.follow(agent, log);
+  sd_notify(0, "STOPPING=1");
+  if (control != nullptr) control->removePath();
+  return run.stop(endings.failure(), log);
+}
+
+int runNearEnd(const Options& options, Endings& endings, Log& log) {
+  const OnFailure onFailure = noteIn(endings);
+  Forwarder::Settings settings;
+  settings.place = options.to->place();
+  settings.onFailure = onFailure;
+  const std::unique_ptr<Dialer> dialer =
+      makeSshDialer(sshCommand(options.ssh, *options.to, options.logLevel));
+  const std::unique_ptr<CardBackend> backend = makeBackend(options, log);
+  Forwarder forwarder(*dialer, *backend, settings, log);
+  forwarder.start();
+  log.info(std::string("zelta-agent ") + kVersion + ": " + backend->name() + " card for reader " +
+           std::to_string(options.to->reader) + " on " + settings.place);
+  AgentRun run(forwarder, onFailure);
+  sd_notify(0, "READY=1");
+
+  endings.follow(forwarder, log);
+  sd_notify(0, "STOPPING=1");
+  return run.stop(endings.failure(), log);
 }
 
 }  // namespace
@@ -119,32 +213,7 @@ int runControl(const Options& options) {
 
 int runAgent(const Options& options, Log& log) {
   Endings endings;  // first: threads take the blocked signals over
-  const OnFailure onFailure = [&endings](const char* problem) { endings.failure().take(problem); };
-  const std::string path =
-      options.control.empty() ? defaultControlPaths(options.reader).front() : options.control;
-  Agent::Settings settings;
-  settings.reader = options.reader;
-  settings.sessionId = options.sessionId.empty() ? newSessionId() : options.sessionId;
-  settings.onConnection = tellState;
-  settings.onFailure = onFailure;
-
-  const std::unique_ptr<PipeClientPort> pipes = makeSystemPipeClient();
-  const std::unique_ptr<CardBackend> backend = makeBackend(options, log);
-  Agent agent(*pipes, *backend, settings, log);
-  const std::unique_ptr<ControlServer> control = openControlServer(
-      path, [&agent](const std::string& line) { return answerControl(agent, line); }, onFailure,
-      controlLinkPath(platform::pipeRoot(), options.reader));
-  agent.start();
-  log.info(std::string("zelta-agent ") + kVersion + ": reader " + std::to_string(options.reader) +
-           ", " + backend->name() + " card, session " + settings.sessionId + ", control " + path);
-  AgentRun run(agent, onFailure);
-  tellState(false);
-  sd_notify(0, "READY=1");
-
-  endings.follow(agent, log);
-  sd_notify(0, "STOPPING=1");
-  control->removePath();
-  return run.stop(endings.failure(), log);
+  return options.to ? runNearEnd(options, endings, log) : runAtDriver(options, endings, log);
 }
 
 void writeStandardError(std::string_view text) {

@@ -13,6 +13,7 @@
 #include "agent/link/pipe_client_port.h"
 #include "agent/program/failure.h"
 #include "agent/program/log.h"
+#include "agent/program/service.h"
 #include "contract/bytes.h"
 #include "contract/wire.h"
 #include "platform/sync/sync.h"
@@ -31,7 +32,7 @@ struct Timing {
   std::chrono::milliseconds hold{10};
 };
 
-class Agent {
+class Agent final : public Service {
  public:
   struct Settings {
     std::uint32_t reader = 0;
@@ -57,21 +58,17 @@ class Agent {
   // Everything passed by reference outlives the agent.
   Agent(PipeClientPort& port, CardBackend& backend, Settings settings, Log& log);
   // Ends what `run` has left if it threw.
-  ~Agent();
-  Agent(const Agent&) = delete;
-  Agent& operator=(const Agent&) = delete;
+  ~Agent() override;
 
   // Starts the card; throws what the back end throws.
   void start();
-  // Serves until `stop`. After `start`, once. May throw for lack of memory, handles or threads; the
-  // agent may be destroyed then, nothing else.
-  void run();
-  // Ends `run`, now or as soon as it is called. Any thread.
-  void stop();
+  // After `start`, once.
+  void run() override;
+  void stop() override;
 
-  // Any thread, between `start` and the end of `run`. The text says why not; empty is success.
-  std::string insertCard();
-  std::string removeCard();
+  // Any thread, between `start` and the end of `run`.
+  std::string insertCard() override;
+  std::string removeCard() override;
   Status status() const;
 
  private:

@@ -15,15 +15,15 @@ constexpr std::chrono::seconds kEndLimit{2};
 
 }  // namespace
 
-AgentRun::AgentRun(Agent& agent, const OnFailure& onFailure)
-    : agent_(agent), ran_(std::async(std::launch::async, [&agent, &onFailure] {
-        guarded(onFailure, [&agent] { agent.run(); });
+AgentRun::AgentRun(Service& service, const OnFailure& onFailure)
+    : service_(service), ran_(std::async(std::launch::async, [&service, &onFailure] {
+        guarded(onFailure, [&service] { service.run(); });
       })) {}
 
-AgentRun::~AgentRun() { agent_.stop(); }
+AgentRun::~AgentRun() { service_.stop(); }
 
 int AgentRun::stop(const FailureNote& failure, Log& log) {
-  agent_.stop();
+  service_.stop();
   const bool ended = ran_.wait_for(kEndLimit) == std::future_status::ready;
   const char* problem = failure.problem();
   if (problem != nullptr) log.error(std::string("Ending: ") + problem);

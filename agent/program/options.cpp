@@ -23,7 +23,8 @@ struct Named {
 
 constexpr Named<BackendKind> kBackends[] = {{"emulated", BackendKind::kEmulated},
                                             {"pcsc", BackendKind::kPcsc},
-                                            {"script", BackendKind::kScript}};
+                                            {"script", BackendKind::kScript},
+                                            {"remote", BackendKind::kRemote}};
 constexpr Named<Severity> kLevels[] = {{"error", Severity::kError},
                                        {"warning", Severity::kWarning},
                                        {"info", Severity::kInfo},
@@ -45,9 +46,10 @@ Value valueOf(const Named<Value> (&table)[kCount], const std::string& name, Valu
   return fallback;
 }
 
-// Options of what only Linux has: the control socket, the emulated card and a real reader's card.
-constexpr const char* kLinuxOptions[] = {"--control",  "--db",   "--pin",
-                                         "--pin-file", "--cert", "--pcsc-reader"};
+// Options of what only Linux has: the control socket, the emulated card, a real reader's card and a
+// driver at another machine.
+constexpr const char* kLinuxOptions[] = {"--control", "--db",          "--pin", "--pin-file",
+                                         "--cert",    "--pcsc-reader", "--to",  "--ssh"};
 
 // What the command line sets besides `Options` itself.
 struct Flags {
@@ -58,6 +60,7 @@ struct Flags {
   std::string backend;
   std::string logLevel;
   std::string pin;
+  std::string to;
   CLI::Option* level = nullptr;
   CLI::App* ctl = nullptr;
   CLI::App* insert = nullptr;
@@ -67,6 +70,10 @@ struct Flags {
 
 std::string checkSessionId(const std::string& text) {
   return isSessionId(text) ? "" : "'" + text + "' is not a GUID";
+}
+
+std::string checkAddress(const std::string& text) {
+  return parseSshAddress(text) ? "" : "'" + text + "' is not ssh://[user@]host[:port][/reader]";
 }
 
 void addShared(CLI::App& app, Options& options) {
@@ -102,7 +109,7 @@ void addEmulatedOptions(CLI::App& app, Options& options, Flags& flags) {
 void addCardOptions(CLI::App& app, Options& options, Flags& flags) {
   app.add_option("--backend", flags.backend, "Where the card comes from (default emulated)")
       ->check(CLI::IsMember(names(kBackends)))
-      ->option_text("emulated|pcsc|script");
+      ->option_text("emulated|pcsc|script|remote");
   auto* inserted = app.add_flag("--card-inserted", flags.cardInserted, "Start with the card in");
   app.add_flag("--no-card", flags.noCard, "Start without the card")->excludes(inserted);
   addEmulatedOptions(app, options, flags);
@@ -112,6 +119,19 @@ void addCardOptions(CLI::App& app, Options& options, Flags& flags) {
   app.add_option("--script", options.scriptFile, "File that the card answers from")
       ->option_text("FILE")
       ->group("Scripted card");
+}
+
+void addRemoteOptions(CLI::App& app, Options& options, Flags& flags) {
+  const std::string group = "Driver at another machine";
+  auto* to = app.add_option("--to", flags.to,
+                            "Lend the card to the agent there, which ssh starts:\n"
+                            "ssh://[user@]host[:port][/reader]")
+                 ->option_text("ADDRESS")
+                 ->group(group);
+  app.add_option("--ssh", options.ssh, "The ssh program (default ssh)")
+      ->option_text("PROGRAM")
+      ->group(group)
+      ->needs(to);
 }
 
 void addLogOptions(CLI::App& app, Flags& flags) {
@@ -145,9 +165,22 @@ void applyFlags(const CLI::App& app, const Flags& flags, Options& options) {
   if (flags.quiet) options.logLevel = Severity::kError;
   if (flags.verbose) options.logLevel = Severity::kDebug;
   if (app.count("--pin") != 0) options.pin = flags.pin;
+  if (app.count("--to") != 0) options.to = parseSshAddress(flags.to);
   if (flags.insert->parsed()) options.action = Options::Action::kCtlInsert;
   if (flags.remove->parsed()) options.action = Options::Action::kCtlRemove;
   if (flags.status->parsed()) options.action = Options::Action::kCtlStatus;
+}
+
+// The same of the options for a driver at another machine.
+std::string findRemoteConflict(const Options& options) {
+  const bool remote = options.backend == BackendKind::kRemote;
+  if (remote && options.cardIn) return "--card-inserted and --no-card are not for a remote card";
+  if (!options.to) return {};
+  if (remote) return "--to needs a card here; --backend remote is what it starts there";
+  if (options.reader != 0) return "--reader is not for --to, which names it: ssh://host/INDEX";
+  if (!options.control.empty()) return "--control is not for --to";
+  if (!options.sessionId.empty()) return "--session-id is not for --to";
+  return {};
 }
 
 // Which options contradict each other or are missing; empty if none.
@@ -160,12 +193,14 @@ std::string findConflict(const Options& options) {
   if (pcsc && options.pcscReader.empty()) return "--backend pcsc needs --pcsc-reader NAME";
   if (!pcsc && !options.pcscReader.empty()) return "--pcsc-reader needs --backend pcsc";
   if (pcsc && options.cardIn) return "--card-inserted and --no-card are not for a real card";
-  return {};
+  return findRemoteConflict(options);
 }
 
 // Which option this edition does not have; empty if none.
-std::string findUnavailable(const CLI::App& app, const Edition& edition) {
+std::string findUnavailable(const CLI::App& app, const Options& options, const Edition& edition) {
   if (!edition.scriptOnly) return {};
+  const bool remote = options.backend == BackendKind::kRemote;
+  if (remote) return "--backend remote is not available on Windows";
   for (const char* option : kLinuxOptions) {
     if (app.count(option) != 0) return std::string(option) + " is not available on Windows";
   }
@@ -189,6 +224,7 @@ ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edi
       ->check(checkSessionId)
       ->option_text("GUID");
   addCardOptions(app, options, flags);
+  addRemoteOptions(app, options, flags);
   addLogOptions(app, flags);
   addControl(app, options, flags);
   try {
@@ -200,7 +236,8 @@ ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edi
     return {std::nullopt, wanted ? kExitDone : kExitUsage, output.str(), problem.str()};
   }
   applyFlags(app, flags, options);
-  std::string problem = findUnavailable(app, edition);
+  std::string problem = findUnavailable(app, options, edition);
+  if (problem.empty() && app.count("--to") != 0) problem = checkAddress(flags.to);
   if (problem.empty()) problem = findConflict(options);
   if (!problem.empty()) return refuse(problem);
   return {options, kExitDone, "", ""};

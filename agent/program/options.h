@@ -7,10 +7,11 @@
 #include <vector>
 
 #include "agent/program/log.h"
+#include "agent/remote/ssh_address.h"
 
 namespace zelta::agent {
 
-enum class BackendKind { kEmulated, kPcsc, kScript };
+enum class BackendKind { kEmulated, kPcsc, kScript, kRemote };
 
 // Exit codes of the program.
 inline constexpr int kExitDone = 0;
@@ -35,6 +36,8 @@ struct Options {
   std::vector<std::string> certificates;
   std::string pcscReader;
   std::string scriptFile;
+  std::optional<SshAddress> to;  // where the driver is, if at another machine
+  std::string ssh = "ssh";       // the program that gets there
   bool json = false;
 };
 

@@ -19,6 +19,7 @@ import screenshot  # noqa: E402  (its folder is known from here on)
 
 ZELTA_COMMAND = "tests/end_to_end/end_to_end_test.py"
 SSH = "tests/end_to_end/ssh_test.py"
+REMOTE = "tests/end_to_end/remote_test.py"
 TLS = "tests/end_to_end/tls_test.py"
 PACKAGE = "tests/packaging/debian/package_test.py"
 OPENSC = "/usr/lib/x86_64-linux-gnu/opensc-pkcs11.so"
@@ -45,6 +46,7 @@ LISTED = {
             ("needs a real reader", "tests/agent/card/pcsc_card_test.cpp", "CardOfTheRealReader"),
         "zelta-agent --backend script --script FILE":
             ("stays", ZELTA_COMMAND, '"--backend", "script"'),
+        "zelta-agent --to ssh://HOST": ("stays", REMOTE, '"--to", f"ssh://'),
     },
     "docs/operation.md": {
         "./zelta package dist":
@@ -68,6 +70,10 @@ LISTED = {
             ("needs a server", TLS, "class Curl"),
         f"modutil -dbdir sql:PROFILE -force -add OpenSC -libfile {OPENSC}":
             ("needs a profile", TLS, "test_it_asks_for_the_pin"),
+    },
+    "docs/remote.md": {
+        'zelta-agent --to ssh://me@host.example --backend pcsc --pcsc-reader "NAME"':
+            ("needs a real reader", REMOTE, '"--to", f"ssh://'),
     },
     "docs/troubleshooting.md": {
         "sudo dpkg --force-confmiss --install zelta-vsc_*.deb":

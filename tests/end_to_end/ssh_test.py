@@ -1,69 +1,25 @@
 """OpenSSH with the card's key, against an sshd of the test's own."""
 
-import os
-import pathlib
 import re
-import socket
-import subprocess
-import threading
 import unittest
 
 import stack
-from stack import PIN, CardTest, run
+from sshd import Sshd, add_users
+from stack import PIN, CardTest
 
 USER = "cardholder"
-SSHD = "/usr/sbin/sshd"
-
-
-def add_user():
-    """For this process' mount namespace only."""
-    for path, line in (("/etc/passwd", f"{USER}:x:64999:64999::/:/bin/sh\n"),
-                       ("/etc/shadow", f"{USER}:*:19000::::::\n")):
-        copy = pathlib.Path("/run", os.path.basename(path))
-        copy.write_text(pathlib.Path(path).read_text() + line)
-        copy.chmod(0o644)
-        run("mount", "--bind", copy, path)
-
-
-class Sshd:
-    """Starts an sshd for each connection, one after another, as inetd would."""
-
-    def __init__(self, configuration, log):
-        self._command = [SSHD, "-i", "-f", configuration, "-E", log]
-        self._listener = socket.create_server(("127.0.0.1", 0))
-        self.port = self._listener.getsockname()[1]
-        threading.Thread(target=self._serve, daemon=True).start()
-
-    def _serve(self):
-        while True:
-            connection, _ = self._listener.accept()
-            with connection:
-                subprocess.run(self._command, stdin=connection, stdout=connection, check=False)
 
 
 class Ssh(CardTest):
     @classmethod
     def setUpClass(cls):
-        add_user()
+        add_users(USER)
 
     def setUp(self):
         super().setUp()
-        os.makedirs("/run/sshd", exist_ok=True)
-        self.folder.chmod(0o755)
         keys = self.run_here("ssh-keygen", "-D", stack.pkcs11_module()).stdout
         (self.folder / "authorized").write_text(re.search(r"(?m)^ssh-rsa .* CAC ID.*\n", keys)[0])
-        self.run_here("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", "host")
-        (self.folder / "sshd_config").write_text(
-            f"HostKey {self.folder}/host\n"
-            f"AuthorizedKeysFile {self.folder}/authorized\n"
-            "StrictModes no\n"  # the folder is in one that everybody may write to
-            "UsePAM no\n"
-            "PasswordAuthentication no\n"
-            "KbdInteractiveAuthentication no\n"
-            "LogLevel VERBOSE\n")
-        self.sshd = Sshd(self.folder / "sshd_config", self.folder / "sshd.log")
-        host = (self.folder / "host.pub").read_text()
-        (self.folder / "known").write_text(f"[127.0.0.1]:{self.sshd.port} {host}")
+        self.sshd = Sshd(self.folder, self.folder / "authorized")
 
     def answer_with(self, pin):
         """What ssh asks is answered with this, and noted."""
@@ -82,7 +38,7 @@ class Ssh(CardTest):
     def test_login_with_the_cards_key_runs_the_command_as_the_user(self):
         self.assertEqual(self.ssh(PIN).stdout, f"{USER}\n")
         self.assertIn("Demo Card Authentication", (self.folder / "asked").read_text())
-        log = (self.folder / "sshd.log").read_text()
+        log = self.sshd.log.read_text()
         self.assertIn(f"Accepted publickey for {USER} from 127.0.0.1", log)
 
     def test_wrong_pin_is_no_login(self):

@@ -60,6 +60,17 @@ TEST(Options, OtherBackEnds_TakeTheirOptions) {
   EXPECT_EQ(pcsc.pcscReader, "A Reader 00 00");
 }
 
+TEST(Options, DriverAtAnotherMachine_IsTakenApart) {
+  EXPECT_FALSE(taken({}).to);
+  const Options options = taken({"--to", "ssh://me@host:22/3", "--ssh", "/my/ssh"});
+  ASSERT_TRUE(options.to);
+  EXPECT_EQ(options.to->place(), "me@host");
+  EXPECT_EQ(options.to->port, "22");
+  EXPECT_EQ(options.to->reader, 3u);
+  EXPECT_EQ(options.ssh, "/my/ssh");
+  EXPECT_EQ(taken({"--backend", "remote"}).backend, BackendKind::kRemote);
+}
+
 TEST(Options, LogLevels_AreTakenByNameAndByFlag) {
   EXPECT_EQ(taken({"--quiet"}).logLevel, Severity::kError);
   EXPECT_EQ(taken({"-q"}).logLevel, Severity::kError);
@@ -85,10 +96,10 @@ TEST(Options, HelpAndVersion_EndWithSuccess) {
   EXPECT_EQ(help.exitCode, kExitDone);
   EXPECT_EQ(help.error, "");
   for (const char* option :
-       {"--reader",      "--control", "--session-id", "--backend",     "--card-inserted",
-        "--no-card",     "--db",      "--pin",        "--pin-file",    "--cert",
-        "--pcsc-reader", "--script",  "--log-level",  "--quiet",       "--verbose",
-        "--version",     "--help",    "ctl",          "What ends it.", "Exit codes"}) {
+       {"--reader",    "--control", "--session-id",  "--backend", "--card-inserted", "--no-card",
+        "--db",        "--pin",     "--pin-file",    "--cert",    "--pcsc-reader",   "--script",
+        "--log-level", "--quiet",   "--verbose",     "--to",      "--ssh",           "--version",
+        "--help",      "ctl",       "What ends it.", "Exit codes"}) {
     EXPECT_THAT(help.output, HasSubstr(option));
   }
   const ParsedOptions version = parse({"--version"});
@@ -115,23 +126,30 @@ TEST_P(WrongOptions, AreRefusedWithTheUsageExitCode) {
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, WrongOptions,
-    testing::Values(Wrong{{"--nonsense"}, "--nonsense"}, Wrong{{"extra"}, "extra"},
-                    Wrong{{"--reader", "-1"}, "-1"},
-                    Wrong{{"--reader", "4294967296"}, "4294967296"}, Wrong{{"--reader", "x"}, "x"},
-                    Wrong{{"--session-id", "x"}, "'x' is not a GUID"},
-                    Wrong{{"--backend", "paper"}, "paper not in {emulated,pcsc,script}"},
-                    Wrong{{"--log-level", "loud"}, "loud not in {error,warning,info,debug}"},
-                    Wrong{{"--card-inserted", "--no-card"}, "--card-inserted excludes --no-card"},
-                    Wrong{{"--pin", "1", "--pin-file", "f"}, "excludes"},
-                    Wrong{{"--quiet", "--verbose"}, "excludes"}, Wrong{{"--cert", "a", "b"}, "b"},
-                    Wrong{{"--backend", "script"}, "--backend script needs --script FILE"},
-                    Wrong{{"--script", "f"}, "--script needs --backend script"},
-                    Wrong{{"--backend", "pcsc"}, "--backend pcsc needs --pcsc-reader NAME"},
-                    Wrong{{"--pcsc-reader", "r"}, "--pcsc-reader needs --backend pcsc"},
-                    Wrong{{"--backend", "pcsc", "--pcsc-reader", "r", "--no-card"},
-                          "not for a real card"},
-                    Wrong{{"ctl"}, "A subcommand is required"},
-                    Wrong{{"ctl", "jump"}, "A subcommand is required"}));
+    testing::Values(
+        Wrong{{"--nonsense"}, "--nonsense"}, Wrong{{"extra"}, "extra"},
+        Wrong{{"--reader", "-1"}, "-1"}, Wrong{{"--reader", "4294967296"}, "4294967296"},
+        Wrong{{"--reader", "x"}, "x"}, Wrong{{"--session-id", "x"}, "'x' is not a GUID"},
+        Wrong{{"--backend", "paper"}, "paper not in {emulated,pcsc,script,remote}"},
+        Wrong{{"--log-level", "loud"}, "loud not in {error,warning,info,debug}"},
+        Wrong{{"--card-inserted", "--no-card"}, "--card-inserted excludes --no-card"},
+        Wrong{{"--pin", "1", "--pin-file", "f"}, "excludes"},
+        Wrong{{"--quiet", "--verbose"}, "excludes"}, Wrong{{"--cert", "a", "b"}, "b"},
+        Wrong{{"--backend", "script"}, "--backend script needs --script FILE"},
+        Wrong{{"--script", "f"}, "--script needs --backend script"},
+        Wrong{{"--backend", "pcsc"}, "--backend pcsc needs --pcsc-reader NAME"},
+        Wrong{{"--pcsc-reader", "r"}, "--pcsc-reader needs --backend pcsc"},
+        Wrong{{"--backend", "pcsc", "--pcsc-reader", "r", "--no-card"}, "not for a real card"},
+        Wrong{{"--to", "host"}, "'host' is not ssh://[user@]host[:port][/reader]"},
+        Wrong{{"--ssh", "s"}, "--ssh requires --to"},
+        Wrong{{"--to", "ssh://h", "--backend", "remote"}, "--to needs a card here"},
+        Wrong{{"--to", "ssh://h", "--reader", "2"}, "--reader is not for --to"},
+        Wrong{{"--to", "ssh://h", "--control", "c"}, "--control is not for --to"},
+        Wrong{{"--to", "ssh://h", "--session-id", "01234567-89ab-cdef-0123-456789abcdef"},
+              "--session-id is not for --to"},
+        Wrong{{"--backend", "remote", "--no-card"}, "not for a remote card"},
+        Wrong{{"ctl"}, "A subcommand is required"},
+        Wrong{{"ctl", "jump"}, "A subcommand is required"}));
 
 // On Windows.
 class OptionsOfLinux : public testing::TestWithParam<const char*> {};
@@ -150,7 +168,12 @@ TEST_P(OptionsOfLinux, AreRefusedByTheEditionWithoutThem) {
 
 INSTANTIATE_TEST_SUITE_P(Options, OptionsOfLinux,
                          testing::Values("--control", "--db", "--pin", "--pin-file", "--cert",
-                                         "--pcsc-reader"));
+                                         "--pcsc-reader", "--to"));
+
+TEST(RemoteBackEnd, IsRefusedByTheEditionWithoutIt) {
+  EXPECT_THAT(parse({"--backend", "remote"}, true).error,
+              HasSubstr("--backend remote is not available on Windows"));
+}
 
 TEST(OptionsOfTheScript, AreTakenByTheEditionWithoutOtherCards) {
   EXPECT_TRUE(parse({"--backend", "script", "--script", "f", "--no-card", "-v"}, true).options);

@@ -41,6 +41,18 @@ TEST_F(Program, WhatIsMissing_EndsWithOneAndAMessage) {
   EXPECT_FALSE(std::filesystem::exists(control()));
 }
 
+TEST_F(Program, RemoteCardWithoutItsOtherEnd_SaysHelloAndEndsWithAMessage) {
+  const std::string command =
+      std::string(ZELTA_AGENT_PROGRAM) + " --backend remote --control " + control() + " </dev/null";
+  ChildProcess log("/bin/sh", {"-c", command + " 2>&1 >/dev/null"});
+  const Ended ended = awaitEnd(log);
+  EXPECT_EQ(ended.exitCode, 1);
+  EXPECT_THAT(ended.text, HasSubstr("error: no card: the line is broken\n"));
+  EXPECT_FALSE(std::filesystem::exists(control()));
+  ChildProcess frames("/bin/sh", {"-c", command + " 2>/dev/null | od -An -c"});
+  EXPECT_THAT(awaitEnd(frames).text, HasSubstr("Z   L   T   A 001"));
+}
+
 TEST_F(Program, PinOnTheCommandLine_IsWarnedOfAndNotRepeated) {
   const Ended ended = runProgram(withControl({"--pin", "1234", "--db", folder_.file("none")}));
   EXPECT_THAT(ended.text, HasSubstr("warning: The PIN stands on the command line, where others can "

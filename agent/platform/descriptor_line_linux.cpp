@@ -1,0 +1,148 @@
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+#include "agent/platform/stop_event_linux.h"
+#include "agent/remote/dialer.h"
+#include "platform/files/scoped_fd_linux.h"
+#include "platform/sync/sync.h"
+
+namespace zelta::agent {
+
+namespace {
+
+using platform::ScopedFd;
+
+constexpr std::size_t kReadSize = 65536;         // bytes at once
+constexpr std::size_t kMostUnsent = 4UL << 20U;  // bytes; an end that reads never leaves so many
+constexpr short kGone = POLLERR | POLLHUP | POLLNVAL;
+
+void makeNonBlocking(int fd) {
+  const int flags = fcntl(fd, F_GETFL);
+  if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) {
+    throw std::system_error(errno, std::generic_category(), "fcntl");
+  }
+}
+
+class DescriptorLine final : public Line {
+ public:
+  // Owns `input`, and `output` if that is another.
+  DescriptorLine(int input, int output)
+      : input_(input),
+        output_(output == input ? platform::kNoFd : output),
+        out_(output),
+        woken_(checkedFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")) {
+    makeNonBlocking(input);
+    makeNonBlocking(output);
+  }
+
+  void send(const Bytes& bytes) override {
+    const platform::MutexLock lock(mutex_);
+    const bool waiting = !unsent_.empty();
+    unsent_.insert(unsent_.end(), bytes.begin(), bytes.end());
+    if (!waiting) flush();
+    lost_ = unsent_.size() > kMostUnsent;
+    if (!unsent_.empty()) eventfd_write(woken_.get(), 1);
+  }
+
+  IoResult receive(Bytes& into, SteadyClock::time_point deadline) override {
+    for (;;) {
+      if (cancelled_) return IoResult::kCancelled;
+      if (isLost()) return IoResult::kClosed;
+      std::array<pollfd, 3> waits{{{woken_.get(), POLLIN, 0},
+                                   {input_.get(), POLLIN, 0},
+                                   {hasUnsent() ? out_ : platform::kNoFd, POLLOUT, 0}}};
+      const int ready = poll(waits.data(), waits.size(), pollTimeout(deadline));
+      if (ready < 0 && errno != EINTR) return IoResult::kClosed;
+      if (ready == 0) return IoResult::kTimedOut;
+      if (ready < 0) continue;
+      if (waits[0].revents != 0) forgetWaking();
+      if (waits[2].revents != 0) sendMore();
+      if ((waits[1].revents & (POLLIN | kGone)) == 0) continue;
+      const IoResult result = readInto(into);
+      if (result != IoResult::kTimedOut) return result;
+    }
+  }
+
+  void cancel() override {
+    cancelled_ = true;
+    eventfd_write(woken_.get(), 1);
+  }
+
+ private:
+  // kTimedOut if nothing is there after all.
+  IoResult readInto(Bytes& into) {
+    const std::size_t before = into.size();
+    into.resize(before + kReadSize);
+    const ssize_t count = ::read(input_.get(), into.data() + before, kReadSize);
+    const int error = errno;
+    into.resize(before + (count > 0 ? static_cast<std::size_t>(count) : 0));
+    if (count > 0) return IoResult::kDone;
+    return count < 0 && (error == EAGAIN || error == EINTR) ? IoResult::kTimedOut
+                                                            : IoResult::kClosed;
+  }
+
+  // A waking stays until it is seen: what it tells of is in `unsent_`, `lost_` and `cancelled_`.
+  void forgetWaking() {
+    eventfd_t ignored = 0;
+    eventfd_read(woken_.get(), &ignored);
+  }
+
+  void sendMore() {
+    const platform::MutexLock lock(mutex_);
+    flush();
+  }
+
+  // Passes on what the system takes. What a reader that has gone has sent before can still be read,
+  // so its going alone does not lose the line.
+  void flush() ZELTA_REQUIRES(mutex_) {
+    std::size_t done = 0;
+    while (done < unsent_.size()) {
+      const ssize_t count = ::write(out_, unsent_.data() + done, unsent_.size() - done);
+      if (count > 0) {
+        done += static_cast<std::size_t>(count);
+      } else if (errno == EAGAIN) {
+        break;
+      } else if (errno != EINTR) {
+        done = unsent_.size();
+      }
+    }
+    unsent_.erase(unsent_.begin(), unsent_.begin() + static_cast<std::ptrdiff_t>(done));
+  }
+
+  bool hasUnsent() {
+    const platform::MutexLock lock(mutex_);
+    return !unsent_.empty();
+  }
+
+  bool isLost() {
+    const platform::MutexLock lock(mutex_);
+    return lost_;
+  }
+
+  const ScopedFd input_;
+  const ScopedFd output_;
+  const int out_;
+  const ScopedFd woken_;  // readable when `receive` has to look again
+  std::atomic<bool> cancelled_{false};
+  platform::Mutex mutex_;
+  Bytes unsent_ ZELTA_GUARDED_BY(mutex_);
+  bool lost_ ZELTA_GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace
+
+std::unique_ptr<Line> makeDescriptorLine(int input, int output) {
+  signal(SIGPIPE, SIG_IGN);
+  return std::make_unique<DescriptorLine>(input, output);
+}
+
+}  // namespace zelta::agent

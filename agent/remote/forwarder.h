@@ -1,0 +1,74 @@
+// The agent at the card: lends its card to the agent at the driver, over any number of lines.
+//
+// A line that ends is dialed again, after growing waits if nobody answered. What time does not cure
+// ends the program: ssh is missing, the agent is missing there, or the two do not understand each
+// other.
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "agent/card/card_slot.h"
+#include "agent/link/command_threads.h"
+#include "agent/link/connector.h"
+#include "agent/program/failure.h"
+#include "agent/program/log.h"
+#include "agent/program/service.h"
+#include "agent/remote/dialer.h"
+#include "agent/remote/lent_card.h"
+#include "contract/wire.h"
+#include "platform/sync/sync.h"
+
+namespace zelta::agent {
+
+class Forwarder final : public Service {
+ public:
+  struct Settings {
+    std::string place;  // for people: the other machine
+    LentCard::Settings card{{}, kAnswerTime};
+    std::chrono::milliseconds firstRetry{500};
+    std::chrono::milliseconds longestRetry{30000};
+    // Called on a thread that ends by an exception: the forwarder must be stopped.
+    OnFailure onFailure;
+  };
+
+  // Everything passed by reference outlives the forwarder.
+  Forwarder(Dialer& dialer, CardBackend& backend, Settings settings, Log& log);
+  // Ends what `run` has left if it threw.
+  ~Forwarder() override;
+
+  // Starts the card; throws what the back end throws.
+  void start() { slot_.start(); }
+  // After `start`, once. Throws std::runtime_error with a message for people for what time does not
+  // cure.
+  void run() override;
+  void stop() override;
+  std::string insertCard() override;
+  std::string removeCard() override;
+
+ private:
+  // Lends the card once. Returns why the line has ended.
+  std::string lend();
+  // The same for people; throws if another line would end the same way.
+  std::string judge(const LentCard& lent, int exitCode) const;
+  // Blocks until a line ends.
+  void serve(LentCard& lent);
+  void noteGreeted(const Hello& peer, std::chrono::microseconds roundTrip);
+  // False if there is to be no other line.
+  bool waitForRetry(const std::string& why);
+  bool stopping();
+
+  Dialer& dialer_;
+  const Settings settings_;
+  Log& log_;
+  CardSlot slot_;
+  CommandThreads threads_;
+  Backoff backoff_;       // `run`'s thread
+  bool greeted_ = false;  // this line; `run`'s thread
+  platform::Mutex mutex_;
+  platform::ConditionVariable changed_;
+  bool stopping_ ZELTA_GUARDED_BY(mutex_) = false;
+  LentCard* lent_ ZELTA_GUARDED_BY(mutex_) = nullptr;  // over the line that is there
+};
+
+}  // namespace zelta::agent

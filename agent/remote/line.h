@@ -1,0 +1,23 @@
+// The bytes between two agents, both ways.
+#pragma once
+
+#include "agent/link/pipe_client_port.h"
+#include "contract/bytes.h"
+
+namespace zelta::agent {
+
+class Line {
+ public:
+  virtual ~Line() = default;
+
+  // Hands the bytes over after those of earlier calls, and never waits: what the system does not
+  // take at once is kept until `receive` can pass it on. Any thread.
+  virtual void send(const Bytes& bytes) = 0;
+  // Appends what has come to `into`; blocks until something has, or until `deadline`. kClosed if
+  // nothing more can come, or if the other end has left too much unread. One thread at a time.
+  virtual IoResult receive(Bytes& into, SteadyClock::time_point deadline) = 0;
+  // Makes this and every later `receive` return kCancelled. Any thread.
+  virtual void cancel() = 0;
+};
+
+}  // namespace zelta::agent
