@@ -13,6 +13,7 @@
 #include "agent/platform/stop_event_linux.h"
 #include "agent/remote/dialer.h"
 #include "platform/files/scoped_fd_linux.h"
+#include "platform/process/wipe.h"
 #include "platform/sync/sync.h"
 
 namespace zelta::agent {
@@ -115,6 +116,7 @@ class DescriptorLine final : public Line {
         done = unsent_.size();
       }
     }
+    platform::wipe(unsent_.data(), done);
     unsent_.erase(unsent_.begin(), unsent_.begin() + static_cast<std::ptrdiff_t>(done));
   }
 

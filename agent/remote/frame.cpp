@@ -4,6 +4,8 @@
 #include <cassert>
 #include <iterator>
 
+#include "platform/process/wipe.h"
+
 namespace zelta::agent {
 
 namespace {
@@ -43,6 +45,7 @@ FrameDecoder::Result FrameDecoder::next(Frame& frame) {
   frame.kind = static_cast<FrameKind>(head[0]);
   frame.number = loadLittleEndian(head + 1);
   frame.payload.assign(head + kHeadSize, head + length);
+  platform::wipe(pending_.data(), kNumberSize + length);
   pending_.erase(pending_.begin(), pending_.begin() + offset(kNumberSize + length));
   return Result::kFrame;
 }

@@ -5,6 +5,7 @@
 
 #include "agent/program/log.h"
 #include "agent/version.h"
+#include "platform/process/wipe.h"
 
 namespace zelta::agent {
 
@@ -50,7 +51,10 @@ std::optional<std::chrono::microseconds> FrameChannel::measureRoundTrip() {
 }
 
 void FrameChannel::send(FrameKind kind, std::uint32_t number, Bytes payload) {
-  line_.send(encodeFrame({kind, number, std::move(payload)}));
+  // Either may hold a command, and that a PIN.
+  const platform::SecretBytes sent(encodeFrame({kind, number, payload}));
+  platform::wipe(payload.data(), payload.size());
+  line_.send(sent.get());
 }
 
 std::optional<Frame> FrameChannel::next() {

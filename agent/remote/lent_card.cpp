@@ -58,7 +58,7 @@ void LentCard::stop() {
 }
 
 std::optional<Command> LentCard::read() {
-  while (const std::optional<Frame> frame = channel_.next()) {
+  while (std::optional<Frame> frame = channel_.next()) {
     if (frame->kind == FrameKind::kReady) {
       slot_.ready();
       continue;
@@ -77,7 +77,8 @@ std::optional<Command> LentCard::read() {
     }
     Command command;
     command.kind = request->command;
-    command.apdu.assign(frame->payload.begin() + kNumberSize, frame->payload.end());
+    command.apdu = Bytes(frame->payload.begin() + kNumberSize, frame->payload.end());
+    platform::wipe(frame->payload.data(), frame->payload.size());
     command.cardLimit = SteadyClock::now() + settings_.answerLimit;
     command.driverLimit = command.cardLimit;
     return command;
@@ -94,7 +95,7 @@ bool LentCard::answer(const Command& command, const Outcome& outcome) {
   } else if (outcome.data.size() > kLongestPayload) {
     log_.error(name + ": the card's answer is too long");
   } else {
-    data = outcome.data;
+    data = outcome.data.get();
   }
   if (log_.wants(Severity::kDebug))
     log_.debug(name + ": " + std::to_string(data.size()) + " bytes");
