@@ -7,11 +7,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <functional>
 #include <iostream>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "agent/card/backend_choice.h"
 #include "agent/control/control.h"
@@ -22,6 +25,8 @@
 #include "agent/program/failure.h"
 #include "agent/program/program.h"
 #include "agent/program/session_id.h"
+#include "agent/trace/card_recorder.h"
+#include "agent/trace/trace_hub.h"
 #include "agent/version.h"
 #include "contract/control.h"
 #include "platform/files/scoped_fd_linux.h"
@@ -127,13 +132,21 @@ int runAgent(const Options& options, Log& log) {
   settings.sessionId = options.sessionId.empty() ? newSessionId() : options.sessionId;
   settings.onConnection = tellState;
   settings.onFailure = onFailure;
+  std::optional<CardRecorder> recorder;
+  TraceHub hub;
+  if (!options.recordFile.empty()) hub.alsoTell(recorder.emplace(options.recordFile, log));
+  settings.trace = &hub;
 
   const std::unique_ptr<PipeClientPort> pipes = makeSystemPipeClient();
   const std::unique_ptr<CardBackend> backend = makeBackend(options, log);
   Agent agent(*pipes, *backend, settings, log);
   const std::unique_ptr<ControlServer> control = openControlServer(
       path, [&agent](const std::string& line) { return answerControl(agent, line); }, onFailure,
-      controlLinkPath(platform::pipeRoot(), options.reader));
+      controlLinkPath(platform::pipeRoot(), options.reader),
+      [&](const std::string& line, std::function<void()> wake) {
+        return hub.follow(line == kControlTraceSecrets, traceBegin(agent.status()),
+                          std::move(wake));
+      });
   agent.start();
   log.info(std::string("zelta-agent ") + kVersion + ": reader " + std::to_string(options.reader) +
            ", " + backend->name() + " card, session " + settings.sessionId + ", control " + path);

@@ -46,8 +46,8 @@ Value valueOf(const Named<Value> (&table)[kCount], const std::string& name, Valu
 }
 
 // Options of what only Linux has: the control socket, the emulated card and a real reader's card.
-constexpr const char* kLinuxOptions[] = {"--control",  "--db",   "--pin",
-                                         "--pin-file", "--cert", "--pcsc-reader"};
+constexpr const char* kLinuxOptions[] = {"--control", "--db",          "--pin",   "--pin-file",
+                                         "--cert",    "--pcsc-reader", "--record"};
 
 // What the command line sets besides `Options` itself.
 struct Flags {
@@ -112,6 +112,9 @@ void addCardOptions(CLI::App& app, Options& options, Flags& flags) {
   app.add_option("--script", options.scriptFile, "File that the card answers from")
       ->option_text("FILE")
       ->group("Scripted card");
+  app.add_option("--record", options.recordFile,
+                 "Write a card script from what the card answers,\nsecrets masked")
+      ->option_text("FILE");
 }
 
 void addLogOptions(CLI::App& app, Flags& flags) {

@@ -35,6 +35,7 @@ struct Options {
   std::vector<std::string> certificates;
   std::string pcscReader;
   std::string scriptFile;
+  std::string recordFile;  // empty: none
   bool json = false;
 };
 
