@@ -42,11 +42,11 @@ void declareOptions(CLI::App& app, Options& options) {
   auto* file = app.add_option("FILE", options.file, "Show this saved trace, not the agent's")
                    ->option_text("FILE");
   const auto live = [&](CLI::Option* option) { option->excludes(file); };
-  live(app.add_option("--reader", options.reader, "Index of the reader (default 0)")
-           ->check(CLI::Range(std::uint32_t{0}, std::numeric_limits<std::uint32_t>::max()))
-           ->option_text("INDEX"));
-  live(app.add_option("--control", options.control, "Path of the agent's control socket")
-           ->option_text("PATH"));
+  app.add_option("--reader", options.reader, "Index of the reader (default 0)")
+      ->check(CLI::Range(std::uint32_t{0}, std::numeric_limits<std::uint32_t>::max()))
+      ->option_text("INDEX");
+  app.add_option("--control", options.control, "Path of the agent's control socket")
+      ->option_text("PATH");
   app.add_option("-n,--count", options.count, "End after so many APDUs")->option_text("NUMBER");
   live(app.add_option("--save", options.save, "Write the trace to a file, to be shown again")
            ->option_text("FILE"));
