@@ -10,7 +10,7 @@ namespace zelta {
 namespace {
 
 constexpr std::size_t kEscapeDigits = 4;
-constexpr std::uint32_t kOneByteEnd = 0x80;    // of UTF-8
+constexpr std::uint32_t kOneByteEnd = 0x80;  // of UTF-8
 constexpr std::uint32_t kTwoBytesEnd = 0x800;
 
 void appendUtf8(std::uint32_t code, std::string& text) {

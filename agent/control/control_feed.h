@@ -17,7 +17,7 @@ class ControlFeed {
 
 // What the line asks to be told. `wake` is called, on any thread, when there is something to take;
 // it must not block.
-using OpenFeed =
-    std::function<std::unique_ptr<ControlFeed>(const std::string& line, std::function<void()> wake)>;
+using OpenFeed = std::function<std::unique_ptr<ControlFeed>(const std::string& line,
+                                                            std::function<void()> wake)>;
 
 }  // namespace zelta::agent

@@ -63,9 +63,9 @@ Hidden commandData(const Bytes& command) {
   if (command.size() <= kShortDataAt) return {};
   const bool extended = command[kLengthAt] == 0 && command.size() > kExtendedDataAt;
   const std::size_t from = extended ? kExtendedDataAt : kShortDataAt;
-  const std::size_t size =
-      extended ? std::size_t{command[kShortDataAt]} << 8 | command[kShortDataAt + 1]
-               : std::size_t{command[kLengthAt]};
+  const std::size_t size = extended
+                               ? std::size_t{command[kShortDataAt]} << 8 | command[kShortDataAt + 1]
+                               : std::size_t{command[kLengthAt]};
   if (size != 0 && from + size <= command.size()) return {from, size};
   return {kLengthAt, command.size() - kLengthAt};
 }

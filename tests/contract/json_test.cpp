@@ -8,11 +8,11 @@ namespace zelta {
 namespace {
 
 TEST(Json, Object_IsItsMembersAsTexts) {
-  const auto object = parseJsonObject(
-      " { \"a\" : \"x\", \"b\":-12.5e3 ,\"c\":true,\"d\":null,\"\":\"\" } \n");
+  const auto object =
+      parseJsonObject(" { \"a\" : \"x\", \"b\":-12.5e3 ,\"c\":true,\"d\":null,\"\":\"\" } \n");
   ASSERT_TRUE(object);
-  EXPECT_EQ(*object, (JsonObject{{"a", "x"}, {"b", "-12.5e3"}, {"c", "true"}, {"d", "null"},
-                                 {"", ""}}));
+  EXPECT_EQ(*object,
+            (JsonObject{{"a", "x"}, {"b", "-12.5e3"}, {"c", "true"}, {"d", "null"}, {"", ""}}));
   EXPECT_EQ(parseJsonObject("{}"), JsonObject());
 }
 

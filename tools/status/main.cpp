@@ -30,8 +30,7 @@ constexpr std::chrono::milliseconds kWatchPeriod{500};
 constexpr char kClearScreen[] = "\033[H\033[J";
 
 struct Options {
-  std::string control;
-  std::uint32_t reader = 0;
+  trace::AgentPlace agent;
   bool json = false;
   bool watch = false;
 };
@@ -52,13 +51,12 @@ std::string newestLog() {
 }
 
 void askAgent(const Options& options, status::View& view) {
-  const std::vector<std::string> paths = trace::controlPaths(options.control, options.reader);
-  const platform::SocketAnswer answer = platform::askSocket(
-      paths, kControlStatusJson + std::string("\n"),
-      std::chrono::steady_clock::now() + kAgentLimit, kLongestControlAnswer);
+  const platform::SocketAnswer answer =
+      platform::askSocket(options.agent.paths(), kControlStatusJson + std::string("\n"),
+                          std::chrono::steady_clock::now() + kAgentLimit, kLongestControlAnswer);
   const std::string ok = kControlOk;
   if (answer.error != 0) {
-    view.agentProblem = trace::agentProblem(paths, answer.error);
+    view.agentProblem = trace::agentProblem(options.agent, answer.error);
   } else if (answer.text.compare(0, ok.size(), ok) != 0) {
     view.agentProblem = "the agent gave no answer";
   } else {
@@ -69,7 +67,7 @@ void askAgent(const Options& options, status::View& view) {
 status::View look(const Options& options) {
   status::View view;
   askAgent(options, view);
-  view.pcsc = status::lookAtReader(options.reader);
+  view.pcsc = status::lookAtReader(options.agent.reader);
   view.logFile = newestLog();
   return view;
 }
@@ -101,10 +99,10 @@ int main(int argc, char** argv) try {
                "zelta-status");
   Options options;
   app.set_version_flag("-V,--version", "zelta-status " ZELTA_VERSION);
-  app.add_option("--reader", options.reader, "Index of the reader (default 0)")
+  app.add_option("--reader", options.agent.reader, "Index of the reader (default 0)")
       ->check(CLI::Range(std::uint32_t{0}, std::numeric_limits<std::uint32_t>::max()))
       ->option_text("INDEX");
-  app.add_option("--control", options.control, "Path of the agent's control socket")
+  app.add_option("--control", options.agent.control, "Path of the agent's control socket")
       ->option_text("PATH");
   app.add_flag("--json", options.json, "One object on one line, for programs");
   app.add_flag("--watch", options.watch, "Show it again whenever it changes, until Ctrl-C");

@@ -18,8 +18,8 @@ struct StateName {
 };
 // The highest that is set counts.
 constexpr StateName kStates[] = {
-    {SCARD_SPECIFIC, "specific"}, {SCARD_NEGOTIABLE, "negotiable"}, {SCARD_POWERED, "powered"},
-    {SCARD_SWALLOWED, "swallowed"}, {SCARD_PRESENT, "present"},     {SCARD_ABSENT, "absent"},
+    {SCARD_SPECIFIC, "specific"},   {SCARD_NEGOTIABLE, "negotiable"}, {SCARD_POWERED, "powered"},
+    {SCARD_SWALLOWED, "swallowed"}, {SCARD_PRESENT, "present"},       {SCARD_ABSENT, "absent"},
 };
 
 class Context {
@@ -54,8 +54,8 @@ std::vector<std::string> virtualReaders(const Context& context) {
 void look(const Context& context, PcscView& view) {
   SCARDHANDLE card = 0;
   DWORD protocol = 0;
-  const LONG connected = SCardConnect(context.get(), view.reader.c_str(), SCARD_SHARE_DIRECT, 0,
-                                      &card, &protocol);
+  const LONG connected =
+      SCardConnect(context.get(), view.reader.c_str(), SCARD_SHARE_DIRECT, 0, &card, &protocol);
   if (connected != SCARD_S_SUCCESS) {
     view.problem = pcsc_stringify_error(connected);
     return;

@@ -71,10 +71,10 @@ std::string reportText(const View& view) {
   }
   if (!agent.empty()) {
     text += row("session", valueOf(agent, "session_id"));
-    text += row("counts", counted(agent, "apdus", "APDU") + ", " +
-                              counted(agent, "errors", "error") + ", " +
-                              counted(agent, "timeouts", "time-out") + ", " +
-                              counted(agent, "reconnects", "reconnect"));
+    text +=
+        row("counts", counted(agent, "apdus", "APDU") + ", " + counted(agent, "errors", "error") +
+                          ", " + counted(agent, "timeouts", "time-out") + ", " +
+                          counted(agent, "reconnects", "reconnect"));
   }
   return text + row("log file", view.logFile);
 }

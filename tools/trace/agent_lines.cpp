@@ -18,15 +18,15 @@ namespace {
 
 using platform::ScopedFd;
 
-ScopedFd connectToFirst(const std::vector<std::string>& paths) {
+ScopedFd connectTo(const AgentPlace& place) {
   int error = ENOENT;
-  for (const std::string& path : paths) {
+  for (const std::string& path : place.paths()) {
     ScopedFd agent(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int failed = agent.valid() ? platform::connectToPath(agent, path) : errno;
     if (failed == 0) return agent;
     if (error != EACCES) error = failed;
   }
-  throw AgentError(agentProblem(paths, error));
+  throw AgentError(agentProblem(place, error));
 }
 
 ScopedFd endingSignals() {
@@ -40,34 +40,37 @@ ScopedFd endingSignals() {
 
 }  // namespace
 
-std::vector<std::string> controlPaths(const std::string& control, std::uint32_t reader) {
+std::vector<std::string> AgentPlace::paths() const {
   return control.empty() ? defaultControlPaths(reader) : std::vector<std::string>{control};
 }
 
-std::string agentProblem(const std::vector<std::string>& paths, int error) {
+std::string agentProblem(const AgentPlace& place, int error) {
   std::string tried;
-  for (const std::string& path : paths) tried += (tried.empty() ? "" : ", ") + path;
+  for (const std::string& path : place.paths()) tried += (tried.empty() ? "" : ", ") + path;
   if (error == EACCES) {
     return "permission denied at " + tried +
            ": an agent answers its own user and root only; run this with sudo";
   }
-  if (error == ENOENT || error == ECONNREFUSED) return "no agent is running at " + tried;
+  if (error == ENOENT || error == ECONNREFUSED) {
+    const std::string start =
+        "; to start the service: sudo systemctl start zelta-agent@" + std::to_string(place.reader);
+    return "no agent is running at " + tried + (place.control.empty() ? start : std::string());
+  }
   return tried + ": " + std::generic_category().message(error);
 }
 
-AgentLines::AgentLines(const std::vector<std::string>& paths, bool secrets)
-    : signals_(endingSignals()), agent_(connectToFirst(paths)) {
-  const std::string question =
-      std::string(secrets ? kControlTraceSecrets : kControlTrace) + "\n";
+AgentLines::AgentLines(const AgentPlace& place, bool secrets)
+    : signals_(endingSignals()), agent_(connectTo(place)) {
+  const std::string question = std::string(secrets ? kControlTraceSecrets : kControlTrace) + "\n";
   if (send(agent_.get(), question.data(), question.size(), MSG_NOSIGNAL) < 0) {
-    throw AgentError(agentProblem(paths, errno));
+    throw AgentError(agentProblem(place, errno));
   }
   const std::string error = kControlError;
   const std::string answer = next().value_or(error + "it has ended") + "\n";
   if (answer == kControlOk) return;
   const bool refused = answer.compare(0, error.size(), error) == 0;
-  throw AgentError("the agent: " + answer.substr(refused ? error.size() : 0, answer.size() - 1 -
-                                                 (refused ? error.size() : 0)));
+  throw AgentError("the agent: " + answer.substr(refused ? error.size() : 0,
+                                                 answer.size() - 1 - (refused ? error.size() : 0)));
 }
 
 std::optional<std::string> AgentLines::next() {

@@ -1,7 +1,7 @@
 // The lines that a running agent sends to whoever follows its trace.
 #pragma once
 
-#include <functional>
+#include <cstdint>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -17,17 +17,23 @@ class AgentError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Where the control socket of a reader's agent may be; `control` alone if it is not empty.
-std::vector<std::string> controlPaths(const std::string& control, std::uint32_t reader);
+// Which agent is meant.
+struct AgentPlace {
+  std::string control;  // path of its control socket; empty: wherever that of the reader's agent is
+  std::uint32_t reader = 0;
 
-// Why no agent answers at the paths; `error` is the system's number for the last of them.
-std::string agentProblem(const std::vector<std::string>& paths, int error);
+  // Where the control socket may be.
+  std::vector<std::string> paths() const;
+};
+
+// Why no agent answers there; `error` is the system's number.
+std::string agentProblem(const AgentPlace& place, int error);
 
 // One thread uses it. SIGINT and SIGTERM end the lines instead of the process from its making on.
 class AgentLines {
  public:
-  // Asks the agent at the first of the paths for its trace. Throws AgentError.
-  AgentLines(const std::vector<std::string>& paths, bool secrets);
+  // Asks the agent for its trace. Throws AgentError.
+  AgentLines(const AgentPlace& place, bool secrets);
 
   // The next line, without its end; none when the agent has ended or a signal has come.
   std::optional<std::string> next();

@@ -228,9 +228,9 @@ constexpr Named kObjects[] = {
 };
 
 constexpr Named kReferences[] = {
-    {Edge::kPiv, "00", "global PIN"},     {Edge::kPiv, "80", "PIV PIN"},
-    {Edge::kPiv, "81", "PUK"},            {Edge::kOpenPgp, "81", "PIN for signatures"},
-    {Edge::kOpenPgp, "82", "PIN"},        {Edge::kOpenPgp, "83", "admin PIN"},
+    {Edge::kPiv, "00", "global PIN"}, {Edge::kPiv, "80", "PIV PIN"},
+    {Edge::kPiv, "81", "PUK"},        {Edge::kOpenPgp, "81", "PIN for signatures"},
+    {Edge::kOpenPgp, "82", "PIN"},    {Edge::kOpenPgp, "83", "admin PIN"},
     {Edge::kCac, "00", "PIN"},
 };
 
@@ -298,9 +298,8 @@ bool isSuccess(std::uint16_t status) {
 
 const Application* findApplication(const std::string& aidDigits) {
   const auto* const found = std::find_if(
-      std::begin(kApplications), std::end(kApplications), [&](const Application& application) {
-        return aidDigits.rfind(application.aid, 0) == 0;
-      });
+      std::begin(kApplications), std::end(kApplications),
+      [&](const Application& application) { return aidDigits.rfind(application.aid, 0) == 0; });
   return found == std::end(kApplications) ? nullptr : found;
 }
 

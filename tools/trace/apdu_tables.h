@@ -2,8 +2,8 @@
 //
 // Sources: ISO/IEC 7816-4, -8 and -9 (instructions, status words); NIST SP 800-73-4 (PIV); the
 // Government Smart Card Interoperability Specification 2.1, NISTIR 6887 (CAC); the functional
-// specification of the OpenPGP application 3.4; GlobalPlatform Card Specification 2.3. Which of them
-// cards use is what OpenSC's drivers for them send.
+// specification of the OpenPGP application 3.4; GlobalPlatform Card Specification 2.3. Which of
+// them cards use is what OpenSC's drivers for them send.
 #pragma once
 
 #include <cstdint>

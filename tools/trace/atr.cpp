@@ -20,13 +20,13 @@ struct Clock {
   int longest;  // fmax, kHz
 };
 // By the high half of TA1.
-constexpr Clock kClocks[16] = {{372, 4000},  {372, 5000},   {558, 6000},    {744, 8000},
-                               {1116, 12000}, {1488, 16000}, {1860, 20000},  {kReserved, 0},
-                               {kReserved, 0}, {512, 5000},  {768, 7500},    {1024, 10000},
-                               {1536, 15000}, {2048, 20000}, {kReserved, 0}, {kReserved, 0}};
+constexpr Clock kClocks[16] = {{372, 4000},    {372, 5000},   {558, 6000},    {744, 8000},
+                               {1116, 12000},  {1488, 16000}, {1860, 20000},  {kReserved, 0},
+                               {kReserved, 0}, {512, 5000},   {768, 7500},    {1024, 10000},
+                               {1536, 15000},  {2048, 20000}, {kReserved, 0}, {kReserved, 0}};
 // Di, by the low half of TA1.
-constexpr int kFactors[16] = {kReserved, 1,  2,         4,         8,         16,
-                              32,        64, 12,        20,        kReserved, kReserved,
+constexpr int kFactors[16] = {kReserved, 1,         2,         4,        8,         16,
+                              32,        64,        12,        20,       kReserved, kReserved,
                               kReserved, kReserved, kReserved, kReserved};
 
 // The interface bytes TA, TB, TC and TD of one group.
@@ -167,10 +167,9 @@ std::string clockText(const Atr& atr) {
 std::string rateText(const Atr& atr) {
   if (!atr.clockDivisor || !atr.rateFactor) return "reserved value";
   constexpr std::int64_t kHertz = 1000;
-  const std::int64_t rate =
-      atr.longestClock * kHertz * *atr.rateFactor / *atr.clockDivisor;
-  return "at most " + std::to_string(rate) + " bit/s (Di " + std::to_string(*atr.rateFactor) + ", " +
-         thousandths(*atr.clockDivisor * 1000 / *atr.rateFactor) + " clocks a bit)";
+  const std::int64_t rate = atr.longestClock * kHertz * *atr.rateFactor / *atr.clockDivisor;
+  return "at most " + std::to_string(rate) + " bit/s (Di " + std::to_string(*atr.rateFactor) +
+         ", " + thousandths(*atr.clockDivisor * 1000 / *atr.rateFactor) + " clocks a bit)";
 }
 
 bool offers(const Atr& atr, int protocol) {
@@ -189,9 +188,9 @@ struct CompactTag {
 };
 // Compact-TLV data objects of ISO/IEC 7816-4.
 constexpr CompactTag kCompactTags[] = {
-    {1, "country"},          {2, "issuer"},           {3, "services"},   {4, "initial access"},
-    {5, "issuer's data"},    {6, "pre-issuing data"}, {7, "capabilities"}, {8, "status"},
-    {0xF, "application"},
+    {1, "country"},        {2, "issuer"},        {3, "services"},
+    {4, "initial access"}, {5, "issuer's data"}, {6, "pre-issuing data"},
+    {7, "capabilities"},   {8, "status"},        {0xF, "application"},
 };
 
 // The compact-TLV objects among the historical bytes; empty if they are none.
@@ -208,14 +207,16 @@ std::string compactText(const Bytes& historical) {
     const std::uint8_t tag = historical[at] >> 4;
     const std::size_t length = historical[at] & 0x0F;
     if (length > end - at - 1) return {};
-    const auto* const known = std::find_if(std::begin(kCompactTags), std::end(kCompactTags),
-                                           [tag](const CompactTag& entry) { return entry.tag == tag; });
+    const auto* const known =
+        std::find_if(std::begin(kCompactTags), std::end(kCompactTags),
+                     [tag](const CompactTag& entry) { return entry.tag == tag; });
     text += text.empty() ? "" : ", ";
     text += known == std::end(kCompactTags) ? "tag " + toHex({tag}) : std::string(known->name);
     text += " " + toHex(historical.data() + at + 1, length);
     at += length + 1;
   }
-  if (ended) text += (text.empty() ? "status " : ", status ") + toHex(historical.data() + end, kStatusSize);
+  if (ended)
+    text += (text.empty() ? "status " : ", status ") + toHex(historical.data() + end, kStatusSize);
   return text;
 }
 
@@ -243,7 +244,8 @@ std::vector<std::pair<std::string, std::string>> describeAtr(const Bytes& bytes)
   rows.emplace_back("clock", clockText(atr));
   rows.emplace_back("rate", rateText(atr));
   rows.emplace_back("guard time", guardText(atr));
-  if (offers(atr, 0)) rows.emplace_back("T=0", "waiting integer " + std::to_string(atr.waitingInteger));
+  if (offers(atr, 0))
+    rows.emplace_back("T=0", "waiting integer " + std::to_string(atr.waitingInteger));
   if (offers(atr, 1)) {
     rows.emplace_back("T=1", "blocks of " + std::to_string(atr.fieldSize) + " bytes, BWI " +
                                  std::to_string(atr.blockWaiting) + ", CWI " +

@@ -12,10 +12,10 @@
 namespace zelta::trace {
 
 struct Atr {
-  std::string problem;         // what is wrong with it; empty if nothing
-  bool inverse = false;        // convention
-  std::vector<int> protocols;  // T=, each once, in their order; T=0 if none is named
-  std::optional<int> specific; // the protocol of the specific mode (TA2)
+  std::string problem;          // what is wrong with it; empty if nothing
+  bool inverse = false;         // convention
+  std::vector<int> protocols;   // T=, each once, in their order; T=0 if none is named
+  std::optional<int> specific;  // the protocol of the specific mode (TA2)
   // From TA1; none of either if its value is reserved.
   std::optional<int> clockDivisor;  // Fi
   std::optional<int> rateFactor;    // Di
@@ -27,7 +27,7 @@ struct Atr {
   int characterWaiting = 13;        // CWI, T=1
   bool usesCrc = false;             // T=1; otherwise LRC
   Bytes historical;
-  std::optional<bool> checkGood;    // TCK; none if there is none to be
+  std::optional<bool> checkGood;  // TCK; none if there is none to be
 };
 
 Atr parseAtr(const Bytes& bytes);

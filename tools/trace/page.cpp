@@ -27,11 +27,11 @@ std::string toJson(const Record& record, const Words& words) {
     details += (details.empty() ? "[" : ",[") + quoteJson(name) + "," + quoteJson(value) + "]";
   }
   return "{\"time\":" + std::to_string(record.time) +
-         ",\"duration\":" + std::to_string(record.duration) + ",\"kind\":" + quoteJson(record.kind) +
-         ",\"exchange\":" + asJson(record.isExchange()) + ",\"good\":" + asJson(words.good) +
-         ",\"connected\":" + asJson(record.connected) + ",\"card\":" + quoteJson(record.card) +
-         ",\"what\":" + quoteJson(words.what) + ",\"answer\":" + quoteJson(words.answer) +
-         ",\"details\":[" + details + "]}";
+         ",\"duration\":" + std::to_string(record.duration) +
+         ",\"kind\":" + quoteJson(record.kind) + ",\"exchange\":" + asJson(record.isExchange()) +
+         ",\"good\":" + asJson(words.good) + ",\"connected\":" + asJson(record.connected) +
+         ",\"card\":" + quoteJson(record.card) + ",\"what\":" + quoteJson(words.what) +
+         ",\"answer\":" + quoteJson(words.answer) + ",\"details\":[" + details + "]}";
 }
 
 }  // namespace

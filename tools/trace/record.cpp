@@ -53,9 +53,8 @@ std::int64_t numberOf(const JsonObject& object, const char* name) {
 }
 
 bool isHexText(const std::string& digits) {
-  return digits.size() % 2 == 0 &&
-         std::all_of(digits.begin(), digits.end(),
-                     [](char c) { return c == '*' || hexDigit(c) >= 0; });
+  return digits.size() % 2 == 0 && std::all_of(digits.begin(), digits.end(),
+                                               [](char c) { return c == '*' || hexDigit(c) >= 0; });
 }
 
 std::string counted(std::size_t count) {
@@ -92,9 +91,9 @@ std::optional<Record> parseRecord(std::string_view line) {
   record.card = valueOf(*object, "card");
   record.session = valueOf(*object, "session_id");
   record.connected = valueOf(*object, "connected") == "true";
-  for (const auto& [name, bytes] : {std::pair("command", &record.command),
-                                    std::pair("response", &record.response),
-                                    std::pair("atr", &record.atr)}) {
+  for (const auto& [name, bytes] :
+       {std::pair("command", &record.command), std::pair("response", &record.response),
+        std::pair("atr", &record.atr)}) {
     const std::string digits = valueOf(*object, name);
     if (!isHexText(digits)) return std::nullopt;
     *bytes = HexText(digits);
@@ -154,8 +153,9 @@ Words Reader::describeTransmit(const Record& record) {
     const std::string subject = subjectOf(command, data);
     if (!subject.empty()) words.what += " " + subject;
     addDetail(words, "Class", toHex({*classByte}) + " " + className(*classByte));
-    addDetail(words, "Instruction", command.part(1, 1).digits() + " " +
-                                        instructionName(edge_, *command.byte(1), *parameters));
+    addDetail(
+        words, "Instruction",
+        command.part(1, 1).digits() + " " + instructionName(edge_, *command.byte(1), *parameters));
     addDetail(words, "P1 P2", command.part(2, 2).digits());
   } else {
     words.what = "not an APDU";
@@ -168,9 +168,8 @@ Words Reader::describeTransmit(const Record& record) {
   words.good = status && isSuccess(*status);
   if (status) {
     const HexText answered = response.part(0, response.size() - kStatusSize);
-    words.answer =
-        response.part(response.size() - kStatusSize, kStatusSize).digits() + " " +
-        statusName(*status);
+    words.answer = response.part(response.size() - kStatusSize, kStatusSize).digits() + " " +
+                   statusName(*status);
     words.answerData = answered.digits();
     addDetail(words, "Status", words.answer);
     addBytes(words, "Response data", answered);

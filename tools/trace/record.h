@@ -38,11 +38,11 @@ std::optional<Record> parseRecord(std::string_view line);
 
 // A record in words.
 struct Words {
-  std::string what;     // "SELECT CAC key 1", "card in"
-  std::string data;     // of the command; may be empty
-  std::string answer;   // "9000 success"; empty if there is none to be
+  std::string what;    // "SELECT CAC key 1", "card in"
+  std::string data;    // of the command; may be empty
+  std::string answer;  // "9000 success"; empty if there is none to be
   std::string answerData;
-  bool good = true;     // the card did what was asked
+  bool good = true;  // the card did what was asked
   // For whoever looks closer: names and values.
   std::vector<std::pair<std::string, std::string>> details;
 };

@@ -29,8 +29,7 @@ constexpr int kUsage = 2;
 
 struct Options {
   std::string file;  // a saved trace; empty: the agent's
-  std::string control;
-  std::uint32_t reader = 0;
+  AgentPlace agent;
   std::uint64_t count = 0;  // APDUs until the end; 0: no end
   std::string save;
   std::string html;
@@ -42,10 +41,10 @@ void declareOptions(CLI::App& app, Options& options) {
   auto* file = app.add_option("FILE", options.file, "Show this saved trace, not the agent's")
                    ->option_text("FILE");
   const auto live = [&](CLI::Option* option) { option->excludes(file); };
-  app.add_option("--reader", options.reader, "Index of the reader (default 0)")
+  app.add_option("--reader", options.agent.reader, "Index of the reader (default 0)")
       ->check(CLI::Range(std::uint32_t{0}, std::numeric_limits<std::uint32_t>::max()))
       ->option_text("INDEX");
-  app.add_option("--control", options.control, "Path of the agent's control socket")
+  app.add_option("--control", options.agent.control, "Path of the agent's control socket")
       ->option_text("PATH");
   app.add_option("-n,--count", options.count, "End after so many APDUs")->option_text("NUMBER");
   live(app.add_option("--save", options.save, "Write the trace to a file, to be shown again")
@@ -81,8 +80,7 @@ using NextLine = std::function<std::optional<std::string>()>;
 
 NextLine linesOf(const Options& options) {
   if (options.file.empty()) {
-    const auto lines = std::make_shared<AgentLines>(controlPaths(options.control, options.reader),
-                                                    options.showSecrets != 0);
+    const auto lines = std::make_shared<AgentLines>(options.agent, options.showSecrets != 0);
     return [lines] { return lines->next(); };
   }
   const auto input = std::make_shared<std::ifstream>(options.file);

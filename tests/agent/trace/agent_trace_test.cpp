@@ -48,8 +48,8 @@ class AgentTrace : public test::AgentTest {
 TEST_F(AgentTrace, Everything_IsToldInItsOrder) {
   test::DriverEnd driver;
   {
-    test::RunningAgent running(card_, test::patientTiming(), test::failTest,
-                               makeSystemPipeClient(), &notes_);
+    test::RunningAgent running(card_, test::patientTiming(), test::failTest, makeSystemPipeClient(),
+                               &notes_);
     expectServed(driver);
     EXPECT_TRUE(driver.notifyReady());
     EXPECT_EQ(driver.transmit(test::kSelect), test::heldAnswer(1));

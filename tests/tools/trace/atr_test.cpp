@@ -106,11 +106,16 @@ TEST(Atr, ReservedRates_AreNoNumbers) {
 
 TEST(Atr, WhatIsWrong_IsTold) {
   const std::pair<const char*, const char*> kWrong[] = {
-      {"", "begins with neither 3B nor 3F"},     {"00", "begins with neither 3B nor 3F"},
-      {"3B", "ends before T0"},                  {"3B10", "ends within the interface bytes"},
-      {"3B80", "ends within the interface bytes"}, {"3B0211", "ends within the historical bytes"},
-      {"3B8001", "has no check byte"},           {"3B800180", "has a wrong check byte"},
-      {"3B0000", "goes on after its end"},       {"3B80018100", "goes on after its end"},
+      {"", "begins with neither 3B nor 3F"},
+      {"00", "begins with neither 3B nor 3F"},
+      {"3B", "ends before T0"},
+      {"3B10", "ends within the interface bytes"},
+      {"3B80", "ends within the interface bytes"},
+      {"3B0211", "ends within the historical bytes"},
+      {"3B8001", "has no check byte"},
+      {"3B800180", "has a wrong check byte"},
+      {"3B0000", "goes on after its end"},
+      {"3B80018100", "goes on after its end"},
   };
   for (const auto& [digits, problem] : kWrong) {
     EXPECT_EQ(parsed(digits).problem, problem) << digits;

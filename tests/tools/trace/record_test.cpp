@@ -73,8 +73,7 @@ TEST(TraceLine, Exchange_HasTimeDurationClassInstructionAndStatusInWords) {
 TEST(TraceLine, WhatIsNoApdu_IsToldSo) {
   EXPECT_EQ(line(transmit("00", "6700")),
             "14:07:09.042   1.4 ms  > ISO not an APDU < 6700 wrong length");
-  EXPECT_EQ(line(transmit("00B00000", "")),
-            "14:07:09.042   1.4 ms  > ISO READ BINARY < no answer");
+  EXPECT_EQ(line(transmit("00B00000", "")), "14:07:09.042   1.4 ms  > ISO READ BINARY < no answer");
   EXPECT_EQ(line(transmit("00B00000", "90")),
             "14:07:09.042   1.4 ms  > ISO READ BINARY < no status word");
 }
@@ -92,18 +91,19 @@ TEST(TraceLine, WidthOfTheTerminal_IsKept) {
 }
 
 TEST(TraceLine, Events_AreInWords) {
-  EXPECT_EQ(lines({event("\"kind\":\"insert\""), event("\"kind\":\"remove\""),
-                   event("\"kind\":\"connect\""), event("\"kind\":\"late\",\"command\":\"00200080\""),
-                   event("\"kind\":\"lost\",\"count\":3"), event("\"kind\":\"future\""),
-                   event("\"kind\":\"begin\",\"reader\":0,\"backend\":\"pcsc\",\"card\":\"out\","
-                         "\"connected\":false,\"atr\":null")}),
-            (std::vector<std::string>{
-                "14:07:09.042           -- card in", "14:07:09.042           -- card out",
-                "14:07:09.042           -- driver connected, session begins",
-                "14:07:09.042           -- card late, answered in its place 00200080",
-                "14:07:09.042           -- 3 records lost: this reader is too slow",
-                "14:07:09.042           -- future",
-                "14:07:09.042           -- reader 0, pcsc card out, driver not connected"}));
+  EXPECT_EQ(
+      lines({event("\"kind\":\"insert\""), event("\"kind\":\"remove\""),
+             event("\"kind\":\"connect\""), event("\"kind\":\"late\",\"command\":\"00200080\""),
+             event("\"kind\":\"lost\",\"count\":3"), event("\"kind\":\"future\""),
+             event("\"kind\":\"begin\",\"reader\":0,\"backend\":\"pcsc\",\"card\":\"out\","
+                   "\"connected\":false,\"atr\":null")}),
+      (std::vector<std::string>{
+          "14:07:09.042           -- card in", "14:07:09.042           -- card out",
+          "14:07:09.042           -- driver connected, session begins",
+          "14:07:09.042           -- card late, answered in its place 00200080",
+          "14:07:09.042           -- 3 records lost: this reader is too slow",
+          "14:07:09.042           -- future",
+          "14:07:09.042           -- reader 0, pcsc card out, driver not connected"}));
   EXPECT_EQ(line(event("\"kind\":\"reset\",\"duration_us\":20,\"response\":\"3B00\"")),
             "14:07:09.042    20 us  > reset < [2] 3B00");
   EXPECT_EQ(line(event("\"kind\":\"atr\",\"duration_us\":2500000,\"response\":\"\"")),
@@ -136,16 +136,15 @@ TEST(TraceReader, Details_HaveEverythingWhole) {
   Reader reader;
   const Words words = reader.describe(transmit("00D6000001AA", "6982"));
   EXPECT_FALSE(words.good);
-  EXPECT_EQ(words.details,
-            (std::vector<std::pair<std::string, std::string>>{
-                {"Class", "00 ISO"},
-                {"Instruction", "D6 UPDATE BINARY"},
-                {"P1 P2", "0000"},
-                {"Command data", "AA (1 byte)"},
-                {"Command", "00D6000001AA (6 bytes)"},
-                {"Status", "6982 security status not satisfied"},
-                {"Response", "6982 (2 bytes)"},
-                {"Application", "ISO"}}));
+  EXPECT_EQ(words.details, (std::vector<std::pair<std::string, std::string>>{
+                               {"Class", "00 ISO"},
+                               {"Instruction", "D6 UPDATE BINARY"},
+                               {"P1 P2", "0000"},
+                               {"Command data", "AA (1 byte)"},
+                               {"Command", "00D6000001AA (6 bytes)"},
+                               {"Status", "6982 security status not satisfied"},
+                               {"Response", "6982 (2 bytes)"},
+                               {"Application", "ISO"}}));
 }
 
 TEST(TraceReader, ExtendedData_IsFound) {
