@@ -285,7 +285,8 @@ std::string statusName(std::uint16_t status) {
   if (found == std::end(kStatuses)) return "not known";
   std::string name = found->name;
   if ((status & kTriesMask) == kTriesLeft) {
-    name += ", " + std::to_string(status & ~kTriesMask) + " tries left";
+    const int left = status & ~kTriesMask;
+    name += ", " + std::to_string(left) + (left == 1 ? " try left" : " tries left");
   }
   return name;
 }

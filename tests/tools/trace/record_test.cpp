@@ -67,7 +67,7 @@ TEST(TraceLine, Exchange_HasTimeDurationClassInstructionAndStatusInWords) {
   EXPECT_EQ(line(transmit("00A4020C022F00", "6A82")),
             "14:07:09.042   1.4 ms  > ISO SELECT [2] 2F00 < 6A82 file or application not found");
   EXPECT_EQ(line(transmit("0020008002****", "63C1")),
-            "14:07:09.042   1.4 ms  > ISO VERIFY [2] **** < 63C1 wrong PIN or key, 1 tries left");
+            "14:07:09.042   1.4 ms  > ISO VERIFY [2] **** < 63C1 wrong PIN or key, 1 try left");
 }
 
 TEST(TraceLine, WhatIsNoApdu_IsToldSo) {
