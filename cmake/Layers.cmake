@@ -16,7 +16,7 @@ set(ZELTA_LAYERS
   "host:framework contract platform"
   "pcsc:host framework contract platform"
   "agent:contract platform"
-  "tools:platform logging"
+  "tools:contract platform logging"
 )
 
 # Headers in angle brackets that end in .h belong to the operating system or to a library. These

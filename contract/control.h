@@ -13,6 +13,9 @@ inline constexpr char kControlInsert[] = "insert";
 inline constexpr char kControlRemove[] = "remove";
 inline constexpr char kControlStatus[] = "status";
 inline constexpr char kControlStatusJson[] = "status json";
+// The answers to these two go on, a JSON object a line, until one of the two ends leaves.
+inline constexpr char kControlTrace[] = "trace";
+inline constexpr char kControlTraceSecrets[] = "trace secrets";
 
 // An answer begins with one of these. The reason follows the second, and ends with a line break.
 inline constexpr char kControlOk[] = "ok\n";

@@ -5,7 +5,7 @@ set(ZELTA_HANDLER_PATH ${CMAKE_INSTALL_PREFIX}/${ZELTA_MODULE_FOLDER}/libifdzelt
 configure_file(reader.conf.in reader.conf @ONLY)
 
 install(TARGETS zelta_vsc ifdzelta LIBRARY DESTINATION ${ZELTA_MODULE_FOLDER})
-install(TARGETS zelta-agent zelta-logs RUNTIME DESTINATION bin)
+install(TARGETS zelta-agent zelta-logs zelta-status zelta-trace RUNTIME DESTINATION bin)
 install(PROGRAMS zelta DESTINATION bin)
 install(PROGRAMS ${PROJECT_SOURCE_DIR}/scripts/make-demo-db.sh first-card.sh
         DESTINATION share/zelta)
@@ -15,10 +15,10 @@ foreach(section 1 5 8)
   file(GLOB pages CONFIGURE_DEPENDS man/*.${section})
   install(FILES ${pages} DESTINATION share/man/man${section})
 endforeach()
-foreach(program zelta zelta-agent zelta-logs)
+foreach(program zelta zelta-agent zelta-logs zelta-status zelta-trace)
   install(FILES completions/zelta DESTINATION share/bash-completion/completions RENAME ${program})
 endforeach()
 install(FILES completions/_zelta DESTINATION share/zsh/vendor-completions)
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION share/doc/zelta-vsc)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs DESTINATION share/doc/zelta-vsc
-        FILES_MATCHING PATTERN "*.md" PATTERN "*.svg")
+        FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.png")

@@ -4,30 +4,25 @@ set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-case "${1:-}" in
-  "") ;;
-  -h | --help)
-    say "Usage: ./zelta status
-Shows reader, state, agent, card and log file. Exit code 1: no reader is up."
-    exit 0
-    ;;
-  *) die_usage "status takes no '$1'; see ./zelta status --help" ;;
-esac
+usage() {
+  say "Usage: ./zelta status [--json] [--watch]
+Shows reader, state, protocol, card, ATR, agent, session, counts and log file.
+  --json   one object on one line, for programs
+  --watch  show it again whenever it changes, until Ctrl-C
+Exit code 1: no reader is up, or its agent does not answer."
+}
+
+for word in "$@"; do
+  case "$word" in
+    --json | --watch) ;;
+    *) help_or_die status "$word" ;;
+  esac
+done
 
 need_up
-ask_root "to ask the agent"
+program=$ZELTA_BUILD_DIR/bin/zelta-status
+[ -x "$program" ] || die "zelta-status is not built; ./zelta up builds it"
 use_running_reader
-readers=$(opensc-tool --list-readers 2>/dev/null || true)
-reader=$(printf '%s\n' "$readers" | sed -n 's/^ *0 *\(Yes\|No\) *//p')
-case $(printf '%s\n' "$readers" | awk '$1 == "0" { print $2 }') in
-  Yes) state="card present" ;;
-  No) state="empty" ;;
-  *) state="not listed by pcscd" ;;
-esac
-say "Reader: ${reader:-none}"
-say "State:  $state"
-agent=$(as_root "to ask the agent" \
-  "$ZELTA_BUILD_DIR/bin/zelta-agent" ctl status --control "$ZELTA_RUN_DIR/agent.ctl") ||
-  agent="not running"
-printf '%s\n' "$agent" | sed '1s/^/Agent:  /; 2,$s/^/        /'
-say "Log:    $(newest_log "$ZELTA_RUN_DIR/data/Vornhalt/ZeltaAgent/logs")"
+as_root "to ask the agent" \
+  env ${PCSCLITE_CSOCK_NAME:+"PCSCLITE_CSOCK_NAME=$PCSCLITE_CSOCK_NAME"} \
+  "ZELTA_PROGRAM_DATA=$ZELTA_RUN_DIR/data" "$program" --control "$ZELTA_RUN_DIR/agent.ctl" "$@"

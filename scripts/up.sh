@@ -31,7 +31,7 @@ done
 if [ "$running_only" = no ]; then
   ask_root "to run pcscd and the agent with the reader"
   need_packages "${BUILD_PACKAGES[@]}" "${RUN_PACKAGES[@]}"
-  build_preset release zelta_vsc ifdzelta zelta-agent zelta-logs
+  build_preset release zelta_vsc ifdzelta zelta-agent zelta-logs zelta-status zelta-trace
 fi
 if [ "$(id -u)" -ne 0 ]; then
   say "Root is needed to run pcscd and the agent with the reader: sudo $0 --run-only"

@@ -6,8 +6,28 @@
 
 namespace zelta::agent {
 
-CardSlot::CardSlot(CardBackend& backend, std::function<void()> onDeparture, OnFailure onFailure)
-    : backend_(backend), onDeparture_(std::move(onDeparture)), onFailure_(std::move(onFailure)) {}
+namespace {
+
+TraceRecord::Kind kindOf(Command::Kind kind) {
+  switch (kind) {
+    case Command::Kind::kAtrWithReset:
+      return TraceRecord::Kind::kReset;
+    case Command::Kind::kAtr:
+      return TraceRecord::Kind::kAtr;
+    case Command::Kind::kTransmit:
+      break;
+  }
+  return TraceRecord::Kind::kTransmit;
+}
+
+}  // namespace
+
+CardSlot::CardSlot(CardBackend& backend, std::function<void()> onDeparture, OnFailure onFailure,
+                   TraceSink* trace)
+    : backend_(backend),
+      onDeparture_(std::move(onDeparture)),
+      onFailure_(std::move(onFailure)),
+      trace_(trace) {}
 
 CardSlot::~CardSlot() { stop(); }
 
@@ -39,11 +59,45 @@ CardId CardSlot::card() const {
 }
 
 Outcome CardSlot::perform(const Command& command, CardId card) {
-  platform::SecretBytes response(call(command));
+  platform::SecretBytes response(callTraced(command));
   const platform::MutexLock lock(mutex_);
   if (response.size() == 0 || card_ != card) return {Outcome::Result::kNoAnswer};
   if (command.kind != Command::Kind::kTransmit) atr_ = response.get();
   return {Outcome::Result::kAnswered, std::move(response), card};
+}
+
+Bytes CardSlot::callTraced(const Command& command) {
+  const bool transmits = command.kind == Command::Kind::kTransmit;
+  const bool told = trace_ != nullptr && trace_->wanted();
+  TraceRecord record;
+  if (told) {
+    record.kind = kindOf(command.kind);
+    record.time = TraceRecord::Clock::now();
+  }
+  const SteadyClock::time_point begin = told ? SteadyClock::now() : SteadyClock::time_point();
+  Bytes response = call(command);
+  if (transmits) apdus_.fetch_add(1, std::memory_order_relaxed);
+  if (response.empty()) unanswered_.fetch_add(1, std::memory_order_relaxed);
+  if (!told) {
+    secrets_.miss();
+    return response;
+  }
+  record.duration =
+      std::chrono::duration_cast<std::chrono::microseconds>(SteadyClock::now() - begin);
+  record.command = command.apdu.get();
+  record.response = response;
+  if (transmits) record.hidden = secrets_.look(record.command, response);
+  trace_->take(record);
+  platform::wipe(record.command.data(), record.command.size());
+  platform::wipe(record.response.data(), record.response.size());
+  return response;
+}
+
+void CardSlot::tell(TraceRecord::Kind kind) {
+  if (trace_ == nullptr || !trace_->wanted()) return;
+  TraceRecord record;
+  record.kind = kind;
+  trace_->take(record);
 }
 
 Bytes CardSlot::call(const Command& command) {
@@ -58,7 +112,10 @@ Bytes CardSlot::call(const Command& command) {
   return backend_.transmit(command.apdu.get());
 }
 
-void CardSlot::ready() { backend_.ready(); }
+void CardSlot::ready() {
+  backend_.ready();
+  tell(TraceRecord::Kind::kReady);
+}
 
 std::string CardSlot::insert() { return backend_.insert(); }
 
@@ -66,7 +123,7 @@ std::string CardSlot::remove() { return backend_.remove(); }
 
 CardSlot::Status CardSlot::status() const {
   const platform::MutexLock lock(mutex_);
-  return {card_, atr_};
+  return {card_, atr_, apdus_, unanswered_};
 }
 
 void CardSlot::cardInserted() {
@@ -74,6 +131,7 @@ void CardSlot::cardInserted() {
   if (card_ != kNoCard) return;
   card_ = ++lastCard_;
   atr_.clear();
+  tell(TraceRecord::Kind::kInsert);
   if (observer_ != nullptr) observer_->cardArrived(card_);
 }
 
@@ -83,6 +141,7 @@ void CardSlot::cardRemoved() {
     if (card_ == kNoCard) return;
     card_ = kNoCard;
     atr_.clear();
+    tell(TraceRecord::Kind::kRemove);
     if (observer_ != nullptr) observer_->cardDeparted();
   }
   if (onDeparture_) onDeparture_();

@@ -6,6 +6,8 @@
 // thread the back end notifies: it must return quickly and must not call the slot.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -13,6 +15,7 @@
 #include "agent/link/command.h"
 #include "agent/link/report_rule.h"
 #include "agent/program/failure.h"
+#include "agent/trace/trace_record.h"
 #include "contract/bytes.h"
 #include "platform/sync/sync.h"
 
@@ -33,13 +36,17 @@ class CardSlot final : private CardListener {
 
   struct Status {
     CardId card = kNoCard;
-    Bytes atr;  // as last seen of the card that is in; may be empty
+    Bytes atr;                     // as last seen of the card that is in; may be empty
+    std::uint64_t apdus = 0;       // that the card has been given
+    std::uint64_t unanswered = 0;  // commands that it left without an answer
   };
 
   // `backend` outlives the slot and is started and stopped by it. `onDeparture` is called after the
   // observer, without a lock held; may be empty. `onFailure` learns of a thread of the back end
-  // that has ended by an exception.
-  CardSlot(CardBackend& backend, std::function<void()> onDeparture, OnFailure onFailure);
+  // that has ended by an exception. `trace`, which is told of everything, may be null; it outlives
+  // the slot.
+  CardSlot(CardBackend& backend, std::function<void()> onDeparture, OnFailure onFailure,
+           TraceSink* trace = nullptr);
   // Stops first if that has not been done.
   ~CardSlot();
   CardSlot(const CardSlot&) = delete;
@@ -85,10 +92,17 @@ class CardSlot final : private CardListener {
   void cardFailed(const char* problem) override { onFailure_(problem); }
 
   Bytes call(const Command& command);
+  // The same, counted and told.
+  Bytes callTraced(const Command& command);
+  void tell(TraceRecord::Kind kind);
 
   CardBackend& backend_;
   const std::function<void()> onDeparture_;
   const OnFailure onFailure_;
+  TraceSink* const trace_;  // not owned; may be null
+  SecretMask secrets_;      // the caller's of `perform`
+  std::atomic<std::uint64_t> apdus_{0};
+  std::atomic<std::uint64_t> unanswered_{0};
   mutable platform::Mutex mutex_;
   Observer* observer_ ZELTA_GUARDED_BY(mutex_) = nullptr;
   CardId card_ ZELTA_GUARDED_BY(mutex_) = kNoCard;

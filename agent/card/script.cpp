@@ -74,7 +74,8 @@ std::chrono::milliseconds takeDelay(Line& line) {
 
 Bytes takeBytes(Line& line, const std::string& what) {
   std::string digits = line.take(what);
-  while (!line.atEnd() && line.peek() != "after") digits += " " + line.take(what);
+  while (!line.atEnd() && line.peek() != "after" && line.peek() != "then")
+    digits += " " + line.take(what);
   const std::optional<Bytes> bytes = parseHex(digits);
   if (!bytes) line.fail("'" + digits + "' is not hexadecimal");
   return *bytes;
@@ -104,7 +105,6 @@ ScriptResponse takeResponse(Line& line) {
     response.bytes = takeBytes(line, "a response");
   }
   response.delay = takeDelay(line);
-  line.finish();
   return response;
 }
 
@@ -157,6 +157,7 @@ class Parser {
     } else if (word == "otherwise") {
       once(line, word);
       script_.otherwise = takeResponse(line);
+      line.finish();
     } else if (word == "command") {
       parseCommand(line);
     } else if (word == "at") {
@@ -202,7 +203,12 @@ class Parser {
   void parseCommand(Line& line) {
     CommandPattern pattern = takePattern(line, {"->"});
     if (!line.takeIf("->")) line.fail("'->' is missing");
-    script_.replies.push_back({std::move(pattern), takeResponse(line)});
+    Script::Reply reply{std::move(pattern), {}};
+    do {
+      reply.responses.push_back(takeResponse(line));
+    } while (line.takeIf("then"));
+    line.finish();
+    script_.replies.push_back(std::move(reply));
   }
 
   void parseTrigger(Line& line) {
@@ -241,9 +247,11 @@ Bytes ScriptResponse::to(const Bytes& command) const {
   return kind == Kind::kEcho ? withSuccess(command) : bytes;
 }
 
-const ScriptResponse& Script::responseTo(const Bytes& command) const {
-  for (const Reply& reply : replies) {
-    if (reply.pattern.matches(command)) return reply.response;
+const ScriptResponse& Script::responseTo(const Bytes& command) {
+  for (Reply& reply : replies) {
+    if (reply.pattern.matches(command)) {
+      return reply.responses[reply.given++ % reply.responses.size()];
+    }
   }
   return otherwise;
 }

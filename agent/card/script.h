@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <stdexcept>
@@ -42,7 +43,8 @@ enum class CardAction { kInsert, kRemove };
 struct Script {
   struct Reply {
     CommandPattern pattern;
-    ScriptResponse response;
+    std::vector<ScriptResponse> responses;  // in turns, from the first again; at least one
+    std::size_t given = 0;                  // how many times one of them has been
   };
   struct Timed {
     std::chrono::milliseconds at;  // after the start
@@ -63,7 +65,7 @@ struct Script {
   std::vector<Timed> timed;
   std::vector<Trigger> triggers;
 
-  const ScriptResponse& responseTo(const Bytes& command) const;
+  const ScriptResponse& responseTo(const Bytes& command);
 };
 
 // Throws ScriptError.

@@ -45,7 +45,7 @@ class ScriptCard final : public CardBackend {
   void runTimed();
   std::string act(CardAction action);
 
-  const Script script_;
+  Script script_;
   CardListener* listener_ = nullptr;  // non-owning; from start to stop
 
   // Around each insertion and removal with its notice.

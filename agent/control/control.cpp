@@ -1,6 +1,8 @@
 #include "agent/control/control.h"
 
+#include "agent/trace/trace_record.h"
 #include "contract/bytes.h"
+#include "contract/json.h"
 
 namespace zelta::agent {
 
@@ -10,21 +12,12 @@ std::string answerAction(const std::string& problem) {
   return problem.empty() ? kControlOk : kControlError + problem + "\n";
 }
 
-// As a JSON string. What is not ASCII is passed on as it is.
-std::string quoted(const std::string& text) {
-  std::string json = "\"";
-  for (const char c : text) {
-    const auto code = static_cast<std::uint8_t>(c);
-    if (c == '"' || c == '\\') {
-      json += '\\';
-      json += c;
-    } else if (code < ' ') {
-      json += "\\u00" + toHex({code});
-    } else {
-      json += c;
-    }
-  }
-  return json + "\"";
+std::string counted(std::uint64_t count, const std::string& one) {
+  return std::to_string(count) + " " + one + (count == 1 ? "" : "s");
+}
+
+std::string member(const char* name, std::uint64_t value) {
+  return std::string(",\"") + name + "\":" + std::to_string(value);
 }
 
 const char* asJson(bool value) { return value ? "true" : "false"; }
@@ -40,15 +33,26 @@ std::string statusText(const Agent::Status& status) {
   text +=
       "ATR:       " + (status.atr.empty() ? std::string("not known") : toHex(status.atr)) + "\n";
   text += "session:   " + status.sessionId + "\n";
+  text += "counts:    " + counted(status.apdus, "APDU") + ", " + counted(status.errors, "error") +
+          ", " + counted(status.timeouts, "time-out") + ", " +
+          counted(status.reconnects, "reconnect") + "\n";
   return text;
 }
 
 std::string statusJson(const Agent::Status& status) {
-  const std::string atr = status.atr.empty() ? "null" : quoted(toHex(status.atr));
+  const std::string atr = status.atr.empty() ? "null" : quoteJson(toHex(status.atr));
   return "{\"reader\":" + std::to_string(status.reader) +
-         ",\"connected\":" + asJson(status.connected) + ",\"backend\":" + quoted(status.backend) +
-         ",\"card\":" + quoted(status.cardIn ? "in" : "out") + ",\"atr\":" + atr +
-         ",\"session_id\":" + quoted(status.sessionId) + "}\n";
+         ",\"connected\":" + asJson(status.connected) +
+         ",\"backend\":" + quoteJson(status.backend) +
+         ",\"card\":" + quoteJson(status.cardIn ? "in" : "out") + ",\"atr\":" + atr +
+         ",\"session_id\":" + quoteJson(status.sessionId) + member("apdus", status.apdus) +
+         member("errors", status.errors) + member("timeouts", status.timeouts) +
+         member("reconnects", status.reconnects) + "}\n";
+}
+
+std::string traceBegin(const Agent::Status& status) {
+  const std::string now = std::to_string(toMicroseconds(TraceRecord::Clock::now()));
+  return "{\"time_us\":" + now + ",\"kind\":\"begin\"," + statusJson(status).substr(1);
 }
 
 std::string answerControl(Agent& agent, const std::string& line) {

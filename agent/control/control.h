@@ -25,5 +25,7 @@ ControlResult readControlAnswer(const std::string& answer);
 std::string statusText(const Agent::Status& status);
 // One JSON object on one line.
 std::string statusJson(const Agent::Status& status);
+// A trace's first line: how it is when the trace begins. See docs/trace.md.
+std::string traceBegin(const Agent::Status& status);
 
 }  // namespace zelta::agent

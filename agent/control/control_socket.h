@@ -7,12 +7,14 @@
 #include <string>
 #include <vector>
 
+#include "agent/control/control_feed.h"
 #include "agent/program/failure.h"
 
 namespace zelta::agent {
 
 // The agent's end. One thread serves one client after the other; a client that does not ask within
-// a second is dropped. Only the agent's own user (and root) can connect.
+// a second is dropped. A client that asks for a trace is fed by a thread of its own, as long as it
+// stays. Only the agent's own user (and root) can connect.
 class ControlServer {
  public:
   // Answers one line, on the server's thread.
@@ -30,9 +32,15 @@ class ControlServer {
 //
 // With `link`, leaves a symbolic link to the socket there, in the place of another agent's. An
 // agent that may not write there goes without.
+//
+// `openFeed` makes the feeds of traces; without it there are none.
 std::unique_ptr<ControlServer> openControlServer(const std::string& path,
                                                  ControlServer::Handler handler,
-                                                 OnFailure onFailure, const std::string& link = {});
+                                                 OnFailure onFailure, const std::string& link = {},
+                                                 OpenFeed openFeed = {});
+
+// As many clients are fed at a time.
+inline constexpr std::size_t kMostFeeds = 4;
 
 // No agent listens; the message says at which paths.
 class NoAgentError : public std::runtime_error {

@@ -174,6 +174,7 @@ std::string DriverConnection::describe(const Command& command) const {
 bool DriverConnection::answer(const Command& command, const Outcome& outcome) {
   if (outcome.result == Outcome::Result::kLate) {
     log_.warning(describe(command) + ": the card is not done in time");
+    if (settings_.onLate) settings_.onLate(command);
     return answerOtherwise(command, lateAnswer(command.kind));
   }
   const bool answered = outcome.result == Outcome::Result::kAnswered;

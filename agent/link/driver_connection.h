@@ -34,6 +34,8 @@ class DriverConnection final : private CommandStream {
     // gives up.
     std::chrono::milliseconds answerLimit;
     std::chrono::milliseconds driverLimit;
+    // Called when a command is answered in the place of a card that is late; may be empty.
+    std::function<void(const Command&)> onLate{};
   };
 
   // Everything passed by reference outlives the connection. `onAlive` is called once, on a thread

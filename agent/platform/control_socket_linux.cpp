@@ -1,9 +1,12 @@
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
@@ -107,13 +110,76 @@ bool isOtherFile(const std::string& path) {
   return exists(status) && !is_socket(status);
 }
 
+// Feeds one client, on a thread of its own, until the client leaves, sends anything more, or
+// `stop`.
+class FedClient {
+ public:
+  FedClient(ScopedFd client, const StopEvent& stop, const OpenFeed& openFeed,
+            const std::string& line, const OnFailure& onFailure)
+      : client_(std::move(client)),
+        stop_(stop),
+        wake_(checkedFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")),
+        feed_(openFeed(line, [this] { eventfd_write(wake_.get(), 1); })),
+        thread_([this, &onFailure] {
+          guarded(onFailure, [this] { serve(); });
+          feed_.reset();
+          shutdown(client_.get(), SHUT_RDWR);
+          ended_ = true;
+        }) {}
+  ~FedClient() { thread_.join(); }
+  FedClient(const FedClient&) = delete;
+  FedClient& operator=(const FedClient&) = delete;
+
+  bool ended() const { return ended_; }
+
+ private:
+  void serve() {
+    for (std::string text = kControlOk + feed_->take(); sendAll(text); text = feed_->take()) {
+      if (!waitForMore()) return;
+    }
+  }
+
+  bool sendAll(std::string_view text) {
+    while (!text.empty()) {
+      const ssize_t sent = send(client_.get(), text.data(), text.size(), MSG_NOSIGNAL);
+      if (sent >= 0) {
+        text.remove_prefix(static_cast<std::size_t>(sent));
+      } else if (!isPassing(errno) ||
+                 stop_.waitFor(client_.get(), POLLOUT).reason != StopEvent::Reason::kReady) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  // Until there is something to take; false if there is nobody to give it to.
+  bool waitForMore() {
+    std::array<pollfd, 3> waited = {
+        {{wake_.get(), POLLIN, 0}, {client_.get(), POLLIN, 0}, {stop_.fd(), POLLIN, 0}}};
+    while (poll(waited.data(), waited.size(), -1) < 0) {
+      if (errno != EINTR) return false;
+    }
+    eventfd_t count = 0;
+    eventfd_read(wake_.get(), &count);
+    return waited[1].revents == 0 && waited[2].revents == 0;
+  }
+
+  const ScopedFd client_;
+  const StopEvent& stop_;
+  const ScopedFd wake_;
+  std::unique_ptr<ControlFeed> feed_;  // the thread's
+  std::atomic<bool> ended_{false};
+  std::thread thread_;
+};
+
 class SocketServer final : public ControlServer {
  public:
   SocketServer(const std::string& path, Handler handler, OnFailure onFailure,
-               const std::string& link)
+               const std::string& link, OpenFeed openFeed)
       : place_(path),
         handler_(std::move(handler)),
         onFailure_(std::move(onFailure)),
+        openFeed_(std::move(openFeed)),
         stop_("no event"),
         listener_(listenAt(path)),
         link_(link, path) {
@@ -156,10 +222,9 @@ class SocketServer final : public ControlServer {
       const StopEvent::Waited waited = stop_.waitFor(listener_.get(), POLLIN);
       if (waited.reason == StopEvent::Reason::kStopped) return;
       if (waited.reason == StopEvent::Reason::kFailed) failToServe();
-      const ScopedFd client(
-          accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+      ScopedFd client(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
       if (client.valid()) {
-        serveClient(client);
+        serveClient(std::move(client));
       } else if (!isPassing(errno) && errno != ECONNABORTED) {
         failToServe();
       }
@@ -170,10 +235,29 @@ class SocketServer final : public ControlServer {
     throw std::system_error(errno, std::generic_category(), "the control socket");
   }
 
-  void serveClient(const ScopedFd& client) {
+  void serveClient(ScopedFd client) {
     const std::optional<std::string> line = readLine(client, stop_);
     if (!line) return;
-    const std::string answer = handler_(*line);
+    if (openFeed_ && (*line == kControlTrace || *line == kControlTraceSecrets)) {
+      feed(std::move(client), *line);
+    } else {
+      reply(client, handler_(*line));
+    }
+  }
+
+  void feed(ScopedFd client, const std::string& line) {
+    fed_.erase(
+        std::remove_if(fed_.begin(), fed_.end(), [](const auto& fed) { return fed->ended(); }),
+        fed_.end());
+    if (fed_.size() == kMostFeeds) {
+      reply(client, kControlError + std::to_string(kMostFeeds) + " traces are being followed\n");
+      return;
+    }
+    fed_.push_back(
+        std::make_unique<FedClient>(std::move(client), stop_, openFeed_, line, onFailure_));
+  }
+
+  static void reply(const ScopedFd& client, const std::string& answer) {
     // Far shorter than what a socket takes without a reader.
     const ssize_t sent = send(client.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
     static_cast<void>(sent);  // a client that is gone needs no answer
@@ -182,11 +266,13 @@ class SocketServer final : public ControlServer {
   platform::SocketPlace place_;
   const Handler handler_;
   const OnFailure onFailure_;
+  const OpenFeed openFeed_;
   const StopEvent stop_;
   ScopedFd folder_;
   const ScopedFd listener_;
   const ScopedLink link_;
   std::atomic<bool> removed_{false};
+  std::vector<std::unique_ptr<FedClient>> fed_;  // the thread's
   std::thread thread_;
 };
 
@@ -194,8 +280,10 @@ class SocketServer final : public ControlServer {
 
 std::unique_ptr<ControlServer> openControlServer(const std::string& path,
                                                  ControlServer::Handler handler,
-                                                 OnFailure onFailure, const std::string& link) {
-  return std::make_unique<SocketServer>(path, std::move(handler), std::move(onFailure), link);
+                                                 OnFailure onFailure, const std::string& link,
+                                                 OpenFeed openFeed) {
+  return std::make_unique<SocketServer>(path, std::move(handler), std::move(onFailure), link,
+                                        std::move(openFeed));
 }
 
 std::string askAgent(const std::vector<std::string>& paths, const std::string& line) {

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <functional>
 #include <iostream>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -28,6 +29,8 @@
 #include "agent/program/session_id.h"
 #include "agent/remote/forwarder.h"
 #include "agent/remote/remote_card.h"
+#include "agent/trace/card_recorder.h"
+#include "agent/trace/trace_hub.h"
 #include "agent/version.h"
 #include "contract/control.h"
 #include "platform/files/scoped_fd_linux.h"
@@ -138,11 +141,16 @@ std::unique_ptr<CardBackend> makeRemoteCard(std::function<void()> onEnd, Log& lo
 // A remote card's agent, which any user may be, does without a control socket if it has no place
 // for one; others need theirs.
 std::unique_ptr<ControlServer> openControl(const Options& options, const std::string& path,
-                                           Agent& agent, const OnFailure& onFailure, Log& log) {
+                                           Agent& agent, TraceHub& hub, const OnFailure& onFailure,
+                                           Log& log) {
   try {
     return openControlServer(
         path, [&agent](const std::string& line) { return answerControl(agent, line); }, onFailure,
-        controlLinkPath(platform::pipeRoot(), options.reader));
+        controlLinkPath(platform::pipeRoot(), options.reader),
+        [&agent, &hub](const std::string& line, std::function<void()> wake) {
+          return hub.follow(line == kControlTraceSecrets, traceBegin(agent.status()),
+                            std::move(wake));
+        });
   } catch (const std::runtime_error& error) {
     if (options.backend != BackendKind::kRemote || !options.control.empty()) throw;
     log.info(std::string("No control socket: ") + error.what());
@@ -159,13 +167,18 @@ int runAtDriver(const Options& options, Endings& endings, Log& log) {
   settings.sessionId = options.sessionId.empty() ? newSessionId() : options.sessionId;
   settings.onConnection = tellState;
   settings.onFailure = onFailure;
+  std::optional<CardRecorder> recorder;
+  TraceHub hub;
+  if (!options.recordFile.empty()) hub.alsoTell(recorder.emplace(options.recordFile, log));
+  settings.trace = &hub;
 
   const std::unique_ptr<PipeClientPort> pipes = makeSystemPipeClient();
   const std::unique_ptr<CardBackend> backend =
       options.backend == BackendKind::kRemote ? makeRemoteCard([&endings] { endings.end(); }, log)
                                               : makeBackend(options, log);
   Agent agent(*pipes, *backend, settings, log);
-  const std::unique_ptr<ControlServer> control = openControl(options, path, agent, onFailure, log);
+  const std::unique_ptr<ControlServer> control =
+      openControl(options, path, agent, hub, onFailure, log);
   agent.start();
   log.info(std::string("zelta-agent ") + kVersion + ": reader " + std::to_string(options.reader) +
            ", " + backend->name() + " card, session " + settings.sessionId + ", control " + path);

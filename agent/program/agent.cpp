@@ -1,5 +1,6 @@
 #include "agent/program/agent.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "contract/wire.h"
@@ -7,6 +8,8 @@
 namespace zelta::agent {
 
 namespace {
+
+constexpr std::size_t kHeaderSize = 4;  // of an APDU: what may be told of a command
 
 Connector::Settings connectorSettings(const Agent::Settings& settings) {
   return {commandPipeName(settings.reader), eventPipeName(settings.reader),
@@ -21,7 +24,7 @@ Agent::Agent(PipeClientPort& port, CardBackend& backend, Settings settings, Log&
       settings_(std::move(settings)),
       log_(log),
       slot_(
-          backend, [this] { threads_.cardDeparted(); }, settings_.onFailure),
+          backend, [this] { threads_.cardDeparted(); }, settings_.onFailure, settings_.trace),
       threads_(slot_, settings_.timing.answerLimit, [this](const char* problem) { fail(problem); }),
       connector_(port, connectorSettings(settings_), log) {}
 
@@ -70,7 +73,8 @@ void Agent::serve(const PipePair& pipes) {
   const Timing& timing = settings_.timing;
   const DriverConnection::Settings settings{{settings_.sessionId, timing.grace, timing.driverLimit},
                                             timing.answerLimit,
-                                            timing.driverLimit};
+                                            timing.driverLimit,
+                                            [this](const Command& command) { noteLate(command); }};
   bool wasAlive = false;
   {
     DriverConnection connection(
@@ -107,8 +111,25 @@ void Agent::setConnected(bool connected) {
     if (connected_ == connected) return;
     connected_ = connected;
   }
+  if (connected) ++connections_;
+  TraceRecord record;
+  record.kind = connected ? TraceRecord::Kind::kConnect : TraceRecord::Kind::kDisconnect;
+  tell(record);
   log_.info(connected ? "Connected to the driver" : "The driver is gone");
   if (settings_.onConnection) settings_.onConnection(connected);
+}
+
+void Agent::noteLate(const Command& command) {
+  timeouts_.fetch_add(1, std::memory_order_relaxed);
+  TraceRecord record;
+  record.kind = TraceRecord::Kind::kLate;
+  const std::size_t header = std::min(command.apdu.size(), kHeaderSize);
+  record.command.assign(command.apdu.get().data(), command.apdu.get().data() + header);
+  tell(record);
+}
+
+void Agent::tell(const TraceRecord& record) const {
+  if (settings_.trace != nullptr && settings_.trace->wanted()) settings_.trace->take(record);
 }
 
 std::string Agent::insertCard() {
@@ -135,6 +156,11 @@ Agent::Status Agent::status() const {
   status.backend = backend_.name();
   status.cardIn = card.card != kNoCard;
   status.atr = card.atr;
+  status.apdus = card.apdus;
+  status.errors = card.unanswered;
+  status.timeouts = timeouts_;
+  const std::uint64_t connections = connections_;
+  status.reconnects = connections == 0 ? 0 : connections - 1;
   return status;
 }
 

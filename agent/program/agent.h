@@ -1,6 +1,7 @@
 // The agent: keeps the card and serves the driver of one reader, over any number of connections.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -14,6 +15,7 @@
 #include "agent/program/failure.h"
 #include "agent/program/log.h"
 #include "agent/program/service.h"
+#include "agent/trace/trace_record.h"
 #include "contract/bytes.h"
 #include "contract/wire.h"
 #include "platform/sync/sync.h"
@@ -44,6 +46,8 @@ class Agent final : public Service {
     // Called on a thread that ends by an exception: the agent must be stopped, because it can serve
     // nobody any more.
     OnFailure onFailure;
+    // Told of what happens between the driver and the card; null for nobody. Outlives the agent.
+    TraceSink* trace = nullptr;
   };
 
   struct Status {
@@ -53,6 +57,11 @@ class Agent final : public Service {
     std::string backend;
     bool cardIn = false;
     Bytes atr;  // empty if the card has not been asked yet
+    // Since the start:
+    std::uint64_t apdus = 0;     // that the card has been given
+    std::uint64_t errors = 0;    // commands that it left without an answer
+    std::uint64_t timeouts = 0;  // commands that were answered in its place because it was late
+    std::uint64_t reconnects = 0;
   };
 
   // Everything passed by reference outlives the agent.
@@ -80,6 +89,8 @@ class Agent final : public Service {
   void fail(const char* problem);
   bool stopping() const;
   void setConnected(bool connected);
+  void noteLate(const Command& command);
+  void tell(const TraceRecord& record) const;
 
   PipeClientPort& port_;
   CardBackend& backend_;
@@ -88,6 +99,8 @@ class Agent final : public Service {
   CardSlot slot_;
   CommandThreads threads_;
   Connector connector_;
+  std::atomic<std::uint64_t> timeouts_{0};
+  std::atomic<std::uint64_t> connections_{0};
   mutable platform::Mutex mutex_;
   bool stopping_ ZELTA_GUARDED_BY(mutex_) = false;
   bool connected_ ZELTA_GUARDED_BY(mutex_) = false;

@@ -46,10 +46,10 @@ Value valueOf(const Named<Value> (&table)[kCount], const std::string& name, Valu
   return fallback;
 }
 
-// Options of what only Linux has: the control socket, the emulated card, a real reader's card and a
-// driver at another machine.
-constexpr const char* kLinuxOptions[] = {"--control", "--db",          "--pin", "--pin-file",
-                                         "--cert",    "--pcsc-reader", "--to",  "--ssh"};
+// Options of what only Linux has: the control socket, the emulated card, a real reader's card, a
+// driver at another machine and the recorder.
+constexpr const char* kLinuxOptions[] = {"--control",     "--db", "--pin", "--pin-file", "--cert",
+                                         "--pcsc-reader", "--to", "--ssh", "--record"};
 
 // What the command line sets besides `Options` itself.
 struct Flags {
@@ -119,6 +119,9 @@ void addCardOptions(CLI::App& app, Options& options, Flags& flags) {
   app.add_option("--script", options.scriptFile, "File that the card answers from")
       ->option_text("FILE")
       ->group("Scripted card");
+  app.add_option("--record", options.recordFile,
+                 "Write a card script from what the card answers,\nsecrets masked")
+      ->option_text("FILE");
 }
 
 void addRemoteOptions(CLI::App& app, Options& options, Flags& flags) {

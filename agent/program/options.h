@@ -38,6 +38,7 @@ struct Options {
   std::string scriptFile;
   std::optional<SshAddress> to;  // where the driver is, if at another machine
   std::string ssh = "ssh";       // the program that gets there
+  std::string recordFile;        // empty: none
   bool json = false;
 };
 

@@ -40,7 +40,8 @@ agent::Timing patientTiming() {
 }
 
 RunningAgent::RunningAgent(agent::CardBackend& card, agent::Timing timing,
-                           agent::OnFailure onFailure, std::unique_ptr<agent::PipeClientPort> pipes)
+                           agent::OnFailure onFailure, std::unique_ptr<agent::PipeClientPort> pipes,
+                           agent::TraceSink* trace)
     : log_(agent::Severity::kDebug, lines_.sink()), pipes_(std::move(pipes)) {
   agent::Agent::Settings settings;
   settings.sessionId = kSession;
@@ -51,6 +52,7 @@ RunningAgent::RunningAgent(agent::CardBackend& card, agent::Timing timing,
     changed_.notifyAll();
   };
   settings.onFailure = std::move(onFailure);
+  settings.trace = trace;
   agent_ = std::make_unique<agent::Agent>(*pipes_, card, settings, log_);
   agent_->start();
   thread_ = std::thread([this] { agent::guarded(failTest, [this] { agent_->run(); }); });

@@ -59,7 +59,8 @@ class RunningAgent {
   explicit RunningAgent(
       agent::CardBackend& card, agent::Timing timing = patientTiming(),
       agent::OnFailure onFailure = failTest,
-      std::unique_ptr<agent::PipeClientPort> pipes = agent::makeSystemPipeClient());
+      std::unique_ptr<agent::PipeClientPort> pipes = agent::makeSystemPipeClient(),
+      agent::TraceSink* trace = nullptr);
   ~RunningAgent() { stop(); }
 
   agent::Agent& agent() { return *agent_; }

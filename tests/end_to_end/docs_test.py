@@ -118,7 +118,7 @@ MESSAGES_OF_OTHERS = {
 PRODUCT = ("agent", "agent_link", "driver", "host", "pcsc", "reader")
 
 # Follows until it is interrupted.
-STAYS = {"./zelta logs --level error", "sudo zelta-logs"}
+STAYS = {"./zelta logs --level error", "./zelta trace", "sudo zelta trace", "sudo zelta-logs"}
 # What the text before a command supposes.
 FIRST = {"sudo zelta card insert": "sudo zelta card remove"}
 
@@ -178,7 +178,8 @@ class PagesTest(unittest.TestCase):
                 f"lowerdir=/{name},upperdir={changes},workdir={work}", f"/{name}")
             self.addCleanup(run, "umount", "--lazy", f"/{name}")
         programs = self.new_folder("programs")
-        for program in (SOURCE / "packaging" / "zelta", AGENT, BUILD / "bin" / "zelta-logs"):
+        tools = [BUILD / "bin" / f"zelta-{name}" for name in ("logs", "status", "trace")]
+        for program in (SOURCE / "packaging" / "zelta", AGENT, *tools):
             (programs / program.name).symlink_to(program)
         (programs / "sudo").write_text('#!/bin/sh\nexec "$@"\n')  # these tests run as root
         (programs / "sudo").chmod(0o755)

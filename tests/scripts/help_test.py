@@ -10,8 +10,8 @@ BIN = pathlib.Path(os.environ["ZELTA_BUILD_DIR"]) / "bin"
 ZELTA = SOURCE / "zelta"
 COMMANDS = [
     [ZELTA],
-    *([ZELTA, word] for word in ("up", "down", "status", "card", "logs", "test", "check", "mutate",
-                                 "models", "package", "soak", "bench")),
+    *([ZELTA, word] for word in ("up", "down", "status", "card", "trace", "logs", "test", "check",
+                                 "mutate", "models", "package", "soak", "bench")),
     [SOURCE / "scripts" / "fuzz.sh"],
     [SOURCE / "scripts" / "lint.sh"],
     [SOURCE / "scripts" / "make-demo-db.sh"],
@@ -21,6 +21,8 @@ COMMANDS = [
     *([BIN / "zelta-agent", "ctl", *words] for words in ([], ["insert"], ["remove"], ["status"])),
     [BIN / "zelta-logs"],
     [BIN / "zelta-logs", "prune"],
+    [BIN / "zelta-status"],
+    [BIN / "zelta-trace"],
 ]
 
 

@@ -11,12 +11,12 @@ namespace {
 
 using std::chrono::milliseconds;
 
-Bytes responseOf(const Script& script, const Bytes& command) {
+Bytes responseOf(Script& script, const Bytes& command) {
   return script.responseTo(command).to(command);
 }
 
 TEST(Script, SmallestScript_HasAnAtrOnly) {
-  const Script script = parseScript("atr 3B 00\n");
+  Script script = parseScript("atr 3B 00\n");
   EXPECT_EQ(script.atr.bytes, (Bytes{0x3B, 0x00}));
   EXPECT_EQ(script.atr.delay, milliseconds(0));
   EXPECT_TRUE(script.cardIn);
@@ -36,7 +36,7 @@ TEST(Script, Atr_MayBeLateOrNone) {
 }
 
 TEST(Script, FirstReplyThatMatches_Answers) {
-  const Script script = parseScript(
+  Script script = parseScript(
       "atr 3B00\n"
       "command 00A40400 -> 9000\n"
       "command 00 A4 ?? 00 -> 6A82 after 5ms\n"
@@ -57,8 +57,22 @@ TEST(Script, FirstReplyThatMatches_Answers) {
   EXPECT_EQ(script.otherwise.delay, milliseconds(1000));
 }
 
+TEST(Script, ResponsesInTurns_BeginAgainAfterTheLast) {
+  Script script = parseScript(
+      "atr 3B00\n"
+      "command 00C0 -> 61 10 then 90 00 after 5ms then none then fill 1\n"
+      "command 00B0 -> 6A82\n");
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(responseOf(script, {0x00, 0xC0}), (Bytes{0x61, 0x10}));
+    EXPECT_EQ(responseOf(script, {0x00, 0xB0}), (Bytes{0x6A, 0x82}));
+    EXPECT_EQ(script.responseTo({0x00, 0xC0}).delay, milliseconds(5));
+    EXPECT_EQ(responseOf(script, {0x00, 0xC0}), Bytes());
+    EXPECT_EQ(responseOf(script, {0x00, 0xC0}), (Bytes{0x00, 0x90, 0x00}));
+  }
+}
+
 TEST(Script, LongestFill_IsTheLongestResponseOfACard) {
-  const Script script = parseScript("atr 3B00\ncommand * -> fill 65536");
+  Script script = parseScript("atr 3B00\ncommand * -> fill 65536");
   EXPECT_EQ(responseOf(script, {}).size(), 65538u);
 }
 
@@ -107,7 +121,9 @@ TEST_P(BadScript, IsRefusedWithItsLine) {
 
 INSTANTIATE_TEST_SUITE_P(
     Lines, BadScript,
-    testing::Values(Bad{"", "line 0: no 'atr' line up to here"},
+    testing::Values(Bad{"atr 3B00\notherwise 9000 then 6A82", "line 2: 'then' is too much"},
+                    Bad{"atr 3B00\ncommand 00 -> 9000 then", "line 2: a response is missing"},
+                    Bad{"", "line 0: no 'atr' line up to here"},
                     Bad{"card in\n\n", "line 2: no 'atr' line up to here"},
                     Bad{"atr", "line 1: an ATR is missing"},
                     Bad{"atr 3", "line 1: '3' is not hexadecimal"},

@@ -6,12 +6,17 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "contract/control.h"
 #include "platform/files/scoped_fd_linux.h"
@@ -171,6 +176,142 @@ TEST_F(ControlSocket, LinkThatCannotBeMade_IsGoneWithout) {
   std::ofstream(folder_.file("file")) << "precious";
   const auto server = openControlServer(path_, echo, test::failTest, folder_.file("file/link"));
   EXPECT_EQ(askAgent({path_}, "x\n"), "<x>");
+}
+
+// Tells each of its feeds the same.
+class Bulletin {
+ public:
+  class Feed final : public ControlFeed {
+   public:
+    Feed(Bulletin& bulletin, std::function<void()> wake)
+        : bulletin_(bulletin), wake_(std::move(wake)) {
+      const platform::MutexLock lock(bulletin_.mutex_);
+      bulletin_.feeds_.push_back(this);
+    }
+    ~Feed() override {
+      const platform::MutexLock lock(bulletin_.mutex_);
+      auto& feeds = bulletin_.feeds_;
+      feeds.erase(std::remove(feeds.begin(), feeds.end(), this), feeds.end());
+      bulletin_.changed_.notifyAll();
+    }
+    std::string take() override {
+      const platform::MutexLock lock(bulletin_.mutex_);
+      return std::exchange(text_, {});
+    }
+
+   private:
+    friend class Bulletin;
+    Bulletin& bulletin_;
+    const std::function<void()> wake_;
+    std::string text_ = "first\n";  // guarded by the bulletin's mutex
+  };
+
+  OpenFeed opener() {
+    return [this](const std::string& line, std::function<void()> wake) {
+      {
+        const platform::MutexLock lock(mutex_);
+        asked_ += "<" + line + ">";
+      }
+      return std::make_unique<Feed>(*this, std::move(wake));
+    };
+  }
+  void tell(const std::string& text) {
+    const platform::MutexLock lock(mutex_);
+    for (Feed* feed : feeds_) {
+      feed->text_ += text;
+      feed->wake_();
+    }
+  }
+  void waitForFeeds(std::size_t count) {
+    platform::MutexLock lock(mutex_);
+    changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return feeds_.size() == count; });
+  }
+  std::string asked() {
+    const platform::MutexLock lock(mutex_);
+    return asked_;
+  }
+
+ private:
+  platform::Mutex mutex_;
+  platform::ConditionVariable changed_;
+  std::vector<Feed*> feeds_ ZELTA_GUARDED_BY(mutex_);
+  std::string asked_ ZELTA_GUARDED_BY(mutex_);
+};
+
+std::string readLines(const ScopedFd& client, int count) {
+  std::string text;
+  char c = 0;
+  while (count > 0 && read(client.get(), &c, 1) == 1) {
+    text += c;
+    if (c == '\n') --count;
+  }
+  return text;
+}
+
+ScopedFd ask(const std::string& path, const std::string& line) {
+  ScopedFd client = connectTo(path);
+  EXPECT_EQ(send(client.get(), line.data(), line.size(), MSG_NOSIGNAL),
+            static_cast<ssize_t>(line.size()));
+  return client;
+}
+
+class ControlFeeds : public ControlSocket {
+ protected:
+  ControlFeeds()
+      : server_(openControlServer(path_, echo, test::failTest, {}, bulletin_.opener())) {}
+
+  Bulletin bulletin_;
+  std::unique_ptr<ControlServer> server_;
+};
+
+TEST_F(ControlFeeds, Client_IsToldWhatComesWhileOthersAreAnswered) {
+  const ScopedFd plain = ask(path_, "trace\n");
+  const ScopedFd secret = ask(path_, "trace secrets\n");
+  EXPECT_EQ(readLines(plain, 2), "ok\nfirst\n");
+  EXPECT_EQ(readLines(secret, 2), "ok\nfirst\n");
+  EXPECT_EQ(bulletin_.asked(), "<trace><trace secrets>");
+  bulletin_.tell("more\n");
+  EXPECT_EQ(readLines(plain, 1), "more\n");
+  EXPECT_EQ(readLines(secret, 1), "more\n");
+  EXPECT_EQ(askAgent({path_}, "x\n"), "<x>");
+}
+
+TEST_F(ControlFeeds, ClientThatLeaves_IsForgottenAtOnce) {
+  {
+    const ScopedFd client = ask(path_, "trace\n");
+    EXPECT_EQ(readLines(client, 2), "ok\nfirst\n");
+  }
+  bulletin_.waitForFeeds(0);
+}
+
+TEST_F(ControlFeeds, MoreThanSoMany_AreRefusedUntilOneLeaves) {
+  std::vector<ScopedFd> clients;
+  for (std::size_t i = 0; i < kMostFeeds; ++i) {
+    clients.push_back(ask(path_, "trace\n"));
+    EXPECT_EQ(readLines(clients.back(), 2), "ok\nfirst\n");
+  }
+  EXPECT_EQ(readAll(ask(path_, "trace\n")), "error: 4 traces are being followed\n");
+  clients.pop_back();
+  bulletin_.waitForFeeds(kMostFeeds - 1);
+  std::string answer;  // the client's thread may be about to end
+  while (answer != "ok\nfirst\n") {
+    const ScopedFd client = ask(path_, "trace\n");
+    answer = readLines(client, 1);
+    if (answer == "ok\n") answer += readLines(client, 1);
+  }
+}
+
+TEST_F(ControlFeeds, ClientThatDoesNotRead_DoesNotHoldUpTheEnd) {
+  const ScopedFd client = ask(path_, "trace\n");
+  EXPECT_EQ(readLines(client, 2), "ok\nfirst\n");
+  bulletin_.tell(std::string(std::size_t{8} << 20, 'x'));
+  server_.reset();
+  bulletin_.waitForFeeds(0);
+}
+
+TEST_F(ControlSocket, ServerWithoutFeeds_LeavesTheLineToItsHandler) {
+  const auto server = openControlServer(path_, echo, test::failTest);
+  EXPECT_EQ(askAgent({path_}, "trace\n"), "<trace>");
 }
 
 TEST_F(ControlSocket, NoAgent_IsAMessage) {

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
+#include "contract/json.h"
 #include "tests/agent/running_agent.h"
 #include "tests/doubles/agent/held_card.h"
 
@@ -16,6 +19,10 @@ Agent::Status someStatus() {
   status.backend = "script";
   status.cardIn = true;
   status.atr = {0x3B, 0x00};
+  status.apdus = 7;
+  status.errors = 1;
+  status.timeouts = 2;
+  status.reconnects = 3;
   return status;
 }
 
@@ -26,25 +33,29 @@ TEST(Control, StatusForPeople_IsALineEach) {
             "back end:  script\n"
             "card:      in\n"
             "ATR:       3B00\n"
-            "session:   id\n");
+            "session:   id\n"
+            "counts:    7 APDUs, 1 error, 2 time-outs, 3 reconnects\n");
   EXPECT_EQ(statusText(Agent::Status()),
             "reader:    0\n"
             "driver:    not connected\n"
             "back end:  \n"
             "card:      out\n"
             "ATR:       not known\n"
-            "session:   \n");
+            "session:   \n"
+            "counts:    0 APDUs, 0 errors, 0 time-outs, 0 reconnects\n");
 }
 
 TEST(Control, StatusForPrograms_IsOneJsonObject) {
   EXPECT_EQ(statusJson(someStatus()),
             "{\"reader\":3,\"connected\":true,\"backend\":\"script\",\"card\":\"in\","
-            "\"atr\":\"3B00\",\"session_id\":\"id\"}\n");
+            "\"atr\":\"3B00\",\"session_id\":\"id\",\"apdus\":7,\"errors\":1,\"timeouts\":2,"
+            "\"reconnects\":3}\n");
   Agent::Status odd;
   odd.sessionId = "a\"b\\c\n";
   EXPECT_EQ(statusJson(odd),
             "{\"reader\":0,\"connected\":false,\"backend\":\"\",\"card\":\"out\","
-            "\"atr\":null,\"session_id\":\"a\\\"b\\\\c\\u000A\"}\n");
+            "\"atr\":null,\"session_id\":\"a\\\"b\\\\c\\u000A\",\"apdus\":0,\"errors\":0,"
+            "\"timeouts\":0,\"reconnects\":0}\n");
 }
 
 TEST(Control, StatusForPrograms_SaysToWhomReadsItWhetherACardIsIn) {
@@ -52,6 +63,14 @@ TEST(Control, StatusForPrograms_SaysToWhomReadsItWhetherACardIsIn) {
   EXPECT_TRUE(saysCardIsIn(kControlOk + statusJson(status), status.reader));
   status.cardIn = false;
   EXPECT_FALSE(saysCardIsIn(kControlOk + statusJson(status), status.reader));
+}
+
+TEST(Control, TraceBegin_IsTheStatusWithATime) {
+  const auto begin = parseJsonObject(traceBegin(someStatus()));
+  ASSERT_TRUE(begin);
+  EXPECT_EQ(begin->at("kind"), "begin");
+  EXPECT_EQ(begin->at("session_id"), "id");
+  EXPECT_GT(std::stoll(begin->at("time_us")), 1700000000000000);
 }
 
 TEST(Control, Lines_AreAnswered) {

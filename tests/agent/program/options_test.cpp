@@ -50,6 +50,12 @@ TEST(Options, EmulatedCard_TakesAllOfItsOptions) {
   EXPECT_EQ(options.logLevel, Severity::kWarning);
 }
 
+TEST(Options, Record_IsForEveryBackEnd) {
+  EXPECT_EQ(taken({}).recordFile, "");
+  EXPECT_EQ(taken({"--record", "r"}).recordFile, "r");
+  EXPECT_EQ(taken({"--backend", "script", "--script", "f", "--record", "r"}).recordFile, "r");
+}
+
 TEST(Options, OtherBackEnds_TakeTheirOptions) {
   const Options script = taken({"--backend", "script", "--script", "f", "--card-inserted"});
   EXPECT_EQ(script.backend, BackendKind::kScript);

@@ -105,7 +105,8 @@ TEST_F(Program, Ctl_MovesTheCardAndTellsTheState) {
   EXPECT_EQ(ended.exitCode, 0);
   EXPECT_EQ(ended.text, std::string("{\"reader\":0,\"connected\":true,\"backend\":\"script\","
                                     "\"card\":\"in\",\"atr\":\"3B00\",\"session_id\":\"") +
-                            kSession + "\"}\n");
+                            kSession +
+                            "\",\"apdus\":0,\"errors\":0,\"timeouts\":0,\"reconnects\":0}\n");
   ended = ctl({"insert"});
   EXPECT_EQ(ended.exitCode, 1);
   EXPECT_EQ(ended.text, "zelta-agent: a card is in already\n");

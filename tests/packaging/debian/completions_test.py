@@ -13,10 +13,12 @@ ZSH = SOURCE / "packaging" / "completions" / "_zelta"
 MANUAL = SOURCE / "packaging" / "man"
 AGENT = str(BUILD / "bin" / "zelta-agent")
 LOGS = str(BUILD / "bin" / "zelta-logs")
+STATUS = str(BUILD / "bin" / "zelta-status")
+TRACE = str(BUILD / "bin" / "zelta-trace")
 ZELTA = str(SOURCE / "zelta")
 INSTALLED = str(SOURCE / "packaging" / "zelta")
-CHECKOUT_COMMANDS = {"up", "down", "status", "card", "logs", "test", "check", "mutate", "models",
-                     "package", "soak", "bench"}
+CHECKOUT_COMMANDS = {"up", "down", "status", "card", "trace", "logs", "test", "check", "mutate",
+                     "models", "package", "soak", "bench"}
 
 
 def help_of(*command):
@@ -45,6 +47,9 @@ class Completions(unittest.TestCase):
         self.assertEqual(complete("_zelta_agent", "zelta-agent", "--"), options_of(AGENT))
         self.assertEqual(complete("_zelta_logs", "zelta-logs", "--"), options_of(LOGS))
         self.assertEqual(complete("_zelta", "zelta", "logs", "--"), options_of(LOGS))
+        for command, program in (("status", STATUS), ("trace", TRACE)):
+            self.assertEqual(complete(f"_zelta_{command}", program, "--"), options_of(program))
+            self.assertEqual(complete("_zelta", "zelta", command, "--"), options_of(program))
         self.assertEqual(complete("_zelta", "/usr/bin/zelta", "logs", "--"), options_of(LOGS))
         for words in ("_zelta_logs", "zelta-logs"), ("_zelta", "zelta", "logs"):
             self.assertEqual(complete(*words, "prune", "--"), options_of(LOGS, "prune"))
@@ -71,7 +76,8 @@ class Completions(unittest.TestCase):
     def test_zsh_knows_every_command_and_option(self):
         text = ZSH.read_text()
         known = set(re.findall(r"--[a-z-]+", text))
-        programs = [(AGENT,), (AGENT, "ctl", "status"), (LOGS,), (LOGS, "prune"), (INSTALLED,), (ZELTA,),
+        programs = [(AGENT,), (AGENT, "ctl", "status"), (LOGS,), (LOGS, "prune"), (STATUS,), (TRACE,),
+                    (INSTALLED,), (ZELTA,),
                     *((ZELTA, command) for command in CHECKOUT_COMMANDS)]
         for program in programs:
             self.assertEqual(options_of(*program) - known, set(), program)
@@ -87,11 +93,15 @@ class Manual(unittest.TestCase):
         ctl = options_of(AGENT, "ctl", "status")
         for page, options in (("zelta-agent.1", options_of(AGENT) | ctl),
                               ("zelta-logs.1", options_of(LOGS) | options_of(LOGS, "prune")),
+                              ("zelta-status.1", options_of(STATUS)),
+                              ("zelta-trace.1", options_of(TRACE)),
                               ("zelta.1", options_of(INSTALLED) | ctl - {"--control"})):
             self.assertEqual(options - manual_options(page), set(), page)
 
     def test_pages_name_no_option_that_is_not_there(self):
-        known = options_of(AGENT) | options_of(AGENT, "ctl", "status") | options_of(LOGS)
+        known = options_of(AGENT) | options_of(AGENT, "ctl", "status")
+        for program in (LOGS, STATUS, TRACE):
+            known |= options_of(program)
         known |= options_of(LOGS, "prune")
         for page in MANUAL.iterdir():
             self.assertEqual(manual_options(page.name) - known, set(), page.name)

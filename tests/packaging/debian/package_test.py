@@ -52,7 +52,7 @@ class DebianPackage(unittest.TestCase):
         files = {line.split(" ./", 1)[1].removesuffix(".gz")
                  for line in listing.splitlines() if line[0] == "-"}
         documents = {f"usr/share/doc/zelta-vsc/docs/{path.name}"
-                     for pattern in ("*.md", "*.svg")
+                     for pattern in ("*.md", "*.svg", "*.png")
                      for path in (stack.SOURCE / "docs").glob(pattern)}
         self.assertEqual(documents - files, set())
         self.assertEqual(files - documents, {
@@ -66,6 +66,8 @@ class DebianPackage(unittest.TestCase):
             "usr/bin/zelta",
             "usr/bin/zelta-agent",
             "usr/bin/zelta-logs",
+            "usr/bin/zelta-status",
+            "usr/bin/zelta-trace",
             "usr/lib/sysusers.d/zelta-vsc.conf",
             "usr/lib/tmpfiles.d/zelta-vsc.conf",
             "usr/lib/zelta/libifdzelta.so",
@@ -76,9 +78,13 @@ class DebianPackage(unittest.TestCase):
             "usr/share/bash-completion/completions/zelta",
             "usr/share/bash-completion/completions/zelta-agent",
             "usr/share/bash-completion/completions/zelta-logs",
+            "usr/share/bash-completion/completions/zelta-status",
+            "usr/share/bash-completion/completions/zelta-trace",
             "usr/share/man/man1/zelta.1",
             "usr/share/man/man1/zelta-agent.1",
             "usr/share/man/man1/zelta-logs.1",
+            "usr/share/man/man1/zelta-status.1",
+            "usr/share/man/man1/zelta-trace.1",
             "usr/share/man/man5/zelta-agent.conf.5",
             "usr/share/man/man5/zelta-card-script.5",
             "usr/share/man/man5/zelta-registry.5",

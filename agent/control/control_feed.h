@@ -1,0 +1,23 @@
+// What one client of the control socket is told for as long as it stays.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace zelta::agent {
+
+class ControlFeed {
+ public:
+  virtual ~ControlFeed() = default;  // ends the calls of `wake`
+
+  // What has come since the last call; empty if nothing has. One thread at a time.
+  virtual std::string take() = 0;
+};
+
+// What the line asks to be told. `wake` is called, on any thread, when there is something to take;
+// it must not block.
+using OpenFeed = std::function<std::unique_ptr<ControlFeed>(const std::string& line,
+                                                            std::function<void()> wake)>;
+
+}  // namespace zelta::agent

@@ -1,0 +1,55 @@
+// What is told of the card's life, one record an event, and whom it is told.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "agent/trace/secret_mask.h"
+#include "contract/bytes.h"
+
+namespace zelta::agent {
+
+struct TraceRecord {
+  enum class Kind {
+    kInsert,
+    kRemove,
+    kConnect,     // the driver has accepted the connection
+    kDisconnect,  // and is gone
+    kReset,       // the ATR, after a reset
+    kAtr,
+    kTransmit,
+    kReady,  // the driver uses the card from now on
+    kLate,   // the agent has answered in the card's place
+  };
+  using Clock = std::chrono::system_clock;
+
+  Kind kind = Kind::kInsert;
+  Clock::time_point time = Clock::now();  // when it began
+  std::chrono::microseconds duration{0};  // of kReset, kAtr, kTransmit
+  Bytes command{};                        // of kTransmit; of kLate its header
+  Bytes response{};                       // empty: none
+  HiddenParts hidden{};
+};
+
+// The names of the kinds in a trace.
+const char* kindName(TraceRecord::Kind kind);
+
+// One JSON object on one line, as docs/trace.md describes it. Secrets are masked unless wanted.
+std::string toJson(const TraceRecord& record, bool secrets);
+
+// Microseconds since 1970.
+std::int64_t toMicroseconds(TraceRecord::Clock::time_point time);
+
+// Any thread; the records of commands come one at a time. Returns within a moment: the card waits.
+class TraceSink {
+ public:
+  // Whether anybody reads what `take` would get.
+  virtual bool wanted() const = 0;
+  virtual void take(const TraceRecord& record) = 0;
+
+ protected:
+  ~TraceSink() = default;
+};
+
+}  // namespace zelta::agent

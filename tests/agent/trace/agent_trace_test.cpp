@@ -1,0 +1,102 @@
+// What an agent tells of its card and its driver, and what it counts.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "agent/trace/trace_hub.h"
+#include "tests/agent/program/agent_fixture.h"
+
+namespace zelta::agent {
+namespace {
+
+using Kind = TraceRecord::Kind;
+
+// Keeps the records.
+class Notes final : public TraceSink {
+ public:
+  bool wanted() const override { return true; }
+  void take(const TraceRecord& record) override {
+    const platform::MutexLock lock(mutex_);
+    records_.push_back(record);
+    changed_.notifyAll();
+  }
+  // "kind command>response" of each; waits until there are so many.
+  std::string text(std::size_t count) {
+    platform::MutexLock lock(mutex_);
+    changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return records_.size() >= count; });
+    std::string text;
+    for (const TraceRecord& record : records_) {
+      text += kindName(record.kind);
+      const std::string bytes = toHex(record.command) + ">" + toHex(record.response);
+      text += (bytes == ">" ? "" : " " + bytes) + "\n";
+    }
+    return text;
+  }
+
+ private:
+  platform::Mutex mutex_;
+  platform::ConditionVariable changed_;
+  std::vector<TraceRecord> records_ ZELTA_GUARDED_BY(mutex_);
+};
+
+class AgentTrace : public test::AgentTest {
+ protected:
+  Notes notes_;
+};
+
+TEST_F(AgentTrace, Everything_IsToldInItsOrder) {
+  test::DriverEnd driver;
+  {
+    test::RunningAgent running(card_, test::patientTiming(), test::failTest, makeSystemPipeClient(),
+                               &notes_);
+    expectServed(driver);
+    EXPECT_TRUE(driver.notifyReady());
+    EXPECT_EQ(driver.transmit(test::kSelect), test::heldAnswer(1));
+    EXPECT_EQ(running.agent().removeCard(), "");
+    EXPECT_EQ(running.agent().status().apdus, 1u);
+    EXPECT_EQ(running.agent().status().errors, 0u);
+    EXPECT_EQ(running.agent().status().reconnects, 0u);
+  }
+  EXPECT_EQ(notes_.text(7),
+            "insert\n"
+            "connect\n"
+            "reset >3B00\n"
+            "ready\n"
+            "transmit 00A40400>019000\n"
+            "remove\n"
+            "disconnect\n");
+}
+
+TEST_F(AgentTrace, LateCard_IsCountedAndToldWithoutTheData) {
+  agent::Timing timing = test::patientTiming();
+  timing.answerLimit = std::chrono::milliseconds(50);
+  test::DriverEnd driver;
+  test::RunningAgent running(card_, timing, test::failTest, makeSystemPipeClient(), &notes_);
+  EXPECT_EQ(driver.acceptSession(), test::kSession);
+  card_.hold();
+  EXPECT_EQ(driver.transmit({0x00, 0x20, 0x00, 0x80, 0x01, 0x31}), (Bytes{0x6F, 0x00}));
+  EXPECT_EQ(running.agent().status().timeouts, 1u);
+  EXPECT_THAT(notes_.text(3), testing::HasSubstr("late 00200080>\n"));
+  card_.letGo();
+}
+
+TEST_F(AgentTrace, MuteCardAndSecondConnection_AreCounted) {
+  test::DriverEnd driver;
+  test::RunningAgent running(card_);
+  expectServed(driver);
+  running.waitConnected(true);
+  card_.setMute(true);
+  EXPECT_EQ(driver.transmit(test::kSelect), Bytes());
+  EXPECT_EQ(running.agent().status().apdus, 1u);
+  EXPECT_EQ(running.agent().status().errors, 1u);
+  driver.disconnect();
+  running.waitConnected(false);
+  card_.setMute(false);
+  expectServed(driver);
+  running.waitConnected(true);
+  EXPECT_EQ(running.agent().status().reconnects, 1u);
+}
+
+}  // namespace
+}  // namespace zelta::agent

@@ -1,0 +1,229 @@
+"""zelta-status, zelta-trace and the agent's --record with a card that programs use."""
+
+import json
+import os
+import re
+import signal
+import subprocess
+import unittest
+
+import stack
+from firefox import Firefox
+from stack import AGENT, BUILD, PIN, CardTest, Process, StackTest, run, wait_until
+
+STATUS = BUILD / "bin" / "zelta-status"
+TRACE = BUILD / "bin" / "zelta-trace"
+PIN_DIGITS = PIN.encode().hex().upper()
+MASKED = "*" * len(PIN_DIGITS)
+SAMPLE = stack.SOURCE / "tests" / "tools" / "trace" / "sample.jsonl"
+
+
+def records(path):
+    return [json.loads(line) for line in path.read_text().splitlines()]
+
+
+def exchanges(path):
+    return [(record["command"], record["response"]) for record in records(path)
+            if record["kind"] == "transmit"]
+
+
+class Status(CardTest):
+    def status(self, *options, check=True):
+        return run(STATUS, "--control", self.stack.control, *options,
+                   env=self.stack.environment, check=check)
+
+    def test_table_has_reader_card_agent_and_log(self):
+        run("opensc-tool", "--send-apdu", "00A4040007A0000000790100")
+        text = self.status().stdout
+        for line in (r"reader:    0", r"name:      Zelta Virtual SmartCard Reader 00 00",
+                     r"state:     (powered|negotiable|specific)", r"protocol:  T=[01]",
+                     r"driver:    connected", r"back end:  emulated", r"card:      in",
+                     r"ATR:       3B[0-9A-F]+", r"  protocols   T=0.*", r"  clock       at most .* MHz .*",
+                     r"  rate        at most \d+ bit/s .*", r"  historical  [0-9A-F]+ \".*\".*",
+                     r"session:   [0-9a-f-]{36}",
+                     r"counts:    [1-9]\d* APDUs, 0 errors, 0 time-outs, 0 reconnects",
+                     rf"log file:  {self.stack.logs}/zelta_vsc_.*\.txt"):
+            self.assertRegex(text, rf"(?m)^{line}$")
+
+    def test_json_is_one_object(self):
+        status = json.loads(self.status("--json").stdout)
+        self.assertEqual((status["reader"], status["card"], status["connected"]), (0, "in", True))
+        self.assertEqual(status["name"], "Zelta Virtual SmartCard Reader 00 00")
+        self.assertIn("T=0", status["atr_decoded"]["protocols"])
+
+    def test_watch_shows_each_change(self):
+        log = self.folder / "watch.log"
+        watch = Process([STATUS, "--control", self.stack.control, "--watch", "--json"], log,
+                        self.stack.environment)
+        self.addCleanup(watch.end)
+        wait_until(lambda: '"card":"in"' in log.read_text(), "the first status")
+        self.stack.ctl("remove")
+        wait_until(lambda: re.search(r'"card":"out".*"state":"absent"', log.read_text()),
+                   "the removal")
+
+    def test_without_an_agent_it_says_so_and_fails(self):
+        missing = run(STATUS, "--control", self.folder / "none", env=self.stack.environment,
+                      check=False)
+        self.assertEqual(missing.returncode, 1)
+        self.assertIn(f"agent:     no agent is running at {self.folder}/none\n", missing.stdout)
+        self.assertIn("state:     ", missing.stdout)
+
+
+class Trace(CardTest):
+    def follow(self, *options):
+        """The trace, which has begun."""
+        log = self.folder / "trace.log"
+        trace = Process([TRACE, "--control", self.stack.control, *options], log, self.home)
+        wait_until(lambda: " reader 0, " in log.read_text(), "the trace's beginning")
+        return trace, log
+
+    def test_exchange_is_shown_saved_and_made_a_page_without_the_pin(self):
+        saved, page = self.folder / "saved", self.folder / "page.html"
+        trace, log = self.follow("--save", saved, "--html", page)
+        self.run_here("pkcs15-tool", "--verify-pin", "--pin", PIN)
+        self.stack.ctl("remove")
+        self.stack.ctl("insert")
+        wait_until(lambda: "card in\n" in log.read_text(), "the insertion")
+        self.assertEqual(trace.end(signal.SIGINT)[0], 0)
+        text = log.read_text()
+        self.assertRegex(text, r"(?m)^\d\d:\d\d:\d\d\.\d{3} +[\d.]+ (us|ms)  > ISO SELECT .*"
+                               r"< (9000 success|6A82 file or application not found)")
+        self.assertRegex(text, rf"> ISO VERIFY PIN \[8\] {re.escape(MASKED)} < 9000 success")
+        self.assertIn("-- card out\n", text)
+        for shown in (text, saved.read_text(), page.read_text()):
+            self.assertNotIn(PIN_DIGITS, shown)
+        self.assertEqual(saved.stat().st_mode & 0o777, 0o600)
+        # What was saved is shown again.
+        self.assertEqual(run(TRACE, saved).stdout, text)
+        run(TRACE, saved, "--html", self.folder / "again.html")
+        self.assertEqual((self.folder / "again.html").read_text(), page.read_text())
+
+    def test_secrets_are_shown_to_whom_asks_twice(self):
+        once = run(TRACE, "--control", self.stack.control, "--show-secrets", check=False)
+        self.assertEqual(once.returncode, 2)
+        self.assertIn("only if --show-secrets is given twice", once.stdout)
+        saved = self.folder / "saved"
+        trace, _ = self.follow("--save", saved, "--show-secrets", "--show-secrets")
+        self.run_here("pkcs15-tool", "--verify-pin", "--pin", PIN)
+        wait_until(lambda: PIN_DIGITS in saved.read_text(), "the PIN")
+        trace.end(signal.SIGINT)
+
+    def test_count_ends_it(self):
+        trace, log = self.follow("--count", "1")
+        self.run_here("opensc-tool", "--send-apdu", "00A4040007A0000000790100")
+        self.assertEqual(trace.process.wait(stack.LIMIT), 0)
+        self.assertEqual(len(re.findall(r" > ISO ", log.read_text())), 1)
+
+    def test_end_of_the_agent_ends_it(self):
+        trace, _ = self.follow()
+        self.stack.agent.end()
+        self.assertEqual(trace.process.wait(stack.LIMIT), 0)
+
+    def test_without_an_agent_it_fails(self):
+        missing = run(TRACE, "--control", self.folder / "none", check=False)
+        self.assertEqual((missing.returncode, missing.stdout),
+                         (1, f"zelta-trace: no agent is running at {self.folder}/none\n"))
+
+
+class Record(StackTest):
+    COMMANDS = (["opensc-tool", "--atr"],
+                ["opensc-tool", "--send-apdu", "00A4040007A0000000790100"],
+                ["pkcs11-tool", "--module", None, "--list-objects", "--type", "cert"],
+                ["pkcs15-tool", "--verify-pin", "--pin", PIN])
+
+    def use(self, name, *agent_options):
+        """What the programs print with this card, and the exchanges with it."""
+        self.stack.run_agent(*agent_options)
+        self.stack.wait_for_card()
+        saved = self.stack.folder / f"{name}.jsonl"
+        trace = Process([TRACE, "--control", self.stack.control, "--save", saved],
+                        self.stack.folder / "trace.log", self.stack.environment)
+        wait_until(lambda: saved.exists() and saved.read_text(), "the trace's beginning")
+        home = dict(os.environ, HOME=str(self.stack.folder), LC_ALL="C.UTF-8")
+        texts = [run(*(word or stack.pkcs11_module() for word in command), env=home).stdout
+                 for command in self.COMMANDS]
+        trace.end(signal.SIGINT)
+        self.assertEqual(self.stack.agent.end()[0], 0)
+        return texts, exchanges(saved)
+
+    def test_played_record_answers_as_the_card_did(self):
+        script = self.stack.folder / "card.txt"
+        self.stack.make_card()
+        self.stack.start_pcscd()
+        texts, answers = self.use("live", "--db", self.stack.folder / "card", "--record", script)
+        text = script.read_text()
+        self.assertNotIn(PIN_DIGITS, text)
+        self.assertRegex(text, r"(?m)^command 00200000 \* -> 9000$")
+        self.assertEqual(script.stat().st_mode & 0o777, 0o600)
+        played = self.use("played", "--backend", "script", "--script", script)
+        self.assertEqual(played, (texts, answers))
+        self.assertGreater(len(answers), 20)
+
+    def test_file_that_cannot_be_written_is_told_at_the_start(self):
+        (self.stack.folder / "script").write_text("atr 3B00\n")
+        refused = run(AGENT, "--control", self.stack.control, "--backend", "script", "--script",
+                      self.stack.folder / "script", "--record", self.stack.folder / "none" / "x",
+                      check=False)
+        self.assertEqual(refused.returncode, 1)
+        self.assertIn("none/x cannot be written", refused.stdout)
+
+
+class Page(StackTest):
+    """The page of a saved trace, run in Firefox."""
+
+    def setUp(self):
+        super().setUp()
+        folder = self.stack.folder
+        self.page = folder / "page.html"
+        run(TRACE, SAMPLE, "--html", self.page)
+        (folder / "profile").mkdir()
+        self.browser = Firefox(folder / "profile", folder)
+        self.addCleanup(self.browser.close)
+        self.browser.go_to(self.page.as_uri())
+
+    def count(self, selector):
+        return self.browser.evaluate(
+            "return document.querySelectorAll(arguments[0]).length;", selector)
+
+    def test_time_line_has_a_bar_for_each_exchange_session_and_insertion(self):
+        sample = records(SAMPLE)
+        exchanged = [record for record in sample if "duration_us" in record]
+        self.assertEqual(self.count("rect.bar.exchange"), len(exchanged))
+        self.assertEqual(self.count("rect.bar.session"), 1)
+        self.assertEqual(self.count("rect.bar.card"), 2)
+        self.assertEqual(self.count("rect.exchange.bad"), 1)
+        self.assertEqual(self.count("#list tr"), len(sample))
+        self.assertEqual(self.count("rect.gap"), 1)
+        self.assertIn("4 APDUs, 1 of them refused", self.browser.evaluate(
+            "return document.getElementById('summary').textContent;"))
+
+    def test_bar_opens(self):
+        details = "return document.getElementById('details').textContent;"
+        self.assertNotIn("VERIFY", self.browser.evaluate(details))
+        self.browser.evaluate(
+            "[...document.querySelectorAll('rect.exchange')].find(bar => bar.getAttribute("
+            "'aria-label').startsWith('VERIFY')).dispatchEvent(new MouseEvent('click'));")
+        shown = self.browser.evaluate(details)
+        for part in ("VERIFY PIV PIN", "63C2 wrong PIN or key, 2 tries left", "0020008008" + MASKED,
+                     "00 ISO"):
+            self.assertIn(part, shown)
+        self.assertEqual(self.count("rect.bar.open"), 1)
+
+    def test_wider_makes_the_bars_wider(self):
+        width = "return document.querySelector('#frame svg').width.baseVal.value;"
+        before = self.browser.evaluate(width)
+        self.browser.evaluate("document.getElementById('wider').click();")
+        self.assertGreater(self.browser.evaluate(width), before)
+
+    def test_text_from_outside_stays_text_and_nothing_is_fetched(self):
+        self.assertEqual(self.browser.evaluate("return typeof window.harmed;"), "undefined")
+        self.assertEqual(self.count("#list img"), 0)
+        self.assertIn("<img src=x onerror=harmed=1></script>", self.browser.evaluate(
+            "return document.getElementById('summary').textContent;"))
+        self.assertEqual(self.browser.evaluate(
+            "return performance.getEntriesByType('resource').length;"), 0)
+
+
+if __name__ == "__main__":
+    stack.enter_namespace()
+    unittest.main(verbosity=2)

@@ -1,0 +1,13 @@
+// A trace as a page of its own that needs no network: the time line, and each exchange to open.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/trace/record.h"
+
+namespace zelta::trace {
+
+std::string makePage(const std::vector<Record>& records);
+
+}  // namespace zelta::trace
