@@ -4,6 +4,7 @@
 BUILD_PACKAGES=(
   g++ cmake ninja-build pkg-config git
   libfmt-dev libcli11-dev libpcsclite-dev libcacard-dev libnss3-dev libsystemd-dev
+  nlohmann-json3-dev
   libgtest-dev libgmock-dev python3
   dpkg-dev file
 )
