@@ -1,5 +1,7 @@
 #include "agent/control/control.h"
 
+#include <nlohmann/json.hpp>
+
 #include "contract/bytes.h"
 
 namespace zelta::agent {
@@ -9,25 +11,6 @@ namespace {
 std::string answerAction(const std::string& problem) {
   return problem.empty() ? kControlOk : kControlError + problem + "\n";
 }
-
-// As a JSON string. What is not ASCII is passed on as it is.
-std::string quoted(const std::string& text) {
-  std::string json = "\"";
-  for (const char c : text) {
-    const auto code = static_cast<std::uint8_t>(c);
-    if (c == '"' || c == '\\') {
-      json += '\\';
-      json += c;
-    } else if (code < ' ') {
-      json += "\\u00" + toHex({code});
-    } else {
-      json += c;
-    }
-  }
-  return json + "\"";
-}
-
-const char* asJson(bool value) { return value ? "true" : "false"; }
 
 }  // namespace
 
@@ -44,11 +27,14 @@ std::string statusText(const Agent::Status& status) {
 }
 
 std::string statusJson(const Agent::Status& status) {
-  const std::string atr = status.atr.empty() ? "null" : quoted(toHex(status.atr));
-  return "{\"reader\":" + std::to_string(status.reader) +
-         ",\"connected\":" + asJson(status.connected) + ",\"backend\":" + quoted(status.backend) +
-         ",\"card\":" + quoted(status.cardIn ? "in" : "out") + ",\"atr\":" + atr +
-         ",\"session_id\":" + quoted(status.sessionId) + "}\n";
+  using Json = nlohmann::ordered_json;
+  const Json object = {{"reader", status.reader},
+                       {"connected", status.connected},
+                       {"backend", status.backend},
+                       {"card", status.cardIn ? "in" : "out"},
+                       {"atr", status.atr.empty() ? Json() : Json(toHex(status.atr))},
+                       {"session_id", status.sessionId}};
+  return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
 std::string answerControl(Agent& agent, const std::string& line) {

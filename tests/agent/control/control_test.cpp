@@ -44,7 +44,7 @@ TEST(Control, StatusForPrograms_IsOneJsonObject) {
   odd.sessionId = "a\"b\\c\n";
   EXPECT_EQ(statusJson(odd),
             "{\"reader\":0,\"connected\":false,\"backend\":\"\",\"card\":\"out\","
-            "\"atr\":null,\"session_id\":\"a\\\"b\\\\c\\u000A\"}\n");
+            "\"atr\":null,\"session_id\":\"a\\\"b\\\\c\\n\"}\n");
 }
 
 TEST(Control, StatusForPrograms_SaysToWhomReadsItWhetherACardIsIn) {
