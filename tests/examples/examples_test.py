@@ -7,7 +7,7 @@ import subprocess
 import unittest
 
 import stack
-from stack import SOURCE, Process, run, wait_until
+from stack import BUILD, SOURCE, Process, run, wait_until
 
 EXAMPLES = SOURCE / "examples"
 HELLO = "68656C6C6F9000"
@@ -107,6 +107,29 @@ class Examples(stack.StackTest):
         self.assertEqual(send("00A4040000"), [HELLO])
         log = (self.stack.folder / "forward_agent.py.log").read_text()
         self.assertIn("command  00 A4 04 00 00\nresponse 68 65 6C 6C 6F 90 00\n", log)
+
+    def test_card_in_cpp_is_built_with_the_installed_library(self):
+        prefix = self.stack.folder / "installed"
+        run("cmake", "--install", BUILD, "--component", "development", "--prefix", prefix)
+        [description] = prefix.rglob("zelta-agent.pc")
+        flags = run("pkg-config", f"--define-variable=prefix={prefix}", "--cflags", "--libs",
+                    "zelta-agent",
+                    env=dict(os.environ, PKG_CONFIG_PATH=str(description.parent))).stdout.split()
+        program = self.stack.folder / "hello_card"
+        run("c++", "-std=c++17", "-Wall", "-Wextra", "-Werror", EXAMPLES / "hello_card.cpp",
+            *flags, "-o", program)
+        self.stack.start_pcscd()
+        card = self.start(program)
+        self.wait_for_card()
+        self.assertEqual(atr(), "3b:85:80:01:68:65:6c:6c:6f:66")
+        hello, *counts = send("00A4040000", "00B0000000", "00B0000000")
+        self.assertEqual(hello, HELLO)
+        # opensc-tool sends commands of its own first.
+        first, second = (int.from_bytes(bytes.fromhex(count.removesuffix("9000")), "big")
+                         for count in counts)
+        self.assertEqual(second, first + 1)
+        card.end()
+        wait_until(lambda: atr() is None, "the removal")
 
     def test_card_that_is_too_slow_is_answered_for_in_time(self):
         program = self.stack.folder / "slow_agent.py"
