@@ -12,7 +12,7 @@ RUN_PACKAGES=(
   pcscd opensc opensc-pkcs11 pcsc-tools libnss3-tools openssl openssh-client util-linux
 )
 TEST_PACKAGES=(
-  debhelper lintian python3-pyscard shellcheck libbenchmark-dev procps
+  debhelper lintian python3-pyscard python3-yaml shellcheck libbenchmark-dev procps
   # Programs whose way to the card is tested.
   curl firefox-esr gnupg-pkcs11-scd gnutls-bin gpg gpg-agent gpgsm libengine-pkcs11-openssl
   openssh-server scdaemon
