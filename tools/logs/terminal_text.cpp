@@ -1,3 +1,4 @@
+// By hand although ICU decodes UTF-8: this is a page, and ICU some thirty megabytes.
 #include "tools/logs/terminal_text.h"
 
 #include <algorithm>
