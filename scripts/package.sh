@@ -9,9 +9,9 @@ usage() {
 Usage: ./zelta package [FOLDER]
 
 Installs what the build needs and makes zelta-vsc_<version>_<architecture>.deb,
-and zelta-vsc-dev for cards of your own, in the folder (dist). The version is the tag's, v1.0.0, if the commit has one,
-else 1.0.0~git and the number of commits, so that a later commit's package
-upgrades an earlier one's.
+and zelta-vsc-dev for cards of your own, in the folder (dist). The version is
+the tag's, v1.0.0, if the commit has one, else 1.0.0~git and the number of
+commits, so that a later commit's package upgrades an earlier one's.
 
   -h, --help     this text
 EOF
