@@ -26,5 +26,6 @@ set(ZELTA_LIBRARY_HEADERS
   "logging:fmt/.*"
   "pcsc:ifdhandler|reader"
   "agent/card:libcacard|nss|cert|pk11pub|prerror|secerr|winscard"
+  "agent/library:zelta/agent"
   "agent/program:fmt/.*"
 )

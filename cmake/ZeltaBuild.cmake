@@ -51,7 +51,7 @@ if(WIN32)
   # Header-only libraries of the building system, without the rest of its headers.
   set(ZELTA_HEADERS ${CMAKE_BINARY_DIR}/header-only)
   file(MAKE_DIRECTORY ${ZELTA_HEADERS})
-  foreach(library fmt CLI)
+  foreach(library fmt CLI nlohmann)
     if(NOT EXISTS /usr/include/${library})
       message(FATAL_ERROR "The headers of ${library} are not installed")
     endif()

@@ -6,6 +6,12 @@ configure_file(reader.conf.in reader.conf @ONLY)
 
 install(TARGETS zelta_vsc ifdzelta LIBRARY DESTINATION ${ZELTA_MODULE_FOLDER})
 install(TARGETS zelta-agent zelta-logs zelta-status zelta-trace RUNTIME DESTINATION bin)
+install(TARGETS zelta_agent_library ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        COMPONENT development)
+install(FILES ${PROJECT_SOURCE_DIR}/agent/include/zelta/agent.h DESTINATION include/zelta
+        COMPONENT development)
+install(FILES ${PROJECT_BINARY_DIR}/agent/zelta-agent.pc
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 install(PROGRAMS zelta DESTINATION bin)
 install(PROGRAMS ${PROJECT_SOURCE_DIR}/scripts/make-demo-db.sh first-card.sh
         DESTINATION share/zelta)

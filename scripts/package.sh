@@ -8,10 +8,10 @@ usage() {
   cat <<'EOF'
 Usage: ./zelta package [FOLDER]
 
-Installs what the build needs and makes zelta-vsc_<version>_<architecture>.deb
-in the folder (dist). The version is the tag's, v1.0.0, if the commit has one,
-else 1.0.0~git and the number of commits, so that a later commit's package
-upgrades an earlier one's.
+Installs what the build needs and makes zelta-vsc_<version>_<architecture>.deb,
+and zelta-vsc-dev for cards of your own, in the folder (dist). The version is
+the tag's, v1.0.0, if the commit has one, else 1.0.0~git and the number of
+commits, so that a later commit's package upgrades an earlier one's.
 
   -h, --help     this text
 EOF
@@ -57,5 +57,7 @@ with_progress build_progress "$log" env ZELTA_COMMIT="$commit" NINJA_STATUS='[%p
   show_failure "$log"
   die "the package could not be made"
 }
-cp "$WORK"/zelta-vsc_*.deb "$folder"
-say "$folder/$(basename "$WORK"/zelta-vsc_*.deb)"
+for package in "$WORK"/*.deb; do
+  cp "$package" "$folder"
+  say "$folder/$(basename "$package")"
+done

@@ -4,6 +4,7 @@
 BUILD_PACKAGES=(
   g++ cmake ninja-build pkg-config git
   libfmt-dev libcli11-dev libpcsclite-dev libcacard-dev libnss3-dev libsystemd-dev
+  nlohmann-json3-dev
   libgtest-dev libgmock-dev python3
   dpkg-dev file
 )
@@ -14,7 +15,7 @@ MODEL_PACKAGES=(
   spin gcc libc6-dev
 )
 TEST_PACKAGES=(
-  debhelper lintian python3-pyscard shellcheck libbenchmark-dev procps "${MODEL_PACKAGES[@]}"
+  debhelper lintian python3-pyscard python3-yaml shellcheck libbenchmark-dev procps "${MODEL_PACKAGES[@]}"
   # Programs whose way to the card is tested.
   curl firefox-esr gnupg-pkcs11-scd gnutls-bin gpg gpg-agent gpgsm libengine-pkcs11-openssl
   openssh-server scdaemon

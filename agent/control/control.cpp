@@ -1,8 +1,9 @@
 #include "agent/control/control.h"
 
+#include <nlohmann/json.hpp>
+
 #include "agent/trace/trace_record.h"
 #include "contract/bytes.h"
-#include "contract/json.h"
 
 namespace zelta::agent {
 
@@ -15,12 +16,6 @@ std::string answerAction(const std::string& problem) {
 std::string counted(std::uint64_t count, const std::string& one) {
   return std::to_string(count) + " " + one + (count == 1 ? "" : "s");
 }
-
-std::string member(const char* name, std::uint64_t value) {
-  return std::string(",\"") + name + "\":" + std::to_string(value);
-}
-
-const char* asJson(bool value) { return value ? "true" : "false"; }
 
 }  // namespace
 
@@ -40,14 +35,14 @@ std::string statusText(const Agent::Status& status) {
 }
 
 std::string statusJson(const Agent::Status& status) {
-  const std::string atr = status.atr.empty() ? "null" : quoteJson(toHex(status.atr));
-  return "{\"reader\":" + std::to_string(status.reader) +
-         ",\"connected\":" + asJson(status.connected) +
-         ",\"backend\":" + quoteJson(status.backend) +
-         ",\"card\":" + quoteJson(status.cardIn ? "in" : "out") + ",\"atr\":" + atr +
-         ",\"session_id\":" + quoteJson(status.sessionId) + member("apdus", status.apdus) +
-         member("errors", status.errors) + member("timeouts", status.timeouts) +
-         member("reconnects", status.reconnects) + "}\n";
+  using Json = nlohmann::ordered_json;
+  const Json object = {{"reader", status.reader},
+                       {"connected", status.connected},
+                       {"backend", status.backend},
+                       {"card", status.cardIn ? "in" : "out"},
+                       {"atr", status.atr.empty() ? Json() : Json(toHex(status.atr))},
+                       {"session_id", status.sessionId}};
+  return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
 std::string traceBegin(const Agent::Status& status) {

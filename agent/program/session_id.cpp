@@ -1,37 +1,14 @@
+// By hand although libsystemd reads ids: Windows has no libsystemd.
 #include "agent/program/session_id.h"
 
 #include <cstddef>
-#include <random>
 
 #include "contract/bytes.h"
 
 namespace zelta::agent {
 
-namespace {
-
-constexpr char kForm[] = "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx";
-constexpr std::size_t kVersionAt = 14;
-constexpr std::size_t kVariantAt = 19;
-
-}  // namespace
-
-std::string newSessionId() {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  static constexpr char kVariants[] = "89ab";
-  std::random_device random;
-  std::uniform_int_distribution<int> digit(0, 15);
-  std::uniform_int_distribution<int> variant(0, 3);
-  std::string id = kForm;
-  for (char& c : id) {
-    if (c == 'x') c = kDigits[digit(random)];
-  }
-  id[kVersionAt] = '4';
-  id[kVariantAt] = kVariants[variant(random)];
-  return id;
-}
-
 bool isSessionId(const std::string& text) {
-  const std::string form = kForm;
+  const std::string form = "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx";
   if (text.size() != form.size()) return false;
   for (std::size_t i = 0; i < form.size(); ++i) {
     if (form[i] == '-' ? text[i] != '-' : hexDigit(text[i]) < 0) return false;

@@ -5,7 +5,8 @@
 
 namespace zelta::agent {
 
-// A fresh random GUID, 36 characters in lower case.
+// A fresh random GUID, 36 characters in lower case. Throws std::system_error if the system gives no
+// random numbers.
 std::string newSessionId();
 
 // Whether the text has the form of a GUID: 8-4-4-4-12 hexadecimal digits.

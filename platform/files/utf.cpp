@@ -1,3 +1,5 @@
+// By hand although iconv and Windows convert as well: what is not well-formed has to become the
+// same on both systems.
 #include "platform/files/utf.h"
 
 #include <cstddef>

@@ -1,3 +1,5 @@
+// By hand although libraries read INI files: they know neither an export's types and escapes nor
+// its continued lines.
 #include "platform/registry/registry_file.h"
 
 #include <algorithm>

@@ -21,6 +21,7 @@ ZELTA_COMMAND = "tests/end_to_end/end_to_end_test.py"
 SSH = "tests/end_to_end/ssh_test.py"
 REMOTE = "tests/end_to_end/remote_test.py"
 TLS = "tests/end_to_end/tls_test.py"
+EXAMPLES = "tests/examples/examples_test.py"
 PACKAGE = "tests/packaging/debian/package_test.py"
 OPENSC = "/usr/lib/x86_64-linux-gnu/opensc-pkcs11.so"
 
@@ -60,6 +61,12 @@ LISTED = {
             ("changes the system", PACKAGE, 'self.dpkg("--remove", "zelta-vsc")'),
         "sudo apt purge zelta-vsc":
             ("changes the system", PACKAGE, 'self.dpkg("--purge", "zelta-vsc")'),
+    },
+    "docs/own-cards.md": {
+        "sudo examples/yaml_agent.py examples/card.yaml":
+            ("stays", EXAMPLES, 'EXAMPLES / "yaml_agent.py", EXAMPLES / "card.yaml"'),
+        "g++ -std=c++17 hello_card.cpp $(pkg-config --cflags --libs zelta-agent) -o hello_card":
+            ("needs the library installed", EXAMPLES, '"pkg-config", f"--define-variable=prefix'),
     },
     "docs/programs.md": {
         f"ssh -o PKCS11Provider={OPENSC} USER@HOST":
@@ -142,7 +149,7 @@ class DocumentedCommands(unittest.TestCase):
         for page in docs_commands.pages():
             if page.name != "windows.md":
                 self.assertLessEqual(docs_commands.languages(page),
-                                     {"", "sh", "console", "ini", "mermaid"}, page)
+                                     {"", "sh", "console", "cpp", "ini", "mermaid"}, page)
 
     def test_messages_that_troubleshooting_quotes_exist(self):
         page = docs_commands.without_blocks(SOURCE / "docs" / "troubleshooting.md")

@@ -19,7 +19,7 @@ class LogReaderTest : public ::testing::Test {
   }
   std::vector<std::string> read(LogReader& reader) {
     std::vector<std::string> lines;
-    reader.readNew([&](std::string_view line) { lines.emplace_back(line); });
+    reader.readNew([&](std::string_view line, const auto& /*file*/) { lines.emplace_back(line); });
     return lines;
   }
 
@@ -35,6 +35,16 @@ TEST_F(LogReaderTest, FromTheOldest_FilesAreReadInTheOrderOfTheirTimes) {
   LogReader reader(folder_.path(), true);
   EXPECT_THAT(read(reader), ElementsAre("first", "second"));
   EXPECT_EQ(reader.current(), folder_.path() / kSecond);
+}
+
+TEST_F(LogReaderTest, EachLine_ComesWithItsFile) {
+  write(kFirst, "first\n");
+  write(kSecond, "second\n");
+  std::vector<std::pair<std::string, std::string>> lines;
+  LogReader(folder_.path(), true).readNew([&](std::string_view line, const auto& file) {
+    lines.emplace_back(line, file.filename().string());
+  });
+  EXPECT_THAT(lines, ElementsAre(std::pair("first", kFirst), std::pair("second", kSecond)));
 }
 
 TEST_F(LogReaderTest, FromTheNewest_OlderFilesAreLeftOut) {

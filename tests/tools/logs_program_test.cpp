@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 
 #include "tests/support/temp_folder.h"
 #include "tests/tools/log_lines.h"
@@ -83,8 +84,33 @@ TEST_F(LogsProgram, OnATerminal_IsColouredUnlessNoColorIsSet) {
     return runCommand(variable + " script -qec '" ZELTA_LOGS_PROGRAM " " + dir() +
                       "--all' /dev/null");
   };
-  EXPECT_THAT(onTerminal("NO_COLOR=").text, HasSubstr("\x1b[31m["));
+  EXPECT_THAT(onTerminal("NO_COLOR=").text, HasSubstr("\x1b[31m14:07"));
   EXPECT_THAT(onTerminal("NO_COLOR=1").text, Not(HasSubstr("\x1b[")));
+}
+
+TEST_F(LogsProgram, View_IsCompactOnATerminalUnlessAnotherIsAskedFor) {
+  const auto onTerminal = [this](const std::string& option) {
+    const Outcome outcome = runCommand("script -qec '" ZELTA_LOGS_PROGRAM " " + dir() +
+                                       "--all --color never " + option + "' /dev/null");
+    return std::regex_replace(outcome.text, std::regex("\r"), "");
+  };
+  const std::string compact = onTerminal("");
+  EXPECT_THAT(compact, HasSubstr("14:07:09.042 INFO                 [TRSM]IOCTL_SMARTCARD"));
+  EXPECT_EQ(run(dir() + "--all --view compact").text, compact);
+  EXPECT_EQ(run(dir() + "--all").text, onTerminal("--view full"));
+  EXPECT_THAT(onTerminal("--json"), HasSubstr(R"("tag":"TRSM")"));
+}
+
+TEST_F(LogsProgram, Tag_IsFoundWithAndWithoutBrackets) {
+  const std::string bare = run(dir() + "--all --tag TRSM").text;
+  EXPECT_THAT(bare, AllOf(HasSubstr(test::kInfo), Not(HasSubstr(test::kError))));
+  EXPECT_EQ(run(dir() + "--all --tag '[TRSM]'").text, bare);
+}
+
+TEST_F(LogsProgram, Json_NamesTheFileOfEachRecord) {
+  EXPECT_THAT(run(dir() + "--all --json --level error").text,
+              AllOf(HasSubstr(R"("code":-1073741448)"),
+                    HasSubstr(R"("file":"zelta_vsc_2024_03_05T14_07_09_042Z.txt"})")));
 }
 
 TEST_F(LogsProgram, OnATerminal_ControlCharactersAreEscapedWithoutColours) {
@@ -179,7 +205,8 @@ TEST_F(PruneProgram, MissingFolder_IsAnError) {
 }
 
 TEST_F(LogsProgram, BadUse_IsRefusedWithCode2) {
-  for (const char* option : {"--level loud", "--since yesterday", "--color blue", "--nonsense"}) {
+  for (const char* option : {"--level loud", "--since yesterday", "--color blue", "--view wide",
+                             "--view full --json", "--nonsense"}) {
     const Outcome outcome = run(dir() + option);
     EXPECT_EQ(outcome.code, 2) << option;
     EXPECT_FALSE(outcome.text.empty());

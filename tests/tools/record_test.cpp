@@ -14,7 +14,9 @@ TEST(ParseRecord, RecordLine_IsTakenApart) {
   EXPECT_EQ(record->time, "2024-03-05T14:07:10.000Z");
   EXPECT_EQ(record->session, "a1b2c3d4-0000-0000-0000-000000000000");
   EXPECT_EQ(record->level, Level::kError);
+  EXPECT_EQ(record->code, -1073741448);
   EXPECT_EQ(record->message, "[GATT]SCARD_ATTR_ATR_STRING: STATUS_NO_MEDIA");
+  EXPECT_EQ(std::string(record->columns).append(record->message), test::kError);
 }
 
 TEST(ParseRecord, PaddedFields_AreTrimmedAndTheMessagesLeadingBlanksKept) {
@@ -81,6 +83,26 @@ TEST(HasTag, TagWithOrWithoutBracketsInAnyCase_IsFoundBeforeTheText) {
   for (const char* message : {"text [TRSM]", "[TRSM", "[TRSMX]text"}) {
     EXPECT_FALSE(hasTag(message, "TRSM")) << message;
   }
+}
+
+TEST(FirstTag, Message_GivesItWithoutBrackets) {
+  EXPECT_EQ(firstTag("[A][TRSM]text"), "A");
+  for (const char* message : {"", "text [A]", "[A", "[]text"}) EXPECT_EQ(firstTag(message), "");
+}
+
+TEST(IsRoutine, ErrorOfAnAttributeThatIsNotSupported_IsRoutine) {
+  const auto record = [](Level level, std::int64_t code, std::string_view message) {
+    Record result;
+    result.level = level;
+    result.code = code;
+    result.message = message;
+    return result;
+  };
+  EXPECT_TRUE(isRoutine(record(Level::kError, 50, "[GATT]ERROR_NOT_SUPPORTED:0007A009")));
+  EXPECT_TRUE(isRoutine(record(Level::kError, 50, "[SATT]ERROR_NOT_SUPPORTED:0007A009")));
+  EXPECT_FALSE(isRoutine(record(Level::kError, 50, "[IOCT]ERROR_NOT_SUPPORTED:0007A009")));
+  EXPECT_FALSE(isRoutine(record(Level::kError, 1, "[GATT]ERROR_NOT_SUPPORTED:0007A009")));
+  EXPECT_FALSE(isRoutine(record(Level::kInfo, 50, "[GATT]ERROR_NOT_SUPPORTED:0007A009")));
 }
 
 TEST(ParseSpan, NumberAndUnit_AreSeconds) {

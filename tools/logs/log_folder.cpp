@@ -89,7 +89,7 @@ std::uint64_t LogReader::readFrom(const std::filesystem::path& path, std::uint64
   while (std::getline(stream, text)) {
     const bool hasEnd = !stream.eof();
     if (!hasEnd && path == current_) return position;
-    line(text);
+    line(text, path);
     position += text.size() + (hasEnd ? 1 : 0);
   }
   return position;

@@ -24,7 +24,7 @@ std::optional<bool> isBeingWritten(const std::filesystem::path& file);
 // so all of them are followed. Not safe for several threads.
 class LogReader {
  public:
-  using Line = std::function<void(std::string_view)>;
+  using Line = std::function<void(std::string_view line, const std::filesystem::path& file)>;
 
   // Starts with the folder's oldest file, or with its newest and those that are being written.
   LogReader(std::filesystem::path folder, bool fromOldest);

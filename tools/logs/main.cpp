@@ -31,6 +31,7 @@ struct Options {
   bool all = false;
   bool noFollow = false;
   std::string color = "auto";
+  std::optional<Format> format;  // none: that of the output
   bool showSecrets = false;
   Filter filter;
   PruneLimits limits;
@@ -46,6 +47,7 @@ Look look(const Options& options) {
   look.color = options.color == "auto" ? isTerminal && isAllowed : options.color == "always";
   look.escape = isTerminal || look.color;  // colours are meant for a terminal
   look.secrets = options.showSecrets;
+  look.format = options.format.value_or(isTerminal ? Format::kCompact : Format::kFull);
   return look;
 }
 
@@ -65,7 +67,7 @@ void declareOptions(CLI::App& app, Options& options) {
         return parseLevel(text) ? std::string() : "no level is called '" + text + "'";
       });
   app.add_option("-t,--tag", options.filter.tags,
-                 "Records whose message has this tag, such as\n[TRSM]; may be repeated")
+                 "Records whose message has this tag, such as\nTRSM or [TRSM]; may be repeated")
       ->option_text("TAG");
   app.add_option("-s,--session", options.filter.session,
                  "Records of the session whose id begins so")
@@ -80,6 +82,19 @@ void declareOptions(CLI::App& app, Options& options) {
       ->check([](const std::string& text) {
         return parseSince(text, 0) ? std::string() : "'" + text + "' is not a time";
       });
+  auto* view = app.add_option_function<std::string>(
+                      "--view",
+                      [&options](const std::string& text) {
+                        options.format = text == "full" ? Format::kFull : Format::kCompact;
+                      },
+                      "compact: time, level, code, message, in 100\ncolumns (on a terminal); full: "
+                      "as in the files")
+                   ->check(CLI::IsMember({"compact", "full"}))
+                   ->option_text("compact|full");
+  app.add_flag_callback(
+         "--json", [&options] { options.format = Format::kJson; }, "JSON, an object on each line")
+      ->option_text(" ")
+      ->excludes(view);
   app.add_option("--color", options.color, "Colours (default auto)")
       ->check(CLI::IsMember({"auto", "always", "never"}))
       ->option_text("auto|always|never");
@@ -151,7 +166,9 @@ int show(const Options& options) {
     (void)std::fputc('\n', stdout);
   });
   LogReader reader(options.folder, options.all || !options.filter.since.empty());
-  const auto print = [&printer](std::string_view line) { printer.print(line); };
+  const auto print = [&printer](std::string_view line, const std::filesystem::path& file) {
+    printer.print(line, file);
+  };
   if (options.noFollow) {
     reader.readNew(print);
     if (!reader.current().empty()) return EXIT_SUCCESS;

@@ -1,13 +1,15 @@
-// Which records are shown, and how. Fed with the lines of the files in their order.
+// Which records are shown. Fed with the lines of the files in their order.
 #pragma once
 
-#include <functional>
+#include <filesystem>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "tools/logs/dump_mask.h"
 #include "tools/logs/record.h"
+#include "tools/logs/view.h"
 
 namespace zelta::logs {
 
@@ -18,29 +20,21 @@ struct Filter {
   std::string since;              // from this time on; empty: all
 };
 
-struct Look {
-  bool color = false;
-  bool escape = false;   // what a terminal would obey or show in another order, as `\xNN`
-  bool secrets = false;  // PINs in byte dumps
-};
-
 bool matches(const Filter& filter, const Record& record);
 
 // Not safe for several threads.
 class Printer {
  public:
-  using Output = std::function<void(std::string_view)>;
+  Printer(Filter filter, const Look& look, View::Output output);
 
-  Printer(Filter filter, Look look, Output output);
-
-  // Takes one line, without its end. The header is shown once. A line that is no record belongs to
-  // the record before it.
-  void print(std::string_view line);
+  // Takes one line of the file, without its end. The header is shown once. A line that is no record
+  // belongs to the record before it.
+  void print(std::string_view line, const std::filesystem::path& file);
 
  private:
   Filter filter_;
-  Look look_;
-  Output output_;
+  bool secrets_;
+  std::unique_ptr<View> view_;
   DumpMask mask_;
   bool headerShown_ = false;
   bool lastShown_ = false;

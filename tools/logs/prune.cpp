@@ -1,3 +1,4 @@
+// By hand although logrotate removes old files: it does not ask whether a process has one open.
 #include "tools/logs/prune.h"
 
 #include <sys/stat.h>

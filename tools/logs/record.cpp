@@ -47,10 +47,11 @@ bool looksLikeTime(std::string_view text) {
   return true;
 }
 
-bool isNumber(std::string_view text) {
+std::optional<std::int64_t> parseNumber(std::string_view text) {
   std::int64_t value = 0;
   const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
-  return !text.empty() && result.ec == std::errc() && result.ptr == text.data() + text.size();
+  const bool isWhole = result.ec == std::errc() && result.ptr == text.data() + text.size();
+  return isWhole ? std::optional(value) : std::nullopt;
 }
 
 // The length of a unit of time in seconds; 0 for none.
@@ -89,13 +90,15 @@ bool parseFromLevel(std::string_view text, std::size_t open, Record& record) {
   record.level = *level;
   const std::string_view front = trimRight(text.substr(0, open));
   const std::size_t categoryAt = front.rfind(' ');
-  if (categoryAt == front.npos || !isNumber(front.substr(categoryAt + 1))) return false;
+  if (categoryAt == front.npos || !parseNumber(front.substr(categoryAt + 1))) return false;
   record.session = trimRight(front.substr(0, categoryAt));
 
   text = text.substr(close + 1);
   text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
   const std::size_t codeEnd = std::min(text.find(' '), text.size());
-  if (!isNumber(text.substr(0, codeEnd))) return false;
+  const auto code = parseNumber(text.substr(0, codeEnd));
+  if (!code) return false;
+  record.code = *code;
   constexpr std::size_t kCodeWidth = 11;
   record.message = text.substr(std::min(text.size(), std::max(codeEnd, kCodeWidth) + 1));
   return true;
@@ -116,23 +119,29 @@ std::optional<Record> parseRecord(std::string_view line) {
   std::string_view rest = line.substr(bracket + 2);
   record.time = takeWord(rest);
   if (record.time.size() != kTimeLength || !looksLikeTime(record.time)) return std::nullopt;
-  if (!isNumber(takeWord(rest))) return std::nullopt;  // elapsed
+  if (!parseNumber(takeWord(rest))) return std::nullopt;  // elapsed
 
   // The session id is the agent's text, which may look like the columns after it. They are the last
   // that do.
   for (std::size_t at = rest.rfind('<'); at != rest.npos; at = rest.substr(0, at).rfind('<')) {
-    if (parseFromLevel(rest, at, record)) return record;
+    if (!parseFromLevel(rest, at, record)) continue;
+    record.columns = line.substr(0, line.size() - record.message.size());
+    return record;
   }
   return std::nullopt;
 }
 
+std::string_view levelName(Level level) {
+  const std::string_view tag = logging::kLevelTags[static_cast<std::size_t>(level)];
+  return tag.substr(1, tag.size() - 2);
+}
+
 std::optional<Level> parseLevel(std::string_view text) {
   for (std::size_t i = 0; i < logging::kLevelTags.size(); ++i) {
-    const std::string_view tag = logging::kLevelTags[i];
+    const auto level = static_cast<Level>(i);
     const char digit = static_cast<char>('0' + i);
-    if (equalIgnoringCase(text, tag.substr(1, tag.size() - 2)) ||
-        text == std::string_view(&digit, 1)) {
-      return static_cast<Level>(i);
+    if (equalIgnoringCase(text, levelName(level)) || text == std::string_view(&digit, 1)) {
+      return level;
     }
   }
   return std::nullopt;
@@ -142,13 +151,23 @@ bool hasTag(std::string_view message, std::string_view tag) {
   if (tag.size() >= 2 && tag.front() == '[' && tag.back() == ']') {
     tag = tag.substr(1, tag.size() - 2);
   }
-  while (!message.empty() && message.front() == '[') {
-    const std::size_t end = message.find(']');
-    if (end == message.npos) return false;
-    if (equalIgnoringCase(message.substr(1, end - 1), tag)) return true;
-    message.remove_prefix(end + 1);
+  for (auto each = firstTag(message); !each.empty(); each = firstTag(message)) {
+    if (equalIgnoringCase(each, tag)) return true;
+    message.remove_prefix(each.size() + 2);
   }
   return false;
+}
+
+std::string_view firstTag(std::string_view message) {
+  const std::size_t end = message.find(']');
+  if (end == message.npos || message.front() != '[') return {};
+  return message.substr(1, end - 1);
+}
+
+bool isRoutine(const Record& record) {
+  constexpr std::int64_t kNotSupported = 50;  // ERROR_NOT_SUPPORTED
+  return record.level == Level::kError && record.code == kNotSupported &&
+         (hasTag(record.message, "GATT") || hasTag(record.message, "SATT"));
 }
 
 std::optional<std::uint32_t> parseCount(std::string_view text) {

@@ -14,10 +14,12 @@ using logging::Level;
 
 // Views into the line that was parsed.
 struct Record {
+  std::string_view columns;  // all that stands before the message
   std::string_view thread;
   std::string_view time;  // UTC, 2024-03-05T14:07:09.042Z; compares as text
   std::string_view session;
   Level level = Level::kInfo;
+  std::int64_t code = 0;  // the result's; 0 for none
   std::string_view message;
 };
 
@@ -26,12 +28,22 @@ std::optional<Record> parseRecord(std::string_view line);
 
 bool isHeader(std::string_view line);
 
+// "CRITICAL" and so on.
+std::string_view levelName(Level level);
+
 // "error" or "ERROR" or "1"; none for anything else.
 std::optional<Level> parseLevel(std::string_view text);
 
 // Whether the message begins with the bracketed tag, "[TRSM]" or "TRSM", alone or among others.
 // Case is ignored.
 bool hasTag(std::string_view message, std::string_view tag);
+
+// The first tag of those that the message begins with, without its brackets; empty for none.
+std::string_view firstTag(std::string_view message);
+
+// Whether it is an error that every normal use writes: a program has asked for an attribute that
+// the reader does not have.
+bool isRoutine(const Record& record);
 
 // A number of up to nine digits. None for anything else.
 std::optional<std::uint32_t> parseCount(std::string_view text);

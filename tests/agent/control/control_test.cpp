@@ -54,7 +54,7 @@ TEST(Control, StatusForPrograms_IsOneJsonObject) {
   odd.sessionId = "a\"b\\c\n";
   EXPECT_EQ(statusJson(odd),
             "{\"reader\":0,\"connected\":false,\"backend\":\"\",\"card\":\"out\","
-            "\"atr\":null,\"session_id\":\"a\\\"b\\\\c\\u000A\",\"apdus\":0,\"errors\":0,"
+            "\"atr\":null,\"session_id\":\"a\\\"b\\\\c\\n\",\"apdus\":0,\"errors\":0,"
             "\"timeouts\":0,\"reconnects\":0}\n");
 }
 

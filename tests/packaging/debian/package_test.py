@@ -25,14 +25,20 @@ OF_THE_SYSTEM = re.compile(r"/var/(lib/(dpkg|systemd)|cache|log/((dpkg|alternati
                            r"|/etc/[a-z]+-$|/etc/systemd/system/[a-z-]+\.(service|socket|automount)$")
 
 
-def package():
-    found = list(pathlib.Path(os.environ["ZELTA_PACKAGE_FOLDER"]).glob("zelta-vsc_*.deb"))
+def package(name="zelta-vsc"):
+    found = list(pathlib.Path(os.environ["ZELTA_PACKAGE_FOLDER"]).glob(f"{name}_*.deb"))
     assert len(found) == 1, found
     return found[0]
 
 
 def field(name):
     return run("dpkg-deb", "--field", package(), name).stdout.strip()
+
+
+def files_of(name):
+    listing = run("dpkg-deb", "--contents", package(name)).stdout
+    return {line.split(" ./", 1)[1].removesuffix(".gz")
+            for line in listing.splitlines() if line[0] == "-"}
 
 
 def later_package(folder):
@@ -48,9 +54,7 @@ def later_package(folder):
 
 class DebianPackage(unittest.TestCase):
     def test_package_holds_what_is_used(self):
-        listing = run("dpkg-deb", "--contents", package()).stdout
-        files = {line.split(" ./", 1)[1].removesuffix(".gz")
-                 for line in listing.splitlines() if line[0] == "-"}
+        files = files_of("zelta-vsc")
         documents = {f"usr/share/doc/zelta-vsc/docs/{path.name}"
                      for pattern in ("*.md", "*.svg", "*.png")
                      for path in (stack.SOURCE / "docs").glob(pattern)}
@@ -94,9 +98,22 @@ class DebianPackage(unittest.TestCase):
             "usr/share/zsh/vendor-completions/_zelta",
         })
 
+    def test_development_package_holds_the_library_and_the_examples(self):
+        files = {re.sub("^usr/lib/[a-z0-9_-]+/", "", name) for name in files_of("zelta-vsc-dev")}
+        self.assertEqual(files, {
+            "libzelta-agent.a",
+            "pkgconfig/zelta-agent.pc",
+            "usr/include/zelta/agent.h",
+            "usr/share/doc/zelta-vsc-dev/changelog",
+            "usr/share/doc/zelta-vsc-dev/copyright",
+            *(f"usr/share/doc/zelta-vsc-dev/examples/{path.name}"
+              for path in (stack.SOURCE / "examples").iterdir() if path.is_file()),
+        })
+
     def test_everyone_may_read_and_root_alone_write(self):
-        for line in run("dpkg-deb", "--contents", package()).stdout.splitlines():
-            self.assertRegex(line, r"^(drwxr-xr-x|-rwxr-xr-x|-rw-r--r--) root/root ")
+        for name in ("zelta-vsc", "zelta-vsc-dev"):
+            for line in run("dpkg-deb", "--contents", package(name)).stdout.splitlines():
+                self.assertRegex(line, r"^(drwxr-xr-x|-rwxr-xr-x|-rw-r--r--) root/root ")
 
     def test_control_fields_and_conffiles(self):
         self.assertEqual(field("Package"), "zelta-vsc")
@@ -121,7 +138,7 @@ class DebianPackage(unittest.TestCase):
         # It leaves a file among the temporary ones.
         folder = self.enterContext(tempfile.TemporaryDirectory())
         found = run("lintian", "--allow-root", "--fail-on", "error,warning", package(),
-                    env=dict(os.environ, TMPDIR=folder)).stdout
+                    package("zelta-vsc-dev"), env=dict(os.environ, TMPDIR=folder)).stdout
         self.assertEqual(found, "")
 
 
@@ -392,7 +409,8 @@ class DebianService(unittest.TestCase):
                     for command in docs_commands.every_command()
                     if docs_commands.is_for_systemd(command)}
         self.assertGreater(len(commands), 4)
-        for command in sorted(commands):
+        # What stops the agent goes before what starts it.
+        for command in sorted(commands, key=lambda text: (" stop " not in text, text)):
             if command.startswith("systemctl edit"):  # on a terminal only
                 command = f"SYSTEMD_EDITOR=true script --quiet --return -c '{command}' /dev/null"
             result = self.system.run("sh", "-c", f"SYSTEMD_PAGER= {command}", check=False)
