@@ -1,0 +1,192 @@
+"""What the soak does to the reader: a table of disturbances, each with a begin, an end and what
+must hold afterwards."""
+
+import collections
+import contextlib
+import errno
+import itertools
+import os
+import resource
+import signal
+import socket
+import time
+
+import hostile_agent
+from hostile_agent import INSERTED, MALFORMED, PIPES, REMOVED, SESSION_ID, field, number
+from standstill import USABLE_AGAIN, Standstill
+
+BROUGHT_UP = 5.0  # seconds that a reader has whose processes were started anew
+AT_A_TIME = 12  # malformed answers of one hostile agent
+SESSIONS = 40  # session ids of one agent: each makes a log file
+FREE = 1 << 20  # bytes: memory that is left to a pcscd that is short of it
+
+
+def leave_descriptors(pid, free):
+    """Leaves the process so many free descriptors. Gives its limits from before."""
+    used = {int(name) for name in os.listdir(f"/proc/{pid}/fd")}
+    limit = 0
+    while limit - sum(1 for number in used if number < limit) < free or limit in used:
+        limit += 1
+    before = resource.prlimit(pid, resource.RLIMIT_NOFILE)
+    resource.prlimit(pid, resource.RLIMIT_NOFILE, (limit, before[1]))
+    return before
+
+
+def leave_memory(pid, free):
+    """The same for bytes of memory."""
+    with open(f"/proc/{pid}/statm", encoding="ascii") as sizes:
+        used = int(sizes.read().split()[0]) * resource.getpagesize()
+    before = resource.prlimit(pid, resource.RLIMIT_AS)
+    resource.prlimit(pid, resource.RLIMIT_AS, (used + free, before[1]))
+    return before
+
+
+class Stage:
+    """What disturbances act on, and what they have done."""
+
+    def __init__(self, reader, record, random):
+        self.reader = reader
+        self.record = record
+        self.random = random
+        self.played = collections.Counter()  # answers by malformed kind
+        self.event_bytes = 0
+        self._malformed = itertools.chain.from_iterable(
+            random.sample(MALFORMED, len(MALFORMED)) for _ in itertools.count())
+
+    def next_malformed(self):
+        return next(self._malformed)
+
+    @contextlib.contextmanager
+    def without_agent(self):
+        self.reader.agent.end(signal.SIGKILL)
+        yield
+        self.reader.start_agent_again()
+
+
+def stop_agent(stage, seconds):
+    still = Standstill(stage.reader.agent)
+    still.begin()
+    still.last(seconds)
+
+
+def stop_pcscd(stage, seconds):
+    still = Standstill(stage.reader.pcscd)
+    still.begin()
+    still.last(seconds)
+
+
+def kill_agent(stage, seconds):
+    with stage.without_agent():
+        time.sleep(seconds)
+
+
+def kill_pcscd(stage, seconds):
+    stage.reader.pcscd.end(signal.SIGKILL)
+    time.sleep(seconds)
+    stage.reader.start_pcscd()
+
+
+def kill_both(stage, seconds):
+    with stage.without_agent():
+        kill_pcscd(stage, seconds)
+
+
+def be_hostile(stage, _):
+    stage.record.begin_hostile()
+    with stage.without_agent():
+        for _ in range(AT_A_TIME):
+            kind = stage.next_malformed()
+            stage.played[kind.name] += hostile_agent.play_malformed(kind)
+        stage.record.end_hostile_answers()
+
+
+def flood(stage, seconds, make_events):
+    from clients import ATR
+
+    with stage.without_agent():
+        stage.event_bytes += hostile_agent.play_flood(field(ATR), make_events, seconds)
+
+
+def flood_with_swaps(stage, seconds):
+    flood(stage, seconds, lambda: 500 * (number(REMOVED) + number(INSERTED)))
+
+
+def flood_with_sessions(stage, seconds):
+    def session_id():
+        size = stage.random.choice((0, 1, 36, 36, 1023, 1024, 1025, 4096, 200000))
+        text = stage.random.choice((b"\n", b"\0", b"\xFF", b"../", b"%s%n", b"a", b"\t"))
+        return number(SESSION_ID) + field((size * text)[:size])
+
+    ids = itertools.islice(iter(session_id, None), SESSIONS)
+    flood(stage, seconds, lambda: next(ids, b""))
+    strange = [str(path) for path in stage.reader.data.rglob("*")
+               if path.is_file() and not (path.parent == stage.reader.logs and
+                                          path.match("zelta_vsc_*.txt"))]
+    if strange:
+        stage.record.note_wrong(f"session ids have made {strange}")
+
+
+def open_one_pipe(stage, seconds):
+    with stage.without_agent(), socket.socket(socket.AF_UNIX) as half:
+        name = stage.random.choice((hostile_agent.COMMAND, hostile_agent.EVENT))
+        end = time.monotonic() + BROUGHT_UP
+        while True:  # until the driver has noticed that the agent is gone
+            try:
+                half.connect(str(PIPES / name))
+                break
+            except OSError:
+                if time.monotonic() > end:
+                    raise
+                time.sleep(0.01)
+        time.sleep(seconds)
+
+
+def fill_log_disk(stage, seconds):
+    filler = stage.reader.data / "filler"
+    with open(filler, "wb", buffering=0) as file:
+        try:
+            while True:
+                file.write(bytes(1 << 20))
+        except OSError as problem:
+            if problem.errno != errno.ENOSPC:
+                raise
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:  # what becomes free when a log file goes is taken, too
+        with contextlib.suppress(OSError), open(filler, "ab", buffering=0) as file:
+            file.write(bytes(1 << 12))
+        time.sleep(0.02)
+    filler.unlink()
+
+
+def leave_few_descriptors(stage, seconds):
+    pid = stage.reader.pcscd.process.pid
+    before = leave_descriptors(pid, stage.random.randrange(5))
+    time.sleep(seconds)
+    resource.prlimit(pid, resource.RLIMIT_NOFILE, before)
+
+
+def leave_little_memory(stage, seconds):
+    pid = stage.reader.pcscd.process.pid
+    before = leave_memory(pid, stage.random.randrange(FREE))
+    time.sleep(seconds)
+    resource.prlimit(pid, resource.RLIMIT_AS, before)
+
+
+# How long it lasts at most and how soon every client must have a right answer afterwards (seconds);
+# whether the other reader may fail meanwhile, since pcscd itself cannot serve it.
+Kind = collections.namedtuple("Kind", "name act longest usable excuses")
+
+KINDS = (
+    Kind("agent stopped", stop_agent, 8.0, USABLE_AGAIN, False),
+    Kind("pcscd stopped", stop_pcscd, 8.0, USABLE_AGAIN, True),
+    Kind("agent killed", kill_agent, 2.0, BROUGHT_UP, False),
+    Kind("pcscd killed", kill_pcscd, 2.0, BROUGHT_UP, True),
+    Kind("both killed", kill_both, 2.0, BROUGHT_UP, True),
+    Kind("hostile agent", be_hostile, 1.0, BROUGHT_UP, False),
+    Kind("event flood", flood_with_swaps, 2.0, BROUGHT_UP, False),
+    Kind("odd session ids", flood_with_sessions, 2.0, BROUGHT_UP, False),
+    Kind("one pipe opened", open_one_pipe, 2.0, BROUGHT_UP, False),
+    Kind("log disk full", fill_log_disk, 2.0, USABLE_AGAIN, False),
+    Kind("descriptors short", leave_few_descriptors, 2.0, USABLE_AGAIN, True),
+    Kind("memory short", leave_little_memory, 2.0, USABLE_AGAIN, True),
+)
