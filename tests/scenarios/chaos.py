@@ -6,6 +6,7 @@ import contextlib
 import errno
 import itertools
 import os
+import random
 import resource
 import signal
 import socket
@@ -16,9 +17,12 @@ from hostile_agent import INSERTED, MALFORMED, PIPES, REMOVED, SESSION_ID, field
 from standstill import USABLE_AGAIN, Standstill
 
 BROUGHT_UP = 5.0  # seconds that a reader has whose processes were started anew
+# Seconds after a flood. When its agent goes, the pipe holds thousands of removals; each begins a log
+# file, no two in the same millisecond.
+FLOODED = 15.0
 AT_A_TIME = 12  # malformed answers of one hostile agent
 SESSIONS = 40  # session ids of one agent: each makes a log file
-FREE = 1 << 20  # bytes: memory that is left to a pcscd that is short of it
+FREE = range(8, 21)  # powers of two: bytes that are left to a pcscd short of memory
 
 
 def leave_descriptors(pid, free):
@@ -44,14 +48,20 @@ def leave_memory(pid, free):
 class Stage:
     """What disturbances act on, and what they have done."""
 
-    def __init__(self, reader, record, random):
+    def __init__(self, reader, record, seed):
         self.reader = reader
         self.record = record
-        self.random = random
+        self.seed = seed
+        self.random = None
         self.played = collections.Counter()  # answers by malformed kind
         self.event_bytes = 0
+        chance = random.Random(f"malformed {seed}")
         self._malformed = itertools.chain.from_iterable(
-            random.sample(MALFORMED, len(MALFORMED)) for _ in itertools.count())
+            chance.sample(MALFORMED, len(MALFORMED)) for _ in itertools.count())
+
+    def begin(self, number):
+        """A disturbance's choices do not depend on how many those before it have made."""
+        self.random = random.Random(f"{self.seed} {number}")
 
     def next_malformed(self):
         return next(self._malformed)
@@ -167,7 +177,7 @@ def leave_few_descriptors(stage, seconds):
 
 def leave_little_memory(stage, seconds):
     pid = stage.reader.pcscd.process.pid
-    before = leave_memory(pid, stage.random.randrange(FREE))
+    before = leave_memory(pid, 1 << stage.random.choice(FREE))
     time.sleep(seconds)
     resource.prlimit(pid, resource.RLIMIT_AS, before)
 
@@ -183,7 +193,7 @@ KINDS = (
     Kind("pcscd killed", kill_pcscd, 2.0, BROUGHT_UP, True),
     Kind("both killed", kill_both, 2.0, BROUGHT_UP, True),
     Kind("hostile agent", be_hostile, 1.0, BROUGHT_UP, False),
-    Kind("event flood", flood_with_swaps, 2.0, BROUGHT_UP, False),
+    Kind("event flood", flood_with_swaps, 2.0, FLOODED, False),
     Kind("odd session ids", flood_with_sessions, 2.0, BROUGHT_UP, False),
     Kind("one pipe opened", open_one_pipe, 2.0, BROUGHT_UP, False),
     Kind("log disk full", fill_log_disk, 2.0, USABLE_AGAIN, False),

@@ -49,6 +49,16 @@ def options(words):
     return chosen
 
 
+def plan(seed):
+    """Yields for each disturbance the pause before it, its kind and its length, without end. Every
+    kind comes before one comes again."""
+    chance = random.Random(seed)
+    while True:
+        for kind in chance.sample(KINDS, len(KINDS)):
+            yield (chance.uniform(0, LONGEST_PAUSE), kind,
+                   SHORTEST * (kind.longest / SHORTEST) ** chance.random())
+
+
 class SoakedReader(Reader):
     """Beside another reader, and with a small disk of its own for the log."""
 
@@ -105,33 +115,31 @@ class Soak:
         self.reader = reader
         self.record = record
         self.callers = callers
-        self.random = random.Random(seed)
-        self.stage = Stage(reader, record, self.random)
+        self.plan = plan(seed)
+        self.stage = Stage(reader, record, seed)
         self.swapper = Swapper(reader, seed)
         self.stops = 0
         self.recovered = {kind.name: [] for kind in KINDS}  # seconds
         self.problems = []
         self.shown = 0
-        self._deck = []
 
     def run(self, stops, end):
         """Until something is wrong that the reader does not come back from."""
         while self.stops < stops and time.monotonic() < end:
-            time.sleep(self.random.uniform(0, LONGEST_PAUSE))
-            if not self._deck:
-                self._deck = self.random.sample(KINDS, len(KINDS))
-            if not self.disturb(self._deck.pop()):
+            pause, kind, seconds = next(self.plan)
+            time.sleep(pause)
+            if not self.disturb(kind, seconds):
                 return
             self.reader.tidy()
             if self.stops % EVERY == 0:
                 print(f"{self.stops} disturbances, {self.record.right} right, "
                       f"{len(self.record.wrong)} wrong", flush=True)
 
-    def disturb(self, kind):
+    def disturb(self, kind, seconds):
         """False if the run is over."""
-        seconds = SHORTEST * (kind.longest / SHORTEST) ** self.random.random()
         self.stops += 1
         self.record.excused = kind.excuses
+        self.stage.begin(self.stops)
         kind.act(self.stage, seconds)
         since = time.monotonic()
         problems = self._dead_processes()

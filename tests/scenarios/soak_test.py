@@ -1,14 +1,29 @@
 """The soak for a short while, and its end by Ctrl-C."""
 
+import itertools
 import pathlib
 import signal
 import subprocess
 import sys
+import tempfile
 import unittest
 
+import chaos
+import soak
 import stack
 
 SOAK = pathlib.Path(__file__).with_name("soak.py")
+# The soak with an agent whose answers are well-formed and whose coming is not announced.
+WITH_A_STRANGER = f"""
+import sys
+sys.path.insert(0, {str(SOAK.parent)!r})
+import chaos, hostile_agent, soak
+def come(stage, seconds):
+    with stage.without_agent():
+        hostile_agent.play_malformed(hostile_agent.Malformed("none"))
+soak.KINDS = chaos.Kind("stranger", come, 1.0, 5.0, False),
+sys.exit(soak.main(sys.argv[1:]))
+"""
 
 
 def setUpModule():
@@ -16,27 +31,46 @@ def setUpModule():
 
 
 class Soak(unittest.TestCase):
-    def start(self, *words):
-        return subprocess.Popen([sys.executable, SOAK, *words], stdout=subprocess.PIPE,
+    def start(self, *words, program=(SOAK,)):
+        return subprocess.Popen([sys.executable, *program, *words], stdout=subprocess.PIPE,
                                 stderr=subprocess.STDOUT, text=True)
 
-    def test_18_random_stops_under_load_leave_every_answer_right(self):
-        # These moments and durations have several standstills beyond every limit.
-        soak = self.start("--stops", "18", "--seed", "16")
-        output = soak.communicate()[0]
-        self.assertEqual(soak.returncode, 0, output)
-        self.assertRegex(output, r"18 stops, 18 recoveries in time")
-        self.assertRegex(output, r"[1-9]\d* right, 0 wrong")
+    def test_each_disturbance_once_under_load_leaves_every_answer_right(self):
+        count = len(chaos.KINDS)
+        with tempfile.TemporaryDirectory() as folder:
+            run = self.start("--stops", str(count), "--reports", folder)
+            output = run.communicate()[0]
+            self.assertEqual(run.returncode, 0, output)
+            self.assertIn(f"{count} disturbances, {count} recoveries in time", output)
+            self.assertRegex(output, r"[1-9]\d* right, 0 wrong")
+            [report] = pathlib.Path(folder).glob("soak-*.md")
+            page = report.read_text()
+        for kind in chaos.KINDS:
+            self.assertIn(f"| {kind.name} | 1 |", page)
+
+    def test_seed_repeats_the_disturbances(self):
+        def begin(seed):
+            return list(itertools.islice(soak.plan(seed), 3 * len(chaos.KINDS)))
+
+        self.assertEqual(begin(5), begin(5))
+        self.assertNotEqual(begin(5), begin(6))
+
+    def test_bytes_of_another_agent_fail_the_run_with_the_evidence(self):
+        run = self.start("--stops", "3", program=("-c", WITH_A_STRANGER))
+        output = run.communicate()[0]
+        self.assertEqual(run.returncode, 1, output)
+        self.assertRegex(output, r"WRONG [\d.]+ s: \w+ (asked|was told) .*\bee ee\b")
+        self.assertIn("--- end of pcscd.log", output)
 
     def test_interrupted_soak_ends_with_its_summary(self):
-        soak = self.start("--minutes", "5")
-        begun = [soak.stdout.readline() for _ in range(2)]
+        run = self.start("--minutes", "5")
+        begun = [run.stdout.readline() for _ in range(2)]
         self.assertIn("Ctrl-C ends it", begun[1])
-        soak.send_signal(signal.SIGINT)
-        output = soak.communicate()[0]
-        self.assertEqual(soak.returncode, 0, output)
+        run.send_signal(signal.SIGINT)
+        output = run.communicate()[0]
+        self.assertEqual(run.returncode, 0, output)
         self.assertRegex(begun[0], r"Seed \d+")
-        self.assertRegex(output, r"Interrupted.\n\d+ stops, \d+ recoveries in time")
+        self.assertRegex(output, r"Interrupted.\n\d+ disturbances, \d+ recoveries in time")
 
 
 if __name__ == "__main__":
