@@ -4,7 +4,7 @@ set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-STAGES=(format layers shellcheck test tsan asan-ubsan soak clang fuzz tidy)
+STAGES=(format layers shellcheck test soak tsan asan-ubsan clang fuzz tidy)
 # What CI runs.
 QUICK_STAGES=(format layers shellcheck test tsan asan-ubsan)
 # The folders whose classes are used by several threads.
@@ -23,9 +23,9 @@ passed, N failed". A stage that fails does not keep the later ones from running.
   layers        no source includes what its layer may not
   shellcheck    the scripts
   test          ./zelta test: the release suite, the Windows suite under Wine
+  soak          ./zelta soak for two minutes, with a seed that it prints
   tsan          the suite under the thread sanitizer, but for what runs pcscd
   asan-ubsan    the same under the address and undefined-behaviour sanitizers
-  soak          ./zelta soak for two minutes, with a seed that it prints
   clang         clang builds everything, with thread-safety analysis
   fuzz          each fuzzer for 20 seconds
   tidy          clang-tidy on every source
@@ -80,8 +80,8 @@ run_stage() {
     shellcheck) git ls-files -z zelta '*.sh' .ci/run packaging/zelta 'packaging/debian/*.p[or]*' |
       xargs -0 shellcheck -x ;;
     test) ./zelta test ;;
-    clang) build_preset clang ;;
     soak) ./zelta soak 2 ;;
+    clang) build_preset clang ;;
     fuzz) scripts/fuzz.sh ;;
     asan-ubsan | tsan) ./zelta test --preset "$1" "${sanitized[@]}" ;;
     tidy) scripts/lint.sh "${looked_at[@]}" ;;
@@ -89,7 +89,7 @@ run_stage() {
 }
 
 for stage in "${stages[@]}"; do
-  case "$stage" in test | tsan | asan-ubsan | soak) ask_root "to run pcscd in the tests" ;; esac
+  case "$stage" in test | soak | tsan | asan-ubsan) ask_root "to run pcscd in the tests" ;; esac
 done
 need_packages "${BUILD_PACKAGES[@]}" "${RUN_PACKAGES[@]}" "${TEST_PACKAGES[@]}" \
   "${WINDOWS_PACKAGES[@]}" "${LINT_PACKAGES[@]}"

@@ -69,6 +69,9 @@ LISTED = {
         f"modutil -dbdir sql:PROFILE -force -add OpenSC -libfile {OPENSC}":
             ("needs a profile", TLS, "test_it_asks_for_the_pin"),
     },
+    "docs/reliability.md": {
+        "./zelta soak 2": ("takes two minutes", "scripts/check.sh", "./zelta soak 2"),
+    },
     "docs/troubleshooting.md": {
         "sudo dpkg --force-confmiss --install zelta-vsc_*.deb":
             ("changes the system", PACKAGE, '"--force-confmiss", "--install"'),

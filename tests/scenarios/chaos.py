@@ -10,6 +10,7 @@ import random
 import resource
 import signal
 import socket
+import threading
 import time
 
 import hostile_agent
@@ -17,9 +18,10 @@ from hostile_agent import INSERTED, MALFORMED, PIPES, REMOVED, SESSION_ID, field
 from standstill import USABLE_AGAIN, Standstill
 
 BROUGHT_UP = 5.0  # seconds that a reader has whose processes were started anew
-# Seconds after a flood. When its agent goes, the pipe holds thousands of removals; each begins a log
-# file, no two in the same millisecond.
+# Seconds after a flood. When its agent goes, the pipe holds thousands of removals, and each begins a
+# log file, no two in the same millisecond.
 FLOODED = 15.0
+CROWD = 20  # new clients
 AT_A_TIME = 12  # malformed answers of one hostile agent
 SESSIONS = 40  # session ids of one agent: each makes a log file
 FREE = range(8, 21)  # powers of two: bytes that are left to a pcscd short of memory
@@ -43,6 +45,10 @@ def leave_memory(pid, free):
     before = resource.prlimit(pid, resource.RLIMIT_AS)
     resource.prlimit(pid, resource.RLIMIT_AS, (used + free, before[1]))
     return before
+
+
+# Answers that need memory.
+LARGE = [kind for kind in MALFORMED if "MiB" in kind.name or "GiB" in kind.name]
 
 
 class Stage:
@@ -168,18 +174,49 @@ def fill_log_disk(stage, seconds):
     filler.unlink()
 
 
+def come_and_go():
+    """A client that pcscd may have no thread or descriptor for."""
+    from clients import scard
+
+    error, context = scard.SCardEstablishContext(scard.SCARD_SCOPE_SYSTEM)
+    if error == scard.SCARD_S_SUCCESS:
+        scard.SCardReleaseContext(context)
+
+
+@contextlib.contextmanager
+def crowd():
+    """New clients, all at the same time; waits for them at the end."""
+    clients = [threading.Thread(target=come_and_go, daemon=True) for _ in range(CROWD)]
+    for client in clients:
+        client.start()
+    yield
+    for client in clients:
+        client.join(BROUGHT_UP)
+    if any(client.is_alive() for client in clients):
+        raise AssertionError("a new client of pcscd hangs after the shortage")
+
+
 def leave_few_descriptors(stage, seconds):
     pid = stage.reader.pcscd.process.pid
     before = leave_descriptors(pid, stage.random.randrange(5))
-    time.sleep(seconds)
-    resource.prlimit(pid, resource.RLIMIT_NOFILE, before)
+    with crowd():
+        time.sleep(seconds)
+        resource.prlimit(pid, resource.RLIMIT_NOFILE, before)
 
 
 def leave_little_memory(stage, seconds):
+    """And let an agent answer with what there is no memory for."""
     pid = stage.reader.pcscd.process.pid
     before = leave_memory(pid, 1 << stage.random.choice(FREE))
-    time.sleep(seconds)
-    resource.prlimit(pid, resource.RLIMIT_AS, before)
+    end = time.monotonic() + seconds
+    stage.record.begin_hostile()
+    with crowd(), stage.without_agent():
+        for kind in itertools.cycle(LARGE):
+            hostile_agent.play_malformed(kind)
+            if time.monotonic() > end:
+                break
+        resource.prlimit(pid, resource.RLIMIT_AS, before)
+        stage.record.end_hostile_answers()
 
 
 # How long it lasts at most and how soon every client must have a right answer afterwards (seconds);
@@ -198,5 +235,5 @@ KINDS = (
     Kind("one pipe opened", open_one_pipe, 2.0, BROUGHT_UP, False),
     Kind("log disk full", fill_log_disk, 2.0, USABLE_AGAIN, False),
     Kind("descriptors short", leave_few_descriptors, 2.0, USABLE_AGAIN, True),
-    Kind("memory short", leave_little_memory, 2.0, USABLE_AGAIN, True),
+    Kind("memory short", leave_little_memory, 2.0, BROUGHT_UP, True),
 )

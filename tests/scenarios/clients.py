@@ -152,7 +152,8 @@ class Client:
         self.state = "idle"
         self.error, *values = result if isinstance(result, (list, tuple)) else [result]
         if self.error != scard.SCARD_S_SUCCESS:
-            self.record.note_failure(what, scard.SCardGetErrorMessage(self.error).strip())
+            self.record.note_failure(what, scard.SCardGetErrorMessage(self.error).strip() +
+                                     f" ({self.error & 0xFFFFFFFF:08X})")
             return None
         return values
 

@@ -89,7 +89,8 @@ MALFORMED = (
     Malformed("event: unknown codes", events=number(3) + number(0xFFFFFFFF) + number(INSERTED)),
     Malformed("event: half a code", events=number(INSERTED) + b"\x01"),
     Malformed("event: session id of 0 bytes", events=number(SESSION_ID) + number(0)),
-    Malformed("event: session id of 4 GiB", events=number(SESSION_ID) + number(0xFFFFFFFF) + b"abc"),
+    Malformed("event: session id of 4 GiB",
+              events=number(SESSION_ID) + number(0xFFFFFFFF) + b"abc"),
     Malformed("event: session id cut", events=number(SESSION_ID) + number(36) + b"abc"),
 )
 
