@@ -75,20 +75,28 @@ class Stage:
     @contextlib.contextmanager
     def without_agent(self):
         self.reader.agent.end(signal.SIGKILL)
-        yield
-        self.reader.start_agent_again()
+        try:
+            yield
+        finally:
+            self.reader.start_agent_again()
+
+
+# If the soak is interrupted, its processes go on as they were: the report needs them.
+def stop(process, seconds):
+    still = Standstill(process)
+    still.begin()
+    try:
+        time.sleep(seconds)
+    finally:
+        still.end()
 
 
 def stop_agent(stage, seconds):
-    still = Standstill(stage.reader.agent)
-    still.begin()
-    still.last(seconds)
+    stop(stage.reader.agent, seconds)
 
 
 def stop_pcscd(stage, seconds):
-    still = Standstill(stage.reader.pcscd)
-    still.begin()
-    still.last(seconds)
+    stop(stage.reader.pcscd, seconds)
 
 
 def kill_agent(stage, seconds):
@@ -98,8 +106,10 @@ def kill_agent(stage, seconds):
 
 def kill_pcscd(stage, seconds):
     stage.reader.pcscd.end(signal.SIGKILL)
-    time.sleep(seconds)
-    stage.reader.start_pcscd()
+    try:
+        time.sleep(seconds)
+    finally:
+        stage.reader.start_pcscd()
 
 
 def kill_both(stage, seconds):
@@ -200,8 +210,10 @@ def leave_few_descriptors(stage, seconds):
     pid = stage.reader.pcscd.process.pid
     before = leave_descriptors(pid, stage.random.randrange(5))
     with crowd():
-        time.sleep(seconds)
-        resource.prlimit(pid, resource.RLIMIT_NOFILE, before)
+        try:
+            time.sleep(seconds)
+        finally:
+            resource.prlimit(pid, resource.RLIMIT_NOFILE, before)
 
 
 def leave_little_memory(stage, seconds):
@@ -211,16 +223,18 @@ def leave_little_memory(stage, seconds):
     end = time.monotonic() + seconds
     stage.record.begin_hostile()
     with crowd(), stage.without_agent():
-        for kind in itertools.cycle(LARGE):
-            hostile_agent.play_malformed(kind)
-            if time.monotonic() > end:
-                break
-        resource.prlimit(pid, resource.RLIMIT_AS, before)
+        try:
+            for kind in itertools.cycle(LARGE):
+                hostile_agent.play_malformed(kind)
+                if time.monotonic() > end:
+                    break
+        finally:
+            resource.prlimit(pid, resource.RLIMIT_AS, before)
         stage.record.end_hostile_answers()
 
 
 # How long it lasts at most and how soon every client must have a right answer afterwards (seconds);
-# whether the other reader may fail meanwhile, since pcscd itself cannot serve it.
+# whether the other reader may fail meanwhile, since pcscd itself stands still or is gone.
 Kind = collections.namedtuple("Kind", "name act longest usable excuses")
 
 KINDS = (
@@ -234,6 +248,6 @@ KINDS = (
     Kind("odd session ids", flood_with_sessions, 2.0, BROUGHT_UP, False),
     Kind("one pipe opened", open_one_pipe, 2.0, BROUGHT_UP, False),
     Kind("log disk full", fill_log_disk, 2.0, USABLE_AGAIN, False),
-    Kind("descriptors short", leave_few_descriptors, 2.0, USABLE_AGAIN, True),
-    Kind("memory short", leave_little_memory, 2.0, BROUGHT_UP, True),
+    Kind("descriptors short", leave_few_descriptors, 2.0, USABLE_AGAIN, False),
+    Kind("memory short", leave_little_memory, 2.0, BROUGHT_UP, False),
 )

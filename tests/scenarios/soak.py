@@ -3,7 +3,7 @@
 Twelve clients ask all the time, each with habits of its own, and the card is swapped, while one
 disturbance of the table in chaos.py after the other happens. Every answer is checked, after each
 disturbance every client must have a right answer in time, and pcscd's other reader must not notice
-anything but pcscd's own troubles.
+anything but pcscd's own standstills and ends.
 """
 
 import argparse
@@ -60,7 +60,10 @@ def plan(seed):
 
 
 class SoakedReader(Reader):
-    """Beside another reader, and with a small disk of its own for the log."""
+    """Beside another reader, and with a small disk of its own for the log. A terminal's Ctrl-C does
+    not reach its processes."""
+
+    process_options = {"start_new_session": True}
 
     def __init__(self):
         super().__init__()
@@ -225,7 +228,8 @@ def soak(chosen):
         for thread in (*callers, run.swapper):
             getattr(thread, "go", thread.start)()
         try:
-            print("The reader is up and in use. Ctrl-C ends it.", flush=True)
+            print("The reader is up and in use. Ctrl-C ends it.\n"
+                  f"At the start {soak_report.line(start)}", flush=True)
             run.run(chosen.stops, begun + 60 * (chosen.minutes or float("inf")))
         except KeyboardInterrupt:
             print("Interrupted.")
@@ -245,7 +249,7 @@ def conclude(run, chosen, seconds, start):
     end = figures_without_clients(run.reader, start)
     run.problems.extend(soak_report.grown(start, end))
     run.say_wrong_answers()
-    print(run.summary())
+    print(f"{run.summary()}\nAt the end {soak_report.line(end)}\n")
     report = soak_report.text(run, chosen.seed, seconds, start, end)
     print(report, flush=True)
     if chosen.reports:

@@ -7,7 +7,7 @@ import time
 # without clients.
 GROWTH = 4
 SHOWN = 10  # wrong answers
-FIGURES = ("resident memory (KiB)", "descriptors", "threads")
+FIGURES = ("KiB of memory", "descriptors", "threads")
 
 
 def figures(process):
@@ -30,9 +30,15 @@ def grown(start, end):
             if after > before + GROWTH]
 
 
+def line(processes):
+    return "; ".join(f"{name}: " + ", ".join(f"{value} {what}" for what, value in
+                                             zip(FIGURES, values))
+                     for name, values in processes.items())
+
+
 def table(heads, rows):
-    lines = [heads, ["---"] * len(heads), *rows]
-    return "\n".join(f"| {' | '.join(str(cell) for cell in line)} |" for line in lines)
+    return "\n".join(f"| {' | '.join(str(cell) for cell in cells)} |"
+                     for cells in (heads, ["---"] * len(heads), *rows))
 
 
 def text(run, seed, seconds, start, end):

@@ -1,6 +1,7 @@
 """The soak for a short while, and its end by Ctrl-C."""
 
 import itertools
+import os
 import pathlib
 import signal
 import subprocess
@@ -33,7 +34,7 @@ def setUpModule():
 class Soak(unittest.TestCase):
     def start(self, *words, program=(SOAK,)):
         return subprocess.Popen([sys.executable, *program, *words], stdout=subprocess.PIPE,
-                                stderr=subprocess.STDOUT, text=True)
+                                stderr=subprocess.STDOUT, text=True, start_new_session=True)
 
     def test_each_disturbance_once_under_load_leaves_every_answer_right(self):
         count = len(chaos.KINDS)
@@ -66,7 +67,7 @@ class Soak(unittest.TestCase):
         run = self.start("--minutes", "5")
         begun = [run.stdout.readline() for _ in range(2)]
         self.assertIn("Ctrl-C ends it", begun[1])
-        run.send_signal(signal.SIGINT)
+        os.killpg(run.pid, signal.SIGINT)  # as a terminal does
         output = run.communicate()[0]
         self.assertEqual(run.returncode, 0, output)
         self.assertRegex(begun[0], r"Seed \d+")
