@@ -18,8 +18,8 @@ from hostile_agent import INSERTED, MALFORMED, PIPES, REMOVED, SESSION_ID, field
 from standstill import USABLE_AGAIN, Standstill
 
 BROUGHT_UP = 5.0  # seconds that a reader has whose processes were started anew
-# Seconds after a flood. When its agent goes, the pipe holds thousands of removals, and each begins a
-# log file, no two in the same millisecond.
+# Seconds after a flood. When its agent goes, the pipe holds thousands of removals, and each begins
+# a log file, no two in the same millisecond.
 FLOODED = 15.0
 CROWD = 20  # new clients
 AT_A_TIME = 12  # malformed answers of one hostile agent

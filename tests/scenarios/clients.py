@@ -305,8 +305,8 @@ class Client:
 
 
 class OtherReadersClient(Client):
-    """Uses the second reader of pcscd, which only a standstill or the end of pcscd may disturb: without
-    that excuse, a failure or a late answer is as bad as a wrong one."""
+    """Uses the second reader of pcscd, which only a standstill or the end of pcscd may disturb:
+    without that excuse, a failure or a late answer is as bad as a wrong one."""
 
     reader = OTHER_READER
 
