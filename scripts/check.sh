@@ -30,7 +30,8 @@ passed, N failed". A stage that fails does not keep the later ones from running.
   fuzz          each fuzzer for 20 seconds
   tidy          clang-tidy on every source
 
-  --quick       what CI runs: ${QUICK_STAGES[*]}.
+  --quick       what CI runs:
+                ${QUICK_STAGES[*]}.
                 The sanitizers look at the tests of
                 ${THREADED[*]} only,
                 tidy at product code only; a stage that could not begin within

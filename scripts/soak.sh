@@ -6,7 +6,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 usage() {
   cat <<'EOT'
-Usage: ./zelta soak [MINUTES | --minutes N | --stops N] [--seed S]
+Usage: ./zelta soak [N | --minutes N | --stops N] [--seed S]
 
 Builds the reader and disturbs it at random moments for 0.05 to 8 seconds while
 12 clients use it and the card is swapped: agent and pcscd are stopped and
@@ -15,7 +15,7 @@ out. Every answer is checked; every client must have a right one soon after each
 disturbance; another reader in the same pcscd must notice nothing. Ctrl-C ends
 it with the report, which also goes into the folder reports.
 
-  MINUTES        end after so many minutes; the same as --minutes
+  --minutes N    end after N minutes; the number alone does, too
   --stops N      end after N disturbances; default: 200
   --seed S       the disturbances of the run that printed this seed
   -h, --help     this text
