@@ -11,18 +11,19 @@ import unittest
 
 import chaos
 import soak
+import soak_report
 import stack
 
 SOAK = pathlib.Path(__file__).with_name("soak.py")
-# The soak with an agent whose answers are well-formed and whose coming is not announced.
-WITH_A_STRANGER = f"""
+# The soak with a disturbance that must fail it.
+WITH = f"""
 import sys
 sys.path.insert(0, {str(SOAK.parent)!r})
 import chaos, hostile_agent, soak
-def come(stage, seconds):
+def stranger(stage, seconds):
     with stage.without_agent():
         hostile_agent.play_malformed(hostile_agent.Malformed("none"))
-soak.KINDS = chaos.Kind("stranger", come, 1.0, 5.0, False),
+soak.KINDS = chaos.Kind("bad", %s, 1.0, 5.0, False),
 sys.exit(soak.main(sys.argv[1:]))
 """
 
@@ -56,12 +57,29 @@ class Soak(unittest.TestCase):
         self.assertEqual(begin(5), begin(5))
         self.assertNotEqual(begin(5), begin(6))
 
-    def test_bytes_of_another_agent_fail_the_run_with_the_evidence(self):
-        run = self.start("--stops", "3", program=("-c", WITH_A_STRANGER))
+    def assert_fails(self, disturbance, evidence):
+        run = self.start("--stops", "3", program=("-c", WITH % disturbance))
         output = run.communicate()[0]
         self.assertEqual(run.returncode, 1, output)
-        self.assertRegex(output, r"WRONG [\d.]+ s: \w+ (asked|was told) .*\bee ee\b")
+        self.assertRegex(output, evidence)
         self.assertIn("--- end of pcscd.log", output)
+
+    def test_bytes_of_an_unannounced_agent_fail_the_run_with_the_evidence(self):
+        self.assert_fails("stranger", r"WRONG [\d.]+ s: \w+ (asked|was told) .*\bee ee\b")
+
+    def test_disturbed_other_reader_fails_the_run(self):
+        self.assert_fails("chaos.kill_pcscd", r"WRONG [\d.]+ s: the other reader is disturbed")
+
+    def test_process_that_ended_by_itself_fails_the_run(self):
+        self.assert_fails("lambda stage, seconds: stage.reader.agent.end(9)",
+                          r"1 \(bad, [\d.]+ s\): agent has ended with -9")
+
+    def test_only_more_descriptors_and_threads_than_allowed_are_growth(self):
+        start = {"pcscd": (1000, 10, 5)}
+        self.assertEqual(soak_report.grown(start, {"pcscd": (9000, 14, 9)}), [])
+        self.assertEqual(soak_report.grown(start, {"pcscd": (1000, 15, 10)}),
+                         ["pcscd has 15 descriptors, 10 at the start",
+                          "pcscd has 10 threads, 5 at the start"])
 
     def test_interrupted_soak_ends_with_its_summary(self):
         run = self.start("--minutes", "5")
