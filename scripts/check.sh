@@ -4,9 +4,9 @@ set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-STAGES=(format layers shellcheck test tsan asan-ubsan clang fuzz tidy)
+STAGES=(format layers shellcheck test soak tsan asan-ubsan clang fuzz tidy)
 # What CI runs.
-QUICK_STAGES=(format layers shellcheck test tsan asan-ubsan)
+QUICK_STAGES=(format layers shellcheck test soak tsan asan-ubsan)
 # The folders whose classes are used by several threads.
 THREADED=(reader agent_link driver host pcsc agent platform)
 # CI has 50 minutes: no stage begins later than this. The longest takes about ten.
@@ -23,13 +23,15 @@ passed, N failed". A stage that fails does not keep the later ones from running.
   layers        no source includes what its layer may not
   shellcheck    the scripts
   test          ./zelta test: the release suite, the Windows suite under Wine
+  soak          ./zelta soak for two minutes, with a seed that it prints
   tsan          the suite under the thread sanitizer, but for what runs pcscd
   asan-ubsan    the same under the address and undefined-behaviour sanitizers
   clang         clang builds everything, with thread-safety analysis
   fuzz          each fuzzer for 20 seconds
   tidy          clang-tidy on every source
 
-  --quick       what CI runs: ${QUICK_STAGES[*]}.
+  --quick       what CI runs:
+                ${QUICK_STAGES[*]}.
                 The sanitizers look at the tests of
                 ${THREADED[*]} only,
                 tidy at product code only; a stage that could not begin within
@@ -79,6 +81,7 @@ run_stage() {
     shellcheck) git ls-files -z zelta '*.sh' .ci/run packaging/zelta 'packaging/debian/*.p[or]*' |
       xargs -0 shellcheck -x ;;
     test) ./zelta test ;;
+    soak) ./zelta soak 2 ;;
     clang) build_preset clang ;;
     fuzz) scripts/fuzz.sh ;;
     asan-ubsan | tsan) ./zelta test --preset "$1" "${sanitized[@]}" ;;
@@ -87,7 +90,7 @@ run_stage() {
 }
 
 for stage in "${stages[@]}"; do
-  case "$stage" in test | tsan | asan-ubsan) ask_root "to run pcscd in the tests" ;; esac
+  case "$stage" in test | soak | tsan | asan-ubsan) ask_root "to run pcscd in the tests" ;; esac
 done
 need_packages "${BUILD_PACKAGES[@]}" "${RUN_PACKAGES[@]}" "${TEST_PACKAGES[@]}" \
   "${WINDOWS_PACKAGES[@]}" "${LINT_PACKAGES[@]}"

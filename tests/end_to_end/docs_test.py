@@ -82,6 +82,9 @@ LISTED = {
         'zelta-agent --to ssh://me@host.example --backend pcsc --pcsc-reader "NAME"':
             ("needs a real reader", REMOTE, '"--to", f"ssh://'),
     },
+    "docs/reliability.md": {
+        "./zelta soak 2": ("takes two minutes", "scripts/check.sh", "./zelta soak 2"),
+    },
     "docs/troubleshooting.md": {
         "sudo dpkg --force-confmiss --install zelta-vsc_*.deb":
             ("changes the system", PACKAGE, '"--force-confmiss", "--install"'),

@@ -300,7 +300,8 @@ class ZeltaCommand(unittest.TestCase):
     def test_bad_use_is_refused(self):
         for words in (["fly"], ["up", "--fast"], ["card", "eat"], ["down", "now"], ["test", "x"],
                       ["soak", "--stops", "0"], ["soak", "--stops", "1", "--minutes", "1"],
-                      ["soak", "--seed"], ["bench", "x"], ["bench", "--page", "/none"]):
+                      ["soak", "--seed"], ["soak", "0"], ["soak", "2", "--stops", "1"],
+                      ["bench", "x"], ["bench", "--page", "/none"]):
             result = self.zelta(*words, check=False)
             self.assertEqual(result.returncode, 2, words)
         self.assertEqual(self.zelta("--help").returncode, 0)

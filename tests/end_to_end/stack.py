@@ -126,6 +126,8 @@ class Process:
 
 
 class Stack(contextlib.AbstractContextManager):
+    process_options = {}
+
     def __init__(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="zelta-e2e-"))
         self.logs = self.folder / "data" / "Vornhalt" / "ZeltaAgent" / "logs"
@@ -162,6 +164,7 @@ class Stack(contextlib.AbstractContextManager):
             ["pcscd", "--foreground", "--info", "--config", self.folder / "reader.conf.d"],
             self.folder / "pcscd.log",
             self.environment,
+            **self.process_options,
         )
         wait_until(lambda: os.path.exists("/run/pcscd/pcscd.comm"), "pcscd's socket")
 
@@ -176,7 +179,8 @@ class Stack(contextlib.AbstractContextManager):
 
     def run_agent(self, *options):
         self.agent = Process([AGENT, "--control", self.control, *options],
-                             self.folder / "agent.log", self.environment)
+                             self.folder / "agent.log", self.environment,
+                             **self.process_options)
 
     def start(self, *agent_options):
         self.start_pcscd()

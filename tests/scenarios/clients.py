@@ -10,6 +10,8 @@ import random
 import threading
 import time
 
+from hostile_agent import is_filler
+
 # pyscard connects to pcscd when it is imported, so this module is imported when pcscd is up.
 from smartcard import scard
 
@@ -17,8 +19,14 @@ ATR = bytes.fromhex("3B951381018073FF01000B")
 ECHO, SLOW_ECHO = 0xE0, 0xE1  # instructions of the scripted card
 PACE = 0.002  # seconds between two questions of a client
 LONGEST = 20000  # bytes of a question
+CANCEL_LIMIT = 30  # seconds: longer than any standstill
 PROTOCOLS = scard.SCARD_PROTOCOL_T0 | scard.SCARD_PROTOCOL_T1
 READER = "Zelta Virtual SmartCard Reader 00 00"
+OTHER_READER = "Null 00 00"
+DISTURBED = 2.0  # seconds that a call to the other reader may take
+# After these a client begins with a new context: pcscd is gone, or has been.
+LOST = {scard.SCARD_E_NO_SERVICE, scard.SCARD_E_INVALID_HANDLE, scard.SCARD_F_COMM_ERROR,
+        scard.SCARD_F_INTERNAL_ERROR, scard.SCARD_E_SERVICE_STOPPED}
 # pcscd (1.9.9) has a race of its own: if a disconnect powers the card down while another client
 # connects or resets it, pcscd may take the card for unpowered and in use, and refuses every connect
 # from then on without asking its handler. So these calls exclude each other here.
@@ -49,6 +57,30 @@ class Record:
         self._asked = {}  # client's name: when its last right answer was asked for
         self._origin = time.monotonic()
         self._changed = threading.Condition()
+        self.cancelled = 0  # waits
+        self.excused = False  # the other reader may fail
+        self._answers_until = self._atrs_until = 0
+
+    def begin_hostile(self):
+        """From now on answers and ATRs may be a hostile agent's."""
+        self._answers_until = self._atrs_until = float("inf")
+
+    def end_hostile_answers(self):
+        self._answers_until = time.monotonic()
+
+    def end_hostile_atrs(self):
+        self._atrs_until = min(self._atrs_until, time.monotonic())
+
+    def may_answer(self, asked, answer):
+        """Whether a hostile agent may have answered so to what was asked then."""
+        return asked < self._answers_until and answer and is_filler(answer)
+
+    def may_be_atr(self, asked, atr):
+        return asked < self._atrs_until and is_filler(atr)
+
+    def note_cancelled(self):
+        with self._changed:
+            self.cancelled += 1
 
     def note_right(self, name, asked):
         with self._changed:
@@ -84,6 +116,8 @@ class Record:
 class Client:
     """One application. Used by one thread at a time."""
 
+    reader = READER
+
     def __init__(self, name, record, seed=0):
         self.name = name
         self.record = record
@@ -92,17 +126,34 @@ class Client:
         self.card = None
         self.protocol = 0
         self.state = "idle"
+        self.error = scard.SCARD_S_SUCCESS  # of the last call
+        self.asked = 0  # when the last call began
         _, self.context = scard.SCardEstablishContext(scard.SCARD_SCOPE_SYSTEM)
+
+    def begin_anew_if_lost(self):
+        """With a new context, if pcscd is not the one that it was. Keeps the old one, which is no
+        good but a context, if there is none to have."""
+        if self.error in LOST:
+            values = self._call("establish context", scard.SCardEstablishContext,
+                                scard.SCARD_SCOPE_SYSTEM)
+            if values is not None:
+                scard.SCardReleaseContext(self.context)
+                self.context = values[0]
+
+    def leave(self):
+        self.disconnect()
+        scard.SCardReleaseContext(self.context)
 
     def _call(self, what, function, *arguments):
         """The rest of a successful call's results, or None."""
-        begun = time.monotonic()
-        self.state = f"in {what} since {begun - self.record._origin:.3f} s"
+        self.asked = time.monotonic()
+        self.state = f"in {what} since {self.asked - self.record._origin:.3f} s"
         result = function(*arguments)
         self.state = "idle"
-        error, *values = result if isinstance(result, (list, tuple)) else [result]
-        if error != scard.SCARD_S_SUCCESS:
-            self.record.note_failure(what, scard.SCardGetErrorMessage(error).strip())
+        self.error, *values = result if isinstance(result, (list, tuple)) else [result]
+        if self.error != scard.SCARD_S_SUCCESS:
+            self.record.note_failure(what, scard.SCardGetErrorMessage(self.error).strip() +
+                                     f" ({self.error & 0xFFFFFFFF:08X})")
             return None
         return values
 
@@ -113,7 +164,7 @@ class Client:
     def connect(self):
         if self.card is not None:
             self.disconnect()
-        values = self._power_call("connect", scard.SCardConnect, self.context, READER,
+        values = self._power_call("connect", scard.SCardConnect, self.context, self.reader,
                                   scard.SCARD_SHARE_SHARED, PROTOCOLS)
         if values is not None:
             self.card, self.protocol = values
@@ -145,26 +196,68 @@ class Client:
             return self._call("end transaction", scard.SCardEndTransaction, self.card,
                               scard.SCARD_RESET_CARD) is not None
 
-    def ask(self, slow=False):
-        """True for the right answer, False for a failure and for a wrong one."""
-        self.serial += 1
+    def transaction_with_questions(self):
+        if self._call("begin transaction", scard.SCardBeginTransaction, self.card) is not None:
+            for _ in range(3):
+                self.ask()
+            self._call("end transaction", scard.SCardEndTransaction, self.card,
+                       scard.SCARD_LEAVE_CARD)
+
+    def cancel_a_wait(self):
+        """Waits for a change without an end, on a context of its own, and is cancelled."""
+        error, context = scard.SCardEstablishContext(scard.SCARD_SCOPE_SYSTEM)
+        if error != scard.SCARD_S_SUCCESS:
+            return
+        waiter = threading.Thread(target=self._wait_for_change, args=(context,), daemon=True)
+        waiter.start()
+        waiter.join(self.random.uniform(0, 0.05))
+        end = time.monotonic() + CANCEL_LIMIT
+        self.state = "cancelling"
+        while waiter.is_alive() and time.monotonic() < end:  # one may come before the wait
+            scard.SCardCancel(context)
+            waiter.join(0.05)
+        self.state = "idle"
+        if waiter.is_alive():
+            self.record.note_wrong(f"{self.name}'s wait has not ended {CANCEL_LIMIT} s after the "
+                                   "cancel")
+        scard.SCardReleaseContext(context)
+
+    def _wait_for_change(self, context):
+        error, states = scard.SCardGetStatusChange(context, 0, [(READER, 0)])
+        if error == scard.SCARD_S_SUCCESS:
+            known = states[0][1] & ~scard.SCARD_STATE_CHANGED
+            error, _ = scard.SCardGetStatusChange(context, scard.INFINITE, [(READER, known)])
+        if error == scard.SCARD_E_CANCELLED:
+            self.record.note_cancelled()
+
+    def question(self, slow):
+        """The next one, and the right answer."""
         size = self.random.randrange(4, 200)
         if self.random.randrange(20) == 0:
             size = self.random.randrange(200, LONGEST)
         data = self.serial.to_bytes(4, "big") + self.random.randbytes(size)
         instruction = SLOW_ECHO if slow else ECHO
         question = bytes((0x80, instruction, ord(self.name[0]), 0, size & 0xFF)) + data
+        return question, question + b"\x90\x00"
+
+    def ask(self, slow=False):
+        """True for the right answer, False for a failure and for a wrong one."""
+        self.serial += 1
+        question, right = self.question(slow)
         pci = scard.SCARD_PCI_T0 if self.protocol == scard.SCARD_PROTOCOL_T0 else scard.SCARD_PCI_T1
         asked = time.monotonic()
         values = self._call("transmit", scard.SCardTransmit, self.card, pci, list(question))
         if values is None:
             return False
         answer = bytes(value & 0xFF for value in values[0])
-        if answer == question + b"\x90\x00":
+        if answer == right:
             self.record.note_right(self.name, asked)
             return True
         if answer in (b"\x6F\x00", b"\x69\x01"):  # the card's and the driver's own refusals
             self.record.note_failure("transmit", answer.hex(" "))
+            return False
+        if self.record.may_answer(asked, answer):
+            self.record.note_failure("transmit", "a hostile agent's answer")
             return False
         self.record.note_wrong(f"{self.name} asked ({short(question)}) and after "
                                f"{time.monotonic() - asked:.3f} s was told ({short(answer)})")
@@ -172,7 +265,7 @@ class Client:
 
     def check_atr(self, what, atr):
         atr = bytes(value & 0xFF for value in atr)
-        if atr and atr != ATR:
+        if atr and atr != ATR and not self.record.may_be_atr(self.asked, atr):
             self.record.note_wrong(f"{self.name} was told by {what} that the ATR is {short(atr)}")
         return atr == ATR
 
@@ -211,20 +304,49 @@ class Client:
         return False
 
 
+class OtherReadersClient(Client):
+    """Uses the second reader of pcscd, which only a standstill or the end of pcscd may disturb:
+    without that excuse, a failure or a late answer is as bad as a wrong one."""
+
+    reader = OTHER_READER
+
+    def question(self, slow):
+        """The answer has as many bytes as are asked for."""
+        size = self.random.randrange(1, 2000)
+        return (bytes((0x00, 0xB0, 0, 0, 0)) + size.to_bytes(2, "big"),
+                size * b"\x55" + b"\x90\x00")
+
+    def _call(self, what, function, *arguments):
+        excused = self.record.excused
+        values = super()._call(what, function, *arguments)
+        took = time.monotonic() - self.asked
+        if (values is None or took > DISTURBED) and not (excused or self.record.excused):
+            said = "succeeded" if values else scard.SCardGetErrorMessage(self.error).strip()
+            self.record.note_wrong(f"the other reader is disturbed: {what} {said} after "
+                                   f"{took:.3f} s")
+        return values
+
+    def status(self):
+        """The card of that reader is always in."""
+
+
 # What a client does besides asking, once in a while.
 HABITS = {
     "asks": lambda client: None,
     "resets": Client.reset,
     "begins anew": lambda client: client.disconnect(scard.SCARD_UNPOWER_CARD),
     "ends transactions": Client.transaction,
+    "asks in transactions": Client.transaction_with_questions,
+    "cancels": Client.cancel_a_wait,
 }
 
 
 class Caller(threading.Thread):
     """A client that goes on asking from `go` until `end`, connecting as need be."""
 
-    def __init__(self, client, habit="asks"):
+    def __init__(self, client, habit="asks", pace=PACE):
         super().__init__(daemon=True)
+        self.pace = pace
         self.client = client
         self.habit = HABITS[habit]
         self._go = threading.Event()
@@ -240,12 +362,13 @@ class Caller(threading.Thread):
 
     def run(self):
         self._go.wait()
-        while not self._ended.wait(PACE):
+        while not self._ended.wait(self.pace):
             self._ask_once()
 
     def _ask_once(self):
         client = self.client
         if client.card is None and not client.connect():
+            client.begin_anew_if_lost()
             time.sleep(10 * PACE)
         elif not client.ask():
             client.disconnect()

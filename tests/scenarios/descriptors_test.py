@@ -1,29 +1,18 @@
 """pcscd runs out of descriptors in the middle of a call: that may fail, and nothing else."""
 
 import itertools
-import os
 import resource
 import threading
 import time
 import unittest
 
 import standstill
+from chaos import leave_descriptors
 from standstill import USABLE_AGAIN, Cast
 
 SCARCE = 1.0  # seconds
 # How many descriptors are left, so that each step of a call that makes one finds none.
 LEFT = range(5)
-
-
-def leave(pid, free):
-    """Leaves the process so many free descriptors. Gives its limits from before."""
-    used = {int(name) for name in os.listdir(f"/proc/{pid}/fd")}
-    limit = 0
-    while limit - sum(1 for number in used if number < limit) < free or limit in used:
-        limit += 1
-    before = resource.prlimit(pid, resource.RLIMIT_NOFILE)
-    resource.prlimit(pid, resource.RLIMIT_NOFILE, (limit, before[1]))
-    return before
 
 
 def begin_anew(reader, client):
@@ -49,7 +38,7 @@ def story(reader, problems, call, free):
     for caller in cast.callers:
         caller.client.connect()
     pid = reader.pcscd.process.pid
-    before = leave(pid, free)
+    before = leave_descriptors(pid, free)
     end = time.monotonic() + SCARCE
     thread = threading.Thread(target=CALLS[call], args=(reader, cast.actor), daemon=True)
     thread.start()

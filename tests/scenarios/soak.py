@@ -1,24 +1,40 @@
-"""Stops the reader's processes at random under load; `./zelta soak` runs it.
+"""Disturbs the reader at random under load; `./zelta soak` runs it.
 
-Four clients ask all the time, each with habits of its own, while the agent or pcscd is stopped at
-random moments for random times. Every answer is checked, and after each standstill every client
-must have a right answer within two seconds.
+Twelve clients ask all the time, each with habits of its own, and the card is swapped, while one
+disturbance of the table in chaos.py after the other happens. Every answer is checked, after each
+disturbance every client must have a right answer in time, and pcscd's other reader must not notice
+anything but pcscd's own standstills and ends.
 """
 
 import argparse
+import contextlib
+import os
+import pathlib
 import random
+import resource
+import shutil
 import signal
 import sys
+import threading
 import time
 
+import soak_report
 import stack
-from standstill import USABLE_AGAIN, Reader, Standstill, check_usable
+from chaos import KINDS, Stage
+from standstill import Reader, check_usable
 
-SHORTEST, LONGEST = 0.05, 8.0  # seconds of a standstill
+SHORTEST = 0.05  # seconds of a disturbance
 LONGEST_PAUSE = 1.0  # seconds between two
-CLIENTS = {"Alice": "asks", "Bob": "resets", "Carol": "begins anew", "Dave": "ends transactions"}
-SHOWN = 10  # wrong answers
-EVERY = 10  # stops between two lines about how it goes
+PACE = 0.01  # seconds between two questions of a client
+CLIENTS = {"Alice": "asks", "Bob": "resets", "Carol": "begins anew", "Dave": "ends transactions",
+           "Erin": "asks in transactions", "Frank": "cancels", "Grace": "asks", "Heidi": "cancels",
+           "Ivan": "asks in transactions", "Judy": "resets", "Karl": "ends transactions",
+           "Lena": "asks"}
+SWAP_AFTER = 0.3, 2.0  # seconds
+EVERY = 10  # disturbances between two lines about how it goes
+LOG_DISK = "64m"
+LOGS_KEPT = 5
+LARGE_LOG = 32 << 20  # bytes
 
 
 def options(words):
@@ -26,10 +42,73 @@ def options(words):
     parser.add_argument("--stops", type=int)
     parser.add_argument("--minutes", type=float)
     parser.add_argument("--seed", type=int, default=random.randrange(2**32))
+    parser.add_argument("--reports", type=pathlib.Path)
     chosen = parser.parse_args(words)
     if chosen.stops is None:
         chosen.stops = float("inf") if chosen.minutes else 200
     return chosen
+
+
+def plan(seed):
+    """Yields for each disturbance the pause before it, its kind and its length, without end. Every
+    kind comes before one comes again."""
+    chance = random.Random(seed)
+    while True:
+        for kind in chance.sample(KINDS, len(KINDS)):
+            yield (chance.uniform(0, LONGEST_PAUSE), kind,
+                   SHORTEST * (kind.longest / SHORTEST) ** chance.random())
+
+
+class SoakedReader(Reader):
+    """Beside another reader, and with a small disk of its own for the log. A terminal's Ctrl-C does
+    not reach its processes."""
+
+    process_options = {"start_new_session": True}
+
+    def __init__(self):
+        super().__init__()
+        with open(self.folder / "reader.conf.d" / "zelta", "a", encoding="ascii") as readers:
+            readers.write(f'FRIENDLYNAME "Null"\nDEVICENAME null:0\n'
+                          f'LIBPATH {stack.BUILD / "lib" / "libifdnull.so"}\n')
+        self.data = self.folder / "data"
+        stack.mount("-t", "tmpfs", "-o", f"size={LOG_DISK}", "tmpfs", self.data)
+        self.logs.mkdir(parents=True)
+
+    def __exit__(self, kind, value, traceback):
+        for process in (self.pcscd, self.agent):
+            if process is not None:
+                process.end(signal.SIGKILL)
+        stack.run("umount", "--lazy", self.data)
+        return super().__exit__(kind, value, traceback)
+
+    def tidy(self):
+        """Leaves the newest log files, so that a long run does not fill the disk by itself."""
+        logs = sorted(self.logs.glob("*.txt"), key=lambda path: path.stat().st_mtime)
+        for path in logs[:-LOGS_KEPT]:
+            path.unlink()
+        for log in (self.pcscd.log, self.agent.log):
+            if log.stat().st_size > LARGE_LOG:
+                os.truncate(log, 0)
+
+
+class Swapper(threading.Thread):
+    """Takes the card out and puts it in, as long as there is an agent to do so."""
+
+    def __init__(self, reader, seed):
+        super().__init__(daemon=True)
+        self.reader = reader
+        self.random = random.Random(f"swaps {seed}")
+        self.swaps = 0
+        self._ended = threading.Event()
+
+    def run(self):
+        while not self._ended.wait(self.random.uniform(*SWAP_AFTER)):
+            with contextlib.suppress(OSError):  # no agent
+                self.swaps += self.reader.swap_card()
+
+    def end(self):
+        self._ended.set()
+        self.join(30)
 
 
 class Soak:
@@ -39,49 +118,65 @@ class Soak:
         self.reader = reader
         self.record = record
         self.callers = callers
-        self.random = random.Random(seed)
+        self.plan = plan(seed)
+        self.stage = Stage(reader, record, seed)
+        self.swapper = Swapper(reader, seed)
         self.stops = 0
-        self.recovered = []  # seconds
+        self.recovered = {kind.name: [] for kind in KINDS}  # seconds
         self.problems = []
         self.shown = 0
 
     def run(self, stops, end):
-        """False if the reader does not come back."""
+        """Until something is wrong that the reader does not come back from."""
         while self.stops < stops and time.monotonic() < end:
-            if not self.stop_once():
-                return False
+            pause, kind, seconds = next(self.plan)
+            time.sleep(pause)
+            if not self.disturb(kind, seconds):
+                return
+            self.reader.tidy()
             if self.stops % EVERY == 0:
-                print(f"{self.stops} stops, {self.record.right} right, "
+                print(f"{self.stops} disturbances, {self.record.right} right, "
                       f"{len(self.record.wrong)} wrong", flush=True)
-        return True
 
-    def stop_once(self):
-        time.sleep(self.random.uniform(0, LONGEST_PAUSE))
-        who = self.random.choice(("agent", "pcscd"))
-        seconds = SHORTEST * (LONGEST / SHORTEST) ** self.random.random()
-        still = Standstill(getattr(self.reader, who))
+    def disturb(self, kind, seconds):
+        """False if the run is over."""
         self.stops += 1
-        still.begin()
-        still.last(seconds)
-        problems = []
-        took = check_usable(self.record, self.callers, still.ended, USABLE_AGAIN, problems)
+        self.record.excused = kind.excuses
+        self.stage.begin(self.stops)
+        kind.act(self.stage, seconds)
+        since = time.monotonic()
+        problems = self._dead_processes()
+        took = check_usable(self.record, self.callers, since, kind.usable, problems)
+        self.record.end_hostile_atrs()
+        self.record.excused = False
         self.say_wrong_answers()
         for problem in problems:
-            self.problems.append(problem)
-            print(f"stop {self.stops} ({who} for {seconds:.2f} s): {problem}", flush=True)
+            self.problems.append(f"{self.stops} ({kind.name}, {seconds:.2f} s): {problem}")
+            print(self.problems[-1], flush=True)
         if not problems:
-            self.recovered.append(took)
+            self.recovered[kind.name].append(took)
         return not self.record.wrong and not any("no right" in each for each in problems)
 
+    def _dead_processes(self):
+        """Whatever is done to them, they do not end by themselves."""
+        problems = []
+        for name, begin_again in (("pcscd", self.reader.start_pcscd),
+                                  ("agent", self.reader.start_agent_again)):
+            code = getattr(self.reader, name).process.poll()
+            if code is not None:
+                problems.append(f"{name} has ended with {code}")
+                begin_again()
+        return problems
+
     def say_wrong_answers(self):
-        for text in self.record.wrong[self.shown:SHOWN]:
+        for text in self.record.wrong[self.shown:soak_report.SHOWN]:
             print(f"WRONG {text}", flush=True)
         self.shown = len(self.record.wrong)
 
     def summary(self):
-        slowest = max(self.recovered, default=0)
-        return (f"{self.stops} stops, {len(self.recovered)} recoveries in time, the slowest after "
-                f"{slowest:.2f} s\n{self.record.summary()}")
+        recovered = [took for times in self.recovered.values() for took in times]
+        return (f"{self.stops} disturbances, {len(recovered)} recoveries in time, the slowest "
+                f"after {max(recovered, default=0):.2f} s\n{self.record.summary()}")
 
     @property
     def good(self):
@@ -92,32 +187,76 @@ def interrupt(number, frame):
     raise KeyboardInterrupt
 
 
+def figures_without_clients(reader, start):
+    """Once pcscd has noticed that the clients are gone; it may take a moment."""
+    end = time.monotonic() + 5
+    while True:
+        now = soak_report.figures_of(reader)
+        if not soak_report.grown(start, now) or time.monotonic() > end:
+            return now
+        time.sleep(0.1)
+
+
+def write_report(folder, seed, text):
+    """For whoever the folder belongs to."""
+    report = folder / time.strftime(f"soak-%Y%m%d-%H%M%S-{seed}.md")
+    report.write_text(text)
+    shutil.chown(report, folder.stat().st_uid, folder.stat().st_gid)
+    print(f"Report: {report}", flush=True)
+
+
 def soak(chosen):
     """Gives the exit code."""
     stack.enter_namespace()
-    with Reader() as reader:
+    # A context of a pcscd that was killed keeps its socket in this process.
+    hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+    with SoakedReader() as reader:
         reader.start_all()
         import clients
 
         record = clients.Record()
-        clients.Client("first", record).connect_in_the_end()
-        callers = [clients.Caller(clients.Client(name, record, chosen.seed), habit)
+        first = clients.Client("first", record)
+        first.connect_in_the_end()
+        first.leave()
+        start = soak_report.figures_of(reader)
+        callers = [clients.Caller(clients.Client(name, record, chosen.seed), habit, PACE)
                    for name, habit in CLIENTS.items()]
+        callers.append(clients.Caller(clients.OtherReadersClient("other", record), pace=PACE))
         run = Soak(reader, record, callers, chosen.seed)
-        for caller in callers:
-            caller.go()
+        begun = time.monotonic()
+        for thread in (*callers, run.swapper):
+            getattr(thread, "go", thread.start)()
         try:
-            print("The reader is up and in use. Ctrl-C ends it.", flush=True)
-            run.run(chosen.stops, time.monotonic() + 60 * (chosen.minutes or float("inf")))
+            print("The reader is up and in use. Ctrl-C ends it.\n"
+                  f"At the start {soak_report.line(start)}", flush=True)
+            run.run(chosen.stops, begun + 60 * (chosen.minutes or float("inf")))
         except KeyboardInterrupt:
             print("Interrupted.")
-        for caller in callers:
-            caller.end()
-        run.say_wrong_answers()
-        print(run.summary(), flush=True)
-        if not run.good:
-            print(reader.log_tails())
-        return 0 if run.good else 1
+        seconds = time.monotonic() - begun
+        return conclude(run, chosen, seconds, start)
+
+
+def conclude(run, chosen, seconds, start):
+    """Gives the exit code."""
+    run.swapper.end()
+    for caller in run.callers:
+        caller.end()
+    for caller in run.callers:
+        caller.join(10)
+        if not caller.is_alive():
+            caller.client.leave()
+    end = figures_without_clients(run.reader, start)
+    run.problems.extend(soak_report.grown(start, end))
+    run.say_wrong_answers()
+    print(f"{run.summary()}\nAt the end {soak_report.line(end)}\n")
+    report = soak_report.text(run, chosen.seed, seconds, start, end)
+    print(report, flush=True)
+    if chosen.reports:
+        write_report(chosen.reports, chosen.seed, report)
+    if not run.good:
+        print(run.reader.log_tails())
+    return 0 if run.good else 1
 
 
 def main(words):
