@@ -65,7 +65,7 @@ inline std::string_view plain(std::string_view shown) {
   return shown.substr(0, shown.size() - kEnd.size());
 }
 
-// Each line of the log in one look; with a filter that lets everything pass there is one for each.
+// The lines of a log in one look.
 inline void checkLook(const std::vector<std::string>& lines, logs::Filter filter, logs::Look look) {
   const bool isPlain = !look.color && !look.escape;
   std::size_t shownLines = 0;
@@ -130,11 +130,10 @@ inline void playAnyLog(const std::uint8_t* data, std::size_t size) {
   std::vector<std::string> lines;
   while (!input.atEnd()) lines.push_back(input.text('\n'));
   for (const std::string& line : lines) checkRecord(line);
-  for (const logs::Filter& each : {logs::Filter(), filter}) {
-    for (unsigned look = 0; look < 8; ++look) {
-      checkLook(lines, each, {(look & 1) != 0, (look & 2) != 0, (look & 4) != 0});
-    }
+  for (unsigned look = 0; look < 8; ++look) {
+    checkLook(lines, {}, {(look & 1) != 0, (look & 2) != 0, (look & 4) != 0});
   }
+  checkLook(lines, filter, {});
 }
 
 }  // namespace zelta::test

@@ -47,6 +47,7 @@ class ExpectedAnswers {
 
   // With its length.
   const Bytes& answer() const { return answer_; }
+  bool givesAtr() const { return givesAtr_; }
 
  private:
   Bytes take(std::size_t size) {
@@ -57,10 +58,11 @@ class ExpectedAnswers {
   }
 
   void setAnswer(const Bytes& command, bool cardAnswers) {
+    givesAtr_ = cardAnswers && command.size() == kNumberSize;
     Bytes content;
     if (command.size() == 2 * kNumberSize) {
       content = {0x67, 0x00};
-    } else if (cardAnswers && command.size() == kNumberSize) {
+    } else if (givesAtr_) {
       content = heldAtr();
     } else if (cardAnswers) {
       content.assign(command.begin() + 2 * kNumberSize, command.end());
@@ -71,6 +73,7 @@ class ExpectedAnswers {
 
   Bytes pending_;
   Bytes answer_;
+  bool givesAtr_ = false;
 };
 
 class HostileDriver {
@@ -168,6 +171,7 @@ class HostileDriver {
       const std::vector<Bytes> written = commands_.takeWrites(answers_);
       require(written.size() == answers_, "a command has one answer");
       require(written.back() == expected_.answer(), "the answer is the card's, with its length");
+      learned_ = learned_ || expected_.givesAtr();
     }
     return true;
   }
@@ -179,12 +183,15 @@ class HostileDriver {
     return false;
   }
 
-  // The session id, each field on its own, and then insertions and removals by turns.
+  // The session id, each field on its own, and then insertions and removals by turns. A removal
+  // comes first only if the driver knows the card by its ATR.
   void checkEvents() {
     const std::vector<Bytes> written = events_.takeWrites(0);
     for (std::size_t i = kSessionWrites; i < written.size(); ++i) {
       require(written[i] == numberBytes(0) || written[i] == numberBytes(1), "an event is a number");
       require(i == kSessionWrites || written[i] != written[i - 1], "events come by turns");
+      require(i != kSessionWrites || written[i] == numberBytes(1) || learned_,
+              "a card that the driver never knew is not reported gone");
     }
   }
 
@@ -203,6 +210,7 @@ class HostileDriver {
   std::thread thread_;
   ExpectedAnswers expected_;
   std::size_t answers_ = 0;
+  bool learned_ = false;  // the ATR of some card
   int longCommands_ = 0;
 };
 
