@@ -82,6 +82,7 @@ class HostileDriver {
     slot_.start();
     threads_.start();
     thread_ = std::thread([this] { connection_.serve(); });
+    events_.takeWrites(kSessionWrites);  // from then on the connection notices the card's moves
   }
   ~HostileDriver() {
     connection_.stop();
@@ -116,8 +117,7 @@ class HostileDriver {
   // False once the connection has ended.
   bool step() {
     switch (input_.byte() % 10) {
-      case 0:  // the pipe has room for the session id
-        events_.takeWrites(kSessionWrites);
+      case 0:
         events_.holdWrites();
         return true;
       case 1:
