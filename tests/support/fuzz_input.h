@@ -49,9 +49,9 @@ class FuzzInput {
     return taken;
   }
   // One of a table's entries.
-  template <typename Entry, std::size_t size>
-  const Entry& pick(const Entry (&table)[size]) {
-    return table[byte() % size];
+  template <typename Entry, std::size_t kSize>
+  const Entry& pick(const Entry (&table)[kSize]) {
+    return table[byte() % kSize];
   }
 
  private:

@@ -37,9 +37,7 @@ class NamedCard final : public HeldCard {
 inline std::string unquoted(const std::string& json, std::size_t at) {
   std::string text;
   for (; at < json.size() && json[at] != '"'; ++at) {
-    if (json[at] != '\\') {
-      text += json[at];
-    } else if (json[++at] == 'u') {
+    if (json[at] == '\\' && json[++at] == 'u') {
       text += static_cast<char>(std::stoi(json.substr(at + 1, 4), nullptr, 16));
       at += 4;
     } else {
