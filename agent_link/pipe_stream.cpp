@@ -32,9 +32,13 @@ std::optional<std::uint32_t> PipeStream::readNumber() {
 
 namespace {
 
+// Far more than any card sends. What is longer grows as its bytes arrive: memory that is only
+// reserved counts as used on Windows and under memory checkers. Bytes.
+constexpr std::uint32_t kLongestReserved = 256 * PipeStream::kReadBlock;
+
 // Makes room for all of a long payload, if there is any, so that it is not copied as it grows.
 void reserve(Bytes& bytes, std::uint32_t length) {
-  if (length <= PipeStream::kReadBlock) return;
+  if (length <= PipeStream::kReadBlock || length > kLongestReserved) return;
   try {
     bytes.reserve(length);
   } catch (const std::bad_alloc&) {     // then it grows as its bytes arrive

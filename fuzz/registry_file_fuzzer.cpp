@@ -1,22 +1,18 @@
 // Feeds the registry file parser any bytes and checks what must hold for all of them.
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string_view>
 
 #include "platform/registry/registry_file.h"
+#include "tests/support/fuzz_input.h"
 
+namespace zelta {
 namespace {
 
-void require(bool condition, const char* what) {
-  if (condition) return;
-  (void)std::fprintf(stderr, "violated: %s\n", what);
-  std::abort();
-}
+using test::require;
 
 void check(std::string_view bytes) {
-  using namespace zelta::platform;
+  using namespace platform;
   std::size_t skipped = 0;
   std::size_t last = 0;
   const RegistryContent content =
@@ -37,8 +33,9 @@ void check(std::string_view bytes) {
 }
 
 }  // namespace
+}  // namespace zelta
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  check({reinterpret_cast<const char*>(data), size});
+  zelta::check({reinterpret_cast<const char*>(data), size});
   return 0;
 }

@@ -1,0 +1,10 @@
+// Shows any bytes as a log, in every look.
+#include "tests/tools/any_log.h"
+
+#include <cstddef>
+#include <cstdint>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  zelta::test::playAnyLog(data, size);
+  return 0;
+}

@@ -1,0 +1,77 @@
+// What the fuzzers share with the tests that play their corpus.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "contract/bytes.h"
+
+namespace zelta::test {
+
+// Ends the process if a rule is broken, on whichever thread. A fuzzer keeps the input then.
+inline void require(bool condition, const char* rule) {
+  if (condition) return;
+  (void)std::fprintf(stderr, "violated: %s\n", rule);
+  std::abort();
+}
+
+// A fuzzer's bytes, taken from the front. What is asked for after their end is zero or empty.
+class FuzzInput {
+ public:
+  FuzzInput(const std::uint8_t* data, std::size_t size) : next_(data), end_(data + size) {}
+
+  bool atEnd() const { return next_ == end_; }
+  std::uint8_t byte() { return atEnd() ? std::uint8_t{0} : *next_++; }
+  // Four bytes, the lowest first.
+  std::uint32_t number() {
+    const Bytes taken = bytes(kNumberSize);
+    return taken.size() < kNumberSize ? 0 : loadLittleEndian(taken.data());
+  }
+  // At most so many.
+  Bytes bytes(std::size_t count) {
+    const std::uint8_t* const begin = next_;
+    next_ += std::min(count, static_cast<std::size_t>(end_ - next_));
+    return {begin, next_};
+  }
+  // Up to the separator, which is taken, too, or to the end.
+  std::string text(char separator) {
+    const std::uint8_t* const begin = next_;
+    next_ = std::find(begin, end_, static_cast<std::uint8_t>(separator));
+    std::string taken(begin, next_);
+    if (!atEnd()) ++next_;
+    return taken;
+  }
+  // One of a table's entries.
+  template <typename Entry, std::size_t kSize>
+  const Entry& pick(const Entry (&table)[kSize]) {
+    return table[byte() % kSize];
+  }
+
+ private:
+  const std::uint8_t* next_;
+  const std::uint8_t* const end_;
+};
+
+// Plays what a fuzzer starts from and what it has found; gives the number of inputs. The last one
+// named is the one that broke a rule.
+template <typename Play>
+int playCorpus(const std::string& folder, Play play) {
+  int played = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    (void)std::fprintf(stderr, "%s\n", entry.path().string().c_str());
+    std::ifstream file(entry.path(), std::ios::binary);
+    const std::string bytes{std::istreambuf_iterator<char>(file), {}};
+    play(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+    ++played;
+  }
+  return played;
+}
+
+}  // namespace zelta::test
