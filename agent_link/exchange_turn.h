@@ -35,7 +35,8 @@ class ExchangeTurn {
     ExchangeTurn& turn_;
   };
 
-  // Made by a request's handler, on its thread, for as long as it runs.
+  // Made around a request's handler, on its thread. Ends before any `ExchangeTurn` that the handler
+  // has used.
   //
   // What the handler has waited before it asks for a turn, for the device lock for example, is part
   // of its wait for the turn. And a turn that it gives up is kept until it takes another or ends:

@@ -6,7 +6,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 STAGES=(format layers shellcheck test soak tsan asan-ubsan clang fuzz tidy)
 # What CI runs.
-QUICK_STAGES=(format layers shellcheck test soak tsan asan-ubsan)
+QUICK_STAGES=(format layers shellcheck test tsan asan-ubsan)
 # The folders whose classes are used by several threads.
 THREADED=(reader agent_link driver host pcsc agent platform)
 # CI has 50 minutes: no stage begins later than this. The longest takes about ten.

@@ -95,7 +95,6 @@ void CMyDevice::ProcessIoControl(framework::IWDFIoQueue* /*queue*/,
     finish(unattached, attached, kProcess, __LINE__);
     return;
   }
-  const ExchangeTurn::RequestScope scope;
   try {
     route(*adapter, code, inLength, outLength);
   } catch (const std::exception&) {
@@ -106,6 +105,7 @@ void CMyDevice::ProcessIoControl(framework::IWDFIoQueue* /*queue*/,
 void CMyDevice::route(IoRequest& request, std::uint32_t code, std::size_t inLength,
                       std::size_t outLength) {
   const DispatchGate::Pass pass(gate_);
+  const ExchangeTurn::RequestScope scope;  // gives up a reader's turn before that reader may go
   if (!pass.admitted() || readers(pass).empty()) {
     logError(error::kInvalidState, "[IOCT]No reader available: ERROR_INVALID_STATE:%08X", code);
     finish(request, status::kInvalidState, kProcess, __LINE__);
