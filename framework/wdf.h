@@ -13,7 +13,10 @@ namespace zelta::framework {
 // Enumerations cross the interface as 32-bit numbers.
 using EnumValue = std::int32_t;
 
-inline constexpr EnumValue kCallbackConstraintNone = 1;      // WdfCallbackConstraintNone
+// WdfCallbackConstraintNone. To Windows' own host 1 is the device-level constraint: it calls the
+// device's I/O and cancel callbacks one at a time, and power callbacks beside them. A driver that
+// passes this has to work both ways.
+inline constexpr EnumValue kCallbackConstraintNone = 1;
 inline constexpr EnumValue kDispatchSequential = 1;          // WdfIoQueueDispatchSequential
 inline constexpr EnumValue kDispatchParallel = 2;            // WdfIoQueueDispatchParallel
 inline constexpr EnumValue kPowerDeviceD0 = 1;               // WdfPowerDeviceD0

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -20,6 +21,11 @@ namespace {
 
 void printDriverError(const std::string& text) {
   (void)std::fprintf(stderr, "zelta host: %s\n", text.c_str());
+}
+
+bool isSerialisingAskedFor() {
+  const char* const value = std::getenv("ZELTA_HOST_SERIALISE");
+  return value != nullptr && std::strcmp(value, "1") == 0;
 }
 
 InputParts whole(const std::vector<std::uint8_t>& input) {
@@ -85,6 +91,8 @@ class ModuleHost final : public DriverHost {
   ModuleHost(const std::string& modulePath, HostOptions options)
       : errors_(std::make_shared<DriverErrors>(options.driverError ? std::move(options.driverError)
                                                                    : printDriverError)),
+        callbacks_(options.serialiseCallbacks || isSerialisingAskedFor() ? Callbacks::kOneAtATime
+                                                                         : Callbacks::kOverlapping),
         module_(modulePath) {}
 
   ~ModuleHost() override {
@@ -113,6 +121,7 @@ class ModuleHost final : public DriverHost {
   void note(HRESULT result, const char* callback) const noexcept;
 
   const SharedDriverErrors errors_;
+  const Callbacks callbacks_;
   DriverModule module_;
 
   // The owner's alone.
@@ -178,7 +187,7 @@ void ModuleHost::powerUp() {
 }
 
 void ModuleHost::startIo() {
-  auto engine = std::make_shared<IoEngine>(errors_, device_->defaultQueue());
+  auto engine = std::make_shared<IoEngine>(errors_, device_->defaultQueue(), callbacks_);
   const MutexLock lock(mutex_);
   engine_ = std::move(engine);
   openDevice_ = device_;

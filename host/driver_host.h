@@ -9,8 +9,8 @@
 //
 // Ownership: a `DriverHost` owns the loaded module, the device and every request that waits in the
 // driver. It has no threads: an I/O control is dispatched on its caller's, and callbacks overlap
-// if callers do. Files and operations are handles of the caller's, independent of the host's
-// life: used after `tearDown` they fail with `kDeviceGone`.
+// if callers do, unless the options say otherwise. Files and operations are handles of the
+// caller's, independent of the host's life: used after `tearDown` they fail with `kDeviceGone`.
 // Threads: every method may be called from any thread, except that `bringUp`, `tearDown`, `unload`
 // and the destructor are the owner's and do not overlap. Nothing else need be stopped before
 // `tearDown`: what is called while it runs is carried out or fails with `kDeviceGone`.
@@ -133,6 +133,10 @@ struct HostOptions {
   // throw std::bad_alloc, which loses that text, and nothing else.
   // Empty: one line each on the standard error output.
   std::function<void(const std::string&)> driverError;
+  // Calls the driver's I/O and cancel callbacks one at a time, as Windows' host does: whoever calls
+  // waits until the callback before has returned. Power callbacks come beside them. For tests; also
+  // if $ZELTA_HOST_SERIALISE is 1.
+  bool serialiseCallbacks = false;
 };
 
 class DriverHost {

@@ -62,18 +62,22 @@ void DriverModule::checkExports() {
   }
 }
 
-ComPtr<framework::IDriverEntry> DriverModule::createDriver() const {
-  ComPtr<framework::IClassFactory> factory;
-  HRESULT result =
-      getClassObject_(kDriverClassId, framework::IClassFactory::iid, factory.putVoid());
+void DriverModule::findFactory() {
+  const HRESULT result =
+      getClassObject_(kDriverClassId, framework::IClassFactory::iid, factory_.putVoid());
   if (result == framework::kClassNotAvailable) {
     throw HostError("'" + path_ + "' does not have the driver class");
   }
-  if (framework::failed(result) || !factory) {
+  if (framework::failed(result) || !factory_) {
     throw HostError("DllGetClassObject of '" + path_ + "' failed with code " + codeText(result));
   }
+}
+
+ComPtr<framework::IDriverEntry> DriverModule::createDriver() {
+  if (!factory_) findFactory();
   ComPtr<framework::IDriverEntry> entry;
-  result = factory->CreateInstance(nullptr, framework::IDriverEntry::iid, entry.putVoid());
+  const HRESULT result =
+      factory_->CreateInstance(nullptr, framework::IDriverEntry::iid, entry.putVoid());
   if (framework::failed(result) || !entry) {
     throw HostError("CreateInstance of the driver object failed with code " + codeText(result));
   }
@@ -82,6 +86,7 @@ ComPtr<framework::IDriverEntry> DriverModule::createDriver() const {
 
 bool DriverModule::unload() noexcept {
   if (module_ == nullptr) return true;
+  factory_.reset();
   if (canUnloadNow_() != framework::kOk) return false;
   try {
     std::string reason;

@@ -24,8 +24,9 @@ class DriverModule {
   DriverModule(const DriverModule&) = delete;
   DriverModule& operator=(const DriverModule&) = delete;
 
-  // Asks the class factory. Throws HostError.
-  framework::ComPtr<framework::IDriverEntry> createDriver() const;
+  // Asks the class factory, which is kept until `unload`: the module's log goes on as long as
+  // something of the module is in use. Throws HostError.
+  framework::ComPtr<framework::IDriverEntry> createDriver();
 
   bool loaded() const { return module_ != nullptr; }
   const std::string& path() const { return path_; }
@@ -39,9 +40,11 @@ class DriverModule {
 
   void* exported(const char* name) const;
   void checkExports();
+  void findFactory();
 
   const std::string path_;
   platform::ModuleHandle module_ = nullptr;
+  framework::ComPtr<framework::IClassFactory> factory_;
   GetClassObject getClassObject_ = nullptr;
   CanUnloadNow canUnloadNow_ = nullptr;
 };

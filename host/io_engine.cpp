@@ -8,10 +8,11 @@ using framework::ComPtr;
 using framework::HRESULT;
 using platform::MutexLock;
 
-IoEngine::IoEngine(SharedDriverErrors errors, ComPtr<WdfQueue> queue)
+IoEngine::IoEngine(SharedDriverErrors errors, ComPtr<WdfQueue> queue, Callbacks callbacks)
     : errors_(std::move(errors)),
       queue_(std::move(queue)),
-      served_(queue_ && queue_->deviceIoControl() != nullptr) {}
+      served_(queue_ && queue_->deviceIoControl() != nullptr),
+      callbacks_(callbacks) {}
 
 std::shared_ptr<IoOperation> IoEngine::submit(const ComPtr<WdfFile>& file, const IoControl& control,
                                               File::Completion completion) {

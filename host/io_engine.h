@@ -14,10 +14,13 @@
 
 namespace zelta::host {
 
+// Whether the driver's I/O and cancel callbacks may overlap.
+enum class Callbacks { kOverlapping, kOneAtATime };
+
 class IoEngine : public std::enable_shared_from_this<IoEngine> {
  public:
   // `queue` may be null: every request is then refused with ERROR_INVALID_FUNCTION (1).
-  IoEngine(SharedDriverErrors errors, framework::ComPtr<WdfQueue> queue);
+  IoEngine(SharedDriverErrors errors, framework::ComPtr<WdfQueue> queue, Callbacks callbacks);
 
   // Always gives an operation; one that could not be begun is completed already.
   std::shared_ptr<IoOperation> submit(const framework::ComPtr<WdfFile>& file,
@@ -37,6 +40,13 @@ class IoEngine : public std::enable_shared_from_this<IoEngine> {
   // Open until `close`: for calls into the driver on callers' threads.
   CallbackGate& gate() { return gate_; }
 
+  // For the request. Calls the driver, when it is this thread's turn.
+  template <typename Callback>
+  void callDriver(Callback callback) ZELTA_EXCLUDES(turn_) {
+    if (callbacks_ == Callbacks::kOverlapping) return callback();
+    const platform::MutexLock lock(turn_);
+    callback();
+  }
   // For the request. Keeps a reference on it until `release`, which gives that back, or null.
   void keep(WdfRequest& request) ZELTA_EXCLUDES(mutex_);
   framework::ComPtr<WdfRequest> release(WdfRequest& request) ZELTA_EXCLUDES(mutex_);
@@ -56,7 +66,9 @@ class IoEngine : public std::enable_shared_from_this<IoEngine> {
 
   const SharedDriverErrors errors_;
   const framework::ComPtr<WdfQueue> queue_;
-  const bool served_;     // the queue has a callback for I/O controls
+  const bool served_;  // the queue has a callback for I/O controls
+  const Callbacks callbacks_;
+  platform::Mutex turn_;  // held during each callback, if they come one at a time
   CallbackGate gate_;     // who calls the driver
   CallbackGate waiting_;  // who waits for a request that the driver keeps
   platform::Mutex mutex_;

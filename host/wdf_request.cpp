@@ -142,6 +142,8 @@ void WdfRequest::MarkCancelable(framework::IRequestCallbackCancel* callback) {
     case Marking::kMarked:
       break;
     case Marking::kCancelledBefore:
+      // Part of the callback that marks. In its turn elsewhere, a driver that marks with a lock
+      // held could deadlock.
       callback->OnCancel(this);
       break;
     case Marking::kAgainstTheRules:
@@ -182,12 +184,14 @@ void WdfRequest::cancel() {
     handedToCallback_ = true;
     callback = std::move(cancelCallback_);
   }
-  callback->OnCancel(this);
+  engine_.callDriver([&] { callback->OnCancel(this); });
 }
 
 void WdfRequest::dispatch() {
-  queue_->deviceIoControl()->OnDeviceIoControl(queue_.get(), this, code_, input_.size(),
-                                               output_.size());
+  engine_.callDriver([this] {
+    queue_->deviceIoControl()->OnDeviceIoControl(queue_.get(), this, code_, input_.size(),
+                                                 output_.size());
+  });
 }
 
 void WdfRequest::SetCompletionCallback(framework::IUnknown*, void*) {

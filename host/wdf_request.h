@@ -7,7 +7,8 @@
 // getters then yield null. Input and output are separate buffers in one piece of storage that is
 // not initialised (see wdf_memory.h). Nothing is allocated after the request was made.
 // Cancellation: a cancelled request is handed to the callback that it is or becomes marked with,
-// exactly once, on the cancelling or the marking thread, with no lock of the host's held.
+// exactly once, on the cancelling or the marking thread, with no lock of the host's held but the
+// turn of its callbacks (see io_engine.h).
 // Threads: any.
 #pragma once
 

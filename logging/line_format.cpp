@@ -6,13 +6,11 @@
 #include <algorithm>
 #include <ctime>
 #include <iterator>
-#include <locale>
-#include <sstream>
 #include <stdexcept>
-#include <thread>
 #include <type_traits>
 
 #include "logging/level.h"
+#include "platform/process/thread_id.h"
 #include "platform/sync/clock.h"
 
 namespace zelta::logging {
@@ -97,7 +95,7 @@ struct FixedText {
   std::size_t length;
 };
 using HeaderText = FixedText<128>;
-using ThreadText = FixedText<40>;
+using ThreadText = FixedText<10>;
 static_assert(std::is_trivially_destructible_v<HeaderText>);
 
 std::string printHeader() {
@@ -110,13 +108,6 @@ std::string printHeader() {
   appendColumn(line, "Level", kLevelWidth);
   appendColumn(line, "RC", kResultCodeWidth);
   return line + "Message";
-}
-
-std::string printCurrentThread() {
-  std::ostringstream printed;
-  printed.imbue(std::locale::classic());  // no digit grouping
-  printed << std::this_thread::get_id();
-  return printed.str();
 }
 
 }  // namespace
@@ -160,7 +151,7 @@ std::string_view levelTag(std::int32_t level) {
 }
 
 std::string_view currentThreadText() {
-  thread_local const ThreadText text(printCurrentThread());
+  thread_local const ThreadText text(std::to_string(platform::currentThreadId()));
   return text.view();
 }
 

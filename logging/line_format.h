@@ -38,7 +38,7 @@ std::string recordLine(const Record& record);
 // other level.
 std::string_view levelTag(std::int32_t level);
 
-// The calling thread as the standard library prints it. Valid as long as the thread lives.
+// The calling thread's number in the operating system. Valid as long as the thread lives.
 std::string_view currentThreadText();
 
 }  // namespace zelta::logging

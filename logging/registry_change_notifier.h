@@ -27,7 +27,8 @@ class RegistryChangeNotifier {
   // `std::runtime_error` if the key cannot be opened or the value cannot be read.
   //
   // Intentional: it reads, calls back, and only then begins to watch. Windows remembers no change
-  // from before, so one made in between is seen with the next one.
+  // from before, so one made in between is seen with the next one, or by the next notifier. (The
+  // watch cannot begin first: only the thread may begin it, as it ends with the thread that did.)
   RegistryChangeNotifier(std::string keyPath, std::string valueName, Callback callback,
                          logging::LoggerBase* logger);
   // Ends the thread, at once if it waits.

@@ -20,10 +20,10 @@ endforeach()
 set_tests_properties(wine_prefix_make PROPERTIES FIXTURES_SETUP wine_prefix)
 set_tests_properties(wine_prefix_remove PROPERTIES FIXTURES_CLEANUP wine_prefix)
 
-# zelta_add_wine_test(TARGET PROPERTY VALUE...): pipe names and the registry are one for the whole
-# prefix, so these tests run one after the other.
-function(zelta_add_wine_test name)
-  add_test(NAME ${name} COMMAND ${ZELTA_WINE} $<TARGET_FILE:${name}>)
+# zelta_add_wine_test(NAME TARGET PROPERTY VALUE...): pipe names and the registry are one for the
+# whole prefix, so these tests run one after the other.
+function(zelta_add_wine_test name target)
+  add_test(NAME ${name} COMMAND ${ZELTA_WINE} $<TARGET_FILE:${target}>)
   set_tests_properties(${name} PROPERTIES
     FIXTURES_REQUIRED wine_prefix RESOURCE_LOCK wine
     ENVIRONMENT_MODIFICATION "${ZELTA_WINE_DISPLAY}" ${ARGN})

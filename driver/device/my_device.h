@@ -133,6 +133,7 @@ class CMyDevice final
   void cancelUnrouted(IoRequest& request) ZELTA_REQUIRES(deviceLock_);
   void finish(IoRequest& request, framework::HRESULT status, const char* operation, int line);
 
+  ModuleReference module_;  // given up last
   // Serialises the power and PnP operations.
   platform::Mutex powerMutex_ ZELTA_ACQUIRED_BEFORE(deviceLock_);
   platform::CriticalSection deviceLock_;
@@ -143,7 +144,6 @@ class CMyDevice final
 
   DispatchGate gate_;
   const ReaderFactory readerFactory_;
-  ModuleReference module_;
 };
 
 }  // namespace zelta

@@ -1,7 +1,5 @@
 #include "driver/module/module.h"
 
-#include <exception>
-
 #include "contract/class_ids.h"
 #include "contract/status.h"
 #include "diagnostics/log_output.h"
@@ -34,18 +32,6 @@ framework::HRESULT answerWhetherUnused() {
   return ModuleReference::any() ? framework::kFalse : framework::kOk;
 }
 
-// The logger's threads end here, not in a global destructor, which would run under the system's
-// loader lock: an ending thread needs that lock, and joining it would deadlock. A later log call
-// makes a new logger. False if the threads may still run, so that the module has to stay.
-bool endLogging() {
-  try {
-    shutDownLogging();
-  } catch (const std::exception&) {
-    return false;
-  }
-  return true;
-}
-
 framework::HRESULT findClassObject(framework::REFCLSID classId, framework::REFIID iid, void** out) {
   if (out == nullptr) return framework::kPointer;
   *out = nullptr;
@@ -63,6 +49,8 @@ framework::HRESULT findClassObject(framework::REFCLSID classId, framework::REFII
 namespace module {
 
 framework::HRESULT getClassObject(framework::REFCLSID classId, framework::REFIID iid, void** out) {
+  // Outlives the section, which logs its end after a factory that nobody got.
+  const ModuleReference inside;
   return runEntryPoint("DllGetClassObject", [&] { return findClassObject(classId, iid, out); });
 }
 

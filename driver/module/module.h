@@ -15,11 +15,12 @@ namespace module {
 // The factory of the driver object; `kClassNotAvailable` for any other class.
 [[nodiscard]] framework::HRESULT getClassObject(framework::REFCLSID classId, framework::REFIID iid,
                                                 void** out);
-// `kOk` if no object and no lock is left; the process's logger, if any, has then been shut down.
-// `kFalse` otherwise, also if the logger could not be shut down.
+// `kOk` if no object and no lock is left; the process's logger, if there still is one, has then
+// been shut down. `kFalse` otherwise, also if the logger could not be shut down. A host need not
+// ask: the logger ends with the last object or lock.
 [[nodiscard]] framework::HRESULT canUnload();
-// These only log: registration is the installation file's business. A tool that then unloads the
-// module without asking leaves it mapped, because the module's logger holds it.
+// These only log: registration is the installation file's business. A tool that makes no object and
+// unloads the module without asking leaves it mapped, because the module's logger holds it.
 framework::HRESULT registerServer();
 framework::HRESULT unregisterServer();
 

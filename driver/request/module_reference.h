@@ -1,7 +1,8 @@
-// What keeps the module loaded: its objects and the host's locks, which count alike.
+// What keeps the module loaded: its objects and the host's locks, which count alike. The last to go
+// ends the process's logger, so that a host may unload the module without asking.
 //
-// Any thread. The count is a constant-initialised number, so there is nothing to tear down if the
-// process ends with threads inside.
+// Any thread, but not under the operating system's loader lock. The count is a constant-initialised
+// number, so there is nothing to tear down if the process ends with threads inside.
 #pragma once
 
 #include <atomic>
@@ -9,7 +10,9 @@
 
 namespace zelta {
 
-// A member of every object that keeps the module loaded; `lock` and `unlock` do the same.
+// A member of every object that keeps the module loaded; `lock` and `unlock` do the same. The
+// object's first member if its end may log: what is logged after the last reference makes a logger
+// that nobody ends.
 class ModuleReference {
  public:
   ModuleReference() { lock(); }
@@ -18,11 +21,17 @@ class ModuleReference {
   ModuleReference& operator=(const ModuleReference&) = delete;
 
   static void lock() { count_.fetch_add(1, std::memory_order_relaxed); }
-  static void unlock() { count_.fetch_sub(1, std::memory_order_acq_rel); }
+  // The last reference counts until the logger has ended: `any` does not say no before.
+  static void unlock() noexcept;
   static bool any() { return count_.load(std::memory_order_acquire) != 0; }
 
  private:
   static inline std::atomic<std::uint32_t> count_{0};
 };
+
+// Ends the logger and its threads here, not in a global destructor, which would run under the
+// system's loader lock: an ending thread needs that lock, and joining it would deadlock. A later
+// log call makes a new logger. False if the threads may still run, so that the module has to stay.
+[[nodiscard]] bool endLogging() noexcept;
 
 }  // namespace zelta

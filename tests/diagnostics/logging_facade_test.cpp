@@ -6,11 +6,11 @@
 #include <atomic>
 #include <filesystem>
 #include <optional>
-#include <sstream>
 #include <thread>
 
 #include "diagnostics/log.h"
 #include "diagnostics/log_output.h"
+#include "platform/process/thread_id.h"
 #include "tests/support/log_files.h"
 #include "tests/support/logging_ports.h"
 #include "tests/support/temp_folder.h"
@@ -153,9 +153,7 @@ TEST_F(LoggingFacadeTest, Records_AreGoldenLinesOfTheFirstFile) {
   logMessage(0, 0, "%s", dashes.c_str());
   ports_.clock.advance(17);
   logError(0x80070057, "[IOCT] %s", "100% {} {0} %s %n");
-  std::ostringstream printed;
-  printed << std::this_thread::get_id();
-  std::string thread = printed.str();
+  std::string thread = std::to_string(platform::currentThreadId());
   thread.resize(std::max<std::size_t>(thread.size(), 6), ' ');
   ASSERT_EQ(files().size(), 1u);
   EXPECT_EQ(files()[0].filename(), "zelta_vsc_2024_03_05T14_07_09_042Z.txt");

@@ -62,5 +62,54 @@ TEST_F(ConcurrencyTest, ControlIsDispatchedOnItsCallersThread) {
   EXPECT_EQ(test::threadCount(), threads);
 }
 
+// As the operating system's own host calls a driver with the device-level locking constraint.
+class SerialisedCallbacksTest : public HostTest {
+ protected:
+  void SetUp() override {
+    HostOptions serialising = options();
+    serialising.serialiseCallbacks = true;
+    host_ = DriverHost::load(FAKE_DRIVER, serialising);
+    start();
+  }
+};
+
+TEST_F(SerialisedCallbacksTest, DispatchAndCancelCallbacksComeOneAtATime) {
+  std::vector<std::thread> callers;
+  for (int caller = 0; caller < 2; ++caller) {
+    callers.emplace_back([this] {
+      for (int i = 0; i < test::repetitions(2000); ++i) control(fake::kEcho, {1});
+    });
+    callers.emplace_back([this] {
+      for (int i = 0; i < test::repetitions(2000); ++i) {
+        const auto operation = submit(fake::kWait);
+        operation->cancel();
+        EXPECT_TRUE(operation->completed());
+      }
+    });
+  }
+  for (std::thread& caller : callers) caller.join();
+  EXPECT_EQ(counter(fake::kMostAtOnce), 1u);
+  EXPECT_THAT(errors(), IsEmpty());
+}
+
+TEST_F(SerialisedCallbacksTest, CallbackWhileMarking_NeedsNoTurnOfItsOwn) {
+  const auto operation = submit(fake::kKeepUnmarked);
+  operation->cancel();
+  control(fake::kMarkKept);
+  ASSERT_TRUE(operation->completed());
+  EXPECT_EQ(operation->result().status, kCancelledStatus);
+}
+
+TEST_F(SerialisedCallbacksTest, TearDown_EndsTheCallbackThatHoldsUpTheOthers) {
+  const auto waiting = submit(fake::kWait);
+  std::vector<std::future<IoResult>> blocked;
+  for (int i = 0; i < 3; ++i) blocked.push_back(controlOnThread(fake::kBlock));
+  std::thread canceller([&] { waiting->cancel(); });
+  host_->tearDown();
+  canceller.join();
+  for (auto& caller : blocked) caller.get();
+  EXPECT_EQ(waiting->result().status, kCancelledStatus);
+}
+
 }  // namespace
 }  // namespace zelta::host

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "contract/class_ids.h"
+#include "tests/doubles/framework/fake_framework.h"
 #include "tests/module/hosted_module.h"
 #include "tests/support/process_state.h"
 #include "tests/support/repetitions.h"
@@ -93,6 +94,16 @@ TEST_F(UnloadTest, CallsWhileTheDriverGoesDown_AreCarriedOutOrRefused) {
   }
 }
 
+using DeviceTest = HostedModuleTest;
+
+TEST_F(DeviceTest, BroughtUpAnew_GoesOnInItsLogFile) {
+  host_->tearDown();
+  host_->bringUp();
+  end();
+  EXPECT_EQ(world_.logFiles(), 1u);
+  EXPECT_EQ(world_.countInLog("Start section:CMyDriver::OnDeinitialize"), 2u);
+}
+
 // The banner's lines in a log.
 long bannerLines(const std::vector<LogLine>& log) {
   return std::count_if(log.begin(), log.end(), [](const LogLine& line) {
@@ -106,13 +117,24 @@ class LoadedModuleTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 
-  // Loads the module, uses its driver object, does what the test wants while the module is loaded,
-  // and gives it up without a question.
+  // As a tool does: loads the module and has it registered, does what the test wants while the
+  // module is loaded, and gives it up without a question.
   template <typename Action>
-  static void useAndCloseUnasked(Action whileLoaded) {
-    DriverExports exports(DriverExports::AtTheEnd::kIsNotAsked);
-    exports.driver()->OnInitialize(nullptr);
+  static void registerAndCloseUnasked(Action whileLoaded) {
+    const DriverExports exports(DriverExports::AtTheEnd::kIsNotAsked);
+    EXPECT_EQ(exports.call("DllRegisterServer"), framework::kOk);
     whileLoaded();
+  }
+
+  // As a host does: brings the driver up and takes it down, and gives the module up without a
+  // question.
+  static void runAndCloseUnasked() {
+    const DriverExports exports(DriverExports::AtTheEnd::kIsNotAsked);
+    FakeFramework framework(exports.driver());
+    EXPECT_TRUE(framework.bringUp());
+    framework.dispatch({IOCTL_SMARTCARD_IS_PRESENT, {}, {}});
+    framework.takeDown();
+    framework.deinitialize();
   }
 
   // Changes the policy and waits until both of the logger's threads that look at the registry have
@@ -131,13 +153,37 @@ class LoadedModuleTest : public ::testing::Test {
   ModuleWorld world_;
 };
 
-TEST_F(LoadedModuleTest, ClosedUnasked_RunsItsThreadsOn) {
+TEST_F(LoadedModuleTest, ClosedUnaskedAfterItsDriverIsGone_LeavesNothing) {
+  runAndCloseUnasked();  // settles what the process itself opens for good
+  const std::size_t threads = threadCount();
+  const std::vector<std::string> files = openFiles();
+  for (int round = 0; round < repetitions(20); ++round) {
+    runAndCloseUnasked();
+    ASSERT_FALSE(isMapped(ZELTA_VSC_MODULE));
+    ASSERT_LE(threadsLeft(threads), threads);
+    ASSERT_EQ(openFiles(), files);
+  }
+}
+
+TEST_F(LoadedModuleTest, DriverThatWentWhileTheModuleStays_HasEndedItsThreads) {
+  const DriverExports exports;
+  exports.driver()->OnInitialize(nullptr);
+  const std::size_t threads = threadCount();
+  auto driver = exports.driver();
+  EXPECT_GT(threadCount(), threads) << "the logger's";
+  driver->OnInitialize(nullptr);
+  driver.reset();
+  EXPECT_LE(threadsLeft(threads), threads);
+  EXPECT_EQ(bannerLines(world_.log()), 3);
+}
+
+TEST_F(LoadedModuleTest, RegisteredAndClosedUnasked_RunsItsThreadsOn) {
   EXPECT_EXIT(
       {
         // The first change has been seen before, so that the second is only seen one period later.
         world_.setPolicy(1);
         world_.setRotationTime("0");
-        useAndCloseUnasked([&] { changePolicy(2, "Setting log rotation time"); });
+        registerAndCloseUnasked([&] { changePolicy(2, "Setting log rotation time"); });
         changePolicy(3, "the same as the last rotation time");
         world_.removeFolder();
         std::exit(::testing::Test::HasFailure() ? 1 : 0);
@@ -145,11 +191,11 @@ TEST_F(LoadedModuleTest, ClosedUnasked_RunsItsThreadsOn) {
       ::testing::ExitedWithCode(0), "");
 }
 
-TEST_F(LoadedModuleTest, ClosedUnasked_IsTheSameAtItsNextLoadAndGoesOnceItIsAsked) {
-  useAndCloseUnasked([] {});
-  useAndCloseUnasked([] {});
+TEST_F(LoadedModuleTest, RegisteredAndClosedUnasked_IsTheSameAtItsNextLoadAndGoesOnceItIsAsked) {
+  registerAndCloseUnasked([] {});
+  registerAndCloseUnasked([] {});
+  EXPECT_TRUE(isMapped(ZELTA_VSC_MODULE));
   EXPECT_EQ(world_.logFiles(), 1u);
-  EXPECT_EQ(bannerLines(world_.log()), 3);
   { const DriverExports asked; }
   EXPECT_FALSE(isMapped(ZELTA_VSC_MODULE));
 }
@@ -183,7 +229,11 @@ TEST_F(LoadedModuleTest, UnusedModuleAskedWhetherItMayGo_BeginsNoLogFile) {
   exports.factory();
   for (int round = 0; round < 7; ++round) EXPECT_EQ(exports.canUnload(), framework::kOk);
   EXPECT_EQ(world_.logFiles(), 1u);
-  EXPECT_EQ(world_.countInLog("Start section:DllCanUnloadNow"), 1u);
+  EXPECT_EQ(world_.countInLog("Start section:DllCanUnloadNow"), 0u);
+  const auto held = exports.factory();
+  for (int round = 0; round < 7; ++round) EXPECT_EQ(exports.canUnload(), framework::kFalse);
+  EXPECT_EQ(world_.logFiles(), 2u);
+  EXPECT_EQ(world_.countInLog("Start section:DllCanUnloadNow"), 7u);
 }
 
 TEST_F(LoadedModuleTest, ModuleAskedWhetherItMayGoWhileItIsUsed_ServesItsUsers) {

@@ -383,7 +383,7 @@ MUTATIONS = (
              "return static_cast<std::uint32_t>(level) >= currentThreshold.load(std::memory_order_relaxed);",
              "diagnostics_facade_test"),
     Mutation("logger-kept-at-unload", "the logger ends before the module may go",
-             "driver/module/module.cpp",
+             "driver/request/module_reference.cpp",
              "    shutDownLogging();\n", "",
              "module_test"),
 )

@@ -88,10 +88,7 @@ thread_local IWDFIoRequest* FakeDevice::marking_ = nullptr;
 
 void FakeDevice::OnDeviceIoControl(framework::IWDFIoQueue* queue, IWDFIoRequest* request,
                                    ULONG code, SIZE_T inLength, SIZE_T outLength) {
-  const std::uint32_t now = ++atOnce_;
-  std::uint32_t most = counters_[kMostAtOnce];
-  while (most < now && !counters_[kMostAtOnce].compare_exchange_weak(most, now)) {
-  }
+  const Inside inside(*this);
   auto context = ComPtr<CountingContext>::adopt(
       framework::createObject<CountingContext>(counters_[kCleanups]));
   if (code != kContexts) request->AssignContext(context.get(), context.get());
@@ -119,7 +116,6 @@ void FakeDevice::OnDeviceIoControl(framework::IWDFIoQueue* queue, IWDFIoRequest*
       data(*request, code, inLength, outLength);
       break;
   }
-  --atOnce_;
 }
 
 void FakeDevice::data(IWDFIoRequest& request, ULONG code, SIZE_T inLength, SIZE_T outLength) {

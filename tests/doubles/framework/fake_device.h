@@ -76,6 +76,7 @@ class FakeDevice final
   HRESULT ZELTA_STDMETHODCALLTYPE OnQueryStop(IWDFDevice*) override { return framework::kOk; }
 
   void ZELTA_STDMETHODCALLTYPE OnCancel(IWDFIoRequest* request) override {
+    const Inside inside(*this);
     ++counters_[kCancels];
     if (marking_ == request) ++counters_[kCancelsWhileMarking];
     {
@@ -108,6 +109,23 @@ class FakeDevice final
                                     framework::IPnpCallback, framework::IRequestCallbackCancel,
                                     framework::IQueueCallbackDeviceIoControl>;
   ~FakeDevice() { trace("device destroyed"); }
+
+  // A callback that runs, for a scope.
+  class Inside {
+   public:
+    explicit Inside(FakeDevice& device) : device_(device) {
+      const std::uint32_t now = ++device_.atOnce_;
+      std::uint32_t most = device_.counters_[kMostAtOnce];
+      while (most < now && !device_.counters_[kMostAtOnce].compare_exchange_weak(most, now)) {
+      }
+    }
+    ~Inside() { --device_.atOnce_; }
+    Inside(const Inside&) = delete;
+    Inside& operator=(const Inside&) = delete;
+
+   private:
+    FakeDevice& device_;
+  };
 
   void data(IWDFIoRequest& request, ULONG code, SIZE_T inLength, SIZE_T outLength);
   void waiting(IWDFIoRequest& request, ULONG code);

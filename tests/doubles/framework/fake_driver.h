@@ -65,7 +65,7 @@ enum Counter : std::size_t {
   kCleanups,             // cleanup callbacks of request contexts
   kCancels,              // cancel callbacks
   kCancelsWhileMarking,  // those that ran before MarkCancelable returned
-  kMostAtOnce,           // dispatch callbacks at the same time, at most
+  kMostAtOnce,           // dispatch and cancel callbacks at the same time, at most
   kKeptForEver,          // requests that wait for ever
   kCounterCount
 };

@@ -6,6 +6,8 @@
 
 #include "contract/class_ids.h"
 #include "contract/status.h"
+#include "diagnostics/log_output.h"
+#include "driver/request/module_reference.h"
 #include "platform/process/ports.h"
 #include "tests/doubles/framework/fake_framework.h"
 #include "tests/support/fake_winsock.h"
@@ -124,11 +126,40 @@ TEST_F(Module, WhileAnObjectLivesOrTheServerIsLocked_StaysLoaded) {
     EXPECT_EQ(canUnload(), framework::kFalse);
   }
   for (const framework::BOOL lock : {1, 1, 0}) EXPECT_EQ(factory()->LockServer(lock), 0);
+  const int before = log_.shutDowns();
   EXPECT_EQ(canUnload(), framework::kFalse);
+  EXPECT_EQ(log_.shutDowns(), before);
   EXPECT_EQ(factory()->LockServer(0), framework::kOk);
-  EXPECT_EQ(log_.shutDowns(), 0);
   EXPECT_EQ(canUnload(), framework::kOk);
+}
+
+TEST_F(Module, LastObjectOrLock_ShutsTheLoggerDownUnasked) {
+  auto held = factory();
+  held->LockServer(1);
+  auto made = driver();
+  made->OnInitialize(nullptr);
+  made->OnDeinitialize(nullptr);
+  made.reset();
+  held->LockServer(0);
+  EXPECT_EQ(log_.shutDowns(), 0) << "the factory is left";
+  held.reset();
   EXPECT_EQ(log_.shutDowns(), 1);
+  EXPECT_EQ(log_.recordsAtShutDown(), log_.records().size());
+  EXPECT_FALSE(hasLogger());
+}
+
+TEST_F(Module, CallThatGivesNoObject_ShutsTheLoggerDownAfterItsSection) {
+  void* out = nullptr;
+  EXPECT_EQ(getClassObject(kDriverClassId, IDriverEntry::iid, &out), framework::kNoInterface);
+  EXPECT_EQ(log_.shutDowns(), 1);
+  EXPECT_EQ(log_.recordsAtShutDown(), log_.records().size());
+}
+
+TEST_F(Module, LoggerThatCannotBeShutDown_LetsTheLastObjectGo) {
+  log_.failShutDown();
+  EXPECT_TRUE(factory());
+  EXPECT_FALSE(ModuleReference::any());
+  log_.clear();
 }
 
 TEST_F(Module, LoggerThatCannotBeShutDown_KeepsTheModuleLoaded) {
