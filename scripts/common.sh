@@ -84,11 +84,14 @@ zelta_version() {
   sed -n 's/^project(zelta_vsc VERSION \([0-9.]*\).*/\1/p' "$ZELTA_ROOT/CMakeLists.txt"
 }
 
-# The package's version: that of the commit's tag, if it has one.
+# The package's version: that of the commit's tag, if it has one. A commit after a tag has a higher
+# one, a commit before the first tag a lower one than the version to come.
 package_version() {
   local tag
   if tag=$(git -C "$ZELTA_ROOT" describe --exact-match --match 'v[0-9]*' 2>/dev/null); then
     printf '%s' "${tag#v}"
+  elif tag=$(git -C "$ZELTA_ROOT" describe --abbrev=0 --match 'v[0-9]*' 2>/dev/null); then
+    printf '%s+git%s' "${tag#v}" "$(git -C "$ZELTA_ROOT" rev-list --count "$tag"..HEAD)"
   else
     printf '%s~git%s' "$(zelta_version)" "$(git -C "$ZELTA_ROOT" rev-list --count HEAD)"
   fi

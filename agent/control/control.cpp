@@ -41,7 +41,11 @@ std::string statusJson(const Agent::Status& status) {
                        {"backend", status.backend},
                        {"card", status.cardIn ? "in" : "out"},
                        {"atr", status.atr.empty() ? Json() : Json(toHex(status.atr))},
-                       {"session_id", status.sessionId}};
+                       {"session_id", status.sessionId},
+                       {"apdus", status.apdus},
+                       {"errors", status.errors},
+                       {"timeouts", status.timeouts},
+                       {"reconnects", status.reconnects}};
   return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 

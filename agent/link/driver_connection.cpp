@@ -18,11 +18,6 @@ const Bytes& noPreciseDiagnosis() {
   return *bytes;
 }
 
-const Bytes& wrongLength() {
-  static const auto* const bytes = new Bytes{0x67, 0x00};  // never destroyed
-  return *bytes;
-}
-
 // What is answered in time if the card is late.
 const Bytes& lateAnswer(Command::Kind kind) {
   static const auto* const none = new Bytes;  // never destroyed
@@ -108,8 +103,7 @@ std::optional<Command> DriverConnection::read() {
     std::optional<platform::SecretBytes> apdu = readApdu(command.cardLimit);
     if (!apdu) return std::nullopt;
     command.apdu = std::move(*apdu);
-    if (command.apdu.size() > 0) return command;
-    if (!answerOtherwise(command, wrongLength())) return std::nullopt;
+    return command;
   }
   return std::nullopt;
 }
@@ -135,13 +129,14 @@ void DriverConnection::passReady() {
 std::optional<platform::SecretBytes> DriverConnection::readApdu(SteadyClock::time_point deadline) {
   const std::optional<std::uint32_t> length = readNumber(deadline);
   if (!length) return std::nullopt;
-  if (*length > kMaximumApduLength) {
+  // Length 0 is the code of another command: the driver has given this one up half-way.
+  if (*length == 0 || *length > kMaximumApduLength) {
     log_.error("The driver announced an APDU of " + std::to_string(*length) +
                " bytes; dropping the connection");
     return std::nullopt;
   }
   platform::SecretBytes apdu{Bytes(*length)};
-  if (*length != 0 && !readField(apdu.data(), *length, deadline)) return std::nullopt;
+  if (!readField(apdu.data(), *length, deadline)) return std::nullopt;
   return apdu;
 }
 

@@ -313,8 +313,10 @@ std::string askAgent(const std::vector<std::string>& paths, const std::string& l
     tried += (tried.empty() ? "" : ", ") + path;
   }
   if (denied.empty()) throw NoAgentError("no agent is running at " + tried);
-  throw std::runtime_error("permission denied at " + denied +
-                           ": an agent answers its own user and root only; run this with sudo");
+  throw std::runtime_error(
+      "permission denied at " + denied +
+      ": an agent answers its own user, root, and for the service the group zelta; run this "
+      "with sudo");
 }
 
 }  // namespace zelta::agent

@@ -197,6 +197,8 @@ int runNearEnd(const Options& options, Endings& endings, Log& log) {
   Forwarder::Settings settings;
   settings.place = options.to->place();
   settings.onFailure = onFailure;
+  std::optional<CardRecorder> recorder;
+  if (!options.recordFile.empty()) settings.trace = &recorder.emplace(options.recordFile, log);
   const std::unique_ptr<Dialer> dialer =
       makeSshDialer(sshCommand(options.ssh, *options.to, options.logLevel));
   const std::unique_ptr<CardBackend> backend = makeBackend(options, log);

@@ -127,7 +127,7 @@ void addCardOptions(CLI::App& app, Options& options, Flags& flags) {
 void addRemoteOptions(CLI::App& app, Options& options, Flags& flags) {
   const std::string group = "Driver at another machine";
   auto* to = app.add_option("--to", flags.to,
-                            "Lend the card to the agent there, which ssh starts:\n"
+                            "Lend the card to the agent there, which ssh\nstarts: "
                             "ssh://[user@]host[:port][/reader]")
                  ->option_text("ADDRESS")
                  ->group(group);

@@ -22,7 +22,7 @@ Forwarder::Forwarder(Dialer& dialer, CardBackend& backend, Settings settings, Lo
       settings_(std::move(settings)),
       log_(log),
       slot_(
-          backend, [this] { threads_.cardDeparted(); }, settings_.onFailure),
+          backend, [this] { threads_.cardDeparted(); }, settings_.onFailure, settings_.trace),
       threads_(slot_, settings_.card.answerLimit,
                [this](const char* problem) {
                  settings_.onFailure(problem);

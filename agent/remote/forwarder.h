@@ -30,6 +30,7 @@ class Forwarder final : public Service {
     std::chrono::milliseconds longestRetry{30000};
     // Called on a thread that ends by an exception: the forwarder must be stopped.
     OnFailure onFailure;
+    TraceSink* trace = nullptr;  // not owned; null: nobody is told
   };
 
   // Everything passed by reference outlives the forwarder.

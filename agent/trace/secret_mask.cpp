@@ -30,15 +30,21 @@ constexpr Rule kRules[] = {
     {0x24, kAny, true, false},    // CHANGE REFERENCE DATA
     {0x25, kAny, true, false},    // CHANGE REFERENCE DATA, data in BER-TLV
     {0x26, kAny, true, false},    // DISABLE VERIFICATION REQUIREMENT
+    {0x27, kAny, true, false},    // DISABLE VERIFICATION REQUIREMENT, data in BER-TLV
     {0x28, kAny, true, false},    // ENABLE VERIFICATION REQUIREMENT
+    {0x29, kAny, true, false},    // ENABLE VERIFICATION REQUIREMENT, data in BER-TLV
     {0x2C, kAny, true, false},    // RESET RETRY COUNTER
     {0x2D, kAny, true, false},    // RESET RETRY COUNTER, data in BER-TLV
-    {0x2A, 0x8086, false, true},  // PERFORM SECURITY OPERATION: DECIPHER
-    {0x2A, 0x8680, true, false},  // PERFORM SECURITY OPERATION: ENCIPHER
+    {0x2A, 0x8084, false, true},  // PERFORM SECURITY OPERATION: DECIPHER
+    {0x2A, 0x8086, false, true},  // the same
+    {0x2A, 0x8480, true, false},  // PERFORM SECURITY OPERATION: ENCIPHER
+    {0x2A, 0x8680, true, false},  // the same
     {0x42, kAny, false, true},    // CAC: SIGN/DECRYPT, which deciphers as well
     {0x82, kAny, true, true},     // EXTERNAL AUTHENTICATE, MUTUAL AUTHENTICATE, LOAD KEYS
     {0x86, kAny, true, true},     // GENERAL AUTHENTICATE
     {0x87, kAny, true, true},     // GENERAL AUTHENTICATE, which deciphers on a PIV card
+    {0xC2, kAny, true, true},     // ENVELOPE: another command
+    {0xC3, kAny, true, true},     // the same, in BER-TLV
     {0xD8, kAny, true, false},    // PUT KEY
     {0xDA, 0x00D3, true, false},  // OpenPGP: PUT DATA, resetting code
     {0xDA, 0x00D5, true, false},  // OpenPGP: PUT DATA, AES key

@@ -49,7 +49,8 @@ std::string agentProblem(const AgentPlace& place, int error) {
   for (const std::string& path : place.paths()) tried += (tried.empty() ? "" : ", ") + path;
   if (error == EACCES) {
     return "permission denied at " + tried +
-           ": an agent answers its own user and root only; run this with sudo";
+           ": an agent answers its own user, root, and for the service the group zelta; run this "
+           "with sudo";
   }
   if (error == ENOENT || error == ECONNREFUSED) {
     const std::string start =

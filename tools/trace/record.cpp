@@ -6,6 +6,7 @@
 
 #include "contract/bytes.h"
 #include "contract/json.h"
+#include "tools/logs/terminal_text.h"
 #include "tools/trace/atr.h"
 
 namespace zelta::trace {
@@ -116,11 +117,12 @@ Words Reader::describe(const Record& record) {
   const auto* const event =
       std::find_if(std::begin(kEvents), std::end(kEvents),
                    [&record](const Event& known) { return record.kind == known.kind; });
-  words.what = event == std::end(kEvents) ? record.kind : event->text;
+  words.what = event == std::end(kEvents) ? logs::harmless(record.kind) : event->text;
   if (record.kind == "begin") {
-    words.what = "reader " + record.reader + ", " + record.backend + " card " + record.card +
-                 ", driver " + (record.connected ? "connected" : "not connected");
-    addDetail(words, "Session", record.session);
+    words.what = "reader " + logs::harmless(record.reader) + ", " + logs::harmless(record.backend) +
+                 " card " + logs::harmless(record.card) + ", driver " +
+                 (record.connected ? "connected" : "not connected");
+    addDetail(words, "Session", logs::harmless(record.session));
     addBytes(words, "ATR", record.atr);
     addAtr(words, record.atr);
   } else if (record.kind == "lost") {

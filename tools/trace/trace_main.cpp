@@ -68,6 +68,17 @@ std::ofstream openOutput(const std::string& file) {
   std::ofstream output(file, std::ios::binary | std::ios::trunc);
   umask(before);
   if (!output) throw std::runtime_error(file + " cannot be written");
+  // Only its owner reads it: whoever called sudo.
+  const auto own = [&file](int failed) {
+    if (failed != 0) throw std::runtime_error(file + " cannot be made its owner's alone");
+  };
+  own(chmod(file.c_str(), S_IRUSR | S_IWUSR));
+  const char* const user = std::getenv("SUDO_UID");
+  const char* const group = std::getenv("SUDO_GID");
+  if (geteuid() == 0 && user != nullptr && group != nullptr) {
+    own(chown(file.c_str(), static_cast<uid_t>(std::strtoul(user, nullptr, 10)),
+              static_cast<gid_t>(std::strtoul(group, nullptr, 10))));
+  }
   return output;
 }
 

@@ -125,7 +125,6 @@ INSTANTIATE_TEST_SUITE_P(
         Exchange{"AtrWithReset", kAtrQuery, kAtrAnswer, Card::kIn, 1},
         Exchange{"AtrWithoutReset", kAtrQueryWithoutReset, kAtrAnswer},
         Exchange{"Transmit", kTransmit, kTransmitAnswer},
-        Exchange{"EmptyApduNeedsNoCard", {2, 0, 0, 0, 0, 0, 0, 0}, {2, 0, 0, 0, 0x67, 0x00}},
         Exchange{"LongestApdu", Bytes{2, 0, 0, 0, 0x0C, 0x00, 0x01, 0x00} + Bytes(65548),
                  kTransmitAnswer},
         Exchange{"NotificationHasNoAnswer", kReady + kTransmit, kTransmitAnswer, Card::kIn, 0, 1},
@@ -170,6 +169,9 @@ INSTANTIATE_TEST_SUITE_P(
     Commands, RefusedCommands,
     testing::Values(
         Refused{"UnknownCode", {4, 0, 0, 0}, "error: Unknown command 4; dropping the connection"},
+        Refused{"EmptyApdu",
+                {2, 0, 0, 0, 0, 0, 0, 0},
+                "error: The driver announced an APDU of 0 bytes; dropping the connection"},
         Refused{"ApduOneByteTooLong",
                 {2, 0, 0, 0, 0x0D, 0x00, 0x01, 0x00},
                 "error: The driver announced an APDU of 65549 bytes; dropping the connection"},

@@ -33,7 +33,7 @@ class ExpectedAnswers {
       if (code == static_cast<std::uint32_t>(AgentCommand::kQueryTransmit)) {
         if (pending_.size() < 2 * kNumberSize) return Next::kMore;
         const std::uint32_t length = loadLittleEndian(pending_.data() + kNumberSize);
-        if (length > agent::kMaximumApduLength) return Next::kEnd;
+        if (length == 0 || length > agent::kMaximumApduLength) return Next::kEnd;
         size = 2 * kNumberSize + length;
         if (pending_.size() < size) return Next::kMore;
       }
@@ -60,9 +60,7 @@ class ExpectedAnswers {
   void setAnswer(const Bytes& command, bool cardAnswers) {
     givesAtr_ = cardAnswers && command.size() == kNumberSize;
     Bytes content;
-    if (command.size() == 2 * kNumberSize) {
-      content = {0x67, 0x00};
-    } else if (givesAtr_) {
+    if (givesAtr_) {
       content = heldAtr();
     } else if (cardAnswers) {
       content.assign(command.begin() + 2 * kNumberSize, command.end());

@@ -302,6 +302,12 @@ class DebianService(unittest.TestCase):
             return self.system.run("opensc-tool", "--name", check=False).returncode == 0
         wait_until(has_card, "the card")
 
+    def test_first_program_after_pcscd_has_ended_finds_the_card(self):
+        self.wait_for_card()
+        for program in (("opensc-tool", "--name"), ("ssh-keygen", "-D", stack.pkcs11_module())) * 5:
+            self.system.run("systemctl", "stop", "pcscd.service")
+            self.system.run(*program)
+
     def test_agent_serves_a_demo_card_right_after_the_installation(self):
         self.assertTrue(self.system.is_active(AGENT))
         self.wait_for_card()
