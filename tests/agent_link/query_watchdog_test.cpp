@@ -39,6 +39,16 @@ TEST(QueryWatchdog, StoppedInTime_CallsNobodyAndLogsNothing) {
   EXPECT_TRUE(log.records().empty());
 }
 
+TEST(QueryWatchdog, StoppedInTime_CallsNobodyLaterEither) {
+  const LogCapture log;
+  std::atomic<int> calls{0};
+  WatchdogThread thread(1s);
+  { const QueryWatchdog watchdog(thread, [&] { ++calls; }); }
+  std::this_thread::sleep_for(1200ms);
+  EXPECT_EQ(calls, 0);
+  EXPECT_TRUE(log.records().empty());
+}
+
 TEST(QueryWatchdog, WhenTimeIsUp_LogsThenCallsOnce) {
   const LogCapture log;
   std::promise<std::vector<LogRecord>> atCall;
