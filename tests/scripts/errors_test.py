@@ -96,7 +96,7 @@ class OrdinaryUser(CheckoutTest):
         for word in ("status", "insert", "remove"):
             self.assertEqual(self.as_nobody("zelta-agent", "ctl", word, "--control", path, code=1),
                              f"zelta-agent: permission denied at {path}: an agent answers its own "
-                             "user and root only; run this with sudo\n")
+                             "user, root, and for the service the group zelta; run this with sudo\n")
 
     def test_agent_that_does_not_run_is_named_with_what_starts_it(self):
         self.environment["XDG_RUNTIME_DIR"] = str(self.folder)
