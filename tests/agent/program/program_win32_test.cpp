@@ -32,7 +32,7 @@ TEST(ConsoleAnswer, EveryEventButALogoff_EndsTheProgram) {
 TEST_F(Program, CtlAndOtherCards_EndWithOneAndAMessage) {
   const Ended control = runProgram({"ctl", "status"});
   EXPECT_EQ(control.exitCode, 1);
-  EXPECT_THAT(control.text, HasSubstr("error: ctl is not available on Windows\n"));
+  EXPECT_THAT(control.text, HasSubstr("zelta-agent: ctl is not available on Windows\n"));
   const Ended emulated = runProgram({});
   EXPECT_EQ(emulated.exitCode, 1);
   EXPECT_THAT(emulated.text, HasSubstr("error: only --backend script is available on Windows\n"));
