@@ -218,11 +218,23 @@ class DroppingPipes final : public ForwardingPipes {
   DroppingPipes() : ForwardingPipes(*platform::ports().pipes) {}
 
   bool disconnect(platform::PipeHandleValue pipe) override {
-    if (const auto act = std::exchange(meanwhile, nullptr)) act();
+    if (const auto act = take()) act();
     return ForwardingPipes::disconnect(pipe);
   }
 
-  std::function<void()> meanwhile;
+  void setMeanwhile(std::function<void()> act) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    meanwhile_ = std::move(act);
+  }
+
+ private:
+  std::function<void()> take() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return std::exchange(meanwhile_, nullptr);
+  }
+
+  std::mutex mutex_;
+  std::function<void()> meanwhile_;
 };
 
 class LossOfTheEventPipe : public CardEvents {
@@ -238,10 +250,10 @@ TEST_F(LossOfTheEventPipe, BetweenCheckAndWait_FulfilsTheRemoval) {
   connectWithCard();
   FakeRequest& request = makeRequest();
   std::future<void> handler;
-  pipes_.meanwhile = [&] {
+  pipes_.setMeanwhile([&] {
     handler = std::async(std::launch::async, [&] { reader().IoSmartCardIsAbsent(&request, 0, 0); });
     EXPECT_TRUE(log_.waitFor("[CheckATR]ATR:3B00"));
-  };
+  });
   agent_.events().close();
   EXPECT_TRUE(request.waitCompleted()) << "waits for the removal of a card that nobody has";
   EXPECT_EQ(request.status(), kSucceeded);

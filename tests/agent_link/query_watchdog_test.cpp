@@ -43,7 +43,9 @@ TEST(QueryWatchdog, StoppedInTime_CallsNobodyLaterEither) {
   const LogCapture log;
   std::atomic<int> calls{0};
   WatchdogThread thread(1s);
-  { const QueryWatchdog watchdog(thread, [&] { ++calls; }); }
+  {
+    const QueryWatchdog watchdog(thread, [&] { ++calls; });
+  }
   std::this_thread::sleep_for(1200ms);
   EXPECT_EQ(calls, 0);
   EXPECT_TRUE(log.records().empty());
