@@ -19,7 +19,8 @@ BUILT = [pathlib.Path(os.environ["ZELTA_MODULE"]), pathlib.Path(os.environ["ZELT
 
 
 def pictures():
-    return [f"docs/{path.name}" for path in (SOURCE / "docs").glob("*.svg")]
+    return [f"docs/{path.name}" for path in (SOURCE / "docs").iterdir()
+            if path.suffix in (".svg", ".png")]
 
 
 def documents():
