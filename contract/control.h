@@ -1,5 +1,5 @@
-// What the agent's control socket and its clients say to each other, and where the socket is. A
-// client sends a line, and reads the answer until the agent ends the connection. See docs/agent.md.
+// The words and the paths of the agent's control socket. A client sends a line, and reads the
+// answer until the agent ends the connection. See docs/agent.md.
 #pragma once
 
 #include <cstddef>
@@ -31,8 +31,8 @@ inline constexpr std::size_t kLongestControlAnswer = 65536;
 // /run/zelta-agent<reader>/control, the one of the agent that runs as a service.
 std::vector<std::string> defaultControlPaths(std::uint32_t reader);
 
-// Where an agent that may write there leaves a link to its control socket, wherever that is: beside
-// the folder of its pipes.
+// The path of a link to the agent's control socket, beside the folder of its pipes. An agent makes
+// the link if it may write there.
 std::string controlLinkPath(const std::string& pipeRoot, std::uint32_t reader);
 
 // Whether this answer to `kControlStatusJson` is of that reader's agent and says that a card is in.

@@ -1,5 +1,5 @@
-// By hand although libraries read YAML: a script is a few rules, each on a line of its own, and the
-// agent for Windows is one file without libraries.
+// No YAML library: a script is a list of short rules, one a line, and the agent for Windows is a
+// single file without libraries.
 #include "agent/card/script.h"
 
 #include <algorithm>

@@ -13,8 +13,8 @@
 namespace zelta::agent {
 
 // The agent's end. One thread serves one client after the other; a client that does not ask within
-// a second is dropped. A client that asks for a trace is fed by a thread of its own, as long as it
-// stays. Only the agent's own user (and root) can connect.
+// a second is dropped. A client that asks for a trace gets its own thread until it
+// leaves. The socket is made for the agent's own user and root; the service opens it to its group.
 class ControlServer {
  public:
   // Answers one line, on the server's thread.

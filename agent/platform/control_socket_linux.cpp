@@ -110,8 +110,8 @@ bool isOtherFile(const std::string& path) {
   return exists(status) && !is_socket(status);
 }
 
-// Feeds one client, on a thread of its own, until the client leaves, sends anything more, or
-// `stop`.
+// Sends one client its trace, on its own thread. Ends when the client leaves or sends anything
+// more, or with `stop`.
 class FedClient {
  public:
   FedClient(ScopedFd client, const StopEvent& stop, const OpenFeed& openFeed,

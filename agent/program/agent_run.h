@@ -1,4 +1,4 @@
-// Runs a service on a thread of its own, for the program.
+// Runs the program's service on its own thread.
 #pragma once
 
 #include <future>

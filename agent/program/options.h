@@ -36,7 +36,7 @@ struct Options {
   std::vector<std::string> certificates;
   std::string pcscReader;
   std::string scriptFile;
-  std::optional<SshAddress> to;  // where the driver is, if at another machine
+  std::optional<SshAddress> to;  // the driver's machine, if it is another one
   std::string ssh = "ssh";       // the program that gets there
   std::string recordFile;        // empty: none
   bool json = false;

@@ -15,7 +15,7 @@ int runProgram(int argc, const char* const* argv);
 
 extern const Edition kEdition;
 
-// Where the agent's log goes.
+// The destination of the agent's log.
 Log::Sink standardErrorSink();
 // Runs the agent until it is ended; returns the program's exit code. What it throws ends the
 // program with a line in the log.

@@ -32,8 +32,8 @@ class Dialer {
 inline constexpr int kSshNoProgram = 127;
 inline constexpr int kSshFailed = 255;
 
-// Dials over the user's own ssh. `command` is the program and its arguments; it shares the
-// terminal, where it may ask, and standard error with this program.
+// Dials over the user's own ssh. `command` is the program and its arguments. It shares the
+// terminal with this program, so it can ask for a password, and standard error.
 std::unique_ptr<Dialer> makeSshDialer(std::vector<std::string> command);
 
 // A line on two descriptors, which may be the same; it closes them and makes them non-blocking.

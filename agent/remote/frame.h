@@ -16,9 +16,8 @@
 //   pong       both  of the ping       -
 //   bye        both  0                 -
 //
-// A hello is the first frame of each end, and the only one whose form never changes. Each card that
-// is put in gets a number of its own, so a command never reaches the card after the one it was
-// meant for.
+// A hello is the first frame of each end, and the only one whose form never changes. Each
+// insertion has a new number, so a command for one card never reaches the next.
 #pragma once
 
 #include <cstddef>

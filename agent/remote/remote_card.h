@@ -19,8 +19,8 @@
 
 namespace zelta::agent {
 
-// What comes on the line is read on a thread of its own. If the line breaks, the card leaves and
-// its listener learns of a failure.
+// Its own thread reads the line. If the line breaks, the card leaves and its listener learns of the
+// failure.
 class RemoteCard final : public CardBackend {
  public:
   // `onEnd` is called on the card's thread if the other end ends as asked. `log` outlives the card.

@@ -1,4 +1,4 @@
-// Where the driver is: ssh://[user@]host[:port][/reader].
+// The address of the driver's machine: ssh://[user@]host[:port][/reader].
 #pragma once
 
 #include <cstdint>

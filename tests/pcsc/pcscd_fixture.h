@@ -148,6 +148,8 @@ inline const Bytes kSelectAnswer{0x00, 0xA4, 0x04, 0x00, 0x01, 0xA0, 0x90, 0x00}
 class PcscdTest : public testing::Test {
  protected:
   void SetUp() override {
+    // pcscd's socket and configuration have fixed places, which a test may only change for itself:
+    // with mounts of its own, or not at all.
     const std::string reason = whyNoMounts();
     if (!reason.empty()) GTEST_SKIP() << reason;
   }

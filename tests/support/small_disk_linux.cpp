@@ -27,6 +27,7 @@ void onSmallDisk(std::size_t size,
       ADD_FAILURE() << "cannot mount: " << std::strerror(errno);
     }
   }).join();
+  // A disk that is full for this test only is a mount of its own.
   if (!reason.empty()) GTEST_SKIP() << reason;
 }
 
