@@ -33,9 +33,9 @@ passed, N failed". A stage that fails does not keep the later ones from running.
   --quick       what CI runs:
                 ${QUICK_STAGES[*]}.
                 The sanitizers look at the tests of
-                ${THREADED[*]} only,
-                tidy at product code only; a stage that could not begin within
-                $((QUICK_LIMIT / 60)) minutes is named and left out
+                ${THREADED[*]} only;
+                a stage that could not begin within $((QUICK_LIMIT / 60)) minutes
+                is named and left out
   --stage NAME  run this stage only; may be repeated
   -h, --help    this text
 EOT
@@ -99,6 +99,16 @@ log=$WORK/stage.log
 passed=0
 failed=0
 summary=()
+failures=()
+# failure_of NAME: what the stage's log says of it: the failed tests, otherwise its end.
+failure_of() {
+  printf '==> Stage %s failed\n' "$1"
+  if grep -q '^==> Failed tests$' "$log"; then
+    sed '1,/^==> Failed tests$/d; $d' "$log"
+  else
+    tail -n 40 "$log"
+  fi
+}
 # note_stage NAME RESULT SECONDS: adds up what the suites counted; the others count as one.
 note_stage() {
   local name=$1 result=$2 seconds=$3 good=1 bad=0 verdict=passed
@@ -114,6 +124,7 @@ note_stage() {
   fi
   passed=$((passed + good))
   failed=$((failed + bad))
+  [ "$bad" -eq 0 ] || failures+=("$(failure_of "$name")")
   summary+=("$(printf 'Stage %-11s %5d s  %s' "$name" "$seconds" "$verdict")")
   say "${summary[-1]}"
 }
@@ -131,6 +142,7 @@ for stage in "${stages[@]}"; do
   note_stage "$stage" "$result" $((SECONDS - begin))
 done
 
+[ ${#failures[@]} -eq 0 ] || printf '%s\n' "${failures[@]}"
 step "Stages"
 printf '%s\n' "${summary[@]}"
 say "Time: $((SECONDS / 60)) min $((SECONDS % 60)) s"

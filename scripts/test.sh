@@ -104,6 +104,25 @@ skipped_tests() {
     sed 's/^ *\([0-9]*\) \(.*\)/\1 skipped: \2/'
 }
 
+# failed_tests PRESET: each failed test with the end of what it printed, so that a log whose
+# beginning was cut off still says what failed.
+failed_tests() {
+  local name
+  sed -n '/^The following tests FAILED:/,$s/^\t *[0-9]* - \(.*\) ([^()]*)$/\1/p' "$log" |
+    while read -r name; do
+      printf '%s (%s)\n' "$name" "$1"
+      awk -v "name=$name" -v lines=30 '
+        /^[0-9]+\/[0-9]+ Testing: / { here = substr($0, index($0, ": ") + 2) == name; next }
+        !here { next }
+        /^Output:$/ { getline; inside = 1; count = 0; next }
+        /^<end of output>$/ {
+          inside = 0
+          for (i = count > lines ? count - lines : 0; i < count; ++i) print "    " text[i]
+        }
+        inside { text[count++] = $0 }' "$(build_folder "$1")/Testing/Temporary/LastTest.log"
+    done
+}
+
 passed=0
 failed=0
 skipped=()
@@ -129,10 +148,15 @@ run_suite() {
   [ "$left_out" -eq 0 ] || mapfile -t -O ${#skipped[@]} skipped < <(skipped_tests "$(build_folder "$preset")")
   passed=$((passed + total - bad - left_out))
   failed=$((failed + bad))
+  [ "$bad" -eq 0 ] || failed_tests "$preset" >>"$WORK/failed"
 }
 
 for preset in "${presets[@]}"; do run_suite "$preset"; done
 [ $((passed + failed)) -gt 0 ] || [ ${#skipped[@]} -gt 0 ] || die "no tests were run"
 [ ${#skipped[@]} -eq 0 ] || printf '%s\n' "${skipped[@]}"
+if [ -s "$WORK/failed" ]; then
+  step "Failed tests"
+  cat "$WORK/failed"
+fi
 printf '%d passed, %d failed\n' "$passed" "$failed"
 [ "$failed" -eq 0 ]

@@ -1,4 +1,4 @@
-"""What `./zelta test` says of the tests that the machine does not let run."""
+"""What `./zelta test` and `./zelta check` say of tests that failed or could not run."""
 
 import unittest
 
@@ -21,20 +21,64 @@ The following tests did not run:
 \t  2 - DebianService.test_upgrade (Skipped)
 \t  3 - PcscdEndTest.Signal (Skipped)
 """
+FAILED_LOG = """1/6 Testing: Pipe.Reads
+1/6 Test: Pipe.Reads
+Output:
+----------------------------------------------------------
+[ OK ] Pipe.Reads
+<end of output>
+Test Passed.
+2/6 Testing: Pipe.ReadsLate
+2/6 Test: Pipe.ReadsLate
+Output:
+----------------------------------------------------------
+""" + "".join(f"line {number}\n" for number in range(100)) + """<end of output>
+Test Failed.
+"""
+FAILED_RESULT = """83% tests passed, 1 tests failed out of 6
+
+The following tests FAILED:
+\t 2 - Pipe.ReadsLate (Failed)
+"""
 
 
 class Suite(CheckoutTest):
     def setUp(self):
         super().setUp()
         self.pretend_to_build()
-        log = self.folder / "build" / "Testing" / "Temporary" / "LastTest.log"
-        log.parent.mkdir(parents=True)
-        log.write_text(LOG)
+        self.log = self.folder / "build" / "Testing" / "Temporary" / "LastTest.log"
+        self.log.parent.mkdir(parents=True)
+        self.log.write_text(LOG)
 
-    def run_suite(self, result, code=0):
+    def with_result(self, result, *command, code=0):
         (self.folder / "result").write_text(result)
         self.fake("ctest", 'cat "$FAKE/result"')
-        return self.zelta("test", "--preset", "release", code=code).splitlines()
+        return self.zelta(*command, code=code).splitlines()
+
+    def run_suite(self, result, code=0):
+        return self.with_result(result, "test", "--preset", "release", code=code)
+
+    def test_failed_tests_are_shown_again_at_the_end_with_the_last_lines_of_what_they_printed(self):
+        self.log.write_text(FAILED_LOG)
+        shown = ["Pipe.ReadsLate (release)", *(f"    line {number}" for number in range(70, 100))]
+        self.assertEqual(self.run_suite(FAILED_RESULT, code=1)[-33:],
+                         ["==> Failed tests", *shown, "5 passed, 1 failed"])
+
+    def test_check_shows_the_failed_tests_of_its_stages_at_the_end(self):
+        log = self.folder / "build-tsan" / "Testing" / "Temporary" / "LastTest.log"
+        log.parent.mkdir(parents=True)
+        log.write_text(FAILED_LOG)
+        checked = self.with_result(FAILED_RESULT, "check", "--stage", "tsan", code=1)
+        begin = checked.index("==> Stage tsan failed")
+        self.assertEqual(checked[begin + 1], "Pipe.ReadsLate (tsan)")
+        self.assertEqual(checked[begin + 31:begin + 33], ["    line 99", "==> Stages"])
+
+    def test_check_shows_the_end_of_a_stage_without_tests_that_failed(self):
+        self.fake("shellcheck", "seq -f 'remark %g' 100; exit 1")
+        checked = self.zelta("check", "--stage", "shellcheck", code=1).splitlines()
+        begin = checked.index("==> Stage shellcheck failed")
+        self.assertEqual(checked[begin + 1], "remark 61")
+        self.assertEqual(checked[begin + 40:begin + 42], ["remark 100", "==> Stages"])
 
     def test_skipped_tests_are_counted_by_their_reason_and_not_as_passed(self):
         self.assertEqual(self.run_suite(RESULT)[-3:],
