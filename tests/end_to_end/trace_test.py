@@ -142,6 +142,9 @@ class Record(StackTest):
         home = dict(os.environ, HOME=str(self.stack.folder), LC_ALL="C.UTF-8")
         texts = [run(*(word or stack.pkcs11_module() for word in command), env=home).stdout
                  for command in self.COMMANDS]
+        # The trace has everything before the removal once it has that.
+        self.stack.ctl("remove")
+        wait_until(lambda: '"kind":"remove"' in saved.read_text(), "the removal")
         trace.end(signal.SIGINT)
         self.assertEqual(self.stack.agent.end()[0], 0)
         return texts, exchanges(saved)

@@ -368,7 +368,7 @@ class DebianService(unittest.TestCase):
                                "RestartUSec,StartLimitIntervalUSec", AGENT).stdout
         self.assertEqual(set(show.split()), {"RestartUSec=2s", "StartLimitIntervalUSec=0"})
         before = self.system.main_pid(AGENT)
-        self.system.run("systemctl", "kill", "--signal=KILL", AGENT)
+        self.system.run("systemctl", "kill", "--kill-whom=main", "--signal=KILL", AGENT)
         wait_until(lambda: self.system.main_pid(AGENT) not in (0, before), "the next agent")
         self.wait_for_card()
 
