@@ -41,6 +41,7 @@ bool EventReporter::beginAnswer(CardId atrOf) {
   const platform::MutexLock lock(mutex_);
   if (atrOf != kNoCard && !rule_.holds(atrOf)) return false;
   answering_ = true;
+  if (atrOf != kNoCard) atrGiven_ = true;
   queue(atrOf == kNoCard ? rule_.answeredOtherwise() : rule_.answeredWithAtr());
   return true;
 }
@@ -65,6 +66,7 @@ void EventReporter::observing(CardId card) {
 
 void EventReporter::cardArrived(CardId card) {
   const platform::MutexLock lock(mutex_);
+  atrGiven_ = false;
   queue(rule_.arrived(card));
 }
 
@@ -76,7 +78,7 @@ void EventReporter::cardDeparted() {
 void EventReporter::queue(ReportRule::Report report) {
   if (report == ReportRule::Report::kNothing || ended_) return;
   const std::size_t notBegun = events_.size() - (writing_ ? 1 : 0);
-  if (report == ReportRule::Report::kRemoved && notBegun > 0 &&
+  if (report == ReportRule::Report::kRemoved && notBegun > 0 && !atrGiven_ &&
       events_.back() == ReportRule::Report::kInserted) {
     events_.pop_back();  // nobody has heard of that card
   } else {

@@ -5,8 +5,9 @@
 // thread watches for the pipe's end. The other thread hands over events in the order in which they
 // were decided, without waiting for the driver to read them. Both end when the pipe is closed or
 // cancelled. A pipe that is full of events that the driver does not read is cancelled when its time
-// is up. A card that comes and goes before its arrival was handed over is not reported at all:
-// cards that change quicker than the driver reads of them leave no backlog.
+// is up. A card that comes and goes before its arrival was handed over and before the driver has its
+// ATR is not reported at all: cards that change quicker than the driver reads of them leave no
+// backlog.
 //
 // `commandBegan`, `beginAnswer`, `endAnswer` and `waitWritten` come from one thread at a time, for
 // each command; they wake the writer only if there is an event. As the slot's observer it is
@@ -91,6 +92,7 @@ class EventReporter final : public CardSlot::Observer {
   bool writing_ ZELTA_GUARDED_BY(mutex_) = false;  // the front one
   bool full_ ZELTA_GUARDED_BY(mutex_) = false;     // the pipe, of what the driver has not read
   bool answering_ ZELTA_GUARDED_BY(mutex_) = false;
+  bool atrGiven_ ZELTA_GUARDED_BY(mutex_) = false;  // of the card that is in, to the driver
   bool sessionSent_ ZELTA_GUARDED_BY(mutex_) = false;
   bool taken_ ZELTA_GUARDED_BY(mutex_) = false;  // the session id, by the driver
   SteadyClock::time_point graceEnd_ ZELTA_GUARDED_BY(mutex_);

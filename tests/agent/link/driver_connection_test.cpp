@@ -241,6 +241,24 @@ TEST_F(Connection, SwapWhileAnAnswerIsWritten_IsReportedAfterIt) {
   EXPECT_EQ(event(2), kInserted);
 }
 
+// The driver may ask before it has read of the card's arrival.
+TEST_F(Connection, SwapOfACardWhoseAtrTheDriverHas_IsReportedThoughItsArrivalIsNotYet) {
+  EXPECT_EQ(answerTo(kAtrQuery), kAtrAnswer);
+  events_.takeWrites(kSessionWrites);
+  events_.holdWrites();
+  EXPECT_EQ(slot_.remove(), "");
+  events_.waitUntilWriting();
+  EXPECT_EQ(slot_.insert(), "");
+  EXPECT_EQ(answerTo(kAtrQueryWithoutReset, 1), kAtrAnswer);
+  EXPECT_EQ(slot_.remove(), "");
+  EXPECT_EQ(slot_.insert(), "");
+  events_.letWrites();
+  EXPECT_EQ(event(1), kRemoved);
+  EXPECT_EQ(event(2), kInserted);
+  EXPECT_EQ(event(3), kRemoved);
+  EXPECT_EQ(event(4), kInserted);
+}
+
 TEST_F(Connection, FirstCommandThatDoesNotAskForTheAtr_ReportsTheCard) {
   commands_.give(kReady);
   EXPECT_EQ(event(1), kInserted);
