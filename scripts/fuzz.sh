@@ -36,21 +36,37 @@ findings=$folder/findings
 mkdir -p "$findings"
 make_work
 
-broken=0
-for source in "$ZELTA_ROOT"/fuzz/*_fuzzer.cpp; do
-  name=$(basename "$source" _fuzzer.cpp)
+# fuzz NAME: says what became of it; false if something was found.
+fuzz() {
+  local name=$1 log=$WORK/$1.log
   # New inputs go to the first folder; an announced length must not be taken at its word.
   mkdir "$WORK/$name"
   # An answer that never comes shows as an input that takes too long. Choosing inputs by their
   # entropy would take longer than playing them.
   if "$folder/bin/${name}_fuzzer" -max_total_time="$seconds" -rss_limit_mb=512 -timeout=25 \
     -entropic=0 -artifact_prefix="$findings/${name}-" "$WORK/$name" "$ZELTA_ROOT/fuzz/corpus/$name" \
-    >"$WORK/log" 2>&1; then
-    say "$name: $(grep -E '^Done [0-9]+ runs' "$WORK/log")"
+    >"$log" 2>&1; then
+    say "$name: $(grep -E '^Done [0-9]+ runs' "$log")"
   else
-    tail -n 60 "$WORK/log" >&2
+    tail -n 60 "$log" >&2
     say "$name: broken; the input is in $findings"
-    broken=1
+    return 1
   fi
+}
+
+# As many at a time as there are processors.
+broken=0
+running=0
+for source in "$ZELTA_ROOT"/fuzz/*_fuzzer.cpp; do
+  fuzz "$(basename "$source" _fuzzer.cpp)" &
+  running=$((running + 1))
+  [ "$running" -lt "$(nproc)" ] || {
+    wait -n || broken=1
+    running=$((running - 1))
+  }
+done
+while [ "$running" -gt 0 ]; do
+  wait -n || broken=1
+  running=$((running - 1))
 done
 exit "$broken"
