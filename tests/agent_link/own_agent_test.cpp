@@ -67,14 +67,6 @@ TEST_F(OwnAgent, LateAnswer_IsTakenBackAtTheNextCommand) {
   expectServedAgain();
 }
 
-TEST_F(OwnAgent, LateAnswer_IsNotTakenForTheAtr) {
-  card_.letGo();
-  port_.waitUntilAnswering();
-  EXPECT_EQ(reader().QueryAtr(response_, true), QueryResult::kFailure);
-  EXPECT_NE(response_, heldAnswer(1));
-  expectServedAgain();
-}
-
 TEST_F(OwnAgent, AnswerThatComesAfterTheNextCommand_IsNotWritten) {
   auto next = begin([this] { return transmit(); });
   ASSERT_TRUE(waitUntilStuck());
