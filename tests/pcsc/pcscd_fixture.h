@@ -16,6 +16,7 @@
 #include "tests/doubles/agent/card_agent.h"
 #include "tests/support/mounts_linux.h"
 #include "tests/support/private_pcscd.h"
+#include "tests/support/temp_folder.h"
 
 namespace zelta::test {
 
@@ -159,8 +160,7 @@ class PcscdTest : public testing::Test {
     if (HasFailure()) std::cout << "--- pcscd\n" << pcscd_.log() << PrivatePcscd::driverLog();
   }
 
-  void start(PrivatePcscd::Options options = {}) {
-    if (options.modulePath.empty()) options.modulePath = ZELTA_VSC_MODULE;
+  void start(const PrivatePcscd::Options& options = {}) {
     ASSERT_TRUE(pcscd_.start(options));
     client_.emplace();
   }
@@ -186,6 +186,7 @@ class PcscdTest : public testing::Test {
     EXPECT_LT(end->took, bound);
   }
 
+  const ScopedVariable module_{"ZELTA_MODULE", ZELTA_VSC_MODULE};
   PrivatePcscd pcscd_{ZELTA_HANDLER};
   std::optional<Client> client_;
   CardAgent agent_;

@@ -1,7 +1,5 @@
 // The handler under the real pcscd, with the real driver module and an agent of the test's.
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <future>
 
 #include "contract/wire.h"
@@ -12,7 +10,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 constexpr char kName[] = "FRIENDLYNAME \"Zelta Virtual SmartCard Reader\"\n";
 const std::string kLibrary = std::string("LIBPATH ") + ZELTA_HANDLER + "\n";
@@ -35,16 +32,6 @@ TEST_F(PcscdReaderTest, WithoutAnAgent_IsListedAndEmptyAlsoByItsChannelNumber) {
     client_.reset();
     expectPromptEnd(SIGINT);
   }
-}
-
-TEST_F(PcscdReaderTest, ModuleThatCannotBeLoaded_LeavesNoReaderAndALine) {
-  PrivatePcscd::Options options;
-  options.modulePath = "/nowhere/libzelta_vsc.so";
-  start(options);
-  EXPECT_THAT(client_->readers(), IsEmpty());
-  EXPECT_THAT(pcscd_.log(), HasSubstr("zelta: reader dev0 cannot be had: "));
-  EXPECT_THAT(pcscd_.log(), HasSubstr("/nowhere/libzelta_vsc.so"));
-  expectPromptEnd(SIGINT);
 }
 
 TEST_F(PcscdReaderTest, ConfigurationThatNamesItTwiceAndOthers_LeavesItUsable) {
@@ -147,34 +134,6 @@ TEST_F(PcscdCardTest, LongestCommandAndAnswer_Pass) {
   EXPECT_EQ(client_->transmit(kSelect).result, SCARD_S_SUCCESS);
 }
 
-TEST_F(PcscdCardTest, HundredQuickSwaps_AreEachSeen) {
-  startWithCard();
-  const unsigned begin = client_->state().counter;
-  for (unsigned swap = 1; swap <= 100; ++swap) {
-    const Bytes atr{0x3B, 0x81, 0x01, static_cast<std::uint8_t>(swap),
-                    static_cast<std::uint8_t>(0x81 ^ 0x01 ^ swap)};
-    agent_.swap(atr);
-    const auto now = client_->waitForCounter(true, begin + 2 * swap);
-    ASSERT_TRUE(now.has_value()) << swap;
-    ASSERT_EQ(now->counter, begin + 2 * swap);
-    ASSERT_EQ(now->atr, atr);
-  }
-}
-
-// pcscd itself looks every five seconds.
-TEST_F(PcscdCardTest, LastCardOfABurstOfSwaps_IsSeenSoon) {
-  startWithCard();
-  const Bytes last{0x3B, 0x01, 0x5A};
-  for (int burst = 0; burst < 5; ++burst) {
-    for (int swap = 0; swap < 200; ++swap) agent_.swap();
-    agent_.swap(last);
-    const auto begun = std::chrono::steady_clock::now();
-    ASSERT_TRUE(client_->waitFor(
-        [&](const Client::State& state) { return state.present && state.atr == last; }));
-    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(3)) << burst;
-  }
-}
-
 TEST_F(PcscdCardTest, HundredSwapsUnderAConnectedClient_EachFlagItsHandle) {
   startConnected();
   const unsigned begin = client_->state().counter;
@@ -185,19 +144,6 @@ TEST_F(PcscdCardTest, HundredSwapsUnderAConnectedClient_EachFlagItsHandle) {
     ASSERT_TRUE(now && now->counter == begin + 2 * swap) << swap;
     ASSERT_EQ(client_->transmit(kSelect).result, SCARD_W_REMOVED_CARD) << swap;
     ASSERT_EQ(client_->reconnect(SCARD_LEAVE_CARD), SCARD_S_SUCCESS) << swap;
-  }
-}
-
-TEST_F(PcscdCardTest, AgentThatDiesAndReturns_IsACardThatLeftAndOneThatEntered) {
-  startConnected();
-  for (int i = 0; i < 3; ++i) {
-    agent_.die();
-    ASSERT_TRUE(client_->waitForCard(false).has_value());
-    EXPECT_EQ(client_->transmit(kSelect).result, SCARD_W_REMOVED_CARD);
-    ASSERT_TRUE(agent_.connect());
-    ASSERT_TRUE(client_->waitForCard().has_value());
-    EXPECT_EQ(client_->reconnect(), SCARD_S_SUCCESS);
-    expectUsable();
   }
 }
 
@@ -292,25 +238,6 @@ TEST_F(PcscdRecoveryTest, CardThatIsMuteAfterIdlePowerOff_IsReinsertedOnce) {
   }
 }
 
-TEST_F(PcscdRecoveryTest, CardThatFailsOneResetAndOneCommand_IsReinsertedEachTime) {
-  startConnected();
-  const unsigned before = client_->state().counter;
-  agent_.failResets(1);
-  EXPECT_NE(client_->reconnect(SCARD_RESET_CARD), SCARD_S_SUCCESS);
-  auto back = client_->waitForCounter(true, before + 2);
-  ASSERT_TRUE(back && back->counter == before + 2);
-  EXPECT_EQ(client_->reconnect(SCARD_RESET_CARD), SCARD_S_SUCCESS);
-  expectUsable();
-  agent_.respond([](const Bytes&) { return Bytes(); });
-  EXPECT_EQ(client_->transmit(kSelect).result, SCARD_E_NO_SMARTCARD);
-  agent_.respond(nullptr);
-  back = client_->waitForCounter(true, before + 4);
-  ASSERT_TRUE(back && back->counter == before + 4);
-  EXPECT_EQ(client_->transmit(kSelect).result, SCARD_W_REMOVED_CARD);
-  EXPECT_EQ(client_->reconnect(), SCARD_S_SUCCESS);
-  expectUsable();
-}
-
 // --- The end ---
 
 class PcscdSignalTest : public PcscdTest, public testing::WithParamInterface<int> {};
@@ -358,21 +285,6 @@ TEST_F(PcscdEndTest, NobodyUsesIt_EndsByItself) {
   ASSERT_TRUE(client_->waitForCard().has_value());
   client_.reset();
   expectPromptEnd(SIGALRM);  // what its own alarm would send after a minute
-}
-
-TEST_F(PcscdEndTest, ReaderWhosePipesCannotBeMade_SaysSoAndPcscdEndsPromptly) {
-  const auto blocked = PrivatePcscd::folder() / "pipe" / "ProtectedPrefix";
-  std::filesystem::remove_all(blocked);
-  std::filesystem::create_directories(blocked.parent_path());
-  std::ofstream(blocked) << "no folder";
-  start();
-  EXPECT_TRUE(pcscd_.waitForLog("zelta: reader dev0 does not serve: "));
-  EXPECT_THAT(client_->readers(), ElementsAre(kReaderName));
-  EXPECT_EQ(client_->connect(), SCARD_E_NO_SMARTCARD);
-  client_.reset();
-  expectPromptEnd(SIGINT);
-  EXPECT_EQ(pcscd_.log().find("serves again"), std::string::npos);
-  std::filesystem::remove(blocked);
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <sys/inotify.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -54,17 +53,9 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
   return pointers;
 }
 
-// This process's environment with the module's path, or without one.
-std::vector<std::string> environmentWith(const std::string& modulePath) {
-  const std::string variable = "ZELTA_MODULE=";
+std::vector<std::string> environment() {
   std::vector<std::string> variables;
   for (char** each = environ; *each != nullptr; ++each) variables.emplace_back(*each);
-  variables.erase(std::remove_if(variables.begin(), variables.end(),
-                                 [&](const std::string& each) {
-                                   return each.compare(0, variable.size(), variable) == 0;
-                                 }),
-                  variables.end());
-  if (!modulePath.empty()) variables.push_back(variable + modulePath);
 #ifdef ZELTA_PCSCD_PRELOAD
   variables.emplace_back("PCSCD_PRELOAD=" ZELTA_PCSCD_PRELOAD);
   // pcscd's own leaks are not ours to report.
@@ -117,7 +108,7 @@ bool PrivatePcscd::start(const Options& options) {
 bool PrivatePcscd::spawn(const Options& options) {
   std::vector<std::string> words{ZELTA_PRIVATE_PCSCD_SCRIPT, folder().string(), handlerPath_};
   words.insert(words.end(), options.arguments.begin(), options.arguments.end());
-  std::vector<std::string> variables = environmentWith(options.modulePath);
+  std::vector<std::string> variables = environment();
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
@@ -170,14 +161,6 @@ std::optional<PrivatePcscd::End> PrivatePcscd::end(int number) {
 bool PrivatePcscd::waitForEnd(milliseconds limit) const {
   pollfd state{processEnd_.get(), POLLIN, 0};
   return poll(&state, 1, static_cast<int>(limit.count())) > 0;
-}
-
-bool PrivatePcscd::waitForLog(const std::string& text) const {
-  const auto begun = Clock::now();
-  while (log().find(text) == std::string::npos) {
-    if (Clock::now() - begun > kLimit || waitForEnd(milliseconds(20))) return false;
-  }
-  return true;
 }
 
 std::string PrivatePcscd::log() const {

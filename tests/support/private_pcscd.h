@@ -27,8 +27,6 @@ class PrivatePcscd {
     std::vector<std::string> arguments = {"--info"};
     // The reader configuration; empty: the reader and nothing else.
     std::string readerConfiguration;
-    // Empty: the handler's choice.
-    std::string modulePath;
   };
   // How it ended.
   struct End {
@@ -52,8 +50,6 @@ class PrivatePcscd {
 
   // What it has printed since its start.
   std::string log() const;
-  // Waits until it has printed that; false if it has not by the limit or has ended.
-  bool waitForLog(const std::string& text) const;
   // The driver's log files of all instances so far, each after its name.
   static std::string driverLog();
   static const std::filesystem::path& folder();
