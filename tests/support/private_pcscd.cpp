@@ -6,12 +6,9 @@
 #include <sys/inotify.h>
 #include <sys/wait.h>
 
-#include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
-#include <utility>
 
 #include "tests/support/temp_folder.h"
 

@@ -1,6 +1,5 @@
 // Parallel dispatch from the framework's side, with cancellation racing completion and shutdown.
 // The framework's double complains if a request is not completed exactly once, or touched after.
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -44,45 +43,6 @@ class DispatchRace : public test::DeviceFixture {
     ASSERT_TRUE(first.completed() && second.completed());
   }
 };
-
-TEST_F(DispatchRace, CancelRacingTheEvent_CompletesTheRequestOnce) {
-  for (int round = 0; round < repetitions(2000); ++round) {
-    log_.clear();
-    const bool insert = round % 2 == 0;
-    story_.checkResult = insert ? QueryResult::kFailure : QueryResult::kSuccess;
-    FakeWdfRequest& request = make(insert ? IOCTL_SMARTCARD_IS_PRESENT : IOCTL_SMARTCARD_IS_ABSENT);
-    std::thread canceller([&] { request.cancel(); });
-    std::thread agent(
-        [&] { completeWaiting(insert ? CardEvent::kInserted : CardEvent::kRemoved, 0); });
-    framework_.dispatch(request);
-    canceller.join();
-    agent.join();
-    ASSERT_TRUE(request.completed());
-    ASSERT_EQ(request.driversReferencesInAll(), 0);
-  }
-}
-
-TEST_F(DispatchRace, AllControlsAtOnce_AreCompletedAndLeaveNothingWaiting) {
-  constexpr std::array kCodes = {
-      IOCTL_SMARTCARD_GET_ATTRIBUTE, IOCTL_SMARTCARD_IS_PRESENT, IOCTL_SMARTCARD_GET_STATE,
-      IOCTL_SMARTCARD_IS_ABSENT,     IOCTL_SMARTCARD_POWER,      IOCTL_SMARTCARD_SET_ATTRIBUTE,
-      IOCTL_SMARTCARD_SET_PROTOCOL,  IOCTL_SMARTCARD_TRANSMIT,   IOCTL_SMARTCARD_EJECT};
-  std::vector<std::thread> threads;
-  for (unsigned thread = 0; thread < 4; ++thread) {
-    threads.emplace_back([&, thread] {
-      for (unsigned i = 0; i < 400; ++i) {
-        story_.checkResult = i % 2 == 0 ? QueryResult::kFailure : QueryResult::kSuccess;
-        FakeWdfRequest& request = framework_.dispatch(
-            {kCodes[(i + thread) % kCodes.size()], Bytes{1, 0, 0, 0, 8, 0, 0, 0, 0, 0xA4}, 64});
-        request.cancel();
-        EXPECT_TRUE(request.completed());
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_FALSE(reader_->waiting().any(CardEvent::kInserted));
-  EXPECT_FALSE(reader_->waiting().any(CardEvent::kRemoved));
-}
 
 // Whoever has got in stays until the exchanges are ended, and comes in before, during or after
 // that.
