@@ -1,7 +1,6 @@
 // The driver, its agent and their hosts as processes of their own: they crash, end and are started
-// again, and the administrator changes the registry meanwhile.
+// again.
 #include <fstream>
-#include <functional>
 
 #include "tests/module/hosted_module.h"
 #include "tests/module/programs.h"
@@ -31,16 +30,6 @@ class AgentProcessTest : public HostedModuleTest {
   static void expectSuccess(host::IoOperation& operation) {
     ASSERT_TRUE(operation.wait(kLong));
     EXPECT_EQ(operation.result().status, status::kSuccess);
-  }
-  // Asks again and again: nobody tells when a thread of the driver's has taken note of a change.
-  static bool until(const std::function<bool()>& condition,
-                    std::chrono::milliseconds limit = kLong) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-      if (std::chrono::steady_clock::now() > end) return false;
-      std::this_thread::sleep_for(50ms);
-    }
-    return true;
   }
 };
 
@@ -73,47 +62,6 @@ TEST_F(AgentProcessTest, AgentThatCrashesInsideATransmit_EndsIt) {
   startAgent();
 }
 
-TEST_F(AgentProcessTest, PolicyThatChanges_IsFollowedWhileTheDriverRuns) {
-  const auto countAfter = [this](const std::string& text) {
-    const std::size_t before = world_.countInLog(text);
-    state();
-    return world_.countInLog(text) - before;
-  };
-  const std::string info = "[GSTA]IOCTL_SMARTCARD_GET_STATE";
-  const std::string debug = "Start section:CMyDevice::ProcessIoControl";
-  EXPECT_EQ(countAfter(info), 1u);
-  EXPECT_EQ(countAfter(debug), 1u);
-  world_.setPolicy(0);
-  EXPECT_TRUE(until([&] { return countAfter(info) == 0; }));
-  EXPECT_EQ(countAfter(debug), 0u);
-  world_.setPolicy(2);
-  EXPECT_TRUE(until([&] { return countAfter(info) == 1; }));
-  EXPECT_EQ(countAfter(debug), 0u);
-  world_.setPolicy(3);
-  EXPECT_TRUE(until([&] { return countAfter(debug) == 1; }));
-}
-
-TEST_F(AgentProcessTest, RotationTimeThatChanges_IsFollowedWhileTheDriverRuns) {
-  end();
-  world_.setRotationTime("60");
-  bringUp();
-  const auto shows = [this](const std::string& text) { return world_.countInLog(text) == 1; };
-  EXPECT_TRUE(until([&] { return shows("Setting log rotation time to: 60 mins"); }));
-  // Another one each time: a change from before the driver watches again may go unnoticed.
-  int minutes = 100;
-  EXPECT_TRUE(until([&] {
-    const std::string text = std::to_string(++minutes);
-    world_.setRotationTime(text);
-    return until([&] { return shows("Setting log rotation time to: " + text + " mins"); }, 2s);
-  }));
-  EXPECT_TRUE(until([&] {
-    const std::string text = "never" + std::to_string(++minutes);
-    world_.setRotationTime(text);
-    return until([&] { return shows("Invalid log rotation time obtained (\"" + text + "\")."); },
-                 2s);
-  }));
-}
-
 // The driver in a host of its own, which ends without asking it.
 class HostProcessTest : public ::testing::Test {
  protected:
@@ -139,13 +87,6 @@ TEST_F(HostProcessTest, ExitUnderADriverThatIsUp_EndsWithTheExitCode) {
   serve(next);
 }
 
-TEST_F(HostProcessTest, ExitUnderADriverThatHasNoAgent_EndsWithTheExitCode) {
-  HostProgram host;
-  ASSERT_TRUE(host.submit(IOCTL_SMARTCARD_IS_PRESENT));
-  host.askToExit(43);
-  EXPECT_EQ(host.wait(), 43);
-}
-
 TEST_F(HostProcessTest, HostThatCrashed_LeavesItsPipesAndItsAgentToTheNext) {
   HostProgram first;
   serve(first);
@@ -160,15 +101,13 @@ TEST_F(HostProcessTest, HostThatCrashed_LeavesItsPipesAndItsAgentToTheNext) {
 class CommandLineTest : public ::testing::Test {
  protected:
   CommandLineTest() {
-    std::ofstream(folder_.file("card.txt"))
-        << "atr 3B 95 13 81 01 80 73 FF 01 00\n"
-           "command 00 A4 04 00 * -> 61 10\n"
-           "command 00 B0 ?? ?? 00 -> fill 256\n"
-           "command 80 20 * -> echo\n"
-           "command 80 30 -> 90 00\n"
-           "on 80 30 remove after 100ms\n"
-           "on 80 30 insert after 1500ms\n"
-           "command 80 40 -> 90 00 after 20s  # later than agent and driver wait\n";
+    std::ofstream(folder_.file("card.txt")) << "atr 3B 95 13 81 01 80 73 FF 01 00\n"
+                                               "command 00 A4 04 00 * -> 61 10\n"
+                                               "command 00 B0 ?? ?? 00 -> fill 256\n"
+                                               "command 80 20 * -> echo\n"
+                                               "command 80 30 -> 90 00\n"
+                                               "on 80 30 remove after 100ms\n"
+                                               "on 80 30 insert after 1500ms\n";
   }
 
   std::unique_ptr<ChildProcess> startAgent() const {
@@ -222,41 +161,6 @@ TEST_F(CommandLineTest, AgentThatIsThereBeforeAnybodyAsks_Serves) {
   const auto agent = startAgent();
   ASSERT_TRUE(awaitCard(host));
   expectCard(host);
-}
-
-TEST_F(CommandLineTest, CardThatIsTooSlow_CostsItsCommandOnly) {
-  HostProgram host;
-  ASSERT_TRUE(awaitCard(host));
-  const auto agent = startAgent();
-  expectCard(host);
-  // The agent answers in its stead before the driver gives up.
-  EXPECT_EQ(host.transmit({0x80, 0x40}), "6F00");
-  EXPECT_EQ(world_.countInLog("[QueryTransmit]Timeout"), 0u);
-}
-
-TEST_F(CommandLineTest, AgentThatIsStartedAgain_ServesTheSameHost) {
-  HostProgram host;
-  for (int round = 0; round < 3; ++round) {
-    ASSERT_TRUE(awaitCard(host));
-    const auto agent = startAgent();
-    expectCard(host);
-    ASSERT_TRUE(host.submit(IOCTL_SMARTCARD_IS_ABSENT));
-    agent->kill();
-    expectRemoval(host);
-  }
-}
-
-TEST_F(CommandLineTest, HostThatIsStartedAgain_IsServedByTheSameAgent) {
-  std::unique_ptr<ChildProcess> agent;
-  for (int round = 0; round < 3; ++round) {
-    HostProgram host;
-    ASSERT_TRUE(awaitCard(host));
-    if (!agent) agent = startAgent();
-    ASSERT_THAT(host.result(), StartsWith(HostProgram::kDone));
-    EXPECT_EQ(host.reset(), CardAgent::atrOfT1());
-    host.askToExit(0);
-    EXPECT_EQ(host.wait(), 0);
-  }
 }
 
 }  // namespace
