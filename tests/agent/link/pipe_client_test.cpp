@@ -187,7 +187,9 @@ TEST_P(FullEventPipe, PostThatTimedOut_HandsOverNothingAndMayBeRepeated) {
   EXPECT_EQ(repeated.get(), IoResult::kDone);
 }
 
-INSTANTIATE_TEST_SUITE_P(Shifts, FullEventPipe, testing::Range(0, 4));
+INSTANTIATE_TEST_SUITE_P(Shifts, FullEventPipe, testing::Range(0, 4), [](const auto& each) {
+  return "After" + std::to_string(each.param) + "Bytes";
+});
 
 TEST_F(ConnectedPipes, ReadAndPosts_RunAtTheSameTime) {
   auto read = readEventPipe();

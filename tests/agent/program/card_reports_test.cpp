@@ -44,18 +44,6 @@ TEST_F(AgentTest, Grace_DoesNotBeginBeforeTheDriverListensForEvents) {
   EXPECT_EQ(driver.readEvent(), kRemoved);
 }
 
-TEST_F(AgentTest, HundredsOfSwaps_AreReportedInTurns) {
-  DriverEnd driver;
-  RunningAgent agent(card_);
-  expectServed(driver);
-  for (int swap = 0; swap < 300; ++swap) {
-    ASSERT_EQ(agent.agent().removeCard(), "");
-    ASSERT_EQ(agent.agent().insertCard(), "");
-    ASSERT_EQ(driver.readEvent(), kRemoved);
-    ASSERT_EQ(driver.readEvent(), kInserted);
-  }
-}
-
 TEST_F(AgentTest, SwapsQuickerThanTheDriverReads_AreReportedInTurnsToTheLast) {
   DriverEnd driver;
   RunningAgent agent(card_);
