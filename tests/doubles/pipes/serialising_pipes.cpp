@@ -1,7 +1,6 @@
 #include "tests/doubles/pipes/serialising_pipes.h"
 
 #include <algorithm>
-#include <utility>
 
 #include "platform/process/error.h"
 
