@@ -1,8 +1,12 @@
-// The driver, its agent and their hosts as processes of their own: they crash, end and are started
-// again.
+// The driver's host and the agent's program as processes of their own: they crash, end and are
+// started again.
+#include <gmock/gmock.h>
+
 #include <fstream>
 
-#include "tests/module/hosted_module.h"
+#include "contract/io_controls.h"
+#include "contract/reader_states.h"
+#include "tests/module/module_world.h"
 #include "tests/module/programs.h"
 #include "tests/support/system.h"
 #include "tests/support/temp_folder.h"
@@ -14,93 +18,10 @@ using ::testing::StartsWith;
 
 constexpr char kSession[] = "12345678-9abc-def0-1234-56789abcdef0";
 
-// The driver here, its agent in another process.
-class AgentProcessTest : public HostedModuleTest {
+// The agent is started as its user does it, with a scripted card.
+class ProcessesTest : public ::testing::Test {
  protected:
-  // An agent that serves the driver with a card, which works.
-  std::unique_ptr<AgentProgram> startAgent() {
-    auto agent = std::make_unique<AgentProgram>();
-    const auto insertion = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
-    EXPECT_TRUE(agent->does("connect"));
-    EXPECT_TRUE(insertion->wait(kLong));
-    powerCard();
-    EXPECT_EQ(transmit({0x00, 0xB0, 0x01}), CardAgent::responseTo({0x00, 0xB0, 0x01}));
-    return agent;
-  }
-  static void expectSuccess(host::IoOperation& operation) {
-    ASSERT_TRUE(operation.wait(kLong));
-    EXPECT_EQ(operation.result().status, status::kSuccess);
-  }
-};
-
-TEST_F(AgentProcessTest, AgentThatCrashes_TakesItsCardAlongAndAnotherBringsItBack) {
-  for (int round = 0; round < 3; ++round) {
-    const auto agent = startAgent();
-    const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
-    agent->crash();
-    expectSuccess(*removal);
-    EXPECT_EQ(state(), SCARD_ABSENT);
-  }
-}
-
-TEST_F(AgentProcessTest, AgentThatCrashesInsideATransmit_EndsIt) {
-  const auto agent = startAgent();
-  ASSERT_TRUE(agent->does("mute"));
-  const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
-  auto transmit =
-      controlOnThread(IOCTL_SMARTCARD_TRANSMIT, transmitBuffer(SCARD_PROTOCOL_T1, {1, 2, 3}), 64);
-  ASSERT_TRUE(agent->does("transmits 2"));
-  agent->crash();
-  expectSuccess(*removal);
-  const host::IoResult result = transmit.get();
-  if (result.status == status::kSuccess) {
-    // The loss was noticed first: the card counts as removed.
-    EXPECT_EQ(result.output, transmitBuffer(SCARD_PROTOCOL_T1, {0x69, 0x01}));
-  } else {
-    EXPECT_EQ(result.status, status::kNoMedia);
-  }
-  startAgent();
-}
-
-// The driver in a host of its own, which ends without asking it.
-class HostProcessTest : public ::testing::Test {
- protected:
-  // The agent serves that host and its card is in; a request for its removal waits.
-  void serve(HostProgram& host) {
-    ASSERT_TRUE(host.submit(IOCTL_SMARTCARD_IS_PRESENT));
-    ASSERT_TRUE(agent_.does("connect"));
-    ASSERT_THAT(host.result(), StartsWith(HostProgram::kDone));
-    EXPECT_EQ(host.reset(), CardAgent::atrOfT1());
-    ASSERT_TRUE(host.submit(IOCTL_SMARTCARD_IS_ABSENT));
-  }
-
-  ModuleWorld world_;
-  AgentProgram agent_;
-};
-
-TEST_F(HostProcessTest, ExitUnderADriverThatIsUp_EndsWithTheExitCode) {
-  HostProgram first;
-  serve(first);
-  first.askToExit(42);
-  EXPECT_EQ(first.wait(), 42);
-  HostProgram next;
-  serve(next);
-}
-
-TEST_F(HostProcessTest, HostThatCrashed_LeavesItsPipesAndItsAgentToTheNext) {
-  HostProgram first;
-  serve(first);
-  first.kill();
-  EXPECT_EQ(first.wait(), ChildProcess::kKilled);
-  HostProgram next;
-  serve(next);
-  EXPECT_TRUE(next.down());
-}
-
-// The agent's program as its user starts it, with a scripted card.
-class CommandLineTest : public ::testing::Test {
- protected:
-  CommandLineTest() {
+  ProcessesTest() {
     std::ofstream(folder_.file("card.txt")) << "atr 3B 95 13 81 01 80 73 FF 01 00\n"
                                                "command 00 A4 04 00 * -> 61 10\n"
                                                "command 00 B0 ?? ?? 00 -> fill 256\n"
@@ -119,13 +40,14 @@ class CommandLineTest : public ::testing::Test {
     return agent;
   }
   static bool awaitCard(HostProgram& host) { return host.submit(IOCTL_SMARTCARD_IS_PRESENT); }
-  // The card that is awaited comes and is made ready.
+  // The card that is awaited comes and is made ready; a request for its removal waits.
   static void expectCard(HostProgram& host) {
     ASSERT_THAT(host.result(), StartsWith(HostProgram::kDone));
     EXPECT_EQ(host.reset(), CardAgent::atrOfT1());
     EXPECT_EQ(host.control(IOCTL_SMARTCARD_SET_PROTOCOL, numberBytes(SCARD_PROTOCOL_T1)),
               HostProgram::kDone);
     EXPECT_EQ(host.transmit({0x80, 0x20, 0x01}), "8020019000");
+    ASSERT_TRUE(host.submit(IOCTL_SMARTCARD_IS_ABSENT));
   }
   static void expectRemoval(HostProgram& host) {
     ASSERT_THAT(host.result(), StartsWith(HostProgram::kDone));
@@ -137,7 +59,7 @@ class CommandLineTest : public ::testing::Test {
   const TempFolder folder_;
 };
 
-TEST_F(CommandLineTest, CardOfTheScript_WorksComesAndGoes) {
+TEST_F(ProcessesTest, CardOfTheScript_WorksComesAndGoes) {
   HostProgram host;
   ASSERT_TRUE(awaitCard(host));
   const auto agent = startAgent();
@@ -145,7 +67,6 @@ TEST_F(CommandLineTest, CardOfTheScript_WorksComesAndGoes) {
   EXPECT_EQ(host.transmit({0x00, 0xA4, 0x04, 0x00, 0x01, 0xA0}), "6110");
   EXPECT_EQ(host.transmit({0x00, 0xB0, 0x00, 0x00, 0x00}).size(), 2u * 258);
   EXPECT_EQ(host.transmit({0x00, 0x01}), "6D00");
-  ASSERT_TRUE(host.submit(IOCTL_SMARTCARD_IS_ABSENT));
   EXPECT_EQ(host.transmit({0x80, 0x30}), "9000");
   expectRemoval(host);
   ASSERT_TRUE(awaitCard(host));
@@ -156,11 +77,43 @@ TEST_F(CommandLineTest, CardOfTheScript_WorksComesAndGoes) {
 
 // The agent opens the pipes at about the time of the request, which it cannot see: it says
 // "Connected" when the driver has taken something.
-TEST_F(CommandLineTest, AgentThatIsThereBeforeAnybodyAsks_Serves) {
+TEST_F(ProcessesTest, AgentThatIsThereBeforeAnybodyAsks_Serves) {
   HostProgram host;
   const auto agent = startAgent();
   ASSERT_TRUE(awaitCard(host));
   expectCard(host);
+}
+
+TEST_F(ProcessesTest, AgentThatCrashes_TakesItsCardAlongAndTheNextBringsItBack) {
+  HostProgram host;
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_TRUE(awaitCard(host));
+    const auto agent = startAgent();
+    expectCard(host);
+    agent->kill();
+    expectRemoval(host);
+  }
+}
+
+TEST_F(ProcessesTest, ExitUnderADriverThatIsUp_EndsWithTheExitCode) {
+  HostProgram host;
+  ASSERT_TRUE(awaitCard(host));
+  const auto agent = startAgent();
+  expectCard(host);
+  host.askToExit(42);
+  EXPECT_EQ(host.wait(), 42);
+}
+
+TEST_F(ProcessesTest, HostThatCrashed_LeavesItsPipesAndItsAgentToTheNext) {
+  std::unique_ptr<ChildProcess> agent;
+  for (int round = 0; round < 2; ++round) {
+    HostProgram host;
+    ASSERT_TRUE(awaitCard(host));
+    if (!agent) agent = startAgent();
+    expectCard(host);
+    host.kill();
+    EXPECT_EQ(host.wait(), ChildProcess::kKilled);
+  }
 }
 
 }  // namespace

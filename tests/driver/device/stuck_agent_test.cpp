@@ -10,6 +10,7 @@
 #include "platform/process/error.h"
 #include "tests/doubles/pipes/serialising_pipes.h"
 #include "tests/driver/device/device_fixture.h"
+#include "tests/support/numbers.h"
 
 namespace zelta {
 namespace {
@@ -17,14 +18,8 @@ namespace {
 using namespace std::chrono_literals;
 using test::error;
 using test::FakeWdfRequest;
+using test::number;
 using test::SerialisingPipes;
-
-Bytes number(std::uint32_t value, const Bytes& tail = {}) {
-  Bytes bytes = tail;
-  const auto front = toLittleEndian(value);
-  bytes.insert(bytes.begin(), front.begin(), front.end());
-  return bytes;
-}
 
 const Bytes kTransmit = number(0, number(8, {0, 0xA4, 4, 0}));
 
@@ -124,10 +119,7 @@ TEST_F(StuckAgent, RequestWhoseAnswerIsThere_IsCompletedBeforeAnInsertionAsks) {
   test::RequestSetup setup{0, kTransmit, 64};
   setup.onOutput = [this] {
     std::this_thread::sleep_for(50ms);  // time in which the insertion could ask
-    EXPECT_TRUE(pipes_.waitForClient(command_, [](const SerialisingPipes::Unread& unread) {
-      EXPECT_EQ(unread.byClient, 0u);
-      return true;
-    }));
+    EXPECT_EQ(pipes_.unread(command_), 0u);
   };
   auto transmit =
       std::async(std::launch::async, [&] { return &send(IOCTL_SMARTCARD_TRANSMIT, setup); });

@@ -70,20 +70,6 @@ TEST_F(SerialisingPipesTest, Cancel_DoesNotReachACallThatWaitsForItsTurn) {
   EXPECT_EQ(second.outcome(), kPipeOk);
 }
 
-TEST_F(SerialisingPipesTest, PipeWithABuffer_TakesAWriteAtOnceAndFlushWaits) {
-  pipes_.bufferWrites(2);
-  PipeHandleValue pipe = platform::noPipe();
-  PipeCallThread connecting([&] { return pipes_.connect(pipe = pipes_.create("second", {})); });
-  ASSERT_TRUE(pipes_.waitUntilQueued("second")) << "can be waited for before it is created";
-  const Client client = pipes_.connectClient("second");
-  EXPECT_EQ(connecting.outcome(), kPipeOk);
-  EXPECT_TRUE(pipes_.write(pipe, "ab", 2));
-  PipeCallThread flushing([&] { return pipes_.flush(pipe); });
-  ASSERT_TRUE(pipes_.waitUntilQueued(pipe));
-  EXPECT_EQ(pipes_.clientRead(client, 2), (Bytes{'a', 'b'}));
-  EXPECT_EQ(flushing.outcome(), kPipeOk);
-}
-
 }  // namespace
 
 }  // namespace zelta::test
