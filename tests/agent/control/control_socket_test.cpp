@@ -146,11 +146,6 @@ TEST_F(ControlSocket, ClientThatSaysNothing_DoesNotHoldUpTheEnd) {
   EXPECT_EQ(readAll(client), "");
 }
 
-TEST_F(ControlSocket, FirstPathWithAnAgent_IsAsked) {
-  const auto server = openControlServer(path_, echo, test::failTest);
-  EXPECT_EQ(askAgent({folder_.file("none"), path_}, "x\n"), "<x>");
-}
-
 TEST_F(ControlSocket, Link_LeadsToTheSocketAndGoesWithTheServer) {
   const std::string link = folder_.file("other/link");
   {

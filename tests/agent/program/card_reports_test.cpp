@@ -22,16 +22,6 @@ TEST_F(AgentTest, CardPulledBetweenConnections_IsNotReported) {
   EXPECT_EQ(driver.readEvent(), kInserted);
 }
 
-TEST_F(AgentTest, EveryConnection_LearnsOfTheCardAnew) {
-  DriverEnd driver;
-  RunningAgent agent(card_);
-  expectServed(driver);
-  driver.disconnect();
-  driver.acceptSession();
-  EXPECT_TRUE(driver.notifyReady());
-  EXPECT_EQ(driver.readEvent(), kInserted);
-}
-
 TEST_F(AgentTest, Grace_DoesNotBeginBeforeTheDriverListensForEvents) {
   agent::Timing timing = patientTiming();
   timing.grace = std::chrono::milliseconds(0);
