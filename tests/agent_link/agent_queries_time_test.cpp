@@ -171,35 +171,6 @@ TEST_F(BoundedWaits, TimeOutThatComesJustBeforeACall_EndsIt) {
   EXPECT_TRUE(log_.contains(error(platform::error::kNotFound, kFailed)));
 }
 
-TEST_F(BoundedWaits, NotificationThatIsNotRead_HoldsUpNobodyForEver) {
-  connect(300ms);
-  FakeRequest& select = makeRequest(number(SCARD_PROTOCOL_T0));
-  auto selecting = dispatch(&Reader::IoSmartCardSetProtocol, select);
-  answerAtr(AgentCommand::kQueryAtrReset);
-  ASSERT_TRUE(log_.waitFor("PROTOCOL SET: T0"));
-  ASSERT_TRUE(waitUntilStuck());
-  FakeRequest& reset = makeRequest(number(SCARD_COLD_RESET));
-  FakeRequest& present = makeRequest();
-  auto resetting = dispatch(&Reader::IoSmartCardPower, reset);
-  Bytes response;
-  auto transmitting = begin([&] { return queryTransmit({0, 1}, response); });
-  auto asking = dispatch(&Reader::IoSmartCardIsPresent, present);
-  auto cancelling = begin([&] { present.cancel(); });
-  EXPECT_TRUE(isReady(resetting)) << "the reset hangs";
-  EXPECT_TRUE(isReady(transmitting)) << "the transmit hangs";
-  EXPECT_TRUE(isReady(asking)) << "the presence request hangs";
-  EXPECT_TRUE(isReady(cancelling)) << "the cancel hangs";
-  EXPECT_TRUE(isReady(selecting)) << "the notification hangs";
-  reader().endExchanges();  // for one that hangs
-  resetting.get();
-  asking.get();
-  EXPECT_EQ(transmitting.get(), QueryResult::kTimeout);
-  EXPECT_EQ(select.status(), kSucceeded);
-  EXPECT_EQ(reset.status(), kNoMedia);
-  EXPECT_EQ(present.status(), kCancelled);
-  EXPECT_EQ(log_.count("Failed to send ready notification"), 1u);
-}
-
 // One asks, one has the next turn, and a card is inserted meanwhile, whose ATR is asked for with
 // the device lock held.
 TEST_F(BoundedWaits, QueuedQueriesOfASilentAgent_AreAllDoneWithinTwiceTheLimit) {

@@ -71,15 +71,6 @@ class CancelablePipeTest : public ::testing::Test {
   CancelablePipe pipe_{"test", "pipe"};
 };
 
-TEST_F(CancelablePipeTest, TheCallsResultAndLastErrorComeBack) {
-  EXPECT_TRUE(pipe_.run(pipe_.epoch(), [] { return true; }));
-  EXPECT_FALSE(pipe_.run(pipe_.epoch(), [] {
-    platform::setLastError(109);
-    return false;
-  }));
-  EXPECT_EQ(platform::lastError(), 109u);
-}
-
 TEST_F(CancelablePipeTest, ExchangesAreRefusedUntilAClientWasAccepted) {
   for (const std::uint32_t accepted : {0u, 535u, 997u}) {
     CancelablePipe pipe("test", "other");
@@ -220,11 +211,6 @@ TEST_F(CancelablePipeTest, StoppingAloneEndsNoCallAndDisconnectingThenDoes) {
   EXPECT_EQ(read.get(), kAborted);
 }
 
-TEST_F(CancelablePipeTest, EndOfExchangesWithNoneInFlightCancelsNothing) {
-  pipe_.endExchanges();
-  EXPECT_EQ(cancels(), 0u);
-}
-
 TEST_F(CancelablePipeTest, EndOfExchangesRefusesTheOnesBegunBeforeAndTheLaterOnesForGood) {
   const Epoch before = pipe_.epoch();
   pipe_.endExchanges();
@@ -241,13 +227,6 @@ TEST_F(CancelablePipeTest, EndOfExchangesLeavesAWaitForAClientAlone) {
   EXPECT_EQ(cancels(), 0u);
   EXPECT_TRUE(pipe_.cancelCalls());
   EXPECT_EQ(connect.get(), kAborted);
-}
-
-TEST_F(CancelablePipeTest, EndOfExchangesEndsABlockedCall) {
-  auto read = beginRead();
-  ASSERT_TRUE(scripted_.waitUntilBlocked("pipe"));
-  pipe_.endExchanges();
-  EXPECT_EQ(read.get(), kAborted);
 }
 
 TEST_F(CancelablePipeTest, EndOfExchangesEndsACallInTheGapBeforeItBlocks) {

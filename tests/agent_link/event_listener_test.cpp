@@ -51,12 +51,6 @@ TEST_F(EventListenerTest, TwoEventsInOneWrite_AreHandledInOrder) {
   EXPECT_EQ(cards, (Records{info("Card inserted"), info("Card removed")}));
 }
 
-TEST_F(EventListenerTest, EventInPieces_IsOneEvent) {
-  connectWithoutCard();
-  for (const std::uint8_t byte : number(9)) ASSERT_TRUE(agent_.events().write(Bytes{byte}));
-  EXPECT_TRUE(log_.waitFor("Unknown event received:9"));
-}
-
 TEST_F(EventListenerTest, SessionLogId_GoesToTheLoggerByteByByte) {
   connectWithoutCard();
   std::string everyByte;
@@ -97,16 +91,6 @@ TEST_F(EventListenerTest, LongerSessionLogId_IsAnErrorAndTheNextEventIsHandled) 
               "Session log ID size is " + std::to_string(size) + ". Session log ID not set")));
     EXPECT_EQ(log_.errors().size(), 2u) << "this one and the unknown event after it";
   }
-  EXPECT_TRUE(log_.sessionIds().empty());
-}
-
-TEST_F(EventListenerTest, AgentThatDiesWithinALongSessionLogId_IsNoticed) {
-  connectWithoutCard();
-  log_.clear();
-  ASSERT_TRUE(agent_.events().write(number(2, number(2048, {'a', 'b'}))));
-  agent_.die();
-  ASSERT_TRUE(log_.waitFor("Event named pipe read error"));
-  EXPECT_EQ(log_.contains(error(kBroken, "Failed to read session log id")), kReadsWaitForAllBytes);
   EXPECT_TRUE(log_.sessionIds().empty());
 }
 

@@ -28,12 +28,6 @@ class ExchangeTurnTest : public ::testing::Test {
   std::optional<ExchangeTurn::Holder> held_;
 };
 
-TEST_F(ExchangeTurnTest, HeldByNobody_IsTakenAtOnce) {
-  take();
-  giveUp();
-  take();
-}
-
 TEST_F(ExchangeTurnTest, HeldByAnother_IsWaitedFor) {
   take();
   std::atomic<bool> gaveUp{false};

@@ -89,14 +89,4 @@ void LinkTest::makeCardPresent() {
   ASSERT_EQ(reader().state(), SCARD_SWALLOWED);
 }
 
-std::string hex(const std::vector<std::uint8_t>& bytes) {
-  constexpr char kDigits[] = "0123456789ABCDEF";
-  std::string text;
-  for (const std::uint8_t byte : bytes) {
-    text += kDigits[byte >> 4];
-    text += kDigits[byte & 0x0F];
-  }
-  return text;
-}
-
 }  // namespace zelta::test

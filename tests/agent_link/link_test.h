@@ -76,6 +76,4 @@ class LinkTest : public ::testing::Test {
   std::unique_ptr<PipeReader> reader_;
 };
 
-std::string hex(const std::vector<std::uint8_t>& bytes);
-
 }  // namespace zelta::test

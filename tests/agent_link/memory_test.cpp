@@ -15,12 +15,10 @@ namespace {
 
 constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
 std::atomic<std::size_t> largestBlock{kNoLimit};  // bytes
-std::atomic<std::size_t> largestAsked{0};         // bytes
 
 }  // namespace
 
 void* operator new(std::size_t size) {
-  if (size > largestAsked) largestAsked = size;
   void* const block = size > largestBlock ? nullptr : std::malloc(size);
   if (block == nullptr) throw std::bad_alloc();
   return block;
@@ -125,16 +123,6 @@ TEST_F(Memory, AnnouncedLengthIsNotTakenAtItsWord) {
   EXPECT_EQ(log_.records(),
             Records{error(platform::error::kBrokenPipe, "[QueryATR]Failed to read ATR data")});
   EXPECT_EQ(bytes_.size(), PipeStream::kReadBlock);
-}
-
-// Reserving it would take 4 GiB of what Windows counts as used.
-TEST_F(Memory, AnnouncedLengthOfNoCard_IsNotReserved) {
-  startAccepted();
-  pipes_.fail(PipeCallKind::kRead, platform::error::kBrokenPipe, 2, 1);
-  agentAnswers(number(kAnnounced));
-  largestAsked = 0;
-  EXPECT_EQ(reader().QueryAtr(bytes_, true), QueryResult::kFailure);
-  EXPECT_LE(largestAsked, PipeStream::kReadBlock);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 // like it if the caller has no room for it.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -65,8 +64,6 @@ class PeakMemory : public LinkTest {
     for (std::size_t i = 0; i < kBlocks; ++i) ASSERT_TRUE(agent_.command().write(block_));
   }
 
-  std::atomic<bool> atrIsLong_{false};
-
  private:
   void serve() {
     PipeClient& pipe = agent_.command();
@@ -79,11 +76,7 @@ class PeakMemory : public LinkTest {
         case AgentCommand::kNotifyCardReady:
           break;
         default:
-          if (atrIsLong_) {
-            sendLong();
-          } else {
-            pipe.write(number(2, CardAgent::atrOfT0()));
-          }
+          pipe.write(number(2, CardAgent::atrOfT0()));
       }
     }
   }
@@ -99,17 +92,6 @@ TEST_F(PeakMemory, LongResponse_IsHeldOnce) {
   EXPECT_EQ(reader().QueryTransmit({0, 1, 2, 3}, response), QueryResult::kSuccess);
   EXPECT_EQ(response.size(), kLarge);
   EXPECT_EQ(response.data()[kLarge - 1], 0x5A);
-  EXPECT_GT(growth.bytes(), kLarge / 2);
-  EXPECT_LT(growth.bytes(), kLarge + kLarge / 2);
-}
-
-TEST_F(PeakMemory, LongAtr_IsHeldOnce) {
-  atrIsLong_ = true;
-  Bytes atr;
-  const PeakGrowth growth;
-  EXPECT_EQ(reader().QueryAtr(atr, true), QueryResult::kSuccess);
-  EXPECT_EQ(atr.size(), kLarge);
-  EXPECT_EQ(atr.back(), 0x5A);
   EXPECT_GT(growth.bytes(), kLarge / 2);
   EXPECT_LT(growth.bytes(), kLarge + kLarge / 2);
 }

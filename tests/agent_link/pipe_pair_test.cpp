@@ -171,20 +171,6 @@ TEST_F(PipePairTest, ClientThatCameAndWent_IsDroppedBeforeTheNextConnect) {
                           "connect command", "connect event"}));
 }
 
-TEST_F(PipePairTest, BeforeAClientIsAccepted_NothingIsExchanged) {
-  startCreated();
-  constexpr std::uint32_t kNobody = platform::error::kPipeListening;
-  std::vector<std::uint8_t> bytes;
-  EXPECT_EQ(reader().CheckATR(), QueryResult::kFailure);
-  EXPECT_EQ(reader().QueryAtr(bytes, true), QueryResult::kFailure);
-  EXPECT_FALSE(reader().NotifyCardReady());
-  EXPECT_EQ(log_.records(),
-            (Records{error(kNobody, "[CheckATR]Failed to write QueryAtr command"),
-                     error(kNobody, "[QueryATR]Failed to write ATR request command"),
-                     error(kNobody, "Failed to send ready notification")}));
-  EXPECT_TRUE(trace().empty());
-}
-
 // Creation that gives the value 0 instead of a failure.
 class NullHandles : public ForwardingPipes {
  public:

@@ -38,12 +38,6 @@ TEST_F(CardEvents, CardThatIsInAtTheConnection_CompletesTheInsertion) {
   EXPECT_EQ(agent_.commands(AgentCommand::kQueryAtrReset), 1);
 }
 
-TEST_F(CardEvents, NoCardAtTheConnection_LeavesTheInsertionWaiting) {
-  FakeRequest& request = connectWithoutCard();
-  EXPECT_FALSE(request.completed());
-  EXPECT_EQ(reader().state(), SCARD_ABSENT);
-}
-
 TEST_F(CardEvents, Insertion_CompletesEveryWaitingRequestNewestFirst) {
   FakeRequest& first = connectWithoutCard();
   FakeRequest& second = waitForInsertion();

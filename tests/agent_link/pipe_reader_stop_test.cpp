@@ -199,61 +199,8 @@ TEST_F(ClientLoss, OfTheCommandPipeAlone_IsHandledAfterTheEndOfAQuery) {
   EXPECT_TRUE(log_.waitFor("Command named pipe connected"));
 }
 
-// Without a client there is no exchange that the system would queue until the next agent comes.
-TEST_F(ClientLoss, LeavesNothingToExchangeWithUntilTheNextAgent) {
-  connect();
-  pipes_.closeClient(event_);
-  ASSERT_TRUE(pipes_.waitForDrop(command_));
-  waitForInsertion();
-  ASSERT_TRUE(waitUntilStuck());
-  log_.clear();
-  EXPECT_EQ(reader().CheckATR(), QueryResult::kFailure);
-  EXPECT_EQ(log_.records(),
-            std::vector<LogRecord>{error(platform::error::kPipeListening,
-                                         "[CheckATR]Failed to write QueryAtr command")});
-  ASSERT_NE(pipes_.connectClient(commandPipeName(0)), SerialisingPipes::kNoClient);
-  ASSERT_TRUE(pipes_.waitUntilQueued(eventPipeName(0)));
-  ASSERT_NE(pipes_.connectClient(eventPipeName(0)), SerialisingPipes::kNoClient);
-  EXPECT_TRUE(log_.waitFor("Event named pipe connected"));
-}
-
 // No query is ended by its own time here.
 class EndOfExchanges : public SerialisingLink {};
-
-struct CallRow {
-  const char* name;
-  GapPipes::Call call;
-  const char* failure;
-};
-
-void PrintTo(const CallRow& row, std::ostream* out) { *out << row.name; }
-
-class EndOfExchangesInTheGap : public EndOfExchanges,
-                               public ::testing::WithParamInterface<CallRow> {};
-
-TEST_P(EndOfExchangesInTheGap, ReleasesACallThatIsJustAboutToBegin) {
-  const CallRow& row = GetParam();
-  connect();
-  gaps_.holdNext(row.call, "command0");
-  auto check = beginCheck();
-  if (row.call != Call::kWrite) expectCommand(AgentCommand::kQueryAtr);
-  ASSERT_TRUE(gaps_.waitUntilHeld());
-  auto end = begin([this] { reader().endExchanges(); });
-  ASSERT_TRUE(gaps_.waitForMissedCancels("command0", 2));
-  gaps_.letGo();
-  EXPECT_EQ(check.get(), QueryResult::kFailure);
-  end.get();
-  EXPECT_EQ(log_.records(), std::vector<LogRecord>{error(kAborted, row.failure)});
-}
-
-// The flush's own result is ignored; the read after it is not begun.
-INSTANTIATE_TEST_SUITE_P(
-    Calls, EndOfExchangesInTheGap,
-    ::testing::Values(CallRow{"Write", GapPipes::Call::kWrite,
-                              "[CheckATR]Failed to write QueryAtr command"},
-                      CallRow{"Flush", GapPipes::Call::kFlush, "[CheckATR]Failed to read ATR size"},
-                      CallRow{"Read", GapPipes::Call::kRead, "[CheckATR]Failed to read ATR size"}),
-    [](const auto& instance) { return instance.param.name; });
 
 // It is the one exchange without a time limit.
 TEST_F(EndOfExchanges, ReleasesTheCardReadyNotification) {
@@ -301,15 +248,6 @@ TEST_F(EndOfExchanges, DuringAnInsertedCardsQuery_ReleasesTheDeviceLock) {
   reader().endExchanges();
   ASSERT_TRUE(waiting.waitCompleted());
   EXPECT_EQ(waiting.status(), kSucceeded) << "whatever the ATR query gives";
-}
-
-TEST_F(EndOfExchanges, DuringTheWaitForAnAgent_LeavesTheServerThreadWaiting) {
-  startAndWait();
-  ASSERT_TRUE(waitUntilStuck());
-  reader().endExchanges();
-  ASSERT_NE(pipes_.connectClient(commandPipeName(0)), SerialisingPipes::kNoClient);
-  EXPECT_TRUE(log_.waitFor("Command named pipe connected"));
-  EXPECT_EQ(log_.count("Command named pipe NOT connected"), 0u);
 }
 
 }  // namespace

@@ -24,7 +24,7 @@ std::string describe(const PipeCall& call) {
     case PipeCallKind::kRead:
       return "read" + pipe + " " + std::to_string(call.size);
     case PipeCallKind::kWrite:
-      return "write" + pipe + " " + hex(call.data);
+      return "write" + pipe + " " + toHex(call.data);
     case PipeCallKind::kFlush:
       return "flush" + pipe;
     case PipeCallKind::kClose:

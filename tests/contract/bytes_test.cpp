@@ -5,25 +5,17 @@
 namespace zelta {
 namespace {
 
-struct NumberRow {
-  std::uint32_t number;
-  Bytes bytes;
-};
-
-class LittleEndianTest : public testing::TestWithParam<NumberRow> {};
-
-TEST_P(LittleEndianTest, Number_TravelsLowestByteFirstAndComesBack) {
-  const auto& [number, bytes] = GetParam();
-  EXPECT_EQ(numberBytes(number), bytes);
-  const auto array = toLittleEndian(number);
-  EXPECT_EQ(Bytes(array.begin(), array.end()), bytes);
-  EXPECT_EQ(loadLittleEndian(bytes.data()), number);
+TEST(LittleEndian, Number_TravelsLowestByteFirstAndComesBack) {
+  const std::pair<std::uint32_t, Bytes> rows[] = {{2, {0x02, 0, 0, 0}},
+                                                  {0x12345678, {0x78, 0x56, 0x34, 0x12}},
+                                                  {0xFFFFFFFE, {0xFE, 0xFF, 0xFF, 0xFF}}};
+  for (const auto& [number, bytes] : rows) {
+    EXPECT_EQ(numberBytes(number), bytes);
+    const auto array = toLittleEndian(number);
+    EXPECT_EQ(Bytes(array.begin(), array.end()), bytes);
+    EXPECT_EQ(loadLittleEndian(bytes.data()), number);
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Numbers, LittleEndianTest,
-                         testing::Values(NumberRow{2, {0x02, 0, 0, 0}},
-                                         NumberRow{0x12345678, {0x78, 0x56, 0x34, 0x12}},
-                                         NumberRow{0xFFFFFFFE, {0xFE, 0xFF, 0xFF, 0xFF}}));
 
 TEST(Hex, Bytes_AreWrittenAsTwoUppercaseDigitsEach) {
   EXPECT_EQ(toHex({}), "");

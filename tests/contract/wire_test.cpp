@@ -40,7 +40,8 @@ INSTANTIATE_TEST_SUITE_P(
                 R"(\\.\pipe\ProtectedPrefix\LocalService\zelta_smartcard_event0)"},
         NameRow{4294967295,
                 R"(\\.\pipe\ProtectedPrefix\LocalService\zelta_smartcard_command4294967295)",
-                R"(\\.\pipe\ProtectedPrefix\LocalService\zelta_smartcard_event4294967295)"}));
+                R"(\\.\pipe\ProtectedPrefix\LocalService\zelta_smartcard_event4294967295)"}),
+    [](const auto& each) { return "Reader" + std::to_string(each.param.index); });
 
 }  // namespace
 }  // namespace zelta

@@ -16,9 +16,6 @@
 #include "tests/support/process_state.h"
 #include "tests/support/repetitions.h"
 #include "tests/support/temp_folder.h"
-#if !defined(_WIN32)
-#include "tests/support/small_disk.h"
-#endif
 
 namespace zelta {
 namespace {
@@ -88,26 +85,6 @@ TEST_F(LoggingFacadeSystemTest, ChangedPolicy_IsFollowedWithinTwoLooks) {
   EXPECT_EQ(messages(), (Texts{"error", "debug", "info"}));
 }
 
-TEST_F(LoggingFacadeSystemTest, NewSessionsUnderLoad_LoseAndTearNoLine) {
-  constexpr int kLines = 500;
-  constexpr int kSessions = 50;
-  logInfo("main/0");
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([i] {
-      for (int line = 0; line < kLines; ++line) logInfo("t%d/%d", i, line);
-    });
-  }
-  for (int i = 0; i < kSessions; ++i) setSessionLogId(kSession);
-  for (std::thread& thread : threads) thread.join();
-  Texts all = messages();
-  EXPECT_EQ(test::filesIn(logs_).size(), kSessions + 1u);
-  ASSERT_FALSE(all.empty());
-  EXPECT_EQ(all.front(), "main/0");
-  all.erase(all.begin());
-  test::expectNumberedMessages(all, kThreads, kLines);
-}
-
 TEST_F(LoggingFacadeSystemTest, DumpsOfManyThreads_AreNeverMixedWithOtherRecords) {
   constexpr int kDumps = 40;
   constexpr std::size_t kDumpLength = 100;
@@ -157,27 +134,6 @@ TEST_F(LoggingFacadeSystemTest, ManyLoggersMadeAndEnded_LeaveNothing) {
   EXPECT_EQ(test::openFiles(), open);
   EXPECT_EQ(test::filesIn(logs_).size(), 2u * kTimes + 1);
 }
-
-#if !defined(_WIN32)
-
-TEST_F(LoggingFacadeSystemTest, FullDisk_LosesLinesAndNothingElse) {
-  test::onSmallDisk(64 * 1024, [this](const fs::path& disk) {
-    setFolder(disk);
-    logInfo("before");
-    test::fillDisk(disk / "other");
-    for (int i = 0; i < 100; ++i) logInfo("%s", std::string(200, 'x').c_str());
-    setSessionLogId(kSession);
-    logInfo("lost");
-    fs::remove(disk / "other");
-    logInfo("after");
-    shutDownLogging();
-    ASSERT_EQ(test::filesIn(logs_).size(), 2u);
-    EXPECT_EQ(test::recordsOf(test::filesIn(logs_)[0])[0].message, "before");
-    EXPECT_EQ(test::recordsOf(test::filesIn(logs_)[1]).back().message, "after");
-  });
-}
-
-#endif
 
 }  // namespace
 }  // namespace zelta

@@ -327,17 +327,6 @@ TEST_F(LoggingFacadeTest, MissingLogDirectory_IsAwaitedAndNotMade) {
   EXPECT_EQ(recordsOf(files()[0])[0].sessionLogId, kSession);
 }
 
-TEST_F(LoggingFacadeTest, WithoutAnyFolder_TheCurrentOneIsUsed) {
-  ports_.folders.programDataPath.reset();
-  const fs::path before = fs::current_path();
-  fs::current_path(folder_.path());
-  logInfo("text");
-  shutDownLogging();
-  fs::current_path(before);
-  ASSERT_EQ(filesIn(folder_.path()).size(), 1u);
-  EXPECT_EQ(filesIn(folder_.path())[0].filename(), "zelta_vsc_2024_03_05T14_07_09_042Z.txt");
-}
-
 TEST_F(LoggingFacadeTest, MissingRotationTime_IsTheFirstRecordOfEveryFile) {
   ports_.registry.deleteValue(test::kAgentKey, test::kRotationTime);
   logInfo("text");

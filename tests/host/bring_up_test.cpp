@@ -30,14 +30,6 @@ TEST_F(HostTest, SecondBringUpAndSecondTearDownDoNothing) {
   EXPECT_EQ(trace().size(), lines);
 }
 
-TEST_F(HostTest, DriverComesUpAgainAfterTearDown) {
-  start();
-  host_->tearDown();
-  start();
-  EXPECT_EQ(control(fake::kEcho, {7}).output, std::vector<std::uint8_t>{7});
-  EXPECT_THAT(errors(), IsEmpty());
-}
-
 TEST_F(HostTest, EnabledInterfacesCanBeOpenedWhileTheDeviceIsUp) {
   EXPECT_THAT(host_->interfaces(), IsEmpty());
   EXPECT_EQ(host_->open(L"dev0"), nullptr);

@@ -25,36 +25,6 @@ TEST_F(ConcurrencyTest, CallbacksOfBlockedCallersDoNotHoldUpOthers) {
   EXPECT_GE(counter(fake::kMostAtOnce), 21u);
 }
 
-TEST_F(ConcurrencyTest, EachCallerGetsItsOwnAnswer) {
-  std::vector<std::thread> callers;
-  std::atomic<int> wrong{0};
-  for (std::uint8_t caller = 0; caller < 4; ++caller) {
-    callers.emplace_back([this, caller, &wrong] {
-      for (int i = 0; i < test::repetitions(1000); ++i) {
-        const std::vector<std::uint8_t> sent = {caller, static_cast<std::uint8_t>(i)};
-        if (control(fake::kEcho, sent).output != sent) ++wrong;
-      }
-    });
-  }
-  for (std::thread& caller : callers) caller.join();
-  EXPECT_EQ(wrong, 0);
-  EXPECT_THAT(errors(), IsEmpty());
-}
-
-TEST_F(ConcurrencyTest, FilesOpenedAndClosedAllTheTimeDoNotDisturb) {
-  std::vector<std::thread> callers;
-  for (int caller = 0; caller < 3; ++caller) {
-    callers.emplace_back([this] {
-      for (int i = 0; i < test::repetitions(500); ++i) {
-        const auto file = host_->open(L"dev0");
-        ASSERT_NE(file, nullptr);
-        EXPECT_EQ(file->control(fake::kEcho, {1}, 1, kLong).status, framework::kOk);
-      }
-    });
-  }
-  for (std::thread& caller : callers) caller.join();
-}
-
 TEST_F(ConcurrencyTest, ControlIsDispatchedOnItsCallersThread) {
   const std::size_t threads = test::threadCount();
   for (int i = 0; i < 20; ++i) control(fake::kEcho, {1});

@@ -23,7 +23,6 @@ using namespace std::chrono_literals;
 
 // Longer than anything takes that does not hang.
 inline constexpr std::chrono::milliseconds kLong = 60s;
-inline constexpr framework::HRESULT kFakeFailure = framework::hresult(fake::kFailureCode);
 inline constexpr framework::HRESULT kCancelledStatus = status::kCancelled;
 
 inline std::vector<std::uint8_t> numbers(const std::vector<std::uint32_t>& values) {

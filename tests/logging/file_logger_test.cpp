@@ -48,18 +48,6 @@ TEST_F(FileLoggerTest, Files_AreNamedByTheirTimeAndBeginWithTheSameHeader) {
   for (const fs::path& file : files()) EXPECT_EQ(fileLines(file), Texts{test::kHeaderText});
 }
 
-TEST_F(FileLoggerTest, Record_IsOneGoldenLine) {
-  FileLogger logger(7, 3, kSession, nullptr, base_);
-  clock_.advance(1'500);
-  logger.log("card { is } 100% in", 1, static_cast<std::int32_t>(0x8007000E));
-  std::string thread(currentThreadText());
-  thread.resize(std::max<std::size_t>(thread.size(), 6), ' ');
-  EXPECT_EQ(fileLines(files()[0])[1],
-            "[" + thread +
-                "] 2024-03-05T14:07:10.542Z 1500     0f8fad5b-d9cb-469f-a165-70867728950e "
-                "7     <ERROR>    -2147024882 card { is } 100% in");
-}
-
 TEST_F(FileLoggerTest, LoggerThatIsItsOwnRoot_IsTopLevel) {
   FileLogger logger(0, 2, kSession, &logger, base_);
   logger.log("text", 2, 0);
@@ -181,16 +169,6 @@ TEST_F(FileLoggerTest, SecondFileWithinAMillisecond_DoesNotWipeOutTheFirst) {
   EXPECT_EQ(files()[1].filename(), "zelta_vsc_2024_03_05T14_07_09_043Z.txt");
   EXPECT_EQ(summaries(recordsOf(files()[0])), (Texts{"<INFO> 0 first", "<INFO> 0 first again"}));
   EXPECT_EQ(summaries(recordsOf(files()[1])), Texts{"<INFO> 0 second"});
-}
-
-TEST_F(FileLoggerTest, MissingFolder_LosesRecordsUntilItIsThere) {
-  const fs::path inner = folder_.path() / "missing";
-  FileLogger logger(0, 2, kSession, nullptr, (inner / "zelta_vsc").string());
-  logger.log("lost", 2, 0);
-  fs::create_directory(inner);
-  logger.log("kept", 2, 0);
-  ASSERT_EQ(test::filesIn(inner).size(), 1u);
-  EXPECT_EQ(summaries(recordsOf(test::filesIn(inner)[0])), Texts{"<INFO> 0 kept"});
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <limits>
 #include <memory>
-#include <optional>
 #include <thread>
 
 #include "tests/support/log_files.h"

@@ -6,7 +6,6 @@
 #include <fstream>
 #include <stdexcept>
 #include <thread>
-#include <type_traits>
 
 #include "tests/doubles/clock/simulated_clock.h"
 #include "tests/support/log_files.h"
@@ -39,8 +38,6 @@ TEST_F(TextFileTest, EmptyPath_IsRefused) {
     EXPECT_STREQ(error.what(), "File path is empty");
   }
 }
-
-TEST_F(TextFileTest, Destructor_IsVirtual) { EXPECT_TRUE(std::has_virtual_destructor_v<TextFile>); }
 
 TEST_F(TextFileTest, WriteLine_ReturnsWithTheLineInTheFile) {
   TextFile file(path_);

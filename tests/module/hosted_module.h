@@ -68,18 +68,6 @@ class HostedModuleTest : public ::testing::Test {
     ASSERT_TRUE(waiting->wait(kLong));
     ASSERT_EQ(waiting->result().status, status::kSuccess);
   }
-  // Makes a card that is in ready for commands.
-  void powerCard() {
-    EXPECT_EQ(control(IOCTL_SMARTCARD_POWER, numberBytes(SCARD_COLD_RESET), 64).output,
-              CardAgent::atrOfT1());
-    EXPECT_EQ(statusOf(IOCTL_SMARTCARD_SET_PROTOCOL, numberBytes(SCARD_PROTOCOL_T1)),
-              status::kSuccess);
-  }
-  void connectWithPoweredCard() {
-    agent_.setCardIn(CardAgent::atrOfT1());
-    connectAgent();
-    powerCard();
-  }
 
   std::uint32_t state() {
     const Bytes output = control(IOCTL_SMARTCARD_GET_STATE, {}, kNumberSize).output;

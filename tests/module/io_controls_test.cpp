@@ -1,5 +1,4 @@
 // The I/O controls through the whole module, over real pipes to an agent.
-#include <algorithm>
 
 #include "tests/module/hosted_module.h"
 
@@ -71,30 +70,6 @@ TEST_F(IoControlsTest, CardThatComes_WorksAndGoes) {
   EXPECT_EQ(state(), SCARD_ABSENT);
 }
 
-TEST_F(IoControlsTest, SecondAgent_IsRefusedAndTheFirstNoticesNothing) {
-  connectWithPoweredCard();
-  PipeClient second;
-  EXPECT_TRUE(!second.connect(commandPipeName(0)) || second.waitForDrop());
-  EXPECT_EQ(transmit({1, 2}), CardAgent::responseTo({1, 2}));
-}
-
-TEST_F(IoControlsTest, EveryShortInputAndOutputOfEveryControl_EndsInAStatus) {
-  connectWithPoweredCard();
-  for (std::uint32_t code = 0x00310000; code <= IOCTL_SMARTCARD_GET_PERF_CNTR; code += 4) {
-    if (code == IOCTL_SMARTCARD_IS_ABSENT) continue;  // waits for the card to go
-    for (std::size_t in = 0; in <= 9; ++in) {
-      for (std::size_t out = 0; out <= 5; ++out) {
-        const host::IoResult result = control(code, Bytes(in, 0xFF), out);
-        ASSERT_NE(result.status, host::kTimedOut) << std::hex << code;
-        ASSERT_LE(result.output.size(), out);
-      }
-    }
-  }
-  agent_.die();
-  connectWithPoweredCard();
-  EXPECT_EQ(transmit({1, 2}), CardAgent::responseTo({1, 2}));
-}
-
 TEST_F(IoControlsTest, SilentAgent_HoldsUpNobodyButItsCallerUnlessCallbacksAreSerialised) {
   agent_.setCardIn(CardAgent::atrOfT1());
   const auto waiting = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
@@ -111,45 +86,6 @@ TEST_F(IoControlsTest, SilentAgent_HoldsUpNobodyButItsCallerUnlessCallbacksAreSe
   EXPECT_EQ(transmit.get().status, status::kNoMedia);
   end();
   EXPECT_THAT(world_.logSummaries(), Contains("<ERROR> -500 [QueryTransmit]Timeout"));
-}
-
-TEST_F(IoControlsTest, SessionOfTheAgent_IsInTheLogUntilTheCardGoes) {
-  const std::string session = "12345678-9abc-def0-1234-56789abcdef0";
-  const std::string none = "00000000-0000-0000-0000-000000000000";
-  agent_.setCardIn(CardAgent::atrOfT1());
-  connectAgent();
-  ASSERT_TRUE(agent_.sendSessionLogId(session));
-  const auto removal = submitWaiting(IOCTL_SMARTCARD_IS_ABSENT);
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
-  ASSERT_TRUE(removal->wait(kLong));
-  end();
-  const std::vector<LogLine> log = world_.log();
-  const auto removed = std::find_if(
-      log.begin(), log.end(), [](const LogLine& line) { return line.message == "Card removed"; });
-  ASSERT_NE(removed, log.end());
-  EXPECT_EQ(removed->sessionLogId, session);
-  EXPECT_EQ(log.front().sessionLogId, none);
-  EXPECT_EQ(log.back().sessionLogId, none);
-}
-
-TEST_F(IoControlsTest, EachControl_LeavesItsLinesInTheLog) {
-  connectWithPoweredCard();
-  transmit({1});
-  state();
-  end();
-  const auto lines = world_.logSummaries();
-  for (const char* line :
-       {"<INFO> 0 CreateDeviceInterface [device name: dev0]", "<INFO> 0 IoQueue Created.",
-        "<INFO> 0 CMyDevice::OnD0Entry: NumReaders[1]",
-        "<INFO> 0 CMyDevice::OnD0Entry: reader[0] initialized, vendor name=Vornhalt",
-        "<INFO> 0 [IOCT]IOCTL 00310028 - In 0 Out 0", "<INFO> 0 [IPRE]IOCTL_SMARTCARD_IS_PRESENT",
-        "<INFO> 0 [POWR]SCARD_COLD_RESET", "<INFO> 0 [POWR]State:00000005",
-        "<INFO> 0 [SPRT]IOCTL_SMARTCARD_SET_PROTOCOL:00000002", "<INFO> 0 PROTOCOL SET: T1",
-        "<INFO> 0 [NotifyCardReady]Notification sent", "<INFO> 0 [TRSM]IOCTL_SMARTCARD_TRANSMIT",
-        "<INFO> 0 [GSTA]IOCTL_SMARTCARD_GET_STATE", "<INFO> 0 STATE:00000006",
-        "<DEBUG> 0 Server thread completed", "<DEBUG> 0 Start section:CMyDevice::shutDown"}) {
-    EXPECT_THAT(lines, Contains(line));
-  }
 }
 
 }  // namespace

@@ -68,32 +68,6 @@ TEST_F(UnloadTest, DriverThatWasNeverBroughtUp_LeavesNothing) {
   expectNothingLeft();
 }
 
-TEST_F(UnloadTest, CallsWhileTheDriverGoesDown_AreCarriedOutOrRefused) {
-  agent_.setCardIn(CardAgent::atrOfT1());
-  for (int round = 0; round < repetitions(20); ++round) {
-    bringUp();
-    connectAgent();
-    std::atomic<int> wrong{0};
-    std::vector<std::thread> callers;
-    for (int caller = 0; caller < 3; ++caller) {
-      callers.emplace_back([&, file = file_] {
-        for (;;) {
-          const auto result = file->control(IOCTL_SMARTCARD_POWER, numberBytes(1), 64, kLong);
-          if (result.status == host::kDeviceGone) return;
-          if (result.status == host::kTimedOut) ++wrong;
-        }
-      });
-    }
-    control(IOCTL_SMARTCARD_POWER, numberBytes(1), 64);
-    host_->tearDown();
-    ASSERT_TRUE(host_->unload());
-    for (std::thread& caller : callers) caller.join();
-    agent_.die();
-    EXPECT_EQ(wrong, 0);
-    ASSERT_NO_FATAL_FAILURE(expectNothingLeft());
-  }
-}
-
 using DeviceTest = HostedModuleTest;
 
 TEST_F(DeviceTest, BroughtUpAnew_GoesOnInItsLogFile) {
@@ -210,16 +184,6 @@ TEST_F(LoadedModuleTest, EachLoad_WritesTheBannerOnce) {
     }
     EXPECT_EQ(bannerLines(world_.log()), 3 * load);
   }
-}
-
-TEST_F(LoadedModuleTest, Registrations_ShareOneLogFile) {
-  const DriverExports exports;
-  for (int round = 0; round < 4; ++round) {
-    EXPECT_EQ(exports.call("DllRegisterServer"), framework::kOk);
-    EXPECT_EQ(exports.call("DllUnregisterServer"), framework::kOk);
-  }
-  EXPECT_EQ(world_.logFiles(), 1u);
-  EXPECT_EQ(world_.countInLog("Start section:DllUnregisterServer"), 4u);
 }
 
 TEST_F(LoadedModuleTest, UnusedModuleAskedWhetherItMayGo_BeginsNoLogFile) {

@@ -1,4 +1,4 @@
-// The programs that tests of the module run as processes of their own.
+// The driver's host as a process of its own.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,25 +14,6 @@
 #include "tests/support/child_process.h"
 
 namespace zelta::test {
-
-// agent_program.cpp: an agent whose card does as it is told.
-class AgentProgram {
- public:
-  AgentProgram() : process_(ZELTA_AGENT_PROGRAM_OF_TESTS) {}
-
-  // Whether it did.
-  bool does(const std::string& command) {
-    return process_.writeLine(command) && process_.readLine() == "ok";
-  }
-  // It ends as in a crash.
-  void crash() {
-    process_.kill();
-    EXPECT_EQ(process_.wait(), ChildProcess::kKilled);
-  }
-
- private:
-  ChildProcess process_;
-};
 
 // host_program.cpp: a driver host with the module. A failure of the test if it does not come up.
 class HostProgram {

@@ -2,11 +2,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <memory>
 #include <set>
 #include <string>
-#include <vector>
 
 #include "contract/bytes.h"
 #include "contract/status.h"

@@ -195,33 +195,5 @@ TEST_F(CardPresenceTest, RefusalsThatGoOn_DoNotHideACardForEver) {
   EXPECT_NE(presence_.card(), kNoCard);
 }
 
-TEST_F(CardPresenceTest, AHundredSwapsBesideThePollingThread_AreEachSeen) {
-  platform::Mutex mutex;
-  platform::ConditionVariable changed;
-  int removals = 0;
-  int insertions = 0;
-  auto polled = std::async(std::launch::async, [&] {
-    for (bool before = false; insertions < 101;) {
-      presence_.awaitChange(kLong);
-      const bool now = presence_.reportCard() != kNoCard;
-      const platform::MutexLock lock(mutex);
-      if (before && !now) ++removals;
-      if (!before && now) ++insertions;
-      before = now;
-      changed.notifyAll();
-    }
-  });
-  tell("enter");
-  for (int swap = 0; swap < 100; ++swap) {
-    platform::MutexLock lock(mutex);
-    ASSERT_TRUE(changed.waitFor(lock, kLong, [&] { return insertions == swap + 1; }));
-    lock.unlock();
-    tell("leave enter");
-  }
-  ASSERT_EQ(polled.wait_for(kLong), std::future_status::ready);
-  EXPECT_EQ(removals, 100);
-  EXPECT_EQ(insertions, 101);
-}
-
 }  // namespace
 }  // namespace zelta::pcsc

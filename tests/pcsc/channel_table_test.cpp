@@ -121,32 +121,5 @@ TEST_F(ChannelTableTest, Close_WaitsForTheCallsThatAreInsideAndLetsNoneIn) {
   EXPECT_EQ(call.get(), IFD_SUCCESS);
 }
 
-TEST_F(ChannelTableTest, CallsWhileChannelsComeAndGo_AreSafe) {
-  std::atomic<bool> stop{false};
-  std::vector<std::future<void>> callers;
-  for (int i = 0; i < 4; ++i) {
-    callers.push_back(std::async(std::launch::async, [&, i] {
-      while (!stop) {
-        const ChannelTable::Use use(table_, i % 2 == 0 ? kLun : kOtherLun);
-        if (use.channel() == nullptr) continue;
-        use.channel()->presence();
-        use.channel()->power(IFD_POWER_UP);
-        use.channel()->setAttribute(SCARD_ATTR_DEVICE_IN_USE, {});
-        use.channel()->stopAwaiting();
-        use.channel()->awaitChange(std::chrono::milliseconds(1));
-      }
-    }));
-  }
-  for (int i = 0; i < 50; ++i) {
-    EXPECT_EQ(table_.open(kLun, 0), IFD_SUCCESS);
-    EXPECT_EQ(table_.open(kOtherLun, 1), IFD_SUCCESS);
-    reader_->insertCard();
-    EXPECT_EQ(table_.close(kLun), IFD_SUCCESS);
-    EXPECT_EQ(table_.close(kOtherLun), IFD_SUCCESS);
-  }
-  stop = true;
-  for (auto& caller : callers) caller.get();
-}
-
 }  // namespace
 }  // namespace zelta::pcsc

@@ -136,22 +136,5 @@ TEST_F(FirstCardOfAgent, ConnectsOnceThePipesAreThere_AndTheCardIsThereWhenTheCh
   EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
 }
 
-TEST_F(FirstCardOfAgent, SaysThatThereIsNone_AndTheChannelIsOpenWithoutOne) {
-  ControlDouble control(control_, [](int) { return ControlDouble::statusWithCard(0, false); });
-  ASSERT_EQ(open(), IFD_SUCCESS);
-  EXPECT_EQ(handler_->presence(kLun), IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(control.questions(), 1);
-  EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
-}
-
-TEST_F(FirstCardOfAgent, StandsStill_AndTheChannelIsOpenAllTheSame) {
-  const platform::ScopedFd still = test::bindSocket(control_, 1);
-  const auto begun = Clock::now();
-  ASSERT_EQ(open(), IFD_SUCCESS);
-  EXPECT_GE(Clock::now() - begun, ChannelTable::kFirstCardLimit);
-  EXPECT_EQ(handler_->presence(kLun), IFD_ICC_NOT_PRESENT);
-  EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
-}
-
 }  // namespace
 }  // namespace zelta::pcsc

@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "pcsc/ifd_api.h"
 #include "tests/doubles/agent/card_agent.h"

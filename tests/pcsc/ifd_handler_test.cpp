@@ -232,17 +232,6 @@ TEST_F(IfdHandlerTest, CloseDuringACommand_SucceedsAndEndsIt) {
   agent_.die();
 }
 
-TEST_F(IfdHandlerTest, OpeningClosingAndUnloadingOverAndOver_IsSwift) {
-  const auto begun = Clock::now();
-  for (int i = 0; i < 20; ++i) {
-    ASSERT_EQ(open(), IFD_SUCCESS);
-    ASSERT_EQ(handler_->close(kLun), IFD_SUCCESS);
-    handler_.reset();
-    handler_.emplace();
-  }
-  EXPECT_LT(Clock::now() - begun, std::chrono::seconds(15));
-}
-
 // pcscd, ended by a signal, exits with all its threads where they are.
 TEST(IfdHandlerProcessTest, ExitWithAChannelOpenAndThreadsInside_IsClean) {
   testing::GTEST_FLAG(death_test_style) = "threadsafe";

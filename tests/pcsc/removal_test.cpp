@@ -1,7 +1,6 @@
 // A card that leaves while the driver works on a request for it.
 #include <functional>
 #include <future>
-#include <string>
 
 #include "contract/reader_states.h"
 #include "tests/pcsc/channel_fixture.h"

@@ -18,6 +18,9 @@ class Wiped : public HandlerFixture {
     Bytes atr;
     ASSERT_EQ(power(IFD_POWER_UP, &atr), IFD_SUCCESS);
   }
+  // The library may go only after its threads.
+  void TearDown() override { EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS); }
+
   // With buffers that are never given back.
   RESPONSECODE verify() {
     static std::array<UCHAR, kVerifyHeader + kSecret.size()> command{0x00, 0x20, 0x00, 0x80,

@@ -47,7 +47,8 @@ INSTANTIATE_TEST_SUITE_P(
         RatesRow{0x81, 372, 1, 5000, 10752, 13440}, RatesRow{0x91, 512, 1, 5000, 7812, 9765},
         RatesRow{0xA1, 768, 1, 7500, 5208, 9765}, RatesRow{0xB1, 1024, 1, 10000, 3906, 9765},
         RatesRow{0xC1, 1536, 1, 15000, 2604, 9765}, RatesRow{0xD1, 2048, 1, 20000, 1953, 9765},
-        RatesRow{0xE1, 372, 1, 5000, 10752, 13440}, RatesRow{0xF1, 372, 1, 5000, 10752, 13440}));
+        RatesRow{0xE1, 372, 1, 5000, 10752, 13440}, RatesRow{0xF1, 372, 1, 5000, 10752, 13440}),
+    [](const auto& each) { return toHex({each.param.ta1}); });
 
 INSTANTIATE_TEST_SUITE_P(BaudRates, Ta1,
                          testing::Values(RatesRow{0x10, 372, 1, 5000, 10752, 13440},
@@ -65,7 +66,8 @@ INSTANTIATE_TEST_SUITE_P(BaudRates, Ta1,
                                          RatesRow{0x1D, 372, 1, 5000, 10752, 13440},
                                          RatesRow{0x1E, 372, 1, 5000, 10752, 13440},
                                          RatesRow{0x1F, 372, 1, 5000, 10752, 13440},
-                                         RatesRow{0x67, 1860, 64, 20000, 137634, 688172}));
+                                         RatesRow{0x67, 1860, 64, 20000, 137634, 688172}),
+                         [](const auto& each) { return toHex({each.param.ta1}); });
 
 using Maybe = std::optional<std::uint32_t>;
 constexpr std::nullopt_t kNone = std::nullopt;

@@ -19,17 +19,6 @@ class PendingRequestsTest : public testing::Test {
   PendingRequests list_;
 };
 
-TEST_F(PendingRequestsTest, NewestIsTheOneAppendedLastAndStays) {
-  EXPECT_TRUE(list_.empty());
-  EXPECT_EQ(list_.newest(), nullptr);
-  list_.append(&first_);
-  list_.append(&second_);
-  EXPECT_EQ(list_.newest(), &second_);
-  EXPECT_EQ(list_.newest(), &second_);
-  EXPECT_EQ(list_.size(), 2u);
-  EXPECT_FALSE(list_.empty());
-}
-
 TEST_F(PendingRequestsTest, RemovingTakesTheFirstOfEqualEntriesAndKeepsTheOrderOfTheRest) {
   for (FakeRequest* request : {&first_, &second_, &first_, &third_}) list_.append(request);
   EXPECT_TRUE(list_.remove(&first_));

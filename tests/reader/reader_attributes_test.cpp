@@ -4,6 +4,7 @@
 
 #include "contract/attributes.h"
 #include "tests/reader/reader_fixture.h"
+#include "tests/support/case_names.h"
 
 namespace zelta::test {
 namespace {
@@ -66,7 +67,8 @@ INSTANTIATE_TEST_SUITE_P(
                     NumberRow{0x00060150, 0, "[GATT]SCARD_ATTR_CHARACTERISTICS"},
                     NumberRow{0x0007A009, 0, "[GATT]RPC_TYPE"},
                     NumberRow{0x00080207, 0, "[GATT]SCARD_ATTR_CURRENT_IFSC: 0"},
-                    NumberRow{0x7FFF0001, 3, "[GATT]SCARD_ATTR_DEVICE_UNIT"}));
+                    NumberRow{0x7FFF0001, 3, "[GATT]SCARD_ATTR_DEVICE_UNIT"}),
+    [](const auto& each) { return caseName(each.param.logText); });
 
 TEST_F(Attributes, NamesAreTerminatedTexts) {
   EXPECT_EQ(get(0x00010100), answered(text("Vornhalt")));

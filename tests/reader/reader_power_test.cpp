@@ -73,7 +73,12 @@ INSTANTIATE_TEST_SUITE_P(
                     FailureRow{QueryResult::kFailure, 1, kNoMedia, 1, kAbsent},
                     FailureRow{QueryResult::kFailure, 0, kNoMedia, 1, kAbsent},
                     FailureRow{QueryResult::kTimeout, 6, kNoMedia, 1, kAbsent},
-                    FailureRow{QueryResult::kTimeout, 1, kNoMedia, 1, kAbsent}));
+                    FailureRow{QueryResult::kTimeout, 1, kNoMedia, 1, kAbsent}),
+    [](const auto& each) {
+      const bool timedOut = each.param.result == QueryResult::kTimeout;
+      return (timedOut ? "TimeOutInState" : "FailureInState") +
+             std::to_string(each.param.stateBefore);
+    });
 
 TEST_F(Power, UnknownOperationSucceedsAndDoesNothing) {
   reader_.setState(SCARD_SPECIFIC);

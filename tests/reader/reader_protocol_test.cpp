@@ -59,7 +59,10 @@ INSTANTIATE_TEST_SUITE_P(
                     // An explicit T=0 comes before the default's T=1.
                     ChoiceRow{kBothAtr, 0x80000001, 1}, ChoiceRow{kT1Atr, 0x80000001, 2},
                     ChoiceRow{kT0Atr, 0x80000002, 1}, ChoiceRow{kBothAtr, 0, 0},
-                    ChoiceRow{kBothAtr, 0x7FFFFFFC, 0}));
+                    ChoiceRow{kBothAtr, 0x7FFFFFFC, 0}),
+    [](const auto& each) {
+      return "Atr" + toHex(each.param.atr) + "Mask" + toHex(number(each.param.mask));
+    });
 
 TEST_F(SetProtocol, WithoutAnAtrIsNoMedia) {
   for (const QueryResult result : {QueryResult::kFailure, QueryResult::kTimeout}) {

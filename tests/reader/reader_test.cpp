@@ -2,6 +2,7 @@
 #include "reader/reader.h"
 
 #include "tests/reader/reader_fixture.h"
+#include "tests/support/case_names.h"
 
 namespace zelta::test {
 namespace {
@@ -84,7 +85,8 @@ INSTANTIATE_TEST_SUITE_P(
         Row{&Reader::IoSmartCardTransmit, "[TRSM]IOCTL_SMARTCARD_TRANSMIT: invalid request"},
         Row{&Reader::IoSmartCardGetAttribute, "[GATT]: invalid request"},
         Row{&Reader::IoSmartCardSetAttribute,
-            "[SATT]IOCTL_SMARTCARD_SET_ATTRIBUTE: invalid request"}));
+            "[SATT]IOCTL_SMARTCARD_SET_ATTRIBUTE: invalid request"}),
+    [](const auto& each) { return caseName(each.param.text); });
 
 TEST_F(ReaderTest, CancelOfANullRequest_IsLoggedAndNothingElse) {
   reader_.IoCancelRequest(nullptr);
@@ -109,7 +111,8 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(Row{&Reader::IoSmartCardPower, "[POWR]IOCTL_SMARTCARD_POWER"},
                     Row{&Reader::IoSmartCardSetProtocol, "[SPRT]IOCTL_SMARTCARD_SET_PROTOCOL"},
                     Row{&Reader::IoSmartCardGetAttribute, "[GATT]IOCTL_SMARTCARD_GET_ATTRIBUTE"},
-                    Row{&Reader::IoSmartCardSetAttribute, "[SATT]IOCTL_SMARTCARD_SET_ATTRIBUTE"}));
+                    Row{&Reader::IoSmartCardSetAttribute, "[SATT]IOCTL_SMARTCARD_SET_ATTRIBUTE"}),
+    [](const auto& each) { return caseName(each.param.text); });
 
 }  // namespace
 }  // namespace zelta::test

@@ -34,20 +34,6 @@ class WaitingRequestsTest : public testing::Test {
   WaitingRequests waiting_{device_};
 };
 
-TEST_F(WaitingRequestsTest, EachEventHasItsOwnRequests) {
-  FakeRequest insertion(device_);
-  FakeRequest removal(device_);
-  add(CardEvent::kInserted, insertion);
-  EXPECT_TRUE(waiting_.any(CardEvent::kInserted));
-  EXPECT_FALSE(waiting_.any(CardEvent::kRemoved));
-  add(CardEvent::kRemoved, removal);
-  EXPECT_FALSE(remove(CardEvent::kRemoved, insertion));
-  EXPECT_TRUE(remove(CardEvent::kInserted, insertion));
-  EXPECT_FALSE(waiting_.any(CardEvent::kInserted));
-  EXPECT_TRUE(remove(CardEvent::kRemoved, removal));
-  EXPECT_FALSE(insertion.completed() || removal.completed());
-}
-
 // Newest first.
 TEST_F(WaitingRequestsTest, CompletesAllOfAnEventWithTheStatusAndNoOutput) {
   for (const CardEvent awaited : kBoth) {

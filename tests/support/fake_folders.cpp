@@ -6,7 +6,6 @@
 namespace zelta::test {
 
 std::int32_t FakeFolders::programData(char16_t** path) {
-  ++programDataCalls_;
   *path = nullptr;
   if (!programDataPath) return kFailure;
   const std::size_t bytes = (programDataPath->size() + 1) * sizeof(char16_t);

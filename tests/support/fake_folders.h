@@ -24,7 +24,6 @@ class FakeFolders final : public platform::FolderApi {
   // Texts from `programData` that have not been freed.
   std::size_t unfreed() const { return unfreed_; }
   // Calls made so far, failed ones included.
-  std::size_t programDataCalls() const { return programDataCalls_; }
   std::size_t tempPathCalls() const { return tempPathCalls_; }
   std::size_t currentDirectoryCalls() const { return currentDirectoryCalls_; }
   // Of the last call of either kind, in UTF-16 units.
@@ -40,7 +39,6 @@ class FakeFolders final : public platform::FolderApi {
                         std::uint32_t capacity);
 
   std::atomic<std::size_t> unfreed_{0};
-  std::atomic<std::size_t> programDataCalls_{0};
   std::atomic<std::size_t> tempPathCalls_{0};
   std::atomic<std::size_t> currentDirectoryCalls_{0};
   std::atomic<std::uint32_t> lastCapacity_{0};

@@ -1,17 +1,33 @@
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/mount.h>
 
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <system_error>
 #include <thread>
 
-#include "tests/support/mounts_linux.h"
 #include "tests/support/small_disk.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::test {
+
+namespace {
+
+// What the calling thread mounts from here on is its own and ends with it. Gives the reason if the
+// system does not permit that, else an empty text.
+std::string unshareMounts() {
+  if (unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0) {
+    return {};
+  }
+  const std::string what = "no mounts are possible here: ";
+  if (errno == EINVAL) return what + "the root is not a mount point, as in a plain chroot";
+  return what + std::generic_category().message(errno);
+}
+
+}  // namespace
 
 void onSmallDisk(std::size_t size,
                  const std::function<void(const std::filesystem::path&)>& action) {

@@ -2,8 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <limits>
-
 namespace zelta::logs {
 namespace {
 

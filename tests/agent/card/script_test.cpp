@@ -2,9 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "contract/bytes.h"
+#include "tests/support/case_names.h"
 
 namespace zelta::agent {
 namespace {
@@ -163,7 +162,10 @@ INSTANTIATE_TEST_SUITE_P(
                     Bad{"on", "line 1: a pattern is missing"},
                     Bad{"on remove", "line 1: a pattern is missing"},
                     Bad{"on 00A4", "line 1: 'insert' or 'remove' is missing"},
-                    Bad{"on ready jump", "line 1: 'jump' is neither 'insert' nor 'remove'"}));
+                    Bad{"on ready jump", "line 1: 'jump' is neither 'insert' nor 'remove'"}),
+    [](const auto& each) {
+      return test::caseName(std::string(each.param.text) + ' ' + each.param.message);
+    });
 
 }  // namespace
 }  // namespace zelta::agent

@@ -12,7 +12,6 @@
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -145,11 +144,6 @@ TEST_F(ControlSocket, ClientThatSaysNothing_DoesNotHoldUpTheEnd) {
   const ScopedFd client = connectTo(path_);
   server.reset();
   EXPECT_EQ(readAll(client), "");
-}
-
-TEST_F(ControlSocket, FirstPathWithAnAgent_IsAsked) {
-  const auto server = openControlServer(path_, echo, test::failTest);
-  EXPECT_EQ(askAgent({folder_.file("none"), path_}, "x\n"), "<x>");
 }
 
 TEST_F(ControlSocket, Link_LeadsToTheSocketAndGoesWithTheServer) {

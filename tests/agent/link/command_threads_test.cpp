@@ -154,16 +154,6 @@ TEST_F(Threads, CardThatIsLate_IsAnsweredForAndTheNextCommandGetsItsOwnResult) {
   EXPECT_EQ(commands_.answers(), late + 1);
 }
 
-TEST_F(Threads, LateCardAgainAndAgain_IsAnsweredForByEachThreadInTurn) {
-  for (std::uint8_t round = 0; round < 10; ++round) {
-    const std::size_t late = giveAndHoldUntilLate();
-    card_.letGo();
-    commands_.give();
-    EXPECT_EQ(commands_.answer(late + 1).data.get(),
-              heldAnswer(static_cast<std::uint8_t>(2 * round + 2)));
-  }
-}
-
 TEST_F(Threads, CommandThatOnlyWaitedForTheCard_NeverReachesIt) {
   const std::size_t late = giveAndHoldUntilLate();
   commands_.give(kShort);

@@ -3,7 +3,6 @@
 // connection for anything else. Shared by the fuzzer and by the test that plays its corpus.
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <thread>

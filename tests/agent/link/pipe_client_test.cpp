@@ -133,6 +133,15 @@ TEST_F(ConnectedPipes, ExchangesInAQuickRow_AreNeverTakenForGivenUp) {
   EXPECT_EQ(driver.get(), kExchanges);
 }
 
+TEST_F(ConnectedPipes, CommandBeforeTheAnswer_IsNotAnswered) {
+  auto sent = send(1);
+  EXPECT_EQ(commands_->awaitCommand(), IoResult::kDone);
+  EXPECT_EQ(answer(), IoResult::kGivenUp);
+  commands_.reset();
+  sent.wait();
+  EXPECT_EQ(driver_.readAnswerLength(), std::nullopt);
+}
+
 TEST_F(ConnectedPipes, CommandBeforeTheAnswerIsRead_GivesTheAnswerUp) {
   auto answered = answerAndAwait();
   auto sent = send(1);
@@ -187,7 +196,9 @@ TEST_P(FullEventPipe, PostThatTimedOut_HandsOverNothingAndMayBeRepeated) {
   EXPECT_EQ(repeated.get(), IoResult::kDone);
 }
 
-INSTANTIATE_TEST_SUITE_P(Shifts, FullEventPipe, testing::Range(0, 4));
+INSTANTIATE_TEST_SUITE_P(Shifts, FullEventPipe, testing::Range(0, 4), [](const auto& each) {
+  return "After" + std::to_string(each.param) + "Bytes";
+});
 
 TEST_F(ConnectedPipes, ReadAndPosts_RunAtTheSameTime) {
   auto read = readEventPipe();

@@ -8,7 +8,6 @@
 #include <ostream>
 
 #include "tests/agent/program/agent_fixture.h"
-#include "tests/support/pipe_client.h"
 
 namespace zelta::test {
 namespace {
@@ -29,23 +28,6 @@ TEST_F(AgentTest, DriverWhoseFoldersDoNotExistYet_IsWaitedFor) {
   agent.waitConnected(true);
 }
 
-TEST_F(AgentTest, DriverThatDisconnectsAgainAndAgain_IsServedEachTime) {
-  DriverEnd driver;
-  RunningAgent agent(card_);
-  for (int round = 0; round < 50; ++round) {
-    expectServed(driver);
-    driver.disconnect();
-  }
-}
-
-TEST_F(AgentTest, EachNewDriver_IsServed) {
-  RunningAgent agent(card_);
-  for (int round = 0; round < 20; ++round) {
-    DriverEnd driver;
-    expectServed(driver);
-  }
-}
-
 TEST_F(AgentTest, LossOfTheEventPipe_DropsTheCommandPipe) {
   DriverEnd driver;
   RunningAgent agent(card_);
@@ -63,16 +45,6 @@ TEST_F(AgentTest, DriverThatWritesToTheEventPipe_IsDropped) {
   EXPECT_TRUE(agent.log().has("error: The driver wrote to the event pipe; dropping the"));
 }
 
-TEST_F(AgentTest, UnknownCommand_DropsTheConnectionAndConnectsAgain) {
-  DriverEnd driver;
-  RunningAgent agent(card_);
-  driver.acceptSession();
-  EXPECT_TRUE(driver.sendNumber(4));
-  EXPECT_TRUE(driver.waitForDrop());
-  driver.disconnect();
-  expectServed(driver);
-}
-
 TEST_F(AgentTest, SecondAgent_IsRefusedAndTakesOverWhenTheFirstEnds) {
   DriverEnd driver;
   RunningAgent first(card_);
@@ -87,28 +59,6 @@ TEST_F(AgentTest, SecondAgent_IsRefusedAndTakesOverWhenTheFirstEnds) {
   EXPECT_TRUE(driver.waitForDrop());
   driver.disconnect();
   expectServed(driver);
-}
-
-// The driver notices the end of a client that only opened the command pipe when the next agent
-// gives the event pipe back. An agent that holds it for a second is never quick; one that does not
-// may only be slow for the machine's load.
-TEST_F(AgentTest, ClientOfTheCommandPipeAlone_CostsTheNextAgentLittle) {
-  bool quick = false;
-  for (int round = 0; round < 10 && !quick; ++round) {
-    DriverEnd driver;
-    PipeClient lone;
-    ASSERT_TRUE(lone.connect(commandPipeName(0)));
-    driver.acceptCommands();
-    lone.close();
-    const auto begin = std::chrono::steady_clock::now();
-    RunningAgent agent(card_);
-    driver.acceptEvents();
-    EXPECT_EQ(driver.readEvent(), std::nullopt);
-    driver.disconnect();
-    expectServed(driver);
-    quick = std::chrono::steady_clock::now() - begin < std::chrono::seconds(1);
-  }
-  EXPECT_TRUE(quick);
 }
 
 // Each may get one pipe at first; the driver then loses both and waits again.
@@ -214,12 +164,6 @@ INSTANTIATE_TEST_SUITE_P(
                             driver.transmit(kSelect);
                           }}),
     [](const testing::TestParamInfo<Point>& tested) { return tested.param.name; });
-
-TEST_F(AgentTest, NoDriverIsThere_AgentStops) {
-  RunningAgent agent(card_);
-  agent.log().waitFor("Waiting for the driver");
-  agent.stop();
-}
 
 TEST_F(AgentTest, DriverRefuses_AgentStops) {
   DriverEnd driver;

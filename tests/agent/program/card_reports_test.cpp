@@ -23,16 +23,6 @@ TEST_F(AgentTest, CardPulledBetweenConnections_IsNotReported) {
   EXPECT_EQ(driver.readEvent(), kInserted);
 }
 
-TEST_F(AgentTest, EveryConnection_LearnsOfTheCardAnew) {
-  DriverEnd driver;
-  RunningAgent agent(card_);
-  expectServed(driver);
-  driver.disconnect();
-  driver.acceptSession();
-  EXPECT_TRUE(driver.notifyReady());
-  EXPECT_EQ(driver.readEvent(), kInserted);
-}
-
 TEST_F(AgentTest, Grace_DoesNotBeginBeforeTheDriverListensForEvents) {
   agent::Timing timing = patientTiming();
   timing.grace = std::chrono::milliseconds(0);
@@ -43,18 +33,6 @@ TEST_F(AgentTest, Grace_DoesNotBeginBeforeTheDriverListensForEvents) {
   EXPECT_EQ(driver.readSessionId(), kSession);
   EXPECT_EQ(agent.agent().removeCard(), "");
   EXPECT_EQ(driver.readEvent(), kRemoved);
-}
-
-TEST_F(AgentTest, HundredsOfSwaps_AreReportedInTurns) {
-  DriverEnd driver;
-  RunningAgent agent(card_);
-  expectServed(driver);
-  for (int swap = 0; swap < 300; ++swap) {
-    ASSERT_EQ(agent.agent().removeCard(), "");
-    ASSERT_EQ(agent.agent().insertCard(), "");
-    ASSERT_EQ(driver.readEvent(), kRemoved);
-    ASSERT_EQ(driver.readEvent(), kInserted);
-  }
 }
 
 TEST_F(AgentTest, SwapsQuickerThanTheDriverReads_AreReportedInTurnsToTheLast) {

@@ -1,8 +1,6 @@
 // An answer that the driver has given up: no byte of it is followed by another's.
-#include <future>
 
 #include "tests/agent/program/agent_fixture.h"
-#include "tests/support/system.h"
 
 namespace zelta::test {
 namespace {
@@ -28,15 +26,6 @@ class GivenUp : public AgentTest, public testing::WithParamInterface<bool> {
       GetParam() ? Bytes{3, 0, 0, 0, 0x01, 0x90, 0x00} : Bytes{2, 0, 0, 0, 0x3B, 0x00};
 };
 
-TEST_P(GivenUp, CommandBeforeTheAnswerIsRead_DropsTheConnection) {
-  DriverEnd driver;
-  RunningAgent agent(card_);
-  driver.acceptSession();
-  ASSERT_TRUE(send(driver));
-  driver.sendTransmit(kSelect);
-  expectDropped(driver, agent, answer_);
-}
-
 TEST_P(GivenUp, NotificationAfterAPartOfTheAnswer_DropsTheConnection) {
   DriverEnd driver;
   RunningAgent agent(card_);
@@ -46,20 +35,6 @@ TEST_P(GivenUp, NotificationAfterAPartOfTheAnswer_DropsTheConnection) {
   driver.notifyReady();
   expectDropped(driver, agent, answer_);
   EXPECT_EQ(card_.readyNotices(), 0);
-}
-
-TEST_P(GivenUp, CommandWhileTheCardWorks_DropsTheConnectionUnanswered) {
-  DriverEnd driver;
-  RunningAgent agent(card_);
-  driver.acceptSession();
-  card_.hold();
-  ASSERT_TRUE(send(driver));
-  card_.waitUntilBusy();
-  auto next = std::async(std::launch::async, [&] { return driver.sendTransmit(kSelect); });
-  if (kPipesKeepBytes) next.wait();
-  card_.letGo();
-  next.wait();
-  expectDropped(driver, agent, {});
 }
 
 TEST_P(GivenUp, NotificationBeforeALateAnswerIsRead_DropsTheConnection) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "agent/version.h"
+#include "tests/support/case_names.h"
 
 namespace zelta::agent {
 namespace {
@@ -155,7 +156,12 @@ INSTANTIATE_TEST_SUITE_P(
               "--session-id is not for --to"},
         Wrong{{"--backend", "remote", "--no-card"}, "not for a remote card"},
         Wrong{{"ctl"}, "A subcommand is required"},
-        Wrong{{"ctl", "jump"}, "A subcommand is required"}));
+        Wrong{{"ctl", "jump"}, "A subcommand is required"}),
+    [](const auto& each) {
+      std::string all;
+      for (const char* argument : each.param.arguments) all += std::string(argument) + " ";
+      return test::caseName(all);
+    });
 
 // On Windows.
 class OptionsOfLinux : public testing::TestWithParam<const char*> {};
@@ -174,7 +180,8 @@ TEST_P(OptionsOfLinux, AreRefusedByTheEditionWithoutThem) {
 
 INSTANTIATE_TEST_SUITE_P(Options, OptionsOfLinux,
                          testing::Values("--control", "--db", "--pin", "--pin-file", "--cert",
-                                         "--pcsc-reader", "--to"));
+                                         "--pcsc-reader", "--to"),
+                         [](const auto& each) { return test::caseName(each.param); });
 
 TEST(RemoteBackEnd, IsRefusedByTheEditionWithoutIt) {
   EXPECT_THAT(parse({"--backend", "remote"}, true).error,

@@ -166,30 +166,10 @@ TEST_P(EndingSignal, CardIsSlow_EndsItsCommand) {
   EXPECT_EQ(process.wait(), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Signals, EndingSignal, testing::Values(SIGINT, SIGTERM));
-
-TEST_F(Program, SecondAgentForTheSameControlPath_EndsWithOne) {
-  AgentProcess first(script(kPlain));
-  waitReady(first);
-  const Ended second = runProgram(script(kPlain));
-  EXPECT_EQ(second.exitCode, 1);
-  EXPECT_THAT(second.text,
-              HasSubstr("error: another agent is running: it has the control path " + control()));
-  EXPECT_EQ(ctl({"status"}).exitCode, 0);
-}
-
-TEST_F(Program, ControlSocketOfAKilledAgent_IsTakenOver) {
-  {
-    AgentProcess killed(script(kPlain));
-    waitReady(killed);
-    killed.kill();
-    EXPECT_EQ(killed.wait(), ChildProcess::kKilled);
-    EXPECT_TRUE(std::filesystem::exists(control()));
-  }
-  AgentProcess next(script(kPlain));
-  waitReady(next);
-  EXPECT_EQ(ctl({"status"}).exitCode, 0);
-}
+INSTANTIATE_TEST_SUITE_P(Signals, EndingSignal, testing::Values(SIGINT, SIGTERM),
+                         [](const auto& each) {
+                           return each.param == SIGINT ? "Interrupt" : "Terminate";
+                         });
 
 #if !defined(__SANITIZE_ADDRESS__)  // the sanitizers look into memory by a pipe that they open
 // From now on the program gets no further file descriptors, and cannot poll more than `left`.

@@ -70,15 +70,6 @@ TEST_F(Program, SessionId_IsFreshEachTime) {
   EXPECT_NE(driver.acceptSession(), first);
 }
 
-TEST_F(Program, ScriptedRemoval_EndsACommand) {
-  DriverEnd driver;
-  AgentProcess process(script("atr 3B00\ncommand 01 -> 9000 after 1000s\non 01 remove\n"));
-  driver.acceptSession();
-  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kAtr);
-  EXPECT_EQ(driver.transmit({0x01}), Bytes());
-  EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardRemoved));
-}
-
 TEST_F(Program, LargestResponse_ReachesTheDriver) {
   DriverEnd driver;
   AgentProcess process(script("atr 3B00\ncommand 00B0* -> fill 65536\n"));
@@ -103,15 +94,6 @@ TEST_F(Program, SlowCard_IsAnsweredForAfterFourAndAHalfSeconds) {
   EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardRemoved));
   EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardInserted));
   EXPECT_EQ(driver.transmit({0x02}), kOk);
-}
-
-TEST_F(Program, NoCommandForHalfASecond_ReportsTheCard) {
-  DriverEnd driver;
-  AgentProcess process(script(kPlain));
-  driver.acceptSession();
-  const auto begin = std::chrono::steady_clock::now();
-  EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardInserted));
-  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(400));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "agent/remote/frame_channel.h"
 
 #include <future>
-#include <thread>
 
 #include "agent/version.h"
 #include "tests/agent/remote/line_fixture.h"

@@ -58,7 +58,8 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"00DB3FFF025C00", "9000", "00DB3FFF02**** 9000"},
                     Case{"00DA00D3023132", "9000", "00DA00D302**** 9000"},
                     Case{"00DA005B023132", "9000", "00DA005B023132 9000"},
-                    Case{"0020", "6700", "0020 6700"}));
+                    Case{"0020", "6700", "0020 6700"}),
+    [](const auto& each) { return std::string(each.param.command); });
 
 TEST(SecretMask, ExtendedData_IsHiddenWithoutItsLength) {
   SecretMask mask;

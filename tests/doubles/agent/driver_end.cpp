@@ -68,10 +68,6 @@ void DriverEnd::disconnect() {
   pipes_.disconnect(commands_);
 }
 
-void DriverEnd::acceptCommands() { connect(commands_); }
-
-void DriverEnd::acceptEvents() { connect(events_); }
-
 void DriverEnd::disconnectEvents() { pipes_.disconnect(events_); }
 
 bool DriverEnd::writeToEventPipe(const Bytes& bytes) {

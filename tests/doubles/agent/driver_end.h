@@ -30,9 +30,6 @@ class DriverEnd {
   std::string acceptSession();
   void disconnect();
   void disconnectEvents();
-  // Each waits for the agent on one pipe alone.
-  void acceptCommands();
-  void acceptEvents();
 
   // The next event's code; none if the agent is gone.
   std::optional<std::uint32_t> readEvent();

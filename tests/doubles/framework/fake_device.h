@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <string>
 #include <vector>
 
 #include "contract/status.h"

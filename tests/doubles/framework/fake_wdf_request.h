@@ -12,7 +12,6 @@
 #include <functional>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "contract/bytes.h"
 #include "tests/doubles/framework/fake_wdf_object.h"

@@ -1,7 +1,6 @@
 #include "tests/doubles/pipes/serialising_pipes.h"
 
 #include <algorithm>
-#include <utility>
 
 #include "platform/process/error.h"
 
@@ -85,31 +84,10 @@ void SerialisingPipes::closeClient(Client client) {
   changed_.notifyAll();
 }
 
-bool SerialisingPipes::waitForClient(Client client,
-                                     const std::function<bool(const Unread&)>& ready) {
-  MutexLock lock(mutex_);
-  SharedPipe pipe;
-  changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    pipe = pipeOf(client);
-    return pipe == nullptr || ready({pipe->in.size(), pipe->out.size()});
-  });
-  return pipe != nullptr;
-}
-
-void SerialisingPipes::wakeClients() {
-  const MutexLock lock(mutex_);
-  changed_.notifyAll();
-}
-
-void SerialisingPipes::takeBack(Client client) {
+std::size_t SerialisingPipes::unread(Client client) {
   const MutexLock lock(mutex_);
   const SharedPipe pipe = pipeOf(client);
-  if (pipe != nullptr) pipe->in.clear();
-}
-
-void SerialisingPipes::bufferWrites(std::uint32_t bytes) {
-  MutexLock lock(mutex_);
-  leastOutBuffer_ = bytes;
+  return pipe == nullptr ? 0 : pipe->out.size();
 }
 
 bool SerialisingPipes::waitUntilQueued(PipeHandleValue pipe, std::size_t waiting) {
@@ -136,8 +114,7 @@ bool SerialisingPipes::convertSecurityDescriptor(const std::string& sddl,
   return true;
 }
 
-PipeHandleValue SerialisingPipes::create(const std::string& name,
-                                         const platform::PipeArguments& arguments) {
+PipeHandleValue SerialisingPipes::create(const std::string& name, const platform::PipeArguments&) {
   MutexLock lock(mutex_);
   if (named(name) != nullptr) {
     finish(error::kAccessDenied);
@@ -145,7 +122,6 @@ PipeHandleValue SerialisingPipes::create(const std::string& name,
   }
   const SharedPipe pipe = std::make_shared<Pipe>();
   pipe->name = name;
-  pipe->outBufferSize = std::max(arguments.outBufferSize, leastOutBuffer_);
   const auto handle = reinterpret_cast<PipeHandleValue>(++lastHandle_);
   pipes_[handle] = pipe;
   return handle;
@@ -234,9 +210,8 @@ bool SerialisingPipes::write(PipeHandleValue pipe, const void* data, std::uint32
     const auto* bytes = static_cast<const std::uint8_t*>(data);
     end.out.insert(end.out.end(), bytes, bytes + size);
     changed_.notifyAll();
-    const std::uint32_t error = block(end, lock, [&] {
-      return end.out.size() <= end.outBufferSize || end.state != State::kConnected;
-    });
+    const std::uint32_t error =
+        block(end, lock, [&] { return end.out.empty() || end.state != State::kConnected; });
     // What of it the client has not read is taken back.
     if (error != error::kSuccess) end.out.clear();
     if (error != error::kSuccess) return error;

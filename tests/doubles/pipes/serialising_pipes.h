@@ -17,8 +17,8 @@
 // Windows with ERROR_PIPE_BUSY (231) if it has one instance. And a read waits for all its bytes; on
 // Windows it returns with those that are there.
 //
-// With a buffer size of 0 a write returns once the client has read it. Clients write into a buffer
-// without limit, as no client of a test should have to run on a thread of its own.
+// A write returns once the client has read it. Clients write into a buffer without limit, as no
+// client of a test should have to run on a thread of its own.
 //
 // Any thread may call anything. Clients' waits end with a failure after `kLimit`, those of the
 // pipe's own operations never do.
@@ -27,7 +27,6 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -55,21 +54,8 @@ class SerialisingPipes final : public platform::PipeApi {
   // Waits until the server has dropped the client.
   bool waitForDrop(Client client);
   void closeClient(Client client);
-  // What is in a client's pipe, in bytes.
-  struct Unread {
-    std::size_t byDriver = 0;
-    std::size_t byClient = 0;
-  };
-  // Waits, without a limit, until `ready` holds; false if the server has dropped the client.
-  bool waitForClient(Client client, const std::function<bool(const Unread&)>& ready);
-  // Makes these waits look again.
-  void wakeClients();
-  // Takes back what the client wrote and the driver has not read.
-  void takeBack(Client client);
-
-  // Whatever their creator asks for, pipes created from now on take so many bytes without waiting
-  // for the client to read them: it is the flush that waits then.
-  void bufferWrites(std::uint32_t bytes);
+  // How many bytes written to the client it has not read.
+  std::size_t unread(Client client);
 
   // Waits until an operation is blocked on the pipe, and `waiting` others wait for their turn.
   bool waitUntilQueued(platform::PipeHandleValue pipe, std::size_t waiting = 0);
@@ -93,7 +79,6 @@ class SerialisingPipes final : public platform::PipeApi {
   enum class State { kListening, kConnected, kClientGone, kDisconnected, kClosed };
   struct Pipe {
     std::string name;
-    std::uint32_t outBufferSize = 0;
     State state = State::kListening;
     Client client = kNoClient;
     std::deque<std::uint8_t> in;      // written by the client, not read
@@ -120,7 +105,6 @@ class SerialisingPipes final : public platform::PipeApi {
   platform::Mutex mutex_;
   platform::ConditionVariable changed_;
   char descriptor_ = 0;
-  std::uint32_t leastOutBuffer_ ZELTA_GUARDED_BY(mutex_) = 0;
   std::uint64_t lastTurn_ ZELTA_GUARDED_BY(mutex_) = 0;
   std::uintptr_t lastHandle_ ZELTA_GUARDED_BY(mutex_) = 0;
   Client lastClient_ ZELTA_GUARDED_BY(mutex_) = kNoClient;

@@ -77,13 +77,6 @@ std::size_t FakeRegistry::openKeys() {
   return keys_.size();
 }
 
-std::size_t FakeRegistry::pendingWatches() {
-  MutexLock lock(mutex_);
-  std::size_t count = 0;
-  for (const auto& [number, key] : keys_) count += key.pending != nullptr ? 1 : 0;
-  return count;
-}
-
 std::uint32_t FakeRegistry::getDword(const std::u16string& key, const std::u16string& value,
                                      std::uint32_t* out) {
   MutexLock lock(mutex_);

@@ -44,8 +44,6 @@ class FakeRegistry final : public platform::RegistryApi {
   void waitForCalls(Call call, std::size_t count);
 
   std::size_t openKeys();
-  // Watches that are armed and have not been signalled.
-  std::size_t pendingWatches();
 
   std::uint32_t getDword(const std::u16string& key, const std::u16string& value,
                          std::uint32_t* out) override;

@@ -133,11 +133,6 @@ TEST_F(Hardware, ReleasedWithAnotherDevice_ChangesNothing) {
   held->remove();
 }
 
-TEST_F(Hardware, QueueRefused_GivesTheFrameworksResult) {
-  framework_.results.createQueue = status::kGenFailure;
-  EXPECT_EQ(framework_.prepareHardware(), status::kGenFailure);
-}
-
 class WorkingState : public DeviceFixture {
  protected:
   void SetUp() override {

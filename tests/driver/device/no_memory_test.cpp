@@ -17,33 +17,12 @@ namespace {
 using framework::ComPtr;
 using test::error;
 using test::FakeWdfRequest;
+using test::MemorySweep;
 using test::RequestSetup;
 using test::ScarceMemory;
 using testing::ElementsAre;
 
-constexpr int kManyAllocations = 500;  // more than any operation makes
-
-class NoMemory : public test::DeviceFixture {
- protected:
-  // Runs `operation` with memory for 0, 1, 2 ... allocations until they suffice. It says whether
-  // they did not.
-  template <typename Operation>
-  static void withEveryShortage(Operation operation) {
-    int allocations = 0;
-    while (operation(allocations)) {
-      ASSERT_LT(++allocations, kManyAllocations) << "never enough memory";
-    }
-    EXPECT_GT(allocations, 0) << "the operation allocates nothing: nothing was tried";
-  }
-
-  // Whether the memory ran out during `operation`.
-  template <typename Operation>
-  static bool runScarce(int allocations, Operation operation) {
-    const ScarceMemory memory(allocations);
-    operation();
-    return memory.ranOut();
-  }
-};
+using NoMemory = test::DeviceFixture;
 
 TEST_F(NoMemory, DeviceOrQueueObjectCannotBeMade_IsLoggedAndReturned) {
   framework::HRESULT result = 0;
@@ -80,44 +59,47 @@ TEST_F(NoMemory, FactoryOrDriverCannotBeMade_IsReturned) {
 }
 
 TEST_F(NoMemory, DevicesCreation_LetsNoExceptionOut) {
-  withEveryShortage([&](int allocations) {
-    const bool ranOut = runScarce(allocations, [&] {
+  for (MemorySweep sweep; sweep.next();) {
+    sweep.run([&]() noexcept {
       (void)CMyDevice::CreateInstance(&framework_.driver, &framework_.init, createPipeReader);
     });
     if (wdfDevice() != nullptr) framework_.removeDevice();
-    return ranOut;
-  });
+  }
 }
 
 TEST_F(NoMemory, HardwaresPreparation_LetsNoExceptionOut) {
   ASSERT_EQ(create(), status::kSuccess);
-  withEveryShortage([&](int allocations) {
-    return runScarce(allocations, [&] {
+  for (MemorySweep sweep; sweep.next();) {
+    sweep.run([&]() noexcept {
       (void)framework_.prepareHardware();
       (void)framework_.releaseHardware();
     });
-  });
+  }
 }
 
 TEST_F(NoMemory, EntryIntoTheWorkingState_SucceedsOrSaysWhyNot) {
-  withEveryShortage([&](int allocations) {
+  for (MemorySweep sweep; sweep.next();) {
     EXPECT_EQ(create(), status::kSuccess);
     framework::HRESULT result = 0;
-    const bool ranOut = runScarce(allocations, [&] { result = framework_.enterD0(); });
+    sweep.run([&]() noexcept { result = framework_.enterD0(); });
     // A lost log record is no failure; a reader that could not be made is.
     EXPECT_THAT(result,
                 testing::AnyOf(status::kSuccess, status::kOutOfMemory, status::kInvalidArgument));
     EXPECT_EQ(framework_.exitD0(), status::kSuccess);
     framework_.removeDevice();
-    return ranOut;
-  });
+  }
   device_ = nullptr;
 }
 
 const RequestSetup kTransmit = {IOCTL_SMARTCARD_TRANSMIT, Bytes{1, 0, 0, 0, 8, 0, 0, 0, 0x00, 0xA4},
                                 64};
 
-class NoMemoryForRequests : public NoMemory, public testing::WithParamInterface<std::uint32_t> {
+struct Control {
+  const char* name;
+  std::uint32_t code;
+};
+
+class NoMemoryForRequests : public NoMemory, public testing::WithParamInterface<Control> {
  protected:
   void SetUp() override { bringUp(); }
 
@@ -131,33 +113,36 @@ class NoMemoryForRequests : public NoMemory, public testing::WithParamInterface<
 TEST_P(NoMemoryForRequests, Control_IsCompletedOnceOrWaits) {
   for (const QueryResult check : {QueryResult::kSuccess, QueryResult::kFailure}) {
     story_.checkResult = check;
-    withEveryShortage([&](int allocations) {
+    for (MemorySweep sweep; sweep.next();) {
       log_.clear();
-      FakeWdfRequest& request = make(GetParam());
-      const bool ranOut = runScarce(allocations, [&] { framework_.dispatch(request); });
+      FakeWdfRequest& request = make(GetParam().code);
+      sweep.run([&]() noexcept { framework_.dispatch(request); });
       EXPECT_NE(request.completed(), request.markedCancelable());
       request.cancel();
       EXPECT_TRUE(request.completed());
-      return ranOut;
-    });
+    }
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(Controls, NoMemoryForRequests,
-                         testing::Values(IOCTL_SMARTCARD_GET_ATTRIBUTE, IOCTL_SMARTCARD_IS_PRESENT,
-                                         IOCTL_SMARTCARD_GET_STATE, IOCTL_SMARTCARD_IS_ABSENT,
-                                         IOCTL_SMARTCARD_POWER, IOCTL_SMARTCARD_SET_ATTRIBUTE,
-                                         IOCTL_SMARTCARD_SET_PROTOCOL, IOCTL_SMARTCARD_TRANSMIT,
-                                         IOCTL_SMARTCARD_EJECT));
+                         testing::Values(Control{"GetAttribute", IOCTL_SMARTCARD_GET_ATTRIBUTE},
+                                         Control{"IsPresent", IOCTL_SMARTCARD_IS_PRESENT},
+                                         Control{"GetState", IOCTL_SMARTCARD_GET_STATE},
+                                         Control{"IsAbsent", IOCTL_SMARTCARD_IS_ABSENT},
+                                         Control{"Power", IOCTL_SMARTCARD_POWER},
+                                         Control{"SetAttribute", IOCTL_SMARTCARD_SET_ATTRIBUTE},
+                                         Control{"SetProtocol", IOCTL_SMARTCARD_SET_PROTOCOL},
+                                         Control{"Transmit", IOCTL_SMARTCARD_TRANSMIT},
+                                         Control{"Eject", IOCTL_SMARTCARD_EJECT}),
+                         [](const auto& each) { return std::string(each.param.name); });
 
 TEST_F(NoMemoryForRequests, CancelledRequest_IsNeverKept) {
-  withEveryShortage([&](int allocations) {
+  for (MemorySweep sweep; sweep.next();) {
     FakeWdfRequest& request = make(IOCTL_SMARTCARD_IS_PRESENT);
     framework_.dispatch(request);
-    const bool ranOut = runScarce(allocations, [&] { request.cancel(); });
+    sweep.run([&]() noexcept { request.cancel(); });
     EXPECT_EQ(request.status(), status::kCancelled);
-    return ranOut;
-  });
+  }
 }
 
 TEST_F(NoMemoryForRequests, RequestsBuffersAndTheReadersIndex_NeedNone) {

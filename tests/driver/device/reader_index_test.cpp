@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+#include <utility>
+
+#include "driver/device/narrow_text.h"
 
 namespace zelta {
 namespace {
@@ -22,31 +25,38 @@ std::string parse(const wchar_t* name) {
   }
 }
 
-struct Row {
-  const wchar_t* name;
-  const char* parsed;
-};
-
-class ReaderIndex : public testing::TestWithParam<Row> {};
-
-TEST_P(ReaderIndex, FileName_HasTheNumberAfterTheFirstPrefixOrFails) {
-  EXPECT_EQ(parse(GetParam().name), GetParam().parsed);
+TEST(ReaderIndex, FileName_HasTheNumberAfterTheFirstPrefixOrFails) {
+  const std::pair<const wchar_t*, const char*> rows[] = {
+      {L"\\dev0", "0"},
+      {L"\\DEV0", "0"},
+      {L"\\dev12", "12"},
+      {L"dev3", "3"},
+      {L"\\dev7abc", "7"},
+      {L"\\dev007", "7"},
+      {L"\\dev  5", "5"},
+      {L"\\dev\t+5", "5"},
+      {L"\\dev-1", "4294967295"},
+      {L"\\dev0x10", "0"},
+      {L"\\dev2147483647", "2147483647"},
+      {L"\\dev-2147483648", "2147483648"},
+      {L"\\dev4dev5", "4"},
+      {L"\\??\\x#dev6", "6"},
+      {L"", kNoPrefix},
+      {L"\\", kNoPrefix},
+      {L"de0", kNoPrefix},
+      {L"\\reader0", kNoPrefix},
+      {L"d e v0", kNoPrefix},
+      {L"\\dev", kNoNumber},
+      {L"\\devx", kNoNumber},
+      {L"\\dev-", kNoNumber},
+      {L"\\dev- 1", kNoNumber},
+      {L"\\devices\\dev3", kNoNumber},
+      {L"\\dev99999999999", kTooLarge},
+      {L"\\dev2147483648", kTooLarge},
+      {L"\\dev-2147483649", kTooLarge},
+      {L"\\dev99999999999999999999999999", kTooLarge}};
+  for (const auto& [name, parsed] : rows) EXPECT_EQ(parse(name), parsed) << narrowText(name);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Names, ReaderIndex,
-    testing::Values(Row{L"\\dev0", "0"}, Row{L"\\DEV0", "0"}, Row{L"\\dev12", "12"},
-                    Row{L"dev3", "3"}, Row{L"\\dev7abc", "7"}, Row{L"\\dev007", "7"},
-                    Row{L"\\dev  5", "5"}, Row{L"\\dev\t+5", "5"}, Row{L"\\dev-1", "4294967295"},
-                    Row{L"\\dev0x10", "0"}, Row{L"\\dev2147483647", "2147483647"},
-                    Row{L"\\dev-2147483648", "2147483648"}, Row{L"\\dev4dev5", "4"},
-                    Row{L"\\??\\x#dev6", "6"}, Row{L"", kNoPrefix}, Row{L"\\", kNoPrefix},
-                    Row{L"de0", kNoPrefix}, Row{L"\\reader0", kNoPrefix}, Row{L"d e v0", kNoPrefix},
-                    Row{L"\\dev", kNoNumber}, Row{L"\\devx", kNoNumber}, Row{L"\\dev-", kNoNumber},
-                    Row{L"\\dev- 1", kNoNumber}, Row{L"\\devices\\dev3", kNoNumber},
-                    Row{L"\\dev99999999999", kTooLarge}, Row{L"\\dev2147483648", kTooLarge},
-                    Row{L"\\dev-2147483649", kTooLarge},
-                    Row{L"\\dev99999999999999999999999999", kTooLarge}));
 
 TEST(ReferenceString, Index_FollowsThePrefixInDecimal) {
   EXPECT_EQ(readerReferenceString(0), L"dev0");

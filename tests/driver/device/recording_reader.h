@@ -5,7 +5,6 @@
 #include <array>
 #include <atomic>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>

@@ -108,21 +108,5 @@ TEST_F(FrameworkRequestTest, Reference_KeepsRequestAndAdapterWheneverTheFramewor
   }
 }
 
-TEST_F(FrameworkRequestTest, MarkAndUnmark_AreForwarded) {
-  class Callback final : public framework::ComObject<Callback, framework::IRequestCallbackCancel> {
-   public:
-    void ZELTA_STDMETHODCALLTYPE OnCancel(framework::IWDFIoRequest*) override {}
-  };
-  const auto callback = framework::ComPtr<Callback>::adopt(framework::createObject<Callback>());
-  FakeWdfRequest& request = make();
-  FrameworkRequest adapter(request);
-  EXPECT_EQ(adapter.unmarkCancelable(), status::kCancelled);
-  adapter.markCancelable(callback.get());
-  EXPECT_TRUE(request.markedCancelable());
-  EXPECT_EQ(adapter.unmarkCancelable(), status::kSuccess);
-  EXPECT_FALSE(request.markedCancelable());
-  adapter.complete(status::kSuccess);
-}
-
 }  // namespace
 }  // namespace zelta

@@ -12,32 +12,21 @@ namespace zelta::test {
 
 namespace {
 
-constexpr int kManyAllocations = 500;  // more than any call makes
-
 class PipeMemoryTest : public SystemPipeTest {
  protected:
-  // Makes the call with 0, 1, 2 ... allocations until they suffice; `check` runs after each
-  // failure.
+  // `check` runs after each failure.
   static void withEveryShortage(const std::function<bool()>& call,
                                 const std::function<void()>& check) {
-    for (int allocations = 0; allocations < kManyAllocations; ++allocations) {
-      SCOPED_TRACE(allocations);
-      bool ranOut = false;
+    for (MemorySweep sweep; sweep.next();) {
+      SCOPED_TRACE(sweep.allocations());
       const PipeOutcome outcome = outcomeOf([&] {
-        const ScarceMemory memory(allocations);
-        const bool ok = call();
-        ranOut = memory.ranOut();
+        bool ok = false;
+        sweep.run([&]() noexcept { ok = call(); });
         return ok;
       });
-      if (!ranOut) {
-        EXPECT_EQ(outcome, kPipeOk);
-        EXPECT_GT(allocations, 0) << "the call allocates nothing: nothing was tried";
-        return;
-      }
-      EXPECT_EQ(outcome, pipeError(error::kNotEnoughMemory));
-      check();
+      EXPECT_EQ(outcome, sweep.ranOut() ? pipeError(error::kNotEnoughMemory) : kPipeOk);
+      if (sweep.ranOut()) check();
     }
-    FAIL() << "never enough memory";
   }
 
   static PipeOutcome withoutMemory(const std::function<bool()>& call) {

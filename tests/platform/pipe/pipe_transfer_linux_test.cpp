@@ -217,20 +217,6 @@ TEST_F(PipeTransferTest, ClientFoundGoneByAWrite_IsReplacedByAConnect) {
   expectServed(connecting);
 }
 
-// The client starts to read at any moment of write, of the beginning flush and of its wait.
-TEST_F(PipeTransferTest, ClientReadsAtAnyMoment_FlushReturns) {
-  constexpr std::size_t kRounds = 3000;
-  std::thread reader([this] {
-    for (std::size_t round = 0; round < kRounds; ++round) clientReads(round % 5 + 5);
-  });
-  std::size_t flushed = 0;
-  for (std::size_t round = 0; round < kRounds; ++round) {
-    if (write(Bytes(round % 5 + 1)).ok && write(Bytes(4)).ok && flush().ok) ++flushed;
-  }
-  EXPECT_EQ(flushed, kRounds);
-  reader.join();
-}
-
 // At any moment from before the first write until the flush waits.
 TEST_F(PipeTransferTest, ClientLeavesAtAnyMoment_ItsOldAnswerIsNeverRead) {
   constexpr int kRounds = 2000;

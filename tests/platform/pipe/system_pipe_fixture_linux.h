@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "platform/pipe/pipe.h"
 #include "platform/pipe/pipe_path.h"

@@ -169,19 +169,6 @@ TEST_F(RegistryLinux, FileReplacedOrWrittenInPlace_SignalsAndIsReadAnew) {
   followUntil(3);
 }
 
-TEST_F(RegistryLinux, KeyWhoseFileGoesAndComesBack_SignalsBothTimes) {
-  write(file_, content(1));
-  open();
-  arm();
-  fs::rename(file_, folder_.file("aside"));
-  waitForChange();
-  EXPECT_EQ(number(), std::nullopt);
-  arm();
-  fs::rename(folder_.file("aside"), file_);
-  waitForChange();
-  EXPECT_EQ(number(), 1U);
-}
-
 TEST_F(RegistryLinux, ReaderOfAHalfWrittenFile_IsToldWhenItIsDone) {
   write(file_, content(1));
   open();

@@ -6,7 +6,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <limits>
 #include <thread>
 
 #include "platform/sync/clock.h"

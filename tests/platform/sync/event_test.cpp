@@ -67,23 +67,6 @@ TEST_F(Event, OneSignal_ReleasesOneOfSeveralWaiters) {
   for (std::thread& waiter : waiters) waiter.join();
 }
 
-TEST_F(Event, SignalsBetweenTwoThreads_AreNotLost) {
-  const EventHandle ping = create();
-  const EventHandle pong = create();
-  constexpr int kRounds = 5000;
-  std::thread other([&] {
-    for (int i = 0; i < kRounds; ++i) {
-      waitAny({ping});
-      api_.set(pong);
-    }
-  });
-  for (int i = 0; i < kRounds; ++i) {
-    ASSERT_TRUE(api_.set(ping));
-    ASSERT_EQ(waitAny({pong}), 0U);
-  }
-  other.join();
-}
-
 TEST_F(Event, HandleThatIsNoEvents_FailsWithInvalidHandle) {
   const EventHandle event = create();
   const EventHandle closed = api_.create();

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "contract/bytes.h"
 
 namespace zelta::status {
