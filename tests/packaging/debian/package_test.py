@@ -3,6 +3,7 @@
 import os
 import pathlib
 import re
+import shutil
 import tempfile
 import unittest
 
@@ -266,6 +267,54 @@ class DebianInstallation(unittest.TestCase):
         self.assertEqual(left, [])
         for name, content in self.accounts.items():
             self.assertEqual(self.system.path(name).read_bytes(), content, name)
+
+
+class DocumentedInstallation(unittest.TestCase):
+    """What the documentation says for apt and dpkg, in a checkout in a copy of the system."""
+
+    def setUp(self):
+        self.system = CopiedSystem()
+        self.addCleanup(self.system.close)
+        self.system.bring(stack.SOURCE)
+        self.add_program("sudo", 'exec "$@"')  # this is root
+        # What it would make is the package that is tested.
+        self.system.path("/built").mkdir()
+        for name in ("zelta-vsc", "zelta-vsc-dev"):
+            shutil.copy(package(name), self.system.path("/built"))
+        self.add_program("dpkg-buildpackage", "[ -x debian/rules ] && cp /built/*.deb ..")
+
+    def add_program(self, name, script):
+        path = self.system.path("/usr/local/bin") / name
+        path.write_text(f"#!/bin/sh\n{script}\n")
+        path.chmod(0o755)
+
+    def status(self):
+        return self.system.run("dpkg-query", "-W", "-f=${db:Status-Status}", "zelta-vsc",
+                               check=False).stdout
+
+    def test_commands_of_the_docs_for_the_package_manager_work(self):
+        commands = {command.text for command in docs_commands.every_command()
+                    if docs_commands.is_for_package_manager(command)}
+
+        def run_next(text, folder=stack.SOURCE):
+            commands.remove(text)
+            # apt asks before it removes something.
+            self.system.run("sh", "-c", f"cd {folder} && {text}", input="y\n")
+
+        run_next("./zelta package dist")
+        run_next("sudo apt install ./dist/zelta-vsc_*.deb")
+        self.assertEqual(self.status(), "installed")
+        self.system.path(ENTRY).unlink()
+        run_next("sudo dpkg --force-confmiss --install zelta-vsc_*.deb", stack.SOURCE / "dist")
+        self.assertTrue(self.system.path(ENTRY).exists())
+        self.system.run("useradd", "--badname", "USER")
+        run_next("sudo adduser USER zelta")
+        self.assertIn("zelta", self.system.run("id", "-nG", "USER").stdout.split())
+        run_next("sudo apt remove zelta-vsc")
+        self.assertEqual(self.status(), "config-files")
+        run_next("sudo apt purge zelta-vsc")
+        self.assertIn(self.status(), ("", "not-installed"))
+        self.assertEqual(commands, set())
 
 
 class DebianService(unittest.TestCase):
