@@ -454,13 +454,17 @@ class DebianService(unittest.TestCase):
         self.dpkg("--install", "/zelta.deb")
         self.assertFalse(self.system.is_active(AGENT))
 
-    def test_wrong_options_are_not_tried_again(self):
-        self.system.path("/etc/zelta/agent0.conf").write_text(
-            "ZELTA_AGENT_OPTIONS=--no-such-option\n")
-        self.system.run("systemctl", "restart", AGENT, check=False)
-        show = self.system.run("systemctl", "show", "--property", "NRestarts,SubState,ExecMainStatus",
-                               AGENT).stdout
-        self.assertEqual(set(show.split()), {"NRestarts=0", "SubState=failed", "ExecMainStatus=2"})
+    def test_wrong_configuration_is_not_tried_again(self):
+        for options in ("--no-such-option", "--db /none", "--pin-file /none", "--cert nobody",
+                        "--pin 87654321", "--backend script --script /none"):
+            with self.subTest(options=options):
+                self.system.path("/etc/zelta/agent0.conf").write_text(
+                    f'ZELTA_AGENT_OPTIONS="{options}"\n')
+                self.system.run("systemctl", "restart", AGENT, check=False)
+                show = self.system.run("systemctl", "show", "--property",
+                                       "NRestarts,SubState,ExecMainStatus", AGENT).stdout
+                self.assertEqual(set(show.split()),
+                                 {"NRestarts=0", "SubState=failed", "ExecMainStatus=2"})
 
     def test_commands_of_the_docs_for_systemd_work(self):
         self.wait_for_card()
