@@ -164,6 +164,10 @@ class DocumentedCommands(unittest.TestCase):
 class PagesTest(unittest.TestCase):
     """Changes /etc, /var, /usr/local and the checkout for this process and its children only."""
 
+    @classmethod
+    def setUpClass(cls):
+        stack.enter_namespace()
+
     def setUp(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(dir="/run"))
         self.addCleanup(shutil.rmtree, self.folder)
@@ -403,5 +407,4 @@ class ReadmePage(PagesTest):
 
 
 if __name__ == "__main__":
-    stack.enter_namespace()
     unittest.main(verbosity=2)
