@@ -5,7 +5,7 @@ set -e
 folder=/var/lib/zelta/card
 for word in "$@"; do
   case "$word" in
-    pcsc | script | --backend=pcsc | --backend=script | --db | --db=* | --help | --version) exit 0 ;;
+    pcsc | script | remote | --backend=pcsc | --backend=script | --backend=remote | --db | --db=* | --help | --version) exit 0 ;;
   esac
 done
 [ ! -e "$folder" ] || exit 0

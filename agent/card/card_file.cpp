@@ -5,7 +5,19 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "agent/program/wrong_configuration.h"
+
 namespace zelta::agent {
+
+namespace {
+
+// May be over the next time.
+bool isShortage(const std::error_code& reason) {
+  return reason == std::errc::not_enough_memory || reason == std::errc::too_many_files_open ||
+         reason == std::errc::too_many_files_open_in_system;
+}
+
+}  // namespace
 
 std::ifstream openCardFile(const std::string& path) {
   std::error_code ignored;
@@ -13,8 +25,10 @@ std::ifstream openCardFile(const std::string& path) {
   errno = 0;
   std::ifstream file(path);
   if (!file.is_open() || isFolder) {
-    throw std::runtime_error("cannot read " + path + ": " +
-                             std::generic_category().message(isFolder ? EISDIR : errno));
+    const std::error_code reason(isFolder ? EISDIR : errno, std::generic_category());
+    const std::string problem = "cannot read " + path + ": " + reason.message();
+    if (isShortage(reason)) throw std::runtime_error(problem);
+    throw WrongConfiguration(problem);
   }
   return file;
 }

@@ -6,7 +6,8 @@
 
 namespace zelta::agent {
 
-// Opens a text file for reading. Throws std::runtime_error with its name and the reason.
+// Opens a text file for reading. Throws WrongConfiguration with its name and the reason, or another
+// std::runtime_error if the system is short of memory or of descriptors.
 std::ifstream openCardFile(const std::string& path);
 
 }  // namespace zelta::agent

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "agent/card/nss_database.h"
+#include "agent/program/wrong_configuration.h"
 #include "contract/bytes.h"
 #include "platform/process/wipe.h"
 
@@ -47,7 +48,7 @@ ReaderReference takeEvents() {
 // Separators of the library's option text.
 void refuseSeparators(const std::string& text, const char* what) {
   if (text.find_first_of(",()\" \t") != std::string::npos) {
-    throw std::runtime_error(std::string(what) + " '" + text +
+    throw WrongConfiguration(std::string(what) + " '" + text +
                              "' has a character that the card emulation cannot take");
   }
 }

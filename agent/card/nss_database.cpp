@@ -10,13 +10,15 @@
 #include <memory>
 #include <stdexcept>
 
+#include "agent/program/wrong_configuration.h"
+
 namespace zelta::agent {
 
 namespace {
 
 constexpr const char* kDemoNicknames[] = {"zelta-auth", "zelta-sign", "zelta-encrypt"};
 
-[[noreturn]] void fail(const std::string& problem) { throw std::runtime_error(problem); }
+[[noreturn]] void fail(const std::string& problem) { throw WrongConfiguration(problem); }
 
 std::string lastNssError() {
   const char* name = PR_ErrorToName(PR_GetError());
@@ -39,10 +41,12 @@ using Certificate = std::unique_ptr<CERTCertificate, CertificateEnd>;
 
 void checkPin(const std::string& pin) {
   const Slot slot(PK11_GetInternalKeySlot());
-  if (slot == nullptr) fail("the card database has no key store: " + lastNssError());
+  if (slot == nullptr) {
+    throw std::runtime_error("the card database has no key store: " + lastNssError());
+  }
   if (PK11_CheckUserPassword(slot.get(), pin.c_str()) == SECSuccess) return;
   if (PR_GetError() == SEC_ERROR_BAD_PASSWORD) fail("the PIN is not the card database's password");
-  fail("the card database does not take the PIN: " + lastNssError());
+  throw std::runtime_error("the card database does not take the PIN: " + lastNssError());
 }
 
 bool hasCertificate(const std::string& nickname) {

@@ -1,11 +1,11 @@
 #include "agent/card/script_card.h"
 
 #include <sstream>
-#include <stdexcept>
 #include <utility>
 
 #include "agent/card/card_file.h"
 #include "agent/program/failure.h"
+#include "agent/program/wrong_configuration.h"
 #include "contract/bytes.h"
 
 namespace zelta::agent {
@@ -132,7 +132,7 @@ std::unique_ptr<CardBackend> loadScriptCard(const std::string& file, std::option
     const bool in = cardIn.value_or(script.cardIn);
     return std::make_unique<ScriptCard>(std::move(script), in);
   } catch (const ScriptError& error) {
-    throw std::runtime_error(file + ": " + error.what());
+    throw WrongConfiguration(file + ": " + error.what());
   }
 }
 

@@ -17,6 +17,25 @@ std::string counted(std::uint64_t count, const std::string& one) {
   return std::to_string(count) + " " + one + (count == 1 ? "" : "s");
 }
 
+using Json = nlohmann::ordered_json;
+
+Json toJson(const Agent::Status& status) {
+  return {{"reader", status.reader},
+          {"connected", status.connected},
+          {"backend", status.backend},
+          {"card", status.cardIn ? "in" : "out"},
+          {"atr", status.atr.empty() ? Json() : Json(toHex(status.atr))},
+          {"session_id", status.sessionId},
+          {"apdus", status.apdus},
+          {"errors", status.errors},
+          {"timeouts", status.timeouts},
+          {"reconnects", status.reconnects}};
+}
+
+std::string lineOf(const Json& json) {
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
 }  // namespace
 
 std::string statusText(const Agent::Status& status) {
@@ -34,24 +53,12 @@ std::string statusText(const Agent::Status& status) {
   return text;
 }
 
-std::string statusJson(const Agent::Status& status) {
-  using Json = nlohmann::ordered_json;
-  const Json object = {{"reader", status.reader},
-                       {"connected", status.connected},
-                       {"backend", status.backend},
-                       {"card", status.cardIn ? "in" : "out"},
-                       {"atr", status.atr.empty() ? Json() : Json(toHex(status.atr))},
-                       {"session_id", status.sessionId},
-                       {"apdus", status.apdus},
-                       {"errors", status.errors},
-                       {"timeouts", status.timeouts},
-                       {"reconnects", status.reconnects}};
-  return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
-}
+std::string statusJson(const Agent::Status& status) { return lineOf(toJson(status)); }
 
 std::string traceBegin(const Agent::Status& status) {
-  const std::string now = std::to_string(toMicroseconds(TraceRecord::Clock::now()));
-  return "{\"time_us\":" + now + ",\"kind\":\"begin\"," + statusJson(status).substr(1);
+  Json begin = {{"time_us", toMicroseconds(TraceRecord::Clock::now())}, {"kind", "begin"}};
+  begin.update(toJson(status));
+  return lineOf(begin);
 }
 
 std::string answerControl(Agent& agent, const std::string& line) {

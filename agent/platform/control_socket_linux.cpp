@@ -1,3 +1,5 @@
+// Not sd-event: a thread each for the socket and for a trace that is followed, which wait for two
+// or three descriptors in one place; as a loop's callbacks they would be longer.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>

@@ -1,3 +1,4 @@
+// Not sd-event: `receive` waits on its caller's thread, with a deadline of each call's own.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>

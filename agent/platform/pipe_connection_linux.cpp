@@ -1,3 +1,4 @@
+// Not sd-event: `flush` and `awaitCommand` wait on the thread that serves the command.
 #include "agent/platform/pipe_connection_linux.h"
 
 #include <linux/sockios.h>

@@ -1,4 +1,5 @@
-// The program: command line, signals, control socket and readiness around the agent.
+// The program: command line, signals, control socket and readiness around the agent. Not sd-event:
+// its thread waits for signals and one event, and all that needs speed is on other threads.
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>

@@ -1,3 +1,4 @@
+// Not sd-event: the one wait, for the end of a program, is on the thread that ends it.
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>

@@ -1,4 +1,6 @@
-// Waiting for a file descriptor in a way that another thread can end.
+// Waiting for a file descriptor in a way that another thread can end. Not sd-event: a command runs
+// on the thread that has read it, after one poll; a loop would add the epoll's and the timer's
+// calls.
 #pragma once
 
 #include <chrono>

@@ -3,6 +3,8 @@
 #include <exception>
 #include <iostream>
 
+#include "agent/program/wrong_configuration.h"
+
 namespace zelta::agent {
 
 namespace {
@@ -20,6 +22,9 @@ int runWithMemory(int argc, const char* const* argv) {
       log.warning("The PIN stands on the command line, where others can read it; use --pin-file");
     }
     return isAgent ? runAgent(options, log) : runControl(options);
+  } catch (const WrongConfiguration& error) {
+    log.error(error.what());
+    return kExitUsage;
   } catch (const std::exception& error) {
     if (isAgent) {
       log.error(error.what());

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 namespace zelta::agent {
@@ -9,8 +10,9 @@ namespace zelta::agent {
 namespace {
 
 std::string lostRecord(std::uint64_t count) {
-  return "{\"time_us\":" + std::to_string(toMicroseconds(TraceRecord::Clock::now())) +
-         ",\"kind\":\"lost\",\"count\":" + std::to_string(count) + "}\n";
+  const nlohmann::ordered_json json = {
+      {"time_us", toMicroseconds(TraceRecord::Clock::now())}, {"kind", "lost"}, {"count", count}};
+  return json.dump() + "\n";
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <nlohmann/json.hpp>
 
 namespace zelta::agent {
 
@@ -42,19 +43,15 @@ std::int64_t toMicroseconds(TraceRecord::Clock::time_point time) {
 
 std::string toJson(const TraceRecord& record, bool secrets) {
   const HiddenParts hidden = secrets ? HiddenParts() : record.hidden;
-  std::string json = "{\"time_us\":" + std::to_string(toMicroseconds(record.time)) +
-                     ",\"kind\":\"" + kindName(record.kind) + "\"";
+  nlohmann::ordered_json json = {{"time_us", toMicroseconds(record.time)},
+                                 {"kind", kindName(record.kind)}};
+  if (isExchange(record.kind)) json["duration_us"] = record.duration.count();
+  if (!record.command.empty()) json["command"] = toMaskedHex(record.command, hidden.command);
   if (isExchange(record.kind)) {
-    json += ",\"duration_us\":" + std::to_string(record.duration.count());
+    json["response"] = toMaskedHex(record.response, hidden.response);
+    json["masked"] = !secrets && hidesSomething(record);
   }
-  if (!record.command.empty()) {
-    json += ",\"command\":\"" + toMaskedHex(record.command, hidden.command) + "\"";
-  }
-  if (isExchange(record.kind)) {
-    json += ",\"response\":\"" + toMaskedHex(record.response, hidden.response) + "\"";
-    json += std::string(",\"masked\":") + (!secrets && hidesSomething(record) ? "true" : "false");
-  }
-  return json + "}";
+  return json.dump();
 }
 
 }  // namespace zelta::agent

@@ -1,5 +1,5 @@
-// By hand although iconv and Windows convert as well: what is not well-formed has to become the
-// same on both systems.
+// By hand although iconv, Windows and utfcpp convert as well: what is not well-formed has to become
+// the same on both systems, and utfcpp throws at lone surrogates and makes one character of many.
 #include "platform/files/utf.h"
 
 #include <cstddef>

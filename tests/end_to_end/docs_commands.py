@@ -1,5 +1,6 @@
 """The commands in the documentation: those of the blocks `sh` and `console`, which also has the
-answers, and in the text what begins with `sudo`. Other names in the text are only names."""
+answers, and in the text what begins with `sudo`, and a program with two words after it or more. With
+one it is the name of a command or of an option, and with brackets or dots a usage line."""
 
 import dataclasses
 import re
@@ -7,7 +8,10 @@ import re
 import stack
 
 _BLOCK = re.compile(r"^```(\w*)\n(.*?)^```$", re.M | re.S)
-_INLINE = re.compile(r"`(sudo\s[^`]+)`")
+_PROGRAM = (r"(?:\./zelta|zelta|zelta-\w+|scripts/[\w.-]+|ctest|curl|gpg|gpgsm|modutil|opensc-tool|"
+            r"p11tool|pcsc_scan|pkcs1[15]-\w+|ssh|ssh-\w+|strace|systemctl|systemd-analyze)")
+_INLINE = re.compile(rf"`(sudo\s[^`]+|{_PROGRAM}(?:\s+[^`\s[]+){{2,}})`")
+_NAME = re.compile(r"`(\./zelta|zelta|zelta-\w+)\s+([^`\s[]+)`")
 _COMMENT = re.compile(r"\s+#\s.*$")
 
 
@@ -79,10 +83,19 @@ def inline(page):
     return [Command(name_of(page), command, command, None) for command in found]
 
 
+def names(page):
+    """The commands and options of our own programs that the text names: (program, word)."""
+    return _NAME.findall(without_blocks(page))
+
+
 def every_command():
     return [command for page in pages()
             for command in [*(each for block in blocks(page) for each in block), *inline(page)]]
 
 
 def is_for_systemd(command):
-    return re.match(r"(sudo )?(systemctl|journalctl) ", command.text) is not None
+    return re.match(r"(sudo )?(systemctl|journalctl|systemd-analyze) ", command.text) is not None
+
+
+def is_for_package_manager(command):
+    return re.match(r"sudo (apt|dpkg|adduser) |\./zelta package ", command.text) is not None

@@ -1,8 +1,10 @@
 """Every command in the documentation is run, or stands below with the reason why it is not."""
 
+import itertools
 import os
 import pathlib
 import re
+import shlex
 import shutil
 import signal
 import subprocess
@@ -12,87 +14,32 @@ import unittest
 
 import docs_commands
 import stack
-from stack import AGENT, BUILD, SOURCE, Process, run
+from sshd import Sshd, add_users
+from stack import AGENT, BUILD, PIN, SOURCE, Process, run, wait_until
+from tls_server import TlsServer
 
 sys.path.insert(0, str(SOURCE / "scripts"))
 import screenshot  # noqa: E402  (its folder is known from here on)
 
-ZELTA_COMMAND = "tests/end_to_end/end_to_end_test.py"
-SSH = "tests/end_to_end/ssh_test.py"
-REMOTE = "tests/end_to_end/remote_test.py"
-TLS = "tests/end_to_end/tls_test.py"
-EXAMPLES = "tests/examples/examples_test.py"
 PACKAGE = "tests/packaging/debian/package_test.py"
 OPENSC = "/usr/lib/x86_64-linux-gnu/opensc-pkcs11.so"
 
-# Commands that are not run here: why, and a file with the text there that covers them instead.
-LISTED = {
+# Commands that are not run: why, and a file with the text there that covers them instead.
+EXCUSED = {
     "README.md": {
-        "./zelta up": ("stays until Ctrl-C", ZELTA_COMMAND, "test_up_stays_until_interrupted"),
-        "./zelta test": ("runs this test, too", ".ci/run", "./zelta check"),
-    },
-    "CONTRIBUTING.md": {
-        "cmake --preset release && cmake --build --preset release":
-            ("builds all of what is tested here", "scripts/common.sh", "cmake --build"),
-        "ctest --preset release -R '^Reader'":
-            ("runs other tests", "scripts/test.sh", 'ctest "${arguments[@]}"'),
-        "cmake -DSOURCE=$PWD -P cmake/CheckLayers.cmake":
-            ("is a test of its own", "tests/layers/layers_test.py", "CheckLayers.cmake"),
-    },
-    "docs/agent.md": {
-        "zelta-agent": ("stays", "tests/end_to_end/docs_test.py", "self.start(AGENT"),
-        "zelta-agent --db FOLDER --pin-file FILE":
-            ("stays", "tests/end_to_end/stack.py", '"--db", self.folder / "card", "--pin-file"'),
-        'zelta-agent --backend pcsc --pcsc-reader "NAME"':
-            ("needs a real reader", "tests/agent/card/pcsc_card_test.cpp", "CardOfTheRealReader"),
-        "zelta-agent --backend script --script FILE":
-            ("stays", ZELTA_COMMAND, '"--backend", "script"'),
-        "zelta-agent --to ssh://HOST": ("stays", REMOTE, '"--to", f"ssh://'),
+        "./zelta test": ("runs the suite that this test is in", ".ci/run", "./zelta check"),
     },
     "docs/operation.md": {
-        "./zelta package dist":
-            ("builds everything once more", "tests/packaging/debian/CMakeLists.txt", "package.sh"),
-        "sudo apt install ./dist/zelta-vsc_*.deb":
-            ("changes the system", PACKAGE, 'self.dpkg("--install", "/tmp/zelta.deb")'),
-        "cmake -S . -B build && cmake --build build --parallel":
-            ("builds all of what is tested here", "scripts/common.sh", "cmake --build"),
-        "ctest --preset release": ("runs this test, too", "scripts/test.sh", "ctest"),
-        "sudo apt remove zelta-vsc":
-            ("changes the system", PACKAGE, 'self.dpkg("--remove", "zelta-vsc")'),
-        "sudo apt purge zelta-vsc":
-            ("changes the system", PACKAGE, 'self.dpkg("--purge", "zelta-vsc")'),
+        "ctest --preset release":
+            ("runs the suite that this test is in", "scripts/test.sh", 'ctest "${arguments[@]}"'),
+        "scripts/fuzz.sh --seconds N":
+            ("builds everything with clang", "scripts/check.sh", "scripts/fuzz.sh"),
     },
-    "docs/own-cards.md": {
-        "sudo examples/yaml_agent.py examples/card.yaml":
-            ("stays", EXAMPLES, 'EXAMPLES / "yaml_agent.py", EXAMPLES / "card.yaml"'),
-        "g++ -std=c++17 hello_card.cpp $(pkg-config --cflags --libs zelta-agent) -o hello_card":
-            ("needs the library installed", EXAMPLES, '"pkg-config", f"--define-variable=prefix'),
-    },
-    "docs/programs.md": {
-        f"ssh -o PKCS11Provider={OPENSC} USER@HOST":
-            ("needs a server", SSH, "test_login_with_the_cards_key"),
-        f"ssh-add -s {OPENSC}": ("asks for the PIN", SSH, "test_agent_of_ssh_keeps_the_card"),
-        "curl --engine pkcs11 --cert-type ENG --cert 'pkcs11:id=%00%01;type=cert' "
-        "--key-type ENG --key 'pkcs11:id=%00%01;type=private' https://HOST/":
-            ("needs a server", TLS, "class Curl"),
-        f"modutil -dbdir sql:PROFILE -force -add OpenSC -libfile {OPENSC}":
-            ("needs a profile", TLS, "test_it_asks_for_the_pin"),
-    },
-    "docs/remote.md": {
-        'zelta-agent --to ssh://me@host.example --backend pcsc --pcsc-reader "NAME"':
-            ("needs a real reader", REMOTE, '"--to", f"ssh://'),
+    "docs/performance.md": {
+        "strace -c -f": ("is what a benchmark calls", "benchmarks/measurements.py", '"strace", "-c", "-f"'),
     },
     "docs/reliability.md": {
         "./zelta soak 2": ("takes two minutes", "scripts/check.sh", "./zelta soak 2"),
-    },
-    "docs/troubleshooting.md": {
-        "sudo dpkg --force-confmiss --install zelta-vsc_*.deb":
-            ("changes the system", PACKAGE, '"--force-confmiss", "--install"'),
-        "sudo adduser USER zelta": ("needs a user", PACKAGE, '"--regid=zelta"'),
-        f"ssh -v -o PKCS11Provider={OPENSC} USER@HOST":
-            ("needs a server", SSH, "test_login_with_the_cards_key"),
-        "modutil -dbdir sql:PROFILE -list":
-            ("needs a profile", "docs/programs.md", "modutil -dbdir sql:$HOME/.pki/nssdb -list"),
     },
     "docs/windows.md": {
         "cmake --preset windows && cmake --build --preset windows && ctest --preset windows":
@@ -115,8 +62,8 @@ LISTED = {
             ("needs the Windows build", "tests/wine_prefix.sh", "wineserver"),
     },
 }
-# Run by the package's tests, beside systemd.
-FOR_SYSTEMD = (PACKAGE, "is_for_systemd")
+# What the package's tests run, in a copy of the system, with systemd or without.
+OF_THE_PACKAGE = (docs_commands.is_for_systemd, docs_commands.is_for_package_manager)
 
 # What the troubleshooting page quotes of other programs.
 MESSAGES_OF_OTHERS = {
@@ -128,25 +75,63 @@ MESSAGES_OF_OTHERS = {
 PRODUCT = ("agent", "agent_link", "driver", "host", "pcsc", "reader")
 
 # Follows until it is interrupted.
-STAYS = {"./zelta logs --level error", "./zelta trace", "sudo zelta trace", "sudo zelta-logs"}
+STAYS = {"./zelta logs --level error", "./zelta trace", "./zelta trace --html page.html",
+         "sudo zelta trace", "sudo zelta-logs"}
+# Brings a card until it is ended.
+BRINGS_A_CARD = re.compile(r"zelta-agent(?! ctl)|sudo examples/")
+# Asks for the PIN on the terminal, and nowhere else.
+ASKS_FOR_THE_PIN = re.compile(r"curl ")
 # What the text before a command supposes.
-FIRST = {"sudo zelta card insert": "sudo zelta card remove"}
+NEW_PROFILE = "rm -rf PROFILE; mkdir PROFILE; certutil -N -d sql:PROFILE --empty-password"
+FIRST = {
+    "sudo zelta card insert": "sudo zelta card remove",
+    "zelta-agent --db FOLDER --pin-file FILE": f"cp -r /var/lib/zelta/card FOLDER; echo {PIN} >FILE",
+    "zelta-agent --backend script --script FILE": "cp packaging/windows/card.txt FILE",
+    "zelta trace FILE": "timeout 1 zelta trace --save FILE || true",
+    "modutil -dbdir sql:PROFILE -list": NEW_PROFILE,
+    f"modutil -dbdir sql:PROFILE -force -add OpenSC -libfile {OPENSC}": NEW_PROFILE,
+    "g++ -std=c++17 hello_card.cpp $(pkg-config --cflags --libs zelta-agent) -o hello_card":
+        f"cmake --install {BUILD} --component development; cd examples",
+}
+# What puts it back.
+THEN = {"zelta card remove": "zelta card insert", f"ssh-add -s {OPENSC}": f"ssh-add -e {OPENSC}"}
+# In the place of the build tool: plans the build that a command asks for, and then gives the folder
+# the tests of the build that this one belongs to.
+PLANNING_NINJA = f"""#!/bin/sh
+[ $# -eq 0 ] || exec /usr/bin/ninja "$@"  # what configuring asks for
+/usr/bin/ninja -t commands >/dev/null && echo 'subdirs("{BUILD}")' >CTestTestfile.cmake
+"""
 
 
 def is_run(command):
-    return not (docs_commands.is_for_systemd(command)
-                or command.text in LISTED.get(command.page, {}))
+    return not (any(belongs(command) for belongs in OF_THE_PACKAGE)
+                or command.text in EXCUSED.get(command.page, {}))
 
 
 class DocumentedCommands(unittest.TestCase):
-    def test_listed_commands_are_in_the_docs_and_covered(self):
+    def test_excused_commands_are_in_the_docs_and_covered(self):
         found = {(command.page, command.text) for command in docs_commands.every_command()}
-        for page, commands in LISTED.items():
+        for page, commands in EXCUSED.items():
             for text, (_, file, covering) in commands.items():
                 self.assertIn((page, text), found)
                 self.assertIn(covering, (SOURCE / file).read_text(), f"{text}: {file}")
-        file, covering = FOR_SYSTEMD
-        self.assertIn(covering, (SOURCE / file).read_text())
+
+    def test_special_cases_are_in_the_docs(self):
+        found = {command.text for command in docs_commands.every_command()}
+        self.assertEqual({*STAYS, *FIRST, *THEN} - found, set())
+
+    def test_commands_for_a_whole_system_are_run_by_the_packages_test(self):
+        text = (SOURCE / PACKAGE).read_text()
+        for belongs in OF_THE_PACKAGE:
+            self.assertTrue(f"docs_commands.{belongs.__name__}" in text, belongs.__name__)
+
+    def test_names_of_our_commands_and_options_exist(self):
+        programs = {"./zelta": SOURCE / "zelta", "zelta": SOURCE / "packaging" / "zelta"}
+        for page in docs_commands.pages():
+            for program, word in docs_commands.names(page):
+                path = programs.get(program, BUILD / "bin" / program)
+                self.assertRegex(run(path, "--help").stdout, rf"(?m)^ .*(?<![\w-]){word}(?![\w-])",
+                                 f"{page}: {program} {word}")
 
     def test_commands_of_another_system_are_on_its_page_only(self):
         for page in docs_commands.pages():
@@ -177,47 +162,67 @@ class DocumentedCommands(unittest.TestCase):
 
 
 class PagesTest(unittest.TestCase):
-    """Changes /etc and /var for this process and its children only."""
+    """Changes /etc, /var, /usr/local and the checkout for this process and its children only."""
+
+    @classmethod
+    def setUpClass(cls):
+        stack.enter_namespace()
 
     def setUp(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(dir="/run"))
         self.addCleanup(shutil.rmtree, self.folder)
-        for name in ("etc", "var"):
-            changes, work = self.new_folder(f"{name}-changes"), self.new_folder(f"{name}-work")
-            run("mount", "-t", "overlay", "overlay", "-o",
-                f"lowerdir=/{name},upperdir={changes},workdir={work}", f"/{name}")
-            self.addCleanup(run, "umount", "--lazy", f"/{name}")
-        programs = self.new_folder("programs")
+        self.programs = self.new_folder("programs")
         tools = [BUILD / "bin" / f"zelta-{name}" for name in ("logs", "status", "trace")]
         for program in (SOURCE / "packaging" / "zelta", AGENT, *tools):
-            (programs / program.name).symlink_to(program)
-        (programs / "sudo").write_text('#!/bin/sh\nexec "$@"\n')  # these tests run as root
-        (programs / "sudo").chmod(0o755)
-        # What commands leave in the checkout is left here.
+            (self.programs / program.name).symlink_to(program)
+        self.add_program("sudo", '#!/bin/sh\nexec "$@"\n')  # these tests run as root
         self.checkout = self.new_folder("checkout")
-        for entry in SOURCE.iterdir():
-            (self.checkout / entry.name).symlink_to(entry)
+        for changed, shown_at in (("/etc", "/etc"), ("/var", "/var"), ("/usr/local", "/usr/local"),
+                                  (SOURCE, self.checkout)):
+            name = pathlib.Path(changed).name
+            changes, work = self.new_folder(f"{name}-changes"), self.new_folder(f"{name}-work")
+            self.mount(shown_at, "-t", "overlay", "overlay", "-o",
+                       f"lowerdir={changed},upperdir={changes},workdir={work}")
+        # As in a new checkout.
+        (self.checkout / "build").mkdir(exist_ok=True)
+        self.mount(self.checkout / "build", "-t", "tmpfs", "tmpfs")
         self.environment = dict(os.environ, HOME=str(self.new_folder("home")), LC_ALL="C.UTF-8",
-                                PATH=f"{programs}:{os.environ['PATH']}")
+                                PATH=f"{self.programs}:{os.environ['PATH']}", CMAKE_GENERATOR="Ninja")
+        self.environment.pop("XDG_RUNTIME_DIR", None)
         self.addCleanup(run, "gpgconf", "--kill", "all", env=self.environment)
+
+    def mount(self, folder, *words):
+        stack.mount(*words, folder)
+        self.addCleanup(run, "umount", "--lazy", folder)
 
     def new_folder(self, name):
         folder = self.folder / name
         folder.mkdir(mode=0o755)
         return folder
 
-    def start(self, *command):
-        process = Process(command, self.folder / "background.log", self.environment)
+    def add_program(self, name, script):
+        (self.programs / name).write_text(script)
+        (self.programs / name).chmod(0o755)
+
+    def start(self, *command, **variables):
+        process = Process(command, self.folder / "background.log",
+                          dict(self.environment, **variables), cwd=self.checkout)
         self.addCleanup(process.end)
+        return process
+
+    def source_of(self, command):
+        if command.text in STAYS:
+            return f"status=0; timeout 1 {command.text} || status=$?; [ $status -eq 124 ]"
+        if ASKS_FOR_THE_PIN.match(command.text):
+            return f"script --quiet --return --command {shlex.quote(command.source)} /dev/null <<<{PIN}"
+        return command.source
 
     def run_block(self, block):
         """In one shell, as somebody who pastes it."""
         script = ["set -e -o pipefail"]
         for number, command in enumerate(block):
-            source = command.source
-            if command.text in STAYS:
-                source = f"status=0; timeout 1 {command.text} || status=$?; [ $status -eq 124 ]"
-            script += [FIRST.get(command.text, ""), f"printf '<<{number}>>\\n'", source]
+            script += [FIRST.get(command.text, ""), f"printf '<<{number}>>\\n'",
+                       self.source_of(command), THEN.get(command.text, "")]
         result = run("bash", "-c", "\n".join(script), check=False, cwd=self.checkout,
                      env=self.environment, stdin=subprocess.DEVNULL, errors="backslashreplace")
         answers = re.split(r"<<\d+>>\n", result.stdout)[1:]
@@ -228,14 +233,19 @@ class PagesTest(unittest.TestCase):
             if command.answer is not None:
                 self.assertRegex(answer, pattern_of(command.answer), command.text)
 
-    def run_page(self, page):
+    def run_page(self, page, chosen=is_run):
         """Gives how many commands were run."""
         count = 0
         alone = ([command] for command in docs_commands.inline(page))
-        for block in [*docs_commands.blocks(page), *alone]:
-            to_run = [command for command in block if is_run(command)]
-            if to_run:
-                self.run_block(to_run)
+        for block in [*alone, *docs_commands.blocks(page)]:
+            to_run = [command for command in block if chosen(command)]
+            for brings, commands in itertools.groupby(
+                    to_run, lambda command: bool(BRINGS_A_CARD.match(command.text))):
+                if brings:
+                    for command in commands:
+                        self.run_agent(command)
+                else:
+                    self.run_block(list(commands))
             count += len(to_run)
         return count
 
@@ -251,6 +261,24 @@ class DocumentedPages(PagesTest):
 
     def setUp(self):
         super().setUp()
+        self.add_program("ninja", PLANNING_NINJA)
+        # With the names that the pages have.
+        add_users("me", "USER", group="zelta", members=["me"])
+        self.start_real_reader()
+        self.start_reader()
+        self.offer_ssh()
+        self.offer_tls()
+
+    def start_real_reader(self):
+        """That of another pcscd, which has left the usual place to the first."""
+        self.real = self.enterContext(stack.Stack())
+        self.real.environment["ZELTA_PIPE_ROOT"] = str(self.real.folder / "pipe")
+        self.real.start()
+        self.real.wait_for_card()
+        os.rename("/run/pcscd", "/run/real")
+        os.mkdir("/run/pcscd")
+
+    def start_reader(self):
         entry = (SOURCE / "packaging" / "reader.conf.in").read_text()
         handler = str(BUILD / "lib" / "libifdzelta.so")
         os.makedirs("/etc/reader.conf.d", exist_ok=True)
@@ -263,25 +291,87 @@ class DocumentedPages(PagesTest):
         stack.make_demo_card("/var/lib/zelta/card")
         os.makedirs("/run/zelta-agent0")
         self.start("pcscd", "--foreground")
-        stack.wait_until(lambda: os.path.exists("/run/pcscd/pcscd.comm"), "pcscd's socket")
-        self.start(AGENT, "--control", "/run/zelta-agent0/control")
-        stack.wait_until(lambda: run("opensc-tool", "--atr", check=False).returncode == 0, "a card")
+        wait_until(lambda: os.path.exists("/run/pcscd/pcscd.comm"), "pcscd's socket")
+        self.start_agent()
+
+    def start_agent(self):
+        self.agent = self.start(AGENT, "--control", "/run/zelta-agent0/control")
+        self.wait_for_card()
+
+    def wait_for_card(self):
+        wait_until(lambda: run("opensc-tool", "--atr", check=False).returncode == 0, "a card")
+
+    def offer_ssh(self):
+        """The pages' hosts are this one. `me` and root have a key there, USER that of the card."""
+        run("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", self.folder / "key")
+        for user in ("me", "root"):
+            shutil.copy(self.folder / "key.pub", self.folder / f"authorized.{user}")
+        (self.folder / "authorized.USER").write_text(run("ssh-keygen", "-D", OPENSC).stdout)
+        self.sshd = Sshd(self.folder, self.folder / "authorized.%u",
+                         f"SetEnv PATH={BUILD / 'bin'}:/usr/bin:/bin")
+        (self.folder / "ssh_config").write_text(
+            f"HostName 127.0.0.1\nPort {self.sshd.port}\nStrictHostKeyChecking yes\n"
+            f"UserKnownHostsFile {self.folder}/known\n"
+            f"Match user me,root\nIdentityFile {self.folder}/key\nIdentitiesOnly yes\n")
+        self.add_program("ssh", f'#!/bin/sh\nexec /usr/bin/ssh -F {self.folder}/ssh_config "$@"\n')
+        self.add_program("askpass", f"#!/bin/sh\necho {PIN}\n")
+        self.environment.update(SSH_ASKPASS=str(self.programs / "askpass"),
+                                SSH_ASKPASS_REQUIRE="force",
+                                SSH_AUTH_SOCK=str(self.folder / "ssh-agent"))
+        self.start("ssh-agent", "-D", "-a", self.folder / "ssh-agent")
+        wait_until((self.folder / "ssh-agent").exists, "ssh-agent's socket")
+
+    def offer_tls(self):
+        self.server = TlsServer(self.folder, pathlib.Path("/var/lib/zelta/card/ca.pem"))
+        (self.folder / "home" / ".curlrc").write_text(
+            f'cacert = "{self.folder}/authority.pem"\n'
+            f'connect-to = "HOST:443:127.0.0.1:{self.server.port}"\n')
+
+    def run_agent(self, command):
+        """In the place of the one that is there."""
+        self.agent.end()
+        wait_until(lambda: run("opensc-tool", "--atr", check=False).returncode != 0, "no card")
+        source, variables = command.source, {}
+        if "--pcsc-reader" in source:
+            source = source.replace('"NAME"', "'Zelta Virtual SmartCard Reader 00 00'")
+            variables = {"PCSCLITE_CSOCK_NAME": "/run/real/pcscd.comm"}
+        agent = self.start("bash", "-c", f"{FIRST.get(command.text, ':')}; exec {source}", **variables)
+        try:
+            self.wait_for_card()
+        except AssertionError:
+            self.fail(f"{command.page}: {command.text}: {agent.log.read_text()[-2000:]}")
+        self.assertIsNone(agent.process.poll(), command.text)
+        agent.end()
+        self.start_agent()
 
     def test_commands_of_the_pages_work(self):
         counts = {page.name: self.run_page(page) for page in docs_commands.pages()
                   if page.name != "README.md"}
         for name in ("agent.md", "operation.md", "programs.md", "troubleshooting.md"):
             self.assertGreater(counts[name], 0, name)
+        self.assertGreater(self.run_page(SOURCE / "README.md", is_for_an_agent), 0)
+        self.assertIn("Accepted publickey for USER", self.sshd.log.read_text())
+        self.assertEqual(self.server.clients, ["Demo Card Authentication"])
+
+
+def is_for_an_agent(command):
+    return BRINGS_A_CARD.match(command.text)
 
 
 class ReadmePage(PagesTest):
-    """While `./zelta up` is up."""
+    """The README, in a checkout where everything is installed and built."""
+
+    UP, CHECK = "./zelta up", "./zelta up --check"
 
     def setUp(self):
         super().setUp()
-        self.up = subprocess.Popen([SOURCE / "zelta", "up", "--run-only"], text=True,
-                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                   stderr=subprocess.STDOUT)
+        self.add_program("dpkg-query", "#!/bin/sh\necho installed\n")
+        self.add_program("cmake", "#!/bin/sh\n")
+
+    def bring_up(self):
+        self.up = subprocess.Popen(self.UP.split(), text=True, cwd=self.checkout,
+                                   env=self.environment, stdin=subprocess.DEVNULL,
+                                   stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         self.addCleanup(self.end_up)
         self.lines = []
         for line in self.up.stdout:
@@ -295,17 +385,26 @@ class ReadmePage(PagesTest):
             self.up.send_signal(signal.SIGTERM)
         self.up.communicate(timeout=stack.LIMIT)
 
-    def test_commands_of_the_readme_work_while_the_reader_is_up(self):
-        self.assertGreater(self.run_page(SOURCE / "README.md"), 5)
+    def is_run_while_it_is_up(self, command):
+        return (is_run(command) and not is_for_an_agent(command)
+                and command.text not in (self.UP, self.CHECK))
+
+    def test_commands_of_the_readme_work(self):
+        readme = SOURCE / "README.md"
+        self.assertEqual(self.run_page(readme, lambda command: command.text == self.CHECK), 1)
+        self.assertIn(self.UP, [command.text for block in docs_commands.blocks(readme)
+                                for command in block])
+        self.bring_up()
+        self.assertGreater(self.run_page(readme, self.is_run_while_it_is_up), 5)
         self.assertEqual((self.checkout / "signature").stat().st_size, 256)
+        self.assertIn("<html", (self.checkout / "page.html").read_text())
         self.assertEqual(self.up.wait(stack.LIMIT), 0)  # `./zelta down` was the last one
 
     def test_picture_shows_what_up_prints(self):
+        self.bring_up()
         shown = screenshot.lines_of((SOURCE / "docs" / "up.svg").read_text())
-        self.assertEqual(shown[:2], ["$ ./zelta up", "==> Building (release)"])
-        self.assertEqual(shown[2:], self.lines)
+        self.assertEqual(shown, [f"$ {self.UP}", *self.lines])
 
 
 if __name__ == "__main__":
-    stack.enter_namespace()
     unittest.main(verbosity=2)

@@ -8,6 +8,10 @@ import stack
 from stack import PIN, CardTest
 
 
+def setUpModule():
+    stack.enter_namespace()
+
+
 class GnuPgTest(CardTest):
     def setUp(self):
         super().setUp()
@@ -87,5 +91,4 @@ class GnupgPkcs11Scd(GnuPgTest):
 
 
 if __name__ == "__main__":
-    stack.enter_namespace()
     unittest.main(verbosity=2)

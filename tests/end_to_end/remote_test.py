@@ -34,6 +34,10 @@ def far_agents():
     return found
 
 
+def setUpModule():
+    stack.enter_namespace()
+
+
 class RemoteTest(StackTest):
     @classmethod
     def setUpClass(cls):
@@ -190,5 +194,4 @@ class BrokenRemoteLine(RemoteTest):
 
 
 if __name__ == "__main__":
-    stack.enter_namespace()
     unittest.main(verbosity=2)

@@ -10,6 +10,10 @@ from stack import PIN, CardTest
 USER = "cardholder"
 
 
+def setUpModule():
+    stack.enter_namespace()
+
+
 class Ssh(CardTest):
     @classmethod
     def setUpClass(cls):
@@ -61,5 +65,4 @@ class Ssh(CardTest):
 
 
 if __name__ == "__main__":
-    stack.enter_namespace()
     unittest.main(verbosity=2)

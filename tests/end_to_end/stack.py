@@ -77,8 +77,7 @@ def run(*command, check=True, **options):
         stdout=subprocess.PIPE,
         stderr=subprocess.STDOUT,
         text=True,
-        timeout=LIMIT,
-        **options,
+        **{"timeout": LIMIT, **options},
     )
     if check and result.returncode != 0:
         raise AssertionError(f"{command} ended with {result.returncode}:\n{result.stdout}")

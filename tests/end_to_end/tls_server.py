@@ -18,7 +18,7 @@ def make_certificate(folder):
     new("authority", "-subj", "/CN=Test of TLS")
     new("server", "-subj", "/CN=localhost", "-CA", "authority.pem", "-CAkey", "authority.key",
         "-addext", "basicConstraints=critical,CA:FALSE",
-        "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1")
+        "-addext", "subjectAltName=DNS:localhost,DNS:HOST,IP:127.0.0.1")
 
 
 class TlsServer:

@@ -11,6 +11,10 @@ from tls_server import PAGE, TlsServer
 OWNER = "Demo Card Authentication"
 
 
+def setUpModule():
+    stack.enter_namespace()
+
+
 class TlsTest(CardTest):
     def setUp(self):
         super().setUp()
@@ -72,5 +76,4 @@ class FirefoxTls(TlsTest):
 
 
 if __name__ == "__main__":
-    stack.enter_namespace()
     unittest.main(verbosity=2)

@@ -12,6 +12,10 @@ LABELS = ("CAC ID Certificate", "CAC Email Signature Certificate",
 AUTHENTICATION, SIGNATURE, ENCRYPTION = "0001", "0002", "0003"
 
 
+def setUpModule():
+    stack.enter_namespace()
+
+
 class Pkcs11Tool(CardTest):
     def pkcs11(self, *words, **options):
         return self.run_here("pkcs11-tool", "--module", stack.pkcs11_module(), *words, **options)
@@ -103,5 +107,4 @@ class Certutil(CardTest):
 
 
 if __name__ == "__main__":
-    stack.enter_namespace()
     unittest.main(verbosity=2)

@@ -27,6 +27,10 @@ def exchanges(path):
             if record["kind"] == "transmit"]
 
 
+def setUpModule():
+    stack.enter_namespace()
+
+
 class Status(CardTest):
     def status(self, *options, check=True):
         return run(STATUS, "--control", self.stack.control, *options,
@@ -228,5 +232,4 @@ class Page(StackTest):
 
 
 if __name__ == "__main__":
-    stack.enter_namespace()
     unittest.main(verbosity=2)

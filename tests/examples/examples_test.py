@@ -47,6 +47,10 @@ def send(*apdus):
     return responses
 
 
+def setUpModule():
+    stack.enter_namespace()
+
+
 class Examples(stack.StackTest):
     def setUp(self):
         super().setUp()
@@ -142,5 +146,4 @@ class Examples(stack.StackTest):
 
 
 if __name__ == "__main__":
-    stack.enter_namespace()
     unittest.main(verbosity=2)

@@ -130,7 +130,7 @@ class OrdinaryUser(CheckoutTest):
                 (["--db", closed], f"the card database in {closed}: Permission denied")):
             self.temporary.chmod(0o777)
             output = self.as_nobody("zelta-agent", "--control", self.temporary / "control", *words,
-                                    code=1)
+                                    code=2)
             self.assertTrue(output.endswith(f"Z error: {problem}\n"), output)
 
     def test_systems_logs_without_the_group_are_explained(self):

@@ -1,3 +1,4 @@
+// Not sd-event: one poll of inotify and signals, between two rounds of the caller's loop.
 #include "tools/logs/log_folder.h"
 
 #include <fcntl.h>

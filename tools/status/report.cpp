@@ -4,12 +4,16 @@
 #include <optional>
 
 #include "contract/bytes.h"
-#include "contract/json.h"
+#include "tools/trace/agent_json.h"
 #include "tools/trace/atr.h"
 
 namespace zelta::status {
 
 namespace {
+
+using trace::Json;
+using trace::parseObject;
+using trace::textOf;
 
 constexpr std::size_t kLabelWidth = 11;
 constexpr std::size_t kAtrLabelWidth = 12;
@@ -22,18 +26,13 @@ std::string row(const std::string& label, const std::string& value) {
   return padded(label + ":", kLabelWidth) + (value.empty() ? "-" : value) + "\n";
 }
 
-std::string valueOf(const JsonObject& object, const char* name) {
-  const auto found = object.find(name);
-  return found == object.end() || found->second == "null" ? std::string() : found->second;
-}
-
-std::string counted(const JsonObject& agent, const char* name, const std::string& one) {
-  const std::string count = valueOf(agent, name);
+std::string counted(const Json& agent, const char* name, const std::string& one) {
+  const std::string count = textOf(agent, name);
   return (count.empty() ? "-" : count) + " " + one + (count == "1" ? "" : "s");
 }
 
-Bytes atrOf(const View& view, const JsonObject& agent) {
-  const std::optional<Bytes> agents = parseHex(valueOf(agent, "atr"));
+Bytes atrOf(const View& view, const Json& agent) {
+  const std::optional<Bytes> agents = parseHex(textOf(agent, "atr"));
   return agents && !agents->empty() ? *agents : view.pcsc.atr;
 }
 
@@ -41,26 +40,22 @@ std::string withProblem(const std::string& value, const std::string& problem) {
   return value.empty() && !problem.empty() ? "- (" + problem + ")" : value;
 }
 
-JsonObject parsed(const View& view) {
-  return parseJsonObject(view.agentJson).value_or(JsonObject());
-}
-
-std::string textOrNull(const std::string& text) { return text.empty() ? "null" : quoteJson(text); }
+Json textOrNull(const std::string& text) { return text.empty() ? Json() : Json(text); }
 
 }  // namespace
 
 std::string reportText(const View& view) {
-  const JsonObject agent = parsed(view);
+  const Json agent = parseObject(view.agentJson);
   std::string text;
   if (!view.agentProblem.empty()) text += row("agent", view.agentProblem);
-  if (!agent.empty()) text += row("reader", valueOf(agent, "reader"));
+  if (!agent.empty()) text += row("reader", textOf(agent, "reader"));
   text += row("name", withProblem(view.pcsc.reader, view.pcsc.problem));
   text += row("state", withProblem(view.pcsc.state, view.pcsc.problem));
   text += row("protocol", view.pcsc.protocol);
   if (!agent.empty()) {
-    text += row("driver", valueOf(agent, "connected") == "true" ? "connected" : "not connected");
-    text += row("back end", valueOf(agent, "backend"));
-    text += row("card", valueOf(agent, "card"));
+    text += row("driver", textOf(agent, "connected") == "true" ? "connected" : "not connected");
+    text += row("back end", textOf(agent, "backend"));
+    text += row("card", textOf(agent, "card"));
   }
   const Bytes atr = atrOf(view, agent);
   text += row("ATR", atr.empty() ? "not known" : toHex(atr));
@@ -70,7 +65,7 @@ std::string reportText(const View& view) {
     }
   }
   if (!agent.empty()) {
-    text += row("session", valueOf(agent, "session_id"));
+    text += row("session", textOf(agent, "session_id"));
     text +=
         row("counts", counted(agent, "apdus", "APDU") + ", " + counted(agent, "errors", "error") +
                           ", " + counted(agent, "timeouts", "time-out") + ", " +
@@ -80,19 +75,18 @@ std::string reportText(const View& view) {
 }
 
 std::string reportJson(const View& view) {
-  std::string json = view.agentJson;
-  const std::size_t end = json.rfind('}');
-  json = end == std::string::npos ? "{\"agent\":null," : json.substr(0, end) + ",";
-  json += "\"name\":" + textOrNull(view.pcsc.reader) + ",\"state\":" + textOrNull(view.pcsc.state) +
-          ",\"protocol\":" + textOrNull(view.pcsc.protocol) +
-          ",\"log_file\":" + textOrNull(view.logFile) + ",\"atr_decoded\":";
-  const Bytes atr = atrOf(view, parsed(view));
-  if (atr.empty()) return json + "null}\n";
-  std::string members;
-  for (const auto& [name, value] : trace::describeAtr(atr)) {
-    members += (members.empty() ? "" : ",") + quoteJson(name) + ":" + quoteJson(value);
+  const Json agent = parseObject(view.agentJson);
+  Json json = agent.is_null() ? Json::object({{"agent", nullptr}}) : agent;
+  json["name"] = textOrNull(view.pcsc.reader);
+  json["state"] = textOrNull(view.pcsc.state);
+  json["protocol"] = textOrNull(view.pcsc.protocol);
+  json["log_file"] = textOrNull(view.logFile);
+  Json& decoded = json["atr_decoded"];
+  const Bytes atr = atrOf(view, agent);
+  if (!atr.empty()) {
+    for (const auto& [name, value] : trace::describeAtr(atr)) decoded[name] = value;
   }
-  return json + "{" + members + "}}\n";
+  return trace::dumpLine(json) + "\n";
 }
 
 }  // namespace zelta::status

@@ -1,3 +1,4 @@
+// Not sd-event: one poll of socket and signals, between two lines of the caller's loop.
 #include "tools/trace/agent_lines.h"
 
 #include <poll.h>

@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "contract/json.h"
+#include "tools/trace/agent_json.h"
 #include "tools/trace/page_template.h"
 
 namespace zelta::trace {
@@ -19,32 +19,22 @@ std::string forScript(std::string json) {
   return json;
 }
 
-const char* asJson(bool value) { return value ? "true" : "false"; }
-
-std::string toJson(const Record& record, const Words& words) {
-  std::string details;
-  for (const auto& [name, value] : words.details) {
-    details += (details.empty() ? "[" : ",[") + quoteJson(name) + "," + quoteJson(value) + "]";
-  }
-  return "{\"time\":" + std::to_string(record.time) +
-         ",\"duration\":" + std::to_string(record.duration) +
-         ",\"kind\":" + quoteJson(record.kind) + ",\"exchange\":" + asJson(record.isExchange()) +
-         ",\"good\":" + asJson(words.good) + ",\"connected\":" + asJson(record.connected) +
-         ",\"card\":" + quoteJson(record.card) + ",\"what\":" + quoteJson(words.what) +
-         ",\"answer\":" + quoteJson(words.answer) + ",\"details\":[" + details + "]}";
+Json toJson(const Record& record, const Words& words) {
+  return {{"time", record.time},    {"duration", record.duration},
+          {"kind", record.kind},    {"exchange", record.isExchange()},
+          {"good", words.good},     {"connected", record.connected},
+          {"card", record.card},    {"what", words.what},
+          {"answer", words.answer}, {"details", words.details}};
 }
 
 }  // namespace
 
 std::string makePage(const std::vector<Record>& records) {
   Reader reader;
-  std::string json;
-  for (const Record& record : records) {
-    json += (json.empty() ? "[" : ",\n") + toJson(record, reader.describe(record));
-  }
+  Json all = Json::array();
+  for (const Record& record : records) all.push_back(toJson(record, reader.describe(record)));
   std::string page = kPage;
-  return page.replace(page.find(kPlace), kPlace.size(),
-                      forScript(json.empty() ? "[]" : json + "]"));
+  return page.replace(page.find(kPlace), kPlace.size(), forScript(dumpLine(all)));
 }
 
 }  // namespace zelta::trace

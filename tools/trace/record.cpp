@@ -5,8 +5,8 @@
 #include <cstdlib>
 
 #include "contract/bytes.h"
-#include "contract/json.h"
 #include "tools/logs/terminal_text.h"
+#include "tools/trace/agent_json.h"
 #include "tools/trace/atr.h"
 
 namespace zelta::trace {
@@ -44,13 +44,8 @@ constexpr Event kEvents[] = {
     {"atr", "ATR"},
 };
 
-std::string valueOf(const JsonObject& object, const char* name) {
-  const auto found = object.find(name);
-  return found == object.end() || found->second == "null" ? std::string() : found->second;
-}
-
-std::int64_t numberOf(const JsonObject& object, const char* name) {
-  return std::strtoll(valueOf(object, name).c_str(), nullptr, 10);
+std::int64_t numberOf(const Json& object, const char* name) {
+  return std::strtoll(textOf(object, name).c_str(), nullptr, 10);
 }
 
 bool isHexText(const std::string& digits) {
@@ -79,23 +74,23 @@ void addAtr(Words& words, const HexText& atr) {
 }  // namespace
 
 std::optional<Record> parseRecord(std::string_view line) {
-  const std::optional<JsonObject> object = parseJsonObject(line);
-  if (!object || object->count("time_us") == 0 || object->count("kind") == 0) return std::nullopt;
+  const Json object = parseObject(line);
+  if (!object.contains("time_us") || !object.contains("kind")) return std::nullopt;
   Record record;
-  record.kind = valueOf(*object, "kind");
-  record.time = numberOf(*object, "time_us");
-  record.duration = std::max<std::int64_t>(numberOf(*object, "duration_us"), 0);
-  record.masked = valueOf(*object, "masked") == "true";
-  record.count = static_cast<std::uint64_t>(numberOf(*object, "count"));
-  record.reader = valueOf(*object, "reader");
-  record.backend = valueOf(*object, "backend");
-  record.card = valueOf(*object, "card");
-  record.session = valueOf(*object, "session_id");
-  record.connected = valueOf(*object, "connected") == "true";
+  record.kind = textOf(object, "kind");
+  record.time = numberOf(object, "time_us");
+  record.duration = std::max<std::int64_t>(numberOf(object, "duration_us"), 0);
+  record.masked = textOf(object, "masked") == "true";
+  record.count = static_cast<std::uint64_t>(numberOf(object, "count"));
+  record.reader = textOf(object, "reader");
+  record.backend = textOf(object, "backend");
+  record.card = textOf(object, "card");
+  record.session = textOf(object, "session_id");
+  record.connected = textOf(object, "connected") == "true";
   for (const auto& [name, bytes] :
        {std::pair("command", &record.command), std::pair("response", &record.response),
         std::pair("atr", &record.atr)}) {
-    const std::string digits = valueOf(*object, name);
+    const std::string digits = textOf(object, name);
     if (!isHexText(digits)) return std::nullopt;
     *bytes = HexText(digits);
   }

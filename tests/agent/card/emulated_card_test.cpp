@@ -71,7 +71,7 @@ class EmulatedCardTest : public Program {
   }
   std::string problemOf(const std::vector<std::string>& options) {
     const Ended ended = runProgram(withControl(options));
-    EXPECT_EQ(ended.exitCode, 1);
+    EXPECT_EQ(ended.exitCode, 2);
     return ended.text;
   }
 

@@ -31,12 +31,12 @@ TEST_F(Program, HelpAndErrors_GoToTheirOwnStreams) {
   EXPECT_EQ(textOf("ctl status --control " + control() + " 2>/dev/null"), "");
 }
 
-TEST_F(Program, WhatIsMissing_EndsWithOneAndAMessage) {
+TEST_F(Program, MissingFile_EndsWithTwoAndAMessage) {
   const Ended database = runProgram(withControl({"--db", folder_.file("none")}));
-  EXPECT_EQ(database.exitCode, 1);
+  EXPECT_EQ(database.exitCode, 2);
   EXPECT_THAT(database.text, HasSubstr("error: no card database in " + folder_.file("none")));
   const Ended pinFile = runProgram(withControl({"--pin-file", folder_.file("none")}));
-  EXPECT_EQ(pinFile.exitCode, 1);
+  EXPECT_EQ(pinFile.exitCode, 2);
   EXPECT_THAT(pinFile.text, HasSubstr("error: cannot read " + folder_.file("none")));
   EXPECT_FALSE(std::filesystem::exists(control()));
 }

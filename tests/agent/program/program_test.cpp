@@ -25,16 +25,16 @@ TEST_F(Program, WrongUsage_EndsWithTwo) {
   EXPECT_THAT(ended.text, HasSubstr("--nonsense"));
 }
 
-TEST_F(Program, MissingScript_EndsWithOneAndIsNamed) {
+TEST_F(Program, MissingScript_EndsWithTwoAndIsNamed) {
   const Ended ended =
       runProgram(withControl({"--backend", "script", "--script", folder_.file("none")}));
-  EXPECT_EQ(ended.exitCode, 1);
+  EXPECT_EQ(ended.exitCode, 2);
   EXPECT_THAT(ended.text, HasSubstr("error: cannot read " + folder_.file("none")));
 }
 
-TEST_F(Program, BadScript_EndsWithOneAndIsNamedWithItsLine) {
+TEST_F(Program, BadScript_EndsWithTwoAndIsNamedWithItsLine) {
   const Ended ended = runProgram(script("atr 3B00\njump\n"));
-  EXPECT_EQ(ended.exitCode, 1);
+  EXPECT_EQ(ended.exitCode, 2);
   EXPECT_THAT(ended.text,
               HasSubstr(folder_.file("script") + ": line 2: 'jump' is not a word of a script\n"));
 }

@@ -42,6 +42,14 @@ class CopiedSystem:
         for name in ("run", "tmp"):
             stack.mount("-t", "tmpfs", "tmpfs", self.root / name)
 
+    def bring(self, folder):
+        """A copy of a folder, at the same place; the system's may be another mount's."""
+        changes, work = self._base / "brought", self._base / "brought-work"
+        for path in (changes, work, self.path(folder)):
+            path.mkdir(parents=True, exist_ok=True)
+        stack.mount("-t", "overlay", "overlay", "-o",
+                    f"lowerdir={folder},upperdir={changes},workdir={work}", self.path(folder))
+
     def close(self):
         stack.run("umount", "--recursive", "--lazy", self._base, check=False)
         self._base.rmdir()

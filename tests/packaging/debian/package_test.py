@@ -3,6 +3,7 @@
 import os
 import pathlib
 import re
+import shutil
 import tempfile
 import unittest
 
@@ -41,15 +42,27 @@ def files_of(name):
             for line in listing.splitlines() if line[0] == "-"}
 
 
-def later_package(folder):
-    """The same package with a later version."""
+OLD_FILE = "usr/lib/zelta/of_the_version_before"
+OLD_LINE = "# Of the version before.\n"
+
+
+def earlier_package(folder):
+    """A version before: other programs, module, unit and settings, and a file that is gone since."""
     content = pathlib.Path(folder, "content")
     run("dpkg-deb", "--raw-extract", package(), content)
     control = content / "DEBIAN" / "control"
-    control.write_text(re.sub(r"(?m)^(Version: .*)$", r"\1+later", control.read_text()))
-    later = pathlib.Path(folder, "later.deb")
-    run("dpkg-deb", "--root-owner-group", "-Znone", "--build", content, later)
-    return later
+    control.write_text(re.sub(r"(?m)^Version: .*$", "Version: 0.9.0", control.read_text()))
+    for name in ("usr/bin/zelta-agent", "usr/lib/zelta/libzelta_vsc.so",
+                 "usr/lib/zelta/libifdzelta.so"):
+        with (content / name).open("ab") as file:
+            file.write(b"another build")  # after what is loaded of it
+    for name in (AGENT_UNIT, *(path.lstrip("/") for path in CONFFILES)):
+        with (content / name).open("a") as file:
+            file.write(OLD_LINE.replace("#", ";") if name.endswith(".reg") else OLD_LINE)
+    (content / OLD_FILE).write_text("gone since\n")
+    earlier = pathlib.Path(folder, "earlier.deb")
+    run("dpkg-deb", "--root-owner-group", "-Znone", "--build", content, earlier)
+    return earlier
 
 
 class DebianPackage(unittest.TestCase):
@@ -246,6 +259,16 @@ class DebianInstallation(unittest.TestCase):
         self.dpkg("--force-confmiss", "--install", "/tmp/zelta.deb")
         self.assertEqual(self.system.path(ENTRY).read_text(), entry)
 
+    def test_demo_card_is_made_for_the_emulated_card_of_the_usual_folder_only(self):
+        for options in ("--backend pcsc --pcsc-reader NAME", "--backend script --script FILE",
+                        "--backend remote", "--backend=remote", "--db /srv/card", "--version"):
+            self.system.run("/usr/share/zelta/first-card.sh", *options.split())
+            self.assertFalse(self.system.path(CARD).exists(), options)
+        for options in ([], ["--backend", "emulated"]):
+            self.system.run("/usr/share/zelta/first-card.sh", *options)
+            self.assertTrue((self.system.path(CARD) / "cert9.db").exists(), options)
+            shutil.rmtree(self.system.path(CARD))
+
     def test_removed_package_leaves_a_pcscd_that_starts_and_the_logs(self):
         log = self.system.path(LOGS) / "zelta_vsc_2024_03_05T14_07_09_042Z.txt"
         log.write_text("kept\n")
@@ -268,7 +291,56 @@ class DebianInstallation(unittest.TestCase):
             self.assertEqual(self.system.path(name).read_bytes(), content, name)
 
 
-class DebianService(unittest.TestCase):
+class DocumentedInstallation(unittest.TestCase):
+    """What the documentation says for apt and dpkg, in a checkout in a copy of the system."""
+
+    def setUp(self):
+        self.system = CopiedSystem()
+        self.addCleanup(self.system.close)
+        self.system.bring(stack.SOURCE)
+        self.add_program("sudo", 'exec "$@"')  # this is root
+        # What it would make is the package that is tested.
+        self.system.path("/built").mkdir()
+        for name in ("zelta-vsc", "zelta-vsc-dev"):
+            shutil.copy(package(name), self.system.path("/built"))
+        self.add_program("dpkg-buildpackage", "[ -x debian/rules ] && cp /built/*.deb ..")
+
+    def add_program(self, name, script):
+        path = self.system.path("/usr/local/bin") / name
+        path.write_text(f"#!/bin/sh\n{script}\n")
+        path.chmod(0o755)
+
+    def status(self):
+        result = self.system.run("dpkg-query", "-W", "-f=${db:Status-Status}", "zelta-vsc",
+                                 check=False)
+        return result.stdout if result.returncode == 0 else "unknown"
+
+    def test_commands_of_the_docs_for_the_package_manager_work(self):
+        commands = {command.text for command in docs_commands.every_command()
+                    if docs_commands.is_for_package_manager(command)}
+
+        def run_next(text, folder=stack.SOURCE):
+            commands.remove(text)
+            # apt asks before it removes something.
+            self.system.run("sh", "-c", f"cd {folder} && {text}", input="y\n")
+
+        run_next("./zelta package dist")
+        run_next("sudo apt install ./dist/zelta-vsc_*.deb")
+        self.assertEqual(self.status(), "installed")
+        self.system.path(ENTRY).unlink()
+        run_next("sudo dpkg --force-confmiss --install zelta-vsc_*.deb", stack.SOURCE / "dist")
+        self.assertTrue(self.system.path(ENTRY).exists())
+        self.system.run("useradd", "--badname", "USER")
+        run_next("sudo adduser USER zelta")
+        self.assertIn("zelta", self.system.run("id", "-nG", "USER").stdout.split())
+        run_next("sudo apt remove zelta-vsc")
+        self.assertEqual(self.status(), "config-files")
+        run_next("sudo apt purge zelta-vsc")
+        self.assertEqual(self.status(), "unknown")
+        self.assertEqual(commands, set())
+
+
+class SystemdTest(unittest.TestCase):
     """In a copy of the system that systemd has started."""
 
     def setUp(self):
@@ -278,15 +350,9 @@ class DebianService(unittest.TestCase):
             self.skipTest(f"systemd does not start here: {self.system.problem}")
         self.system.path("/zelta.deb").write_bytes(package().read_bytes())
         self.system.run("systemctl", "start", "pcscd.socket")
-        self.dpkg("--install", "/zelta.deb")
 
     def dpkg(self, *words):
         return self.system.run("dpkg", "--force-unsafe-io", *words)
-
-    def upgrade(self):
-        with tempfile.TemporaryDirectory() as folder:
-            self.system.path("/later.deb").write_bytes(later_package(folder).read_bytes())
-        self.dpkg("--install", "/later.deb")
 
     def edit_conffiles(self):
         for name in CONFFILES:
@@ -301,6 +367,15 @@ class DebianService(unittest.TestCase):
         def has_card():
             return self.system.run("opensc-tool", "--name", check=False).returncode == 0
         wait_until(has_card, "the card")
+
+    def process_file(self, service, name):
+        return self.system.run("cat", f"/proc/{self.system.main_pid(service)}/{name}").stdout
+
+
+class DebianService(SystemdTest):
+    def setUp(self):
+        super().setUp()
+        self.dpkg("--install", "/zelta.deb")
 
     def test_first_program_after_pcscd_has_ended_finds_the_card(self):
         self.wait_for_card()
@@ -372,23 +447,6 @@ class DebianService(unittest.TestCase):
         wait_until(lambda: self.system.main_pid(AGENT) not in (0, before), "the next agent")
         self.wait_for_card()
 
-    def process_file(self, service, name):
-        return self.system.run("cat", f"/proc/{self.system.main_pid(service)}/{name}").stdout
-
-    def test_upgrade_restarts_the_agent_and_keeps_edits(self):
-        self.edit_conffiles()
-        before = self.system.main_pid(AGENT)
-        self.upgrade()
-        self.assertTrue(self.system.is_active(AGENT))
-        self.assertNotEqual(self.system.main_pid(AGENT), before)
-        self.assert_edits_are_there()
-        self.wait_for_card()
-
-    def test_upgrade_leaves_a_stopped_agent_stopped(self):
-        self.system.run("systemctl", "stop", AGENT)
-        self.upgrade()
-        self.assertFalse(self.system.is_active(AGENT))
-
     def test_agent_runs_again_with_edits_if_installed_again_after_a_removal(self):
         self.edit_conffiles()
         self.dpkg("--remove", "zelta-vsc")
@@ -399,19 +457,37 @@ class DebianService(unittest.TestCase):
         self.assert_edits_are_there()
         self.wait_for_card()
 
+    def test_agents_that_ran_without_being_enabled_run_again_if_installed_again(self):
+        others = [AGENT.replace("0", number) for number in "12"]
+        for number in "12":
+            self.system.path(f"/etc/zelta/agent{number}.conf").write_text(
+                'ZELTA_AGENT_OPTIONS="--backend emulated"\n')
+        self.system.run("systemctl", "start", *others)
+        self.system.run("systemctl", "stop", others[1])
+        self.dpkg("--remove", "zelta-vsc")
+        self.assertFalse(self.system.is_active(others[0]))
+        self.dpkg("--install", "/zelta.deb")
+        self.assertEqual([self.system.is_active(unit) for unit in (AGENT, *others)],
+                         [True, True, False])
+        self.assertFalse(self.system.path("/run/zelta-vsc.ran").exists())
+
     def test_agent_that_was_disabled_stays_so_if_installed_again(self):
         self.system.run("systemctl", "disable", "--now", AGENT)
         self.dpkg("--remove", "zelta-vsc")
         self.dpkg("--install", "/zelta.deb")
         self.assertFalse(self.system.is_active(AGENT))
 
-    def test_wrong_options_are_not_tried_again(self):
-        self.system.path("/etc/zelta/agent0.conf").write_text(
-            "ZELTA_AGENT_OPTIONS=--no-such-option\n")
-        self.system.run("systemctl", "restart", AGENT, check=False)
-        show = self.system.run("systemctl", "show", "--property", "NRestarts,SubState,ExecMainStatus",
-                               AGENT).stdout
-        self.assertEqual(set(show.split()), {"NRestarts=0", "SubState=failed", "ExecMainStatus=2"})
+    def test_wrong_configuration_is_not_tried_again(self):
+        for options in ("--no-such-option", "--db /none", "--pin-file /none", "--cert nobody",
+                        "--pin 87654321", "--backend script --script /none"):
+            with self.subTest(options=options):
+                self.system.path("/etc/zelta/agent0.conf").write_text(
+                    f'ZELTA_AGENT_OPTIONS="{options}"\n')
+                self.system.run("systemctl", "restart", AGENT, check=False)
+                show = self.system.run("systemctl", "show", "--property",
+                                       "NRestarts,SubState,ExecMainStatus", AGENT).stdout
+                self.assertEqual(set(show.split()),
+                                 {"NRestarts=0", "SubState=failed", "ExecMainStatus=2"})
 
     def test_commands_of_the_docs_for_systemd_work(self):
         self.wait_for_card()
@@ -439,6 +515,73 @@ class DebianService(unittest.TestCase):
         show = self.system.run("systemctl", "show", "--property", "SupplementaryGroups", "--value",
                                "pcscd.service").stdout
         self.assertEqual(show.strip(), "")
+
+
+class DebianUpgrade(SystemdTest):
+    def setUp(self):
+        super().setUp()
+        with tempfile.TemporaryDirectory() as folder:
+            self.system.path("/earlier.deb").write_bytes(earlier_package(folder).read_bytes())
+        self.dpkg("--install", "/earlier.deb")
+
+    def upgrade(self):
+        # The administrator's answer wherever both have changed a file.
+        self.dpkg("--force-confold", "--install", "/zelta.deb")
+        self.assertEqual(
+            self.system.run("dpkg-query", "-W", "-f=${Version}", "zelta-vsc").stdout,
+            field("Version"))
+
+    def assert_files_are_the_new_ones(self):
+        self.assertFalse(self.system.path("/" + OLD_FILE).exists())
+        self.assertNotIn(OLD_LINE, self.system.path("/" + AGENT_UNIT).read_text())
+        # dpkg compares them with what the package holds.
+        changed = {line.split()[-1]
+                   for line in self.system.run("dpkg", "--verify", "zelta-vsc", check=False)
+                   .stdout.splitlines()}
+        self.assertEqual(changed - set(CONFFILES), set())
+
+    def assert_new_code_runs(self):
+        self.wait_for_card()
+        for service, file in ((AGENT, "/usr/bin/zelta-agent"),
+                              ("pcscd.service", "/usr/lib/zelta/libzelta_vsc.so")):
+            maps = self.process_file(service, "maps")
+            self.assertIn(file, maps)
+            self.assertNotIn(f"{file} (deleted)", maps)
+
+    def test_it_runs_the_new_code_with_the_new_settings(self):
+        self.wait_for_card()
+        for name in CONFFILES:
+            self.assertIn("Of the version before", self.system.path(name).read_text())
+        self.upgrade()
+        self.assert_files_are_the_new_ones()
+        for name in CONFFILES:
+            self.assertNotIn("Of the version before", self.system.path(name).read_text())
+        self.assert_new_code_runs()
+
+    def test_it_keeps_settings_that_somebody_has_edited(self):
+        for name in CONFFILES:
+            path = self.system.path(name)
+            path.write_text(path.read_text().replace("Of the version before", "Edited"))
+        self.wait_for_card()
+        before = self.system.main_pid(AGENT)
+        self.upgrade()
+        self.assertNotEqual(self.system.main_pid(AGENT), before)
+        for name in CONFFILES:
+            self.assertIn("Edited", self.system.path(name).read_text(), name)
+            self.assertNotIn("Edited", self.system.path(name + ".dpkg-dist").read_text(), name)
+        self.assert_new_code_runs()
+
+    def test_it_leaves_a_stopped_agent_stopped(self):
+        self.system.run("systemctl", "stop", AGENT)
+        self.upgrade()
+        self.assertFalse(self.system.is_active(AGENT))
+
+    def test_it_restarts_an_agent_that_runs_without_being_enabled(self):
+        other = AGENT.replace("0", "1")
+        self.system.run("systemctl", "start", other)
+        before = self.system.main_pid(other)
+        self.upgrade()
+        self.assertNotIn(self.system.main_pid(other), (0, before))
 
 
 if __name__ == "__main__":

@@ -54,9 +54,12 @@ TEST(HexTexts, HiddenBytes_AreNone) {
 }
 
 TEST(TraceRecord, LineThatIsNone_IsRefused) {
-  for (const char* text : {"", "x", "{}", "{\"kind\":\"insert\"}", "{\"time_us\":1}",
-                           "{\"time_us\":1,\"kind\":\"transmit\",\"command\":\"0\"}",
-                           "{\"time_us\":1,\"kind\":\"transmit\",\"command\":\"<b\"}"}) {
+  for (const char* text :
+       {"", "x", "{}", "[]", "null", "{\"time_us\":1,\"kind\":\"insert\"",
+        "{\"time_us\":1,\"kind\":\"insert\"} x", "{\"time_us\":1,\"kind\":null,}",
+        "{\"kind\":\"insert\"}", "{\"time_us\":1}",
+        "{\"time_us\":1,\"kind\":\"transmit\",\"command\":\"0\"}",
+        "{\"time_us\":1,\"kind\":\"transmit\",\"command\":\"<b\"}"}) {
     EXPECT_FALSE(parseRecord(text)) << text;
   }
 }

@@ -1,0 +1,1 @@
+subdirs("/work/wt/daily/build")
