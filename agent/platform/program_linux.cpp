@@ -39,6 +39,7 @@
 namespace zelta::agent {
 
 const Edition kEdition = {
+    System::kLinux,
     "Signals: SIGUSR1 removes the card, SIGUSR2 inserts it, SIGINT and SIGTERM end\n"
     "the agent."};
 

@@ -1,13 +1,14 @@
-// The program on Windows: command line, console events and the agent. There is no control socket:
-// the scripted card comes and goes as its script says.
+// The program on Windows: command line, console events and the agent.
 #include <windows.h>
 // windows.h comes first
 #include <array>
 #include <iostream>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
+#include "agent/card/pcsc_card.h"
 #include "agent/card/script_card.h"
 #include "agent/platform/console_end_win32.h"
 #include "agent/platform/pipe_connection_win32.h"
@@ -17,14 +18,24 @@
 #include "agent/program/log.h"
 #include "agent/program/program.h"
 #include "agent/program/session_id.h"
+#include "agent/trace/card_recorder.h"
+#include "agent/trace/trace_hub.h"
 #include "agent/version.h"
 
 namespace zelta::agent {
 
-const Edition kEdition = {
-    "On Windows only --backend script is available. Ctrl-C and Ctrl-Break end the\n"
-    "agent.",
-    true};
+const Edition kEdition = {System::kWindows, "Ctrl-C and Ctrl-Break end the agent."};
+
+namespace {
+
+std::unique_ptr<CardBackend> makeBackend(const Options& options, Log& log) {
+  if (options.backend == BackendKind::kScript) {
+    return loadScriptCard(options.scriptFile, options.cardIn);
+  }
+  return std::make_unique<PcscCard>(options.pcscReader, log);
+}
+
+}  // namespace
 
 Log::Sink standardErrorSink() {
   return [](Severity level, const std::string& line) {
@@ -33,9 +44,6 @@ Log::Sink standardErrorSink() {
 }
 
 int runAgent(const Options& options, Log& log) {
-  if (options.backend != BackendKind::kScript) {
-    throw std::runtime_error("only --backend script is available on Windows");
-  }
   const HANDLE endRequested = followConsole();
   const ScopedHandle failed = makeEvent();
   FailureNote failure([&failed] { SetEvent(failed.get()); });
@@ -44,9 +52,13 @@ int runAgent(const Options& options, Log& log) {
   settings.reader = options.reader;
   settings.sessionId = options.sessionId.empty() ? newSessionId() : options.sessionId;
   settings.onFailure = onFailure;
+  std::optional<CardRecorder> recorder;
+  TraceHub hub;
+  if (!options.recordFile.empty()) hub.alsoTell(recorder.emplace(options.recordFile, log));
+  settings.trace = &hub;
 
   const std::unique_ptr<PipeClientPort> pipes = makeSystemPipeClient();
-  const std::unique_ptr<CardBackend> backend = loadScriptCard(options.scriptFile, options.cardIn);
+  const std::unique_ptr<CardBackend> backend = makeBackend(options, log);
   Agent agent(*pipes, *backend, settings, log);
   agent.start();
   log.info(std::string("zelta-agent ") + kVersion + ": reader " + std::to_string(options.reader) +

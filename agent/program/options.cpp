@@ -1,6 +1,7 @@
 #include "agent/program/options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <limits>
 #include <sstream>
 
@@ -25,6 +26,12 @@ constexpr Named<BackendKind> kBackends[] = {{"emulated", BackendKind::kEmulated}
                                             {"pcsc", BackendKind::kPcsc},
                                             {"script", BackendKind::kScript},
                                             {"remote", BackendKind::kRemote}};
+constexpr const char* kLinuxBackends[] = {"emulated", "remote"};
+// Options of what only Linux has: the control socket, the emulated card and a driver at another
+// machine.
+constexpr const char* kLinuxOptions[] = {"--control", "--db", "--pin", "--pin-file",
+                                         "--cert",    "--to", "--ssh"};
+constexpr char kNotOnWindows[] = " is not available on Windows";
 constexpr Named<Severity> kLevels[] = {{"error", Severity::kError},
                                        {"warning", Severity::kWarning},
                                        {"info", Severity::kInfo},
@@ -46,10 +53,19 @@ Value valueOf(const Named<Value> (&table)[kCount], const std::string& name, Valu
   return fallback;
 }
 
-// Options of what only Linux has: the control socket, the emulated card, a real reader's card, a
-// driver at another machine and the recorder.
-constexpr const char* kLinuxOptions[] = {"--control",     "--db", "--pin", "--pin-file", "--cert",
-                                         "--pcsc-reader", "--to", "--ssh", "--record"};
+bool isBackendOf(System system, const std::string& name) {
+  return system == System::kLinux || std::find(std::begin(kLinuxBackends), std::end(kLinuxBackends),
+                                               name) == std::end(kLinuxBackends);
+}
+
+// The back ends' names with a line between each.
+std::string backendNames(System system) {
+  std::string text;
+  for (const std::string& name : names(kBackends)) {
+    if (isBackendOf(system, name)) text += (text.empty() ? "" : "|") + name;
+  }
+  return text;
+}
 
 // What the command line sets besides `Options` itself.
 struct Flags {
@@ -106,10 +122,11 @@ void addEmulatedOptions(CLI::App& app, Options& options, Flags& flags) {
       ->allow_extra_args(false);
 }
 
-void addCardOptions(CLI::App& app, Options& options, Flags& flags) {
-  app.add_option("--backend", flags.backend, "Where the card comes from (default emulated)")
+void addCardOptions(CLI::App& app, System system, Options& options, Flags& flags) {
+  const std::string choice = system == System::kLinux ? "(default emulated)" : "(needed)";
+  app.add_option("--backend", flags.backend, "Where the card comes from " + choice)
       ->check(CLI::IsMember(names(kBackends)))
-      ->option_text("emulated|pcsc|script|remote");
+      ->option_text(backendNames(system));
   auto* inserted = app.add_flag("--card-inserted", flags.cardInserted, "Start with the card in");
   app.add_flag("--no-card", flags.noCard, "Start without the card")->excludes(inserted);
   addEmulatedOptions(app, options, flags);
@@ -187,8 +204,11 @@ std::string findRemoteConflict(const Options& options) {
 }
 
 // Which options contradict each other or are missing; empty if none.
-std::string findConflict(const Options& options) {
+std::string findConflict(const Options& options, System system) {
   if (options.action != Options::Action::kRun) return {};
+  if (system == System::kWindows && options.backend == BackendKind::kEmulated) {
+    return "which card? --backend needs one of " + backendNames(system);
+  }
   const bool script = options.backend == BackendKind::kScript;
   const bool pcsc = options.backend == BackendKind::kPcsc;
   if (script && options.scriptFile.empty()) return "--backend script needs --script FILE";
@@ -199,15 +219,20 @@ std::string findConflict(const Options& options) {
   return findRemoteConflict(options);
 }
 
-// Which option this edition does not have; empty if none.
-std::string findUnavailable(const CLI::App& app, const Options& options, const Edition& edition) {
-  if (!edition.scriptOnly) return {};
-  const bool remote = options.backend == BackendKind::kRemote;
-  if (remote) return "--backend remote is not available on Windows";
+// Which option the system does not have; empty if none.
+std::string findUnavailable(const CLI::App& app, const Flags& flags, System system) {
+  if (system == System::kLinux) return {};
+  if (!isBackendOf(system, flags.backend)) return "--backend " + flags.backend + kNotOnWindows;
   for (const char* option : kLinuxOptions) {
-    if (app.count(option) != 0) return std::string(option) + " is not available on Windows";
+    if (app.count(option) != 0) return option + std::string(kNotOnWindows);
   }
   return {};
+}
+
+// Leaves what the system does not have out of the help.
+void hideUnavailable(CLI::App& app, System system) {
+  if (system == System::kLinux) return;
+  for (const char* option : kLinuxOptions) app.get_option(option)->group("");
 }
 
 ParsedOptions refuse(const std::string& problem) {
@@ -226,10 +251,11 @@ ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edi
   app.add_option("--session-id", options.sessionId, "Id of the session (default a fresh one)")
       ->check(checkSessionId)
       ->option_text("GUID");
-  addCardOptions(app, options, flags);
+  addCardOptions(app, edition.system, options, flags);
   addRemoteOptions(app, options, flags);
   addLogOptions(app, flags);
   addControl(app, options, flags);
+  hideUnavailable(app, edition.system);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -239,9 +265,9 @@ ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edi
     return {std::nullopt, wanted ? kExitDone : kExitUsage, output.str(), problem.str()};
   }
   applyFlags(app, flags, options);
-  std::string problem = findUnavailable(app, options, edition);
+  std::string problem = findUnavailable(app, flags, edition.system);
   if (problem.empty() && app.count("--to") != 0) problem = checkAddress(flags.to);
-  if (problem.empty()) problem = findConflict(options);
+  if (problem.empty()) problem = findConflict(options, edition.system);
   if (!problem.empty()) return refuse(problem);
   return {options, kExitDone, "", ""};
 }

@@ -25,10 +25,10 @@ struct Options {
 
   Action action = Action::kRun;
   std::uint32_t reader = 0;
-  std::string control;    // empty: the default of the reader
-  std::string sessionId;  // empty: a fresh one
-  BackendKind backend = BackendKind::kEmulated;
-  std::optional<bool> cardIn;  // at the start; none: the back end's default
+  std::string control;                           // empty: the default of the reader
+  std::string sessionId;                         // empty: a fresh one
+  BackendKind backend = BackendKind::kEmulated;  // on Windows, which has none: not chosen
+  std::optional<bool> cardIn;                    // at the start; none: the back end's default
   Severity logLevel = Severity::kInfo;
   std::string database = kDefaultDatabase;
   std::optional<std::string> pin;
@@ -49,11 +49,12 @@ struct ParsedOptions {
   std::string error;               // for standard error
 };
 
-// The program on one system.
+enum class System { kLinux, kWindows };
+
+// The program on one system. Its help has what is available there; the rest is refused.
 struct Edition {
+  System system;
   const char* endings;  // a line of the help: what ends the program, and what it obeys meanwhile
-  // Whether only --backend script and its options are available, as on Windows.
-  bool scriptOnly = false;
 };
 
 ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edition);

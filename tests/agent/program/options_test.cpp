@@ -10,10 +10,10 @@ namespace {
 
 using testing::HasSubstr;
 
-ParsedOptions parse(std::vector<const char*> arguments, bool scriptOnly = false) {
+ParsedOptions parse(std::vector<const char*> arguments, System system = System::kLinux) {
   arguments.insert(arguments.begin(), "zelta-agent");
   return parseOptions(static_cast<int>(arguments.size()), arguments.data(),
-                      {"What ends it.", scriptOnly});
+                      {system, "What ends it."});
 }
 
 Options taken(const std::vector<const char*>& arguments) {
@@ -157,32 +157,61 @@ INSTANTIATE_TEST_SUITE_P(
         Wrong{{"ctl"}, "A subcommand is required"},
         Wrong{{"ctl", "jump"}, "A subcommand is required"}));
 
-// On Windows.
 class OptionsOfLinux : public testing::TestWithParam<const char*> {};
 
-TEST_P(OptionsOfLinux, AreRefusedByTheEditionWithoutThem) {
+TEST_P(OptionsOfLinux, AreNamedAndRefusedOnWindowsAndNotInItsHelp) {
   const std::vector<const char*> arguments = {"--backend", "script",   "--script",
                                               "f",         GetParam(), "value"};
-  const ParsedOptions parsed = parse(arguments, true);
+  const ParsedOptions parsed = parse(arguments, System::kWindows);
   EXPECT_FALSE(parsed.options);
   EXPECT_EQ(parsed.exitCode, kExitUsage);
   EXPECT_EQ(parsed.error, std::string(GetParam()) +
                               " is not available on Windows\nRun with --help for more "
                               "information.\n");
   EXPECT_THAT(parse(arguments).error, testing::Not(HasSubstr("Windows")));
+  const std::string shown = std::string(GetParam()) + " ";
+  EXPECT_THAT(parse({"--help"}).output, HasSubstr(shown));
+  EXPECT_THAT(parse({"--help"}, System::kWindows).output, testing::Not(HasSubstr(shown)));
 }
 
 INSTANTIATE_TEST_SUITE_P(Options, OptionsOfLinux,
                          testing::Values("--control", "--db", "--pin", "--pin-file", "--cert",
-                                         "--pcsc-reader", "--to"));
+                                         "--to"));
 
-TEST(RemoteBackEnd, IsRefusedByTheEditionWithoutIt) {
-  EXPECT_THAT(parse({"--backend", "remote"}, true).error,
-              HasSubstr("--backend remote is not available on Windows"));
+class BackEndsOfLinux : public testing::TestWithParam<const char*> {};
+
+TEST_P(BackEndsOfLinux, AreNamedAndRefusedOnWindows) {
+  EXPECT_TRUE(parse({"--backend", GetParam()}).options);
+  const ParsedOptions parsed = parse({"--backend", GetParam()}, System::kWindows);
+  EXPECT_EQ(parsed.exitCode, kExitUsage);
+  EXPECT_THAT(parsed.error,
+              HasSubstr("--backend " + std::string(GetParam()) + " is not available on Windows\n"));
 }
 
-TEST(OptionsOfTheScript, AreTakenByTheEditionWithoutOtherCards) {
-  EXPECT_TRUE(parse({"--backend", "script", "--script", "f", "--no-card", "-v"}, true).options);
+INSTANTIATE_TEST_SUITE_P(Options, BackEndsOfLinux, testing::Values("emulated", "remote"));
+
+TEST(WindowsOptions, NoCard_IsAskedFor) {
+  const ParsedOptions parsed = parse({}, System::kWindows);
+  EXPECT_EQ(parsed.exitCode, kExitUsage);
+  EXPECT_THAT(parsed.error, HasSubstr("which card? --backend needs one of pcsc|script\n"));
+  EXPECT_TRUE(parse({"ctl", "status"}, System::kWindows).options);
+}
+
+TEST(WindowsOptions, Help_HasItsCardsOnly) {
+  const std::string help = parse({"--help"}, System::kWindows).output;
+  EXPECT_THAT(help, HasSubstr(" pcsc|script "));
+  EXPECT_THAT(help, HasSubstr("--pcsc-reader"));
+  EXPECT_THAT(help, testing::Not(HasSubstr("mulated")));
+  EXPECT_THAT(help, testing::Not(HasSubstr("another machine")));
+}
+
+TEST(WindowsOptions, ItsCards_TakeTheirOptions) {
+  EXPECT_TRUE(
+      parse({"--backend", "script", "--script", "f", "--no-card", "-v"}, System::kWindows).options);
+  const ParsedOptions real = parse(
+      {"--backend", "pcsc", "--pcsc-reader", "A Reader 0", "--record", "r"}, System::kWindows);
+  ASSERT_TRUE(real.options) << real.error;
+  EXPECT_EQ(real.options->pcscReader, "A Reader 0");
 }
 
 }  // namespace

@@ -29,13 +29,39 @@ TEST(ConsoleAnswer, EveryEventButALogoff_EndsTheProgram) {
   EXPECT_EQ(agent::consoleAnswer(CTRL_LOGOFF_EVENT), ConsoleAnswer::kNotOurs);
 }
 
-TEST_F(Program, CtlAndOtherCards_EndWithOneAndAMessage) {
+TEST_F(Program, Ctl_EndsWithOneAndAMessage) {
   const Ended control = runProgram({"ctl", "status"});
   EXPECT_EQ(control.exitCode, 1);
   EXPECT_THAT(control.text, HasSubstr("zelta-agent: ctl is not available on Windows\n"));
-  const Ended emulated = runProgram({});
-  EXPECT_EQ(emulated.exitCode, 1);
-  EXPECT_THAT(emulated.text, HasSubstr("error: only --backend script is available on Windows\n"));
+}
+
+// Wine has the service's library and no service; Windows has a reader of that name nowhere.
+TEST_F(Program, CardOfTheRealReader_NeedsTheService) {
+  AgentProcess process({"--backend", "pcsc", "--pcsc-reader", "No such reader 0", "-v"});
+  if (underWine()) {
+    const Ended ended = awaitEnd(process);
+    EXPECT_EQ(ended.exitCode, 1);
+    EXPECT_THAT(ended.text, HasSubstr("error: the smart card service cannot be reached: "));
+    EXPECT_THAT(ended.text, HasSubstr("(0x80100001) (to start it: sc start SCardSvr)\n"));
+  } else {
+    EXPECT_TRUE(process.readLineWith(": reader 0, pcsc card, session "));
+    process.kill();
+  }
+}
+
+TEST_F(Program, Recording_IsAScriptOfWhatTheCardAnswers) {
+  DriverEnd driver;
+  const std::string recording = folder_.file("recording");
+  AgentProcess process(script(kPlain, {"--record", recording}));
+  driver.acceptSession();
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kAtr);
+  EXPECT_EQ(driver.transmit(kSelect), kOk);
+  ASSERT_TRUE(pressControlC(process));
+  EXPECT_EQ(process.wait(), 0);
+  std::ifstream file(recording);
+  const std::string text(std::istreambuf_iterator<char>(file), {});
+  EXPECT_THAT(text, HasSubstr("atr 3B00"));
+  EXPECT_THAT(text, HasSubstr("command 00A40400 -> 9000"));
 }
 
 TEST_F(Program, OptionOfAnotherCard_EndsWithTwoAndAMessage) {
