@@ -4,12 +4,14 @@
 #include <array>
 #include <iostream>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "agent/card/pcsc_card.h"
 #include "agent/card/script_card.h"
+#include "agent/control/control.h"
+#include "agent/control/control_socket.h"
 #include "agent/platform/console_end_win32.h"
 #include "agent/platform/pipe_connection_win32.h"
 #include "agent/program/agent.h"
@@ -21,6 +23,7 @@
 #include "agent/trace/card_recorder.h"
 #include "agent/trace/trace_hub.h"
 #include "agent/version.h"
+#include "contract/control.h"
 
 namespace zelta::agent {
 
@@ -60,17 +63,27 @@ int runAgent(const Options& options, Log& log) {
   const std::unique_ptr<PipeClientPort> pipes = makeSystemPipeClient();
   const std::unique_ptr<CardBackend> backend = makeBackend(options, log);
   Agent agent(*pipes, *backend, settings, log);
+  const std::string path =
+      options.control.empty() ? defaultControlPipes(options.reader).front() : options.control;
+  const std::unique_ptr<ControlServer> control = openControlServer(
+      path, [&agent](const std::string& line) { return answerControl(agent, line); }, onFailure);
   agent.start();
   log.info(std::string("zelta-agent ") + kVersion + ": reader " + std::to_string(options.reader) +
-           ", " + backend->name() + " card, session " + settings.sessionId);
+           ", " + backend->name() + " card, session " + settings.sessionId + ", control " + path);
   AgentRun run(agent, onFailure);
   const std::array<HANDLE, 2> endings = {failed.get(), endRequested};
   WaitForMultipleObjects(static_cast<DWORD>(endings.size()), endings.data(), FALSE, INFINITE);
   if (failure.problem() == nullptr) log.info("Ending: interrupted");
+  control->removePath();
   return run.stop(failure, log);
 }
 
-int runControl(const Options&) { throw std::runtime_error("ctl is not available on Windows"); }
+int runControl(const Options& options) {
+  const std::vector<std::string> paths = options.control.empty()
+                                             ? defaultControlPipes(options.reader)
+                                             : std::vector<std::string>{options.control};
+  return showControlAnswer(askAgent(paths, controlLine(options)));
+}
 
 void writeStandardError(std::string_view text) {
   DWORD written = 0;

@@ -27,10 +27,8 @@ constexpr Named<BackendKind> kBackends[] = {{"emulated", BackendKind::kEmulated}
                                             {"script", BackendKind::kScript},
                                             {"remote", BackendKind::kRemote}};
 constexpr const char* kLinuxBackends[] = {"emulated", "remote"};
-// Options of what only Linux has: the control socket, the emulated card and a driver at another
-// machine.
-constexpr const char* kLinuxOptions[] = {"--control", "--db", "--pin", "--pin-file",
-                                         "--cert",    "--to", "--ssh"};
+// Options of what only Linux has: the emulated card and a driver at another machine.
+constexpr const char* kLinuxOptions[] = {"--db", "--pin", "--pin-file", "--cert", "--to", "--ssh"};
 constexpr char kNotOnWindows[] = " is not available on Windows";
 constexpr Named<Severity> kLevels[] = {{"error", Severity::kError},
                                        {"warning", Severity::kWarning},
@@ -92,11 +90,15 @@ std::string checkAddress(const std::string& text) {
   return parseSshAddress(text) ? "" : "'" + text + "' is not ssh://[user@]host[:port][/reader]";
 }
 
-void addShared(CLI::App& app, Options& options) {
+void addShared(CLI::App& app, System system, Options& options) {
   app.add_option("--reader", options.reader, "Index of the reader (default 0)")
       ->check(CLI::Range(std::uint32_t{0}, std::numeric_limits<std::uint32_t>::max()))
       ->option_text("INDEX");
-  app.add_option("--control", options.control, "Path of the control socket")->option_text("PATH");
+  if (system == System::kLinux) {
+    app.add_option("--control", options.control, "Path of the control socket")->option_text("PATH");
+  } else {
+    app.add_option("--control", options.control, "Name of the control pipe")->option_text("PIPE");
+  }
 }
 
 void addEmulatedOptions(CLI::App& app, Options& options, Flags& flags) {
@@ -164,7 +166,7 @@ void addLogOptions(CLI::App& app, Flags& flags) {
       ->excludes(quiet);
 }
 
-void addControl(CLI::App& app, Options& options, Flags& flags) {
+void addControl(CLI::App& app, System system, Options& options, Flags& flags) {
   flags.ctl = app.add_subcommand("ctl", "Talk to the running agent");
   flags.ctl->footer(kExitCodes);
   flags.ctl->require_subcommand(1);
@@ -172,7 +174,7 @@ void addControl(CLI::App& app, Options& options, Flags& flags) {
   flags.remove = flags.ctl->add_subcommand("remove", "Pull the card");
   flags.status = flags.ctl->add_subcommand("status", "Show what the agent is doing");
   for (CLI::App* command : {flags.insert, flags.remove, flags.status}) {
-    addShared(*command, options);
+    addShared(*command, system, options);
   }
   flags.status->add_flag("--json", options.json, "For programs");
 }
@@ -247,14 +249,14 @@ ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edi
   CLI::App app(kDescription, "zelta-agent");
   app.footer(std::string(edition.endings) + "\n" + kExitCodes);
   app.set_version_flag("--version", std::string("zelta-agent ") + kVersion);
-  addShared(app, options);
+  addShared(app, edition.system, options);
   app.add_option("--session-id", options.sessionId, "Id of the session (default a fresh one)")
       ->check(checkSessionId)
       ->option_text("GUID");
   addCardOptions(app, edition.system, options, flags);
   addRemoteOptions(app, options, flags);
   addLogOptions(app, flags);
-  addControl(app, options, flags);
+  addControl(app, edition.system, options, flags);
   hideUnavailable(app, edition.system);
   try {
     app.parse(argc, argv);

@@ -3,6 +3,8 @@
 #include <exception>
 #include <iostream>
 
+#include "agent/control/control.h"
+
 namespace zelta::agent {
 
 namespace {
@@ -31,6 +33,16 @@ int runWithMemory(int argc, const char* const* argv) {
 }
 
 }  // namespace
+
+int showControlAnswer(const std::string& answer) {
+  const ControlResult result = readControlAnswer(answer);
+  if (result.success) {
+    std::cout << result.text;
+    return kExitDone;
+  }
+  std::cerr << "zelta-agent: " << result.text;
+  return kExitFailed;
+}
 
 int runProgram(int argc, const char* const* argv) {
   try {

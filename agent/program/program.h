@@ -1,6 +1,7 @@
 // The program around the agent. `runProgram` is the same on every system; the rest differs.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "agent/program/log.h"
@@ -10,6 +11,8 @@ namespace zelta::agent {
 
 // The whole program; returns its exit code.
 int runProgram(int argc, const char* const* argv);
+// Tells the user what the agent has answered to a control command; returns the program's exit code.
+int showControlAnswer(const std::string& answer);
 
 // The system's part:
 

@@ -175,8 +175,7 @@ TEST_P(OptionsOfLinux, AreNamedAndRefusedOnWindowsAndNotInItsHelp) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Options, OptionsOfLinux,
-                         testing::Values("--control", "--db", "--pin", "--pin-file", "--cert",
-                                         "--to"));
+                         testing::Values("--db", "--pin", "--pin-file", "--cert", "--to"));
 
 class BackEndsOfLinux : public testing::TestWithParam<const char*> {};
 
@@ -200,6 +199,7 @@ TEST(WindowsOptions, NoCard_IsAskedFor) {
 TEST(WindowsOptions, Help_HasItsCardsOnly) {
   const std::string help = parse({"--help"}, System::kWindows).output;
   EXPECT_THAT(help, HasSubstr(" pcsc|script "));
+  EXPECT_THAT(help, HasSubstr("--control PIPE"));
   EXPECT_THAT(help, HasSubstr("--pcsc-reader"));
   EXPECT_THAT(help, testing::Not(HasSubstr("mulated")));
   EXPECT_THAT(help, testing::Not(HasSubstr("another machine")));
@@ -208,8 +208,9 @@ TEST(WindowsOptions, Help_HasItsCardsOnly) {
 TEST(WindowsOptions, ItsCards_TakeTheirOptions) {
   EXPECT_TRUE(
       parse({"--backend", "script", "--script", "f", "--no-card", "-v"}, System::kWindows).options);
-  const ParsedOptions real = parse(
-      {"--backend", "pcsc", "--pcsc-reader", "A Reader 0", "--record", "r"}, System::kWindows);
+  const ParsedOptions real =
+      parse({"--backend", "pcsc", "--pcsc-reader", "A Reader 0", "--record", "r", "--control", "c"},
+            System::kWindows);
   ASSERT_TRUE(real.options) << real.error;
   EXPECT_EQ(real.options->pcscReader, "A Reader 0");
 }
