@@ -28,6 +28,11 @@ std::vector<std::string> defaultControlPaths(std::uint32_t reader) {
   return paths;
 }
 
+std::vector<std::string> defaultControlPipes(std::uint32_t reader) {
+  const std::string agent = "zelta-agent" + std::to_string(reader);
+  return {"\\\\.\\pipe\\" + agent, "\\\\.\\pipe\\ProtectedPrefix\\LocalService\\" + agent};
+}
+
 std::string controlLinkPath(const std::string& pipeRoot, std::uint32_t reader) {
   return pipeRoot + "-agent" + std::to_string(reader);
 }

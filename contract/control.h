@@ -1,5 +1,5 @@
-// The words and the paths of the agent's control socket. A client sends a line, and reads the
-// answer until the agent ends the connection. See docs/agent.md.
+// The words and the paths of the agent's control socket, which is a named pipe on Windows. A client
+// sends a line, and reads the answer until the agent ends the connection. See docs/agent.md.
 #pragma once
 
 #include <cstddef>
@@ -30,6 +30,12 @@ inline constexpr std::size_t kLongestControlAnswer = 65536;
 // /run/zelta/agent<reader>.ctl,
 // /run/zelta-agent<reader>/control, the one of the agent that runs as a service.
 std::vector<std::string> defaultControlPaths(std::uint32_t reader);
+
+// The same on Windows:
+// \\.\pipe\zelta-agent<reader>,
+// \\.\pipe\ProtectedPrefix\LocalService\zelta-agent<reader>, the one of the agent that runs as a
+// service: nobody but the local service account can take that name before it.
+std::vector<std::string> defaultControlPipes(std::uint32_t reader);
 
 // The path of a link to the agent's control socket, beside the folder of its pipes. An agent makes
 // the link if it may write there.

@@ -1,5 +1,6 @@
 #include "agent/card/pcsc_card.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <stdexcept>
@@ -15,14 +16,29 @@ namespace {
 constexpr DWORD kProtocols = SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1;
 // The service's special name whose state changes when a reader comes or goes.
 constexpr char kReaderChanges[] = "\\\\?PnP?\\Notification";
-// How often the service is looked for when it has gone; nothing tells when it is back.
+constexpr std::size_t kLongestAtr = 36;
+// An extended APDU with the most data.
+constexpr std::size_t kLongestResponse = 65548;
+// How often the service is looked for when it has gone.
 constexpr std::chrono::seconds kServiceRetry{1};
 // A reader that is not there is looked for again after this many milliseconds at the latest.
 constexpr DWORD kReaderRetry = 1000;
 constexpr std::chrono::milliseconds kCancelAgain{50};
 constexpr unsigned kEventCountShift = 16;
 
-std::string describe(LONG result) { return pcsc_stringify_error(result); }
+// The card, or its reader, is not there.
+constexpr LONG kCardGone[] = {SCARD_W_REMOVED_CARD, SCARD_E_NO_SMARTCARD,
+                              SCARD_E_READER_UNAVAILABLE, SCARD_E_UNKNOWN_READER};
+// The service has ended, and with it every context.
+constexpr LONG kServiceGone[] = {SCARD_E_NO_SERVICE, SCARD_E_SERVICE_STOPPED,
+                                 SCARD_E_SYSTEM_CANCELLED, SCARD_E_INVALID_HANDLE, kStaleContext};
+// The service knows no reader of that name, or no reader at all.
+constexpr LONG kNoReader[] = {SCARD_E_UNKNOWN_READER, SCARD_E_NO_READERS_AVAILABLE};
+
+template <std::size_t kCount>
+bool isOneOf(const LONG (&results)[kCount], LONG result) {
+  return std::find(std::begin(results), std::end(results), result) != std::end(results);
+}
 
 }  // namespace
 
@@ -31,16 +47,17 @@ PcscCard::PcscCard(std::string readerName, Log& log) : reader_(std::move(readerN
 PcscCard::~PcscCard() { stop(); }
 
 void PcscCard::start(CardListener& listener) {
-  const LONG result = SCardEstablishContext(SCARD_SCOPE_SYSTEM, nullptr, nullptr, &context_);
-  if (result != SCARD_S_SUCCESS) {
-    throw std::runtime_error("the smart card service cannot be reached: " + describe(result) +
-                             " (to start it: sudo systemctl start pcscd.socket)");
+  const LONG result = openContext();
+  const bool comesWithReader = kServiceNeedsReader && result == SCARD_E_NO_SERVICE;
+  if (result != SCARD_S_SUCCESS && !comesWithReader) {
+    throw std::runtime_error("the smart card service cannot be reached: " + pcscText(result) +
+                             " (to start it: " + kStartService + ")");
   }
   listener_ = &listener;
   try {
     watcher_ = std::thread([this] { runWatcher(); });
   } catch (...) {
-    SCardReleaseContext(context_);
+    closeContext();
     listener_ = nullptr;  // not started
     throw;
   }
@@ -74,7 +91,7 @@ void PcscCard::stop() {
   }
   watcher_.join();
   dropHandle();
-  SCardReleaseContext(context_);
+  closeContext();
   listener_ = nullptr;
 }
 
@@ -82,45 +99,44 @@ std::string PcscCard::insert() { return "the card is in a real reader; put it in
 
 std::string PcscCard::remove() { return "the card is in a real reader; pull it by hand"; }
 
+LONG PcscCard::openContext() {
+  const LONG result = SCardEstablishContext(SCARD_SCOPE_SYSTEM, nullptr, nullptr, &context_);
+  if (result != SCARD_S_SUCCESS) context_ = 0;
+  return result;
+}
+
+void PcscCard::closeContext() {
+  if (context_ != 0) SCardReleaseContext(context_);
+  context_ = 0;
+}
+
 void PcscCard::dropHandle() {
   if (hasHandle_) SCardDisconnect(handle_, SCARD_LEAVE_CARD);
   hasHandle_ = false;
 }
 
 void PcscCard::noteFailure(LONG result, const char* what) {
-  log_.warning(std::string(what) + ": " + describe(result));
+  log_.warning(std::string(what) + ": " + pcscText(result));
   dropHandle();
-  switch (result) {
-    case SCARD_W_REMOVED_CARD:
-    case SCARD_E_NO_SMARTCARD:
-    case SCARD_E_READER_UNAVAILABLE:
-    case SCARD_E_UNKNOWN_READER:
-      setPresent(false);
-      return;
-    case SCARD_E_NO_SERVICE:
-    case SCARD_E_SERVICE_STOPPED:
-    case SCARD_E_INVALID_HANDLE:
-      setPresent(false);
-      // The context went with the service. If that is back, a new context helps the next call.
-      SCardReleaseContext(context_);
-      SCardEstablishContext(SCARD_SCOPE_SYSTEM, nullptr, nullptr, &context_);
-      return;
-    default:
-      return;
-  }
+  const bool serviceGone = isOneOf(kServiceGone, result);
+  if (serviceGone || isOneOf(kCardGone, result)) setPresent(false);
+  if (serviceGone) closeContext();  // if the service is back, a new one helps the next call
 }
 
 bool PcscCard::connect() {
   if (hasHandle_) return true;
-  const LONG result =
-      SCardConnect(context_, reader_.c_str(), SCARD_SHARE_SHARED, kProtocols, &handle_, &protocol_);
+  LONG result = context_ != 0 ? SCARD_S_SUCCESS : openContext();
+  if (result == SCARD_S_SUCCESS) {
+    result = SCardConnect(context_, reader_.c_str(), SCARD_SHARE_SHARED, kProtocols, &handle_,
+                          &protocol_);
+  }
   hasHandle_ = result == SCARD_S_SUCCESS;
   if (!hasHandle_) noteFailure(result, "Connecting to the card");
   return hasHandle_;
 }
 
 Bytes PcscCard::readAtr() {
-  std::array<BYTE, MAX_ATR_SIZE> buffer{};
+  std::array<BYTE, kLongestAtr> buffer{};
   auto length = static_cast<DWORD>(buffer.size());
   const LONG result =
       SCardStatus(handle_, nullptr, nullptr, nullptr, nullptr, buffer.data(), &length);
@@ -145,11 +161,11 @@ Bytes PcscCard::reset() {
 Bytes PcscCard::atr() { return connect() ? readAtr() : Bytes(); }
 
 PcscCard::Response PcscCard::transmitOnce(const Bytes& command) {
-  const SCARD_IO_REQUEST* request = protocol_ == SCARD_PROTOCOL_T1 ? SCARD_PCI_T1 : SCARD_PCI_T0;
-  Response response{SCARD_S_SUCCESS, Bytes(MAX_BUFFER_SIZE_EXTENDED)};
+  const SCARD_IO_REQUEST request = {protocol_, sizeof(SCARD_IO_REQUEST)};
+  Response response{SCARD_S_SUCCESS, Bytes(kLongestResponse)};
   auto length = static_cast<DWORD>(response.bytes.size());
   response.result =
-      SCardTransmit(handle_, request, command.data(), static_cast<DWORD>(command.size()), nullptr,
+      SCardTransmit(handle_, &request, command.data(), static_cast<DWORD>(command.size()), nullptr,
                     response.bytes.data(), &length);
   response.bytes.resize(response.result == SCARD_S_SUCCESS ? length : 0);
   return response;
@@ -216,9 +232,12 @@ void PcscCard::follow(SCARDCONTEXT context) {
   states[0].szReader = kReaderChanges;
   states[1].szReader = reader_.c_str();
   while (!ending()) {
-    LONG result = waitForChange(context, states.data(), states.size(), INFINITE);
-    if (result == SCARD_E_UNKNOWN_READER) {
-      // Not there (yet): only its coming can be waited for.
+    LONG result =
+        waitForChange(context, states.data(), static_cast<DWORD>(states.size()), INFINITE);
+    const bool unknown = (states[1].dwEventState & SCARD_STATE_UNKNOWN) != 0;
+    if (isOneOf(kNoReader, result) || (result == SCARD_S_SUCCESS && unknown)) {
+      // Not there (yet): only its coming can be waited for. The state that says so is not handed
+      // back, because it would have the reader ignored from then on.
       takeState(SCARD_STATE_UNKNOWN);
       states[1].dwCurrentState = SCARD_STATE_UNAWARE;
       result = waitForChange(context, states.data(), 1, kReaderRetry);
@@ -228,7 +247,9 @@ void PcscCard::follow(SCARDCONTEXT context) {
     }
     states[0].dwCurrentState = states[0].dwEventState;
     if (result == SCARD_S_SUCCESS || result == SCARD_E_TIMEOUT) continue;
-    if (result != SCARD_E_CANCELLED) log_.warning("Watching the reader: " + describe(result));
+    if (result != SCARD_E_CANCELLED && !isOneOf(kNoReader, result)) {
+      log_.warning("Watching the reader: " + pcscText(result));
+    }
     return;
   }
 }

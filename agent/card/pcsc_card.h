@@ -4,12 +4,11 @@
 // they do to it is theirs to agree on.
 #pragma once
 
-#include <winscard.h>
-
 #include <string>
 #include <thread>
 
 #include "agent/card/card_backend.h"
+#include "agent/platform/pcsc_api.h"
 #include "agent/program/log.h"
 #include "contract/bytes.h"
 #include "platform/sync/sync.h"
@@ -23,7 +22,8 @@ class PcscCard final : public CardBackend {
   ~PcscCard() override;
 
   std::string name() const override { return "pcsc"; }
-  // Fails if the service is not there; a missing reader is waited for.
+  // Fails if the service is not there, unless it comes with the reader; a missing reader is waited
+  // for.
   void start(CardListener& listener) override;
   void stop() override;
   Bytes reset() override;
@@ -44,6 +44,8 @@ class PcscCard final : public CardBackend {
     Bytes bytes;  // empty unless the result is success
   };
   Response transmitOnce(const Bytes& command);
+  LONG openContext();
+  void closeContext();
   void dropHandle();
   // Logs it, and takes the card as gone if `result` says so.
   void noteFailure(LONG result, const char* what);
@@ -64,7 +66,7 @@ class PcscCard final : public CardBackend {
 
   // Without a lock: the card's calls come one after the other. The service does not mind from which
   // thread.
-  SCARDCONTEXT context_ = 0;
+  SCARDCONTEXT context_ = 0;  // 0: none
   SCARDHANDLE handle_ = 0;
   bool hasHandle_ = false;
   DWORD protocol_ = 0;

@@ -1,4 +1,5 @@
-// The local socket through which `zelta-agent ctl` reaches the running agent.
+// The local socket, on Windows the named pipe, through which `zelta-agent ctl` reaches the running
+// agent.
 #pragma once
 
 #include <functional>
@@ -15,6 +16,7 @@ namespace zelta::agent {
 // The agent's end. One thread serves one client after the other; a client that does not ask within
 // a second is dropped. A client that asks for a trace gets its own thread until it
 // leaves. The socket is made for the agent's own user and root; the service opens it to its group.
+// The pipe is for the agent's own user and administrators.
 class ControlServer {
  public:
   // Answers one line, on the server's thread.
@@ -34,6 +36,8 @@ class ControlServer {
 // agent that may not write there goes without.
 //
 // `openFeed` makes the feeds of traces; without it there are none.
+//
+// A pipe has no folder, link or traces.
 std::unique_ptr<ControlServer> openControlServer(const std::string& path,
                                                  ControlServer::Handler handler,
                                                  OnFailure onFailure, const std::string& link = {},

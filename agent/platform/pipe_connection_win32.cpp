@@ -13,16 +13,16 @@ namespace zelta::agent {
 
 namespace {
 
-DWORD milliseconds(std::optional<SteadyClock::time_point> deadline) {
+bool isSignalled(HANDLE event) { return WaitForSingleObject(event, 0) == WAIT_OBJECT_0; }
+
+}  // namespace
+
+DWORD millisecondsUntil(std::optional<SteadyClock::time_point> deadline) {
   if (!deadline) return INFINITE;
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - SteadyClock::now());
   return static_cast<DWORD>(
       std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, 0x7FFFFFFF));
 }
-
-bool isSignalled(HANDLE event) { return WaitForSingleObject(event, 0) == WAIT_OBJECT_0; }
-
-}  // namespace
 
 ScopedHandle makeEvent() {
   HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
@@ -66,7 +66,7 @@ IoResult NamedPipeConnection::waitFor(HANDLE event,
                                       std::optional<SteadyClock::time_point> deadline) const {
   const std::array<HANDLE, 2> events = {event, cancel_.get()};
   const DWORD reason = WaitForMultipleObjects(static_cast<DWORD>(events.size()), events.data(),
-                                              FALSE, milliseconds(deadline));
+                                              FALSE, millisecondsUntil(deadline));
   if (reason == WAIT_OBJECT_0) return IoResult::kDone;
   return reason == WAIT_TIMEOUT ? IoResult::kTimedOut : IoResult::kCancelled;
 }
@@ -170,7 +170,7 @@ IoResult NamedPipeConnection::finishAnswer(OVERLAPPED* operation,
   constexpr DWORD kNextCommand = WAIT_OBJECT_0 + 1;
   const std::array<HANDLE, 3> events = {written_.get(), first_.done.get(), cancel_.get()};
   const DWORD reason = WaitForMultipleObjects(static_cast<DWORD>(events.size()), events.data(),
-                                              FALSE, milliseconds(deadline));
+                                              FALSE, millisecondsUntil(deadline));
   if (reason != kWritten) CancelIoEx(pipe_.get(), operation);
   DWORD count = 0;
   // The write may have ended just before the next command came: then all is well.

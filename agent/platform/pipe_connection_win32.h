@@ -28,6 +28,9 @@ using ScopedHandle = std::unique_ptr<std::remove_pointer_t<HANDLE>, HandleCloser
 // A manual-reset event; throws std::system_error for lack of handles.
 ScopedHandle makeEvent();
 
+// The limit of a wait that ends then, at the latest; without a limit if there is no deadline.
+DWORD millisecondsUntil(std::optional<SteadyClock::time_point> deadline);
+
 class NamedPipeConnection final : public PipeConnection {
  public:
   // The most posts that the driver has not read; one more waits.

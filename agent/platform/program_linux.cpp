@@ -11,7 +11,6 @@
 #include <atomic>
 #include <cerrno>
 #include <functional>
-#include <iostream>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -40,6 +39,7 @@
 namespace zelta::agent {
 
 const Edition kEdition = {
+    System::kLinux,
     "Signals: SIGUSR1 removes the card, SIGUSR2 inserts it, SIGINT and SIGTERM end\n"
     "the agent."};
 
@@ -217,15 +217,7 @@ int runNearEnd(const Options& options, Endings& endings, Log& log) {
 
 }  // namespace
 
-int runControl(const Options& options) {
-  const ControlResult result = readControlAnswer(ask(options));
-  if (result.success) {
-    std::cout << result.text;
-    return kExitDone;
-  }
-  std::cerr << "zelta-agent: " << result.text;
-  return kExitFailed;
-}
+int runCommand(const Options& options) { return showControlAnswer(ask(options)); }
 
 int runAgent(const Options& options, Log& log) {
   Endings endings;  // first: threads take the blocked signals over

@@ -1,8 +1,11 @@
 #include "agent/program/options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <filesystem>
 #include <limits>
 #include <sstream>
+#include <utility>
 
 #include "agent/program/session_id.h"
 #include "agent/version.h"
@@ -26,6 +29,12 @@ constexpr Named<BackendKind> kBackends[] = {{"emulated", BackendKind::kEmulated}
                                             {"pcsc", BackendKind::kPcsc},
                                             {"script", BackendKind::kScript},
                                             {"remote", BackendKind::kRemote}};
+constexpr const char* kLinuxBackends[] = {"emulated", "remote"};
+// Options of what only Linux has: the emulated card and a driver at another machine.
+constexpr const char* kLinuxOptions[] = {"--db", "--pin", "--pin-file", "--cert", "--to", "--ssh"};
+constexpr char kService[] = "service";  // only Windows has that
+constexpr char kNotOnLinux[] = " is not available on Linux";
+constexpr char kNotOnWindows[] = " is not available on Windows";
 constexpr Named<Severity> kLevels[] = {{"error", Severity::kError},
                                        {"warning", Severity::kWarning},
                                        {"info", Severity::kInfo},
@@ -38,6 +47,14 @@ std::vector<std::string> names(const Named<Value> (&table)[kCount]) {
   return all;
 }
 
+template <typename Value, std::size_t kCount>
+std::string nameOf(const Named<Value> (&table)[kCount], Value value) {
+  for (const Named<Value>& entry : table) {
+    if (value == entry.value) return entry.name;
+  }
+  return {};
+}
+
 // The value of that name, else `fallback`.
 template <typename Value, std::size_t kCount>
 Value valueOf(const Named<Value> (&table)[kCount], const std::string& name, Value fallback) {
@@ -47,10 +64,19 @@ Value valueOf(const Named<Value> (&table)[kCount], const std::string& name, Valu
   return fallback;
 }
 
-// Options of what only Linux has: the control socket, the emulated card, a real reader's card, a
-// driver at another machine and the recorder.
-constexpr const char* kLinuxOptions[] = {"--control",     "--db", "--pin", "--pin-file", "--cert",
-                                         "--pcsc-reader", "--to", "--ssh", "--record"};
+bool isBackendOf(System system, const std::string& name) {
+  return system == System::kLinux || std::find(std::begin(kLinuxBackends), std::end(kLinuxBackends),
+                                               name) == std::end(kLinuxBackends);
+}
+
+// The back ends' names with a line between each.
+std::string backendNames(System system) {
+  std::string text;
+  for (const std::string& name : names(kBackends)) {
+    if (isBackendOf(system, name)) text += (text.empty() ? "" : "|") + name;
+  }
+  return text;
+}
 
 // What the command line sets besides `Options` itself.
 struct Flags {
@@ -67,6 +93,9 @@ struct Flags {
   CLI::App* insert = nullptr;
   CLI::App* remove = nullptr;
   CLI::App* status = nullptr;
+  CLI::App* serviceInstall = nullptr;
+  CLI::App* serviceRemove = nullptr;
+  CLI::App* serviceRun = nullptr;
 };
 
 std::string checkSessionId(const std::string& text) {
@@ -77,11 +106,15 @@ std::string checkAddress(const std::string& text) {
   return parseSshAddress(text) ? "" : "'" + text + "' is not ssh://[user@]host[:port][/reader]";
 }
 
-void addShared(CLI::App& app, Options& options) {
+void addShared(CLI::App& app, System system, Options& options) {
   app.add_option("--reader", options.reader, "Index of the reader (default 0)")
       ->check(CLI::Range(std::uint32_t{0}, std::numeric_limits<std::uint32_t>::max()))
       ->option_text("INDEX");
-  app.add_option("--control", options.control, "Path of the control socket")->option_text("PATH");
+  if (system == System::kLinux) {
+    app.add_option("--control", options.control, "Path of the control socket")->option_text("PATH");
+  } else {
+    app.add_option("--control", options.control, "Name of the control pipe")->option_text("PIPE");
+  }
 }
 
 void addEmulatedOptions(CLI::App& app, Options& options, Flags& flags) {
@@ -107,10 +140,11 @@ void addEmulatedOptions(CLI::App& app, Options& options, Flags& flags) {
       ->allow_extra_args(false);
 }
 
-void addCardOptions(CLI::App& app, Options& options, Flags& flags) {
-  app.add_option("--backend", flags.backend, "Where the card comes from (default emulated)")
+void addCardOptions(CLI::App& app, System system, Options& options, Flags& flags) {
+  const std::string choice = system == System::kLinux ? "(default emulated)" : "(needed)";
+  app.add_option("--backend", flags.backend, "Where the card comes from " + choice)
       ->check(CLI::IsMember(names(kBackends)))
-      ->option_text("emulated|pcsc|script|remote");
+      ->option_text(backendNames(system));
   auto* inserted = app.add_flag("--card-inserted", flags.cardInserted, "Start with the card in");
   app.add_flag("--no-card", flags.noCard, "Start without the card")->excludes(inserted);
   addEmulatedOptions(app, options, flags);
@@ -148,7 +182,7 @@ void addLogOptions(CLI::App& app, Flags& flags) {
       ->excludes(quiet);
 }
 
-void addControl(CLI::App& app, Options& options, Flags& flags) {
+void addControl(CLI::App& app, System system, Options& options, Flags& flags) {
   flags.ctl = app.add_subcommand("ctl", "Talk to the running agent");
   flags.ctl->footer(kExitCodes);
   flags.ctl->require_subcommand(1);
@@ -156,9 +190,20 @@ void addControl(CLI::App& app, Options& options, Flags& flags) {
   flags.remove = flags.ctl->add_subcommand("remove", "Pull the card");
   flags.status = flags.ctl->add_subcommand("status", "Show what the agent is doing");
   for (CLI::App* command : {flags.insert, flags.remove, flags.status}) {
-    addShared(*command, options);
+    addShared(*command, system, options);
   }
   flags.status->add_flag("--json", options.json, "For programs");
+}
+
+void addService(CLI::App& app, Flags& flags) {
+  CLI::App* service = app.add_subcommand(kService, "Run the agent as a service");
+  service->footer("Each takes the agent's options, too.\n" + std::string(kExitCodes));
+  service->require_subcommand(1);
+  service->fallthrough();
+  flags.serviceInstall = service->add_subcommand("install", "Make the service of these options");
+  flags.serviceRemove =
+      service->add_subcommand("remove", "Stop the reader's service and remove it");
+  flags.serviceRun = service->add_subcommand("run", "What the service runs");
 }
 
 void applyFlags(const CLI::App& app, const Flags& flags, Options& options) {
@@ -173,6 +218,9 @@ void applyFlags(const CLI::App& app, const Flags& flags, Options& options) {
   if (flags.insert->parsed()) options.action = Options::Action::kCtlInsert;
   if (flags.remove->parsed()) options.action = Options::Action::kCtlRemove;
   if (flags.status->parsed()) options.action = Options::Action::kCtlStatus;
+  if (flags.serviceInstall->parsed()) options.action = Options::Action::kServiceInstall;
+  if (flags.serviceRemove->parsed()) options.action = Options::Action::kServiceRemove;
+  if (flags.serviceRun->parsed()) options.action = Options::Action::kServiceRun;
 }
 
 // The same of the options for a driver at another machine.
@@ -188,8 +236,14 @@ std::string findRemoteConflict(const Options& options) {
 }
 
 // Which options contradict each other or are missing; empty if none.
-std::string findConflict(const Options& options) {
-  if (options.action != Options::Action::kRun) return {};
+std::string findConflict(const Options& options, System system) {
+  using Action = Options::Action;
+  const bool runs = options.action == Action::kRun || options.action == Action::kServiceInstall ||
+                    options.action == Action::kServiceRun;
+  if (!runs) return {};
+  if (system == System::kWindows && options.backend == BackendKind::kEmulated) {
+    return "which card? --backend needs one of " + backendNames(system);
+  }
   const bool script = options.backend == BackendKind::kScript;
   const bool pcsc = options.backend == BackendKind::kPcsc;
   if (script && options.scriptFile.empty()) return "--backend script needs --script FILE";
@@ -200,15 +254,25 @@ std::string findConflict(const Options& options) {
   return findRemoteConflict(options);
 }
 
-// Which option this edition does not have; empty if none.
-std::string findUnavailable(const CLI::App& app, const Options& options, const Edition& edition) {
-  if (!edition.scriptOnly) return {};
-  const bool remote = options.backend == BackendKind::kRemote;
-  if (remote) return "--backend remote is not available on Windows";
+// Which option the system does not have; empty if none.
+std::string findUnavailable(const CLI::App& app, const Flags& flags, System system) {
+  if (system == System::kLinux) {
+    return app.got_subcommand(kService) ? kService + std::string(kNotOnLinux) : "";
+  }
+  if (!isBackendOf(system, flags.backend)) return "--backend " + flags.backend + kNotOnWindows;
   for (const char* option : kLinuxOptions) {
-    if (app.count(option) != 0) return std::string(option) + " is not available on Windows";
+    if (app.count(option) != 0) return option + std::string(kNotOnWindows);
   }
   return {};
+}
+
+// Leaves what the system does not have out of the help.
+void hideUnavailable(CLI::App& app, System system) {
+  if (system == System::kLinux) {
+    app.get_subcommand(kService)->group("");
+  } else {
+    for (const char* option : kLinuxOptions) app.get_option(option)->group("");
+  }
 }
 
 ParsedOptions refuse(const std::string& problem) {
@@ -223,14 +287,16 @@ ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edi
   CLI::App app(kDescription, "zelta-agent");
   app.footer(std::string(edition.endings) + "\n" + kExitCodes);
   app.set_version_flag("--version", std::string("zelta-agent ") + kVersion);
-  addShared(app, options);
+  addShared(app, edition.system, options);
   app.add_option("--session-id", options.sessionId, "Id of the session (default a fresh one)")
       ->check(checkSessionId)
       ->option_text("GUID");
-  addCardOptions(app, options, flags);
+  addCardOptions(app, edition.system, options, flags);
   addRemoteOptions(app, options, flags);
   addLogOptions(app, flags);
-  addControl(app, options, flags);
+  addControl(app, edition.system, options, flags);
+  addService(app, flags);
+  hideUnavailable(app, edition.system);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -240,11 +306,33 @@ ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edi
     return {std::nullopt, wanted ? kExitDone : kExitUsage, output.str(), problem.str()};
   }
   applyFlags(app, flags, options);
-  std::string problem = findUnavailable(app, options, edition);
+  std::string problem = findUnavailable(app, flags, edition.system);
   if (problem.empty() && app.count("--to") != 0) problem = checkAddress(flags.to);
-  if (problem.empty()) problem = findConflict(options);
+  if (problem.empty()) problem = findConflict(options, edition.system);
   if (!problem.empty()) return refuse(problem);
   return {options, kExitDone, "", ""};
+}
+
+std::vector<std::string> argumentsOf(const Options& options) {
+  const auto absolute = [](const std::string& path) {
+    return path.empty() ? path : std::filesystem::absolute(path).string();
+  };
+  const std::pair<const char*, std::string> values[] = {
+      {"--reader", std::to_string(options.reader)},
+      {"--control", options.control},
+      {"--session-id", options.sessionId},
+      {"--backend", nameOf(kBackends, options.backend)},
+      {"--pcsc-reader", options.pcscReader},
+      {"--script", absolute(options.scriptFile)},
+      {"--record", absolute(options.recordFile)},
+      {"--log-level", nameOf(kLevels, options.logLevel)},
+  };
+  std::vector<std::string> words;
+  for (const auto& [option, value] : values) {
+    if (!value.empty()) words.push_back(option + ("=" + value));
+  }
+  if (options.cardIn) words.emplace_back(*options.cardIn ? "--card-inserted" : "--no-card");
+  return words;
 }
 
 }  // namespace zelta::agent

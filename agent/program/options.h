@@ -21,14 +21,22 @@ inline constexpr int kExitUsage = 2;
 inline constexpr char kDefaultDatabase[] = "/var/lib/zelta/card";
 
 struct Options {
-  enum class Action { kRun, kCtlInsert, kCtlRemove, kCtlStatus };
+  enum class Action {
+    kRun,
+    kCtlInsert,
+    kCtlRemove,
+    kCtlStatus,
+    kServiceInstall,
+    kServiceRemove,
+    kServiceRun,
+  };
 
   Action action = Action::kRun;
   std::uint32_t reader = 0;
-  std::string control;    // empty: the default of the reader
-  std::string sessionId;  // empty: a fresh one
-  BackendKind backend = BackendKind::kEmulated;
-  std::optional<bool> cardIn;  // at the start; none: the back end's default
+  std::string control;                           // empty: the default of the reader
+  std::string sessionId;                         // empty: a fresh one
+  BackendKind backend = BackendKind::kEmulated;  // on Windows, which has none: not chosen
+  std::optional<bool> cardIn;                    // at the start; none: the back end's default
   Severity logLevel = Severity::kInfo;
   std::string database = kDefaultDatabase;
   std::optional<std::string> pin;
@@ -49,13 +57,18 @@ struct ParsedOptions {
   std::string error;               // for standard error
 };
 
-// The program on one system.
+enum class System { kLinux, kWindows };
+
+// The program on one system. Its help has what is available there; the rest is refused.
 struct Edition {
+  System system;
   const char* endings;  // a line of the help: what ends the program, and what it obeys meanwhile
-  // Whether only --backend script and its options are available, as on Windows.
-  bool scriptOnly = false;
 };
 
 ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edition);
+
+// The words that say the same of an agent on Windows. Paths are made absolute, because a service
+// begins in another folder.
+std::vector<std::string> argumentsOf(const Options& options);
 
 }  // namespace zelta::agent

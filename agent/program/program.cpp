@@ -3,6 +3,7 @@
 #include <exception>
 #include <iostream>
 
+#include "agent/control/control.h"
 #include "agent/program/wrong_configuration.h"
 
 namespace zelta::agent {
@@ -21,7 +22,7 @@ int runWithMemory(int argc, const char* const* argv) {
     if (isAgent && options.pin) {
       log.warning("The PIN stands on the command line, where others can read it; use --pin-file");
     }
-    return isAgent ? runAgent(options, log) : runControl(options);
+    return isAgent ? runAgent(options, log) : runCommand(options);
   } catch (const WrongConfiguration& error) {
     log.error(error.what());
     return kExitUsage;
@@ -36,6 +37,16 @@ int runWithMemory(int argc, const char* const* argv) {
 }
 
 }  // namespace
+
+int showControlAnswer(const std::string& answer) {
+  const ControlResult result = readControlAnswer(answer);
+  if (result.success) {
+    std::cout << result.text;
+    return kExitDone;
+  }
+  std::cerr << "zelta-agent: " << result.text;
+  return kExitFailed;
+}
 
 int runProgram(int argc, const char* const* argv) {
   try {

@@ -1,6 +1,7 @@
 // The program around the agent. `runProgram` is the same on every system; the rest differs.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "agent/program/log.h"
@@ -10,6 +11,8 @@ namespace zelta::agent {
 
 // The whole program; returns its exit code.
 int runProgram(int argc, const char* const* argv);
+// Tells the user what the agent has answered to a control command; returns the program's exit code.
+int showControlAnswer(const std::string& answer);
 
 // The system's part:
 
@@ -20,8 +23,8 @@ Log::Sink standardErrorSink();
 // Runs the agent until it is ended; returns the program's exit code. What it throws ends the
 // program with a line in the log.
 int runAgent(const Options& options, Log& log);
-// Runs a control command; returns the program's exit code.
-int runControl(const Options& options);
+// Runs what is not the agent itself, `ctl` or `service`; returns the program's exit code.
+int runCommand(const Options& options);
 // Needs no memory.
 void writeStandardError(std::string_view text);
 

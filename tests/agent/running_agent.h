@@ -27,6 +27,7 @@ class PipeFolder {
  public:
   PipeFolder() : root_("ZELTA_PIPE_ROOT", folder_.file("p")) {}
   std::string file(const std::string& name) const { return folder_.file(name); }
+  const std::filesystem::path& path() const { return folder_.path(); }
 
  private:
   TempFolder folder_;

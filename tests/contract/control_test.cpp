@@ -23,6 +23,12 @@ TEST(DefaultControlPaths, NoRuntimeFolder_LeavesTheSystemsFolders) {
               testing::ElementsAre("/run/zelta/agent0.ctl", "/run/zelta-agent0/control"));
 }
 
+TEST(DefaultControlPipes, PlainPipe_IsFollowedByThatOfTheService) {
+  EXPECT_THAT(defaultControlPipes(12),
+              testing::ElementsAre("\\\\.\\pipe\\zelta-agent12",
+                                   "\\\\.\\pipe\\ProtectedPrefix\\LocalService\\zelta-agent12"));
+}
+
 TEST(ControlLinkPath, IsBesideThePipes) {
   EXPECT_EQ(controlLinkPath("/run/zelta/pipe", 0), "/run/zelta/pipe-agent0");
 }

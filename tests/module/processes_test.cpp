@@ -32,9 +32,9 @@ class ProcessesTest : public ::testing::Test {
   }
 
   std::unique_ptr<ChildProcess> startAgent() const {
-    std::vector<std::string> options{"--backend",    "script", "--script", folder_.file("card.txt"),
-                                     "--session-id", kSession};
-    if (kAgentHasControl) options.insert(options.end(), {"--control", folder_.file("ctl")});
+    const std::vector<std::string> options{
+        "--backend",    "script", "--script",  folder_.file("card.txt"),
+        "--session-id", kSession, "--control", controlPathFor(folder_.path())};
     auto agent = std::make_unique<ChildProcess>(ZELTA_AGENT_PROGRAM, options);
     EXPECT_TRUE(agent->readLineWith("reader 0, script card, session"));
     return agent;

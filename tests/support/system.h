@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
+#include <string>
 
 #include "platform/process/error.h"
 
@@ -20,8 +22,10 @@ inline constexpr bool kReadsWaitForAllBytes = false;
 inline constexpr bool kPipesListenAfterDisconnect = false;
 // The error of creating a pipe whose name is in use and has one instance.
 inline constexpr std::uint32_t kPipeNameInUse = platform::error::kPipeBusy;
-// Whether the agent has a control socket, and so the option for its path.
-inline constexpr bool kAgentHasControl = false;
+// The control path of an agent that belongs to a test's folder.
+inline std::string controlPathFor(const std::filesystem::path& folder) {
+  return "\\\\.\\pipe\\" + folder.filename().string();
+}
 
 #else
 
@@ -30,7 +34,7 @@ inline constexpr bool kPipesKeepBytes = true;
 inline constexpr bool kReadsWaitForAllBytes = true;
 inline constexpr bool kPipesListenAfterDisconnect = true;
 inline constexpr std::uint32_t kPipeNameInUse = platform::error::kAccessDenied;
-inline constexpr bool kAgentHasControl = true;
+inline std::string controlPathFor(const std::filesystem::path& folder) { return folder / "ctl"; }
 
 #endif
 

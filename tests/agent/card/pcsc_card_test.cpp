@@ -46,9 +46,18 @@ TEST_F(PcscCardTest, FailureOfItsWatch_IsToldAndItCanBeStopped) {
   card_.stop();
 }
 
-TEST_F(PcscCardTest, WithoutService_StartFails) {
+TEST_F(PcscCardTest, WithoutService_StartFailsUnlessItComesWithTheReader) {
   service_.setService(false);
-  EXPECT_THROW(card_.start(notices_), std::runtime_error);
+  if (!kServiceNeedsReader) {
+    EXPECT_THROW(card_.start(notices_), std::runtime_error);
+    return;
+  }
+  card_.start(notices_);
+  EXPECT_EQ(card_.atr(), Bytes());
+  service_.insertCard();
+  service_.setService(true);
+  notices_.waitFor("in ");
+  EXPECT_EQ(card_.atr(), kAtr);
 }
 
 TEST_F(PcscCardTest, CardOfTheRealReader_Answers) {
@@ -105,7 +114,8 @@ TEST_F(PcscCardTest, CommandThatFails_IsNotAnsweredAndTheNextConnectsAnew) {
   service_.failTransmits({SCARD_E_NOT_TRANSACTED});
   EXPECT_EQ(card_.transmit(kCommand), Bytes());
   EXPECT_EQ(notices_.text(), "in ");
-  EXPECT_TRUE(lines_.has("warning: Sending a command to the card: a PC/SC failure"));
+  EXPECT_TRUE(
+      lines_.has("warning: Sending a command to the card: " + pcscText(SCARD_E_NOT_TRANSACTED)));
   EXPECT_EQ(card_.transmit(kCommand), kCommand);
   EXPECT_THAT(service_.takeCalls(),
               ElementsAre("connect", "transmit", "disconnect", "connect", "transmit"));
@@ -121,6 +131,15 @@ TEST_F(PcscCardTest, ReaderThatComesLater_IsFound) {
 }
 
 TEST_F(PcscCardTest, ReaderThatGoes_TakesItsCardAlong) {
+  startWithCard();
+  service_.setReader(false);
+  notices_.waitFor("in out ");
+  service_.setReader(true);
+  notices_.waitFor("in out in ");
+}
+
+TEST_F(PcscCardTest, ReaderThatIsSaidToBeUnknown_IsNotIgnoredFromThenOn) {
+  service_.tellUnknownReaderByItsState();
   startWithCard();
   service_.setReader(false);
   notices_.waitFor("in out ");

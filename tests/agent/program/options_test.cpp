@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "agent/version.h"
 #include "tests/support/case_names.h"
 
@@ -11,10 +13,10 @@ namespace {
 
 using testing::HasSubstr;
 
-ParsedOptions parse(std::vector<const char*> arguments, bool scriptOnly = false) {
+ParsedOptions parse(std::vector<const char*> arguments, System system = System::kLinux) {
   arguments.insert(arguments.begin(), "zelta-agent");
   return parseOptions(static_cast<int>(arguments.size()), arguments.data(),
-                      {"What ends it.", scriptOnly});
+                      {system, "What ends it."});
 }
 
 Options taken(const std::vector<const char*>& arguments) {
@@ -163,33 +165,126 @@ INSTANTIATE_TEST_SUITE_P(
       return test::caseName(all);
     });
 
-// On Windows.
 class OptionsOfLinux : public testing::TestWithParam<const char*> {};
 
-TEST_P(OptionsOfLinux, AreRefusedByTheEditionWithoutThem) {
+TEST_P(OptionsOfLinux, AreNamedAndRefusedOnWindowsAndNotInItsHelp) {
   const std::vector<const char*> arguments = {"--backend", "script",   "--script",
                                               "f",         GetParam(), "value"};
-  const ParsedOptions parsed = parse(arguments, true);
+  const ParsedOptions parsed = parse(arguments, System::kWindows);
   EXPECT_FALSE(parsed.options);
   EXPECT_EQ(parsed.exitCode, kExitUsage);
   EXPECT_EQ(parsed.error, std::string(GetParam()) +
                               " is not available on Windows\nRun with --help for more "
                               "information.\n");
   EXPECT_THAT(parse(arguments).error, testing::Not(HasSubstr("Windows")));
+  const std::string shown = std::string(GetParam()) + " ";
+  EXPECT_THAT(parse({"--help"}).output, HasSubstr(shown));
+  EXPECT_THAT(parse({"--help"}, System::kWindows).output, testing::Not(HasSubstr(shown)));
 }
 
 INSTANTIATE_TEST_SUITE_P(Options, OptionsOfLinux,
-                         testing::Values("--control", "--db", "--pin", "--pin-file", "--cert",
-                                         "--pcsc-reader", "--to"),
+                         testing::Values("--db", "--pin", "--pin-file", "--cert", "--to"),
                          [](const auto& each) { return test::caseName(each.param); });
 
-TEST(RemoteBackEnd, IsRefusedByTheEditionWithoutIt) {
-  EXPECT_THAT(parse({"--backend", "remote"}, true).error,
-              HasSubstr("--backend remote is not available on Windows"));
+class BackEndsOfLinux : public testing::TestWithParam<const char*> {};
+
+TEST_P(BackEndsOfLinux, AreNamedAndRefusedOnWindows) {
+  EXPECT_TRUE(parse({"--backend", GetParam()}).options);
+  const ParsedOptions parsed = parse({"--backend", GetParam()}, System::kWindows);
+  EXPECT_EQ(parsed.exitCode, kExitUsage);
+  EXPECT_THAT(parsed.error,
+              HasSubstr("--backend " + std::string(GetParam()) + " is not available on Windows\n"));
 }
 
-TEST(OptionsOfTheScript, AreTakenByTheEditionWithoutOtherCards) {
-  EXPECT_TRUE(parse({"--backend", "script", "--script", "f", "--no-card", "-v"}, true).options);
+INSTANTIATE_TEST_SUITE_P(Options, BackEndsOfLinux, testing::Values("emulated", "remote"));
+
+TEST(WindowsOptions, NoCard_IsAskedFor) {
+  const ParsedOptions parsed = parse({}, System::kWindows);
+  EXPECT_EQ(parsed.exitCode, kExitUsage);
+  EXPECT_THAT(parsed.error, HasSubstr("which card? --backend needs one of pcsc|script\n"));
+  EXPECT_TRUE(parse({"ctl", "status"}, System::kWindows).options);
+}
+
+TEST(WindowsOptions, Help_HasItsCardsOnly) {
+  const std::string help = parse({"--help"}, System::kWindows).output;
+  EXPECT_THAT(help, HasSubstr(" pcsc|script "));
+  EXPECT_THAT(help, HasSubstr("--control PIPE"));
+  EXPECT_THAT(help, HasSubstr("--pcsc-reader"));
+  EXPECT_THAT(help, testing::Not(HasSubstr("mulated")));
+  EXPECT_THAT(help, testing::Not(HasSubstr("another machine")));
+}
+
+TEST(WindowsOptions, ItsCards_TakeTheirOptions) {
+  EXPECT_TRUE(
+      parse({"--backend", "script", "--script", "f", "--no-card", "-v"}, System::kWindows).options);
+  const ParsedOptions real =
+      parse({"--backend", "pcsc", "--pcsc-reader", "A Reader 0", "--record", "r", "--control", "c"},
+            System::kWindows);
+  ASSERT_TRUE(real.options) << real.error;
+  EXPECT_EQ(real.options->pcscReader, "A Reader 0");
+}
+
+TEST(ServiceOptions, EveryAction_IsForWindowsOnly) {
+  const struct {
+    const char* name;
+    Options::Action action;
+  } kActions[] = {{"install", Options::Action::kServiceInstall},
+                  {"remove", Options::Action::kServiceRemove},
+                  {"run", Options::Action::kServiceRun}};
+  for (const auto& [name, action] : kActions) {
+    const std::vector<const char*> arguments = {"service", name,       "--backend",
+                                                "script",  "--script", "f"};
+    const ParsedOptions parsed = parse(arguments, System::kWindows);
+    ASSERT_TRUE(parsed.options) << parsed.error;
+    EXPECT_EQ(parsed.options->action, action);
+    EXPECT_EQ(parsed.options->scriptFile, "f");
+    EXPECT_EQ(parse(arguments).exitCode, kExitUsage);
+    EXPECT_THAT(parse(arguments).error, HasSubstr("service is not available on Linux\n"));
+  }
+  EXPECT_THAT(parse({"--help"}, System::kWindows).output, HasSubstr("\n  service "));
+  EXPECT_THAT(parse({"--help"}).output, testing::Not(HasSubstr("\n  service ")));
+}
+
+TEST(ServiceOptions, InstalledAndRunServices_NeedACard) {
+  for (const char* action : {"install", "run"}) {
+    EXPECT_THAT(parse({"service", action}, System::kWindows).error, HasSubstr("which card?"));
+  }
+  EXPECT_TRUE(parse({"service", "remove", "--reader", "3"}, System::kWindows).options);
+}
+
+TEST(ServiceOptions, Arguments_SayTheSame) {
+  const std::vector<const char*> all[] = {
+      {"--backend", "pcsc", "--pcsc-reader", "-A Reader= 0", "--log-level", "debug"},
+      {"--backend", "script", "--script", "/f", "--no-card", "--reader", "7", "--control", "c",
+       "--session-id", "01234567-89ab-cdef-0123-456789abcdef", "--record", "/r", "-q"},
+      {"--backend", "script", "--script", "/f", "--card-inserted"}};
+  for (const std::vector<const char*>& given : all) {
+    const ParsedOptions first = parse(given, System::kWindows);
+    ASSERT_TRUE(first.options) << first.error;
+    const std::vector<std::string> words = argumentsOf(*first.options);
+    std::vector<const char*> again;
+    for (const std::string& word : words) again.push_back(word.c_str());
+    const ParsedOptions second = parse(again, System::kWindows);
+    ASSERT_TRUE(second.options) << second.error;
+    EXPECT_EQ(argumentsOf(*second.options), words);
+    EXPECT_EQ(second.options->reader, first.options->reader);
+    EXPECT_EQ(second.options->control, first.options->control);
+    EXPECT_EQ(second.options->sessionId, first.options->sessionId);
+    EXPECT_EQ(second.options->backend, first.options->backend);
+    EXPECT_EQ(second.options->cardIn, first.options->cardIn);
+    EXPECT_EQ(second.options->logLevel, first.options->logLevel);
+    EXPECT_EQ(second.options->pcscReader, first.options->pcscReader);
+    EXPECT_EQ(std::filesystem::path(second.options->scriptFile).filename(),
+              std::filesystem::path(first.options->scriptFile).filename());
+  }
+}
+
+TEST(ServiceOptions, Paths_AreMadeAbsolute) {
+  Options options;
+  options.backend = BackendKind::kScript;
+  options.scriptFile = "card.txt";
+  EXPECT_THAT(argumentsOf(options),
+              testing::Contains("--script=" + std::filesystem::absolute("card.txt").string()));
 }
 
 }  // namespace

@@ -25,7 +25,7 @@ inline constexpr char kSlow[] = "atr 3B00\ncommand * -> 9000 after 1000s\n";
 
 class Program : public testing::Test {
  protected:
-  // Arguments for a card of this script, with a control socket of the test's own if there is one.
+  // Arguments for a card of this script, with a control path of the test's own.
   std::vector<std::string> script(const std::string& text,
                                   const std::vector<std::string>& more = {}) {
     std::ofstream(folder_.file("script"), std::ios::binary) << text;
@@ -35,16 +35,16 @@ class Program : public testing::Test {
     return withControl(std::move(arguments));
   }
   std::vector<std::string> withControl(std::vector<std::string> arguments) const {
-    if (kAgentHasControl) arguments.insert(arguments.end(), {"--control", control()});
+    arguments.insert(arguments.end(), {"--control", control()});
     return arguments;
   }
-  std::string control() const { return folder_.file("ctl"); }
+  std::string control() const { return controlPathFor(folder_.path()); }
   // Runs `zelta-agent ctl` with these arguments.
   Ended ctl(std::vector<std::string> arguments) const {
     arguments.insert(arguments.begin(), "ctl");
     return runProgram(withControl(std::move(arguments)));
   }
-  // Reads on until the program serves: its control socket and its signals work.
+  // Reads on until the program serves: its control path and its signals work.
   static void waitReady(AgentProcess& process) {
     ASSERT_TRUE(process.readLineWith(" card, session "));
   }

@@ -26,6 +26,7 @@ TEST_F(Program, HelpAndErrors_GoToTheirOwnStreams) {
     ChildProcess shell("/bin/sh", {"-c", std::string(ZELTA_AGENT_PROGRAM) + " " + command});
     return awaitEnd(shell).text;
   };
+  EXPECT_THAT(textOf("--help"), HasSubstr("\nSignals: SIGUSR1 removes the card, "));
   EXPECT_EQ(textOf("--help >/dev/null"), "");
   EXPECT_EQ(textOf("--nonsense 2>/dev/null"), "");
   EXPECT_EQ(textOf("ctl status --control " + control() + " 2>/dev/null"), "");
@@ -90,37 +91,6 @@ TEST_F(Program, Readiness_IsToldToSystemd) {
   }
   EXPECT_THAT(told, HasSubstr("STATUS=Waiting for the driver"));
   EXPECT_TRUE(std::filesystem::exists(control()));
-}
-
-TEST_F(Program, Ctl_MovesTheCardAndTellsTheState) {
-  DriverEnd driver;
-  AgentProcess process(script(kPlain, {"--no-card", "--session-id", kSession}));
-  driver.acceptSession();
-  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), Bytes());
-  Ended ended = ctl({"insert"});
-  EXPECT_EQ(ended.exitCode, 0) << ended.text;
-  EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardInserted));
-  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kAtr);
-  ended = ctl({"status", "--json"});
-  EXPECT_EQ(ended.exitCode, 0);
-  EXPECT_EQ(ended.text, std::string("{\"reader\":0,\"connected\":true,\"backend\":\"script\","
-                                    "\"card\":\"in\",\"atr\":\"3B00\",\"session_id\":\"") +
-                            kSession +
-                            "\",\"apdus\":0,\"errors\":0,\"timeouts\":0,\"reconnects\":0}\n");
-  ended = ctl({"insert"});
-  EXPECT_EQ(ended.exitCode, 1);
-  EXPECT_EQ(ended.text, "zelta-agent: a card is in already\n");
-  EXPECT_EQ(ctl({"remove"}).exitCode, 0);
-  EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardRemoved));
-  ended = ctl({"status"});
-  EXPECT_THAT(ended.text, HasSubstr("driver:    connected\n"));
-  EXPECT_THAT(ended.text, HasSubstr("card:      out\n"));
-}
-
-TEST_F(Program, CtlWithoutAgent_EndsWithOne) {
-  const Ended ended = ctl({"status"});
-  EXPECT_EQ(ended.exitCode, 1);
-  EXPECT_EQ(ended.text, "zelta-agent: no agent is running at " + control() + "\n");
 }
 
 TEST_F(Program, UserSignals_MoveTheCard) {

@@ -11,9 +11,6 @@ TEST_F(Program, HelpAndVersion_EndWithZero) {
   const Ended help = runProgram({"--help"});
   EXPECT_EQ(help.exitCode, 0);
   EXPECT_THAT(help.text, HasSubstr("Usage: zelta-agent"));
-  EXPECT_THAT(help.text,
-              HasSubstr(kAgentHasControl ? "\nSignals: SIGUSR1 removes the card, "
-                                         : "\nOn Windows only --backend script is available. "));
   const Ended version = runProgram({"--version"});
   EXPECT_EQ(version.exitCode, 0);
   EXPECT_EQ(version.text, std::string("zelta-agent ") + agent::kVersion + "\n");
@@ -94,6 +91,47 @@ TEST_F(Program, SlowCard_IsAnsweredForAfterFourAndAHalfSeconds) {
   EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardRemoved));
   EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardInserted));
   EXPECT_EQ(driver.transmit({0x02}), kOk);
+}
+
+TEST_F(Program, Ctl_MovesTheCardAndTellsTheState) {
+  DriverEnd driver;
+  AgentProcess process(script(kPlain, {"--no-card", "--session-id", kSession}));
+  driver.acceptSession();
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), Bytes());
+  Ended ended = ctl({"insert"});
+  EXPECT_EQ(ended.exitCode, 0) << ended.text;
+  EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardInserted));
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kAtr);
+  ended = ctl({"status", "--json"});
+  EXPECT_EQ(ended.exitCode, 0);
+  EXPECT_EQ(ended.text, std::string("{\"reader\":0,\"connected\":true,\"backend\":\"script\","
+                                    "\"card\":\"in\",\"atr\":\"3B00\",\"session_id\":\"") +
+                            kSession +
+                            "\",\"apdus\":0,\"errors\":0,\"timeouts\":0,\"reconnects\":0}\n");
+  ended = ctl({"insert"});
+  EXPECT_EQ(ended.exitCode, 1);
+  EXPECT_EQ(ended.text, "zelta-agent: a card is in already\n");
+  EXPECT_EQ(ctl({"remove"}).exitCode, 0);
+  EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardRemoved));
+  ended = ctl({"status"});
+  EXPECT_THAT(ended.text, HasSubstr("driver:    connected\n"));
+  EXPECT_THAT(ended.text, HasSubstr("card:      out\n"));
+}
+
+TEST_F(Program, CtlWithoutAgent_EndsWithOne) {
+  const Ended ended = ctl({"status"});
+  EXPECT_EQ(ended.exitCode, 1);
+  EXPECT_EQ(ended.text, "zelta-agent: no agent is running at " + control() + "\n");
+}
+
+TEST_F(Program, SecondAgentForTheSameControlPath_EndsWithOne) {
+  AgentProcess first(script(kPlain));
+  waitReady(first);
+  const Ended second = runProgram(script(kPlain));
+  EXPECT_EQ(second.exitCode, 1);
+  EXPECT_THAT(second.text,
+              HasSubstr("error: another agent is running: it has the control path " + control()));
+  EXPECT_EQ(ctl({"status"}).exitCode, 0);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <windows.h>
 // windows.h comes first
 #include "agent/platform/console_end_win32.h"
+#include "contract/control.h"
 #include "tests/agent/program/program_fixture.h"
 
 namespace zelta::test {
@@ -29,13 +30,52 @@ TEST(ConsoleAnswer, EveryEventButALogoff_EndsTheProgram) {
   EXPECT_EQ(agent::consoleAnswer(CTRL_LOGOFF_EVENT), ConsoleAnswer::kNotOurs);
 }
 
-TEST_F(Program, CtlAndOtherCards_EndWithOneAndAMessage) {
-  const Ended control = runProgram({"ctl", "status"});
-  EXPECT_EQ(control.exitCode, 1);
-  EXPECT_THAT(control.text, HasSubstr("zelta-agent: ctl is not available on Windows\n"));
-  const Ended emulated = runProgram({});
-  EXPECT_EQ(emulated.exitCode, 1);
-  EXPECT_THAT(emulated.text, HasSubstr("error: only --backend script is available on Windows\n"));
+TEST_F(Program, Help_HasWhatEndsTheAgent) {
+  EXPECT_THAT(runProgram({"--help"}).text, HasSubstr("\nCtrl-C and Ctrl-Break end the agent."));
+}
+
+TEST_F(Program, DefaultControlPipes_AreFoundByCtl) {
+  script(kPlain);
+  const std::vector<std::string> paths = defaultControlPipes(4000000000u);
+  for (const std::string& path : paths) {
+    AgentProcess process({"--backend", "script", "--script", folder_.file("script"), "--reader",
+                          "4000000000", "--control", path});
+    waitReady(process);
+    EXPECT_THAT(runProgram({"ctl", "status", "--reader", "4000000000"}).text,
+                HasSubstr("reader:    4000000000\n"));
+  }
+  EXPECT_EQ(runProgram({"ctl", "status", "--reader", "4000000000"}).text,
+            "zelta-agent: no agent is running at " + paths[0] + ", " + paths[1] + "\n");
+}
+
+// Wine has the service's library and no service; Windows has a reader of that name nowhere.
+TEST_F(Program, CardOfTheRealReader_NeedsTheService) {
+  AgentProcess process(
+      withControl({"--backend", "pcsc", "--pcsc-reader", "No such reader 0", "-v"}));
+  if (underWine()) {
+    const Ended ended = awaitEnd(process);
+    EXPECT_EQ(ended.exitCode, 1);
+    EXPECT_THAT(ended.text, HasSubstr("error: the smart card service cannot be reached: "));
+    EXPECT_THAT(ended.text, HasSubstr("(0x80100001) (to start it: sc start SCardSvr)\n"));
+  } else {
+    EXPECT_TRUE(process.readLineWith(": reader 0, pcsc card, session "));
+    process.kill();
+  }
+}
+
+TEST_F(Program, Recording_IsAScriptOfWhatTheCardAnswers) {
+  DriverEnd driver;
+  const std::string recording = folder_.file("recording");
+  AgentProcess process(script(kPlain, {"--record", recording}));
+  driver.acceptSession();
+  EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kAtr);
+  EXPECT_EQ(driver.transmit(kSelect), kOk);
+  ASSERT_TRUE(pressControlC(process));
+  EXPECT_EQ(process.wait(), 0);
+  std::ifstream file(recording);
+  const std::string text(std::istreambuf_iterator<char>(file), {});
+  EXPECT_THAT(text, HasSubstr("atr 3B00"));
+  EXPECT_THAT(text, HasSubstr("command 00A40400 -> 9000"));
 }
 
 TEST_F(Program, OptionOfAnotherCard_EndsWithTwoAndAMessage) {

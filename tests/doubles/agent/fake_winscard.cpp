@@ -44,6 +44,11 @@ void FakeWinscard::setReader(bool there) {
   changed_.notifyAll();
 }
 
+void FakeWinscard::tellUnknownReaderByItsState() {
+  const MutexLock lock(mutex_);
+  tellsByState_ = true;
+}
+
 void FakeWinscard::insertCard() {
   const MutexLock lock(mutex_);
   changeCard(true);
@@ -111,6 +116,12 @@ DWORD FakeWinscard::stateLocked() const {
   return (card_ ? SCARD_STATE_PRESENT : SCARD_STATE_EMPTY) | changes_ << kCountShift;
 }
 
+LONG FakeWinscard::unknownReader(SCARD_READERSTATE& state) const {
+  if (!tellsByState_) return SCARD_E_UNKNOWN_READER;
+  state.dwEventState = SCARD_STATE_UNKNOWN | SCARD_STATE_IGNORE | SCARD_STATE_CHANGED;
+  return SCARD_S_SUCCESS;
+}
+
 LONG FakeWinscard::getStatusChange(DWORD limit, SCARD_READERSTATE* states, DWORD count) {
   MutexLock lock(mutex_);
   SCARD_READERSTATE* card = nullptr;
@@ -118,7 +129,8 @@ LONG FakeWinscard::getStatusChange(DWORD limit, SCARD_READERSTATE* states, DWORD
     if (!isReaderChanges(states[i])) card = &states[i];
   }
   if (!up_) return SCARD_E_NO_SERVICE;
-  if (card != nullptr && !reader_) return SCARD_E_UNKNOWN_READER;
+  if (card != nullptr && (card->dwCurrentState & SCARD_STATE_IGNORE) != 0) card = nullptr;
+  if (card != nullptr && !reader_) return unknownReader(*card);
   const DWORD readerChanges = readerChanges_;
   const auto done = [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
     const bool news =
@@ -138,7 +150,7 @@ LONG FakeWinscard::getStatusChange(DWORD limit, SCARD_READERSTATE* states, DWORD
   if (std::exchange(cancelled_, false)) return SCARD_E_CANCELLED;
   if (!up_) return SCARD_E_SERVICE_STOPPED;
   if (!inTime) return SCARD_E_TIMEOUT;
-  if (card != nullptr && !reader_) return SCARD_E_UNKNOWN_READER;
+  if (card != nullptr && !reader_) return unknownReader(*card);
   if (card != nullptr) card->dwEventState = stateLocked() | SCARD_STATE_CHANGED;
   return SCARD_S_SUCCESS;
 }
@@ -198,9 +210,6 @@ using zelta::test::current;
 
 extern "C" {
 
-const SCARD_IO_REQUEST g_rgSCardT0Pci = {SCARD_PROTOCOL_T0, sizeof(SCARD_IO_REQUEST)};
-const SCARD_IO_REQUEST g_rgSCardT1Pci = {SCARD_PROTOCOL_T1, sizeof(SCARD_IO_REQUEST)};
-
 LONG SCardEstablishContext(DWORD, LPCVOID, LPCVOID, LPSCARDCONTEXT context) {
   return current->establish(context);
 }
@@ -209,8 +218,9 @@ LONG SCardCancel(SCARDCONTEXT) { return current->cancel(); }
 LONG SCardGetStatusChange(SCARDCONTEXT, DWORD limit, SCARD_READERSTATE* states, DWORD count) {
   return current->getStatusChange(limit, states, count);
 }
-LONG SCardConnect(SCARDCONTEXT, LPCSTR reader, DWORD, DWORD, LPSCARDHANDLE handle,
+LONG SCardConnect(SCARDCONTEXT context, LPCSTR reader, DWORD, DWORD, LPSCARDHANDLE handle,
                   LPDWORD protocol) {
+  if (context == 0) return SCARD_E_INVALID_HANDLE;
   return current->connect(reader, handle, protocol);
 }
 LONG SCardReconnect(SCARDHANDLE, DWORD, DWORD, DWORD initialization, LPDWORD protocol) {
@@ -225,5 +235,7 @@ LONG SCardTransmit(SCARDHANDLE, const SCARD_IO_REQUEST* request, LPCBYTE command
   if (request->dwProtocol != SCARD_PROTOCOL_T1) return SCARD_E_PROTO_MISMATCH;
   return current->transmit(command, size, response, length);
 }
+#if !defined(_WIN32)
 const char* pcsc_stringify_error(const LONG) { return "a PC/SC failure"; }
+#endif
 }

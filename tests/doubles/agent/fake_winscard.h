@@ -5,12 +5,11 @@
 // than the caller knows, or it is cancelled.
 #pragma once
 
-#include <winscard.h>
-
 #include <deque>
 #include <string>
 #include <vector>
 
+#include "agent/platform/pcsc_api.h"
 #include "platform/sync/sync.h"
 
 namespace zelta::test {
@@ -27,6 +26,9 @@ class FakeWinscard {
 
   void setService(bool up);
   void setReader(bool there);
+  // A wait for a reader that is not there succeeds with a state that says so, and a reader with
+  // that state is not looked at any more, as on Windows. Otherwise the wait fails.
+  void tellUnknownReaderByItsState();
   void insertCard();
   void removeCard();
   // Another card in one step, as when the watcher was not looking.
@@ -54,6 +56,7 @@ class FakeWinscard {
 
  private:
   DWORD stateLocked() const ZELTA_REQUIRES(mutex_);
+  LONG unknownReader(SCARD_READERSTATE& state) const ZELTA_REQUIRES(mutex_);
   LONG cardResult() const ZELTA_REQUIRES(mutex_);
   void changeCard(bool in) ZELTA_REQUIRES(mutex_);
 
@@ -61,6 +64,7 @@ class FakeWinscard {
   platform::ConditionVariable changed_;
   bool up_ ZELTA_GUARDED_BY(mutex_) = true;
   bool reader_ ZELTA_GUARDED_BY(mutex_) = true;
+  bool tellsByState_ ZELTA_GUARDED_BY(mutex_) = false;
   bool card_ ZELTA_GUARDED_BY(mutex_) = false;  // as the watcher sees it
   bool lost_ ZELTA_GUARDED_BY(mutex_) = false;
   DWORD changes_ ZELTA_GUARDED_BY(mutex_) = 0;

@@ -16,6 +16,7 @@ WINDOWS_LIBRARIES = {
     "ole32.dll",
     "SHELL32.dll",
     "WS2_32.dll",
+    "WinSCard.dll",
 }
 
 # Of KERNEL32.dll, which the library is to call.

@@ -1,0 +1,7 @@
+#include "agent/platform/pcsc_api.h"
+
+namespace zelta::agent {
+
+std::string pcscText(LONG result) { return pcsc_stringify_error(result); }
+
+}  // namespace zelta::agent
