@@ -4,13 +4,13 @@ set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-STAGES=(format layers shellcheck test tsan asan-ubsan tidy fuzz soak clang)
+STAGES=(format layers shellcheck test fuzz soak tsan asan-ubsan tidy clang)
 # The folders whose classes are used by several threads.
 THREADED=(reader agent_link driver host pcsc agent platform)
 # CI has 50 minutes on two cores. A stage that would end later than this is not begun, going by
 # what it takes there without a cache.
 QUICK_LIMIT=$((48 * 60)) # seconds
-declare -A TAKES=([test]=1100 [tsan]=300 [asan-ubsan]=400 [tidy]=420 [fuzz]=330 [soak]=160 [clang]=330)
+declare -A TAKES=([fuzz]=300 [soak]=150 [tsan]=300 [asan-ubsan]=380 [tidy]=360 [clang]=330)
 
 usage() {
   cat <<EOT
@@ -23,11 +23,11 @@ passed, N failed". A stage that fails does not keep the later ones from running.
   layers        no source includes what its layer may not
   shellcheck    the scripts
   test          ./zelta test: the release suite, the Windows suite under Wine
+  fuzz          each fuzzer for 20 seconds
+  soak          ./zelta soak for two minutes, with a seed that it prints
   tsan          the suite under the thread sanitizer, but for what runs pcscd
   asan-ubsan    the same under the address and undefined-behaviour sanitizers
   tidy          clang-tidy on every source
-  fuzz          each fuzzer for 20 seconds
-  soak          ./zelta soak for two minutes, with a seed that it prints
   clang         clang builds everything, with thread-safety analysis
 
   --quick       as CI runs them: the sanitizers look at the tests of
