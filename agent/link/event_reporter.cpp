@@ -85,7 +85,7 @@ void EventReporter::queue(ReportRule::Report report) {
     events_.push_back(report);
     if (events_.size() == 1 && mayPost() && post(report, SteadyClock::now()) == IoResult::kDone) {
       events_.clear();
-      return;
+      posted_.push_back(report);
     }
   }
   changed_.notifyAll();
@@ -98,13 +98,9 @@ IoResult EventReporter::postNumber(std::uint32_t number,
 }
 
 IoResult EventReporter::post(ReportRule::Report report, SteadyClock::time_point deadline) {
-  const bool inserted = report == ReportRule::Report::kInserted;
-  const AgentEvent event = inserted ? AgentEvent::kCardInserted : AgentEvent::kCardRemoved;
-  const IoResult result = postNumber(static_cast<std::uint32_t>(event), deadline);
-  if (result == IoResult::kDone) {
-    log_.info(inserted ? "Card insertion reported" : "Card removal reported");
-  }
-  return result;
+  const auto event = report == ReportRule::Report::kInserted ? AgentEvent::kCardInserted
+                                                             : AgentEvent::kCardRemoved;
+  return postNumber(static_cast<std::uint32_t>(event), deadline);
 }
 
 bool EventReporter::sendSessionId() {
@@ -147,10 +143,10 @@ void EventReporter::noteEnd() {
   changed_.notifyAll();
 }
 
-std::optional<ReportRule::Report> EventReporter::awaitEvent() {
+std::optional<EventReporter::Event> EventReporter::awaitEvent() {
   platform::MutexLock lock(mutex_);
   const auto due = [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    return ended_ || (mayPost() && !events_.empty());
+    return ended_ || !posted_.empty() || (mayPost() && !events_.empty());
   };
   const auto graceMatters = [this]()
                                 ZELTA_NO_THREAD_SAFETY_ANALYSIS { return taken_ && rule_.quiet(); };
@@ -163,9 +159,14 @@ std::optional<ReportRule::Report> EventReporter::awaitEvent() {
                                         [&] { return due() || !graceMatters(); });
     if (!woken) queue(rule_.graceOver());
   }
+  if (!posted_.empty()) {
+    const Event event{posted_.front(), true};
+    posted_.pop_front();
+    return event;
+  }
   if (ended_) return std::nullopt;
   writing_ = true;
-  return events_.front();
+  return Event{events_.front(), false};
 }
 
 // A driver that has left so much unread is handling an earlier event, and may need an answer to its
@@ -198,9 +199,10 @@ void EventReporter::setFull(bool full) {
 }
 
 void EventReporter::writeEvents() {
-  for (;;) {
-    const std::optional<ReportRule::Report> report = awaitEvent();
-    if (!report || !handOver(*report)) return;
+  while (const std::optional<Event> event = awaitEvent()) {
+    if (!event->posted && !handOver(event->report)) return;
+    log_.info(event->report == ReportRule::Report::kInserted ? "Card insertion reported"
+                                                             : "Card removal reported");
   }
 }
 
