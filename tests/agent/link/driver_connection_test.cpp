@@ -241,6 +241,24 @@ TEST_F(Connection, SwapWhileAnAnswerIsWritten_IsReportedAfterIt) {
   EXPECT_EQ(event(2), kInserted);
 }
 
+TEST_F(Connection, CardThatComesAndGoesBeforeItsArrivalIsWritten_IsNotReported) {
+  EXPECT_EQ(answerTo(kAtrQuery), kAtrAnswer);
+  events_.takeWrites(kSessionWrites);
+  events_.holdWrites();
+  EXPECT_EQ(slot_.remove(), "");
+  events_.waitUntilWriting();
+  for (int swap = 0; swap < 3; ++swap) {
+    EXPECT_EQ(slot_.insert(), "");
+    EXPECT_EQ(slot_.remove(), "");
+  }
+  EXPECT_EQ(slot_.insert(), "");
+  events_.letWrites();
+  EXPECT_EQ(event(1), kRemoved);
+  EXPECT_EQ(event(2), kInserted);
+  EXPECT_EQ(slot_.remove(), "");
+  EXPECT_EQ(event(3), kRemoved);
+}
+
 // The driver may ask before it has read of the card's arrival.
 TEST_F(Connection, SwapOfACardWhoseAtrTheDriverHas_IsReportedThoughItsArrivalIsNotYet) {
   EXPECT_EQ(answerTo(kAtrQuery), kAtrAnswer);
