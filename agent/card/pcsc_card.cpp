@@ -8,6 +8,7 @@
 
 #include "agent/program/failure.h"
 #include "contract/bytes.h"
+#include "platform/process/wipe.h"
 
 namespace zelta::agent {
 
@@ -42,7 +43,8 @@ bool isOneOf(const LONG (&results)[kCount], LONG result) {
 
 }  // namespace
 
-PcscCard::PcscCard(std::string readerName, Log& log) : reader_(std::move(readerName)), log_(log) {}
+PcscCard::PcscCard(std::string readerName, Log& log)
+    : reader_(std::move(readerName)), log_(log), received_(kLongestResponse) {}
 
 PcscCard::~PcscCard() { stop(); }
 
@@ -162,12 +164,14 @@ Bytes PcscCard::atr() { return connect() ? readAtr() : Bytes(); }
 
 PcscCard::Response PcscCard::transmitOnce(const Bytes& command) {
   const SCARD_IO_REQUEST request = {protocol_, sizeof(SCARD_IO_REQUEST)};
-  Response response{SCARD_S_SUCCESS, Bytes(kLongestResponse)};
-  auto length = static_cast<DWORD>(response.bytes.size());
-  response.result =
+  auto length = static_cast<DWORD>(received_.size());
+  const LONG result =
       SCardTransmit(handle_, &request, command.data(), static_cast<DWORD>(command.size()), nullptr,
-                    response.bytes.data(), &length);
-  response.bytes.resize(response.result == SCARD_S_SUCCESS ? length : 0);
+                    received_.data(), &length);
+  if (result != SCARD_S_SUCCESS) return {result, {}};
+  const auto end = received_.begin() + static_cast<std::ptrdiff_t>(length);
+  Response response{result, Bytes(received_.begin(), end)};
+  platform::wipe(received_.data(), length);
   return response;
 }
 

@@ -70,6 +70,7 @@ class PcscCard final : public CardBackend {
   SCARDHANDLE handle_ = 0;
   bool hasHandle_ = false;
   DWORD protocol_ = 0;
+  Bytes received_;  // room for the longest response
 
   platform::Mutex mutex_;  // also around the listener's calls, so that they stay in turns
   platform::ConditionVariable changed_;
