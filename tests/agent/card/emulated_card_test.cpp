@@ -74,6 +74,7 @@ class EmulatedCardTest : public Program {
     EXPECT_EQ(ended.exitCode, 1);
     return ended.text;
   }
+  int ctl(const std::string& command) { return runProgram(withControl({"ctl", command})).exitCode; }
 
   const std::string database_;
 };
@@ -126,8 +127,8 @@ TEST_F(EmulatedCardTest, ResetAndRemoval_ForgetThePin) {
   EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kCardAtr);
   EXPECT_NE(driver.transmit(kIsVerified), hex("9000"));
   EXPECT_EQ(driver.transmit(kVerify), hex("9000"));
-  EXPECT_EQ(ctl({"remove"}).exitCode, 0);
-  EXPECT_EQ(ctl({"insert"}).exitCode, 0);
+  EXPECT_EQ(ctl("remove"), 0);
+  EXPECT_EQ(ctl("insert"), 0);
   EXPECT_NE(driver.transmit(kIsVerified), hex("9000"));
 }
 
@@ -179,7 +180,7 @@ TEST_F(EmulatedCardTest, NoCardAsked_StartsWithoutTheCard) {
   driver.acceptSession();
   EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), Bytes());
   EXPECT_EQ(driver.transmit(kSelectAuthentication), Bytes());
-  EXPECT_EQ(ctl({"insert"}).exitCode, 0);
+  EXPECT_EQ(ctl("insert"), 0);
   EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardInserted));
   EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kCardAtr);
 }

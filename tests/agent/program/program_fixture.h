@@ -20,8 +20,6 @@ inline const Bytes kAtr = {0x3B, 0x00};
 inline const Bytes kSelect = {0x00, 0xA4, 0x04, 0x00};
 inline const Bytes kOk = {0x90, 0x00};
 inline constexpr char kPlain[] = "atr 3B00\ncommand 00A4* -> 9000\n";
-// Blocks its card in every command.
-inline constexpr char kSlow[] = "atr 3B00\ncommand * -> 9000 after 1000s\n";
 
 class Program : public testing::Test {
  protected:
@@ -39,15 +37,6 @@ class Program : public testing::Test {
     return arguments;
   }
   std::string control() const { return folder_.file("ctl"); }
-  // Runs `zelta-agent ctl` with these arguments.
-  Ended ctl(std::vector<std::string> arguments) const {
-    arguments.insert(arguments.begin(), "ctl");
-    return runProgram(withControl(std::move(arguments)));
-  }
-  // Reads on until the program serves: its control socket and its signals work.
-  static void waitReady(AgentProcess& process) {
-    ASSERT_TRUE(process.readLineWith(" card, session "));
-  }
 
   PipeFolder folder_;
 };

@@ -9,6 +9,9 @@ namespace {
 
 using testing::HasSubstr;
 
+// Blocks its card in every command.
+constexpr char kSlow[] = "atr 3B00\ncommand * -> 9000 after 1000s\n";
+
 // Ctrl-C on the program's console. The test's program has no console from then on.
 bool pressControlC(const AgentProcess& process) {
   FreeConsole();

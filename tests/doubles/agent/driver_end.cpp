@@ -116,10 +116,6 @@ bool DriverEnd::sendBytes(const Bytes& bytes) {
 
 std::optional<Bytes> DriverEnd::readAnswer() {
   pipes_.flush(commands_);
-  return takeAnswer();
-}
-
-std::optional<Bytes> DriverEnd::takeAnswer() {
   const std::optional<std::uint32_t> length = readNumber(commands_);
   if (!length) return std::nullopt;
   Bytes answer(*length);

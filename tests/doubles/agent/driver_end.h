@@ -44,8 +44,6 @@ class DriverEnd {
   // The two halves of `transmit`.
   bool sendTransmit(const Bytes& apdu);
   std::optional<Bytes> readAnswer();
-  // The same without a flush, after one.
-  std::optional<Bytes> takeAnswer();
   // The beginning of an answer alone.
   std::optional<std::uint32_t> readAnswerLength();
   bool notifyReady();
