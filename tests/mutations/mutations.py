@@ -263,7 +263,7 @@ MUTATIONS = (
              "  return send(parts.data(), parts.size(), deadline, true);",
              "  const IoResult first = send(parts.data(), 1, deadline, true);\n"
              "  return first != IoResult::kDone ? first : send(&parts[1], 1, deadline, true);",
-             "agent_test", "ConnectedPipes*:Connection*"),
+             "agent_test", "ConnectedPipes*:UnopenedPipes*"),
     Mutation("late-answer-written", "an answer that comes too late for the driver is not written",
              "agent/link/driver_connection.cpp",
              "    log_.error(\"The answer comes too late for the driver; dropping the connection\");\n"
