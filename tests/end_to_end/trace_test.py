@@ -4,18 +4,21 @@ import json
 import os
 import re
 import signal
-import subprocess
+import struct
+import sys
 import unittest
 
 import stack
-from firefox import Firefox
-from stack import AGENT, BUILD, PIN, CardTest, Process, StackTest, run, wait_until
+from stack import AGENT, BUILD, PIN, SOURCE, CardTest, Process, StackTest, run, wait_until
+
+sys.path.insert(0, str(SOURCE / "scripts"))
+import chromium  # noqa: E402  (its folder is known from here on)
 
 STATUS = BUILD / "bin" / "zelta-status"
 TRACE = BUILD / "bin" / "zelta-trace"
 PIN_DIGITS = PIN.encode().hex().upper()
 MASKED = "*" * len(PIN_DIGITS)
-SAMPLE = stack.SOURCE / "tests" / "tools" / "trace" / "sample.jsonl"
+SAMPLE = SOURCE / "tests" / "tools" / "trace" / "sample.jsonl"
 
 
 def records(path):
@@ -172,18 +175,20 @@ class Record(StackTest):
         self.assertIn("none/x cannot be written", refused.stdout)
 
 
+def size_of(picture):
+    """Width and height of a PNG in pixels."""
+    return struct.unpack(">8x4x4sII", picture[:24])[1:] if picture[1:4] == b"PNG" else None
+
+
+@unittest.skipUnless(chromium.is_installed(), "chromium is not installed")
 class Page(StackTest):
-    """The page of a saved trace, run in Firefox."""
+    """The page of a saved trace, run in Chromium."""
 
     def setUp(self):
         super().setUp()
-        folder = self.stack.folder
-        self.page = folder / "page.html"
+        self.page = self.stack.folder / "page.html"
         run(TRACE, SAMPLE, "--html", self.page)
-        (folder / "profile").mkdir()
-        self.browser = Firefox(folder / "profile", folder)
-        self.addCleanup(self.browser.close)
-        self.browser.go_to(self.page.as_uri())
+        self.browser = self.enterContext(chromium.Chromium(self.page.as_uri(), 1000, 800))
 
     def count(self, selector):
         return self.browser.evaluate(
@@ -226,6 +231,14 @@ class Page(StackTest):
             "return document.getElementById('summary').textContent;"))
         self.assertEqual(self.browser.evaluate(
             "return performance.getEntriesByType('resource').length;"), 0)
+
+    def test_picture_in_the_docs_is_made_by_its_script(self):
+        picture = self.stack.folder / "trace.png"
+        run(SOURCE / "scripts" / "trace_screenshot.py", picture)
+        self.assertEqual(size_of(picture.read_bytes()),
+                         size_of((SOURCE / "docs" / "trace.png").read_bytes()))
+        # A page on which nothing is drawn makes a far smaller file.
+        self.assertGreater(picture.stat().st_size, 30000)
 
 
 if __name__ == "__main__":
