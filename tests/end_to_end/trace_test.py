@@ -76,6 +76,80 @@ class Status(CardTest):
         self.assertIn("state:     ", missing.stdout)
 
 
+class StatusAmongOthers(StackTest):
+    """Beside two readers of another handler, one with a name that begins as ours."""
+
+    def setUp(self):
+        super().setUp()
+        readers = self.stack.folder / "reader.conf.d"
+        for name, device in (("Null", "null:0"), ("Zelta Virtual SmartCard Reader too", "null:1")):
+            (readers / device).write_text(f'FRIENDLYNAME "{name}"\nDEVICENAME {device}\n'
+                                          f'LIBPATH {BUILD / "lib" / "libifdnull.so"}\n')
+        script = self.stack.folder / "script"
+        script.write_text("atr 3B00\notherwise 9000\n")
+        self.stack.start_pcscd()
+        self.stack.run_agent("--backend", "script", "--script", script)
+        self.name = self.wait_for("negotiable|specific|powered|present")["name"]
+
+    def status(self, *options):
+        return run(STATUS, "--control", self.stack.control, *options, env=self.stack.environment,
+                   check=False).stdout
+
+    def wait_for(self, state):
+        found = {}
+
+        def is_so():
+            found.update(json.loads(self.status("--json")))
+            return re.fullmatch(state, found["state"] or "")
+        wait_until(is_so, state)
+        return found
+
+    def connect(self, name, mode):
+        # It connects to pcscd when it is imported.
+        from smartcard import scard
+        context = scard.SCardEstablishContext(scard.SCARD_SCOPE_SYSTEM)[1]
+        self.addCleanup(scard.SCardReleaseContext, context)
+        result, card, protocol = scard.SCardConnect(context, name, getattr(scard, mode),
+                                                    scard.SCARD_PROTOCOL_T0)
+        self.assertEqual(result, scard.SCARD_S_SUCCESS)
+
+        def transmit():
+            self.assertEqual(scard.SCardTransmit(card, protocol, [0, 0xB0, 0, 0, 1]),
+                             [scard.SCARD_S_SUCCESS, [0x90, 0x00]])
+        return scard, card, transmit
+
+    def test_the_agents_reader_is_told_from_another_of_nearly_its_name(self):
+        listed = run("opensc-tool", "--list-readers").stdout
+        self.assertEqual(listed.count("Zelta Virtual SmartCard Reader"), 2, listed)
+        self.stack.ctl("remove")
+        self.wait_for("absent")
+        after = run("opensc-tool", "--list-readers").stdout
+        [changed] = set(after.splitlines()) - set(listed.splitlines())
+        self.assertTrue(changed.endswith(f" {self.name}"), changed)
+        self.assertIn("name:      - (pcscd lists no such reader)", self.status("--reader", "1"))
+
+    def test_program_that_has_the_reader_for_itself_keeps_it_and_its_card(self):
+        scard, card, transmit = self.connect(self.name, "SCARD_SHARE_EXCLUSIVE")
+        watch = Process([STATUS, "--control", self.stack.control, "--watch"],
+                        self.stack.folder / "watch.log", self.stack.environment)
+        self.addCleanup(watch.end)
+        for _ in range(3):
+            text = self.status()
+            self.assertIn("state:     present\n"
+                          "protocol:  - (a program has the reader for itself)\n", text)
+            transmit()  # neither refused nor told of a reset
+        scard.SCardDisconnect(card, scard.SCARD_LEAVE_CARD)
+        self.wait_for("negotiable|specific|powered")
+
+    def test_transaction_of_a_program_is_not_waited_for(self):
+        scard, card, transmit = self.connect(self.name, "SCARD_SHARE_SHARED")
+        self.assertEqual(scard.SCardBeginTransaction(card), scard.SCARD_S_SUCCESS)
+        self.assertIn(f"name:      {self.name}\n", self.status())
+        transmit()
+        self.assertEqual(scard.SCardEndTransaction(card, scard.SCARD_LEAVE_CARD),
+                         scard.SCARD_S_SUCCESS)
+
+
 class Trace(CardTest):
     def follow(self, *options):
         """The trace, which has begun."""
