@@ -7,7 +7,9 @@ import os
 import pathlib
 import shutil
 import signal
+import struct
 import sys
+import time
 import unittest
 
 import stack
@@ -139,6 +141,47 @@ class CardElsewhere(RemoteTest):
         wait_until(lambda: self.near.process.poll() is not None, "the agent's end")
         self.assertEqual(self.near.process.returncode, 1)
         self.assertIn("zelta-agent is not installed there, or not in the PATH", self.near_log())
+
+
+    def test_agent_of_another_version_ends_the_program_and_both_are_named(self):
+        other = self.folder / "other"
+        other.mkdir()
+        hello = struct.pack("<IBI4sI", 16, 1, 0, b"ZLTA", 2) + b"9.9"
+        program = other / "zelta-agent"
+        program.write_text("#!/usr/bin/python3\nimport sys\n"
+                           f"sys.stdout.buffer.write({hello!r})\nsys.stdout.flush()\n"
+                           "sys.stdin.read()\n")
+        program.chmod(0o755)
+        self.start_sshd(other)
+        self.start_near()
+        wait_until(lambda: self.near.process.poll() is not None, "the agent's end")
+        self.assertEqual(self.near.process.returncode, 1)
+        self.assertRegex(self.near_log(), r"zelta-agent 9\.9 there speaks version 2 of the protocol, "
+                                          r"zelta-agent 1\.\S+ here version 1; the two must be the same")
+
+
+class StalledRemoteLine(RemoteTest):
+    def test_late_answer_is_replaced_in_time_and_thrown_away(self):
+        self.start()
+        # It connects to pcscd when it is imported.
+        from smartcard import scard
+        context = scard.SCardEstablishContext(scard.SCARD_SCOPE_SYSTEM)[1]
+        self.addCleanup(scard.SCardReleaseContext, context)
+        result, card, protocol = scard.SCardConnect(context, READER, scard.SCARD_SHARE_SHARED,
+                                                    scard.SCARD_PROTOCOL_T0)
+        self.assertEqual(result, scard.SCARD_S_SUCCESS)
+        selected = scard.SCardTransmit(card, protocol, SELECT)
+        (self.folder / "stall").write_text("6")
+        begun = time.monotonic()
+        self.assertEqual(scard.SCardTransmit(card, protocol, SELECT),
+                         [scard.SCARD_S_SUCCESS, [0x6F, 0x00]])
+        self.assertLess(time.monotonic() - begun, 5)
+        # The late answer, which comes before this one's, would be another.
+        self.assertEqual(scard.SCardTransmit(card, protocol, [0x00, 0xFF, 0x00, 0x00]),
+                         [scard.SCARD_S_SUCCESS, [0x6D, 0x00]])
+        self.assertEqual(scard.SCardTransmit(card, protocol, SELECT), selected)
+        self.assertFalse((self.folder / "stall").exists())
+        self.assertEqual(self.near_log().count("Connected to zelta-agent"), 1)
 
 
 class BrokenRemoteLine(RemoteTest):
