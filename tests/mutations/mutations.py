@@ -490,12 +490,12 @@ MUTATIONS = (
              "  auto length",
              "agent_test", "*GivenUp*:ConnectedPipes*",
              doc="wire-protocol: given up 2, given up on Linux 4"),
-    Mutation("answer-in-two-writes", "length and bytes of an answer leave in one write",
-             "agent/platform/pipe_connection_linux.cpp",
-             "  return send(parts.data(), parts.size(), deadline, true);",
-             "  const IoResult first = send(parts.data(), 1, deadline, true);\n"
-             "  return first != IoResult::kDone ? first : send(&parts[1], 1, deadline, true);",
-             "agent_test", "ConnectedPipes*:Connection*",
+    Mutation("number-in-two-writes", "each field leaves in one write",
+             "agent/link/event_reporter.cpp",
+             "  return pipe_.post(bytes.data(), bytes.size(), deadline);",
+             "  const IoResult first = pipe_.post(bytes.data(), 2, deadline);\n"
+             "  return first != IoResult::kDone ? first : pipe_.post(bytes.data() + 2, 2, deadline);",
+             "agent_test", "Connection*",
              doc="wire-protocol: commands 3"),
     Mutation("late-answer-written", "an answer that comes too late for the driver is not written",
              "agent/link/driver_connection.cpp",

@@ -21,6 +21,7 @@ struct Captured {
   bool hasLogger = false;
   int shutDowns = 0;
   bool shutDownFails = false;
+  std::function<void()> shutDownHook;
   std::size_t recordsAtShutDown = 0;
 };
 
@@ -29,7 +30,6 @@ struct Store {
   std::condition_variable added;
   Captured captured;
   std::function<void(const LogRecord&)> hook;
-  std::function<void()> shutDownHook;
 };
 
 // Never destroyed: threads may log until the process ends.
@@ -143,7 +143,7 @@ void LogCapture::setHook(std::function<void(const LogRecord&)> hook) {
   withCaptured([&](Captured&) { store().hook = std::move(hook); });
 }
 void LogCapture::setShutDownHook(std::function<void()> hook) {
-  withCaptured([&](Captured&) { store().shutDownHook = std::move(hook); });
+  withCaptured([&](Captured& all) { all.shutDownHook = std::move(hook); });
 }
 
 }  // namespace zelta::test
@@ -170,7 +170,7 @@ void setSessionLogId(const std::string& id) {
 void shutDownLogging() {
   std::function<void()> hook;
   withCaptured([&hook](Captured& all) {
-    hook = store().shutDownHook;
+    hook = all.shutDownHook;
     if (all.shutDownFails) throw std::runtime_error("a thread cannot be joined");
     all.hasLogger = false;
     ++all.shutDowns;
