@@ -266,7 +266,7 @@ MUTATIONS = (
              "  if (notification_ == NotificationState::kUnderWay) {\n"
              "    notification_ = NotificationState::kCancelled;\n    lock.unlock();\n"
              "    cancel();\n    lock.lock();\n    return true;\n  }\n",
-             "agent_link_test", "BoundedWaits*",
+             "agent_link_test", "BoundedWaits*:CancelledNotification*",
              doc="threads: notification mutex"),
     Mutation("pipe-mutex-held-in-a-call", "a pipe's mutex is free while a call is under way",
              "agent_link/cancelable_pipe.cpp",
@@ -707,12 +707,12 @@ MUTATIONS = (
              "host/io_engine.h",
              "    if (callbacks_ == Callbacks::kOverlapping) return callback();",
              "    return callback();",
-             "host_test", "SerialisedCallbacks*", doc="threads: one callback"),
+             "host_test", "*SerialisedCallbacks*", doc="threads: one callback"),
     Mutation("serialising-not-asked-for", "ZELTA_HOST_SERIALISE=1 makes the host serialise",
              "host/driver_host.cpp",
              "  return value != nullptr && std::strcmp(value, \"1\") == 0;",
              "  return value != nullptr && std::strcmp(value, \"yes\") == 0;",
-             "host_test", "SerialisedCallbacks*", doc="threads: one callback"),
+             "host_test", "*SerialisedCallbacks*", doc="threads: one callback"),
     Mutation("not-revived", "the handler brings back a reader that has stopped serving",
              "pcsc/presence_watch.cpp",
              "outcome == Outcome::kNotServing ? revive() : pauseAfter(outcome, lasted);",
