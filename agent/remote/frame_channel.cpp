@@ -5,7 +5,6 @@
 
 #include "agent/program/log.h"
 #include "agent/version.h"
-#include "platform/process/wipe.h"
 
 namespace zelta::agent {
 
@@ -26,7 +25,7 @@ bool FrameChannel::greet() {
   if (!first && end_ != LineEnd::kBroken) return false;
   const std::optional<Hello> hello = first ? readHello(*first) : std::nullopt;
   if (!hello) {
-    const Bytes& came = decoder_.pending();
+    const Bytes& came = decoder_.pending().get();
     const std::size_t shown = std::min(came.size(), kShown);
     strange_.assign(came.begin(), came.begin() + static_cast<std::ptrdiff_t>(shown));
     end_ = LineEnd::kStranger;
@@ -50,10 +49,8 @@ std::optional<std::chrono::microseconds> FrameChannel::measureRoundTrip() {
   return std::nullopt;
 }
 
-void FrameChannel::send(FrameKind kind, std::uint32_t number, Bytes payload) {
-  // Either may hold a command, and that a PIN.
-  const platform::SecretBytes sent(encodeFrame({kind, number, payload}));
-  platform::wipe(payload.data(), payload.size());
+void FrameChannel::send(FrameKind kind, std::uint32_t number, platform::SecretBytes payload) {
+  const platform::SecretBytes sent(encodeFrame({kind, number, std::move(payload)}));
   line_.send(sent.get());
 }
 
