@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "agent/program/log.h"
 #include "agent/version.h"
+#include "contract/harmless.h"
 
 namespace zelta::agent {
 
@@ -120,9 +120,9 @@ std::string FrameChannel::describeEnd() const {
     case LineEnd::kSilent:
       return "nothing has come for " + seconds(patience());
     case LineEnd::kStranger:
-      return "what came is not zelta-agent's: '" + printable(strange_) + "'";
+      return "what came is not zelta-agent's: '" + harmless(strange_) + "'";
     case LineEnd::kVersion:
-      return "zelta-agent " + printable(peer_.version) + " there speaks version " +
+      return "zelta-agent " + harmless(peer_.version) + " there speaks version " +
              std::to_string(peer_.protocol) + " of the protocol, zelta-agent " + kVersion +
              " here version " + std::to_string(kFrameProtocol);
     case LineEnd::kBroken:

@@ -184,6 +184,25 @@ TEST_F(PruneProgram, LinkWithALogFilesName_StaysWithItsTarget) {
   EXPECT_EQ(count(), 3u);
 }
 
+TEST_F(PruneProgram, NameThatATerminalWouldObey_IsEscaped) {
+  const std::string name = path("zelta_vsc_2023\x1b[2J\nremoved.txt");
+  std::ofstream(name) << "x";
+  const std::string shown = path("zelta_vsc_2023\\x1b[2J\\x0aremoved.txt");
+  EXPECT_EQ(prune("--keep 3 --dry-run").text, "would remove " + shown + "\n");
+  {
+    const std::ofstream writer(name, std::ios::app);
+    EXPECT_EQ(prune("--keep 3 --verbose").text, "kept " + shown + ", it is in use\n");
+  }
+  EXPECT_EQ(prune("--keep 3 --verbose").text, "removed " + shown + "\n");
+  EXPECT_THAT(run("prune --keep 1 --dir '" + path("\x1b[2J") + "'").text,
+              HasSubstr("cannot read " + path("\\x1b[2J")));
+}
+
+TEST_F(LogsProgram, FolderThatATerminalWouldObey_IsEscaped) {
+  EXPECT_THAT(run("--dir '" + folder_.file("\x1b[2J") + "'").text,
+              HasSubstr("there is no folder " + folder_.file("\\x1b[2J")));
+}
+
 TEST_F(PruneProgram, Nonsense_IsRefusedWithCode2AndRemovesNothing) {
   for (const char* options :
        {"", "--keep 0", "--keep -1", "--keep many", "--keep 1.5", "--max-age 30", "--max-age 0d",

@@ -54,7 +54,7 @@ TEST_F(Channel, TextInsteadOfAHello_EndsWithTheText) {
   ends_.far->send({'W', 'e', 'l', 'c', 'o', 'm', 'e', '\n'});
   EXPECT_FALSE(channel.greet());
   EXPECT_EQ(channel.end(), LineEnd::kStranger);
-  EXPECT_EQ(channel.describeEnd(), "what came is not zelta-agent's: 'Welcome?'");
+  EXPECT_EQ(channel.describeEnd(), "what came is not zelta-agent's: 'Welcome\\x0a'");
 }
 
 TEST_F(Channel, AnotherFrameInsteadOfAHello_IsAStrangers) {
