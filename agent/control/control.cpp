@@ -1,9 +1,12 @@
 #include "agent/control/control.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
+#include <string_view>
 
 #include "agent/trace/trace_record.h"
 #include "contract/bytes.h"
+#include "contract/harmless.h"
 
 namespace zelta::agent {
 
@@ -32,8 +35,22 @@ Json toJson(const Agent::Status& status) {
           {"reconnects", status.reconnects}};
 }
 
+// Each line of `text`, which ends with a line break.
+std::string harmlessLines(std::string_view text) {
+  std::string result;
+  while (!text.empty()) {
+    const std::string_view line = text.substr(0, text.find('\n'));
+    result += harmless(line) + '\n';
+    text.remove_prefix(std::min(line.size() + 1, text.size()));
+  }
+  return result;
+}
+
+// No other bytes, so that a terminal shows whatever a text has in it.
+constexpr bool kAscii = true;
+
 std::string lineOf(const Json& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+  return json.dump(-1, ' ', kAscii, Json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace
@@ -42,11 +59,11 @@ std::string statusText(const Agent::Status& status) {
   std::string text;
   text += "reader:    " + std::to_string(status.reader) + "\n";
   text += std::string("driver:    ") + (status.connected ? "connected" : "not connected") + "\n";
-  text += "back end:  " + status.backend + "\n";
+  text += "back end:  " + harmless(status.backend) + "\n";
   text += std::string("card:      ") + (status.cardIn ? "in" : "out") + "\n";
   text +=
       "ATR:       " + (status.atr.empty() ? std::string("not known") : toHex(status.atr)) + "\n";
-  text += "session:   " + status.sessionId + "\n";
+  text += "session:   " + harmless(status.sessionId) + "\n";
   text += "counts:    " + counted(status.apdus, "APDU") + ", " + counted(status.errors, "error") +
           ", " + counted(status.timeouts, "time-out") + ", " +
           counted(status.reconnects, "reconnect") + "\n";
@@ -66,7 +83,7 @@ std::string answerControl(Agent& agent, const std::string& line) {
   if (line == kControlRemove) return answerAction(agent.removeCard());
   if (line == kControlStatus) return kControlOk + statusText(agent.status());
   if (line == kControlStatusJson) return kControlOk + statusJson(agent.status());
-  return kControlError + ("not understood: " + printable(line)) + "\n";
+  return kControlError + ("not understood: " + harmless(line)) + "\n";
 }
 
 std::string controlLine(const Options& options) {
@@ -83,8 +100,9 @@ std::string controlLine(const Options& options) {
 ControlResult readControlAnswer(const std::string& answer) {
   const std::string ok = kControlOk;
   const std::string error = kControlError;
-  if (answer.compare(0, ok.size(), ok) == 0) return {true, answer.substr(ok.size())};
-  if (answer.compare(0, error.size(), error) == 0) return {false, answer.substr(error.size())};
+  if (answer.compare(0, ok.size(), ok) == 0) return {true, harmlessLines(answer.substr(ok.size()))};
+  if (answer.compare(0, error.size(), error) == 0)
+    return {false, harmlessLines(answer.substr(error.size()))};
   return {false, "the agent gave no answer\n"};
 }
 

@@ -18,7 +18,7 @@ std::string controlLine(const Options& options);
 
 struct ControlResult {
   bool success = false;
-  std::string text;  // for the user; without "error: "
+  std::string text;  // for the user and a terminal; without "error: "
 };
 ControlResult readControlAnswer(const std::string& answer);
 

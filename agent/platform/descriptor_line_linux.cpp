@@ -48,14 +48,14 @@ class DescriptorLine final : public Line {
 
   void send(const Bytes& bytes) override {
     const platform::MutexLock lock(mutex_);
-    const bool waiting = !unsent_.empty();
-    unsent_.insert(unsent_.end(), bytes.begin(), bytes.end());
+    const bool waiting = unsent_.size() > 0;
+    unsent_.append(bytes);
     if (!waiting) flush();
     lost_ = unsent_.size() > kMostUnsent;
-    if (!unsent_.empty()) eventfd_write(woken_.get(), 1);
+    if (unsent_.size() > 0) eventfd_write(woken_.get(), 1);
   }
 
-  IoResult receive(Bytes& into, SteadyClock::time_point deadline) override {
+  IoResult receive(platform::SecretQueue& into, SteadyClock::time_point deadline) override {
     for (;;) {
       if (cancelled_) return IoResult::kCancelled;
       if (isLost()) return IoResult::kClosed;
@@ -81,15 +81,16 @@ class DescriptorLine final : public Line {
 
  private:
   // kTimedOut if nothing is there after all.
-  IoResult readInto(Bytes& into) {
-    const std::size_t before = into.size();
-    into.resize(before + kReadSize);
-    const ssize_t count = ::read(input_.get(), into.data() + before, kReadSize);
-    const int error = errno;
-    into.resize(before + (count > 0 ? static_cast<std::size_t>(count) : 0));
-    if (count > 0) return IoResult::kDone;
-    return count < 0 && (error == EAGAIN || error == EINTR) ? IoResult::kTimedOut
-                                                            : IoResult::kClosed;
+  IoResult readInto(platform::SecretQueue& into) {
+    const ssize_t count = ::read(input_.get(), block_.data(), block_.size());
+    if (count < 0) {
+      return errno == EAGAIN || errno == EINTR ? IoResult::kTimedOut : IoResult::kClosed;
+    }
+    if (count == 0) return IoResult::kClosed;
+    const auto size = static_cast<std::size_t>(count);
+    into.append(block_.data(), size);
+    platform::wipe(block_.data(), size);
+    return IoResult::kDone;
   }
 
   // A waking stays until it is seen: what it tells of is in `unsent_`, `lost_` and `cancelled_`.
@@ -117,13 +118,12 @@ class DescriptorLine final : public Line {
         done = unsent_.size();
       }
     }
-    platform::wipe(unsent_.data(), done);
-    unsent_.erase(unsent_.begin(), unsent_.begin() + static_cast<std::ptrdiff_t>(done));
+    unsent_.drop(done);
   }
 
   bool hasUnsent() {
     const platform::MutexLock lock(mutex_);
-    return !unsent_.empty();
+    return unsent_.size() > 0;
   }
 
   bool isLost() {
@@ -136,8 +136,9 @@ class DescriptorLine final : public Line {
   const int out_;
   const ScopedFd woken_;  // readable when `receive` has to look again
   std::atomic<bool> cancelled_{false};
+  std::array<std::uint8_t, kReadSize> block_{};  // of `receive`
   platform::Mutex mutex_;
-  Bytes unsent_ ZELTA_GUARDED_BY(mutex_);
+  platform::SecretQueue unsent_ ZELTA_GUARDED_BY(mutex_);
   bool lost_ ZELTA_GUARDED_BY(mutex_) = false;
 };
 

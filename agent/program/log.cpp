@@ -38,13 +38,4 @@ std::string timeStamp() {
   return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(seconds), milliseconds % 1000);
 }
 
-std::string printable(const std::string& text) {
-  std::string shown;
-  for (const char c : text) {
-    const auto code = static_cast<unsigned char>(c);
-    shown += code < ' ' || code == 0x7F ? '?' : c;
-  }
-  return shown;
-}
-
 }  // namespace zelta::agent

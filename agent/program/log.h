@@ -43,8 +43,4 @@ class Log {
 // Now, in UTC: 2024-03-05T14:07:09.042Z.
 std::string timeStamp();
 
-// `text` with line breaks and other control characters replaced by question marks, so that text
-// from outside cannot pass for a line of the agent's.
-std::string printable(const std::string& text);
-
 }  // namespace zelta::agent

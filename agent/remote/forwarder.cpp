@@ -4,6 +4,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "contract/harmless.h"
+
 namespace zelta::agent {
 
 namespace {
@@ -73,7 +75,7 @@ void Forwarder::serve(LentCard& lent) {
 void Forwarder::noteGreeted(const Hello& peer, std::chrono::microseconds roundTrip) {
   greeted_ = true;
   backoff_.reset();
-  log_.info("Connected to zelta-agent " + printable(peer.version) + " on " + settings_.place +
+  log_.info("Connected to zelta-agent " + harmless(peer.version) + " on " + settings_.place +
             ", round trip " + inMilliseconds(roundTrip));
 }
 

@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <cassert>
 #include <iterator>
-
-#include "platform/process/wipe.h"
-
+#include <utility>
 namespace zelta::agent {
 
 namespace {
@@ -25,13 +23,14 @@ std::ptrdiff_t offset(std::size_t size) { return static_cast<std::ptrdiff_t>(siz
 }  // namespace
 
 Bytes encodeFrame(const Frame& frame) {
-  assert(frame.payload.size() <= kLongestPayload);
-  Bytes bytes = numberBytes(static_cast<std::uint32_t>(kHeadSize + frame.payload.size()));
-  bytes.reserve(kNumberSize + kHeadSize + frame.payload.size());
+  const Bytes& payload = frame.payload.get();
+  assert(payload.size() <= kLongestPayload);
+  Bytes bytes = numberBytes(static_cast<std::uint32_t>(kHeadSize + payload.size()));
+  bytes.reserve(kNumberSize + kHeadSize + payload.size());
   bytes.push_back(static_cast<std::uint8_t>(frame.kind));
   const auto number = toLittleEndian(frame.number);
   bytes.insert(bytes.end(), number.begin(), number.end());
-  bytes.insert(bytes.end(), frame.payload.begin(), frame.payload.end());
+  bytes.insert(bytes.end(), payload.begin(), payload.end());
   return bytes;
 }
 
@@ -39,28 +38,27 @@ FrameDecoder::Result FrameDecoder::next(Frame& frame) {
   if (pending_.size() < kNumberSize) return Result::kMore;
   const std::size_t length = loadLittleEndian(pending_.data());
   if (length < kHeadSize || length > kHeadSize + kLongestPayload) return Result::kBroken;
-  if (pending_.size() > kNumberSize && !isKind(pending_[kNumberSize])) return Result::kBroken;
+  if (pending_.size() > kNumberSize && !isKind(pending_.data()[kNumberSize]))
+    return Result::kBroken;
   if (pending_.size() < kNumberSize + length) return Result::kMore;
   const std::uint8_t* const head = pending_.data() + kNumberSize;
   frame.kind = static_cast<FrameKind>(head[0]);
   frame.number = loadLittleEndian(head + 1);
-  frame.payload.assign(head + kHeadSize, head + length);
-  platform::wipe(pending_.data(), kNumberSize + length);
-  pending_.erase(pending_.begin(), pending_.begin() + offset(kNumberSize + length));
+  frame.payload = Bytes(head + kHeadSize, head + length);
+  pending_.drop(kNumberSize + length);
   return Result::kFrame;
 }
 
 Frame helloFrame(const Hello& hello) {
-  Frame frame{FrameKind::kHello};
-  frame.payload.assign(std::begin(kMagic), std::end(kMagic));
+  Bytes payload(std::begin(kMagic), std::end(kMagic));
   const auto protocol = toLittleEndian(hello.protocol);
-  frame.payload.insert(frame.payload.end(), protocol.begin(), protocol.end());
-  frame.payload.insert(frame.payload.end(), hello.version.begin(), hello.version.end());
-  return frame;
+  payload.insert(payload.end(), protocol.begin(), protocol.end());
+  payload.insert(payload.end(), hello.version.begin(), hello.version.end());
+  return {FrameKind::kHello, 0, std::move(payload)};
 }
 
 std::optional<Hello> readHello(const Frame& frame) {
-  const Bytes& payload = frame.payload;
+  const Bytes& payload = frame.payload.get();
   if (frame.kind != FrameKind::kHello || payload.size() < kVersionAt ||
       payload.size() > kVersionAt + kLongestVersion ||
       !std::equal(std::begin(kMagic), std::end(kMagic), payload.begin())) {

@@ -26,6 +26,7 @@
 #include <string>
 
 #include "contract/bytes.h"
+#include "platform/process/wipe.h"
 
 namespace zelta::agent {
 
@@ -53,7 +54,7 @@ inline constexpr std::size_t kLongestPayload = 65548 + kNumberSize;  // bytes
 struct Frame {
   FrameKind kind = FrameKind::kBye;
   std::uint32_t number = 0;
-  Bytes payload{};
+  platform::SecretBytes payload{};  // may be a command, and that have a PIN
 };
 
 // The payload is at most `kLongestPayload` bytes long.
@@ -69,12 +70,12 @@ class FrameDecoder {
   };
 
   // What has come and is no frame yet; append to it what comes next.
-  Bytes& pending() { return pending_; }
+  platform::SecretQueue& pending() { return pending_; }
   // The next frame, if it is whole.
   Result next(Frame& frame);
 
  private:
-  Bytes pending_;
+  platform::SecretQueue pending_;
 };
 
 // What an end says of itself.

@@ -3,9 +3,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "agent/program/log.h"
 #include "agent/version.h"
-#include "platform/process/wipe.h"
+#include "contract/harmless.h"
 
 namespace zelta::agent {
 
@@ -26,7 +25,7 @@ bool FrameChannel::greet() {
   if (!first && end_ != LineEnd::kBroken) return false;
   const std::optional<Hello> hello = first ? readHello(*first) : std::nullopt;
   if (!hello) {
-    const Bytes& came = decoder_.pending();
+    const Bytes& came = decoder_.pending().get();
     const std::size_t shown = std::min(came.size(), kShown);
     strange_.assign(came.begin(), came.begin() + static_cast<std::ptrdiff_t>(shown));
     end_ = LineEnd::kStranger;
@@ -50,10 +49,8 @@ std::optional<std::chrono::microseconds> FrameChannel::measureRoundTrip() {
   return std::nullopt;
 }
 
-void FrameChannel::send(FrameKind kind, std::uint32_t number, Bytes payload) {
-  // Either may hold a command, and that a PIN.
-  const platform::SecretBytes sent(encodeFrame({kind, number, payload}));
-  platform::wipe(payload.data(), payload.size());
+void FrameChannel::send(FrameKind kind, std::uint32_t number, platform::SecretBytes payload) {
+  const platform::SecretBytes sent(encodeFrame({kind, number, std::move(payload)}));
   line_.send(sent.get());
 }
 
@@ -123,9 +120,9 @@ std::string FrameChannel::describeEnd() const {
     case LineEnd::kSilent:
       return "nothing has come for " + seconds(patience());
     case LineEnd::kStranger:
-      return "what came is not zelta-agent's: '" + printable(strange_) + "'";
+      return "what came is not zelta-agent's: '" + harmless(strange_) + "'";
     case LineEnd::kVersion:
-      return "zelta-agent " + printable(peer_.version) + " there speaks version " +
+      return "zelta-agent " + harmless(peer_.version) + " there speaks version " +
              std::to_string(peer_.protocol) + " of the protocol, zelta-agent " + kVersion +
              " here version " + std::to_string(kFrameProtocol);
     case LineEnd::kBroken:

@@ -45,7 +45,7 @@ class FrameChannel {
   std::optional<std::chrono::microseconds> measureRoundTrip();
 
   // Never waits. Any thread, after `greet`.
-  void send(FrameKind kind, std::uint32_t number = 0, Bytes payload = {});
+  void send(FrameKind kind, std::uint32_t number = 0, platform::SecretBytes payload = {});
   // Blocks until a frame comes that is not the channel's own business; none at the end of the line.
   // One thread at a time, as everything below.
   std::optional<Frame> next();

@@ -77,8 +77,8 @@ std::optional<Command> LentCard::read() {
     }
     Command command;
     command.kind = request->command;
-    command.apdu = Bytes(frame->payload.begin() + kNumberSize, frame->payload.end());
-    platform::wipe(frame->payload.data(), frame->payload.size());
+    const Bytes& payload = frame->payload.get();
+    command.apdu = Bytes(payload.begin() + kNumberSize, payload.end());
     command.cardLimit = SteadyClock::now() + settings_.answerLimit;
     command.driverLimit = command.cardLimit;
     return command;
@@ -89,13 +89,13 @@ std::optional<Command> LentCard::read() {
 bool LentCard::answer(const Command& command, const Outcome& outcome) {
   const std::string name =
       findRequest([&command](const Request& known) { return known.command == command.kind; })->name;
-  Bytes data;
+  platform::SecretBytes data;
   if (outcome.result == Outcome::Result::kLate) {
     log_.warning(name + ": the card is not done in time");
   } else if (outcome.data.size() > kLongestPayload) {
     log_.error(name + ": the card's answer is too long");
   } else {
-    data = outcome.data.get();
+    data = outcome.data;
   }
   if (log_.wants(Severity::kDebug))
     log_.debug(name + ": " + std::to_string(data.size()) + " bytes");

@@ -3,6 +3,7 @@
 
 #include "agent/link/pipe_client_port.h"
 #include "contract/bytes.h"
+#include "platform/process/wipe.h"
 
 namespace zelta::agent {
 
@@ -15,7 +16,7 @@ class Line {
   virtual void send(const Bytes& bytes) = 0;
   // Appends what has come to `into`; blocks until something has, or until `deadline`. kClosed if
   // nothing more can come, or if the other end has left too much unread. One thread at a time.
-  virtual IoResult receive(Bytes& into, SteadyClock::time_point deadline) = 0;
+  virtual IoResult receive(platform::SecretQueue& into, SteadyClock::time_point deadline) = 0;
   // Makes this and every later `receive` return kCancelled. Any thread.
   virtual void cancel() = 0;
 };

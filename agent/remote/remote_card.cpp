@@ -61,7 +61,7 @@ Bytes RemoteCard::call(FrameKind kind, const Bytes& command) {
     return answer_ || card_ != card || interrupted_;
   });
   waiting_.reset();
-  return answer_ ? std::move(*answer_) : Bytes();
+  return answer_ ? answer_->get() : Bytes();
 }
 
 void RemoteCard::read() {

@@ -60,8 +60,8 @@ class RemoteCard final : public CardBackend {
   std::uint32_t card_ ZELTA_GUARDED_BY(mutex_) = 0;  // written by the card's thread only
   bool interrupted_ ZELTA_GUARDED_BY(mutex_) = false;
   std::uint32_t lastNumber_ ZELTA_GUARDED_BY(mutex_) = 0;
-  std::optional<std::uint32_t> waiting_ ZELTA_GUARDED_BY(mutex_);  // the call's number
-  std::optional<Bytes> answer_ ZELTA_GUARDED_BY(mutex_);           // of that call
+  std::optional<std::uint32_t> waiting_ ZELTA_GUARDED_BY(mutex_);         // the call's number
+  std::optional<platform::SecretBytes> answer_ ZELTA_GUARDED_BY(mutex_);  // of that call
   std::thread reader_;
 };
 

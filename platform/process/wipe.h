@@ -1,9 +1,10 @@
 // Wipes memory that held a secret, such as the PIN in a command, before it is given back.
 //
-// Ownership: a `SecretBytes` owns its bytes. Threads: as any value. Nothing here fails but for lack
-// of memory (std::bad_alloc) when bytes are copied.
+// Ownership: `SecretBytes` and `SecretQueue` own their bytes. Threads: as any value. Nothing here
+// fails but for lack of memory (std::bad_alloc) when bytes are copied.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <utility>
@@ -33,6 +34,43 @@ class SecretBytes {
 
   const Bytes& get() const { return bytes_; }
   std::uint8_t* data() { return bytes_.data(); }
+  std::size_t size() const { return bytes_.size(); }
+
+ private:
+  Bytes bytes_;
+};
+
+// Bytes that come at the end and go at the front. Whatever place they leave is wiped.
+class SecretQueue {
+ public:
+  using Bytes = std::vector<std::uint8_t>;
+
+  SecretQueue() = default;
+  SecretQueue(const SecretQueue&) = delete;
+  SecretQueue& operator=(const SecretQueue&) = delete;
+  ~SecretQueue() { wipe(bytes_.data(), bytes_.size()); }
+
+  void append(const std::uint8_t* bytes, std::size_t size) {
+    if (bytes_.capacity() - bytes_.size() < size) {
+      Bytes larger;
+      larger.reserve(std::max(bytes_.size() + size, 2 * bytes_.size()));
+      larger.assign(bytes_.begin(), bytes_.end());
+      wipe(bytes_.data(), bytes_.size());
+      bytes_.swap(larger);
+    }
+    bytes_.insert(bytes_.end(), bytes, bytes + size);
+  }
+  void append(const Bytes& bytes) { append(bytes.data(), bytes.size()); }
+  // Removes the first `count` bytes; there are as many.
+  void drop(std::size_t count) {
+    const std::size_t left = bytes_.size() - count;
+    std::copy_n(bytes_.data() + count, left, bytes_.data());
+    wipe(bytes_.data() + left, count);
+    bytes_.resize(left);
+  }
+
+  const Bytes& get() const { return bytes_; }
+  const std::uint8_t* data() const { return bytes_.data(); }
   std::size_t size() const { return bytes_.size(); }
 
  private:

@@ -65,5 +65,24 @@ TEST(SecretBytes, CopiedMovedAndReplaced_LeaveNothingBehind) {
   EXPECT_GE(watch.freed(), 3);
 }
 
+TEST(SecretQueue, GrownAndTakenFromTheFront_LeavesNothingBehind) {
+  const platform::SecretBytes bytes(command());
+  Bytes twice = bytes.get();
+  twice.insert(twice.end(), bytes.get().begin(), bytes.get().end());
+  const FreedMemoryWatch watch(Threads::kOwn);
+  {
+    platform::SecretQueue queue;
+    for (int i = 0; i < 3; ++i) queue.append(bytes.get());
+    queue.drop(bytes.size());
+    EXPECT_EQ(queue.get(), twice);
+    queue.drop(bytes.size() + 1);  // the rest has been moved
+    EXPECT_EQ(queue.size(), bytes.size() - 1);
+    queue.drop(queue.size());
+    EXPECT_EQ(queue.size(), 0u);
+  }
+  EXPECT_EQ(watch.found(), 0);
+  EXPECT_GE(watch.freed(), 2);
+}
+
 }  // namespace
 }  // namespace zelta::test

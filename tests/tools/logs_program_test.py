@@ -182,6 +182,19 @@ class PruneProgram(LogsTest):
                          f"removed {self.oldest}\nremoved {self.older}\n")
         self.assertEqual(self.count(), 3)
 
+    def test_names_that_a_terminal_would_obey_are_escaped(self):
+        name = self.folder / "zelta_vsc_2023\x1b[2J\nremoved.txt"
+        name.write_text("x")
+        shown = f"{self.folder}/zelta_vsc_2023\\x1b[2J\\x0aremoved.txt"
+        self.assertEqual(self.prune("--keep 3 --dry-run")[1], f"would remove {shown}\n")
+        with name.open("a"):
+            self.assertEqual(self.prune("--keep 3 --verbose")[1], f"kept {shown}, it is in use\n")
+        self.assertEqual(self.prune("--keep 3 --verbose")[1], f"removed {shown}\n")
+        missing, escaped = self.folder / "\x1b[2J", f"{self.folder}/\\x1b[2J"
+        self.assertIn(f"cannot read {escaped}",
+                      run("prune", "--keep", 1, "--dir", missing)[1])
+        self.assertIn(f"there is no folder {escaped}", run("--dir", missing)[1])
+
     def test_nonsense_is_refused_with_code_2_and_removes_nothing(self):
         for options in ("", "--keep 0", "--keep -1", "--keep many", "--keep 1.5", "--max-age 30",
                         "--max-age 0d", "--max-age -1d", "--max-age 30x", "--max-age ''",

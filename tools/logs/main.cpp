@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 
+#include "contract/harmless.h"
 #include "tools/logs/log_folder.h"
 #include "tools/logs/printer.h"
 #include "tools/logs/prune.h"
@@ -158,7 +159,7 @@ std::string findProblem(const std::string& folder) {
 int show(const Options& options) {
   const std::string problem = findProblem(options.folder);
   if (!problem.empty()) {
-    std::cerr << "zelta-logs: " << problem << "\n";
+    std::cerr << "zelta-logs: " << zelta::harmless(problem) << "\n";
     return EXIT_FAILURE;
   }
   Printer printer(options.filter, look(options), [](std::string_view line) {
@@ -172,7 +173,7 @@ int show(const Options& options) {
   if (options.noFollow) {
     reader.readNew(print);
     if (!reader.current().empty()) return EXIT_SUCCESS;
-    std::cerr << "zelta-logs: no log file in " << options.folder << "\n";
+    std::cerr << "zelta-logs: no log file in " << zelta::harmless(options.folder) << "\n";
     return EXIT_FAILURE;
   }
   FolderWatch watch(options.folder);  // before the first read, so that nothing is missed
@@ -202,6 +203,6 @@ int main(int argc, char** argv) try {
   const bool done = prune(options.folder, options.limits, options.dryRun, options.verbose);
   return done ? EXIT_SUCCESS : EXIT_FAILURE;
 } catch (const std::exception& error) {
-  std::cerr << "zelta-logs: " << error.what() << "\n";
+  std::cerr << "zelta-logs: " << zelta::harmless(error.what()) << "\n";
   return EXIT_FAILURE;
 }

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "contract/harmless.h"
 #include "tools/logs/log_folder.h"
 
 namespace zelta::logs {
@@ -25,8 +26,11 @@ std::vector<LogFile> lookAt(const std::vector<std::filesystem::path>& paths) {
   return files;
 }
 
+// A member of the group that may write there may name a file as it likes.
+std::string shown(const std::filesystem::path& path) { return harmless(path.string()); }
+
 bool fail(std::string_view what, const std::filesystem::path& path, const std::string& why) {
-  std::cerr << "zelta-logs: " << what << " " << path.string() << ": " << why << "\n";
+  std::cerr << "zelta-logs: " << what << " " << shown(path) << ": " << why << "\n";
   return false;
 }
 
@@ -38,14 +42,14 @@ bool removeFile(const LogFile& file, bool dryRun, bool verbose) {
     return fail("cannot remove", file.path, "it may be in use (only its owner and root can tell)");
   }
   if (*isWritten) {
-    if (dryRun || verbose) std::cout << "kept " << file.path.string() << ", it is in use\n";
+    if (dryRun || verbose) std::cout << "kept " << shown(file.path) << ", it is in use\n";
     return true;
   }
   std::error_code error;
   if (!dryRun) std::filesystem::remove(file.path, error);
   if (error) return fail("cannot remove", file.path, error.message());
   if (dryRun || verbose) {
-    std::cout << (dryRun ? "would remove " : "removed ") << file.path.string() << "\n";
+    std::cout << (dryRun ? "would remove " : "removed ") << shown(file.path) << "\n";
   }
   return true;
 }

@@ -1,15 +1,10 @@
-// Texts for a terminal. Pure functions.
+// Texts for a terminal. Pure.
 #pragma once
 
-#include <string>
 #include <string_view>
 #include <vector>
 
 namespace zelta::logs {
-
-// A log holds an agent's texts. What a terminal would obey or show in another order, and what is
-// not UTF-8, is `\xNN` byte by byte.
-std::string harmless(std::string_view text);
 
 // The text in lines of at most `width` characters (not 0), broken at a blank if there is one. At
 // least one line.

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "contract/harmless.h"
 #include "tools/logs/terminal_text.h"
 
 namespace zelta::logs {

@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "contract/bytes.h"
+#include "contract/harmless.h"
 #include "tools/trace/agent_json.h"
 #include "tools/trace/atr.h"
 
@@ -23,7 +24,7 @@ std::string padded(const std::string& text, std::size_t width) {
 }
 
 std::string row(const std::string& label, const std::string& value) {
-  return padded(label + ":", kLabelWidth) + (value.empty() ? "-" : value) + "\n";
+  return padded(label + ":", kLabelWidth) + (value.empty() ? "-" : harmless(value)) + "\n";
 }
 
 std::string counted(const Json& agent, const char* name, const std::string& one) {

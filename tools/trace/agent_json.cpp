@@ -14,7 +14,7 @@ std::string textOf(const Json& object, const char* name) {
 }
 
 std::string dumpLine(const Json& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+  return json.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
 }  // namespace zelta::trace

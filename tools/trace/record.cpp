@@ -5,7 +5,7 @@
 #include <cstdlib>
 
 #include "contract/bytes.h"
-#include "tools/logs/terminal_text.h"
+#include "contract/harmless.h"
 #include "tools/trace/agent_json.h"
 #include "tools/trace/atr.h"
 
@@ -112,12 +112,12 @@ Words Reader::describe(const Record& record) {
   const auto* const event =
       std::find_if(std::begin(kEvents), std::end(kEvents),
                    [&record](const Event& known) { return record.kind == known.kind; });
-  words.what = event == std::end(kEvents) ? logs::harmless(record.kind) : event->text;
+  words.what = event == std::end(kEvents) ? harmless(record.kind) : event->text;
   if (record.kind == "begin") {
-    words.what = "reader " + logs::harmless(record.reader) + ", " + logs::harmless(record.backend) +
-                 " card " + logs::harmless(record.card) + ", driver " +
+    words.what = "reader " + harmless(record.reader) + ", " + harmless(record.backend) + " card " +
+                 harmless(record.card) + ", driver " +
                  (record.connected ? "connected" : "not connected");
-    addDetail(words, "Session", logs::harmless(record.session));
+    addDetail(words, "Session", harmless(record.session));
     addBytes(words, "ATR", record.atr);
     addAtr(words, record.atr);
   } else if (record.kind == "lost") {

@@ -65,6 +65,18 @@ TEST(Control, StatusForPrograms_SaysToWhomReadsItWhetherACardIsIn) {
   EXPECT_FALSE(saysCardIsIn(kControlOk + statusJson(status), status.reader));
 }
 
+TEST(Control, TextsOfOthers_ForgeNoRowAndReachNoTerminal) {
+  Agent::Status odd;
+  odd.sessionId = "a\ncard:      in\x1b[2J";
+  odd.backend = "b\u202E";
+  const std::string text = statusText(odd);
+  EXPECT_NE(text.find("session:   a\\x0acard:      in\\x1b[2J\n"), text.npos) << text;
+  EXPECT_NE(text.find("back end:  b\\xe2\\x80\\xae\n"), text.npos) << text;
+  const std::string json = statusJson(odd);
+  EXPECT_NE(json.find("\"backend\":\"b\\u202e\""), json.npos) << json;
+  EXPECT_EQ(readControlAnswer(kControlOk + json).text, json);
+}
+
 TEST(Control, TraceBegin_IsTheStatusWithATime) {
   const auto begin = nlohmann::json::parse(traceBegin(someStatus()));
   EXPECT_EQ(begin["kind"], "begin");
@@ -85,7 +97,7 @@ TEST(Control, Lines_AreAnswered) {
   EXPECT_TRUE(agent.status().cardIn);
   EXPECT_EQ(answerControl(agent, "status"), "ok\n" + statusText(agent.status()));
   EXPECT_EQ(answerControl(agent, "status json"), "ok\n" + statusJson(agent.status()));
-  EXPECT_EQ(answerControl(agent, "jump\x01"), "error: not understood: jump?\n");
+  EXPECT_EQ(answerControl(agent, "jump\x01"), "error: not understood: jump\\x01\n");
   EXPECT_EQ(answerControl(agent, ""), "error: not understood: \n");
 }
 
@@ -94,6 +106,8 @@ TEST(Control, Answers_AreReadBack) {
   EXPECT_EQ(readControlAnswer("ok\nmore\n").text, "more\n");
   EXPECT_FALSE(readControlAnswer("error: no\n").success);
   EXPECT_EQ(readControlAnswer("error: no\n").text, "no\n");
+  EXPECT_EQ(readControlAnswer("ok\nmore\x1b[2J\nlast").text, "more\\x1b[2J\nlast\n");
+  EXPECT_EQ(readControlAnswer("error: no\x1b[2J\n").text, "no\\x1b[2J\n");
   EXPECT_FALSE(readControlAnswer("").success);
   EXPECT_FALSE(readControlAnswer("o").success);
 }

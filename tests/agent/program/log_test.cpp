@@ -21,10 +21,6 @@ TEST(Log, LinesLessSeriousThanTheLeast_AreDropped) {
   EXPECT_FALSE(log.wants(Severity::kInfo));
 }
 
-TEST(Log, ControlCharacters_BecomeQuestionMarks) {
-  EXPECT_EQ(printable("a\nb\x7f\x1b[c\xC3\xA4"), "a?b??[c\xC3\xA4");
-}
-
 TEST(Log, TimeStamp_HasDateTimeAndMilliseconds) {
   const std::regex form("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z");
   EXPECT_TRUE(std::regex_match(timeStamp(), form)) << timeStamp();

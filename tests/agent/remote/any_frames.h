@@ -21,10 +21,10 @@ class BytesLine final : public agent::Line {
   BytesLine(Bytes bytes, std::size_t piece) : bytes_(std::move(bytes)), piece_(piece) {}
 
   void send(const Bytes& bytes) override { sent.insert(sent.end(), bytes.begin(), bytes.end()); }
-  agent::IoResult receive(Bytes& into, agent::SteadyClock::time_point) override {
+  agent::IoResult receive(platform::SecretQueue& into, agent::SteadyClock::time_point) override {
     if (at_ == bytes_.size()) return agent::IoResult::kClosed;
     const std::size_t size = std::min(piece_, bytes_.size() - at_);
-    into.insert(into.end(), bytes_.data() + at_, bytes_.data() + at_ + size);
+    into.append(bytes_.data() + at_, size);
     at_ += size;
     return agent::IoResult::kDone;
   }
@@ -49,7 +49,7 @@ inline Decoded decode(const Bytes& bytes, std::size_t piece) {
   Bytes whole;
   for (std::size_t at = 0; at < bytes.size() && !decoded.broken; at += piece) {
     const std::size_t size = std::min(piece, bytes.size() - at);
-    decoder.pending().insert(decoder.pending().end(), bytes.data() + at, bytes.data() + at + size);
+    decoder.pending().append(bytes.data() + at, size);
     agent::Frame frame;
     agent::FrameDecoder::Result result{};
     while ((result = decoder.next(frame)) == agent::FrameDecoder::Result::kFrame) {
@@ -65,7 +65,8 @@ inline Decoded decode(const Bytes& bytes, std::size_t piece) {
 
 inline bool same(const std::vector<agent::Frame>& a, const std::vector<agent::Frame>& b) {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const auto& one, const auto& other) {
-    return one.kind == other.kind && one.number == other.number && one.payload == other.payload;
+    return one.kind == other.kind && one.number == other.number &&
+           one.payload.get() == other.payload.get();
   });
 }
 

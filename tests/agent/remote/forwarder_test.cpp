@@ -84,7 +84,7 @@ struct FarEnd {
     const Frame frame = nextOf(channel);
     EXPECT_EQ(frame.kind, FrameKind::kAnswer);
     EXPECT_EQ(frame.number, number);
-    EXPECT_EQ(frame.payload, bytes);
+    EXPECT_EQ(frame.payload.get(), bytes);
   }
 
   std::unique_ptr<Line> line;
@@ -199,7 +199,7 @@ TEST_F(Forwarding, FrameThatMakesNoSense_EndsTheLineAndIsFollowedByTheNext) {
   {
     FarEnd far(dialer_.accept());
     far.greet(1);
-    far.channel.send(FrameKind::kTransmit, 1, {0x01});
+    far.channel.send(FrameKind::kTransmit, 1, Bytes{0x01});
     EXPECT_FALSE(far.channel.next());
   }
   FarEnd again(dialer_.accept());
@@ -263,11 +263,11 @@ std::unique_ptr<DialedCall> dialShell(const char* script) {
 TEST(SshDialer, Line_IsTheProgramsInputAndOutput) {
   const auto call = dialShell("head -c 3; exit 7");
   call->line().send({1, 2, 3});
-  Bytes bytes;
+  platform::SecretQueue bytes;
   while (bytes.size() < 3) {
     ASSERT_EQ(call->line().receive(bytes, test::later()), IoResult::kDone);
   }
-  EXPECT_EQ(bytes, (Bytes{1, 2, 3}));
+  EXPECT_EQ(bytes.get(), (Bytes{1, 2, 3}));
   EXPECT_EQ(call->line().receive(bytes, test::later()), IoResult::kClosed);
   EXPECT_EQ(call->hangUp(), 7);
 }

@@ -22,9 +22,9 @@ class Channel : public testing::Test {
   }
   // What the channel has sent, until it is `size` bytes long.
   Bytes sent(std::size_t size) {
-    Bytes bytes;
+    platform::SecretQueue bytes;
     while (bytes.size() < size) EXPECT_EQ(ends_.far->receive(bytes, later()), IoResult::kDone);
-    return bytes;
+    return bytes.get();
   }
 
   test::LineEnds ends_;
@@ -54,7 +54,7 @@ TEST_F(Channel, TextInsteadOfAHello_EndsWithTheText) {
   ends_.far->send({'W', 'e', 'l', 'c', 'o', 'm', 'e', '\n'});
   EXPECT_FALSE(channel.greet());
   EXPECT_EQ(channel.end(), LineEnd::kStranger);
-  EXPECT_EQ(channel.describeEnd(), "what came is not zelta-agent's: 'Welcome?'");
+  EXPECT_EQ(channel.describeEnd(), "what came is not zelta-agent's: 'Welcome\\x0a'");
 }
 
 TEST_F(Channel, AnotherFrameInsteadOfAHello_IsAStrangers) {
@@ -159,14 +159,14 @@ TEST(DescriptorLine, MoreThanTheSystemTakes_ComesWholeAndInOrder) {
     all.insert(all.end(), part.begin(), part.end());
   }
   auto passing = std::async(std::launch::async, [&ends] {
-    Bytes nothing;
+    platform::SecretQueue nothing;
     return ends.near->receive(nothing, later());
   });
-  Bytes received;
+  platform::SecretQueue received;
   while (received.size() < all.size()) {
     ASSERT_EQ(ends.far->receive(received, later()), IoResult::kDone);
   }
-  EXPECT_EQ(received, all);
+  EXPECT_EQ(received.get(), all);
   ends.near->cancel();
   EXPECT_EQ(passing.get(), IoResult::kCancelled);
 }
@@ -174,7 +174,7 @@ TEST(DescriptorLine, MoreThanTheSystemTakes_ComesWholeAndInOrder) {
 TEST(DescriptorLine, EndThatLeavesTooMuchUnread_IsClosed) {
   test::LineEnds ends;
   for (int i = 0; i < 100; ++i) ends.near->send(Bytes(kLongestPayload));
-  Bytes nothing;
+  platform::SecretQueue nothing;
   EXPECT_EQ(ends.near->receive(nothing, later()), IoResult::kClosed);
 }
 

@@ -87,7 +87,7 @@ TEST_F(Remote, Calls_AreNumberedRequestsForTheCardThatIsIn) {
     if (kind == FrameKind::kTransmit) {
       payload.insert(payload.end(), kApdu.begin(), kApdu.end());
     }
-    EXPECT_EQ(request.payload, payload);
+    EXPECT_EQ(request.payload.get(), payload);
     near_.send(FrameKind::kAnswer, number, kAnswer);
     EXPECT_EQ(answer.get(), kAnswer);
   }
@@ -113,7 +113,7 @@ TEST_F(Remote, AnswerWithAnOldNumber_IsThrownAway) {
   listener_.waitFor({"in", "out", "in"});
   auto second = transmit();
   EXPECT_EQ(nextOf(near_).number, 2u);
-  near_.send(FrameKind::kAnswer, 1, {0x6F, 0x00});
+  near_.send(FrameKind::kAnswer, 1, Bytes{0x6F, 0x00});
   near_.send(FrameKind::kAnswer, 2, kAnswer);
   EXPECT_EQ(second.get(), kAnswer);
   EXPECT_TRUE(lines_.has("debug: Answer 1 is late; thrown away"));

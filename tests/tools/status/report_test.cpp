@@ -41,6 +41,16 @@ TEST(Report, Table_HasALineEach) {
             "log file:  /log.txt\n");
 }
 
+TEST(Report, TextsOfOthers_ForgeNoRow) {
+  View view = wholeView();
+  view.agentJson = "{\"session_id\":\"a\\ncard:      in\",\"backend\":\"\\u001b[2J\"}\n";
+  view.logFile = "/zelta_vsc_\nagent:     x.txt";
+  const std::string text = reportText(view);
+  EXPECT_NE(text.find("back end:  \\x1b[2J\n"), text.npos) << text;
+  EXPECT_NE(text.find("session:   a\\x0acard:      in\n"), text.npos) << text;
+  EXPECT_NE(text.find("log file:  /zelta_vsc_\\x0aagent:     x.txt\n"), text.npos) << text;
+}
+
 TEST(Report, WhatIsMissing_IsToldWithItsReason) {
   View view;
   view.agentProblem = "no agent is running at x";
