@@ -216,7 +216,7 @@ int runNearEnd(const Options& options, Endings& endings, Log& log) {
 
 }  // namespace
 
-int runControl(const Options& options) { return showControlAnswer(ask(options)); }
+int runCommand(const Options& options) { return showControlAnswer(ask(options)); }
 
 int runAgent(const Options& options, Log& log) {
   Endings endings;  // first: threads take the blocked signals over

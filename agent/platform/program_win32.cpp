@@ -1,19 +1,25 @@
-// The program on Windows: command line, console events and the agent.
+// The program on Windows: command line, and the agent in a console or as a service.
 #include <windows.h>
 // windows.h comes first
 #include <array>
+#include <cstdlib>
+#include <exception>
+#include <functional>
 #include <iostream>
+#include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "agent/card/pcsc_card.h"
 #include "agent/card/script_card.h"
 #include "agent/control/control.h"
 #include "agent/control/control_socket.h"
 #include "agent/platform/console_end_win32.h"
+#include "agent/platform/event_log_win32.h"
 #include "agent/platform/pipe_connection_win32.h"
+#include "agent/platform/service_win32.h"
 #include "agent/program/agent.h"
 #include "agent/program/agent_run.h"
 #include "agent/program/failure.h"
@@ -38,16 +44,17 @@ std::unique_ptr<CardBackend> makeBackend(const Options& options, Log& log) {
   return std::make_unique<PcscCard>(options.pcscReader, log);
 }
 
-}  // namespace
+// What the agent runs in, a console or a service.
+struct Surroundings {
+  HANDLE endRequested;
+  std::function<void()> ready;  // or none
+  AgentRun::Leave leave;
+  const char* ending;  // what the log says when the end is requested
+};
 
-Log::Sink standardErrorSink() {
-  return [](Severity level, const std::string& line) {
-    std::cerr << timeStamp() + " " + severityName(level) + ": " + line + "\n" << std::flush;
-  };
-}
-
-int runAgent(const Options& options, Log& log) {
-  const HANDLE endRequested = followConsole();
+// `controlPipe` is for options that name none.
+int serve(const Options& options, const std::string& controlPipe, const Surroundings& around,
+          Log& log) {
   const ScopedHandle failed = makeEvent();
   FailureNote failure([&failed] { SetEvent(failed.get()); });
   const OnFailure onFailure = [&failure](const char* problem) { failure.take(problem); };
@@ -63,26 +70,79 @@ int runAgent(const Options& options, Log& log) {
   const std::unique_ptr<PipeClientPort> pipes = makeSystemPipeClient();
   const std::unique_ptr<CardBackend> backend = makeBackend(options, log);
   Agent agent(*pipes, *backend, settings, log);
-  const std::string path =
-      options.control.empty() ? defaultControlPipes(options.reader).front() : options.control;
+  const std::string path = options.control.empty() ? controlPipe : options.control;
   const std::unique_ptr<ControlServer> control = openControlServer(
       path, [&agent](const std::string& line) { return answerControl(agent, line); }, onFailure);
   agent.start();
   log.info(std::string("zelta-agent ") + kVersion + ": reader " + std::to_string(options.reader) +
            ", " + backend->name() + " card, session " + settings.sessionId + ", control " + path);
   AgentRun run(agent, onFailure);
-  const std::array<HANDLE, 2> endings = {failed.get(), endRequested};
+  if (around.ready) around.ready();
+  const std::array<HANDLE, 2> endings = {failed.get(), around.endRequested};
   WaitForMultipleObjects(static_cast<DWORD>(endings.size()), endings.data(), FALSE, INFINITE);
-  if (failure.problem() == nullptr) log.info("Ending: interrupted");
+  if (failure.problem() == nullptr) log.info(around.ending);
   control->removePath();
-  return run.stop(failure, log);
+  return run.stop(failure, log, around.leave);
 }
 
-int runControl(const Options& options) {
-  const std::vector<std::string> paths = options.control.empty()
-                                             ? defaultControlPipes(options.reader)
-                                             : std::vector<std::string>{options.control};
-  return showControlAnswer(askAgent(paths, controlLine(options)));
+// The service's own log is the system's event log.
+int runAsService(const Options& options) {
+  return runService(options.reader, [&options](ServiceRun& service) {
+    Log log(options.logLevel, eventLogSink(serviceName(options.reader)));
+    Surroundings around;
+    around.endRequested = service.endRequested();
+    around.ready = [&service] { service.ready(); };
+    around.leave = [&service](int exitCode) { service.leave(exitCode); };
+    around.ending = "Ending: asked to stop";
+    try {
+      return serve(options, defaultControlPipes(options.reader).back(), around, log);
+    } catch (const std::exception& error) {
+      log.error(error.what());
+      return kExitFailed;
+    }
+  });
+}
+
+std::string ask(const Options& options) {
+  const std::string line = controlLine(options);
+  if (!options.control.empty()) return askAgent({options.control}, line);
+  try {
+    return askAgent(defaultControlPipes(options.reader), line);
+  } catch (const NoAgentError& error) {
+    throw std::runtime_error(std::string(error.what()) + "; to start the service: sc start " +
+                             serviceName(options.reader));
+  }
+}
+
+}  // namespace
+
+Log::Sink standardErrorSink() {
+  return [](Severity level, const std::string& line) {
+    std::cerr << timeStamp() + " " + severityName(level) + ": " + line + "\n" << std::flush;
+  };
+}
+
+int runAgent(const Options& options, Log& log) {
+  Surroundings console;
+  console.endRequested = followConsole();
+  console.leave = std::_Exit;
+  console.ending = "Ending: interrupted";
+  return serve(options, defaultControlPipes(options.reader).front(), console, log);
+}
+
+int runCommand(const Options& options) {
+  switch (options.action) {
+    case Options::Action::kServiceInstall:
+      installService(options);
+      return kExitDone;
+    case Options::Action::kServiceRemove:
+      removeService(options.reader);
+      return kExitDone;
+    case Options::Action::kServiceRun:
+      return runAsService(options);
+    default:
+      return showControlAnswer(ask(options));
+  }
 }
 
 void writeStandardError(std::string_view text) {

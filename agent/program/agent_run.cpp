@@ -1,7 +1,6 @@
 #include "agent/program/agent_run.h"
 
 #include <chrono>
-#include <cstdlib>
 #include <string>
 
 #include "agent/program/options.h"
@@ -22,7 +21,7 @@ AgentRun::AgentRun(Service& service, const OnFailure& onFailure)
 
 AgentRun::~AgentRun() { service_.stop(); }
 
-int AgentRun::stop(const FailureNote& failure, Log& log) {
+int AgentRun::stop(const FailureNote& failure, Log& log, const Leave& leave) {
   service_.stop();
   const bool ended = ran_.wait_for(kEndLimit) == std::future_status::ready;
   const char* problem = failure.problem();
@@ -30,7 +29,7 @@ int AgentRun::stop(const FailureNote& failure, Log& log) {
   const int exitCode = problem == nullptr ? kExitDone : kExitFailed;
   if (!ended) {
     log.warning("The card does not end its command; leaving it behind");
-    std::_Exit(exitCode);
+    leave(exitCode);
   }
   return exitCode;
 }

@@ -1,6 +1,8 @@
 // Runs the program's service on its own thread.
 #pragma once
 
+#include <cstdlib>
+#include <functional>
 #include <future>
 
 #include "agent/program/failure.h"
@@ -18,9 +20,12 @@ class AgentRun {
   AgentRun(const AgentRun&) = delete;
   AgentRun& operator=(const AgentRun&) = delete;
 
-  // Stops the service and returns the program's exit code, which `failure` decides. Ends the
-  // process itself if a card that cannot be interrupted holds up the service's end.
-  int stop(const FailureNote& failure, Log& log);
+  // Ends the process with this exit code.
+  using Leave = std::function<void(int exitCode)>;
+
+  // Stops the service and returns the program's exit code, which `failure` decides. Leaves if a
+  // card that cannot be interrupted holds up the service's end.
+  int stop(const FailureNote& failure, Log& log, const Leave& leave = std::_Exit);
 
  private:
   Service& service_;

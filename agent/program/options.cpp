@@ -2,8 +2,10 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <filesystem>
 #include <limits>
 #include <sstream>
+#include <utility>
 
 #include "agent/program/session_id.h"
 #include "agent/version.h"
@@ -29,6 +31,8 @@ constexpr Named<BackendKind> kBackends[] = {{"emulated", BackendKind::kEmulated}
 constexpr const char* kLinuxBackends[] = {"emulated", "remote"};
 // Options of what only Linux has: the emulated card and a driver at another machine.
 constexpr const char* kLinuxOptions[] = {"--db", "--pin", "--pin-file", "--cert", "--to", "--ssh"};
+constexpr char kService[] = "service";  // only Windows has that
+constexpr char kNotOnLinux[] = " is not available on Linux";
 constexpr char kNotOnWindows[] = " is not available on Windows";
 constexpr Named<Severity> kLevels[] = {{"error", Severity::kError},
                                        {"warning", Severity::kWarning},
@@ -40,6 +44,14 @@ std::vector<std::string> names(const Named<Value> (&table)[kCount]) {
   std::vector<std::string> all;
   for (const Named<Value>& entry : table) all.push_back(entry.name);
   return all;
+}
+
+template <typename Value, std::size_t kCount>
+std::string nameOf(const Named<Value> (&table)[kCount], Value value) {
+  for (const Named<Value>& entry : table) {
+    if (value == entry.value) return entry.name;
+  }
+  return {};
 }
 
 // The value of that name, else `fallback`.
@@ -80,6 +92,9 @@ struct Flags {
   CLI::App* insert = nullptr;
   CLI::App* remove = nullptr;
   CLI::App* status = nullptr;
+  CLI::App* serviceInstall = nullptr;
+  CLI::App* serviceRemove = nullptr;
+  CLI::App* serviceRun = nullptr;
 };
 
 std::string checkSessionId(const std::string& text) {
@@ -179,6 +194,17 @@ void addControl(CLI::App& app, System system, Options& options, Flags& flags) {
   flags.status->add_flag("--json", options.json, "For programs");
 }
 
+void addService(CLI::App& app, Flags& flags) {
+  CLI::App* service = app.add_subcommand(kService, "Run the agent as a service");
+  service->footer("Each takes the agent's options, too.\n" + std::string(kExitCodes));
+  service->require_subcommand(1);
+  service->fallthrough();
+  flags.serviceInstall = service->add_subcommand("install", "Make the service of these options");
+  flags.serviceRemove =
+      service->add_subcommand("remove", "Stop the reader's service and remove it");
+  flags.serviceRun = service->add_subcommand("run", "What the service runs");
+}
+
 void applyFlags(const CLI::App& app, const Flags& flags, Options& options) {
   if (flags.cardInserted) options.cardIn = true;
   if (flags.noCard) options.cardIn = false;
@@ -191,6 +217,9 @@ void applyFlags(const CLI::App& app, const Flags& flags, Options& options) {
   if (flags.insert->parsed()) options.action = Options::Action::kCtlInsert;
   if (flags.remove->parsed()) options.action = Options::Action::kCtlRemove;
   if (flags.status->parsed()) options.action = Options::Action::kCtlStatus;
+  if (flags.serviceInstall->parsed()) options.action = Options::Action::kServiceInstall;
+  if (flags.serviceRemove->parsed()) options.action = Options::Action::kServiceRemove;
+  if (flags.serviceRun->parsed()) options.action = Options::Action::kServiceRun;
 }
 
 // The same of the options for a driver at another machine.
@@ -207,7 +236,10 @@ std::string findRemoteConflict(const Options& options) {
 
 // Which options contradict each other or are missing; empty if none.
 std::string findConflict(const Options& options, System system) {
-  if (options.action != Options::Action::kRun) return {};
+  using Action = Options::Action;
+  const bool runs = options.action == Action::kRun || options.action == Action::kServiceInstall ||
+                    options.action == Action::kServiceRun;
+  if (!runs) return {};
   if (system == System::kWindows && options.backend == BackendKind::kEmulated) {
     return "which card? --backend needs one of " + backendNames(system);
   }
@@ -223,7 +255,9 @@ std::string findConflict(const Options& options, System system) {
 
 // Which option the system does not have; empty if none.
 std::string findUnavailable(const CLI::App& app, const Flags& flags, System system) {
-  if (system == System::kLinux) return {};
+  if (system == System::kLinux) {
+    return app.got_subcommand(kService) ? kService + std::string(kNotOnLinux) : "";
+  }
   if (!isBackendOf(system, flags.backend)) return "--backend " + flags.backend + kNotOnWindows;
   for (const char* option : kLinuxOptions) {
     if (app.count(option) != 0) return option + std::string(kNotOnWindows);
@@ -233,8 +267,11 @@ std::string findUnavailable(const CLI::App& app, const Flags& flags, System syst
 
 // Leaves what the system does not have out of the help.
 void hideUnavailable(CLI::App& app, System system) {
-  if (system == System::kLinux) return;
-  for (const char* option : kLinuxOptions) app.get_option(option)->group("");
+  if (system == System::kLinux) {
+    app.get_subcommand(kService)->group("");
+  } else {
+    for (const char* option : kLinuxOptions) app.get_option(option)->group("");
+  }
 }
 
 ParsedOptions refuse(const std::string& problem) {
@@ -257,6 +294,7 @@ ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edi
   addRemoteOptions(app, options, flags);
   addLogOptions(app, flags);
   addControl(app, edition.system, options, flags);
+  addService(app, flags);
   hideUnavailable(app, edition.system);
   try {
     app.parse(argc, argv);
@@ -272,6 +310,28 @@ ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edi
   if (problem.empty()) problem = findConflict(options, edition.system);
   if (!problem.empty()) return refuse(problem);
   return {options, kExitDone, "", ""};
+}
+
+std::vector<std::string> argumentsOf(const Options& options) {
+  const auto absolute = [](const std::string& path) {
+    return path.empty() ? path : std::filesystem::absolute(path).string();
+  };
+  const std::pair<const char*, std::string> values[] = {
+      {"--reader", std::to_string(options.reader)},
+      {"--control", options.control},
+      {"--session-id", options.sessionId},
+      {"--backend", nameOf(kBackends, options.backend)},
+      {"--pcsc-reader", options.pcscReader},
+      {"--script", absolute(options.scriptFile)},
+      {"--record", absolute(options.recordFile)},
+      {"--log-level", nameOf(kLevels, options.logLevel)},
+  };
+  std::vector<std::string> words;
+  for (const auto& [option, value] : values) {
+    if (!value.empty()) words.push_back(option + ("=" + value));
+  }
+  if (options.cardIn) words.emplace_back(*options.cardIn ? "--card-inserted" : "--no-card");
+  return words;
 }
 
 }  // namespace zelta::agent

@@ -21,7 +21,15 @@ inline constexpr int kExitUsage = 2;
 inline constexpr char kDefaultDatabase[] = "/var/lib/zelta/card";
 
 struct Options {
-  enum class Action { kRun, kCtlInsert, kCtlRemove, kCtlStatus };
+  enum class Action {
+    kRun,
+    kCtlInsert,
+    kCtlRemove,
+    kCtlStatus,
+    kServiceInstall,
+    kServiceRemove,
+    kServiceRun,
+  };
 
   Action action = Action::kRun;
   std::uint32_t reader = 0;
@@ -58,5 +66,9 @@ struct Edition {
 };
 
 ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edition);
+
+// The words that say the same of an agent on Windows. Paths are made absolute, because a service
+// begins in another folder.
+std::vector<std::string> argumentsOf(const Options& options);
 
 }  // namespace zelta::agent

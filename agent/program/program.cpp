@@ -21,7 +21,7 @@ int runWithMemory(int argc, const char* const* argv) {
     if (isAgent && options.pin) {
       log.warning("The PIN stands on the command line, where others can read it; use --pin-file");
     }
-    return isAgent ? runAgent(options, log) : runControl(options);
+    return isAgent ? runAgent(options, log) : runCommand(options);
   } catch (const std::exception& error) {
     if (isAgent) {
       log.error(error.what());

@@ -23,8 +23,8 @@ Log::Sink standardErrorSink();
 // Runs the agent until it is ended; returns the program's exit code. What it throws ends the
 // program with a line in the log.
 int runAgent(const Options& options, Log& log);
-// Runs a control command; returns the program's exit code.
-int runControl(const Options& options);
+// Runs what is not the agent itself, `ctl` or `service`; returns the program's exit code.
+int runCommand(const Options& options);
 // Needs no memory.
 void writeStandardError(std::string_view text);
 

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "agent/version.h"
 
 namespace zelta::agent {
@@ -213,6 +215,69 @@ TEST(WindowsOptions, ItsCards_TakeTheirOptions) {
             System::kWindows);
   ASSERT_TRUE(real.options) << real.error;
   EXPECT_EQ(real.options->pcscReader, "A Reader 0");
+}
+
+TEST(ServiceOptions, EveryAction_IsForWindowsOnly) {
+  const struct {
+    const char* name;
+    Options::Action action;
+  } kActions[] = {{"install", Options::Action::kServiceInstall},
+                  {"remove", Options::Action::kServiceRemove},
+                  {"run", Options::Action::kServiceRun}};
+  for (const auto& [name, action] : kActions) {
+    const std::vector<const char*> arguments = {"service", name,       "--backend",
+                                                "script",  "--script", "f"};
+    const ParsedOptions parsed = parse(arguments, System::kWindows);
+    ASSERT_TRUE(parsed.options) << parsed.error;
+    EXPECT_EQ(parsed.options->action, action);
+    EXPECT_EQ(parsed.options->scriptFile, "f");
+    EXPECT_EQ(parse(arguments).exitCode, kExitUsage);
+    EXPECT_THAT(parse(arguments).error, HasSubstr("service is not available on Linux\n"));
+  }
+  EXPECT_THAT(parse({"--help"}, System::kWindows).output, HasSubstr("\n  service "));
+  EXPECT_THAT(parse({"--help"}).output, testing::Not(HasSubstr("\n  service ")));
+}
+
+TEST(ServiceOptions, InstalledAndRunServices_NeedACard) {
+  for (const char* action : {"install", "run"}) {
+    EXPECT_THAT(parse({"service", action}, System::kWindows).error, HasSubstr("which card?"));
+  }
+  EXPECT_TRUE(parse({"service", "remove", "--reader", "3"}, System::kWindows).options);
+}
+
+TEST(ServiceOptions, Arguments_SayTheSame) {
+  const std::vector<const char*> all[] = {
+      {"--backend", "pcsc", "--pcsc-reader", "-A Reader= 0", "--log-level", "debug"},
+      {"--backend", "script", "--script", "/f", "--no-card", "--reader", "7", "--control", "c",
+       "--session-id", "01234567-89ab-cdef-0123-456789abcdef", "--record", "/r", "-q"},
+      {"--backend", "script", "--script", "/f", "--card-inserted"}};
+  for (const std::vector<const char*>& given : all) {
+    const ParsedOptions first = parse(given, System::kWindows);
+    ASSERT_TRUE(first.options) << first.error;
+    const std::vector<std::string> words = argumentsOf(*first.options);
+    std::vector<const char*> again;
+    for (const std::string& word : words) again.push_back(word.c_str());
+    const ParsedOptions second = parse(again, System::kWindows);
+    ASSERT_TRUE(second.options) << second.error;
+    EXPECT_EQ(argumentsOf(*second.options), words);
+    EXPECT_EQ(second.options->reader, first.options->reader);
+    EXPECT_EQ(second.options->control, first.options->control);
+    EXPECT_EQ(second.options->sessionId, first.options->sessionId);
+    EXPECT_EQ(second.options->backend, first.options->backend);
+    EXPECT_EQ(second.options->cardIn, first.options->cardIn);
+    EXPECT_EQ(second.options->logLevel, first.options->logLevel);
+    EXPECT_EQ(second.options->pcscReader, first.options->pcscReader);
+    EXPECT_EQ(std::filesystem::path(second.options->scriptFile).filename(),
+              std::filesystem::path(first.options->scriptFile).filename());
+  }
+}
+
+TEST(ServiceOptions, Paths_AreMadeAbsolute) {
+  Options options;
+  options.backend = BackendKind::kScript;
+  options.scriptFile = "card.txt";
+  EXPECT_THAT(argumentsOf(options),
+              testing::Contains("--script=" + std::filesystem::absolute("card.txt").string()));
 }
 
 }  // namespace
