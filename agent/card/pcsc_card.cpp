@@ -4,7 +4,6 @@
 #include <array>
 #include <chrono>
 #include <stdexcept>
-#include <utility>
 
 #include "agent/program/failure.h"
 #include "contract/bytes.h"
@@ -43,8 +42,8 @@ bool isOneOf(const LONG (&results)[kCount], LONG result) {
 
 }  // namespace
 
-PcscCard::PcscCard(std::string readerName, Log& log)
-    : reader_(std::move(readerName)), log_(log), received_(kLongestResponse) {}
+PcscCard::PcscCard(const std::string& readerName, Log& log)
+    : reader_(toReaderName(readerName)), log_(log), received_(kLongestResponse) {}
 
 PcscCard::~PcscCard() { stop(); }
 
@@ -232,8 +231,9 @@ LONG PcscCard::waitForChange(SCARDCONTEXT context, SCARD_READERSTATE* states, DW
 }
 
 void PcscCard::follow(SCARDCONTEXT context) {
+  const ReaderName readerChanges = toReaderName(kReaderChanges);
   std::array<SCARD_READERSTATE, 2> states{};
-  states[0].szReader = kReaderChanges;
+  states[0].szReader = readerChanges.c_str();
   states[1].szReader = reader_.c_str();
   while (!ending()) {
     LONG result =

@@ -18,7 +18,7 @@ namespace zelta::agent {
 class PcscCard final : public CardBackend {
  public:
   // `log` outlives the card.
-  PcscCard(std::string readerName, Log& log);
+  PcscCard(const std::string& readerName, Log& log);
   ~PcscCard() override;
 
   std::string name() const override { return "pcsc"; }
@@ -60,7 +60,7 @@ class PcscCard final : public CardBackend {
   void takeState(DWORD state);
   void setPresent(bool present);
 
-  const std::string reader_;
+  const ReaderName reader_;
   Log& log_;
   CardListener* listener_ = nullptr;  // non-owning; from start to stop
 

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "agent/version.h"
@@ -262,8 +263,9 @@ TEST(ServiceOptions, Arguments_SayTheSame) {
     const ParsedOptions first = parse(given, System::kWindows);
     ASSERT_TRUE(first.options) << first.error;
     const std::vector<std::string> words = argumentsOf(*first.options);
-    std::vector<const char*> again;
-    for (const std::string& word : words) again.push_back(word.c_str());
+    std::vector<const char*> again(words.size());
+    std::transform(words.begin(), words.end(), again.begin(),
+                   [](const std::string& word) { return word.c_str(); });
     const ParsedOptions second = parse(again, System::kWindows);
     ASSERT_TRUE(second.options) << second.error;
     EXPECT_EQ(argumentsOf(*second.options), words);
