@@ -56,7 +56,8 @@ class SetupProgram(unittest.TestCase):
         self.assertEqual(device["Class"][1], "SmartCardReader")
         self.assertEqual(device["Service"][1], "WUDFRd")
         self.assertEqual(machine.INSTALLED_MODULE.read_bytes(), machine.MODULE.read_bytes())
-        self.assertEqual(machine.STORED_INF.read_bytes(), machine.INF.read_bytes())
+        self.assertEqual(machine.STORED_INF.read_bytes(),
+                         (self.package / machine.INF.name).read_bytes())
 
     def test_install_makes_the_reflectors_service(self):
         self.assert_ends(DONE, "install")

@@ -14,7 +14,6 @@ PREFIX = pathlib.Path(_folder.name, "prefix")
 os.environ["WINEPREFIX"] = str(PREFIX)
 DRIVE = PREFIX / "drive_c"
 MODULE = pathlib.Path(os.environ["ZELTA_MODULE"])
-AGENT = pathlib.Path(os.environ["ZELTA_AGENT"])
 SETUP = pathlib.Path(os.environ["ZELTA_SETUP"])
 INF = pathlib.Path(os.environ["ZELTA_INF"])
 
@@ -86,12 +85,21 @@ def subkeys(key):
             if line.upper().startswith("HKEY_") and line.count("\\") > key.count("\\")]
 
 
-def make_package(folder, agent=AGENT):
-    """What a user has unpacked. Wine wants a catalog and does not read it."""
+def make_package(folder, agent):
+    """What a user has unpacked, as Wine can install it."""
     for file in (MODULE, SETUP, INF):
         shutil.copy(file, folder)
     shutil.copy(agent, pathlib.Path(folder, "zelta-agent.exe"))
+    make_installable(folder)
+
+
+def make_installable(folder):
+    """Wine wants a catalog and does not read it. It knows no sections for Windows 10 and later."""
     pathlib.Path(folder, "zelta_vsc.cat").write_bytes(b"catalog")
+    inf = pathlib.Path(folder, INF.name)
+    content = inf.read_bytes()
+    assert content.count(b"NTamd64.10.0") == 2
+    inf.write_bytes(content.replace(b"NTamd64.10.0", b"NTamd64"))
 
 
 def clean():
