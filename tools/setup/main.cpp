@@ -21,11 +21,12 @@ namespace {
 using namespace zelta::setup;
 
 constexpr char kHelpEnd[] =
-    "Install and remove ask for an administrator's rights. The driver package has to be\n"
-    "signed: docs/windows.md.\n\n"
-    "Exit codes: 0 done; 1 failed, what had been done was undone (status: not everything\n"
-    "is there); 2 wrong usage; 3 done, Windows has to be restarted; 4 administrator's\n"
-    "rights refused; 5 installed, but the device does not work.";
+    "What is there already stays as it is. If a step fails, those before it are\n"
+    "undone. install and remove ask for an administrator's rights. The driver\n"
+    "package has to be signed: docs/windows.md.\n\n"
+    "Exit codes: 0 done; 1 failed (status: not everything is there); 2 wrong usage;\n"
+    "3 done, Windows has to be restarted; 4 administrator's rights refused;\n"
+    "5 installed, but the device does not work.";
 
 struct Options {
   bool withAgent = false;
@@ -93,18 +94,13 @@ int main(int argc, char** argv) try {
   app.set_version_flag("-V,--version", "zelta-setup " ZELTA_VERSION);
   app.require_subcommand(1);
   app.add_option(kConsoleOption, options.consoleOf)->group("");
-  CLI::App* install = app.add_subcommand(
-      "install", "Log folder, settings, driver package and device; what is there already stays");
-  install->add_flag("--agent-service", options.withAgent,
-                    "Also the agent, as a service that starts with Windows");
-  install
-      ->add_option("arguments", options.agentArguments,
-                   "After --: the arguments of that agent, such as --backend")
+  CLI::App* install = app.add_subcommand("install", "Make log folder, settings and device");
+  install->add_flag("--agent-service", options.withAgent, "Also the agent, as a service");
+  install->add_option("arguments", options.agentArguments, "After --: the agent's own options")
       ->option_text("ARGUMENT...");
-  CLI::App* remove = app.add_subcommand(
-      "remove", "Agent service, device and driver package; logs and settings stay");
+  CLI::App* remove = app.add_subcommand("remove", "Remove it again; logs and settings stay");
   remove->add_flag("--purge", options.withData, "Logs and settings, too");
-  app.add_subcommand("status", "What is there, and whether it works; changes nothing");
+  app.add_subcommand("status", "What is there, and whether it works");
   app.footer(kHelpEnd);
   try {
     app.parse(argc, argv);

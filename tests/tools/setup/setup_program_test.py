@@ -165,6 +165,7 @@ class SetupProgram(unittest.TestCase):
         text = self.assert_ends(DONE, "--help")
         for part in ("install", "remove", "status", "Exit codes: 0 done; 1 failed"):
             self.assertIn(part, text)
+        self.assertEqual([line for line in text.splitlines() if len(line) > 80], [])
         self.assertNotIn("--console-of", text)  # for the program itself
         self.assertIn("--agent-service", self.assert_ends(DONE, "install", "--help"))
         self.assertIn("--purge", self.assert_ends(DONE, "remove", "--help"))
