@@ -31,12 +31,16 @@ std::optional<int> runElevated() {
   const std::wstring arguments = wide(kConsoleOption) + L"=" +
                                  std::to_wstring(GetCurrentProcessId()) + L" " +
                                  PathGetArgsW(GetCommandLineW());
+  std::array<wchar_t, 32768> folder{};  // otherwise it might begin in the system's
+  require(GetCurrentDirectoryW(static_cast<DWORD>(folder.size()), folder.data()) > 0,
+          "cannot find the current folder");
   SHELLEXECUTEINFOW execution{};
   execution.cbSize = sizeof(execution);
   execution.fMask = SEE_MASK_NOCLOSEPROCESS | SEE_MASK_NOASYNC;
   execution.lpVerb = L"runas";
   execution.lpFile = program.data();
   execution.lpParameters = arguments.c_str();
+  execution.lpDirectory = folder.data();
   execution.nShow = SW_HIDE;
   if (!ShellExecuteExW(&execution)) {
     if (GetLastError() == ERROR_CANCELLED) return std::nullopt;
