@@ -53,6 +53,12 @@ struct Device {
 
   // Whether Windows has to be restarted for it.
   bool remove() {
+    SP_REMOVEDEVICE_PARAMS everywhere{};
+    everywhere.ClassInstallHeader = {sizeof(SP_CLASSINSTALL_HEADER), DIF_REMOVE};
+    everywhere.Scope = DI_REMOVEDEVICE_GLOBAL;
+    // Wine does not know that, and removes it in every hardware profile anyway.
+    SetupDiSetClassInstallParamsW(list.get(), &data, &everywhere.ClassInstallHeader,
+                                  sizeof(everywhere));
     require(SetupDiCallClassInstaller(DIF_REMOVE, list.get(), &data), "cannot remove the device");
     SP_DEVINSTALL_PARAMS_W parameters{};
     parameters.cbSize = sizeof(parameters);
