@@ -32,5 +32,5 @@ BENCH_PACKAGES=(
   strace
 )
 WINDOWS_PACKAGES=(
-  g++-mingw-w64-x86-64-posix wine wine64 googletest
+  g++-mingw-w64-x86-64-posix wine wine64 googletest osslsigncode openssl
 )

@@ -48,18 +48,21 @@ EXCUSED = {
             ("runs another suite", "scripts/test.sh", "presets=(release windows)"),
         "(cd build-windows && cpack)":
             ("is the Windows suite's", "tests/packaging/windows/CMakeLists.txt", "CPackConfig"),
-        "cd build-windows; export WINEPREFIX=$PWD/wine-look WINEDEBUG=-all "
-        "WINEDLLOVERRIDES=mscoree,mshtml=":
-            ("needs the Windows build", "tests/Wine.cmake", "WINEDLLOVERRIDES"),
-        "wine bin/zelta-agent.exe --backend script --script ../packaging/windows/card.txt "
-        "--verbose &":
-            ("needs the Windows build", "tests/module/processes_test.cpp", "AgentProcessTest"),
-        "printf '%s\\n' 'submit 310028' result 'control 310004 64 01000000' "
-        "'control 310030 4 02000000' 'control 310014 64 02000000080000000084000008' down | "
-        "wine bin/module_host_program.exe lib/zelta_vsc.dll":
-            ("needs the Windows build", "tests/module/processes_test.cpp", "AgentProcessTest"),
-        "wineserver -k; rm -r wine-look":
-            ("needs the Windows build", "tests/wine_prefix.sh", "wineserver"),
+        **{text: ("needs the Windows build", "tests/packaging/windows/docs_test.py",
+                  "test_commands_for_debian_work_in_the_pages_order") for text in (
+            "cd build-windows; export WINEPREFIX=$PWD/wine-look WINEDEBUG=-all "
+            "WINEDLLOVERRIDES=mscoree,mshtml=",
+            "wine bin/zelta-agent.exe --backend script --script ../packaging/windows/card.txt "
+            "--verbose &",
+            "printf '%s\\n' 'submit 310028' result 'control 310004 64 01000000' "
+            "'control 310030 4 02000000' 'control 310014 64 02000000080000000084000008' down | "
+            "wine bin/module_host_program.exe lib/zelta_vsc.dll",
+            "wineserver -k; rm -r wine-look",
+            "scripts/sign-windows.sh --new-certificate certificate "
+            "PACKAGE/zelta_vsc.dll PACKAGE/zelta-agent.exe PACKAGE/zelta-setup.exe",
+            "scripts/sign-windows.sh --certificate certificate/zelta-test.pem "
+            "--key certificate/zelta-test.key "
+            "PACKAGE/zelta_vsc.dll PACKAGE/zelta-agent.exe PACKAGE/zelta-setup.exe")},
     },
 }
 # What the package's tests run, in a copy of the system, with systemd or without.
