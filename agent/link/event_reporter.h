@@ -5,8 +5,8 @@
 // thread watches for the pipe's end. The other thread hands over events in the order in which they
 // were decided, without waiting for the driver to read them. Both end when the pipe is closed or
 // cancelled. A pipe that is full of events that the driver does not read is cancelled when its time
-// is up. A card that comes and goes before its arrival was handed over and before the driver has its
-// ATR is not reported at all: cards that change quicker than the driver reads of them leave no
+// is up. A card that comes and goes before its arrival was handed over and before the driver has
+// its ATR is not reported at all: cards that change quicker than the driver reads of them leave no
 // backlog.
 //
 // `commandBegan`, `beginAnswer`, `endAnswer` and `waitWritten` come from one thread at a time, for
