@@ -186,8 +186,9 @@ class CardElsewhere(RemoteTest):
         self.start_near()
         wait_until(lambda: self.near.process.poll() is not None, "the agent's end")
         self.assertEqual(self.near.process.returncode, 1)
-        self.assertRegex(self.near_log(), r"zelta-agent 9\.9 there speaks version 2 of the protocol, "
-                                          r"zelta-agent 1\.\S+ here version 1; the two must be the same")
+        self.assertRegex(self.near_log(),
+                         r"zelta-agent 9\.9 there speaks version 2 of the protocol, "
+                         r"zelta-agent 1\.\S+ here version 1; the two must be the same")
 
 
 class StalledRemoteLine(RemoteTest):
