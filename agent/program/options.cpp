@@ -13,8 +13,9 @@ namespace {
 
 constexpr char kDescription[] =
     "Keeps the smart card of a virtual reader and serves the reader's driver.";
-constexpr char kExitCodes[] = "Exit codes: 0 ended as asked, 1 failure, 2 wrong usage or\n"
-                            "configuration.";
+constexpr char kExitCodes[] =
+    "Exit codes: 0 ended as asked, 1 failure, 2 wrong usage or\n"
+    "configuration.";
 
 template <typename Value>
 struct Named {
