@@ -1,6 +1,6 @@
 """The commands in the documentation: those of the blocks `sh` and `console`, which also has the
-answers, and in the text what begins with `sudo`, and a program with two words after it or more. With
-one it is the name of a command or of an option, and with brackets or dots a usage line."""
+answers, and in the text what begins with `sudo`, and a program with two words after it or more.
+With one it is the name of a command or of an option, and with brackets a usage line."""
 
 import dataclasses
 import re

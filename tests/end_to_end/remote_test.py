@@ -3,6 +3,7 @@
 Both machines are this one. The user at the driver is no more than a member of the group zelta.
 """
 
+import json
 import os
 import pathlib
 import shutil
@@ -14,7 +15,7 @@ import unittest
 
 import stack
 from sshd import FIRST_ID, Sshd, add_users
-from stack import AGENT, PIN, Process, StackTest, run, wait_until
+from stack import AGENT, BUILD, PIN, Process, StackTest, run, wait_until
 
 MEMBER, STRANGER = "cardholder", "stranger"
 HERE = pathlib.Path(__file__).parent
@@ -119,6 +120,35 @@ class CardElsewhere(RemoteTest):
                       self.sshd.log.read_text())
         self.assertIn("Connected to zelta-agent 1.", self.near_log())
 
+    def test_its_own_agent_is_asked_over_the_control_socket_that_it_was_given(self):
+        control = self.folder / "near.ctl"
+        self.stack.start_pcscd()
+        self.start_near(MEMBER, "--control", control)
+        self.stack.wait_for_card()
+
+        def ctl(*words):
+            return run(AGENT, "ctl", *words, "--control", control).stdout
+
+        run("opensc-tool", "--name")
+        status = json.loads(ctl("status", "--json"))
+        self.assertEqual((status["connected"], status["backend"], status["card"], status["reader"],
+                          status["reconnects"]), (True, "emulated", "in", 0, 0))
+        self.assertGreater(status["apdus"], 0)
+        ctl("remove")
+        wait_until(lambda: run("opensc-tool", "--atr", check=False).returncode != 0, "no card")
+        ctl("insert")
+        self.stack.wait_for_card()
+        shown = run(BUILD / "bin" / "zelta-status", "--control", control).stdout
+        self.assertIn("driver:    connected\nback end:  emulated\ncard:      in\n", shown)
+        trace = Process([BUILD / "bin" / "zelta-trace", "--control", control, "--count", "1"],
+                        self.folder / "trace.log", self.stack.environment)
+        wait_until(lambda: " reader 0, " in trace.log.read_text(), "the trace's beginning")
+        run("opensc-tool", "--send-apdu", "00A4040007A0000000790300")
+        self.assertEqual(trace.process.wait(stack.LIMIT), 0)
+        self.assertIn(" > ISO SELECT", trace.log.read_text())
+        self.near.end()
+        self.assertFalse(control.exists())
+
     def test_interrupt_ends_both_ends(self):
         self.start()
         # As from a terminal: everything that the agent has started gets it, too.
@@ -156,8 +186,9 @@ class CardElsewhere(RemoteTest):
         self.start_near()
         wait_until(lambda: self.near.process.poll() is not None, "the agent's end")
         self.assertEqual(self.near.process.returncode, 1)
-        self.assertRegex(self.near_log(), r"zelta-agent 9\.9 there speaks version 2 of the protocol, "
-                                          r"zelta-agent 1\.\S+ here version 1; the two must be the same")
+        self.assertRegex(self.near_log(),
+                         r"zelta-agent 9\.9 there speaks version 2 of the protocol, "
+                         r"zelta-agent 1\.\S+ here version 1; the two must be the same")
 
 
 class StalledRemoteLine(RemoteTest):

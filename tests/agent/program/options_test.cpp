@@ -154,7 +154,6 @@ INSTANTIATE_TEST_SUITE_P(
         Wrong{{"--ssh", "s"}, "--ssh requires --to"},
         Wrong{{"--to", "ssh://h", "--backend", "remote"}, "--to needs a card here"},
         Wrong{{"--to", "ssh://h", "--reader", "2"}, "--reader is not for --to"},
-        Wrong{{"--to", "ssh://h", "--control", "c"}, "--control is not for --to"},
         Wrong{{"--to", "ssh://h", "--session-id", "01234567-89ab-cdef-0123-456789abcdef"},
               "--session-id is not for --to"},
         Wrong{{"--backend", "remote", "--no-card"}, "not for a remote card"},
