@@ -118,9 +118,9 @@ class ReaderDevice final : public Part {
     BOOL restart = FALSE;
     if (!UpdateDriverForPlugAndPlayDevicesW(nullptr, kHardwareId, inf_.c_str(), INSTALLFLAG_FORCE,
                                             &restart)) {
-      const WindowsError error("cannot install the device's driver", GetLastError());
+      const DWORD error = GetLastError();
       if (isNew) device->remove();
-      throw error;
+      throw WindowsError("cannot install the device's driver", error);
     }
     return {isNew, device->name() + (isNew ? "" : ", driver installed anew"), restart != FALSE};
   }

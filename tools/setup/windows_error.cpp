@@ -3,7 +3,8 @@
 #include <setupapi.h>
 // setupapi.h comes first
 #include <array>
-#include <cstdio>
+#include <iomanip>
+#include <sstream>
 
 #include "platform/files/utf.h"
 
@@ -46,9 +47,10 @@ std::string textOf(DWORD number) {
 
 // Small numbers as they are looked up, the others as the system's lists have them.
 std::string shown(DWORD number) {
-  std::array<char, 16> text{};
-  std::snprintf(text.data(), text.size(), number < 0x10000 ? "%lu" : "0x%08lX", number);
-  return text.data();
+  if (number < 0x10000) return std::to_string(number);
+  std::ostringstream text;
+  text << "0x" << std::hex << std::uppercase << std::setw(8) << std::setfill('0') << number;
+  return text.str();
 }
 
 }  // namespace

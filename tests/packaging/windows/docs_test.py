@@ -84,7 +84,7 @@ class WindowsPage(unittest.TestCase):
         printed = {}
         for line in commands:
             if line.startswith("cd "):
-                folder = line.removeprefix('cd "C:\\').removesuffix('"').replace("\\", "/")
+                folder = re.fullmatch(r'cd (?:/d )?"C:\\(.+)"', line).group(1).replace("\\", "/")
                 self.assertEqual(machine.DRIVE / folder, PROGRAMS)
             elif line == "zelta-agent ctl status":
                 self.until_it_works(line)
@@ -109,7 +109,7 @@ class WindowsPage(unittest.TestCase):
                            env=dict(os.environ, WINEPREFIX=str(prefix)))
 
     def test_commands_for_windows_work_in_the_pages_order(self):
-        install, by_hand, console, control, service, remove, _, level = (
+        install, by_hand, console, control, service, remove, remove_by_hand, level = (
             block for block in blocks("bat") if "inf2cat" not in block[0][0])
 
         printed = self.follow(install[0])
@@ -133,6 +133,11 @@ class WindowsPage(unittest.TestCase):
         self.assertIn("agent service:  removed: ZeltaAgent0", printed["zelta-setup remove"])
         self.assertRegex(printed["zelta-setup remove --purge"], r"log folder: +removed")
         self.assertFalse(machine.LOGS.exists())
+
+        self.command("zelta-agent service install --backend script --script card.txt")
+        self.follow(remove_by_hand[0])
+        self.assertRegex(machine.wine(str(PROGRAMS / "zelta-setup.exe"), "status").stdout,
+                         r"agent service: +none")
 
         self.follow(level[0])
         self.assertEqual(machine.value(machine.POLICY), ("REG_DWORD", "0x3"))
