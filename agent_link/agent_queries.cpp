@@ -23,17 +23,18 @@ constexpr std::uint64_t kDumpWidth = 16;  // bytes per line
 // Of a log line's 255 characters no more than these can show.
 constexpr std::size_t kShownBytes = 128;
 
-// The log lines in which the two users of an ATR exchange differ.
+// What the two users of an ATR exchange differ in: log lines mostly.
 struct AtrTexts {
   const char* tag;
   const char* writeFailed;
   const char* readFailed;
+  std::uint32_t kept;  // bytes of the ATR at most; the rest is of no use
 };
 
 constexpr AtrTexts kQueryAtrTexts{"[QueryATR]", "Failed to write ATR request command",
-                                  "Failed to read ATR data"};
+                                  "Failed to read ATR data", PipeStream::kAll};
 constexpr AtrTexts kCheckAtrTexts{"[CheckATR]", "Failed to write QueryAtr command",
-                                  "Failed to read ATR"};
+                                  "Failed to read ATR", PipeStream::kReadBlock};
 
 bool fail(const AtrTexts& texts, const char* message) {
   logError(platform::lastError(), "%s%s", texts.tag, message);
@@ -51,7 +52,7 @@ bool askAtr(PipeStream& stream, AgentCommand command, const AtrTexts& texts,
     logError(kNoError, "%sInvalid ATR size (%u)", texts.tag, *size);
     return false;
   }
-  switch (stream.readPayload(*size, atr)) {
+  switch (stream.readPayload(*size, atr, texts.kept)) {
     case PipeStream::Payload::kRead:
       logInfo("%sATR:%s", texts.tag, toHex(atr.data(), std::min(atr.size(), kShownBytes)).c_str());
       return true;

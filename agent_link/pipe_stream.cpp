@@ -32,13 +32,13 @@ std::optional<std::uint32_t> PipeStream::readNumber() {
 
 namespace {
 
-// Far more than any card sends. What is longer grows as its bytes arrive: memory that is only
-// reserved counts as used on Windows and under memory checkers. Bytes.
-constexpr std::uint32_t kLongestReserved = 256 * PipeStream::kReadBlock;
+// Far more than any card sends. An agent that has sent so much is given room for all that it has
+// announced, and not before: memory that is only reserved counts as used on Windows and under
+// memory checkers. Bytes.
+constexpr std::uint32_t kTrusted = 16 * PipeStream::kReadBlock;
 
-// Makes room for all of a long payload, if there is any, so that it is not copied as it grows.
+// So that a long payload is not copied as it grows.
 void reserve(Bytes& bytes, std::uint32_t length) {
-  if (length <= PipeStream::kReadBlock || length > kLongestReserved) return;
   try {
     bytes.reserve(length);
   } catch (const std::bad_alloc&) {     // then it grows as its bytes arrive
@@ -71,14 +71,18 @@ PipeStream::Payload PipeStream::withMemory(Read read) {
   return Payload::kNoMemory;
 }
 
-PipeStream::Payload PipeStream::readPayload(std::uint32_t length, Bytes& bytes) {
+PipeStream::Payload PipeStream::readPayload(std::uint32_t length, Bytes& bytes,
+                                            std::uint32_t kept) {
   bytes.clear();
+  kept = std::min(kept, length);
   const Payload result = withMemory([&] {
-    reserve(bytes, length);
-    return forBlocks(length, [&](std::uint32_t done, std::uint32_t block) {
+    const bool isRead = forBlocks(kept, [&](std::uint32_t done, std::uint32_t block) {
+      if (done == 0) reserve(bytes, std::min(kept, kTrusted));
+      if (done == kTrusted) reserve(bytes, kept);
       bytes.resize(bytes.size() + block);
       return read(bytes.data() + done, block);
     });
+    return isRead && skip(length - kept);
   });
   if (result == Payload::kNoMemory) Bytes().swap(bytes);
   return result;

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <optional>
 
 #include "agent_link/cancelable_pipe.h"
@@ -21,6 +22,8 @@ class PipeStream {
   // is used as the bytes arrive and not on the word of the agent. Bytes.
   static constexpr std::uint32_t kReadBlock = ResponseBuffer::kBlock;
 
+  static constexpr std::uint32_t kAll = std::numeric_limits<std::uint32_t>::max();
+
   enum class Payload { kRead, kFailed, kNoMemory };
 
   explicit PipeStream(CancelablePipe& pipe)
@@ -33,11 +36,12 @@ class PipeStream {
   void flush();
   // None if the read failed.
   std::optional<std::uint32_t> readNumber();
-  // `bytes` becomes `length` bytes long and is filled. After a failed read of up to `kReadBlock`
+  // `bytes` becomes `length` bytes long, or `kept` if that is less, and is filled; the rest of the
+  // payload is read and thrown away. After a failed read of up to `kReadBlock`
   // bytes it keeps that length; a longer one keeps what has been made room for. If there is no
   // memory for it, it is left empty and the client is dropped: what it has sent is still in the
   // pipe and would be read as its next answer.
-  Payload readPayload(std::uint32_t length, Bytes& bytes);
+  Payload readPayload(std::uint32_t length, Bytes& bytes, std::uint32_t kept = kAll);
   // The same for a response. After a failed read it keeps its length.
   Payload readPayload(std::uint32_t length, ResponseBuffer& response);
   // Reads that many bytes and throws them away. Uses no memory for them.

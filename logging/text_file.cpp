@@ -113,7 +113,8 @@ bool TextFile::makeWritable() {
 
 bool TextFile::open() {
   const std::filesystem::path path = platform::nativePath(path_);
-  platform::makeNewFile(path);  // if there is none, with a log file's access rights
+  // With a log file's access rights, which a stream would not give it.
+  if (platform::makeNewFile(path) == platform::NewFile::kFailed) return false;
   if (!made_) {
     made_ = std::ofstream(path, std::ios::out | std::ios::trunc).is_open();
     if (!made_) return false;

@@ -15,6 +15,6 @@ enum class NewFile { kMade, kExists, kFailed };
 // Makes an empty file and leaves nothing open. Away from Windows others may not read it. If several
 // callers try at once, in whatever processes, one of them makes it and the others find that it
 // exists.
-NewFile makeNewFile(const std::filesystem::path& path);
+[[nodiscard]] NewFile makeNewFile(const std::filesystem::path& path);
 
 }  // namespace zelta::platform

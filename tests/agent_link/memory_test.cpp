@@ -73,12 +73,24 @@ TEST_F(Memory, AtrThatDoesNotFitFailsTheQuery) {
   expectConnectionEnded();
 }
 
-TEST_F(Memory, AtrThatDoesNotFitFailsTheCheck) {
+TEST_F(Memory, AtrThatIsNotEvenBegunFailsTheCheck) {
   startWithLittleMemory();
+  largestBlock = PipeStream::kReadBlock / 2;
   EXPECT_EQ(reader().CheckATR(), QueryResult::kFailure);
   EXPECT_EQ(log_.records(),
             Records{error(kNoMemory, "[CheckATR]No memory for ATR of size 4294967295")});
   expectConnectionEnded();
+}
+
+TEST_F(Memory, AtrThatDoesNotFitIsCheckedNevertheless) {
+  startAccepted();
+  const std::uint32_t length = 3 * PipeStream::kReadBlock;
+  agentAnswers(number(length, Bytes(length)));
+  agentAnswers(number(2, {0x3B, 0x00}));
+  largestBlock = 3 * PipeStream::kReadBlock / 2;
+  EXPECT_EQ(reader().CheckATR(), QueryResult::kSuccess);
+  EXPECT_EQ(reader().QueryAtr(bytes_, false), QueryResult::kSuccess);
+  EXPECT_EQ(bytes_, (Bytes{0x3B, 0x00}));
 }
 
 TEST_F(Memory, ResponseThatDoesNotFitFailsTheTransmit) {

@@ -2,6 +2,7 @@
 // like it if the caller has no room for it.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -15,7 +16,7 @@ namespace zelta::test {
 namespace {
 
 constexpr std::size_t kBlock = 1024 * 1024;
-constexpr std::size_t kBlocks = 256;
+constexpr std::size_t kBlocks = 260;
 constexpr std::size_t kLarge = kBlocks * kBlock;
 constexpr std::chrono::seconds kPatience{60};
 
@@ -59,12 +60,14 @@ class PeakMemory : public LinkTest {
     if (serving_.joinable()) serving_.join();
   }
 
+  std::atomic<bool> longAtr_{false};
+
+ private:
   void sendLong() {
     ASSERT_TRUE(agent_.command().writeNumber(kLarge));
     for (std::size_t i = 0; i < kBlocks; ++i) ASSERT_TRUE(agent_.command().write(block_));
   }
 
- private:
   void serve() {
     PipeClient& pipe = agent_.command();
     while (const std::optional<std::uint32_t> code = pipe.readNumber()) {
@@ -76,6 +79,10 @@ class PeakMemory : public LinkTest {
         case AgentCommand::kNotifyCardReady:
           break;
         default:
+          if (longAtr_) {
+            sendLong();
+            break;
+          }
           pipe.write(number(2, CardAgent::atrOfT0()));
       }
     }
@@ -94,6 +101,24 @@ TEST_F(PeakMemory, LongResponse_IsHeldOnce) {
   EXPECT_EQ(response.data()[kLarge - 1], 0x5A);
   EXPECT_GT(growth.bytes(), kLarge / 2);
   EXPECT_LT(growth.bytes(), kLarge + kLarge / 2);
+}
+
+TEST_F(PeakMemory, LongAtr_IsHeldOnce) {
+  longAtr_ = true;
+  Bytes atr;
+  const PeakGrowth growth;
+  EXPECT_EQ(reader().QueryAtr(atr, false), QueryResult::kSuccess);
+  EXPECT_EQ(atr.size(), kLarge);
+  EXPECT_EQ(atr.back(), 0x5A);
+  EXPECT_GT(growth.bytes(), kLarge / 2);
+  EXPECT_LT(growth.bytes(), kLarge + kLarge / 2);
+}
+
+TEST_F(PeakMemory, LongAtrThatIsOnlyChecked_IsReadAndNotHeld) {
+  longAtr_ = true;
+  const PeakGrowth growth;
+  EXPECT_EQ(reader().CheckATR(), QueryResult::kSuccess);
+  EXPECT_LT(growth.bytes(), kLarge / 8);
 }
 
 TEST_F(PeakMemory, ResponseThatTheCallerHasNoRoomFor_IsReadAndNotHeld) {

@@ -1,10 +1,19 @@
 // Files on a full disk, in a folder that may not be written to, and who may read them.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sys/fsuid.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
+#include <array>
+#include <cerrno>
+#include <cstddef>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <thread>
 
 #include "logging/file_logger.h"
@@ -91,9 +100,10 @@ TEST(NoPermission, LosesLinesUntilItIsGiven) {
   EXPECT_EQ(fileLines(folder.file("log.txt")), (Lines{"heading", "kept"}));
 }
 
+constexpr fs::perms kExpected =
+    fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read;
+
 TEST(FileMode, NewFileAndOneThatWasRemoved_AreForOwnerAndGroupOnly) {
-  constexpr fs::perms kExpected =
-      fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read;
   const test::TempFolder folder;
   test::SimulatedClock clock;
   const test::ScopedClock scope(clock);
@@ -106,6 +116,53 @@ TEST(FileMode, NewFileAndOneThatWasRemoved_AreForOwnerAndGroupOnly) {
   logger.log("made again", 2, 0);
   EXPECT_EQ(fs::status(file).permissions(), kExpected);
   umask(before);
+}
+
+// This thread opens what is there, but has no descriptor whenever it is to make a new file.
+void haveNoDescriptorForNewFiles() {
+  constexpr std::uint32_t kFlags = offsetof(seccomp_data, args) + 2 * sizeof(std::uint64_t);
+  std::array<sock_filter, 6> steps = {{
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_openat, 0, 3),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kFlags),
+      BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, O_EXCL, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EMFILE),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  }};
+  const sock_fprog program{static_cast<unsigned short>(steps.size()), steps.data()};
+  ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+  ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
+}
+
+TEST(FileMode, FileThatCannotBeMadeForTheMoment_IsMadeWithItsModeLater) {
+  const test::TempFolder folder;
+  const fs::path path = folder.path() / "log.txt";
+  test::SimulatedClock clock;
+  const test::ScopedClock scope(clock);
+  std::optional<TextFile> file;
+  const auto withoutDescriptor = [](const auto& act) {
+    std::thread([&] {
+      haveNoDescriptorForNewFiles();
+      act();
+    }).join();
+  };
+  withoutDescriptor([&] {
+    file.emplace(path.string());
+    file->writeLine("heading");
+    file->writeLine("lost");
+  });
+  EXPECT_FALSE(fs::exists(path));
+  file->writeLine("kept");
+  EXPECT_EQ(fs::status(path).permissions(), kExpected);
+  EXPECT_EQ(fileLines(path), (Lines{"heading", "kept"}));
+
+  fs::remove(path);
+  clock.advance(1'000);
+  withoutDescriptor([&] { file->writeLine("lost"); });
+  EXPECT_FALSE(fs::exists(path));
+  file->writeLine("kept, too");
+  EXPECT_EQ(fs::status(path).permissions(), kExpected);
+  EXPECT_EQ(fileLines(path), (Lines{"heading", "kept, too"}));
 }
 
 }  // namespace

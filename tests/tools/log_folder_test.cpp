@@ -2,7 +2,10 @@
 
 #include <gmock/gmock.h>
 
+#include <sys/stat.h>
+
 #include <fstream>
+#include <optional>
 
 #include "tests/support/temp_folder.h"
 
@@ -61,6 +64,31 @@ TEST_F(LogReaderTest, LineWithoutItsEnd_WaitsForTheRest) {
   EXPECT_THAT(read(reader), IsEmpty());
   write(kFirst, "o\nthree\n");
   EXPECT_THAT(read(reader), ElementsAre("two", "three"));
+}
+
+TEST_F(LogReaderTest, LineWithoutItsEndInAnOlderFile_WaitsWhileTheFileIsBeingWritten) {
+  write(kSecond, "newest\n");
+  std::optional<std::ofstream> writer(std::in_place, folder_.path() / kFirst, std::ios::app);
+  *writer << "one\ntw" << std::flush;
+  LogReader reader(folder_.path(), false);
+  EXPECT_THAT(read(reader), ElementsAre("one", "newest"));
+  EXPECT_THAT(read(reader), IsEmpty());
+  *writer << "o\nhalf" << std::flush;
+  EXPECT_THAT(read(reader), ElementsAre("two"));
+  writer.reset();
+  EXPECT_THAT(read(reader), ElementsAre("half"));
+  EXPECT_THAT(read(reader), IsEmpty());
+}
+
+TEST_F(LogReaderTest, OnlyRegularFiles_AreLogFiles) {
+  write(kFirst, "one\n");
+  write("other.txt", "other\n");
+  ASSERT_EQ(mkfifo(folder_.file("zelta_vsc_zz1.txt").c_str(), 0600), 0);
+  std::filesystem::create_directory(folder_.path() / "zelta_vsc_zz2.txt");
+  std::filesystem::create_symlink("other.txt", folder_.path() / "zelta_vsc_zz3.txt");
+  EXPECT_THAT(logFiles(folder_.path()), ElementsAre(folder_.path() / kFirst));
+  LogReader reader(folder_.path(), false);
+  EXPECT_THAT(read(reader), ElementsAre("one"));
 }
 
 TEST_F(LogReaderTest, Rotation_IsFollowedThroughSeveralFiles) {

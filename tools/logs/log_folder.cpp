@@ -27,9 +27,10 @@ std::vector<std::filesystem::path> logFiles(const std::filesystem::path& folder)
   std::error_code ignored;
   for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
     const std::string name = entry.path().filename().string();
-    if (name.rfind("zelta_vsc_", 0) == 0 && entry.path().extension() == ".txt") {
-      files.push_back(entry.path());
-    }
+    const bool isNamedSo = name.rfind("zelta_vsc_", 0) == 0 && entry.path().extension() == ".txt";
+    // Whoever may write to the folder may have made anything of that name.
+    std::error_code gone;
+    if (isNamedSo && is_regular_file(entry.symlink_status(gone))) files.push_back(entry.path());
   }
   std::sort(files.begin(), files.end());
   return files;
@@ -79,6 +80,13 @@ std::uint64_t LogReader::startOf(const std::filesystem::path& path, const File& 
   return isShown ? 0 : file.size;
 }
 
+// Whether the rest of a line can still come at `end`, where the file ended when it was read.
+bool LogReader::mayGrow(const std::filesystem::path& path, std::uint64_t end) const {
+  if (path == current_ || isBeingWritten(path).value_or(true)) return true;
+  const auto file = look(path);  // its writer may have gone on before it left
+  return file && file->size != end;
+}
+
 std::uint64_t LogReader::readFrom(const std::filesystem::path& path, std::uint64_t position,
                                   const Line& line) const {
   std::ifstream stream(path, std::ios::binary);
@@ -89,7 +97,7 @@ std::uint64_t LogReader::readFrom(const std::filesystem::path& path, std::uint64
   std::string text;
   while (std::getline(stream, text)) {
     const bool hasEnd = !stream.eof();
-    if (!hasEnd && path == current_) return position;
+    if (!hasEnd && mayGrow(path, position + text.size())) return position;
     line(text, path);
     position += text.size() + (hasEnd ? 1 : 0);
   }
@@ -128,8 +136,9 @@ FolderWatch::FolderWatch(const std::filesystem::path& folder) {
   sigprocmask(SIG_BLOCK, &set, nullptr);
   signals_ = checked(signalfd(-1, &set, SFD_CLOEXEC), "signalfd");
   watch_ = checked(inotify_init1(IN_CLOEXEC | IN_NONBLOCK), "inotify");
-  checked(inotify_add_watch(watch_, folder.c_str(),
-                            IN_CREATE | IN_MODIFY | IN_MOVED_TO | IN_DELETE_SELF | IN_ONLYDIR),
+  checked(inotify_add_watch(
+              watch_, folder.c_str(),
+              IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE_SELF | IN_ONLYDIR),
           folder.c_str());
 }
 

@@ -12,7 +12,8 @@
 
 namespace zelta::logs {
 
-// The log files of a folder, oldest first: their names carry the time of their creation.
+// The log files of a folder, oldest first: their names carry the time of their creation. Regular
+// files only.
 std::vector<std::filesystem::path> logFiles(const std::filesystem::path& folder);
 
 // Whether a process has the file open for writing. None if that cannot be told: only the file's
@@ -31,7 +32,7 @@ class LogReader {
 
   // Hands over every new whole line of all files, one file after the other. A file that was removed
   // and made again, or emptied, begins anew. A last line without its end waits for the rest of it
-  // as long as its file is the newest. Throws
+  // in the newest file, and in any other unless it is known that nobody writes it. Throws
   // std::system_error if a file may not be read.
   void readNew(const Line& line);
 
@@ -50,6 +51,7 @@ class LogReader {
 
   static std::optional<File> look(const std::filesystem::path& path);
   std::uint64_t startOf(const std::filesystem::path& path, const File& file) const;
+  bool mayGrow(const std::filesystem::path& path, std::uint64_t end) const;
   std::uint64_t readFrom(const std::filesystem::path& path, std::uint64_t position,
                          const Line& line) const;
 

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -11,18 +10,17 @@
 #include <iostream>
 #include <limits>
 #include <string>
-#include <system_error>
 #include <thread>
 
 #include "contract/control.h"
 #include "platform/pipe/ask_socket_linux.h"
+#include "tools/logs/log_folder.h"
 #include "tools/status/report.h"
 #include "tools/trace/agent_lines.h"
 
 namespace {
 
 using namespace zelta;
-namespace fs = std::filesystem;
 
 constexpr int kUsage = 2;
 constexpr std::chrono::seconds kAgentLimit{10};
@@ -37,17 +35,9 @@ struct Options {
 
 std::string newestLog() {
   const char* data = std::getenv("ZELTA_PROGRAM_DATA");
-  const fs::path base = data != nullptr && *data != '\0' ? data : "/var/log";
-  std::string newest;
-  std::error_code unseen;
-  fs::directory_iterator entry(base / "Vornhalt/ZeltaAgent/logs", unseen);
-  for (; !unseen && entry != fs::directory_iterator(); entry.increment(unseen)) {
-    const std::string path = entry->path().string();
-    const bool isLog = entry->path().filename().string().rfind("zelta_vsc_", 0) == 0 &&
-                       entry->path().extension() == ".txt";
-    if (isLog) newest = std::max(newest, path);
-  }
-  return newest;
+  const std::filesystem::path base = data != nullptr && *data != '\0' ? data : "/var/log";
+  const auto files = logs::logFiles(base / "Vornhalt/ZeltaAgent/logs");
+  return files.empty() ? std::string() : files.back().string();
 }
 
 void askAgent(const Options& options, status::View& view) {

@@ -20,6 +20,7 @@ CARD = "/var/lib/zelta/card"
 LOGS = "/var/log/Vornhalt/ZeltaAgent/logs"
 AGENT = "zelta-agent@0.service"
 AGENT_UNIT = "lib/systemd/system/zelta-agent@.service"
+PRUNE_UNIT = "lib/systemd/system/zelta-logs-prune.service"
 ACCOUNTS = ("/etc/passwd", "/etc/group", "/etc/shadow", "/etc/gshadow")
 # What the package manager and its triggers keep for themselves, and systemd of its services.
 OF_THE_SYSTEM = re.compile(r"/var/(lib/(dpkg|systemd)|cache|log/((dpkg|alternatives)\.log|journal))(/|$)"
@@ -137,15 +138,16 @@ class DebianPackage(unittest.TestCase):
         conffiles = run("dpkg-deb", "--info", package(), "conffiles").stdout.split()
         self.assertEqual(set(conffiles), set(CONFFILES))
 
-    def test_agent_service_is_confined(self):
-        with tempfile.TemporaryDirectory() as folder:
-            run("dpkg-deb", "--extract", package(), folder)
-            unit = pathlib.Path(folder, "zelta-agent@0.service")
-            unit.write_bytes(pathlib.Path(folder, AGENT_UNIT).read_bytes())
+    def test_services_are_confined(self):
+        folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        run("dpkg-deb", "--extract", package(), folder)
+        for file, name in ((AGENT_UNIT, AGENT), (PRUNE_UNIT, pathlib.Path(PRUNE_UNIT).name)):
+            unit = folder / name
+            unit.write_bytes((folder / file).read_bytes())
             # In tenths; ends with an error if the exposure is higher.
             review = run("systemd-analyze", "security", "--offline=true", "--no-pager",
                          "--threshold=25", unit).stdout
-        self.assertIn("Overall exposure level for zelta-agent@0.service", review)
+            self.assertIn(f"Overall exposure level for {name}", review)
 
     def test_lintian_finds_neither_errors_nor_warnings(self):
         # It leaves a file among the temporary ones.
