@@ -751,7 +751,7 @@ MUTATIONS = (
              "pcsc/channel_table.cpp",
              "    entries_.erase(lun);\n  }\n  closed.reset();",
              "    entries_.erase(lun);\n    closed.reset();\n  }",
-             "pcsc_test", "ChannelTable*:FirstCard*:PresenceWatch*", doc="threads: closing"),
+             "pcsc_test", "ChannelTable*", doc="threads: closing"),
     # --- Logs, module ---
     Mutation("reader-index-from-anywhere", "a name without the prefix has no reader",
              "driver/device/reader_index.cpp",
