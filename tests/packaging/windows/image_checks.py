@@ -83,5 +83,6 @@ def version_problems(image, version):
 
 def module_problems(image, version):
     """`image` is the driver's finished library."""
-    return (import_problems(image) + hardening_problems(image) + call_problems(image) + export_problems(image) +
-            framework_version_problems(image) + version_problems(image, version))
+    return (import_problems(image) + hardening_problems(image) + call_problems(image) +
+            export_problems(image) + framework_version_problems(image) +
+            version_problems(image, version))

@@ -175,8 +175,8 @@ def co_installer_problems(inf):
 def reference_problems(inf):
     """Sections that nothing leads to."""
     section, _ = install_section(inf)
-    known = {"version", "manufacturer", f"models.{DECORATION}".lower(), "sourcedisksnames", "sourcedisksfiles",
-             "destinationdirs", "strings"}
+    known = {"version", "manufacturer", f"models.{DECORATION}".lower(), "sourcedisksnames",
+             "sourcedisksfiles", "destinationdirs", "strings"}
     known.update(f"{section}{suffix}".lower()
                  for suffix in (".NT", ".NT.hw", ".NT.Services", ".NT.Wdf"))
     copied = inf.value(f"{section}.NT", "CopyFiles") or ""

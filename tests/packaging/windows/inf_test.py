@@ -65,7 +65,8 @@ class Inf(unittest.TestCase):
     def test_setup_writes_the_same_settings(self):
         text = (SOURCE / "tools" / "setup" / "settings.cpp").read_text()
         table = text.split("kSettings[] = {")[1].split("\n};")[0]
-        rows = re.findall(r'\{L"([^"]+)",\s+L"([^"]+)",\s+REG_\w+,\s+(?:L"(\w+)"|nullptr),\s+(\d+)\}', table)
+        rows = re.findall(r'\{L"([^"]+)",\s+L"([^"]+)",\s+REG_\w+,\s+(?:L"(\w+)"|nullptr),\s+(\d+)\}',
+                          table)
         written = {(key.replace("\\\\", "\\"), name, data or number)
                    for key, name, data, number in rows}
         listed = {tuple(line.split(",")[i].strip('"') for i in (1, 2, 4))
