@@ -64,6 +64,15 @@ TEST_P(SerialisedCallbacksTest, DispatchAndCancelCallbacksComeOneAtATime) {
   EXPECT_THAT(errors(), IsEmpty());
 }
 
+TEST_P(SerialisedCallbacksTest, CallbackThatWaitsForAnother_WaitsUntilTheTearDown) {
+  auto waiting = controlOnThread(fake::kBlocked, numbers({1}));
+  auto other = controlOnThread(fake::kBlock);
+  EXPECT_EQ(waiting.wait_for(100ms), std::future_status::timeout);
+  host_->tearDown();
+  waiting.get();
+  other.get();
+}
+
 TEST_P(SerialisedCallbacksTest, CallbackWhileMarking_NeedsNoTurnOfItsOwn) {
   const auto operation = submit(fake::kKeepUnmarked);
   operation->cancel();

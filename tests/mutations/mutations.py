@@ -771,7 +771,7 @@ MUTATIONS = (
     Mutation("logger-kept-at-unload", "the logger ends before the module may go",
              "driver/request/module_reference.cpp",
              "    shutDownLogging();\n", "",
-             "module_test",
+             "module_test", "UnloadTest*:LoadedModule*",
              doc="threads: last reference"),
     Mutation("reference-given-up-first", "the last reference counts until the logger has ended",
              "driver/request/module_reference.cpp",
