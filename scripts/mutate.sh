@@ -11,7 +11,7 @@ Usage: ./zelta mutate [--list] [NAME...]
 Breaks one rule of the product in one place, builds what changes, and runs the
 tests that must notice; then the next. All in a copy of the sources, in
 build-mutate. Ends with "N passed, N failed": a mutation that survives has
-failed. Without a NAME all are tried, which takes about half an hour.
+failed. Without a NAME all are tried, which takes about 45 minutes.
 
   --list         the mutations and the rules that they break
   -h, --help     this text
