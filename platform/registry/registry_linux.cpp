@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <filesystem>
@@ -17,6 +16,7 @@
 #include <utility>
 
 #include "platform/files/scoped_fd_linux.h"
+#include "platform/process/environment.h"
 #include "platform/process/error.h"
 #include "platform/process/never_destroyed.h"
 #include "platform/sync/event_linux.h"
@@ -227,8 +227,7 @@ void FileRegistry::signal(OpenKey* key) {
 }
 
 std::string registryFilePath() {
-  const char* path = std::getenv("ZELTA_REGISTRY");
-  return path == nullptr || *path == '\0' ? "/etc/zelta/registry.reg" : path;
+  return environmentOr("ZELTA_REGISTRY", "/etc/zelta/registry.reg");
 }
 
 RegistryApi& systemRegistry() {

@@ -280,7 +280,7 @@ TEST_F(LogsProgram, Following_GoesOnInANewFileAndEndsCleanlyOnInterrupt) {
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  fclose(lines);
+  (void)fclose(lines);
 }
 
 }  // namespace
