@@ -31,7 +31,7 @@ std::vector<std::string> defaultControlPaths(std::uint32_t reader) {
 
 std::vector<std::string> defaultControlPipes(std::uint32_t reader) {
   const std::string agent = "zelta-agent" + std::to_string(reader);
-  return {"\\\\.\\pipe\\" + agent, "\\\\.\\pipe\\ProtectedPrefix\\LocalService\\" + agent};
+  return {"\\\\.\\pipe\\ProtectedPrefix\\LocalService\\" + agent, "\\\\.\\pipe\\" + agent};
 }
 
 std::string controlLinkPath(const std::string& pipeRoot, std::uint32_t reader) {

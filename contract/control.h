@@ -32,9 +32,9 @@ inline constexpr std::size_t kLongestControlAnswer = 65536;
 std::vector<std::string> defaultControlPaths(std::uint32_t reader);
 
 // The same on Windows:
-// \\.\pipe\zelta-agent<reader>,
 // \\.\pipe\ProtectedPrefix\LocalService\zelta-agent<reader>, the one of the agent that runs as a
-// service: nobody but the local service account can take that name before it.
+// service: nobody but the local service account can take that name and answer in its place,
+// \\.\pipe\zelta-agent<reader>, that of any other.
 std::vector<std::string> defaultControlPipes(std::uint32_t reader);
 
 // The path of a link to the agent's control socket, beside the folder of its pipes. An agent makes

@@ -18,7 +18,7 @@ TEST_PACKAGES=(
   debhelper lintian python3-pyscard python3-yaml shellcheck libbenchmark-dev procps zsh
   "${MODEL_PACKAGES[@]}"
   # Programs whose way to the card is tested.
-  curl firefox-esr gnupg-pkcs11-scd gnutls-bin gpg gpg-agent gpgsm libengine-pkcs11-openssl
+  chromium curl firefox-esr gnupg-pkcs11-scd gnutls-bin gpg gpg-agent gpgsm libengine-pkcs11-openssl
   openssh-server scdaemon
 )
 # What the Debian package is made with.
@@ -32,5 +32,5 @@ BENCH_PACKAGES=(
   strace
 )
 WINDOWS_PACKAGES=(
-  g++-mingw-w64-x86-64-posix wine wine64 googletest
+  g++-mingw-w64-x86-64-posix wine wine64 googletest osslsigncode openssl
 )

@@ -211,7 +211,7 @@ The reader is up. The card's PIN is $PIN. Try, in another terminal:
   echo hello | pkcs11-tool --login --pin $PIN --sign --id 0001 -m SHA256-RSA-PKCS -o signature
   ssh-keygen -D $(pkcs11_module)
   pcsc_scan
-  ./zelta logs        ./zelta status
+  ./zelta status      ./zelta trace       ./zelta logs
   ./zelta card remove ./zelta card insert
 Ctrl-C ends it.
 EOF

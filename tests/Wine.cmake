@@ -29,3 +29,14 @@ function(zelta_add_wine_test name target)
     ENVIRONMENT_MODIFICATION "${ZELTA_WINE_DISPLAY}" ${ARGN})
   set_property(TEST ${name} APPEND PROPERTY ENVIRONMENT "${ZELTA_WINE_ENVIRONMENT}")
 endfunction()
+
+# zelta_add_python_wine_test(NAME SCRIPT NAME=VALUE...): tests in Python, on this system, that start
+# programs in a Wine prefix of their own. All of the script is one test, since making that takes
+# longer than most of them.
+function(zelta_add_python_wine_test name script)
+  add_test(NAME ${name} COMMAND ${ZELTA_PYTHON} ${CMAKE_CURRENT_SOURCE_DIR}/${script})
+  set_tests_properties(${name} PROPERTIES
+    TIMEOUT 400 ENVIRONMENT_MODIFICATION "${ZELTA_WINE_DISPLAY};WINEPREFIX=unset:"
+    ENVIRONMENT "${ZELTA_WINE_ENVIRONMENT};ZELTA_WINE=${ZELTA_WINE};${ARGN}")
+  set_property(TEST ${name} APPEND PROPERTY ENVIRONMENT PYTHONDONTWRITEBYTECODE=1)
+endfunction()

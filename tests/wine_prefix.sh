@@ -27,9 +27,10 @@ case $action in
     remove # what a run that was broken off has left
     folder=$(mktemp -d "${TMPDIR:-/tmp}/zelta-wine.XXXXXX")
     ln -s "$folder" "$link"
-    # What is started here lives on and would hold the run's pipes open.
+    # What is started here lives on and would hold the run's pipes open. The first program makes the
+    # folder's contents; wineboot by name would be run twice, and leave two service managers.
     log=$folder/make.log
-    { wineserver -p120 && wine wineboot --init; } >"$log" 2>&1 </dev/null || {
+    { wineserver -p120 && wine cmd /c exit; } >"$log" 2>&1 </dev/null || {
       cat "$log" >&2
       exit 1
     }

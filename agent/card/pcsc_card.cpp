@@ -4,10 +4,10 @@
 #include <array>
 #include <chrono>
 #include <stdexcept>
-#include <utility>
 
 #include "agent/program/failure.h"
 #include "contract/bytes.h"
+#include "platform/process/wipe.h"
 
 namespace zelta::agent {
 
@@ -42,7 +42,8 @@ bool isOneOf(const LONG (&results)[kCount], LONG result) {
 
 }  // namespace
 
-PcscCard::PcscCard(std::string readerName, Log& log) : reader_(std::move(readerName)), log_(log) {}
+PcscCard::PcscCard(const std::string& readerName, Log& log)
+    : reader_(toReaderName(readerName)), log_(log), received_(kLongestResponse) {}
 
 PcscCard::~PcscCard() { stop(); }
 
@@ -162,12 +163,14 @@ Bytes PcscCard::atr() { return connect() ? readAtr() : Bytes(); }
 
 PcscCard::Response PcscCard::transmitOnce(const Bytes& command) {
   const SCARD_IO_REQUEST request = {protocol_, sizeof(SCARD_IO_REQUEST)};
-  Response response{SCARD_S_SUCCESS, Bytes(kLongestResponse)};
-  auto length = static_cast<DWORD>(response.bytes.size());
-  response.result =
+  auto length = static_cast<DWORD>(received_.size());
+  const LONG result =
       SCardTransmit(handle_, &request, command.data(), static_cast<DWORD>(command.size()), nullptr,
-                    response.bytes.data(), &length);
-  response.bytes.resize(response.result == SCARD_S_SUCCESS ? length : 0);
+                    received_.data(), &length);
+  if (result != SCARD_S_SUCCESS) return {result, {}};
+  const auto end = received_.begin() + static_cast<std::ptrdiff_t>(length);
+  Response response{result, Bytes(received_.begin(), end)};
+  platform::wipe(received_.data(), length);
   return response;
 }
 
@@ -228,8 +231,9 @@ LONG PcscCard::waitForChange(SCARDCONTEXT context, SCARD_READERSTATE* states, DW
 }
 
 void PcscCard::follow(SCARDCONTEXT context) {
+  const ReaderName readerChanges = toReaderName(kReaderChanges);
   std::array<SCARD_READERSTATE, 2> states{};
-  states[0].szReader = kReaderChanges;
+  states[0].szReader = readerChanges.c_str();
   states[1].szReader = reader_.c_str();
   while (!ending()) {
     LONG result =

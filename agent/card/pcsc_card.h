@@ -18,7 +18,7 @@ namespace zelta::agent {
 class PcscCard final : public CardBackend {
  public:
   // `log` outlives the card.
-  PcscCard(std::string readerName, Log& log);
+  PcscCard(const std::string& readerName, Log& log);
   ~PcscCard() override;
 
   std::string name() const override { return "pcsc"; }
@@ -60,7 +60,7 @@ class PcscCard final : public CardBackend {
   void takeState(DWORD state);
   void setPresent(bool present);
 
-  const std::string reader_;
+  const ReaderName reader_;
   Log& log_;
   CardListener* listener_ = nullptr;  // non-owning; from start to stop
 
@@ -70,6 +70,7 @@ class PcscCard final : public CardBackend {
   SCARDHANDLE handle_ = 0;
   bool hasHandle_ = false;
   DWORD protocol_ = 0;
+  Bytes received_;  // room for the longest response
 
   platform::Mutex mutex_;  // also around the listener's calls, so that they stay in turns
   platform::ConditionVariable changed_;

@@ -22,7 +22,7 @@ std::string counted(std::uint64_t count, const std::string& one) {
 
 using Json = nlohmann::ordered_json;
 
-Json toJson(const Agent::Status& status) {
+Json toJson(const Service::Status& status) {
   return {{"reader", status.reader},
           {"connected", status.connected},
           {"backend", status.backend},
@@ -55,7 +55,7 @@ std::string lineOf(const Json& json) {
 
 }  // namespace
 
-std::string statusText(const Agent::Status& status) {
+std::string statusText(const Service::Status& status) {
   std::string text;
   text += "reader:    " + std::to_string(status.reader) + "\n";
   text += std::string("driver:    ") + (status.connected ? "connected" : "not connected") + "\n";
@@ -70,19 +70,19 @@ std::string statusText(const Agent::Status& status) {
   return text;
 }
 
-std::string statusJson(const Agent::Status& status) { return lineOf(toJson(status)); }
+std::string statusJson(const Service::Status& status) { return lineOf(toJson(status)); }
 
-std::string traceBegin(const Agent::Status& status) {
+std::string traceBegin(const Service::Status& status) {
   Json begin = {{"time_us", toMicroseconds(TraceRecord::Clock::now())}, {"kind", "begin"}};
   begin.update(toJson(status));
   return lineOf(begin);
 }
 
-std::string answerControl(Agent& agent, const std::string& line) {
-  if (line == kControlInsert) return answerAction(agent.insertCard());
-  if (line == kControlRemove) return answerAction(agent.removeCard());
-  if (line == kControlStatus) return kControlOk + statusText(agent.status());
-  if (line == kControlStatusJson) return kControlOk + statusJson(agent.status());
+std::string answerControl(Service& service, const std::string& line) {
+  if (line == kControlInsert) return answerAction(service.insertCard());
+  if (line == kControlRemove) return answerAction(service.removeCard());
+  if (line == kControlStatus) return kControlOk + statusText(service.status());
+  if (line == kControlStatusJson) return kControlOk + statusJson(service.status());
   return kControlError + ("not understood: " + harmless(line)) + "\n";
 }
 

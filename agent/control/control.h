@@ -4,14 +4,14 @@
 
 #include <string>
 
-#include "agent/program/agent.h"
 #include "agent/program/options.h"
+#include "agent/program/service.h"
 #include "contract/control.h"
 
 namespace zelta::agent {
 
 // `line` is what a client sent, without its line break.
-std::string answerControl(Agent& agent, const std::string& line);
+std::string answerControl(Service& service, const std::string& line);
 
 // The line that asks for what the options want.
 std::string controlLine(const Options& options);
@@ -22,10 +22,10 @@ struct ControlResult {
 };
 ControlResult readControlAnswer(const std::string& answer);
 
-std::string statusText(const Agent::Status& status);
+std::string statusText(const Service::Status& status);
 // One JSON object on one line.
-std::string statusJson(const Agent::Status& status);
+std::string statusJson(const Service::Status& status);
 // A trace's first line: how it is when the trace begins. See docs/trace.md.
-std::string traceBegin(const Agent::Status& status);
+std::string traceBegin(const Service::Status& status);
 
 }  // namespace zelta::agent

@@ -83,10 +83,6 @@ void EventReporter::queue(ReportRule::Report report) {
     events_.pop_back();  // nobody has heard of that card
   } else {
     events_.push_back(report);
-    if (events_.size() == 1 && mayPost() && post(report, SteadyClock::now()) == IoResult::kDone) {
-      events_.clear();
-      posted_.push_back(report);
-    }
   }
   changed_.notifyAll();
 }
@@ -95,12 +91,6 @@ IoResult EventReporter::postNumber(std::uint32_t number,
                                    std::optional<SteadyClock::time_point> deadline) {
   const auto bytes = toLittleEndian(number);
   return pipe_.post(bytes.data(), bytes.size(), deadline);
-}
-
-IoResult EventReporter::post(ReportRule::Report report, SteadyClock::time_point deadline) {
-  const auto event = report == ReportRule::Report::kInserted ? AgentEvent::kCardInserted
-                                                             : AgentEvent::kCardRemoved;
-  return postNumber(static_cast<std::uint32_t>(event), deadline);
 }
 
 bool EventReporter::sendSessionId() {
@@ -143,10 +133,10 @@ void EventReporter::noteEnd() {
   changed_.notifyAll();
 }
 
-std::optional<EventReporter::Event> EventReporter::awaitEvent() {
+std::optional<ReportRule::Report> EventReporter::awaitEvent() {
   platform::MutexLock lock(mutex_);
   const auto due = [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    return ended_ || !posted_.empty() || (mayPost() && !events_.empty());
+    return ended_ || (sessionSent_ && !answering_ && !events_.empty());
   };
   const auto graceMatters = [this]()
                                 ZELTA_NO_THREAD_SAFETY_ANALYSIS { return taken_ && rule_.quiet(); };
@@ -159,37 +149,22 @@ std::optional<EventReporter::Event> EventReporter::awaitEvent() {
                                         [&] { return due() || !graceMatters(); });
     if (!woken) queue(rule_.graceOver());
   }
-  if (!posted_.empty()) {
-    const Event event{posted_.front(), true};
-    posted_.pop_front();
-    return event;
-  }
   if (ended_) return std::nullopt;
   writing_ = true;
-  return Event{events_.front(), false};
+  return events_.front();
 }
 
 // A driver that has left so much unread is handling an earlier event, and may need an answer to its
 // command for that: nobody waits for the events then. A post of one number that has timed out has
 // handed nothing over, so it may be repeated.
-bool EventReporter::handOver(ReportRule::Report report) {
+IoResult EventReporter::postEvent(std::uint32_t event) {
   const auto now = SteadyClock::now();
-  IoResult result = post(report, now);
-  if (result == IoResult::kTimedOut) {
-    setFull(true);
-    result = post(report, now + settings_.limit);
-    setFull(false);
-  }
-  if (result == IoResult::kTimedOut) {
-    log_.error("The driver does not take its events; dropping the connection");
-    pipe_.cancel();
-  }
-  if (result != IoResult::kDone) return false;  // the watcher sees the end, too
-  const platform::MutexLock lock(mutex_);
-  events_.pop_front();
-  writing_ = false;
-  changed_.notifyAll();
-  return true;
+  IoResult result = postNumber(event, now);
+  if (result != IoResult::kTimedOut) return result;
+  setFull(true);
+  result = postNumber(event, now + settings_.limit);
+  setFull(false);
+  return result;
 }
 
 void EventReporter::setFull(bool full) {
@@ -199,10 +174,20 @@ void EventReporter::setFull(bool full) {
 }
 
 void EventReporter::writeEvents() {
-  while (const std::optional<Event> event = awaitEvent()) {
-    if (!event->posted && !handOver(event->report)) return;
-    log_.info(event->report == ReportRule::Report::kInserted ? "Card insertion reported"
-                                                             : "Card removal reported");
+  while (const std::optional<ReportRule::Report> report = awaitEvent()) {
+    const bool inserted = *report == ReportRule::Report::kInserted;
+    const AgentEvent event = inserted ? AgentEvent::kCardInserted : AgentEvent::kCardRemoved;
+    const IoResult result = postEvent(static_cast<std::uint32_t>(event));
+    if (result == IoResult::kTimedOut) {
+      log_.error("The driver does not take its events; dropping the connection");
+      pipe_.cancel();
+    }
+    if (result != IoResult::kDone) return;  // the watcher sees the end, too
+    log_.info(inserted ? "Card insertion reported" : "Card removal reported");
+    const platform::MutexLock lock(mutex_);
+    events_.pop_front();
+    writing_ = false;
+    changed_.notifyAll();
   }
 }
 

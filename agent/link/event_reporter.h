@@ -2,12 +2,12 @@
 //
 // It has two threads. One hands over the session id and waits until the driver has taken it, which
 // the driver does once it listens for events. The time of grace counts from then; from then on the
-// thread watches for the pipe's end. An event is handed over by the thread that decides it, without
-// waiting for the driver to read it. What cannot be handed over at once is left to the other
-// thread, which keeps the order and writes the log. Both end when the pipe is closed or cancelled.
-// A pipe that is full of events that the driver does not read is cancelled when its time is up. A
-// card that comes and goes before its arrival was handed over and before the driver has its ATR is
-// not reported at all: cards that change quicker than the driver reads of them leave no backlog.
+// thread watches for the pipe's end. The other thread hands over events in the order in which they
+// were decided, without waiting for the driver to read them. Both end when the pipe is closed or
+// cancelled. A pipe that is full of events that the driver does not read is cancelled when its time
+// is up. A card that comes and goes before its arrival was handed over and before the driver has
+// its ATR is not reported at all: cards that change quicker than the driver reads of them leave no
+// backlog.
 //
 // `commandBegan`, `beginAnswer`, `endAnswer` and `waitWritten` come from one thread at a time, for
 // each command; they wake the writer only if there is an event. As the slot's observer it is
@@ -66,22 +66,13 @@ class EventReporter final : public CardSlot::Observer {
   void cardArrived(CardId card) override;
   void cardDeparted() override;
 
-  // For the log: an event that was handed over already, or one to be handed over.
-  struct Event {
-    ReportRule::Report report;
-    bool posted;
-  };
-
   void queue(ReportRule::Report report) ZELTA_REQUIRES(mutex_);
-  bool mayPost() const ZELTA_REQUIRES(mutex_) { return sessionSent_ && !answering_; }
   bool sendSessionId();
   void watchPipe();
   void writeEvents();
   // Waits for the next event. None: the pipe has ended.
-  std::optional<Event> awaitEvent();
-  // Hands the front event over; false if the pipe has ended.
-  bool handOver(ReportRule::Report report);
-  IoResult post(ReportRule::Report report, SteadyClock::time_point deadline);
+  std::optional<ReportRule::Report> awaitEvent();
+  IoResult postEvent(std::uint32_t event);
   void setFull(bool full);
   IoResult postNumber(std::uint32_t number, std::optional<SteadyClock::time_point> deadline);
   void noteEnd();
@@ -98,9 +89,7 @@ class EventReporter final : public CardSlot::Observer {
   ReportRule rule_ ZELTA_GUARDED_BY(mutex_){kNoCard};
   // Decided and not handed over; the front one is being handed over.
   std::deque<ReportRule::Report> events_ ZELTA_GUARDED_BY(mutex_);
-  // Handed over by the thread that decided them, and not logged.
-  std::deque<ReportRule::Report> posted_ ZELTA_GUARDED_BY(mutex_);
-  bool writing_ ZELTA_GUARDED_BY(mutex_) = false;  // the front one of `events_`
+  bool writing_ ZELTA_GUARDED_BY(mutex_) = false;  // the front one
   bool full_ ZELTA_GUARDED_BY(mutex_) = false;     // the pipe, of what the driver has not read
   bool answering_ ZELTA_GUARDED_BY(mutex_) = false;
   bool atrGiven_ ZELTA_GUARDED_BY(mutex_) = false;  // of the card that is in, to the driver

@@ -204,10 +204,11 @@ std::string exchange(ScopedHandle pipe, const std::string& line, SteadyClock::ti
 
 }  // namespace
 
-std::unique_ptr<ControlServer> openControlServer(const std::string& path,
-                                                 ControlServer::Handler handler,
-                                                 OnFailure onFailure, const std::string& /*link*/,
-                                                 OpenFeed /*openFeed*/) {
+std::unique_ptr<ControlServer> openControlServer(
+    const std::string& path, ControlServer::Handler handler, OnFailure onFailure,
+    const std::string& /*link*/,
+    // NOLINTNEXTLINE(performance-unnecessary-value-param): as on Linux
+    OpenFeed /*openFeed*/) {
   return std::make_unique<PipeServer>(path, std::move(handler), std::move(onFailure));
 }
 

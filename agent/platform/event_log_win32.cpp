@@ -7,12 +7,11 @@
 #include <system_error>
 #include <type_traits>
 
-#include "agent/events.h"
-
 namespace zelta::agent {
 
 namespace {
 
+constexpr DWORD kLine = 1;  // the number of the events' form in events.mc
 constexpr DWORD kTypes = EVENTLOG_ERROR_TYPE | EVENTLOG_WARNING_TYPE | EVENTLOG_INFORMATION_TYPE;
 
 std::string keyOf(const std::string& source) {
@@ -64,7 +63,7 @@ Log::Sink eventLogSink(const std::string& source) {
   const std::shared_ptr<void> log(opened, DeregisterEventSource);
   return [log](Severity severity, const std::string& line) {
     const char* text = line.c_str();
-    ReportEventA(log.get(), typeOf(severity), 0, AGENT_LINE, nullptr, 1, 0, &text, nullptr);
+    ReportEventA(log.get(), typeOf(severity), 0, kLine, nullptr, 1, 0, &text, nullptr);
   };
 }
 

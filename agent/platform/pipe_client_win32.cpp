@@ -9,7 +9,11 @@ namespace zelta::agent {
 
 namespace {
 
-// The system tells nobody when a pipe is created: how long a wait for it lasts at the most.
+// How long a wait for a pipe lasts at the most. Windows tells nobody when a pipe is created:
+// WaitNamedPipe fails at once (ERROR_FILE_NOT_FOUND (2)) if there is no pipe of the name, no change
+// notices are documented for the folder of the pipes, and those of the reader's device come before
+// its pipes are there. WaitNamedPipe would do for a pipe that is there and busy, but cannot be
+// cancelled. Each look is one call that fails.
 constexpr std::chrono::milliseconds kLongestWait{500};
 
 OpenResult resultOf(DWORD error) {

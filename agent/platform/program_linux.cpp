@@ -63,7 +63,8 @@ std::string ask(const Options& options) {
   } catch (const NoAgentError& error) {
     throw std::runtime_error(std::string(error.what()) +
                              "; to start the service: sudo systemctl start zelta-agent@" +
-                             std::to_string(options.reader));
+                             std::to_string(options.reader) +
+                             "; an agent with --to answers at the path of its --control only");
   }
 }
 
@@ -142,14 +143,14 @@ std::unique_ptr<CardBackend> makeRemoteCard(std::function<void()> onEnd, Log& lo
 // A remote card's agent, which any user may be, does without a control socket if it has no place
 // for one; others need theirs.
 std::unique_ptr<ControlServer> openControl(const Options& options, const std::string& path,
-                                           Agent& agent, TraceHub& hub, const OnFailure& onFailure,
-                                           Log& log) {
+                                           const std::string& link, Service& service, TraceHub& hub,
+                                           const OnFailure& onFailure, Log& log) {
   try {
     return openControlServer(
-        path, [&agent](const std::string& line) { return answerControl(agent, line); }, onFailure,
-        controlLinkPath(platform::pipeRoot(), options.reader),
-        [&agent, &hub](const std::string& line, std::function<void()> wake) {
-          return hub.follow(line == kControlTraceSecrets, traceBegin(agent.status()),
+        path, [&service](const std::string& line) { return answerControl(service, line); },
+        onFailure, link,
+        [&service, &hub](const std::string& line, std::function<void()> wake) {
+          return hub.follow(line == kControlTraceSecrets, traceBegin(service.status()),
                             std::move(wake));
         });
   } catch (const std::runtime_error& error) {
@@ -179,7 +180,8 @@ int runAtDriver(const Options& options, Endings& endings, Log& log) {
                                               : makeBackend(options, log);
   Agent agent(*pipes, *backend, settings, log);
   const std::unique_ptr<ControlServer> control =
-      openControl(options, path, agent, hub, onFailure, log);
+      openControl(options, path, controlLinkPath(platform::pipeRoot(), options.reader), agent, hub,
+                  onFailure, log);
   agent.start();
   log.info(std::string("zelta-agent ") + kVersion + ": reader " + std::to_string(options.reader) +
            ", " + backend->name() + " card, session " + settings.sessionId + ", control " + path);
@@ -197,13 +199,21 @@ int runNearEnd(const Options& options, Endings& endings, Log& log) {
   const OnFailure onFailure = noteIn(endings);
   Forwarder::Settings settings;
   settings.place = options.to->place();
+  settings.reader = options.to->reader;
   settings.onFailure = onFailure;
   std::optional<CardRecorder> recorder;
-  if (!options.recordFile.empty()) settings.trace = &recorder.emplace(options.recordFile, log);
+  TraceHub hub;
+  if (!options.recordFile.empty()) hub.alsoTell(recorder.emplace(options.recordFile, log));
+  settings.trace = &hub;
   const std::unique_ptr<Dialer> dialer =
       makeSshDialer(sshCommand(options.ssh, *options.to, options.logLevel));
   const std::unique_ptr<CardBackend> backend = makeBackend(options, log);
   Forwarder forwarder(*dialer, *backend, settings, log);
+  // Only where it is asked for: in the usual place it would be taken for an agent of a reader here.
+  const std::unique_ptr<ControlServer> control =
+      options.control.empty()
+          ? nullptr
+          : openControl(options, options.control, "", forwarder, hub, onFailure, log);
   forwarder.start();
   log.info(std::string("zelta-agent ") + kVersion + ": " + backend->name() + " card for reader " +
            std::to_string(options.to->reader) + " on " + settings.place);
@@ -212,6 +222,7 @@ int runNearEnd(const Options& options, Endings& endings, Log& log) {
 
   endings.follow(forwarder, log);
   sd_notify(0, "STOPPING=1");
+  if (control != nullptr) control->removePath();
   return run.stop(endings.failure(), log);
 }
 

@@ -95,7 +95,7 @@ int runAsService(const Options& options) {
     around.leave = [&service](int exitCode) { service.leave(exitCode); };
     around.ending = "Ending: asked to stop";
     try {
-      return serve(options, defaultControlPipes(options.reader).back(), around, log);
+      return serve(options, defaultControlPipes(options.reader).front(), around, log);
     } catch (const std::exception& error) {
       log.error(error.what());
       return kExitFailed;
@@ -127,7 +127,7 @@ int runAgent(const Options& options, Log& log) {
   console.endRequested = followConsole();
   console.leave = std::_Exit;
   console.ending = "Ending: interrupted";
-  return serve(options, defaultControlPipes(options.reader).front(), console, log);
+  return serve(options, defaultControlPipes(options.reader).back(), console, log);
 }
 
 int runCommand(const Options& options) {

@@ -7,10 +7,10 @@
 #include <system_error>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 #include "agent/platform/event_log_win32.h"
 #include "agent/platform/pipe_connection_win32.h"
+#include "platform/process/never_destroyed.h"
 #include "platform/sync/sync.h"
 
 namespace zelta::agent {
@@ -87,8 +87,8 @@ void stopService(SC_HANDLE service, SERVICE_NOTIFYW& notice, const std::string& 
 // One service in this process, from the manager's start of it to its end.
 class RunningService final : public ServiceRun {
  public:
-  RunningService(std::string name, const std::function<int(ServiceRun&)>& body)
-      : name_(std::move(name)), body_(body), end_(makeEvent()) {}
+  RunningService(std::string name, std::function<int(ServiceRun&)> body)
+      : name_(std::move(name)), body_(std::move(body)), end_(makeEvent()) {}
 
   // On a thread of the manager's.
   void run() {
@@ -147,7 +147,7 @@ class RunningService final : public ServiceRun {
   }
 
   const std::string name_;
-  const std::function<int(ServiceRun&)>& body_;
+  const std::function<int(ServiceRun&)> body_;
   const ScopedHandle end_;  // stays signalled
   SERVICE_STATUS_HANDLE handle_ = nullptr;
   platform::Mutex mutex_;
@@ -216,12 +216,14 @@ void removeService(std::uint32_t reader) {
   forgetEventSource(name);
 }
 
-int runService(std::uint32_t reader, const std::function<int(ServiceRun&)>& body) {
-  RunningService service(serviceName(reader), body);
-  running = &service;
-  std::string name = service.name();
+int runService(std::uint32_t reader, std::function<int(ServiceRun&)> body) {
+  // The manager lets go of this thread as soon as the service has said that it has stopped, when
+  // the service's own thread may still be in the object.
+  static platform::NeverDestroyed<RunningService> service(serviceName(reader), std::move(body));
+  running = &service.get();
+  std::string name = running->name();
   const std::array<SERVICE_TABLE_ENTRYA, 2> services = {{{name.data(), serviceMain}, {}}};
-  if (StartServiceCtrlDispatcherA(services.data())) return service.exitCode();
+  if (StartServiceCtrlDispatcherA(services.data())) return running->exitCode();
   if (GetLastError() != ERROR_FAILED_SERVICE_CONTROLLER_CONNECT) fail("the service " + name);
   throw std::runtime_error(
       "service run is for the service manager; to start the service: sc start " + name);

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "agent/program/options.h"
 
@@ -42,6 +43,6 @@ class ServiceRun {
 // Runs the body on a thread of the system's and returns its exit code, which the service manager is
 // told, too. For a process that the service manager has started; throws std::runtime_error in any
 // other. The body must not throw. Once.
-int runService(std::uint32_t reader, const std::function<int(ServiceRun&)>& body);
+int runService(std::uint32_t reader, std::function<int(ServiceRun&)> body);
 
 }  // namespace zelta::agent

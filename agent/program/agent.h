@@ -50,20 +50,6 @@ class Agent final : public Service {
     TraceSink* trace = nullptr;
   };
 
-  struct Status {
-    bool connected = false;  // the driver has accepted a connection
-    std::uint32_t reader = 0;
-    std::string sessionId;
-    std::string backend;
-    bool cardIn = false;
-    Bytes atr;  // empty if the card has not been asked yet
-    // Since the start:
-    std::uint64_t apdus = 0;     // that the card has been given
-    std::uint64_t errors = 0;    // commands that it left without an answer
-    std::uint64_t timeouts = 0;  // commands that were answered in its place because it was late
-    std::uint64_t reconnects = 0;
-  };
-
   // Everything passed by reference outlives the agent.
   Agent(PipeClientPort& port, CardBackend& backend, Settings settings, Log& log);
   // Ends what `run` has left if it threw.
@@ -78,7 +64,7 @@ class Agent final : public Service {
   // Any thread, between `start` and the end of `run`.
   std::string insertCard() override;
   std::string removeCard() override;
-  Status status() const;
+  Status status() const override;
 
  private:
   // Makes a connection known as the one being served, for a scope.

@@ -231,7 +231,6 @@ std::string findRemoteConflict(const Options& options) {
   if (!options.to) return {};
   if (remote) return "--to needs a card here; --backend remote is what it starts there";
   if (options.reader != 0) return "--reader is not for --to, which names it: ssh://host/INDEX";
-  if (!options.control.empty()) return "--control is not for --to";
   if (!options.sessionId.empty()) return "--session-id is not for --to";
   return {};
 }

@@ -1,12 +1,30 @@
 // What the program runs until it is ended.
 #pragma once
 
+#include <cstdint>
 #include <string>
+
+#include "contract/bytes.h"
 
 namespace zelta::agent {
 
 class Service {
  public:
+  struct Status {
+    // The driver has accepted a connection, or the agent at the driver has said hello.
+    bool connected = false;
+    std::uint32_t reader = 0;
+    std::string sessionId;
+    std::string backend;
+    bool cardIn = false;
+    Bytes atr;  // empty if the card has not been asked yet
+    // Since the start:
+    std::uint64_t apdus = 0;     // that the card has been given
+    std::uint64_t errors = 0;    // commands that it left without an answer
+    std::uint64_t timeouts = 0;  // commands that were answered in its place because it was late
+    std::uint64_t reconnects = 0;
+  };
+
   Service() = default;
   Service(const Service&) = delete;
   Service& operator=(const Service&) = delete;
@@ -21,6 +39,7 @@ class Service {
   // Any thread, while `run` serves. The text says why not; empty is success.
   virtual std::string insertCard() = 0;
   virtual std::string removeCard() = 0;
+  virtual Status status() const = 0;
 };
 
 }  // namespace zelta::agent

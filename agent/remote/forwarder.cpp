@@ -21,6 +21,7 @@ std::string inMilliseconds(std::chrono::microseconds time) {
 
 Forwarder::Forwarder(Dialer& dialer, CardBackend& backend, Settings settings, Log& log)
     : dialer_(dialer),
+      backend_(backend),
       settings_(std::move(settings)),
       log_(log),
       slot_(
@@ -50,8 +51,10 @@ std::string Forwarder::lend() {
   greeted_ = false;
   log_.info("Calling " + settings_.place);
   const std::unique_ptr<DialedCall> call = dialer_.dial();
+  LentCard::Settings card = settings_.card;
+  card.onLate = [this] { timeouts_.fetch_add(1, std::memory_order_relaxed); };
   LentCard lent(
-      call->line(), slot_, threads_, settings_.card,
+      call->line(), slot_, threads_, card,
       [this](const Hello& peer, std::chrono::microseconds roundTrip) {
         noteGreeted(peer, roundTrip);
       },
@@ -68,12 +71,15 @@ void Forwarder::serve(LentCard& lent) {
     if (stopping_) lent.stop();
   }
   lent.serve();
+  connected_ = false;
   const platform::MutexLock lock(mutex_);
   lent_ = nullptr;
 }
 
 void Forwarder::noteGreeted(const Hello& peer, std::chrono::microseconds roundTrip) {
   greeted_ = true;
+  connected_ = true;
+  ++greetings_;
   backoff_.reset();
   log_.info("Connected to zelta-agent " + harmless(peer.version) + " on " + settings_.place +
             ", round trip " + inMilliseconds(roundTrip));
@@ -126,6 +132,22 @@ std::string Forwarder::removeCard() {
   std::string problem = slot_.remove();
   log_.info(problem.empty() ? "Card removed" : "Card not removed: " + problem);
   return problem;
+}
+
+Service::Status Forwarder::status() const {
+  const CardSlot::Status card = slot_.status();
+  Status status;
+  status.connected = connected_;
+  status.reader = settings_.reader;
+  status.backend = backend_.name();
+  status.cardIn = card.card != kNoCard;
+  status.atr = card.atr;
+  status.apdus = card.apdus;
+  status.errors = card.unanswered;
+  status.timeouts = timeouts_;
+  const std::uint64_t greetings = greetings_;
+  status.reconnects = greetings == 0 ? 0 : greetings - 1;
+  return status;
 }
 
 bool Forwarder::stopping() {

@@ -25,6 +25,7 @@ class Forwarder final : public Service {
  public:
   struct Settings {
     std::string place;  // for people: the other machine
+    std::uint32_t reader = 0;
     LentCard::Settings card{{}, kAnswerTime};
     std::chrono::milliseconds firstRetry{500};
     std::chrono::milliseconds longestRetry{30000};
@@ -46,6 +47,7 @@ class Forwarder final : public Service {
   void stop() override;
   std::string insertCard() override;
   std::string removeCard() override;
+  Status status() const override;
 
  private:
   // Lends the card once. Returns why the line has ended.
@@ -60,12 +62,16 @@ class Forwarder final : public Service {
   bool stopping();
 
   Dialer& dialer_;
+  const CardBackend& backend_;
   const Settings settings_;
   Log& log_;
   CardSlot slot_;
   CommandThreads threads_;
   Backoff backoff_;       // `run`'s thread
   bool greeted_ = false;  // this line; `run`'s thread
+  std::atomic<bool> connected_{false};
+  std::atomic<std::uint64_t> greetings_{0};
+  std::atomic<std::uint64_t> timeouts_{0};
   platform::Mutex mutex_;
   platform::ConditionVariable changed_;
   bool stopping_ ZELTA_GUARDED_BY(mutex_) = false;

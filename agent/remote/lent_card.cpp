@@ -92,6 +92,7 @@ bool LentCard::answer(const Command& command, const Outcome& outcome) {
   platform::SecretBytes data;
   if (outcome.result == Outcome::Result::kLate) {
     log_.warning(name + ": the card is not done in time");
+    if (settings_.onLate) settings_.onLate();
   } else if (outcome.data.size() > kLongestPayload) {
     log_.error(name + ": the card's answer is too long");
   } else {

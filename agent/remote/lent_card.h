@@ -24,6 +24,8 @@ class LentCard final : private CommandStream, private CardSlot::Observer {
     LineTimes times;
     // How long the card may take for a command.
     std::chrono::milliseconds answerLimit;
+    // Called on the thread that answers when the card has not been done in time; may be empty.
+    std::function<void()> onLate{};
   };
   // What is known of the other end when it has said hello.
   using OnGreeted = std::function<void(const Hello& peer, std::chrono::microseconds roundTrip)>;

@@ -99,6 +99,17 @@ TEST_F(CardEvents, RemovalWithNobodyWaiting_LeavesTheState) {
   EXPECT_EQ(log_.sessionIds(), std::vector<std::string>{"00000000-0000-0000-0000-000000000000"});
 }
 
+// Whoever is told of the removal may ask for the state at once.
+TEST_F(CardEvents, Removal_SetsTheStateBeforeItCompletesTheRequests) {
+  connectWithCard();
+  FakeRequest& request = waitForRemoval();
+  std::atomic<std::uint32_t> state{SCARD_SWALLOWED};
+  device_.onCompletion = [&] { state = reader().state(); };
+  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
+  ASSERT_TRUE(request.waitCompleted());
+  EXPECT_EQ(state, SCARD_ABSENT);
+}
+
 TEST_F(CardEvents, Removal_DoesNotCompleteInsertions) {
   FakeRequest& request = connectWithoutCard();
   ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
@@ -142,6 +153,24 @@ TEST_F(CardEvents, InsertionBetweenCheckAndWait_IsNotLost) {
     EXPECT_EQ(reader().state(), SCARD_SWALLOWED);
   }
   EXPECT_TRUE(first.completed());
+}
+
+// The check has failed for want of an agent, and the card of the agent that connects is no event.
+TEST_F(CardEvents, ConnectionBetweenCheckAndWait_IsNotLost) {
+  setCard(true);
+  start();
+  FakeRequest& first = waitForInsertion();
+  std::atomic<bool> connected{false};
+  device_.onLock = [&] {
+    if (connected.exchange(true)) return;
+    EXPECT_TRUE(agent_.connect(answer()));
+    EXPECT_TRUE(first.waitCompleted());
+  };
+  FakeRequest& request = makeRequest();
+  reader().IoSmartCardIsPresent(&request, 0, 0);
+  ASSERT_TRUE(request.waitCompleted());
+  EXPECT_EQ(request.status(), kSucceeded);
+  stop();
 }
 
 // The event has been handled before the check is answered.
@@ -266,6 +295,18 @@ TEST_F(CardEvents, Shutdown_CancelsRemovalsThenInsertionsNewestFirst) {
     EXPECT_EQ(request->information(), std::nullopt);
   }
   EXPECT_EQ(reader().state(), SCARD_ABSENT);
+}
+
+// Others get it in between.
+TEST_F(CardEvents, Shutdown_TakesTheDeviceLockForEachRequest) {
+  connectWithoutCard();
+  waitForInsertion();
+  waitForInsertion();
+  int holds = 0;
+  device_.onLock = [&holds] { ++holds; };
+  reader().shutdown();
+  device_.onLock = nullptr;
+  EXPECT_EQ(holds, 3);
 }
 
 TEST_F(CardEvents, Shutdown_LeavesARequestThatIsBeingCancelledToItsCallback) {

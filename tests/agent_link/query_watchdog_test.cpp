@@ -1,5 +1,6 @@
 #include "agent_link/query_watchdog.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -7,7 +8,6 @@
 #include <optional>
 #include <set>
 #include <stdexcept>
-#include <string>
 #include <thread>
 
 #include "tests/support/log_capture.h"
@@ -19,12 +19,8 @@ using namespace std::chrono_literals;
 
 TEST(QueryWatchdog, EmptyCallback_IsRefused) {
   WatchdogThread thread(1h);
-  try {
-    const QueryWatchdog watchdog(thread, nullptr);
-    FAIL() << "accepted";
-  } catch (const std::runtime_error& failure) {
-    EXPECT_EQ(std::string(failure.what()), "Callback is null");
-  }
+  EXPECT_THAT([&] { QueryWatchdog(thread, nullptr); },
+              testing::ThrowsMessage<std::runtime_error>("Callback is null"));
 }
 
 TEST(QueryWatchdog, StoppedInTime_CallsNobodyLaterEither) {

@@ -23,10 +23,10 @@ TEST(DefaultControlPaths, NoRuntimeFolder_LeavesTheSystemsFolders) {
               testing::ElementsAre("/run/zelta/agent0.ctl", "/run/zelta-agent0/control"));
 }
 
-TEST(DefaultControlPipes, PlainPipe_IsFollowedByThatOfTheService) {
+TEST(DefaultControlPipes, PipeOfTheService_IsFirst) {
   EXPECT_THAT(defaultControlPipes(12),
-              testing::ElementsAre("\\\\.\\pipe\\zelta-agent12",
-                                   "\\\\.\\pipe\\ProtectedPrefix\\LocalService\\zelta-agent12"));
+              testing::ElementsAre("\\\\.\\pipe\\ProtectedPrefix\\LocalService\\zelta-agent12",
+                                   "\\\\.\\pipe\\zelta-agent12"));
 }
 
 TEST(ControlLinkPath, IsBesideThePipes) {

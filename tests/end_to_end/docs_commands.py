@@ -1,6 +1,6 @@
 """The commands in the documentation: those of the blocks `sh` and `console`, which also has the
-answers, and in the text what begins with `sudo`, and a program with two words after it or more. With
-one it is the name of a command or of an option, and with brackets or dots a usage line."""
+answers, and in the text what begins with `sudo`, and a program with two words after it or more.
+With one it is the name of a command or of an option, and with brackets a usage line."""
 
 import dataclasses
 import re
@@ -77,7 +77,14 @@ def without_blocks(page):
     return _BLOCK.sub("", page.read_text())
 
 
+def is_for_windows(page):
+    """What its text names runs there; the Windows suite follows these pages."""
+    return page.name.startswith("windows")
+
+
 def inline(page):
+    if is_for_windows(page):
+        return []
     commands = _INLINE.findall(without_blocks(page))
     found = dict.fromkeys(" ".join(command.split()) for command in commands)
     return [Command(name_of(page), command, command, None) for command in found]
@@ -85,7 +92,7 @@ def inline(page):
 
 def names(page):
     """The commands and options of our own programs that the text names: (program, word)."""
-    return _NAME.findall(without_blocks(page))
+    return [] if is_for_windows(page) else _NAME.findall(without_blocks(page))
 
 
 def every_command():

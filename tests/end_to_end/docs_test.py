@@ -36,7 +36,8 @@ EXCUSED = {
             ("builds everything with clang", "scripts/check.sh", "scripts/fuzz.sh"),
     },
     "docs/performance.md": {
-        "strace -c -f": ("is what a benchmark calls", "benchmarks/measurements.py", '"strace", "-c", "-f"'),
+        "strace -c -f":
+            ("is what a benchmark calls", "benchmarks/measurements.py", '"strace", "-c", "-f"'),
     },
     "docs/reliability.md": {
         "./zelta soak 2": ("takes two minutes", "scripts/check.sh", "./zelta soak 2"),
@@ -48,18 +49,21 @@ EXCUSED = {
             ("runs another suite", "scripts/test.sh", "presets=(release windows)"),
         "(cd build-windows && cpack)":
             ("is the Windows suite's", "tests/packaging/windows/CMakeLists.txt", "CPackConfig"),
-        "cd build-windows; export WINEPREFIX=$PWD/wine-look WINEDEBUG=-all "
-        "WINEDLLOVERRIDES=mscoree,mshtml=":
-            ("needs the Windows build", "tests/Wine.cmake", "WINEDLLOVERRIDES"),
-        "wine bin/zelta-agent.exe --backend script --script ../packaging/windows/card.txt "
-        "--verbose &":
-            ("needs the Windows build", "tests/module/processes_test.cpp", "AgentProcessTest"),
-        "printf '%s\\n' 'submit 310028' result 'control 310004 64 01000000' "
-        "'control 310030 4 02000000' 'control 310014 64 02000000080000000084000008' down | "
-        "wine bin/module_host_program.exe lib/zelta_vsc.dll":
-            ("needs the Windows build", "tests/module/processes_test.cpp", "AgentProcessTest"),
-        "wineserver -k; rm -r wine-look":
-            ("needs the Windows build", "tests/wine_prefix.sh", "wineserver"),
+        **{text: ("needs the Windows build", "tests/packaging/windows/docs_test.py",
+                  "test_commands_for_debian_work_in_the_pages_order") for text in (
+            "cd build-windows; export WINEPREFIX=$PWD/wine-look WINEDEBUG=-all "
+            "WINEDLLOVERRIDES=mscoree,mshtml=",
+            "wine bin/zelta-agent.exe --backend script --script ../packaging/windows/card.txt "
+            "--verbose &",
+            "printf '%s\\n' 'submit 310028' result 'control 310004 64 01000000' "
+            "'control 310030 4 02000000' 'control 310014 64 02000000080000000084000008' down | "
+            "wine bin/module_host_program.exe lib/zelta_vsc.dll",
+            "wineserver -k; rm -r wine-look",
+            "scripts/sign-windows.sh --new-certificate certificate "
+            "PACKAGE/zelta_vsc.dll PACKAGE/zelta-agent.exe PACKAGE/zelta-setup.exe",
+            "scripts/sign-windows.sh --certificate certificate/zelta-test.pem "
+            "--key certificate/zelta-test.key "
+            "PACKAGE/zelta_vsc.dll PACKAGE/zelta-agent.exe PACKAGE/zelta-setup.exe")},
     },
 }
 # What the package's tests run, in a copy of the system, with systemd or without.
@@ -74,6 +78,7 @@ MESSAGES_OF_OTHERS = {
 }
 PRODUCT = ("agent", "agent_link", "driver", "host", "pcsc", "reader")
 
+BLOCK_LIMIT = 120  # seconds
 # Follows until it is interrupted.
 STAYS = {"./zelta logs --level error", "./zelta trace", "./zelta trace --html page.html",
          "sudo zelta trace", "sudo zelta-logs"}
@@ -85,7 +90,8 @@ ASKS_FOR_THE_PIN = re.compile(r"curl ")
 NEW_PROFILE = "rm -rf PROFILE; mkdir PROFILE; certutil -N -d sql:PROFILE --empty-password"
 FIRST = {
     "sudo zelta card insert": "sudo zelta card remove",
-    "zelta-agent --db FOLDER --pin-file FILE": f"cp -r /var/lib/zelta/card FOLDER; echo {PIN} >FILE",
+    "zelta-agent --db FOLDER --pin-file FILE":
+        f"cp -r /var/lib/zelta/card FOLDER; echo {PIN} >FILE",
     "zelta-agent --backend script --script FILE": "cp packaging/windows/card.txt FILE",
     "zelta trace FILE": "timeout 1 zelta trace --save FILE || true",
     "modutil -dbdir sql:PROFILE -list": NEW_PROFILE,
@@ -187,7 +193,8 @@ class PagesTest(unittest.TestCase):
         (self.checkout / "build").mkdir(exist_ok=True)
         self.mount(self.checkout / "build", "-t", "tmpfs", "tmpfs")
         self.environment = dict(os.environ, HOME=str(self.new_folder("home")), LC_ALL="C.UTF-8",
-                                PATH=f"{self.programs}:{os.environ['PATH']}", CMAKE_GENERATOR="Ninja")
+                                PATH=f"{self.programs}:{os.environ['PATH']}",
+                                CMAKE_GENERATOR="Ninja")
         self.environment.pop("XDG_RUNTIME_DIR", None)
         self.addCleanup(run, "gpgconf", "--kill", "all", env=self.environment)
 
@@ -214,7 +221,8 @@ class PagesTest(unittest.TestCase):
         if command.text in STAYS:
             return f"status=0; timeout 1 {command.text} || status=$?; [ $status -eq 124 ]"
         if ASKS_FOR_THE_PIN.match(command.text):
-            return f"script --quiet --return --command {shlex.quote(command.source)} /dev/null <<<{PIN}"
+            asking = shlex.quote(command.source)
+            return f"script --quiet --return --command {asking} /dev/null <<<{PIN}"
         return command.source
 
     def run_block(self, block):
@@ -224,7 +232,8 @@ class PagesTest(unittest.TestCase):
             script += [FIRST.get(command.text, ""), f"printf '<<{number}>>\\n'",
                        self.source_of(command), THEN.get(command.text, "")]
         result = run("bash", "-c", "\n".join(script), check=False, cwd=self.checkout,
-                     env=self.environment, stdin=subprocess.DEVNULL, errors="backslashreplace")
+                     env=self.environment, stdin=subprocess.DEVNULL, errors="backslashreplace",
+                     timeout=BLOCK_LIMIT)
         answers = re.split(r"<<\d+>>\n", result.stdout)[1:]
         if result.returncode != 0:
             failed = block[len(answers) - 1] if answers else block[0]
@@ -335,7 +344,8 @@ class DocumentedPages(PagesTest):
         if "--pcsc-reader" in source:
             source = source.replace('"NAME"', "'Zelta Virtual SmartCard Reader 00 00'")
             variables = {"PCSCLITE_CSOCK_NAME": "/run/real/pcscd.comm"}
-        agent = self.start("bash", "-c", f"{FIRST.get(command.text, ':')}; exec {source}", **variables)
+        first = FIRST.get(command.text, ":")
+        agent = self.start("bash", "-c", f"{first}; exec {source}", **variables)
         try:
             self.wait_for_card()
         except AssertionError:

@@ -84,9 +84,5 @@ class Firefox:
     def go_to(self, url):
         self._ask("WebDriver:Navigate", url=url)
 
-    def evaluate(self, script, *words):
-        """What the script returns inside the page."""
-        return self._ask("WebDriver:ExecuteScript", script=script, args=words)["value"]
-
     def page(self):
         return self._ask("WebDriver:GetPageSource")["value"]

@@ -3,16 +3,19 @@
 Both machines are this one. The user at the driver is no more than a member of the group zelta.
 """
 
+import json
 import os
 import pathlib
 import shutil
 import signal
+import struct
 import sys
+import time
 import unittest
 
 import stack
 from sshd import FIRST_ID, Sshd, add_users
-from stack import AGENT, PIN, Process, StackTest, run, wait_until
+from stack import AGENT, BUILD, PIN, Process, StackTest, run, wait_until
 
 MEMBER, STRANGER = "cardholder", "stranger"
 HERE = pathlib.Path(__file__).parent
@@ -117,6 +120,35 @@ class CardElsewhere(RemoteTest):
                       self.sshd.log.read_text())
         self.assertIn("Connected to zelta-agent 1.", self.near_log())
 
+    def test_its_own_agent_is_asked_over_the_control_socket_that_it_was_given(self):
+        control = self.folder / "near.ctl"
+        self.stack.start_pcscd()
+        self.start_near(MEMBER, "--control", control)
+        self.stack.wait_for_card()
+
+        def ctl(*words):
+            return run(AGENT, "ctl", *words, "--control", control).stdout
+
+        run("opensc-tool", "--name")
+        status = json.loads(ctl("status", "--json"))
+        self.assertEqual((status["connected"], status["backend"], status["card"], status["reader"],
+                          status["reconnects"]), (True, "emulated", "in", 0, 0))
+        self.assertGreater(status["apdus"], 0)
+        ctl("remove")
+        wait_until(lambda: run("opensc-tool", "--atr", check=False).returncode != 0, "no card")
+        ctl("insert")
+        self.stack.wait_for_card()
+        shown = run(BUILD / "bin" / "zelta-status", "--control", control).stdout
+        self.assertIn("driver:    connected\nback end:  emulated\ncard:      in\n", shown)
+        trace = Process([BUILD / "bin" / "zelta-trace", "--control", control, "--count", "1"],
+                        self.folder / "trace.log", self.stack.environment)
+        wait_until(lambda: " reader 0, " in trace.log.read_text(), "the trace's beginning")
+        run("opensc-tool", "--send-apdu", "00A4040007A0000000790300")
+        self.assertEqual(trace.process.wait(stack.LIMIT), 0)
+        self.assertIn(" > ISO SELECT", trace.log.read_text())
+        self.near.end()
+        self.assertFalse(control.exists())
+
     def test_interrupt_ends_both_ends(self):
         self.start()
         # As from a terminal: everything that the agent has started gets it, too.
@@ -139,6 +171,48 @@ class CardElsewhere(RemoteTest):
         wait_until(lambda: self.near.process.poll() is not None, "the agent's end")
         self.assertEqual(self.near.process.returncode, 1)
         self.assertIn("zelta-agent is not installed there, or not in the PATH", self.near_log())
+
+
+    def test_agent_of_another_version_ends_the_program_and_both_are_named(self):
+        other = self.folder / "other"
+        other.mkdir()
+        hello = struct.pack("<IBI4sI", 16, 1, 0, b"ZLTA", 2) + b"9.9"
+        program = other / "zelta-agent"
+        program.write_text("#!/usr/bin/python3\nimport sys\n"
+                           f"sys.stdout.buffer.write({hello!r})\nsys.stdout.flush()\n"
+                           "sys.stdin.read()\n")
+        program.chmod(0o755)
+        self.start_sshd(other)
+        self.start_near()
+        wait_until(lambda: self.near.process.poll() is not None, "the agent's end")
+        self.assertEqual(self.near.process.returncode, 1)
+        self.assertRegex(self.near_log(),
+                         r"zelta-agent 9\.9 there speaks version 2 of the protocol, "
+                         r"zelta-agent 1\.\S+ here version 1; the two must be the same")
+
+
+class StalledRemoteLine(RemoteTest):
+    def test_late_answer_is_replaced_in_time_and_thrown_away(self):
+        self.start()
+        # It connects to pcscd when it is imported.
+        from smartcard import scard
+        context = scard.SCardEstablishContext(scard.SCARD_SCOPE_SYSTEM)[1]
+        self.addCleanup(scard.SCardReleaseContext, context)
+        result, card, protocol = scard.SCardConnect(context, READER, scard.SCARD_SHARE_SHARED,
+                                                    scard.SCARD_PROTOCOL_T0)
+        self.assertEqual(result, scard.SCARD_S_SUCCESS)
+        selected = scard.SCardTransmit(card, protocol, SELECT)
+        (self.folder / "stall").write_text("6")
+        begun = time.monotonic()
+        self.assertEqual(scard.SCardTransmit(card, protocol, SELECT),
+                         [scard.SCARD_S_SUCCESS, [0x6F, 0x00]])
+        self.assertLess(time.monotonic() - begun, 5)
+        # The late answer, which comes before this one's, would be another.
+        self.assertEqual(scard.SCardTransmit(card, protocol, [0x00, 0xFF, 0x00, 0x00]),
+                         [scard.SCARD_S_SUCCESS, [0x6D, 0x00]])
+        self.assertEqual(scard.SCardTransmit(card, protocol, SELECT), selected)
+        self.assertFalse((self.folder / "stall").exists())
+        self.assertEqual(self.near_log().count("Connected to zelta-agent"), 1)
 
 
 class BrokenRemoteLine(RemoteTest):

@@ -20,7 +20,8 @@ NEEDS_MOUNTS = (
     "DebianService.test_confined_agent_signs", "DebianUpgrade", "DocumentedInstallation",
     "DocumentedPages", "EndToEnd.test_every_key_signs_and_openssl_verifies",
     "Examples.test_agent_on_one_page", "FullDisk", "GnupgPkcs11Scd", "OpenscTool", "PcscdEndTest",
-    "ReadmePage", "ReaderComesBack", "Soak.test_each_disturbance_once_under_load_leaves_every_answer_right",
+    "ReadmePage", "ReaderComesBack",
+    "Soak.test_each_disturbance_once_under_load_leaves_every_answer_right",
     "Ssh.test_wrong_pin_is_no_login", "Tstclnt", "ZeltaCommand.test_bad_use_is_refused")
 LIMIT = 280  # seconds
 RESULT = re.compile(r"Test +#\d+: (\S+) \.+ *(Passed|\*\*\*\S+(?: \w+)?)")

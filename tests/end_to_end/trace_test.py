@@ -4,18 +4,21 @@ import json
 import os
 import re
 import signal
-import subprocess
+import struct
+import sys
 import unittest
 
 import stack
-from firefox import Firefox
-from stack import AGENT, BUILD, PIN, CardTest, Process, StackTest, run, wait_until
+from stack import AGENT, BUILD, PIN, SOURCE, CardTest, Process, StackTest, run, wait_until
+
+sys.path.insert(0, str(SOURCE / "scripts"))
+import chromium  # noqa: E402  (its folder is known from here on)
 
 STATUS = BUILD / "bin" / "zelta-status"
 TRACE = BUILD / "bin" / "zelta-trace"
 PIN_DIGITS = PIN.encode().hex().upper()
 MASKED = "*" * len(PIN_DIGITS)
-SAMPLE = stack.SOURCE / "tests" / "tools" / "trace" / "sample.jsonl"
+SAMPLE = SOURCE / "tests" / "tools" / "trace" / "sample.jsonl"
 
 
 def records(path):
@@ -71,6 +74,80 @@ class Status(CardTest):
         self.assertEqual(missing.returncode, 1)
         self.assertIn(f"agent:     no agent is running at {self.folder}/none\n", missing.stdout)
         self.assertIn("state:     ", missing.stdout)
+
+
+class StatusAmongOthers(StackTest):
+    """Beside two readers of another handler, one with a name that begins as ours."""
+
+    def setUp(self):
+        super().setUp()
+        readers = self.stack.folder / "reader.conf.d"
+        for name, device in (("Null", "null:0"), ("Zelta Virtual SmartCard Reader too", "null:1")):
+            (readers / device).write_text(f'FRIENDLYNAME "{name}"\nDEVICENAME {device}\n'
+                                          f'LIBPATH {BUILD / "lib" / "libifdnull.so"}\n')
+        script = self.stack.folder / "script"
+        script.write_text("atr 3B00\notherwise 9000\n")
+        self.stack.start_pcscd()
+        self.stack.run_agent("--backend", "script", "--script", script)
+        self.name = self.wait_for("negotiable|specific|powered|present")["name"]
+
+    def status(self, *options):
+        return run(STATUS, "--control", self.stack.control, *options, env=self.stack.environment,
+                   check=False).stdout
+
+    def wait_for(self, state):
+        found = {}
+
+        def is_so():
+            found.update(json.loads(self.status("--json")))
+            return re.fullmatch(state, found["state"] or "")
+        wait_until(is_so, state)
+        return found
+
+    def connect(self, name, mode):
+        # It connects to pcscd when it is imported.
+        from smartcard import scard
+        context = scard.SCardEstablishContext(scard.SCARD_SCOPE_SYSTEM)[1]
+        self.addCleanup(scard.SCardReleaseContext, context)
+        result, card, protocol = scard.SCardConnect(context, name, getattr(scard, mode),
+                                                    scard.SCARD_PROTOCOL_T0)
+        self.assertEqual(result, scard.SCARD_S_SUCCESS)
+
+        def transmit():
+            self.assertEqual(scard.SCardTransmit(card, protocol, [0, 0xB0, 0, 0, 1]),
+                             [scard.SCARD_S_SUCCESS, [0x90, 0x00]])
+        return scard, card, transmit
+
+    def test_the_agents_reader_is_told_from_another_of_nearly_its_name(self):
+        listed = run("opensc-tool", "--list-readers").stdout
+        self.assertEqual(listed.count("Zelta Virtual SmartCard Reader"), 2, listed)
+        self.stack.ctl("remove")
+        self.wait_for("absent")
+        after = run("opensc-tool", "--list-readers").stdout
+        [changed] = set(after.splitlines()) - set(listed.splitlines())
+        self.assertTrue(changed.endswith(f" {self.name}"), changed)
+        self.assertIn("name:      - (pcscd lists no such reader)", self.status("--reader", "1"))
+
+    def test_program_that_has_the_reader_for_itself_keeps_it_and_its_card(self):
+        scard, card, transmit = self.connect(self.name, "SCARD_SHARE_EXCLUSIVE")
+        watch = Process([STATUS, "--control", self.stack.control, "--watch"],
+                        self.stack.folder / "watch.log", self.stack.environment)
+        self.addCleanup(watch.end)
+        for _ in range(3):
+            text = self.status()
+            self.assertIn("state:     present\n"
+                          "protocol:  - (a program has the reader for itself)\n", text)
+            transmit()  # neither refused nor told of a reset
+        scard.SCardDisconnect(card, scard.SCARD_LEAVE_CARD)
+        self.wait_for("negotiable|specific|powered")
+
+    def test_transaction_of_a_program_is_not_waited_for(self):
+        scard, card, transmit = self.connect(self.name, "SCARD_SHARE_SHARED")
+        self.assertEqual(scard.SCardBeginTransaction(card), scard.SCARD_S_SUCCESS)
+        self.assertIn(f"name:      {self.name}\n", self.status())
+        transmit()
+        self.assertEqual(scard.SCardEndTransaction(card, scard.SCARD_LEAVE_CARD),
+                         scard.SCARD_S_SUCCESS)
 
 
 class Trace(CardTest):
@@ -175,18 +252,20 @@ class Record(StackTest):
         self.assertIn("none/x cannot be written", refused.stdout)
 
 
+def size_of(picture):
+    """Width and height of a PNG in pixels."""
+    return struct.unpack(">8x4x4sII", picture[:24])[1:] if picture[1:4] == b"PNG" else None
+
+
+@unittest.skipUnless(chromium.is_installed(), "chromium is not installed")
 class Page(StackTest):
-    """The page of a saved trace, run in Firefox."""
+    """The page of a saved trace, run in Chromium."""
 
     def setUp(self):
         super().setUp()
-        folder = self.stack.folder
-        self.page = folder / "page.html"
+        self.page = self.stack.folder / "page.html"
         run(TRACE, SAMPLE, "--html", self.page)
-        (folder / "profile").mkdir()
-        self.browser = Firefox(folder / "profile", folder)
-        self.addCleanup(self.browser.close)
-        self.browser.go_to(self.page.as_uri())
+        self.browser = self.enterContext(chromium.Chromium(self.page.as_uri(), 1000, 800))
 
     def count(self, selector):
         return self.browser.evaluate(
@@ -229,6 +308,14 @@ class Page(StackTest):
             "return document.getElementById('summary').textContent;"))
         self.assertEqual(self.browser.evaluate(
             "return performance.getEntriesByType('resource').length;"), 0)
+
+    def test_picture_in_the_docs_is_made_by_its_script(self):
+        picture = self.stack.folder / "trace.png"
+        run(SOURCE / "scripts" / "trace_screenshot.py", picture)
+        self.assertEqual(size_of(picture.read_bytes()),
+                         size_of((SOURCE / "docs" / "trace.png").read_bytes()))
+        # A page on which nothing is drawn makes a far smaller file.
+        self.assertGreater(picture.stat().st_size, 30000)
 
 
 if __name__ == "__main__":

@@ -26,6 +26,7 @@ TEST_F(CancelTest, MarkedRequestIsHandedToTheCallbackOnTheCancellingThread) {
   EXPECT_EQ(operation->result().status, kCancelledStatus);
   EXPECT_EQ(counter(fake::kCancels), 1u);
   EXPECT_EQ(counter(fake::kCancelsWhileMarking), 0u);
+  EXPECT_EQ(counter(fake::kUnmarkedInCancel), 0u);
 }
 
 TEST_F(CancelTest, SecondCancelIsNotHandedOn) {
@@ -51,6 +52,7 @@ TEST_F(CancelTest, RequestCancelledBeforeItIsMarkedIsCancelledByMarkingIt) {
   ASSERT_TRUE(operation->completed());
   EXPECT_EQ(operation->result().status, kCancelledStatus);
   EXPECT_EQ(counter(fake::kCancelsWhileMarking), 1u);
+  EXPECT_EQ(counter(fake::kUnmarkedInCancel), 0u);
   EXPECT_THAT(releaseWaiting(), ElementsAre(0u, 0u));
 }
 

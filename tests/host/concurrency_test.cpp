@@ -33,17 +33,19 @@ TEST_F(ConcurrencyTest, ControlIsDispatchedOnItsCallersThread) {
 }
 
 // As the operating system's own host calls a driver with the device-level locking constraint.
-class SerialisedCallbacksTest : public HostTest {
+class SerialisedCallbacksTest : public HostTest, public testing::WithParamInterface<bool> {
  protected:
   void SetUp() override {
+    const bool byEnvironment = GetParam();
+    const test::ScopedVariable variable("ZELTA_HOST_SERIALISE", byEnvironment ? "1" : "0");
     HostOptions serialising = options();
-    serialising.serialiseCallbacks = true;
+    serialising.serialiseCallbacks = !byEnvironment;
     host_ = DriverHost::load(FAKE_DRIVER, serialising);
     start();
   }
 };
 
-TEST_F(SerialisedCallbacksTest, DispatchAndCancelCallbacksComeOneAtATime) {
+TEST_P(SerialisedCallbacksTest, DispatchAndCancelCallbacksComeOneAtATime) {
   std::vector<std::thread> callers;
   for (int caller = 0; caller < 2; ++caller) {
     callers.emplace_back([this] {
@@ -62,7 +64,16 @@ TEST_F(SerialisedCallbacksTest, DispatchAndCancelCallbacksComeOneAtATime) {
   EXPECT_THAT(errors(), IsEmpty());
 }
 
-TEST_F(SerialisedCallbacksTest, CallbackWhileMarking_NeedsNoTurnOfItsOwn) {
+TEST_P(SerialisedCallbacksTest, CallbackThatWaitsForAnother_WaitsUntilTheTearDown) {
+  auto waiting = controlOnThread(fake::kBlocked, numbers({1}));
+  auto other = controlOnThread(fake::kBlock);
+  EXPECT_EQ(waiting.wait_for(100ms), std::future_status::timeout);
+  host_->tearDown();
+  waiting.get();
+  other.get();
+}
+
+TEST_P(SerialisedCallbacksTest, CallbackWhileMarking_NeedsNoTurnOfItsOwn) {
   const auto operation = submit(fake::kKeepUnmarked);
   operation->cancel();
   control(fake::kMarkKept);
@@ -70,7 +81,7 @@ TEST_F(SerialisedCallbacksTest, CallbackWhileMarking_NeedsNoTurnOfItsOwn) {
   EXPECT_EQ(operation->result().status, kCancelledStatus);
 }
 
-TEST_F(SerialisedCallbacksTest, TearDown_EndsTheCallbackThatHoldsUpTheOthers) {
+TEST_P(SerialisedCallbacksTest, TearDown_EndsTheCallbackThatHoldsUpTheOthers) {
   const auto waiting = submit(fake::kWait);
   std::vector<std::future<IoResult>> blocked;
   for (int i = 0; i < 3; ++i) blocked.push_back(controlOnThread(fake::kBlock));
@@ -80,6 +91,10 @@ TEST_F(SerialisedCallbacksTest, TearDown_EndsTheCallbackThatHoldsUpTheOthers) {
   for (auto& caller : blocked) caller.get();
   EXPECT_EQ(waiting->result().status, kCancelledStatus);
 }
+
+INSTANTIATE_TEST_SUITE_P(AskedFor, SerialisedCallbacksTest, testing::Bool(), [](const auto& each) {
+  return each.param ? "InTheEnvironment" : "InTheOptions";
+});
 
 }  // namespace
 }  // namespace zelta::host

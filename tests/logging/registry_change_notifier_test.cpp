@@ -1,5 +1,6 @@
 #include "logging/registry_change_notifier.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -60,12 +61,7 @@ class RegistryChangeNotifierTest : public ::testing::Test {
   }
   std::unique_ptr<RegistryChangeNotifier> make() { return make(callback()); }
   void expectRefused(const std::string& text) {
-    try {
-      make();
-      ADD_FAILURE() << "made, though: " << text;
-    } catch (const std::runtime_error& error) {
-      EXPECT_EQ(error.what(), text);
-    }
+    EXPECT_THAT([this] { make(); }, testing::ThrowsMessage<std::runtime_error>(text));
     expectAllClosed();
   }
   // Changes the value and waits until the thread has dealt with it.

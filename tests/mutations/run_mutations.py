@@ -15,7 +15,10 @@ import time
 from mutations import MUTATIONS
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-LIMIT = 180  # seconds that a program's tests may take; mutations may hang
+# Mutations may hang: their tests may take this many seconds, or this many times what they take if
+# nothing is broken, whichever is more.
+PATIENCE = 45
+PATIENCE_FACTOR = 5
 
 
 def read(path):
@@ -66,13 +69,13 @@ class Copy:
         if done.returncode != 0:
             raise RuntimeError(done.stdout.decode(errors="replace")[-3000:])
 
-    def failed_tests(self, program, tests):
+    def failed_tests(self, program, tests, limit=600):
         """What failed; empty if everything passed. Raises if no test ran."""
         command = [os.path.join(self.build, "bin", program), f"--gtest_filter={tests}",
                    "--gtest_fail_fast", "--gtest_brief=1"]
         try:
             done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                                  timeout=LIMIT)
+                                  timeout=limit)
         except subprocess.TimeoutExpired:
             return "the tests do not end"
         lines = done.stdout.decode(errors="replace").splitlines()
@@ -85,7 +88,7 @@ class Copy:
         return failed[0].rstrip(",") if failed else f"{program} ended with {done.returncode}"
 
 
-def try_mutation(copy, mutation):
+def try_mutation(copy, mutation, limit):
     """What the suite noticed; empty if nothing."""
     path = os.path.join(copy.source, mutation.file)
     original = read(path)
@@ -95,7 +98,7 @@ def try_mutation(copy, mutation):
     write(path, original.replace(mutation.old, mutation.new))
     try:
         copy.compile([mutation.program])
-        return copy.failed_tests(mutation.program, mutation.tests)
+        return copy.failed_tests(mutation.program, mutation.tests, limit)
     finally:
         write(path, original)
 
@@ -119,15 +122,18 @@ def main():
     copy.update()
     copy.configure()
     copy.compile({mutation.program for mutation in chosen})
+    limits = {}
     for program, tests in sorted({(mutation.program, mutation.tests) for mutation in chosen}):
+        begin = time.monotonic()
         noticed = copy.failed_tests(program, tests)
         if noticed:
             sys.exit(f"{program}, not broken: {noticed}")
+        limits[program, tests] = max(PATIENCE, PATIENCE_FACTOR * (time.monotonic() - begin))
     failed = 0
     for mutation in chosen:
         begin = time.monotonic()
         try:
-            noticed = try_mutation(copy, mutation)
+            noticed = try_mutation(copy, mutation, limits[mutation.program, mutation.tests])
             verdict = f"caught by {noticed}" if noticed else f"SURVIVED: {mutation.rule}"
         except RuntimeError as problem:
             noticed, verdict = "", f"not tried: {problem}"

@@ -121,5 +121,21 @@ TEST_F(ChannelTableTest, Close_WaitsForTheCallsThatAreInsideAndLetsNoneIn) {
   EXPECT_EQ(call.get(), IFD_SUCCESS);
 }
 
+TEST_F(ChannelTableTest, CloseThatWaitsForItsPresenceThread_HoldsUpNoOtherChannel) {
+  ASSERT_EQ(table_.open(kOtherLun, 1), IFD_SUCCESS);
+  reader_->holdDispatch(IOCTL_SMARTCARD_IS_PRESENT, true);
+  ASSERT_EQ(table_.open(kLun, 0), IFD_SUCCESS);
+  ASSERT_TRUE(reader_->waitForCount(IOCTL_SMARTCARD_IS_PRESENT, 1));
+  auto closed = std::async(std::launch::async, [this] { return table_.close(kLun); });
+  EXPECT_EQ(closed.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  auto used = std::async(std::launch::async, [this] {
+    return ChannelTable::Use(table_, kOtherLun).channel()->presence();
+  });
+  EXPECT_EQ(used.wait_for(FakeReader::kLimit), std::future_status::ready);
+  reader_->holdDispatch(IOCTL_SMARTCARD_IS_PRESENT, false);
+  EXPECT_EQ(closed.get(), IFD_SUCCESS);
+  EXPECT_EQ(used.get(), IFD_ICC_NOT_PRESENT);
+}
+
 }  // namespace
 }  // namespace zelta::pcsc

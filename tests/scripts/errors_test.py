@@ -105,7 +105,8 @@ class OrdinaryUser(CheckoutTest):
         self.assertEqual(output,
                          f"zelta-agent: no agent is running at {self.folder}/zelta-agent77.ctl, "
                          "/run/zelta/agent77.ctl, /run/zelta-agent77/control; to start the "
-                         "service: sudo systemctl start zelta-agent@77\n")
+                         "service: sudo systemctl start zelta-agent@77; an agent with --to "
+                         "answers at the path of its --control only\n")
 
     def test_control_path_without_an_agent_is_named(self):
         (self.folder / "file").touch()

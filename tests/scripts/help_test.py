@@ -15,6 +15,7 @@ COMMANDS = [
     [SOURCE / "scripts" / "fuzz.sh"],
     [SOURCE / "scripts" / "lint.sh"],
     [SOURCE / "scripts" / "make-demo-db.sh"],
+    [SOURCE / "scripts" / "sign-windows.sh"],
     [SOURCE / "packaging" / "zelta"],
     [SOURCE / "packaging" / "zelta", "card"],
     [BIN / "zelta-agent"],

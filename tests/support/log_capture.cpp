@@ -21,6 +21,7 @@ struct Captured {
   bool hasLogger = false;
   int shutDowns = 0;
   bool shutDownFails = false;
+  std::function<void()> shutDownHook;
   std::size_t recordsAtShutDown = 0;
 };
 
@@ -141,6 +142,9 @@ std::vector<ByteDump> LogCapture::byteDumps() const {
 void LogCapture::setHook(std::function<void(const LogRecord&)> hook) {
   withCaptured([&](Captured&) { store().hook = std::move(hook); });
 }
+void LogCapture::setShutDownHook(std::function<void()> hook) {
+  withCaptured([&](Captured& all) { all.shutDownHook = std::move(hook); });
+}
 
 }  // namespace zelta::test
 
@@ -164,12 +168,15 @@ void setSessionLogId(const std::string& id) {
 }
 
 void shutDownLogging() {
-  withCaptured([](Captured& all) {
+  std::function<void()> hook;
+  withCaptured([&hook](Captured& all) {
+    hook = all.shutDownHook;
     if (all.shutDownFails) throw std::runtime_error("a thread cannot be joined");
     all.hasLogger = false;
     ++all.shutDowns;
     all.recordsAtShutDown = all.records.size();
   });
+  if (hook) hook();
 }
 
 bool hasLogger() {

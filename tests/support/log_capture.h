@@ -62,6 +62,8 @@ class LogCapture {
   std::size_t recordsAtShutDown() const;
   // Lets shutting the logger down fail from now on.
   void failShutDown();
+  // Called while the logger is being shut down. An empty hook ends that.
+  void setShutDownHook(std::function<void()> hook);
   std::vector<ByteDump> byteDumps() const;
 
   // Called on the logging thread for every record, after it was stored. Its exceptions leave the

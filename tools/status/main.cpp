@@ -52,18 +52,19 @@ void askAgent(const Options& options, status::View& view) {
   }
 }
 
-status::View look(const Options& options) {
+status::View look(const Options& options, status::VirtualReader& reader) {
   status::View view;
   askAgent(options, view);
-  view.pcsc = status::lookAtReader(options.agent.reader);
+  view.pcsc = reader.look();
   view.logFile = newestLog();
   return view;
 }
 
 int show(const Options& options) {
   std::string shown;
+  status::VirtualReader reader(options.agent.reader);
   for (;;) {
-    const status::View view = look(options);
+    const status::View view = look(options, reader);
     const std::string text = options.json ? reportJson(view) : reportText(view);
     if (text != shown) {
       const bool clears = options.watch && !options.json && isatty(STDOUT_FILENO) != 0;

@@ -1,9 +1,17 @@
 #include "tools/status/pcsc_view.h"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <winscard.h>
 
 #include <array>
-#include <vector>
+#include <utility>
+
+#include "contract/attributes.h"
+#include "platform/files/scoped_fd_linux.h"
 
 namespace zelta::status {
 
@@ -11,6 +19,10 @@ namespace {
 
 // The name that the reader's entry in pcscd's configuration gives it; pcscd numbers several.
 constexpr char kNameBegin[] = "Zelta Virtual SmartCard Reader";
+constexpr char kTaken[] = "a program has the reader for itself";
+constexpr int kOpenLimit = 1000;  // milliseconds
+// What pcscd does by itself, as switching off a card that nobody uses, is no change to it.
+constexpr std::chrono::seconds kLookAgain{10};
 
 struct StateName {
   DWORD flag;
@@ -39,11 +51,32 @@ class Context {
   LONG result_;
 };
 
-std::vector<std::string> virtualReaders(const Context& context) {
+// The reader, opened without its card; others go on using it.
+class OpenReader {
+ public:
+  OpenReader(SCARDCONTEXT context, const std::string& name) {
+    DWORD protocol = 0;
+    result_ = SCardConnect(context, name.c_str(), SCARD_SHARE_DIRECT, 0, &handle_, &protocol);
+  }
+  ~OpenReader() {
+    if (result_ == SCARD_S_SUCCESS) SCardDisconnect(handle_, SCARD_LEAVE_CARD);
+  }
+  OpenReader(const OpenReader&) = delete;
+  OpenReader& operator=(const OpenReader&) = delete;
+
+  LONG result() const { return result_; }
+  SCARDHANDLE get() const { return handle_; }
+
+ private:
+  SCARDHANDLE handle_ = 0;
+  LONG result_;
+};
+
+std::vector<std::string> virtualReaders(SCARDCONTEXT context) {
   DWORD size = 0;
-  if (SCardListReaders(context.get(), nullptr, nullptr, &size) != SCARD_S_SUCCESS) return {};
+  if (SCardListReaders(context, nullptr, nullptr, &size) != SCARD_S_SUCCESS) return {};
   std::vector<char> names(size);
-  if (SCardListReaders(context.get(), nullptr, names.data(), &size) != SCARD_S_SUCCESS) return {};
+  if (SCardListReaders(context, nullptr, names.data(), &size) != SCARD_S_SUCCESS) return {};
   std::vector<std::string> found;
   for (const char* name = names.data(); *name != '\0'; name += std::string(name).size() + 1) {
     if (std::string(name).rfind(kNameBegin, 0) == 0) found.emplace_back(name);
@@ -51,53 +84,132 @@ std::vector<std::string> virtualReaders(const Context& context) {
   return found;
 }
 
-void look(const Context& context, PcscView& view) {
-  SCARDHANDLE card = 0;
-  DWORD protocol = 0;
-  const LONG connected =
-      SCardConnect(context.get(), view.reader.c_str(), SCARD_SHARE_DIRECT, 0, &card, &protocol);
-  if (connected != SCARD_S_SUCCESS) {
-    view.problem = pcsc_stringify_error(connected);
-    return;
-  }
+// State, counter and ATR, which the service gives without opening the reader.
+SCARD_READERSTATE stateOf(SCARDCONTEXT context, const std::string& name) {
+  SCARD_READERSTATE state{};
+  state.szReader = name.c_str();
+  const LONG result = SCardGetStatusChange(context, 0, &state, 1);
+  if (result != SCARD_S_SUCCESS) state.dwEventState = SCARD_STATE_UNAVAILABLE;
+  return state;
+}
+
+// What only an open reader tells.
+struct Inside {
+  LONG result = SCARD_E_SHARING_VIOLATION;
   DWORD state = 0;
-  std::array<BYTE, MAX_ATR_SIZE> atr{};
-  DWORD atrSize = atr.size();
+  DWORD protocol = 0;
+  bool hasIndex = false;    // a reader of the driver's
+  std::uint32_t index = 0;  // that the driver gives it
+};
+
+Inside openAndLook(const std::string& name) {
+  Inside inside;
+  const Context context;
+  const OpenReader reader(context.get(), name);
+  inside.result = reader.result();
+  if (inside.result != SCARD_S_SUCCESS) return inside;
+  DWORD size = sizeof inside.index;
+  inside.hasIndex =
+      SCardGetAttrib(reader.get(), zelta::SCARD_ATTR_DEVICE_UNIT,
+                     reinterpret_cast<BYTE*>(&inside.index), &size) == SCARD_S_SUCCESS &&
+      size == sizeof inside.index;
   DWORD nameSize = 0;
-  const LONG looked =
-      SCardStatus(card, nullptr, &nameSize, &state, &protocol, atr.data(), &atrSize);
-  SCardDisconnect(card, SCARD_LEAVE_CARD);
-  if (looked != SCARD_S_SUCCESS && looked != SCARD_E_INSUFFICIENT_BUFFER) {
-    view.problem = pcsc_stringify_error(looked);
+  DWORD atrSize = 0;
+  inside.result = SCardStatus(reader.get(), nullptr, &nameSize, &inside.state, &inside.protocol,
+                              nullptr, &atrSize);
+  if (inside.result == SCARD_E_INSUFFICIENT_BUFFER) inside.result = SCARD_S_SUCCESS;
+  return inside;
+}
+
+// In a process of its own, which can be ended: the service lets who opens a reader wait, however
+// long, for the end of another program's transaction.
+Inside lookInside(const std::string& name) {
+  Inside inside;
+  std::array<int, 2> ends{};
+  if (pipe2(ends.data(), O_CLOEXEC) != 0) return inside;
+  const platform::ScopedFd reading(ends[0]);
+  platform::ScopedFd writing(ends[1]);
+  const pid_t child = fork();
+  if (child == 0) {
+    const Inside seen = openAndLook(name);
+    _exit(write(writing.get(), &seen, sizeof seen) == sizeof seen ? 0 : 1);
+  }
+  writing.reset();
+  pollfd wait{reading.get(), POLLIN, 0};
+  Inside seen;
+  if (poll(&wait, 1, kOpenLimit) == 1 && read(reading.get(), &seen, sizeof seen) == sizeof seen) {
+    inside = seen;
+  }
+  if (child > 0) {
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+  }
+  return inside;
+}
+
+bool isTaken(LONG result) { return result == SCARD_E_SHARING_VIOLATION; }
+
+void addInside(const Inside& inside, PcscView& view) {
+  if (inside.result != SCARD_S_SUCCESS) {
+    view.problem = isTaken(inside.result) ? kTaken : pcsc_stringify_error(inside.result);
     return;
   }
   for (const StateName& known : kStates) {
-    if ((state & known.flag) == 0) continue;
+    if ((inside.state & known.flag) == 0) continue;
     view.state = known.name;
     break;
   }
-  if (protocol == SCARD_PROTOCOL_T0) view.protocol = "T=0";
-  if (protocol == SCARD_PROTOCOL_T1) view.protocol = "T=1";
-  view.atr.assign(atr.data(), atr.data() + atrSize);
+  if (inside.protocol == SCARD_PROTOCOL_T0) view.protocol = "T=0";
+  if (inside.protocol == SCARD_PROTOCOL_T1) view.protocol = "T=1";
 }
 
 }  // namespace
 
-PcscView lookAtReader(std::uint32_t index) {
+VirtualReader::VirtualReader(std::uint32_t index) : index_(index) {}
+
+std::string VirtualReader::findIn(const std::vector<std::string>& readers, std::string& problem) {
+  if (readers == listed_ && !name_.empty()) return name_;
+  listed_ = readers;
+  std::vector<std::string> taken;
+  for (const std::string& reader : readers) {
+    const Inside inside = lookInside(reader);
+    if (inside.hasIndex && inside.index == index_) return name_ = reader;
+    if (isTaken(inside.result)) taken.push_back(reader);
+  }
+  // One that cannot be asked is the one that is left, if there are so many.
+  if (taken.size() == 1 && index_ < readers.size()) return taken.front();
+  problem = taken.empty() ? "pcscd lists no such reader" : kTaken;
+  return name_ = {};
+}
+
+PcscView VirtualReader::look() {
   PcscView view;
   const Context context;
   if (context.result() != SCARD_S_SUCCESS) {
     view.problem = pcsc_stringify_error(context.result());
     return view;
   }
-  const std::vector<std::string> readers = virtualReaders(context);
-  if (index >= readers.size()) {
-    view.problem = "pcscd lists no such reader";
-    return view;
+  view.reader = findIn(virtualReaders(context.get()), view.problem);
+  if (view.reader.empty()) return view;
+  const SCARD_READERSTATE state = stateOf(context.get(), view.reader);
+  const auto now = std::chrono::steady_clock::now();
+  if (last_.reader == view.reader && seen_ == state.dwEventState && now - opened_ < kLookAgain) {
+    return last_;
   }
-  view.reader = readers[index];
-  look(context, view);
-  return view;
+  seen_ = state.dwEventState;
+  opened_ = now;
+  view.atr.assign(state.rgbAtr, state.rgbAtr + state.cbAtr);
+  if ((state.dwEventState & SCARD_STATE_PRESENT) == 0) {
+    view.state = "absent";
+  } else {
+    view.state = "present";
+    if ((state.dwEventState & SCARD_STATE_EXCLUSIVE) != 0) {
+      view.problem = kTaken;
+    } else {
+      addInside(lookInside(view.reader), view);
+    }
+  }
+  return last_ = view;
 }
 
 }  // namespace zelta::status

@@ -1,8 +1,10 @@
 // What the PC/SC service says of a virtual reader.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "contract/bytes.h"
 
@@ -17,7 +19,26 @@ struct PcscView {
   Bytes atr;
 };
 
-// Asks without touching the card. Blocks for as long as the service takes.
-PcscView lookAtReader(std::uint32_t index);
+// One of the service's readers. Looks without touching the card and without making anybody wait: it
+// opens the reader only if a card is in that no program has for itself, and in a row of looks only
+// after a change or a while. For a program with one thread.
+class VirtualReader {
+ public:
+  explicit VirtualReader(std::uint32_t index);
+
+  // Takes a second if somebody has a transaction.
+  PcscView look();
+
+ private:
+  // Its name; empty, with the reason in `problem`, if it is not among these.
+  std::string findIn(const std::vector<std::string>& readers, std::string& problem);
+
+  const std::uint32_t index_;
+  std::vector<std::string> listed_;  // when `name_` was found
+  std::string name_;
+  unsigned long seen_ = 0;  // its state and counter, at the last look
+  std::chrono::steady_clock::time_point opened_;
+  PcscView last_;
+};
 
 }  // namespace zelta::status

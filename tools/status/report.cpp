@@ -52,7 +52,9 @@ std::string reportText(const View& view) {
   if (!agent.empty()) text += row("reader", textOf(agent, "reader"));
   text += row("name", withProblem(view.pcsc.reader, view.pcsc.problem));
   text += row("state", withProblem(view.pcsc.state, view.pcsc.problem));
-  text += row("protocol", view.pcsc.protocol);
+  text += row("protocol", view.pcsc.state.empty() || view.pcsc.state == "absent"
+                              ? view.pcsc.protocol
+                              : withProblem(view.pcsc.protocol, view.pcsc.problem));
   if (!agent.empty()) {
     text += row("driver", textOf(agent, "connected") == "true" ? "connected" : "not connected");
     text += row("back end", textOf(agent, "backend"));

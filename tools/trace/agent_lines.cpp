@@ -54,8 +54,9 @@ std::string agentProblem(const AgentPlace& place, int error) {
            "with sudo";
   }
   if (error == ENOENT || error == ECONNREFUSED) {
-    const std::string start =
-        "; to start the service: sudo systemctl start zelta-agent@" + std::to_string(place.reader);
+    const std::string start = "; to start the service: sudo systemctl start zelta-agent@" +
+                              std::to_string(place.reader) +
+                              "; an agent with --to answers at the path of its --control only";
     return "no agent is running at " + tried + (place.control.empty() ? start : std::string());
   }
   return tried + ": " + std::generic_category().message(error);

@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include "agent/control/control.h"
+#include "agent/program/agent.h"
 #include "contract/control.h"
 #include "tests/doubles/agent/held_card.h"
 #include "tests/support/fuzz_input.h"

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sddl.h>
 
+#include <array>
 #include <future>
 #include <memory>
 #include <stdexcept>
@@ -70,16 +71,16 @@ TEST_F(ControlPipe, Clients_AreAnsweredOneAfterTheOther) {
 
 TEST_F(ControlPipe, ManyClientsAtOnce_AreAllAnswered) {
   const auto server = serve();
-  std::vector<std::future<std::string>> answers;
-  for (int i = 0; i < 20; ++i) {
-    answers.push_back(std::async(std::launch::async, [this] { return askAgent({name_}, "x\n"); }));
+  std::array<std::future<std::string>, 20> answers;
+  for (auto& answer : answers) {
+    answer = std::async(std::launch::async, [this] { return askAgent({name_}, "x\n"); });
   }
   for (auto& answer : answers) EXPECT_EQ(answer.get(), "<x>");
 }
 
 TEST_F(ControlPipe, LongestAnswer_ArrivesWhole) {
   const std::string longest(kLongestControlAnswer, 'x');
-  const auto server = serve([&](const std::string&) { return longest; });
+  const auto server = serve([&](const std::string&) { return std::string(longest); });
   EXPECT_EQ(askAgent({name_}, "x\n"), longest);
 }
 

@@ -1,16 +1,16 @@
 #include "agent/control/control_socket.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -19,8 +19,8 @@
 
 #include "contract/control.h"
 #include "platform/files/scoped_fd_linux.h"
-#include "platform/pipe/socket_place_linux.h"
 #include "tests/agent/running_agent.h"
+#include "tests/support/raw_socket_linux.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::agent {
@@ -31,29 +31,35 @@ using test::TempFolder;
 
 std::string echo(const std::string& line) { return "<" + line + ">"; }
 
-// A raw client.
 ScopedFd connectTo(const std::string& path) {
-  ScopedFd client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  EXPECT_EQ(platform::connectToPath(client, path), 0);
+  ScopedFd client;
+  EXPECT_EQ(test::connectSocket(path, &client), 0);
   return client;
 }
 
-std::string readAll(const ScopedFd& client) {
+void sendAll(const ScopedFd& client, const std::string& text) {
+  EXPECT_EQ(send(client.get(), text.data(), text.size(), MSG_NOSIGNAL),
+            static_cast<ssize_t>(text.size()));
+}
+
+std::string readLines(const ScopedFd& client, int count) {
   std::string text;
   char c = 0;
-  while (read(client.get(), &c, 1) == 1) text += c;
+  while (count > 0 && read(client.get(), &c, 1) == 1) {
+    text += c;
+    if (c == '\n') --count;
+  }
   return text;
 }
 
-// What the call throws.
-template <typename Call>
-std::string problemOf(Call call) {
-  try {
-    call();
-  } catch (const std::runtime_error& error) {
-    return error.what();
-  }
-  return "nothing thrown";
+std::string readAll(const ScopedFd& client) {
+  return readLines(client, std::numeric_limits<int>::max());
+}
+
+// That the path cannot be served, for this reason.
+void expectRefused(const std::string& path, const std::string& problem) {
+  EXPECT_THAT([&] { openControlServer(path, echo, test::failTest); },
+              testing::ThrowsMessage<std::runtime_error>(problem));
 }
 
 class ControlSocket : public testing::Test {
@@ -81,20 +87,13 @@ TEST_F(ControlSocket, Socket_IsForItsOwnerOnlyAndGoesWithTheServer) {
 
 TEST_F(ControlSocket, LiveSocket_IsLeftToItsAgent) {
   const auto server = openControlServer(path_, echo, test::failTest);
-  EXPECT_EQ(problemOf([&] { openControlServer(path_, echo, test::failTest); }),
-            "another agent is running: it has the control path " + path_);
+  expectRefused(path_, "another agent is running: it has the control path " + path_);
   EXPECT_EQ(askAgent({path_}, "x\n"), "<x>");
 }
 
 TEST_F(ControlSocket, DeadSocket_IsReplaced) {
   std::filesystem::create_directories(folder_.path() / "sub");
-  {
-    ScopedFd dead(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path_.c_str(), sizeof address.sun_path - 1);
-    ASSERT_EQ(bind(dead.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  }
+  ASSERT_GE(test::bindSocket(path_).get(), 0);
   const auto server = openControlServer(path_, echo, test::failTest);
   EXPECT_EQ(askAgent({path_}, "x\n"), "<x>");
 }
@@ -102,30 +101,26 @@ TEST_F(ControlSocket, DeadSocket_IsReplaced) {
 TEST_F(ControlSocket, FileThatIsNoSocket_Stays) {
   const std::string file = folder_.file("file");
   std::ofstream(file) << "precious";
-  EXPECT_EQ(problemOf([&] { openControlServer(file, echo, test::failTest); }),
-            "the control path " + file + ": Address already in use");
+  expectRefused(file, "the control path " + file + ": Address already in use");
   EXPECT_TRUE(std::filesystem::is_regular_file(file));
 }
 
 TEST_F(ControlSocket, PathThatIsTooLong_IsRefused) {
   const std::string longPath = folder_.file(std::string(120, 'x'));
-  EXPECT_EQ(problemOf([&] { openControlServer(longPath, echo, test::failTest); }),
-            "the control path '" + longPath + "' cannot be used: File name too long");
+  expectRefused(longPath, "the control path '" + longPath + "' cannot be used: File name too long");
 }
 
 TEST_F(ControlSocket, ClientThatAsksForTooMuch_IsDropped) {
   const auto server = openControlServer(path_, echo, test::failTest);
   const ScopedFd client = connectTo(path_);
-  const std::string much(kLongestControlLine + 1, 'x');
-  ASSERT_EQ(send(client.get(), much.data(), much.size(), MSG_NOSIGNAL),
-            static_cast<ssize_t>(much.size()));
+  sendAll(client, std::string(kLongestControlLine + 1, 'x'));
   EXPECT_EQ(readAll(client), "");
 }
 
 TEST_F(ControlSocket, ClientThatOnlyClosesItsSide_IsAnswered) {
   const auto server = openControlServer(path_, echo, test::failTest);
   const ScopedFd client = connectTo(path_);
-  ASSERT_EQ(send(client.get(), "ab", 2, MSG_NOSIGNAL), 2);
+  sendAll(client, "ab");
   shutdown(client.get(), SHUT_WR);
   EXPECT_EQ(readAll(client), "<ab>");
 }
@@ -134,7 +129,7 @@ TEST_F(ControlSocket, ClientThatGoesWithoutWaiting_HarmsNothing) {
   const auto server = openControlServer(path_, echo, test::failTest);
   for (int i = 0; i < 20; ++i) {
     const ScopedFd client = connectTo(path_);
-    ASSERT_EQ(send(client.get(), "x\n", 2, MSG_NOSIGNAL), 2);
+    sendAll(client, "x\n");
   }
   EXPECT_EQ(askAgent({path_}, "x\n"), "<x>");
 }
@@ -232,20 +227,9 @@ class Bulletin {
   std::string asked_ ZELTA_GUARDED_BY(mutex_);
 };
 
-std::string readLines(const ScopedFd& client, int count) {
-  std::string text;
-  char c = 0;
-  while (count > 0 && read(client.get(), &c, 1) == 1) {
-    text += c;
-    if (c == '\n') --count;
-  }
-  return text;
-}
-
 ScopedFd ask(const std::string& path, const std::string& line) {
   ScopedFd client = connectTo(path);
-  EXPECT_EQ(send(client.get(), line.data(), line.size(), MSG_NOSIGNAL),
-            static_cast<ssize_t>(line.size()));
+  sendAll(client, line);
   return client;
 }
 
@@ -309,7 +293,8 @@ TEST_F(ControlSocket, ServerWithoutFeeds_LeavesTheLineToItsHandler) {
 }
 
 TEST_F(ControlSocket, NoAgent_IsAMessage) {
-  EXPECT_EQ(problemOf([&] { askAgent({path_}, "x\n"); }), "no agent is running at " + path_);
+  EXPECT_THAT([this] { askAgent({path_}, "x\n"); },
+              testing::ThrowsMessage<std::runtime_error>("no agent is running at " + path_));
 }
 
 }  // namespace

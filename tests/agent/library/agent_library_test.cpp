@@ -1,4 +1,5 @@
 // A card that is served through the library's public header.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <zelta/agent.h>
 
@@ -105,12 +106,8 @@ TEST_F(AgentLibrary, ExceptionOfTheCard_EndsServingWithItsText) {
   driver.acceptSession();
   EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kAtr);
   EXPECT_TRUE(driver.sendTransmit(kFault));
-  try {
-    served.get();
-    ADD_FAILURE() << "serving ended without an exception";
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "the card is broken");
-  }
+  EXPECT_THAT([&] { served.get(); },
+              testing::ThrowsMessage<std::runtime_error>("the card is broken"));
 }
 
 TEST_F(AgentLibrary, Log_GoesToTheCallerLineByLine) {

@@ -12,7 +12,13 @@
 #include "tests/support/system.h"
 
 #if !defined(_WIN32)
+#include <sys/socket.h>
+
+#include <filesystem>
+
 #include "agent/platform/stop_event_linux.h"
+#include "platform/pipe/pipe_path.h"
+#include "tests/support/raw_socket_linux.h"
 #endif
 
 namespace zelta::agent {
@@ -293,6 +299,34 @@ TEST_F(UnopenedPipes, PipeThatIsCreated_EndsTheWait) {
   auto waited = std::async(std::launch::async, [this] { port_->waitForChange(std::nullopt); });
   test::DriverEnd driver;
   waited.get();
+}
+
+// A driver that has the length of an answer has its bytes as well.
+TEST_F(UnopenedPipes, Answer_LeavesInOneWrite) {
+  constexpr int kAnswers = 2000;
+  const std::string path = platform::pipeSocketPath(commandPipeName(0));
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  const platform::ScopedFd listening = test::bindSocket(path, 1);
+  const OpenedPipe commands = port_->open(commandPipeName(0));
+  ASSERT_EQ(commands.result, OpenResult::kOpened);
+  const platform::ScopedFd driver(accept(listening.get(), nullptr, nullptr));
+  auto answering = std::async(std::launch::async, [&] {
+    for (int i = 0; i < kAnswers; ++i) {
+      commands.connection->answer(kAnswer, SteadyClock::now() + test::kLong);
+    }
+  });
+  int torn = 0;
+  for (int i = 0; i < kAnswers; ++i) {
+    std::array<char, 4> length{};
+    while (recv(driver.get(), length.data(), length.size(), MSG_DONTWAIT) < 0) {
+    }
+    Bytes bytes(kAnswer.size());
+    if (recv(driver.get(), bytes.data(), bytes.size(), MSG_DONTWAIT) < 0) ++torn;
+    if (torn > 0) break;
+  }
+  if (torn > 0) commands.connection->cancel();
+  answering.get();
+  EXPECT_EQ(torn, 0);
 }
 
 TEST(PollTimeout, Deadline_IsRoundedUpAndNeverBelowZero) {

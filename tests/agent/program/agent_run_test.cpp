@@ -24,6 +24,7 @@ class HeldService final : public Service {
   }
   std::string insertCard() override { return {}; }
   std::string removeCard() override { return {}; }
+  Status status() const override { return {}; }
 
  private:
   const bool stoppable_;

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "agent/version.h"
@@ -153,7 +154,6 @@ INSTANTIATE_TEST_SUITE_P(
         Wrong{{"--ssh", "s"}, "--ssh requires --to"},
         Wrong{{"--to", "ssh://h", "--backend", "remote"}, "--to needs a card here"},
         Wrong{{"--to", "ssh://h", "--reader", "2"}, "--reader is not for --to"},
-        Wrong{{"--to", "ssh://h", "--control", "c"}, "--control is not for --to"},
         Wrong{{"--to", "ssh://h", "--session-id", "01234567-89ab-cdef-0123-456789abcdef"},
               "--session-id is not for --to"},
         Wrong{{"--backend", "remote", "--no-card"}, "not for a remote card"},
@@ -262,8 +262,9 @@ TEST(ServiceOptions, Arguments_SayTheSame) {
     const ParsedOptions first = parse(given, System::kWindows);
     ASSERT_TRUE(first.options) << first.error;
     const std::vector<std::string> words = argumentsOf(*first.options);
-    std::vector<const char*> again;
-    for (const std::string& word : words) again.push_back(word.c_str());
+    std::vector<const char*> again(words.size());
+    std::transform(words.begin(), words.end(), again.begin(),
+                   [](const std::string& word) { return word.c_str(); });
     const ParsedOptions second = parse(again, System::kWindows);
     ASSERT_TRUE(second.options) << second.error;
     EXPECT_EQ(argumentsOf(*second.options), words);

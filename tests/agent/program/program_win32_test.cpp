@@ -45,7 +45,8 @@ TEST_F(Program, DefaultControlPipes_AreFoundByCtl) {
                 HasSubstr("reader:    4000000000\n"));
   }
   EXPECT_EQ(runProgram({"ctl", "status", "--reader", "4000000000"}).text,
-            "zelta-agent: no agent is running at " + paths[0] + ", " + paths[1] + "\n");
+            "zelta-agent: no agent is running at " + paths[0] + ", " + paths[1] +
+                "; to start the service: sc start ZeltaAgent4000000000\n");
 }
 
 // Wine has the service's library and no service; Windows has a reader of that name nowhere.

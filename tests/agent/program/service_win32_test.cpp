@@ -70,7 +70,7 @@ TEST_F(AgentService, Installed_RunsUnderLocalServiceFromTheSystemsStart) {
   const Ended installed = install();
   EXPECT_EQ(installed.exitCode, 0) << installed.text;
   const ScopedService service = open();
-  ASSERT_TRUE(service);
+  ASSERT_TRUE(service) << GetLastError();
   std::array<std::uint64_t, 1024> buffer{};
   auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGA*>(buffer.data());
   DWORD needed = 0;

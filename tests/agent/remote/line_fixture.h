@@ -1,6 +1,7 @@
 // Both ends of a line, in the test's process.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 

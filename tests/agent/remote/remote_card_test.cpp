@@ -3,6 +3,7 @@
 #include <future>
 
 #include "tests/agent/remote/line_fixture.h"
+#include "tests/doubles/agent/card_notices.h"
 
 namespace zelta::agent {
 namespace {
@@ -12,34 +13,9 @@ using test::nextOf;
 const Bytes kApdu = {0x00, 0xA4, 0x04, 0x00};
 const Bytes kAnswer = {0x01, 0x90, 0x00};
 
-// Notes what the card tells, as "in", "out" or a failure's text.
-class Listener final : public CardListener {
+class Listener final : public test::CardNotices {
  public:
-  void cardInserted() override { note("in"); }
-  void cardRemoved() override { note("out"); }
-  void cardFailed(const char* problem) override { note(problem); }
-
-  void waitFor(const std::vector<std::string>& expected) {
-    platform::MutexLock lock(mutex_);
-    changed_.wait(
-        lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return events_.size() >= expected.size(); });
-    EXPECT_EQ(events_, expected);
-  }
-  std::vector<std::string> events() {
-    const platform::MutexLock lock(mutex_);
-    return events_;
-  }
-
- private:
-  void note(const std::string& event) {
-    const platform::MutexLock lock(mutex_);
-    events_.push_back(event);
-    changed_.notifyAll();
-  }
-
-  platform::Mutex mutex_;
-  platform::ConditionVariable changed_;
-  std::vector<std::string> events_ ZELTA_GUARDED_BY(mutex_);
+  void cardFailed(const char* problem) override { add(problem); }
 };
 
 // The test plays the near end, where the card is.
@@ -53,7 +29,7 @@ class Remote : public testing::Test {
   void startWithCard() {
     start();
     near_.send(FrameKind::kCardIn, 1);
-    listener_.waitFor({"in"});
+    listener_.waitFor("in ");
   }
   std::future<Bytes> transmit() {
     return std::async(std::launch::async, [this] { return card_.transmit(kApdu); });
@@ -72,7 +48,7 @@ class Remote : public testing::Test {
 TEST_F(Remote, Calls_AreNumberedRequestsForTheCardThatIsIn) {
   start();
   near_.send(FrameKind::kCardIn, 7);
-  listener_.waitFor({"in"});
+  listener_.waitFor("in ");
   const std::pair<FrameKind, std::function<Bytes()>> calls[] = {
       {FrameKind::kReset, [this] { return card_.reset(); }},
       {FrameKind::kAtr, [this] { return card_.atr(); }},
@@ -110,7 +86,7 @@ TEST_F(Remote, AnswerWithAnOldNumber_IsThrownAway) {
   near_.send(FrameKind::kCardOut);
   EXPECT_EQ(first.get(), Bytes());
   near_.send(FrameKind::kCardIn, 2);
-  listener_.waitFor({"in", "out", "in"});
+  listener_.waitFor("in out in ");
   auto second = transmit();
   EXPECT_EQ(nextOf(near_).number, 2u);
   near_.send(FrameKind::kAnswer, 1, Bytes{0x6F, 0x00});
@@ -129,7 +105,7 @@ TEST_F(Remote, LineThatBreaksDuringACall_EndsTheCallAfterTheRemoval) {
   startWithCard();
   auto answer = std::async(std::launch::async, [this] {
     const Bytes bytes = card_.transmit(kApdu);
-    EXPECT_EQ(listener_.events().at(1), "out");
+    EXPECT_EQ(listener_.text().substr(0, 7), "in out ");
     return bytes;
   });
   EXPECT_EQ(nextOf(near_).kind, FrameKind::kTransmit);
@@ -138,20 +114,20 @@ TEST_F(Remote, LineThatBreaksDuringACall_EndsTheCallAfterTheRemoval) {
   ends_.near->send(half);
   ends_.near.reset();
   EXPECT_EQ(answer.get(), Bytes());
-  listener_.waitFor({"in", "out", "the line is broken"});
+  listener_.waitFor("in out the line is broken");
 }
 
 TEST_F(Remote, Bye_EndsTheProgramAsAsked) {
   startWithCard();
   near_.send(FrameKind::kBye);
   ended_.get_future().wait();
-  EXPECT_EQ(listener_.events(), (std::vector<std::string>{"in", "out"}));
+  EXPECT_EQ(listener_.text(), "in out ");
 }
 
 TEST_F(Remote, FrameThatIsNotTheNearEnds_IsAFailure) {
   startWithCard();
   near_.send(FrameKind::kReset, 1, numberBytes(1));
-  listener_.waitFor({"in", "out", "what came makes no sense"});
+  listener_.waitFor("in out what came makes no sense");
 }
 
 TEST_F(Remote, Interrupt_EndsTheCallAndEveryLaterOne) {
@@ -164,7 +140,7 @@ TEST_F(Remote, Interrupt_EndsTheCallAndEveryLaterOne) {
   card_.stop();
   EXPECT_FALSE(near_.next());
   EXPECT_EQ(near_.end(), LineEnd::kBye);
-  EXPECT_EQ(listener_.events().front(), "in");
+  EXPECT_EQ(listener_.text().substr(0, 3), "in ");
 }
 
 TEST_F(Remote, CardIsMovedAtItsOwnMachine) {
@@ -175,12 +151,8 @@ TEST_F(Remote, CardIsMovedAtItsOwnMachine) {
 
 TEST_F(Remote, WithoutAHello_CannotStart) {
   ends_.near.reset();
-  try {
-    card_.start(listener_);
-    FAIL();
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "no card: the line is broken");
-  }
+  EXPECT_THAT([this] { card_.start(listener_); },
+              testing::ThrowsMessage<std::runtime_error>("no card: the line is broken"));
 }
 
 }  // namespace

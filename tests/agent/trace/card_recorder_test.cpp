@@ -108,13 +108,10 @@ TEST_F(Recorder, ScriptIsThereFromTheStartOn_AndWrittenWhenTheCardLeavesAndAtThe
 }
 
 TEST_F(Recorder, FileThatCannotBeWritten_IsRefused) {
-  try {
-    CardRecorder recorder(folder_.file("none/card.txt"), log_);
-    ADD_FAILURE() << "taken";
-  } catch (const std::runtime_error& error) {
-    EXPECT_EQ(error.what(),
-              "the recorded script " + folder_.file("none/card.txt") + " cannot be written");
-  }
+  const std::string file = folder_.file("none/card.txt");
+  EXPECT_THAT([&] { CardRecorder(file, log_); },
+              testing::ThrowsMessage<std::runtime_error>("the recorded script " + file +
+                                                         " cannot be written"));
 }
 
 TEST_F(Recorder, FileThatCannotBeWrittenAnyMore_IsToldOnce) {

@@ -32,13 +32,14 @@ class CardNotices : public agent::CardListener {
     return text_;
   }
 
- private:
+ protected:
   void add(const std::string& word) {
     const platform::MutexLock lock(mutex_);
     text_ += word;
     changed_.notifyAll();
   }
 
+ private:
   platform::Mutex mutex_;
   platform::ConditionVariable changed_;
   std::string text_ ZELTA_GUARDED_BY(mutex_);

@@ -1,7 +1,6 @@
 #include "tests/doubles/agent/fake_winscard.h"
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 namespace zelta::test {
@@ -16,7 +15,8 @@ constexpr unsigned kCountShift = 16;
 constexpr BYTE kAtr[] = {0x3B, 0x00};
 
 bool isReaderChanges(const SCARD_READERSTATE& state) {
-  return std::strstr(state.szReader, "PnP") != nullptr;
+  const agent::ReaderName name = state.szReader;
+  return name.find(agent::toReaderName("PnP")) != agent::ReaderName::npos;
 }
 
 }  // namespace
@@ -161,10 +161,10 @@ LONG FakeWinscard::cardResult() const {
   return card_ && !lost_ ? SCARD_S_SUCCESS : SCARD_E_NO_SMARTCARD;
 }
 
-LONG FakeWinscard::connect(const char* reader, SCARDHANDLE* handle, DWORD* protocol) {
+LONG FakeWinscard::connect(const agent::ReaderName& reader, SCARDHANDLE* handle, DWORD* protocol) {
   const MutexLock lock(mutex_);
   calls_.emplace_back("connect");
-  if (std::strcmp(reader, kFakeReader) != 0) return SCARD_E_UNKNOWN_READER;
+  if (reader != agent::toReaderName(kFakeReader)) return SCARD_E_UNKNOWN_READER;
   *handle = 1;
   *protocol = SCARD_PROTOCOL_T1;
   return cardResult();
@@ -207,6 +207,8 @@ LONG FakeWinscard::transmit(const BYTE* command, DWORD size, BYTE* response, DWO
 }  // namespace zelta::test
 
 using zelta::test::current;
+// Of the texts that the functions take.
+using Char = zelta::agent::ReaderName::value_type;
 
 extern "C" {
 
@@ -218,7 +220,7 @@ LONG SCardCancel(SCARDCONTEXT) { return current->cancel(); }
 LONG SCardGetStatusChange(SCARDCONTEXT, DWORD limit, SCARD_READERSTATE* states, DWORD count) {
   return current->getStatusChange(limit, states, count);
 }
-LONG SCardConnect(SCARDCONTEXT context, LPCSTR reader, DWORD, DWORD, LPSCARDHANDLE handle,
+LONG SCardConnect(SCARDCONTEXT context, const Char* reader, DWORD, DWORD, LPSCARDHANDLE handle,
                   LPDWORD protocol) {
   if (context == 0) return SCARD_E_INVALID_HANDLE;
   return current->connect(reader, handle, protocol);
@@ -227,7 +229,7 @@ LONG SCardReconnect(SCARDHANDLE, DWORD, DWORD, DWORD initialization, LPDWORD pro
   return current->reconnect(initialization, protocol);
 }
 LONG SCardDisconnect(SCARDHANDLE, DWORD) { return current->disconnect(); }
-LONG SCardStatus(SCARDHANDLE, LPSTR, LPDWORD, LPDWORD, LPDWORD, LPBYTE atr, LPDWORD length) {
+LONG SCardStatus(SCARDHANDLE, Char*, LPDWORD, LPDWORD, LPDWORD, LPBYTE atr, LPDWORD length) {
   return current->status(atr, length);
 }
 LONG SCardTransmit(SCARDHANDLE, const SCARD_IO_REQUEST* request, LPCBYTE command, DWORD size,

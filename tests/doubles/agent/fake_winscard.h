@@ -48,7 +48,7 @@ class FakeWinscard {
   LONG release(SCARDCONTEXT context);
   LONG cancel();
   LONG getStatusChange(DWORD limit, SCARD_READERSTATE* states, DWORD count);
-  LONG connect(const char* reader, SCARDHANDLE* handle, DWORD* protocol);
+  LONG connect(const agent::ReaderName& reader, SCARDHANDLE* handle, DWORD* protocol);
   LONG reconnect(DWORD initialization, DWORD* protocol);
   LONG disconnect();
   LONG status(BYTE* atr, DWORD* length);

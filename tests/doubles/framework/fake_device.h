@@ -78,6 +78,7 @@ class FakeDevice final
     const Inside inside(*this);
     ++counters_[kCancels];
     if (marking_ == request) ++counters_[kCancelsWhileMarking];
+    if (framework::succeeded(request->UnmarkCancelable())) ++counters_[kUnmarkedInCancel];
     {
       platform::MutexLock lock(mutex_);
       const auto entry = std::find(waiting_.begin(), waiting_.end(), request);
@@ -152,7 +153,8 @@ class FakeDevice final
 
   void waitForBlocked(std::uint32_t wanted) {
     platform::MutexLock lock(mutex_);
-    changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return blocked_ >= wanted; });
+    changed_.wait(
+        lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return blocked_ >= wanted || !blocking_; });
   }
 
   void unblock() {

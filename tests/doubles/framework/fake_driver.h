@@ -52,7 +52,7 @@ enum Control : std::uint32_t {
   kKeepUnmarked,       // waits, not cancelable yet; one at a time
   kMarkKept,           // that one becomes cancelable
   kCompleteKept,       // that one is completed with success
-  kBlocked,            // in: a number; waits until so many are blocked
+  kBlocked,            // in: a number; waits until so many are blocked, or for OnD0Exit
   kUnblock,            // lets all go on that are blocked at that moment
   kCounters,           // out: see Counter
 };
@@ -65,6 +65,7 @@ enum Counter : std::size_t {
   kCleanups,             // cleanup callbacks of request contexts
   kCancels,              // cancel callbacks
   kCancelsWhileMarking,  // those that ran before MarkCancelable returned
+  kUnmarkedInCancel,     // requests that could be unmarked in their cancel callback
   kMostAtOnce,           // dispatch and cancel callbacks at the same time, at most
   kKeptForEver,          // requests that wait for ever
   kCounterCount

@@ -13,10 +13,12 @@ FakeReaderDevice::~FakeReaderDevice() {
 
 platform::CriticalSection& FakeReaderDevice::deviceLock() {
   if (failsLock_) throw std::runtime_error("no lock");
+  if (onLock) onLock();
   return lock_;
 }
 
 void FakeReaderDevice::noteCompletion(const IoRequest& request) {
+  if (onCompletion) onCompletion();
   const platform::MutexLock lock(mutex_);
   completed_.push_back(&request);
 }

@@ -1,7 +1,8 @@
 // A reader's device without the framework: the device lock, a cancel callback that counts its
 // references, and the order in which requests were completed.
 //
-// Any thread may call; `onCancel` is set while no request is cancelled.
+// Any thread may call; `onCancel` is set while no request is cancelled, the other hooks while
+// nothing is going on in the reader.
 #pragma once
 
 #include <atomic>
@@ -39,6 +40,9 @@ class FakeReaderDevice final : public ReaderDevice {
 
   // What the cancel callback does, with the device lock held. Empty: nothing.
   std::function<void(IoRequest&)> onCancel;
+  // Called by each completion, and by whoever is about to take the device lock.
+  std::function<void()> onCompletion;
+  std::function<void()> onLock;
 
  private:
   // Requests here are none of the framework's, so their double calls `onCancel` by itself; the

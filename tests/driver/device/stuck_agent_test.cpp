@@ -36,7 +36,10 @@ class StuckAgent : public test::DeviceFixture {
       return std::make_unique<PipeReader>(index, device, times);
     };
   }
-  ~StuckAgent() override { takeDown(); }
+  ~StuckAgent() override {
+    takeDown();
+    log_.setHook(nullptr);
+  }
 
   // Up, with an agent connected whose card was powered.
   void SetUp() override {
@@ -126,6 +129,24 @@ TEST_F(StuckAgent, RequestWhoseAnswerIsThere_IsCompletedBeforeAnInsertionAsks) {
   ASSERT_TRUE(pipes_.clientWrite(command_, number(2, {0x90, 0x00})));
   EXPECT_EQ(transmit.get()->status(), status::kSuccess);
   answerAtrQuery();
+}
+
+// The server thread asks for the ATR with the device lock held, which every control needs.
+TEST_F(StuckAgent, DuringTheQueryForAnInsertedCard_DeviceIsTakenDownInTime) {
+  std::promise<void> locking;
+  std::atomic<bool> told{false};
+  log_.setHook([&](const test::LogRecord& record) {
+    const bool waits =
+        record.text.rfind("Locking: Function:CMyDevice::getReaderInstanceId", 0) == 0;
+    if (waits && !told.exchange(true)) locking.set_value();
+  });
+  ASSERT_TRUE(pipes_.clientWrite(event_, number(1)));
+  ASSERT_TRUE(waitUntilStuck());
+  auto state = begin(IOCTL_SMARTCARD_GET_STATE);
+  ASSERT_EQ(locking.get_future().wait_for(30s), std::future_status::ready);
+  expectEndsInTime([this] { EXPECT_EQ(framework_.exitD0(), status::kSuccess); });
+  EXPECT_EQ(state.get()->status(), status::kSuccess) << "it was inside before the gate was closed";
+  log_.setHook(nullptr);
 }
 
 }  // namespace

@@ -148,6 +148,14 @@ TEST_F(Module, LastObjectOrLock_ShutsTheLoggerDownUnasked) {
   EXPECT_FALSE(hasLogger());
 }
 
+TEST_F(Module, LastObject_KeepsTheModuleLoadedUntilTheLoggerIsShutDown) {
+  std::vector<bool> used;
+  log_.setShutDownHook([&used] { used.push_back(ModuleReference::any()); });
+  EXPECT_TRUE(factory());
+  log_.setShutDownHook(nullptr);
+  EXPECT_EQ(used, std::vector<bool>{true});
+}
+
 TEST_F(Module, CallThatGivesNoObject_ShutsTheLoggerDownAfterItsSection) {
   void* out = nullptr;
   EXPECT_EQ(getClassObject(kDriverClassId, IDriverEntry::iid, &out), framework::kNoInterface);

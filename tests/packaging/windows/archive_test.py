@@ -3,9 +3,11 @@
 import os
 import pathlib
 import re
+import subprocess
 import tempfile
 import unittest
 import zipfile
+import zlib
 
 import image_checks
 from pe_image import PeImage
@@ -15,7 +17,7 @@ NAME = f"zelta-vsc-{VERSION}-windows-x64"
 ARCHIVE = pathlib.Path(os.environ["ZELTA_ARCHIVE_FOLDER"], NAME + ".zip")
 SOURCE = pathlib.Path(os.environ["ZELTA_SOURCE"])
 INF = pathlib.Path(os.environ["ZELTA_INF"])
-BUILT = [pathlib.Path(os.environ["ZELTA_MODULE"]), pathlib.Path(os.environ["ZELTA_AGENT"])]
+BUILT = [pathlib.Path(os.environ[name]) for name in ("ZELTA_MODULE", "ZELTA_AGENT", "ZELTA_SETUP")]
 
 
 def pictures():
@@ -45,25 +47,43 @@ class WindowsArchive(unittest.TestCase):
             self.names = [name for name in archive.namelist() if not name.endswith("/")]
         self.unpacked = self.folder / NAME
 
-    def test_archive_holds_driver_agent_and_documentation_in_one_folder(self):
-        wanted = {path.name for path in BUILT} | {INF.name, "card.txt", *documents(), *pictures()}
+    def test_archive_holds_programs_symbols_and_documentation_in_one_folder(self):
+        wanted = {path.name for path in BUILT} | {f"symbols/{path.name}.debug" for path in BUILT}
+        wanted |= {INF.name, "card.txt", "LICENSE", *documents(), *pictures()}
         self.assertIn("docs/windows.md", wanted)
         self.assertEqual(set(self.names), {f"{NAME}/{name}" for name in wanted})
 
     def test_binaries_are_as_the_driver_host_needs_them(self):
-        module, agent = (PeImage(self.unpacked / path.name) for path in BUILT)
+        module, *programs = (PeImage(self.unpacked / path.name) for path in BUILT)
         self.assertEqual(image_checks.module_problems(module, VERSION), [])
-        self.assertEqual(image_checks.import_problems(agent), [])
+        for program in programs:
+            self.assertEqual(image_checks.program_problems(program), [], program.path)
 
     def test_binaries_are_without_debug_information(self):
         for path in BUILT:
             self.assertLess((self.unpacked / path.name).stat().st_size, path.stat().st_size)
 
+    def test_binaries_name_their_symbols(self):
+        for path in BUILT:
+            symbols = self.unpacked / "symbols" / f"{path.name}.debug"
+            self.assertEqual(PeImage(self.unpacked / path.name).debug_link(),
+                             (symbols.name, zlib.crc32(symbols.read_bytes())))
+            self.assertIsNone(PeImage(path).debug_link())
+
+    def test_symbols_lead_to_the_sources(self):
+        module = PeImage(self.unpacked / BUILT[0].name)
+        address = module.base() + module.exports()["DllGetClassObject"]
+        line = subprocess.run(
+            [os.environ["ZELTA_ADDR2LINE"], "-e",
+             self.unpacked / "symbols" / f"{BUILT[0].name}.debug", hex(address)],
+            check=True, capture_output=True, text=True).stdout
+        self.assertRegex(line, r"driver/module/module_exports\.cpp:\d+")
+
     def test_inf_and_documents_are_the_projects(self):
         self.assertEqual((self.unpacked / INF.name).read_bytes(), INF.read_bytes())
         self.assertEqual((self.unpacked / "card.txt").read_text(),
                          (SOURCE / "packaging" / "windows" / "card.txt").read_text())
-        for name in documents():
+        for name in ("LICENSE", *documents()):
             self.assertEqual((self.unpacked / name).read_bytes(), (SOURCE / name).read_bytes())
 
     def test_everything_the_inf_copies_is_there(self):

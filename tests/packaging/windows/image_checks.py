@@ -11,13 +11,20 @@ EXPORTS = {
 # Libraries that every Windows has. A run-time of the compiler's would have to be installed as well.
 WINDOWS_LIBRARIES = {
     "ADVAPI32.dll",
+    "CFGMGR32.dll",
     "KERNEL32.dll",
     "msvcrt.dll",
+    "newdev.dll",
     "ole32.dll",
+    "SETUPAPI.dll",
     "SHELL32.dll",
+    "SHLWAPI.dll",
     "WS2_32.dll",
     "WinSCard.dll",
 }
+
+# What Windows may do to keep an intruder from guessing addresses and from running data.
+HARDENING = {"DYNAMIC_BASE", "HIGH_ENTROPY_VA", "NX_COMPAT"}
 
 # Of KERNEL32.dll, which the library is to call.
 CALLS = {"DisableThreadLibraryCalls"}
@@ -27,6 +34,16 @@ FRAMEWORK_VERSION = (1, 11, 0)  # major, minor, service
 
 def import_problems(image):
     return [f"imports {name}" for name in sorted(image.imported_libraries() - WINDOWS_LIBRARIES)]
+
+
+def hardening_problems(image):
+    problems = [f"is without {name}" for name in sorted(HARDENING - image.characteristics())]
+    return problems + (["cannot be moved"] if image.is_fixed() else [])
+
+
+def program_problems(image):
+    """`image` is a finished program."""
+    return import_problems(image) + hardening_problems(image)
 
 
 def call_problems(image):
@@ -66,5 +83,6 @@ def version_problems(image, version):
 
 def module_problems(image, version):
     """`image` is the driver's finished library."""
-    return (import_problems(image) + call_problems(image) + export_problems(image) +
-            framework_version_problems(image) + version_problems(image, version))
+    return (import_problems(image) + hardening_problems(image) + call_problems(image) +
+            export_problems(image) + framework_version_problems(image) +
+            version_problems(image, version))

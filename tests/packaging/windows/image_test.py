@@ -11,6 +11,7 @@ from pe_image import OBJCOPY, PeImage
 
 MODULE = pathlib.Path(os.environ["ZELTA_MODULE"])
 AGENT = pathlib.Path(os.environ["ZELTA_AGENT"])
+SETUP = pathlib.Path(os.environ["ZELTA_SETUP"])
 VERSION = os.environ["ZELTA_VERSION"]
 
 
@@ -21,10 +22,16 @@ class WindowsImages(unittest.TestCase):
     def test_library_exports_the_five_names(self):
         self.assertEqual(len(PeImage(MODULE).exports()), 5)
 
-    def test_agent_imports_libraries_of_windows_only(self):
-        agent = PeImage(AGENT)
-        self.assertEqual(image_checks.import_problems(agent), [])
-        self.assertIn("KERNEL32.dll", agent.imported_libraries())
+    def test_programs_need_windows_only_and_are_hardened(self):
+        for path in (AGENT, SETUP):
+            program = PeImage(path)
+            self.assertEqual(image_checks.program_problems(program), [], path)
+            self.assertIn("KERNEL32.dll", program.imported_libraries())
+
+    def test_setup_has_its_version_and_asks_for_no_rights_by_itself(self):
+        setup = PeImage(SETUP)
+        self.assertEqual(image_checks.version_problems(setup, VERSION), [])
+        self.assertTrue(setup.holds(b'<requestedExecutionLevel level="asInvoker"'))
 
 
 class WindowsImageChecks(unittest.TestCase):
@@ -45,6 +52,19 @@ class WindowsImageChecks(unittest.TestCase):
         for image in (MODULE, AGENT):
             spoilt = self.spoilt(b"KERNEL32.dll\0", b"runtime8.dll\0", image)
             self.assertEqual(image_checks.import_problems(spoilt), ["imports runtime8.dll"])
+
+    def test_image_that_is_not_hardened_is_found(self):
+        content = bytearray(MODULE.read_bytes())
+        header = int.from_bytes(content[0x3C:0x40], "little")
+        flags = header + 24 + 70  # in the optional header, after the file header
+        self.assertEqual(content[flags] & 0x60, 0x60)
+        content[flags] &= ~0x40 & 0xFF
+        content[header + 22] |= 1
+        self.copy.write_bytes(content)
+        self.assertEqual(image_checks.hardening_problems(PeImage(self.copy)),
+                         ["is without DYNAMIC_BASE", "cannot be moved"])
+        subprocess.run([OBJCOPY, "--remove-section=.reloc", MODULE, self.copy], check=True)
+        self.assertIn("cannot be moved", image_checks.hardening_problems(PeImage(self.copy)))
 
     def test_call_that_is_missing_is_found(self):
         problems = ["does not import DisableThreadLibraryCalls"]

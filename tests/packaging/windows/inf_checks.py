@@ -7,6 +7,14 @@ import re
 SETUP_CLASS = "SmartCardReader"
 FILES_FOLDER = "12,UMDF"  # drivers\UMDF
 REFLECTOR = "WUDFRd"
+DECORATION = "NTamd64.10.0"  # Windows 10 and later; without the number, 7 to 8.1 as well
+
+# Key and value of HKEY_LOCAL_MACHINE, flags (no clobbering; text or number) and data.
+SETTINGS = {
+    r'HKLM,SOFTWARE\Vornhalt\ZeltaAgent,ZeltaLogRotationTime,0x00000002,"60"',
+    r"HKLM,SOFTWARE\Policies\Vornhalt\Zelta\zelta_admin_defaults,zelta.event_filter_mode,"
+    r"0x00010003,2",
+}
 
 
 @dataclasses.dataclass
@@ -62,8 +70,8 @@ def driver_version_problems(inf, facts):
     problems = []
     try:
         date = datetime.datetime.strptime(form.group(1), "%m/%d/%Y").date()
-        # A driver of tomorrow is not signed. A day's grace, for the zones of the Earth.
-        if date > datetime.date.today() + datetime.timedelta(days=1):
+        # A driver of tomorrow is not signed.
+        if date > datetime.datetime.now(datetime.timezone.utc).date():
             problems.append(f"[Version] DriverVer is of the future: {form.group(1)}")
     except ValueError:
         problems.append(f"[Version] DriverVer is of no day: {form.group(1)}")
@@ -75,9 +83,9 @@ def driver_version_problems(inf, facts):
 def install_section(inf):
     """The section that the one device of the one manufacturer is installed by, and its id."""
     manufacturers = [value for _, value in inf.lines("Manufacturer")]
-    if manufacturers != ["Models,NTamd64"]:
+    if manufacturers != [f"Models,{DECORATION}"]:
         return None, None
-    models = [value for _, value in inf.lines("Models.NTamd64")]
+    models = [value for _, value in inf.lines(f"Models.{DECORATION}")]
     if len(models) != 1 or not models[0] or models[0].count(",") != 1:
         return None, None
     section, hardware_id = models[0].split(",")
@@ -87,7 +95,7 @@ def install_section(inf):
 def model_problems(inf, facts):
     section, hardware_id = install_section(inf)
     if section is None:
-        return ["does not name one device of one manufacturer for NTamd64"]
+        return [f"does not name one device of one manufacturer for {DECORATION}"]
     problems = []
     if not re.fullmatch(r"Root\\\w+\\\w+", hardware_id):
         problems.append(f"the hardware id has not the form Root\\company\\device: {hardware_id}")
@@ -114,6 +122,16 @@ def file_problems(inf, facts):
     if disk is None or not inf.values("SourceDisksNames", disk):
         problems.append(f"{facts.module} is on no disk")
     return problems
+
+
+def setting_problems(inf):
+    section, _ = install_section(inf)
+    added = inf.value(f"{section}.NT", "AddReg")
+    if added is None:
+        return ["adds nothing to the registry"]
+    found = {key for key, _ in inf.lines(added)}
+    problems = [f"[{added}] has no {line}" for line in sorted(SETTINGS - found)]
+    return problems + [f"[{added}] has {line}" for line in sorted(found - SETTINGS)]
 
 
 def service_problems(inf):
@@ -157,19 +175,21 @@ def co_installer_problems(inf):
 def reference_problems(inf):
     """Sections that nothing leads to."""
     section, _ = install_section(inf)
-    known = {"version", "manufacturer", "models.ntamd64", "sourcedisksnames", "sourcedisksfiles",
-             "destinationdirs", "strings"}
+    known = {"version", "manufacturer", f"models.{DECORATION}".lower(), "sourcedisksnames",
+             "sourcedisksfiles", "destinationdirs", "strings"}
     known.update(f"{section}{suffix}".lower()
                  for suffix in (".NT", ".NT.hw", ".NT.Services", ".NT.Wdf"))
     copied = inf.value(f"{section}.NT", "CopyFiles") or ""
+    settings = inf.value(f"{section}.NT", "AddReg") or ""
     added = (inf.value(f"{section}.NT.Services", "AddService") or "").split(",")[-1]
     details = (inf.value(f"{section}.NT.Wdf", "UmdfService") or "").split(",")[-1]
-    known.update(name.lower() for name in (copied, added, details))
+    known.update(name.lower() for name in (copied, settings, added, details))
     return [f"nothing leads to [{name}]" for name in sorted(set(inf.sections) - known)]
 
 
 def inf_problems(inf, facts):
     problems = form_problems(inf) + version_problems(inf, facts) + model_problems(inf, facts)
-    problems += file_problems(inf, facts) + service_problems(inf)
-    problems += framework_problems(inf, facts) + co_installer_problems(inf)
+    problems += file_problems(inf, facts) + setting_problems(inf)
+    problems += service_problems(inf) + framework_problems(inf, facts)
+    problems += co_installer_problems(inf)
     return problems + reference_problems(inf)

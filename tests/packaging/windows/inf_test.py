@@ -4,6 +4,8 @@ import datetime
 import os
 import pathlib
 import re
+import subprocess
+import tempfile
 import unittest
 import uuid
 
@@ -60,13 +62,56 @@ class Inf(unittest.TestCase):
         self.assertEqual(inf.value("ZeltaVsc.Install", "UmdfLibraryVersion"),
                          ".".join(str(number) for number in exported))
 
+    def test_setup_writes_the_same_settings(self):
+        text = (SOURCE / "tools" / "setup" / "settings.cpp").read_text()
+        table = text.split("kSettings[] = {")[1].split("\n};")[0]
+        rows = re.findall(r'\{L"([^"]+)",\s+L"([^"]+)",\s+REG_\w+,\s+(?:L"(\w+)"|nullptr),\s+(\d+)\}',
+                          table)
+        written = {(key.replace("\\\\", "\\"), name, data or number)
+                   for key, name, data, number in rows}
+        listed = {tuple(line.split(",")[i].strip('"') for i in (1, 2, 4))
+                  for line in inf_checks.SETTINGS}
+        self.assertEqual(written, listed)
+
     def test_documentation_installs_by_the_hardware_id(self):
         text = (SOURCE / "docs" / "windows.md").read_text()
         named = set(re.findall(r"Root\\\w+\\\w+", text))
         self.assertEqual(named, {HARDWARE_ID})
 
 
-DAY_AFTER_TOMORROW = datetime.date.today() + datetime.timedelta(days=2)
+class InfDate(unittest.TestCase):
+    def date(self, folder, epoch):
+        environment = {name: value for name, value in os.environ.items()
+                       if name != "SOURCE_DATE_EPOCH"}
+        if epoch is not None:
+            environment["SOURCE_DATE_EPOCH"] = str(epoch)
+        script = SOURCE / "packaging" / "windows" / "InfDate.cmake"
+        result = subprocess.run([os.environ["ZELTA_CMAKE"], f"-DSOURCE={folder}", "-P", script],
+                                check=True, capture_output=True, text=True, env=environment)
+        return result.stdout.strip().removeprefix("-- ")
+
+    def today(self):
+        return datetime.datetime.now(datetime.timezone.utc).strftime("%m/%d/%Y")
+
+    def test_date_is_that_of_the_sources_and_no_later_than_now(self):
+        folder = self.enterContext(tempfile.TemporaryDirectory())
+        self.assertEqual(self.date(folder, 86400), "01/02/1970")
+        for epoch in (None, "word", 99986400000):
+            with self.subTest(epoch=epoch):
+                before = self.today()
+                self.assertIn(self.date(folder, epoch), (before, self.today()))
+
+    def test_date_is_the_last_commits(self):
+        folder = self.enterContext(tempfile.TemporaryDirectory())
+        git = ["git", "-C", folder, "-c", "user.name=a", "-c", "user.email=a@b.example"]
+        subprocess.run([*git, "init", "--quiet"], check=True)
+        subprocess.run([*git, "commit", "--quiet", "--allow-empty", "-m", "first"], check=True,
+                       env=dict(os.environ, GIT_COMMITTER_DATE="2020-02-03T23:00:00-0500"))
+        self.assertEqual(self.date(folder, None), "02/04/2020")
+        self.assertEqual(self.date(folder, 0), "01/01/1970")
+
+
+TOMORROW = datetime.datetime.now(datetime.timezone.utc) + datetime.timedelta(days=1)
 
 # What is changed, into what, and the problem that has to be found.
 SPOILT = [
@@ -90,6 +135,7 @@ SPOILT = [
     ("DriverVer=", "DriverVersion=", "has not the form"),
     # models
     ("Models,NTamd64", "Models,NTx86", "does not name one device"),
+    ("NTamd64.10.0", "NTamd64", "does not name one device"),
     ("Root\\Vornhalt\\ZeltaSmartCardReader", "Root\\ZeltaSmartCardReader", "has not the form Root"),
     ("Root\\Vornhalt\\ZeltaSmartCardReader", "Root\\Vornhalt\\Other", "the hardware id is"),
     ("[ZeltaReader.NT.Services]", "[ZeltaReader.NT.Service]", "no [ZeltaReader.NT.Services]"),
@@ -100,6 +146,10 @@ SPOILT = [
     (",,,0x00004000", "", "with renaming while in use"),
     ("zelta_vsc.dll=1", "zelta_vsc.dll=2", "is on no disk"),
     ("1=%DiskName%", "2=%DiskName%", "is on no disk"),
+    # settings
+    ("AddReg=", "AddRegistry=", "adds nothing to the registry"),
+    ("0x00000002,", "0x00000000,", "has no HKLM,SOFTWARE\\Vornhalt"),
+    (",2\r\n", ",3\r\n", "zelta.event_filter_mode,0x00010003,3"),
     # services
     ("0x000001fa", "0x000001f8", "not the device's service"),
     ("AddService=WUDFRd", "AddService=WinUsb", "not the device's service"),
@@ -143,8 +193,8 @@ class InfChecks(unittest.TestCase):
         date = re.search(r"DriverVer=([0-9/]+)", text_of_inf()).group(1)
         self.assertEqual(self.problems(date, "13/32/2020"),
                          ["[Version] DriverVer is of no day: 13/32/2020"])
-        self.assertEqual(self.problems(date, DAY_AFTER_TOMORROW.strftime("%m/%d/%Y")),
-                         [f"[Version] DriverVer is of the future: {DAY_AFTER_TOMORROW:%m/%d/%Y}"])
+        self.assertEqual(self.problems(date, TOMORROW.strftime("%m/%d/%Y")),
+                         [f"[Version] DriverVer is of the future: {TOMORROW:%m/%d/%Y}"])
 
     def test_empty_file_is_no_inf(self):
         self.assertGreater(len(inf_checks.inf_problems(InfFile(""), facts())), 10)

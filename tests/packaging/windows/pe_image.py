@@ -27,6 +27,30 @@ class PeImage:
             check=True, capture_output=True, text=True,
         ).stdout
 
+    def characteristics(self):
+        """The names of the optional header's flags that are set."""
+        flags = re.search(r"^DllCharacteristics\s.*\n((?:\t+ *\w+\n)*)", self._headers, re.M)
+        return set(flags.group(1).split())
+
+    def is_fixed(self):
+        """Whether it has to stand where it was linked for."""
+        words = re.search(r"^Characteristics 0x([0-9a-f]+)$", self._headers, re.M)
+        relocations_stripped = 0x0001
+        has_table = re.search(r"^Entry 5 \S+ (?!0+ )[0-9a-f]+ Base Relocation", self._headers,
+                              re.M)
+        return int(words.group(1), 16) & relocations_stripped != 0 or not has_table
+
+    def debug_link(self):
+        """Name and checksum of the file with its debug information; None: it names none."""
+        with tempfile.TemporaryDirectory() as folder:
+            content = pathlib.Path(folder, "link")
+            subprocess.run([OBJCOPY, f"--dump-section=.gnu_debuglink={content}", str(self.path),
+                            f"{folder}/image"], check=False, capture_output=True)
+            if not content.exists():
+                return None
+            name, _, rest = content.read_bytes().partition(b"\0")
+            return name.decode(), struct.unpack("<I", rest[-4:])[0]
+
     def imported_libraries(self):
         return set(re.findall(r"^\s*DLL Name: (\S+)$", self._headers, re.M))
 
@@ -54,10 +78,12 @@ class PeImage:
             found[line.split()[-1]] = addresses[ordinal]
         return found
 
+    def base(self):
+        return int(re.search(r"^ImageBase\s+([0-9a-f]+)$", self._headers, re.M).group(1), 16)
+
     def exported_numbers(self, name, count):
         """So many 32-bit numbers of an exported piece of data."""
-        base = int(re.search(r"^ImageBase\s+([0-9a-f]+)$", self._headers, re.M).group(1), 16)
-        begin = base + self.exports()[name]
+        begin = self.base() + self.exports()[name]
         dump = self._dump("--full-contents", f"--start-address={begin:#x}",
                           f"--stop-address={begin + 4 * count:#x}")
         words = re.findall(r"^ [0-9a-f]+ ((?:[0-9a-f]{1,8} ){1,4})", dump, re.M)

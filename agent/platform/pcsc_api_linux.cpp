@@ -2,6 +2,8 @@
 
 namespace zelta::agent {
 
+ReaderName toReaderName(const std::string& name) { return name; }
+
 std::string pcscText(LONG result) { return pcsc_stringify_error(result); }
 
 }  // namespace zelta::agent

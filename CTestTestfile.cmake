@@ -1,1 +1,0 @@
-subdirs("/work/wt/daily/build")
