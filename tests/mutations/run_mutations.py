@@ -63,6 +63,16 @@ class Copy:
     def compile(self, programs):
         self.run(["ninja", "-C", self.build, *sorted(programs)])
 
+    def refusal(self, program):
+        """Why the program does not compile, if it is for a static assertion; empty if it does."""
+        try:
+            self.compile([program])
+        except RuntimeError as problem:
+            if "static assertion failed" not in str(problem):
+                raise
+            return "a static assertion"
+        return ""
+
     @staticmethod
     def run(command):
         done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
@@ -97,8 +107,8 @@ def try_mutation(copy, mutation, limit):
                            f"{original.count(mutation.old)} times")
     write(path, original.replace(mutation.old, mutation.new))
     try:
-        copy.compile([mutation.program])
-        return copy.failed_tests(mutation.program, mutation.tests, limit)
+        return (copy.refusal(mutation.program) or
+                copy.failed_tests(mutation.program, mutation.tests, limit))
     finally:
         write(path, original)
 
