@@ -311,6 +311,7 @@ TEST_F(RegistryLinux, LastOfManyChangesInEveryWay_IsSeenByAllReaders) {
   const auto before = Resources();
   std::atomic<bool> stop{false};
   std::vector<std::thread> readers;
+  readers.reserve(3);
   for (int i = 0; i < 3; ++i) {
     readers.emplace_back([&] {
       RegistryKey root = nullptr;
