@@ -39,19 +39,20 @@ class AgentProcess {
   ~AgentProcess() {
     kill(process_, SIGKILL);
     waitpid(process_, nullptr, 0);
-    std::fclose(commands_);
-    std::fclose(answers_);
+    (void)std::fclose(commands_);
+    (void)std::fclose(answers_);
   }
   AgentProcess(const AgentProcess&) = delete;
   AgentProcess& operator=(const AgentProcess&) = delete;
 
   // "insert" or "remove"; gives the time at which the agent began to send the event.
   std::chrono::steady_clock::time_point move(const char* word) {
-    std::fprintf(commands_, "%s\n", word);
-    std::fflush(commands_);
-    long long nanoseconds = 0;
-    if (std::fscanf(answers_, "%lld", &nanoseconds) != 1) std::abort();
-    return std::chrono::steady_clock::time_point(std::chrono::nanoseconds(nanoseconds));
+    (void)std::fprintf(commands_, "%s\n", word);
+    (void)std::fflush(commands_);
+    char nanoseconds[32];
+    if (std::fgets(nanoseconds, sizeof nanoseconds, answers_) == nullptr) std::abort();
+    return std::chrono::steady_clock::time_point(
+        std::chrono::nanoseconds(std::strtoll(nanoseconds, nullptr, 10)));
   }
 
  private:

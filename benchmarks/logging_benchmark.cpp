@@ -72,11 +72,11 @@ void bareStream(benchmark::State& state) {
   if (state.thread_index() == 0) stream = std::fopen(folder->file("bare.txt").c_str(), "w");
   const std::string line = referenceLine();
   for (auto _ : state) {
-    std::fputs(line.c_str(), stream);
-    std::fflush(stream);
+    (void)std::fputs(line.c_str(), stream);
+    (void)std::fflush(stream);
   }
   state.SetItemsProcessed(state.iterations());
-  if (state.thread_index() == 0) std::fclose(stream);
+  if (state.thread_index() == 0) (void)std::fclose(stream);
 }
 BENCHMARK(bareStream)->Threads(1)->Threads(kThreads)->UseRealTime();
 

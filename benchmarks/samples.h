@@ -37,8 +37,8 @@ class Samples {
     if (microseconds_.empty()) return;
     std::sort(microseconds_.begin(), microseconds_.end());
     const std::size_t count = microseconds_.size();
-    std::printf("%s\t%.2f\t%.2f\t%zu\n", name_.c_str(), microseconds_[count / 2],
-                microseconds_[count * 9 / 10], count);
+    (void)std::printf("%s\t%.2f\t%.2f\t%zu\n", name_.c_str(), microseconds_[count / 2],
+                      microseconds_[count * 9 / 10], count);
   }
 
  private:
@@ -51,16 +51,17 @@ class Samples {
 // The main function of a program that is called with ROUNDS COUNT.
 inline int runWithCounts(int argc, char** argv, void (*run)(int rounds, int count)) {
   if (argc != 3) {
-    std::fprintf(stderr, "usage: %s ROUNDS COUNT\n", argv[0]);
+    (void)std::fprintf(stderr, "usage: %s ROUNDS COUNT\n", argv[0]);
     return 2;
   }
-  run(std::atoi(argv[1]), std::atoi(argv[2]));
+  const auto number = [argv](int i) { return static_cast<int>(std::strtol(argv[i], nullptr, 10)); };
+  run(number(1), number(2));
   return 0;
 }
 
 // Ends the program: a measurement without its peer is none.
 [[noreturn]] inline void fail(const std::string& why) {
-  std::fprintf(stderr, "%s\n", why.c_str());
+  (void)std::fprintf(stderr, "%s\n", why.c_str());
   std::exit(1);
 }
 

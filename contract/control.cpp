@@ -19,6 +19,7 @@ bool hasMember(std::string_view json, const std::string& member) {
 std::vector<std::string> defaultControlPaths(std::uint32_t reader) {
   const std::string agent = "agent" + std::to_string(reader);
   std::vector<std::string> paths;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing of the product changes the environment
   const char* runtime = std::getenv("XDG_RUNTIME_DIR");
   if (runtime != nullptr && *runtime != '\0') {
     paths.push_back(std::string(runtime) + "/zelta-" + agent + ".ctl");

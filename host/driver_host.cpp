@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -10,6 +9,7 @@
 #include "host/driver_module.h"
 #include "host/io_engine.h"
 #include "host/wdf_driver.h"
+#include "platform/process/environment.h"
 
 namespace zelta::host {
 
@@ -23,10 +23,7 @@ void printDriverError(const std::string& text) {
   (void)std::fprintf(stderr, "zelta host: %s\n", text.c_str());
 }
 
-bool isSerialisingAskedFor() {
-  const char* const value = std::getenv("ZELTA_HOST_SERIALISE");
-  return value != nullptr && std::strcmp(value, "1") == 0;
-}
+bool isSerialisingAskedFor() { return platform::environmentOr("ZELTA_HOST_SERIALISE", "") == "1"; }
 
 InputParts whole(const std::vector<std::uint8_t>& input) {
   return {{}, {input.data(), input.size()}};

@@ -1,8 +1,8 @@
 #include "pcsc/reader_names.h"
 
 #include <charconv>
-#include <cstdlib>
 
+#include "platform/process/environment.h"
 #include "platform/process/module_loader.h"
 
 namespace zelta::pcsc {
@@ -35,8 +35,8 @@ std::wstring interfaceName(std::uint32_t readerIndex) {
 std::string readerName(std::uint32_t readerIndex) { return "dev" + std::to_string(readerIndex); }
 
 std::string modulePath() {
-  const char* const named = std::getenv(kModuleVariable);
-  if (named != nullptr && *named != '\0') return named;
+  std::string named = platform::environmentOr(kModuleVariable, "");
+  if (!named.empty()) return named;
   const std::string path = platform::pathOfModule(&kInThisFile);
   const std::size_t slash = path.rfind('/');
   return (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) + kModuleFile;

@@ -165,7 +165,7 @@ start_pcscd() {
   pcscd_pid=$!
   use_running_reader
   local attempt
-  for attempt in $(seq 100); do
+  for ((attempt = 0; attempt < 100; ++attempt)); do
     [ -S "$PCSCLITE_CSOCK_NAME" ] && return
     kill -0 "$pcscd_pid" 2>/dev/null || die "pcscd ended at once"
     sleep 0.1
@@ -176,7 +176,8 @@ start_pcscd() {
 # Ends when a card is in; `opensc-tool --wait` would wait for the next one.
 wait_for_card() {
   local attempt
-  for attempt in $(seq 150); do
+  # Without a command substitution: bash loses a Ctrl-C that comes during one.
+  for ((attempt = 0; attempt < 150; ++attempt)); do
     opensc-tool --atr >"$ZELTA_RUN_DIR/wait.log" 2>&1 && return
     sleep 0.2
   done

@@ -145,7 +145,7 @@ class DescriptorLine final : public Line {
 }  // namespace
 
 std::unique_ptr<Line> makeDescriptorLine(int input, int output) {
-  signal(SIGPIPE, SIG_IGN);
+  (void)signal(SIGPIPE, SIG_IGN);
   return std::make_unique<DescriptorLine>(input, output);
 }
 

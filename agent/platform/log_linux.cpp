@@ -4,8 +4,9 @@
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <string>
+
+#include "platform/process/environment.h"
 
 namespace zelta::agent {
 
@@ -13,10 +14,10 @@ namespace {
 
 // Whether standard error goes to the journal, which names the stream in this variable.
 bool toJournal() {
-  const char* stream = std::getenv("JOURNAL_STREAM");
   struct stat status {};
-  if (stream == nullptr || fstat(STDERR_FILENO, &status) != 0) return false;
-  return stream == std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+  if (fstat(STDERR_FILENO, &status) != 0) return false;
+  return platform::environmentOr("JOURNAL_STREAM", "") ==
+         std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
 }
 
 const char* journalMark(Severity level) {

@@ -6,6 +6,7 @@
 
 #include "platform/files/folders.h"
 #include "platform/files/utf.h"
+#include "platform/process/environment.h"
 #include "platform/process/never_destroyed.h"
 
 namespace zelta::platform {
@@ -14,11 +15,6 @@ namespace {
 
 constexpr std::int32_t kSuccess = 0;
 constexpr std::int32_t kOutOfMemory = static_cast<std::int32_t>(0x8007000E);
-
-std::string variableOr(const char* name, const char* otherwise) {
-  const char* value = std::getenv(name);
-  return value == nullptr || *value == '\0' ? otherwise : value;
-}
 
 void stripTrailingSlashes(std::string* path) {
   while (!path->empty() && path->back() == '/') path->pop_back();
@@ -36,7 +32,7 @@ class LinuxFolders final : public FolderApi {
  public:
   std::int32_t programData(char16_t** path) override {
     *path = nullptr;
-    std::string folder = variableOr("ZELTA_PROGRAM_DATA", "/var/log");
+    std::string folder = environmentOr("ZELTA_PROGRAM_DATA", "/var/log");
     stripTrailingSlashes(&folder);
     const std::u16string text = utf16FromUtf8(folder);
     const std::size_t bytes = (text.size() + 1) * sizeof(char16_t);
@@ -50,7 +46,7 @@ class LinuxFolders final : public FolderApi {
   void taskMemFree(void* memory) override { std::free(memory); }
 
   std::uint32_t tempPath(char16_t* buffer, std::uint32_t capacity) override {
-    std::string folder = variableOr("TMPDIR", "/tmp");
+    std::string folder = environmentOr("TMPDIR", "/tmp");
     stripTrailingSlashes(&folder);
     return copyOut(utf16FromUtf8(folder + '/'), buffer, capacity);
   }

@@ -1,7 +1,8 @@
 #include "platform/pipe/pipe_path.h"
 
 #include <algorithm>
-#include <cstdlib>
+
+#include "platform/process/environment.h"
 
 namespace zelta::platform {
 
@@ -17,10 +18,7 @@ bool usableComponent(const std::string& component) {
 
 }  // namespace
 
-std::string pipeRoot() {
-  const char* set = std::getenv("ZELTA_PIPE_ROOT");
-  return set == nullptr || *set == '\0' ? kDefaultRoot : set;
-}
+std::string pipeRoot() { return environmentOr("ZELTA_PIPE_ROOT", kDefaultRoot); }
 
 std::string pipeSocketPath(const std::string& pipeName) {
   const std::string prefix = kPrefix;

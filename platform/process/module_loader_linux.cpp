@@ -8,7 +8,7 @@ namespace zelta::platform {
 namespace {
 
 void takeError(std::string* errorText) {
-  const char* text = dlerror();
+  const char* text = dlerror();  // NOLINT(concurrency-mt-unsafe): each thread has its own
   *errorText = text == nullptr ? "unknown reason" : text;
 }
 

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <filesystem>
@@ -17,6 +16,7 @@
 #include <utility>
 
 #include "platform/files/scoped_fd_linux.h"
+#include "platform/process/environment.h"
 #include "platform/process/error.h"
 #include "platform/process/never_destroyed.h"
 #include "platform/sync/event_linux.h"
@@ -63,9 +63,8 @@ struct FileRegistry::OpenKey {
 };
 
 FileRegistry::FileRegistry(std::function<std::string()> path,
-                           std::function<void(const std::string&)> report,
-                           std::chrono::milliseconds quietTime)
-    : path_(std::move(path)), report_(std::move(report)), quietTime_(quietTime) {}
+                           std::function<void(const std::string&)> report, const WriterTimes& times)
+    : path_(std::move(path)), report_(std::move(report)), times_(times) {}
 
 FileRegistry::~FileRegistry() = default;
 
@@ -185,13 +184,27 @@ void FileRegistry::startWatching(OpenKey* key) {
       std::thread([this, key, file = std::move(file)]() mutable { watch(key, std::move(file)); });
 }
 
+// Milliseconds, as `poll` takes them.
+int FileRegistry::waitFor(std::optional<Clock::time_point> begun) const {
+  if (!begun) return -1;
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(*begun + times_.longest - Clock::now());
+  return static_cast<int>(
+      std::max(std::chrono::milliseconds(0), std::min(left, times_.quiet)).count());
+}
+
 void FileRegistry::watch(OpenKey* key, PathWatch file) {
   std::array<pollfd, 2> waits{{{key->stop.get(), POLLIN, 0}, {file.fd(), POLLIN, 0}}};
+  std::optional<Clock::time_point> begun;  // the writing that is not done
   for (;;) {
-    const int limit = file.isBeingWritten() ? static_cast<int>(quietTime_.count()) : -1;
-    if (const int ready = poll(waits.data(), waits.size(), limit); ready >= 0) {
+    if (!file.isBeingWritten()) {
+      begun.reset();
+    } else if (!begun) {
+      begun = Clock::now();
+    }
+    if (const int ready = poll(waits.data(), waits.size(), waitFor(begun)); ready >= 0) {
       if (waits[0].revents != 0) return;
-      onNews(key, &file, ready == 0);
+      onNews(key, &file, ready == 0 || (begun && Clock::now() - *begun >= times_.longest));
     } else if (errno != EINTR) {
       const MutexLock lock(mutex_);
       return signal(key);  // no longer watched: whoever waits has to look
@@ -199,10 +212,10 @@ void FileRegistry::watch(OpenKey* key, PathWatch file) {
   }
 }
 
-void FileRegistry::onNews(OpenKey* key, PathWatch* file, bool isQuiet) {
+void FileRegistry::onNews(OpenKey* key, PathWatch* file, bool isWriterDone) {
   const MutexLock lock(mutex_);
   try {
-    if (isQuiet) {
+    if (isWriterDone) {
       file->settle();
     } else if (!file->takeNews()) {
       return;
@@ -227,8 +240,7 @@ void FileRegistry::signal(OpenKey* key) {
 }
 
 std::string registryFilePath() {
-  const char* path = std::getenv("ZELTA_REGISTRY");
-  return path == nullptr || *path == '\0' ? "/etc/zelta/registry.reg" : path;
+  return environmentOr("ZELTA_REGISTRY", "/etc/zelta/registry.reg");
 }
 
 RegistryApi& systemRegistry() {

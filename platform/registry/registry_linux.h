@@ -22,8 +22,10 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "platform/files/path_watch_linux.h"
 #include "platform/registry/registry.h"
@@ -39,15 +41,20 @@ class FileRegistry final : public RegistryApi {
  public:
   // Maximum number of distinct problems reported; the last report says that it is the last.
   static constexpr std::size_t kMaxReports = 64;
-  static constexpr std::chrono::milliseconds kQuietTime{200};
+
+  // When a writer that keeps the file open counts as done.
+  struct WriterTimes {
+    std::chrono::milliseconds quiet{200};     // after it has written last
+    std::chrono::milliseconds longest{2000};  // after it has begun, even if it never pauses
+  };
 
   // `path` gives the file's path. `report` is told, once each, of lines that are not understood
   // and of a file that cannot be read or watched. It is called by one thread at a time, with locks
   // held, and must not call back.
-  //
-  // A writer that keeps the file open counts as done when it has not written for `quietTime`.
   FileRegistry(std::function<std::string()> path, std::function<void(const std::string&)> report,
-               std::chrono::milliseconds quietTime = kQuietTime);
+               const WriterTimes& times);
+  FileRegistry(std::function<std::string()> path, std::function<void(const std::string&)> report)
+      : FileRegistry(std::move(path), std::move(report), WriterTimes()) {}
   ~FileRegistry() override;  // no key may be open
 
   std::uint32_t getDword(const std::u16string& key, const std::u16string& value,
@@ -59,6 +66,7 @@ class FileRegistry final : public RegistryApi {
   void closeKey(RegistryKey key) override;
 
  private:
+  using Clock = std::chrono::steady_clock;
   struct OpenKey;
 
   // Throws if the system lacks the means to read.
@@ -67,15 +75,16 @@ class FileRegistry final : public RegistryApi {
       ZELTA_EXCLUDES(reportMutex_);
   OpenKey* find(RegistryKey key) ZELTA_REQUIRES(mutex_);
   void startWatching(OpenKey* key) ZELTA_REQUIRES(mutex_);
+  int waitFor(std::optional<Clock::time_point> begun) const;
   // The key's thread, until the key is closed.
   void watch(OpenKey* key, PathWatch file) ZELTA_EXCLUDES(mutex_);
-  void onNews(OpenKey* key, PathWatch* file, bool isQuiet) ZELTA_EXCLUDES(mutex_);
+  void onNews(OpenKey* key, PathWatch* file, bool isWriterDone) ZELTA_EXCLUDES(mutex_);
   void signalIfChanged(OpenKey* key, RegistryContent now) ZELTA_REQUIRES(mutex_);
   static void signal(OpenKey* key);
 
   const std::function<std::string()> path_;
   const std::function<void(const std::string&)> report_;
-  const std::chrono::milliseconds quietTime_;
+  const WriterTimes times_;
 
   Mutex mutex_ ZELTA_ACQUIRED_BEFORE(reportMutex_);
   std::uintptr_t lastKey_ ZELTA_GUARDED_BY(mutex_) = 0;

@@ -139,7 +139,7 @@ TEST_F(ServerResult, ZeroMeansThatAWaitingRequestIsServed) {
     times.insertRequest = inTime ? 60000ms : 1ms;
     start(times);
     if (inTime) {
-      ASSERT_TRUE(waitUntilCreated());
+      ASSERT_TRUE(becomes(0));
     }
     FakeRequest& insertion = makeRequest();
     reader().IoSmartCardIsPresent(&insertion, 0, 0);

@@ -69,8 +69,8 @@ void ScriptedLink::agentReports(const Bytes& bytes) { pipes_.feed(eventPipeName(
 
 std::string ScriptedLink::createdText(bool command) {
   char handle[32];
-  std::snprintf(handle, sizeof handle, "%p",
-                reinterpret_cast<void*>(command ? kCommandHandle : kEventHandle));
+  (void)std::snprintf(handle, sizeof handle, "%p",
+                      reinterpret_cast<void*>(command ? kCommandHandle : kEventHandle));
   return command ? "Command named pipe created:" + commandPipeName(0) + ":" + handle
                  : "Event pipe created:" + eventPipeName(0) + ":" + handle;
 }

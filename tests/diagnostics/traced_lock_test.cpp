@@ -21,8 +21,8 @@ using test::LogRecord;
 std::string trace(const char* what, const char* function, int line, const void* object,
                   const CriticalSection& lock) {
   char buffer[200];
-  std::snprintf(buffer, sizeof buffer, "%s: Function:%s, Line:%i, Object:%p, Lock:%p", what,
-                function, line, object, static_cast<const void*>(&lock));
+  (void)std::snprintf(buffer, sizeof buffer, "%s: Function:%s, Line:%i, Object:%p, Lock:%p", what,
+                      function, line, object, static_cast<const void*>(&lock));
   return buffer;
 }
 

@@ -236,7 +236,7 @@ class ZeltaCommand(unittest.TestCase):
     def test_up_interrupted_on_its_way_leaves_nothing(self):
         for line in ("Making the demo card", "Starting the agent", "Waiting for the card"):
             self.start(until=line)
-            self.assertEqual(self.press_ctrl_c(), 130, line)
+            self.assertEqual(self.press_ctrl_c(), 130, "".join(self.lines))
             self.assertIn("interrupted; ended: ", self.lines[-1])
             self.assert_nothing_left()
 

@@ -19,7 +19,7 @@ NEEDS_MOUNTS = (
     "DebianInstallation.test_reader_and_service_user_work_after_installation",
     "DebianService.test_confined_agent_signs", "DebianUpgrade", "DocumentedInstallation",
     "DocumentedPages", "EndToEnd.test_every_key_signs_and_openssl_verifies",
-    "Examples.test_agent_on_one_page", "FullDisk", "GnupgPkcs11Scd", "OpenscTool", "PcscdEndTest",
+    "Examples.test_agent_on_one_page", "FullDisk", "GnupgPkcs11Scd", "OpenscTool", "PcscdEnd",
     "ReadmePage", "ReaderComesBack",
     "Soak.test_each_disturbance_once_under_load_leaves_every_answer_right",
     "Ssh.test_wrong_pin_is_no_login", "Tstclnt", "ZeltaCommand.test_bad_use_is_refused")

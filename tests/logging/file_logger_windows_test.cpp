@@ -332,7 +332,7 @@ class DestroyingClock final : public platform::WallClock {
 fs::path folderOfTheDying;
 
 [[noreturn]] void showTheLastRecordAndDie() {
-  std::fprintf(stderr, "%s\n", summaries(recordsIn(folderOfTheDying)).back().c_str());
+  (void)std::fprintf(stderr, "%s\n", summaries(recordsIn(folderOfTheDying)).back().c_str());
   std::abort();
 }
 

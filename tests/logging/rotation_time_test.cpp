@@ -90,7 +90,7 @@ TEST(RotationTime, LocaleWithADecimalComma_ChangesNothing) {
   }
   EXPECT_EQ(rotationMinutes("1.9e1"), 19);
   EXPECT_EQ(rotationMinutes("15,5"), 15);
-  std::setlocale(LC_ALL, before.c_str());
+  (void)std::setlocale(LC_ALL, before.c_str());
 }
 
 }  // namespace

@@ -31,7 +31,7 @@ TEST_P(Choice, PrefersT1AndRefusesWhatIsNotOffered) {
   const std::uint32_t before = reader_.currentProtocol();
   const Answer answer = select(row.mask);
   char first[64];
-  std::snprintf(first, sizeof first, "[SPRT]IOCTL_SMARTCARD_SET_PROTOCOL:%08X", row.mask);
+  (void)std::snprintf(first, sizeof first, "[SPRT]IOCTL_SMARTCARD_SET_PROTOCOL:%08X", row.mask);
   EXPECT_EQ(reader_.resetFlags, std::vector<bool>{true});
   if (row.protocol == 0) {
     EXPECT_EQ(answer, refused(kNotSupported));

@@ -22,7 +22,7 @@ inline std::string caseName(const std::string& text) {
     if (apart) name += '_';
     apart = false;
     char number[4];
-    std::snprintf(number, sizeof number, "x%02X", byte);
+    (void)std::snprintf(number, sizeof number, "x%02X", byte);
     name += other ? std::string(number) : std::string(1, c);
   }
   return name.empty() ? "Empty" : name;

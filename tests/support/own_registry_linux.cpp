@@ -60,10 +60,10 @@ void OwnRegistry::setText(const std::u16string& key, const std::u16string& name,
 void OwnRegistry::setValue(const std::u16string& key, const std::u16string& name,
                            std::uint32_t type, const std::vector<std::uint8_t>& data) {
   char number[16];
-  std::snprintf(number, sizeof(number), "hex(%x):", type);
+  (void)std::snprintf(number, sizeof(number), "hex(%x):", type);
   std::string line = quoted(name) + "=" + number;
   for (const std::uint8_t byte : data) {
-    std::snprintf(number, sizeof(number), "%02x,", byte);
+    (void)std::snprintf(number, sizeof(number), "%02x,", byte);
     line += number;
   }
   system_->append(section("", key) + line + "\n");

@@ -71,7 +71,7 @@ INSTANTIATE_TEST_SUITE_P(Tools, DumpMaskTest, testing::ValuesIn(kCases),
 TEST(DumpMaskInstructions, ThoseWithAPin_AreHidden) {
   for (int instruction = 0; instruction < 256; ++instruction) {
     char text[] = "00 xx 00 81 01 31 ";
-    std::snprintf(text + 3, 3, "%02x", instruction);
+    (void)std::snprintf(text + 3, 3, "%02x", instruction);
     text[5] = ' ';
     DumpMask mask;
     mask.masked("1", "6 byte dump:");

@@ -19,8 +19,13 @@
 #include <utility>
 
 #include "platform/files/scoped_fd_linux.h"
+#include "platform/process/environment.h"
 
 namespace zelta::logs {
+
+std::string defaultFolder() {
+  return platform::environmentOr("ZELTA_PROGRAM_DATA", "/var/log") + "/Vornhalt/ZeltaAgent/logs";
+}
 
 std::vector<std::filesystem::path> logFiles(const std::filesystem::path& folder) {
   std::vector<std::filesystem::path> files;
@@ -133,7 +138,7 @@ FolderWatch::FolderWatch(const std::filesystem::path& folder) {
   sigemptyset(&set);
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGTERM);
-  sigprocmask(SIG_BLOCK, &set, nullptr);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
   signals_ = checked(signalfd(-1, &set, SFD_CLOEXEC), "signalfd");
   watch_ = checked(inotify_init1(IN_CLOEXEC | IN_NONBLOCK), "inotify");
   checked(inotify_add_watch(

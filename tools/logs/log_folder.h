@@ -12,6 +12,9 @@
 
 namespace zelta::logs {
 
+// Where the driver writes them.
+std::string defaultFolder();
+
 // The log files of a folder, oldest first: their names carry the time of their creation. Regular
 // files only.
 std::vector<std::filesystem::path> logFiles(const std::filesystem::path& folder);

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "contract/harmless.h"
+#include "platform/process/environment.h"
 #include "tools/logs/log_folder.h"
 #include "tools/logs/printer.h"
 #include "tools/logs/prune.h"
@@ -20,12 +21,6 @@
 namespace {
 
 using namespace zelta::logs;
-
-std::string defaultFolder() {
-  const char* data = std::getenv("ZELTA_PROGRAM_DATA");
-  const std::string base = data != nullptr && *data != '\0' ? data : "/var/log";
-  return base + "/Vornhalt/ZeltaAgent/logs";
-}
 
 struct Options {
   std::string folder = defaultFolder();
@@ -42,8 +37,7 @@ struct Options {
 
 Look look(const Options& options) {
   const bool isTerminal = isatty(STDOUT_FILENO) != 0;
-  const char* noColor = std::getenv("NO_COLOR");
-  const bool isAllowed = noColor == nullptr || *noColor == '\0';
+  const bool isAllowed = zelta::platform::environmentOr("NO_COLOR", "").empty();
   Look look;
   look.color = options.color == "auto" ? isTerminal && isAllowed : options.color == "always";
   look.escape = isTerminal || look.color;  // colours are meant for a terminal
@@ -198,7 +192,7 @@ int main(int argc, char** argv) try {
     constexpr int kUsage = 2;
     return app.exit(error) == 0 ? EXIT_SUCCESS : kUsage;
   }
-  std::signal(SIGIO, SIG_IGN);  // see isBeingWritten
+  (void)std::signal(SIGIO, SIG_IGN);  // see isBeingWritten
   if (!pruning.parsed()) return show(options);
   const bool done = prune(options.folder, options.limits, options.dryRun, options.verbose);
   return done ? EXIT_SUCCESS : EXIT_FAILURE;

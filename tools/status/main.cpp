@@ -34,9 +34,7 @@ struct Options {
 };
 
 std::string newestLog() {
-  const char* data = std::getenv("ZELTA_PROGRAM_DATA");
-  const std::filesystem::path base = data != nullptr && *data != '\0' ? data : "/var/log";
-  const auto files = logs::logFiles(base / "Vornhalt/ZeltaAgent/logs");
+  const auto files = logs::logFiles(logs::defaultFolder());
   return files.empty() ? std::string() : files.back().string();
 }
 

@@ -35,7 +35,7 @@ ScopedFd endingSignals() {
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
-  sigprocmask(SIG_BLOCK, &signals, nullptr);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   return ScopedFd(signalfd(-1, &signals, SFD_CLOEXEC));
 }
 

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/process/environment.h"
 #include "tools/trace/agent_lines.h"
 #include "tools/trace/page.h"
 #include "tools/trace/record.h"
@@ -73,11 +74,11 @@ std::ofstream openOutput(const std::string& file) {
     if (failed != 0) throw std::runtime_error(file + " cannot be made its owner's alone");
   };
   own(chmod(file.c_str(), S_IRUSR | S_IWUSR));
-  const char* const user = std::getenv("SUDO_UID");
-  const char* const group = std::getenv("SUDO_GID");
-  if (geteuid() == 0 && user != nullptr && group != nullptr) {
-    own(chown(file.c_str(), static_cast<uid_t>(std::strtoul(user, nullptr, 10)),
-              static_cast<gid_t>(std::strtoul(group, nullptr, 10))));
+  const std::string user = zelta::platform::environmentOr("SUDO_UID", "");
+  const std::string group = zelta::platform::environmentOr("SUDO_GID", "");
+  if (geteuid() == 0 && !user.empty() && !group.empty()) {
+    own(chown(file.c_str(), static_cast<uid_t>(std::strtoul(user.c_str(), nullptr, 10)),
+              static_cast<gid_t>(std::strtoul(group.c_str(), nullptr, 10))));
   }
   return output;
 }

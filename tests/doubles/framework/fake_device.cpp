@@ -80,8 +80,8 @@ void trace(const char* callback) {
   if (path == nullptr) return;
   std::FILE* file = std::fopen(path, "a");
   if (file == nullptr) return;
-  std::fprintf(file, "%s\n", callback);
-  std::fclose(file);
+  (void)std::fprintf(file, "%s\n", callback);
+  (void)std::fclose(file);
 }
 
 thread_local IWDFIoRequest* FakeDevice::marking_ = nullptr;

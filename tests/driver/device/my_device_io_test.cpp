@@ -94,7 +94,7 @@ TEST_F(Dispatch, OtherControls_AreNotSupported) {
     log_.clear();
     expectRefused(send(code), status::kNotSupported);
     char text[64];
-    std::snprintf(text, sizeof text, "[IOCT]ERROR_NOT_SUPPORTED:%08X", code);
+    (void)std::snprintf(text, sizeof text, "[IOCT]ERROR_NOT_SUPPORTED:%08X", code);
     EXPECT_THAT(log_.errors(), ElementsAre(error(50, text)));
   }
 }

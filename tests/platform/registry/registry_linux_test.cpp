@@ -33,7 +33,7 @@ using Problems = std::vector<std::string>;
 
 std::string content(std::uint32_t number) {
   char digits[9];
-  std::snprintf(digits, sizeof(digits), "%08x", number);
+  (void)std::snprintf(digits, sizeof(digits), "%08x", number);
   return std::string("[HKLM\\A]\n\"x\"=dword:") + digits + "\n[HKLM\\B]\n";
 }
 
@@ -49,6 +49,8 @@ struct Resources {
     return a.threads == b.threads && a.files == b.files;
   }
 };
+
+constexpr std::chrono::hours kNever{1};
 
 class RegistryLinux : public testing::Test {
  protected:
@@ -98,10 +100,34 @@ class RegistryLinux : public testing::Test {
   Problems problems_;
   FileRegistry registry_{[this] { return name_; },
                          [this](const std::string& problem) { problems_.push_back(problem); },
-                         std::chrono::hours(1)};  // until a writer that does not close it is done
+                         {kNever, kNever}};
   EventHandle changed_ = systemEvents().create();
   RegistryKey key_ = nullptr;
   std::uint32_t value_ = 0;
+};
+
+// A registry that watches the key A, with times of its own for a writer.
+class Hasty {
+ public:
+  Hasty(const std::string& file, const FileRegistry::WriterTimes& times)
+      : registry_([file] { return file; }, [](const std::string&) {}, times) {
+    EXPECT_EQ(registry_.openKey(u"A", &key_), error::kSuccess);
+    arm();
+  }
+  ~Hasty() {
+    registry_.closeKey(key_);
+    systemEvents().close(changed_);
+  }
+  Hasty(const Hasty&) = delete;
+  Hasty& operator=(const Hasty&) = delete;
+
+  void arm() { EXPECT_EQ(registry_.notifyChange(key_, changed_), error::kSuccess); }
+  void waitForChange() { EXPECT_EQ(systemEvents().waitAny(&changed_, 1), 0U); }
+
+ private:
+  FileRegistry registry_;
+  const EventHandle changed_ = systemEvents().create();
+  RegistryKey key_ = nullptr;
 };
 
 TEST_F(RegistryLinux, MissingFile_IsAnEmptyRegistry) {
@@ -189,21 +215,30 @@ TEST_F(RegistryLinux, WriterThatKeepsTheFileOpen_IsWaitedForUntilItIsQuiet) {
   write(file_, content(1));
   open();
   arm();
-  FileRegistry hasty([this] { return name_; }, [](const std::string&) {},
-                     std::chrono::milliseconds(1));
-  const EventHandle seen = systemEvents().create();
-  RegistryKey key = nullptr;
-  ASSERT_EQ(hasty.openKey(u"A", &key), error::kSuccess);
-  ASSERT_EQ(hasty.notifyChange(key, seen), error::kSuccess);
+  Hasty hasty(name_, {std::chrono::milliseconds(1), kNever});
   ScopedFd writer(::open(file_.c_str(), O_WRONLY | O_CLOEXEC));
   const std::string text = content(2);
   ASSERT_EQ(::write(writer.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  ASSERT_EQ(systemEvents().waitAny(&seen, 1), 0U);
+  hasty.waitForChange();
   EXPECT_TRUE(isQuiet());  // the patient one still waits
   writer.reset();
   waitForChange();
-  hasty.closeKey(key);
-  systemEvents().close(seen);
+}
+
+TEST_F(RegistryLinux, WriterThatNeverPauses_IsWaitedForNoLongerThanTheLimit) {
+  write(file_, content(1));
+  Hasty hasty(name_, {kNever, std::chrono::milliseconds(20)});
+  const ScopedFd file(::open(file_.c_str(), O_WRONLY | O_CLOEXEC));
+  std::atomic<bool> noticed{false};
+  std::thread writer([&] {
+    const std::string text = content(2);
+    while (!noticed) {
+      EXPECT_EQ(pwrite(file.get(), text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
+    }
+  });
+  hasty.waitForChange();
+  noticed = true;
+  writer.join();
 }
 
 TEST_F(RegistryLinux, EventClosedBeforeTheKey_LeavesOthersAlone) {
@@ -276,6 +311,7 @@ TEST_F(RegistryLinux, LastOfManyChangesInEveryWay_IsSeenByAllReaders) {
   const auto before = Resources();
   std::atomic<bool> stop{false};
   std::vector<std::thread> readers;
+  readers.reserve(3);
   for (int i = 0; i < 3; ++i) {
     readers.emplace_back([&] {
       RegistryKey root = nullptr;
