@@ -782,6 +782,12 @@ MUTATIONS = (
              "                                         std::memory_order_acquire));\n"
              "  if (count == 1) static_cast<void>(endLogging());",
              "driver_test", "Module*", doc="threads: counted until joined"),
+    Mutation("logger-ended-by-destructor", "nothing is left for global destructors to do",
+             "diagnostics/logging_facade.cpp",
+             "bool hasLogger() { return",
+             "namespace {\nstruct AtExit {\n  ~AtExit() { shutDownLogging(); }\n} atExit;\n"
+             "}  // namespace\n\nbool hasLogger() { return",
+             "module_test", "LoadedModule*", doc="threads: no global destructors"),
     Mutation("logger-kept-when-asked", "DllCanUnloadNow ends a logger that was made without objects",
              "driver/module/module.cpp",
              "  return endLogging() ? framework::kOk : framework::kFalse;",
