@@ -38,7 +38,8 @@ make_work() {
 
 end_follower() {
   [ -n "$follower" ] || return 0
-  kill "$follower" 2>/dev/null || true
+  # A shell that has just been forked still has this one's traps, and loses other signals to them.
+  kill -KILL "$follower" 2>/dev/null || true
   wait "$follower" 2>/dev/null || true
   follower=
   [ ! -t 1 ] || printf '\r\033[K'

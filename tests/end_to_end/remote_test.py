@@ -25,12 +25,14 @@ EVENTS_SHIFT = 16  # where pcscd counts a reader's insertions and removals
 
 
 def far_agents():
-    """Process ids of the agents that ssh has started for the member."""
+    """Process ids of the agents that ssh has started for the member, in this test."""
     found = []
+    here = os.readlink("/proc/self/ns/mnt")
     for folder in pathlib.Path("/proc").glob("[0-9]*"):
         try:
             words = (folder / "cmdline").read_bytes().split(b"\0")
-            if folder.stat().st_uid == FIRST_ID and words[0].endswith(b"zelta-agent"):
+            if (folder.stat().st_uid == FIRST_ID and words[0].endswith(b"zelta-agent") and
+                    os.readlink(folder / "ns" / "mnt") == here):
                 found.append(int(folder.name))
         except (FileNotFoundError, ProcessLookupError):
             pass

@@ -23,6 +23,9 @@ NEEDS_MOUNTS = (
     "ReadmePage", "ReaderComesBack",
     "Soak.test_each_disturbance_once_under_load_leaves_every_answer_right",
     "Ssh.test_wrong_pin_is_no_login", "Tstclnt", "ZeltaCommand.test_bad_use_is_refused")
+# What the sources and the build are in, if that is in the folder for temporary files.
+HIDDEN = {path.relative_to("/tmp").parts[0] for path in (stack.SOURCE, BUILD)
+          if path.is_relative_to("/tmp")}
 LIMIT = 280  # seconds
 RESULT = re.compile(r"Test +#\d+: (\S+) \.+ *(Passed|\*\*\*\S+(?: \w+)?)")
 
@@ -51,7 +54,7 @@ class Restricted(unittest.TestCase):
         skipped = [test for test, result in results.items() if result == "***Skipped"]
         self.assertEqual(log.count(f"no mounts are possible here: {reason}"), len(skipped))
         shutil.rmtree(mirror)
-        self.assertEqual(list(temporary.iterdir()), [])
+        self.assertEqual({entry.name for entry in temporary.iterdir()} - HIDDEN, set())
 
     def test_without_the_right_to_mount(self):
         self.run_part(self.folder, "setpriv", "--bounding-set=-sys_admin", "--inh-caps=-sys_admin",
@@ -68,6 +71,11 @@ class Restricted(unittest.TestCase):
                 if entry.name != "tmp":
                     stack.mount("--rbind", entry, inside)
                     self.addCleanup(stack.run, "umount", "--recursive", "--lazy", inside)
+        for name in HIDDEN:
+            inside = self.folder / "tmp" / name
+            inside.mkdir()
+            stack.mount("--rbind", pathlib.Path("/tmp") / name, inside)
+            self.addCleanup(stack.run, "umount", "--recursive", "--lazy", inside)
         self.run_part(self.folder / "tmp", "chroot", self.folder,
                       reason="the root is not a mount point, as in a plain chroot")
 
