@@ -66,7 +66,6 @@ class ZELTA_SCOPED_CAPABILITY MutexLock {
 // carry ZELTA_NO_THREAD_SAFETY_ANALYSIS.
 class ConditionVariable {
  public:
-  void notifyOne() { condition_.notify_one(); }
   void notifyAll() { condition_.notify_all(); }
 
   template <typename Predicate>

@@ -181,7 +181,7 @@ TEST_F(Queries, PayloadOfMoreThanOneBlock_IsReadInBlocks) {
 // reason why an agent must not send one.
 TEST_F(Queries, WhatIsLeftInThePipe_IsReadAsTheNextAnswer) {
   AgentLinkTimes times;
-  times.query = std::chrono::milliseconds(1);
+  times.query = std::chrono::milliseconds(300);  // the second one has to be done in it
   startAccepted(times);
   EXPECT_EQ(transmit(kSelect), QueryResult::kTimeout);
   agentAnswers(number(2, {0x90, 0x00}));

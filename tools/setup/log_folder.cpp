@@ -40,7 +40,8 @@ void setAccess(const fs::path& folder) {
           "cannot read the access list");
   const std::unique_ptr<void, LocalMemory> descriptor(made);
   require(SetFileSecurityW(folder.c_str(),
-                           DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
+                           OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION |
+                               PROTECTED_DACL_SECURITY_INFORMATION,
                            descriptor.get()),
           "cannot set the access list of " + folder.u8string());
 }

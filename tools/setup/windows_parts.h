@@ -9,11 +9,12 @@
 namespace zelta::setup {
 
 // %ProgramData%\Vornhalt\ZeltaAgent\logs, open to the system, administrators and the local service
-// account, which the driver and the agent run as. Its files go with it.
+// account, which the driver and the agent run as, and owned by administrators: a user who made it
+// before could open it again. Its files go with it.
 std::unique_ptr<Part> makeLogFolder();
 // The access list of that folder.
 inline constexpr wchar_t kLogFolderAccess[] =
-    L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1301bf;;;LS)";
+    L"O:BAD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1301bf;;;LS)";
 
 // The driver's values in the registry, with their defaults if they have none.
 std::unique_ptr<Part> makeSettings();

@@ -95,7 +95,7 @@ inline void checkChannel(const Bytes& bytes, std::size_t piece, const Decoded& d
           "a pong answers a ping");
   const std::string end = channel.describeEnd();
   require(!end.empty() && std::none_of(end.begin(), end.end(),
-                                       [](char c) { return static_cast<unsigned char>(c) < ' '; }),
+                                       [](unsigned char c) { return c < ' ' && c != '\t'; }),
           "an end is told in one line of text");
 }
 

@@ -22,6 +22,9 @@ TEST(LogFolderAccess, IsForTheSystemAdministratorsAndLocalServiceOnly) {
       kLogFolderAccess, SDDL_REVISION_1, &descriptor, nullptr));
   BOOL isPresent = FALSE;
   BOOL isDefault = FALSE;
+  PSID owner = nullptr;
+  ASSERT_TRUE(GetSecurityDescriptorOwner(descriptor, &owner, &isDefault));
+  EXPECT_TRUE(IsWellKnownSid(owner, WinBuiltinAdministratorsSid));
   ACL* list = nullptr;
   ASSERT_TRUE(GetSecurityDescriptorDacl(descriptor, &isPresent, &list, &isDefault));
   ASSERT_TRUE(isPresent);
