@@ -144,7 +144,11 @@ void addEmulatedOptions(CLI::App& app, Options& options, Flags& flags) {
 void addCardOptions(CLI::App& app, System system, Options& options, Flags& flags) {
   const std::string choice = system == System::kLinux ? "(default emulated)" : "(needed)";
   app.add_option("--backend", flags.backend, "Where the card comes from " + choice)
-      ->check(CLI::IsMember(names(kBackends)))
+      ->check([system](const std::string& name) {
+        const auto known = names(kBackends);
+        const bool isKnown = std::find(known.begin(), known.end(), name) != known.end();
+        return isKnown ? std::string() : name + " is none of " + backendNames(system);
+      })
       ->option_text(backendNames(system));
   auto* inserted = app.add_flag("--card-inserted", flags.cardInserted, "Start with the card in");
   app.add_flag("--no-card", flags.noCard, "Start without the card")->excludes(inserted);

@@ -140,7 +140,7 @@ INSTANTIATE_TEST_SUITE_P(
         Wrong{{"--nonsense"}, "--nonsense"}, Wrong{{"extra"}, "extra"},
         Wrong{{"--reader", "-1"}, "-1"}, Wrong{{"--reader", "4294967296"}, "4294967296"},
         Wrong{{"--reader", "x"}, "x"}, Wrong{{"--session-id", "x"}, "'x' is not a GUID"},
-        Wrong{{"--backend", "paper"}, "paper not in {emulated,pcsc,script,remote}"},
+        Wrong{{"--backend", "paper"}, "paper is none of emulated|pcsc|script|remote"},
         Wrong{{"--log-level", "loud"}, "loud not in {error,warning,info,debug}"},
         Wrong{{"--card-inserted", "--no-card"}, "--card-inserted excludes --no-card"},
         Wrong{{"--pin", "1", "--pin-file", "f"}, "excludes"},
@@ -202,6 +202,8 @@ TEST(WindowsOptions, NoCard_IsAskedFor) {
   const ParsedOptions parsed = parse({}, System::kWindows);
   EXPECT_EQ(parsed.exitCode, kExitUsage);
   EXPECT_THAT(parsed.error, HasSubstr("which card? --backend needs one of pcsc|script\n"));
+  EXPECT_THAT(parse({"--backend", "paper"}, System::kWindows).error,
+              HasSubstr("paper is none of pcsc|script\n"));
   EXPECT_TRUE(parse({"ctl", "status"}, System::kWindows).options);
 }
 
