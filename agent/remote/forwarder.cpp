@@ -12,8 +12,8 @@ namespace {
 
 std::string inMilliseconds(std::chrono::microseconds time) {
   char text[32];
-  std::snprintf(text, sizeof text, "%.1f ms",
-                std::chrono::duration<double, std::milli>(time).count());
+  (void)std::snprintf(text, sizeof text, "%.1f ms",
+                      std::chrono::duration<double, std::milli>(time).count());
   return text;
 }
 

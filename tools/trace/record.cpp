@@ -217,9 +217,10 @@ std::string clockTime(std::int64_t microseconds) {
   constexpr std::int64_t kDay = std::int64_t{24} * 60 * 60 * 1000;
   const std::int64_t milliseconds = ((microseconds / 1000) % kDay + kDay) % kDay;
   char text[16];
-  std::snprintf(text, sizeof text, "%02d:%02d:%02d.%03d", static_cast<int>(milliseconds / 3600000),
-                static_cast<int>(milliseconds / 60000 % 60),
-                static_cast<int>(milliseconds / 1000 % 60), static_cast<int>(milliseconds % 1000));
+  (void)std::snprintf(
+      text, sizeof text, "%02d:%02d:%02d.%03d", static_cast<int>(milliseconds / 3600000),
+      static_cast<int>(milliseconds / 60000 % 60), static_cast<int>(milliseconds / 1000 % 60),
+      static_cast<int>(milliseconds % 1000));
   return text;
 }
 
@@ -228,11 +229,12 @@ std::string durationText(std::int64_t microseconds) {
   constexpr std::int64_t kSecond = 1000000;
   char text[32];
   if (microseconds < kMillisecond) {
-    std::snprintf(text, sizeof text, "%d us", static_cast<int>(microseconds));
+    (void)std::snprintf(text, sizeof text, "%d us", static_cast<int>(microseconds));
   } else if (microseconds < kSecond) {
-    std::snprintf(text, sizeof text, "%.1f ms", static_cast<double>(microseconds) / kMillisecond);
+    (void)std::snprintf(text, sizeof text, "%.1f ms",
+                        static_cast<double>(microseconds) / kMillisecond);
   } else {
-    std::snprintf(text, sizeof text, "%.1f s", static_cast<double>(microseconds) / kSecond);
+    (void)std::snprintf(text, sizeof text, "%.1f s", static_cast<double>(microseconds) / kSecond);
   }
   return text;
 }
@@ -245,7 +247,8 @@ std::string lineOf(const Record& record, const Words& words, std::size_t width) 
   };
   char begin[64];
   const std::string lasted = record.isExchange() ? durationText(record.duration) : "";
-  std::snprintf(begin, sizeof begin, "%s %8s  ", clockTime(record.time).c_str(), lasted.c_str());
+  (void)std::snprintf(begin, sizeof begin, "%s %8s  ", clockTime(record.time).c_str(),
+                      lasted.c_str());
   std::string line = begin;
   if (!record.isExchange()) {
     line += "-- " + words.what;
