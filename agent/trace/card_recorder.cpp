@@ -101,7 +101,7 @@ void CardRecorder::write() {
 
 std::string CardRecorder::tryWrite() const {
   const std::string unready = file_ + "~";
-  std::ofstream(unready, std::ios::binary | std::ios::trunc);
+  std::ofstream(unready, std::ios::binary | std::ios::trunc).close();
   std::error_code failed;
   // A card's certificates and files are its owner's.
   fs::permissions(unready, fs::perms::owner_read | fs::perms::owner_write, failed);

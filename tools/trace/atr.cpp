@@ -154,7 +154,7 @@ std::string protocolText(const Atr& atr) {
 // A number of thousandths, without needless zeros: 4000 is "4", 7500 "7.5".
 std::string thousandths(int number) {
   char text[32];
-  std::snprintf(text, sizeof text, "%g", static_cast<double>(number) / 1000);
+  (void)std::snprintf(text, sizeof text, "%g", static_cast<double>(number) / 1000);
   return text;
 }
 
