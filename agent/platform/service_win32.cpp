@@ -155,7 +155,7 @@ class RunningService final : public ServiceRun {
   int exitCode_ = 0;
 };
 
-RunningService* running = nullptr;  // the manager hands no context to where the service begins
+RunningService* running = nullptr;  // the manager passes no context to `serviceMain`
 
 void WINAPI serviceMain(DWORD, char**) { running->run(); }
 
@@ -169,7 +169,7 @@ std::string commandLine(const std::vector<std::string>& words) {
     line += line.empty() ? "\"" : " \"";
     std::size_t backslashes = 0;
     for (const char c : word) {
-      // Backslashes count double before a quotation mark only, and the mark takes one of its own.
+      // Only backslashes before a quotation mark are doubled; one more escapes the mark.
       if (c == '"') line.append(backslashes + 1, '\\');
       backslashes = c == '\\' ? backslashes + 1 : 0;
       line += c;

@@ -150,17 +150,11 @@ Agent::Status Agent::status() const {
     const platform::MutexLock lock(mutex_);
     status.connected = connected_;
   }
-  const CardSlot::Status card = slot_.status();
   status.reader = settings_.reader;
   status.sessionId = settings_.sessionId;
   status.backend = backend_.name();
-  status.cardIn = card.card != kNoCard;
-  status.atr = card.atr;
-  status.apdus = card.apdus;
-  status.errors = card.unanswered;
   status.timeouts = timeouts_;
-  const std::uint64_t connections = connections_;
-  status.reconnects = connections == 0 ? 0 : connections - 1;
+  status.setCard(slot_.status(), connections_);
   return status;
 }
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "agent/card/card_slot.h"
 #include "contract/bytes.h"
 
 namespace zelta::agent {
@@ -23,6 +24,15 @@ class Service {
     std::uint64_t errors = 0;    // commands that it left without an answer
     std::uint64_t timeouts = 0;  // commands that were answered in its place because it was late
     std::uint64_t reconnects = 0;
+
+    // `connections`: how many there have been so far.
+    void setCard(const CardSlot::Status& card, std::uint64_t connections) {
+      cardIn = card.card != kNoCard;
+      atr = card.atr;
+      apdus = card.apdus;
+      errors = card.unanswered;
+      reconnects = connections == 0 ? 0 : connections - 1;
+    }
   };
 
   Service() = default;

@@ -135,18 +135,12 @@ std::string Forwarder::removeCard() {
 }
 
 Service::Status Forwarder::status() const {
-  const CardSlot::Status card = slot_.status();
   Status status;
   status.connected = connected_;
   status.reader = settings_.reader;
   status.backend = backend_.name();
-  status.cardIn = card.card != kNoCard;
-  status.atr = card.atr;
-  status.apdus = card.apdus;
-  status.errors = card.unanswered;
   status.timeouts = timeouts_;
-  const std::uint64_t greetings = greetings_;
-  status.reconnects = greetings == 0 ? 0 : greetings - 1;
+  status.setCard(slot_.status(), greetings_);
   return status;
 }
 

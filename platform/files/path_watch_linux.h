@@ -6,8 +6,7 @@
 // way. A writer that keeps the file open is noticed as well, but when it is done is for the caller
 // to say. What is written through a memory mapping goes unnoticed until the file is closed.
 //
-// Not sd-event, which is for loops of its own: whoever waits does so on the descriptor, with
-// others.
+// Not sd-event: callers wait on the descriptor in loops that they have already.
 //
 // Armed from construction on: a change after that is news. One thread at a time.
 #pragma once

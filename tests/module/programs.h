@@ -1,4 +1,4 @@
-// The driver's host as a process of its own.
+// Runs the driver's host as a separate process.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -43,7 +43,7 @@ void onSmallDisk(std::size_t size,
       ADD_FAILURE() << "cannot mount: " << std::strerror(errno);
     }
   }).join();
-  // A disk that is full for this test only is a mount of its own.
+  // The small disk is a mount, and this machine permits none: the reason says why.
   if (!reason.empty()) GTEST_SKIP() << reason;
 }
 

@@ -85,7 +85,7 @@ std::uint64_t LogReader::startOf(const std::filesystem::path& path, const File& 
   return isShown ? 0 : file.size;
 }
 
-// Whether the rest of a line can still come at `end`, where the file ended when it was read.
+// Whether the rest of a line can still come. `end` is the file's size when it was read.
 bool LogReader::mayGrow(const std::filesystem::path& path, std::uint64_t end) const {
   if (path == current_ || isBeingWritten(path).value_or(true)) return true;
   const auto file = look(path);  // its writer may have gone on before it left

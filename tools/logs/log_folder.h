@@ -12,7 +12,7 @@
 
 namespace zelta::logs {
 
-// Where the driver writes them.
+// The folder that the driver writes log files to.
 std::string defaultFolder();
 
 // The log files of a folder, oldest first: their names carry the time of their creation. Regular

@@ -27,7 +27,7 @@ std::wstring versionValue(const fs::path& inf, const wchar_t* key) {
   return value.data();
 }
 
-// Windows stores a package's INF under a name of its own, oem<number>.inf. (Wine keeps the name.)
+// Windows renames a stored package's INF to oem<number>.inf. (Wine keeps the name.)
 std::vector<fs::path> storedInfs() {
   std::array<wchar_t, MAX_PATH> windows{};
   require(GetSystemWindowsDirectoryW(windows.data(), MAX_PATH) > 0, "cannot find Windows' folder");

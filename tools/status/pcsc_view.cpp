@@ -121,8 +121,8 @@ Inside openAndLook(const std::string& name) {
   return inside;
 }
 
-// In a process of its own, which can be ended: the service lets who opens a reader wait, however
-// long, for the end of another program's transaction.
+// Opens the reader in a child process, which can be killed: SCardConnect waits without limit for
+// the end of another program's transaction.
 Inside lookInside(const std::string& name) {
   Inside inside;
   std::array<int, 2> ends{};

@@ -17,8 +17,8 @@
 // Windows with ERROR_PIPE_BUSY (231) if it has one instance. And a read waits for all its bytes; on
 // Windows it returns with those that are there.
 //
-// A write returns once the client has read it. Clients write into a buffer without limit, as no
-// client of a test should have to run on a thread of its own.
+// A write returns once the client has read it. Clients write into a buffer without limit, so that a
+// test's client needs no thread.
 //
 // Any thread may call anything. Clients' waits end with a failure after `kLimit`, those of the
 // pipe's own operations never do.

@@ -106,7 +106,7 @@ class RegistryLinux : public testing::Test {
   std::uint32_t value_ = 0;
 };
 
-// A registry that watches the key A, with times of its own for a writer.
+// Watches the key A of a registry that waits for writers as long as the test says.
 class Hasty {
  public:
   Hasty(const std::string& file, const FileRegistry::WriterTimes& times)
