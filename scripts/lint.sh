@@ -94,11 +94,12 @@ follow tidy_progress "$WORK/done" &
 follower=$!
 tidy "$WORK/linux" || failed=1
 tidy "$WORK/windows" "${windows[@]}" || failed=1
-# The fuzzers' sources need no options that others do not have.
+# Neither build compiles the fuzzers and the examples. They need no options but these.
 while read -r source; do
   case "$source" in
-    "$ZELTA_ROOT"/fuzz/*)
-      clang-tidy --quiet "$source" -- -std=c++17 "-I$ZELTA_ROOT" 2>/dev/null || failed=1
+    "$ZELTA_ROOT"/fuzz/* | "$ZELTA_ROOT"/examples/*)
+      clang-tidy --quiet "$source" -- -std=c++17 "-I$ZELTA_ROOT" "-I$ZELTA_ROOT/agent/include" \
+        2>/dev/null || failed=1
       ;;
     *)
       say "$source: no build compiles it" >&2
