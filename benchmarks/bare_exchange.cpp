@@ -1,5 +1,6 @@
 #include "benchmarks/bare_exchange.h"
 
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -19,6 +20,13 @@ namespace {
 constexpr std::uint32_t kEcho = 0xFFFFFFFF;  // one byte follows, and comes back
 constexpr std::uint32_t kTransmit = 2;
 constexpr std::array<std::uint8_t, 6> kAnswer{2, 0, 0, 0, 0x90, 0x00};  // length, status word
+
+void stayOn(int processor) {
+  cpu_set_t processors;
+  CPU_ZERO(&processors);
+  CPU_SET(static_cast<std::size_t>(processor), &processors);
+  if (sched_setaffinity(0, sizeof processors, &processors) != 0) std::_Exit(1);
+}
 
 [[noreturn]] void answer(int socket) {
   std::vector<std::uint8_t> bytes;
@@ -53,7 +61,7 @@ void sendAll(int socket, const void* bytes, std::size_t size) {
   }
 }
 
-BareExchange::BareExchange() {
+BareExchange::BareExchange(std::optional<int> processor) {
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) std::abort();
   (void)std::fflush(stdout);  // or the other process would have it, too
@@ -61,6 +69,7 @@ BareExchange::BareExchange() {
   if (answering_ == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     close(ends[0]);
+    if (processor.has_value()) stayOn(*processor);
     answer(ends[1]);
   }
   close(ends[1]);

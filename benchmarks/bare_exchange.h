@@ -7,12 +7,14 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <optional>
 
 namespace zelta::benchmarks {
 
 class BareExchange {
  public:
-  BareExchange();
+  // The other process stays on `processor`, if there is one.
+  explicit BareExchange(std::optional<int> processor = std::nullopt);
   ~BareExchange();
   BareExchange(const BareExchange&) = delete;
   BareExchange& operator=(const BareExchange&) = delete;

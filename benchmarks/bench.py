@@ -14,9 +14,13 @@ SIZES = {"whole": (10, 500, 1000), "quick": (2, 100, 50)}  # rounds, commands in
 def measure(rounds, count, swaps):
     stack.enter_namespace()
     driver = measurements.driver_alone(rounds, count)
-    ours, movements, calls = measurements.with_our_agent(rounds, count, swaps)
-    least = measurements.with_least_agent(rounds, count)
-    return report.Results(driver, ours, least, movements, calls, measurements.machine())
+    commands = {
+        name: [measurements.commands(start_agent, placement, rounds, count)
+               for start_agent in (measurements.Measured.start_our_agent,
+                                   measurements.Measured.start_least_agent)]
+        for name, placement in measurements.processors().items()}
+    movements, calls = measurements.movements_and_calls(swaps)
+    return report.Results(driver, commands, movements, calls, measurements.machine())
 
 
 def main(words):

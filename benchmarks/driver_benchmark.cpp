@@ -141,5 +141,5 @@ void run(int rounds, int count) {
 }  // namespace zelta::benchmarks
 
 int main(int argc, char** argv) {
-  return zelta::benchmarks::runWithCounts(argc, argv, zelta::benchmarks::run);
+  return zelta::benchmarks::runWithNumbers(argc, argv, "ROUNDS COUNT", zelta::benchmarks::run);
 }

@@ -2,6 +2,7 @@
 and the system calls of a command. Each function gives values by name; times are in microseconds."""
 
 import collections
+import contextlib
 import os
 import re
 import shutil
@@ -41,19 +42,42 @@ def run_program(name, environment, *words):
             for name, median, p90, count in lines}
 
 
+def processors():
+    """The processors of those who ask and of those who answer, by the name of the placement. Where
+    the kernel puts them decides what a wake-up costs, so each placement is measured by itself."""
+    usable = sorted(os.sched_getaffinity(0))
+    placements = {"one processor": (usable[0], usable[0])}
+    if len(usable) > 1:
+        placements["two processors"] = (usable[0], usable[1])
+    return placements
+
+
+@contextlib.contextmanager
+def processes_on(processor):
+    """What is started meanwhile stays on the processor."""
+    usable = os.sched_getaffinity(0)
+    os.sched_setaffinity(0, {processor})
+    try:
+        yield
+    finally:
+        os.sched_setaffinity(0, usable)
+
+
 def driver_alone(rounds, count):
-    with Reader() as reader:
+    asking, _ = processors()["one processor"]
+    with Reader() as reader, processes_on(asking):
         return run_program("driver_benchmark", reader.environment, rounds, count)
 
 
 class Measured(Reader):
     """pcscd with the reader and a handler that answers at once."""
 
-    def __init__(self):
+    def __init__(self, pcscd_on=None):
         super().__init__()
         (self.folder / "reader.conf.d" / "null").write_text(
             f'FRIENDLYNAME "Null"\nDEVICENAME null:0\nLIBPATH {BUILD / "lib" / "libifdnull.so"}\n')
-        self.start_pcscd()
+        with processes_on(pcscd_on) if pcscd_on is not None else contextlib.nullcontext():
+            self.start_pcscd()
 
     def start_least_agent(self):
         self.agent = stack.Process([BUILD / "bin" / "least_agent"], self.folder / "agent.log",
@@ -63,23 +87,24 @@ class Measured(Reader):
         if not self.swap_card():
             raise RuntimeError("the agent refused to move the card")
 
-    def times(self, rounds, count):
-        return run_program("pcscd_benchmark", self.environment, rounds, count)
+    def start_our_agent(self):
+        self.start_scripted_agent(CARD)
 
 
-def with_least_agent(rounds, count):
+def commands(start_agent, placement, rounds, count):
+    """Times of commands. The client and the agent are on the processor of those who ask, pcscd is
+    on the other, so that each wake-up is one from processor to processor if there are two."""
+    asking, answering = placement
+    with Measured(pcscd_on=answering) as measured, processes_on(asking):
+        start_agent(measured)
+        return run_program("pcscd_benchmark", measured.environment, rounds, count, answering)
+
+
+def movements_and_calls(swaps):
+    """On the processors that the kernel chooses."""
     with Measured() as measured:
-        measured.start_least_agent()
-        return measured.times(rounds, count)
-
-
-def with_our_agent(rounds, count, swaps):
-    """The times, the movements and the system calls."""
-    with Measured() as measured:
-        measured.start_scripted_agent(CARD)
-        times = measured.times(rounds, count)
-        calls = system_calls(measured)
-        return times, card_movements(measured, swaps), calls
+        measured.start_our_agent()
+        return card_movements(measured, swaps), system_calls(measured)
 
 
 class Watcher(threading.Thread):

@@ -2,8 +2,10 @@
 // exchange of the same bytes. They take turns, so that whatever else the machine does meets all of
 // them.
 //
-//   pcscd_benchmark ROUNDS COUNT
+//   pcscd_benchmark ROUNDS COUNT PROCESSOR
 //
+// The bare exchange is answered on PROCESSOR, pcscd should be there, too, and agent and client
+// together somewhere: otherwise the times are not comparable.
 // Prints lines of samples.h.
 #include <winscard.h>
 
@@ -74,8 +76,8 @@ class Connection {
   std::vector<BYTE> answer_ = std::vector<BYTE>(MAX_BUFFER_SIZE_EXTENDED);
 };
 
-void run(int rounds, int count) {
-  const BareExchange bare;
+void run(int rounds, int count, int answering) {
+  const BareExchange bare(answering);
   Connection null(kNullReader);
   Connection reader(kReader);
   Samples bareTimes("bare exchange");
@@ -99,5 +101,6 @@ void run(int rounds, int count) {
 }  // namespace zelta::benchmarks
 
 int main(int argc, char** argv) {
-  return zelta::benchmarks::runWithCounts(argc, argv, zelta::benchmarks::run);
+  return zelta::benchmarks::runWithNumbers(argc, argv, "ROUNDS COUNT PROCESSOR",
+                                           zelta::benchmarks::run);
 }

@@ -5,9 +5,10 @@ import html
 
 BEGIN, END = "<!-- measured: begin -->", "<!-- measured: end -->"
 
-# `driver`, `ours` and `least` are times by name, `movements` is what measurements.card_movements
-# gives, `calls` what measurements.system_calls does.
-Results = collections.namedtuple("Results", "driver ours least movements calls machine")
+# `driver` are times by name; `commands` are those with our agent and with the least one, by the
+# name of the placement; `movements` is what measurements.card_movements gives, `calls` what
+# measurements.system_calls does.
+Results = collections.namedtuple("Results", "driver commands movements calls machine")
 # `ratio`: whether it is compared with the bare exchange.
 Row = collections.namedtuple("Row", "what median p90 limit target ratio",
                              defaults=(None, "", True))
@@ -16,13 +17,8 @@ BARE_FACTOR, LONG_FACTOR = 2.5, 4
 INSERTION, REMOVAL, BURST = 800, 400, 500_000  # microseconds
 
 
-def floor_of(results):
-    return results.ours["bare exchange"].median
-
-
-def pcscd_rows(results):
-    ours, least, moves = results.ours, results.least, results.movements
-    short = ours["null, short"].median + BARE_FACTOR * floor_of(results)
+def command_rows(ours, least):
+    short = ours["null, short"].median + BARE_FACTOR * ours["bare exchange"].median
     long = LONG_FACTOR * ours["null, 65 kB"].median
 
     def row(what, time, *rest):
@@ -38,13 +34,25 @@ def pcscd_rows(results):
         row("65 kB answer, reader, least agent", least["reader, 65 kB"]),
         row("65 kB answer, reader, our agent", ours["reader, 65 kB"], long,
             f"{LONG_FACTOR} x at once"),
-        row("insertion seen by a client", moves["insertion"], INSERTION, "0.8 ms", False),
-        row("removal seen by a client", moves["removal"], REMOVAL, "0.4 ms", False),
+    ]
+
+
+def movement_rows(moves):
+    return [
+        Row("insertion seen by a client", *moves["insertion"][:2], INSERTION, "0.8 ms", False),
+        Row("removal seen by a client", *moves["removal"][:2], REMOVAL, "0.4 ms", False),
         Row(f"card seen as it is after {moves['swaps']} swaps in a row", moves["after burst"], None,
             BURST if moves["seen"] else 0, "0.5 s", False),
         Row(f"quick swaps missed, of {moves['swaps']} one by one", moves["missed"], None, 0, "0",
             False),
     ]
+
+
+def groups(results):
+    """The rows with targets, by what they have in common."""
+    return {**{f"Through pcscd, on {placement}": command_rows(*times)
+               for placement, times in results.commands.items()},
+            "A card that comes and goes": movement_rows(results.movements)}
 
 
 def driver_rows(results):
@@ -62,8 +70,9 @@ def is_missed(row):
 
 
 def missed(results):
-    """The names of the rows that miss their target."""
-    return [row.what for row in pcscd_rows(results) if is_missed(row)]
+    """What misses its target."""
+    return [f"{title}: {row.what}" for title, rows in groups(results).items() for row in rows
+            if is_missed(row)]
 
 
 def verdict(row):
@@ -85,7 +94,8 @@ def table(head, lines):
     return "\n".join([text(head), f"|{rule}|", *map(text, lines)])
 
 
-def times_table(title, rows, floor):
+def times_table(title, rows):
+    floor = next((row.median for row in rows if row.what.startswith("bare exchange")), None)
     lines = [(row.what, number(row.median), number(row.p90),
               f"{row.median / floor:.1f}" if row.ratio else "",
               verdict(row)) for row in rows]
@@ -106,9 +116,9 @@ def calls_table(calls):
 def text(results):
     return "\n\n".join([
         f"Times in microseconds on {results.machine}.",
-        times_table("Through pcscd", pcscd_rows(results), floor_of(results)),
-        times_table("The driver alone, with the least agent", driver_rows(results),
-                    results.driver["bare exchange"].median),
+        *(times_table(title, rows) for title, rows in groups(results).items()),
+        times_table("The driver alone, with the least agent, on one processor",
+                    driver_rows(results)),
         calls_table(results.calls)])
 
 
@@ -145,15 +155,15 @@ def bars(rows, top):
 
 
 def chart(results):
-    rows = pcscd_rows(results)
     parts, y = [], 20
-    for title, group in (("A short command through pcscd", rows[:4]),
-                         ("An answer of 65 kB through pcscd", rows[4:7]),
-                         ("Seen by a client", rows[7:9])):
-        parts.append(f'<text x="10" y="{y}" font-weight="bold">{title}</text>')
-        drawn, y = bars(group, y + 12)
-        parts += drawn
-        y += 24
+    for title, rows in groups(results).items():
+        for group in (rows[:4], rows[4:]) if rows[0].ratio else (rows[:2],):
+            what = group[-1].what.partition(", ")[0] if rows[0].ratio else ""
+            parts.append(f'<text x="10" y="{y}" font-weight="bold">'
+                         f'{title}{": " if what else ""}{what}</text>')
+            drawn, y = bars(group, y + 12)
+            parts += drawn
+            y += 24
     parts.append(f'<text x="10" y="{y}" fill="#555">Medians; dashed: the target. '
                  f'{html.escape(results.machine)}</text>')
     return "\n".join([

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -48,14 +49,15 @@ class Samples {
   std::vector<double> microseconds_;
 };
 
-// The main function of a program that is called with ROUNDS COUNT.
-inline int runWithCounts(int argc, char** argv, void (*run)(int rounds, int count)) {
-  if (argc != 3) {
-    (void)std::fprintf(stderr, "usage: %s ROUNDS COUNT\n", argv[0]);
+// The main function of a program that is called with numbers, which `names` names.
+template <typename... Numbers>
+int runWithNumbers(int argc, char** argv, const char* names, void (*run)(Numbers...)) {
+  if (argc != 1 + static_cast<int>(sizeof...(Numbers))) {
+    (void)std::fprintf(stderr, "usage: %s %s\n", argv[0], names);
     return 2;
   }
-  const auto number = [argv](int i) { return static_cast<int>(std::strtol(argv[i], nullptr, 10)); };
-  run(number(1), number(2));
+  const auto next = [&argv] { return std::strtol(*++argv, nullptr, 10); };
+  std::apply(run, std::tuple<Numbers...>{static_cast<Numbers>(next())...});
   return 0;
 }
 

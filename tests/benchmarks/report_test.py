@@ -17,13 +17,14 @@ def results(short, calls=None):
             "reader, short": Time(short, 90, 9), **long}
     movements = {"insertion": Time(800, 900, 9), "removal": Time(401, 500, 9), "swaps": 1000,
                  "missed": 0, "after burst": 500_000.0, "seen": True}
-    return report.Results({"bare exchange": Time(BARE, 12, 9), "GET_STATE": Time(5, 6, 9)}, ours,
-                          ours, movements, calls, "2 x <CPU>")
+    return report.Results({"bare exchange": Time(BARE, 12, 9), "GET_STATE": Time(5, 6, 9)},
+                          {"one processor": (ours, ours)}, movements, calls, "2 x <CPU>")
 
 
 class Report(unittest.TestCase):
     def verdicts(self, **values):
-        return {row.what: report.verdict(row) for row in report.pcscd_rows(results(**values))}
+        return {row.what: report.verdict(row) for rows in report.groups(results(**values)).values()
+                for row in rows}
 
     def test_short_command_may_cost_the_handler_and_two_and_a_half_exchanges(self):
         what = "short command, reader, our agent"
@@ -40,7 +41,8 @@ class Report(unittest.TestCase):
 
     def test_missed_targets_are_named(self):
         self.assertEqual(report.missed(results(short=45)),
-                         ["65 kB answer, reader, our agent", "removal seen by a client"])
+                         ["Through pcscd, on one processor: 65 kB answer, reader, our agent",
+                          "A card that comes and goes: removal seen by a client"])
 
     def test_times_are_shown_beside_the_bare_exchange(self):
         self.assertRegex(report.text(results(short=45)),
