@@ -1,6 +1,7 @@
 // Not sd-event: `flush` and `awaitCommand` wait on the thread that serves the command.
 #include "agent/platform/pipe_connection_linux.h"
 
+#include <fcntl.h>
 #include <linux/sockios.h>
 #include <poll.h>
 #include <sys/epoll.h>
@@ -58,11 +59,16 @@ SocketConnection::SocketConnection(platform::ScopedFd socket)
     : socket_(std::move(socket)), taken_(checkedFd(epoll_create1(EPOLL_CLOEXEC), "epoll_create1")) {
   addTo(taken_.get(), socket_.get(), EPOLLOUT | EPOLLRDHUP | EPOLLET);
   addTo(taken_.get(), cancel_.fd(), EPOLLIN);
+  // A receive that sleeps costs one system call; poll and another receive would be three.
+  if (fcntl(socket_.get(), F_SETFL, 0) != 0) {
+    throw std::system_error(errno, std::generic_category(), "fcntl");
+  }
 }
 
 void SocketConnection::cancel() {
   cancelled_ = true;
   cancel_.stop();
+  shutdown(socket_.get(), SHUT_RD);  // ends a read that sleeps
 }
 
 SocketConnection::Waited SocketConnection::waitFor(
@@ -93,18 +99,31 @@ IoResult SocketConnection::read(void* data, std::uint32_t size,
   auto* bytes = static_cast<std::uint8_t*>(data);
   std::uint32_t done = 0;
   while (done < size) {
+    const bool waits = !deadline || limitReads(*deadline - SteadyClock::now());
+    const ssize_t count =
+        recv(socket_.get(), bytes + done, size - done, waits ? MSG_WAITALL : MSG_DONTWAIT);
     if (cancelled_) return IoResult::kCancelled;
-    const ssize_t count = recv(socket_.get(), bytes + done, size - done, 0);
     if (count > 0) {
       done += static_cast<std::uint32_t>(count);
-    } else if (count < 0 && errno == EAGAIN) {
-      const IoResult waited = waitFor(POLLIN, deadline).result;
-      if (waited != IoResult::kDone) return waited;
-    } else if (count == 0 || errno != EINTR) {
+    } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
       return IoResult::kClosed;
+    } else if (errno == EAGAIN && !waits) {
+      return IoResult::kTimedOut;
     }
   }
   return IoResult::kDone;
+}
+
+bool SocketConnection::limitReads(SteadyClock::duration limit) {
+  const auto units = std::chrono::ceil<LimitUnit>(limit);
+  if (units <= LimitUnit::zero()) return false;
+  if (units == readLimit_) return true;
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(units);
+  const timeval time{seconds.count(), std::chrono::microseconds(units - seconds).count()};
+  if (setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time) == 0) {
+    readLimit_ = units;
+  }
+  return true;
 }
 
 IoResult SocketConnection::answer(const Bytes& bytes, SteadyClock::time_point deadline) {
@@ -129,7 +148,7 @@ IoResult SocketConnection::send(iovec* parts, std::size_t count,
     msghdr message{};
     message.msg_iov = parts;
     message.msg_iovlen = count;
-    const ssize_t sent = sendmsg(socket_.get(), &message, MSG_NOSIGNAL);
+    const ssize_t sent = sendmsg(socket_.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent >= 0) {
       const std::size_t left = advance(parts, count, static_cast<std::size_t>(sent));
       if (left == 0) return IoResult::kDone;

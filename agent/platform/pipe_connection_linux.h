@@ -18,7 +18,8 @@ namespace zelta::agent {
 
 class SocketConnection : public PipeConnection {
  public:
-  // Takes a connected, non-blocking socket. Throws std::system_error for lack of handles.
+  // Takes a connected socket, which is blocking from then on. Throws std::system_error for lack of
+  // handles.
   explicit SocketConnection(platform::ScopedFd socket);
 
   IoResult awaitCommand() override;
@@ -31,16 +32,23 @@ class SocketConnection : public PipeConnection {
   void cancel() override;
 
  private:
+  // The longest time that one receive may sleep is set in such steps, so that it is the same for
+  // every command that comes at once: setting it is a system call.
+  using LimitUnit = std::chrono::duration<std::int64_t, std::deci>;
+
   struct Waited {
     IoResult result;
     short ready;  // if kDone: those of the events waited for that came, or of an error
   };
   Waited waitFor(short events, std::optional<SteadyClock::time_point> deadline) const;
+  // Limits the next receive, rounded up. False if the limit has passed.
+  bool limitReads(SteadyClock::duration limit);
   // Writes `count` parts, waiting while the socket takes no more.
   IoResult send(iovec* parts, std::size_t count, std::optional<SteadyClock::time_point> deadline,
                 bool isAnswer);
 
   platform::ScopedFd socket_;
+  LimitUnit readLimit_{0};  // as the socket has it; 0: none
   std::atomic<bool> cancelled_{false};
   StopEvent cancel_;
   platform::ScopedFd taken_;  // wakes on each edge of the socket's writability, for `flush`

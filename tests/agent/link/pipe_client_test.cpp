@@ -181,6 +181,16 @@ TEST_F(ConnectedPipes, DriverThatDoesNotReadOrWrite_IsWaitedForUntilTheDeadline)
   EXPECT_EQ(answer(kMuch, milliseconds(20)), IoResult::kTimedOut);
 }
 
+TEST_F(ConnectedPipes, BytesThatAreThere_AreReadAfterTheDeadline) {
+  auto sent = send(7);
+  EXPECT_EQ(commands_->awaitCommand(), IoResult::kDone);
+  std::array<std::uint8_t, 4> code{};
+  const auto passed = SteadyClock::now() - milliseconds(1);
+  EXPECT_EQ(commands_->read(code.data(), code.size(), passed), IoResult::kDone);
+  EXPECT_EQ(loadLittleEndian(code.data()), 7u);
+  EXPECT_TRUE(sent.get());
+}
+
 // --- Events ---
 
 // Single bytes before the events shift the point at which a pipe with a buffer is full.
