@@ -172,7 +172,7 @@ IoResult SocketConnection::flush() {
     const int ready = epoll_wait(taken_.get(), &event, 1, -1);
     if (ready < 0 && errno != EINTR) return IoResult::kClosed;
     if (ready <= 0) continue;
-    if (event.data.fd == cancel_.fd()) return IoResult::kCancelled;
+    if (cancelled_) return IoResult::kCancelled;
     if ((event.events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0) return IoResult::kClosed;
   }
 }
