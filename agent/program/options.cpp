@@ -304,6 +304,8 @@ ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edi
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
+    const bool lacksWord = error.get_name() == "RequiredError" && flags.ctl->parsed();
+    if (lacksWord) return refuse("ctl takes insert, remove or status");
     std::ostringstream output;
     std::ostringstream problem;
     const bool wanted = app.exit(error, output, problem) == 0;

@@ -45,7 +45,8 @@ class Checkout(CheckoutTest):
                          "zelta: zelta-logs is not built; ./zelta up builds it\n")
 
     def test_wrong_words_lead_to_the_help(self):
-        for words in (["fly"], ["up", "--fast"], ["down", "x"], ["status", "x"], ["card"], ["test", "x"],
+        for words in (["fly"], ["up", "--fast"], ["down", "x"], ["status", "x"], ["card"],
+                      ["card", "insert", "now"], ["test", "x"],
                       ["check", "x"], ["package", "--x"], ["soak", "x"], ["bench", "x"]):
             self.assertRegex(self.zelta(*words, code=2), r"^zelta: .*; see \./zelta .*--help\n$")
 
@@ -127,7 +128,8 @@ class OrdinaryUser(CheckoutTest):
                 ([*script, none], f"cannot read {none}: No such file or directory"),
                 ([*script, self.folder], f"cannot read {self.folder}: Is a directory"),
                 (["--db", none],
-                 f"no card database in {none} (make one with scripts/make-demo-db.sh)"),
+                 f"no card database in {none} (to make one: make-demo-db.sh, in /usr/share/zelta "
+                 "or a checkout's scripts)"),
                 (["--db", closed], f"the card database in {closed}: Permission denied")):
             self.temporary.chmod(0o777)
             output = self.as_nobody("zelta-agent", "--control", self.temporary / "control", *words,

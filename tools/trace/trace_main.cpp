@@ -40,8 +40,8 @@ struct Options {
 void declareOptions(CLI::App& app, Options& options) {
   app.set_version_flag("-V,--version", "zelta-trace " ZELTA_VERSION);
   auto* file = app.add_option("FILE", options.file, "Show this saved trace, not the agent's")
-                   ->option_text("FILE");
-  const auto live = [&](CLI::Option* option) { option->excludes(file); };
+                   ->option_text(" ");
+  const auto live = [&](CLI::Option* option) { return option->excludes(file); };
   app.add_option("--reader", options.agent.reader, "Index of the reader (default 0)")
       ->check(CLI::Range(std::uint32_t{0}, std::numeric_limits<std::uint32_t>::max()))
       ->option_text("INDEX");
@@ -53,7 +53,8 @@ void declareOptions(CLI::App& app, Options& options) {
   app.add_option("--html", options.html, "Write a page with the time line at the end")
       ->option_text("FILE");
   live(app.add_flag("--show-secrets", options.showSecrets,
-                    "Show PINs, keys and deciphered data as well;\nonly if given twice"));
+                    "Show PINs, keys and deciphered data as well;\nonly if given twice"))
+      ->option_text(" ");
 }
 
 // Columns of the terminal; 0 if there is none.
