@@ -290,7 +290,7 @@ ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edi
   Flags flags;
   CLI::App app(kDescription, "zelta-agent");
   app.footer(std::string(edition.endings) + "\n" + kExitCodes);
-  app.set_version_flag("--version", std::string("zelta-agent ") + kVersion);
+  app.set_version_flag("-V,--version", std::string("zelta-agent ") + kVersion);
   addShared(app, edition.system, options);
   app.add_option("--session-id", options.sessionId, "Id of the session (default a fresh one)")
       ->check(checkSessionId)

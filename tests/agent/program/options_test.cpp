@@ -112,7 +112,7 @@ TEST(Options, HelpAndVersion_EndWithSuccess) {
         "--help",      "ctl",       "What ends it.", "Exit codes"}) {
     EXPECT_THAT(help.output, HasSubstr(option));
   }
-  const ParsedOptions version = parse({"--version"});
+  const ParsedOptions version = parse({"-V"});
   EXPECT_EQ(version.exitCode, kExitDone);
   EXPECT_EQ(version.output, std::string("zelta-agent ") + kVersion + "\n");
 }
