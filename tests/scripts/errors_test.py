@@ -77,7 +77,7 @@ class OrdinaryUser(CheckoutTest):
     def setUp(self):
         super().setUp()
         self.folder.chmod(0o755)
-        for name in ("zelta-agent", "zelta-logs"):
+        for name in ("zelta-agent", "zelta-logs", "zelta-trace"):
             shutil.copy(BUILD / "bin" / name, self.folder / name)
         self.environment.pop("XDG_RUNTIME_DIR", None)
 
@@ -135,6 +135,15 @@ class OrdinaryUser(CheckoutTest):
             output = self.as_nobody("zelta-agent", "--control", self.temporary / "control", *words,
                                     code=2)
             self.assertTrue(output.endswith(f"Z error: {problem}\n"), output)
+
+    def test_trace_that_cannot_be_read_or_written_is_named_with_the_reason(self):
+        none, saved = self.folder / "none", self.folder / "saved"
+        saved.touch()
+        for words, problem in (([none], f"{none}: No such file or directory"),
+                               ([self.folder], f"{self.folder}: Is a directory"),
+                               ([saved, "--html", none], f"{none}: Permission denied")):
+            self.assertEqual(self.as_nobody("zelta-trace", *words, code=1),
+                             f"zelta-trace: {problem}\n")
 
     def test_systems_logs_without_the_group_are_explained(self):
         logs = self.folder / "data" / LOGS
