@@ -126,14 +126,25 @@ run_as_root() {
   if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
 }
 
-# as_root PURPOSE COMMAND...: runs it as root and says what for.
-as_root() {
+tell_root() {
   local purpose=$1
   shift
   ask_root "$purpose"
   [ "$(id -u)" -eq 0 ] || [ "$purpose" = "$root_told" ] ||
     say "Root is needed $purpose: sudo $*" >&2
+}
+# as_root PURPOSE COMMAND...: runs it as root and says what for.
+as_root() {
+  tell_root "$@"
+  shift
   run_as_root "$@"
+}
+# become_root PURPOSE COMMAND...: the same in this script's place, so that Ctrl-C is the command's.
+become_root() {
+  tell_root "$@"
+  shift
+  [ "$(id -u)" -eq 0 ] || set -- sudo "$@"
+  exec "$@"
 }
 
 # Seconds between two lines of progress if there is no terminal.

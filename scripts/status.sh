@@ -23,6 +23,6 @@ need_up
 program=$ZELTA_BUILD_DIR/bin/zelta-status
 [ -x "$program" ] || die "zelta-status is not built; ./zelta up builds it"
 use_running_reader
-as_root "to ask the agent" \
+become_root "to ask the agent" \
   env ${PCSCLITE_CSOCK_NAME:+"PCSCLITE_CSOCK_NAME=$PCSCLITE_CSOCK_NAME"} \
   "ZELTA_PROGRAM_DATA=$ZELTA_RUN_DIR/data" "$program" --control "$ZELTA_RUN_DIR/agent.ctl" "$@"

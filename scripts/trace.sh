@@ -13,4 +13,4 @@ esac
 [ ! -f "${1:-}" ] || exec "$program" "$@"
 is_up || exec "$program" "$@"
 need_up
-as_root "to ask the agent" "$program" --control "$ZELTA_RUN_DIR/agent.ctl" "$@"
+become_root "to ask the agent" "$program" --control "$ZELTA_RUN_DIR/agent.ctl" "$@"

@@ -61,7 +61,8 @@ std::vector<std::string> checkCardDatabase(const std::string& folder,
   std::error_code problem;
   if (!std::filesystem::exists(std::filesystem::path(folder) / "cert9.db", problem)) {
     if (problem) fail("the card database in " + folder + ": " + problem.message());
-    fail("no card database in " + folder + " (make one with scripts/make-demo-db.sh)");
+    fail("no card database in " + folder +
+         " (to make one: make-demo-db.sh, in /usr/share/zelta or a checkout's scripts)");
   }
   NSSInitParameters parameters{};
   parameters.length = sizeof parameters;

@@ -43,7 +43,11 @@ bool isOneOf(const LONG (&results)[kCount], LONG result) {
 }  // namespace
 
 PcscCard::PcscCard(const std::string& readerName, Log& log)
-    : reader_(toReaderName(readerName)), log_(log), received_(kLongestResponse) {}
+    : reader_(toReaderName(readerName)),
+      missing_("There is no reader '" + readerName +
+               "', which is waited for; to see them: " + kShowReaders),
+      log_(log),
+      received_(kLongestResponse) {}
 
 PcscCard::~PcscCard() { stop(); }
 
@@ -235,11 +239,15 @@ void PcscCard::follow(SCARDCONTEXT context) {
   std::array<SCARD_READERSTATE, 2> states{};
   states[0].szReader = readerChanges.c_str();
   states[1].szReader = reader_.c_str();
+  bool missing = false;
   while (!ending()) {
     LONG result =
         waitForChange(context, states.data(), static_cast<DWORD>(states.size()), INFINITE);
     const bool unknown = (states[1].dwEventState & SCARD_STATE_UNKNOWN) != 0;
-    if (isOneOf(kNoReader, result) || (result == SCARD_S_SUCCESS && unknown)) {
+    const bool wasMissing = missing;
+    missing = isOneOf(kNoReader, result) || (result == SCARD_S_SUCCESS && unknown);
+    if (missing && !wasMissing) log_.warning(missing_);
+    if (missing) {
       // Not there (yet): only its coming can be waited for. The state that says so is not handed
       // back, because it would have the reader ignored from then on.
       takeState(SCARD_STATE_UNKNOWN);

@@ -22,8 +22,8 @@ class PcscCard final : public CardBackend {
   ~PcscCard() override;
 
   std::string name() const override { return "pcsc"; }
-  // Fails if the service is not there, unless it comes with the reader; a missing reader is waited
-  // for.
+  // Fails if the service is not there, unless it comes with the reader; a missing reader is logged
+  // and waited for.
   void start(CardListener& listener) override;
   void stop() override;
   Bytes reset() override;
@@ -61,6 +61,7 @@ class PcscCard final : public CardBackend {
   void setPresent(bool present);
 
   const ReaderName reader_;
+  const std::string missing_;  // what is logged if there is no such reader
   Log& log_;
   CardListener* listener_ = nullptr;  // non-owning; from start to stop
 

@@ -61,8 +61,7 @@ std::string statusText(const Service::Status& status) {
   text += std::string("driver:    ") + (status.connected ? "connected" : "not connected") + "\n";
   text += "back end:  " + harmless(status.backend) + "\n";
   text += std::string("card:      ") + (status.cardIn ? "in" : "out") + "\n";
-  text +=
-      "ATR:       " + (status.atr.empty() ? std::string("not known") : toHex(status.atr)) + "\n";
+  text += "ATR:       " + (status.atr.empty() ? "-" : toHex(status.atr)) + "\n";
   text += "session:   " + harmless(status.sessionId) + "\n";
   text += "counts:    " + counted(status.apdus, "APDU") + ", " + counted(status.errors, "error") +
           ", " + counted(status.timeouts, "time-out") + ", " +

@@ -24,11 +24,13 @@ inline constexpr bool kServiceNeedsReader = true;
 // What a context that the service has forgotten is refused with.
 inline constexpr LONG kStaleContext = ERROR_INVALID_HANDLE;
 inline constexpr char kStartService[] = "sc start SCardSvr";
+inline constexpr char kShowReaders[] = "certutil -scinfo";
 #else
 using ReaderName = std::string;
 inline constexpr bool kServiceNeedsReader = false;
 inline constexpr LONG kStaleContext = SCARD_E_INVALID_HANDLE;
 inline constexpr char kStartService[] = "sudo systemctl start pcscd.socket";
+inline constexpr char kShowReaders[] = "pcsc_scan -r";
 #endif
 
 // A name from the command line as the service's functions take it.

@@ -290,7 +290,7 @@ ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edi
   Flags flags;
   CLI::App app(kDescription, "zelta-agent");
   app.footer(std::string(edition.endings) + "\n" + kExitCodes);
-  app.set_version_flag("--version", std::string("zelta-agent ") + kVersion);
+  app.set_version_flag("-V,--version", std::string("zelta-agent ") + kVersion);
   addShared(app, edition.system, options);
   app.add_option("--session-id", options.sessionId, "Id of the session (default a fresh one)")
       ->check(checkSessionId)
@@ -304,6 +304,8 @@ ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edi
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
+    const bool lacksWord = error.get_name() == "RequiredError" && flags.ctl->parsed();
+    if (lacksWord) return refuse("ctl takes insert, remove or status");
     std::ostringstream output;
     std::ostringstream problem;
     const bool wanted = app.exit(error, output, problem) == 0;

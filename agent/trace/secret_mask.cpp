@@ -35,9 +35,11 @@ constexpr Rule kRules[] = {
     {0x29, kAny, true, false},    // ENABLE VERIFICATION REQUIREMENT, data in BER-TLV
     {0x2C, kAny, true, false},    // RESET RETRY COUNTER
     {0x2D, kAny, true, false},    // RESET RETRY COUNTER, data in BER-TLV
-    {0x2A, 0x8084, false, true},  // PERFORM SECURITY OPERATION: DECIPHER
+    {0x2A, 0x8082, false, true},  // PERFORM SECURITY OPERATION: DECIPHER
+    {0x2A, 0x8084, false, true},  // the same
     {0x2A, 0x8086, false, true},  // the same
-    {0x2A, 0x8480, true, false},  // PERFORM SECURITY OPERATION: ENCIPHER
+    {0x2A, 0x8280, true, false},  // PERFORM SECURITY OPERATION: ENCIPHER
+    {0x2A, 0x8480, true, false},  // the same
     {0x2A, 0x8680, true, false},  // the same
     {0x42, kAny, false, true},    // CAC: SIGN/DECRYPT, which deciphers as well
     {0x82, kAny, true, true},     // EXTERNAL AUTHENTICATE, MUTUAL AUTHENTICATE, LOAD KEYS
@@ -46,8 +48,11 @@ constexpr Rule kRules[] = {
     {0xC2, kAny, true, true},     // ENVELOPE: another command
     {0xC3, kAny, true, true},     // the same, in BER-TLV
     {0xD8, kAny, true, false},    // PUT KEY
+    {0xDA, 0x00D1, true, false},  // OpenPGP: PUT DATA, key for secure messaging
+    {0xDA, 0x00D2, true, false},  // the same
     {0xDA, 0x00D3, true, false},  // OpenPGP: PUT DATA, resetting code
     {0xDA, 0x00D5, true, false},  // OpenPGP: PUT DATA, AES key
+    {0xDA, 0x00F4, true, false},  // OpenPGP: PUT DATA, keys for secure messaging
     {0xDB, kAny, true, false},    // PUT DATA, which brings private keys to an OpenPGP card
     {0xFE, kAny, true, false},    // PIV extension: import of a private key
     {0xFF, kAny, true, false},    // PIV extension: management key
@@ -72,7 +77,11 @@ Hidden commandData(const Bytes& command) {
   const std::size_t size = extended
                                ? std::size_t{command[kShortDataAt]} << 8 | command[kShortDataAt + 1]
                                : std::size_t{command[kLengthAt]};
-  if (size != 0 && from + size <= command.size()) return {from, size};
+  const std::size_t end = from + size;
+  const std::size_t expectedLength = extended ? 2 : 1;  // bytes of Le, if there is one
+  if (size != 0 && end <= command.size() && command.size() <= end + expectedLength) {
+    return {from, size};
+  }
   return {kLengthAt, command.size() - kLengthAt};
 }
 

@@ -11,6 +11,8 @@
 // when no operation works on it any more, so that none uses a descriptor's number that was given
 // out again. Reads of one client take turns, and so do its writes: each is whole in the stream.
 //
+// Not sd-event: an operation waits on its caller's thread, and any other may end it.
+//
 // An operation makes and closes no descriptor and takes no memory, except for a connect's client
 // and its place in the file system.
 #pragma once

@@ -12,7 +12,7 @@
 //   - The event of a notification may be closed before the key.
 // From its first notification on, a key has a thread that watches the file; closing the key joins
 // it. Without open keys the object holds no memory, thread or descriptor. An open key's file is
-// read under the object's lock.
+// read under the object's lock. Not sd-event: that thread has one poll of two descriptors.
 #pragma once
 
 #include <array>

@@ -103,8 +103,11 @@ FIRST = {
     "g++ -std=c++17 hello_card.cpp $(pkg-config --cflags --libs zelta-agent) -o hello_card":
         f"cmake --install {BUILD} --component development; cd examples",
 }
+# pcscd sees a card a moment after it was put in.
+CARD_IS_SEEN = "until opensc-tool --atr; do sleep 0.1; done"
 # What puts it back.
-THEN = {"zelta card remove": "zelta card insert", f"ssh-add -s {OPENSC}": f"ssh-add -e {OPENSC}"}
+THEN = {"zelta card remove": f"zelta card insert; {CARD_IS_SEEN}",
+        "sudo zelta card insert": CARD_IS_SEEN, f"ssh-add -s {OPENSC}": f"ssh-add -e {OPENSC}"}
 # In the place of the build tool: plans the build that a command asks for, and then gives the folder
 # the tests of the build that this one belongs to.
 PLANNING_NINJA = f"""#!/bin/sh

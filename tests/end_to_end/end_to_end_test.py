@@ -118,8 +118,6 @@ class EndToEnd(StackTest):
             self.assertLess(seconds, 10, f"end by {how.name}")
             # Ended by itself, with whatever code pcscd gives, and not by a crash.
             self.assertTrue(code >= 0 or code == -how.value, f"end by {how.name}: {code}")
-            if os.path.exists("/run/pcscd/pcscd.comm"):
-                os.unlink("/run/pcscd/pcscd.comm")
             self.stack.start_pcscd()
             self.stack.wait_for_card()
         self.assertIsNone(self.stack.agent.process.poll())

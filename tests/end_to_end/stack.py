@@ -158,9 +158,12 @@ class Stack(contextlib.AbstractContextManager):
         for log in [*self.folder.glob("*.log"), *sorted(self.logs.glob("*.txt"))]:
             print(f"--- {log.name}\n{log.read_text(errors='replace')[-8000:]}")
 
-    def start_pcscd(self):
+    def start_pcscd(self, *options):
+        # One that was ended early leaves its socket, which would look like the new one's.
+        pathlib.Path("/run/pcscd/pcscd.comm").unlink(missing_ok=True)
         self.pcscd = Process(
-            ["pcscd", "--foreground", "--info", "--config", self.folder / "reader.conf.d"],
+            ["pcscd", "--foreground", "--info", "--config", self.folder / "reader.conf.d",
+             *options],
             self.folder / "pcscd.log",
             self.environment,
             **self.process_options,

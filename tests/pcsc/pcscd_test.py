@@ -1,8 +1,6 @@
 """The handler under the real pcscd, with the real driver module and an agent of the test's."""
 
 import contextlib
-import os
-import pathlib
 import signal
 import socket
 import threading
@@ -162,28 +160,9 @@ class Client:
         return error, bytes(value & 0xFF for value in answer)
 
 
-class Pcscd(stack.Stack):
-    def start_pcscd(self, *options):
-        # One that was ended early leaves its socket, which would look like the new one's.
-        pathlib.Path("/run/pcscd/pcscd.comm").unlink(missing_ok=True)
-        self.pcscd = stack.Process(["pcscd", "--foreground", "--info", "--config",
-                                    self.folder / "reader.conf.d", *options],
-                                   self.folder / "pcscd.log", self.environment)
-        stack.wait_until(lambda: os.path.exists("/run/pcscd/pcscd.comm"), "pcscd's socket")
-
+class PcscdTest(stack.StackTest):
     def configure(self, text):
-        (self.folder / "reader.conf.d" / "zelta").write_text(text)
-
-
-class PcscdTest(unittest.TestCase):
-    def setUp(self):
-        self.stack = self.enterContext(Pcscd())
-        self.agent = self.client = None
-
-    def tearDown(self):
-        outcome = self._outcome.result
-        if any(test is self for test, _ in outcome.failures + outcome.errors):
-            self.stack.show_logs()
+        (self.stack.folder / "reader.conf.d" / "zelta").write_text(text)
 
     def start(self, *options):
         self.stack.start_pcscd(*options)
@@ -221,7 +200,7 @@ class PcscdReader(PcscdTest):
     def test_without_an_agent_is_listed_and_empty_also_by_its_channel_number(self):
         for configuration in (NAME + "DEVICENAME zelta:0\n" + LIBRARY,
                               NAME + "CHANNELID 0\n" + LIBRARY):
-            self.stack.configure(configuration)
+            self.configure(configuration)
             self.start()
             self.assertEqual(self.client.readers(), [READER])
             self.client.wait_for(False)
@@ -230,7 +209,7 @@ class PcscdReader(PcscdTest):
             self.assert_prompt_end(signal.SIGINT)
 
     def test_configuration_that_names_it_twice_and_others_leaves_it_usable(self):
-        self.stack.configure(NAME + "DEVICENAME zelta:0\n" + LIBRARY + "".join(
+        self.configure(NAME + "DEVICENAME zelta:0\n" + LIBRARY + "".join(
             f'FRIENDLYNAME "{name}"\nDEVICENAME zelta:{index}\n{LIBRARY}'
             for name, index in (("Twice", "0"), ("Other", "1"), ("Nameless", "x"))))
         self.start_with_card()

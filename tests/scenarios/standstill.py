@@ -8,7 +8,6 @@ import collections
 import contextlib
 import multiprocessing
 import os
-import pathlib
 import signal
 import socket
 import time
@@ -25,11 +24,6 @@ AT_ONCE = 32  # stories at the same time
 
 class Reader(Stack):
     """pcscd, an agent and a card of the test's; their processes are killed at the end."""
-
-    def start_pcscd(self):
-        # One that was killed leaves its socket, which would look like the new one's.
-        pathlib.Path("/run/pcscd/pcscd.comm").unlink(missing_ok=True)
-        super().start_pcscd()
 
     def start_all(self, **times):
         """pcscd, and the agent with the clients' card."""

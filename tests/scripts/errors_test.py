@@ -45,7 +45,8 @@ class Checkout(CheckoutTest):
                          "zelta: zelta-logs is not built; ./zelta up builds it\n")
 
     def test_wrong_words_lead_to_the_help(self):
-        for words in (["fly"], ["up", "--fast"], ["down", "x"], ["status", "x"], ["card"], ["test", "x"],
+        for words in (["fly"], ["up", "--fast"], ["down", "x"], ["status", "x"], ["card"],
+                      ["card", "insert", "now"], ["test", "x"],
                       ["check", "x"], ["package", "--x"], ["soak", "x"], ["bench", "x"]):
             self.assertRegex(self.zelta(*words, code=2), r"^zelta: .*; see \./zelta .*--help\n$")
 
@@ -76,7 +77,7 @@ class OrdinaryUser(CheckoutTest):
     def setUp(self):
         super().setUp()
         self.folder.chmod(0o755)
-        for name in ("zelta-agent", "zelta-logs"):
+        for name in ("zelta-agent", "zelta-logs", "zelta-trace"):
             shutil.copy(BUILD / "bin" / name, self.folder / name)
         self.environment.pop("XDG_RUNTIME_DIR", None)
 
@@ -127,12 +128,22 @@ class OrdinaryUser(CheckoutTest):
                 ([*script, none], f"cannot read {none}: No such file or directory"),
                 ([*script, self.folder], f"cannot read {self.folder}: Is a directory"),
                 (["--db", none],
-                 f"no card database in {none} (make one with scripts/make-demo-db.sh)"),
+                 f"no card database in {none} (to make one: make-demo-db.sh, in /usr/share/zelta "
+                 "or a checkout's scripts)"),
                 (["--db", closed], f"the card database in {closed}: Permission denied")):
             self.temporary.chmod(0o777)
             output = self.as_nobody("zelta-agent", "--control", self.temporary / "control", *words,
                                     code=2)
             self.assertTrue(output.endswith(f"Z error: {problem}\n"), output)
+
+    def test_trace_that_cannot_be_read_or_written_is_named_with_the_reason(self):
+        none, saved = self.folder / "none", self.folder / "saved"
+        saved.touch()
+        for words, problem in (([none], f"{none}: No such file or directory"),
+                               ([self.folder], f"{self.folder}: Is a directory"),
+                               ([saved, "--html", none], f"{none}: Permission denied")):
+            self.assertEqual(self.as_nobody("zelta-trace", *words, code=1),
+                             f"zelta-trace: {problem}\n")
 
     def test_systems_logs_without_the_group_are_explained(self):
         logs = self.folder / "data" / LOGS

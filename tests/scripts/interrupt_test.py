@@ -1,5 +1,6 @@
 """Ctrl-C says what it ends, and leaves neither processes nor temporary files."""
 
+import fcntl
 import os
 import signal
 import unittest
@@ -12,13 +13,13 @@ class Interrupt(CheckoutTest):
         super().setUp()
         self.pretend_to_build()
 
-    def interrupt(self, *words):
+    def interrupt(self, *words, code=130):
         """As a terminal does: the whole process group hears of it."""
         process = self.start(SOURCE / "zelta", *words)
         wait_until((self.folder / "begun").exists, "the long step")
         os.killpg(process.pid, signal.SIGINT)
         output, _ = process.communicate(timeout=30)
-        self.assertEqual(process.returncode, 130, output)
+        self.assertEqual(process.returncode, code, output)
         self.assert_nothing_left(process)
         (self.folder / "begun").unlink()
         return output
@@ -30,6 +31,18 @@ class Interrupt(CheckoutTest):
             with self.subTest(words=words):
                 self.assertRegex(self.interrupt(*words),
                                  r"zelta: interrupted; ended: (Building \((release|clang)\)|Stage clang)")
+
+    def test_program_that_is_watched_until_then_ends_as_it_likes(self):
+        self.run_dir.mkdir()
+        lock = self.enterContext(open(self.run_dir / "up.pid", "w"))
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        (self.folder / "build" / "bin").mkdir(parents=True)
+        for words in (("trace",), ("status", "--watch")):
+            program = self.folder / "build" / "bin" / f"zelta-{words[0]}"
+            program.write_text("#!/bin/bash\ntrap 'echo bye; exit 0' INT\n"
+                               'touch "$FAKE/begun"; sleep 20\n')
+            program.chmod(0o755)
+            self.assertEqual(self.interrupt(*words, code=0), "bye\n")
 
     def test_suite_takes_what_its_tests_have_left_along(self):
         self.fake("ctest", 'mkdir "$TMPDIR/zelta-test-1"; touch "$FAKE/begun"; sleep 20')

@@ -3,6 +3,7 @@
 import os
 import pathlib
 import shlex
+import shutil
 import signal
 import subprocess
 import tempfile
@@ -141,6 +142,18 @@ class LogsProgram(LogsTest):
         self.assertEqual(program.stdout.readline(), INFO)
         program.send_signal(signal.SIGINT)
         self.assertEqual(program.wait(LIMIT), 0)
+
+    def test_following_a_folder_that_is_removed_says_so_and_fails(self):
+        program = self.enterContext(subprocess.Popen(
+            [PROGRAM, "--dir", self.folder], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+            text=True))
+        self.addCleanup(program.kill)
+        program.stdout.readline()
+        shutil.rmtree(self.folder)
+        _, problem = program.communicate(timeout=LIMIT)
+        self.folder.mkdir()  # for what removes it at the end
+        self.assertEqual((program.returncode, problem),
+                         (1, f"zelta-logs: there is no folder {self.folder}\n"))
 
 
 class PruneProgram(LogsTest):

@@ -150,12 +150,15 @@ std::string findProblem(const std::string& folder) {
   return "";
 }
 
+// Whether the folder can be read; says why if not.
+bool isReadable(const std::string& folder) {
+  const std::string problem = findProblem(folder);
+  if (!problem.empty()) std::cerr << "zelta-logs: " << zelta::harmless(problem) << "\n";
+  return problem.empty();
+}
+
 int show(const Options& options) {
-  const std::string problem = findProblem(options.folder);
-  if (!problem.empty()) {
-    std::cerr << "zelta-logs: " << zelta::harmless(problem) << "\n";
-    return EXIT_FAILURE;
-  }
+  if (!isReadable(options.folder)) return EXIT_FAILURE;
   Printer printer(options.filter, look(options), [](std::string_view line) {
     (void)std::fwrite(line.data(), 1, line.size(), stdout);
     (void)std::fputc('\n', stdout);
@@ -175,7 +178,7 @@ int show(const Options& options) {
     reader.readNew(print);
     if (std::fflush(stdout) != 0) return EXIT_FAILURE;  // nobody reads this any more
   } while (watch.wait());
-  return EXIT_SUCCESS;
+  return isReadable(options.folder) ? EXIT_SUCCESS : EXIT_FAILURE;  // it may have been removed
 }
 
 }  // namespace

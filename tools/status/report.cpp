@@ -61,7 +61,7 @@ std::string reportText(const View& view) {
     text += row("card", textOf(agent, "card"));
   }
   const Bytes atr = atrOf(view, agent);
-  text += row("ATR", atr.empty() ? "not known" : toHex(atr));
+  text += row("ATR", toHex(atr));
   if (!atr.empty()) {
     for (const auto& [name, value] : trace::describeAtr(atr)) {
       text += "  " + padded(name, kAtrLabelWidth) + value + "\n";

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -15,6 +16,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "platform/process/environment.h"
@@ -40,8 +42,8 @@ struct Options {
 void declareOptions(CLI::App& app, Options& options) {
   app.set_version_flag("-V,--version", "zelta-trace " ZELTA_VERSION);
   auto* file = app.add_option("FILE", options.file, "Show this saved trace, not the agent's")
-                   ->option_text("FILE");
-  const auto live = [&](CLI::Option* option) { option->excludes(file); };
+                   ->option_text(" ");
+  const auto live = [&](CLI::Option* option) { return option->excludes(file); };
   app.add_option("--reader", options.agent.reader, "Index of the reader (default 0)")
       ->check(CLI::Range(std::uint32_t{0}, std::numeric_limits<std::uint32_t>::max()))
       ->option_text("INDEX");
@@ -53,7 +55,8 @@ void declareOptions(CLI::App& app, Options& options) {
   app.add_option("--html", options.html, "Write a page with the time line at the end")
       ->option_text("FILE");
   live(app.add_flag("--show-secrets", options.showSecrets,
-                    "Show PINs, keys and deciphered data as well;\nonly if given twice"));
+                    "Show PINs, keys and deciphered data as well;\nonly if given twice"))
+      ->option_text(" ");
 }
 
 // Columns of the terminal; 0 if there is none.
@@ -63,12 +66,17 @@ std::size_t terminalWidth() {
   return size.ws_col;
 }
 
+// What the last system call says of the file.
+[[noreturn]] void fail(const std::string& file) {
+  throw std::runtime_error(file + ": " + std::generic_category().message(errno));
+}
+
 // A file that only its owner can read; throws std::runtime_error if it cannot be written.
 std::ofstream openOutput(const std::string& file) {
   const mode_t before = umask(S_IRWXG | S_IRWXO);
   std::ofstream output(file, std::ios::binary | std::ios::trunc);
   umask(before);
-  if (!output) throw std::runtime_error(file + " cannot be written");
+  if (!output) fail(file);
   // Only its owner reads it: whoever called sudo.
   const auto own = [&file](int failed) {
     if (failed != 0) throw std::runtime_error(file + " cannot be made its owner's alone");
@@ -96,11 +104,12 @@ NextLine linesOf(const Options& options) {
     return [lines] { return lines->next(); };
   }
   const auto input = std::make_shared<std::ifstream>(options.file);
-  if (!*input) throw std::runtime_error(options.file + " cannot be read");
-  return [input]() -> std::optional<std::string> {
+  if (!*input) fail(options.file);
+  return [input, file = options.file]() -> std::optional<std::string> {
     std::string line;
-    if (!std::getline(*input, line)) return std::nullopt;
-    return line;
+    if (std::getline(*input, line)) return line;
+    if (input->bad()) fail(file);  // such as a folder
+    return std::nullopt;
   };
 }
 

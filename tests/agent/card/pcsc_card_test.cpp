@@ -121,11 +121,13 @@ TEST_F(PcscCardTest, CommandThatFails_IsNotAnsweredAndTheNextConnectsAnew) {
               ElementsAre("connect", "transmit", "disconnect", "connect", "transmit"));
 }
 
-TEST_F(PcscCardTest, ReaderThatComesLater_IsFound) {
+TEST_F(PcscCardTest, ReaderThatComesLater_IsMissedAndFound) {
   service_.setReader(false);
   service_.insertCard();
   card_.start(notices_);
   service_.waitUntilWatched();
+  lines_.waitFor(
+      "warning: There is no reader 'Fake Reader 00 00', which is waited for; to see them: ");
   service_.setReader(true);
   notices_.waitFor("in ");
 }

@@ -40,7 +40,7 @@ TEST(Control, StatusForPeople_IsALineEach) {
             "driver:    not connected\n"
             "back end:  \n"
             "card:      out\n"
-            "ATR:       not known\n"
+            "ATR:       -\n"
             "session:   \n"
             "counts:    0 APDUs, 0 errors, 0 time-outs, 0 reconnects\n");
 }

@@ -112,7 +112,7 @@ TEST(Options, HelpAndVersion_EndWithSuccess) {
         "--help",      "ctl",       "What ends it.", "Exit codes"}) {
     EXPECT_THAT(help.output, HasSubstr(option));
   }
-  const ParsedOptions version = parse({"--version"});
+  const ParsedOptions version = parse({"-V"});
   EXPECT_EQ(version.exitCode, kExitDone);
   EXPECT_EQ(version.output, std::string("zelta-agent ") + kVersion + "\n");
 }
@@ -157,8 +157,8 @@ INSTANTIATE_TEST_SUITE_P(
         Wrong{{"--to", "ssh://h", "--session-id", "01234567-89ab-cdef-0123-456789abcdef"},
               "--session-id is not for --to"},
         Wrong{{"--backend", "remote", "--no-card"}, "not for a remote card"},
-        Wrong{{"ctl"}, "A subcommand is required"},
-        Wrong{{"ctl", "jump"}, "A subcommand is required"}),
+        Wrong{{"ctl"}, "ctl takes insert, remove or status"},
+        Wrong{{"ctl", "jump"}, "ctl takes insert, remove or status"}),
     [](const auto& each) {
       std::string all;
       for (const char* argument : each.param.arguments) all += std::string(argument) + " ";

@@ -60,7 +60,7 @@ TEST(Report, WhatIsMissing_IsToldWithItsReason) {
             "name:      - (Service not available.)\n"
             "state:     - (Service not available.)\n"
             "protocol:  -\n"
-            "ATR:       not known\n"
+            "ATR:       -\n"
             "log file:  -\n");
   EXPECT_EQ(reportJson(view),
             "{\"agent\":null,\"name\":null,\"state\":null,\"protocol\":null,\"log_file\":null,"

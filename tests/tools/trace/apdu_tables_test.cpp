@@ -20,6 +20,7 @@ TEST(ApduTables, Classes_AreNamed) {
 TEST(ApduTables, Instructions_DependOnTheEdge) {
   EXPECT_EQ(instructionName(Edge::kIso, 0xB0, 0), "READ BINARY");
   EXPECT_EQ(instructionName(Edge::kCac, 0xB0, 0), "READ BINARY");
+  EXPECT_EQ(instructionName(Edge::kIso, 0x27, 0), "DISABLE VERIFICATION REQUIREMENT");
   EXPECT_EQ(instructionName(Edge::kCac, 0x52, 0), "READ BUFFER");
   EXPECT_EQ(instructionName(Edge::kIso, 0x52, 0), "INS 52");
   EXPECT_EQ(instructionName(Edge::kPiv, 0xFE, 0), "IMPORT PRIVATE KEY");
@@ -31,6 +32,7 @@ TEST(ApduTables, Instructions_DependOnTheEdge) {
 TEST(ApduTables, SecurityOperations_AreToldApart) {
   EXPECT_EQ(instructionName(Edge::kOpenPgp, 0x2A, 0x9E9A), "COMPUTE DIGITAL SIGNATURE");
   EXPECT_EQ(instructionName(Edge::kOpenPgp, 0x2A, 0x8086), "DECIPHER");
+  EXPECT_EQ(instructionName(Edge::kIso, 0x2A, 0x8280), "ENCIPHER");
   EXPECT_EQ(instructionName(Edge::kIso, 0x2A, 0x0000), "PERFORM SECURITY OPERATION");
 }
 
