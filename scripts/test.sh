@@ -104,22 +104,36 @@ skipped_tests() {
     sed 's/^ *\([0-9]*\) \(.*\)/\1 skipped: \2/'
 }
 
-# failed_tests PRESET: each failed test with the end of what it printed, so that a log whose
-# beginning was cut off still says what failed.
+# failed_tests PRESET: each failed test with what it printed, so that a log whose beginning was cut
+# off still says what failed: GoogleTest's failures, or else the end.
 failed_tests() {
   local name
   sed -n '/^The following tests FAILED:/,$s/^\t *[0-9]* - \(.*\) ([^()]*)$/\1/p' "$log" |
     while read -r name; do
       printf '%s (%s)\n' "$name" "$1"
-      awk -v "name=$name" -v lines=30 '
+      awk -v "name=$name" -v lines=30 -v half=20 '
+        function show(from, to) { for (; from < to; ++from) print "    " text[from] }
+        function show_failure(from, to,  left_out) {
+          left_out = to - from - 2 * half
+          if (left_out <= 0) { show(from, to); return }
+          show(from, from + half)
+          print "    ... " left_out " lines ..."
+          show(to - half, to)
+        }
         /^[0-9]+\/[0-9]+ Testing: / { here = substr($0, index($0, ": ") + 2) == name; next }
         !here { next }
-        /^Output:$/ { getline; inside = 1; count = 0; next }
+        /^Output:$/ { getline; inside = 1; count = shown = running = 0; next }
         /^<end of output>$/ {
           inside = 0
-          for (i = count > lines ? count - lines : 0; i < count; ++i) print "    " text[i]
+          # Without a failure, or inside a test, the program itself has ended.
+          if (!shown || running) show(count - shown > lines ? count - lines : shown, count)
         }
-        inside { text[count++] = $0 }' "$(build_folder "$1")/Testing/Temporary/LastTest.log"
+        !inside { next }
+        /^\[ RUN      \] / { begin = count; running = 1 }
+        { text[count++] = $0 }
+        /^\[       OK \] / || /^\[  SKIPPED \] / { running = 0 }
+        running && /^\[  FAILED  \] / { show_failure(begin, count); shown = count; running = 0 }
+        ' "$(build_folder "$1")/Testing/Temporary/LastTest.log"
     done
 }
 

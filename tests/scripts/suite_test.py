@@ -41,6 +41,22 @@ The following tests FAILED:
 \t 2 - Pipe.ReadsLate (Failed)
 """
 
+PROGRAM_RESULT = FAILED_RESULT.replace("Pipe.ReadsLate", "pipe_test")
+
+
+def passed_test(name):
+    return [f"[ RUN      ] {name}", f"[       OK ] {name} (0 ms)"]
+
+
+def failed_test(name, *lines):
+    return [f"[ RUN      ] {name}", *lines, f"[  FAILED  ] {name} (7 ms)"]
+
+
+def program_log(*lines):
+    """The log of a program of many tests, with these lines."""
+    return "\n".join(["2/6 Testing: pipe_test", "2/6 Test: pipe_test", "Output:", "-" * 58, *lines,
+                      "<end of output>", "Test Failed.", ""])
+
 
 class Suite(CheckoutTest):
     def setUp(self):
@@ -63,6 +79,36 @@ class Suite(CheckoutTest):
         shown = ["Pipe.ReadsLate (release)", *(f"    line {number}" for number in range(70, 100))]
         self.assertEqual(self.run_suite(FAILED_RESULT, code=1)[-33:],
                          ["==> Failed tests", *shown, "5 passed, 1 failed"])
+
+    def shown_of_program(self, *lines):
+        """What is shown again of a failed program of many tests that printed these lines."""
+        self.log.write_text(FAILED_LOG.replace("2/6", "1/6") + program_log(*lines))
+        output = self.run_suite(PROGRAM_RESULT, code=1)
+        begin = output.index("pipe_test (release)")
+        self.assertEqual(output[begin - 1], "==> Failed tests")
+        return [line[4:] for line in output[begin + 1:-1]]
+
+    def test_program_with_failures_is_shown_with_these_only(self):
+        first = failed_test("Pipe.Opens", "pipe_test.cpp:8: Failure", "Value of: opened")
+        second = failed_test("Pipe.Closes", "pipe_test.cpp:9: Failure")
+        many = [line for number in range(50) for line in passed_test(f"Pipe.Reads/{number}")]
+        skipped = ["[ RUN      ] Pipe.Hangs", "no pipes", "[  SKIPPED ] Pipe.Hangs (0 ms)"]
+        listed = [" 2 FAILED TESTS", "[  FAILED  ] Pipe.Opens", "[  FAILED  ] Pipe.Closes"]
+        self.assertEqual(
+            self.shown_of_program(*many, *first, *many, *skipped, *second, *many, *listed),
+            first + second)
+
+    def test_failure_of_many_lines_is_shown_without_its_middle(self):
+        lines = [f"line {number}" for number in range(100)]
+        self.assertEqual(self.shown_of_program(*failed_test("Pipe.Opens", *lines)),
+                         failed_test("Pipe.Opens", *lines[:19], "... 62 lines ...", *lines[-19:]))
+
+    def test_program_that_ended_inside_a_test_is_shown_with_its_failures_and_its_last_lines(self):
+        failure = failed_test("Pipe.Opens", "pipe_test.cpp:8: Failure")
+        last = [*passed_test("Pipe.Reads"), "[ RUN      ] Pipe.Closes", "terminate called"]
+        self.assertEqual(self.shown_of_program(*failure, *last), failure + last)
+        many = [line for number in range(50) for line in passed_test(f"Pipe.Reads/{number}")]
+        self.assertEqual(self.shown_of_program(*failure, *many, *last), failure + (many + last)[-30:])
 
     def test_check_shows_the_failed_tests_of_its_stages_at_the_end(self):
         log = self.folder / "build-tsan" / "Testing" / "Temporary" / "LastTest.log"
