@@ -258,16 +258,22 @@ std::string findConflict(const Options& options, System system) {
   return findRemoteConflict(options);
 }
 
-// Which option the system does not have; empty if none.
-std::string findUnavailable(const CLI::App& app, const Flags& flags, System system) {
+// What the command line has that the system does not; empty if nothing. Whether the line is right
+// does not matter: nobody is told how to use what is not there.
+std::string findUnavailable(int argc, const char* const* argv, const CLI::App& app,
+                            const Flags& flags, System system) {
   if (system == System::kLinux) {
     return app.got_subcommand(kService) ? kService + std::string(kNotOnLinux) : "";
   }
-  if (!isBackendOf(system, flags.backend)) return "--backend " + flags.backend + kNotOnWindows;
-  for (const char* option : kLinuxOptions) {
-    if (app.count(option) != 0) return option + std::string(kNotOnWindows);
+  for (int i = 1; i < argc; ++i) {
+    const std::string word = argv[i];
+    const std::string name = word.substr(0, word.find('='));
+    if (std::find(std::begin(kLinuxOptions), std::end(kLinuxOptions), name) !=
+        std::end(kLinuxOptions)) {
+      return name + kNotOnWindows;
+    }
   }
-  return {};
+  return isBackendOf(system, flags.backend) ? "" : "--backend " + flags.backend + kNotOnWindows;
 }
 
 // Leaves what the system does not have out of the help.
@@ -301,19 +307,22 @@ ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edi
   addControl(app, edition.system, options, flags);
   addService(app, flags);
   hideUnavailable(app, edition.system);
+  std::optional<ParsedOptions> ended;
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     const bool lacksWord = error.get_name() == "RequiredError" && flags.ctl->parsed();
-    if (lacksWord) return refuse("ctl takes insert, remove or status");
     std::ostringstream output;
     std::ostringstream problem;
     const bool wanted = app.exit(error, output, problem) == 0;
-    return {std::nullopt, wanted ? kExitDone : kExitUsage, output.str(), problem.str()};
+    ended = {std::nullopt, wanted ? kExitDone : kExitUsage, output.str(), problem.str()};
+    if (lacksWord) ended = refuse("ctl takes insert, remove or status");
   }
+  const std::string unavailable = findUnavailable(argc, argv, app, flags, edition.system);
+  if (!unavailable.empty()) return refuse(unavailable);
+  if (ended) return *ended;
   applyFlags(app, flags, options);
-  std::string problem = findUnavailable(app, flags, edition.system);
-  if (problem.empty() && app.count("--to") != 0) problem = checkAddress(flags.to);
+  std::string problem = app.count("--to") == 0 ? "" : checkAddress(flags.to);
   if (problem.empty()) problem = findConflict(options, edition.system);
   if (!problem.empty()) return refuse(problem);
   return {options, kExitDone, "", ""};

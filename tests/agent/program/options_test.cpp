@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <regex>
+#include <set>
 
 #include "agent/version.h"
 #include "tests/support/case_names.h"
@@ -13,6 +15,7 @@ namespace zelta::agent {
 namespace {
 
 using testing::HasSubstr;
+using testing::StartsWith;
 
 ParsedOptions parse(std::vector<const char*> arguments, System system = System::kLinux) {
   arguments.insert(arguments.begin(), "zelta-agent");
@@ -165,26 +168,95 @@ INSTANTIATE_TEST_SUITE_P(
       return test::caseName(all);
     });
 
-class OptionsOfLinux : public testing::TestWithParam<const char*> {};
+constexpr const char* kOptionsOfLinux[] = {"--db",   "--pin", "--pin-file",
+                                           "--cert", "--to",  "--ssh"};
 
-TEST_P(OptionsOfLinux, AreNamedAndRefusedOnWindowsAndNotInItsHelp) {
+class OptionsOfLinux : public testing::TestWithParam<const char*> {
+ protected:
+  // Windows names the option, whatever else is wrong.
+  static void refused(const std::vector<const char*>& arguments) {
+    const ParsedOptions parsed = parse(arguments, System::kWindows);
+    EXPECT_FALSE(parsed.options);
+    EXPECT_EQ(parsed.exitCode, kExitUsage);
+    EXPECT_EQ(parsed.output, "");
+    EXPECT_EQ(parsed.error, std::string(GetParam()) +
+                                " is not available on Windows\nRun with --help for more "
+                                "information.\n");
+  }
+};
+
+TEST_P(OptionsOfLinux, AreNamedAndRefusedOnWindows) {
   const std::vector<const char*> arguments = {"--backend", "script",   "--script",
                                               "f",         GetParam(), "value"};
-  const ParsedOptions parsed = parse(arguments, System::kWindows);
-  EXPECT_FALSE(parsed.options);
-  EXPECT_EQ(parsed.exitCode, kExitUsage);
-  EXPECT_EQ(parsed.error, std::string(GetParam()) +
-                              " is not available on Windows\nRun with --help for more "
-                              "information.\n");
+  refused(arguments);
   EXPECT_THAT(parse(arguments).error, testing::Not(HasSubstr("Windows")));
-  const std::string shown = std::string(GetParam()) + " ";
-  EXPECT_THAT(parse({"--help"}).output, HasSubstr(shown));
-  EXPECT_THAT(parse({"--help"}, System::kWindows).output, testing::Not(HasSubstr(shown)));
+  refused({GetParam()});
+  refused({(GetParam() + std::string("=value")).c_str()});
+  refused({GetParam(), "value"});
+  refused({GetParam(), "value", "--pin", "1", "--pin-file", "f"});
+  refused({"--backend", "paper", GetParam(), "value"});
+  refused({GetParam(), "value", "--help"});
 }
 
-INSTANTIATE_TEST_SUITE_P(Options, OptionsOfLinux,
-                         testing::Values("--db", "--pin", "--pin-file", "--cert", "--to"),
+TEST_P(OptionsOfLinux, AreNamedAndRefusedInEveryCommandOnWindows) {
+  refused({"ctl", "status", GetParam(), "value"});
+  refused({"ctl", GetParam(), "value", "status"});
+  refused({"ctl", GetParam()});
+  for (const char* action : {"install", "remove", "run"}) {
+    refused({"service", action, "--backend", "script", "--script", "f", GetParam(), "value"});
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Options, OptionsOfLinux, testing::ValuesIn(kOptionsOfLinux),
                          [](const auto& each) { return test::caseName(each.param); });
+
+// The options that a help's lines begin with.
+std::set<std::string> optionsIn(const std::string& help) {
+  std::set<std::string> all;
+  const std::regex line("(^|\n)  (?:-[A-Za-z],)?(--[a-z-]+)");
+  for (std::sregex_iterator match(help.begin(), help.end(), line), end; match != end; ++match) {
+    all.insert((*match)[2]);
+  }
+  return all;
+}
+
+TEST(WindowsOptions, Help_HasWhatIsNotOnlyForLinux) {
+  const std::set<std::string> onWindows = optionsIn(parse({"--help"}, System::kWindows).output);
+  std::set<std::string> all = optionsIn(parse({"--help"}).output);
+  for (const char* option : kOptionsOfLinux) EXPECT_EQ(all.erase(option), 1u) << option;
+  EXPECT_EQ(onWindows, all);
+}
+
+// Each line of the help, but for the help itself.
+TEST(WindowsOptions, OptionsOfTheHelp_AreTaken) {
+  const std::vector<const char*> kScript = {"--backend", "script", "--script", "f"};
+  const std::vector<const char*> kPcsc = {"--backend", "pcsc", "--pcsc-reader", "r"};
+  const struct {
+    std::vector<const char*> card;
+    std::vector<const char*> option;
+  } kTaken[] = {{kScript, {}},
+                {kPcsc, {}},
+                {kScript, {"--reader", "1"}},
+                {kScript, {"--control", "c"}},
+                {kScript, {"--session-id", "01234567-89ab-cdef-0123-456789abcdef"}},
+                {kScript, {"--card-inserted"}},
+                {kScript, {"--no-card"}},
+                {kScript, {"--record", "r"}},
+                {kPcsc, {"--log-level", "debug"}},
+                {kPcsc, {"--quiet"}},
+                {kPcsc, {"--verbose"}}};
+  std::set<std::string> tried = {"--help", "--version"};
+  for (const auto& [card, option] : kTaken) {
+    std::vector<const char*> arguments = card;
+    arguments.insert(arguments.end(), option.begin(), option.end());
+    const ParsedOptions parsed = parse(arguments, System::kWindows);
+    EXPECT_TRUE(parsed.options) << parsed.error;
+    for (const std::string word : arguments) {
+      if (word.rfind("--", 0) == 0) tried.insert(word);
+    }
+  }
+  EXPECT_EQ(optionsIn(parse({"--help"}, System::kWindows).output), tried);
+}
 
 class BackEndsOfLinux : public testing::TestWithParam<const char*> {};
 
@@ -242,6 +314,11 @@ TEST(ServiceOptions, EveryAction_IsForWindowsOnly) {
     EXPECT_EQ(parsed.options->scriptFile, "f");
     EXPECT_EQ(parse(arguments).exitCode, kExitUsage);
     EXPECT_THAT(parse(arguments).error, HasSubstr("service is not available on Linux\n"));
+  }
+  for (const std::vector<const char*>& arguments :
+       {std::vector<const char*>{"service"}, {"service", "jump"}, {"service", "--help"}}) {
+    EXPECT_EQ(parse(arguments).exitCode, kExitUsage);
+    EXPECT_THAT(parse(arguments).error, StartsWith("service is not available on Linux\n"));
   }
   EXPECT_THAT(parse({"--help"}, System::kWindows).output, HasSubstr("\n  service "));
   EXPECT_THAT(parse({"--help"}).output, testing::Not(HasSubstr("\n  service ")));
