@@ -61,6 +61,15 @@ if(WIN32)
   target_compile_definitions(zelta_options INTERFACE UNICODE _UNICODE NOMINMAX WIN32_LEAN_AND_MEAN
                                                      _WIN32_WINNT=0x0A00 FMT_HEADER_ONLY
                                                      __USE_MINGW_ANSI_STDIO=1)
+  # Control-flow guard, if the compiler and its run-time have it.
+  include(CheckCXXCompilerFlag)
+  set(CMAKE_REQUIRED_LINK_OPTIONS -mguard=cf)
+  check_cxx_compiler_flag(-mguard=cf ZELTA_CONTROL_FLOW_GUARD)
+  unset(CMAKE_REQUIRED_LINK_OPTIONS)
+  if(ZELTA_CONTROL_FLOW_GUARD)
+    target_compile_options(zelta_options INTERFACE -mguard=cf)
+    target_link_options(zelta_options INTERFACE -mguard=cf)
+  endif()
 endif()
 
 # zelta_add_library(NAME SOURCES... LIBRARIES...): a static library of one folder.

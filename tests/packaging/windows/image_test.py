@@ -28,6 +28,11 @@ class WindowsImages(unittest.TestCase):
             self.assertEqual(image_checks.program_problems(program), [], path)
             self.assertIn("KERNEL32.dll", program.imported_libraries())
 
+    def test_images_have_control_flow_guard_if_the_compiler_has_it(self):
+        offered = os.environ["ZELTA_CONTROL_FLOW_GUARD"] == "1"
+        for path in (MODULE, AGENT, SETUP):
+            self.assertEqual("GUARD_CF" in PeImage(path).characteristics(), offered, path)
+
     def test_setup_has_its_version_and_asks_for_no_rights_by_itself(self):
         setup = PeImage(SETUP)
         self.assertEqual(image_checks.version_problems(setup, VERSION), [])
@@ -65,6 +70,14 @@ class WindowsImageChecks(unittest.TestCase):
                          ["is without DYNAMIC_BASE", "cannot be moved"])
         subprocess.run([OBJCOPY, "--remove-section=.reloc", MODULE, self.copy], check=True)
         self.assertIn("cannot be moved", image_checks.hardening_problems(PeImage(self.copy)))
+
+    def test_control_flow_guard_is_found(self):
+        content = bytearray(MODULE.read_bytes())
+        header = int.from_bytes(content[0x3C:0x40], "little")
+        content[header + 24 + 71] ^= 0x40
+        self.copy.write_bytes(content)
+        changed = PeImage(MODULE).characteristics() ^ PeImage(self.copy).characteristics()
+        self.assertEqual(changed, {"GUARD_CF"})
 
     def test_call_that_is_missing_is_found(self):
         problems = ["does not import DisableThreadLibraryCalls"]
