@@ -108,7 +108,8 @@ class Suite(CheckoutTest):
         last = [*passed_test("Pipe.Reads"), "[ RUN      ] Pipe.Closes", "terminate called"]
         self.assertEqual(self.shown_of_program(*failure, *last), failure + last)
         many = [line for number in range(50) for line in passed_test(f"Pipe.Reads/{number}")]
-        self.assertEqual(self.shown_of_program(*failure, *many, *last), failure + (many + last)[-30:])
+        self.assertEqual(self.shown_of_program(*failure, *many, *last),
+                         failure + (many + last)[-30:])
 
     def test_check_shows_the_failed_tests_of_its_stages_at_the_end(self):
         log = self.folder / "build-tsan" / "Testing" / "Temporary" / "LastTest.log"
