@@ -1,10 +1,12 @@
-// Winsock's start and clean-up, counted, with results that a test chooses. Any thread.
+// Winsock's start and clean-up, counted, with results that a test chooses. In the system's place
+// for its lifetime. Any thread.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 
 #include "platform/process/winsock.h"
+#include "tests/support/scoped_port.h"
 
 namespace zelta::test {
 
@@ -33,6 +35,7 @@ class FakeWinsock final : public platform::WinsockApi {
   std::atomic<int> startups_{0};
   std::atomic<int> cleanups_{0};
   std::atomic<std::uint16_t> version_{0};
+  const ScopedPort inPlace_{&platform::Ports::winsock, *this};
 };
 
 }  // namespace zelta::test
