@@ -75,8 +75,6 @@ struct AtrRow {
   Maybe lastProtocol, maxDataRate, ifsc;
 };
 
-void PrintTo(const AtrRow& row, std::ostream* out) { *out << row.name; }
-
 class Atr : public testing::TestWithParam<AtrRow> {};
 
 TEST_P(Atr, GivesItsValues) {
