@@ -26,7 +26,7 @@ MUTATIONS = (
              "reader/waiting_requests.cpp",
              "if (framework::succeeded(request->unmarkCancelable())) complete(*request);",
              "(void)request->unmarkCancelable();\n  complete(*request);",
-             "agent_link_test", "CardEvents*:ClientLoss*:Stress*:EndOfExchanges*",
+             "reader_test", "WaitingRequestsTest*",
              doc="threads: unmarked first"),
     Mutation("request-without-reference", "a request is referenced while it leaves its list",
              "reader/waiting_requests.cpp",
