@@ -80,6 +80,7 @@ TEST_F(LoggingFacadeSystemTest, DumpsOfManyThreads_AreNeverMixedWithOtherRecords
   constexpr std::size_t kDumpLength = 100;
   setMode(3);
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([i] {
       const std::vector<std::uint8_t> bytes(kDumpLength, static_cast<std::uint8_t>(i));

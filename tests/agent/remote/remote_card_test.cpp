@@ -101,7 +101,7 @@ TEST_F(Remote, AnswerThatNobodyAskedFor_IsThrownAway) {
 TEST_F(Remote, LineThatBreaksDuringACall_EndsTheCallAfterTheRemoval) {
   startWithCard();
   auto answer = std::async(std::launch::async, [this] {
-    const Bytes bytes = card_.transmit(kApdu);
+    Bytes bytes = card_.transmit(kApdu);
     EXPECT_EQ(listener_.text().substr(0, 7), "in out ");
     return bytes;
   });
