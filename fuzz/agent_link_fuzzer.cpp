@@ -7,8 +7,12 @@
 
 #include "tests/agent_link/hostile_agent.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   testing::GTEST_FLAG(break_on_failure) = true;
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   zelta::test::playHostileAgent(data, size);
   return 0;
 }

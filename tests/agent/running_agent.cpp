@@ -7,28 +7,26 @@ namespace zelta::test {
 
 using platform::MutexLock;
 
-agent::Log::Sink LogLines::sink() {
-  return [this](agent::Severity severity, const std::string& line) {
-    const MutexLock lock(mutex_);
-    lines_.push_back(std::string(agent::severityName(severity)) + ": " + line);
-    changed_.notifyAll();
-  };
-}
+namespace {
 
-std::size_t LogLines::countLocked(const std::string& text) {
+std::size_t countIn(const std::vector<std::string>& lines, const std::string& text) {
   return static_cast<std::size_t>(
-      std::count_if(lines_.begin(), lines_.end(),
+      std::count_if(lines.begin(), lines.end(),
                     [&](const std::string& line) { return line.find(text) != std::string::npos; }));
 }
 
-void LogLines::waitFor(const std::string& text) {
-  MutexLock lock(mutex_);
-  changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return countLocked(text) != 0; });
+}  // namespace
+
+agent::Log::Sink LogLines::sink() {
+  return [this](agent::Severity severity, const std::string& line) {
+    lines_.add(std::string(agent::severityName(severity)) + ": " + line);
+  };
 }
 
-std::size_t LogLines::count(const std::string& text) {
-  const MutexLock lock(mutex_);
-  return countLocked(text);
+std::size_t LogLines::count(const std::string& text) const { return countIn(lines_.all(), text); }
+
+void LogLines::waitFor(const std::string& text) const {
+  lines_.awaitUntil([&](const auto& lines) { return countIn(lines, text) != 0; });
 }
 
 agent::Timing patientTiming() {

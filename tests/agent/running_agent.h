@@ -11,6 +11,7 @@
 
 #include "agent/program/agent.h"
 #include "platform/sync/sync.h"
+#include "tests/support/collected.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::test {
@@ -39,16 +40,12 @@ class LogLines {
  public:
   agent::Log::Sink sink();
   // Until a line contains `text`.
-  void waitFor(const std::string& text);
-  bool has(const std::string& text) { return count(text) != 0; }
-  std::size_t count(const std::string& text);
+  void waitFor(const std::string& text) const;
+  bool has(const std::string& text) const { return count(text) != 0; }
+  std::size_t count(const std::string& text) const;
 
  private:
-  std::size_t countLocked(const std::string& text) ZELTA_REQUIRES(mutex_);
-
-  platform::Mutex mutex_;
-  platform::ConditionVariable changed_;
-  std::vector<std::string> lines_ ZELTA_GUARDED_BY(mutex_);
+  Collected<std::string> lines_;
 };
 
 // Times with which nothing happens by time alone.

@@ -38,8 +38,6 @@ struct AtrQuery {
   const char* tag;
 };
 
-void PrintTo(const AtrQuery& query, std::ostream* out) { *out << query.name; }
-
 class AtrQueries : public Queries, public ::testing::WithParamInterface<AtrQuery> {
  protected:
   QueryResult ask() { return GetParam().ask(reader(), atr_); }
@@ -197,8 +195,6 @@ struct Step {
   unsigned call;  // of its kind on the command pipe
   const char* text;
 };
-
-void PrintTo(const Step& step, std::ostream* out) { *out << step.name; }
 
 class AtrSteps : public Queries, public ::testing::WithParamInterface<Step> {};
 

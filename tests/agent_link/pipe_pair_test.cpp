@@ -67,8 +67,6 @@ struct CreationRow {
   std::size_t creations;
 };
 
-void PrintTo(const CreationRow& row, std::ostream* out) { *out << row.name; }
-
 class FailedCreation : public PipePairTest, public ::testing::WithParamInterface<CreationRow> {};
 
 TEST_P(FailedCreation, IsLoggedAndEndsTheThread) {

@@ -117,19 +117,6 @@ TEST_F(CardEvents, Removal_DoesNotCompleteInsertions) {
   EXPECT_FALSE(request.completed());
 }
 
-TEST_F(CardEvents, RequestThatIsBeingCancelled_OnlyLeavesTheList) {
-  FakeRequest& cancelled = connectWithoutCard();
-  FakeRequest& other = waitForInsertion();
-  cancelled.beginCancel();
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
-  ASSERT_TRUE(other.waitCompleted());
-  settle();
-  EXPECT_FALSE(cancelled.completed());
-  ASSERT_TRUE(agent_.sendEvent(AgentEvent::kCardInserted));
-  settle();
-  EXPECT_FALSE(cancelled.completed());
-}
-
 // The event is being handled before the check is answered: it is not lost between the two.
 TEST_F(CardEvents, InsertionBetweenCheckAndWait_IsNotLost) {
   start();

@@ -37,8 +37,6 @@ struct DoingRow {
   Doing doing;
 };
 
-void PrintTo(const DoingRow& row, std::ostream* out) { *out << row.name; }
-
 // On the system's pipes. Nothing of what a stop ends is ended by its own time.
 class Stop : public LinkTest, public ::testing::WithParamInterface<DoingRow> {
  protected:
@@ -121,8 +119,6 @@ struct GapRow {
   const char* pipe;
   std::size_t failures;  // disconnects that find nothing to cancel
 };
-
-void PrintTo(const GapRow& row, std::ostream* out) { *out << row.name; }
 
 class StopInTheGap : public SerialisingLink, public ::testing::WithParamInterface<GapRow> {};
 

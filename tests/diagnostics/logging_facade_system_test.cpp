@@ -15,6 +15,7 @@
 #include "tests/support/own_registry.h"
 #include "tests/support/process_state.h"
 #include "tests/support/repetitions.h"
+#include "tests/support/scoped_port.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta {
@@ -32,24 +33,13 @@ constexpr std::size_t kEndingThreads = 50;
 class LoggingFacadeSystemTest : public ::testing::Test {
  protected:
   LoggingFacadeSystemTest() {
-    setFolder(folder_.path());
+    fs::create_directories(logs_);
+    folders_.programDataPath = folder_.path().u16string();
     own_.setText(test::kAgentKey, test::kRotationTime, u"0");
     setMode(2);
   }
-  ~LoggingFacadeSystemTest() override {
-    shutDownLogging();
-    platform::replacePorts(before_);
-  }
+  ~LoggingFacadeSystemTest() override { shutDownLogging(); }
 
-  // Where the ProgramData folder is.
-  void setFolder(const fs::path& folder) {
-    logs_ = folder / "Vornhalt" / "ZeltaAgent" / "logs";
-    fs::create_directories(logs_);
-    folders_.programDataPath = folder.u16string();
-    platform::Ports with = before_;
-    with.folders = &folders_;
-    platform::replacePorts(with);
-  }
   void setMode(std::uint32_t mode) { own_.setDword(test::kPolicy, test::kFilterMode, mode); }
   // Ends the logger. Without what the rotation time gives at debug level.
   Texts messages() const {
@@ -60,10 +50,10 @@ class LoggingFacadeSystemTest : public ::testing::Test {
   }
 
   test::TempFolder folder_;
-  fs::path logs_;
+  const fs::path logs_ = folder_.path() / "Vornhalt" / "ZeltaAgent" / "logs";
   test::FakeFolders folders_;
   test::OwnRegistry own_;
-  const platform::Ports before_ = platform::ports();
+  const test::ScopedPort inPlace_{&platform::Ports::folders, folders_};
 };
 
 TEST_F(LoggingFacadeSystemTest, ChangedPolicy_IsFollowedWithinTwoLooks) {
@@ -90,6 +80,7 @@ TEST_F(LoggingFacadeSystemTest, DumpsOfManyThreads_AreNeverMixedWithOtherRecords
   constexpr std::size_t kDumpLength = 100;
   setMode(3);
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([i] {
       const std::vector<std::uint8_t> bytes(kDumpLength, static_cast<std::uint8_t>(i));

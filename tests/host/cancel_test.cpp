@@ -70,8 +70,7 @@ TEST_F(CancelTest, SecondMarkIsReportedWithNothingOfTheRequestsHeld) {
   releasing.driverError = [this](const std::string& text) {
     // Needs what would be held, on a thread of its own.
     std::thread([this] { EXPECT_THAT(releaseWaiting(), ElementsAre(1u, 0u)); }).join();
-    platform::MutexLock lock(mutex_);
-    errors_.push_back(text);
+    errors_.add(text);
   };
   host_ = DriverHost::load(FAKE_DRIVER, releasing);
   start();

@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "host/driver_host.h"
-#include "platform/sync/sync.h"
 #include "tests/doubles/framework/fake_driver.h"
+#include "tests/support/collected.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::host {
@@ -43,10 +43,7 @@ class HostTest : public ::testing::Test {
 
   HostOptions options() {
     HostOptions options;
-    options.driverError = [this](const std::string& text) {
-      const platform::MutexLock lock(mutex_);
-      errors_.push_back(text);
-    };
+    options.driverError = [this](const std::string& text) { errors_.add(text); };
     return options;
   }
 
@@ -75,10 +72,7 @@ class HostTest : public ::testing::Test {
     const auto values = toNumbers(control(fake::kCounters).output);
     return values.size() > which ? values[which] : 0xFFFFFFFFu;
   }
-  std::vector<std::string> errors() {
-    const platform::MutexLock lock(mutex_);
-    return errors_;
-  }
+  std::vector<std::string> errors() { return errors_.all(); }
   std::vector<std::string> trace() const {
     std::vector<std::string> lines;
     std::ifstream file(folder_.file("trace"));
@@ -89,8 +83,7 @@ class HostTest : public ::testing::Test {
 
   test::TempFolder folder_;
   test::ScopedVariable traceFile_{fake::kTraceVariable, folder_.file("trace")};
-  platform::Mutex mutex_;
-  std::vector<std::string> errors_ ZELTA_GUARDED_BY(mutex_);
+  test::Collected<std::string> errors_;
   std::unique_ptr<DriverHost> host_;
   std::shared_ptr<File> file_;
 };

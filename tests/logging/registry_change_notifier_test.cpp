@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tests/support/collected.h"
 #include "tests/support/logging_ports.h"
 #include "tests/support/recording_logger.h"
 
@@ -24,28 +25,6 @@ constexpr char kKey[] = "SOFTWARE\\Test";
 constexpr char16_t kWideKey[] = u"SOFTWARE\\Test";
 constexpr char kValue[] = "Period";
 constexpr char16_t kWideValue[] = u"Period";
-
-// What a callback was given. Any thread.
-class Received {
- public:
-  void add(const std::string& text) {
-    {
-      const platform::MutexLock lock(mutex_);
-      texts_.push_back(text);
-    }
-    added_.notifyAll();
-  }
-  Texts await(std::size_t count) {
-    platform::MutexLock lock(mutex_);
-    added_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return texts_.size() >= count; });
-    return texts_;
-  }
-
- private:
-  platform::Mutex mutex_;
-  platform::ConditionVariable added_;
-  Texts texts_ ZELTA_GUARDED_BY(mutex_);
-};
 
 class RegistryChangeNotifierTest : public ::testing::Test {
  protected:
@@ -78,7 +57,7 @@ class RegistryChangeNotifierTest : public ::testing::Test {
 
   test::LoggingPorts ports_;
   test::RecordingLogger logger_;
-  Received received_;
+  test::Collected<std::string> received_;
 };
 
 TEST_F(RegistryChangeNotifierTest, MissingArguments_AreRefusedInOrder) {

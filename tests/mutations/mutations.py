@@ -26,7 +26,7 @@ MUTATIONS = (
              "reader/waiting_requests.cpp",
              "if (framework::succeeded(request->unmarkCancelable())) complete(*request);",
              "(void)request->unmarkCancelable();\n  complete(*request);",
-             "agent_link_test", "CardEvents*:ClientLoss*:Stress*:EndOfExchanges*",
+             "reader_test", "WaitingRequestsTest*",
              doc="threads: unmarked first"),
     Mutation("request-without-reference", "a request is referenced while it leaves its list",
              "reader/waiting_requests.cpp",
@@ -565,7 +565,7 @@ MUTATIONS = (
              "  if (!readField(apdu.data(), *length, deadline)) return std::nullopt;\n"
              "  std::uint8_t next = 0;\n  (void)commands_.read(&next, 1, SteadyClock::now());\n"
              "  return apdu;",
-             "agent_test", "*Connect*:*GivenUp*:*HostileDriver*",
+             "agent_test", "*Connect*:*GivenUp*",
              doc="wire-protocol: commands 1, given up on Linux 3"),
     Mutation("ready-answered", "a card ready notification is not answered",
              "agent/link/driver_connection.cpp",

@@ -14,6 +14,7 @@
 #include "contract/status.h"
 #include "pcsc/channel_table.h"
 #include "tests/doubles/framework/fake_driver_host.h"
+#include "tests/support/collected.h"
 
 namespace zelta::test {
 
@@ -22,26 +23,14 @@ class LogLines {
  public:
   pcsc::Log log() {
     return [this](pcsc::LogLevel level, const std::string& text) {
-      const platform::MutexLock lock(mutex_);
-      lines_.push_back(std::to_string(static_cast<int>(level)) + " " + text);
-      changed_.notifyAll();
+      lines_.add(std::to_string(static_cast<int>(level)) + " " + text);
     };
   }
-  std::vector<std::string> lines() const {
-    const platform::MutexLock lock(mutex_);
-    return lines_;
-  }
-  bool waitForLines(std::size_t count) {
-    platform::MutexLock lock(mutex_);
-    return changed_.waitFor(lock, FakeReader::kLimit, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-      return lines_.size() >= count;
-    });
-  }
+  std::vector<std::string> lines() const { return lines_.all(); }
+  bool waitForLines(std::size_t count) { return lines_.waitFor(count, FakeReader::kLimit); }
 
  private:
-  mutable platform::Mutex mutex_;
-  platform::ConditionVariable changed_;
-  std::vector<std::string> lines_ ZELTA_GUARDED_BY(mutex_);
+  Collected<std::string> lines_;
 };
 
 inline constexpr framework::HRESULT kGenFailure = status::kGenFailure;

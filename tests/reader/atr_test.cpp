@@ -2,10 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-
 #include "contract/bytes.h"
 #include "tests/reader/atr_invariants.h"
 
@@ -79,8 +75,6 @@ struct AtrRow {
   Maybe lastProtocol, maxDataRate, ifsc;
 };
 
-void PrintTo(const AtrRow& row, std::ostream* out) { *out << row.name; }
-
 class Atr : public testing::TestWithParam<AtrRow> {};
 
 TEST_P(Atr, GivesItsValues) {
@@ -138,18 +132,6 @@ TEST(AtrRules, TwoInterfaceBytesOfAnyValue_BreakNone) {
       ASSERT_EQ(test::brokenAtrRule(atr), nullptr) << t0 << " " << first;
     }
   }
-}
-
-// What the fuzzer starts from, and what it has found.
-TEST(AtrRules, AtrsOfTheCorpus_BreakNone) {
-  int files = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(ZELTA_ATR_CORPUS)) {
-    std::ifstream file(entry.path(), std::ios::binary);
-    const Bytes atr((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    EXPECT_EQ(test::brokenAtrRule(atr), nullptr) << entry.path();
-    ++files;
-  }
-  EXPECT_GT(files, 0);
 }
 
 }  // namespace

@@ -180,8 +180,6 @@ struct EventRow {
   std::uint32_t state;
 };
 
-void PrintTo(const EventRow& row, std::ostream* out) { *out << row.name; }
-
 class EventAndRequest : public Presence, public testing::WithParamInterface<EventRow> {
  protected:
   void reportAt(Moment moment) {

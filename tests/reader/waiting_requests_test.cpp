@@ -77,11 +77,14 @@ TEST_F(WaitingRequestsTest, CancelsTheNewestAloneAndPlainly) {
 
 TEST_F(WaitingRequestsTest, RequestThatIsBeingCancelled_OnlyLeavesItsList) {
   FakeRequest request(device_);
+  FakeRequest other(device_);
   add(CardEvent::kInserted, request);
+  add(CardEvent::kInserted, other);
   request.beginCancel();
   const TracedLock lock("test", waiting_.deviceLock(), __LINE__);
   waiting_.completeAll(CardEvent::kInserted, status::kSuccess);
   EXPECT_FALSE(request.completed());
+  EXPECT_EQ(other.status(), status::kSuccess);
   EXPECT_FALSE(waiting_.any(CardEvent::kInserted));
 }
 

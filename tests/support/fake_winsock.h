@@ -1,18 +1,19 @@
-// Winsock's start and clean-up, counted, with results that a test chooses. Any thread.
+// Winsock's start and clean-up, counted, with results that a test chooses. In the system's place
+// for its lifetime. Any thread.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 
 #include "platform/process/winsock.h"
+#include "tests/support/scoped_port.h"
 
 namespace zelta::test {
 
 class FakeWinsock final : public platform::WinsockApi {
  public:
-  // What the calls give from now on; 0 is success.
+  // What a start gives from now on; 0 is success.
   std::atomic<std::int32_t> startupResult{0};
-  std::atomic<std::int32_t> cleanupResult{0};
 
   int startups() const { return startups_; }
   int cleanups() const { return cleanups_; }
@@ -26,13 +27,14 @@ class FakeWinsock final : public platform::WinsockApi {
   }
   std::int32_t cleanup() override {
     ++cleanups_;
-    return cleanupResult;
+    return 0;
   }
 
  private:
   std::atomic<int> startups_{0};
   std::atomic<int> cleanups_{0};
   std::atomic<std::uint16_t> version_{0};
+  const ScopedPort inPlace_{&platform::Ports::winsock, *this};
 };
 
 }  // namespace zelta::test

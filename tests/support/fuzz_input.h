@@ -1,4 +1,4 @@
-// What the fuzzers share with the tests that play their corpus.
+// What the fuzzers share.
 #pragma once
 
 #include <algorithm>
@@ -6,9 +6,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "contract/bytes.h"
@@ -58,20 +55,5 @@ class FuzzInput {
   const std::uint8_t* next_;
   const std::uint8_t* const end_;
 };
-
-// Plays what a fuzzer starts from and what it has found; gives the number of inputs. The last one
-// named is the one that broke a rule.
-template <typename Play>
-int playCorpus(const std::string& folder, Play play) {
-  int played = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    (void)std::fprintf(stderr, "%s\n", entry.path().string().c_str());
-    std::ifstream file(entry.path(), std::ios::binary);
-    const std::string bytes{std::istreambuf_iterator<char>(file), {}};
-    play(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
-    ++played;
-  }
-  return played;
-}
 
 }  // namespace zelta::test

@@ -11,6 +11,9 @@
 #include <string>
 #include <vector>
 
+#include "platform/registry/registry.h"
+#include "platform/registry/registry_file.h"
+
 namespace zelta::test {
 
 class OwnRegistry {
@@ -23,8 +26,12 @@ class OwnRegistry {
   // Keys as in the platform's registry. A key is made if it is missing; a value that is there is
   // replaced.
   void createKey(const std::u16string& key);
-  void setDword(const std::u16string& key, const std::u16string& name, std::uint32_t value);
-  void setText(const std::u16string& key, const std::u16string& name, const std::u16string& text);
+  void setDword(const std::u16string& key, const std::u16string& name, std::uint32_t value) {
+    setValue(key, name, platform::kRegDword, platform::registryDword(value));
+  }
+  void setText(const std::u16string& key, const std::u16string& name, const std::u16string& text) {
+    setValue(key, name, platform::kRegSz, platform::registryText(text));
+  }
   void setValue(const std::u16string& key, const std::u16string& name, std::uint32_t type,
                 const std::vector<std::uint8_t>& data);
   // With everything below it. What is not there is no error.

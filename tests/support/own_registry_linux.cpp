@@ -3,8 +3,6 @@
 #include <fstream>
 
 #include "platform/files/utf.h"
-#include "platform/registry/registry.h"
-#include "platform/registry/registry_file.h"
 #include "tests/support/own_registry.h"
 #include "tests/support/temp_folder.h"
 
@@ -46,16 +44,6 @@ OwnRegistry::OwnRegistry() : system_(std::make_unique<System>()) {}
 OwnRegistry::~OwnRegistry() = default;
 
 void OwnRegistry::createKey(const std::u16string& key) { system_->append(section("", key)); }
-
-void OwnRegistry::setDword(const std::u16string& key, const std::u16string& name,
-                           std::uint32_t value) {
-  setValue(key, name, platform::kRegDword, platform::registryDword(value));
-}
-
-void OwnRegistry::setText(const std::u16string& key, const std::u16string& name,
-                          const std::u16string& text) {
-  setValue(key, name, platform::kRegSz, platform::registryText(text));
-}
 
 void OwnRegistry::setValue(const std::u16string& key, const std::u16string& name,
                            std::uint32_t type, const std::vector<std::uint8_t>& data) {

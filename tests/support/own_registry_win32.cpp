@@ -5,9 +5,6 @@
 #include <atomic>
 #include <system_error>
 
-#include "platform/registry/registry.h"
-#include "platform/registry/registry_file.h"
-
 namespace zelta::test {
 
 namespace {
@@ -61,16 +58,6 @@ OwnRegistry::~OwnRegistry() = default;
 
 void OwnRegistry::createKey(const std::u16string& key) {
   RegCloseKey(create(system_->root, wide(key)));
-}
-
-void OwnRegistry::setDword(const std::u16string& key, const std::u16string& name,
-                           std::uint32_t value) {
-  setValue(key, name, platform::kRegDword, platform::registryDword(value));
-}
-
-void OwnRegistry::setText(const std::u16string& key, const std::u16string& name,
-                          const std::u16string& text) {
-  setValue(key, name, platform::kRegSz, platform::registryText(text));
 }
 
 void OwnRegistry::setValue(const std::u16string& key, const std::u16string& name,

@@ -5,8 +5,6 @@
 
 namespace zelta::test {
 
-using platform::MutexLock;
-
 bool operator==(const RecordedLine& a, const RecordedLine& b) {
   return std::tie(a.level, a.resultCode, a.message) == std::tie(b.level, b.resultCode, b.message);
 }
@@ -14,16 +12,6 @@ bool operator==(const RecordedLine& a, const RecordedLine& b) {
 std::ostream& operator<<(std::ostream& out, const RecordedLine& line) {
   return out << "level " << line.level << " code " << line.resultCode << " \"" << line.message
              << '"';
-}
-
-std::vector<RecordedLine> RecordingLogger::lines() {
-  const MutexLock lock(mutex_);
-  return lines_;
-}
-
-void RecordingLogger::awaitLines(std::size_t count) {
-  MutexLock lock(mutex_);
-  written_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return lines_.size() >= count; });
 }
 
 std::unique_ptr<logging::FileLogger> RecordingLogger::createChildForSession(const std::string&) {
@@ -46,12 +34,8 @@ void RecordingLogger::log(const std::string& message, std::int32_t level, std::i
 void RecordingLogger::writeLine(const std::string& message, std::uint32_t, std::int32_t level,
                                 std::int32_t resultCode, const std::string&) {
   const RecordedLine line{level, resultCode, message};
-  {
-    const MutexLock lock(mutex_);
-    lines_.push_back(line);
-  }
+  lines_.add(line);
   if (prints_) std::cerr << line << std::endl;
-  written_.notifyAll();
 }
 
 }  // namespace zelta::test

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "logging/file_logger.h"
-#include "platform/sync/sync.h"
+#include "tests/support/collected.h"
 
 namespace zelta::test {
 
@@ -26,9 +26,9 @@ class RecordingLogger final : public logging::LoggerBase {
  public:
   explicit RecordingLogger(std::uint32_t threshold = 3) : LoggerBase(threshold) {}
 
-  std::vector<RecordedLine> lines();
+  std::vector<RecordedLine> lines() const { return lines_.all(); }
   // Blocks until so many records are there.
-  void awaitLines(std::size_t count);
+  void awaitLines(std::size_t count) { lines_.await(count); }
   // Prints each record to the standard error as well, from now on.
   void printLines() { prints_ = true; }
 
@@ -43,9 +43,7 @@ class RecordingLogger final : public logging::LoggerBase {
                  std::int32_t resultCode, const std::string& sessionLogId) override;
 
  private:
-  platform::Mutex mutex_;
-  platform::ConditionVariable written_;
-  std::vector<RecordedLine> lines_ ZELTA_GUARDED_BY(mutex_);
+  Collected<RecordedLine> lines_;
   std::atomic<bool> prints_{false};
 };
 

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <future>
-#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -103,8 +102,6 @@ struct Exchange {
   int readyNotices = 0;
 };
 
-void PrintTo(const Exchange& exchange, std::ostream* out) { *out << exchange.name; }
-
 class Exchanges : public Connection, public testing::WithParamInterface<Exchange> {};
 
 TEST_P(Exchanges, CommandGetsItsAnswerInOneWrite) {
@@ -151,8 +148,6 @@ struct Refused {
   Bytes bytes;
   const char* line;
 };
-
-void PrintTo(const Refused& refused, std::ostream* out) { *out << refused.name; }
 
 class RefusedCommands : public Connection, public testing::WithParamInterface<Refused> {
  protected:

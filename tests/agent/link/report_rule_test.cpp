@@ -24,8 +24,6 @@ struct Case {
   std::vector<Step> steps;
 };
 
-void PrintTo(const Case& c, std::ostream* out) { *out << c.name; }
-
 class ReportRuleTable : public testing::TestWithParam<Case> {};
 
 TEST_P(ReportRuleTable, ReportsAsTheTableSays) {

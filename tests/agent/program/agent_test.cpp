@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <ostream>
 
 #include "tests/agent/program/agent_fixture.h"
 
@@ -82,8 +81,6 @@ struct Point {
   const char* name;
   std::function<void(DriverEnd& driver, HeldCard& card)> advance;
 };
-
-void PrintTo(const Point& point, std::ostream* out) { *out << point.name; }
 
 class EndingAt : public AgentTest, public testing::WithParamInterface<Point> {};
 

@@ -76,9 +76,7 @@ struct FarEnd {
     EXPECT_EQ(frame.number, card);
   }
   void ask(FrameKind kind, std::uint32_t number, std::uint32_t card, const Bytes& apdu = {}) {
-    Bytes payload = numberBytes(card);
-    payload.insert(payload.end(), apdu.begin(), apdu.end());
-    channel.send(kind, number, payload);
+    channel.send(kind, number, test::forCard(card, apdu));
   }
   void expectAnswer(std::uint32_t number, const Bytes& bytes) {
     const Frame frame = nextOf(channel);

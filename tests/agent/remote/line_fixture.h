@@ -39,4 +39,11 @@ inline agent::Frame nextOf(agent::FrameChannel& channel) {
   return frame.value_or(agent::Frame());
 }
 
+// The payload of a request for a card.
+inline Bytes forCard(std::uint32_t card, const Bytes& apdu = {}) {
+  Bytes payload = numberBytes(card);
+  payload.insert(payload.end(), apdu.begin(), apdu.end());
+  return payload;
+}
+
 }  // namespace zelta::test

@@ -59,11 +59,8 @@ TEST_F(Remote, Calls_AreNumberedRequestsForTheCardThatIsIn) {
     const Frame request = nextOf(near_);
     EXPECT_EQ(request.kind, kind);
     EXPECT_EQ(request.number, ++number);
-    Bytes payload = numberBytes(7);
-    if (kind == FrameKind::kTransmit) {
-      payload.insert(payload.end(), kApdu.begin(), kApdu.end());
-    }
-    EXPECT_EQ(request.payload.get(), payload);
+    const Bytes apdu = kind == FrameKind::kTransmit ? kApdu : Bytes();
+    EXPECT_EQ(request.payload.get(), test::forCard(7, apdu));
     near_.send(FrameKind::kAnswer, number, kAnswer);
     EXPECT_EQ(answer.get(), kAnswer);
   }
@@ -104,7 +101,7 @@ TEST_F(Remote, AnswerThatNobodyAskedFor_IsThrownAway) {
 TEST_F(Remote, LineThatBreaksDuringACall_EndsTheCallAfterTheRemoval) {
   startWithCard();
   auto answer = std::async(std::launch::async, [this] {
-    const Bytes bytes = card_.transmit(kApdu);
+    Bytes bytes = card_.transmit(kApdu);
     EXPECT_EQ(listener_.text().substr(0, 7), "in out ");
     return bytes;
   });

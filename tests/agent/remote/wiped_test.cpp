@@ -6,11 +6,13 @@
 #include "agent/remote/lent_card.h"
 #include "agent/remote/remote_card.h"
 #include "tests/agent/remote/line_fixture.h"
+#include "tests/doubles/agent/card_notices.h"
 #include "tests/support/freed_memory.h"
 
 namespace zelta::agent {
 namespace {
 
+using test::forCard;
 using test::FreedMemoryWatch;
 using test::kSecret;
 using test::nextOf;
@@ -20,12 +22,6 @@ Bytes verify() {
   Bytes command = {0x00, 0x20, 0x00, 0x80, kSecret.size()};
   command.insert(command.end(), kSecret.begin(), kSecret.end());
   return command;
-}
-
-Bytes forCard(std::uint32_t card, const Bytes& command) {
-  Bytes payload = numberBytes(card);
-  payload.insert(payload.end(), command.begin(), command.end());
-  return payload;
 }
 
 // The test's own copies are not looked at: it is the other end of the line.
@@ -97,25 +93,15 @@ TEST_F(WipedLentCard, CommandThatIsRefused) {
   EXPECT_GT(watch.freed(), 0);
 }
 
-// Passes a card's events over.
-class NoListener final : public CardListener {
- public:
-  void cardInserted() override { inserted.set_value(); }
-  void cardRemoved() override {}
-  void cardFailed(const char*) override {}
-
-  std::promise<void> inserted;
-};
-
 TEST_F(WipedLine, CommandAndAnswersOfARemoteCard) {
-  NoListener listener;
+  test::CardNotices listener;
   RemoteCard card(
       std::move(ends_.near), test::patientTimes(), [] {}, log_);
   auto greeted = std::async(std::launch::async, [this] { return channel_.greet(); });
   card.start(listener);
   ASSERT_TRUE(greeted.get());
   channel_.send(FrameKind::kCardIn, 1);
-  listener.inserted.get_future().wait();
+  listener.waitFor("in ");
 
   const platform::SecretBytes command(verify());
   const FreedMemoryWatch watch(Threads::kOthers);

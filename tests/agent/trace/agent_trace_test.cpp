@@ -6,6 +6,7 @@
 
 #include "agent/trace/trace_hub.h"
 #include "tests/agent/program/agent_fixture.h"
+#include "tests/support/collected.h"
 
 namespace zelta::agent {
 namespace {
@@ -16,17 +17,11 @@ using Kind = TraceRecord::Kind;
 class Notes final : public TraceSink {
  public:
   bool wanted() const override { return true; }
-  void take(const TraceRecord& record) override {
-    const platform::MutexLock lock(mutex_);
-    records_.push_back(record);
-    changed_.notifyAll();
-  }
+  void take(const TraceRecord& record) override { records_.add(record); }
   // "kind command>response" of each; waits until there are so many.
   std::string text(std::size_t count) {
-    platform::MutexLock lock(mutex_);
-    changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return records_.size() >= count; });
     std::string text;
-    for (const TraceRecord& record : records_) {
+    for (const TraceRecord& record : records_.await(count)) {
       text += kindName(record.kind);
       const std::string bytes = toHex(record.command) + ">" + toHex(record.response);
       text += (bytes == ">" ? "" : " " + bytes) + "\n";
@@ -35,9 +30,7 @@ class Notes final : public TraceSink {
   }
 
  private:
-  platform::Mutex mutex_;
-  platform::ConditionVariable changed_;
-  std::vector<TraceRecord> records_ ZELTA_GUARDED_BY(mutex_);
+  test::Collected<TraceRecord> records_;
 };
 
 class AgentTrace : public test::AgentTest {

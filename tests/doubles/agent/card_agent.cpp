@@ -60,21 +60,9 @@ bool CardAgent::isCardIn() {
   return !atr_.empty();
 }
 
-bool CardAgent::insert(Bytes atr) {
-  setAtr(std::move(atr));
-  return sendEvent(AgentEvent::kCardInserted);
-}
-
 bool CardAgent::remove() {
   setAtr({});
   return sendEvent(AgentEvent::kCardRemoved);
-}
-
-void CardAgent::swap(Bytes atr) {
-  // The new card is there first: the driver may ask as soon as it knows of the removal.
-  setAtr(std::move(atr));
-  sendEvent(AgentEvent::kCardRemoved);
-  sendEvent(AgentEvent::kCardInserted);
 }
 
 void CardAgent::setAtr(Bytes atr) {
@@ -85,18 +73,6 @@ void CardAgent::setAtr(Bytes atr) {
 void CardAgent::respond(Respond respond) {
   const MutexLock lock(mutex_);
   respond_ = std::move(respond);
-}
-
-void CardAgent::failResets(int count, int skip) {
-  const MutexLock lock(mutex_);
-  resetsToFail_ = count;
-  resetsToSkip_ = skip;
-}
-
-void CardAgent::ignore(AgentCommand code, int count) {
-  const MutexLock lock(mutex_);
-  ignored_ = code;
-  toIgnore_ = count;
 }
 
 bool CardAgent::sendSessionLogId(const std::string& id) {
@@ -150,12 +126,11 @@ std::optional<Bytes> CardAgent::answer(const Command& command) {
   Respond respond;
   {
     const MutexLock lock(mutex_);
-    if (isIgnored(command.code)) return std::nullopt;
     switch (command.code) {
       case AgentCommand::kQueryAtrReset:
         ++resetsAsked_;
         came_.notifyAll();
-        return resetFails() ? Bytes() : atr_;
+        return atr_;
       case AgentCommand::kQueryAtr:
         return atr_;
       case AgentCommand::kNotifyCardReady:
@@ -167,22 +142,6 @@ std::optional<Bytes> CardAgent::answer(const Command& command) {
     respond = respond_;
   }
   return respond ? respond(command.apdu) : responseTo(command.apdu);
-}
-
-bool CardAgent::isIgnored(AgentCommand code) {
-  if (code != ignored_ || toIgnore_ == 0) return false;
-  --toIgnore_;
-  return true;
-}
-
-bool CardAgent::resetFails() {
-  if (resetsToFail_ == 0) return false;
-  if (resetsToSkip_ > 0) {
-    --resetsToSkip_;
-    return false;
-  }
-  --resetsToFail_;
-  return true;
 }
 
 }  // namespace zelta::test

@@ -58,23 +58,14 @@ class CardAgent {
   bool connectSilently();
   // The driver sees it gone; returns when its thread has ended.
   void die();
-  // Waits until the driver has dropped the agent.
-  bool waitForDrop() { return events_.waitForDrop(); }
 
   // Move the card without a report.
   void setCardIn(Bytes atr = usualAtr()) { setAtr(std::move(atr)); }
   void setCardOut() { setAtr({}); }
   bool isCardIn();
-  // Move the card and report it.
-  bool insert(Bytes atr = usualAtr());
+  // Takes the card out and reports it.
   bool remove();
-  // One card for another, both reports in a row.
-  void swap(Bytes atr = usualAtr());
   void respond(Respond respond);
-  // The next `count` reset queries, after `skip` good ones, are answered with length 0.
-  void failResets(int count, int skip = 0);
-  // The next `count` commands of this code are left without any answer.
-  void ignore(AgentCommand code, int count);
 
   bool sendEvent(AgentEvent event) { return sendEvent(static_cast<std::uint32_t>(event)); }
   bool sendEvent(std::uint32_t code) { return events_.writeNumber(code); }
@@ -94,8 +85,6 @@ class CardAgent {
   bool writePayload(const Bytes& bytes);
   // The card's own answer.
   std::optional<Bytes> answer(const Command& command) ZELTA_EXCLUDES(mutex_);
-  bool resetFails() ZELTA_REQUIRES(mutex_);
-  bool isIgnored(AgentCommand code) ZELTA_REQUIRES(mutex_);
   void setAtr(Bytes atr) ZELTA_EXCLUDES(mutex_);
 
   const std::uint32_t readerIndex_;
@@ -108,10 +97,6 @@ class CardAgent {
   int resetsAsked_ ZELTA_GUARDED_BY(mutex_) = 0;  // of the card
   Bytes atr_ ZELTA_GUARDED_BY(mutex_);            // empty: no card is in
   Respond respond_ ZELTA_GUARDED_BY(mutex_);
-  int resetsToSkip_ ZELTA_GUARDED_BY(mutex_) = 0;
-  int resetsToFail_ ZELTA_GUARDED_BY(mutex_) = 0;
-  AgentCommand ignored_ ZELTA_GUARDED_BY(mutex_) = AgentCommand::kQueryTransmit;
-  int toIgnore_ ZELTA_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace zelta::test

@@ -9,9 +9,9 @@
 #include <functional>
 #include <vector>
 
-#include "platform/process/ports.h"
 #include "platform/sync/clock.h"
 #include "platform/sync/sync.h"
+#include "tests/support/scoped_port.h"
 
 namespace zelta::test {
 
@@ -50,20 +50,9 @@ class SimulatedClock final : public platform::WallClock {
   std::size_t begun_ ZELTA_GUARDED_BY(mutex_) = 0;
 };
 
-// Puts a clock in place of the system's for a scope in which no other thread uses the ports.
-class ScopedClock {
- public:
-  explicit ScopedClock(platform::WallClock& clock) : before_(platform::ports()) {
-    platform::Ports with = before_;
-    with.clock = &clock;
-    platform::replacePorts(with);
-  }
-  ~ScopedClock() { platform::replacePorts(before_); }
-  ScopedClock(const ScopedClock&) = delete;
-  ScopedClock& operator=(const ScopedClock&) = delete;
-
- private:
-  platform::Ports before_;
+// Puts a clock in place of the system's for a scope.
+struct ScopedClock : ScopedPort {
+  explicit ScopedClock(platform::WallClock& clock) : ScopedPort(&platform::Ports::clock, clock) {}
 };
 
 }  // namespace zelta::test

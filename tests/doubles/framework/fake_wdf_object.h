@@ -8,10 +8,9 @@
 
 #include <atomic>
 #include <string>
-#include <vector>
 
 #include "framework/wdf.h"
-#include "platform/sync/sync.h"
+#include "tests/support/collected.h"
 
 // An operation that the driver has no reason to call.
 #define ZELTA_UNEXPECTED(Result, operation, ...)                          \
@@ -22,21 +21,7 @@
 namespace zelta::test {
 
 // What was done against the rules.
-class Violations {
- public:
-  void add(const std::string& text) {
-    const platform::MutexLock lock(mutex_);
-    texts_.push_back(text);
-  }
-  std::vector<std::string> all() const {
-    const platform::MutexLock lock(mutex_);
-    return texts_;
-  }
-
- private:
-  mutable platform::Mutex mutex_;
-  std::vector<std::string> texts_ ZELTA_GUARDED_BY(mutex_);
-};
+using Violations = Collected<std::string>;
 
 template <typename Result>
 Result unexpected(Violations& violations, const char* operation) {

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "platform/pipe/pipe.h"
-#include "platform/process/ports.h"
+#include "tests/support/scoped_port.h"
 
 namespace zelta::test {
 
@@ -39,19 +39,8 @@ class ForwardingPipes : public platform::PipeApi {
 };
 
 // Puts other pipes in the system's place for a scope.
-class ScopedPipes {
- public:
-  explicit ScopedPipes(platform::PipeApi& pipes) : before_(platform::ports()) {
-    platform::Ports ports = before_;
-    ports.pipes = &pipes;
-    platform::replacePorts(ports);
-  }
-  ~ScopedPipes() { platform::replacePorts(before_); }
-  ScopedPipes(const ScopedPipes&) = delete;
-  ScopedPipes& operator=(const ScopedPipes&) = delete;
-
- private:
-  const platform::Ports before_;
+struct ScopedPipes : ScopedPort {
+  explicit ScopedPipes(platform::PipeApi& pipes) : ScopedPort(&platform::Ports::pipes, pipes) {}
 };
 
 }  // namespace zelta::test

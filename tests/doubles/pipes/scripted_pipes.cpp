@@ -48,27 +48,10 @@ std::vector<PipeCall> ScriptedPipes::calls(PipeCallKind kind) const {
   return found;
 }
 
-bool ScriptedPipes::waitForCalls(PipeCallKind kind, std::size_t count) {
-  MutexLock lock(mutex_);
-  return changed_.waitFor(lock, kLimit, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    const auto entered = std::count_if(calls_.begin(), calls_.end(),
-                                       [&](const PipeCall& call) { return call.kind == kind; });
-    return static_cast<std::size_t>(entered) >= count;
-  });
-}
-
 bool ScriptedPipes::waitUntilBlocked(const std::string& name) {
   MutexLock lock(mutex_);
   return changed_.waitFor(
       lock, kLimit, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return !pipes_[name].waits.empty(); });
-}
-
-PipeHandleValue ScriptedPipes::handle(const std::string& name) const {
-  MutexLock lock(mutex_);
-  for (const auto& known : handles_) {
-    if (known.second == name) return known.first;
-  }
-  return platform::noPipe();
 }
 
 bool ScriptedPipes::convertSecurityDescriptor(const std::string& sddl,
@@ -162,13 +145,11 @@ bool ScriptedPipes::run(PipeCall call, Body body) {
     if (found == handles_.end()) error = error::kInvalidHandle;
     if (found != handles_.end()) call.text = found->second;
   }
-  call.error = PipeCall::kRunning;
   const std::size_t number = calls_.size();
   calls_.push_back(std::move(call));
   if (const std::uint32_t scripted = scriptedError(calls_.back())) error = scripted;
   changed_.notifyAll();
   if (error == error::kSuccess) error = body(lock, calls_[number]);
-  calls_[number].error = error;
   if (error != error::kSuccess) platform::setLastError(error);
   changed_.notifyAll();
   return error == error::kSuccess;

@@ -41,11 +41,6 @@ struct PipeCall {
   platform::PipeArguments arguments;  // Create
   std::uint32_t size;                 // Read, Write: bytes asked for
   std::vector<std::uint8_t> data;     // Write
-  // What the call ended with. A call is recorded when it is entered; until it returns this is
-  // `kRunning`.
-  std::uint32_t error = 0;
-
-  static constexpr std::uint32_t kRunning = 997;
 };
 
 class ScriptedPipes final : public platform::PipeApi {
@@ -68,12 +63,8 @@ class ScriptedPipes final : public platform::PipeApi {
 
   std::vector<PipeCall> calls() const;
   std::vector<PipeCall> calls(PipeCallKind kind) const;
-  // Waits until that many calls of the kind have been entered.
-  bool waitForCalls(PipeCallKind kind, std::size_t count);
   // Waits until a read or connect is blocked on the pipe.
   bool waitUntilBlocked(const std::string& name);
-  // Null if the name has not been created.
-  platform::PipeHandleValue handle(const std::string& name) const;
   // What every conversion gives.
   platform::SecurityDescriptor descriptor() { return &descriptor_; }
 

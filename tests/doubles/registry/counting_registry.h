@@ -6,22 +6,13 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/process/ports.h"
 #include "platform/sync/sync.h"
+#include "tests/support/scoped_port.h"
 
 namespace zelta::test {
 
 class CountingRegistry final : public platform::RegistryApi {
  public:
-  CountingRegistry() : before_(platform::ports()), real_(*before_.registry) {
-    platform::Ports with = before_;
-    with.registry = this;
-    platform::replacePorts(with);
-  }
-  ~CountingRegistry() override { platform::replacePorts(before_); }
-  CountingRegistry(const CountingRegistry&) = delete;
-  CountingRegistry& operator=(const CountingRegistry&) = delete;
-
   // Waits until so many more numbers have begun to be read.
   void awaitLooks(std::size_t more) {
     platform::MutexLock lock(mutex_);
@@ -62,12 +53,12 @@ class CountingRegistry final : public platform::RegistryApi {
     counted_.notifyAll();
   }
 
-  const platform::Ports before_;
-  platform::RegistryApi& real_;
+  platform::RegistryApi& real_ = *platform::ports().registry;
   platform::Mutex mutex_;
   platform::ConditionVariable counted_;
   std::size_t looks_ = 0;  // under the mutex, as the next
   std::size_t notifications_ = 0;
+  const ScopedPort inPlace_{&platform::Ports::registry, *this};
 };
 
 }  // namespace zelta::test

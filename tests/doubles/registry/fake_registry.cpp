@@ -54,24 +54,6 @@ void FakeRegistry::deleteKey(const std::u16string& key) {
   signalChanges(before);
 }
 
-void FakeRegistry::fail(Call call, std::uint32_t code, std::size_t times) {
-  MutexLock lock(mutex_);
-  CallState& state = stateOf(call);
-  state.code = code;
-  state.failures = code == error::kSuccess ? 0 : times;
-}
-
-std::size_t FakeRegistry::calls(Call call) {
-  MutexLock lock(mutex_);
-  return stateOf(call).count;
-}
-
-void FakeRegistry::waitForCalls(Call call, std::size_t count) {
-  MutexLock lock(mutex_);
-  called_.wait(lock,
-               [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return stateOf(call).count >= count; });
-}
-
 std::size_t FakeRegistry::openKeys() {
   MutexLock lock(mutex_);
   return keys_.size();
@@ -80,7 +62,7 @@ std::size_t FakeRegistry::openKeys() {
 std::uint32_t FakeRegistry::getDword(const std::u16string& key, const std::u16string& value,
                                      std::uint32_t* out) {
   MutexLock lock(mutex_);
-  if (const std::uint32_t code = enter(Call::kGetDword)) return code;
+  if (const std::uint32_t code = count(Call::kGetDword)) return code;
   const RegistryValue* found = content_.find(key, value);
   if (found == nullptr) return error::kFileNotFound;
   if (found->type != platform::kRegDword) return error::kUnsupportedType;
@@ -93,7 +75,7 @@ std::uint32_t FakeRegistry::getDword(const std::u16string& key, const std::u16st
 std::uint32_t FakeRegistry::openKey(const std::u16string& key, platform::RegistryKey* out) {
   MutexLock lock(mutex_);
   *out = nullptr;
-  if (const std::uint32_t code = enter(Call::kOpenKey)) return code;
+  if (const std::uint32_t code = count(Call::kOpenKey)) return code;
   if (!content_.hasKey(key)) return error::kFileNotFound;
   keys_[++lastKey_].path = key;
   *out = reinterpret_cast<platform::RegistryKey>(lastKey_);
@@ -103,7 +85,7 @@ std::uint32_t FakeRegistry::openKey(const std::u16string& key, platform::Registr
 std::uint32_t FakeRegistry::queryValue(platform::RegistryKey key, const std::u16string& value,
                                        std::uint32_t* type, void* data, std::uint32_t* size) {
   MutexLock lock(mutex_);
-  if (const std::uint32_t code = enter(Call::kQueryValue)) return code;
+  if (const std::uint32_t code = count(Call::kQueryValue)) return code;
   const OpenKey* open = find(key);
   if (open == nullptr) return error::kInvalidHandle;
   const RegistryValue* found = content_.find(open->path, value);
@@ -120,7 +102,7 @@ std::uint32_t FakeRegistry::queryValue(platform::RegistryKey key, const std::u16
 
 std::uint32_t FakeRegistry::notifyChange(platform::RegistryKey key, platform::EventHandle event) {
   MutexLock lock(mutex_);
-  if (const std::uint32_t code = enter(Call::kNotifyChange)) return code;
+  if (const std::uint32_t code = count(Call::kNotifyChange)) return code;
   OpenKey* open = find(key);
   if (open == nullptr || event == nullptr) return error::kInvalidHandle;
   open->pending = event;
@@ -130,21 +112,8 @@ std::uint32_t FakeRegistry::notifyChange(platform::RegistryKey key, platform::Ev
 
 void FakeRegistry::closeKey(platform::RegistryKey key) {
   MutexLock lock(mutex_);
-  enter(Call::kCloseKey);
+  count(Call::kCloseKey);
   keys_.erase(reinterpret_cast<std::uintptr_t>(key));
-}
-
-FakeRegistry::CallState& FakeRegistry::stateOf(Call call) {
-  return calls_[static_cast<std::size_t>(call)];
-}
-
-std::uint32_t FakeRegistry::enter(Call call) {
-  CallState& state = stateOf(call);
-  ++state.count;
-  called_.notifyAll();
-  if (state.failures == 0) return error::kSuccess;
-  if (state.failures != kForever) --state.failures;
-  return state.code;
 }
 
 FakeRegistry::OpenKey* FakeRegistry::find(platform::RegistryKey key) {

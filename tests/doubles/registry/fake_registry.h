@@ -2,7 +2,6 @@
 // calls fail on command. Any thread may call anything.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -12,15 +11,16 @@
 #include "platform/registry/registry.h"
 #include "platform/registry/registry_file.h"
 #include "platform/sync/event.h"
-#include "platform/sync/sync.h"
+#include "tests/support/failing_calls.h"
 
 namespace zelta::test {
 
-class FakeRegistry final : public platform::RegistryApi {
- public:
-  enum class Call { kGetDword, kOpenKey, kQueryValue, kNotifyChange, kCloseKey };
+enum class RegistryCall { kGetDword, kOpenKey, kQueryValue, kNotifyChange, kCloseKey };
 
-  static constexpr std::size_t kForever = static_cast<std::size_t>(-1);
+// A failing call gives its code and does nothing else.
+class FakeRegistry final : public platform::RegistryApi, public FailingCalls<RegistryCall, 5> {
+ public:
+  using Call = RegistryCall;
 
   // `events` (non-owning) signals the watches.
   explicit FakeRegistry(platform::EventApi& events = platform::systemEvents());
@@ -34,14 +34,6 @@ class FakeRegistry final : public platform::RegistryApi {
                 std::vector<std::uint8_t> data);
   void deleteValue(const std::u16string& key, const std::u16string& name);
   void deleteKey(const std::u16string& key);
-
-  // The next `times` calls of the kind give `code` and do nothing else; code 0 ends that.
-  void fail(Call call, std::uint32_t code, std::size_t times = kForever);
-
-  // Calls made so far, failed ones included.
-  std::size_t calls(Call call);
-  // Blocks until so many calls of the kind have been made (and are done).
-  void waitForCalls(Call call, std::size_t count);
 
   std::size_t openKeys();
 
@@ -59,26 +51,14 @@ class FakeRegistry final : public platform::RegistryApi {
     bool changed = false;  // since the last notification
     platform::EventHandle pending = nullptr;
   };
-  struct CallState {
-    std::size_t count = 0;
-    std::size_t failures = 0;  // still to come
-    std::uint32_t code = 0;
-  };
-  static constexpr std::size_t kCalls = 5;
 
-  CallState& stateOf(Call call) ZELTA_REQUIRES(mutex_);
-  // Counts the call; non-zero if it is to fail.
-  std::uint32_t enter(Call call) ZELTA_REQUIRES(mutex_);
   OpenKey* find(platform::RegistryKey key) ZELTA_REQUIRES(mutex_);
   // Tells the keys below which something is now other than in `before`.
   void signalChanges(const platform::RegistryContent& before) ZELTA_REQUIRES(mutex_);
   static void signal(platform::EventApi& events, OpenKey* key);
 
   platform::EventApi& events_;
-  platform::Mutex mutex_;
-  platform::ConditionVariable called_;
   platform::RegistryContent content_ ZELTA_GUARDED_BY(mutex_);
-  std::array<CallState, kCalls> calls_ ZELTA_GUARDED_BY(mutex_);
   std::uintptr_t lastKey_ ZELTA_GUARDED_BY(mutex_) = 0;
   std::map<std::uintptr_t, OpenKey> keys_ ZELTA_GUARDED_BY(mutex_);
 };

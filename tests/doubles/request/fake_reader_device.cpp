@@ -19,13 +19,7 @@ platform::CriticalSection& FakeReaderDevice::deviceLock() {
 
 void FakeReaderDevice::noteCompletion(const IoRequest& request) {
   if (onCompletion) onCompletion();
-  const platform::MutexLock lock(mutex_);
-  completed_.push_back(&request);
-}
-
-std::vector<const IoRequest*> FakeReaderDevice::completed() {
-  const platform::MutexLock lock(mutex_);
-  return completed_;
+  completed_.add(&request);
 }
 
 framework::HRESULT FakeReaderDevice::queryInterface(framework::REFIID iid, void** out) {

@@ -12,6 +12,7 @@
 #include "driver/request/io_request.h"
 #include "driver/request/reader_device.h"
 #include "platform/sync/sync.h"
+#include "tests/support/collected.h"
 
 namespace zelta::test {
 
@@ -36,7 +37,7 @@ class FakeReaderDevice final : public ReaderDevice {
 
   // Requests in the order of their completion.
   void noteCompletion(const IoRequest& request);
-  std::vector<const IoRequest*> completed();
+  std::vector<const IoRequest*> completed() const { return completed_.all(); }
 
   // What the cancel callback does, with the device lock held. Empty: nothing.
   std::function<void(IoRequest&)> onCancel;
@@ -59,8 +60,7 @@ class FakeReaderDevice final : public ReaderDevice {
   platform::CriticalSection lock_;
   std::atomic<framework::HRESULT> queryResult_{0};
   std::atomic<bool> failsLock_{false};
-  platform::Mutex mutex_;
-  std::vector<const IoRequest*> completed_ ZELTA_GUARDED_BY(mutex_);
+  Collected<const IoRequest*> completed_;
   Callback callback_;
 };
 

@@ -12,7 +12,6 @@
 #include "contract/status.h"
 #include "diagnostics/traced_lock.h"
 #include "driver/device/my_device.h"
-#include "platform/process/ports.h"
 #include "reader/reader.h"
 #include "tests/doubles/framework/fake_framework.h"
 #include "tests/support/fake_winsock.h"
@@ -66,15 +65,7 @@ class PlayedReader final : public Reader {
 
 class AnyRequests {
  public:
-  AnyRequests(const std::uint8_t* data, std::size_t size)
-      : input_(data, size), systemPorts_(platform::ports()) {
-    platform::Ports ports = systemPorts_;
-    ports.winsock = &winsock_;
-    platform::replacePorts(ports);
-  }
-  ~AnyRequests() { platform::replacePorts(systemPorts_); }
-  AnyRequests(const AnyRequests&) = delete;
-  AnyRequests& operator=(const AnyRequests&) = delete;
+  AnyRequests(const std::uint8_t* data, std::size_t size) : input_(data, size) {}
 
   void play() {
     bringUp();
@@ -240,7 +231,6 @@ class AnyRequests {
   }
 
   FuzzInput input_;
-  const platform::Ports systemPorts_;
   const LogCapture log_;
   FakeWinsock winsock_;
   PlayedCard card_;

@@ -11,7 +11,6 @@
 #include "contract/bytes.h"
 #include "contract/status.h"
 #include "driver/device/my_device.h"
-#include "platform/process/ports.h"
 #include "tests/doubles/framework/fake_framework.h"
 #include "tests/driver/device/recording_reader.h"
 #include "tests/support/fake_winsock.h"
@@ -26,17 +25,10 @@ constexpr std::uint32_t logCode(Status status) { return static_cast<std::uint32_
 
 class DeviceFixture : public testing::Test {
  protected:
-  DeviceFixture() : systemPorts_(platform::ports()) {
-    platform::Ports ports = systemPorts_;
-    ports.winsock = &winsock_;
-    platform::replacePorts(ports);
-  }
-
   ~DeviceFixture() override {
     takeDown();
     framework_.driver.giveUp();
     EXPECT_THAT(framework_.complaints(), testing::IsEmpty());
-    platform::replacePorts(systemPorts_);
   }
 
   // The readers that the device makes; a test may change it first.
@@ -99,9 +91,6 @@ class DeviceFixture : public testing::Test {
   FakeFramework framework_;
   CMyDevice* device_ = nullptr;        // the framework's
   RecordingReader* reader_ = nullptr;  // the device's
-
- private:
-  const platform::Ports systemPorts_;
 };
 
 }  // namespace zelta::test

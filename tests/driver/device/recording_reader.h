@@ -5,28 +5,21 @@
 #include <array>
 #include <atomic>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "contract/bytes.h"
 #include "reader/reader.h"
+#include "tests/support/collected.h"
 
 namespace zelta::test {
 
 // What happened to the readers of a device, in order; and what their cards answer.
 struct ReaderStory {
-  void note(const std::string& event) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    events.push_back(event);
-  }
-  std::vector<std::string> taken() {
-    const std::lock_guard<std::mutex> lock(mutex);
-    return std::exchange(events, {});
-  }
+  void note(const std::string& event) { events.add(event); }
+  std::vector<std::string> taken() { return events.take(); }
 
-  std::mutex mutex;
-  std::vector<std::string> events;
+  Collected<std::string> events;
   std::atomic<QueryResult> checkResult{QueryResult::kFailure};
   std::function<void()> onCheck;
   std::function<void()> onEndExchanges;

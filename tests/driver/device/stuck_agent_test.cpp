@@ -8,6 +8,7 @@
 #include "contract/reader_states.h"
 #include "contract/wire.h"
 #include "platform/process/error.h"
+#include "tests/doubles/pipes/forwarding_pipes.h"
 #include "tests/doubles/pipes/serialising_pipes.h"
 #include "tests/driver/device/device_fixture.h"
 #include "tests/support/numbers.h"
@@ -27,9 +28,6 @@ class StuckAgent : public test::DeviceFixture {
  protected:
   // No query is ended by its own time.
   StuckAgent() {
-    platform::Ports ports = platform::ports();
-    ports.pipes = &pipes_;
-    platform::replacePorts(ports);
     factory_ = [](std::uint32_t index, ReaderDevice* device) -> std::unique_ptr<Reader> {
       AgentLinkTimes times;
       times.query = 10min;
@@ -84,6 +82,7 @@ class StuckAgent : public test::DeviceFixture {
   bool waitUntilStuck() { return pipes_.waitUntilQueued(commandPipeName(0)); }
 
   SerialisingPipes pipes_;
+  const test::ScopedPipes inPlace_{pipes_};
   SerialisingPipes::Client event_ = SerialisingPipes::kNoClient;
   SerialisingPipes::Client command_ = SerialisingPipes::kNoClient;
 };

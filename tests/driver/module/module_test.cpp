@@ -8,7 +8,6 @@
 #include "contract/status.h"
 #include "diagnostics/log_output.h"
 #include "driver/request/module_reference.h"
-#include "platform/process/ports.h"
 #include "tests/doubles/framework/fake_framework.h"
 #include "tests/support/fake_winsock.h"
 #include "tests/support/log_capture.h"
@@ -205,11 +204,7 @@ TEST_F(Module, DeviceThatCannotBeCreated_IsAddedWithTheResultOfItsCreation) {
 }
 
 TEST_F(Module, DeviceAndQueue_KeepTheModuleLoaded) {
-  test::FakeWinsock winsock;
-  const platform::Ports system = platform::ports();
-  platform::Ports ports = system;
-  ports.winsock = &winsock;
-  platform::replacePorts(ports);
+  const test::FakeWinsock winsock;
   test::FakeFramework framework(driver());
   ASSERT_EQ(framework.addDevice(), framework::kOk);
   ASSERT_EQ(framework.prepareHardware(), framework::kOk);
@@ -221,7 +216,6 @@ TEST_F(Module, DeviceAndQueue_KeepTheModuleLoaded) {
   queue.reset();  // and with it the device
   EXPECT_EQ(canUnload(), framework::kOk);
   EXPECT_THAT(framework.complaints(), testing::IsEmpty());
-  platform::replacePorts(system);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <type_traits>
 
 #include "contract/status.h"
 #include "tests/doubles/request/fake_request.h"
@@ -80,29 +81,14 @@ struct Answer {
   Bytes output;  // untouched bytes are 0xCC
 };
 
-Answer bufferAnswer(const char* name, const Bytes& bytes, std::size_t capacity, Bytes output) {
-  const std::size_t size = bytes.size();
+// `set` with a value of so many bytes.
+template <typename Value>
+Answer answer(const char* name, void (*set)(ReaderDevice&, IoRequest&, Value),
+              const std::decay_t<Value>& value, std::size_t size, std::size_t capacity,
+              Bytes output) {
   return {name,
-          [bytes](ReaderDevice& device, IoRequest& request) {
-            MemoryUtil::setBuffer(device, request, bytes);
-          },
+          [set, value](ReaderDevice& device, IoRequest& request) { set(device, request, value); },
           capacity, size, std::move(output)};
-}
-
-Answer intAnswer(const char* name, std::uint32_t value, std::size_t capacity, Bytes output) {
-  return {name,
-          [value](ReaderDevice& device, IoRequest& request) {
-            MemoryUtil::setInt(device, request, value);
-          },
-          capacity, 4, std::move(output)};
-}
-
-Answer stringAnswer(const char* name, const std::string& text, std::size_t capacity, Bytes output) {
-  return {name,
-          [text](ReaderDevice& device, IoRequest& request) {
-            MemoryUtil::setString(device, request, text);
-          },
-          capacity, text.size() + 1, std::move(output)};
 }
 
 class MemoryUtilAnswer : public MemoryUtilTest, public testing::WithParamInterface<Answer> {};
@@ -126,12 +112,13 @@ TEST_P(MemoryUtilAnswer, MissingOutput_IsLoggedAndAGeneralFailureWithoutACount) 
 
 INSTANTIATE_TEST_SUITE_P(
     Answers, MemoryUtilAnswer,
-    testing::Values(bufferAnswer("Buffer", {1, 2, 3}, 5, {1, 2, 3, 0xCC, 0xCC}),
-                    bufferAnswer("EmptyBuffer", {}, 2, {0xCC, 0xCC}),
-                    intAnswer("Integer", 0x80000001, 4, {0x01, 0x00, 0x00, 0x80}),
-                    intAnswer("IntegerThatDoesNotFit", 7, 2, {0xCC, 0xCC}),
-                    stringAnswer("Text", "abc", 4, {'a', 'b', 'c', 0}),
-                    stringAnswer("EmptyText", "", 2, {0, 0xCC})),
+    testing::Values(answer("Buffer", MemoryUtil::setBuffer, {1, 2, 3}, 3, 5, {1, 2, 3, 0xCC, 0xCC}),
+                    answer("EmptyBuffer", MemoryUtil::setBuffer, {}, 0, 2, {0xCC, 0xCC}),
+                    answer("Integer", MemoryUtil::setInt, 0x80000001, 4, 4,
+                           {0x01, 0x00, 0x00, 0x80}),
+                    answer("IntegerThatDoesNotFit", MemoryUtil::setInt, 7, 4, 2, {0xCC, 0xCC}),
+                    answer("Text", MemoryUtil::setString, "abc", 4, 4, {'a', 'b', 'c', 0}),
+                    answer("EmptyText", MemoryUtil::setString, "", 1, 2, {0, 0xCC})),
     [](const auto& tested) { return std::string(tested.param.name); });
 
 }  // namespace
