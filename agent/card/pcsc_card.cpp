@@ -4,6 +4,7 @@
 #include <array>
 #include <chrono>
 #include <stdexcept>
+#include <utility>
 
 #include "agent/program/failure.h"
 #include "contract/bytes.h"
@@ -190,7 +191,7 @@ Bytes PcscCard::transmit(const Bytes& command) {
   if (response.result != SCARD_S_SUCCESS) {
     noteFailure(response.result, "Sending a command to the card");
   }
-  return response.bytes;
+  return std::move(response.bytes);  // a copy would leave the bytes behind
 }
 
 void PcscCard::setPresent(bool present) {
