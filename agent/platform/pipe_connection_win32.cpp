@@ -154,12 +154,10 @@ IoResult NamedPipeConnection::answer(const Bytes& bytes, SteadyClock::time_point
   OVERLAPPED operation{};
   operation.hEvent = written_.get();
   ResetEvent(written_.get());
-  if (!WriteFile(pipe_.get(), answer_.data(), static_cast<DWORD>(answer_.size()), nullptr,
-                 &operation) &&
-      GetLastError() != ERROR_IO_PENDING) {
-    return IoResult::kClosed;
-  }
-  const IoResult result = finishAnswer(&operation, deadline);
+  const bool begun = WriteFile(pipe_.get(), answer_.data(), static_cast<DWORD>(answer_.size()),
+                               nullptr, &operation) ||
+                     GetLastError() == ERROR_IO_PENDING;
+  const IoResult result = begun ? finishAnswer(&operation, deadline) : IoResult::kClosed;
   platform::wipe(answer_.data(), answer_.size());
   return result;
 }
