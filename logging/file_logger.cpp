@@ -66,9 +66,9 @@ std::string FileLogger::newFilePath() const {
   std::int64_t time = platform::ports().clock->now();
   for (;;) {
     std::string path = logFilePath(basePath_, time);
-    if (platform::makeNewFile(platform::nativePath(path)) != platform::NewFile::kExists) {
-      return path;
-    }
+    const platform::NewFile made =
+        platform::makeNewFile(platform::nativePath(path), platform::Readers::kOwnerAndGroup);
+    if (made != platform::NewFile::kExists) return path;
     time += kClockUnitsPerMillisecond;
   }
 }

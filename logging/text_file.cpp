@@ -113,8 +113,10 @@ bool TextFile::makeWritable() {
 
 bool TextFile::open() {
   const std::filesystem::path path = platform::nativePath(path_);
-  // With a log file's access rights, which a stream would not give it.
-  if (platform::makeNewFile(path) == platform::NewFile::kFailed) return false;
+  // With a log file's access rights, which a stream would not give it: at the debug level there may
+  // be a PIN in it.
+  const platform::NewFile found = platform::makeNewFile(path, platform::Readers::kOwnerAndGroup);
+  if (found == platform::NewFile::kFailed) return false;
   if (!made_) {
     made_ = std::ofstream(path, std::ios::out | std::ios::trunc).is_open();
     if (!made_) return false;

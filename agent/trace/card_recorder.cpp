@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "agent/version.h"
+#include "platform/files/file.h"
 
 namespace zelta::agent {
 
@@ -31,6 +32,19 @@ std::string responseOf(const TraceRecord& record) {
   std::string text = toMaskedHex(record.response, record.hidden.response);
   std::replace(text.begin(), text.end(), '*', '0');
   return text;
+}
+
+// A card's certificates and files are its owner's: nobody else may have the file open.
+bool writeNewFile(const std::string& path, const std::string& text) {
+  std::error_code ignored;
+  fs::remove(path, ignored);
+  if (platform::makeNewFile(path, platform::Readers::kOwner) != platform::NewFile::kMade) {
+    return false;
+  }
+  std::ofstream output(path, std::ios::binary | std::ios::in | std::ios::out);  // makes no other
+  output << text;
+  output.close();
+  return output.good();
 }
 
 }  // namespace
@@ -101,14 +115,10 @@ void CardRecorder::write() {
 
 std::string CardRecorder::tryWrite() const {
   const std::string unready = file_ + "~";
-  std::ofstream(unready, std::ios::binary | std::ios::trunc).close();
+  if (!writeNewFile(unready, script_.text())) {
+    return "the recorded script " + file_ + " cannot be written";
+  }
   std::error_code failed;
-  // A card's certificates and files are its owner's.
-  fs::permissions(unready, fs::perms::owner_read | fs::perms::owner_write, failed);
-  std::ofstream output(unready, std::ios::binary | std::ios::trunc);
-  output << script_.text();
-  output.close();
-  if (!output) return "the recorded script " + file_ + " cannot be written";
   fs::rename(unready, file_, failed);
   return failed ? "the recorded script " + file_ + ": " + failed.message() : std::string();
 }

@@ -12,9 +12,12 @@ std::filesystem::path nativePath(const std::string& path);
 
 enum class NewFile { kMade, kExists, kFailed };
 
-// Makes an empty file and leaves nothing open. Away from Windows others may not read it. If several
-// callers try at once, in whatever processes, one of them makes it and the others find that it
-// exists.
-[[nodiscard]] NewFile makeNewFile(const std::filesystem::path& path);
+// Away from Windows; there the folder decides.
+enum class Readers { kOwner, kOwnerAndGroup };
+
+// Makes an empty file and leaves nothing open. Nobody else may read it, not even for a moment. If
+// several callers try at once, in whatever processes, one of them makes it and the others find that
+// it exists.
+[[nodiscard]] NewFile makeNewFile(const std::filesystem::path& path, Readers readers);
 
 }  // namespace zelta::platform

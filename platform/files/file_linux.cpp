@@ -9,22 +9,15 @@
 
 namespace zelta::platform {
 
-namespace {
-
-// For its owner and its group alone, whatever the process's mask leaves of that: at the debug level
-// there may be a PIN in a log.
-constexpr mode_t kMode = 0640;
-
-}  // namespace
-
 std::filesystem::path nativePath(const std::string& path) {
   std::string native = path;
   std::replace(native.begin(), native.end(), '\\', '/');
   return native;
 }
 
-NewFile makeNewFile(const std::filesystem::path& path) {
-  const ScopedFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kMode));
+NewFile makeNewFile(const std::filesystem::path& path, Readers readers) {
+  const mode_t mode = readers == Readers::kOwner ? 0600 : 0640;
+  const ScopedFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
   if (file) return NewFile::kMade;
   return errno == EEXIST ? NewFile::kExists : NewFile::kFailed;
 }

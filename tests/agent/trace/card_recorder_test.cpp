@@ -107,6 +107,14 @@ TEST_F(Recorder, ScriptIsThereFromTheStartOn_AndWrittenWhenTheCardLeavesAndAtThe
   EXPECT_THAT(written(), HasSubstr("command 00B0 -> 6A82\n"));
 }
 
+TEST_F(Recorder, UnfinishedFileThatSomebodyHasOpen_IsNotWrittenTo) {
+  std::ofstream(file_ + "~").close();
+  std::ifstream reader(file_ + "~");
+  const CardRecorder recorder(file_, log_);
+  EXPECT_EQ(reader.get(), std::ifstream::traits_type::eof());
+  EXPECT_THAT(written(), HasSubstr("atr none\n"));
+}
+
 TEST_F(Recorder, FileThatCannotBeWritten_IsRefused) {
   const std::string file = folder_.file("none/card.txt");
   EXPECT_THAT([&] { CardRecorder(file, log_); },

@@ -30,14 +30,16 @@ TEST(NativePath, Text_IsTheSystemsPathWithItsOwnSeparators) {
   EXPECT_EQ(nativePath(""), "");
 }
 
+constexpr Readers kReaders = Readers::kOwnerAndGroup;
+
 TEST(NewFile, MissingFile_IsMadeEmptyAndExistingOneLeftAlone) {
   const test::TempFolder folder;
-  EXPECT_EQ(makeNewFile(folder.path() / "new"), NewFile::kMade);
+  EXPECT_EQ(makeNewFile(folder.path() / "new", kReaders), NewFile::kMade);
   EXPECT_EQ(fs::file_size(folder.path() / "new"), 0u);
   std::ofstream(folder.path() / "old") << "content";
-  EXPECT_EQ(makeNewFile(folder.path() / "old"), NewFile::kExists);
+  EXPECT_EQ(makeNewFile(folder.path() / "old", kReaders), NewFile::kExists);
   EXPECT_EQ(fs::file_size(folder.path() / "old"), 7u);
-  EXPECT_EQ(makeNewFile(folder.path() / "missing" / "new"), NewFile::kFailed);
+  EXPECT_EQ(makeNewFile(folder.path() / "missing" / "new", kReaders), NewFile::kFailed);
 }
 
 TEST(NewFile, SeveralAtOnce_OneMakesIt) {
@@ -47,7 +49,7 @@ TEST(NewFile, SeveralAtOnce_OneMakesIt) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; ++i) {
       threads.emplace_back([&] {
-        const NewFile result = makeNewFile(folder.path() / std::to_string(round));
+        const NewFile result = makeNewFile(folder.path() / std::to_string(round), kReaders);
         if (result == NewFile::kMade) ++made;
         EXPECT_NE(result, NewFile::kFailed);
       });
