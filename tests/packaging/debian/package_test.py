@@ -232,7 +232,7 @@ class DebianInstallation(unittest.TestCase):
         log = self.system.run("zelta-logs", "--no-follow", "--all").stdout
         self.assertIn("Command named pipe connected", log)
 
-    def test_group_adm_alone_reads_logs_and_group_zelta_writes_them(self):
+    def test_group_adm_alone_reads_logs_and_group_zelta_adds_but_removes_no_others(self):
         def can(user, group, *command):
             return self.system.run("setpriv", f"--reuid={user}", f"--regid={group}",
                                    "--clear-groups", *command, check=False).returncode == 0
@@ -242,6 +242,8 @@ class DebianInstallation(unittest.TestCase):
         self.assertTrue(can("nobody", "adm", "cat", log))
         self.assertFalse(can("nobody", "adm", "touch", log))
         self.assertFalse(can("nobody", "nogroup", "cat", log))
+        self.assertFalse(can("nobody", "zelta", "rm", "-f", log))
+        self.assertTrue(can("games", "zelta", "rm", log))
 
     def test_first_log_has_no_error_about_the_registry(self):
         self.start_pcscd()
