@@ -63,7 +63,7 @@ void PipeReader::cardRemoved() {
   const TracedLock lock("PipeReader::handleEvent", waiting().deviceLock(), __LINE__);
   waiting().note(CardEvent::kRemoved);
   // Intentional: the state stays as it is if no request waits for the removal.
-  if (waiting().any(CardEvent::kRemoved)) {
+  if (waiting().awaited(CardEvent::kRemoved)) {
     unmarkAndCompleteRemoveIrps(status::kSuccess, SCARD_ABSENT);
   }
 }

@@ -74,8 +74,7 @@ bool gateOpen = true, readersThere = true;
 byte inside;
 
 /* The reader: its lists, the newest request last. */
-byte listed[2 * REQUESTS], size[2], count[2];
-byte last = REMOVED;
+byte listed[2 * REQUESTS], size[2], count[2], asked[2];
 bool absent = true, absentForGood, exchangesEnded, stop, listenerEnded, readerEnded;
 
 /* The agent. */
@@ -234,10 +233,7 @@ inline completeAll(kind, request, unmarked) {
 }
 
 inline note(event) {
-  d_step {
-    count[event]++;
-    last = event
-  }
+  count[event]++
 }
 
 inline checkAtr(there) {
@@ -256,6 +252,7 @@ proctype Handler(byte self, awaited) {
     :: gateOpen -> inside++
     :: else -> goto refused
     fi;
+    asked[awaited]++;
     before = count[awaited]
   }
   checkAtr(there);
@@ -268,7 +265,6 @@ proctype Handler(byte self, awaited) {
 #ifndef MUTATE_NO_COUNT
     if
     :: count[awaited] != before && (awaited == REMOVED || !stateAbsent) ->
-      absent = (absent || (awaited == REMOVED && last == REMOVED));
       complete(self);
       goto done
     :: else
@@ -278,6 +274,7 @@ proctype Handler(byte self, awaited) {
     :: true -> goto queue
     :: true -> /* no memory: the exception is caught outside the gate */
       unlockDevice();
+      asked[awaited]--;
       inside--;
       goto refused
     fi
@@ -291,8 +288,9 @@ queue:
   mark(self, calledBack);
 #endif
 done:
+  unlockDevice();
   atomic {
-    unlockDevice();
+    asked[awaited]--;
     inside--;
     goto returned
   }
@@ -390,7 +388,7 @@ listening:
     atomic {
       lockDevice();
       note(REMOVED);
-      absent = (absent || size[REMOVED] > 0)
+      absent = (absent || size[REMOVED] > 0 || asked[REMOVED] > 0)
     }
     completeAll(REMOVED, request, unmarked);
     unlockDevice();

@@ -1,8 +1,8 @@
 // Waiting for a card to come or to go.
 //
 // No lock is held while the agent is asked, so a card event may be handled before the request is in
-// its list. If the awaited event has come since just before the question, the request is therefore
-// completed as if it had been waiting.
+// its list. The request therefore counts as waiting from just before the question on, and if the
+// awaited event has come since, it is completed.
 #include "contract/reader_states.h"
 #include "contract/status.h"
 #include "diagnostics/log.h"
@@ -18,15 +18,15 @@ void Reader::IoSmartCardIsPresent(IoRequest* request, std::size_t /*inLength*/,
     logError(kNoError, "[IPRE]IOCTL_SMARTCARD_IS_PRESENT: invalid request");
     return;
   }
+  const WaitingRequests::Question question(waiting_, CardEvent::kInserted);
   logInfo("[IPRE]IOCTL_SMARTCARD_IS_PRESENT");
-  const std::uint64_t insertions = waiting_.count(CardEvent::kInserted);
   if (CheckATR() == QueryResult::kSuccess) {
     finish(*request, status::kSuccess, kHandler, __LINE__);
     return;
   }
   const TracedLock lock(kHandler, waiting_.deviceLock(), __LINE__);
   // An insertion whose agent was lost meanwhile is over. The request waits for the next agent.
-  if (waiting_.count(CardEvent::kInserted) != insertions && state() != SCARD_ABSENT) {
+  if (question.overtaken() && state() != SCARD_ABSENT) {
     request->completeWithInformation(status::kSuccess, 0);
     return;
   }
@@ -41,16 +41,14 @@ void Reader::IoSmartCardIsAbsent(IoRequest* request, std::size_t /*inLength*/,
     logError(kNoError, "[IABS]IOCTL_SMARTCARD_IS_ABSENT: invalid request");
     return;
   }
+  const WaitingRequests::Question question(waiting_, CardEvent::kRemoved);
   logInfo("[IABS]IOCTL_SMARTCARD_IS_ABSENT");
-  const std::uint64_t removals = waiting_.count(CardEvent::kRemoved);
   if (CheckATR() != QueryResult::kSuccess) {
     finish(*request, status::kSuccess, kHandler, __LINE__);
     return;
   }
   const TracedLock lock(kHandler, waiting_.deviceLock(), __LINE__);
-  if (waiting_.count(CardEvent::kRemoved) != removals) {
-    // The removal has left the state as it was, because nothing seemed to wait for it.
-    if (waiting_.last() == CardEvent::kRemoved) setState(SCARD_ABSENT);
+  if (question.overtaken()) {
     request->completeWithInformation(status::kSuccess, 0);
     return;
   }

@@ -29,9 +29,24 @@ void completeNewest(PendingRequests& pending, Complete complete) {
 
 }  // namespace
 
+// Either the event's handler finds the question, or the question finds the event: each writes
+// before it reads, in the one order of these atomics.
+WaitingRequests::Question::Question(WaitingRequests& waiting, CardEvent awaited)
+    : asked_(waiting.asked_[static_cast<std::size_t>(awaited)]),
+      count_(waiting.counts_[static_cast<std::size_t>(awaited)]),
+      before_((++asked_, count_.load())) {}
+
+WaitingRequests::Question::~Question() { --asked_; }
+
+bool WaitingRequests::Question::overtaken() const { return count_.load() != before_; }
+
 // No lock is needed: the list's count is an atomic.
 bool WaitingRequests::any(CardEvent awaited) const ZELTA_NO_THREAD_SAFETY_ANALYSIS {
   return !lists_[static_cast<std::size_t>(awaited)].empty();
+}
+
+bool WaitingRequests::awaited(CardEvent event) const {
+  return any(event) || asked_[static_cast<std::size_t>(event)].load() > 0;
 }
 
 void WaitingRequests::add(CardEvent awaited, IoRequest& request) {
@@ -62,14 +77,7 @@ void WaitingRequests::cancelNewest(CardEvent awaited) {
   completeNewest(list(awaited), [](IoRequest& request) { request.complete(status::kCancelled); });
 }
 
-void WaitingRequests::note(CardEvent event) {
-  counts_[static_cast<std::size_t>(event)].fetch_add(1, std::memory_order_release);
-  last_ = event;
-}
-
-std::uint64_t WaitingRequests::count(CardEvent event) const {
-  return counts_[static_cast<std::size_t>(event)].load(std::memory_order_acquire);
-}
+void WaitingRequests::note(CardEvent event) { ++counts_[static_cast<std::size_t>(event)]; }
 
 void WaitingRequests::wakeInsertionWait() {
   {

@@ -1,14 +1,14 @@
 // The requests that wait in a reader for a card to come or to go, and how often one has.
 //
 // A presence request is queued here once the agent has answered that it has to wait. A card event
-// that arrives between the question and the queueing does not find the request; the counts reveal
-// such an event (docs/threads.md).
+// that arrives between the question and the queueing does not find the request; a `Question`
+// reveals such an event (docs/threads.md).
 //
 // Ownership: the reader's. The device outlives it. No reference is held on a request.
 //
-// Threads: what needs the device lock says so. `any` and `count` may be called without it; what
-// `any` gives is then a hint. Adding an insertion request takes the request list mutex and wakes
-// whoever waits for one with that mutex.
+// Threads: what needs the device lock says so. `any` may be called without it; what it gives is
+// then a hint. Adding an insertion request takes the request list mutex and wakes whoever waits for
+// one with that mutex.
 #pragma once
 
 #include <array>
@@ -28,6 +28,24 @@ enum class CardEvent : std::uint8_t { kInserted, kRemoved };
 
 class WaitingRequests {
  public:
+  // Made by a request's handler before it asks the agent whether the request has to wait, and kept
+  // until the request is completed or queued.
+  class Question {
+   public:
+    Question(WaitingRequests& waiting, CardEvent awaited);
+    ~Question();
+    Question(const Question&) = delete;
+    Question& operator=(const Question&) = delete;
+
+    // Whether the event has come since.
+    bool overtaken() const;
+
+   private:
+    std::atomic<int>& asked_;
+    const std::atomic<std::uint64_t>& count_;
+    const std::uint64_t before_;
+  };
+
   explicit WaitingRequests(ReaderDevice& device) : device_(device) {}
   WaitingRequests(const WaitingRequests&) = delete;
   WaitingRequests& operator=(const WaitingRequests&) = delete;
@@ -42,6 +60,8 @@ class WaitingRequests {
 
   // Whether a request waits for the event.
   bool any(CardEvent awaited) const;
+  // The same, or the agent is being asked whether one has to. To be called after `note`.
+  bool awaited(CardEvent event) const ZELTA_REQUIRES(device_.deviceLock());
   // Throws std::bad_alloc, and leaves everything as it was, if there is no memory.
   void add(CardEvent awaited, IoRequest& request) ZELTA_REQUIRES(device_.deviceLock());
   // Takes a request out without completing it; false if it does not wait for the event.
@@ -55,10 +75,6 @@ class WaitingRequests {
 
   // An event has come.
   void note(CardEvent event) ZELTA_REQUIRES(device_.deviceLock());
-  // How often it has.
-  std::uint64_t count(CardEvent event) const;
-  // The last one; removed if there was none.
-  CardEvent last() const ZELTA_REQUIRES(device_.deviceLock()) { return last_; }
 
   // Waits until an insertion request waits or `stopped`, run with the mutex held, is true; at most
   // `limit`. False if neither has come about. A request may be cancelled again at any time, so
@@ -79,8 +95,8 @@ class WaitingRequests {
 
   ReaderDevice& device_;
   std::array<PendingRequests, 2> lists_ ZELTA_GUARDED_BY(device_.deviceLock());
-  std::array<std::atomic<std::uint64_t>, 2> counts_{};  // written with the device lock held
-  CardEvent last_ ZELTA_GUARDED_BY(device_.deviceLock()) = CardEvent::kRemoved;
+  std::array<std::atomic<std::uint64_t>, 2> counts_{};  // of events; written under the device lock
+  std::array<std::atomic<int>, 2> asked_{};             // questions under way
   // Held as well while an insertion request is added.
   platform::Mutex mutex_ ZELTA_ACQUIRED_AFTER(device_.deviceLock());
   platform::ConditionVariable insertionRequestCame_;

@@ -200,6 +200,29 @@ TEST_F(CardEvents, RemovalDuringTransmit_Answers6901) {
   EXPECT_EQ(response, (Bytes{0x69, 0x01}));
 }
 
+// The removal request waits for its turn behind the transmit.
+TEST_F(CardEvents, RemovalDuringTransmitBeforeTheCheck_Answers6901) {
+  FakeRequest& removal = makeRequest();
+  std::future<void> asking;
+  setCard(true);
+  start();
+  FakeRequest& insertion = waitForInsertion();
+  ASSERT_TRUE(agent_.connect([&](const CardAgent::Command& command) {
+    if (command.code != AgentCommand::kQueryTransmit) return kAtr;
+    asking = std::async(std::launch::async, [&] { reader().IoSmartCardIsAbsent(&removal, 0, 0); });
+    EXPECT_TRUE(log_.waitFor("[IABS]IOCTL_SMARTCARD_IS_ABSENT"));
+    EXPECT_TRUE(agent_.sendEvent(AgentEvent::kCardRemoved));
+    settle();
+    return Bytes{};
+  }));
+  ASSERT_TRUE(insertion.waitCompleted());
+  Bytes response;
+  EXPECT_EQ(queryTransmit({0, 1, 2, 3}, response), QueryResult::kSuccess);
+  EXPECT_EQ(response, (Bytes{0x69, 0x01}));
+  asking.get();
+  EXPECT_EQ(removal.status(), kSucceeded);
+}
+
 TEST_F(CardEvents, LossOfTheAgent_CancelsInsertionsAndSetsAbsent) {
   FakeRequest& request = connectWithoutCard();
   makeCardPresent();

@@ -42,28 +42,30 @@ MUTATIONS = (
              "agent_link_test", "CardEvents*:ContendedLock*:ClientLoss*"),
     Mutation("insertion-count-ignored", "an insertion during the question completes the request",
              "reader/reader_presence.cpp",
-             "if (waiting_.count(CardEvent::kInserted) != insertions && state() != SCARD_ABSENT) {",
+             "if (question.overtaken() && state() != SCARD_ABSENT) {",
              "if (false) {",
              "reader_test",
              doc="threads: insertion counted"),
     Mutation("removal-count-ignored", "a removal during the question completes the request",
              "reader/reader_presence.cpp",
-             "if (waiting_.count(CardEvent::kRemoved) != removals) {",
+             "if (question.overtaken()) {",
              "if (false) {",
              "reader_test",
              doc="threads: removal counted"),
     Mutation("count-noted-after-the-question", "the count is noted before the agent is asked",
              "reader/reader_presence.cpp",
-             "  const std::uint64_t insertions = waiting_.count(CardEvent::kInserted);\n"
+             "  const WaitingRequests::Question question(waiting_, CardEvent::kInserted);\n"
+             "  logInfo(\"[IPRE]IOCTL_SMARTCARD_IS_PRESENT\");\n"
              "  if (CheckATR() == QueryResult::kSuccess) {\n"
              "    finish(*request, status::kSuccess, kHandler, __LINE__);\n"
              "    return;\n"
              "  }\n",
+             "  logInfo(\"[IPRE]IOCTL_SMARTCARD_IS_PRESENT\");\n"
              "  if (CheckATR() == QueryResult::kSuccess) {\n"
              "    finish(*request, status::kSuccess, kHandler, __LINE__);\n"
              "    return;\n"
              "  }\n"
-             "  const std::uint64_t insertions = waiting_.count(CardEvent::kInserted);\n",
+             "  const WaitingRequests::Question question(waiting_, CardEvent::kInserted);\n",
              "reader_test",
              doc="threads: count before question"),
     Mutation("cancelled-stays-in-list", "a cancelled request leaves the list that holds it",
@@ -407,9 +409,14 @@ MUTATIONS = (
              "agent_link_test", "CardEvents*", doc="wire-protocol: effects 1"),
     Mutation("unawaited-removal-noted", "a removal that nobody waits for leaves the state",
              "agent_link/pipe_reader.cpp",
-             "if no request waits for the removal.\n  if (waiting().any(CardEvent::kRemoved)) {",
+             "if no request waits for the removal.\n  if (waiting().awaited(CardEvent::kRemoved)) {",
              "if no request waits for the removal.\n  if (true) {",
              "agent_link_test", "CardEvents*", doc="wire-protocol: effects 2"),
+    Mutation("removal-while-asking-unawaited", "a removal is awaited while the agent is asked",
+             "agent_link/pipe_reader.cpp",
+             "if no request waits for the removal.\n  if (waiting().awaited(CardEvent::kRemoved)) {",
+             "if no request waits for the removal.\n  if (waiting().any(CardEvent::kRemoved)) {",
+             "agent_link_test", "CardEvents*", doc="threads: asking is waiting"),
     Mutation("session-kept-at-removal", "a removal resets the session id",
              "agent_link/event_listener.cpp",
              "      handler_.cardRemoved();\n      setSessionLogId(kNullSessionLogId);\n",

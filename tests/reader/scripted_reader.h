@@ -65,7 +65,7 @@ class ScriptedReader final : public Reader {
     waiting().note(event);
     if (event == CardEvent::kInserted) {
       setState(SCARD_SWALLOWED);
-    } else if (waiting().any(event)) {
+    } else if (waiting().awaited(event)) {
       setState(SCARD_ABSENT);
     }
     waiting().completeAll(event, status::kSuccess);

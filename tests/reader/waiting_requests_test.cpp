@@ -88,18 +88,23 @@ TEST_F(WaitingRequestsTest, RequestThatIsBeingCancelled_OnlyLeavesItsList) {
   EXPECT_FALSE(waiting_.any(CardEvent::kInserted));
 }
 
-TEST_F(WaitingRequestsTest, EventsAreCountedByKindAndTheLastIsKnown) {
+TEST_F(WaitingRequestsTest, QuestionAwaitsItsEventAndNotices) {
   const TracedLock lock("test", waiting_.deviceLock(), __LINE__);
-  EXPECT_EQ(waiting_.last(), CardEvent::kRemoved);
-  EXPECT_EQ(waiting_.count(CardEvent::kInserted), 0u);
-  waiting_.note(CardEvent::kInserted);
-  waiting_.note(CardEvent::kInserted);
-  EXPECT_EQ(waiting_.last(), CardEvent::kInserted);
-  EXPECT_EQ(waiting_.count(CardEvent::kInserted), 2u);
-  EXPECT_EQ(waiting_.count(CardEvent::kRemoved), 0u);
-  waiting_.note(CardEvent::kRemoved);
-  EXPECT_EQ(waiting_.last(), CardEvent::kRemoved);
-  EXPECT_EQ(waiting_.count(CardEvent::kRemoved), 1u);
+  for (const CardEvent event : kBoth) {
+    const CardEvent other = event == kBoth[0] ? kBoth[1] : kBoth[0];
+    waiting_.note(event);
+    EXPECT_FALSE(waiting_.awaited(event));
+    {
+      const WaitingRequests::Question question(waiting_, event);
+      EXPECT_TRUE(waiting_.awaited(event));
+      EXPECT_FALSE(waiting_.awaited(other));
+      waiting_.note(other);
+      EXPECT_FALSE(question.overtaken());
+      waiting_.note(event);
+      EXPECT_TRUE(question.overtaken());
+    }
+    EXPECT_FALSE(waiting_.awaited(event));
+  }
 }
 
 // The wait for an insertion request, and what ends it.
