@@ -120,9 +120,8 @@ bool SocketConnection::limitReads(SteadyClock::duration limit) {
   if (units == readLimit_) return true;
   const auto seconds = std::chrono::floor<std::chrono::seconds>(units);
   const timeval time{seconds.count(), std::chrono::microseconds(units - seconds).count()};
-  if (setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time) == 0) {
-    readLimit_ = units;
-  }
+  if (setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time) != 0) return false;
+  readLimit_ = units;
   return true;
 }
 
