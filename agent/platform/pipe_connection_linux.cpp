@@ -75,8 +75,8 @@ SocketConnection::Waited SocketConnection::waitFor(
     short events, std::optional<SteadyClock::time_point> deadline) const {
   const StopEvent::Waited waited = cancel_.waitFor(socket_.get(), events, deadline);
   switch (waited.reason) {
-    case StopEvent::Reason::kReady:
-      return {IoResult::kDone, waited.ready};
+    case StopEvent::Reason::kReady:  // `cancel` makes the socket readable, too
+      return {cancelled_ ? IoResult::kCancelled : IoResult::kDone, waited.ready};
     case StopEvent::Reason::kStopped:
       return {IoResult::kCancelled, 0};
     case StopEvent::Reason::kTimedOut:
