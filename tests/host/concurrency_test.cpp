@@ -10,10 +10,7 @@ namespace {
 
 using ::testing::IsEmpty;
 
-class ConcurrencyTest : public HostTest {
- protected:
-  void SetUp() override { start(); }
-};
+using ConcurrencyTest = StartedHostTest;
 
 TEST_F(ConcurrencyTest, CallbacksOfBlockedCallersDoNotHoldUpOthers) {
   std::vector<std::future<IoResult>> blocked;

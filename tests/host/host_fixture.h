@@ -88,4 +88,13 @@ class HostTest : public ::testing::Test {
   std::shared_ptr<File> file_;
 };
 
+class StartedHostTest : public HostTest {
+ protected:
+  void SetUp() override { start(); }
+  // Completes what waits with success: how many could be, and how many were being cancelled.
+  std::vector<std::uint32_t> releaseWaiting() {
+    return toNumbers(control(fake::kReleaseWaiting, numbers({0})).output);
+  }
+};
+
 }  // namespace zelta::host

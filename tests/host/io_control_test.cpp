@@ -11,35 +11,53 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-class IoControlTest : public HostTest {
- protected:
-  void SetUp() override { start(); }
+using IoControlTest = StartedHostTest;
 
-  // What RetrieveFileName gives for a buffer of that many characters.
-  std::vector<std::uint32_t> fileName(std::uint32_t capacity) {
-    return toNumbers(control(fake::kFileName, numbers({capacity}), 2048).output);
-  }
+struct Exchange {
+  const char* name;
+  std::uint32_t code;
+  std::vector<std::uint8_t> input;
+  std::size_t capacity;
+  IoResult result;
 };
+
+IoResult bytes(std::size_t information, std::vector<std::uint8_t> output) {
+  return {framework::kOk, information, std::move(output)};
+}
+IoResult words(const std::vector<std::uint32_t>& values) {
+  return bytes(values.size() * sizeof values[0], numbers(values));
+}
+IoResult failure(std::uint32_t code) { return {framework::hresult(code), 0, {}}; }
 
 constexpr std::uint32_t kInsufficient = 0x8007007A;
 
-TEST_F(IoControlTest, DriverIsToldCodeAndLengths) {
-  const IoResult result = control(fake::kParameters, {1, 2, 3, 4, 5}, 12);
-  EXPECT_THAT(toNumbers(result.output), ElementsAre(fake::kParameters, 5u, 12u));
+const Exchange kExchanges[] = {
+    {"CodeAndLengths_AreTold", fake::kParameters, {1, 2}, 12, words({fake::kParameters, 2, 12})},
+    {"NoBuffer_NoMemory", fake::kMemoryShape, {}, 0, bytes(0, {})},
+    {"NoOutput_NoMemory", fake::kMemoryShape, {1}, 0, bytes(fake::kHasInput, {})},
+    {"NoInput_NoMemory", fake::kMemoryShape, {}, 1, bytes(fake::kHasOutput, {0})},
+    {"BothBuffers_Memory", fake::kMemoryShape, {1}, 1, bytes(3, {0})},
+    {"CountBeyondTheCapacity_OutputIsCut", fake::kOverrun, {}, 3, bytes(103, {0, 0, 0})},
+    {"CopyThatIsTooLong_Fails", fake::kCopyTooMuch, {}, 10, failure(kInsufficient)},
+    {"CopyBeyondTheEnd_Fails", fake::kCopyBeyond, {}, 10, failure(kInsufficient)},
+    {"ShortInput_IsFollowedByZeroBytes", fake::kReadFour, {0xAB}, 4, bytes(4, {0xAB, 0, 0, 0})},
+    {"Context_IsAttachedOnce", fake::kContexts, {}, 64, words({0x80070490, 0, 0x800700B7, 0})},
+    {"Getters_GiveTheRequestsObjects", fake::kGetters, {}, 64, bytes(0, {})},
+    {"BuffersThatCannotBeHad_AreRefused", fake::kEcho, {}, SIZE_MAX, failure(0x8007000E)},
+};
+
+class ExchangeTest : public StartedHostTest, public ::testing::WithParamInterface<Exchange> {};
+
+TEST_P(ExchangeTest, EndsAsListedAndTheNextOneWorks) {
+  const IoResult result = control(GetParam().code, GetParam().input, GetParam().capacity);
+  EXPECT_EQ(result.status, GetParam().result.status);
+  EXPECT_EQ(result.information, GetParam().result.information);
+  EXPECT_EQ(result.output, GetParam().result.output);
+  EXPECT_EQ(control(fake::kEcho, {1}).output, std::vector<std::uint8_t>{1});
 }
 
-TEST_F(IoControlTest, BufferOfLengthZeroHasNoMemoryObject) {
-  EXPECT_EQ(control(fake::kMemoryShape, {}, 0).information, 0u);
-  EXPECT_EQ(control(fake::kMemoryShape, {1}, 0).information, fake::kHasInput);
-  EXPECT_EQ(control(fake::kMemoryShape, {}, 1).information, fake::kHasOutput);
-  EXPECT_EQ(control(fake::kMemoryShape, {1}, 1).information, fake::kHasInput | fake::kHasOutput);
-}
-
-TEST_F(IoControlTest, ByteCountBeyondTheCapacityIsToldAndTheOutputIsCut) {
-  const IoResult result = control(fake::kOverrun, {}, 10);
-  EXPECT_EQ(result.information, 110u);
-  EXPECT_EQ(result.output.size(), 10u);
-}
+INSTANTIATE_TEST_SUITE_P(Controls, ExchangeTest, ::testing::ValuesIn(kExchanges),
+                         [](const auto& each) { return each.param.name; });
 
 // What was in the memory before is nobody's business.
 TEST_F(IoControlTest, OutputThatTheDriverDidNotWriteIsZero) {
@@ -85,16 +103,21 @@ TEST_F(IoControlTest, PartsThatAreTooLongTogetherAreCut) {
       framework::hresult(0x8007000E));
 }
 
-TEST_F(IoControlTest, CopyThatDoesNotFitFails) {
-  EXPECT_EQ(control(fake::kCopyTooMuch, {}, 10).status, framework::hresult(kInsufficient));
-  EXPECT_EQ(control(fake::kCopyBeyond, {}, 10).status, framework::hresult(kInsufficient));
-}
-
 TEST_F(IoControlTest, CompleteKeepsTheByteCountThatWasSet) {
   const IoResult result = control(fake::kCompleteKeepCount, numbers({0xC0000178}), 2);
   EXPECT_EQ(result.status, framework::hresult(0xC0000178));
   EXPECT_EQ(result.information, 3u);
   EXPECT_EQ(result.output.size(), 2u);
+}
+
+TEST_F(IoControlTest, FileNameIsTheInterfacesNameBehindABackslashOrRefusedWithItsLength) {
+  const auto fileName = [this](std::uint32_t capacity) {
+    return toNumbers(control(fake::kFileName, numbers({capacity}), 2048).output);
+  };
+  EXPECT_THAT(fileName(300), ::testing::IsSupersetOf({0u, 6u}));
+  EXPECT_THAT(fileName(6), ElementsAre(0u, 6u, '\\', 'd', 'e', 'v', '0', 0u, '#'));
+  EXPECT_THAT(fileName(5), ElementsAre(kInsufficient, 6u, '#', '#', '#', '#', '#', '#'));
+  EXPECT_THAT(fileName(0), ElementsAre(kInsufficient, 6u, '#'));
 }
 
 TEST_F(IoControlTest, SecondCompletionIsIgnoredAndReported) {
@@ -105,26 +128,6 @@ TEST_F(IoControlTest, SecondCompletionIsIgnoredAndReported) {
   EXPECT_THAT(errors(), ElementsAre(HasSubstr("completed a request twice")));
 }
 
-TEST_F(IoControlTest, ShortInputIsFollowedByZeroBytes) {
-  EXPECT_THAT(control(fake::kReadFour, {0xAB}).output, ElementsAre(0xAB, 0, 0, 0));
-}
-
-TEST_F(IoControlTest, FileNameIsTheInterfacesNameBehindABackslash) {
-  EXPECT_THAT(fileName(300), ::testing::IsSupersetOf({0u, 6u}));
-  const auto name = fileName(6);
-  EXPECT_THAT(name, ElementsAre(0u, 6u, '\\', 'd', 'e', 'v', '0', 0u, '#'));
-}
-
-TEST_F(IoControlTest, FileNameThatDoesNotFitIsRefusedWithItsLength) {
-  EXPECT_THAT(fileName(5), ElementsAre(kInsufficient, 6u, '#', '#', '#', '#', '#', '#'));
-  EXPECT_THAT(fileName(0), ElementsAre(kInsufficient, 6u, '#'));
-}
-
-TEST_F(IoControlTest, ContextIsAttachedOnceAndFoundAgain) {
-  const auto results = toNumbers(control(fake::kContexts).output);
-  EXPECT_THAT(results, ElementsAre(0x80070490u, 0u, 0x800700B7u, 0u));
-}
-
 TEST_F(IoControlTest, ContextIsCleanedOnceTheRequestIsDone) {
   for (int i = 0; i < 3; ++i) {
     const auto operation = submit(fake::kEcho, {1});
@@ -133,23 +136,11 @@ TEST_F(IoControlTest, ContextIsCleanedOnceTheRequestIsDone) {
   EXPECT_EQ(counter(fake::kCleanups), 3u);
 }
 
-TEST_F(IoControlTest, GettersGiveTheObjectsOfTheRequest) {
-  const IoResult result = control(fake::kGetters);
-  EXPECT_EQ(result.status, framework::kOk);
-  EXPECT_EQ(result.information, 0u);
-}
-
 TEST_F(IoControlTest, UnusedOperationsFailAndAreReported) {
   const IoResult result = control(fake::kUnimplemented, {1});
   EXPECT_EQ(result.status, framework::kOk);
   EXPECT_EQ(result.information, 0u);
   EXPECT_THAT(errors(), ::testing::Contains(HasSubstr("IWDFIoRequest::Send")));
-}
-
-TEST_F(IoControlTest, BuffersThatCannotBeHadAreRefused) {
-  const IoResult result = control(fake::kEcho, {}, SIZE_MAX);
-  EXPECT_EQ(result.status, framework::hresult(0x8007000E));
-  EXPECT_EQ(control(fake::kEcho, {1}).output, std::vector<std::uint8_t>{1});
 }
 
 TEST_F(IoControlTest, CompletionIsCalledOnceBeforeTheWaitEnds) {
@@ -167,8 +158,7 @@ TEST_F(IoControlTest, WaitingRequestIsDispatchedButNotCompleted) {
   const auto operation = submit(fake::kWait);
   EXPECT_FALSE(operation->completed());
   EXPECT_FALSE(operation->wait(0ms));
-  const IoResult released = control(fake::kReleaseWaiting, numbers({0}));
-  EXPECT_THAT(toNumbers(released.output), ElementsAre(1u, 0u));
+  EXPECT_THAT(releaseWaiting(), ElementsAre(1u, 0u));
   EXPECT_TRUE(operation->completed());
 }
 
@@ -176,7 +166,7 @@ TEST_F(IoControlTest, TimeOutCancelsTheRequest) {
   const IoResult result = file_->control(fake::kWait, {}, 0, 1ms);
   EXPECT_EQ(result.status, kTimedOut);
   // Cancelled, now or as soon as it is marked; it is not there to be released.
-  EXPECT_THAT(toNumbers(control(fake::kReleaseWaiting, numbers({0})).output)[0], 0u);
+  EXPECT_EQ(releaseWaiting()[0], 0u);
 }
 
 TEST_F(IoControlTest, FilesAreIndependentOfEachOther) {
@@ -193,7 +183,7 @@ TEST_F(IoControlTest, FilesAreIndependentOfEachOther) {
 TEST_F(IoControlTest, RequestOutlivesItsFileHandle) {
   const auto operation = submit(fake::kWait);
   file_ = host_->open(L"dev0");
-  control(fake::kReleaseWaiting, numbers({0}));
+  releaseWaiting();
   EXPECT_TRUE(operation->completed());
 }
 

@@ -12,10 +12,7 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-class TearDownTest : public HostTest {
- protected:
-  void SetUp() override { start(); }
-};
+using TearDownTest = StartedHostTest;
 
 TEST_F(TearDownTest, WaitingRequestsAreCompletedByTheDriversShutdown) {
   const auto operation = submit(fake::kWait);

@@ -41,19 +41,9 @@ class RegistryChangeNotifierTest : public ::testing::Test {
   std::unique_ptr<RegistryChangeNotifier> make() { return make(callback()); }
   void expectRefused(const std::string& text) {
     EXPECT_THAT([this] { make(); }, testing::ThrowsMessage<std::runtime_error>(text));
-    expectAllClosed();
+    EXPECT_TRUE(ports_.allClosed());
   }
-  // Changes the value and waits until the thread has dealt with it.
-  void change(const std::u16string& text) {
-    registry().waitForCalls(FakeRegistry::Call::kNotifyChange, 1);
-    const std::size_t calls = registry().calls(FakeRegistry::Call::kNotifyChange);
-    registry().setText(kWideKey, kWideValue, text);
-    registry().waitForCalls(FakeRegistry::Call::kNotifyChange, calls + 1);
-  }
-  void expectAllClosed() {
-    EXPECT_EQ(registry().openKeys(), 0u);
-    EXPECT_EQ(events().open(), 0u);
-  }
+  void change(const std::u16string& text) { ports_.change(kWideKey, kWideValue, text); }
 
   test::LoggingPorts ports_;
   test::RecordingLogger logger_;
@@ -111,7 +101,7 @@ TEST_F(RegistryChangeNotifierTest, ValueThatIsNoShortText_IsRefused) {
 TEST_F(RegistryChangeNotifierTest, ExceptionOfTheFirstCallback_LeavesTheConstructor) {
   EXPECT_THROW(make([](const std::string&) { throw std::runtime_error("refused"); }),
                std::runtime_error);
-  expectAllClosed();
+  EXPECT_TRUE(ports_.allClosed());
 }
 
 struct TextCase {
@@ -233,7 +223,7 @@ TEST_F(RegistryChangeNotifierTest, SubscriptionThatNeverSucceeds_DoesNotKeepItFr
   auto notifier = make();
   logger_.awaitLines(10);
   notifier.reset();
-  expectAllClosed();
+  EXPECT_TRUE(ports_.allClosed());
 }
 
 TEST_F(RegistryChangeNotifierTest, FailingStopEvent_IsAnErrorRecord) {
@@ -248,7 +238,7 @@ TEST_F(RegistryChangeNotifierTest, FailingStopEvent_IsAnErrorRecord) {
   destroyer.join();
   EXPECT_EQ(logger_.lines(),
             (Lines{{1, 6, "Failed to set event to stop thread: SOFTWARE\\Test\\Period"}}));
-  expectAllClosed();
+  EXPECT_TRUE(ports_.allClosed());
 }
 
 TEST_F(RegistryChangeNotifierTest, DestroyedWhileItWaits_EndsAtOnce) {
@@ -257,7 +247,7 @@ TEST_F(RegistryChangeNotifierTest, DestroyedWhileItWaits_EndsAtOnce) {
     if (i % 2 == 0) events().waitForCalls(FakeEvents::Call::kWaitAny, 1);
     notifier.reset();
   }
-  expectAllClosed();
+  EXPECT_TRUE(ports_.allClosed());
   EXPECT_EQ(logger_.lines(), Lines());
 }
 

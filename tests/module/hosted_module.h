@@ -13,7 +13,6 @@
 #include "contract/wire.h"
 #include "host/driver_host.h"
 #include "tests/module/module_world.h"
-#include "tests/module/wire_bytes.h"
 
 namespace zelta::test {
 

@@ -9,11 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "contract/io_controls.h"
 #include "contract/status.h"
 #include "framework/wdf.h"
 #include "platform/process/module_loader.h"
 #include "tests/doubles/agent/card_agent.h"
 #include "tests/support/log_files.h"
+#include "tests/support/numbers.h"
 
 namespace zelta::test {
 
@@ -21,6 +23,11 @@ using namespace std::chrono_literals;
 
 // Longer than anything takes that does not hang.
 inline constexpr std::chrono::milliseconds kLong = 60s;
+
+// What a transmit takes and gives: protocol, header length, then the APDU.
+inline Bytes transmitBuffer(std::uint32_t protocol, const Bytes& apdu) {
+  return number(protocol, number(kTransmitHeaderSize, apdu));
+}
 
 // The policy that writes every level but the last, which the driver never writes.
 inline constexpr std::uint32_t kEveryLevel = 3;

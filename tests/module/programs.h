@@ -10,7 +10,7 @@
 #include "contract/io_controls.h"
 #include "contract/reader_states.h"
 #include "tests/doubles/agent/card_agent.h"
-#include "tests/module/wire_bytes.h"
+#include "tests/module/module_world.h"
 #include "tests/support/child_process.h"
 
 namespace zelta::test {

@@ -138,7 +138,6 @@ TEST_F(FirstCardOfAgent, ConnectsOnceThePipesAreThere_AndTheCardIsThereWhenTheCh
   });
   ASSERT_EQ(open(), IFD_SUCCESS);
   EXPECT_EQ(handler_->presence(kLun), IFD_SUCCESS);
-  EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
 }
 
 }  // namespace

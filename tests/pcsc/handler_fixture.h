@@ -35,6 +35,9 @@ class HandlerLibrary {
     EXPECT_EQ(length, sizeof found);
     return found;
   }
+  PollFunction pollFunction(DWORD lun) const {
+    return function<PollFunction>(lun, TAG_IFD_POLLING_THREAD_WITH_TIMEOUT);
+  }
 
  private:
   template <typename Function>
@@ -82,6 +85,12 @@ class HandlerFixture : public testing::Test {
   static constexpr DWORD kOtherLun = 0x10000;
   static constexpr int kLong = 30000;  // milliseconds
 
+  // The library may go only after its threads.
+  void TearDown() override {
+    if (handler_->presence(kLun) == IFD_NO_SUCH_DEVICE) return;
+    EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
+  }
+
   RESPONSECODE open(const char* name = "zelta:0", DWORD lun = kLun) {
     std::string writable = name;
     return handler_->createByName(lun, writable.data());
@@ -94,8 +103,7 @@ class HandlerFixture : public testing::Test {
   }
   // As pcscd's event thread does.
   void waitForPresence(RESPONSECODE wanted) {
-    const auto poll =
-        handler_->function<HandlerLibrary::PollFunction>(kLun, TAG_IFD_POLLING_THREAD_WITH_TIMEOUT);
+    const auto poll = handler_->pollFunction(kLun);
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kLong);
     while (handler_->presence(kLun) != wanted) {
       ASSERT_LT(std::chrono::steady_clock::now(), end);

@@ -1,14 +1,12 @@
 // The functions that pcscd calls, on the real driver.
 #include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <future>
-#include <memory>
-#include <sstream>
 #include <thread>
 
 #include "contract/bytes.h"
 #include "tests/pcsc/handler_fixture.h"
+#include "tests/support/exported_names_linux.h"
 
 namespace zelta::test {
 namespace {
@@ -19,23 +17,12 @@ using testing::StartsWith;
 using Clock = std::chrono::steady_clock;
 using IfdHandlerTest = HandlerFixture;
 
-struct ClosePipe {
-  void operator()(FILE* pipe) const { pclose(pipe); }
-};
-
 TEST_F(IfdHandlerTest, Exports_AreTheHandlersFunctionsAndNothingElse) {
-  const std::unique_ptr<FILE, ClosePipe> listing(
-      popen("nm -D --defined-only --format=posix " ZELTA_HANDLER, "r"));
-  ASSERT_NE(listing, nullptr);
-  std::vector<std::string> names;
-  std::array<char, 256> line{};
-  while (fgets(line.data(), line.size(), listing.get()) != nullptr) {
-    std::istringstream(line.data()) >> names.emplace_back();
-  }
-  EXPECT_THAT(names, testing::UnorderedElementsAre(
-                         "IFDHCreateChannelByName", "IFDHCreateChannel", "IFDHCloseChannel",
-                         "IFDHGetCapabilities", "IFDHSetCapabilities", "IFDHSetProtocolParameters",
-                         "IFDHPowerICC", "IFDHTransmitToICC", "IFDHControl", "IFDHICCPresence"));
+  EXPECT_THAT(exportedNames("nm", ZELTA_HANDLER),
+              testing::UnorderedElementsAre(
+                  "IFDHCreateChannelByName", "IFDHCreateChannel", "IFDHCloseChannel",
+                  "IFDHGetCapabilities", "IFDHSetCapabilities", "IFDHSetProtocolParameters",
+                  "IFDHPowerICC", "IFDHTransmitToICC", "IFDHControl", "IFDHICCPresence"));
 }
 
 TEST_F(IfdHandlerTest, ChannelWithoutAnAgent_OpensByNameOrNumberAndShowsNoCard) {
@@ -80,26 +67,23 @@ TEST_F(IfdHandlerTest, NumberThatIsNotOpen_IsRefusedByEveryFunction) {
   std::array<UCHAR, 8> bytes{};
   for (const DWORD lun : {DWORD{1}, kOtherLun, ~DWORD{0}}) {
     DWORD length = bytes.size();
-    EXPECT_EQ(handler_->close(lun), IFD_NO_SUCH_DEVICE);
-    EXPECT_EQ(handler_->presence(lun), IFD_NO_SUCH_DEVICE);
-    EXPECT_EQ(handler_->power(lun, IFD_POWER_UP, bytes.data(), &length), IFD_NO_SUCH_DEVICE);
-    EXPECT_EQ(handler_->setProtocol(lun, SCARD_PROTOCOL_T1, 0, 0, 0, 0), IFD_NO_SUCH_DEVICE);
-    EXPECT_EQ(handler_->getCapabilities(lun, TAG_IFD_ATR, &length, bytes.data()),
-              IFD_NO_SUCH_DEVICE);
-    EXPECT_EQ(handler_->setCapabilities(lun, SCARD_ATTR_DEVICE_IN_USE, 0, nullptr),
-              IFD_NO_SUCH_DEVICE);
-    EXPECT_EQ(handler_->control(lun, CM_IOCTL_GET_FEATURE_REQUEST, nullptr, 0, bytes.data(),
-                                bytes.size(), &length),
-              IFD_NO_SUCH_DEVICE);
+    const RESPONSECODE codes[] = {
+        handler_->close(lun),
+        handler_->presence(lun),
+        handler_->power(lun, IFD_POWER_UP, bytes.data(), &length),
+        handler_->setProtocol(lun, SCARD_PROTOCOL_T1, 0, 0, 0, 0),
+        handler_->getCapabilities(lun, TAG_IFD_ATR, &length, bytes.data()),
+        handler_->setCapabilities(lun, SCARD_ATTR_DEVICE_IN_USE, 0, nullptr),
+        handler_->control(lun, CM_IOCTL_GET_FEATURE_REQUEST, nullptr, 0, bytes.data(), bytes.size(),
+                          &length)};
+    EXPECT_THAT(codes, testing::Each(IFD_NO_SUCH_DEVICE));
     length = bytes.size();
     EXPECT_EQ(handler_->transmit(lun, {1, 16}, bytes.data(), 4, bytes.data(), &length, nullptr),
               IFD_NO_SUCH_DEVICE);
     EXPECT_EQ(length, 0u);
   }
-  const auto poll =
-      handler_->function<HandlerLibrary::PollFunction>(kLun, TAG_IFD_POLLING_THREAD_WITH_TIMEOUT);
+  const auto poll = handler_->pollFunction(kLun);
   EXPECT_EQ(poll(kOtherLun, kLong), IFD_SUCCESS);  // at once, and never anything else
-  EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
 }
 
 TEST_F(IfdHandlerTest, MissingPointers_AreRefused) {
@@ -121,7 +105,6 @@ TEST_F(IfdHandlerTest, MissingPointers_AreRefused) {
       handler_->control(kLun, 0, nullptr, 8, some, 8, &length)};
   EXPECT_THAT(codes, testing::Each(IFD_COMMUNICATION_ERROR));
   EXPECT_EQ(length, 0u);
-  EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
 }
 
 TEST_F(IfdHandlerTest, Card_IsPoweredSpokenToAndRemoved) {
@@ -148,7 +131,6 @@ TEST_F(IfdHandlerTest, Card_IsPoweredSpokenToAndRemoved) {
   EXPECT_TRUE(bytes.empty());
   EXPECT_EQ(power(IFD_POWER_UP, &bytes), IFD_ICC_NOT_PRESENT);
   EXPECT_TRUE(bytes.empty());
-  EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
 }
 
 TEST_F(IfdHandlerTest, BuffersThatAreTooSmall_AreTold) {
@@ -181,7 +163,6 @@ TEST_F(IfdHandlerTest, BuffersThatAreTooSmall_AreTold) {
     EXPECT_EQ(handler_->getCapabilities(kLun, tag, &length, bytes.data()), IFD_SUCCESS);
     EXPECT_EQ(length, size);
   }
-  EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
 }
 
 TEST_F(IfdHandlerTest, CommandsAndValuesThatAreTooLong_AreRefused) {
@@ -195,20 +176,17 @@ TEST_F(IfdHandlerTest, CommandsAndValuesThatAreTooLong_AreRefused) {
             IFD_ERROR_SET_FAILURE);
   EXPECT_EQ(handler_->setCapabilities(kLun, SCARD_ATTR_DEVICE_IN_USE, 4, value), IFD_SUCCESS);
   EXPECT_EQ(handler_->setCapabilities(kLun, SCARD_ATTR_VENDOR_NAME, 4, value), IFD_ERROR_TAG);
-  EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
 }
 
 TEST_F(IfdHandlerTest, StopFunction_EndsThePollThatIsYetToCome) {
   ASSERT_EQ(open(), IFD_SUCCESS);
-  const auto poll =
-      handler_->function<HandlerLibrary::PollFunction>(kLun, TAG_IFD_POLLING_THREAD_WITH_TIMEOUT);
+  const auto poll = handler_->pollFunction(kLun);
   const auto stop =
       handler_->function<HandlerLibrary::StopFunction>(kLun, TAG_IFD_STOP_POLLING_THREAD);
   EXPECT_EQ(stop(kLun), IFD_SUCCESS);
   const auto begun = Clock::now();
   EXPECT_EQ(poll(kLun, kLong), IFD_SUCCESS);
   EXPECT_LT(Clock::now() - begun, std::chrono::milliseconds(kLong / 2));
-  EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
 }
 
 TEST_F(IfdHandlerTest, CloseDuringACommand_SucceedsAndEndsIt) {
@@ -243,8 +221,7 @@ TEST(IfdHandlerProcessTest, ExitWithAChannelOpenAndThreadsInside_IsClean) {
         CardAgent agent;
         agent.setCardIn();
         if (handler.createByName(0, name) != IFD_SUCCESS || !agent.connect()) std::_Exit(2);
-        const auto poll =
-            handler.function<HandlerLibrary::PollFunction>(0, TAG_IFD_POLLING_THREAD_WITH_TIMEOUT);
+        const auto poll = handler.pollFunction(0);
         poll(0, 30000);
         std::thread([&] { poll(0, 30000); }).detach();
         const bool in = handler.presence(0) == IFD_SUCCESS;

@@ -179,7 +179,6 @@ TEST_P(HandlerMemoryTest, RunsOut_AndTheCallGivesACodeAndWorksAgain) {
     }
     EXPECT_EQ(call(), IFD_SUCCESS) << sweep.allocations();
   }
-  EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
 }
 
 INSTANTIATE_TEST_SUITE_P(Calls, HandlerMemoryTest, testing::ValuesIn(kHandlerCalls),

@@ -13,17 +13,7 @@ namespace zelta::test {
 
 namespace {
 
-// What is captured, and forgotten by `clear`.
-struct Captured {
-  std::vector<LogRecord> records;
-  std::vector<std::string> sessionIds;
-  std::vector<ByteDump> byteDumps;
-  bool hasLogger = false;
-  int shutDowns = 0;
-  bool shutDownFails = false;
-  std::function<void()> shutDownHook;
-  std::size_t recordsAtShutDown = 0;
-};
+using Captured = LogCapture::Captured;
 
 struct Store {
   std::mutex mutex;
@@ -56,12 +46,10 @@ void add(const LogRecord& record) {
 }
 
 template <typename Predicate>
-std::vector<LogRecord> select(Predicate predicate) {
-  return withCaptured([&](Captured& all) {
-    std::vector<LogRecord> selected;
-    std::copy_if(all.records.begin(), all.records.end(), std::back_inserter(selected), predicate);
-    return selected;
-  });
+std::vector<LogRecord> select(const std::vector<LogRecord>& records, Predicate predicate) {
+  std::vector<LogRecord> selected;
+  std::copy_if(records.begin(), records.end(), std::back_inserter(selected), predicate);
+  return selected;
 }
 
 constexpr auto kError = static_cast<std::uint8_t>(LogLevel::kError);
@@ -92,24 +80,24 @@ LogCapture::~LogCapture() {
   clear();
 }
 
-std::vector<LogRecord> LogCapture::records() const {
-  return select([](const LogRecord&) { return true; });
+LogCapture::Captured LogCapture::captured() const {
+  return withCaptured([](const Captured& all) { return all; });
 }
 
 std::vector<LogRecord> LogCapture::recordsAboveDebug() const {
-  return select([](const LogRecord& record) { return record.level < kDebug; });
+  return select(records(), [](const LogRecord& record) { return record.level < kDebug; });
 }
 
 std::vector<LogRecord> LogCapture::errors() const {
-  return select([](const LogRecord& record) { return record.level == kError; });
+  return select(records(), [](const LogRecord& record) { return record.level == kError; });
 }
 
 std::size_t LogCapture::count(const std::string& text) const {
-  return select([&](const LogRecord& record) { return record.text == text; }).size();
+  return select(records(), [&](const LogRecord& record) { return record.text == text; }).size();
 }
 
 bool LogCapture::contains(const LogRecord& wanted) const {
-  return !select([&](const LogRecord& record) { return record == wanted; }).empty();
+  return !select(records(), [&](const LogRecord& record) { return record == wanted; }).empty();
 }
 
 bool LogCapture::waitFor(const std::string& text, std::chrono::milliseconds limit) const {
@@ -124,20 +112,8 @@ bool LogCapture::waitFor(const std::string& text, std::chrono::milliseconds limi
 void LogCapture::clear() {
   withCaptured([](Captured& all) { all = Captured(); });
 }
-std::vector<std::string> LogCapture::sessionIds() const {
-  return withCaptured([](Captured& all) { return all.sessionIds; });
-}
-int LogCapture::shutDowns() const {
-  return withCaptured([](Captured& all) { return all.shutDowns; });
-}
-std::size_t LogCapture::recordsAtShutDown() const {
-  return withCaptured([](Captured& all) { return all.recordsAtShutDown; });
-}
 void LogCapture::failShutDown() {
   withCaptured([](Captured& all) { all.shutDownFails = true; });
-}
-std::vector<ByteDump> LogCapture::byteDumps() const {
-  return withCaptured([](Captured& all) { return all.byteDumps; });
 }
 void LogCapture::setHook(std::function<void(const LogRecord&)> hook) {
   withCaptured([&](Captured&) { store().hook = std::move(hook); });
@@ -180,7 +156,7 @@ void shutDownLogging() {
 }
 
 bool hasLogger() {
-  return withCaptured([](Captured& all) { return all.hasLogger; });
+  return withCaptured([](const Captured& all) { return all.hasLogger; });
 }
 
 void logByteDump(const std::uint8_t* bytes, std::uint64_t length, std::uint64_t bytesPerLine) {

@@ -38,12 +38,24 @@ LogRecord error(std::uint32_t code, const std::string& text);
 // Begins with an empty store; one at a time.
 class LogCapture {
  public:
+  // What is kept until `clear`.
+  struct Captured {
+    std::vector<LogRecord> records;
+    std::vector<std::string> sessionIds;
+    std::vector<ByteDump> byteDumps;
+    bool hasLogger = false;
+    int shutDowns = 0;
+    bool shutDownFails = false;
+    std::function<void()> shutDownHook;
+    std::size_t recordsAtShutDown = 0;
+  };
+
   LogCapture();
   ~LogCapture();
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  std::vector<LogRecord> records() const;
+  std::vector<LogRecord> records() const { return captured().records; }
   // Those above debug level, at which timed sections and contended locks report.
   std::vector<LogRecord> recordsAboveDebug() const;
   // Those of error level only.
@@ -55,20 +67,23 @@ class LogCapture {
                std::chrono::milliseconds limit = std::chrono::seconds(30)) const;
   void clear();
 
-  std::vector<std::string> sessionIds() const;
+  std::vector<std::string> sessionIds() const { return captured().sessionIds; }
   // How often the process's logger was shut down.
-  int shutDowns() const;
+  int shutDowns() const { return captured().shutDowns; }
   // How many records there were at the last of them.
-  std::size_t recordsAtShutDown() const;
+  std::size_t recordsAtShutDown() const { return captured().recordsAtShutDown; }
   // Lets shutting the logger down fail from now on.
   void failShutDown();
   // Called while the logger is being shut down. An empty hook ends that.
   void setShutDownHook(std::function<void()> hook);
-  std::vector<ByteDump> byteDumps() const;
+  std::vector<ByteDump> byteDumps() const { return captured().byteDumps; }
 
   // Called on the logging thread for every record, after it was stored. Its exceptions leave the
   // logger, as a failing logger's do. An empty hook ends that.
   void setHook(std::function<void(const LogRecord&)> hook);
+
+ private:
+  Captured captured() const;
 };
 
 }  // namespace zelta::test

@@ -24,6 +24,16 @@ class LoggingPorts {
   FakeFolders folders;
   FakeRegistry registry;
 
+  // Changes a text and waits until the one who watches it has dealt with it: it subscribes anew.
+  void change(const std::u16string& key, const std::u16string& name, const std::u16string& text) {
+    registry.waitForCalls(FakeRegistry::Call::kNotifyChange, 1);
+    const std::size_t calls = registry.calls(FakeRegistry::Call::kNotifyChange);
+    registry.setText(key, name, text);
+    registry.waitForCalls(FakeRegistry::Call::kNotifyChange, calls + 1);
+  }
+  // Whether every key and event that was opened is closed.
+  bool allClosed() { return registry.openKeys() == 0 && events.open() == 0; }
+
  private:
   const ScopedClock clockInPlace_{clock};
   const ScopedPort eventsInPlace_{&platform::Ports::events, events};

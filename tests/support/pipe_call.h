@@ -53,4 +53,12 @@ class PipeCallThread {
   std::thread thread_;  // last: it uses the others
 };
 
+// A call that is blocked in the system, or has ended already, once this object is there.
+class BlockedPipeCall : public PipeCallThread {
+ public:
+  explicit BlockedPipeCall(std::function<bool()> call) : PipeCallThread(std::move(call)) {
+    waitUntilBlocked();
+  }
+};
+
 }  // namespace zelta::test

@@ -1,8 +1,10 @@
 // What the test's own process holds at this moment, as the operating system tells it.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace zelta::test {
@@ -11,7 +13,15 @@ namespace zelta::test {
 std::size_t threadCount();
 // Threads of the process as soon as there are no more than expected, else after ten seconds: the
 // system may list a thread a moment longer than it takes to join it.
-std::size_t threadsLeft(std::size_t expected);
+inline std::size_t threadsLeft(std::size_t expected) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  std::size_t count = threadCount();
+  while (count > expected && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));  // there is no event for it
+    count = threadCount();
+  }
+  return count;
+}
 // What the open file descriptors point to, sorted; the descriptor of the query itself is left out.
 std::vector<std::string> openFiles();
 // Whether a file of that path is mapped into memory.

@@ -4,8 +4,10 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <iostream>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "logging/file_logger.h"
@@ -17,10 +19,15 @@ struct RecordedLine {
   std::int32_t level = 0;
   std::int32_t resultCode = 0;
   std::string message;
-};
 
-bool operator==(const RecordedLine& a, const RecordedLine& b);
-std::ostream& operator<<(std::ostream& out, const RecordedLine& line);
+  friend bool operator==(const RecordedLine& a, const RecordedLine& b) {
+    return std::tie(a.level, a.resultCode, a.message) == std::tie(b.level, b.resultCode, b.message);
+  }
+  friend std::ostream& operator<<(std::ostream& out, const RecordedLine& line) {
+    return out << "level " << line.level << " code " << line.resultCode << " \"" << line.message
+               << '"';
+  }
+};
 
 class RecordingLogger final : public logging::LoggerBase {
  public:
@@ -33,14 +40,26 @@ class RecordingLogger final : public logging::LoggerBase {
   void printLines() { prints_ = true; }
 
   // Null: a recording logger has no children.
-  std::unique_ptr<logging::FileLogger> createChildForSession(const std::string&) override;
-  std::unique_ptr<logging::FileLogger> createChildForCategory(std::uint32_t) override;
+  std::unique_ptr<logging::FileLogger> createChildForSession(const std::string&) override {
+    return nullptr;
+  }
+  std::unique_ptr<logging::FileLogger> createChildForCategory(std::uint32_t) override {
+    return nullptr;
+  }
   using LoggerBase::log;
   void log(const std::string& message, logging::Level level,
-           const std::int32_t& resultCode) override;
-  void log(const std::string& message, std::int32_t level, std::int32_t resultCode) override;
-  void writeLine(const std::string& message, std::uint32_t category, std::int32_t level,
-                 std::int32_t resultCode, const std::string& sessionLogId) override;
+           const std::int32_t& resultCode) override {
+    writeLine(message, 0, static_cast<std::int32_t>(level), resultCode, {});
+  }
+  void log(const std::string& message, std::int32_t level, std::int32_t resultCode) override {
+    writeLine(message, 0, level, resultCode, {});
+  }
+  void writeLine(const std::string& message, std::uint32_t, std::int32_t level,
+                 std::int32_t resultCode, const std::string&) override {
+    const RecordedLine line{level, resultCode, message};
+    lines_.add(line);
+    if (prints_) std::cerr << line << std::endl;
+  }
 
  private:
   Collected<RecordedLine> lines_;

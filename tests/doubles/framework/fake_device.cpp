@@ -13,8 +13,6 @@ using platform::MutexLock;
 
 namespace {
 
-std::atomic<int> objects{0};
-
 ComPtr<IWDFMemory> inputOf(IWDFIoRequest& request) {
   ComPtr<IWDFMemory> memory;
   request.GetInputMemory(memory.put());
@@ -60,13 +58,90 @@ class CountingContext final
   std::atomic<std::uint32_t>& cleanups_;
 };
 
+ComPtr<CountingContext> makeContext(std::atomic<std::uint32_t>& cleanups) {
+  return ComPtr<CountingContext>::adopt(framework::createObject<CountingContext>(cleanups));
+}
+
+void answerFileName(IWDFIoRequest& request) {
+  DWORD length = inputNumber(request);
+  std::vector<wchar_t> name(length + 1, L'#');
+  ComPtr<framework::IWDFFile> file;
+  request.GetFileObject(file.put());
+  const HRESULT result = file->RetrieveFileName(name.data(), &length);
+  std::vector<std::uint32_t> numbers = {static_cast<std::uint32_t>(result), length};
+  for (const wchar_t character : name) numbers.push_back(static_cast<std::uint32_t>(character));
+  answerNumbers(request, numbers);
+}
+
+// Without a context; the first and a second attempt to attach one; with it.
+void answerContexts(IWDFIoRequest& request, std::atomic<std::uint32_t>& cleanups) {
+  void* context = nullptr;
+  std::vector<std::uint32_t> results;
+  const auto note = [&](HRESULT result) { results.push_back(static_cast<std::uint32_t>(result)); };
+  note(request.RetrieveContext(&context));
+  const auto cleanup = makeContext(cleanups);
+  note(request.AssignContext(cleanup.get(), cleanup.get()));
+  note(request.AssignContext(cleanup.get(), nullptr));
+  note(request.RetrieveContext(&context) == framework::kOk && context == cleanup.get()
+           ? framework::kOk
+           : kFailure);
+  answerNumbers(request, results);
+}
+
+template <typename Interface>
+bool same(const ComPtr<Interface>& object, framework::IUnknown* expected) {
+  ComPtr<framework::IUnknown> one;
+  ComPtr<framework::IUnknown> other;
+  if (!object || expected == nullptr) return false;
+  object->QueryInterface(framework::IUnknown::iid, one.putVoid());
+  expected->QueryInterface(framework::IUnknown::iid, other.putVoid());
+  return one && one.get() == other.get();
+}
+
+std::size_t wrongGetters(framework::IWDFIoQueue& queue, IWDFIoRequest& request) {
+  ComPtr<framework::IWDFIoQueue> requestQueue;
+  ComPtr<framework::IWDFIoQueue> defaultQueue;
+  ComPtr<IWDFDevice> device;
+  ComPtr<IWDFDevice> fileDevice;
+  ComPtr<framework::IWDFFile> file;
+  ComPtr<framework::IWDFDriver> driver;
+  ComPtr<framework::IWDFObject> object;
+  request.GetIoQueue(requestQueue.put());
+  queue.GetDevice(device.put());
+  device->GetDefaultIoQueue(defaultQueue.put());
+  request.GetFileObject(file.put());
+  file->GetDevice(fileDevice.put());
+  device->GetDriver(driver.put());
+  request.QueryInterface(framework::IWDFObject::iid, object.putVoid());
+  ComPtr<framework::IWDFFile> notAFile;
+  const HRESULT noInterface = request.QueryInterface(framework::IWDFFile::iid, notAFile.putVoid());
+  return std::size_t{!same(requestQueue, &queue)} + !same(defaultQueue, &queue) +
+         !same(fileDevice, device.get()) + !driver + !same(object, &request) +
+         (noInterface != framework::kNoInterface) +
+         (request.GetType() != framework::kRequestTypeDeviceIoControl);
+}
+
+std::size_t unexpectedSuccesses(framework::IWDFIoQueue& queue, IWDFIoRequest& request) {
+  ComPtr<IWDFDevice> device;
+  queue.GetDevice(device.put());
+  ComPtr<IWDFMemory> input = inputOf(request);
+  ComPtr<framework::IWDFIoQueue> second;
+  const std::array<HRESULT, 10> results = {
+      request.DeleteWdfObject(),
+      request.ForwardToIoQueue(&queue),
+      request.Send(nullptr, 0, 0),
+      queue.RetrieveNextRequest(nullptr),
+      queue.ConfigureRequestDispatching(framework::kRequestTypeDeviceIoControl, 1),
+      device->RetrieveDeviceName(nullptr, nullptr),
+      device->CreateSymbolicLink(L"link"),
+      device->CreateIoQueue(nullptr, 1, framework::kDispatchSequential, 0, 1, second.put()),
+      device->CreateIoQueue(nullptr, 1, framework::kDispatchParallel, 0, 1, second.put()),
+      input->CopyFromMemory(nullptr, nullptr)};
+  return static_cast<std::size_t>(
+      std::count_if(results.begin(), results.end(), framework::succeeded));
+}
+
 }  // namespace
-
-int liveObjects() { return objects; }
-
-Counted::Counted() { ++objects; }
-
-Counted::~Counted() { --objects; }
 
 bool failing(const char* what) {
   const char* wanted = std::getenv(kFailVariable);
@@ -89,37 +164,23 @@ thread_local IWDFIoRequest* FakeDevice::marking_ = nullptr;
 void FakeDevice::OnDeviceIoControl(framework::IWDFIoQueue* queue, IWDFIoRequest* request,
                                    ULONG code, SIZE_T inLength, SIZE_T outLength) {
   const Inside inside(*this);
-  auto context = ComPtr<CountingContext>::adopt(
-      framework::createObject<CountingContext>(counters_[kCleanups]));
+  auto context = makeContext(counters_[kCleanups]);
   if (code != kContexts) request->AssignContext(context.get(), context.get());
   context.reset();
-  switch (code) {
-    case kGetters:
-      request->CompleteWithInformation(framework::kOk, wrongGetters(*queue, *request));
-      break;
-    case kUnimplemented:
-      request->CompleteWithInformation(framework::kOk, unexpectedSuccesses(*queue, *request));
-      break;
-    case kWait:
-    case kMarkTwice:
-    case kWaitForEver:
-    case kReleaseWaiting:
-    case kBlock:
-    case kKeepUnmarked:
-    case kMarkKept:
-    case kCompleteKept:
-    case kBlocked:
-    case kUnblock:
-      waiting(*request, code);
-      break;
-    default:
-      data(*request, code, inLength, outLength);
-      break;
+  if (code < kWait) {
+    data(*queue, *request, code, inLength, outLength);
+  } else {
+    waiting(*request, code);
   }
 }
 
-void FakeDevice::data(IWDFIoRequest& request, ULONG code, SIZE_T inLength, SIZE_T outLength) {
+void FakeDevice::data(framework::IWDFIoQueue& queue, IWDFIoRequest& request, ULONG code,
+                      SIZE_T inLength, SIZE_T outLength) {
   switch (code) {
+    case kGetters:
+      return request.CompleteWithInformation(framework::kOk, wrongGetters(queue, request));
+    case kUnimplemented:
+      return request.CompleteWithInformation(framework::kOk, unexpectedSuccesses(queue, request));
     case kEcho: {
       const auto input = inputOf(request);
       return answer(request, input ? input->GetDataBuffer(nullptr) : nullptr, inLength);
@@ -178,7 +239,7 @@ void FakeDevice::data(IWDFIoRequest& request, ULONG code, SIZE_T inLength, SIZE_
                            {told, static_cast<std::uint32_t>(in), static_cast<std::uint32_t>(out)});
     }
     case kContexts:
-      return answerContexts(request);
+      return answerContexts(request, counters_[kCleanups]);
     case kCounters:
       return answerNumbers(request, {counters_.begin(), counters_.end()});
     default:
@@ -225,86 +286,6 @@ void FakeDevice::waiting(IWDFIoRequest& request, ULONG code) {
       unblock();
       return request.CompleteWithInformation(framework::kOk, 0);
   }
-}
-
-void FakeDevice::answerFileName(IWDFIoRequest& request) {
-  DWORD length = inputNumber(request);
-  std::vector<wchar_t> name(length + 1, L'#');
-  ComPtr<framework::IWDFFile> file;
-  request.GetFileObject(file.put());
-  const HRESULT result = file->RetrieveFileName(name.data(), &length);
-  std::vector<std::uint32_t> numbers = {static_cast<std::uint32_t>(result), length};
-  for (const wchar_t character : name) numbers.push_back(static_cast<std::uint32_t>(character));
-  answerNumbers(request, numbers);
-}
-
-// Without a context; the first and a second attempt to attach one; with it.
-void FakeDevice::answerContexts(IWDFIoRequest& request) {
-  void* context = nullptr;
-  std::vector<std::uint32_t> results;
-  const auto note = [&](HRESULT result) { results.push_back(static_cast<std::uint32_t>(result)); };
-  note(request.RetrieveContext(&context));
-  const auto cleanup = ComPtr<CountingContext>::adopt(
-      framework::createObject<CountingContext>(counters_[kCleanups]));
-  note(request.AssignContext(cleanup.get(), cleanup.get()));
-  note(request.AssignContext(cleanup.get(), nullptr));
-  note(request.RetrieveContext(&context) == framework::kOk && context == cleanup.get()
-           ? framework::kOk
-           : kFailure);
-  answerNumbers(request, results);
-}
-
-template <typename Interface>
-bool same(const ComPtr<Interface>& object, framework::IUnknown* expected) {
-  ComPtr<framework::IUnknown> one;
-  ComPtr<framework::IUnknown> other;
-  if (!object || expected == nullptr) return false;
-  object->QueryInterface(framework::IUnknown::iid, one.putVoid());
-  expected->QueryInterface(framework::IUnknown::iid, other.putVoid());
-  return one && one.get() == other.get();
-}
-
-std::size_t FakeDevice::wrongGetters(framework::IWDFIoQueue& queue, IWDFIoRequest& request) {
-  ComPtr<framework::IWDFIoQueue> requestQueue;
-  ComPtr<framework::IWDFIoQueue> defaultQueue;
-  ComPtr<IWDFDevice> device;
-  ComPtr<IWDFDevice> fileDevice;
-  ComPtr<framework::IWDFFile> file;
-  ComPtr<framework::IWDFDriver> driver;
-  ComPtr<framework::IWDFObject> object;
-  request.GetIoQueue(requestQueue.put());
-  queue.GetDevice(device.put());
-  device->GetDefaultIoQueue(defaultQueue.put());
-  request.GetFileObject(file.put());
-  file->GetDevice(fileDevice.put());
-  device->GetDriver(driver.put());
-  request.QueryInterface(framework::IWDFObject::iid, object.putVoid());
-  ComPtr<framework::IWDFFile> notAFile;
-  const HRESULT noInterface = request.QueryInterface(framework::IWDFFile::iid, notAFile.putVoid());
-  return std::size_t{!same(requestQueue, &queue)} + !same(defaultQueue, &queue) +
-         !same(fileDevice, device.get()) + !driver + !same(object, &request) +
-         (noInterface != framework::kNoInterface) +
-         (request.GetType() != framework::kRequestTypeDeviceIoControl);
-}
-
-std::size_t FakeDevice::unexpectedSuccesses(framework::IWDFIoQueue& queue, IWDFIoRequest& request) {
-  ComPtr<IWDFDevice> device;
-  queue.GetDevice(device.put());
-  ComPtr<IWDFMemory> input = inputOf(request);
-  ComPtr<framework::IWDFIoQueue> second;
-  const std::array<HRESULT, 10> results = {
-      request.DeleteWdfObject(),
-      request.ForwardToIoQueue(&queue),
-      request.Send(nullptr, 0, 0),
-      queue.RetrieveNextRequest(nullptr),
-      queue.ConfigureRequestDispatching(framework::kRequestTypeDeviceIoControl, 1),
-      device->RetrieveDeviceName(nullptr, nullptr),
-      device->CreateSymbolicLink(L"link"),
-      device->CreateIoQueue(nullptr, 1, framework::kDispatchSequential, 0, 1, second.put()),
-      device->CreateIoQueue(nullptr, 1, framework::kDispatchParallel, 0, 1, second.put()),
-      input->CopyFromMemory(nullptr, nullptr)};
-  return static_cast<std::size_t>(
-      std::count_if(results.begin(), results.end(), framework::succeeded));
 }
 
 }  // namespace zelta::test::fake_driver

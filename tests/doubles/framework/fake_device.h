@@ -27,12 +27,12 @@ inline constexpr HRESULT kCancelled = status::kCancelled;
 inline constexpr HRESULT kNoMemory = status::kOutOfMemory;
 
 // The module's living objects.
-int liveObjects();
+inline std::atomic<int> liveObjects{0};
 
 // Counts an object of the module.
 struct Counted {
-  Counted();
-  ~Counted();
+  Counted() { ++liveObjects; }
+  ~Counted() { --liveObjects; }
 };
 
 // True where `what` is the thing that is to go wrong.
@@ -127,7 +127,8 @@ class FakeDevice final
     FakeDevice& device_;
   };
 
-  void data(IWDFIoRequest& request, ULONG code, SIZE_T inLength, SIZE_T outLength);
+  void data(framework::IWDFIoQueue& queue, IWDFIoRequest& request, ULONG code, SIZE_T inLength,
+            SIZE_T outLength);
   void waiting(IWDFIoRequest& request, ULONG code);
 
   void wait(IWDFIoRequest& request) {
@@ -183,11 +184,6 @@ class FakeDevice final
     }
     return counts;
   }
-
-  void answerFileName(IWDFIoRequest& request);
-  void answerContexts(IWDFIoRequest& request);
-  static std::size_t wrongGetters(framework::IWDFIoQueue& queue, IWDFIoRequest& request);
-  static std::size_t unexpectedSuccesses(framework::IWDFIoQueue& queue, IWDFIoRequest& request);
 
   Counted counted_;
   std::array<std::atomic<std::uint32_t>, kCounterCount> counters_{};

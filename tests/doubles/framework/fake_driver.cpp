@@ -93,8 +93,8 @@ DllGetClassObject(zelta::framework::REFCLSID classId, zelta::framework::REFIID w
 
 ZELTA_FAKE_EXPORT HRESULT ZELTA_STDMETHODCALLTYPE DllCanUnloadNow() {
   trace("DllCanUnloadNow");
-  return liveObjects() == 0 && !failing(kFailUnload) ? zelta::framework::kOk
-                                                     : zelta::framework::kFalse;
+  return liveObjects == 0 && !failing(kFailUnload) ? zelta::framework::kOk
+                                                   : zelta::framework::kFalse;
 }
 
 #if defined(FAKE_VERSION_MAJOR)

@@ -44,17 +44,18 @@ enum Control : std::uint32_t {
   kUnimplemented,      // completes with the count of unused operations that did not fail
   kParameters,         // out: code, input and output length as the request tells them
   kContexts,           // out: the statuses of four context calls (see fake_driver.cpp)
-  kWait,               // waits, cancelable
-  kMarkTwice,          // waits, cancelable; marks the request once more, against the rules
-  kWaitForEver,        // waits, not cancelable, until OnDeinitialize
-  kReleaseWaiting,     // in: status; completes what waits; out: completed, refused
-  kBlock,              // stays in the dispatch callback until kUnblock or OnD0Exit
-  kKeepUnmarked,       // waits, not cancelable yet; one at a time
-  kMarkKept,           // that one becomes cancelable
-  kCompleteKept,       // that one is completed with success
-  kBlocked,            // in: a number; waits until so many are blocked, or for OnD0Exit
-  kUnblock,            // lets all go on that are blocked at that moment
   kCounters,           // out: see Counter
+  // From here on, those that have to do with waiting.
+  kWait,            // waits, cancelable
+  kMarkTwice,       // waits, cancelable; marks the request once more, against the rules
+  kWaitForEver,     // waits, not cancelable, until OnDeinitialize
+  kReleaseWaiting,  // in: status; completes what waits; out: completed, refused
+  kBlock,           // stays in the dispatch callback until kUnblock or OnD0Exit
+  kKeepUnmarked,    // waits, not cancelable yet; one at a time
+  kMarkKept,        // that one becomes cancelable
+  kCompleteKept,    // that one is completed with success
+  kBlocked,         // in: a number; waits until so many are blocked, or for OnD0Exit
+  kUnblock,         // lets all go on that are blocked at that moment
 };
 
 inline constexpr std::size_t kHasInput = 1;

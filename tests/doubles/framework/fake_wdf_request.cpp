@@ -24,6 +24,7 @@ HRESULT FakeWdfMemory::CopyFromBuffer(framework::ULONG_PTR offset, const void* s
   if (offset > bytes.size() || size > bytes.size() - offset) return kInsufficientBuffer;
   const auto* from = static_cast<const std::uint8_t*>(source);
   std::copy_n(from, size, bytes.begin() + static_cast<std::ptrdiff_t>(offset));
+  written = true;
   return framework::kOk;
 }
 
@@ -98,7 +99,15 @@ int FakeWdfRequest::completions() const {
 
 bool FakeWdfRequest::waitCompleted(std::chrono::milliseconds limit) const {
   MutexLock lock(mutex_);
-  return changed_.waitFor(lock, limit, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return done_; });
+  return changed_.waitFor(lock, limit, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return done_ && driversReferences() == 0;
+  });
+}
+
+bool FakeWdfRequest::waitMarked(std::chrono::milliseconds limit) const {
+  MutexLock lock(mutex_);
+  return changed_.waitFor(lock, limit,
+                          [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return marked_; });
 }
 
 HRESULT FakeWdfRequest::status() const {
@@ -149,6 +158,8 @@ void FakeWdfRequest::MarkCancelable(framework::IRequestCallbackCancel* callback)
   {
     const MutexLock lock(mutex_);
     if (callback_ || cancelCallbacks_ > 0) violation("was marked cancelable twice");
+    marked_ = true;
+    changed_.notifyAll();
     if (!cancelled_) {
       callback_ = framework::ComPtr<framework::IRequestCallbackCancel>(callback);
       return;

@@ -51,6 +51,7 @@ class FakeWdfMemory final : public FakeWdfObject<framework::IWDFMemory> {
   using FakeWdfObject::expire;
 
   Bytes bytes;
+  std::atomic<bool> written{false};
 };
 
 class FakeWdfFile final : public FakeWdfObject<framework::IWDFFile> {
@@ -71,6 +72,9 @@ class FakeWdfRequest final : public FakeWdfObject<framework::IWDFIoRequest> {
 
   // Hands the request to its cancel callback, now or as soon as it is marked cancelable.
   void cancel() ZELTA_EXCLUDES(mutex_);
+  // Before the request is handed over: other buffers than at first.
+  void setInput(Bytes bytes) { input_.emplace(violations, std::move(bytes)); }
+  void setOutput(Bytes bytes) { output_.emplace(violations, std::move(bytes)); }
   // From now on its file has another name, or none that can be read.
   void rename(std::wstring fileName, framework::HRESULT result = 0);
 
@@ -80,18 +84,26 @@ class FakeWdfRequest final : public FakeWdfObject<framework::IWDFIoRequest> {
 
   int completions() const ZELTA_EXCLUDES(mutex_);
   bool completed() const { return completions() > 0; }
+  // Also until the driver has given its references on the request back.
   bool waitCompleted(std::chrono::milliseconds limit = std::chrono::seconds(60)) const
       ZELTA_EXCLUDES(mutex_);
+  bool waitMarked(std::chrono::milliseconds limit) const ZELTA_EXCLUDES(mutex_);
   // Those of the first completion; a failure of the test before it.
   framework::HRESULT status() const ZELTA_EXCLUDES(mutex_);
   std::optional<std::size_t> information() const ZELTA_EXCLUDES(mutex_);
   // The whole output buffer.
   const Bytes& output() const { return output_->bytes; }
+  bool outputWritten() const { return output_ && output_->written; }
   bool markedCancelable() const ZELTA_EXCLUDES(mutex_);
   int cancelCallbacks() const ZELTA_EXCLUDES(mutex_);
   // On the request, its memory and its file.
   int driversReferencesInAll() const;
 
+  framework::ULONG ZELTA_STDMETHODCALLTYPE Release() override {
+    const platform::MutexLock lock(mutex_);
+    changed_.notifyAll();
+    return FakeWdfObject::Release();
+  }
   void ZELTA_STDMETHODCALLTYPE CompleteWithInformation(framework::HRESULT status,
                                                        framework::SIZE_T information) override {
     complete("CompleteWithInformation", status, information);
@@ -142,7 +154,8 @@ class FakeWdfRequest final : public FakeWdfObject<framework::IWDFIoRequest> {
   int cancelCallbacks_ ZELTA_GUARDED_BY(mutex_) = 0;
   framework::HRESULT status_ ZELTA_GUARDED_BY(mutex_) = 0;
   std::optional<std::size_t> information_ ZELTA_GUARDED_BY(mutex_);
-  bool done_ ZELTA_GUARDED_BY(mutex_) = false;  // nothing of the completion is still to come
+  bool done_ ZELTA_GUARDED_BY(mutex_) = false;    // nothing of the completion is still to come
+  bool marked_ ZELTA_GUARDED_BY(mutex_) = false;  // once
   bool cancelled_ ZELTA_GUARDED_BY(mutex_) = false;
   framework::ComPtr<framework::IRequestCallbackCancel> callback_ ZELTA_GUARDED_BY(mutex_);
 };

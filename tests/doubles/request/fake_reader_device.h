@@ -5,8 +5,12 @@
 // nothing is going on in the reader.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <functional>
+#include <stdexcept>
+#include <thread>
 #include <vector>
 
 #include "driver/request/io_request.h"
@@ -20,23 +24,42 @@ class FakeReaderDevice final : public ReaderDevice {
  public:
   FakeReaderDevice() = default;
   // Fails the running test if a reference on the cancel callback is still out.
-  ~FakeReaderDevice();
+  ~FakeReaderDevice() { EXPECT_EQ(callback_.references, 0) << "cancel callback not released"; }
   FakeReaderDevice(const FakeReaderDevice&) = delete;
   FakeReaderDevice& operator=(const FakeReaderDevice&) = delete;
 
   // Throws std::runtime_error ("no lock") while it was told to.
-  platform::CriticalSection& deviceLock() override;
-  framework::HRESULT queryInterface(framework::REFIID iid, void** out) override;
+  platform::CriticalSection& deviceLock() override {
+    if (failsLock_) throw std::runtime_error("no lock");
+    if (onLock) onLock();
+    return lock_;
+  }
+  framework::HRESULT queryInterface(framework::REFIID iid, void** out) override {
+    *out = nullptr;
+    const framework::HRESULT result = queryResult_;
+    return result != framework::kOk ? result : callback_.QueryInterface(iid, out);
+  }
 
   // What `queryInterface` gives from now on; 0 gives the callback.
   void setQueryResult(framework::HRESULT result) { queryResult_ = result; }
   void failLock(bool fail) { failsLock_ = fail; }
   // Whether some thread holds the device lock. Costs a thread.
-  bool lockIsHeld();
+  bool lockIsHeld() {
+    bool held = true;
+    std::thread([&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+      if (!lock_.tryEnter()) return;
+      held = false;
+      lock_.leave();
+    }).join();
+    return held;
+  }
   int callbackReferences() const { return callback_.references; }
 
   // Requests in the order of their completion.
-  void noteCompletion(const IoRequest& request);
+  void noteCompletion(const IoRequest& request) {
+    if (onCompletion) onCompletion();
+    completed_.add(&request);
+  }
   std::vector<const IoRequest*> completed() const { return completed_.all(); }
 
   // What the cancel callback does, with the device lock held. Empty: nothing.
@@ -50,10 +73,24 @@ class FakeReaderDevice final : public ReaderDevice {
   // callback only has to be the one that the device gave out.
   struct Callback final : framework::IRequestCallbackCancel {
     framework::HRESULT ZELTA_STDMETHODCALLTYPE QueryInterface(framework::REFIID wanted,
-                                                              void** out) override;
-    framework::ULONG ZELTA_STDMETHODCALLTYPE AddRef() override;
-    framework::ULONG ZELTA_STDMETHODCALLTYPE Release() override;
-    void ZELTA_STDMETHODCALLTYPE OnCancel(framework::IWDFIoRequest* request) override;
+                                                              void** out) override {
+      if (wanted != framework::kIidRequestCallbackCancel) return framework::kNoInterface;
+      *out = static_cast<framework::IRequestCallbackCancel*>(this);
+      AddRef();
+      return framework::kOk;
+    }
+    framework::ULONG ZELTA_STDMETHODCALLTYPE AddRef() override {
+      return static_cast<framework::ULONG>(++references);
+    }
+    framework::ULONG ZELTA_STDMETHODCALLTYPE Release() override {
+      const int left = --references;
+      EXPECT_GE(left, 0) << "cancel callback released too often";
+      return static_cast<framework::ULONG>(left);
+    }
+    void ZELTA_STDMETHODCALLTYPE OnCancel(framework::IWDFIoRequest* /*request*/) override {
+      ADD_FAILURE() << "requests of this device are not the framework's";
+    }
+
     std::atomic<int> references{0};
   };
 

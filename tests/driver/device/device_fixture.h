@@ -93,4 +93,12 @@ class DeviceFixture : public testing::Test {
   RecordingReader* reader_ = nullptr;  // the device's
 };
 
+class CreatedDevice : public DeviceFixture {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(create(), status::kSuccess);
+    log_.clear();
+  }
+};
+
 }  // namespace zelta::test

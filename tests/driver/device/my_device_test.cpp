@@ -10,7 +10,6 @@ namespace zelta {
 namespace {
 
 using framework::HRESULT;
-using test::DeviceFixture;
 using test::error;
 using test::info;
 using test::logCode;
@@ -19,7 +18,7 @@ using testing::IsEmpty;
 
 constexpr HRESULT kAccessDenied = framework::hresult(0x80070005);
 
-class CreateDevice : public DeviceFixture {};
+using CreateDevice = test::DeviceFixture;
 
 TEST_F(CreateDevice, MissingArgument_IsLoggedAndInvalid) {
   EXPECT_EQ(CMyDevice::CreateInstance(nullptr, &framework_.init, factory_),
@@ -78,12 +77,8 @@ TEST_F(CreateDevice, DeviceObject_AnswersForItsInterfacesOnly) {
             framework::kNoInterface);
 }
 
-class Hardware : public DeviceFixture {
+class Hardware : public test::CreatedDevice {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(create(), status::kSuccess);
-    log_.clear();
-  }
   framework::ComPtr<framework::IWDFDevice> makeOtherDevice() {
     framework::ComPtr<framework::IWDFDevice> other;
     framework_.driver.CreateDevice(nullptr, wdfDevice()->callback.get(), other.put());
@@ -133,12 +128,8 @@ TEST_F(Hardware, ReleasedWithAnotherDevice_ChangesNothing) {
   held->remove();
 }
 
-class WorkingState : public DeviceFixture {
+class WorkingState : public test::CreatedDevice {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(create(), status::kSuccess);
-    log_.clear();
-  }
   void enter() {
     ASSERT_EQ(framework_.enterD0(), status::kSuccess);
     story_.taken();

@@ -11,13 +11,7 @@ using test::info;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class Queue : public test::DeviceFixture {
- protected:
-  void SetUp() override {
-    ASSERT_EQ(create(), status::kSuccess);
-    log_.clear();
-  }
-};
+using Queue = test::CreatedDevice;
 
 TEST_F(Queue, MissingDevice_IsInvalidAndNotLogged) {
   EXPECT_EQ(CMyQueue::CreateInstance(wdfDevice(), nullptr), status::kInvalidArgument);

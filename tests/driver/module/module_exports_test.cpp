@@ -4,37 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <memory>
-#include <sstream>
-#include <string>
-#include <vector>
+
+#include "tests/support/exported_names_linux.h"
 
 namespace {
 
 using testing::UnorderedElementsAre;
 
-std::string outputOf(const std::string& command) {
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-  std::string output;
-  char buffer[256];
-  while (std::fgets(buffer, sizeof buffer, pipe.get()) != nullptr) output += buffer;
-  return output;
-}
-
-// "address type name" of every defined dynamic symbol.
-std::vector<std::string> exportedNames() {
-  std::istringstream lines(outputOf(std::string(ZELTA_NM) + " -D --defined-only " ZELTA_MODULE));
-  std::vector<std::string> names;
-  std::string address;
-  std::string type;
-  std::string name;
-  while (lines >> address >> type >> name) names.push_back(name);
-  return names;
-}
-
 TEST(ModuleExports, AreTheFiveNamesAndNothingElse) {
-  EXPECT_THAT(exportedNames(),
+  EXPECT_THAT(zelta::test::exportedNames(ZELTA_NM, ZELTA_MODULE),
               UnorderedElementsAre("DllCanUnloadNow", "DllGetClassObject", "DllRegisterServer",
                                    "DllUnregisterServer", "Microsoft_WDF_UMDF_Version"));
 }

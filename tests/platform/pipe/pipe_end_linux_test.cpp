@@ -24,9 +24,6 @@ class PipeEndTest : public SystemPipeTest {
  protected:
   void SetUp() override { createPipe(); }
 
-  static void waitUntilBlocked(std::initializer_list<PipeCallThread*> calls) {
-    for (PipeCallThread* call : calls) call->waitUntilBlocked();
-  }
   // As a caller stops: cancels until the operation has ended.
   PipeOutcome outcomeOfCancelled(const std::function<bool()>& waiting) {
     PipeCallThread call(waiting);
@@ -114,8 +111,7 @@ TEST_F(PipeEndTest, OnlyClientThatLeftBeforeItWasLetIn_CountsIfItLeftBytes) {
     PipeClient gone;
     ASSERT_TRUE(gone.connect(kPipeName));
   }
-  PipeCallThread connecting(connect_);
-  connecting.waitUntilBlocked();
+  BlockedPipeCall connecting(connect_);
   EXPECT_FALSE(connecting.ended());
   expectServed(connecting);
   ASSERT_EQ(disconnect(), kPipeOk);
@@ -138,36 +134,31 @@ TEST_F(PipeEndTest, ClientThatHasLeft_IsReplacedByTheNextConnect) {
 
 TEST_F(PipeEndTest, ClientThatLeaves_EndsABlockedWrite) {
   PipeClient client = connected();
-  PipeCallThread writing(writeLarge_);
-  writing.waitUntilBlocked();
+  BlockedPipeCall writing(writeLarge_);
   client.close();
   EXPECT_THAT(writing.outcome().error, AnyOf(error::kNoData, error::kBrokenPipe));
 }
 
 TEST_F(PipeEndTest, Cancel_ReleasesTheBlockedCallsOfAllThreads) {
   {
-    PipeCallThread first(connect_);
-    PipeCallThread second(connect_);
-    waitUntilBlocked({&first, &second});
+    BlockedPipeCall first(connect_);
+    BlockedPipeCall second(connect_);
     EXPECT_EQ(cancel(), kPipeOk);
     EXPECT_EQ(first.outcome(), kAborted);
     EXPECT_EQ(second.outcome(), kAborted);
   }
   PipeClient client = connected();
-  PipeCallThread writing(writeLarge_);
-  PipeCallThread reading(readByte_);
-  writing.waitUntilBlocked();
-  PipeCallThread flushing(flush_);
-  waitUntilBlocked({&reading, &flushing});
+  BlockedPipeCall writing(writeLarge_);
+  BlockedPipeCall reading(readByte_);
+  BlockedPipeCall flushing(flush_);
   EXPECT_EQ(cancel(), kPipeOk);
   for (PipeCallThread* call : {&writing, &reading, &flushing}) EXPECT_EQ(call->outcome(), kAborted);
   EXPECT_EQ(cancel(), pipeError(error::kNotFound));
 }
 
 TEST_F(PipeEndTest, SeveralConnects_ShareTheOneClient) {
-  PipeCallThread first(connect_);
-  PipeCallThread second(connect_);
-  waitUntilBlocked({&first, &second});
+  BlockedPipeCall first(connect_);
+  BlockedPipeCall second(connect_);
   PipeClient client;
   ASSERT_TRUE(client.connect(kPipeName));
   const std::set<std::uint32_t> errors{first.outcome().error, second.outcome().error};
@@ -176,19 +167,16 @@ TEST_F(PipeEndTest, SeveralConnects_ShareTheOneClient) {
 
 TEST_F(PipeEndTest, DisconnectAndClose_EndBlockedCalls) {
   {
-    PipeCallThread connecting(connect_);
-    connecting.waitUntilBlocked();
+    BlockedPipeCall connecting(connect_);
     EXPECT_EQ(disconnect(), kPipeOk);
     EXPECT_EQ(connecting.outcome(), kAborted);
   }
   const PipeClient client = connected();
-  PipeCallThread reading(readByte_);
-  reading.waitUntilBlocked();
+  BlockedPipeCall reading(readByte_);
   closePipe();
   EXPECT_EQ(reading.outcome(), pipeError(error::kBrokenPipe));
   createPipe();
-  PipeCallThread connecting(connect_);
-  connecting.waitUntilBlocked();
+  BlockedPipeCall connecting(connect_);
   closePipe();
   EXPECT_EQ(connecting.outcome(), kAborted);
 }
@@ -201,9 +189,8 @@ TEST_F(PipeEndTest, ClosedPipe_LeavesNoDescriptorOpen) {
     EXPECT_EQ(outcomeOfCancelled(connect_), kAborted);
     PipeClient client = connected();
     ASSERT_EQ(write({1}), kPipeOk);
-    PipeCallThread flushing(flush_);
-    PipeCallThread reading(readByte_);
-    waitUntilBlocked({&flushing, &reading});
+    BlockedPipeCall flushing(flush_);
+    BlockedPipeCall reading(readByte_);
     if (round % 2 == 0) {
       ASSERT_EQ(disconnect(), kPipeOk);
     }
@@ -305,8 +292,7 @@ TEST_F(PipeEndTest, NoDescriptorLeft_CallsThatWaitAreCancelled) {
 TEST_F(PipeEndTest, NoDescriptorLeft_DisconnectEndsAReadAndTheNextConnectMakesGood) {
   PipeClient client = connected();
   {
-    PipeCallThread reading(readByte_);
-    reading.waitUntilBlocked();
+    BlockedPipeCall reading(readByte_);
     const DescriptorShortage shortage;
     EXPECT_EQ(disconnect(), pipeError(error::kTooManyOpenFiles));
     EXPECT_EQ(reading.outcome(), pipeError(error::kBrokenPipe));

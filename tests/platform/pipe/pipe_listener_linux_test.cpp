@@ -225,14 +225,12 @@ TEST_F(PipePlaceTest, Disconnect_NeverLetsThePathVanish) {
 
 TEST_F(PipePlaceTest, ClientThatWatchesThePath_ConnectsWhenItAppearsAndWhenItIsRenewed) {
   PipeClient client;
-  PipeCallThread waiting([&] { return client.connectWhenListening(kPipeName); });
-  waiting.waitUntilBlocked();
+  BlockedPipeCall waiting([&] { return client.connectWhenListening(kPipeName); });
   createPipe();
   EXPECT_TRUE(waiting.outcome().ok);
   EXPECT_EQ(outcomeOf(connect_), pipeError(error::kPipeConnected));
   PipeClient next;
-  PipeCallThread waitingForTurn([&] { return next.connectWhenListening(kPipeName); });
-  waitingForTurn.waitUntilBlocked();
+  BlockedPipeCall waitingForTurn([&] { return next.connectWhenListening(kPipeName); });
   ASSERT_EQ(disconnect(), kPipeOk);
   EXPECT_TRUE(waitingForTurn.outcome().ok);
 }
@@ -348,8 +346,7 @@ TEST_F(PipeForeignUserTest, OtherUserThatReachesTheSocket_IsDroppedAndThePipeGoe
   }
   ASSERT_EQ(disconnect(), kPipeOk);
   openToAll();
-  PipeCallThread connecting(connect_);
-  connecting.waitUntilBlocked();
+  BlockedPipeCall connecting(connect_);
   for (const uid_t user : {kNobody, kAgent}) {
     const int result = inProcess([&] {
       PipeClient client;
@@ -379,8 +376,7 @@ TEST_F(PipeForeignUserTest, RootWithoutAnEntryForTheSystem_IsDropped) {
 TEST_F(PipeForeignUserTest, EntryForEveryone_LetsAnybodyIn) {
   pipe_ = create(kPipeName, "D:(A;;GA;;;WD)");
   ASSERT_NE(pipe_, platform::invalidPipe());
-  PipeCallThread connecting(connect_);
-  connecting.waitUntilBlocked();
+  BlockedPipeCall connecting(connect_);
   EXPECT_EQ(connectAs(kNobody, kNobody), 0);
   EXPECT_EQ(connecting.outcome(), kPipeOk);
 }

@@ -99,11 +99,10 @@ TEST_F(PipeMemoryTest, TransfersCancelAndClose_NeedNone) {
 TEST_F(PipeMemoryTest, CallsThatWaitAndTheirCancel_NeedNone) {
   createPipe();
   const auto expectCancelled = [this](const std::function<bool()>& waiting) {
-    PipeCallThread call([&] {
+    BlockedPipeCall call([&] {
       const ScarceMemory memory(0);
       return waiting();
     });
-    call.waitUntilBlocked();
     EXPECT_EQ(withoutMemory([this] { return pipes_.cancel(pipe_); }), kPipeOk);
     EXPECT_EQ(call.outcome(), pipeError(error::kOperationAborted));
   };

@@ -5,6 +5,8 @@
 #include <sys/socket.h>
 
 #include <atomic>
+#include <functional>
+#include <map>
 #include <memory>
 #include <thread>
 
@@ -74,44 +76,36 @@ struct Story {
 
 class PipeFlushStory : public PipeTransferTest, public testing::WithParamInterface<Story> {
  protected:
-  bool take(char step) {
+  void take(char step) {
+    const auto found = steps_.find(step);
+    if (found != steps_.end()) return found->second();
     const auto size = static_cast<std::size_t>(step - '0');
-    switch (step) {
-      case 'a':
-        leaveAnswer();
-        return true;
-      case 'c':
-        writeCode();
-        return true;
-      case 'r':
-        writeRest();
-        return true;
-      case 'f':
-        return flush() == kPipeOk;
-      case 'h':
-        return readHalfAnAnswer();
-      case 'F':
-        flushing_ = std::make_unique<PipeCallThread>(flush_);
-        flushing_->waitUntilBlocked();
-        return !flushing_->ended();
-      case 'L':
-        client_.reset();
-        return true;
-      case 'S':
-        return shutdown(client_.get(), SHUT_RDWR) == 0;
-      case 'D':
-        return disconnect() == kPipeOk;
-      default:
-        return clientReads(size) == size;
-    }
+    ASSERT_EQ(clientReads(size), size);
   }
 
-  std::unique_ptr<PipeCallThread> flushing_;
+  std::unique_ptr<BlockedPipeCall> flushing_;
+
+ private:
+  const std::map<char, std::function<void()>> steps_{
+      {'a', [this] { leaveAnswer(); }},
+      {'c', [this] { writeCode(); }},
+      {'r', [this] { writeRest(); }},
+      {'f', [this] { ASSERT_EQ(flush(), kPipeOk); }},
+      {'h', [this] { ASSERT_TRUE(readHalfAnAnswer()); }},
+      {'F',
+       [this] {
+         flushing_ = std::make_unique<BlockedPipeCall>(flush_);
+         ASSERT_FALSE(flushing_->ended());
+       }},
+      {'L', [this] { client_.reset(); }},
+      {'S', [this] { ASSERT_EQ(shutdown(client_.get(), SHUT_RDWR), 0); }},
+      {'D', [this] { ASSERT_EQ(disconnect(), kPipeOk); }},
+  };
 };
 
 TEST_P(PipeFlushStory, FlushTellsAndNothingStaleIsRead) {
   const std::string steps = GetParam().steps;
-  for (const char step : steps) ASSERT_TRUE(take(step)) << step;
+  for (const char step : steps) ASSERT_NO_FATAL_FAILURE(take(step)) << step;
   EXPECT_EQ(flushing_ != nullptr ? flushing_->outcome() : flush(), GetParam().flushed);
   if (steps.find('a') == std::string::npos) return;
   Bytes bytes(1);
@@ -158,8 +152,7 @@ TEST_F(PipeTransferTest, ClientReadsInPieces_FlushWaitsForTheLastByteOfAll) {
 
 TEST_F(PipeTransferTest, ClientReadsLessThanABuffer_FlushDoesNotWake) {
   ASSERT_EQ(write(Bytes(1001)), kPipeOk);
-  PipeCallThread call(flush_);
-  call.waitUntilBlocked();
+  BlockedPipeCall call(flush_);
   const std::uint64_t before = call.sleeps();
   for (int piece = 0; piece < 1000; ++piece) ASSERT_EQ(clientReads(1), 1U);
   call.waitUntilBlocked();
@@ -171,22 +164,17 @@ TEST_F(PipeTransferTest, ClientReadsLessThanABuffer_FlushDoesNotWake) {
 
 TEST_F(PipeTransferTest, SeveralFlushesAtOnce_AllReturn) {
   ASSERT_EQ(write(Bytes(9)), kPipeOk);
-  PipeCallThread first(flush_);
-  PipeCallThread second(flush_);
-  PipeCallThread third(flush_);
-  for (PipeCallThread* call : {&first, &second, &third}) {
-    call->waitUntilBlocked();
-    ASSERT_FALSE(call->ended());
-  }
+  BlockedPipeCall calls[] = {BlockedPipeCall(flush_), BlockedPipeCall(flush_),
+                             BlockedPipeCall(flush_)};
+  for (const PipeCallThread& call : calls) ASSERT_FALSE(call.ended());
   ASSERT_EQ(clientReads(9), 9U);
-  for (PipeCallThread* call : {&first, &second, &third}) EXPECT_EQ(call->outcome(), kPipeOk);
+  for (PipeCallThread& call : calls) EXPECT_EQ(call.outcome(), kPipeOk);
 }
 
 TEST_F(PipeTransferTest, CancelledFlush_TakesNothingBackAndDoesNotMakeTheClientGone) {
   leaveAnswer();
   writeCommand();
-  PipeCallThread call(flush_);
-  call.waitUntilBlocked();
+  BlockedPipeCall call(flush_);
   ASSERT_EQ(cancel(), kPipeOk);
   EXPECT_EQ(call.outcome(), pipeError(error::kOperationAborted));
   EXPECT_EQ(clientReads(9), 9U);
