@@ -24,6 +24,11 @@ void ScriptedPipes::feed(const std::string& name, const std::vector<std::uint8_t
   changed_.notifyAll();
 }
 
+void ScriptedPipes::endFeed(const std::string& name) {
+  MutexLock lock(mutex_);
+  pipes_[name].ended = true;
+}
+
 void ScriptedPipes::holdConnect(const std::string& name) {
   MutexLock lock(mutex_);
   pipes_[name].held = true;
@@ -46,6 +51,14 @@ std::vector<PipeCall> ScriptedPipes::calls(PipeCallKind kind) const {
   std::copy_if(calls_.begin(), calls_.end(), std::back_inserter(found),
                [&](const PipeCall& call) { return call.kind == kind; });
   return found;
+}
+
+bool ScriptedPipes::waitForCall(PipeCallKind kind, const std::string& name) {
+  MutexLock lock(mutex_);
+  return changed_.waitFor(lock, kLimit, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return std::any_of(calls_.begin(), calls_.end(),
+                       [&](const PipeCall& call) { return matches(call, kind, name); });
+  });
 }
 
 bool ScriptedPipes::waitUntilBlocked(const std::string& name) {
@@ -105,15 +118,21 @@ bool ScriptedPipes::cancel(PipeHandleValue pipe) {
 }
 
 bool ScriptedPipes::read(PipeHandleValue pipe, void* data, std::uint32_t size) {
-  return run({PipeCallKind::kRead, pipe, size}, [&](MutexLock& lock,
-                                                    PipeCall&) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    std::deque<std::uint8_t>& fed = pipeOf(pipe).fed;
-    const std::uint32_t error = block(pipeOf(pipe), lock, [&] { return fed.size() >= size; });
-    if (error != error::kSuccess) return error;
-    std::copy_n(fed.begin(), size, static_cast<std::uint8_t*>(data));
-    fed.erase(fed.begin(), fed.begin() + size);
-    return error::kSuccess;
-  });
+  return run({PipeCallKind::kRead, pipe, size},
+             [&](MutexLock& lock, PipeCall&) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+               Pipe& state = pipeOf(pipe);
+               std::deque<std::uint8_t>& fed = state.fed;
+               const std::uint32_t error =
+                   block(state, lock, [&] { return fed.size() >= size || state.ended; });
+               if (error != error::kSuccess) return error;
+               if (fed.size() < size) {
+                 fed.clear();
+                 return error::kBrokenPipe;
+               }
+               std::copy_n(fed.begin(), size, static_cast<std::uint8_t*>(data));
+               fed.erase(fed.begin(), fed.begin() + size);
+               return error::kSuccess;
+             });
 }
 
 bool ScriptedPipes::write(PipeHandleValue pipe, const void* data, std::uint32_t size) {

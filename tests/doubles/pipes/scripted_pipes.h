@@ -57,12 +57,16 @@ class ScriptedPipes final : public platform::PipeApi {
             const std::string& name = {});
   // Bytes that the pipe's reads take, in order.
   void feed(const std::string& name, const std::vector<std::uint8_t>& bytes);
+  // Nothing more is fed: a read that finds too few bytes takes them and fails with 109.
+  void endFeed(const std::string& name);
   // Connects on the pipe block until `letConnect`, which lets one of them succeed.
   void holdConnect(const std::string& name);
   void letConnect(const std::string& name);
 
   std::vector<PipeCall> calls() const;
   std::vector<PipeCall> calls(PipeCallKind kind) const;
+  // Waits for the first such call.
+  bool waitForCall(PipeCallKind kind, const std::string& name);
   // Waits until a read or connect is blocked on the pipe.
   bool waitUntilBlocked(const std::string& name);
   // What every conversion gives.
@@ -86,6 +90,7 @@ class ScriptedPipes final : public platform::PipeApi {
   };
   struct Pipe {
     std::deque<std::uint8_t> fed;
+    bool ended = false;
     bool held = false;  // connects need a permit
     unsigned permits = 0;
     std::vector<Wait*> waits;  // on their callers' stacks
