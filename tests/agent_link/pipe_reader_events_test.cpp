@@ -295,7 +295,7 @@ class ContendedLock : public EventsTest {
     log_.clear();
     device_.deviceLock().enter();
     cause();
-    EXPECT_TRUE(waiter_.waitForBeginning("Locking: Function:PipeReader::" + function + ", Line:"));
+    EXPECT_TRUE(waitForBeginning("Locking: Function:PipeReader::" + function + ", Line:"));
     device_.deviceLock().leave();
   }
 };

@@ -50,10 +50,6 @@ std::vector<std::string> ScriptedLink::trace() const {
   return texts;
 }
 
-void ScriptedLink::agentAnswers(const Bytes& bytes) { pipes_.feed(commandPipeName(0), bytes); }
-
-void ScriptedLink::agentReports(const Bytes& bytes) { pipes_.feed(eventPipeName(0), bytes); }
-
 std::string ScriptedLink::createdText(bool command) {
   char handle[32];
   (void)std::snprintf(handle, sizeof handle, "%p",
