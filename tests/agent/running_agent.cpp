@@ -5,8 +5,6 @@
 
 namespace zelta::test {
 
-using platform::MutexLock;
-
 namespace {
 
 std::size_t countIn(const std::vector<std::string>& lines, const std::string& text) {
@@ -44,21 +42,12 @@ RunningAgent::RunningAgent(agent::CardBackend& card, agent::Timing timing,
   agent::Agent::Settings settings;
   settings.sessionId = kSession;
   settings.timing = timing;
-  settings.onConnection = [this](bool connected) {
-    const MutexLock lock(mutex_);
-    connected_ = connected;
-    changed_.notifyAll();
-  };
+  settings.onConnection = [this](bool connected) { *connected_.lock() = connected; };
   settings.onFailure = std::move(onFailure);
   settings.trace = trace;
   agent_ = std::make_unique<agent::Agent>(*pipes_, card, settings, log_);
   agent_->start();
   thread_ = std::thread([this] { agent::guarded(failTest, [this] { agent_->run(); }); });
-}
-
-void RunningAgent::waitConnected(bool connected) {
-  MutexLock lock(mutex_);
-  changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return connected_ == connected; });
 }
 
 void RunningAgent::stop() {

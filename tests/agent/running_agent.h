@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "agent/program/agent.h"
-#include "platform/sync/sync.h"
 #include "tests/support/collected.h"
+#include "tests/support/shared.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::test {
@@ -64,7 +64,9 @@ class RunningAgent {
   agent::Agent& agent() { return *agent_; }
   LogLines& log() { return lines_; }
   // Until the driver is known to have accepted a connection, or to be gone.
-  void waitConnected(bool connected);
+  void waitConnected(bool connected) {
+    connected_.lock().wait([connected](bool now) { return now == connected; });
+  }
   // Ends the agent and joins its thread.
   void stop();
   // Until the agent has ended by itself.
@@ -74,9 +76,7 @@ class RunningAgent {
   LogLines lines_;
   agent::Log log_;
   std::unique_ptr<agent::PipeClientPort> pipes_;
-  platform::Mutex mutex_;
-  platform::ConditionVariable changed_;
-  bool connected_ ZELTA_GUARDED_BY(mutex_) = false;
+  Shared<bool> connected_{false};
   std::unique_ptr<agent::Agent> agent_;
   std::thread thread_;
 };

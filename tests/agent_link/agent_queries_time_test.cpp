@@ -1,8 +1,6 @@
 // How long the exchanges take: silent and slow agents, and exchanges that wait for each other. No
 // request waits without a bound, whatever the agent leaves undone.
 #include <algorithm>
-#include <functional>
-#include <utility>
 
 #include "contract/attributes.h"
 #include "contract/io_controls.h"
@@ -236,37 +234,17 @@ TEST_F(BoundedWaits, NotificationThatTwoQueriesWaitFor_IsCancelledOnce) {
   EXPECT_FALSE(notifying.get());
 }
 
-// Does something while calls are being cancelled for the first time.
-class CancellingPipes final : public ForwardingPipes {
- public:
-  CancellingPipes() : ForwardingPipes(*platform::ports().pipes) {}
-
-  bool cancel(platform::PipeHandleValue pipe) override {
-    if (const auto act = std::exchange(meanwhile, nullptr)) act();
-    return ForwardingPipes::cancel(pipe);
-  }
-
-  std::function<void()> meanwhile;
-};
-
-class CancelledNotification : public BoundedWaits {
- protected:
-  ~CancelledNotification() override { stop(); }
-
-  CancellingPipes cancelling_;
-  const ScopedPipes inPlace_{cancelling_};
-};
-
 // The cancel would end the next exchange.
-TEST_F(CancelledNotification, SentMeanwhile_KeepsItsTurnUntilTheCancelIsOver) {
+TEST_F(BoundedWaits, NotificationSentWhileItIsCancelled_KeepsItsTurnUntilTheCancelIsOver) {
   connect(1s);
   auto notifying = beginNotification();
   ASSERT_TRUE(waitUntilStuck());
-  cancelling_.meanwhile = [&] {
-    expectCommand(AgentCommand::kNotifyCardReady);
-    EXPECT_EQ(notifying.wait_for(100ms), std::future_status::timeout);
-  };
+  gaps_.holdNext(Call::kCancel, "command0");
   auto checking = beginCheck();
+  ASSERT_TRUE(gaps_.waitUntilHeld());
+  expectCommand(AgentCommand::kNotifyCardReady);
+  EXPECT_EQ(notifying.wait_for(100ms), std::future_status::timeout);
+  gaps_.letGo();
   EXPECT_TRUE(notifying.get());
   answerAtr(AgentCommand::kQueryAtr);
   EXPECT_EQ(checking.get(), QueryResult::kSuccess);

@@ -9,34 +9,28 @@
 
 namespace zelta::test {
 
-LogWaiter::LogWaiter(LogCapture& log) : log_(log) {
-  log_.setHook([this](const LogRecord&) {
-    { const std::lock_guard<std::mutex> lock(mutex_); }
-    logged_.notify_all();
-  });
+LinkTest::LinkTest() : root_("ZELTA_PIPE_ROOT", folder_.path().string()) {
+  log_.setHook([this](const LogRecord&) { logged_.lock(); });
 }
 
-LogWaiter::~LogWaiter() { log_.setHook(nullptr); }
-
-bool LogWaiter::waitForCount(const std::string& text, std::size_t count) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  return logged_.wait_for(lock, std::chrono::seconds(30),
-                          [&] { return log_.count(text) >= count; });
+LinkTest::~LinkTest() {
+  stop();
+  log_.setHook(nullptr);
 }
 
-bool LogWaiter::waitForBeginning(const std::string& beginning) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  return logged_.wait_for(lock, std::chrono::seconds(30), [&] {
+bool LinkTest::waitForCount(const std::string& text, std::size_t count) {
+  return logged_.lock().waitFor(std::chrono::seconds(30),
+                                [&](bool) { return log_.count(text) >= count; });
+}
+
+bool LinkTest::waitForBeginning(const std::string& beginning) {
+  return logged_.lock().waitFor(std::chrono::seconds(30), [&](bool) {
     const std::vector<LogRecord> records = log_.records();
     return std::any_of(records.begin(), records.end(), [&](const LogRecord& record) {
       return record.text.compare(0, beginning.size(), beginning) == 0;
     });
   });
 }
-
-LinkTest::LinkTest() : root_("ZELTA_PIPE_ROOT", folder_.path().string()), waiter_(log_) {}
-
-LinkTest::~LinkTest() { stop(); }
 
 QueryResult LinkTest::queryTransmit(const Bytes& command, Bytes& response) {
   ResponseBuffer buffer;
@@ -69,16 +63,9 @@ FakeRequest& LinkTest::makeRequest(Bytes input) {
   return requests_.back()->withInput(std::move(input)).withOutput(4096).checkingLock();
 }
 
-FakeRequest& LinkTest::waitForInsertion() {
+FakeRequest& LinkTest::waitWith(void (Reader::*handler)(IoRequest*, std::size_t, std::size_t)) {
   FakeRequest& request = makeRequest();
-  reader().IoSmartCardIsPresent(&request, 0, 0);
-  EXPECT_TRUE(request.waitMarked()) << "the request does not wait";
-  return request;
-}
-
-FakeRequest& LinkTest::waitForRemoval() {
-  FakeRequest& request = makeRequest();
-  reader().IoSmartCardIsAbsent(&request, 0, 0);
+  (reader().*handler)(&request, 0, 0);
   EXPECT_TRUE(request.waitMarked()) << "the request does not wait";
   return request;
 }

@@ -4,9 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -16,25 +14,10 @@
 #include "tests/doubles/request/fake_request.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/numbers.h"
+#include "tests/support/shared.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::test {
-
-// Waits for log lines.
-class LogWaiter {
- public:
-  explicit LogWaiter(LogCapture& log);
-  ~LogWaiter();
-  // For a line to be there that many times.
-  bool waitForCount(const std::string& text, std::size_t count);
-  // For a line that begins so.
-  bool waitForBeginning(const std::string& beginning);
-
- private:
-  LogCapture& log_;
-  std::mutex mutex_;
-  std::condition_variable logged_;
-};
 
 // The parts of a reader's surroundings, with the reader started by the test.
 class LinkTest : public ::testing::Test {
@@ -52,26 +35,28 @@ class LinkTest : public ::testing::Test {
   QueryResult queryTransmit(const Bytes& command, Bytes& response);
 
   // A waiting insertion (or removal) request; returns when it is in its list.
-  FakeRequest& waitForInsertion();
-  FakeRequest& waitForRemoval();
+  FakeRequest& waitForInsertion() { return waitWith(&Reader::IoSmartCardIsPresent); }
+  FakeRequest& waitForRemoval() { return waitWith(&Reader::IoSmartCardIsAbsent); }
   // A request of this test that lives as long. Checks that the device lock is held when it is
   // completed.
   FakeRequest& makeRequest(Bytes input = {});
   // Leaves the state at "swallowed", as after a power down.
   void makeCardPresent();
-  bool waitForCount(const std::string& text, std::size_t count) {
-    return waiter_.waitForCount(text, count);
-  }
+  // Waits for a line to be there that many times, and for one that begins so.
+  bool waitForCount(const std::string& text, std::size_t count);
+  bool waitForBeginning(const std::string& beginning);
   // Until both pipes are there.
-  bool waitUntilCreated() { return waiter_.waitForBeginning("Event pipe created:"); }
+  bool waitUntilCreated() { return waitForBeginning("Event pipe created:"); }
 
   TempFolder folder_;
   ScopedVariable root_;
   LogCapture log_;
-  LogWaiter waiter_;
   FakeReaderDevice device_;
 
  private:
+  FakeRequest& waitWith(void (Reader::*handler)(IoRequest*, std::size_t, std::size_t));
+
+  Shared<bool> logged_{false};  // locked once after each line
   std::vector<std::unique_ptr<FakeRequest>> requests_;
   std::unique_ptr<PipeReader> reader_;
 };

@@ -23,6 +23,11 @@ AgentLinkTimes oneAttempt() {
   return times;
 }
 
+// A step of disconnecting that failed.
+LogRecord failed(const std::string& text, int code) {
+  return error(kNoError, text + " named pipe. System error code: " + std::to_string(code));
+}
+
 class PipePairTest : public ScriptedLink {
  protected:
   // Without the lines of requests and queries.
@@ -215,9 +220,6 @@ TEST_F(PipePairTest, FailedStepsOfDisconnecting_AreLoggedAndTheNextIsTaken) {
   pipes_.fail(PipeCallKind::kDisconnect, 233, 1, 2);
   startCreated();
   stop();
-  const auto failed = [](const std::string& text, int code) {
-    return error(kNoError, text + " named pipe. System error code: " + std::to_string(code));
-  };
   EXPECT_EQ(log_.errors(), (Records{failed("Failed to cancel IO on the event", 1168),
                                     failed("Failed to disconnect the event", 233),
                                     failed("Failed to cancel IO on the command", 1168),
@@ -306,9 +308,6 @@ TEST_F(RealPipes, IdlePipes_AreDisconnectedWhateverTheirCancelsGive) {
   ASSERT_TRUE(probe.connectWhenListening(eventPipeName(0)));
   log_.clear();
   stop();
-  const auto failed = [](const std::string& text, int code) {
-    return error(kNoError, text + " named pipe. System error code: " + std::to_string(code));
-  };
   EXPECT_EQ(log_.errors(), underWine()
                                ? Records{failed("Failed to disconnect the command", 536)}
                                : (Records{failed("Failed to cancel IO on the event", 1168),

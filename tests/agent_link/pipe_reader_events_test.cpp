@@ -2,14 +2,13 @@
 // lost, or the reader is shut down. On the system's pipes.
 #include "agent_link/pipe_reader.h"
 
-#include <functional>
 #include <future>
-#include <utility>
 
 #include "contract/io_controls.h"
 #include "contract/reader_states.h"
 #include "contract/wire.h"
 #include "tests/agent_link/events_test.h"
+#include "tests/doubles/pipes/gap_pipes.h"
 #include "tests/support/repetitions.h"
 
 namespace zelta::test {
@@ -244,50 +243,25 @@ TEST_F(CardEvents, LossOfTheAgent_FulfilsRemovals) {
   EXPECT_EQ(CardReady::of(reader()), 0u);
 }
 
-// Does something while the reader drops a client for the first time: the event pipe's, before the
-// command pipe's.
-class DroppingPipes final : public ForwardingPipes {
- public:
-  DroppingPipes() : ForwardingPipes(*platform::ports().pipes) {}
-
-  bool disconnect(platform::PipeHandleValue pipe) override {
-    if (const auto act = take()) act();
-    return ForwardingPipes::disconnect(pipe);
-  }
-
-  void setMeanwhile(std::function<void()> act) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    meanwhile_ = std::move(act);
-  }
-
- private:
-  std::function<void()> take() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return std::exchange(meanwhile_, nullptr);
-  }
-
-  std::mutex mutex_;
-  std::function<void()> meanwhile_;
-};
-
 class LossOfTheEventPipe : public CardEvents {
  protected:
   ~LossOfTheEventPipe() override { stop(); }
 
-  DroppingPipes pipes_;
+  GapPipes pipes_{*platform::ports().pipes};
   const ScopedPipes inPlace_{pipes_};
 };
 
-// The agent still answers on the command pipe.
+// The event pipe's client is dropped before the command pipe's, on which the agent still answers.
 TEST_F(LossOfTheEventPipe, BetweenCheckAndWait_FulfilsTheRemoval) {
   connectWithCard();
   FakeRequest& request = makeRequest();
-  std::future<void> handler;
-  pipes_.setMeanwhile([&] {
-    handler = std::async(std::launch::async, [&] { reader().IoSmartCardIsAbsent(&request, 0, 0); });
-    EXPECT_TRUE(log_.waitFor("[CheckATR]ATR:3B00"));
-  });
+  pipes_.holdNext(GapPipes::Call::kDisconnect, "event0");
   agent_.events().close();
+  ASSERT_TRUE(pipes_.waitUntilHeld());
+  auto handler =
+      std::async(std::launch::async, [&] { reader().IoSmartCardIsAbsent(&request, 0, 0); });
+  EXPECT_TRUE(log_.waitFor("[CheckATR]ATR:3B00"));
+  pipes_.letGo();
   EXPECT_TRUE(request.waitCompleted()) << "waits for the removal of a card that nobody has";
   EXPECT_EQ(request.status(), kSucceeded);
 }
@@ -344,7 +318,7 @@ class ContendedLock : public EventsTest {
     log_.clear();
     device_.deviceLock().enter();
     cause();
-    EXPECT_TRUE(waiter_.waitForBeginning("Locking: Function:PipeReader::" + function + ", Line:"));
+    EXPECT_TRUE(waitForBeginning("Locking: Function:PipeReader::" + function + ", Line:"));
     device_.deviceLock().leave();
   }
 };

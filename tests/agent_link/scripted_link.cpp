@@ -12,28 +12,15 @@ namespace {
 constexpr std::uintptr_t kCommandHandle = 0x1000;
 constexpr std::uintptr_t kEventHandle = 0x1001;
 
+// By `PipeCallKind`.
+constexpr const char* kCallNames[] = {"convert", "create", "connect", "disconnect", "cancel",
+                                      "read",    "write",  "flush",   "close"};
+
 std::string describe(const PipeCall& call) {
-  const std::string pipe = call.text == commandPipeName(0) ? " command" : " event";
-  switch (call.kind) {
-    case PipeCallKind::kConnect:
-      return "connect" + pipe;
-    case PipeCallKind::kDisconnect:
-      return "disconnect" + pipe;
-    case PipeCallKind::kCancel:
-      return "cancel" + pipe;
-    case PipeCallKind::kRead:
-      return "read" + pipe + " " + std::to_string(call.size);
-    case PipeCallKind::kWrite:
-      return "write" + pipe + " " + toHex(call.data);
-    case PipeCallKind::kFlush:
-      return "flush" + pipe;
-    case PipeCallKind::kClose:
-      return "close" + pipe;
-    case PipeCallKind::kConvert:
-    case PipeCallKind::kCreate:
-      break;
-  }
-  return "create";
+  const std::string text = kCallNames[static_cast<std::size_t>(call.kind)] +
+                           std::string(call.text == commandPipeName(0) ? " command" : " event");
+  if (call.kind == PipeCallKind::kRead) return text + " " + std::to_string(call.size);
+  return call.kind == PipeCallKind::kWrite ? text + " " + toHex(call.data) : text;
 }
 
 }  // namespace
@@ -62,10 +49,6 @@ std::vector<std::string> ScriptedLink::trace() const {
   for (std::size_t i = forgotten_; i < calls.size(); ++i) texts.push_back(describe(calls[i]));
   return texts;
 }
-
-void ScriptedLink::agentAnswers(const Bytes& bytes) { pipes_.feed(commandPipeName(0), bytes); }
-
-void ScriptedLink::agentReports(const Bytes& bytes) { pipes_.feed(eventPipeName(0), bytes); }
 
 std::string ScriptedLink::createdText(bool command) {
   char handle[32];

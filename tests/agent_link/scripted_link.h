@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "contract/bytes.h"
+#include "contract/wire.h"
 #include "tests/agent_link/link_test.h"
 #include "tests/doubles/pipes/scripted_pipes.h"
 
@@ -27,8 +28,8 @@ class ScriptedLink : public LinkTest {
 
   // What the agent sends, and which of the driver's calls fail. Calls count from the reader's
   // start.
-  void agentAnswers(const Bytes& bytes);
-  void agentReports(const Bytes& bytes);
+  void agentAnswers(const Bytes& bytes) { pipes_.feed(commandPipeName(0), bytes); }
+  void agentReports(const Bytes& bytes) { pipes_.feed(eventPipeName(0), bytes); }
 
   static std::string createdText(bool command);
 

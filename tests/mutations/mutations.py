@@ -268,7 +268,7 @@ MUTATIONS = (
              "  if (notification_ == NotificationState::kUnderWay) {\n"
              "    notification_ = NotificationState::kCancelled;\n    lock.unlock();\n"
              "    cancel();\n    lock.lock();\n    return true;\n  }\n",
-             "agent_link_test", "BoundedWaits*:CancelledNotification*",
+             "agent_link_test", "BoundedWaits*",
              doc="threads: notification mutex"),
     Mutation("pipe-mutex-held-in-a-call", "a pipe's mutex is free while a call is under way",
              "agent_link/cancelable_pipe.cpp",

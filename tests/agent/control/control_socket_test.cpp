@@ -21,6 +21,7 @@
 #include "platform/files/scoped_fd_linux.h"
 #include "tests/agent/running_agent.h"
 #include "tests/support/raw_socket_linux.h"
+#include "tests/support/shared.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::agent {
@@ -174,17 +175,15 @@ class Bulletin {
    public:
     Feed(Bulletin& bulletin, std::function<void()> wake)
         : bulletin_(bulletin), wake_(std::move(wake)) {
-      const platform::MutexLock lock(bulletin_.mutex_);
-      bulletin_.feeds_.push_back(this);
+      bulletin_.state_.lock()->feeds.push_back(this);
     }
     ~Feed() override {
-      const platform::MutexLock lock(bulletin_.mutex_);
-      auto& feeds = bulletin_.feeds_;
-      feeds.erase(std::remove(feeds.begin(), feeds.end(), this), feeds.end());
-      bulletin_.changed_.notifyAll();
+      const auto state = bulletin_.state_.lock();
+      state->feeds.erase(std::remove(state->feeds.begin(), state->feeds.end(), this),
+                         state->feeds.end());
     }
     std::string take() override {
-      const platform::MutexLock lock(bulletin_.mutex_);
+      const auto state = bulletin_.state_.lock();
       return std::exchange(text_, {});
     }
 
@@ -192,39 +191,34 @@ class Bulletin {
     friend class Bulletin;
     Bulletin& bulletin_;
     const std::function<void()> wake_;
-    std::string text_ = "first\n";  // guarded by the bulletin's mutex
+    std::string text_ = "first\n";  // for who has locked the bulletin
   };
 
   OpenFeed opener() {
     return [this](const std::string& line, std::function<void()> wake) {
-      {
-        const platform::MutexLock lock(mutex_);
-        asked_ += "<" + line + ">";
-      }
+      state_.lock()->asked += "<" + line + ">";
       return std::make_unique<Feed>(*this, std::move(wake));
     };
   }
   void tell(const std::string& text) {
-    const platform::MutexLock lock(mutex_);
-    for (Feed* feed : feeds_) {
+    const auto state = state_.lock();
+    for (Feed* feed : state->feeds) {
       feed->text_ += text;
       feed->wake_();
     }
   }
   void waitForFeeds(std::size_t count) {
-    platform::MutexLock lock(mutex_);
-    changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return feeds_.size() == count; });
+    state_.lock().wait([count](const State& now) { return now.feeds.size() == count; });
   }
-  std::string asked() {
-    const platform::MutexLock lock(mutex_);
-    return asked_;
-  }
+  std::string asked() { return state_.lock()->asked; }
 
  private:
-  platform::Mutex mutex_;
-  platform::ConditionVariable changed_;
-  std::vector<Feed*> feeds_ ZELTA_GUARDED_BY(mutex_);
-  std::string asked_ ZELTA_GUARDED_BY(mutex_);
+  struct State {
+    std::vector<Feed*> feeds;
+    std::string asked;
+  };
+
+  test::Shared<State> state_;
 };
 
 ScopedFd ask(const std::string& path, const std::string& line) {

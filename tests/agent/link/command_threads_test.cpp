@@ -11,13 +11,13 @@
 #include "contract/bytes.h"
 #include "tests/agent/running_agent.h"
 #include "tests/doubles/agent/held_card.h"
+#include "tests/support/shared.h"
 
 namespace zelta::agent {
 namespace {
 
 using Kind = Command::Kind;
 using Result = Outcome::Result;
-using platform::MutexLock;
 using std::chrono::milliseconds;
 using test::heldAnswer;
 
@@ -30,58 +30,48 @@ class Commands final : public CommandStream {
     command.kind = Kind::kTransmit;
     command.apdu = Bytes{0x00};
     command.cardLimit = SteadyClock::now() + limit;
-    MutexLock lock(mutex_);
-    given_.push_back(command);
-    changed_.notifyAll();
+    state_.lock()->given.push_back(command);
   }
-  void end() {
-    MutexLock lock(mutex_);
-    ended_ = true;
-    changed_.notifyAll();
-  }
+  void end() { state_.lock()->ended = true; }
   // The answer with this number; waits for it.
   Outcome answer(std::size_t number) {
-    MutexLock lock(mutex_);
-    changed_.wait(lock,
-                  [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return answers_.size() >= number; });
-    return answers_[number - 1];
+    auto state = state_.lock();
+    state.wait([number](const State& now) { return now.answers.size() >= number; });
+    return state->answers[number - 1];
   }
-  std::size_t answers() {
-    MutexLock lock(mutex_);
-    return answers_.size();
-  }
+  std::size_t answers() { return state_.lock()->answers.size(); }
   // Whether the same thread has read the last command and answered it.
   bool isAnsweredByReader() {
-    const MutexLock lock(mutex_);
-    return reader_ == answerer_;
+    const auto state = state_.lock();
+    return state->reader == state->answerer;
   }
 
   std::optional<Command> read() override {
-    MutexLock lock(mutex_);
-    changed_.wait(lock,
-                  [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return ended_ || !given_.empty(); });
-    if (ended_) return std::nullopt;
-    reader_ = std::this_thread::get_id();
-    Command command = given_.front();
-    given_.pop_front();
+    auto state = state_.lock();
+    state.wait([](const State& now) { return now.ended || !now.given.empty(); });
+    if (state->ended) return std::nullopt;
+    state->reader = std::this_thread::get_id();
+    Command command = state->given.front();
+    state->given.pop_front();
     return command;
   }
   bool answer(const Command&, const Outcome& outcome) override {
-    MutexLock lock(mutex_);
-    answerer_ = std::this_thread::get_id();
-    answers_.push_back(outcome);
-    changed_.notifyAll();
+    const auto state = state_.lock();
+    state->answerer = std::this_thread::get_id();
+    state->answers.push_back(outcome);
     return true;
   }
 
  private:
-  platform::Mutex mutex_;
-  platform::ConditionVariable changed_;
-  std::deque<Command> given_ ZELTA_GUARDED_BY(mutex_);
-  std::vector<Outcome> answers_ ZELTA_GUARDED_BY(mutex_);
-  bool ended_ ZELTA_GUARDED_BY(mutex_) = false;
-  std::thread::id reader_ ZELTA_GUARDED_BY(mutex_);
-  std::thread::id answerer_ ZELTA_GUARDED_BY(mutex_);
+  struct State {
+    std::deque<Command> given;
+    std::vector<Outcome> answers;
+    bool ended = false;
+    std::thread::id reader;
+    std::thread::id answerer;
+  };
+
+  test::Shared<State> state_;
 };
 
 constexpr milliseconds kShort{10};

@@ -7,6 +7,7 @@
 
 #include "tests/agent/remote/line_fixture.h"
 #include "tests/doubles/agent/held_card.h"
+#include "tests/support/shared.h"
 
 namespace zelta::agent {
 namespace {
@@ -22,25 +23,21 @@ class TestDialer final : public Dialer {
  public:
   std::unique_ptr<DialedCall> dial() override {
     test::LineEnds ends;
-    const platform::MutexLock lock(mutex_);
-    farEnds_.push_back(std::move(ends.far));
-    changed_.notifyAll();
-    return std::make_unique<Call>(std::move(ends.near), exitCode_);
+    const auto state = state_.lock();
+    state->farEnds.push_back(std::move(ends.far));
+    return std::make_unique<Call>(std::move(ends.near), state->exitCode);
   }
 
   // The far end of the next line.
   std::unique_ptr<Line> accept() {
-    platform::MutexLock lock(mutex_);
-    changed_.wait(lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return !farEnds_.empty(); });
-    std::unique_ptr<Line> line = std::move(farEnds_.front());
-    farEnds_.pop_front();
+    auto state = state_.lock();
+    state.wait([](const State& now) { return !now.farEnds.empty(); });
+    std::unique_ptr<Line> line = std::move(state->farEnds.front());
+    state->farEnds.pop_front();
     return line;
   }
   // Of the calls from now on.
-  void setExitCode(int code) {
-    const platform::MutexLock lock(mutex_);
-    exitCode_ = code;
-  }
+  void setExitCode(int code) { state_.lock()->exitCode = code; }
 
  private:
   class Call final : public DialedCall {
@@ -57,10 +54,12 @@ class TestDialer final : public Dialer {
     const int exitCode_;
   };
 
-  platform::Mutex mutex_;
-  platform::ConditionVariable changed_;
-  std::deque<std::unique_ptr<Line>> farEnds_ ZELTA_GUARDED_BY(mutex_);
-  int exitCode_ ZELTA_GUARDED_BY(mutex_) = 0;
+  struct State {
+    std::deque<std::unique_ptr<Line>> farEnds;
+    int exitCode = 0;
+  };
+
+  test::Shared<State> state_;
 };
 
 // The far end of one line, played by the test.

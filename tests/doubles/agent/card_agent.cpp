@@ -7,8 +7,6 @@
 
 namespace zelta::test {
 
-using platform::MutexLock;
-
 Bytes CardAgent::responseTo(const Bytes& apdu) {
   Bytes response = apdu;
   response.push_back(0x90);
@@ -38,14 +36,10 @@ bool CardAgent::connectUnasked() {
 
 bool CardAgent::connect() {
   die();
-  {
-    const MutexLock lock(mutex_);
-    resetsAsked_ = 0;
-  }
+  state_.lock()->resetsAsked = 0;
   if (!connectUnasked()) return false;
-  MutexLock lock(mutex_);
-  return came_.waitFor(lock, PipeClient::kLimit,
-                       [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return resetsAsked_ > 0; });
+  return state_.lock().waitFor(PipeClient::kLimit,
+                               [](const State& now) { return now.resetsAsked > 0; });
 }
 
 // The thread ends because the driver drops both pipes when the event pipe has gone.
@@ -55,24 +49,9 @@ void CardAgent::die() {
   command_.close();
 }
 
-bool CardAgent::isCardIn() {
-  const MutexLock lock(mutex_);
-  return !atr_.empty();
-}
-
 bool CardAgent::remove() {
   setAtr({});
   return sendEvent(AgentEvent::kCardRemoved);
-}
-
-void CardAgent::setAtr(Bytes atr) {
-  const MutexLock lock(mutex_);
-  atr_ = std::move(atr);
-}
-
-void CardAgent::respond(Respond respond) {
-  const MutexLock lock(mutex_);
-  respond_ = std::move(respond);
 }
 
 bool CardAgent::sendSessionLogId(const std::string& id) {
@@ -82,14 +61,13 @@ bool CardAgent::sendSessionLogId(const std::string& id) {
 }
 
 int CardAgent::commands(AgentCommand code) {
-  const MutexLock lock(mutex_);
-  return static_cast<int>(std::count(seen_.begin(), seen_.end(), code));
+  const auto state = state_.lock();
+  return static_cast<int>(std::count(state->seen.begin(), state->seen.end(), code));
 }
 
 bool CardAgent::waitForCommands(AgentCommand code, int count) {
-  MutexLock lock(mutex_);
-  return came_.waitFor(lock, PipeClient::kLimit, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    return std::count(seen_.begin(), seen_.end(), code) >= count;
+  return state_.lock().waitFor(PipeClient::kLimit, [&](const State& now) {
+    return std::count(now.seen.begin(), now.seen.end(), code) >= count;
   });
 }
 
@@ -111,9 +89,7 @@ std::optional<CardAgent::Command> CardAgent::readCommand() {
     command.apdu = command_.read(*size);
     if (command.apdu.size() != *size) return std::nullopt;
   }
-  const MutexLock lock(mutex_);
-  seen_.push_back(command.code);
-  came_.notifyAll();
+  state_.lock()->seen.push_back(command.code);
   return command;
 }
 
@@ -123,23 +99,13 @@ bool CardAgent::writePayload(const Bytes& bytes) {
 }
 
 std::optional<Bytes> CardAgent::answer(const Command& command) {
+  if (command.code == AgentCommand::kNotifyCardReady) return std::nullopt;
   Respond respond;
   {
-    const MutexLock lock(mutex_);
-    switch (command.code) {
-      case AgentCommand::kQueryAtrReset:
-        ++resetsAsked_;
-        came_.notifyAll();
-        return atr_;
-      case AgentCommand::kQueryAtr:
-        return atr_;
-      case AgentCommand::kNotifyCardReady:
-        return std::nullopt;
-      case AgentCommand::kQueryTransmit:
-        break;
-    }
-    if (atr_.empty()) return Bytes();
-    respond = respond_;
+    const auto state = state_.lock();
+    if (command.code == AgentCommand::kQueryAtrReset) ++state->resetsAsked;
+    if (command.code != AgentCommand::kQueryTransmit || state->atr.empty()) return state->atr;
+    respond = state->respond;
   }
   return respond ? respond(command.apdu) : responseTo(command.apdu);
 }

@@ -14,8 +14,8 @@
 
 #include "contract/bytes.h"
 #include "contract/wire.h"
-#include "platform/sync/sync.h"
 #include "tests/support/pipe_client.h"
+#include "tests/support/shared.h"
 
 namespace zelta::test {
 
@@ -62,10 +62,10 @@ class CardAgent {
   // Move the card without a report.
   void setCardIn(Bytes atr = usualAtr()) { setAtr(std::move(atr)); }
   void setCardOut() { setAtr({}); }
-  bool isCardIn();
+  bool isCardIn() { return !state_.lock()->atr.empty(); }
   // Takes the card out and reports it.
   bool remove();
-  void respond(Respond respond);
+  void respond(Respond respond) { state_.lock()->respond = std::move(respond); }
 
   bool sendEvent(AgentEvent event) { return sendEvent(static_cast<std::uint32_t>(event)); }
   bool sendEvent(std::uint32_t code) { return events_.writeNumber(code); }
@@ -80,23 +80,25 @@ class CardAgent {
   bool waitForCommands(AgentCommand code, int count);
 
  private:
+  struct State {
+    std::vector<AgentCommand> seen;
+    int resetsAsked = 0;  // of the card
+    Bytes atr;            // empty: no card is in
+    Respond respond;
+  };
+
   void serve(const Answer& answer);
   std::optional<Command> readCommand();
   bool writePayload(const Bytes& bytes);
   // The card's own answer.
-  std::optional<Bytes> answer(const Command& command) ZELTA_EXCLUDES(mutex_);
-  void setAtr(Bytes atr) ZELTA_EXCLUDES(mutex_);
+  std::optional<Bytes> answer(const Command& command);
+  void setAtr(Bytes atr) { state_.lock()->atr = std::move(atr); }
 
   const std::uint32_t readerIndex_;
   PipeClient events_;
   PipeClient command_;
   std::thread thread_;
-  platform::Mutex mutex_;
-  platform::ConditionVariable came_;
-  std::vector<AgentCommand> seen_ ZELTA_GUARDED_BY(mutex_);
-  int resetsAsked_ ZELTA_GUARDED_BY(mutex_) = 0;  // of the card
-  Bytes atr_ ZELTA_GUARDED_BY(mutex_);            // empty: no card is in
-  Respond respond_ ZELTA_GUARDED_BY(mutex_);
+  Shared<State> state_;
 };
 
 }  // namespace zelta::test

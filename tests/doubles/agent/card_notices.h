@@ -10,7 +10,7 @@
 #include <string>
 
 #include "agent/card/card_backend.h"
-#include "platform/sync/sync.h"
+#include "tests/support/shared.h"
 
 namespace zelta::test {
 
@@ -24,25 +24,15 @@ class CardNotices : public agent::CardListener {
 
   // Until exactly this has been told.
   void waitFor(const std::string& text) {
-    platform::MutexLock lock(mutex_);
-    changed_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return text_ == text; });
+    text_.lock().wait([&](const std::string& told) { return told == text; });
   }
-  std::string text() {
-    const platform::MutexLock lock(mutex_);
-    return text_;
-  }
+  std::string text() { return *text_.lock(); }
 
  protected:
-  void add(const std::string& word) {
-    const platform::MutexLock lock(mutex_);
-    text_ += word;
-    changed_.notifyAll();
-  }
+  void add(const std::string& word) { *text_.lock() += word; }
 
  private:
-  platform::Mutex mutex_;
-  platform::ConditionVariable changed_;
-  std::string text_ ZELTA_GUARDED_BY(mutex_);
+  Shared<std::string> text_;
 };
 
 // One that cannot handle a card, so that the back end's thread that tells it fails.

@@ -5,9 +5,34 @@
 
 namespace zelta::test {
 
-using platform::MutexLock;
+namespace {
 
 FakeWinscard* current = nullptr;
+
+}  // namespace
+
+FakeWinscard::FakeWinscard() { current = this; }
+FakeWinscard::~FakeWinscard() { current = nullptr; }
+
+void FakeWinscard::setReader(bool there) {
+  const auto state = lock();
+  state->reader = there;
+  ++state->readerChanges;
+}
+
+void FakeWinscard::changeCard(bool in, DWORD changes) {
+  const auto state = lock();
+  state->card = in;
+  state->lost = false;
+  state->changes += changes;
+}
+
+}  // namespace zelta::test
+
+using zelta::test::current;
+using State = zelta::test::FakeWinscard::State;
+// Of the texts that the functions take.
+using Char = zelta::agent::ReaderName::value_type;
 
 namespace {
 
@@ -15,188 +40,119 @@ constexpr unsigned kCountShift = 16;
 constexpr BYTE kAtr[] = {0x3B, 0x00};
 
 bool isReaderChanges(const SCARD_READERSTATE& state) {
-  const agent::ReaderName name = state.szReader;
-  return name.find(agent::toReaderName("PnP")) != agent::ReaderName::npos;
+  const zelta::agent::ReaderName name = state.szReader;
+  return name.find(zelta::agent::toReaderName("PnP")) != zelta::agent::ReaderName::npos;
 }
 
-}  // namespace
-
-FakeWinscard::FakeWinscard() { current = this; }
-FakeWinscard::~FakeWinscard() { current = nullptr; }
-
-void FakeWinscard::changeCard(bool in) {
-  card_ = in;
-  lost_ = false;
-  ++changes_;
-  changed_.notifyAll();
+DWORD cardState(const State& service) {
+  return (service.card ? SCARD_STATE_PRESENT : SCARD_STATE_EMPTY) | service.changes << kCountShift;
 }
 
-void FakeWinscard::setService(bool up) {
-  const MutexLock lock(mutex_);
-  up_ = up;
-  changed_.notifyAll();
-}
-
-void FakeWinscard::setReader(bool there) {
-  const MutexLock lock(mutex_);
-  reader_ = there;
-  ++readerChanges_;
-  changed_.notifyAll();
-}
-
-void FakeWinscard::tellUnknownReaderByItsState() {
-  const MutexLock lock(mutex_);
-  tellsByState_ = true;
-}
-
-void FakeWinscard::insertCard() {
-  const MutexLock lock(mutex_);
-  changeCard(true);
-}
-
-void FakeWinscard::removeCard() {
-  const MutexLock lock(mutex_);
-  changeCard(false);
-}
-
-void FakeWinscard::swapCard() {
-  const MutexLock lock(mutex_);
-  changeCard(false);
-  changeCard(true);
-}
-
-void FakeWinscard::loseCard() {
-  const MutexLock lock(mutex_);
-  lost_ = true;
-}
-
-void FakeWinscard::failTransmits(std::vector<LONG> results) {
-  const MutexLock lock(mutex_);
-  transmitResults_.assign(results.begin(), results.end());
-}
-
-std::vector<std::string> FakeWinscard::takeCalls() {
-  const MutexLock lock(mutex_);
-  return std::exchange(calls_, {});
-}
-
-std::size_t FakeWinscard::contexts() {
-  const MutexLock lock(mutex_);
-  return contexts_;
-}
-
-void FakeWinscard::waitUntilWatched() {
-  MutexLock lock(mutex_);
-  changed_.wait(lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return watched_; });
-}
-
-LONG FakeWinscard::establish(LPSCARDCONTEXT context) {
-  const MutexLock lock(mutex_);
-  if (!up_) return SCARD_E_NO_SERVICE;
-  ++contexts_;
-  *context = 1;
-  return SCARD_S_SUCCESS;
-}
-
-LONG FakeWinscard::release(SCARDCONTEXT) {
-  const MutexLock lock(mutex_);
-  --contexts_;
-  return SCARD_S_SUCCESS;
-}
-
-LONG FakeWinscard::cancel() {
-  const MutexLock lock(mutex_);
-  // As the real one: it reaches a wait that has begun, and no other.
-  cancelled_ = watched_;
-  changed_.notifyAll();
-  return SCARD_S_SUCCESS;
-}
-
-DWORD FakeWinscard::stateLocked() const {
-  return (card_ ? SCARD_STATE_PRESENT : SCARD_STATE_EMPTY) | changes_ << kCountShift;
-}
-
-LONG FakeWinscard::unknownReader(SCARD_READERSTATE& state) const {
-  if (!tellsByState_) return SCARD_E_UNKNOWN_READER;
+LONG unknownReader(const State& service, SCARD_READERSTATE& state) {
+  if (!service.tellsByState) return SCARD_E_UNKNOWN_READER;
   state.dwEventState = SCARD_STATE_UNKNOWN | SCARD_STATE_IGNORE | SCARD_STATE_CHANGED;
   return SCARD_S_SUCCESS;
 }
 
-LONG FakeWinscard::getStatusChange(DWORD limit, SCARD_READERSTATE* states, DWORD count) {
-  MutexLock lock(mutex_);
+LONG cardResult(const State& service) {
+  if (!service.up) return SCARD_E_NO_SERVICE;
+  if (!service.reader) return SCARD_E_READER_UNAVAILABLE;
+  return service.card && !service.lost ? SCARD_S_SUCCESS : SCARD_E_NO_SMARTCARD;
+}
+
+}  // namespace
+
+extern "C" {
+
+LONG SCardEstablishContext(DWORD, LPCVOID, LPCVOID, LPSCARDCONTEXT context) {
+  const auto service = current->lock();
+  if (!service->up) return SCARD_E_NO_SERVICE;
+  ++service->contexts;
+  *context = 1;
+  return SCARD_S_SUCCESS;
+}
+
+LONG SCardReleaseContext(SCARDCONTEXT) {
+  --current->lock()->contexts;
+  return SCARD_S_SUCCESS;
+}
+
+LONG SCardCancel(SCARDCONTEXT) {
+  const auto service = current->lock();
+  // As the real one: it reaches a wait that has begun, and no other.
+  service->cancelled = service->watched;
+  return SCARD_S_SUCCESS;
+}
+
+LONG SCardGetStatusChange(SCARDCONTEXT, DWORD limit, SCARD_READERSTATE* states, DWORD count) {
+  auto service = current->lock();
   SCARD_READERSTATE* card = nullptr;
   for (DWORD i = 0; i < count; ++i) {
     if (!isReaderChanges(states[i])) card = &states[i];
   }
-  if (!up_) return SCARD_E_NO_SERVICE;
+  if (!service->up) return SCARD_E_NO_SERVICE;
   if (card != nullptr && (card->dwCurrentState & SCARD_STATE_IGNORE) != 0) card = nullptr;
-  if (card != nullptr && !reader_) return unknownReader(*card);
-  const DWORD readerChanges = readerChanges_;
-  const auto done = [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+  if (card != nullptr && !service->reader) return unknownReader(*service, *card);
+  const auto done = [card, readerChanges = service->readerChanges](const State& now) {
     const bool news =
         card != nullptr && (card->dwCurrentState == SCARD_STATE_UNAWARE ||
-                            (card->dwCurrentState & ~SCARD_STATE_CHANGED) != stateLocked());
-    return cancelled_ || !up_ || readerChanges_ != readerChanges || news;
+                            (card->dwCurrentState & ~SCARD_STATE_CHANGED) != cardState(now));
+    return now.cancelled || !now.up || now.readerChanges != readerChanges || news;
   };
-  watched_ = true;
-  changed_.notifyAll();
+  service->watched = true;
   bool inTime = true;
   if (limit == INFINITE) {
-    changed_.wait(lock, done);
+    service.wait(done);
   } else {
-    inTime = changed_.waitFor(lock, std::chrono::milliseconds(limit), done);
+    inTime = service.waitFor(std::chrono::milliseconds(limit), done);
   }
-  watched_ = false;
-  if (std::exchange(cancelled_, false)) return SCARD_E_CANCELLED;
-  if (!up_) return SCARD_E_SERVICE_STOPPED;
+  service->watched = false;
+  if (std::exchange(service->cancelled, false)) return SCARD_E_CANCELLED;
+  if (!service->up) return SCARD_E_SERVICE_STOPPED;
   if (!inTime) return SCARD_E_TIMEOUT;
-  if (card != nullptr && !reader_) return unknownReader(*card);
-  if (card != nullptr) card->dwEventState = stateLocked() | SCARD_STATE_CHANGED;
+  if (card != nullptr && !service->reader) return unknownReader(*service, *card);
+  if (card != nullptr) card->dwEventState = cardState(*service) | SCARD_STATE_CHANGED;
   return SCARD_S_SUCCESS;
 }
 
-LONG FakeWinscard::cardResult() const {
-  if (!up_) return SCARD_E_NO_SERVICE;
-  if (!reader_) return SCARD_E_READER_UNAVAILABLE;
-  return card_ && !lost_ ? SCARD_S_SUCCESS : SCARD_E_NO_SMARTCARD;
-}
-
-LONG FakeWinscard::connect(const agent::ReaderName& reader, SCARDHANDLE* handle, DWORD* protocol) {
-  const MutexLock lock(mutex_);
-  calls_.emplace_back("connect");
-  if (reader != agent::toReaderName(kFakeReader)) return SCARD_E_UNKNOWN_READER;
+LONG SCardConnect(SCARDCONTEXT context, const Char* reader, DWORD, DWORD, LPSCARDHANDLE handle,
+                  LPDWORD protocol) {
+  if (context == 0) return SCARD_E_INVALID_HANDLE;
+  const auto service = current->lock();
+  service->calls.emplace_back("connect");
+  if (reader != zelta::agent::toReaderName(zelta::test::kFakeReader)) return SCARD_E_UNKNOWN_READER;
   *handle = 1;
   *protocol = SCARD_PROTOCOL_T1;
-  return cardResult();
+  return cardResult(*service);
 }
 
-LONG FakeWinscard::reconnect(DWORD initialization, DWORD* protocol) {
-  const MutexLock lock(mutex_);
-  calls_.emplace_back(initialization == SCARD_RESET_CARD ? "reset" : "leave");
+LONG SCardReconnect(SCARDHANDLE, DWORD, DWORD, DWORD initialization, LPDWORD protocol) {
+  const auto service = current->lock();
+  service->calls.emplace_back(initialization == SCARD_RESET_CARD ? "reset" : "leave");
   *protocol = SCARD_PROTOCOL_T1;
-  return cardResult();
+  return cardResult(*service);
 }
 
-LONG FakeWinscard::disconnect() {
-  const MutexLock lock(mutex_);
-  calls_.emplace_back("disconnect");
+LONG SCardDisconnect(SCARDHANDLE, DWORD) {
+  current->lock()->calls.emplace_back("disconnect");
   return SCARD_S_SUCCESS;
 }
 
-LONG FakeWinscard::status(BYTE* atr, DWORD* length) {
-  const MutexLock lock(mutex_);
+LONG SCardStatus(SCARDHANDLE, Char*, LPDWORD, LPDWORD, LPDWORD, LPBYTE atr, LPDWORD length) {
   std::copy(std::begin(kAtr), std::end(kAtr), atr);
   *length = sizeof kAtr;
-  return cardResult();
+  return cardResult(*current->lock());
 }
 
-LONG FakeWinscard::transmit(const BYTE* command, DWORD size, BYTE* response, DWORD* length) {
-  const MutexLock lock(mutex_);
-  calls_.emplace_back("transmit");
-  if (const LONG result = cardResult()) return result;
-  if (!transmitResults_.empty()) {
-    const LONG result = transmitResults_.front();
-    transmitResults_.pop_front();
+LONG SCardTransmit(SCARDHANDLE, const SCARD_IO_REQUEST* request, LPCBYTE command, DWORD size,
+                   SCARD_IO_REQUEST*, LPBYTE response, LPDWORD length) {
+  if (request->dwProtocol != SCARD_PROTOCOL_T1) return SCARD_E_PROTO_MISMATCH;
+  const auto service = current->lock();
+  service->calls.emplace_back("transmit");
+  if (const LONG result = cardResult(*service)) return result;
+  if (!service->transmitResults.empty()) {
+    const LONG result = service->transmitResults.front();
+    service->transmitResults.pop_front();
     if (result != SCARD_S_SUCCESS) return result;
   }
   std::copy(command, command + size, response);
@@ -204,39 +160,6 @@ LONG FakeWinscard::transmit(const BYTE* command, DWORD size, BYTE* response, DWO
   return SCARD_S_SUCCESS;
 }
 
-}  // namespace zelta::test
-
-using zelta::test::current;
-// Of the texts that the functions take.
-using Char = zelta::agent::ReaderName::value_type;
-
-extern "C" {
-
-LONG SCardEstablishContext(DWORD, LPCVOID, LPCVOID, LPSCARDCONTEXT context) {
-  return current->establish(context);
-}
-LONG SCardReleaseContext(SCARDCONTEXT context) { return current->release(context); }
-LONG SCardCancel(SCARDCONTEXT) { return current->cancel(); }
-LONG SCardGetStatusChange(SCARDCONTEXT, DWORD limit, SCARD_READERSTATE* states, DWORD count) {
-  return current->getStatusChange(limit, states, count);
-}
-LONG SCardConnect(SCARDCONTEXT context, const Char* reader, DWORD, DWORD, LPSCARDHANDLE handle,
-                  LPDWORD protocol) {
-  if (context == 0) return SCARD_E_INVALID_HANDLE;
-  return current->connect(reader, handle, protocol);
-}
-LONG SCardReconnect(SCARDHANDLE, DWORD, DWORD, DWORD initialization, LPDWORD protocol) {
-  return current->reconnect(initialization, protocol);
-}
-LONG SCardDisconnect(SCARDHANDLE, DWORD) { return current->disconnect(); }
-LONG SCardStatus(SCARDHANDLE, Char*, LPDWORD, LPDWORD, LPDWORD, LPBYTE atr, LPDWORD length) {
-  return current->status(atr, length);
-}
-LONG SCardTransmit(SCARDHANDLE, const SCARD_IO_REQUEST* request, LPCBYTE command, DWORD size,
-                   SCARD_IO_REQUEST*, LPBYTE response, LPDWORD length) {
-  if (request->dwProtocol != SCARD_PROTOCOL_T1) return SCARD_E_PROTO_MISMATCH;
-  return current->transmit(command, size, response, length);
-}
 #if !defined(_WIN32)
 const char* pcsc_stringify_error(const LONG) { return "a PC/SC failure"; }
 #endif

@@ -8,26 +8,26 @@
 
 #include "agent/card/card_backend.h"
 #include "contract/bytes.h"
-#include "platform/sync/sync.h"
+#include "tests/support/shared.h"
 
 namespace zelta::test {
 
 class HeldCard : public agent::CardBackend {
  public:
-  explicit HeldCard(bool in = true) : in_(in) {}
+  explicit HeldCard(bool in = true) { state_.lock()->in = in; }
 
   // From now on the card works on a command until `letGo`.
-  void hold();
-  void letGo();
+  void hold() { state_.lock()->held = true; }
+  void letGo() { state_.lock()->held = false; }
   // Until the card works on a command.
-  void waitUntilBusy();
-  bool isBusy();
+  void waitUntilBusy() { state_.lock().wait(&State::busy); }
+  bool isBusy() { return state_.lock()->busy; }
   // From now on the card answers nothing, though it is in.
-  void setMute(bool mute);
+  void setMute(bool mute) { state_.lock()->mute = mute; }
   // From now on transmits throw "the card is broken".
-  void breakDown();
-  int resets();
-  int readyNotices();
+  void breakDown() { state_.lock()->broken = true; }
+  int resets() { return state_.lock()->resets; }
+  int readyNotices() { return state_.lock()->readyNotices; }
 
   std::string name() const override { return "held"; }
   void start(agent::CardListener& listener) override;
@@ -35,27 +35,29 @@ class HeldCard : public agent::CardBackend {
   Bytes reset() override;
   Bytes atr() override;
   Bytes transmit(const Bytes& command) override;
-  void ready() override;
+  void ready() override { ++state_.lock()->readyNotices; }
   std::string insert() override;
   std::string remove() override;
-  void interrupt() override;
+  void interrupt() override { state_.lock()->interrupted = true; }
 
  private:
+  struct State {
+    bool in = false;
+    bool held = false;
+    bool busy = false;
+    bool broken = false;
+    bool mute = false;
+    bool interrupted = false;
+    int resets = 0;
+    int readyNotices = 0;
+    std::uint8_t answers = 0;
+  };
+
   // False if the card does not answer.
   bool work();
 
   agent::CardListener* listener_ = nullptr;
-  platform::Mutex mutex_;
-  platform::ConditionVariable changed_;
-  bool in_ ZELTA_GUARDED_BY(mutex_);
-  bool held_ ZELTA_GUARDED_BY(mutex_) = false;
-  bool busy_ ZELTA_GUARDED_BY(mutex_) = false;
-  bool broken_ ZELTA_GUARDED_BY(mutex_) = false;
-  bool mute_ ZELTA_GUARDED_BY(mutex_) = false;
-  bool interrupted_ ZELTA_GUARDED_BY(mutex_) = false;
-  int resets_ ZELTA_GUARDED_BY(mutex_) = 0;
-  int readyNotices_ ZELTA_GUARDED_BY(mutex_) = 0;
-  std::uint8_t answers_ ZELTA_GUARDED_BY(mutex_) = 0;
+  Shared<State> state_;
 };
 
 // The answer with this number.

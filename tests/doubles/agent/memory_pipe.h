@@ -10,7 +10,7 @@
 
 #include "agent/link/pipe_client_port.h"
 #include "contract/bytes.h"
-#include "platform/sync/sync.h"
+#include "tests/support/shared.h"
 
 namespace zelta::test {
 
@@ -20,12 +20,12 @@ class MemoryPipe : public agent::PipeConnection {
   void give(const Bytes& bytes);
   // Each write of the agent, in order; waits until there are `count`.
   std::vector<Bytes> takeWrites(std::size_t count);
-  std::size_t writes();
+  std::size_t writes() { return state_.lock()->written.size(); }
   // From now on the driver reads nothing until `letWrites`; a flush waits for that, too.
-  void holdWrites();
-  void letWrites();
+  void holdWrites() { state_.lock()->held = true; }
+  void letWrites() { state_.lock()->held = false; }
   // Until a write waits.
-  void waitUntilWriting();
+  void waitUntilWriting() { state_.lock().wait(&State::writing); }
 
   agent::IoResult awaitCommand() override;
   agent::IoResult read(void* data, std::uint32_t size,
@@ -34,24 +34,27 @@ class MemoryPipe : public agent::PipeConnection {
   agent::IoResult post(const void* data, std::uint32_t size,
                        std::optional<agent::SteadyClock::time_point> deadline) override;
   agent::IoResult flush() override;
-  void cancel() override;
+  void cancel() override { state_.lock()->cancelled = true; }
 
  private:
+  struct State {
+    Bytes given;
+    std::vector<Bytes> written;
+    bool held = false;
+    bool writing = false;
+    bool cancelled = false;
+  };
+
   // Bytes given meanwhile end the wait if it is an answer. What times out is not written.
   agent::IoResult write(Bytes bytes, std::optional<agent::SteadyClock::time_point> deadline,
                         bool isAnswer);
 
   // Whether `ready` came before the deadline, if there is one.
-  bool waitUntil(platform::MutexLock& lock, std::optional<agent::SteadyClock::time_point> deadline,
-                 const std::function<bool()>& ready) ZELTA_REQUIRES(mutex_);
+  static bool waitUntil(Shared<State>::Access& state,
+                        std::optional<agent::SteadyClock::time_point> deadline,
+                        const std::function<bool(const State&)>& ready);
 
-  platform::Mutex mutex_;
-  platform::ConditionVariable changed_;
-  Bytes given_ ZELTA_GUARDED_BY(mutex_);
-  std::vector<Bytes> written_ ZELTA_GUARDED_BY(mutex_);
-  bool held_ ZELTA_GUARDED_BY(mutex_) = false;
-  bool writing_ ZELTA_GUARDED_BY(mutex_) = false;
-  bool cancelled_ ZELTA_GUARDED_BY(mutex_) = false;
+  Shared<State> state_;
 };
 
 }  // namespace zelta::test

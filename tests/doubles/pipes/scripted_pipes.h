@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "platform/pipe/pipe.h"
-#include "platform/sync/sync.h"
+#include "tests/support/shared.h"
 
 namespace zelta::test {
 
@@ -49,7 +49,9 @@ class ScriptedPipes final : public platform::PipeApi {
   static constexpr std::chrono::milliseconds kLimit{30000};
 
   // The first handle; each further one is one greater.
-  explicit ScriptedPipes(std::uintptr_t firstHandle = 0x1000) : nextHandle_(firstHandle) {}
+  explicit ScriptedPipes(std::uintptr_t firstHandle = 0x1000) {
+    state_.lock()->nextHandle = firstHandle;
+  }
 
   // Calls `from` (counted from 1 since the double was made, of this kind and pipe) and the
   // `count - 1` after it fail with the error. Without a name, the calls on every pipe count.
@@ -57,12 +59,16 @@ class ScriptedPipes final : public platform::PipeApi {
             const std::string& name = {});
   // Bytes that the pipe's reads take, in order.
   void feed(const std::string& name, const std::vector<std::uint8_t>& bytes);
+  // Nothing more is fed: a read that finds too few bytes takes them and fails with 109.
+  void endFeed(const std::string& name) { state_.lock()->pipes[name].ended = true; }
   // Connects on the pipe block until `letConnect`, which lets one of them succeed.
-  void holdConnect(const std::string& name);
-  void letConnect(const std::string& name);
+  void holdConnect(const std::string& name) { state_.lock()->pipes[name].held = true; }
+  void letConnect(const std::string& name) { ++state_.lock()->pipes[name].permits; }
 
-  std::vector<PipeCall> calls() const;
+  std::vector<PipeCall> calls() const { return state_.lock()->calls; }
   std::vector<PipeCall> calls(PipeCallKind kind) const;
+  // Waits for the first such call.
+  bool waitForCall(PipeCallKind kind, const std::string& name);
   // Waits until a read or connect is blocked on the pipe.
   bool waitUntilBlocked(const std::string& name);
   // What every conversion gives.
@@ -86,6 +92,7 @@ class ScriptedPipes final : public platform::PipeApi {
   };
   struct Pipe {
     std::deque<std::uint8_t> fed;
+    bool ended = false;
     bool held = false;  // connects need a permit
     unsigned permits = 0;
     std::vector<Wait*> waits;  // on their callers' stacks
@@ -98,26 +105,31 @@ class ScriptedPipes final : public platform::PipeApi {
     std::string name;
   };
 
+  struct State {
+    std::uintptr_t nextHandle = 0;
+    std::map<std::string, Pipe> pipes;
+    std::map<platform::PipeHandleValue, std::string> handles;
+    std::vector<Failure> failures;
+    std::vector<PipeCall> calls;
+
+    Pipe& pipeOf(platform::PipeHandleValue pipe) { return pipes[handles[pipe]]; }
+    // What the call, which has been recorded, was told to fail with.
+    std::uint32_t scriptedError(const PipeCall& call) const;
+  };
+  using Access = Shared<State>::Access;
+
   // Records the call and makes it: `body` returns its error, unless it was told to fail (or the
   // handle is bad: 6).
   template <typename Body>
-  bool run(PipeCall call, Body body) ZELTA_EXCLUDES(mutex_);
-  std::uint32_t scriptedError(const PipeCall& call) ZELTA_REQUIRES(mutex_);
+  bool run(PipeCall call, Body body);
   template <typename Ready>
-  std::uint32_t block(Pipe& pipe, platform::MutexLock& lock, Ready ready) ZELTA_REQUIRES(mutex_);
+  static std::uint32_t block(Pipe& pipe, Access& state, Ready ready);
   // True if something was blocked.
-  bool endWaits(Pipe& pipe, std::uint32_t error) ZELTA_REQUIRES(mutex_);
-  Pipe& pipeOf(platform::PipeHandleValue pipe) ZELTA_REQUIRES(mutex_);
+  static bool endWaits(Pipe& pipe, std::uint32_t error);
   static bool matches(const PipeCall& call, PipeCallKind kind, const std::string& name);
 
-  mutable platform::Mutex mutex_;
-  platform::ConditionVariable changed_;
   char descriptor_ = 0;
-  std::uintptr_t nextHandle_ ZELTA_GUARDED_BY(mutex_);
-  std::map<std::string, Pipe> pipes_ ZELTA_GUARDED_BY(mutex_);
-  std::map<platform::PipeHandleValue, std::string> handles_ ZELTA_GUARDED_BY(mutex_);
-  std::vector<Failure> failures_ ZELTA_GUARDED_BY(mutex_);
-  std::vector<PipeCall> calls_ ZELTA_GUARDED_BY(mutex_);
+  mutable Shared<State> state_;
 };
 
 }  // namespace zelta::test

@@ -277,18 +277,9 @@ void SerialisingPipes::drop(Pipe& pipe, State next) {
 }
 
 std::uint32_t SerialisingPipes::noClientError(const Pipe& pipe, std::uint32_t whenGone) {
-  switch (pipe.state) {
-    case State::kListening:
-      return error::kPipeListening;
-    case State::kDisconnected:
-      return error::kPipeNotConnected;
-    case State::kClientGone:
-      return whenGone;
-    case State::kConnected:
-    case State::kClosed:
-      break;
-  }
-  return error::kInvalidHandle;
+  if (pipe.state == State::kListening) return error::kPipeListening;
+  if (pipe.state == State::kDisconnected) return error::kPipeNotConnected;
+  return pipe.state == State::kClientGone ? whenGone : error::kInvalidHandle;
 }
 
 }  // namespace zelta::test
