@@ -11,8 +11,8 @@ namespace zelta::platform {
 
 namespace {
 
-// For its owner and its group alone, whatever the process's mask leaves of that: at the debug level
-// there may be a PIN in a log.
+// For the owner and the group only, less what the process's umask takes away: a log of the debug
+// level may hold a PIN.
 constexpr mode_t kMode = 0640;
 
 }  // namespace

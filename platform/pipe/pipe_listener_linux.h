@@ -23,7 +23,7 @@ using SharedFd = std::shared_ptr<const ScopedFd>;
 
 class PipeListener {
  public:
-  // `path` is absolute. Nothing is touched yet.
+  // `path` is absolute. The constructor touches nothing.
   PipeListener(std::string path, PipeAccess access);
   ~PipeListener();
   PipeListener(const PipeListener&) = delete;

@@ -34,7 +34,7 @@ class SocketPlace {
     ScopedFd socket;  // listens; non-blocking
   };
 
-  // Nothing is touched yet. A relative path is one of the current folder.
+  // The constructor touches nothing. A relative path starts at the current folder.
   explicit SocketPlace(std::string path);
 
   // Whether a socket can have the path, and the name it has before it is ready.
