@@ -35,7 +35,7 @@ ChannelTable& table() {
 void logFailure(const char* text) noexcept {
   try {
     zelta::pcsc::logToDaemon(LogLevel::kError, text);
-  } catch (const std::bad_alloc&) {  // no memory to tell of it
+  } catch (const std::bad_alloc&) {  // no memory to report it
   }
 }
 
@@ -123,7 +123,7 @@ RESPONSECODE IFDHSetCapabilities(DWORD lun, DWORD tag, DWORD length, PUCHAR valu
   });
 }
 
-// No negotiation of its own: the card is far away.
+// Nothing is negotiated here: the card is at another place.
 RESPONSECODE IFDHSetProtocolParameters(DWORD lun, DWORD protocol, UCHAR, UCHAR, UCHAR, UCHAR) {
   return onChannel(lun, [&](Channel& channel) { return channel.setProtocol(protocol); });
 }
