@@ -1,7 +1,7 @@
 // What a reader asks its agent on the command pipe. A query is one exchange, guarded by a watchdog
 // that ends it when its time is up; a notification is one write without a limit.
-// A query that the agent leaves unanswered does not resynchronise the pipe: a late answer would be
-// read as the next one's beginning, which is why an agent must never send one.
+// The pipe is not resynchronised after a query that the agent leaves unanswered: a late answer
+// would be read as the beginning of the next one. So an agent must never send one.
 //
 // Exchanges take turns. A query waits for its turn for at most its limit, then gives up without
 // touching the pipe; once it has its turn, it has its whole limit. No query's limit cuts another

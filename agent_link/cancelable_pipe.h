@@ -47,7 +47,7 @@ class CancelablePipe {
   CancelablePipe(const CancelablePipe&) = delete;
   CancelablePipe& operator=(const CancelablePipe&) = delete;
 
-  // For the order in which it is taken; nobody else takes it.
+  // Only for stating the locks' order; nobody else takes it.
   platform::Mutex& mutex() ZELTA_RETURN_CAPABILITY(mutex_) { return mutex_; }
 
   const char* label() const { return label_; }

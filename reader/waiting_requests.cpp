@@ -73,7 +73,7 @@ std::uint64_t WaitingRequests::count(CardEvent event) const {
 
 void WaitingRequests::wakeInsertionWait() {
   {
-    // Whoever has found nothing to wake for with this mutex held is waiting by now.
+    // A thread that found nothing to wake for under this mutex is waiting by now.
     const platform::MutexLock lock(mutex_);
   }
   insertionRequestCame_.notifyAll();

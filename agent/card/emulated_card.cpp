@@ -32,8 +32,8 @@ struct ReaderEnd {
 };
 using ReaderReference = std::unique_ptr<VReader, ReaderEnd>;
 
-// The library queues what this program has caused itself; nobody else reads the queue, so it is
-// emptied after each cause. The first reader that it names is returned.
+// The library queues an event for whatever this program does to its card. Nobody else reads the
+// queue, so it is emptied each time. Returns the first reader that an event names.
 ReaderReference takeEvents() {
   ReaderReference reader;
   for (Event event(vevent_get_next_vevent()); event != nullptr;
@@ -138,7 +138,7 @@ Bytes EmulatedCard::atr() {
 
 Bytes EmulatedCard::transmit(const Bytes& command) {
   const platform::MutexLock lock(card_);
-  // A card that was put in anew has no power yet, and would still know its PIN as given.
+  // A card that was put in again has no power yet, and would still count its PIN as verified.
   if (poweredIn_ != insertions_ && powerOn().empty()) return {};
   platform::SecretBytes sent(command);
   Bytes response(kLongestResponse);
@@ -169,7 +169,7 @@ std::string EmulatedCard::remove() {
   const platform::MutexLock acting(acting_);
   if (reader_ == nullptr) return "the card emulation does not run";
   if (!in_) return "no card is in";
-  // Told first, so that no command finds the card gone before that is known.
+  // Announced first, so that no command finds the card gone before that is known.
   listener_->cardRemoved();
   in_ = false;
   if (vcard_emul_force_card_remove(reader_->reference.get()) != VCARD_EMUL_OK) {

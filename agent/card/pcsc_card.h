@@ -1,7 +1,7 @@
 // Forwards the card in a real reader, through the PC/SC service.
 //
-// A thread of its own follows insertion and removal. The card is shared with other programs; what
-// they do to it is theirs to agree on.
+// A thread of its own follows insertion and removal. The card is shared with other programs, which
+// have to coordinate their use of it themselves.
 #pragma once
 
 #include <string>

@@ -1,5 +1,5 @@
-// What a thread of the agent does with an exception that it cannot handle, for example for lack of
-// memory or of handles: it tells the program, which ends.
+// What a thread of the agent does with an exception that it cannot handle, for example a lack of
+// memory or handles: it tells the program, which ends.
 #pragma once
 
 #include <array>

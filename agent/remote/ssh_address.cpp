@@ -14,7 +14,8 @@ bool isLetterOrDigit(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
 }
 
-// Letters, digits and those of `others`; not empty, and no option.
+// Whether the text has only letters, digits and `others`, is not empty, and cannot pass for an
+// option.
 bool isName(const std::string& text, const std::string& others) {
   return !text.empty() && text[0] != '-' && std::all_of(text.begin(), text.end(), [&](char c) {
     return isLetterOrDigit(c) || others.find(c) != std::string::npos;

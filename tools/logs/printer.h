@@ -14,7 +14,7 @@
 namespace zelta::logs {
 
 struct Filter {
-  Level level = Level::kTrace;    // this one and the graver ones
+  Level level = Level::kTrace;    // this one and the more severe ones
   std::vector<std::string> tags;  // any of them; empty: all
   std::string session;            // the id's beginning; empty: all
   std::string since;              // from this time on; empty: all
