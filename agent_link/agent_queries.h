@@ -60,15 +60,16 @@ class AgentQueries {
   };
 
   // Looked at before the turn is taken: without a pipe there is nothing to wait for.
-  bool hasPipe(const char* tag) const;
+  [[nodiscard]] bool hasPipe(const char* tag) const;
   template <typename Exchange>
   QueryResult runGuarded(const Name& name, const Turn& turn, Exchange exchange);
   static QueryResult timedOut(const Name& name);
   // Ends what is under way on the pipe.
   void cancel();
   // Ends a notification, once for all who wait for it; false if what is under way is none.
-  bool cancelNotification() ZELTA_EXCLUDES(notificationMutex_);
-  bool askTransmit(PipeStream& stream, const Bytes& command, ResponseBuffer& response);
+  [[nodiscard]] bool cancelNotification() ZELTA_EXCLUDES(notificationMutex_);
+  [[nodiscard]] bool askTransmit(PipeStream& stream, const Bytes& command,
+                                 ResponseBuffer& response);
 
   CancelablePipe& pipe_;
   const Reader& reader_;

@@ -5,8 +5,8 @@
 // this order, whatever each step returns; it happens on destruction and when another handle is
 // moved in.
 //
-// Threads: `get` and `valid` may be called while another thread moves a handle in; what was
-// got must not be used any more once the holder is destroyed or holds another pipe.
+// Threads: `get` and `valid` may be called while another thread moves a handle in. The result of
+// `get` must not be used any more once the holder is destroyed or holds another pipe.
 #pragma once
 
 #include <atomic>

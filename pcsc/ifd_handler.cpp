@@ -12,6 +12,7 @@
 #include "pcsc/features.h"
 #include "pcsc/ifd_api.h"
 #include "pcsc/reader_names.h"
+#include "platform/process/never_destroyed.h"
 
 namespace {
 
@@ -23,13 +24,12 @@ using zelta::pcsc::Reply;
 
 // The process's table. Never destroyed: pcscd may exit while its threads are still in here.
 ChannelTable& table() {
-  alignas(ChannelTable) static unsigned char storage[sizeof(ChannelTable)];
-  static ChannelTable* const made = new (storage)
-      ChannelTable({[](const std::string& path, zelta::host::HostOptions options) {
-                      return zelta::host::DriverHost::load(path, std::move(options));
-                    },
-                    zelta::pcsc::modulePath, zelta::pcsc::logToDaemon, zelta::pcsc::agentHasCard});
-  return *made;
+  static zelta::platform::NeverDestroyed<ChannelTable> made(zelta::pcsc::Surroundings{
+      [](const std::string& path, zelta::host::HostOptions options) {
+        return zelta::host::DriverHost::load(path, std::move(options));
+      },
+      zelta::pcsc::modulePath, zelta::pcsc::logToDaemon, zelta::pcsc::agentHasCard});
+  return made.get();
 }
 
 void logFailure(const char* text) noexcept {

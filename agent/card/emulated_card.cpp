@@ -10,6 +10,7 @@
 #include "agent/card/nss_database.h"
 #include "agent/program/wrong_configuration.h"
 #include "contract/bytes.h"
+#include "platform/process/never_destroyed.h"
 #include "platform/process/wipe.h"
 
 namespace zelta::agent {
@@ -85,8 +86,8 @@ void EmulatedCard::start(CardListener& listener) {
   const std::vector<std::string> nicknames =
       checkCardDatabase(settings_.database, settings_.pin, settings_.certificates);
   // The library keeps pointers into the text of its options.
-  static const auto* options = new std::string(optionText(settings_.database, nicknames));
-  if (vcard_emul_init(vcard_emul_options(options->c_str())) != VCARD_EMUL_OK) {
+  static platform::NeverDestroyed<std::string> options(optionText(settings_.database, nicknames));
+  if (vcard_emul_init(vcard_emul_options(options.get().c_str())) != VCARD_EMUL_OK) {
     throw std::runtime_error("the card emulation does not start with the database " +
                              settings_.database);
   }

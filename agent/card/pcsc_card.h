@@ -37,7 +37,7 @@ class PcscCard final : public CardBackend {
  private:
   // Used by `reset`, `atr` and `transmit`, which come one at a time, and by `stop` after them.
   // Whether there is a handle on the card now.
-  bool connect();
+  [[nodiscard]] bool connect();
   Bytes readAtr();
   struct Response {
     LONG result;

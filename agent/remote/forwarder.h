@@ -58,7 +58,7 @@ class Forwarder final : public Service {
   void serve(LentCard& lent);
   void noteGreeted(const Hello& peer, std::chrono::microseconds roundTrip);
   // False if there is to be no other line.
-  bool waitForRetry(const std::string& why);
+  [[nodiscard]] bool waitForRetry(const std::string& why);
   bool stopping();
 
   Dialer& dialer_;

@@ -39,7 +39,7 @@ class FrameChannel {
   FrameChannel(Line& line, const LineTimes& times) : line_(line), times_(times) {}
 
   // Says hello and waits for the other end's. False: see `end`. First of all, once.
-  bool greet();
+  [[nodiscard]] bool greet();
   // How long a ping takes to the other end and back; none if the line has ended. After `greet`,
   // before anything else.
   std::optional<std::chrono::microseconds> measureRoundTrip();
@@ -64,7 +64,7 @@ class FrameChannel {
   // How long the line may be silent.
   std::chrono::milliseconds patience() const { return greeted_ ? times_.silence : times_.greeting; }
   // Waits for more bytes and pings in between; false if the line has ended.
-  bool receiveMore();
+  [[nodiscard]] bool receiveMore();
   std::nullopt_t endWith(LineEnd end);
 
   Line& line_;

@@ -44,7 +44,7 @@ class RemoteCard final : public CardBackend {
   Bytes call(FrameKind kind, const Bytes& command);
   void read();
   // False if the frame makes no sense.
-  bool take(const Frame& frame);
+  [[nodiscard]] bool take(const Frame& frame);
   void takeAnswer(const Frame& frame);
   // `card` is in now; 0 for none. Tells the listener.
   void setCard(std::uint32_t card);
