@@ -127,7 +127,7 @@ class Soak:
         self.shown = 0
 
     def run(self, stops, end):
-        """Disturbs the reader so often, or until `end`, or until it does not recover."""
+        """Disturbs the reader `stops` times, or until `end`, or until it does not recover."""
         while self.stops < stops and time.monotonic() < end:
             pause, kind, seconds = next(self.plan)
             time.sleep(pause)
