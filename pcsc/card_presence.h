@@ -16,10 +16,10 @@
 // shown.
 //
 // What the polling thread was told and what clients' threads were told are recorded separately.
-// pcscd's polling thread remembers the reader's state in a variable of its own, and clients'
-// threads ask for the presence before each power-up and reset. If the polling call waited because a
-// client's thread had seen the card, pcscd would miss the insertion. If it returned although the
-// polling thread knew of the card, pcscd would power the card down at once.
+// pcscd's polling thread keeps its own copy of the reader's state, and clients' threads ask for the
+// presence before each power-up and reset. If the polling call waited because a client's thread had
+// seen the card, pcscd would miss the insertion. If it returned although the polling thread knew of
+// the card, pcscd would power the card down at once.
 //
 // Threads: any. The driver's side may be called under the driver's locks. Nothing here needs
 // memory.

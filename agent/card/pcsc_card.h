@@ -1,6 +1,6 @@
 // Forwards the card in a real reader, through the PC/SC service.
 //
-// A thread of its own follows insertion and removal. The card is shared with other programs, which
+// A separate thread follows insertion and removal. The card is shared with other programs, which
 // have to coordinate their use of it themselves.
 #pragma once
 

@@ -24,7 +24,7 @@ void guarded(const OnFailure& onFailure, const Body& body) noexcept {
   }
 }
 
-// Keeps the first failure for the thread that ends the program. Needs no memory of its own.
+// Keeps the first failure for the thread that ends the program. Allocates nothing.
 class FailureNote {
  public:
   // `wake` is called once, on the thread that fails; it must not throw.

@@ -33,7 +33,7 @@ struct Record {
   bool isExchange() const { return kind == "transmit" || kind == "reset" || kind == "atr"; }
 };
 
-// None for a line that is no record.
+// None for a line that is not a record.
 std::optional<Record> parseRecord(std::string_view line);
 
 // A record in words.
