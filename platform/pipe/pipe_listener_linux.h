@@ -55,8 +55,8 @@ class PipeListener {
 
  private:
   std::string_view folder() const;
-  std::uint32_t openPlace();
-  bool restrictAccess(int folder, const char* name) const;
+  [[nodiscard]] std::uint32_t openPlace();
+  [[nodiscard]] bool restrictAccess(int folder, const char* name) const;
 
   const PipeAccess access_;
   SocketPlace place_;
