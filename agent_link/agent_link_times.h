@@ -1,4 +1,4 @@
-// How long a reader waits for what.
+// The reader's time limits.
 #pragma once
 
 #include <chrono>

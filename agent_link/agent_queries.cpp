@@ -20,10 +20,10 @@ constexpr std::array<std::uint8_t, 2> kCommandNotAccepted{0x69, 0x01};
 
 constexpr std::uint64_t kDumpWidth = 16;  // bytes per line
 
-// Of a log line's 255 characters no more than these can show.
+// More bytes than these do not fit into a log line's 255 characters.
 constexpr std::size_t kShownBytes = 128;
 
-// What the two users of an ATR exchange differ in: log lines mostly.
+// What differs between the two users of an ATR exchange, mostly log lines.
 struct AtrTexts {
   const char* tag;
   const char* writeFailed;
@@ -95,8 +95,8 @@ void answerNotAccepted(ResponseBuffer& response) {
 
 }  // namespace
 
-// Marks what is under way as a notification. Its destructor waits until nobody is cancelling it any
-// more: the turn is not given up before.
+// Marks what is under way as a notification. Its destructor waits until nobody is cancelling the
+// notification any more, and only then is the turn given up.
 class AgentQueries::Notification {
  public:
   explicit Notification(AgentQueries& queries) : queries_(queries) {

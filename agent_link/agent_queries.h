@@ -1,7 +1,7 @@
 // What a reader asks its agent on the command pipe. A query is one exchange, guarded by a watchdog
 // that ends it when its time is up; a notification is one write without a limit.
-// A query that the agent leaves unanswered does not resynchronise the pipe: a late answer would be
-// read as the next one's beginning, which is why an agent must never send one.
+// The pipe is not resynchronised after a query that the agent leaves unanswered: a late answer
+// would be read as the beginning of the next one. So an agent must never send one.
 //
 // Exchanges take turns. A query waits for its turn for at most its limit, then gives up without
 // touching the pipe; once it has its turn, it has its whole limit. No query's limit cuts another
@@ -60,15 +60,16 @@ class AgentQueries {
   };
 
   // Looked at before the turn is taken: without a pipe there is nothing to wait for.
-  bool hasPipe(const char* tag) const;
+  [[nodiscard]] bool hasPipe(const char* tag) const;
   template <typename Exchange>
   QueryResult runGuarded(const Name& name, const Turn& turn, Exchange exchange);
   static QueryResult timedOut(const Name& name);
   // Ends what is under way on the pipe.
   void cancel();
   // Ends a notification, once for all who wait for it; false if what is under way is none.
-  bool cancelNotification() ZELTA_EXCLUDES(notificationMutex_);
-  bool askTransmit(PipeStream& stream, const Bytes& command, ResponseBuffer& response);
+  [[nodiscard]] bool cancelNotification() ZELTA_EXCLUDES(notificationMutex_);
+  [[nodiscard]] bool askTransmit(PipeStream& stream, const Bytes& command,
+                                 ResponseBuffer& response);
 
   CancelablePipe& pipe_;
   const Reader& reader_;

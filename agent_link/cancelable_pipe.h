@@ -47,7 +47,7 @@ class CancelablePipe {
   CancelablePipe(const CancelablePipe&) = delete;
   CancelablePipe& operator=(const CancelablePipe&) = delete;
 
-  // For the order in which it is taken; nobody else takes it.
+  // Only for stating the locks' order; nobody else takes it.
   platform::Mutex& mutex() ZELTA_RETURN_CAPABILITY(mutex_) { return mutex_; }
 
   const char* label() const { return label_; }
@@ -108,9 +108,9 @@ class CancelablePipe {
   void endEpoch() ZELTA_REQUIRES(mutex_);
   // Drops the client that `disconnect` has left, once its calls have returned; false if the pipe
   // was stopped before.
-  bool dropLeftClient();
+  [[nodiscard]] bool dropLeftClient();
   // Cancels until none of the ended calls is in flight; the result is the first cancel's.
-  bool cancelEnded() ZELTA_EXCLUDES(mutex_);
+  [[nodiscard]] bool cancelEnded() ZELTA_EXCLUDES(mutex_);
   // `inFlight` counts calls with the mutex held.
   template <typename Count>
   void cancelAgainUntilNone(Count inFlight) ZELTA_EXCLUDES(mutex_);

@@ -108,8 +108,8 @@ void EventListener::serveAgent() {
     try {
       handleEvent(events, *code);
     } catch (const std::exception& failure) {
-      // An event that cannot be handled, for example because no log file can be made, is no reason
-      // to stop listening.
+      // Keeps listening after an event that cannot be handled, for example because no log file can
+      // be made.
       logError(kNoError, "Failed to handle event: %s", failure.what());
     }
   }

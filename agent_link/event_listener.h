@@ -2,8 +2,8 @@
 // the agent and listens to what it reports, again and again.
 //
 // The thread ends when the reader is destroyed, if the pipes cannot be created, and, deliberately,
-// if nobody has waited for a card for ten seconds after its start or after the loss of an agent.
-// There is no way back; `result` says so.
+// if nobody has waited for a card for ten seconds after its start or after the loss of an agent. It
+// is not started again; `result` says that it has ended.
 //
 // Ownership: the reader's; pipes, waiting requests and handler outlive it. `requestStop`, then the
 // end of the calls on the pipes, then `join` come before its destruction, in this order.

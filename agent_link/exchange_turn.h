@@ -1,5 +1,5 @@
-// Whose turn it is to exchange with the agent: one thread's at a time, in the order in which they
-// have asked.
+// Whose turn it is to exchange with the agent: one thread at a time, in the order in which they
+// asked.
 //
 // Taking and giving up a turn that nobody else wants makes no system call. The mutex is held for a
 // moment only, never during an exchange.
@@ -23,7 +23,7 @@ class ExchangeTurn {
   // How long a holder that was ended may take to give its turn up.
   static constexpr std::chrono::milliseconds kHandOver{1000};
 
-  // Gives a turn up that was taken.
+  // Gives up a turn that was taken.
   class Holder {
    public:
     explicit Holder(ExchangeTurn& turn) : turn_(turn) {}

@@ -2,11 +2,11 @@
 //
 // Two values stand for no pipe: 0, which a move leaves, and all bits set, the result of a failed
 // creation. Releasing a pipe cancels what is under way on it, drops its client and closes it, in
-// this order and whatever each gives; it happens on destruction and when another handle is moved
-// in.
+// this order, whatever each step returns; it happens on destruction and when another handle is
+// moved in.
 //
-// Threads: `get` and `valid` may be called while another thread moves a handle in; what was
-// got must not be used any more once the holder is destroyed or holds another pipe.
+// Threads: `get` and `valid` may be called while another thread moves a handle in. The result of
+// `get` must not be used any more once the holder is destroyed or holds another pipe.
 #pragma once
 
 #include <atomic>

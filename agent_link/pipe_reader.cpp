@@ -49,7 +49,7 @@ void PipeReader::cardInserted() {
     const TracedLock lock("PipeReader::handleEvent", waiting().deviceLock(), __LINE__);
     waiting().note(CardEvent::kInserted);
     setState(SCARD_SWALLOWED);
-    // Whatever it gives, the card is there.
+    // The card is there, whatever the result.
     initializeProtocols(
         [&](std::vector<std::uint8_t>& atr) { return queries_.queryAtr(atr, true, turn); });
   }

@@ -37,7 +37,7 @@ namespace {
 // memory checkers. Bytes.
 constexpr std::uint32_t kTrusted = 16 * PipeStream::kReadBlock;
 
-// So that a long payload is not copied as it grows.
+// Avoids copies of a long payload as it grows.
 void reserve(Bytes& bytes, std::uint32_t length) {
   try {
     bytes.reserve(length);

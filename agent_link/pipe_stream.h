@@ -29,26 +29,26 @@ class PipeStream {
   explicit PipeStream(CancelablePipe& pipe)
       : pipe_(pipe), handle_(pipe.handle()), epoch_(pipe.epoch()) {}
 
-  bool writeNumber(std::uint32_t value);
-  bool write(const std::uint8_t* bytes, std::uint32_t size);
-  // Returns once the agent has read everything written. Its result is of no use to any caller:
-  // what is wrong with the pipe shows in the read that follows.
+  [[nodiscard]] bool writeNumber(std::uint32_t value);
+  [[nodiscard]] bool write(const std::uint8_t* bytes, std::uint32_t size);
+  // Returns once the agent has read everything written. It reports no failure: the read that
+  // follows does.
   void flush();
   // None if the read failed.
   std::optional<std::uint32_t> readNumber();
   // `bytes` becomes `length` bytes long, or `kept` if that is less, and is filled; the rest of the
-  // payload is read and thrown away. After a failed read of up to `kReadBlock`
-  // bytes it keeps that length; a longer one keeps what has been made room for. If there is no
-  // memory for it, it is left empty and the client is dropped: what it has sent is still in the
-  // pipe and would be read as its next answer.
+  // payload is read and thrown away. After a failed read of up to `kReadBlock` bytes it keeps that
+  // length; after one of more bytes, that of the blocks begun so far. If there is no memory, it is
+  // left empty and the client is dropped: what it has sent is still in the pipe and would be read
+  // as its next answer.
   Payload readPayload(std::uint32_t length, Bytes& bytes, std::uint32_t kept = kAll);
   // The same for a response. After a failed read it keeps its length.
   Payload readPayload(std::uint32_t length, ResponseBuffer& response);
   // Reads that many bytes and throws them away. Uses no memory for them.
-  bool skip(std::uint32_t length);
+  [[nodiscard]] bool skip(std::uint32_t length);
 
  private:
-  bool read(void* data, std::uint32_t size);
+  [[nodiscard]] bool read(void* data, std::uint32_t size);
   // Runs `read`, and drops the client if there is no memory for it; the last error says so.
   template <typename Read>
   Payload withMemory(Read read);

@@ -3,8 +3,8 @@
 //
 //   logging_benchmark [--benchmark_filter=REGEX ...]
 //
-// Files go to a folder of its own below $TMPDIR, removed at the end. `items_per_second` is lines
-// (calls) per second of all threads together; the time is wall time per line of one thread.
+// Files go to a new folder below $TMPDIR, removed at the end. `items_per_second` is lines (calls)
+// per second of all threads together; the time is wall time per line of one thread.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>

@@ -54,7 +54,7 @@ def processors():
 
 @contextlib.contextmanager
 def processes_on(processor):
-    """What is started meanwhile stays on the processor."""
+    """Keeps the programs that are started meanwhile on the processor."""
     usable = os.sched_getaffinity(0)
     os.sched_setaffinity(0, {processor})
     try:
@@ -101,7 +101,7 @@ def commands(start_agent, placement, rounds, count):
 
 
 def movements_and_calls(swaps):
-    """On the processors that the kernel chooses."""
+    """Movements and system calls on the processors that the kernel chooses."""
     with Measured() as measured:
         measured.start_our_agent()
         return card_movements(measured, swaps), system_calls(measured)

@@ -73,7 +73,7 @@ class DelayedPort:
 
 
 def median_time(exchange, count):
-    """In milliseconds."""
+    """Durations in milliseconds."""
     times = []
     for _ in range(WARM_UP + count):
         begin = time.perf_counter()

@@ -70,7 +70,7 @@ def is_missed(row):
 
 
 def missed(results):
-    """What misses its target."""
+    """The rows that miss their target."""
     return [f"{title}: {row.what}" for title, rows in groups(results).items() for row in rows
             if is_missed(row)]
 

@@ -19,13 +19,22 @@ set(ZELTA_LAYERS
   "tools:contract platform logging"
 )
 
+# Headers of the build, in no folder of the sources.
+set(ZELTA_GENERATED_HEADERS zelta_build_version.h)
+
 # Headers in angle brackets that end in .h belong to the operating system or to a library. These
-# folders may include any; the others only what the list after it names.
-set(ZELTA_SYSTEM_FOLDERS platform agent/platform tools)
+# folders and files may include any; the others only what the list after it names.
+set(ZELTA_SYSTEM_PLACES
+  platform agent/platform tools/setup
+  tools/logs/log_folder tools/logs/main tools/logs/prune
+  tools/status/main tools/status/pcsc_view
+  tools/trace/agent_lines tools/trace/trace_main
+)
 set(ZELTA_LIBRARY_HEADERS
   "logging:fmt/.*"
   "pcsc:ifdhandler|reader"
   "agent/card:libcacard|nss|cert|pk11pub|prerror|secerr|winscard"
   "agent/library:zelta/agent"
   "agent/program:fmt/.*"
+  "tools/logs:fmt/.*"
 )

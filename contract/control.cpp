@@ -1,4 +1,4 @@
-// By hand although nlohmann-json reads objects: pcscd's handler asks for two members, nothing else.
+// Not nlohmann-json: pcscd's handler asks for two members and nothing else.
 #include "contract/control.h"
 
 #include <cstdlib>

@@ -1,5 +1,5 @@
-// By hand although ICU and utfcpp decode UTF-8: ICU has thirty megabytes, and utfcpp would replace
-// one function of 15 lines, by exceptions for the bytes that this is here for.
+// Neither ICU nor utfcpp: ICU has thirty megabytes, and utfcpp would replace one function of 15
+// lines and throw on the very bytes that have to be shown.
 #include "contract/harmless.h"
 
 #include <algorithm>
@@ -30,7 +30,7 @@ Character firstOf(std::string_view text) {
   return {code, code < kLowest[length] ? 0 : length};
 }
 
-// The control characters but the tabulator, and those that turn the direction of writing.
+// The control characters except the tab, and those that change the direction of writing.
 bool isHarmful(char32_t code) {
   static constexpr std::array<std::pair<char32_t, char32_t>, 7> kRanges = {{{0x00, 0x08},
                                                                             {0x0A, 0x1F},

@@ -6,8 +6,8 @@
 
 namespace zelta {
 
-// What a terminal would obey or show in another order, and what is not UTF-8, is `\xNN` byte by
-// byte. Tabulators stay, line breaks do not.
+// Writes as `\xNN`, byte by byte, what a terminal would obey or show in another order, and what is
+// not UTF-8. Tabs stay, line breaks do not.
 std::string harmless(std::string_view text);
 
 }  // namespace zelta

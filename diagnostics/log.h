@@ -23,7 +23,7 @@ namespace zelta {
 // A record is written if its level is not above the logger's threshold.
 using LogLevel = logging::Level;
 
-// The result code of a failure that has none of its own.
+// The result code of a failure that has no code.
 inline constexpr std::int32_t kNoResultCode = -500;
 
 // Level 3 and level 2, result code 0.

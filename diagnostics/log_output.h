@@ -10,7 +10,7 @@
 namespace zelta {
 
 // Whether the logger's level test would drop a record of that level, so that it need not be made.
-// False if there is no logger: the record's call makes one.
+// False if there is no logger, because logging the record makes one.
 bool isDropped(LogLevel level);
 
 // Through the logger's level test.
@@ -28,7 +28,7 @@ inline constexpr char kNullSessionLogId[] = "00000000-0000-0000-0000-00000000000
 // Any thread, also while others log: a thread that is writing keeps the logger until it has
 // written. Must not be called under the operating system's loader lock.
 void shutDownLogging();
-// Whether there is a logger: a record has made one, and it was not ended since.
+// Whether there is a logger: a record has made one, and it has not been ended since.
 bool hasLogger();
 
 }  // namespace zelta

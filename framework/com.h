@@ -87,7 +87,7 @@ class ComPtr {
  public:
   ComPtr() = default;
   ComPtr(std::nullptr_t) {}
-  // Takes a reference of its own.
+  // Takes another reference.
   explicit ComPtr(Interface* object) : object_(object) {
     if (object_ != nullptr) object_->AddRef();
   }

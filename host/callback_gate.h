@@ -36,7 +36,7 @@ class CallbackGate {
     platform::MutexLock lock(mutex_);
     open_ = false;
   }
-  // Returns when everybody has left; for a gate that is closed, and a thread that is not inside.
+  // Returns when everybody has left. The gate must be closed, and the calling thread not inside.
   void awaitEmpty() ZELTA_EXCLUDES(mutex_) {
     platform::MutexLock lock(mutex_);
     empty_.wait(lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return inside_ == 0; });

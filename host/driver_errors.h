@@ -20,8 +20,8 @@ class DriverErrors {
 
   explicit DriverErrors(Hook hook) : hook_(std::move(hook)) {}
 
-  // On the calling thread, often one of the driver's with its locks held. The text is the three
-  // together. An error that there is no memory to tell of is not told.
+  // Reports on the calling thread, often one of the driver's with its locks held. The text is the
+  // three together. An error is lost if there is no memory to report it.
   void report(const char* text, const char* more = "", const char* end = "") const noexcept {
     if (!hook_) return;
     try {
@@ -30,7 +30,8 @@ class DriverErrors {
     }
   }
 
-  // For a slot that no driver of ours uses: reports and gives the status to answer with.
+  // For a slot that this driver does not use: reports the call and returns the status to answer
+  // with.
   framework::HRESULT notImplemented(const char* operation) const noexcept {
     report("driver called ", operation, ", which this host does not implement");
     return kNotImplemented;

@@ -29,7 +29,7 @@ InputParts whole(const std::vector<std::uint8_t>& input) {
   return {{}, {input.data(), input.size()}};
 }
 
-// How many bytes it was.
+// Returns the number of bytes copied.
 std::size_t copyFront(ConstBytes source, MutableBytes target) {
   const std::size_t size = std::min(source.size, target.size);
   if (size > 0) std::memcpy(target.data, source.data, size);
@@ -104,7 +104,7 @@ class ModuleHost final : public DriverHost {
   std::vector<std::wstring> interfaces() const override ZELTA_EXCLUDES(mutex_);
 
  private:
-  // How far up the driver is; taking it down goes back from there.
+  // How far the driver was brought up; tear-down goes back from there.
   enum class Stage { kDown, kCreated, kInitialized, kPrepared, kWorking };
 
   void addDevice();
@@ -121,7 +121,7 @@ class ModuleHost final : public DriverHost {
   const Callbacks callbacks_;
   DriverModule module_;
 
-  // The owner's alone.
+  // Used by the owner only.
   Stage stage_ = Stage::kDown;
   ComPtr<framework::IDriverEntry> entry_;
   ComPtr<WdfDriver> driver_;
@@ -172,7 +172,7 @@ void ModuleHost::addDevice() {
 }
 
 void ModuleHost::powerUp() {
-  // Also a driver whose preparation failed is told to release the hardware.
+  // A driver whose preparation failed is told to release the hardware, too.
   stage_ = Stage::kPrepared;
   if (device_->hardware() != nullptr) {
     check(device_->hardware()->OnPrepareHardware(device_.get()), "OnPrepareHardware");
@@ -218,7 +218,7 @@ void ModuleHost::takeDown() noexcept {
   if (device_) powerDown();
   if (stopped_) stopped_->abandon();
   stopped_.reset();
-  // The device goes before the driver object hears of the end.
+  // The device is deleted before the driver object is told of the end.
   if (device_) {
     device_->dispose();
     device_->detach();

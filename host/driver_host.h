@@ -14,7 +14,7 @@
 // Threads: every method may be called from any thread, except that `bringUp`, `tearDown`, `unload`
 // and the destructor are the owner's and do not overlap. Nothing else need be stopped before
 // `tearDown`: what is called while it runs is carried out or fails with `kDeviceGone`.
-// Failures: `load` and `bringUp` throw; afterwards statuses only, short of std::bad_alloc.
+// Failures: `load` and `bringUp` throw; everything else returns statuses, or throws std::bad_alloc.
 #pragma once
 
 #include <chrono>
@@ -84,7 +84,7 @@ class IoOperation {
   // Waits until the request is completed and its completion callback has returned; false when
   // the time ran out.
   virtual bool wait(std::chrono::milliseconds limit) = 0;
-  // What `wait` would answer at once.
+  // What `wait` would return if it did not wait.
   virtual bool completed() const = 0;
   // Cancels: a request that waits, marked cancelable, is handed to the driver's cancel callback
   // on this thread; one that is not marked yet is as soon as it is marked; a completed one is
@@ -105,15 +105,15 @@ class File {
   using Completion = std::function<void(const IoResult&)>;
 
   // Waits for the result; cancels a request that the driver keeps when the time runs out, and gives
-  // `kTimedOut` (what the driver still completes is thrown away). The time counts from the moment
-  // that the driver's dispatch callback has returned: what that takes is bounded by the driver
-  // alone. A request that cannot be begun ends with `kDeviceGone`, with E_OUTOFMEMORY if there is
-  // no memory, or with ERROR_INVALID_FUNCTION (1) if the driver has no queue for I/O controls.
+  // `kTimedOut` (what the driver still completes is thrown away). The time counts from the return
+  // of the driver's dispatch callback, whose duration only the driver limits. A request that cannot
+  // be begun ends with `kDeviceGone`, with E_OUTOFMEMORY if there is no memory, or with
+  // ERROR_INVALID_FUNCTION (1) if the driver has no queue for I/O controls.
   virtual IoResult control(std::uint32_t code, const std::vector<std::uint8_t>& input,
                            std::size_t outputCapacity, std::chrono::milliseconds limit) = 0;
   // The same between buffers of the caller's. The valid output, no more than there is room, is
-  // written to the two parts of `output`; the rest of them stays as it is. All memory that is
-  // needed is had before the driver is called.
+  // written to the two parts of `output`; the rest of them stays as it is. All memory is allocated
+  // before the driver is called.
   virtual IoStatus controlInParts(std::uint32_t code, const InputParts& input,
                                   const OutputParts& output, std::chrono::milliseconds limit) = 0;
   // Dispatches the request on this thread and returns when the driver's dispatch callback has: the
@@ -133,9 +133,9 @@ struct HostOptions {
   // throw std::bad_alloc, which loses that text, and nothing else.
   // Empty: one line each on the standard error output.
   std::function<void(const std::string&)> driverError;
-  // Calls the driver's I/O and cancel callbacks one at a time, as Windows' host does: whoever calls
-  // waits until the callback before has returned. Power callbacks come beside them. For tests; also
-  // if $ZELTA_HOST_SERIALISE is 1.
+  // Calls the driver's I/O and cancel callbacks one at a time, as Windows' host does: a caller
+  // waits until the previous callback has returned. Power callbacks may overlap them. For tests;
+  // $ZELTA_HOST_SERIALISE=1 has the same effect.
   bool serialiseCallbacks = false;
 };
 
@@ -146,7 +146,7 @@ class DriverHost {
   // Tears down and unloads. A module that answers that it may not be unloaded stays loaded.
   virtual ~DriverHost() = default;
 
-  // Class factory to working power state. What was begun is taken back if a step fails. May
+  // Class factory to working power state. If a step fails, the steps before it are undone. May
   // follow a `tearDown`: the driver object is made afresh. Harmless when already up.
   virtual void bringUp() = 0;
   // Stops taking requests and cancels, has the driver leave its working state, which ends what the

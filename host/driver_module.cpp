@@ -91,7 +91,7 @@ bool DriverModule::unload() noexcept {
   try {
     std::string reason;
     if (!platform::closeModule(module_, &reason)) return false;
-  } catch (const std::bad_alloc&) {  // there is a reason
+  } catch (const std::bad_alloc&) {  // no memory for the reason
     return false;
   }
   module_ = nullptr;

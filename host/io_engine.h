@@ -40,7 +40,7 @@ class IoEngine : public std::enable_shared_from_this<IoEngine> {
   // Open until `close`: for calls into the driver on callers' threads.
   CallbackGate& gate() { return gate_; }
 
-  // For the request. Calls the driver, when it is this thread's turn.
+  // For the request. Calls the driver as soon as it is this thread's turn.
   template <typename Callback>
   void callDriver(Callback callback) ZELTA_EXCLUDES(turn_) {
     if (callbacks_ == Callbacks::kOverlapping) return callback();
@@ -54,7 +54,7 @@ class IoEngine : public std::enable_shared_from_this<IoEngine> {
  private:
   friend class BlockingControl;
 
-  // Null if its buffers cannot be had.
+  // Null if its buffers cannot be allocated.
   framework::ComPtr<WdfRequest> make(const framework::ComPtr<WdfFile>& file,
                                      const IoControl& control,
                                      std::shared_ptr<Operation> operation) noexcept;

@@ -23,7 +23,8 @@ class WdfMemory final : public WdfObject<WdfMemory, framework::IWDFMemory> {
   WdfMemory(const DriverErrors& errors, framework::IUnknown& request);
   ~WdfMemory() { platform::wipe(storage_, initialised_); }
 
-  // The storage that `size` bytes take. Throws std::length_error if no number can say it.
+  // The storage that `size` bytes take. Throws std::length_error if that exceeds the range of the
+  // type.
   static std::size_t storageFor(std::size_t size);
   // Before the first use: `storageFor(size)` bytes, owned by the request.
   void setStorage(std::uint8_t* storage, std::size_t size);

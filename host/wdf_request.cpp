@@ -142,8 +142,8 @@ void WdfRequest::MarkCancelable(framework::IRequestCallbackCancel* callback) {
     case Marking::kMarked:
       break;
     case Marking::kCancelledBefore:
-      // Part of the callback that marks. In its turn elsewhere, a driver that marks with a lock
-      // held could deadlock.
+      // Counts as part of the callback that marks. If it waited for a turn, a driver that marks
+      // with a lock held could deadlock.
       callback->OnCancel(this);
       break;
     case Marking::kAgainstTheRules:

@@ -1,11 +1,11 @@
 // One I/O control as a framework request: parameters, memory, completion, cancellation.
 //
-// Lifetime: whoever dispatches the request holds a reference until it lets go of the result; one
-// that is not completed when its dispatch callback returns has another of the engine's, until it
-// is. The object goes, with the driver's context, when the last reference does.
+// Lifetime: whoever dispatches the request holds a reference until it lets go of the result; if it
+// is not completed when its dispatch callback returns, the engine holds another until it is. The
+// object and the driver's context are destroyed with the last reference.
 // Memory: a buffer of length 0 has no memory object, as on the operating system's own host; the
 // getters then yield null. Input and output are separate buffers in one piece of storage that is
-// not initialised (see wdf_memory.h). Nothing is allocated after the request was made.
+// not initialised (see wdf_memory.h). Nothing is allocated after the request has been made.
 // Cancellation: a cancelled request is handed to the callback that it is or becomes marked with,
 // exactly once, on the cancelling or the marking thread, with no lock of the host's held but the
 // turn of its callbacks (see io_engine.h).
@@ -33,7 +33,7 @@ struct IoControl {
 
 class WdfRequest final : public WdfObject<WdfRequest, framework::IWDFIoRequest> {
  public:
-  // Throws std::bad_alloc or std::length_error if the buffers cannot be had.
+  // Throws std::bad_alloc or std::length_error if the buffers cannot be allocated.
   // `operation` hears of the completion; null if a thread waits for the request itself.
   // `engine` lasts as long as the request is not completed.
   WdfRequest(SharedDriverErrors errors, IoEngine& engine, framework::ComPtr<WdfQueue> queue,

@@ -61,8 +61,8 @@ void FileLogger::startNewFile() {
 
 std::string FileLogger::newFilePath() const {
   // Two files made within one millisecond (by two sessions, or by two processes) would have the
-  // same name, and the second would wipe out the first. So the second takes the name of the next
-  // millisecond that is free.
+  // same name, and the second would replace the first. So the second takes the name of the next
+  // free millisecond.
   std::int64_t time = platform::ports().clock->now();
   for (;;) {
     std::string path = logFilePath(basePath_, time);

@@ -12,7 +12,7 @@ namespace zelta::logging {
 
 // A top-level logger owns its file and is its own root; a child writes to its root's file. One
 // thread at a time may use a top-level FileLogger (FileLoggerWindows adds the lock). Its children
-// take no lock of their own.
+// take no lock.
 class FileLogger : public LoggerBase {
  public:
   // `root` is the logger that owns the file. It is not owned and must outlive this logger. If it is

@@ -1,5 +1,4 @@
-// By hand although spdlog writes log files: here a file begins anew with each session, and a line
-// is on disk when the call returns.
+// Not spdlog: here each session begins a new file, and a line is on disk when the call returns.
 #include "logging/file_logger_windows.h"
 
 #include <fmt/format.h>

@@ -66,7 +66,7 @@ void appendEscaped(std::string& line, std::string_view text) {
   }
 }
 
-// By hand: {fmt} takes ten times as long to pad a text as to copy it.
+// Without {fmt}, which takes ten times as long to pad a text as to copy it.
 void appendPadded(std::string& line, std::string_view text, std::size_t width) {
   line.append(text);
   if (text.size() < width) line.append(width - text.size(), ' ');

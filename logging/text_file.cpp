@@ -100,7 +100,7 @@ void TextFile::write(const std::string& text) {
   }
 }
 
-// Of the position after the last write. What is no ordinary file has none.
+// Goes by the position after the last write, which only an ordinary file has.
 bool TextFile::endsBefore(std::size_t size) {
   const std::streamoff end = stream_->tellp();
   return end > 0 && static_cast<std::uint64_t>(end) < size;

@@ -14,8 +14,8 @@ namespace zelta {
 
 // Any thread may write; the file's own mutex keeps lines whole.
 //
-// A file that cannot be opened or written is no failure to the caller. The line is lost, and the
-// next one tries again:
+// The caller does not learn that a file cannot be opened or written. The line is lost, and the next
+// one tries again:
 // - A file that could not be made (no folder, no permission) is made then.
 // - Half a line that a full disk has left at the file's end is cut off first.
 // - A file that was removed meanwhile is made anew. A write looks for it, at most once a second.

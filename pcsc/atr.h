@@ -1,4 +1,4 @@
-// What can be a card's answer to reset.
+// Whether bytes can be a card's answer to reset.
 //
 // Pure functions.
 #pragma once

@@ -7,20 +7,19 @@
 // back shown, so that no swap is missed however quick, and no half of pcscd sees the new card
 // while the other still works with the old one.
 //
-// A call of pcscd's that was refused for want of a card has a consequence after its return: that
-// thread of pcscd writes down an empty reader, with no lock held. Were a card shown before it did
-// so, the reader would stay empty for pcscd with the card in it. A card is therefore not shown
-// within `kSettlingTime` of such a refusal; refusals that go on and on hide it no longer than
-// `kLongestSettling`.
+// After a call was refused because no card was in, that thread of pcscd records an empty reader,
+// without holding a lock. If a card were shown before that, the reader would stay empty for pcscd.
+// So no card is shown within `kSettlingTime` of such a refusal; repeated refusals hide it for
+// `kLongestSettling` at most.
 //
 // As long as a call that worked with a card which has left has not returned, no other card is
 // shown.
 //
-// What the polling thread was told and what clients' threads were told is kept apart. pcscd's
-// polling thread remembers the reader's state in a variable of its own, and clients' threads ask
-// for the presence before each power-up and reset. If the polling call waited because a client's
-// thread had seen the card, pcscd would miss the insertion. If it returned although the polling
-// thread knew of the card, pcscd would power the card down at once.
+// What the polling thread was told and what clients' threads were told are recorded separately.
+// pcscd's polling thread keeps its own copy of the reader's state, and clients' threads ask for the
+// presence before each power-up and reset. If the polling call waited because a client's thread had
+// seen the card, pcscd would miss the insertion. If it returned although the polling thread knew of
+// the card, pcscd would power the card down at once.
 //
 // Threads: any. The driver's side may be called under the driver's locks. Nothing here needs
 // memory.
@@ -35,7 +34,8 @@
 
 namespace zelta::pcsc {
 
-// Tells the cards apart that pcscd was shown; one that is shown again after a removal is another.
+// Identifies a card that pcscd was shown. A card that is shown again after a removal gets a new
+// number.
 using CardNumber = std::uint64_t;
 inline constexpr CardNumber kNoCard = 0;
 
@@ -70,10 +70,10 @@ class CardPresence {
   void endUse() noexcept ZELTA_EXCLUDES(mutex_);
   // False if `card` is no longer the card shown.
   bool isShown(CardNumber card) const ZELTA_EXCLUDES(mutex_);
-  // Makes pcscd see `card` leave and, if it is still in, enter once more. Nothing if it is no
+  // Makes pcscd see `card` leave and, if it is still in, enter once more. Does nothing if it is no
   // longer the card shown.
   void reinsert(CardNumber card) ZELTA_EXCLUDES(mutex_);
-  // The polling function: returns the moment a change is there that the caller has not been told
+  // The polling function: returns as soon as there is a change that the caller has not been told
   // of, when stopped, or when the time has run out.
   void awaitChange(std::chrono::milliseconds limit) ZELTA_EXCLUDES(mutex_);
   // Waits until a card is shown or this is closed; false if neither has come about by `deadline`.

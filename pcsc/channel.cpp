@@ -24,7 +24,7 @@ constexpr DWORD kPciRaw = SCARD_PROTOCOL_RAW;
 
 constexpr std::size_t kAttributeCapacity = MAX_BUFFER_SIZE;  // bytes
 
-// Attributes have a class in the high word; what has none is pcscd's own.
+// Attributes have a class in the high word; tags without one are pcscd's own.
 constexpr DWORD kLastTagWithoutClass = 0xFFFF;
 constexpr DWORD kLastTag = 0xFFFFFFFF;
 
@@ -36,8 +36,8 @@ bool isText(std::uint32_t tag) {
   return attribute != nullptr && attribute->kind == AttributeKind::kText;
 }
 
-// The driver carries out these requests in its dispatch callback. One that it keeps all the same
-// is given so long.
+// The driver carries out these requests in its dispatch callback. This limits one that it keeps
+// nevertheless.
 constexpr std::chrono::milliseconds kKeptLimit{10000};
 
 // The driver refuses every protocol while it reads those of a card that has just entered. Each try

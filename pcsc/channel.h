@@ -115,11 +115,11 @@ class Channel {
   Reply resetFailed(CardNumber card, framework::HRESULT status);
   // Sends the command under the driver's current protocol, whichever that is.
   Exchange exchange(CardNumber card, const Apdu& command);
-  // The driver's protocol if it is another than `known`; none if that cannot be said.
+  // The driver's protocol if it differs from `known`; none if it does not or cannot be asked.
   std::optional<std::uint32_t> otherProtocol(CardNumber card, std::uint32_t known);
   RESPONSECODE checkAnswer(const Exchange& exchange, std::size_t capacity);
   Reply atr();
-  // Logs what is none.
+  // Logs bytes that are not an ATR.
   bool isAtr(const host::IoResult& result) const;
 
   // The answer to a call that needs a card and has none.

@@ -63,7 +63,7 @@ void ChannelTable::logFailure(std::uint32_t readerIndex, const char* reason) con
   try {
     surroundings_.log(LogLevel::kCritical,
                       "reader " + readerName(readerIndex) + " cannot be had: " + reason);
-  } catch (const std::bad_alloc&) {  // no memory to tell of it, which may be the reason itself
+  } catch (const std::bad_alloc&) {  // no memory to report it, perhaps for the same reason
   }
 }
 
@@ -133,7 +133,8 @@ RESPONSECODE ChannelTable::close(DWORD lun) noexcept {
     last = entries_.size() == 1;
   }
   channel->close();
-  // Ends what still runs on the channel; if others need the device it ends by itself.
+  // Ends the calls that still run on the channel. If other channels need the device, those calls
+  // end by themselves.
   if (last) device_->shutDown();
   std::unique_ptr<Channel> closed;
   {

@@ -8,7 +8,7 @@
 
 namespace zelta::pcsc {
 
-// The control code under which the reader's properties are had; ours to choose.
+// The control code that returns the reader's properties; chosen by the handler.
 inline constexpr DWORD kGetPropertiesControl = SCARD_CTL_CODE(0x800 + FEATURE_GET_TLV_PROPERTIES);
 
 // What a command or an answer may carry: extended length is fine.

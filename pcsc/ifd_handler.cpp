@@ -12,6 +12,7 @@
 #include "pcsc/features.h"
 #include "pcsc/ifd_api.h"
 #include "pcsc/reader_names.h"
+#include "platform/process/never_destroyed.h"
 
 namespace {
 
@@ -23,19 +24,18 @@ using zelta::pcsc::Reply;
 
 // The process's table. Never destroyed: pcscd may exit while its threads are still in here.
 ChannelTable& table() {
-  alignas(ChannelTable) static unsigned char storage[sizeof(ChannelTable)];
-  static ChannelTable* const made = new (storage)
-      ChannelTable({[](const std::string& path, zelta::host::HostOptions options) {
-                      return zelta::host::DriverHost::load(path, std::move(options));
-                    },
-                    zelta::pcsc::modulePath, zelta::pcsc::logToDaemon, zelta::pcsc::agentHasCard});
-  return *made;
+  static zelta::platform::NeverDestroyed<ChannelTable> made(zelta::pcsc::Surroundings{
+      [](const std::string& path, zelta::host::HostOptions options) {
+        return zelta::host::DriverHost::load(path, std::move(options));
+      },
+      zelta::pcsc::modulePath, zelta::pcsc::logToDaemon, zelta::pcsc::agentHasCard});
+  return made.get();
 }
 
 void logFailure(const char* text) noexcept {
   try {
     zelta::pcsc::logToDaemon(LogLevel::kError, text);
-  } catch (const std::bad_alloc&) {  // no memory to tell of it
+  } catch (const std::bad_alloc&) {  // no memory to report it
   }
 }
 
@@ -123,7 +123,7 @@ RESPONSECODE IFDHSetCapabilities(DWORD lun, DWORD tag, DWORD length, PUCHAR valu
   });
 }
 
-// No negotiation of its own: the card is far away.
+// Nothing is negotiated here: the card is at another place.
 RESPONSECODE IFDHSetProtocolParameters(DWORD lun, DWORD protocol, UCHAR, UCHAR, UCHAR, UCHAR) {
   return onChannel(lun, [&](Channel& channel) { return channel.setProtocol(protocol); });
 }

@@ -227,16 +227,16 @@ void PresenceWatch::tellNotServing(MakeReason makeReason) noexcept {
     log_(LogLevel::kError, "reader " + reader_.name() + " does not serve: " + reason +
                                "; the device is restarted until it serves");
     told_ = reason;
-  } catch (const std::bad_alloc&) {  // no memory to tell of it
+  } catch (const std::bad_alloc&) {  // no memory to report it
   }
 }
 
-// At the same level, so that whoever read of the trouble reads of its end.
+// At the same level, so that whoever has read of the problem reads of its end.
 void PresenceWatch::tellServing() noexcept {
   if (told_.empty()) return;
   try {
     log_(LogLevel::kError, "reader " + reader_.name() + " serves again");
-  } catch (const std::bad_alloc&) {  // no memory to tell of it
+  } catch (const std::bad_alloc&) {  // no memory to report it
   }
   told_.clear();
 }

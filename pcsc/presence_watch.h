@@ -12,11 +12,11 @@
 // the driver long is cancelled after a while and made again.
 //
 // The driver's server thread ends if nobody asked for a card for a while, or if it cannot
-// make its pipes. After each request for an insertion that waits in the driver it is therefore
+// make its pipes. So after each request for an insertion that waits in the driver, the driver is
 // asked how the thread is: a thread that serves then will serve that request. One that has ended is
 // brought back with the device, after a pause that grows until it serves again; pcscd's log has why
-// and when. So is one that refuses what its card offers. A driver that does not know the question
-// serves.
+// and when. A reader that refuses what its card offers is brought back in the same way. A driver
+// that does not know the question counts as serving.
 //
 // Ownership: holds its reader and shares `presence`; a request that is still waiting at the end is
 // cancelled, and its completion may come later. Threads: one of its own, joined by the destructor,
@@ -37,13 +37,13 @@ namespace zelta::pcsc {
 
 class PresenceWatch {
  public:
-  // A request that lasted so long did not fail as soon as it was made.
+  // A request that lasted this long did not fail as soon as it was made.
   static constexpr std::chrono::milliseconds kLasting{100};
   static constexpr std::chrono::milliseconds kFirstPause{10};
   static constexpr std::chrono::milliseconds kLongestPause{1000};
-  // If cards come and go: the last one must be seen soon.
+  // While cards come and go. Short, because the last card must be seen soon.
   static constexpr std::chrono::milliseconds kLongestSwapPause{40};
-  // The driver asked the agent in vain if it took longer than this to take a request.
+  // If the driver takes longer than this to take a request, it has asked the agent in vain.
   static constexpr std::chrono::milliseconds kPromptCheck{1000};
   static constexpr std::chrono::milliseconds kRecheckPause{1000};
   static constexpr std::chrono::milliseconds kFirstRevivalPause{100};
@@ -110,7 +110,7 @@ class PresenceWatch {
   bool revive();
   // False if the device is down for good; none if it did not come up.
   std::optional<bool> renew();
-  // Logs the reason, once however often it is met.
+  // Logs the reason, but only once if it recurs.
   template <typename MakeReason>
   void tellNotServing(MakeReason makeReason) noexcept;
   void tellServing() noexcept;

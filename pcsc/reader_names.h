@@ -8,7 +8,7 @@
 namespace zelta::pcsc {
 
 // The reader's index in a DEVICENAME: the decimal number after the last colon, 0 if there is no
-// colon. None if what follows the colon is no number of 32 bits.
+// colon. None if what follows the colon is not a 32-bit number.
 //   zelta:0 -> 0   zelta:12 -> 12   zelta -> 0   zelta: -> none   zelta:x -> none   zelta:-1 ->
 //   none
 std::optional<std::uint32_t> readerIndexOf(const std::string& deviceName);

@@ -1,4 +1,4 @@
-// How the driver's server thread is, as its attribute says.
+// The state of the driver's server thread, read from its attribute.
 //
 // Pure functions.
 #pragma once

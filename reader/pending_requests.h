@@ -4,7 +4,7 @@
 // they are completed. Whoever completes a request takes it out of its list.
 //
 // Threads: everything but `empty` is called with the device lock held. `empty` may be read without
-// a lock; what it gives is then only a hint.
+// a lock; its result is then only a hint.
 #pragma once
 
 #include <algorithm>

@@ -59,11 +59,11 @@ class Reader {
   virtual QueryResult QueryTransmit(const Bytes& command, ResponseBuffer& response) = 0;
   virtual QueryResult QueryAtr(Bytes& atr, bool reset) = 0;
   virtual QueryResult CheckATR() = 0;
-  // Tells the agent that a protocol was selected; true when it was sent.
+  // Tells the agent that a protocol was selected; true if that was sent.
   virtual bool NotifyCardReady() = 0;
   // Marks the card absent and completes every waiting request as cancelled.
   virtual void shutdown() = 0;
-  // The body of the thread that serves the agent; 0 when it ended because it was told to.
+  // The body of the thread that serves the agent; 0 if it ended because it was told to.
   virtual std::uint32_t serverThread() = 0;
   // An attribute of the vendor's own; completes the request.
   virtual void IoSmartCardGetVendorDefinedAttribute(std::uint32_t tag, IoRequest& request);
@@ -107,7 +107,7 @@ class Reader {
   void answerAttribute(IoRequest& request, const Attribute& attribute, const AttributeValue& value,
                        LogLevel level = LogLevel::kInfo);
 
-  // Whatever a handler that is still running makes of the state, it is absent from now on.
+  // From now on the state is absent, whatever a handler that is still running sets.
   void markAbsentForGood() { absentForGood_.store(true, std::memory_order_release); }
   void setState(std::uint32_t state) { state_.exchange(state); }
   void setCardReady(std::uint32_t ready) { cardReady_.store(ready, std::memory_order_relaxed); }

@@ -1,4 +1,4 @@
-// A card's response behind room for the header that the smart card service expects before it, so
+// A card's response, with room before it for the header that the smart card service expects, so
 // that both reach the caller in one copy.
 //
 // The room for a response is not initialised: a long response is written once, and memory that an
@@ -20,11 +20,11 @@ namespace zelta {
 
 class ResponseBuffer {
  public:
-  // Of a response that is not kept, as much is written at a time at most. Bytes.
+  // The most that is written at a time of a response that is not kept. Bytes.
   static constexpr std::size_t kBlock = 1024 * 1024;
   static constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
 
-  // `limit` is how much the caller takes, header and response together. Bytes.
+  // `limit` is the most that the caller takes, header and response together. Bytes.
   explicit ResponseBuffer(std::size_t limit = kNoLimit) : limit_(limit) {}
   ~ResponseBuffer() { clear(); }
   ResponseBuffer(const ResponseBuffer&) = delete;

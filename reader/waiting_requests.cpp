@@ -81,7 +81,7 @@ void WaitingRequests::note(CardEvent event) { ++counts_[static_cast<std::size_t>
 
 void WaitingRequests::wakeInsertionWait() {
   {
-    // Whoever has found nothing to wake for with this mutex held is waiting by now.
+    // A thread that found nothing to wake for under this mutex is waiting by now.
     const platform::MutexLock lock(mutex_);
   }
   insertionRequestCame_.notifyAll();

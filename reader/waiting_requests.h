@@ -6,9 +6,9 @@
 //
 // Ownership: the reader's. The device outlives it. No reference is held on a request.
 //
-// Threads: what needs the device lock says so. `any` may be called without it; what it gives is
-// then a hint. Adding an insertion request takes the request list mutex and wakes whoever waits for
-// one with that mutex.
+// Threads: what needs the device lock says so. `any` may be called without it; its result is then a
+// hint. Adding an insertion request takes the request list mutex and wakes whoever waits for one
+// with that mutex.
 #pragma once
 
 #include <array>

@@ -6,7 +6,7 @@ ZELTA_RUN_DIR=$(realpath --canonicalize-missing "${ZELTA_RUN_DIR:-/run/zelta-up}
 ZELTA_BUILD_DIR=$(realpath --canonicalize-missing "${ZELTA_BUILD_DIR:-$ZELTA_ROOT/build}")
 export ZELTA_RUN_DIR ZELTA_BUILD_DIR
 
-# git refuses a checkout of another user's, which root works in here on that user's behalf.
+# git refuses a checkout that belongs to another user. Here root works in one on its user's behalf.
 export GIT_CONFIG_COUNT=1 GIT_CONFIG_KEY_0=safe.directory GIT_CONFIG_VALUE_0=$ZELTA_ROOT
 
 # shellcheck source=scripts/packages.sh
@@ -49,12 +49,13 @@ end_work() {
   trap '' INT TERM
   end_follower
   [ -n "$WORK" ] || return 0
-  # A password that is no longer good is not asked for here.
+  # Does not ask for a password again if that has expired.
   rm -rf "$WORK" 2>/dev/null || [ "$(id -u)" -eq 0 ] || sudo -n rm -rf "$WORK" || true
   WORK=
 }
 
-# interrupted EXIT-CODE: once what runs in the foreground, which hears of the signal too, has ended.
+# interrupted EXIT-CODE: called when the program in the foreground, which gets the signal too, has
+# ended.
 interrupted() {
   trap '' INT TERM
   end_follower
@@ -98,17 +99,17 @@ package_version() {
   fi
 }
 
-# Seconds after which sudo is told again that the password is still good.
+# Seconds after which sudo's record of the password is renewed.
 SUDO_PERIOD=50
 root_asked=
 root_told= # what for
 
-# Until this script is gone, or the program that it has become.
+# Runs until this script, or the program that it has become, ends.
 keep_sudo() {
   while ! timeout "$SUDO_PERIOD" tail --pid=$$ -f /dev/null; do sudo -n -v || return 0; done
 }
 
-# ask_root PURPOSE: has sudo ask for the password, at most once for all that the command does.
+# ask_root PURPOSE: has sudo ask for the password, at most once in the whole command.
 # Commands that need root late call it first.
 ask_root() {
   [ "$(id -u)" -ne 0 ] && [ -z "$root_asked" ] || return 0
@@ -162,7 +163,7 @@ eta() {
   fi
 }
 
-# How far it is, by what the log says last, after so many seconds.
+# How far a command is, by the last lines of its log and the seconds that it has run.
 # build_progress LOG SECONDS: "[ 42%] Building ...", as ninja and make say.
 build_progress() {
   local percent

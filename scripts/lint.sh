@@ -32,13 +32,13 @@ esac
 
 need_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" "${WINDOWS_PACKAGES[@]}" \
   "${LINT_PACKAGES[@]}"
-# The versions' header is made by a build; nothing else of one is needed.
+# The header with the version is made by a build; the build's other results are not needed.
 CONFIGURE_OPTIONS=(-DZELTA_BUILD_BENCHMARKS=ON)
 build_preset clang zelta_build_version
 CONFIGURE_OPTIONS=()
 (configure windows-lint) >/dev/null
 
-# What the compiler for Windows finds by itself. clang does not know its gnu_printf.
+# The folders that the compiler for Windows searches by itself. clang does not know gnu_printf.
 gcc=$(dirname "$(x86_64-w64-mingw32-g++-posix -print-libgcc-file-name)")
 windows=(--extra-arg=--target=x86_64-w64-mingw32 --extra-arg=-nostdinc++ --extra-arg=-Wno-ignored-attributes)
 for folder in c++ c++/x86_64-w64-mingw32 c++/backward; do
@@ -49,7 +49,7 @@ done
 tidy() {
   local folder=$1
   shift
-  # It counts the warnings that it does not show on standard error; those that it shows are elsewhere.
+  # Its standard error only counts the warnings that it hides.
   # shellcheck disable=SC2016  # the inner shell expands it
   xargs -r -n 1 -P "$(nproc)" sh -c 'clang-tidy --quiet "$@" 2>/dev/null; result=$?
     echo >>"$0"; exit "$result"' "$WORK/done" -p "$folder" "$@" <"$folder/sources"

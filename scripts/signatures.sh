@@ -10,7 +10,7 @@ pkcs11_module() {
 }
 
 # check_signatures PIN FOLDER: signs with every key whose certificate is on the card; ends the
-# script where one fails, or where there are none.
+# script if one fails, or if there are none.
 check_signatures() {
   local pin=$1 work=$2 module ids id count=0
   module=$(pkcs11_module)

@@ -23,7 +23,7 @@ running_only=no
 for argument in "$@"; do
   case "$argument" in
     --check) check=yes ;;
-    --run-only) running_only=yes ;;  # behind sudo, when packages and build are done
+    --run-only) running_only=yes ;;  # under sudo, after packages and build
     *) help_or_die up "$argument" ;;
   esac
 done
@@ -143,7 +143,7 @@ start_agent() {
   agent_pid=$!
 }
 
-# A pcscd of our own: in the system's place where none is there, else in a private mount namespace
+# A pcscd of our own: in the system's place if that is free, else in a private mount namespace
 # with a socket of its own.
 start_pcscd() {
   local options=(--foreground --config "$ZELTA_RUN_DIR/reader.conf.d")

@@ -38,7 +38,8 @@ class CardBackend {
   // Throws std::runtime_error with a message for people if there can be no card at all. The
   // listener outlives `stop`.
   virtual void start(CardListener& listener) = 0;
-  // No notification follows its return. Nothing but the destructor may be called afterwards.
+  // No notification comes after it has returned. Nothing but the destructor may be called
+  // afterwards.
   virtual void stop() = 0;
 
   // Resets the card, and powers it first if it has no power. Its ATR, or empty if no card is in or

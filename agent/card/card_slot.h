@@ -52,7 +52,7 @@ class CardSlot final : private CardListener {
   CardSlot(const CardSlot&) = delete;
   CardSlot& operator=(const CardSlot&) = delete;
 
-  // Throws what the back end throws; it is not started then. Once.
+  // Call once. Throws what the back end throws; the slot is not started then.
   void start();
   // Makes the call that is in the card, and every later one, return as soon as the card allows.
   void interrupt();
@@ -77,7 +77,7 @@ class CardSlot final : private CardListener {
 
   // The card that is in.
   CardId card() const;
-  // What `card` answers, for as long as it takes; kNoAnswer if it has left meanwhile.
+  // What `card` answers, however long that takes; kNoAnswer if it has left meanwhile.
   Outcome perform(const Command& command, CardId card);
   // Tells the back end that the driver uses the card from now on.
   void ready();

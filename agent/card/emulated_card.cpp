@@ -10,6 +10,7 @@
 #include "agent/card/nss_database.h"
 #include "agent/program/wrong_configuration.h"
 #include "contract/bytes.h"
+#include "platform/process/never_destroyed.h"
 #include "platform/process/wipe.h"
 
 namespace zelta::agent {
@@ -32,8 +33,8 @@ struct ReaderEnd {
 };
 using ReaderReference = std::unique_ptr<VReader, ReaderEnd>;
 
-// The library queues what this program has caused itself; nobody else reads the queue, so it is
-// emptied after each cause. The first reader that it names is returned.
+// The library queues an event for whatever this program does to its card. Nobody else reads the
+// queue, so it is emptied each time. Returns the first reader that an event names.
 ReaderReference takeEvents() {
   ReaderReference reader;
   for (Event event(vevent_get_next_vevent()); event != nullptr;
@@ -85,8 +86,8 @@ void EmulatedCard::start(CardListener& listener) {
   const std::vector<std::string> nicknames =
       checkCardDatabase(settings_.database, settings_.pin, settings_.certificates);
   // The library keeps pointers into the text of its options.
-  static const auto* options = new std::string(optionText(settings_.database, nicknames));
-  if (vcard_emul_init(vcard_emul_options(options->c_str())) != VCARD_EMUL_OK) {
+  static platform::NeverDestroyed<std::string> options(optionText(settings_.database, nicknames));
+  if (vcard_emul_init(vcard_emul_options(options.get().c_str())) != VCARD_EMUL_OK) {
     throw std::runtime_error("the card emulation does not start with the database " +
                              settings_.database);
   }
@@ -138,7 +139,7 @@ Bytes EmulatedCard::atr() {
 
 Bytes EmulatedCard::transmit(const Bytes& command) {
   const platform::MutexLock lock(card_);
-  // A card that was put in anew has no power yet, and would still know its PIN as given.
+  // A card that was put in again has no power yet, and would still count its PIN as verified.
   if (poweredIn_ != insertions_ && powerOn().empty()) return {};
   platform::SecretBytes sent(command);
   Bytes response(kLongestResponse);
@@ -169,7 +170,7 @@ std::string EmulatedCard::remove() {
   const platform::MutexLock acting(acting_);
   if (reader_ == nullptr) return "the card emulation does not run";
   if (!in_) return "no card is in";
-  // Told first, so that no command finds the card gone before that is known.
+  // Announced first, so that no command finds the card gone before that is known.
   listener_->cardRemoved();
   in_ = false;
   if (vcard_emul_force_card_remove(reader_->reference.get()) != VCARD_EMUL_OK) {

@@ -1,7 +1,7 @@
 // Forwards the card in a real reader, through the PC/SC service.
 //
-// A thread of its own follows insertion and removal. The card is shared with other programs; what
-// they do to it is theirs to agree on.
+// A separate thread follows insertion and removal. The card is shared with other programs, which
+// have to coordinate their use of it themselves.
 #pragma once
 
 #include <string>
@@ -37,7 +37,7 @@ class PcscCard final : public CardBackend {
  private:
   // Used by `reset`, `atr` and `transmit`, which come one at a time, and by `stop` after them.
   // Whether there is a handle on the card now.
-  bool connect();
+  [[nodiscard]] bool connect();
   Bytes readAtr();
   struct Response {
     LONG result;

@@ -16,8 +16,8 @@
 
 namespace zelta::agent {
 
-// Timed insertions and removals run on a thread of their own. A removal ends the command that the
-// card is busy with.
+// Timed insertions and removals run on a separate thread. A removal ends the command that the card
+// is busy with.
 class ScriptCard final : public CardBackend {
  public:
   // `cardIn` is whether the card is in at the start, whatever the script says.

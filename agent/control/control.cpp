@@ -46,7 +46,7 @@ std::string harmlessLines(std::string_view text) {
   return result;
 }
 
-// No other bytes, so that a terminal shows whatever a text has in it.
+// Only these bytes, so that a terminal can show any text.
 constexpr bool kAscii = true;
 
 std::string lineOf(const Json& json) {

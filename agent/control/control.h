@@ -1,5 +1,5 @@
-// The words of the control socket's two ends: what the agent answers, and what `zelta-agent ctl`
-// asks and makes of the answer.
+// What the control socket's two ends say: what the agent answers, what `zelta-agent ctl` asks, and
+// how it shows the answer.
 #pragma once
 
 #include <string>
@@ -25,7 +25,7 @@ ControlResult readControlAnswer(const std::string& answer);
 std::string statusText(const Service::Status& status);
 // One JSON object on one line.
 std::string statusJson(const Service::Status& status);
-// A trace's first line: how it is when the trace begins. See docs/trace.md.
+// A trace's first line: the state at its beginning. See docs/trace.md.
 std::string traceBegin(const Service::Status& status);
 
 }  // namespace zelta::agent

@@ -37,7 +37,7 @@ class CommandStream {
   // Blocks until the next command for the card is there. None at the end of the stream.
   virtual std::optional<Command> read() = 0;
   // Answers the command that was read last. False at the end of the stream.
-  virtual bool answer(const Command& command, const Outcome& outcome) = 0;
+  [[nodiscard]] virtual bool answer(const Command& command, const Outcome& outcome) = 0;
 
  protected:
   ~CommandStream() = default;

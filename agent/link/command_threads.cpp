@@ -41,7 +41,8 @@ void CommandThreads::abandon(const CommandStream& stream) {
   const platform::MutexLock lock(mutex_);
   if (stream_ != &stream) return;
   abandoned_ = true;
-  // A leader that uses the stream ends it itself, at the latest when it would ask the card.
+  // A leader that uses the stream notices by itself, at the latest when it is about to ask the
+  // card.
   if (call_ || !led_) endStream();
 }
 

@@ -84,7 +84,7 @@ class CommandThreads {
   void noteCall(const Call& call) ZELTA_REQUIRES(mutex_);
   // Waits until no call is in the card. Whether the card may be called: not if this thread leads no
   // longer, the card has left or the command's time is over.
-  bool waitForCard(platform::MutexLock& lock, const Member& self, CardId card)
+  [[nodiscard]] bool waitForCard(platform::MutexLock& lock, const Member& self, CardId card)
       ZELTA_REQUIRES(mutex_);
   // No thread leads, and the stream is not used any more.
   void endStream() ZELTA_REQUIRES(mutex_);

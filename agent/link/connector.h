@@ -1,10 +1,11 @@
 // Gets both of the driver's pipes opened, for as long as that takes.
 //
-// The connector waits for the system's notice that something about the pipes has changed. Nobody
-// tells when a pipe that refuses would no longer do so: it is tried again after growing waits. If
-// one pipe opens and the other does not, the first is held for a moment: the driver is about to
-// create the second, or to take it back from its last client. Then it is given back, because the
-// driver may hold a dead client on the other pipe and notices that only when it loses this one.
+// The connector waits for the system's notice that something about the pipes has changed. The
+// system does not report when a pipe that refuses would accept again, so it is tried again after
+// growing waits. If one pipe opens and the other does not, the first is held for a moment: the
+// driver is about to create the second, or to take it back from its last client. Then it is given
+// back, because the driver may hold a dead client on the other pipe and notices that only when it
+// loses this one.
 #pragma once
 
 #include <chrono>

@@ -7,6 +7,7 @@
 
 #include "contract/bytes.h"
 #include "contract/wire.h"
+#include "platform/process/never_destroyed.h"
 
 namespace zelta::agent {
 
@@ -14,14 +15,14 @@ namespace {
 
 // Status words that the agent answers by itself.
 const Bytes& noPreciseDiagnosis() {
-  static const auto* const bytes = new Bytes{0x6F, 0x00};  // never destroyed
-  return *bytes;
+  static platform::NeverDestroyed<Bytes> bytes(Bytes{0x6F, 0x00});
+  return bytes.get();
 }
 
 // What is answered in time if the card is late.
 const Bytes& lateAnswer(Command::Kind kind) {
-  static const auto* const none = new Bytes;  // never destroyed
-  return kind == Command::Kind::kTransmit ? noPreciseDiagnosis() : *none;
+  static platform::NeverDestroyed<Bytes> none;
+  return kind == Command::Kind::kTransmit ? noPreciseDiagnosis() : none.get();
 }
 
 struct Query {

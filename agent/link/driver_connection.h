@@ -66,12 +66,12 @@ class DriverConnection final : private CommandStream {
   // A command's code; `command` gets its time limits.
   std::optional<std::uint32_t> beginCommand(Command& command);
   void passReady();
-  bool readField(void* data, std::uint32_t size, SteadyClock::time_point deadline);
+  [[nodiscard]] bool readField(void* data, std::uint32_t size, SteadyClock::time_point deadline);
   // Any answer but the ATR.
-  bool answerOtherwise(const Command& command, const Bytes& bytes);
-  bool write(const Command& command, const Bytes& bytes);
+  [[nodiscard]] bool answerOtherwise(const Command& command, const Bytes& bytes);
+  [[nodiscard]] bool write(const Command& command, const Bytes& bytes);
   // Logs why the connection ends; `timedOut` is the text for that.
-  bool check(IoResult result, const char* timedOut);
+  [[nodiscard]] bool check(IoResult result, const char* timedOut);
 
   // What the log calls the command.
   std::string describe(const Command& command) const;

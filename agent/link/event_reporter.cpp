@@ -155,8 +155,8 @@ std::optional<ReportRule::Report> EventReporter::awaitEvent() {
 }
 
 // A driver that has left so much unread is handling an earlier event, and may need an answer to its
-// command for that: nobody waits for the events then. A post of one number that has timed out has
-// handed nothing over, so it may be repeated.
+// command for that. So nobody waits for the events then. A post of one number that has timed out
+// has handed nothing over and may be repeated.
 IoResult EventReporter::postEvent(std::uint32_t event) {
   const auto now = SteadyClock::now();
   IoResult result = postNumber(event, now);

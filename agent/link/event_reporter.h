@@ -67,7 +67,7 @@ class EventReporter final : public CardSlot::Observer {
   void cardDeparted() override;
 
   void queue(ReportRule::Report report) ZELTA_REQUIRES(mutex_);
-  bool sendSessionId();
+  [[nodiscard]] bool sendSessionId();
   void watchPipe();
   void writeEvents();
   // Waits for the next event. None: the pipe has ended.

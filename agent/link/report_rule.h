@@ -20,7 +20,7 @@
 
 namespace zelta::agent {
 
-// Tells one insertion from the next; 0 is no card.
+// Distinguishes one insertion from the next; 0 means no card.
 using CardId = std::uint64_t;
 inline constexpr CardId kNoCard = 0;
 

@@ -13,7 +13,7 @@ namespace zelta::agent {
 // Lets the event viewer find the form of the source's events in the program at `program`. Needs the
 // rights of an administrator. Throws std::runtime_error with a message for people.
 void registerEventSource(const std::string& source, const std::string& program);
-// Does nothing if there is none.
+// Undoes that; does nothing if the source is not registered.
 void forgetEventSource(const std::string& source);
 
 // Errors, warnings and the rest are events of those types. Throws std::runtime_error.

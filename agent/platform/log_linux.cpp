@@ -12,7 +12,7 @@ namespace zelta::agent {
 
 namespace {
 
-// Whether standard error goes to the journal, which names the stream in this variable.
+// Whether standard error goes to the journal, which identifies the stream in this variable.
 bool toJournal() {
   struct stat status {};
   if (fstat(STDERR_FILENO, &status) != 0) return false;

@@ -28,15 +28,14 @@ void addTo(int epoll, int fd, std::uint32_t events) {
   }
 }
 
-// Whether the peer has read everything. The kernel wakes the writer while one unit of the count is
-// still kept, so a count of 1 is what an empty queue looks like then; no queued write counts so
-// low.
+// Whether the peer has read everything. The kernel wakes the writer before it has taken the last
+// unit off the count, so an empty queue may count as 1. No queued write counts as little.
 bool nothingUnread(int socket) {
   int unread = 0;
   return ioctl(socket, SIOCOUTQ, &unread) == 0 && unread <= 1;
 }
 
-// Whether more stands in the socket than has been read here.
+// Whether the socket holds more than has been read here.
 bool moreArrived(int socket) {
   int arrived = 0;
   return ioctl(socket, FIONREAD, &arrived) == 0 && arrived > 0;

@@ -43,7 +43,7 @@ class SocketConnection : public PipeConnection {
   Waited waitFor(short events, std::optional<SteadyClock::time_point> deadline) const;
   // Limits the next receive, rounded up. False if the limit has passed or cannot be set: the
   // receive must not sleep then.
-  bool limitReads(SteadyClock::duration limit);
+  [[nodiscard]] bool limitReads(SteadyClock::duration limit);
   // Writes `count` parts, waiting while the socket takes no more.
   IoResult send(iovec* parts, std::size_t count, std::optional<SteadyClock::time_point> deadline,
                 bool isAnswer);

@@ -76,7 +76,7 @@ class NamedPipeConnection final : public PipeConnection {
   // Reads up to `size` bytes, at least one.
   Read readSome(void* data, std::uint32_t size, std::optional<SteadyClock::time_point> deadline);
   // Begins to await the first byte, unless that has been done.
-  bool beginFirstByte();
+  [[nodiscard]] bool beginFirstByte();
   // The first byte's read has ended; whether it is there.
   bool takeFirstByte();
   void cancelFirstByte();

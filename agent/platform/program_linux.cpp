@@ -209,7 +209,8 @@ int runNearEnd(const Options& options, Endings& endings, Log& log) {
       makeSshDialer(sshCommand(options.ssh, *options.to, options.logLevel));
   const std::unique_ptr<CardBackend> backend = makeBackend(options, log);
   Forwarder forwarder(*dialer, *backend, settings, log);
-  // Only if asked for: programs would take one in the usual place for the agent of a reader here.
+  // Only if asked for: programs would take a socket in the usual place for that of a reader's agent
+  // here.
   const std::unique_ptr<ControlServer> control =
       options.control.empty()
           ? nullptr

@@ -60,8 +60,8 @@ void configure(SC_HANDLE service, const std::string& what) {
       !ChangeServiceConfig2A(service, SERVICE_CONFIG_FAILURE_ACTIONS, &onFailure)) {
     fail(what);
   }
-  // Also if it ends with an error. A system that does not know that (Wine) restarts it only if it
-  // crashes.
+  // Restarts the service also if it ends with an error. A system that does not know that (Wine)
+  // restarts it only if it crashes.
   SERVICE_FAILURE_ACTIONS_FLAG alsoIfItEnds{TRUE};
   ChangeServiceConfig2A(service, SERVICE_CONFIG_FAILURE_ACTIONS_FLAG, &alsoIfItEnds);
 }
@@ -217,8 +217,8 @@ void removeService(std::uint32_t reader) {
 }
 
 int runService(std::uint32_t reader, std::function<int(ServiceRun&)> body) {
-  // The manager lets go of this thread as soon as the service has said that it has stopped, when
-  // the service's own thread may still be in the object.
+  // The manager releases this thread as soon as the service has reported that it has stopped. The
+  // service's own thread may still be in the object then.
   static platform::NeverDestroyed<RunningService> service(serviceName(reader), std::move(body));
   running = &service.get();
   std::string name = running->name();

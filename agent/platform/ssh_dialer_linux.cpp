@@ -32,8 +32,9 @@ constexpr std::chrono::milliseconds kEndTime{1000};
 constexpr std::chrono::milliseconds kTerminateTime{500};
 constexpr int kEndedBySignal = 128;  // and the signal's number, as a shell has it
 
-// How a child begins: with `line` as its standard input and output, and with signals as a program
-// of its user's has them. Except that Ctrl-C is for its parent alone, which ends it in good order.
+// How a child begins: with `line` as its standard input and output, and with signals as in any
+// program that a user starts, except that Ctrl-C is blocked. Its parent gets that and then ends the
+// child in good order.
 class SpawnSetup {
  public:
   explicit SpawnSetup(int line) {

@@ -86,7 +86,7 @@ void Agent::serve(const PipePair& pipes) {
     }
     wasAlive = connection.alive();
   }
-  // Only now none of the connection's threads can say anything else any more.
+  // Not before: from here on no thread of the connection can report anything else.
   setConnected(false);
   if (!stopping()) connector_.connectionEnded(wasAlive);
 }

@@ -1,5 +1,5 @@
-// What a thread of the agent does with an exception that it cannot handle, for example for lack of
-// memory or of handles: it tells the program, which ends.
+// What a thread of the agent does with an exception that it cannot handle, for example a lack of
+// memory or handles: it tells the program, which ends.
 #pragma once
 
 #include <array>
@@ -24,7 +24,7 @@ void guarded(const OnFailure& onFailure, const Body& body) noexcept {
   }
 }
 
-// Keeps the first failure for the thread that ends the program. Needs no memory of its own.
+// Keeps the first failure for the thread that ends the program. Allocates nothing.
 class FailureNote {
  public:
   // `wake` is called once, on the thread that fails; it must not throw.

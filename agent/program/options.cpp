@@ -228,7 +228,7 @@ void applyFlags(const CLI::App& app, const Flags& flags, Options& options) {
   if (flags.serviceRun->parsed()) options.action = Options::Action::kServiceRun;
 }
 
-// The same of the options for a driver at another machine.
+// The same for the options for a driver at another machine.
 std::string findRemoteConflict(const Options& options) {
   const bool remote = options.backend == BackendKind::kRemote;
   if (remote && options.cardIn) return "--card-inserted and --no-card are not for a remote card";
@@ -258,8 +258,8 @@ std::string findConflict(const Options& options, System system) {
   return findRemoteConflict(options);
 }
 
-// What the command line has that the system does not; empty if nothing. Whether the line is right
-// does not matter: nobody is told how to use what is not there.
+// The option on the command line that this system does not have; empty if there is none. It is
+// looked for even in a wrong line: nobody is told how to use an option that does not exist here.
 std::string findUnavailable(int argc, const char* const* argv, const CLI::App& app,
                             const Flags& flags, System system) {
   if (system == System::kLinux) {

@@ -1,4 +1,4 @@
-// The program around the agent. `runProgram` is the same on every system; the rest differs.
+// The program around the agent. `runProgram` is the same on every system; what it calls differs.
 #pragma once
 
 #include <string>

@@ -1,11 +1,12 @@
-// What the program ends with if an option, or a file that one names, is wrong.
+// Thrown if an option is wrong, or a file that an option names.
 #pragma once
 
 #include <stdexcept>
 
 namespace zelta::agent {
 
-// Starting again would not help, so the service does not: the program ends with kExitUsage.
+// The program ends with kExitUsage, so that the service does not start it again, which would not
+// help.
 class WrongConfiguration : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

@@ -1,8 +1,8 @@
 // The agent at the card: lends its card to the agent at the driver, over any number of lines.
 //
-// A line that ends is dialed again, after growing waits if nobody answered. What time does not cure
-// ends the program: ssh is missing, the agent is missing there, or the two do not understand each
-// other.
+// A line that ends is dialed again, after growing waits if nobody answered. The program ends if
+// waiting cannot help: ssh is missing, the agent is missing there, or the two do not understand
+// each other.
 #pragma once
 
 #include <chrono>
@@ -41,8 +41,8 @@ class Forwarder final : public Service {
 
   // Starts the card; throws what the back end throws.
   void start() { slot_.start(); }
-  // After `start`, once. Throws std::runtime_error with a message for people for what time does not
-  // cure.
+  // After `start`, once. Throws std::runtime_error with a message for people if waiting cannot
+  // help.
   void run() override;
   void stop() override;
   std::string insertCard() override;
@@ -58,7 +58,7 @@ class Forwarder final : public Service {
   void serve(LentCard& lent);
   void noteGreeted(const Hello& peer, std::chrono::microseconds roundTrip);
   // False if there is to be no other line.
-  bool waitForRetry(const std::string& why);
+  [[nodiscard]] bool waitForRetry(const std::string& why);
   bool stopping();
 
   Dialer& dialer_;

@@ -69,7 +69,7 @@ class FrameDecoder {
     kBroken,  // no frame begins like this; the stream cannot be followed any further
   };
 
-  // What has come and is no frame yet; append to it what comes next.
+  // Bytes received that are not a whole frame yet; append further ones here.
   platform::SecretQueue& pending() { return pending_; }
   // The next frame, if it is whole.
   Result next(Frame& frame);
@@ -78,14 +78,14 @@ class FrameDecoder {
   platform::SecretQueue pending_;
 };
 
-// What an end says of itself.
+// What an end says about itself.
 struct Hello {
   std::uint32_t protocol = kFrameProtocol;
   std::string version;  // of the program
 };
 
 Frame helloFrame(const Hello& hello);
-// None if `frame` is no hello of an agent's.
+// None if `frame` is not an agent's hello.
 std::optional<Hello> readHello(const Frame& frame);
 
 }  // namespace zelta::agent

@@ -10,7 +10,7 @@ namespace zelta::agent {
 
 namespace {
 
-constexpr std::size_t kShown = 60;  // bytes of what is no agent's
+constexpr std::size_t kShown = 60;  // bytes of what is not from an agent
 
 std::string seconds(std::chrono::milliseconds time) {
   return std::to_string(std::chrono::duration_cast<std::chrono::seconds>(time).count()) +

@@ -28,7 +28,7 @@ enum class LineEnd {
   kClosed,  // the bytes have ended
   kCancelled,
   kSilent,    // nothing has come for too long
-  kStranger,  // what came first is no agent's
+  kStranger,  // what came first is not from an agent
   kVersion,   // an agent, but of another protocol
   kBroken,    // a frame that makes no sense
 };
@@ -39,22 +39,22 @@ class FrameChannel {
   FrameChannel(Line& line, const LineTimes& times) : line_(line), times_(times) {}
 
   // Says hello and waits for the other end's. False: see `end`. First of all, once.
-  bool greet();
+  [[nodiscard]] bool greet();
   // How long a ping takes to the other end and back; none if the line has ended. After `greet`,
   // before anything else.
   std::optional<std::chrono::microseconds> measureRoundTrip();
 
   // Never waits. Any thread, after `greet`.
   void send(FrameKind kind, std::uint32_t number = 0, platform::SecretBytes payload = {});
-  // Blocks until a frame comes that is not the channel's own business; none at the end of the line.
-  // One thread at a time, as everything below.
+  // Blocks until a frame comes that the channel does not handle itself; none at the end of the
+  // line. One thread at a time, as everything below.
   std::optional<Frame> next();
   // The last frame makes no sense: ends the channel.
   void refuse() { end_ = LineEnd::kBroken; }
 
   // Why the line has ended, once it has.
   LineEnd end() const { return end_; }
-  // The same for people, with what the other end said of itself or sent instead.
+  // The same for people, with what the other end said about itself or sent instead.
   std::string describeEnd() const;
   const Hello& peer() const { return peer_; }
 
@@ -64,7 +64,7 @@ class FrameChannel {
   // How long the line may be silent.
   std::chrono::milliseconds patience() const { return greeted_ ? times_.silence : times_.greeting; }
   // Waits for more bytes and pings in between; false if the line has ended.
-  bool receiveMore();
+  [[nodiscard]] bool receiveMore();
   std::nullopt_t endWith(LineEnd end);
 
   Line& line_;

@@ -1,4 +1,4 @@
-// The card of an agent at the other end of a line, which this one was started by.
+// The card of the agent at the other end of a line, which has started this agent.
 //
 // A call is one frame there and one back. It ends early if the card leaves or the line ends; the
 // answer that comes nevertheless has an old number and is thrown away.
@@ -44,7 +44,7 @@ class RemoteCard final : public CardBackend {
   Bytes call(FrameKind kind, const Bytes& command);
   void read();
   // False if the frame makes no sense.
-  bool take(const Frame& frame);
+  [[nodiscard]] bool take(const Frame& frame);
   void takeAnswer(const Frame& frame);
   // `card` is in now; 0 for none. Tells the listener.
   void setCard(std::uint32_t card);

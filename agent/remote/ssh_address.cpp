@@ -14,7 +14,8 @@ bool isLetterOrDigit(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
 }
 
-// Letters, digits and those of `others`; not empty, and no option.
+// Whether the text has only letters, digits and `others`, is not empty, and cannot pass for an
+// option.
 bool isName(const std::string& text, const std::string& others) {
   return !text.empty() && text[0] != '-' && std::all_of(text.begin(), text.end(), [&](char c) {
     return isLetterOrDigit(c) || others.find(c) != std::string::npos;
@@ -33,7 +34,8 @@ std::optional<std::uint32_t> parseNumber(const std::string& text, std::uint64_t 
   return static_cast<std::uint32_t>(number);
 }
 
-// Takes what stands after the last `mark` off the text, with the mark; none if there is no mark.
+// Removes the last `mark` and what follows it from the text, and returns what follows; none if
+// there is no mark.
 std::optional<std::string> takeAfter(std::string& text, char mark) {
   const std::size_t at = text.rfind(mark);
   if (at == std::string::npos) return std::nullopt;

@@ -20,8 +20,8 @@ struct SshAddress {
   std::string place() const { return user.empty() ? host : user + "@" + host; }
 };
 
-// None if the text is no such address. No part of one can pass for an option of ssh's, or means
-// something to a shell.
+// None if the text is not such an address. No part of an address can pass for an option of ssh's or
+// has a meaning to a shell.
 std::optional<SshAddress> parseSshAddress(const std::string& text);
 
 // `program` and its arguments: ssh that starts the agent there, which logs from `level` on.

@@ -41,9 +41,9 @@ class ScriptText {
 class CardRecorder final : public TraceSink {
  public:
   // Throws std::runtime_error with a message for people if the file cannot be written. `log`
-  // outlives the recorder; a later failure is told there once.
+  // outlives the recorder; a later failure is logged there once.
   CardRecorder(std::string file, Log& log);
-  // Writes what is not written yet.
+  // Writes what has not been written yet.
   ~CardRecorder();
   CardRecorder(const CardRecorder&) = delete;
   CardRecorder& operator=(const CardRecorder&) = delete;

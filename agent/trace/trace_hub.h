@@ -21,7 +21,7 @@ class TraceHub final : public TraceSink {
  public:
   // `longestQueue`: bytes that a follower may leave untaken.
   explicit TraceHub(std::size_t longestQueue = std::size_t{4} << 20);
-  // Its feeds are gone before.
+  // All feeds must be destroyed before.
   ~TraceHub();
   TraceHub(const TraceHub&) = delete;
   TraceHub& operator=(const TraceHub&) = delete;
@@ -31,7 +31,7 @@ class TraceHub final : public TraceSink {
 
   // From now on `sink` gets every record as well; it outlives the hub. Before any record comes.
   void alsoTell(TraceSink& sink);
-  // A JSON line a record from now on; `first` comes before them, as it is.
+  // A feed of one JSON line for each record from now on; `first` comes before them, unchanged.
   std::unique_ptr<ControlFeed> follow(bool secrets, std::string first, std::function<void()> wake);
 
  private:

@@ -1,4 +1,4 @@
-// What is told of the card's life, one record an event, and whom it is told.
+// What happens to the card, one record an event, and the interface that receives the records.
 #pragma once
 
 #include <chrono>

@@ -208,7 +208,7 @@ void CMyDevice::shutDownReader(Reader& reader) {
   try {
     reader.shutdown();
   } catch (const std::exception&) {
-    (void)statusOfException("CMyDevice::shutDown");  // the others are shut down nevertheless
+    (void)statusOfException("CMyDevice::shutDown");  // the others are still shut down
   }
 }
 

@@ -8,7 +8,7 @@ namespace zelta {
 
 class ClassFactory final : public framework::ComObject<ClassFactory, framework::IClassFactory> {
  public:
-  // A new driver object; there is no aggregation.
+  // Makes a new driver object. Aggregation is refused.
   framework::HRESULT ZELTA_STDMETHODCALLTYPE CreateInstance(framework::IUnknown* outer,
                                                             framework::REFIID wanted,
                                                             void** out) override;

@@ -49,7 +49,7 @@ framework::HRESULT findClassObject(framework::REFCLSID classId, framework::REFII
 namespace module {
 
 framework::HRESULT getClassObject(framework::REFCLSID classId, framework::REFIID iid, void** out) {
-  // Outlives the section, which logs its end after a factory that nobody got.
+  // Outlives the section, which logs its end after a factory that failed has been released.
   const ModuleReference inside;
   return runEntryPoint("DllGetClassObject", [&] { return findClassObject(classId, iid, out); });
 }

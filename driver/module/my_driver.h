@@ -1,5 +1,5 @@
-// The driver object: what the host asks the module for and what the framework calls when it starts,
-// finds a device and ends. It has no state of its own.
+// The driver object, which the host asks the module for. The framework calls it when it starts,
+// finds a device and ends. It has no state.
 //
 // The framework calls it one operation at a time; exceptions do not leave it.
 #pragma once

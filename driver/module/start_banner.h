@@ -6,7 +6,7 @@
 namespace zelta {
 
 // Which build this is: the project's version and the commit that it was built from
-// ("1.0.0+8274a62"), or "unknown" for the commit if the sources are no checkout.
+// ("1.0.0+8274a62"), or "unknown" for the commit if the sources are not a checkout.
 const char* buildVersion();
 
 class StartBanner {

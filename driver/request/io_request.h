@@ -19,7 +19,7 @@ class IoMemory {
  public:
   // The data pointer; `size` in bytes.
   virtual void* dataBuffer(std::size_t* size) = 0;
-  // Fails and copies nothing if the bytes do not fit.
+  // If the bytes do not fit, fails and copies nothing.
   virtual framework::HRESULT copyFromBuffer(std::size_t offset, const void* source,
                                             std::size_t size) = 0;
   virtual void release() noexcept = 0;

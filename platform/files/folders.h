@@ -1,4 +1,5 @@
-// The folders that the log file's place is chosen from. Paths are UTF-16, as the system gives them.
+// The folders from which the log file's place is chosen. Paths are UTF-16, as the system gives
+// them.
 #pragma once
 
 #include <cstdint>

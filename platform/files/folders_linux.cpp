@@ -20,7 +20,7 @@ void stripTrailingSlashes(std::string* path) {
   while (!path->empty() && path->back() == '/') path->pop_back();
 }
 
-// In the manner of the system calls that fill a caller's buffer.
+// Fills a caller's buffer as Windows' calls do.
 std::uint32_t copyOut(const std::u16string& text, char16_t* buffer, std::uint32_t capacity) {
   const std::size_t needed = text.size() + 1;
   if (buffer == nullptr || needed > capacity) return static_cast<std::uint32_t>(needed);

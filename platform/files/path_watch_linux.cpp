@@ -44,7 +44,7 @@ void PathWatch::arm() {
   awaited_ = std::move(awaited);
 }
 
-// Each folder is watched before the next part is looked at: a change after the look is news.
+// Each folder is watched before the next part is looked at, so that no later change is missed.
 void PathWatch::follow(const fs::path& path, int* links, Awaited* awaited) {
   fs::path at;
   for (const fs::path& part : path) {
@@ -59,14 +59,15 @@ void PathWatch::follow(const fs::path& path, int* links, Awaited* awaited) {
 
 bool PathWatch::watch(const std::string& path, std::uint32_t mask, const std::string& name,
                       Awaited* awaited) {
-  // One path may lead through another's end: neither takes the other's mask away.
+  // One path may lead through the end of another, so the masks add up.
   const int descriptor = inotify_add_watch(inotify_.get(), path.c_str(), mask | IN_MASK_ADD);
   if (descriptor >= 0) {
     awaited->emplace(descriptor, name);
     return true;
   }
   if (errno == ENOENT || errno == ENOTDIR) return false;
-  // A folder that may be passed through but not listed, say: what lies beyond it can be watched.
+  // For example a folder that may be passed through but not listed. What lies beyond it can still
+  // be watched.
   const int error = errno;
   if (problem_.empty()) {
     problem_ = path + ": cannot be watched: " + std::generic_category().message(error);

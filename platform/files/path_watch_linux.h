@@ -1,14 +1,14 @@
-// Notices when what is found at a path may have changed, however that came about.
+// Notices when what is found at a path may have changed, for whatever reason.
 //
-// The path need not exist, nor the folders that lead to it. Noticed are: a writer that closes the
-// file (also one that opened it by another name), another file renamed or linked in its place, its
-// removal and creation, new access rights, and the same for every folder and symbolic link on the
-// way. A writer that keeps the file open is noticed as well, but when it is done is for the caller
-// to say. What is written through a memory mapping goes unnoticed until the file is closed.
+// Neither the path nor the folders that lead to it need exist. It notices a writer that closes the
+// file (even one that opened it by another name), another file renamed or linked into its place,
+// its removal and creation, new access rights, and the same for every folder and symbolic link on
+// the way. It also notices a writer that keeps the file open, but the caller decides when that
+// writer is done. Writes through a memory mapping go unnoticed until the file is closed.
 //
 // Not sd-event: callers wait on the descriptor in loops that they have already.
 //
-// Armed from construction on: a change after that is news. One thread at a time.
+// It notices every change after its construction. One thread at a time.
 #pragma once
 
 #include <cstdint>
@@ -26,15 +26,17 @@ class PathWatch {
   // The paths are absolute. Throws std::system_error if the system has no inotify instance left.
   explicit PathWatch(std::vector<std::string> paths);
 
-  // Readable when there may be news.
+  // Readable when something may have changed.
   int fd() const { return inotify_.get(); }
-  // What first could not be watched and why: news may be missed. Empty if everything is watched.
+  // The first thing that could not be watched, and why; changes of it may be missed. Empty if
+  // everything is watched.
   const std::string& problem() const { return problem_; }
-  // Takes the news. If any concern one of the paths, they are followed anew and the result is true:
-  // whatever changes from then on is news again. Does not block.
+  // Reads the pending notifications. If any concerns one of the paths, follows the paths anew and
+  // returns true; later changes are noticed again. Does not block.
   bool takeNews();
-  // Whether the last thing to be taken was a writer's, which has not closed the file since. That is
-  // no news yet. If nothing more comes for a while, the caller takes the writer to be done.
+  // Whether the last notification came from a writer that has not closed the file since. That does
+  // not count as a change yet. If nothing more comes for a while, the caller takes the writer to be
+  // done.
   bool isBeingWritten() const { return isBeingWritten_; }
   void settle() { isBeingWritten_ = false; }
 
@@ -42,7 +44,7 @@ class PathWatch {
   // For each watch descriptor the names that matter in that folder; "" is the file itself.
   using Awaited = std::multimap<int, std::string>;
 
-  // Watches all that is on the paths.
+  // Watches everything on the paths.
   void arm();
   // `links` is how many more symbolic links may be followed.
   void follow(const std::filesystem::path& path, int* links, Awaited* awaited);

@@ -1,5 +1,6 @@
-// By hand although iconv, Windows and utfcpp convert as well: what is not well-formed has to become
-// the same on both systems, and utfcpp throws at lone surrogates and makes one character of many.
+// Not iconv, Windows' converter or utfcpp: malformed text must give the same result on both
+// systems, and utfcpp throws on lone surrogates and merges several malformed parts into one
+// character.
 #include "platform/files/utf.h"
 
 #include <cstddef>

@@ -15,7 +15,7 @@ struct SocketAnswer {
   // The system's error number: of the last path if nobody listens at any (ENOENT, ECONNREFUSED),
   // ETIMEDOUT after the deadline, EMSGSIZE if the answer is longer than it may be.
   int error = 0;
-  // What was sent until the server ended the connection; only without an error.
+  // What the server sent before it closed the connection. Empty after an error.
   std::string text;
 };
 

@@ -5,9 +5,9 @@
 // thread's last error (process/error.h). Any call may be made from any thread, also at the same
 // time as others on the same handle, except that nothing may follow or overlap `close`.
 //
-// Every call fails with ERROR_INVALID_HANDLE (6) for a handle that is no pipe's. An operation that
-// begins just after a `cancel` is not cancelled: a caller that must not block keeps a flag of its
-// own and cancels until the operation has ended.
+// Every call fails with ERROR_INVALID_HANDLE (6) for a handle that is not a pipe's. An operation
+// that begins just after a `cancel` is not cancelled: a caller that must not block keeps a flag of
+// its own and cancels until the operation has ended.
 #pragma once
 
 #include <cstddef>
@@ -49,7 +49,7 @@ class PipeApi {
   // Waits for a client. Fails with ERROR_PIPE_CONNECTED (535) if the client was there first (a good
   // connection) and with ERROR_OPERATION_ABORTED (995) when cancelled.
   virtual bool connect(PipeHandleValue pipe) = 0;
-  // Drops the client with whatever it has not read or been read; the end can be connected again.
+  // Drops the client with whatever either side has not read yet; the end can be connected again.
   virtual bool disconnect(PipeHandleValue pipe) = 0;
   // Releases every operation of the process that is blocked on the pipe. Fails with
   // ERROR_NOT_FOUND (1168) if none is.
@@ -58,8 +58,9 @@ class PipeApi {
   // with ERROR_NO_DATA (232)), with ERROR_PIPE_LISTENING (536) if there is none, and with
   // ERROR_OPERATION_ABORTED (995) when cancelled.
   //
-  // Reads `size` bytes. What a client left is read, unless a write or flush has found it gone. On
-  // Windows a read also ends with the client's write; what was not sent is zero.
+  // Reads `size` bytes. What a client sent before it left can still be read, unless a write or
+  // flush has found it gone. On Windows a read also ends with the client's write; bytes that were
+  // not sent are zero.
   virtual bool read(PipeHandleValue pipe, void* data, std::uint32_t size) = 0;
   // Writes `size` bytes.
   virtual bool write(PipeHandleValue pipe, const void* data, std::uint32_t size) = 0;

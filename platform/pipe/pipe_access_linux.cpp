@@ -15,10 +15,10 @@ namespace {
 
 constexpr char kServiceGroup[] = "zelta";
 constexpr char kNobodyUser[] = "nobody";
-// If the data base does not name nobody: the kernel's own number for users it cannot map.
+// Used if the database has no user `nobody`: the kernel's own number for users it cannot map.
 constexpr uid_t kOverflowUser = 65534;
 constexpr uid_t kRoot = 0;
-// A user that is no account of the system; what is open to it is open to everyone.
+// A user that has no account on the system; what is open to it is open to everyone.
 constexpr uid_t kStranger = static_cast<uid_t>(-2);
 
 constexpr mode_t kOwnerSocket = 0600;
@@ -31,7 +31,7 @@ constexpr mode_t kOtherFolder = 0005;
 constexpr std::size_t kFirstBuffer = 1024;
 constexpr std::size_t kLargestBuffer = 1024 * 1024;
 
-// Calls a data base's reentrant lookup with a growing buffer. `lookup` gets buffer and size and
+// Calls a database's reentrant lookup with a growing buffer. `lookup` gets buffer and size and
 // returns the error number.
 template <typename Lookup>
 void lookUp(Lookup lookup) {

@@ -18,7 +18,7 @@ struct PipeAccounts {
   uid_t nobody = 0;              // guests and anonymous
 };
 
-// Looks the accounts up in the system's data bases.
+// Looks the accounts up in the system's databases.
 PipeAccounts systemPipeAccounts();
 
 struct PeerIdentity {
@@ -39,7 +39,7 @@ class PipeAccess {
   // is denied; what no entry grants is denied.
   bool admits(const PeerIdentity& peer) const;
 
-  // The file system's part: modes that let in nobody but whom `admits` may let in. The owner is
+  // The file system's part: modes that let in only those whom `admits` may let in. The owner is
   // always among them; `admits` judges it when it connects.
   mode_t socketMode() const { return socketMode_; }
   mode_t folderMode() const { return folderMode_; }

@@ -257,7 +257,8 @@ std::uint32_t PipeEnd::nextClient(bool waited, ScopedFd* client) {
 
 void PipeEnd::dropClient(MutexLock& lock) {
   if (!client_) return;
-  // No operation finds it from here on, and another may be let in while those on this one leave.
+  // From here on no operation finds this client. Another may be let in while the operations on this
+  // one end.
   const ScopedFd dropped = std::move(client_);
   foundGone_ = inCommand_ = answerUnread_ = false;
   shutdown(dropped.get(), SHUT_RDWR);
@@ -302,7 +303,7 @@ std::uint32_t PipeEnd::failed(const Operation& operation, int number) {
 }
 
 void PipeEnd::noteGone(const Operation& operation) {
-  // It may have been dropped, and another let in.
+  // The client may have been dropped meanwhile and another let in.
   if (operation.client == client_.get()) foundGone_ = true;
 }
 

@@ -8,8 +8,8 @@
 // disconnect, close) marks those in the list and signals the end's one wake event, which stays
 // signalled until the last of them has left. An operation that begins meanwhile is not marked: it
 // goes on, and if it has to wait it first waits for the event to be reset. The client is closed
-// when no operation works on it any more, so that none uses a descriptor's number that was given
-// out again. Reads of one client take turns, and so do its writes: each is whole in the stream.
+// when no operation works on it any more, so that none uses a descriptor's number that the system
+// has reused. Reads of one client take turns, and so do its writes: each is whole in the stream.
 //
 // Not sd-event: an operation waits on its caller's thread, and any other may end it.
 //
@@ -80,42 +80,47 @@ class PipeEnd {
   // Whether the condition holds for one of the operations in progress.
   template <typename Condition>
   bool any(Condition condition) const ZELTA_REQUIRES(mutex_);
-  std::uint32_t begin(Operation& operation, MutexLock& lock) ZELTA_REQUIRES(mutex_);
+  [[nodiscard]] std::uint32_t begin(Operation& operation, MutexLock& lock) ZELTA_REQUIRES(mutex_);
   // A read or flush ends a command, and the next write begins one.
   void noteCommand(const Operation& operation) ZELTA_REQUIRES(mutex_);
   bool turnOf(const Operation& operation) const ZELTA_REQUIRES(mutex_);
-  // Ends those in progress with the error for their kind, 0 leaves them. False if it ended none.
+  // Ends the operations in progress with the error for their kind; 0 spares a kind. False if it
+  // ended none.
   bool endOperations(std::uint32_t connectError, std::uint32_t clientError) ZELTA_REQUIRES(mutex_);
   void waitUntilEnded(MutexLock& lock) ZELTA_REQUIRES(mutex_);
 
   bool clientHasGone() const ZELTA_REQUIRES(mutex_);
-  std::uint32_t admit(bool waited) ZELTA_REQUIRES(mutex_);
-  std::uint32_t nextClient(bool waited, ScopedFd* client) ZELTA_REQUIRES(mutex_);
-  // The operations on it have been ended; returns when they have left.
+  [[nodiscard]] std::uint32_t admit(bool waited) ZELTA_REQUIRES(mutex_);
+  [[nodiscard]] std::uint32_t nextClient(bool waited, ScopedFd* client) ZELTA_REQUIRES(mutex_);
+  // Returns when the operations on it, which have been told to end, have left.
   void dropClient(MutexLock& lock) ZELTA_REQUIRES(mutex_);
-  std::uint32_t listen() ZELTA_REQUIRES(mutex_);
+  [[nodiscard]] std::uint32_t listen() ZELTA_REQUIRES(mutex_);
 
-  std::uint32_t readAll(const Operation& operation, std::uint8_t* data, std::size_t size);
-  std::uint32_t writeAll(const Operation& operation, const std::uint8_t* data, std::size_t size);
-  std::uint32_t waitUntilRead(const Operation& operation);
+  [[nodiscard]] std::uint32_t readAll(const Operation& operation, std::uint8_t* data,
+                                      std::size_t size);
+  [[nodiscard]] std::uint32_t writeAll(const Operation& operation, const std::uint8_t* data,
+                                       std::size_t size);
+  [[nodiscard]] std::uint32_t waitUntilRead(const Operation& operation);
 
   // Before the operation sleeps: returns when the wake event is reset, or the error that the
   // operation was ended with.
-  std::uint32_t prepareToSleep(const Operation& operation) ZELTA_EXCLUDES(mutex_);
-  std::uint32_t sleep(const Operation& operation, int descriptor, short events)
+  [[nodiscard]] std::uint32_t prepareToSleep(const Operation& operation) ZELTA_EXCLUDES(mutex_);
+  [[nodiscard]] std::uint32_t sleep(const Operation& operation, int descriptor, short events)
       ZELTA_EXCLUDES(mutex_);
-  // The number that the operation was ended by from outside; `otherwise` if it was not.
-  std::uint32_t ended(const Operation& operation, std::uint32_t otherwise) ZELTA_EXCLUDES(mutex_);
+  // The error with which another thread has ended the operation; `otherwise` if none has.
+  [[nodiscard]] std::uint32_t ended(const Operation& operation, std::uint32_t otherwise)
+      ZELTA_EXCLUDES(mutex_);
   // The same for a call that failed with that errno; it may say that the client has gone.
-  std::uint32_t failed(const Operation& operation, int number) ZELTA_EXCLUDES(mutex_);
+  [[nodiscard]] std::uint32_t failed(const Operation& operation, int number) ZELTA_EXCLUDES(mutex_);
   void noteGone(const Operation& operation) ZELTA_REQUIRES(mutex_);
-  // How a flush ends whose client has gone with bytes unread.
-  std::uint32_t lost(const Operation& operation) ZELTA_EXCLUDES(mutex_);
-  // How a flush ends whose client has left, with everything read as far as the kernel still knows:
-  // it tells a loss once, and a write on another thread may have heard it and be about to note it.
-  std::uint32_t left(const Operation& operation) ZELTA_EXCLUDES(mutex_);
+  // The result of a flush whose client has gone with bytes unread.
+  [[nodiscard]] std::uint32_t lost(const Operation& operation) ZELTA_EXCLUDES(mutex_);
+  // The result of a flush whose client has left with everything read, as far as the kernel still
+  // knows. The kernel reports a loss only once, and a write on another thread may have received
+  // that report and be about to note it.
+  [[nodiscard]] std::uint32_t left(const Operation& operation) ZELTA_EXCLUDES(mutex_);
 
-  // Made by `open`, the same until the end goes.
+  // Made by `open`, unchanged until the end is destroyed.
   ScopedFd wake_;    // an event
   ScopedFd poller_;  // watches the event, and edge-triggered the client
 

@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kPass = O_PATH | O_DIRECTORY | O_CLOEXEC;
 constexpr int kOpen = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-// What a folder is made with until its group is set.
+// The mode of a new folder until its group is set.
 constexpr mode_t kPrivateFolder = 0700;
 
 // Makes one folder and sets its access; no error if another process was faster.
@@ -70,8 +70,8 @@ mode_t giveToGroup(int descriptor, const char* name, const PipeAccess& access, m
   if (!access.group()) return mode;
   const int flags = AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH;
   if (fchownat(descriptor, name, kSameUser, *access.group(), flags) == 0) return mode;
-  // Only members of a group and root may give a file to it. The file's own group must not get in
-  // instead of it, unless everyone may.
+  // Only root and members of a group may give a file to that group. If that fails, the file's own
+  // group must not get in instead, unless everyone may.
   return (mode & S_IRWXO) != 0 ? mode : mode & ~static_cast<mode_t>(S_IRWXG);
 }
 
@@ -85,7 +85,8 @@ FolderLock::FolderLock(int folder) : folder_(folder) {
 
 FolderLock::~FolderLock() {
   const int kept = errno;
-  // By name: a process forked meanwhile has the descriptor, too, and would keep the lock.
+  // Closing the descriptor is not enough: a process forked meanwhile has it, too, and would keep
+  // the lock.
   if (held_) flock(folder_, LOCK_UN);
   errno = kept;
 }

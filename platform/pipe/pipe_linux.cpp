@@ -24,7 +24,7 @@ using Entries = std::vector<AccessEntry>;
 // The distance between the numbers of two handles, as on Windows.
 constexpr std::uintptr_t kHandleStep = 4;
 
-// What a pipe without a security descriptor admits: its maker and the system.
+// Whom a pipe without a security descriptor admits: its creator and the system.
 Entries defaultEntries() {
   return {{true, Trustee::kOwner, true, true}, {true, Trustee::kSystem, true, true}};
 }
@@ -81,7 +81,7 @@ class LinuxPipes final : public PipeApi {
 
   bool close(PipeHandleValue pipe) override {
     return guarded([&] {
-      std::unique_ptr<Pipe> closing;  // goes when the table is free again
+      std::unique_ptr<Pipe> closing;  // destroyed after the table is unlocked
       MutexLock lock(mutex_);
       const auto found = pipes_.find(pipe);
       if (found == pipes_.end()) return error::kInvalidHandle;
@@ -121,7 +121,7 @@ class LinuxPipes final : public PipeApi {
     Visit(const Visit&) = delete;
     Visit& operator=(const Visit&) = delete;
 
-    // Null if the handle is no pipe's.
+    // Null if the handle is not a pipe's.
     Pipe* pipe() const { return pipe_; }
 
    private:
@@ -129,7 +129,7 @@ class LinuxPipes final : public PipeApi {
     Pipe* pipe_ = nullptr;
   };
 
-  // Exceptions (of memory that ran out) end here.
+  // Exceptions (out of memory) stop here.
   template <typename Call>
   static bool guarded(Call body) {
     try {
@@ -161,7 +161,7 @@ class LinuxPipes final : public PipeApi {
     const MutexLock lock(mutex_);
     lastHandle_ += kHandleStep;
     const auto made = reinterpret_cast<PipeHandleValue>(lastHandle_);
-    // If this throws, the pipe goes and its place with it.
+    // If this throws, the pipe is destroyed and its path removed.
     pipes_.emplace(made, std::move(pipe));
     *handle = made;
     return error::kSuccess;

@@ -73,7 +73,7 @@ void PipeListener::close() {
   if (openFolder(this->folder(), nullptr, &folder) == error::kSuccess) {
     place_.release(folder.get());
   }
-  // Also for those who share the socket: a thread about to leave its wait, a forked process.
+  // Others may share the socket: a thread about to leave its wait, a forked process.
   refuse();
   socket_.reset();
 }

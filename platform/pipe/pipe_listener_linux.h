@@ -23,7 +23,7 @@ using SharedFd = std::shared_ptr<const ScopedFd>;
 
 class PipeListener {
  public:
-  // `path` is absolute. Nothing is touched yet.
+  // `path` is absolute. The constructor touches nothing.
   PipeListener(std::string path, PipeAccess access);
   ~PipeListener();
   PipeListener(const PipeListener&) = delete;
@@ -55,8 +55,8 @@ class PipeListener {
 
  private:
   std::string_view folder() const;
-  std::uint32_t openPlace();
-  bool restrictAccess(int folder, const char* name) const;
+  [[nodiscard]] std::uint32_t openPlace();
+  [[nodiscard]] bool restrictAccess(int folder, const char* name) const;
 
   const PipeAccess access_;
   SocketPlace place_;

@@ -99,7 +99,7 @@ bool SocketPlace::isAlive() const {
 
 SocketPlace::Taken SocketPlace::bindUnready(int folder, int queue, const Restrict& restrict) const {
   const char* const name = ownName(unready_);
-  // Left over if a process ended between making it and giving it its name.
+  // Left by a process that ended between making the socket and renaming it.
   if (unlinkat(folder, name, 0) != 0 && errno != ENOENT) return {errno, {}};
   ScopedFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const sockaddr_un address = addressOf(unready_);

@@ -1,9 +1,9 @@
 // A place in the file system at which a UNIX stream socket listens.
 //
 // A socket that is bound to its path tells others that the place is taken, whether it listens or
-// not. The path of a process that is gone is taken over; what is in use, and what is no socket,
-// stays untouched. A new socket is bound beside the path, made ready and renamed over it, so that
-// whoever finds it can connect, and so that a path that is taken again never vanishes.
+// not. The path of a process that is gone is taken over; a socket in use, and anything that is not
+// a socket, stays untouched. A new socket is bound beside the path, made ready and renamed over it,
+// so that whoever finds it can connect, and so that a path that is taken again never vanishes.
 //
 // Not synchronised: the owner's lock guards it. Processes that change the same folder exclude each
 // other by a lock on the folder (flock), held for the change only.
@@ -34,7 +34,7 @@ class SocketPlace {
     ScopedFd socket;  // listens; non-blocking
   };
 
-  // Nothing is touched yet. A relative path is one of the current folder.
+  // The constructor touches nothing. A relative path starts at the current folder.
   explicit SocketPlace(std::string path);
 
   // Whether a socket can have the path, and the name it has before it is ready.

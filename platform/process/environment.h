@@ -5,7 +5,7 @@
 
 namespace zelta::platform {
 
-// What the variable says, or `otherwise` if it is not set or empty.
+// The variable's value, or `otherwise` if it is unset or empty.
 std::string environmentOr(const char* name, const std::string& otherwise);
 
 }  // namespace zelta::platform

@@ -19,9 +19,9 @@ ModuleHandle openModule(const std::string& path, std::string* errorText);
 // The address of an exported function or datum; null if the module exports none of that name.
 void* moduleSymbol(ModuleHandle module, const char* name);
 
-// Opens the module that has `address`, of its code or data, once more: it stays mapped until that
-// handle is closed, whatever becomes of the others. Null if it is the program itself, which stays
-// anyway, and on failure.
+// Opens once more the module whose code or data contains `address`. The module stays mapped until
+// that handle is closed, whatever happens to its other handles. Null on failure, and for the
+// program itself, which always stays mapped.
 ModuleHandle openModuleOf(const void* address);
 
 // The path of the file that `address` was loaded from; empty if the system does not say. Linux
@@ -38,7 +38,7 @@ struct ModuleTraits {
   static Value none() { return nullptr; }
   static bool isValid(Value module) { return module != nullptr; }
   static void close(Value module) {
-    std::string errorText;  // there is nobody to tell
+    std::string errorText;  // nobody to report it to
     closeModule(module, &errorText);
   }
 };

@@ -23,7 +23,7 @@ struct Ports {
 // The system's ports, or those that `replacePorts` has put in their place.
 const Ports& ports();
 
-// For programs that run the driver's parts on ports of their own. Returns what was set before.
+// For programs that run parts of the driver on their own ports. Returns what was set before.
 // Must not be called while a thread uses a port.
 Ports replacePorts(const Ports& replacement);
 

@@ -1,7 +1,7 @@
 // Wipes memory that held a secret, such as the PIN in a command, before it is given back.
 //
-// Ownership: `SecretBytes` and `SecretQueue` own their bytes. Threads: as any value. Nothing here
-// fails but for lack of memory (std::bad_alloc) when bytes are copied.
+// Ownership: `SecretBytes` and `SecretQueue` own their bytes. Threads: as any value. Copying bytes
+// may throw std::bad_alloc; nothing else here fails.
 #pragma once
 
 #include <algorithm>
@@ -12,7 +12,7 @@
 
 namespace zelta::platform {
 
-// Sets `size` bytes to zero, although nobody reads them afterwards.
+// Sets `size` bytes to zero, even if nobody reads them afterwards.
 void wipe(void* memory, std::size_t size) noexcept;
 
 // A byte string that is wiped when it ends or gets another value. It keeps its length, so that no
@@ -40,7 +40,7 @@ class SecretBytes {
   Bytes bytes_;
 };
 
-// Bytes that come at the end and go at the front. Whatever place they leave is wiped.
+// Bytes that are added at the end and removed at the front. The memory that they leave is wiped.
 class SecretQueue {
  public:
   using Bytes = std::vector<std::uint8_t>;

@@ -1,5 +1,5 @@
-// By hand although libraries read INI files: they know neither an export's types and escapes nor
-// its continued lines.
+// Not a library for INI files: those know neither an export's types and escapes nor its continued
+// lines.
 #include "platform/registry/registry_file.h"
 
 #include <algorithm>
@@ -177,14 +177,15 @@ class Parser {
     return trimmed(line);
   }
 
-  // Whether a line that ends in a backslash goes on with what follows. What begins something else
-  // is left alone, so that it stands even if the value before it is unfinished.
+  // Whether a line that ends in a backslash continues with the next one. A line that begins
+  // something else does not count as a continuation, so it is read even if the value before it is
+  // unfinished.
   bool continues() const {
     const std::size_t first = rest_.find_first_not_of(kBlanks);
     return first != Text::npos && Text(u"[\"@;\n").find(rest_[first]) == Text::npos;
   }
 
-  // The parse functions tell whether they have understood it.
+  // The parse functions return whether they have understood the line.
 
   bool parseLine() {
     if (line_.empty() || line_.front() == u';') return true;
@@ -243,7 +244,7 @@ class Parser {
   std::size_t number_ = 0;
   RegistryContent content_;
   RegistryValues* values_ = nullptr;  // in `content_`: the current key's; null before the first
-  bool ignoring_ = false;             // values go nowhere, and that is not mentioned
+  bool ignoring_ = false;             // values are skipped without a report
 };
 
 }  // namespace

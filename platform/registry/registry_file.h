@@ -75,8 +75,8 @@ class RegistryContent {
 using OnSkippedLine = std::function<void(std::size_t number, std::u16string_view line)>;
 
 // Takes any bytes: UTF-16 with a byte order mark, else UTF-8 with or without one. A line that is
-// not understood (also: one with a zero character) is skipped and the rest stands; so are the
-// values of a key that is not understood, without being mentioned. Time and memory are in
+// not understood (such as one with a zero character) is reported and skipped; the rest counts. The
+// values of a key that is not understood are skipped without a report. Time and memory are in
 // proportion to the size. Throws std::bad_alloc, and what `onSkipped` throws. Any thread.
 RegistryContent parseRegistryFile(std::string_view bytes, const OnSkippedLine& onSkipped);
 

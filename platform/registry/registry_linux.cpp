@@ -103,7 +103,8 @@ std::uint32_t FileRegistry::queryValue(RegistryKey key, const std::u16string& va
   OpenKey* open = find(key);
   if (open == nullptr) return error::kInvalidHandle;
   const RegistryContent now = read(open->file);
-  // If the file's writer is not done, what is read here may not last: the reader is then told.
+  // If the file's writer is not done, this value may not last. A difference is therefore noted, so
+  // that the caller's next notification comes.
   if (!now.sameSubtree(open->baseline, open->path)) open->changed = true;
   const RegistryValue* found = now.find(open->path, value);
   if (found == nullptr) return error::kFileNotFound;
@@ -125,7 +126,7 @@ std::uint32_t FileRegistry::notifyChange(RegistryKey key, EventHandle event) try
   if (open == nullptr) return error::kInvalidHandle;
   ScopedFd pending = duplicateEvent(event);
   if (!pending) return lastError();
-  // Watched first, then read: a change in between is news.
+  // Watched first, then read, so that a change in between is noticed.
   if (!open->watcher.joinable()) startWatching(open);
   RegistryContent now = read(open->file);
   open->pending = std::move(pending);

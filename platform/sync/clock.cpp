@@ -16,7 +16,7 @@ namespace {
 
 using HundredNanoseconds = std::chrono::duration<std::int64_t, std::ratio<1, 10'000'000>>;
 
-// Nobody is told when the wall clock is set, so a wait looks at it again after this long.
+// The system does not tell when the wall clock is set, so a wait checks it again after this long.
 constexpr HundredNanoseconds kLongestWait = std::chrono::minutes(1);
 
 HundredNanoseconds steadyNow() {

@@ -78,7 +78,7 @@ def without_blocks(page):
 
 
 def is_for_windows(page):
-    """What its text names runs there; the Windows suite follows these pages."""
+    """Whether the page is about Windows; the Windows suite follows these pages."""
     return page.name.startswith("windows")
 
 

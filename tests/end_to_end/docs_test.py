@@ -233,7 +233,7 @@ class PagesTest(unittest.TestCase):
         return command.source
 
     def run_block(self, block):
-        """In one shell, as somebody who pastes it."""
+        """Runs the block in one shell, as somebody who pastes it."""
         script = ["set -e -o pipefail"]
         for number, command in enumerate(block):
             script += [FIRST.get(command.text, ""), f"printf '<<{number}>>\\n'",
@@ -250,7 +250,7 @@ class PagesTest(unittest.TestCase):
                 self.assertRegex(answer, pattern_of(command.answer), command.text)
 
     def run_page(self, page, chosen=is_run):
-        """Gives how many commands were run."""
+        """Returns the number of commands that were run."""
         count = 0
         alone = ([command] for command in docs_commands.inline(page))
         for block in [*alone, *docs_commands.blocks(page)]:
@@ -286,7 +286,7 @@ class DocumentedPages(PagesTest):
         self.offer_tls()
 
     def start_real_reader(self):
-        """That of another pcscd, which has left the usual place to the first."""
+        """Starts the reader of another pcscd, which has left the usual place to the first."""
         self.real = self.enterContext(stack.Stack())
         self.real.environment["ZELTA_PIPE_ROOT"] = str(self.real.folder / "pipe")
         self.real.start()

@@ -185,7 +185,8 @@ class ZeltaCommand(unittest.TestCase):
         self.fail("up ended:\n" + "".join(self.lines))
 
     def press_ctrl_c(self):
-        """As a terminal does: the whole process group hears of it. Gives the exit code."""
+        """Interrupts as a terminal does: the whole process group gets the signal. Returns the exit
+        code."""
         os.killpg(self.up.pid, signal.SIGINT)
         self.lines.append(self.up.communicate(timeout=stack.LIMIT)[0])
         return self.up.returncode
@@ -201,7 +202,7 @@ class ZeltaCommand(unittest.TestCase):
         self.assertEqual([line for line in processes.splitlines() if line[0] != "Z"], [])
 
     def start_system_pcscd(self):
-        """One without readers, where the system's is. Ended after the test."""
+        """Starts a pcscd without readers in the place of the system's. Ended after the test."""
         folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
         (folder / "reader.conf.d").mkdir()
         pcscd = stack.Process(["pcscd", "--foreground", "--config", folder / "reader.conf.d"],

@@ -35,7 +35,7 @@ class Restricted(unittest.TestCase):
         self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
 
     def run_part(self, temporary, *prefix, reason):
-        """With `temporary` as what the tests see as /tmp, or have as TMPDIR."""
+        """Runs with `temporary` as the tests' /tmp or TMPDIR."""
         # ctest keeps its notes beside the list of tests: not in the folder of the suite that runs.
         mirror = temporary / "suite"
         mirror.mkdir()

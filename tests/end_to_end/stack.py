@@ -40,7 +40,7 @@ class NoMounts(unittest.SkipTest):
 
 
 def unshare_mounts():
-    """What the process mounts from here on is its own and ends with it."""
+    """From here on, what the process mounts is private to it and ends with it."""
     libc = ctypes.CDLL(None, use_errno=True)
     if (libc.unshare(_CLONE_NEWNS) != 0
             or libc.mount(b"none", b"/", None, ctypes.c_ulong(_MS_REC | _MS_PRIVATE), None) != 0):
@@ -62,7 +62,7 @@ def enter_namespace():
 
 
 def wait_until(condition, what, limit=LIMIT):
-    """For conditions without an event to wait on, such as the start of another's program."""
+    """For conditions without an event to wait for, such as the start of a foreign program."""
     end = time.monotonic() + limit
     while not condition():
         if time.monotonic() > end:
@@ -71,7 +71,7 @@ def wait_until(condition, what, limit=LIMIT):
 
 
 def run(*command, check=True, **options):
-    """Runs a program and gives its output, which a failure shows."""
+    """Runs a program and returns its output, which a failure shows."""
     result = subprocess.run(
         [str(word) for word in command],
         stdout=subprocess.PIPE,
@@ -113,7 +113,7 @@ class Process:
             )
 
     def end(self, how=signal.SIGTERM):
-        """Gives the exit code, and how many seconds the end took."""
+        """Returns the exit code, and how many seconds the end took."""
         begin = time.monotonic()
         # A pcscd that is just about to wait for signals can lose one.
         for _ in range(LIMIT // 2):

@@ -10,7 +10,7 @@ PAGE = "Welcome, card."
 
 
 def make_certificate(folder):
-    """The server's, with a CA of its own: authority.pem, server.pem, server.key in the folder."""
+    """Makes authority.pem (the server's own CA), server.pem and server.key in the folder."""
     def new(name, *words):
         stack.run("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "30",
                   "-keyout", f"{name}.key", "-out", f"{name}.pem", *words, cwd=folder)

@@ -80,7 +80,7 @@ class OpenscTool(CardTest):
 
 
 class P11tool(CardTest):
-    """Finds OpenSC's module by itself, as every program of p11-kit does."""
+    """A program that finds OpenSC's module by itself, as all do that use p11-kit."""
 
     def test_token_and_certificates_are_listed(self):
         self.assertIn("token=Demo%20Card%20Authentication",

@@ -39,6 +39,9 @@ class Layers(unittest.TestCase):
                            ("reader/reader.h", "#include <vector>"),
                            ("logging/line_format.cpp", "#include <fmt/format.h>"),
                            ("agent/platform/log_linux.cpp", "#include <poll.h>"),
+                           ("tools/logs/log_folder.cpp", "#include <poll.h>"),
+                           ("tools/logs/view.cpp", "#include <fmt/format.h>"),
+                           ("driver/module/start_banner.cpp", '#include "zelta_build_version.h"'),
                            ("platform/sync/event.h", "#if defined(_WIN32)")):
             with self.subTest(path=path, line=line):
                 result = self.check_source(path, line)
@@ -63,6 +66,17 @@ class Layers(unittest.TestCase):
                             "<sys/socket.h> belongs to platform/")
         self.assert_refused("pcsc/channel.cpp", "#include <winscard.h>",
                             "<winscard.h> belongs to platform/")
+        self.assert_refused("tools/logs/record.cpp", "#include <unistd.h>",
+                            "<unistd.h> belongs to platform/")
+        self.assert_refused("tools/trace/agent_lines_text.cpp", "#include <poll.h>",
+                            "<poll.h> belongs to platform/")
+
+    def test_header_of_the_operating_system_in_quotation_marks_is_refused(self):
+        self.assert_refused("reader/reader.h", '#include "windows.h"',
+                            "windows.h belongs to no layer")
+
+    def test_source_between_the_layers_is_refused(self):
+        self.assert_refused("driver/driver.cpp", "#include <vector>", "belongs to no layer")
 
     def test_question_for_the_operating_system_is_refused_outside_platform(self):
         self.assert_refused("driver/device/my_device.cpp", "#ifdef _WIN32",

@@ -28,7 +28,7 @@ FREE = range(8, 21)  # powers of two: bytes that are left to a pcscd short of me
 
 
 def leave_descriptors(pid, free):
-    """Leaves the process so many free descriptors. Gives its limits from before."""
+    """Limits the process to so many free descriptors. Returns its previous limits."""
     used = {int(name) for name in os.listdir(f"/proc/{pid}/fd")}
     limit = 0
     while limit - sum(1 for number in used if number < limit) < free or limit in used:
@@ -217,7 +217,7 @@ def leave_few_descriptors(stage, seconds):
 
 
 def leave_little_memory(stage, seconds):
-    """And let an agent answer with what there is no memory for."""
+    """Also lets an agent answer with more bytes than there is memory for."""
     pid = stage.reader.pcscd.process.pid
     before = leave_memory(pid, 1 << stage.random.choice(FREE))
     end = time.monotonic() + seconds

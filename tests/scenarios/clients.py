@@ -72,7 +72,7 @@ class Record:
         self._atrs_until = min(self._atrs_until, time.monotonic())
 
     def may_answer(self, asked, answer):
-        """Whether a hostile agent may have answered so to what was asked then."""
+        """Whether a hostile agent may have given this answer to a question asked at that time."""
         return asked < self._answers_until and answer and is_filler(answer)
 
     def may_be_atr(self, asked, atr):
@@ -131,8 +131,8 @@ class Client:
         _, self.context = scard.SCardEstablishContext(scard.SCARD_SCOPE_SYSTEM)
 
     def begin_anew_if_lost(self):
-        """With a new context, if pcscd is not the one that it was. Keeps the old one, which is no
-        good but a context, if there is none to have."""
+        """Takes a new context if pcscd was started anew. If none can be had, keeps the old one,
+        which is useless but still a context."""
         if self.error in LOST:
             values = self._call("establish context", scard.SCardEstablishContext,
                                 scard.SCARD_SCOPE_SYSTEM)
@@ -171,7 +171,7 @@ class Client:
         return values is not None
 
     def connect_in_the_end(self):
-        """Before anything has gone wrong: with the card in, and a right answer."""
+        """Called before anything has gone wrong: the card is in, and the answer is right."""
         assert self.await_card(30), "the card did not come in"
         while not self.connect() or not self.ask():
             time.sleep(0.05)
@@ -189,7 +189,7 @@ class Client:
         return values is not None
 
     def transaction(self):
-        """Ends with a reset of the card."""
+        """Ends the transaction with a reset of the card."""
         with POWER_LOCK:  # a reset waits for the end of the transaction
             if self._call("begin transaction", scard.SCardBeginTransaction, self.card) is None:
                 return False
@@ -204,7 +204,7 @@ class Client:
                        scard.SCARD_LEAVE_CARD)
 
     def cancel_a_wait(self):
-        """Waits for a change without an end, on a context of its own, and is cancelled."""
+        """Waits for a change without a time limit, on its own context, and is cancelled."""
         error, context = scard.SCardEstablishContext(scard.SCARD_SCOPE_SYSTEM)
         if error != scard.SCARD_S_SUCCESS:
             return
@@ -231,7 +231,7 @@ class Client:
             self.record.note_cancelled()
 
     def question(self, slow):
-        """The next one, and the right answer."""
+        """The next question, and its right answer."""
         size = self.random.randrange(4, 200)
         if self.random.randrange(20) == 0:
             size = self.random.randrange(200, LONGEST)

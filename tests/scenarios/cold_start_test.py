@@ -43,7 +43,7 @@ def start_agent(reader, control):
 
 
 def start_cold(reader):
-    """Starts pcscd for a program; gives what that has printed."""
+    """Starts pcscd for a program; returns what the program has printed."""
     with socket.socket(socket.AF_UNIX) as listener:
         listener.bind(str(SOCKET))
         listener.listen()

@@ -126,7 +126,7 @@ class Agent:
         self.event.close()
 
     def read_command(self):
-        """The code, and the APDU of a transmit."""
+        """Reads a command: its code, and the APDU of a transmit."""
         code = int.from_bytes(self._read(4), "little")
         if code != QUERY_TRANSMIT:
             return code, b""
@@ -143,7 +143,7 @@ class Agent:
 
 
 def play_malformed(kind):
-    """Gives how many questions it answered; ends when the driver has dropped it."""
+    """Answers until the driver has dropped it; returns the number of answers."""
     answered = 0
     end = time.monotonic() + LONGEST
     with Agent() as agent:
@@ -173,7 +173,7 @@ def play_malformed(kind):
 
 def play_flood(atr, make_events, seconds):
     """Answers as the scripted card does, and meanwhile sends all events that the pipe takes.
-    `make_events` gives the next bytes, or none for a pause. Gives how many bytes of events went."""
+    `make_events` gives the next bytes, or none for a pause. Returns how many bytes were sent."""
     sent = 0
     end = time.monotonic() + seconds
     while time.monotonic() < end:

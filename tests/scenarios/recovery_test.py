@@ -18,14 +18,14 @@ PIPES = pathlib.Path("/run/zelta/pipe/ProtectedPrefix/LocalService")
 
 
 def use(problems, since, allowed):
-    """By two callers from now on; gives the line about how it went."""
+    """Has callers use the reader from now on; returns the line about how it went."""
     cast = Cast()
     cast.go()
     return cast.conclude(since, allowed, problems)
 
 
 def start(reader):
-    """With a card that a client has used, which this gives."""
+    """Starts with a card that a client has used; returns the client."""
     reader.start_all()
     import clients
 

@@ -60,7 +60,7 @@ def plan(seed):
 
 
 class SoakedReader(Reader):
-    """Beside another reader, and with a small disk of its own for the log. A terminal's Ctrl-C does
+    """The reader beside another one, with its own small disk for the log. A terminal's Ctrl-C does
     not reach its processes."""
 
     process_options = {"start_new_session": True}
@@ -127,7 +127,7 @@ class Soak:
         self.shown = 0
 
     def run(self, stops, end):
-        """Until something is wrong that the reader does not come back from."""
+        """Disturbs the reader `stops` times, or until `end`, or until it does not recover."""
         while self.stops < stops and time.monotonic() < end:
             pause, kind, seconds = next(self.plan)
             time.sleep(pause)
@@ -158,7 +158,7 @@ class Soak:
         return not self.record.wrong and not any("no right" in each for each in problems)
 
     def _dead_processes(self):
-        """Whatever is done to them, they do not end by themselves."""
+        """The processes do not end by themselves, whatever is done to them."""
         problems = []
         for name, begin_again in (("pcscd", self.reader.start_pcscd),
                                   ("agent", self.reader.start_agent_again)):
@@ -188,7 +188,7 @@ def interrupt(number, frame):
 
 
 def figures_without_clients(reader, start):
-    """Once pcscd has noticed that the clients are gone; it may take a moment."""
+    """Waits until pcscd has noticed that the clients are gone, which may take a moment."""
     end = time.monotonic() + 5
     while True:
         now = soak_report.figures_of(reader)
@@ -198,7 +198,7 @@ def figures_without_clients(reader, start):
 
 
 def write_report(folder, seed, text):
-    """For whoever the folder belongs to."""
+    """Gives the report to the folder's owner."""
     report = folder / time.strftime(f"soak-%Y%m%d-%H%M%S-{seed}.md")
     report.write_text(text)
     shutil.chown(report, folder.stat().st_uid, folder.stat().st_gid)

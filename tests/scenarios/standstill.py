@@ -158,7 +158,7 @@ class Cast:
 
 
 def _tell(story, arguments):
-    """In the story's own process."""
+    """Runs in the story's own process."""
     stack.enter_namespace()
     problems = []
     summary = ""

@@ -82,7 +82,8 @@ def story(reader, problems, who, call, moment, seconds, company, card_time):
 
 
 class AgentOrPcscdStandsStill(unittest.TestCase):
-    """In each of their calls, at each moment, for each duration and in each company."""
+    """The processes stand still in each call, at each moment, for each duration and in each
+    company."""
 
     def tell(self, call):
         # Another moment each time, within 2 ms of the card's answer.

@@ -14,7 +14,7 @@ LOGS = "Vornhalt/ZeltaAgent/logs"
 
 class Checkout(CheckoutTest):
     def come_up(self):
-        """As `up` does on its way; ends with the test."""
+        """Holds the lock as `up` does; ends with the test."""
         self.run_dir.mkdir()
         lock = self.enterContext(open(self.run_dir / "up.pid", "w"))
         fcntl.flock(lock, fcntl.LOCK_EX)

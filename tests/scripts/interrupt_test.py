@@ -14,7 +14,7 @@ class Interrupt(CheckoutTest):
         self.pretend_to_build()
 
     def interrupt(self, *words, code=130):
-        """As a terminal does: the whole process group hears of it."""
+        """Interrupts as a terminal does: the whole process group gets the signal."""
         process = self.start(SOURCE / "zelta", *words)
         wait_until((self.folder / "begun").exists, "the long step")
         os.killpg(process.pid, signal.SIGINT)

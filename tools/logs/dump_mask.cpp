@@ -52,7 +52,8 @@ Bytes bytesOf(std::string_view message) {
 
 using Range = std::pair<std::uint64_t, std::uint64_t>;  // from, up to but not including
 
-// Where the data of a PIN command is. What does not add up counts as data to the end.
+// Where the data of a PIN command is. If the lengths do not add up, everything to the end counts as
+// data.
 Range secretRange(const Bytes& head, std::uint64_t length) {
   if (head.size() < kShortHead || std::find(kPinInstructions.begin(), kPinInstructions.end(),
                                             head[kInstruction]) == kPinInstructions.end()) {

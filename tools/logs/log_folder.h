@@ -24,7 +24,7 @@ std::vector<std::filesystem::path> logFiles(const std::filesystem::path& folder)
 // just now.
 std::optional<bool> isBeingWritten(const std::filesystem::path& file);
 
-// What has been read of a folder's files. Each process that loads the driver writes one of its own,
+// What has been read of a folder's files. Each process that loads the driver writes its own file,
 // so all of them are followed. Not safe for several threads.
 class LogReader {
  public:

@@ -14,7 +14,7 @@
 namespace zelta::logs {
 
 struct Filter {
-  Level level = Level::kTrace;    // this one and the graver ones
+  Level level = Level::kTrace;    // this one and the more severe ones
   std::vector<std::string> tags;  // any of them; empty: all
   std::string session;            // the id's beginning; empty: all
   std::string since;              // from this time on; empty: all
@@ -27,8 +27,8 @@ class Printer {
  public:
   Printer(Filter filter, const Look& look, View::Output output);
 
-  // Takes one line of the file, without its end. The header is shown once. A line that is no record
-  // belongs to the record before it.
+  // Takes one line of the file, without its end. The header is shown once. A line that is not a
+  // record belongs to the record before it.
   void print(std::string_view line, const std::filesystem::path& file);
 
  private:

@@ -1,4 +1,4 @@
-// By hand although logrotate removes old files: it does not ask whether a process has one open.
+// Not logrotate, which does not ask whether a process has a file open.
 #include "tools/logs/prune.h"
 
 #include <sys/stat.h>

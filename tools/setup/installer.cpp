@@ -48,7 +48,7 @@ Outcome Installer::install(bool withOptional) {
 
 void Installer::undo(const std::vector<Step*>& made) {
   for (auto step = made.rbegin(); step != made.rend(); ++step) {
-    // A failure has been said; the others are undone all the same.
+    // The failure has been reported; the other parts are undone nevertheless.
     static_cast<void>(run(**step, &Part::undo, "undone", "gone already"));
   }
 }

@@ -1,6 +1,6 @@
-// Puts parts on the machine, takes them off again, and tells what is there.
+// Installs parts on the machine, removes them, and tells what is there.
 //
-// One thread. Says each thing that it did in a line of the output.
+// One thread. Writes a line of output for each thing that it did.
 #pragma once
 
 #include <iosfwd>

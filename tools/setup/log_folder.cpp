@@ -73,7 +73,7 @@ class LogFolder final : public Part {
   }
 
   Change undo() override {
-    // What something else has been put into stays.
+    // A folder into which something else has been put stays.
     for (auto folder = made_.rbegin(); folder != made_.rend(); ++folder) {
       RemoveDirectoryW(folder->c_str());
     }
@@ -94,7 +94,7 @@ class LogFolder final : public Part {
   }
 
  private:
-  // A folder that one may not look at is there.
+  // A folder that this user may not look at counts as present.
   static bool exists(const fs::path& folder) {
     return GetFileAttributesW(folder.c_str()) != INVALID_FILE_ATTRIBUTES ||
            GetLastError() == ERROR_ACCESS_DENIED;

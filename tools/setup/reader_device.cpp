@@ -110,7 +110,7 @@ class ReaderDevice final : public Part {
             device->name() + ((status & DN_STARTED) != 0 ? ", started" : ", not started")};
   }
 
-  // Of a device that is there already the driver is updated.
+  // If the device exists already, its driver is updated.
   Change add() override {
     std::optional<Device> device = findDevice();
     const bool isNew = !device;

@@ -24,7 +24,7 @@ constexpr Setting kSettings[] = {
     {L"SOFTWARE\\Policies\\Vornhalt\\Zelta\\zelta_admin_defaults", L"zelta.event_filter_mode",
      REG_DWORD, nullptr, 2},
 };
-// What the administrator may have set besides.
+// Further values that the administrator may have set.
 constexpr Setting kPolicy = {L"SOFTWARE\\Policies\\Vornhalt\\Zelta\\zelta_admin",
                              L"zelta.event_filter_mode", REG_DWORD, nullptr, 0};
 

@@ -21,14 +21,15 @@ namespace {
 constexpr char kNameBegin[] = "Zelta Virtual SmartCard Reader";
 constexpr char kTaken[] = "a program has the reader for itself";
 constexpr int kOpenLimit = 1000;  // milliseconds
-// What pcscd does by itself, as switching off a card that nobody uses, is no change to it.
+// pcscd does not count as a change what it does by itself, such as switching off a card that nobody
+// uses.
 constexpr std::chrono::seconds kLookAgain{10};
 
 struct StateName {
   DWORD flag;
   const char* name;
 };
-// The highest that is set counts.
+// The first whose bit is set counts.
 constexpr StateName kStates[] = {
     {SCARD_SPECIFIC, "specific"},   {SCARD_NEGOTIABLE, "negotiable"}, {SCARD_POWERED, "powered"},
     {SCARD_SWALLOWED, "swallowed"}, {SCARD_PRESENT, "present"},       {SCARD_ABSENT, "absent"},
@@ -176,7 +177,7 @@ std::string VirtualReader::findIn(const std::vector<std::string>& readers, std::
     if (inside.hasIndex && inside.index == index_) return name_ = reader;
     if (isTaken(inside.result)) taken.push_back(reader);
   }
-  // One that cannot be asked is the one that is left, if there are so many.
+  // If a single reader cannot be asked, it is the one, provided that there are enough readers.
   if (taken.size() == 1 && index_ < readers.size()) return taken.front();
   problem = taken.empty() ? "pcscd lists no such reader" : kTaken;
   return name_ = {};

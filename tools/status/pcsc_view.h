@@ -19,9 +19,9 @@ struct PcscView {
   Bytes atr;
 };
 
-// One of the service's readers. Looks without touching the card and without making anybody wait: it
-// opens the reader only if a card is in that no program has for itself, and in a row of looks only
-// after a change or a while. For a program with one thread.
+// One of the service's readers. Looks without touching the card and without making anybody wait. It
+// opens the reader only if a card is in that no program has for itself; in a series of looks, only
+// after a change or some time. For a program with one thread.
 class VirtualReader {
  public:
   explicit VirtualReader(std::uint32_t index);

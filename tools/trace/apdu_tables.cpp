@@ -13,13 +13,13 @@ namespace {
 constexpr int kAny = -1;
 
 struct Instruction {
-  Edge edge;  // kIso counts for every edge that has no entry of its own
+  Edge edge;  // kIso applies to every edge without its own entry
   std::uint8_t code;
   int parameters;  // P1 and P2, or kAny
   const char* name;
 };
 
-// The more particular entries come first.
+// More specific entries come first.
 constexpr Instruction kInstructions[] = {
     {Edge::kPiv, 0xF8, kAny, "GET SERIAL NUMBER"},
     {Edge::kPiv, 0xF9, kAny, "ATTEST KEY"},

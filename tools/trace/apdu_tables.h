@@ -1,4 +1,4 @@
-// The names of what commands and responses consist of.
+// Names for the parts of commands and responses.
 //
 // Sources: ISO/IEC 7816-4, -8 and -9 (instructions, status words); NIST SP 800-73-4 (PIV); the
 // Government Smart Card Interoperability Specification 2.1, NISTIR 6887 (CAC); the functional

@@ -13,7 +13,7 @@ constexpr std::uint8_t kDirect = 0x3B;
 constexpr std::uint8_t kInverse = 0x3F;
 constexpr std::uint8_t kReserved = 0;
 constexpr std::uint8_t kDefaultRates = 0x11;
-constexpr int kCommonProtocol = 15;  // T=15 stands for bytes that are no protocol's
+constexpr int kCommonProtocol = 15;  // T=15 stands for bytes that belong to no protocol
 
 struct Clock {
   int divisor;  // Fi; kReserved if the value is reserved

@@ -1,4 +1,4 @@
-// A trace as a page of its own that needs no network: the time line, and each exchange to open.
+// A trace as a self-contained page that needs no network: the time line, and each exchange to open.
 #pragma once
 
 #include <string>

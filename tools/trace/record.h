@@ -33,7 +33,7 @@ struct Record {
   bool isExchange() const { return kind == "transmit" || kind == "reset" || kind == "atr"; }
 };
 
-// None for a line that is no record.
+// None for a line that is not a record.
 std::optional<Record> parseRecord(std::string_view line);
 
 // A record in words.
@@ -55,7 +55,7 @@ class Reader {
 
  private:
   Words describeTransmit(const Record& record);
-  // What there is to say of a command besides its name; empty if nothing.
+  // What there is to say about a command besides its name; empty if nothing.
   std::string subjectOf(const HexText& command, const HexText& data) const;
   void noteSelection(const HexText& command, const HexText& data, bool good);
 

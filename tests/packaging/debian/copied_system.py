@@ -69,7 +69,7 @@ class CopiedSystem:
         return (self._base / "output.log").read_text(errors="replace")
 
     def new_paths(self):
-        """What there is in the copy and not in the system, outermost only."""
+        """What the copy has and the system does not; of a new folder, only the folder itself."""
         found = []
         for folder, folders, files in os.walk(self.changes):
             inside = pathlib.Path("/") / pathlib.Path(folder).relative_to(self.changes)

@@ -48,7 +48,7 @@ OLD_LINE = "# Of the version before.\n"
 
 
 def earlier_package(folder):
-    """A version before: other programs, module, unit and settings, and a file that is gone since."""
+    """An earlier version: other programs, module, unit and settings, and a file since removed."""
     content = pathlib.Path(folder, "content")
     run("dpkg-deb", "--raw-extract", package(), content)
     control = content / "DEBIAN" / "control"
@@ -191,7 +191,7 @@ class DebianInstallation(unittest.TestCase):
         return pcscd
 
     def start_agent(self):
-        """As the service's user, with the card where the agent looks for one."""
+        """Runs as the service's user, with the card in the folder where the agent looks for one."""
         self.system.run("/usr/share/zelta/make-demo-db.sh", CARD, PIN)
         self.system.run("chown", "-R", "zelta-agent:zelta", CARD)
         self.system.path("/tmp").chmod(0o1777)

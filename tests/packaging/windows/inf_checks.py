@@ -166,7 +166,7 @@ def framework_problems(inf, facts):
 
 
 def co_installer_problems(inf):
-    """They are not needed from Windows 10 on, and a package with one is not signed."""
+    """Co-installers are not needed from Windows 10 on, and a package with one is not signed."""
     if "coinstall" in inf.text.lower():
         return ["has a co-installer"]
     return []

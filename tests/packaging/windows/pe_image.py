@@ -33,7 +33,7 @@ class PeImage:
         return set(flags.group(1).split())
 
     def is_fixed(self):
-        """Whether it has to stand where it was linked for."""
+        """Whether it can only be loaded at the address that it was linked for."""
         words = re.search(r"^Characteristics 0x([0-9a-f]+)$", self._headers, re.M)
         relocations_stripped = 0x0001
         has_table = re.search(r"^Entry 5 \S+ (?!0+ )[0-9a-f]+ Base Relocation", self._headers,
