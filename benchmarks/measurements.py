@@ -149,6 +149,11 @@ class Watcher(threading.Thread):
     def present(self):
         return bool(self.state & self._scard.SCARD_STATE_PRESENT)
 
+    def wait_for_card(self):
+        with self._changed:
+            if not self._changed.wait_for(self.present, LIMIT):
+                raise RuntimeError(f"there is no card after {LIMIT} s")
+
     def when_told(self, begun, bit):
         """The time at which it was told of a state with the bit, from the `begun`th on; none if
         that does not come about."""
@@ -170,6 +175,7 @@ def card_movements(measured, swaps):
     """Insertion and removal as a client sees them, from asking the agent on; quick swaps one by
     one; a burst of swaps and the time until a client sees the card as it is."""
     watcher = Watcher(READER)
+    watcher.wait_for_card()
     result = timed_movements(measured, watcher)
     result["swaps"], result["missed"] = swaps, 0
     for _ in range(swaps):
