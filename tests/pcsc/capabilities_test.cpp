@@ -19,8 +19,8 @@ RESPONSECODE stop(DWORD) { return IFD_SUCCESS; }
 class CapabilitiesTest : public test::ChannelTest {
  protected:
   Reply get(DWORD tag) { return capability(*channel_, tag, {await, stop}); }
-  void answerAttribute(host::IoResult result) {
-    reader_->answerWith(IOCTL_SMARTCARD_GET_ATTRIBUTE, std::move(result));
+  void answerAttribute(const host::IoResult& result) {
+    reader_->answerWith(IOCTL_SMARTCARD_GET_ATTRIBUTE, result);
   }
   template <typename Function>
   static Function functionIn(const Bytes& bytes) {

@@ -18,8 +18,8 @@ class TransmitTest : public test::ChannelTest {
     answer.insert(answer.end(), response.begin(), response.end());
     return answer;
   }
-  void answerTransmit(host::IoResult result) {
-    reader_->answerWith(IOCTL_SMARTCARD_TRANSMIT, std::move(result));
+  void answerTransmit(const host::IoResult& result) {
+    reader_->answerWith(IOCTL_SMARTCARD_TRANSMIT, result);
   }
   void answerProtocol(const Bytes& value) {
     reader_->answerWith(IOCTL_SMARTCARD_GET_ATTRIBUTE, succeededWith(value));
