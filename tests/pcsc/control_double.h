@@ -12,7 +12,7 @@
 
 #include "contract/control.h"
 #include "platform/files/scoped_fd_linux.h"
-#include "tests/support/raw_socket_linux.h"
+#include "tests/support/pipes/raw_socket_linux.h"
 
 namespace zelta::test {
 

@@ -20,7 +20,7 @@
 #include "contract/control.h"
 #include "platform/files/scoped_fd_linux.h"
 #include "tests/agent/running_agent.h"
-#include "tests/support/raw_socket_linux.h"
+#include "tests/support/pipes/raw_socket_linux.h"
 #include "tests/support/shared.h"
 #include "tests/support/temp_folder.h"
 

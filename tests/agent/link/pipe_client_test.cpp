@@ -18,7 +18,7 @@
 
 #include "agent/platform/stop_event_linux.h"
 #include "platform/pipe/pipe_path.h"
-#include "tests/support/raw_socket_linux.h"
+#include "tests/support/pipes/raw_socket_linux.h"
 #endif
 
 namespace zelta::agent {

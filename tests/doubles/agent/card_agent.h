@@ -14,7 +14,7 @@
 
 #include "contract/bytes.h"
 #include "contract/wire.h"
-#include "tests/support/pipe_client.h"
+#include "tests/support/pipes/pipe_client.h"
 #include "tests/support/shared.h"
 
 namespace zelta::test {

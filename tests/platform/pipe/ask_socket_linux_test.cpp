@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "platform/files/scoped_fd_linux.h"
-#include "tests/support/raw_socket_linux.h"
+#include "tests/support/pipes/raw_socket_linux.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::platform {

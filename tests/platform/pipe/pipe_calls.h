@@ -6,7 +6,7 @@
 
 #include "contract/bytes.h"
 #include "platform/pipe/pipe.h"
-#include "tests/support/pipe_call.h"
+#include "tests/support/pipes/pipe_call.h"
 
 namespace zelta::test {
 

@@ -9,7 +9,7 @@
 
 #include "platform/pipe/pipe.h"
 #include "platform/process/error.h"
-#include "tests/support/pipe_call.h"
+#include "tests/support/pipes/pipe_call.h"
 
 namespace zelta::test {
 

@@ -14,7 +14,7 @@
 
 #include "platform/pipe/pipe_listener_linux.h"
 #include "tests/platform/pipe/system_pipe_fixture_linux.h"
-#include "tests/support/raw_socket_linux.h"
+#include "tests/support/pipes/raw_socket_linux.h"
 
 namespace zelta::test {
 

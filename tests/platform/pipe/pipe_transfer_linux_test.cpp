@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "tests/platform/pipe/system_pipe_fixture_linux.h"
-#include "tests/support/raw_socket_linux.h"
+#include "tests/support/pipes/raw_socket_linux.h"
 
 namespace zelta::test {
 

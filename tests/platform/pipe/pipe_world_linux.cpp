@@ -1,5 +1,5 @@
 #include "tests/platform/pipe/pipe_conformance.h"
-#include "tests/support/pipe_client.h"
+#include "tests/support/pipes/pipe_client.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::test {

@@ -3,7 +3,7 @@
 #include <list>
 
 #include "tests/platform/pipe/pipe_conformance.h"
-#include "tests/support/pipe_client.h"
+#include "tests/support/pipes/pipe_client.h"
 #include "tests/support/system.h"
 
 namespace zelta::test {

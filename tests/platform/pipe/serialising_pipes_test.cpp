@@ -4,7 +4,7 @@
 
 #include "platform/process/error.h"
 #include "tests/doubles/pipes/serialising_pipes.h"
-#include "tests/support/pipe_call.h"
+#include "tests/support/pipes/pipe_call.h"
 
 namespace zelta::test {
 

@@ -10,7 +10,7 @@
 #include "platform/pipe/pipe_path.h"
 #include "platform/process/error.h"
 #include "tests/platform/pipe/pipe_calls.h"
-#include "tests/support/pipe_client.h"
+#include "tests/support/pipes/pipe_client.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta::test {

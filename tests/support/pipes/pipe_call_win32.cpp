@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "tests/support/pipe_call.h"
+#include "tests/support/pipes/pipe_call.h"
 #include "tests/support/system.h"
 
 namespace zelta::test {

@@ -1,4 +1,4 @@
-#include "tests/support/raw_socket_linux.h"
+#include "tests/support/pipes/raw_socket_linux.h"
 
 #include <fcntl.h>
 #include <grp.h>

@@ -1,4 +1,4 @@
-#include "tests/support/pipe_client.h"
+#include "tests/support/pipes/pipe_client.h"
 
 #include <poll.h>
 #include <sys/socket.h>

@@ -1,4 +1,4 @@
-#include "tests/support/pipe_call.h"
+#include "tests/support/pipes/pipe_call.h"
 
 #include <sys/syscall.h>
 #include <unistd.h>

@@ -2,7 +2,7 @@
 // windows.h comes first
 #include <optional>
 
-#include "tests/support/pipe_client.h"
+#include "tests/support/pipes/pipe_client.h"
 
 namespace zelta::test {
 
