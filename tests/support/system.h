@@ -20,6 +20,8 @@ inline constexpr bool kPipesKeepBytes = false;
 inline constexpr bool kReadsWaitForAllBytes = false;
 // Whether a disconnected pipe takes a client at once, not only when it is being connected again.
 inline constexpr bool kPipesListenAfterDisconnect = false;
+// Whether a file that somebody has open can be removed.
+inline constexpr bool kOpenFilesCanBeRemoved = false;
 // The error of creating a pipe whose name is in use and has one instance.
 inline constexpr std::uint32_t kPipeNameInUse = platform::error::kPipeBusy;
 // The control path of an agent that belongs to a test's folder.
@@ -33,6 +35,7 @@ inline constexpr bool underWine() { return false; }
 inline constexpr bool kPipesKeepBytes = true;
 inline constexpr bool kReadsWaitForAllBytes = true;
 inline constexpr bool kPipesListenAfterDisconnect = true;
+inline constexpr bool kOpenFilesCanBeRemoved = true;
 inline constexpr std::uint32_t kPipeNameInUse = platform::error::kAccessDenied;
 inline std::string controlPathFor(const std::filesystem::path& folder) { return folder / "ctl"; }
 
