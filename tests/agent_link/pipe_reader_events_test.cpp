@@ -199,7 +199,7 @@ TEST_F(CardEvents, RemovalDuringTransmit_Answers6901) {
   EXPECT_EQ(response, (Bytes{0x69, 0x01}));
 }
 
-// The removal request waits for its turn behind the transmit.
+// The transmit has the turn, so the removal request has to wait for its own.
 TEST_F(CardEvents, RemovalDuringTransmitBeforeTheCheck_Answers6901) {
   FakeRequest& removal = makeRequest();
   std::future<void> asking;

@@ -43,7 +43,7 @@ void onSmallDisk(std::size_t size,
       ADD_FAILURE() << "cannot mount: " << std::strerror(errno);
     }
   }).join();
-  // The small disk is a mount, and this machine permits none: the reason says why.
+  // A small disk needs a mount of its own. `reason` says why this machine does not allow one.
   if (!reason.empty()) GTEST_SKIP() << reason;
 }
 
