@@ -52,8 +52,8 @@ Bytes bytesOf(std::string_view message) {
 
 using Range = std::pair<std::uint64_t, std::uint64_t>;  // from, up to but not including
 
-// The position of a PIN command's data; 0 and 0 for any other command. If the lengths do not add up,
-// all bytes from there to the end are treated as data.
+// The position of a PIN command's data; 0 and 0 for any other command. If the lengths do not add
+// up, all bytes from there to the end are treated as data.
 Range secretRange(const Bytes& head, std::uint64_t length) {
   if (head.size() < kShortHead || std::find(kPinInstructions.begin(), kPinInstructions.end(),
                                             head[kInstruction]) == kPinInstructions.end()) {

@@ -177,8 +177,8 @@ std::string VirtualReader::findIn(const std::vector<std::string>& readers, std::
     if (inside.hasIndex && inside.index == index_) return name_ = reader;
     if (isTaken(inside.result)) taken.push_back(reader);
   }
-  // No reader has the index. If exactly one could not be asked, that reader must have it, unless the
-  // index exceeds the number of readers.
+  // No reader that answered has the index. If exactly one could not be asked, that reader must have
+  // it, provided that the index is below the number of readers.
   if (taken.size() == 1 && index_ < readers.size()) return taken.front();
   problem = taken.empty() ? "pcscd lists no such reader" : kTaken;
   return name_ = {};
