@@ -37,6 +37,7 @@ void ScriptCard::interrupt() {
   const platform::MutexLock lock(mutex_);
   interrupted_ = true;
   changed_.notifyAll();
+  removed_.notifyAll();
 }
 
 Bytes ScriptCard::reset() {
@@ -72,7 +73,7 @@ Bytes ScriptCard::respond(const ScriptResponse& response, const Bytes& command) 
   if (!in_ || interrupted_) return {};
   if (response.delay == std::chrono::milliseconds(0)) return response.to(command);
   const std::uint64_t removals = removals_;
-  const bool gone = changed_.waitFor(lock, response.delay, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+  const bool gone = removed_.waitFor(lock, response.delay, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
     return removals_ != removals || interrupted_;
   });
   return gone ? Bytes() : response.to(command);
@@ -117,8 +118,10 @@ std::string ScriptCard::act(CardAction action) {
   {
     const platform::MutexLock lock(mutex_);
     in_ = wanted;
-    if (!wanted) ++removals_;
-    changed_.notifyAll();
+    if (!wanted) {
+      ++removals_;
+      removed_.notifyAll();
+    }
   }
   if (wanted) listener_->cardInserted();
   return {};

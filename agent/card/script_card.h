@@ -51,7 +51,8 @@ class ScriptCard final : public CardBackend {
   // Around each insertion and removal with its notice.
   platform::Mutex acting_ ZELTA_ACQUIRED_BEFORE(mutex_);
   platform::Mutex mutex_;
-  platform::ConditionVariable changed_;
+  platform::ConditionVariable changed_;  // what is due
+  platform::ConditionVariable removed_;  // for a response that is delayed
   bool in_ ZELTA_GUARDED_BY(mutex_);
   std::uint64_t removals_ ZELTA_GUARDED_BY(mutex_) = 0;
   bool interrupted_ ZELTA_GUARDED_BY(mutex_) = false;

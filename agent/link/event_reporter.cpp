@@ -7,6 +7,16 @@
 
 namespace zelta::agent {
 
+namespace {
+
+std::uint32_t codeOf(ReportRule::Report report) {
+  return static_cast<std::uint32_t>(report == ReportRule::Report::kInserted
+                                        ? AgentEvent::kCardInserted
+                                        : AgentEvent::kCardRemoved);
+}
+
+}  // namespace
+
 EventReporter::EventReporter(PipeConnection& pipe, Settings settings, std::function<void()> onTaken,
                              std::function<void()> onLost, OnFailure onFailure, Log& log)
     : pipe_(pipe),
@@ -49,13 +59,13 @@ bool EventReporter::beginAnswer(CardId atrOf) {
 void EventReporter::endAnswer() {
   const platform::MutexLock lock(mutex_);
   answering_ = false;
-  if (!events_.empty()) changed_.notifyAll();
+  if (!allPosted()) changed_.notifyAll();
 }
 
 void EventReporter::waitWritten(SteadyClock::time_point deadline) {
   platform::MutexLock lock(mutex_);
   changed_.waitFor(lock, deadline - SteadyClock::now(), [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    return events_.empty() || full_ || ended_;
+    return allPosted() || full_ || ended_;
   });
 }
 
@@ -77,14 +87,19 @@ void EventReporter::cardDeparted() {
 
 void EventReporter::queue(ReportRule::Report report) {
   if (report == ReportRule::Report::kNothing || ended_) return;
-  const std::size_t notBegun = events_.size() - (writing_ ? 1 : 0);
-  if (report == ReportRule::Report::kRemoved && notBegun > 0 && !atrGiven_ &&
-      events_.back() == ReportRule::Report::kInserted) {
+  const bool waits = !allPosted() && !(writing_ && events_.size() == 1);
+  if (report == ReportRule::Report::kRemoved && waits && !atrGiven_ &&
+      events_.back().report == ReportRule::Report::kInserted) {
     events_.pop_back();  // nobody has heard of that card
   } else {
-    events_.push_back(report);
+    events_.push_back({report, mayPost() && allPosted() && tryPost(report)});
   }
   changed_.notifyAll();
+}
+
+bool EventReporter::tryPost(ReportRule::Report report) {
+  const auto bytes = toLittleEndian(codeOf(report));
+  return pipe_.tryPost(bytes.data(), bytes.size());
 }
 
 IoResult EventReporter::postNumber(std::uint32_t number,
@@ -133,10 +148,13 @@ void EventReporter::noteEnd() {
   changed_.notifyAll();
 }
 
-std::optional<ReportRule::Report> EventReporter::awaitEvent() {
+std::optional<EventReporter::Event> EventReporter::awaitEvent() {
   platform::MutexLock lock(mutex_);
-  const auto due = [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    return ended_ || (sessionSent_ && !answering_ && !events_.empty());
+  const auto posted = [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return !events_.empty() && events_.front().posted;
+  };
+  const auto due = [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
+    return ended_ || posted() || (mayPost() && !events_.empty());
   };
   const auto graceMatters = [this]()
                                 ZELTA_NO_THREAD_SAFETY_ANALYSIS { return taken_ && rule_.quiet(); };
@@ -149,15 +167,21 @@ std::optional<ReportRule::Report> EventReporter::awaitEvent() {
                                         [&] { return due() || !graceMatters(); });
     if (!woken) queue(rule_.graceOver());
   }
-  if (ended_) return std::nullopt;
-  writing_ = true;
-  return events_.front();
+  if (ended_ && !posted()) return std::nullopt;
+  const Event event = events_.front();
+  if (event.posted) {
+    events_.pop_front();
+  } else {
+    writing_ = true;
+  }
+  return event;
 }
 
 // A driver that has left so much unread is handling an earlier event, and may need an answer to its
 // command for that. So nobody waits for the events then. A post of one number that has timed out
 // has handed nothing over and may be repeated.
-IoResult EventReporter::postEvent(std::uint32_t event) {
+IoResult EventReporter::postEvent(ReportRule::Report report) {
+  const std::uint32_t event = codeOf(report);
   const auto now = SteadyClock::now();
   IoResult result = postNumber(event, now);
   if (result != IoResult::kTimedOut) return result;
@@ -173,21 +197,25 @@ void EventReporter::setFull(bool full) {
   if (full) changed_.notifyAll();
 }
 
+bool EventReporter::writeFirst(ReportRule::Report report) {
+  const IoResult result = postEvent(report);
+  if (result == IoResult::kTimedOut) {
+    log_.error("The driver does not take its events; dropping the connection");
+    pipe_.cancel();
+  }
+  if (result != IoResult::kDone) return false;  // the watcher sees the end, too
+  const platform::MutexLock lock(mutex_);
+  events_.pop_front();
+  writing_ = false;
+  changed_.notifyAll();
+  return true;
+}
+
 void EventReporter::writeEvents() {
-  while (const std::optional<ReportRule::Report> report = awaitEvent()) {
-    const bool inserted = *report == ReportRule::Report::kInserted;
-    const AgentEvent event = inserted ? AgentEvent::kCardInserted : AgentEvent::kCardRemoved;
-    const IoResult result = postEvent(static_cast<std::uint32_t>(event));
-    if (result == IoResult::kTimedOut) {
-      log_.error("The driver does not take its events; dropping the connection");
-      pipe_.cancel();
-    }
-    if (result != IoResult::kDone) return;  // the watcher sees the end, too
-    log_.info(inserted ? "Card insertion reported" : "Card removal reported");
-    const platform::MutexLock lock(mutex_);
-    events_.pop_front();
-    writing_ = false;
-    changed_.notifyAll();
+  while (const std::optional<Event> event = awaitEvent()) {
+    if (!event->posted && !writeFirst(event->report)) return;
+    log_.info(event->report == ReportRule::Report::kInserted ? "Card insertion reported"
+                                                             : "Card removal reported");
   }
 }
 

@@ -2,9 +2,11 @@
 //
 // It has two threads. One hands over the session id and waits until the driver has taken it, which
 // the driver does once it listens for events. The time of grace counts from then; from then on the
-// thread watches for the pipe's end. The other thread hands over events in the order in which they
-// were decided, without waiting for the driver to read them. Both end when the pipe is closed or
-// cancelled. A pipe that is full of events that the driver does not read is cancelled when its time
+// thread watches for the pipe's end. An event is handed over on the thread that decides it, if the
+// pipe takes it at once: a wake-up would cost a client a tenth of the time until it sees the card
+// go. The other thread hands over the rest, in the order in which they were decided, without
+// waiting for the driver to read them, and logs all. Both end when the pipe is closed or cancelled.
+// A pipe that is full of events that the driver does not read is cancelled when its time
 // is up. A card that comes and goes before its arrival was handed over and before the driver has
 // its ATR is not reported at all: cards that change quicker than the driver reads of them leave no
 // backlog.
@@ -62,17 +64,28 @@ class EventReporter final : public CardSlot::Observer {
   void waitWritten(SteadyClock::time_point deadline);
 
  private:
+  struct Event {
+    ReportRule::Report report;
+    bool posted;  // on the thread that decided it
+  };
+
   void observing(CardId card) override;
   void cardArrived(CardId card) override;
   void cardDeparted() override;
 
   void queue(ReportRule::Report report) ZELTA_REQUIRES(mutex_);
+  // Whether an event may be handed over now.
+  bool mayPost() const ZELTA_REQUIRES(mutex_) { return sessionSent_ && !answering_; }
+  bool allPosted() const ZELTA_REQUIRES(mutex_) { return events_.empty() || events_.back().posted; }
+  [[nodiscard]] bool tryPost(ReportRule::Report report);
   [[nodiscard]] bool sendSessionId();
   void watchPipe();
   void writeEvents();
   // Waits for the next event. None: the pipe has ended.
-  std::optional<ReportRule::Report> awaitEvent();
-  IoResult postEvent(std::uint32_t event);
+  std::optional<Event> awaitEvent();
+  IoResult postEvent(ReportRule::Report report);
+  // Hands over the first event. False if the pipe has ended.
+  [[nodiscard]] bool writeFirst(ReportRule::Report report);
   void setFull(bool full);
   IoResult postNumber(std::uint32_t number, std::optional<SteadyClock::time_point> deadline);
   void noteEnd();
@@ -87,9 +100,9 @@ class EventReporter final : public CardSlot::Observer {
   platform::Mutex mutex_;
   platform::ConditionVariable changed_;
   ReportRule rule_ ZELTA_GUARDED_BY(mutex_){kNoCard};
-  // Decided and not handed over; the front one is being handed over.
-  std::deque<ReportRule::Report> events_ ZELTA_GUARDED_BY(mutex_);
-  bool writing_ ZELTA_GUARDED_BY(mutex_) = false;  // the front one
+  // Decided and not handed over; before them, those that are posted and not logged.
+  std::deque<Event> events_ ZELTA_GUARDED_BY(mutex_);
+  bool writing_ ZELTA_GUARDED_BY(mutex_) = false;  // the first is being handed over
   bool full_ ZELTA_GUARDED_BY(mutex_) = false;     // the pipe, of what the driver has not read
   bool answering_ ZELTA_GUARDED_BY(mutex_) = false;
   bool atrGiven_ ZELTA_GUARDED_BY(mutex_) = false;  // of the card that is in, to the driver

@@ -51,7 +51,8 @@ class PipeConnection {
   // taken back if the pipe allows that.
   virtual IoResult answer(const Bytes& bytes, SteadyClock::time_point deadline) = 0;
 
-  // On the event pipe; a read, a flush and a post may run at the same time on three threads.
+  // On the event pipe; a read, a flush and a post of either kind may run at the same time on three
+  // threads.
 
   // Hands over `size` bytes as one write and never waits for the driver to read them: on return
   // they are in the pipe, after what was posted before. Blocks only while the pipe holds so much
@@ -61,6 +62,9 @@ class PipeConnection {
   // be lost when the thread ends.
   virtual IoResult post(const void* data, std::uint32_t size,
                         std::optional<SteadyClock::time_point> deadline) = 0;
+  // Hands over `size` bytes, at most 4, without blocking. False if the pipe does not take them now,
+  // or would lose them if this thread ended: nothing has been handed over then.
+  [[nodiscard]] virtual bool tryPost(const void* data, std::uint32_t size) = 0;
   // Blocks until the driver has read everything posted.
   virtual IoResult flush() = 0;
 

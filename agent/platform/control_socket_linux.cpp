@@ -53,14 +53,15 @@ std::optional<std::string> readLine(const ScopedFd& client, const StopEvent& sto
   const auto deadline = SteadyClock::now() + kAskLimit;
   std::string line;
   while (line.size() <= kLongestControlLine) {
-    const StopEvent::Waited waited = stop.waitFor(client.get(), POLLIN, deadline);
-    if (waited.reason != StopEvent::Reason::kReady) break;
     char c = 0;
     const ssize_t count = recv(client.get(), &c, 1, 0);
-    if (count < 0 && isPassing(errno)) continue;
-    if (count < 0) break;
-    if (count == 0 || c == '\n') return line;
-    line += c;
+    if (count == 0 || (count > 0 && c == '\n')) return line;
+    if (count > 0) {
+      line += c;
+    } else if (!isPassing(errno) ||
+               stop.waitFor(client.get(), POLLIN, deadline).reason != StopEvent::Reason::kReady) {
+      break;
+    }
   }
   return std::nullopt;
 }

@@ -97,6 +97,11 @@ IoResult SocketConnection::read(void* data, std::uint32_t size,
                                 std::optional<SteadyClock::time_point> deadline) {
   auto* bytes = static_cast<std::uint8_t*>(data);
   std::uint32_t done = 0;
+  if (!deadline) {
+    // A receive that sleeps would be woken each time the driver reads what was posted.
+    const Waited waited = waitFor(POLLIN, std::nullopt);
+    if (waited.result != IoResult::kDone) return waited.result;
+  }
   while (done < size) {
     const bool waits = !deadline || limitReads(*deadline - SteadyClock::now());
     const ssize_t count =
@@ -136,6 +141,11 @@ IoResult SocketConnection::post(const void* data, std::uint32_t size,
                                 std::optional<SteadyClock::time_point> deadline) {
   iovec part{const_cast<void*>(data), size};
   return send(&part, 1, deadline, false);
+}
+
+bool SocketConnection::tryPost(const void* data, std::uint32_t size) {
+  return !cancelled_ && ::send(socket_.get(), data, size, MSG_NOSIGNAL | MSG_DONTWAIT) ==
+                            static_cast<ssize_t>(size);
 }
 
 IoResult SocketConnection::send(iovec* parts, std::size_t count,

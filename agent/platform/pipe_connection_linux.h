@@ -28,6 +28,7 @@ class SocketConnection : public PipeConnection {
   IoResult answer(const Bytes& bytes, SteadyClock::time_point deadline) override;
   IoResult post(const void* data, std::uint32_t size,
                 std::optional<SteadyClock::time_point> deadline) override;
+  bool tryPost(const void* data, std::uint32_t size) override;
   IoResult flush() override;
   void cancel() override;
 

@@ -49,6 +49,8 @@ class NamedPipeConnection final : public PipeConnection {
   // with the thread, so what it has posted must have been read before it ends.
   IoResult post(const void* data, std::uint32_t size,
                 std::optional<SteadyClock::time_point> deadline) override;
+  // A post belongs to its thread.
+  bool tryPost(const void*, std::uint32_t) override { return false; }
   IoResult flush() override;
   void cancel() override { SetEvent(cancel_.get()); }
 

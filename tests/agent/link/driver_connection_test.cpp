@@ -306,6 +306,15 @@ TEST_F(EmptyConnection, ArrivalAfterTheFirstCommand_IsReportedAtOnce) {
   EXPECT_EQ(event(2), kRemoved);
 }
 
+TEST_F(Connection, CardThatGoes_IsReportedBeforeTheRemovalReturns) {
+  commands_.give(kReady);
+  lines_.waitFor("Card insertion reported");
+  EXPECT_EQ(slot_.remove(), "");
+  EXPECT_EQ(events_.writes(), kSessionWrites + 2);
+  EXPECT_EQ(event(2), kRemoved);
+  lines_.waitFor("Card removal reported");
+}
+
 class GracelessConnection : public Connection {
  protected:
   GracelessConnection() : Connection({test::kLong, test::kLong, milliseconds(0)}) {}

@@ -57,6 +57,10 @@ class ConnectedPipes : public testing::Test {
     });
   }
   // Nobody writes there but a driver that is broken.
+  bool tryPost(std::uint32_t code) {
+    const auto bytes = toLittleEndian(code);
+    return events_->tryPost(bytes.data(), bytes.size());
+  }
   std::future<IoResult> readEventPipe() {
     return std::async(std::launch::async, [this] {
       std::uint8_t byte = 0;
@@ -202,6 +206,7 @@ TEST_P(FullEventPipe, PostThatTimedOut_HandsOverNothingAndMayBeRepeated) {
   }
   const std::uint32_t posted = fillEvents();
   EXPECT_EQ(post(posted, SteadyClock::now() + milliseconds(20)), IoResult::kTimedOut);
+  EXPECT_FALSE(tryPost(posted));
   auto repeated = std::async(std::launch::async, [&] {
     const IoResult result = post(posted);
     // The thread's end may take back what the driver has not read.
@@ -215,6 +220,15 @@ TEST_P(FullEventPipe, PostThatTimedOut_HandsOverNothingAndMayBeRepeated) {
 INSTANTIATE_TEST_SUITE_P(Shifts, FullEventPipe, testing::Range(0, 4), [](const auto& each) {
   return "After" + std::to_string(each.param) + "Bytes";
 });
+
+TEST_F(ConnectedPipes, TriedPost_IsHandedOverIfThePipeKeepsItAfterTheThread) {
+  auto tried = std::async(std::launch::async, [this] { return tryPost(1); });
+  const bool handedOver = tried.get();
+  EXPECT_EQ(handedOver, test::kPipesKeepBytes);
+  EXPECT_EQ(post(2), IoResult::kDone);
+  if (handedOver) expectEvents(1, 1);
+  expectEvents(2, 1);
+}
 
 TEST_F(ConnectedPipes, ReadAndPosts_RunAtTheSameTime) {
   auto read = readEventPipe();
@@ -252,6 +266,7 @@ TEST_F(ConnectedPipes, Cancel_ReleasesEveryOperationAndStays) {
   EXPECT_EQ(flushed.get(), IoResult::kCancelled);
   EXPECT_EQ(answered.get(), IoResult::kCancelled);
   EXPECT_EQ(post(1), IoResult::kCancelled);
+  EXPECT_FALSE(tryPost(1));
   EXPECT_EQ(events_->flush(), IoResult::kCancelled);
   EXPECT_EQ(commands_->awaitCommand(), IoResult::kCancelled);
   EXPECT_EQ(answer(), IoResult::kCancelled);
@@ -266,6 +281,7 @@ TEST_F(ConnectedPipes, DriverThatGoes_EndsEveryOperation) {
   EXPECT_TRUE(flush == IoResult::kClosed || (flush == IoResult::kDone && test::kPipesKeepBytes));
   EXPECT_EQ(read.get(), IoResult::kClosed);
   EXPECT_EQ(post(1), IoResult::kClosed);
+  EXPECT_FALSE(tryPost(1));
   EXPECT_EQ(commands_->awaitCommand(), IoResult::kClosed);
   EXPECT_EQ(answer(), IoResult::kClosed);
 }

@@ -53,6 +53,10 @@ IoResult MemoryPipe::post(const void* data, std::uint32_t size,
   return write(Bytes(bytes, bytes + size), deadline, false);
 }
 
+bool MemoryPipe::tryPost(const void* data, std::uint32_t size) {
+  return post(data, size, agent::SteadyClock::now()) == IoResult::kDone;
+}
+
 IoResult MemoryPipe::write(Bytes bytes, std::optional<agent::SteadyClock::time_point> deadline,
                            bool isAnswer) {
   auto state = state_.lock();

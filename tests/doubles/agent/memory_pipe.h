@@ -33,6 +33,7 @@ class MemoryPipe : public agent::PipeConnection {
   agent::IoResult answer(const Bytes& bytes, agent::SteadyClock::time_point deadline) override;
   agent::IoResult post(const void* data, std::uint32_t size,
                        std::optional<agent::SteadyClock::time_point> deadline) override;
+  bool tryPost(const void* data, std::uint32_t size) override;
   agent::IoResult flush() override;
   void cancel() override { state_.lock()->cancelled = true; }
 
