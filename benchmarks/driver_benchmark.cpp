@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <utility>
@@ -89,6 +90,7 @@ void measureCommands(Driver& driver, const BareExchange& bare, int rounds, int c
   Samples transmitTimes("TRANSMIT");
   Samples resetTimes("POWER, cold reset");
   std::vector<Samples> stateTimes;
+  stateTimes.reserve(std::size(kFromState));
   for (const Control& each : kFromState) stateTimes.emplace_back(each.name);
   const Bytes coldReset = number(SCARD_COLD_RESET);
   for (int round = 0; round < rounds; ++round) {

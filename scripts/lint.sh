@@ -97,6 +97,7 @@ tidy "$WORK/windows" "${windows[@]}" || failed=1
 # Neither build compiles the fuzzers and the examples. They need no options but these.
 while read -r source; do
   case "$source" in
+    "$ZELTA_ROOT"/tests/precompiled.cpp) ;; # nothing but a comment
     "$ZELTA_ROOT"/fuzz/* | "$ZELTA_ROOT"/examples/*)
       clang-tidy --quiet "$source" -- -std=c++17 "-I$ZELTA_ROOT" "-I$ZELTA_ROOT/agent/include" \
         2>/dev/null || failed=1

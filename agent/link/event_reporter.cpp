@@ -65,7 +65,7 @@ void EventReporter::endAnswer() {
 void EventReporter::waitWritten(SteadyClock::time_point deadline) {
   platform::MutexLock lock(mutex_);
   changed_.waitFor(lock, deadline - SteadyClock::now(), [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    return allPosted() || full_ || ended_;
+    return events_.empty() || full_ || ended_;
   });
 }
 
@@ -168,13 +168,8 @@ std::optional<EventReporter::Event> EventReporter::awaitEvent() {
     if (!woken) queue(rule_.graceOver());
   }
   if (ended_ && !posted()) return std::nullopt;
-  const Event event = events_.front();
-  if (event.posted) {
-    events_.pop_front();
-  } else {
-    writing_ = true;
-  }
-  return event;
+  writing_ = !events_.front().posted;
+  return events_.front();
 }
 
 // A driver that has left so much unread is handling an earlier event, and may need an answer to its
@@ -205,9 +200,8 @@ bool EventReporter::writeFirst(ReportRule::Report report) {
   }
   if (result != IoResult::kDone) return false;  // the watcher sees the end, too
   const platform::MutexLock lock(mutex_);
-  events_.pop_front();
+  events_.front().posted = true;
   writing_ = false;
-  changed_.notifyAll();
   return true;
 }
 
@@ -216,6 +210,9 @@ void EventReporter::writeEvents() {
     if (!event->posted && !writeFirst(event->report)) return;
     log_.info(event->report == ReportRule::Report::kInserted ? "Card insertion reported"
                                                              : "Card removal reported");
+    const platform::MutexLock lock(mutex_);
+    events_.pop_front();
+    changed_.notifyAll();
   }
 }
 

@@ -2,14 +2,13 @@
 //
 // It has two threads. One hands over the session id and waits until the driver has taken it, which
 // the driver does once it listens for events. The time of grace counts from then; from then on the
-// thread watches for the pipe's end. An event is handed over on the thread that decides it, if the
-// pipe takes it at once: a wake-up would cost a client a tenth of the time until it sees the card
-// go. The other thread hands over the rest, in the order in which they were decided, without
-// waiting for the driver to read them, and logs all. Both end when the pipe is closed or cancelled.
-// A pipe that is full of events that the driver does not read is cancelled when its time
-// is up. A card that comes and goes before its arrival was handed over and before the driver has
-// its ATR is not reported at all: cards that change quicker than the driver reads of them leave no
-// backlog.
+// thread watches for the pipe's end. An event is handed over on the thread that decides it if the
+// pipe takes it at once, since a wake-up is a tenth of the time until a client sees a card go. The
+// other thread hands over the rest, in the order in which they were decided, without waiting for
+// the driver to read them, and logs all. Both end when the pipe is closed or cancelled. A pipe that
+// is full of events that the driver does not read is cancelled when its time is up. A card that
+// comes and goes before its arrival was handed over and before the driver has its ATR is not
+// reported at all: cards that change quicker than the driver reads of them leave no backlog.
 //
 // `commandBegan`, `beginAnswer`, `endAnswer` and `waitWritten` come from one thread at a time, for
 // each command; they wake the writer only if there is an event. As the slot's observer it is
@@ -59,14 +58,14 @@ class EventReporter final : public CardSlot::Observer {
   // card is not in any more: nothing has begun, and the command must be answered otherwise.
   bool beginAnswer(CardId atrOf);
   void endAnswer();
-  // Waits until everything decided so far is handed over, the pipe has ended or takes no more for
-  // now, or until the deadline.
+  // Waits until everything decided so far is handed over and logged, the pipe has ended or takes no
+  // more for now, or until the deadline.
   void waitWritten(SteadyClock::time_point deadline);
 
  private:
   struct Event {
     ReportRule::Report report;
-    bool posted;  // on the thread that decided it
+    bool posted;  // handed over, and only to be logged
   };
 
   void observing(CardId card) override;
@@ -100,7 +99,7 @@ class EventReporter final : public CardSlot::Observer {
   platform::Mutex mutex_;
   platform::ConditionVariable changed_;
   ReportRule rule_ ZELTA_GUARDED_BY(mutex_){kNoCard};
-  // Decided and not handed over; before them, those that are posted and not logged.
+  // Decided and not logged; those that are not posted come last.
   std::deque<Event> events_ ZELTA_GUARDED_BY(mutex_);
   bool writing_ ZELTA_GUARDED_BY(mutex_) = false;  // the first is being handed over
   bool full_ ZELTA_GUARDED_BY(mutex_) = false;     // the pipe, of what the driver has not read

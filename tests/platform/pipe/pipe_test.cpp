@@ -70,14 +70,14 @@ struct PipeWorldMaker {
 };
 
 struct WorldOfTest {
-  const std::unique_ptr<PipeWorld> world_;
+  const std::unique_ptr<PipeWorld> world;
 };
 
 class PipeTest : public testing::TestWithParam<PipeWorldMaker>,
                  private WorldOfTest,
                  protected PipeCalls {
  protected:
-  PipeTest() : WorldOfTest{GetParam().make()}, PipeCalls(world_->pipes()) {}
+  PipeTest() : WorldOfTest{GetParam().make()}, PipeCalls(world->pipes()) {}
 
   void SetUp() override {
     pipe_ = create();
@@ -93,7 +93,7 @@ class PipeTest : public testing::TestWithParam<PipeWorldMaker>,
     return pipes_.create(name, arguments);
   }
   std::unique_ptr<PipeWorld::Client> connected() {
-    auto client = world_->connect(kName);
+    auto client = world->connect(kName);
     EXPECT_NE(client, nullptr);
     EXPECT_EQ(outcomeOf(connect_), pipeError(error::kPipeConnected));
     return client;
@@ -106,8 +106,8 @@ class PipeTest : public testing::TestWithParam<PipeWorldMaker>,
     EXPECT_EQ(bytes, sent);
   }
 
-  using WorldOfTest::world_;
-  const PipeDifferences& differs_ = world_->differences;
+  using WorldOfTest::world;
+  const PipeDifferences& differs_ = world->differences;
 };
 
 TEST_P(PipeTest, EmptyDescriptor_IsRefusedOrHasNoEntries) {
@@ -131,7 +131,7 @@ TEST_P(PipeTest, NameInUse_IsRefusedAndTheFirstPipeServesOn) {
 
 TEST_P(PipeTest, ClosedName_TurnsClientsAwayAndCanBeCreatedAgain) {
   EXPECT_TRUE(pipes_.close(pipe_));
-  EXPECT_EQ(world_->connect(kName), nullptr);
+  EXPECT_EQ(world->connect(kName), nullptr);
   pipe_ = create();
   ASSERT_NE(pipe_, platform::invalidPipe());
   connected();
@@ -158,15 +158,15 @@ TEST_P(PipeTest, HandleThatIsNoPipes_FailsWithInvalidHandle) {
 
 TEST_P(PipeTest, Connect_WaitsForAClientAndThenReportsThatItHasOne) {
   PipeCallThread call(connect_);
-  world_->waitUntilBlocked(pipe_, call);
-  const auto client = world_->connect(kName);
+  world->waitUntilBlocked(pipe_, call);
+  const auto client = world->connect(kName);
   ASSERT_NE(client, nullptr);
   EXPECT_EQ(call.outcome(), kPipeOk);
   EXPECT_EQ(outcomeOf(connect_), pipeError(error::kPipeConnected));
 }
 
 TEST_P(PipeTest, ClientThatComesBeforeTheConnect_LosesNothing) {
-  const auto client = world_->connect(kName);
+  const auto client = world->connect(kName);
   ASSERT_NE(client, nullptr);
   ASSERT_TRUE(client->write({1, 2}));
   Bytes first(1);
@@ -184,7 +184,7 @@ TEST_P(PipeTest, ClientThatComesBeforeTheConnect_LosesNothing) {
 
 TEST_P(PipeTest, SecondClient_IsTurnedAwayAndTheFirstNoticesNothing) {
   const auto client = connected();
-  for (int attempt = 0; attempt < 3; ++attempt) EXPECT_EQ(world_->connect(kName), nullptr);
+  for (int attempt = 0; attempt < 3; ++attempt) EXPECT_EQ(world->connect(kName), nullptr);
   expectRead(*client, {1});
   PipeCallThread writing([this] { return pipes_.write(pipe_, "ab", 2); });
   EXPECT_EQ(client->read(2), (Bytes{'a', 'b'}));
@@ -207,7 +207,7 @@ TEST_P(PipeTest, Read_WaitsForAllBytesOrTheFirstOnes) {
   const auto client = connected();
   Bytes bytes(4);
   PipeCallThread call([&] { return pipes_.read(pipe_, bytes.data(), 4); });
-  world_->waitUntilBlocked(pipe_, call);
+  world->waitUntilBlocked(pipe_, call);
   ASSERT_TRUE(client->write({1, 2}));
   if (differs_.readReturnsWhatIsThere) {
     EXPECT_EQ(call.outcome(), kPipeOk);
@@ -215,7 +215,7 @@ TEST_P(PipeTest, Read_WaitsForAllBytesOrTheFirstOnes) {
     return;
   }
   ASSERT_TRUE(client->write({3}));
-  world_->waitUntilBlocked(pipe_, call);
+  world->waitUntilBlocked(pipe_, call);
   ASSERT_TRUE(client->write({4, 5}));
   EXPECT_EQ(call.outcome(), kPipeOk);
   EXPECT_EQ(bytes, (Bytes{1, 2, 3, 4}));
@@ -230,7 +230,7 @@ TEST_P(PipeTest, TransferOfNothing_SucceedsWithAClient) {
   EXPECT_EQ(flush(), kPipeOk);
   PipeCallThread call([this] { return pipes_.read(pipe_, nullptr, 0); });
   if (differs_.readReturnsWhatIsThere) {
-    world_->waitUntilBlocked(pipe_, call);
+    world->waitUntilBlocked(pipe_, call);
     ASSERT_TRUE(client->write({1}));
   }
   EXPECT_EQ(call.outcome(), kPipeOk);
@@ -257,7 +257,7 @@ TEST_P(PipeTest, ClientThatLeaves_BreaksTheReadThatWaitsForItAndLaterWrites) {
   }
   Bytes bytes(4);
   PipeCallThread call([&] { return pipes_.read(pipe_, bytes.data(), 4); });
-  world_->waitUntilBlocked(pipe_, call);
+  world->waitUntilBlocked(pipe_, call);
   client.reset();
   EXPECT_EQ(call.outcome(), pipeError(error::kBrokenPipe));
   EXPECT_THAT(write({1}).error, AnyOf(error::kNoData, error::kBrokenPipe));
@@ -267,7 +267,7 @@ TEST_P(PipeTest, ClientThatLeavesWithACommandUnread_LeavesNothingToRead) {
   auto client = connected();
   ASSERT_TRUE(client->write({1, 2, 3}));
   PipeCallThread call([this] { return pipes_.write(pipe_, "ab", 2) && pipes_.flush(pipe_); });
-  world_->waitUntilBlocked(pipe_, call);
+  world->waitUntilBlocked(pipe_, call);
   client.reset();
   EXPECT_FALSE(call.outcome().ok);
   EXPECT_EQ(outcomeOf(readByte_), pipeError(error::kBrokenPipe));
@@ -285,7 +285,7 @@ TEST_P(PipeTest, ClientThatLeavesBeforeTheCommand_LeavesNothingToReadAfterIt) {
 TEST_P(PipeTest, Write_WaitsForItsReaderOrHandsOver) {
   const auto client = connected();
   PipeCallThread call([this] { return pipes_.write(pipe_, "abc", 3); });
-  if (differs_.writeWaitsForReader) world_->waitUntilBlocked(pipe_, call);
+  if (differs_.writeWaitsForReader) world->waitUntilBlocked(pipe_, call);
   EXPECT_EQ(client->read(3), (Bytes{'a', 'b', 'c'}));
   EXPECT_EQ(call.outcome(), kPipeOk);
   EXPECT_EQ(flush(), kPipeOk);
@@ -319,7 +319,7 @@ TEST_P(PipeTest, Cancel_ReleasesABlockedCallAndTheNextOneServes) {
   const Bytes large(4 * 1024 * 1024);
   const auto expectCancelled = [this](const std::function<bool()>& blocking) {
     PipeCallThread call(blocking);
-    world_->waitUntilBlocked(pipe_, call);
+    world->waitUntilBlocked(pipe_, call);
     EXPECT_EQ(cancel(), kPipeOk);
     EXPECT_EQ(call.outcome(), pipeError(error::kOperationAborted));
     EXPECT_EQ(cancel(), differs_.cancelOfNothing);
@@ -349,8 +349,8 @@ TEST_P(PipeTest, BytesThatDisconnectFindsUnread_DoNotReachTheNextClientsReads) {
   ASSERT_TRUE(first->write({1, 1, 1, 1}));
   ASSERT_EQ(disconnect(), kPipeOk);
   PipeCallThread call(connect_);
-  world_->waitUntilBlocked(pipe_, call);
-  const auto second = world_->connect(kName);
+  world->waitUntilBlocked(pipe_, call);
+  const auto second = world->connect(kName);
   ASSERT_NE(second, nullptr);
   EXPECT_EQ(call.outcome(), kPipeOk);
   expectRead(*second, {2});
@@ -359,8 +359,8 @@ TEST_P(PipeTest, BytesThatDisconnectFindsUnread_DoNotReachTheNextClientsReads) {
 TEST_P(PipeTest, DisconnectedPipe_TakesTheNextClient) {
   for (int round = 0; round < 20; ++round) {
     PipeCallThread call(connect_);
-    if (!differs_.listensAfterDisconnect) world_->waitUntilBlocked(pipe_, call);
-    const auto client = world_->connect(kName);
+    if (!differs_.listensAfterDisconnect) world->waitUntilBlocked(pipe_, call);
+    const auto client = world->connect(kName);
     ASSERT_NE(client, nullptr);
     EXPECT_THAT(call.outcome().error, AnyOf(error::kSuccess, error::kPipeConnected));
     EXPECT_EQ(disconnect(), kPipeOk);
@@ -370,7 +370,7 @@ TEST_P(PipeTest, DisconnectedPipe_TakesTheNextClient) {
 TEST_P(PipeTest, DisconnectThatMeetsABlockedRead_EndsItOrWaitsForIt) {
   const auto client = connected();
   PipeCallThread reading(readByte_);
-  world_->waitUntilBlocked(pipe_, reading);
+  world->waitUntilBlocked(pipe_, reading);
   PipeCallThread disconnecting([this] { return pipes_.disconnect(pipe_); });
   if (differs_.disconnectWaits) {
     // It would wait for ever; a cancel lets both go.
