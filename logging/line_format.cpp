@@ -72,10 +72,16 @@ void appendPadded(std::string& line, std::string_view text, std::size_t width) {
   if (text.size() < width) line.append(width - text.size(), ' ');
 }
 
-// With the blank between two columns.
-void appendColumn(std::string& line, std::string_view text, std::size_t width) {
-  appendPadded(line, text, width);
+// What has been appended from `begin` on becomes a column, with the blank before the next one.
+void fillColumn(std::string& line, std::size_t begin, std::size_t width) {
+  line.resize(std::max(line.size(), begin + width), ' ');
   line.push_back(' ');
+}
+
+void appendColumn(std::string& line, std::string_view text, std::size_t width) {
+  const std::size_t begin = line.size();
+  line.append(text);
+  fillColumn(line, begin, width);
 }
 
 template <typename Number>
@@ -133,9 +139,9 @@ std::string recordLine(const Record& record) {
   appendTimeStamp(line, record.time);
   line.push_back(' ');
   appendNumber(line, record.elapsed, kElapsedWidth);
-  std::string session;
-  appendEscaped(session, record.sessionLogId);
-  appendColumn(line, session, kSessionLogIdWidth);
+  const std::size_t sessionBegin = line.size();
+  appendEscaped(line, record.sessionLogId);
+  fillColumn(line, sessionBegin, kSessionLogIdWidth);
   appendNumber(line, record.category, kCategoryWidth);
   appendColumn(line, levelTag(record.level), kLevelWidth);
   appendNumber(line, record.resultCode, kResultCodeWidth);

@@ -87,9 +87,12 @@ SocketConnection::Waited SocketConnection::waitFor(
 }
 
 IoResult SocketConnection::awaitCommand() {
-  const Waited waited = waitFor(POLLIN, std::nullopt);
-  if (waited.result != IoResult::kDone) return waited.result;
-  if ((waited.ready & POLLHUP) != 0) return IoResult::kClosed;
+  pollfd state{socket_.get(), POLLIN, 0};  // `cancel` makes the socket readable
+  while (poll(&state, 1, -1) < 0) {
+    if (errno != EINTR) return IoResult::kClosed;
+  }
+  if (cancelled_) return IoResult::kCancelled;
+  if ((state.revents & POLLHUP) != 0) return IoResult::kClosed;
   return nothingUnread(socket_.get()) ? IoResult::kDone : IoResult::kGivenUp;
 }
 
