@@ -70,6 +70,27 @@ need_packages "${packages[@]}"
 make_work
 chmod 0711 "$WORK" # for the clients that are other users
 log=$WORK/suite.log
+# The build of the next preset, which takes what a suite leaves of the processors: a suite mostly
+# waits.
+early= # its process group
+# begin_early_build PRESET: a failure shows when the preset's turn comes.
+begin_early_build() {
+  local log=$WORK/early.log
+  set_configure_options "$1"
+  (configure "$1") >"$log" 2>&1 || return 0
+  # Without the terminal's signals, and only while nothing else wants to run.
+  setsid chrt --idle 0 cmake --build "$(build_folder "$1")" --parallel "$(nproc)" \
+    ${targets[0]:+--target "${targets[@]}"} </dev/null >>"$log" 2>&1 &
+  early=$!
+}
+end_early_build() {
+  [ -n "$early" ] || return 0
+  kill -TERM -- "-$early" "$early" 2>/dev/null || true
+  wait "$early" 2>/dev/null || true
+  while kill -0 -- "-$early" 2>/dev/null; do sleep 0.1; done # what it has started
+  early=
+}
+
 lent= # the build folder that root is working in
 give_back() {
   [ -z "$lent" ] || run_as_root chown -R "$(id -u):$(id -g)" "$lent"
@@ -77,6 +98,7 @@ give_back() {
 }
 clean_up() {
   trap '' INT TERM
+  end_early_build
   # A run that is broken off leaves its Wine prefix to be removed here, before its folder goes.
   [[ " ${presets[*]} " != *" windows "* ]] ||
     "$ZELTA_ROOT/tests/wine_prefix.sh" remove "$(build_folder windows)/wine-prefix" || true
@@ -137,16 +159,23 @@ failed_tests() {
     done
 }
 
+# set_configure_options PRESET: the benchmarks are built with the release, so that they keep up with
+# the code.
+set_configure_options() {
+  CONFIGURE_OPTIONS=()
+  [ "$1" != release ] || CONFIGURE_OPTIONS=(-DZELTA_BUILD_BENCHMARKS=ON)
+}
+
 passed=0
 failed=0
 skipped=()
-# run_suite PRESET: adds what CTest counted.
+# run_suite PRESET [NEXT-PRESET]: adds what CTest counted.
 run_suite() {
-  local preset=$1 summary total bad left_out
-  # The benchmarks are built with the release, so that they keep up with the code.
-  CONFIGURE_OPTIONS=()
-  [ "$preset" != release ] || CONFIGURE_OPTIONS=(-DZELTA_BUILD_BENCHMARKS=ON)
+  local preset=$1 next=${2:-} summary total bad left_out
+  end_early_build
+  set_configure_options "$preset"
   build_preset "$preset" "${targets[@]}"
+  [ -z "$next" ] || begin_early_build "$next"
   step "Testing ($preset)"
   [ "$preset" = windows ] || [ "$(id -u)" -eq 0 ] || lent=$(build_folder "$preset")
   (run_ctest "$preset") 2>&1 | tee -i "$log" || true
@@ -165,7 +194,7 @@ run_suite() {
   [ "$bad" -eq 0 ] || failed_tests "$preset" >>"$WORK/failed"
 }
 
-for preset in "${presets[@]}"; do run_suite "$preset"; done
+for i in "${!presets[@]}"; do run_suite "${presets[i]}" "${presets[i + 1]:-}"; done
 [ $((passed + failed)) -gt 0 ] || [ ${#skipped[@]} -gt 0 ] || die "no tests were run"
 [ ${#skipped[@]} -eq 0 ] || printf '%s\n' "${skipped[@]}"
 if [ -s "$WORK/failed" ]; then

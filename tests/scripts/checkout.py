@@ -67,6 +67,15 @@ class CheckoutTest(unittest.TestCase):
         self.fake("dpkg-query", "echo installed")
         self.fake("cmake", "")
 
+    def pretend_to_build_the_debug_preset_slowly(self):
+        """Its first build takes longer than anything may."""
+        self.fake("cmake", '[ "$1 $2" = "--build $FAKE/build-debug" ] && [ ! -e "$FAKE/early" ] || '
+                  'exit 0\necho $$ >"$FAKE/early.new"; mv "$FAKE/early.new" "$FAKE/early"; sleep 60')
+
+    def assert_early_build_has_ended(self):
+        early = int((self.folder / "early").read_text())
+        self.assertRaises(ProcessLookupError, os.kill, early, 0)
+
     def asked(self):
         """How often the password was asked for."""
         path = self.folder / "sudo.asked"

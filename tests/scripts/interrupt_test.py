@@ -49,6 +49,13 @@ class Interrupt(CheckoutTest):
         output = self.interrupt("test", "--preset", "release")
         self.assertIn("zelta: interrupted; ended: Testing (release)", output)
 
+    def test_suite_takes_the_next_ones_build_along(self):
+        self.pretend_to_build_the_debug_preset_slowly()
+        self.fake("ctest", 'until [ -e "$FAKE/early" ]; do sleep 0.05; done\n'
+                  'touch "$FAKE/begun"; sleep 20')
+        self.interrupt("test", "--preset", "release", "--preset", "debug")
+        self.assert_early_build_has_ended()
+
     def test_package(self):
         self.fake("dpkg-buildpackage", 'touch "$FAKE/begun"; sleep 20')
         self.assertRegex(self.interrupt("package", self.folder / "dist"),

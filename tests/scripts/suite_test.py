@@ -142,6 +142,17 @@ class Suite(CheckoutTest):
         self.assertEqual(lines[-2:], ["100% tests passed, 0 tests failed out of 6",
                                       "6 passed, 0 failed"])
 
+    def test_next_suite_is_built_meanwhile_and_ended_when_its_turn_comes(self):
+        self.pretend_to_build_the_debug_preset_slowly()
+        self.fake("ctest", 'until [ -e "$FAKE/early" ]; do sleep 0.05; done\n'
+                  'echo "100% tests passed, 0 tests failed out of 3"')
+        output = self.zelta("test", "--preset", "release", "--preset", "debug").splitlines()
+        self.assertEqual([line for line in output if line.startswith("==>")],
+                         ["==> Building (release)", "==> Testing (release)", "==> Building (debug)",
+                          "==> Testing (debug)"])
+        self.assertEqual(output[-1], "6 passed, 0 failed")
+        self.assert_early_build_has_ended()
+
     def test_suite_of_skipped_tests_only_is_no_failure(self):
         result = RESULT.replace("out of 6", "out of 3")
         self.assertEqual(self.run_suite(result)[-1], "0 passed, 0 failed")
