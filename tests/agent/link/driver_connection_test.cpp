@@ -39,12 +39,18 @@ struct Limits {
   milliseconds answer = test::kLong;
   milliseconds driver = test::kLong;
   milliseconds grace = test::kLong;
+  Severity logged = Severity::kDebug;
 };
 
 class Connection : public testing::Test {
  protected:
   explicit Connection(Limits limits = {}, bool cardIn = true)
-      : log_(Severity::kDebug, lines_.sink()),
+      : log_(limits.logged,
+             [this, sink = lines_.sink()](Severity severity, const std::string& line) {
+               sink(severity, line);
+               if (line.find("reported") == std::string::npos) return;
+               reportsHeld_.lock().wait([](bool held) { return !held; });
+             }),
         card_(cardIn),
         slot_(
             card_, [this] { threads_.cardDeparted(); }, test::failTest),
@@ -82,6 +88,7 @@ class Connection : public testing::Test {
   }
 
   test::LogLines lines_;
+  test::Shared<bool> reportsHeld_{false};  // whether the log lets no line of an event go on
   Log log_;
   test::HeldCard card_;
   CardSlot slot_;
@@ -313,6 +320,30 @@ TEST_F(Connection, CardThatGoes_IsReportedBeforeTheRemovalReturns) {
   EXPECT_EQ(events_.writes(), kSessionWrites + 2);
   EXPECT_EQ(event(2), kRemoved);
   lines_.waitFor("Card removal reported");
+}
+
+// Commands are not logged, so they do not wait for the log.
+class TerseConnection : public Connection {
+ protected:
+  TerseConnection() : Connection({test::kLong, test::kLong, test::kLong, Severity::kInfo}) {}
+};
+
+TEST_F(TerseConnection, EventsWhileTheLogIsSlow_KeepTheirOrder) {
+  *reportsHeld_.lock() = true;
+  commands_.give(kReady);
+  EXPECT_EQ(event(1), kInserted);
+  commands_.holdWrites();
+  commands_.give(kTransmit);
+  commands_.waitUntilWriting();
+  EXPECT_EQ(slot_.remove(), "");  // waits for the end of the answer, then for the log
+  commands_.letWrites();
+  EXPECT_EQ(commands_.takeWrites(1).back(), kTransmitAnswer);
+  commands_.give(kReady);  // once this is understood, the answer has ended
+  while (card_.readyNotices() < 2) std::this_thread::yield();
+  EXPECT_EQ(slot_.insert(), "");
+  *reportsHeld_.lock() = false;
+  EXPECT_EQ(event(2), kRemoved);
+  EXPECT_EQ(event(3), kInserted);
 }
 
 class GracelessConnection : public Connection {
