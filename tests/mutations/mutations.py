@@ -587,14 +587,18 @@ MUTATIONS = (
     Mutation("looked-before-the-command",
              "what is unread is looked at when the next command is there",
              "agent/platform/pipe_connection_linux.cpp",
-             "  const Waited waited = waitFor(POLLIN, std::nullopt);\n"
-             "  if (waited.result != IoResult::kDone) return waited.result;\n"
-             "  if ((waited.ready & POLLHUP) != 0) return IoResult::kClosed;\n"
+             "  while (poll(&state, 1, -1) < 0) {\n"
+             "    if (errno != EINTR) return IoResult::kClosed;\n"
+             "  }\n"
+             "  if (cancelled_) return IoResult::kCancelled;\n"
+             "  if ((state.revents & POLLHUP) != 0) return IoResult::kClosed;\n"
              "  return nothingUnread(socket_.get()) ?",
              "  const bool unread = !nothingUnread(socket_.get());\n"
-             "  const Waited waited = waitFor(POLLIN, std::nullopt);\n"
-             "  if (waited.result != IoResult::kDone) return waited.result;\n"
-             "  if ((waited.ready & POLLHUP) != 0) return IoResult::kClosed;\n"
+             "  while (poll(&state, 1, -1) < 0) {\n"
+             "    if (errno != EINTR) return IoResult::kClosed;\n"
+             "  }\n"
+             "  if (cancelled_) return IoResult::kCancelled;\n"
+             "  if ((state.revents & POLLHUP) != 0) return IoResult::kClosed;\n"
              "  return !unread ?",
              "agent_test", "*GivenUp*:ConnectedPipes*", doc="wire-protocol: given up on Linux 1"),
     Mutation("next-byte-not-awaited", "an answer that is not taken ends with the driver's next byte",
