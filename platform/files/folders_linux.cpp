@@ -16,8 +16,9 @@ namespace {
 constexpr std::int32_t kSuccess = 0;
 constexpr std::int32_t kOutOfMemory = static_cast<std::int32_t>(0x8007000E);
 
-void stripTrailingSlashes(std::string* path) {
-  while (!path->empty() && path->back() == '/') path->pop_back();
+std::string withoutTrailingSlashes(std::string path) {
+  while (!path.empty() && path.back() == '/') path.pop_back();
+  return path;
 }
 
 // Fills a caller's buffer as Windows' calls do.
@@ -32,9 +33,8 @@ class LinuxFolders final : public FolderApi {
  public:
   std::int32_t programData(char16_t** path) override {
     *path = nullptr;
-    std::string folder = environmentOr("ZELTA_PROGRAM_DATA", "/var/log");
-    stripTrailingSlashes(&folder);
-    const std::u16string text = utf16FromUtf8(folder);
+    const std::u16string text =
+        utf16FromUtf8(withoutTrailingSlashes(environmentOr("ZELTA_PROGRAM_DATA", "/var/log")));
     const std::size_t bytes = (text.size() + 1) * sizeof(char16_t);
     void* memory = std::malloc(bytes);
     if (memory == nullptr) return kOutOfMemory;
@@ -46,8 +46,7 @@ class LinuxFolders final : public FolderApi {
   void taskMemFree(void* memory) override { std::free(memory); }
 
   std::uint32_t tempPath(char16_t* buffer, std::uint32_t capacity) override {
-    std::string folder = environmentOr("TMPDIR", "/tmp");
-    stripTrailingSlashes(&folder);
+    const std::string folder = withoutTrailingSlashes(environmentOr("TMPDIR", "/tmp"));
     return copyOut(utf16FromUtf8(folder + '/'), buffer, capacity);
   }
 

@@ -3,6 +3,8 @@
 
 #include <unistd.h>
 
+#include <cstdint>
+
 #include "platform/process/scoped_handle.h"
 
 namespace zelta::platform {
@@ -17,5 +19,11 @@ struct FdTraits {
   static void close(Value fd) { ::close(fd); }
 };
 using ScopedFd = ScopedHandle<FdTraits>;
+
+// What came of opening something.
+struct FdResult {
+  std::uint32_t error = 0;  // a system error number, as Windows has it; 0: none
+  ScopedFd fd;
+};
 
 }  // namespace zelta::platform

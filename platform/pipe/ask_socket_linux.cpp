@@ -35,30 +35,37 @@ ssize_t callUntil(Deadline deadline, const ScopedFd& socket, int option, Call ca
   }
 }
 
-// Connects to the first path at which somebody listens; the error number of the last one.
-int connectToFirst(const std::vector<std::string>& paths, Deadline deadline, ScopedFd* client) {
-  int error = ENOENT;
+struct Connection {
+  int error = 0;  // the system's error number; the socket is connected if there is none
+  ScopedFd socket;
+};
+
+// Connects to the first path at which somebody listens; the error is the last one's.
+Connection connectToFirst(const std::vector<std::string>& paths, Deadline deadline) {
+  Connection connection{ENOENT, {}};
   for (const std::string& path : paths) {
-    *client = ScopedFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!client->valid()) return errno;
-    const ssize_t connected = callUntil(deadline, *client, SO_SNDTIMEO, [&]() -> ssize_t {
-      errno = connectToPath(*client, path);
+    connection.socket = ScopedFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!connection.socket) return {errno, {}};
+    const ssize_t connected = callUntil(deadline, connection.socket, SO_SNDTIMEO, [&]() -> ssize_t {
+      errno = connectToPath(connection.socket, path);
       return errno == 0 ? 0 : -1;
     });
-    if (connected == 0) return 0;
-    error = errno;
-    if (error == ENAMETOOLONG || error == ETIMEDOUT) break;
+    connection.error = connected == 0 ? 0 : errno;
+    if (connection.error == 0 || connection.error == ENAMETOOLONG ||
+        connection.error == ETIMEDOUT) {
+      break;
+    }
   }
-  return error;
+  return connection;
 }
 
 }  // namespace
 
 SocketAnswer askSocket(const std::vector<std::string>& paths, const std::string& question,
                        Deadline deadline, std::size_t longestAnswer) {
-  ScopedFd client;
-  const int error = connectToFirst(paths, deadline, &client);
-  if (error != 0) return {error, {}};
+  const Connection connection = connectToFirst(paths, deadline);
+  if (connection.error != 0) return {connection.error, {}};
+  const ScopedFd& client = connection.socket;
   // Far shorter than what a socket takes without a reader.
   if (send(client.get(), question.data(), question.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
     return {errno, {}};

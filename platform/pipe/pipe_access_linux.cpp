@@ -75,10 +75,12 @@ PipeAccounts systemPipeAccounts() {
   return accounts;
 }
 
-bool peerIdentity(int socket, PeerIdentity* out) {
+std::optional<PeerIdentity> peerIdentity(int socket) {
   ucred credentials{};
   socklen_t size = sizeof(credentials);
-  if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return false;
+  if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
+    return std::nullopt;
+  }
 
   std::vector<gid_t> groups;
   size = 0;
@@ -87,11 +89,9 @@ bool peerIdentity(int socket, PeerIdentity* out) {
     groups.resize(size / sizeof(gid_t));
     result = getsockopt(socket, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size);
   }
-  if (result != 0) return false;
+  if (result != 0) return std::nullopt;
   groups.push_back(credentials.gid);
-  out->user = credentials.uid;
-  out->groups = std::move(groups);
-  return true;
+  return PeerIdentity{credentials.uid, std::move(groups)};
 }
 
 PipeAccess::PipeAccess(std::vector<AccessEntry> entries, PipeAccounts accounts)

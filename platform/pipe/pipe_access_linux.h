@@ -26,9 +26,9 @@ struct PeerIdentity {
   std::vector<gid_t> groups;  // the primary group and the supplementary ones
 };
 
-// Who connected a UNIX stream socket, as the kernel recorded it at that moment. Returns false if
-// the kernel does not say.
-bool peerIdentity(int socket, PeerIdentity* out);
+// Who connected a UNIX stream socket, as the kernel recorded it at that moment; none if the kernel
+// does not say.
+std::optional<PeerIdentity> peerIdentity(int socket);
 
 // Immutable; any thread may ask.
 class PipeAccess {

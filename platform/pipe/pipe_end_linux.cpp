@@ -226,33 +226,28 @@ bool PipeEnd::clientHasGone() const { return client_ && (foundGone_ || hungUp(cl
 std::uint32_t PipeEnd::admit(bool waited) {
   if (client_) return error::kPipeConnected;
   if (const std::uint32_t error = listen()) return error;
-  ScopedFd next;
-  if (const std::uint32_t error = nextClient(waited, &next)) return error;
-  if (!next) return error::kIoPending;
-  if (!watch(poller_.get(), EPOLL_CTL_ADD, next.get(), kClientEvents)) {
+  FdResult next = nextClient(waited);
+  if (next.error != error::kSuccess) return next.error;
+  if (!next.fd) return error::kIoPending;
+  if (!watch(poller_.get(), EPOLL_CTL_ADD, next.fd.get(), kClientEvents)) {
     return errorFromErrno(errno);
   }
-  client_ = std::move(next);
+  client_ = std::move(next.fd);
   listener_.refuse();
   return waited ? error::kSuccess : error::kPipeConnected;
 }
 
 // The first of the waiting clients that is still there. Without one, the first that has gone: any
 // client if it came during the wait, else one that left bytes.
-std::uint32_t PipeEnd::nextClient(bool waited, ScopedFd* client) {
-  ScopedFd left;
+FdResult PipeEnd::nextClient(bool waited) {
+  FdResult left;
   for (;;) {
-    ScopedFd next;
-    if (const std::uint32_t error = listener_.accept(&next)) return error;
-    if (!next) break;
-    if (!hungUp(next.get())) {
-      *client = std::move(next);
-      return error::kSuccess;
-    }
-    if (!left && (waited || hasUnread(next.get()))) left = std::move(next);
+    FdResult next = listener_.accept();
+    if (next.error != error::kSuccess) return next;
+    if (!next.fd) return left;
+    if (!hungUp(next.fd.get())) return next;
+    if (!left.fd && (waited || hasUnread(next.fd.get()))) left = std::move(next);
   }
-  *client = std::move(left);
-  return error::kSuccess;
 }
 
 void PipeEnd::dropClient(MutexLock& lock) {

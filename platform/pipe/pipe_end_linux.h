@@ -91,7 +91,7 @@ class PipeEnd {
 
   bool clientHasGone() const ZELTA_REQUIRES(mutex_);
   [[nodiscard]] std::uint32_t admit(bool waited) ZELTA_REQUIRES(mutex_);
-  [[nodiscard]] std::uint32_t nextClient(bool waited, ScopedFd* client) ZELTA_REQUIRES(mutex_);
+  [[nodiscard]] FdResult nextClient(bool waited) ZELTA_REQUIRES(mutex_);
   // Returns when the operations on it, which have been told to end, have left.
   void dropClient(MutexLock& lock) ZELTA_REQUIRES(mutex_);
   [[nodiscard]] std::uint32_t listen() ZELTA_REQUIRES(mutex_);

@@ -7,6 +7,8 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <optional>
+#include <utility>
 
 #include "platform/process/error.h"
 #include "platform/process/error_linux.h"
@@ -35,34 +37,34 @@ ScopedFd enter(int parent, const char* name, int flags, const PipeAccess* access
   return ScopedFd(openat(parent, name, flags));
 }
 
-// A folder's own name; false if it is longer than the system allows.
-bool copyName(std::string_view name, std::array<char, NAME_MAX + 1>* out) {
+using FolderName = std::array<char, NAME_MAX + 1>;
+
+// A folder's own name; none if it is longer than the system allows.
+std::optional<FolderName> terminated(std::string_view name) {
   if (name.size() > NAME_MAX) {
     errno = ENAMETOOLONG;
-    return false;
+    return std::nullopt;
   }
-  out->fill('\0');
-  name.copy(out->data(), NAME_MAX);
-  return true;
+  FolderName result{};
+  name.copy(result.data(), NAME_MAX);
+  return result;
 }
 
 }  // namespace
 
-std::uint32_t openFolder(std::string_view path, const PipeAccess* access, ScopedFd* out) {
-  std::array<char, NAME_MAX + 1> name;
+FdResult openFolder(std::string_view path, const PipeAccess* access) {
   ScopedFd folder(open("/", kPass));
   std::size_t start = path.find_first_not_of('/');
   while (folder && start != std::string_view::npos) {
     const std::size_t end = path.find('/', start);
     const std::size_t next = path.find_first_not_of('/', end);
     const int flags = next == std::string_view::npos ? kOpen : kPass;
-    if (!copyName(path.substr(start, end - start), &name)) return errorFromErrno(errno);
-    folder = enter(folder.get(), name.data(), flags, access);
+    const auto name = terminated(path.substr(start, end - start));
+    folder = name ? enter(folder.get(), name->data(), flags, access) : ScopedFd();
     start = next;
   }
-  if (!folder) return errorFromErrno(errno);
-  *out = std::move(folder);
-  return error::kSuccess;
+  if (!folder) return {errorFromErrno(errno), {}};
+  return {error::kSuccess, std::move(folder)};
 }
 
 mode_t giveToGroup(int descriptor, const char* name, const PipeAccess& access, mode_t mode) {

@@ -10,9 +10,8 @@
 namespace zelta::platform {
 
 // Opens a folder by its absolute path. With `access`, missing folders are made on the way, with
-// that access's mode and group; folders that exist are left as they are. Returns 0 or a system
-// error number. Needs no memory.
-std::uint32_t openFolder(std::string_view path, const PipeAccess* access, ScopedFd* out);
+// that access's mode and group; folders that exist are left as they are. Needs no memory.
+FdResult openFolder(std::string_view path, const PipeAccess* access);
 
 // Gives a file of ours to the group that has access. Returns the mode to set: without the group's
 // part if the file could not be given to the group.

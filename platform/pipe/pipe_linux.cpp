@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -40,9 +41,9 @@ class LinuxPipes final : public PipeApi {
  public:
   bool convertSecurityDescriptor(const std::string& sddl, SecurityDescriptor* out) override {
     return guarded([&] {
-      Entries entries;
-      if (const std::uint32_t error = parseSddl(sddl, &entries)) return error;
-      auto made = std::make_unique<Entries>(std::move(entries));
+      SddlResult parsed = parseSddl(sddl);
+      if (parsed.error != error::kSuccess) return parsed.error;
+      auto made = std::make_unique<Entries>(std::move(parsed.entries));
       const MutexLock lock(mutex_);
       *out = descriptors_.try_emplace(sddl, std::move(made)).first->second.get();
       return error::kSuccess;
@@ -151,12 +152,10 @@ class LinuxPipes final : public PipeApi {
                          PipeHandleValue* handle) {
     const std::string path = pipeSocketPath(name);
     if (path.empty()) return error::kInvalidName;
-    Entries entries;
-    if (!entriesOf(arguments.securityDescriptor, &entries)) {
-      return error::kInvalidSecurityDescriptor;
-    }
+    std::optional<Entries> entries = entriesOf(arguments.securityDescriptor);
+    if (!entries) return error::kInvalidSecurityDescriptor;
     auto pipe = std::make_unique<Pipe>(std::filesystem::absolute(path).string(),
-                                       PipeAccess(std::move(entries), systemPipeAccounts()));
+                                       PipeAccess(std::move(*entries), systemPipeAccounts()));
     if (const std::uint32_t error = pipe->end.open()) return error;
     const MutexLock lock(mutex_);
     lastHandle_ += kHandleStep;
@@ -167,18 +166,13 @@ class LinuxPipes final : public PipeApi {
     return error::kSuccess;
   }
 
-  bool entriesOf(SecurityDescriptor descriptor, Entries* entries) {
-    if (descriptor == nullptr) {
-      *entries = defaultEntries();
-      return true;
-    }
+  std::optional<Entries> entriesOf(SecurityDescriptor descriptor) {
+    if (descriptor == nullptr) return defaultEntries();
     const MutexLock lock(mutex_);
     for (const auto& known : descriptors_) {
-      if (known.second.get() != descriptor) continue;
-      *entries = *known.second;
-      return true;
+      if (known.second.get() == descriptor) return *known.second;
     }
-    return false;
+    return std::nullopt;
   }
 
   Mutex mutex_;

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <new>
+#include <optional>
 #include <utility>
 
 #include "platform/pipe/pipe_folder_linux.h"
@@ -45,10 +46,10 @@ std::uint32_t PipeListener::openPlace() {
   // memory.
   auto socket = std::make_shared<ScopedFd>();
   if (!place_.fits()) return error::kNameTooLong;
-  ScopedFd folder;
-  if (const std::uint32_t error = openFolder(this->folder(), &access_, &folder)) return error;
+  const FdResult folder = openFolder(this->folder(), &access_);
+  if (folder.error != error::kSuccess) return folder.error;
   SocketPlace::Taken taken = place_.take(
-      folder.get(), kQueue,
+      folder.fd.get(), kQueue,
       [this](int descriptor, const char* name) { return restrictAccess(descriptor, name); });
   if (taken.error != 0) return errorFromErrno(taken.error);
   *socket = std::move(taken.socket);
@@ -69,31 +70,25 @@ void PipeListener::refuse() {
 
 void PipeListener::close() {
   if (socket_ == nullptr) return;
-  ScopedFd folder;
-  if (openFolder(this->folder(), nullptr, &folder) == error::kSuccess) {
-    place_.release(folder.get());
-  }
+  const FdResult folder = openFolder(this->folder(), nullptr);
+  if (folder.error == error::kSuccess) place_.release(folder.fd.get());
   // Others may share the socket: a thread about to leave its wait, a forked process.
   refuse();
   socket_.reset();
 }
 
-std::uint32_t PipeListener::accept(ScopedFd* client) {
-  client->reset();
+FdResult PipeListener::accept() {
   // Asked first, because accepting nobody needs a descriptor, too.
   while (listening_ && someoneWaits(socket_->get())) {
     ScopedFd next(accept4(socket_->get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!next) {
       if (errno == EINTR || errno == ECONNABORTED) continue;
-      return errno == EAGAIN ? error::kSuccess : errorFromErrno(errno);
+      return {errno == EAGAIN ? error::kSuccess : errorFromErrno(errno), {}};
     }
-    PeerIdentity peer;
-    if (peerIdentity(next.get(), &peer) && access_.admits(peer)) {
-      *client = std::move(next);
-      return error::kSuccess;
-    }
+    const std::optional<PeerIdentity> peer = peerIdentity(next.get());
+    if (peer && access_.admits(*peer)) return {error::kSuccess, std::move(next)};
   }
-  return error::kSuccess;
+  return {};
 }
 
 std::string_view PipeListener::folder() const {

@@ -45,9 +45,8 @@ class PipeListener {
   void close();
 
   // The next waiting client that may use the pipe, with close-on-exec and non-blocking; none if no
-  // such client waits. Clients that may not are dropped on the way. Returns 0 or a system error
-  // number.
-  std::uint32_t accept(ScopedFd* client);
+  // such client waits. Clients that may not are dropped on the way.
+  FdResult accept();
 
   // For waiting until it is readable. Null when closed. Another `open` puts another socket here;
   // this one stays valid for who holds it.

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdlib>
 #include <optional>
+#include <utility>
 
 #include "platform/process/error.h"
 
@@ -58,15 +59,16 @@ class Parser {
  public:
   explicit Parser(const std::string& text) : rest_(text) {}
 
-  std::uint32_t parse(std::vector<AccessEntry>* entries) {
+  SddlResult parse() {
     skipTrustee("O:");
     skipTrustee("G:");
     if (!take("D:")) fail(error::kInvalidParameter);
     skipListFlags();
-    while (error_ == error::kSuccess && take("(")) parseEntry(entries);
+    while (error_ == error::kSuccess && take("(")) parseEntry();
     if (rest_.compare(0, 2, "S:") == 0) fail(error::kNotSupported);
     if (!rest_.empty()) fail(error::kInvalidParameter);
-    return error_;
+    if (error_ != error::kSuccess) entries_.clear();
+    return {error_, std::move(entries_)};
   }
 
  private:
@@ -99,11 +101,12 @@ class Parser {
     }
   }
 
-  void parseEntry(std::vector<AccessEntry>* entries) {
+  void parseEntry() {
     const std::size_t end = rest_.find(')');
     if (end == std::string::npos) return fail(error::kInvalidParameter);
-    Fields fields;
-    if (!split(rest_.substr(0, end), &fields)) return fail(error::kInvalidParameter);
+    const std::optional<Fields> split = splitFields(rest_.substr(0, end));
+    if (!split) return fail(error::kInvalidParameter);
+    const Fields& fields = *split;
     rest_.erase(0, end + 1);
 
     if (fields[kType] != "A" && fields[kType] != "D") {
@@ -117,19 +120,20 @@ class Parser {
     const bool applies = parseFlags(fields[kFlags]);
     parseRights(fields[kRightsField], &entry);
     entry.trustee = trustee(fields[kTrustee]).value_or(Trustee::kSystem);
-    if (error_ == error::kSuccess && applies) entries->push_back(entry);
+    if (error_ == error::kSuccess && applies) entries_.push_back(entry);
   }
 
-  static bool split(const std::string& text, Fields* fields) {
+  static std::optional<Fields> splitFields(const std::string& text) {
+    Fields fields;
     std::size_t start = 0;
     for (std::size_t field = 0; field + 1 < kFieldCount; ++field) {
       const std::size_t end = text.find(';', start);
-      if (end == std::string::npos) return false;
-      (*fields)[field] = text.substr(start, end - start);
+      if (end == std::string::npos) return std::nullopt;
+      fields[field] = text.substr(start, end - start);
       start = end + 1;
     }
-    (*fields)[kTrustee] = text.substr(start);
-    return true;
+    fields[kTrustee] = text.substr(start);
+    return fields;
   }
 
   // False if the entry is for objects below this one only.
@@ -182,15 +186,11 @@ class Parser {
 
   std::string rest_;
   std::uint32_t error_ = error::kSuccess;
+  std::vector<AccessEntry> entries_;
 };
 
 }  // namespace
 
-std::uint32_t parseSddl(const std::string& sddl, std::vector<AccessEntry>* entries) {
-  entries->clear();
-  const std::uint32_t error = Parser(sddl).parse(entries);
-  if (error != error::kSuccess) entries->clear();
-  return error;
-}
+SddlResult parseSddl(const std::string& sddl) { return Parser(sddl).parse(); }
 
 }  // namespace zelta::platform

@@ -26,12 +26,17 @@ struct AccessEntry {
   bool write = false;
 };
 
-// The entries of the discretionary list in their order. `O:`, `G:` and the list's flags are
-// checked and otherwise ignored; an entry that is only inherited (`IO`) is left out. Returns 0 or
+struct SddlResult {
+  std::uint32_t error = 0;
+  std::vector<AccessEntry> entries;  // in their order; empty after an error
+};
+
+// The entries of the discretionary list. `O:`, `G:` and the list's flags are checked and otherwise
+// ignored; an entry that is only inherited (`IO`) is left out. The error is 0 or
 //     ERROR_INVALID_PARAMETER (87)  not a descriptor with a discretionary list, or a malformed one
 //     ERROR_NOT_SUPPORTED (50)      an audit list, or an entry of another type than `A` and `D`
 //     ERROR_NONE_MAPPED (1332)      a trustee that has no counterpart here
 // Nothing is guessed: a descriptor that cannot be honoured whole is refused whole.
-std::uint32_t parseSddl(const std::string& sddl, std::vector<AccessEntry>* entries);
+SddlResult parseSddl(const std::string& sddl);
 
 }  // namespace zelta::platform

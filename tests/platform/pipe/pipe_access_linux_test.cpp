@@ -22,9 +22,9 @@ constexpr gid_t kOtherGroup = 3002;
 constexpr char kAgentsOnly[] = "D:(D;OICI;GA;;;BG)(D;OICI;GA;;;AN)(A;OICI;GA;;;LS)(A;OICI;GA;;;SY)";
 
 PipeAccess accessOf(const std::string& sddl, std::optional<gid_t> service = kService) {
-  std::vector<AccessEntry> entries;
-  EXPECT_EQ(parseSddl(sddl, &entries), error::kSuccess);
-  return PipeAccess(entries, {kSelf, service, kNobody});
+  const SddlResult parsed = parseSddl(sddl);
+  EXPECT_EQ(parsed.error, error::kSuccess);
+  return PipeAccess(parsed.entries, {kSelf, service, kNobody});
 }
 
 const PeerIdentity kRootUser{0, {}};
@@ -89,15 +89,14 @@ TEST(PipeAccessTest, PeerIdentity_IsWhatTheKernelRecorded) {
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
   const ScopedFd first(ends[0]);
   const ScopedFd second(ends[1]);
-  PeerIdentity peer;
-  ASSERT_TRUE(peerIdentity(first.get(), &peer));
-  EXPECT_EQ(peer.user, geteuid());
-  EXPECT_NE(std::find(peer.groups.begin(), peer.groups.end(), getegid()), peer.groups.end());
+  const std::optional<PeerIdentity> peer = peerIdentity(first.get());
+  ASSERT_TRUE(peer.has_value());
+  EXPECT_EQ(peer->user, geteuid());
+  EXPECT_NE(std::find(peer->groups.begin(), peer->groups.end(), getegid()), peer->groups.end());
 }
 
 TEST(PipeAccessTest, DescriptorThatIsNoSocket_HasNoIdentity) {
-  PeerIdentity peer;
-  EXPECT_FALSE(peerIdentity(-1, &peer));
+  EXPECT_FALSE(peerIdentity(-1).has_value());
 }
 
 TEST(PipeAccessTest, SystemAccounts_AreThisProcesss) {

@@ -322,9 +322,9 @@ class PipeForeignUserTest : public PipePlaceTest {
   }
   // As they would be if the service's group existed.
   static PipeAccess groupAccess() {
-    std::vector<platform::AccessEntry> entries;
-    EXPECT_EQ(platform::parseSddl(kPipeSddl, &entries), error::kSuccess);
-    return PipeAccess(entries, {0, kService, kNobody});
+    const platform::SddlResult parsed = platform::parseSddl(kPipeSddl);
+    EXPECT_EQ(parsed.error, error::kSuccess);
+    return PipeAccess(parsed.entries, {0, kService, kNobody});
   }
 };
 
@@ -396,9 +396,9 @@ TEST_F(PipeForeignUserTest, ServiceGroup_OwnsSocketAndFoldersAndItsMembersAreLet
   EXPECT_EQ(connectAs(kAgent, kOther, {kService}), 0) << "a supplementary group counts, too";
   EXPECT_EQ(connectAs(kNobody, kNobody, {kService}), 0) << "stopped by the credentials only";
   for (const bool isAdmitted : {true, true, false}) {
-    ScopedFd client;
-    EXPECT_EQ(listener.accept(&client), error::kSuccess);
-    EXPECT_EQ(client.valid(), isAdmitted);
+    const platform::FdResult client = listener.accept();
+    EXPECT_EQ(client.error, error::kSuccess);
+    EXPECT_EQ(client.fd.valid(), isAdmitted);
   }
 }
 

@@ -23,9 +23,9 @@ namespace {
 using Entries = std::vector<AccessEntry>;
 
 Entries parsed(const std::string& text) {
-  Entries entries;
-  EXPECT_EQ(parseSddl(text, &entries), error::kSuccess) << text;
-  return entries;
+  SddlResult result = parseSddl(text);
+  EXPECT_EQ(result.error, error::kSuccess) << text;
+  return std::move(result.entries);
 }
 
 TEST(SddlTest, SeveralEntries_ComeInTheirOrder) {
@@ -128,9 +128,9 @@ TEST(SddlTest, TextThatCannotBeHonouredWhole_IsRefused) {
   };
   for (const auto& [expected, texts] : refused) {
     for (const char* text : texts) {
-      Entries entries(1);
-      EXPECT_EQ(parseSddl(text, &entries), expected) << text;
-      EXPECT_TRUE(entries.empty()) << "nothing of a refused list is kept: " << text;
+      const SddlResult result = parseSddl(text);
+      EXPECT_EQ(result.error, expected) << text;
+      EXPECT_TRUE(result.entries.empty()) << "nothing of a refused list is kept: " << text;
     }
   }
 }
