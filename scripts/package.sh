@@ -54,7 +54,8 @@ step "Making the package (version $(package_version))"
 cd "$source"
 # Debug information would be thrown away, and takes a quarter of the time.
 with_progress build_progress "$log" env ZELTA_COMMIT="$commit" NINJA_STATUS='[%p] ' \
-  DEB_BUILD_OPTIONS="parallel=$(nproc) noautodbgsym" DEB_CXXFLAGS_STRIP=-g dpkg-buildpackage --build=binary --no-sign || {
+  DEB_BUILD_OPTIONS="parallel=$(nproc) noautodbgsym" DEB_CXXFLAGS_STRIP=-g \
+  dpkg-buildpackage --build=binary --no-sign || {
   show_failure "$log"
   die "the package could not be made"
 }

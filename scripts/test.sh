@@ -84,12 +84,18 @@ begin_early_build() {
   early=$!
 }
 end_early_build() {
-  [ -n "$early" ] || return 0
-  kill -TERM -- "-$early" "$early" 2>/dev/null || true
-  wait "$early" 2>/dev/null || true
-  while kill -0 -- "-$early" 2>/dev/null; do sleep 0.1; done # what it has started
+  # Its number may be another's by now.
+  if [ -n "$early" ] && early_build_runs; then
+    # More than once: a shell that has just been forked may lose it.
+    while early_build_runs; do
+      kill -TERM -- "-$early" "$early" 2>/dev/null || true
+      sleep 0.1
+    done
+    while pgrep --runstates D,R,S --pgroup "$early" >/dev/null; do sleep 0.1; done
+  fi
   early=
 }
+early_build_runs() { jobs -rp | grep -qx "$early"; }
 
 lent= # the build folder that root is working in
 give_back() {
@@ -175,7 +181,7 @@ run_suite() {
   end_early_build
   set_configure_options "$preset"
   build_preset "$preset" "${targets[@]}"
-  [ -z "$next" ] || begin_early_build "$next"
+  [ -z "$next" ] || [ "$next" = "$preset" ] || begin_early_build "$next"
   step "Testing ($preset)"
   [ "$preset" = windows ] || [ "$(id -u)" -eq 0 ] || lent=$(build_folder "$preset")
   (run_ctest "$preset") 2>&1 | tee -i "$log" || true

@@ -313,11 +313,14 @@ TEST_F(EmptyConnection, ArrivalAfterTheFirstCommand_IsReportedAtOnce) {
   EXPECT_EQ(event(2), kRemoved);
 }
 
+// The log holds the writer, so only the thread that removes the card can have written.
 TEST_F(Connection, CardThatGoes_IsReportedBeforeTheRemovalReturns) {
+  *reportsHeld_.lock() = true;
   commands_.give(kReady);
   lines_.waitFor("Card insertion reported");
   EXPECT_EQ(slot_.remove(), "");
   EXPECT_EQ(events_.writes(), kSessionWrites + 2);
+  *reportsHeld_.lock() = false;
   EXPECT_EQ(event(2), kRemoved);
   lines_.waitFor("Card removal reported");
 }
@@ -335,7 +338,7 @@ TEST_F(TerseConnection, EventsWhileTheLogIsSlow_KeepTheirOrder) {
   commands_.holdWrites();
   commands_.give(kTransmit);
   commands_.waitUntilWriting();
-  EXPECT_EQ(slot_.remove(), "");  // waits for the end of the answer, then for the log
+  EXPECT_EQ(slot_.remove(), "");  // the event waits for the end of the answer, then for the log
   commands_.letWrites();
   EXPECT_EQ(commands_.takeWrites(1).back(), kTransmitAnswer);
   commands_.give(kReady);  // once this is understood, the answer has ended

@@ -43,6 +43,10 @@ class ConnectedPipes : public testing::Test {
     const auto bytes = toLittleEndian(code);
     return events_->post(bytes.data(), bytes.size(), deadline);
   }
+  bool tryPost(std::uint32_t code) {
+    const auto bytes = toLittleEndian(code);
+    return events_->tryPost(bytes.data(), bytes.size());
+  }
   IoResult answer(const Bytes& bytes = kAnswer, milliseconds limit = test::kLong) {
     return commands_->answer(bytes, SteadyClock::now() + limit);
   }
@@ -57,10 +61,6 @@ class ConnectedPipes : public testing::Test {
     });
   }
   // Nobody writes there but a driver that is broken.
-  bool tryPost(std::uint32_t code) {
-    const auto bytes = toLittleEndian(code);
-    return events_->tryPost(bytes.data(), bytes.size());
-  }
   std::future<IoResult> readEventPipe() {
     return std::async(std::launch::async, [this] {
       std::uint8_t byte = 0;
