@@ -349,6 +349,24 @@ TEST_F(TerseConnection, EventsWhileTheLogIsSlow_KeepTheirOrder) {
   EXPECT_EQ(event(3), kInserted);
 }
 
+TEST_F(TerseConnection, RemovalThatWaits_IsWrittenBeforeTheNextCommandIsAnswered) {
+  *reportsHeld_.lock() = true;
+  commands_.give(kReady);
+  EXPECT_EQ(event(1), kInserted);
+  commands_.holdWrites();
+  commands_.give(kTransmit);
+  commands_.waitUntilWriting();
+  EXPECT_EQ(slot_.remove(), "");
+  commands_.letWrites();
+  EXPECT_EQ(commands_.takeWrites(1).back(), kTransmitAnswer);
+  commands_.give(kAtrQuery);
+  std::this_thread::sleep_for(milliseconds(20));  // in which it could be answered too early
+  EXPECT_EQ(commands_.writes(), 1u);
+  *reportsHeld_.lock() = false;
+  EXPECT_EQ(commands_.takeWrites(2).back(), kLengthZero);
+  EXPECT_EQ(events_.writes(), kSessionWrites + 2);
+}
+
 class GracelessConnection : public Connection {
  protected:
   GracelessConnection() : Connection({test::kLong, test::kLong, milliseconds(0)}) {}
@@ -366,6 +384,11 @@ TEST_F(Connection, CommandAfterTheOneThatTheCardIsAt_EndsTheConnectionUnanswered
   card_.waitUntilBusy();
   commands_.give(kTransmit);
   card_.letGo();
+  expectEnd(kGivenUp);
+}
+
+TEST_F(Connection, ByteBehindACommand_EndsTheConnectionUnanswered) {
+  commands_.give(kTransmit + Bytes{2});
   expectEnd(kGivenUp);
 }
 
