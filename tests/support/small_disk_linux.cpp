@@ -43,8 +43,7 @@ void onSmallDisk(std::size_t size,
       ADD_FAILURE() << "cannot mount: " << std::strerror(errno);
     }
   }).join();
-  // A small disk needs a mount of its own. `reason` says why this machine does not allow one.
-  if (!reason.empty()) GTEST_SKIP() << reason;
+  if (!reason.empty()) GTEST_SKIP() << "a small disk is a mount: " << reason;
 }
 
 void fillDisk(const std::filesystem::path& file) {

@@ -1,16 +1,10 @@
-// Commands, answers and events byte by byte, on pipes in memory.
+// Commands and answers byte by byte.
 #include "agent/link/driver_connection.h"
-
-#include <gtest/gtest.h>
 
 #include <future>
 #include <stdexcept>
-#include <string>
-#include <thread>
 
-#include "tests/agent/running_agent.h"
-#include "tests/doubles/agent/held_card.h"
-#include "tests/doubles/agent/memory_pipe.h"
+#include "tests/agent/link/connection_fixture.h"
 
 namespace zelta::agent {
 namespace {
@@ -18,86 +12,12 @@ namespace {
 using std::chrono::milliseconds;
 using test::MemoryPipe;
 
-const Bytes kAtrQuery = {0, 0, 0, 0};
-const Bytes kAtrQueryWithoutReset = {1, 0, 0, 0};
-const Bytes kTransmit = {2, 0, 0, 0, 1, 0, 0, 0, 0x00};
-const Bytes kReady = {3, 0, 0, 0};
-const Bytes kAtrAnswer = {2, 0, 0, 0, 0x3B, 0x00};
-const Bytes kTransmitAnswer = {3, 0, 0, 0, 0x01, 0x90, 0x00};
-const Bytes kLengthZero = {0, 0, 0, 0};
-const Bytes kRemoved = {0, 0, 0, 0};
-const Bytes kInserted = {1, 0, 0, 0};
 constexpr char kGivenUp[] = "error: The driver does not wait for its answer any more; dropping";
-constexpr std::size_t kSessionWrites = 3;
 
 Bytes operator+(Bytes front, const Bytes& back) {
   front.insert(front.end(), back.begin(), back.end());
   return front;
 }
-
-struct Limits {
-  milliseconds answer = test::kLong;
-  milliseconds driver = test::kLong;
-  milliseconds grace = test::kLong;
-  Severity logged = Severity::kDebug;
-};
-
-class Connection : public testing::Test {
- protected:
-  explicit Connection(Limits limits = {}, bool cardIn = true)
-      : log_(limits.logged,
-             [this, sink = lines_.sink()](Severity severity, const std::string& line) {
-               sink(severity, line);
-               if (line.find("reported") == std::string::npos) return;
-               reportsHeld_.lock().wait([](bool held) { return !held; });
-             }),
-        card_(cardIn),
-        slot_(
-            card_, [this] { threads_.cardDeparted(); }, test::failTest),
-        threads_(slot_, test::kLong, test::failTest),
-        connection_(
-            commands_, events_, slot_, threads_,
-            {{test::kSession, limits.grace, limits.driver}, limits.answer, limits.driver}, [] {},
-            test::failTest, log_) {
-    slot_.start();
-    threads_.start();
-    thread_ = std::thread([this] { connection_.serve(); });
-  }
-  ~Connection() override {
-    card_.letGo();
-    connection_.stop();
-    if (thread_.joinable()) thread_.join();
-    threads_.stop();
-    slot_.stop();
-  }
-
-  // What the command is answered with, after `before` other answers.
-  Bytes answerTo(const Bytes& command, std::size_t before = 0) {
-    commands_.give(command);
-    return commands_.takeWrites(before + 1)[before];
-  }
-  // The event with this number, from 1.
-  Bytes event(std::size_t number) {
-    return events_.takeWrites(kSessionWrites + number)[kSessionWrites + number - 1];
-  }
-  // The connection ends by itself.
-  void expectEnd(const std::string& line) {
-    thread_.join();
-    EXPECT_EQ(commands_.writes(), 0u);
-    EXPECT_TRUE(lines_.has(line));
-  }
-
-  test::LogLines lines_;
-  test::Shared<bool> reportsHeld_{false};  // whether the log lets no line of an event go on
-  Log log_;
-  test::HeldCard card_;
-  CardSlot slot_;
-  CommandThreads threads_;
-  MemoryPipe commands_;
-  MemoryPipe events_;
-  DriverConnection connection_;
-  std::thread thread_;
-};
 
 // One exchange: what the driver writes, and the agent's one write.
 struct Exchange {
@@ -206,173 +126,6 @@ TEST_F(HastyConnection, LateAtr_IsAnsweredWithLengthZeroAndTheCardReported) {
   card_.hold();
   EXPECT_EQ(answerTo(kAtrQuery), kLengthZero);
   EXPECT_TRUE(lines_.has("warning: ATR query with reset: the card is not done in time"));
-  EXPECT_EQ(event(1), kInserted);
-}
-
-// --- Events ---
-
-TEST_F(Connection, SessionId_ComesFirstWithEachFieldAsOneWrite) {
-  const std::string id = test::kSession;
-  const std::vector<Bytes> expected = {{2, 0, 0, 0}, {36, 0, 0, 0}, Bytes(id.begin(), id.end())};
-  EXPECT_EQ(events_.takeWrites(kSessionWrites), expected);
-}
-
-TEST_F(Connection, RemovalDuringACommand_IsWrittenBeforeItsAnswerOfLengthZero) {
-  EXPECT_EQ(answerTo(kAtrQuery), kAtrAnswer);
-  events_.takeWrites(kSessionWrites);
-  card_.hold();
-  commands_.give(kTransmit);
-  card_.waitUntilBusy();
-  EXPECT_EQ(slot_.remove(), "");
-  EXPECT_EQ(commands_.takeWrites(2).back(), kLengthZero);
-  EXPECT_EQ(events_.writes(), kSessionWrites + 1);  // before the answer
-  EXPECT_EQ(event(1), kRemoved);
-}
-
-TEST_F(Connection, SwapWhileAnAnswerIsWritten_IsReportedAfterIt) {
-  events_.takeWrites(kSessionWrites);
-  commands_.holdWrites();
-  commands_.give(kAtrQuery);
-  commands_.waitUntilWriting();
-  EXPECT_EQ(slot_.remove(), "");
-  EXPECT_EQ(slot_.insert(), "");
-  EXPECT_EQ(events_.writes(), kSessionWrites);
-  commands_.letWrites();
-  EXPECT_EQ(commands_.takeWrites(1).back(), kAtrAnswer);
-  EXPECT_EQ(event(1), kRemoved);  // the card itself was learned through its ATR
-  EXPECT_EQ(event(2), kInserted);
-}
-
-TEST_F(Connection, CardThatComesAndGoesBeforeItsArrivalIsWritten_IsNotReported) {
-  EXPECT_EQ(answerTo(kAtrQuery), kAtrAnswer);
-  events_.takeWrites(kSessionWrites);
-  events_.holdWrites();
-  EXPECT_EQ(slot_.remove(), "");
-  events_.waitUntilWriting();
-  for (int swap = 0; swap < 3; ++swap) {
-    EXPECT_EQ(slot_.insert(), "");
-    EXPECT_EQ(slot_.remove(), "");
-  }
-  EXPECT_EQ(slot_.insert(), "");
-  events_.letWrites();
-  EXPECT_EQ(event(1), kRemoved);
-  EXPECT_EQ(event(2), kInserted);
-  EXPECT_EQ(slot_.remove(), "");
-  EXPECT_EQ(event(3), kRemoved);
-}
-
-// The driver may ask before it has read of the card's arrival.
-TEST_F(Connection, SwapOfACardWhoseAtrTheDriverHas_IsReportedThoughItsArrivalIsNotYet) {
-  EXPECT_EQ(answerTo(kAtrQuery), kAtrAnswer);
-  events_.takeWrites(kSessionWrites);
-  events_.holdWrites();
-  EXPECT_EQ(slot_.remove(), "");
-  events_.waitUntilWriting();
-  EXPECT_EQ(slot_.insert(), "");
-  EXPECT_EQ(answerTo(kAtrQueryWithoutReset, 1), kAtrAnswer);
-  EXPECT_EQ(slot_.remove(), "");
-  EXPECT_EQ(slot_.insert(), "");
-  events_.letWrites();
-  EXPECT_EQ(event(1), kRemoved);
-  EXPECT_EQ(event(2), kInserted);
-  EXPECT_EQ(event(3), kRemoved);
-  EXPECT_EQ(event(4), kInserted);
-}
-
-TEST_F(Connection, FirstCommandThatDoesNotAskForTheAtr_ReportsTheCard) {
-  commands_.give(kReady);
-  EXPECT_EQ(event(1), kInserted);
-}
-
-// That nothing is reported of the first card shows in the event of the second.
-TEST_F(Connection, CardThatTheDriverNeverKnew_IsNotReportedGone) {
-  EXPECT_EQ(slot_.remove(), "");
-  EXPECT_EQ(answerTo(kAtrQuery), kLengthZero);
-  EXPECT_EQ(slot_.insert(), "");
-  EXPECT_EQ(event(1), kInserted);
-}
-
-class EmptyConnection : public Connection {
- protected:
-  EmptyConnection() : Connection({}, false) {}
-};
-
-TEST_F(EmptyConnection, ArrivalBeforeTheFirstCommand_IsLearnedByIt) {
-  EXPECT_EQ(slot_.insert(), "");
-  EXPECT_EQ(answerTo(kAtrQuery), kAtrAnswer);
-  EXPECT_EQ(slot_.remove(), "");
-  EXPECT_EQ(event(1), kRemoved);
-}
-
-TEST_F(EmptyConnection, ArrivalAfterTheFirstCommand_IsReportedAtOnce) {
-  EXPECT_EQ(answerTo(kAtrQuery), kLengthZero);
-  EXPECT_EQ(slot_.insert(), "");
-  EXPECT_EQ(event(1), kInserted);
-  EXPECT_EQ(answerTo(kAtrQuery, 1), kAtrAnswer);
-  EXPECT_EQ(slot_.remove(), "");
-  EXPECT_EQ(event(2), kRemoved);
-}
-
-// The log holds the writer, so only the thread that removes the card can have written.
-TEST_F(Connection, CardThatGoes_IsReportedBeforeTheRemovalReturns) {
-  *reportsHeld_.lock() = true;
-  commands_.give(kReady);
-  lines_.waitFor("Card insertion reported");
-  EXPECT_EQ(slot_.remove(), "");
-  EXPECT_EQ(events_.writes(), kSessionWrites + 2);
-  *reportsHeld_.lock() = false;
-  EXPECT_EQ(event(2), kRemoved);
-  lines_.waitFor("Card removal reported");
-}
-
-// Commands are not logged, so they do not wait for the log.
-class TerseConnection : public Connection {
- protected:
-  TerseConnection() : Connection({test::kLong, test::kLong, test::kLong, Severity::kInfo}) {}
-};
-
-TEST_F(TerseConnection, EventsWhileTheLogIsSlow_KeepTheirOrder) {
-  *reportsHeld_.lock() = true;
-  commands_.give(kReady);
-  EXPECT_EQ(event(1), kInserted);
-  commands_.holdWrites();
-  commands_.give(kTransmit);
-  commands_.waitUntilWriting();
-  EXPECT_EQ(slot_.remove(), "");  // the event waits for the end of the answer, then for the log
-  commands_.letWrites();
-  EXPECT_EQ(commands_.takeWrites(1).back(), kTransmitAnswer);
-  commands_.give(kReady);  // once this is understood, the answer has ended
-  while (card_.readyNotices() < 2) std::this_thread::yield();
-  EXPECT_EQ(slot_.insert(), "");
-  *reportsHeld_.lock() = false;
-  EXPECT_EQ(event(2), kRemoved);
-  EXPECT_EQ(event(3), kInserted);
-}
-
-TEST_F(TerseConnection, RemovalThatWaits_IsWrittenBeforeTheNextCommandIsAnswered) {
-  *reportsHeld_.lock() = true;
-  commands_.give(kReady);
-  EXPECT_EQ(event(1), kInserted);
-  commands_.holdWrites();
-  commands_.give(kTransmit);
-  commands_.waitUntilWriting();
-  EXPECT_EQ(slot_.remove(), "");
-  commands_.letWrites();
-  EXPECT_EQ(commands_.takeWrites(1).back(), kTransmitAnswer);
-  commands_.give(kAtrQuery);
-  std::this_thread::sleep_for(milliseconds(20));  // in which it could be answered too early
-  EXPECT_EQ(commands_.writes(), 1u);
-  *reportsHeld_.lock() = false;
-  EXPECT_EQ(commands_.takeWrites(2).back(), kLengthZero);
-  EXPECT_EQ(events_.writes(), kSessionWrites + 2);
-}
-
-class GracelessConnection : public Connection {
- protected:
-  GracelessConnection() : Connection({test::kLong, test::kLong, milliseconds(0)}) {}
-};
-
-TEST_F(GracelessConnection, NoCommandInTheTimeOfGrace_ReportsTheCard) {
   EXPECT_EQ(event(1), kInserted);
 }
 

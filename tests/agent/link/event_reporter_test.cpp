@@ -1,0 +1,179 @@
+// What a connection tells the driver of its session and of the card, byte by byte.
+#include "agent/link/event_reporter.h"
+
+#include "tests/agent/link/connection_fixture.h"
+
+namespace zelta::agent {
+namespace {
+
+using std::chrono::milliseconds;
+
+class ConnectionEvents : public Connection {};
+
+TEST_F(ConnectionEvents, SessionId_ComesFirstWithEachFieldAsOneWrite) {
+  const std::string id = test::kSession;
+  const std::vector<Bytes> expected = {{2, 0, 0, 0}, {36, 0, 0, 0}, Bytes(id.begin(), id.end())};
+  EXPECT_EQ(events_.takeWrites(kSessionWrites), expected);
+}
+
+TEST_F(ConnectionEvents, RemovalDuringACommand_IsWrittenBeforeItsAnswerOfLengthZero) {
+  EXPECT_EQ(answerTo(kAtrQuery), kAtrAnswer);
+  events_.takeWrites(kSessionWrites);
+  card_.hold();
+  commands_.give(kTransmit);
+  card_.waitUntilBusy();
+  EXPECT_EQ(slot_.remove(), "");
+  EXPECT_EQ(commands_.takeWrites(2).back(), kLengthZero);
+  EXPECT_EQ(events_.writes(), kSessionWrites + 1);  // before the answer
+  EXPECT_EQ(event(1), kRemoved);
+}
+
+TEST_F(ConnectionEvents, SwapWhileAnAnswerIsWritten_IsReportedAfterIt) {
+  events_.takeWrites(kSessionWrites);
+  commands_.holdWrites();
+  commands_.give(kAtrQuery);
+  commands_.waitUntilWriting();
+  EXPECT_EQ(slot_.remove(), "");
+  EXPECT_EQ(slot_.insert(), "");
+  EXPECT_EQ(events_.writes(), kSessionWrites);
+  commands_.letWrites();
+  EXPECT_EQ(commands_.takeWrites(1).back(), kAtrAnswer);
+  EXPECT_EQ(event(1), kRemoved);  // the card itself was learned through its ATR
+  EXPECT_EQ(event(2), kInserted);
+}
+
+TEST_F(ConnectionEvents, CardThatComesAndGoesBeforeItsArrivalIsWritten_IsNotReported) {
+  EXPECT_EQ(answerTo(kAtrQuery), kAtrAnswer);
+  events_.takeWrites(kSessionWrites);
+  events_.holdWrites();
+  EXPECT_EQ(slot_.remove(), "");
+  events_.waitUntilWriting();
+  for (int swap = 0; swap < 3; ++swap) {
+    EXPECT_EQ(slot_.insert(), "");
+    EXPECT_EQ(slot_.remove(), "");
+  }
+  EXPECT_EQ(slot_.insert(), "");
+  events_.letWrites();
+  EXPECT_EQ(event(1), kRemoved);
+  EXPECT_EQ(event(2), kInserted);
+  EXPECT_EQ(slot_.remove(), "");
+  EXPECT_EQ(event(3), kRemoved);
+}
+
+// The driver may ask before it has read of the card's arrival.
+TEST_F(ConnectionEvents, SwapOfACardWhoseAtrTheDriverHas_IsReportedThoughItsArrivalIsNotYet) {
+  EXPECT_EQ(answerTo(kAtrQuery), kAtrAnswer);
+  events_.takeWrites(kSessionWrites);
+  events_.holdWrites();
+  EXPECT_EQ(slot_.remove(), "");
+  events_.waitUntilWriting();
+  EXPECT_EQ(slot_.insert(), "");
+  EXPECT_EQ(answerTo(kAtrQueryWithoutReset, 1), kAtrAnswer);
+  EXPECT_EQ(slot_.remove(), "");
+  EXPECT_EQ(slot_.insert(), "");
+  events_.letWrites();
+  EXPECT_EQ(event(1), kRemoved);
+  EXPECT_EQ(event(2), kInserted);
+  EXPECT_EQ(event(3), kRemoved);
+  EXPECT_EQ(event(4), kInserted);
+}
+
+TEST_F(ConnectionEvents, FirstCommandThatDoesNotAskForTheAtr_ReportsTheCard) {
+  commands_.give(kReady);
+  EXPECT_EQ(event(1), kInserted);
+}
+
+// That nothing is reported of the first card shows in the event of the second.
+TEST_F(ConnectionEvents, CardThatTheDriverNeverKnew_IsNotReportedGone) {
+  EXPECT_EQ(slot_.remove(), "");
+  EXPECT_EQ(answerTo(kAtrQuery), kLengthZero);
+  EXPECT_EQ(slot_.insert(), "");
+  EXPECT_EQ(event(1), kInserted);
+}
+
+class EmptyConnection : public Connection {
+ protected:
+  EmptyConnection() : Connection({}, false) {}
+};
+
+TEST_F(EmptyConnection, ArrivalBeforeTheFirstCommand_IsLearnedByIt) {
+  EXPECT_EQ(slot_.insert(), "");
+  EXPECT_EQ(answerTo(kAtrQuery), kAtrAnswer);
+  EXPECT_EQ(slot_.remove(), "");
+  EXPECT_EQ(event(1), kRemoved);
+}
+
+TEST_F(EmptyConnection, ArrivalAfterTheFirstCommand_IsReportedAtOnce) {
+  EXPECT_EQ(answerTo(kAtrQuery), kLengthZero);
+  EXPECT_EQ(slot_.insert(), "");
+  EXPECT_EQ(event(1), kInserted);
+  EXPECT_EQ(answerTo(kAtrQuery, 1), kAtrAnswer);
+  EXPECT_EQ(slot_.remove(), "");
+  EXPECT_EQ(event(2), kRemoved);
+}
+
+// The log holds the writer, so only the thread that removes the card can have written.
+TEST_F(ConnectionEvents, CardThatGoes_IsReportedBeforeTheRemovalReturns) {
+  *reportsHeld_.lock() = true;
+  commands_.give(kReady);
+  lines_.waitFor("Card insertion reported");
+  EXPECT_EQ(slot_.remove(), "");
+  EXPECT_EQ(events_.writes(), kSessionWrites + 2);
+  *reportsHeld_.lock() = false;
+  EXPECT_EQ(event(2), kRemoved);
+  lines_.waitFor("Card removal reported");
+}
+
+// Commands are not logged, so they do not wait for the log.
+class TerseConnection : public Connection {
+ protected:
+  TerseConnection() : Connection({test::kLong, test::kLong, test::kLong, Severity::kInfo}) {}
+};
+
+TEST_F(TerseConnection, EventsWhileTheLogIsSlow_KeepTheirOrder) {
+  *reportsHeld_.lock() = true;
+  commands_.give(kReady);
+  EXPECT_EQ(event(1), kInserted);
+  commands_.holdWrites();
+  commands_.give(kTransmit);
+  commands_.waitUntilWriting();
+  EXPECT_EQ(slot_.remove(), "");  // the event waits for the end of the answer, then for the log
+  commands_.letWrites();
+  EXPECT_EQ(commands_.takeWrites(1).back(), kTransmitAnswer);
+  commands_.give(kReady);  // once this is understood, the answer has ended
+  while (card_.readyNotices() < 2) std::this_thread::yield();
+  EXPECT_EQ(slot_.insert(), "");
+  *reportsHeld_.lock() = false;
+  EXPECT_EQ(event(2), kRemoved);
+  EXPECT_EQ(event(3), kInserted);
+}
+
+TEST_F(TerseConnection, RemovalThatWaits_IsWrittenBeforeTheNextCommandIsAnswered) {
+  *reportsHeld_.lock() = true;
+  commands_.give(kReady);
+  EXPECT_EQ(event(1), kInserted);
+  commands_.holdWrites();
+  commands_.give(kTransmit);
+  commands_.waitUntilWriting();
+  EXPECT_EQ(slot_.remove(), "");
+  commands_.letWrites();
+  EXPECT_EQ(commands_.takeWrites(1).back(), kTransmitAnswer);
+  commands_.give(kAtrQuery);
+  std::this_thread::sleep_for(milliseconds(20));  // in which it could be answered too early
+  EXPECT_EQ(commands_.writes(), 1u);
+  *reportsHeld_.lock() = false;
+  EXPECT_EQ(commands_.takeWrites(2).back(), kLengthZero);
+  EXPECT_EQ(events_.writes(), kSessionWrites + 2);
+}
+
+class GracelessConnection : public Connection {
+ protected:
+  GracelessConnection() : Connection({test::kLong, test::kLong, milliseconds(0)}) {}
+};
+
+TEST_F(GracelessConnection, NoCommandInTheTimeOfGrace_ReportsTheCard) {
+  EXPECT_EQ(event(1), kInserted);
+}
+
+}  // namespace
+}  // namespace zelta::agent
