@@ -85,4 +85,6 @@ class Firefox:
         self._ask("WebDriver:Navigate", url=url)
 
     def page(self):
-        return self._ask("WebDriver:GetPageSource")["value"]
+        """The source of the page; empty if the browser is between two documents."""
+        script = "return document.documentElement?.outerHTML;"
+        return self._ask("WebDriver:ExecuteScript", script=script, args=())["value"] or ""
