@@ -35,18 +35,15 @@ constexpr std::size_t kUsualPrefixWidth = 128;
 
 struct SplitTime {
   explicit SplitTime(std::int64_t time)
-      : calendar(fmt::gmtime(static_cast<std::time_t>(time / kClockUnitsPerSecond))),
+      : second(time / kClockUnitsPerSecond),
         milliseconds(time % kClockUnitsPerSecond / platform::kClockUnitsPerMillisecond) {}
 
-  std::tm calendar;  // UTC
+  // UTC
+  std::tm calendar() const { return fmt::gmtime(static_cast<std::time_t>(second)); }
+
+  std::int64_t second;  // since 1970
   std::int64_t milliseconds;
 };
-
-void appendTimeStamp(std::string& line, std::int64_t time) {
-  const SplitTime split(time);
-  fmt::format_to(std::back_inserter(line), "{:%Y-%m-%dT%H:%M:%S}.{:03}Z", split.calendar,
-                 split.milliseconds);
-}
 
 bool isControl(char character) {
   const auto byte = static_cast<unsigned char>(character);
@@ -104,6 +101,27 @@ using HeaderText = FixedText<128>;
 using ThreadText = FixedText<10>;
 static_assert(std::is_trivially_destructible_v<HeaderText>);
 
+// A time stamp without its milliseconds.
+struct SecondText {
+  explicit SecondText(const SplitTime& time)
+      : second(time.second), text(fmt::format("{:%Y-%m-%dT%H:%M:%S}", time.calendar())) {}
+
+  std::int64_t second;
+  FixedText<32> text;
+};
+
+// Most records of a thread are of the same second as the one before, whose text serves again.
+void appendTimeStamp(std::string& line, std::int64_t time) {
+  const SplitTime split(time);
+  thread_local SecondText last(split);
+  if (last.second != split.second) last = SecondText(split);
+  line.append(last.text.view());
+  line.push_back('.');
+  const fmt::format_int digits(1000 + split.milliseconds);  // 1 and three digits
+  line.append(digits.data() + 1, 3);
+  line.push_back('Z');
+}
+
 std::string printHeader() {
   std::string line;
   appendColumn(line, "Thread", kThreadWidth);
@@ -122,7 +140,7 @@ std::string logFilePath(const std::string& basePath, std::int64_t time) {
   const SplitTime split(time);
   return fmt::format(
       "{}_{}.txt", basePath,
-      fmt::format("{:%Y_%m_%dT%H_%M_%S}_{:03}Z", split.calendar, split.milliseconds));
+      fmt::format("{:%Y_%m_%dT%H_%M_%S}_{:03}Z", split.calendar(), split.milliseconds));
 }
 
 std::string_view headerLine() {

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "platform/process/thread_id.h"
+#include "platform/sync/clock.h"
 #include "tests/doubles/clock/simulated_clock.h"
 #include "tests/support/log_files.h"
 
@@ -119,6 +120,20 @@ const LineCase kLines[] = {
 
 INSTANTIATE_TEST_SUITE_P(LineFormat, RecordLine, testing::ValuesIn(kLines),
                          [](const auto& each) { return each.param.name; });
+
+// The time column of a record that is so much later than the usual one.
+std::string timeTextOf(std::int64_t milliseconds) {
+  const std::int64_t time = kMarchTime + milliseconds * platform::kClockUnitsPerMillisecond;
+  return recordLine(with(&Record::time, time)).substr(9, 24);
+}
+
+TEST(RecordLines, OfOneThread_HaveEachItsOwnTime) {
+  EXPECT_EQ(timeTextOf(0), "2024-03-05T14:07:09.042Z");
+  EXPECT_EQ(timeTextOf(957), "2024-03-05T14:07:09.999Z");
+  EXPECT_EQ(timeTextOf(958), "2024-03-05T14:07:10.000Z");
+  EXPECT_EQ(timeTextOf(60'000), "2024-03-05T14:08:09.042Z");
+  EXPECT_EQ(timeTextOf(0), "2024-03-05T14:07:09.042Z") << "the clock was put back";
+}
 
 TEST(LevelTag, NumbersZeroToFour_HaveTheirTags) {
   const char* const tags[] = {"<CRITICAL>", "<ERROR>", "<INFO>", "<DEBUG>", "<TRACE>"};
