@@ -59,13 +59,13 @@ bool EventReporter::beginAnswer(CardId atrOf) {
 void EventReporter::endAnswer() {
   const platform::MutexLock lock(mutex_);
   answering_ = false;
-  if (!allPosted()) changed_.notifyAll();
+  if (!allPosted()) postWaiting();
 }
 
 void EventReporter::waitWritten(SteadyClock::time_point deadline) {
   platform::MutexLock lock(mutex_);
   changed_.waitFor(lock, deadline - SteadyClock::now(), [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS {
-    return events_.empty() || full_ || ended_;
+    return allPosted() || full_ || ended_;
   });
 }
 
@@ -92,7 +92,17 @@ void EventReporter::queue(ReportRule::Report report) {
       events_.back().report == ReportRule::Report::kInserted) {
     events_.pop_back();  // nobody has heard of that card
   } else {
-    events_.push_back({report, mayPost() && allPosted() && tryPost(report)});
+    events_.push_back({report, false});
+  }
+  postWaiting();
+}
+
+void EventReporter::postWaiting() {
+  if (mayPost() && !writing_) {
+    for (Event& each : events_) {
+      each.posted = each.posted || tryPost(each.report);
+      if (!each.posted) break;
+    }
   }
   changed_.notifyAll();
 }
@@ -121,7 +131,7 @@ void EventReporter::watchPipe() {
     {
       const platform::MutexLock lock(mutex_);
       sessionSent_ = true;
-      changed_.notifyAll();
+      postWaiting();
     }
     if (pipe_.flush() == IoResult::kDone) {
       {
@@ -202,6 +212,7 @@ bool EventReporter::writeFirst(ReportRule::Report report) {
   const platform::MutexLock lock(mutex_);
   events_.front().posted = true;
   writing_ = false;
+  postWaiting();
   return true;
 }
 

@@ -58,8 +58,8 @@ class EventReporter final : public CardSlot::Observer {
   // card is not in any more: nothing has begun, and the command must be answered otherwise.
   bool beginAnswer(CardId atrOf);
   void endAnswer();
-  // Waits until everything decided so far is handed over and logged, the pipe has ended or takes no
-  // more for now, or until the deadline.
+  // Waits until everything decided so far is handed over, the pipe has ended or takes no more for
+  // now, or until the deadline.
   void waitWritten(SteadyClock::time_point deadline);
 
  private:
@@ -73,6 +73,8 @@ class EventReporter final : public CardSlot::Observer {
   void cardDeparted() override;
 
   void queue(ReportRule::Report report) ZELTA_REQUIRES(mutex_);
+  // Hands over what waits, as far as the pipe takes it at once, and wakes who waits for that.
+  void postWaiting() ZELTA_REQUIRES(mutex_);
   // Whether an event may be handed over now.
   bool mayPost() const ZELTA_REQUIRES(mutex_) { return sessionSent_ && !answering_; }
   bool allPosted() const ZELTA_REQUIRES(mutex_) { return events_.empty() || events_.back().posted; }

@@ -54,7 +54,8 @@ IoResult MemoryPipe::post(const void* data, std::uint32_t size,
 }
 
 bool MemoryPipe::tryPost(const void* data, std::uint32_t size) {
-  return post(data, size, agent::SteadyClock::now()) == IoResult::kDone;
+  const bool refuses = state_.lock()->refusesTries;
+  return !refuses && post(data, size, agent::SteadyClock::now()) == IoResult::kDone;
 }
 
 IoResult MemoryPipe::write(Bytes bytes, std::optional<agent::SteadyClock::time_point> deadline,

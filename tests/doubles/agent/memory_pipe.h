@@ -24,6 +24,8 @@ class MemoryPipe : public agent::PipeConnection {
   // From now on the driver reads nothing until `letWrites`; a flush waits for that, too.
   void holdWrites() { state_.lock()->held = true; }
   void letWrites() { state_.lock()->held = false; }
+  // From now on nothing is taken at once, as on Windows.
+  void refuseTries() { state_.lock()->refusesTries = true; }
   // Until a write waits.
   void waitUntilWriting() { state_.lock().wait(&State::writing); }
 
@@ -43,6 +45,7 @@ class MemoryPipe : public agent::PipeConnection {
     std::vector<Bytes> written;
     bool held = false;
     bool writing = false;
+    bool refusesTries = false;
     bool cancelled = false;
   };
 
