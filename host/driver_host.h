@@ -73,7 +73,8 @@ struct IoResult {
   framework::HRESULT status = 0;
   // The byte count that the driver completed with; may exceed the output's capacity.
   std::size_t information = 0;
-  // The valid output: at most `information` and at most the capacity asked for.
+  // The valid output: at most `information` and at most the capacity asked for. Not wiped:
+  // ask by `controlInParts` for what may be secret.
   std::vector<std::uint8_t> output;
 };
 

@@ -59,14 +59,14 @@ CardId CardSlot::card() const {
 }
 
 Outcome CardSlot::perform(const Command& command, CardId card) {
-  platform::SecretBytes response(callTraced(command));
+  platform::SecretBytes response = callTraced(command);
   const platform::MutexLock lock(mutex_);
   if (response.size() == 0 || card_ != card) return {Outcome::Result::kNoAnswer};
   if (command.kind != Command::Kind::kTransmit) atr_ = response.get();
   return {Outcome::Result::kAnswered, std::move(response), card};
 }
 
-Bytes CardSlot::callTraced(const Command& command) {
+platform::SecretBytes CardSlot::callTraced(const Command& command) {
   const bool transmits = command.kind == Command::Kind::kTransmit;
   const bool told = trace_ != nullptr && trace_->wanted();
   TraceRecord record;
@@ -75,21 +75,19 @@ Bytes CardSlot::callTraced(const Command& command) {
     record.time = TraceRecord::Clock::now();
   }
   const SteadyClock::time_point begin = told ? SteadyClock::now() : SteadyClock::time_point();
-  Bytes response = call(command);
+  platform::SecretBytes response(call(command));
   if (transmits) apdus_.fetch_add(1, std::memory_order_relaxed);
-  if (response.empty()) unanswered_.fetch_add(1, std::memory_order_relaxed);
+  if (response.size() == 0) unanswered_.fetch_add(1, std::memory_order_relaxed);
   if (!told) {
     secrets_.miss();
     return response;
   }
   record.duration =
       std::chrono::duration_cast<std::chrono::microseconds>(SteadyClock::now() - begin);
-  record.command = command.apdu.get();
+  record.command = command.apdu;
   record.response = response;
-  if (transmits) record.hidden = secrets_.look(record.command, response);
+  if (transmits) record.hidden = secrets_.look(command.apdu.get(), response.get());
   trace_->take(record);
-  platform::wipe(record.command.data(), record.command.size());
-  platform::wipe(record.response.data(), record.response.size());
   return response;
 }
 

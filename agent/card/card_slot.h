@@ -17,6 +17,7 @@
 #include "agent/program/failure.h"
 #include "agent/trace/trace_record.h"
 #include "contract/bytes.h"
+#include "platform/process/wipe.h"
 #include "platform/sync/sync.h"
 
 namespace zelta::agent {
@@ -93,7 +94,7 @@ class CardSlot final : private CardListener {
 
   Bytes call(const Command& command);
   // The same, counted and told.
-  Bytes callTraced(const Command& command);
+  platform::SecretBytes callTraced(const Command& command);
   void tell(TraceRecord::Kind kind);
 
   CardBackend& backend_;

@@ -41,6 +41,13 @@ bool isOneOf(const LONG (&results)[kCount], LONG result) {
   return std::find(std::begin(results), std::end(results), result) != std::end(results);
 }
 
+// Wipes a buffer's first bytes at the end of a scope.
+struct Wiped {
+  ~Wiped() { platform::wipe(buffer.data(), size); }
+  Bytes& buffer;
+  std::size_t size;
+};
+
 }  // namespace
 
 PcscCard::PcscCard(const std::string& readerName, Log& log)
@@ -172,11 +179,12 @@ PcscCard::Response PcscCard::transmitOnce(const Bytes& command) {
   const LONG result =
       SCardTransmit(handle_, &request, command.data(), static_cast<DWORD>(command.size()), nullptr,
                     received_.data(), &length);
-  if (result != SCARD_S_SUCCESS) return {result, {}};
+  const bool succeeded = result == SCARD_S_SUCCESS;
+  // A failure does not say how much has come.
+  const Wiped wiped{received_, succeeded ? length : received_.size()};
+  if (!succeeded) return {result, {}};
   const auto end = received_.begin() + static_cast<std::ptrdiff_t>(length);
-  Response response{result, Bytes(received_.begin(), end)};
-  platform::wipe(received_.data(), length);
-  return response;
+  return {result, Bytes(received_.begin(), end)};
 }
 
 Bytes PcscCard::transmit(const Bytes& command) {

@@ -124,7 +124,7 @@ void Agent::noteLate(const Command& command) {
   TraceRecord record;
   record.kind = TraceRecord::Kind::kLate;
   const std::size_t header = std::min(command.apdu.size(), kHeaderSize);
-  record.command.assign(command.apdu.get().data(), command.apdu.get().data() + header);
+  record.command = Bytes(command.apdu.get().data(), command.apdu.get().data() + header);
   tell(record);
 }
 

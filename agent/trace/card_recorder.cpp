@@ -22,14 +22,14 @@ constexpr std::size_t kHeaderSize = 4;
 constexpr std::chrono::seconds kWritePeriod{1};
 
 std::string patternOf(const TraceRecord& record) {
-  if (record.hidden.command.size == 0) return toHex(record.command);
-  return toHex(record.command.data(), std::min(kHeaderSize, record.command.size())) + " *";
+  if (record.hidden.command.size == 0) return toHex(record.command.get());
+  return toHex(record.command.get().data(), std::min(kHeaderSize, record.command.size())) + " *";
 }
 
 // Hidden bytes become zeros.
 std::string responseOf(const TraceRecord& record) {
-  if (record.response.empty()) return "none";
-  std::string text = toMaskedHex(record.response, record.hidden.response);
+  if (record.response.size() == 0) return "none";
+  std::string text = toMaskedHex(record.response.get(), record.hidden.response);
   std::replace(text.begin(), text.end(), '*', '0');
   return text;
 }
@@ -52,7 +52,7 @@ bool writeNewFile(const std::string& path, const std::string& text) {
 void ScriptText::add(const TraceRecord& record) {
   using Kind = TraceRecord::Kind;
   const bool bringsAtr = record.kind == Kind::kReset || record.kind == Kind::kAtr;
-  if (bringsAtr && atr_.empty()) atr_ = record.response;
+  if (bringsAtr && atr_.empty()) atr_ = record.response.get();
   if (record.kind == Kind::kTransmit) addExchange(record);
 }
 

@@ -46,9 +46,11 @@ std::string toJson(const TraceRecord& record, bool secrets) {
   nlohmann::ordered_json json = {{"time_us", toMicroseconds(record.time)},
                                  {"kind", kindName(record.kind)}};
   if (isExchange(record.kind)) json["duration_us"] = record.duration.count();
-  if (!record.command.empty()) json["command"] = toMaskedHex(record.command, hidden.command);
+  if (record.command.size() != 0) {
+    json["command"] = toMaskedHex(record.command.get(), hidden.command);
+  }
   if (isExchange(record.kind)) {
-    json["response"] = toMaskedHex(record.response, hidden.response);
+    json["response"] = toMaskedHex(record.response.get(), hidden.response);
     json["masked"] = !secrets && hidesSomething(record);
   }
   return json.dump();

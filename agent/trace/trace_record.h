@@ -6,7 +6,7 @@
 #include <string>
 
 #include "agent/trace/secret_mask.h"
-#include "contract/bytes.h"
+#include "platform/process/wipe.h"
 
 namespace zelta::agent {
 
@@ -27,8 +27,8 @@ struct TraceRecord {
   Kind kind = Kind::kInsert;
   Clock::time_point time = Clock::now();  // when it began
   std::chrono::microseconds duration{0};  // of kReset, kAtr, kTransmit
-  Bytes command{};                        // of kTransmit; of kLate its header
-  Bytes response{};                       // empty: none
+  platform::SecretBytes command{};        // of kTransmit; of kLate its header
+  platform::SecretBytes response{};       // empty: none
   HiddenParts hidden{};
 };
 

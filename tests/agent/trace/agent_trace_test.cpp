@@ -23,7 +23,7 @@ class Notes final : public TraceSink {
     std::string text;
     for (const TraceRecord& record : records_.await(count)) {
       text += kindName(record.kind);
-      const std::string bytes = toHex(record.command) + ">" + toHex(record.response);
+      const std::string bytes = toHex(record.command.get()) + ">" + toHex(record.response.get());
       text += (bytes == ">" ? "" : " " + bytes) + "\n";
     }
     return text;

@@ -35,7 +35,7 @@ TraceRecord exchange(const std::string& command, const std::string& response) {
   record.response = bytes(response);
   SecretMask mask;
   mask.look({}, {});  // nothing secret has been before
-  record.hidden = mask.look(record.command, record.response);
+  record.hidden = mask.look(record.command.get(), record.response.get());
   return record;
 }
 

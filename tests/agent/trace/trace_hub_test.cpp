@@ -15,8 +15,8 @@ TraceRecord verify() {
   record.kind = Kind::kTransmit;
   record.time = TraceRecord::Clock::time_point(std::chrono::seconds(1));
   record.duration = std::chrono::microseconds(7);
-  record.command = {0x00, 0x20, 0x00, 0x80, 0x01, 0x31};
-  record.response = {0x90, 0x00};
+  record.command = Bytes{0x00, 0x20, 0x00, 0x80, 0x01, 0x31};
+  record.response = Bytes{0x90, 0x00};
   record.hidden.command = {5, 1};
   return record;
 }

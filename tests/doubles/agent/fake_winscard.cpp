@@ -150,12 +150,12 @@ LONG SCardTransmit(SCARDHANDLE, const SCARD_IO_REQUEST* request, LPCBYTE command
   const auto service = current->lock();
   service->calls.emplace_back("transmit");
   if (const LONG result = cardResult(*service)) return result;
+  std::copy(command, command + size, response);
   if (!service->transmitResults.empty()) {
     const LONG result = service->transmitResults.front();
     service->transmitResults.pop_front();
     if (result != SCARD_S_SUCCESS) return result;
   }
-  std::copy(command, command + size, response);
   *length = size;
   return SCARD_S_SUCCESS;
 }

@@ -51,7 +51,8 @@ class FakeWinscard {
   void swapCard() { changeCard(true, 2); }
   // The card goes, and only commands find out; `insertCard` or `removeCard` tells the watcher.
   void loseCard() { lock()->lost = true; }
-  // Results of the next transmits, in order; afterwards success.
+  // Results of the next transmits, in order; afterwards success. The answer is in the caller's
+  // buffer in any case.
   void failTransmits(std::deque<LONG> results) { lock()->transmitResults = std::move(results); }
   // Calls in the order in which they came: "connect", "reset", "leave", "disconnect", "transmit".
   std::vector<std::string> takeCalls() { return std::exchange(lock()->calls, {}); }
