@@ -2,10 +2,14 @@
 
 import json
 import os
+import pathlib
 import re
 import signal
+import socket
 import struct
+import subprocess
 import sys
+import tempfile
 import unittest
 
 import stack
@@ -204,6 +208,33 @@ class Trace(CardTest):
         missing = run(TRACE, "--control", self.folder / "none", check=False)
         self.assertEqual((missing.returncode, missing.stdout),
                          (1, f"zelta-trace: no agent is running at {self.folder}/none\n"))
+
+
+class StrangeAgent(unittest.TestCase):
+    def trace_of(self, answer):
+        """Exit code and output of a trace that gets this from its agent."""
+        folder = self.enterContext(tempfile.TemporaryDirectory())
+        listener = self.enterContext(socket.socket(socket.AF_UNIX))
+        listener.settimeout(stack.LIMIT)
+        path = pathlib.Path(folder) / "control"
+        listener.bind(str(path))
+        listener.listen()
+        trace = self.enterContext(subprocess.Popen(
+            [TRACE, "--control", path], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+            text=True))
+        with listener.accept()[0] as agent:
+            self.assertEqual(agent.recv(64), b"trace\n")
+            agent.sendall(answer)
+        output = trace.communicate(timeout=stack.LIMIT)[0]
+        return trace.returncode, output
+
+    def test_refusal_cannot_control_the_terminal(self):
+        self.assertEqual(self.trace_of(b"error: \x1b[2Jno\n"),
+                         (1, "zelta-trace: the agent: \\x1b[2Jno\n"))
+
+    def test_line_without_an_end_ends_it(self):
+        self.assertEqual(self.trace_of(b"ok\n" + ((1 << 20) + 1) * b"x"),
+                         (1, "zelta-trace: the agent sent a line of more than 1 MiB\n"))
 
 
 class Record(StackTest):

@@ -19,6 +19,9 @@ namespace {
 
 using platform::ScopedFd;
 
+// Far more than a record of the longest command and response.
+constexpr std::size_t kLongestLine = std::size_t{1} << 20;
+
 ScopedFd connectTo(const AgentPlace& place) {
   int error = ENOENT;
   for (const std::string& path : place.paths()) {
@@ -86,6 +89,7 @@ std::optional<std::string> AgentLines::next() {
       return line;
     }
     seen = received_.size();
+    if (seen > kLongestLine) throw AgentError("the agent sent a line of more than 1 MiB");
     if (!receive()) return std::nullopt;
   }
 }

@@ -11,7 +11,8 @@
 
 namespace zelta::trace {
 
-// The agent cannot be asked; the message is for people.
+// The agent cannot be asked, or sends no trace. The message is for people; what the agent said may
+// be a part of it.
 class AgentError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -36,6 +37,7 @@ class AgentLines {
   AgentLines(const AgentPlace& place, bool secrets);
 
   // The next line, without its end; none when the agent has ended or a signal has come.
+  // Throws AgentError if a line is longer than any record.
   std::optional<std::string> next();
 
  private:

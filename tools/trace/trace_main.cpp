@@ -19,6 +19,7 @@
 #include <system_error>
 #include <vector>
 
+#include "contract/harmless.h"
 #include "platform/process/environment.h"
 #include "tools/trace/agent_lines.h"
 #include "tools/trace/page.h"
@@ -162,6 +163,6 @@ int main(int argc, char** argv) try {
   }
   return show(options);
 } catch (const std::exception& error) {
-  std::cerr << "zelta-trace: " << error.what() << "\n";
+  std::cerr << "zelta-trace: " << zelta::harmless(error.what()) << "\n";
   return EXIT_FAILURE;
 }
