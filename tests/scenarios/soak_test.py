@@ -51,11 +51,23 @@ class Soak(unittest.TestCase):
             self.assertIn(f"| {kind.name} | 1 |", page)
 
     def test_seed_repeats_the_disturbances(self):
-        def begin(seed):
+        def plan(seed):
             return list(itertools.islice(soak.plan(seed), 3 * len(chaos.KINDS)))
 
-        self.assertEqual(begin(5), begin(5))
-        self.assertNotEqual(begin(5), begin(6))
+        def malformed(seed):
+            stage = chaos.Stage(None, None, seed)
+            return [stage.next_malformed() for _ in range(3 * len(chaos.MALFORMED))]
+
+        def questions(seed):
+            import clients  # which tries to reach pcscd; to make questions it need not be there
+
+            client = clients.Client("Alice", None, seed)
+            return [client.question(slow=False) for _ in range(20)]
+
+        for begin in (plan, malformed, questions):
+            with self.subTest(begin.__name__):
+                self.assertEqual(begin(5), begin(5))
+                self.assertNotEqual(begin(5), begin(6))
 
     def assert_fails(self, disturbance, evidence):
         run = self.start("--stops", "3", program=("-c", WITH % disturbance))
