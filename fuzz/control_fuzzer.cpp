@@ -1,4 +1,5 @@
-// Sends the agent's control socket any lines and reads what it answers.
+// Has an agent answer any lines as on its control socket, without the socket, and reads any
+// answers.
 #include "tests/agent/control/any_control_line.h"
 
 #include <cstddef>
