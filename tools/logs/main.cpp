@@ -117,8 +117,9 @@ CLI::App& declarePrune(CLI::App& app, Options& options) {
   addLimit(prune, "--keep", options.limits.files, parseCount, "200", "How many files stay");
   addLimit(prune, "--max-age", options.limits.age, parseSpan, "30d, 12h",
            "How long after its last line a file stays");
-  addLimit(prune, "--max-size", options.limits.bytes, parseSize, "200M, 1G",
-           "How much all files may take together");
+  addLimit(
+      prune, "--max-size", options.limits.bytes, parseSize, "200M, 1G",
+      "How much all files may take together, in bytes,\nK (1024 bytes), M (1024 K) or G (1024 M)");
   prune.add_flag("-n,--dry-run", options.dryRun, "Only say what would be removed");
   prune.add_flag("-v,--verbose", options.verbose, "Say what is removed");
   prune.callback([&options] {
