@@ -18,7 +18,7 @@ namespace error = platform::error;
 
 // The agent sent a session log id that is empty or too long. There is no system error for it.
 constexpr std::int32_t kBadSessionLogId = -501;
-// Each line of the log carries the id. Bytes.
+// Intentional: a longer id is refused, since each line of the log carries it. Bytes.
 constexpr std::uint32_t kLongestSessionLogId = 1024;
 
 }  // namespace
@@ -35,6 +35,16 @@ void EventListener::run() {
   } catch (const std::exception& failure) {
     logError(kNoError, "Server thread failed: %s", failure.what());
     publish(error::kGenFailure);
+    endRequests();
+  }
+}
+
+// Nobody else would: a request that waits for a card learns that none will come.
+void EventListener::endRequests() {
+  try {
+    handler_.agentLost();
+  } catch (const std::exception& failure) {
+    logError(kNoError, "Failed to end requests: %s", failure.what());
   }
 }
 

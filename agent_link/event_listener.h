@@ -48,6 +48,7 @@ class EventListener {
   enum class Awaited { kRequest, kNobody, kStop };
 
   void run();
+  void endRequests();
   // Makes a code the result and returns it.
   std::uint32_t publish(std::uint32_t code) ZELTA_EXCLUDES(waiting_.mutex());
   Awaited awaitInsertionRequest() ZELTA_EXCLUDES(waiting_.mutex());

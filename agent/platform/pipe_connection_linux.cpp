@@ -67,7 +67,9 @@ SocketConnection::SocketConnection(platform::ScopedFd socket)
 void SocketConnection::cancel() {
   cancelled_ = true;
   cancel_.stop();
-  shutdown(socket_.get(), SHUT_RD);  // ends a read that sleeps
+  // Ends a read that sleeps. The driver notices now, not when the last descriptor of the socket is
+  // closed, and still reads what it was sent.
+  shutdown(socket_.get(), SHUT_RDWR);
 }
 
 SocketConnection::Waited SocketConnection::waitFor(

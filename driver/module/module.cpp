@@ -7,7 +7,6 @@
 #include "driver/request/entry_point.h"
 #include "driver/request/module_reference.h"
 #include "framework/com_object.h"
-#include "platform/process/never_destroyed.h"
 #include "platform/sync/sync.h"
 
 namespace zelta {
@@ -24,9 +23,6 @@ struct ClassEntry {
 framework::IClassFactory* createDriverFactory() { return framework::createObject<ClassFactory>(); }
 
 constexpr ClassEntry kClasses[] = {{kDriverClassId, createDriverFactory}};
-
-// Serialises the questions whether the module may go: two must not shut the logger down at once.
-platform::NeverDestroyed<platform::Mutex> unloadMutex;
 
 framework::HRESULT answerWhetherUnused() {
   return ModuleReference::any() ? framework::kFalse : framework::kOk;
@@ -55,7 +51,7 @@ framework::HRESULT getClassObject(framework::REFCLSID classId, framework::REFIID
 }
 
 framework::HRESULT canUnload() {
-  const platform::MutexLock lock(unloadMutex.get());
+  const platform::MutexLock lock(ModuleReference::unloadMutex());
   // Intentional: no timed section without a logger, since it would make one only to be shut down.
   if (!hasLogger()) return answerWhetherUnused();
   const framework::HRESULT result = runEntryPoint("DllCanUnloadNow", answerWhetherUnused);

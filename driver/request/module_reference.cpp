@@ -3,16 +3,20 @@
 #include <exception>
 
 #include "diagnostics/log_output.h"
+#include "platform/process/never_destroyed.h"
 
 namespace zelta {
 
+platform::Mutex& ModuleReference::unloadMutex() {
+  static platform::NeverDestroyed<platform::Mutex> mutex;
+  return mutex.get();
+}
+
 void ModuleReference::unlock() noexcept {
-  std::uint32_t count = count_.load(std::memory_order_acquire);
-  do {
-    // If it fails, the logger goes on and keeps the module mapped.
-    if (count == 1) static_cast<void>(endLogging());
-  } while (!count_.compare_exchange_weak(count, count - 1, std::memory_order_acq_rel,
-                                         std::memory_order_acquire));
+  const platform::MutexLock lock(unloadMutex());
+  // If it fails, the logger goes on and keeps the module mapped.
+  if (count_.load(std::memory_order_acquire) == 1) static_cast<void>(endLogging());
+  count_.fetch_sub(1, std::memory_order_acq_rel);
 }
 
 bool endLogging() noexcept {

@@ -8,6 +8,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "platform/sync/sync.h"
+
 namespace zelta {
 
 // A member of every object that keeps the module loaded; `lock` and `unlock` do the same. The
@@ -22,8 +24,11 @@ class ModuleReference {
 
   static void lock() { count_.fetch_add(1, std::memory_order_relaxed); }
   // The last reference counts until the logger has ended: `any` does not say no before.
-  static void unlock() noexcept;
+  static void unlock() noexcept ZELTA_EXCLUDES(unloadMutex());
   static bool any() { return count_.load(std::memory_order_acquire) != 0; }
+  // Held while the logger is ended, and by whoever asks whether there is one to end: two must not
+  // end it at once, and a question must not make a new one.
+  static platform::Mutex& unloadMutex();
 
  private:
   static inline std::atomic<std::uint32_t> count_{0};

@@ -155,6 +155,18 @@ class BoundedWaits : public SerialisingLink {
   }
 };
 
+TEST_F(BoundedWaits, LateAnswerWhoseAgentLeavesAtTheNextCommand_IsNotTakenForItsAnswer) {
+  connect(200ms);
+  auto late = beginCheck();
+  expectCommand(AgentCommand::kQueryAtr);
+  EXPECT_EQ(late.get(), QueryResult::kTimeout);
+  answer({0x3B, 0x00});
+  auto next = beginCheck();
+  EXPECT_EQ(pipes_.clientRead(command_, 1).size(), 1u);
+  pipes_.closeClient(command_);
+  EXPECT_EQ(next.get(), QueryResult::kFailure);
+}
+
 TEST_F(BoundedWaits, TimeOutThatComesJustBeforeACall_EndsIt) {
   connect(300ms);
   gaps_.holdNext(Call::kRead, "command0");

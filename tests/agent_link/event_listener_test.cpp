@@ -3,6 +3,7 @@
 #include "agent_link/event_listener.h"
 
 #include "contract/attributes.h"
+#include "contract/status.h"
 #include "contract/wire.h"
 #include "tests/agent_link/events_test.h"
 #include "tests/support/system.h"
@@ -209,6 +210,20 @@ TEST_F(EventListenerTest, InsertionRequest_IsWaitedForAgainAfterTheLossOfTheAgen
   EXPECT_TRUE(log_.waitFor("Failed to wait for card insertion request"));
 }
 
+TEST_F(EventListenerTest, ServerThreadThatThrows_EndsTheRequestsThatWait) {
+  std::atomic<bool> fails{false};
+  device_.onLock = [&fails] {
+    if (fails.exchange(false)) throw std::runtime_error("no lock");
+  };
+  FakeRequest& request = connectWithoutCard();
+  fails = true;
+  agent_.events().close();
+  ASSERT_TRUE(request.waitCompleted());
+  EXPECT_EQ(request.status(), status::kCancelled);
+  stop();
+  EXPECT_TRUE(log_.contains(error(kNoError, "Server thread failed: no lock")));
+}
+
 TEST_F(EventListenerTest, ServerThreadThatThrows_IsLoggedAndTheProcessGoesOn) {
   connectWithoutCard();
   device_.failLock(true);
@@ -216,6 +231,7 @@ TEST_F(EventListenerTest, ServerThreadThatThrows_IsLoggedAndTheProcessGoesOn) {
   ASSERT_TRUE(log_.waitFor("Server thread failed: no lock"));
   device_.failLock(false);
   EXPECT_TRUE(log_.contains(error(kNoError, "Server thread failed: no lock")));
+  EXPECT_TRUE(log_.contains(error(kNoError, "Failed to end requests: no lock")));
   // What it does last is logged before the result is there.
   std::uint32_t result = 0;
   for (const auto begin = std::chrono::steady_clock::now();

@@ -802,12 +802,11 @@ MUTATIONS = (
              doc="threads: last reference"),
     Mutation("reference-given-up-first", "the last reference counts until the logger has ended",
              "driver/request/module_reference.cpp",
-             "    if (count == 1) static_cast<void>(endLogging());\n"
-             "  } while (!count_.compare_exchange_weak(count, count - 1, std::memory_order_acq_rel,\n"
-             "                                         std::memory_order_acquire));",
-             "  } while (!count_.compare_exchange_weak(count, count - 1, std::memory_order_acq_rel,\n"
-             "                                         std::memory_order_acquire));\n"
-             "  if (count == 1) static_cast<void>(endLogging());",
+             "  const platform::MutexLock lock(unloadMutex());\n"
+             "  // If it fails, the logger goes on and keeps the module mapped.\n"
+             "  if (count_.load(std::memory_order_acquire) == 1) static_cast<void>(endLogging());\n"
+             "  count_.fetch_sub(1, std::memory_order_acq_rel);",
+             "  if (count_.fetch_sub(1) == 1) static_cast<void>(endLogging());",
              "driver_test", "Module*", doc="threads: counted until joined"),
     Mutation("logger-ended-by-destructor", "nothing is left for global destructors to do",
              "diagnostics/logging_facade.cpp",

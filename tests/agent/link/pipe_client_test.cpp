@@ -320,6 +320,16 @@ TEST_F(UnopenedPipes, WaitForChange_EndsByItsLimitAndByCancel) {
 }
 
 #if !defined(_WIN32)
+// A process that was forked meanwhile would keep it open.
+TEST_F(ConnectedPipes, Cancel_EndsTheConnectionForTheDriverWhileTheSocketIsOpen) {
+  EXPECT_EQ(post(7), IoResult::kDone);
+  events_->cancel();
+  commands_->cancel();
+  EXPECT_EQ(driver_.readEvent(), 7u);
+  EXPECT_EQ(driver_.readEvent(), std::nullopt);
+  EXPECT_EQ(driver_.readAnswerLength(), std::nullopt);
+}
+
 TEST_F(UnopenedPipes, PipeThatIsCreated_EndsTheWait) {
   port_->watch({commandPipeName(0)});
   auto waited = std::async(std::launch::async, [this] { port_->waitForChange(std::nullopt); });
