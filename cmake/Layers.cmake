@@ -22,8 +22,8 @@ set(ZELTA_LAYERS
 # Headers of the build, in no folder of the sources.
 set(ZELTA_GENERATED_HEADERS zelta_build_version.h)
 
-# Headers in angle brackets that end in .h belong to the operating system or to a library. These
-# folders and files may include any; the others only what the list after it names.
+# Headers in angle brackets that end in .h or .hpp belong to the operating system or to a library.
+# These folders and files may include any; the others only what the list after it names.
 set(ZELTA_SYSTEM_PLACES
   platform agent/platform tools/setup
   tools/logs/log_folder tools/logs/main tools/logs/prune
@@ -34,7 +34,10 @@ set(ZELTA_LIBRARY_HEADERS
   "logging:fmt/.*"
   "pcsc:ifdhandler|reader"
   "agent/card:libcacard|nss|cert|pk11pub|prerror|secerr|winscard"
+  "agent/control:nlohmann/json"
   "agent/library:zelta/agent"
-  "agent/program:fmt/.*"
-  "tools/logs:fmt/.*"
+  "agent/program:fmt/.*|CLI/CLI"
+  "agent/trace:nlohmann/json"
+  "tools/logs:fmt/.*|nlohmann/json"
+  "tools/trace:nlohmann/json"
 )

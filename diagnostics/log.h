@@ -9,14 +9,7 @@
 #include <cstdint>
 
 #include "logging/level.h"
-
-#if defined(__GNUC__) && defined(__MINGW32__)
-#define ZELTA_PRINTF(text, first) __attribute__((format(gnu_printf, text, first)))
-#elif defined(__GNUC__)
-#define ZELTA_PRINTF(text, first) __attribute__((format(printf, text, first)))
-#else
-#define ZELTA_PRINTF(text, first)
-#endif
+#include "platform/process/printf_format.h"
 
 namespace zelta {
 

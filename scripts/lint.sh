@@ -6,12 +6,13 @@ source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 usage() {
   cat <<'EOT'
-Usage: scripts/lint.sh [--product | FILE...]
+Usage: scripts/lint.sh [--product | --tests | FILE...]
 
 Runs clang-tidy on every source, those for Windows included, or only on those
 that are named.
 
   --product      no tests, benchmarks or fuzzers
+  --tests        these only
   -h, --help     this text
 EOT
 }
@@ -24,6 +25,9 @@ case "${1:-}" in
     ;;
   --product)
     mapfile -t sources < <(git ls-files '*.cpp' ':!tests/' ':!benchmarks/' ':!fuzz/')
+    ;;
+  --tests)
+    mapfile -t sources < <(git ls-files 'tests/*.cpp' 'benchmarks/*.cpp' 'fuzz/*.cpp')
     ;;
   -*) die_usage "lint takes no '$1'; see scripts/lint.sh --help" ;;
   "") mapfile -t sources < <(git ls-files '*.cpp') ;;

@@ -64,6 +64,8 @@ class Layers(unittest.TestCase):
         self.assert_refused("reader/reader.h", "#include <poll.h>", "<poll.h> belongs to platform/")
         self.assert_refused("agent/link/connector.cpp", "#include <sys/socket.h>",
                             "<sys/socket.h> belongs to platform/")
+        self.assert_refused("reader/reader.h", "#  include <nlohmann/json.hpp>",
+                            "<nlohmann/json.hpp> belongs to platform/")
         self.assert_refused("pcsc/channel.cpp", "#include <winscard.h>",
                             "<winscard.h> belongs to platform/")
         self.assert_refused("tools/logs/record.cpp", "#include <unistd.h>",
@@ -79,8 +81,9 @@ class Layers(unittest.TestCase):
         self.assert_refused("driver/driver.cpp", "#include <vector>", "belongs to no layer")
 
     def test_question_for_the_operating_system_is_refused_outside_platform(self):
-        self.assert_refused("driver/device/my_device.cpp", "#ifdef _WIN32",
-                            "asks for the operating system: #ifdef _WIN32")
+        for macro in "_WIN32", "__linux__", "__unix__", "__MINGW32__", "_MSC_VER":
+            self.assert_refused("driver/device/my_device.cpp", f"#ifdef {macro}",
+                                f"asks for the operating system: #ifdef {macro}")
 
     def test_header_of_no_layer_is_refused(self):
         self.assert_refused("reader/reader.h", '#include "tests/support/temp_folder.h"',
