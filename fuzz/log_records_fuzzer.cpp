@@ -1,5 +1,5 @@
 // Shows any bytes as a log, in every look.
-#include "tests/tools/any_log.h"
+#include "tests/tools/logs/any_log.h"
 
 #include <cstddef>
 #include <cstdint>

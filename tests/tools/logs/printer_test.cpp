@@ -4,7 +4,7 @@
 
 #include <regex>
 
-#include "tests/tools/log_lines.h"
+#include "tests/tools/logs/log_lines.h"
 
 namespace zelta::logs {
 namespace {

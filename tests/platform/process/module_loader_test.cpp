@@ -18,7 +18,7 @@ TEST(ModuleLoaderTest, MissingFileGivesTheReason) {
 
 TEST(ModuleLoaderTest, ExportsAreFoundByName) {
   std::string reason;
-  const ModuleHandle module = openModule(FAKE_OLD_DRIVER, &reason);
+  const ModuleHandle module = openModule(ZELTA_MODULE, &reason);
   ASSERT_NE(module, nullptr) << reason;
   EXPECT_NE(moduleSymbol(module, "DllCanUnloadNow"), nullptr);
   EXPECT_EQ(moduleSymbol(module, "NoSuchExport"), nullptr);
@@ -27,25 +27,25 @@ TEST(ModuleLoaderTest, ExportsAreFoundByName) {
 
 TEST(ModuleLoaderTest, ModuleIsMappedUntilTheLastHandleIsClosed) {
   std::string reason;
-  const ModuleHandle first = openModule(FAKE_OLD_DRIVER, &reason);
-  const ModuleHandle second = openModule(FAKE_OLD_DRIVER, &reason);
+  const ModuleHandle first = openModule(ZELTA_MODULE, &reason);
+  const ModuleHandle second = openModule(ZELTA_MODULE, &reason);
   ASSERT_TRUE(first != nullptr && second != nullptr) << reason;
   EXPECT_TRUE(closeModule(first, &reason));
-  EXPECT_TRUE(test::isMapped(FAKE_OLD_DRIVER));
+  EXPECT_TRUE(test::isMapped(ZELTA_MODULE));
   EXPECT_TRUE(closeModule(second, &reason));
-  EXPECT_FALSE(test::isMapped(FAKE_OLD_DRIVER));
+  EXPECT_FALSE(test::isMapped(ZELTA_MODULE));
 }
 
 TEST(ModuleLoaderTest, ModuleIsFoundByAnAddressInItAndStaysUntilThatHandleIsClosed) {
   std::string reason;
-  const ModuleHandle module = openModule(FAKE_OLD_DRIVER, &reason);
+  const ModuleHandle module = openModule(ZELTA_MODULE, &reason);
   ASSERT_NE(module, nullptr) << reason;
   ScopedModule again(openModuleOf(moduleSymbol(module, "DllCanUnloadNow")));
   ASSERT_TRUE(again);
   EXPECT_TRUE(closeModule(module, &reason)) << reason;
-  EXPECT_TRUE(test::isMapped(FAKE_OLD_DRIVER));
+  EXPECT_TRUE(test::isMapped(ZELTA_MODULE));
   again.reset();
-  EXPECT_FALSE(test::isMapped(FAKE_OLD_DRIVER));
+  EXPECT_FALSE(test::isMapped(ZELTA_MODULE));
 }
 
 TEST(ModuleLoaderTest, NoModuleIsFoundByAnAddressInNone) {

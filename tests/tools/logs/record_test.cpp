@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/tools/log_lines.h"
+#include "tests/tools/logs/log_lines.h"
 
 namespace zelta::logs {
 namespace {
