@@ -12,10 +12,10 @@
 #include "contract/io_controls.h"
 #include "contract/reader_states.h"
 #include "contract/wire.h"
+#include "tests/doubles/logging/log_capture.h"
 #include "tests/doubles/pipes/forwarding_pipes.h"
 #include "tests/doubles/pipes/scripted_pipes.h"
 #include "tests/doubles/request/fake_request.h"
-#include "tests/support/log_capture.h"
 #include "tests/support/numbers.h"
 
 namespace zelta::test {

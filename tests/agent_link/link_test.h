@@ -10,9 +10,9 @@
 
 #include "agent_link/pipe_reader.h"
 #include "contract/bytes.h"
+#include "tests/doubles/logging/log_capture.h"
 #include "tests/doubles/pipes/forwarding_pipes.h"
 #include "tests/doubles/request/fake_request.h"
-#include "tests/support/log_capture.h"
 #include "tests/support/numbers.h"
 #include "tests/support/shared.h"
 #include "tests/support/temp_folder.h"

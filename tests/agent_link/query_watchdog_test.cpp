@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "tests/support/log_capture.h"
+#include "tests/doubles/logging/log_capture.h"
 
 namespace zelta::test {
 namespace {

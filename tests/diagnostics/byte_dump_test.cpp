@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/recording_logger.h"
+#include "tests/doubles/logging/recording_logger.h"
 
 namespace zelta {
 namespace {

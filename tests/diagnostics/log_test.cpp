@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "tests/support/log_capture.h"
+#include "tests/doubles/logging/log_capture.h"
 
 namespace zelta {
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "platform/sync/clock.h"
-#include "tests/support/log_capture.h"
+#include "tests/doubles/logging/log_capture.h"
 
 namespace zelta {
 namespace {

@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "tests/support/log_capture.h"
+#include "tests/doubles/logging/log_capture.h"
 
 namespace zelta {
 namespace {

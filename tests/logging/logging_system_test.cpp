@@ -5,10 +5,10 @@
 #include <string>
 
 #include "logging/registry_change_notifier.h"
+#include "tests/doubles/logging/recording_logger.h"
 #include "tests/doubles/registry/counting_registry.h"
 #include "tests/support/logging_ports.h"
 #include "tests/support/own_registry.h"
-#include "tests/support/recording_logger.h"
 
 namespace zelta::logging {
 namespace {

@@ -8,9 +8,9 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tests/doubles/logging/recording_logger.h"
 #include "tests/support/collected.h"
 #include "tests/support/logging_ports.h"
-#include "tests/support/recording_logger.h"
 
 namespace zelta {
 namespace {

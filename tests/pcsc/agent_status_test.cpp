@@ -4,7 +4,7 @@
 
 #include "contract/control.h"
 #include "platform/files/scoped_fd_linux.h"
-#include "tests/pcsc/control_double.h"
+#include "tests/doubles/agent/control_double.h"
 #include "tests/support/pipes/raw_socket_linux.h"
 #include "tests/support/temp_folder.h"
 

@@ -4,8 +4,8 @@
 #include <thread>
 
 #include "contract/control.h"
+#include "tests/doubles/agent/control_double.h"
 #include "tests/pcsc/channel_fixture.h"
-#include "tests/pcsc/control_double.h"
 #include "tests/pcsc/handler_fixture.h"
 
 namespace zelta::pcsc {

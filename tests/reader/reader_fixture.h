@@ -9,9 +9,9 @@
 #include <ostream>
 
 #include "contract/reader_states.h"
+#include "tests/doubles/logging/log_capture.h"
+#include "tests/doubles/reader/scripted_reader.h"
 #include "tests/doubles/request/fake_request.h"
-#include "tests/reader/scripted_reader.h"
-#include "tests/support/log_capture.h"
 #include "tests/support/numbers.h"
 
 namespace zelta::test {
@@ -37,6 +37,10 @@ inline Answer answered(const Bytes& bytes) { return {0, bytes.size(), bytes}; }
 
 class ReaderFixture : public testing::Test {
  protected:
+  ReaderFixture() {
+    device_.onCancel = [this](IoRequest& request) { reader_.IoCancelRequest(&request); };
+  }
+
   using Records = std::vector<LogRecord>;
   using Handler = void (Reader::*)(IoRequest*, std::size_t, std::size_t);
 
@@ -64,7 +68,7 @@ class ReaderFixture : public testing::Test {
 
   LogCapture log_;
   FakeReaderDevice device_;
-  ScriptedReader reader_{&device_, 3};
+  ScriptedReader reader_{3, &device_};
 };
 
 }  // namespace zelta::test

@@ -11,7 +11,7 @@ using testing::ElementsAre;
 
 TEST(ReaderConstruction, WithoutDevice_Throws) {
   try {
-    const ScriptedReader reader(nullptr);
+    const ScriptedReader reader(0, nullptr);
     FAIL() << "a reader without a device";
   } catch (const std::invalid_argument& failure) {
     EXPECT_STREQ(failure.what(), "Cannot create reader. Device is invalid.");

@@ -2,9 +2,9 @@
 #pragma once
 
 #include "tests/doubles/clock/simulated_clock.h"
+#include "tests/doubles/ports/fake_events.h"
+#include "tests/doubles/ports/fake_folders.h"
 #include "tests/doubles/registry/fake_registry.h"
-#include "tests/support/fake_events.h"
-#include "tests/support/fake_folders.h"
 #include "tests/support/scoped_port.h"
 
 namespace zelta::test {

@@ -8,59 +8,27 @@
 #include <vector>
 
 #include "contract/io_controls.h"
-#include "contract/reader_states.h"
 #include "contract/status.h"
 #include "diagnostics/traced_lock.h"
 #include "driver/device/my_device.h"
-#include "reader/reader.h"
 #include "tests/doubles/framework/fake_framework.h"
-#include "tests/support/fake_winsock.h"
+#include "tests/doubles/logging/log_capture.h"
+#include "tests/doubles/ports/fake_winsock.h"
+#include "tests/doubles/reader/scripted_reader.h"
 #include "tests/support/fuzz_input.h"
-#include "tests/support/log_capture.h"
 
 namespace zelta::test {
 
-// What the card says until further notice.
-struct PlayedCard {
-  bool in = false;
-  Bytes atr{0x3B, 0x00};
-  Bytes response{0x90, 0x00};
-};
-
-class PlayedReader final : public Reader {
+class PlayedReader final : public ScriptedReader {
  public:
-  PlayedReader(std::uint32_t index, ReaderDevice* owner, PlayedCard& card)
-      : Reader(index, owner), card_(card) {}
+  using ScriptedReader::ScriptedReader;
 
-  QueryResult QueryTransmit(const Bytes&, ResponseBuffer& response) override {
-    response.assign(card_.response.data(), card_.response.size());
-    return result();
-  }
-  QueryResult QueryAtr(Bytes& atr, bool) override {
-    atr = card_.atr;
-    return result();
-  }
-  QueryResult CheckATR() override { return result(); }
-  bool NotifyCardReady() override { return card_.in; }
-  std::uint32_t serverThread() override { return 0; }
   void endExchanges() noexcept override { markAbsentForGood(); }
   void shutdown() override {
     const TracedLock lock("test", waiting().deviceLock(), __LINE__);
     waiting().completeAll(CardEvent::kInserted, status::kCancelled);
     waiting().completeAll(CardEvent::kRemoved, status::kCancelled);
   }
-
-  void report(CardEvent event) {
-    const TracedLock lock("test", waiting().deviceLock(), __LINE__);
-    waiting().note(event);
-    setState(event == CardEvent::kInserted ? SCARD_SWALLOWED : SCARD_ABSENT);
-    waiting().completeAll(event, status::kSuccess);
-  }
-
- private:
-  QueryResult result() const { return card_.in ? QueryResult::kSuccess : QueryResult::kTimeout; }
-
-  PlayedCard& card_;
 };
 
 class AnyRequests {
@@ -89,8 +57,7 @@ class AnyRequests {
   void bringUp() {
     require(CMyDevice::CreateInstance(&framework_.driver, &framework_.init,
                                       [this](std::uint32_t index, ReaderDevice* device) {
-                                        auto made =
-                                            std::make_unique<PlayedReader>(index, device, card_);
+                                        auto made = std::make_unique<PlayedReader>(index, device);
                                         reader_ = made.get();
                                         return made;
                                       }) == status::kSuccess,
@@ -99,22 +66,34 @@ class AnyRequests {
     require(framework_.enterD0() == status::kSuccess, "the working state is entered");
   }
 
+  // The next reader's card is the former one's.
+  void showCard() {
+    if (reader_ == nullptr) return;
+    const QueryResult result = cardIn_ ? QueryResult::kSuccess : QueryResult::kTimeout;
+    reader_->transmitResult = reader_->atrResult = result;
+    reader_->checkResult = result;
+    reader_->notifyResult = cardIn_;
+    reader_->atr = atr_;
+    reader_->transmitResponse = response_;
+  }
+
   void step() {
+    showCard();
     switch (input_.byte() % 12) {
       case 0:
-        card_.in = !card_.in;
+        cardIn_ = !cardIn_;
         if (reader_ != nullptr) {
-          reader_->report(card_.in ? CardEvent::kInserted : CardEvent::kRemoved);
+          reader_->report(cardIn_ ? CardEvent::kInserted : CardEvent::kRemoved);
         }
         break;
       case 1:  // unnoticed
-        card_.in = !card_.in;
+        cardIn_ = !cardIn_;
         break;
       case 2:
-        card_.atr = input_.bytes(input_.byte() % 40);
+        atr_ = input_.bytes(input_.byte() % 40);
         break;
       case 3:
-        card_.response = input_.bytes(input_.byte());
+        response_ = input_.bytes(input_.byte());
         break;
       case 4:
         cancel();
@@ -233,7 +212,10 @@ class AnyRequests {
   FuzzInput input_;
   const LogCapture log_;
   FakeWinsock winsock_;
-  PlayedCard card_;
+  // What the card says until further notice.
+  bool cardIn_ = false;
+  Bytes atr_{0x3B, 0x00};
+  Bytes response_{0x90, 0x00};
   FakeFramework framework_;
   PlayedReader* reader_ = nullptr;  // the device's; null outside the working state
   std::vector<FakeWdfRequest*> requests_;

@@ -12,9 +12,9 @@
 #include "contract/status.h"
 #include "driver/device/my_device.h"
 #include "tests/doubles/framework/fake_framework.h"
-#include "tests/driver/device/recording_reader.h"
-#include "tests/support/fake_winsock.h"
-#include "tests/support/log_capture.h"
+#include "tests/doubles/logging/log_capture.h"
+#include "tests/doubles/ports/fake_winsock.h"
+#include "tests/doubles/reader/recording_reader.h"
 
 namespace zelta::test {
 

@@ -9,8 +9,8 @@
 #include "diagnostics/log_output.h"
 #include "driver/request/module_reference.h"
 #include "tests/doubles/framework/fake_framework.h"
-#include "tests/support/fake_winsock.h"
-#include "tests/support/log_capture.h"
+#include "tests/doubles/logging/log_capture.h"
+#include "tests/doubles/ports/fake_winsock.h"
 
 namespace zelta {
 namespace {

@@ -10,7 +10,7 @@
 #include <regex>
 #include <string>
 
-#include "tests/support/log_capture.h"
+#include "tests/doubles/logging/log_capture.h"
 #include "tests/support/temp_folder.h"
 
 namespace zelta {

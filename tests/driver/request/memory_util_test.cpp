@@ -7,8 +7,8 @@
 #include <type_traits>
 
 #include "contract/status.h"
+#include "tests/doubles/logging/log_capture.h"
 #include "tests/doubles/request/fake_request.h"
-#include "tests/support/log_capture.h"
 
 namespace zelta {
 namespace {

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "tests/support/fake_folders.h"
+#include "tests/doubles/ports/fake_folders.h"
 
 namespace zelta::platform {
 namespace {

@@ -1,4 +1,4 @@
-#include "tests/support/log_capture.h"
+#include "tests/doubles/logging/log_capture.h"
 
 #include <algorithm>
 #include <condition_variable>

@@ -10,16 +10,12 @@
 #include "contract/status.h"
 #include "diagnostics/traced_lock.h"
 #include "reader/reader.h"
-#include "tests/doubles/request/fake_reader_device.h"
 
 namespace zelta::test {
 
-class ScriptedReader final : public Reader {
+class ScriptedReader : public Reader {
  public:
-  explicit ScriptedReader(FakeReaderDevice* owner, std::uint32_t unit = 0) : Reader(unit, owner) {
-    // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage): the base has refused a null device
-    owner->onCancel = [this](IoRequest& request) { IoCancelRequest(&request); };
-  }
+  using Reader::Reader;
 
   QueryResult QueryTransmit(const Bytes& command, ResponseBuffer& response) override {
     commands.push_back(command);
