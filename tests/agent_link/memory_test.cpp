@@ -1,35 +1,10 @@
-// Lengths for which there is no memory: a failed query, not an ended process. This program's own
-// operator new refuses blocks above a limit.
+// Lengths for which there is no memory: a failed query, not an ended process.
 #include <gtest/gtest.h>
-
-#include <atomic>
-#include <cstdlib>
-#include <limits>
-#include <new>
 
 #include "contract/bytes.h"
 #include "platform/process/error.h"
 #include "tests/agent_link/scripted_link.h"
-
-namespace {
-
-constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
-std::atomic<std::size_t> largestBlock{kNoLimit};  // bytes
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  void* const block = size > largestBlock ? nullptr : std::malloc(size);
-  if (block == nullptr) throw std::bad_alloc();
-  return block;
-}
-
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return size > largestBlock ? nullptr : std::malloc(size);
-}
-
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+#include "tests/support/scarce_memory.h"
 
 namespace zelta::test {
 namespace {
@@ -38,16 +13,15 @@ using Records = std::vector<LogRecord>;
 
 constexpr std::uint32_t kNoMemory = platform::error::kNotEnoughMemory;
 constexpr std::uint32_t kAnnounced = 0xFFFFFFFF;
+constexpr std::size_t kOneBlock = 3 * PipeStream::kReadBlock / 2;  // and not two
 
 class Memory : public ScriptedLink {
  protected:
-  ~Memory() override { largestBlock = kNoLimit; }
-
   // The agent announces 4 GiB and sends three blocks of them; memory ends after the first.
-  void startWithLittleMemory() {
+  ScarceMemory startWithLittleMemory(std::size_t largest = kOneBlock) {
     startAccepted();
     agentAnswers(number(kAnnounced, Bytes(3 * PipeStream::kReadBlock)));
-    largestBlock = 3 * PipeStream::kReadBlock / 2;
+    return ScarceMemory::above(largest);
   }
 
   // The rest of the answer is still in the pipe. It must not be taken for another one.
@@ -65,7 +39,7 @@ class Memory : public ScriptedLink {
 };
 
 TEST_F(Memory, AtrThatDoesNotFitFailsTheQuery) {
-  startWithLittleMemory();
+  const auto memory = startWithLittleMemory();
   EXPECT_EQ(reader().QueryAtr(bytes_, true), QueryResult::kFailure);
   EXPECT_TRUE(bytes_.empty());
   EXPECT_EQ(log_.records(),
@@ -74,8 +48,7 @@ TEST_F(Memory, AtrThatDoesNotFitFailsTheQuery) {
 }
 
 TEST_F(Memory, AtrThatIsNotEvenBegunFailsTheCheck) {
-  startWithLittleMemory();
-  largestBlock = PipeStream::kReadBlock / 2;
+  const auto memory = startWithLittleMemory(PipeStream::kReadBlock / 2);
   EXPECT_EQ(reader().CheckATR(), QueryResult::kFailure);
   EXPECT_EQ(log_.records(),
             Records{error(kNoMemory, "[CheckATR]No memory for ATR of size 4294967295")});
@@ -87,14 +60,14 @@ TEST_F(Memory, AtrThatDoesNotFitIsCheckedNevertheless) {
   const std::uint32_t length = 3 * PipeStream::kReadBlock;
   agentAnswers(number(length, Bytes(length)));
   agentAnswers(number(2, {0x3B, 0x00}));
-  largestBlock = 3 * PipeStream::kReadBlock / 2;
+  const auto memory = ScarceMemory::above(kOneBlock);
   EXPECT_EQ(reader().CheckATR(), QueryResult::kSuccess);
   EXPECT_EQ(reader().QueryAtr(bytes_, false), QueryResult::kSuccess);
   EXPECT_EQ(bytes_, (Bytes{0x3B, 0x00}));
 }
 
 TEST_F(Memory, ResponseThatDoesNotFitFailsTheTransmit) {
-  startWithLittleMemory();
+  const auto memory = startWithLittleMemory();
   makeCardPresent();
   log_.clear();
   EXPECT_EQ(queryTransmit({0, 1, 2, 3}, bytes_), QueryResult::kFailure);
@@ -105,7 +78,7 @@ TEST_F(Memory, ResponseThatDoesNotFitFailsTheTransmit) {
 }
 
 TEST_F(Memory, ResponseThatDoesNotFitIsNotAcceptedOnceTheCardIsGone) {
-  startWithLittleMemory();
+  const auto memory = startWithLittleMemory();
   EXPECT_EQ(queryTransmit({0, 1, 2, 3}, bytes_), QueryResult::kSuccess);
   EXPECT_EQ(bytes_, (Bytes{0x69, 0x01}));
   expectConnectionEnded();
@@ -117,7 +90,7 @@ TEST_F(Memory, LongSessionLogIdIsReadWithLittleMemory) {
   const Bytes id = number(2, number(PipeStream::kReadBlock, Bytes(PipeStream::kReadBlock)));
   agentReports(id);
   agentReports(number(7));
-  largestBlock = 64 * 1024;
+  const auto memory = ScarceMemory::above(64 * 1024);
   waitForInsertion();
   ASSERT_TRUE(log_.waitFor("Unknown event received:7"));
   EXPECT_TRUE(log_.contains(error(static_cast<std::uint32_t>(-501),
@@ -128,7 +101,7 @@ TEST_F(Memory, LongSessionLogIdIsReadWithLittleMemory) {
 // What has not arrived is not allocated: one block more than what came.
 TEST_F(Memory, AnnouncedLengthIsNotTakenAtItsWord) {
   startAccepted();
-  largestBlock = 3 * PipeStream::kReadBlock / 2;
+  const auto memory = ScarceMemory::above(kOneBlock);
   pipes_.fail(PipeCallKind::kRead, platform::error::kBrokenPipe, 2, 1);
   agentAnswers(number(kAnnounced));
   EXPECT_EQ(reader().QueryAtr(bytes_, true), QueryResult::kFailure);

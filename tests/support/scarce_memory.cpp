@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
+#include <limits>
 #include <new>
 
 namespace zelta::test {
@@ -15,8 +17,11 @@ enum class Shortage { kNone, kCount, kSize };
 thread_local Shortage shortage = Shortage::kNone;
 thread_local std::size_t limit = 0;  // allocations left, or the size that fails
 thread_local bool failed = false;
+constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
+std::atomic<std::size_t> largest{kNoLimit};  // bytes that no thread may exceed
 
 bool fails(std::size_t size) noexcept {
+  if (size > largest) return true;
   switch (shortage) {
     case Shortage::kCount:
       if (limit == 0) return true;
@@ -54,7 +59,16 @@ ScarceMemory ScarceMemory::ofSize(std::size_t size) {
   return ScarceMemory();
 }
 
-ScarceMemory::~ScarceMemory() { shortage = Shortage::kNone; }
+ScarceMemory ScarceMemory::above(std::size_t size) {
+  failed = false;
+  largest = size;
+  return ScarceMemory();
+}
+
+ScarceMemory::~ScarceMemory() {
+  shortage = Shortage::kNone;
+  largest = kNoLimit;
+}
 
 bool ScarceMemory::ranOut() const { return failed; }
 

@@ -7,18 +7,20 @@
 
 namespace zelta::test {
 
-// Makes some of this thread's allocations fail until the scope ends.
+// Makes some allocations fail until the scope ends: of this thread, if nothing else is said.
 class ScarceMemory {
  public:
   // All after the next `allocations` ones fail.
   explicit ScarceMemory(int allocations);
   // Those of exactly `size` bytes fail.
   static ScarceMemory ofSize(std::size_t size);
+  // Those of more than `size` bytes fail, in every thread.
+  static ScarceMemory above(std::size_t size);
   ~ScarceMemory();
   ScarceMemory(const ScarceMemory&) = delete;
   ScarceMemory& operator=(const ScarceMemory&) = delete;
 
-  // Whether an allocation has failed.
+  // Whether an allocation of this thread has failed.
   bool ranOut() const;
 
  private:

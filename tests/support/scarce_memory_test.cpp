@@ -35,6 +35,14 @@ TEST(ScarceMemory, OfOneSize_FailsForThatSizeOnly) {
   EXPECT_TRUE(memory.ranOut());
 }
 
+TEST(ScarceMemory, AboveASize_FailsInEveryThread) {
+  const ScarceMemory memory = ScarceMemory::above(777);
+  std::thread([] {
+    EXPECT_NO_THROW(std::make_unique<char[]>(777));
+    EXPECT_EQ(::operator new(778, std::nothrow), nullptr);
+  }).join();
+}
+
 TEST(ScarceMemory, OtherThread_HasAmpleMemory) {
   std::thread other([] { EXPECT_NO_THROW(allocate(1)); });
   const ScarceMemory memory(0);
