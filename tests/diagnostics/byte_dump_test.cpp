@@ -24,7 +24,7 @@ struct Case {
 
 class ByteDump : public testing::TestWithParam<Case> {};
 
-TEST_P(ByteDump, IsTheseRecordsAtDebugLevel) {
+TEST_P(ByteDump, Bytes_AreWrittenAsDebugRecords) {
   test::RecordingLogger logger;
   writeByteDump(logger, GetParam().bytes.data(), GetParam().bytes.size(), GetParam().bytesPerLine);
   Lines expected;

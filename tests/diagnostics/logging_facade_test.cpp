@@ -40,7 +40,7 @@ struct DirectoryCase {
 
 class LogDirectory : public testing::TestWithParam<DirectoryCase> {};
 
-TEST_P(LogDirectory, IsResolved) {
+TEST_P(LogDirectory, FirstFolderThatTheSystemGives_IsTaken) {
   test::FakeFolders folders;
   folders.programDataPath = GetParam().programData;
   folders.temporaryPath = GetParam().temporary;

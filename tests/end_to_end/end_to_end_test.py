@@ -103,7 +103,7 @@ class EndToEnd(StackTest):
         self.stack.wait_for_card()
         self.sign_and_verify(certificate_ids()[0])
 
-    def test_agent_killed_and_started_again(self):
+    def test_agent_killed_and_started_again_brings_its_card_back(self):
         self.stack.start().wait_for_card()
         self.stack.agent.end(signal.SIGKILL)
         stack.wait_until(lambda: " No " in run("opensc-tool", "-l").stdout, "the removal")
@@ -111,7 +111,7 @@ class EndToEnd(StackTest):
         self.stack.wait_for_card()
         self.sign_and_verify(certificate_ids()[0])
 
-    def test_pcscd_started_again_under_a_running_agent(self):
+    def test_pcscd_started_again_under_a_running_agent_finds_the_card(self):
         self.stack.start().wait_for_card()
         for how in (signal.SIGTERM, signal.SIGINT, signal.SIGKILL):
             code, seconds = self.stack.pcscd.end(how)

@@ -19,8 +19,8 @@ NEEDS_MOUNTS = (
     "DebianInstallation.test_reader_and_service_user_work_after_installation",
     "DebianService.test_confined_agent_signs", "DebianUpgrade", "DocumentedInstallation",
     "DocumentedPages", "EndToEnd.test_every_key_signs_and_openssl_verifies",
-    "Examples.test_agent_on_one_page", "FullDisk", "GnupgPkcs11Scd", "OpenscTool", "PcscdEnd",
-    "ReadmePage", "ReaderComesBack",
+    "Examples.test_agent_on_one_page_answers_and_starts_again", "FullDisk", "GnupgPkcs11Scd",
+    "OpenscTool", "PcscdEnd", "ReadmePage", "ReaderComesBack",
     "Soak.test_each_disturbance_once_under_load_leaves_every_answer_right",
     "Ssh.test_wrong_pin_is_no_login", "Tstclnt", "ZeltaCommand.test_bad_use_is_refused")
 # What the sources and the build are in, if that is in the folder for temporary files.
@@ -56,11 +56,11 @@ class Restricted(unittest.TestCase):
         shutil.rmtree(mirror)
         self.assertEqual({entry.name for entry in temporary.iterdir()} - HIDDEN, set())
 
-    def test_without_the_right_to_mount(self):
+    def test_without_the_right_to_mount_tests_are_skipped_with_the_reason(self):
         self.run_part(self.folder, "setpriv", "--bounding-set=-sys_admin", "--inh-caps=-sys_admin",
                       reason="Operation not permitted")
 
-    def test_in_a_plain_chroot(self):
+    def test_in_a_plain_chroot_tests_are_skipped_with_the_reason(self):
         stack.unshare_mounts()
         for entry in pathlib.Path("/").iterdir():
             inside = self.folder / entry.name

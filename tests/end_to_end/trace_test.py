@@ -193,13 +193,13 @@ class Trace(CardTest):
         wait_until(lambda: PIN_DIGITS in saved.read_text(), "the PIN")
         trace.end(signal.SIGINT)
 
-    def test_count_ends_it(self):
+    def test_count_ends_the_trace_after_so_many_exchanges(self):
         trace, log = self.follow("--count", "1")
         self.run_here("opensc-tool", "--send-apdu", "00A4040007A0000000790100")
         self.assertEqual(trace.process.wait(stack.LIMIT), 0)
         self.assertEqual(len(re.findall(r" > ISO ", log.read_text())), 1)
 
-    def test_end_of_the_agent_ends_it(self):
+    def test_end_of_the_agent_ends_the_trace(self):
         trace, _ = self.follow()
         self.stack.agent.end()
         self.assertEqual(trace.process.wait(stack.LIMIT), 0)
@@ -314,7 +314,7 @@ class Page(StackTest):
         self.assertIn("4 APDUs, 1 of them refused", self.browser.evaluate(
             "return document.getElementById('summary').textContent;"))
 
-    def test_bar_opens(self):
+    def test_click_on_a_bar_opens_its_exchange(self):
         details = "return document.getElementById('details').textContent;"
         self.assertNotIn("VERIFY", self.browser.evaluate(details))
         self.browser.evaluate(

@@ -66,7 +66,7 @@ class Examples(stack.StackTest):
     def wait_for_card(self):
         wait_until(lambda: atr() is not None, "a card")
 
-    def test_agent_on_one_page(self):
+    def test_agent_on_one_page_answers_and_starts_again(self):
         self.stack.start_pcscd()
         agent = self.start(EXAMPLES / "hello_agent.py")
         self.wait_for_card()
@@ -77,7 +77,7 @@ class Examples(stack.StackTest):
         self.wait_for_card()
         self.assertEqual(send("00A4040000"), [HELLO])
 
-    def test_agent_with_a_yaml_file(self):
+    def test_agent_with_a_yaml_file_answers_as_it_says(self):
         self.stack.start_pcscd()
         self.start(EXAMPLES / "yaml_agent.py", EXAMPLES / "card.yaml")
         self.wait_for_card()

@@ -48,7 +48,7 @@ const Exchange kExchanges[] = {
 
 class ExchangeTest : public StartedHostTest, public ::testing::WithParamInterface<Exchange> {};
 
-TEST_P(ExchangeTest, EndsAsListedAndTheNextOneWorks) {
+TEST_P(ExchangeTest, Control_GivesItsResultAndTheNextOneWorks) {
   const IoResult result = control(GetParam().code, GetParam().input, GetParam().capacity);
   EXPECT_EQ(result.status, GetParam().result.status);
   EXPECT_EQ(result.information, GetParam().result.information);

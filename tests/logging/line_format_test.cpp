@@ -78,7 +78,9 @@ struct LineCase {
 
 class RecordLine : public testing::TestWithParam<LineCase> {};
 
-TEST_P(RecordLine, IsThisLine) { EXPECT_EQ(recordLine(GetParam().record), GetParam().line); }
+TEST_P(RecordLine, Record_IsWrittenInColumns) {
+  EXPECT_EQ(recordLine(GetParam().record), GetParam().line);
+}
 
 const std::string kTimeText = "2024-03-05T14:07:09.042Z ";
 const std::string kRest = kTimeText + "42       0f8fad5b-d9cb-469f-a165-70867728950e 0     ";

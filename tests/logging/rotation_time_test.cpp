@@ -23,7 +23,7 @@ struct Rule {
 
 class RotationMinutes : public testing::TestWithParam<Rule> {};
 
-TEST_P(RotationMinutes, HoldsFor) {
+TEST_P(RotationMinutes, Text_IsReadAsMinutes) {
   for (const Case& each : GetParam().cases) {
     EXPECT_EQ(rotationMinutes(each.text), each.minutes) << '"' << each.text << '"';
   }

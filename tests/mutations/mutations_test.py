@@ -116,7 +116,7 @@ class Rules(unittest.TestCase):
         for page in PAGES:
             self.rules.update(rules_of(page))
 
-    def test_lists_are_counted(self):
+    def test_each_item_of_a_list_is_a_rule(self):
         self.assertIn("wire-protocol: commands 9", self.rules)
         self.assertNotIn("wire-protocol: commands 10", self.rules)
         self.assertIn("wire-protocol: given up 3", self.rules)
@@ -124,17 +124,17 @@ class Rules(unittest.TestCase):
         self.assertIn("wire-protocol: effects 4", self.rules)
         self.assertNotIn("wire-protocol: effects 5", self.rules)
 
-    def test_each_has_a_mutation(self):
+    def test_each_rule_has_a_mutation(self):
         broken = {rule for mutation in MUTATIONS for rule in rules_broken_by(mutation)}
         self.assertEqual(sorted(set(self.rules) - broken - WINDOWS_ONLY), [])
 
-    def test_that_a_mutation_names_is_there(self):
+    def test_rule_that_a_mutation_names_is_on_its_page(self):
         for mutation in MUTATIONS:
             with self.subTest(mutation.name):
                 self.assertLessEqual(set(rules_broken_by(mutation)), set(self.rules))
         self.assertLessEqual(WINDOWS_ONLY, set(self.rules))
 
-    def test_are_named_in_each_section(self):
+    def test_each_section_names_its_rules(self):
         for page in PAGES:
             sections = set(sections_of(page)) - SECTIONS_WITHOUT_RULES
             self.assertLessEqual(sections, set(self.rules.values()), page)

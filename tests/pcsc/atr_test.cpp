@@ -38,7 +38,7 @@ const Case kCases[] = {
 
 class AtrTest : public testing::TestWithParam<Case> {};
 
-TEST_P(AtrTest, IsPossibleOrNot) {
+TEST_P(AtrTest, Bytes_PassOnlyIfTheyAddUpToAnAtr) {
   EXPECT_EQ(isPossibleAtr(GetParam().bytes), GetParam().possible) << hexText(GetParam().bytes);
 }
 

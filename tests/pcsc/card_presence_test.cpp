@@ -156,7 +156,7 @@ const Story kStories[] = {
 
 class CardPresenceStoryTest : public CardPresenceTest, public testing::WithParamInterface<Story> {};
 
-TEST_P(CardPresenceStoryTest, IsAsTold) { tell(GetParam().words); }
+TEST_P(CardPresenceStoryTest, EventsAndCalls_ShowTheCardAndEndPolls) { tell(GetParam().words); }
 
 INSTANTIATE_TEST_SUITE_P(Stories, CardPresenceStoryTest, testing::ValuesIn(kStories),
                          [](const auto& each) { return each.param.name; });

@@ -323,19 +323,20 @@ class PcscdRemovalDuringACommand(PcscdTest):
                          self.scard.SCARD_S_SUCCESS)
         self.assert_usable()
 
-    def test_with_an_empty_answer(self):
+    def test_with_an_empty_answer_ends_it_and_marks_the_handle(self):
         self.removal(lambda lost: lost.wait() and b"", lambda: self.agent.remove())
         self.agent.respond = lambda apdu: apdu + OK
         self.agent.insert()
         self.come_back()
 
-    def test_without_an_answer(self):  # the driver itself waits five seconds for one
+    def test_without_an_answer_ends_it_and_marks_the_handle(self):
+        # The driver itself waits five seconds for one.
         self.removal(lambda lost: None, lambda: self.agent.remove())
         self.agent.respond = lambda apdu: apdu + OK
         self.agent.insert()
         self.come_back()
 
-    def test_with_the_loss_of_the_agent(self):
+    def test_with_the_loss_of_the_agent_ends_it_and_marks_the_handle(self):
         self.removal(lambda lost: None, lambda: self.agent.die())
         self.start_agent(ATR)
         self.come_back()

@@ -83,7 +83,7 @@ const Revival kRevivals[] = {
 
 class RevivalTableTest : public RevivalTest, public testing::WithParamInterface<Revival> {};
 
-TEST_P(RevivalTableTest, AndTheCardIsShown) {
+TEST_P(RevivalTableTest, Reader_ServesInTheEndAndShowsItsCard) {
   record_->bringUpFailures = GetParam().bringUpFailures;
   const auto begun = Clock::now();
   open(GetParam().results);

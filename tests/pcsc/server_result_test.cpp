@@ -5,7 +5,7 @@
 namespace zelta::pcsc {
 namespace {
 
-TEST(ServerResultTest, CodesHaveTheirMeaning) {
+TEST(ServerResultTest, Code_IsToldWithItsReason) {
   EXPECT_EQ(serverResultText(2), "the folder of its pipes cannot be had (2)");
   EXPECT_EQ(serverResultText(4), "too many files are open (4)");
   EXPECT_EQ(serverResultText(5), "access to its pipes is denied (5)");

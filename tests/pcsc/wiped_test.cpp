@@ -37,17 +37,17 @@ class Wiped : public HandlerFixture {
   std::array<UCHAR, 258> answer_{};
 };
 
-TEST_F(Wiped, AnsweredCommand) {
+TEST_F(Wiped, AnsweredCommand_LeavesNoSecretInFreedMemory) {
   EXPECT_EQ(verify(), IFD_SUCCESS);
   EXPECT_EQ(length_, kVerifyHeader + kSecret.size() + 2);  // the command and 90 00
 }
 
-TEST_F(Wiped, CommandWhoseResponseIsTooLong) {
+TEST_F(Wiped, CommandWhoseResponseIsTooLong_LeavesNoSecretInFreedMemory) {
   capacity_ = 4;
   EXPECT_EQ(verify(), IFD_ERROR_INSUFFICIENT_BUFFER);
 }
 
-TEST_F(Wiped, CommandThatTheAgentDoesNotAnswer) {
+TEST_F(Wiped, CommandThatTheAgentDoesNotAnswer_LeavesNoSecretInFreedMemory) {
   agent_.respond([](const Bytes&) { return Bytes(); });
   EXPECT_NE(verify(), IFD_SUCCESS);
 }

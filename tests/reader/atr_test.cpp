@@ -77,7 +77,7 @@ struct AtrRow {
 
 class Atr : public testing::TestWithParam<AtrRow> {};
 
-TEST_P(Atr, GivesItsValues) {
+TEST_P(Atr, Bytes_GiveProtocolsRateAndFieldSize) {
   const AtrRow& row = GetParam();
   const AtrValues values = parseAtr(row.atr);
   EXPECT_EQ(values.availableProtocols, row.protocols);

@@ -50,7 +50,7 @@ def story(reader, problems, call, free):
 
 
 class DescriptorsRunOut(unittest.TestCase):
-    def test_at_each_step_of_each_call(self):
+    def test_at_each_step_of_each_call_and_the_reader_recovers(self):
         standstill.assert_good(self, story, list(itertools.product(CALLS, LEFT)))
 
 

@@ -93,35 +93,35 @@ class AgentOrPcscdStandsStill(unittest.TestCase):
                 for moment in ("before", CARD_TIME / 2, CARD_TIME + (index - 3.5) / 2000, "after")]
         standstill.assert_good(self, story, rows)
 
-    def test_in_a_connect(self):
+    def test_in_a_connect_and_the_reader_recovers(self):
         self.tell("connect")
 
-    def test_in_a_reset(self):
+    def test_in_a_reset_and_the_reader_recovers(self):
         self.tell("reset")
 
-    def test_in_a_transaction_that_ends_with_a_reset(self):
+    def test_in_a_transaction_that_ends_with_a_reset_and_the_reader_recovers(self):
         self.tell("transaction")
 
-    def test_in_a_transmit(self):
+    def test_in_a_transmit_and_the_reader_recovers(self):
         self.tell("transmit")
 
-    def test_in_a_swap_of_the_card(self):
+    def test_in_a_swap_of_the_card_and_the_reader_recovers(self):
         self.tell("presence")
 
-    def test_in_a_question_for_the_status(self):
+    def test_in_a_question_for_the_status_and_the_reader_recovers(self):
         self.tell("status")
 
 
 class SlowCard(unittest.TestCase):
     """A card that is near the limits, and a standstill that alone would do no harm."""
 
-    def test_card_of_4300_ms_beside_a_standstill_of_1500_ms(self):
+    def test_reader_recovers_from_a_standstill_of_1500_ms_beside_a_card_of_4300_ms(self):
         rows = [(who, "transmit", moment, 1.5, company, 4.3)
                 for who in ("agent", "pcscd") for moment in (0.001, 1.0, 2.9, 3.5, 4.2, 4.299)
                 for company in COMPANIES]
         standstill.assert_good(self, story, rows)
 
-    def test_pcscd_stands_still_for_6_s_while_the_card_works_for_300_ms(self):
+    def test_reader_recovers_from_a_standstill_of_6_s_beside_a_card_of_300_ms(self):
         rows = [("pcscd", call, moment, 6.0, "alone", 0.3)
                 for call in ("transmit", "reset")
                 for moment in (0.0005, 0.001, 0.002, 0.005, 0.02, 0.1, 0.2, 0.29)]

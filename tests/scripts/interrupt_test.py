@@ -24,7 +24,7 @@ class Interrupt(CheckoutTest):
         (self.folder / "begun").unlink()
         return output
 
-    def test_build_of_each_command(self):
+    def test_build_of_each_command_is_named_as_ended(self):
         self.fake("cmake", '[ "$1" != --build ] || { touch "$FAKE/begun"; sleep 20; }')
         for words in (("up",), ("soak",), ("bench",), ("test", "--preset", "release"),
                       ("check", "--stage", "clang")):
@@ -56,18 +56,18 @@ class Interrupt(CheckoutTest):
         self.interrupt("test", "--preset", "release", "--preset", "debug")
         self.assert_early_build_has_ended()
 
-    def test_package(self):
+    def test_package_in_the_making_is_named_as_ended(self):
         self.fake("dpkg-buildpackage", 'touch "$FAKE/begun"; sleep 20')
         self.assertRegex(self.interrupt("package", self.folder / "dist"),
                          r"zelta: interrupted; ended: Making the package \(version ")
 
-    def test_installation(self):
+    def test_installation_is_named_as_ended(self):
         self.fake("dpkg-query", "")
         self.pretend_to_be_a_user()
         self.fake("apt-get", 'touch "$FAKE/begun"; sleep 20')
         self.assertIn("zelta: interrupted; ended: Installing", self.interrupt("up"))
 
-    def test_suite_that_a_stage_runs(self):
+    def test_suite_that_a_stage_runs_ends_with_the_stage(self):
         self.fake("ctest", 'mkdir "$TMPDIR/zelta-test-1"; touch "$FAKE/begun"; sleep 20')
         self.assertIn("zelta: interrupted; ended: Stage tsan",
                       self.interrupt("check", "--stage", "tsan"))

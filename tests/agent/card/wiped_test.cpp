@@ -18,7 +18,7 @@ namespace {
 using test::FreedMemoryWatch;
 using test::kSecret;
 
-TEST(WipedPcscCard, CommandAndItsAnswer) {
+TEST(WipedPcscCard, CommandAndItsAnswer_LeaveNoSecretInFreedMemory) {
   test::FakeWinscard service;
   test::LogLines lines;
   Log log(Severity::kDebug, lines.sink());

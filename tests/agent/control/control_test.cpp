@@ -26,7 +26,7 @@ Agent::Status someStatus() {
   return status;
 }
 
-TEST(Control, StatusForPeople_IsALineEach) {
+TEST(Control, StatusForPeople_HasALineForEachValue) {
   EXPECT_EQ(statusText(someStatus()),
             "reader:    3\n"
             "driver:    connected\n"
@@ -84,7 +84,7 @@ TEST(Control, TraceBegin_IsTheStatusWithATime) {
   EXPECT_GT(begin["time_us"], 1700000000000000);
 }
 
-TEST(Control, Lines_AreAnswered) {
+TEST(Control, Command_IsDoneOrRefusedWithTheReason) {
   test::PipeFolder folder;
   test::HeldCard card;
   test::RunningAgent running(card);
@@ -101,7 +101,7 @@ TEST(Control, Lines_AreAnswered) {
   EXPECT_EQ(answerControl(agent, ""), "error: not understood: \n");
 }
 
-TEST(Control, Answers_AreReadBack) {
+TEST(Control, Answer_IsReadAsSuccessOrFailureWithItsText) {
   EXPECT_TRUE(readControlAnswer("ok\nmore\n").success);
   EXPECT_EQ(readControlAnswer("ok\nmore\n").text, "more\n");
   EXPECT_FALSE(readControlAnswer("error: no\n").success);

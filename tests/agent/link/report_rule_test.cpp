@@ -26,7 +26,7 @@ struct Case {
 
 class ReportRuleTable : public testing::TestWithParam<Case> {};
 
-TEST_P(ReportRuleTable, ReportsAsTheTableSays) {
+TEST_P(ReportRuleTable, MovesAndCommands_DecideWhatIsReported) {
   CardId card = GetParam().cardIn ? 1 : kNoCard;
   CardId last = 1;
   ReportRule rule(card);

@@ -104,7 +104,7 @@ TEST_P(EndingAt, DriverDisconnects_SameDriverIsServed) {
   expectServed(driver);
 }
 
-TEST_P(EndingAt, AgentStops_ItEnds) {
+TEST_P(EndingAt, AgentIsStopped_ItsRunEnds) {
   RunningAgent agent(card_);
   DriverEnd driver;
   GetParam().advance(driver, card_);

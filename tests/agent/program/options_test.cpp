@@ -331,7 +331,7 @@ TEST(ServiceOptions, InstalledAndRunServices_NeedACard) {
   EXPECT_TRUE(parse({"service", "remove", "--reader", "3"}, System::kWindows).options);
 }
 
-TEST(ServiceOptions, Arguments_SayTheSame) {
+TEST(ServiceOptions, ArgumentsOfOptions_AreParsedIntoTheSame) {
   const std::vector<const char*> all[] = {
       {"--backend", "pcsc", "--pcsc-reader", "-A Reader= 0", "--log-level", "debug"},
       {"--backend", "script", "--script", "/f", "--no-card", "--reader", "7", "--control", "c",

@@ -9,7 +9,7 @@
 namespace zelta::test {
 namespace {
 
-TEST(Wiped, CommandsAndAnswersOfAnAgent) {
+TEST(Wiped, CommandsAndAnswersOfAnAgent_LeaveNoSecretInFreedMemory) {
   const PipeFolder folder;
   agent::ScriptCard card(agent::parseScript("atr 3B00\ncommand 0020* -> echo\notherwise 9000\n"),
                          true);

@@ -130,7 +130,7 @@ TEST_F(Channel, LineThatEndsInTheMiddleOfAFrame_IsClosed) {
   EXPECT_EQ(channel.end(), LineEnd::kClosed);
 }
 
-TEST_F(Channel, FramesThatMakeNoSense_EndIt) {
+TEST_F(Channel, FrameThatMakesNoSense_BreaksTheLine) {
   for (const Bytes& bytes : {Bytes{0xFF, 0xFF, 0xFF, 0xFF}, encodeFrame(helloFrame({1, "9.9"}))}) {
     test::LineEnds ends;
     FrameChannel channel(*ends.near, patientTimes());

@@ -33,7 +33,7 @@ TEST(SshAddress, PartsAreTakenAsFarAsGiven) {
   }
 }
 
-TEST(SshAddress, OtherTexts_AreNone) {
+TEST(SshAddress, MalformedAddress_IsRefused) {
   for (const char* text : {"",
                            "host",
                            "ssh:/host",
@@ -65,7 +65,7 @@ TEST(SshAddress, OtherTexts_AreNone) {
   }
 }
 
-TEST(SshCommand, IsTheAgentForTheReaderThere) {
+TEST(SshCommand, Address_BecomesACallOfTheAgentForTheReaderThere) {
   EXPECT_THAT(sshCommand("ssh", *parseSshAddress("ssh://host"), Severity::kInfo),
               ElementsAre("ssh", "-T", "--", "host",
                           "zelta-agent --backend remote --reader 0 --log-level info"));

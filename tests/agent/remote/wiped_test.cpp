@@ -61,7 +61,7 @@ class WipedLentCard : public WipedLine {
   std::future<void> served_;
 };
 
-TEST_F(WipedLentCard, CommandAndItsAnswer) {
+TEST_F(WipedLentCard, CommandAndItsAnswer_LeaveNoSecretInFreedMemory) {
   start();
   const FreedMemoryWatch watch(Threads::kOthers);
   for (std::uint32_t number = 1; number < 4; ++number) {
@@ -72,7 +72,7 @@ TEST_F(WipedLentCard, CommandAndItsAnswer) {
   EXPECT_GT(watch.freed(), 0);
 }
 
-TEST_F(WipedLentCard, CommandForACardThatHasLeft) {
+TEST_F(WipedLentCard, CommandForACardThatHasLeft_LeavesNoSecretInFreedMemory) {
   start();
   const FreedMemoryWatch watch(Threads::kOthers);
   channel_.send(FrameKind::kTransmit, 1, forCard(2, verify()));
@@ -83,7 +83,7 @@ TEST_F(WipedLentCard, CommandForACardThatHasLeft) {
   EXPECT_GT(watch.freed(), 0);
 }
 
-TEST_F(WipedLentCard, CommandThatIsRefused) {
+TEST_F(WipedLentCard, CommandThatIsRefused_LeavesNoSecretInFreedMemory) {
   start();
   const FreedMemoryWatch watch(Threads::kOthers);
   channel_.send(FrameKind::kCardIn, 1, verify());
@@ -93,7 +93,7 @@ TEST_F(WipedLentCard, CommandThatIsRefused) {
   EXPECT_GT(watch.freed(), 0);
 }
 
-TEST_F(WipedLine, CommandAndAnswersOfARemoteCard) {
+TEST_F(WipedLine, CommandAndAnswersOfARemoteCard_LeaveNoSecretInFreedMemory) {
   test::CardNotices listener;
   RemoteCard card(
       std::move(ends_.near), test::patientTimes(), [] {}, log_);
@@ -120,7 +120,7 @@ TEST_F(WipedLine, CommandAndAnswersOfARemoteCard) {
   EXPECT_GT(watch.freed(), 0);
 }
 
-TEST(WipedFrames, FramesInPartsAndHalfAFrame) {
+TEST(WipedFrames, FramesInPartsAndHalfAFrame_LeaveNoSecretInFreedMemory) {
   const platform::SecretBytes frame(encodeFrame({FrameKind::kTransmit, 1, forCard(1, verify())}));
   const FreedMemoryWatch watch(Threads::kOwn);
   {
@@ -140,7 +140,7 @@ TEST(WipedFrames, FramesInPartsAndHalfAFrame) {
   EXPECT_GT(watch.freed(), 0);
 }
 
-TEST(WipedFrames, BytesThatTheSystemDoesNotTake) {
+TEST(WipedFrames, BytesThatTheSystemDoesNotTake_LeaveNoSecretInFreedMemory) {
   const platform::SecretBytes frame(encodeFrame({FrameKind::kTransmit, 1, forCard(1, verify())}));
   const FreedMemoryWatch watch(Threads::kOwn);
   {

@@ -65,7 +65,7 @@ TEST(ScriptText, SecretsAreMasked_AndAskingForTheStateIsNotTakenForAPin) {
             "command 00200080 * -> 9000 then 63C2\n");
 }
 
-TEST(ScriptText, IsAScript) {
+TEST(ScriptText, TextOfRecords_IsReadBackAsAScript) {
   ScriptText text;
   for (const TraceRecord& record :
        {atr("3B00"), exchange("0020008001FF", "9000"), exchange("00C0", "6102"),

@@ -46,7 +46,7 @@ TEST(TraceRecords, EveryKindHasItsName) {
   EXPECT_EQ(names, "insert remove connect disconnect reset atr transmit ready late ");
 }
 
-TEST(TraceHub, Followers_GetWhatTheyAskedFor) {
+TEST(TraceHub, Follower_GetsSecretsOnlyIfItAskedForThem) {
   TraceHub hub;
   EXPECT_FALSE(hub.wanted());
   int woken = 0;

@@ -47,7 +47,7 @@ struct Conduct {
 
 class DriverConduct : public testing::TestWithParam<Conduct> {};
 
-TEST_P(DriverConduct, IsComplainedAboutAsListed) {
+TEST_P(DriverConduct, BreachOfTheRequestRules_IsComplainedAbout) {
   FakeFramework framework;
   FakeWdfRequest& request = framework.makeRequest({1, Bytes(4), 4});
   GetParam().drive(request, makeCanceller().get());

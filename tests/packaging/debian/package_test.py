@@ -129,7 +129,7 @@ class DebianPackage(unittest.TestCase):
             for line in run("dpkg-deb", "--contents", package(name)).stdout.splitlines():
                 self.assertRegex(line, r"^(drwxr-xr-x|-rwxr-xr-x|-rw-r--r--) root/root ")
 
-    def test_control_fields_and_conffiles(self):
+    def test_control_fields_name_what_is_needed_and_what_is_kept(self):
         self.assertEqual(field("Package"), "zelta-vsc")
         self.assertRegex(field("Version"), r"^\d+\.\d+\.\d+(~git\d+)?$")
         depends = {word.split()[0] for word in field("Depends").split(", ")}

@@ -103,7 +103,7 @@ class PipeFlushStory : public PipeTransferTest, public testing::WithParamInterfa
   };
 };
 
-TEST_P(PipeFlushStory, FlushTellsAndNothingStaleIsRead) {
+TEST_P(PipeFlushStory, Flush_TellsIfTheClientIsGoneAndNothingStaleIsRead) {
   const std::string steps = GetParam().steps;
   for (const char step : steps) ASSERT_NO_FATAL_FAILURE(take(step)) << step;
   EXPECT_EQ(flushing_ != nullptr ? flushing_->outcome() : flush(), GetParam().flushed);

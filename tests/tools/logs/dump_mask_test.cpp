@@ -15,7 +15,7 @@ struct Case {
 
 class DumpMaskTest : public testing::TestWithParam<Case> {};
 
-TEST_P(DumpMaskTest, Shows) {
+TEST_P(DumpMaskTest, DumpLines_AreShownWithSecretsHidden) {
   DumpMask mask;
   Lines shown;
   for (const std::string& line : GetParam().given) shown.push_back(mask.masked("1", line));

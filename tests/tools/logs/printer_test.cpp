@@ -25,7 +25,7 @@ constexpr char kFile[] = "/logs/zelta_vsc_2024_03_05T14_07_09_042Z.txt";
 
 class PrinterTest : public testing::TestWithParam<Case> {};
 
-TEST_P(PrinterTest, Shows) {
+TEST_P(PrinterTest, Lines_AreFilteredAndShownInTheChosenFormat) {
   Lines shown;
   Printer printer(GetParam().filter, GetParam().look,
                   [&](std::string_view line) { shown.emplace_back(line); });

@@ -20,7 +20,7 @@ View wholeView() {
   return view;
 }
 
-TEST(Report, Table_HasALineEach) {
+TEST(Report, Table_HasALineForEachValue) {
   EXPECT_EQ(reportText(wholeView()),
             "reader:    0\n"
             "name:      Reader\n"
@@ -67,7 +67,7 @@ TEST(Report, WhatIsMissing_IsToldWithItsReason) {
             "\"atr_decoded\":null}\n");
 }
 
-TEST(Report, Json_IsTheAgentsWithMore) {
+TEST(Report, Json_IsTheAgentsWithReaderStateAndLog) {
   View view = wholeView();
   view.agentJson = "{\"reader\":0,\"atr\":null}\n";
   view.pcsc.atr = {0x3B, 0x00};

@@ -104,7 +104,7 @@ TEST(Atr, ReservedRates_AreNoNumbers) {
   EXPECT_NE(described("3B1070").find("rate: reserved value\n"), std::string::npos);
 }
 
-TEST(Atr, WhatIsWrong_IsTold) {
+TEST(Atr, MalformedAtr_IsToldWithItsFault) {
   const std::pair<const char*, const char*> kWrong[] = {
       {"", "begins with neither 3B nor 3F"},
       {"00", "begins with neither 3B nor 3F"},
