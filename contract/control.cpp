@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "contract/wire.h"
+
 namespace zelta {
 
 namespace {
@@ -32,7 +34,7 @@ std::vector<std::string> defaultControlPaths(std::uint32_t reader) {
 
 std::vector<std::string> defaultControlPipes(std::uint32_t reader) {
   const std::string agent = "zelta-agent" + std::to_string(reader);
-  return {"\\\\.\\pipe\\ProtectedPrefix\\LocalService\\" + agent, "\\\\.\\pipe\\" + agent};
+  return {kPipePrefix + agent, "\\\\.\\pipe\\" + agent};
 }
 
 std::string controlLinkPath(const std::string& pipeRoot, std::uint32_t reader) {
