@@ -27,6 +27,7 @@
 
 #include "contract/status.h"
 #include "framework/com.h"
+#include "platform/process/error.h"
 
 namespace zelta::host {
 
@@ -37,9 +38,9 @@ class HostError : public std::runtime_error {
 };
 
 // Statuses of the host's own.
-inline constexpr framework::HRESULT kTimedOut = hresultFromError(1460);  // ERROR_TIMEOUT
+inline constexpr framework::HRESULT kTimedOut = hresultFromError(platform::error::kTimeout);
 inline constexpr framework::HRESULT kDeviceGone =
-    hresultFromError(1167);  // ERROR_DEVICE_NOT_CONNECTED
+    hresultFromError(platform::error::kDeviceNotConnected);
 
 // Bytes of the caller's, which must stay for as long as a call lasts.
 struct ConstBytes {

@@ -13,10 +13,11 @@ using status::kOutOfMemory;
 
 inline constexpr framework::HRESULT kNotImplemented = framework::hresult(0x80004001);  // E_NOTIMPL
 inline constexpr framework::HRESULT kInvalidFunction =
-    hresultFromError(1);  // ERROR_INVALID_FUNCTION
+    hresultFromError(platform::error::kInvalidFunction);
 inline constexpr framework::HRESULT kInsufficientBuffer =
     hresultFromError(platform::error::kInsufficientBuffer);
-inline constexpr framework::HRESULT kAlreadyExists = hresultFromError(183);  // ERROR_ALREADY_EXISTS
+inline constexpr framework::HRESULT kAlreadyExists =
+    hresultFromError(platform::error::kAlreadyExists);
 inline constexpr framework::HRESULT kNotFound = hresultFromError(platform::error::kNotFound);
 
 }  // namespace zelta::host

@@ -7,6 +7,7 @@
 #include "platform/files/folders.h"
 #include "platform/files/utf.h"
 #include "platform/process/environment.h"
+#include "platform/process/error.h"
 #include "platform/process/never_destroyed.h"
 
 namespace zelta::platform {
@@ -14,7 +15,6 @@ namespace zelta::platform {
 namespace {
 
 constexpr std::int32_t kSuccess = 0;
-constexpr std::int32_t kOutOfMemory = static_cast<std::int32_t>(0x8007000E);
 
 std::string withoutTrailingSlashes(std::string path) {
   while (!path.empty() && path.back() == '/') path.pop_back();
@@ -37,7 +37,7 @@ class LinuxFolders final : public FolderApi {
         utf16FromUtf8(withoutTrailingSlashes(environmentOr("ZELTA_PROGRAM_DATA", "/var/log")));
     const std::size_t bytes = (text.size() + 1) * sizeof(char16_t);
     void* memory = std::malloc(bytes);
-    if (memory == nullptr) return kOutOfMemory;
+    if (memory == nullptr) return kOutOfMemoryResult;
     std::memcpy(memory, text.c_str(), bytes);
     *path = static_cast<char16_t*>(memory);
     return kSuccess;

@@ -13,6 +13,7 @@ void setLastError(std::uint32_t error);
 namespace error {
 
 inline constexpr std::uint32_t kSuccess = 0;
+inline constexpr std::uint32_t kInvalidFunction = 1;
 inline constexpr std::uint32_t kFileNotFound = 2;
 inline constexpr std::uint32_t kTooManyOpenFiles = 4;
 inline constexpr std::uint32_t kAccessDenied = 5;
@@ -25,6 +26,7 @@ inline constexpr std::uint32_t kBrokenPipe = 109;
 inline constexpr std::uint32_t kDiskFull = 112;
 inline constexpr std::uint32_t kInsufficientBuffer = 122;
 inline constexpr std::uint32_t kInvalidName = 123;
+inline constexpr std::uint32_t kAlreadyExists = 183;
 inline constexpr std::uint32_t kNameTooLong = 206;
 inline constexpr std::uint32_t kBadPipe = 230;
 inline constexpr std::uint32_t kPipeBusy = 231;
@@ -35,13 +37,18 @@ inline constexpr std::uint32_t kPipeConnected = 535;
 inline constexpr std::uint32_t kPipeListening = 536;
 inline constexpr std::uint32_t kOperationAborted = 995;
 inline constexpr std::uint32_t kIoPending = 997;
+inline constexpr std::uint32_t kDeviceNotConnected = 1167;
 inline constexpr std::uint32_t kNotFound = 1168;
 inline constexpr std::uint32_t kCancelled = 1223;
 inline constexpr std::uint32_t kNoneMapped = 1332;
 inline constexpr std::uint32_t kInvalidSecurityDescriptor = 1338;
+inline constexpr std::uint32_t kTimeout = 1460;
 inline constexpr std::uint32_t kUnrecognizedMedia = 1785;
 inline constexpr std::uint32_t kInvalidState = 5023;
 
 }  // namespace error
+
+// kNotEnoughMemory in the other form that system calls answer with, an HRESULT.
+inline constexpr auto kOutOfMemoryResult = static_cast<std::int32_t>(0x8007000E);
 
 }  // namespace zelta::platform
