@@ -151,8 +151,8 @@ class Reader {
 
   struct AttributeSource;
   static const AttributeSource kAttributeSources[];
-  void answerCurrentProtocol(IoRequest& request);
-  void answerAtr(IoRequest& request);
+  void answerCurrentProtocol(IoRequest& request, const Attribute& attribute);
+  void answerAtr(IoRequest& request, const Attribute& attribute);
 
   const std::uint32_t unitNumber_;
   Value cardReady_{0};  // written only

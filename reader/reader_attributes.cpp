@@ -41,7 +41,7 @@ constexpr bool isVendorDefined(std::uint32_t tag) {
 struct Reader::AttributeSource {
   std::uint32_t tag;
   std::variant<std::uint32_t, const Value Reader::*, const std::string Reader::*,
-               void (Reader::*)(IoRequest&)>
+               void (Reader::*)(IoRequest&, const Attribute&)>
       from;
 };
 
@@ -94,7 +94,7 @@ void Reader::IoSmartCardGetAttribute(IoRequest* request, std::size_t /*inLength*
         } else if constexpr (std::is_same_v<decltype(from), const std::string Reader::*>) {
           answerAttribute(*request, *attribute, this->*from);
         } else {
-          (this->*from)(*request);
+          (this->*from)(*request, *attribute);
         }
       },
       source->from);
@@ -118,24 +118,23 @@ void Reader::answerAttribute(IoRequest& request, const Attribute& attribute,
   }
 }
 
-void Reader::answerCurrentProtocol(IoRequest& request) {
+void Reader::answerCurrentProtocol(IoRequest& request, const Attribute& attribute) {
   const std::uint32_t current = state();
   if (current <= SCARD_ABSENT) {
-    logError(kNoMediaCode, "[GATT]SCARD_ATTR_CURRENT_PROTOCOL_TYPE: STATUS_NO_MEDIA");
+    logError(kNoMediaCode, "[GATT]%s: STATUS_NO_MEDIA", attribute.name);
     finish(request, status::kNoMedia, kGetHandler, __LINE__);
     return;
   }
   const std::uint32_t protocol = currentProtocol();
-  logInfo("[GATT]SCARD_ATTR_CURRENT_PROTOCOL_TYPE: %d [state:%08X]", static_cast<int>(protocol),
-          current);
+  logInfo("[GATT]%s: %d [state:%08X]", attribute.name, static_cast<int>(protocol), current);
   MemoryUtil::setInt(device(), request, protocol);
 }
 
-void Reader::answerAtr(IoRequest& request) {
-  logInfo("[GATT]SCARD_ATTR_ATR_STRING");
+void Reader::answerAtr(IoRequest& request, const Attribute& attribute) {
+  logInfo("[GATT]%s", attribute.name);
   Bytes atr;
   if (QueryAtr(atr, false) != QueryResult::kSuccess) {
-    logError(kNoMediaCode, "[GATT]SCARD_ATTR_ATR_STRING: STATUS_NO_MEDIA");
+    logError(kNoMediaCode, "[GATT]%s: STATUS_NO_MEDIA", attribute.name);
     finish(request, status::kNoMedia, kGetHandler, __LINE__);
     return;
   }
