@@ -18,7 +18,6 @@
 #include <tuple>
 #include <utility>
 
-#include "platform/files/scoped_fd_linux.h"
 #include "platform/process/environment.h"
 
 namespace zelta::logs {
@@ -139,28 +138,23 @@ FolderWatch::FolderWatch(const std::filesystem::path& folder) {
   sigaddset(&set, SIGINT);
   sigaddset(&set, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  signals_ = checked(signalfd(-1, &set, SFD_CLOEXEC), "signalfd");
-  watch_ = checked(inotify_init1(IN_CLOEXEC | IN_NONBLOCK), "inotify");
+  signals_.reset(checked(signalfd(-1, &set, SFD_CLOEXEC), "signalfd"));
+  watch_.reset(checked(inotify_init1(IN_CLOEXEC | IN_NONBLOCK), "inotify"));
   checked(inotify_add_watch(
-              watch_, folder.c_str(),
+              watch_.get(), folder.c_str(),
               IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE_SELF | IN_ONLYDIR),
           folder.c_str());
 }
 
-FolderWatch::~FolderWatch() {
-  if (watch_ >= 0) close(watch_);
-  if (signals_ >= 0) close(signals_);
-}
-
 bool FolderWatch::wait() {
-  std::array<pollfd, 2> ready = {{{watch_, POLLIN, 0}, {signals_, POLLIN, 0}}};
+  std::array<pollfd, 2> ready = {{{watch_.get(), POLLIN, 0}, {signals_.get(), POLLIN, 0}}};
   while (poll(ready.data(), ready.size(), -1) < 0) {
     if (errno != EINTR) return false;
   }
   if (ready[1].revents != 0) return false;
   alignas(inotify_event) std::array<char, 16384> buffer;
   bool gone = false;
-  for (ssize_t size; (size = read(watch_, buffer.data(), buffer.size())) > 0;) {
+  for (ssize_t size; (size = read(watch_.get(), buffer.data(), buffer.size())) > 0;) {
     for (ssize_t at = 0; at < size;) {
       const auto* event = reinterpret_cast<const inotify_event*>(buffer.data() + at);
       gone |= (event->mask & (IN_DELETE_SELF | IN_IGNORED)) != 0;

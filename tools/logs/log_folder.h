@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/files/scoped_fd_linux.h"
+
 namespace zelta::logs {
 
 // The folder that the driver writes log files to.
@@ -70,16 +72,13 @@ class FolderWatch {
  public:
   // Throws std::system_error.
   explicit FolderWatch(const std::filesystem::path& folder);
-  ~FolderWatch();
-  FolderWatch(const FolderWatch&) = delete;
-  FolderWatch& operator=(const FolderWatch&) = delete;
 
   // False if SIGINT or SIGTERM came (which the constructor blocks), or the folder is gone.
   bool wait();
 
  private:
-  int watch_ = -1;
-  int signals_ = -1;
+  platform::ScopedFd signals_;
+  platform::ScopedFd watch_;
 };
 
 }  // namespace zelta::logs
