@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "host/io_engine.h"
+#include "platform/process/uninitialized.h"
 
 namespace zelta::host {
 
@@ -40,8 +41,7 @@ WdfRequest::WdfRequest(SharedDriverErrors errors, IoEngine& engine, ComPtr<WdfQu
   const std::size_t inputSize = sum(control.input.header.size, control.input.body.size);
   const std::size_t inputStorage = WdfMemory::storageFor(inputSize);
   const std::size_t outputStorage = WdfMemory::storageFor(control.outputCapacity);
-  // Not `make_unique`, which would write zero bytes over all of it.
-  storage_.reset(new std::uint8_t[sum(inputStorage, outputStorage)]);
+  storage_ = platform::makeUninitialized(sum(inputStorage, outputStorage));
   input_.setStorage(storage_.get(), inputSize);
   input_.fill(control.input.header, control.input.body);
   output_.setStorage(storage_.get() + inputStorage, control.outputCapacity);

@@ -165,13 +165,17 @@ TEST(CurrentThreadText, EachThread_HasItsNumberInTheOperatingSystem) {
 
 // Thousands separators, as some locales have them.
 class Grouping : public std::numpunct<char> {
+ public:
+  Grouping() : numpunct(1) {}  // no locale deletes it
+
  protected:
   char do_thousands_sep() const override { return '.'; }
   std::string do_grouping() const override { return "\3"; }
 };
 
 TEST(LineFormat, GlobalLocaleWithDigitGroups_ChangesNothing) {
-  const std::locale before = std::locale::global(std::locale(std::locale(), new Grouping));
+  static Grouping grouping;
+  const std::locale before = std::locale::global(std::locale(std::locale(), &grouping));
   std::string thread;
   std::thread([&] { thread = currentThreadText(); }).join();
   Record record = exampleRecord();

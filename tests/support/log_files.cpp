@@ -9,6 +9,8 @@
 #include <sstream>
 #include <string_view>
 
+#include "platform/process/never_destroyed.h"
+
 namespace zelta::test {
 
 namespace fs = std::filesystem;
@@ -47,12 +49,12 @@ std::vector<fs::path> filesIn(const fs::path& folder) {
 }
 
 LogLine parseLogLine(const std::string& line) {
-  static const std::regex* const pattern = new std::regex(
+  static platform::NeverDestroyed<const std::regex> pattern(
       R"(\[(\d+) *\] (\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z) (-?\d+) +(\S+) +(\d+) +)"
       R"((<[A-Z]+>) +(-?\d+) +([^]*))");
   std::smatch match;
   LogLine result;
-  if (!std::regex_match(line, match, *pattern)) {
+  if (!std::regex_match(line, match, pattern.get())) {
     ADD_FAILURE() << "not a record: " << line;
     return result;
   }

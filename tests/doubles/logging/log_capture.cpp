@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "diagnostics/log_output.h"
+#include "platform/process/never_destroyed.h"
 
 namespace zelta::test {
 
@@ -22,10 +23,10 @@ struct Store {
   std::function<void(const LogRecord&)> hook;
 };
 
-// Never destroyed: threads may log until the process ends.
+// Threads may log until the process ends.
 Store& store() {
-  static Store& instance = *new Store;
-  return instance;
+  static platform::NeverDestroyed<Store> instance;
+  return instance.get();
 }
 
 template <typename Action>
