@@ -1,7 +1,6 @@
 #include "host/driver_module.h"
 
 #include <cstdio>
-#include <new>
 
 #include "contract/class_ids.h"
 #include "host/driver_host.h"
@@ -36,7 +35,7 @@ DriverModule::DriverModule(const std::string& path) : path_(path) {
   try {
     checkExports();
   } catch (const HostError&) {
-    platform::closeModule(module_, &reason);
+    static_cast<void>(platform::closeModule(module_));
     throw;
   }
 }
@@ -87,13 +86,7 @@ ComPtr<framework::IDriverEntry> DriverModule::createDriver() {
 bool DriverModule::unload() noexcept {
   if (module_ == nullptr) return true;
   factory_.reset();
-  if (canUnloadNow_() != framework::kOk) return false;
-  try {
-    std::string reason;
-    if (!platform::closeModule(module_, &reason)) return false;
-  } catch (const std::bad_alloc&) {  // no memory for the reason
-    return false;
-  }
+  if (canUnloadNow_() != framework::kOk || !platform::closeModule(module_)) return false;
   module_ = nullptr;
   return true;
 }

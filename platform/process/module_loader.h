@@ -1,7 +1,7 @@
 // Loading a shared module (a dynamic library) into the process by its path.
 //
 // Any thread may call; `closeModule` must not overlap a use of what the module gave, nor run while
-// code of the module does. Failures are told in the system's own words.
+// code of the module does.
 #pragma once
 
 #include <string>
@@ -13,7 +13,8 @@ namespace zelta::platform {
 using ModuleHandle = void*;  // null is none
 
 // Loads the module with everything it needs and runs its initialisers. Its symbols are not offered
-// to other modules. `path` is UTF-8. Null on failure, with the reason in `errorText`.
+// to other modules. `path` is UTF-8. Null on failure, with the reason in the system's own
+// words in `errorText`.
 ModuleHandle openModule(const std::string& path, std::string* errorText);
 
 // The address of an exported function or datum; null if the module exports none of that name.
@@ -29,18 +30,15 @@ ModuleHandle openModuleOf(const void* address);
 std::string pathOfModule(const void* address);
 
 // Gives the handle up. The module is unmapped, after its own tear-down, unless someone else in
-// the process has it open. False on failure, with the reason in `errorText`.
-bool closeModule(ModuleHandle module, std::string* errorText);
+// the process has it open. False on failure.
+[[nodiscard]] bool closeModule(ModuleHandle module);
 
 struct ModuleTraits {
   using Value = ModuleHandle;
   using Storage = ModuleHandle;
   static Value none() { return nullptr; }
   static bool isValid(Value module) { return module != nullptr; }
-  static void close(Value module) {
-    std::string errorText;  // nobody to report it to
-    closeModule(module, &errorText);
-  }
+  static void close(Value module) { static_cast<void>(closeModule(module)); }
 };
 using ScopedModule = ScopedHandle<ModuleTraits>;
 

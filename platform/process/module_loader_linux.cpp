@@ -5,18 +5,12 @@
 
 namespace zelta::platform {
 
-namespace {
-
-void takeError(std::string* errorText) {
-  const char* text = dlerror();  // NOLINT(concurrency-mt-unsafe): each thread has its own
-  *errorText = text == nullptr ? "unknown reason" : text;
-}
-
-}  // namespace
-
 ModuleHandle openModule(const std::string& path, std::string* errorText) {
   ModuleHandle module = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (module == nullptr) takeError(errorText);
+  if (module == nullptr) {
+    const char* text = dlerror();  // NOLINT(concurrency-mt-unsafe): each thread has its own
+    *errorText = text == nullptr ? "unknown reason" : text;
+  }
   return module;
 }
 
@@ -37,10 +31,6 @@ std::string pathOfModule(const void* address) {
   return info.dli_fname;
 }
 
-bool closeModule(ModuleHandle module, std::string* errorText) {
-  if (dlclose(module) == 0) return true;
-  takeError(errorText);
-  return false;
-}
+bool closeModule(ModuleHandle module) { return dlclose(module) == 0; }
 
 }  // namespace zelta::platform

@@ -7,19 +7,13 @@
 
 namespace zelta::platform {
 
-namespace {
-
-std::string lastErrorText(const std::string& what) {
-  const DWORD error = GetLastError();
-  return what + ": " + std::system_category().message(static_cast<int>(error)) + " (" +
-         std::to_string(error) + ")";
-}
-
-}  // namespace
-
 ModuleHandle openModule(const std::string& path, std::string* errorText) {
   HMODULE module = LoadLibraryW(nativePath(path).c_str());
-  if (module == nullptr) *errorText = lastErrorText(path);
+  if (module == nullptr) {
+    const DWORD error = GetLastError();
+    *errorText = path + ": " + std::system_category().message(static_cast<int>(error)) + " (" +
+                 std::to_string(error) + ")";
+  }
   return module;
 }
 
@@ -34,10 +28,6 @@ ModuleHandle openModuleOf(const void* address) {
   return module;
 }
 
-bool closeModule(ModuleHandle module, std::string* errorText) {
-  if (FreeLibrary(static_cast<HMODULE>(module)) != FALSE) return true;
-  *errorText = lastErrorText("FreeLibrary");
-  return false;
-}
+bool closeModule(ModuleHandle module) { return FreeLibrary(static_cast<HMODULE>(module)) != FALSE; }
 
 }  // namespace zelta::platform

@@ -29,19 +29,26 @@ constexpr std::size_t kLargestFile = 1024 * 1024;  // bytes
 
 [[noreturn]] void fail(int error) { throw std::system_error(error, std::generic_category()); }
 
-// The file's bytes at this moment; the errno if it cannot be read.
-int readFile(const std::string& path, std::string* bytes) {
+struct FileContent {
+  int error = 0;  // an errno; 0: none
+  std::string bytes;
+};
+
+// The file's bytes at this moment; none if it cannot be read.
+FileContent readFile(const std::string& path) {
   // Without blocking: a pipe in the file's place must not stop the driver.
   const ScopedFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  if (!file) return errno;
+  if (!file) return {errno, {}};
+  std::string bytes;
   std::array<char, 4096> chunk;
-  while (bytes->size() <= kLargestFile) {
+  while (bytes.size() <= kLargestFile) {
     const ssize_t count = read(file.get(), chunk.data(), chunk.size());
     if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return count < 0 ? errno : 0;
-    bytes->append(chunk.data(), static_cast<std::size_t>(count));
+    if (count < 0) return {errno, {}};
+    if (count == 0) return {0, std::move(bytes)};
+    bytes.append(chunk.data(), static_cast<std::size_t>(count));
   }
-  return EFBIG;
+  return {EFBIG, {}};
 }
 
 }  // namespace
@@ -146,9 +153,8 @@ void FileRegistry::closeKey(RegistryKey key) {
 }
 
 RegistryContent FileRegistry::read(const std::string& file) {
-  std::string bytes;
-  if (const int error = readFile(file, &bytes)) {
-    bytes.clear();
+  const auto [error, bytes] = readFile(file);
+  if (error != 0) {
     if (error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO) fail(error);
     if (error != ENOENT && error != ENOTDIR) {
       report(file + ": cannot be read: " + std::generic_category().message(error));

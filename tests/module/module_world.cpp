@@ -52,8 +52,7 @@ DriverExports::~DriverExports() {
   if (end_ == AtTheEnd::kMustGo) {
     EXPECT_EQ(canUnload(), framework::kOk);
   }
-  std::string reason;
-  EXPECT_TRUE(platform::closeModule(module_, &reason)) << reason;
+  EXPECT_TRUE(platform::closeModule(module_));
 }
 
 HRESULT DriverExports::call(const char* name) const {

@@ -67,25 +67,26 @@ class Parser {
     return atr_;
   }
 
-  // False if a byte that is announced is not there.
-  bool takeIf(bool announced, std::optional<std::uint8_t>& byte) {
-    if (announced) byte = next();
-    return byte.has_value() || !announced;
+  // The group with the bytes that the four bits announce; none if one of them is not there.
+  std::optional<Group> nextGroup(std::uint8_t announced) {
+    Group group;
+    for (auto* byte : {&group.a, &group.b, &group.c, &group.d}) {
+      if ((announced & 1) != 0 && !(*byte = next())) return std::nullopt;
+      announced >>= 1;
+    }
+    return group;
   }
 
   bool parseGroups(std::uint8_t format) {
     int protocol = 0;  // whose bytes the group has
     std::uint8_t announced = format >> 4;
     for (int number = 1; announced != 0; ++number) {
-      Group group;
-      if (!takeIf((announced & 1) != 0, group.a) || !takeIf((announced & 2) != 0, group.b) ||
-          !takeIf((announced & 4) != 0, group.c) || !takeIf((announced & 8) != 0, group.d)) {
-        return false;
-      }
-      note(number, protocol, group);
-      if (!group.d) break;
-      protocol = *group.d & 0x0F;
-      announced = *group.d >> 4;
+      const std::optional<Group> group = nextGroup(announced);
+      if (!group) return false;
+      note(number, protocol, *group);
+      if (!group->d) break;
+      protocol = *group->d & 0x0F;
+      announced = *group->d >> 4;
       if (protocol != 0) needsCheck_ = true;
       const auto& known = atr_.protocols;
       if (protocol != kCommonProtocol &&
