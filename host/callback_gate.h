@@ -33,7 +33,7 @@ class CallbackGate {
 
   // Nobody enters from now on; who is inside stays there.
   void close() ZELTA_EXCLUDES(mutex_) {
-    platform::MutexLock lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     open_ = false;
   }
   // Returns when everybody has left. The gate must be closed, and the calling thread not inside.

@@ -93,7 +93,7 @@ bool WdfRequest::finish(HRESULT status, std::size_t information, bool withOutput
 }
 
 bool WdfRequest::keepUntilCompleted() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   if (!completed_) engine_.keep(*this);
   return !completed_;
 }

@@ -43,7 +43,8 @@ class ZELTA_CAPABILITY("mutex") Mutex {
   std::mutex mutex_;
 };
 
-// Holds a mutex for a scope; may be released early and taken again.
+// Holds a mutex for a scope; may be released early and taken again. A lock is const unless it waits
+// or unlocks.
 class ZELTA_SCOPED_CAPABILITY MutexLock {
  public:
   explicit MutexLock(Mutex& mutex) ZELTA_ACQUIRE(mutex) : mutex_(mutex), lock_(mutex.mutex_) {}

@@ -258,7 +258,7 @@ void FakeDevice::waiting(IWDFIoRequest& request, ULONG code) {
     }
     case kWaitForEver: {
       request.AddRef();
-      MutexLock lock(mutex_);
+      const MutexLock lock(mutex_);
       forEver_.push_back(&request);
       ++counters_[kKeptForEver];
       return;

@@ -80,7 +80,7 @@ class FakeDevice final
     if (marking_ == request) ++counters_[kCancelsWhileMarking];
     if (framework::succeeded(request->UnmarkCancelable())) ++counters_[kUnmarkedInCancel];
     {
-      platform::MutexLock lock(mutex_);
+      const platform::MutexLock lock(mutex_);
       const auto entry = std::find(waiting_.begin(), waiting_.end(), request);
       if (entry != waiting_.end()) waiting_.erase(entry);
     }
@@ -95,7 +95,7 @@ class FakeDevice final
   void endForEver() {
     std::vector<IWDFIoRequest*> forEver;
     {
-      platform::MutexLock lock(mutex_);
+      const platform::MutexLock lock(mutex_);
       forEver.swap(forEver_);
     }
     for (IWDFIoRequest* request : forEver) {
@@ -133,7 +133,7 @@ class FakeDevice final
 
   void wait(IWDFIoRequest& request) {
     {
-      platform::MutexLock lock(mutex_);
+      const platform::MutexLock lock(mutex_);
       waiting_.push_back(&request);
     }
     // Nothing of the request may be touched once it is marked and another thread can complete it.
@@ -159,20 +159,20 @@ class FakeDevice final
   }
 
   void unblock() {
-    platform::MutexLock lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     ++unblocks_;
     changed_.notifyAll();
   }
 
   void endBlocking() {
-    platform::MutexLock lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     blocking_ = false;
     changed_.notifyAll();
   }
 
   std::array<std::uint32_t, 2> releaseWaiting(HRESULT status) {
     std::array<std::uint32_t, 2> counts = {0, 0};
-    platform::MutexLock lock(mutex_);
+    const platform::MutexLock lock(mutex_);
     while (!waiting_.empty()) {
       IWDFIoRequest* request = waiting_.back();
       waiting_.pop_back();

@@ -27,7 +27,7 @@ std::vector<std::uint8_t> take(std::deque<std::uint8_t>& from, std::size_t size)
 }  // namespace
 
 SerialisingPipes::Client SerialisingPipes::connectClient(const std::string& name) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   const SharedPipe found = named(name);
   if (found == nullptr) {
     finish(error::kFileNotFound);
@@ -45,7 +45,7 @@ SerialisingPipes::Client SerialisingPipes::connectClient(const std::string& name
 }
 
 bool SerialisingPipes::clientWrite(Client client, const std::vector<std::uint8_t>& bytes) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   const SharedPipe pipe = pipeOf(client);
   if (pipe == nullptr) return finish(error::kPipeNotConnected);
   pipe->in.insert(pipe->in.end(), bytes.begin(), bytes.end());
@@ -74,7 +74,7 @@ bool SerialisingPipes::waitForDrop(Client client) {
 }
 
 void SerialisingPipes::closeClient(Client client) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   const SharedPipe pipe = pipeOf(client);
   if (pipe == nullptr) return;
   pipe->state = State::kClientGone;
@@ -115,7 +115,7 @@ bool SerialisingPipes::convertSecurityDescriptor(const std::string& sddl,
 }
 
 PipeHandleValue SerialisingPipes::create(const std::string& name, const platform::PipeArguments&) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   if (named(name) != nullptr) {
     finish(error::kAccessDenied);
     return platform::invalidPipe();
@@ -177,7 +177,7 @@ bool SerialisingPipes::disconnect(PipeHandleValue pipe) {
 }
 
 bool SerialisingPipes::cancel(PipeHandleValue pipe) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   const SharedPipe found = find(pipe);
   if (found == nullptr) return finish(error::kInvalidHandle);
   if (!found->blocked || found->cancelled) return finish(error::kNotFound);

@@ -47,7 +47,7 @@ class CountingRegistry final : public platform::RegistryApi {
  private:
   void count(std::size_t CountingRegistry::*counter) {
     {
-      platform::MutexLock lock(mutex_);
+      const platform::MutexLock lock(mutex_);
       ++(this->*counter);
     }
     counted_.notifyAll();

@@ -15,7 +15,7 @@ namespace error = platform::error;
 FakeRegistry::FakeRegistry(platform::EventApi& events) : events_(events) {}
 
 void FakeRegistry::createKey(const std::u16string& key) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   const RegistryContent before = content_;
   content_.createKey(key);
   signalChanges(before);
@@ -33,14 +33,14 @@ void FakeRegistry::setText(const std::u16string& key, const std::u16string& name
 
 void FakeRegistry::setValue(const std::u16string& key, const std::u16string& name,
                             std::uint32_t type, std::vector<std::uint8_t> data) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   const RegistryContent before = content_;
   content_.createKey(key)[platform::foldName(name)] = RegistryValue{type, std::move(data)};
   signalChanges(before);
 }
 
 void FakeRegistry::deleteValue(const std::u16string& key, const std::u16string& name) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   if (content_.find(key, name) == nullptr) return;
   const RegistryContent before = content_;
   content_.createKey(key).erase(platform::foldName(name));
@@ -48,20 +48,20 @@ void FakeRegistry::deleteValue(const std::u16string& key, const std::u16string& 
 }
 
 void FakeRegistry::deleteKey(const std::u16string& key) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   const RegistryContent before = content_;
   content_.deleteKey(key);
   signalChanges(before);
 }
 
 std::size_t FakeRegistry::openKeys() {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   return keys_.size();
 }
 
 std::uint32_t FakeRegistry::getDword(const std::u16string& key, const std::u16string& value,
                                      std::uint32_t* out) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   if (const std::uint32_t code = count(Call::kGetDword)) return code;
   const RegistryValue* found = content_.find(key, value);
   if (found == nullptr) return error::kFileNotFound;
@@ -73,7 +73,7 @@ std::uint32_t FakeRegistry::getDword(const std::u16string& key, const std::u16st
 }
 
 std::uint32_t FakeRegistry::openKey(const std::u16string& key, platform::RegistryKey* out) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   *out = nullptr;
   if (const std::uint32_t code = count(Call::kOpenKey)) return code;
   if (!content_.hasKey(key)) return error::kFileNotFound;
@@ -84,7 +84,7 @@ std::uint32_t FakeRegistry::openKey(const std::u16string& key, platform::Registr
 
 std::uint32_t FakeRegistry::queryValue(platform::RegistryKey key, const std::u16string& value,
                                        std::uint32_t* type, void* data, std::uint32_t* size) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   if (const std::uint32_t code = count(Call::kQueryValue)) return code;
   const OpenKey* open = find(key);
   if (open == nullptr) return error::kInvalidHandle;
@@ -101,7 +101,7 @@ std::uint32_t FakeRegistry::queryValue(platform::RegistryKey key, const std::u16
 }
 
 std::uint32_t FakeRegistry::notifyChange(platform::RegistryKey key, platform::EventHandle event) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   if (const std::uint32_t code = count(Call::kNotifyChange)) return code;
   OpenKey* open = find(key);
   if (open == nullptr || event == nullptr) return error::kInvalidHandle;
@@ -111,7 +111,7 @@ std::uint32_t FakeRegistry::notifyChange(platform::RegistryKey key, platform::Ev
 }
 
 void FakeRegistry::closeKey(platform::RegistryKey key) {
-  MutexLock lock(mutex_);
+  const MutexLock lock(mutex_);
   count(Call::kCloseKey);
   keys_.erase(reinterpret_cast<std::uintptr_t>(key));
 }

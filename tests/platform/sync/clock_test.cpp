@@ -72,7 +72,7 @@ TEST(WallClockWait, Signal_EndsItWithTrue) {
       MutexLock lock(mutex);
       signaller = std::thread([&] {
         {
-          MutexLock other(mutex);
+          const MutexLock other(mutex);
           done = true;
         }
         condition.notifyAll();
