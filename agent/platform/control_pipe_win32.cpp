@@ -15,6 +15,7 @@
 #include "agent/control/control_socket.h"
 #include "agent/platform/pipe_connection_win32.h"
 #include "contract/control.h"
+#include "platform/process/scoped_handle_win32.h"
 
 namespace zelta::agent {
 
@@ -44,19 +45,15 @@ void checkFree(const std::string& name) {
   throw std::runtime_error("another agent is running: it has the control path " + name);
 }
 
-struct LocalFreer {
-  void operator()(void* memory) const { LocalFree(memory); }
-};
-
 // A further end for one client. The pipe takes an answer without a reader, who then finds it even
 // if this end is gone.
-ScopedHandle makeEnd(const std::string& name, bool first) {
+platform::ScopedKernelHandle makeEnd(const std::string& name, bool first) {
   PSECURITY_DESCRIPTOR access = nullptr;
   if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(kAccess, SDDL_REVISION_1, &access,
                                                             nullptr)) {
     fail("the control path " + name, GetLastError());
   }
-  const std::unique_ptr<void, LocalFreer> freed(access);
+  const platform::ScopedLocalMemory freed(access);
   SECURITY_ATTRIBUTES attributes{sizeof attributes, access, FALSE};
   if (first) checkFree(name);
   const DWORD once = first ? FILE_FLAG_FIRST_PIPE_INSTANCE : 0;
@@ -64,7 +61,7 @@ ScopedHandle makeEnd(const std::string& name, bool first) {
       CreateNamedPipeA(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | once,
                        PIPE_TYPE_BYTE | PIPE_REJECT_REMOTE_CLIENTS, PIPE_UNLIMITED_INSTANCES,
                        kLongestControlAnswer, kLongestControlLine, 0, &attributes);
-  if (end != INVALID_HANDLE_VALUE) return ScopedHandle(end);
+  if (end != INVALID_HANDLE_VALUE) return platform::ScopedKernelHandle(end);
   const DWORD error = GetLastError();
   if (first) checkFree(name);  // another one may have been faster
   fail("the control path " + name, error);
@@ -73,7 +70,7 @@ ScopedHandle makeEnd(const std::string& name, bool first) {
 // The agent's end of one client's connection. `stop` ends every wait.
 class ClientEnd {
  public:
-  ClientEnd(ScopedHandle pipe, HANDLE stop)
+  ClientEnd(platform::ScopedKernelHandle pipe, HANDLE stop)
       : pipe_(std::move(pipe)), stop_(stop), done_(makeEvent()) {}
 
   // Waits for the client; false if there is to be none any more.
@@ -126,9 +123,9 @@ class ClientEnd {
     return GetOverlappedResult(pipe_.get(), &operation, &count, TRUE) != FALSE;
   }
 
-  const ScopedHandle pipe_;
+  const platform::ScopedKernelHandle pipe_;
   const HANDLE stop_;
-  const ScopedHandle done_;
+  const platform::ScopedKernelHandle done_;
 };
 
 class PipeServer final : public ControlServer {
@@ -162,21 +159,21 @@ class PipeServer final : public ControlServer {
   const std::string name_;
   const Handler handler_;
   const OnFailure onFailure_;
-  const ScopedHandle stop_;  // stays signalled
-  ScopedHandle next_;        // the thread's
+  const platform::ScopedKernelHandle stop_;  // stays signalled
+  platform::ScopedKernelHandle next_;        // the thread's
   std::thread thread_;
 };
 
 // An end of the pipe of that name, waited for while others have it; none if there is no such pipe.
-ScopedHandle openPipe(const std::string& name, SteadyClock::time_point deadline) {
+platform::ScopedKernelHandle openPipe(const std::string& name, SteadyClock::time_point deadline) {
   // The agent may learn who asks, and not act in their name.
   constexpr DWORD kFlags = FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION;
   for (;;) {
     HANDLE pipe = CreateFileA(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
                               kFlags, nullptr);
-    if (pipe != INVALID_HANDLE_VALUE) return ScopedHandle(pipe);
+    if (pipe != INVALID_HANDLE_VALUE) return platform::ScopedKernelHandle(pipe);
     const DWORD error = GetLastError();
-    if (error == ERROR_FILE_NOT_FOUND) return nullptr;
+    if (error == ERROR_FILE_NOT_FOUND) return {};
     if (error == ERROR_ACCESS_DENIED) {
       throw std::runtime_error("permission denied at " + name +
                                ": an agent answers its own user and administrators; run this as "
@@ -188,7 +185,8 @@ ScopedHandle openPipe(const std::string& name, SteadyClock::time_point deadline)
   }
 }
 
-std::string exchange(ScopedHandle pipe, const std::string& line, SteadyClock::time_point deadline) {
+std::string exchange(platform::ScopedKernelHandle pipe, const std::string& line,
+                     SteadyClock::time_point deadline) {
   NamedPipeConnection agent(std::move(pipe));
   agent.post(line.data(), static_cast<std::uint32_t>(line.size()), deadline);
   std::string answer;
@@ -217,7 +215,7 @@ std::string askAgent(const std::vector<std::string>& paths, const std::string& l
   std::string tried;
   for (const std::string& path : paths) {
     checkName(path);
-    if (ScopedHandle pipe = openPipe(path, deadline)) {
+    if (platform::ScopedKernelHandle pipe = openPipe(path, deadline)) {
       return exchange(std::move(pipe), line, deadline);
     }
     tried += (tried.empty() ? "" : ", ") + path;

@@ -5,7 +5,8 @@
 #include <memory>
 #include <stdexcept>
 #include <system_error>
-#include <type_traits>
+
+#include "platform/process/scoped_handle_win32.h"
 
 namespace zelta::agent {
 
@@ -34,18 +35,13 @@ WORD typeOf(Severity severity) {
   }
 }
 
-struct KeyCloser {
-  void operator()(HKEY key) const { RegCloseKey(key); }
-};
-using ScopedKey = std::unique_ptr<std::remove_pointer_t<HKEY>, KeyCloser>;
-
 }  // namespace
 
 void registerEventSource(const std::string& source, const std::string& program) {
   HKEY made = nullptr;
   check(RegCreateKeyExA(HKEY_LOCAL_MACHINE, keyOf(source).c_str(), 0, nullptr, 0, KEY_SET_VALUE,
                         nullptr, &made, nullptr));
-  const ScopedKey key(made);
+  const platform::ScopedRegistryKey key(made);
   check(RegSetValueExA(key.get(), "EventMessageFile", 0, REG_SZ,
                        reinterpret_cast<const BYTE*>(program.c_str()),
                        static_cast<DWORD>(program.size() + 1)));

@@ -46,7 +46,7 @@ class NamedPipeClient final : public PipeClientPort {
       return opened;
     }
     opened.result = OpenResult::kOpened;
-    opened.connection = std::make_unique<NamedPipeConnection>(ScopedHandle(pipe));
+    opened.connection = std::make_unique<NamedPipeConnection>(platform::ScopedKernelHandle(pipe));
     return opened;
   }
 
@@ -58,7 +58,7 @@ class NamedPipeClient final : public PipeClientPort {
   void cancel() override { SetEvent(cancel_.get()); }
 
  private:
-  const ScopedHandle cancel_;  // stays signalled
+  const platform::ScopedKernelHandle cancel_;  // stays signalled
 };
 
 }  // namespace

@@ -24,13 +24,13 @@ DWORD millisecondsUntil(std::optional<SteadyClock::time_point> deadline) {
       std::clamp<std::chrono::milliseconds::rep>(left.count(), 0, 0x7FFFFFFF));
 }
 
-ScopedHandle makeEvent() {
+platform::ScopedKernelHandle makeEvent() {
   HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
   if (event == nullptr) {
     throw std::system_error(static_cast<int>(GetLastError()), std::system_category(),
                             "CreateEvent");
   }
-  return ScopedHandle(event);
+  return platform::ScopedKernelHandle(event);
 }
 
 // One write that nobody waits for. The system uses both members until `done` is signalled.
@@ -42,12 +42,12 @@ struct NamedPipeConnection::Post {
     operation.hEvent = done.get();
   }
 
-  const ScopedHandle done;
+  const platform::ScopedKernelHandle done;
   OVERLAPPED operation{};
   const std::vector<unsigned char> bytes;
 };
 
-NamedPipeConnection::NamedPipeConnection(ScopedHandle pipe)
+NamedPipeConnection::NamedPipeConnection(platform::ScopedKernelHandle pipe)
     : pipe_(std::move(pipe)), cancel_(makeEvent()), read_(makeEvent()), written_(makeEvent()) {}
 
 NamedPipeConnection::~NamedPipeConnection() {

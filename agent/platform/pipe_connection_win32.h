@@ -11,22 +11,17 @@
 // windows.h comes first
 #include <deque>
 #include <memory>
-#include <type_traits>
 #include <vector>
 
 #include "agent/link/pipe_client_port.h"
 #include "contract/bytes.h"
+#include "platform/process/scoped_handle_win32.h"
 #include "platform/sync/sync.h"
 
 namespace zelta::agent {
 
-struct HandleCloser {
-  void operator()(HANDLE handle) const { CloseHandle(handle); }
-};
-using ScopedHandle = std::unique_ptr<std::remove_pointer_t<HANDLE>, HandleCloser>;
-
 // A manual-reset event; throws std::system_error for lack of handles.
-ScopedHandle makeEvent();
+platform::ScopedKernelHandle makeEvent();
 
 // The limit of a wait that ends then, at the latest; without a limit if there is no deadline.
 DWORD millisecondsUntil(std::optional<SteadyClock::time_point> deadline);
@@ -37,7 +32,7 @@ class NamedPipeConnection final : public PipeConnection {
   static constexpr std::size_t kMostPosts = 256;
 
   // Takes an overlapped handle. Throws std::system_error for lack of handles.
-  explicit NamedPipeConnection(ScopedHandle pipe);
+  explicit NamedPipeConnection(platform::ScopedKernelHandle pipe);
   // What was posted and has not been read by the driver is lost.
   ~NamedPipeConnection() override;
 
@@ -62,7 +57,7 @@ class NamedPipeConnection final : public PipeConnection {
     FirstByte() : done(makeEvent()) {}
 
     enum class State { kNone, kAwaited, kKept };  // kKept: read, and not handed over yet
-    const ScopedHandle done;
+    const platform::ScopedKernelHandle done;
     OVERLAPPED operation{};
     State state = State::kNone;
     unsigned char byte = 0;
@@ -87,10 +82,10 @@ class NamedPipeConnection final : public PipeConnection {
   // Removes the posts that the driver has read from the front; kClosed if one failed.
   IoResult dropRead() ZELTA_REQUIRES(mutex_);
 
-  const ScopedHandle pipe_;
-  const ScopedHandle cancel_;   // stays signalled
-  const ScopedHandle read_;     // one reader
-  const ScopedHandle written_;  // one writer
+  const platform::ScopedKernelHandle pipe_;
+  const platform::ScopedKernelHandle cancel_;   // stays signalled
+  const platform::ScopedKernelHandle read_;     // one reader
+  const platform::ScopedKernelHandle written_;  // one writer
   FirstByte first_;
   std::vector<unsigned char> answer_;  // the one that is being written
   platform::Mutex mutex_;

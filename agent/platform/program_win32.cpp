@@ -55,7 +55,7 @@ struct Surroundings {
 // `controlPipe` is for options that name none.
 int serve(const Options& options, const std::string& controlPipe, const Surroundings& around,
           Log& log) {
-  const ScopedHandle failed = makeEvent();
+  const platform::ScopedKernelHandle failed = makeEvent();
   FailureNote failure([&failed] { SetEvent(failed.get()); });
   const OnFailure onFailure = [&failure](const char* problem) { failure.take(problem); };
   Agent::Settings settings;

@@ -2,15 +2,14 @@
 
 #include <array>
 #include <cstdlib>
-#include <memory>
 #include <stdexcept>
 #include <system_error>
-#include <type_traits>
 #include <utility>
 
 #include "agent/platform/event_log_win32.h"
 #include "agent/platform/pipe_connection_win32.h"
 #include "platform/process/never_destroyed.h"
+#include "platform/process/scoped_handle_win32.h"
 #include "platform/sync/sync.h"
 
 namespace zelta::agent {
@@ -26,11 +25,6 @@ constexpr DWORD kForgetFailures = 60;
 constexpr DWORD kEndLimit = 5000;
 constexpr DWORD kRemoveLimit = 10000;
 
-struct ServiceCloser {
-  void operator()(SC_HANDLE handle) const { CloseServiceHandle(handle); }
-};
-using ScopedService = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, ServiceCloser>;
-
 [[noreturn]] void fail(const std::string& what) {
   const DWORD error = GetLastError();
   const char* advice = error == ERROR_ACCESS_DENIED ? "; run this as administrator" : "";
@@ -38,8 +32,8 @@ using ScopedService = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, ServiceC
                            advice);
 }
 
-ScopedService openManager(DWORD access) {
-  ScopedService manager(OpenSCManagerA(nullptr, nullptr, access));
+platform::ScopedService openManager(DWORD access) {
+  platform::ScopedService manager(OpenSCManagerA(nullptr, nullptr, access));
   if (!manager) fail("the service manager");
   return manager;
 }
@@ -148,7 +142,7 @@ class RunningService final : public ServiceRun {
 
   const std::string name_;
   const std::function<int(ServiceRun&)> body_;
-  const ScopedHandle end_;  // stays signalled
+  const platform::ScopedKernelHandle end_;  // stays signalled
   SERVICE_STATUS_HANDLE handle_ = nullptr;
   platform::Mutex mutex_;
   DWORD state_ ZELTA_GUARDED_BY(mutex_) = SERVICE_START_PENDING;
@@ -188,8 +182,8 @@ void installService(const Options& options) {
   for (std::string& word : argumentsOf(options)) words.push_back(std::move(word));
   const std::string display = "Zelta agent of reader " + std::to_string(options.reader);
 
-  const ScopedService manager = openManager(SC_MANAGER_CREATE_SERVICE);
-  const ScopedService service(CreateServiceA(
+  const platform::ScopedService manager = openManager(SC_MANAGER_CREATE_SERVICE);
+  const platform::ScopedService service(CreateServiceA(
       manager.get(), name.c_str(), display.c_str(), SERVICE_CHANGE_CONFIG | SERVICE_START | DELETE,
       SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_NORMAL,
       commandLine(words).c_str(), nullptr, nullptr, nullptr, kAccount, nullptr));
@@ -207,8 +201,8 @@ void removeService(std::uint32_t reader) {
   const std::string name = serviceName(reader);
   const std::string what = "the service " + name;
   SERVICE_NOTIFYW notice{};
-  const ScopedService manager = openManager(SC_MANAGER_CONNECT);
-  const ScopedService service(
+  const platform::ScopedService manager = openManager(SC_MANAGER_CONNECT);
+  const platform::ScopedService service(
       OpenServiceA(manager.get(), name.c_str(), SERVICE_STOP | SERVICE_QUERY_STATUS | DELETE));
   if (!service) fail(what);
   stopService(service.get(), notice, what);

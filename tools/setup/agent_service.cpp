@@ -1,7 +1,5 @@
 #include <windows.h>
 // windows.h comes first
-#include <winsvc.h>
-
 #include <array>
 #include <filesystem>
 #include <stdexcept>
@@ -9,7 +7,6 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/process/scoped_handle.h"
 #include "platform/process/scoped_handle_win32.h"
 #include "tools/setup/windows_error.h"
 #include "tools/setup/windows_parts.h"
@@ -23,28 +20,20 @@ namespace fs = std::filesystem;
 constexpr wchar_t kProgram[] = L"zelta-agent.exe";
 constexpr std::wstring_view kName = L"ZeltaAgent";  // and the reader's index
 
-struct ServiceTraits {
-  using Value = SC_HANDLE;
-  using Storage = SC_HANDLE;
-  static Value none() { return nullptr; }
-  static bool isValid(Value handle) { return handle != nullptr; }
-  static void close(Value handle) { CloseServiceHandle(handle); }
-};
-using ServiceHandle = platform::ScopedHandle<ServiceTraits>;
-
 // Names of the agent's services: one for each reader that it was installed for.
 std::vector<std::wstring> agentServices() {
-  HKEY services = nullptr;
+  HKEY opened = nullptr;
   const LSTATUS result = RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Services",
-                                       0, KEY_ENUMERATE_SUB_KEYS, &services);
+                                       0, KEY_ENUMERATE_SUB_KEYS, &opened);
   if (result != ERROR_SUCCESS) {
     throw WindowsError("cannot list the services", static_cast<DWORD>(result));
   }
+  const platform::ScopedRegistryKey services(opened);
   std::vector<std::wstring> found;
   std::array<wchar_t, 257> buffer{};
   auto length = static_cast<DWORD>(buffer.size());
-  for (DWORD index = 0; RegEnumKeyExW(services, index, buffer.data(), &length, nullptr, nullptr,
-                                      nullptr, nullptr) == ERROR_SUCCESS;
+  for (DWORD index = 0; RegEnumKeyExW(services.get(), index, buffer.data(), &length, nullptr,
+                                      nullptr, nullptr, nullptr) == ERROR_SUCCESS;
        ++index) {
     const std::wstring name(buffer.data(), length);
     if (name.compare(0, kName.size(), kName) == 0 &&
@@ -53,13 +42,12 @@ std::vector<std::wstring> agentServices() {
     }
     length = static_cast<DWORD>(buffer.size());
   }
-  RegCloseKey(services);
   return found;
 }
 
 void start(const std::wstring& name) {
-  const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-  const ServiceHandle service(OpenServiceW(manager.get(), name.c_str(), SERVICE_START));
+  const platform::ScopedService manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+  const platform::ScopedService service(OpenServiceW(manager.get(), name.c_str(), SERVICE_START));
   require((service && StartServiceW(service.get(), 0, nullptr)) ||
               GetLastError() == ERROR_SERVICE_ALREADY_RUNNING,
           "cannot start the service " + utf8(name));

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/process/scoped_handle_win32.h"
 #include "tools/setup/windows_error.h"
 #include "tools/setup/windows_parts.h"
 
@@ -35,13 +36,12 @@ std::vector<fs::path> storedInfs() {
   std::vector<fs::path> found;
   for (const wchar_t* pattern : {L"oem*.inf", kInf}) {
     WIN32_FIND_DATAW entry;
-    const HANDLE search = FindFirstFileW((folder / pattern).c_str(), &entry);
-    if (search == INVALID_HANDLE_VALUE) continue;
+    const platform::ScopedFileSearch search(FindFirstFileW((folder / pattern).c_str(), &entry));
+    if (!search) continue;
     do {
       const fs::path inf = folder / entry.cFileName;
       if (versionValue(inf, L"CatalogFile") == kCatalog) found.push_back(inf);
-    } while (FindNextFileW(search, &entry));
-    FindClose(search);
+    } while (FindNextFileW(search.get(), &entry));
   }
   return found;
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/files/folders.h"
+#include "platform/process/scoped_handle_win32.h"
 #include "tools/setup/windows_error.h"
 #include "tools/setup/windows_parts.h"
 
@@ -29,16 +30,12 @@ fs::path programData() {
   return found;
 }
 
-struct LocalMemory {
-  void operator()(void* memory) const { LocalFree(memory); }
-};
-
 void setAccess(const fs::path& folder) {
   PSECURITY_DESCRIPTOR made = nullptr;
   require(ConvertStringSecurityDescriptorToSecurityDescriptorW(kLogFolderAccess, SDDL_REVISION_1,
                                                                &made, nullptr),
           "cannot read the access list");
-  const std::unique_ptr<void, LocalMemory> descriptor(made);
+  const platform::ScopedLocalMemory descriptor(made);
   require(SetFileSecurityW(folder.c_str(),
                            OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION |
                                PROTECTED_DACL_SECURITY_INFORMATION,

@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/process/scoped_handle.h"
+#include "platform/process/scoped_handle_win32.h"
 #include "tools/setup/windows_error.h"
 #include "tools/setup/windows_parts.h"
 
@@ -23,11 +23,7 @@ constexpr wchar_t kClassName[] = L"SmartCardReader";
 constexpr GUID kClass = {
     0x50DD5230, 0xBA8A, 0x11D1, {0xBF, 0x5D, 0x00, 0x00, 0xF8, 0x05, 0xF5, 0x30}};
 
-struct DeviceListTraits {
-  using Value = HDEVINFO;
-  using Storage = HDEVINFO;
-  static Value none() { return INVALID_HANDLE_VALUE; }
-  static bool isValid(Value list) { return list != INVALID_HANDLE_VALUE; }
+struct DeviceListTraits : platform::WindowsHandleTraits<HDEVINFO> {
   static void close(Value list) { SetupDiDestroyDeviceInfoList(list); }
 };
 

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/process/scoped_handle_win32.h"
 #include "tools/setup/windows_error.h"
 #include "tools/setup/windows_parts.h"
 
@@ -65,9 +66,10 @@ bool erase(const Setting& setting) {
     if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_READ, &opened) != ERROR_SUCCESS) {
       continue;
     }
-    RegQueryInfoKeyW(opened, nullptr, nullptr, nullptr, &keys, nullptr, nullptr, &values, nullptr,
-                     nullptr, nullptr, nullptr);
-    RegCloseKey(opened);
+    platform::ScopedRegistryKey above(opened);
+    RegQueryInfoKeyW(above.get(), nullptr, nullptr, nullptr, &keys, nullptr, nullptr, &values,
+                     nullptr, nullptr, nullptr, nullptr);
+    above.reset();
     if (keys + values > 0) break;
     RegDeleteKeyW(HKEY_LOCAL_MACHINE, key.c_str());
   }

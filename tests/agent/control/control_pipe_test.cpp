@@ -40,18 +40,18 @@ class ControlPipe : public testing::Test {
     return openControlServer(name_, std::move(handler), test::failTest);
   }
   // A raw client.
-  ScopedHandle connect() const {
+  platform::ScopedKernelHandle connect() const {
     HANDLE pipe = CreateFileA(name_.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                               OPEN_EXISTING, 0, nullptr);
     EXPECT_NE(pipe, INVALID_HANDLE_VALUE) << GetLastError();
-    return ScopedHandle(pipe);
+    return platform::ScopedKernelHandle(pipe);
   }
-  static void write(const ScopedHandle& pipe, const std::string& text) {
+  static void write(const platform::ScopedKernelHandle& pipe, const std::string& text) {
     DWORD count = 0;
     EXPECT_TRUE(
         WriteFile(pipe.get(), text.data(), static_cast<DWORD>(text.size()), &count, nullptr));
   }
-  static std::string readAll(const ScopedHandle& pipe) {
+  static std::string readAll(const platform::ScopedKernelHandle& pipe) {
     std::string text;
     char c = 0;
     DWORD count = 0;
@@ -86,7 +86,7 @@ TEST_F(ControlPipe, LongestAnswer_ArrivesWhole) {
 
 TEST_F(ControlPipe, Answer_WaitsForAClientThatReadsLate) {
   auto server = serve();
-  const ScopedHandle client = connect();
+  const platform::ScopedKernelHandle client = connect();
   write(client, "late\n");
   EXPECT_EQ(askAgent({name_}, "x\n"), "<x>");  // answered after that one
   server.reset();
@@ -95,7 +95,7 @@ TEST_F(ControlPipe, Answer_WaitsForAClientThatReadsLate) {
 
 TEST_F(ControlPipe, Pipe_IsForItsOwnerAndAdministratorsOnly) {
   const auto server = serve();
-  const ScopedHandle client = connect();
+  const platform::ScopedKernelHandle client = connect();
   PSECURITY_DESCRIPTOR access = nullptr;
   ASSERT_EQ(GetSecurityInfo(client.get(), SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
                             nullptr, nullptr, nullptr, &access),
@@ -134,14 +134,14 @@ TEST_F(ControlPipe, NameThatIsNoPipes_IsRefused) {
 
 TEST_F(ControlPipe, ClientThatAsksForTooMuch_IsDropped) {
   const auto server = serve();
-  const ScopedHandle client = connect();
+  const platform::ScopedKernelHandle client = connect();
   write(client, std::string(kLongestControlLine + 1, 'x'));
   EXPECT_EQ(readAll(client), "");
 }
 
 TEST_F(ControlPipe, ClientThatSaysNothing_IsDroppedAndTheNextIsAnswered) {
   const auto server = serve();
-  const ScopedHandle client = connect();
+  const platform::ScopedKernelHandle client = connect();
   EXPECT_EQ(askAgent({name_}, "x\n"), "<x>");
   EXPECT_EQ(readAll(client), "");
 }
@@ -149,7 +149,7 @@ TEST_F(ControlPipe, ClientThatSaysNothing_IsDroppedAndTheNextIsAnswered) {
 TEST_F(ControlPipe, ClientsThatGoWithoutWaiting_HarmNothing) {
   const auto server = serve();
   for (int i = 0; i < 20; ++i) {
-    ScopedHandle client;
+    platform::ScopedKernelHandle client;
     while (!client) {  // two ends are there at a time
       HANDLE pipe = CreateFileA(name_.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                 OPEN_EXISTING, 0, nullptr);
@@ -162,7 +162,7 @@ TEST_F(ControlPipe, ClientsThatGoWithoutWaiting_HarmNothing) {
 
 TEST_F(ControlPipe, ClientThatSaysNothing_DoesNotHoldUpTheEnd) {
   auto server = serve();
-  const ScopedHandle client = connect();
+  const platform::ScopedKernelHandle client = connect();
   server.reset();
   EXPECT_EQ(readAll(client), "");
 }
