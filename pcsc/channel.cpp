@@ -108,7 +108,7 @@ Channel::Exchange Channel::transmitToCard(CardNumber card, const Apdu& command,
   return exchange;
 }
 
-RESPONSECODE Channel::presence() {
+RESPONSECODE Channel::checkPresence() {
   return presence_->reportCard() == kNoCard ? IFD_ICC_NOT_PRESENT : IFD_SUCCESS;
 }
 
@@ -138,7 +138,7 @@ Reply Channel::powerDown(CardNumber card) {
 }
 
 Reply Channel::reset(CardNumber card, std::uint32_t operation) {
-  if (card == kNoCard) return {refusal(), {}};
+  if (card == kNoCard) return {refuse(), {}};
   host::IoResult result =
       controlCard(card, IOCTL_SMARTCARD_POWER, numberBytes(operation), MAX_ATR_SIZE);
   if (framework::failed(result.status) || !isAtr(result)) return resetFailed(card, result.status);
@@ -168,7 +168,7 @@ RESPONSECODE Channel::setProtocol(DWORD protocol) {
     return IFD_PROTOCOL_NOT_SUPPORTED;
   }
   const CardUse use(*presence_);
-  if (use.card() == kNoCard) return refusal();
+  if (use.card() == kNoCard) return refuse();
   const auto mask = static_cast<std::uint32_t>(protocol);
   const bool offered = (offeredProtocols(atrOf(use.card())) & mask) != 0;
   framework::HRESULT status = selectProtocol(use.card(), mask);
@@ -197,7 +197,7 @@ TransmitReply Channel::transmit(const Apdu& command) {
     return {IFD_PROTOCOL_NOT_SUPPORTED};
   }
   const CardUse use(*presence_);
-  if (use.card() == kNoCard) return {refusal()};
+  if (use.card() == kNoCard) return {refuse()};
   const Exchange done = exchange(use.card(), command);
   if (framework::failed(done.end.status)) {
     // pcscd takes the card for absent after this answer, without saying so to anyone.
@@ -279,7 +279,7 @@ RESPONSECODE Channel::setAttribute(DWORD tag, const Bytes& value) {
   return status == status::kNotSupported ? IFD_ERROR_TAG : IFD_ERROR_SET_FAILURE;
 }
 
-RESPONSECODE Channel::refusal() {
+RESPONSECODE Channel::refuse() {
   presence_->noteRefusal();
   return IFD_ICC_NOT_PRESENT;
 }

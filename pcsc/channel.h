@@ -65,7 +65,7 @@ class Channel {
   Channel& operator=(const Channel&) = delete;
 
   // IFD_SUCCESS or IFD_ICC_NOT_PRESENT, at once.
-  RESPONSECODE presence();
+  RESPONSECODE checkPresence();
   // IFD_POWER_UP, IFD_POWER_DOWN or IFD_RESET; the reply is the answer to reset, if any.
   Reply power(DWORD action);
   // SCARD_PROTOCOL_T0 or SCARD_PROTOCOL_T1.
@@ -122,8 +122,8 @@ class Channel {
   // Logs bytes that are not an ATR.
   bool isAtr(const host::IoResult& result) const;
 
-  // The answer to a call that needs a card and has none.
-  RESPONSECODE refusal();
+  // Answers a call that needs a card and has none.
+  RESPONSECODE refuse();
   void reinsert(CardNumber card);
   // Of the card: false, no bytes, 0 if it has not answered yet.
   bool hasAnswered(CardNumber card) const ZELTA_EXCLUDES(mutex_);

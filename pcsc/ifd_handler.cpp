@@ -178,7 +178,7 @@ RESPONSECODE IFDHControl(DWORD lun, DWORD code, PUCHAR txBuffer, DWORD txLength,
 }
 
 RESPONSECODE IFDHICCPresence(DWORD lun) {
-  return onChannel(lun, [](Channel& channel) { return channel.presence(); });
+  return onChannel(lun, [](Channel& channel) { return channel.checkPresence(); });
 }
 
 }  // extern "C"

@@ -224,7 +224,7 @@ void PcscCard::takeState(DWORD state) {
   if (isIn != wasIn || counted) setPresent(isIn);
 }
 
-bool PcscCard::ending() {
+bool PcscCard::isEnding() {
   const platform::MutexLock lock(mutex_);
   return ending_;
 }
@@ -249,7 +249,7 @@ void PcscCard::follow(SCARDCONTEXT context) {
   states[0].szReader = readerChanges.c_str();
   states[1].szReader = reader_.c_str();
   bool missing = false;
-  while (!ending()) {
+  while (!isEnding()) {
     LONG result =
         waitForChange(context, states.data(), static_cast<DWORD>(states.size()), INFINITE);
     const bool unknown = (states[1].dwEventState & SCARD_STATE_UNKNOWN) != 0;

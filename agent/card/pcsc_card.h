@@ -56,7 +56,7 @@ class PcscCard final : public CardBackend {
   // Follows the reader until the service ends or this does.
   void follow(SCARDCONTEXT context);
   LONG waitForChange(SCARDCONTEXT context, SCARD_READERSTATE* states, DWORD count, DWORD limit);
-  bool ending();
+  bool isEnding();
   void takeState(DWORD state);
   void setPresent(bool present);
 

@@ -92,7 +92,7 @@ int runAsService(const Options& options) {
     Surroundings around;
     around.endRequested = service.endRequested();
     around.ready = [&service] { service.ready(); };
-    around.leave = [&service](int exitCode) { service.leave(exitCode); };
+    around.leave = [&service](int exitCode) { service.endProcess(exitCode); };
     around.ending = "Ending: asked to stop";
     try {
       return serve(options, defaultControlPipes(options.reader).front(), around, log);

@@ -94,7 +94,7 @@ class RunningService final : public ServiceRun {
 
   HANDLE endRequested() const override { return end_.get(); }
   void ready() override { report(SERVICE_RUNNING, 0); }
-  void leave(int exitCode) override {
+  void endProcess(int exitCode) override {
     report(SERVICE_STOPPED, exitCode);
     std::_Exit(exitCode);
   }

@@ -37,7 +37,7 @@ class ServiceRun {
   // The service has started.
   virtual void ready() = 0;
   // Ends the process with this exit code, with what is left of its threads.
-  [[noreturn]] virtual void leave(int exitCode) = 0;
+  [[noreturn]] virtual void endProcess(int exitCode) = 0;
 };
 
 // Runs the body on a thread of the system's and returns its exit code, which the service manager is

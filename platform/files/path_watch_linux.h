@@ -38,7 +38,7 @@ class PathWatch {
   // not count as a change yet. If nothing more comes for a while, the caller takes the writer to be
   // done.
   bool isBeingWritten() const { return isBeingWritten_; }
-  void settle() { isBeingWritten_ = false; }
+  void assumeWritten() { isBeingWritten_ = false; }
 
  private:
   // For each watch descriptor the names that matter in that folder; "" is the file itself.

@@ -223,7 +223,7 @@ void FileRegistry::onNews(OpenKey* key, PathWatch* file, bool isWriterDone) {
   const MutexLock lock(mutex_);
   try {
     if (isWriterDone) {
-      file->settle();
+      file->assumeWritten();
     } else if (!file->takeNews()) {
       return;
     }

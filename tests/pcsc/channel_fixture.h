@@ -60,7 +60,7 @@ class ChannelTest : public testing::Test {
   void insert() {
     reader_->insertCard();
     poll();
-    ASSERT_EQ(channel_->presence(), IFD_SUCCESS);
+    ASSERT_EQ(channel_->checkPresence(), IFD_SUCCESS);
   }
   void insertAndPowerUp() {
     insert();
@@ -69,15 +69,15 @@ class ChannelTest : public testing::Test {
   void remove() {
     reader_->removeCard();
     poll();
-    ASSERT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
+    ASSERT_EQ(channel_->checkPresence(), IFD_ICC_NOT_PRESENT);
   }
   // The card, which has not moved, left for pcscd; it comes back by itself.
   void expectReinsertion() {
-    EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
+    EXPECT_EQ(channel_->checkPresence(), IFD_ICC_NOT_PRESENT);
     poll();  // for the removal
-    EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
+    EXPECT_EQ(channel_->checkPresence(), IFD_ICC_NOT_PRESENT);
     poll();  // for the card that is back
-    EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
+    EXPECT_EQ(channel_->checkPresence(), IFD_SUCCESS);
   }
 
   const std::shared_ptr<FakeReader> reader_ = std::make_shared<FakeReader>();

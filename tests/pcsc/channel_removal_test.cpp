@@ -80,7 +80,7 @@ TEST_P(RemovalTest, DuringACall_EndsItWithoutACardWhateverTheDriverAnswers) {
   for (const FakeReader::Answer& answer : answers) {
     insertAndPowerUp();
     EXPECT_EQ(callAndRemove(answer), GetParam().whenTheCardLeaves);
-    EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
+    EXPECT_EQ(channel_->checkPresence(), IFD_ICC_NOT_PRESENT);
     useNextCard();
     remove();
   }
@@ -99,13 +99,13 @@ TEST_P(RemovalTest, DuringACall_ShowsTheNextCardAfterIt) {
   reader_->insertCard();
   ASSERT_NE(reader_->waitForWaiting(IOCTL_SMARTCARD_IS_ABSENT), nullptr);
   const std::size_t requests = reader_->count(GetParam().code);
-  EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
+  EXPECT_EQ(channel_->checkPresence(), IFD_ICC_NOT_PRESENT);
   EXPECT_EQ(GetParam().make(*channel_), GetParam().whenTheCardLeaves);
   EXPECT_EQ(reader_->count(GetParam().code), requests);
   goOn.set_value();
   EXPECT_EQ(called.get(), GetParam().whenTheCardLeaves);
   poll();  // for the card that is back
-  EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
+  EXPECT_EQ(channel_->checkPresence(), IFD_SUCCESS);
 }
 
 INSTANTIATE_TEST_SUITE_P(Calls, RemovalTest, testing::ValuesIn(kCalls),

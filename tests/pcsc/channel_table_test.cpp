@@ -22,7 +22,7 @@ TEST_F(ChannelTableTest, FirstChannel_BringsTheDriverUpAndTheLastTakesItDown) {
     EXPECT_EQ(record_->broughtUp, round);
     EXPECT_EQ(table_.close(kLun), IFD_SUCCESS);
     EXPECT_EQ(record_->takenDown, round - 1);
-    EXPECT_EQ(ChannelTable::Use(table_, kOtherLun).channel()->presence(), IFD_ICC_NOT_PRESENT);
+    EXPECT_EQ(ChannelTable::Use(table_, kOtherLun).channel()->checkPresence(), IFD_ICC_NOT_PRESENT);
     EXPECT_EQ(table_.close(kOtherLun), IFD_SUCCESS);
     EXPECT_EQ(record_->takenDown, round);
     EXPECT_EQ(record_->destroyed, round);
@@ -129,7 +129,7 @@ TEST_F(ChannelTableTest, CloseThatWaitsForItsPresenceThread_HoldsUpNoOtherChanne
   auto closed = std::async(std::launch::async, [this] { return table_.close(kLun); });
   EXPECT_EQ(closed.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
   auto used = std::async(std::launch::async, [this] {
-    return ChannelTable::Use(table_, kOtherLun).channel()->presence();
+    return ChannelTable::Use(table_, kOtherLun).channel()->checkPresence();
   });
   EXPECT_EQ(used.wait_for(FakeReader::kLimit), std::future_status::ready);
   reader_->holdDispatch(IOCTL_SMARTCARD_IS_PRESENT, false);

@@ -18,11 +18,11 @@ using ChannelTest = test::ChannelTest;
 constexpr framework::HRESULT kMute = status::kUnrecognizedMedia;
 
 TEST_F(ChannelTest, Presence_IsAnsweredWithoutAskingTheDriver) {
-  EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
+  EXPECT_EQ(channel_->checkPresence(), IFD_ICC_NOT_PRESENT);
   insert();
-  EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
+  EXPECT_EQ(channel_->checkPresence(), IFD_SUCCESS);
   reader_->removeCard();
-  EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
+  EXPECT_EQ(channel_->checkPresence(), IFD_ICC_NOT_PRESENT);
   EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_POWER) + reader_->count(IOCTL_SMARTCARD_GET_ATTRIBUTE),
             0u);
 }
@@ -123,7 +123,7 @@ TEST_P(PowerFailureTest, IsToldAndTheCardIsPoweredUpByALaterTry) {
     // Still mute, it stays in: it has not answered since it is back.
     EXPECT_EQ(channel_->power(IFD_POWER_UP).code, failure.code);
   }
-  EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
+  EXPECT_EQ(channel_->checkPresence(), IFD_SUCCESS);
   reader_->answerWith(IOCTL_SMARTCARD_POWER, succeededWith(kAtr));
   EXPECT_EQ(channel_->power(IFD_POWER_UP).bytes, kAtr);
 }
@@ -173,7 +173,7 @@ class CallFailureTest : public ChannelTest, public testing::WithParamInterface<F
  protected:
   void expectCard(RESPONSECODE code) {
     if (code != IFD_ICC_NOT_PRESENT) {
-      EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
+      EXPECT_EQ(channel_->checkPresence(), IFD_SUCCESS);
       return;
     }
     EXPECT_EQ(test::transmit(*channel_, 1, {0x00}, 64).code, IFD_ICC_NOT_PRESENT);

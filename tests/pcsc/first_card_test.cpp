@@ -25,7 +25,7 @@ class FirstCardTest : public test::TableTest {
     agentHasCard_ = agentHasCard;
     EXPECT_EQ(agents_.open(kLun, 0), IFD_SUCCESS);
   }
-  RESPONSECODE presence() { return ChannelTable::Use(agents_, kLun).channel()->presence(); }
+  RESPONSECODE presence() { return ChannelTable::Use(agents_, kLun).channel()->checkPresence(); }
 
   AgentHasCard agentHasCard_;
   std::atomic<int> questions_{0};

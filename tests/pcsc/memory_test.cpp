@@ -65,11 +65,11 @@ using ChannelWithoutMemoryTest = ChannelTest;
 TEST_F(ChannelWithoutMemoryTest, WhatNeedsNoDriver_NeedsNoMemory) {
   insert();
   const ScarceMemory memory(0);
-  EXPECT_EQ(channel_->presence(), IFD_SUCCESS);
+  EXPECT_EQ(channel_->checkPresence(), IFD_SUCCESS);
   channel_->stopAwaiting();
   poll();
   reader_->removeCard();
-  EXPECT_EQ(channel_->presence(), IFD_ICC_NOT_PRESENT);
+  EXPECT_EQ(channel_->checkPresence(), IFD_ICC_NOT_PRESENT);
   channel_->close();
   EXPECT_FALSE(memory.ranOut());
 }

@@ -33,7 +33,7 @@ class RevivalTest : public test::TableTest {
   bool waitForCard() {
     const ChannelTable::Use use(table_, kLun);
     const auto end = Clock::now() + FakeReader::kLimit;
-    while (use.channel()->presence() != IFD_SUCCESS) {
+    while (use.channel()->checkPresence() != IFD_SUCCESS) {
       if (Clock::now() > end) return false;
       use.channel()->awaitChange(milliseconds(1000));
     }
@@ -152,7 +152,7 @@ TEST_F(RefusedProtocolTest, ProtocolThatTheCardOffers_RestartsTheDeviceAfterGrow
 TEST_F(RefusedProtocolTest, ProtocolThatTheCardDoesNotOffer_LeavesTheDeviceAlone) {
   open({{kServing}});
   refuse(SCARD_PROTOCOL_T0);
-  EXPECT_EQ(ChannelTable::Use(table_, kLun).channel()->presence(), IFD_SUCCESS);
+  EXPECT_EQ(ChannelTable::Use(table_, kLun).channel()->checkPresence(), IFD_SUCCESS);
   EXPECT_EQ(table_.close(kLun), IFD_SUCCESS);
   EXPECT_THAT(log_->lines(), IsEmpty());
   EXPECT_EQ(record_->broughtUp, 1);
@@ -163,7 +163,7 @@ TEST_F(RevivalTest, CallsMeanwhile_SeeNoCardAndAreNotHeldUp) {
   ASSERT_TRUE(log_->waitForLines(1));
   const ChannelTable::Use use(table_, kLun);
   for (int i = 0; i < 100; ++i) {
-    EXPECT_EQ(use.channel()->presence(), IFD_ICC_NOT_PRESENT);
+    EXPECT_EQ(use.channel()->checkPresence(), IFD_ICC_NOT_PRESENT);
     EXPECT_EQ(use.channel()->power(IFD_POWER_UP).code, IFD_ICC_NOT_PRESENT);
     EXPECT_EQ(test::transmit(*use.channel(), 1, {0x00, 0xA4}, 16).code, IFD_ICC_NOT_PRESENT);
   }

@@ -135,7 +135,7 @@ TEST(PathWatch, WriterThatKeepsTheFileOpen_IsSeenUntilItClosesTheFile) {
   file << "x" << std::flush;
   EXPECT_FALSE(watch.takeNews());
   EXPECT_TRUE(watch.isBeingWritten());
-  watch.settle();
+  watch.assumeWritten();
   EXPECT_FALSE(watch.isBeingWritten());
   file << "y" << std::flush;
   EXPECT_FALSE(watch.takeNews());
