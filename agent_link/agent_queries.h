@@ -43,12 +43,12 @@ class AgentQueries {
     std::optional<ExchangeTurn::Holder> holder_;  // none if it was waited for in vain
   };
 
-  QueryResult transmit(const Bytes& command, ResponseBuffer& response);
-  QueryResult queryAtr(Bytes& atr, bool reset);
-  QueryResult queryAtr(Bytes& atr, bool reset, const Turn& turn);
-  QueryResult checkAtr();
+  [[nodiscard]] QueryResult transmit(const Bytes& command, ResponseBuffer& response);
+  [[nodiscard]] QueryResult queryAtr(Bytes& atr, bool reset);
+  [[nodiscard]] QueryResult queryAtr(Bytes& atr, bool reset, const Turn& turn);
+  [[nodiscard]] QueryResult checkAtr();
   // True when it was sent.
-  bool notifyCardReady();
+  [[nodiscard]] bool notifyCardReady();
 
  private:
   class Notification;
@@ -62,7 +62,7 @@ class AgentQueries {
   // Looked at before the turn is taken: without a pipe there is nothing to wait for.
   [[nodiscard]] bool hasPipe(const char* tag) const;
   template <typename Exchange>
-  QueryResult runGuarded(const Name& name, const Turn& turn, Exchange exchange);
+  [[nodiscard]] QueryResult runGuarded(const Name& name, const Turn& turn, Exchange exchange);
   static QueryResult timedOut(const Name& name);
   // Ends what is under way on the pipe.
   void cancel();

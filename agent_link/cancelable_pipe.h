@@ -59,7 +59,7 @@ class CancelablePipe {
 
   // Waits for a client; 0 or the system's error. With 0, `ERROR_PIPE_CONNECTED` (535) and
   // `ERROR_IO_PENDING` (997) the client is accepted.
-  std::uint32_t connect();
+  [[nodiscard]] std::uint32_t connect();
 
   Epoch epoch();
   // Runs `call`, which blocks in an exchange with the client and returns whether it succeeded. If
@@ -78,7 +78,7 @@ class CancelablePipe {
 
   // Ends the epoch, and with it every call that is in flight. The result and the last error are
   // those of the first cancel: false and `ERROR_NOT_FOUND` (1168) if nothing was blocked.
-  bool cancelCalls();
+  [[nodiscard]] bool cancelCalls();
   // Ends the epoch and drops the client; no call begins meanwhile. A client whose call could not be
   // ended is dropped by the next `connect` instead (the step fails with `ERROR_PIPE_BUSY`, 231):
   // on Windows it would take as long as the call does.

@@ -31,7 +31,7 @@ EventListener::EventListener(PipePair& pipes, WaitingRequests& waiting, AgentEve
 
 void EventListener::run() {
   try {
-    serve();
+    (void)serve();  // published
   } catch (const std::exception& failure) {
     logError(kNoError, "Server thread failed: %s", failure.what());
     publish(error::kGenFailure);

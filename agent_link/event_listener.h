@@ -35,7 +35,7 @@ class EventListener {
 
   // The thread's body: 0 if it was told to stop, the error of a failed creation of the pipes, or
   // `ERROR_INVALID_STATE` (5023) if nobody waited for a card.
-  std::uint32_t serve();
+  [[nodiscard]] std::uint32_t serve();
   // `ERROR_IO_PENDING` (997) until the pipes are created, 0 while the thread serves, then what it
   // has ended with (`ERROR_GEN_FAILURE`, 31, for an exception). If it is 0, an insertion request
   // that waited before the call is served.

@@ -68,7 +68,7 @@ class ExchangeTurn {
   // runs `endHolder` without the mutex, keeping the caller's place in the order. If that returns
   // true, the holder is about to give the turn up, and the caller waits up to `kHandOver` more.
   // `endHolder` must not throw. Throws std::bad_alloc before it waits.
-  bool take(std::chrono::milliseconds limit, const std::function<bool()>& endHolder)
+  [[nodiscard]] bool take(std::chrono::milliseconds limit, const std::function<bool()>& endHolder)
       ZELTA_EXCLUDES(mutex_);
 
  private:

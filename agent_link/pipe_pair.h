@@ -24,9 +24,9 @@ class PipePair {
   CancelablePipe& command() { return command_; }
   CancelablePipe& event() { return event_; }
 
-  std::uint32_t create() ZELTA_EXCLUDES(mutex_);
+  [[nodiscard]] std::uint32_t create() ZELTA_EXCLUDES(mutex_);
   // Blocks until both pipes have a client, the command pipe's first.
-  std::uint32_t connect() ZELTA_EXCLUDES(mutex_);
+  [[nodiscard]] std::uint32_t connect() ZELTA_EXCLUDES(mutex_);
   // Ends the calls on both pipes and drops their clients, the event pipe's first. The pipes can be
   // connected again.
   void disconnect() ZELTA_EXCLUDES(mutex_);

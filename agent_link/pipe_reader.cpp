@@ -50,7 +50,7 @@ void PipeReader::cardInserted() {
     waiting().note(CardEvent::kInserted);
     setState(SCARD_SWALLOWED);
     // The card is there, whatever the result.
-    initializeProtocols(
+    (void)initializeProtocols(
         [&](std::vector<std::uint8_t>& atr) { return queries_.queryAtr(atr, true, turn); });
   }
   if (waiting().any(CardEvent::kInserted)) {

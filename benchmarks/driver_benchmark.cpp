@@ -116,11 +116,11 @@ void measureEvents(Driver& driver, AgentProcess& agent, int count) {
   for (int i = 0; i < count; ++i) {
     auto operation = driver.wait(IOCTL_SMARTCARD_IS_ABSENT, &completed);
     Clock::time_point sent = agent.move("remove");
-    operation->wait(kLimit);
+    (void)operation->wait(kLimit);
     removals.add(completed - sent);
     operation = driver.wait(IOCTL_SMARTCARD_IS_PRESENT, &completed);
     sent = agent.move("insert");
-    operation->wait(kLimit);
+    (void)operation->wait(kLimit);
     insertions.add(completed - sent);
   }
   insertions.print();

@@ -94,7 +94,7 @@ class ModuleHost final : public DriverHost {
 
   ~ModuleHost() override {
     takeDown();
-    module_.unload();
+    (void)module_.unload();
   }
 
   void bringUp() override;

@@ -85,7 +85,7 @@ class IoOperation {
   virtual ~IoOperation() = default;
   // Waits until the request is completed and its completion callback has returned; false when
   // the time ran out.
-  virtual bool wait(std::chrono::milliseconds limit) = 0;
+  [[nodiscard]] virtual bool wait(std::chrono::milliseconds limit) = 0;
   // What `wait` would return if it did not wait.
   virtual bool completed() const = 0;
   // Cancels: a request that waits, marked cancelable, is handed to the driver's cancel callback
@@ -159,7 +159,7 @@ class DriverHost {
   virtual void tearDown() noexcept = 0;
   // Asks the module and unloads it; false (still loaded) when it answered that it may not be, and,
   // without asking, while the device is up. True when it is unloaded already.
-  virtual bool unload() = 0;
+  [[nodiscard]] virtual bool unload() = 0;
 
   // `name` is an interface's reference string, "dev0". Null if the driver published none such
   // or is not up.

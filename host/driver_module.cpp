@@ -35,7 +35,7 @@ DriverModule::DriverModule(const std::string& path) : path_(path) {
   try {
     checkExports();
   } catch (const HostError&) {
-    static_cast<void>(platform::closeModule(module_));
+    (void)platform::closeModule(module_);
     throw;
   }
 }

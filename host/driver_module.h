@@ -31,7 +31,7 @@ class DriverModule {
   bool loaded() const { return module_ != nullptr; }
   const std::string& path() const { return path_; }
   // False if the module answers that it may not be unloaded, or the system does not do it.
-  bool unload() noexcept;
+  [[nodiscard]] bool unload() noexcept;
 
  private:
   using GetClassObject = framework::HRESULT(ZELTA_STDMETHODCALLTYPE*)(framework::REFCLSID,

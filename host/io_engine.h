@@ -60,7 +60,7 @@ class IoEngine : public std::enable_shared_from_this<IoEngine> {
                                      std::shared_ptr<Operation> operation) noexcept;
   // Returns when the driver's callback has. False if the driver keeps the request, and the
   // engine with it.
-  bool dispatch(WdfRequest& request);
+  [[nodiscard]] bool dispatch(WdfRequest& request);
   // The kept request of that operation, or any; null if there is none.
   framework::ComPtr<WdfRequest> findKept(const Operation* operation) ZELTA_EXCLUDES(mutex_);
 
@@ -90,7 +90,7 @@ class BlockingControl {
 
  private:
   // False if the time ran out. The thread is outside the driver from here on.
-  bool awaitCompletion(IoEngine& engine, std::chrono::milliseconds limit);
+  [[nodiscard]] bool awaitCompletion(IoEngine& engine, std::chrono::milliseconds limit);
 
   CallbackGate::Pass inside_;
   CallbackGate::Pass waiting_;

@@ -23,9 +23,9 @@ namespace zelta::host {
 class ObjectContext {
  public:
   // Succeeds once per object, before its cleanup. The callback is held until the cleanup is done.
-  framework::HRESULT assign(framework::IObjectCleanup* cleanup, void* context)
+  [[nodiscard]] framework::HRESULT assign(framework::IObjectCleanup* cleanup, void* context)
       ZELTA_EXCLUDES(mutex_);
-  framework::HRESULT retrieve(void** context) const ZELTA_EXCLUDES(mutex_);
+  [[nodiscard]] framework::HRESULT retrieve(void** context) const ZELTA_EXCLUDES(mutex_);
   // Runs the callback. Does nothing the second time.
   void cleanUp(framework::IWDFObject* object) ZELTA_EXCLUDES(mutex_);
 

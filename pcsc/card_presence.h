@@ -78,7 +78,7 @@ class CardPresence {
   void awaitChange(std::chrono::milliseconds limit) ZELTA_EXCLUDES(mutex_);
   // Waits until a card is shown or this is closed; false if neither has come about by `deadline`.
   // The polling function is told of the card all the same.
-  bool awaitCard(Clock::time_point deadline) ZELTA_EXCLUDES(mutex_);
+  [[nodiscard]] bool awaitCard(Clock::time_point deadline) ZELTA_EXCLUDES(mutex_);
   // Ends `awaitChange`: the one that waits now, or else the next one.
   void stopAwaiting() ZELTA_EXCLUDES(mutex_);
   // Ends every `awaitChange` from now on; no card is shown any more.

@@ -65,19 +65,19 @@ class Channel {
   Channel& operator=(const Channel&) = delete;
 
   // IFD_SUCCESS or IFD_ICC_NOT_PRESENT, at once.
-  RESPONSECODE checkPresence();
+  [[nodiscard]] RESPONSECODE checkPresence();
   // IFD_POWER_UP, IFD_POWER_DOWN or IFD_RESET; the reply is the answer to reset, if any.
   Reply power(DWORD action);
   // SCARD_PROTOCOL_T0 or SCARD_PROTOCOL_T1.
-  RESPONSECODE setProtocol(DWORD protocol);
+  [[nodiscard]] RESPONSECODE setProtocol(DWORD protocol);
   TransmitReply transmit(const Apdu& command);
   // Any attribute; numbers are 4 bytes, texts come without a terminating zero.
   Reply attribute(DWORD tag);
-  RESPONSECODE setAttribute(DWORD tag, const Bytes& value);
+  [[nodiscard]] RESPONSECODE setAttribute(DWORD tag, const Bytes& value);
 
   void awaitChange(std::chrono::milliseconds limit) { presence_->awaitChange(limit); }
   // Returns when a card is there, or at `close`; false if neither has come about by `deadline`.
-  bool awaitCard(CardPresence::Clock::time_point deadline) {
+  [[nodiscard]] bool awaitCard(CardPresence::Clock::time_point deadline) {
     return presence_->awaitCard(deadline);
   }
   void stopAwaiting() { presence_->stopAwaiting(); }
@@ -109,7 +109,7 @@ class Channel {
                              std::size_t outputCapacity);
   // The same for a command, with the answer's header apart.
   Exchange transmitToCard(CardNumber card, const Apdu& command, std::uint32_t protocol);
-  framework::HRESULT selectProtocol(CardNumber card, std::uint32_t mask);
+  [[nodiscard]] framework::HRESULT selectProtocol(CardNumber card, std::uint32_t mask);
   Reply powerDown(CardNumber card);
   Reply reset(CardNumber card, std::uint32_t operation);
   Reply resetFailed(CardNumber card, framework::HRESULT status);
@@ -117,13 +117,13 @@ class Channel {
   Exchange exchange(CardNumber card, const Apdu& command);
   // The driver's protocol if it differs from `known`; none if it does not or cannot be asked.
   std::optional<std::uint32_t> otherProtocol(CardNumber card, std::uint32_t known);
-  RESPONSECODE checkAnswer(const Exchange& exchange, std::size_t capacity);
+  [[nodiscard]] RESPONSECODE checkAnswer(const Exchange& exchange, std::size_t capacity);
   Reply atr();
   // Logs bytes that are not an ATR.
   bool isAtr(const host::IoResult& result) const;
 
   // Answers a call that needs a card and has none.
-  RESPONSECODE refuse();
+  [[nodiscard]] RESPONSECODE refuse();
   void reinsert(CardNumber card);
   // Of the card: false, no bytes, 0 if it has not answered yet.
   bool hasAnswered(CardNumber card) const ZELTA_EXCLUDES(mutex_);

@@ -79,16 +79,18 @@ class ChannelTable {
   // Each failure is logged. Throws std::bad_alloc; nothing is open then. A channel that is open is
   // returned with its card, or without one at once if no agent has one, or after
   // `kFirstCardLimit`; other calls for it are let in meanwhile.
-  RESPONSECODE open(DWORD lun, std::uint32_t readerIndex) ZELTA_EXCLUDES(openMutex_, mutex_);
+  [[nodiscard]] RESPONSECODE open(DWORD lun, std::uint32_t readerIndex)
+      ZELTA_EXCLUDES(openMutex_, mutex_);
   // IFD_NO_SUCH_DEVICE if none is open. Takes as long as the driver takes to finish what it
   // does for this channel, and needs no memory.
-  RESPONSECODE close(DWORD lun) noexcept ZELTA_EXCLUDES(openMutex_, mutex_);
+  [[nodiscard]] RESPONSECODE close(DWORD lun) noexcept ZELTA_EXCLUDES(openMutex_, mutex_);
 
  private:
   Entry* enter(DWORD lun) ZELTA_EXCLUDES(mutex_);
   void leave(Entry& entry) ZELTA_EXCLUDES(mutex_);
 
-  RESPONSECODE openChannel(DWORD lun, std::uint32_t readerIndex) ZELTA_EXCLUDES(openMutex_, mutex_);
+  [[nodiscard]] RESPONSECODE openChannel(DWORD lun, std::uint32_t readerIndex)
+      ZELTA_EXCLUDES(openMutex_, mutex_);
   void awaitFirstCard(DWORD lun, std::uint32_t readerIndex) noexcept
       ZELTA_EXCLUDES(openMutex_, mutex_);
   bool isTaken(DWORD lun, std::uint32_t readerIndex) ZELTA_REQUIRES(openMutex_);

@@ -56,11 +56,12 @@ class Reader {
   // whether a card answers. Each is one exchange with the agent. May be called on several threads
   // at once; the exchanges do not overlap. Each blocks for at most about five seconds, and as long
   // again while another exchange is under way.
-  virtual QueryResult QueryTransmit(const Bytes& command, ResponseBuffer& response) = 0;
-  virtual QueryResult QueryAtr(Bytes& atr, bool reset) = 0;
-  virtual QueryResult CheckATR() = 0;
+  [[nodiscard]] virtual QueryResult QueryTransmit(const Bytes& command,
+                                                  ResponseBuffer& response) = 0;
+  [[nodiscard]] virtual QueryResult QueryAtr(Bytes& atr, bool reset) = 0;
+  [[nodiscard]] virtual QueryResult CheckATR() = 0;
   // Tells the agent that a protocol was selected; true if that was sent.
-  virtual bool NotifyCardReady() = 0;
+  [[nodiscard]] virtual bool NotifyCardReady() = 0;
   // Marks the card absent and completes every waiting request as cancelled.
   virtual void shutdown() = 0;
   // The body of the thread that serves the agent; 0 if it ended because it was told to.
@@ -99,9 +100,9 @@ class Reader {
  protected:
   // Reads the ATR and sets protocols, IFSC, clock and data rates from it; false if there was no
   // usable ATR, and then no protocol is available.
-  bool initializeProtocols();
+  [[nodiscard]] bool initializeProtocols();
   // The same with the ATR, after a reset of the card, asked for by `queryAtr`.
-  bool initializeProtocols(const std::function<QueryResult(Bytes&)>& queryAtr);
+  [[nodiscard]] bool initializeProtocols(const std::function<QueryResult(Bytes&)>& queryAtr);
 
   // Logs and answers an attribute as its kind says; completes the request.
   void answerAttribute(IoRequest& request, const Attribute& attribute, const AttributeValue& value,
@@ -138,8 +139,8 @@ class Reader {
   void reset(IoRequest& request, const char* name);
   void applyAtr(const AtrValues& values);
   // False if the mask accepts nothing that is offered.
-  bool chooseProtocol(std::uint32_t mask);
-  bool storeProtocol(std::uint32_t protocol);
+  [[nodiscard]] bool chooseProtocol(std::uint32_t mask);
+  [[nodiscard]] bool storeProtocol(std::uint32_t protocol);
   struct TransmitInput {
     std::uint32_t protocol;         // of the header
     platform::SecretBytes command;  // the APDU after it

@@ -21,8 +21,8 @@ namespace module {
 [[nodiscard]] framework::HRESULT canUnload();
 // These only log: registration is the installation file's business. A tool that makes no object and
 // unloads the module without asking leaves it mapped, because the module's logger holds it.
-framework::HRESULT registerServer();
-framework::HRESULT unregisterServer();
+[[nodiscard]] framework::HRESULT registerServer();
+[[nodiscard]] framework::HRESULT unregisterServer();
 
 }  // namespace module
 

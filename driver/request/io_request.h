@@ -20,8 +20,8 @@ class IoMemory {
   // The data pointer; `size` in bytes.
   virtual void* dataBuffer(std::size_t* size) = 0;
   // If the bytes do not fit, fails and copies nothing.
-  virtual framework::HRESULT copyFromBuffer(std::size_t offset, const void* source,
-                                            std::size_t size) = 0;
+  [[nodiscard]] virtual framework::HRESULT copyFromBuffer(std::size_t offset, const void* source,
+                                                          std::size_t size) = 0;
   virtual void release() noexcept = 0;
 
  protected:
@@ -32,7 +32,8 @@ class IoMemory {
 class IoFile {
  public:
   // `capacity` is in characters, the terminator included, and is updated.
-  virtual framework::HRESULT retrieveFileName(wchar_t* buffer, framework::DWORD* capacity) = 0;
+  [[nodiscard]] virtual framework::HRESULT retrieveFileName(wchar_t* buffer,
+                                                            framework::DWORD* capacity) = 0;
   virtual void release() noexcept = 0;
 
  protected:

@@ -11,7 +11,7 @@ class ReaderDevice {
   // The device lock: recursive, held for every completion of a request, taken through `TracedLock`.
   virtual platform::CriticalSection& deviceLock() = 0;
   // For the device's cancel callback; a new reference.
-  virtual framework::HRESULT queryInterface(framework::REFIID iid, void** out) = 0;
+  [[nodiscard]] virtual framework::HRESULT queryInterface(framework::REFIID iid, void** out) = 0;
 
  protected:
   ~ReaderDevice() = default;

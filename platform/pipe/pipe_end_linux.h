@@ -33,30 +33,30 @@ class PipeEnd {
   ~PipeEnd();
 
   // Listens; before every other method, once.
-  std::uint32_t open() ZELTA_EXCLUDES(mutex_);
+  [[nodiscard]] std::uint32_t open() ZELTA_EXCLUDES(mutex_);
 
   // 0: a client came while this waited. ERROR_PIPE_CONNECTED (535): there is one already, or one
   // was waiting to be let in. A client that has gone in the meantime counts as none: one that was
   // let in is dropped and what still works on it ends with ERROR_BROKEN_PIPE (109); one that waits
   // is passed over unless it left bytes to read.
-  std::uint32_t connect() ZELTA_EXCLUDES(mutex_);
+  [[nodiscard]] std::uint32_t connect() ZELTA_EXCLUDES(mutex_);
   // Drops the client and ends the operations in progress: reads, writes and flushes with
   // ERROR_BROKEN_PIPE (109), connects with ERROR_OPERATION_ABORTED (995). When it returns they have
   // ended and the path takes the next client. A client that `connect` has not let in yet goes on
   // waiting.
-  std::uint32_t disconnect() ZELTA_EXCLUDES(mutex_);
+  [[nodiscard]] std::uint32_t disconnect() ZELTA_EXCLUDES(mutex_);
   // Ends the operations in progress with ERROR_OPERATION_ABORTED (995). ERROR_NOT_FOUND (1168) if
   // there are none.
-  std::uint32_t cancel() ZELTA_EXCLUDES(mutex_);
-  std::uint32_t read(void* data, std::size_t size) ZELTA_EXCLUDES(mutex_);
+  [[nodiscard]] std::uint32_t cancel() ZELTA_EXCLUDES(mutex_);
+  [[nodiscard]] std::uint32_t read(void* data, std::size_t size) ZELTA_EXCLUDES(mutex_);
   // A client that it finds gone stays gone: reads, writes and flushes that begin later fail with
   // ERROR_BROKEN_PIPE (109), even if bytes from it are left.
-  std::uint32_t write(const void* data, std::size_t size) ZELTA_EXCLUDES(mutex_);
+  [[nodiscard]] std::uint32_t write(const void* data, std::size_t size) ZELTA_EXCLUDES(mutex_);
   // ERROR_BROKEN_PIPE (109) if the client went before it had read everything; it stays gone. A
   // client that read everything and then left is not found gone: what it left is read, unless bytes
   // were unread when the command began, the first write after a read or flush. Those cannot answer
   // it.
-  std::uint32_t flush() ZELTA_EXCLUDES(mutex_);
+  [[nodiscard]] std::uint32_t flush() ZELTA_EXCLUDES(mutex_);
   // As `disconnect`, for good: the path is removed, every later call fails with
   // ERROR_INVALID_HANDLE (6).
   void close() ZELTA_EXCLUDES(mutex_);

@@ -33,7 +33,7 @@ class PipeListener {
   // ERROR_ACCESS_DENIED (5) if something else is there (a socket in use, or no socket at all; it
   // stays untouched), ERROR_FILENAME_EXCED_RANGE (206) if the path is longer than a socket's can
   // be, ERROR_NOT_ENOUGH_MEMORY (8). After a failure the state is as before.
-  std::uint32_t open();
+  [[nodiscard]] std::uint32_t open();
   // Admits no further client: from now on a connect fails at once with ECONNREFUSED, and so do
   // those blocked on a full queue; clients that wait to be accepted are dropped. The place stays
   // taken.
@@ -46,7 +46,7 @@ class PipeListener {
 
   // The next waiting client that may use the pipe, with close-on-exec and non-blocking; none if no
   // such client waits. Clients that may not are dropped on the way.
-  FdResult accept();
+  [[nodiscard]] FdResult accept();
 
   // For waiting until it is readable. Null when closed. Another `open` puts another socket here;
   // this one stays valid for who holds it.

@@ -21,7 +21,7 @@ namespace zelta::platform {
 
 // Connects `client` to the socket at `path`: 0 or the system's error number (ENAMETOOLONG if no
 // socket can have that path).
-int connectToPath(const ScopedFd& client, const std::string& path);
+[[nodiscard]] int connectToPath(const ScopedFd& client, const std::string& path);
 
 class SocketPlace {
  public:
@@ -42,7 +42,7 @@ class SocketPlace {
   // Puts a listening socket in the place. `folder` is the place's folder, opened; up to `queue`
   // clients may wait to be accepted. EADDRINUSE if something else is there. After a failure
   // everything is as before. Needs no memory but for a name that is longer than the path by one.
-  Taken take(int folder, int queue, const Restrict& restrict);
+  [[nodiscard]] Taken take(int folder, int queue, const Restrict& restrict);
   // Removes the path if it is still this place's own. May be repeated. Needs no memory.
   void release(int folder);
   // Whether a socket is bound to the path. Its owner does not notice.

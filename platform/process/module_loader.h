@@ -38,7 +38,7 @@ struct ModuleTraits {
   using Storage = ModuleHandle;
   static Value none() { return nullptr; }
   static bool isValid(Value module) { return module != nullptr; }
-  static void close(Value module) { static_cast<void>(closeModule(module)); }
+  static void close(Value module) { (void)closeModule(module); }
 };
 using ScopedModule = ScopedHandle<ModuleTraits>;
 

@@ -98,7 +98,7 @@ TEST_F(CancelablePipeTest, ADroppedClientIsGoneUntilTheNextIsAccepted) {
   pipe_.dropClient(pipe_.epoch());
   EXPECT_EQ(disconnects(), 1u);
   EXPECT_EQ(refusal(pipe_.epoch()), platform::error::kBrokenPipe);
-  pipe_.cancelCalls();
+  (void)pipe_.cancelCalls();
   EXPECT_EQ(refusal(pipe_.epoch()), platform::error::kBrokenPipe);
   EXPECT_EQ(pipe_.connect(), 0u);
   EXPECT_EQ(refusal(pipe_.epoch()), 0u);
@@ -132,7 +132,7 @@ TEST_F(CancelablePipeTest, CancellingWithNothingUnderWayCancelsOnceAndSaysSo) {
 
 TEST_F(CancelablePipeTest, AnEndedEpochIsRefusedAndTheNextIsNot) {
   const Epoch ended = pipe_.epoch();
-  pipe_.cancelCalls();
+  (void)pipe_.cancelCalls();
   EXPECT_EQ(refusal(ended), kAborted);
   EXPECT_EQ(refusal(pipe_.epoch()), 0u);
 }
@@ -267,7 +267,7 @@ TEST_F(CancelablePipeTest, EndOfExchangesWaitsForCallsOfEndedEpochsToo) {
 
 TEST_F(CancelablePipeTest, ACallThatThrowsIsNoLongerInFlight) {
   EXPECT_THROW(pipe_.run(pipe_.epoch(), []() -> bool { throw std::bad_alloc(); }), std::bad_alloc);
-  pipe_.cancelCalls();
+  (void)pipe_.cancelCalls();
   EXPECT_EQ(cancels(), 1u);
 }
 

@@ -402,7 +402,7 @@ MUTATIONS = (
              "agent_link_test", "PeakMemory*", doc="wire-protocol: commands 8"),
     Mutation("insertion-needs-an-atr", "an insertion is told whatever the ATR query gives",
              "agent_link/pipe_reader.cpp",
-             "    initializeProtocols(\n        [&](std::vector<std::uint8_t>& atr) { "
+             "    (void)initializeProtocols(\n        [&](std::vector<std::uint8_t>& atr) { "
              "return queries_.queryAtr(atr, true, turn); });",
              "    if (!initializeProtocols(\n        [&](std::vector<std::uint8_t>& atr) { "
              "return queries_.queryAtr(atr, true, turn); }))\n      return;",
@@ -467,7 +467,7 @@ MUTATIONS = (
     Mutation("connection-is-a-card", "a new connection without a card leaves everybody waiting",
              "agent_link/pipe_reader.cpp",
              "  if (waiting().any(CardEvent::kInserted) && initializeProtocols()) {",
-             "  if (waiting().any(CardEvent::kInserted)) {\n    initializeProtocols();",
+             "  if (waiting().any(CardEvent::kInserted)) {\n    (void)initializeProtocols();",
              "agent_link_test", "CardEvents*:EventListener*", doc="wire-protocol: connecting 4"),
     Mutation("command-pipe-kept", "losing the event pipe drops both pipes",
              "agent_link/pipe_pair.cpp",

@@ -29,7 +29,7 @@ const CardCall kCardCalls[] = {
      }},
     {"Reset", [](Channel& channel) { channel.power(IFD_RESET); }},
     {"PowerDown", [](Channel& channel) { channel.power(IFD_POWER_DOWN); }},
-    {"Protocol", [](Channel& channel) { channel.setProtocol(SCARD_PROTOCOL_T1); }},
+    {"Protocol", [](Channel& channel) { (void)channel.setProtocol(SCARD_PROTOCOL_T1); }},
     {"Atr", [](Channel& channel) { channel.attribute(SCARD_ATTR_ATR_STRING); }, false},
 };
 
