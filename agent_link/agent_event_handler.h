@@ -1,4 +1,4 @@
-// What becomes of a reader when its agent reports something: the event listener's view of it.
+// The event listener's view of a reader: handles what its agent reports.
 //
 // Threads: called on the server thread, with no lock held. An exception ends the handling of that
 // event only; if `agentLost` throws, the thread ends.
@@ -8,7 +8,7 @@ namespace zelta {
 
 class AgentEventHandler {
  public:
-  // Both pipes have a client; its card has not been reported yet.
+  // Both pipes have a client; the card has not been reported yet.
   virtual void agentConnected() = 0;
   virtual void cardInserted() = 0;
   virtual void cardRemoved() = 0;

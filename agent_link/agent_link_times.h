@@ -8,9 +8,9 @@
 namespace zelta {
 
 struct AgentLinkTimes {
-  // For the answer to a query, and before that for the query's turn.
+  // For a query's answer, and again for its turn before that.
   std::chrono::milliseconds query = kQueryTime;
-  // For somebody to wait for a card's insertion, before the agent is accepted.
+  // For an insertion request to come before the agent is accepted.
   std::chrono::milliseconds insertRequest{10000};
   // Between a failed connect and the next.
   std::chrono::milliseconds reconnect{100};

@@ -15,7 +15,7 @@ namespace zelta {
 
 namespace {
 
-// The response to a command that the card could not be given.
+// The response if the command could not be passed to the card.
 constexpr std::array<std::uint8_t, 2> kCommandNotAccepted{0x69, 0x01};
 
 constexpr std::uint64_t kDumpWidth = 16;  // bytes per line
@@ -23,7 +23,7 @@ constexpr std::uint64_t kDumpWidth = 16;  // bytes per line
 // More bytes than these do not fit into a log line's 255 characters.
 constexpr std::size_t kShownBytes = 128;
 
-// What differs between the two users of an ATR exchange, mostly log lines.
+// The differences between the two users of an ATR exchange, mostly log lines.
 struct AtrTexts {
   const char* tag;
   const char* writeFailed;
@@ -95,8 +95,8 @@ void answerNotAccepted(ResponseBuffer& response) {
 
 }  // namespace
 
-// Marks what is under way as a notification. Its destructor waits until nobody is cancelling the
-// notification any more, and only then is the turn given up.
+// Marks the current exchange as a notification. The destructor waits until no thread is cancelling
+// it any more; only then is the turn given up.
 class AgentQueries::Notification {
  public:
   explicit Notification(AgentQueries& queries) : queries_(queries) {
@@ -225,7 +225,7 @@ bool AgentQueries::notifyCardReady() {
     return false;
   }
   const ExchangeTurn::Holder holder(turn_);
-  // Begun before it is marked, so that whoever cancels a notification always ends this one.
+  // Begun before it is marked, so that a thread that cancels a notification always ends this one.
   PipeStream stream(pipe_);
   const Notification notification(*this);
   if (!stream.writeNumber(static_cast<std::uint32_t>(AgentCommand::kNotifyCardReady))) {

@@ -1,15 +1,15 @@
-// One server end of a pipe, the blocking calls on it, and how another thread ends them for certain.
+// One server end of a pipe, its blocking calls, and a reliable way for another thread to end them.
 //
-// The system's cancel releases only what is blocked at that moment. It misses a thread that is just
+// The system's cancel ends only calls that are blocked at that moment. It misses a thread that is
 // about to enter its call, which might then wait for ever, and on Windows hold up a disconnect. So
 // every blocking call goes through here and belongs to an epoch. Ending an epoch refuses further
-// calls in it, then cancels the pipe again and again as long as one of its calls is in flight. It
-// gives up after about two seconds and logs how many calls have not returned.
+// calls in it, then cancels the pipe repeatedly while one of its calls is in flight. It gives up
+// after about two seconds and logs how many calls have not returned.
 //
 // Until `connect` has accepted a client, the pipe counts as having none, and exchanges fail with
 // `ERROR_PIPE_LISTENING` (536). Otherwise Windows would exchange data with an early client.
 //
-// Ownership: owns the pipe's handle; one of a reader's two pipes, and lives as long.
+// Ownership: owns the pipe's handle. A reader has two of these, which live as long as it does.
 // Threads: any, but `hold` and `disconnect` one at a time. No lock is held while a call or a cancel
 // is under way.
 #pragma once
@@ -31,18 +31,18 @@ class CancelablePipe {
   // The calls of an epoch are ended together.
   using Epoch = std::uint64_t;
 
-  // What the two steps of dropping a client have failed with; 0 for success.
+  // The errors of the two steps of dropping a client; 0 for success.
   struct DisconnectErrors {
     std::uint32_t cancel;
     std::uint32_t disconnect;
   };
 
-  // How long a call that a cancel has missed may go on before the next one.
+  // The time between two cancels.
   static constexpr std::chrono::milliseconds kCancelRetry{5};
-  // How often it is cancelled again: for about two seconds in all.
+  // The most repetitions of a cancel: about two seconds in all.
   static constexpr int kCancelRetries = 400;
 
-  // `label` says in the log which pipe it is ("command") and is not copied. There is no pipe yet.
+  // `label` names the pipe in the log ("command") and is not copied. There is no pipe yet.
   CancelablePipe(const char* label, std::string name);
   CancelablePipe(const CancelablePipe&) = delete;
   CancelablePipe& operator=(const CancelablePipe&) = delete;
@@ -54,7 +54,7 @@ class CancelablePipe {
   const std::string& name() const { return name_; }
   platform::PipeHandleValue handle() const { return handle_.get(); }
 
-  // Takes the place of the handle that was held before, which is released.
+  // Replaces the handle; releases the previous one.
   void hold(PipeHandle handle) { handle_ = std::move(handle); }
 
   // Waits for a client; 0 or the system's error. With 0, `ERROR_PIPE_CONNECTED` (535) and
@@ -83,14 +83,14 @@ class CancelablePipe {
   // ended is dropped by the next `connect` instead (the step fails with `ERROR_PIPE_BUSY`, 231):
   // on Windows it would take as long as the call does.
   DisconnectErrors disconnect();
-  // Drops the client in an exchange that cannot be followed any more. Exchanges fail with
+  // Drops the client if an exchange with it cannot be followed any more. Exchanges fail with
   // `ERROR_BROKEN_PIPE` (109) until `disconnect` or the next client. Counts as a call of the epoch:
   // if that has ended, nothing happens. No other exchange may be in flight.
   void dropClient(Epoch epoch);
-  // Refuses every exchange from now on and ends those in flight. A wait for a client goes on.
-  // Cancels nothing if no exchange is in flight.
+  // Refuses further exchanges and ends those in flight. A wait for a client goes on. Cancels
+  // nothing if no exchange is in flight.
   void endExchanges();
-  // Refuses every call from now on; ends none that is in flight (`disconnect` does).
+  // Refuses further calls; ends none that is in flight (`disconnect` does).
   void stop();
 
  private:

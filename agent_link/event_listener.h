@@ -1,5 +1,5 @@
-// The server thread of a reader: creates the pipes, waits until somebody waits for a card, accepts
-// the agent and listens to what it reports, again and again.
+// The server thread of a reader: creates the pipes, then repeatedly waits for an insertion request,
+// accepts the agent and listens to its events.
 //
 // The thread ends when the reader is destroyed, if the pipes cannot be created, and, deliberately,
 // if nobody has waited for a card for ten seconds after its start or after the loss of an agent. It
@@ -36,9 +36,9 @@ class EventListener {
   // The thread's body: 0 if it was told to stop, the error of a failed creation of the pipes, or
   // `ERROR_INVALID_STATE` (5023) if nobody waited for a card.
   [[nodiscard]] std::uint32_t serve();
-  // `ERROR_IO_PENDING` (997) until the pipes are created, 0 while the thread serves, then what it
-  // has ended with (`ERROR_GEN_FAILURE`, 31, for an exception). If it is 0, an insertion request
-  // that waited before the call is served.
+  // `ERROR_IO_PENDING` (997) until the pipes are created, 0 while the thread serves, then its exit
+  // code (`ERROR_GEN_FAILURE`, 31, for an exception). If it is 0, an insertion request that waited
+  // before the call is served.
   std::uint32_t result() ZELTA_EXCLUDES(waiting_.mutex());
 
   void requestStop();
@@ -49,7 +49,7 @@ class EventListener {
 
   void run();
   void endRequests();
-  // Makes a code the result and returns it.
+  // Stores the result code and returns it.
   std::uint32_t publish(std::uint32_t code) ZELTA_EXCLUDES(waiting_.mutex());
   Awaited awaitInsertionRequest() ZELTA_EXCLUDES(waiting_.mutex());
   void awaitReconnect() ZELTA_EXCLUDES(stopMutex_);

@@ -1,5 +1,4 @@
-// Whose turn it is to exchange with the agent: one thread at a time, in the order in which they
-// asked.
+// Gives threads turns to exchange with the agent: one at a time, in the order of their requests.
 //
 // Taking and giving up a turn that nobody else wants makes no system call. The mutex is held for a
 // moment only, never during an exchange.
@@ -20,7 +19,7 @@ class ExchangeTurn {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // How long a holder that was ended may take to give its turn up.
+  // The longest time that an ended holder may take to give its turn up.
   static constexpr std::chrono::milliseconds kHandOver{1000};
 
   // Gives up a turn that was taken.
@@ -38,13 +37,12 @@ class ExchangeTurn {
   // Made around a request's handler, on its thread. Ends before any `ExchangeTurn` that the handler
   // has used.
   //
-  // What the handler has waited before it asks for a turn, for the device lock for example, is part
-  // of its wait for the turn. And a turn that it gives up is kept until it takes another or ends:
-  // an insertion, which asks the agent under the device lock, cannot come between the answer and
-  // the request's completion. So no request waits for more than two limits.
+  // Time the handler spends before it asks for a turn counts towards the wait. A turn that it gives
+  // up stays reserved until it takes another or the scope ends, so no insertion can come between
+  // the answer and the request's completion. A request therefore waits for at most two limits.
   class RequestScope {
    public:
-    // Inside another scope of the thread's it changes nothing.
+    // A scope inside another one of the same thread has no effect.
     explicit RequestScope(Clock::time_point begun = Clock::now());
     ~RequestScope();
     RequestScope(const RequestScope&) = delete;
@@ -53,7 +51,7 @@ class ExchangeTurn {
    private:
     friend class ExchangeTurn;
 
-    // What is left of `limit` for the wait that begins now. Passes on what is kept.
+    // What is left of `limit` for the wait that begins now. Passes on a turn that is kept.
     std::chrono::milliseconds beginWait(std::chrono::milliseconds limit);
 
     Clock::time_point waitingSince_;
@@ -75,7 +73,7 @@ class ExchangeTurn {
   using Ticket = std::uint64_t;
   static constexpr Ticket kNobody = 0;
 
-  // For a request it is `passOn` later.
+  // For a request, `passOn` follows later.
   void giveUp() ZELTA_EXCLUDES(mutex_);
   void passOn() ZELTA_EXCLUDES(mutex_);
 

@@ -1,9 +1,8 @@
 // The owner of one server end of a pipe.
 //
 // Two values stand for no pipe: 0, which a move leaves, and all bits set, the result of a failed
-// creation. Releasing a pipe cancels what is under way on it, drops its client and closes it, in
-// this order, whatever each step returns; it happens on destruction and when another handle is
-// moved in.
+// creation. A release cancels the pipe's calls, drops its client and closes it, in this order,
+// whatever each step returns. It happens on destruction and when another handle is moved in.
 //
 // Threads: `get` and `valid` may be called while another thread moves a handle in. The result of
 // `get` must not be used any more once the holder is destroyed or holds another pipe.

@@ -48,7 +48,7 @@ std::uint32_t PipePair::create() {
   const platform::MutexLock lock(mutex_);
   command_.hold(PipeHandle());
   event_.hold(PipeHandle());
-  // The log calls the event pipe otherwise than the command pipe.
+  // The log lines for the two pipes differ.
   const std::uint32_t code = createPipe(command_, descriptor, "Command named pipe");
   return code != error::kSuccess ? code : createPipe(event_, descriptor, "Event pipe");
 }

@@ -5,7 +5,7 @@
 // Ownership: the reader's; owns both pipes and closes them on destruction, the event pipe first.
 // Threads: `create` and `connect` are for one thread, the others for any. The pipe mutex is held
 // while the handles are replaced and while the pipes are cancelled and disconnected. The handles
-// are read without it, deliberately: whoever blocks on a pipe cannot hold it.
+// are read without it, deliberately: a thread that blocks on a pipe cannot hold it.
 #pragma once
 
 #include <cstdint>
@@ -30,7 +30,7 @@ class PipePair {
   // Ends the calls on both pipes and drops their clients, the event pipe's first. The pipes can be
   // connected again.
   void disconnect() ZELTA_EXCLUDES(mutex_);
-  // No call on a pipe begins any more; `disconnect` ends those that have begun.
+  // Refuses further calls on the pipes; `disconnect` ends those that have begun.
   void stop();
 
  private:

@@ -44,7 +44,7 @@ void PipeReader::agentConnected() {
 
 void PipeReader::cardInserted() {
   {
-    // Taken before the device lock, which nobody then waits for until the turn has come.
+    // Taken before the device lock, so that the lock is not held while this waits for its turn.
     const AgentQueries::Turn turn(queries_);
     const TracedLock lock("PipeReader::handleEvent", waiting().deviceLock(), __LINE__);
     waiting().note(CardEvent::kInserted);
@@ -83,12 +83,11 @@ void PipeReader::agentLost() {
   waiting().note(CardEvent::kRemoved);
 }
 
-// The two differ on purpose in when the state is set: after an insertion's requests, before a
-// removal's.
+// Intentional: an insertion sets the state after it completes its requests, a removal before.
 void PipeReader::unmarkAndCompleteInsertIrps(framework::HRESULT status, std::uint32_t newState) {
   const TracedLock lock("PipeReader::unmarkAndCompleteInsertIrps", waiting().deviceLock(),
                         __LINE__);
-  // Counts for a connection, whose card may not be reported again.
+  // Also on a connect: the agent may not report that card again.
   if (framework::succeeded(status)) waiting().note(CardEvent::kInserted);
   waiting().completeAll(CardEvent::kInserted, status);
   setState(newState);

@@ -1,21 +1,20 @@
-// The reader whose card is at the far end of an agent: a process that opens the reader's two named
-// pipes as their client. On the command pipe the reader asks and the agent answers
-// (`AgentQueries`); on the event pipe the agent reports cards that come and go (`EventListener`).
-// docs/wire-protocol.md has the bytes.
+// A reader whose card is behind an agent: a process that opens the reader's two named pipes as
+// their client. On the command pipe the reader asks and the agent answers (`AgentQueries`); on the
+// event pipe the agent reports insertions and removals (`EventListener`). docs/wire-protocol.md has
+// the bytes.
 //
 // Ownership: the device creates and destroys its readers. A reader owns its two pipes and one
 // server thread, which runs from construction to destruction (or ends early, see `serverThread`),
-// and a watchdog thread from its first query on. Destruction ends what is blocked on the pipes,
-// joins the threads and closes the pipes; it must not happen with the device lock held, nor while
+// and a watchdog thread from its first query on. Destruction ends blocked calls on the pipes, joins
+// the threads and closes the pipes; it must not happen with the device lock held, nor while
 // a query runs.
 //
 // Threads: the queries may be called from several threads at once; they take turns. Each is done
 // within twice its limit of about five seconds. `NotifyCardReady` waits as long for its turn. The
 // notification itself has no limit: it ends when the agent reads it or disconnects, by
 // `endExchanges`, or when a query has waited its whole limit for a turn. `endExchanges` may be
-// called from any thread and needs no lock that anybody may hold during an exchange; `shutdown`
-// from any thread that does not hold a lock below the device lock. docs/threads.md has the locks'
-// order.
+// called from any thread and needs no lock that may be held during an exchange; `shutdown` from any
+// thread that does not hold a lock below the device lock. docs/threads.md has the locks' order.
 //
 // Failures are logged where they happen; a query's caller learns only success, failure or
 // time-out. Intentional: if the pipes could not be created, or no insertion request came within ten

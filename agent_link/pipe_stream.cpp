@@ -32,9 +32,8 @@ std::optional<std::uint32_t> PipeStream::readNumber() {
 
 namespace {
 
-// Far more than any card sends. An agent that has sent so much is given room for all that it has
-// announced, and not before: memory that is only reserved counts as used on Windows and under
-// memory checkers. Bytes.
+// Bytes; far more than any card sends. Only after so many is memory reserved for the whole
+// announced length: on Windows and under memory checkers, reserved memory counts as used.
 constexpr std::uint32_t kTrusted = 16 * PipeStream::kReadBlock;
 
 // Avoids copies of a long payload as it grows.
@@ -42,7 +41,7 @@ void reserve(Bytes& bytes, std::uint32_t length) {
   try {
     bytes.reserve(length);
   } catch (const std::bad_alloc&) {     // then it grows as its bytes arrive
-  } catch (const std::length_error&) {  // the same
+  } catch (const std::length_error&) {  // as above
   }
 }
 

@@ -19,7 +19,7 @@ namespace zelta {
 class PipeStream {
  public:
   // A payload up to this length is read by one call, a longer one in blocks of this size. So memory
-  // is used as the bytes arrive and not on the word of the agent. Bytes.
+  // is used as the bytes arrive, not as the agent announces them. Bytes.
   static constexpr std::uint32_t kReadBlock = ResponseBuffer::kBlock;
 
   static constexpr std::uint32_t kAll = std::numeric_limits<std::uint32_t>::max();
@@ -37,14 +37,14 @@ class PipeStream {
   // None if the read failed.
   std::optional<std::uint32_t> readNumber();
   // `bytes` becomes `length` bytes long, or `kept` if that is less, and is filled; the rest of the
-  // payload is read and thrown away. After a failed read of up to `kReadBlock` bytes it keeps that
+  // payload is read and discarded. After a failed read of up to `kReadBlock` bytes it keeps that
   // length; after one of more bytes, that of the blocks begun so far. If there is no memory, it is
   // left empty and the client is dropped: what it has sent is still in the pipe and would be read
   // as its next answer.
   Payload readPayload(std::uint32_t length, Bytes& bytes, std::uint32_t kept = kAll);
-  // The same for a response. After a failed read it keeps its length.
+  // Reads the payload into a response, which keeps its length after a failed read.
   Payload readPayload(std::uint32_t length, ResponseBuffer& response);
-  // Reads that many bytes and throws them away. Uses no memory for them.
+  // Reads and discards that many bytes. Uses no memory for them.
   [[nodiscard]] bool skip(std::uint32_t length);
 
  private:

@@ -1,5 +1,5 @@
 // Ends a query that takes too long: calls back once when its time is up, unless it is destroyed
-// before. What waits is the reader's watchdog thread, which is parked between the queries.
+// before. The reader's watchdog thread does the waiting; it is parked between queries.
 //
 // Ownership: on the stack of the query that it guards. The thread outlives it, and guards one query
 // at a time.

@@ -1,4 +1,4 @@
-// The thread that waits until a query of one reader takes too long.
+// The thread that times the queries of one reader.
 //
 // Intentional: one thread is parked between the queries. One that each query starts and joins would
 // cost several times what the exchange does.
@@ -9,7 +9,7 @@
 //
 // Ownership: the reader's queries; starts its thread with the first query, joins it on destruction.
 // Threads: any, for one query at a time (`QueryWatchdog`). The mutex is held while a query's
-// callback runs, so that nothing of the query ends before.
+// callback runs, so that the query cannot end during it.
 #pragma once
 
 #include <chrono>
@@ -22,18 +22,18 @@ namespace zelta {
 
 class WatchdogThread {
  public:
-  // `limit` is how long a query may take.
+  // `limit` is the longest time of a query.
   explicit WatchdogThread(std::chrono::milliseconds limit) : limit_(limit) {}
   ~WatchdogThread();
   WatchdogThread(const WatchdogThread&) = delete;
   WatchdogThread& operator=(const WatchdogThread&) = delete;
 
-  // A query begins; `callback` is called once if it does not end in time, and is not copied. Throws
-  // std::system_error if the thread is not running and cannot be started.
+  // Call when a query begins. `callback` is called once if it does not end in time, and is not
+  // copied. Throws std::system_error if the thread is not running and cannot be started.
   void arm(const std::function<void()>& callback) ZELTA_EXCLUDES(mutex_);
-  // Whether the time of the query that was begun last was up before it ended.
+  // Whether the last query ran out of time before it ended.
   bool expired() ZELTA_EXCLUDES(mutex_);
-  // The query ends.
+  // Call when the query ends.
   void disarm() ZELTA_EXCLUDES(mutex_);
 
  private:

@@ -45,7 +45,7 @@ class AgentProcess {
   AgentProcess(const AgentProcess&) = delete;
   AgentProcess& operator=(const AgentProcess&) = delete;
 
-  // "insert" or "remove"; gives the time at which the agent began to send the event.
+  // `word` is "insert" or "remove"; returns the time at which the agent began to send the event.
   std::chrono::steady_clock::time_point move(const char* word) {
     (void)std::fprintf(commands_, "%s\n", word);
     (void)std::fflush(commands_);

@@ -64,7 +64,7 @@ void sendAll(int socket, const void* bytes, std::size_t size) {
 BareExchange::BareExchange(std::optional<int> processor) {
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) std::abort();
-  (void)std::fflush(stdout);  // or the other process would have it, too
+  (void)std::fflush(stdout);  // otherwise the other process would print it, too
   answering_ = fork();
   if (answering_ == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);

@@ -1,7 +1,7 @@
-// The bytes of an exchange over a socket pair and nothing else: the least that it can cost.
+// Only the bytes of an exchange over a socket pair: the least that it can cost.
 //
-// Another process answers, on one thread and at once. Made before the process has threads; owned
-// and used by one.
+// Another process answers, on one thread and at once. Create it before the process has threads; use
+// it on one.
 #pragma once
 
 #include <sys/types.h>
@@ -30,7 +30,7 @@ class BareExchange {
   pid_t answering_ = 0;
 };
 
-// All bytes asked for, or the end of the program: a measurement without its peer is none.
+// Receives all bytes asked for or ends the program: a measurement without its peer is worthless.
 void receiveAll(int socket, void* bytes, std::size_t size);
 void sendAll(int socket, const void* bytes, std::size_t size);
 

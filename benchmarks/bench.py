@@ -1,4 +1,4 @@
-"""Measures the reader and the least that it could cost; `./zelta bench` runs it."""
+"""Measures the reader and its least possible cost; `./zelta bench` runs it."""
 
 import argparse
 import pathlib

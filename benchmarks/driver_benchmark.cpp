@@ -41,7 +41,7 @@ Bytes number(std::uint32_t value) {
   return {bytes.begin(), bytes.end()};
 }
 
-// The driver in its host, with a reader that is open.
+// The driver in its host, with an open reader.
 class Driver {
  public:
   Driver() : host_(host::DriverHost::load(ZELTA_VSC_MODULE)) {
@@ -72,7 +72,7 @@ struct Control {
   Bytes input;
 };
 
-// What the driver answers without asking the agent.
+// The controls that the driver answers without asking the agent.
 const std::vector<Control> kFromState{
     {"GET_STATE", IOCTL_SMARTCARD_GET_STATE, {}},
     {"GET_ATTRIBUTE, a text", IOCTL_SMARTCARD_GET_ATTRIBUTE, number(SCARD_ATTR_VENDOR_NAME)},
@@ -108,7 +108,7 @@ void measureCommands(Driver& driver, const BareExchange& bare, int rounds, int c
   for (Samples& times : stateTimes) times.print();
 }
 
-// From the agent's event to the completion of the request that waits for it.
+// Measures from the agent's event to the completion of the request that waits for it.
 void measureEvents(Driver& driver, AgentProcess& agent, int count) {
   Samples removals("removal to completion");
   Samples insertions("insertion to completion");

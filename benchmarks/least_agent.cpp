@@ -1,4 +1,4 @@
-// The least agent that there can be: one thread that answers each command at once.
+// The smallest possible agent: one thread that answers each command at once.
 //
 //   least_agent            the pipes are those of $ZELTA_PIPE_ROOT
 //

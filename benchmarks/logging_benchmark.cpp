@@ -1,5 +1,5 @@
-// What a line of the driver's log costs, what the same bytes cost if the bare C library writes and
-// flushes them in the same run, and what a call below the threshold costs.
+// Measures the cost of a line of the driver's log, of the same bytes if the bare C library writes
+// and flushes them in the same run, and of a call below the threshold.
 //
 //   logging_benchmark [--benchmark_filter=REGEX ...]
 //
@@ -28,7 +28,7 @@ namespace fs = std::filesystem;
 constexpr int kThreads = 16;
 constexpr char kMessage[] = "[TRSM] transmit of 5 bytes answered with 2 bytes in 12 ms";
 
-// The environment that the process's logger is made in.
+// The environment for the process's logger.
 class Folder {
  public:
   Folder() {

@@ -43,8 +43,8 @@ def run_program(name, environment, *words):
 
 
 def processors():
-    """The processors of those who ask and of those who answer, by the name of the placement. Where
-    the kernel puts them decides what a wake-up costs, so each placement is measured by itself."""
+    """The processors of the asking and of the answering programs, by the name of the placement. The
+    placement decides the cost of a wake-up, so each is measured by itself."""
     usable = sorted(os.sched_getaffinity(0))
     placements = {"one processor": (usable[0], usable[0])}
     if len(usable) > 1:
@@ -92,8 +92,8 @@ class Measured(Reader):
 
 
 def commands(start_agent, placement, rounds, count):
-    """Times of commands. The client and the agent are on the processor of those who ask, pcscd is
-    on the other, so that each wake-up is one from processor to processor if there are two."""
+    """Times of commands. The client and the agent share one processor, pcscd is on the other, so
+    that each wake-up is one from processor to processor if there are two."""
     asking, answering = placement
     with Measured(pcscd_on=answering) as measured, processes_on(asking):
         start_agent(measured)
@@ -156,7 +156,7 @@ class Watcher(threading.Thread):
 
     def when_told(self, begun, bit):
         """The time at which it was told of a state with the bit, from the `begun`th on; none if
-        that does not come about."""
+        that does not happen."""
         def hits():
             return [when for when, state in self.told[begun:] if state & bit]
 
@@ -172,8 +172,8 @@ class Watcher(threading.Thread):
 
 
 def card_movements(measured, swaps):
-    """Insertion and removal as a client sees them, from asking the agent on; quick swaps one by
-    one; a burst of swaps and the time until a client sees the card as it is."""
+    """Insertion and removal as a client sees them, from the request to the agent; quick swaps one
+    by one; a burst of swaps and the time until a client sees the card as it is."""
     watcher = Watcher(READER)
     watcher.wait_for_card()
     result = timed_movements(measured, watcher)

@@ -1,5 +1,4 @@
-// A handler for pcscd that answers everything at once. It shows what a command through pcscd costs
-// by itself.
+// A handler for pcscd that answers everything at once, to measure the cost of pcscd itself.
 #include <algorithm>
 #include <array>
 #include <cstring>

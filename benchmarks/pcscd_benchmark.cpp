@@ -1,11 +1,11 @@
 // A command through pcscd to a handler that answers at once and to the reader, and the bare
-// exchange of the same bytes. They take turns, so that whatever else the machine does meets all of
+// exchange of the same bytes. They take turns, so that other load on the machine affects all of
 // them.
 //
 //   pcscd_benchmark ROUNDS COUNT PROCESSOR
 //
-// The bare exchange is answered on PROCESSOR, pcscd should be there, too, and agent and client
-// together somewhere: otherwise the times are not comparable.
+// The bare exchange is answered on PROCESSOR. pcscd should run there, too, and agent and client
+// together on one processor: otherwise the times are not comparable.
 // Prints lines of samples.h.
 #include <winscard.h>
 

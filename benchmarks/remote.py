@@ -1,5 +1,5 @@
-"""Measures what a command costs whose card is at another machine, beside one round trip of the same
-line, with a delay added each way.
+"""Measures the cost of a command whose card is on another machine, and of one round trip of the
+same line, with a delay added each way.
 
     sudo ZELTA_BUILD_DIR=build PYTHONPATH=tests/end_to_end /usr/bin/python3 benchmarks/remote.py
 

@@ -1,4 +1,4 @@
-"""The table and the chart of what was measured. No measuring here: values in, text out."""
+"""The table and the chart of the measurements. Measures nothing: values in, text out."""
 
 import collections
 import html
@@ -82,7 +82,7 @@ def verdict(row):
 
 
 def table(head, lines):
-    """Markdown that is aligned, to be read as it is."""
+    """Aligned Markdown, readable as plain text."""
     widths = [max(len(str(line[i])) for line in (head, *lines)) for i in range(len(head))]
 
     def text(line):
@@ -123,7 +123,7 @@ def text(results):
 
 
 def rewritten(page, results):
-    """The page with what stands between its marks replaced."""
+    """The page with the text between its marks replaced."""
     before, begin, rest = page.partition(BEGIN)
     _, end, after = rest.partition(END)
     if not begin or not end:

@@ -1,4 +1,4 @@
-// What the benchmark programs share: times of one operation, their options, their end.
+// Shared by the benchmark programs: times of one operation, options, failure.
 //
 // Each operation is printed as a line of tab-separated fields for bench.py, which makes the table:
 // name, median and 90th percentile in microseconds, count.
@@ -49,7 +49,7 @@ class Samples {
   std::vector<double> microseconds_;
 };
 
-// The main function of a program that is called with numbers, which `names` names.
+// The main function of a program whose arguments are numbers; `names` are their names.
 template <typename... Numbers>
 int runWithNumbers(int argc, char** argv, const char* names, void (*run)(Numbers...)) {
   if (argc != 1 + static_cast<int>(sizeof...(Numbers))) {
@@ -61,7 +61,7 @@ int runWithNumbers(int argc, char** argv, const char* names, void (*run)(Numbers
   return 0;
 }
 
-// Ends the program: a measurement without its peer is none.
+// Ends the program: a measurement without its peer is worthless.
 [[noreturn]] inline void fail(const std::string& why) {
   (void)std::fprintf(stderr, "%s\n", why.c_str());
   std::exit(1);

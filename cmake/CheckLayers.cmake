@@ -1,4 +1,4 @@
-# Holds the sources to the table of layers: cmake -DSOURCE=FOLDER -P cmake/CheckLayers.cmake
+# Checks the sources against the table of layers: cmake -DSOURCE=FOLDER -P cmake/CheckLayers.cmake
 cmake_minimum_required(VERSION 3.25)
 include(${CMAKE_CURRENT_LIST_DIR}/Layers.cmake)
 

@@ -1,5 +1,5 @@
-# Which layer may include which. A layer is a folder with everything below it; the longest name that
-# fits counts. `cmake -P cmake/CheckLayers.cmake` holds the sources to this table.
+# Which layer may include which. A layer is a folder with everything below it; the longest matching
+# name counts. `cmake -P cmake/CheckLayers.cmake` checks the sources against this table.
 #
 # layer: the layers whose headers it may include besides its own
 set(ZELTA_LAYERS
@@ -19,11 +19,11 @@ set(ZELTA_LAYERS
   "tools:contract platform logging"
 )
 
-# Headers of the build, in no folder of the sources.
+# Headers made by the build, in no folder of the sources.
 set(ZELTA_GENERATED_HEADERS zelta_build_version.h)
 
 # Headers in angle brackets that end in .h or .hpp belong to the operating system or to a library.
-# These folders and files may include any; the others only what the list after it names.
+# These folders and files may include any; the others only those in the list after it.
 set(ZELTA_SYSTEM_PLACES
   platform agent/platform tools/setup
   tools/logs/log_folder tools/logs/main tools/logs/prune

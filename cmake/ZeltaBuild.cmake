@@ -1,4 +1,4 @@
-# What every target of the project is built with.
+# Settings for every target of the project.
 set(CMAKE_CXX_STANDARD 17)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
@@ -15,7 +15,7 @@ endif()
 
 find_program(ZELTA_CCACHE ccache)
 if(ZELTA_CCACHE)
-  # Otherwise it takes nothing from its cache that was compiled with precompiled headers.
+  # Otherwise its cache is not used for sources that are compiled with precompiled headers.
   set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env
       CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_ctime,include_file_mtime
       ${ZELTA_CCACHE})
@@ -33,7 +33,7 @@ target_compile_options(zelta_options INTERFACE -Wall -Wextra -Werror -Wshadow -W
 target_link_libraries(zelta_options INTERFACE Threads::Threads)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13 AND
    NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
-  # With optimisation this version takes appending to a small std::vector for an overflow.
+  # With optimisation, this version mistakes appending to a small std::vector for an overflow.
   target_compile_options(zelta_options INTERFACE -Wno-array-bounds -Wno-stringop-overflow)
 endif()
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
@@ -48,7 +48,7 @@ if(ZELTA_SANITIZE)
   endif()
 endif()
 if(WIN32)
-  # Header-only libraries of the building system, without the rest of its headers.
+  # Header-only libraries of the build machine, without the rest of its headers.
   set(ZELTA_HEADERS ${CMAKE_BINARY_DIR}/header-only)
   file(MAKE_DIRECTORY ${ZELTA_HEADERS})
   foreach(library fmt CLI nlohmann)

@@ -19,12 +19,12 @@ inline constexpr std::uint32_t SCARD_ATTR_CHARACTERISTICS = 0x00060150;
 inline constexpr std::uint32_t RPC_TYPE = 0x0007A009;
 inline constexpr std::uint32_t PIPE_NAME = 0x0007A00A;
 inline constexpr std::uint32_t EVENT_PIPE_NAME = 0x0007A00B;
-// The tags that a deriving reader answers, or refuses.
+// The tags left to a deriving reader.
 inline constexpr std::uint32_t kFirstVendorDefinedAttribute = PIPE_NAME;
 inline constexpr std::uint32_t kLastVendorDefinedAttribute = 0x0007A00E;
 // Intentional: an addition outside the vendor-defined range, for a host that restarts
 // a reader which has stopped serving: 0 while the reader's server thread serves, 997
-// (ERROR_IO_PENDING) while it still creates its pipes, otherwise the code that it has ended with.
+// (ERROR_IO_PENDING) while it still creates its pipes, otherwise its exit code.
 inline constexpr std::uint32_t SERVER_RESULT = 0x0007A010;
 inline constexpr std::uint32_t SCARD_ATTR_CURRENT_PROTOCOL_TYPE = 0x00080201;
 inline constexpr std::uint32_t SCARD_ATTR_CURRENT_IFSC = 0x00080207;

@@ -1,4 +1,4 @@
-// The numbers by which the module and its devices are found.
+// The identifiers of the module's class and of its devices' interface.
 #pragma once
 
 #include <cstdint>

@@ -13,7 +13,7 @@ inline constexpr char kControlInsert[] = "insert";
 inline constexpr char kControlRemove[] = "remove";
 inline constexpr char kControlStatus[] = "status";
 inline constexpr char kControlStatusJson[] = "status json";
-// The answers to these two go on, a JSON object a line, until one of the two ends leaves.
+// The answers to these two go on, one JSON object a line, until either end leaves.
 inline constexpr char kControlTrace[] = "trace";
 inline constexpr char kControlTraceSecrets[] = "trace secrets";
 

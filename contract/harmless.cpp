@@ -1,5 +1,5 @@
 // Neither ICU nor utfcpp: ICU has thirty megabytes, and utfcpp would replace one function of 15
-// lines and throw on the very bytes that have to be shown.
+// lines and throw on the very bytes that must be shown.
 #include "contract/harmless.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// Texts of others, such as an agent's, that are about to reach a terminal. A pure function.
+// Escapes text from other programs before it is written to a terminal. A pure function.
 #pragma once
 
 #include <string>
@@ -6,8 +6,8 @@
 
 namespace zelta {
 
-// Writes as `\xNN`, byte by byte, what a terminal would obey or show in another order, and what is
-// not UTF-8. Tabs stay, line breaks do not.
+// Writes as `\xNN` every byte of characters that a terminal would obey or reorder, and every byte
+// that is not UTF-8. Tabs stay, line breaks do not.
 std::string harmless(std::string_view text);
 
 }  // namespace zelta

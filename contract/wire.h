@@ -23,8 +23,8 @@ enum class AgentEvent : std::uint32_t {
   kSessionLogId = 2,  // id length, id
 };
 
-// How long the driver waits for an answer, and after how long the agent answers in the card's place
-// if the card is not done: early enough that the answer is there before the driver gives up.
+// How long the driver waits for an answer, and when the agent answers for a card that is not done:
+// early enough that the answer arrives before the driver gives up.
 inline constexpr std::chrono::milliseconds kQueryTime{5000};
 inline constexpr std::chrono::milliseconds kAnswerTime{4500};
 static_assert(kAnswerTime < kQueryTime);

@@ -1,4 +1,4 @@
-// Writing bytes to a log as lines of hexadecimal values.
+// Writes bytes to a log as lines of hexadecimal values.
 #pragma once
 
 #include <cstdint>
@@ -16,8 +16,9 @@ std::uint64_t byteDumpLineCount(std::uint64_t length, std::uint64_t bytesPerLine
 std::string byteDumpLine(const std::uint8_t* bytes, std::uint64_t length,
                          std::uint64_t bytesPerLine, std::uint64_t line);
 
-// A record with the length, then one for each line, all at the debug level. Formats nothing if the
-// logger drops that level. The caller makes sure that nothing else is written between the records.
+// Writes a record with the length, then one for each line, all at the debug level. Formats nothing
+// if the logger drops that level. The caller makes sure that nothing else is written between the
+// records.
 void writeByteDump(logging::LoggerBase& logger, const std::uint8_t* bytes, std::uint64_t length,
                    std::uint64_t bytesPerLine);
 

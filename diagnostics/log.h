@@ -26,10 +26,10 @@ void logInfo(const char* format, ...) ZELTA_PRINTF(1, 2);
 // decimal number.
 void logError(std::uint32_t code, const char* format, ...) ZELTA_PRINTF(2, 3);
 inline constexpr std::uint32_t kNoError = static_cast<std::uint32_t>(kNoResultCode);
-// Tested by the line writer only, not by the logger's filter.
+// Writes a record past the logger's filter; only the line writer tests its level.
 void logMessage(std::uint8_t level, std::int32_t code, const char* format, ...) ZELTA_PRINTF(3, 4);
 
-// The bytes as lines of hexadecimal values after a line with their count, at level 3. A dump is
+// Level 3. Writes a line with the count, then the bytes as lines of hexadecimal values. A dump is
 // never mixed with other records, and nothing is formatted if the level is dropped.
 void logByteDump(const std::uint8_t* bytes, std::uint64_t length, std::uint64_t bytesPerLine);
 

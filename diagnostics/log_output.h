@@ -13,20 +13,20 @@ namespace zelta {
 // False if there is no logger, because logging the record makes one.
 bool isDropped(LogLevel level);
 
-// Through the logger's level test.
+// Writes a record if it passes the logger's level test.
 void writeFilteredRecord(LogLevel level, std::int32_t code, const std::string& message);
-// Straight to the line writer.
+// Writes a record without the logger's level test.
 void writeRecord(std::uint8_t level, std::int32_t code, const std::string& message);
 
-// The session that the agent announced: starts a new log file whose lines carry the id.
+// Starts a new log file whose lines carry the id of the session that the agent announced.
 void setSessionLogId(const std::string& id);
 
 // "No session": the id before the agent has announced one and after the card was removed.
 inline constexpr char kNullSessionLogId[] = "00000000-0000-0000-0000-000000000000";
 
 // Ends the process's logger with its threads and closes its file. A later record makes a new one.
-// Any thread, also while others log: a thread that is writing keeps the logger until it has
-// written. Must not be called under the operating system's loader lock.
+// Any thread, also while others log: a thread that is writing finishes first. Must not be called
+// under the operating system's loader lock.
 void shutDownLogging();
 // Whether there is a logger: a record has made one, and it has not been ended since.
 bool hasLogger();

@@ -41,25 +41,25 @@ constexpr std::uint32_t kCategory = 0;
 
 class LoggerWrapper;
 
-// What `currentThreshold` is while there is no logger; above every level.
+// The value of `currentThreshold` while there is no logger; above every level.
 constexpr std::uint32_t kNoLogger = 0xFFFFFFFF;
 
-// Held for each use of the process's logger and for its replacement, so that no logger goes while a
-// record is written. The file logger's own threads never take it, so that a session's logger can be
-// replaced under it.
+// Held for each use of the process's logger and for its replacement, so that no logger is destroyed
+// while a record is written. The file logger's own threads never take it, so that a session's
+// logger can be replaced under it.
 platform::NeverDestroyed<platform::Mutex> loggerMutexStorage;
 platform::Mutex& loggerMutex = loggerMutexStorage.get();
 
 // The process's logger, made by the first log call and ended by `shutDownLogging`. An owning
-// pointer that no destructor of a global ends: while a process exits, other threads may still log,
-// or may be gone already and have left a lock held. Every line is on disk by then.
+// pointer that no global destructor deletes: at exit, other threads may still log, or may be gone
+// and have left a lock held. Every line is on disk by then.
 LoggerWrapper* theLogger ZELTA_GUARDED_BY(loggerMutex) = nullptr;
 
 // The threshold of `theLogger`, for reading without the mutex; changed under it.
 std::atomic<std::uint32_t> currentThreshold{kNoLogger};
 
-// A logger, the thread that keeps its threshold as the administrator wants it, and a reference to
-// this module: the threads' code stays mapped even if the module is unloaded without being asked.
+// A logger, the thread that follows the administrator's threshold, and a reference to this module:
+// the threads' code stays mapped even if the module is unloaded without being asked.
 class LoggerWrapper {
  public:
   LoggerWrapper();

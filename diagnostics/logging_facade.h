@@ -10,7 +10,7 @@
 
 namespace zelta {
 
-// Follows the log directory in a log file's path.
+// The part of a log file's path after the log directory.
 inline constexpr char kLogBaseName[] = "zelta_vsc";
 
 // The threshold if the registry has none: information and above.

@@ -1,5 +1,5 @@
 // A scoped lock of a critical section that reports contention to the log. If the lock is free,
-// nothing is written. The driver takes the device lock in no other way.
+// nothing is written. The driver takes the device lock only through it.
 //
 // Threads: the thread that holds the lock may take it again. Which lock was contended last is one
 // value for the process, shared without synchronisation: a release may go unreported, or another

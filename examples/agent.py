@@ -21,13 +21,13 @@ import time
 RESET, ATR, TRANSMIT, READY = range(4)
 REMOVED, INSERTED = struct.pack("<I", 0), struct.pack("<I", 1)
 DRIVER_LIMIT = 5  # seconds that the driver waits for an answer
-LIMIT = 4.5  # that the card has for it
+LIMIT = 4.5  # seconds that the card has for it
 PAUSE = 0.1  # seconds before connecting again
 TOO_LATE = bytes.fromhex("6F 00")
 
 
 class DriverGone(Exception):
-    """The connection is of no more use."""
+    """The connection can no longer be used."""
 
 
 class Agent:
@@ -36,7 +36,7 @@ class Agent:
         root = os.environ.get("ZELTA_PIPE_ROOT", "/run/zelta/pipe")
         self.names = [f"{root}/ProtectedPrefix/LocalService/zelta_smartcard_{pipe}{reader}"
                       for pipe in ("command", "event")]
-        self.lock = threading.Lock()  # guards what follows
+        self.lock = threading.Lock()  # guards the members below
         self.events = None
         self.is_in = None  # the card; None if nobody reports it
         self.told = False  # the driver knows that the card is in
@@ -82,7 +82,7 @@ class Agent:
 
     def serve_command(self, pipe, thread):
         if not pipe.recv(1, socket.MSG_PEEK) or unread(pipe, termios.TIOCOUTQ) > 1:
-            raise DriverGone  # or it does not wait for the last answer any more [6]
+            raise DriverGone  # or it no longer waits for the last answer [6]
         begin = time.monotonic()
         code = number(pipe)
         apdu = read(pipe, number(pipe)) if code == TRANSMIT else None
@@ -113,7 +113,7 @@ class Agent:
         try:
             return call.result(deadline - time.monotonic())
         except concurrent.futures.TimeoutError:
-            call.cancel()  # unless it has begun; what it gives then is thrown away [5]
+            call.cancel()  # unless it has begun; its late answer is discarded [5]
             return TOO_LATE if code == TRANSMIT else b""
 
 

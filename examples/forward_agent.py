@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""An agent that forwards the card in a real reader and logs what goes through. A log may hold PINs.
+"""An agent that forwards the card in a real reader and logs all traffic. A log may hold PINs.
 
 Needs python3-pyscard.
 """
@@ -14,7 +14,7 @@ from agent import Agent
 
 SHARED = scard.SCARD_SHARE_SHARED, scard.SCARD_PROTOCOL_T0 | scard.SCARD_PROTOCOL_T1
 PCI = {scard.SCARD_PROTOCOL_T0: scard.SCARD_PCI_T0, scard.SCARD_PROTOCOL_T1: scard.SCARD_PCI_T1}
-WAIT = 500  # milliseconds before a reader that is not there is looked for again
+WAIT = 500  # milliseconds before a missing reader is looked for again
 
 
 def log(what, data):

@@ -1,4 +1,4 @@
-// A card that answers SELECT with "hello", and counts what else it is asked since its reset.
+// A card that answers SELECT with "hello", and counts the other commands since its reset.
 //
 //   g++ -std=c++17 hello_card.cpp $(pkg-config --cflags --libs zelta-agent) -o hello_card
 #include <zelta/agent.h>

@@ -11,7 +11,7 @@ from agent import Agent
 class YamlCard:
     def __init__(self, file):
         with open(file, encoding="utf-8") as text:
-            # As texts: 9000 is two bytes and no number.
+            # Loaded as text: 9000 is two bytes, not a number.
             content = yaml.load(text, yaml.BaseLoader)
         self.the_atr = bytes.fromhex(content["atr"])
         self.otherwise = bytes.fromhex(content["otherwise"])

@@ -14,8 +14,8 @@ namespace zelta::framework {
 using EnumValue = std::int32_t;
 
 // WdfCallbackConstraintNone. To Windows' own host 1 is the device-level constraint: it calls the
-// device's I/O and cancel callbacks one at a time, and power callbacks beside them. A driver that
-// passes this has to work both ways.
+// device's I/O and cancel callbacks one at a time, and power callbacks concurrently with them. A
+// driver that passes this has to work both ways.
 inline constexpr EnumValue kCallbackConstraintNone = 1;
 inline constexpr EnumValue kDispatchSequential = 1;          // WdfIoQueueDispatchSequential
 inline constexpr EnumValue kDispatchParallel = 2;            // WdfIoQueueDispatchParallel

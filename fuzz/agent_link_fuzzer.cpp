@@ -1,5 +1,5 @@
 // Feeds the agent link any bytes from the agent, on both pipes, and checks what must hold for all
-// of them. Run it with -rss_limit_mb=512: an announced length must not be taken at its word.
+// of them. Run it with -rss_limit_mb=512: an announced length must not be trusted.
 #include <gtest/gtest.h>
 
 #include <cstddef>

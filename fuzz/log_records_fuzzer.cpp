@@ -1,4 +1,4 @@
-// Shows any bytes as a log, in every look.
+// Shows any bytes as a log, in every format.
 #include "tests/tools/logs/any_log.h"
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-// Reads any text as the script of a card and plays what is one.
+// Parses any text as a card script and plays it if it is valid.
 #include "tests/agent/card/any_script.h"
 
 #include <cstddef>

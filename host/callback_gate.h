@@ -1,4 +1,4 @@
-// Lets threads in until it is closed, and then waits for those inside.
+// Lets threads in until it is closed; can then wait for those inside.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,7 @@ namespace zelta::host {
 
 class CallbackGate {
  public:
-  // One thread's way through; inside, if the gate was open, until it leaves.
+  // One thread's pass; the thread is inside, if the gate was open, until it leaves.
   class Pass {
    public:
     Pass() = default;
@@ -31,12 +31,12 @@ class CallbackGate {
     CallbackGate* gate_ = nullptr;  // not owned; null: not inside
   };
 
-  // Nobody enters from now on; who is inside stays there.
+  // Admits no further threads; those inside stay.
   void close() ZELTA_EXCLUDES(mutex_) {
     const platform::MutexLock lock(mutex_);
     open_ = false;
   }
-  // Returns when everybody has left. The gate must be closed, and the calling thread not inside.
+  // Blocks until all threads have left. The gate must be closed, and the calling thread not inside.
   void awaitEmpty() ZELTA_EXCLUDES(mutex_) {
     platform::MutexLock lock(mutex_);
     empty_.wait(lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return inside_ == 0; });

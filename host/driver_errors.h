@@ -1,6 +1,6 @@
-// Reports what a driver does against the framework's rules: a request completed
-// twice, an operation that this host does not have. Shared by every framework object, so that one
-// which the driver keeps for too long can still report.
+// Reports a driver's violations of the framework's rules: a request completed twice, an operation
+// that this host does not have. Shared by every framework object, so that an object that the driver
+// keeps for too long can still report.
 #pragma once
 
 #include <functional>

@@ -42,7 +42,7 @@ class FileHandle final : public File {
       : engine_(std::move(engine)), file_(std::move(file)) {}
 
   ~FileHandle() override {
-    // Letting go of the file may run the driver's cleanup. After the engine's stop the device
+    // Releasing the file may run the driver's cleanup. After the engine's stop the device
     // still holds the file, or has deleted it.
     const CallbackGate::Pass pass(engine_->gate());
     if (pass) {
@@ -200,8 +200,8 @@ void ModuleHost::stopIo() noexcept {
   if (stopped_) stopped_->close();
 }
 
-// A queue that is not power-managed delivers I/O until the end, and the driver ends what its
-// handlers do when it leaves its working state: only then are they waited for.
+// A queue that is not power-managed delivers I/O until the end. The driver ends its handlers' work
+// when it leaves its working state, so they are waited for only then.
 void ModuleHost::powerDown() noexcept {
   if (stage_ == Stage::kWorking && device_->pnp() != nullptr) {
     note(device_->pnp()->OnD0Exit(device_.get(), framework::kPowerDeviceD3Final), "OnD0Exit");

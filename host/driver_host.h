@@ -9,11 +9,11 @@
 //
 // Ownership: a `DriverHost` owns the loaded module, the device and every request that waits in the
 // driver. It has no threads: an I/O control is dispatched on its caller's, and callbacks overlap
-// if callers do, unless the options say otherwise. Files and operations are handles of the
-// caller's, independent of the host's life: used after `tearDown` they fail with `kDeviceGone`.
-// Threads: every method may be called from any thread, except that `bringUp`, `tearDown`, `unload`
-// and the destructor are the owner's and do not overlap. Nothing else need be stopped before
-// `tearDown`: what is called while it runs is carried out or fails with `kDeviceGone`.
+// if callers do, unless the options say otherwise. Files and operations are the caller's handles
+// and may outlive the host: used after `tearDown` they fail with `kDeviceGone`. Threads: every
+// method may be called from any thread, except that `bringUp`, `tearDown`, `unload` and the
+// destructor are the owner's and do not overlap. Nothing else need be stopped before `tearDown`:
+// calls during it are carried out or fail with `kDeviceGone`.
 // Failures: `load` and `bringUp` throw; everything else returns statuses, or throws std::bad_alloc.
 #pragma once
 
@@ -42,7 +42,7 @@ inline constexpr framework::HRESULT kTimedOut = hresultFromError(platform::error
 inline constexpr framework::HRESULT kDeviceGone =
     hresultFromError(platform::error::kDeviceNotConnected);
 
-// Bytes of the caller's, which must stay for as long as a call lasts.
+// The caller's bytes, which must stay valid during a call.
 struct ConstBytes {
   const std::uint8_t* data = nullptr;
   std::size_t size = 0;  // bytes
@@ -52,8 +52,8 @@ struct MutableBytes {
   std::size_t size = 0;  // bytes
 };
 
-// An I/O control's buffers in two parts each: a header, and the body that follows it, which need
-// not be copied together.
+// An I/O control's buffers in two parts each, so that the header and its body need not be copied
+// together.
 struct InputParts {
   ConstBytes header;
   ConstBytes body;
@@ -63,7 +63,7 @@ struct OutputParts {
   MutableBytes body;
 };
 
-// What a request was completed with.
+// A request's completion.
 struct IoStatus {
   framework::HRESULT status = 0;
   // The byte count; may exceed the output's capacity.
@@ -86,14 +86,13 @@ class IoOperation {
   // Waits until the request is completed and its completion callback has returned; false when
   // the time ran out.
   [[nodiscard]] virtual bool wait(std::chrono::milliseconds limit) = 0;
-  // What `wait` would return if it did not wait.
+  // The result of `wait` without waiting.
   virtual bool completed() const = 0;
-  // Cancels: a request that waits, marked cancelable, is handed to the driver's cancel callback
-  // on this thread; one that is not marked yet is as soon as it is marked; a completed one is
-  // left alone. Cancelling again changes nothing. While `tearDown` runs, and after it, nothing
-  // happens: the driver's own shutdown completes what waits.
+  // Passes a request that is marked cancelable to the driver's cancel callback on this thread, or
+  // does so as soon as it is marked. No effect on a completed or cancelled request, nor during and
+  // after `tearDown`: the driver's own shutdown completes waiting requests.
   virtual void cancel() = 0;
-  // Only after completion.
+  // Call only after completion.
   virtual const IoResult& result() const = 0;
 };
 
@@ -101,25 +100,25 @@ class IoOperation {
 class File {
  public:
   virtual ~File() = default;
-  // Called exactly once per request: on a thread of the driver's, usually under the driver's device
-  // lock, on the host's owner's, or before `submit` returns. It must return at once, must not
+  // Called exactly once per request: on a thread of the driver, usually under its device lock, on
+  // the thread of the host's owner, or before `submit` returns. It must return at once, must not
   // throw, and must not call the host, a file or an operation.
   using Completion = std::function<void(const IoResult&)>;
 
-  // Waits for the result; cancels a request that the driver keeps when the time runs out, and gives
-  // `kTimedOut` (what the driver still completes is thrown away). The time counts from the return
-  // of the driver's dispatch callback, whose duration only the driver limits. A request that cannot
-  // be begun ends with `kDeviceGone`, with E_OUTOFMEMORY if there is no memory, or with
-  // ERROR_INVALID_FUNCTION (1) if the driver has no queue for I/O controls.
+  // Waits for the result. If the time runs out, cancels the request and returns `kTimedOut`; a
+  // later completion is discarded. The time counts from the return of the driver's dispatch
+  // callback, whose duration only the driver limits. A request that cannot be begun ends with
+  // `kDeviceGone`, with E_OUTOFMEMORY if there is no memory, or with ERROR_INVALID_FUNCTION (1) if
+  // the driver has no queue for I/O controls.
   virtual IoResult control(std::uint32_t code, const std::vector<std::uint8_t>& input,
                            std::size_t outputCapacity, std::chrono::milliseconds limit) = 0;
-  // The same between buffers of the caller's. The valid output, no more than there is room, is
-  // written to the two parts of `output`; the rest of them stays as it is. All memory is allocated
-  // before the driver is called.
+  // Like `control`, between the caller's buffers. The valid output, cut to the room, is written to
+  // the two parts of `output`; the rest of them is not changed. All memory is allocated before the
+  // driver is called.
   virtual IoStatus controlInParts(std::uint32_t code, const InputParts& input,
                                   const OutputParts& output, std::chrono::milliseconds limit) = 0;
-  // Dispatches the request on this thread and returns when the driver's dispatch callback has: the
-  // request is completed by then, or waits in the driver. Never null; the input is copied;
+  // Dispatches the request on this thread and returns after the driver's dispatch callback: the
+  // request is then completed, or waits in the driver. Never null; the input is copied;
   // `completion` may be empty. A request that cannot be begun is completed as above. Throws
   // std::bad_alloc if there is no memory for the operation itself: nothing is begun then and
   // nothing will be completed.
@@ -130,10 +129,10 @@ class File {
 };
 
 struct HostOptions {
-  // Told of what the driver does against the framework's rules (a request completed twice, an
+  // Called for a driver's violation of the framework's rules (a request completed twice, an
   // operation that the host does not implement), on the driver's thread, often under its locks. May
-  // throw std::bad_alloc, which loses that text, and nothing else.
-  // Empty: one line each on the standard error output.
+  // throw only std::bad_alloc, which loses that text.
+  // If empty, each goes to the standard error output as one line.
   std::function<void(const std::string&)> driverError;
   // Calls the driver's I/O and cancel callbacks one at a time, as Windows' host does: a caller
   // waits until the previous callback has returned. Power callbacks may overlap them. For tests;
@@ -145,20 +144,21 @@ class DriverHost {
  public:
   // Loads the module and checks its exports and framework version.
   static std::unique_ptr<DriverHost> load(const std::string& modulePath, HostOptions options = {});
-  // Tears down and unloads. A module that answers that it may not be unloaded stays loaded.
+  // Tears down and unloads. A module that does not agree to be unloaded stays loaded.
   virtual ~DriverHost() = default;
 
-  // Class factory to working power state. If a step fails, the steps before it are undone. May
-  // follow a `tearDown`: the driver object is made afresh. Harmless when already up.
+  // Goes from class factory to working power state. If a step fails, the steps before it are
+  // undone. May follow a `tearDown`: the driver object is made afresh. Harmless when already up.
   virtual void bringUp() = 0;
-  // Stops taking requests and cancels, has the driver leave its working state, which ends what the
-  // running callbacks do, waits for these and releases the device. Whatever the driver did not
-  // complete is completed with `kDeviceGone`. When it returns no callback of the driver's is
-  // running on a thread of the host's or of its callers'. Needs no memory. Harmless when already
-  // down.
+  // 1. Refuses new requests and cancels.
+  // 2. Has the driver leave its working state, which ends the running callbacks, and waits for
+  //    them.
+  // 3. Releases the device and completes with `kDeviceGone` what the driver did not complete.
+  // On return no callback of the driver is running on a thread of the host or of its callers. Needs
+  // no memory. Harmless when already down.
   virtual void tearDown() noexcept = 0;
-  // Asks the module and unloads it; false (still loaded) when it answered that it may not be, and,
-  // without asking, while the device is up. True when it is unloaded already.
+  // Unloads the module if it agrees; true if it is unloaded already. False, and still loaded, if it
+  // does not agree or, without asking it, while the device is up.
   [[nodiscard]] virtual bool unload() = 0;
 
   // `name` is an interface's reference string, "dev0". Null if the driver published none such

@@ -1,8 +1,8 @@
-// The driver's shared module: loading it, its exports, making its driver object, unloading it.
+// Loads and unloads the driver's shared module, finds its exports and makes its driver object.
 //
-// Ownership: a module that is still loaded at destruction stays loaded for good; whoever wants it
-// gone calls `unload`, which asks the module first. Code that may still run is never unmapped.
-// Threads: the owner's.
+// Ownership: a module that is still loaded at destruction stays loaded for good; call `unload` to
+// unload it, which asks the module first. Code that may still run is never unmapped. Threads: the
+// owner's.
 #pragma once
 
 #include <string>
@@ -24,8 +24,8 @@ class DriverModule {
   DriverModule(const DriverModule&) = delete;
   DriverModule& operator=(const DriverModule&) = delete;
 
-  // Asks the class factory, which is kept until `unload`: the module's log goes on as long as
-  // something of the module is in use. Throws HostError.
+  // Asks the class factory, which is kept until `unload`: the module's log goes on while an object
+  // of the module is in use. Throws HostError.
   framework::ComPtr<framework::IDriverEntry> createDriver();
 
   bool loaded() const { return module_ != nullptr; }

@@ -52,7 +52,7 @@ bool IoEngine::dispatch(WdfRequest& request) {
 void IoEngine::cancel(const Operation& operation) {
   const CallbackGate::Pass pass(gate_);
   if (!pass) return;
-  // The reference goes before the pass does: it may be the last, and run the driver's cleanup.
+  // Released before the pass: the last release may run the driver's cleanup.
   const ComPtr<WdfRequest> request = findKept(&operation);
   if (request) request->cancel();
 }

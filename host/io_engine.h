@@ -22,19 +22,19 @@ class IoEngine : public std::enable_shared_from_this<IoEngine> {
   // `queue` may be null: every request is then refused with ERROR_INVALID_FUNCTION (1).
   IoEngine(SharedDriverErrors errors, framework::ComPtr<WdfQueue> queue, Callbacks callbacks);
 
-  // Always gives an operation; one that could not be begun is completed already.
+  // Never null; an operation that could not be begun is already completed.
   std::shared_ptr<IoOperation> submit(const framework::ComPtr<WdfFile>& file,
                                       const IoControl& control, File::Completion completion);
-  // Without effect once the engine is closed: the driver's own shutdown completes what waits.
+  // No effect once the engine is closed: the driver's own shutdown completes waiting requests.
   void cancel(const Operation& operation) ZELTA_EXCLUDES(mutex_);
 
-  // From now on nobody calls the driver through the engine; requests are completed with
+  // After this call the engine makes no further calls into the driver; requests are completed with
   // `kDeviceGone`.
   void close() noexcept;
-  // Returns when no dispatch, cancel or cleanup callback is running on a thread of a caller's.
+  // Blocks until no dispatch, cancel or cleanup callback is running on a caller's thread.
   void awaitCallbacks() noexcept;
-  // Completes whatever the driver still has with `kDeviceGone`, and returns when everybody who
-  // waited for it is gone.
+  // Completes all requests that the driver still has with `kDeviceGone`, and blocks until their
+  // waiting callers have left.
   void abandon() noexcept;
 
   // Open until `close`: for calls into the driver on callers' threads.
@@ -69,14 +69,14 @@ class IoEngine : public std::enable_shared_from_this<IoEngine> {
   const bool served_;  // the queue has a callback for I/O controls
   const Callbacks callbacks_;
   platform::Mutex turn_;  // held during each callback, if they come one at a time
-  CallbackGate gate_;     // who calls the driver
-  CallbackGate waiting_;  // who waits for a request that the driver keeps
+  CallbackGate gate_;     // threads that call the driver
+  CallbackGate waiting_;  // threads that wait for a request that the driver keeps
   platform::Mutex mutex_;
   WdfRequest* kept_ ZELTA_GUARDED_BY(mutex_) = nullptr;  // the newest; linked by `nextKept_`
 };
 
-// One I/O control whose caller waits for it, from its making until the caller has taken what it
-// wants of the result: for a scope, on one thread. The result is valid as long.
+// One I/O control whose caller waits for it, for a scope, on one thread. The result is valid while
+// this object lives.
 class BlockingControl {
  public:
   // Cancels if the time runs out before the driver has completed the request.
@@ -89,13 +89,12 @@ class BlockingControl {
   ConstBytes output() const { return output_; }
 
  private:
-  // False if the time ran out. The thread is outside the driver from here on.
+  // False if the time ran out. The thread is then outside the driver.
   [[nodiscard]] bool awaitCompletion(IoEngine& engine, std::chrono::milliseconds limit);
 
   CallbackGate::Pass inside_;
   CallbackGate::Pass waiting_;
-  // The reference goes before the thread is outside: it may be the last, and run the driver's
-  // cleanup.
+  // Released before the thread leaves the driver: the last release may run the driver's cleanup.
   framework::ComPtr<WdfRequest> request_;
   IoStatus completion_;
   ConstBytes output_;

@@ -1,5 +1,5 @@
 // The caller's side of a request that it does not wait for. It outlives the framework's request
-// object, which goes as soon as the driver has let go of it.
+// object, which is destroyed as soon as the driver has released it.
 //
 // Threads: any.
 #pragma once
@@ -29,7 +29,7 @@ class Operation final : public IoOperation {
   void cancel() override;
   const IoResult& result() const override { return result_; }
 
-  // Calls the completion, then wakes those who wait. At most once.
+  // Calls the completion, then wakes the waiters. At most once.
   void finish(framework::HRESULT status, std::size_t information = 0,
               ConstBytes output = {}) noexcept ZELTA_EXCLUDES(mutex_);
 

@@ -98,9 +98,9 @@ class WdfDevice final : public WdfObject<WdfDevice, framework::IWDFDevice> {
   std::vector<std::wstring> interfaces() const ZELTA_EXCLUDES(mutex_);
   // A file of an enabled interface; null if there is none of that reference string.
   framework::ComPtr<WdfFile> openFile(const std::wstring& name) ZELTA_EXCLUDES(mutex_);
-  // The device lets go of the file.
+  // Releases the file.
   void closeFile(const WdfFile& file) ZELTA_EXCLUDES(mutex_);
-  // Lets go of the driver's objects and cuts the way to the driver object. Follows `dispose`.
+  // Releases the driver's objects and cuts the link to the driver object. Call after `dispose`.
   void detach() ZELTA_EXCLUDES(mutex_);
 
  private:

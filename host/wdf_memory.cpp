@@ -75,7 +75,7 @@ HRESULT WdfMemory::CopyFromBuffer(framework::ULONG_PTR destinationOffset, const 
 }
 
 void* WdfMemory::GetDataBuffer(framework::SIZE_T* size) {
-  // What is done with the pointer is not seen here.
+  // The pointer's use is not visible here.
   initialiseTo(storageFor(size_));
   if (size != nullptr) *size = size_;
   return storage_;

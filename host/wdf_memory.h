@@ -1,12 +1,12 @@
 // One buffer of a request, input or output, as a framework memory object.
 //
 // It is a part of its request: a reference on it is one on the request, and its bytes are in the
-// request's storage. The storage is not initialised; `initialised_` says how much of it is, from
-// its beginning on. Nothing beyond that is ever shown: a reader of more gets zero bytes.
+// request's storage. The storage is not initialised; the first `initialised_` bytes of it are.
+// Nothing beyond that is ever exposed: a reader of more gets zero bytes.
 // A shorter buffer than the driver's fixed-size reads is backed by zero bytes up to the next
 // multiple of 16, as the operating system's buffers are; they do not count in the size.
-// What was written to it, a command for example, is wiped at the end.
-// Threads: as a request's buffer, one at a time.
+// Written bytes, a command for example, are wiped at the end.
+// Threads: one at a time, as for a request's buffer.
 #pragma once
 
 #include <cstdint>
@@ -59,7 +59,7 @@ class WdfMemory final : public WdfObject<WdfMemory, framework::IWDFMemory> {
   framework::IUnknown& request_;  // not owned: it owns this
   std::uint8_t* storage_ = nullptr;
   std::size_t size_ = 0;         // bytes
-  std::size_t initialised_ = 0;  // bytes, from the storage's beginning on
+  std::size_t initialised_ = 0;  // bytes, from the storage's beginning
 };
 
 }  // namespace zelta::host

@@ -1,9 +1,10 @@
-// What every framework object of the host has in common: references, the driver's context with
+// The base of every framework object of the host: references, the driver's context with
 // its cleanup callback, deletion in the framework's sense.
 //
 // Lifetime: an object is created with one reference held by its creator. It is deleted, in the
-// framework's sense, when its parent is (`dispose`) or when its last reference goes, whichever
-// comes first; the driver's cleanup callback runs then, once, on that thread, and can still use
+// framework's sense, when its parent is (`dispose`) or when its last reference is released,
+// whichever comes first; the driver's cleanup callback runs then, once, on that thread, and can
+// still use
 // the object and its context. The memory is freed with the last reference.
 // Threads: any.
 #pragma once
@@ -121,7 +122,7 @@ framework::ComPtr<Object> makeObject(Arguments&&... arguments) {
       std::make_unique<Object>(std::forward<Arguments>(arguments)...).release());
 }
 
-// For an operation that the driver calls: no memory is a status there, not an exception.
+// For an operation that the driver calls: turns lack of memory into a status.
 template <typename Operation>
 framework::HRESULT withoutMemoryErrors(Operation operation) {
   try {
@@ -131,7 +132,7 @@ framework::HRESULT withoutMemoryErrors(Operation operation) {
   }
 }
 
-// A child's way back to its parent, cut when the parent is deleted.
+// A child's link to its parent, cut when the parent is deleted.
 template <typename Parent>
 class ParentLink {
  public:

@@ -1,6 +1,6 @@
-// A device's I/O queue. The host supports what it is asked for here: one default queue that
-// dispatches device I/O controls in parallel (`IoEngine` does the dispatching). Requests of length
-// 0 are always delivered; the queue's setting for them concerns reads and writes only.
+// A device's I/O queue. The host supports only one default queue that dispatches device I/O
+// controls in parallel (`IoEngine` does the dispatching). Requests of length 0 are always
+// delivered; the queue's setting for them concerns reads and writes only.
 #pragma once
 
 #include "host/wdf_object.h"

@@ -73,7 +73,7 @@ void WdfRequest::Complete(HRESULT status) {
 void WdfRequest::completeByHost(HRESULT status) { finish(status, 0, false); }
 
 bool WdfRequest::finish(HRESULT status, std::size_t information, bool withOutput) {
-  // Whoever waits may let go of the request as soon as it is completed.
+  // A waiter may release the request as soon as it is completed.
   const ComPtr<WdfRequest> self(this);
   ComPtr<WdfRequest> kept;
   ComPtr<framework::IRequestCallbackCancel> callback;

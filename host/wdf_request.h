@@ -1,14 +1,14 @@
 // One I/O control as a framework request: parameters, memory, completion, cancellation.
 //
-// Lifetime: whoever dispatches the request holds a reference until it lets go of the result; if it
+// Lifetime: the dispatching thread holds a reference until it releases the result; if the request
 // is not completed when its dispatch callback returns, the engine holds another until it is. The
 // object and the driver's context are destroyed with the last reference.
 // Memory: a buffer of length 0 has no memory object, as on the operating system's own host; the
 // getters then yield null. Input and output are separate buffers in one piece of storage that is
 // not initialised (see wdf_memory.h). Nothing is allocated after the request has been made.
-// Cancellation: a cancelled request is handed to the callback that it is or becomes marked with,
-// exactly once, on the cancelling or the marking thread, with no lock of the host's held but the
-// turn of its callbacks (see io_engine.h).
+// Cancellation: a cancelled request is passed to the callback that it is or becomes marked with,
+// exactly once, on the cancelling or the marking thread. Of the host's locks only the turn of its
+// callbacks is held then (see io_engine.h).
 // Threads: any.
 #pragma once
 
@@ -24,7 +24,7 @@ namespace zelta::host {
 
 class IoEngine;
 
-// What the caller asks for.
+// The caller's parameters.
 struct IoControl {
   std::uint32_t code = 0;
   InputParts input;
@@ -33,14 +33,14 @@ struct IoControl {
 
 class WdfRequest final : public WdfObject<WdfRequest, framework::IWDFIoRequest> {
  public:
-  // Throws std::bad_alloc or std::length_error if the buffers cannot be allocated.
-  // `operation` hears of the completion; null if a thread waits for the request itself.
-  // `engine` lasts as long as the request is not completed.
+  // Throws std::bad_alloc or std::length_error if the buffers cannot be allocated. `operation` is
+  // told of the completion; null if a thread waits for the request itself. `engine` lives until the
+  // request is completed.
   WdfRequest(SharedDriverErrors errors, IoEngine& engine, framework::ComPtr<WdfQueue> queue,
              framework::ComPtr<WdfFile> file, const IoControl& control,
              std::shared_ptr<Operation> operation);
 
-  // Completes exactly once; what comes later is reported and changes nothing.
+  // Completes exactly once; later calls are reported and change nothing.
   void ZELTA_STDMETHODCALLTYPE CompleteWithInformation(framework::HRESULT status,
                                                        framework::SIZE_T information) override;
   void ZELTA_STDMETHODCALLTYPE SetInformation(framework::ULONG_PTR information) override;
@@ -85,17 +85,18 @@ class WdfRequest final : public WdfObject<WdfRequest, framework::IWDFIoRequest> 
   framework::BOOL ZELTA_STDMETHODCALLTYPE IsFrom32BitProcess() override;
   void ZELTA_STDMETHODCALLTYPE GetCompletionParams(void** parameters) override;
 
-  // For the host. Hands the request to the queue's callback and waits for its return.
+  // For the host. Passes the request to the queue's callback and waits for its return.
   void dispatch();
-  // After `dispatch`: has the engine keep the request until it is completed. False if it is.
+  // Call after `dispatch`: the engine keeps the request until it is completed. False if it is
+  // already.
   bool keepUntilCompleted() ZELTA_EXCLUDES(mutex_);
   // Waits for the completion; false when the time ran out.
   bool await(std::chrono::milliseconds limit) ZELTA_EXCLUDES(mutex_);
-  // Hands the request to its cancel callback, now or when it is marked.
+  // Passes the request to its cancel callback, now or when it is marked.
   void cancel() ZELTA_EXCLUDES(mutex_);
   // Completes the request in the driver's place, without output; harmless when it is completed.
   void completeByHost(framework::HRESULT status);
-  // Of a completed request: what it was completed with, and the valid output.
+  // For a completed request: its status and its valid output.
   framework::HRESULT status() ZELTA_EXCLUDES(mutex_);
   std::size_t information() ZELTA_EXCLUDES(mutex_);
   ConstBytes output() ZELTA_EXCLUDES(mutex_);
@@ -121,7 +122,7 @@ class WdfRequest final : public WdfObject<WdfRequest, framework::IWDFIoRequest> 
   std::unique_ptr<std::uint8_t[]> storage_;  // of both memories
   WdfMemory input_;
   WdfMemory output_;
-  WdfRequest* nextKept_ = nullptr;  // the engine's, guarded by its mutex
+  WdfRequest* nextKept_ = nullptr;  // for the engine, guarded by its mutex
 
   platform::Mutex mutex_;
   platform::ConditionVariable ended_;

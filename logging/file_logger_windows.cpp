@@ -21,7 +21,8 @@ using platform::MutexLock;
 constexpr char kRotationTimeKey[] = "SOFTWARE\\Vornhalt\\ZeltaAgent";
 constexpr char kRotationTimeValue[] = "ZeltaLogRotationTime";
 
-// Of the clock, which counts in smaller units. A file whose time is up later is never replaced.
+// The clock's last millisecond; the clock counts in smaller units. A file whose time is up later is
+// never replaced.
 constexpr std::int64_t kLastMillisecond =
     std::numeric_limits<std::int64_t>::max() / kClockUnitsPerMillisecond;
 

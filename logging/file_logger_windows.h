@@ -16,14 +16,14 @@ namespace zelta::logging {
 // Any thread may log. A rotation thread starts a new file when the current one has been open for
 // the rotation period (old files are kept). The period follows a registry value,
 // SOFTWARE\Vornhalt\ZeltaAgent "ZeltaLogRotationTime": a number of minutes as text, 0 for no
-// rotation by time. Until a valid one has been read, the period given here holds.
+// rotation by time. Until a valid one has been read, the constructor's period applies.
 class FileLoggerWindows : public FileLogger {
  public:
   // The period is in milliseconds; 0 or less means no rotation by time. If the registry value
-  // cannot be read or watched, that is an Error record in the new file and no failure.
+  // cannot be read or watched, the new file gets an Error record; that is no failure.
   FileLoggerWindows(std::uint32_t category, std::uint32_t threshold, std::string sessionLogId,
                     std::string basePath, std::int64_t initialRotationPeriod);
-  // Ends both threads and closes the file. From now on no thread may log, nor use a child.
+  // Ends both threads and closes the file. No thread may log or use a child any more.
   ~FileLoggerWindows() override;
 
   void writeLine(const std::string& message, std::uint32_t category, std::int32_t level,

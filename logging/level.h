@@ -10,7 +10,7 @@ namespace zelta::logging {
 // Lower is more severe: a record is written if its level is not above the logger's threshold.
 enum class Level : std::int32_t { kCritical = 0, kError = 1, kInfo = 2, kDebug = 3, kTrace = 4 };
 
-// What a record line says of its level, by number.
+// The text for each level in a record line.
 inline constexpr std::array<std::string_view, 5> kLevelTags = {"<CRITICAL>", "<ERROR>", "<INFO>",
                                                                "<DEBUG>", "<TRACE>"};
 

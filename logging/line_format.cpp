@@ -63,13 +63,13 @@ void appendEscaped(std::string& line, std::string_view text) {
   }
 }
 
-// Without {fmt}, which takes ten times as long to pad a text as to copy it.
+// Not by {fmt}, which takes ten times as long to pad a text as to copy it.
 void appendPadded(std::string& line, std::string_view text, std::size_t width) {
   line.append(text);
   if (text.size() < width) line.append(width - text.size(), ' ');
 }
 
-// What has been appended from `begin` on becomes a column, with the blank before the next one.
+// Pads the text appended since `begin` to a column, with the blank before the next one.
 void fillColumn(std::string& line, std::size_t begin, std::size_t width) {
   line.resize(std::max(line.size(), begin + width), ' ');
   line.push_back(' ');
@@ -110,7 +110,7 @@ struct SecondText {
   FixedText<32> text;
 };
 
-// Most records of a thread are of the same second as the one before, whose text serves again.
+// A thread's consecutive records mostly fall in the same second, so its text is cached.
 void appendTimeStamp(std::string& line, std::int64_t time) {
   const SplitTime split(time);
   thread_local SecondText last(split);

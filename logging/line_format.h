@@ -10,7 +10,7 @@
 
 namespace zelta::logging {
 
-// What one record line says.
+// The contents of one record line.
 struct Record {
   std::string_view thread;
   std::int64_t time = 0;     // wall clock units
@@ -38,7 +38,7 @@ std::string recordLine(const Record& record);
 // other level.
 std::string_view levelTag(std::int32_t level);
 
-// The calling thread's number in the operating system. Valid as long as the thread lives.
+// The calling thread's number in the operating system. Valid while the thread lives.
 std::string_view currentThreadText();
 
 }  // namespace zelta::logging

@@ -1,4 +1,4 @@
-// What every logger has: a level threshold and the operations that a record goes through.
+// The base of every logger: a level threshold and the operations that a record goes through.
 #pragma once
 
 #include <atomic>
@@ -14,7 +14,7 @@ class FileLogger;
 
 // The result code of the library's own error records.
 inline constexpr std::int32_t kOwnErrorCode = -500;
-// As a child's category: the parent's.
+// Gives a child its parent's category.
 inline constexpr std::uint32_t kSameCategory = 0xFFFFFFFF;
 
 // Formats a message before it is written. This one leaves it as it is.
@@ -35,19 +35,19 @@ class LoggerBase {
   // The virtual operations are called by slot; their order is part of the interface.
   virtual ~LoggerBase();
   // A child writes through this logger's root, with another session log id or another category
-  // (`kSameCategory` keeps it). It begins with a copy of the threshold, which is its own from then
-  // on. A child must not outlive its root.
+  // (`kSameCategory` keeps it). It begins with its own copy of the threshold. A child must not
+  // outlive its root.
   virtual std::unique_ptr<FileLogger> createChildForSession(const std::string& sessionLogId) = 0;
   virtual std::unique_ptr<FileLogger> createChildForCategory(std::uint32_t category) = 0;
-  // Straight to the line writer, without this logger's level test.
+  // Passes a record to the line writer without this logger's level test.
   virtual void log(const std::string& message, Level level, const std::int32_t& resultCode) = 0;
   virtual void log(const std::string& message, std::int32_t level, std::int32_t resultCode) = 0;
   // Formats and writes one line.
   virtual void writeLine(const std::string& message, std::uint32_t category, std::int32_t level,
                          std::int32_t resultCode, const std::string& sessionLogId) = 0;
 
-  // The filtered way: the level test, the formatter, then the operation above that takes the code
-  // by value.
+  // Logs with the filter: the level test, the formatter, then the operation above that takes the
+  // code by value.
   void log(std::int32_t level, std::int32_t resultCode, const std::string& message);
 
   bool isAboveThreshold(std::int32_t level) const {

@@ -11,9 +11,9 @@
 
 namespace zelta {
 
-// Hands the value's text to a callback: once on the constructing thread, and then on a thread of
-// its own after every change at or below the key, which may leave the text unchanged. It takes no
-// lock; the callback guards what it changes. The callback must not destroy the notifier.
+// Hands the value's text to a callback: once on the constructing thread, and then on its own thread
+// after every change at or below the key, which may leave the text unchanged. It takes no lock; the
+// callback guards what it changes. The callback must not destroy the notifier.
 //
 // Failures of the thread are Error records in the given logger; the thread goes on. If subscribing
 // to changes keeps failing, it tries again without a pause.
@@ -26,9 +26,9 @@ class RegistryChangeNotifier {
   // (it may belong to the callback). Throws `std::invalid_argument` for an empty argument and
   // `std::runtime_error` if the key cannot be opened or the value cannot be read.
   //
-  // Intentional: it reads, calls back, and only then begins to watch. Windows remembers no change
-  // from before, so one made in between is seen with the next one, or by the next notifier. (The
-  // watch cannot begin first: only the thread may begin it, as it ends with the thread that did.)
+  // Intentional: it reads, calls back, and only then begins to watch. A change in between is seen
+  // with the next change, or by the next notifier. The thread itself must begin the watch, because
+  // Windows drops it when that thread ends.
   RegistryChangeNotifier(std::string keyPath, std::string valueName, Callback callback,
                          logging::LoggerBase* logger);
   // Ends the thread, at once if it waits.

@@ -1,4 +1,4 @@
-// Reading the rotation period's text.
+// Reads the rotation period's text.
 #pragma once
 
 #include <cstdint>

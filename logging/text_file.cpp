@@ -16,7 +16,7 @@ namespace {
 
 using platform::MutexLock;
 
-// How often a write looks whether the file was removed.
+// The shortest time between two checks whether the file was removed.
 constexpr std::int64_t kLookPeriod = 1000 * platform::kClockUnitsPerMillisecond;
 
 std::string checkedPath(std::string path) {
@@ -75,7 +75,7 @@ void TextFile::writeLine(std::string text) {
   const bool isHeading = !heading_.has_value();
   if (isHeading) heading_ = text;
   if (!makeWritable()) return;
-  // In one piece, which no line of another process can split.
+  // Written in one piece, so that another process's line cannot split it.
   text.push_back('\n');
   const auto writeWithHeading = [&]()
                                     ZELTA_REQUIRES(fileMutex_) { write(*heading_ + '\n' + text); };
@@ -100,7 +100,7 @@ void TextFile::write(const std::string& text) {
   }
 }
 
-// Goes by the position after the last write, which only an ordinary file has.
+// Compares the position after the last write, which only an ordinary file has.
 bool TextFile::endsBefore(std::size_t size) {
   const std::streamoff end = stream_->tellp();
   return end > 0 && static_cast<std::uint64_t>(end) < size;
@@ -113,8 +113,8 @@ bool TextFile::makeWritable() {
 
 bool TextFile::open() {
   const std::filesystem::path path = platform::nativePath(path_);
-  // With a log file's access rights, which a stream would not give it: at the debug level there may
-  // be a PIN in it.
+  // Made with a log file's access rights, which a stream would not set: at the debug level it may
+  // contain a PIN.
   const platform::NewFile found = platform::makeNewFile(path, platform::Readers::kOwnerAndGroup);
   if (found == platform::NewFile::kFailed) return false;
   if (!made_) {

@@ -31,7 +31,7 @@ class TextFile {
   TextFile(const TextFile&) = delete;
   TextFile& operator=(const TextFile&) = delete;
 
-  // The text and a line end, then a flush.
+  // Writes the text and a line end, then flushes.
   void writeLine(std::string text);
 
   // Milliseconds since 1970, when this object was made.

@@ -1,5 +1,5 @@
-# What an installation on Linux holds: handler and driver module in a folder of their own, the
-# programs in the path. The Debian package is made of it (debian/rules).
+# The contents of an installation on Linux: handler and driver module in their own folder, the
+# programs in the path. The Debian package is made from it (debian/rules).
 set(ZELTA_MODULE_FOLDER lib/zelta)
 set(ZELTA_HANDLER_PATH ${CMAKE_INSTALL_PREFIX}/${ZELTA_MODULE_FOLDER}/libifdzelta.so)
 configure_file(reader.conf.in reader.conf @ONLY)

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Run before the agent's service starts, with the agent's options: makes the demo card if the agent
-# is to bring the emulated card of the usual folder and there is none yet.
+# uses the emulated card in the default folder and there is none yet.
 set -e
 folder=/var/lib/zelta/card
 for word in "$@"; do

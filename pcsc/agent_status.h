@@ -1,4 +1,4 @@
-// What a reader's agent says of its card.
+// Asks a reader's agent about its card.
 //
 // Any thread.
 #pragma once

@@ -11,7 +11,7 @@ namespace {
 constexpr std::uint8_t kDirectConvention = 0x3B;
 constexpr std::uint8_t kInverseConvention = 0x3F;
 constexpr std::uint8_t kHistoricalCount = 0x0F;  // of T0
-// Of T0 and each TD: which interface bytes follow.
+// The bits of T0 and each TD that announce interface bytes.
 constexpr std::uint8_t kInterfaceBytes = 0xF0;
 constexpr std::uint8_t kNextTd = 0x80;
 constexpr std::uint8_t kProtocol = 0x0F;  // of each TD
@@ -22,7 +22,7 @@ std::size_t countBits(unsigned bits) {
   return count;
 }
 
-// What T0 and the TDs announce.
+// Announced by T0 and the TDs.
 struct Announced {
   std::size_t size = 2;         // bytes, without TCK
   std::uint32_t protocols = 0;  // those of the TDs

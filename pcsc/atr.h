@@ -1,4 +1,4 @@
-// Whether bytes can be a card's answer to reset.
+// Checks whether bytes can be a card's answer to reset.
 //
 // Pure functions.
 #pragma once
@@ -11,8 +11,7 @@
 namespace zelta::pcsc {
 
 // TS is 3B or 3F; the number of bytes is what T0 and the TDs announce, the historical bytes of T0
-// included, or one more for TCK. Whether TCK is there or right is not looked at: real cards leave
-// it out.
+// included, or one more for TCK. TCK may be missing or wrong: real cards leave it out.
 //
 // | bytes                         | possible | because                                   |
 // |-------------------------------|----------|-------------------------------------------|

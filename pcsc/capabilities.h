@@ -1,4 +1,4 @@
-// IFDHGetCapabilities: what pcscd asks about the handler itself, and the card's and reader's
+// IFDHGetCapabilities: answers pcscd's questions about the handler, and the card's and reader's
 // attributes.
 //
 // | Tag                                    | Answer                                           |

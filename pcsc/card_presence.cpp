@@ -99,7 +99,7 @@ CardPresence::Clock::time_point CardPresence::settlingEnd() const {
 void CardPresence::settle() {
   if (removal_ != Removal::kSettling || uses_ != 0 || Clock::now() < settlingEnd()) return;
   removal_ = Removal::kNone;
-  // A card that is in by now entered after the removal, or is shown once more.
+  // If a card is in now, it entered after the removal or is shown once more.
   if (in_) renewCard();
 }
 

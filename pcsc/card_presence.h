@@ -1,25 +1,23 @@
-// What pcscd is shown of the card in one reader, between the driver's presence requests on one
+// Decides when pcscd sees the card in one reader, between the driver's presence requests on one
 // side and pcscd's calls on the other.
 //
-// A removal counts from the moment that the driver reports it. From then on pcscd is told "no
-// card" until it has come back for the removal: until it enters the polling function again after
-// having left it, or not having been in it, because of the removal. Only then is a card that is
-// back shown, so that no swap is missed however quick, and no half of pcscd sees the new card
-// while the other still works with the old one.
+// Once the driver reports a removal, pcscd is told "no card" until it has dealt with it: until it
+// enters the polling function again after that function returned for the removal, or was not
+// running. Only then is a new card shown, so that no swap is missed however quick, and no half of
+// pcscd sees the new card while the other still works with the old one.
 //
 // After a call was refused because no card was in, that thread of pcscd records an empty reader,
 // without holding a lock. If a card were shown before that, the reader would stay empty for pcscd.
 // So no card is shown within `kSettlingTime` of such a refusal; repeated refusals hide it for
 // `kLongestSettling` at most.
 //
-// As long as a call that worked with a card which has left has not returned, no other card is
-// shown.
+// While a call that works with a removed card has not returned, no other card is shown.
 //
-// What the polling thread was told and what clients' threads were told are recorded separately.
-// pcscd's polling thread keeps its own copy of the reader's state, and clients' threads ask for the
-// presence before each power-up and reset. If the polling call waited because a client's thread had
-// seen the card, pcscd would miss the insertion. If it returned although the polling thread knew of
-// the card, pcscd would power the card down at once.
+// The polling thread and the clients' threads are tracked separately. pcscd's polling thread keeps
+// its own copy of the reader's state, and clients' threads ask for the presence before each
+// power-up and reset. If the polling call waited because a client's thread had seen the card, pcscd
+// would miss the insertion. If it returned although the polling thread knew of the card, pcscd
+// would power the card down at once.
 //
 // Threads: any. The driver's side may be called under the driver's locks. Nothing here needs
 // memory.
@@ -48,24 +46,26 @@ class CardPresence {
 
   // --- The driver's side ---
 
-  // A request that ends with the next card's removal is about to be made.
+  // Call before making a request that ends with the next card's removal.
   void expectCard() ZELTA_EXCLUDES(mutex_);
-  // That request waits in the driver: shows the card. False if the card has left already; it
+  // Call when that request waits in the driver: shows the card. False if the card has already left;
+  // it
   // was never shown then.
   bool cardEntered() ZELTA_EXCLUDES(mutex_);
-  // That request has ended.
+  // Call when that request has ended.
   void cardLeft() noexcept ZELTA_EXCLUDES(mutex_);
 
   // --- pcscd's side ---
 
   // The card that pcscd may use now.
   CardNumber card() const ZELTA_EXCLUDES(mutex_);
-  // The same, for pcscd's own question: its polling thread then need not be told of this card.
+  // The same, for pcscd's own presence check: its polling thread then need not be told of this
+  // card.
   CardNumber reportCard() ZELTA_EXCLUDES(mutex_);
-  // A call is about to be answered with "no card", or with a failure of the card.
+  // Call before answering with "no card", or with a failure of the card.
   void noteRefusal() ZELTA_EXCLUDES(mutex_);
-  // A call that works with the card: the card shown, or `kNoCard`. Exactly one `endUse` follows
-  // either, once the call has said `noteRefusal` if it does.
+  // Begins a call that works with the card: the card shown, or `kNoCard`. Exactly one `endUse`
+  // follows either, after `noteRefusal` if that is called.
   CardNumber beginUse() ZELTA_EXCLUDES(mutex_);
   void endUse() noexcept ZELTA_EXCLUDES(mutex_);
   // False if `card` is no longer the card shown.
@@ -73,15 +73,15 @@ class CardPresence {
   // Makes pcscd see `card` leave and, if it is still in, enter once more. Does nothing if it is no
   // longer the card shown.
   void reinsert(CardNumber card) ZELTA_EXCLUDES(mutex_);
-  // The polling function: returns as soon as there is a change that the caller has not been told
-  // of, when stopped, or when the time has run out.
+  // The polling function: blocks until there is a change that the caller has not been told of, it
+  // is stopped, or the time has run out.
   void awaitChange(std::chrono::milliseconds limit) ZELTA_EXCLUDES(mutex_);
-  // Waits until a card is shown or this is closed; false if neither has come about by `deadline`.
-  // The polling function is told of the card all the same.
+  // Waits until a card is shown or this is closed; false if neither happens by `deadline`. The
+  // polling function is still told of the card.
   [[nodiscard]] bool awaitCard(Clock::time_point deadline) ZELTA_EXCLUDES(mutex_);
-  // Ends `awaitChange`: the one that waits now, or else the next one.
+  // Ends the current `awaitChange`, or else the next one.
   void stopAwaiting() ZELTA_EXCLUDES(mutex_);
-  // Ends every `awaitChange` from now on; no card is shown any more.
+  // Ends every `awaitChange`, current and later; no card is shown any more.
   void close() ZELTA_EXCLUDES(mutex_);
 
  private:
@@ -105,7 +105,7 @@ class CardPresence {
   void awaitNews(platform::MutexLock& lock, Clock::time_point end) ZELTA_REQUIRES(mutex_);
 
   mutable platform::Mutex mutex_;
-  platform::ConditionVariable condition_;               // for those who wait
+  platform::ConditionVariable condition_;               // for all waiters
   std::uint64_t changes_ ZELTA_GUARDED_BY(mutex_) = 0;  // so far
   bool in_ ZELTA_GUARDED_BY(mutex_) = false;            // as the driver has it
   bool leftEarly_ ZELTA_GUARDED_BY(mutex_) = false;     // before it was shown
@@ -120,7 +120,7 @@ class CardPresence {
   bool closed_ ZELTA_GUARDED_BY(mutex_) = false;
 };
 
-// One call that works with the card, for a scope. Holds the presence without owning it.
+// One call that works with the card, for a scope. Does not own the presence.
 class CardUse {
  public:
   explicit CardUse(CardPresence& presence) : presence_(presence), card_(presence.beginUse()) {}

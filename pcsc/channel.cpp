@@ -36,8 +36,7 @@ bool isText(std::uint32_t tag) {
   return attribute != nullptr && attribute->kind == AttributeKind::kText;
 }
 
-// The driver carries out these requests in its dispatch callback. This limits one that it keeps
-// nevertheless.
+// The driver carries out these requests in its dispatch callback. This limits any that it keeps.
 constexpr std::chrono::milliseconds kKeptLimit{10000};
 
 // The driver refuses every protocol while it reads those of a card that has just entered. Each try
@@ -200,14 +199,14 @@ TransmitReply Channel::transmit(const Apdu& command) {
   if (use.card() == kNoCard) return {refuse()};
   const Exchange done = exchange(use.card(), command);
   if (framework::failed(done.end.status)) {
-    // pcscd takes the card for absent after this answer, without saying so to anyone.
+    // pcscd takes the card for absent after this answer, without telling its clients.
     if (isNoCard(done.end.status)) reinsert(use.card());
     return {failureOf(done.end.status)};
   }
   const RESPONSECODE code = checkAnswer(done, command.answer.size);
   if (code != IFD_SUCCESS) return {code};
   // Another protocol than the command's if the driver, late to hear of the card's insertion, has
-  // read its ATR meanwhile. The answer is the command's all the same.
+  // read its ATR meanwhile. The answer is still the command's.
   const std::uint32_t current = loadLittleEndian(done.answerHeader.data());
   if (current != done.protocol) noteProtocol(use.card(), current);
   return {IFD_SUCCESS, done.end.information - kTransmitHeaderSize};

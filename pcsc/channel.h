@@ -1,23 +1,22 @@
-// One reader as pcscd works with it: each call becomes one I/O control of the driver, or is
-// answered from what the handler knows already. A command takes at most three: if the driver
-// refuses it because it has another current protocol, it is asked for that, once, and the command
-// is sent again, once.
+// One reader as pcscd uses it: each call becomes one I/O control of the driver, or is answered
+// without the driver. A command takes at most three: if the driver refuses it because its current
+// protocol differs, the handler asks for that, once, and sends the command again, once.
 //
 // A card that was removed, an agent that was lost, a request that the driver answers with "no
 // media" and a device that is down are all IFD_ICC_NOT_PRESENT. A call whose card left while it ran
-// returns that, whatever the driver answered. How long a call takes is the driver's business: five
-// seconds for an exchange with the agent, and as long again at most until it gets its turn.
+// returns that, whatever the driver answered. The driver limits a call's time: five seconds for an
+// exchange with the agent, and at most as long again until it gets its turn.
 //
 // A card whose ATR is invalid (atr.h) counts as mute, and the log says so.
 //
 // If a card that has answered before no longer does (the driver finds no media, a power-up or
-// reset fails), pcscd is made to see it leave and enter once more: it has no other way back to a
-// usable card. A card that has not answered since it entered is left in; pcscd keeps it as mute
+// reset fails), pcscd is made to see it leave and enter once more, its only way back to a usable
+// card. A card that has not answered since it entered is left in; pcscd keeps it as mute
 // and powers it up again with the next connect.
 //
 // The driver reads the card's protocols when the card enters, and not again: if that failed, it
-// refuses what the card offers for as long as the card is in. A protocol that is refused although
-// the card offers it is asked for again, and if that does not help the reader is brought up anew.
+// refuses the card's protocols while the card is in. A protocol that is refused although the card
+// offers it is asked for again, and if that does not help the reader is brought up anew.
 //
 // Threads: any, several at once; pcscd makes all calls but `awaitChange`, `stopAwaiting` and
 // `setAttribute` one at a time.
@@ -45,7 +44,7 @@ struct Reply {
   Bytes bytes;  // only with IFD_SUCCESS
 };
 
-// A command as pcscd hands it over, with the place for its answer.
+// A command from pcscd, with the place for its answer.
 struct Apdu {
   DWORD protocol = 0;  // 0 for T=0, 1 for T=1, 4 for raw
   host::ConstBytes bytes;
@@ -76,26 +75,25 @@ class Channel {
   [[nodiscard]] RESPONSECODE setAttribute(DWORD tag, const Bytes& value);
 
   void awaitChange(std::chrono::milliseconds limit) { presence_->awaitChange(limit); }
-  // Returns when a card is there, or at `close`; false if neither has come about by `deadline`.
+  // Blocks until a card is there or `close`; false if neither happens by `deadline`.
   [[nodiscard]] bool awaitCard(CardPresence::Clock::time_point deadline) {
     return presence_->awaitCard(deadline);
   }
   void stopAwaiting() { presence_->stopAwaiting(); }
-  // Before the end: releases `awaitChange` and `awaitCard` for good, shows no card any more and
-  // lets the watch for it end.
+  // Call before destruction: ends `awaitChange` and `awaitCard` for good, shows no card any more
+  // and lets the watch for it end.
   void close();
 
  private:
-  // What is known of the card that is in, since it first answered.
+  // The state of the current card, since it first answered.
   struct Session {
     CardNumber card = kNoCard;
     Bytes atr;  // of the latest power-up or reset; empty if that failed
-    // The driver's current protocol, as far as is known: 0 after a power-up, then the mask that
-    // was chosen.
+    // The driver's current protocol, as far as known: 0 after a power-up, then the chosen mask.
     std::uint32_t protocol = 0;
   };
 
-  // What became of a command that was sent under a protocol.
+  // The result of a command that was sent under a protocol.
   struct Exchange {
     std::uint32_t protocol = 0;
     host::IoStatus end;
@@ -103,11 +101,11 @@ class Channel {
   };
 
   host::IoResult control(std::uint32_t code, const Bytes& input, std::size_t outputCapacity);
-  // Within a use of `card`. "No media", and no output, also if that card has left, before or
+  // Call within a use of `card`. "No media" and no output also if that card has left, before or
   // meanwhile.
   host::IoResult controlCard(CardNumber card, std::uint32_t code, const Bytes& input,
                              std::size_t outputCapacity);
-  // The same for a command, with the answer's header apart.
+  // Sends a command in the same way, with the answer's header apart.
   Exchange transmitToCard(CardNumber card, const Apdu& command, std::uint32_t protocol);
   [[nodiscard]] framework::HRESULT selectProtocol(CardNumber card, std::uint32_t mask);
   Reply powerDown(CardNumber card);
@@ -125,11 +123,11 @@ class Channel {
   // Answers a call that needs a card and has none.
   [[nodiscard]] RESPONSECODE refuse();
   void reinsert(CardNumber card);
-  // Of the card: false, no bytes, 0 if it has not answered yet.
+  // The card's state: false, no bytes, 0 if it has not answered yet.
   bool hasAnswered(CardNumber card) const ZELTA_EXCLUDES(mutex_);
   Bytes atrOf(CardNumber card) const ZELTA_EXCLUDES(mutex_);
   std::uint32_t protocolOf(CardNumber card) const ZELTA_EXCLUDES(mutex_);
-  // Nothing if `card` has not answered yet.
+  // Does nothing if `card` has not answered yet.
   void noteProtocol(CardNumber card, std::uint32_t protocol) ZELTA_EXCLUDES(mutex_);
 
   ReaderFile reader_;
@@ -137,7 +135,7 @@ class Channel {
   const std::shared_ptr<CardPresence> presence_;
   mutable platform::Mutex mutex_;
   Session session_ ZELTA_GUARDED_BY(mutex_);
-  PresenceWatch watch_;  // the last: it is gone before what it works on
+  PresenceWatch watch_;  // last: destroyed before the members that it uses
 };
 
 }  // namespace zelta::pcsc

@@ -4,10 +4,10 @@
 // the device down and the host with it. A reader of the driver belongs to one channel at a time.
 //
 // pcscd asks for the card as soon as a channel is open, and the agent connects only after the
-// device has been brought up. So opening waits for the card of an agent that says it has one.
+// device has been brought up. So opening waits for the card if the agent says that it has one.
 //
-// Threads: any. Opening and closing are serialised, but for that wait. A use keeps its channel
-// alive; `close` makes the calls inside it end and waits for them.
+// Threads: any. Opening and closing are serialised, except for that wait. A use keeps its channel
+// alive; `close` ends the calls inside it and waits for them.
 #pragma once
 
 #include <chrono>
@@ -23,7 +23,7 @@
 
 namespace zelta::pcsc {
 
-// What the table needs of the process around it.
+// The table's dependencies.
 struct Surroundings {
   // Loads the driver host; throws HostError.
   std::function<std::unique_ptr<host::DriverHost>(const std::string& modulePath,
@@ -49,7 +49,7 @@ class ChannelTable {
  public:
   // How long opening waits for the card of an agent.
   static constexpr std::chrono::milliseconds kFirstCardLimit{500};
-  // The agent is asked again so often whether it still has the card.
+  // The pause before the agent is asked again whether it still has the card.
   static constexpr std::chrono::milliseconds kAskAgentPause{50};
 
   explicit ChannelTable(Surroundings surroundings);
@@ -71,7 +71,7 @@ class ChannelTable {
 
    private:
     ChannelTable& table_;
-    Entry* const entry_;  // the table's, kept by `inside`
+    Entry* const entry_;  // owned by the table, kept by `inside`
   };
 
   // IFD_SUCCESS, also with no agent; IFD_NO_SUCH_DEVICE if the driver has no such reader;
@@ -81,8 +81,8 @@ class ChannelTable {
   // `kFirstCardLimit`; other calls for it are let in meanwhile.
   [[nodiscard]] RESPONSECODE open(DWORD lun, std::uint32_t readerIndex)
       ZELTA_EXCLUDES(openMutex_, mutex_);
-  // IFD_NO_SUCH_DEVICE if none is open. Takes as long as the driver takes to finish what it
-  // does for this channel, and needs no memory.
+  // IFD_NO_SUCH_DEVICE if none is open. Waits until the driver has finished its work for this
+  // channel. Needs no memory.
   [[nodiscard]] RESPONSECODE close(DWORD lun) noexcept ZELTA_EXCLUDES(openMutex_, mutex_);
 
  private:
@@ -101,7 +101,7 @@ class ChannelTable {
 
   const Surroundings surroundings_;
   platform::Mutex openMutex_ ZELTA_ACQUIRED_BEFORE(mutex_);
-  // Shared with the channels, which have it brought up anew without the table.
+  // Shared with the channels, which can bring it up anew without the table.
   std::shared_ptr<Device> device_ ZELTA_GUARDED_BY(openMutex_);
   platform::Mutex mutex_;
   platform::ConditionVariable left_;

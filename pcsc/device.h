@@ -1,8 +1,8 @@
 // The driver's device, which the open channels share: brought up at the beginning, and anew when
 // one of its readers has stopped serving.
 //
-// Ownership: owns the driver host. Threads: any. Bringing the device up or down may take as long as
-// the driver takes to end what it does, and every other call waits for that.
+// Ownership: owns the driver host. Threads: any. Bringing the device up or down waits until the
+// driver has ended its work, and every other call waits for that.
 #pragma once
 
 #include <cstdint>
@@ -20,14 +20,14 @@ class Device {
   Device(const Device&) = delete;
   Device& operator=(const Device&) = delete;
 
-  // Which bring-up a file belongs to.
+  // Identifies the bring-up that a file belongs to.
   using Generation = unsigned;
 
   // Null if the driver has no such reader. `generation` is set in any case.
   std::shared_ptr<host::File> open(std::uint32_t readerIndex, Generation* generation)
       ZELTA_EXCLUDES(mutex_);
-  // The same after the device was taken down and brought up, unless that has been done since
-  // `*generation`. Null also after `shutDown`. Throws HostError if the device does not come up;
+  // Takes the device down and brings it up first, unless that has been done since `*generation`.
+  // Null also after `shutDown`. Throws HostError if the device does not come up;
   // it is down then.
   std::shared_ptr<host::File> renew(std::uint32_t readerIndex, Generation* generation)
       ZELTA_EXCLUDES(mutex_);

@@ -11,7 +11,7 @@ namespace zelta::pcsc {
 // The control code that returns the reader's properties; chosen by the handler.
 inline constexpr DWORD kGetPropertiesControl = SCARD_CTL_CODE(0x800 + FEATURE_GET_TLV_PROPERTIES);
 
-// What a command or an answer may carry: extended length is fine.
+// The most data of a command or an answer: extended length is supported.
 inline constexpr std::uint32_t kMaxApduDataSize = 0x10000;
 
 struct ControlReply {

@@ -73,7 +73,7 @@ RESPONSECODE awaitChange(DWORD lun, int milliseconds) {
     channel.awaitChange(std::chrono::milliseconds(milliseconds));
     return IFD_SUCCESS;
   });
-  return IFD_SUCCESS;  // with anything else pcscd sleeps before it looks at the card
+  return IFD_SUCCESS;  // after any other result pcscd sleeps before it checks the card
 }
 
 RESPONSECODE stopAwaiting(DWORD lun) {
@@ -123,7 +123,7 @@ RESPONSECODE IFDHSetCapabilities(DWORD lun, DWORD tag, DWORD length, PUCHAR valu
   });
 }
 
-// Nothing is negotiated here: the card is at another place.
+// Nothing to negotiate: the card is not here but at the agent.
 RESPONSECODE IFDHSetProtocolParameters(DWORD lun, DWORD protocol, UCHAR, UCHAR, UCHAR, UCHAR) {
   return onChannel(lun, [&](Channel& channel) { return channel.setProtocol(protocol); });
 }

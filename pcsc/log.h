@@ -1,5 +1,5 @@
-// Where the handler's own lines go: pcscd's log, which the daemon offers to the libraries that it
-// loads, or the standard error output if the process offers none.
+// Writes the handler's lines to pcscd's log, which the daemon offers to the libraries that it
+// loads, or to the standard error output if the process offers none.
 //
 // Any thread may call.
 #pragma once

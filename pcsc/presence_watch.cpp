@@ -17,9 +17,9 @@ using platform::MutexLock;
 
 namespace {
 
-// The driver answers the question for its server thread at once.
+// The driver answers the query for its server thread at once.
 constexpr std::chrono::milliseconds kAnswerLimit{1000};
-// Between questions while the server thread is starting.
+// The pause between queries while the server thread is starting.
 constexpr std::chrono::milliseconds kFirstStartPause{1};
 constexpr std::chrono::milliseconds kLongestStartPause{100};
 
@@ -231,7 +231,7 @@ void PresenceWatch::tellNotServing(MakeReason makeReason) noexcept {
   }
 }
 
-// At the same level, so that whoever has read of the problem reads of its end.
+// At the same level as the problem, so that a reader of the log sees both.
 void PresenceWatch::tellServing() noexcept {
   if (told_.empty()) return;
   try {

@@ -4,22 +4,22 @@
 //
 // The request for the removal waits in the driver before the card is shown to pcscd, so that no
 // removal that follows is missed. A request that fails, as insertions do when the agent is lost,
-// is made again at once. Only if requests fail over and over as soon as they are made, or cards
-// leave before they are shown, is there a growing pause between them.
+// is made again at once. Only if requests repeatedly fail as soon as they are made, or cards leave
+// before they are shown, is there a growing pause between them.
 //
 // While the driver takes a request for the insertion it asks the agent for the card. If the agent
-// does not answer that in time, the card may be in, and no event will tell. So a request that took
-// the driver long is cancelled after a while and made again.
+// does not answer in time, the card may be in although no event will report it. So a request that
+// the driver was slow to take is cancelled after a while and made again.
 //
 // The driver's server thread ends if nobody asked for a card for a while, or if it cannot
 // make its pipes. So after each request for an insertion that waits in the driver, the driver is
-// asked how the thread is: a thread that serves then will serve that request. One that has ended is
-// brought back with the device, after a pause that grows until it serves again; pcscd's log has why
-// and when. A reader that refuses what its card offers is brought back in the same way. A driver
-// that does not know the question counts as serving.
+// asked for the thread's state: a thread that serves then will serve that request. A thread that
+// has ended is restarted with the device, after a pause that grows until it serves again; pcscd's
+// log says why and when. A reader that refuses its card's protocols is restarted in the same way. A
+// driver that does not know the query counts as serving.
 //
 // Ownership: holds its reader and shares `presence`; a request that is still waiting at the end is
-// cancelled, and its completion may come later. Threads: one of its own, joined by the destructor,
+// cancelled, and its completion may come later. Threads: has its own, joined by the destructor,
 // which waits for a presence check that the driver is making, or for the device to come up.
 #pragma once
 
@@ -37,13 +37,13 @@ namespace zelta::pcsc {
 
 class PresenceWatch {
  public:
-  // A request that lasted this long did not fail as soon as it was made.
+  // A request that lasts less than this failed as soon as it was made.
   static constexpr std::chrono::milliseconds kLasting{100};
   static constexpr std::chrono::milliseconds kFirstPause{10};
   static constexpr std::chrono::milliseconds kLongestPause{1000};
   // While cards come and go. Short, because the last card must be seen soon.
   static constexpr std::chrono::milliseconds kLongestSwapPause{40};
-  // If the driver takes longer than this to take a request, it has asked the agent in vain.
+  // If the driver takes longer than this to take a request, the agent has not answered it.
   static constexpr std::chrono::milliseconds kPromptCheck{1000};
   static constexpr std::chrono::milliseconds kRecheckPause{1000};
   static constexpr std::chrono::milliseconds kFirstRevivalPause{100};
@@ -54,14 +54,14 @@ class PresenceWatch {
   PresenceWatch(const PresenceWatch&) = delete;
   PresenceWatch& operator=(const PresenceWatch&) = delete;
 
-  // Lets the thread end, without waiting for it.
+  // Asks the thread to end and does not wait.
   void stop();
   // The driver refuses a protocol that the card offers. Has the device brought up anew, without
   // waiting for that. Any thread.
   void bringUpAnew() { mailbox_->askForRenewal(); }
 
  private:
-  // The request's completion as its callback leaves it, under the driver's locks.
+  // Holds the request's completion, which its callback leaves under the driver's locks.
   class Mailbox {
    public:
     void clear() ZELTA_EXCLUDES(mutex_);
@@ -93,12 +93,12 @@ class PresenceWatch {
   };
 
   void run();
-  // Pauses as the last outcomes ask for. False when stopped.
+  // Pauses according to the last outcomes. False when stopped.
   bool pauseAfter(Outcome outcome, bool lasted);
   Outcome watchOneCard();
   Outcome awaitInsertion();
   Outcome watchRemoval();
-  // What becomes of a request that has not ended: it is cancelled when stopped.
+  // Handles a request that has not ended: cancels it when stopped.
   Outcome abandonWait(host::IoOperation& request);
   std::shared_ptr<host::IoOperation> submit(std::uint32_t code, bool forRemoval);
   // Asks until the answer is final or the request has ended; false if the reader does not serve.
@@ -119,7 +119,7 @@ class PresenceWatch {
   const std::shared_ptr<CardPresence> presence_;
   const Log log_;
   const std::shared_ptr<Mailbox> mailbox_;
-  // The thread's own:
+  // For the thread only:
   int failures_ = 0;  // in a row, each as soon as the request was made
   std::chrono::milliseconds pause_ = kFirstPause;
   std::chrono::milliseconds revivalPause_ = kFirstRevivalPause;

@@ -1,5 +1,5 @@
-// A reader of the driver as its channel works with it: its name, the file under which it is open
-// now, and how to get another when the device went down.
+// A reader of the driver as its channel uses it: its name, its open file, and a way to get another
+// file after the device went down.
 //
 // Ownership: the channel's. Threads: any; `renew` is for one thread at a time.
 #pragma once

@@ -12,7 +12,7 @@ namespace {
 constexpr char kModuleVariable[] = "ZELTA_MODULE";
 constexpr char kModuleFile[] = "libzelta_vsc.so";
 
-// Its address tells which file this code came from.
+// Its address identifies the file that this code came from.
 constexpr char kInThisFile = 0;
 
 }  // namespace

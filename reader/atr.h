@@ -1,4 +1,4 @@
-// What a reader takes from a card's answer to reset (ISO/IEC 7816-3). Pure functions.
+// The values that a reader takes from a card's answer to reset (ISO/IEC 7816-3). Pure functions.
 #pragma once
 
 #include <cstdint>
@@ -32,7 +32,7 @@ inline constexpr std::size_t kMinAtrSize = 2;  // bytes: TS and T0
 // Whether the first byte is one of the two conventions' initial characters. Needs one byte.
 bool hasValidInitialByte(const std::vector<std::uint8_t>& atr);
 
-// Walks the interface bytes up to the last one announced or the last one there, whichever comes
+// Walks the interface bytes up to the last one announced or the last one present, whichever comes
 // first; historical bytes and the check byte are not read. Needs `kMinAtrSize` bytes and a valid
 // initial byte.
 AtrValues parseAtr(const std::vector<std::uint8_t>& atr);

@@ -1,7 +1,7 @@
 // Requests that wait in the driver for a card to come or to go, oldest first.
 //
 // The list holds no reference on its requests and does not own them: the framework does, until
-// they are completed. Whoever completes a request takes it out of its list.
+// they are completed. The code that completes a request takes it out of its list.
 //
 // Threads: everything but `empty` is called with the device lock held. `empty` may be read without
 // a lock; its result is then only a hint.

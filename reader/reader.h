@@ -1,6 +1,6 @@
 // One virtual smart card reader as the smart card service sees it: its card state, the protocol,
-// the values read from the card's ATR, and the requests that wait for a card to come or go. What
-// needs the real card is left to the deriving class.
+// the values read from the card's ATR, and the requests that wait for a card to come or go. A
+// deriving class talks to the card itself.
 //
 // Ownership: the device owns its readers and outlives them. Requests are the framework's; a
 // waiting one is in a list without a reference of the list's own. Requests that still wait when
@@ -39,7 +39,7 @@ namespace zelta {
 // The value of an attribute that is a number or a text.
 using AttributeValue = std::variant<std::uint32_t, std::string>;
 
-// What a query of the agent gives.
+// The result of a query to the agent.
 enum class QueryResult : std::uint32_t { kSuccess = 0, kFailure = 1, kTimeout = 2 };
 
 class Reader {
@@ -52,10 +52,10 @@ class Reader {
   // The virtual operations keep this order.
   virtual ~Reader();
 
-  // Asks the card: the answer to a command APDU; the ATR (with or without a reset of the card);
-  // whether a card answers. Each is one exchange with the agent. May be called on several threads
-  // at once; the exchanges do not overlap. Each blocks for at most about five seconds, and as long
-  // again while another exchange is under way.
+  // Exchange a command APDU, get the ATR (with or without a reset of the card), or check whether a
+  // card answers. Any thread; each call is one exchange with the agent, and exchanges do not
+  // overlap. Each blocks for at most about five seconds, and as long again while another exchange
+  // is under way.
   [[nodiscard]] virtual QueryResult QueryTransmit(const Bytes& command,
                                                   ResponseBuffer& response) = 0;
   [[nodiscard]] virtual QueryResult QueryAtr(Bytes& atr, bool reset) = 0;
@@ -64,13 +64,13 @@ class Reader {
   [[nodiscard]] virtual bool NotifyCardReady() = 0;
   // Marks the card absent and completes every waiting request as cancelled.
   virtual void shutdown() = 0;
-  // The body of the thread that serves the agent; 0 if it ended because it was told to.
+  // The body of the thread that serves the agent; 0 if it was asked to end.
   virtual std::uint32_t serverThread() = 0;
   // An attribute of the vendor's own; completes the request.
   virtual void IoSmartCardGetVendorDefinedAttribute(std::uint32_t tag, IoRequest& request);
-  // Marks the card absent for good. Then makes the exchange that is under way fail, in whatever
-  // call it is stuck, and every later one, without waiting for a lock that is held during an
-  // exchange. The device calls it before it waits for the handlers and before `shutdown`.
+  // Marks the card absent for good. Then makes the current exchange, wherever it is stuck, and
+  // every later one fail, without waiting for a lock that is held during an exchange. The device
+  // calls it before it waits for the handlers and before `shutdown`.
   virtual void endExchanges() noexcept = 0;
 
   // One handler per I/O control. Each completes the request exactly once, or keeps it waiting,
@@ -101,14 +101,14 @@ class Reader {
   // Reads the ATR and sets protocols, IFSC, clock and data rates from it; false if there was no
   // usable ATR, and then no protocol is available.
   [[nodiscard]] bool initializeProtocols();
-  // The same with the ATR, after a reset of the card, asked for by `queryAtr`.
+  // Does the same with the ATR from `queryAtr`, which resets the card.
   [[nodiscard]] bool initializeProtocols(const std::function<QueryResult(Bytes&)>& queryAtr);
 
   // Logs and answers an attribute as its kind says; completes the request.
   void answerAttribute(IoRequest& request, const Attribute& attribute, const AttributeValue& value,
                        LogLevel level = LogLevel::kInfo);
 
-  // From now on the state is absent, whatever a handler that is still running sets.
+  // Makes the state absent for good, whatever a handler that is still running sets.
   void markAbsentForGood() { absentForGood_.store(true, std::memory_order_release); }
   void setState(std::uint32_t state) { state_.exchange(state); }
   void setCardReady(std::uint32_t ready) { cardReady_.store(ready, std::memory_order_relaxed); }
@@ -131,14 +131,14 @@ class Reader {
   bool hasIntegerInput(IoRequest& request, const char* operation, const char* handler);
   void refuseShortInput(IoRequest& request, std::size_t size, const char* operation,
                         const char* handler);
-  // After the request was put into its list.
+  // Call after the request was put into its list.
   void markCancelable(IoRequest& request, const char* failureText)
       ZELTA_REQUIRES(waiting_.deviceLock());
 
   void powerDown(IoRequest& request);
   void reset(IoRequest& request, const char* name);
   void applyAtr(const AtrValues& values);
-  // False if the mask accepts nothing that is offered.
+  // False if the mask accepts no offered protocol.
   [[nodiscard]] bool chooseProtocol(std::uint32_t mask);
   [[nodiscard]] bool storeProtocol(std::uint32_t protocol);
   struct TransmitInput {

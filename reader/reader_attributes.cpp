@@ -1,5 +1,5 @@
 // The reader's attributes. Each is a row in the table of contract/attributes.h, which says how it
-// is answered and logged, and a row here (or in a deriving reader), which has its value.
+// is answered and logged, and a row here (or in a deriving reader) with its value.
 #include "contract/attributes.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// Powering the card, and what its answer to reset sets.
+// Powers the card and applies its answer to reset.
 #include "contract/bytes.h"
 #include "contract/io_controls.h"
 #include "contract/reader_states.h"

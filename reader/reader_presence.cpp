@@ -1,8 +1,8 @@
 // Waiting for a card to come or to go.
 //
 // No lock is held while the agent is asked, so a card event may be handled before the request is in
-// its list. The request therefore counts as waiting from just before the question on, and if the
-// awaited event has come since, it is completed.
+// its list. So the request counts as waiting from just before the query, and is completed if the
+// awaited event has come since.
 #include "contract/reader_states.h"
 #include "contract/status.h"
 #include "diagnostics/log.h"
@@ -25,7 +25,8 @@ void Reader::IoSmartCardIsPresent(IoRequest* request, std::size_t /*inLength*/,
     return;
   }
   const TracedLock lock(kHandler, waiting_.deviceLock(), __LINE__);
-  // An insertion whose agent was lost meanwhile is over. The request waits for the next agent.
+  // If the agent was lost meanwhile, the insertion no longer counts: the request waits for the next
+  // agent.
   if (question.overtaken() && state() != SCARD_ABSENT) {
     request->completeWithInformation(status::kSuccess, 0);
     return;

@@ -15,7 +15,7 @@ namespace {
 constexpr char kSetProtocolHandler[] = "Reader::IoSmartCardSetProtocol";
 constexpr char kTransmitHandler[] = "Reader::IoSmartCardTransmit";
 
-// Bits of the available protocols, which go by the protocol's number.
+// Bits of the available protocols, by protocol number.
 constexpr std::uint32_t kOffersT0 = 1u << 0;
 constexpr std::uint32_t kOffersT1 = 1u << 1;
 

@@ -2,8 +2,8 @@
 // that both reach the caller in one copy.
 //
 // The room for a response is not initialised: a long response is written once, and memory that an
-// agent only announces is reserved but never touched. A response that its caller has no room for is
-// not kept at all, only its length is. What was written is wiped before it is given back.
+// agent only announces is reserved but never touched. If the caller has no room for a response,
+// only its length is kept. Written memory is wiped before it is freed.
 #pragma once
 
 #include <algorithm>
@@ -20,11 +20,11 @@ namespace zelta {
 
 class ResponseBuffer {
  public:
-  // The most that is written at a time of a response that is not kept. Bytes.
+  // The most bytes written at a time of a response that is not kept.
   static constexpr std::size_t kBlock = 1024 * 1024;
   static constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
 
-  // `limit` is the most that the caller takes, header and response together. Bytes.
+  // `limit` is the caller's room in bytes, header and response together.
   explicit ResponseBuffer(std::size_t limit = kNoLimit) : limit_(limit) {}
   ~ResponseBuffer() { clear(); }
   ResponseBuffer(const ResponseBuffer&) = delete;
@@ -62,7 +62,7 @@ class ResponseBuffer {
   }
   std::size_t size() const { return size_; }
 
-  // The `kTransmitHeaderSize` bytes before the response. Only after `begin` or `assign`.
+  // The `kTransmitHeaderSize` bytes before the response. Call only after `begin` or `assign`.
   std::uint8_t* header() { return memory_.get(); }
 
  private:

@@ -1,4 +1,4 @@
-// The requests that wait in a reader for a card to come or to go, and how often one has.
+// The requests that wait in a reader for a card to come or to go, and the count of these events.
 //
 // A presence request is queued here once the agent has answered that it has to wait. A card event
 // that arrives between the question and the queueing does not find the request; a `Question`
@@ -6,9 +6,9 @@
 //
 // Ownership: the reader's. The device outlives it. No reference is held on a request.
 //
-// Threads: what needs the device lock says so. `any` may be called without it; its result is then a
-// hint. Adding an insertion request takes the request list mutex and wakes whoever waits for one
-// with that mutex.
+// Threads: methods that need the device lock say so. `any` may be called without it; its result is
+// then a hint. Adding an insertion request takes the request list mutex and wakes the thread in
+// `awaitInsertionRequest`.
 #pragma once
 
 #include <array>
@@ -60,32 +60,31 @@ class WaitingRequests {
 
   // Whether a request waits for the event.
   bool any(CardEvent awaited) const;
-  // The same, or the agent is being asked whether one has to. To be called after `note`.
+  // True also while a request is asking the agent whether it must wait. Call after `note`.
   bool awaited(CardEvent event) const ZELTA_REQUIRES(device_.deviceLock());
   // Throws std::bad_alloc, and leaves everything as it was, if there is no memory.
   void add(CardEvent awaited, IoRequest& request) ZELTA_REQUIRES(device_.deviceLock());
   // Takes a request out without completing it; false if it does not wait for the event.
   bool remove(CardEvent awaited, const IoRequest& request) ZELTA_REQUIRES(device_.deviceLock());
-  // Completes what waits for the event, newest first, with the status and no output. A request that
-  // is being cancelled only leaves its list: its cancel callback completes it.
+  // Completes the requests that wait for the event, newest first, with the status and no output. A
+  // request that is being cancelled only leaves its list: its cancel callback completes it.
   void completeAll(CardEvent awaited, framework::HRESULT status)
       ZELTA_REQUIRES(device_.deviceLock());
-  // The same for the newest alone, as cancelled and without a byte count.
+  // Completes only the newest of them, as cancelled and without a byte count.
   void cancelNewest(CardEvent awaited) ZELTA_REQUIRES(device_.deviceLock());
 
-  // An event has come.
+  // Counts an event.
   void note(CardEvent event) ZELTA_REQUIRES(device_.deviceLock());
 
-  // Waits until an insertion request waits or `stopped`, run with the mutex held, is true; at most
-  // `limit`. False if neither has come about. A request may be cancelled again at any time, so
-  // whoever looks for it afterwards may find none.
+  // Blocks until an insertion request waits, `stopped` (called with the mutex held) returns true,
+  // or `limit` passes (false). The request may already be cancelled on return.
   template <typename Stopped>
   bool awaitInsertionRequest(platform::MutexLock& lock, std::chrono::milliseconds limit,
                              Stopped stopped) ZELTA_REQUIRES(mutex_) {
     return insertionRequestCame_.waitFor(lock, limit,
                                          [&] { return stopped() || any(CardEvent::kInserted); });
   }
-  // Lets whoever waits there look at `stopped` again.
+  // Makes `awaitInsertionRequest` check `stopped` again.
   void wakeInsertionWait() ZELTA_EXCLUDES(mutex_);
 
  private:

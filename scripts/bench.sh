@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Measures what a command costs.
+# Measures the cost of a command.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -22,7 +22,7 @@ nothing else to do.
 EOT
 }
 
-# can_write FILE: whether the file can be written or made; leaves everything as it is.
+# can_write FILE: whether the file can be written or made; changes nothing.
 can_write() {
   if [ -e "$1" ]; then
     [ -f "$1" ] && [ -w "$1" ]

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs the checks, each as a stage of its own, with the time that it took.
+# Runs the checks, each as its own stage, and reports their times.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
@@ -93,7 +93,7 @@ passed=0
 failed=0
 summary=()
 failures=()
-# failure_of NAME: what the stage's log says of it: the failed tests, otherwise its end.
+# failure_of NAME: the failed tests in the stage's log, otherwise the log's end.
 failure_of() {
   printf '==> Stage %s failed\n' "$1"
   if grep -q '^==> Failed tests$' "$log"; then
@@ -102,7 +102,7 @@ failure_of() {
     tail -n 40 "$log"
   fi
 }
-# note_stage NAME RESULT SECONDS: adds up what the suites counted; the others count as one.
+# note_stage NAME RESULT SECONDS: adds up the suites' counts; other stages count as one.
 note_stage() {
   local name=$1 result=$2 seconds=$3 good=1 bad=0 verdict=passed
   if [[ $(tail -n 1 "$log") =~ ^([0-9]+)\ passed,\ ([0-9]+)\ failed$ ]]; then
@@ -130,7 +130,7 @@ for stage in "${stages[@]}"; do
   step "Stage $stage"
   begin=$SECONDS
   result=0
-  # A stage ends its own shell only.
+  # A failing stage exits its own subshell only.
   (run_stage "$stage") 2>&1 | tee -i "$log" || result=$?
   note_stage "$stage" "$result" $((SECONDS - begin))
 done

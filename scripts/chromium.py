@@ -1,5 +1,5 @@
-"""A headless Chromium with one page, driven by its own protocol over two pipes. It talks to nobody:
-what it would fetch for itself is turned off."""
+"""A headless Chromium with one page, driven by its own protocol over two pipes. It makes no network
+connections of its own: they are turned off."""
 
 import base64
 import contextlib
@@ -22,7 +22,7 @@ def is_installed():
 
 
 class Chromium(contextlib.ExitStack):
-    """Needs a folder of its own for the profile, which is removed with it."""
+    """Uses a new folder for the profile, which is removed at the end."""
 
     def __init__(self, url, width, height):
         super().__init__()
@@ -84,7 +84,7 @@ class Chromium(contextlib.ExitStack):
         return answer["result"]
 
     def evaluate(self, script, *words):
-        """What the script returns inside the page."""
+        """The result of the script inside the page."""
         result = self._ask("Runtime.evaluate", returnByValue=True, expression=(
             f"(function() {{ {script} }}).apply(null, {json.dumps(words)})"))
         if "exceptionDetails" in result:

@@ -1,19 +1,19 @@
 # shellcheck shell=bash
-# What the project's commands share: messages, packages, builds, the running reader's files.
+# Shared by the project's commands: messages, packages, builds, the running reader's files.
 
 ZELTA_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 ZELTA_RUN_DIR=$(realpath --canonicalize-missing "${ZELTA_RUN_DIR:-/run/zelta-up}")
 ZELTA_BUILD_DIR=$(realpath --canonicalize-missing "${ZELTA_BUILD_DIR:-$ZELTA_ROOT/build}")
 export ZELTA_RUN_DIR ZELTA_BUILD_DIR
 
-# git refuses a checkout that belongs to another user. Here root works in one on its user's behalf.
+# git refuses a checkout that belongs to another user. Here root works in it on that user's behalf.
 export GIT_CONFIG_COUNT=1 GIT_CONFIG_KEY_0=safe.directory GIT_CONFIG_VALUE_0=$ZELTA_ROOT
 
 # shellcheck source=scripts/packages.sh
 source "$ZELTA_ROOT/scripts/packages.sh"
 
 say() { printf '%s\n' "$*"; }
-# step WHAT: what the command does from here on; an interruption names it.
+# step WHAT: the command's current step; an interruption names it.
 step() {
   doing=$*
   printf '==> %s\n' "$*"
@@ -27,10 +27,10 @@ die_usage() {
   exit 2
 }
 
-# What the command is at, and the process that shows how far it is.
+# The command's current step, and the process that shows its progress.
 doing=
 follower=
-# The command's temporary files; removed when it ends, whoever they belong to.
+# The command's temporary files; removed when it ends, whoever owns them.
 WORK=
 make_work() {
   [ -n "$WORK" ] || WORK=$(mktemp -d "${TMPDIR:-/tmp}/zelta.XXXXXX")
@@ -38,7 +38,7 @@ make_work() {
 
 end_follower() {
   [ -n "$follower" ] || return 0
-  # A shell that has just been forked still has this one's traps, and loses other signals to them.
+  # A newly forked shell still has this one's traps, and loses other signals to them.
   kill -KILL "$follower" 2>/dev/null || true
   wait "$follower" 2>/dev/null || true
   follower=
@@ -104,7 +104,7 @@ SUDO_PERIOD=50
 root_asked=
 root_told= # what for
 
-# Runs until this script, or the program that it has become, ends.
+# Runs until this script, or the program it execs, exits.
 keep_sudo() {
   while ! timeout "$SUDO_PERIOD" tail --pid=$$ -f /dev/null; do sudo -n -v || return 0; done
 }
@@ -134,13 +134,13 @@ tell_root() {
   [ "$(id -u)" -eq 0 ] || [ "$purpose" = "$root_told" ] ||
     say "Root is needed $purpose: sudo $*" >&2
 }
-# as_root PURPOSE COMMAND...: runs it as root and says what for.
+# as_root PURPOSE COMMAND...: runs it as root and says why.
 as_root() {
   tell_root "$@"
   shift
   run_as_root "$@"
 }
-# become_root PURPOSE COMMAND...: the same in this script's place, so that Ctrl-C is the command's.
+# become_root PURPOSE COMMAND...: the same in this script's place, so that the command gets Ctrl-C.
 become_root() {
   tell_root "$@"
   shift
@@ -151,7 +151,7 @@ become_root() {
 # Seconds between two lines of progress if there is no terminal.
 PROGRESS_PERIOD=10
 
-# eta PERCENT SECONDS: how long it takes from here on if it goes on as before.
+# eta PERCENT SECONDS: the remaining time at the same speed.
 eta() {
   local left
   [ "$1" -gt 0 ] && [ "$2" -ge 5 ] || return 0
@@ -163,7 +163,7 @@ eta() {
   fi
 }
 
-# How far a command is, by the last lines of its log and the seconds that it has run.
+# A command's progress, by the last lines of its log and the seconds that it has run.
 # build_progress LOG SECONDS: "[ 42%] Building ...", as ninja and make say.
 build_progress() {
   local percent
@@ -204,7 +204,7 @@ with_progress() {
   : >"$log"
   follow "$progress" "$log" &
   follower=$!
-  # In a shell of its own, so that an interruption is told here and not in the log.
+  # In a subshell, so that an interruption is reported here and not in the log.
   ("$@") >"$log" 2>&1 || result=$?
   end_follower
   return "$result"
@@ -222,7 +222,7 @@ show_failure() {
   fi
 }
 
-# missing_packages PACKAGE...: those that are not installed.
+# missing_packages PACKAGE...: the packages that are not installed.
 missing_packages() {
   local package
   for package in "$@"; do
@@ -250,8 +250,8 @@ need_packages() {
   fi
 }
 
-# build_folder PRESET: `build` for the release, `build-<preset>` for the others, or what
-# ZELTA_BUILD_DIR has in the place of `build`.
+# build_folder PRESET: `build` for the release, `build-<preset>` for the others. ZELTA_BUILD_DIR
+# replaces `build`.
 build_folder() {
   case "$1" in
     release) printf '%s' "$ZELTA_BUILD_DIR" ;;
@@ -259,10 +259,10 @@ build_folder() {
   esac
 }
 
-# What else to configure with.
+# Further options for configuring.
 CONFIGURE_OPTIONS=()
 
-# configure PRESET: a folder that somebody has configured with another generator keeps it.
+# configure PRESET: a folder that was configured with another generator keeps it.
 configure() {
   local folder generator
   folder=$(build_folder "$1")
@@ -280,7 +280,7 @@ build() {
       ${1:+--target "$@"}
 }
 
-# build_preset PRESET [TARGET...]: configures and builds; says how far it is, and shows the error.
+# build_preset PRESET [TARGET...]: configures and builds; shows its progress and the error.
 build_preset() {
   local preset=$1 folder log
   folder=$(build_folder "$preset")
@@ -298,11 +298,11 @@ build_preset() {
 
 # The files of a running reader.
 pcscd_socket() { cat "$ZELTA_RUN_DIR/pcscd.socket" 2>/dev/null || true; }
-# `up` holds a lock on the file for as long as anything of it runs.
+# `up` holds a lock on the file while any of its processes runs.
 is_up() {
   [ -e "$ZELTA_RUN_DIR/up.pid" ] && ! flock --shared --nonblock "$ZELTA_RUN_DIR/up.pid" true
 }
-# The file `stage` says what is going on while the reader comes up and goes down.
+# The file `stage` names the current step while the reader comes up and goes down.
 need_up() {
   is_up || die "no reader is up here; ./zelta up brings one up"
   [ ! -e "$ZELTA_RUN_DIR/stage" ] ||

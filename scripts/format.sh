@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Formats the sources; --check only tells.
+# Formats the sources; --check only reports.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 mode=-i

@@ -36,10 +36,10 @@ findings=$folder/findings
 mkdir -p "$findings"
 make_work
 
-# fuzz NAME: says what became of it; false if something was found.
+# fuzz NAME: runs it and reports the result; false if something was found.
 fuzz() {
   local name=$1 log=$WORK/$1.log
-  # New inputs go to the first folder; an announced length must not be taken at its word.
+  # New inputs go to the first folder; an announced length must not be trusted.
   mkdir "$WORK/$name"
   # An answer that never comes shows as an input that takes too long. Choosing inputs by their
   # entropy would take longer than playing them.

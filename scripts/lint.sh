@@ -58,7 +58,7 @@ tidy() {
   xargs -r -n 1 -P "$(nproc)" sh -c 'clang-tidy --quiet "$@" 2>/dev/null; result=$?
     echo >>"$0"; exit "$result"' "$WORK/done" -p "$folder" "$@" <"$folder/sources"
 }
-# tidy_progress FILE SECONDS: a line for each source that has been looked at.
+# tidy_progress FILE SECONDS: a line for each checked source.
 tidy_progress() {
   local count total=${#sources[@]}
   count=$(wc -l <"$1")
@@ -68,7 +68,8 @@ tidy_progress() {
 make_work
 /usr/bin/python3 - "$WORK" "$(build_folder clang)" "$(build_folder windows-lint)" \
   "${sources[@]}" <<'PYTHON'
-# Sorts the sources by the build that compiles them, whose options clang is told as it knows them.
+# Sorts the sources by the build that compiles them and gives clang that build's options in its own
+# form.
 import json, os, sys
 gcc_only = {"-fno-keep-inline-dllexport", "-Wno-stringop-overflow"}
 work, *builds = sys.argv[1:4]

@@ -4,8 +4,8 @@
 #
 # Usage: make-demo-db.sh FOLDER PIN
 #
-# A folder that holds a complete database already is left as it is; one that was begun and not
-# finished is made anew. The CA's certificate is also in FOLDER/ca.pem.
+# A complete database is left unchanged; an unfinished one is made anew. The CA's certificate is
+# also in FOLDER/ca.pem.
 set -euo pipefail
 
 usage() {

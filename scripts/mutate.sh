@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Breaks the product in one place after another, and shows whether the suite notices.
+# Breaks the product in one place after another and checks whether the suite notices.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"

@@ -52,7 +52,7 @@ EOF
 log=$WORK/package.log
 step "Making the package (version $(package_version))"
 cd "$source"
-# Debug information would be thrown away, and takes a quarter of the time.
+# Debug information would be discarded, and takes a quarter of the time.
 with_progress build_progress "$log" env ZELTA_COMMIT="$commit" NINJA_STATUS='[%p] ' \
   DEB_BUILD_OPTIONS="parallel=$(nproc) noautodbgsym" DEB_CXXFLAGS_STRIP=-g \
   dpkg-buildpackage --build=binary --no-sign || {

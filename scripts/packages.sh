@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2034
-# The Debian packages that each command needs. Configuring looks for what the tests are built with.
+# The Debian packages that each command needs. Configuring looks for the tests' libraries.
 
 BUILD_PACKAGES=(
   g++ cmake ninja-build pkg-config git
@@ -17,11 +17,11 @@ MODEL_PACKAGES=(
 TEST_PACKAGES=(
   debhelper lintian python3-pyscard python3-yaml shellcheck libbenchmark-dev procps zsh
   "${MODEL_PACKAGES[@]}"
-  # Programs whose way to the card is tested.
+  # Programs whose use of the card is tested.
   chromium curl firefox-esr gnupg-pkcs11-scd gnutls-bin gpg gpg-agent gpgsm libengine-pkcs11-openssl
   openssh-server scdaemon
 )
-# What the Debian package is made with.
+# Packages for making the Debian package.
 PACKAGE_PACKAGES=(
   "${BUILD_PACKAGES[@]}" debhelper dpkg-dev
 )

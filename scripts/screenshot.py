@@ -35,7 +35,7 @@ def run_up():
     process.wait()
     if LAST_LINE not in lines:
         raise SystemExit("up ended:\n" + "\n".join(lines))
-    return lines[:lines.index(LAST_LINE) + 1]  # what it says of its end is no part of the picture
+    return lines[:lines.index(LAST_LINE) + 1]  # the lines about its end are left out
 
 
 def style_of(line):

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Signing with the keys on a card through OpenSC, and verifying with openssl.
+# Signs with the keys on a card through OpenSC, and verifies with openssl.
 
 pkcs11_module() {
   local module

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Reader, state, agent, card and log file of a running reader.
+# Shows reader, state, agent, card and log file of a running reader.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"

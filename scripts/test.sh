@@ -70,7 +70,7 @@ need_packages "${packages[@]}"
 make_work
 chmod 0711 "$WORK" # for the clients that are other users
 log=$WORK/suite.log
-# The build of the next preset, which takes what a suite leaves of the processors: a suite mostly
+# The build of the next preset, which runs on processors that a suite leaves idle: a suite mostly
 # waits.
 early= # its process group
 # begin_early_build PRESET: a failure shows when the preset's turn comes.
@@ -78,15 +78,15 @@ begin_early_build() {
   local log=$WORK/early.log
   set_configure_options "$1"
   (configure "$1") >"$log" 2>&1 || return 0
-  # Without the terminal's signals, and only while nothing else wants to run.
+  # Started without the terminal's signals and with idle priority.
   setsid chrt --idle 0 cmake --build "$(build_folder "$1")" --parallel "$(nproc)" \
     ${targets[0]:+--target "${targets[@]}"} </dev/null >>"$log" 2>&1 &
   early=$!
 }
 end_early_build() {
-  # Its number may be another's by now.
+  # Its process id may have been reused.
   if [ -n "$early" ] && early_build_runs; then
-    # More than once: a shell that has just been forked may lose it.
+    # Sent more than once: a newly forked shell may lose the signal.
     while early_build_runs; do
       kill -TERM -- "-$early" "$early" 2>/dev/null || true
       sleep 0.1
@@ -97,7 +97,7 @@ end_early_build() {
 }
 early_build_runs() { jobs -rp | grep -qx "$early"; }
 
-lent= # the build folder that root is working in
+lent= # the build folder in which root works
 give_back() {
   [ -z "$lent" ] || run_as_root chown -R "$(id -u):$(id -g)" "$lent"
   lent=
@@ -105,7 +105,7 @@ give_back() {
 clean_up() {
   trap '' INT TERM
   end_early_build
-  # A run that is broken off leaves its Wine prefix to be removed here, before its folder goes.
+  # Removes the Wine prefix of an interrupted run before its folder is removed.
   [[ " ${presets[*]} " != *" windows "* ]] ||
     "$ZELTA_ROOT/tests/wine_prefix.sh" remove "$(build_folder windows)/wine-prefix" || true
   end_work
@@ -113,8 +113,8 @@ clean_up() {
 }
 trap clean_up EXIT
 
-# run_ctest PRESET: the suite, as root if it needs that. What a test that is broken off leaves goes
-# with the folder of temporary files.
+# run_ctest PRESET: runs the suite, as root if needed. Leftovers of an interrupted test are removed
+# with the temporary folder.
 run_ctest() {
   local arguments=(--preset "$1" --test-dir "$(build_folder "$1")" "${filter[@]}")
   cd "$ZELTA_ROOT"
@@ -125,7 +125,7 @@ run_ctest() {
   fi
 }
 
-# skipped_tests FOLDER: why, and how many for that reason, in a line each.
+# skipped_tests FOLDER: each reason and its number of tests, in a line.
 skipped_tests() {
   sed -n -e "s/.* \.\.\. skipped ['\"]\(.*\)['\"]\$/\1/p" -e '/: Skipped$/{n;p}' \
     "$1/Testing/Temporary/LastTest.log" | sort | uniq -c |
@@ -153,7 +153,7 @@ failed_tests() {
         /^Output:$/ { getline; inside = 1; count = shown = running = 0; next }
         /^<end of output>$/ {
           inside = 0
-          # Without a failure, or inside a test, the program itself has ended.
+          # If there is no failure, or a test did not end, the program itself has ended.
           if (!shown || running) show(count - shown > lines ? count - lines : shown, count)
         }
         !inside { next }

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Shows what goes on between the applications and the card of the running reader, else the system's.
+# Shows the traffic between the applications and the card of the running reader, else the system's.
 set -euo pipefail
 # shellcheck source=scripts/common.sh
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"

@@ -45,8 +45,8 @@ readonly LOGS=$ZELTA_RUN_DIR/data/Vornhalt/ZeltaAgent/logs
 own_run_pcscd=no
 made_run_pcscd=no
 
-# Ends a process that this script started and waits for it. A pcscd that is just about to wait for
-# signals can lose one, so it is told again.
+# Ends a process that this script started and waits for it. pcscd can lose a signal that arrives
+# just before it waits for signals, so it is sent again.
 end_process() {
   local pid=$1
   for _ in TERM TERM TERM TERM; do
@@ -64,11 +64,11 @@ clean_up() {
   end_work
   echo "going down" >"$ZELTA_RUN_DIR/stage"
   case "$code" in 0 | 130 | 143) ;; *) show_logs ;; esac
-  # The shell's own list: an interruption may come before a variable has a process's id. The last
-  # one first.
+  # Uses the shell's own list, last process first: an interruption may come before a variable has a
+  # process's id.
   for pid in $(jobs -p | tac); do end_process "$pid"; done
   rm -rf "$ZELTA_RUN_DIR"
-  # What a pcscd that had to be killed leaves would look like the system's to the next one.
+  # The next pcscd would take the files of a killed one for the system's.
   if [ "$own_run_pcscd" = yes ]; then rm -f /run/pcscd/pcscd.comm /run/pcscd/pcscd.pid; fi
   if [ "$made_run_pcscd" = yes ]; then rm -rf /run/pcscd; fi
   exit "$code"
@@ -83,7 +83,7 @@ show_logs() {
   done
 }
 
-# stage WHAT: a step of coming up, which `status` names.
+# stage WHAT: the current step, which `status` shows.
 stage() {
   step "$1"
   echo "still coming up ($1)" >"$ZELTA_RUN_DIR/stage"
@@ -100,8 +100,8 @@ prepare_run_dir() {
   fi
   mkdir -p "$ZELTA_RUN_DIR"
   chmod 0755 "$ZELTA_RUN_DIR"
-  # Locked for as long as anything of this runs: `down` waits for it. Another that comes up at the
-  # same moment has it first, and the folder.
+  # Locked while any of these processes runs: `down` waits for it. If another `up` started at the
+  # same moment has the lock, it also has the folder.
   exec {lock}>>"$ZELTA_RUN_DIR/up.pid"
   flock --nonblock "$lock" || die "another ./zelta up is coming up"
   trap clean_up EXIT
@@ -109,10 +109,10 @@ prepare_run_dir() {
   stage "Making the demo card"
   echo $$ >&"$lock"
   mkdir -p "$LOGS" "$ZELTA_RUN_DIR/reader.conf.d"
-  # A log is readable for its owner and its group: for whoever called sudo.
+  # A log is readable by its owner and by the group of the user who called sudo.
   chgrp "${SUDO_GID:-0}" "$LOGS"
   chmod 2750 "$LOGS"
-  # pcscd takes few characters in a path; the checkout's may have others.
+  # pcscd accepts few characters in a path; the checkout's path may have others.
   ln -s "$ZELTA_BUILD_DIR/lib" "$ZELTA_RUN_DIR/lib"
   printf '%s' "$PIN" >"$ZELTA_RUN_DIR/pin"
   chmod 0600 "$ZELTA_RUN_DIR/pin"
@@ -143,8 +143,8 @@ start_agent() {
   agent_pid=$!
 }
 
-# A pcscd of our own: in the system's place if that is free, else in a private mount namespace
-# with a socket of its own.
+# Starts a separate pcscd: in the system's place if that is free, else in a private mount namespace
+# with its own socket.
 start_pcscd() {
   local options=(--foreground --config "$ZELTA_RUN_DIR/reader.conf.d")
   if [ -S /run/pcscd/pcscd.comm ]; then
@@ -173,10 +173,10 @@ start_pcscd() {
   die "pcscd did not open its socket after $attempt attempts"
 }
 
-# Ends when a card is in; `opensc-tool --wait` would wait for the next one.
+# Returns when a card is in; `opensc-tool --wait` would wait for the next one.
 wait_for_card() {
   local attempt
-  # Without a command substitution: bash loses a Ctrl-C that comes during one.
+  # No command substitution: bash loses a Ctrl-C that comes during one.
   for ((attempt = 0; attempt < 150; ++attempt)); do
     opensc-tool --atr >"$ZELTA_RUN_DIR/wait.log" 2>&1 && return
     sleep 0.2

@@ -4,8 +4,8 @@
 #
 #   wine_prefix.sh make|remove LINK
 #
-# The environment has WINEPREFIX=LINK and Wine's other settings already where one is made. Its
-# server ends with the removal, or by itself some time after a run that was broken off.
+# When the folder is made, WINEPREFIX=LINK and Wine's other settings are already set. Its server
+# ends with the removal, or by itself some time after an interrupted run.
 set -eu
 action=$1
 link=$2
@@ -14,7 +14,7 @@ remove() {
   [ -L "$link" ] || return 0
   folder=$(readlink "$link")
   if [ -d "$folder" ]; then
-    # No server may outlive its folder; where none runs any more this fails.
+    # The server must not outlive its folder. This command fails if no server is running.
     WINEPREFIX=$folder wineserver -k || true
     WINEPREFIX=$folder wineserver -w
     rm -rf "$folder"

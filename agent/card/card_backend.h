@@ -3,11 +3,12 @@
 // A back end is made, started, used and stopped by its owner. Between `start` and `stop` it tells
 // its listener of each insertion and removal, in turns, beginning with an insertion if a card is in
 // at the start. `reset`, `atr` and `transmit` come one at a time, each on any thread and after
-// the one before has returned, and may block for as long as the card takes; the other methods come
-// from any thread, also meanwhile, and return within a moment.
+// the one before has returned, and may block for as long as the card takes. The other methods may
+// be called from any thread at any time and return within a moment.
 //
-// Order: a card answers from its announcement on, and a removal is announced before a call returns
-// empty because of it. The listener returns within a moment and calls nothing of the back end.
+// Order: a card answers by the time it is announced, and a removal is announced before a call
+// returns empty because of it. The listener returns within a moment and calls nothing of the back
+// end.
 #pragma once
 
 #include <string>
@@ -21,7 +22,7 @@ class CardListener {
   virtual void cardInserted() = 0;
   virtual void cardRemoved() = 0;
   // A thread of the back end has ended by an exception with this text, which is valid during the
-  // call only. Comes at any time, and must not throw.
+  // call only. May be called at any time; must not throw.
   virtual void cardFailed(const char* problem) = 0;
 
  protected:
@@ -50,7 +51,7 @@ class CardBackend {
   // The card's response to a command APDU of any length and content; empty if no card is in or
   // it does not answer.
   virtual Bytes transmit(const Bytes& command) = 0;
-  // The driver has chosen a protocol and uses the card from now on.
+  // The driver has chosen a protocol and starts to use the card.
   virtual void ready() = 0;
 
   // Put the card in and pull it. They return when that is done. The text says why it could not be

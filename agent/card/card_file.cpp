@@ -11,7 +11,7 @@ namespace zelta::agent {
 
 namespace {
 
-// Shortages, which may be over at the next attempt.
+// Shortages are temporary: another attempt may succeed.
 bool isShortage(const std::error_code& reason) {
   return reason == std::errc::not_enough_memory || reason == std::errc::too_many_files_open ||
          reason == std::errc::too_many_files_open_in_system;

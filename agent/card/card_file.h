@@ -1,4 +1,4 @@
-// Files that a card is made of.
+// Opens the files that a card is made from.
 #pragma once
 
 #include <fstream>

@@ -1,5 +1,5 @@
-// The card's place: knows whether a card is in, tells an observer of its arrival and departure, and
-// passes commands on to the back end.
+// Knows whether a card is in, tells an observer of its arrival and departure, and passes commands
+// on to the back end.
 //
 // Lives as long as its owner, over any number of connections. `perform` comes one call at a time;
 // everything else from any thread. The observer is called with the slot's lock held, on whatever
@@ -37,15 +37,14 @@ class CardSlot final : private CardListener {
 
   struct Status {
     CardId card = kNoCard;
-    Bytes atr;                     // as last seen of the card that is in; may be empty
-    std::uint64_t apdus = 0;       // that the card has been given
-    std::uint64_t unanswered = 0;  // commands that it left without an answer
+    Bytes atr;                     // the last one seen of the current card; may be empty
+    std::uint64_t apdus = 0;       // sent to the card
+    std::uint64_t unanswered = 0;  // commands that the card left unanswered
   };
 
   // `backend` outlives the slot and is started and stopped by it. `onDeparture` is called after the
-  // observer, without a lock held; may be empty. `onFailure` learns of a thread of the back end
-  // that has ended by an exception. `trace`, which is told of everything, may be null; it outlives
-  // the slot.
+  // observer, without a lock held; may be empty. `onFailure` is called if a thread of the back end
+  // ends by an exception. `trace`, which is told of everything, may be null; it outlives the slot.
   CardSlot(CardBackend& backend, std::function<void()> onDeparture, OnFailure onFailure,
            TraceSink* trace = nullptr);
   // Stops first if that has not been done.
@@ -57,11 +56,11 @@ class CardSlot final : private CardListener {
   void start();
   // Makes the call that is in the card, and every later one, return as soon as the card allows.
   void interrupt();
-  // Stops the back end. Comes when no call is in the card; nobody is told anything afterwards.
+  // Stops the back end. Call when no call is in the card; nobody is told anything afterwards.
   void stop();
 
-  // From now on `observer` (not owned, null for none) is told. The previous one is told nothing any
-  // more when this returns.
+  // Replaces the observer (not owned; null for none). On return the previous one is no longer
+  // called.
   void observe(Observer* observer);
 
   // Lets an observer observe for a scope.
@@ -80,7 +79,7 @@ class CardSlot final : private CardListener {
   CardId card() const;
   // What `card` answers, however long that takes; kNoAnswer if it has left meanwhile.
   Outcome perform(const Command& command, CardId card);
-  // Tells the back end that the driver uses the card from now on.
+  // Tells the back end that the driver starts to use the card.
   void ready();
 
   std::string insert();
@@ -93,7 +92,7 @@ class CardSlot final : private CardListener {
   void cardFailed(const char* problem) override { onFailure_(problem); }
 
   Bytes call(const Command& command);
-  // The same, counted and told.
+  // Calls the card, counts the call and tells the trace.
   platform::SecretBytes callTraced(const Command& command);
   void tell(TraceRecord::Kind kind);
 
@@ -101,7 +100,7 @@ class CardSlot final : private CardListener {
   const std::function<void()> onDeparture_;
   const OnFailure onFailure_;
   TraceSink* const trace_;  // not owned; may be null
-  SecretMask secrets_;      // the caller's of `perform`
+  SecretMask secrets_;      // for the caller of `perform` only
   std::atomic<std::uint64_t> apdus_{0};
   std::atomic<std::uint64_t> unanswered_{0};
   mutable platform::Mutex mutex_;

@@ -20,7 +20,7 @@ namespace {
 constexpr int kLongestAtr = 64;
 constexpr std::size_t kInstructionAt = 1;
 constexpr std::uint8_t kVerify = 0x20;
-// A response with an extended length's worth of data and the status word.
+// The data of an extended length and the status word.
 constexpr int kLongestResponse = 65536 + 2;
 
 struct EventEnd {

@@ -49,14 +49,14 @@ class EmulatedCard final : public CardBackend {
   Settings settings_;
   CardListener* listener_ = nullptr;  // non-owning; from start to stop
 
-  platform::Mutex acting_;  // around each insertion and removal with its notice
+  platform::Mutex acting_;  // held around each insertion or removal and its notice
   bool in_ ZELTA_GUARDED_BY(acting_) = false;
-  // Around the card's calls; not taken by insertion and removal, so that a card can be pulled while
-  // it works.
+  // Held around the card's calls; not taken by insertion and removal, so that a card can be pulled
+  // while it works.
   platform::Mutex card_;
   // Taken away with `acting_` held, when no call is in the card.
   std::unique_ptr<Reader> reader_;
-  // The ATR since the card was powered, and the insertion that this was in.
+  // The ATR since the card was powered, and the number of that insertion.
   Bytes atr_ ZELTA_GUARDED_BY(card_);
   std::uint64_t poweredIn_ ZELTA_GUARDED_BY(card_) = 0;
   std::atomic<std::uint64_t> insertions_{0};

@@ -1,4 +1,4 @@
-// Checks the NSS certificate database of an emulated card before the card is made of it.
+// Checks the NSS certificate database of an emulated card before the card is made from it.
 #pragma once
 
 #include <optional>

@@ -20,9 +20,9 @@ constexpr char kReaderChanges[] = "\\\\?PnP?\\Notification";
 constexpr std::size_t kLongestAtr = 36;
 // An extended APDU with the most data.
 constexpr std::size_t kLongestResponse = 65548;
-// How often the service is looked for when it has gone.
+// Interval at which a service that has gone is looked for.
 constexpr std::chrono::seconds kServiceRetry{1};
-// A reader that is not there is looked for again after this many milliseconds at the latest.
+// A missing reader is looked for again after this many milliseconds at the latest.
 constexpr DWORD kReaderRetry = 1000;
 constexpr std::chrono::milliseconds kCancelAgain{50};
 constexpr unsigned kEventCountShift = 16;
@@ -218,7 +218,7 @@ void PcscCard::takeState(DWORD state) {
   const bool wasIn = (lastState_ & SCARD_STATE_PRESENT) != 0;
   const bool counted = state >> kEventCountShift != lastState_ >> kEventCountShift;
   lastState_ = state;
-  // Another count with a card before and after: it was changed in between.
+  // A different count with a card before and after: the card was changed in between.
   if (isIn && wasIn && counted) setPresent(false);
   // Without a change since, a card that was found gone meanwhile stays gone.
   if (isIn != wasIn || counted) setPresent(isIn);
@@ -258,7 +258,7 @@ void PcscCard::follow(SCARDCONTEXT context) {
     if (missing && !wasMissing) log_.warning(missing_);
     if (missing) {
       // Not there (yet): only its coming can be waited for. The state that says so is not handed
-      // back, because it would have the reader ignored from then on.
+      // back, because the reader would then be ignored.
       takeState(SCARD_STATE_UNKNOWN);
       states[1].dwCurrentState = SCARD_STATE_UNAWARE;
       result = waitForChange(context, states.data(), 1, kReaderRetry);

@@ -35,8 +35,8 @@ class PcscCard final : public CardBackend {
   void interrupt() override;
 
  private:
-  // Used by `reset`, `atr` and `transmit`, which come one at a time, and by `stop` after them.
-  // Whether there is a handle on the card now.
+  // True if there is a handle on the card now. Used by `reset`, `atr` and `transmit`, which come
+  // one at a time, and by `stop` after them.
   [[nodiscard]] bool connect();
   Bytes readAtr();
   struct Response {
@@ -61,7 +61,7 @@ class PcscCard final : public CardBackend {
   void setPresent(bool present);
 
   const ReaderName reader_;
-  const std::string missing_;  // what is logged if there is no such reader
+  const std::string missing_;  // log line if there is no such reader
   Log& log_;
   CardListener* listener_ = nullptr;  // non-owning; from start to stop
 
@@ -73,7 +73,7 @@ class PcscCard final : public CardBackend {
   DWORD protocol_ = 0;
   Bytes received_;  // room for the longest response
 
-  platform::Mutex mutex_;  // also around the listener's calls, so that they stay in turns
+  platform::Mutex mutex_;  // also held around the listener's calls, so that they alternate
   platform::ConditionVariable changed_;
   bool present_ ZELTA_GUARDED_BY(mutex_) = false;
   bool ending_ ZELTA_GUARDED_BY(mutex_) = false;

@@ -44,7 +44,7 @@ struct Script {
   struct Reply {
     CommandPattern pattern;
     std::vector<ScriptResponse> responses;  // in turns, from the first again; at least one
-    std::size_t given = 0;                  // how many times one of them has been
+    std::size_t given = 0;                  // number of responses given so far
   };
   struct Timed {
     std::chrono::milliseconds at;  // after the start

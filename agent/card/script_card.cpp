@@ -113,7 +113,7 @@ std::string ScriptCard::act(CardAction action) {
     const platform::MutexLock lock(mutex_);
     if (in_ == wanted) return wanted ? "a card is in already" : "no card is in";
   }
-  // A card answers from its announcement on, and is announced to be gone before it stops.
+  // The card answers by the time it is announced. Its removal is announced before it stops.
   if (!wanted) listener_->cardRemoved();
   {
     const platform::MutexLock lock(mutex_);

@@ -16,8 +16,7 @@
 
 namespace zelta::agent {
 
-// Timed insertions and removals run on a separate thread. A removal ends the command that the card
-// is busy with.
+// Timed insertions and removals run on a separate thread. A removal ends the command in progress.
 class ScriptCard final : public CardBackend {
  public:
   // `cardIn` is whether the card is in at the start, whatever the script says.
@@ -48,11 +47,11 @@ class ScriptCard final : public CardBackend {
   Script script_;
   CardListener* listener_ = nullptr;  // non-owning; from start to stop
 
-  // Around each insertion and removal with its notice.
+  // Held around each insertion or removal and its notice.
   platform::Mutex acting_ ZELTA_ACQUIRED_BEFORE(mutex_);
   platform::Mutex mutex_;
   platform::ConditionVariable changed_;  // what is due
-  platform::ConditionVariable removed_;  // for a response that is delayed
+  platform::ConditionVariable removed_;  // wakes a delayed response
   bool in_ ZELTA_GUARDED_BY(mutex_);
   std::uint64_t removals_ ZELTA_GUARDED_BY(mutex_) = 0;
   bool interrupted_ ZELTA_GUARDED_BY(mutex_) = false;

@@ -1,5 +1,5 @@
-// What the control socket's two ends say: what the agent answers, what `zelta-agent ctl` asks, and
-// how it shows the answer.
+// The messages on the control socket: what `zelta-agent ctl` asks, what the agent answers, and how
+// the answer is shown.
 #pragma once
 
 #include <string>
@@ -13,7 +13,7 @@ namespace zelta::agent {
 // `line` is what a client sent, without its line break.
 std::string answerControl(Service& service, const std::string& line);
 
-// The line that asks for what the options want.
+// The request line for these options.
 std::string controlLine(const Options& options);
 
 struct ControlResult {

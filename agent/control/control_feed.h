@@ -1,4 +1,4 @@
-// What one client of the control socket is told for as long as it stays.
+// The output for one client of the control socket until the client leaves.
 #pragma once
 
 #include <functional>
@@ -9,7 +9,7 @@ namespace zelta::agent {
 
 class ControlFeed {
  public:
-  virtual ~ControlFeed() = default;  // ends the calls of `wake`
+  virtual ~ControlFeed() = default;  // `wake` is not called afterwards
 
   // What has come since the last call; empty if nothing has. One thread at a time.
   virtual std::string take() = 0;

@@ -29,10 +29,10 @@ class ControlServer {
 };
 
 // Makes missing folders and replaces a socket that a dead agent left. Throws std::runtime_error
-// with a message for people, for example if a live agent has the path. `onFailure` learns of it if
-// the server's thread ends by an exception, for example by one of the handler.
+// with a message for people, for example if a live agent has the path. `onFailure` is called if the
+// server's thread ends by an exception, for example one from the handler.
 //
-// With `link`, leaves a symbolic link to the socket there, in the place of another agent's. An
+// If `link` is given, makes a symbolic link to the socket there and replaces another agent's. An
 // agent that may not write there goes without.
 //
 // `openFeed` makes the feeds of traces; without it there are none.
@@ -43,7 +43,7 @@ std::unique_ptr<ControlServer> openControlServer(const std::string& path,
                                                  OnFailure onFailure, const std::string& link = {},
                                                  OpenFeed openFeed = {});
 
-// As many clients are fed at a time.
+// The most clients that are fed at a time.
 inline constexpr std::size_t kMostFeeds = 4;
 
 // No agent listens; the message says at which paths.

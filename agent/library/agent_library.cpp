@@ -1,4 +1,4 @@
-// The agent behind its public header.
+// Implements the agent's public header.
 #include <zelta/agent.h>
 
 #include <atomic>
@@ -47,7 +47,7 @@ class Card::Slot final : public agent::CardBackend {
   bool put(bool in) {
     const platform::MutexLock lock(acting_);
     if (isIn_ == in) return false;
-    // A card answers from its announcement on, and is announced to be gone before it stops.
+    // The card answers by the time it is announced. Its removal is announced before it stops.
     if (!in && listener_ != nullptr) listener_->cardRemoved();
     isIn_ = in;
     if (in && listener_ != nullptr) listener_->cardInserted();
@@ -70,7 +70,7 @@ class Card::Slot final : public agent::CardBackend {
   Card& card_;
   std::atomic<bool> isIn_;
 
-  platform::Mutex acting_;  // around each insertion and removal with its notice
+  platform::Mutex acting_;  // held around each insertion or removal and its notice
   agent::CardListener* listener_ ZELTA_GUARDED_BY(acting_) = nullptr;  // not owned
 
   platform::Mutex serving_;

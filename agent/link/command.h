@@ -14,7 +14,7 @@ struct Command {
 
   Kind kind = Kind::kAtr;
   platform::SecretBytes apdu;  // of kTransmit
-  // When something else is answered if the card is not done, and when the driver gives up.
+  // When the agent answers for a card that is not done, and when the driver gives up.
   SteadyClock::time_point cardLimit;
   SteadyClock::time_point driverLimit;
 };
@@ -22,7 +22,7 @@ struct Command {
 struct Outcome {
   enum class Result {
     kAnswered,  // `data` is not empty
-    kNoAnswer,  // none in, pulled meanwhile, or mute
+    kNoAnswer,  // no card, pulled meanwhile, or mute
     kLate,      // not done in time
   };
 
@@ -31,7 +31,7 @@ struct Outcome {
   CardId card = kNoCard;  // the one that answered
 };
 
-// One thread at a time uses it, not always the same one.
+// Used by one thread at a time, not always the same one.
 class CommandStream {
  public:
   // Blocks until the next command for the card is there. None at the end of the stream.

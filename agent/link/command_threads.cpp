@@ -69,7 +69,7 @@ void CommandThreads::run(Member& self) {
     failed = false;
   });
   if (!failed) return;
-  // Whoever serves must not wait for this thread, and one thread alone serves nobody well.
+  // `serve` must not wait for this thread, and one thread alone cannot serve.
   const platform::MutexLock lock(mutex_);
   ending_ = true;
   follow_.notifyAll();
@@ -94,7 +94,7 @@ std::optional<CommandThreads::Duty> CommandThreads::findDuty(Member& self) {
     const bool departed = slot_.card() != call_->card;
     if (!departed && SteadyClock::now() < call_->command->cardLimit) return std::nullopt;
     outcome = Outcome{departed ? Outcome::Result::kNoAnswer : Outcome::Result::kLate};
-    // The leader leaves its command as it is while it is in the card.
+    // The leader does not change its command while its call is in the card.
     self.command = *call_->command;
     call_.reset();
   }

@@ -2,11 +2,11 @@
 //
 // The leader reads a command, takes it into the card and answers it, without another thread's help.
 // The follower sleeps until the leader's command is overdue, or its card has left. Then it answers
-// in the leader's place and leads from there on; the old leader throws the card's result away when
-// it comes, and follows. So a card that hangs holds up neither the answer nor the connection, and
-// the next command waits for it within its own time.
+// in the leader's place and becomes the leader; the old leader discards the card's late result and
+// follows. So a card that hangs holds up neither the answer nor the connection, and the next
+// command waits for it within its own time.
 //
-// A command costs no hand-over and no system call here: its time limit is only noted. The follower
+// A command needs no hand-over and no system call: its time limit is only noted. The follower
 // checks again when the next command could be overdue at the earliest. It is woken only for a
 // command that is overdue earlier.
 //
@@ -29,9 +29,9 @@ namespace zelta::agent {
 
 class CommandThreads {
  public:
-  // `slot` outlives the threads. `longest` is how far away a command's `cardLimit` usually is when
-  // it is read. `onFailure` learns of a thread that has ended by an exception; nothing more is
-  // served then.
+  // `slot` outlives the threads. `longest` is the usual time from reading a command to its
+  // `cardLimit`. `onFailure` is called if a thread ends by an exception; nothing more is served
+  // then.
   CommandThreads(CardSlot& slot, std::chrono::milliseconds longest, OnFailure onFailure);
   // Stops first if that has not been done.
   ~CommandThreads();
@@ -47,11 +47,10 @@ class CommandThreads {
   // Serves the commands of `stream` until its end or `abandon`. The stream is not used any more
   // when this returns. One call at a time.
   void serve(CommandStream& stream);
-  // Ends `serve` of this stream at the latest when the stream ends by itself; a command that is in
-  // the card, or waits for it, is left to itself. Any thread.
+  // Ends `serve` of this stream at the latest when the stream ends by itself, without waiting for a
+  // command that is in the card or waits for it. Any thread.
   void abandon(const CommandStream& stream);
-  // The card that was in has left, and the slot knows. Any thread that does not hold the slot's
-  // lock.
+  // Call after the card has left and the slot knows. Any thread that does not hold the slot's lock.
   void cardDeparted();
 
  private:
@@ -59,7 +58,7 @@ class CommandThreads {
   struct Member {
     std::thread thread;
     Command command;
-    std::uint64_t term = 0;  // in which it led last; its own thread's
+    std::uint64_t term = 0;  // in which it led last; for its own thread only
   };
   // What the leader is asking the card.
   struct Call {
@@ -73,17 +72,17 @@ class CommandThreads {
   };
 
   void run(Member& self);
-  // Blocks until there is something to lead; none at the end.
+  // Blocks until there is a duty. Returns none on stop.
   std::optional<Duty> follow(Member& self);
   std::optional<Duty> findDuty(Member& self) ZELTA_REQUIRES(mutex_);
   void sleep(platform::MutexLock& lock) ZELTA_REQUIRES(mutex_);
   void lead(Member& self, const Duty& duty);
-  // None: this thread leads no longer and must not touch the stream.
+  // Returns none if this thread no longer leads; it must not touch the stream then.
   std::optional<Outcome> ask(const Member& self);
   // Notes the call; wakes the follower only if it would look too late.
   void noteCall(const Call& call) ZELTA_REQUIRES(mutex_);
-  // Waits until no call is in the card. Whether the card may be called: not if this thread leads no
-  // longer, the card has left or the command's time is over.
+  // Waits until no call is in the card. False, and the card must not be called, if this thread no
+  // longer leads, the card has left or the command's time is over.
   [[nodiscard]] bool waitForCard(platform::MutexLock& lock, const Member& self, CardId card)
       ZELTA_REQUIRES(mutex_);
   // No thread leads, and the stream is not used any more.

@@ -61,7 +61,7 @@ std::unique_ptr<PipeConnection> Connector::openMissing(std::unique_ptr<PipeConne
   if (held != nullptr) return held;
   OpenedPipe opened = port_.open(name);
   if (opened.result == OpenResult::kOpened) return std::move(opened.connection);
-  // A pipe that is there and does not open says more than one that is not there, and needs the
+  // A pipe that exists but does not open says more than one that does not exist, and needs the
   // timer.
   const bool saysMore =
       opened.result != OpenResult::kAbsent && failure_.result == OpenResult::kAbsent;

@@ -1,4 +1,4 @@
-// Gets both of the driver's pipes opened, for as long as that takes.
+// Opens both of the driver's pipes, however long that takes.
 //
 // The connector waits for the system's notice that something about the pipes has changed. The
 // system does not report when a pipe that refuses would accept again, so it is tried again after
@@ -53,8 +53,8 @@ class Connector {
   // Attempts to open both pipes. If that fails, waits until another attempt makes sense and returns
   // an empty pair.
   PipePair attempt();
-  // Takes note of a connection's end: one that the driver never accepted must not be followed by
-  // the next at once.
+  // Notes a connection's end: after one that the driver never accepted, the next must not follow at
+  // once.
   void connectionEnded(bool wasAlive);
 
  private:

@@ -19,7 +19,7 @@ const Bytes& noPreciseDiagnosis() {
   return bytes.get();
 }
 
-// What is answered in time if the card is late.
+// The answer that is given in time if the card is late.
 const Bytes& lateAnswer(Command::Kind kind) {
   static platform::NeverDestroyed<Bytes> none;
   return kind == Command::Kind::kTransmit ? noPreciseDiagnosis() : none.get();
@@ -123,7 +123,7 @@ std::optional<std::uint32_t> DriverConnection::beginCommand(Command& command) {
 void DriverConnection::passReady() {
   log_.debug("Card ready");
   slot_.ready();
-  reporter_.beginAnswer(kNoCard);  // there is none; the command is dealt with
+  reporter_.beginAnswer(kNoCard);  // no card; the command is dealt with
   reporter_.endAnswer();
 }
 
@@ -196,7 +196,7 @@ bool DriverConnection::answerOtherwise(const Command& command, const Bytes& byte
 }
 
 bool DriverConnection::write(const Command& command, const Bytes& bytes) {
-  // The driver would take it for its next command's.
+  // A late answer would be read as the answer to the next command.
   if (SteadyClock::now() >= command.driverLimit) {
     log_.error("The answer comes too late for the driver; dropping the connection");
     return false;

@@ -1,9 +1,9 @@
 // Serves the driver on one connected pair of pipes until it is lost.
 //
 // Each command is answered before the next is read, within the time that the driver waits. The
-// stream cannot be resynchronised. The connection therefore ends with a command that is not
-// understood or stops half-way, with a length that no APDU has, and with an answer that the driver
-// has given up or not taken in time.
+// stream cannot be resynchronised. The connection therefore ends if a command is not understood or
+// stops half-way, if a length is not an APDU's, or if the driver has given an answer up or not
+// taken it in time.
 #pragma once
 
 #include <atomic>
@@ -30,18 +30,18 @@ class DriverConnection final : private CommandStream {
  public:
   struct Settings {
     EventReporter::Settings events;
-    // From a command's first bytes on: how long the card may take to answer, and when the driver
-    // gives up.
+    // Counted from a command's first bytes: the card's time to answer, and when the driver gives
+    // up.
     std::chrono::milliseconds answerLimit;
     std::chrono::milliseconds driverLimit;
-    // Called when a command is answered in the place of a card that is late; may be empty.
+    // Called when the agent answers a command for a card that is late; may be empty.
     std::function<void(const Command&)> onLate{};
   };
 
-  // Everything passed by reference outlives the connection. `onAlive` is called once, on a thread
+  // Arguments passed by reference must outlive this object. `onAlive` is called once, on a thread
   // of the connection's or of `threads`, when the driver is known to have accepted it: it has sent
-  // a command or taken the session id. `onFailure` learns of a thread of the connection's that has
-  // ended by an exception.
+  // a command or taken the session id. `onFailure` is called if a thread of the connection ends by
+  // an exception.
   DriverConnection(PipeConnection& commands, PipeConnection& events, CardSlot& slot,
                    CommandThreads& threads, const Settings& settings, std::function<void()> onAlive,
                    OnFailure onFailure, Log& log);
@@ -60,7 +60,7 @@ class DriverConnection final : private CommandStream {
   std::optional<Command> read() override;
   bool answer(const Command& command, const Outcome& outcome) override;
 
-  // Each is none or false if the connection is to end.
+  // These return none or false if the connection must end.
   std::optional<std::uint32_t> readNumber(SteadyClock::time_point deadline);
   std::optional<platform::SecretBytes> readApdu(SteadyClock::time_point deadline);
   // A command's code; `command` gets its time limits.
@@ -73,7 +73,7 @@ class DriverConnection final : private CommandStream {
   // Logs why the connection ends; `timedOut` is the text for that.
   [[nodiscard]] bool check(IoResult result, const char* timedOut);
 
-  // What the log calls the command.
+  // The command's name in the log.
   std::string describe(const Command& command) const;
   void seenAlive();
 

@@ -44,7 +44,7 @@ void EventReporter::start() {
 
 void EventReporter::commandBegan() {
   const platform::MutexLock lock(mutex_);
-  rule_.commandBegan();  // the writer finds out when the time of grace ends
+  rule_.commandBegan();  // the writer finds out when the grace period ends
 }
 
 bool EventReporter::beginAnswer(CardId atrOf) {
@@ -183,8 +183,8 @@ std::optional<EventReporter::Event> EventReporter::awaitEvent() {
 }
 
 // A driver that has left so much unread is handling an earlier event, and may need an answer to its
-// command for that. So nobody waits for the events then. A post of one number that has timed out
-// has handed nothing over and may be repeated.
+// command for that. So nobody waits for the events then. A timed-out post of one number has written
+// nothing and may be repeated.
 IoResult EventReporter::postEvent(ReportRule::Report report) {
   const std::uint32_t event = codeOf(report);
   const auto now = SteadyClock::now();

@@ -1,14 +1,14 @@
 // Writes one connection's event pipe: the session log id first, then what the report rule decides.
 //
-// It has two threads. One hands over the session id and waits until the driver has taken it, which
-// the driver does once it listens for events. The time of grace counts from then; from then on the
-// thread watches for the pipe's end. An event is handed over on the thread that decides it if the
-// pipe takes it at once, since a wake-up is a tenth of the time until a client sees a card go. The
-// other thread hands over the rest, in the order in which they were decided, without waiting for
-// the driver to read them, and logs all. Both end when the pipe is closed or cancelled. A pipe that
-// is full of events that the driver does not read is cancelled when its time is up. A card that
-// comes and goes before its arrival was handed over and before the driver has its ATR is not
-// reported at all: cards that change quicker than the driver reads of them leave no backlog.
+// It has two threads; both end when the pipe is closed or cancelled. The watcher writes the session
+// id and waits until the driver has taken it, which the driver does once it listens for events. The
+// grace period begins then, and the thread watches for the pipe's end.
+// An event is written on the thread that decides it if the pipe takes it at once, since a wake-up
+// is a tenth of the time until a client sees a card go. The other thread, the writer, writes the
+// rest in the order of decision, without waiting for the driver to read them, and logs all. A pipe
+// that stays full of unread events is cancelled when its time is up.
+// A card that comes and goes before its arrival is written and before the driver has its ATR is not
+// reported at all: cards that change faster than the driver reads leave no backlog.
 //
 // `commandBegan`, `beginAnswer`, `endAnswer` and `waitWritten` come from one thread at a time, for
 // each command; they wake the writer only if there is an event. As the slot's observer it is
@@ -35,8 +35,8 @@ class EventReporter final : public CardSlot::Observer {
  public:
   struct Settings {
     std::string sessionId;
-    std::chrono::milliseconds grace;  // without a command, before a card is reported after all
-    std::chrono::milliseconds limit;  // how long a full pipe is waited for
+    std::chrono::milliseconds grace;  // delay before a card is reported without a command
+    std::chrono::milliseconds limit;  // longest wait for a full pipe
   };
 
   // `pipe` and `log` outlive the reporter. `onLost` is called once, from one of its threads, when
@@ -54,8 +54,8 @@ class EventReporter final : public CardSlot::Observer {
   void start();
 
   void commandBegan();
-  // The command is to be answered with the ATR of `atrOf`, or otherwise (`kNoCard`). False if that
-  // card is not in any more: nothing has begun, and the command must be answered otherwise.
+  // Call before a command is answered with the ATR of `atrOf`, or otherwise (`kNoCard`). False if
+  // that card is not in any more: nothing has begun, and the command must be answered otherwise.
   bool beginAnswer(CardId atrOf);
   void endAnswer();
   // Waits until everything decided so far is handed over, the pipe has ended or takes no more for
@@ -85,7 +85,7 @@ class EventReporter final : public CardSlot::Observer {
   // Waits for the next event. None: the pipe has ended.
   std::optional<Event> awaitEvent();
   IoResult postEvent(ReportRule::Report report);
-  // Hands over the first event. False if the pipe has ended.
+  // Writes the first event. False if the pipe has ended.
   [[nodiscard]] bool writeFirst(ReportRule::Report report);
   void setFull(bool full);
   IoResult postNumber(std::uint32_t number, std::optional<SteadyClock::time_point> deadline);
@@ -104,7 +104,7 @@ class EventReporter final : public CardSlot::Observer {
   // Decided and not logged; those that are not posted come last.
   std::deque<Event> events_ ZELTA_GUARDED_BY(mutex_);
   bool writing_ ZELTA_GUARDED_BY(mutex_) = false;  // the first is being handed over
-  bool full_ ZELTA_GUARDED_BY(mutex_) = false;     // the pipe, of what the driver has not read
+  bool full_ ZELTA_GUARDED_BY(mutex_) = false;     // the pipe, with unread events
   bool answering_ ZELTA_GUARDED_BY(mutex_) = false;
   bool atrGiven_ ZELTA_GUARDED_BY(mutex_) = false;  // of the card that is in, to the driver
   bool sessionSent_ ZELTA_GUARDED_BY(mutex_) = false;

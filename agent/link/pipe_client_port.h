@@ -22,21 +22,20 @@ enum class IoResult {
   kClosed,     // the driver's end is gone
   kCancelled,  // by `cancel`
   kTimedOut,
-  kGivenUp,  // the driver does not wait for its answer any more
+  kGivenUp,  // the driver no longer waits for its answer
 };
 
-// One connected client end of either pipe. `cancel` may come from any thread, whatever else runs.
-// Destroyed when nothing of it is running.
+// One connected client end of either pipe. `cancel` may be called from any thread at any time. Must
+// not be destroyed during a call.
 class PipeConnection {
  public:
   virtual ~PipeConnection() = default;
 
-  // On the command pipe, one call at a time: a command is awaited, read field by field until it is
-  // whole, and answered before the next is awaited.
+  // On the command pipe, one call at a time: await a command, read all its fields, and answer it
+  // before the next is awaited.
   //
-  // A driver that follows the stream begins a command only after it has read the previous answer. A
-  // driver that begins one earlier has given that answer up, and would take what is left of it for
-  // the next one. This is kGivenUp: the connection must be dropped at once.
+  // A driver that sends a command before it has read the previous answer has given that answer up
+  // (kGivenUp). Drop the connection at once, or it would read the old answer as the new one.
 
   // Blocks until a command begins. kGivenUp if the last answer has not been read whole; no more
   // than a byte of the command has been read then.
@@ -54,21 +53,20 @@ class PipeConnection {
   // On the event pipe; a read, a flush and a post of either kind may run at the same time on three
   // threads.
 
-  // Hands over `size` bytes as one write and never waits for the driver to read them: on return
-  // they are in the pipe, after what was posted before. Blocks only while the pipe holds so much
-  // unread that it takes no more, at most until `deadline` if there is one. Up to 4 bytes are
-  // handed over whole or, after kTimedOut, not at all, so that they may be posted again. Of more
-  // bytes an unknown part is handed over if the result is not kDone. What a thread has posted may
-  // be lost when the thread ends.
+  // Writes `size` bytes to the pipe at once, in the order of the calls, and does not wait for the
+  // driver to read them. Blocks only while the pipe is full, at most until `deadline` if there is
+  // one. Up to 4 bytes are written whole or, after kTimedOut, not at all, and may then be posted
+  // again. Of more bytes an unknown part has been written unless the result is kDone. Posted bytes
+  // may be lost when their thread ends.
   virtual IoResult post(const void* data, std::uint32_t size,
                         std::optional<SteadyClock::time_point> deadline) = 0;
-  // Hands over `size` bytes, at most 4, without blocking. False if the pipe does not take them now,
-  // or would lose them if this thread ended: nothing has been handed over then.
+  // Posts `size` bytes, at most 4, without blocking. False, and nothing written, if the pipe does
+  // not take them now or would lose them if this thread ended.
   [[nodiscard]] virtual bool tryPost(const void* data, std::uint32_t size) = 0;
   // Blocks until the driver has read everything posted.
   virtual IoResult flush() = 0;
 
-  // Releases what is blocked and makes every later operation return kCancelled.
+  // Makes every operation, current and later, return kCancelled.
   virtual void cancel() = 0;
 };
 
@@ -85,17 +83,17 @@ struct OpenedPipe {
   std::string detail;                          // for people: the place, and why not
 };
 
-// One thread uses it; only `cancel` may come from another.
+// For one thread, except `cancel`.
 class PipeClientPort {
  public:
   virtual ~PipeClientPort() = default;
 
-  // From now on notes what could make a failing `open` of these pipes succeed. Forgets what was
-  // noted before.
+  // Starts to note changes that could make a failing `open` of these pipes succeed. Forgets earlier
+  // ones.
   virtual void watch(const std::vector<std::string>& pipeNames) = 0;
   // Tries once, without blocking.
   virtual OpenedPipe open(const std::string& pipeName) = 0;
-  // Blocks until something has been noted since `watch`, until `limit` has passed if there
+  // Blocks until a change has been noted since `watch`, until `limit` has passed if there
   // is one, or until `cancel`.
   virtual void waitForChange(std::optional<std::chrono::milliseconds> limit) = 0;
   // Makes this and every later wait return at once.

@@ -38,7 +38,7 @@ class ReportRule {
   void commandBegan();
   // Whether `card` is the one that is in, so that a command may be answered with its ATR.
   bool holds(CardId card) const { return card != kNoCard && card == card_; }
-  // The command is answered from now on: with the ATR of the card that is in, or otherwise.
+  // Call when a command's answer begins: with the ATR of the current card, or otherwise.
   Report answeredWithAtr();
   Report answeredOtherwise();
 

@@ -40,7 +40,7 @@ void checkName(const std::string& name) {
 // Throws if there is a pipe of that name.
 void checkFree(const std::string& name) {
   constexpr DWORD kLeastWait = 1;
-  // A pipe whose ends are all taken is waited for.
+  // If all ends of the pipe are taken, wait for one.
   if (!WaitNamedPipeA(name.c_str(), kLeastWait) && GetLastError() != ERROR_SEM_TIMEOUT) return;
   throw std::runtime_error("another agent is running: it has the control path " + name);
 }
@@ -73,7 +73,7 @@ class ClientEnd {
   ClientEnd(platform::ScopedKernelHandle pipe, HANDLE stop)
       : pipe_(std::move(pipe)), stop_(stop), done_(makeEvent()) {}
 
-  // Waits for the client; false if there is to be none any more.
+  // Waits for the client; false after `stop`.
   bool connect() {
     const auto begin = [this](OVERLAPPED* operation) {
       return ConnectNamedPipe(pipe_.get(), operation) != FALSE;
@@ -82,8 +82,7 @@ class ClientEnd {
     return WaitForSingleObject(stop_, 0) != WAIT_OBJECT_0;
   }
 
-  // What comes until the end of the line; none if that does not come in time, or if the line is too
-  // long.
+  // One line; none if its end does not come in time, or if it is too long.
   std::optional<std::string> readLine() {
     const auto deadline = SteadyClock::now() + kAskLimit;
     std::string line;
@@ -108,7 +107,7 @@ class ClientEnd {
   }
 
  private:
-  // Begins an operation and waits for its end; whether it was done.
+  // Begins an operation and waits for its end; true if it succeeded.
   template <typename Begin>
   bool run(const Begin& begin, std::optional<SteadyClock::time_point> deadline) {
     OVERLAPPED operation{};
@@ -160,13 +159,13 @@ class PipeServer final : public ControlServer {
   const Handler handler_;
   const OnFailure onFailure_;
   const platform::ScopedKernelHandle stop_;  // stays signalled
-  platform::ScopedKernelHandle next_;        // the thread's
+  platform::ScopedKernelHandle next_;        // for the thread only
   std::thread thread_;
 };
 
-// An end of the pipe of that name, waited for while others have it; none if there is no such pipe.
+// An end of the pipe of that name; waits while others have it. None if there is no such pipe.
 platform::ScopedKernelHandle openPipe(const std::string& name, SteadyClock::time_point deadline) {
-  // The agent may learn who asks, and not act in their name.
+  // The agent may learn who asks, but not act in their name.
   constexpr DWORD kFlags = FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION;
   for (;;) {
     HANDLE pipe = CreateFileA(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,

@@ -47,8 +47,8 @@ constexpr std::chrono::seconds kAnswerLimit{10};
 
 bool isPassing(int error) { return error == EAGAIN || error == EINTR; }
 
-// What comes until the end of the line or of the stream; none if neither comes in time, or if the
-// line is too long.
+// One line, ended by a line break or the end of the stream; none if neither comes in time, or if
+// the line is too long.
 std::optional<std::string> readLine(const ScopedFd& client, const StopEvent& stop) {
   const auto deadline = SteadyClock::now() + kAskLimit;
   std::string line;
@@ -76,7 +76,7 @@ ScopedFd openFolderOf(const std::string& path) {
   return opened;
 }
 
-// A symbolic link to `target`, for this object's life; none if the link cannot be made.
+// A symbolic link to `target` while this object lives; none if the link cannot be made.
 class ScopedLink {
  public:
   ScopedLink(std::string path, const fs::path& target)
@@ -85,7 +85,8 @@ class ScopedLink {
     std::error_code failed;
     const std::string unready = path_ + "~";
     const fs::path folder = fs::path(path_).parent_path();
-    // The driver's pipes will be in there, whatever this process's umask keeps from others.
+    // The driver's pipes will be in this folder, so its rights must not depend on this process's
+    // umask.
     if (fs::create_directories(folder, failed)) fs::permissions(folder, kOpenFolder, failed);
     fs::remove(unready, failed);
     fs::create_symlink(target_, unready, failed);
@@ -95,7 +96,7 @@ class ScopedLink {
   ScopedLink(const ScopedLink&) = delete;
   ScopedLink& operator=(const ScopedLink&) = delete;
 
-  // If it is still this one's. May be repeated.
+  // Removes the link if it is still this object's. May be repeated.
   void remove() const {
     std::error_code failed;
     if (fs::read_symlink(path_, failed) == target_) fs::remove(path_, failed);
@@ -106,7 +107,7 @@ class ScopedLink {
   const fs::path target_;
 };
 
-// Whether the path is a file's that is seen to be no socket.
+// True if the path is known to be a file and not a socket.
 bool isOtherFile(const std::string& path) {
   std::error_code unseen;
   const auto status = fs::status(path, unseen);
@@ -155,7 +156,7 @@ class FedClient {
     return true;
   }
 
-  // Until there is something to take; false if there is nobody to give it to.
+  // Waits until there is something to send; false if the client has left or on `stop`.
   bool waitForMore() {
     std::array<pollfd, 3> waited = {
         {{wake_.get(), POLLIN, 0}, {client_.get(), POLLIN, 0}, {stop_.fd(), POLLIN, 0}}};
@@ -170,7 +171,7 @@ class FedClient {
   const ScopedFd client_;
   const StopEvent& stop_;
   const ScopedFd wake_;
-  std::unique_ptr<ControlFeed> feed_;  // the thread's
+  std::unique_ptr<ControlFeed> feed_;  // for the thread only
   std::atomic<bool> ended_{false};
   std::thread thread_;
 };
@@ -261,7 +262,7 @@ class SocketServer final : public ControlServer {
   }
 
   static void reply(const ScopedFd& client, const std::string& answer) {
-    // Far shorter than what a socket takes without a reader.
+    // Far shorter than a socket's buffer.
     const ssize_t sent = send(client.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
     static_cast<void>(sent);  // a client that is gone needs no answer
   }
@@ -275,7 +276,7 @@ class SocketServer final : public ControlServer {
   const ScopedFd listener_;
   const ScopedLink link_;
   std::atomic<bool> removed_{false};
-  std::vector<std::unique_ptr<FedClient>> fed_;  // the thread's
+  std::vector<std::unique_ptr<FedClient>> fed_;  // for the thread only
   std::thread thread_;
 };
 

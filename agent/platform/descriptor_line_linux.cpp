@@ -36,7 +36,7 @@ void makeNonBlocking(int fd) {
 
 class DescriptorLine final : public Line {
  public:
-  // Owns `input`, and `output` if that is another.
+  // Owns `input` and `output`, which may be the same.
   DescriptorLine(int input, int output)
       : input_(input),
         output_(output == input ? platform::kNoFd : output),
@@ -93,7 +93,7 @@ class DescriptorLine final : public Line {
     return IoResult::kDone;
   }
 
-  // A waking stays until it is seen: what it tells of is in `unsent_`, `lost_` and `cancelled_`.
+  // A wake-up stays until it is seen; its reason is in `unsent_`, `lost_` and `cancelled_`.
   void forgetWaking() {
     eventfd_t ignored = 0;
     eventfd_read(woken_.get(), &ignored);
@@ -104,8 +104,8 @@ class DescriptorLine final : public Line {
     flush();
   }
 
-  // Passes on what the system takes. What a reader that has gone has sent before can still be read,
-  // so its going alone does not lose the line.
+  // Passes on as much as the system takes. If the peer is gone, the bytes it sent before can still
+  // be read, so that alone does not lose the line.
   void flush() ZELTA_REQUIRES(mutex_) {
     std::size_t done = 0;
     while (done < unsent_.size()) {

@@ -10,13 +10,13 @@
 
 namespace zelta::agent {
 
-// Lets the event viewer find the form of the source's events in the program at `program`. Needs the
-// rights of an administrator. Throws std::runtime_error with a message for people.
+// Registers the source: the event viewer finds the form of its events in the program at `program`.
+// Needs the rights of an administrator. Throws std::runtime_error with a message for people.
 void registerEventSource(const std::string& source, const std::string& program);
-// Undoes that; does nothing if the source is not registered.
+// Unregisters the source; does nothing if it is not registered.
 void forgetEventSource(const std::string& source);
 
-// Errors, warnings and the rest are events of those types. Throws std::runtime_error.
+// Writes errors, warnings and information as events of those types. Throws std::runtime_error.
 Log::Sink eventLogSink(const std::string& source);
 
 }  // namespace zelta::agent

@@ -1,4 +1,4 @@
-// The PC/SC service's functions, and what is different about them on each system.
+// The PC/SC service's functions and their differences between systems.
 #pragma once
 
 #if defined(_WIN32)
@@ -21,7 +21,7 @@ namespace zelta::agent {
 using ReaderName = std::wstring;
 // Windows runs the service only while there is a reader.
 inline constexpr bool kServiceNeedsReader = true;
-// What a context that the service has forgotten is refused with.
+// The error for a context that the service has forgotten.
 inline constexpr LONG kStaleContext = ERROR_INVALID_HANDLE;
 inline constexpr char kStartService[] = "sc start SCardSvr";
 inline constexpr char kShowReaders[] = "certutil -scinfo";

@@ -18,7 +18,7 @@ namespace zelta::agent {
 
 namespace {
 
-// How long to wait if the system will not say that something has changed.
+// How long to wait if the system does not report changes.
 constexpr std::chrono::milliseconds kUnwatched{1000};
 constexpr char kWhoMay[] = " (only root and members of the group zelta may connect)";
 

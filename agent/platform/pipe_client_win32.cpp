@@ -34,7 +34,7 @@ class NamedPipeClient final : public PipeClientPort {
   void watch(const std::vector<std::string>& /*pipeNames*/) override {}
 
   OpenedPipe open(const std::string& pipeName) override {
-    // The driver may learn who the agent is, and not act in its name.
+    // The driver may learn who the agent is, but not act in its name.
     constexpr DWORD kFlags = FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION;
     HANDLE pipe = CreateFileA(pipeName.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                               OPEN_EXISTING, kFlags, nullptr);

@@ -29,7 +29,7 @@ void addTo(int epoll, int fd, std::uint32_t events) {
 }
 
 // Whether the peer has read everything. The kernel wakes the writer before it has taken the last
-// unit off the count, so an empty queue may count as 1. No queued write counts as little.
+// unit off the count, so an empty queue may count as 1. Any queued write counts as more.
 bool nothingUnread(int socket) {
   int unread = 0;
   return ioctl(socket, SIOCOUTQ, &unread) == 0 && unread <= 1;

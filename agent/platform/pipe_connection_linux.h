@@ -1,4 +1,4 @@
-// A client end that is a connected UNIX stream socket.
+// A client end on a connected UNIX stream socket.
 //
 // The socket has a buffer: an answer that the driver has given up stays in it until the driver's
 // end of the socket is closed. Therefore the agent checks whether the last answer was read before
@@ -18,8 +18,7 @@ namespace zelta::agent {
 
 class SocketConnection : public PipeConnection {
  public:
-  // Takes a connected socket, which is blocking from then on. Throws std::system_error for lack of
-  // handles.
+  // Takes a connected socket and makes it blocking. Throws std::system_error for lack of handles.
   explicit SocketConnection(platform::ScopedFd socket);
 
   IoResult awaitCommand() override;
@@ -33,13 +32,13 @@ class SocketConnection : public PipeConnection {
   void cancel() override;
 
  private:
-  // The longest time that one receive may sleep is set in such steps, so that it is the same for
-  // every command that comes at once: setting it is a system call.
+  // The step of a receive's limit. Setting the limit is a system call; coarse steps keep it the
+  // same for every command that comes at once.
   using LimitUnit = std::chrono::duration<std::int64_t, std::deci>;
 
   struct Waited {
     IoResult result;
-    short ready;  // if kDone: those of the events waited for that came, or of an error
+    short ready;  // if kDone: which of the awaited events came, or an error
   };
   Waited waitFor(short events, std::optional<SteadyClock::time_point> deadline) const;
   // Limits the next receive, rounded up. False if the limit has passed or cannot be set: the

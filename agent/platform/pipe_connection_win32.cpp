@@ -171,7 +171,7 @@ IoResult NamedPipeConnection::finishAnswer(OVERLAPPED* operation,
                                               FALSE, millisecondsUntil(deadline));
   if (reason != kWritten) CancelIoEx(pipe_.get(), operation);
   DWORD count = 0;
-  // The write may have ended just before the next command came: then all is well.
+  // The write may have succeeded just before the next command came.
   if (GetOverlappedResult(pipe_.get(), operation, &count, TRUE) && count == answer_.size()) {
     return IoResult::kDone;
   }
@@ -207,7 +207,7 @@ IoResult NamedPipeConnection::post(const void* data, std::uint32_t size,
     lock.lock();
     if (waited != IoResult::kDone) return waited;
   }
-  // Noted before it begins: the system must not be left with memory that is gone.
+  // Stored before it begins: the system must not be left with freed memory.
   posts_.push_back(made);
   if (WriteFile(pipe_.get(), made->bytes.data(), size, nullptr, &made->operation) ||
       GetLastError() == ERROR_IO_PENDING) {

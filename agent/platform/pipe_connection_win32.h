@@ -1,10 +1,10 @@
-// A client end that is a named pipe. The handle is overlapped, so that a read and a write can run
-// at the same time and a cancel reaches what is blocked.
+// The client end of a named pipe. The handle is overlapped, so that a read and a write can run at
+// the same time and a cancel ends blocked calls.
 //
-// The driver's pipes have no buffer: a write waits until the driver reads, and an answer that the
-// driver has given up would block for ever. Therefore the read of the next command's first byte is
-// begun before the answer is written; if that read ends first, the write is taken back. Posts
-// are separate writes that nobody waits for, up to `kMostPosts` at a time.
+// The driver's pipes have no buffer: a write blocks until the driver reads. So that an answer that
+// the driver has given up does not block for ever, the read of the next command's first byte is
+// begun before the answer is written; if that read ends first, the write is taken back. Posts are
+// separate writes that nobody waits for, up to `kMostPosts` at a time.
 #pragma once
 
 #include <windows.h>
@@ -23,7 +23,7 @@ namespace zelta::agent {
 // A manual-reset event; throws std::system_error for lack of handles.
 platform::ScopedKernelHandle makeEvent();
 
-// The limit of a wait that ends then, at the latest; without a limit if there is no deadline.
+// The limit of a wait that ends at the deadline; infinite if there is none.
 DWORD millisecondsUntil(std::optional<SteadyClock::time_point> deadline);
 
 class NamedPipeConnection final : public PipeConnection {
@@ -33,7 +33,7 @@ class NamedPipeConnection final : public PipeConnection {
 
   // Takes an overlapped handle. Throws std::system_error for lack of handles.
   explicit NamedPipeConnection(platform::ScopedKernelHandle pipe);
-  // What was posted and has not been read by the driver is lost.
+  // Posts that the driver has not read are lost.
   ~NamedPipeConnection() override;
 
   IoResult awaitCommand() override;
@@ -74,10 +74,10 @@ class NamedPipeConnection final : public PipeConnection {
   Read readSome(void* data, std::uint32_t size, std::optional<SteadyClock::time_point> deadline);
   // Begins to await the first byte, unless that has been done.
   [[nodiscard]] bool beginFirstByte();
-  // The first byte's read has ended; whether it is there.
+  // Call when the first byte's read has ended. True if the byte was read.
   bool takeFirstByte();
   void cancelFirstByte();
-  // Whether the answer in `answer_` has been read whole; has ended when this returns.
+  // Whether the answer in `answer_` has been read whole. Its write has ended on return.
   IoResult finishAnswer(OVERLAPPED* operation, SteadyClock::time_point deadline);
   // Removes the posts that the driver has read from the front; kClosed if one failed.
   IoResult dropRead() ZELTA_REQUIRES(mutex_);
@@ -89,8 +89,8 @@ class NamedPipeConnection final : public PipeConnection {
   FirstByte first_;
   std::vector<unsigned char> answer_;  // the one that is being written
   platform::Mutex mutex_;
-  // Not known to be read by the driver, in the order in which it reads them. Shared with whoever
-  // waits for one.
+  // Posts not known to be read by the driver, in order. Each is shared with the thread that waits
+  // for it.
   std::deque<std::shared_ptr<Post>> posts_ ZELTA_GUARDED_BY(mutex_);
 };
 

@@ -1,5 +1,5 @@
 // The program: command line, signals, control socket and readiness around the agent. Not sd-event:
-// its thread waits for signals and one event, and all that needs speed is on other threads.
+// its thread waits for signals and one event; everything that needs speed is on other threads.
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -71,7 +71,7 @@ std::string ask(const Options& options) {
 // What the program waits for while the agent serves: signals, and a failure of a thread.
 class Endings {
  public:
-  // Blocks the signals for this thread and those that it makes from now on.
+  // Blocks the signals for this thread and the threads that it starts later.
   Endings()
       : signals_(blockedSignals()),
         received_(checkedFd(signalfd(-1, &signals_, SFD_CLOEXEC), "signalfd")),
@@ -114,7 +114,7 @@ class Endings {
 
   const sigset_t signals_;
   const ScopedFd received_;  // readable when a signal has come
-  const StopEvent failed_;   // from the first failure or `end` on
+  const StopEvent failed_;   // set by the first failure or `end`
   std::atomic<bool> ended_{false};
   FailureNote failure_;
 };
@@ -127,8 +127,8 @@ OnFailure noteIn(Endings& endings) {
   return [&endings](const char* problem) { endings.failure().take(problem); };
 }
 
-// The card of the agent that has started this one. Nothing but its frames may get to standard
-// output, so what else is written there goes to standard error.
+// The card of the agent that has started this one. Only its frames may reach standard output, so
+// everything else written there goes to standard error.
 std::unique_ptr<CardBackend> makeRemoteCard(std::function<void()> onEnd, Log& log) {
   if (isatty(STDIN_FILENO) != 0) {
     throw std::runtime_error("--backend remote is for zelta-agent --to, which starts it over ssh");
@@ -209,7 +209,7 @@ int runNearEnd(const Options& options, Endings& endings, Log& log) {
       makeSshDialer(sshCommand(options.ssh, *options.to, options.logLevel));
   const std::unique_ptr<CardBackend> backend = makeBackend(options, log);
   Forwarder forwarder(*dialer, *backend, settings, log);
-  // Only if asked for: programs would take a socket in the usual place for that of a reader's agent
+  // Only on request: programs would take a socket at the default path for that of a reader's agent
   // here.
   const std::unique_ptr<ControlServer> control =
       options.control.empty()
@@ -232,7 +232,7 @@ int runNearEnd(const Options& options, Endings& endings, Log& log) {
 int runCommand(const Options& options) { return showControlAnswer(ask(options)); }
 
 int runAgent(const Options& options, Log& log) {
-  Endings endings;  // first: threads take the blocked signals over
+  Endings endings;  // first: threads inherit the blocked signals
   return options.to ? runNearEnd(options, endings, log) : runAtDriver(options, endings, log);
 }
 

@@ -44,7 +44,7 @@ std::unique_ptr<CardBackend> makeBackend(const Options& options, Log& log) {
   return std::make_unique<PcscCard>(options.pcscReader, log);
 }
 
-// What the agent runs in, a console or a service.
+// The agent's environment: a console or a service.
 struct Surroundings {
   HANDLE endRequested;
   std::function<void()> ready;  // or none

@@ -21,7 +21,7 @@ constexpr char kAccount[] = "NT AUTHORITY\\LocalService";
 constexpr DWORD kRestartAfter = 2000;
 // Seconds without a failure after which failures are counted from the first again.
 constexpr DWORD kForgetFailures = 60;
-// Milliseconds that the agent takes to end, at the most; AgentRun has a limit of 2 seconds.
+// The most milliseconds that the agent takes to end; AgentRun has a limit of 2 seconds.
 constexpr DWORD kEndLimit = 5000;
 constexpr DWORD kRemoveLimit = 10000;
 
@@ -60,7 +60,7 @@ void configure(SC_HANDLE service, const std::string& what) {
   ChangeServiceConfig2A(service, SERVICE_CONFIG_FAILURE_ACTIONS_FLAG, &alsoIfItEnds);
 }
 
-void CALLBACK onStopped(void*) {}  // it ends the wait, and nothing more
+void CALLBACK onStopped(void*) {}  // its only effect is to end the wait
 
 // Waits until the service has ended. `notice` outlives the service's handle.
 void stopService(SC_HANDLE service, SERVICE_NOTIFYW& notice, const std::string& what) {
@@ -71,7 +71,7 @@ void stopService(SC_HANDLE service, SERVICE_NOTIFYW& notice, const std::string& 
     if (GetLastError() == ERROR_SERVICE_NOT_ACTIVE) return;
     fail(what);
   }
-  // Comes at once if the service has ended meanwhile.
+  // The notice comes at once if the service has already ended.
   if (NotifyServiceStatusChangeW(service, SERVICE_NOTIFY_STOPPED, &notice) != ERROR_SUCCESS ||
       SleepEx(kRemoveLimit, TRUE) != WAIT_IO_COMPLETION) {
     throw std::runtime_error(what + " does not stop");

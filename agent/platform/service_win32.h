@@ -28,7 +28,7 @@ void installService(const Options& options);
 // Stops the service, if it runs, and removes it.
 void removeService(std::uint32_t reader);
 
-// What the service's body has of the system's service manager.
+// The service body's interface to the system's service manager.
 class ServiceRun {
  public:
   virtual ~ServiceRun() = default;
@@ -36,7 +36,7 @@ class ServiceRun {
   virtual HANDLE endRequested() const = 0;
   // The service has started.
   virtual void ready() = 0;
-  // Ends the process with this exit code, with what is left of its threads.
+  // Ends the process with this exit code, whatever its threads do.
   [[noreturn]] virtual void endProcess(int exitCode) = 0;
 };
 

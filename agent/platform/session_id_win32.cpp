@@ -1,4 +1,4 @@
-// By hand although Windows makes GUIDs: rpcrt4 would be one more library to link.
+// Made by hand although Windows makes GUIDs: rpcrt4 would be one more library to link.
 #include <cstddef>
 #include <random>
 

@@ -26,8 +26,8 @@ namespace {
 
 using platform::ScopedFd;
 
-// How long a program may take to end when its line is gone, and once more when it was asked to
-// terminate. Together less than the program allows for its own end.
+// How long a program may take to end once its line is gone, and again once it was asked to
+// terminate. Both together are less than the program allows for its own end.
 constexpr std::chrono::milliseconds kEndTime{1000};
 constexpr std::chrono::milliseconds kTerminateTime{500};
 constexpr int kEndedBySignal = 128;  // and the signal's number, as a shell has it
@@ -67,7 +67,7 @@ class SpawnSetup {
   posix_spawn_file_actions_t actions_{};
 };
 
-// A child process, which is ended and reaped at the latest with this object.
+// A child process; the destructor ends and reaps it if that has not been done.
 class Child {
  public:
   explicit Child(pid_t id) : id_(id), ended_(static_cast<int>(syscall(SYS_pidfd_open, id, 0))) {}

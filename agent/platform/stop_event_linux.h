@@ -1,6 +1,5 @@
-// Waiting for a file descriptor in a way that another thread can end. Not sd-event: a command runs
-// on the thread that has read it, after one poll; a loop would add the epoll's and the timer's
-// calls.
+// A wait for a file descriptor that another thread can end. Not sd-event: a command runs on the
+// thread that has read it, after one poll; a loop would add the epoll's and the timer's calls.
 #pragma once
 
 #include <chrono>
@@ -19,19 +18,19 @@ class StopEvent {
   enum class Reason { kReady, kStopped, kTimedOut, kFailed };
   struct Waited {
     Reason reason;
-    short ready = 0;  // if kReady: those of the events waited for that came, and POLLERR, POLLHUP
+    short ready = 0;  // if kReady: which of the awaited events came, and POLLERR, POLLHUP
   };
 
   // Throws std::system_error with `what` for lack of handles.
   explicit StopEvent(const char* what = "eventfd");
 
-  // From now on every wait ends at once. Any thread; safe in a thread that may not allocate.
+  // Makes every wait, current and later, return at once. Any thread; needs no memory.
   void stop() const;
   // Waits until poll finds one of `events` at `fd`, until `stop`, or until `deadline` if there is
   // one. kFailed leaves the reason in errno.
   Waited waitFor(int fd, short events,
                  std::optional<SteadyClock::time_point> deadline = std::nullopt) const;
-  // Readable from `stop` on.
+  // Readable after `stop`.
   int fd() const { return event_.get(); }
 
  private:

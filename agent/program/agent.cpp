@@ -55,7 +55,7 @@ class Agent::Serving {
   Serving(Agent& agent, DriverConnection& connection) : agent_(agent) {
     const platform::MutexLock lock(agent_.mutex_);
     agent_.connection_ = &connection;
-    // One that is stopped before it is served ends at once.
+    // If stopped already, the connection ends at once.
     if (agent_.stopping_) connection.stop();
   }
   ~Serving() {
@@ -86,7 +86,7 @@ void Agent::serve(const PipePair& pipes) {
     }
     wasAlive = connection.alive();
   }
-  // Not before: from here on no thread of the connection can report anything else.
+  // Only now: no thread of the connection can report anything else any more.
   setConnected(false);
   if (!stopping()) connector_.connectionEnded(wasAlive);
 }

@@ -43,16 +43,15 @@ class Agent final : public Service {
     // Called on a thread of the agent's when the driver accepts a connection or is lost; may be
     // empty.
     std::function<void(bool connected)> onConnection;
-    // Called on a thread that ends by an exception: the agent must be stopped, because it can serve
-    // nobody any more.
+    // Called on a thread that ends by an exception. Stop the agent then: it can no longer serve.
     OnFailure onFailure;
     // Told of what happens between the driver and the card; null for nobody. Outlives the agent.
     TraceSink* trace = nullptr;
   };
 
-  // Everything passed by reference outlives the agent.
+  // Arguments passed by reference must outlive this object.
   Agent(PipeClientPort& port, CardBackend& backend, Settings settings, Log& log);
-  // Ends what `run` has left if it threw.
+  // Ends what `run` left running if it threw.
   ~Agent() override;
 
   // Starts the card; throws what the back end throws.

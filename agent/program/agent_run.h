@@ -13,7 +13,7 @@ namespace zelta::agent {
 
 class AgentRun {
  public:
-  // Runs `service`, which has been started, from now on; it and `onFailure` outlive this object.
+  // Starts to run `service`, which has been started; it and `onFailure` outlive this object.
   AgentRun(Service& service, const OnFailure& onFailure);
   // Stops the service and waits for it, however long its card takes.
   ~AgentRun();

@@ -1,5 +1,5 @@
-// What a thread of the agent does with an exception that it cannot handle, for example a lack of
-// memory or handles: it tells the program, which ends.
+// Handles an exception that a thread of the agent cannot, for example lack of memory or handles:
+// the program is told and ends.
 #pragma once
 
 #include <array>
@@ -12,7 +12,7 @@ namespace zelta::agent {
 // Called on the thread that fails, with a text for people that is gone afterwards. Must not throw.
 using OnFailure = std::function<void(const char* problem)>;
 
-// The body of a thread: runs `body`, and what that throws goes to `onFailure`.
+// The body of a thread: runs `body` and passes an exception to `onFailure`.
 template <typename Body>
 void guarded(const OnFailure& onFailure, const Body& body) noexcept {
   try {
@@ -34,7 +34,7 @@ class FailureNote {
 
   // Any thread. A long text is cut off.
   void take(const char* problem) noexcept;
-  // The first failure, or null. Any thread; valid as long as this object.
+  // The first failure, or null. Any thread; valid while this object lives.
   const char* problem() const { return written_ ? text_.data() : nullptr; }
 
  private:

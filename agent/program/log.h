@@ -11,7 +11,7 @@
 
 namespace zelta::agent {
 
-// How serious a line is, as the system's log has it; the most serious first.
+// A line's severity, as in the system's log; the most serious first.
 enum class Severity { kError, kWarning, kInfo, kDebug };
 
 // "error", "warning", "info" or "debug".

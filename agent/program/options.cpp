@@ -31,7 +31,7 @@ constexpr Named<BackendKind> kBackends[] = {{"emulated", BackendKind::kEmulated}
                                             {"script", BackendKind::kScript},
                                             {"remote", BackendKind::kRemote}};
 constexpr const char* kLinuxBackends[] = {"emulated", "remote"};
-// Options of what only Linux has: the emulated card and a driver at another machine.
+// Options that only Linux has: the emulated card and a driver on another machine.
 constexpr const char* kLinuxOptions[] = {"--db", "--pin", "--pin-file", "--cert", "--to", "--ssh"};
 constexpr char kService[] = "service";  // only Windows has that
 constexpr char kNotOnLinux[] = " is not available on Linux";
@@ -228,7 +228,7 @@ void applyFlags(const CLI::App& app, const Flags& flags, Options& options) {
   if (flags.serviceRun->parsed()) options.action = Options::Action::kServiceRun;
 }
 
-// The same for the options for a driver at another machine.
+// Which options for a driver on another machine contradict each other; empty if none.
 std::string findRemoteConflict(const Options& options) {
   const bool remote = options.backend == BackendKind::kRemote;
   if (remote && options.cardIn) return "--card-inserted and --no-card are not for a remote card";

@@ -59,7 +59,7 @@ struct ParsedOptions {
 
 enum class System { kLinux, kWindows };
 
-// The program on one system. Its help has what is available there; the rest is refused.
+// The program on one system. Its help shows what is available there; the rest is refused.
 struct Edition {
   System system;
   const char* endings;  // a line of the help: what ends the program, and what it obeys meanwhile
@@ -67,8 +67,8 @@ struct Edition {
 
 ParsedOptions parseOptions(int argc, const char* const* argv, const Edition& edition);
 
-// The words that say the same of an agent on Windows. Paths are made absolute, because a service
-// begins in another folder.
+// The command line that gives these options to an agent on Windows. Paths are made absolute,
+// because a service begins in another folder.
 std::vector<std::string> argumentsOf(const Options& options);
 
 }  // namespace zelta::agent

@@ -1,4 +1,5 @@
-// The program around the agent. `runProgram` is the same on every system; what it calls differs.
+// The program around the agent. `runProgram` is the same on every system; the functions that it
+// calls differ.
 #pragma once
 
 #include <string>
@@ -14,7 +15,7 @@ int runProgram(int argc, const char* const* argv);
 // Tells the user what the agent has answered to a control command; returns the program's exit code.
 int showControlAnswer(const std::string& answer);
 
-// The system's part:
+// Each system implements these:
 
 extern const Edition kEdition;
 

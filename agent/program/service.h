@@ -1,4 +1,4 @@
-// What the program runs until it is ended.
+// The service that the program runs until it is ended.
 #pragma once
 
 #include <cstdint>
@@ -20,12 +20,12 @@ class Service {
     bool cardIn = false;
     Bytes atr;  // empty if the card has not been asked yet
     // Since the start:
-    std::uint64_t apdus = 0;     // that the card has been given
-    std::uint64_t errors = 0;    // commands that it left without an answer
-    std::uint64_t timeouts = 0;  // commands that were answered in its place because it was late
+    std::uint64_t apdus = 0;     // sent to the card
+    std::uint64_t errors = 0;    // commands that the card left unanswered
+    std::uint64_t timeouts = 0;  // commands answered in its place because it was late
     std::uint64_t reconnects = 0;
 
-    // `connections`: how many there have been so far.
+    // `connections`: the number so far.
     void setCard(const CardSlot::Status& card, std::uint64_t connections) {
       cardIn = card.card != kNoCard;
       atr = card.atr;

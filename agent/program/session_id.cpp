@@ -1,4 +1,4 @@
-// By hand although libsystemd reads ids: Windows has no libsystemd.
+// Checked by hand although libsystemd reads ids: Windows has no libsystemd.
 #include "agent/program/session_id.h"
 
 #include <cstddef>

@@ -37,7 +37,7 @@ inline constexpr int kSshFailed = 255;
 std::unique_ptr<Dialer> makeSshDialer(std::vector<std::string> command);
 
 // A line on two descriptors, which may be the same; it closes them and makes them non-blocking.
-// From now on the process ignores SIGPIPE. Throws std::system_error for lack of handles.
+// Makes the process ignore SIGPIPE. Throws std::system_error for lack of handles.
 std::unique_ptr<Line> makeDescriptorLine(int input, int output);
 
 }  // namespace zelta::agent

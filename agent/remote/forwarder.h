@@ -29,14 +29,14 @@ class Forwarder final : public Service {
     LentCard::Settings card{{}, kAnswerTime};
     std::chrono::milliseconds firstRetry{500};
     std::chrono::milliseconds longestRetry{30000};
-    // Called on a thread that ends by an exception: the forwarder must be stopped.
+    // Called on a thread that ends by an exception. Stop the forwarder then.
     OnFailure onFailure;
-    TraceSink* trace = nullptr;  // not owned; null: nobody is told
+    TraceSink* trace = nullptr;  // not owned; may be null
   };
 
-  // Everything passed by reference outlives the forwarder.
+  // Arguments passed by reference must outlive this object.
   Forwarder(Dialer& dialer, CardBackend& backend, Settings settings, Log& log);
-  // Ends what `run` has left if it threw.
+  // Ends what `run` left running if it threw.
   ~Forwarder() override;
 
   // Starts the card; throws what the back end throws.
@@ -52,12 +52,12 @@ class Forwarder final : public Service {
  private:
   // Lends the card once. Returns why the line has ended.
   std::string lend();
-  // The same for people; throws if another line would end the same way.
+  // The reason, for people; throws if another line would end the same way.
   std::string judge(const LentCard& lent, int exitCode) const;
   // Blocks until a line ends.
   void serve(LentCard& lent);
   void noteGreeted(const Hello& peer, std::chrono::microseconds roundTrip);
-  // False if there is to be no other line.
+  // False if no other line may follow.
   [[nodiscard]] bool waitForRetry(const std::string& why);
   bool stopping();
 
@@ -67,15 +67,15 @@ class Forwarder final : public Service {
   Log& log_;
   CardSlot slot_;
   CommandThreads threads_;
-  Backoff backoff_;       // `run`'s thread
-  bool greeted_ = false;  // this line; `run`'s thread
+  Backoff backoff_;       // for `run` only
+  bool greeted_ = false;  // this line; for `run` only
   std::atomic<bool> connected_{false};
   std::atomic<std::uint64_t> greetings_{0};
   std::atomic<std::uint64_t> timeouts_{0};
   platform::Mutex mutex_;
   platform::ConditionVariable changed_;
   bool stopping_ ZELTA_GUARDED_BY(mutex_) = false;
-  LentCard* lent_ ZELTA_GUARDED_BY(mutex_) = nullptr;  // over the line that is there
+  LentCard* lent_ ZELTA_GUARDED_BY(mutex_) = nullptr;  // over the current line
 };
 
 }  // namespace zelta::agent

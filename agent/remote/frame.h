@@ -30,7 +30,7 @@
 
 namespace zelta::agent {
 
-// Changes with every change of the frames.
+// Increased with every change of the frames.
 inline constexpr std::uint32_t kFrameProtocol = 1;
 
 enum class FrameKind : std::uint8_t {
@@ -54,7 +54,7 @@ inline constexpr std::size_t kLongestPayload = 65548 + kNumberSize;  // bytes
 struct Frame {
   FrameKind kind = FrameKind::kBye;
   std::uint32_t number = 0;
-  platform::SecretBytes payload{};  // may be a command, and that have a PIN
+  platform::SecretBytes payload{};  // may be a command, which may contain a PIN
 };
 
 // The payload is at most `kLongestPayload` bytes long.

@@ -10,7 +10,7 @@ namespace zelta::agent {
 
 namespace {
 
-constexpr std::size_t kShown = 60;  // bytes of what is not from an agent
+constexpr std::size_t kShown = 60;  // the most bytes shown of an unknown peer's
 
 std::string seconds(std::chrono::milliseconds time) {
   return std::to_string(std::chrono::duration_cast<std::chrono::seconds>(time).count()) +

@@ -1,8 +1,8 @@
 // One end of a line: frames both ways, the check of versions at the start, and keep-alive.
 //
-// Both ends ping each other from their hellos on. A line on which nothing has come for a while is
-// dead: a broken network shows in no other way. Only what is received counts as life, and only
-// while somebody waits in `next` or `greet`.
+// Both ends ping each other after their hellos. A line on which nothing has come for a while is
+// dead: a broken network shows in no other way. Only received bytes count, and only while a thread
+// waits in `next` or `greet`.
 #pragma once
 
 #include <chrono>
@@ -17,7 +17,7 @@ namespace zelta::agent {
 
 // Time limits of a line.
 struct LineTimes {
-  // Until the other end's hello: its user may have to log in first.
+  // Limit for the other end's hello: its user may have to log in first.
   std::chrono::milliseconds greeting{120000};
   std::chrono::milliseconds ping{5000};
   std::chrono::milliseconds silence{15000};
@@ -28,7 +28,7 @@ enum class LineEnd {
   kClosed,  // the bytes have ended
   kCancelled,
   kSilent,    // nothing has come for too long
-  kStranger,  // what came first is not from an agent
+  kStranger,  // the first bytes are not an agent's
   kVersion,   // an agent, but of another protocol
   kBroken,    // a frame that makes no sense
 };
@@ -38,7 +38,7 @@ class FrameChannel {
   // `line` outlives the channel.
   FrameChannel(Line& line, const LineTimes& times) : line_(line), times_(times) {}
 
-  // Says hello and waits for the other end's. False: see `end`. First of all, once.
+  // Says hello and waits for the other end's. False: see `end`. Call first, once.
   [[nodiscard]] bool greet();
   // How long a ping takes to the other end and back; none if the line has ended. After `greet`,
   // before anything else.
@@ -47,19 +47,19 @@ class FrameChannel {
   // Never waits. Any thread, after `greet`.
   void send(FrameKind kind, std::uint32_t number = 0, platform::SecretBytes payload = {});
   // Blocks until a frame comes that the channel does not handle itself; none at the end of the
-  // line. One thread at a time, as everything below.
+  // line. One thread at a time, also for everything below.
   std::optional<Frame> next();
-  // The last frame makes no sense: ends the channel.
+  // Ends the channel because the last frame makes no sense.
   void refuse() { end_ = LineEnd::kBroken; }
 
   // Why the line has ended, once it has.
   LineEnd end() const { return end_; }
-  // The same for people, with what the other end said about itself or sent instead.
+  // The reason for people, with what the other end said about itself or sent instead.
   std::string describeEnd() const;
   const Hello& peer() const { return peer_; }
 
  private:
-  // Any frame at all.
+  // The next frame of any kind.
   std::optional<Frame> receive();
   // How long the line may be silent.
   std::chrono::milliseconds patience() const { return greeted_ ? times_.silence : times_.greeting; }

@@ -1,7 +1,7 @@
 // A card lent to the agent at the other end of one line, until the line ends.
 //
-// Commands are answered in turns by `CommandThreads`, as those of a driver are: a card that hangs
-// does not keep the line from being read for longer than a command's limit.
+// `CommandThreads` answer its commands as they answer a driver's: a card that hangs does not keep
+// the line from being read for longer than a command's limit.
 #pragma once
 
 #include <atomic>
@@ -27,10 +27,10 @@ class LentCard final : private CommandStream, private CardSlot::Observer {
     // Called on the thread that answers when the card has not been done in time; may be empty.
     std::function<void()> onLate{};
   };
-  // What is known of the other end when it has said hello.
+  // Called when the other end has said hello.
   using OnGreeted = std::function<void(const Hello& peer, std::chrono::microseconds roundTrip)>;
 
-  // Everything passed by reference outlives this object. `onGreeted` is called from `serve`.
+  // Arguments passed by reference must outlive this object. `onGreeted` is called from `serve`.
   LentCard(Line& line, CardSlot& slot, CommandThreads& threads, const Settings& settings,
            OnGreeted onGreeted, Log& log);
   LentCard(const LentCard&) = delete;
@@ -60,7 +60,7 @@ class LentCard final : private CommandStream, private CardSlot::Observer {
   Log& log_;
   FrameChannel channel_;
   std::atomic<bool> greeted_{false};
-  std::uint32_t number_ = 0;  // of the request that was read last; the leader's
+  std::uint32_t number_ = 0;  // of the last request read; for the leader only
 };
 
 }  // namespace zelta::agent

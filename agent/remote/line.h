@@ -11,10 +11,10 @@ class Line {
  public:
   virtual ~Line() = default;
 
-  // Hands the bytes over after those of earlier calls, and never waits: what the system does not
-  // take at once is kept until `receive` can pass it on. Any thread.
+  // Sends the bytes in the order of the calls and never waits: bytes that the system does not take
+  // at once are kept until `receive` can pass them on. Any thread.
   virtual void send(const Bytes& bytes) = 0;
-  // Appends what has come to `into`; blocks until something has, or until `deadline`. kClosed if
+  // Appends received bytes to `into`; blocks until there are some, or until `deadline`. kClosed if
   // nothing more can come, or if the other end has left too much unread. One thread at a time.
   virtual IoResult receive(platform::SecretQueue& into, SteadyClock::time_point deadline) = 0;
   // Makes this and every later `receive` return kCancelled. Any thread.

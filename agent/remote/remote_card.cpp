@@ -111,7 +111,7 @@ void RemoteCard::setCard(std::uint32_t card) {
   platform::MutexLock lock(mutex_);
   const bool wasIn = card_ != kNone;
   lock.unlock();
-  // A removal is announced before the call that it ends returns.
+  // The removal is announced before the call that it ends returns.
   if (wasIn) listener_->cardRemoved();
   lock.lock();
   card_ = card;

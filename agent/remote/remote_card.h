@@ -1,7 +1,7 @@
 // The card of the agent at the other end of a line, which has started this agent.
 //
-// A call is one frame there and one back. It ends early if the card leaves or the line ends; the
-// answer that comes nevertheless has an old number and is thrown away.
+// A call is one frame there and one back. It ends early if the card leaves or the line ends; a late
+// answer has an old number and is discarded.
 #pragma once
 
 #include <cstdint>
@@ -46,7 +46,7 @@ class RemoteCard final : public CardBackend {
   // False if the frame makes no sense.
   [[nodiscard]] bool take(const Frame& frame);
   void takeAnswer(const Frame& frame);
-  // `card` is in now; 0 for none. Tells the listener.
+  // Sets the current card (0: none) and tells the listener.
   void setCard(std::uint32_t card);
 
   const std::unique_ptr<Line> line_;

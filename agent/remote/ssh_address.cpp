@@ -34,8 +34,7 @@ std::optional<std::uint32_t> parseNumber(const std::string& text, std::uint64_t 
   return static_cast<std::uint32_t>(number);
 }
 
-// Removes the last `mark` and what follows it from the text, and returns what follows; none if
-// there is no mark.
+// Cuts the text at the last `mark` and returns the rest without the mark; none if there is no mark.
 std::optional<std::string> takeAfter(std::string& text, char mark) {
   const std::size_t at = text.rfind(mark);
   if (at == std::string::npos) return std::nullopt;

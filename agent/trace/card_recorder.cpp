@@ -68,7 +68,7 @@ void ScriptText::addExchange(const TraceRecord& record) {
 std::string ScriptText::text() const {
   std::string text = std::string("# Recorded by zelta-agent ") + kVersion +
                      ". Secrets are masked.\natr " + (atr_.empty() ? "none" : toHex(atr_)) + "\n";
-  // The first line that matches counts: those that take any data come last.
+  // The first matching line counts, so lines that take any data come last.
   for (const bool open : {false, true}) {
     for (const Answers& answers : commands_) {
       if (answers.open != open) continue;

@@ -31,7 +31,7 @@ class ScriptText {
 
   void addExchange(const TraceRecord& record);
 
-  Bytes atr_;  // the first that was given
+  Bytes atr_;  // the first one seen
   std::vector<Answers> commands_;
   std::map<std::string, std::size_t> known_;  // patterns, with their place in `commands_`
 };

@@ -53,7 +53,7 @@ constexpr Rule kRules[] = {
     {0xDA, 0x00D3, true, false},  // OpenPGP: PUT DATA, resetting code
     {0xDA, 0x00D5, true, false},  // OpenPGP: PUT DATA, AES key
     {0xDA, 0x00F4, true, false},  // OpenPGP: PUT DATA, keys for secure messaging
-    {0xDB, kAny, true, false},    // PUT DATA, which brings private keys to an OpenPGP card
+    {0xDB, kAny, true, false},    // PUT DATA, which imports private keys into an OpenPGP card
     {0xFE, kAny, true, false},    // PIV extension: import of a private key
     {0xFF, kAny, true, false},    // PIV extension: management key
 };

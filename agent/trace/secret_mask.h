@@ -27,11 +27,11 @@ std::string toMaskedHex(const Bytes& bytes, const Hidden& hidden);
 class SecretMask {
  public:
   HiddenParts look(const Bytes& command, const Bytes& response);
-  // Exchanges have been missed: what the next GET RESPONSE brings counts as secret.
+  // Call if exchanges were missed: the next GET RESPONSE's data then counts as secret.
   void miss() { hidesNext_ = true; }
 
  private:
-  bool hidesNext_ = true;  // what GET RESPONSE brings
+  bool hidesNext_ = true;  // the next GET RESPONSE's data
 };
 
 }  // namespace zelta::agent

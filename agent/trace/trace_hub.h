@@ -1,7 +1,7 @@
-// Passes trace records on to whoever follows, each at its own pace.
+// Passes trace records on to followers, each at its own pace.
 //
-// Any thread. A follower's queue is bounded: what does not fit is lost and counted, because the
-// card must not wait for a reader.
+// Any thread. A follower's queue is bounded: records that do not fit are lost and counted, because
+// the card must not wait for a reader.
 #pragma once
 
 #include <atomic>
@@ -29,9 +29,9 @@ class TraceHub final : public TraceSink {
   bool wanted() const override { return wanted_; }
   void take(const TraceRecord& record) override;
 
-  // From now on `sink` gets every record as well; it outlives the hub. Before any record comes.
+  // Gives every record to `sink` as well, which outlives the hub. Call before the first record.
   void alsoTell(TraceSink& sink);
-  // A feed of one JSON line for each record from now on; `first` comes before them, unchanged.
+  // A feed with one JSON line for each later record; `first` comes before them, unchanged.
   std::unique_ptr<ControlFeed> follow(bool secrets, std::string first, std::function<void()> wake);
 
  private:

@@ -15,11 +15,11 @@ struct TraceRecord {
     kInsert,
     kRemove,
     kConnect,     // the driver has accepted the connection
-    kDisconnect,  // and is gone
+    kDisconnect,  // the driver is gone
     kReset,       // the ATR, after a reset
     kAtr,
     kTransmit,
-    kReady,  // the driver uses the card from now on
+    kReady,  // the driver starts to use the card
     kLate,   // the agent has answered in the card's place
   };
   using Clock = std::chrono::system_clock;

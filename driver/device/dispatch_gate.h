@@ -4,8 +4,8 @@
 // The framework stops I/O before it takes a device down, but not before it asks whether the device
 // may be stopped or removed, and the driver takes its readers down at that question already.
 //
-// Threads: any may pass; one at a time opens, closes and waits. Whoever waits holds no lock that
-// anybody inside may need.
+// Threads: any may pass; one at a time opens, closes and waits. The waiting thread must hold no
+// lock that a thread inside may need.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +16,7 @@ namespace zelta {
 
 class DispatchGate {
  public:
-  // One thread's way through; inside until it is destroyed.
+  // One thread's pass; the thread is inside until it is destroyed.
   class Pass {
    public:
     explicit Pass(DispatchGate& gate) : gate_(gate), admitted_(gate.enter()) {}
@@ -39,14 +39,14 @@ class DispatchGate {
     open_ = true;
   }
 
-  // Admits nobody from now on; whoever is inside stays there.
+  // Admits no further threads; those inside stay.
   void close() ZELTA_EXCLUDES(mutex_) {
     const platform::MutexLock lock(mutex_);
     open_ = false;
   }
 
-  // Returns when nobody is inside. The gate is closed already. An I/O control is inside until its
-  // exchange with the agent ends, so the exchanges are ended between closing and waiting.
+  // Blocks until no thread is inside. The gate must be closed. An I/O control is inside until its
+  // exchange with the agent ends, so end the exchanges between closing and waiting.
   void awaitEmpty() ZELTA_EXCLUDES(mutex_) {
     platform::MutexLock lock(mutex_);
     left_.wait(lock, [this]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return inside_ == 0; });

@@ -93,7 +93,7 @@ HRESULT CMyDevice::OnPrepareHardware(framework::IWDFDevice* wdfDevice) {
       logError(code(status::kInvalidArgument), "[PrepareHW]Invalid device");
       return status::kInvalidArgument;
     }
-    ComPtr<framework::IWDFDevice> device(wdfDevice);  // the former in the end, released unlocked
+    ComPtr<framework::IWDFDevice> device(wdfDevice);  // then the former one, released unlocked
     const platform::MutexLock lock(powerMutex_);
     if (wdfDevice != wdfDevice_.get()) std::swap(device, wdfDevice_);
     return CMyQueue::CreateInstance(wdfDevice, this);
@@ -186,7 +186,8 @@ HRESULT CMyDevice::leaveWorkingState(const char* operation, const char* announce
 void CMyDevice::shutDown() {
   const TimedSection section("CMyDevice::shutDown");
   stopDispatch();
-  // Intentional: by the count. A reader that could not be made is missing from the vector.
+  // Intentional: loops over the count, not the vector. A reader that could not be made is missing
+  // from the vector.
   const Readers& working = readers();
   for (std::size_t index = 0; index < static_cast<std::size_t>(numReaders_); ++index) {
     if (index < working.size() && working[index] != nullptr) shutDownReader(*working[index]);

@@ -7,11 +7,11 @@
 // `shutDown`. It holds the framework's device from `OnPrepareHardware` to `OnReleaseHardware`.
 //
 // Threads: the framework calls `ProcessIoControl` and `OnCancel` on any threads at the same time.
-// It promises to call the power and PnP operations one at a time, but not the questions whether the
-// device may be stopped or removed, nor the news of its removal; the power mutex serialises them
-// all. An I/O control finds the readers inside the dispatch gate, without the device lock; a
-// cancellation finds them under the device lock. They are made and destroyed under the power mutex
-// with the gate closed, and put in place under the device lock.
+// It calls the power and PnP operations one at a time, but not the queries to stop or remove the
+// device, nor the report of its removal; the power mutex serialises them all. An I/O control finds
+// the readers inside the dispatch gate, without the device lock; a cancellation finds them under
+// the device lock. They are made and destroyed under the power mutex with the gate closed, and put
+// in place under the device lock.
 //
 // Failures are HRESULTs and request statuses; exceptions do not leave the operations.
 #pragma once
@@ -37,7 +37,7 @@ namespace zelta {
 using ReaderFactory =
     std::function<std::unique_ptr<Reader>(std::uint32_t index, ReaderDevice* device)>;
 
-// Readers whose card is at the far end of an agent.
+// Makes a reader whose card is behind an agent.
 std::unique_ptr<Reader> createPipeReader(std::uint32_t index, ReaderDevice* device);
 
 class CMyDevice final
@@ -47,8 +47,8 @@ class CMyDevice final
  public:
   explicit CMyDevice(ReaderFactory readerFactory);
 
-  // Creates the device, registers it with the framework and publishes its interfaces. Failing to
-  // start the system's sockets or to publish an interface is logged and nothing more.
+  // Creates the device, registers it with the framework and publishes its interfaces. A failure to
+  // start the system's sockets or to publish an interface is only logged.
   [[nodiscard]] static framework::HRESULT CreateInstance(
       framework::IWDFDriver* driver, framework::IWDFDeviceInitialize* init,
       const ReaderFactory& readerFactory = createPipeReader);
@@ -67,11 +67,10 @@ class CMyDevice final
   OnQueryRemove(framework::IWDFDevice* wdfDevice) override;
   framework::HRESULT ZELTA_STDMETHODCALLTYPE OnQueryStop(framework::IWDFDevice* wdfDevice) override;
 
-  // A request that a reader keeps waiting is cancelled.
+  // Called when a request that a reader keeps waiting is cancelled.
   void ZELTA_STDMETHODCALLTYPE OnCancel(framework::IWDFIoRequest* request) override;
 
-  // Refuses an I/O control, or gives it to its reader's handler, which owns the request from then
-  // on.
+  // Refuses an I/O control, or gives it to its reader's handler, which then owns the request.
   void ProcessIoControl(framework::IWDFIoQueue* queue, framework::IWDFIoRequest* request,
                         framework::ULONG code, framework::SIZE_T inLength,
                         framework::SIZE_T outLength) noexcept;
@@ -84,7 +83,7 @@ class CMyDevice final
   }
 
  private:
-  // What a handler takes: the request and the lengths of its two buffers.
+  // A handler takes the request and the lengths of its two buffers.
   using Handler = void (Reader::*)(IoRequest*, std::size_t, std::size_t);
   static Handler findHandler(std::uint32_t code);
 
@@ -106,7 +105,7 @@ class CMyDevice final
       ZELTA_EXCLUDES(deviceLock_);
   void addReader(std::uint32_t index) ZELTA_REQUIRES(powerMutex_) ZELTA_EXCLUDES(deviceLock_);
   // Lets no further I/O control in, ends the exchanges of those inside and waits until they have
-  // left. The readers cannot exchange anything any more. A cancel is given up after about two
+  // left. The readers can no longer exchange anything. A cancel is given up after about two
   // seconds, but that does not bound this wait: a pipe call that never returns keeps it waiting.
   void stopDispatch() ZELTA_REQUIRES(powerMutex_) ZELTA_EXCLUDES(deviceLock_);
   void destroyReaders() ZELTA_REQUIRES(powerMutex_) ZELTA_EXCLUDES(deviceLock_);
@@ -127,7 +126,7 @@ class CMyDevice final
   Reader* findReader(const Readers& readers, IoRequest& request, std::uint32_t code);
   // None if the request's file does not say; the log has the reason.
   std::optional<std::uint32_t> getReaderInstanceId(IoRequest& request) noexcept;
-  // With the device lock held or free: a request may be cancelled while its reader marks it.
+  // Call with the device lock held or free: a request may be cancelled while its reader marks it.
   void cancel(IoRequest& request) noexcept;
   // Takes a request whose reader is not known out of the list that it may be in and completes it.
   void cancelUnrouted(IoRequest& request) ZELTA_REQUIRES(deviceLock_);

@@ -105,7 +105,7 @@ void CMyDevice::ProcessIoControl(framework::IWDFIoQueue* /*queue*/,
 void CMyDevice::route(IoRequest& request, std::uint32_t code, std::size_t inLength,
                       std::size_t outLength) {
   const DispatchGate::Pass pass(gate_);
-  const ExchangeTurn::RequestScope scope;  // gives up a reader's turn before that reader may go
+  const ExchangeTurn::RequestScope scope;  // gives up its turn before the reader may be destroyed
   if (!pass.admitted() || readers(pass).empty()) {
     logError(error::kInvalidState, "[IOCT]No reader available: ERROR_INVALID_STATE:%08X", code);
     finish(request, status::kInvalidState, kProcess, __LINE__);

@@ -1,4 +1,4 @@
-// The callback object of the device's one I/O queue: hands every I/O control to the device.
+// The callback object of the device's one I/O queue: passes every I/O control to the device.
 //
 // Ownership: the framework's queue keeps it; it keeps its device. Threads: the queue dispatches in
 // parallel; nothing here is changed after creation.

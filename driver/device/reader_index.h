@@ -1,5 +1,5 @@
-// Which reader a caller opened. Every reader's device interface has the reference string "dev"
-// followed by the reader's decimal index, and the name of the opened file contains it.
+// Finds the reader that a caller opened. Every reader's device interface has the reference string
+// "dev" followed by the reader's decimal index, and the name of the opened file contains it.
 #pragma once
 
 #include <cstdint>

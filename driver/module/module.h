@@ -1,4 +1,4 @@
-// What the module's exported functions do.
+// The bodies of the module's exported functions.
 //
 // Threads: everything may be called from any thread. If `canUnload` answers that the module may go,
 // the host must not call into it on another thread meanwhile. The module's state is a number, a
@@ -19,7 +19,7 @@ namespace module {
 // been shut down. `kFalse` otherwise, also if the logger could not be shut down. A host need not
 // ask: the logger ends with the last object or lock.
 [[nodiscard]] framework::HRESULT canUnload();
-// These only log: registration is the installation file's business. A tool that makes no object and
+// These only log: the installation file does the registration. A tool that makes no object and
 // unloads the module without asking leaves it mapped, because the module's logger holds it.
 [[nodiscard]] framework::HRESULT registerServer();
 [[nodiscard]] framework::HRESULT unregisterServer();

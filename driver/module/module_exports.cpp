@@ -1,4 +1,4 @@
-// The names that the module exports, and nothing else: exactly these five are in the linker's list.
+// The names that the module exports; exactly these five are in the linker's list.
 #include <cstdint>
 
 #include "driver/module/module.h"

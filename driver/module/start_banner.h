@@ -5,13 +5,13 @@
 
 namespace zelta {
 
-// Which build this is: the project's version and the commit that it was built from
+// The build's version: the project's version and the commit that it was built from
 // ("1.0.0+8274a62"), or "unknown" for the commit if the sources are not a checkout.
 const char* buildVersion();
 
 class StartBanner {
  public:
-  // The first call writes, any later one does nothing. Any thread.
+  // Writes on the first call only. Any thread.
   void writeOnce();
 
  private:

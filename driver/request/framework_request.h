@@ -2,8 +2,8 @@
 //
 // Ownership: there is one adapter per framework request, so that a waiting request is the same
 // object to dispatch and to the cancel callback. `attach` makes it and ties it to its request;
-// the framework's cleanup callback gives it up, and it goes then or with the last reference taken
-// by `addRef`. So the framework may clean up at the completion or with the request's last
+// the framework's cleanup callback gives it up, and it is destroyed then or with the last reference
+// taken by `addRef`. So the framework may clean up at the completion or with the request's last
 // reference. The adapter holds no reference on its request.
 //
 // Threads: as `IoRequest`. Completing may destroy the adapter before the call returns.
@@ -42,11 +42,11 @@ class FrameworkFile final : public IoFile {
 
 class FrameworkRequest final : public IoRequest {
  public:
-  // `request` is not owned and outlives this. For a request that could not be attached, an adapter
-  // of the caller's own serves to complete it.
+  // `request` is not owned and outlives this. A caller may make its own adapter to complete a
+  // request that could not be attached.
   explicit FrameworkRequest(framework::IWDFIoRequest& request)
       : FrameworkRequest(request, nullptr) {}
-  // The same, living in `home`: a reference on the request is one on its home, too.
+  // An adapter that lives in `home`: a reference on the request is one on its home, too.
   FrameworkRequest(framework::IWDFIoRequest& request, framework::IUnknown* home)
       : request_(&request), home_(home) {}
 

@@ -1,9 +1,9 @@
 // An I/O request as the driver's logic sees it. Each operation is one of the framework's request,
-// file or memory objects; an adapter forwards it there, and away from the framework any object
-// with these operations serves.
+// file or memory objects; an adapter forwards it there. Without the framework, any object with
+// these operations will do.
 //
-// Threads: a request is handled by one thread at a time; whoever completes it holds the device
-// lock. After completion nothing but the release of a reference taken before may follow.
+// Threads: a request is handled by one thread at a time; the completing thread holds the device
+// lock. After completion only a reference taken before may be released.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,5 @@
-// Reading a request's input and answering a request with data. The answering operations always
-// complete the request, under the device lock.
+// Reads a request's input and answers a request with data. The answering operations always complete
+// the request, under the device lock.
 //
 // Intentional: the result of the copy into the output is not examined. If the output buffer is
 // smaller than the data, nothing is written, and the request is still completed with success and
@@ -19,7 +19,7 @@
 
 namespace zelta {
 
-// A request's input in place, for as long as this lives.
+// A request's input in place, while this object lives.
 class InputBytes {
  public:
   explicit InputBytes(IoRequest& request);

@@ -1,5 +1,5 @@
-// What keeps the module loaded: its objects and the host's locks, which count alike. The last to go
-// ends the process's logger, so that a host may unload the module without asking.
+// Keeps the module loaded: counts objects and the host's locks. Releasing the last one ends the
+// process's logger, so that a host may unload the module without asking.
 //
 // Any thread, but not under the operating system's loader lock. The count is a constant-initialised
 // number, so there is nothing to tear down if the process ends with threads inside.
@@ -12,9 +12,9 @@
 
 namespace zelta {
 
-// A member of every object that keeps the module loaded; `lock` and `unlock` do the same. The
-// object's first member if its end may log: what is logged after the last reference makes a logger
-// that nobody ends.
+// A member of every object that keeps the module loaded; `lock` and `unlock` do the same. Must be
+// the first member if the object's destructor may log: a log call after the last reference makes a
+// logger that nobody ends.
 class ModuleReference {
  public:
   ModuleReference() { lock(); }
@@ -23,7 +23,7 @@ class ModuleReference {
   ModuleReference& operator=(const ModuleReference&) = delete;
 
   static void lock() { count_.fetch_add(1, std::memory_order_relaxed); }
-  // The last reference counts until the logger has ended: `any` does not say no before.
+  // The last reference counts until the logger has ended; until then `any` is true.
   static void unlock() noexcept ZELTA_EXCLUDES(unloadMutex());
   static bool any() { return count_.load(std::memory_order_acquire) != 0; }
   // Held while the logger is ended, and by whoever asks whether there is one to end: two must not

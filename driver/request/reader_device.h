@@ -1,4 +1,4 @@
-// What a reader needs of the device that owns it. The device outlives its readers. Any thread.
+// A reader's interface to the device that owns it. The device outlives its readers. Any thread.
 #pragma once
 
 #include "framework/wdf.h"

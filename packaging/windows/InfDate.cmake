@@ -1,6 +1,6 @@
 # Sets ZELTA_INF_DATE for the INF, as mm/dd/yyyy in universal time: the date of the sources, so that
-# two builds of them are the same. It is SOURCE_DATE_EPOCH or that of the last commit in SOURCE, and
-# not later than now: a package dated ahead of the signing machine's day would be refused.
+# builds are reproducible. It is SOURCE_DATE_EPOCH or that of the last commit in SOURCE, and not
+# later than now: a package dated ahead of the signing machine's day would be refused.
 #
 # As a script, cmake -DSOURCE=FOLDER -P InfDate.cmake, it prints the date.
 set(date "$ENV{SOURCE_DATE_EPOCH}")

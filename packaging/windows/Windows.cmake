@@ -3,7 +3,7 @@ set(SOURCE ${PROJECT_SOURCE_DIR})
 include(windows/InfDate.cmake)
 configure_file(windows/zelta_vsc.inf.in zelta_vsc.inf @ONLY NEWLINE_STYLE WIN32)
 
-# Each binary without its debug information, and that in a file beside, which the binary names.
+# Strips each binary; its debug information goes into a separate file, which the binary names.
 foreach(target zelta_vsc zelta-agent zelta-setup)
   set(name $<TARGET_FILE_NAME:${target}>)
   set(stripped ${CMAKE_CURRENT_BINARY_DIR}/stripped/${target})

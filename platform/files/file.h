@@ -6,13 +6,13 @@
 
 namespace zelta::platform {
 
-// The one place that turns a path of the driver's own, in UTF-8, into one that the system opens.
-// Away from Windows every backslash becomes a slash.
+// Turns one of the driver's own paths, in UTF-8, into one that the system opens; nothing else does.
+// Except on Windows, every backslash becomes a slash.
 std::filesystem::path nativePath(const std::string& path);
 
 enum class NewFile { kMade, kExists, kFailed };
 
-// Away from Windows; there the folder decides.
+// Not on Windows; there the folder decides.
 enum class Readers { kOwner, kOwnerAndGroup };
 
 // Makes an empty file and leaves nothing open. Nobody else may read it, not even for a moment. If

@@ -15,7 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// What happens to a folder itself is seen in the one above it.
+// Changes of a folder itself are seen in the folder above it.
 constexpr std::uint32_t kFolderMask =
     IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ATTRIB | IN_ONLYDIR;
 constexpr std::uint32_t kFileMask =
@@ -44,7 +44,7 @@ void PathWatch::arm() {
   awaited_ = std::move(awaited);
 }
 
-// Each folder is watched before the next part is looked at, so that no later change is missed.
+// Each folder is watched before the next part is examined, so that no later change is missed.
 void PathWatch::follow(const fs::path& path, int* links, Awaited* awaited) {
   fs::path at;
   for (const fs::path& part : path) {
@@ -86,7 +86,7 @@ bool PathWatch::takeNews() {
       const auto* event = reinterpret_cast<const inotify_event*>(buffer.data() + at);
       const bool wereLost = (event->mask & IN_Q_OVERFLOW) != 0;
       if (wereLost || concerns(event->wd, event->len == 0 ? "" : event->name)) {
-        // A file is looked at when its writer is done.
+        // A file is examined when its writer is done.
         isBeingWritten_ = (event->mask & IN_MODIFY) != 0;
         found = found || !isBeingWritten_;
       }

@@ -1,4 +1,4 @@
-// Notices when what is found at a path may have changed, for whatever reason.
+// Notices when the file at a path may have changed, for whatever reason.
 //
 // Neither the path nor the folders that lead to it need exist. It notices a writer that closes the
 // file (even one that opened it by another name), another file renamed or linked into its place,
@@ -46,7 +46,7 @@ class PathWatch {
 
   // Watches everything on the paths.
   void arm();
-  // `links` is how many more symbolic links may be followed.
+  // `links` is the number of symbolic links that may still be followed.
   void follow(const std::filesystem::path& path, int* links, Awaited* awaited);
   // Whether there is such a path.
   bool watch(const std::string& path, std::uint32_t mask, const std::string& name,

@@ -20,7 +20,7 @@ struct FdTraits {
 };
 using ScopedFd = ScopedHandle<FdTraits>;
 
-// What came of opening something.
+// The result of opening a descriptor.
 struct FdResult {
   std::uint32_t error = 0;  // a system error number, as Windows has it; 0: none
   ScopedFd fd;

@@ -21,8 +21,8 @@ constexpr unsigned char kContinuationMask = 0x3F;
 constexpr unsigned char kContinuationFirst = 0x80;
 constexpr unsigned char kContinuationLast = 0xBF;
 
-// What a lead byte says: how many bytes follow, its own bits, and the range of the first that
-// follows (which keeps out overlong forms, surrogates and what lies beyond U+10FFFF).
+// A lead byte's meaning: how many bytes follow, its own bits, and the range of the first that
+// follows (which keeps out overlong forms, surrogates and code points beyond U+10FFFF).
 //
 //   lead      following  first following
 //   00..7F    0
@@ -60,7 +60,7 @@ Lead leadOf(unsigned char byte) {
   return {0, 0, 0, 0, false};
 }
 
-// One code point from `*at` on, which is moved past it.
+// One code point at `*at`, which is moved past it.
 char32_t decodeUtf8(std::string_view text, std::size_t* at) {
   Lead lead = leadOf(static_cast<unsigned char>(text[(*at)++]));
   if (!lead.valid) return kReplacementCharacter;

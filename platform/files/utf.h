@@ -1,8 +1,8 @@
 // UTF-8 to UTF-16 and back.
 //
-// Pure; any thread. Both take any input: what is not well-formed becomes U+FFFD, one for each
-// maximal part of a UTF-8 sequence that cannot be continued, one for each lone surrogate. Byte
-// order marks are passed through as the character they are.
+// Pure; any thread. Both take any input: malformed text becomes U+FFFD, one for each maximal part
+// of a UTF-8 sequence that cannot be continued, one for each lone surrogate. Byte order marks are
+// passed through as the character they are.
 #pragma once
 
 #include <string>

@@ -40,7 +40,7 @@ struct Connection {
   ScopedFd socket;
 };
 
-// Connects to the first path at which somebody listens; the error is the last one's.
+// Connects to the first path at which a server listens; the error is that of the last path.
 Connection connectToFirst(const std::vector<std::string>& paths, Deadline deadline) {
   Connection connection{ENOENT, {}};
   for (const std::string& path : paths) {
@@ -66,7 +66,7 @@ SocketAnswer askSocket(const std::vector<std::string>& paths, const std::string&
   const Connection connection = connectToFirst(paths, deadline);
   if (connection.error != 0) return {connection.error, {}};
   const ScopedFd& client = connection.socket;
-  // Far shorter than what a socket takes without a reader.
+  // Far shorter than a socket's buffer.
   if (send(client.get(), question.data(), question.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
     return {errno, {}};
   }

@@ -12,7 +12,7 @@
 namespace zelta::platform {
 
 struct SocketAnswer {
-  // The system's error number: of the last path if nobody listens at any (ENOENT, ECONNREFUSED),
+  // The system's error number: of the last path if no server listens at any (ENOENT, ECONNREFUSED),
   // ETIMEDOUT after the deadline, EMSGSIZE if the answer is longer than it may be.
   int error = 0;
   // What the server sent before it closed the connection. Empty after an error.

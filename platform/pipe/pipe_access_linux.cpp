@@ -18,7 +18,7 @@ constexpr char kNobodyUser[] = "nobody";
 // Used if the database has no user `nobody`: the kernel's own number for users it cannot map.
 constexpr uid_t kOverflowUser = 65534;
 constexpr uid_t kRoot = 0;
-// A user that has no account on the system; what is open to it is open to everyone.
+// A user without an account on the system; access for it is access for everyone.
 constexpr uid_t kStranger = static_cast<uid_t>(-2);
 
 constexpr mode_t kOwnerSocket = 0600;

@@ -1,4 +1,4 @@
-// Who may reach a pipe's socket: an access list translated to the accounts of this system.
+// Decides who may reach a pipe's socket: an access list translated to the accounts of this system.
 #pragma once
 
 #include <sys/types.h>
@@ -35,8 +35,8 @@ class PipeAccess {
  public:
   PipeAccess(std::vector<AccessEntry> entries, PipeAccounts accounts);
 
-  // Entries are asked in their order, until reading and writing are both granted or one of them
-  // is denied; what no entry grants is denied.
+  // Entries are applied in order, until reading and writing are both granted or one of them is
+  // denied; rights that no entry grants are denied.
   bool admits(const PeerIdentity& peer) const;
 
   // The file system's part: modes that let in only those whom `admits` may let in. The owner is

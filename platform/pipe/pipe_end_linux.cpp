@@ -160,7 +160,7 @@ void PipeEnd::remove(Operation& operation) {
     eventfd_t count = 0;
     eventfd_read(wake_.get(), &count);
   }
-  // An edge wakes one flush and is then gone. A flush that leaves puts it back if another may need
+  // An edge wakes one flush and is then gone. A flush that leaves restores it if another may need
   // it: one that also waits, or, after a cancel, the next one.
   if (operation.kind == Kind::kFlush && operation.client != kNoFd &&
       (wasEnded || any([](const Operation& other) { return other.kind == Kind::kFlush; }))) {
@@ -252,8 +252,8 @@ FdResult PipeEnd::nextClient(bool waited) {
 
 void PipeEnd::dropClient(MutexLock& lock) {
   if (!client_) return;
-  // From here on no operation finds this client. Another may be let in while the operations on this
-  // one end.
+  // No operation finds this client any more. Another may be let in while the operations on this one
+  // end.
   const ScopedFd dropped = std::move(client_);
   foundGone_ = inCommand_ = answerUnread_ = false;
   shutdown(dropped.get(), SHUT_RDWR);

@@ -4,17 +4,17 @@
 // called from any thread at any time, also at the same time as others and as `close`; each returns
 // 0 or a system error number. Methods that wait hold no lock while they do.
 //
-// An operation is in a list from its beginning until it returns. Whoever ends operations (cancel,
-// disconnect, close) marks those in the list and signals the end's one wake event, which stays
-// signalled until the last of them has left. An operation that begins meanwhile is not marked: it
-// goes on, and if it has to wait it first waits for the event to be reset. The client is closed
-// when no operation works on it any more, so that none uses a descriptor's number that the system
-// has reused. Reads of one client take turns, and so do its writes: each is whole in the stream.
+// An operation is in a list from its beginning until it returns. Cancel, disconnect and close mark
+// the operations in the list and signal the end's one wake event, which stays signalled until the
+// last of them has left. An operation that begins meanwhile is not marked: it goes on, and if it
+// has to wait it first waits for the event to be reset. The client is closed when no operation
+// works on it any more, so that none uses a descriptor's number that the system has reused. Reads
+// of one client take turns, and so do its writes: each is whole in the stream.
 //
 // Not sd-event: an operation waits on its caller's thread, and any other may end it.
 //
-// An operation makes and closes no descriptor and takes no memory, except for a connect's client
-// and its place in the file system.
+// Operations make and close no descriptor and need no memory, except for a connect's client and its
+// place in the file system.
 #pragma once
 
 #include <cstddef>
@@ -32,13 +32,13 @@ class PipeEnd {
   PipeEnd(std::string path, PipeAccess access);
   ~PipeEnd();
 
-  // Listens; before every other method, once.
+  // Listens. Call once, before every other method.
   [[nodiscard]] std::uint32_t open() ZELTA_EXCLUDES(mutex_);
 
   // 0: a client came while this waited. ERROR_PIPE_CONNECTED (535): there is one already, or one
   // was waiting to be let in. A client that has gone in the meantime counts as none: one that was
-  // let in is dropped and what still works on it ends with ERROR_BROKEN_PIPE (109); one that waits
-  // is passed over unless it left bytes to read.
+  // let in is dropped and its operations end with ERROR_BROKEN_PIPE (109); one that waits is passed
+  // over unless it left bytes to read.
   [[nodiscard]] std::uint32_t connect() ZELTA_EXCLUDES(mutex_);
   // Drops the client and ends the operations in progress: reads, writes and flushes with
   // ERROR_BROKEN_PIPE (109), connects with ERROR_OPERATION_ABORTED (995). When it returns they have
@@ -52,10 +52,10 @@ class PipeEnd {
   // A client that it finds gone stays gone: reads, writes and flushes that begin later fail with
   // ERROR_BROKEN_PIPE (109), even if bytes from it are left.
   [[nodiscard]] std::uint32_t write(const void* data, std::size_t size) ZELTA_EXCLUDES(mutex_);
-  // ERROR_BROKEN_PIPE (109) if the client went before it had read everything; it stays gone. A
-  // client that read everything and then left is not found gone: what it left is read, unless bytes
-  // were unread when the command began, the first write after a read or flush. Those cannot answer
-  // it.
+  // ERROR_BROKEN_PIPE (109) if the client left with data unread; it stays gone. If it read
+  // everything and then left, its bytes can still be read. The exception: bytes that were unread
+  // when the command began (the first write after a read or flush) cannot answer it, so that client
+  // counts as gone.
   [[nodiscard]] std::uint32_t flush() ZELTA_EXCLUDES(mutex_);
   // As `disconnect`, for good: the path is removed, every later call fails with
   // ERROR_INVALID_HANDLE (6).
@@ -68,7 +68,7 @@ class PipeEnd {
   struct Operation {
     explicit Operation(Kind kindOf) : kind(kindOf) {}
     const Kind kind;
-    int client = kNoFd;         // what it works on; none for a connect
+    int client = kNoFd;         // its client's descriptor; none for a connect
     std::uint32_t endedBy = 0;  // the error number it has to return; 0: it goes on
     Operation* next = nullptr;  // the one that began after it
   };
@@ -92,7 +92,7 @@ class PipeEnd {
   bool clientHasGone() const ZELTA_REQUIRES(mutex_);
   [[nodiscard]] std::uint32_t admit(bool waited) ZELTA_REQUIRES(mutex_);
   [[nodiscard]] FdResult nextClient(bool waited) ZELTA_REQUIRES(mutex_);
-  // Returns when the operations on it, which have been told to end, have left.
+  // Drops the client when the operations on it, which have been told to end, have left.
   void dropClient(MutexLock& lock) ZELTA_REQUIRES(mutex_);
   [[nodiscard]] std::uint32_t listen() ZELTA_REQUIRES(mutex_);
 
@@ -110,7 +110,7 @@ class PipeEnd {
   // The error with which another thread has ended the operation; `otherwise` if none has.
   [[nodiscard]] std::uint32_t ended(const Operation& operation, std::uint32_t otherwise)
       ZELTA_EXCLUDES(mutex_);
-  // The same for a call that failed with that errno; it may say that the client has gone.
+  // The same for a call that failed with errno `number`, which may mean that the client has gone.
   [[nodiscard]] std::uint32_t failed(const Operation& operation, int number) ZELTA_EXCLUDES(mutex_);
   void noteGone(const Operation& operation) ZELTA_REQUIRES(mutex_);
   // The result of a flush whose client has gone with bytes unread.
@@ -132,7 +132,7 @@ class PipeEnd {
   bool inCommand_ ZELTA_GUARDED_BY(mutex_) = false;      // the last operation was a write
   bool answerUnread_ ZELTA_GUARDED_BY(mutex_) = false;   // bytes were unread when it began
   Operation* first_ ZELTA_GUARDED_BY(mutex_) = nullptr;  // in progress, in order of beginning
-  int ending_ ZELTA_GUARDED_BY(mutex_) = 0;              // of these, how many were ended
+  int ending_ ZELTA_GUARDED_BY(mutex_) = 0;              // the number of these that were ended
   bool closed_ ZELTA_GUARDED_BY(mutex_) = false;
 };
 

@@ -87,8 +87,8 @@ FolderLock::FolderLock(int folder) : folder_(folder) {
 
 FolderLock::~FolderLock() {
   const int kept = errno;
-  // Closing the descriptor is not enough: a process forked meanwhile has it, too, and would keep
-  // the lock.
+  // Closing the descriptor is not enough: a process forked meanwhile also has it and would keep the
+  // lock.
   if (held_) flock(folder_, LOCK_UN);
   errno = kept;
 }

@@ -9,15 +9,15 @@
 
 namespace zelta::platform {
 
-// Opens a folder by its absolute path. With `access`, missing folders are made on the way, with
-// that access's mode and group; folders that exist are left as they are. Needs no memory.
+// Opens a folder by its absolute path. If `access` is given, missing folders are made with its mode
+// and group; existing folders are not changed. Needs no memory.
 FdResult openFolder(std::string_view path, const PipeAccess* access);
 
 // Gives a file of ours to the group that has access. Returns the mode to set: without the group's
 // part if the file could not be given to the group.
 mode_t giveToGroup(int descriptor, const char* name, const PipeAccess& access, mode_t mode);
 
-// Holds a folder for this owner alone; waits for others. The descriptor must stay open meanwhile.
+// Locks a folder for this owner; waits for others. The descriptor must stay open meanwhile.
 class FolderLock {
  public:
   explicit FolderLock(int folder);

@@ -1,4 +1,4 @@
-// Named pipes as UNIX stream sockets: the table of handles and what a call needs of it.
+// Named pipes as UNIX stream sockets: the table of handles and the calls through it.
 #include "platform/pipe/pipe.h"
 
 #include <exception>
@@ -25,7 +25,7 @@ using Entries = std::vector<AccessEntry>;
 // The distance between the numbers of two handles, as on Windows.
 constexpr std::uintptr_t kHandleStep = 4;
 
-// Whom a pipe without a security descriptor admits: its creator and the system.
+// A pipe without a security descriptor admits its creator and the system.
 Entries defaultEntries() {
   return {{true, Trustee::kOwner, true, true}, {true, Trustee::kSystem, true, true}};
 }
@@ -104,7 +104,7 @@ class LinuxPipes final : public PipeApi {
     int calls = 0;
   };
 
-  // A call's stay on the pipe of a handle.
+  // Keeps the pipe of a handle alive during a call.
   class Visit {
    public:
     Visit(LinuxPipes& pipes, PipeHandleValue handle) : pipes_(pipes) {

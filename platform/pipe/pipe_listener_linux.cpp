@@ -61,7 +61,7 @@ std::uint32_t PipeListener::openPlace() {
 void PipeListener::refuse() {
   if (!listening_) return;
   listening_ = false;
-  // From here on the kernel admits nobody to the queue; who is in it already is dropped below.
+  // After this the kernel admits no client to the queue; those already in it are dropped below.
   shutdown(socket_->get(), SHUT_RD);
   listen(socket_->get(), kQueueToWake);
   while (ScopedFd(::accept(socket_->get(), nullptr, nullptr))) {
@@ -72,7 +72,7 @@ void PipeListener::close() {
   if (socket_ == nullptr) return;
   const FdResult folder = openFolder(this->folder(), nullptr);
   if (folder.error == error::kSuccess) place_.release(folder.fd.get());
-  // Others may share the socket: a thread about to leave its wait, a forked process.
+  // A thread leaving its wait or a forked process may still hold the socket.
   refuse();
   socket_.reset();
 }

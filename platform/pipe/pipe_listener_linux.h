@@ -1,8 +1,8 @@
 // A pipe's listening socket, and the clients that may use the pipe.
 //
-// The pipe has its place from `open` until `close`, also while no client is admitted. A socket that
-// refuses cannot be made to listen again: `open` puts a new one in its place. Whoever waits for the
-// path with inotify sees IN_MOVED_TO when it can connect.
+// The pipe keeps its place from `open` until `close`, also while no client is admitted. A socket
+// that refuses cannot be made to listen again: `open` puts a new one in its place. A client that
+// watches the path with inotify sees IN_MOVED_TO when it can connect.
 //
 // Not synchronised: the owner's lock guards it. No call blocks for longer than another process
 // holds the folder's lock.
@@ -34,22 +34,21 @@ class PipeListener {
   // stays untouched), ERROR_FILENAME_EXCED_RANGE (206) if the path is longer than a socket's can
   // be, ERROR_NOT_ENOUGH_MEMORY (8). After a failure the state is as before.
   [[nodiscard]] std::uint32_t open();
-  // Admits no further client: from now on a connect fails at once with ECONNREFUSED, and so do
-  // those blocked on a full queue; clients that wait to be accepted are dropped. The place stays
-  // taken.
+  // Admits no further client: later connects fail at once with ECONNREFUSED, and so do those
+  // blocked on a full queue; clients that wait to be accepted are dropped. The place stays taken.
   void refuse();
   // Whether clients are admitted.
   bool listening() const { return listening_; }
-  // Removes the path if it is still this pipe's own, and drops whoever was not accepted. Needs no
-  // memory.
+  // Removes the path if it is still this pipe's own, and drops clients that were not accepted.
+  // Needs no memory.
   void close();
 
   // The next waiting client that may use the pipe, with close-on-exec and non-blocking; none if no
   // such client waits. Clients that may not are dropped on the way.
   [[nodiscard]] FdResult accept();
 
-  // For waiting until it is readable. Null when closed. Another `open` puts another socket here;
-  // this one stays valid for who holds it.
+  // For waiting until it is readable. Null when closed. `open` replaces it; a copy keeps the old
+  // socket valid.
   SharedFd socket() const { return socket_; }
 
  private:

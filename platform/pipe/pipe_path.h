@@ -13,7 +13,7 @@ std::string pipeRoot();
 //   - the prefix is missing or nothing follows it;
 //   - a component is empty, `.` or `..`;
 //   - a component holds a slash or a zero byte, which would reach another file than the name says;
-//   - the name ends in `~`: the platform binds the socket under such a name before it is ready.
+//   - the name ends in `~`: the platform uses such names for sockets that are not ready.
 std::string pipeSocketPath(const std::string& pipeName);
 
 }  // namespace zelta::platform

@@ -1,4 +1,4 @@
-// Moving bytes through a pipe end, and waiting until they have been read.
+// Moves bytes through a pipe end and waits until they have been read.
 #include <linux/sockios.h>
 #include <poll.h>
 #include <sys/epoll.h>
@@ -23,16 +23,16 @@ namespace {
 // buffer means that everything was read.
 constexpr int kLessThanABuffer = 256;
 
-// How far a client is with what was written to it.
+// How much of the written bytes a client has read.
 enum class Progress {
   kReading,  // it has not read everything
   kDone,     // it has
-  kLeft,     // it has gone; it left nothing unread that the kernel still knows of
+  kLeft,     // it has gone; the kernel knows of no unread bytes
   kLost      // it has gone with bytes unread
 };
 
-// The count is asked for first: a peer that closes with bytes unread reports the loss before the
-// bytes vanish from the count, and a small count alone does not tell it from one that has read.
+// The count is read first: a peer that closes with bytes unread reports the loss before the bytes
+// vanish from the count, and a small count alone does not tell it from one that has read.
 Progress progressOf(int client, bool hungUp) {
   int unread = 0;
   if (ioctl(client, SIOCOUTQ, &unread) != 0) return Progress::kLost;
@@ -44,9 +44,9 @@ Progress progressOf(int client, bool hungUp) {
 }
 
 // Edge-triggered, the kernel reports writability anew each time the peer has finished a buffer,
-// as long as the socket is writable then; when the last buffer is finished it always is. An edge
-// that nobody has taken stays, so what happens before this sleeps is not missed. Returns whether
-// the client has hung up.
+// if the socket is writable then; when the last buffer is finished it always is. An edge that
+// nobody has taken stays, so one from before the sleep is not missed. Returns whether the client
+// has hung up.
 bool sleepUntilChanged(int poller) {
   epoll_event events[2] = {};
   const int count = epoll_wait(poller, events, std::size(events), -1);

@@ -42,10 +42,10 @@ class Win32Pipes final : public PipeApi {
   bool cancel(PipeHandleValue pipe) override { return CancelIoEx(pipe, nullptr) != FALSE; }
 
   bool read(PipeHandleValue pipe, void* data, std::uint32_t size) override {
-    // The count is not looked at: the other end writes each field whole.
+    // The count is not checked: the other end writes each field whole.
     DWORD transferred = 0;
     const bool read = ReadFile(pipe, data, size, &transferred, nullptr) != FALSE;
-    // Callers do not initialise what they read into.
+    // Callers do not initialise their buffers.
     if (read) std::fill_n(static_cast<std::uint8_t*>(data) + transferred, size - transferred, 0);
     return read;
   }

@@ -1,5 +1,5 @@
 // Access control lists in the security descriptor definition language, as far as they can be
-// honoured for a local pipe away from Windows. Pure text; nothing of the system is asked.
+// honoured for a local pipe on other systems than Windows. Pure text processing; no system calls.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ enum class Trustee {
   kAnonymous,       // AN, S-1-5-7
   kEveryone,        // WD, S-1-1-0
   kAdministrators,  // BA, S-1-5-32-544
-  kOwner,           // OW, CO, S-1-3-4, S-1-3-0: whoever made the pipe
+  kOwner,           // OW, CO, S-1-3-4, S-1-3-0: the pipe's creator
 };
 
 // One entry that applies to the object itself. Generic all is reading and writing.

@@ -15,14 +15,14 @@ namespace zelta::platform {
 
 namespace {
 
-// A socket has this after its name until it listens.
+// The suffix of a socket's name until it listens.
 constexpr char kUnready = '~';
 
 bool fitsAddress(const std::string& path) {
   return !path.empty() && path.size() < sizeof(sockaddr_un::sun_path);
 }
 
-// Of a path that fits.
+// The address of a path that fits.
 sockaddr_un addressOf(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -34,7 +34,7 @@ const sockaddr* generic(const sockaddr_un& address) {
   return reinterpret_cast<const sockaddr*>(&address);
 }
 
-// What follows the path's last slash.
+// The part after the path's last slash.
 const char* ownName(const std::string& path) { return path.c_str() + path.rfind('/') + 1; }
 
 }  // namespace

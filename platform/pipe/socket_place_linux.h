@@ -3,7 +3,7 @@
 // A socket that is bound to its path tells others that the place is taken, whether it listens or
 // not. The path of a process that is gone is taken over; a socket in use, and anything that is not
 // a socket, stays untouched. A new socket is bound beside the path, made ready and renamed over it,
-// so that whoever finds it can connect, and so that a path that is taken again never vanishes.
+// so that a client that finds it can connect, and a path that is taken again never vanishes.
 //
 // Not synchronised: the owner's lock guards it. Processes that change the same folder exclude each
 // other by a lock on the folder (flock), held for the change only.
@@ -25,7 +25,7 @@ namespace zelta::platform {
 
 class SocketPlace {
  public:
-  // Says who may connect to the file `name` of `folder`, before its socket listens. False, with
+  // Sets who may connect to the file `name` of `folder`, before its socket listens. False, with
   // errno set, if that fails.
   using Restrict = std::function<bool(int folder, const char* name)>;
 
@@ -37,7 +37,7 @@ class SocketPlace {
   // The constructor touches nothing. A relative path starts at the current folder.
   explicit SocketPlace(std::string path);
 
-  // Whether a socket can have the path, and the name it has before it is ready.
+  // Whether the path, and the name before the socket is ready, are short enough for a socket.
   bool fits() const;
   // Puts a listening socket in the place. `folder` is the place's folder, opened; up to `queue`
   // clients may wait to be accepted. EADDRINUSE if something else is there. After a failure
@@ -69,7 +69,7 @@ class SocketPlace {
 
   const std::string path_;
   const std::string unready_;  // the socket's path until it listens
-  std::optional<FileId> id_;   // of the socket's file, from `take` on
+  std::optional<FileId> id_;   // of the socket's file; set by `take`
 };
 
 }  // namespace zelta::platform

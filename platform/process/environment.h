@@ -1,4 +1,4 @@
-// Variables of the environment. Any thread: nothing of the product changes them.
+// Reads environment variables. Any thread: no part of the product changes them.
 #pragma once
 
 #include <string>

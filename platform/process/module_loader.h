@@ -1,7 +1,7 @@
-// Loading a shared module (a dynamic library) into the process by its path.
+// Loads a shared module (a dynamic library) into the process by its path.
 //
-// Any thread may call; `closeModule` must not overlap a use of what the module gave, nor run while
-// code of the module does.
+// Any thread may call; `closeModule` must not overlap a use of the module's symbols, nor run while
+// its code does.
 #pragma once
 
 #include <string>
@@ -29,8 +29,8 @@ ModuleHandle openModuleOf(const void* address);
 // only.
 std::string pathOfModule(const void* address);
 
-// Gives the handle up. The module is unmapped, after its own tear-down, unless someone else in
-// the process has it open. False on failure.
+// Closes the handle. The module is unmapped, after its own tear-down, unless it is open elsewhere
+// in the process. False on failure.
 [[nodiscard]] bool closeModule(ModuleHandle module);
 
 struct ModuleTraits {

@@ -1,8 +1,8 @@
 // Storage for an object that lives until the process ends.
 //
 // For function-local statics that threads may still use while the process exits: the destructor is
-// trivial, the object's own never runs. Whatever memory the object holds when the module is
-// unloaded is lost, so such an object holds none while it is idle.
+// trivial, the object's own never runs. Memory that the object holds when the module is unloaded is
+// lost, so such an object holds none while it is idle.
 #pragma once
 
 #include <new>

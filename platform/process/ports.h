@@ -10,7 +10,7 @@
 
 namespace zelta::platform {
 
-// Non-owning; every port lives as long as the process.
+// Non-owning; every port lives until the process ends.
 struct Ports {
   PipeApi* pipes;
   EventApi* events;
@@ -23,7 +23,7 @@ struct Ports {
 // The system's ports, or those that `replacePorts` has put in their place.
 const Ports& ports();
 
-// For programs that run parts of the driver on their own ports. Returns what was set before.
+// For programs that run parts of the driver on their own ports. Returns the previous ports.
 // Must not be called while a thread uses a port.
 Ports replacePorts(const Ports& replacement);
 

@@ -8,9 +8,9 @@
 //     static void close(Value value);    // called with valid handles only; result ignored
 //   };
 //
-// Moving hands the handle on and leaves none behind. Closing keeps the calling thread's errno and
+// Moving transfers the handle and leaves none behind. Closing keeps the calling thread's errno and
 // last error. One thread at a time; with an atomic storage `get` and `valid` may be called while
-// another thread moves a handle in, but what was got must not be used once it has been closed.
+// another thread moves a handle in, but their result must not be used once it has been closed.
 #pragma once
 
 #include <atomic>

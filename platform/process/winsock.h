@@ -1,4 +1,4 @@
-// Starting and cleaning up the system's sockets; nothing to do away from Windows.
+// Starts and cleans up the system's sockets; does nothing except on Windows.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// Wipes memory that held a secret, such as the PIN in a command, before it is given back.
+// Wipes memory that held a secret, such as the PIN in a command, before it is freed.
 //
 // Ownership: `SecretBytes` and `SecretQueue` own their bytes. Threads: as any value. Copying bytes
 // may throw std::bad_alloc; nothing else here fails.
@@ -15,8 +15,8 @@ namespace zelta::platform {
 // Sets `size` bytes to zero, even if nobody reads them afterwards.
 void wipe(void* memory, std::size_t size) noexcept;
 
-// A byte string that is wiped when it ends or gets another value. It keeps its length, so that no
-// copy is left behind by growing.
+// A byte string that is wiped when it is destroyed or gets another value. It keeps its length,
+// because growing would leave a copy behind.
 class SecretBytes {
  public:
   using Bytes = std::vector<std::uint8_t>;
@@ -40,7 +40,7 @@ class SecretBytes {
   Bytes bytes_;
 };
 
-// Bytes that are added at the end and removed at the front. The memory that they leave is wiped.
+// Bytes that are added at the end and removed at the front. Freed memory is wiped.
 class SecretQueue {
  public:
   using Bytes = std::vector<std::uint8_t>;
@@ -61,7 +61,7 @@ class SecretQueue {
     bytes_.insert(bytes_.end(), bytes, bytes + size);
   }
   void append(const Bytes& bytes) { append(bytes.data(), bytes.size()); }
-  // Removes the first `count` bytes; there are as many.
+  // Removes the first `count` bytes, which must exist.
   void drop(std::size_t count) {
     const std::size_t left = bytes_.size() - count;
     std::copy_n(bytes_.data() + count, left, bytes_.data());

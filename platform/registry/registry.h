@@ -1,4 +1,4 @@
-// Reading and watching the machine's registry (HKEY_LOCAL_MACHINE).
+// Reads and watches the machine's registry (HKEY_LOCAL_MACHINE).
 //
 // Every call returns a system error number: 0 for success, ERROR_FILE_NOT_FOUND (2) if there is no
 // such key or value. Any thread may call. Text data are UTF-16LE with a terminating zero unit, as

@@ -49,7 +49,7 @@ bool isEnd(Text text) {
   return text.empty() || text.front() == u';';
 }
 
-// The take functions move `text` past what they take.
+// The take functions move `text` past the part they take.
 
 bool takeUnit(char16_t unit, Text* text) {
   if (text->empty() || text->front() != unit) return false;
@@ -78,8 +78,8 @@ std::optional<std::uint32_t> takeNumber(std::size_t most, Text* text) {
   return number;
 }
 
-// A text in quotation marks, with \\ and \" for the two that need it; without it `text` may be
-// anywhere afterwards.
+// A text in quotation marks, with \\ and \" as escapes; on failure the position of `text` is
+// unspecified.
 std::optional<std::u16string> takeQuoted(Text* text) {
   if (!takeUnit(u'"', text)) return std::nullopt;
   std::u16string out;
@@ -93,7 +93,7 @@ std::optional<std::u16string> takeQuoted(Text* text) {
   return std::nullopt;
 }
 
-// What follows "hex".
+// The value after "hex".
 std::optional<RegistryValue> hexValueOf(Text text) {
   RegistryValue value;
   value.type = kRegBinary;
@@ -114,7 +114,7 @@ std::optional<RegistryValue> hexValueOf(Text text) {
   return value;
 }
 
-// What follows a value's name and equals sign.
+// The value after its name and equals sign.
 std::optional<RegistryValue> valueOf(Text text) {
   if (!text.empty() && text.front() == u'"') {
     const std::optional<std::u16string> quoted = takeQuoted(&text);

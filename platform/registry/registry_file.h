@@ -45,9 +45,9 @@ std::u16string foldName(std::u16string_view name);
 std::vector<std::uint8_t> registryText(std::u16string_view text);
 std::vector<std::uint8_t> registryDword(std::uint32_t value);
 
-// What HKEY_LOCAL_MACHINE holds at one moment. A key exists if it was created or lies on the way to
-// one that was; "" is HKEY_LOCAL_MACHINE itself and always exists. Paths have backslashes between
-// the names; one at the end does not count. Not synchronised.
+// The contents of HKEY_LOCAL_MACHINE at one moment. A key exists if it was created or lies on the
+// way to one that was; "" is HKEY_LOCAL_MACHINE itself and always exists. Paths have backslashes
+// between the names; one at the end does not count. Not synchronised.
 class RegistryContent {
  public:
   // Creates the key unless it exists. Its values stay valid until the key is deleted.
@@ -64,10 +64,10 @@ class RegistryContent {
  private:
   using Keys = std::map<std::u16string, RegistryValues>;
 
-  // The key `id` and all that is below it.
+  // The key `id` and everything below it.
   std::pair<Keys::const_iterator, Keys::const_iterator> subtree(const std::u16string& id) const;
 
-  // By folded path with U+0000 between the names, so that all that is below a key follows it.
+  // By folded path with U+0000 between the names, so that everything below a key follows it.
   Keys keys_;
 };
 

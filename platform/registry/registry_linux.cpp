@@ -36,7 +36,7 @@ struct FileContent {
 
 // The file's bytes at this moment; none if it cannot be read.
 FileContent readFile(const std::string& path) {
-  // Without blocking: a pipe in the file's place must not stop the driver.
+  // Opened without blocking: a pipe in the file's place must not stop the driver.
   const ScopedFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   if (!file) return {errno, {}};
   std::string bytes;
@@ -62,7 +62,7 @@ struct FileRegistry::OpenKey {
 
   std::string file;
   std::u16string path;
-  RegistryContent baseline;  // what the last notification, or the opening, has taken note of
+  RegistryContent baseline;  // as of the last notification or the opening
   bool changed = false;      // something else was seen since then
   ScopedFd pending;          // the event to signal
   ScopedFd stop;
@@ -214,7 +214,7 @@ void FileRegistry::watch(OpenKey* key, PathWatch file) {
       onNews(key, &file, ready == 0 || (begun && Clock::now() - *begun >= times_.longest));
     } else if (errno != EINTR) {
       const MutexLock lock(mutex_);
-      return signal(key);  // no longer watched: whoever waits has to look
+      return signal(key);  // no longer watched: the waiter has to check
     }
   }
 }
@@ -230,7 +230,7 @@ void FileRegistry::onNews(OpenKey* key, PathWatch* file, bool isWriterDone) {
     if (!file->problem().empty()) report(file->problem());
     if (key->pending) signalIfChanged(key, read(key->file));
   } catch (const std::exception&) {
-    signal(key);  // there is nothing to compare: whoever waits has to look
+    signal(key);  // nothing to compare: the waiter has to check
   }
 }
 

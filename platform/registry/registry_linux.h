@@ -1,8 +1,8 @@
 // The registry of one file in the export format (registry_file.h).
 //
 // Beyond registry.h:
-//   - The file is read anew for every call. A program that writes it in place may be seen half-way;
-//     one that renames a finished file over it is not.
+//   - The file is read anew for every call. If a program writes it in place, half-written content
+//     may be seen; not if it renames a finished file over it.
 //   - A key stays with the file that it was opened in. An open key that is deleted has no values
 //     until it is written again (ERROR_FILE_NOT_FOUND (2)); both are changes.
 //   - A file that cannot be read, or is larger than 1 MiB, is an empty registry. If the system
@@ -42,14 +42,14 @@ class FileRegistry final : public RegistryApi {
   // Maximum number of distinct problems reported; the last report says that it is the last.
   static constexpr std::size_t kMaxReports = 64;
 
-  // When a writer that keeps the file open counts as done.
+  // The times after which a writer that keeps the file open counts as done.
   struct WriterTimes {
     std::chrono::milliseconds quiet{200};     // after it has written last
     std::chrono::milliseconds longest{2000};  // after it has begun, even if it never pauses
   };
 
-  // `path` gives the file's path. `report` is told, once each, of lines that are not understood
-  // and of a file that cannot be read or watched. It is called by one thread at a time, with locks
+  // `path` gives the file's path. `report` is called once for each line that is not understood and
+  // for a file that cannot be read or watched. It is called by one thread at a time, with locks
   // held, and must not call back.
   FileRegistry(std::function<std::string()> path, std::function<void(const std::string&)> report,
                const WriterTimes& times);

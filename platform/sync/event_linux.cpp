@@ -29,7 +29,7 @@ bool consume(int descriptor) {
 }
 
 // A handle is a number that is never given out twice, so that a closed one is not mistaken for
-// another. Whoever waits on an event or signals it shares its descriptor meanwhile.
+// another. A thread that waits on an event or signals it shares its descriptor meanwhile.
 class LinuxEvents final : public EventApi {
  public:
   EventHandle create() override;

@@ -1,4 +1,4 @@
-// What the Linux ports know of each other's events.
+// Lets the Linux ports use each other's events.
 #pragma once
 
 #include "platform/files/scoped_fd_linux.h"

@@ -54,7 +54,7 @@ class ZELTA_SCOPED_CAPABILITY MutexLock {
 
   void lock() ZELTA_ACQUIRE() { lock_.lock(); }
   void unlock() ZELTA_RELEASE() { lock_.unlock(); }
-  // For whoever signals a condition that is waited on with this lock.
+  // For signalling a condition that is waited on with this lock.
   Mutex& mutex() const { return mutex_; }
 
  private:

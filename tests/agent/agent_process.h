@@ -1,4 +1,4 @@
-// The agent's program, run as a process of its own.
+// The agent's program, run as a separate process.
 #pragma once
 
 #include <string>
@@ -15,13 +15,13 @@ class AgentProcess : public ChildProcess {
       : ChildProcess(ZELTA_AGENT_PROGRAM, arguments) {}
 };
 
-// How a program ended and what it said.
+// How a program ended, and its output.
 struct Ended {
   int exitCode = -1;
   std::string text;
 };
 
-// Reads what the process still says, until it has ended.
+// Reads the process's remaining output until it has ended.
 inline Ended awaitEnd(ChildProcess& process) {
   Ended ended;
   while (const std::optional<std::string> line = process.readLine()) ended.text += *line + "\n";

@@ -16,14 +16,14 @@
 
 namespace zelta::test {
 
-// So long that nothing that is late in a test on a loaded machine takes it for late.
+// A limit that does not run out in a test, even on a loaded machine.
 inline constexpr std::chrono::milliseconds kLong{60000};
 inline constexpr char kSession[] = "01234567-89ab-cdef-0123-456789abcdef";
 
 // The `agent::OnFailure` of threads that must not fail in a test.
 inline void failTest(const char* problem) { ADD_FAILURE() << problem; }
 
-// The pipes of a test: in a folder of its own, for its lifetime.
+// The test's own folder for pipes, which exists while this object lives.
 class PipeFolder {
  public:
   PipeFolder() : root_("ZELTA_PIPE_ROOT", folder_.file("p")) {}
@@ -39,7 +39,7 @@ class PipeFolder {
 class LogLines {
  public:
   agent::Log::Sink sink();
-  // Until a line contains `text`.
+  // Waits until a line contains `text`.
   void waitFor(const std::string& text) const;
   bool has(const std::string& text) const { return count(text) != 0; }
   std::size_t count(const std::string& text) const;
@@ -48,7 +48,7 @@ class LogLines {
   Collected<std::string> lines_;
 };
 
-// Times with which nothing happens by time alone.
+// Limits so long that none runs out.
 agent::Timing patientTiming();
 
 class RunningAgent {
@@ -63,13 +63,13 @@ class RunningAgent {
 
   agent::Agent& agent() { return *agent_; }
   LogLines& log() { return lines_; }
-  // Until the driver is known to have accepted a connection, or to be gone.
+  // Waits until the driver is known to have accepted a connection, or to be gone.
   void waitConnected(bool connected) {
     connected_.lock().wait([connected](bool now) { return now == connected; });
   }
   // Ends the agent and joins its thread.
   void stop();
-  // Until the agent has ended by itself.
+  // Waits until the agent has ended by itself.
   void join() { thread_.join(); }
 
  private:

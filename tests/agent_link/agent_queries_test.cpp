@@ -30,7 +30,7 @@ class Queries : public ScriptedLink {
   Bytes response_;
 };
 
-// The three queries of an ATR. All but their codes and tags are the same.
+// The three queries of an ATR. They differ only in their codes and tags.
 struct AtrQuery {
   const char* name;
   QueryResult (*ask)(PipeReader& reader, Bytes& atr);
@@ -179,7 +179,7 @@ TEST_F(Queries, PayloadOfMoreThanOneBlock_IsReadInBlocks) {
 // reason why an agent must not send one.
 TEST_F(Queries, WhatIsLeftInThePipe_IsReadAsTheNextAnswer) {
   AgentLinkTimes times;
-  times.query = std::chrono::milliseconds(300);  // the second one has to be done in it
+  times.query = std::chrono::milliseconds(300);  // limit for the second one
   startAccepted(times);
   EXPECT_EQ(transmit(kSelect), QueryResult::kTimeout);
   agentAnswers(number(2, {0x90, 0x00}));
@@ -242,7 +242,7 @@ TEST_P(TransmitSteps, WhileTheCardIsThere_Fails) {
   ASSERT_EQ(errors.size(), 1u);
   EXPECT_EQ(errors[0].text, GetParam().text);
   EXPECT_EQ(errors[0].level, static_cast<std::uint8_t>(LogLevel::kError));
-  // A zero length is no failure of the system's: its code is whatever the last error was.
+  // A zero length is not a failure of the system: its code is the last error, whatever that was.
   if (GetParam().call != 0) {
     EXPECT_EQ(errors[0].code, static_cast<std::int32_t>(kBroken));
   }

@@ -1,5 +1,5 @@
-// How long the exchanges take: silent and slow agents, and exchanges that wait for each other. No
-// request waits without a bound, whatever the agent leaves undone.
+// The time that exchanges take: silent and slow agents, and exchanges that wait for each other. No
+// request waits without a bound, whatever the agent does not do.
 #include <algorithm>
 
 #include "contract/attributes.h"
@@ -46,7 +46,7 @@ class SilentAgent : public LinkTest {
 
   QueryResult transmit(const Bytes& command = kSelect) { return queryTransmit(command, response_); }
 
-  // The result of a query of which the agent reads so many bytes, and no more.
+  // The result of a query if the agent reads only that many bytes of it.
   template <typename Query>
   QueryResult unanswered(std::size_t size, Query query) {
     auto result = std::async(std::launch::async, query);
@@ -54,7 +54,7 @@ class SilentAgent : public LinkTest {
     return result.get();
   }
 
-  // The failing step of a query whose time is up, and for some queries a line of their own.
+  // Expects the failing step of a query that timed out, and for some queries an extra line.
   void expectTimedOut(const std::string& step, const std::string& last = "") {
     Records expected{error(kNoError, "Query timeout"), error(kAborted, step)};
     if (!last.empty()) expected.push_back(error(kNoError, last));
@@ -177,7 +177,7 @@ TEST_F(BoundedWaits, TimeOutThatComesJustBeforeACall_EndsIt) {
   gaps_.letGo();
   ASSERT_TRUE(isReady(check)) << "the query hangs";
   EXPECT_EQ(check.get(), QueryResult::kTimeout);
-  // One failed cancel is reported, those that follow are not.
+  // Only the first failed cancel is reported.
   constexpr char kFailed[] = "Failed to cancel IO on the command named pipe";
   EXPECT_EQ(log_.count(kFailed), 1u);
   EXPECT_TRUE(log_.contains(error(platform::error::kNotFound, kFailed)));

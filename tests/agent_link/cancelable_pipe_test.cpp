@@ -27,7 +27,7 @@ class CancelablePipeTest : public ::testing::Test {
 
   void SetUp() override { ASSERT_EQ(pipe_.connect(), 0u); }
 
-  // A call that needs no pipe: 0, or what it was refused with.
+  // A call that needs no pipe: 0, or the error that it was refused with.
   std::uint32_t refusal(Epoch epoch) {
     bool run = false;
     const bool result = pipe_.run(epoch, [&] { return run = true; });
@@ -153,7 +153,7 @@ TEST_F(CancelablePipeTest, ACallInTheGapBeforeItBlocksIsEndedByALaterCancel) {
   ASSERT_TRUE(gaps_.waitForMissedCancels("pipe", 2));
   gaps_.letGo();
   EXPECT_EQ(read.get(), kAborted);
-  // What is reported is the first cancel's.
+  // The reported error is the first cancel's.
   EXPECT_EQ(end.get(), std::make_pair(false, kNotFound));
 }
 
@@ -258,7 +258,7 @@ TEST_F(CancelablePipeTest, EndOfExchangesWaitsForCallsOfEndedEpochsToo) {
     pipe_.endExchanges();
     EXPECT_TRUE(left);
   });
-  while (refusal(pipe_.epoch()) != kAborted) std::this_thread::yield();  // until that is inside
+  while (refusal(pipe_.epoch()) != kAborted) std::this_thread::yield();  // until it is inside
   gaps_.letGo();
   EXPECT_FALSE(read.get());
   EXPECT_FALSE(timeOut.get());
@@ -279,7 +279,7 @@ class CallThatNeverReturns : public CancelablePipeTest {
     read_ = beginReadInGap();
   }
 
-  // What the client would have sent ends it.
+  // Ends it by the bytes that the client would have sent.
   void letReturn() {
     scripted_.feed("pipe", {1});
     gaps_.letGo();

@@ -1,5 +1,5 @@
-// What the server thread does with an agent's events, on the system's pipes, and how its service
-// ends.
+// The server thread's handling of an agent's events, on the system's pipes, and the end of its
+// service.
 #include "agent_link/event_listener.h"
 
 #include "contract/attributes.h"
@@ -113,12 +113,12 @@ TEST_F(EventListenerTest, AgentThatDiesWithinASessionLogId_IsNoticed) {
   ASSERT_TRUE(agent_.events().write(number(2, number(36, {'a', 'b'}))));
   agent_.die();
   ASSERT_TRUE(log_.waitFor("Event named pipe read error"));
-  // If a read returns with what is there, half an id passes for a whole one.
+  // If a read returns with the bytes that are there, half an id passes for a whole one.
   EXPECT_EQ(log_.contains(error(kBroken, "Failed to read session log id")), kReadsWaitForAllBytes);
   EXPECT_EQ(log_.sessionIds().empty(), kReadsWaitForAllBytes);
 }
 
-// An agent that announces an id and does not send it holds nobody up but itself.
+// An agent that announces an id and does not send it holds up only itself.
 TEST_F(EventListenerTest, AnnouncedSessionLogIdThatIsNotSent_HoldsUpNoPresenceRequest) {
   connectWithCard();
   ASSERT_TRUE(agent_.events().write(number(2, number(36))));
@@ -169,7 +169,7 @@ TEST_F(EventListenerTest, LostAgent_IsDroppedFromBothPipesAndTheNextIsAccepted) 
       error(kBroken, "Event named pipe read error"),
       error(kNoError, "Failed to cancel IO on the event named pipe. System error code: 1168"),
       error(kNoError, "Failed to cancel IO on the command named pipe. System error code: 1168")};
-  if (underWine()) expected.resize(1);  // it finds something to cancel all the same
+  if (underWine()) expected.resize(1);  // its cancel succeeds all the same
   ASSERT_GE(errors.size(), expected.size());
   EXPECT_EQ(Records(errors.begin(), errors.begin() + expected.size()), expected);
 }
@@ -232,7 +232,7 @@ TEST_F(EventListenerTest, ServerThreadThatThrows_IsLoggedAndTheProcessGoesOn) {
   device_.failLock(false);
   EXPECT_TRUE(log_.contains(error(kNoError, "Server thread failed: no lock")));
   EXPECT_TRUE(log_.contains(error(kNoError, "Failed to end requests: no lock")));
-  // What it does last is logged before the result is there.
+  // Its last action is logged before the result is set.
   std::uint32_t result = 0;
   for (const auto begin = std::chrono::steady_clock::now();
        result != platform::error::kGenFailure && std::chrono::steady_clock::now() - begin < 30s;) {

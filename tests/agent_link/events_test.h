@@ -1,5 +1,5 @@
-// What the tests of the agent's events share: an agent on the system's pipes whose card is in or
-// not as the test says.
+// Shared by the tests of the agent's events: an agent on the system's pipes whose card the test
+// puts in or takes out.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -32,7 +32,7 @@ class EventsTest : public LinkTest {
     return [this](const CardAgent::Command&) { return card_.load() ? kAtr : Bytes{}; };
   }
 
-  // With an insertion request waiting that the connection does not fulfil.
+  // Connects with a waiting insertion request that the connection does not fulfil.
   FakeRequest& connectWithoutCard(const AgentLinkTimes& times = {}) {
     start(times);
     FakeRequest& request = waitForInsertion();
@@ -41,7 +41,7 @@ class EventsTest : public LinkTest {
     return request;
   }
 
-  // With a card in and nothing waiting.
+  // Connects with a card in and no waiting request.
   void connectWithCard() {
     setCard(true);
     start();
@@ -51,7 +51,7 @@ class EventsTest : public LinkTest {
     EXPECT_TRUE(log_.waitFor("Waiting for command..."));
   }
 
-  // The driver has dealt with everything that was reported before.
+  // Waits until the driver has handled all earlier events.
   void settle() {
     const std::string text = "Unknown event received:77";
     const std::size_t before = log_.count(text);

@@ -72,7 +72,7 @@ TEST_F(ExchangeTurnTest, RequestThatHasWaitedItsLimitAlready_TakesOnlyAFreeTurn)
   EXPECT_TRUE(turn_.take(kLong, kNobodyToEnd));
 }
 
-// What comes after an exchange, a notification for example, has its limit for itself.
+// The next exchange of a request, a notification for example, has its own limit.
 TEST_F(ExchangeTurnTest, RequestThatTakesAnotherTurn_WaitsForItAnew) {
   const ExchangeTurn::RequestScope request(ExchangeTurn::Clock::now() - kLong);
   take();
@@ -95,7 +95,7 @@ TEST_F(ExchangeTurnTest, NotGivenUpInTime_IsNotTaken) {
   }));
   EXPECT_TRUE(asked);
   giveUp();
-  take();  // whoever gave up waiting is not in the order any more
+  take();  // a thread that gave up is no longer in the order
 }
 
 TEST_F(ExchangeTurnTest, HolderIsEnded_IsTaken) {
@@ -113,7 +113,7 @@ TEST_F(ExchangeTurnTest, HolderDoesNotEndInTime_IsNotTaken) {
   EXPECT_FALSE(turn_.take(1ms, [] { return true; }));
 }
 
-// The one that was there first has it, and the other does not wait for that one as well.
+// The first one gets it, and the other does not wait for that one as well.
 TEST_F(ExchangeTurnTest, HolderIsEnded_TheNextInTheOrderHasIt) {
   take();
   std::promise<void> firstWaits;

@@ -22,7 +22,7 @@ namespace zelta::test {
 
 namespace {
 
-// Every handler that asks the agent, on what is left of its bytes.
+// Runs every handler that asks the agent, on the rest of its bytes.
 void ask(PipeReader& reader, FakeReaderDevice& device) {
   std::vector<std::unique_ptr<FakeRequest>> requests;
   const auto handle = [&](void (Reader::*handler)(IoRequest*, std::size_t, std::size_t),

@@ -1,4 +1,4 @@
-// What the tests of the agent link share: a reader on pipes of the test's choice, its log, and the
+// Shared by the tests of the agent link: a reader on pipes of the test's choice, its log, and the
 // requests that wait in it.
 #pragma once
 
@@ -26,26 +26,26 @@ class LinkTest : public ::testing::Test {
   ~LinkTest() override;
 
   PipeReader& start(const AgentLinkTimes& times = {}, std::uint32_t index = 0);
-  // As the device does it: exchanges ended, shut down, then destroyed.
+  // Like the device: ends exchanges, shuts down, then destroys the reader.
   void stop();
-  // Without the end of exchanges: what is under way is the destructor's to end.
+  // Without the end of exchanges: the destructor must end the current ones.
   void destroy();
   PipeReader& reader() { return *reader_; }
-  // `QueryTransmit`; `response` is what the buffer held and holds.
+  // `QueryTransmit`; `response` is the buffer's content before and after.
   QueryResult queryTransmit(const Bytes& command, Bytes& response);
 
   // A waiting insertion (or removal) request; returns when it is in its list.
   FakeRequest& waitForInsertion() { return waitWith(&Reader::IoSmartCardIsPresent); }
   FakeRequest& waitForRemoval() { return waitWith(&Reader::IoSmartCardIsAbsent); }
-  // A request of this test that lives as long. Checks that the device lock is held when it is
+  // A request that lives as long as the test. Checks that the device lock is held when it is
   // completed.
   FakeRequest& makeRequest(Bytes input = {});
   // Leaves the state at "swallowed", as after a power down.
   void makeCardPresent();
-  // Waits for a line to be there that many times, and for one that begins so.
+  // Wait for `count` lines with this text, and for a line with this beginning.
   bool waitForCount(const std::string& text, std::size_t count);
   bool waitForBeginning(const std::string& beginning);
-  // Until both pipes are there.
+  // Waits until both pipes exist.
   bool waitUntilCreated() { return waitForBeginning("Event pipe created:"); }
 
   TempFolder folder_;

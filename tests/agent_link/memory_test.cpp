@@ -24,7 +24,7 @@ class Memory : public ScriptedLink {
     return ScarceMemory::above(largest);
   }
 
-  // The rest of the answer is still in the pipe. It must not be taken for another one.
+  // The rest of the answer is still in the pipe. It must not be taken for another answer.
   void expectConnectionEnded() {
     EXPECT_EQ(pipes_.calls(PipeCallKind::kDisconnect).size(), 1u);
     forgetCalls();
@@ -98,7 +98,7 @@ TEST_F(Memory, LongSessionLogIdIsReadWithLittleMemory) {
   EXPECT_TRUE(log_.sessionIds().empty());
 }
 
-// What has not arrived is not allocated: one block more than what came.
+// Bytes that have not arrived are not allocated: at most one block more than arrived.
 TEST_F(Memory, AnnouncedLengthIsNotTakenAtItsWord) {
   startAccepted();
   const auto memory = ScarceMemory::above(kOneBlock);

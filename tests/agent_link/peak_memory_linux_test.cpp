@@ -1,5 +1,5 @@
-// What an answer of a quarter of a gigabyte costs the driver at most: its size once, and nothing
-// like it if the caller has no room for it.
+// The most memory that an answer of a quarter of a gigabyte costs the driver: its size once, and
+// far less if the caller has no room for it.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -20,7 +20,7 @@ constexpr std::size_t kBlocks = 260;
 constexpr std::size_t kLarge = kBlocks * kBlock;
 constexpr std::chrono::seconds kPatience{60};
 
-// The most memory that the process has had since this was made, beyond what it had then. Bytes.
+// The growth of the process's peak memory since this was made, in bytes.
 class PeakGrowth {
  public:
   PeakGrowth() {
@@ -43,7 +43,7 @@ class PeakGrowth {
   std::size_t before_ = 0;
 };
 
-// The agent sends its long answers from one block of its own.
+// The agent sends its long answers from its own single block.
 class PeakMemory : public LinkTest {
  protected:
   void SetUp() override {

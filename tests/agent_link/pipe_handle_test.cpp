@@ -14,7 +14,7 @@ class PipeHandleTest : public ::testing::Test {
  protected:
   platform::PipeHandleValue create(const std::string& name) { return pipes_.create(name, {}); }
 
-  // "cancel a, disconnect a, ..." of everything but the creations.
+  // "cancel a, disconnect a, ...": all calls except the creations.
   std::string released() const {
     std::string text;
     for (const PipeCall& call : pipes_.calls()) {

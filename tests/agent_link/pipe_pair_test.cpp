@@ -82,7 +82,7 @@ TEST_P(FailedCreation, IsLoggedAndEndsTheThread) {
   EXPECT_EQ(log_.records().back(), error(kDenied, row.text));
   const bool commandCreated = !row.pipe.empty();
   EXPECT_EQ(log_.count(createdText(true)), commandCreated ? 1u : 0u);
-  if (commandCreated) {  // and stays, with nobody at its far end
+  if (commandCreated) {  // and stays, without a client
     EXPECT_FALSE(reader().NotifyCardReady());
     EXPECT_EQ(log_.records().back(),
               error(platform::error::kPipeListening, "Failed to send ready notification"));
@@ -174,7 +174,7 @@ TEST_F(PipePairTest, ClientThatCameAndWent_IsDroppedBeforeTheNextConnect) {
                           "connect command", "connect event"}));
 }
 
-// Creation that gives the value 0 instead of a failure.
+// A creation that returns the value 0 instead of failing.
 class NullHandles : public ForwardingPipes {
  public:
   NullHandles(platform::PipeApi& pipes, std::string nullName)
@@ -226,7 +226,7 @@ TEST_F(PipePairTest, FailedStepsOfDisconnecting_AreLoggedAndTheNextIsTaken) {
                                     failed("Failed to disconnect the command", 233)}));
 }
 
-// On pipes that serve a client that nobody has accepted, as Windows' do.
+// Pipes that serve a client before it is accepted, as on Windows.
 class EarlyClients : public LinkTest {
  protected:
   ~EarlyClients() override { stop(); }
@@ -300,8 +300,7 @@ TEST_F(RealPipes, AgentThatOpensTheEventPipeFirst_IsAcceptedWithoutALineAboutIt)
   EXPECT_EQ(log_.count("Event named pipe connected"), 0u);
 }
 
-// Wine finds something to cancel even if there is nothing, but does not disconnect a pipe that
-// nobody has opened.
+// Under Wine a cancel always succeeds, but a pipe that was never opened cannot be disconnected.
 TEST_F(RealPipes, IdlePipes_AreDisconnectedWhateverTheirCancelsGive) {
   start();
   PipeClient probe;

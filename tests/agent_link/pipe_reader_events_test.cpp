@@ -1,5 +1,5 @@
-// What becomes of the reader's state and of its waiting requests when the agent reports a card, is
-// lost, or the reader is shut down. On the system's pipes.
+// The reader's state and its waiting requests when the agent reports a card or is lost, or the
+// reader is shut down. On the system's pipes.
 #include "agent_link/pipe_reader.h"
 
 #include <future>
@@ -18,7 +18,8 @@ using Order = std::vector<const IoRequest*>;
 
 class CardEvents : public EventsTest {
  protected:
-  // All with the status and no output, in this order, after `before` others.
+  // Expects all to be completed with the status and no output, in this order, after `before`
+  // others.
   void expectCompleted(const Order& requests, std::uint32_t status, std::size_t before = 0) {
     const Order completed = device_.completed();
     ASSERT_EQ(completed.size(), before + requests.size());
@@ -98,7 +99,7 @@ TEST_F(CardEvents, RemovalWithNobodyWaiting_LeavesTheState) {
   EXPECT_EQ(log_.sessionIds(), std::vector<std::string>{"00000000-0000-0000-0000-000000000000"});
 }
 
-// Whoever is told of the removal may ask for the state at once.
+// A caller that is told of the removal may ask for the state at once.
 TEST_F(CardEvents, Removal_SetsTheStateBeforeItCompletesTheRequests) {
   connectWithCard();
   FakeRequest& request = waitForRemoval();
@@ -141,7 +142,8 @@ TEST_F(CardEvents, InsertionBetweenCheckAndWait_IsNotLost) {
   EXPECT_TRUE(first.completed());
 }
 
-// The check has failed for want of an agent, and the card of the agent that connects is no event.
+// The check has failed for lack of an agent, and the card of the agent that connects is not an
+// event.
 TEST_F(CardEvents, ConnectionBetweenCheckAndWait_IsNotLost) {
   setCard(true);
   start();
@@ -281,7 +283,7 @@ TEST_F(CardEvents, Shutdown_CancelsRemovalsThenInsertionsNewestFirst) {
   EXPECT_EQ(reader().state(), SCARD_ABSENT);
 }
 
-// Others get it in between.
+// Other threads get the lock in between.
 TEST_F(CardEvents, Shutdown_TakesTheDeviceLockForEachRequest) {
   connectWithoutCard();
   waitForInsertion();
@@ -308,8 +310,8 @@ TEST_F(CardEvents, Shutdown_LeavesPipesAndThreadRunning) {
   EXPECT_GE(agent_.commands(AgentCommand::kQueryAtr), 1);
 }
 
-// The log says what the reader waits for the device lock for. The test holds the lock, and then
-// something happens that needs it.
+// The log says why the reader waits for the device lock. The test holds the lock and then causes an
+// event that needs it.
 class ContendedLock : public EventsTest {
  protected:
   // `cause` returns although the lock is held.

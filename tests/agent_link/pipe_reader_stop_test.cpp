@@ -1,5 +1,5 @@
 // A reader is destroyed promptly whatever its threads are doing, and the end of exchanges releases
-// whoever is stuck with an agent that does nothing.
+// threads that are stuck with a silent agent.
 #include "agent_link/pipe_reader.h"
 
 #include "contract/io_controls.h"
@@ -37,7 +37,7 @@ struct DoingRow {
   Doing doing;
 };
 
-// On the system's pipes. Nothing of what a stop ends is ended by its own time.
+// On the system's pipes. No wait that a stop ends has its own time limit.
 class Stop : public LinkTest, public ::testing::WithParamInterface<DoingRow> {
  protected:
   ~Stop() override { stop(); }
@@ -140,7 +140,7 @@ TEST_P(StopInTheGap, EndsTheCallAllTheSame) {
   gaps_.letGo();
   ASSERT_TRUE(isReady(stopped)) << "the reader hangs";
   EXPECT_EQ(log_.count("Server thread completed"), 1u);
-  // Of one disconnect's cancels only the first is reported.
+  // Only the first cancel of a disconnect is reported.
   EXPECT_EQ(
       log_.count("Failed to cancel IO on the " + pipe + " named pipe. System error code: 1168"),
       row.failures);
@@ -172,8 +172,8 @@ TEST_F(ClientLoss, OfTheEventPipe_EndsAQueryThatIsAboutToRead) {
   EXPECT_TRUE(pipes_.waitForDrop(command_));
 }
 
-// A client that has gone when it is looked for anew is dropped only when no exchange with it is
-// under way: what is left of one must not reach the next client.
+// If a client has gone when the server looks for it again, it is dropped only when no exchange with
+// it is in progress: the rest of an exchange must not reach the next client.
 TEST_F(ClientLoss, OfTheCommandPipeAlone_IsHandledAfterTheEndOfAQuery) {
   startAndWait();
   command_ = pipes_.connectClient(commandPipeName(0));
@@ -195,10 +195,10 @@ TEST_F(ClientLoss, OfTheCommandPipeAlone_IsHandledAfterTheEndOfAQuery) {
   EXPECT_TRUE(log_.waitFor("Command named pipe connected"));
 }
 
-// No query is ended by its own time here.
+// No query runs out of time here.
 class EndOfExchanges : public SerialisingLink {};
 
-// It is the one exchange without a time limit.
+// It is the only exchange without a time limit.
 TEST_F(EndOfExchanges, ReleasesTheCardReadyNotification) {
   connect();
   auto notification = beginNotification();

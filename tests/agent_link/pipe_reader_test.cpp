@@ -1,4 +1,4 @@
-// What the reader answers of itself: the names of its pipes, and how its server thread fares.
+// The reader's answers about itself: the names of its pipes, and the state of its server thread.
 #include "agent_link/pipe_reader.h"
 
 #include <gtest/gtest.h>
@@ -56,7 +56,7 @@ class ServerResult : public PipeReaderAttributes {
     return loadLittleEndian(request.output().data());
   }
 
-  // What the server thread does last is logged before its result is there.
+  // The server thread's last action is logged before its result is set.
   bool becomes(std::uint32_t code) {
     for (const auto begin = std::chrono::steady_clock::now(); result() != code;) {
       if (std::chrono::steady_clock::now() - begin > 30s) return false;

@@ -115,7 +115,7 @@ TEST(WatchdogThread, ManyQueries_AreEndedOneAfterAnotherByOneThread) {
   EXPECT_EQ(threads.size(), 1u);
 }
 
-// A query that has ended in time passes none of its time on.
+// A query that has ended in time does not use up the next one's time.
 TEST(WatchdogThread, EachQuery_HasItsWholeLimit) {
   const LogCapture log;
   constexpr auto kLimit = 40ms;

@@ -1,4 +1,4 @@
-// A reader on pipes that do as they are told.
+// A reader on pipes that follow the test.
 #pragma once
 
 #include <string>
@@ -18,7 +18,7 @@ class ScriptedLink : public LinkTest {
   // Returns when both pipes have been created.
   PipeReader& startCreated(const AgentLinkTimes& times = {});
   // Returns when the command pipe's client has been accepted, without an exchange. The server
-  // thread waits for the event pipe's client from then on.
+  // thread then waits for the event pipe's client.
   PipeReader& startAccepted(const AgentLinkTimes& times = {});
 
   // The calls since `forgetCalls` that concern a pipe's client, as "write command 02000000",
@@ -26,7 +26,7 @@ class ScriptedLink : public LinkTest {
   std::vector<std::string> trace() const;
   void forgetCalls() { forgotten_ = pipes_.calls().size(); }
 
-  // What the agent sends, and which of the driver's calls fail. Calls count from the reader's
+  // Set the agent's bytes, and which of the driver's calls fail. Calls count from the reader's
   // start.
   void agentAnswers(const Bytes& bytes) { pipes_.feed(commandPipeName(0), bytes); }
   void agentReports(const Bytes& bytes) { pipes_.feed(eventPipeName(0), bytes); }

@@ -1,5 +1,5 @@
-// A reader on pipes that serialise their operations as Windows' handles do and have no room for
-// what is not read. The test plays the agent.
+// A reader on pipes that serialise their operations like Windows' handles and do not buffer. The
+// test plays the agent.
 #pragma once
 
 #include <future>
@@ -18,7 +18,7 @@ class SerialisingLink : public LinkTest {
 
   ~SerialisingLink() override { stop(); }
 
-  // Nothing is ended by its own time but what `query` says.
+  // No limit runs out but `query`.
   static AgentLinkTimes longWaits(std::chrono::milliseconds query = std::chrono::minutes(10)) {
     AgentLinkTimes times;
     times.query = query;
@@ -38,7 +38,7 @@ class SerialisingLink : public LinkTest {
     ASSERT_NE(command_ = pipes_.connectClient(commandPipeName(0)), SerialisingPipes::kNoClient);
   }
 
-  // The reader listens to an agent that has a card, or with an empty ATR none.
+  // Lets the reader listen to an agent with a card, or without one if the ATR is empty.
   FakeRequest& connect(std::chrono::milliseconds query = std::chrono::minutes(10),
                        const Bytes& atr = {0x3B, 0x00}) {
     FakeRequest& insertion = startAndWait(query);
@@ -75,7 +75,7 @@ class SerialisingLink : public LinkTest {
   std::future<bool> beginNotification() {
     return begin([this] { return reader().NotifyCardReady(); });
   }
-  // A control on a thread of its own, as the framework dispatches it.
+  // Runs a control on its own thread, like the framework.
   std::future<void> dispatch(void (Reader::*handler)(IoRequest*, std::size_t, std::size_t),
                              FakeRequest& request) {
     return begin([this, handler, &request] { (reader().*handler)(&request, 12, 4096); });
@@ -85,7 +85,7 @@ class SerialisingLink : public LinkTest {
     return call.wait_for(std::chrono::seconds(30)) == std::future_status::ready;
   }
 
-  // Until a call on the command pipe is blocked.
+  // Waits until a call on the command pipe is blocked.
   bool waitUntilStuck() { return pipes_.waitUntilQueued(commandPipeName(0)); }
 
   SerialisingPipes pipes_;

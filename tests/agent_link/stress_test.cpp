@@ -10,7 +10,7 @@ namespace {
 using Stress = EventsTest;
 
 // Presence requests, cancellations and dying agents at once; then the reader is torn down in the
-// middle of it, as the device does it.
+// middle, as by the device.
 TEST_F(Stress, EverythingAtOnce_LeavesNoRequestIncomplete) {
   const std::size_t threads = threadCount();
   for (int round = 0; round < 15; ++round) {

@@ -1,4 +1,4 @@
-"""The benchmarks' tables, page and chart from values that are known."""
+"""The benchmarks' tables, page and chart from known values."""
 
 import collections
 import unittest

@@ -1,4 +1,4 @@
-// Golden numbers: what the system, its smart card service and hosts built elsewhere rely on. Other
+// Golden numbers that the system, its smart card service and hosts built elsewhere rely on. Other
 // tests use the names. Checked by the compiler.
 #include "contract/attributes.h"
 #include "contract/io_controls.h"

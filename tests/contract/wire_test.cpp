@@ -1,4 +1,4 @@
-// Golden bytes: what an agent built elsewhere relies on.
+// Golden bytes that an agent built elsewhere relies on.
 #include "contract/wire.h"
 
 #include <gtest/gtest.h>

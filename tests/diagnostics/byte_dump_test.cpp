@@ -66,7 +66,7 @@ TEST(ByteDumpLineCount, HighNumbers_AreUnsigned64BitArithmetic) {
 TEST(ByteDumpBelowItsLevel, ThresholdBelowDebug_NothingIsWrittenOrFormatted) {
   for (std::uint32_t threshold = 0; threshold < 3; ++threshold) {
     test::RecordingLogger logger(threshold);
-    // A look at the bytes would not come back.
+    // Reading the bytes would not return.
     writeByteDump(logger, nullptr, std::numeric_limits<std::uint64_t>::max() / 2, 16);
     EXPECT_EQ(logger.lines(), Lines());
   }

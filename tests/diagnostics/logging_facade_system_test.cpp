@@ -41,7 +41,7 @@ class LoggingFacadeSystemTest : public ::testing::Test {
   ~LoggingFacadeSystemTest() override { shutDownLogging(); }
 
   void setMode(std::uint32_t mode) { own_.setDword(test::kPolicy, test::kFilterMode, mode); }
-  // Ends the logger. Without what the rotation time gives at debug level.
+  // Ends the logger; returns its messages without the debug lines about the rotation time.
   Texts messages() const {
     shutDownLogging();
     Texts all = test::messagesOf(test::recordsIn(logs_));

@@ -117,7 +117,7 @@ TEST(EventFilterMode, ValueThatCannotBeRead_CountsAsNone) {
 }
 
 constexpr char kSession[] = "0f8fad5b-d9cb-469f-a165-70867728950e";
-// What the fixture's rotation time, which changes nothing, gives at debug level.
+// The debug line for the fixture's rotation time, which changes nothing.
 constexpr char kSameTime[] =
     "<DEBUG> 0 New rotation time is (\"0\") mins which is the same as the last rotation time";
 
@@ -134,7 +134,7 @@ class LoggingFacadeTest : public ::testing::Test {
   std::vector<fs::path> files() const { return filesIn(logs_); }
   Texts lines() const { return summaries(recordsIn(logs_)); }
   void setPolicy(std::uint32_t mode) { ports_.registry.setDword(kPolicy, kFilterMode, mode); }
-  // Waits until the policy has been looked at, and what was found is in force.
+  // Waits until the policy has been read and is in force.
   void awaitPolicy() {
     // The rest of the look that is under way, the next look's first read, and the first read of
     // the one after that, before which what was found has come into force.
@@ -336,7 +336,7 @@ TEST_F(LoggingFacadeTest, MissingRotationTime_IsTheFirstRecordOfEveryFile) {
 }
 
 TEST_F(LoggingFacadeTest, ProcessThatExitsWhileLogging_EndsAtOnce) {
-  // The files are looked at from within: the test may run in a process of its own.
+  // The files are checked in the same process: the test may run in a separate one.
   const auto logAndExit = [this] {
     logInfo("last words");
     std::exit(lines() == Texts{"<INFO> 0 last words"} ? 0 : 1);

@@ -1,4 +1,4 @@
-// A log call below the threshold asks nothing of the system.
+// A log call below the threshold makes no system call.
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -29,7 +29,7 @@ class SystemCallsTest : public ::testing::Test {
   test::ScopedVariable registry_{"ZELTA_REGISTRY", folder_.file("none.reg")};
 };
 
-// From now on any system call of the thread, except the process's end, kills the process.
+// Makes every later system call of the thread, except the process's end, kill the process.
 bool forbidSystemCalls() {
   std::array<sock_filter, 4> program = {
       sock_filter BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),

@@ -1,4 +1,4 @@
-"""Every command in the documentation is run, or stands below with the reason why it is not."""
+"""Runs every command in the documentation, except those listed below with a reason."""
 
 import itertools
 import os
@@ -24,7 +24,7 @@ import screenshot  # noqa: E402  (its folder is known from here on)
 PACKAGE = "tests/packaging/debian/package_test.py"
 OPENSC = "/usr/lib/x86_64-linux-gnu/opensc-pkcs11.so"
 
-# Commands that are not run: why, and a file with the text there that covers them instead.
+# Commands that are not run: the reason, and a file and text that cover them instead.
 EXCUSED = {
     "docs/changing.md": {
         "./zelta mutate NAME": ("builds a broken copy", "tests/mutations/CMakeLists.txt",
@@ -70,10 +70,10 @@ EXCUSED = {
             "PACKAGE/zelta_vsc.dll PACKAGE/zelta-agent.exe PACKAGE/zelta-setup.exe")},
     },
 }
-# What the package's tests run, in a copy of the system, with systemd or without.
+# Run by the package's tests, in a copy of the system, with systemd or without.
 OF_THE_PACKAGE = (docs_commands.is_for_systemd, docs_commands.is_for_package_manager)
 
-# What the troubleshooting page quotes of other programs.
+# Messages of other programs that the troubleshooting page quotes.
 MESSAGES_OF_OTHERS = {
     "Error with library", "No such file or directory", "invalid directory",  # pcscd
     "Permission denied", "PIN code or key incorrect", "PIN length out of range",
@@ -90,7 +90,7 @@ STAYS = {"./zelta logs --level error", "./zelta trace", "./zelta trace --html pa
 BRINGS_A_CARD = re.compile(r"zelta-agent(?! ctl)|sudo examples/")
 # Asks for the PIN on the terminal, and nowhere else.
 ASKS_FOR_THE_PIN = re.compile(r"curl ")
-# What the text before a command supposes.
+# The preparation that the text before a command supposes.
 NEW_PROFILE = "rm -rf PROFILE; mkdir PROFILE; certutil -N -d sql:PROFILE --empty-password"
 FIRST = {
     "sudo zelta card insert": "sudo zelta card remove",
@@ -105,13 +105,13 @@ FIRST = {
 }
 # pcscd sees a card a moment after it was put in.
 CARD_IS_SEEN = "until opensc-tool --atr; do sleep 0.1; done"
-# What puts it back.
+# The commands that undo it.
 THEN = {"zelta card remove": f"zelta card insert; {CARD_IS_SEEN}",
         "sudo zelta card insert": CARD_IS_SEEN, f"ssh-add -s {OPENSC}": f"ssh-add -e {OPENSC}"}
-# In the place of the build tool: plans the build that a command asks for, and then gives the folder
-# the tests of the build that this one belongs to.
+# Replaces the build tool: plans the build that a command asks for, and then gives the folder the
+# tests of the build that this one belongs to.
 PLANNING_NINJA = f"""#!/bin/sh
-[ $# -eq 0 ] || exec /usr/bin/ninja "$@"  # what configuring asks for
+[ $# -eq 0 ] || exec /usr/bin/ninja "$@"  # for configuring
 /usr/bin/ninja -t commands >/dev/null && echo 'subdirs("{BUILD}")' >CTestTestfile.cmake
 """
 
@@ -233,7 +233,7 @@ class PagesTest(unittest.TestCase):
         return command.source
 
     def run_block(self, block):
-        """Runs the block in one shell, as somebody who pastes it."""
+        """Runs the block in one shell, as if pasted."""
         script = ["set -e -o pipefail"]
         for number, command in enumerate(block):
             script += [FIRST.get(command.text, ""), f"printf '<<{number}>>\\n'",
@@ -278,7 +278,7 @@ class DocumentedPages(PagesTest):
     def setUp(self):
         super().setUp()
         self.add_program("ninja", PLANNING_NINJA)
-        # With the names that the pages have.
+        # With the names that the pages use.
         add_users("me", "USER", group="zelta", members=["me"])
         self.start_real_reader()
         self.start_reader()
@@ -286,7 +286,7 @@ class DocumentedPages(PagesTest):
         self.offer_tls()
 
     def start_real_reader(self):
-        """Starts the reader of another pcscd, which has left the usual place to the first."""
+        """Starts the reader of another pcscd, which leaves the default place to the first."""
         self.real = self.enterContext(stack.Stack())
         self.real.environment["ZELTA_PIPE_ROOT"] = str(self.real.folder / "pipe")
         self.real.start()
@@ -344,7 +344,7 @@ class DocumentedPages(PagesTest):
             f'connect-to = "HOST:443:127.0.0.1:{self.server.port}"\n')
 
     def run_agent(self, command):
-        """In the place of the one that is there."""
+        """Replaces the existing one."""
         self.agent.end()
         wait_until(lambda: run("opensc-tool", "--atr", check=False).returncode != 0, "no card")
         source, variables = command.source, {}

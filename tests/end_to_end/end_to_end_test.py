@@ -28,7 +28,7 @@ def certificate_ids():
     ids = re.findall(r"^ *ID: *([0-9a-f]+)", pkcs11("-O", "--type", "cert").stdout, re.M)
     return sorted(set(ids))
 
-# What `./zelta status` says while pcscd sees a card.
+# The output of `./zelta status` while pcscd sees a card.
 PRESENT = "state:     (present|powered|negotiable|specific)"
 
 
@@ -80,7 +80,7 @@ class EndToEnd(StackTest):
 
     def test_scriptor_exchanges_apdus(self):
         self.stack.start().wait_for_card()
-        # The card is a T=0 one: what it has to say on a selection is fetched.
+        # The card is a T=0 one: its answer to a selection is fetched.
         answer = run("scriptor", input="reset\n00A4040007A0000000790100\n00C000000D\n").stdout
         self.assertRegex(answer, r"< 61 0D\b")
         self.assertRegex(answer, r"< ([0-9A-F]{2} ){13}90 00")
@@ -116,7 +116,7 @@ class EndToEnd(StackTest):
         for how in (signal.SIGTERM, signal.SIGINT, signal.SIGKILL):
             code, seconds = self.stack.pcscd.end(how)
             self.assertLess(seconds, 10, f"end by {how.name}")
-            # Ended by itself, with whatever code pcscd gives, and not by a crash.
+            # Expects that pcscd ended with any exit code, not by a crash.
             self.assertTrue(code >= 0 or code == -how.value, f"end by {how.name}: {code}")
             self.stack.start_pcscd()
             self.stack.wait_for_card()
@@ -155,7 +155,7 @@ class EndToEnd(StackTest):
 
 
 class ZeltaCommand(unittest.TestCase):
-    """What `./zelta` does once everything is built."""
+    """The work of `./zelta` once everything is built."""
 
     def setUp(self):
         self.run_dir = pathlib.Path("/run/zelta-up")
@@ -192,17 +192,17 @@ class ZeltaCommand(unittest.TestCase):
         return self.up.returncode
 
     def assert_run_is_clean(self):
-        # mount(8) has a folder of its own there.
+        # mount(8) has its own folder there.
         self.assertEqual(set(os.listdir("/run")) - {"mount"}, {"pcscd"})
 
     def assert_nothing_left(self):
         self.assert_run_is_clean()
         processes = run("ps", "-o", "stat=,comm=", "-s", self.up.pid, check=False).stdout
-        # One that has ended may be waiting for the system's first process to notice.
+        # A process that has ended may not have been reaped yet.
         self.assertEqual([line for line in processes.splitlines() if line[0] != "Z"], [])
 
     def start_system_pcscd(self):
-        """Starts a pcscd without readers in the place of the system's. Ended after the test."""
+        """Starts a pcscd without readers in place of the system's. Ended after the test."""
         folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
         (folder / "reader.conf.d").mkdir()
         pcscd = stack.Process(["pcscd", "--foreground", "--config", folder / "reader.conf.d"],

@@ -1,4 +1,4 @@
-"""A card at another machine: its agent reaches the one at the driver over ssh.
+"""A card on another machine: its agent reaches the one at the driver over ssh.
 
 Both machines are this one. The user at the driver is no more than a member of the group zelta.
 """
@@ -153,7 +153,7 @@ class CardElsewhere(RemoteTest):
 
     def test_interrupt_ends_both_ends(self):
         self.start()
-        # As from a terminal: everything that the agent has started gets it, too.
+        # As from a terminal: all processes that the agent has started also get it.
         os.killpg(self.near.process.pid, signal.SIGINT)
         self.assertEqual(self.near.process.wait(stack.LIMIT), 0)
         wait_until(lambda: not far_agents(), "the end of the agent at the driver")
@@ -209,7 +209,7 @@ class StalledRemoteLine(RemoteTest):
         self.assertEqual(scard.SCardTransmit(card, protocol, SELECT),
                          [scard.SCARD_S_SUCCESS, [0x6F, 0x00]])
         self.assertLess(time.monotonic() - begun, 5)
-        # The late answer, which comes before this one's, would be another.
+        # The late answer, which comes before this one, would differ.
         self.assertEqual(scard.SCardTransmit(card, protocol, [0x00, 0xFF, 0x00, 0x00]),
                          [scard.SCARD_S_SUCCESS, [0x6D, 0x00]])
         self.assertEqual(scard.SCardTransmit(card, protocol, SELECT), selected)

@@ -1,5 +1,5 @@
-"""A part of the suite as it runs on a machine that permits less: what cannot run there says why and
-counts as skipped, nothing fails, and nothing is left."""
+"""A part of the suite as it runs on a machine that permits less: tests that cannot run there are
+skipped with a reason, nothing fails, and nothing is left behind."""
 
 import os
 import pathlib
@@ -13,7 +13,7 @@ from stack import BUILD
 
 PASSES = ("Completions.test_bash_offers_commands_and_values",
           "DocumentedCommands.test_names_of_our_commands_and_options_exist", "UnloadTest")
-# One of each program that mounts something, and of each way to do it.
+# One test of each program that mounts something, and of each way to do it.
 NEEDS_MOUNTS = (
     "CardElsewhere.test_opensc_signs_with_it_through_an_agent_without_root",
     "DebianInstallation.test_reader_and_service_user_work_after_installation",
@@ -23,7 +23,7 @@ NEEDS_MOUNTS = (
     "OpenscTool", "PcscdEnd", "ReadmePage", "ReaderComesBack",
     "Soak.test_each_disturbance_once_under_load_leaves_every_answer_right",
     "Ssh.test_wrong_pin_is_no_login", "Tstclnt", "ZeltaCommand.test_bad_use_is_refused")
-# What the sources and the build are in, if that is in the folder for temporary files.
+# The folders of the sources and the build, if they are in the folder for temporary files.
 HIDDEN = {path.relative_to("/tmp").parts[0] for path in (stack.SOURCE, BUILD)
           if path.is_relative_to("/tmp")}
 LIMIT = 280  # seconds

@@ -1,4 +1,4 @@
-"""OpenSSH with the card's key, against an sshd of the test's own."""
+"""OpenSSH with the card's key, against the test's own sshd."""
 
 import re
 import unittest
@@ -26,7 +26,7 @@ class Ssh(CardTest):
         self.sshd = Sshd(self.folder, self.folder / "authorized")
 
     def answer_with(self, pin):
-        """What ssh asks is answered with this, and noted."""
+        """Answers ssh's questions with this text, and notes them."""
         script = self.folder / "askpass"
         script.write_text(f'#!/bin/sh\necho "$1" >>{self.folder}/asked\necho {pin}\n')
         script.chmod(0o755)

@@ -1,4 +1,4 @@
-"""An sshd of a test's own, and users for it, in the test's mount namespace."""
+"""A test's own sshd, and users for it, in the test's mount namespace."""
 
 import os
 import pathlib

@@ -1,4 +1,4 @@
-"""A pcscd of the test's own with the reader, and its agent.
+"""The test's own pcscd with the reader, and its agent.
 
 Runs as root. `enter_namespace` moves the process into a private mount namespace with an empty /run,
 so that tests disturb neither each other nor the system's pcscd.
@@ -21,7 +21,7 @@ SOURCE = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ["ZELTA_BUILD_DIR"])
 AGENT = BUILD / "bin" / "zelta-agent"
 PIN = "12345678"
-LIMIT = 60  # seconds that anything may take
+LIMIT = 60  # the most seconds for any operation
 
 _CLONE_NEWNS = 0x00020000
 _MS_REC = 0x4000
@@ -29,7 +29,7 @@ _MS_PRIVATE = 1 << 18
 
 
 class NoMounts(unittest.SkipTest):
-    """The system does not permit what the test has to mount; skips the test."""
+    """The system does not permit a mount that the test needs; skips the test."""
 
     def __init__(self, reason):
         super().__init__(f"no mounts are possible here: {reason}")
@@ -40,7 +40,7 @@ class NoMounts(unittest.SkipTest):
 
 
 def unshare_mounts():
-    """From here on, what the process mounts is private to it and ends with it."""
+    """Makes later mounts of the process private to it; they end with it."""
     libc = ctypes.CDLL(None, use_errno=True)
     if (libc.unshare(_CLONE_NEWNS) != 0
             or libc.mount(b"none", b"/", None, ctypes.c_ulong(_MS_REC | _MS_PRIVATE), None) != 0):
@@ -115,7 +115,7 @@ class Process:
     def end(self, how=signal.SIGTERM):
         """Returns the exit code, and how many seconds the end took."""
         begin = time.monotonic()
-        # A pcscd that is just about to wait for signals can lose one.
+        # pcscd can lose a signal that arrives just before it waits for signals.
         for _ in range(LIMIT // 2):
             if self.process.poll() is None:
                 self.process.send_signal(how)
@@ -159,7 +159,7 @@ class Stack(contextlib.AbstractContextManager):
             print(f"--- {log.name}\n{log.read_text(errors='replace')[-8000:]}")
 
     def start_pcscd(self, *options):
-        # One that was ended early leaves its socket, which would look like the new one's.
+        # A pcscd that was ended early leaves its socket, which would look like the new one's.
         pathlib.Path("/run/pcscd/pcscd.comm").unlink(missing_ok=True)
         self.pcscd = Process(
             ["pcscd", "--foreground", "--info", "--config", self.folder / "reader.conf.d",
@@ -200,7 +200,7 @@ class Stack(contextlib.AbstractContextManager):
 
 
 class StackTest(unittest.TestCase):
-    """A test with a stack of its own, whose logs are shown if it fails."""
+    """A test with its own stack, whose logs are shown if it fails."""
 
     def setUp(self):
         self.stack = self.enterContext(Stack())
@@ -219,7 +219,7 @@ class CardTest(StackTest):
         super().setUp()
         self.stack.start().wait_for_card()
         self.folder = self.stack.folder
-        # What programs leave in their caller's home is left here.
+        # Programs' leftovers in their caller's home go here.
         self.home = dict(os.environ, HOME=str(self.folder), LC_ALL="C.UTF-8")
 
     def run_here(self, *command, **options):

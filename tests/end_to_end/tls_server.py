@@ -1,4 +1,4 @@
-"""A TLS server that demands a certificate of the demo card's CA and notes who came."""
+"""A TLS server that demands a certificate of the demo card's CA and notes its clients."""
 
 import socket
 import ssl
@@ -22,8 +22,8 @@ def make_certificate(folder):
 
 
 class TlsServer:
-    """Serves its page until the process ends. `clients` has the common names of the certificates
-    with which clients have come, `refusals` why others have not."""
+    """Serves its page until the process ends. `clients` has the common names of the clients'
+    certificates, `refusals` the reasons for refused clients."""
 
     def __init__(self, folder, client_authority):
         make_certificate(folder)

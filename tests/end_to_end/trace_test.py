@@ -156,7 +156,7 @@ class StatusAmongOthers(StackTest):
 
 class Trace(CardTest):
     def follow(self, *options):
-        """The trace, which has begun."""
+        """A trace that has begun."""
         log = self.folder / "trace.log"
         trace = Process([TRACE, "--control", self.stack.control, *options], log, self.home)
         wait_until(lambda: " reader 0, " in log.read_text(), "the trace's beginning")
@@ -178,7 +178,7 @@ class Trace(CardTest):
         for shown in (text, saved.read_text(), page.read_text()):
             self.assertNotIn(PIN_DIGITS, shown)
         self.assertEqual(saved.stat().st_mode & 0o777, 0o600)
-        # What was saved is shown again.
+        # The saved trace is shown again.
         self.assertEqual(run(TRACE, saved).stdout, text)
         run(TRACE, saved, "--html", self.folder / "again.html")
         self.assertEqual((self.folder / "again.html").read_text(), page.read_text())
@@ -254,7 +254,7 @@ class Record(StackTest):
         home = dict(os.environ, HOME=str(self.stack.folder), LC_ALL="C.UTF-8")
         texts = [run(*(word or stack.pkcs11_module() for word in command), env=home).stdout
                  for command in self.COMMANDS]
-        # The trace has everything before the removal once it has that.
+        # Once the trace has the removal, it has everything before it.
         self.stack.ctl("remove")
         wait_until(lambda: '"kind":"remove"' in saved.read_text(), "the removal")
         trace.end(signal.SIGINT)
@@ -345,7 +345,7 @@ class Page(StackTest):
         run(SOURCE / "scripts" / "trace_screenshot.py", picture)
         self.assertEqual(size_of(picture.read_bytes()),
                          size_of((SOURCE / "docs" / "trace.png").read_bytes()))
-        # A page on which nothing is drawn makes a far smaller file.
+        # An empty page makes a far smaller file.
         self.assertGreater(picture.stat().st_size, 30000)
 
 

@@ -41,7 +41,7 @@ def send(*apdus):
     shown = run("opensc-tool", "--reader", "0", *words).stdout
     responses = []
     for status, data in re.findall(r"(?ms)^Received \((SW1=.*?)\):?\n(.*?)(?=^Sending|\Z)", shown):
-        # The bytes of a line are followed by the same as text.
+        # The bytes of a line are followed by the same bytes as text.
         data = "".join(re.findall(r"(?m)^(?:[0-9A-F]{2} )+", data)).replace(" ", "")
         responses.append(data + "".join(re.findall(r"0x(\w\w)", status)))
     return responses
@@ -86,7 +86,7 @@ class Examples(stack.StackTest):
                          ["6F038401019000", "010203049000", "6D00"])
 
     def test_agent_that_forwards_follows_the_real_card(self):
-        # The real reader is that of another pcscd, which has left the usual place to the first.
+        # The real reader belongs to another pcscd, which leaves the default place to the first.
         real = self.enterContext(stack.Stack())
         real.environment["ZELTA_PIPE_ROOT"] = str(real.folder / "pipe")
         real.start_pcscd()
@@ -128,7 +128,7 @@ class Examples(stack.StackTest):
         self.assertEqual(atr(), "3b:85:80:01:68:65:6c:6c:6f:66")
         hello, *counts = send("00A4040000", "00B0000000", "00B0000000")
         self.assertEqual(hello, HELLO)
-        # opensc-tool sends commands of its own first.
+        # opensc-tool sends its own commands first.
         first, second = (int.from_bytes(bytes.fromhex(count.removesuffix("9000")), "big")
                          for count in counts)
         self.assertEqual(second, first + 1)

@@ -36,7 +36,7 @@ void expectSlots(std::size_t first, std::initializer_list<Operation> operations)
 #define ZELTA_SLOT(operation) \
   Operation { slotOf(&I::operation), #operation }
 
-// As every interface inherits them.
+// The operations that every interface inherits.
 template <typename I>
 void expectUnknownFirst() {
   expectSlots(0, {ZELTA_SLOT(QueryInterface), ZELTA_SLOT(AddRef), ZELTA_SLOT(Release)});

@@ -56,7 +56,7 @@ TEST_F(CancelTest, RequestThatIsNeverMarkedIsCompletedByTheDriver) {
 TEST_F(CancelTest, SecondMarkIsReportedWithNothingOfTheRequestsHeld) {
   HostOptions releasing;
   releasing.driverError = [this](const std::string& text) {
-    // Needs what would be held, on a thread of its own.
+    // Needs any lock that would be held, so it runs on its own thread.
     std::thread([this] { EXPECT_THAT(releaseWaiting(), ElementsAre(1u, 0u)); }).join();
     errors_.add(text);
   };

@@ -45,7 +45,7 @@ TEST_F(HostTest, EnabledInterfacesCanBeOpenedWhileTheDeviceIsUp) {
 
 struct BringUpFailure {
   const char* name;
-  const char* what;  // goes wrong
+  const char* what;  // fails
   const char* text;
   std::vector<std::string> trace;
   const char* error = nullptr;  // of the driver's, if any

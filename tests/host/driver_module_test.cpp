@@ -8,7 +8,7 @@ namespace {
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 
-// What the system says of a file that is not there.
+// The system's error for a missing file.
 #if defined(_WIN32)
 constexpr char kNoSuchFile[] = "(126)";  // ERROR_MOD_NOT_FOUND
 #else
@@ -83,7 +83,7 @@ TEST(LoadTest, ModuleThatMayNotGoStaysMapped) {
     host.reset();
     EXPECT_TRUE(test::isMapped(FAKE_STAYING_DRIVER));
   }
-  // The reference that stayed behind keeps it for good; the process can still use it.
+  // The leftover reference keeps it loaded for good; the process can still use it.
   EXPECT_NE(DriverHost::load(FAKE_STAYING_DRIVER), nullptr);
 }
 

@@ -1,4 +1,4 @@
-// A host with the fake driver, its trace and what it reported as the driver's errors.
+// A host with the fake driver, its trace and the driver's errors that it reported.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -21,7 +21,7 @@ namespace zelta::host {
 namespace fake = test::fake_driver;
 using namespace std::chrono_literals;
 
-// Longer than anything takes that does not hang.
+// Longer than any operation that does not hang.
 inline constexpr std::chrono::milliseconds kLong = 60s;
 inline constexpr framework::HRESULT kCancelledStatus = status::kCancelled;
 
@@ -63,7 +63,7 @@ class HostTest : public ::testing::Test {
                                       std::size_t capacity = 64) {
     return file_->submit(code, input, capacity, nullptr);
   }
-  // On a thread of its own, for controls that stay in the driver's callback.
+  // Runs the control on its own thread, for controls that block in the driver's callback.
   std::future<IoResult> controlOnThread(std::uint32_t code,
                                         const std::vector<std::uint8_t>& input = {}) {
     return std::async(std::launch::async, [this, code, input] { return control(code, input); });
@@ -91,7 +91,8 @@ class HostTest : public ::testing::Test {
 class StartedHostTest : public HostTest {
  protected:
   void SetUp() override { start(); }
-  // Completes what waits with success: how many could be, and how many were being cancelled.
+  // Completes waiting requests with success; returns how many could be, and how many were being
+  // cancelled.
   std::vector<std::uint32_t> releaseWaiting() {
     return toNumbers(control(fake::kReleaseWaiting, numbers({0})).output);
   }

@@ -29,7 +29,7 @@ TEST_F(ConcurrencyTest, ControlIsDispatchedOnItsCallersThread) {
   EXPECT_EQ(test::threadCount(), threads);
 }
 
-// As the operating system's own host calls a driver with the device-level locking constraint.
+// Calls the driver like the operating system's own host with the device-level locking constraint.
 class SerialisedCallbacksTest : public HostTest, public testing::WithParamInterface<bool> {
  protected:
   void SetUp() override {

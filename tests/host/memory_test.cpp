@@ -1,5 +1,5 @@
 // Memory that runs out, at every possible point of the callers' side: requests are completed once
-// or not begun at all, what was begun is taken back, and the driver can always be taken down.
+// or not begun at all, partial work is undone, and the driver can always be taken down.
 #include <array>
 #include <atomic>
 
@@ -105,7 +105,7 @@ TEST_F(MemoryTest, TearingDown_NeedsNoMemory) {
   }
   for (const auto& operation : operations) EXPECT_TRUE(operation->completed());
   EXPECT_EQ(completions, 4);
-  // The driver completed what it had kept too late; there was no memory to tell of it.
+  // The driver completed its kept request too late; there was no memory to report that.
   EXPECT_THAT(errors(), IsEmpty());
   EXPECT_TRUE(host_->unload());
 }

@@ -30,7 +30,7 @@ TEST_F(TearDownTest, RequestsThatTheDriverKeepsAreCompletedByTheHost) {
   ASSERT_TRUE(operation->completed());
   EXPECT_EQ(operation->result().status, kDeviceGone);
   EXPECT_EQ(completions, 1);
-  // The driver completes it all the same, too late.
+  // The driver still completes it, too late.
   EXPECT_THAT(errors(), ElementsAre(HasSubstr("completed a request twice")));
   EXPECT_TRUE(host_->unload());
 }

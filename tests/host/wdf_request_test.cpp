@@ -1,4 +1,4 @@
-// What the driver sees of one I/O control, and what its caller gets back.
+// An I/O control as the driver sees it, and its result for the caller.
 #include <array>
 
 #include "tests/host/host_fixture.h"
@@ -59,7 +59,7 @@ TEST_P(ExchangeTest, Control_GivesItsResultAndTheNextOneWorks) {
 INSTANTIATE_TEST_SUITE_P(Controls, ExchangeTest, ::testing::ValuesIn(kExchanges),
                          [](const auto& each) { return each.param.name; });
 
-// What was in the memory before is nobody's business.
+// The memory's former content must not be exposed.
 TEST_F(IoControlTest, OutputThatTheDriverDidNotWriteIsZero) {
   const std::vector<std::uint8_t> before(60, 0x55);
   EXPECT_EQ(control(fake::kEcho, before, 64).output, before);
@@ -165,7 +165,7 @@ TEST_F(IoControlTest, WaitingRequestIsDispatchedButNotCompleted) {
 TEST_F(IoControlTest, TimeOutCancelsTheRequest) {
   const IoResult result = file_->control(fake::kWait, {}, 0, 1ms);
   EXPECT_EQ(result.status, kTimedOut);
-  // Cancelled, now or as soon as it is marked; it is not there to be released.
+  // It is cancelled, now or as soon as it is marked, so it cannot be released.
   EXPECT_EQ(releaseWaiting()[0], 0u);
 }
 

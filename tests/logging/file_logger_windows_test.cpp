@@ -41,7 +41,7 @@ class FileLoggerWindowsTest : public ::testing::Test {
     ports_.registry.setText(kAgentKey, kRotationTime, text);
   }
   void changeTime(const std::u16string& text) { ports_.change(kAgentKey, kRotationTime, text); }
-  // Waits until the logger waits for that time, in milliseconds after its first file.
+  // Blocks until the logger waits for that time, in milliseconds after its first file.
   void awaitDeadline(std::int64_t milliseconds) {
     // Files remember their time to the millisecond, which kMarchTime is.
     ports_.clock.awaitDeadline(kMarchTime + milliseconds * platform::kClockUnitsPerMillisecond);
@@ -320,7 +320,7 @@ class DestroyingClock final : public platform::WallClock {
   std::unique_ptr<FileLoggerWindows> logger_;
 };
 
-// The log files of the process that dies: a death test may run in a process of its own.
+// The log files of the process that dies: a death test may run in a separate process.
 fs::path folderOfTheDying;
 
 [[noreturn]] void showTheLastRecordAndDie() {

@@ -37,7 +37,7 @@ TEST(LoggerBase, VirtualOperations_FollowTheDestructorInOrder) {
   EXPECT_EQ(slotOf(&FileLoggerWindows::writeLine), kDestructorEntries + 4);
 }
 
-// Keeps what reaches the operation that takes the code by value.
+// Records the calls of the operation that takes the code by value.
 class Probe : public LoggerBase {
  public:
   Probe() : LoggerBase(4) {}

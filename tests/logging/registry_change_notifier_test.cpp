@@ -253,7 +253,7 @@ TEST_F(RegistryChangeNotifierTest, DestroyedWhileItWaits_EndsAtOnce) {
 
 TEST_F(RegistryChangeNotifierTest, DestroyedByItsOwnCallback_SaysSoBeforeTheProcessEnds) {
   const auto destroyFromTheCallback = [&] {
-    logger_.printLines();  // where a dying process is read
+    logger_.printLines();  // EXPECT_DEATH reads standard error
     std::unique_ptr<RegistryChangeNotifier> notifier;
     notifier = make([&](const std::string& text) {
       if (text == "end") notifier.reset();

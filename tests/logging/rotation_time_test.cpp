@@ -83,7 +83,7 @@ INSTANTIATE_TEST_SUITE_P(RotationTime, RotationMinutes, testing::ValuesIn(kRules
                          [](const auto& each) { return each.param.name; });
 
 TEST(RotationTime, LocaleWithADecimalComma_ChangesNothing) {
-  // Any of these; a system that has none of them has no such locale to be disturbed by.
+  // Any of these will do; a system without them has no locale that could disturb the result.
   const std::string before = std::setlocale(LC_ALL, nullptr);
   for (const char* name : {"de_DE.UTF-8", "de_DE.utf8", "fr_FR.UTF-8"}) {
     if (std::setlocale(LC_ALL, name) != nullptr) break;

@@ -76,7 +76,7 @@ TEST_F(TextFileTest, LinesOfTwoThreads_StayWhole) {
 }
 
 TEST_F(TextFileTest, LinesOfTwoObjectsOnOneFile_StayWhole) {
-  // As of two processes that have made the same name in the same millisecond.
+  // Like two processes that have made the same name in the same millisecond.
   TextFile first(path_);
   TextFile second(path_);
   first.writeLine("first");
@@ -124,7 +124,7 @@ TEST_F(TextFileTest, FileThatIsLeftAlone_KeepsItsLines) {
   EXPECT_EQ(fileLines(path_), (Lines{"heading", "one", "two"}));
 }
 
-// The time that passes before a file that was emptied or removed is looked for again.
+// The time until an emptied or removed file is looked for again.
 class LostFileTest : public TextFileTest, public testing::WithParamInterface<std::int64_t> {};
 
 TEST_P(LostFileTest, Emptied_BeginsWithItsHeading) {

@@ -118,7 +118,7 @@ TEST(FileMode, NewFileAndOneThatWasRemoved_AreForOwnerAndGroupOnly) {
   umask(before);
 }
 
-// This thread opens what is there, but has no descriptor whenever it is to make a new file.
+// Lets this thread open existing files, but gives it no descriptor for a new file.
 void haveNoDescriptorForNewFiles() {
   constexpr std::uint32_t kFlags = offsetof(seccomp_data, args) + 2 * sizeof(std::uint64_t);
   std::array<sock_filter, 6> steps = {{

@@ -1,6 +1,6 @@
-// A driver host as a process of its own, for the tests of the module, whose path is its argument.
-// Says "up" when the driver is up; then takes a command a line and answers each with a line. Ends
-// with its input.
+// A driver host as a separate process, for the tests of the module, whose path is its argument.
+// Prints "up" when the driver is up; then takes one command a line and answers each with a line.
+// Ends with its input.
 //
 //   control CODE CAPACITY [HEX]   an I/O control with that input: "STATUS OUTPUT"
 //   submit CODE                   one that waits, without buffers: "ok" when it is in the driver

@@ -35,7 +35,7 @@ class HostedModuleTest : public ::testing::Test {
     return value != nullptr && std::string(value) == "1";
   }
 
-  // The end of the driver, after which its log is complete.
+  // Ends the driver; its log is then complete.
   void end() {
     host_->tearDown();
     EXPECT_TRUE(host_->unload());
@@ -47,19 +47,19 @@ class HostedModuleTest : public ::testing::Test {
   Status statusOf(std::uint32_t code, const Bytes& input = {}, std::size_t capacity = 0) {
     return control(code, input, capacity).status;
   }
-  // A request that waits for a card to come or go; returned once it is in the driver.
+  // Submits a request that waits for a card to come or go; returns once it is in the driver.
   std::shared_ptr<host::IoOperation> submitWaiting(std::uint32_t code) {
     return file_->submit(code, {}, 0, nullptr);
   }
-  // One that ends with an exchange which the test takes part in.
+  // A control that ends with an exchange with the test.
   std::future<host::IoResult> controlOnThread(std::uint32_t code, const Bytes& input,
                                               std::size_t capacity) {
     return std::async(std::launch::async,
                       [this, code, input, capacity] { return control(code, input, capacity); });
   }
 
-  // The agent comes, as it can once somebody waits for a card, and is let in: the driver asks it
-  // for the card's ATR first of all.
+  // Connects the agent, which the driver accepts once a request waits for a card; the driver first
+  // asks it for the card's ATR.
   void connectAgent() {
     const auto waiting = submitWaiting(IOCTL_SMARTCARD_IS_PRESENT);
     ASSERT_TRUE(agent_.connect());

@@ -1,7 +1,6 @@
-// For the test programs that look for leaks in the module. What it keeps for the life of the
-// process, a few hundred bytes deliberately never freed, is only found again by a leak checker
-// while the module is mapped; so under one the module stays. Elsewhere it comes and goes with each
-// test.
+// For the test programs that look for leaks in the module. It keeps a few hundred bytes,
+// deliberately never freed, which a leak checker finds again only while the module is mapped; so
+// under one the module stays. Elsewhere it is loaded and unloaded with each test.
 #include <gtest/gtest.h>
 
 #include <memory>

@@ -1,6 +1,6 @@
-// For the test program that shows that the module goes. What that keeps for the life of the process
-// cannot be found again once it is unmapped (leak_check_pinned.cpp), so a leak checker would report
-// it. The tests of the folders look for leaks of the same code.
+// For the test program that checks that the module is unmapped. A leak checker would then report
+// the memory that it never frees (leak_check_pinned.cpp). The tests of the folders look for leaks
+// of the same code.
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
 #define LEAKS_ARE_CHECKED 1

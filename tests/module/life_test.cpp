@@ -1,5 +1,5 @@
-// How long the module stays: after it has said that it may go, nothing of it is left; a process may
-// end whatever its driver is doing.
+// The module's lifetime: once it agrees to be unloaded, nothing of it is left; a process may end
+// whatever its driver is doing.
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
@@ -16,7 +16,8 @@ namespace {
 
 class UnloadTest : public HostedModuleTest {
  protected:
-  // Once settles what the process itself opens for good, GoogleTest's own thread with it.
+  // One run first, for everything that the process opens for good, including GoogleTest's own
+  // thread.
   void SetUp() override {
     ASSERT_NO_FATAL_FAILURE(connectAgent());
     end();
@@ -91,8 +92,8 @@ class LoadedModuleTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 
-  // As a tool does: loads the module and has it registered, does what the test wants while the
-  // module is loaded, and gives it up without a question.
+  // Like a tool: loads the module and has it registered, runs the action while the module is
+  // loaded, and unloads it without asking.
   template <typename Action>
   static void registerAndCloseUnasked(Action whileLoaded) {
     const DriverExports exports(DriverExports::AtTheEnd::kIsNotAsked);
@@ -100,8 +101,7 @@ class LoadedModuleTest : public ::testing::Test {
     whileLoaded();
   }
 
-  // As a host does: brings the driver up and takes it down, and gives the module up without a
-  // question.
+  // Like a host: brings the driver up, takes it down, and unloads the module without asking.
   static void runAndCloseUnasked() {
     const DriverExports exports(DriverExports::AtTheEnd::kIsNotAsked);
     FakeFramework framework(exports.driver());
@@ -111,8 +111,8 @@ class LoadedModuleTest : public ::testing::Test {
     framework.deinitialize();
   }
 
-  // Changes the policy and waits until both of the logger's threads that look at the registry have
-  // seen it: what one of them says about a rotation time is written at the other's threshold.
+  // Changes the policy and waits until both of the logger's threads that read the registry have
+  // seen it: one writes about a rotation time at the threshold that the other sets.
   void changePolicy(std::uint32_t eventFilterMode, const char* written) {
     world_.setPolicy(eventFilterMode);
     const auto deadline = std::chrono::steady_clock::now() + kLong;
@@ -128,7 +128,7 @@ class LoadedModuleTest : public ::testing::Test {
 };
 
 TEST_F(LoadedModuleTest, ClosedUnaskedAfterItsDriverIsGone_LeavesNothing) {
-  runAndCloseUnasked();  // settles what the process itself opens for good
+  runAndCloseUnasked();  // for everything that the process opens for good
   const std::size_t threads = threadCount();
   const std::vector<std::string> files = openFiles();
   for (int round = 0; round < repetitions(20); ++round) {
@@ -217,7 +217,7 @@ TEST_F(LoadedModuleTest, ModuleAskedWhetherItMayGoWhileItIsUsed_ServesItsUsers) 
   for (std::thread& thread : threads) thread.join();
 }
 
-// In a process of its own, made anew: no thread of the test's is there.
+// In a new separate process, without the test's threads.
 class ProcessExitTest : public HostedModuleTest {
  protected:
   static void SetUpTestSuite() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }

@@ -1,4 +1,4 @@
-// What the tests of the driver module share: its surroundings (log folder, pipes, registry), its
+// Shared by the tests of the driver module: its surroundings (log folder, pipes, registry), its
 // exports, and an agent with a card.
 #pragma once
 
@@ -21,10 +21,10 @@ namespace zelta::test {
 
 using namespace std::chrono_literals;
 
-// Longer than anything takes that does not hang.
+// Longer than any operation that does not hang.
 inline constexpr std::chrono::milliseconds kLong = 60s;
 
-// What a transmit takes and gives: protocol, header length, then the APDU.
+// A transmit's input and output: protocol, header length, then the APDU.
 inline Bytes transmitBuffer(std::uint32_t protocol, const Bytes& apdu) {
   return number(protocol, number(kTransmitHeaderSize, apdu));
 }
@@ -34,8 +34,7 @@ inline constexpr std::uint32_t kEveryLevel = 3;
 
 // The surroundings of one test; made before the module is loaded. On Linux they are a folder of the
 // test's own. On Windows they are the system's: the log folder is emptied and removed, and so are
-// the registry keys, so that such tests run one at a time and under Wine, not on somebody's
-// machine.
+// the registry keys, so such tests run one at a time and only under Wine.
 class ModuleWorld {
  public:
   // With the policy that writes every level.
@@ -47,7 +46,7 @@ class ModuleWorld {
   // The records of all log files. Complete once the module is unloaded.
   std::vector<LogLine> log() const;
   std::vector<std::string> logSummaries() const { return summaries(log()); }
-  // How often the log has that text by now; also while the module writes.
+  // How often the log has that text so far; also while the module writes.
   std::size_t countInLog(const std::string& text) const;
   // How many log files there are.
   std::size_t logFiles() const;
@@ -61,7 +60,7 @@ class ModuleWorld {
   void setRotationTime(const std::string& text);
 
  private:
-  struct System;  // what the operating system's kind of surroundings consists of
+  struct System;  // the surroundings on each operating system
 
   std::filesystem::path logFolder() const;
 
@@ -74,7 +73,7 @@ class DriverExports {
   enum class AtTheEnd { kMustGo, kIsNotAsked };
 
   explicit DriverExports(AtTheEnd end = AtTheEnd::kMustGo);
-  // Unloads; a failure of the test if the module is to let go and does not.
+  // Unloads; the test fails if the module should be unloaded and is not.
   ~DriverExports();
   DriverExports(const DriverExports&) = delete;
   DriverExports& operator=(const DriverExports&) = delete;

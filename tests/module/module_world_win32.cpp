@@ -46,7 +46,7 @@ struct ModuleWorld::System {
 };
 
 ModuleWorld::ModuleWorld() : system_(std::make_unique<System>()) {
-  // What an earlier process left that did not come to its end.
+  // Removes the leftovers of an earlier process that did not end properly.
   removeFolder();
   removeKeys();
   fs::create_directories(logFolder());

@@ -1,5 +1,5 @@
-// The driver's host and the agent's program as processes of their own: they crash, end and are
-// started again.
+// The driver's host and the agent's program as separate processes: they crash, end and are started
+// again.
 #include <gmock/gmock.h>
 
 #include <fstream>
@@ -40,7 +40,7 @@ class ProcessesTest : public ::testing::Test {
     return agent;
   }
   static bool awaitCard(HostProgram& host) { return host.submit(IOCTL_SMARTCARD_IS_PRESENT); }
-  // The card that is awaited comes and is made ready; a request for its removal waits.
+  // Expects that the awaited card comes and is made ready; a request for its removal then waits.
   static void expectCard(HostProgram& host) {
     ASSERT_THAT(host.result(), StartsWith(HostProgram::kDone));
     EXPECT_EQ(host.reset(), CardAgent::atrOfT1());

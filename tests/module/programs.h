@@ -15,7 +15,7 @@
 
 namespace zelta::test {
 
-// host_program.cpp: a driver host with the module. A failure of the test if it does not come up.
+// Runs host_program.cpp, a driver host with the module. The test fails if it does not come up.
 class HostProgram {
  public:
   HostProgram() : process_(ZELTA_HOST_PROGRAM_OF_TESTS, {ZELTA_VSC_MODULE}) {

@@ -12,7 +12,7 @@ from mutations import MUTATIONS
 SOURCE = pathlib.Path(os.environ["ZELTA_SOURCE_DIR"])
 PAGES = ("threads", "wire-protocol")
 
-# Nothing of it is in the build that is mutated.
+# The mutated build does not contain their code.
 WINDOWS_ONLY = {"wire-protocol: given up on Windows 1", "wire-protocol: given up on Windows 2"}
 # About several rules of other sections, or facts about the code.
 SECTIONS_WITHOUT_RULES = {

@@ -80,7 +80,7 @@ class Copy:
             raise RuntimeError(done.stdout.decode(errors="replace")[-3000:])
 
     def failed_tests(self, program, tests, limit=600):
-        """What failed; empty if everything passed. Raises if no test ran."""
+        """The failed tests; empty if all passed. Raises if no test ran."""
         command = [os.path.join(self.build, "bin", program), f"--gtest_filter={tests}",
                    "--gtest_fail_fast", "--gtest_brief=1"]
         try:
@@ -99,7 +99,7 @@ class Copy:
 
 
 def try_mutation(copy, mutation, limit):
-    """What the suite noticed; empty if nothing."""
+    """The failures that the suite noticed; empty if none."""
     path = os.path.join(copy.source, mutation.file)
     original = read(path)
     if original.count(mutation.old) != 1:

@@ -15,14 +15,14 @@ using std::chrono::milliseconds;
 using test::ControlDouble;
 using Clock = std::chrono::steady_clock;
 
-// No agent of the machine's serves it.
+// No agent on the machine serves it.
 constexpr std::uint32_t kReader = 4000000007;
 constexpr milliseconds kShort{50};
 constexpr milliseconds kLong{120000};
 
 class AgentStatus : public testing::Test {
  protected:
-  // Asks with much time; it must not be used up.
+  // Asks with a long limit, which must not be used up.
   bool hasCard() {
     const auto begun = Clock::now();
     const bool has = agentHasCard(kReader, begun + kLong);

@@ -18,7 +18,7 @@
 namespace zelta::test {
 namespace {
 
-// The world of the input that is played.
+// The world of the current input.
 struct World {
   std::array<std::shared_ptr<FakeReader>, 2> readers{std::make_shared<FakeReader>(),
                                                      std::make_shared<FakeReader>()};
@@ -26,7 +26,7 @@ struct World {
 };
 World* world = nullptr;  // the playing function's
 
-// A result as a host gives it: no more output than was asked for and than the driver announced.
+// A result as from a host: no more output than was requested and than the driver announced.
 host::IoResult fitting(host::IoResult result, std::size_t capacity) {
   result.output.resize(std::min({result.output.size(), capacity, result.information}));
   return result;
@@ -48,7 +48,7 @@ class AnyCalls {
   }
 
  private:
-  // A buffer of exactly the length that the call is told; none if the byte says so.
+  // A buffer of exactly the length in the call; none if the byte says so.
   struct Buffer {
     explicit Buffer(Bytes content) : bytes(std::move(content)), length(bytes.size()) {}
     PUCHAR data() { return bytes.empty() ? nullptr : bytes.data(); }
@@ -201,7 +201,7 @@ class AnyCalls {
             "an open channel knows whether a card is in");
   }
 
-  // The functions are pcscd's to keep, also for a channel that is not open any more.
+  // pcscd may keep the functions, also after the channel was closed.
   void poll() {
     const DWORD number = lun();
     DWORD length = sizeof poll_;
@@ -275,7 +275,7 @@ void playAnyCalls(const std::uint8_t* data, std::size_t size) {
 
 }  // namespace zelta::test
 
-// --- What the handler has of its process, in the place of the libraries' own ---
+// --- The handler's dependencies on its process, in place of the libraries' own ---
 
 // NOLINTNEXTLINE(readability-identifier-naming): pcscd's name.
 extern "C" void log_msg(int, const char*, ...) {}

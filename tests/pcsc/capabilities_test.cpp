@@ -50,7 +50,7 @@ TEST_F(CapabilitiesTest, TagsOfTheHandler_AreAnsweredWithoutTheDriver) {
   EXPECT_EQ(reader_->count(IOCTL_SMARTCARD_GET_ATTRIBUTE), 0u);
 }
 
-// Whatever the contract's table has as a text, and nothing else.
+// Every text in the contract's table, and nothing else.
 TEST_F(CapabilitiesTest, Texts_LoseTheirTerminatingZeroAndNothingElseDoes) {
   insert();
   const Bytes value{0x3B, 0x01, 0x41, 0x00};  // is an ATR, too

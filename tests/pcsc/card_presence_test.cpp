@@ -21,7 +21,7 @@ using Clock = std::chrono::steady_clock;
 constexpr milliseconds kShort{30};
 constexpr milliseconds kLong{120000};
 
-// Each test tells a story in words, with pcscd's polling thread played by the test's own.
+// Each test tells a story in words; the test's thread plays pcscd's polling thread.
 class CardPresenceTest : public testing::Test {
  protected:
   void tell(const std::string& story) {
@@ -54,7 +54,7 @@ class CardPresenceTest : public testing::Test {
   }
 
   const std::map<std::string, std::function<void()>> words_{
-      // What the driver reports.
+      // The driver's reports.
       {"enter",
        [this] {
          presence_.expectCard();
@@ -67,7 +67,7 @@ class CardPresenceTest : public testing::Test {
          EXPECT_FALSE(presence_.cardEntered());
        }},
       {"leave", [this] { presence_.cardLeft(); }},
-      // What pcscd's calls do.
+      // pcscd's calls.
       {"stop", [this] { presence_.stopAwaiting(); }},
       {"close", [this] { presence_.close(); }},
       {"refuse",
@@ -84,7 +84,7 @@ class CardPresenceTest : public testing::Test {
       {"client-asks", [this] { std::thread([this] { presence_.reportCard(); }).join(); }},
       {"use", [this] { use_.emplace(presence_); }},
       {"used", [this] { use_.reset(); }},
-      // What the polling thread sees.
+      // Checks of the polling thread.
       {"told", [this] { EXPECT_TRUE(pollEndsWithin(kLong, kLong / 2)); }},
       {"quiet", [this] { EXPECT_FALSE(pollEndsWithin(kShort, kShort)); }},
       {"past-limit", [this] { EXPECT_TRUE(pollEndsWithin(milliseconds(-1), kLong)); }},
@@ -98,7 +98,7 @@ class CardPresenceTest : public testing::Test {
          EXPECT_NE(seen_, before);
        }},
       {"late", [this] { EXPECT_GE(Clock::now() - refused_, CardPresence::kSettlingTime); }},
-      // What a call that works with the card finds.
+      // Checks of a call that works with the card.
       {"usable",
        [this] {
          EXPECT_TRUE(presence_.isShown(seen_));

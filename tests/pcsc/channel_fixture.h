@@ -36,7 +36,7 @@ class LogLines {
 inline constexpr framework::HRESULT kGenFailure = status::kGenFailure;
 inline const Bytes kAtr{0x3B, 0x95, 0x13, 0x81, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00};
 
-// A command as pcscd sends it; the answer is taken into a buffer of that size.
+// Sends a command like pcscd, with a buffer of that size for the answer.
 inline pcsc::Reply transmit(pcsc::Channel& channel, DWORD protocol, const Bytes& command,
                             std::size_t capacity) {
   Bytes answer(capacity);
@@ -54,7 +54,7 @@ class ChannelTest : public testing::Test {
         "dev0", reader_->open(), [] { return nullptr; }, log_->log());
   }
 
-  // pcscd's polling function, with what it does of its own accord afterwards.
+  // Calls the channel's polling function, like pcscd's polling thread.
   void poll() { channel_->awaitChange(FakeReader::kLimit); }
 
   void insert() {
@@ -71,7 +71,7 @@ class ChannelTest : public testing::Test {
     poll();
     ASSERT_EQ(channel_->checkPresence(), IFD_ICC_NOT_PRESENT);
   }
-  // The card, which has not moved, left for pcscd; it comes back by itself.
+  // Expects that pcscd sees the card, which has not moved, leave and come back.
   void expectReinsertion() {
     EXPECT_EQ(channel_->checkPresence(), IFD_ICC_NOT_PRESENT);
     poll();  // for the removal

@@ -28,7 +28,7 @@ RESPONSECODE send(Channel& channel) {
   return reply.code;
 }
 
-// What the driver may say of a card that has just left, or of the next one.
+// A possible answer of the driver for a card that has just left, or for the next one.
 host::IoResult validAnswer(const FakeReader::Request& request) {
   Bytes answer = request.input;
   if (answer.size() > kTransmitHeaderSize) answer.resize(kTransmitHeaderSize);
@@ -50,7 +50,7 @@ const CardCall kCalls[] = {
 
 class RemovalTest : public test::ChannelTest, public testing::WithParamInterface<CardCall> {
  protected:
-  // The card leaves while the driver works on the call, which it then answers so.
+  // Removes the card while the driver works on the call, which it then answers with `answer`.
   RESPONSECODE callAndRemove(const FakeReader::Answer& answer) {
     reader_->answer(GetParam().code, [this, answer](const auto& request) {
       reader_->removeCard();

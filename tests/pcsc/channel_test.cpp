@@ -84,7 +84,7 @@ const PowerFailure kPowerFailures[] = {
     {"MuteNewCard", false, IFD_POWER_UP, failedWith(kMute), IFD_ERROR_POWER_ACTION, false, ""},
     {"NewCardWithoutMedia", false, IFD_POWER_UP, failedWith(status::kNoMedia), IFD_ICC_NOT_PRESENT,
      false, ""},
-    // The driver writes nothing then and says how much there would have been.
+    // The driver then writes nothing and returns the full length.
     {"AtrThatIsTooLong",
      false,
      IFD_POWER_UP,
@@ -120,7 +120,7 @@ TEST_P(PowerFailureTest, IsToldAndTheCardIsPoweredUpByALaterTry) {
   EXPECT_EQ(lines.empty() ? "" : lines[0], failure.line);
   if (failure.isReinserted) {
     expectReinsertion();
-    // Still mute, it stays in: it has not answered since it is back.
+    // It is still mute and stays in: it has not answered since it came back.
     EXPECT_EQ(channel_->power(IFD_POWER_UP).code, failure.code);
   }
   EXPECT_EQ(channel_->checkPresence(), IFD_SUCCESS);

@@ -1,4 +1,4 @@
-// Commands: under which protocol they are sent, and what becomes of their answers.
+// Commands: the protocol under which they are sent, and their answers.
 #include "contract/reader_states.h"
 #include "tests/pcsc/channel_fixture.h"
 

@@ -15,10 +15,10 @@ using test::ControlDouble;
 using test::FakeReader;
 using Clock = std::chrono::steady_clock;
 
-// What the agent of dev0 says is the test's.
+// The test answers for the agent of dev0.
 class FirstCardTest : public test::TableTest {
  protected:
-  // Gives the answer to the question of that number, from 1 on.
+  // Returns the answer to the question with that number, from 1.
   using AgentHasCard = std::function<bool(int question)>;
 
   void open(const AgentHasCard& agentHasCard) {

@@ -85,7 +85,7 @@ class HandlerFixture : public testing::Test {
   static constexpr DWORD kOtherLun = 0x10000;
   static constexpr int kLong = 30000;  // milliseconds
 
-  // The library may go only after its threads.
+  // The library may be unloaded only after its threads have ended.
   void TearDown() override {
     if (handler_->presence(kLun) == IFD_NO_SUCH_DEVICE) return;
     EXPECT_EQ(handler_->close(kLun), IFD_SUCCESS);
@@ -101,7 +101,7 @@ class HandlerFixture : public testing::Test {
     ASSERT_TRUE(agent_.connect());
     waitForPresence(IFD_SUCCESS);
   }
-  // As pcscd's event thread does.
+  // Waits like pcscd's event thread.
   void waitForPresence(RESPONSECODE wanted) {
     const auto poll = handler_->pollFunction(kLun);
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kLong);

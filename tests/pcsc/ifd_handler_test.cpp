@@ -210,7 +210,7 @@ TEST_F(IfdHandlerTest, CloseDuringACommand_SucceedsAndEndsIt) {
   agent_.die();
 }
 
-// pcscd, ended by a signal, exits with all its threads where they are.
+// When a signal ends pcscd, it exits without stopping its threads.
 TEST(IfdHandlerProcessTest, ExitWithAChannelOpenAndThreadsInside_IsClean) {
   testing::GTEST_FLAG(death_test_style) = "threadsafe";
   EXPECT_EXIT(

@@ -1,5 +1,5 @@
-// Memory that runs out, at every possible point of pcscd's calls: they fail, nothing is left
-// behind, and the next call and the next card work.
+// Memory that runs out, at every possible point of pcscd's calls: they fail without leftovers, and
+// the next call and the next card work.
 #include <algorithm>
 #include <array>
 #include <functional>
@@ -150,7 +150,7 @@ class HandlerMemoryTest : public HandlerFixture, public testing::WithParamInterf
     Bytes atr;
     ASSERT_EQ(power(IFD_POWER_UP, &atr), IFD_SUCCESS);
   }
-  // After an exchange with the agent that broke off in its middle.
+  // Call after an interrupted exchange with the agent.
   void reconnect() {
     agent_.die();
     waitForPresence(IFD_ICC_NOT_PRESENT);
@@ -170,7 +170,7 @@ TEST_P(HandlerMemoryTest, RunsOut_AndTheCallGivesACodeAndWorksAgain) {
     sweep.run([&] { code = call(); });
     // The driver itself may find no memory in the middle of an exchange: the card counts as gone.
     const bool broken = code == IFD_ICC_NOT_PRESENT;
-    // A shortage that only kept a further thread from being made is none for the call.
+    // A shortage that only prevented a further thread does not fail the call.
     EXPECT_TRUE(code == IFD_SUCCESS || (sweep.ranOut() && (code == IFD_COMMUNICATION_ERROR ||
                                                            code == GetParam().failure || broken)))
         << code << " with " << sweep.allocations();

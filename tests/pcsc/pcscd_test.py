@@ -1,4 +1,4 @@
-"""The handler under the real pcscd, with the real driver module and an agent of the test's."""
+"""The handler under the real pcscd, with the real driver module and the test's agent."""
 
 import contextlib
 import signal
@@ -26,7 +26,7 @@ def setUpModule():
 
 
 class Agent:
-    """An agent whose card does as the test says. It answers on a thread of its own."""
+    """An agent whose card follows the test. It answers on its own thread."""
 
     def __init__(self, atr=b""):
         self.atr = atr  # empty: no card is in
@@ -189,7 +189,7 @@ class PcscdTest(stack.StackTest):
         self.assertEqual(self.client.transmit(SELECT), (self.scard.SCARD_S_SUCCESS, SELECT + OK))
 
     def assert_prompt_end(self, how, bound=PROMPT):
-        """Not by a crash. The exit code is 1 for an interrupt, with any handler."""
+        """Expects an end without a crash. The exit code is 1 for an interrupt, with any handler."""
         code, seconds = self.stack.pcscd.end(how)
         self.stack.pcscd = None
         self.assertGreaterEqual(code, 0, "pcscd died")
@@ -355,7 +355,7 @@ class PcscdMuteCard(PcscdTest):
     def test_after_an_idle_power_off_is_reinserted_once(self):
         for failures in (1, 1000):
             self.start_connected()
-            # As after the idle time: without power, and nobody connected.
+            # As after the idle time: without power, and no client connected.
             self.client.disconnect(self.scard.SCARD_UNPOWER_CARD)
             before = self.client.counter()
             self.agent.fail_resets(failures)

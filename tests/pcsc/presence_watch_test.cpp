@@ -62,7 +62,7 @@ TEST_F(PresenceWatchTest, InsertionsAndRemovals_AreShownOverAndOver) {
   }
 }
 
-// The agent did not answer in time: no event tells of a card that is in.
+// The agent did not answer in time, so no event reports a card that is in.
 TEST_F(PresenceWatchTest, InsertionRequestThatTookTheDriverLong_IsCancelledAndMadeAgain) {
   reader_->holdDispatch(kInsertion, true);
   start();
@@ -128,7 +128,7 @@ struct Backoff {
 const Backoff kBackoffs[] = {
     // The second at once, then after 10, 20, 40 and 80 milliseconds.
     {"RequestsThatFailAtOnce", kInsertion, kGenFailure, 6},
-    // Then after 10, 20, 40, 40 and 40: the last card of a series of swaps is to be seen soon.
+    // Then after 10, 20, 40, 40 and 40: the last card of a series of swaps must be seen soon.
     {"CardsThatLeaveBeforeTheyAreShown", kRemoval, framework::kOk, 7},
 };
 

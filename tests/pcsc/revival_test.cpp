@@ -23,13 +23,13 @@ const std::string kBack = "2 reader dev0 serves again";
 
 class RevivalTest : public test::TableTest {
  protected:
-  // With what the server thread is said to be at each bring-up.
+  // Opens the channel with the server thread's results for each bring-up.
   void open(FakeReader::ServerResults results) {
     results.insert(results.begin(), std::vector<std::uint32_t>());  // before the first
     reader_->setServerResults(std::move(results));
     ASSERT_EQ(table_.open(kLun, 0), IFD_SUCCESS);
   }
-  // pcscd's polling function until it shows the card.
+  // Calls pcscd's polling function until it shows the card.
   bool waitForCard() {
     const ChannelTable::Use use(table_, kLun);
     const auto end = Clock::now() + FakeReader::kLimit;
@@ -100,7 +100,7 @@ TEST_P(RevivalTableTest, Reader_ServesInTheEndAndShowsItsCard) {
 INSTANTIATE_TEST_SUITE_P(Readers, RevivalTableTest, testing::ValuesIn(kRevivals),
                          [](const auto& each) { return each.param.name; });
 
-// The driver has failed to read what the card offers when the card entered.
+// The driver has failed to read the card's protocols when the card entered.
 class RefusedProtocolTest : public RevivalTest {
  protected:
   void SetUp() override {

@@ -1,5 +1,5 @@
-// A command on its way through handler, host and driver, and its response on the way back: nothing
-// of them is left in memory that was given back. The agent works on threads of its own.
+// A command on its way through handler, host and driver, and its response on the way back: no part
+// of them is left in freed memory. The agent works on its own threads.
 #include <algorithm>
 #include <array>
 
@@ -18,7 +18,7 @@ class Wiped : public HandlerFixture {
     Bytes atr;
     ASSERT_EQ(power(IFD_POWER_UP, &atr), IFD_SUCCESS);
   }
-  // With buffers that are never given back. What is given back meanwhile has nothing of the secret.
+  // Uses buffers that are never freed. Memory freed meanwhile must not contain the secret.
   RESPONSECODE verify() {
     static std::array<UCHAR, kVerifyHeader + kSecret.size()> command{0x00, 0x20, 0x00, 0x80,
                                                                      kSecret.size()};

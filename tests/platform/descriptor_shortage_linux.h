@@ -24,7 +24,7 @@ class DescriptorShortage {
   DescriptorShortage(const DescriptorShortage&) = delete;
   DescriptorShortage& operator=(const DescriptorShortage&) = delete;
 
-  // Gives so many back.
+  // Releases `count` descriptors.
   void release(std::size_t count) { taken_.resize(taken_.size() - count); }
 
  private:

@@ -1,4 +1,4 @@
-// What holds for every answer to reset, however broken.
+// Invariants of every answer to reset, however broken.
 #pragma once
 
 #include <cstdint>
@@ -8,8 +8,8 @@
 
 namespace zelta::test {
 
-// The first rule that the values read from the bytes break; null if they break none. Reads what a
-// reader reads: nothing if the bytes are too few or do not begin as they must.
+// The first rule that the values read from the bytes break; null if none. Like a reader, reads
+// nothing if there are too few bytes or their beginning is wrong.
 inline const char* brokenAtrRule(const std::vector<std::uint8_t>& atr) {
   if (atr.size() < kMinAtrSize || !hasValidInitialByte(atr)) return nullptr;
   const AtrValues values = parseAtr(atr);

@@ -29,7 +29,7 @@ class Attributes : public ReaderFixture {
     return ask(&Reader::IoSmartCardGetAttribute, number(tag), capacity);
   }
 
-  // The records of a get, without the one that all begin with.
+  // The records of a get, without the first, which is always the same.
   Records logged(std::uint32_t tag) const {
     Records records = log_.records();
     EXPECT_FALSE(records.empty());
@@ -77,7 +77,8 @@ TEST_F(Attributes, NamesAreTerminatedTexts) {
   EXPECT_EQ(logged(0x00010101), Records{info("[GATT]SCARD_ATTR_VENDOR_IFD_TYPE")});
 }
 
-// A row in the table of all attributes without one in the reader's own would go unnoticed.
+// Otherwise an attribute in the contract's table that is missing in the reader's would go
+// unnoticed.
 TEST_F(Attributes, EveryAttributeOfTheContract_IsAnsweredByTheReaderOrTheVendorsOperation) {
   reader_.setState(SCARD_SPECIFIC);
   const std::set<std::uint32_t> vendorDefined{PIPE_NAME, EVENT_PIPE_NAME, SERVER_RESULT};

@@ -1,5 +1,5 @@
-// What the tests of a reader share: a reader whose card answers as the test says, its log, and
-// requests that are handed to it as the dispatch does it.
+// Shared by the tests of a reader: a reader whose card's answers the test sets, its log, and
+// requests that are passed to it as by the dispatch.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -58,7 +58,7 @@ class ReaderFixture : public testing::Test {
     return {request.status(), request.information(), request.answer()};
   }
 
-  // Lets the reader read the ATR as an inserted card makes it do.
+  // Lets the reader read the ATR as after an insertion.
   void insert(const Bytes& atr) {
     reader_.atr = atr;
     ASSERT_TRUE(reader_.initializeProtocols());

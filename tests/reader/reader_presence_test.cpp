@@ -157,7 +157,7 @@ TEST_F(Presence, CheckThatThrows_LeavesTheRequestToTheCallerAndTheLocksFree) {
   EXPECT_EQ(request.status(), 0u);
 }
 
-// A card event meets a request that the agent's answer lets wait.
+// A card event meets a request that must wait by the agent's answer.
 enum class Ask { kPresent, kAbsent };
 enum class Moment { kBefore, kMeanwhile, kLater };  // the question, until it waits, while it waits
 enum class Event { kIn, kOut, kLost };

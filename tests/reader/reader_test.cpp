@@ -47,7 +47,7 @@ TEST_F(ReaderTest, GetStateWithoutOutput_IsAGeneralFailure) {
   EXPECT_THAT(log_.errors(), ElementsAre(error(31, "GetOutputMemory failed")));
 }
 
-// A handler that is still running may write a state that it has found before.
+// A handler that is still running may write an outdated state.
 TEST_F(ReaderTest, MarkedAbsentForGood_StaysAbsentWhateverIsWritten) {
   reader_.setState(SCARD_SPECIFIC);
   reader_.markAbsentForGood();

@@ -15,7 +15,7 @@ constexpr CardEvent kBoth[] = {CardEvent::kInserted, CardEvent::kRemoved};
 
 class WaitingRequestsTest : public testing::Test {
  protected:
-  // Marked cancelable, as one that waits is.
+  // Adds a request that is marked cancelable, like any waiting one.
   void add(CardEvent awaited, FakeRequest& request) {
     const TracedLock lock("test", waiting_.deviceLock(), __LINE__);
     waiting_.add(awaited, request);
@@ -112,7 +112,7 @@ class InsertionWait : public WaitingRequestsTest {
  protected:
   static constexpr std::chrono::seconds kLimit{30};
 
-  // Returns when it waits.
+  // Begins the wait; returns when it blocks.
   std::future<bool> begin() {
     std::promise<void> looked;
     std::future<void> waits = looked.get_future();
@@ -128,7 +128,7 @@ class InsertionWait : public WaitingRequestsTest {
     return wait;
   }
 
-  // With something that it waited for.
+  // True if a request or a stop ended the wait in time.
   static bool ends(std::future<bool>& wait) {
     return wait.wait_for(kLimit) == std::future_status::ready && wait.get();
   }

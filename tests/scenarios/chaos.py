@@ -1,5 +1,4 @@
-"""What the soak does to the reader: a table of disturbances, each with a begin, an end and what
-must hold afterwards."""
+"""The soak's disturbances: a table, each with a begin, an end and what must hold afterwards."""
 
 import collections
 import contextlib
@@ -52,7 +51,7 @@ LARGE = [kind for kind in MALFORMED if "MiB" in kind.name or "GiB" in kind.name]
 
 
 class Stage:
-    """What disturbances act on, and what they have done."""
+    """The targets of disturbances, and a record of their actions."""
 
     def __init__(self, reader, record, seed):
         self.reader = reader
@@ -81,7 +80,7 @@ class Stage:
             self.reader.start_agent_again()
 
 
-# If the soak is interrupted, its processes go on as they were: the report needs them.
+# If the soak is interrupted, its processes continue: the report needs them.
 def stop(process, seconds):
     still = Standstill(process)
     still.begin()
@@ -233,7 +232,7 @@ def leave_little_memory(stage, seconds):
         stage.record.end_hostile_answers()
 
 
-# How long it lasts at most and how soon every client must have a right answer afterwards (seconds);
+# The longest duration, and how soon every client must have a right answer afterwards (seconds);
 # whether the other reader may fail meanwhile, since pcscd itself stands still or is gone.
 Kind = collections.namedtuple("Kind", "name act longest usable excuses")
 

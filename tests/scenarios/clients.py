@@ -27,9 +27,9 @@ DISTURBED = 2.0  # seconds that a call to the other reader may take
 # After these a client begins with a new context: pcscd is gone, or has been.
 LOST = {scard.SCARD_E_NO_SERVICE, scard.SCARD_E_INVALID_HANDLE, scard.SCARD_F_COMM_ERROR,
         scard.SCARD_F_INTERNAL_ERROR, scard.SCARD_E_SERVICE_STOPPED}
-# pcscd (1.9.9) has a race of its own: if a disconnect powers the card down while another client
-# connects or resets it, pcscd may take the card for unpowered and in use, and refuses every connect
-# from then on without asking its handler. So these calls exclude each other here.
+# pcscd (1.9.9) has a race: if a disconnect powers the card down while another client connects or
+# resets it, pcscd may take the card for unpowered and in use, and refuses every connect from then
+# on without asking its handler. So these calls exclude each other here.
 POWER_LOCK = threading.Lock()
 ATTRIBUTES = (scard.SCARD_ATTR_ATR_STRING, scard.SCARD_ATTR_VENDOR_NAME,
               scard.SCARD_ATTR_CURRENT_PROTOCOL_TYPE)
@@ -48,7 +48,7 @@ def short(data):
 
 
 class Record:
-    """What all clients of a story have seen. Any thread."""
+    """The results of all clients of a story. Any thread."""
 
     def __init__(self):
         self.right = 0
@@ -62,7 +62,7 @@ class Record:
         self._answers_until = self._atrs_until = 0
 
     def begin_hostile(self):
-        """From now on answers and ATRs may be a hostile agent's."""
+        """Lets later answers and ATRs be a hostile agent's."""
         self._answers_until = self._atrs_until = float("inf")
 
     def end_hostile_answers(self):
@@ -270,7 +270,7 @@ class Client:
         return atr == ATR
 
     def status(self):
-        """Everything that tells of the card; true if it is in, with its ATR."""
+        """Checks everything that reports the card; true if it is in, with its ATR."""
         values = self._call("status change", scard.SCardGetStatusChange, self.context, 0,
                             [(READER, scard.SCARD_STATE_UNAWARE)])
         if values is None or not values[0]:
@@ -330,7 +330,7 @@ class OtherReadersClient(Client):
         """The card of that reader is always in."""
 
 
-# What a client does besides asking, once in a while.
+# What a client occasionally does besides asking.
 HABITS = {
     "asks": lambda client: None,
     "resets": Client.reset,
@@ -342,7 +342,7 @@ HABITS = {
 
 
 class Caller(threading.Thread):
-    """A client that goes on asking from `go` until `end`, connecting as need be."""
+    """A client that asks from `go` until `end`, and connects if needed."""
 
     def __init__(self, client, habit="asks", pace=PACE):
         super().__init__(daemon=True)

@@ -18,12 +18,12 @@ SOCKET = pathlib.Path("/run/pcscd/pcscd.comm")
 LINK = pathlib.Path("/run/zelta/pipe-agent0")  # to the control socket, wherever that is
 # Where the agent listens as a service, by default, and somewhere else.
 CONTROLS = ("/run/zelta-agent0/control", "/run/zelta/agent0.ctl", "/run/elsewhere/control")
-# How pcscd ends: in good order, as it does a minute after its last client, and at once, as it does
-# when the service is stopped. The driver's pipes stay behind then.
+# How pcscd ends: in good order, as a minute after its last client, or at once, as when the service
+# is stopped; the driver's pipes then stay behind.
 ENDS = (signal.SIGINT, signal.SIGTERM)
 STARTS = 9  # for each of these: 54 in all
 
-# Hands its first argument, a listening socket, to the program in the others.
+# Passes its first argument, a listening socket, to the program in the others.
 ACTIVATE = """
 import os, sys
 os.dup2(int(sys.argv[1]), 3)

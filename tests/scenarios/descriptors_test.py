@@ -1,4 +1,4 @@
-"""pcscd runs out of descriptors in the middle of a call: that may fail, and nothing else."""
+"""pcscd runs out of descriptors in the middle of a call: only that call may fail."""
 
 import itertools
 import resource
@@ -11,7 +11,7 @@ from chaos import leave_descriptors
 from standstill import USABLE_AGAIN, Cast
 
 SCARCE = 1.0  # seconds
-# How many descriptors are left, so that each step of a call that makes one finds none.
+# The descriptors that are left, so that each step of a call that makes one can fail.
 LEFT = range(5)
 
 

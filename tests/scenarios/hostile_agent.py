@@ -38,7 +38,7 @@ HOSTILE_ATR = field(HEAD + 5 * FILLER)
 RESPONSE = field(4 * FILLER + OK)
 MIB = 1 << 20
 
-# What an answer does after its bytes.
+# The action after an answer's bytes.
 HOLD, CLOSE, CLOSE_EVENT = "hold", "close", "close the event pipe"
 Malformed = collections.namedtuple(
     "Malformed", "name atr response after events unasked",
@@ -156,7 +156,7 @@ def play_malformed(kind):
                 code, _ = agent.read_command()
                 if code == NOTIFY_CARD_READY:
                     continue
-                # The malformed half counts, and what it does after its bytes.
+                # The malformed half counts, and the action after its bytes.
                 meant = (code == QUERY_TRANSMIT) == (kind.atr == HOSTILE_ATR)
                 agent.command.sendall(kind.response if code == QUERY_TRANSMIT else kind.atr)
                 answered += meant

@@ -1,4 +1,4 @@
-"""Whatever the reader lost, it comes back by itself."""
+"""The reader recovers by itself, whatever it lost."""
 
 import os
 import pathlib
@@ -18,7 +18,7 @@ PIPES = pathlib.Path("/run/zelta/pipe/ProtectedPrefix/LocalService")
 
 
 def use(problems, since, allowed):
-    """Has callers use the reader from now on; returns the line about how it went."""
+    """Has callers use the reader; returns the line about how it went."""
     cast = Cast()
     cast.go()
     return cast.conclude(since, allowed, problems)

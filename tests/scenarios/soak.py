@@ -92,7 +92,7 @@ class SoakedReader(Reader):
 
 
 class Swapper(threading.Thread):
-    """Takes the card out and puts it in, as long as there is an agent to do so."""
+    """Takes the card out and puts it in while there is an agent."""
 
     def __init__(self, reader, seed):
         super().__init__(daemon=True)

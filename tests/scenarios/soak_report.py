@@ -1,4 +1,4 @@
-"""What a soak has seen, as text and as a page."""
+"""A soak's results, as text and as a page."""
 
 import os
 import time
@@ -23,7 +23,7 @@ def figures_of(reader):
 
 
 def grown(start, end):
-    """Names what a process has too much of."""
+    """Names the resources of which a process has too many."""
     return [f"{name} has {after} {what}, {before} at the start"
             for name in start
             for what, before, after in list(zip(FIGURES, start[name], end[name]))[1:]

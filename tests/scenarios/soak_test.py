@@ -15,7 +15,7 @@ import soak_report
 import stack
 
 SOAK = pathlib.Path(__file__).with_name("soak.py")
-# The soak with a disturbance that must fail it.
+# The soak with a disturbance that must make it fail.
 WITH = f"""
 import sys
 sys.path.insert(0, {str(SOAK.parent)!r})

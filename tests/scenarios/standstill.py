@@ -109,7 +109,7 @@ def check_usable(record, callers, since, allowed, problems):
     never = record.wait_right(names, since, since + allowed + 5 * USABLE_AGAIN)
     took = time.monotonic() - since
     if record.wrong:
-        return took  # which says more than what it leads to
+        return took  # says more than its consequences
     states = "; ".join(f"{caller.client.name} {caller.client.state}" for caller in callers)
     problems.append(f"no right answer for {', '.join(never)} within {took:.1f} s ({states})"
                     if never else

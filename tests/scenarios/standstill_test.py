@@ -16,8 +16,8 @@ DURATIONS = ((1.5, 6.0) if os.environ.get("ZELTA_HOST_SERIALISE") == "1"
              else (1.5, 4.5, 6.0, 8.0))
 CARD_TIME = 0.2  # seconds that the card takes for the call under test
 
-# Whether others ask at the same time. A query that waits for its turn after the one that stands
-# still meets other rules than one that comes later.
+# Whether others ask at the same time. Different rules apply to a query that waits for its turn
+# after the stuck one than to one that comes later.
 COMPANIES = ("alone", "with others")
 
 
@@ -75,8 +75,8 @@ def story(reader, problems, who, call, moment, seconds, company, card_time):
         cast.go()
     still.last(seconds)
     cast.go()
-    # The card may still be at its work, or its ATR is needed: for the presence, the power-up, the
-    # protocol and the reset.
+    # The card may still be busy, or its ATR is needed: for the presence, the power-up, the protocol
+    # and the reset.
     needed = card_time * (4 if is_atr else 1)
     return cast.conclude(still.ended, USABLE_AGAIN + needed, problems, thread)
 

@@ -1,5 +1,5 @@
-"""The checkout's commands in surroundings of the test's own: programs that only seem to work, and a
-folder for temporary files that shows what is left."""
+"""The checkout's commands in the test's own surroundings: stand-ins for programs, and a folder for
+temporary files that shows leftovers."""
 
 import os
 import pathlib
@@ -10,7 +10,7 @@ import unittest
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ["ZELTA_BUILD_DIR"])
-LIMIT = 30  # seconds that anything may take
+LIMIT = 30  # the most seconds for any operation
 
 # A user's sudo: forgets the password after $SUDO_MEMORY seconds, and counts how often it asks.
 SUDO = r"""

@@ -1,4 +1,4 @@
-"""What goes wrong is said by its cause, with what to do next."""
+"""Error messages name the cause and what to do next."""
 
 import fcntl
 import os

@@ -1,4 +1,4 @@
-"""Long steps say how far they are, on a terminal and in a pipe, and a failed one shows its error."""
+"""Long steps show their progress, on a terminal and in a pipe, and a failed one shows its error."""
 
 import contextlib
 import os
@@ -14,7 +14,7 @@ COMMON = 'PROGRESS_PERIOD=1; log=$(mktemp); trap \'rm -f "$log"\' EXIT; '
 
 class Progress(CheckoutTest):
     def on_terminal(self, script):
-        """What the script shows on a terminal."""
+        """The script's output on a terminal."""
         ours, theirs = pty.openpty()
         script = f'stty columns 40 <&1; source "{SOURCE}/scripts/common.sh"; {script}'
         with subprocess.Popen(["bash", "-euc", script], env=self.environment, stdin=theirs,

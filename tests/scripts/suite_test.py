@@ -1,4 +1,4 @@
-"""What `./zelta test` and `./zelta check` say of tests that failed or could not run."""
+"""The reports of `./zelta test` and `./zelta check` about tests that failed or could not run."""
 
 import unittest
 

@@ -1,7 +1,7 @@
-// A program run as a process of its own and talked to by lines.
+// A program run as a separate process that exchanges lines with the test.
 //
-// Owned by the test, which uses it from one thread. What the process writes, to its standard output
-// and its error output, comes as one stream of lines, read by a thread of this object's.
+// Owned by the test, which uses it from one thread. Its standard output and its error output come
+// as one stream of lines, read by a thread of this object.
 #pragma once
 
 #include <chrono>
@@ -18,14 +18,14 @@ namespace zelta::test {
 
 class ChildProcess {
  public:
-  // Longer than anything takes that does not hang.
+  // Longer than any operation that does not hang.
   static constexpr std::chrono::seconds kLimit{60};
   // The exit code of a process that `kill` ended.
   static constexpr int kKilled = 137;
 
   // Throws std::runtime_error if it cannot be started. Arguments hold no quotation marks.
   explicit ChildProcess(const std::string& program, const std::vector<std::string>& arguments = {});
-  // Kills what still runs.
+  // Kills the process if it still runs.
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
@@ -39,7 +39,7 @@ class ChildProcess {
 
   // The system's number of the process.
   unsigned long id() const { return system_->id(); }
-  // Ends it as a crash does: nothing of the program's own runs any more.
+  // Ends it like a crash: no code of the program runs any more.
   void kill() { system_->kill(); }
   // Waits for its end and gives its exit code; none if it runs on beyond the limit.
   std::optional<int> wait() ZELTA_EXCLUDES(mutex_);
@@ -51,7 +51,7 @@ class ChildProcess {
     virtual ~System() = default;
     virtual unsigned long id() const = 0;
     virtual bool write(const std::string& bytes) = 0;
-    // What there is, at least a byte; empty at the end.
+    // Blocks for at least one byte; empty at the end.
     virtual std::string read() = 0;
     // Does nothing if it has ended.
     virtual void kill() = 0;
@@ -72,7 +72,7 @@ class ChildProcess {
   platform::ConditionVariable changed_;
   std::deque<std::string> lines_ ZELTA_GUARDED_BY(mutex_);
   bool ended_ ZELTA_GUARDED_BY(mutex_) = false;  // the output, and so the process
-  std::thread reader_;                           // last: it uses the others
+  std::thread reader_;                           // last: uses the members above
 };
 
 }  // namespace zelta::test

@@ -1,4 +1,4 @@
-// What comes from other threads, in its order, for a test to look at and to wait for. Any thread.
+// Collects entries from other threads, in order, for a test to check and to wait for. Any thread.
 #pragma once
 
 #include <chrono>
@@ -22,23 +22,23 @@ class Collected {
     const platform::MutexLock lock(mutex_);
     return entries_;
   }
-  // All, which are forgotten.
+  // Takes all entries.
   std::vector<Entry> take() {
     const platform::MutexLock lock(mutex_);
     return std::exchange(entries_, {});
   }
-  // All, as soon as there are so many.
+  // Blocks until there are `count` items, then returns them all.
   std::vector<Entry> await(std::size_t count) const {
     return awaitUntil([count](const std::vector<Entry>& all) { return all.size() >= count; });
   }
-  // All, as soon as the predicate holds of them.
+  // Blocks until the predicate holds for all items, then returns them.
   template <typename Predicate>
   std::vector<Entry> awaitUntil(Predicate predicate) const {
     platform::MutexLock lock(mutex_);
     added_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return predicate(entries_); });
     return entries_;
   }
-  // False if there are fewer after that time.
+  // False if there are fewer when `limit` has passed.
   bool waitFor(std::size_t count, std::chrono::milliseconds limit) const {
     platform::MutexLock lock(mutex_);
     return added_.waitFor(

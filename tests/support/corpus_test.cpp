@@ -1,5 +1,5 @@
-// Plays what a fuzzer starts from and what it has found. Linked with the fuzzer, whose rules end
-// the process or fail the test.
+// Plays a fuzzer's corpus and findings. Linked with the fuzzer, whose rules end the process or fail
+// the test.
 #include <gtest/gtest.h>
 
 #include <cstddef>
@@ -18,7 +18,7 @@ namespace {
 TEST(ZELTA_CORPUS_NAME, EveryInput_KeepsTheFuzzersRules) {
   int played = 0;
   for (const auto& entry : std::filesystem::directory_iterator(ZELTA_CORPUS_FOLDER)) {
-    // The last one named is the one that ended the process.
+    // The last name printed is that of the input that ended the process.
     (void)std::fprintf(stderr, "%s\n", entry.path().string().c_str());
     std::ifstream file(entry.path(), std::ios::binary);
     const std::string bytes{std::istreambuf_iterator<char>(file), {}};

@@ -1,4 +1,4 @@
-// What a shared library exports.
+// Lists the exports of a shared library.
 #pragma once
 
 #include <gtest/gtest.h>

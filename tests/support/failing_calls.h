@@ -1,4 +1,4 @@
-// The calls of a double, counted by their kind, some of which are to fail. Any thread.
+// Counts a double's calls by kind and makes some of them fail. Any thread.
 #pragma once
 
 #include <array>
@@ -27,8 +27,7 @@ class FailingCalls {
     const platform::MutexLock lock(mutex_);
     return stateOf(call).count;
   }
-  // Blocks until so many calls of the kind have been made, and what is done under the mutex is
-  // done.
+  // Blocks until `count` calls of the kind have been made, and their work under the mutex is done.
   void waitForCalls(Call call, std::size_t count) {
     platform::MutexLock lock(mutex_);
     called_.wait(lock,
@@ -38,7 +37,7 @@ class FailingCalls {
  protected:
   ~FailingCalls() = default;
 
-  // Counts the call; what it is to fail with, or 0.
+  // Counts the call; returns the error that it must fail with, or 0.
   std::uint32_t count(Call call) ZELTA_REQUIRES(mutex_) {
     State& state = stateOf(call);
     ++state.count;

@@ -1,6 +1,6 @@
-// Looks for a secret in the memory that operator delete gives back.
+// Looks for a secret in memory that operator delete frees.
 //
-// The program that links this has an operator new and delete of its own.
+// This replaces operator new and delete of a program that links it.
 #pragma once
 
 #include <array>
@@ -8,7 +8,7 @@
 
 namespace zelta::test {
 
-// No bytes that come about by chance.
+// Bytes that do not occur by chance.
 inline constexpr std::array<std::uint8_t, 12> kSecret = {0x9E, 0x37, 0x79, 0xB9, 0x7F, 0x4A,
                                                          0x7C, 0x15, 0xF3, 0x9C, 0xC0, 0x60};
 
@@ -22,7 +22,7 @@ class FreedMemoryWatch {
   FreedMemoryWatch(const FreedMemoryWatch&) = delete;
   FreedMemoryWatch& operator=(const FreedMemoryWatch&) = delete;
 
-  // How many blocks those threads have given back with the secret in them, and at all.
+  // The number of blocks that those threads have freed: with the secret in them, and in all.
   int found() const;
   int freed() const;
 };

@@ -1,4 +1,4 @@
-// What the fuzzers share.
+// Shared by the fuzzers.
 #pragma once
 
 #include <algorithm>
@@ -19,7 +19,7 @@ inline void require(bool condition, const char* rule) {
   std::abort();
 }
 
-// A fuzzer's bytes, taken from the front. What is asked for after their end is zero or empty.
+// A fuzzer's bytes, taken from the front. After their end, values are zero or empty.
 class FuzzInput {
  public:
   FuzzInput(const std::uint8_t* data, std::size_t size) : next_(data), end_(data + size) {}
@@ -31,13 +31,13 @@ class FuzzInput {
     const Bytes taken = bytes(kNumberSize);
     return taken.size() < kNumberSize ? 0 : loadLittleEndian(taken.data());
   }
-  // At most so many.
+  // At most `count` bytes.
   Bytes bytes(std::size_t count) {
     const std::uint8_t* const begin = next_;
     next_ += std::min(count, static_cast<std::size_t>(end_ - next_));
     return {begin, next_};
   }
-  // Up to the separator, which is taken, too, or to the end.
+  // The text up to the separator, which is also taken, or to the end.
   std::string text(char separator) {
     const std::uint8_t* const begin = next_;
     next_ = std::find(begin, end_, static_cast<std::uint8_t>(separator));

@@ -1,4 +1,4 @@
-// Reading log files back: the files of a folder, their lines, a line's columns.
+// Reads log files back: the files of a folder, their lines, a line's columns.
 #pragma once
 
 #include <cstddef>
@@ -31,23 +31,23 @@ inline constexpr char kLineEnd[] = "\r\n";
 inline constexpr char kLineEnd[] = "\n";
 #endif
 
-// Byte for byte.
+// The file's content, byte for byte.
 std::string fileContent(const std::filesystem::path& path);
-// Without their line ends. A line that has another end, or none, is a failure of the test.
+// The lines without their ends. A line with another end, or none, is a failure of the test.
 std::vector<std::string> fileLines(const std::filesystem::path& path);
 
 // The files of a folder by name, so log files are in the order of their times.
 std::vector<std::filesystem::path> filesIn(const std::filesystem::path& folder);
 
-// A record line taken apart. If it is not a whole one, the test fails.
+// Parses a record line. If it is not a whole one, the test fails.
 LogLine parseLogLine(const std::string& line);
 // The records of a file after its header. If the header is missing or comes twice, the test fails.
 std::vector<LogLine> recordsOf(const std::filesystem::path& path);
-// Those of all files of a folder, one file after the other.
+// The records of all files of a folder, one file after the other.
 std::vector<LogLine> recordsIn(const std::filesystem::path& folder);
 std::vector<std::string> messagesOf(const std::vector<LogLine>& lines);
 
-// Every message "LABEL/N" comes once, N from 0 to `count` - 1 in order within its label; anything
+// Expects every message "LABEL/N" once, N from 0 to `count` - 1 in order within its label; anything
 // else is a failure of the test.
 void expectNumberedMessages(const std::vector<std::string>& messages, std::size_t labels,
                             int count);

@@ -1,4 +1,4 @@
-// The ports that a logger uses, all in the test's hands.
+// The ports that a logger uses, all controlled by the test.
 #pragma once
 
 #include "tests/doubles/clock/simulated_clock.h"
@@ -16,7 +16,7 @@ inline constexpr char16_t kPolicyDefaults[] =
     u"SOFTWARE\\Policies\\Vornhalt\\Zelta\\zelta_admin_defaults";
 inline constexpr char16_t kFilterMode[] = u"zelta.event_filter_mode";
 
-// In the system's place for its scope; must outlive everything that logs.
+// Replaces the system's for a scope; must outlive all loggers.
 class LoggingPorts {
  public:
   SimulatedClock clock;
@@ -24,7 +24,7 @@ class LoggingPorts {
   FakeFolders folders;
   FakeRegistry registry;
 
-  // Changes a text and waits until the one who watches it has dealt with it: it subscribes anew.
+  // Changes a text and waits until its watcher has handled the change and subscribes anew.
   void change(const std::u16string& key, const std::u16string& name, const std::u16string& text) {
     registry.waitForCalls(FakeRegistry::Call::kNotifyChange, 1);
     const std::size_t calls = registry.calls(FakeRegistry::Call::kNotifyChange);

@@ -1,11 +1,11 @@
-// Numbers as they travel, for tests.
+// Numbers in wire format, for tests.
 #pragma once
 
 #include "contract/bytes.h"
 
 namespace zelta::test {
 
-// The four bytes of a number, little-endian, before others or alone.
+// The four bytes of a number, little-endian, followed by `tail`.
 inline Bytes number(std::uint32_t value, const Bytes& tail = {}) {
   const auto head = toLittleEndian(value);
   Bytes bytes(head.begin(), head.end());

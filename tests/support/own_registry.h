@@ -1,6 +1,6 @@
-// A registry of a test's own in the place of the system's, empty at first. It is the real one: real
-// keys on Windows, where HKEY_LOCAL_MACHINE is another key for the whole process, and a real file
-// on Linux.
+// A test's own registry, which replaces the system's and is empty at first. It is a real one: real
+// keys on Windows, where HKEY_LOCAL_MACHINE becomes another key for the whole process, and a real
+// file on Linux.
 //
 // Owned by the test, one at a time in a process; made before and ended after everything that reads
 // the registry. One thread changes it. Failures end in an exception.
@@ -23,8 +23,7 @@ class OwnRegistry {
   OwnRegistry(const OwnRegistry&) = delete;
   OwnRegistry& operator=(const OwnRegistry&) = delete;
 
-  // Keys as in the platform's registry. A key is made if it is missing; a value that is there is
-  // replaced.
+  // Keys as in the platform's registry. A missing key is made; an existing value is replaced.
   void createKey(const std::u16string& key);
   void setDword(const std::u16string& key, const std::u16string& name, std::uint32_t value) {
     setValue(key, name, platform::kRegDword, platform::registryDword(value));
@@ -34,7 +33,7 @@ class OwnRegistry {
   }
   void setValue(const std::u16string& key, const std::u16string& name, std::uint32_t type,
                 const std::vector<std::uint8_t>& data);
-  // With everything below it. What is not there is no error.
+  // Deletes the key with everything below it. A missing key is no error.
   void deleteKey(const std::u16string& key);
   void deleteValue(const std::u16string& key, const std::u16string& name);
 

@@ -1,4 +1,4 @@
-// What the test's own process holds at this moment, as the operating system tells it.
+// The test process's current resources, as the operating system reports them.
 #pragma once
 
 #include <chrono>
@@ -22,7 +22,7 @@ inline std::size_t threadsLeft(std::size_t expected) {
   }
   return count;
 }
-// What the open file descriptors point to, sorted; the descriptor of the query itself is left out.
+// The targets of the open file descriptors, sorted, without the query's own descriptor.
 std::vector<std::string> openFiles();
 // Whether a file of that path is mapped into memory.
 bool isMapped(const std::string& path);

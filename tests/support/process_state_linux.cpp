@@ -12,7 +12,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Whether the thread is on its way out: one that was joined may be listed a moment longer.
+// Whether the thread is exiting: a joined thread may be listed a moment longer.
 bool isExiting(const fs::path& task) {
   constexpr unsigned long kExiting = 0x4;  // PF_EXITING of the kernel
   constexpr int kFieldsBeforeFlags = 6;    // after the name: state up to the terminal's group
@@ -30,7 +30,7 @@ bool isExiting(const fs::path& task) {
 }  // namespace
 
 std::size_t threadCount() {
-  // A sanitizer's own thread begins with the program's first: it is there from now on.
+  // A sanitizer's own thread begins with the program's first one, so start that now.
   static const bool begun = (std::thread([] {}).join(), true);
   static_cast<void>(begun);
   const fs::directory_iterator tasks("/proc/self/task");

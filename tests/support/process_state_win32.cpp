@@ -20,7 +20,7 @@ std::size_t threadCount() {
   return count;
 }
 
-// The system names no handles; how many there are is told by as many entries.
+// The system does not name handles, so there is one entry for each.
 std::vector<std::string> openFiles() {
   DWORD count = 0;
   GetProcessHandleCount(GetCurrentProcess(), &count);

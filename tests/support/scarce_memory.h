@@ -10,9 +10,9 @@ namespace zelta::test {
 // Makes some allocations fail until the scope ends: of this thread, if nothing else is said.
 class ScarceMemory {
  public:
-  // All after the next `allocations` ones fail.
+  // All allocations after the next `allocations` fail.
   explicit ScarceMemory(int allocations);
-  // Those of exactly `size` bytes fail.
+  // Allocations of exactly `size` bytes fail.
   static ScarceMemory ofSize(std::size_t size);
   // Those of more than `size` bytes fail, in every thread.
   static ScarceMemory above(std::size_t size);
@@ -27,7 +27,7 @@ class ScarceMemory {
   ScarceMemory() = default;
 };
 
-// Repeats a test with 0, 1, 2 ... allocations until the action gets by with them:
+// Repeats a test with 0, 1, 2 ... allocations until the action needs no more:
 //
 //   for (MemorySweep sweep; sweep.next();) {
 //     auto request = makeRequest();            // memory is ample
@@ -38,10 +38,10 @@ class ScarceMemory {
 // The test fails if the action allocates nothing (nothing was tried) and if it never gets by.
 class MemorySweep {
  public:
-  // Begins the next round; false after the round in which the memory sufficed.
+  // Begins the next round; false after a round with enough memory.
   bool next();
 
-  // Runs the action once. A `std::bad_alloc` that it lets out only ends it.
+  // Runs the action once. A `std::bad_alloc` from it only ends it.
   template <typename Action>
   void run(Action action) {
     const ScarceMemory memory(allocations_);
@@ -54,7 +54,7 @@ class MemorySweep {
 
   // Whether an allocation of this round's action has failed.
   bool ranOut() const { return ranOut_; }
-  // How many allocations this round grants.
+  // The number of allocations that this round allows.
   int allocations() const { return allocations_; }
 
  private:

@@ -10,8 +10,8 @@
 namespace zelta::test {
 namespace {
 
-// Keeps the compiler from leaving an allocation out. One for each thread would itself be allocated
-// on some systems.
+// Keeps the compiler from omitting an allocation. One for each thread would itself be allocated on
+// some systems.
 void allocate(int times) {
   static std::unique_ptr<int> kept;
   for (int i = 0; i < times; ++i) kept = std::make_unique<int>(i);

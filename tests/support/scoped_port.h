@@ -1,4 +1,4 @@
-// Puts a port of the test's in the system's place.
+// Replaces one of the system's ports with the test's.
 #pragma once
 
 #include "platform/process/ports.h"

@@ -1,4 +1,4 @@
-// A state that the threads of a test share. Any thread.
+// A state shared by a test's threads. Any thread.
 #pragma once
 
 #include <chrono>
@@ -12,7 +12,7 @@ namespace zelta::test {
 template <typename State>
 class Shared {
  public:
-  // The state for one thread alone, as long as this lives. Those who wait look at it afterwards.
+  // Locks the state for one thread while this object lives, then wakes the waiters.
   class Access {
    public:
     explicit Access(Shared& shared) : shared_(shared), lock_(shared.mutex_) {}
@@ -23,13 +23,13 @@ class Shared {
     State* operator->() const { return &shared_.state_; }
     State& operator*() const { return shared_.state_; }
 
-    // Leaves the state to the others until the function or the member of the state gives true.
+    // Releases the state to other threads until the function or the state's member returns true.
     template <typename Ready>
     void wait(Ready ready) {
       shared_.changed_.notify_all();
       shared_.changed_.wait(lock_, [&] { return std::invoke(ready, shared_.state_); });
     }
-    // False if the time is up before.
+    // False if the time runs out first.
     template <typename Ready>
     bool waitFor(std::chrono::nanoseconds limit, Ready ready) {
       shared_.changed_.notify_all();

@@ -16,8 +16,8 @@ namespace zelta::test {
 
 namespace {
 
-// What the calling thread mounts from here on is its own and ends with it. Gives the reason if the
-// system does not permit that, else an empty text.
+// Makes later mounts of the calling thread private to it. Returns the reason if the system does not
+// permit that, else an empty text.
 std::string unshareMounts() {
   if (unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0) {
     return {};

@@ -1,4 +1,4 @@
-// What tests have to know about the system that they run on.
+// Properties of the system that tests depend on.
 #pragma once
 
 #include <cstdint>

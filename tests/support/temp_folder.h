@@ -1,4 +1,4 @@
-// A folder of a test's own, which is removed with everything in it at the end.
+// A test's own folder, removed with everything in it at the end.
 #pragma once
 
 #include <filesystem>

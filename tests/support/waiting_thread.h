@@ -1,4 +1,4 @@
-// A thread of the test's own that runs one function, and whether it waits in there.
+// A thread of the test that runs one function; tells whether it waits in there.
 //
 // Owned by the test; only the test's thread calls the methods. The destructor joins. Waits give
 // false after a minute.
@@ -39,7 +39,7 @@ class WaitingThread {
   std::future<void> end_ = done_.get_future();
   std::future<pid_t> beginning_ = begun_.get_future();
   pid_t id_ = 0;        // the kernel's number, once it is known
-  std::thread thread_;  // the last: it works on the others
+  std::thread thread_;  // last: uses the members above
 };
 
 }  // namespace zelta::test

@@ -13,8 +13,9 @@ namespace zelta::logs {
 // Not safe for several threads.
 class DumpMask {
  public:
-  // The message as it may be shown: ".." for each byte of a PIN command's data. A dump's line whose
-  // beginning was not seen is hidden as a whole. Takes the message of every record, in order.
+  // The message as it may be shown: ".." for each byte of a PIN command's data. A line of a dump
+  // whose beginning was not seen is hidden completely. Call for the message of every record, in
+  // order.
   std::string masked(std::string_view thread, std::string_view message);
 
  private:

@@ -32,7 +32,7 @@ std::vector<std::filesystem::path> logFiles(const std::filesystem::path& folder)
   for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
     const std::string name = entry.path().filename().string();
     const bool isNamedSo = name.rfind("zelta_vsc_", 0) == 0 && entry.path().extension() == ".txt";
-    // Whoever may write to the folder may have made anything of that name.
+    // Any user who may write to the folder may have made anything with that name.
     std::error_code gone;
     if (isNamedSo && is_regular_file(entry.symlink_status(gone))) files.push_back(entry.path());
   }
@@ -87,7 +87,7 @@ std::uint64_t LogReader::startOf(const std::filesystem::path& path, const File& 
 // Whether the rest of a line can still come. `end` is the file's size when it was read.
 bool LogReader::mayGrow(const std::filesystem::path& path, std::uint64_t end) const {
   if (path == current_ || isBeingWritten(path).value_or(true)) return true;
-  const auto file = look(path);  // its writer may have gone on before it left
+  const auto file = look(path);  // its writer may have written more before it left
   return file && file->size != end;
 }
 

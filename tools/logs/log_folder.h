@@ -22,12 +22,12 @@ std::string defaultFolder();
 std::vector<std::filesystem::path> logFiles(const std::filesystem::path& folder);
 
 // Whether a process has the file open for writing. None if that cannot be told: only the file's
-// owner and root may ask. The process must ignore SIGIO, which says that somebody opens the file
-// just now.
+// owner and root may ask. The process must ignore SIGIO, which it gets if another process opens the
+// file meanwhile.
 std::optional<bool> isBeingWritten(const std::filesystem::path& file);
 
-// What has been read of a folder's files. Each process that loads the driver writes its own file,
-// so all of them are followed. Not safe for several threads.
+// Reads a folder's files as they grow. Each process that loads the driver writes its own file, so
+// all of them are followed. Not safe for several threads.
 class LogReader {
  public:
   using Line = std::function<void(std::string_view line, const std::filesystem::path& file)>;
@@ -35,10 +35,10 @@ class LogReader {
   // Starts with the folder's oldest file, or with its newest and those that are being written.
   LogReader(std::filesystem::path folder, bool fromOldest);
 
-  // Hands over every new whole line of all files, one file after the other. A file that was removed
-  // and made again, or emptied, begins anew. A last line without its end waits for the rest of it
-  // in the newest file, and in any other unless it is known that nobody writes it. Throws
-  // std::system_error if a file may not be read.
+  // Passes on every new whole line of all files, one file after the other. A file that was removed
+  // and made again, or emptied, is read from its beginning. A last line without its end is held
+  // back, except in an older file that is known to have no writer. Throws std::system_error if a
+  // file may not be read.
   void readNew(const Line& line);
 
   // The newest file; empty if there is none yet.
@@ -46,12 +46,12 @@ class LogReader {
 
  private:
   struct File {
-    // Another file of the same name differs in one of these.
+    // These tell the file from another one of the same name.
     std::uint64_t device = 0;
     std::uint64_t number = 0;
     std::int64_t made = 0;  // nanoseconds
     std::uint64_t size = 0;
-    std::uint64_t position = 0;  // up to where it was read
+    std::uint64_t position = 0;  // of the next byte to read
   };
 
   static std::optional<File> look(const std::filesystem::path& path);

@@ -27,7 +27,7 @@ struct Options {
   bool all = false;
   bool noFollow = false;
   std::string color = "auto";
-  std::optional<Format> format;  // none: that of the output
+  std::optional<Format> format;  // none: depends on the output
   bool showSecrets = false;
   Filter filter;
   PruneLimits limits;
@@ -40,7 +40,7 @@ Look look(const Options& options) {
   const bool isAllowed = zelta::platform::environmentOr("NO_COLOR", "").empty();
   Look look;
   look.color = options.color == "auto" ? isTerminal && isAllowed : options.color == "always";
-  look.escape = isTerminal || look.color;  // colours are meant for a terminal
+  look.escape = isTerminal || look.color;  // colour implies a terminal
   look.secrets = options.showSecrets;
   look.format = options.format.value_or(isTerminal ? Format::kCompact : Format::kFull);
   return look;

@@ -1,4 +1,4 @@
-// Which records are shown. Fed with the lines of the files in their order.
+// Filters the records to show. Gets the lines of the files in order.
 #pragma once
 
 #include <filesystem>
@@ -17,7 +17,7 @@ struct Filter {
   Level level = Level::kTrace;    // this one and the more severe ones
   std::vector<std::string> tags;  // any of them; empty: all
   std::string session;            // the id's beginning; empty: all
-  std::string since;              // from this time on; empty: all
+  std::string since;              // the earliest time; empty: all
 };
 
 bool matches(const Filter& filter, const Record& record);

@@ -26,7 +26,7 @@ std::vector<LogFile> lookAt(const std::vector<std::filesystem::path>& paths) {
   return files;
 }
 
-// A member of the group that may write there may name a file as it likes.
+// A member of the group that may write there can give a file any name.
 std::string shown(const std::filesystem::path& path) { return harmless(path.string()); }
 
 bool fail(std::string_view what, const std::filesystem::path& path, const std::string& why) {

@@ -1,4 +1,4 @@
-// Removes log files that nobody needs any more.
+// Removes old log files.
 #pragma once
 
 #include <cstdint>
@@ -26,8 +26,8 @@ std::vector<LogFile> superfluous(const std::vector<LogFile>& files, const PruneL
                                  std::int64_t now);
 
 // Removes the folder's superfluous files, except those that a process has open for writing or may
-// have. `dryRun` only says what would go; `verbose` says what goes and what stays. False if
-// something failed; standard error says what.
+// have. `dryRun` only lists the files to remove; `verbose` lists what is removed and what stays.
+// False if something failed; standard error says what.
 bool prune(const std::filesystem::path& folder, const PruneLimits& limits, bool dryRun,
            bool verbose);
 

@@ -121,8 +121,8 @@ std::optional<Record> parseRecord(std::string_view line) {
   if (record.time.size() != kTimeLength || !looksLikeTime(record.time)) return std::nullopt;
   if (!parseNumber(takeWord(rest))) return std::nullopt;  // elapsed
 
-  // The session id is the agent's text, which may look like the columns after it. They are the last
-  // that do.
+  // The session id is the agent's text, which may look like the columns after it. The last match is
+  // the columns.
   for (std::size_t at = rest.rfind('<'); at != rest.npos; at = rest.substr(0, at).rfind('<')) {
     if (!parseFromLevel(rest, at, record)) continue;
     record.columns = line.substr(0, line.size() - record.message.size());

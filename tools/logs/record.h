@@ -1,4 +1,4 @@
-// One line of the driver's log, taken apart. Pure; no I/O.
+// Parses a line of the driver's log. Pure; no I/O.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ using logging::Level;
 
 // Views into the line that was parsed.
 struct Record {
-  std::string_view columns;  // all that stands before the message
+  std::string_view columns;  // everything before the message
   std::string_view thread;
   std::string_view time;  // UTC, 2024-03-05T14:07:09.042Z; compares as text
   std::string_view session;
@@ -41,8 +41,8 @@ bool hasTag(std::string_view message, std::string_view tag);
 // The first tag of those that the message begins with, without its brackets; empty for none.
 std::string_view firstTag(std::string_view message);
 
-// Whether it is an error that every normal use writes: a program has asked for an attribute that
-// the reader does not have.
+// Whether it is an error that occurs in normal use: a program has asked for an attribute that the
+// reader does not have.
 bool isRoutine(const Record& record);
 
 // A number of up to nine digits. None for anything else.

@@ -1,4 +1,4 @@
-// Texts for a terminal. Pure.
+// Formats text for a terminal. Pure.
 #pragma once
 
 #include <string_view>

@@ -42,7 +42,7 @@ class TextView : public View {
   Output output_;
 };
 
-// The lines as they stand in the files.
+// The unchanged lines of the files.
 class FullView : public TextView {
  public:
   FullView(const Look& look, Output output) : TextView(look, std::move(output)) {}

@@ -1,4 +1,4 @@
-// How records are shown: as they stand, in few columns, or as JSON.
+// Shows records: unchanged, in few columns, or as JSON.
 #pragma once
 
 #include <filesystem>
@@ -15,12 +15,12 @@ enum class Format { kFull, kCompact, kJson };
 
 struct Look {
   bool color = false;
-  bool escape = false;   // what a terminal would obey or show in another order
-  bool secrets = false;  // PINs in byte dumps
+  bool escape = false;   // characters that a terminal would obey or reorder
+  bool secrets = false;  // show PINs in byte dumps
   Format format = Format::kFull;
 };
 
-// Takes what is to be shown, in order. Not safe for several threads.
+// Takes the lines to show, in order. Not safe for several threads.
 class View {
  public:
   // Takes a line without its end.

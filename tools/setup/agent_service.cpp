@@ -97,7 +97,7 @@ class AgentService final : public Part {
   }
 
  private:
-  // With this program's own output. Waits for its end.
+  // Runs the agent with this program's output and waits for its end.
   void runAgent(const std::wstring& arguments) const {
     std::wstring command = L"\"" + program_.wstring() + L"\" " + arguments;
     STARTUPINFOW startup{};

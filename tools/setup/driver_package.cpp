@@ -70,7 +70,7 @@ class DriverPackage final : public Part {
   }
 
   Change undo() override {
-    // A device that was there before uses the package now. Windows refuses then, and it stays.
+    // If an earlier device uses the package now, Windows refuses and the package stays.
     uninstall(made_, hasReaderDevice() ? 0 : SUOI_FORCEDELETE);
     return {true, made_.filename().u8string()};
   }

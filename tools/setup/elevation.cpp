@@ -31,7 +31,7 @@ std::optional<int> runElevated() {
   const std::wstring arguments = wide(kConsoleOption) + L"=" +
                                  std::to_wstring(GetCurrentProcessId()) + L" " +
                                  PathGetArgsW(GetCommandLineW());
-  std::array<wchar_t, 32768> folder{};  // otherwise it might begin in the system's
+  std::array<wchar_t, 32768> folder{};  // otherwise it might start in the system's folder
   require(GetCurrentDirectoryW(static_cast<DWORD>(folder.size()), folder.data()) > 0,
           "cannot find the current folder");
   SHELLEXECUTEINFOW execution{};
@@ -55,7 +55,7 @@ std::optional<int> runElevated() {
 
 void useConsoleOf(DWORD process) {
   FreeConsole();
-  if (!AttachConsole(process)) return;  // it has none, and this one works without as well
+  if (!AttachConsole(process)) return;  // that process has none, and this one needs none
   for (std::FILE* stream : {stdout, stderr}) {
     static_cast<void>(std::freopen("CONOUT$", "w", stream));
   }

@@ -1,4 +1,4 @@
-// An administrator's rights.
+// Runs the program with an administrator's rights.
 #pragma once
 
 #include <windows.h>
@@ -10,14 +10,14 @@ namespace zelta::setup {
 
 bool isElevated();
 
-// Runs this program with the arguments of this process and an administrator's rights, for which
-// Windows asks the user, and gives its exit code; none if the user refused. Its output comes to
-// this process's console.
+// Runs this program with the same arguments and an administrator's rights, for which Windows asks
+// the user. Returns its exit code; none if the user refused. Its output goes to this process's
+// console.
 std::optional<int> runElevated();
 
-// In the process that `runElevated` starts: takes the console of the other one for the output.
+// For the process that `runElevated` starts: writes its output to the console of the other one.
 void useConsoleOf(DWORD process);
-// The option that it is started with, before the user's.
+// The option that the process gets, before the user's.
 inline constexpr char kConsoleOption[] = "--console-of";
 
 }  // namespace zelta::setup

@@ -1,6 +1,6 @@
-// Installs parts on the machine, removes them, and tells what is there.
+// Installs parts on the machine, removes them, and reports their state.
 //
-// One thread. Writes a line of output for each thing that it did.
+// One thread. Writes a line of output for each step.
 #pragma once
 
 #include <iosfwd>
@@ -15,14 +15,14 @@ namespace zelta::setup {
 // Exit codes of the program.
 enum class Outcome {
   kDone = 0,
-  kFailed = 1,   // what had been done was undone; of `status`: not everything is there
+  kFailed = 1,   // everything was undone; of `status`: a part is missing
   kUsage = 2,    // the command line is wrong
   kRestart = 3,  // done; Windows has to be restarted
   kRefused = 4,  // no administrator's rights
-  kFaulty = 5,   // everything is there, and something of it does not work
+  kFaulty = 5,   // all parts are there, but one does not work
 };
 
-// A row of the table of what setup does, in the order of installing. Removing goes backwards.
+// A row of the table of setup's steps, in the order of installation. Removal goes backwards.
 struct Step {
   std::string name;
   std::unique_ptr<Part> part;
@@ -36,7 +36,7 @@ class Installer {
 
   // If a step fails, the steps before it are undone, the last one first.
   [[nodiscard]] Outcome install(bool withOptional);
-  // Goes on after a failure, so that as little as possible stays.
+  // Continues after a failure, so that as little as possible stays.
   [[nodiscard]] Outcome remove(bool withData);
   [[nodiscard]] Outcome status();
 

@@ -70,7 +70,7 @@ class LogFolder final : public Part {
   }
 
   Change undo() override {
-    // A folder into which something else has been put stays.
+    // A folder stays if something else has been put into it.
     for (auto folder = made_.rbegin(); folder != made_.rend(); ++folder) {
       RemoveDirectoryW(folder->c_str());
     }
@@ -84,14 +84,14 @@ class LogFolder final : public Part {
     if (error) {
       throw WindowsError("cannot remove " + folder_.u8string(), static_cast<DWORD>(error.value()));
     }
-    // Those above it only if nothing else is in them.
+    // Removes the folders above it only if they are empty.
     RemoveDirectoryW(folder_.parent_path().c_str());
     RemoveDirectoryW(folder_.parent_path().parent_path().c_str());
     return {removed > 0, folder_.u8string()};
   }
 
  private:
-  // A folder that this user may not look at counts as present.
+  // A folder that this user may not access counts as present.
   static bool exists(const fs::path& folder) {
     return GetFileAttributesW(folder.c_str()) != INVALID_FILE_ATTRIBUTES ||
            GetLastError() == ERROR_ACCESS_DENIED;

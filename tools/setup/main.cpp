@@ -1,4 +1,4 @@
-// zelta-setup: installs the virtual smart card reader on Windows, removes it, says what is there.
+// zelta-setup: installs the virtual smart card reader on Windows, removes it, shows its state.
 #include <windows.h>
 // windows.h comes first
 #include <CLI/CLI.hpp>
@@ -42,14 +42,14 @@ std::wstring ownFolder() {
   return std::filesystem::path(program.data()).parent_path().wstring();
 }
 
-// Each with a blank before it, as a program's start-up code takes them apart again.
+// Each with a blank before it, quoted as a program's start-up code expects.
 std::wstring quoted(const std::vector<std::string>& arguments) {
   std::wstring line;
   for (const std::string& argument : arguments) {
     if (argument.find('"') != std::string::npos) {
       throw std::runtime_error("the agent's arguments may hold no quotation marks");
     }
-    // Backslashes before a quotation mark would take its meaning.
+    // Backslashes before the closing quotation mark would escape it.
     const std::size_t slashes = argument.size() - 1 - argument.find_last_not_of('\\');
     line += L" \"" + wide(argument + std::string(argument.empty() ? 0 : slashes, '\\')) + L"\"";
   }

@@ -11,7 +11,7 @@ namespace zelta::setup {
 class Part {
  public:
   struct Change {
-    bool made = false;  // false: everything was as wanted before
+    bool made = false;  // false: nothing had to be changed
     std::string text;   // what it was made of, or found as
     bool needsRestart = false;
   };
@@ -22,12 +22,12 @@ class Part {
   };
 
   virtual ~Part() = default;
-  // Without changing anything, and without an administrator's rights.
+  // Changes nothing and needs no administrator rights.
   virtual Look look() = 0;
   virtual Change add() = 0;
-  // Takes back what the last `add` made; called only if that made something.
+  // Undoes the last `add`; called only if that made something.
   virtual Change undo() { return remove(); }
-  // Everything, whoever made it.
+  // Removes everything, whoever made it.
   virtual Change remove() = 0;
 };
 

@@ -27,7 +27,7 @@ struct DeviceListTraits : platform::WindowsHandleTraits<HDEVINFO> {
   static void close(Value list) { SetupDiDestroyDeviceInfoList(list); }
 };
 
-// One device of a list, which is its own.
+// One device, with its own device list.
 struct Device {
   platform::ScopedHandle<DeviceListTraits> list;
   SP_DEVINFO_DATA data{sizeof(SP_DEVINFO_DATA), {}, 0, 0};

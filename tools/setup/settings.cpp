@@ -52,7 +52,7 @@ void write(const Setting& setting) {
         "cannot write " + nameOf(setting));
 }
 
-// The value, and the keys above it in which nothing is left. False if there was no value.
+// Removes the value, and the keys above it that are empty then. False if there was no value.
 bool erase(const Setting& setting) {
   const LSTATUS result = RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, setting.key, setting.name);
   const bool isGone = result == ERROR_FILE_NOT_FOUND || result == ERROR_PATH_NOT_FOUND;

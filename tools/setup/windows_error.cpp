@@ -22,7 +22,7 @@ constexpr DWORD kFileHashNotInCatalog = 0xE000024B;  // mingw-w64's headers have
 constexpr char kNoCatalog[] = "the package has no catalog, or the catalog is not signed";
 constexpr char kNotTrusted[] = "the catalog's certificate is not trusted on this machine";
 
-// What Windows' own text does not tell. docs/windows.md says how to sign.
+// Hints that Windows' own text lacks. docs/windows.md says how to sign.
 constexpr Hint kHints[] = {
     {ERROR_NO_CATALOG_FOR_OEM_INF, kNoCatalog},
     {static_cast<DWORD>(TRUST_E_NOSIGNATURE), kNoCatalog},

@@ -13,7 +13,7 @@ std::wstring wide(const std::string& text);
 
 class WindowsError : public std::runtime_error {
  public:
-  // `what` was tried, for example "cannot make C:\\Folder".
+  // `what` failed, for example "cannot make C:\\Folder".
   WindowsError(const std::string& what, DWORD number);
   DWORD number() const { return number_; }
 

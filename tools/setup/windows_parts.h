@@ -10,7 +10,7 @@ namespace zelta::setup {
 
 // %ProgramData%\Vornhalt\ZeltaAgent\logs, open to the system, administrators and the local service
 // account, which the driver and the agent run as, and owned by administrators: a user who made it
-// before could open it again. Its files go with it.
+// before could otherwise open it again. Removed with its files.
 std::unique_ptr<Part> makeLogFolder();
 // The access list of that folder.
 inline constexpr wchar_t kLogFolderAccess[] =
@@ -19,7 +19,7 @@ inline constexpr wchar_t kLogFolderAccess[] =
 // The driver's values in the registry, with their defaults if they have none.
 std::unique_ptr<Part> makeSettings();
 
-// zelta_vsc.inf and what it names, in Windows' store of drivers.
+// zelta_vsc.inf and its files, in Windows' driver store.
 std::unique_ptr<Part> makeDriverPackage(const std::wstring& folder);
 
 // The root-enumerated device, with the driver of the package in that folder.

@@ -1,4 +1,4 @@
-// zelta-status: the reader, its agent, its card and the driver's log, once or as they change.
+// zelta-status: shows the reader, its agent, its card and the driver's log, once or as they change.
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>

@@ -21,15 +21,14 @@ namespace {
 constexpr char kNameBegin[] = "Zelta Virtual SmartCard Reader";
 constexpr char kTaken[] = "a program has the reader for itself";
 constexpr int kOpenLimit = 1000;  // milliseconds
-// pcscd does not count as a change what it does by itself, such as switching off a card that nobody
-// uses.
+// pcscd does not report its own actions as changes, such as switching off an unused card.
 constexpr std::chrono::seconds kLookAgain{10};
 
 struct StateName {
   DWORD flag;
   const char* name;
 };
-// The first whose bit is set counts.
+// The first entry whose bit is set counts.
 constexpr StateName kStates[] = {
     {SCARD_SPECIFIC, "specific"},   {SCARD_NEGOTIABLE, "negotiable"}, {SCARD_POWERED, "powered"},
     {SCARD_SWALLOWED, "swallowed"}, {SCARD_PRESENT, "present"},       {SCARD_ABSENT, "absent"},
@@ -94,7 +93,7 @@ SCARD_READERSTATE stateOf(SCARDCONTEXT context, const std::string& name) {
   return state;
 }
 
-// What only an open reader tells.
+// Values that only an open reader gives.
 struct Inside {
   LONG result = SCARD_E_SHARING_VIOLATION;
   DWORD state = 0;

@@ -1,4 +1,4 @@
-// What the PC/SC service says of a virtual reader.
+// The PC/SC service's view of a virtual reader.
 #pragma once
 
 #include <chrono>
@@ -10,7 +10,7 @@
 
 namespace zelta::status {
 
-// Texts are empty if nobody knows.
+// Unknown texts are empty.
 struct PcscView {
   std::string reader;    // its name
   std::string state;     // by its name: "absent", "present", "negotiable", ...
@@ -19,14 +19,14 @@ struct PcscView {
   Bytes atr;
 };
 
-// One of the service's readers. Looks without touching the card and without making anybody wait. It
-// opens the reader only if a card is in that no program has for itself; in a series of looks, only
-// after a change or some time. For a program with one thread.
+// One of the service's readers. Does not touch the card or make other programs wait. Opens the
+// reader only if a card is in that no program uses exclusively; in a series of looks, only after a
+// change or some time. For a program with one thread.
 class VirtualReader {
  public:
   explicit VirtualReader(std::uint32_t index);
 
-  // Takes a second if somebody has a transaction.
+  // Takes a second if another program has a transaction.
   PcscView look();
 
  private:

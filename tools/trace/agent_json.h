@@ -1,4 +1,4 @@
-// What the agent says: one JSON object a line. Pure; no I/O.
+// Parses the agent's output: one JSON object a line. Pure; no I/O.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -15,7 +15,7 @@ Json parseObject(std::string_view line);
 // The member as it is shown: a text without quotation marks. Empty if it is missing or null.
 std::string textOf(const Json& object, const char* name);
 
-// On one line. What is not UTF-8 is replaced.
+// The value on one line. Bytes that are not UTF-8 are replaced.
 std::string dumpLine(const Json& json);
 
 }  // namespace zelta::trace

@@ -99,7 +99,7 @@ bool AgentLines::receive() {
   while (poll(waited.data(), waited.size(), -1) < 0) {
     if (errno != EINTR) return false;
   }
-  if (waited[0].revents == 0) return false;  // a signal alone: what has come is read first
+  if (waited[0].revents == 0) return false;  // a signal alone: received bytes are read first
   std::array<char, 65536> buffer;
   const ssize_t count = recv(agent_.get(), buffer.data(), buffer.size(), 0);
   if (count <= 0) return false;

@@ -1,4 +1,4 @@
-// The lines that a running agent sends to whoever follows its trace.
+// The lines of a running agent's trace.
 #pragma once
 
 #include <cstdint>
@@ -18,19 +18,19 @@ class AgentError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Which agent is meant.
+// Identifies an agent.
 struct AgentPlace {
-  std::string control;  // path of its control socket; empty: wherever that of the reader's agent is
+  std::string control;  // path of its control socket; empty: that of the reader's agent
   std::uint32_t reader = 0;
 
-  // Where the control socket may be.
+  // Candidate paths of the control socket.
   std::vector<std::string> paths() const;
 };
 
 // Why no agent answers there; `error` is the system's number.
 std::string agentProblem(const AgentPlace& place, int error);
 
-// One thread uses it. SIGINT and SIGTERM end the lines instead of the process from its making on.
+// For one thread. Once this exists, SIGINT and SIGTERM end the lines instead of the process.
 class AgentLines {
  public:
   // Asks the agent for its trace. Throws AgentError.

@@ -117,7 +117,7 @@ struct Status {
 constexpr std::uint16_t kExact = 0xFFFF;
 constexpr std::uint16_t kFirstByte = 0xFF00;
 
-// The first that matches counts.
+// The first match counts.
 constexpr Status kStatuses[] = {
     {0x9000, kExact, "success"},
     {0x6100, kFirstByte, "success, more to get"},

@@ -2,8 +2,8 @@
 //
 // Sources: ISO/IEC 7816-4, -8 and -9 (instructions, status words); NIST SP 800-73-4 (PIV); the
 // Government Smart Card Interoperability Specification 2.1, NISTIR 6887 (CAC); the functional
-// specification of the OpenPGP application 3.4; GlobalPlatform Card Specification 2.3. Which of
-// them cards use is what OpenSC's drivers for them send.
+// specification of the OpenPGP application 3.4; GlobalPlatform Card Specification 2.3. The
+// selection follows the commands that OpenSC's card drivers send.
 #pragma once
 
 #include <cstdint>
@@ -11,13 +11,13 @@
 
 namespace zelta::trace {
 
-// What a card's application understands.
+// The command set of a card's application.
 enum class Edge { kIso, kPiv, kCac, kOpenPgp };
 
 // "ISO", "PIV", "CAC", "OpenPGP".
 const char* edgeName(Edge edge);
 
-// What the class byte says: "ISO", "chained", "secure", "channel 1", "own".
+// The meaning of the class byte: "ISO", "chained", "secure", "channel 1", "own".
 std::string className(std::uint8_t classByte);
 
 // "READ BINARY"; "INS 7C" if there is none. P1 and P2 tell the operations of PERFORM SECURITY
@@ -34,7 +34,7 @@ struct Application {
   const char* name;
   Edge edge;
 };
-// Null for one that is not known.
+// Null if it is not known.
 const Application* findApplication(const std::string& aidDigits);
 
 // The name of a data object of that edge by its tag in hexadecimal; empty if it is not known.

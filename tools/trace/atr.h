@@ -12,7 +12,7 @@
 namespace zelta::trace {
 
 struct Atr {
-  std::string problem;          // what is wrong with it; empty if nothing
+  std::string problem;          // its fault; empty if it has none
   bool inverse = false;         // convention
   std::vector<int> protocols;   // T=, each once, in their order; T=0 if none is named
   std::optional<int> specific;  // the protocol of the specific mode (TA2)
@@ -27,7 +27,7 @@ struct Atr {
   int characterWaiting = 13;        // CWI, T=1
   bool usesCrc = false;             // T=1; otherwise LRC
   Bytes historical;
-  std::optional<bool> checkGood;  // TCK; none if there is none to be
+  std::optional<bool> checkGood;  // TCK; none if the ATR needs none
 };
 
 Atr parseAtr(const Bytes& bytes);

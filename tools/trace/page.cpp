@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::string_view kPlace = "@RECORDS@";
 
-// No text can end the element that the records are in.
+// Escapes text that could end the element that holds the records.
 std::string forScript(std::string json) {
   for (std::size_t at = 0; (at = json.find('<', at)) != std::string::npos;) {
     json.replace(at, 1, "\\u003C");

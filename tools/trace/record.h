@@ -1,4 +1,4 @@
-// One line of a trace, taken apart and put into words. Pure; no I/O.
+// Parses a line of a trace and puts it into words. Pure; no I/O.
 #pragma once
 
 #include <cstdint>
@@ -21,8 +21,8 @@ struct Record {
   HexText command;
   HexText response;
   bool masked = false;
-  std::uint64_t count = 0;  // of what is lost
-  // What the trace begins with.
+  std::uint64_t count = 0;  // of lost records
+  // From the first line of the trace:
   std::string reader;
   std::string backend;
   std::string card;
@@ -40,10 +40,10 @@ std::optional<Record> parseRecord(std::string_view line);
 struct Words {
   std::string what;    // "SELECT CAC key 1", "card in"
   std::string data;    // of the command; may be empty
-  std::string answer;  // "9000 success"; empty if there is none to be
+  std::string answer;  // "9000 success"; empty if none is expected
   std::string answerData;
   bool good = true;  // the card did what was asked
-  // For whoever looks closer: names and values.
+  // Further details: names and values.
   std::vector<std::pair<std::string, std::string>> details;
 };
 
@@ -55,7 +55,7 @@ class Reader {
 
  private:
   Words describeTransmit(const Record& record);
-  // What there is to say about a command besides its name; empty if nothing.
+  // A command's description besides its name; may be empty.
   std::string subjectOf(const HexText& command, const HexText& data) const;
   void noteSelection(const HexText& command, const HexText& data, bool good);
 

@@ -1,4 +1,4 @@
-// zelta-trace: shows what goes on between the applications and the card.
+// zelta-trace: shows the traffic between the applications and the card.
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -67,7 +67,7 @@ std::size_t terminalWidth() {
   return size.ws_col;
 }
 
-// What the last system call says of the file.
+// Reports the last system call's error for the file.
 [[noreturn]] void fail(const std::string& file) {
   throw std::runtime_error(file + ": " + std::generic_category().message(errno));
 }
@@ -78,7 +78,7 @@ std::ofstream openOutput(const std::string& file) {
   std::ofstream output(file, std::ios::binary | std::ios::trunc);
   umask(before);
   if (!output) fail(file);
-  // Only its owner reads it: whoever called sudo.
+  // Only the user who called sudo may read it.
   const auto own = [&file](int failed) {
     if (failed != 0) throw std::runtime_error(file + " cannot be made its owner's alone");
   };
@@ -132,7 +132,7 @@ int show(const Options& options) {
     }
     if (save.is_open()) save << *line << std::endl;
     const std::string shown = lineOf(*record, reader.describe(*record), terminalWidth());
-    // Somebody who reads no more ends it.
+    // Ends when the reader of the output has gone.
     if (std::puts(shown.c_str()) < 0 || std::fflush(stdout) != 0) break;
     if (html.is_open()) records.push_back(*record);
     if (record->kind == "transmit" && ++apdus == options.count) break;

@@ -31,10 +31,10 @@ class Card {
   Card(const Card&) = delete;
   Card& operator=(const Card&) = delete;
 
-  // These come one at a time, on threads of the agent, while the card is in. They may take as long
-  // as they like: after 4.5 seconds the agent answers the driver without the card (an ATR query as
-  // if no card was in, a command with 6F 00) and throws away what the card gives later. What they
-  // throw ends `serve`.
+  // Called one at a time, on threads of the agent, while the card is in. They may take as long as
+  // they like: after 4.5 seconds the agent answers the driver without the card (an ATR query as if
+  // no card was in, a command with 6F 00) and discards the card's late answer. An exception from
+  // them ends `serve`.
 
   // The answer to reset, 3B or 3F first, at most 33 bytes; empty if the card is mute.
   virtual Bytes atr() = 0;
@@ -42,8 +42,8 @@ class Card {
   virtual Bytes transmit(const Bytes& command) = 0;
   // The card is reset, or gets power; `atr` is asked for next.
   virtual void reset() {}
-  // A protocol has been chosen, so that somebody uses the card from now on. On any thread, also
-  // while the card works.
+  // A protocol has been chosen: somebody starts to use the card. On any thread, also while the card
+  // works.
   virtual void ready() {}
   // The agent ends: make the call that is in the card return soon. On any thread.
   virtual void interrupt() {}
@@ -51,8 +51,8 @@ class Card {
   // These may be called from any thread, before and while the card is served; not by the methods
   // above.
 
-  // Put the card in, pull it. False if it was so already. What the card answers to a command during
-  // which it was pulled is thrown away.
+  // Put the card in, or pull it. False if it was so already. If the card is pulled during a
+  // command, its answer is discarded.
   bool insert();
   bool remove();
   // Ends `serve`, now or as soon as it is called.

@@ -1,4 +1,4 @@
-// Scripts of any text, commands to their cards, and what must hold whatever they are. Shared by the
+// Plays any text as a script with any commands, and checks what must always hold. Shared by the
 // fuzzer and by the test that plays its corpus.
 #pragma once
 
@@ -15,7 +15,7 @@
 
 namespace zelta::test {
 
-// Insertions and removals by turns, beginning with an insertion.
+// Checks that insertions and removals alternate, beginning with an insertion.
 class TurnsOnly final : public agent::CardListener {
  public:
   void cardInserted() override { move(true); }
@@ -31,7 +31,7 @@ class TurnsOnly final : public agent::CardListener {
   bool in_ = false;  // notices come one at a time
 };
 
-// The script's, if it is one; otherwise the message names a line of the text.
+// The script if the text is one; otherwise checks that the error names a line of the text.
 inline std::optional<agent::Script> parseAny(const std::string& text) {
   try {
     return agent::parseScript(text);
@@ -45,7 +45,7 @@ inline std::optional<agent::Script> parseAny(const std::string& text) {
   }
 }
 
-// Everything that the script does later, it does at once.
+// Removes all delays from the script.
 inline void hasten(agent::Script& script) {
   const std::chrono::milliseconds now{0};
   script.atr.delay = now;
@@ -65,7 +65,7 @@ inline Bytes commandFor(const agent::CommandPattern& pattern) {
   return command;
 }
 
-// Whether the answer is one that the script has for the command, whichever turn it is.
+// Whether the answer is one of the script's for the command, whichever is due.
 inline bool isAnswerTo(const agent::Script& script, const Bytes& command, const Bytes& answer) {
   for (const agent::Script::Reply& reply : script.replies) {
     if (!reply.pattern.matches(command)) continue;

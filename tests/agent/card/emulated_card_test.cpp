@@ -1,4 +1,4 @@
-// The program with its emulated card and the demo database, by the card's own commands.
+// The program with its emulated card and the demo database, tested by the card's own commands.
 #include <cert.h>
 #include <keyhi.h>
 #include <nss.h>
@@ -39,7 +39,7 @@ Bytes paddedBlock() {
   return block;
 }
 
-// What the certificate's key makes of a signature.
+// The result of applying the certificate's key to a signature.
 Bytes recover(const std::string& folder, const char* nickname, const Bytes& signature) {
   NSSInitParameters parameters{};
   parameters.length = sizeof parameters;
@@ -122,7 +122,7 @@ TEST_F(EmulatedCardTest, ResetAndRemoval_ForgetThePin) {
   EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kCardAtr);
   EXPECT_EQ(driver.transmit(kVerify), hex("9000"));
   EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtr), kCardAtr);
-  EXPECT_EQ(driver.transmit(kIsVerified), hex("9000"));  // no reset, nothing forgotten
+  EXPECT_EQ(driver.transmit(kIsVerified), hex("9000"));  // not reset, PIN still verified
   EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtrReset), kCardAtr);
   EXPECT_NE(driver.transmit(kIsVerified), hex("9000"));
   EXPECT_EQ(driver.transmit(kVerify), hex("9000"));

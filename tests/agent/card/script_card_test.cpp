@@ -11,7 +11,7 @@
 namespace zelta::agent {
 namespace {
 
-// A card of a script, started.
+// A started card that plays a script.
 struct Started {
   explicit Started(const std::string& text, bool cardIn = true) : card(parseScript(text), cardIn) {
     card.start(notices);

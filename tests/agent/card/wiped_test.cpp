@@ -1,4 +1,4 @@
-// A command for a card, and its answer: nothing of them is left in memory that was given back.
+// A command for a card, and its answer: no part of them is left in freed memory.
 #include <memory>
 #include <new>
 #include <utility>

@@ -1,5 +1,5 @@
-// Lines of any bytes on the control socket of an agent with texts of any bytes, and what must hold
-// of the answers. Shared by the fuzzer and by the test that plays its corpus.
+// Sends any lines to the control socket of an agent with any texts, and checks what must hold for
+// the answers. Shared by the fuzzer and by the test that plays its corpus.
 #pragma once
 
 #include <algorithm>
@@ -18,7 +18,7 @@
 
 namespace zelta::test {
 
-// Without a driver.
+// Stands for an absent driver.
 class NoPipes final : public agent::PipeClientPort {
  public:
   void watch(const std::vector<std::string>&) override {}

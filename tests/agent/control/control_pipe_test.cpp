@@ -23,7 +23,7 @@ namespace {
 
 std::string echo(const std::string& line) { return "<" + line + ">"; }
 
-// What the call throws.
+// The message that the call throws.
 template <typename Call>
 std::string problemOf(Call call) {
   try {
@@ -88,7 +88,7 @@ TEST_F(ControlPipe, Answer_WaitsForAClientThatReadsLate) {
   auto server = serve();
   const platform::ScopedKernelHandle client = connect();
   write(client, "late\n");
-  EXPECT_EQ(askAgent({name_}, "x\n"), "<x>");  // answered after that one
+  EXPECT_EQ(askAgent({name_}, "x\n"), "<x>");  // answered after the other client
   server.reset();
   EXPECT_EQ(readAll(client), "<late>");
 }
@@ -103,7 +103,7 @@ TEST_F(ControlPipe, Pipe_IsForItsOwnerAndAdministratorsOnly) {
   char* text = nullptr;
   EXPECT_TRUE(ConvertSecurityDescriptorToStringSecurityDescriptorA(
       access, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text, nullptr));
-  // Windows says what "everything" (GA) is for a pipe (FA).
+  // Windows translates "everything" (GA) to a pipe's rights (FA).
   EXPECT_STREQ(text,
                test::underWine() ? "D:P(A;;GA;;;OW)(A;;GA;;;BA)" : "D:P(A;;FA;;;OW)(A;;FA;;;BA)");
   LocalFree(text);

@@ -57,7 +57,7 @@ std::string readAll(const ScopedFd& client) {
   return readLines(client, std::numeric_limits<int>::max());
 }
 
-// That the path cannot be served, for this reason.
+// Expects that the path cannot be served, for this reason.
 void expectRefused(const std::string& path, const std::string& problem) {
   EXPECT_THAT([&] { openControlServer(path, echo, test::failTest); },
               testing::ThrowsMessage<std::runtime_error>(problem));
@@ -168,7 +168,7 @@ TEST_F(ControlSocket, LinkThatCannotBeMade_IsGoneWithout) {
   EXPECT_EQ(askAgent({path_}, "x\n"), "<x>");
 }
 
-// Tells each of its feeds the same.
+// Gives the same text to each of its feeds.
 class Bulletin {
  public:
   class Feed final : public ControlFeed {
@@ -191,7 +191,7 @@ class Bulletin {
     friend class Bulletin;
     Bulletin& bulletin_;
     const std::function<void()> wake_;
-    std::string text_ = "first\n";  // for who has locked the bulletin
+    std::string text_ = "first\n";  // for the holder of the bulletin's lock
   };
 
   OpenFeed opener() {

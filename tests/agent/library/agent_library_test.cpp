@@ -17,7 +17,7 @@ const Bytes kAtr = {0x3B, 0x00};
 const Bytes kEcho = {0x00, 0xCA, 0x00, 0x00};
 const Bytes kFault = {0x00, 0xEE, 0x00, 0x00};
 
-// Answers with the number of its resets and what it was sent.
+// Answers with the number of its resets and the command.
 class EchoCard : public Card {
  public:
   explicit EchoCard(bool isIn = true) : Card(isIn) {}
@@ -41,7 +41,7 @@ class EchoCard : public Card {
 
 class AgentLibrary : public testing::Test {
  protected:
-  // Serves on a thread of its own; the future is that of `serve`.
+  // Serves on a separate thread; returns the future of `serve`.
   static std::future<void> start(Card& card) {
     ServeOptions options;
     options.sessionId = kSession;

@@ -21,10 +21,10 @@ using Result = Outcome::Result;
 using std::chrono::milliseconds;
 using test::heldAnswer;
 
-// Commands of a test's, and what they were answered with. Any thread may call.
+// A test's commands and their answers. Any thread may call.
 class Commands final : public CommandStream {
  public:
-  // The card has `limit` for it from now on.
+  // Gives a command; the card's `limit` for it begins now.
   void give(milliseconds limit = test::kLong) {
     Command command;
     command.kind = Kind::kTransmit;
@@ -33,7 +33,7 @@ class Commands final : public CommandStream {
     state_.lock()->given.push_back(command);
   }
   void end() { state_.lock()->ended = true; }
-  // The answer with this number; waits for it.
+  // Waits for the answer with this number.
   Outcome answer(std::size_t number) {
     auto state = state_.lock();
     state.wait([number](const State& now) { return now.answers.size() >= number; });
@@ -98,15 +98,15 @@ class Threads : public testing::Test {
     return std::async(std::launch::async, [this, &commands] { threads_.serve(commands); });
   }
 
-  // The leader is in the card, and stays there.
+  // Gives a command and holds the leader in the card.
   void giveAndHold() {
     card_.hold();
     commands_.give();
     card_.waitUntilBusy();
   }
-  // The card stays at a command that was answered for. How many answers there are then: on a loaded
-  // machine the time of a command may be over before the leader asks the card, and another is
-  // given.
+  // Holds the card in a command that was answered for it, and returns the number of answers: on a
+  // loaded machine a command's time may be over before the leader asks the card, and another
+  // command is given.
   std::size_t giveAndHoldUntilLate() {
     card_.hold();
     std::size_t number = commands_.answers();
@@ -191,7 +191,7 @@ TEST_F(Threads, AbandonDuringACall_EndsServingAtOnceAndTheNextStreamIsServed) {
   Commands next;
   serving_ = serve(next);
   next.give(kShort);
-  EXPECT_EQ(next.answer(1).result, Result::kLate);  // the card is at the old one's command
+  EXPECT_EQ(next.answer(1).result, Result::kLate);  // the card is busy with the old one's command
   card_.letGo();
   next.give();
   EXPECT_EQ(next.answer(2).data.get(), heldAnswer(2));

@@ -1,4 +1,4 @@
-// A connection of the agent's on pipes in memory, whose driver's part the test plays byte by byte.
+// A connection of the agent on pipes in memory. The test plays the driver byte by byte.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -62,7 +62,7 @@ class Connection : public testing::Test {
     slot_.stop();
   }
 
-  // What the command is answered with, after `before` other answers.
+  // The answer to the command, after `before` other answers.
   Bytes answerTo(const Bytes& command, std::size_t before = 0) {
     commands_.give(command);
     return commands_.takeWrites(before + 1)[before];
@@ -71,7 +71,7 @@ class Connection : public testing::Test {
   Bytes event(std::size_t number) {
     return events_.takeWrites(kSessionWrites + number)[kSessionWrites + number - 1];
   }
-  // The connection ends by itself.
+  // Expects that the connection ends by itself with this line in the log.
   void expectEnd(const std::string& line) {
     thread_.join();
     EXPECT_EQ(commands_.writes(), 0u);
@@ -79,7 +79,7 @@ class Connection : public testing::Test {
   }
 
   test::LogLines lines_;
-  test::Shared<bool> reportsHeld_{false};  // whether the log lets no line of an event go on
+  test::Shared<bool> reportsHeld_{false};  // if true, the log blocks lines about events
   Log log_;
   test::HeldCard card_;
   CardSlot slot_;

@@ -12,7 +12,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// Opens what the test says, and writes down how long it is to wait.
+// Opens as the test says, and notes the limits of the waits.
 class ScriptedPort : public PipeClientPort {
  public:
   std::map<std::string, OpenResult> results;

@@ -69,7 +69,7 @@ TEST_F(Connection, CommandAfterCommand_GetsItsOwnAnswer) {
   EXPECT_EQ(answerTo(kTransmit, 1), (Bytes{3, 0, 0, 0, 0x02, 0x90, 0x00}));
 }
 
-// What is no command: it ends the connection without an answer.
+// An invalid command: it ends the connection without an answer.
 struct Refused {
   const char* name;
   Bytes bytes;
@@ -78,7 +78,7 @@ struct Refused {
 
 class RefusedCommands : public Connection, public testing::WithParamInterface<Refused> {
  protected:
-  // Half-way commands wait for their rest that long.
+  // The time that half a command waits for its rest.
   RefusedCommands() : Connection({milliseconds(50), test::kLong, test::kLong}) {}
 };
 
@@ -165,7 +165,7 @@ TEST_F(ImpatientConnection, AnswerThatTheDriverDoesNotTake_EndsTheConnection) {
   card_.letGo();
   thread_.join();
   EXPECT_EQ(commands_.writes(), 0u);
-  // A loaded machine may come too late for even beginning the answer.
+  // On a loaded machine the answer may be too late to be begun.
   EXPECT_TRUE(lines_.has("error: The driver does not take its answer; dropping the connection") ||
               lines_.has("error: The answer comes too late for the driver"));
 }
@@ -209,7 +209,7 @@ class FailingConnection : public testing::Test {
   }
   ~FailingConnection() override { threads_.stop(); }
 
-  // Serves until an exception ends that.
+  // Serves until an exception is thrown.
   void serve(PipeConnection& commands, PipeConnection& events, const OnFailure& onFailure) {
     DriverConnection connection(
         commands, events, slot_, threads_,
@@ -232,7 +232,7 @@ TEST_F(FailingConnection, ExceptionOfACommandThread_IsToldAndLeavesNoObserver) {
   MemoryPipe events;
   serve(commands, events, test::failTest);
   EXPECT_EQ(told_.get_future().get(), "cannot read");
-  EXPECT_EQ(slot_.remove(), "");  // what observed it is gone
+  EXPECT_EQ(slot_.remove(), "");  // its observer is gone
   EXPECT_EQ(slot_.insert(), "");
 }
 

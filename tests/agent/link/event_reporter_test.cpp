@@ -1,4 +1,4 @@
-// What a connection tells the driver of its session and of the card, byte by byte.
+// A connection's reports to the driver of its session and of the card, byte by byte.
 #include "agent/link/event_reporter.h"
 
 #include "tests/agent/link/connection_fixture.h"
@@ -83,7 +83,7 @@ TEST_F(ConnectionEvents, FirstCommandThatDoesNotAskForTheAtr_ReportsTheCard) {
   EXPECT_EQ(event(1), kInserted);
 }
 
-// That nothing is reported of the first card shows in the event of the second.
+// The next event is that of the second card, so nothing was reported for the first.
 TEST_F(ConnectionEvents, CardThatTheDriverNeverKnew_IsNotReportedGone) {
   EXPECT_EQ(slot_.remove(), "");
   EXPECT_EQ(answerTo(kAtrQuery), kLengthZero);
@@ -167,7 +167,7 @@ TEST_F(TerseConnection, RemovalThatWaits_IsWrittenBeforeTheNextCommandIsAnswered
   EXPECT_EQ(event(1), kInserted);
   EXPECT_EQ(slot_.remove(), "");
   commands_.give(kAtrQuery);
-  std::this_thread::sleep_for(milliseconds(20));  // in which it could be answered too early
+  std::this_thread::sleep_for(milliseconds(20));  // time for an early answer
   EXPECT_EQ(commands_.writes(), 0u);
   *reportsHeld_.lock() = false;
   EXPECT_EQ(commands_.takeWrites(1).back(), kLengthZero);

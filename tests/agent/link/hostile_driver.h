@@ -1,6 +1,6 @@
-// A driver that sends any bytes at all on both pipes, while cards come and go, and what the agent
-// must make of them: one answer, the right one, for each whole command, and an end of the
-// connection for anything else. Shared by the fuzzer and by the test that plays its corpus.
+// A driver that sends any bytes on both pipes while cards come and go. Checks the agent: one right
+// answer for each whole command, and an end of the connection for anything else. Shared by the
+// fuzzer and by the test that plays its corpus.
 #pragma once
 
 #include <cstddef>
@@ -16,12 +16,12 @@
 
 namespace zelta::test {
 
-// What the agent owes the driver for the bytes so far.
+// The answers that the agent owes the driver for the bytes so far.
 class ExpectedAnswers {
  public:
   enum class Next { kMore, kAnswer, kEnd };
 
-  // Takes what the driver sends at once. kAnswer: `answer` comes, and the driver waits for it.
+  // Takes bytes that the driver sends at once. kAnswer: the driver must wait for `answer`.
   Next send(const Bytes& bytes, bool cardAnswers) {
     pending_.insert(pending_.end(), bytes.begin(), bytes.end());
     for (;;) {
@@ -44,7 +44,7 @@ class ExpectedAnswers {
     }
   }
 
-  // With its length.
+  // The answer with its length.
   const Bytes& answer() const { return answer_; }
   bool givesAtr() const { return givesAtr_; }
 
@@ -79,7 +79,7 @@ class HostileDriver {
     slot_.start();
     threads_.start();
     thread_ = std::thread([this] { connection_.serve(); });
-    events_.takeWrites(kSessionWrites);  // from then on the connection notices the card's moves
+    events_.takeWrites(kSessionWrites);  // now the connection notices the card's moves
   }
   ~HostileDriver() {
     connection_.stop();
@@ -173,15 +173,15 @@ class HostileDriver {
     return true;
   }
 
-  // By itself; an answer that was not due is none.
+  // Expects that the connection ends by itself, with no answer that was not due.
   bool expectEnd() {
     thread_.join();
     require(commands_.writes() == answers_, "what is no command has no answer");
     return false;
   }
 
-  // The session id, each field on its own, and then insertions and removals by turns. A removal
-  // comes first only if the driver knows the card by its ATR.
+  // Expects the session id, each field in its own write, and then alternating insertions and
+  // removals. A removal comes first only if the driver knows the card by its ATR.
   void checkEvents() {
     const std::vector<Bytes> written = events_.takeWrites(0);
     for (std::size_t i = kSessionWrites; i < written.size(); ++i) {
@@ -211,7 +211,7 @@ class HostileDriver {
   int longCommands_ = 0;
 };
 
-// Each step is a byte and what it takes.
+// Each step is a byte and its arguments.
 inline void playHostileDriver(const std::uint8_t* data, std::size_t size) {
   HostileDriver(data, size).play();
 }

@@ -60,7 +60,7 @@ class ConnectedPipes : public testing::Test {
       return answered == IoResult::kDone ? commands_->awaitCommand() : answered;
     });
   }
-  // Nobody writes there but a driver that is broken.
+  // Only a broken driver writes there.
   std::future<IoResult> readEventPipe() {
     return std::async(std::launch::async, [this] {
       std::uint8_t byte = 0;
@@ -84,7 +84,7 @@ class ConnectedPipes : public testing::Test {
       ASSERT_EQ(driver_.readEvent(), code);
     }
   }
-  // Posts 0, 1, 2 and so on until the pipe takes no more; how many it took.
+  // Posts 0, 1, 2 and so on until the pipe is full; returns the number of posts.
   std::uint32_t fillEvents() {
     std::uint32_t posted = 0;
     while (post(posted, SteadyClock::now() - milliseconds(1)) == IoResult::kDone) ++posted;
@@ -111,7 +111,7 @@ TEST_F(ConnectedPipes, CommandAwaited_IsReadFieldByFieldAndNoFurther) {
   EXPECT_TRUE(sent.get());
 }
 
-// One thread gives them all: Windows ends what a thread has begun with the thread.
+// One thread gives all answers: Windows ends a thread's operations with the thread.
 TEST_F(ConnectedPipes, Answer_IsItsLengthAndItsBytes) {
   const std::array<Bytes, 3> answers = {kAnswer, Bytes(), kMuch};
   auto answered = std::async(std::launch::async, [&] {
@@ -209,7 +209,7 @@ TEST_P(FullEventPipe, PostThatTimedOut_HandsOverNothingAndMayBeRepeated) {
   EXPECT_FALSE(tryPost(posted));
   auto repeated = std::async(std::launch::async, [&] {
     const IoResult result = post(posted);
-    // The thread's end may take back what the driver has not read.
+    // The thread's end may take back bytes that the driver has not read.
     return result == IoResult::kDone ? events_->flush() : result;
   });
   for (int byte = 0; byte < GetParam(); ++byte) ASSERT_EQ(driver_.readEventByte(), 'x');

@@ -1,4 +1,4 @@
-// What the stories of the whole agent share: a card, and a driver on the system's pipes.
+// Shared by the tests of the whole agent: a card, and a driver on the system's pipes.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -34,13 +34,13 @@ class HeldService final : public Service {
 
 class AgentRunTest : public testing::Test {
  protected:
-  // Runs the service and stops it; the exit code that is returned.
+  // Runs the service and stops it; returns the exit code.
   int runAndStop(HeldService& service) {
     const OnFailure onFailure = test::failTest;
     AgentRun run(service, onFailure);
     return run.stop(failure_, log_, [&](int exitCode) {
       left_ = exitCode;
-      service.release();  // in the place of the process's end
+      service.release();  // instead of ending the process
     });
   }
 

@@ -52,7 +52,7 @@ TEST_F(AgentTest, SecondAgent_IsRefusedAndTakesOverWhenTheFirstEnds) {
   RunningAgent second(otherCard);
   second.log().waitFor("warning: The driver is gone, or serves another agent: ");
   EXPECT_EQ(driver.transmit(kSelect), heldAnswer(1));
-  // One line, however often it has tried. Later the pipes come free one after the other.
+  // One line, however often it has tried. Later the pipes become free one after the other.
   EXPECT_EQ(second.log().count("serves another agent"), 1u);
   first.stop();
   EXPECT_TRUE(driver.waitForDrop());

@@ -1,4 +1,4 @@
-// The whole agent tells the driver, and whoever asks for its status, of the card.
+// The whole agent reports its card to the driver and in its status.
 #include <thread>
 
 #include "tests/agent/program/agent_fixture.h"

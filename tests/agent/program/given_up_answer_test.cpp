@@ -1,4 +1,4 @@
-// An answer that the driver has given up: no byte of it is followed by another's.
+// An answer that the driver has given up: no byte of another answer follows it.
 
 #include "tests/agent/program/agent_fixture.h"
 
@@ -39,7 +39,7 @@ TEST_P(GivenUp, NotificationAfterAPartOfTheAnswer_DropsTheConnection) {
 
 TEST_P(GivenUp, NotificationBeforeALateAnswerIsRead_DropsTheConnection) {
   agent::Timing timing = patientTiming();
-  timing.answerLimit = std::chrono::seconds(1);  // in which a whole transmit comes
+  timing.answerLimit = std::chrono::seconds(1);  // time for a whole transmit
   DriverEnd driver;
   RunningAgent agent(card_, timing);
   driver.acceptSession();

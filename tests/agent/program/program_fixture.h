@@ -1,4 +1,4 @@
-// The whole program as a process, with scripted cards.
+// Runs the whole program as a process, with scripted cards.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -25,7 +25,7 @@ inline constexpr char kSlow[] = "atr 3B00\ncommand * -> 9000 after 1000s\n";
 
 class Program : public testing::Test {
  protected:
-  // Arguments for a card of this script, with a control path of the test's own.
+  // Arguments for a card with this script, with the test's own control path.
   std::vector<std::string> script(const std::string& text,
                                   const std::vector<std::string>& more = {}) {
     std::ofstream(folder_.file("script"), std::ios::binary) << text;

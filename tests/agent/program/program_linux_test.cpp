@@ -142,7 +142,7 @@ INSTANTIATE_TEST_SUITE_P(Signals, EndingSignal, testing::Values(SIGINT, SIGTERM)
                          });
 
 #if !defined(__SANITIZE_ADDRESS__)  // the sanitizers look into memory by a pipe that they open
-// From now on the program gets no further file descriptors, and cannot poll more than `left`.
+// Lets the program get no further file descriptors, nor poll more than `left`.
 void refuseDescriptors(const AgentProcess& process, rlim_t left) {
   const rlimit few = {left, left};
   ASSERT_EQ(prlimit(static_cast<pid_t>(process.id()), RLIMIT_NOFILE, &few, nullptr), 0);
@@ -200,7 +200,7 @@ TEST_F(Program, NoDescriptorsWhileTheCardWorks_LeavesAWholeAnswerOrNone) {
   EXPECT_TRUE(driver.sendTransmit({0x01}));
   EXPECT_TRUE(driver.flush());
   refuseDescriptors(process, 0);
-  // None if the event pipe could not be waited for any more before the card was done.
+  // None if the agent could no longer wait for the event pipe before the card was done.
   const std::optional<Bytes> answer = driver.takeAnswer();
   EXPECT_TRUE(!answer || *answer == kOk);
   EXPECT_TRUE(driver.waitForDrop());

@@ -1,4 +1,4 @@
-// What the program does on every system.
+// The program's behaviour on every system.
 #include "agent/version.h"
 #include "tests/agent/program/program_fixture.h"
 
@@ -87,7 +87,7 @@ TEST_F(Program, SlowCard_IsAnsweredForAfterFourAndAHalfSeconds) {
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(driver.transmit({0x01}), (Bytes{0x6F, 0x00}));
   EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(4400));
-  // Pulling it ends what the card is still at.
+  // Pulling the card ends its current command.
   EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardRemoved));
   EXPECT_EQ(driver.readEvent(), event(AgentEvent::kCardInserted));
   EXPECT_EQ(driver.transmit({0x02}), kOk);

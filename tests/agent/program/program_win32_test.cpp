@@ -10,11 +10,11 @@ namespace {
 
 using testing::HasSubstr;
 
-// Ctrl-C on the program's console. The test's program has no console from then on.
+// Presses Ctrl-C on the program's console. The test's program has no console afterwards.
 bool pressControlC(const AgentProcess& process) {
   FreeConsole();
   if (!AttachConsole(process.id())) return false;
-  // Everybody on the console learns of it, this program too.
+  // Every program on the console gets it, including this one.
   SetConsoleCtrlHandler([](DWORD) -> BOOL { return TRUE; }, TRUE);
   const bool pressed = GenerateConsoleCtrlEvent(CTRL_C_EVENT, 0) != FALSE;
   FreeConsole();
@@ -49,7 +49,7 @@ TEST_F(Program, DefaultControlPipes_AreFoundByCtl) {
                 "; to start the service: sc start ZeltaAgent4000000000\n");
 }
 
-// Wine has the service's library and no service; Windows has a reader of that name nowhere.
+// Wine has the service's library but no service; Windows has no reader of that name.
 TEST_F(Program, CardOfTheRealReader_NeedsTheService) {
   AgentProcess process(
       withControl({"--backend", "pcsc", "--pcsc-reader", "No such reader 0", "-v"}));

@@ -1,5 +1,5 @@
-// Commands and answers in the agent's threads: nothing of them is left in memory that was given
-// back. The driver is this thread.
+// Commands and answers in the agent's threads: no part of them is left in freed memory. The driver
+// is this thread.
 #include <memory>
 
 #include "agent/card/script_card.h"

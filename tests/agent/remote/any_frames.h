@@ -1,4 +1,4 @@
-// Any bytes from the other end of a line, and what must hold of what an agent makes of them. Shared
+// Feeds an agent any bytes from the other end of a line, and checks what must always hold. Shared
 // by the fuzzer and by the test that plays its corpus.
 #pragma once
 
@@ -15,7 +15,7 @@
 
 namespace zelta::test {
 
-// Brings bytes in pieces, then ends; keeps what is sent.
+// Delivers bytes in pieces, then ends; keeps the sent bytes.
 class BytesLine final : public agent::Line {
  public:
   BytesLine(Bytes bytes, std::size_t piece) : bytes_(std::move(bytes)), piece_(piece) {}
@@ -75,7 +75,7 @@ inline std::size_t countOf(const std::vector<agent::Frame>& frames, agent::Frame
       frames.begin(), frames.end(), [kind](const auto& frame) { return frame.kind == kind; }));
 }
 
-// What a channel makes of the frames, until its line has ended.
+// Checks a channel's frames until its line has ended.
 inline void checkChannel(const Bytes& bytes, std::size_t piece, const Decoded& decoded) {
   BytesLine line(bytes, piece);
   agent::FrameChannel channel(line, agent::LineTimes{});

@@ -36,7 +36,7 @@ class TestDialer final : public Dialer {
     state->farEnds.pop_front();
     return line;
   }
-  // Of the calls from now on.
+  // Sets the exit code of later calls.
   void setExitCode(int code) { state_.lock()->exitCode = code; }
 
  private:
@@ -67,7 +67,7 @@ struct FarEnd {
   explicit FarEnd(std::unique_ptr<Line> dialed)
       : line(std::move(dialed)), channel(*line, test::patientTimes()) {}
 
-  // Until the near end knows the round trip and has told of a card.
+  // Waits until the near end knows the round trip and has reported a card.
   void greet(std::uint32_t card) {
     ASSERT_TRUE(channel.greet()) << channel.describeEnd();
     const Frame frame = nextOf(channel);

@@ -20,7 +20,7 @@ class Channel : public testing::Test {
   void sayHello(std::uint32_t protocol = kFrameProtocol) {
     ends_.far->send(encodeFrame(helloFrame({protocol, "9.9"})));
   }
-  // What the channel has sent, until it is `size` bytes long.
+  // Waits until the channel has sent `size` bytes; returns them.
   Bytes sent(std::size_t size) {
     platform::SecretQueue bytes;
     while (bytes.size() < size) EXPECT_EQ(ends_.far->receive(bytes, later()), IoResult::kDone);

@@ -27,7 +27,7 @@ struct LineEnds {
   std::unique_ptr<agent::Line> far;
 };
 
-// Nothing happens by time alone.
+// Limits so long that none runs out.
 inline agent::LineTimes patientTimes() { return {kLong, kLong, kLong}; }
 
 inline agent::SteadyClock::time_point later() { return agent::SteadyClock::now() + kLong; }

@@ -1,5 +1,4 @@
-// Commands and answers on the line between two agents: nothing of them is left in memory that was
-// given back.
+// Commands and answers on the line between two agents: no part of them is left in freed memory.
 #include <future>
 
 #include "agent/card/script_card.h"
@@ -24,7 +23,7 @@ Bytes verify() {
   return command;
 }
 
-// The test's own copies are not looked at: it is the other end of the line.
+// The test's own copies are not checked: it is the other end of the line.
 class WipedLine : public testing::Test {
  protected:
   test::LineEnds ends_;
@@ -112,7 +111,7 @@ TEST_F(WipedLine, CommandAndAnswersOfARemoteCard_LeaveNoSecretInFreedMemory) {
     EXPECT_EQ(nextOf(channel_).payload.size(), kNumberSize + command.size());
     channel_.send(FrameKind::kAnswer, number, verify());
     EXPECT_EQ(answer.get().size(), command.size());
-    channel_.send(FrameKind::kAnswer, number, verify());  // which nobody awaits
+    channel_.send(FrameKind::kAnswer, number, verify());  // for which no call waits
   }
   lines_.waitFor("debug: Answer 3 is late; thrown away");
   card.stop();

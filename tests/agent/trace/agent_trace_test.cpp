@@ -1,4 +1,4 @@
-// What an agent tells of its card and its driver, and what it counts.
+// The records of an agent about its card and its driver, and its counts.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -18,7 +18,7 @@ class Notes final : public TraceSink {
  public:
   bool wanted() const override { return true; }
   void take(const TraceRecord& record) override { records_.add(record); }
-  // "kind command>response" of each; waits until there are so many.
+  // "kind command>response" of each; waits until there are `count`.
   std::string text(std::size_t count) {
     std::string text;
     for (const TraceRecord& record : records_.await(count)) {

@@ -34,7 +34,7 @@ TraceRecord exchange(const std::string& command, const std::string& response) {
   record.command = bytes(command);
   record.response = bytes(response);
   SecretMask mask;
-  mask.look({}, {});  // nothing secret has been before
+  mask.look({}, {});  // no secret came before
   record.hidden = mask.look(record.command.get(), record.response.get());
   return record;
 }

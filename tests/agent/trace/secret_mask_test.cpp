@@ -12,7 +12,7 @@ namespace {
 
 Bytes bytes(const std::string& digits) { return parseHex(digits).value(); }
 
-// What is shown of the exchange: "command response".
+// The masked exchange: "command response".
 std::string shown(SecretMask& mask, const std::string& command, const std::string& response) {
   const HiddenParts parts = mask.look(bytes(command), bytes(response));
   return toMaskedHex(bytes(command), parts.command) + " " +

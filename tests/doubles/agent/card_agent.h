@@ -1,5 +1,5 @@
 // An agent with a card, for tests of the driver's side: opens both pipes of a reader and answers
-// its commands on a thread of its own, as a card would or as the test says.
+// its commands on its own thread, as a card would or as the test says.
 //
 // Owned by the test. `connect`, `connectSilently`, `die` and the events are for one thread at a
 // time; the card may be changed from any thread. Answers are made on the agent's thread.
@@ -21,7 +21,7 @@ namespace zelta::test {
 
 class CardAgent {
  public:
-  // A command as it came.
+  // A received command.
   struct Command {
     AgentCommand code;
     Bytes apdu;  // of a transmit
@@ -45,10 +45,10 @@ class CardAgent {
   CardAgent(const CardAgent&) = delete;
   CardAgent& operator=(const CardAgent&) = delete;
 
-  // Opens both pipes, the event pipe first if the system allows it, and answers for the card from
-  // then on. Returns when the driver, in which somebody waits for a card, has asked for the card:
-  // what changes afterwards is no part of that answer. False if the driver did not accept the
-  // agent. A card that is in by then is not reported: the driver asks.
+  // Opens both pipes, the event pipe first if the system allows it, and begins to answer for the
+  // card. Returns when the driver, in which a request must wait for a card, has asked for the card:
+  // later changes are no part of that answer. False if the driver did not accept the agent. A card
+  // that is in by then is not reported: the driver asks.
   bool connect();
   // Answers as the test says instead, and does not wait for the driver to ask.
   bool connect(Answer answer);
@@ -56,7 +56,7 @@ class CardAgent {
   bool connectUnasked();
   // Opens the pipes without answering anything: the test reads and writes them itself.
   bool connectSilently();
-  // The driver sees it gone; returns when its thread has ended.
+  // Closes the pipes; returns when the agent's thread has ended.
   void die();
 
   // Move the card without a report.

@@ -1,4 +1,4 @@
-// A card's listener that writes down what it is told: "in " and "out ".
+// A card's listener that records its notices: "in " and "out ".
 //
 // Any thread may call.
 #pragma once
@@ -22,7 +22,7 @@ class CardNotices : public agent::CardListener {
   void cardRemoved() override { add("out "); }
   void cardFailed(const char* problem) override { ADD_FAILURE() << problem; }
 
-  // Until exactly this has been told.
+  // Waits until exactly these notices have come.
   void waitFor(const std::string& text) {
     text_.lock().wait([&](const std::string& told) { return told == text; });
   }
@@ -35,7 +35,7 @@ class CardNotices : public agent::CardListener {
   Shared<std::string> text_;
 };
 
-// One that cannot handle a card, so that the back end's thread that tells it fails.
+// A listener that cannot handle a card, so that the back end's notifying thread fails.
 class FailingNotices final : public CardNotices {
  public:
   void cardInserted() override { throw std::runtime_error("no memory for the card"); }

@@ -1,4 +1,4 @@
-// An agent's control socket, answered as the test says.
+// An agent's control socket whose answers the test gives.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,10 +16,10 @@
 
 namespace zelta::test {
 
-// Owned by the test. Answers one client after the other, on a thread of its own.
+// Owned by the test. Answers one client after the other, on its own thread.
 class ControlDouble {
  public:
-  // Gives the answer to the question of that number, from 1 on.
+  // Returns the answer to the question with that number, from 1.
   using Answer = std::function<std::string(int question)>;
 
   static std::string statusWithCard(std::uint32_t reader, bool in) {

@@ -16,7 +16,7 @@ constexpr std::uint32_t kDuplex = 0x00000003;
 constexpr std::uint32_t kFirstInstance = 0x00080000;
 constexpr std::uint32_t kBytesBlocking = 0;
 
-// As the driver's, but for who may open it: one instance without a buffer.
+// Like the driver's, except for the access rights: one instance without a buffer.
 platform::PipeHandleValue createPipe(platform::PipeApi& pipes, const std::string& name) {
   platform::PipeArguments arguments;
   arguments.openMode = kDuplex | kFirstInstance;

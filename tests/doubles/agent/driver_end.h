@@ -2,7 +2,7 @@
 // driver performs them, on the operating system's real pipes.
 //
 // One thread, except that `transmit` and `readEvent` may run at the same time. Calls block until
-// the agent does what they wait for; a test that it lets down ends by its time-out.
+// the agent does what they wait for; if it does not, the test ends by its time-out.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ namespace zelta::test {
 
 class DriverEnd {
  public:
-  // Creates both pipes; the agent can connect from then on. Throws if one is in use.
+  // Creates both pipes, so that the agent can connect. Throws if one is in use.
   explicit DriverEnd(std::uint32_t reader = 0);
   ~DriverEnd();
   DriverEnd(const DriverEnd&) = delete;
@@ -44,13 +44,13 @@ class DriverEnd {
   // The two halves of `transmit`.
   bool sendTransmit(const Bytes& apdu);
   std::optional<Bytes> readAnswer();
-  // The same without a flush, after one.
+  // Reads an answer without a flush; call after one.
   std::optional<Bytes> takeAnswer();
-  // The beginning of an answer alone.
+  // Reads only the beginning of an answer.
   std::optional<std::uint32_t> readAnswerLength();
   bool notifyReady();
 
-  // What no driver does.
+  // No real driver does this.
   bool writeToEventPipe(const Bytes& bytes);
 
   bool sendNumber(std::uint32_t number);
@@ -59,7 +59,7 @@ class DriverEnd {
   bool flush() { return pipes_.flush(commands_); }
   // Waits until the agent has dropped the connection; false if it answered instead.
   bool waitForDrop();
-  // The same, from after a flush on; gives what the agent wrote on the command pipe before.
+  // The same, after a flush; returns the bytes that the agent wrote on the command pipe before.
   Bytes takeRest();
 
  private:

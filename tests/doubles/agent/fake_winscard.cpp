@@ -79,7 +79,7 @@ LONG SCardReleaseContext(SCARDCONTEXT) {
 
 LONG SCardCancel(SCARDCONTEXT) {
   const auto service = current->lock();
-  // As the real one: it reaches a wait that has begun, and no other.
+  // Like the real one, it ends only a wait that has begun.
   service->cancelled = service->watched;
   return SCARD_S_SUCCESS;
 }

@@ -1,8 +1,8 @@
 // The PC/SC service, for tests: one reader, one card, one process. Takes the place of the client
 // library at link time.
 //
-// Any thread may call. A wait for changes blocks as the real one does, until the state is another
-// than the caller knows, or it is cancelled.
+// Any thread may call. A wait for changes blocks like the real one, until the state differs from
+// the caller's, or it is cancelled.
 #pragma once
 
 #include <deque>
@@ -34,7 +34,7 @@ class FakeWinscard {
     std::vector<std::string> calls;
   };
 
-  // The one that the SCard functions act on while it lives.
+  // While this object lives, the SCard functions act on it.
   FakeWinscard();
   ~FakeWinscard();
   FakeWinscard(const FakeWinscard&) = delete;
@@ -42,14 +42,14 @@ class FakeWinscard {
 
   void setService(bool up) { lock()->up = up; }
   void setReader(bool there);
-  // A wait for a reader that is not there succeeds with a state that says so, and a reader with
-  // that state is not looked at any more, as on Windows. Otherwise the wait fails.
+  // A wait for a missing reader succeeds with a state that says so, and a reader with that state is
+  // then ignored, as on Windows. Otherwise the wait fails.
   void tellUnknownReaderByItsState() { lock()->tellsByState = true; }
   void insertCard() { changeCard(true, 1); }
   void removeCard() { changeCard(false, 1); }
-  // Another card in one step, as when the watcher was not looking.
+  // Swaps the card in one step, as if the watcher had missed it.
   void swapCard() { changeCard(true, 2); }
-  // The card goes, and only commands find out; `insertCard` or `removeCard` tells the watcher.
+  // Removes the card so that only commands notice; `insertCard` or `removeCard` tells the watcher.
   void loseCard() { lock()->lost = true; }
   // Results of the next transmits, in order; afterwards success. The answer is in the caller's
   // buffer in any case.
@@ -57,7 +57,7 @@ class FakeWinscard {
   // Calls in the order in which they came: "connect", "reset", "leave", "disconnect", "transmit".
   std::vector<std::string> takeCalls() { return std::exchange(lock()->calls, {}); }
   std::size_t contexts() { return lock()->contexts; }
-  // Until a thread waits for changes.
+  // Blocks until a thread waits for changes.
   void waitUntilWatched() { lock().wait(&State::watched); }
 
   // For the SCard functions.

@@ -1,4 +1,4 @@
-// A card back end whose answers a test holds back and lets go.
+// A card back end whose answers a test holds back and releases.
 //
 // Any thread may call. Answers to commands are numbered: 01 9000, 02 9000, ...; the ATR is 3B 00.
 #pragma once
@@ -16,15 +16,15 @@ class HeldCard : public agent::CardBackend {
  public:
   explicit HeldCard(bool in = true) { state_.lock()->in = in; }
 
-  // From now on the card works on a command until `letGo`.
+  // Makes the card work on each command until `letGo`.
   void hold() { state_.lock()->held = true; }
   void letGo() { state_.lock()->held = false; }
-  // Until the card works on a command.
+  // Blocks until the card has a command.
   void waitUntilBusy() { state_.lock().wait(&State::busy); }
   bool isBusy() { return state_.lock()->busy; }
-  // From now on the card answers nothing, though it is in.
+  // If set, the card does not answer although it is in.
   void setMute(bool mute) { state_.lock()->mute = mute; }
-  // From now on transmits throw "the card is broken".
+  // Makes later transmits throw "the card is broken".
   void breakDown() { state_.lock()->broken = true; }
   int resets() { return state_.lock()->resets; }
   int readyNotices() { return state_.lock()->readyNotices; }

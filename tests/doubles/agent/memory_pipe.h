@@ -1,5 +1,5 @@
-// A client end of a pipe without a buffer and without a driver: the test plays the driver's part,
-// and reads what is written at once or not yet.
+// A client end of a pipe without a buffer and without a driver: the test plays the driver, and
+// reads writes at once or later.
 //
 // Any thread may call.
 #pragma once
@@ -16,17 +16,17 @@ namespace zelta::test {
 
 class MemoryPipe : public agent::PipeConnection {
  public:
-  // What the agent reads from now on.
+  // Appends bytes for the agent to read.
   void give(const Bytes& bytes);
   // Each write of the agent, in order; waits until there are `count`.
   std::vector<Bytes> takeWrites(std::size_t count);
   std::size_t writes() { return state_.lock()->written.size(); }
-  // From now on the driver reads nothing until `letWrites`; a flush waits for that, too.
+  // After this call the driver reads nothing until `letWrites`; a flush blocks as well.
   void holdWrites() { state_.lock()->held = true; }
   void letWrites() { state_.lock()->held = false; }
   // From now on nothing is taken at once, as on Windows.
   void refuseTries() { state_.lock()->refusesTries = true; }
-  // Until a write waits.
+  // Blocks until a write is waiting.
   void waitUntilWriting() { state_.lock().wait(&State::writing); }
 
   agent::IoResult awaitCommand() override;
@@ -49,11 +49,11 @@ class MemoryPipe : public agent::PipeConnection {
     bool cancelled = false;
   };
 
-  // Bytes given meanwhile end the wait if it is an answer. What times out is not written.
+  // Bytes given meanwhile end the wait if it is an answer. A write that times out is not done.
   agent::IoResult write(Bytes bytes, std::optional<agent::SteadyClock::time_point> deadline,
                         bool isAnswer);
 
-  // Whether `ready` came before the deadline, if there is one.
+  // Whether `ready` became true before the deadline, if there is one.
   static bool waitUntil(Shared<State>::Access& state,
                         std::optional<agent::SteadyClock::time_point> deadline,
                         const std::function<bool(const State&)>& ready);

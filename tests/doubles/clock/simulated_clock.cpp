@@ -9,7 +9,7 @@ using platform::MutexLock;
 bool SimulatedClock::waitUntil(platform::ConditionVariable& condition, MutexLock& lock,
                                std::int64_t deadline, const std::function<bool()>& predicate) {
   Waiter waiter{&condition, &lock.mutex(), deadline};
-  // The waiter's mutex is let go of while the list is changed: `set` takes it under its own.
+  // The waiter's mutex is released while the list is changed: `set` takes it under its own.
   lock.unlock();
   {
     const MutexLock own(mutex_);

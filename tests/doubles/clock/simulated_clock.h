@@ -27,13 +27,13 @@ class SimulatedClock final : public platform::WallClock {
                  std::int64_t deadline,
                  const std::function<bool()>& predicate) override ZELTA_NO_THREAD_SAFETY_ANALYSIS;
 
-  // Moves the clock, backwards too, and wakes those who wait for that time.
+  // Moves the clock, also backwards, and wakes the threads that wait for that time.
   void set(std::int64_t time);
   void advance(std::int64_t milliseconds);
 
   // Blocks until a wait with this deadline is under way.
   void awaitDeadline(std::int64_t deadline);
-  // Waits with a deadline that have begun.
+  // The number of waits with a deadline that have begun.
   std::size_t waits();
 
  private:

@@ -73,7 +73,7 @@ void answerFileName(IWDFIoRequest& request) {
   answerNumbers(request, numbers);
 }
 
-// Without a context; the first and a second attempt to attach one; with it.
+// Without a context; with the first and a second attempt to attach one; with a context.
 void answerContexts(IWDFIoRequest& request, std::atomic<std::uint32_t>& cleanups) {
   void* context = nullptr;
   std::vector<std::uint32_t> results;

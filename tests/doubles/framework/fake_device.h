@@ -35,7 +35,7 @@ struct Counted {
   ~Counted() { --liveObjects; }
 };
 
-// True where `what` is the thing that is to go wrong.
+// True if the step `what` is set to fail.
 bool failing(const char* what);
 HRESULT resultOf(const char* what);
 // Appends a line to the trace file.
@@ -91,7 +91,7 @@ class FakeDevice final
                                                  IWDFIoRequest* request, ULONG code,
                                                  SIZE_T inLength, SIZE_T outLength) override;
 
-  // Completes what waits for ever, which the host has completed in the driver's place.
+  // Completes requests that wait for ever, which the host has already completed.
   void endForEver() {
     std::vector<IWDFIoRequest*> forEver;
     {
@@ -110,7 +110,7 @@ class FakeDevice final
                                     framework::IQueueCallbackDeviceIoControl>;
   ~FakeDevice() { trace("device destroyed"); }
 
-  // A callback that runs, for a scope.
+  // A running callback, for a scope.
   class Inside {
    public:
     explicit Inside(FakeDevice& device) : device_(device) {
@@ -136,7 +136,7 @@ class FakeDevice final
       const platform::MutexLock lock(mutex_);
       waiting_.push_back(&request);
     }
-    // Nothing of the request may be touched once it is marked and another thread can complete it.
+    // The request must not be touched once it is marked and another thread can complete it.
     marking_ = &request;
     request.MarkCancelable(this);
     marking_ = nullptr;
@@ -176,7 +176,7 @@ class FakeDevice final
     while (!waiting_.empty()) {
       IWDFIoRequest* request = waiting_.back();
       waiting_.pop_back();
-      // The reference keeps the request from going in between.
+      // The reference keeps the request alive meanwhile.
       const ComPtr<IWDFIoRequest> keep(request);
       const bool withdrawn = framework::succeeded(request->UnmarkCancelable());
       if (withdrawn) request->CompleteWithInformation(status, 0);

@@ -1,9 +1,9 @@
-// A driver module for tests of the host: every behaviour that the host has to cope with is asked
-// for by an I/O control. Numbers in its input and output are 32 bits in the machine's order.
+// A driver module for tests of the host: I/O controls select each behaviour that the host must cope
+// with. Numbers in its input and output are 32 bits in the machine's order.
 //
 // Environment, read while the module is loaded: $ZELTA_FAKE_DRIVER_TRACE names a file to which one
 // line per callback of the bring-up and the tear-down is appended; $ZELTA_FAKE_DRIVER_FAIL names
-// one thing that is to go wrong (the kFail... texts).
+// one step that fails (the kFail... texts).
 #pragma once
 
 #include <cstdint>
@@ -45,17 +45,17 @@ enum Control : std::uint32_t {
   kParameters,         // out: code, input and output length as the request tells them
   kContexts,           // out: the statuses of four context calls (see fake_driver.cpp)
   kCounters,           // out: see Counter
-  // From here on, those that have to do with waiting.
+  // Controls about waiting:
   kWait,            // waits, cancelable
   kMarkTwice,       // waits, cancelable; marks the request once more, against the rules
   kWaitForEver,     // waits, not cancelable, until OnDeinitialize
-  kReleaseWaiting,  // in: status; completes what waits; out: completed, refused
+  kReleaseWaiting,  // in: status; completes waiting requests; out: completed, refused
   kBlock,           // stays in the dispatch callback until kUnblock or OnD0Exit
   kKeepUnmarked,    // waits, not cancelable yet; one at a time
   kMarkKept,        // that one becomes cancelable
   kCompleteKept,    // that one is completed with success
   kBlocked,         // in: a number; waits until so many are blocked, or for OnD0Exit
-  kUnblock,         // lets all go on that are blocked at that moment
+  kUnblock,         // releases all that are blocked at that moment
 };
 
 inline constexpr std::size_t kHasInput = 1;
@@ -67,7 +67,7 @@ enum Counter : std::size_t {
   kCancels,              // cancel callbacks
   kCancelsWhileMarking,  // those that ran before MarkCancelable returned
   kUnmarkedInCancel,     // requests that could be unmarked in their cancel callback
-  kMostAtOnce,           // dispatch and cancel callbacks at the same time, at most
+  kMostAtOnce,           // the most dispatch and cancel callbacks at the same time
   kKeptForEver,          // requests that wait for ever
   kCounterCount
 };

@@ -204,7 +204,7 @@ host::IoResult FakeReader::answerServerResult() {
 }
 
 host::IoResult FakeReader::control(const Request& request, unsigned bringUp) {
-  // The answer may throw for want of memory.
+  // The answer may throw for lack of memory.
   struct EndOfAnswer {
     FakeReader& reader;
     ~EndOfAnswer() {

@@ -64,10 +64,10 @@ class FakeReader final : public std::enable_shared_from_this<FakeReader> {
   void removeCard(framework::HRESULT status = framework::kOk);
   // Whether presence requests of this code stay in their dispatch callback.
   void holdDispatch(std::uint32_t code, bool held);
-  // Presence requests of this code are completed with these before `submit` returns; after the last
-  // of them they are as the card is.
+  // The next presence requests of this code are completed with these before `submit` returns; later
+  // ones depend on the card.
   void completeNext(std::uint32_t code, std::vector<framework::HRESULT> statuses);
-  // The same for all that follow, until `completeNext`.
+  // The same for all later requests, until `completeNext`.
   void completeAll(std::uint32_t code, framework::HRESULT status);
 
   // How other requests of this code end; by default with success and no output.
@@ -75,9 +75,8 @@ class FakeReader final : public std::enable_shared_from_this<FakeReader> {
   void answerWith(std::uint32_t code, const host::IoResult& result) {
     answer(code, [result](const Request&) { return result; });
   }
-  // What SERVER_RESULT is answered with: for each bring-up in turn, the present one first and the
-  // last for good, a list of answers in turn, the last for good. An empty list, as by default, is
-  // "not supported".
+  // The answers to SERVER_RESULT: one list for each bring-up, beginning with the present one. The
+  // last list and the last answer of a list repeat. An empty list, the default, is "not supported".
   using ServerResults = std::vector<std::vector<std::uint32_t>>;
   void setServerResults(ServerResults results);
   // Waits until SERVER_RESULT has been asked for.
@@ -85,7 +84,7 @@ class FakeReader final : public std::enable_shared_from_this<FakeReader> {
 
   // The newest request of this code, as soon as one waits.
   std::shared_ptr<FakeOperation> waitForWaiting(std::uint32_t code);
-  // Waits until so many requests of this code have been made.
+  // Waits until `count` requests of this code have been made.
   bool waitForCount(std::uint32_t code, std::size_t count);
   std::size_t count(std::uint32_t code) const { return requests(code).size(); }
   std::vector<Request> requests(std::uint32_t code) const;
@@ -94,10 +93,11 @@ class FakeReader final : public std::enable_shared_from_this<FakeReader> {
 
   std::shared_ptr<host::File> open();
   void bringUp();
-  // Completes what waits as cancelled and waits for answers under way. The device is gone then.
+  // Completes waiting requests as cancelled and waits for answers in progress. The device is then
+  // gone.
   void takeDown();
 
-  // `bringUp`: the one that the file belongs to.
+  // `bringUp` is the bring-up that the file belongs to.
   host::IoResult control(const Request& request, unsigned bringUp);
   std::shared_ptr<host::IoOperation> submit(const Request& request, unsigned bringUp,
                                             host::File::Completion completion);
@@ -122,7 +122,7 @@ class FakeReader final : public std::enable_shared_from_this<FakeReader> {
     return changed_.waitFor(lock, limit, predicate);
   }
   std::shared_ptr<FakeOperation> newestWaiting(std::uint32_t code) const ZELTA_REQUIRES(mutex_);
-  // What a presence request is completed with at once; none: it waits.
+  // The status that completes a presence request at once; none: it waits.
   std::optional<framework::HRESULT> presenceStatus(std::uint32_t code, bool gone)
       ZELTA_REQUIRES(mutex_);
   bool isGone(unsigned bringUp) const ZELTA_REQUIRES(mutex_) {
@@ -144,15 +144,15 @@ class FakeReader final : public std::enable_shared_from_this<FakeReader> {
   std::vector<Submitted> submitted_ ZELTA_GUARDED_BY(mutex_);
 };
 
-// What becomes of the hosts that a test loads, and of what they are to fail at.
+// Records the hosts that a test loads, and sets their failures.
 struct FakeHostRecord {
   std::vector<std::string> loaded;  // paths
   std::atomic<int> broughtUp{0};
   std::atomic<int> takenDown{0};
   std::atomic<int> destroyed{0};
   std::string loadFailure;                              // not empty: `load` throws it
-  std::deque<std::string> bringUpFailures;              // the next ones'; empty: it does not
-  std::function<void(const std::string&)> driverError;  // as the latest host was given
+  std::deque<std::string> bringUpFailures;              // for the next bring-ups; empty: no failure
+  std::function<void(const std::string&)> driverError;  // the latest host's
 };
 
 class FakeDriverHost final : public host::DriverHost {

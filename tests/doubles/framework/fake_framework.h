@@ -1,5 +1,5 @@
 // The framework as a driver sees it, for tests of the driver's objects and of the whole module. It
-// shares nothing with the host that the product runs the driver in.
+// shares no code with the product's host.
 //
 //   FakeFramework framework(driverEntry);
 //   framework.bringUp();
@@ -19,7 +19,7 @@
 
 namespace zelta::test {
 
-// What the framework answers; success does what is asked for.
+// The framework's results; on success it does what the driver asks for.
 struct FrameworkResults {
   framework::HRESULT createDevice = 0;
   framework::HRESULT createQueue = 0;
@@ -37,7 +37,7 @@ class FakeWdfQueue final : public FakeWdfObject<framework::IWDFIoQueue> {
 
   FakeWdfQueue(Violations& noted, framework::IUnknown* callback, const Settings& settings);
 
-  // Null once the framework has let the driver's object go.
+  // Null once the framework has released the driver's object.
   framework::ComPtr<framework::IQueueCallbackDeviceIoControl> callback;
   const Settings settings;
 
@@ -68,12 +68,12 @@ class FakeWdfDevice final : public FakeWdfObject<framework::IWDFDevice> {
                 framework::IUnknown* deviceCallback)
       : FakeWdfObject("device", noted), callback(deviceCallback), results_(results) {}
 
-  // The framework's reference on the driver's object; null once it has let that go.
+  // The framework's reference on the driver's object; null once it has released that.
   framework::ComPtr<framework::IUnknown> callback;
   std::vector<Interface> interfaces;
   std::vector<std::unique_ptr<FakeWdfQueue>> queues;
 
-  // Lets the driver's objects and this one go.
+  // Releases the driver's objects and this one.
   void remove();
 
   framework::HRESULT ZELTA_STDMETHODCALLTYPE CreateIoQueue(framework::IUnknown* queueCallback,
@@ -112,7 +112,7 @@ class FakeWdfDevice final : public FakeWdfObject<framework::IWDFDevice> {
   const FrameworkResults& results_;
 };
 
-// The framework's own for the length of a call; its references are not counted.
+// Belongs to the framework during a call; its references are not counted.
 class FakeWdfDeviceInitialize final : public framework::IWDFDeviceInitialize {
  public:
   explicit FakeWdfDeviceInitialize(Violations& noted) : violations(noted) {}
@@ -187,13 +187,13 @@ class FakeFramework {
   // As far as the device that is up.
   void takeDown();
 
-  // Hands a request to the driver on the calling thread.
+  // Passes a request to the driver on the calling thread.
   FakeWdfRequest& dispatch(const RequestSetup& setup) ZELTA_EXCLUDES(mutex_);
   void dispatch(FakeWdfRequest& request);
   // A request that is not dispatched yet.
   FakeWdfRequest& makeRequest(const RequestSetup& setup = {}) ZELTA_EXCLUDES(mutex_);
 
-  // Null before the first; the last one after.
+  // The last device; null before the first.
   FakeWdfDevice* device() const;
   FakeWdfQueue& queue() const { return *device()->queues.back(); }
   template <typename Interface>
@@ -209,9 +209,9 @@ class FakeFramework {
     return deviceCallback<framework::IPnpCallbackHardware>();
   }
 
-  // Everything against the rules up to now: forbidden calls, requests not completed exactly once,
-  // references not given back, contexts not cleaned. Empty is good. For the end of a test, when
-  // nothing of the driver's runs any more.
+  // All violations so far: forbidden calls, requests not completed exactly once, references not
+  // released, contexts not cleaned. Empty is good. Call at the end of a test, when no code of the
+  // driver runs any more.
   std::vector<std::string> complaints() const ZELTA_EXCLUDES(mutex_);
 
   FrameworkResults results;

@@ -20,7 +20,7 @@ class Cleanup final : public framework::ComObject<Cleanup, framework::IObjectCle
   void ZELTA_STDMETHODCALLTYPE OnCleanup(framework::IWDFObject*) override {}
 };
 
-// Completes what is cancelled, after a try to withdraw it.
+// Completes cancelled requests, after a try to withdraw them.
 class Canceller final : public framework::ComObject<Canceller, framework::IRequestCallbackCancel> {
  public:
   void ZELTA_STDMETHODCALLTYPE OnCancel(IWDFIoRequest* request) override {

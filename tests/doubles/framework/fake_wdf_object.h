@@ -3,7 +3,8 @@
 //
 // An object begins with the framework's own reference. With the last reference it is deleted in the
 // framework's sense: the context's cleanup callback runs, once. The memory stays until the
-// `FakeFramework` goes, so that a call after the deletion is noted and does not crash. Any thread.
+// `FakeFramework` is destroyed, so that a call after the deletion is noted and does not crash. Any
+// thread.
 #pragma once
 
 #include <atomic>
@@ -20,7 +21,7 @@
 
 namespace zelta::test {
 
-// What was done against the rules.
+// Violations of the framework's rules.
 using Violations = Collected<std::string>;
 
 template <typename Result>
@@ -89,7 +90,7 @@ class FakeWdfObject : public Interface {
   // Cleanup callbacks that ran.
   int cleanups() const { return cleanups_; }
 
-  // What `AssignContext` gives; success assigns.
+  // The result of `AssignContext`; success assigns.
   framework::HRESULT assignResult = 0;
   Violations& violations;
 
@@ -97,12 +98,12 @@ class FakeWdfObject : public Interface {
   FakeWdfObject(const char* name, Violations& noted) : violations(noted), name_(name) {}
   ~FakeWdfObject() = default;
 
-  // Each operation begins with it.
+  // Called first by every operation.
   void touch(const char* operation) {
     if (removed_) violation(std::string("was deleted, and then ") + operation + " called");
     if (expired_) violation(std::string(operation) + " was called after the request's completion");
   }
-  // From now on every use is a violation.
+  // After this call, any use is a violation.
   void expire() { expired_ = true; }
   void violation(const std::string& what) { violations.add(std::string(name_) + " " + what); }
 

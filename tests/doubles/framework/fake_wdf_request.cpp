@@ -184,7 +184,7 @@ void FakeWdfRequest::cancel() {
     if (completions_ > 0 || std::exchange(cancelled_, true) || !callback_) return;
     ++cancelCallbacks_;
     std::swap(callback, callback_);
-    reference();  // the framework's, for as long as the callback runs
+    reference();  // the framework's, while the callback runs
   }
   callback->OnCancel(this);
   callback.reset();

@@ -1,5 +1,5 @@
-// The framework's request with its memory and its file: notes with what and how often the request
-// was completed, and hands it to its cancel callback by the framework's rules.
+// The framework's request with its memory and its file: notes how and how often the request was
+// completed, and passes it to its cancel callback by the framework's rules.
 //
 // Owned by the `FakeFramework`. No reference is held through the dispatch, so that a completion may
 // delete the request before `CompleteWithInformation` returns, which is the least that the rules
@@ -72,10 +72,10 @@ class FakeWdfRequest final : public FakeWdfObject<framework::IWDFIoRequest> {
 
   // Hands the request to its cancel callback, now or as soon as it is marked cancelable.
   void cancel() ZELTA_EXCLUDES(mutex_);
-  // Before the request is handed over: other buffers than at first.
+  // Replaces the buffers. Call before the request is handed over.
   void setInput(Bytes bytes) { input_.emplace(violations, std::move(bytes)); }
   void setOutput(Bytes bytes) { output_.emplace(violations, std::move(bytes)); }
-  // From now on its file has another name, or none that can be read.
+  // Gives its file another name, or one that cannot be read.
   void rename(std::wstring fileName, framework::HRESULT result = 0);
 
   std::uint32_t code() const { return setup_.code; }
@@ -84,11 +84,11 @@ class FakeWdfRequest final : public FakeWdfObject<framework::IWDFIoRequest> {
 
   int completions() const ZELTA_EXCLUDES(mutex_);
   bool completed() const { return completions() > 0; }
-  // Also until the driver has given its references on the request back.
+  // Waits also until the driver has released its references on the request.
   bool waitCompleted(std::chrono::milliseconds limit = std::chrono::seconds(60)) const
       ZELTA_EXCLUDES(mutex_);
   bool waitMarked(std::chrono::milliseconds limit) const ZELTA_EXCLUDES(mutex_);
-  // Those of the first completion; a failure of the test before it.
+  // From the first completion; a failure of the test before it.
   framework::HRESULT status() const ZELTA_EXCLUDES(mutex_);
   std::optional<std::size_t> information() const ZELTA_EXCLUDES(mutex_);
   // The whole output buffer.
@@ -154,7 +154,7 @@ class FakeWdfRequest final : public FakeWdfObject<framework::IWDFIoRequest> {
   int cancelCallbacks_ ZELTA_GUARDED_BY(mutex_) = 0;
   framework::HRESULT status_ ZELTA_GUARDED_BY(mutex_) = 0;
   std::optional<std::size_t> information_ ZELTA_GUARDED_BY(mutex_);
-  bool done_ ZELTA_GUARDED_BY(mutex_) = false;    // nothing of the completion is still to come
+  bool done_ ZELTA_GUARDED_BY(mutex_) = false;    // the completion is over
   bool marked_ ZELTA_GUARDED_BY(mutex_) = false;  // once
   bool cancelled_ ZELTA_GUARDED_BY(mutex_) = false;
   framework::ComPtr<framework::IRequestCallbackCancel> callback_ ZELTA_GUARDED_BY(mutex_);

@@ -1,5 +1,5 @@
-// The driver's log, kept in memory: takes the logging facade's place at link time. A program that
-// links `zelta_log_capture` has what `diagnostics/log_output.h` declares, and `logByteDump`.
+// The driver's log, kept in memory: replaces the logging facade at link time. A program that links
+// `zelta_log_capture` has what `diagnostics/log_output.h` declares, and `logByteDump`.
 //
 // One store for the process. Any thread may log and ask.
 #pragma once
@@ -30,15 +30,15 @@ struct ByteDump {
 bool operator==(const LogRecord& a, const LogRecord& b);
 std::ostream& operator<<(std::ostream& out, const LogRecord& record);
 
-// What the log calls write.
+// The records that the log calls write.
 LogRecord debug(const std::string& text);
 LogRecord info(const std::string& text);
 LogRecord error(std::uint32_t code, const std::string& text);
 
-// Begins with an empty store; one at a time.
+// Begins with an empty store; one object at a time.
 class LogCapture {
  public:
-  // What is kept until `clear`.
+  // Kept until `clear`.
   struct Captured {
     std::vector<LogRecord> records;
     std::vector<std::string> sessionIds;
@@ -56,9 +56,9 @@ class LogCapture {
   LogCapture& operator=(const LogCapture&) = delete;
 
   std::vector<LogRecord> records() const { return captured().records; }
-  // Those above debug level, at which timed sections and contended locks report.
+  // The records above debug level, at which timed sections and contended locks report.
   std::vector<LogRecord> recordsAboveDebug() const;
-  // Those of error level only.
+  // The records of error level.
   std::vector<LogRecord> errors() const;
   std::size_t count(const std::string& text) const;
   bool contains(const LogRecord& record) const;
@@ -70,9 +70,9 @@ class LogCapture {
   std::vector<std::string> sessionIds() const { return captured().sessionIds; }
   // How often the process's logger was shut down.
   int shutDowns() const { return captured().shutDowns; }
-  // How many records there were at the last of them.
+  // The number of records at the last shutdown.
   std::size_t recordsAtShutDown() const { return captured().recordsAtShutDown; }
-  // Lets shutting the logger down fail from now on.
+  // Makes later shutdowns of the logger fail.
   void failShutDown();
   // Called while the logger is being shut down. An empty hook ends that.
   void setShutDownHook(std::function<void()> hook);

@@ -34,9 +34,9 @@ class RecordingLogger final : public logging::LoggerBase {
   explicit RecordingLogger(std::uint32_t threshold = 3) : LoggerBase(threshold) {}
 
   std::vector<RecordedLine> lines() const { return lines_.all(); }
-  // Blocks until so many records are there.
+  // Blocks until there are `count` records.
   void awaitLines(std::size_t count) { lines_.await(count); }
-  // Prints each record to the standard error as well, from now on.
+  // Prints each later record to the standard error as well.
   void printLines() { prints_ = true; }
 
   // Null: a recording logger has no children.

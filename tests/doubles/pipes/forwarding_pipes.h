@@ -1,5 +1,5 @@
-// Pipes that hand every call on to others, for a double that changes some of the calls only; and
-// the one way to put pipes in the system's place.
+// Pipes that forward every call to others, for doubles that change only some calls; and the one way
+// to replace the system's pipes.
 #pragma once
 
 #include <string>
@@ -38,7 +38,7 @@ class ForwardingPipes : public platform::PipeApi {
   platform::PipeApi& pipes_;
 };
 
-// Puts other pipes in the system's place for a scope.
+// Replaces the system's pipes for a scope.
 struct ScopedPipes : ScopedPort {
   explicit ScopedPipes(platform::PipeApi& pipes) : ScopedPort(&platform::Ports::pipes, pipes) {}
 };

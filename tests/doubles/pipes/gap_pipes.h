@@ -20,11 +20,11 @@ class GapPipes final : public ForwardingPipes {
 
   using ForwardingPipes::ForwardingPipes;
 
-  // The next such call on a pipe whose name ends so is held until `letGo`.
+  // Holds the next such call on a pipe whose name ends with `nameEnd` until `letGo`.
   void holdNext(Call call, const std::string& nameEnd);
   bool waitUntilHeld() { return state_.lock().waitFor(kLimit, &State::held); }
   void letGo() { state_.lock()->held = false; }
-  // Waits until so many cancels of the pipe have ended without finding anything.
+  // Waits until `count` cancels of the pipe have found nothing to cancel.
   bool waitForMissedCancels(const std::string& nameEnd, std::size_t count);
   // Null if the name has not been created.
   platform::PipeHandleValue handle(const std::string& name);

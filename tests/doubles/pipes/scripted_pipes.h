@@ -1,10 +1,10 @@
-// Pipes that record every call and do as they are told: each call succeeds unless it was told to
-// fail; a cancel fails with 1168 if nothing is blocked, a call with an unknown handle with 6.
-// There is no client; what it would have written is fed by the test.
+// Pipes that record every call and follow the test: each call succeeds unless it was told to fail;
+// a cancel fails with 1168 if nothing is blocked, a call with an unknown handle with 6. There is no
+// client; the test feeds the client's bytes.
 //
-// Any thread may call. A read without enough bytes, and a connect that is held, block until they
-// are fed or let go, cancelled (995), disconnected or closed (109). Waits of the test itself end
-// with false after `kLimit`.
+// Any thread may call. A read without enough bytes, and a held connect, block until they are fed or
+// released, cancelled (995), disconnected or closed (109). Waits of the test itself end with false
+// after `kLimit`.
 #pragma once
 
 #include <chrono>
@@ -71,7 +71,7 @@ class ScriptedPipes final : public platform::PipeApi {
   bool waitForCall(PipeCallKind kind, const std::string& name);
   // Waits until a read or connect is blocked on the pipe.
   bool waitUntilBlocked(const std::string& name);
-  // What every conversion gives.
+  // The result of every conversion.
   platform::SecurityDescriptor descriptor() { return &descriptor_; }
 
   bool convertSecurityDescriptor(const std::string& sddl,
@@ -113,7 +113,7 @@ class ScriptedPipes final : public platform::PipeApi {
     std::vector<PipeCall> calls;
 
     Pipe& pipeOf(platform::PipeHandleValue pipe) { return pipes[handles[pipe]]; }
-    // What the call, which has been recorded, was told to fail with.
+    // The error that a recorded call was told to fail with.
     std::uint32_t scriptedError(const PipeCall& call) const;
   };
   using Access = Shared<State>::Access;

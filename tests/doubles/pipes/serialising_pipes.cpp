@@ -212,7 +212,7 @@ bool SerialisingPipes::write(PipeHandleValue pipe, const void* data, std::uint32
     changed_.notifyAll();
     const std::uint32_t error =
         block(end, lock, [&] { return end.out.empty() || end.state != State::kConnected; });
-    // What of it the client has not read is taken back.
+    // Bytes of it that the client has not read are taken back.
     if (error != error::kSuccess) end.out.clear();
     if (error != error::kSuccess) return error;
     return end.state == State::kConnected ? error::kSuccess : error::kNoData;
@@ -256,7 +256,7 @@ SerialisingPipes::SharedPipe SerialisingPipes::pipeOf(Client client) {
   return nullptr;
 }
 
-// For the operation that is served. An operation that need not wait is not cancelled.
+// For the operation being served. An operation that need not wait is not cancelled.
 template <typename Ready>
 std::uint32_t SerialisingPipes::block(Pipe& pipe, MutexLock& lock, Ready ready) {
   if (ready()) return error::kSuccess;

@@ -54,7 +54,7 @@ class SerialisingPipes final : public platform::PipeApi {
   // Waits until the server has dropped the client.
   bool waitForDrop(Client client);
   void closeClient(Client client);
-  // How many bytes written to the client it has not read.
+  // The number of bytes that the client has not read.
   std::size_t unread(Client client);
 
   // Waits until an operation is blocked on the pipe, and `waiting` others wait for their turn.
@@ -62,7 +62,7 @@ class SerialisingPipes final : public platform::PipeApi {
   // The same for the pipe of that name, even if it is not created yet.
   bool waitUntilQueued(const std::string& name, std::size_t waiting = 0);
 
-  // Fails for an empty text; the entries are not looked at.
+  // Fails for an empty text; the entries are not checked.
   bool convertSecurityDescriptor(const std::string& sddl,
                                  platform::SecurityDescriptor* out) override;
   platform::PipeHandleValue create(const std::string& name,
@@ -84,8 +84,8 @@ class SerialisingPipes final : public platform::PipeApi {
     std::deque<std::uint8_t> in;      // written by the client, not read
     std::deque<std::uint8_t> out;     // written to the client, not read
     std::deque<std::uint64_t> turns;  // operations in order; the first is served
-    bool blocked = false;             // the one that is served waits
-    bool cancelled = false;           // and has been cancelled
+    bool blocked = false;             // the one that is served is waiting
+    bool cancelled = false;           // the one that is served
   };
   using SharedPipe = std::shared_ptr<Pipe>;
   class Turn;

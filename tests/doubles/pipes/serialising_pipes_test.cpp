@@ -1,5 +1,5 @@
-// How the serialising pipes differ from the system's on Linux. What they have in common with them
-// is pipe_test.cpp's concern.
+// How the serialising pipes differ from the system's on Linux. pipe_test.cpp tests the common
+// behaviour.
 #include <gtest/gtest.h>
 
 #include "platform/process/error.h"

@@ -18,7 +18,7 @@ class FakeEvents final : public platform::EventApi, public FailingCalls<EventCal
  public:
   using Call = EventCall;
 
-  // Created and not closed.
+  // The number of events created and not closed.
   std::size_t open() {
     const platform::MutexLock lock(mutex_);
     return open_;
@@ -49,7 +49,7 @@ class FakeEvents final : public platform::EventApi, public FailingCalls<EventCal
   }
 
  private:
-  // Counts the call; false, with the last error set, if it is to fail.
+  // Counts the call; false, with the last error set, if it must fail.
   bool enter(Call call) ZELTA_EXCLUDES(mutex_) {
     std::uint32_t code = 0;
     {

@@ -1,5 +1,4 @@
-// Folders that a test names, and that fail on command. Set up before use; the calls may then come
-// from any thread.
+// Folders that a test names and that fail on command. Set up before use; then any thread may call.
 #pragma once
 
 #include <atomic>
@@ -18,7 +17,7 @@ class FakeFolders final : public platform::FolderApi {
  public:
   static constexpr std::int32_t kFailure = static_cast<std::int32_t>(0x80070003);
 
-  // Paths as the system is to give them; none: the call fails.
+  // The paths that the calls return; none: the call fails.
   std::optional<std::u16string> programDataPath;
   std::optional<std::u16string> temporaryPath;
   std::optional<std::u16string> currentPath;
@@ -28,7 +27,7 @@ class FakeFolders final : public platform::FolderApi {
   // Calls made so far, failed ones included.
   std::size_t tempPathCalls() const { return tempPathCalls_; }
   std::size_t currentDirectoryCalls() const { return currentDirectoryCalls_; }
-  // Of the last call of either kind, in UTF-16 units.
+  // The capacity in the last call of either kind, in UTF-16 units.
   std::uint32_t lastCapacity() const { return lastCapacity_; }
 
   std::int32_t programData(char16_t** path) override {

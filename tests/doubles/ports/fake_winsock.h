@@ -1,5 +1,5 @@
-// Winsock's start and clean-up, counted, with results that a test chooses. In the system's place
-// for its lifetime. Any thread.
+// Counts Winsock's starts and clean-ups, with results that a test chooses. Replaces the system's
+// while this object lives. Any thread.
 #pragma once
 
 #include <atomic>
@@ -12,12 +12,12 @@ namespace zelta::test {
 
 class FakeWinsock final : public platform::WinsockApi {
  public:
-  // What a start gives from now on; 0 is success.
+  // The result of a start; 0 is success.
   std::atomic<std::int32_t> startupResult{0};
 
   int startups() const { return startups_; }
   int cleanups() const { return cleanups_; }
-  // What the last start asked for; 0 before the first.
+  // The version of the last start; 0 before the first.
   std::uint16_t version() const { return version_; }
 
   std::int32_t startup(std::uint16_t version) override {

@@ -1,4 +1,4 @@
-// A reader whose card answers as a test says.
+// A reader whose card's answers a test sets.
 #pragma once
 
 #include <atomic>
@@ -56,7 +56,7 @@ class ScriptedReader : public Reader {
   using Reader::setState;
   using Reader::waiting;
 
-  // What an agent's event does, as far as requests are concerned.
+  // The effect of an agent's event on requests.
   void report(CardEvent event) {
     const TracedLock lock("test", waiting().deviceLock(), __LINE__);
     waiting().note(event);
@@ -68,7 +68,7 @@ class ScriptedReader : public Reader {
     waiting().completeAll(event, status::kSuccess);
   }
 
-  // The same for the loss of the agent.
+  // The effect of the loss of the agent on requests.
   void loseAgent() {
     const TracedLock lock("test", waiting().deviceLock(), __LINE__);
     waiting().note(CardEvent::kRemoved);
@@ -77,7 +77,7 @@ class ScriptedReader : public Reader {
     waiting().completeAll(CardEvent::kInserted, status::kCancelled);
   }
 
-  // What the card answers; set while no query runs, or from within one.
+  // The card's answers; set while no query runs, or from within one.
   QueryResult transmitResult = QueryResult::kSuccess;
   Bytes transmitResponse;
   QueryResult atrResult = QueryResult::kSuccess;
@@ -91,7 +91,7 @@ class ScriptedReader : public Reader {
   std::function<void()> onCheck;
   std::function<void()> onNotify;
 
-  // What the card was asked.
+  // The commands that the card got.
   std::vector<Bytes> commands;
   std::vector<bool> resetFlags;
   std::atomic<int> checks{0};

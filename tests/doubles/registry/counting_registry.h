@@ -1,5 +1,5 @@
-// The system's registry, counting what is asked of it. In the system's place for its lifetime, in
-// which it must outlive whatever reads the registry. Any thread may wait.
+// Counts calls of the system's registry. Replaces it while this object lives, and must outlive all
+// readers of the registry. Any thread may wait.
 #pragma once
 
 #include <cstddef>
@@ -13,13 +13,13 @@ namespace zelta::test {
 
 class CountingRegistry final : public platform::RegistryApi {
  public:
-  // Waits until so many more numbers have begun to be read.
+  // Waits until `more` further reads of numbers have begun.
   void awaitLooks(std::size_t more) {
     platform::MutexLock lock(mutex_);
     const std::size_t wanted = looks_ + more;
     counted_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return looks_ >= wanted; });
   }
-  // Waits until notifications have been asked for so often in all, and are in force.
+  // Waits until `count` notifications in all have been requested and are in force.
   void awaitNotifications(std::size_t count) {
     platform::MutexLock lock(mutex_);
     counted_.wait(lock, [&]() ZELTA_NO_THREAD_SAFETY_ANALYSIS { return notifications_ >= count; });
@@ -56,7 +56,7 @@ class CountingRegistry final : public platform::RegistryApi {
   platform::RegistryApi& real_ = *platform::ports().registry;
   platform::Mutex mutex_;
   platform::ConditionVariable counted_;
-  std::size_t looks_ = 0;  // under the mutex, as the next
+  std::size_t looks_ = 0;  // guarded by the mutex, like the next
   std::size_t notifications_ = 0;
   const ScopedPort inPlace_{&platform::Ports::registry, *this};
 };

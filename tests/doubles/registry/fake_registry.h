@@ -1,5 +1,5 @@
-// A registry in memory that a test fills, watches being signalled as in the real one, and whose
-// calls fail on command. Any thread may call anything.
+// A registry in memory that a test fills and whose calls fail on command. Watches are signalled as
+// in the real one. Any thread may call anything.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +17,7 @@ namespace zelta::test {
 
 enum class RegistryCall { kGetDword, kOpenKey, kQueryValue, kNotifyChange, kCloseKey };
 
-// A failing call gives its code and does nothing else.
+// A failing call returns its code and does nothing else.
 class FakeRegistry final : public platform::RegistryApi, public FailingCalls<RegistryCall, 5> {
  public:
   using Call = RegistryCall;
@@ -53,7 +53,7 @@ class FakeRegistry final : public platform::RegistryApi, public FailingCalls<Reg
   };
 
   OpenKey* find(platform::RegistryKey key) ZELTA_REQUIRES(mutex_);
-  // Tells the keys below which something is now other than in `before`.
+  // Signals the keys below which anything differs from `before`.
   void signalChanges(const platform::RegistryContent& before) ZELTA_REQUIRES(mutex_);
   static void signal(platform::EventApi& events, OpenKey* key);
 

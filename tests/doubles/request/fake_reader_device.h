@@ -1,8 +1,8 @@
 // A reader's device without the framework: the device lock, a cancel callback that counts its
 // references, and the order in which requests were completed.
 //
-// Any thread may call; `onCancel` is set while no request is cancelled, the other hooks while
-// nothing is going on in the reader.
+// Any thread may call; `onCancel` is set while no request is cancelled, the other hooks while the
+// reader is idle.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -28,7 +28,7 @@ class FakeReaderDevice final : public ReaderDevice {
   FakeReaderDevice(const FakeReaderDevice&) = delete;
   FakeReaderDevice& operator=(const FakeReaderDevice&) = delete;
 
-  // Throws std::runtime_error ("no lock") while it was told to.
+  // Throws std::runtime_error ("no lock") while the test says so.
   platform::CriticalSection& deviceLock() override {
     if (failsLock_) throw std::runtime_error("no lock");
     if (onLock) onLock();
@@ -40,7 +40,7 @@ class FakeReaderDevice final : public ReaderDevice {
     return result != framework::kOk ? result : callback_.QueryInterface(iid, out);
   }
 
-  // What `queryInterface` gives from now on; 0 gives the callback.
+  // Sets the result of `queryInterface`; 0 gives the callback.
   void setQueryResult(framework::HRESULT result) { queryResult_ = result; }
   void failLock(bool fail) { failsLock_ = fail; }
   // Whether some thread holds the device lock. Costs a thread.
@@ -62,9 +62,9 @@ class FakeReaderDevice final : public ReaderDevice {
   }
   std::vector<const IoRequest*> completed() const { return completed_.all(); }
 
-  // What the cancel callback does, with the device lock held. Empty: nothing.
+  // Called by the cancel callback, with the device lock held. Empty: nothing.
   std::function<void(IoRequest&)> onCancel;
-  // Called by each completion, and by whoever is about to take the device lock.
+  // Called by each completion, and by each thread that is about to take the device lock.
   std::function<void()> onCompletion;
   std::function<void()> onLock;
 

@@ -1,7 +1,7 @@
 // A request as the driver's logic sees it, made of the framework's double: by the framework's rules
 // it is completed exactly once, its buffers' holders released before, and not touched afterwards
-// but by the release of a reference taken before. Fails the running test in the end if the driver
-// has broken one.
+// except by the release of a reference taken before. Fails the running test at the end if the
+// driver has broken a rule.
 //
 // Any thread may call. The object must outlive its completion, as a test's own does.
 #pragma once
@@ -18,7 +18,7 @@
 
 namespace zelta::test {
 
-// What a request was completed with, as `FakeRequest::status` gives it.
+// Statuses of a completed request, as `FakeRequest::status` returns them.
 inline constexpr std::uint32_t kSucceeded = 0;
 inline constexpr std::uint32_t kCancelled = 0x800704C7;
 inline constexpr std::uint32_t kNoMedia = 0xC0000178;
@@ -34,7 +34,7 @@ class FakeRequest final : public IoRequest, private framework::IRequestCallbackC
     EXPECT_THAT(violations_.all(), testing::IsEmpty());
   }
 
-  // Before the request is handed over.
+  // Call before the request is handed over.
   FakeRequest& withInput(Bytes bytes) {
     wdf_.setInput(std::move(bytes));
     return *this;
@@ -49,7 +49,7 @@ class FakeRequest final : public IoRequest, private framework::IRequestCallbackC
     checksLock_ = true;
     return *this;
   }
-  // The request's holders cannot be made: no memory.
+  // Makes the request's holders fail for lack of memory.
   FakeRequest& failingHolders() {
     failsHolders_ = true;
     return *this;
@@ -59,7 +59,7 @@ class FakeRequest final : public IoRequest, private framework::IRequestCallbackC
   // here and now; if it is not marked yet, as soon as it is. Nothing happens to a request that is
   // completed or was unmarked.
   void cancel() { wdf_.cancel(); }
-  // As `cancel` for a request that waits, but leaves the callback to somebody else.
+  // Like `cancel` for a waiting request, but leaves the callback to the test.
   void beginCancel() {
     leavesCallback_ = true;
     wdf_.cancel();
@@ -72,14 +72,14 @@ class FakeRequest final : public IoRequest, private framework::IRequestCallbackC
   bool waitCompleted() const { return wdf_.waitCompleted(kLimit); }
   bool completed() const { return wdf_.completed(); }
   bool markedCancelable() const { return wdf_.markedCancelable(); }
-  // Of the completion.
+  // The status of the completion.
   std::uint32_t status() const { return static_cast<std::uint32_t>(wdf_.status()); }
   // The byte count; none if the completion set none.
   std::optional<std::size_t> information() const { return wdf_.information(); }
   // The whole output buffer with what was written into it.
   Bytes output() const { return wdf_.outputSize() == 0 ? Bytes() : wdf_.output(); }
   bool outputWritten() const { return wdf_.outputWritten(); }
-  // Of what was written, as many bytes as the byte count says; empty if nothing was.
+  // The written bytes up to the byte count; empty if there are none.
   Bytes answer() const {
     if (!outputWritten()) return {};
     Bytes bytes = output();

@@ -1,5 +1,5 @@
-// Requests of any kind in any order, with cards that come and go and power that does, and what must
-// hold whatever they are. Shared by the fuzzer and by the test that plays its corpus.
+// Sends requests of any kind in any order, while the card and the power come and go, and checks
+// what must always hold. Shared by the fuzzer and by the test that plays its corpus.
 #pragma once
 
 #include <algorithm>
@@ -219,10 +219,10 @@ class AnyRequests {
   FakeFramework framework_;
   PlayedReader* reader_ = nullptr;  // the device's; null outside the working state
   std::vector<FakeWdfRequest*> requests_;
-  std::vector<FakeWdfRequest*> open_;  // those that were not completed before this step
+  std::vector<FakeWdfRequest*> open_;  // not completed before this step
 };
 
-// Each step is a byte and what it takes.
+// Each step is a byte and its arguments.
 inline void playAnyRequests(const std::uint8_t* data, std::size_t size) {
   AnyRequests(data, size).play();
 }

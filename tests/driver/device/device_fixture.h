@@ -54,7 +54,7 @@ class DeviceFixture : public testing::Test {
     log_.clear();
   }
 
-  // As the framework does it; harmless if nothing is up.
+  // Like the framework; harmless if nothing is up.
   void takeDown() {
     framework_.takeDown();
     device_ = nullptr;
@@ -62,7 +62,7 @@ class DeviceFixture : public testing::Test {
 
   FakeWdfDevice* wdfDevice() { return framework_.device(); }
 
-  // Hands a request to the device through its queue. It has to be completed under the device lock.
+  // Passes a request to the device through its queue. It must be completed under the device lock.
   FakeWdfRequest& send(std::uint32_t code, RequestSetup setup = {}) {
     setup.code = code;
     setup.onComplete = [this] { EXPECT_TRUE(lockIsHeld()) << "completed without the device lock"; };
@@ -79,7 +79,7 @@ class DeviceFixture : public testing::Test {
     return held;
   }
 
-  // The references on the device beside the one that is asked for.
+  // The references on the device besides the one taken here.
   framework::ULONG referencesOnDevice() {
     device_->AddRef();
     return device_->Release();

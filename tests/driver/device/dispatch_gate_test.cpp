@@ -40,7 +40,7 @@ TEST(DispatchGate, RefusedPass_IsNotCounted) {
   gate.close();
   { const DispatchGate::Pass refused(gate); }
   inside.reset();
-  gate.awaitEmpty();  // would wait for ever if the refused one had been counted
+  gate.awaitEmpty();  // would block if the refused thread had been counted
 }
 
 TEST(DispatchGate, LastOneInside_IsAwaited) {

@@ -18,7 +18,7 @@ class DispatchRace : public test::DeviceFixture {
  protected:
   void SetUp() override { bringUp(); }
 
-  // As the agent's events and the reader's shutdown complete what waits.
+  // Completes waiting requests like the agent's events and the reader's shutdown.
   void completeWaiting(CardEvent awaited) {
     const TracedLock lock("test", reader_->waiting().deviceLock(), __LINE__);
     reader_->waiting().completeAll(awaited, status::kCancelled);
@@ -50,7 +50,7 @@ TEST_F(DispatchRace, ShutdownRacingDispatchAndCancel_CompletesEachRequestOnce) {
   }
 }
 
-// The framework may bring the news of a removal while a power operation is under way.
+// The framework may report a removal during a power operation.
 TEST_F(DispatchRace, RemovalDuringPowerDown_WaitsForItsEnd) {
   std::future<void> removal;
   std::atomic<bool> begun{false};
@@ -58,7 +58,7 @@ TEST_F(DispatchRace, RemovalDuringPowerDown_WaitsForItsEnd) {
     if (begun.exchange(true)) return;
     removal = std::async(std::launch::async, [&] { device_->OnSurpriseRemoval(wdfDevice()); });
     EXPECT_TRUE(log_.waitFor("Start section:CMyDevice::OnSurpriseRemoval"));
-    // Long enough for one that does not wait.
+    // Long enough for a removal that does not wait.
     EXPECT_EQ(removal.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
     EXPECT_EQ(log_.count("OnSurpriseRemoval"), 0u);
   };

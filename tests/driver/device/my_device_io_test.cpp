@@ -219,10 +219,11 @@ TEST_F(Dispatch, HandlerThatThrows_CompletesTheRequestWithAFailure) {
                           error(0x8007001F, "CMyDevice::ProcessIoControl: no thread")));
 }
 
-// What takes readers away waits for those inside.
+// Operations that destroy readers wait for the threads inside.
 class GateKeeping : public Dispatch {
  protected:
-  // Runs `operation` while a control is inside; gives the readers' story up to that control's end.
+  // Runs `operation` while a control is inside; returns the readers' story up to that control's
+  // end.
   template <typename Operation>
   std::vector<std::string> runWhileInside(Operation operation) {
     std::promise<void> inside;
@@ -238,7 +239,7 @@ class GateKeeping : public Dispatch {
     inside.get_future().wait();
     std::thread operating(operation);
     ended.get_future().wait();
-    // The gate was closed before: nobody gets in to begin an exchange that is not ended.
+    // The gate was closed first: no thread gets in to begin an exchange that is not ended.
     EXPECT_EQ(send(IOCTL_SMARTCARD_GET_LAST_ERROR).status(), status::kInvalidState);
     auto before = story_.taken();
     leave.set_value();

@@ -82,7 +82,7 @@ TEST_F(NoMemory, EntryIntoTheWorkingState_SucceedsOrSaysWhyNot) {
     EXPECT_EQ(create(), status::kSuccess);
     framework::HRESULT result = 0;
     sweep.run([&]() noexcept { result = framework_.enterD0(); });
-    // A lost log record is no failure; a reader that could not be made is.
+    // A lost log record is not a failure; a reader that could not be made is.
     EXPECT_THAT(result,
                 testing::AnyOf(status::kSuccess, status::kOutOfMemory, status::kInvalidArgument));
     EXPECT_EQ(framework_.exitD0(), status::kSuccess);

@@ -14,7 +14,7 @@ constexpr char kNoPrefix[] = "Device name prefix not found";
 constexpr char kNoNumber[] = "invalid stoi argument";
 constexpr char kTooLarge[] = "stoi argument out of range";
 
-// The index, or what the failure says.
+// The index, or the failure's message.
 std::string parse(const wchar_t* name) {
   try {
     return std::to_string(parseReaderIndex(name));

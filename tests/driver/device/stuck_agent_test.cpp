@@ -1,6 +1,6 @@
 // The device is taken down although its agent has stopped reading and answering: the framework's
-// call returns, and every request has been completed once. The pipes serialise their operations as
-// Windows' handles do, and have no room for what is not read.
+// call returns, and every request has been completed once. The pipes serialise their operations
+// like Windows' handles, and do not buffer.
 #include <future>
 
 #include "agent_link/pipe_reader.h"
@@ -26,7 +26,7 @@ const Bytes kTransmit = number(0, number(8, {0, 0xA4, 4, 0}));
 
 class StuckAgent : public test::DeviceFixture {
  protected:
-  // No query is ended by its own time.
+  // No query runs out of time.
   StuckAgent() {
     factory_ = [](std::uint32_t index, ReaderDevice* device) -> std::unique_ptr<Reader> {
       AgentLinkTimes times;
@@ -39,7 +39,7 @@ class StuckAgent : public test::DeviceFixture {
     log_.setHook(nullptr);
   }
 
-  // Up, with an agent connected whose card was powered.
+  // Brings the device up with a connected agent and a powered card.
   void SetUp() override {
     bringUp();
     FakeWdfRequest& insertion = send(IOCTL_SMARTCARD_IS_PRESENT);
@@ -56,7 +56,7 @@ class StuckAgent : public test::DeviceFixture {
     EXPECT_TRUE(pipes_.clientWrite(command_, number(2, {0x3B, 0x00})));
   }
 
-  // What the framework would run on a thread of its own.
+  // Sends a request on a separate thread, like the framework.
   std::future<FakeWdfRequest*> begin(std::uint32_t code, const Bytes& input = {}) {
     return std::async(std::launch::async, [this, code, input] {
       return &send(code, {0, input, 64});
@@ -117,7 +117,7 @@ TEST_F(StuckAgent, DuringATransmitWithOthersWaitingForTheirTurn_DeviceIsTakenDow
 TEST_F(StuckAgent, RequestWhoseAnswerIsThere_IsCompletedBeforeAnInsertionAsks) {
   test::RequestSetup setup{0, kTransmit, 64};
   setup.onOutput = [this] {
-    std::this_thread::sleep_for(50ms);  // time in which the insertion could ask
+    std::this_thread::sleep_for(50ms);  // gives the insertion time to query the agent
     EXPECT_EQ(pipes_.unread(command_), 0u);
   };
   auto transmit =

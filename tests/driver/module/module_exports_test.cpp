@@ -1,4 +1,4 @@
-// What the built module shows to the program that loads it.
+// The built module as seen by the program that loads it.
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// What the built module shows to Windows: its exports, its version resource, what it needs.
+// The built module as seen by Windows: its exports, its version resource, its imports.
 #include <windows.h>
 // windows.h comes first
 #include <gmock/gmock.h>

@@ -41,7 +41,7 @@ class Module : public testing::Test {
     return made;
   }
 
-  // The log since the last time is this section and nothing else.
+  // Expects that the log since the last call is only this section.
   void expectSection(const std::string& name) {
     const auto records = log_.records();
     ASSERT_EQ(records.size(), 2u);

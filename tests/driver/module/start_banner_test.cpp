@@ -36,7 +36,7 @@ TEST(BuildVersion, Text_IsTheProjectsVersionAndACommit) {
 
 #if !defined(_WIN32)  // the script runs on the system that builds
 
-// Runs the build's own script for sources that are no checkout; gives the header's content.
+// Runs the build's own script for sources that are not a checkout; returns the header's content.
 std::string writeHeader(const test::TempFolder& folder, const std::string& version) {
   const std::string header = folder.file("version.h");
   const std::string command = std::string(ZELTA_CMAKE) + " -DSOURCE=\"" + folder.path().string() +

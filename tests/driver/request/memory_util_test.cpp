@@ -81,7 +81,7 @@ struct Answer {
   Bytes output;  // untouched bytes are 0xCC
 };
 
-// `set` with a value of so many bytes.
+// Calls `set` with a value of that many bytes.
 template <typename Value>
 Answer answer(const char* name, void (*set)(ReaderDevice&, IoRequest&, Value),
               const std::decay_t<Value>& value, std::size_t size, std::size_t capacity,

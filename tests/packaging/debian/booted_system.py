@@ -1,4 +1,4 @@
-"""A copy of the running system with systemd as its first process, in namespaces of its own."""
+"""A copy of the running system with systemd as its first process, in its own namespaces."""
 
 import os
 import pathlib
@@ -7,7 +7,7 @@ import subprocess
 import stack
 from copied_system import ENVIRONMENT, CopiedSystem
 
-# What would reach for the machine's own kernel and devices.
+# Services that would touch the machine's own kernel and devices.
 MASKED = ("systemd-binfmt.service", "systemd-modules-load.service", "systemd-sysctl.service",
           "systemd-udev-trigger.service", "systemd-udevd.service", "proc-sys-fs-binfmt_misc.automount",
           "systemd-udevd-control.socket", "systemd-udevd-kernel.socket")

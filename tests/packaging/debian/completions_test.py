@@ -37,7 +37,7 @@ def manual_options(page):
 
 
 def complete(function, *words):
-    """What bash offers for the last of the words."""
+    """Bash's completions of the last word."""
     line = " ".join(f'"{word}"' for word in words)
     script = (f'source "{BASH}"; COMP_WORDS=({line}); COMP_CWORD={len(words) - 1}; {function}; '
               'printf "%s\\n" "${COMPREPLY[@]}"')
@@ -49,7 +49,7 @@ STAGES_WITH_T = {"test", "tsan", "tidy", "tidy-tests"}
 
 class Completions(unittest.TestCase):
     def zsh(self, *words):
-        """What zsh offers for the last of the words."""
+        """Zsh's completions of the last word."""
         if shutil.which("zsh") is None:
             self.skipTest("zsh is not installed")
         return zsh_completion.complete(ZSH.parent, *words)

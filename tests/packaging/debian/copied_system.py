@@ -1,4 +1,4 @@
-"""A copy of the running system that may be changed: an overlay in a mount namespace of its own."""
+"""A copy of the running system that may be changed: an overlay in its own mount namespace."""
 
 import os
 import pathlib
@@ -7,7 +7,7 @@ import tempfile
 import stack
 
 
-# Nothing of the caller's.
+# Independent of the caller's environment.
 ENVIRONMENT = {
     "PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
     "HOME": "/root",
@@ -17,7 +17,7 @@ ENVIRONMENT = {
 
 
 class CopiedSystem:
-    """Needs root and a process of its own; ends with the process. Its /run and /tmp are empty."""
+    """Needs root and a separate process; ends with the process. Its /run and /tmp are empty."""
 
     def __init__(self):
         stack.unshare_mounts()
@@ -65,11 +65,11 @@ class CopiedSystem:
                              ENVIRONMENT)
 
     def output(self):
-        """What all programs in the background have written."""
+        """The output of all programs in the background."""
         return (self._base / "output.log").read_text(errors="replace")
 
     def new_paths(self):
-        """What the copy has and the system does not; of a new folder, only the folder itself."""
+        """The files that only the copy has; of a new folder, only the folder itself."""
         found = []
         for folder, folders, files in os.walk(self.changes):
             inside = pathlib.Path("/") / pathlib.Path(folder).relative_to(self.changes)

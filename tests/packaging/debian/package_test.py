@@ -1,4 +1,4 @@
-"""The Debian package: what is in it, and what installing and purging it does to a system."""
+"""The Debian package: its contents, and the effect of installing and purging it on a system."""
 
 import os
 import pathlib
@@ -22,7 +22,7 @@ AGENT = "zelta-agent@0.service"
 AGENT_UNIT = "lib/systemd/system/zelta-agent@.service"
 PRUNE_UNIT = "lib/systemd/system/zelta-logs-prune.service"
 ACCOUNTS = ("/etc/passwd", "/etc/group", "/etc/shadow", "/etc/gshadow")
-# What the package manager and its triggers keep for themselves, and systemd of its services.
+# Files of the package manager and its triggers, and of systemd for its services.
 OF_THE_SYSTEM = re.compile(r"/var/(lib/(dpkg|systemd)|cache|log/((dpkg|alternatives)\.log|journal))(/|$)"
                            r"|/etc/[a-z]+-$|/etc/systemd/system/[a-z-]+\.(service|socket|automount)$")
 
@@ -56,7 +56,7 @@ def earlier_package(folder):
     for name in ("usr/bin/zelta-agent", "usr/lib/zelta/libzelta_vsc.so",
                  "usr/lib/zelta/libifdzelta.so"):
         with (content / name).open("ab") as file:
-            file.write(b"another build")  # after what is loaded of it
+            file.write(b"another build")  # after the part that is loaded
     for name in (AGENT_UNIT, *(path.lstrip("/") for path in CONFFILES)):
         with (content / name).open("a") as file:
             file.write(OLD_LINE.replace("#", ";") if name.endswith(".reg") else OLD_LINE)
@@ -170,7 +170,7 @@ class DebianInstallation(unittest.TestCase):
         self.dpkg("--install", "/tmp/zelta.deb")
 
     def dpkg(self, *words):
-        # The copy is in memory: nothing is gained by waiting for a disk.
+        # The copy is in memory: there is no disk to wait for.
         return self.system.run("dpkg", "--force-unsafe-io", *words)
 
     def readers(self):
@@ -219,7 +219,7 @@ class DebianInstallation(unittest.TestCase):
         self.system.run("useradd", "--system", "--no-create-home", "some-pcscd")
         self.system.path("/run/pcscd").mkdir()
         self.system.run("chown", "some-pcscd", "/run/pcscd")
-        # As the package's drop-in has systemd start it.
+        # Started as systemd does by the package's drop-in.
         self.start_pcscd("setpriv", "--reuid=some-pcscd", "--regid=some-pcscd", "--groups=zelta",
                          "--no-new-privs")
         self.start_agent()
@@ -296,14 +296,14 @@ class DebianInstallation(unittest.TestCase):
 
 
 class DocumentedInstallation(unittest.TestCase):
-    """What the documentation says for apt and dpkg, in a checkout in a copy of the system."""
+    """The documentation's commands for apt and dpkg, in a checkout in a copy of the system."""
 
     def setUp(self):
         self.system = CopiedSystem()
         self.addCleanup(self.system.close)
         self.system.bring(stack.SOURCE)
         self.add_program("sudo", 'exec "$@"')  # this is root
-        # What it would make is the package that is tested.
+        # It would make the package that is tested.
         self.system.path("/built").mkdir()
         for name in ("zelta-vsc", "zelta-vsc-dev"):
             shutil.copy(package(name), self.system.path("/built"))
@@ -499,12 +499,12 @@ class DebianService(SystemdTest):
                     for command in docs_commands.every_command()
                     if docs_commands.is_for_systemd(command)}
         self.assertGreater(len(commands), 4)
-        # What stops the agent goes before what starts it.
+        # Commands that stop the agent run before those that start it.
         for command in sorted(commands, key=lambda text: (" stop " not in text, text)):
             if command.startswith("systemctl edit"):  # on a terminal only
                 command = f"SYSTEMD_EDITOR=true script --quiet --return -c '{command}' /dev/null"
             result = self.system.run("sh", "-c", f"SYSTEMD_PAGER= {command}", check=False)
-            # `systemctl status` says with 3 that one of them does not run at the moment.
+            # `systemctl status` exits with 3 if one of them is not running.
             self.assertIn(result.returncode, (0, 3) if "status" in command else (0,),
                           f"{command}: {result.stdout}")
         self.wait_for_card()
@@ -538,7 +538,7 @@ class DebianUpgrade(SystemdTest):
     def assert_files_are_the_new_ones(self):
         self.assertFalse(self.system.path("/" + OLD_FILE).exists())
         self.assertNotIn(OLD_LINE, self.system.path("/" + AGENT_UNIT).read_text())
-        # dpkg compares them with what the package holds.
+        # dpkg compares them with the package's contents.
         changed = {line.split()[-1]
                    for line in self.system.run("dpkg", "--verify", "zelta-vsc", check=False)
                    .stdout.splitlines()}

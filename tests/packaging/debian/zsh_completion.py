@@ -1,4 +1,4 @@
-"""What zsh offers for a command line: the real completion, in a shell on a terminal of its own."""
+"""Zsh's completions of a command line: the real completion, in a shell on its own terminal."""
 
 import contextlib
 import os
@@ -7,7 +7,7 @@ import pty
 import subprocess
 import tempfile
 
-# Completes the line that is typed, notes what is offered in the file, and ends.
+# Completes the typed line, writes the offers to the file, and ends.
 STARTUP = """
 PROMPT= RPROMPT=
 zmodload zsh/complist

@@ -1,4 +1,4 @@
-"""The archive as it is handed out: what is in it, and that it is what was built."""
+"""The finished archive: its contents, and that they are the built files."""
 
 import os
 import pathlib

@@ -1,5 +1,5 @@
-"""docs/windows.md is followed under Wine, with the archive; what needs Windows stands below, with
-the reason."""
+"""Follows docs/windows.md under Wine, with the archive; steps that need Windows are listed below,
+with the reason."""
 
 import os
 import pathlib
@@ -43,7 +43,7 @@ NEEDS_WINDOWS = {
     r"powershell Get-Content -Wait (Get-ChildItem "
     r"C:\ProgramData\Vornhalt\ZeltaAgent\logs\zelta_vsc_*)[-1]": "Wine has no PowerShell",
 }
-# The page's blocks in sh that the suites run or that make what this test is given.
+# The page's sh blocks that the suites run or that make this test's input.
 BUILDING = ("./zelta test", "cmake --preset windows")
 
 LIMIT = 60

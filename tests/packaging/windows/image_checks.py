@@ -1,4 +1,4 @@
-"""What has to be true of the Windows binaries. Each check gives the problems that it finds."""
+"""Requirements on the Windows binaries. Each check returns the problems that it finds."""
 
 EXPORTS = {
     "DllCanUnloadNow",
@@ -8,7 +8,7 @@ EXPORTS = {
     "Microsoft_WDF_UMDF_Version",
 }
 
-# Libraries that every Windows has. A run-time of the compiler's would have to be installed as well.
+# Libraries that every Windows has. A compiler's run-time would have to be installed as well.
 WINDOWS_LIBRARIES = {
     "ADVAPI32.dll",
     "CFGMGR32.dll",
@@ -23,10 +23,10 @@ WINDOWS_LIBRARIES = {
     "WinSCard.dll",
 }
 
-# What Windows may do to keep an intruder from guessing addresses and from running data.
+# Flags that let Windows keep an intruder from guessing addresses and from executing data.
 HARDENING = {"DYNAMIC_BASE", "HIGH_ENTROPY_VA", "NX_COMPAT"}
 
-# Of KERNEL32.dll, which the library is to call.
+# Functions of KERNEL32.dll that the library must import.
 CALLS = {"DisableThreadLibraryCalls"}
 
 FRAMEWORK_VERSION = (1, 11, 0)  # major, minor, service

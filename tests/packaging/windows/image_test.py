@@ -1,4 +1,4 @@
-"""The finished library and agent for Windows, and that what is looked for would be found."""
+"""The finished library and agent for Windows, and that the checks find faults."""
 
 import os
 import pathlib
@@ -83,7 +83,7 @@ class WindowsImageChecks(unittest.TestCase):
         problems = ["does not import DisableThreadLibraryCalls"]
         spoilt = self.spoilt(b"DisableThreadLibraryCalls\0", b"DisableThreadLibraryTales\0")
         self.assertEqual(image_checks.call_problems(spoilt), problems)
-        # From another library it does not count.
+        # Importing it from another library does not count.
         spoilt = self.spoilt(b"KERNEL32.dll\0", b"KERNEL64.dll\0")
         self.assertEqual(image_checks.call_problems(spoilt), problems)
 

@@ -1,4 +1,4 @@
-"""What has to be true of the INF. Each check gives the problems that it finds."""
+"""Requirements on the INF. Each check returns the problems that it finds."""
 
 import dataclasses
 import datetime
@@ -19,7 +19,7 @@ SETTINGS = {
 
 @dataclasses.dataclass
 class Facts:
-    """What the rest of the project says."""
+    """Values from the rest of the project."""
 
     module: str  # the library's file name
     version: str  # the project's, of three numbers

@@ -1,4 +1,4 @@
-"""The text of a driver package's INF, taken apart."""
+"""Parses a driver package's INF."""
 
 import re
 

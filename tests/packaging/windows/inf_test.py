@@ -1,4 +1,4 @@
-"""The finished INF against the library and the sources, and that what is looked for is found."""
+"""The finished INF against the library and the sources, and that the checks find faults."""
 
 import datetime
 import os
@@ -113,7 +113,7 @@ class InfDate(unittest.TestCase):
 
 TOMORROW = datetime.datetime.now(datetime.timezone.utc) + datetime.timedelta(days=1)
 
-# What is changed, into what, and the problem that has to be found.
+# The text to change, its replacement, and the problem that must be found.
 SPOILT = [
     # form
     ("[Version]\r\n", "[Version]\r\n[version]\r\n", "[version] is there twice"),

@@ -1,4 +1,4 @@
-"""What a Windows program or library shows to the system that loads it, read with objdump."""
+"""A Windows program or library as the loading system sees it, read with objdump."""
 
 import os
 import pathlib
@@ -82,7 +82,7 @@ class PeImage:
         return int(re.search(r"^ImageBase\s+([0-9a-f]+)$", self._headers, re.M).group(1), 16)
 
     def exported_numbers(self, name, count):
-        """So many 32-bit numbers of an exported piece of data."""
+        """The first `count` 32-bit numbers of exported data."""
         begin = self.base() + self.exports()[name]
         dump = self._dump("--full-contents", f"--start-address={begin:#x}",
                           f"--stop-address={begin + 4 * count:#x}")
@@ -111,7 +111,7 @@ class PeImage:
     def _resource_section(self):
         with tempfile.TemporaryDirectory() as folder:
             content = pathlib.Path(folder, "resources")
-            # Written beside: without an output of its own objcopy would write the image anew.
+            # Written to a separate file: without an output file objcopy would rewrite the image.
             subprocess.run(
                 [OBJCOPY, f"--dump-section=.rsrc={content}", str(self.path), f"{folder}/image"],
                 check=False, capture_output=True,

@@ -1,4 +1,4 @@
-"""scripts/sign-windows.sh signs what was built, and Windows' form of signature verifies."""
+"""scripts/sign-windows.sh signs the built files, and the signatures verify."""
 
 import os
 import pathlib

@@ -1,4 +1,4 @@
-// The origin of this system's folders, and what they promise beyond the others'.
+// The origin of this system's folders, and their guarantees beyond those of others.
 #include <gtest/gtest.h>
 
 #include <filesystem>

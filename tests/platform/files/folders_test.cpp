@@ -1,4 +1,4 @@
-// What every implementation of the folders does: the system's, and the double.
+// The behaviour of every implementation of the folders: the system's, and the double.
 #include "tests/platform/files/folders_test.h"
 
 #include <gtest/gtest.h>

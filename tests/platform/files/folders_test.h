@@ -1,4 +1,4 @@
-// The folders that the suite of the folders runs on, in place for its lifetime.
+// The folders for the suite of the folders, installed while this object lives.
 #pragma once
 
 #include <filesystem>
@@ -13,7 +13,7 @@ class FoldersWorld {
  public:
   virtual ~FoldersWorld() = default;
   virtual platform::FolderApi& api() = 0;
-  // What the calls are to give, without a separator at the end.
+  // The paths that the calls must return, without a separator at the end.
   virtual std::filesystem::path programData() const { return folder_.path(); }
   std::filesystem::path temporary() const { return folder_.path() / "temporary"; }
   std::filesystem::path current() const { return folder_.path() / "current"; }

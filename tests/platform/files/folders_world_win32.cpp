@@ -23,7 +23,7 @@ class ScopedTemporaryPath {
   wchar_t before_[kCapacity] = L"";
 };
 
-// The known folder is the system's, as the variable that the system sets tells it.
+// The known folder is the system's; the system also sets a variable to it.
 class SystemFoldersWorld final : public FoldersWorld {
  public:
   platform::FolderApi& api() override { return platform::systemFolders(); }

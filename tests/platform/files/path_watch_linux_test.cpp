@@ -32,7 +32,7 @@ void relink(const fs::path& target, const fs::path& link) {
   fs::rename(link.string() + ".new", link);
 }
 
-// One way to change what a folder's etc/zelta/file is.
+// One way to change a folder's etc/zelta/file.
 struct Way {
   const char* name;
   void (*prepare)(const fs::path& folder, const fs::path& file);
@@ -180,7 +180,7 @@ TEST(PathWatch, EventsLostFromAFullQueue_AreNews) {
   write(folder.file("0"));
   write(folder.file("1"));
   PathWatch watch({folder.file("file")});
-  // What does not matter fills the queue, so that there is no room for the one event that does.
+  // Irrelevant events fill the queue, so that there is no room for the relevant one.
   for (std::size_t i = 0; i <= queue; ++i) {
     fs::permissions(folder.file(std::to_string(i % 2)), fs::perms::owner_read);
   }

@@ -111,7 +111,7 @@ TEST_F(AskSocket, ServerThatAnswersByteByByte_CostsTheLimitInAll) {
     const timeval pause{0, 10000};  // well below the limit
     setsockopt(client.get(), SOL_SOCKET, SO_RCVTIMEO, &pause, sizeof pause);
     char none = 0;
-    // Until the client is gone.
+    // Sends until the client is gone.
     while (send(client.get(), "x", 1, MSG_NOSIGNAL) == 1) {
       static_cast<void>(recv(client.get(), &none, 1, 0));
     }

@@ -33,8 +33,8 @@ const PeerIdentity kMember{kOther, {kOtherGroup, kService}};
 const PeerIdentity kStranger{kOther, {kOtherGroup, 0}};
 const PeerIdentity kNobodyInTheGroup{kNobody, {kService}};
 
-// Who is admitted, one letter each: R root, S the own user, M a member of the service's group, X a
-// stranger, N nobody (who is in that group).
+// The admitted users, one letter each: R root, S the own user, M a member of the service's group, X
+// a stranger, N nobody (who is in that group).
 std::string admittedBy(const PipeAccess& access) {
   std::string admitted;
   if (access.admits(kRootUser)) admitted += 'R';

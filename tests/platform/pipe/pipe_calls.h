@@ -1,4 +1,4 @@
-// The calls of a test on one pipe, each with its outcome; the pipe is closed in the end.
+// The calls of a test on one pipe, each with its outcome; closes the pipe at the end.
 #pragma once
 
 #include <cstdint>
@@ -42,7 +42,7 @@ class PipeCalls {
   platform::PipeApi& pipes_;
   platform::PipeHandleValue pipe_ = platform::noPipe();
 
-  // Calls that can block, for threads of their own.
+  // Calls that can block, for separate threads.
   const std::function<bool()> connect_ = [this] { return pipes_.connect(pipe_); };
   const std::function<bool()> readByte_ = [this] {
     std::uint8_t byte = 0;

@@ -1,5 +1,5 @@
-// What the conformance suite of the pipes needs of an implementation, and how implementations may
-// differ.
+// The conformance suite's interface to an implementation of the pipes, and the permitted
+// differences.
 #pragma once
 
 #include <cstdint>
@@ -20,12 +20,12 @@ namespace error = platform::error;
 struct PipeDifferences {
   // A pipe takes clients again as soon as it has been disconnected; otherwise when it is connected.
   bool listensAfterDisconnect = true;
-  // A client is read from and written to before connect has let it in; otherwise it is nobody's.
+  // A client is read from and written to before connect has let it in; otherwise only after that.
   bool servesBeforeConnect = false;
   // A read returns as soon as there are bytes, and waits even if none are asked for; otherwise it
   // waits for as many as are asked for.
   bool readReturnsWhatIsThere = false;
-  // What a client has written and the pipe has not read is lost when the client leaves.
+  // A client's bytes that the pipe has not read are lost when the client leaves.
   bool leavingClientTakesItsBytes = false;
   // Writes return once they have been read; otherwise once they are handed over.
   bool writeWaitsForReader = false;
@@ -37,10 +37,10 @@ struct PipeDifferences {
   std::uint32_t nameInUse = error::kAccessDenied;
   std::uint32_t transferAfterDisconnect = error::kPipeListening;
   std::uint32_t readThatDisconnectEnds = error::kBrokenPipe;
-  // What calls give on the value that stands for a failed creation.
+  // Outcomes of calls on the value that stands for a failed creation.
   PipeOutcome cancelOfInvalidPipe = pipeError(error::kInvalidHandle);
   PipeOutcome closeOfInvalidPipe = pipeError(error::kInvalidHandle);
-  // What calls give that find nothing to do.
+  // Outcomes of calls that find nothing to do.
   PipeOutcome cancelOfNothing = pipeError(error::kNotFound);
   PipeOutcome flushWithoutClient = pipeError(error::kPipeListening);
   PipeOutcome flushAfterDisconnect = pipeError(error::kPipeListening);

@@ -1,5 +1,5 @@
-// What the system's pipes add on Linux to what every implementation does: who counts as a client,
-// calls of several threads, and a process without descriptors.
+// The system's pipes on Linux, beyond the common behaviour: who counts as a client, calls of
+// several threads, and a process without descriptors.
 #include <gmock/gmock.h>
 
 #include <cerrno>
@@ -24,7 +24,7 @@ class PipeEndTest : public SystemPipeTest {
  protected:
   void SetUp() override { createPipe(); }
 
-  // As a caller stops: cancels until the operation has ended.
+  // Cancels until the operation has ended, like a caller that stops.
   PipeOutcome outcomeOfCancelled(const std::function<bool()>& waiting) {
     PipeCallThread call(waiting);
     while (!call.ended() && !pipes_.cancel(pipe_)) std::this_thread::yield();
@@ -197,7 +197,7 @@ TEST_F(PipeEndTest, ClosedPipe_LeavesNoDescriptorOpen) {
     expectRefused(error::kAccessDenied);
     closePipe();
     client.close();
-    // The threads have not been joined: the calls gave up their descriptors by themselves.
+    // The threads have not been joined: the calls released their descriptors by themselves.
     EXPECT_LE(openFiles().size(), before);
   }
 }

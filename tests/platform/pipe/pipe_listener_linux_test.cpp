@@ -1,5 +1,5 @@
-// A pipe's place in the file system: what is replaced, what stays untouched, what is left behind,
-// and who is let in there.
+// A pipe's place in the file system: which files are replaced, kept or left behind, and who is let
+// in.
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -305,11 +305,11 @@ class PipeForeignUserTest : public PipePlaceTest {
  protected:
   void SetUp() override {
     ASSERT_EQ(geteuid(), 0U) << "this test becomes other users and has to start as root";
-    // The way to the root folder; what lies below it is the pipe's.
+    // Opens the root folder to all; the folders below it belong to the pipe.
     fs::permissions(folder_.path(), fs::perms(0777));
   }
 
-  // The error number of one connect by another user.
+  // Connects once as another user; returns the error number.
   int connectAs(uid_t user, gid_t group, const std::vector<gid_t>& groups = {}) {
     return inProcess([&] {
       ScopedFd socket;
@@ -320,7 +320,7 @@ class PipeForeignUserTest : public PipePlaceTest {
     fs::permissions(path(), fs::perms(0777));
     for (const fs::path& folder : made()) fs::permissions(folder, fs::perms(0777));
   }
-  // As they would be if the service's group existed.
+  // The access if the service's group existed.
   static PipeAccess groupAccess() {
     const platform::SddlResult parsed = platform::parseSddl(kPipeSddl);
     EXPECT_EQ(parsed.error, error::kSuccess);

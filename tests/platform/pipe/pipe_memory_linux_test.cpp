@@ -1,5 +1,5 @@
 // Memory that runs out in the system's pipes: a call fails with ERROR_NOT_ENOUGH_MEMORY (8) or
-// succeeds, what it began is taken back, and transfers, cancel and close need no memory at all.
+// succeeds, partial work is undone, and transfers, cancel and close need no memory at all.
 #include <algorithm>
 #include <filesystem>
 #include <functional>
@@ -60,7 +60,7 @@ TEST_F(PipeMemoryTest, CreateThatFails_LeavesNothing) {
 }
 
 TEST_F(PipeMemoryTest, ConversionThatFails_CanBeTriedAgain) {
-  // Not one that another test has converted: each text is kept.
+  // A text that no other test has converted: each text is kept.
   const std::string sddl = "D:(A;;GA;;;LS)(A;;GA;;;SY)(A;;GA;;;BA)(A;;GA;;;AN)";
   platform::PipeArguments arguments;
   withEveryShortage(
@@ -70,7 +70,7 @@ TEST_F(PipeMemoryTest, ConversionThatFails_CanBeTriedAgain) {
   EXPECT_NE(pipe_, platform::invalidPipe());
 }
 
-// The place that the next client comes to needs memory.
+// The place for the next client needs memory.
 TEST_F(PipeMemoryTest, DisconnectThatFails_DropsTheClientAndTheNextConnectMakesGood) {
   createPipe();
   PipeClient client = connected();

@@ -1,5 +1,5 @@
-// What every implementation of the pipes does: the system's, and the double that serialises as
-// Windows does. If implementations may differ, the world says how.
+// The behaviour of every implementation of the pipes: the system's, and the double that serialises
+// like Windows. The world says how an implementation differs.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -373,7 +373,7 @@ TEST_P(PipeTest, DisconnectThatMeetsABlockedRead_EndsItOrWaitsForIt) {
   world->waitUntilBlocked(pipe_, reading);
   PipeCallThread disconnecting([this] { return pipes_.disconnect(pipe_); });
   if (differs_.disconnectWaits) {
-    // It would wait for ever; a cancel lets both go.
+    // It would wait for ever; a cancel ends both.
     EXPECT_EQ(cancel(), kPipeOk);
     EXPECT_EQ(reading.outcome(), pipeError(error::kOperationAborted));
   } else {

@@ -1,6 +1,6 @@
 // Flush on real sockets. It ends when the client has read everything, however and whenever it
-// reads, and neither spins nor sleeps meanwhile. And it is a barrier: what a client has left unread
-// by its server is no answer to a command that the client has not read, whenever it leaves.
+// reads, and neither spins nor sleeps meanwhile. And it is a barrier: bytes that a client leaves
+// behind never answer a command that the client has not read, whenever it leaves.
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 
@@ -62,7 +62,7 @@ class PipeTransferTest : public SystemPipeTest {
   ScopedFd client_;
 };
 
-// What happens step by step, in one letter each, and what the flush comes to:
+// The steps, one letter each, and the result of the flush:
 //   a  the client leaves an answer (8 bytes)      c, r  the first 4 and the last 5 bytes of a
 //   1..9  the client reads as many bytes                command are written
 //   F  the flush begins and blocks                L  the client closes its socket
@@ -205,7 +205,7 @@ TEST_F(PipeTransferTest, ClientFoundGoneByAWrite_IsReplacedByAConnect) {
   expectServed(connecting);
 }
 
-// At any moment from before the first write until the flush waits.
+// The client leaves at any moment from before the first write until the flush waits.
 TEST_F(PipeTransferTest, ClientLeavesAtAnyMoment_ItsOldAnswerIsNeverRead) {
   constexpr int kRounds = 2000;
   int stale = 0;
@@ -230,7 +230,7 @@ TEST_F(PipeTransferTest, ClientLeavesAtAnyMoment_ItsOldAnswerIsNeverRead) {
   EXPECT_EQ(stale, 0);
 }
 
-// The kernel tells a loss once: to whoever asks first, be it another thread's write.
+// The kernel reports a loss only once, to the first call, which may be another thread's write.
 TEST_F(PipeTransferTest, WriteOfAnotherThreadMeetsTheLoss_TheOldAnswerIsNeverRead) {
   constexpr int kRounds = 1000;
   int stale = 0;

@@ -10,7 +10,7 @@ namespace zelta::test {
 
 namespace {
 
-// A client whose writes stand until the pipe's end reads them or the client leaves.
+// A client whose writes stay pending until the pipe's end reads them or the client leaves.
 class SystemClient final : public PipeWorld::Client {
  public:
   explicit SystemClient(HANDLE pipe) : pipe_(pipe) {}
@@ -88,8 +88,8 @@ class SystemClient final : public PipeWorld::Client {
   std::list<Operation> writes_;  // begun; their bytes must stay where they are
 };
 
-// Wine does not serialise the operations of a handle, finds something to cancel and to flush where
-// there is nothing, and does not disconnect a pipe that no client has opened.
+// Wine does not serialise a handle's operations, reports a cancel or flush as successful even if
+// there is nothing pending, and does not disconnect a pipe that no client has opened.
 class SystemWorld final : public PipeWorld {
  public:
   SystemWorld() {
@@ -105,7 +105,7 @@ class SystemWorld final : public PipeWorld {
     differences.nameInUse = kPipeNameInUse;
     differences.transferAfterDisconnect = error::kPipeNotConnected;
     differences.readThatDisconnectEnds = error::kPipeNotConnected;
-    // The value is the number of the process itself, too.
+    // The value is also the pseudo-handle of the process.
     differences.cancelOfInvalidPipe = wine ? kPipeOk : pipeError(error::kInvalidHandle);
     differences.closeOfInvalidPipe = kPipeOk;
     differences.cancelOfNothing = wine ? kPipeOk : pipeError(error::kNotFound);

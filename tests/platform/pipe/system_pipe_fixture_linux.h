@@ -1,4 +1,4 @@
-// The system's pipes below a folder of the test's own.
+// The system's pipes below the test's own folder.
 #pragma once
 
 #include <gtest/gtest.h>

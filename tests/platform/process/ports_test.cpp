@@ -19,7 +19,7 @@ TEST(LastError, Number_IsEachThreadsOwnAndBeginsAtSuccess) {
     setLastError(error::kNoData);
     theirsIsSet = true;
   });
-  // Calls of the system, among them those to do with threads, may set it even if they succeed.
+  // System calls, also those for threads, may set it even if they succeed.
   setLastError(error::kBadPipe);
   mineIsSet = true;
   while (!theirsIsSet) {

@@ -8,7 +8,7 @@
 namespace zelta::platform {
 namespace {
 
-// That the process may use sockets; a socket is closed by its caller.
+// INVALID_SOCKET unless the process may open sockets. The caller closes the socket.
 SOCKET newSocket() { return socket(AF_INET, SOCK_STREAM, IPPROTO_TCP); }
 
 TEST(Winsock, SocketsWorkFromStartupToTheLastCleanup) {

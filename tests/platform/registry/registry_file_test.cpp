@@ -293,7 +293,7 @@ TEST(RegistryFile, FileCutOffAnywhere_IsReadUpToThere) {
   }
 }
 
-// Anything but cost in proportion to the size takes minutes here.
+// If the cost is not proportional to the size, this takes minutes.
 TEST(RegistryFile, HostileMegabyte_IsReadInSecondsAndItsEndIsFound) {
   const std::string bodies[] = {"x",           " ",
                                 "]",           "[HKLM\\A]] ",

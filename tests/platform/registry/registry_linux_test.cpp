@@ -1,5 +1,5 @@
-// The registry of a file: how it is read, reported on and watched. In how many ways a file can
-// change is path_watch_linux_test.cpp's concern.
+// The registry of a file: how it is read, reported on and watched. path_watch_linux_test.cpp tests
+// the ways in which a file can change.
 #include "platform/registry/registry_linux.h"
 
 #include <fcntl.h>
@@ -86,7 +86,7 @@ class RegistryLinux : public testing::Test {
     const std::uint32_t result = registry_.queryValue(key_, u"x", nullptr, &value, &size);
     return result == error::kSuccess ? std::optional(value) : std::nullopt;
   }
-  // As a reader that follows the value does: waits for changes until it is `wanted`.
+  // Waits for changes until the value is `wanted`, like a reader that follows it.
   void followUntil(std::optional<std::uint32_t> wanted) {
     do {
       arm();
@@ -106,7 +106,7 @@ class RegistryLinux : public testing::Test {
   std::uint32_t value_ = 0;
 };
 
-// Watches the key A of a registry that waits for writers as long as the test says.
+// Watches the key A of a registry with the test's limits for writers.
 class Hasty {
  public:
   Hasty(const std::string& file, const FileRegistry::WriterTimes& times)
@@ -201,7 +201,7 @@ TEST_F(RegistryLinux, ReaderOfAHalfWrittenFile_IsToldWhenItIsDone) {
   arm();
   const ScopedFd half(::open(file_.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
   EXPECT_EQ(number(), std::nullopt);
-  // In the end the file holds what it held before, but the reader has seen something else.
+  // At the end the file has its former content, but the reader has seen another one.
   const std::string text = content(1);
   ASSERT_EQ(::write(half.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
   ScopedFd(::open(file_.c_str(), O_WRONLY | O_CLOEXEC)).reset();
@@ -358,7 +358,7 @@ TEST(SystemRegistry, ItsFile_IsTheVariablesOrTheDefault) {
   }
 }
 
-// In a process of its own: what was reported once is not reported again in this one.
+// In a separate process: a report is not repeated in the same one.
 TEST(SystemRegistryDeathTest, LineNotUnderstood_IsReportedToStandardErrorOnce) {
   const test::TempFolder folder;
   write(folder.file("registry.reg"), "[HKLM\\A]\nwhat is this\n");

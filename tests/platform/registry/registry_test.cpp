@@ -1,4 +1,4 @@
-// What every registry does: the system's and the double that the other tests use.
+// The behaviour of every registry: the system's and the double that the other tests use.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -23,13 +23,13 @@ using Bytes = std::vector<std::uint8_t>;
 
 // How implementations may differ. The defaults are those of Linux.
 struct Differences {
-  // What reading a number gives if its value is shorter, and longer, than a number is.
+  // The result of reading a number from a value that is shorter, or longer, than a number.
   std::uint32_t readOfShortNumber = error::kInvalidData;
   std::uint32_t readOfLongNumber = error::kInvalidData;
-  // A number that is not read leaves what there was; otherwise anything may be there.
+  // A failed read leaves the number unchanged; otherwise it may be anything.
   bool failedReadLeavesTheNumber = true;
-  // A notification comes at once for what has changed since the key was opened, and since the
-  // notification before.
+  // A notification comes at once for changes since the key was opened, and since the previous
+  // notification.
   bool remembersChangesSinceOpening = true;
   bool remembersChangesBetween = true;
   // Writing the value that is there is a change.
@@ -44,12 +44,12 @@ struct Differences {
 #if defined(_WIN32)
 Differences systemDifferences() {
   Differences differs;
-  differs.readOfShortNumber = error::kSuccess;  // as many bytes as there are are copied
+  differs.readOfShortNumber = error::kSuccess;  // copies the existing bytes
   differs.readOfLongNumber = error::kMoreData;
   differs.failedReadLeavesTheNumber = false;
   differs.remembersChangesSinceOpening = false;
-  // Wine forgets a change that comes before the next notification is asked for, and takes the
-  // same value for no change.
+  // Wine loses a change that comes before the next notification is requested, and does not report
+  // the same value as a change.
   differs.remembersChangesBetween = !test::underWine();
   differs.sameValueIsAChange = !test::underWine();
   differs.closingSignals = true;
@@ -124,12 +124,12 @@ class RegistryTest : public testing::TestWithParam<Kind> {
     return events_.back();
   }
 
-  // The first signalled one; waits for it.
+  // Waits for an event; returns the index of the first signalled one.
   static std::uint32_t firstOf(const std::vector<EventHandle>& events) {
     return systemEvents().waitAny(events.data(), events.size());
   }
 
-  // That `event` is not signalled.
+  // True if `event` is not signalled.
   static bool isQuiet(EventHandle event) {
     const EventHandle sentinel = systemEvents().create();
     systemEvents().set(sentinel);

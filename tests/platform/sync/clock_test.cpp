@@ -56,13 +56,13 @@ TEST(WallClockWait, Deadline_EndsItWithWhatThePredicateGives) {
   const auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(systemWallClock().waitUntil(condition, lock, deadline, [] { return false; }));
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(19));
-  // One that has passed does not wait.
+  // A deadline that has passed is not waited for.
   EXPECT_FALSE(systemWallClock().waitUntil(condition, lock, 0, [] { return false; }));
   EXPECT_TRUE(systemWallClock().waitUntil(condition, lock, 0, [] { return true; }));
 }
 
 TEST(WallClockWait, Signal_EndsItWithTrue) {
-  // The second deadline is the latest that a rotation time gives.
+  // The second deadline is the latest possible rotation time.
   for (const std::int64_t ahead : {kTenYears, 2'147'483'647 * std::int64_t{60'000}}) {
     Mutex mutex;
     ConditionVariable condition;

@@ -7,7 +7,7 @@
 namespace zelta::platform {
 namespace {
 
-// The analysis knows no nesting, which is what is tested here.
+// The analysis does not know nesting, which this tests.
 void enter(CriticalSection& section) ZELTA_NO_THREAD_SAFETY_ANALYSIS { section.enter(); }
 bool tryEnter(CriticalSection& section) ZELTA_NO_THREAD_SAFETY_ANALYSIS {
   return section.tryEnter();

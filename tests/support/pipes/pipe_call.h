@@ -1,4 +1,4 @@
-// One call of a pipe on a thread of its own, with what it returned and left as its last error.
+// One call of a pipe on its own thread, with its result and its last error.
 //
 // The thread starts at once and is joined by `outcome` or the destructor: a call that never ends
 // holds the test up until its time-out.
@@ -38,8 +38,8 @@ class PipeCallThread {
   // already. Real pipes only; does not sleep.
   void waitUntilBlocked();
   bool ended() const { return ended_; }
-  // How often the thread has gone to sleep so far, as the kernel counts; after
-  // `waitUntilBlocked`. On Linux only.
+  // How often the thread has gone to sleep so far, by the kernel's count. Call after
+  // `waitUntilBlocked`. Linux only.
   std::uint64_t sleeps() const;
   // Waits for the end of the call.
   PipeOutcome outcome();
@@ -50,10 +50,10 @@ class PipeCallThread {
   std::atomic<int> threadId_{0};
   std::atomic<bool> ended_{false};
   PipeOutcome outcome_;
-  std::thread thread_;  // last: it uses the others
+  std::thread thread_;  // last: uses the members above
 };
 
-// A call that is blocked in the system, or has ended already, once this object is there.
+// A call that is blocked in the system, or has ended, once this object is constructed.
 class BlockedPipeCall : public PipeCallThread {
  public:
   explicit BlockedPipeCall(std::function<bool()> call) : PipeCallThread(std::move(call)) {

@@ -1,6 +1,6 @@
-// Windows tells whether a thread has an operation pending. Wine always denies it, so that under
-// Wine the kernel below is asked, by system calls of its own numbers: a thread whose operation is
-// pending reads the 16 bytes by which Wine's server wakes it; all its other reads are longer.
+// Windows tells whether a thread has an operation pending. Wine always denies it, so under Wine the
+// Linux kernel is asked by direct system calls: a thread whose operation is pending reads the 16
+// bytes by which Wine's server wakes it; all its other reads are longer.
 #include <windows.h>
 // windows.h comes first
 #include <cstdint>
@@ -30,7 +30,7 @@ std::int64_t linuxCall(LinuxNumber number, std::int64_t first = 0, const void* s
   return result;
 }
 
-// What the kernel says of the call that a thread waits in; empty for one that runs.
+// The kernel's line about the call that a thread waits in; empty for a running thread.
 std::string linuxSystemCall(int threadId) {
   const std::string path = "/proc/self/task/" + std::to_string(threadId) + "/syscall";
   const std::int64_t file = linuxCall(kOpen, reinterpret_cast<std::int64_t>(path.c_str()));

@@ -24,17 +24,17 @@ class PipeClient {
  public:
   static constexpr std::chrono::milliseconds kLimit{30000};
 
-  // Opens the pipe of that name (`\\.\pipe\A\B`), closing what was open before. One attempt:
+  // Opens the pipe of that name (`\\.\pipe\A\B`), closing an earlier pipe first. One attempt:
   // false if the pipe is not there or refuses; `error()` has the system's number then.
   bool connect(const std::string& pipeName);
-  // The same, but goes on until the pipe is there and takes the client. Waits on the file
-  // system's events, it does not poll.
+  // The same, but waits until the pipe exists and takes the client. Waits for the file system's
+  // events and does not poll.
   bool connectWhenListening(const std::string& pipeName, std::chrono::milliseconds limit = kLimit);
   bool connected() const { return pipe_.valid(); }
   // The system's own number (errno) of the last call that failed; 0 for an end of the stream.
   int error() const { return error_; }
 
-  // All the bytes or false.
+  // Writes all bytes, or returns false.
   bool write(const void* data, std::size_t size);
   bool write(const Bytes& bytes) { return write(bytes.data(), bytes.size()); }
   bool read(void* data, std::size_t size) { return readUpTo(data, size) == size; }
@@ -66,7 +66,7 @@ class PipeClient {
   using Handle = platform::ScopedFd;
 #endif
 
-  // False, with the reason as `error()`.
+  // Returns false, with the reason as `error()`.
   bool fail();
   // The number of bytes read; if they are fewer, `error()` says why.
   std::size_t readUpTo(void* data, std::size_t size);

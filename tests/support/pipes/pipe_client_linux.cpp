@@ -63,7 +63,7 @@ bool PipeClient::connectWhenListening(const std::string& pipeName,
   const Clock::time_point end = Clock::now() + limit;
   const std::string path = platform::pipeSocketPath(pipeName);
   if (path.empty()) return connect(pipeName);
-  // The watch stands before the attempt, so that what happens after it is seen.
+  // The watch begins before the attempt, so that later changes are seen.
   platform::PathWatch watch({std::filesystem::absolute(path).string()});
   while (!connect(pipeName)) {
     if (!waitForChange(watch, end)) return false;

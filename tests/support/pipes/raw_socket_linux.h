@@ -1,4 +1,4 @@
-// Sockets and processes that do not go through the pipes: what a stranger would do with a path.
+// Sockets and processes that bypass the pipes, as another program would use a path.
 #pragma once
 
 #include <sys/types.h>
@@ -19,13 +19,13 @@ int connectSocket(const std::string& path, platform::ScopedFd* socket, bool bloc
 bool nobodyWaits(const platform::ScopedFd& listening);
 
 // Runs a function in a forked process and returns its result (0 to 255), -1 if it did not end
-// by itself. The process leaves at once, as one that was killed: no destructor runs.
+// by itself. The process exits at once, as if killed: no destructor runs.
 int inProcess(const std::function<int()>& body);
 
 // Makes the calling process (a forked one) that user with those groups for good. Needs root.
 bool becomeUser(uid_t user, gid_t group, const std::vector<gid_t>& groups = {});
 
-// A forked process that runs `body` and then waits until this object goes.
+// A forked process that runs `body` and then waits until this object is destroyed.
 class OtherProcess {
  public:
   // Returns when `body` has run.
@@ -34,7 +34,7 @@ class OtherProcess {
   OtherProcess(const OtherProcess&) = delete;
   OtherProcess& operator=(const OtherProcess&) = delete;
 
-  // What `body` returned.
+  // The result of `body`.
   bool ready() const { return ready_; }
 
  private:

@@ -1,5 +1,5 @@
-// Logs of any bytes, shown in every look, and what must hold whatever they are. Shared by the
-// fuzzer and by the test that plays its corpus.
+// Shows any bytes as a log in every format, and checks what must always hold. Shared by the fuzzer
+// and by the test that plays its corpus.
 #pragma once
 
 #include <algorithm>
@@ -37,7 +37,7 @@ inline void checkRecord(std::string_view line) {
           "a record's time is one to compare with");
 }
 
-// What a terminal would obey.
+// False if a terminal would obey any part of the text.
 inline bool isHarmless(std::string_view text) {
   static constexpr std::string_view kTurning[] = {"\xD8\x9C",     "\xE2\x80\x8E", "\xE2\x80\x8F",
                                                   "\xE2\x80\xAA", "\xE2\x80\xAB", "\xE2\x80\xAC",
@@ -54,7 +54,7 @@ inline bool isHarmless(std::string_view text) {
                       [text](std::string_view each) { return text.find(each) != text.npos; });
 }
 
-// Without its colour, if it has one.
+// The text without its colour, if it has one.
 inline std::string_view plain(std::string_view shown) {
   static constexpr std::string_view kEnd = "\x1b[0m";
   if (shown.substr(0, 2) != "\x1b[") return shown;
@@ -64,7 +64,7 @@ inline std::string_view plain(std::string_view shown) {
   return shown.substr(0, shown.size() - kEnd.size());
 }
 
-// The lines of a log in one look.
+// Checks the lines of a log in one format.
 inline void checkLook(const std::vector<std::string>& lines, logs::Filter filter, logs::Look look) {
   const bool isPlain = !look.color && !look.escape;
   std::size_t shownLines = 0;
@@ -87,7 +87,7 @@ inline void checkLook(const std::vector<std::string>& lines, logs::Filter filter
   }
 }
 
-// The bytes as the driver dumps them, and what of them is shown.
+// Checks which bytes of a driver's dump are shown.
 inline void checkDump(const Bytes& command) {
   static constexpr std::uint8_t kPins[] = {0x20, 0x21, 0x24, 0x25, 0x26,
                                            0x27, 0x28, 0x29, 0x2C, 0x2D};

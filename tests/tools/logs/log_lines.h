@@ -1,4 +1,4 @@
-// Lines as the driver's log has them.
+// Lines of the driver's log.
 #pragma once
 
 namespace zelta::test {

@@ -47,7 +47,7 @@ class LogsTest(unittest.TestCase):
         return run("--no-follow", "--dir", self.folder, *options)[1]
 
     def show_on_terminal(self, *options, **variables):
-        """`script` gives its command a terminal of its own."""
+        """`script` gives its command its own terminal."""
         command = shlex.join([PROGRAM, "--no-follow", "--dir", str(self.folder), *options])
         result = subprocess.run(["script", "-qec", command, "/dev/null"], capture_output=True,
                                 text=True, timeout=LIMIT, env={**os.environ, **variables},
@@ -151,7 +151,7 @@ class LogsProgram(LogsTest):
         program.stdout.readline()
         shutil.rmtree(self.folder)
         _, problem = program.communicate(timeout=LIMIT)
-        self.folder.mkdir()  # for what removes it at the end
+        self.folder.mkdir()  # for the removal at the end
         self.assertEqual((program.returncode, problem),
                          (1, f"zelta-logs: there is no folder {self.folder}\n"))
 

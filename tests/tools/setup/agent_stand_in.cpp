@@ -1,6 +1,5 @@
-// Stands for zelta-agent.exe when setup makes and removes its service: as little of that as setup
-// relies on. `service install fail` makes nothing; `service install mute` makes one that does not
-// start.
+// Replaces zelta-agent.exe when setup makes and removes its service; does only what setup relies
+// on. `service install fail` makes nothing; `service install mute` makes one that does not start.
 #include <windows.h>
 
 #include <string>

@@ -13,7 +13,7 @@ namespace {
 
 using State = Part::Look::State;
 
-// Keeps what it was asked for in a list that all parts share, and does what it is told to.
+// Records its calls in a list that all parts share, and succeeds or fails as told.
 class FakePart final : public Part {
  public:
   struct Behaviour {

@@ -1,4 +1,4 @@
-// Who may enter the log folder, as Windows reads the access list.
+// The access to the log folder, as Windows reads the access list.
 #include <windows.h>
 // windows.h comes first
 #include <gtest/gtest.h>
@@ -31,7 +31,7 @@ TEST(LogFolderAccess, IsForTheSystemAdministratorsAndLocalServiceOnly) {
   SECURITY_DESCRIPTOR_CONTROL control = 0;
   DWORD revision = 0;
   ASSERT_TRUE(GetSecurityDescriptorControl(descriptor, &control, &revision));
-  EXPECT_TRUE(control & SE_DACL_PROTECTED);  // nothing of what ProgramData lets users do
+  EXPECT_TRUE(control & SE_DACL_PROTECTED);  // inherits no user's rights from ProgramData
 
   std::map<std::string, ACCESS_MASK> found;
   for (DWORD index = 0; index < list->AceCount; ++index) {

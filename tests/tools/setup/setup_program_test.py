@@ -9,7 +9,7 @@ import wine_machine as machine
 
 VERSION = os.environ["ZELTA_VERSION"]
 STAND_IN = pathlib.Path(os.environ["ZELTA_AGENT_STAND_IN"])
-AGENT_SERVICE = "ZeltaAgent7"  # as the one that stands for the agent calls it
+AGENT_SERVICE = "ZeltaAgent7"  # the name that the agent's stand-in uses
 
 DONE, FAILED, USAGE = 0, 1, 2
 

@@ -1,4 +1,4 @@
-"""A machine of the tests' own, which a Wine prefix stands for, and what is on it."""
+"""A Wine prefix that stands for the tests' own machine, and its contents."""
 
 import os
 import pathlib
