@@ -5,7 +5,8 @@
 // A card that was removed, an agent that was lost, a request that the driver answers with "no
 // media" and a device that is down are all IFD_ICC_NOT_PRESENT. A call whose card left while it ran
 // returns that, whatever the driver answered. The driver limits a call's time: five seconds for an
-// exchange with the agent, and at most as long again until it gets its turn.
+// exchange with the agent, and at most as long again until it gets its turn. Choosing a protocol
+// takes a second turn, in which the agent is told that its card is ready.
 //
 // A card whose ATR is invalid (atr.h) counts as mute, and the log says so.
 //

@@ -49,6 +49,7 @@ void Reader::IoSmartCardIsAbsent(IoRequest* request, std::size_t /*inLength*/,
     return;
   }
   const TracedLock lock(kHandler, waiting_.deviceLock(), __LINE__);
+  // Intentional: even if the next card is in by now. The caller must learn that this one has gone.
   if (question.overtaken()) {
     request->completeWithInformation(status::kSuccess, 0);
     return;
