@@ -25,7 +25,7 @@ case "${1:-}" in
     ;;
   --list) ;;
   -*) die_usage "mutate takes no '$1'; see ./zelta mutate --help" ;;
-  *) need_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" ;;
+  *) need_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" "${WINDOWS_PACKAGES[@]}" ;;
 esac
 
 PYTHONDONTWRITEBYTECODE=1 exec /usr/bin/python3 "$ZELTA_ROOT/tests/mutations/run_mutations.py" \

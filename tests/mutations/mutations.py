@@ -19,6 +19,11 @@ class Mutation:
     tests: str = "*"
     doc: str = ""
 
+    @property
+    def windows(self):
+        """Whether the code is Windows' only, so that its tests run under Wine."""
+        return self.file.endswith("_win32.cpp")
+
 
 MUTATIONS = (
     # --- Requests: completed once, by one, and not touched afterwards (docs/threads.md) ---
@@ -829,4 +834,103 @@ MUTATIONS = (
              "    : hold_(platform::openModuleOf(&theLogger)),",
              "    : hold_(nullptr),",
              "module_test", "LoadedModule*", doc="threads: mapped with logger"),
+    # --- Windows' pipes, which keep no answer for the driver ---
+    Mutation("next-command-overlooked", "an answer is not begun if the next command is there",
+             "agent/platform/pipe_connection_win32.cpp",
+             "  if (isSignalled(first_.done.get())) {\n"
+             "    return takeFirstByte() ? IoResult::kGivenUp : IoResult::kClosed;\n  }\n", "",
+             "agent_test", "*GivenUp*:ConnectedPipes*", doc="wire-protocol: given up on Windows 1"),
+    Mutation("next-command-not-awaited", "an answer that is not taken ends with the next command",
+             "agent/platform/pipe_connection_win32.cpp",
+             "{written_.get(), first_.done.get(), cancel_.get()}",
+             "{written_.get(), cancel_.get(), cancel_.get()}",
+             "agent_test", "*GivenUp*:ConnectedPipes*", doc="wire-protocol: given up on Windows 2"),
+    # --- Sentences of the pages that share a rule with others ---
+    Mutation("exchange-after-the-end", "taking the device down refuses further exchanges",
+             "agent_link/cancelable_pipe.cpp",
+             "    if (exchangesEnded_) return error::kOperationAborted;\n", "",
+             "agent_link_test", "CancelablePipe*:EndOfExchanges*",
+             doc="threads: taking down 1"),
+    Mutation("exchange-without-its-turn", "a query whose turn does not come leaves the pipe alone",
+             "agent_link/agent_queries.cpp",
+             "  if (!turn.holder_.has_value()) {", "  if (false) {",
+             "agent_link_test", "BoundedWaits*", doc="threads: turn limit"),
+    Mutation("turn-before-the-mark", "a notification is unmarked before it gives up its turn",
+             "agent_link/agent_queries.cpp",
+             "  const ExchangeTurn::Holder holder(turn_);\n"
+             "  // Begun before it is marked, so that a thread that cancels a notification always ends this one.\n"
+             "  PipeStream stream(pipe_);\n"
+             "  const Notification notification(*this);\n",
+             "  PipeStream stream(pipe_);\n"
+             "  const Notification notification(*this);\n"
+             "  const ExchangeTurn::Holder holder(turn_);\n",
+             "agent_link_test", "BoundedWaits*:*Notification*", doc="threads: notification mutex"),
+    Mutation("pipe-mutex-held-in-a-cancel", "a pipe's mutex is not held during a cancel",
+             "agent_link/cancelable_pipe.cpp",
+             "      lock.unlock();\n      platform::ports().pipes->cancel(handle());\n      lock.lock();",
+             "      platform::ports().pipes->cancel(handle());",
+             "agent_link_test", "CancelablePipe*", doc="threads: pipe's mutex"),
+    Mutation("gate-left-open", "taking the device down closes the gate first",
+             "driver/device/my_device.cpp", "  gate_.close();\n", "",
+             "driver_test", doc="threads: gate"),
+    Mutation("cancel-after-close", "the host lets no cancellation through after the close",
+             "host/io_engine.cpp",
+             "  const CallbackGate::Pass pass(gate_);\n  if (!pass) return;\n", "",
+             "host_test", doc="threads: refusal"),
+    Mutation("first-card-awaited-after-close", "closing ends the wait for the first card",
+             "pcsc/channel.cpp", "  presence_->close();\n", "",
+             "pcsc_test", "*FirstCard*:Channel*", doc="threads: first card limit"),
+    Mutation("factory-given-up", "the host keeps the class factory until it unloads the module",
+             "host/driver_module.cpp", "  return entry;\n", "  factory_.reset();\n  return entry;\n",
+             "module_test", doc="threads: unload without objects"),
+    Mutation("logger-joined-under-its-mutex", "the logger's threads are joined without its mutex",
+             "diagnostics/logging_facade.cpp",
+             "void shutDownLogging() { takeLogger(); }",
+             "void shutDownLogging() {\n  const MutexLock lock(loggerMutex);\n"
+             "  currentThreshold.store(kNoLogger, std::memory_order_relaxed);\n"
+             "  delete std::exchange(theLogger, nullptr);\n}",
+             "diagnostics_facade_test", doc="threads: counted until joined"),
+    Mutation("two-unload-questions", "one question at a time whether the module may go",
+             "driver/module/module.cpp",
+             "  const platform::MutexLock lock(ModuleReference::unloadMutex());\n", "",
+             "driver_test", "Module*", doc="threads: unload without objects"),
+    Mutation("file-replaced-under-a-record", "no record is written while the file is replaced",
+             "logging/file_logger_windows.cpp",
+             "    const MutexLock lock(writeMutex_);\n    startNewFile();", "    startNewFile();",
+             "logging_test"),
+    Mutation("movements-at-once", "a card's movements are told one at a time",
+             "agent/card/script_card.cpp",
+             "  const platform::MutexLock acting(acting_);\n", "",
+             "agent_test", "ScriptCard*"),
+    Mutation("trace-without-a-limit", "a client that does not read its trace loses records",
+             "agent/trace/trace_hub.cpp",
+             "if (lost_ != 0 || queue_.size() + line.size() > hub_.longestQueue_) {",
+             "if (lost_ != 0) {",
+             "agent_test", "TraceHub*"),
+    Mutation("line-waited-for", "sending to another machine never waits for it",
+             "agent/platform/descriptor_line_linux.cpp",
+             "      } else if (errno == EAGAIN) {\n        break;",
+             "      } else if (errno == EAGAIN) {\n        continue;",
+             "agent_test", "DescriptorLine*"),
+    Mutation("session-id-ignored", "the log goes on with the session id",
+             "agent_link/event_listener.cpp",
+             "    setSessionLogId(std::string(bytes.begin(), bytes.end()));",
+             "    (void)bytes;",
+             "agent_link_test", "EventListener*", doc="wire-protocol: effects 3"),
+    Mutation("insertion-leaves-the-state", "a card that is inserted is swallowed",
+             "agent_link/pipe_reader.cpp",
+             "    waiting().note(CardEvent::kInserted);\n    setState(SCARD_SWALLOWED);\n",
+             "    waiting().note(CardEvent::kInserted);\n",
+             "agent_link_test", "CardEvents*", doc="wire-protocol: effects 1"),
+    Mutation("protocol-without-reset", "choosing a protocol resets the card",
+             "reader/reader_protocol.cpp", "QueryAtr(atr, true)", "QueryAtr(atr, false)",
+             "reader_test", doc="wire-protocol: reset or not"),
+    Mutation("power-without-reset", "powering the card resets it",
+             "reader/reader_power.cpp",
+             "constexpr bool kWithReset = true;", "constexpr bool kWithReset = false;",
+             "reader_test", doc="wire-protocol: reset or not"),
+    Mutation("ready-not-told", "the agent is told that a protocol was chosen",
+             "reader/reader_protocol.cpp",
+             "  notifyCardReady();  // must not use the request, which is completed\n", "",
+             "reader_test"),
 )
