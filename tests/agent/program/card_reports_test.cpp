@@ -1,7 +1,9 @@
 // The whole agent reports its card to the driver and in its status.
+#include <limits>
 #include <thread>
 
 #include "tests/agent/program/agent_fixture.h"
+#include "tests/support/system.h"
 
 namespace zelta::test {
 namespace {
@@ -44,13 +46,22 @@ TEST_F(AgentTest, SwapsQuickerThanTheDriverReads_AreReportedInTurnsToTheLast) {
   }
   ASSERT_EQ(agent.agent().removeCard(), "");
   EXPECT_EQ(driver.queryAtr(AgentCommand::kQueryAtr), Bytes());  // after all events
-  std::size_t events =
-      agent.log().count("Card removal reported") + agent.log().count("Card insertion reported");
-  EXPECT_EQ(events % 2, 1u);
-  for (std::uint32_t expected = kRemoved; events > 0; --events) {
-    ASSERT_EQ(driver.readEvent(), expected);
+  std::size_t events = std::numeric_limits<std::size_t>::max();
+  if (kPipesKeepBytes) {
+    agent.stop();
+  } else {  // an event is logged before the next is handed over, so the last line may be missing
+    events =
+        agent.log().count("Card removal reported") + agent.log().count("Card insertion reported");
+    events |= 1;
+  }
+  std::uint32_t expected = kRemoved;
+  for (; events > 0; --events) {
+    const std::optional<std::uint32_t> event = driver.readEvent();
+    if (!event && kPipesKeepBytes) break;
+    ASSERT_EQ(event, expected);
     expected = expected == kRemoved ? kInserted : kRemoved;
   }
+  EXPECT_EQ(expected, kInserted);  // the last was a removal
 }
 
 // A driver that handles an insertion asks for the ATR before it reads the next event.
