@@ -218,6 +218,28 @@ TEST_F(BoundedWaits, QueuedQueriesOfASilentAgent_AreAllDoneWithinTwiceTheLimit) 
   EXPECT_GE(log_.count("[QueryAtr]Timeout"), 4u);
 }
 
+TEST_F(BoundedWaits, CancelOfANotification_DoesNotReachTheNextExchange) {
+  connect(2s);
+  auto notifying = beginNotification();
+  ASSERT_TRUE(waitUntilStuck());
+  auto first = beginCheck();
+  gaps_.holdNext(Call::kCancel, commandPipeName(0));
+  auto second = begin([this] {  // it has waited for the device lock
+    const ExchangeTurn::RequestScope scope(std::chrono::steady_clock::now() - 1900ms);
+    return reader().CheckATR();
+  });
+  ASSERT_TRUE(gaps_.waitUntilHeld());
+  expectCommand(AgentCommand::kNotifyCardReady);
+  std::this_thread::sleep_for(20ms);  // time for an exchange that begins too early
+  EXPECT_EQ(pipes_.unread(command_), 0u);
+  gaps_.letGo();
+  EXPECT_TRUE(notifying.get());
+  answerAtr(AgentCommand::kQueryAtr);
+  // On a loaded machine the second may have asked for its turn before the first.
+  if (second.get() == QueryResult::kSuccess) answerAtr(AgentCommand::kQueryAtr);
+  EXPECT_EQ(first.get(), QueryResult::kSuccess);
+}
+
 TEST_F(BoundedWaits, QueryThatHasEndedANotification_HasItsWholeLimit) {
   connect(1s);
   auto notifying = beginNotification();

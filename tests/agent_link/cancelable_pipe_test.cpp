@@ -303,6 +303,24 @@ TEST_F(CallThatNeverReturns, IsGivenUpByTheEndOfExchanges) {
   letReturn();
 }
 
+// A thread that is to leave its call needs the mutex for that.
+TEST_F(CallThatNeverReturns, IsCancelledWithoutThePipesMutex) {
+  struct AskingPipes : ForwardingPipes {
+    AskingPipes(platform::PipeApi& pipes, CancelablePipe& asked)
+        : ForwardingPipes(pipes), pipe(asked) {}
+    bool cancel(platform::PipeHandleValue handle) override {
+      pipe.epoch();  // blocks if the mutex is held
+      return ForwardingPipes::cancel(handle);
+    }
+    CancelablePipe& pipe;
+  };
+  AskingPipes asking(gaps_, pipe_);
+  const ScopedPipes scoped(asking);
+  pipe_.endExchanges();
+  expectGivenUp();
+  letReturn();
+}
+
 // On Windows a disconnect takes as long as the call does. The client must not be served again.
 TEST_F(CallThatNeverReturns, KeepsItsClientUntilTheNextConnectWhichWaitsForIt) {
   const CancelablePipe::DisconnectErrors errors = pipe_.disconnect();

@@ -56,6 +56,30 @@ TEST(ScriptCard, InsertionAndRemoval_AreToldInTurnsAndOnce) {
   EXPECT_EQ(started.notices.text(), "in out in ");
 }
 
+TEST(ScriptCard, InsertionWhileTheRemovalIsTold_WaitsForThat) {
+  struct Notices : test::CardNotices {
+    void cardRemoved() override {
+      told.set_value();
+      goOn.get_future().wait();
+      CardNotices::cardRemoved();
+    }
+    std::promise<void> told;
+    std::promise<void> goOn;
+  };
+  Notices notices;
+  ScriptCard card(parseScript("atr 3B00"), true);
+  card.start(notices);
+  auto removed = std::async(std::launch::async, [&card] { return card.remove(); });
+  notices.told.get_future().wait();
+  auto inserted = std::async(std::launch::async, [&card] { return card.insert(); });
+  EXPECT_EQ(inserted.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  notices.goOn.set_value();
+  EXPECT_EQ(removed.get(), "");
+  EXPECT_EQ(inserted.get(), "");
+  EXPECT_EQ(notices.text(), "in out in ");
+  card.stop();
+}
+
 TEST(ScriptCard, Removal_EndsACommandAtOnce) {
   Started started("atr 3B00\ncommand 01 -> 9000 after 1000s\non 01 remove");
   EXPECT_EQ(started.card.transmit({0x01}), Bytes());

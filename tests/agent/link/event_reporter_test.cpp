@@ -130,6 +130,19 @@ class TerseConnection : public Connection {
   TerseConnection() : Connection({test::kLong, test::kLong, test::kLong, Severity::kInfo}) {}
 };
 
+TEST_F(ConnectionEvents, EventThatThePipeDoesNotTakeAtOnce_IsNotOvertaken) {
+  events_.takeWrites(kSessionWrites);
+  commands_.holdWrites();
+  commands_.give(kAtrQuery);
+  commands_.waitUntilWriting();
+  EXPECT_EQ(slot_.remove(), "");
+  EXPECT_EQ(slot_.insert(), "");
+  events_.refuseTries(1);
+  commands_.letWrites();
+  EXPECT_EQ(event(1), kRemoved);
+  EXPECT_EQ(event(2), kInserted);
+}
+
 TEST_F(TerseConnection, SwapDuringAnAnswer_IsWrittenAfterItThoughTheLogIsSlow) {
   *reportsHeld_.lock() = true;
   commands_.give(kReady);

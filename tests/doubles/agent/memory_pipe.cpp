@@ -54,8 +54,11 @@ IoResult MemoryPipe::post(const void* data, std::uint32_t size,
 }
 
 bool MemoryPipe::tryPost(const void* data, std::uint32_t size) {
-  const bool refuses = state_.lock()->refusesTries;
-  return !refuses && post(data, size, agent::SteadyClock::now()) == IoResult::kDone;
+  {
+    const auto state = state_.lock();
+    if (state->refusedTries > 0) return --state->refusedTries, false;
+  }
+  return post(data, size, agent::SteadyClock::now()) == IoResult::kDone;
 }
 
 IoResult MemoryPipe::write(Bytes bytes, std::optional<agent::SteadyClock::time_point> deadline,

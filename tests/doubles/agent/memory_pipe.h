@@ -5,6 +5,7 @@
 #pragma once
 
 #include <functional>
+#include <limits>
 #include <optional>
 #include <vector>
 
@@ -24,8 +25,10 @@ class MemoryPipe : public agent::PipeConnection {
   // After this call the driver reads nothing until `letWrites`; a flush blocks as well.
   void holdWrites() { state_.lock()->held = true; }
   void letWrites() { state_.lock()->held = false; }
-  // From now on nothing is taken at once, as on Windows.
-  void refuseTries() { state_.lock()->refusesTries = true; }
+  // Takes nothing at once that often; by default never again, as on Windows.
+  void refuseTries(std::size_t times = std::numeric_limits<std::size_t>::max()) {
+    state_.lock()->refusedTries = times;
+  }
   // Blocks until a write is waiting.
   void waitUntilWriting() { state_.lock().wait(&State::writing); }
 
@@ -45,7 +48,7 @@ class MemoryPipe : public agent::PipeConnection {
     std::vector<Bytes> written;
     bool held = false;
     bool writing = false;
-    bool refusesTries = false;
+    std::size_t refusedTries = 0;
     bool cancelled = false;
   };
 

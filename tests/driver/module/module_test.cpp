@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <future>
+
 #include "contract/class_ids.h"
 #include "contract/status.h"
 #include "diagnostics/log_output.h"
@@ -104,6 +106,18 @@ TEST_F(Module, WithoutObjects_MayBeUnloadedAndShutsTheLoggerDownLast) {
   EXPECT_THAT(records[2].text, StartsWith("End section:DllCanUnloadNow elapsed:"));
   EXPECT_EQ(log_.shutDowns(), 1);
   EXPECT_EQ(log_.recordsAtShutDown(), 3u) << "the section's end line is written before";
+}
+
+TEST_F(Module, SecondUnloadQuery_WaitsUntilTheFirstHasShutTheLoggerDown) {
+  logInfo("a logger");
+  std::future<HRESULT> second;
+  log_.setShutDownHook([&second] {
+    second = std::async(std::launch::async, canUnload);
+    EXPECT_EQ(second.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  });
+  EXPECT_EQ(canUnload(), framework::kOk);
+  EXPECT_EQ(second.get(), framework::kOk);
+  EXPECT_EQ(log_.shutDowns(), 1);
 }
 
 TEST_F(Module, WithoutALogger_AnswersAndLogsNothing) {
