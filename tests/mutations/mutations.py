@@ -835,10 +835,11 @@ MUTATIONS = (
              "    : hold_(nullptr),",
              "module_test", "LoadedModule*", doc="threads: mapped with logger"),
     # --- Windows' pipes, which keep no answer for the driver ---
-    Mutation("next-command-overlooked", "an answer is not begun if the next command is there",
+    Mutation("next-byte-not-begun", "the next command's first byte is read before an answer",
              "agent/platform/pipe_connection_win32.cpp",
-             "  if (isSignalled(first_.done.get())) {\n"
-             "    return takeFirstByte() ? IoResult::kGivenUp : IoResult::kClosed;\n  }\n", "",
+             "  if (!beginFirstByte()) return IoResult::kClosed;\n  if (isSignalled(first_.done.get())) {\n"
+             "    return takeFirstByte() ? IoResult::kGivenUp : IoResult::kClosed;\n  }\n",
+             "",
              "agent_test", "*GivenUp*:ConnectedPipes*", doc="wire-protocol: given up on Windows 1"),
     Mutation("next-command-not-awaited", "an answer that is not taken ends with the next command",
              "agent/platform/pipe_connection_win32.cpp",
