@@ -23,7 +23,8 @@ set(ZELTA_LAYERS
 set(ZELTA_GENERATED_HEADERS zelta_build_version.h)
 
 # Headers in angle brackets that end in .h or .hpp belong to the operating system or to a library.
-# These folders and files may include any; the others only those in the list after it.
+# These folders and files may include any; the others only those in the list after it. In tools/,
+# each is the only user of its calls: the terminal, the log folder's watch, Windows' installer.
 set(ZELTA_SYSTEM_PLACES
   platform agent/platform tools/setup
   tools/logs/log_folder tools/logs/main tools/logs/prune
