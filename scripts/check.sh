@@ -7,7 +7,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 STAGES=(format layers shellcheck test fuzz soak tsan asan-ubsan tidy clang tidy-tests)
 # The folders whose classes are used by several threads.
 THREADED=(reader agent_link driver host pcsc agent platform)
-# CI has 50 minutes on two cores. The last stage takes 20 and is begun by then or not at all.
+# CI has 50 minutes on two cores. The last stage takes 20 and begins by then or not at all.
 LAST_BEGINS=$((28 * 60)) # seconds
 
 usage() {
