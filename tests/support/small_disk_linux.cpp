@@ -43,6 +43,8 @@ void onSmallDisk(std::size_t size,
       ADD_FAILURE() << "cannot mount: " << std::strerror(errno);
     }
   }).join();
+  // The test is skipped if this process may not mount, as in a plain chroot or without root: only a
+  // file system of its own can be filled without filling the machine's.
   if (!reason.empty()) GTEST_SKIP() << "a small disk is a mount: " << reason;
 }
 

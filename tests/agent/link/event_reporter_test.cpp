@@ -8,7 +8,23 @@ namespace {
 
 using std::chrono::milliseconds;
 
-class ConnectionEvents : public Connection {};
+class ConnectionEvents : public Connection {
+ protected:
+  using Connection::Connection;
+
+  // Returns while the command's answer is still being written.
+  void swapDuringTheAnswerTo(const Bytes& command) {
+    commands_.holdWrites();
+    commands_.give(command);
+    commands_.waitUntilWriting();
+    EXPECT_EQ(slot_.remove(), "");
+    EXPECT_EQ(slot_.insert(), "");
+  }
+  void expectSwap(std::size_t first) {
+    EXPECT_EQ(event(first), kRemoved);
+    EXPECT_EQ(event(first + 1), kInserted);
+  }
+};
 
 TEST_F(ConnectionEvents, SessionId_ComesFirstWithEachFieldAsOneWrite) {
   const std::string id = test::kSession;
@@ -30,16 +46,11 @@ TEST_F(ConnectionEvents, RemovalDuringACommand_IsWrittenBeforeItsAnswerOfLengthZ
 
 TEST_F(ConnectionEvents, SwapWhileAnAnswerIsWritten_IsReportedAfterIt) {
   events_.takeWrites(kSessionWrites);
-  commands_.holdWrites();
-  commands_.give(kAtrQuery);
-  commands_.waitUntilWriting();
-  EXPECT_EQ(slot_.remove(), "");
-  EXPECT_EQ(slot_.insert(), "");
+  swapDuringTheAnswerTo(kAtrQuery);
   EXPECT_EQ(events_.writes(), kSessionWrites);
   commands_.letWrites();
   EXPECT_EQ(commands_.takeWrites(1).back(), kAtrAnswer);
-  EXPECT_EQ(event(1), kRemoved);  // the card itself was learned through its ATR
-  EXPECT_EQ(event(2), kInserted);
+  expectSwap(1);  // the card itself was learned through its ATR
 }
 
 TEST_F(ConnectionEvents, CardThatComesAndGoesBeforeItsArrivalIsWritten_IsNotReported) {
@@ -125,59 +136,48 @@ TEST_F(ConnectionEvents, CardThatGoes_IsReportedBeforeTheRemovalReturns) {
 }
 
 // Commands are not logged, so they do not wait for the log.
-class TerseConnection : public Connection {
+class TerseConnection : public ConnectionEvents {
  protected:
-  TerseConnection() : Connection({test::kLong, test::kLong, test::kLong, Severity::kInfo}) {}
+  TerseConnection() : ConnectionEvents({test::kLong, test::kLong, test::kLong, Severity::kInfo}) {}
+
+  void reportTheCardAndHoldItsLogLine() {
+    *reportsHeld_.lock() = true;
+    commands_.give(kReady);
+    EXPECT_EQ(event(1), kInserted);
+  }
 };
 
 TEST_F(ConnectionEvents, EventThatThePipeDoesNotTakeAtOnce_IsNotOvertaken) {
   events_.takeWrites(kSessionWrites);
-  commands_.holdWrites();
-  commands_.give(kAtrQuery);
-  commands_.waitUntilWriting();
-  EXPECT_EQ(slot_.remove(), "");
-  EXPECT_EQ(slot_.insert(), "");
+  swapDuringTheAnswerTo(kAtrQuery);
   events_.refuseTries(1);
   commands_.letWrites();
-  EXPECT_EQ(event(1), kRemoved);
-  EXPECT_EQ(event(2), kInserted);
+  expectSwap(1);
 }
 
 TEST_F(TerseConnection, SwapDuringAnAnswer_IsWrittenAfterItThoughTheLogIsSlow) {
-  *reportsHeld_.lock() = true;
-  commands_.give(kReady);
-  EXPECT_EQ(event(1), kInserted);
-  commands_.holdWrites();
-  commands_.give(kTransmit);
-  commands_.waitUntilWriting();
-  EXPECT_EQ(slot_.remove(), "");
-  EXPECT_EQ(slot_.insert(), "");
+  reportTheCardAndHoldItsLogLine();
+  swapDuringTheAnswerTo(kTransmit);
   EXPECT_EQ(events_.writes(), kSessionWrites + 1);
   commands_.letWrites();
-  EXPECT_EQ(event(2), kRemoved);
-  EXPECT_EQ(event(3), kInserted);
+  expectSwap(2);
   *reportsHeld_.lock() = false;
 }
 
 // The first of them is being handed over, the others wait for its line in the log.
 TEST_F(TerseConnection, EventsThatThePipeDoesNotTakeAtOnce_KeepTheirOrder) {
   events_.refuseTries();
-  *reportsHeld_.lock() = true;
-  commands_.give(kReady);
-  EXPECT_EQ(event(1), kInserted);
+  reportTheCardAndHoldItsLogLine();
   EXPECT_EQ(slot_.remove(), "");
   EXPECT_EQ(slot_.insert(), "");
   EXPECT_EQ(events_.writes(), kSessionWrites + 1);
   *reportsHeld_.lock() = false;
-  EXPECT_EQ(event(2), kRemoved);
-  EXPECT_EQ(event(3), kInserted);
+  expectSwap(2);
 }
 
 TEST_F(TerseConnection, RemovalThatWaits_IsWrittenBeforeTheNextCommandIsAnswered) {
   events_.refuseTries();
-  *reportsHeld_.lock() = true;
-  commands_.give(kReady);
-  EXPECT_EQ(event(1), kInserted);
+  reportTheCardAndHoldItsLogLine();
   EXPECT_EQ(slot_.remove(), "");
   commands_.give(kAtrQuery);
   std::this_thread::sleep_for(milliseconds(20));  // time for an early answer

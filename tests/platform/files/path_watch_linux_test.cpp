@@ -180,7 +180,7 @@ TEST(PathWatch, EventsLostFromAFullQueue_AreNews) {
   write(folder.file("0"));
   write(folder.file("1"));
   PathWatch watch({folder.file("file")});
-  // Irrelevant events fill the queue, so that there is no room for the relevant one.
+  // Fills the queue with other files' events, which leaves no room for the watched file's.
   for (std::size_t i = 0; i <= queue; ++i) {
     fs::permissions(folder.file(std::to_string(i % 2)), fs::perms::owner_read);
   }
