@@ -4,7 +4,8 @@
     run_mutations.py FOLDER [--list] [NAME...]
 
 Works on a copy of the tracked sources in FOLDER/source, which is built in FOLDER/build and, for what
-is Windows' only, FOLDER/build-windows. They are kept for the next run. Ends with "N passed, N failed": a mutation that survives has failed."""
+is Windows' only, FOLDER/build-windows. They are kept for the next run. Ends with "N passed, N
+failed": a mutation that survives has failed."""
 import argparse
 import os
 import shutil
