@@ -8,9 +8,11 @@
 namespace zelta::host {
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 
 using TearDownTest = StartedHostTest;
 
@@ -20,6 +22,18 @@ TEST_F(TearDownTest, WaitingRequestsAreCompletedByTheDriversShutdown) {
   ASSERT_TRUE(operation->completed());
   EXPECT_EQ(operation->result().status, kCancelledStatus);
   EXPECT_THAT(errors(), IsEmpty());
+}
+
+TEST_F(TearDownTest, CancelWhileTheDriverShutsDown_IsLeftToTheDriver) {
+  std::shared_ptr<IoOperation> both[2];
+  for (auto& each : both) {
+    each = file_->submit(fake::kWait, {}, 8, [&both](const IoResult&) {
+      for (const auto& other : both) other->cancel();
+    });
+  }
+  host_->tearDown();
+  EXPECT_THAT(trace(), Not(Contains("OnCancel")));
+  for (const auto& each : both) EXPECT_EQ(each->result().status, kCancelledStatus);
 }
 
 TEST_F(TearDownTest, RequestsThatTheDriverKeepsAreCompletedByTheHost) {

@@ -75,6 +75,7 @@ class FakeDevice final
   HRESULT ZELTA_STDMETHODCALLTYPE OnQueryStop(IWDFDevice*) override { return framework::kOk; }
 
   void ZELTA_STDMETHODCALLTYPE OnCancel(IWDFIoRequest* request) override {
+    trace("OnCancel");
     const Inside inside(*this);
     ++counters_[kCancels];
     if (marking_ == request) ++counters_[kCancelsWhileMarking];
